@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "DeviceStreams.h"
+
+#include <Vorlix/platform/DeviceStream.h>
+#include <Vorlix/platform/Platform.h>
+
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace vorlix {
+namespace {
+
+// Enough for sector 0, the header and the 128 usual entries of a disk of 4096-byte blocks in one read.
+constexpr size_t kStreamBufferSize = size_t{32} * 1024;
+
+struct KeptOpen {
+  std::mutex mutex;
+  std::vector<Stream> streams;
+  std::vector<std::unique_ptr<DeviceHandle>> devices;
+};
+
+KeptOpen& kept() {
+  // Not destroyed at exit: what is kept stays open until the process ends.
+  static auto* const instance = new KeptOpen;
+  return *instance;
+}
+
+}  // namespace
+
+Stream openDeviceForReading(const char* path) {
+  std::unique_ptr<DeviceHandle> device =
+      platform().deviceFile->open(path, DeviceAccess::readOnly, DeviceLock::none);
+  if (!device) return nullptr;
+  Stream stream(streamOver(std::move(device)));
+  if (stream) std::setvbuf(stream.get(), nullptr, _IOFBF, kStreamBufferSize);
+  return stream;
+}
+
+void keepOpen(Stream stream) {
+  if (!stream) return;
+  const std::lock_guard lock(kept().mutex);
+  kept().streams.push_back(std::move(stream));
+}
+
+void keepOpen(std::unique_ptr<DeviceHandle> device) {
+  if (!device) return;
+  const std::lock_guard lock(kept().mutex);
+  kept().devices.push_back(std::move(device));
+}
+
+size_t keptOpenCount() {
+  const std::lock_guard lock(kept().mutex);
+  return kept().streams.size() + kept().devices.size();
+}
+
+void closeKeptOpen() {
+  const std::lock_guard lock(kept().mutex);
+  kept().streams.clear();
+  kept().devices.clear();
+}
+
+}  // namespace vorlix

@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Devices as the flat functions use them.
+#pragma once
+
+#include <Vorlix/platform/DeviceFile.h>
+
+#include <cstdio>
+#include <memory>
+
+namespace vorlix {
+
+/// Closes a stream at the end of its owner's life.
+struct StreamCloser {
+  void operator()(FILE* stream) const { std::fclose(stream); }
+};
+using Stream = std::unique_ptr<FILE, StreamCloser>;
+
+/// Opens a device (or a file) for reading through the platform in force. Null with `errno` set on failure.
+Stream openDeviceForReading(const char* path);
+
+/// Where hosts rely on a stream or a device staying open after a call, it is given to keepOpen(): it then lives until
+/// the process ends, reachable and counted. Null is ignored.
+void keepOpen(Stream stream);
+void keepOpen(std::unique_ptr<DeviceHandle> device);
+
+/// How many streams and devices have been given to keepOpen().
+size_t keptOpenCount();
+
+/// Closes what was kept open, for tests that run many cases in one process.
+void closeKeptOpen();
+
+}  // namespace vorlix

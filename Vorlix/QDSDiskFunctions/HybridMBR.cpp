@@ -1,0 +1,271 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/QDSDiskFunctions.h>
+#include <Vorlix/platform/DeviceFile.h>
+#include <Vorlix/platform/Platform.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "DeviceStreams.h"
+#include "Log.h"
+#include "PartitionRecords.h"
+
+using vorlix::DeviceAccess;
+using vorlix::DeviceHandle;
+using vorlix::DeviceLock;
+using vorlix::logMessage;
+
+namespace {
+
+// Fixed numbers that readers of the log can rely on.
+enum LogPlace : int {
+  kPlaceBadSignature = 569,
+  kPlaceNotProtective = 590,
+  kPlaceDeclined = 624,
+  kPlaceDeclinedAgain = 625,
+  kPlaceOpenFailed = 632,
+  kPlaceUpdatingUUID = 652,
+  kPlaceReadingMBR = 753,
+};
+
+constexpr uint64_t kHiddenSectorsOffset = 28;  // of a FAT or NTFS boot sector
+constexpr uint64_t kSerialOffset = 72;         // of an NTFS boot sector
+
+// One word from standard input; only its first character counts.
+bool terminalSaysYes() {
+  std::fflush(stdout);
+  char answer[2] = {};
+  return std::scanf("%1s", answer) == 1 && answer[0] == 'y';
+}
+
+bool confirmSharedAccess(const char* device) {
+  std::printf(
+      "Cannot get exclusive access to %s.  You'll need to reboot if you choose to continue.  Continue? <y/n> ", device);
+  return terminalSaysYes();
+}
+
+std::unique_ptr<DeviceHandle> openLocked(const char* device, DeviceLock lock) {
+  return vorlix::platform().deviceFile->open(device, DeviceAccess::readWrite, lock);
+}
+
+std::array<uint8_t, 8> randomSerial() {
+  std::array<uint8_t, 8> bytes = {};
+  if (const vorlix::Stream source{std::fopen("/dev/random", "rbe")}) {
+    std::setvbuf(source.get(), nullptr, _IONBF, 0);  // takes no more than is needed
+    // A source that fails leaves the bytes as they are; the serial is then not fresh, and nothing depends on it.
+    static_cast<void>(std::fread(bytes.data(), 1, bytes.size(), source.get()) == bytes.size());
+  }
+  return bytes;
+}
+
+bool writeWhole(DeviceHandle& device, const void* bytes, size_t count, uint64_t offset) {
+  return device.writeAt(bytes, count, offset) == static_cast<ssize_t>(count);
+}
+
+// An offset that no stream can reach puts it where nothing can be read.
+void seekStream(FILE* stream, uint64_t offset) {
+  constexpr auto kLargestOffset = static_cast<uint64_t>(std::numeric_limits<off_t>::max());
+  static_cast<void>(fseeko(stream, static_cast<off_t>(std::min(offset, kLargestOffset)), SEEK_SET));
+}
+
+// The first 446 bytes of a file; what a shorter file lacks is zero, which is common: boot code proper has 440 bytes.
+// False when it cannot be opened or read as a file.
+bool readBootCode(const char* path, uint8_t* bytes) {
+  const vorlix::Stream file(std::fopen(path, "rbe"));
+  if (!file) return false;
+  const size_t count = std::fread(bytes, 1, vorlix::kBootCodeSize, file.get());
+  std::fill(bytes + count, bytes + vorlix::kBootCodeSize, uint8_t{0});
+  return std::ferror(file.get()) == 0;
+}
+
+// Reads the disk's own MBR and builds the one its GPT asks for. False when there is no GPT.
+bool readTables(FILE* stream, const char* device, uint32_t partition, int guard, PartitionTable& fresh,
+                PartitionTable& disk) {
+  logMessage("Reading BIOS partition table line:%i\n", kPlaceReadingMBR);
+  uint32_t active = 0;
+  read_bios_partition_table(stream, &disk, &active);
+
+  const uint64_t blockSize = getblocksize(device);
+  logMessage("Blocksize is %li\n", static_cast<long>(blockSize));
+  seekStream(stream, blockSize);
+  logMessage("Reading GPT Header%s\n", "");
+  GPTHeader header = {};
+  read_gpt_header(stream, &header);
+  if (header.signature != vorlix::kGPTSignature) {
+    logMessage(
+        "Invalid GPT signature. Make sure this disk uses the GPT partitioning scheme.  Signature: %08llx",
+        static_cast<unsigned long long>(header.signature));
+    return false;
+  }
+
+  seekStream(stream, vorlix::entriesOffset(header, blockSize));
+  header.number_of_entries = vorlix::boundedEntryCount(header);
+  std::vector<GPTEntry> entries(header.number_of_entries);
+  logMessage("Reading GPT%s\n", "");
+  read_gpt(stream, &fresh, entries.data(), &header, partition != 0 ? partition : active, guard);
+  return true;
+}
+
+}  // namespace
+
+int update_mbr_and_partition(const char* device, const char* boot_code, uint32_t partition, uint32_t id,
+                             const char* volume, int guard, uint32_t start) {
+  logMessage("Updating MBR and Partition%s", "");
+  logMessage("NTFS Partition: %s", volume);
+  verbose_flag = 0;
+  if (id != 0 && partition == 0) {
+    logMessage("Can't change parition ID: no partition number specified.%s", "");
+    return -1;
+  }
+  if (id > 0xFF) {
+    logMessage("Can't change parition ID: id must be between 0x00 and 0xFF.%s", "");
+    return -1;
+  }
+
+  logMessage("Opening device %s\n", device);
+  vorlix::Stream stream = vorlix::openDeviceForReading(device);
+  if (!stream) {
+    logMessage("Error opening device file.%s", "");
+    return -1;
+  }
+  PartitionTable fresh = {};
+  PartitionTable disk = {};
+  if (!readTables(stream.get(), device, partition, guard, fresh, disk)) return -1;
+  stream.reset();
+
+  const bool namesSlot = partition >= 1 && partition <= vorlix::kSlotCount;
+  if (id != 0 && guard == 0 && namesSlot) fresh.parts[partition - 1].type = static_cast<uint8_t>(id);
+
+  logMessage("Checking MBR to see if it needs to be updated.%s\n", "");
+  if (ComparePartitionTables(fresh.parts, disk.parts) == -1) {
+    logMessage("MBR needs to be updated.%s\n", "");
+    logMessage("writing bios%s\n", "");
+    print_bios_partition_table(&fresh);
+    write_new_gpt(1, device, boot_code, &fresh);
+  } else {
+    logMessage("MBR does not need to be updated%s\n", "");
+  }
+
+  if (!namesSlot || guard != 0) return 0;
+  logMessage("Updating the FAT/NTFS start sector offset...%s\n", "");
+  logMessage("start sector is %i\n", static_cast<int>(start));
+  const int result = update_start_sector(1, 0, start, 0, volume);
+  logMessage(result == 0 ? "Update sector offset done.%s\n" : "could not update start sector.%s\n", "");
+  return result;
+}
+
+void write_new_gpt(int non_interactive, const char* device, const char* boot_code, const PartitionTable* table) {
+  logMessage("Writing new GPT on device %s.", device);
+  if (non_interactive == 0) {
+    std::printf("Are you sure you want to write out a new partition table? <y/n> ");
+    if (!terminalSaysYes()) {
+      std::printf("Exiting without writing.");
+      return;
+    }
+  }
+
+  logMessage("Opening device with exclusive lock.%s", "");
+  std::unique_ptr<DeviceHandle> handle = openLocked(device, DeviceLock::exclusive);
+  if (!handle) {
+    logMessage("Failed to open device.%s", "");
+    if (non_interactive == 0 && !confirmSharedAccess(device)) {
+      std::printf("Exiting without writing.");
+      return;
+    }
+    logMessage("Opening device with shared lock.%s", "");
+    handle = openLocked(device, DeviceLock::shared);
+    if (!handle) {
+      // "%{errono}d" is no conversion; it has always stood in the log as it is, and the number nowhere.
+      logMessage("Error trying to open device %s. Aborting.", "%{errono}d");
+      return;
+    }
+  }
+  logMessage("Device opened%s", "");
+
+  std::array<uint8_t, vorlix::kSectorSize> sector = {};
+  if (boot_code == nullptr) {
+    logMessage("No MBR file. Aborting%s", "");
+    vorlix::keepOpen(std::move(handle));
+    return;
+  }
+  logMessage("Opening MBR file at path %s", boot_code);
+  if (!readBootCode(boot_code, sector.data())) {
+    // Hosts rely on this end: without its boot code a half-deployed disk must not look done.
+    logMessage("Error opening MBR file. Aborting%s", "");
+    std::exit(-1);
+  }
+  const auto slots = vorlix::encodeSlots(table->parts);
+  std::copy(slots.begin(), slots.end(), sector.begin() + vorlix::kBootCodeSize);
+  if (table->signature != vorlix::kMBRSignature) {
+    logMessage(
+        "Signature is not AA55. Writing this would cause the partition table to be unreadable. Aborting. line:%i",
+        kPlaceBadSignature);
+    vorlix::keepOpen(std::move(handle));
+    return;
+  }
+  logMessage("Writing signature of %02x", static_cast<unsigned>(table->signature));
+  sector[510] = static_cast<uint8_t>(table->signature & 0xFF);
+  sector[511] = static_cast<uint8_t>(table->signature >> 8);
+
+  if (table->parts[0].type != vorlix::kProtectiveType) {
+    logMessage(
+        "Type of first partition in LBA 0 is not 0xEE.  Writing this would cause the partition table to be unreadable. "
+        "Aborting. line:%i",
+        kPlaceNotProtective);
+  } else if (writeWhole(*handle, sector.data(), sector.size(), 0)) {
+    // Neither result changes what the callers do: they read the sector back when they need to know.
+    static_cast<void>(handle->sync());
+  }
+  static_cast<void>(handle->close());
+}
+
+int update_start_sector(int non_interactive, uint64_t, uint32_t start, uint64_t, const char* volume) {
+  std::unique_ptr<DeviceHandle> device = openLocked(volume, DeviceLock::exclusive);
+  if (!device) {
+    if (non_interactive == 0 && !confirmSharedAccess(volume)) {
+      logMessage("Exiting without writing line:%i\n", kPlaceDeclined);
+      logMessage("exiting without writing line:%i\n", kPlaceDeclinedAgain);
+      return -1;
+    }
+    device = openLocked(volume, DeviceLock::shared);
+    if (!device) {
+      logMessage("error writing %s\n", volume);
+      logMessage("error while opening file to write line:%i", kPlaceOpenFailed);
+      return -1;
+    }
+  }
+
+  const std::array<uint8_t, 4> field = {static_cast<uint8_t>(start), static_cast<uint8_t>(start >> 8),
+                                        static_cast<uint8_t>(start >> 16), static_cast<uint8_t>(start >> 24)};
+  logMessage("writing out %02X %02X %02X %02X", field[0], field[1], field[2], field[3]);
+  logMessage("Updating start sector offset on %s\n", volume);
+  if (!writeWhole(*device, field.data(), field.size(), kHiddenSectorsOffset)) {
+    std::perror("Failed to write 4 byte start sector");
+    return -1;
+  }
+
+  const std::array<uint8_t, 8> serial = randomSerial();
+  logMessage("Updating UUID line:%i\n", kPlaceUpdatingUUID);
+  if (!writeWhole(*device, serial.data(), serial.size(), kSerialOffset)) {
+    std::perror("Failed to write 8 byte uuid");
+    return -1;
+  }
+  if (device->sync() != 0) {
+    std::perror("Failed to bring the boot sector to the device");
+    return -1;
+  }
+  static_cast<void>(device->close());
+  return 0;
+}
+
+int kbhit() {
+  pollfd input = {STDIN_FILENO, POLLIN, 0};
+  return poll(&input, 1, 0) > 0 && (input.revents & (POLLIN | POLLHUP)) != 0 ? 1 : 0;
+}

@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Log.h"
+
+#include <Vorlix/QDSDiskFunctions.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <utility>
+
+namespace vorlix {
+namespace {
+
+constexpr const char* kDefaultLogFile = "/tmp/quandrel.log";
+constexpr size_t kMessageSize = 1024;
+
+std::string& currentPath() {
+  static std::string path = kDefaultLogFile;
+  return path;
+}
+
+thread_local LogCapture* innermostCapture = nullptr;
+
+// The log has a predictable name in a folder that everyone may write, and root appends to it. So a link in its place is
+// not followed, a FIFO does not block us, and only a regular file is written. The file is created in a step of its own:
+// the kernel may refuse root an O_CREAT open of a file that another user made there, while a plain open is allowed.
+int openLog(const char* path) {
+  constexpr int kFlags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+  constexpr mode_t kMode = 0666;  // less the process's umask
+  int descriptor = open(path, kFlags);
+  if (descriptor < 0 && errno == ENOENT) {
+    descriptor = open(path, kFlags | O_CREAT | O_EXCL, kMode);
+    if (descriptor < 0 && errno == EEXIST) descriptor = open(path, kFlags);
+  }
+  if (descriptor < 0) return -1;
+  struct stat status = {};
+  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
+    close(descriptor);
+    return -1;
+  }
+  return descriptor;
+}
+
+void writeAll(int descriptor, const char* bytes, size_t count) {
+  while (count > 0) {
+    const ssize_t written = write(descriptor, bytes, count);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;  // a log that cannot be written never fails its caller
+    bytes += written;
+    count -= static_cast<size_t>(written);
+  }
+}
+
+}  // namespace
+
+const std::string& logFilePath() { return currentPath(); }
+
+void setLogFilePath(std::string path) { currentPath() = path.empty() ? kDefaultLogFile : std::move(path); }
+
+void logMessage(const char* format, ...) {
+  char message[kMessageSize];
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = vsnprintf(message, sizeof message, format, arguments);
+  va_end(arguments);
+  if (length >= 0) logLine(message);
+}
+
+LogCapture::LogCapture() : outer_(innermostCapture) { innermostCapture = this; }
+
+LogCapture::~LogCapture() { innermostCapture = outer_; }
+
+void LogCapture::collect(std::string_view message) {
+  if (innermostCapture != nullptr) innermostCapture->text_.append(message);
+}
+
+}  // namespace vorlix
+
+int logLine(const char* message) {
+  const int callersErrno = errno;
+  const size_t length = strnlen(message, vorlix::kMessageSize);
+  vorlix::LogCapture::collect({message, length});
+  const int log = vorlix::openLog(vorlix::logFilePath().c_str());
+  if (log < 0) {
+    vorlix::writeAll(STDERR_FILENO, "error opening log file", 22);
+  } else {
+    vorlix::writeAll(log, message, length);
+    close(log);
+  }
+  errno = callersErrno;
+  return 0;
+}

@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// How the library's own code writes to the log, and how tests and tools look at what was written.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace vorlix {
+
+/// Formats a message and hands it to logLine(). A message is cut at 1023 characters.
+void logMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/// Path of the log file. Privileged hosts and tools that read the log rely on the default.
+const std::string& logFilePath();
+
+/// Replaces the path of the log file, for tests that look at its exact content. An empty path restores the default.
+void setLogFilePath(std::string path);
+
+/// Collects what the calling thread logs during the object's life; the log file gets it as well. Captures nest: the
+/// innermost one collects.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  const std::string& text() const { return text_; }
+
+  /// Gives a message to the calling thread's innermost capture, if there is one.
+  static void collect(std::string_view message);
+
+ private:
+  std::string text_;
+  LogCapture* outer_;
+};
+
+}  // namespace vorlix

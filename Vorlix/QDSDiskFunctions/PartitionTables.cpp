@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/QDSDiskFunctions.h>
+#include <Vorlix/platform/DiskArbitration.h>
+#include <Vorlix/platform/Platform.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <vector>
+
+#include "DeviceStreams.h"
+#include "Log.h"
+#include "PartitionRecords.h"
+
+using vorlix::logMessage;
+
+namespace {
+
+// The log names the place a message comes from; the numbers are fixed so that readers of the log can rely on them.
+enum LogPlace : int {
+  kPlaceUnknownBlockSize = 215,
+  kPlaceComparing = 228,
+  kPlaceReadingGPT = 327,
+  kPlaceGuard = 419,
+  kPlaceTableGap = 468,
+  kPlaceTableTitle = 469,
+  kPlaceTableColumns = 470,
+  kPlaceTableRule = 471,
+};
+
+// Takes entries from a stream in large reads. Past the end of the stream an entry has no bytes.
+class EntryReader {
+ public:
+  EntryReader(FILE* stream, uint32_t count) : stream_(stream), left_(count) {}
+
+  vorlix::Bytes next() {
+    if (position_ == filled_) fill();
+    const size_t count = std::min(vorlix::kGPTEntrySize, filled_ - position_);
+    const vorlix::Bytes entry(buffer_.data() + position_, count);
+    position_ += count;
+    return entry;
+  }
+
+ private:
+  void fill() {
+    const size_t wanted = std::min<uint64_t>(buffer_.size(), uint64_t{left_} * vorlix::kGPTEntrySize);
+    filled_ = ended_ ? 0 : std::fread(buffer_.data(), 1, wanted, stream_);
+    ended_ = ended_ || filled_ < wanted;
+    left_ -= static_cast<uint32_t>(wanted / vorlix::kGPTEntrySize);
+    position_ = 0;
+  }
+
+  FILE* stream_;
+  uint32_t left_;
+  bool ended_ = false;
+  size_t filled_ = 0;
+  size_t position_ = 0;
+  std::array<uint8_t, 128 * vorlix::kGPTEntrySize> buffer_;
+};
+
+class SlotComparison {
+ public:
+  template <typename Integer>
+  void field(const char* format, Integer fresh, Integer disk) {
+    if (fresh == disk) return;
+    differs_ = true;
+    logDifference(format, static_cast<int>(fresh), static_cast<int>(disk));
+  }
+
+  bool differs() const { return differs_; }
+
+ private:
+  static void logDifference(const char* label, int fresh, int disk) { logMessage("%s%d - %d\n", label, fresh, disk); }
+
+  bool differs_ = false;
+};
+
+bool slotDiffers(const MBRPartitionEntry& fresh, const MBRPartitionEntry& disk) {
+  SlotComparison slot;
+  slot.field("lba is different: ", fresh.lba, disk.lba);
+  slot.field("lba size is different: ", fresh.size, disk.size);
+  slot.field("start_head is different: ", fresh.start_head, disk.start_head);
+  slot.field("start_sector is different: ", fresh.start_sector, disk.start_sector);
+  slot.field("start_track is different:  ", fresh.start_track, disk.start_track);
+  slot.field("end_head is different:  ", fresh.end_head, disk.end_head);
+  slot.field("end_sector is different: ", fresh.end_sector, disk.end_sector);
+  slot.field("end_track is different: ", fresh.end_track, disk.end_track);
+  slot.field("type is different: ", fresh.type, disk.type);
+  slot.field("flag is different: ", fresh.flag, disk.flag);
+  return slot.differs();
+}
+
+}  // namespace
+
+uint64_t getblocksize(const char* device) {
+  logMessage("Getting block size for device %s", device);
+  std::optional<int64_t> blockSize;
+  if (const auto session = vorlix::platform().diskArbitration->createSession()) {
+    if (const auto disk = session->diskFromBSDName(device)) {
+      if (const auto description = disk->copyDescription()) {
+        blockSize = description->integer(vorlix::kDescriptionMediaBlockSize);
+      }
+    }
+  }
+  if (!blockSize) logMessage("Error getting number. Unknown volume size line:%i", kPlaceUnknownBlockSize);
+  const auto result = static_cast<unsigned long long>(blockSize.value_or(0));
+  logMessage("Found blockSize: %llu", result);
+  return result;
+}
+
+int read_bios_partition_table(FILE* stream, PartitionTable* table, uint32_t* active) {
+  table->signature = vorlix::kMBRSignature;
+  std::array<uint8_t, vorlix::kSectorSize> sector;
+  const size_t count = std::fread(sector.data(), 1, sector.size(), stream);
+  vorlix::decodeMBR({sector.data(), count}, *table, active);
+  return 0;
+}
+
+int read_gpt_header(FILE* stream, GPTHeader* header) {
+  std::array<uint8_t, vorlix::kSectorSize> sector;
+  const size_t count = std::fread(sector.data(), 1, sector.size(), stream);
+  vorlix::decodeGPTHeader({sector.data(), count}, *header);
+  return 0;
+}
+
+void read_gpt(FILE* stream, PartitionTable* table, GPTEntry* entries, const GPTHeader* header, uint32_t active,
+              int guard) {
+  logMessage("Reading GPT. line:%i", kPlaceReadingGPT);
+  table->signature = vorlix::kMBRSignature;
+  logMessage("Setting signature to %02x", static_cast<unsigned>(table->signature));
+
+  EntryReader reader(stream, header->number_of_entries);
+  for (uint32_t i = 0; i < header->number_of_entries; ++i) {
+    const bool used = vorlix::decodeGPTEntry(reader.next(), entries[i]);
+    if (i >= vorlix::kSlotCount) continue;
+    table->parts[i] = used ? vorlix::hybridSlot(entries[i], i + 1 == active) : MBRPartitionEntry{};
+  }
+
+  if (guard == 1) {
+    logMessage("Changing to standard guard MBR line:%i", kPlaceGuard);
+    vorlix::makeGuard(*table, header->last_usable_lba);
+  }
+}
+
+int print_gpt(const GPTEntry* entries) {
+  constexpr int kPrintedEntries = 128;
+  std::puts(" -------------------------------------- GPT ----------------------------------");
+  std::puts("      start       size  index  contents");
+  int index = 0;
+  for (int i = 0; i < kPrintedEntries; ++i) {
+    const GPTEntry& entry = entries[i];
+    if (std::strcmp(entry.guid_text, vorlix::kUnusedGUID) == 0) continue;
+    // The column headed "size" has always carried the last LBA; scripts parse it so.
+    std::printf("%10lli %11lli %6i  GPT part - %s\n", static_cast<long long>(entry.first_lba),
+                static_cast<long long>(entry.last_lba), ++index, entry.guid_text);
+  }
+  return 0;
+}
+
+void print_bios_partition_table(const PartitionTable* table) {
+  logMessage("\n\n line:%i", kPlaceTableGap);
+  logMessage(" ----------------------------- BIOS Partition Table--------------------------\n line:%i",
+             kPlaceTableTitle);
+  logMessage(" #: id  cyl  hd sec -  cyl  hd sec [     start -       size]\n line:%i", kPlaceTableColumns);
+  logMessage("------------------------------------------------------------------------\n line:%i", kPlaceTableRule);
+  int number = 0;
+  for (const MBRPartitionEntry& slot : table->parts) {
+    logMessage((slot.flag & vorlix::kActiveFlag) != 0 ? "* %s" : " %s", "");
+    logMessage("%1i: %02X %4hu %3i %3i - %4hu %3i %3i [%10i - %10i]\n", ++number, static_cast<unsigned>(slot.type),
+               slot.start_track, slot.start_head, slot.start_sector, slot.end_track, slot.end_head, slot.end_sector,
+               static_cast<int>(slot.lba), static_cast<int>(slot.size));
+  }
+}
+
+int ComparePartitionTables(const MBRPartitionEntry* fresh, const MBRPartitionEntry* disk) {
+  logMessage("Comparing partition tables. line:%i", kPlaceComparing);
+  for (int i = 0; i < static_cast<int>(vorlix::kSlotCount); ++i) {
+    logMessage("Comparing partition index %d", i);
+    if (slotDiffers(fresh[i], disk[i])) return -1;
+  }
+  return 0;
+}
+
+int has_guard_mbr(const char* device) {
+  logMessage("Checking for guard MBR on disk %s", device);
+  PartitionTable table = {};
+  uint32_t active = 0;
+  vorlix::Stream stream = vorlix::openDeviceForReading(device);
+  if (stream) read_bios_partition_table(stream.get(), &table, &active);
+  // The device stays open after the call; hosts have been built on that.
+  vorlix::keepOpen(std::move(stream));
+  const bool guard = table.parts[1].type == 0;
+  logMessage(guard ? "Found guard MBR.%s" : "Found hybrid MBR%s", "");
+  return guard ? 1 : 0;
+}

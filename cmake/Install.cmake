@@ -1,0 +1,22 @@
+# SPDX-License-Identifier: Apache-2.0
+# What a host needs: both libraries, the simulated machine, headers, a CMake package and a pkg-config file.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS vorlix_headers vorlix_shared vorlix_static vorlix_simulated EXPORT VorlixTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY Vorlix/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlix FILES_MATCHING PATTERN "*.h"
+        PATTERN "QDSDiskFunctions" EXCLUDE)
+install(DIRECTORY foundation DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlix FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY platform DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlix FILES_MATCHING PATTERN "*.h"
+        PATTERN "linux" EXCLUDE PATTERN "macos" EXCLUDE PATTERN "posix" EXCLUDE)
+
+set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/Vorlix)
+install(EXPORT VorlixTargets NAMESPACE Vorlix:: DESTINATION ${package_folder})
+configure_package_config_file(cmake/VorlixConfig.cmake.in ${PROJECT_BINARY_DIR}/VorlixConfig.cmake
+                              INSTALL_DESTINATION ${package_folder})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/VorlixConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/VorlixConfig.cmake ${PROJECT_BINARY_DIR}/VorlixConfigVersion.cmake
+        DESTINATION ${package_folder})
+
+configure_file(cmake/vorlix.pc.in ${PROJECT_BINARY_DIR}/vorlix.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/vorlix.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

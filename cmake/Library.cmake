@@ -1,0 +1,72 @@
+# SPDX-License-Identifier: Apache-2.0
+# The library, compiled once and offered as a shared and as a static one, and the simulated machine for hosts' tests.
+
+set(VORLIX_SOURCES
+    Vorlix/QDSDiskFunctions/DeviceStreams.cpp
+    Vorlix/QDSDiskFunctions/HybridMBR.cpp
+    Vorlix/QDSDiskFunctions/Log.cpp
+    Vorlix/QDSDiskFunctions/PartitionRecords.cpp
+    Vorlix/QDSDiskFunctions/PartitionTables.cpp
+    Vorlix/Vorlix_vers.cpp
+    platform/Platform.cpp
+    platform/posix/FileHandle.cpp
+    platform/posix/PartitionExtents.cpp)
+
+if(APPLE)
+  set(VORLIX_ADAPTERS platform/macos)
+  list(APPEND VORLIX_SOURCES
+       platform/macos/DeviceFile.cpp
+       platform/macos/DeviceStream.cpp
+       platform/macos/DiskArbitration.cpp
+       platform/macos/NativePlatform.cpp
+       platform/macos/SyncDescriptor.cpp)
+else()
+  list(APPEND VORLIX_SOURCES
+       platform/linux/BlockDevices.cpp
+       platform/linux/DeviceFile.cpp
+       platform/linux/DeviceStream.cpp
+       platform/linux/DiskArbitration.cpp
+       platform/linux/DiskLock.cpp
+       platform/linux/NativePlatform.cpp
+       platform/linux/SyncDescriptor.cpp)
+endif()
+
+# Installed headers stand under one folder, <Vorlix/platform/...>; these links let the sources say the same.
+foreach(storey platform foundation)
+  file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/include/Vorlix)
+  file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${storey} ${PROJECT_BINARY_DIR}/include/Vorlix/${storey} SYMBOLIC)
+endforeach()
+
+add_library(vorlix_headers INTERFACE)
+target_include_directories(vorlix_headers INTERFACE
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+    $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+target_compile_features(vorlix_headers INTERFACE cxx_std_20)
+
+add_library(vorlix_objects OBJECT ${VORLIX_SOURCES})
+target_link_libraries(vorlix_objects PUBLIC vorlix_headers)
+if(APPLE)
+  target_link_libraries(vorlix_objects PUBLIC "-framework DiskArbitration" "-framework CoreFoundation")
+endif()
+
+foreach(kind SHARED STATIC)
+  string(TOLOWER ${kind} suffix)
+  add_library(vorlix_${suffix} ${kind} $<TARGET_OBJECTS:vorlix_objects>)
+  target_link_libraries(vorlix_${suffix} PUBLIC vorlix_headers)
+  if(APPLE)
+    target_link_libraries(vorlix_${suffix} PRIVATE "-framework DiskArbitration" "-framework CoreFoundation")
+  endif()
+  set_target_properties(vorlix_${suffix} PROPERTIES OUTPUT_NAME vorlix LINKER_LANGUAGE CXX)
+endforeach()
+set_target_properties(vorlix_shared PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+                                               EXPORT_NAME Vorlix)
+set_target_properties(vorlix_static PROPERTIES EXPORT_NAME VorlixStatic)
+add_library(Vorlix::Vorlix ALIAS vorlix_shared)
+add_library(Vorlix::VorlixStatic ALIAS vorlix_static)
+
+# Says nothing of which of the two libraries a test links; the host's choice serves the simulated machine, too.
+add_library(vorlix_simulated STATIC platform/simulated/SimulatedMachine.cpp)
+target_link_libraries(vorlix_simulated PUBLIC vorlix_headers)
+set_target_properties(vorlix_simulated PROPERTIES EXPORT_NAME Simulated)
+add_library(Vorlix::Simulated ALIAS vorlix_simulated)

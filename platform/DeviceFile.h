@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+/// @file
+/// Port: devices, slices and disk-image files as arrays of bytes.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace vorlix {
+
+enum class DeviceAccess { readOnly, readWrite };
+
+/// Advisory lock against other processes. It lies on the whole disk, also where a slice is opened.
+enum class DeviceLock { none, shared, exclusive };
+
+/// An open device. Offsets count from the start of what was opened: of the slice, where that is a slice.
+///
+/// One thread at a time uses a handle. Destroying it closes it.
+class DeviceHandle {
+ public:
+  virtual ~DeviceHandle() = default;
+
+  /// Reads up to `count` bytes at `offset`. @return the bytes read, fewer only where the device ends (0 at its end), or
+  /// -1 with `errno` set.
+  virtual ssize_t readAt(void* buffer, size_t count, uint64_t offset) = 0;
+
+  /// Writes `count` bytes at `offset`. A slice is never written past its end. @return the bytes written, fewer only
+  /// where the device ends, or -1 with `errno` set.
+  virtual ssize_t writeAt(const void* buffer, size_t count, uint64_t offset) = 0;
+
+  /// Brings what was written to the medium. @return 0, or -1 with `errno` set.
+  virtual int sync() = 0;
+
+  /// Size in bytes; absent when the system cannot tell.
+  virtual std::optional<uint64_t> size() = 0;
+
+  /// Closes the device and releases its lock. @return 0, or -1 with `errno` set, also when it was closed before.
+  virtual int close() = 0;
+};
+
+class DeviceFile {
+ public:
+  virtual ~DeviceFile() = default;
+
+  /// Opens a device, a disk-image file, or slice N of either (`<whole>s<N>`).
+  ///
+  /// A lock that cannot be had at once fails the call with EWOULDBLOCK (or what the system says of a device in use); no
+  /// call waits for one. A process that already holds the lock of a disk shares it with itself.
+  ///
+  /// @return the open device, or null with `errno` set (ENOENT for a slice that the disk does not have).
+  virtual std::unique_ptr<DeviceHandle> open(const std::string& path, DeviceAccess access, DeviceLock lock) = 0;
+};
+
+}  // namespace vorlix

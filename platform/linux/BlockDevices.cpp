@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "BlockDevices.h"
+
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include "../posix/SliceName.h"
+
+namespace vorlix {
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path sysfsFolder(dev_t device) {
+  return "/sys/dev/block/" + std::to_string(major(device)) + ":" + std::to_string(minor(device));
+}
+
+std::optional<uint32_t> readNumber(const fs::path& path) {
+  std::ifstream file(path);
+  uint32_t number = 0;
+  if (!(file >> number)) return std::nullopt;
+  return number;
+}
+
+// Kernel names write the "/" of a node in a sub-folder as "!".
+std::string nodeOf(std::string kernelName) {
+  std::replace(kernelName.begin(), kernelName.end(), '!', '/');
+  return "/dev/" + kernelName;
+}
+
+// The kernel's node of slice `number`, if the kernel knows that slice.
+std::optional<std::string> kernelSlice(dev_t whole, uint32_t number) {
+  std::error_code error;
+  for (const fs::directory_entry& entry : fs::directory_iterator(sysfsFolder(whole), error)) {
+    if (readNumber(entry.path() / "partition") == number) return nodeOf(entry.path().filename());
+  }
+  return std::nullopt;
+}
+
+DeviceLocation locateBlockDevice(const std::string& path, dev_t device) {
+  std::error_code error;
+  const fs::path folder = fs::canonical(sysfsFolder(device), error);
+  const std::optional<uint32_t> slice = error ? std::nullopt : readNumber(folder / "partition");
+  if (!slice) return {path, path, 0, false};
+  return {nodeOf(folder.parent_path().filename()), path, *slice, false};
+}
+
+std::optional<DeviceLocation> locateExisting(const std::string& path) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) return std::nullopt;
+  if (S_ISREG(status.st_mode)) return DeviceLocation{path, path, 0, true};
+  if (S_ISBLK(status.st_mode)) return locateBlockDevice(path, status.st_rdev);
+  errno = S_ISDIR(status.st_mode) ? EISDIR : ENOTBLK;
+  return std::nullopt;
+}
+
+std::optional<DeviceLocation> locatePath(const std::string& path) {
+  std::optional<DeviceLocation> found = locateExisting(path);
+  if (found || errno != ENOENT) return found;
+  const std::optional<SliceName> name = parseSliceName(path);
+  if (!name) {
+    errno = ENOENT;
+    return std::nullopt;
+  }
+  found = locateExisting(name->whole);
+  if (!found) return std::nullopt;
+  if (found->slice != 0) {  // a slice has no slices
+    errno = ENOENT;
+    return std::nullopt;
+  }
+  found->slice = name->number;
+  struct stat status = {};
+  if (!found->isImage && stat(found->whole.c_str(), &status) == 0) {
+    if (std::optional<std::string> node = kernelSlice(status.st_rdev, name->number)) found->node = *std::move(node);
+  }
+  return found;
+}
+
+}  // namespace
+
+std::optional<DeviceLocation> locateDevice(const std::string& name) {
+  std::optional<DeviceLocation> found = locatePath(name);
+  if (found || errno != ENOENT || name.empty() || name.find('/') != std::string::npos) return found;
+  return locatePath("/dev/" + name);
+}
+
+std::optional<uint32_t> kernelBlockSize(dev_t device) {
+  std::error_code error;
+  fs::path folder = fs::canonical(sysfsFolder(device), error);
+  if (error) return std::nullopt;
+  if (fs::exists(folder / "partition", error)) folder = folder.parent_path();
+  return readNumber(folder / "queue" / "logical_block_size");
+}
+
+}  // namespace vorlix

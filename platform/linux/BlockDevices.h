@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Device names on Linux: block devices by path or kernel name, disk-image files, and slices of either.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "../posix/FileHandle.h"
+
+namespace vorlix {
+
+/// Where the bytes of a named device are.
+struct DeviceLocation {
+  std::string whole;     ///< path of the whole disk: a block device node or a disk-image file
+  std::string node;      ///< path to open: `whole`, or the kernel's own node of the slice
+  uint32_t slice = 0;    ///< slice number, 0 for the whole disk
+  bool isImage = false;  ///< `whole` is a regular file
+  bool hasOwnNode() const { return slice == 0 || node != whole; }
+};
+
+/// Finds a device by path ("/dev/sda3", "mac.img"), by kernel name ("sda3") or as slice N of either ("sdas3",
+/// "/dev/nvme0n1s3", "mac.imgs3"). A path that exists is taken as it is. The slice of an image is not looked up.
+/// Absent with `errno` set: ENOENT, EISDIR, ENOTBLK for what is neither a block device nor a file, or what the system
+/// says.
+std::optional<DeviceLocation> locateDevice(const std::string& name);
+
+/// Logical block size of a block device by the kernel's own account. Absent when there is none.
+std::optional<uint32_t> kernelBlockSize(dev_t device);
+
+}  // namespace vorlix

@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <Vorlix/platform/DiskArbitration.h>
+
+namespace vorlix {
+
+/// Disks as the kernel's block devices and as disk-image files.
+class LinuxDiskArbitration final : public DiskArbitration {
+ public:
+  std::shared_ptr<DiskArbitrationSession> createSession() override;
+};
+
+}  // namespace vorlix

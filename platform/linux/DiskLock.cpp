@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "DiskLock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+#include <mutex>
+#include <tuple>
+#include <utility>
+
+namespace vorlix {
+namespace {
+
+class Lock {
+ public:
+  Lock(int descriptor, bool exclusive) : descriptor_(descriptor), exclusive_(exclusive) {}
+  ~Lock() { close(descriptor_); }
+  Lock(const Lock&) = delete;
+  Lock& operator=(const Lock&) = delete;
+
+  bool covers(DeviceLock wanted) const { return exclusive_ || wanted == DeviceLock::shared; }
+
+ private:
+  int descriptor_;
+  bool exclusive_;
+};
+
+using DiskKey = std::tuple<bool, dev_t, ino_t>;
+
+DiskKey keyOf(const struct stat& status) {
+  if (S_ISBLK(status.st_mode)) return {true, status.st_rdev, 0};
+  return {false, status.st_dev, status.st_ino};
+}
+
+struct HeldLocks {
+  std::mutex mutex;
+  std::map<DiskKey, std::weak_ptr<Lock>> locks;
+};
+
+HeldLocks& heldLocks() {
+  static auto* const instance = new HeldLocks;  // outlives every handle
+  return *instance;
+}
+
+}  // namespace
+
+std::shared_ptr<void> lockWholeDisk(const std::string& path, DeviceLock lock) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) return nullptr;
+  HeldLocks& held = heldLocks();
+  const std::lock_guard guard(held.mutex);
+  std::weak_ptr<Lock>& slot = held.locks[keyOf(status)];
+  if (std::shared_ptr<Lock> mine = slot.lock()) {
+    if (mine->covers(lock)) return mine;
+    errno = EWOULDBLOCK;
+    return nullptr;
+  }
+  const int descriptor = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  if (descriptor < 0) return nullptr;
+  const bool exclusive = lock == DeviceLock::exclusive;
+  if (flock(descriptor, (exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) != 0) {
+    const int reason = errno;
+    close(descriptor);
+    errno = reason;
+    return nullptr;
+  }
+  auto mine = std::make_shared<Lock>(descriptor, exclusive);
+  slot = mine;
+  return mine;
+}
+
+}  // namespace vorlix

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "FileHandle.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace vorlix {
+namespace {
+
+// Repeats a positioned transfer until all is done, the device ends, or it fails. What was transferred before a failure
+// counts, so that a caller sees how far it went.
+template <typename Transfer>
+ssize_t transferAll(size_t count, Transfer transfer) {
+  size_t done = 0;
+  while (done < count) {
+    const ssize_t step = transfer(done, count - done);
+    if (step < 0 && errno == EINTR) continue;
+    if (step < 0 && done == 0) return -1;
+    if (step <= 0) break;
+    done += static_cast<size_t>(step);
+  }
+  return static_cast<ssize_t>(done);
+}
+
+}  // namespace
+
+FileHandle::FileHandle(int descriptor, Extent window, std::shared_ptr<void> lock)
+    : lock_(std::move(lock)), descriptor_(descriptor), window_(window) {}
+
+FileHandle::~FileHandle() { static_cast<void>(FileHandle::close()); }
+
+size_t FileHandle::countInside(size_t count, uint64_t offset) const {
+  if (offset >= window_.size) return 0;
+  return static_cast<size_t>(std::min<uint64_t>(count, window_.size - offset));
+}
+
+ssize_t FileHandle::readAt(void* buffer, size_t count, uint64_t offset) {
+  return transferAll(countInside(count, offset), [&](size_t done, size_t rest) {
+    return pread(descriptor_, static_cast<char*>(buffer) + done, rest,
+                 static_cast<off_t>(window_.offset + offset + done));
+  });
+}
+
+ssize_t FileHandle::writeAt(const void* buffer, size_t count, uint64_t offset) {
+  const size_t inside = countInside(count, offset);
+  if (inside == 0 && count != 0) {
+    errno = ENOSPC;
+    return -1;
+  }
+  return transferAll(inside, [&](size_t done, size_t rest) {
+    return pwrite(descriptor_, static_cast<const char*>(buffer) + done, rest,
+                  static_cast<off_t>(window_.offset + offset + done));
+  });
+}
+
+int FileHandle::sync() { return syncDescriptor(descriptor_); }
+
+int FileHandle::close() {
+  if (descriptor_ < 0) {
+    errno = EBADF;
+    return -1;
+  }
+  const int result = ::close(std::exchange(descriptor_, -1));
+  lock_.reset();
+  return result;
+}
+
+}  // namespace vorlix

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A device handle over a file descriptor, whole or a window of it.
+#pragma once
+
+#include <Vorlix/platform/DeviceFile.h>
+
+#include <memory>
+
+namespace vorlix {
+
+/// A run of bytes on a disk.
+struct Extent {
+  uint64_t offset = 0;
+  uint64_t size = 0;
+};
+
+/// Reads and writes the bytes of `window`. Nothing outside it can be reached, so a disk-image file never grows.
+class FileHandle final : public DeviceHandle {
+ public:
+  /// Takes over `descriptor`. `lock` is let go after the descriptor is closed.
+  FileHandle(int descriptor, Extent window, std::shared_ptr<void> lock);
+  ~FileHandle() override;
+  FileHandle(const FileHandle&) = delete;
+  FileHandle& operator=(const FileHandle&) = delete;
+
+  ssize_t readAt(void* buffer, size_t count, uint64_t offset) override;
+  ssize_t writeAt(const void* buffer, size_t count, uint64_t offset) override;
+  int sync() override;
+  std::optional<uint64_t> size() override { return window_.size; }
+  int close() override;
+
+ private:
+  size_t countInside(size_t count, uint64_t offset) const;
+
+  std::shared_ptr<void> lock_;
+  int descriptor_;
+  Extent window_;
+};
+
+/// Brings a descriptor's data to the medium, through the medium's own cache where the system has a call for it.
+int syncDescriptor(int descriptor);
+
+}  // namespace vorlix

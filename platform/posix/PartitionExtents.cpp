@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "PartitionExtents.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <limits>
+
+namespace vorlix {
+namespace {
+
+// UEFI Specification 2.10, tables 5.1, 5.5 and 5.6.
+constexpr size_t kMBRSlots = 446;
+constexpr size_t kMBRSignature = 510;
+constexpr size_t kHeaderEntryLBA = 72;
+constexpr size_t kHeaderEntryCount = 80;
+constexpr size_t kEntrySize = 128;
+
+template <size_t size>
+bool readWhole(int descriptor, std::array<uint8_t, size>& bytes, uint64_t offset) {
+  if (offset > static_cast<uint64_t>(std::numeric_limits<off_t>::max())) return false;
+  return pread(descriptor, bytes.data(), size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
+}
+
+template <size_t size>
+uint64_t littleEndian(const std::array<uint8_t, size>& bytes, size_t offset, size_t count) {
+  uint64_t value = 0;
+  for (size_t i = count; i > 0; --i) value = value << 8 | bytes[offset + i - 1];
+  return value;
+}
+
+bool hasHeaderAt(int descriptor, uint32_t offset) {
+  std::array<uint8_t, 8> signature;
+  return readWhole(descriptor, signature, offset) && std::memcmp(signature.data(), "EFI PART", 8) == 0;
+}
+
+std::optional<Extent> extentOf(uint64_t first, uint64_t count, uint32_t blockSize, uint64_t diskSize) {
+  const uint64_t blocks = diskSize / blockSize;
+  if (first == 0 || count == 0 || first >= blocks) return std::nullopt;
+  return Extent{first * blockSize, std::min(count, blocks - first) * blockSize};
+}
+
+std::optional<Extent> gptExtent(int descriptor, uint64_t diskSize, uint32_t blockSize, uint32_t number) {
+  std::array<uint8_t, 92> header;
+  if (!readWhole(descriptor, header, blockSize)) return std::nullopt;
+  const uint64_t entryLBA = littleEndian(header, kHeaderEntryLBA, 8);
+  const uint64_t count = littleEndian(header, kHeaderEntryCount, 4);
+  if (number > count || entryLBA >= diskSize / blockSize) return std::nullopt;
+  std::array<uint8_t, kEntrySize> entry;
+  if (!readWhole(descriptor, entry, entryLBA * blockSize + (uint64_t{number} - 1) * kEntrySize)) return std::nullopt;
+  if (std::all_of(entry.begin(), entry.begin() + 16, [](uint8_t byte) { return byte == 0; })) return std::nullopt;
+  const uint64_t first = littleEndian(entry, 32, 8);
+  const uint64_t last = littleEndian(entry, 40, 8);
+  if (last < first) return std::nullopt;
+  const uint64_t blocks = std::min(last - first, std::numeric_limits<uint64_t>::max() - 1) + 1;
+  return extentOf(first, blocks, blockSize, diskSize);
+}
+
+std::optional<Extent> mbrExtent(int descriptor, uint64_t diskSize, uint32_t blockSize, uint32_t number) {
+  std::array<uint8_t, 512> sector;
+  if (number > 4 || !readWhole(descriptor, sector, 0)) return std::nullopt;
+  if (littleEndian(sector, kMBRSignature, 2) != 0xAA55) return std::nullopt;
+  const size_t slot = kMBRSlots + (number - 1) * 16;
+  if (sector[slot + 4] == 0) return std::nullopt;
+  return extentOf(littleEndian(sector, slot + 8, 4), littleEndian(sector, slot + 12, 4), blockSize, diskSize);
+}
+
+}  // namespace
+
+uint32_t imageBlockSize(int descriptor) {
+  for (const uint32_t size : {512U, 4096U}) {
+    if (hasHeaderAt(descriptor, size)) return size;
+  }
+  return 512;
+}
+
+std::optional<Extent> partitionExtent(int descriptor, uint64_t diskSize, uint32_t blockSize, uint32_t number) {
+  if (number == 0 || blockSize == 0) return std::nullopt;
+  if (hasHeaderAt(descriptor, blockSize)) return gptExtent(descriptor, diskSize, blockSize, number);
+  return mbrExtent(descriptor, diskSize, blockSize, number);
+}
+
+}  // namespace vorlix
