@@ -13,8 +13,12 @@ Platform& current() {
 
 }  // namespace
 
-const Platform& platform() { return current(); }
+const Platform& platform() {
+  return current();
+}
 
-Platform setPlatform(Platform replacement) { return std::exchange(current(), std::move(replacement)); }
+Platform setPlatform(Platform replacement) {
+  return std::exchange(current(), std::move(replacement));
+}
 
 }  // namespace vorlix

@@ -29,8 +29,7 @@ KeptOpen& kept() {
 }  // namespace
 
 Stream openDeviceForReading(const char* path) {
-  std::unique_ptr<DeviceHandle> device =
-      platform().deviceFile->open(path, DeviceAccess::readOnly, DeviceLock::none);
+  std::unique_ptr<DeviceHandle> device = platform().deviceFile->open(path, DeviceAccess::readOnly, DeviceLock::none);
   if (!device) return nullptr;
   Stream stream(streamOver(std::move(device)));
   if (stream) std::setvbuf(stream.get(), nullptr, _IOFBF, kStreamBufferSize);

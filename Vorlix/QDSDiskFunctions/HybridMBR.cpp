@@ -46,8 +46,8 @@ bool terminalSaysYes() {
 }
 
 bool confirmSharedAccess(const char* device) {
-  std::printf(
-      "Cannot get exclusive access to %s.  You'll need to reboot if you choose to continue.  Continue? <y/n> ", device);
+  std::printf("Cannot get exclusive access to %s.  You'll need to reboot if you choose to continue.  Continue? <y/n> ",
+              device);
   return terminalSaysYes();
 }
 
@@ -99,9 +99,8 @@ bool readTables(FILE* stream, const char* device, uint32_t partition, int guard,
   GPTHeader header = {};
   read_gpt_header(stream, &header);
   if (header.signature != vorlix::kGPTSignature) {
-    logMessage(
-        "Invalid GPT signature. Make sure this disk uses the GPT partitioning scheme.  Signature: %08llx",
-        static_cast<unsigned long long>(header.signature));
+    logMessage("Invalid GPT signature. Make sure this disk uses the GPT partitioning scheme.  Signature: %08llx",
+               static_cast<unsigned long long>(header.signature));
     return false;
   }
 

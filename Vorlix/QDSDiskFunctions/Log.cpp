@@ -56,9 +56,13 @@ void writeAll(int descriptor, const char* bytes, size_t count) {
 
 }  // namespace
 
-const std::string& logFilePath() { return currentPath(); }
+const std::string& logFilePath() {
+  return currentPath();
+}
 
-void setLogFilePath(std::string path) { currentPath() = path.empty() ? kDefaultLogFile : std::move(path); }
+void setLogFilePath(std::string path) {
+  currentPath() = path.empty() ? kDefaultLogFile : std::move(path);
+}
 
 void logMessage(const char* format, ...) {
   char message[kMessageSize];
@@ -69,9 +73,13 @@ void logMessage(const char* format, ...) {
   if (length >= 0) logLine(message);
 }
 
-LogCapture::LogCapture() : outer_(innermostCapture) { innermostCapture = this; }
+LogCapture::LogCapture() : outer_(innermostCapture) {
+  innermostCapture = this;
+}
 
-LogCapture::~LogCapture() { innermostCapture = outer_; }
+LogCapture::~LogCapture() {
+  innermostCapture = outer_;
+}
 
 void LogCapture::collect(std::string_view message) {
   if (innermostCapture != nullptr) innermostCapture->text_.append(message);

@@ -121,7 +121,7 @@ void decodeMBR(Bytes sector, PartitionTable& table, uint32_t* active) {
 }
 
 std::array<uint8_t, kSlotSize * kSlotCount> encodeSlots(const MBRPartitionEntry (&parts)[kSlotCount]) {
-  std::array<uint8_t, kSlotSize * kSlotCount> bytes = {};
+  std::array<uint8_t, kSlotSize* kSlotCount> bytes = {};
   uint8_t* to = bytes.data();
   for (const MBRPartitionEntry& slot : parts) {
     to[0] = slot.flag;
@@ -161,7 +161,9 @@ uint64_t entriesOffset(const GPTHeader& header, uint64_t blockSize) {
   return header.partition_entry_lba * blockSize;
 }
 
-uint32_t boundedEntryCount(const GPTHeader& header) { return std::min(header.number_of_entries, kMaximumEntries); }
+uint32_t boundedEntryCount(const GPTHeader& header) {
+  return std::min(header.number_of_entries, kMaximumEntries);
+}
 
 bool decodeGPTEntry(Bytes bytes, GPTEntry& entry) {
   takeBytes(bytes, 0, entry.type_guid);

@@ -34,8 +34,7 @@ std::optional<Extent> windowOf(int descriptor, const DeviceLocation& location) {
   const std::optional<uint64_t> size = sizeOf(descriptor);
   if (!size) return std::nullopt;
   if (location.hasOwnNode()) return Extent{0, *size};
-  const auto window =
-      partitionExtent(descriptor, *size, blockSizeOf(descriptor, location.isImage), location.slice);
+  const auto window = partitionExtent(descriptor, *size, blockSizeOf(descriptor, location.isImage), location.slice);
   if (!window) errno = ENOENT;
   return window;
 }

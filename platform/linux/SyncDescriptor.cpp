@@ -5,6 +5,8 @@
 
 namespace vorlix {
 
-int syncDescriptor(int descriptor) { return fsync(descriptor); }
+int syncDescriptor(int descriptor) {
+  return fsync(descriptor);
+}
 
 }  // namespace vorlix

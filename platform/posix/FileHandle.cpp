@@ -30,7 +30,9 @@ ssize_t transferAll(size_t count, Transfer transfer) {
 FileHandle::FileHandle(int descriptor, Extent window, std::shared_ptr<void> lock)
     : lock_(std::move(lock)), descriptor_(descriptor), window_(window) {}
 
-FileHandle::~FileHandle() { static_cast<void>(FileHandle::close()); }
+FileHandle::~FileHandle() {
+  static_cast<void>(FileHandle::close());
+}
 
 size_t FileHandle::countInside(size_t count, uint64_t offset) const {
   if (offset >= window_.size) return 0;
@@ -56,7 +58,9 @@ ssize_t FileHandle::writeAt(const void* buffer, size_t count, uint64_t offset) {
   });
 }
 
-int FileHandle::sync() { return syncDescriptor(descriptor_); }
+int FileHandle::sync() {
+  return syncDescriptor(descriptor_);
+}
 
 int FileHandle::close() {
   if (descriptor_ < 0) {

@@ -106,7 +106,9 @@ const char* operationName(Operation operation) {
   return "";
 }
 
-std::string range(uint64_t offset, size_t count) { return " " + std::to_string(offset) + "+" + std::to_string(count); }
+std::string range(uint64_t offset, size_t count) {
+  return " " + std::to_string(offset) + "+" + std::to_string(count);
+}
 
 }  // namespace
 
@@ -284,9 +286,13 @@ void SimulatedMachine::addSlice(const std::string& disk, uint32_t number, uint64
   state_->devices[disk + "s" + std::to_string(number)] = {disk, first * blockSize, count * blockSize};
 }
 
-void SimulatedMachine::hideBlockSize(const std::string& disk) { state_->disks.at(disk).blockSize.reset(); }
+void SimulatedMachine::hideBlockSize(const std::string& disk) {
+  state_->disks.at(disk).blockSize.reset();
+}
 
-void SimulatedMachine::refuseSessions() { state_->sessionsRefused = true; }
+void SimulatedMachine::refuseSessions() {
+  state_->sessionsRefused = true;
+}
 
 std::vector<uint8_t> SimulatedMachine::bytes(const std::string& device, uint64_t offset, size_t count) const {
   const Window& window = state_->device(device);
@@ -313,18 +319,23 @@ void SimulatedMachine::lockElsewhere(const std::string& disk, DeviceLock lock) {
   state_->disks.at(bareName(disk)).lockedElsewhere = lock;
 }
 
-std::vector<std::string> SimulatedMachine::journal() const { return state_->journal; }
+std::vector<std::string> SimulatedMachine::journal() const {
+  return state_->journal;
+}
 
 std::vector<std::string> SimulatedMachine::writes() const {
   std::vector<std::string> result;
-  std::copy_if(state_->journal.begin(), state_->journal.end(), std::back_inserter(result), [](const std::string& line) {
-    return line.rfind("write ", 0) == 0 || line.rfind("sync ", 0) == 0;
-  });
+  std::copy_if(state_->journal.begin(), state_->journal.end(), std::back_inserter(result),
+               [](const std::string& line) { return line.rfind("write ", 0) == 0 || line.rfind("sync ", 0) == 0; });
   return result;
 }
 
-void SimulatedMachine::clearJournal() { state_->journal.clear(); }
+void SimulatedMachine::clearJournal() {
+  state_->journal.clear();
+}
 
-size_t SimulatedMachine::openCount() const { return state_->openCount; }
+size_t SimulatedMachine::openCount() const {
+  return state_->openCount;
+}
 
 }  // namespace vorlix

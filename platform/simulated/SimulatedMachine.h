@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// A machine of one's own making, for tests: disks with bytes, other processes' locks, faults, and a journal of what was
-/// asked of it.
+/// A machine of one's own making, for tests: disks with bytes, other processes' locks, faults, and a journal of what
+/// was asked of it.
 ///
 ///     SimulatedMachine machine;
 ///     machine.addDisk("disk0", 1000 * 512, 512);
@@ -11,8 +11,8 @@
 ///     EXPECT_EQ(machine.journal(), ...);
 #pragma once
 
-#include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/DeviceFile.h>
+#include <Vorlix/platform/Platform.h>
 
 #include <cstdint>
 #include <memory>

@@ -1,8 +1,44 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <CLI/CLI.hpp>
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <cstdio>
+#include <exception>
+
+#include "Commands.h"
+#include "Failure.h"
 
 int main(int argc, char** argv) {
-  CLI::App app("Disks and boot records of Windows installations on Mac hardware");
-  CLI11_PARSE(app, argc, argv);
-  return 0;
+  using namespace vorlix::tool;
+  CLI::App app("Partition tables and boot records of disks that hold Windows beside macOS.", "vorlix");
+  app.set_version_flag("--version", "vorlix " VORLIX_VERSION);
+  app.require_subcommand(1);
+  app.footer(
+      "DISK is a block device (/dev/sda, sda), a disk-image file, or slice N of either as DISKsN (mac.imgs3).\n"
+      "Exit status: 0 nothing wrong or done, 1 a change is needed, 2 error.\n"
+      "The library's log is /tmp/quandrel.log.");
+
+  int status = kDone;
+  addShowCommand(app, status);
+  addHybridCommand(app, status);
+  addCheckCommand(app, status);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kDone : kError;
+  } catch (const Failure& failure) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "vorlix: %s\n", failure.what());
+    return kError;
+  } catch (const std::exception& error) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "vorlix: %s\n", error.what());
+    return kError;
+  }
+  // A table that did not reach its reader whole must not look like success.
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+    std::perror("vorlix: standard output");
+    return kError;
+  }
+  return status;
 }

@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The commands. Each adds itself to the command line and, when it is the one chosen, leaves its exit status in `status`
+// or throws Failure.
+#pragma once
+
+#include <CLI/App.hpp>
+
+namespace vorlix::tool {
+
+void addShowCommand(CLI::App& app, int& status);
+void addHybridCommand(CLI::App& app, int& status);
+void addCheckCommand(CLI::App& app, int& status);
+
+}  // namespace vorlix::tool

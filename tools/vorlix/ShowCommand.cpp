@@ -1,0 +1,203 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/QDSDiskFunctions.h>
+
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+#include "DiskTables.h"
+#include "Failure.h"
+#include "Text.h"
+
+namespace vorlix::tool {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int kSchema = 1;
+
+std::string chsText(unsigned cylinder, unsigned head, unsigned sector) {
+  return std::to_string(cylinder) + "/" + std::to_string(head) + "/" + std::to_string(sector);
+}
+
+std::string mbrKind(const DiskTables& disk) {
+  if (!disk.hasMBR()) return "none";
+  return disk.mbr.parts[1].type == 0 ? "guard" : "hybrid";
+}
+
+std::string diskSignature(const DiskTables& disk) {
+  uint32_t value = 0;
+  for (size_t i = 4; i > 0; --i) value = value << 8 | disk.sector0[440 + i - 1];
+  return hexDigits(value, 8);
+}
+
+class Comparison {
+ public:
+  explicit Comparison(const DiskTables& disk)
+      : disk_(disk), hybrid_(disk.header ? hybridTable(disk, disk.activeSlot) : PartitionTable{}) {}
+
+  const MBRPartitionEntry& hybrid(size_t index) const { return hybrid_.parts[index]; }
+  bool equal(size_t index) const { return disk_.header && sameSlot(disk_.mbr.parts[index], hybrid_.parts[index]); }
+  bool allEqual() const { return equal(0) && equal(1) && equal(2) && equal(3); }
+
+ private:
+  const DiskTables& disk_;
+  PartitionTable hybrid_;
+};
+
+Json slotJson(const MBRPartitionEntry& slot) {
+  return {
+      {"active", slot.flag == 0x80},
+      {"type", hexByte(slot.type)},
+      {"typeName", mbrTypeName(slot.type)},
+      {"firstLBA", slot.lba},
+      {"sectors", slot.size},
+      {"start", {{"cylinder", slot.start_track}, {"head", slot.start_head}, {"sector", slot.start_sector}}},
+      {"end", {{"cylinder", slot.end_track}, {"head", slot.end_head}, {"sector", slot.end_sector}}},
+  };
+}
+
+Json mbrJson(const DiskTables& disk) {
+  const Comparison comparison(disk);
+  Json slots = Json::array();
+  for (size_t i = 0; i < 4; ++i) {
+    Json slot = {{"slot", i + 1}};
+    slot.update(slotJson(disk.mbr.parts[i]));
+    slot["equalsHybrid"] = comparison.equal(i);
+    slot["hybrid"] = disk.header ? slotJson(comparison.hybrid(i)) : Json();
+    slots.push_back(std::move(slot));
+  }
+  return {
+      {"signatureValid", disk.hasMBR()},       {"kind", mbrKind(disk)},
+      {"activeSlot", disk.activeSlot},         {"diskSignature", diskSignature(disk)},
+      {"equalsHybrid", comparison.allEqual()}, {"slots", std::move(slots)},
+  };
+}
+
+uint64_t sizeOf(const GPTEntry& entry, uint64_t blockSize) {
+  return entry.last_lba < entry.first_lba ? 0 : (entry.last_lba - entry.first_lba + 1) * blockSize;
+}
+
+Json gptJson(const DiskTables& disk) {
+  if (!disk.header) return Json();
+  Json entries = Json::array();
+  for (size_t i = 0; i < disk.entries.size(); ++i) {
+    const GPTEntry& entry = disk.entries[i];
+    if (!isUsed(entry)) continue;
+    entries.push_back({
+        {"number", i + 1},
+        {"typeGUID", entry.guid_text},
+        {"typeName", gptTypeName(entry.guid_text)},
+        {"partitionGUID", guidText(entry.unique_guid)},
+        {"firstLBA", entry.first_lba},
+        {"lastLBA", entry.last_lba},
+        {"size", sizeOf(entry, disk.blockSize)},
+        {"attributes", hexDigits(entry.attributes, 16)},
+        {"name", partitionName(entry)},
+    });
+  }
+  return {
+      {"diskGUID", guidText(disk.header->disk_guid)},  {"firstUsableLBA", disk.header->first_usable_lba},
+      {"lastUsableLBA", disk.header->last_usable_lba}, {"entryLBA", disk.header->partition_entry_lba},
+      {"entryCount", disk.header->number_of_entries},  {"entries", std::move(entries)},
+  };
+}
+
+void printJson(const DiskTables& disk) {
+  const Json document = {
+      {"schema", kSchema},           {"disk", disk.device},  {"size", disk.size},
+      {"blockSize", disk.blockSize}, {"mbr", mbrJson(disk)}, {"gpt", gptJson(disk)},
+  };
+  // A path need not be UTF-8; what is not becomes U+FFFD.
+  std::puts(document.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+}
+
+std::string comparisonText(const DiskTables& disk, const Comparison& comparison, size_t index) {
+  if (!disk.header) return "";
+  if (comparison.equal(index)) return "equal";
+  const MBRPartitionEntry& hybrid = comparison.hybrid(index);
+  if (hybrid.type == 0 && hybrid.size == 0) return "differs: empty";
+  return "differs: " + hexByte(hybrid.type) + " at " + std::to_string(hybrid.lba) + ", " + std::to_string(hybrid.size) +
+         " sectors";
+}
+
+std::string mbrSummary(const DiskTables& disk) {
+  if (!disk.hasMBR()) return "none (no 55 AA signature)";
+  std::string text = mbrKind(disk);
+  text += disk.activeSlot == 0 ? ", no active slot" : ", active slot " + std::to_string(disk.activeSlot);
+  return text + ", disk signature " + diskSignature(disk);
+}
+
+void printMBR(const DiskTables& disk) {
+  const Comparison comparison(disk);
+  std::vector<std::vector<std::string>> rows = {
+      {"Slot", "Active", "Type", "", "First LBA", "Sectors", "Start C/H/S", "End C/H/S", "Hybrid MBR of the GPT"}};
+  for (size_t i = 0; i < 4; ++i) {
+    const MBRPartitionEntry& slot = disk.mbr.parts[i];
+    rows.push_back({std::to_string(i + 1), slot.flag == 0x80 ? "*" : "", hexByte(slot.type), mbrTypeName(slot.type),
+                    std::to_string(slot.lba), std::to_string(slot.size),
+                    chsText(slot.start_track, slot.start_head, slot.start_sector),
+                    chsText(slot.end_track, slot.end_head, slot.end_sector), comparisonText(disk, comparison, i)});
+  }
+  std::printf("\n%s", tableText(rows, "rlllrrrrl").c_str());
+}
+
+void printGPT(const DiskTables& disk) {
+  std::vector<std::vector<std::string>> rows = {{"Entry", "Type", "First LBA", "Last LBA", "Size", "Name"}};
+  std::vector<std::vector<std::string>> identifiers = {{"Entry", "Type GUID", "Partition GUID"}};
+  for (size_t i = 0; i < disk.entries.size(); ++i) {
+    const GPTEntry& entry = disk.entries[i];
+    if (!isUsed(entry)) continue;
+    rows.push_back({std::to_string(i + 1), gptTypeName(entry.guid_text), std::to_string(entry.first_lba),
+                    std::to_string(entry.last_lba), shortSizeText(sizeOf(entry, disk.blockSize)),
+                    printable(partitionName(entry))});
+    identifiers.push_back({std::to_string(i + 1), entry.guid_text, guidText(entry.unique_guid)});
+  }
+  std::printf("\n%s", tableText(rows, "rlrrrl").c_str());
+  std::printf("\n%s", tableText(identifiers, "rll").c_str());
+  if (disk.header->number_of_entries > disk.entries.size()) {
+    std::printf("\nThe header claims %u entries; the first %zu were read.\n", disk.header->number_of_entries,
+                disk.entries.size());
+  }
+}
+
+void printText(const DiskTables& disk) {
+  std::printf("Disk        %s\n", printable(disk.device).c_str());
+  std::printf("Size        %s\n", sizeText(disk.size).c_str());
+  std::printf("Block size  %llu bytes\n", static_cast<unsigned long long>(disk.blockSize));
+  std::printf("MBR         %s\n", mbrSummary(disk).c_str());
+  if (disk.header) {
+    std::printf("GPT         %u entries, usable LBA %llu to %llu, disk GUID %s\n", disk.header->number_of_entries,
+                static_cast<unsigned long long>(disk.header->first_usable_lba),
+                static_cast<unsigned long long>(disk.header->last_usable_lba),
+                guidText(disk.header->disk_guid).c_str());
+  } else {
+    std::printf("GPT         none\n");
+  }
+  if (disk.hasMBR()) printMBR(disk);
+  if (disk.header) printGPT(disk);
+}
+
+struct ShowOptions {
+  std::string disk;
+  bool json = false;
+};
+
+}  // namespace
+
+void addShowCommand(CLI::App& app, int& status) {
+  const auto options = std::make_shared<ShowOptions>();
+  CLI::App* const command = app.add_subcommand("show", "Show a disk's MBR and GPT and how the two agree");
+  command->add_option("DISK", options->disk, "Disk or disk-image file")->required();
+  command->add_flag("--json", options->json, "Print JSON (schema version 1)");
+  command->callback([options, &status] {
+    const DiskTables disk = readTables(options->disk);
+    options->json ? printJson(disk) : printText(disk);
+    status = kDone;
+  });
+}
+
+}  // namespace vorlix::tool

@@ -1,0 +1,185 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Text.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <utility>
+
+namespace vorlix::tool {
+namespace {
+
+struct NamedGPTType {
+  const char* guid;
+  const char* name;
+};
+
+constexpr NamedGPTType kGPTTypes[] = {
+    {"C12A7328-F81F-11D2-BA4B-00A0C93EC93B", "EFI System"},
+    {"EBD0A0A2-B9E5-4433-87C0-68B6B72699C7", "Microsoft basic data"},
+    {"E3C9E316-0B5C-4DB8-817D-F92DF00215AE", "Microsoft reserved"},
+    {"DE94BBA4-06D1-4D40-A16A-BFD50179D6AC", "Windows recovery"},
+    {"7C3457EF-0000-11AA-AA11-00306543ECAC", "Apple APFS"},
+    {"48465300-0000-11AA-AA11-00306543ECAC", "Apple HFS+"},
+    {"426F6F74-0000-11AA-AA11-00306543ECAC", "Apple Boot"},
+    {"53746F72-6167-11AA-AA11-00306543ECAC", "Apple Core Storage"},
+    {"52414944-0000-11AA-AA11-00306543ECAC", "Apple RAID"},
+    {"55465300-0000-11AA-AA11-00306543ECAC", "Apple UFS"},
+    {"0FC63DAF-8483-4772-8E79-3D69D8477DE4", "Linux file system"},
+    {"0657FD6D-A4AB-43C4-84E5-0933C84B4F4F", "Linux swap"},
+    {"E6D6D379-F507-44C2-A23C-238F2A3DF928", "Linux LVM"},
+};
+
+struct NamedMBRType {
+  uint8_t type;
+  const char* name;
+};
+
+constexpr NamedMBRType kMBRTypes[] = {
+    {0x00, "empty"},
+    {0x01, "FAT12"},
+    {0x04, "FAT16"},
+    {0x05, "extended"},
+    {0x06, "FAT16"},
+    {0x07, "NTFS or exFAT"},
+    {0x0B, "FAT32"},
+    {0x0C, "FAT32"},
+    {0x0E, "FAT16"},
+    {0x0F, "extended"},
+    {0x27, "Windows recovery"},
+    {0x82, "Linux swap"},
+    {0x83, "Linux"},
+    {0x8E, "Linux LVM"},
+    {0xA8, "Apple UFS"},
+    {0xAB, "Apple Boot or RAID"},
+    {0xAC, "Apple Core Storage"},
+    {0xAF, "Apple HFS+"},
+    {0xEE, "GPT protective"},
+    {0xEF, "EFI System"},
+    {0xFF, "Apple APFS"},
+};
+
+void appendUTF8(std::string& text, uint32_t point) {
+  const auto put = [&text](uint32_t byte) { text.push_back(static_cast<char>(byte)); };
+  if (point < 0x80) {
+    put(point);
+  } else if (point < 0x800) {
+    put(0xC0 | point >> 6);
+    put(0x80 | (point & 0x3F));
+  } else if (point < 0x10000) {
+    put(0xE0 | point >> 12);
+    put(0x80 | (point >> 6 & 0x3F));
+    put(0x80 | (point & 0x3F));
+  } else {
+    put(0xF0 | point >> 18);
+    put(0x80 | (point >> 12 & 0x3F));
+    put(0x80 | (point >> 6 & 0x3F));
+    put(0x80 | (point & 0x3F));
+  }
+}
+
+// Columns count characters, not bytes; continuation bytes of UTF-8 take no room.
+size_t width(const std::string& text) {
+  return static_cast<size_t>(
+      std::count_if(text.begin(), text.end(), [](char byte) { return (static_cast<uint8_t>(byte) & 0xC0) != 0x80; }));
+}
+
+}  // namespace
+
+std::string shortSizeText(uint64_t bytes) {
+  constexpr std::array<const char*, 6> kUnits = {"bytes", "KB", "MB", "GB", "TB", "PB"};
+  auto value = static_cast<double>(bytes);
+  size_t unit = 0;
+  while (value >= 1000 && unit + 1 < kUnits.size()) {
+    value /= 1000;
+    ++unit;
+  }
+  std::array<char, 32> text;
+  std::snprintf(text.data(), text.size(), unit == 0 ? "%.0f %s" : "%.2f %s", value, kUnits[unit]);
+  return text.data();
+}
+
+std::string sizeText(uint64_t bytes) {
+  return shortSizeText(bytes) + " (" + std::to_string(bytes) + " bytes)";
+}
+
+std::string hexDigits(uint64_t value, int digits) {
+  std::array<char, 20> text;
+  std::snprintf(text.data(), text.size(), "%0*llX", digits, static_cast<unsigned long long>(value));
+  return text.data();
+}
+
+std::string hexByte(uint8_t byte) {
+  return hexDigits(byte, 2);
+}
+
+std::string guidText(const uint8_t* guid) {
+  std::array<char, 40> text = {};
+  ConvertToGUID(guid, text.data());
+  return text.data();
+}
+
+std::string gptTypeName(const std::string& guid) {
+  for (const NamedGPTType& type : kGPTTypes) {
+    if (guid == type.guid) return type.name;
+  }
+  return "unknown";
+}
+
+std::string mbrTypeName(uint8_t type) {
+  for (const NamedMBRType& named : kMBRTypes) {
+    if (type == named.type) return named.name;
+  }
+  return "unknown";
+}
+
+std::string partitionName(const GPTEntry& entry) {
+  constexpr uint32_t kReplacement = 0xFFFD;
+  constexpr size_t kUnits = sizeof entry.name / 2;
+  const auto unitAt = [&entry](size_t i) {
+    return i < kUnits ? static_cast<uint32_t>(entry.name[2 * i] | entry.name[2 * i + 1] << 8) : 0;
+  };
+  std::string text;
+  for (size_t i = 0; i < kUnits && unitAt(i) != 0; ++i) {
+    const uint32_t unit = unitAt(i);
+    const uint32_t next = unitAt(i + 1);
+    if (unit >= 0xD800 && unit < 0xDC00 && next >= 0xDC00 && next < 0xE000) {
+      appendUTF8(text, 0x10000 + ((unit - 0xD800) << 10) + (next - 0xDC00));
+      ++i;
+    } else {
+      appendUTF8(text, unit >= 0xD800 && unit < 0xE000 ? kReplacement : unit);
+    }
+  }
+  return text;
+}
+
+std::string printable(const std::string& text) {
+  std::string result;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<uint8_t>(text[i]);
+    const bool c1 = byte == 0xC2 && i + 1 < text.size() && static_cast<uint8_t>(text[i + 1]) < 0xA0;
+    if (c1) ++i;
+    result.push_back(byte < 0x20 || byte == 0x7F || c1 ? '?' : text[i]);
+  }
+  return result;
+}
+
+std::string tableText(const std::vector<std::vector<std::string>>& rows, const std::string& alignment) {
+  std::vector<size_t> widths(alignment.size());
+  for (const auto& row : rows) {
+    for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width(row[i]));
+  }
+  std::string text;
+  for (const auto& row : rows) {
+    std::string line;
+    for (size_t i = 0; i < row.size(); ++i) {
+      const std::string padding(widths[i] - width(row[i]), ' ');
+      line += (i == 0 ? "" : "  ") + (alignment[i] == 'r' ? padding + row[i] : row[i] + padding);
+    }
+    line.erase(line.find_last_not_of(' ') + 1);
+    text += line + "\n";
+  }
+  return text;
+}
+
+}  // namespace vorlix::tool
