@@ -20,7 +20,7 @@
 #ifndef VORLIX_QDSDISKFUNCTIONS_H
 #define VORLIX_QDSDISKFUNCTIONS_H
 
-#include <Vorlix/Export.h>
+#include <Vorlix/foundation/Export.h>
 #include <stdint.h>
 #include <stdio.h>
 

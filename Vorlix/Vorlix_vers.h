@@ -6,7 +6,7 @@
 #ifndef VORLIX_VORLIX_VERS_H
 #define VORLIX_VORLIX_VERS_H
 
-#include <Vorlix/Export.h>
+#include <Vorlix/foundation/Export.h>
 
 #ifdef __cplusplus
 extern "C" {

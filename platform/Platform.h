@@ -7,7 +7,7 @@
 /// replaced while it is in use.
 #pragma once
 
-#include <Vorlix/Export.h>
+#include <Vorlix/foundation/Export.h>
 
 #include <memory>
 

@@ -4,8 +4,8 @@
  * Marks what the library exports. Everything else is compiled with hidden visibility, so a symbol without this mark
  * cannot be reached through the shared library.
  */
-#ifndef VORLIX_EXPORT_H
-#define VORLIX_EXPORT_H
+#ifndef VORLIX_FOUNDATION_EXPORT_H
+#define VORLIX_FOUNDATION_EXPORT_H
 
 #define VORLIX_EXPORT __attribute__((visibility("default")))
 
