@@ -20,7 +20,7 @@ class Dictionary {
   /// Puts a value in place of one that may be there.
   void set(std::string key, Value value) { values_.insert_or_assign(std::move(key), std::move(value)); }
 
-  bool contains(const std::string& key) const { return values_.count(key) != 0; }
+  bool contains(const std::string& key) const { return values_.contains(key); }
 
   /// The value if it is there and a whole number.
   std::optional<int64_t> integer(const std::string& key) const { return as<int64_t>(key); }

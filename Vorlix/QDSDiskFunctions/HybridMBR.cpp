@@ -225,7 +225,8 @@ void write_new_gpt(int non_interactive, const char* device, const char* boot_cod
   static_cast<void>(handle->close());
 }
 
-int update_start_sector(int non_interactive, uint64_t, uint32_t start, uint64_t, const char* volume) {
+int update_start_sector(int non_interactive, uint64_t /*unused1*/, uint32_t start, uint64_t /*unused2*/,
+                        const char* volume) {
   std::unique_ptr<DeviceHandle> device = openLocked(volume, DeviceLock::exclusive);
   if (!device) {
     if (non_interactive == 0 && !confirmSharedAccess(volume)) {

@@ -62,7 +62,7 @@ std::optional<Extent> mbrExtent(int descriptor, uint64_t diskSize, uint32_t bloc
   std::array<uint8_t, 512> sector;
   if (number > 4 || !readWhole(descriptor, sector, 0)) return std::nullopt;
   if (littleEndian(sector, kMBRSignature, 2) != 0xAA55) return std::nullopt;
-  const size_t slot = kMBRSlots + (number - 1) * 16;
+  const size_t slot = kMBRSlots + size_t{number - 1} * 16;
   if (sector[slot + 4] == 0) return std::nullopt;
   return extentOf(littleEndian(sector, slot + 8, 4), littleEndian(sector, slot + 12, 4), blockSize, diskSize);
 }
