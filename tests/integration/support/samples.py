@@ -1,0 +1,89 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Small disk images for tests, made with general disk tools as an ordinary user."""
+
+import os
+import shutil
+import subprocess
+from dataclasses import dataclass
+
+SECTOR = 512
+EFI_SYSTEM = "EF00"
+APPLE_APFS = "AF0A"
+BASIC_DATA = "0700"
+
+# The first that exists is taken: Debian's syslinux-common, then its syslinux.
+_SYSLINUX_MBR = ("/usr/lib/syslinux/mbr/mbr.bin", "/usr/lib/SYSLINUX/mbr.bin")
+_SBIN = ("/usr/local/sbin", "/usr/sbin", "/sbin")
+
+
+@dataclass(frozen=True)
+class Slice:
+    number: int
+    first: int  # sector of 512 bytes
+    sectors: int
+    code: str  # as sgdisk spells a type
+    name: str
+
+
+def tool(name):
+    """Path of a disk tool, also where an ordinary user's search path lacks sbin; None when it is not installed."""
+    return shutil.which(name) or shutil.which(name, path=os.pathsep.join(_SBIN))
+
+
+def syslinux_mbr():
+    """The boot code that starts the active slot: BOOT_CODE, or the installed syslinux's; None when there is neither."""
+    for path in (os.environ.get("BOOT_CODE", ""), *_SYSLINUX_MBR):
+        if os.path.isfile(path):
+            return path
+    return None
+
+
+def run(*command):
+    """Runs a tool that must succeed; what it printed is in the error otherwise."""
+    result = subprocess.run([tool(command[0]) or command[0], *command[1:]], stdin=subprocess.DEVNULL,
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+    if result.returncode != 0:
+        raise AssertionError(f"{' '.join(command)} ended with {result.returncode}:\n{result.stdout}")
+    return result.stdout
+
+
+def make_disk(path, sectors, slices):
+    """A sparse disk image with a GPT and the protective MBR that sgdisk gives it."""
+    with open(path, "xb") as image:
+        image.truncate(sectors * SECTOR)
+    arguments = ["--set-alignment=1"]
+    for part in slices:
+        arguments += [f"--new={part.number}:{part.first}:{part.first + part.sectors - 1}",
+                      f"--typecode={part.number}:{part.code}", f"--change-name={part.number}:{part.name}"]
+    run("sgdisk", *arguments, path)
+
+
+def make_ntfs(path, sectors, label):
+    """
+    An empty NTFS volume in a file of its own. mkntfs is not told the start sector, so the hidden-sectors field is 0.
+    """
+    with open(path, "xb") as volume:
+        volume.truncate(sectors * SECTOR)
+    run("mkntfs", "-F", "-Q", "-q", "-L", label, "-s", str(SECTOR), "-S", "63", "-H", "255", path)
+
+
+def place(image, volume, first):
+    """Copies a volume's file into a disk image at a sector, leaving holes where it holds zeros."""
+    with open(volume, "rb") as source, open(image, "r+b") as disk:
+        while chunk := source.read(1 << 16):
+            if chunk.strip(b"\0"):
+                disk.seek(first * SECTOR)
+                disk.write(chunk)
+            first += len(chunk) // SECTOR
+
+
+def read(path, offset, count):
+    with open(path, "rb") as image:
+        image.seek(offset)
+        return image.read(count)
+
+
+def write(path, offset, content):
+    with open(path, "r+b") as image:
+        image.seek(offset)
+        image.write(content)
