@@ -14,7 +14,7 @@ import tempfile
 import unittest
 
 from support import samples
-from support.samples import SECTOR, Slice
+from support.samples import Slice
 
 QEMU = samples.tool("qemu-system-x86_64")
 BOOT_CODE = samples.syslinux_mbr()
