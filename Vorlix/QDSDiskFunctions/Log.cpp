@@ -73,7 +73,14 @@ void logMessage(const char* format, ...) {
   if (length >= 0) logLine(message);
 }
 
-LogCapture::LogCapture() : outer_(innermostCapture) {
+bool canOpenLog() {
+  const int log = openLog(logFilePath().c_str());
+  if (log < 0) return false;
+  close(log);
+  return true;
+}
+
+LogCapture::LogCapture(File file) : file_(file), outer_(innermostCapture) {
   innermostCapture = this;
 }
 
@@ -81,8 +88,10 @@ LogCapture::~LogCapture() {
   innermostCapture = outer_;
 }
 
-void LogCapture::collect(std::string_view message) {
-  if (innermostCapture != nullptr) innermostCapture->text_.append(message);
+bool LogCapture::collect(std::string_view message) {
+  if (innermostCapture == nullptr) return true;
+  innermostCapture->text_.append(message);
+  return innermostCapture->file_ == File::written;
 }
 
 }  // namespace vorlix
@@ -90,7 +99,7 @@ void LogCapture::collect(std::string_view message) {
 int logLine(const char* message) {
   const int callersErrno = errno;
   const size_t length = strnlen(message, vorlix::kMessageSize);
-  vorlix::LogCapture::collect({message, length});
+  if (!vorlix::LogCapture::collect({message, length})) return 0;
   const int log = vorlix::openLog(vorlix::logFilePath().c_str());
   if (log < 0) {
     vorlix::writeAll(STDERR_FILENO, "error opening log file", 22);

@@ -17,21 +17,27 @@ const std::string& logFilePath();
 /// Replaces the path of the log file, for tests that look at its exact content. An empty path restores the default.
 void setLogFilePath(std::string path);
 
-/// Collects what the calling thread logs during the object's life; the log file gets it as well. Captures nest: the
-/// innermost one collects.
+/// Tells whether the log file can be appended to now. It is made if it is missing.
+bool canOpenLog();
+
+/// Collects what the calling thread logs during the object's life. Captures nest: the innermost one collects.
 class LogCapture {
  public:
-  LogCapture();
+  /// Whether the log file gets the messages as well.
+  enum class File { written, leftAlone };
+
+  explicit LogCapture(File file = File::written);
   ~LogCapture();
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
   const std::string& text() const { return text_; }
 
-  /// Gives a message to the calling thread's innermost capture, if there is one.
-  static void collect(std::string_view message);
+  /// Gives a message to the calling thread's innermost capture, if there is one. @return whether the log file gets it.
+  static bool collect(std::string_view message);
 
  private:
+  File file_;
   std::string text_;
   LogCapture* outer_;
 };

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSDiskFunctions.h>
-#include <Vorlix/QDSDiskFunctions/Log.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -12,6 +11,7 @@
 #include "DiskTables.h"
 #include "Failure.h"
 #include "HybridPlan.h"
+#include "LibraryLog.h"
 #include "Text.h"
 
 namespace vorlix::tool {
@@ -48,6 +48,9 @@ void printDifference(const std::string& title, const Sector& before, const Secto
 
 void printDryRun(const HybridPlan& plan) {
   std::printf("Dry run: nothing is opened for writing.\n");
+  if (!plan.changesMBR() && plan.patchesVolume && !plan.changesHiddenSectors()) {
+    std::printf("No change is needed; a run would only give the volume a new serial.\n");
+  }
   if (plan.changesMBR()) {
     printDifference(plan.disk.device + ", sector 0 (boot code and MBR):", plan.disk.sector0, plan.newSector0(), false);
   } else {
@@ -93,10 +96,6 @@ std::string touchedText(const HybridPlan& plan, const Verification& now) {
   return text;
 }
 
-void printLibraryLog(const std::string& log) {
-  std::fprintf(stderr, "The library's log of this run:\n%s%s", log.c_str(), log.ends_with('\n') ? "" : "\n");
-}
-
 void saveBackup(const HybridPlan& plan, const std::string& folder) {
   if (plan.changesMBR()) {
     std::printf("Saved      %s\n", saveSector(folder, plan.disk.device, 0, plan.disk.sector0).c_str());
@@ -129,13 +128,13 @@ void apply(const HybridPlan& plan, const HybridOptions& options) {
   std::fflush(stdout);
 
   const HybridRequest& request = options.request;
-  const LogCapture log;
+  const LibraryLog log;
   const int result = update_mbr_and_partition(request.disk.c_str(), request.bootCode.c_str(), request.partition,
                                               request.type, plan.volume.c_str(), request.guard ? 1 : 0, plan.start);
   const Verification now(plan);
   const bool volumeRight = !plan.patchesVolume || now.volumeRight();
   if (result == 0 && now.mbrRight() && volumeRight) return;
-  printLibraryLog(log.text());
+  log.print();
   if (!now.mbrRight()) throw Failure(request.disk, "the MBR is not what it should be", touchedText(plan, now));
   throw Failure(plan.volume, "the boot sector could not be patched", touchedText(plan, now));
 }

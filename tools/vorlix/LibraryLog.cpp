@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "LibraryLog.h"
+
+#include <cstdio>
+
+namespace vorlix::tool {
+namespace {
+
+LogCapture::File chooseFile() {
+  if (canOpenLog()) return LogCapture::File::written;
+  std::fprintf(stderr, "vorlix: the log %s cannot be opened; going on without it\n", logFilePath().c_str());
+  return LogCapture::File::leftAlone;
+}
+
+}  // namespace
+
+LibraryLog::LibraryLog() : capture_(chooseFile()) {}
+
+void LibraryLog::print() const {
+  const std::string& log = capture_.text();
+  std::fprintf(stderr, "The library's log of this run:\n%s%s", log.c_str(), log.ends_with('\n') ? "" : "\n");
+}
+
+}  // namespace vorlix::tool
