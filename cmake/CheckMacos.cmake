@@ -1,13 +1,13 @@
 # SPDX-License-Identifier: Apache-2.0
 # Target check-macos: compiles everything that runs on macOS against that system's published headers, so that the
 # adapters stay right on machines that cannot run them. VORLIX_MACOS_HEADERS names a folder with those headers and a
-# script "flags" that prints the compiler's options for them.
+# script "flags" that prints the compiler's options for them; docs/macos.md says how to lay it out.
 set(VORLIX_MACOS_HEADERS "$ENV{VORLIX_MACOS_HEADERS}" CACHE PATH "Published macOS headers, for the target check-macos")
 
 if(APPLE OR NOT VORLIX_MACOS_HEADERS)
   return()
 endif()
-find_program(VORLIX_CLANGXX NAMES clang++ REQUIRED)
+find_program(VORLIX_CLANGXX NAMES clang++ clang++-14 REQUIRED)
 execute_process(COMMAND ${VORLIX_MACOS_HEADERS}/flags OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE
                 COMMAND_ERROR_IS_FATAL ANY)
 separate_arguments(flags UNIX_COMMAND "${flags}")
@@ -15,6 +15,21 @@ separate_arguments(flags UNIX_COMMAND "${flags}")
 file(GLOB checked CONFIGURE_DEPENDS platform/macos/*.cpp platform/posix/*.cpp platform/*.cpp foundation/*.cpp
      Vorlix/*.cpp Vorlix/*/*.cpp platform/simulated/*.cpp)
 set(stamps)
+file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/check-macos/include)
+
+# The command line's libraries, which have headers only. They are linked to by themselves: the folder that they stand in
+# holds this system's own headers, too.
+find_path(VORLIX_CLI11_INCLUDE CLI/App.hpp)
+find_path(VORLIX_JSON_INCLUDE nlohmann/json.hpp)
+if(VORLIX_CLI11_INCLUDE AND VORLIX_JSON_INCLUDE)
+  file(CREATE_LINK ${VORLIX_CLI11_INCLUDE}/CLI ${PROJECT_BINARY_DIR}/check-macos/include/CLI SYMBOLIC)
+  file(CREATE_LINK ${VORLIX_JSON_INCLUDE}/nlohmann ${PROJECT_BINARY_DIR}/check-macos/include/nlohmann SYMBOLIC)
+  file(GLOB tools CONFIGURE_DEPENDS tools/vorlix/*.cpp)
+  list(APPEND checked ${tools})
+else()
+  message(STATUS "check-macos leaves out tools/vorlix: CLI11 or nlohmann-json was not found")
+endif()
+
 foreach(source ${checked})
   file(RELATIVE_PATH name ${PROJECT_SOURCE_DIR} ${source})
   string(REPLACE "/" "_" stamp ${name})
@@ -22,11 +37,11 @@ foreach(source ${checked})
   add_custom_command(
     OUTPUT ${stamp}
     COMMAND ${VORLIX_CLANGXX} ${flags} -std=c++20 -fsyntax-only -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
-            -I${PROJECT_SOURCE_DIR} -I${PROJECT_BINARY_DIR}/include ${source}
-    COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/check-macos
+            -I${PROJECT_SOURCE_DIR} -I${PROJECT_BINARY_DIR}/include -isystem ${PROJECT_BINARY_DIR}/check-macos/include
+            -DVORLIX_VERSION="${PROJECT_VERSION}" -MMD -MT ${stamp} -MF ${stamp}.d ${source}
     COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
     DEPENDS ${source}
-    IMPLICIT_DEPENDS CXX ${source}
+    DEPFILE ${stamp}.d
     COMMENT "Checking ${name} for macOS"
     VERBATIM)
   list(APPEND stamps ${stamp})
