@@ -15,9 +15,12 @@ set(VORLIX_SOURCES
 if(APPLE)
   set(VORLIX_ADAPTERS platform/macos)
   list(APPEND VORLIX_SOURCES
+       platform/macos/BlockAlignedHandle.cpp
        platform/macos/DeviceFile.cpp
+       platform/macos/DeviceNames.cpp
        platform/macos/DeviceStream.cpp
        platform/macos/DiskArbitration.cpp
+       platform/macos/LockedDescriptor.cpp
        platform/macos/NativePlatform.cpp
        platform/macos/SyncDescriptor.cpp)
 else()

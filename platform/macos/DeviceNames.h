@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Device names on macOS: device nodes by path or BSD name, disk-image files, and slices of images.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace vorlix {
+
+/// Where the bytes of a named device are.
+struct DeviceLocation {
+  std::string path;      ///< a device node or a disk-image file
+  uint32_t slice = 0;    ///< slice of the image, 0 for all of it; a device's slices have nodes of their own
+  bool isImage = false;  ///< `path` is a regular file
+};
+
+/// Finds a device by path ("/dev/disk0s3", "/dev/rdisk0", "mac.img"), by BSD name ("disk0s3"), or slice N of a
+/// disk-image file ("mac.imgs3"). A path that exists is taken as it is. The slice of an image is not looked up.
+/// Absent with `errno` set: ENOENT, EISDIR, ENOTBLK for what is neither a device node nor a file, or what the system
+/// says.
+std::optional<DeviceLocation> locateDevice(const std::string& name);
+
+/// The name that disk arbitration has for a device: "disk0s3" for "disk0s3", "/dev/disk0s3" and their raw node
+/// "/dev/rdisk0s3", which is the same disk. Absent for a path outside /dev.
+std::optional<std::string> arbitrationName(const std::string& name);
+
+}  // namespace vorlix
