@@ -8,7 +8,7 @@ install(DIRECTORY Vorlix/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlix FILES_M
         PATTERN "QDSDiskFunctions" EXCLUDE)
 install(DIRECTORY foundation DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlix FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY platform DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlix FILES_MATCHING PATTERN "*.h"
-        PATTERN "linux" EXCLUDE PATTERN "macos" EXCLUDE PATTERN "posix" EXCLUDE)
+        PATTERN "linux" EXCLUDE PATTERN "macos" EXCLUDE PATTERN "posix" EXCLUDE PATTERN "DeviceStream.h" EXCLUDE)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/Vorlix)
 install(EXPORT VorlixTargets NAMESPACE Vorlix:: DESTINATION ${package_folder})
@@ -18,5 +18,16 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/VorlixConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/VorlixConfig.cmake ${PROJECT_BINARY_DIR}/VorlixConfigVersion.cmake
         DESTINATION ${package_folder})
 
+# The prefix is named relative to the file, so that it holds wherever the whole is installed or moved to.
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
+           OUTPUT_VARIABLE VORLIX_PC_TO_PREFIX)
+cmake_path(APPEND VORLIX_PC_LIBDIR "\${prefix}" ${CMAKE_INSTALL_LIBDIR})
+cmake_path(APPEND VORLIX_PC_INCLUDEDIR "\${prefix}" ${CMAKE_INSTALL_INCLUDEDIR})
+# What a host in C needs besides when it links the archive.
+if(APPLE)
+  set(VORLIX_PC_PRIVATE_LIBS "-framework DiskArbitration -framework CoreFoundation -lc++")
+else()
+  set(VORLIX_PC_PRIVATE_LIBS "-lstdc++")
+endif()
 configure_file(cmake/vorlix.pc.in ${PROJECT_BINARY_DIR}/vorlix.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vorlix.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

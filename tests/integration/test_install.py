@@ -1,0 +1,223 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""The installed library as a host meets it: found by CMake and by pkg-config, complete headers, no stray symbols."""
+
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+BUILD = pathlib.Path(os.environ["VORLIX"]).resolve().parent
+SOURCE = pathlib.Path(os.environ["VORLIX_SOURCE"]).resolve()
+os.environ["PATH"] += ":/usr/sbin:/sbin"  # where the disk tools stand, which need no rights on an image
+TOOLS = ["cmake", "pkg-config", "sgdisk", "sfdisk", "nm", "readelf", "ldd"]
+MISSING = [tool for tool in TOOLS if shutil.which(tool) is None]
+C_HEADERS = ["Export.h", "QDSDiskFunctions.h", "Vorlix_vers.h"]
+
+
+def run(*command, **options):
+    """Output of a command; a failed one shows what it said."""
+    result = subprocess.run([str(part) for part in command], text=True, stdout=subprocess.PIPE,
+                            stderr=subprocess.STDOUT, **options)
+    if result.returncode != 0:
+        raise AssertionError(f"{command} ended with {result.returncode}:\n{result.stdout}")
+    return result.stdout
+
+
+def cached(name):
+    """A variable of the build's CMake cache; empty when it has none."""
+    found = re.search(rf"^{name}:\w+=(.*)$", (BUILD / "CMakeCache.txt").read_text(), re.MULTILINE)
+    return found.group(1) if found else ""
+
+
+def without_comments(text):
+    return re.sub(r"//[^\n]*", "", re.sub(r"/\*.*?\*/", "", text, flags=re.DOTALL))
+
+
+def declared_names(header):
+    """Names that a header marks as exported, with the C++ ones qualified."""
+    text = without_comments(header.read_text())
+    qualifier = "vorlix::" if re.search(r"^namespace vorlix \{", text, re.MULTILINE) else ""
+    names = set()
+    for declaration in re.findall(r"^VORLIX_EXPORT([^;]*);", text, re.MULTILINE):
+        names.add(qualifier + re.search(r"(\w+)\s*(?:\(|\[|$)", declaration).group(1))
+    return names
+
+
+@unittest.skipIf(sys.platform == "darwin", "reads ELF files and compares with sfdisk, which this system does not have")
+@unittest.skipIf(MISSING, f"not installed: {', '.join(MISSING)}")
+class InstalledLibrary(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(cls.folder.cleanup)
+        cls.work = pathlib.Path(cls.folder.name)
+        cls.prefix = cls.work / "prefix"
+        run("cmake", "--install", BUILD, "--prefix", cls.prefix)
+        cls.include = cls.prefix / "include"
+        cls.library = next(cls.prefix.glob("lib*/**/libvorlix.so")).resolve()
+        # A host of a library built with sanitizers is built with them, too, and by the same compiler.
+        cls.cc = cached("CMAKE_C_COMPILER") or "cc"
+        cls.cxx = cached("CMAKE_CXX_COMPILER") or "c++"
+        sanitizers = cached("VORLIX_SANITIZE")
+        cls.flags = [f"-fsanitize={sanitizers}"] if sanitizers else []
+        cls.link_flags = []
+        if sanitizers and "clang" in run(cls.cc, "--version"):
+            # clang leaves the part for C++ out of programs in C.
+            cls.flags.append("-fsanitize-link-c++-runtime")
+            cls.link_flags = ["-lstdc++"]
+        cls.image = cls.make_image()
+
+    @classmethod
+    def make_image(cls):
+        """A GPT image made by sgdisk, with an MBR that has two more slots."""
+        image = cls.work / "disk.img"
+        with open(image, "wb") as file:
+            file.truncate(64 << 20)
+        run("sgdisk", "-a", "1", "-n", "1:40:10279", "-t", "1:EF00", "-n", "2:10280:50000", "-t", "2:AF00",
+            "-n", "5:50001:98303", "-t", "5:0700", image)
+        run("sgdisk", "--hybrid=2:5", image)
+        return image
+
+    def installed(self, pattern):
+        return sorted(path.relative_to(self.prefix) for path in self.prefix.glob(pattern) if not path.is_dir())
+
+    def cmake_project(self, name, source_folder):
+        build = self.work / name
+        run("cmake", "-S", source_folder, "-B", build, f"-DCMAKE_PREFIX_PATH={self.prefix}",
+            f"-DCMAKE_C_COMPILER={self.cc}", f"-DCMAKE_CXX_COMPILER={self.cxx}",
+            f"-DCMAKE_C_FLAGS={' '.join(self.flags)}", f"-DCMAKE_CXX_FLAGS={' '.join(self.flags)}",
+            f"-DCMAKE_EXE_LINKER_FLAGS={' '.join(self.link_flags)}")
+        run("cmake", "--build", build)
+        return build
+
+    def pkg_config(self, *options):
+        environment = dict(os.environ, PKG_CONFIG_PATH=str(self.library.parent / "pkgconfig"))
+        return run("pkg-config", *options, "vorlix", env=environment).split()
+
+    def sgdisk_numbers(self):
+        """(first, last, type GUID) of the used entries as sgdisk tells them."""
+        found = []
+        for number in (1, 2, 5):
+            text = run("sgdisk", "-i", number, self.image)
+            found.append((int(re.search(r"First sector: (\d+)", text).group(1)),
+                          int(re.search(r"Last sector: (\d+)", text).group(1)),
+                          re.search(r"GUID code: ([0-9A-F-]{36})", text).group(1)))
+        return found
+
+    def sfdisk_slots(self):
+        """(number, type, first, count) of the MBR's slots as sfdisk tells them."""
+        text = run("sfdisk", "-d", "-Y", "dos", self.image)
+        pattern = r"img(\d) : start= *(\d+), size= *(\d+), type= *([0-9a-f]+)"
+        return [(int(number), kind.upper().zfill(2), int(first), int(count))
+                for number, first, count, kind in re.findall(pattern, text)]
+
+    def check_example(self, program, **options):
+        before = self.image.read_bytes()
+        output = run(program, self.image, **options)
+        entries = [(int(first), int(last), kind) for first, last, kind
+                   in re.findall(r"^ *(\d+) +(\d+) +\d+  GPT part - (\S+)$", output, re.MULTILINE)]
+        slots = [(int(number), kind, int(first), int(count)) for number, kind, first, count
+                 in re.findall(r"^ +(\d) +(?:yes|no) +([0-9A-F]{2}) +(\d+) +(\d+)$", output, re.MULTILINE)]
+        self.assertIn("MBR signature AA55, active slot 0\n", output)
+        self.assertEqual(entries, self.sgdisk_numbers())
+        self.assertEqual([slot for slot in slots if slot[1] != "00"], self.sfdisk_slots())
+        self.assertEqual(len(slots), 4)
+        self.assertEqual(self.image.read_bytes(), before, "the example wrote to the disk")
+
+    def test_cmake_finds_it_and_the_example_prints_what_sgdisk_prints(self):
+        build = self.cmake_project("by-cmake", SOURCE / "examples")
+        self.check_example(build / "print_tables")
+
+    def test_pkg_config_finds_it_and_the_example_prints_what_sgdisk_prints(self):
+        program = self.work / "by-pkg-config"
+        run(self.cc, "-std=gnu11", "-Wall", "-Wextra", "-Werror", *self.flags, "-o", program,
+            SOURCE / "examples" / "print_tables.c", *self.pkg_config("--cflags", "--libs"), *self.link_flags)
+        self.check_example(program, env=dict(os.environ, LD_LIBRARY_PATH=str(self.library.parent)))
+
+    def test_the_archive_alone_serves_a_host_in_c(self):
+        archive_only = self.work / "archive"
+        archive_only.mkdir()
+        shutil.copy(self.library.with_name("libvorlix.a"), archive_only)
+        program = self.work / "by-archive"
+        libraries = [option for option in self.pkg_config("--static", "--libs") if not option.startswith("-L")]
+        run(self.cc, "-std=gnu11", *self.flags, *self.pkg_config("--cflags"), "-o", program,
+            SOURCE / "examples" / "print_tables.c", f"-L{archive_only}", *libraries)
+        self.assertNotIn("libvorlix", run("ldd", program))
+        self.check_example(program)
+
+    def test_a_moved_installation_is_still_found_by_pkg_config(self):
+        moved = self.work / "moved"
+        shutil.copytree(self.prefix, moved, symlinks=True)
+        folder = moved / self.library.parent.relative_to(self.prefix.resolve()) / "pkgconfig"
+        text = run("pkg-config", "--variable=includedir", "vorlix", env=dict(os.environ, PKG_CONFIG_PATH=str(folder)))
+        self.assertEqual(pathlib.Path(text.strip()).resolve(), (moved / "include").resolve())
+
+    def test_the_simulated_machine_links_beside_the_shared_library(self):
+        project = self.work / "simulated-source"
+        project.mkdir()
+        (project / "CMakeLists.txt").write_text(
+            "cmake_minimum_required(VERSION 3.25)\nproject(Host LANGUAGES CXX)\nfind_package(Vorlix REQUIRED)\n"
+            "add_executable(host host.cpp)\ntarget_link_libraries(host PRIVATE Vorlix::Simulated Vorlix::Vorlix)\n")
+        (project / "host.cpp").write_text(
+            "#include <Vorlix/QDSDiskFunctions.h>\n#include <Vorlix/platform/simulated/SimulatedMachine.h>\n"
+            "int main() {\n  vorlix::SimulatedMachine machine;\n  machine.addDisk(\"disk7\", 1 << 20, 4096);\n"
+            "  const vorlix::ScopedPlatform scope(machine.platform());\n"
+            "  return getblocksize(\"disk7\") == 4096 ? 0 : 1;\n}\n")
+        run(self.cmake_project("simulated", project) / "host")
+
+    def test_the_command_line_is_installed_and_starts(self):
+        self.assertIn("--help", run(self.prefix / "bin" / "vorlix", "--help"))
+
+    def test_each_public_header_compiles_alone(self):
+        headers = self.installed("include/**/*.h")
+        self.assertGreater(len(headers), len(C_HEADERS))
+        warnings = ["-Wall", "-Wextra", "-Wpedantic", "-Werror", "-fsyntax-only", f"-I{self.include}"]
+        for header in headers:
+            name = header.relative_to("include")
+            unit = f"#include <{name}>\n"
+            with self.subTest(header=str(name), language="C++20"):
+                run(self.cxx, "-std=c++20", *warnings, "-x", "c++", "-", input=unit)
+            if str(name) in [f"Vorlix/{c_header}" for c_header in C_HEADERS]:
+                with self.subTest(header=str(name), language="C11"):
+                    # A unit must not be empty, whatever the header declares.
+                    run(self.cc, "-std=c11", *warnings, "-x", "c", "-", input=unit + "extern int unit;\n")
+
+    def test_no_internal_header_is_installed(self):
+        parts = {part for header in self.installed("include/**/*") for part in header.parts}
+        self.assertFalse(parts & {"linux", "macos", "posix", "PartitionRecords.h", "DeviceStream.h"}, parts)
+        self.assertEqual(self.installed("include/**/*"), self.installed("include/Vorlix/**/*.h"))
+
+    def test_the_shared_library_exports_what_the_headers_mark_and_nothing_else(self):
+        declared = set()
+        for header in self.installed("include/**/*.h"):
+            if header.name != "Export.h":
+                declared |= declared_names(self.prefix / header)
+        self.assertIn("update_mbr_and_partition", declared)
+        self.assertIn("partition_maps", declared)
+        self.assertIn("vorlix::setPlatform", declared)
+
+        strong, vague = set(), set()
+        for line in run("nm", "-D", "-C", "--defined-only", self.library).splitlines():
+            kind, name = re.match(r"[0-9a-f]* +(\S) (.*)$", line).groups()
+            name = name.split("(")[0]
+            if self.flags and name.startswith("__odr_asan"):
+                continue
+            (vague if kind in "VWuvw" else strong).add(name)
+        print(f"\nexported: {len(strong)} names: {', '.join(sorted(strong))}")
+        print(f"vague linkage, of the language's own library: {len(vague)} names")
+        for name in sorted(vague):
+            print("   ", name if len(name) <= 90 else name[:90] + "...")
+        self.assertEqual(strong, declared)
+        self.assertEqual([name for name in vague if "vorlix" in name], [])
+
+    def test_the_shared_library_carries_its_name_with_the_major_version(self):
+        self.assertRegex(run("readelf", "-d", self.library), r"SONAME.*\[libvorlix\.so\.\d+\]")
+
+
+if __name__ == "__main__":
+    unittest.main()
