@@ -1,0 +1,163 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Times the command line beside other partition tools: whole processes on copies of one disk image, taking turns (A B A
+B ...), so that whatever else the machine does meets all of them alike. Prints medians, and ratios of medians."""
+
+import argparse
+import os
+import pathlib
+import re
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+IMAGE_SIZE = 256 << 20
+ESP_FIRST, HFS_FIRST, WINDOWS_FIRST, WINDOWS_LAST = 40, 20520, 204800, 401407
+
+
+class Program:
+    """A command whose word "IMAGE" stands for the path of its own copy of the image."""
+
+    def __init__(self, label, command, statuses=(0,)):
+        self.label = label
+        self.command = command
+        self.statuses = statuses
+        self.wall = []
+        self.cpu = []
+
+    def arguments(self, image):
+        return [str(image) if word == "IMAGE" else word for word in self.command]
+
+    def run(self, image):
+        """Runs once with output thrown away; time from before the start until the end is known."""
+        arguments = self.arguments(image)
+        silence = [(os.POSIX_SPAWN_OPEN, 1, os.devnull, os.O_WRONLY, 0),
+                   (os.POSIX_SPAWN_OPEN, 2, os.devnull, os.O_WRONLY, 0)]
+        start = time.perf_counter()
+        process = os.posix_spawnp(arguments[0], arguments, os.environ, file_actions=silence)
+        _, status, usage = os.wait4(process, 0)
+        self.wall.append(time.perf_counter() - start)
+        self.cpu.append(usage.ru_utime + usage.ru_stime)
+        if os.waitstatus_to_exitcode(status) not in self.statuses:
+            subprocess.run(arguments, check=False)  # shows what it says
+            sys.exit(f"{' '.join(arguments)}: ended with {os.waitstatus_to_exitcode(status)}")
+
+    def forget(self):
+        self.wall.clear()
+        self.cpu.clear()
+
+    def median(self):
+        return statistics.median(self.wall)
+
+
+def make_image(path):
+    """A GPT disk as such computers have it, with a FAT volume as entry 3 and no hybrid MBR."""
+    with open(path, "wb") as file:
+        file.truncate(IMAGE_SIZE)
+    options = ["-a", "1", "-n", f"1:{ESP_FIRST}:{HFS_FIRST - 1}", "-t", "1:EF00",
+               "-n", f"2:{HFS_FIRST}:{WINDOWS_FIRST - 1}", "-t", "2:AF00",
+               "-n", f"3:{WINDOWS_FIRST}:{WINDOWS_LAST}", "-t", "3:0700"]
+    subprocess.run(["sgdisk", *options, str(path)], check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(["mformat", "-i", f"{path}@@{WINDOWS_FIRST * 512}", "-T", str(WINDOWS_LAST - WINDOWS_FIRST + 1),
+                    "-h", "255", "-s", "63", "-H", "0", "::"], check=True)
+
+
+def fresh_copy(original, copy):
+    """A copy that is on the medium already, so that no later sync has to write it."""
+    subprocess.run(["cp", "--sparse=always", str(original), str(copy)], check=True)
+    descriptor = os.open(copy, os.O_RDWR)
+    os.fsync(descriptor)
+    os.close(descriptor)
+
+
+def take_turns(title, programs, original, folder, runs, renew=False, ratios=True):
+    """Each program `runs` times after one that is not counted. With `renew` each run gets a fresh copy."""
+    copies = [folder / f"copy{i}.img" for i in range(len(programs))]
+    for copy in copies:
+        fresh_copy(original, copy)
+    for turn in range(runs + 1):
+        if turn == 1:
+            for program in programs:
+                program.forget()
+        for program, copy in zip(programs, copies):
+            if renew and turn > 0:
+                fresh_copy(original, copy)
+            program.run(copy)
+    print(f"\n{title}: {runs} runs each, taking turns")
+    print(f"  {'':28} {'median':>10} {'fastest':>10} {'CPU':>10}")
+    for program in programs:
+        cpu = statistics.median(program.cpu)
+        times = [program.median(), min(program.wall), cpu]
+        print(f"  {program.label:28} " + " ".join(f"{seconds * 1e3:7.2f} ms" for seconds in times))
+    for program in programs[1:] if ratios else []:
+        print(f"  {programs[0].label} : {program.label} = {programs[0].median() / program.median():.3f}")
+
+
+def system_calls(program, original, folder):
+    """Prints how many system calls one run makes, as strace counts them, or that it cannot trace here."""
+    image = folder / "traced.img"
+    fresh_copy(original, image)
+    counts = folder / "counts"
+    traced = subprocess.run(["strace", "-c", "-f", "-o", str(counts), *program.arguments(image)],
+                            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, check=False)
+    if traced.returncode not in program.statuses or not counts.exists():
+        print(f"  {program.label}: strace cannot trace here ({traced.stderr.strip() or traced.returncode})")
+        return
+    total, calls = 0, {}
+    for line in counts.read_text().splitlines():
+        row = re.match(r"\s*[\d.]+\s+[\d.]+\s+\d*\s+(\d+)\s+(?:\d+\s+)?(\w+)$", line)
+        if row and row.group(2) != "total":
+            calls[row.group(2)] = int(row.group(1))
+            total += int(row.group(1))
+    most = ", ".join(f"{name} {count}" for name, count in sorted(calls.items(), key=lambda call: -call[1])[:6])
+    flushes = sum(calls.get(name, 0) for name in ("sync", "fsync", "fdatasync", "syncfs"))
+    sleeps = sum(calls.get(name, 0) for name in ("nanosleep", "clock_nanosleep"))
+    print(f"  {program.label:28} {total:5} ({most}; flushes {flushes}, sleeps {sleeps})")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--vorlix", required=True, help="the built command line")
+    parser.add_argument("--runs", type=int, default=15, help="runs of each program (default 15)")
+    parser.add_argument("--folder", help="where the images are made (default: the system's temporary folder)")
+    options = parser.parse_args()
+    vorlix = str(pathlib.Path(options.vorlix).resolve())
+    os.environ["PATH"] += ":/usr/sbin:/sbin"  # where the disk tools stand, which need no rights on an image
+    for tool in ("sgdisk", "sfdisk", "mformat", vorlix):
+        if shutil.which(tool) is None:
+            sys.exit(f"{tool}: not found")
+
+    with tempfile.TemporaryDirectory(dir=options.folder) as name:
+        folder = pathlib.Path(name)
+        original = folder / "original.img"
+        boot_code = folder / "boot-code.bin"
+        make_image(original)
+        boot_code.write_bytes(b"\xEB\xFE" + bytes(438))
+        kind = subprocess.run(["stat", "-f", "-c", "%T", name], check=True, stdout=subprocess.PIPE, text=True).stdout
+        print(f"Images on {kind.strip()}, {os.cpu_count()} processors")
+
+        hybrid = Program("vorlix hybrid",
+                         [vorlix, "hybrid", "IMAGE", "--boot-code", str(boot_code), "--partition", "3"])
+        sgdisk_hybrid = Program("sgdisk --hybrid", ["sgdisk", "--hybrid=2:3", "IMAGE"])
+        take_turns("Hybrid MBR", [hybrid, sgdisk_hybrid], original, folder, options.runs, renew=True)
+        take_turns("Showing the tables",
+                   [Program("vorlix show", [vorlix, "show", "IMAGE"]), Program("sgdisk -p", ["sgdisk", "-p", "IMAGE"]),
+                    Program("sfdisk -J", ["sfdisk", "-J", "IMAGE"])], original, folder, options.runs)
+        take_turns("Where vorlix's time goes",
+                   [Program("vorlix hybrid --dry-run", [*hybrid.command, "--dry-run"], statuses=(1,)),
+                    Program("vorlix --help", [vorlix, "--help"]), Program("true", ["true"])],
+                   original, folder, options.runs, ratios=False)
+
+        print("\nSystem calls of one run")
+        if shutil.which("strace") is None:
+            print("  not counted: strace is not installed")
+        else:
+            for program in (hybrid, sgdisk_hybrid):
+                system_calls(program, original, folder)
+
+
+if __name__ == "__main__":
+    main()
