@@ -15,7 +15,8 @@ namespace vorlix {
 
 enum class DeviceAccess { readOnly, readWrite };
 
-/// Advisory lock against other processes. It lies on the whole disk, also where a slice is opened.
+/// Advisory lock against other processes. Where the system has no lock of its own for device nodes it lies on the whole
+/// disk, also where a slice is opened; macOS locks the node that is opened.
 enum class DeviceLock { none, shared, exclusive };
 
 /// An open device. Offsets count from the start of what was opened: of the slice, where that is a slice.
