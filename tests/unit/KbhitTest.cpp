@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// kbhit() on what standard input can be.
+#include <Vorlix/QDSDiskFunctions.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+
+namespace {
+
+// Standard input is descriptor 0, whatever stdio holds.
+class KbhitTest : public testing::Test {
+ protected:
+  KbhitTest() : saved_(dup(STDIN_FILENO)) {}
+  ~KbhitTest() override {
+    closeWriter();
+    if (saved_ < 0) return;
+    dup2(saved_, STDIN_FILENO);
+    close(saved_);
+  }
+
+  void useAsInput(int descriptor) {
+    ASSERT_GE(descriptor, 0);
+    ASSERT_EQ(dup2(descriptor, STDIN_FILENO), STDIN_FILENO);
+    close(descriptor);
+  }
+
+  void usePipe() {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    writer_ = ends[1];
+    useAsInput(ends[0]);
+  }
+
+  void closeWriter() {
+    if (writer_ >= 0) close(writer_);
+    writer_ = -1;
+  }
+
+  int writer_ = -1;
+
+ private:
+  int saved_;
+};
+
+TEST_F(KbhitTest, EmptyPipeIsZeroAtOnce) {
+  usePipe();
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(kbhit(), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST_F(KbhitTest, WaitingByteIsOneAndStaysWaiting) {
+  usePipe();
+  ASSERT_EQ(write(writer_, "k", 1), 1);
+  EXPECT_EQ(kbhit(), 1);
+  EXPECT_EQ(kbhit(), 1);
+  char byte = 0;
+  ASSERT_EQ(read(STDIN_FILENO, &byte, 1), 1);
+  EXPECT_EQ(byte, 'k');
+  EXPECT_EQ(kbhit(), 0);
+}
+
+TEST_F(KbhitTest, EndOfAPipeCanBeReadWithoutWaiting) {
+  usePipe();
+  closeWriter();
+  EXPECT_EQ(kbhit(), 1);
+}
+
+TEST_F(KbhitTest, LastBytesOfAClosedPipeAreOne) {
+  usePipe();
+  ASSERT_EQ(write(writer_, "k", 1), 1);
+  closeWriter();
+  EXPECT_EQ(kbhit(), 1);
+}
+
+TEST_F(KbhitTest, FileIsAlwaysReadable) {
+  useAsInput(open("/dev/null", O_RDONLY));
+  EXPECT_EQ(kbhit(), 1);
+}
+
+TEST_F(KbhitTest, ClosedInputIsZero) {
+  close(STDIN_FILENO);
+  EXPECT_EQ(kbhit(), 0);
+}
+
+}  // namespace

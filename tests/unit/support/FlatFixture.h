@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A simulated machine, a folder and a log file of its own for each test of the flat functions.
+#pragma once
+
+#include <Vorlix/QDSDiskFunctions.h>
+#include <Vorlix/QDSDiskFunctions/DeviceStreams.h>
+#include <Vorlix/QDSDiskFunctions/Log.h>
+#include <Vorlix/platform/simulated/SimulatedMachine.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace vorlix::test {
+
+inline std::string contentOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+/// A fresh folder, removed with all that is in it.
+class TemporaryFolder {
+ public:
+  TemporaryFolder() : path_(testing::TempDir() + "vorlixXXXXXX") {
+    if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("no temporary folder: " + path_);
+  }
+  ~TemporaryFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+class FlatTest : public testing::Test {
+ protected:
+  FlatTest() : scope_(machine.platform()) { setLogFilePath(logPath()); }
+  ~FlatTest() override {
+    closeKeptOpen();
+    setLogFilePath("");
+    number_of_partition_maps = 9;
+    verbose_flag = 0;
+  }
+
+  std::string logPath() const { return folder / "log"; }
+
+  /// All that was logged since the test began or since forgetLog().
+  std::string log() const { return contentOf(logPath()); }
+  void forgetLog() const { std::filesystem::remove(logPath()); }
+
+  /// Writes a file into the test's folder. @return its path.
+  std::string makeFile(const std::string& name, const std::vector<uint8_t>& bytes) const {
+    std::ofstream file(folder / name, std::ios::binary);
+    file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    if (!file.flush()) throw std::runtime_error("cannot write " + name);
+    return folder / name;
+  }
+
+  /// The machine's journal but for reading, whose pieces are the stream's business.
+  std::vector<std::string> journalButReads() const {
+    std::vector<std::string> lines = machine.journal();
+    const auto isRead = [](const std::string& line) { return line.rfind("read ", 0) == 0; };
+    lines.erase(std::remove_if(lines.begin(), lines.end(), isRead), lines.end());
+    return lines;
+  }
+
+  TemporaryFolder folder;
+  SimulatedMachine machine;
+
+ private:
+  ScopedPlatform scope_;
+};
+
+}  // namespace vorlix::test
