@@ -34,6 +34,16 @@ TEST_F(HybridUpdate, WritesTheHybridMBRAndPatchesTheBootSector) {
                        fileLog() + kPatch);
 }
 
+TEST_F(HybridUpdate, FourUsedEntriesFillFourSlots) {
+  setEntries({entryBytes(kEFISystemType, 40, 409639), entryBytes(kHFSType, 409640, 1606499),
+              entryBytes(kBasicDataType, 1606500, 2008124), entryBytes(kAPFSType, 2008125, 2088449),
+              entryBytes(kHFSType, 2088450, 2097118)});  // the fifth has no slot
+  EXPECT_EQ(update(4), 0);
+  const ByteVector apfs = {0x80, 0x00, 0x01, 0x7D, 0xFF, 0xFE, 0x3F, 0x81,   // 125/0/1 to 129/254/63
+                           0x3D, 0xA4, 0x1E, 0x00, 0xC5, 0x39, 0x01, 0x00};  // 0x1EA43D = 2008125, 0x139C5 = 80325
+  EXPECT_EQ(slots(), joined({kEFISlot, kHFSSlot, kDataSlot, apfs}));
+}
+
 TEST_F(HybridUpdate, ReadsClosesAndOnlyThenWrites) {
   EXPECT_EQ(update(), 0);
   EXPECT_THAT(journalButReads(),

@@ -220,6 +220,14 @@ TEST_F(ReadMBR, SignatureOfAShortStreamIsThePreset) {
   }
 }
 
+TEST_F(ReadMBR, FlagThatTheStreamDoesNotReachMakesNoSlotActive) {
+  PartitionTable table = {};
+  for (MBRPartitionEntry& slot : table.parts) slot.flag = 0x80;  // left from another disk
+  uint32_t active = 77;
+  read_bios_partition_table(streamOf(ByteVector(446)).get(), &table, &active);
+  EXPECT_EQ(active, 77U);
+}
+
 TEST_F(ReadMBR, FailingDeviceLeavesTheFieldsAsTheyWere) {
   machine.addDisk("disk0", 4096, 512);
   machine.setBytes("disk0", 0, sectorZero());
