@@ -81,6 +81,8 @@ const char* errorName(int error) {
       return "EWOULDBLOCK";
     case EACCES:
       return "EACCES";
+    case EBADF:
+      return "EBADF";
     case EIO:
       return "EIO";
     case ENOSPC:
@@ -153,8 +155,11 @@ struct SimulatedMachine::State {
 
 class SimulatedMachine::SimulatedHandle final : public DeviceHandle {
  public:
-  SimulatedHandle(std::shared_ptr<State> state, std::string name)
-      : state_(std::move(state)), name_(std::move(name)), window_(state_->device(name_)) {
+  SimulatedHandle(std::shared_ptr<State> state, std::string name, DeviceAccess access)
+      : state_(std::move(state)),
+        name_(std::move(name)),
+        window_(state_->device(name_)),
+        writable_(access == DeviceAccess::readWrite) {
     ++state_->openCount;
   }
   ~SimulatedHandle() override {
@@ -173,7 +178,8 @@ class SimulatedMachine::SimulatedHandle final : public DeviceHandle {
     if (const auto limit = state_->writeLimits.find(name_); limit != state_->writeLimits.end()) {
       done = std::min(done, limit->second);
     }
-    const int refusal = done == 0 && count != 0 ? ENOSPC : 0;
+    int refusal = done == 0 && count != 0 ? ENOSPC : 0;
+    if (!writable_) refusal = EBADF;
     if (state_->note(Operation::write, name_, range(offset, count), refusal) != 0) return -1;
     state_->disks.at(window_.disk).bytes.write(window_.offset + offset, static_cast<const uint8_t*>(buffer), done);
     return static_cast<ssize_t>(done);
@@ -196,6 +202,7 @@ class SimulatedMachine::SimulatedHandle final : public DeviceHandle {
   std::shared_ptr<State> state_;
   std::string name_;
   Window window_;
+  bool writable_;
   bool open_ = true;
 };
 
@@ -209,7 +216,7 @@ class SimulatedMachine::SimulatedDeviceFile final : public DeviceFile {
     if (lock == DeviceLock::exclusive) detail += " exclusive";
     if (lock == DeviceLock::shared) detail += " shared";
     if (state_->note(Operation::open, name, detail, refusalOf(name, lock)) != 0) return nullptr;
-    return std::make_unique<SimulatedHandle>(state_, name);
+    return std::make_unique<SimulatedHandle>(state_, name, access);
   }
 
  private:
