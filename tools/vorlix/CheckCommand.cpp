@@ -33,13 +33,13 @@ std::string activeSlots(const DiskTables& disk) {
 
 bool checkMBR(const HybridPlan& plan) {
   if (!plan.disk.hasMBR()) return finding("MBR", false, "sector 0 has no 55 AA signature");
-  if (!plan.changesMBR()) return finding("MBR", true, "equals the hybrid MBR that the GPT asks for");
   std::string slots;
   for (size_t i = 0; i < 4; ++i) {
     if (!sameSlot(plan.table.parts[i], plan.disk.mbr.parts[i])) {
       slots += (slots.empty() ? "" : ", ") + std::to_string(i + 1);
     }
   }
+  if (slots.empty()) return finding("MBR", true, "equals the hybrid MBR that the GPT asks for");
   return finding("MBR", false, "differs from the hybrid MBR that the GPT asks for in slot " + slots);
 }
 

@@ -97,11 +97,7 @@ PartitionTable hybridTable(const DiskTables& disk, uint32_t activeSlot) {
 }
 
 bool sameSlot(const MBRPartitionEntry& one, const MBRPartitionEntry& other) {
-  const auto tied = [](const MBRPartitionEntry& slot) {
-    return std::tie(slot.flag, slot.start_head, slot.start_sector, slot.start_track, slot.type, slot.end_head,
-                    slot.end_sector, slot.end_track, slot.lba, slot.size);
-  };
-  return tied(one) == tied(other);
+  return encodeSlots({one, {}, {}, {}}) == encodeSlots({other, {}, {}, {}});
 }
 
 Sector readBootSector(const std::string& volume) {

@@ -37,7 +37,7 @@ DiskTables readTables(const std::string& device);
 /// The MBR that the disk's GPT asks for.
 PartitionTable hybridTable(const DiskTables& disk, uint32_t activeSlot);
 
-/// Whether two slots have the same bytes on disk.
+/// Whether two slots have the same bytes on disk. Cylinder, head and sector of an LBA of 2^31 or more lose bits there.
 bool sameSlot(const MBRPartitionEntry& one, const MBRPartitionEntry& other);
 
 /// The first 512 bytes of a volume. Throws Failure.

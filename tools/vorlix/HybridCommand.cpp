@@ -97,7 +97,7 @@ std::string touchedText(const HybridPlan& plan, const Verification& now) {
 }
 
 void saveBackup(const HybridPlan& plan, const std::string& folder) {
-  if (plan.changesMBR()) {
+  if (plan.writesMBR()) {
     std::printf("Saved      %s\n", saveSector(folder, plan.disk.device, 0, plan.disk.sector0).c_str());
   }
   if (plan.patchesVolume) {
@@ -106,7 +106,7 @@ void saveBackup(const HybridPlan& plan, const std::string& folder) {
 }
 
 void printDone(const HybridPlan& plan) {
-  if (plan.changesMBR()) {
+  if (plan.writesMBR()) {
     const Sector after = plan.newSector0();
     std::printf("MBR        written to %s and read back\n", plan.disk.device.c_str());
     if (!std::equal(after.begin() + 440, after.begin() + 444, plan.disk.sector0.begin() + 440)) {
@@ -121,7 +121,7 @@ void printDone(const HybridPlan& plan) {
 }
 
 void apply(const HybridPlan& plan, const HybridOptions& options) {
-  if (!plan.changesMBR() && !plan.disk.hasMBR()) {
+  if (!plan.writesMBR() && !plan.disk.hasMBR()) {
     throw Failure(plan.disk.device, "sector 0 has the right slots but no 55 AA signature, which is not repaired here");
   }
   if (!options.backupFolder.empty()) saveBackup(plan, options.backupFolder);

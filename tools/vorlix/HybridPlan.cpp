@@ -10,6 +10,7 @@
 #include <fstream>
 #include <limits>
 #include <system_error>
+#include <tuple>
 
 #include "Failure.h"
 
@@ -62,15 +63,19 @@ void planVolume(const HybridRequest& request, HybridPlan& plan) {
 
 }  // namespace
 
-bool HybridPlan::changesMBR() const {
+bool HybridPlan::writesMBR() const {
+  const auto tied = [](const MBRPartitionEntry& slot) {
+    return std::tie(slot.flag, slot.start_head, slot.start_sector, slot.start_track, slot.type, slot.end_head,
+                    slot.end_sector, slot.end_track, slot.lba, slot.size);
+  };
   for (size_t i = 0; i < kSlotCount; ++i) {
-    if (!sameSlot(table.parts[i], disk.mbr.parts[i])) return true;
+    if (tied(table.parts[i]) != tied(disk.mbr.parts[i])) return true;
   }
   return false;
 }
 
 Sector HybridPlan::newSector0() const {
-  if (!changesMBR()) return disk.sector0;
+  if (!writesMBR()) return disk.sector0;
   Sector sector = {};
   std::copy(bootCode.begin(), bootCode.end(), sector.begin());
   const auto slots = encodeSlots(table.parts);

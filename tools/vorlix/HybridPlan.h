@@ -31,10 +31,13 @@ struct HybridPlan {
   uint32_t start = 0;
   Sector bootSector = {};  ///< of the volume, as it is now
 
-  bool changesMBR() const;
+  /// Whether the library writes sector 0. It compares slots before they are packed, so that one with an LBA of 2^31 or
+  /// more differs from its own copy on disk and is written every time.
+  bool writesMBR() const;
+  bool changesMBR() const { return newSector0() != disk.sector0; }
   bool changesHiddenSectors() const { return patchesVolume && hiddenSectors(bootSector) != start; }
 
-  /// Sector 0 as it will be: unchanged where its slots are right already.
+  /// Sector 0 as it will be: unchanged where the library does not write it.
   Sector newSector0() const;
 
   /// The boot sector as it will be, but for the random bytes at 72 to 79.
