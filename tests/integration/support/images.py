@@ -1,0 +1,139 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What the tests of the command line share: running it, disk-image files, and seeing that nothing was written."""
+
+import hashlib
+import json
+import os
+import resource
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+PAGE = 4096
+MEMORY_LIMIT = 512 << 20
+SYSTEM_PATH = os.environ.get("PATH", "") + ":/usr/sbin:/sbin"
+NOBODY = 65534
+
+SANITIZED = bool(os.environ.get("VORLIX_SANITIZED"))
+
+
+def tool(name):
+    """Path of a system tool; the test that asks for one that is missing is skipped."""
+    found = shutil.which(name, path=SYSTEM_PATH)
+    if not found:
+        raise unittest.SkipTest(f"{name} is not installed")
+    return found
+
+
+def run_tool(name, *arguments, stdin=""):
+    """Runs a system tool that must succeed. Returns its standard output."""
+    result = subprocess.run([tool(name), *map(str, arguments)], input=stdin, capture_output=True, text=True, timeout=120)
+    if result.returncode != 0:
+        raise AssertionError(f"{name} {arguments}: {result.stdout}{result.stderr}")
+    return result.stdout
+
+
+def data_pages(descriptor):
+    """The pages of a file that hold anything but zeros, as (offset, bytes). A sparse file of terabytes takes no time."""
+    size = os.fstat(descriptor).st_size
+    at = 0
+    while at < size:
+        try:
+            at = os.lseek(descriptor, at, os.SEEK_DATA) // PAGE * PAGE
+        except OSError:  # nothing but a hole up to the end
+            return
+        hole = os.lseek(descriptor, at, os.SEEK_HOLE)
+        while at < hole:
+            page = os.pread(descriptor, PAGE, at)
+            if page.strip(b"\0"):
+                yield at, page
+            at += PAGE
+
+
+def content_hash(path):
+    """Digest of a file's bytes. Holes and zeros are the same."""
+    digest = hashlib.sha256()
+    with open(path, "rb") as file:
+        for at, page in data_pages(file.fileno()):
+            digest.update(at.to_bytes(8, "little") + page)
+        digest.update(os.fstat(file.fileno()).st_size.to_bytes(8, "little"))
+    return digest.hexdigest()
+
+
+def sparse_copy(source, target):
+    """Copies a file's bytes and leaves its holes holes."""
+    with open(source, "rb") as old, open(target, "wb") as new:
+        new.truncate(os.fstat(old.fileno()).st_size)
+        for at, page in data_pages(old.fileno()):
+            os.pwrite(new.fileno(), page, at)
+
+
+def snapshot(path):
+    """What tells whether a file was written to: its bytes, its size, and when it was last modified."""
+    status = os.stat(path)
+    return content_hash(path), status.st_size, status.st_mtime_ns
+
+
+class CommandTest(unittest.TestCase):
+    """A test of the built command line, with a private folder and a boot-code file."""
+
+    maxDiff = 4000
+    BOOT_CODE = bytes((7 * i + 3) % 256 for i in range(446))
+
+    @classmethod
+    def setUpClass(cls):
+        cls.vorlix = os.environ.get("VORLIX")
+        if not cls.vorlix:
+            raise RuntimeError("VORLIX is not set: it names the command line to test")
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="vorlix-test-")
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+        self.boot_code = self.path("boot.bin")
+        with open(self.boot_code, "wb") as file:
+            file.write(self.BOOT_CODE)
+
+    def path(self, name):
+        return os.path.join(self.folder, name)
+
+    def vorlix_run(self, *arguments, timeout=60, memory_limit=None, prefix=()):
+        """Runs the command line. memory_limit: bytes of address space, for a child of its own."""
+
+        def limit():
+            if memory_limit:
+                resource.setrlimit(resource.RLIMIT_AS, (memory_limit, memory_limit))
+
+        return subprocess.run(
+            [*prefix, self.vorlix, *map(str, arguments)],
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            text=True,
+            timeout=timeout,
+            preexec_fn=limit if memory_limit else None,
+        )
+
+    def vorlix_ok(self, *arguments, **options):
+        result = self.vorlix_run(*arguments, **options)
+        self.assertEqual(result.returncode, 0, f"{arguments}: {result.stdout}{result.stderr}")
+        return result
+
+    def show(self, disk):
+        """The parsed answer of `show --json`."""
+        return json.loads(self.vorlix_ok("show", disk, "--json").stdout)
+
+    def hybrid(self, disk, partition, *options, expect=0):
+        arguments = ["hybrid", disk, "--boot-code", self.boot_code, "--partition", partition, *options]
+        result = self.vorlix_run(*arguments)
+        self.assertEqual(result.returncode, expect, f"{arguments}: {result.stdout}{result.stderr}")
+        return result
+
+    def assert_unchanged(self, path, before, note=""):
+        self.assertEqual(snapshot(path), before, f"{path} was written to {note}")
+
+
+def main():
+    """Runs a test script's cases; what was skipped is told with its reason."""
+    unittest.main(verbosity=2 if "-v" in sys.argv else 1)

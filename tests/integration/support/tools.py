@@ -1,0 +1,137 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Disks made and read by independent tools: sgdisk, sfdisk, fdisk, mkntfs, mformat, blkid, losetup."""
+
+import contextlib
+import functools
+import json
+import os
+import re
+import subprocess
+import tempfile
+import unittest
+
+from support import gpt, images
+
+MAC_SIZE = 512 << 20
+# The layout of a Mac with a Windows partition, in blocks of 512 bytes: first, last and type of each entry.
+MAC_LAYOUT = {
+    1: (40, 409639, gpt.EFI_SYSTEM),
+    2: (409640, 600000, gpt.APFS),
+    3: (602112, 622591, gpt.BASIC_DATA),
+    4: (622592, 630783, gpt.APPLE_BOOT),
+}
+WINDOWS = 3
+
+
+@functools.lru_cache(maxsize=None)
+def templates():
+    """A folder for images that several tests start from; sgdisk takes a second for each."""
+    return tempfile.TemporaryDirectory(prefix="vorlix-templates-")
+
+
+@functools.lru_cache(maxsize=None)
+def template(layout, size, extra):
+    descriptor, path = tempfile.mkstemp(dir=templates().name)
+    os.close(descriptor)
+    os.truncate(path, size)
+    sgdisk(path, *extra, "-a", "1", *partition_options(dict(layout)))
+    return path
+
+
+def sgdisk_image(path, layout, size=MAC_SIZE, extra=()):
+    """Makes a sparse image with the partitions of `layout` (number: (first, last, type)), `extra` options going first."""
+    images.sparse_copy(template(tuple(layout.items()), size, tuple(extra)), path)
+    return path
+
+
+def partition_options(layout):
+    options = []
+    for number, (first, last, kind) in layout.items():
+        options += ["-n", f"{number}:{first}:{last}", "-t", f"{number}:{kind}"]
+    return options
+
+
+def sgdisk(path, *options):
+    return images.run_tool("sgdisk", *options, path)
+
+
+def sgdisk_entry(path, number):
+    """What `sgdisk -i` says of an entry, by the words it uses."""
+    lines = [line.split(":", 1) for line in sgdisk(path, "-i", number).splitlines() if ":" in line]
+    return {key.strip(): value.strip() for key, value in lines}
+
+
+def sfdisk_table(path):
+    return json.loads(images.run_tool("sfdisk", "-J", path))["partitiontable"]
+
+
+def entries_by_sfdisk(path):
+    """The first entries of a disk as sfdisk reads them, in the form that gpt.hybrid_slots() takes."""
+    entries = [None] * 4
+    table = sfdisk_table(path)
+    for part in table["partitions"]:
+        number = int(part["node"][len(path) :].lstrip("p"))
+        if number <= 4:
+            entries[number - 1] = gpt.Entry(part["type"], part["start"], part["start"] + part["size"] - 1)
+    return entries
+
+
+def fdisk_slots(path):
+    """The MBR as fdisk reads it when it is told to ignore the GPT: number: (active, first, sectors, type)."""
+    found = {}
+    for line in images.run_tool("fdisk", "-t", "dos", "-l", "-o", "device,boot,start,sectors,id", path).splitlines():
+        match = re.fullmatch(re.escape(path) + r"p?(\d) +(\*?) +(\d+) +(\d+) +([0-9a-f]+)", line)
+        if match:
+            number, active, first, sectors, kind = match.groups()
+            found[int(number)] = (active == "*", int(first), int(sectors), int(kind, 16))
+    return found
+
+
+def ntfs_volume(path, size, sector_size=512, start=63):
+    """Bytes of an NTFS volume by mkntfs, with a hidden-sectors field that is not where the volume will be."""
+    with open(path, "wb") as file:
+        file.truncate(size)
+    images.run_tool("mkntfs", "-F", "-f", "-q", "-s", sector_size, "-p", start, "-H", "255", "-S", "63", path)
+    with open(path, "rb") as file:
+        return file.read()
+
+
+def fat_volume(path, size):
+    """Bytes of a FAT volume by mformat."""
+    with open(path, "wb") as file:
+        file.truncate(size)
+    images.run_tool("mformat", "-i", path, "-T", size // 512, "-h", "255", "-s", "63", "-H", "63", "-v", "WINDOWS", "::")
+    with open(path, "rb") as file:
+        return file.read()
+
+
+def write_sparse(path, offset, data):
+    """Writes the parts of `data` that are not zero; the file is a fresh, sparse one."""
+    for at in range(0, len(data), images.PAGE):
+        page = data[at : at + images.PAGE]
+        if page.strip(b"\0"):
+            gpt.write_at(path, offset + at, page)
+
+
+def blkid_probe(path, offset, size):
+    """Type and serial number of the file system at an offset, as blkid reads them."""
+    output = images.run_tool("blkid", "-p", "-o", "export", "-O", offset, "-S", size, path)
+    return dict(line.split("=", 1) for line in output.splitlines() if "=" in line)
+
+
+@contextlib.contextmanager
+def loop_device(path, sector_size):
+    """A loop device over a file, detached in any case. Skips the test where there can be none."""
+    if os.geteuid() != 0:
+        raise unittest.SkipTest("loop devices need root")
+    if not os.access("/dev/loop-control", os.R_OK | os.W_OK):
+        raise unittest.SkipTest("no /dev/loop-control on this machine")
+    command = [images.tool("losetup"), "--show", "--find", "--sector-size", str(sector_size), path]
+    result = subprocess.run(command, capture_output=True, text=True, timeout=60)
+    if result.returncode != 0:
+        raise unittest.SkipTest(f"losetup: {result.stderr.strip()}")
+    device = result.stdout.strip()
+    try:
+        yield device
+    finally:
+        images.run_tool("losetup", "--detach", device)

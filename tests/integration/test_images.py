@@ -1,0 +1,633 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Disk images made by sgdisk, sfdisk, mkntfs and mformat: what is shown, written, saved and left alone."""
+
+import os
+import re
+import shutil
+import subprocess
+import unittest
+
+from support import gpt, images, tools
+
+MAC = tools.MAC_LAYOUT
+WINDOWS = tools.WINDOWS
+WINDOWS_FIRST = MAC[WINDOWS][0]
+WINDOWS_SIZE = (MAC[WINDOWS][1] - WINDOWS_FIRST + 1) * 512
+
+
+class ImageTest(images.CommandTest):
+    def mac_image(self, name="mac.img", layout=None, **options):
+        """The image of a Mac with an NTFS volume at entry 3 that was made for another place."""
+        path = tools.sgdisk_image(self.path(name), layout or MAC, **options)
+        tools.write_sparse(path, WINDOWS_FIRST * 512, tools.ntfs_volume(self.path("ntfs"), WINDOWS_SIZE))
+        return path
+
+    def expected_sector0(self, path, active, kind=None):
+        """Sector 0 by the entries that sfdisk reads."""
+        return gpt.sector0(self.BOOT_CODE, gpt.hybrid_slots(tools.entries_by_sfdisk(path), active, kind))
+
+    def assert_sector0(self, path, expected):
+        self.assertEqual(gpt.read_at(path, 0, 512).hex(" "), expected.hex(" "))
+
+    def assert_patched(self, path, offset, before, start):
+        """The boot sector at `offset` has the field and a fresh serial, and else what it had before."""
+        after = gpt.read_at(path, offset, 512)
+        expected = before[:28] + start.to_bytes(4, "little") + before[32:72] + after[72:80] + before[80:]
+        self.assertEqual(after.hex(" "), expected.hex(" "))
+        self.assertNotEqual(after[72:80], before[72:80])
+
+
+class Show(ImageTest):
+    def assert_agrees_with_other_tools(self, path, numbers, image=None):
+        shown = self.show(path)
+        other = tools.sfdisk_table(path)
+        table = shown["gpt"]
+        self.assertEqual(shown["blockSize"], other["sectorsize"])
+        self.assertEqual(shown["size"], os.path.getsize(image or path))
+        self.assertEqual(table["diskGUID"], other["id"])
+        self.assertEqual((table["firstUsableLBA"], table["lastUsableLBA"]), (other["firstlba"], other["lastlba"]))
+        self.assertEqual([entry["number"] for entry in table["entries"]], numbers)
+        self.assertEqual(len(other["partitions"]), len(numbers))
+        for entry, part in zip(table["entries"], other["partitions"]):
+            self.assertTrue(part["node"].endswith(str(entry["number"])))
+            self.assertEqual((entry["typeGUID"], entry["partitionGUID"]), (part["type"], part["uuid"]))
+            self.assertEqual((entry["firstLBA"], entry["lastLBA"]), (part["start"], part["start"] + part["size"] - 1))
+            self.assertEqual(entry["size"], part["size"] * other["sectorsize"])
+            self.assertEqual(entry["name"], part.get("name", ""))
+            again = tools.sgdisk_entry(path, entry["number"])
+            self.assertTrue(again["Partition GUID code"].startswith(entry["typeGUID"]))
+            self.assertEqual(again["Partition unique GUID"], entry["partitionGUID"])
+            self.assertEqual(again["Attribute flags"], entry["attributes"])
+            self.assertEqual(again["First sector"].split()[0], str(entry["firstLBA"]))
+        return shown
+
+    def test_agrees_with_sfdisk_and_sgdisk(self):
+        path = self.mac_image(extra=["-n", "7:640000:640007", "-t", "7:8300"])
+        tools.sgdisk(path, "-c", "3:BOOTCAMP ÄЖ水", "-A", "3:set:60", "-A", "1:set:0", "-A", "7:set:2")
+        before = images.snapshot(path)
+        shown = self.assert_agrees_with_other_tools(path, [1, 2, 3, 4, 7])
+        self.assertEqual((shown["gpt"]["entryLBA"], shown["gpt"]["entryCount"]), (2, 128))
+        self.assertEqual(shown["mbr"]["kind"], "guard")
+        self.assertEqual(shown["mbr"]["slots"][0]["type"], "EE")
+        self.assertFalse(shown["mbr"]["equalsHybrid"])
+        self.assert_unchanged(path, before)
+
+    def test_blocks_of_4096_bytes(self):
+        path = self.path("big blocks.img")
+        with open(path, "wb") as file:
+            file.truncate(256 << 20)
+        with tools.loop_device(path, 4096) as device:
+            layout = {1: (6, 25605, gpt.EFI_SYSTEM), 2: (25606, 40000, gpt.HFS_PLUS), 3: (40960, 43519, gpt.BASIC_DATA)}
+            tools.sgdisk(device, "-a", "1", *tools.partition_options(layout), "-c", "3:Windows")
+            shown = self.assert_agrees_with_other_tools(device, [1, 2, 3], path)
+            self.assertEqual(shown["blockSize"], 4096)
+        of_the_image = self.show(path)
+        self.assertEqual(of_the_image["blockSize"], 4096)
+        self.assertEqual(of_the_image["gpt"], shown["gpt"])
+        self.assertEqual(of_the_image["mbr"], shown["mbr"])
+
+    def test_a_table_of_16384_entries(self):
+        layout = {1: (5000, 6000, gpt.EFI_SYSTEM), 3: (7000, 8000, gpt.BASIC_DATA), 16384: (9000, 9999, gpt.LINUX)}
+        path = tools.sgdisk_image(self.path("many.img"), layout, extra=["-S", "16384"])
+        shown = self.assert_agrees_with_other_tools(path, [1, 3, 16384])
+        self.assertEqual(shown["gpt"]["entryCount"], 16384)
+
+    def test_reads_the_hybrid_mbr_of_sgdisk(self):
+        path = self.mac_image()
+        tools.sgdisk(path, "--hybrid", "2:3:EE")
+        shown = self.show(path)["mbr"]
+        slots = {s["slot"]: (s["active"], s["firstLBA"], s["sectors"], int(s["type"], 16)) for s in shown["slots"]}
+        others = tools.fdisk_slots(path)
+        self.assertEqual({number: slot for number, slot in slots.items() if slot[3]}, others)
+        self.assertEqual(shown["kind"], "hybrid")
+        self.assertFalse(shown["equalsHybrid"])
+        self.assertEqual([s["equalsHybrid"] for s in shown["slots"]], [False, False, False, False])
+
+    def test_text_for_people(self):
+        path = self.mac_image()
+        before = images.snapshot(path)
+        text = self.vorlix_ok("show", path).stdout
+        for word in (path, "512", "409640", "602112"):
+            self.assertIn(word, text)
+        self.assert_unchanged(path, before)
+
+    def test_a_disk_without_a_gpt(self):
+        path = self.path("mbr.img")
+        with open(path, "wb") as file:
+            file.truncate(64 << 20)
+        images.run_tool("sfdisk", "-q", path, stdin="label: dos\nlabel-id: 0xC0FFEE01\nstart=2048,size=4096,type=7,bootable\n")
+        shown = self.show(path)
+        self.assertIsNone(shown["gpt"])
+        self.assertEqual((shown["mbr"]["activeSlot"], shown["mbr"]["diskSignature"]), (1, "C0FFEE01"))
+        self.assertEqual((shown["mbr"]["slots"][0]["firstLBA"], shown["mbr"]["slots"][0]["sectors"]), (2048, 4096))
+        self.assertIsNone(shown["mbr"]["slots"][0]["hybrid"])
+        self.assertFalse(shown["mbr"]["equalsHybrid"])
+
+
+class Hybrid(ImageTest):
+    def test_writes_the_mbr_and_patches_the_volume(self):
+        path = self.mac_image()
+        table = tools.sfdisk_table(path)
+        before = gpt.read_at(path, WINDOWS_FIRST * 512, 512)
+        expected = self.expected_sector0(path, WINDOWS)
+        self.hybrid(path, WINDOWS)
+        self.assert_sector0(path, expected)
+        self.assert_patched(path, WINDOWS_FIRST * 512, before, WINDOWS_FIRST)
+        self.assertEqual(
+            tools.fdisk_slots(path),
+            {
+                1: (False, 1, 409639, 0xEE),
+                2: (False, 409640, 190361, 0xFF),
+                3: (True, 602112, 20480, 0x07),
+                4: (False, 622592, 8192, 0xAB),
+            },
+        )
+        self.assertEqual(tools.sfdisk_table(path), table)
+        self.assertIn("No problems found", tools.sgdisk(path, "-v"))
+        self.assertIn("No errors detected", images.run_tool("sfdisk", "--verify", path))
+
+    def test_the_volume_is_still_ntfs_and_has_the_serial_that_was_written(self):
+        path = self.mac_image()
+        before = tools.blkid_probe(path, WINDOWS_FIRST * 512, WINDOWS_SIZE)
+        self.hybrid(path, WINDOWS)
+        after = tools.blkid_probe(path, WINDOWS_FIRST * 512, WINDOWS_SIZE)
+        serial = int.from_bytes(gpt.read_at(path, WINDOWS_FIRST * 512 + 72, 8), "little")
+        self.assertEqual((before["TYPE"], after["TYPE"]), ("ntfs", "ntfs"))
+        self.assertEqual(after["UUID"], f"{serial:016X}")
+        self.assertNotEqual(after["UUID"], before["UUID"])
+
+    def test_a_fat_volume_is_patched_at_the_same_places(self):
+        path = tools.sgdisk_image(self.path("fat.img"), MAC)
+        volume = tools.fat_volume(self.path("fat"), WINDOWS_SIZE)
+        tools.write_sparse(path, WINDOWS_FIRST * 512, volume)
+        self.hybrid(path, WINDOWS)
+        self.assert_patched(path, WINDOWS_FIRST * 512, volume[:512], WINDOWS_FIRST)
+
+    def test_a_hybrid_mbr_of_another_tool_is_replaced(self):
+        path = self.mac_image()
+        tools.sgdisk(path, "--hybrid", "2:3:EE")
+        expected = self.expected_sector0(path, WINDOWS)
+        self.hybrid(path, WINDOWS)
+        self.assert_sector0(path, expected)
+        self.assertTrue(self.show(path)["mbr"]["equalsHybrid"])
+
+    def test_an_unused_entry_leaves_its_slot_empty(self):
+        path = self.mac_image(layout={n: MAC[n] for n in (1, 3, 4)})
+        expected = self.expected_sector0(path, WINDOWS)
+        self.hybrid(path, WINDOWS)
+        self.assert_sector0(path, expected)
+        self.assertEqual(gpt.read_at(path, 446 + 16, 16), bytes(16))
+        self.assertEqual(sorted(tools.fdisk_slots(path)), [1, 3, 4])
+
+    def test_a_table_of_16384_entries(self):
+        layout = {1: (5000, 409639, gpt.EFI_SYSTEM), 3: MAC[3], 16384: (630784, 640000, gpt.LINUX)}
+        path = self.mac_image(layout=layout, extra=["-S", "16384"])
+        expected = self.expected_sector0(path, WINDOWS)
+        self.hybrid(path, WINDOWS)
+        self.assert_sector0(path, expected)
+
+    def test_the_first_entry_must_be_the_efi_system_partition(self):
+        layout = {1: (409640, 600000, gpt.APFS), 2: (40, 409639, gpt.EFI_SYSTEM), 3: MAC[3]}
+        path = self.mac_image(layout=layout)
+        before = images.snapshot(path)
+        result = self.hybrid(path, WINDOWS, expect=2)
+        self.assertIn(path, result.stderr)
+        self.assertIn("EFI System", result.stderr)
+        self.assertIn("nothing was written", result.stderr)
+        self.assert_unchanged(path, before)
+
+    def test_each_slot_can_be_the_active_one(self):
+        for number in (1, 2, 3, 4):
+            with self.subTest(slot=number):
+                path = tools.sgdisk_image(self.path(f"active{number}.img"), MAC)
+                first, last, _ = MAC[number]
+                size = min((last - first + 1) * 512, 8 << 20)
+                tools.write_sparse(path, first * 512, tools.ntfs_volume(self.path("ntfs"), size // (1 << 20) << 20))
+                expected = self.expected_sector0(path, number)
+                self.hybrid(path, number)
+                self.assert_sector0(path, expected)
+                slots = tools.fdisk_slots(path)
+                self.assertEqual([n for n, slot in slots.items() if slot[0]], [number])
+                shown = self.show(path)["mbr"]
+                self.assertEqual((shown["activeSlot"], shown["equalsHybrid"]), (number, True))
+                self.assertEqual(gpt.read_at(path, first * 512 + 28, 4), first.to_bytes(4, "little"))
+
+    def test_the_active_slot_moves(self):
+        path = self.mac_image()
+        tools.write_sparse(path, MAC[4][0] * 512, tools.ntfs_volume(self.path("ntfs"), 4 << 20))
+        self.hybrid(path, 3)
+        self.hybrid(path, 4)
+        self.assertEqual([n for n, slot in tools.fdisk_slots(path).items() if slot[0]], [4])
+        self.assertEqual(self.show(path)["mbr"]["activeSlot"], 4)
+
+    def test_a_second_run_changes_the_serial_alone(self):
+        path = self.mac_image()
+        self.hybrid(path, WINDOWS)
+        first = gpt.read_at(path, WINDOWS_FIRST * 512, 512)
+        digest = images.content_hash(path)
+        self.hybrid(path, WINDOWS)
+        second = gpt.read_at(path, WINDOWS_FIRST * 512, 512)
+        self.assertEqual(second[:72] + second[80:], first[:72] + first[80:])
+        self.assertNotEqual(second[72:80], first[72:80])
+        gpt.write_at(path, WINDOWS_FIRST * 512, first)
+        self.assertEqual(images.content_hash(path), digest)
+
+    def test_an_mbr_with_the_right_slots_keeps_its_boot_code(self):
+        path = self.mac_image()
+        self.hybrid(path, WINDOWS)
+        gpt.write_at(path, 0, bytes(440))
+        self.hybrid(path, WINDOWS)
+        self.assertEqual(gpt.read_at(path, 0, 440), bytes(440))
+
+    def test_boot_code_of_440_bytes_leaves_the_disk_signature_zero(self):
+        path = self.mac_image()
+        with open(self.boot_code, "wb") as file:
+            file.write(self.BOOT_CODE[:440])
+        self.hybrid(path, WINDOWS)
+        self.assertEqual(gpt.read_at(path, 0, 446), self.BOOT_CODE[:440] + bytes(6))
+        self.assertEqual(self.show(path)["mbr"]["diskSignature"], "00000000")
+
+    def test_type(self):
+        path = self.mac_image()
+        expected = self.expected_sector0(path, WINDOWS, 0x0C)
+        self.hybrid(path, WINDOWS, "--type", "0C")
+        self.assert_sector0(path, expected)
+        self.assertEqual(tools.fdisk_slots(path)[3][3], 0x0C)
+
+    def test_a_type_that_is_none_is_refused(self):
+        path = self.mac_image()
+        before = images.snapshot(path)
+        for text in ("100", "GG", "-1", "7x"):
+            self.hybrid(path, WINDOWS, f"--type={text}", expect=2)
+        self.assert_unchanged(path, before)
+
+    def test_a_type_that_would_unprotect_the_disk_is_refused(self):
+        path = self.mac_image()
+        before = images.snapshot(path)
+        self.assertIn("nothing was written", self.hybrid(path, 1, "--type", "07", expect=2).stderr)
+        self.assert_unchanged(path, before)
+
+    def test_volume_and_start(self):
+        path = self.mac_image()
+        other = self.path("volume.img")
+        volume = tools.ntfs_volume(other, 4 << 20)
+        in_place = gpt.read_at(path, WINDOWS_FIRST * 512, 512)
+        self.hybrid(path, WINDOWS, "--volume", other, "--start", "305419896")
+        self.assert_patched(other, 0, volume[:512], 0x12345678)
+        self.assertEqual(gpt.read_at(other, 28, 4), bytes([0x78, 0x56, 0x34, 0x12]))
+        self.assertEqual(gpt.read_at(path, WINDOWS_FIRST * 512, 512), in_place)
+
+    def test_a_start_beyond_32_bits_is_refused(self):
+        path = self.mac_image()
+        before = images.snapshot(path)
+        for start in ("4294967296", "-1", "x", "18446744073709551616"):
+            self.hybrid(path, WINDOWS, f"--start={start}", expect=2)
+        self.assert_unchanged(path, before)
+
+    def test_partition_numbers_that_are_none_are_refused(self):
+        path = self.mac_image()
+        before = images.snapshot(path)
+        for number in ("0", "5", "-1", "x", "4294967297"):
+            self.hybrid(path, number, expect=2)
+        self.assertEqual(self.vorlix_run("hybrid", path, "--boot-code", self.boot_code).returncode, 2)
+        self.assert_unchanged(path, before)
+
+
+class Guard(ImageTest):
+    def test_writes_a_guard_mbr_and_leaves_the_volume_alone(self):
+        path = self.mac_image()
+        self.hybrid(path, WINDOWS)
+        volume = gpt.read_at(path, WINDOWS_FIRST * 512, 512)
+        self.vorlix_ok("hybrid", path, "--boot-code", self.boot_code, "--guard")
+        last_usable = tools.sfdisk_table(path)["lastlba"]
+        self.assert_sector0(path, gpt.sector0(self.BOOT_CODE, gpt.guard_slots(tools.entries_by_sfdisk(path), last_usable)))
+        self.assertEqual(gpt.read_at(path, 446, 16).hex(" "), "00 fe ff ff ee fe ff ff 01 00 00 00 ff ff 0f 00")
+        self.assertEqual(tools.fdisk_slots(path), {1: (False, 1, tools.MAC_SIZE // 512 - 1, 0xEE)})
+        self.assertEqual(gpt.read_at(path, WINDOWS_FIRST * 512, 512), volume)
+        self.assertEqual(self.show(path)["mbr"]["kind"], "guard")
+
+    def test_a_partition_and_a_type_change_nothing_about_it(self):
+        path, other = self.mac_image(), self.path("other.img")
+        images.sparse_copy(path, other)
+        self.vorlix_ok("hybrid", path, "--boot-code", self.boot_code, "--guard")
+        self.hybrid(other, WINDOWS, "--guard", "--type", "0C")
+        self.assertEqual(images.content_hash(path), images.content_hash(other))
+
+
+class LargeDisks(ImageTest):
+    """Sparse images of more than a terabyte."""
+
+    def large_image(self, first, layout=None):
+        """An image whose entry 3 starts at `first` and holds an NTFS volume of 4 MiB."""
+        path = self.path("large.img")
+        size = (first + (1 << 20)) * 512
+        layout = layout or {1: MAC[1], 2: MAC[2], 3: (first, first + 8191, gpt.BASIC_DATA)}
+        try:
+            tools.sgdisk_image(path, layout, size=size)
+        except OSError as error:
+            self.skipTest(f"the file system holds no sparse file of {size} bytes: {error}")
+        tools.write_sparse(path, first * 512, tools.ntfs_volume(self.path("ntfs"), 4 << 20))
+        return path
+
+    def test_first_lba_past_2_to_the_31(self):
+        first = (1 << 31) + 2048
+        path = self.large_image(first)
+        expected = self.expected_sector0(path, WINDOWS)
+        before = gpt.read_at(path, first * 512, 512)
+        self.hybrid(path, WINDOWS)
+        self.assert_sector0(path, expected)
+        self.assertEqual(tools.fdisk_slots(path)[3], (True, first, 8192, 0x07))
+        self.assert_patched(path, first * 512, before, first)
+        self.assertTrue(self.show(path)["mbr"]["equalsHybrid"])
+        self.assertEqual(self.vorlix_run("check", path, "--partition", 3).returncode, 0)
+        self.assertEqual(self.hybrid(path, WINDOWS, "--dry-run").returncode, 0)
+
+    def test_first_lba_just_below_2_to_the_32(self):
+        first = (1 << 32) - 4096
+        path = self.large_image(first, {1: MAC[1], 2: MAC[2], 3: (first, first + 8191, gpt.BASIC_DATA)})
+        expected = self.expected_sector0(path, WINDOWS)
+        self.hybrid(path, WINDOWS)
+        self.assert_sector0(path, expected)
+        self.assertEqual(gpt.read_at(path, first * 512 + 28, 4).hex(" "), "00 f0 ff ff")
+
+    def test_first_lba_past_2_to_the_32_is_refused(self):
+        for first in (1 << 32, (1 << 32) + 2048):
+            with self.subTest(first=first):
+                path = self.large_image(first)
+                before = images.snapshot(path)
+                result = self.hybrid(path, WINDOWS, expect=2)
+                self.assertIn(str(first), result.stderr)
+                self.assertIn("nothing was written", result.stderr)
+                self.assert_unchanged(path, before)
+                self.assertEqual(self.show(path)["gpt"]["entries"][2]["firstLBA"], first)
+
+    def test_another_partition_past_2_to_the_32_is_no_obstacle(self):
+        far = (1 << 32) + 2048
+        path = self.large_image(far, {1: MAC[1], 2: MAC[2], 3: MAC[3], 4: (far, far + 999, gpt.HFS_PLUS)})
+        tools.write_sparse(path, WINDOWS_FIRST * 512, tools.ntfs_volume(self.path("ntfs"), WINDOWS_SIZE))
+        expected = self.expected_sector0(path, WINDOWS)
+        self.hybrid(path, WINDOWS)
+        self.assert_sector0(path, expected)
+
+    def test_blocks_of_4096_bytes_past_2_to_the_31(self):
+        first = (1 << 31) + 256
+        entries = [
+            gpt.Entry(gpt.EFI_SYSTEM, 6, 51205),
+            gpt.Entry(gpt.APFS, 51206, first - 1),
+            gpt.Entry(gpt.BASIC_DATA, first, first + 1023),
+        ]
+        path = self.path("large blocks.img")
+        try:
+            gpt.Table(4096, first + 65536, entries).write(path)
+        except OSError as error:
+            self.skipTest(f"the file system holds no sparse file of 8 TiB: {error}")
+        tools.write_sparse(path, first * 4096, tools.ntfs_volume(self.path("ntfs"), 4 << 20, 4096))
+        before = gpt.read_at(path, first * 4096, 512)
+        self.hybrid(path, WINDOWS)
+        self.assert_sector0(path, gpt.sector0(self.BOOT_CODE, gpt.hybrid_slots(entries, WINDOWS)))
+        self.assert_patched(path, first * 4096, before, first)
+
+
+class DryRun(ImageTest):
+    ROW = re.compile(r"^  ([0-9A-F]{3})  - ((?:[0-9A-F]{2} ?){16})\n       \+ ((?:(?:[0-9A-F]{2}|\?\?) ?){16})$", re.M)
+
+    def applied(self, section, sector):
+        """A sector with the printed changes made; the printed old bytes must be its own. None stands for unknown."""
+        result = list(sector)
+        for row, old, new in self.ROW.findall(section):
+            at = int(row, 16)
+            self.assertEqual(bytes.fromhex(old), sector[at : at + 16])
+            result[at : at + 16] = [None if byte == "??" else int(byte, 16) for byte in new.split()]
+        return result
+
+    def test_writes_nothing_and_tells_what_would_change(self):
+        path = self.mac_image()
+        expected = self.expected_sector0(path, WINDOWS)
+        mbr, volume = gpt.read_at(path, 0, 512), gpt.read_at(path, WINDOWS_FIRST * 512, 512)
+        before = images.snapshot(path)
+        result = self.hybrid(path, WINDOWS, "--dry-run", expect=1)
+        self.assert_unchanged(path, before)
+        of_mbr, of_volume = result.stdout.split("boot sector (")
+        self.assertEqual(self.applied(of_mbr, mbr), list(expected))
+        would_be = self.applied(of_volume, volume)
+        self.assertEqual(would_be[28:32], list(WINDOWS_FIRST.to_bytes(4, "little")))
+        self.assertEqual(would_be[72:80], [None] * 8)
+        self.assertEqual(would_be[:28] + would_be[32:72] + would_be[80:], list(volume[:28] + volume[32:72] + volume[80:]))
+
+    def test_nothing_would_change_after_a_run(self):
+        path = self.mac_image()
+        self.hybrid(path, WINDOWS)
+        before = images.snapshot(path)
+        self.hybrid(path, WINDOWS, "--dry-run", expect=0)
+        self.assert_unchanged(path, before)
+
+    def test_a_wrong_field_alone_is_a_change(self):
+        path = self.mac_image()
+        self.hybrid(path, WINDOWS)
+        gpt.write_at(path, WINDOWS_FIRST * 512 + 28, bytes(4))
+        self.hybrid(path, WINDOWS, "--dry-run", expect=1)
+
+    def test_a_wrong_slot_alone_is_a_change(self):
+        path = self.mac_image()
+        self.hybrid(path, WINDOWS)
+        gpt.write_at(path, 446 + 3 * 16 + 12, b"\x01")
+        self.hybrid(path, WINDOWS, "--dry-run", expect=1)
+
+    def test_saves_no_backup(self):
+        path, folder = self.mac_image(), self.path("saved")
+        os.mkdir(folder)
+        self.hybrid(path, WINDOWS, "--dry-run", "--backup", folder, expect=1)
+        self.assertEqual(os.listdir(folder), [])
+
+
+class Backup(ImageTest):
+    def test_saves_the_old_bytes_and_putting_them_back_undoes_all(self):
+        path, folder = self.mac_image(), self.path("saved")
+        os.mkdir(folder)
+        digest = images.content_hash(path)
+        mbr, volume = gpt.read_at(path, 0, 512), gpt.read_at(path, WINDOWS_FIRST * 512, 512)
+        self.hybrid(path, WINDOWS, "--backup", folder)
+        self.assertNotEqual(images.content_hash(path), digest)
+        self.assertEqual(sorted(os.listdir(folder)), ["mac.img-0.bin", "mac.imgs3-0.bin"])
+        saved_mbr, saved_volume = (os.path.join(folder, name) for name in sorted(os.listdir(folder)))
+        for saved, old in ((saved_mbr, mbr), (saved_volume, volume)):
+            with open(saved, "rb") as file:
+                self.assertEqual(file.read(), old)
+        images.run_tool("dd", f"if={saved_mbr}", f"of={path}", "conv=notrunc")
+        images.run_tool("dd", f"if={saved_volume}", f"of={path}", "bs=512", f"seek={WINDOWS_FIRST}", "conv=notrunc")
+        self.assertEqual(images.content_hash(path), digest)
+
+    def test_existing_files_are_not_overwritten(self):
+        for name in ("mac.img-0.bin", "mac.imgs3-0.bin"):
+            with self.subTest(existing=name):
+                path, folder = self.mac_image(), self.path("saved for " + name)
+                os.mkdir(folder)
+                existing = os.path.join(folder, name)
+                with open(existing, "w", encoding="ascii") as file:
+                    file.write("precious")
+                before = images.snapshot(path)
+                result = self.hybrid(path, WINDOWS, "--backup", folder, expect=2)
+                self.assertIn(name, result.stderr)
+                self.assertIn("nothing was written", result.stderr)
+                self.assert_unchanged(path, before)
+                with open(existing, encoding="ascii") as file:
+                    self.assertEqual(file.read(), "precious")
+
+    def test_with_a_file_in_the_place_of_the_folder_nothing_is_written(self):
+        path = self.mac_image()
+        before = images.snapshot(path)
+        result = self.hybrid(path, WINDOWS, "--backup", self.boot_code, expect=2)
+        self.assertIn(self.boot_code, result.stderr)
+        self.assertIn("nothing was written", result.stderr)
+        self.assert_unchanged(path, before)
+
+    def test_a_guard_mbr_saves_sector_0_alone(self):
+        path, folder = self.mac_image(), self.path("saved")
+        os.mkdir(folder)
+        self.vorlix_ok("hybrid", path, "--boot-code", self.boot_code, "--guard", "--backup", folder)
+        self.assertEqual(os.listdir(folder), ["mac.img-0.bin"])
+
+
+class Check(ImageTest):
+    def check(self, path, partition, expect):
+        before = images.snapshot(path)
+        result = self.vorlix_run("check", path, "--partition", partition)
+        self.assertEqual(result.returncode, expect, result.stdout + result.stderr)
+        self.assert_unchanged(path, before)
+        return result
+
+    def test_a_fresh_disk_needs_a_change_and_then_none(self):
+        path = self.mac_image()
+        self.check(path, WINDOWS, 1)
+        self.hybrid(path, WINDOWS)
+        self.check(path, WINDOWS, 0)
+        gpt.write_at(path, MAC[4][0] * 512, gpt.read_at(path, WINDOWS_FIRST * 512, 512))
+        self.check(path, 4, 1)  # another slot is active
+
+    def test_each_thing_that_can_be_wrong(self):
+        path = self.mac_image()
+        self.hybrid(path, WINDOWS)
+        wrong = {
+            "slot 2 has another size": (446 + 16 + 12, b"\x01"),
+            "slot 1 is active as well": (446, b"\x80"),
+            "no slot is active": (446 + 2 * 16, b"\x00"),
+            "slot 3 has another type": (446 + 2 * 16 + 4, b"\x0B"),
+            "the signature is gone": (510, b"\0\0"),
+            "the hidden-sectors field": (WINDOWS_FIRST * 512 + 28, b"\xFF"),
+        }
+        for what, (offset, data) in wrong.items():
+            with self.subTest(what):
+                right = gpt.read_at(path, offset, len(data))
+                gpt.write_at(path, offset, data)
+                self.check(path, WINDOWS, 1)
+                gpt.write_at(path, offset, right)
+                self.check(path, WINDOWS, 0)
+
+    def test_boot_code_and_serial_are_not_its_business(self):
+        path = self.mac_image()
+        self.hybrid(path, WINDOWS)
+        gpt.write_at(path, 0, bytes(446))
+        gpt.write_at(path, WINDOWS_FIRST * 512 + 72, bytes(8))
+        self.check(path, WINDOWS, 0)
+
+    def test_errors(self):
+        path = self.mac_image()
+        self.check(path, 5, 2)
+        path = tools.sgdisk_image(self.path("unused.img"), {1: MAC[1], 3: MAC[3]})
+        self.assertIn("2", self.check(path, 2, 2).stderr)
+        gpt.write_at(path, 512, bytes(8))
+        self.assertIn("GPT", self.check(path, WINDOWS, 2).stderr)
+
+
+class OrdinaryUser(ImageTest):
+    def prefix(self):
+        """What makes a command run without privileges."""
+        if os.geteuid() != 0:
+            return []
+        user = str(images.NOBODY)
+        return [images.tool("setpriv"), "--reuid", user, "--regid", user, "--clear-groups", "--no-new-privs"]
+
+    def hand_over(self, *paths):
+        """Lets an ordinary user reach the folder and own the files."""
+        os.chmod(self.folder, 0o755)
+        if os.geteuid() == 0:
+            for path in paths:
+                os.chown(path, images.NOBODY, images.NOBODY)
+        copy = self.path("vorlix")
+        shutil.copy(self.vorlix, copy)
+        os.chmod(copy, 0o755)
+        return copy
+
+    def run_as_user(self, command, *arguments):
+        return subprocess.run(
+            [*self.prefix(), command, *map(str, arguments)],
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            text=True,
+            timeout=60,
+        )
+
+    def test_an_image_needs_no_privilege(self):
+        path = self.mac_image()
+        command = self.hand_over(path)
+        expected = self.expected_sector0(path, WINDOWS)
+        before = gpt.read_at(path, WINDOWS_FIRST * 512, 512)
+        result = self.run_as_user(command, "hybrid", path, "--boot-code", self.boot_code, "--partition", WINDOWS)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assert_sector0(path, expected)
+        self.assert_patched(path, WINDOWS_FIRST * 512, before, WINDOWS_FIRST)
+        self.assertEqual(self.run_as_user(command, "check", path, "--partition", WINDOWS).returncode, 0)
+
+    def test_reading_and_a_dry_run_need_no_write_permission(self):
+        path = self.mac_image()
+        os.chmod(path, 0o444)
+        command = self.hand_over()
+        before = images.snapshot(path)
+        self.assertEqual(self.run_as_user(command, "show", path, "--json").returncode, 0)
+        result = self.run_as_user(
+            command, "hybrid", path, "--boot-code", self.boot_code, "--partition", WINDOWS, "--dry-run"
+        )
+        self.assertEqual(result.returncode, 1, result.stderr)
+        self.assertEqual(self.run_as_user(command, "check", path, "--partition", WINDOWS).returncode, 1)
+        self.assert_unchanged(path, before)
+
+    def test_a_read_only_image_is_refused_and_unchanged(self):
+        path = self.mac_image()
+        os.chmod(path, 0o444)
+        command = self.hand_over()
+        before = images.snapshot(path)
+        result = self.run_as_user(command, "hybrid", path, "--boot-code", self.boot_code, "--partition", WINDOWS)
+        self.assertEqual(result.returncode, 2)
+        self.assertIn(path, result.stderr)
+        self.assertIn("nothing was written", result.stderr)
+        self.assert_unchanged(path, before)
+
+
+class LoopDevices(ImageTest):
+    def run_on_loop_device(self, sector_size):
+        path = self.path("disk.img")
+        with open(path, "wb") as file:
+            file.truncate(256 << 20)
+        layout = {1: (40, 20479, gpt.EFI_SYSTEM), 3: (20480, 24575, gpt.BASIC_DATA)}
+        offset = layout[3][0] * sector_size
+        with tools.loop_device(path, sector_size) as device:
+            tools.sgdisk(device, "-a", "1", *tools.partition_options(layout))
+            volume = tools.ntfs_volume(self.path("ntfs"), 4096 * sector_size, sector_size)
+            tools.write_sparse(device, offset, volume)
+            expected = self.expected_sector0(device, 3)
+            self.hybrid(device, 3)
+            self.assert_sector0(device, expected)
+            self.assert_patched(device, offset, volume[:512], layout[3][0])
+            self.assertEqual(self.vorlix_run("check", device, "--partition", 3).returncode, 0)
+        self.assert_sector0(path, expected)
+        self.assert_patched(path, offset, volume[:512], layout[3][0])
+
+    def test_512_bytes_a_block(self):
+        self.run_on_loop_device(512)
+
+    def test_4096_bytes_a_block(self):
+        self.run_on_loop_device(4096)
+
+
+if __name__ == "__main__":
+    images.main()
