@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSDiskFunctions.h>
+#include <Vorlix/platform/DeviceFile.h>
+#include <Vorlix/platform/Platform.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -120,10 +123,23 @@ void printDone(const HybridPlan& plan) {
   }
 }
 
+// Opens a device as the library is about to. What the system says of a device that cannot be opened does not reach the
+// library's log, and with a disk and a volume in hand neither is written when the other cannot be.
+std::unique_ptr<DeviceHandle> openForWriting(const std::string& device) {
+  DeviceFile& files = *platform().deviceFile;
+  auto handle = files.open(device, DeviceAccess::readWrite, DeviceLock::exclusive);
+  if (!handle) handle = files.open(device, DeviceAccess::readWrite, DeviceLock::shared);
+  if (handle) return handle;
+  if (errno == EWOULDBLOCK) throw Failure(device, "locked by another process");
+  throw Failure::ofErrno(device, errno);
+}
+
 void apply(const HybridPlan& plan, const HybridOptions& options) {
   if (!plan.writesMBR() && !plan.disk.hasMBR()) {
     throw Failure(plan.disk.device, "sector 0 has the right slots but no 55 AA signature, which is not repaired here");
   }
+  const auto disk = plan.writesMBR() ? openForWriting(plan.disk.device) : nullptr;
+  const auto volume = plan.patchesVolume ? openForWriting(plan.volume) : nullptr;
   if (!options.backupFolder.empty()) saveBackup(plan, options.backupFolder);
   std::fflush(stdout);
 
