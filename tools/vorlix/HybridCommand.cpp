@@ -33,7 +33,8 @@ std::string rowText(const Sector& sector, size_t offset, bool serialUnknown) {
   std::string text;
   for (size_t i = offset; i < offset + kRowSize; ++i) {
     const bool unknown = serialUnknown && i >= kSerialOffset && i < kSerialOffset + kSerialSize;
-    text += (i % kRowSize == 0 ? "" : " ") + (unknown ? "??" : hexByte(sector[i]));
+    if (i != offset) text += ' ';
+    text += unknown ? "??" : hexByte(sector[i]);
   }
   return text;
 }
