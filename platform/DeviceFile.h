@@ -51,7 +51,8 @@ class DeviceFile {
   /// Opens a device, a disk-image file, or slice N of either (`<whole>s<N>`).
   ///
   /// A lock that cannot be had at once fails the call with EWOULDBLOCK (or what the system says of a device in use); no
-  /// call waits for one. A process that already holds the lock of a disk shares it with itself.
+  /// call waits for one. A process that already holds the lock of a disk shares it with itself; only an exclusive lock
+  /// where it holds a shared one is refused.
   ///
   /// @return the open device, or null with `errno` set (ENOENT for a slice that the disk does not have).
   virtual std::unique_ptr<DeviceHandle> open(const std::string& path, DeviceAccess access, DeviceLock lock) = 0;
