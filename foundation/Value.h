@@ -3,16 +3,28 @@
 /// Plain values in dictionaries, as system services hand them out.
 #pragma once
 
+#include <Vorlix/foundation/URL.h>
+#include <Vorlix/foundation/UUID.h>
+
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <variant>
+#include <vector>
 
 namespace vorlix {
 
-/// A truth value, a whole number or UTF-8 text.
-using Value = std::variant<bool, int64_t, std::string>;
+class Dictionary;
+
+/// Uninterpreted bytes.
+using Data = std::vector<uint8_t>;
+
+/// A truth value, a whole number, UTF-8 text, bytes, an identifier, a location or a dictionary, which is shared and
+/// not changed any more.
+using Value = std::variant<bool, int64_t, std::string, Data, UUID, URL, std::shared_ptr<const Dictionary>>;
 
 /// Values by key, owned by the dictionary.
 class Dictionary {
@@ -22,11 +34,27 @@ class Dictionary {
 
   bool contains(const std::string& key) const { return values_.contains(key); }
 
-  /// The value if it is there and a whole number.
-  std::optional<int64_t> integer(const std::string& key) const { return as<int64_t>(key); }
+  /// The value if it is there, whatever its type.
+  std::optional<Value> value(const std::string& key) const {
+    const auto found = values_.find(key);
+    return found == values_.end() ? std::nullopt : std::optional<Value>(found->second);
+  }
 
-  /// The value if it is there and a text.
+  /// The value if it is there and of that type.
+  std::optional<bool> boolean(const std::string& key) const { return as<bool>(key); }
+  std::optional<int64_t> integer(const std::string& key) const { return as<int64_t>(key); }
   std::optional<std::string> text(const std::string& key) const { return as<std::string>(key); }
+  std::optional<Data> data(const std::string& key) const { return as<Data>(key); }
+  std::optional<UUID> uuid(const std::string& key) const { return as<UUID>(key); }
+  std::optional<URL> url(const std::string& key) const { return as<URL>(key); }
+
+  /// The dictionary under the key, or null.
+  std::shared_ptr<const Dictionary> dictionary(const std::string& key) const {
+    return as<std::shared_ptr<const Dictionary>>(key).value_or(nullptr);
+  }
+
+  /// All values, in the order of their keys.
+  const std::map<std::string, Value>& values() const { return values_; }
 
  private:
   template <typename Type>

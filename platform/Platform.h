@@ -15,11 +15,17 @@ namespace vorlix {
 
 class DeviceFile;
 class DiskArbitration;
+class FileCopy;
+class IORegistry;
+class RunLoops;
 
 /// One object a port. None is null in a set that is in force.
 struct Platform {
   std::shared_ptr<DeviceFile> deviceFile;
   std::shared_ptr<DiskArbitration> diskArbitration;
+  std::shared_ptr<RunLoops> runLoops;
+  std::shared_ptr<IORegistry> ioRegistry;
+  std::shared_ptr<FileCopy> fileCopy;
 };
 
 /// The ports of the operating system that this library was built for.

@@ -11,11 +11,15 @@
 ///     EXPECT_EQ(machine.journal(), ...);
 #pragma once
 
+#include <Vorlix/foundation/Value.h>
 #include <Vorlix/platform/DeviceFile.h>
+#include <Vorlix/platform/IORegistry.h>
 #include <Vorlix/platform/Platform.h>
 
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,11 +40,31 @@ class ScopedPlatform {
 /// What can be made to fail, and what the journal calls it.
 enum class Operation { open, read, write, sync, close };
 
+/// A volume on a simulated device.
+struct SimulatedVolume {
+  std::string kind;          ///< "msdos", "ntfs", "exfat", "hfs", "apfs"
+  std::string name;          ///< label
+  std::optional<UUID> uuid;  ///< volume identifier
+  std::string mountPath;     ///< where a mount puts it; the folder need not exist unless the library looks into it
+  bool mounted = false;
+};
+
+/// Registry calls that can be made to fail.
+enum class RegistryCall { masterPort, createIterator, matchingServices, copyProperties, parent, path };
+
+/// Names an entry of the simulated registry.
+using RegistryEntryID = size_t;
+
 /// A device is named with or without "/dev/"; the journal and this class use the bare name.
 ///
 /// Journal lines: "open disk0 read", "open disk0 write exclusive", "read disk0 512+512" (offset+count), "write disk0
 /// 0+512", "sync disk0", "close disk0", "describe disk0"; a refused one ends in ": " and the reason, as in "open disk0
 /// write exclusive: EWOULDBLOCK".
+///
+/// Disk arbitration: "session open", "session close", "schedule kCFRunLoopDefaultMode", "unschedule
+/// kCFRunLoopDefaultMode", "run kCFRunLoopDefaultMode 100" (milliseconds), "mount disk0s1", "mount disk0s1 nobrowse
+/// rw", "unmount disk0s1". Registry: "registry port", "registry iterate IOService", "registry match BSD disk0s1",
+/// "registry match class IOMedia". File copies: "copy <source> <destination>".
 class SimulatedMachine {
  public:
   SimulatedMachine();
@@ -62,6 +86,38 @@ class SimulatedMachine {
 
   /// Makes disk arbitration unreachable: no session can be opened.
   void refuseSessions();
+
+  /// Disk arbitration's view of a device: a volume on it, one key of its description set or taken away, no description
+  /// at all, no whole disk. Block size, size and names are described from the start, a volume's keys from setVolume()
+  /// on, its path while it is mounted.
+  void setVolume(const std::string& device, SimulatedVolume volume);
+  void setDescription(const std::string& device, const std::string& key, Value value);
+  void removeDescription(const std::string& device, const std::string& key);
+  void hideDescription(const std::string& device);
+  void hideWholeDisk(const std::string& device);
+
+  /// Answers mounts or unmounts of a device with a dissenter, from then on.
+  void refuseMount(const std::string& device, int32_t status, const std::string& text = "");
+  void refuseUnmount(const std::string& device, int32_t status, const std::string& text = "");
+
+  /// Lets a completion arrive only in the run of the loop after `runs` runs that handled nothing.
+  void delayCompletions(unsigned runs);
+
+  bool isMounted(const std::string& device) const;
+
+  /// Adds a registry entry. `parents` names, for each plane that the entry is in, the entry above it; a plane without
+  /// an entry of that number has it as its root. An entry has the properties as given, "BSD Name" included.
+  RegistryEntryID addRegistryEntry(const std::string& name, const std::string& className, Dictionary properties,
+                                   std::map<std::string, std::optional<RegistryEntryID>> parents);
+
+  /// Makes a registry call answer `code`; for the calls on entries only where `entry` is given, if it is given.
+  void failRegistry(RegistryCall call, KernReturn code, std::optional<RegistryEntryID> entry = std::nullopt);
+
+  /// Registry entries that are held now.
+  size_t heldRegistryEntries() const;
+
+  /// Lets a copy of `source` fail with `reason`; other copies are made for real.
+  void failCopy(const std::string& source, const std::string& reason);
 
   /// Bytes of a device, without a journal line. Reading past the end gives fewer; writing there is an error.
   std::vector<uint8_t> bytes(const std::string& device, uint64_t offset, size_t count) const;

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/foundation/UUID.h>
+
+namespace vorlix {
+namespace {
+
+constexpr size_t kTextSize = 36;
+
+bool isDashPlace(size_t place) {
+  return place == 8 || place == 13 || place == 18 || place == 23;
+}
+
+int digitValue(char digit) {
+  if (digit >= '0' && digit <= '9') return digit - '0';
+  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
+  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
+  return -1;
+}
+
+}  // namespace
+
+std::optional<UUID> UUID::fromText(std::string_view text) {
+  if (text.size() != kTextSize) return std::nullopt;
+  Bytes bytes = {};
+  size_t digits = 0;
+  for (size_t i = 0; i < kTextSize; ++i) {
+    if (isDashPlace(i)) {
+      if (text[i] != '-') return std::nullopt;
+      continue;
+    }
+    const int value = digitValue(text[i]);
+    if (value < 0) return std::nullopt;
+    bytes[digits / 2] = static_cast<uint8_t>(bytes[digits / 2] << 4 | value);
+    ++digits;
+  }
+  return UUID(bytes);
+}
+
+std::string UUID::text() const {
+  constexpr const char* kDigits = "0123456789ABCDEF";
+  std::string result;
+  for (const uint8_t byte : bytes_) {
+    if (isDashPlace(result.size())) result += '-';
+    result += kDigits[byte >> 4];
+    result += kDigits[byte & 15];
+  }
+  return result;
+}
+
+}  // namespace vorlix
