@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
@@ -85,6 +86,8 @@ std::optional<DeviceLocation> locatePath(const std::string& path) {
 }  // namespace
 
 std::optional<DeviceLocation> locateDevice(const std::string& name) {
+  constexpr const char* kPrefixedPath = "/dev//";
+  if (name.rfind(kPrefixedPath, 0) == 0) return locatePath(name.substr(std::strlen(kPrefixedPath) - 1));
   std::optional<DeviceLocation> found = locatePath(name);
   if (found || errno != ENOENT || name.empty() || name.find('/') != std::string::npos) return found;
   return locatePath("/dev/" + name);
