@@ -69,7 +69,13 @@ add_library(Vorlix::Vorlix ALIAS vorlix_shared)
 add_library(Vorlix::VorlixStatic ALIAS vorlix_static)
 
 # Says nothing of which of the two libraries a test links; the host's choice serves the simulated machine, too.
-add_library(vorlix_simulated STATIC platform/simulated/SimulatedMachine.cpp)
+add_library(vorlix_simulated STATIC
+            platform/simulated/SimulatedArbitration.cpp
+            platform/simulated/SimulatedDevices.cpp
+            platform/simulated/SimulatedFileCopy.cpp
+            platform/simulated/SimulatedMachine.cpp
+            platform/simulated/SimulatedRegistry.cpp
+            platform/simulated/SimulatedRunLoop.cpp)
 target_link_libraries(vorlix_simulated PUBLIC vorlix_headers)
 set_target_properties(vorlix_simulated PROPERTIES EXPORT_NAME Simulated)
 add_library(Vorlix::Simulated ALIAS vorlix_simulated)

@@ -55,6 +55,8 @@ enum class RegistryCall { masterPort, createIterator, matchingServices, copyProp
 /// Names an entry of the simulated registry.
 using RegistryEntryID = size_t;
 
+struct SimulatedState;
+
 /// A device is named with or without "/dev/"; the journal and this class use the bare name.
 ///
 /// Journal lines: "open disk0 read", "open disk0 write exclusive", "read disk0 512+512" (offset+count), "write disk0
@@ -64,7 +66,11 @@ using RegistryEntryID = size_t;
 /// Disk arbitration: "session open", "session close", "schedule kCFRunLoopDefaultMode", "unschedule
 /// kCFRunLoopDefaultMode", "run kCFRunLoopDefaultMode 100" (milliseconds), "mount disk0s1", "mount disk0s1 nobrowse
 /// rw", "unmount disk0s1". Registry: "registry port", "registry iterate IOService", "registry match BSD disk0s1",
-/// "registry match class IOMedia". File copies: "copy <source> <destination>".
+/// "registry match class IOMedia". File copies: "copy <source> <destination>". These say what was asked, whether or not
+/// it was refused; a session that could not be opened and the ports' other calls leave no line.
+///
+/// Time does not pass: a run of the loop returns at once, whatever its limit is. A request is carried out in the run of
+/// the loop that handles it, or, without one, when its session is closed.
 class SimulatedMachine {
  public:
   SimulatedMachine();
@@ -96,7 +102,8 @@ class SimulatedMachine {
   void hideDescription(const std::string& device);
   void hideWholeDisk(const std::string& device);
 
-  /// Answers mounts or unmounts of a device with a dissenter, from then on.
+  /// Answers mounts or unmounts of a device with a dissenter, from then on. Without this, a device without a volume
+  /// refuses as unsupported, a second mount as busy and an unmount of what is not mounted as such.
   void refuseMount(const std::string& device, int32_t status, const std::string& text = "");
   void refuseUnmount(const std::string& device, int32_t status, const std::string& text = "");
 
@@ -106,11 +113,14 @@ class SimulatedMachine {
   bool isMounted(const std::string& device) const;
 
   /// Adds a registry entry. `parents` names, for each plane that the entry is in, the entry above it; a plane without
-  /// an entry of that number has it as its root. An entry has the properties as given, "BSD Name" included.
+  /// an entry of that number has it as a root. An entry has the properties as given, "BSD Name" included. Iterators
+  /// hand out an entry before those below it, and these in the order they were added; only entries of the service
+  /// plane are services that can be matched. A path lists the names from the root's down.
   RegistryEntryID addRegistryEntry(const std::string& name, const std::string& className, Dictionary properties,
                                    std::map<std::string, std::optional<RegistryEntryID>> parents);
 
-  /// Makes a registry call answer `code`; for the calls on entries only where `entry` is given, if it is given.
+  /// Makes a registry call answer `code` and give nothing; a call on an entry only for `entry`, if that is given. A
+  /// code of 0 is a success that gives nothing.
   void failRegistry(RegistryCall call, KernReturn code, std::optional<RegistryEntryID> entry = std::nullopt);
 
   /// Registry entries that are held now.
@@ -144,13 +154,7 @@ class SimulatedMachine {
   size_t openCount() const;
 
  private:
-  struct State;
-  std::shared_ptr<State> state_;
-  class SimulatedHandle;
-  class SimulatedDeviceFile;
-  class SimulatedDisk;
-  class SimulatedSession;
-  class SimulatedArbitration;
+  std::shared_ptr<SimulatedState> state_;
 };
 
 }  // namespace vorlix

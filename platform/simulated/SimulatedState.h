@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a simulated machine is made of, shared by its ports.
+#pragma once
+
+#include <Vorlix/platform/DiskArbitration.h>
+#include <Vorlix/platform/RunLoop.h>
+#include <Vorlix/platform/simulated/SimulatedMachine.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "SparseBytes.h"
+
+namespace vorlix {
+
+struct SimulatedWhole {
+  SparseBytes bytes;
+  uint64_t size = 0;
+  std::optional<uint32_t> blockSize;
+  DeviceLock lockedElsewhere = DeviceLock::none;
+};
+
+/// The bytes of a disk that a device name stands for.
+struct SimulatedWindow {
+  std::string disk;
+  uint64_t offset = 0;
+  uint64_t size = 0;
+
+  /// How many of `count` bytes at `offset` exist.
+  size_t inside(uint64_t from, size_t count) const;
+};
+
+struct DeviceFault {
+  int error = 0;
+  unsigned successesLeft = 0;
+};
+
+/// What disk arbitration knows of a device beyond its bytes.
+struct ArbitrationView {
+  std::optional<SimulatedVolume> volume;
+  std::map<std::string, std::optional<Value>> descriptionChanges;  ///< absent: the key is taken away
+  bool descriptionHidden = false;
+  bool wholeDiskHidden = false;
+  std::optional<Dissenter> mountRefusal;
+  std::optional<Dissenter> unmountRefusal;
+};
+
+using SessionID = uint64_t;
+
+/// A session that is scheduled on a loop in a mode.
+struct ScheduledSession {
+  SessionID session = 0;
+  const RunLoop* loop = nullptr;
+  std::string mode;
+
+  friend bool operator==(const ScheduledSession&, const ScheduledSession&) = default;
+};
+
+enum class MountAction { mount, unmount };
+
+/// A mount or unmount that has been asked for and not been carried out.
+struct MountRequest {
+  SessionID session = 0;
+  std::string device;
+  MountAction action = MountAction::mount;
+  DiskCompletion completion;
+  unsigned runsLeft = 0;
+};
+
+struct RegistryRecord {
+  std::string name;
+  std::string className;
+  Dictionary properties;
+  std::map<std::string, std::optional<RegistryEntryID>> parents;
+};
+
+struct RegistryFault {
+  RegistryCall call = RegistryCall::masterPort;
+  KernReturn code = kKernSuccess;
+  std::optional<RegistryEntryID> entry;
+};
+
+struct SimulatedState {
+  std::map<std::string, SimulatedWhole> disks;
+  std::map<std::string, SimulatedWindow> devices;
+  std::map<std::pair<std::string, Operation>, DeviceFault> faults;
+  std::map<std::string, size_t> writeLimits;
+  size_t openCount = 0;
+
+  bool sessionsRefused = false;
+  SessionID lastSession = 0;
+  std::set<SessionID> openSessions;
+  std::map<std::string, ArbitrationView> views;
+  std::vector<ScheduledSession> schedule;
+  std::vector<MountRequest> requests;
+  unsigned completionDelay = 0;
+  std::map<std::thread::id, std::unique_ptr<RunLoop>> loops;
+
+  std::vector<RegistryRecord> registry;
+  std::vector<RegistryFault> registryFaults;
+  size_t heldRegistryEntries = 0;
+
+  std::map<std::string, std::string> copyFailures;
+
+  std::vector<std::string> journal;
+
+  /// The device of a name with or without "/dev/". @throws std::invalid_argument when there is none.
+  const SimulatedWindow& device(const std::string& name) const;
+
+  /// What disk arbitration knows of that device; made on first use.
+  ArbitrationView& view(const std::string& name);
+
+  /// Notes an operation on a device and lets it go through (0) or fail: with `refusal`, or with the reason that was set
+  /// for it.
+  int note(Operation operation, const std::string& name, const std::string& detail, int refusal = 0);
+
+  /// Mounts or unmounts. @return why not, if it is refused.
+  std::optional<Dissenter> carryOut(const MountRequest& request);
+};
+
+/// A device name without "/dev/".
+std::string bareDeviceName(const std::string& name);
+
+std::shared_ptr<DeviceFile> makeSimulatedDeviceFile(std::shared_ptr<SimulatedState> state);
+std::shared_ptr<DiskArbitration> makeSimulatedArbitration(std::shared_ptr<SimulatedState> state);
+std::shared_ptr<RunLoops> makeSimulatedRunLoops(std::shared_ptr<SimulatedState> state);
+std::shared_ptr<IORegistry> makeSimulatedRegistry(std::shared_ptr<SimulatedState> state);
+std::shared_ptr<FileCopy> makeSimulatedFileCopy(std::shared_ptr<SimulatedState> state);
+
+}  // namespace vorlix
