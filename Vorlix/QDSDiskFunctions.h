@@ -1,18 +1,25 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /**
  * @file
- * The flat face of the library: partition tables of a disk and the hybrid MBR.
+ * The flat face of the library: partition tables of a disk and the hybrid MBR, the identity of devices, mounting, the
+ * boot configuration store and boot records.
  *
  * These functions read the Master Boot Record (MBR) and the GUID Partition Table (GPT) of a disk, build the MBR that
- * should stand beside the GPT, and write it. The header compiles as C11 and as C++20; every function has C linkage.
+ * should stand beside the GPT, and write it; they tell what a device is, mount and unmount it, point the Windows boot
+ * manager at a partition and carry boot code from one volume to another. The header compiles as C11 and as C++20;
+ * every function has C linkage.
  *
  * Conventions
  * - Results are 0 for success and -1 for failure unless said otherwise; the reason of a failure is only in the log.
  * - Records are owned by the caller and filled in place; nothing that a function returns has to be freed.
  * - Paths name a device node, a disk-image file, or slice N of either as `<whole>s<N>` (`/dev/disk2s3`,
  *   `/home/me/mac.imgs3`). They may have any length.
+ * - Names of devices are BSD names, with or without "/dev/" ("disk0s3", "/dev/disk0"); a disk-image file has its path.
+ *   The EFI System Partition of a disk is slice 1, `<disk>s1`.
+ * - Functions of the sections on identity, mounting, boot configuration and boot records take null for a name as a name
+ *   that nothing has, and do not write through a null result pointer.
  * - The functions keep no state between calls but take no lock of their own: do not run two of them on one disk at
- *   the same time.
+ *   the same time, and no two that mount or unmount in one process.
  *
  * Layout sources: the MBR slot layout is the classic one of the PC BIOS (UEFI Specification 2.10, table 5.1); the GPT
  * header and entry are those of UEFI Specification 2.10, sections 5.3.2 and 5.3.3.
@@ -280,6 +287,196 @@ VORLIX_EXPORT int update_start_sector(int non_interactive, uint64_t unused1, uin
 
 /** Tells without waiting whether a byte (or the end of file) can be read from standard input. @return 1 or 0. */
 VORLIX_EXPORT int kbhit(void);
+
+/* ----------------------------------------------------------------------------------------------- device identity */
+
+/**
+ * Number of a partition on its disk, from the I/O registry's plane "IODeviceTree", else from "IOService".
+ *
+ * @param name  the partition; upper and lower case are the same.
+ * @return its "Partition ID", 0 when there is none.
+ */
+VORLIX_EXPORT int32_t partitionForDeviceIdentifier(const char* name);
+
+/**
+ * The same in one plane.
+ *
+ * @param plane  "IODeviceTree" or "IOService".
+ * @return the number (it is read as 16 bits with a sign; 0 where it is larger), 0 when not found.
+ */
+VORLIX_EXPORT int32_t partitionForDeviceIdentifierOnGivenPlane(const char* name, const char* plane);
+
+/**
+ * Kind of medium that a device lies on.
+ *
+ * The nine registry entries above the device are looked at, and the farthest one that tells wins.
+ *
+ * @param text  1024 bytes; receives the "Medium Type" as UTF-8, such as "Solid State" or "Rotational", cut to 1023
+ *              bytes. Untouched when nothing was found.
+ * @return 0, or -1 when nothing was found.
+ */
+VORLIX_EXPORT int32_t media_type(const char* name, char* text);
+
+/**
+ * Identifiers and place of a partition, from the I/O registry. The disk's identifier is read from its GPT where the
+ * registry has none.
+ *
+ * @param name            the partition.
+ * @param disk_guid       16 bytes, the disk's GUID in on-disk (mixed-endian) order. Untouched when the disk has no
+ *                        readable GPT. Null is a failure where the GPT has to be asked.
+ * @param partition_guid  16 bytes, the partition's GUID in the same order.
+ * @param offset          byte offset of the partition on its disk.
+ * @return 0, also for a name that no device has: all results are then untouched, so clear them first. -1 when the
+ *         partition has no identifier or its whole disk is not known.
+ */
+VORLIX_EXPORT int32_t lookup_disk_info(const char* name, uint8_t* disk_guid, uint8_t* partition_guid, int64_t* offset);
+
+/**
+ * Raw form of a GUID: 00112233-4455-6677-8899-AABBCCDDEEFF becomes
+ * 33 22 11 00 55 44 77 66 88 99 AA BB CC DD EE FF.
+ *
+ * @param text   hexadecimal digits of either case. **Its dashes are removed in place.** What is missing or no digit
+ *               counts as 0.
+ * @param bytes  receives 16 bytes in on-disk (mixed-endian) order.
+ * @return 0.
+ */
+VORLIX_EXPORT int32_t convert_uuid_string_to_bytes(char* text, uint8_t* bytes);
+
+/**
+ * Name of the whole disk that a slice lies on.
+ *
+ * @param disk        1024 bytes; receives the name, cut to 1023 bytes.
+ * @param name        the slice, or the whole disk itself.
+ * @param dev_prefix  not 0 asks for "/dev/" before the name.
+ * @return 0, or -1 when the disk has no whole disk. A name that no device has is told on standard output, leaves the
+ *         buffer untouched and is 0 as well.
+ */
+VORLIX_EXPORT int32_t disk_from_slice(char* disk, const char* name, int32_t dev_prefix);
+
+/**
+ * GUID of a disk as its primary GPT header tells it.
+ *
+ * @param device  the whole disk.
+ * @param guid    16 bytes in on-disk (mixed-endian) order. Untouched when there is no GPT header in LBA 1.
+ * @return what closing the device gave: 0, or -1, also when it could not be opened.
+ */
+VORLIX_EXPORT int32_t disk_guid(const char* device, uint8_t* guid);
+
+/** Removes every occurrence of a character from a text, in place. */
+VORLIX_EXPORT void remove_all_chars(char* text, char character);
+
+/* ------------------------------------------------------------------------------------------------------- mounting */
+
+/**
+ * Where a device's volume is mounted.
+ *
+ * @return its path, which stays valid until the thread's next call of mounted_path() or mount_efi(); null when it is
+ *         not mounted or not known.
+ */
+VORLIX_EXPORT const char* mounted_path(const char* name);
+
+/**
+ * Mounts a device's volume at a place of the system's choice. The call drives the thread's run loop in the default mode
+ * until the system has answered, without a time limit.
+ *
+ * @param read_write  not 0 asks for a volume that can be written and that desktops do not show; 0 leaves both to the
+ *                    system.
+ * @return 0, also when the mount was refused or there is no such device: ask mounted_path() for the outcome.
+ */
+VORLIX_EXPORT int32_t mount_disk(const char* name, int32_t read_write);
+
+/**
+ * Mounts the EFI System Partition of a disk.
+ *
+ * @param disk  the whole disk.
+ * @return its mount point as from mounted_path(), or null.
+ */
+VORLIX_EXPORT const char* mount_efi(const char* disk);
+
+/**
+ * Unmounts a device's volume. The call drives the thread's run loop as mount_disk() does.
+ *
+ * @return 0; -1 when there is no such device; -3 when the system refused, be it that the volume is in use or that it is
+ *         not mounted; -2 when it refused with a code above 0, which is none of Disk Arbitration's own.
+ */
+VORLIX_EXPORT int32_t unmount_disk(const char* name);
+
+/**
+ * Unmounts the EFI System Partition of a disk after a pause of one second.
+ *
+ * @param disk  the whole disk.
+ * @return 0, whatever became of it; -1 only for null.
+ */
+VORLIX_EXPORT int32_t unmount_efi(const char* disk);
+
+/* --------------------------------------------------------------------------------------------- boot configuration */
+
+/**
+ * Puts a boot configuration store on the EFI System Partition of a disk and points it at a partition.
+ *
+ * The slice is mounted, the template copied to `EFI/Microsoft/Boot/BCD` in place of what is there, the GUIDs of the
+ * partition and of its disk are written over the mode's fixed offsets, and the slice is unmounted. The template is
+ * neither parsed nor checked; one that ends before an offset is extended, with zeros in the gap. A partition that is
+ * not known, and a disk without a GUID, leave 16 zero bytes in the slots.
+ *
+ * @param source     path of the template, a file other than the one it replaces.
+ * @param disk       the whole disk whose slice 1 is meant.
+ * @param partition  the Windows partition.
+ * @param mode       1 for a template of MDT, 2 of SCCM, any other number for the standard EFI boot.
+ * @return 0, or -1. After a failure the slice stays mounted; when the partition's identifiers were not found the copied
+ *         store stays open as well, its end not yet written. A destination that cannot be written is told on standard
+ *         error and standard output.
+ * @note A destination path of 255 bytes or more ends the process (abort) with a message on standard error.
+ */
+VORLIX_EXPORT int32_t update_bcd(const char* source, const char* disk, const char* partition, int32_t mode);
+
+/* --------------------------------------------------------------------------------------------------- boot records */
+
+/** Whether a file or a folder exists (a symbolic link is followed). @return 1 or 0. */
+VORLIX_EXPORT int32_t file_exist(const char* path);
+
+/**
+ * Saves the boot code of a volume: bytes 84 to 8191, without the volume's own parameter block before them.
+ *
+ * @param device  the volume, opened for reading and writing.
+ * @param file    receives exactly 8108 bytes; must not exist yet.
+ * @return 0; -1 the file exists or the device cannot be opened; -2 it cannot be positioned; -3 it is shorter; -4 the
+ *         file cannot be opened; -5 it cannot be written.
+ * @note What was open when the call failed with -2, -3 or -5 stays open.
+ */
+VORLIX_EXPORT int32_t write_vbr_to_file(const char* device, const char* file);
+
+/**
+ * Saves the boot code of a disk: bytes 0 to 445 of sector 0, without slots and signature. The disk is opened with a
+ * shared lock. **A disk that cannot be opened ends the process with status -1**, so a host checks it beforehand.
+ *
+ * @param device  the whole disk.
+ * @param file    receives exactly 446 bytes; must not exist yet.
+ * @return 0, or -1, also when an argument is null.
+ * @note What was open when reading the disk or writing the file failed stays open.
+ */
+VORLIX_EXPORT int32_t write_mbr_to_file(const char* device, const char* file);
+
+/**
+ * Puts saved boot code on a volume, at bytes 84 to 8191; the volume's parameter block before them stays. The volume is
+ * unmounted first, in any case. It may have another size than the one that the code was saved from.
+ *
+ * @param file    a file of write_vbr_to_file(); bytes after the first 8108 are not looked at.
+ * @param device  the volume.
+ * @return 0; -1 there is no such file; -2 it cannot be opened; -3 it is shorter; -5 the device cannot be opened; -6 it
+ *         cannot be positioned; -7 it cannot be written or brought to the medium.
+ * @note What was open when the call failed with -3, -6 or -7 stays open.
+ */
+VORLIX_EXPORT int32_t restore_vbr_to_device(const char* file, const char* device);
+
+/**
+ * Gives a saved file its owner and group and then the mode 0644.
+ *
+ * @param owner  user ID.
+ * @param group  group ID.
+ * @return 0, or the result of the call that failed (-1 with `errno` set); after the first no mode is changed.
+ */
+VORLIX_EXPORT int32_t change_ownership(const char* path, uint32_t owner, uint32_t group);
 
 #ifdef __cplusplus
 }

@@ -12,6 +12,14 @@ set(VORLIX_SOURCES
     platform/posix/FileHandle.cpp
     platform/posix/PartitionExtents.cpp)
 
+# Device identity, mounting, boot configuration and boot records.
+list(APPEND VORLIX_SOURCES
+     Vorlix/QDSDiskFunctions/BootConfiguration.cpp
+     Vorlix/QDSDiskFunctions/BootRecords.cpp
+     Vorlix/QDSDiskFunctions/DeviceIdentity.cpp
+     Vorlix/QDSDiskFunctions/Mounting.cpp
+     Vorlix/QDSUtilities.cpp)
+
 if(APPLE)
   set(VORLIX_ADAPTERS platform/macos)
   list(APPEND VORLIX_SOURCES

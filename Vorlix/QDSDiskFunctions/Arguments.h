@@ -1,0 +1,11 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+namespace vorlix {
+
+/// Text that a host passed. Null counts as empty: a name that no device, no volume and no file has.
+inline const char* textOf(const char* argument) {
+  return argument == nullptr ? "" : argument;
+}
+
+}  // namespace vorlix

@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/QDSDiskFunctions.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Arguments.h"
+#include "DeviceStreams.h"
+#include "Log.h"
+
+using vorlix::logMessage;
+using vorlix::textOf;
+
+namespace {
+
+constexpr size_t kDestinationLimit = 255;  // bytes of the destination's path, its NUL included
+constexpr size_t kCopyBlock = size_t{64} * 1024;
+
+using GUID = std::array<uint8_t, 16>;
+
+struct Identifiers {
+  // Cleared: a partition without a registry entry and a disk without a GPT leave their bytes as they are, and nothing
+  // that happened to lie on the stack may reach a boot store.
+  GUID partition = {};
+  GUID disk = {};
+};
+
+struct IdentifierWrite {
+  off_t offset;  // from the start of the store
+  GUID Identifiers::*identifier;
+};
+
+constexpr GUID Identifiers::*kPartition = &Identifiers::partition;
+constexpr GUID Identifiers::*kDisk = &Identifiers::disk;
+
+// clang-format off
+constexpr IdentifierWrite kStandardWrites[] = {
+    {10492, kPartition},
+    {10740, kPartition},
+    {5828, kDisk},
+    {7900, kDisk},
+    {9372, kDisk},
+    {10516, kDisk},
+    {10764, kDisk},
+};
+constexpr IdentifierWrite kMDTWrites[] = {
+    {8792, kPartition},
+    {8816, kDisk},
+    {10200, kPartition},
+    {10224, kDisk},
+    {14124, kPartition},
+    {11908, kDisk},
+    {11932, kDisk},
+    {14148, kDisk},
+};
+constexpr IdentifierWrite kSCCMWrites[] = {
+    {8424, kPartition},
+    {8448, kDisk},
+    {9872, kPartition},
+    {9896, kDisk},
+    {11660, kDisk},
+    {19284, kDisk},
+};
+// clang-format on
+
+struct StoreMode {
+  const char* name;  // as the log calls it
+  std::span<const IdentifierWrite> writes;
+};
+
+StoreMode storeMode(int32_t mode) {
+  switch (mode) {
+    case 1:
+      return {"MDT", kMDTWrites};
+    case 2:
+      return {"SCCM", kSCCMWrites};
+    default:
+      return {"standard EFI boot", kStandardWrites};
+  }
+}
+
+// A cut path would name another file, so there is no going on with one that is too long.
+std::string destinationUnder(const std::string& mountPoint) {
+  std::string path = mountPoint + "/EFI/Microsoft/Boot/BCD";
+  if (path.size() >= kDestinationLimit) {
+    std::fprintf(stderr, "update_bcd: the destination path is longer than %zu bytes: %s\n", kDestinationLimit - 1,
+                 path.c_str());
+    std::abort();
+  }
+  return path;
+}
+
+// A folder can be opened as a stream but not read; it must not cost the store that it was to replace.
+vorlix::Stream openTemplate(const char* path) {
+  vorlix::Stream stream(std::fopen(path, "rbe"));
+  struct stat status = {};
+  if (stream && (fstat(fileno(stream.get()), &status) != 0 || S_ISDIR(status.st_mode))) stream.reset();
+  return stream;
+}
+
+int32_t destinationFailed() {
+  const int reason = errno;
+  std::perror("BCD Path Destination error:");
+  std::printf("%s", std::strerror(reason));
+  return -1;
+}
+
+// Copies until the source ends or one of the streams fails, which its error indicator then tells.
+void copyStream(FILE* source, FILE* destination) {
+  std::vector<uint8_t> block(kCopyBlock);
+  size_t count = 0;
+  do {
+    count = std::fread(block.data(), 1, block.size(), source);
+  } while (std::fwrite(block.data(), 1, count, destination) == count && count == block.size());
+}
+
+// Past the end of a short template the file system fills the gap with zeros.
+void writeIdentifiers(int store, const Identifiers& identifiers, std::span<const IdentifierWrite> writes) {
+  for (const IdentifierWrite& write : writes) {
+    const GUID& guid = identifiers.*write.identifier;
+    // Not looked at: hosts check the store that they deploy.
+    [[maybe_unused]] const ssize_t written = pwrite(store, guid.data(), guid.size(), write.offset);
+  }
+}
+
+}  // namespace
+
+int32_t update_bcd(const char* source, const char* disk, const char* partition, int32_t mode) {
+  logMessage("Mounting EFI partition on %s\n", textOf(disk));
+  const char* const mounted = mount_efi(disk);
+  if (mounted == nullptr) {
+    logMessage("problem mounting efi point %ss\n", "");
+    return -1;
+  }
+  const std::string mountPoint = mounted;
+  logMessage("mount point is %s\n", mountPoint.c_str());
+  const std::string path = destinationUnder(mountPoint);
+  if (file_exist(source) == 0) {
+    logMessage("%s does not exist!\n", textOf(source));
+    return -1;
+  }
+  vorlix::Stream original = openTemplate(source);
+  if (!original) {
+    logMessage("could not open %s\n", source);
+    return -1;
+  }
+  vorlix::Stream store(std::fopen(path.c_str(), "we"));
+  if (!store) return destinationFailed();
+
+  logMessage("Copying BCD to %s\n", path.c_str());
+  copyStream(original.get(), store.get());
+  if (std::ferror(store.get()) != 0) return destinationFailed();
+  if (std::ferror(original.get()) != 0) {
+    logMessage("could not read %s\n", source);
+    return -1;
+  }
+  original.reset();
+  logMessage("Copying BCD done.%s\n", "");
+
+  Identifiers identifiers;
+  int64_t offset = 0;
+  if (lookup_disk_info(partition, identifiers.disk.data(), identifiers.partition.data(), &offset) != 0) {
+    logMessage("Could not find disk uuid and partion uuid for %s\n", textOf(partition));
+    // The slice stays mounted and the store open, its last block not yet written.
+    vorlix::keepOpen(std::move(store));
+    return -1;
+  }
+
+  const StoreMode chosen = storeMode(mode);
+  logMessage("Modifying BCD for %s.%s\n", chosen.name, "");
+  if (std::fflush(store.get()) != 0) return destinationFailed();
+  writeIdentifiers(fileno(store.get()), identifiers, chosen.writes);
+  // The slice is about to go away; what does not reach its medium now may never do.
+  if (fsync(fileno(store.get())) != 0) return destinationFailed();
+  if (std::fclose(store.release()) != 0) return destinationFailed();
+  logMessage("unmounting EFI partition%s\n", "");
+  unmount_efi(disk);
+  logMessage("Completed EFI update.%s\n", "");
+  return 0;
+}
