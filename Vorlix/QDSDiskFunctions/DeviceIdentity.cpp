@@ -119,7 +119,8 @@ int32_t partitionNumber(const vorlix::Dictionary& properties) {
 std::string convertIdentifier(std::string text, uint8_t* guid) {
   text.resize(std::min(text.size(), kUUIDTextLimit));
   convert_uuid_string_to_bytes(text.data(), guid);
-  return text.c_str();
+  text.resize(std::strlen(text.c_str()));
+  return text;
 }
 
 struct WholeDisk {

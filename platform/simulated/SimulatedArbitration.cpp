@@ -76,7 +76,7 @@ class SimulatedDisk final : public Disk {
  private:
   void ask(MountAction action, DiskCompletion completion) {
     MountRequest request{session_, name_, action, std::move(completion), state_->completionDelay};
-    if (state_->openSessions.count(session_) == 0) {
+    if (!state_->openSessions.contains(session_)) {
       static_cast<void>(state_->carryOut(request));  // nobody is left to be told
     } else {
       state_->requests.push_back(std::move(request));
@@ -106,7 +106,7 @@ class SimulatedSession final : public DiskArbitrationSession {
 
   std::shared_ptr<Disk> diskFromBSDName(const std::string& name) override {
     const std::string bare = bareDeviceName(name);
-    if (state_->devices.count(bare) == 0) return nullptr;
+    if (!state_->devices.contains(bare)) return nullptr;
     return std::make_shared<SimulatedDisk>(state_, id_, bare);
   }
 

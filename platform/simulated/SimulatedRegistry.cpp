@@ -20,7 +20,7 @@ std::optional<KernReturn> faultOf(const SimulatedState& state, RegistryCall call
 }
 
 bool isInPlane(const SimulatedState& state, RegistryEntryID entry, const std::string& plane) {
-  return entry < state.registry.size() && state.registry[entry].parents.count(plane) != 0;
+  return entry < state.registry.size() && state.registry[entry].parents.contains(plane);
 }
 
 // Absent for a root and for an entry that is not in the plane.
@@ -41,7 +41,7 @@ void appendBelow(const SimulatedState& state, const std::string& plane, std::opt
 }
 
 bool matches(const RegistryRecord& record, const RegistryMatching& matching) {
-  if (record.parents.count(kServicePlane) == 0) return false;
+  if (!record.parents.contains(kServicePlane)) return false;
   if (matching.className && *matching.className != record.className) return false;
   if (matching.bsdName && record.properties.text("BSD Name") != matching.bsdName) return false;
   const auto& wanted = matching.properties.values();
@@ -80,7 +80,7 @@ class SimulatedEntry final : public RegistryEntry {
     if (!isInPlane(*state_, id_, plane)) return kKernFailure;
     std::string names;
     for (std::optional<RegistryEntryID> entry = id_; entry; entry = parentOf(*state_, *entry, plane)) {
-      names = "/" + state_->registry[*entry].name + names;
+      names.insert(0, "/" + state_->registry[*entry].name);
     }
     path = plane + ":" + names;
     return kKernSuccess;
