@@ -8,7 +8,8 @@ install(DIRECTORY Vorlix/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlix FILES_M
         PATTERN "QDSDiskFunctions" EXCLUDE)
 install(DIRECTORY foundation DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlix FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY platform DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlix FILES_MATCHING PATTERN "*.h"
-        PATTERN "linux" EXCLUDE PATTERN "macos" EXCLUDE PATTERN "posix" EXCLUDE PATTERN "DeviceStream.h" EXCLUDE)
+        PATTERN "linux" EXCLUDE PATTERN "macos" EXCLUDE PATTERN "posix" EXCLUDE PATTERN "DeviceStream.h" EXCLUDE
+        PATTERN "SimulatedState.h" EXCLUDE PATTERN "SparseBytes.h" EXCLUDE)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/Vorlix)
 install(EXPORT VorlixTargets NAMESPACE Vorlix:: DESTINATION ${package_folder})
