@@ -119,8 +119,9 @@ TEST(ValueTest, CopyIsIndependentOfItsOriginal) {
 }
 
 TEST(ValueTest, ValuesAreListedInTheOrderOfTheirKeys) {
+  const Dictionary dictionary = everyType();
   std::vector<std::string> keys;
-  for (const auto& [key, value] : everyType().values()) keys.push_back(key);
+  for (const auto& [key, value] : dictionary.values()) keys.push_back(key);
   EXPECT_THAT(keys, ElementsAre("boolean", "data", "dictionary", "integer", "text", "url", "uuid"));
 }
 

@@ -1,0 +1,301 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The files for legacy booting at the root of a volume. The volume is a folder of the test; copies are real ones.
+#include <Vorlix/QDSUtilities.h>
+#include <Vorlix/foundation/URL.h>
+#include <gmock/gmock.h>
+
+#include <optional>
+#include <string>
+
+#include "support/DiskFixture.h"
+
+namespace vorlix::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+class LegacyBootTest : public DiskTest {
+ protected:
+  LegacyBootTest() : volume(folder / "volume"), bcd(folder / "my store") {
+    makeFolder("volume");
+    makeFile("my store", {'s', 't', 'o', 'r', 'e'});
+  }
+
+  void addPCAT() const {
+    makeFolder("volume/Windows/Boot/PCAT/de-DE");
+    makeFile("volume/Windows/Boot/PCAT/memtest.exe", {'m', 'e', 'm'});
+    makeFile("volume/Windows/Boot/PCAT/de-DE/bootmgr.mui", {'m', 'u', 'i'});
+  }
+  void addBootmgr() const {
+    makeFolder("volume/Windows/Boot/PCAT");
+    makeFile("volume/Windows/Boot/PCAT/bootmgr", {'m', 'g', 'r'});
+  }
+  void addFonts() const {
+    makeFolder("volume/Windows/Boot/Fonts");
+    makeFile("volume/Windows/Boot/Fonts/wgl4_boot.ttf", {'t', 't', 'f'});
+  }
+  void addAll() const {
+    addPCAT();
+    addBootmgr();
+    addFonts();
+  }
+
+  int32_t setUp() const { return QDSUtilities::setupMBRBootFilesForDevice(URL::fileURLWithPath(volume), bcd); }
+
+  std::string content(const std::string& name) const { return contentOf(volume + "/" + name); }
+  bool exists(const std::string& name) const { return std::filesystem::exists(volume + "/" + name); }
+
+  // Sources, destinations and messages in the order of the layout.
+  std::string start() const { return "Setting up legacy booting to " + volume + "\n"; }
+  std::string sourceOf(int row) const {
+    if (row == 3) return bcd;
+    return volume + (row == 1 ? "/Windows/Boot/PCAT" : row == 2 ? "/Windows/Boot/Fonts" : "/Windows/Boot/PCAT/bootmgr");
+  }
+  std::string destinationOf(int row) const {
+    return volume + (row == 1 ? "/boot" : row == 2 ? "/boot/Fonts" : row == 3 ? "/boot/BCD" : "/bootmgr");
+  }
+  std::string copying(int row) const { return "copying " + sourceOf(row) + " to " + destinationOf(row) + "\n"; }
+  std::string skipping(int row) const { return sourceOf(row) + " does not exist, skipping\n"; }
+  std::string failed(int row, const std::string& reason) const {
+    return "Error copying " + sourceOf(row) + " to " + destinationOf(row) + " with error " + reason + "\n";
+  }
+  std::string copyLine(int row) const { return "copy " + sourceOf(row) + " " + destinationOf(row); }
+
+  const std::string volume;
+  std::string bcd;
+};
+
+// ----------------------------------------------------------------------------------------------------- all is there
+
+TEST_F(LegacyBootTest, FoldersAndFilesAreCopiedInOrder) {
+  addAll();
+  EXPECT_EQ(setUp(), 0);
+  EXPECT_EQ(log(), start() + copying(1) + copying(2) + copying(3) + copying(4));
+  EXPECT_THAT(machine.journal(), ElementsAre(copyLine(1), copyLine(2), copyLine(3), copyLine(4)));
+  EXPECT_EQ(content("boot/memtest.exe"), "mem");
+  EXPECT_EQ(content("boot/de-DE/bootmgr.mui"), "mui");
+  EXPECT_EQ(content("boot/bootmgr"), "mgr");
+  EXPECT_EQ(content("boot/Fonts/wgl4_boot.ttf"), "ttf");
+  EXPECT_EQ(content("boot/BCD"), "store");
+  EXPECT_EQ(content("bootmgr"), "mgr");
+  // The sources stay.
+  EXPECT_EQ(content("Windows/Boot/PCAT/bootmgr"), "mgr");
+  EXPECT_EQ(contentOf(bcd), "store");
+}
+
+TEST_F(LegacyBootTest, SecondRunFindsEverythingAndCopiesNothing) {
+  addAll();
+  EXPECT_EQ(setUp(), 0);
+  makeFile("my store", {'n', 'e', 'w'});
+  forgetLog();
+  machine.clearJournal();
+  EXPECT_EQ(setUp(), 0);
+  EXPECT_EQ(log(), start());
+  EXPECT_THAT(machine.journal(), IsEmpty());
+  EXPECT_EQ(content("boot/BCD"), "store");
+}
+
+TEST_F(LegacyBootTest, ItemNamedBOOTMeansThatTheVolumeIsSetUp) {
+  addAll();
+  for (const bool asFolder : {true, false}) {
+    forgetLog();
+    if (asFolder) {
+      makeFolder("volume/BOOT");
+    } else {
+      makeFile("volume/BOOT", {});
+    }
+    EXPECT_EQ(setUp(), 0);
+    EXPECT_EQ(log(), start());
+    EXPECT_THAT(machine.journal(), IsEmpty());
+    EXPECT_FALSE(exists("bootmgr"));
+    std::filesystem::remove_all(volume + "/BOOT");
+  }
+}
+
+TEST_F(LegacyBootTest, DestinationsThatAreThereAreLeftSilently) {
+  addAll();
+  makeFolder("volume/boot");
+  if (exists("BOOT")) GTEST_SKIP() << "this file system ignores case, so the volume counts as set up";
+  makeFile("volume/boot/BCD", {'o', 'l', 'd'});
+  EXPECT_EQ(setUp(), 0);
+  EXPECT_EQ(log(), start() + copying(2) + copying(4));
+  EXPECT_THAT(machine.journal(), ElementsAre(copyLine(2), copyLine(4)));
+  EXPECT_EQ(content("boot/BCD"), "old");
+  EXPECT_FALSE(exists("boot/memtest.exe"));
+}
+
+TEST_F(LegacyBootTest, FontsInsideThePCATFolderComeWithIt) {
+  addAll();
+  makeFolder("volume/Windows/Boot/PCAT/Fonts");
+  makeFile("volume/Windows/Boot/PCAT/Fonts/inner.ttf", {'i'});
+  EXPECT_EQ(setUp(), 0);
+  EXPECT_EQ(log(), start() + copying(1) + copying(3) + copying(4));
+  EXPECT_EQ(content("boot/Fonts/inner.ttf"), "i");
+  EXPECT_FALSE(exists("boot/Fonts/wgl4_boot.ttf"));
+}
+
+// ------------------------------------------------------------------------------------ missing sources and the folder
+// flag
+
+TEST_F(LegacyBootTest, MissingFontsAfterTheFolderAreSkipped) {
+  addPCAT();
+  addBootmgr();
+  EXPECT_EQ(setUp(), 0);
+  EXPECT_EQ(log(), start() + copying(1) + skipping(2) + copying(3) + copying(4));
+  EXPECT_EQ(content("boot/BCD"), "store");
+  EXPECT_EQ(content("bootmgr"), "mgr");
+}
+
+TEST_F(LegacyBootTest, MissingStoreAfterTheFontsIsSkipped) {
+  addAll();
+  std::filesystem::remove(bcd);
+  EXPECT_EQ(setUp(), 0);
+  EXPECT_EQ(log(), start() + copying(1) + copying(2) + skipping(3) + copying(4));
+  EXPECT_FALSE(exists("boot/BCD"));
+}
+
+TEST_F(LegacyBootTest, MissingStoreAfterMissingFontsIsSkipped) {
+  addPCAT();
+  addBootmgr();
+  std::filesystem::remove(bcd);
+  EXPECT_EQ(setUp(), 0);
+  EXPECT_EQ(log(), start() + copying(1) + skipping(2) + skipping(3) + copying(4));
+}
+
+TEST_F(LegacyBootTest, EverythingMissingAfterTheFolderIsSkipped) {
+  addPCAT();
+  std::filesystem::remove(bcd);
+  EXPECT_EQ(setUp(), 0);
+  EXPECT_EQ(log(), start() + copying(1) + skipping(2) + skipping(3) + skipping(4));
+  EXPECT_THAT(machine.journal(), ElementsAre(copyLine(1)));
+  EXPECT_FALSE(exists("bootmgr"));
+}
+
+TEST_F(LegacyBootTest, MissingFileAfterAFileIsTriedAndFails) {
+  addPCAT();
+  addFonts();
+  machine.failCopy(sourceOf(4), "There is no such file.");
+  EXPECT_EQ(setUp(), -1);
+  EXPECT_EQ(log(), start() + copying(1) + copying(2) + copying(3) + copying(4) + failed(4, "There is no such file."));
+  EXPECT_EQ(content("boot/BCD"), "store");  // what was copied stays
+  EXPECT_FALSE(exists("bootmgr"));
+}
+
+TEST_F(LegacyBootTest, RealCopyOfAMissingFileFailsWithAReason) {
+  addPCAT();
+  addFonts();
+  EXPECT_EQ(setUp(), -1);
+  const std::string before = start() + copying(1) + copying(2) + copying(3) + copying(4);
+  ASSERT_THAT(log(), StartsWith(before + failed(4, "").substr(0, failed(4, "").size() - 1)));
+  EXPECT_THAT(log().substr(before.size()), MatchesRegex("Error copying [^\n]+ with error [^\n]+\n"));
+}
+
+TEST_F(LegacyBootTest, MissingFileAfterAFolderInTheStoresPlaceIsSkipped) {
+  addPCAT();
+  addFonts();
+  bcd = folder / "store folder";
+  makeFolder("store folder");
+  makeFile("store folder/inside", {'i'});
+  EXPECT_EQ(setUp(), 0);
+  EXPECT_EQ(log(), start() + copying(1) + copying(2) + copying(3) + skipping(4));
+  EXPECT_EQ(content("boot/BCD/inside"), "i");
+}
+
+TEST_F(LegacyBootTest, MissingFileAfterAFileIsPassedOverSilentlyWhereItsDestinationIsThere) {
+  addPCAT();
+  addFonts();
+  makeFile("volume/bootmgr", {'o', 'l', 'd'});
+  EXPECT_EQ(setUp(), 0);
+  EXPECT_EQ(log(), start() + copying(1) + copying(2) + copying(3));
+  EXPECT_EQ(content("bootmgr"), "old");
+}
+
+TEST_F(LegacyBootTest, SkippingComesBeforeLookingAtTheDestination) {
+  addPCAT();
+  makeFolder("volume/Windows/Boot/PCAT/Fonts");  // so that boot/Fonts is there when the fonts' turn comes
+  addBootmgr();
+  EXPECT_EQ(setUp(), 0);
+  EXPECT_EQ(log(), start() + copying(1) + skipping(2) + copying(3) + copying(4));
+}
+
+TEST_F(LegacyBootTest, FlagFollowsASourceWhoseDestinationIsThereAsWell) {
+  // The store exists, as does its destination: nothing is copied, but the source before bootmgr was a file.
+  addPCAT();
+  makeFile("volume/Windows/Boot/PCAT/BCD", {'p'});
+  addFonts();
+  machine.failCopy(sourceOf(4), "gone");
+  EXPECT_EQ(setUp(), -1);
+  EXPECT_EQ(log(), start() + copying(1) + copying(2) + copying(4) + failed(4, "gone"));
+  EXPECT_EQ(content("boot/BCD"), "p");
+}
+
+TEST_F(LegacyBootTest, FileInTheFirstFoldersPlaceMakesAMissingOneFail) {
+  makeFolder("volume/Windows/Boot");
+  makeFile("volume/Windows/Boot/PCAT", {'f'});
+  machine.failCopy(sourceOf(2), "gone");
+  EXPECT_EQ(setUp(), -1);
+  EXPECT_EQ(log(), start() + copying(1) + copying(2) + failed(2, "gone"));
+  EXPECT_EQ(content("boot"), "f");
+}
+
+TEST_F(LegacyBootTest, FirstSourceMissingIsTriedBecauseNoFolderWasSeenYet) {
+  addFonts();
+  machine.failCopy(sourceOf(1), "gone");
+  EXPECT_EQ(setUp(), -1);
+  EXPECT_EQ(log(), start() + copying(1) + failed(1, "gone"));
+  EXPECT_FALSE(exists("boot"));
+}
+
+// ------------------------------------------------------------------------------------------------------- failed copies
+
+TEST_F(LegacyBootTest, FailedCopyEndsItAtOnceAndASecondRunCopiesTheRest) {
+  for (int row = 1; row <= 4; ++row) {
+    std::filesystem::remove_all(volume);
+    makeFolder("volume");
+    addAll();
+    forgetLog();
+    std::string expected = start();
+    for (int before = 1; before <= row; ++before) expected += copying(before);
+    {
+      SimulatedMachine other;
+      other.failCopy(sourceOf(row), "No space left on device");
+      const ScopedPlatform scope(other.platform());
+      EXPECT_EQ(setUp(), -1) << row;
+      EXPECT_EQ(other.journal().size(), static_cast<size_t>(row));
+    }
+    EXPECT_EQ(log(), expected + failed(row, "No space left on device"));
+    for (int later = row; later <= 4; ++later) EXPECT_FALSE(std::filesystem::exists(destinationOf(later))) << later;
+
+    if (exists("BOOT")) continue;  // on a file system that ignores case the volume counts as set up by now
+    forgetLog();
+    EXPECT_EQ(setUp(), 0) << row;
+    std::string rest = start();
+    for (int later = row; later <= 4; ++later) rest += copying(later);
+    EXPECT_EQ(log(), rest);
+    EXPECT_EQ(content("bootmgr"), "mgr");
+    EXPECT_EQ(content("boot/BCD"), "store");
+  }
+}
+
+// ---------------------------------------------------------------------------------------------------- without a volume
+
+TEST_F(LegacyBootTest, NoVolumeIsLoggedAndNothingIsDone) {
+  EXPECT_EQ(QDSUtilities::setupMBRBootFilesForDevice(std::nullopt, bcd), 0);
+  // What stands for a path that is not there is the formatter's affair.
+  EXPECT_THAT(log(), MatchesRegex("The volume must mounted and writable\nSetting up legacy booting to [^\n]*\n"));
+  EXPECT_THAT(machine.journal(), IsEmpty());
+}
+
+TEST_F(LegacyBootTest, NoDeviceIsOpenedOrMounted) {
+  addAll();
+  EXPECT_EQ(setUp(), 0);
+  EXPECT_THAT(deviceLines(), IsEmpty());
+  EXPECT_THAT(mountsAndUnmounts(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace vorlix::test
