@@ -7,6 +7,7 @@ set(VORLIX_SOURCES
     Vorlix/QDSDiskFunctions/Log.cpp
     Vorlix/QDSDiskFunctions/PartitionRecords.cpp
     Vorlix/QDSDiskFunctions/PartitionTables.cpp
+    Vorlix/QDSDiskFunctions/StoreSlots.cpp
     Vorlix/Vorlix_vers.cpp
     platform/Platform.cpp
     platform/posix/FileHandle.cpp

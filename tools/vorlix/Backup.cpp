@@ -43,18 +43,22 @@ class Descriptor {
 
 }  // namespace
 
-std::string saveSector(const std::string& folder, const std::string& device, uint64_t offset, const Sector& bytes) {
+std::string saveNamed(const std::string& folder, const std::string& name, std::span<const uint8_t> bytes) {
   std::error_code error;
   std::filesystem::create_directories(folder, error);
   if (error) throw Failure(folder, error.message());
-  const std::filesystem::path name =
-      std::filesystem::path(device).filename().string() + "-" + std::to_string(offset) + ".bin";
   const std::string path = std::filesystem::path(folder) / name;
   const Descriptor file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW);
   file.writeAll(bytes.data(), bytes.size());
   file.sync();
   Descriptor(folder, O_RDONLY | O_DIRECTORY).sync();
   return path;
+}
+
+std::string saveBytes(const std::string& folder, const std::string& device, uint64_t offset,
+                      std::span<const uint8_t> bytes) {
+  const std::string deviceName = std::filesystem::path(device).filename();
+  return saveNamed(folder, deviceName + "-" + std::to_string(offset) + ".bin", bytes);
 }
 
 }  // namespace vorlix::tool

@@ -11,5 +11,10 @@ namespace vorlix::tool {
 void addShowCommand(CLI::App& app, int& status);
 void addHybridCommand(CLI::App& app, int& status);
 void addCheckCommand(CLI::App& app, int& status);
+void addIdentifyCommand(CLI::App& app, int& status);
+void addMountCommands(CLI::App& app, int& status);
+void addBootStoreCommand(CLI::App& app, int& status);
+void addBootRecordCommands(CLI::App& app, int& status);
+void addLegacyBootCommand(CLI::App& app, int& status);
 
 }  // namespace vorlix::tool

@@ -102,10 +102,10 @@ std::string touchedText(const HybridPlan& plan, const Verification& now) {
 
 void saveBackup(const HybridPlan& plan, const std::string& folder) {
   if (plan.writesMBR()) {
-    std::printf("Saved      %s\n", saveSector(folder, plan.disk.device, 0, plan.disk.sector0).c_str());
+    std::printf("Saved      %s\n", saveBytes(folder, plan.disk.device, 0, plan.disk.sector0).c_str());
   }
   if (plan.patchesVolume) {
-    std::printf("Saved      %s\n", saveSector(folder, plan.volume, 0, plan.bootSector).c_str());
+    std::printf("Saved      %s\n", saveBytes(folder, plan.volume, 0, plan.bootSector).c_str());
   }
 }
 

@@ -22,6 +22,11 @@ int main(int argc, char** argv) {
   addShowCommand(app, status);
   addHybridCommand(app, status);
   addCheckCommand(app, status);
+  addIdentifyCommand(app, status);
+  addMountCommands(app, status);
+  addBootStoreCommand(app, status);
+  addBootRecordCommands(app, status);
+  addLegacyBootCommand(app, status);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Arbitration.h"
+
+#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/RunLoop.h>
+
+#include <chrono>
+#include <memory>
+#include <utility>
+
+#include "Failure.h"
+#include "Text.h"
+
+namespace vorlix::tool {
+namespace {
+
+struct SessionAndDisk {
+  std::shared_ptr<DiskArbitrationSession> session;
+  std::shared_ptr<Disk> disk;
+};
+
+SessionAndDisk openDisk(const std::string& device) {
+  SessionAndDisk result;
+  result.session = platform().diskArbitration->createSession();
+  if (!result.session) throw Failure(device, "disk arbitration cannot be reached");
+  result.disk = result.session->diskFromBSDName(device);
+  if (!result.disk) throw Failure(device, "no such device or disk image");
+  return result;
+}
+
+// Starts a request and runs the thread's loop until it was answered.
+template <typename Start>
+std::optional<Dissenter> waitFor(const std::string& device, Start start) {
+  constexpr std::chrono::milliseconds kStep{100};
+  const SessionAndDisk opened = openDisk(device);
+  const std::shared_ptr<RunLoop> loop = platform().runLoops->current();
+  bool answered = false;
+  std::optional<Dissenter> answer;
+  opened.session->schedule(*loop, kDefaultRunLoopMode);
+  start(*opened.disk, [&](const std::optional<Dissenter>& dissenter) {
+    answer = dissenter;
+    answered = true;
+  });
+  while (!answered) loop->run(kDefaultRunLoopMode, kStep);
+  opened.session->unschedule(*loop, kDefaultRunLoopMode);
+  return answer;
+}
+
+}  // namespace
+
+std::string bsdNameOf(const std::string& device) {
+  const SessionAndDisk opened = openDisk(device);
+  const std::optional<std::string> name = opened.disk->bsdName();
+  if (!name) throw Failure(device, "the device has no name");
+  return *name;
+}
+
+std::optional<std::string> mountPointOf(const std::string& device) {
+  const SessionAndDisk opened = openDisk(device);
+  const std::optional<Dictionary> description = opened.disk->copyDescription();
+  if (!description) return std::nullopt;
+  const std::optional<URL> path = description->url(kDescriptionVolumePath);
+  if (!path) return std::nullopt;
+  return path->path();
+}
+
+std::optional<Dissenter> tryMount(const std::string& device, bool readWrite) {
+  std::vector<std::string> arguments;
+  if (readWrite) arguments = {"nobrowse", "rw"};
+  return waitFor(device, [&](Disk& disk, DiskCompletion done) { disk.mount(arguments, std::move(done)); });
+}
+
+std::optional<Dissenter> tryUnmount(const std::string& device) {
+  return waitFor(device, [](Disk& disk, DiskCompletion done) { disk.unmount(std::move(done)); });
+}
+
+std::string reasonText(const Dissenter& dissenter) {
+  if (!dissenter.text.empty()) return dissenter.text;
+  switch (dissenter.status) {
+    case kDissentBusy:
+      return "the volume is in use";
+    case kDissentNotFound:
+      return "not found";
+    case kDissentNotMounted:
+      return "not mounted";
+    case kDissentNotPermitted:
+      return "not permitted";
+    case kDissentNotPrivileged:
+      return "not privileged";
+    case kDissentNotWritable:
+      return "not writable";
+    case kDissentUnsupported:
+      return "not supported";
+    default:
+      return "refused with status " + hexDigits(static_cast<uint32_t>(dissenter.status), 8);
+  }
+}
+
+}  // namespace vorlix::tool

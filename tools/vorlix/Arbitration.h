@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the commands ask disk arbitration for directly: names, mount points, and the reason of a refusal, which the flat
+// functions only turn into a number.
+#pragma once
+
+#include <Vorlix/platform/DiskArbitration.h>
+
+#include <optional>
+#include <string>
+
+namespace vorlix::tool {
+
+/// The device's own name as disk arbitration knows it, which every look-up takes: "sda3", or the absolute path of an
+/// image file and its slice. Throws Failure for an unknown device.
+std::string bsdNameOf(const std::string& device);
+
+/// Where the device's volume is mounted.
+std::optional<std::string> mountPointOf(const std::string& device);
+
+/// Mounts or unmounts and waits. @return why it was refused; absent for success.
+std::optional<Dissenter> tryMount(const std::string& device, bool readWrite);
+std::optional<Dissenter> tryUnmount(const std::string& device);
+
+/// A dissenter in words: the system's own, else what its code means.
+std::string reasonText(const Dissenter& dissenter);
+
+}  // namespace vorlix::tool

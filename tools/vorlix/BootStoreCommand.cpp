@@ -1,0 +1,187 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/QDSDiskFunctions.h>
+#include <Vorlix/QDSDiskFunctions/Log.h>
+#include <Vorlix/QDSDiskFunctions/StoreSlots.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "Arbitration.h"
+#include "Backup.h"
+#include "Commands.h"
+#include "Failure.h"
+#include "Files.h"
+#include "Identity.h"
+#include "Text.h"
+
+namespace vorlix::tool {
+namespace {
+
+constexpr size_t kLargestStore = size_t{64} * 1024 * 1024;
+constexpr const char* kStorePath = "/EFI/Microsoft/Boot/BCD";
+
+const std::map<std::string, int32_t> kModes = {{"standard", 0}, {"mdt", kStoreModeMDT}, {"sccm", kStoreModeSCCM}};
+
+struct StoreOptions {
+  std::string disk;
+  uint32_t partition = 0;
+  std::string templateFile;
+  int32_t mode = 0;
+  bool dryRun = false;
+  std::string backupFolder;
+};
+
+struct StorePlan {
+  std::string disk;       // as disk arbitration names it
+  std::string partition;  // likewise
+  Identity identity;
+  ByteVector store;  // the template with the identifiers in place
+  ByteVector original;
+};
+
+uint32_t wordAt(const ByteVector& bytes, int64_t offset) {
+  if (offset < 0 || static_cast<uint64_t>(offset) + 4 > bytes.size()) return ~uint32_t{0};
+  uint32_t value = 0;
+  for (size_t i = 4; i > 0; --i) value = value << 8 | bytes[static_cast<size_t>(offset) + i - 1];
+  return value;
+}
+
+// A device element of a boot configuration store has 88 bytes: the partition GUID at 0x20 and the disk GUID at 0x38,
+// 24 bytes on; a 6 (partition) at 0x10, the length 0x48 at 0x18, and 0 (GPT) or 1 (MBR) at 0x34.
+bool looksLikeIdentifierSlot(const ByteVector& store, const StoreSlot& slot) {
+  const int64_t element = int64_t{slot.offset} - (slot.identifier == StoreIdentifier::partition ? 0x20 : 0x38);
+  return wordAt(store, element + 0x10) == 6 && wordAt(store, element + 0x18) == 0x48 &&
+         wordAt(store, element + 0x34) <= 1;
+}
+
+void warnOfOddSlots(const StoreOptions& options, const ByteVector& store) {
+  std::string odd;
+  for (const StoreSlot& slot : storeSlots(options.mode)) {
+    if (!looksLikeIdentifierSlot(store, slot)) odd += (odd.empty() ? "" : ", ") + std::to_string(slot.offset);
+  }
+  if (odd.empty()) return;
+  std::fprintf(
+      stderr,
+      "vorlix: %s: warning: what stands at %s does not look like identifiers (a partition GUID, and a disk GUID "
+      "24 bytes on); is it the template for this mode?\n",
+      options.templateFile.c_str(), odd.c_str());
+}
+
+StorePlan planStore(const StoreOptions& options) {
+  StorePlan plan;
+  plan.original = readFile(options.templateFile, kLargestStore);
+  plan.disk = bsdNameOf(options.disk);
+  plan.partition = bsdNameOf(options.disk + "s" + std::to_string(options.partition));
+  plan.identity = identify(plan.partition);
+  if (!plan.identity.partitionGUID || !plan.identity.diskGUID) {
+    throw Failure(plan.partition, "its partition and disk GUIDs are not known");
+  }
+  plan.store = plan.original;
+  for (const StoreSlot& slot : storeSlots(options.mode)) {
+    if (plan.store.size() < slot.offset + 16) plan.store.resize(slot.offset + 16);
+    const auto& guid =
+        slot.identifier == StoreIdentifier::partition ? *plan.identity.partitionGUID : *plan.identity.diskGUID;
+    std::copy(guid.begin(), guid.end(), plan.store.begin() + slot.offset);
+  }
+  return plan;
+}
+
+void printDryRun(const StoreOptions& options, const StorePlan& plan) {
+  std::printf("Dry run: nothing is mounted or opened for writing.\n\n");
+  std::printf("%s would become %s on slice 1 of %s, with\n", options.templateFile.c_str(), kStorePath + 1,
+              options.disk.c_str());
+  std::printf("  partition GUID  %s\n  disk GUID       %s\n", guidText(plan.identity.partitionGUID->data()).c_str(),
+              guidText(plan.identity.diskGUID->data()).c_str());
+  std::printf("in these places:\n%s", differenceText(plan.original, plan.store, 0).c_str());
+}
+
+// The EFI System Partition, mounted for a look; unmounted again unless it was mounted before.
+class MountedEFI {
+ public:
+  explicit MountedEFI(const std::string& disk) : slice_(disk + "s1"), wasMounted_(mountPointOf(slice_).has_value()) {
+    if (wasMounted_) return;
+    if (const auto refusal = tryMount(slice_, false)) throw Failure(slice_, reasonText(*refusal));
+  }
+  ~MountedEFI() {
+    if (wasMounted_) return;
+    try {
+      if (const auto refusal = mountPointOf(slice_) ? tryUnmount(slice_) : std::nullopt) {
+        std::fprintf(stderr, "vorlix: %s: stays mounted: %s\n", slice_.c_str(), reasonText(*refusal).c_str());
+      }
+    } catch (const std::exception& error) {
+      std::fprintf(stderr, "vorlix: %s\n", error.what());
+    }
+  }
+  MountedEFI(const MountedEFI&) = delete;
+  MountedEFI& operator=(const MountedEFI&) = delete;
+
+  std::string storePath() const { return mountPointOf(slice_).value_or("") + kStorePath; }
+
+ private:
+  std::string slice_;
+  bool wasMounted_;
+};
+
+void writeStore(const StoreOptions& options, const StorePlan& plan) {
+  {
+    const MountedEFI efi(plan.disk);
+    const std::filesystem::path store = efi.storePath();
+    if (!std::filesystem::is_directory(store.parent_path())) {
+      throw Failure(store.parent_path().string(), "no such folder on the EFI System Partition");
+    }
+    if (!options.backupFolder.empty() && std::filesystem::exists(store)) {
+      const std::string name = std::filesystem::path(options.disk).filename().string() + "s1-BCD";
+      std::printf("Saved      %s\n", saveNamed(options.backupFolder, name, readFile(store, kLargestStore)).c_str());
+      std::fflush(stdout);
+    }
+  }
+  const LogCapture log;
+  const int result = update_bcd(options.templateFile.c_str(), plan.disk.c_str(), plan.partition.c_str(), options.mode);
+  if (result != 0) {
+    std::fprintf(stderr, "The library's log of this run:\n%s", log.text().c_str());
+    if (mountPointOf(plan.disk + "s1")) static_cast<void>(tryUnmount(plan.disk + "s1"));
+    throw Failure(options.disk, "the boot configuration store could not be written", "see the log above");
+  }
+  const MountedEFI efi(plan.disk);
+  if (readFile(efi.storePath(), kLargestStore) != plan.store) {
+    throw Failure(options.disk, "the boot configuration store is not what it should be", "it was written");
+  }
+  std::printf("Store      written to slice 1 of %s and read back\n", options.disk.c_str());
+  std::printf("Partition  %s\nDisk       %s\n", guidText(plan.identity.partitionGUID->data()).c_str(),
+              guidText(plan.identity.diskGUID->data()).c_str());
+}
+
+}  // namespace
+
+void addBootStoreCommand(CLI::App& app, int& status) {
+  const auto options = std::make_shared<StoreOptions>();
+  CLI::App* const command =
+      app.add_subcommand("bcd", "Put a prepared Windows boot configuration store on the EFI System Partition");
+  command->add_option("DISK", options->disk, "Whole disk or disk-image file")->required();
+  command->add_option("--partition", options->partition, "GPT entry of the Windows volume")
+      ->required()
+      ->check(CLI::Range(1, 128));
+  command->add_option("--template", options->templateFile, "The prepared store")->required();
+  command->add_option("--mode", options->mode, "Layout of the template: standard, mdt or sccm")
+      ->required()
+      ->transform(CLI::CheckedTransformer(kModes));
+  command->add_flag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
+  command->add_option("--backup", options->backupFolder, "Folder for the store that is replaced, saved before");
+  command->callback([options, &status] {
+    const StorePlan plan = planStore(*options);
+    warnOfOddSlots(*options, plan.original);
+    if (options->dryRun) {
+      printDryRun(*options, plan);
+      status = kChangeNeeded;
+      return;
+    }
+    writeStore(*options, plan);
+    status = kDone;
+  });
+}
+
+}  // namespace vorlix::tool

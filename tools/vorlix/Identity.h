@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace vorlix::tool {
+
+/// What identifies a device to boot code and boot stores. GUIDs are in the raw, mixed-endian form of GPT and Windows.
+struct Identity {
+  std::string name;       ///< disk arbitration's name
+  std::string wholeDisk;  ///< the same of the whole disk
+  int partition = 0;      ///< 0 for a whole disk
+  std::optional<std::string> mediumType;
+  std::optional<std::array<uint8_t, 16>> diskGUID;
+  std::optional<std::array<uint8_t, 16>> partitionGUID;
+  std::optional<int64_t> offset;  ///< bytes from the start of the disk
+};
+
+/// Looks a device up. Throws Failure for an unknown one.
+Identity identify(const std::string& device);
+
+/// "33 22 11 00 ...": the bytes in hexadecimal.
+std::string rawText(const std::array<uint8_t, 16>& guid);
+
+}  // namespace vorlix::tool

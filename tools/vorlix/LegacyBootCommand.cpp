@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/QDSDiskFunctions/Log.h>
+#include <Vorlix/QDSUtilities.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "Arbitration.h"
+#include "Commands.h"
+#include "Failure.h"
+#include "Files.h"
+
+namespace vorlix::tool {
+namespace {
+
+struct LegacyBootOptions {
+  std::string volume;
+  std::string store;
+};
+
+// The volume's folder: as given, or where the device is mounted.
+std::string folderOf(const std::string& volume) {
+  std::error_code error;
+  if (std::filesystem::is_directory(volume, error)) return std::filesystem::absolute(volume).string();
+  const std::optional<std::string> path = mountPointOf(volume);
+  if (!path) throw Failure(volume, "not mounted");
+  return *path;
+}
+
+void setUp(const LegacyBootOptions& options) {
+  const std::string folder = folderOf(options.volume);
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(options.store, error)) {
+    throw Failure(options.store, "not a file; --bcd names the boot configuration store for legacy start");
+  }
+  if (std::filesystem::exists(folder + "/BOOT", error)) {
+    std::printf("%s is set up already (BOOT exists); nothing was copied\n", folder.c_str());
+    return;
+  }
+  const LogCapture log;
+  const int result = QDSUtilities::setupMBRBootFilesForDevice(URL::fileURLWithPath(folder),
+                                                              std::filesystem::absolute(options.store).string());
+  std::printf("%s", log.text().c_str());
+  if (result != 0) {
+    std::fflush(stdout);
+    throw Failure(folder, "a copy failed", "what was copied before stays; a second run goes on from there");
+  }
+}
+
+}  // namespace
+
+void addLegacyBootCommand(CLI::App& app, int& status) {
+  const auto options = std::make_shared<LegacyBootOptions>();
+  CLI::App* const command =
+      app.add_subcommand("legacy-boot", "Lay out the files that Windows needs on a volume for legacy start");
+  command->add_option("VOLUME", options->volume, "Folder where the volume is mounted, or its device")->required();
+  command->add_option("--bcd", options->store, "Boot configuration store to copy to boot/BCD")->required();
+  command->callback([options, &status] {
+    setUp(*options);
+    status = kDone;
+  });
+}
+
+}  // namespace vorlix::tool

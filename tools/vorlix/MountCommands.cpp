@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/QDSDiskFunctions.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "Arbitration.h"
+#include "Commands.h"
+#include "Failure.h"
+
+namespace vorlix::tool {
+namespace {
+
+struct MountOptions {
+  std::string device;
+  bool readWrite = false;
+};
+
+void mountAndTell(const std::string& device, bool readWrite) {
+  const std::string name = bsdNameOf(device);
+  mount_disk(name.c_str(), readWrite ? 1 : 0);
+  if (const char* const path = mounted_path(name.c_str())) {
+    std::printf("%s\n", path);
+    return;
+  }
+  // The library's mount is silent about a refusal; asking once more tells the reason.
+  if (const std::optional<Dissenter> refusal = tryMount(name, readWrite)) {
+    throw Failure(device, reasonText(*refusal), "not mounted");
+  }
+  const std::optional<std::string> path = mountPointOf(name);
+  if (!path) throw Failure(device, "its volume has no mount point", "not mounted");
+  std::printf("%s\n", path->c_str());
+}
+
+void unmountOrFail(const std::string& device) {
+  const std::string name = bsdNameOf(device);
+  if (!mountPointOf(name)) throw Failure(device, "not mounted", "nothing was changed");
+  if (unmount_disk(name.c_str()) == 0) return;
+  if (const std::optional<Dissenter> refusal = tryUnmount(name)) {
+    throw Failure(device, reasonText(*refusal), "it stays mounted");
+  }
+}
+
+std::string efiSlice(const std::string& disk) {
+  return bsdNameOf(disk) + "s1";
+}
+
+}  // namespace
+
+void addMountCommands(CLI::App& app, int& status) {
+  const auto mounting = std::make_shared<MountOptions>();
+  CLI::App* const mount = app.add_subcommand("mount", "Mount a volume and print where");
+  mount->add_option("DEVICE", mounting->device, "Slice, device or disk-image file")->required();
+  mount->add_flag("--read-write", mounting->readWrite, "For reading and writing, hidden from the desktop");
+  mount->callback([mounting, &status] {
+    mountAndTell(mounting->device, mounting->readWrite);
+    status = kDone;
+  });
+
+  const auto unmounting = std::make_shared<MountOptions>();
+  CLI::App* const unmount = app.add_subcommand("unmount", "Unmount a volume");
+  unmount->add_option("DEVICE", unmounting->device, "Slice, device or disk-image file")->required();
+  unmount->callback([unmounting, &status] {
+    unmountOrFail(unmounting->device);
+    status = kDone;
+  });
+
+  CLI::App* const efi = app.add_subcommand("efi", "Mount or unmount the EFI System Partition of a disk (slice 1)");
+  efi->require_subcommand(1);
+  const auto disk = std::make_shared<std::string>();
+  CLI::App* const efiMount = efi->add_subcommand("mount", "Mount it and print where");
+  efiMount->add_option("DISK", *disk, "Whole disk or disk-image file")->required();
+  efiMount->callback([disk, &status] {
+    mountAndTell(efiSlice(*disk), false);
+    status = kDone;
+  });
+  CLI::App* const efiUnmount = efi->add_subcommand("unmount", "Unmount it");
+  efiUnmount->add_option("DISK", *disk, "Whole disk or disk-image file")->required();
+  efiUnmount->callback([disk, &status] {
+    unmountOrFail(efiSlice(*disk));
+    status = kDone;
+  });
+}
+
+}  // namespace vorlix::tool
