@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,6 +15,7 @@
 #include "Arguments.h"
 #include "DeviceStreams.h"
 #include "Log.h"
+#include "StoreSlots.h"
 
 using vorlix::logMessage;
 using vorlix::textOf;
@@ -34,57 +34,14 @@ struct Identifiers {
   GUID disk = {};
 };
 
-struct IdentifierWrite {
-  off_t offset;  // from the start of the store
-  GUID Identifiers::*identifier;
-};
-
-constexpr GUID Identifiers::*kPartition = &Identifiers::partition;
-constexpr GUID Identifiers::*kDisk = &Identifiers::disk;
-
-// clang-format off
-constexpr IdentifierWrite kStandardWrites[] = {
-    {10492, kPartition},
-    {10740, kPartition},
-    {5828, kDisk},
-    {7900, kDisk},
-    {9372, kDisk},
-    {10516, kDisk},
-    {10764, kDisk},
-};
-constexpr IdentifierWrite kMDTWrites[] = {
-    {8792, kPartition},
-    {8816, kDisk},
-    {10200, kPartition},
-    {10224, kDisk},
-    {14124, kPartition},
-    {11908, kDisk},
-    {11932, kDisk},
-    {14148, kDisk},
-};
-constexpr IdentifierWrite kSCCMWrites[] = {
-    {8424, kPartition},
-    {8448, kDisk},
-    {9872, kPartition},
-    {9896, kDisk},
-    {11660, kDisk},
-    {19284, kDisk},
-};
-// clang-format on
-
-struct StoreMode {
-  const char* name;  // as the log calls it
-  std::span<const IdentifierWrite> writes;
-};
-
-StoreMode storeMode(int32_t mode) {
+const char* modeName(int32_t mode) {
   switch (mode) {
-    case 1:
-      return {"MDT", kMDTWrites};
-    case 2:
-      return {"SCCM", kSCCMWrites};
+    case vorlix::kStoreModeMDT:
+      return "MDT";
+    case vorlix::kStoreModeSCCM:
+      return "SCCM";
     default:
-      return {"standard EFI boot", kStandardWrites};
+      return "standard EFI boot";
   }
 }
 
@@ -124,11 +81,12 @@ void copyStream(FILE* source, FILE* destination) {
 }
 
 // Past the end of a short template the file system fills the gap with zeros.
-void writeIdentifiers(int store, const Identifiers& identifiers, std::span<const IdentifierWrite> writes) {
-  for (const IdentifierWrite& write : writes) {
-    const GUID& guid = identifiers.*write.identifier;
+void writeIdentifiers(int store, const Identifiers& identifiers, int32_t mode) {
+  for (const vorlix::StoreSlot& slot : vorlix::storeSlots(mode)) {
+    const bool ofPartition = slot.identifier == vorlix::StoreIdentifier::partition;
+    const GUID& guid = ofPartition ? identifiers.partition : identifiers.disk;
     // Not looked at: hosts check the store that they deploy.
-    [[maybe_unused]] const ssize_t written = pwrite(store, guid.data(), guid.size(), write.offset);
+    [[maybe_unused]] const ssize_t written = pwrite(store, guid.data(), guid.size(), off_t{slot.offset});
   }
 }
 
@@ -175,10 +133,9 @@ int32_t update_bcd(const char* source, const char* disk, const char* partition, 
     return -1;
   }
 
-  const StoreMode chosen = storeMode(mode);
-  logMessage("Modifying BCD for %s.%s\n", chosen.name, "");
+  logMessage("Modifying BCD for %s.%s\n", modeName(mode), "");
   if (std::fflush(store.get()) != 0) return destinationFailed();
-  writeIdentifiers(fileno(store.get()), identifiers, chosen.writes);
+  writeIdentifiers(fileno(store.get()), identifiers, mode);
   // The slice is about to go away; what does not reach its medium now may never do.
   if (fsync(fileno(store.get())) != 0) return destinationFailed();
   if (std::fclose(store.release()) != 0) return destinationFailed();

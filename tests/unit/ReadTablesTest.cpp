@@ -35,7 +35,7 @@ TEST_F(GetBlockSize, TakesADevicePathAndLooksAtNothingElse) {
   machine.addDisk("disk0", 1 << 20, 4096);
   EXPECT_EQ(getblocksize("/dev/disk0"), 4096U);
   EXPECT_EQ(log(), "Getting block size for device /dev/disk0Found blockSize: 4096");
-  EXPECT_THAT(machine.journal(), ElementsAre("describe disk0"));
+  EXPECT_THAT(machine.journal(), ElementsAre("session open", "describe disk0", "session close"));
 }
 
 constexpr const char* kUnknownSize =

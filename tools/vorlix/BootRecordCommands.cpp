@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSDiskFunctions.h>
-#include <Vorlix/QDSDiskFunctions/Log.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -14,6 +13,7 @@
 #include "DiskTables.h"
 #include "Failure.h"
 #include "Files.h"
+#include "LibraryLog.h"
 
 namespace vorlix::tool {
 namespace {
@@ -65,9 +65,9 @@ void refuseExisting(const std::string& path) {
   }
 }
 
-[[noreturn]] void failWithLog(const std::string& subject, const std::string& reason, const std::string& log,
+[[noreturn]] void failWithLog(const std::string& subject, const std::string& reason, const LibraryLog& log,
                               const std::string& state) {
-  std::fprintf(stderr, "The library's log of this run:\n%s%s", log.c_str(), log.ends_with('\n') ? "" : "\n");
+  log.print();
   throw Failure(subject, reason, state);
 }
 
@@ -79,9 +79,9 @@ struct SaveOptions {
 void saveVBR(const SaveOptions& options) {
   refuseExisting(options.file);
   const ByteVector boot = readDevice(options.device, kBootCodeOffset, kSavedSize);
-  const LogCapture log;
+  const LibraryLog log;
   const int result = write_vbr_to_file(options.device.c_str(), options.file.c_str());
-  if (result != 0) failWithLog(options.device, saveReason(result), log.text(), "the device was not written");
+  if (result != 0) failWithLog(options.device, saveReason(result), log, "the device was not written");
   if (readFile(options.file, kBootArea) != boot) {
     throw Failure(options.file, "does not hold what the device holds", "the device was not written");
   }
@@ -91,9 +91,9 @@ void saveVBR(const SaveOptions& options) {
 void saveBootCode(const SaveOptions& options) {
   refuseExisting(options.file);
   const ByteVector sector = readDevice(options.device, 0, 446);  // also finds out beforehand that it can be opened
-  const LogCapture log;
+  const LibraryLog log;
   if (write_mbr_to_file(options.device.c_str(), options.file.c_str()) != 0) {
-    failWithLog(options.file, "the boot code could not be saved", log.text(), "the disk was not written");
+    failWithLog(options.file, "the boot code could not be saved", log, "the disk was not written");
   }
   if (readFile(options.file, kBootArea) != sector) {
     throw Failure(options.file, "does not hold what the disk holds", "the disk was not written");
@@ -137,12 +137,12 @@ bool restoreVBR(const RestoreOptions& options) {
     std::printf("Saved      %s\n", saveBytes(options.backupFolder, options.device, 0, before).c_str());
     std::fflush(stdout);
   }
-  const LogCapture log;
+  const LibraryLog log;
   const int result = restore_vbr_to_device(options.file.c_str(), options.device.c_str());
   const ByteVector now = readDevice(options.device, 0, kBootArea);
   const char* const state = now == before ? "nothing was written" : "part of the boot area was written";
-  if (result != 0) failWithLog(options.device, restoreReason(result), log.text(), state);
-  if (now != after) failWithLog(options.device, "the boot area is not what it should be", log.text(), state);
+  if (result != 0) failWithLog(options.device, restoreReason(result), log, state);
+  if (now != after) failWithLog(options.device, "the boot area is not what it should be", log, state);
   std::printf("Restored   bytes 84 to 8191 of %s, read back; bytes 0 to 83 are its own\n", options.device.c_str());
   return true;
 }

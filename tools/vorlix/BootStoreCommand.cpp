@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSDiskFunctions.h>
-#include <Vorlix/QDSDiskFunctions/Log.h>
 #include <Vorlix/QDSDiskFunctions/StoreSlots.h>
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 #include "Failure.h"
 #include "Files.h"
 #include "Identity.h"
+#include "LibraryLog.h"
 #include "Text.h"
 
 namespace vorlix::tool {
@@ -126,7 +126,7 @@ class MountedEFI {
   bool wasMounted_;
 };
 
-void writeStore(const StoreOptions& options, const StorePlan& plan) {
+void writeStore(const StoreOptions& options, const StorePlan& plan, const LibraryLog& log) {
   {
     const MountedEFI efi(plan.disk);
     const std::filesystem::path store = efi.storePath();
@@ -139,10 +139,10 @@ void writeStore(const StoreOptions& options, const StorePlan& plan) {
       std::fflush(stdout);
     }
   }
-  const LogCapture log;
+  const LibraryLog log;
   const int result = update_bcd(options.templateFile.c_str(), plan.disk.c_str(), plan.partition.c_str(), options.mode);
   if (result != 0) {
-    std::fprintf(stderr, "The library's log of this run:\n%s", log.text().c_str());
+    log.print();
     if (mountPointOf(plan.disk + "s1")) static_cast<void>(tryUnmount(plan.disk + "s1"));
     throw Failure(options.disk, "the boot configuration store could not be written", "see the log above");
   }
@@ -172,6 +172,7 @@ void addBootStoreCommand(CLI::App& app, int& status) {
   command->add_flag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
   command->add_option("--backup", options->backupFolder, "Folder for the store that is replaced, saved before");
   command->callback([options, &status] {
+    const LibraryLog log;
     const StorePlan plan = planStore(*options);
     warnOfOddSlots(*options, plan.original);
     if (options->dryRun) {
@@ -179,7 +180,7 @@ void addBootStoreCommand(CLI::App& app, int& status) {
       status = kChangeNeeded;
       return;
     }
-    writeStore(*options, plan);
+    writeStore(*options, plan, log);
     status = kDone;
   });
 }

@@ -7,6 +7,7 @@
 #include "Commands.h"
 #include "Failure.h"
 #include "Identity.h"
+#include "LibraryLog.h"
 #include "Text.h"
 
 namespace vorlix::tool {
@@ -70,6 +71,7 @@ void addIdentifyCommand(CLI::App& app, int& status) {
   command->add_option("DEVICE", options->device, "Disk, slice or disk-image file")->required();
   command->add_flag("--json", options->json, "Print JSON (schema version 1)");
   command->callback([options, &status] {
+    const LibraryLog log;
     const Identity identity = identify(options->device);
     options->json ? printJson(options->device, identity) : printText(identity);
     status = kDone;

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/QDSDiskFunctions/Log.h>
 #include <Vorlix/QDSUtilities.h>
 
 #include <cstdio>
@@ -11,6 +10,7 @@
 #include "Commands.h"
 #include "Failure.h"
 #include "Files.h"
+#include "LibraryLog.h"
 
 namespace vorlix::tool {
 namespace {
@@ -39,7 +39,7 @@ void setUp(const LegacyBootOptions& options) {
     std::printf("%s is set up already (BOOT exists); nothing was copied\n", folder.c_str());
     return;
   }
-  const LogCapture log;
+  const LibraryLog log;
   const int result = QDSUtilities::setupMBRBootFilesForDevice(URL::fileURLWithPath(folder),
                                                               std::filesystem::absolute(options.store).string());
   std::printf("%s", log.text().c_str());

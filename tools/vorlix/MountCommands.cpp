@@ -8,6 +8,7 @@
 #include "Arbitration.h"
 #include "Commands.h"
 #include "Failure.h"
+#include "LibraryLog.h"
 
 namespace vorlix::tool {
 namespace {
@@ -36,6 +37,7 @@ void mountAndTell(const std::string& device, bool readWrite) {
 void unmountOrFail(const std::string& device) {
   const std::string name = bsdNameOf(device);
   if (!mountPointOf(name)) throw Failure(device, "not mounted", "nothing was changed");
+  const LibraryLog log;
   if (unmount_disk(name.c_str()) == 0) return;
   if (const std::optional<Dissenter> refusal = tryUnmount(name)) {
     throw Failure(device, reasonText(*refusal), "it stays mounted");
