@@ -194,6 +194,13 @@ TEST_F(PartitionNumberTest, NumberZeroInTheDeviceTreeCountsAsNotFound) {
   EXPECT_EQ(log(), std::string(kGetting) + "Found partition number: 0" + kGetting + "Found partition number: 4");
 }
 
+TEST_F(PartitionNumberTest, AnyOtherNumberInTheDeviceTreeIsTheAnswer) {
+  machine.addRegistryEntry("odd", "IOMedia", partition("disk0s3", -1), {{kDeviceTreePlane, root()}});
+  addService("four", partition("disk0s3", 4));
+  EXPECT_EQ(partitionForDeviceIdentifier("disk0s3"), -1);
+  EXPECT_EQ(log(), std::string(kGetting) + "Found partition number: -1");
+}
+
 TEST_F(PartitionNumberTest, UnknownNameIsZeroAfterBothPlanes) {
   addService("three", partition("disk0s3", 3));
   EXPECT_EQ(partitionForDeviceIdentifier("disk0s4"), 0);
