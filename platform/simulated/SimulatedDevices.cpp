@@ -52,11 +52,13 @@ std::string range(uint64_t offset, size_t count) {
 
 class SimulatedHandle final : public DeviceHandle {
  public:
-  SimulatedHandle(std::shared_ptr<SimulatedState> state, std::string name, DeviceAccess access)
+  SimulatedHandle(std::shared_ptr<SimulatedState> state, std::string name, DeviceAccess access,
+                  std::shared_ptr<const DeviceLock> lock)
       : state_(std::move(state)),
         name_(std::move(name)),
         window_(state_->device(name_)),
-        writable_(access == DeviceAccess::readWrite) {
+        writable_(access == DeviceAccess::readWrite),
+        lock_(std::move(lock)) {
     ++state_->openCount;
   }
   ~SimulatedHandle() override {
@@ -94,6 +96,7 @@ class SimulatedHandle final : public DeviceHandle {
       return -1;
     }
     --state_->openCount;
+    lock_.reset();
     return state_->note(Operation::close, name_, "") == 0 ? 0 : -1;
   }
 
@@ -102,6 +105,7 @@ class SimulatedHandle final : public DeviceHandle {
   std::string name_;
   SimulatedWindow window_;
   bool writable_;
+  std::shared_ptr<const DeviceLock> lock_;
   bool open_ = true;
 };
 
@@ -115,16 +119,28 @@ class SimulatedDeviceFile final : public DeviceFile {
     if (lock == DeviceLock::exclusive) detail += " exclusive";
     if (lock == DeviceLock::shared) detail += " shared";
     if (state_->note(Operation::open, name, detail, refusalOf(name, lock)) != 0) return nullptr;
-    return std::make_unique<SimulatedHandle>(state_, name, access);
+    return std::make_unique<SimulatedHandle>(state_, name, access, takeLock(name, lock));
   }
 
  private:
   int refusalOf(const std::string& name, DeviceLock lock) const {
     const auto device = state_->devices.find(name);
     if (device == state_->devices.end()) return ENOENT;
-    const DeviceLock elsewhere = state_->disks.at(device->second.disk).lockedElsewhere;
-    if (lock == DeviceLock::none || elsewhere == DeviceLock::none) return 0;
-    return lock == DeviceLock::shared && elsewhere == DeviceLock::shared ? 0 : EWOULDBLOCK;
+    if (lock == DeviceLock::none) return 0;
+    const SimulatedWhole& disk = state_->disks.at(device->second.disk);
+    const auto own = disk.ownLock.lock();
+    if (own && *own == DeviceLock::shared && lock == DeviceLock::exclusive) return EWOULDBLOCK;
+    if (disk.lockedElsewhere == DeviceLock::none) return 0;
+    return lock == DeviceLock::shared && disk.lockedElsewhere == DeviceLock::shared ? 0 : EWOULDBLOCK;
+  }
+
+  std::shared_ptr<const DeviceLock> takeLock(const std::string& name, DeviceLock lock) const {
+    if (lock == DeviceLock::none) return nullptr;
+    SimulatedWhole& disk = state_->disks.at(state_->device(name).disk);
+    if (auto own = disk.ownLock.lock()) return own;
+    auto taken = std::make_shared<const DeviceLock>(lock);
+    disk.ownLock = taken;
+    return taken;
   }
 
   std::shared_ptr<SimulatedState> state_;

@@ -25,6 +25,7 @@ struct SimulatedWhole {
   uint64_t size = 0;
   std::optional<uint32_t> blockSize;
   DeviceLock lockedElsewhere = DeviceLock::none;
+  std::weak_ptr<const DeviceLock> ownLock;  // shared by the handles that hold it
 };
 
 /// The bytes of a disk that a device name stands for.

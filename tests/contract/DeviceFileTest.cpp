@@ -319,6 +319,18 @@ TEST_P(DeviceFileContract, ASharedLockIsSharedWithinAProcessToo) {
   EXPECT_TRUE(open(world_->slice(1), DeviceAccess::readWrite, DeviceLock::shared));
 }
 
+TEST_P(DeviceFileContract, ASharedLockOfOnesOwnIsNotTurnedIntoAnExclusiveOne) {
+  const HangGuard guard;
+  {
+    const auto disk = open(world_->disk(), DeviceAccess::readWrite, DeviceLock::shared);
+    ASSERT_TRUE(disk);
+    errno = 0;
+    EXPECT_FALSE(open(world_->disk(), DeviceAccess::readWrite, DeviceLock::exclusive));
+    EXPECT_EQ(errno, EWOULDBLOCK);
+  }
+  EXPECT_TRUE(open(world_->disk(), DeviceAccess::readWrite, DeviceLock::exclusive));
+}
+
 INSTANTIATE_TEST_SUITE_P(Worlds, DeviceFileContract, testing::ValuesIn(allWorlds()), worldName);
 
 // --------------------------------------------------------------------------------------------------------- streams
