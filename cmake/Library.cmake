@@ -43,6 +43,12 @@ else()
        platform/linux/SyncDescriptor.cpp)
 endif()
 
+# The I/O registry.
+if(APPLE)
+  list(APPEND VORLIX_SOURCES
+       platform/macos/CFValue.cpp)
+endif()
+
 # Installed headers stand under one folder, <Vorlix/platform/...>; these links let the sources say the same.
 foreach(storey platform foundation)
   file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/include/Vorlix)
