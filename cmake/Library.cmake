@@ -46,7 +46,8 @@ endif()
 # The I/O registry.
 if(APPLE)
   list(APPEND VORLIX_SOURCES
-       platform/macos/CFValue.cpp)
+       platform/macos/CFValue.cpp
+       platform/macos/IORegistry.cpp)
 endif()
 
 # Installed headers stand under one folder, <Vorlix/platform/...>; these links let the sources say the same.
@@ -65,7 +66,8 @@ target_compile_features(vorlix_headers INTERFACE cxx_std_20)
 add_library(vorlix_objects OBJECT ${VORLIX_SOURCES})
 target_link_libraries(vorlix_objects PUBLIC vorlix_headers)
 if(APPLE)
-  target_link_libraries(vorlix_objects PUBLIC "-framework DiskArbitration" "-framework CoreFoundation")
+  target_link_libraries(vorlix_objects PUBLIC "-framework DiskArbitration" "-framework IOKit"
+                        "-framework CoreFoundation")
 endif()
 
 foreach(kind SHARED STATIC)
@@ -73,7 +75,8 @@ foreach(kind SHARED STATIC)
   add_library(vorlix_${suffix} ${kind} $<TARGET_OBJECTS:vorlix_objects>)
   target_link_libraries(vorlix_${suffix} PUBLIC vorlix_headers)
   if(APPLE)
-    target_link_libraries(vorlix_${suffix} PRIVATE "-framework DiskArbitration" "-framework CoreFoundation")
+    target_link_libraries(vorlix_${suffix} PRIVATE "-framework DiskArbitration" "-framework IOKit"
+                        "-framework CoreFoundation")
   endif()
   set_target_properties(vorlix_${suffix} PROPERTIES OUTPUT_NAME vorlix LINKER_LANGUAGE CXX)
 endforeach()

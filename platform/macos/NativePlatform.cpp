@@ -3,11 +3,16 @@
 
 #include "DeviceFile.h"
 #include "DiskArbitration.h"
+#include "IORegistry.h"
 
 namespace vorlix {
 
 Platform nativePlatform() {
-  return {std::make_shared<MacDeviceFile>(), std::make_shared<MacDiskArbitration>()};
+  Platform native;
+  native.deviceFile = std::make_shared<MacDeviceFile>();
+  native.diskArbitration = std::make_shared<MacDiskArbitration>();
+  native.ioRegistry = std::make_shared<MacIORegistry>();
+  return native;
 }
 
 }  // namespace vorlix
