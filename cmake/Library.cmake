@@ -48,7 +48,32 @@ if(APPLE)
   list(APPEND VORLIX_SOURCES
        platform/macos/CFValue.cpp
        platform/macos/IORegistry.cpp)
+else()
+  list(APPEND VORLIX_SOURCES
+       platform/linux/IORegistry.cpp
+       platform/linux/ImageDisk.cpp
+       platform/linux/ImageFiles.cpp
+       platform/linux/KernelDisks.cpp
+       platform/linux/PartitionTable.cpp
+       platform/linux/RegistryTree.cpp)
 endif()
+
+# What the adapters are linked with. On Linux these are pkg-config's names.
+set(VORLIX_MODULES)
+set(VORLIX_SYSTEM_INCLUDES)
+if(APPLE)
+  set(VORLIX_SYSTEM_LIBRARIES "-framework DiskArbitration" "-framework IOKit" "-framework CoreFoundation")
+else()
+  find_package(PkgConfig REQUIRED)
+  set(VORLIX_MODULES blkid)
+  set(VORLIX_SYSTEM_LIBRARIES)
+  foreach(module ${VORLIX_MODULES})
+    pkg_check_modules(${module} REQUIRED ${module})
+    list(APPEND VORLIX_SYSTEM_LIBRARIES ${${module}_LIBRARIES})
+    list(APPEND VORLIX_SYSTEM_INCLUDES ${${module}_INCLUDE_DIRS})
+  endforeach()
+endif()
+string(JOIN " " VORLIX_REQUIRES_PRIVATE ${VORLIX_MODULES})
 
 # Installed headers stand under one folder, <Vorlix/platform/...>; these links let the sources say the same.
 foreach(storey platform foundation)
@@ -64,20 +89,13 @@ target_include_directories(vorlix_headers INTERFACE
 target_compile_features(vorlix_headers INTERFACE cxx_std_20)
 
 add_library(vorlix_objects OBJECT ${VORLIX_SOURCES})
-target_link_libraries(vorlix_objects PUBLIC vorlix_headers)
-if(APPLE)
-  target_link_libraries(vorlix_objects PUBLIC "-framework DiskArbitration" "-framework IOKit"
-                        "-framework CoreFoundation")
-endif()
+target_link_libraries(vorlix_objects PUBLIC vorlix_headers ${VORLIX_SYSTEM_LIBRARIES})
+target_include_directories(vorlix_objects SYSTEM PRIVATE ${VORLIX_SYSTEM_INCLUDES})
 
 foreach(kind SHARED STATIC)
   string(TOLOWER ${kind} suffix)
   add_library(vorlix_${suffix} ${kind} $<TARGET_OBJECTS:vorlix_objects>)
-  target_link_libraries(vorlix_${suffix} PUBLIC vorlix_headers)
-  if(APPLE)
-    target_link_libraries(vorlix_${suffix} PRIVATE "-framework DiskArbitration" "-framework IOKit"
-                        "-framework CoreFoundation")
-  endif()
+  target_link_libraries(vorlix_${suffix} PUBLIC vorlix_headers PRIVATE ${VORLIX_SYSTEM_LIBRARIES})
   set_target_properties(vorlix_${suffix} PROPERTIES OUTPUT_NAME vorlix LINKER_LANGUAGE CXX)
 endforeach()
 set_target_properties(vorlix_shared PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}

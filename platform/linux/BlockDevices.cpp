@@ -12,6 +12,7 @@
 #include <system_error>
 
 #include "../posix/SliceName.h"
+#include "ImageFiles.h"
 
 namespace vorlix {
 namespace {
@@ -83,14 +84,20 @@ std::optional<DeviceLocation> locatePath(const std::string& path) {
   return found;
 }
 
-}  // namespace
-
-std::optional<DeviceLocation> locateDevice(const std::string& name) {
+std::optional<DeviceLocation> locateName(const std::string& name) {
   constexpr const char* kPrefixedPath = "/dev//";
   if (name.rfind(kPrefixedPath, 0) == 0) return locatePath(name.substr(std::strlen(kPrefixedPath) - 1));
   std::optional<DeviceLocation> found = locatePath(name);
   if (found || errno != ENOENT || name.empty() || name.find('/') != std::string::npos) return found;
   return locatePath("/dev/" + name);
+}
+
+}  // namespace
+
+std::optional<DeviceLocation> locateDevice(const std::string& name) {
+  std::optional<DeviceLocation> found = locateName(name);
+  if (found && found->isImage) noteImageFile(found->whole);
+  return found;
 }
 
 std::optional<uint32_t> kernelBlockSize(dev_t device) {

@@ -3,11 +3,16 @@
 
 #include "DeviceFile.h"
 #include "DiskArbitration.h"
+#include "IORegistry.h"
 
 namespace vorlix {
 
 Platform nativePlatform() {
-  return {std::make_shared<LinuxDeviceFile>(), std::make_shared<LinuxDiskArbitration>()};
+  Platform native;
+  native.deviceFile = std::make_shared<LinuxDeviceFile>();
+  native.diskArbitration = std::make_shared<LinuxDiskArbitration>();
+  native.ioRegistry = std::make_shared<LinuxIORegistry>();
+  return native;
 }
 
 }  // namespace vorlix

@@ -31,11 +31,6 @@ uint64_t littleEndian(const std::array<uint8_t, size>& bytes, size_t offset, siz
   return value;
 }
 
-bool hasHeaderAt(int descriptor, uint32_t offset) {
-  std::array<uint8_t, 8> signature;
-  return readWhole(descriptor, signature, offset) && std::memcmp(signature.data(), "EFI PART", 8) == 0;
-}
-
 std::optional<Extent> extentOf(uint64_t first, uint64_t count, uint32_t blockSize, uint64_t diskSize) {
   const uint64_t blocks = diskSize / blockSize;
   if (first == 0 || count == 0 || first >= blocks) return std::nullopt;
@@ -69,16 +64,21 @@ std::optional<Extent> mbrExtent(int descriptor, uint64_t diskSize, uint32_t bloc
 
 }  // namespace
 
+bool hasGPTHeader(int descriptor, uint32_t blockSize) {
+  std::array<uint8_t, 8> signature;
+  return readWhole(descriptor, signature, blockSize) && std::memcmp(signature.data(), "EFI PART", 8) == 0;
+}
+
 uint32_t imageBlockSize(int descriptor) {
   for (const uint32_t size : {512U, 4096U}) {
-    if (hasHeaderAt(descriptor, size)) return size;
+    if (hasGPTHeader(descriptor, size)) return size;
   }
   return 512;
 }
 
 std::optional<Extent> partitionExtent(int descriptor, uint64_t diskSize, uint32_t blockSize, uint32_t number) {
   if (number == 0 || blockSize == 0) return std::nullopt;
-  if (hasHeaderAt(descriptor, blockSize)) return gptExtent(descriptor, diskSize, blockSize, number);
+  if (hasGPTHeader(descriptor, blockSize)) return gptExtent(descriptor, diskSize, blockSize, number);
   return mbrExtent(descriptor, diskSize, blockSize, number);
 }
 

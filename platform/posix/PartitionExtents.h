@@ -17,6 +17,9 @@ namespace vorlix {
 /// Block size of a disk-image file: 512 or 4096, wherever its GPT header stands; 512 when it has none.
 uint32_t imageBlockSize(int descriptor);
 
+/// Whether a GPT header stands in its place, block 1.
+bool hasGPTHeader(int descriptor, uint32_t blockSize);
+
 /// Slice `number` (from 1) of a disk of `diskSize` bytes: of its GPT, else of its MBR (1 to 4). Cut at the end of the
 /// disk; absent when there is no such slice or it starts past the end.
 std::optional<Extent> partitionExtent(int descriptor, uint64_t diskSize, uint32_t blockSize, uint32_t number);

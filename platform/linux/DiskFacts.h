@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the I/O registry tells of a disk, whether the kernel knows it or it is an image file.
+#pragma once
+
+#include <Vorlix/foundation/UUID.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "../posix/FileHandle.h"
+
+namespace vorlix {
+
+struct SliceFacts {
+  uint32_t number = 0;
+  std::string bsdName;
+  Extent extent;  ///< bytes on the whole disk
+  bool writable = false;
+  std::optional<UUID> uuid;  ///< GPT partitions only
+  std::string content;       ///< GPT type in upper case, MBR type as in "0x07"; empty where it is not known
+};
+
+struct DiskFacts {
+  std::string bsdName;
+  std::string location;            ///< tells devices of one name apart in registry paths
+  std::optional<bool> rotational;  ///< of the medium
+  std::optional<std::string> product;
+  std::optional<std::string> vendor;
+  bool hasMedium = true;  ///< without one, only the device is there: nothing of what follows
+  uint64_t size = 0;      ///< bytes
+  uint32_t blockSize = 512;
+  bool removable = false;
+  bool writable = false;
+  std::string content;       ///< "GUID_partition_scheme", "FDisk_partition_scheme" or empty
+  std::optional<UUID> uuid;  ///< disk GUID of the GPT
+  std::vector<SliceFacts> slices;
+};
+
+}  // namespace vorlix

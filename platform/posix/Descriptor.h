@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Ownership of a file descriptor.
+#pragma once
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace vorlix {
+
+/// Closes its descriptor at the end of its life, with `errno` left as it was.
+class Descriptor {
+ public:
+  Descriptor() = default;
+  explicit Descriptor(int number) : number_(number) {}
+  ~Descriptor() { reset(); }
+  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    if (this != &other) {
+      reset();
+      number_ = std::exchange(other.number_, -1);
+    }
+    return *this;
+  }
+
+  explicit operator bool() const { return number_ >= 0; }
+  int get() const { return number_; }
+  int release() { return std::exchange(number_, -1); }
+
+  void reset() {
+    if (number_ < 0) return;
+    const int reason = errno;
+    ::close(std::exchange(number_, -1));
+    errno = reason;
+  }
+
+ private:
+  int number_ = -1;
+};
+
+}  // namespace vorlix
