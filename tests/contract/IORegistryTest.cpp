@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The simulated machine keeps to the contract of the I/O registry.
+#include "IORegistryContract.h"
+
+#include <Vorlix/platform/simulated/SimulatedMachine.h>
+
+namespace vorlix::test {
+namespace {
+
+constexpr const char* kSliceUUID = "00112233-4455-6677-8899-AABBCCDDEEFF";
+
+RegistryMachine simulated() {
+  const auto machine = std::make_shared<SimulatedMachine>();
+  const auto under = [](std::optional<RegistryEntryID> parent) {
+    return std::map<std::string, std::optional<RegistryEntryID>>{{kServicePlane, parent}, {kDeviceTreePlane, parent}};
+  };
+  const RegistryEntryID root = machine->addRegistryEntry("Root", "IORegistryEntry", {}, under(std::nullopt));
+  const RegistryEntryID expert = machine->addRegistryEntry("Mac", "IOPlatformExpertDevice", {}, under(root));
+  Dictionary whole;
+  whole.set("BSD Name", std::string("disk0"));
+  whole.set("Whole", true);
+  const RegistryEntryID disk = machine->addRegistryEntry("Disk Media", "IOMedia", whole, under(expert));
+  Dictionary slice;
+  slice.set("BSD Name", std::string("disk0s3"));
+  slice.set("Whole", false);
+  slice.set("Partition ID", int64_t{3});
+  slice.set("UUID", std::string(kSliceUUID));
+  slice.set("Base", int64_t{20480});
+  machine->addRegistryEntry("Untitled 3", "IOMedia", slice, under(disk));
+  return {machine, machine->platform().ioRegistry, "disk0", "disk0s3", 3, kSliceUUID, 20480};
+}
+
+INSTANTIATE_TEST_SUITE_P(Simulated, IORegistryContract, testing::Values(RegistryCase{"Machine", simulated}), caseName);
+
+}  // namespace
+}  // namespace vorlix::test
