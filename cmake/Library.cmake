@@ -59,7 +59,6 @@ else()
 endif()
 
 # What the adapters are linked with. On Linux these are pkg-config's names.
-set(VORLIX_MODULES)
 set(VORLIX_SYSTEM_INCLUDES)
 if(APPLE)
   set(VORLIX_SYSTEM_LIBRARIES "-framework DiskArbitration" "-framework IOKit" "-framework CoreFoundation")
@@ -73,7 +72,6 @@ else()
     list(APPEND VORLIX_SYSTEM_INCLUDES ${${module}_INCLUDE_DIRS})
   endforeach()
 endif()
-string(JOIN " " VORLIX_REQUIRES_PRIVATE ${VORLIX_MODULES})
 
 # Installed headers stand under one folder, <Vorlix/platform/...>; these links let the sources say the same.
 foreach(storey platform foundation)
