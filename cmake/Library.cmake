@@ -9,6 +9,7 @@ set(VORLIX_SOURCES
     Vorlix/QDSDiskFunctions/PartitionTables.cpp
     Vorlix/QDSDiskFunctions/StoreSlots.cpp
     Vorlix/Vorlix_vers.cpp
+    foundation/UUID.cpp
     platform/Platform.cpp
     platform/posix/FileHandle.cpp
     platform/posix/PartitionExtents.cpp)
@@ -58,13 +59,40 @@ else()
        platform/linux/RegistryTree.cpp)
 endif()
 
+# Run loop, mounting and file copies.
+if(APPLE)
+  list(APPEND VORLIX_SOURCES
+       platform/macos/FileCopy.cpp
+       platform/macos/RunLoop.cpp)
+else()
+  list(APPEND VORLIX_SOURCES
+       platform/linux/Command.cpp
+       platform/linux/DeviceFacts.cpp
+       platform/linux/DiskDescription.cpp
+       platform/linux/Dissenters.cpp
+       platform/linux/FatLayout.cpp
+       platform/linux/FileCopy.cpp
+       platform/linux/KernelMount.cpp
+       platform/linux/MirrorChanges.cpp
+       platform/linux/MirrorState.cpp
+       platform/linux/MirrorTree.cpp
+       platform/linux/MirroredVolume.cpp
+       platform/linux/MountFolders.cpp
+       platform/linux/MountTable.cpp
+       platform/linux/Mounting.cpp
+       platform/linux/Mtools.cpp
+       platform/linux/OpenedDevice.cpp
+       platform/linux/RunLoop.cpp
+       platform/linux/VolumeProbe.cpp)
+endif()
+
 # What the adapters are linked with. On Linux these are pkg-config's names.
 set(VORLIX_SYSTEM_INCLUDES)
 if(APPLE)
   set(VORLIX_SYSTEM_LIBRARIES "-framework DiskArbitration" "-framework IOKit" "-framework CoreFoundation")
 else()
   find_package(PkgConfig REQUIRED)
-  set(VORLIX_MODULES blkid)
+  set(VORLIX_MODULES blkid mount)
   set(VORLIX_SYSTEM_LIBRARIES)
   foreach(module ${VORLIX_MODULES})
     pkg_check_modules(${module} REQUIRED ${module})
