@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "DeviceFacts.h"
+
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+
+#include "ImageFiles.h"
+#include "SystemFiles.h"
+
+namespace vorlix {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kSysfs = "/sys";
+
+std::optional<fs::path> sysfsFolder(dev_t device) {
+  std::error_code error;
+  const std::string number = std::to_string(major(device)) + ":" + std::to_string(minor(device));
+  fs::path folder = fs::canonical(fs::path(kSysfs) / "dev/block" / number, error);
+  if (error) return std::nullopt;
+  return folder;
+}
+
+std::optional<fs::path> sysfsFolder(const std::string& node) {
+  struct stat status = {};
+  if (stat(node.c_str(), &status) != 0 || !S_ISBLK(status.st_mode)) return std::nullopt;
+  return sysfsFolder(status.st_rdev);
+}
+
+// Kernel names write the "/" of a node in a sub-folder as "!".
+std::string nameOf(const fs::path& folder) {
+  std::string name = folder.filename().string();
+  std::replace(name.begin(), name.end(), '!', '/');
+  return name;
+}
+
+// Buses know of a port whether what is in it is built in.
+std::optional<bool> internalByPath(const fs::path& folder) {
+  const std::string path = folder.string();
+  if (path.rfind("/sys/devices/virtual/block/loop", 0) == 0) return false;
+  if (path.rfind("/sys/devices/virtual/", 0) == 0) return std::nullopt;  // of which disks it is made is not looked up
+  for (fs::path above = folder.parent_path(); above.string().size() > std::string_view("/sys/devices").size();
+       above = above.parent_path()) {
+    const std::optional<std::string> place = readTrimmed(above / "removable");
+    if (place == "removable") return false;
+    if (place == "fixed") return true;
+  }
+  return path.find("/usb") == std::string::npos && path.find("/fw") == std::string::npos;
+}
+
+std::optional<int64_t> numberFrom(std::string_view digits) {
+  int64_t number = 0;
+  const auto [stop, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  if (error != std::errc() || stop == digits.data()) return std::nullopt;
+  return number;
+}
+
+}  // namespace
+
+std::optional<std::string> bsdNameOf(const DeviceLocation& location) {
+  std::string name;
+  if (location.isImage) {
+    name = imageBSDName(location.whole);
+  } else {
+    const std::optional<fs::path> folder = sysfsFolder(location.node);
+    if (!folder) return std::nullopt;
+    name = nameOf(*folder);
+  }
+  return location.hasOwnNode() ? name : name + "s" + std::to_string(location.slice);
+}
+
+std::optional<std::string> nodeOfDevice(dev_t device) {
+  const std::optional<fs::path> folder = sysfsFolder(device);
+  if (!folder) return std::nullopt;
+  return "/dev/" + nameOf(*folder);
+}
+
+bool isReadOnlyMedium(const DeviceLocation& location) {
+  if (location.isImage) return access(location.whole.c_str(), W_OK) != 0;
+  const std::optional<fs::path> folder = sysfsFolder(location.node);
+  return folder && readFlag(*folder / "ro") == true;
+}
+
+std::optional<bool> isInternalDevice(const DeviceLocation& location) {
+  if (location.isImage) return false;
+  const std::optional<fs::path> folder = sysfsFolder(location.whole);
+  return folder ? internalByPath(*folder) : std::nullopt;
+}
+
+std::optional<int64_t> unitOfKernelName(const std::string& name) {
+  for (const std::string_view letters : {"sd", "vd", "hd", "xvd"}) {
+    if (name.rfind(letters, 0) != 0 || name.size() == letters.size()) continue;
+    int64_t unit = 0;  // a, b, ... z, aa, ab: a number to the base of 26 without a zero
+    for (const char letter : name.substr(letters.size())) {
+      if (letter < 'a' || letter > 'z' || unit > 1000000) return std::nullopt;
+      unit = unit * 26 + (letter - 'a' + 1);
+    }
+    return unit - 1;
+  }
+  const size_t digit = name.find_first_of("0123456789");
+  if (digit == std::string::npos) return std::nullopt;
+  return numberFrom(std::string_view(name).substr(digit));
+}
+
+}  // namespace vorlix

@@ -1,0 +1,154 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "DiskDescription.h"
+
+#include <Vorlix/platform/DiskArbitration.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "DeviceFacts.h"
+#include "DiskFacts.h"
+#include "IORegistry.h"
+#include "ImageDisk.h"
+#include "KernelDisks.h"
+#include "Mounting.h"
+#include "OpenedDevice.h"
+#include "SystemFiles.h"
+#include "VolumeProbe.h"
+
+namespace vorlix {
+namespace {
+
+template <typename Type>
+void setIfKnown(Dictionary& description, const char* key, const std::optional<Type>& value) {
+  if (value) description.set(key, *value);
+}
+
+int64_t asInteger(uint64_t number) {
+  return static_cast<int64_t>(number);
+}
+
+std::optional<DiskFacts> diskFactsOf(const DeviceLocation& location) {
+  if (location.isImage) return imageDisk("", location.whole);
+  const std::optional<std::string> name = bsdNameOf({location.whole, location.whole, 0, false});
+  return name ? kernelDiskOf("", *name) : std::nullopt;
+}
+
+void describeDrive(const DeviceLocation& location, const std::optional<DiskFacts>& disk, Dictionary& description) {
+  const std::optional<bool> isInternal = isInternalDevice(location);
+  setIfKnown(description, kDescriptionDeviceInternal, isInternal);
+  if (disk && !location.isImage) setIfKnown(description, kDescriptionDeviceUnit, unitOfKernelName(disk->bsdName));
+  std::optional<bool> isRemovable;
+  if (location.isImage) {
+    isRemovable = true;  // as with a disk in a drive of its own
+  } else if (disk) {
+    isRemovable = disk->removable;
+  }
+  setIfKnown(description, kDescriptionMediaRemovable, isRemovable);
+  // What can be unplugged can be ejected, though its medium stays in its case.
+  const bool isExternal = isInternal == false;
+  if (isRemovable || isExternal) {
+    description.set(kDescriptionMediaEjectable, isExternal || isRemovable.value_or(false));
+  }
+  description.set(kDescriptionMediaWritable, !isReadOnlyMedium(location));
+}
+
+void describeMedium(const DeviceLocation& location, const std::optional<DiskFacts>& disk, Dictionary& description) {
+  if (!disk) return;
+  if (location.slice == 0) {
+    if (disk->hasMedium) description.set(kDescriptionMediaSize, asInteger(disk->size));
+    if (!disk->content.empty()) description.set(kDescriptionMediaContent, disk->content);
+    setIfKnown(description, kDescriptionMediaName, disk->product);
+    return;
+  }
+  const auto slice = std::find_if(disk->slices.begin(), disk->slices.end(),
+                                  [&](const SliceFacts& facts) { return facts.number == location.slice; });
+  if (slice == disk->slices.end()) return;
+  description.set(kDescriptionMediaSize, asInteger(slice->extent.size));
+  if (!slice->content.empty()) description.set(kDescriptionMediaContent, slice->content);
+  setIfKnown(description, kDescriptionMediaUUID, slice->uuid);
+  const auto whole = openLocation({location.whole, location.whole, 0, location.isImage}, O_RDONLY);
+  if (!whole) return;
+  setIfKnown(description, kDescriptionMediaName,
+             probePartitionName(whole->descriptor.get(), whole->blockSize, location.slice));
+}
+
+// The registry has the medium above its device, and a slice above the medium of its disk.
+void describePaths(const DeviceLocation& location, Dictionary& description) {
+  RegistryMatching matching;
+  matching.bsdName = bsdNameOf(location);
+  if (!matching.bsdName) return;
+  std::shared_ptr<RegistryIterator> services;
+  LinuxIORegistry().matchingServices(0, matching, services);
+  std::shared_ptr<RegistryEntry> entry = services ? services->next() : nullptr;
+  if (!entry) return;
+  std::string path;
+  if (entry->path(kServicePlane, path) == kKernSuccess) description.set(kDescriptionMediaPath, path);
+  for (int step = location.slice == 0 ? 1 : 2; step > 0; --step) {
+    std::shared_ptr<RegistryEntry> above;
+    if (entry->parent(kServicePlane, above) != kKernSuccess || !above) return;
+    entry = above;
+  }
+  if (entry->path(kServicePlane, path) == kKernSuccess) description.set(kDescriptionDevicePath, path);
+}
+
+void describeBlockSize(const DeviceLocation& location, const std::optional<OpenedDevice>& device,
+                       Dictionary& description) {
+  std::optional<uint32_t> size;
+  struct stat status = {};
+  if (device) {
+    size = device->blockSize;
+  } else if (!location.isImage && stat(location.node.c_str(), &status) == 0) {
+    size = kernelBlockSize(status.st_rdev);
+  }
+  if (size) description.set(kDescriptionMediaBlockSize, int64_t{*size});
+}
+
+std::optional<VolumeFacts> volumeFactsOf(const DeviceLocation& location, const std::optional<OpenedDevice>& device) {
+  if (device) return probeVolume(device->descriptor.get(), device->window);
+  struct stat status = {};
+  if (location.isImage || stat(location.node.c_str(), &status) != 0) return std::nullopt;
+  const std::string number = std::to_string(major(status.st_rdev)) + ":" + std::to_string(minor(status.st_rdev));
+  return volumeInUdevRecord(readUdevRecord("/run/udev/data/b" + number));
+}
+
+void describeVolume(const DeviceLocation& location, const std::optional<OpenedDevice>& device,
+                    Dictionary& description) {
+  const std::optional<VolumePlace> place = volumePlaceOf(location, device);
+  if (place) description.set(kDescriptionVolumePath, URL::fileURLWithPath(place->path));
+  const std::optional<VolumeFacts> facts = volumeFactsOf(location, device);
+  std::optional<std::string> kind;
+  if (facts) {
+    kind = facts->kind;
+    setIfKnown(description, kDescriptionVolumeName, facts->label);
+    setIfKnown(description, kDescriptionVolumeUUID, facts->uuid);
+  } else if (place) {
+    kind = volumeKindOf(place->fileSystem);
+  }
+  setIfKnown(description, kDescriptionVolumeKind, kind);
+  setIfKnown(description, kDescriptionVolumeType, kind);
+  if (device || facts || place) description.set(kDescriptionVolumeMountable, facts || place);
+}
+
+}  // namespace
+
+Dictionary describeDisk(const DeviceLocation& location) {
+  Dictionary description;
+  setIfKnown(description, kDescriptionMediaBSDName, bsdNameOf(location));
+  description.set(kDescriptionMediaWhole, location.slice == 0);
+  const std::optional<DiskFacts> disk = diskFactsOf(location);
+  describeDrive(location, disk, description);
+  describeMedium(location, disk, description);
+  describePaths(location, description);
+  const std::optional<OpenedDevice> device = openLocation(location, O_RDONLY);
+  describeBlockSize(location, device, description);
+  describeVolume(location, device, description);
+  return description;
+}
+
+}  // namespace vorlix
