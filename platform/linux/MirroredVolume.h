@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// FAT volumes that the kernel cannot mount, or that the user may not have mounted: their files are copied into a
+// private folder, the mirror, which is the mount point until what was changed in it is written back.
+//
+// Of a file the mirror holds the content and the time of modification. Attributes (read-only, hidden, system) stay on
+// the volume and are kept when the file is written back; modes, owners and times of folders in the mirror are not
+// written back.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "BlockDevices.h"
+#include "Dissenters.h"
+#include "MirrorState.h"
+#include "OpenedDevice.h"
+
+namespace vorlix {
+
+/// Makes a mirror of the FAT volume in the window of `device` in a new folder called `name`.
+Refusal mountMirror(const DeviceLocation& location, const OpenedDevice& device, const std::string& name, bool readOnly);
+
+/// Writes the changes in a mirror back to its volume and removes the mirror.
+///
+/// Every file that is written is read back and compared, then the device is synced, and only then the mirror goes. It
+/// stays where a request is refused: with kDissentBusy when a file in it is open or the device is locked, with
+/// kDissentError when someone else has changed the volume since. A volume whose mirror has no changes is not opened for
+/// writing at all.
+Refusal unmountMirror(const DeviceLocation& location, const std::string& key);
+
+}  // namespace vorlix
