@@ -2,55 +2,152 @@
 #include "DiskArbitration.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
+#include <cerrno>
+#include <deque>
+#include <map>
+#include <string_view>
 #include <utility>
 
-#include "../posix/PartitionExtents.h"
 #include "BlockDevices.h"
+#include "DeviceFacts.h"
+#include "DiskDescription.h"
+#include "Mounting.h"
+#include "OpenedDevice.h"
+#include "RunLoop.h"
 
 namespace vorlix {
 namespace {
 
-std::optional<uint32_t> blockSizeOfImage(const std::string& path) {
-  const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (descriptor < 0) return std::nullopt;
-  const uint32_t size = imageBlockSize(descriptor);
-  close(descriptor);
-  return size;
-}
+/// The requests of a session. Each is carried out on the run loop that the session is scheduled on; what the session
+/// leaves behind when it ends is carried out then, and a request that comes later at once, without its completion.
+class Requests final : public RunLoopSource {
+ public:
+  using Work = std::function<Refusal()>;
 
-std::optional<uint32_t> blockSizeOfDevice(const std::string& node) {
-  struct stat status = {};
-  if (stat(node.c_str(), &status) != 0) return std::nullopt;
-  return kernelBlockSize(status.st_rdev);
-}
+  void add(Work work, DiskCompletion completion) {
+    if (ended_) {
+      static_cast<void>(work());
+      return;
+    }
+    waiting_.push_back({std::move(work), std::move(completion)});
+  }
+
+  void end() {
+    ended_ = true;
+    while (!waiting_.empty()) static_cast<void>(takeFirst().work());
+  }
+
+  bool isPending() const override { return !waiting_.empty(); }
+
+  void handle() override {
+    const Request request = takeFirst();
+    const Refusal refusal = request.work();
+    if (request.completion) request.completion(refusal);
+  }
+
+ private:
+  struct Request {
+    Work work;
+    DiskCompletion completion;
+  };
+
+  Request takeFirst() {
+    Request request = std::move(waiting_.front());
+    waiting_.pop_front();
+    return request;
+  }
+
+  std::deque<Request> waiting_;
+  bool ended_ = false;
+};
 
 class LinuxDisk final : public Disk {
  public:
-  explicit LinuxDisk(std::string name) : name_(std::move(name)) {}
+  /// `name` finds the device from whatever folder is the current one.
+  LinuxDisk(std::string name, std::shared_ptr<Requests> requests)
+      : name_(std::move(name)), requests_(std::move(requests)) {}
+
+  static std::shared_ptr<LinuxDisk> named(const std::string& name, const std::shared_ptr<Requests>& requests);
+
+  std::optional<std::string> bsdName() override {
+    const std::optional<DeviceLocation> location = locateDevice(name_);
+    return location ? bsdNameOf(*location) : std::nullopt;
+  }
 
   std::optional<Dictionary> copyDescription() override {
     const std::optional<DeviceLocation> location = locateDevice(name_);
     if (!location) return std::nullopt;
-    Dictionary description;
-    const std::optional<uint32_t> blockSize =
-        location->isImage ? blockSizeOfImage(location->whole) : blockSizeOfDevice(location->whole);
-    if (blockSize) description.set(kDescriptionMediaBlockSize, int64_t{*blockSize});
-    return description;
+    return describeDisk(*location);
+  }
+
+  std::shared_ptr<Disk> wholeDisk() override {
+    const std::optional<DeviceLocation> location = locateDevice(name_);
+    return location ? named(location->whole, requests_) : nullptr;
+  }
+
+  void mount(const std::vector<std::string>& arguments, DiskCompletion completion) override {
+    requests_->add([name = name_, arguments] { return mountVolume(name, arguments); }, std::move(completion));
+  }
+
+  void unmount(DiskCompletion completion) override {
+    requests_->add([name = name_] { return unmountVolume(name); }, std::move(completion));
   }
 
  private:
   std::string name_;
+  std::shared_ptr<Requests> requests_;
 };
+
+// A slice without a node of its own is there if the partition table says so. Where the table cannot be read the name is
+// taken at its word; only what needs the bytes then fails.
+bool isThere(const DeviceLocation& location) {
+  return location.hasOwnNode() || openLocation(location, O_RDONLY) || errno == EACCES || errno == EPERM;
+}
+
+std::shared_ptr<LinuxDisk> LinuxDisk::named(const std::string& name, const std::shared_ptr<Requests>& requests) {
+  const std::optional<DeviceLocation> location = locateDevice(name);
+  if (!location || !isThere(*location)) return nullptr;
+  const std::optional<std::string> bsdName = location->isImage ? bsdNameOf(*location) : std::nullopt;
+  return std::make_shared<LinuxDisk>(bsdName.value_or(name), requests);
+}
 
 class LinuxSession final : public DiskArbitrationSession {
  public:
-  std::shared_ptr<Disk> diskFromBSDName(const std::string& name) override {
-    if (!locateDevice(name)) return nullptr;
-    return std::make_shared<LinuxDisk>(name);
+  ~LinuxSession() override {
+    for (const Place& place : places_) {
+      if (const auto loop = place.loop.lock()) loop->remove(place.mode, requests_);
+    }
+    requests_->end();
   }
+
+  std::shared_ptr<Disk> diskFromBSDName(const std::string& name) override { return LinuxDisk::named(name, requests_); }
+
+  std::shared_ptr<Disk> diskFromVolumePath(const URL& path) override {
+    const std::optional<std::string> device = deviceMountedAt(path.path());
+    return device ? LinuxDisk::named(*device, requests_) : nullptr;
+  }
+
+  void schedule(RunLoop& loop, const std::string& mode) override {
+    auto& own = static_cast<LinuxRunLoop&>(loop);
+    own.add(mode, requests_);
+    places_.push_back({own.weak_from_this(), mode});
+  }
+
+  void unschedule(RunLoop& loop, const std::string& mode) override {
+    auto& own = static_cast<LinuxRunLoop&>(loop);
+    own.remove(mode, requests_);
+    std::erase_if(places_, [&](const Place& place) { return place.mode == mode && place.loop.lock().get() == &own; });
+  }
+
+ private:
+  struct Place {
+    std::weak_ptr<LinuxRunLoop> loop;
+    std::string mode;
+  };
+
+  std::shared_ptr<Requests> requests_ = std::make_shared<Requests>();
+  std::vector<Place> places_;
 };
 
 }  // namespace

@@ -5,7 +5,8 @@
 
 namespace vorlix {
 
-/// Disks as the kernel's block devices and as disk-image files.
+/// Disks as the kernel's block devices and as disk-image files. Sessions are scheduled on run loops of LinuxRunLoops.
+/// Requests are carried out on the calling thread while its loop runs.
 class LinuxDiskArbitration final : public DiskArbitration {
  public:
   std::shared_ptr<DiskArbitrationSession> createSession() override;

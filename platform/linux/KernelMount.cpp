@@ -1,0 +1,178 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "KernelMount.h"
+
+#include <libmount/libmount.h>
+
+#include <cerrno>
+#include <memory>
+#include <vector>
+
+#include "MountTable.h"
+
+namespace vorlix {
+namespace {
+
+struct ContextDeleter {
+  void operator()(libmnt_context* context) const { mnt_free_context(context); }
+};
+using Context = std::unique_ptr<libmnt_context, ContextDeleter>;
+
+// Exit statuses of ntfs-3g, as ntfs-3g.probe(8) lists them.
+constexpr int kNTFSHibernated = 14;
+constexpr int kNTFSUnclean = 15;
+constexpr int kNTFSInUse = 16;
+constexpr int kNTFSNoPrivilege = 20;
+constexpr int kNTFSNotRoot = 21;
+
+constexpr const char* kUncleanNTFS =
+    "the NTFS volume is hibernated or was not unmounted cleanly; shut Windows down completely (without fast start-up) "
+    "before it is mounted for writing";
+
+// File systems to try for a kind of volume, by their names for mount helpers and the kernel.
+std::vector<std::string> driversFor(const std::string& kind) {
+  if (kind == "msdos") return {"vfat"};
+  if (kind == "ntfs") return {"ntfs-3g", "ntfs3", "ntfs"};
+  if (kind == "exfat") return {"exfat", "exfat-fuse"};
+  if (kind == "hfs") return {"hfsplus", "hfs"};
+  return {kind};
+}
+
+std::string optionsFor(const KernelMountRequest& request) {
+  std::string options = "nosuid,nodev";
+  if (request.readWrite) options += ",rw";
+  if (request.readOnly) options += ",ro";
+  if (request.noBrowse) options += ",x-gvfs-hide";
+  if (request.loop) {
+    options += ",loop,offset=" + std::to_string(request.loop->offset);
+    options += ",sizelimit=" + std::to_string(request.loop->size);
+  }
+  return options;
+}
+
+int errorOfLibrary(int code) {
+  switch (code) {
+    case MNT_ERR_NOFSTYPE:
+    case MNT_ERR_AMBIFS:
+      return ENODEV;
+    case MNT_ERR_LOOPOVERLAP:
+    case MNT_ERR_LOCK:
+      return EBUSY;
+    case MNT_ERR_MOUNTOPT:
+      return EINVAL;
+    case MNT_ERR_LOOPDEV:
+      return errno != 0 ? errno : ENXIO;
+    default:
+      return code;
+  }
+}
+
+// What an attempt came to: the error number, or the exit status of the helper that the library ran.
+struct Outcome {
+  int error = 0;
+  bool byHelper = false;
+  std::string text;
+};
+
+Outcome outcomeOf(libmnt_context* context, int result) {
+  Outcome outcome;
+  if (result == 0) return outcome;
+  const int reason = errno;
+  char text[1024] = "";
+  mnt_context_get_excode(context, result, text, sizeof text);
+  outcome.text = text;
+  if (mnt_context_helper_executed(context) == 1) {
+    outcome.byHelper = true;
+    outcome.error = mnt_context_get_helper_status(context);
+  } else if (mnt_context_syscall_called(context) == 1) {
+    outcome.error = mnt_context_get_syscall_errno(context);
+  } else {
+    errno = reason;
+    outcome.error = errorOfLibrary(result < 0 ? -result : result);
+  }
+  return outcome;
+}
+
+Dissenter helperDissenter(const KernelMountRequest& request, const Outcome& outcome) {
+  if (request.kind == "ntfs") {
+    switch (outcome.error) {
+      case kNTFSHibernated:
+      case kNTFSUnclean:
+        return {kDissentNotWritable, kUncleanNTFS};
+      case kNTFSInUse:
+        return {kDissentBusy, request.source + " is in use"};
+      case kNTFSNoPrivilege:
+      case kNTFSNotRoot:
+        return {kDissentNotPrivileged, "only the super-user can mount " + request.source};
+      default:
+        break;
+    }
+  }
+  return {kDissentError, "the mount helper for " + request.kind + " failed on " + request.source + " with status " +
+                             std::to_string(outcome.error)};
+}
+
+Dissenter mountDissenter(const KernelMountRequest& request, const Outcome& outcome) {
+  if (outcome.byHelper) return helperDissenter(request, outcome);
+  // mount(2) answers EINVAL for a superblock that the driver does not like.
+  Dissenter dissenter = dissenterFor(outcome.error == EINVAL ? EUCLEAN : outcome.error, request.source);
+  if (!outcome.text.empty()) dissenter.text = request.source + ": " + outcome.text;
+  if (request.kind == "ntfs" && outcome.error == EINVAL)
+    dissenter.text += " (perhaps " + std::string(kUncleanNTFS) + ")";
+  return dissenter;
+}
+
+Outcome mountAs(const KernelMountRequest& request, const std::string& driver) {
+  const Context context(mnt_new_context());
+  if (!context) return {ENOMEM, false, ""};
+  mnt_context_set_optsmode(context.get(), MNT_OMODE_NOTAB);
+  mnt_context_set_fstype(context.get(), driver.c_str());
+  mnt_context_set_source(context.get(), request.source.c_str());
+  mnt_context_set_target(context.get(), request.folder.c_str());
+  mnt_context_set_options(context.get(), optionsFor(request).c_str());
+  if (request.readWrite) mnt_context_enable_rwonly_mount(context.get(), 1);
+  errno = 0;
+  return outcomeOf(context.get(), mnt_context_mount(context.get()));
+}
+
+}  // namespace
+
+Refusal mountByKernel(const KernelMountRequest& request) {
+  if (request.readOnly && request.readWrite) return dissenterFor(EROFS, request.source);
+  Refusal refusal;
+  for (const std::string& driver : driversFor(request.kind)) {
+    const Outcome outcome = mountAs(request, driver);
+    if (outcome.error == 0) {
+      refusal.reset();
+      break;
+    }
+    // A driver that is there and refuses tells more than one that is missing.
+    if (!refusal || outcome.error != ENODEV) refusal = mountDissenter(request, outcome);
+    const bool tryOther = !outcome.byHelper && (outcome.error == ENODEV || outcome.error == EINVAL);
+    if (!tryOther) break;
+  }
+  if (refusal) return refusal;
+
+  const std::optional<MountPoint> mounted = mountAt(request.folder);
+  if (!mounted) return Dissenter{kDissentError, request.source + " did not show up in " + request.folder};
+  if (!request.readWrite || !mounted->isReadOnly) return std::nullopt;
+  // A driver that mounts read-only what it is not sure of.
+  if (Refusal stuck = unmountByKernel(request.folder)) return stuck;
+  if (request.kind == "ntfs") return Dissenter{kDissentNotWritable, kUncleanNTFS};
+  return Dissenter{kDissentNotWritable, request.source + " can be mounted read-only only"};
+}
+
+Refusal unmountByKernel(const std::string& path) {
+  const Context context(mnt_new_context());
+  if (!context) return dissenterFor(ENOMEM, path);
+  mnt_context_set_target(context.get(), path.c_str());
+  errno = 0;
+  const Outcome outcome = outcomeOf(context.get(), mnt_context_umount(context.get()));
+  if (outcome.error == 0) return std::nullopt;
+  if (outcome.byHelper) {
+    return Dissenter{kDissentError, path + ": the unmount helper failed with status " + std::to_string(outcome.error)};
+  }
+  if (outcome.error == EINVAL) return Dissenter{kDissentNotMounted, path + " is not mounted"};
+  return dissenterFor(outcome.error, path);
+}
+
+}  // namespace vorlix

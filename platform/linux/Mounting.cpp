@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Mounting.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "DeviceFacts.h"
+#include "KernelMount.h"
+#include "MirrorState.h"
+#include "MirroredVolume.h"
+#include "MountFolders.h"
+#include "MountTable.h"
+#include "VolumeProbe.h"
+
+namespace vorlix {
+namespace {
+
+constexpr mode_t kFolderMode = 0755;
+constexpr uint32_t kMostSlices = 128;
+
+struct MountOptions {
+  bool readWrite = false;
+  bool noBrowse = false;
+};
+
+Refusal parseArguments(const std::vector<std::string>& arguments, MountOptions& options) {
+  for (const std::string& argument : arguments) {
+    if (argument == "rw") {
+      options.readWrite = true;
+    } else if (argument == "nobrowse") {
+      options.noBrowse = true;
+    } else {
+      return Dissenter{kDissentBadArgument, "unknown mount argument \"" + argument + "\""};
+    }
+  }
+  return std::nullopt;
+}
+
+std::string folderNameFor(const DeviceLocation& location, const VolumeFacts& facts) {
+  std::string name = safeFolderName(facts.label.value_or(""));
+  if (name.empty()) {
+    const std::string device = bsdNameOf(location).value_or("volume");
+    name = safeFolderName(device.substr(device.rfind('/') + 1));
+  }
+  return name;
+}
+
+Refusal mountWithKernel(const DeviceLocation& location, const OpenedDevice& device, const VolumeFacts& facts,
+                        const MountOptions& options) {
+  KernelMountRequest request;
+  request.source = location.node;
+  if (location.isImage || !location.hasOwnNode()) request.loop = device.window;
+  request.kind = facts.kind;
+  request.readOnly = isReadOnlyMedium(location);
+  request.readWrite = options.readWrite;
+  request.noBrowse = options.noBrowse;
+  if (Refusal refusal = makeMountFolder(folderNameFor(location, facts), kFolderMode, request.folder)) return refusal;
+  Refusal refusal = mountByKernel(request);
+  if (refusal) removeMountFolder(request.folder);
+  return refusal;
+}
+
+Refusal mountUnmounted(const DeviceLocation& location, const OpenedDevice& device, const MountOptions& options) {
+  const std::optional<VolumeFacts> facts = probeVolume(device.descriptor.get(), device.window);
+  if (!facts) return Dissenter{kDissentUnsupported, location.node + " holds no file system that is known here"};
+  if (options.readWrite && isReadOnlyMedium(location)) return dissenterFor(EROFS, location.whole);
+  const bool isFAT = facts->kind == "msdos";
+  Refusal refusal;
+  if (geteuid() == 0) {
+    refusal = mountWithKernel(location, device, *facts, options);
+    const bool mayMirror =
+        isFAT && refusal && refusal->status != kDissentBusy && refusal->status != kDissentNotWritable;
+    if (!mayMirror) return refusal;
+  } else if (!isFAT) {
+    return Dissenter{kDissentNotPrivileged, "only the super-user can mount a volume of kind " + facts->kind};
+  }
+  return mountMirror(location, device, folderNameFor(location, *facts), isReadOnlyMedium(location));
+}
+
+// What is known of mounts of a volume.
+struct Mounted {
+  std::vector<MountPoint> byKernel;
+  std::optional<std::string> mirrorKey;
+  std::optional<MirrorState> mirror;
+};
+
+Mounted findMounts(const DeviceLocation& location, const std::optional<OpenedDevice>& device) {
+  Mounted mounted;
+  if (!device && !location.hasOwnNode()) return mounted;
+  const Extent window = device ? device->window : Extent{};
+  mounted.byKernel = mountsOf(location, window);
+  mounted.mirrorKey = mirrorKey(location, window);
+  if (mounted.mirrorKey) mounted.mirror = findMirror(*mounted.mirrorKey);
+  return mounted;
+}
+
+// The place that stands for the volume: where its root is, the first one of several.
+const MountPoint* mainMount(const std::vector<MountPoint>& mounts) {
+  if (mounts.empty()) return nullptr;
+  const auto whole = std::find_if(mounts.begin(), mounts.end(), [](const MountPoint& mount) { return mount.isWhole; });
+  return whole == mounts.end() ? &mounts.front() : &*whole;
+}
+
+std::optional<std::string> nameInside(const std::string& whole, uint64_t offset) {
+  std::optional<DeviceLocation> location = locateDevice(whole);
+  if (!location) return std::nullopt;
+  if (offset == 0) return whole;
+  for (uint32_t slice = 1; slice <= kMostSlices; ++slice) {
+    location->slice = slice;
+    const std::optional<OpenedDevice> device = openLocation(*location, O_RDONLY);
+    if (device && device->window.offset == offset) return whole + "s" + std::to_string(slice);
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+Refusal mountVolume(const std::string& device, const std::vector<std::string>& arguments) {
+  MountOptions options;
+  if (Refusal refusal = parseArguments(arguments, options)) return refusal;
+  const std::optional<DeviceLocation> location = locateDevice(device);
+  if (!location) return dissenterFor(errno, device);
+  const std::optional<OpenedDevice> opened = openLocation(*location, O_RDONLY);
+  const int reason = errno;
+  const Mounted mounted = findMounts(*location, opened);
+  if (const MountPoint* const mount = mainMount(mounted.byKernel)) {
+    if (!options.readWrite || !mount->isReadOnly) return std::nullopt;
+    return Dissenter{kDissentNotWritable, device + " is mounted already, and read-only"};
+  }
+  if (mounted.mirror) {
+    if (!options.readWrite || !mounted.mirror->readOnly) return std::nullopt;
+    return Dissenter{kDissentNotWritable, device + " is mounted already, and read-only"};
+  }
+  if (!opened) return dissenterFor(reason, device);
+  return mountUnmounted(*location, *opened, options);
+}
+
+Refusal unmountVolume(const std::string& device) {
+  const std::optional<DeviceLocation> location = locateDevice(device);
+  if (!location) return dissenterFor(errno, device);
+  const Mounted mounted = findMounts(*location, openLocation(*location, O_RDONLY));
+  if (mounted.byKernel.empty() && !mounted.mirror) {
+    return Dissenter{kDissentNotMounted, device + " is not mounted"};
+  }
+  for (auto mount = mounted.byKernel.rbegin(); mount != mounted.byKernel.rend(); ++mount) {
+    if (Refusal refusal = unmountByKernel(mount->path)) return refusal;
+    removeMountFolder(mount->path);
+  }
+  if (!mounted.mirror) return std::nullopt;
+  return unmountMirror(*location, *mounted.mirrorKey);
+}
+
+std::optional<VolumePlace> volumePlaceOf(const DeviceLocation& location, const std::optional<OpenedDevice>& opened) {
+  const Mounted mounted = findMounts(location, opened);
+  if (const MountPoint* const mount = mainMount(mounted.byKernel)) return VolumePlace{mount->path, mount->fileSystem};
+  if (mounted.mirror) return VolumePlace{mounted.mirror->folder, "vfat"};
+  return std::nullopt;
+}
+
+std::optional<std::string> deviceMountedAt(const std::string& path) {
+  if (const std::optional<MirrorState> mirror = findMirrorAt(path)) return mirror->device;
+  const std::optional<MountPoint> mount = mountAt(path);
+  if (!mount) return std::nullopt;
+  // The kernel's loop device of a mount of an image is no disk to anyone: the image is.
+  if (const std::optional<LoopBacking> backing = loopBackingOf(mount->device)) {
+    if (const auto name = nameInside(backing->path, backing->offset)) return name;
+  }
+  return nodeOfDevice(mount->device);
+}
+
+}  // namespace vorlix
