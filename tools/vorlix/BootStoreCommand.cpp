@@ -139,7 +139,6 @@ void writeStore(const StoreOptions& options, const StorePlan& plan, const Librar
       std::fflush(stdout);
     }
   }
-  const LibraryLog log;
   const int result = update_bcd(options.templateFile.c_str(), plan.disk.c_str(), plan.partition.c_str(), options.mode);
   if (result != 0) {
     log.print();
