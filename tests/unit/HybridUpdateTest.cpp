@@ -47,8 +47,8 @@ TEST_F(HybridUpdate, FourUsedEntriesFillFourSlots) {
 TEST_F(HybridUpdate, ReadsClosesAndOnlyThenWrites) {
   EXPECT_EQ(update(), 0);
   EXPECT_THAT(journalButReads(),
-              ElementsAre("open disk0 read", "describe disk0", "close disk0",                              //
-                          "open disk0 write exclusive", "write disk0 0+512", "sync disk0", "close disk0",  //
+              ElementsAre("open disk0 read", "session open", "describe disk0", "session close", "close disk0",  //
+                          "open disk0 write exclusive", "write disk0 0+512", "sync disk0", "close disk0",       //
                           "open disk0s3 write exclusive", "write disk0s3 28+4", "write disk0s3 72+8", "sync disk0s3",
                           "close disk0s3"));
   EXPECT_EQ(machine.openCount(), 0U);
