@@ -35,11 +35,20 @@ std::string patternOfParent(const std::string& path) {
   return pattern(path.substr(0, slash)) + path.substr(slash);
 }
 
+int32_t statusFor(const std::string& errors) {
+  return errors.find("Disk full") == std::string::npos ? kDissentError : kDissentNoResources;
+}
+
+// Why a change is not on the volume, by what the program had to say, else by what was found.
+Dissenter notDone(const std::string& what, const CommandResult& result, const std::string& found) {
+  return {statusFor(result.errors), what + ": " + (result.errors.empty() ? found : result.errors)};
+}
+
 Dissenter dissenterOf(const CommandResult& result, const std::string& program) {
   if (result.launchError == ENOENT) return {kDissentUnsupported, program + " (of mtools) is not installed"};
   if (result.launchError != 0) return dissenterFor(result.launchError, program);
   const std::string reason = result.errors.empty() ? "it did not end normally" : result.errors;
-  return {kDissentError, program + ": " + reason};
+  return {statusFor(reason), program + ": " + reason};
 }
 
 // Compares a file with bytes that come piece by piece.
@@ -80,17 +89,13 @@ class Comparison {
   int error_ = 0;
 };
 
-// A line of "mattrib -X": letters, a space, the path.
-bool parseEntry(const std::string& line, Mtools::Entry& entry) {
-  const size_t start = line.find("::/");
-  if (start == std::string::npos) return false;
-  entry = {};
-  entry.path = line.substr(start + 2);
-  for (const char letter : line.substr(0, start)) {
-    if (letter == 'D') entry.isFolder = true;
+// The letters that "mattrib -X" starts a line with: "D" for a folder, else attributes.
+Mtools::Entry entryOf(const std::string& letters, const std::string& path) {
+  Mtools::Entry entry{path, letters.find('D') != std::string::npos, ""};
+  for (const char letter : letters) {
     if (std::strchr("RHS", letter) != nullptr) entry.attributes += letter;
   }
-  return true;
+  return entry;
 }
 
 }  // namespace
@@ -123,9 +128,10 @@ Refusal Mtools::list(std::vector<Entry>& entries) const {
   entries.clear();
   std::istringstream lines(result.output);
   for (std::string line; std::getline(lines, line);) {
-    Entry entry;
-    if (!parseEntry(line, entry)) return Dissenter{kDissentError, "mattrib: unexpected answer \"" + line + "\""};
-    if (entry.path != "/") entries.push_back(std::move(entry));
+    const size_t start = line.find("::/");
+    if (start == std::string::npos) return Dissenter{kDissentError, "mattrib: unexpected answer \"" + line + "\""};
+    const std::string path = line.substr(start + 2);
+    if (path != "/") entries.push_back(entryOf(line.substr(0, start), path));
   }
   // An empty root is listed, and then counts as a file that was not found.
   const bool isEmptyRoot = result.command.status == 1 && entries.empty() && !result.output.empty();
@@ -134,11 +140,12 @@ Refusal Mtools::list(std::vector<Entry>& entries) const {
 
 Refusal Mtools::find(const std::string& path, Entry& entry) const {
   const Result result = run({"mattrib", "-X", pattern(path)});
-  if (result.command.launchError != 0) return result.refusal();
-  std::istringstream lines(result.output);
-  std::string line;
-  if (result.command.succeeded() && std::getline(lines, line) && parseEntry(line, entry)) return std::nullopt;
-  return Dissenter{kDissentNotFound, path + " is not on the volume"};
+  if (result.command.status == 1 && result.command.errors.find("not found") != std::string::npos) {
+    return Dissenter{kDissentNotFound, path + " is not on the volume"};
+  }
+  if (Refusal refusal = result.refusal()) return refusal;
+  entry = entryOf(result.output.substr(0, result.output.find("::/")), path);  // folders come without their path
+  return std::nullopt;
 }
 
 Refusal Mtools::copyAllTo(const std::string& folder) const {
@@ -160,23 +167,20 @@ Refusal Mtools::compare(const std::string& path, const std::string& file, bool& 
 
 Refusal Mtools::write(const std::string& file, const std::string& path) const {
   const Result result = run({"mcopy", "-o", "-m", file, patternOfParent(path)});
-  if (result.refusal()) return result.refusal();
+  if (result.command.launchError != 0) return result.refusal();
   bool isEqual = false;
   const Refusal unread = compare(path, file, isEqual);
   if (!unread && isEqual) return std::nullopt;
-  const std::string reason =
-      result.command.errors.empty() ? (unread ? unread->text : "it reads back differently") : result.command.errors;
-  const bool isFull = reason.find("Disk full") != std::string::npos;
-  return Dissenter{isFull ? kDissentNoResources : kDissentError, path + " could not be written: " + reason};
+  return notDone(path + " could not be written", result.command, unread ? unread->text : "it reads back differently");
 }
 
 Refusal Mtools::makeFolder(const std::string& path) const {
   const Result result = run({"mmd", patternOfParent(path)});
+  if (result.command.launchError != 0) return result.refusal();
   Entry entry;
-  if (!result.refusal() && !find(path, entry) && entry.isFolder) return std::nullopt;
-  const std::string reason = result.command.errors.empty() ? "it is not there afterwards" : result.command.errors;
-  const bool isFull = reason.find("Disk full") != std::string::npos;
-  return Dissenter{isFull ? kDissentNoResources : kDissentError, path + " could not be made: " + reason};
+  const Refusal missing = find(path, entry);
+  if (!missing && entry.isFolder) return std::nullopt;
+  return notDone(path + " could not be made", result.command, missing ? missing->text : "it is a file");
 }
 
 Refusal Mtools::remove(const std::string& path, bool isFolder) const {
@@ -185,7 +189,7 @@ Refusal Mtools::remove(const std::string& path, bool isFolder) const {
   Entry entry;
   const Refusal found = find(path, entry);
   if (found && found->status == kDissentNotFound) return std::nullopt;
-  return Dissenter{kDissentError, path + " could not be removed: " + result.command.errors};
+  return notDone(path + " could not be removed", result.command, found ? found->text : "it is still there");
 }
 
 Refusal Mtools::addAttributes(const std::string& path, const std::string& letters) const {

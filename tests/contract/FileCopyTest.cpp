@@ -186,8 +186,7 @@ std::string copierName(const testing::TestParamInfo<std::string>& copier) {
   return copier.param;
 }
 
-INSTANTIATE_TEST_SUITE_P(Machines, FileCopyContract, testing::Values("Native", "Simulated"),
-                         copierName);
+INSTANTIATE_TEST_SUITE_P(Machines, FileCopyContract, testing::Values("Native", "Simulated"), copierName);
 
 TEST(SimulatedFileCopy, FailsForTheReasonThatWasSet) {
   TemporaryFolder folder;

@@ -143,8 +143,7 @@ TEST_P(RunLoopContract, ACompletionMayAskAgainAndRunTheLoop) {
 
 TEST_P(RunLoopContract, ACompletionMayUnscheduleItsSession) {
   session_->schedule(*loop_, kDefaultRunLoopMode);
-  disk_->unmount(
-      [&](const std::optional<Dissenter>&) { session_->unschedule(*loop_, kDefaultRunLoopMode); });
+  disk_->unmount([&](const std::optional<Dissenter>&) { session_->unschedule(*loop_, kDefaultRunLoopMode); });
   EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kLong), RunLoopResult::handledSource);
   EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kLong), RunLoopResult::noSources);
 }
@@ -169,8 +168,7 @@ TEST_P(RunLoopContract, NothingIsToldOnAnotherThreadsLoop) {
   EXPECT_TRUE(log.empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Worlds, RunLoopContract,
-                         testing::ValuesIn([] {
+INSTANTIATE_TEST_SUITE_P(Worlds, RunLoopContract, testing::ValuesIn([] {
                            std::vector<WorldKind> kinds = allWorlds();
                            std::erase_if(kinds, [](const WorldKind& kind) {
                              return std::string(kind.name) != "Simulated512" && std::string(kind.name) != "Image512";

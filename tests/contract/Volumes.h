@@ -1,0 +1,221 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Volumes to mount: images made with general tools, and the calls of disk arbitration with their wait.
+#pragma once
+
+#include <Vorlix/platform/RunLoop.h>
+#include <pwd.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <map>
+#include <optional>
+
+#include "contract/DeviceWorlds.h"
+
+namespace vorlix::contract {
+
+using Arguments = std::vector<std::string>;
+
+// --------------------------------------------------------------------------------------------- disk arbitration,
+// waited
+
+/// The name's disk asked by `ask`, and the answer. Throws when none comes within a minute.
+template <typename Ask>
+std::optional<Dissenter> askAndWait(const Platform& ports, const std::string& name, Ask ask) {
+  const auto session = ports.diskArbitration->createSession();
+  const auto disk = session->diskFromBSDName(name);
+  if (!disk) throw std::runtime_error("no disk is called " + name);
+  const auto loop = ports.runLoops->current();
+  session->schedule(*loop, kDefaultRunLoopMode);
+  std::optional<Dissenter> answer;
+  bool done = false;
+  ask(*disk, [&](const std::optional<Dissenter>& dissenter) {
+    answer = dissenter;
+    done = true;
+  });
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  while (!done) {
+    if (std::chrono::steady_clock::now() > deadline) throw std::runtime_error("no answer about " + name);
+    loop->run(kDefaultRunLoopMode, std::chrono::milliseconds(100));
+  }
+  session->unschedule(*loop, kDefaultRunLoopMode);
+  return answer;
+}
+
+inline std::optional<Dissenter> mountNow(const Platform& ports, const std::string& name,
+                                         const Arguments& arguments = {}) {
+  return askAndWait(ports, name,
+                    [&](Disk& disk, DiskCompletion completion) { disk.mount(arguments, std::move(completion)); });
+}
+
+inline std::optional<Dissenter> unmountNow(const Platform& ports, const std::string& name) {
+  return askAndWait(ports, name, [](Disk& disk, DiskCompletion completion) { disk.unmount(std::move(completion)); });
+}
+
+inline std::optional<Dictionary> describe(const Platform& ports, const std::string& name) {
+  const auto disk = ports.diskArbitration->createSession()->diskFromBSDName(name);
+  return disk ? disk->copyDescription() : std::nullopt;
+}
+
+/// Where the volume is mounted; empty where it is not.
+inline std::string mountPath(const Platform& ports, const std::string& name) {
+  const auto description = describe(ports, name);
+  const auto url = description ? description->url(kDescriptionVolumePath) : std::nullopt;
+  return url ? url->path() : std::string();
+}
+
+inline std::string textOf(const std::optional<Dissenter>& dissenter) {
+  return dissenter ? dissenter->text : "(no dissenter)";
+}
+
+inline int32_t statusOf(const std::optional<Dissenter>& dissenter) {
+  return dissenter ? dissenter->status : 0;
+}
+
+/// No dissenter.
+inline testing::AssertionResult granted(const std::optional<Dissenter>& dissenter) {
+  if (!dissenter) return testing::AssertionSuccess();
+  return testing::AssertionFailure() << std::hex << dissenter->status << ": " << dissenter->text;
+}
+
+/// That dissenter, with a text in which `words` stand.
+inline testing::AssertionResult refused(const std::optional<Dissenter>& dissenter, int32_t status,
+                                        const std::string& words = "") {
+  if (!dissenter) return testing::AssertionFailure() << "it was granted";
+  const bool isRight = dissenter->status == status && dissenter->text.find(words) != std::string::npos;
+  if (isRight && !dissenter->text.empty()) return testing::AssertionSuccess() << dissenter->text;
+  return testing::AssertionFailure() << std::hex << dissenter->status << ": " << dissenter->text;
+}
+
+// -------------------------------------------------------------------------------------------------- files and tools
+
+inline std::string shell(const std::string& command) {
+  bool ok = false;
+  const std::string output = runCommand("( " + command + " ) 2>&1", ok);
+  if (!ok) throw std::runtime_error(command + ": " + output);
+  return output;
+}
+
+/// Why images cannot be made here; empty when they can.
+inline std::string missingTool(const std::vector<std::string>& tools) {
+  for (const std::string& tool : tools) {
+    bool ok = false;
+    runCommand("command -v " + tool, ok);
+    if (!ok) return tool + " is not installed";
+  }
+  return "";
+}
+
+inline std::string readText(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw std::runtime_error("cannot read " + path);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+inline void writeText(const std::string& path, const std::string& text) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << text;
+  file.close();
+  if (!file) throw std::runtime_error("cannot write " + path);
+}
+
+constexpr uint64_t kVolumeOffset = 1024 * 1024;
+
+/// A disk image with a GPT of one slice, an EFI System Partition of `megabytes` with a FAT file system of 12, 16 or 32
+/// bits, called "MAC EFI", and with the files EFI/Boot/bootx64.efi ("boot code") and readme.txt ("read me"). Behind the
+/// slice stand bytes 0xA5 to the end of the image.
+inline void makeFATImage(const std::string& path, int bits, int megabytes) {
+  const std::string count = std::to_string(megabytes);
+  const uint64_t end = kVolumeOffset + static_cast<uint64_t>(megabytes) * 1024 * 1024;
+  writeImage(path, {}, end + 1024 * 1024);
+  shell("sgdisk --clear --new=1:2048:+" + count + "M --typecode=1:ef00 --change-name=1:'EFI system' '" + path + "'");
+  const std::string clusters = bits == 32 ? " -s 1" : "";
+  shell("mkfs.vfat -F " + std::to_string(bits) + clusters + " -n 'MAC EFI' -i 1234ABCD --offset 2048 '" + path + "' " +
+        std::to_string(megabytes * 1024));
+  TemporaryFolder files;
+  std::filesystem::create_directories(files / "EFI/Boot");
+  writeText(files / "EFI/Boot/bootx64.efi", "boot code");
+  writeText(files / "readme.txt", "read me");
+  shell("MTOOLS_SKIP_CHECK=1 mcopy -s -i '" + path + "@@" + std::to_string(kVolumeOffset) + "' " + (files / "EFI") +
+        " " + (files / "readme.txt") + " ::/");
+  std::fstream image(path, std::ios::in | std::ios::out | std::ios::binary);
+  image.seekp(static_cast<std::streamoff>(end));
+  image << std::string(64 * 1024, '\xA5');
+}
+
+/// Runs mtools on slice 1 of such an image.
+inline std::string mtools(const std::string& image, const std::string& program, const std::string& arguments) {
+  return shell("LC_ALL=C.UTF-8 MTOOLS_SKIP_CHECK=1 " + program + " -i '" + image + "@@" +
+               std::to_string(kVolumeOffset) + "' " + arguments);
+}
+
+/// The content of a file on it.
+inline std::string fileOn(const std::string& image, const std::string& path) {
+  return mtools(image, "mcopy", "'::" + path + "' -");
+}
+
+/// What fsck.vfat finds on it; throws when the file system is damaged.
+inline void checkFAT(const std::string& image, const TemporaryFolder& folder) {
+  const std::string copy = folder / "volume to check";
+  std::ifstream from(image, std::ios::binary);
+  from.seekg(kVolumeOffset);
+  std::ofstream(copy, std::ios::binary) << from.rdbuf();
+  shell("fsck.vfat -n '" + copy + "'");
+  std::filesystem::remove(copy);
+}
+
+// ------------------------------------------------------------------------------------------------------------ users
+
+inline constexpr uid_t kOrdinaryUser = 65534;
+
+/// Runs `body` in a child process as an ordinary user (the super-user turns into "nobody") with a runtime folder of its
+/// own inside `folder`, which is given to that user with all that is in it. Failures of the child are this test's.
+template <typename Body>
+void asOrdinaryUser(const TemporaryFolder& folder, Body body) {
+  const std::string runtime = folder / "runtime";
+  std::filesystem::create_directory(runtime);
+  const bool isSuperUser = geteuid() == 0;
+  if (isSuperUser)
+    shell("chown -R " + std::to_string(kOrdinaryUser) + ":" + std::to_string(kOrdinaryUser) + " '" +
+          folder.path().string() + "'");
+  std::filesystem::permissions(runtime, std::filesystem::perms::owner_all);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    if (isSuperUser && (setgid(kOrdinaryUser) != 0 || setuid(kOrdinaryUser) != 0)) _exit(2);
+    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+    try {
+      body();
+    } catch (const std::exception& error) {
+      ADD_FAILURE() << error.what();
+    }
+    std::fflush(nullptr);
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the part run as an ordinary user failed, see above";
+}
+
+/// Runs `body` in another process of the same user.
+template <typename Body>
+void inAnotherProcess(Body body) {
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    try {
+      body();
+    } catch (const std::exception& error) {
+      ADD_FAILURE() << error.what();
+    }
+    std::fflush(nullptr);
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the other process failed, see above";
+}
+
+}  // namespace vorlix::contract
