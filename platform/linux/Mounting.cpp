@@ -65,7 +65,7 @@ Refusal mountWithKernel(const DeviceLocation& location, const OpenedDevice& devi
 
 Refusal mountUnmounted(const DeviceLocation& location, const OpenedDevice& device, const MountOptions& options) {
   const std::optional<VolumeFacts> facts = probeVolume(device.descriptor.get(), device.window);
-  if (!facts) return Dissenter{kDissentUnsupported, location.node + " holds no file system that is known here"};
+  if (!facts) return Dissenter{kDissentUnsupported, "holds no file system that is known here"};
   if (options.readWrite && isReadOnlyMedium(location)) return dissenterFor(EROFS, location.whole);
   const bool isFAT = facts->kind == "msdos";
   Refusal refusal;

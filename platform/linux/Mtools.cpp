@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -133,9 +134,11 @@ Refusal Mtools::list(std::vector<Entry>& entries) const {
     const std::string path = line.substr(start + 2);
     if (path != "/") entries.push_back(entryOf(line.substr(0, start), path));
   }
-  // An empty root is listed, and then counts as a file that was not found.
-  const bool isEmptyRoot = result.command.status == 1 && entries.empty() && !result.output.empty();
-  return isEmptyRoot ? std::nullopt : result.refusal();
+  // A volume that holds folders alone is listed, and its root then counts as a file that was not found.
+  const bool noFiles = std::all_of(entries.begin(), entries.end(), [](const Entry& entry) { return entry.isFolder; });
+  const bool rootNotFound = result.command.errors.find("File \"::/\" not found") != std::string::npos;
+  const bool listedAll = result.command.status == 1 && noFiles && rootNotFound && !result.output.empty();
+  return listedAll ? std::nullopt : result.refusal();
 }
 
 Refusal Mtools::find(const std::string& path, Entry& entry) const {

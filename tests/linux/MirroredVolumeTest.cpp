@@ -260,6 +260,20 @@ TEST_F(MirroredVolume, AVolumeCanBeEmptied) {
   checkFAT(image_, folder_);
 }
 
+TEST_F(MirroredVolume, AVolumeThatHoldsFoldersAloneIsListedAndWrittenTo) {
+  fs::remove(image_);
+  makeFATImage(image_, 16, 16);
+  asUser([&] {
+    const std::string path = mountIt({"rw"});
+    for (const fs::directory_entry& entry : fs::directory_iterator(path)) fs::remove_all(entry.path());
+    fs::create_directories(path + "/EFI/Microsoft/Boot");
+    EXPECT_TRUE(granted(unmountIt()));
+    writeText(mountIt({"rw"}) + "/EFI/Microsoft/Boot/BCD", "store");
+    EXPECT_TRUE(granted(unmountIt()));
+  });
+  EXPECT_EQ(fileOn(image_, "/EFI/Microsoft/Boot/BCD"), "store");
+}
+
 TEST_F(MirroredVolume, AFileInThePlaceOfAFolderAndTheOtherWayRound) {
   asUser([&] {
     const std::string path = mountIt();
