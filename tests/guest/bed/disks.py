@@ -1,0 +1,146 @@
+# SPDX-License-Identifier: Apache-2.0
+"""
+The guest's disks: image files made on the host with general tools.
+
+    vda  a Mac disk: EFI, HFS+, Windows (NTFS), exFAT and FAT volumes
+    vdb  another: EFI and a smaller Windows volume
+    vdc  a disk that cannot be written: a FAT and a Windows volume
+"""
+
+import os
+from dataclasses import dataclass
+
+from support import samples
+from support.samples import Slice
+
+APPLE_HFS_PLUS = "AF00"
+_HFS_PLUS_SECTORS = 8192
+
+MAC = (Slice(1, 40, 81920, samples.EFI_SYSTEM, "EFI System Partition"),
+       Slice(2, 81960, _HFS_PLUS_SECTORS, APPLE_HFS_PLUS, "Macintosh HD"),
+       Slice(3, 90152, 32768, samples.BASIC_DATA, "BOOTCAMP"),
+       Slice(4, 122920, 16384, samples.BASIC_DATA, "Exchange"),
+       Slice(5, 139304, 16384, samples.BASIC_DATA, "Data"))
+SECOND = (Slice(1, 40, 81920, samples.EFI_SYSTEM, "EFI System Partition"),
+          Slice(2, 81960, 16384, samples.BASIC_DATA, "Windows"))
+LOCKED = (Slice(1, 40, 16384, samples.BASIC_DATA, "Locked"),
+          Slice(2, 16424, 16384, samples.BASIC_DATA, "Windows"))
+
+HFS_PLUS_FILE = "hello.txt"
+HFS_PLUS_TEXT = "from the HFS+ volume\n"
+
+
+@dataclass(frozen=True)
+class ScratchDisk:
+    path: str
+    read_only: bool = False
+
+
+def _make_fat(path, sectors, bits, label):
+    with open(path, "xb") as volume:
+        volume.truncate(sectors * samples.SECTOR)
+    samples.run("mkfs.vfat", "-F", str(bits), "-s", "1", "-n", label, path)
+
+
+def _make_exfat(path, sectors, label):
+    with open(path, "xb") as volume:
+        volume.truncate(sectors * samples.SECTOR)
+    samples.run("mkfs.exfat", "-L", label, path)
+
+
+class _AppleMap:
+    """The Apple partition map that xorriso writes, in blocks of 2048 bytes."""
+
+    BLOCK = 2048
+
+    def __init__(self, path):
+        self._path = path
+
+    def hfs_plus(self):
+        """Bytes of the partition of type Apple_HFS."""
+        with open(self._path, "rb") as image:
+            number, count = 1, 1
+            while number <= count:
+                image.seek(number * self.BLOCK)
+                entry = image.read(512)
+                if entry[:2] != b"PM":
+                    break
+                count, first, blocks = (int.from_bytes(entry[at:at + 4], "big") for at in (4, 8, 12))
+                if entry[48:80].rstrip(b"\0") == b"Apple_HFS":
+                    image.seek(first * self.BLOCK)
+                    return image.read(blocks * self.BLOCK)
+                number += 1
+        raise AssertionError("xorriso made no Apple_HFS partition")
+
+
+def _make_hfs_plus(path, sectors, folder):
+    """
+    An HFS+ volume with one file and the rest of the partition filled by another. There is no mkfs for HFS+ in the
+    distribution; xorriso makes the volume for hybrid CD images, locked and without free blocks. Its second header lies
+    at the end of the partition, hence the filler: it is measured first with an empty one.
+    """
+    content = os.path.join(folder, "content")
+    os.mkdir(content)
+    with open(os.path.join(content, HFS_PLUS_FILE), "w", encoding="ascii") as file:
+        file.write(HFS_PLUS_TEXT)
+    filler = os.path.join(content, "filler")
+    size = 0
+    for _ in range(2):
+        with open(filler, "wb") as file:
+            file.truncate(size)
+        image = os.path.join(folder, "hybrid.iso")
+        samples.run("xorriso", "-as", "mkisofs", "-hfsplus", "-apm-block-size", str(_AppleMap.BLOCK), "-V", "MACVOLUME",
+                    "-o", image, content)
+        volume = _AppleMap(image).hfs_plus()
+        os.remove(image)
+        size = sectors * samples.SECTOR - len(volume)
+    if size != 0:
+        raise AssertionError(f"the HFS+ volume is {size} bytes short of its partition")
+    with open(path, "xb") as file:
+        file.write(volume)
+
+
+def _place(disk, part, volume):
+    samples.place(disk, volume, part.first)
+    os.remove(volume)
+
+
+def make_disks(folder):
+    """Makes the disks in `folder`. Returns them, and notes for the tests: what could not be made and why."""
+    notes = {}
+    mac, second, locked = (os.path.join(folder, name) for name in ("mac.img", "second.img", "locked.img"))
+    volume = os.path.join(folder, "volume")
+
+    samples.make_disk(mac, 160000, MAC)
+    _make_fat(volume, MAC[0].sectors, 32, "EFI")
+    _place(mac, MAC[0], volume)
+    if samples.tool("xorriso"):
+        _make_hfs_plus(volume, MAC[1].sectors, folder)
+        _place(mac, MAC[1], volume)
+    else:
+        notes["noHFSPlus"] = "no HFS+ volume was made: xorriso is not installed"
+    samples.make_ntfs(volume, MAC[2].sectors, "BOOTCAMP")
+    _place(mac, MAC[2], volume)
+    _make_exfat(volume, MAC[3].sectors, "EXCHANGE")
+    _place(mac, MAC[3], volume)
+    _make_fat(volume, MAC[4].sectors, 16, "DATA")
+    _place(mac, MAC[4], volume)
+
+    samples.make_disk(second, 100000, SECOND)
+    _make_fat(volume, SECOND[0].sectors, 32, "EFI")
+    _place(second, SECOND[0], volume)
+    samples.make_ntfs(volume, SECOND[1].sectors, "WINDOWS")
+    _place(second, SECOND[1], volume)
+
+    samples.make_disk(locked, 40000, LOCKED)
+    _make_fat(volume, LOCKED[0].sectors, 16, "LOCKED")
+    samples.run("mcopy", "-i", volume, __file__, "::/disks.py")
+    _place(locked, LOCKED[0], volume)
+    samples.make_ntfs(volume, LOCKED[1].sectors, "LOCKED")
+    _place(locked, LOCKED[1], volume)
+    return (ScratchDisk(mac), ScratchDisk(second), ScratchDisk(locked, read_only=True)), notes
+
+
+def missing_tools():
+    """Names of absent tools without which the disks cannot be made."""
+    return [name for name in ("sgdisk", "mkfs.vfat", "mkntfs", "mkfs.exfat", "mcopy") if samples.tool(name) is None]

@@ -1,0 +1,136 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What the guest's tests share: the command line, the system's own mounts, and what independent tools say of disks."""
+
+import contextlib
+import hashlib
+import json
+import os
+import re
+import subprocess
+import tempfile
+import unittest
+
+from bed import disks
+from support import samples
+
+NOTES = json.loads(os.environ["VORLIX_GUEST"])
+VORLIX = os.environ["VORLIX"]
+
+MAC, SECOND, LOCKED = "vda", "vdb", "vdc"
+SLICES = {MAC: disks.MAC, SECOND: disks.SECOND, LOCKED: disks.LOCKED}
+
+
+def node(name):
+    return f"/dev/{name}"
+
+
+def mounts_of(device):
+    """Where the kernel has a device's volume mounted: (mount point, file system, options) each."""
+    found = []
+    with open("/proc/self/mountinfo", encoding="utf-8") as table:
+        for line in table:
+            place, volume = line.split(" - ")
+            kind, source, super_options = volume.split(maxsplit=2)
+            if source == device:
+                fields = place.split()
+                point = re.sub(r"\\([0-7]{3})", lambda code: chr(int(code.group(1), 8)), fields[4])
+                found.append((point, kind, set(fields[5].split(",")) | set(super_options.strip().split(","))))
+    return found
+
+
+def unmount_all():
+    """Whatever a test left mounted of the disks."""
+    for disk, parts in SLICES.items():
+        for part in parts:
+            for _ in mounts_of(node(f"{disk}{part.number}")):
+                subprocess.run(["umount", node(f"{disk}{part.number}")], check=False)
+
+
+@contextlib.contextmanager
+def mounted(name, *options):
+    """The volume, mounted by mount(8), for as long as the block runs; gives the mount point."""
+    with tempfile.TemporaryDirectory(prefix="system-mount-") as point:
+        samples.run("mount", *options, node(name), point)
+        try:
+            yield point
+        finally:
+            samples.run("umount", point)
+
+
+def write_text(path, text):
+    with open(path, "w", encoding="utf-8") as file:
+        file.write(text)
+
+
+def read_text(path):
+    with open(path, encoding="utf-8") as file:
+        return file.read()
+
+
+def digest(device, first=0, count=None):
+    """Digest of `count` bytes, or all, from byte `first` of a device."""
+    result = hashlib.blake2b()
+    with open(device, "rb") as file:
+        file.seek(first)
+        left = count
+        while left is None or left > 0:
+            chunk = file.read(1 << 20 if left is None else min(left, 1 << 20))
+            if not chunk:
+                break
+            result.update(chunk)
+            left = None if left is None else left - len(chunk)
+    return result.hexdigest()
+
+
+def blkid(device):
+    """What libblkid's tool finds on a device by reading it, as a dictionary."""
+    lines = samples.run("blkid", "--probe", "--output", "export", device).splitlines()
+    return dict(line.split("=", 1) for line in lines if "=" in line)
+
+
+def partition_entry(disk, number):
+    """One GPT entry by sgdisk: type GUID, unique GUID, first and last sector."""
+    text = samples.run("sgdisk", f"--info={number}", node(disk))
+    fields = dict(line.split(": ", 1) for line in text.splitlines() if ": " in line)
+    return {"type": fields["Partition GUID code"].split()[0], "guid": fields["Partition unique GUID"],
+            "first": int(fields["First sector"].split()[0]), "last": int(fields["Last sector"].split()[0])}
+
+
+def disk_guid(disk):
+    """The disk GUID by sgdisk."""
+    return re.search(r"Disk identifier \(GUID\): (\S+)", samples.run("sgdisk", "--print", node(disk))).group(1)
+
+
+class GuestTest(unittest.TestCase):
+    """Runs the command line; what a test leaves mounted is unmounted after it."""
+
+    def setUp(self):
+        self.addCleanup(unmount_all)
+        self._folder = tempfile.TemporaryDirectory(prefix="guest-")
+        self.addCleanup(self._folder.cleanup)
+        self.folder = self._folder.name
+
+    def path(self, name):
+        return os.path.join(self.folder, name)
+
+    def vorlix(self, *arguments, status=0):
+        """Runs a command that must end with `status`."""
+        result = subprocess.run([VORLIX, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, text=True, check=False)
+        if result.returncode != status:
+            last = (result.stderr or result.stdout).strip().rpartition("\n")[2]
+            self.fail(f"vorlix {' '.join(arguments)} ended with {result.returncode}, not {status}: {last}\n"
+                      f"{result.stdout}{result.stderr}")
+        return result
+
+    def refused(self, *arguments):
+        """Runs a command that must be refused; returns its sentence."""
+        result = self.vorlix(*arguments, status=2)
+        self.assertRegex(result.stderr, r"(?m)^vorlix: .+: .+; .+$")
+        return result.stderr
+
+    def mount(self, device, *options):
+        """Mounts a volume through the command line and returns the mount point that it printed."""
+        printed = self.vorlix("mount", device, *options).stdout
+        self.assertRegex(printed, r"\A/[^\n]+\n\Z")
+        return printed.rstrip("\n")
