@@ -4,7 +4,7 @@ The guest's disks: image files made on the host with general tools.
 
     vda  a Mac disk: EFI, HFS+, Windows (NTFS), exFAT and FAT volumes
     vdb  another: EFI and a smaller Windows volume
-    vdc  a disk that cannot be written: a FAT and a Windows volume
+    vdc  a disk that cannot be written: an EFI and a Windows volume
 """
 
 import os
@@ -16,14 +16,14 @@ from support.samples import Slice
 APPLE_HFS_PLUS = "AF00"
 _HFS_PLUS_SECTORS = 8192
 
-MAC = (Slice(1, 40, 81920, samples.EFI_SYSTEM, "EFI System Partition"),
-       Slice(2, 81960, _HFS_PLUS_SECTORS, APPLE_HFS_PLUS, "Macintosh HD"),
-       Slice(3, 90152, 32768, samples.BASIC_DATA, "BOOTCAMP"),
-       Slice(4, 122920, 16384, samples.BASIC_DATA, "Exchange"),
-       Slice(5, 139304, 16384, samples.BASIC_DATA, "Data"))
-SECOND = (Slice(1, 40, 81920, samples.EFI_SYSTEM, "EFI System Partition"),
-          Slice(2, 81960, 16384, samples.BASIC_DATA, "Windows"))
-LOCKED = (Slice(1, 40, 16384, samples.BASIC_DATA, "Locked"),
+MAC = (Slice(1, 40, 16384, samples.EFI_SYSTEM, "EFI System Partition"),
+       Slice(2, 16424, _HFS_PLUS_SECTORS, APPLE_HFS_PLUS, "Macintosh HD"),
+       Slice(3, 24616, 24576, samples.BASIC_DATA, "BOOTCAMP"),
+       Slice(4, 49192, 16384, samples.BASIC_DATA, "Exchange"),
+       Slice(5, 65576, 16384, samples.BASIC_DATA, "Data"))
+SECOND = (Slice(1, 40, 69632, samples.EFI_SYSTEM, "EFI System Partition"),
+          Slice(2, 69672, 16384, samples.BASIC_DATA, "Windows"))
+LOCKED = (Slice(1, 40, 16384, samples.EFI_SYSTEM, "EFI System Partition"),
           Slice(2, 16424, 16384, samples.BASIC_DATA, "Windows"))
 
 HFS_PLUS_FILE = "hello.txt"
@@ -111,8 +111,8 @@ def make_disks(folder):
     mac, second, locked = (os.path.join(folder, name) for name in ("mac.img", "second.img", "locked.img"))
     volume = os.path.join(folder, "volume")
 
-    samples.make_disk(mac, 160000, MAC)
-    _make_fat(volume, MAC[0].sectors, 32, "EFI")
+    samples.make_disk(mac, 82000, MAC)
+    _make_fat(volume, MAC[0].sectors, 16, "EFI")
     _place(mac, MAC[0], volume)
     if samples.tool("xorriso"):
         _make_hfs_plus(volume, MAC[1].sectors, folder)
@@ -126,13 +126,13 @@ def make_disks(folder):
     _make_fat(volume, MAC[4].sectors, 16, "DATA")
     _place(mac, MAC[4], volume)
 
-    samples.make_disk(second, 100000, SECOND)
+    samples.make_disk(second, 86100, SECOND)
     _make_fat(volume, SECOND[0].sectors, 32, "EFI")
     _place(second, SECOND[0], volume)
     samples.make_ntfs(volume, SECOND[1].sectors, "WINDOWS")
     _place(second, SECOND[1], volume)
 
-    samples.make_disk(locked, 40000, LOCKED)
+    samples.make_disk(locked, 32900, LOCKED)
     _make_fat(volume, LOCKED[0].sectors, 16, "LOCKED")
     samples.run("mcopy", "-i", volume, __file__, "::/disks.py")
     _place(locked, LOCKED[0], volume)

@@ -105,10 +105,10 @@ class GuestTest(unittest.TestCase):
     """Runs the command line; what a test leaves mounted is unmounted after it."""
 
     def setUp(self):
-        self.addCleanup(unmount_all)
-        self._folder = tempfile.TemporaryDirectory(prefix="guest-")
-        self.addCleanup(self._folder.cleanup)
-        self.folder = self._folder.name
+        folder = tempfile.TemporaryDirectory(prefix="guest-")
+        self.addCleanup(folder.cleanup)
+        self.addCleanup(unmount_all)  # comes first: a volume may be mounted in the folder
+        self.folder = folder.name
 
     def path(self, name):
         return os.path.join(self.folder, name)
