@@ -145,12 +145,6 @@ void writeStore(const StoreOptions& options, const StorePlan& plan, const Librar
     if (mountPointOf(plan.disk + "s1")) static_cast<void>(tryUnmount(plan.disk + "s1"));
     throw Failure(options.disk, "the boot configuration store could not be written", "see the log above");
   }
-  // The library does not tell whether the slice could be unmounted, and only then is the store on it for certain.
-  const std::string slice = plan.disk + "s1";
-  if (mountPointOf(slice)) {
-    const auto refusal = tryUnmount(slice);
-    if (refusal) throw Failure(slice, reasonText(*refusal), "the store was written but the slice stays mounted");
-  }
   const MountedEFI efi(plan.disk);
   if (readFile(efi.storePath(), kLargestStore) != plan.store) {
     throw Failure(options.disk, "the boot configuration store is not what it should be", "it was written");
