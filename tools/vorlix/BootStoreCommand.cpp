@@ -50,12 +50,18 @@ uint32_t wordAt(const ByteVector& bytes, int64_t offset) {
   return value;
 }
 
-// A device element of a boot configuration store has 88 bytes: the partition GUID at 0x20 and the disk GUID at 0x38,
-// 24 bytes on; a 6 (partition) at 0x10, the length 0x48 at 0x18, and 0 (GPT) or 1 (MBR) at 0x34.
+// How boot configuration stores tell a partition: the partition GUID, the disk GUID 24 bytes on, and around them a 6
+// (partition) at -0x10, the length 0x48 at -0x08 and 0 (GPT) or 1 (MBR) at 0x14.
+bool isPartitionGUID(const ByteVector& store, int64_t offset) {
+  return wordAt(store, offset - 0x10) == 6 && wordAt(store, offset - 0x08) == 0x48 && wordAt(store, offset + 0x14) <= 1;
+}
+
+// Some stores want the disk's GUID in the partition's place, too.
 bool looksLikeIdentifierSlot(const ByteVector& store, const StoreSlot& slot) {
-  const int64_t element = int64_t{slot.offset} - (slot.identifier == StoreIdentifier::partition ? 0x20 : 0x38);
-  return wordAt(store, element + 0x10) == 6 && wordAt(store, element + 0x18) == 0x48 &&
-         wordAt(store, element + 0x34) <= 1;
+  constexpr int64_t kDiskGUID = 0x18;
+  const int64_t offset = slot.offset;
+  if (isPartitionGUID(store, offset)) return true;
+  return slot.identifier == StoreIdentifier::disk && isPartitionGUID(store, offset - kDiskGUID);
 }
 
 void warnOfOddSlots(const StoreOptions& options, const ByteVector& store) {
