@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "Arbitration.h"
@@ -105,6 +106,20 @@ void printDryRun(const StoreOptions& options, const StorePlan& plan) {
   std::printf("in these places:\n%s", differenceText(plan.original, plan.store, 0).c_str());
 }
 
+// Unmounts a slice if it is mounted. Returns why it stays mounted.
+std::optional<std::string> unmountIfMounted(const std::string& slice) {
+  if (!mountPointOf(slice)) return std::nullopt;
+  const std::optional<Dissenter> refusal = tryUnmount(slice);
+  if (!refusal) return std::nullopt;
+  return reasonText(*refusal);
+}
+
+void unmountOrWarn(const std::string& slice) {
+  if (const std::optional<std::string> reason = unmountIfMounted(slice)) {
+    std::fprintf(stderr, "vorlix: %s: stays mounted: %s\n", slice.c_str(), reason->c_str());
+  }
+}
+
 // The EFI System Partition, mounted for a look; unmounted again unless it was mounted before.
 class MountedEFI {
  public:
@@ -115,9 +130,7 @@ class MountedEFI {
   ~MountedEFI() {
     if (wasMounted_) return;
     try {
-      if (const auto refusal = mountPointOf(slice_) ? tryUnmount(slice_) : std::nullopt) {
-        std::fprintf(stderr, "vorlix: %s: stays mounted: %s\n", slice_.c_str(), reasonText(*refusal).c_str());
-      }
+      unmountOrWarn(slice_);
     } catch (const std::exception& error) {
       std::fprintf(stderr, "vorlix: %s\n", error.what());
     }
@@ -148,8 +161,12 @@ void writeStore(const StoreOptions& options, const StorePlan& plan, const Librar
   const int result = update_bcd(options.templateFile.c_str(), plan.disk.c_str(), plan.partition.c_str(), options.mode);
   if (result != 0) {
     log.print();
-    if (mountPointOf(plan.disk + "s1")) static_cast<void>(tryUnmount(plan.disk + "s1"));
+    unmountOrWarn(plan.disk + "s1");
     throw Failure(options.disk, "the boot configuration store could not be written", "see the log above");
+  }
+  // The library does not tell when its unmount was refused, and what is mounted need not be on the medium yet.
+  if (const std::optional<std::string> reason = unmountIfMounted(plan.disk + "s1")) {
+    throw Failure(plan.disk + "s1", *reason, "it stays mounted; the store is not known to be on the medium");
   }
   const MountedEFI efi(plan.disk);
   if (readFile(efi.storePath(), kLargestStore) != plan.store) {
