@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSDiskFunctions.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <memory>
@@ -22,6 +23,10 @@ void mountAndTell(const std::string& device, bool readWrite) {
   const std::string name = bsdNameOf(device);
   mount_disk(name.c_str(), readWrite ? 1 : 0);
   if (const char* const path = mounted_path(name.c_str())) {
+    if (readWrite && access(path, W_OK) != 0) {
+      throw Failure(device, "mounted read-only, or writable only for others, at " + std::string(path),
+                    "nothing was changed");
+    }
     std::printf("%s\n", path);
     return;
   }
