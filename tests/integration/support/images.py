@@ -111,6 +111,7 @@ class CommandTest(unittest.TestCase):
             stdin=subprocess.DEVNULL,
             capture_output=True,
             text=True,
+            errors="surrogateescape",  # as Python has the names of files
             timeout=timeout,
             preexec_fn=limit if memory_limit else None,
         )

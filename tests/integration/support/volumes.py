@@ -1,0 +1,260 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What tests of mounting share: an ordinary user with a mount folder of its own, and FAT volumes as mtools see them."""
+
+import atexit
+import functools
+import hashlib
+import os
+import shutil
+import subprocess
+import tempfile
+
+from support import images, samples
+
+IS_ROOT = os.geteuid() == 0
+ROOT_RUNTIME = "/run/vorlix"
+MIRROR_STATES = ".mirrors"
+
+# Sizes that give each width of FAT, and mkfs.vfat's options for it. FAT32 has at least 65525 clusters.
+FAT_KINDS = {12: (2 << 20, ()), 16: (16 << 20, ()), 32: (40 << 20, ("-s", "1"))}
+
+# A Mac with Windows: EFI System Partition, another volume, the Windows volume.
+EFI = samples.Slice(1, 40, 32768, samples.EFI_SYSTEM, "EFI System Partition")
+APPLE = samples.Slice(2, 32808, 4096, samples.APPLE_APFS, "Macintosh HD")
+WINDOWS = samples.Slice(3, 36904, 16384, samples.BASIC_DATA, "BOOTCAMP")
+DISK_SECTORS = 53400
+
+
+def missing(*names):
+    """The names of tools that are not installed, for the reason of a skip."""
+    return ", ".join(name for name in names if samples.tool(name) is None)
+
+
+def user_prefix():
+    """What makes a command run as an ordinary user."""
+    if not IS_ROOT:
+        return []
+    user = str(images.NOBODY)
+    return [images.tool("setpriv"), "--reuid", user, "--regid", user, "--clear-groups", "--no-new-privs"]
+
+
+@functools.lru_cache(maxsize=None)
+def command_for_user(command):
+    """The command line where an ordinary user can start it: in its place, or else a copy."""
+    if subprocess.run([*user_prefix(), command, "--version"], capture_output=True, check=False).returncode == 0:
+        return command
+    folder = tempfile.mkdtemp(prefix="vorlix-command-")
+    atexit.register(shutil.rmtree, folder)
+    os.chmod(folder, 0o755)
+    return shutil.copy(command, folder)
+
+
+def region_hash(path, first, count):
+    """Digest of `count` bytes from `first` on."""
+    digest = hashlib.sha256()
+    with open(path, "rb") as file:
+        file.seek(first)
+        while count > 0:
+            block = file.read(min(count, 1 << 20))
+            if not block:
+                break
+            digest.update(block)
+            count -= len(block)
+    return digest.hexdigest()
+
+
+# --------------------------------------------------------------------------------------------------------- FAT volumes
+
+
+def mtools(name, image, *arguments, offset=0):
+    """Runs one of the mtools on the FAT volume at a byte offset of an image. Returns its standard output as bytes."""
+    environment = {"PATH": images.SYSTEM_PATH, "LC_ALL": "C.UTF-8", "MTOOLS_SKIP_CHECK": "1", "HOME": "/nonexistent"}
+    command = [images.tool(name), "-i", f"{image}@@{offset}", *map(str, arguments)]
+    result = subprocess.run(command, env=environment, stdin=subprocess.DEVNULL, capture_output=True, timeout=60,
+                            check=False)
+    if result.returncode != 0:
+        raise AssertionError(f"{command}: {result.stderr.decode(errors='replace')}")
+    return result.stdout
+
+
+def make_fat(path, bits=16, label=None, size=None):
+    """A sparse file with an empty FAT volume by mkfs.vfat."""
+    usual, options = FAT_KINDS[bits]
+    with open(path, "xb") as volume:
+        volume.truncate(size or usual)
+    naming = ("-n", label) if label else ()
+    images.run_tool("mkfs.vfat", "-F", bits, *options, *naming, path)
+    return path
+
+
+def put_tree(image, tree, offset=0):
+    """Fills a FAT volume: {path: bytes, or None for a folder}, paths relative, folders before what is in them."""
+    with tempfile.TemporaryDirectory(prefix="vorlix-tree-") as folder:
+        for number, (path, content) in enumerate(tree.items()):
+            if content is None:
+                mtools("mmd", image, f"::/{path}", offset=offset)
+                continue
+            source = os.path.join(folder, str(number))
+            with open(source, "wb") as file:
+                file.write(content)
+            mtools("mcopy", image, source, f"::/{path}", offset=offset)
+
+
+def read_tree(image, offset=0):
+    """What is on a FAT volume, in the form of put_tree()."""
+    with tempfile.TemporaryDirectory(prefix="vorlix-tree-") as folder:
+        mtools("mcopy", image, "-s", "-n", "-Q", "::/", folder, offset=offset)
+        return folder_tree(folder)
+
+
+def folder_tree(folder):
+    """What is in a folder, in the form of put_tree()."""
+    tree = {}
+    for place, folders, files in os.walk(folder):
+        relative = os.path.relpath(place, folder)
+        for name in folders:
+            tree[os.path.normpath(os.path.join(relative, name))] = None
+        for name in files:
+            with open(os.path.join(place, name), "rb") as file:
+                tree[os.path.normpath(os.path.join(relative, name))] = file.read()
+    return tree
+
+
+def check_fat(image, offset=0, size=None):
+    """fsck.vfat finds nothing wrong. It reads volumes that have a file of their own."""
+    with tempfile.NamedTemporaryFile(prefix="vorlix-fsck-") as copy, open(image, "rb") as source:
+        size = size or os.path.getsize(image) - offset
+        source.seek(offset)
+        for at in range(0, size, 1 << 20):
+            block = source.read(min(1 << 20, size - at))
+            if block.strip(b"\0"):
+                os.pwrite(copy.fileno(), block, at)
+        os.truncate(copy.name, size)
+        images.run_tool("fsck.vfat", "-n", copy.name)
+
+
+@functools.lru_cache(maxsize=None)
+def template_folder():
+    folder = tempfile.mkdtemp(prefix="vorlix-templates-")
+    atexit.register(shutil.rmtree, folder)
+    return folder
+
+
+@functools.lru_cache(maxsize=None)
+def partitioned_disk():
+    path = os.path.join(template_folder(), "disk.img")
+    samples.make_disk(path, DISK_SECTORS, (EFI, APPLE, WINDOWS))
+    return path
+
+
+@functools.lru_cache(maxsize=None)
+def mac_template(tree, efi_bits):
+    """The disk of make_mac(), made once; partitioning takes sgdisk a second."""
+    number = mac_template.cache_info().currsize
+    path = os.path.join(template_folder(), f"{number}.img")
+    images.sparse_copy(partitioned_disk(), path)
+    volume = f"{path}.efi"
+    make_fat(volume, efi_bits, "EFI", EFI.sectors * samples.SECTOR)
+    put_tree(volume, dict(tree))
+    samples.place(path, volume, EFI.first)
+    os.remove(volume)
+    samples.write(path, APPLE.first * samples.SECTOR, b"Macintosh HD" * 1000)
+    return path
+
+
+def make_mac(path, efi_tree=None, efi_bits=16):
+    """A disk image with the three slices; slice 1 holds a FAT volume with a tree, slice 2 recognisable bytes."""
+    images.sparse_copy(mac_template(tuple((efi_tree or {}).items()), efi_bits), path)
+    return path
+
+
+EFI_OFFSET = EFI.first * samples.SECTOR
+EFI_SIZE = EFI.sectors * samples.SECTOR
+
+
+def hash_outside_efi(path):
+    """Digest of a disk image without slice 1."""
+    end = EFI_OFFSET + EFI_SIZE
+    return region_hash(path, 0, EFI_OFFSET), region_hash(path, end, os.path.getsize(path) - end)
+
+
+# ------------------------------------------------------------------------------------------------------------ the tests
+
+
+class VolumeTest(images.CommandTest):
+    """Runs the command line as an ordinary user whose mounts have a folder of their own; as root where a class says so."""
+
+    AS_ROOT = False
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        if not cls.AS_ROOT:
+            cls.vorlix = command_for_user(cls.vorlix)
+
+    def setUp(self):
+        super().setUp()
+        os.chmod(self.folder, 0o755)
+        self.give(self.folder)
+        self.runtime = self.path("runtime")
+        os.mkdir(self.runtime, 0o700)
+        self.give(self.runtime)
+        self.mounted_before = self.mounted_folders()
+
+    def give(self, *paths):
+        """Makes files the user's own."""
+        if IS_ROOT and not self.AS_ROOT:
+            for path in paths:
+                os.chown(path, images.NOBODY, images.NOBODY)
+        return paths[0]
+
+    def file(self, name, content, mode=0o644):
+        """Makes a file of the user's."""
+        path = self.path(name)
+        with open(path, "wb") as file:
+            file.write(content)
+        os.chmod(path, mode)
+        return self.give(path)
+
+    def prefix(self):
+        if self.AS_ROOT:
+            return ()
+        return (*user_prefix(), "env", f"XDG_RUNTIME_DIR={self.runtime}")
+
+    def vorlix_run(self, *arguments, **options):
+        options.setdefault("prefix", self.prefix())
+        return super().vorlix_run(*arguments, **options)
+
+    def vorlix_refuses(self, *arguments, saying=()):
+        """Ends with status 2 and one message, in which each of `saying` appears. Returns the message."""
+        result = self.vorlix_run(*arguments)
+        self.assertEqual(result.returncode, 2, f"{arguments}: {result.stdout}{result.stderr}")
+        for words in saying:
+            self.assertIn(words, result.stderr, arguments)
+        return result.stderr
+
+    def as_user(self, *command):
+        """Runs another program with the rights of the command line."""
+        return subprocess.run([*self.prefix(), *map(str, command)], stdin=subprocess.DEVNULL, capture_output=True,
+                              text=True, timeout=60, check=True)
+
+    def mount(self, device, *options):
+        """Mounts and returns the folder, the only thing that is printed."""
+        output = self.vorlix_ok("mount", device, *options).stdout
+        folder = output.removesuffix("\n")
+        self.assertEqual(output, folder + "\n")
+        self.assertTrue(os.path.isabs(folder), folder)
+        self.assertTrue(os.path.isdir(folder), folder)
+        return folder
+
+    def mounted_folders(self):
+        """Folders where volumes are mounted, and what is kept of mirrors."""
+        place = ROOT_RUNTIME if self.AS_ROOT else os.path.join(self.runtime, "vorlix")
+        found = set()
+        for folder in (place, os.path.join(place, MIRROR_STATES)):
+            if os.path.isdir(folder):
+                found |= {os.path.join(folder, name) for name in os.listdir(folder) if name != MIRROR_STATES}
+        return found
+
+    def assert_nothing_mounted(self):
+        self.assertEqual(self.mounted_folders(), self.mounted_before)
