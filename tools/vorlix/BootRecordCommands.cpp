@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSDiskFunctions.h>
+#include <Vorlix/platform/DeviceFile.h>
+#include <Vorlix/platform/Platform.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -88,9 +91,18 @@ void saveVBR(const SaveOptions& options) {
   std::printf("Saved      bytes 84 to 8191 of %s in %s\n", options.device.c_str(), options.file.c_str());
 }
 
+// The library ends its process when it cannot open the disk with a shared lock.
+void tryToLock(const std::string& disk) {
+  if (platform().deviceFile->open(disk, DeviceAccess::readOnly, DeviceLock::shared)) return;
+  const int reason = errno;
+  if (reason == EWOULDBLOCK) throw Failure(disk, "another process has it for itself");
+  throw Failure::ofErrno(disk, reason);
+}
+
 void saveBootCode(const SaveOptions& options) {
   refuseExisting(options.file);
-  const ByteVector sector = readDevice(options.device, 0, 446);  // also finds out beforehand that it can be opened
+  const ByteVector sector = readDevice(options.device, 0, 446);
+  tryToLock(options.device);
   const LibraryLog log;
   if (write_mbr_to_file(options.device.c_str(), options.file.c_str()) != 0) {
     failWithLog(options.file, "the boot code could not be saved", log, "the disk was not written");
