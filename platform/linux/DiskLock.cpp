@@ -59,9 +59,12 @@ std::shared_ptr<void> lockWholeDisk(const std::string& path, DeviceLock lock) {
     errno = EWOULDBLOCK;
     return nullptr;
   }
-  const int descriptor = open(path.c_str(), O_RDWR | O_CLOEXEC);
-  if (descriptor < 0) return nullptr;
   const bool exclusive = lock == DeviceLock::exclusive;
+  int descriptor = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  const bool cannotBeWritten = descriptor < 0 && (errno == EACCES || errno == EPERM || errno == EROFS);
+  // Those who only read may lock what they can only read.
+  if (cannotBeWritten && !exclusive) descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) return nullptr;
   if (flock(descriptor, (exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) != 0) {
     const int reason = errno;
     close(descriptor);
