@@ -1,0 +1,428 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Saved boot code: of volumes (`vorlix vbr`), put back on others, and of disks (`vorlix boot-code`)."""
+
+import fcntl
+import functools
+import os
+import random
+import re
+import subprocess
+import unittest
+
+from support import bios, images, samples, tools, volumes
+from support.samples import Slice
+
+MISSING = volumes.missing("mkntfs", "ntfsfix", "ntfsinfo", "sgdisk", "blkid", "dd", "mkfs.vfat", "setpriv")
+NO_BIOS = volumes.missing("qemu-system-x86_64") or ("" if samples.syslinux_mbr() else "syslinux's mbr.bin")
+
+PARAMETERS = 84  # bytes of a boot area that stay the volume's own
+BOOT_AREA = 8192
+SAVED = BOOT_AREA - PARAMETERS
+BOOT_CODE = 446
+
+SOURCE_SECTORS = 16384
+TARGET_SECTORS = 40960
+
+
+@functools.lru_cache(maxsize=None)
+def ntfs_template(sectors):
+    path = os.path.join(volumes.template_folder(), f"{sectors}.ntfs")
+    samples.make_ntfs(path, sectors, "WINDOWS")
+    return path
+
+
+def boot_code(seed):
+    """Bytes 84 to 8191 of a boot area: anything, with the signature of a boot sector."""
+    content = bytearray(random.Random(seed).randbytes(SAVED))
+    content[510 - PARAMETERS : 512 - PARAMETERS] = b"\x55\xAA"
+    return bytes(content)
+
+
+class RecordTest(volumes.VolumeTest):
+    def ntfs(self, name, sectors):
+        path = self.path(name)
+        images.sparse_copy(ntfs_template(sectors), path)
+        return self.give(path)
+
+    def source(self, same_first_sector=False):
+        """An NTFS volume with boot code of its own; the saved bytes are returned beside its path."""
+        path = self.ntfs("source.ntfs", SOURCE_SECTORS)
+        content = boot_code(1)
+        if same_first_sector:
+            content = samples.read(path, PARAMETERS, 512 - PARAMETERS) + content[512 - PARAMETERS :]
+        samples.write(path, PARAMETERS, content)
+        return path, content
+
+    def target(self, name="target.ntfs"):
+        return self.ntfs(name, TARGET_SECTORS)
+
+    def saved(self, content=None, name="saved.vbr"):
+        """A saved boot record as a file of the user's."""
+        return self.file(name, boot_code(7) if content is None else content)
+
+    def assert_restored(self, path, before, content, offset=0):
+        """Bytes 84 to 8191 at `offset` are the saved ones, and every other byte is as it was in `before`, a copy."""
+        expected = self.path("expected")
+        images.sparse_copy(before, expected)
+        samples.write(expected, offset + PARAMETERS, content)
+        self.assertEqual(samples.read(path, offset, PARAMETERS), samples.read(before, offset, PARAMETERS))
+        self.assertEqual(images.content_hash(path), images.content_hash(expected))
+
+    def copy_of(self, path):
+        copy = path + ".before"
+        images.sparse_copy(path, copy)
+        return copy
+
+    def refuse(self, path, arguments, *saying):
+        """An error that leaves the device as it is."""
+        before = images.snapshot(path)
+        message = self.vorlix_refuses(*arguments, saying=saying)
+        self.assert_unchanged(path, before)
+        return message
+
+
+@unittest.skipIf(MISSING, f"not installed: {MISSING}")
+class Save(RecordTest):
+    def test_bytes_84_to_8191_of_a_volume(self):
+        source, content = self.source()
+        before = images.snapshot(source)
+        file = self.path("saved.vbr")
+        result = self.vorlix_ok("vbr", "save", source, file)
+        self.assertIn(file, result.stdout)
+        self.assertEqual(samples.read(file, 0, BOOT_AREA), content)
+        images.run_tool("cmp", "-n", SAVED, file, source, 0, PARAMETERS)
+        self.assert_unchanged(source, before)
+
+    def test_a_slice_of_a_disk(self):
+        source, content = self.source()
+        disk = volumes.make_mac(self.path("mac.img"))
+        samples.place(disk, source, volumes.WINDOWS.first)
+        self.give(disk)
+        before = images.snapshot(disk)
+        file = self.path("saved.vbr")
+        self.vorlix_ok("vbr", "save", disk + "s3", file)
+        self.assertEqual(samples.read(file, 0, BOOT_AREA), content)
+        self.assert_unchanged(disk, before)
+
+    def test_other_kinds_of_volumes_and_the_smallest_device(self):
+        fat = self.give(volumes.make_fat(self.path("fat.img")))
+        smallest = self.file("smallest", random.Random(3).randbytes(BOOT_AREA))
+        for device in (fat, smallest):
+            with self.subTest(device=device):
+                self.vorlix_ok("vbr", "save", device, device + ".vbr")
+                self.assertEqual(samples.read(device + ".vbr", 0, BOOT_AREA), samples.read(device, PARAMETERS, SAVED))
+
+    def test_a_file_that_exists_is_refused_and_stays(self):
+        source, _ = self.source()
+        kept = self.file("kept", b"something else")
+        empty = self.file("empty", b"")
+        elsewhere = self.path("elsewhere")
+        link = self.path("link")
+        os.symlink(elsewhere, link)
+        for command in (["vbr", "save"], ["boot-code", "save"]):
+            for file in (kept, empty, link, self.folder, source):
+                with self.subTest(command=command, file=file):
+                    self.refuse(source, [*command, source, file], file, "exists")
+        self.assertEqual(samples.read(kept, 0, 100), b"something else")
+        self.assertEqual(os.path.getsize(empty), 0)
+        self.assertFalse(os.path.exists(elsewhere))
+
+    def test_devices_that_are_too_short(self):
+        for size in (0, 1, PARAMETERS, BOOT_AREA - 1):
+            with self.subTest(size=size):
+                device = self.file("device", b"\xEB" * size)
+                file = self.path("saved.vbr")
+                self.refuse(device, ["vbr", "save", device, file], device, "8192")
+                self.assertFalse(os.path.exists(file))
+        for size in (0, BOOT_CODE - 1):
+            with self.subTest(size=size):
+                device = self.file("device", b"\xEB" * size)
+                file = self.path("saved.mbr")
+                self.refuse(device, ["boot-code", "save", device, file], device, "446")
+                self.assertFalse(os.path.exists(file))
+
+    def test_devices_that_are_not_there(self):
+        """The library ends its process when the disk of an MBR cannot be opened; the command says why instead."""
+        disk = self.give(volumes.make_mac(self.path("mac.img")))
+        closed = self.file("closed", bytes(BOOT_AREA), 0)
+        for device, reason in ((self.path("missing"), "No such file"), (disk + "s4", ""), (self.folder, ""),
+                               (closed, "Permission denied")):
+            for command in ("vbr", "boot-code"):
+                with self.subTest(device=device, command=command):
+                    file = self.path("saved")
+                    message = self.vorlix_refuses(command, "save", device, file, saying=[f"vorlix: {device}", reason])
+                    self.assertNotIn("library's log", message)
+                    self.assertFalse(os.path.exists(file))
+
+    def test_places_where_no_file_can_be_made(self):
+        source, _ = self.source()
+        closed = self.path("closed")
+        os.mkdir(closed, 0o555)
+        for file in (self.path("no folder/saved"), os.path.join(closed, "saved")):
+            for command in ("vbr", "boot-code"):
+                with self.subTest(file=file, command=command):
+                    self.refuse(source, [command, "save", source, file])
+                    self.assertFalse(os.path.exists(file))
+
+    def test_a_volume_that_may_only_be_read(self):
+        """Boot records are saved through a device opened for reading and writing, MBRs through one for reading."""
+        source, _ = self.source()
+        os.chmod(source, 0o444)
+        self.refuse(source, ["vbr", "save", source, self.path("saved.vbr")], source, "reading and writing")
+        self.assertFalse(os.path.exists(self.path("saved.vbr")))
+        self.vorlix_ok("boot-code", "save", source, self.path("saved.mbr"))
+
+    def test_the_boot_code_of_a_disk(self):
+        disk = volumes.make_mac(self.path("mac.img"))
+        samples.write(disk, 0, random.Random(5).randbytes(BOOT_CODE))
+        self.give(disk)
+        before = images.snapshot(disk)
+        file, other = self.path("saved.mbr"), self.path("by dd")
+        result = self.vorlix_ok("boot-code", "save", disk, file)
+        self.assertIn(file, result.stdout)
+        images.run_tool("dd", "status=none", f"if={disk}", f"of={other}", "bs=446", "count=1")
+        self.assertEqual(samples.read(file, 0, 512), samples.read(other, 0, 512))
+        self.assertEqual(os.path.getsize(file), BOOT_CODE)
+        self.assert_unchanged(disk, before)
+
+    def test_a_disk_that_another_process_has_for_itself(self):
+        disk = self.give(volumes.make_mac(self.path("mac.img")))
+        before = images.snapshot(disk)
+        with open(disk, "rb") as holder:
+            fcntl.flock(holder, fcntl.LOCK_EX)
+            result = self.vorlix_run("boot-code", "save", disk, self.path("saved.mbr"))
+            self.assertEqual(result.returncode, 2, result.stderr)
+            self.assertIn(f"vorlix: {disk}", result.stderr)
+            self.assertFalse(os.path.exists(self.path("saved.mbr")))
+            fcntl.flock(holder, fcntl.LOCK_SH)
+            self.vorlix_ok("boot-code", "save", disk, self.path("saved.mbr"))
+        self.assert_unchanged(disk, before)
+
+
+@unittest.skipIf(MISSING, f"not installed: {MISSING}")
+class Restore(RecordTest):
+    def assert_sound(self, path):
+        """ntfsfix finds a volume that can be mounted. The second copy of its boot sector is the volume's own affair."""
+        result = subprocess.run([images.tool("ntfsfix"), "--no-action", path], capture_output=True, text=True, timeout=60,
+                                check=False)
+        self.assertIn("Mounting volume... OK", result.stdout)
+        self.assertIn("Processing of $MFT and $MFTMirr completed successfully", result.stdout)
+        self.assertIn(result.stdout.split("Checking the alternate boot sector... ")[1].split()[0], ("OK", "BAD"))
+        images.run_tool("ntfsinfo", "--mft", path)
+
+    def test_onto_a_volume_of_another_size(self):
+        """Also a first sector with the same code, so that its second copy at the volume's end is still one."""
+        for same_first_sector in (True, False):
+            with self.subTest(same_first_sector=same_first_sector):
+                source, content = self.source(same_first_sector)
+                file = self.path(f"saved{same_first_sector}.vbr")
+                self.vorlix_ok("vbr", "save", source, file)
+                target = self.target()
+                self.assertNotEqual(samples.read(target, 0, PARAMETERS), samples.read(source, 0, PARAMETERS))
+                before = self.copy_of(target)
+                probed = tools.blkid_probe(target, 0, os.path.getsize(target))
+                result = self.vorlix_ok("vbr", "restore", file, target)
+                self.assertIn(target, result.stdout)
+                self.assert_restored(target, before, content)
+                self.assertEqual(tools.blkid_probe(target, 0, os.path.getsize(target)), probed)
+                self.assert_sound(target)
+                if same_first_sector:
+                    images.run_tool("ntfsfix", "--no-action", target)
+
+    def test_onto_a_slice_leaves_the_rest_of_the_disk(self):
+        disk = volumes.make_mac(self.path("mac.img"))
+        samples.place(disk, ntfs_template(SOURCE_SECTORS), volumes.WINDOWS.first)
+        self.give(disk)
+        before = self.copy_of(disk)
+        content = boot_code(7)
+        self.vorlix_ok("vbr", "restore", self.saved(), disk + "s3")
+        self.assert_restored(disk, before, content, volumes.WINDOWS.first * 512)
+        volume = self.path("volume")
+        with open(volume, "wb") as copy:
+            copy.write(samples.read(disk, volumes.WINDOWS.first * 512, SOURCE_SECTORS * 512))
+        self.assert_sound(volume)
+
+    def test_files_that_are_no_saved_boot_record(self):
+        target = self.target()
+        for size in (0, 446, SAVED - 1, SAVED + 1, BOOT_AREA, BOOT_AREA + 1):
+            with self.subTest(size=size):
+                file = self.saved(bytes(size))
+                self.refuse(target, ["vbr", "restore", file, target], file)
+        self.refuse(target, ["vbr", "restore", self.path("missing"), target], self.path("missing"), "No such file")
+        self.refuse(target, ["vbr", "restore", self.folder, target], self.folder)
+        closed = self.saved(name="closed")
+        os.chmod(closed, 0)
+        self.refuse(target, ["vbr", "restore", closed, target], closed, "Permission denied")
+
+    def test_volumes_that_are_not_ntfs(self):
+        file = self.saved()
+        fat = self.give(volumes.make_fat(self.path("fat.img"), 32))
+        zeros = self.file("zeros", bytes(BOOT_AREA))
+        disk = self.give(volumes.make_mac(self.path("mac.img")))
+        for device in (fat, zeros, disk, disk + "s1", disk + "s2"):
+            with self.subTest(device=device):
+                self.refuse(re.sub(r"s\d$", "", device), ["vbr", "restore", file, device], device, "NTFS")
+        with self.subTest(device="exFAT"):
+            exfat = self.file("exfat.img", bytes(4 << 20))
+            images.run_tool("mkfs.exfat", exfat)
+            self.refuse(exfat, ["vbr", "restore", file, exfat], exfat, "NTFS")
+
+    def test_devices_that_are_too_short_or_not_there(self):
+        file = self.saved()
+        for size in (0, 512, BOOT_AREA - 1):
+            with self.subTest(size=size):
+                device = self.file("device", samples.read(ntfs_template(SOURCE_SECTORS), 0, size))
+                self.refuse(device, ["vbr", "restore", file, device], device, "8192")
+        missing = self.path("missing")
+        self.vorlix_refuses("vbr", "restore", file, missing, saying=[missing, "No such file"])
+        self.assertFalse(os.path.exists(missing))
+
+    def test_a_volume_that_may_only_be_read(self):
+        target = self.target()
+        os.chmod(target, 0o444)
+        self.refuse(target, ["vbr", "restore", self.saved(), target], target, "nothing was written")
+
+    def test_a_dry_run_shows_the_bytes_and_writes_none(self):
+        target = self.target()
+        os.chmod(target, 0o444)
+        before = images.snapshot(target)
+        old = samples.read(target, 0, BOOT_AREA)
+        content = bytearray(old[PARAMETERS:])
+        content[0] ^= 0xFF  # offset 84
+        content[1000] ^= 0xFF  # offset 1084
+        content[-1] ^= 0xFF  # offset 8191
+        file = self.saved(bytes(content))
+        result = self.vorlix_run("vbr", "restore", file, target, "--dry-run", "--backup", self.path("saved"))
+        self.assertEqual(result.returncode, 1, result.stderr)
+        rows = re.findall(r"^ +([0-9A-F]+) +- ([0-9A-F ]+)\n +\+ ([0-9A-F ]+)$", result.stdout, re.MULTILINE)
+        self.assertEqual([int(row[0], 16) for row in rows], [80, 1072, 8176])
+        new = old[:PARAMETERS] + bytes(content)
+        for row, gone, come in rows:
+            at = int(row, 16)
+            self.assertEqual(bytes.fromhex(gone), old[at : at + 16])
+            self.assertEqual(bytes.fromhex(come), new[at : at + 16])
+        same = self.saved(old[PARAMETERS:], "same.vbr")
+        result = self.vorlix_run("vbr", "restore", same, target, "--dry-run")
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertIn("no byte would change", result.stdout)
+        self.assert_unchanged(target, before)
+        self.assertFalse(os.path.exists(self.path("saved")))
+
+    def test_what_was_replaced_can_be_put_back_exactly(self):
+        target = self.target()
+        original = images.content_hash(target)
+        folder = self.path("saved")
+        result = self.vorlix_ok("vbr", "restore", self.saved(), target, "--backup", folder)
+        self.assertNotEqual(images.content_hash(target), original)
+        self.assertEqual(os.listdir(folder), ["target.ntfs-0.bin"])
+        backup = os.path.join(folder, "target.ntfs-0.bin")
+        self.assertIn(backup, result.stdout)
+        self.assertEqual(os.path.getsize(backup), BOOT_AREA)
+        self.refuse(target, ["vbr", "restore", self.saved(bytes(SAVED)), target, "--backup", folder], "File exists")
+        images.run_tool("dd", "status=none", "conv=notrunc", f"if={backup}", f"of={target}")
+        self.assertEqual(images.content_hash(target), original)
+
+    def test_again_changes_nothing(self):
+        target = self.target()
+        file = self.saved()
+        self.vorlix_ok("vbr", "restore", file, target)
+        after = images.content_hash(target)
+        self.vorlix_ok("vbr", "restore", file, target)
+        self.assertEqual(images.content_hash(target), after)
+
+
+@unittest.skipIf(MISSING or NO_BIOS, f"not installed: {MISSING or NO_BIOS}")
+class Start(RecordTest):
+    """Saved boot code runs on another disk, with that volume's own parameters."""
+
+    EFI = Slice(1, 40, 2048, samples.EFI_SYSTEM, "EFI System Partition")
+    ORIGIN = Slice(3, 2088, 8192, samples.BASIC_DATA, "ORIGIN")
+    GOAL = Slice(3, 70000, 16384, samples.BASIC_DATA, "GOAL")
+
+    def disk(self, name, part):
+        path = self.path(name)
+        samples.make_disk(path, part.first + part.sectors + 64, (self.EFI, part))
+        volume = self.path(part.name)
+        samples.make_ntfs(volume, part.sectors, part.name)
+        if part is self.ORIGIN:
+            bios.make_system(volume, part.name)
+        samples.place(path, volume, part.first)
+        self.give(path)
+        return path
+
+    def test_restored_boot_code_starts_with_the_parameters_of_its_new_volume(self):
+        origin, goal = self.disk("origin.img", self.ORIGIN), self.disk("goal.img", self.GOAL)
+        file = self.path("saved.vbr")
+        self.vorlix_ok("vbr", "save", origin + "s3", file)
+
+        self.assertNotIn(b"volume ORIGIN", samples.read(goal, self.GOAL.first * 512, BOOT_AREA))
+        self.vorlix_ok("vbr", "restore", file, goal + "s3")
+        self.vorlix_ok("hybrid", goal, "--boot-code", samples.syslinux_mbr(), "--partition", 3)
+        text, ended = bios.start(goal, self.folder)
+        self.assertEqual(bios.started_volumes(text), [("ORIGIN", f"{self.GOAL.first:08X}")], text)
+        self.assertEqual(ended, bios.ENDED_BY_VOLUME)
+
+
+@unittest.skipUnless(volumes.IS_ROOT, "loop devices and mounting NTFS need root")
+@unittest.skipIf(MISSING, f"not installed: {MISSING}")
+class AsRoot(RecordTest):
+    AS_ROOT = True
+
+    def mounted(self, device):
+        """Mounts a device by ntfs-3g; unmounted in any case."""
+        if not os.path.exists("/dev/fuse") or volumes.missing("ntfs-3g"):
+            self.skipTest("no ntfs-3g or no /dev/fuse on this machine")
+        place = self.path("mounted")
+        os.mkdir(place)
+        images.run_tool("ntfs-3g", device, place)
+        self.addCleanup(subprocess.run, [images.tool("umount"), "--lazy", place], capture_output=True, check=False)
+        return place
+
+    def test_a_loop_device(self):
+        source, content = self.source()
+        target = self.target()
+        before = self.copy_of(target)
+        file = self.path("saved.vbr")
+        with tools.loop_device(source, 512) as device:
+            self.vorlix_ok("vbr", "save", device, file)
+        with tools.loop_device(target, 512) as device:
+            self.vorlix_ok("vbr", "restore", file, device)
+        self.assert_restored(target, before, content)
+
+    def test_a_mounted_volume_is_unmounted_first(self):
+        target = self.target()
+        with tools.loop_device(target, 512) as device:
+            place = self.mounted(device)
+            self.assertTrue(os.path.ismount(place))
+            result = self.vorlix_run("vbr", "restore", self.saved(), device)
+            self.assertEqual(result.returncode, 0, result.stderr)
+            self.assertFalse(os.path.ismount(place))
+        self.assertEqual(samples.read(target, PARAMETERS, SAVED), boot_code(7))
+        images.run_tool("ntfsinfo", "--mft", target)
+
+    def test_a_mounted_volume_in_use_is_left_alone(self):
+        target = self.target()
+        with tools.loop_device(target, 512) as device:
+            place = self.mounted(device)
+            boot_area = samples.read(device, 0, BOOT_AREA)
+            with open(os.path.join(place, "open"), "wb"):
+                self.vorlix_refuses("vbr", "restore", self.saved(), device, saying=[device, "nothing was written"])
+                self.assertTrue(os.path.ismount(place))
+            self.assertEqual(samples.read(device, 0, BOOT_AREA), boot_area)
+            images.run_tool("umount", place)
+
+    def test_a_write_protected_device(self):
+        target = self.target()
+        before = images.snapshot(target)
+        with tools.loop_device(target, 512) as device:
+            images.run_tool("blockdev", "--setro", device)
+            try:
+                self.vorlix_refuses("vbr", "restore", self.saved(), device, saying=[device, "nothing was written"])
+                self.vorlix_ok("boot-code", "save", device, self.path("saved.mbr"))
+            finally:  # the loop device keeps it for the next file
+                images.run_tool("blockdev", "--setrw", device)
+        self.assert_unchanged(target, before)
+
+
+if __name__ == "__main__":
+    images.main()
