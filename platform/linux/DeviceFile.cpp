@@ -3,10 +3,12 @@
 
 #include <fcntl.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "../posix/FileHandle.h"
 #include "BlockDevices.h"
+#include "DeviceFacts.h"
 #include "DiskLock.h"
 #include "OpenedDevice.h"
 
@@ -15,6 +17,11 @@ namespace vorlix {
 std::unique_ptr<DeviceHandle> LinuxDeviceFile::open(const std::string& path, DeviceAccess access, DeviceLock lock) {
   const std::optional<DeviceLocation> location = locateDevice(path);
   if (!location) return nullptr;
+  // A kernel lets root open a write-protected disk for writing and only refuses the writes.
+  if (access == DeviceAccess::readWrite && !location->isImage && isReadOnlyMedium(*location)) {
+    errno = EROFS;
+    return nullptr;
+  }
   std::shared_ptr<void> held;
   if (lock != DeviceLock::none) {
     held = lockWholeDisk(location->whole, lock);
