@@ -60,9 +60,11 @@ else()
 endif()
 
 # Run loop, mounting and file copies.
+list(APPEND VORLIX_SOURCES platform/posix/CopyRules.cpp)
 if(APPLE)
   list(APPEND VORLIX_SOURCES
        platform/macos/FileCopy.cpp
+       platform/macos/ImageDisk.cpp
        platform/macos/RunLoop.cpp)
 else()
   list(APPEND VORLIX_SOURCES

@@ -14,6 +14,7 @@
 #include <system_error>
 #include <vector>
 
+#include "../posix/CopyRules.h"
 #include "../posix/Descriptor.h"
 
 namespace vorlix {
@@ -26,10 +27,6 @@ using Failure = std::optional<std::string>;
 constexpr size_t kBufferSize = 256 * 1024;
 constexpr size_t kMostAtOnce = size_t{1} << 30;
 
-Failure failure(int error, const std::string& path) {
-  return std::generic_category().message(error) + ": " + path;
-}
-
 // Refusals of a file system that does not have the attribute, or of a user who may not set it.
 bool isNoFailure(int error) {
   return error == EPERM || error == EACCES || error == ENOTSUP || error == EOPNOTSUPP || error == ENOSYS ||
@@ -37,7 +34,8 @@ bool isNoFailure(int error) {
 }
 
 Failure attributeFailure(int result, const std::string& path) {
-  return result == 0 || isNoFailure(errno) ? std::nullopt : failure(errno, path);
+  if (result == 0 || isNoFailure(errno)) return std::nullopt;
+  return copyFailure(errno, path);
 }
 
 Failure copyExtendedAttributes(const std::string& source, const std::string& destination) {
@@ -81,12 +79,12 @@ Failure copyByReading(int from, int to, const std::string& source, const std::st
   for (;;) {
     const ssize_t got = read(from, buffer.data(), buffer.size());
     if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return failure(errno, source);
+    if (got < 0) return copyFailure(errno, source);
     if (got == 0) return std::nullopt;
     for (ssize_t done = 0; done < got;) {
       const ssize_t put = write(to, buffer.data() + done, static_cast<size_t>(got - done));
       if (put < 0 && errno == EINTR) continue;
-      if (put < 0) return failure(errno, destination);
+      if (put < 0) return copyFailure(errno, destination);
       done += put;
     }
   }
@@ -98,7 +96,7 @@ Failure copyContent(int from, int to, const std::string& source, const std::stri
   ssize_t moved = 0;
   do moved = copy_file_range(from, nullptr, to, nullptr, kMostAtOnce, 0);
   while (moved > 0 || (moved < 0 && errno == EINTR));
-  if (moved < 0 && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG)) return failure(errno, destination);
+  if (moved < 0 && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG)) return copyFailure(errno, destination);
   return copyByReading(from, to, source, destination);
 }
 
@@ -106,27 +104,27 @@ Failure copyFile(const std::string& source, const std::string& destination) {
   // Not blocking, in case a pipe took the file's place.
   const Descriptor from(open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat status = {};
-  if (!from || fstat(from.get(), &status) != 0) return failure(errno, source);
-  if (!S_ISREG(status.st_mode)) return failure(ENOTSUP, source);
+  if (!from || fstat(from.get(), &status) != 0) return copyFailure(errno, source);
+  if (!S_ISREG(status.st_mode)) return copyFailure(ENOTSUP, source);
   Descriptor to(open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  if (!to) return failure(errno, destination);
+  if (!to) return copyFailure(errno, destination);
   if (Failure failed = copyContent(from.get(), to.get(), source, destination)) return failed;
-  if (close(to.release()) != 0) return failure(errno, destination);  // some file systems write only now
+  if (close(to.release()) != 0) return copyFailure(errno, destination);  // some file systems write only now
   return copyAttributes(source, destination, status);
 }
 
 Failure copyLink(const std::string& source, const std::string& destination, const struct stat& status) {
   std::error_code error;
   const fs::path target = fs::read_symlink(source, error);
-  if (error) return failure(error.value(), source);
-  if (symlink(target.c_str(), destination.c_str()) != 0) return failure(errno, destination);
+  if (error) return copyFailure(error.value(), source);
+  if (symlink(target.c_str(), destination.c_str()) != 0) return copyFailure(errno, destination);
   return copyAttributes(source, destination, status);
 }
 
 // Closed before the contents are looked at, so that depth costs no descriptors.
 Failure namesIn(const std::string& folder, std::vector<std::string>& names) {
   const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(folder.c_str()), closedir);
-  if (!stream) return failure(errno, folder);
+  if (!stream) return copyFailure(errno, folder);
   for (;;) {
     errno = 0;
     const dirent* const entry = readdir(stream.get());
@@ -134,7 +132,7 @@ Failure namesIn(const std::string& folder, std::vector<std::string>& names) {
     const std::string name = entry->d_name;
     if (name != "." && name != "..") names.push_back(name);
   }
-  if (errno != 0) return failure(errno, folder);
+  if (errno != 0) return copyFailure(errno, folder);
   std::sort(names.begin(), names.end());
   return std::nullopt;
 }
@@ -144,7 +142,7 @@ Failure copyAny(const std::string& source, const std::string& destination);
 Failure copyFolder(const std::string& source, const std::string& destination, const struct stat& status) {
   std::vector<std::string> names;
   if (Failure failed = namesIn(source, names)) return failed;
-  if (mkdir(destination.c_str(), 0700) != 0) return failure(errno, destination);
+  if (mkdir(destination.c_str(), 0700) != 0) return copyFailure(errno, destination);
   for (const std::string& name : names) {
     if (Failure failed = copyAny(source + "/" + name, destination + "/" + name)) return failed;
   }
@@ -153,27 +151,11 @@ Failure copyFolder(const std::string& source, const std::string& destination, co
 
 Failure copyAny(const std::string& source, const std::string& destination) {
   struct stat status = {};
-  if (lstat(source.c_str(), &status) != 0) return failure(errno, source);
+  if (lstat(source.c_str(), &status) != 0) return copyFailure(errno, source);
   if (S_ISDIR(status.st_mode)) return copyFolder(source, destination, status);
   if (S_ISLNK(status.st_mode)) return copyLink(source, destination, status);
   if (S_ISREG(status.st_mode)) return copyFile(source, destination);
-  return failure(ENOTSUP, source);
-}
-
-std::string withoutTrailingSlashes(std::string path) {
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  return path;
-}
-
-// The copy would contain itself and never end.
-bool liesInside(const std::string& destination, const std::string& source) {
-  std::error_code error;
-  const fs::path outer = fs::canonical(source, error);
-  if (error) return false;
-  const fs::path parent = fs::path(destination).parent_path();
-  const fs::path inner = fs::canonical(parent.empty() ? fs::path(".") : parent, error);
-  if (error) return false;
-  return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
+  return copyFailure(ENOTSUP, source);
 }
 
 }  // namespace
@@ -181,11 +163,7 @@ bool liesInside(const std::string& destination, const std::string& source) {
 std::optional<std::string> LinuxFileCopy::copyItem(const std::string& source, const std::string& destination) {
   const std::string from = withoutTrailingSlashes(source);
   const std::string to = withoutTrailingSlashes(destination);
-  struct stat status = {};
-  if (lstat(from.c_str(), &status) != 0) return failure(errno, from);
-  struct stat taken = {};
-  if (lstat(to.c_str(), &taken) == 0) return failure(EEXIST, to);
-  if (S_ISDIR(status.st_mode) && liesInside(to, from)) return failure(EINVAL, to);
+  if (Failure refused = copyRefusal(from, to)) return refused;
   return copyAny(from, to);
 }
 

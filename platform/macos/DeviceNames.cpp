@@ -12,6 +12,7 @@ namespace vorlix {
 namespace {
 
 constexpr std::string_view kDeviceFolder = "/dev/";
+constexpr std::string_view kPrefixedPath = "/dev//";
 constexpr std::string_view kRawDisk = "rdisk";
 
 bool startsWith(std::string_view text, std::string_view start) {
@@ -48,6 +49,8 @@ std::optional<DeviceLocation> locatePath(const std::string& path) {
 }  // namespace
 
 std::optional<DeviceLocation> locateDevice(const std::string& name) {
+  // An image file's BSD name is its absolute path, and callers put the folder before BSD names.
+  if (startsWith(name, kPrefixedPath)) return locatePath(name.substr(kDeviceFolder.size()));
   std::optional<DeviceLocation> found = locatePath(name);
   if (found || errno != ENOENT || name.empty() || name.find('/') != std::string::npos) return found;
   return locatePath(std::string(kDeviceFolder) + name);

@@ -2,82 +2,175 @@
 #include "DiskArbitration.h"
 
 #include <DiskArbitration/DiskArbitration.h>
-#include <fcntl.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
-#include "../posix/PartitionExtents.h"
 #include "CFOwned.h"
+#include "CFValue.h"
 #include "DeviceNames.h"
+#include "ImageDisk.h"
+#include "RunLoop.h"
 
 namespace vorlix {
 namespace {
 
-std::optional<int64_t> integerOf(CFDictionaryRef dictionary, CFStringRef key) {
-  const void* const value = CFDictionaryGetValue(dictionary, key);
-  if (value == nullptr || CFGetTypeID(value) != CFNumberGetTypeID()) return std::nullopt;
-  int64_t number = 0;
-  if (!CFNumberGetValue(static_cast<CFNumberRef>(value), kCFNumberSInt64Type, &number)) return std::nullopt;
-  return number;
+std::optional<Dissenter> dissenterFrom(DADissenterRef native) {
+  if (native == nullptr) return std::nullopt;
+  return Dissenter{DADissenterGetStatus(native), textFromCF(DADissenterGetStatusString(native)).value_or("")};
 }
+
+/// What a session and its disks share. It outlives the session where a disk does.
+class Connection : public std::enable_shared_from_this<Connection> {
+ public:
+  explicit Connection(CFOwned<DASessionRef> session) : session_(std::move(session)) {}
+
+  DASessionRef session() const { return session_.get(); }
+
+  /// Keeps a completion until Disk Arbitration answers. @return the context for its call, null for no completion.
+  void* await(DiskCompletion completion) {
+    if (!completion) return nullptr;
+    waiting_.push_back(std::make_unique<Waiting>(Waiting{weak_from_this(), std::move(completion)}));
+    return waiting_.back().get();
+  }
+
+  /// The callback of every request. The completion may let go of the session.
+  static void answer(DADiskRef, DADissenterRef dissenter, void* context) {
+    const auto* const waiting = static_cast<const Waiting*>(context);
+    const std::shared_ptr<Connection> self = waiting->connection.lock();
+    if (!self) return;
+    auto& all = self->waiting_;
+    const auto found = std::find_if(all.begin(), all.end(), [&](const auto& entry) { return entry.get() == waiting; });
+    if (found == all.end()) return;
+    const std::unique_ptr<Waiting> own = std::move(*found);
+    all.erase(found);
+    own->completion(dissenterFrom(dissenter));
+  }
+
+ private:
+  struct Waiting {
+    std::weak_ptr<Connection> connection;
+    DiskCompletion completion;
+  };
+
+  CFOwned<DASessionRef> session_;
+  std::vector<std::unique_ptr<Waiting>> waiting_;
+};
 
 class ArbitratedDisk final : public Disk {
  public:
-  explicit ArbitratedDisk(CFOwned<DADiskRef> disk) : disk_(std::move(disk)) {}
+  ArbitratedDisk(CFOwned<DADiskRef> disk, std::shared_ptr<Connection> connection)
+      : connection_(std::move(connection)), disk_(std::move(disk)) {}
+
+  std::optional<std::string> bsdName() override {
+    const char* const name = DADiskGetBSDName(disk_.get());
+    if (name == nullptr) return std::nullopt;
+    return std::string(name);
+  }
 
   std::optional<Dictionary> copyDescription() override {
     const CFOwned<CFDictionaryRef> native(DADiskCopyDescription(disk_.get()));
     if (!native) return std::nullopt;
-    Dictionary description;
-    if (const auto blockSize = integerOf(native.get(), kDADiskDescriptionMediaBlockSizeKey)) {
-      description.set(kDescriptionMediaBlockSize, *blockSize);
+    return dictionaryFromCF(native.get());
+  }
+
+  std::shared_ptr<Disk> wholeDisk() override {
+    CFOwned<DADiskRef> whole(DADiskCopyWholeDisk(disk_.get()));
+    if (!whole) return nullptr;
+    return std::make_shared<ArbitratedDisk>(std::move(whole), connection_);
+  }
+
+  void mount(const std::vector<std::string>& arguments, DiskCompletion completion) override {
+    std::vector<CFOwned<CFStringRef>> owned;
+    std::vector<CFStringRef> list;
+    for (const std::string& argument : arguments) {
+      owned.push_back(stringToCF(argument));
+      if (owned.back()) list.push_back(owned.back().get());
     }
-    return description;
+    list.push_back(nullptr);
+    void* const context = connection_->await(std::move(completion));
+    DADiskMountWithArguments(disk_.get(), nullptr, kDADiskMountOptionDefault,
+                             context == nullptr ? nullptr : Connection::answer, context, list.data());
+  }
+
+  void unmount(DiskCompletion completion) override {
+    void* const context = connection_->await(std::move(completion));
+    DADiskUnmount(disk_.get(), kDADiskUnmountOptionDefault, context == nullptr ? nullptr : Connection::answer, context);
   }
 
  private:
+  std::shared_ptr<Connection> connection_;
   CFOwned<DADiskRef> disk_;
-};
-
-class ImageDisk final : public Disk {
- public:
-  explicit ImageDisk(std::string path) : path_(std::move(path)) {}
-
-  std::optional<Dictionary> copyDescription() override {
-    const std::optional<DeviceLocation> location = locateDevice(path_);
-    if (!location || !location->isImage) return std::nullopt;
-    Dictionary description;
-    const int descriptor = open(location->path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (descriptor < 0) return description;  // known to be there, but not to be read
-    description.set(kDescriptionMediaBlockSize, int64_t{imageBlockSize(descriptor)});
-    close(descriptor);
-    return description;
-  }
-
- private:
-  std::string path_;
 };
 
 class MacSession final : public DiskArbitrationSession {
  public:
-  explicit MacSession(CFOwned<DASessionRef> session) : session_(std::move(session)) {}
+  explicit MacSession(CFOwned<DASessionRef> session) : connection_(std::make_shared<Connection>(std::move(session))) {}
+  ~MacSession() override {
+    for (const Place& place : places_) leave(place.loop.get(), place.mode.get());
+  }
+  MacSession(const MacSession&) = delete;
+  MacSession& operator=(const MacSession&) = delete;
 
   std::shared_ptr<Disk> diskFromBSDName(const std::string& name) override {
     const std::optional<DeviceLocation> location = locateDevice(name);
-    if (location && location->isImage) return std::make_shared<ImageDisk>(name);
+    if (location && location->isImage) return imageDisk(*location, answers_);
     const std::optional<std::string> bare = arbitrationName(name);
     if (!bare) return nullptr;
-    CFOwned<DADiskRef> disk(DADiskCreateFromBSDName(kCFAllocatorDefault, session_.get(), bare->c_str()));
-    if (!disk) return nullptr;
-    // The framework makes an object of any name; only a description tells that there is such a disk.
-    const CFOwned<CFDictionaryRef> description(DADiskCopyDescription(disk.get()));
-    if (!description) return nullptr;
-    return std::make_shared<ArbitratedDisk>(std::move(disk));
+    return known(DADiskCreateFromBSDName(kCFAllocatorDefault, connection_->session(), bare->c_str()));
+  }
+
+  std::shared_ptr<Disk> diskFromVolumePath(const URL& path) override {
+    const CFOwned<CFTypeRef> native = valueToCF(path);
+    if (!native) return nullptr;
+    return known(
+        DADiskCreateFromVolumePath(kCFAllocatorDefault, connection_->session(), static_cast<CFURLRef>(native.get())));
+  }
+
+  void schedule(RunLoop& loop, const std::string& mode) override {
+    CFOwned<CFStringRef> name = stringToCF(mode);
+    if (!name) return;
+    CFRunLoopRef const native = static_cast<MacRunLoop&>(loop).native();
+    DASessionScheduleWithRunLoop(connection_->session(), native, name.get());
+    answers_->schedule(native, name.get());
+    CFRetain(native);
+    places_.push_back({CFOwned<CFRunLoopRef>(native), std::move(name)});
+  }
+
+  void unschedule(RunLoop& loop, const std::string& mode) override {
+    const CFOwned<CFStringRef> name = stringToCF(mode);
+    CFRunLoopRef const native = static_cast<MacRunLoop&>(loop).native();
+    const auto found = std::find_if(places_.begin(), places_.end(), [&](const Place& place) {
+      return name && place.loop.get() == native && CFEqual(place.mode.get(), name.get());
+    });
+    if (found == places_.end()) return;
+    leave(native, name.get());
+    places_.erase(found);
   }
 
  private:
-  CFOwned<DASessionRef> session_;
+  struct Place {
+    CFOwned<CFRunLoopRef> loop;
+    CFOwned<CFStringRef> mode;
+  };
+
+  // The framework makes an object of any name; only a description tells that there is such a disk.
+  std::shared_ptr<Disk> known(DADiskRef created) const {
+    CFOwned<DADiskRef> disk(created);
+    if (!disk) return nullptr;
+    const CFOwned<CFDictionaryRef> description(DADiskCopyDescription(disk.get()));
+    if (!description) return nullptr;
+    return std::make_shared<ArbitratedDisk>(std::move(disk), connection_);
+  }
+
+  void leave(CFRunLoopRef loop, CFStringRef mode) const {
+    DASessionUnscheduleFromRunLoop(connection_->session(), loop, mode);
+    answers_->unschedule(loop, mode);
+  }
+
+  std::shared_ptr<Connection> connection_;
+  std::shared_ptr<LocalAnswers> answers_ = std::make_shared<LocalAnswers>();
+  std::vector<Place> places_;
 };
 
 }  // namespace

@@ -3,7 +3,9 @@
 
 #include "DeviceFile.h"
 #include "DiskArbitration.h"
+#include "FileCopy.h"
 #include "IORegistry.h"
+#include "RunLoop.h"
 
 namespace vorlix {
 
@@ -11,7 +13,9 @@ Platform nativePlatform() {
   Platform native;
   native.deviceFile = std::make_shared<MacDeviceFile>();
   native.diskArbitration = std::make_shared<MacDiskArbitration>();
+  native.runLoops = std::make_shared<MacRunLoops>();
   native.ioRegistry = std::make_shared<MacIORegistry>();
+  native.fileCopy = std::make_shared<MacFileCopy>();
   return native;
 }
 

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "FileCopy.h"
+
+#include <copyfile.h>
+
+#include <cerrno>
+#include <memory>
+#include <type_traits>
+
+#include "../posix/CopyRules.h"
+
+namespace vorlix {
+namespace {
+
+struct StateDeleter {
+  void operator()(copyfile_state_t state) const { copyfile_state_free(state); }
+};
+using State = std::unique_ptr<std::remove_pointer_t<copyfile_state_t>, StateDeleter>;
+
+// The first failure: once a copy is called off, the system's call only says that it was.
+struct FirstFailure {
+  int error = 0;
+  std::string path;
+};
+
+int noteFailure(int, int stage, copyfile_state_t, const char* source, const char*, void* context) {
+  if (stage != COPYFILE_ERR) return COPYFILE_CONTINUE;
+  auto& first = *static_cast<FirstFailure*>(context);
+  first.error = errno;
+  if (source != nullptr) first.path = source;
+  return COPYFILE_QUIT;
+}
+
+}  // namespace
+
+std::optional<std::string> MacFileCopy::copyItem(const std::string& source, const std::string& destination) {
+  const std::string from = withoutTrailingSlashes(source);
+  const std::string to = withoutTrailingSlashes(destination);
+  if (auto refused = copyRefusal(from, to)) return refused;
+  const State state(copyfile_state_alloc());
+  if (!state) return copyFailure(ENOMEM, from);
+  FirstFailure first;
+  copyfile_callback_t const callback = noteFailure;
+  copyfile_state_set(state.get(), COPYFILE_STATE_STATUS_CB, reinterpret_cast<const void*>(callback));
+  copyfile_state_set(state.get(), COPYFILE_STATE_STATUS_CTX, &first);
+  constexpr copyfile_flags_t kHow = COPYFILE_ALL | COPYFILE_RECURSIVE | COPYFILE_NOFOLLOW | COPYFILE_EXCL;
+  if (copyfile(from.c_str(), to.c_str(), state.get(), kHow) == 0) return std::nullopt;
+  const int error = errno;
+  if (first.error == 0) return copyFailure(error, from);
+  return copyFailure(first.error, first.path.empty() ? from : first.path);
+}
+
+}  // namespace vorlix
