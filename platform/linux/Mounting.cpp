@@ -68,16 +68,19 @@ Refusal mountUnmounted(const DeviceLocation& location, const OpenedDevice& devic
   if (!facts) return Dissenter{kDissentUnsupported, "holds no file system that is known here"};
   if (options.readWrite && isReadOnlyMedium(location)) return dissenterFor(EROFS, location.whole);
   const bool isFAT = facts->kind == "msdos";
-  Refusal refusal;
   if (geteuid() == 0) {
-    refusal = mountWithKernel(location, device, *facts, options);
+    Refusal refusal = mountWithKernel(location, device, *facts, options);
     const bool mayMirror =
         isFAT && refusal && refusal->status != kDissentBusy && refusal->status != kDissentNotWritable;
     if (!mayMirror) return refusal;
   } else if (!isFAT) {
     return Dissenter{kDissentNotPrivileged, "only the super-user can mount a volume of kind " + facts->kind};
   }
-  return mountMirror(location, device, folderNameFor(location, *facts), isReadOnlyMedium(location));
+  const bool readOnly = isReadOnlyMedium(location) || access(location.node.c_str(), W_OK) != 0;
+  if (options.readWrite && readOnly) {
+    return Dissenter{kDissentNotWritable, location.node + " cannot be written by this user"};
+  }
+  return mountMirror(location, device, folderNameFor(location, *facts), readOnly);
 }
 
 // What is known of mounts of a volume.

@@ -32,16 +32,17 @@ class KernelMounts : public testing::Test {
 
   void makeExt4() const {
     writeImage(image_, {}, 16 << 20);
-    shell("mkfs.ext4 -q -L 'Linux volume' -U 01234567-89ab-cdef-0123-456789abcdef '" + image_ + "'");
+    shell("mkfs.ext4 -q -L '" + label_ + "' -U 01234567-89ab-cdef-0123-456789abcdef '" + image_ + "'");
   }
   void makeNTFS() const {
     writeImage(image_, {}, 16 << 20);
-    shell("mkntfs -F -q -L 'Win C' '" + image_ + "'");
+    shell("mkntfs -F -q -L '" + label_ + "' '" + image_ + "'");
   }
   std::string attach(const std::string& options = "") {
     devices_.push_back(shell("losetup --show --find " + options + " '" + image_ + "'"));
     return devices_.back();
   }
+  std::string folder() const { return "/run/vorlix/" + label_; }
   std::string mounted(const std::string& name) const { return mountPath(ports_, name); }
 
   /// A loop device is let go by the kernel some time after the unmount.
@@ -57,6 +58,7 @@ class KernelMounts : public testing::Test {
 
   TemporaryFolder folder_;
   const std::string image_ = folder_ / "disk.img";
+  const std::string label_ = "Vol " + std::to_string(getpid());  // tests may run side by side
   const Platform ports_ = nativePlatform();
   std::vector<std::string> devices_;
 };
@@ -66,7 +68,7 @@ TEST_F(KernelMounts, ABlockDeviceIsMountedInAFolderNamedAfterItsLabel) {
   const std::string device = attach();
   ASSERT_TRUE(granted(mountNow(ports_, device, {"rw"})));
   const std::string path = mounted(device);
-  EXPECT_EQ(path, "/run/vorlix/Linux volume");
+  EXPECT_EQ(path, folder());
   EXPECT_EQ(shell("findmnt --noheadings --output SOURCE,FSTYPE '" + path + "'"), device + " ext4");
   const std::string options = shell("findmnt --noheadings --output OPTIONS '" + path + "'");
   for (const char* option : {"rw", "nosuid", "nodev"}) EXPECT_NE(options.find(option), std::string::npos) << options;
@@ -83,7 +85,7 @@ TEST_F(KernelMounts, AVolumeIsDescribed) {
   const auto description = describe(ports_, device);
   ASSERT_TRUE(description.has_value());
   EXPECT_EQ(description->text(kDescriptionVolumeKind), "ext4");
-  EXPECT_EQ(description->text(kDescriptionVolumeName), "Linux volume");
+  EXPECT_EQ(description->text(kDescriptionVolumeName), label_);
   EXPECT_EQ(description->uuid(kDescriptionVolumeUUID), UUID::fromText("01234567-89AB-CDEF-0123-456789ABCDEF"));
   EXPECT_EQ(description->text(kDescriptionMediaBSDName), device.substr(5));
   EXPECT_EQ(description->integer(kDescriptionMediaSize), 16 << 20);
@@ -210,7 +212,7 @@ TEST_F(KernelMounts, ADamagedFileSystemIsRefusedAndLeavesNothingBehind) {
   EXPECT_TRUE(answer.has_value());
   EXPECT_EQ(statusOf(answer), kDissentUnsupported) << textOf(answer);
   EXPECT_EQ(mounted(device), "");
-  EXPECT_FALSE(fs::exists("/run/vorlix/Linux volume"));
+  EXPECT_FALSE(fs::exists(folder()));
 }
 
 TEST_F(KernelMounts, NTFSIsMountedByItsHelper) {
@@ -220,7 +222,7 @@ TEST_F(KernelMounts, NTFSIsMountedByItsHelper) {
   makeNTFS();
   ASSERT_TRUE(granted(mountNow(ports_, image_, {"nobrowse", "rw"})));
   const std::string path = mounted(image_);
-  EXPECT_EQ(path, "/run/vorlix/Win C");
+  EXPECT_EQ(path, folder());
   EXPECT_EQ(describe(ports_, image_)->text(kDescriptionVolumeKind), "ntfs");
   writeText(path + "/new.txt", "new");
   {
@@ -247,7 +249,7 @@ TEST_F(KernelMounts, AHibernatedNTFSIsNotMountedForWritingAndSaysSo) {
 
   EXPECT_TRUE(refused(mountNow(ports_, device, {"rw"}), kDissentNotWritable, "hibernated"));
   EXPECT_EQ(mounted(device), "");
-  EXPECT_FALSE(fs::exists("/run/vorlix/Win C"));
+  EXPECT_FALSE(fs::exists(folder()));
   ASSERT_TRUE(granted(mountNow(ports_, device))) << "for reading it is as good as any";
   EXPECT_FALSE(std::ofstream(mounted(device) + "/new.txt").is_open());
   EXPECT_TRUE(granted(unmountNow(ports_, device)));

@@ -2,6 +2,8 @@
 //
 // FAT volumes of image files, mounted by an ordinary user as mirrors. What is on the volumes afterwards is read by
 // mtools and checked by fsck.vfat.
+#include <sys/mman.h>
+
 #include "contract/Volumes.h"
 
 namespace vorlix::contract {
@@ -312,6 +314,12 @@ TEST_F(MirroredVolume, AnOpenFileAMappedOneAndACurrentFolderKeepItBusy) {
     const int descriptor = open((path + "/EFI").c_str(), O_RDONLY | O_DIRECTORY);
     EXPECT_TRUE(refused(unmountIt(), kDissentBusy, "in use"));
     close(descriptor);
+    const int file = open((path + "/readme.txt").c_str(), O_RDONLY);
+    void* const mapped = mmap(nullptr, 7, PROT_READ, MAP_SHARED, file, 0);
+    close(file);
+    ASSERT_NE(mapped, MAP_FAILED);
+    EXPECT_TRUE(refused(unmountIt(), kDissentBusy, "in use"));
+    munmap(mapped, 7);
     EXPECT_EQ(mounted(), path);
     EXPECT_EQ(readText(path + "/new.txt"), "new");
     EXPECT_TRUE(granted(unmountIt()));
