@@ -45,7 +45,8 @@ void setUp(const LegacyBootOptions& options) {
   std::printf("%s", log.text().c_str());
   if (result != 0) {
     std::fflush(stdout);
-    throw Failure(folder, "a copy failed", "what was copied before stays; a second run goes on from there");
+    throw Failure(folder, "a copy failed",
+                  "what was copied stays; remove what is incomplete, since a second run passes over all that is there");
   }
 }
 
