@@ -1,0 +1,394 @@
+# SPDX-License-Identifier: Apache-2.0
+"""`vorlix legacy-boot`: the files that Windows needs for legacy start, in folders, on FAT and on NTFS volumes."""
+
+import itertools
+import os
+import shutil
+import subprocess
+import unittest
+
+from support import images, samples, tools, volumes
+
+MISSING = volumes.missing("setpriv")
+NO_FAT = volumes.missing("mkfs.vfat", "fsck.vfat", "mcopy", "mmd")
+NO_NTFS = volumes.missing("mkntfs", "ntfs-3g", "ntfscat", "ntfsls", "ntfsfix", "losetup")
+
+PCAT = "Windows/Boot/PCAT"
+FONTS = "Windows/Boot/Fonts"
+MANAGER = "Windows/Boot/PCAT/bootmgr"
+
+STORE = bytes(range(256)) * 40
+
+# A Windows volume, as far as it matters here.
+WINDOWS_TREE = {
+    "Windows": None,
+    "Windows/Boot": None,
+    PCAT: None,
+    MANAGER: b"boot manager" * 3000,
+    "Windows/Boot/PCAT/memtest.exe": b"memory test",
+    "Windows/Boot/PCAT/de-DE": None,
+    "Windows/Boot/PCAT/de-DE/bootmgr.exe.mui": b"Meldungen",
+    "Windows/Boot/PCAT/empty": None,
+    FONTS: None,
+    "Windows/Boot/Fonts/wgl4_boot.ttf": bytes(5000),
+    "Windows/Boot/Fonts/segoe slboot.ttf": b"a font",
+    "Windows/System32": None,
+    "pagefile.sys": b"left alone",
+}
+
+
+def inside(tree, folder):
+    """The part of a tree in a folder, the folder itself under the empty name."""
+    found = {path[len(folder) + 1 :]: content for path, content in tree.items() if path.startswith(folder + "/")}
+    if folder in tree:
+        found[""] = tree[folder]
+    return found
+
+
+def copied(tree, source, target):
+    return {**tree, **{f"{target}/{path}".rstrip("/"): content for path, content in inside(tree, source).items()}}
+
+
+def set_up(tree):
+    """A tree after a set-up that did everything."""
+    tree = copied(copied(tree, PCAT, "boot"), FONTS, "boot/Fonts")
+    return {**tree, "boot/BCD": STORE, "bootmgr": tree[MANAGER]}
+
+
+class Expectation:
+    """The rules, followed on a tree in memory.
+
+    The sources are looked at in this order: PCAT, Fonts, the store, bootmgr. A missing one is passed over when the last
+    one that was there was a folder, and is otherwise copied, which ends in an error. What has its copy is passed over.
+    """
+
+    def __init__(self, folder, store, tree):
+        self.tree = dict(tree)
+        self.lines = [f"Setting up legacy booting to {folder}"]
+        self.succeeds = True
+        last_was_folder = False
+        for source, target in ((PCAT, "boot"), (FONTS, "boot/Fonts"), (None, "boot/BCD"), (MANAGER, "bootmgr")):
+            path = f"{folder}/{source}" if source else store
+            is_there = source is None or source in self.tree
+            if is_there:
+                last_was_folder = source is not None and self.tree[source] is None
+            elif last_was_folder:
+                self.lines.append(f"{path} does not exist, skipping")
+                continue
+            if target in self.tree:
+                continue
+            self.lines.append(f"copying {path} to {folder}/{target}")
+            parent = os.path.dirname(target)
+            if not is_there or (parent and self.tree.get(parent, b"") is not None):
+                self.lines.append(f"Error copying {path} to {folder}/{target} with error ")
+                self.succeeds = False
+                return
+            if source:
+                self.tree = copied(self.tree, source, target)
+            else:
+                self.tree[target] = STORE
+
+
+class LegacyBootTest(volumes.VolumeTest):
+    def setUp(self):
+        super().setUp()
+        self.store = self.file("prepared store", STORE)
+
+    def volume(self, tree, name="volume"):
+        """A folder with a tree, all of it the user's."""
+        folder = self.path(name)
+        self.fill(folder, tree)
+        return folder
+
+    def fill(self, folder, tree):
+        if not os.path.isdir(folder):
+            os.mkdir(folder)
+            self.give(folder)
+        for path, content in tree.items():
+            path = os.path.join(folder, path)
+            if content is None:
+                os.mkdir(path)
+            else:
+                with open(path, "wb") as file:
+                    file.write(content)
+            self.give(path)
+
+    def legacy_boot(self, volume, store=None):
+        return self.vorlix_run("legacy-boot", volume, "--bcd", store or self.store)
+
+    def set_up_ok(self, volume):
+        result = self.legacy_boot(volume)
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+        return result.stdout
+
+    def refuse(self, arguments, *saying):
+        """An error that says so; returns what was printed before it."""
+        result = self.vorlix_run("legacy-boot", *arguments)
+        self.assertEqual(result.returncode, 2, result.stdout + result.stderr)
+        for words in saying:
+            self.assertIn(words, result.stderr)
+        return result
+
+
+@unittest.skipIf(MISSING, f"not installed: {MISSING}")
+class InFolders(LegacyBootTest):
+    def assert_follows_rules(self, folder, tree, note):
+        expected = Expectation(folder, self.store, tree)
+        result = self.legacy_boot(folder)
+        self.assertEqual(result.returncode, 0 if expected.succeeds else 2, (note, result.stdout, result.stderr))
+        lines = result.stdout.splitlines()
+        self.assertEqual(len(lines), len(expected.lines), (note, result.stdout))
+        for line, wanted in zip(lines, expected.lines):
+            is_error = wanted.startswith("Error ")
+            self.assertEqual(line[: len(wanted)] if is_error else line, wanted, note)
+            self.assertTrue(not is_error or len(line) > len(wanted), "an error without a reason")
+        self.assertEqual(volumes.folder_tree(folder), expected.tree, note)
+
+    def test_everything_in_order(self):
+        folder = self.volume(WINDOWS_TREE)
+        output = self.set_up_ok(folder)
+        self.assertEqual(output.splitlines(), [
+            f"Setting up legacy booting to {folder}",
+            f"copying {folder}/Windows/Boot/PCAT to {folder}/boot",
+            f"copying {folder}/Windows/Boot/Fonts to {folder}/boot/Fonts",
+            f"copying {self.store} to {folder}/boot/BCD",
+            f"copying {folder}/Windows/Boot/PCAT/bootmgr to {folder}/bootmgr",
+        ])
+        tree = volumes.folder_tree(folder)
+        self.assertEqual(tree, set_up(WINDOWS_TREE))
+        self.assertEqual(tree["boot/BCD"], STORE)
+        self.assertEqual(tree["bootmgr"], b"boot manager" * 3000)
+        self.assertIn("boot/de-DE/bootmgr.exe.mui", tree)
+        self.assertEqual(samples.read(self.store, 0, 1 << 20), STORE)
+
+    def test_a_second_run_copies_nothing(self):
+        folder = self.volume(WINDOWS_TREE)
+        self.set_up_ok(folder)
+        before = {path: os.stat(os.path.join(folder, path)).st_mtime_ns for path in volumes.folder_tree(folder)}
+        self.assertEqual(self.set_up_ok(folder), f"Setting up legacy booting to {folder}\n")
+        after = {path: os.stat(os.path.join(folder, path)).st_mtime_ns for path in volumes.folder_tree(folder)}
+        self.assertEqual(after, before)
+
+    def test_a_volume_with_the_folder_in_capitals_is_left_alone(self):
+        for number, content in enumerate((None, b"also as a file")):
+            with self.subTest(content=content):
+                tree = {**WINDOWS_TREE, "BOOT": content}
+                folder = self.volume(tree, f"volume{number}")
+                output = self.set_up_ok(folder)
+                self.assertIn("set up already", output)
+                self.assertNotIn("copying", output)
+                self.assertEqual(volumes.folder_tree(folder), tree)
+
+    def test_the_rules_for_what_is_missing_in_all_combinations(self):
+        base = {"Windows": None, "Windows/Boot": None}
+        pcat = (
+            {},
+            {PCAT: b"a file"},
+            {PCAT: None, "Windows/Boot/PCAT/x": b"1"},
+            {PCAT: None, "Windows/Boot/PCAT/x": b"1", MANAGER: b"manager"},
+        )
+        fonts = ({}, {FONTS: b"a file"}, {FONTS: None, "Windows/Boot/Fonts/f": b"2"})
+        boot = (
+            {},
+            {"boot": None},
+            {"boot": None, "boot/Fonts": None},
+            {"boot": None, "boot/BCD": b"kept"},
+            {"boot": None, "boot/Fonts": None, "boot/BCD": b"kept"},
+            {"boot": b"a file"},
+        )
+        manager = ({}, {"bootmgr": b"kept"})
+        outcomes = set()
+        for number, parts in enumerate(itertools.product(pcat, fonts, boot, manager)):
+            tree = dict(base)
+            for part in parts:
+                tree.update(part)
+            folder = self.volume(tree, f"volume{number}")
+            self.assert_follows_rules(folder, tree, parts)
+            expected = Expectation(folder, self.store, tree)
+            outcomes.add((expected.succeeds, any("skipping" in line for line in expected.lines)))
+            shutil.rmtree(folder)
+        self.assertEqual(len(outcomes), 4)
+
+    def test_a_missing_fonts_folder_is_passed_over(self):
+        tree = {path: content for path, content in WINDOWS_TREE.items() if not path.startswith(FONTS)}
+        folder = self.volume(tree)
+        output = self.set_up_ok(folder)
+        self.assertIn(f"{folder}/Windows/Boot/Fonts does not exist, skipping\n", output)
+        found = volumes.folder_tree(folder)
+        self.assertNotIn("boot/Fonts", found)
+        self.assertEqual((found["boot/BCD"], found["bootmgr"]), (STORE, tree[MANAGER]))
+
+    def test_a_missing_boot_manager_ends_in_an_error(self):
+        tree = {path: content for path, content in WINDOWS_TREE.items() if path != MANAGER}
+        folder = self.volume(tree)
+        result = self.refuse([folder, "--bcd", self.store], folder, "a copy failed")
+        self.assertIn(f"Error copying {folder}/{MANAGER} to {folder}/bootmgr with error No such file", result.stdout)
+        found = volumes.folder_tree(folder)
+        self.assertNotIn("bootmgr", found)
+        self.assertEqual(found["boot/BCD"], STORE)
+
+    def test_a_copy_that_fails_half_way(self):
+        """What was copied stays. A second run would pass over the incomplete folder, so the message says to remove it."""
+        folder = self.volume(WINDOWS_TREE)
+        closed = os.path.join(folder, "Windows/Boot/Fonts/wgl4_boot.ttf")
+        os.chmod(closed, 0)
+        result = self.refuse([folder, "--bcd", self.store], folder, "a copy failed", "remove")
+        self.assertIn(f"Error copying {folder}/{FONTS} to {folder}/boot/Fonts with error Permission denied", result.stdout)
+        self.assertNotIn("prepared store", result.stdout)
+        os.chmod(closed, 0o644)
+        found = volumes.folder_tree(folder)
+        self.assertEqual(inside({path: found[path] for path in found if not path.startswith("boot/Fonts")}, "boot"),
+                         inside(WINDOWS_TREE, PCAT))
+        self.assertNotIn("boot/BCD", found)
+        self.assertNotIn("bootmgr", found)
+        self.assertTrue(set(inside(found, "boot/Fonts")) < set(inside(WINDOWS_TREE, FONTS)))
+        shutil.rmtree(os.path.join(folder, "boot/Fonts"))
+        output = self.set_up_ok(folder)
+        self.assertNotIn("PCAT to", output)
+        self.assertEqual(volumes.folder_tree(folder), set_up(WINDOWS_TREE))
+
+    def test_a_volume_that_may_not_be_written(self):
+        folder = self.volume(WINDOWS_TREE)
+        os.chmod(folder, 0o555)
+        result = self.refuse([folder, "--bcd", self.store], folder, "a copy failed")
+        self.assertIn("Permission denied", result.stdout)
+        self.assertEqual(volumes.folder_tree(folder), WINDOWS_TREE)
+
+    def test_modes_times_and_links_are_copied(self):
+        folder = self.volume(WINDOWS_TREE)
+        manager = os.path.join(folder, MANAGER)
+        os.chmod(manager, 0o640)
+        os.utime(manager, ns=(10**18, 123456789 * 10**9))
+        link = os.path.join(folder, PCAT, "link")
+        os.symlink("bootmgr", link)
+        self.set_up_ok(folder)
+        for copy in ("bootmgr", "boot/bootmgr"):
+            status = os.stat(os.path.join(folder, copy))
+            self.assertEqual((status.st_mode & 0o7777, status.st_mtime_ns), (0o640, 123456789 * 10**9))
+        self.assertEqual(os.readlink(os.path.join(folder, "boot/link")), "bootmgr")
+
+    def test_paths_as_people_type_them(self):
+        for number, form in enumerate(("{}/", "{}//", "{}/Windows/..", "{}/.")):
+            with self.subTest(form=form):
+                folder = self.volume(WINDOWS_TREE, f"a volume {number}")
+                self.set_up_ok(form.format(folder))
+                self.assertEqual(volumes.folder_tree(folder), set_up(WINDOWS_TREE))
+        folder = self.volume(WINDOWS_TREE, "relative")
+        command = [*self.prefix(), self.vorlix, "legacy-boot", "relative", "--bcd", "prepared store"]
+        subprocess.run(command, cwd=self.folder, capture_output=True, check=True, timeout=60)
+        self.assertEqual(volumes.folder_tree(folder), set_up(WINDOWS_TREE))
+
+    def test_stores_and_volumes_that_are_not_there(self):
+        folder = self.volume(WINDOWS_TREE)
+        missing = self.path("missing")
+        for store in (missing, folder):
+            with self.subTest(store=store):
+                self.refuse([folder, "--bcd", store], store, "not a file")
+        self.refuse([folder], "--bcd")
+        self.refuse([missing, "--bcd", self.store], missing)
+        self.refuse([self.store, "--bcd", self.store], self.store, "not mounted")
+        self.assertEqual(volumes.folder_tree(folder), WINDOWS_TREE)
+
+
+@unittest.skipIf(MISSING or NO_FAT, f"not installed: {MISSING or NO_FAT}")
+class OnFAT(LegacyBootTest):
+    def fat(self, tree, name="windows.img"):
+        image = volumes.make_fat(self.path(name), 16, "WINDOWS")
+        volumes.put_tree(image, tree)
+        return self.give(image)
+
+    def test_a_mounted_volume_by_its_device_and_by_its_folder(self):
+        for by_device in (True, False):
+            with self.subTest(by_device=by_device):
+                image = self.fat(WINDOWS_TREE, f"{by_device}.img")
+                folder = self.mount(image, "--read-write")
+                output = self.set_up_ok(image if by_device else folder)
+                self.assertIn(f"copying {folder}/{PCAT} to {folder}/boot\n", output)
+                self.vorlix_ok("unmount", image)
+                self.assert_nothing_mounted()
+                self.assertEqual(volumes.read_tree(image), set_up(WINDOWS_TREE))
+                volumes.check_fat(image)
+                folder = self.mount(image, "--read-write")
+                self.assertNotIn("copying", self.set_up_ok(image))
+                self.vorlix_ok("unmount", image)
+                self.assertEqual(volumes.read_tree(image), set_up(WINDOWS_TREE))
+
+    def test_a_volume_with_the_folder_in_capitals(self):
+        tree = {**WINDOWS_TREE, "BOOT": None}
+        image = self.fat(tree)
+        before = images.snapshot(image)
+        self.mount(image, "--read-write")
+        self.assertIn("set up already", self.set_up_ok(image))
+        self.vorlix_ok("unmount", image)
+        self.assert_unchanged(image, before)
+
+    def test_a_volume_that_is_not_mounted(self):
+        image = self.fat(WINDOWS_TREE)
+        before = images.snapshot(image)
+        self.refuse([image, "--bcd", self.store], image, "not mounted")
+        self.assert_unchanged(image, before)
+
+
+@unittest.skipUnless(volumes.IS_ROOT, "needs root, to mount")
+class AsRoot(LegacyBootTest):
+    AS_ROOT = True
+
+    def mount_by_hand(self, *arguments):
+        """A mount that is undone in any case."""
+        place = self.path("mounted")
+        os.mkdir(place)
+        result = subprocess.run([*arguments, place], capture_output=True, text=True, timeout=60, check=False)
+        if result.returncode != 0:
+            self.skipTest(f"{arguments[0]}: {result.stderr.strip()}")
+        self.addCleanup(subprocess.run, [images.tool("umount"), "--lazy", place], capture_output=True, check=False)
+        return place
+
+    @unittest.skipIf(NO_NTFS, f"not installed: {NO_NTFS}")
+    @unittest.skipUnless(os.path.exists("/dev/fuse"), "no /dev/fuse on this machine")
+    def test_an_ntfs_volume(self):
+        image = self.path("windows.ntfs")
+        samples.make_ntfs(image, 32768, "WINDOWS")
+        with tools.loop_device(image, 512) as device:
+            place = self.mount_by_hand(images.tool("ntfs-3g"), device)
+            self.fill(place, WINDOWS_TREE)
+            output = self.set_up_ok(device)  # the volume by its device
+            self.assertIn(f"copying {place}/{PCAT} to {place}/boot\n", output)
+            self.assertNotIn("copying", self.set_up_ok(place))
+            images.run_tool("umount", place)
+            for path, content in set_up(WINDOWS_TREE).items():
+                if content is not None:
+                    read = subprocess.run([images.tool("ntfscat"), device, path], capture_output=True, timeout=60,
+                                          check=True)
+                    self.assertTrue(read.stdout == content, path)
+            listed = images.run_tool("ntfsls", "-p", "/boot", device).split("\n")
+            self.assertEqual(sorted(filter(None, listed)),
+                             sorted([".", "bootmgr", "memtest.exe", "de-DE", "empty", "Fonts", "BCD"]))
+        images.run_tool("ntfsfix", "--no-action", image)
+
+    def test_a_volume_that_is_full_half_way(self):
+        place = self.mount_by_hand(images.tool("mount"), "-t", "tmpfs", "-o", "size=256k,mode=755", "tmpfs")
+        self.fill(place, WINDOWS_TREE)
+        with open(os.path.join(place, "filler"), "wb") as file:
+            file.write(bytes((os.statvfs(place).f_bavail - 11) * os.statvfs(place).f_bsize))
+        result = self.refuse([place, "--bcd", self.store], place, "a copy failed")
+        self.assertIn("No space left on device", result.stdout)
+        found = volumes.folder_tree(place)
+        for path, content in WINDOWS_TREE.items():
+            self.assertTrue(found[path] == content, path)
+        os.remove(os.path.join(place, "filler"))
+        last = result.stdout.splitlines()[-1].removeprefix("Error copying ").split(" to ")[1].split(" with error ")[0]
+        subprocess.run(["rm", "-rf", last], check=True)
+        self.set_up_ok(place)
+        self.assertEqual(volumes.folder_tree(place), set_up(WINDOWS_TREE))
+
+    def test_a_volume_mounted_for_reading_only(self):
+        place = self.mount_by_hand(images.tool("mount"), "-t", "tmpfs", "-o", "size=1m,mode=755", "tmpfs")
+        self.fill(place, WINDOWS_TREE)
+        images.run_tool("mount", "-o", "remount,ro", place)
+        result = self.refuse([place, "--bcd", self.store], place, "a copy failed")
+        self.assertIn("Read-only file system", result.stdout)
+        self.assertEqual(volumes.folder_tree(place), WINDOWS_TREE)
+
+
+if __name__ == "__main__":
+    images.main()
