@@ -54,8 +54,8 @@ class DeviceFile {
   /// call waits for one. A process that already holds the lock of a disk shares it with itself; only an exclusive lock
   /// where it holds a shared one is refused.
   ///
-  /// @return the open device, or null with `errno` set: ENOENT for a slice that the disk does not have, EROFS for writing
-  /// to a write-protected one.
+  /// @return the open device, or null with `errno` set: ENOENT for a slice that the disk does not have, EROFS for
+  /// writing to a write-protected one.
   virtual std::unique_ptr<DeviceHandle> open(const std::string& path, DeviceAccess access, DeviceLock lock) = 0;
 };
 
