@@ -17,6 +17,8 @@ class MountWorld {
   virtual std::string kind() const { return "msdos"; }
   virtual bool isReal() const { return true; }
   std::string volume() const { return disk() + "s1"; }
+  /// Tests may run side by side, and folders are named after labels.
+  std::string label() const { return "EFI " + std::to_string(getpid()); }
 };
 
 class SimulatedMountWorld final : public MountWorld {
@@ -24,7 +26,7 @@ class SimulatedMountWorld final : public MountWorld {
   SimulatedMountWorld() {
     machine_.addDisk("disk0", 1 << 20, 512);
     machine_.addSlice("disk0", 1, 40, 100);
-    machine_.setVolume("disk0s1", {"msdos", "MAC EFI", std::nullopt, "/Volumes/MAC EFI"});
+    machine_.setVolume("disk0s1", {"msdos", label(), std::nullopt, "/Volumes/" + label()});
   }
   Platform ports() const override { return machine_.platform(); }
   std::string disk() const override { return "disk0"; }
@@ -36,7 +38,7 @@ class SimulatedMountWorld final : public MountWorld {
 
 class ImageMountWorld : public MountWorld {
  public:
-  ImageMountWorld() { makeFATImage(image(), 16, 16); }
+  ImageMountWorld() { makeFATImage(image(), 16, 16, label()); }
   Platform ports() const override { return nativePlatform(); }
   std::string disk() const override { return image(); }
 
@@ -239,7 +241,7 @@ TEST_P(MountingContract, TheDescriptionTellsOfTheVolume) {
   ASSERT_TRUE(description.has_value());
   EXPECT_EQ(description->text(kDescriptionVolumeKind), world_->kind());
   EXPECT_EQ(description->text(kDescriptionVolumeType), world_->kind());
-  EXPECT_EQ(description->text(kDescriptionVolumeName), "MAC EFI");
+  EXPECT_EQ(description->text(kDescriptionVolumeName), world_->label());
   EXPECT_EQ(description->boolean(kDescriptionVolumeMountable), true);
   EXPECT_FALSE(description->contains(kDescriptionVolumeUUID)) << "a FAT volume has a serial number only";
 }

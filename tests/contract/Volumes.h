@@ -124,16 +124,16 @@ inline void writeText(const std::string& path, const std::string& text) {
 constexpr uint64_t kVolumeOffset = 1024 * 1024;
 
 /// A disk image with a GPT of one slice, an EFI System Partition of `megabytes` with a FAT file system of 12, 16 or 32
-/// bits, called "MAC EFI", and with the files EFI/Boot/bootx64.efi ("boot code") and readme.txt ("read me"). Behind the
+/// bits, called `label`, and with the files EFI/Boot/bootx64.efi ("boot code") and readme.txt ("read me"). Behind the
 /// slice stand bytes 0xA5 to the end of the image.
-inline void makeFATImage(const std::string& path, int bits, int megabytes) {
+inline void makeFATImage(const std::string& path, int bits, int megabytes, const std::string& label = "MAC EFI") {
   const std::string count = std::to_string(megabytes);
   const uint64_t end = kVolumeOffset + static_cast<uint64_t>(megabytes) * 1024 * 1024;
   writeImage(path, {}, end + 1024 * 1024);
   shell("sgdisk --clear --new=1:2048:+" + count + "M --typecode=1:ef00 --change-name=1:'EFI system' '" + path + "'");
   const std::string clusters = bits == 32 ? " -s 1" : "";
-  shell("mkfs.vfat -F " + std::to_string(bits) + clusters + " -n 'MAC EFI' -i 1234ABCD --offset 2048 '" + path + "' " +
-        std::to_string(megabytes * 1024));
+  shell("mkfs.vfat -F " + std::to_string(bits) + clusters + " -n '" + label + "' -i 1234ABCD --offset 2048 '" + path +
+        "' " + std::to_string(megabytes * 1024));
   TemporaryFolder files;
   std::filesystem::create_directories(files / "EFI/Boot");
   writeText(files / "EFI/Boot/bootx64.efi", "boot code");
