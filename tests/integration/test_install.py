@@ -48,6 +48,18 @@ def declared_names(header):
     return names
 
 
+def exported_classes(header):
+    """Classes that a header marks as exported, qualified."""
+    text = without_comments(header.read_text())
+    qualifier = "vorlix::" if re.search(r"^namespace vorlix \{", text, re.MULTILINE) else ""
+    return {qualifier + name for name in re.findall(r"^class VORLIX_EXPORT (\w+)", text, re.MULTILINE)}
+
+
+def belongs_to(name, class_name):
+    """Whether a symbol is a member of a class, or what the language keeps about it."""
+    return re.match(rf"(?:(?:vtable|typeinfo|typeinfo name) for )?{re.escape(class_name)}(?:::|$)", name) is not None
+
+
 @unittest.skipIf(sys.platform == "darwin", "reads ELF files and compares with sfdisk, which this system does not have")
 @unittest.skipIf(MISSING, f"not installed: {', '.join(MISSING)}")
 class InstalledLibrary(unittest.TestCase):
@@ -193,10 +205,11 @@ class InstalledLibrary(unittest.TestCase):
         self.assertEqual(self.installed("include/**/*"), self.installed("include/Vorlix/**/*.h"))
 
     def test_the_shared_library_exports_what_the_headers_mark_and_nothing_else(self):
-        declared = set()
+        declared, classes = set(), set()
         for header in self.installed("include/**/*.h"):
             if header.name != "Export.h":
                 declared |= declared_names(self.prefix / header)
+                classes |= exported_classes(self.prefix / header)
         self.assertIn("update_mbr_and_partition", declared)
         self.assertIn("partition_maps", declared)
         self.assertIn("vorlix::setPlatform", declared)
@@ -212,6 +225,10 @@ class InstalledLibrary(unittest.TestCase):
         print(f"vague linkage, of the language's own library: {len(vague)} names")
         for name in sorted(vague):
             print("   ", name if len(name) <= 90 else name[:90] + "...")
+        for class_name in classes:
+            members = {name for name in strong if belongs_to(name, class_name)}
+            self.assertTrue(members, f"nothing of {class_name} is exported")
+            strong -= members
         self.assertEqual(strong, declared)
         self.assertEqual([name for name in vague if "vorlix" in name], [])
 
