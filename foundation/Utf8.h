@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+/// @file
+/// What the library asks of UTF-8 text.
+#pragma once
+
+#include <Vorlix/foundation/Export.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace vorlix {
+
+/// Whether the bytes are well-formed UTF-8 (Unicode 15, table 3-7): no overlong form, no surrogate, nothing beyond
+/// U+10FFFF, nothing cut short.
+VORLIX_EXPORT bool isUtf8(std::string_view bytes);
+
+/// The text with U+FFFD in place of each byte that is no part of well-formed UTF-8.
+VORLIX_EXPORT std::string repairedUtf8(std::string_view bytes);
+
+/// UTF-16 code units that well-formed text takes: one a character, two beyond U+FFFF.
+VORLIX_EXPORT size_t utf16Length(std::string_view text);
+
+}  // namespace vorlix
