@@ -1,0 +1,294 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/foundation/KeyedArchive.h>
+#include <Vorlix/foundation/Utf8.h>
+
+#include <algorithm>
+#include <map>
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+#include "Format.h"
+#include "PropertyList.h"
+
+namespace vorlix {
+namespace {
+
+using archive::kClassKey;
+
+constexpr uint64_t kAbsent = 0;
+
+// Text as the property list can hold it: well-formed, and without NUL, which would end it there.
+std::string storable(const std::string& text) {
+  std::string whole;
+  for (const char unit : repairedUtf8(text)) {
+    if (unit == '\0') {
+      whole += "\xEF\xBF\xBD";
+    } else {
+      whole += unit;
+    }
+  }
+  return whole;
+}
+
+plist_t textNode(const std::string& text) {
+  return plist_new_string(storable(text).c_str());
+}
+
+plist_t dataNode(const uint8_t* bytes, size_t count) {
+  return plist_new_data(reinterpret_cast<const char*>(bytes), count);
+}
+
+plist_t integerNode(int64_t value) {
+#if VORLIX_PLIST_SIGNED
+  return plist_new_int(value);
+#else
+  // Eight bytes in two's complement, as the format has it for all whole numbers.
+  return plist_new_uint(static_cast<uint64_t>(value));
+#endif
+}
+
+void appendGroups(Data& data, size_t number) {
+  for (; number >= 0x80; number >>= 7) data.push_back(static_cast<uint8_t>(number | 0x80));
+  data.push_back(static_cast<uint8_t>(number));
+}
+
+}  // namespace
+
+// The objects collected so far, and the dictionary that takes the entries now.
+class KeyedArchiver::State {
+ public:
+  State() { objects_.emplace_back(plist_new_string(archive::kNull)); }
+
+  void setInline(const std::string& key, plist_t value) {
+    plist_dict_set_item(underway_, archive::escapedKey(key).c_str(), value);
+  }
+  void setReference(const std::string& key, uint64_t object) { setInline(key, plist_new_uid(object)); }
+
+  uint64_t text(const std::string& text) {
+    return unique(texts_, text, [&]() -> uint64_t {
+      // Readers may take a bare text of this spelling for absent.
+      if (text == archive::kNull) {
+        return made({"NSString", "NSObject"},
+                    [&](plist_t object) { plist_dict_set_item(object, "NS.string", textNode(text)); });
+      }
+      return bare(textNode(text));
+    });
+  }
+  uint64_t data(const Data& data) {
+    return unique(data_, data, [&] { return bare(dataNode(data.data(), data.size())); });
+  }
+  uint64_t number(const Number& number) {
+    return unique(numbers_, number, [&] {
+      if (number.isBool()) return bare(plist_new_bool(number.boolValue()));
+      return bare(number.isDouble() ? plist_new_real(number.doubleValue()) : integerNode(number.longLongValue()));
+    });
+  }
+
+  uint64_t mutableText(const std::shared_ptr<const std::string>& text) {
+    return shared(text, {"NSMutableString", "NSString", "NSObject"},
+                  [&](plist_t object) { plist_dict_set_item(object, "NS.string", textNode(*text)); });
+  }
+  uint64_t mutableData(const std::shared_ptr<const Data>& data) {
+    return shared(data, {"NSMutableData", "NSData", "NSObject"}, [&](plist_t object) {
+      plist_dict_set_item(object, "NS.data", dataNode(data->data(), data->size()));
+    });
+  }
+
+  uint64_t uuid(const UUID& uuid) {
+    return made({"NSUUID", "NSObject"}, [&](plist_t object) {
+      plist_dict_set_item(object, "NS.uuidbytes", dataNode(uuid.bytes().data(), uuid.bytes().size()));
+    });
+  }
+  uint64_t url(const URL& url) {
+    return made({"NSURL", "NSObject"}, [&](plist_t object) {
+      plist_dict_set_item(object, "NS.base", plist_new_uid(kAbsent));
+      setMember(object, "NS.relative", text(archive::urlText(url)));
+    });
+  }
+  uint64_t attributedText(const AttributedString& styled) {
+    return made({"NSAttributedString", "NSObject"}, [&](plist_t object) {
+      setMember(object, "NSString", text(styled.string()));
+      if (styled.runs().size() == 1) {
+        setMember(object, "NSAttributes", dictionary(*styled.runs().front().attributes));
+      } else if (!styled.runs().empty()) {
+        setRuns(object, styled.runs());
+      }
+    });
+  }
+
+  uint64_t record(const std::shared_ptr<const Coding>& record, KeyedArchiver& coder) {
+    return shared(record, record->archiveClasses(), [&](plist_t object) {
+      const plist_t outer = std::exchange(underway_, object);
+      record->encodeWithCoder(coder);
+      underway_ = outer;
+    });
+  }
+
+  // The whole archive with this object as its root.
+  Data file(uint64_t root) {
+    const PropertyListOwner top(plist_new_dict());
+    plist_dict_set_item(top.get(), "$version", plist_new_uint(archive::kVersion));
+    plist_dict_set_item(top.get(), "$archiver", plist_new_string(archive::kArchiverName));
+    const plist_t roots = plist_new_dict();
+    plist_dict_set_item(roots, archive::kRootKey, plist_new_uid(root));
+    plist_dict_set_item(top.get(), "$top", roots);
+    const plist_t list = plist_new_array();
+    for (PropertyListOwner& object : objects_) plist_array_append_item(list, object.release());
+    plist_dict_set_item(top.get(), "$objects", list);
+
+    char* bytes = nullptr;
+    uint32_t size = 0;
+    plist_to_bin(top.get(), &bytes, &size);
+    if (bytes == nullptr) throw std::bad_alloc();
+    const std::unique_ptr<char, void (*)(char*)> owner(bytes, plist_to_bin_free);
+    return Data(bytes, bytes + size);
+  }
+
+ private:
+  // The place of an equal value that stands there already, or of a new one.
+  template <typename Value, typename Make>
+  uint64_t unique(std::map<Value, uint64_t>& known, const Value& value, Make make) {
+    const auto [found, added] = known.try_emplace(value);
+    if (added) found->second = make();
+    return found->second;
+  }
+
+  uint64_t bare(plist_t value) {
+    objects_.emplace_back(value);
+    return objects_.size() - 1;
+  }
+
+  // An object with members and a class. Its place is taken before those of its members.
+  template <typename Fill>
+  uint64_t made(const std::vector<std::string>& classes, Fill fill) {
+    const size_t place = objects_.size();
+    objects_.emplace_back(plist_new_dict());
+    const plist_t object = objects_[place].get();
+    fill(object);
+    setMember(object, kClassKey, classDescription(classes));
+    return place;
+  }
+
+  // The same, once for each instance. The instance is kept, so that no other can come to lie at its address.
+  template <typename Instance, typename Fill>
+  uint64_t shared(const std::shared_ptr<Instance>& instance, const std::vector<std::string>& classes, Fill fill) {
+    const auto [found, added] = places_.try_emplace(instance, objects_.size());
+    return added ? made(classes, fill) : found->second;
+  }
+
+  uint64_t classDescription(const std::vector<std::string>& classes) {
+    return unique(classes_, classes, [&] {
+      const plist_t description = plist_new_dict();
+      plist_dict_set_item(description, "$classname", plist_new_string(classes.front().c_str()));
+      const plist_t names = plist_new_array();
+      for (const std::string& name : classes) plist_array_append_item(names, plist_new_string(name.c_str()));
+      plist_dict_set_item(description, "$classes", names);
+      return bare(description);
+    });
+  }
+
+  static void setMember(plist_t object, const char* key, uint64_t member) {
+    plist_dict_set_item(object, key, plist_new_uid(member));
+  }
+
+  void setRuns(plist_t object, const std::vector<AttributedString::Run>& runs) {
+    std::vector<const Dictionary*> different;
+    const auto pairs = std::make_shared<Data>();
+    for (const AttributedString::Run& run : runs) {
+      const auto found = std::find_if(different.begin(), different.end(), [&](const Dictionary* known) {
+        return known->values() == run.attributes->values();
+      });
+      appendGroups(*pairs, run.length);
+      appendGroups(*pairs, static_cast<size_t>(found - different.begin()));
+      if (found == different.end()) different.push_back(run.attributes.get());
+    }
+    setMember(object, "NSAttributes", made({"NSMutableArray", "NSArray", "NSObject"}, [&](plist_t array) {
+                const plist_t list = plist_new_array();
+                plist_dict_set_item(array, "NS.objects", list);
+                for (const Dictionary* attributes : different) {
+                  plist_array_append_item(list, plist_new_uid(dictionary(*attributes)));
+                }
+              }));
+    setMember(object, "NSAttributeInfo", mutableData(pairs));
+  }
+
+  uint64_t dictionary(const Dictionary& values) {
+    return made({"NSDictionary", "NSObject"}, [&](plist_t object) {
+      const plist_t keys = plist_new_array();
+      const plist_t objects = plist_new_array();
+      plist_dict_set_item(object, "NS.keys", keys);
+      plist_dict_set_item(object, "NS.objects", objects);
+      for (const auto& [key, value] : values.values()) plist_array_append_item(keys, plist_new_uid(text(key)));
+      for (const auto& [key, value] : values.values()) {
+        plist_array_append_item(objects, plist_new_uid(std::visit([&](const auto& kind) { return any(kind); }, value)));
+      }
+    });
+  }
+
+  uint64_t any(bool value) { return number(Number::numberWithBool(value)); }
+  uint64_t any(int64_t value) { return number(Number::numberWithLongLong(value)); }
+  uint64_t any(const std::string& value) { return text(value); }
+  uint64_t any(const Data& value) { return data(value); }
+  uint64_t any(const UUID& value) { return uuid(value); }
+  uint64_t any(const URL& value) { return url(value); }
+  uint64_t any(const std::shared_ptr<const Dictionary>& value) { return value ? dictionary(*value) : kAbsent; }
+
+  std::vector<PropertyListOwner> objects_;
+  plist_t underway_ = nullptr;
+  std::map<std::string, uint64_t> texts_;
+  std::map<Data, uint64_t> data_;
+  std::map<Number, uint64_t> numbers_;
+  std::map<std::vector<std::string>, uint64_t> classes_;
+  std::map<std::shared_ptr<const void>, uint64_t> places_;
+};
+
+Data KeyedArchiver::archivedDataWithRootObject(const std::shared_ptr<const Coding>& root) {
+  State state;
+  KeyedArchiver coder(state);
+  Data file = state.file(root ? state.record(root, coder) : kAbsent);
+  if (file.size() > KeyedUnarchiver::kLargestArchive) throw std::length_error("the archive is too large");
+  return file;
+}
+
+void KeyedArchiver::encodeText(const std::optional<std::string>& text, const std::string& key) {
+  state_.setReference(key, text ? state_.text(*text) : kAbsent);
+}
+
+void KeyedArchiver::encodeMutableText(const std::shared_ptr<const std::string>& text, const std::string& key) {
+  state_.setReference(key, text ? state_.mutableText(text) : kAbsent);
+}
+
+void KeyedArchiver::encodeData(const std::optional<Data>& data, const std::string& key) {
+  state_.setReference(key, data ? state_.data(*data) : kAbsent);
+}
+
+void KeyedArchiver::encodeMutableData(const std::shared_ptr<const Data>& data, const std::string& key) {
+  state_.setReference(key, data ? state_.mutableData(data) : kAbsent);
+}
+
+void KeyedArchiver::encodeNumber(const std::optional<Number>& number, const std::string& key) {
+  state_.setReference(key, number ? state_.number(*number) : kAbsent);
+}
+
+void KeyedArchiver::encodeUUID(const std::optional<UUID>& uuid, const std::string& key) {
+  state_.setReference(key, uuid ? state_.uuid(*uuid) : kAbsent);
+}
+
+void KeyedArchiver::encodeURL(const std::optional<URL>& url, const std::string& key) {
+  state_.setReference(key, url ? state_.url(*url) : kAbsent);
+}
+
+void KeyedArchiver::encodeAttributedText(const std::optional<AttributedString>& text, const std::string& key) {
+  state_.setReference(key, text ? state_.attributedText(*text) : kAbsent);
+}
+
+void KeyedArchiver::encodeObject(const std::shared_ptr<const Coding>& object, const std::string& key) {
+  state_.setReference(key, object ? state_.record(object, *this) : kAbsent);
+}
+
+void KeyedArchiver::encodeBool(bool value, const std::string& key) {
+  state_.setInline(key, plist_new_bool(value));
+}
+
+}  // namespace vorlix

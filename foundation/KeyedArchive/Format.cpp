@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Format.h"
+
+#include <filesystem>
+#include <utility>
+
+namespace vorlix::archive {
+namespace {
+
+// Characters that a path in a URL holds as they are: unreserved, sub-delims but ";", which some readers take for the
+// start of parameters, ":", "@" and "/".
+constexpr std::string_view kPlain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~!$&'()*+,=:@/";
+constexpr std::string_view kScheme = "file:";
+
+int digitValue(char digit) {
+  if (digit >= '0' && digit <= '9') return digit - '0';
+  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
+  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
+  return -1;
+}
+
+std::optional<std::string> percentDecoded(std::string_view text) {
+  std::string path;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '%') {
+      path += text[i];
+      continue;
+    }
+    if (i + 2 >= text.size()) return std::nullopt;
+    const int high = digitValue(text[i + 1]);
+    const int low = digitValue(text[i + 2]);
+    if (high < 0 || low < 0) return std::nullopt;
+    path += static_cast<char>(high * 16 + low);
+    i += 2;
+  }
+  if (path.find('\0') != std::string::npos) return std::nullopt;
+  return path;
+}
+
+bool hasScheme(std::string_view text) {
+  const size_t colon = text.find(':');
+  return colon != std::string_view::npos && text.find_first_of("/?#") > colon;
+}
+
+// A folder's URL ends in a slash, its path does not.
+URL pathURL(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return URL::fileURLWithPath(std::move(path));
+}
+
+}  // namespace
+
+std::string urlText(const URL& url) {
+  constexpr const char* kDigits = "0123456789ABCDEF";
+  std::string text = "file://";
+  for (const char unit : url.path()) {
+    const auto byte = static_cast<uint8_t>(unit);
+    if (kPlain.find(unit) != std::string_view::npos) {
+      text += unit;
+    } else {
+      text += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
+    }
+  }
+  return text;
+}
+
+std::optional<URL> urlOfText(std::string_view text, const URL* base) {
+  text = text.substr(0, text.find_first_of("?#"));
+  const bool absolute = text.starts_with(kScheme);
+  if (absolute) {
+    text.remove_prefix(kScheme.size());
+    if (text.starts_with("//")) {
+      text.remove_prefix(2);
+      constexpr std::string_view kHere = "localhost";
+      if (text.starts_with(kHere)) text.remove_prefix(kHere.size());
+    }
+    if (!text.starts_with('/')) return std::nullopt;
+  } else if (hasScheme(text) || text.starts_with("//") || base == nullptr) {
+    return std::nullopt;
+  }
+  const auto path = percentDecoded(text);
+  if (!path) return std::nullopt;
+  if (absolute) return pathURL(*path);
+  if (path->empty()) return *base;
+  const std::filesystem::path above(base->path());
+  return pathURL((path->starts_with('/') ? std::filesystem::path(*path) : above.parent_path() / *path)
+                     .lexically_normal()
+                     .string());
+}
+
+}  // namespace vorlix::archive
