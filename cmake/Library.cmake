@@ -1,6 +1,27 @@
 # SPDX-License-Identifier: Apache-2.0
 # The library, compiled once and offered as a shared and as a static one, and the simulated machine for hosts' tests.
 
+# The record of a volume, and what it takes to archive it.
+set(VORLIX_RECORD_SOURCES
+    Vorlix/NSNumber+HumanReadable.cpp
+    Vorlix/QDVolume.cpp
+    Vorlix/QDVolume/Archive.cpp
+    Vorlix/QDVolume/Fields.cpp
+    Vorlix/QDVolume/SizeMeasurement.cpp
+    foundation/AttributedString.cpp
+    foundation/Base64.cpp
+    foundation/KeyedArchive/Archiver.cpp
+    foundation/KeyedArchive/Format.cpp
+    foundation/KeyedArchive/PropertyList.cpp
+    foundation/KeyedArchive/Unarchiver.cpp
+    foundation/NotificationCenter.cpp
+    foundation/Utf8.cpp)
+if(APPLE)
+  list(APPEND VORLIX_RECORD_SOURCES platform/macos/HostBundle.cpp)
+else()
+  list(APPEND VORLIX_RECORD_SOURCES platform/linux/HostBundle.cpp)
+endif()
+
 set(VORLIX_SOURCES
     Vorlix/QDSDiskFunctions/DeviceStreams.cpp
     Vorlix/QDSDiskFunctions/HybridMBR.cpp
@@ -116,9 +137,11 @@ target_include_directories(vorlix_headers INTERFACE
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 target_compile_features(vorlix_headers INTERFACE cxx_std_20)
 
-add_library(vorlix_objects OBJECT ${VORLIX_SOURCES})
+add_library(vorlix_objects OBJECT ${VORLIX_SOURCES} ${VORLIX_RECORD_SOURCES})
 target_link_libraries(vorlix_objects PUBLIC vorlix_headers ${VORLIX_SYSTEM_LIBRARIES})
 target_include_directories(vorlix_objects SYSTEM PRIVATE ${VORLIX_SYSTEM_INCLUDES})
+target_compile_definitions(vorlix_objects PRIVATE
+                           VORLIX_RESOURCE_FOLDER="${CMAKE_INSTALL_FULL_DATADIR}/vorlix")
 
 foreach(kind SHARED STATIC)
   string(TOLOWER ${kind} suffix)
@@ -143,3 +166,13 @@ add_library(vorlix_simulated STATIC
 target_link_libraries(vorlix_simulated PUBLIC vorlix_headers)
 set_target_properties(vorlix_simulated PROPERTIES EXPORT_NAME Simulated)
 add_library(Vorlix::Simulated ALIAS vorlix_simulated)
+
+# Property lists, the container of archives. The static library's users link it, too.
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET GLOBAL libplist-2.0)
+target_link_libraries(vorlix_objects PRIVATE PkgConfig::PLIST)
+target_link_libraries(vorlix_shared PRIVATE PkgConfig::PLIST)
+target_link_libraries(vorlix_static PRIVATE PkgConfig::PLIST)
+if(PLIST_VERSION VERSION_GREATER_EQUAL 2.3)
+  target_compile_definitions(vorlix_objects PRIVATE VORLIX_PLIST_SIGNED=1)
+endif()

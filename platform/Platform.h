@@ -16,6 +16,7 @@ namespace vorlix {
 class DeviceFile;
 class DiskArbitration;
 class FileCopy;
+class HostBundle;
 class IORegistry;
 class RunLoops;
 
@@ -26,6 +27,7 @@ struct Platform {
   std::shared_ptr<RunLoops> runLoops;
   std::shared_ptr<IORegistry> ioRegistry;
   std::shared_ptr<FileCopy> fileCopy;
+  std::shared_ptr<HostBundle> hostBundle;
 };
 
 /// The ports of the operating system that this library was built for.

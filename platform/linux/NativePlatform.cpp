@@ -4,6 +4,7 @@
 #include "DeviceFile.h"
 #include "DiskArbitration.h"
 #include "FileCopy.h"
+#include "HostBundle.h"
 #include "IORegistry.h"
 #include "RunLoop.h"
 
@@ -16,6 +17,7 @@ Platform nativePlatform() {
   native.runLoops = std::make_shared<LinuxRunLoops>();
   native.ioRegistry = std::make_shared<LinuxIORegistry>();
   native.fileCopy = std::make_shared<LinuxFileCopy>();
+  native.hostBundle = std::make_shared<LinuxHostBundle>();
   return native;
 }
 

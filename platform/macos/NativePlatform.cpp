@@ -4,6 +4,7 @@
 #include "DeviceFile.h"
 #include "DiskArbitration.h"
 #include "FileCopy.h"
+#include "HostBundle.h"
 #include "IORegistry.h"
 #include "RunLoop.h"
 
@@ -16,6 +17,7 @@ Platform nativePlatform() {
   native.runLoops = std::make_shared<MacRunLoops>();
   native.ioRegistry = std::make_shared<MacIORegistry>();
   native.fileCopy = std::make_shared<MacFileCopy>();
+  native.hostBundle = std::make_shared<MacHostBundle>();
   return native;
 }
 

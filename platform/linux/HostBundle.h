@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The host's files beside its executable, or else in the library's own data folder.
+#pragma once
+
+#include <Vorlix/platform/HostBundle.h>
+
+#include <filesystem>
+#include <vector>
+
+namespace vorlix {
+
+/// Looks into folders, the first first, for a regular file.
+class LinuxHostBundle : public HostBundle {
+ public:
+  /// The folder of the running executable, as the kernel names it, then the data folder of the installation prefix.
+  LinuxHostBundle();
+
+  explicit LinuxHostBundle(std::vector<std::filesystem::path> folders) : folders_(std::move(folders)) {}
+
+  std::optional<std::string> pathForResource(const std::string& name, const std::string& type) override;
+
+ private:
+  std::vector<std::filesystem::path> folders_;
+};
+
+}  // namespace vorlix
