@@ -1,0 +1,216 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Writes and reads archives of volume records for tests in other languages.
+//
+//     archive_probe encode FILE [copy]   a record from JSON on standard input, or a copy of it
+//     archive_probe decode FILE          JSON of the record on standard output; status 1 if there is none
+//
+// JSON: an absent field is left out; bytes are {"hex": "..."}; styled text is a list of
+// {"text": ..., "attributes": {name: text | number | truth value | {"hex": ...} | {"uuid": ...} | {"path": ...} |
+// {...}}}.
+#include <Vorlix/QDVolume.h>
+
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+namespace {
+
+using JSON = nlohmann::json;
+using Text = std::optional<std::string>;
+
+struct TextField {
+  const char* name;
+  Text (QDVolume::*get)() const;
+  void (QDVolume::*set)(Text);
+};
+
+constexpr TextField kTexts[] = {
+    {"filePath", &QDVolume::filePath, &QDVolume::setFilePath},
+    {"drivePath", &QDVolume::drivePath, &QDVolume::setDrivePath},
+    {"device", &QDVolume::device, &QDVolume::setDevice},
+    {"diskName", &QDVolume::diskName, &QDVolume::setDiskName},
+    {"vmUsername", &QDVolume::vmUsername, &QDVolume::setVmUsername},
+    {"vmPassword", &QDVolume::vmPassword, &QDVolume::setVmPassword},
+    {"humanSize", &QDVolume::humanSize, &QDVolume::setHumanSize},
+    {"fileSystemType", &QDVolume::fileSystemType, &QDVolume::setFileSystemType},
+    {"freeSpace", &QDVolume::freeSpace, &QDVolume::setFreeSpace},
+    {"totalSize", &QDVolume::totalSize, &QDVolume::setTotalSize},
+    {"volumeType", &QDVolume::volumeType, &QDVolume::setVolumeType},
+    {"mediaSize", &QDVolume::mediaSize, &QDVolume::setMediaSize},
+    {"installedOS", &QDVolume::installedOS, &QDVolume::setInstalledOS},
+    {"networkShare", &QDVolume::networkShare, &QDVolume::setNetworkShare},
+    {"bootResourcePath", &QDVolume::bootResourcePath, &QDVolume::setBootResourcePath},
+    {"bootMgrPath", &QDVolume::bootMgrPath, &QDVolume::setBootMgrPath},
+};
+
+struct FlagField {
+  const char* name;
+  bool (QDVolume::*get)() const;
+  void (QDVolume::*set)(bool);
+};
+
+constexpr FlagField kFlags[] = {
+    {"isBootable", &QDVolume::isBootable, &QDVolume::setIsBootable},
+    {"isRemovable", &QDVolume::isRemovable, &QDVolume::setIsRemovable},
+    {"isVM", &QDVolume::isVM, &QDVolume::setIsVM},
+    {"showLine", &QDVolume::showLine, &QDVolume::setShowLine},
+    {"hasWindows", &QDVolume::hasWindows, &QDVolume::setHasWindows},
+    {"hasWindows8orGreater", &QDVolume::hasWindows8orGreater, &QDVolume::setHasWindows8orGreater},
+    {"isWritable", &QDVolume::isWritable, &QDVolume::setIsWritable},
+};
+
+struct UUIDField {
+  const char* name;
+  std::optional<vorlix::UUID> (QDVolume::*get)() const;
+  void (QDVolume::*set)(std::optional<vorlix::UUID>);
+};
+
+constexpr UUIDField kUUIDs[] = {
+    {"volumeUUID", &QDVolume::volumeUUID, &QDVolume::setVolumeUUID},
+    {"mediaUUID", &QDVolume::mediaUUID, &QDVolume::setMediaUUID},
+    {"mediaContentUUID", &QDVolume::mediaContentUUID, &QDVolume::setMediaContentUUID},
+};
+
+std::string hexadecimal(const vorlix::Data& bytes) {
+  constexpr const char* kDigits = "0123456789abcdef";
+  std::string text;
+  for (const uint8_t byte : bytes) text += {kDigits[byte >> 4], kDigits[byte & 15]};
+  return text;
+}
+
+vorlix::Data bytesOf(const std::string& hex) {
+  vorlix::Data bytes;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+    bytes.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
+  }
+  return bytes;
+}
+
+vorlix::Dictionary dictionaryOf(const JSON& json);
+
+vorlix::Value valueOf(const JSON& json) {
+  if (json.is_boolean()) return json.get<bool>();
+  if (json.is_number_integer()) return json.get<int64_t>();
+  if (json.is_string()) return json.get<std::string>();
+  if (json.contains("hex")) return bytesOf(json["hex"]);
+  if (json.contains("uuid")) return vorlix::UUID::fromText(json["uuid"].get<std::string>()).value();
+  if (json.contains("path")) return vorlix::URL::fileURLWithPath(json["path"]);
+  return std::make_shared<const vorlix::Dictionary>(dictionaryOf(json));
+}
+
+vorlix::Dictionary dictionaryOf(const JSON& json) {
+  vorlix::Dictionary dictionary;
+  for (const auto& [key, value] : json.items()) dictionary.set(key, valueOf(value));
+  return dictionary;
+}
+
+JSON jsonOf(const vorlix::Dictionary& dictionary);
+
+struct ValueToJSON {
+  JSON operator()(bool value) const { return value; }
+  JSON operator()(int64_t value) const { return value; }
+  JSON operator()(const std::string& value) const { return value; }
+  JSON operator()(const vorlix::Data& value) const { return {{"hex", hexadecimal(value)}}; }
+  JSON operator()(const vorlix::UUID& value) const { return {{"uuid", value.text()}}; }
+  JSON operator()(const vorlix::URL& value) const { return {{"path", value.path()}}; }
+  JSON operator()(const std::shared_ptr<const vorlix::Dictionary>& value) const { return jsonOf(*value); }
+};
+
+JSON jsonOf(const vorlix::Dictionary& dictionary) {
+  JSON json = JSON::object();
+  for (const auto& [key, value] : dictionary.values()) json[key] = std::visit(ValueToJSON(), value);
+  return json;
+}
+
+std::shared_ptr<QDVolume> recordOf(const JSON& json) {
+  auto volume = QDVolume::init();
+  volume->setMbr(nullptr);
+  for (const auto& [name, value] : json.items()) {
+    bool known = false;
+    for (const TextField& field : kTexts) {
+      if (name == field.name) ((*volume).*field.set)(value.get<std::string>()), known = true;
+    }
+    for (const FlagField& field : kFlags) {
+      if (name == field.name) ((*volume).*field.set)(value.get<bool>()), known = true;
+    }
+    for (const UUIDField& field : kUUIDs) {
+      if (name == field.name) {
+        ((*volume).*field.set)(vorlix::UUID::fromText(value.get<std::string>()).value());
+        known = true;
+      }
+    }
+    if (name == "mbr") {
+      volume->setMbr(std::make_shared<vorlix::Data>(bytesOf(value["hex"])));
+    } else if (name == "partitionID") {
+      volume->setPartitionID(std::make_shared<std::string>(value));
+    } else if (name == "info") {
+      volume->setInfo(std::make_shared<std::string>(value));
+    } else if (name == "usageDescription") {
+      vorlix::AttributedString styled;
+      for (const JSON& run : value) styled.append(run["text"], dictionaryOf(run["attributes"]));
+      volume->setUsageDescription(styled);
+    } else if (!known) {
+      throw std::invalid_argument(name + ": no such field");
+    }
+  }
+  return volume;
+}
+
+JSON jsonOf(const QDVolume& volume) {
+  JSON json;
+  for (const TextField& field : kTexts) {
+    if (const auto text = (volume.*field.get)()) json[field.name] = *text;
+  }
+  for (const FlagField& field : kFlags) json[field.name] = (volume.*field.get)();
+  for (const UUIDField& field : kUUIDs) {
+    if (const auto uuid = (volume.*field.get)()) json[field.name] = uuid->text();
+  }
+  if (const auto bytes = volume.mbr()) json["mbr"] = {{"hex", hexadecimal(*bytes)}};
+  if (const auto text = volume.partitionID()) json["partitionID"] = *text;
+  if (const auto text = volume.info()) json["info"] = *text;
+  if (const auto styled = volume.usageDescription()) {
+    json["usageDescription"] = {{"text", styled->string()}, {"runs", JSON::array()}};
+    for (const auto& run : styled->runs()) {
+      json["usageDescription"]["runs"].push_back(
+          {{"location", run.location}, {"length", run.length}, {"attributes", jsonOf(*run.attributes)}});
+    }
+  }
+  json["filesystemSize"] = volume.filesystemSize();
+  return json;
+}
+
+int encode(const std::string& path, bool copied) {
+  std::shared_ptr<QDVolume> volume = recordOf(JSON::parse(std::cin));
+  if (copied) volume = volume->copyWithZone();
+  const vorlix::Data archive = vorlix::KeyedArchiver::archivedDataWithRootObject(volume);
+  std::ofstream file(path, std::ios::binary);
+  file.write(reinterpret_cast<const char*>(archive.data()), static_cast<std::streamsize>(archive.size()));
+  file.close();
+  if (!file) throw std::runtime_error(path + ": cannot be written");
+  return 0;
+}
+
+int decode(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw std::runtime_error(path + ": cannot be read");
+  const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  const auto volume = vorlix::KeyedUnarchiver::unarchivedObject<QDVolume>(vorlix::Data(bytes.begin(), bytes.end()));
+  if (!volume) return 1;
+  std::cout << jsonOf(*volume).dump(2) << '\n';
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  const std::string command = argc > 2 ? argv[1] : "";
+  if (command == "encode") return encode(argv[2], argc > 3 && std::string(argv[3]) == "copy");
+  if (command == "decode") return decode(argv[2]);
+  throw std::invalid_argument("archive_probe encode FILE [copy] | archive_probe decode FILE");
+} catch (const std::exception& error) {
+  std::cerr << error.what() << '\n';
+  return 2;
+}
