@@ -11,30 +11,16 @@
 #include <string_view>
 
 #include "Fields.h"
+#include "SizeMeasurement.h"
 
 namespace {
 
 // What an absent object reads as where text is made of it.
 constexpr const char* kAbsent = "(null)";
 
-// What follows the last dot of the path's last component; empty where the dot is its first or last character.
-std::string_view pathExtension(std::string_view path) {
-  while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
-  path.remove_prefix(path.rfind('/') + 1);  // from the start where there is none
-  const size_t dot = path.rfind('.');
-  return dot == std::string_view::npos || dot == 0 ? std::string_view() : path.substr(dot + 1);
-}
-
 bool isKnown(const std::optional<std::string>& totalSize) {
   constexpr int kDecimal = 10;
   return totalSize && std::strtoll(totalSize->c_str(), nullptr, kDecimal) >= 1;
-}
-
-// The double quotes do not protect a path that holds one, or that the shell expands; hosts rely on the exact line.
-std::string measuringCommand(std::string_view extension, const std::string& path) {
-  if (extension == "gz") return "/usr/bin/gunzip -d -c  \"" + path + "\" | /usr/bin/wc -c";
-  const std::string unzip = vorlix::platform().hostBundle->pathForResource("unzip", "").value_or(kAbsent);
-  return "\"" + unzip + "\" -p  \"" + path + "\" | /usr/bin/wc -c";
 }
 
 void logText(const std::optional<std::string>& text) {
@@ -47,10 +33,28 @@ void postChange(const std::shared_ptr<QDVolume>& volume) {
 
 }  // namespace
 
+namespace vorlix {
+
+std::string_view pathExtension(std::string_view path) {
+  while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
+  path.remove_prefix(path.rfind('/') + 1);  // from the start where there is none
+  const size_t dot = path.rfind('.');
+  return dot == std::string_view::npos || dot == 0 ? std::string_view() : path.substr(dot + 1);
+}
+
+// The double quotes do not protect a path that holds one, or that the shell expands; hosts rely on the exact line.
+std::string measuringCommand(std::string_view extension, const std::string& path) {
+  if (extension == "gz") return "/usr/bin/gunzip -d -c  \"" + path + "\" | /usr/bin/wc -c";
+  const std::string unzip = platform().hostBundle->pathForResource("unzip", "").value_or(kAbsent);
+  return "\"" + unzip + "\" -p  \"" + path + "\" | /usr/bin/wc -c";
+}
+
+}  // namespace vorlix
+
 void QDVolume::updateSize() {
   const auto path = filePath();
   if (!path) return;
-  const std::string_view extension = pathExtension(*path);
+  const std::string_view extension = vorlix::pathExtension(*path);
   if ((extension != "zip" && extension != "gz") || isKnown(totalSize())) return;
 
   using Runners = std::vector<std::shared_ptr<QDTaskWrapperWithBlocks>>;
@@ -60,7 +64,7 @@ void QDVolume::updateSize() {
   // The end callback has to find its runner, which is not there yet when the callback is made.
   const auto runner = std::make_shared<std::weak_ptr<QDTaskWrapperWithBlocks>>();
   const auto arguments = std::make_shared<const std::vector<std::string>>(
-      std::vector<std::string>{"/bin/sh", "-c", measuringCommand(extension, *path)});
+      std::vector<std::string>{"/bin/sh", "-c", vorlix::measuringCommand(extension, *path)});
   const auto wrapper = QDTaskWrapperWithBlocks::initWithStartBlock(
       [self] {
         self->setTotalSize("-1");
