@@ -12,13 +12,16 @@ execute_process(COMMAND ${VORLIX_MACOS_HEADERS}/flags OUTPUT_VARIABLE flags OUTP
                 COMMAND_ERROR_IS_FATAL ANY)
 separate_arguments(flags UNIX_COMMAND "${flags}")
 
-file(GLOB checked CONFIGURE_DEPENDS platform/macos/*.cpp platform/posix/*.cpp platform/*.cpp foundation/*.cpp
+file(GLOB checked CONFIGURE_DEPENDS platform/macos/*.cpp platform/posix/*.cpp platform/*.cpp foundation/*.cpp foundation/*/*.cpp
      Vorlix/*.cpp Vorlix/*/*.cpp platform/simulated/*.cpp)
 set(stamps)
 file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/check-macos/include)
 
-# The command line's libraries, which have headers only. They are linked to by themselves: the folder that they stand in
-# holds this system's own headers, too.
+# Linked to by itself: the folder that it stands in holds this system's own headers, too.
+find_path(VORLIX_PLIST_INCLUDE plist/plist.h REQUIRED)
+file(CREATE_LINK ${VORLIX_PLIST_INCLUDE}/plist ${PROJECT_BINARY_DIR}/check-macos/include/plist SYMBOLIC)
+
+# Likewise the command line's libraries, which have headers only.
 find_path(VORLIX_CLI11_INCLUDE CLI/App.hpp)
 find_path(VORLIX_JSON_INCLUDE nlohmann/json.hpp)
 if(VORLIX_CLI11_INCLUDE AND VORLIX_JSON_INCLUDE)

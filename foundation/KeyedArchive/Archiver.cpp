@@ -53,6 +53,29 @@ void appendGroups(Data& data, size_t number) {
   data.push_back(static_cast<uint8_t>(number));
 }
 
+// A value as bytes, the same for equal ones; a dictionary below is the same only if it is one.
+struct ContentOfValue {
+  std::string operator()(bool value) const { return value ? "b1" : "b0"; }
+  std::string operator()(int64_t value) const { return "i" + std::to_string(value); }
+  std::string operator()(const std::string& value) const { return "t" + value; }
+  std::string operator()(const Data& value) const { return "d" + std::string(value.begin(), value.end()); }
+  std::string operator()(const UUID& value) const { return "u" + value.text(); }
+  std::string operator()(const URL& value) const { return "l" + value.path(); }
+  std::string operator()(const std::shared_ptr<const Dictionary>& value) const {
+    return "p" + std::to_string(reinterpret_cast<uintptr_t>(value.get()));
+  }
+};
+
+std::string contentOf(const Dictionary& dictionary) {
+  std::string content;
+  for (const auto& [key, value] : dictionary.values()) {
+    const std::string bytes = std::visit(ContentOfValue(), value);
+    content.append(std::to_string(key.size())).append(":").append(key);
+    content.append(std::to_string(bytes.size())).append(":").append(bytes);
+  }
+  return content;
+}
+
 }  // namespace
 
 // The objects collected so far, and the dictionary that takes the entries now.
@@ -110,7 +133,7 @@ class KeyedArchiver::State {
     return made({"NSAttributedString", "NSObject"}, [&](plist_t object) {
       setMember(object, "NSString", text(styled.string()));
       if (styled.runs().size() == 1) {
-        setMember(object, "NSAttributes", dictionary(*styled.runs().front().attributes));
+        setMember(object, "NSAttributes", dictionary(styled.runs().front().attributes));
       } else if (!styled.runs().empty()) {
         setRuns(object, styled.runs());
       }
@@ -193,34 +216,39 @@ class KeyedArchiver::State {
   }
 
   void setRuns(plist_t object, const std::vector<AttributedString::Run>& runs) {
-    std::vector<const Dictionary*> different;
+    std::vector<std::shared_ptr<const Dictionary>> different;
+    std::map<std::shared_ptr<const Dictionary>, size_t> known;
+    std::map<std::string, size_t> equal;
     const auto pairs = std::make_shared<Data>();
     for (const AttributedString::Run& run : runs) {
-      const auto found = std::find_if(different.begin(), different.end(), [&](const Dictionary* known) {
-        return known->values() == run.attributes->values();
-      });
+      const auto [place, met] = known.try_emplace(run.attributes);
+      if (met) {
+        const auto [found, added] = equal.try_emplace(contentOf(*run.attributes), different.size());
+        if (added) different.push_back(run.attributes);
+        place->second = found->second;
+      }
       appendGroups(*pairs, run.length);
-      appendGroups(*pairs, static_cast<size_t>(found - different.begin()));
-      if (found == different.end()) different.push_back(run.attributes.get());
+      appendGroups(*pairs, place->second);
     }
     setMember(object, "NSAttributes", made({"NSMutableArray", "NSArray", "NSObject"}, [&](plist_t array) {
                 const plist_t list = plist_new_array();
                 plist_dict_set_item(array, "NS.objects", list);
-                for (const Dictionary* attributes : different) {
-                  plist_array_append_item(list, plist_new_uid(dictionary(*attributes)));
+                for (const auto& attributes : different) {
+                  plist_array_append_item(list, plist_new_uid(dictionary(attributes)));
                 }
               }));
     setMember(object, "NSAttributeInfo", mutableData(pairs));
   }
 
-  uint64_t dictionary(const Dictionary& values) {
-    return made({"NSDictionary", "NSObject"}, [&](plist_t object) {
+  // Dictionaries that come from an archive can be referred to many times over, so each is stored once.
+  uint64_t dictionary(const std::shared_ptr<const Dictionary>& values) {
+    return shared(values, {"NSDictionary", "NSObject"}, [&](plist_t object) {
       const plist_t keys = plist_new_array();
       const plist_t objects = plist_new_array();
       plist_dict_set_item(object, "NS.keys", keys);
       plist_dict_set_item(object, "NS.objects", objects);
-      for (const auto& [key, value] : values.values()) plist_array_append_item(keys, plist_new_uid(text(key)));
-      for (const auto& [key, value] : values.values()) {
+      for (const auto& [key, value] : values->values()) plist_array_append_item(keys, plist_new_uid(text(key)));
+      for (const auto& [key, value] : values->values()) {
         plist_array_append_item(objects, plist_new_uid(std::visit([&](const auto& kind) { return any(kind); }, value)));
       }
     });
@@ -232,7 +260,7 @@ class KeyedArchiver::State {
   uint64_t any(const Data& value) { return data(value); }
   uint64_t any(const UUID& value) { return uuid(value); }
   uint64_t any(const URL& value) { return url(value); }
-  uint64_t any(const std::shared_ptr<const Dictionary>& value) { return value ? dictionary(*value) : kAbsent; }
+  uint64_t any(const std::shared_ptr<const Dictionary>& value) { return value ? dictionary(value) : kAbsent; }
 
   std::vector<PropertyListOwner> objects_;
   plist_t underway_ = nullptr;

@@ -1,0 +1,26 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Writes the archives in this folder anew. VORLIX_ARCHIVE_PROBE names the built archive_probe.
+
+A new version of a record gets a new number and new files; files of old versions stay, and stay readable."""
+
+import json
+import pathlib
+import subprocess
+import sys
+
+FOLDER = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(FOLDER.parents[1] / "integration"))
+import test_archives as records  # noqa: E402
+
+
+def main():
+    """The probe's archives of a full record, an empty one and a copy, and the Python writer's of the same record."""
+    for name, fields, options in (("full", records.FULL, []), ("empty", {}, []), ("copy", records.FULL, ["copy"])):
+        subprocess.run([records.PROBE, "encode", FOLDER / f"QDVolume-{name}-1.archive", *options],
+                       input=json.dumps(fields), text=True, check=True)
+    (FOLDER / "QDVolume-python-1.archive").write_bytes(records.Writer().record("QDVolume", records.WRITTEN))
+
+
+if __name__ == "__main__":
+    main()
