@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/foundation/KeyedArchive.h>
-#include <Vorlix/foundation/Utf8.h>
 
 #include <algorithm>
 #include <map>
@@ -18,21 +17,8 @@ using archive::kClassKey;
 
 constexpr uint64_t kAbsent = 0;
 
-// Text as the property list can hold it: well-formed, and without NUL, which would end it there.
-std::string storable(const std::string& text) {
-  std::string whole;
-  for (const char unit : repairedUtf8(text)) {
-    if (unit == '\0') {
-      whole += "\xEF\xBF\xBD";
-    } else {
-      whole += unit;
-    }
-  }
-  return whole;
-}
-
 plist_t textNode(const std::string& text) {
-  return plist_new_string(storable(text).c_str());
+  return plist_new_string(archive::wholeText(text).c_str());
 }
 
 plist_t dataNode(const uint8_t* bytes, size_t count) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Format.h"
 
+#include <Vorlix/foundation/Utf8.h>
+
 #include <filesystem>
 #include <utility>
 
@@ -49,6 +51,18 @@ URL pathURL(std::string path) {
 }
 
 }  // namespace
+
+std::string wholeText(std::string_view text) {
+  std::string whole;
+  for (const char unit : repairedUtf8(text)) {
+    if (unit == '\0') {
+      whole += "\xEF\xBF\xBD";
+    } else {
+      whole += unit;
+    }
+  }
+  return whole;
+}
 
 std::string urlText(const URL& url) {
   constexpr const char* kDigits = "0123456789ABCDEF";

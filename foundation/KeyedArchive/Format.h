@@ -23,6 +23,10 @@ inline std::string escapedKey(const std::string& key) {
   return key.starts_with('$') ? "$" + key : key;
 }
 
+/// Text without what text must not hold: NUL, which would end it in a property list and in a path, and bytes that are
+/// not UTF-8 are U+FFFD.
+std::string wholeText(std::string_view text);
+
 /// "file://" and the path, percent-encoded (RFC 8089, RFC 3986).
 std::string urlText(const URL& url);
 

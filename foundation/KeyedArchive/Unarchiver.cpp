@@ -138,7 +138,7 @@ class KeyedUnarchiver::State {
     }
     const auto view = viewOfText(bare);
     if (!view || !spend(view->size())) return std::nullopt;
-    return repairedUtf8(*view);
+    return archive::wholeText(*view);
   }
 
   std::optional<Data> data(plist_t node) {

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/foundation/Utf8.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -92,7 +93,7 @@ Data listOf(const std::vector<Data>& values) {
   return file;
 }
 
-// The members of an archive around a value of "$objects", which refers to values 0 to `count`-1.
+// An archive of a Sample whose entry "text" refers to value `last` of these, which stands in "$objects" at 3.
 Data archiveAround(std::vector<Data> values, uint8_t last) {
   const auto text = [](const std::string& characters) {
     Data value{0x5F, 0x10, static_cast<uint8_t>(characters.size())};
@@ -102,7 +103,7 @@ Data archiveAround(std::vector<Data> values, uint8_t last) {
   const auto next = [&] { return static_cast<uint8_t>(values.size()); };
   const uint8_t first = next();
   for (const char* characters : {"$archiver", "NSKeyedArchiver", "$version", "$top", "root", "$objects", "$null",
-                                 "$class", "$classname", "$classes", "Sample"}) {
+                                 "$class", "$classname", "$classes", "Sample", "text"}) {
     values.push_back(text(characters));
   }
   const auto place = [&](uint8_t index) { return static_cast<uint8_t>(first + index); };
@@ -110,13 +111,15 @@ Data archiveAround(std::vector<Data> values, uint8_t last) {
   values.push_back({0x12, 0x00, 0x01, 0x86, 0xA0});
   values.push_back({0x80, 1});  // UID 1
   values.push_back({0xD1, place(4), static_cast<uint8_t>(version + 1)});
-  values.push_back({0x80, 2});                                            // UID 2
-  values.push_back({0xD1, place(7), static_cast<uint8_t>(version + 3)});  // the record
-  values.push_back({0xA1, place(10)});                                    // its class's names
+  values.push_back({0x80, 2});  // UID 2
+  // The record: two keys, then the references to its class and its text.
+  values.push_back({0xD2, place(7), place(11), static_cast<uint8_t>(version + 3), static_cast<uint8_t>(version + 8)});
+  values.push_back({0xA1, place(10)});  // its class's names
   values.push_back({0xD2, place(8), place(9), place(10), static_cast<uint8_t>(version + 5)});
   values.push_back({0xA4, place(6), static_cast<uint8_t>(version + 4), static_cast<uint8_t>(version + 6), last});
   values.push_back({0xD4, place(0), place(2), place(3), place(5), place(1), version, static_cast<uint8_t>(version + 2),
                     static_cast<uint8_t>(version + 7)});
+  values.insert(values.end() - 1, Data{0x80, 3});  // the root comes last
   return listOf(values);
 }
 
@@ -204,6 +207,22 @@ TEST(KeyedArchiveLimitsTest, CountsAndOffsetsBeyondTheFileAreRefused) {
       EXPECT_FALSE(readBack(wrong, nullptr)) << field;
     }
   }
+}
+
+TEST(KeyedArchiveLimitsTest, ANULInTextIsReplaced) {
+  // "a", NUL, "b" in UTF-16, and in ASCII, where the parser ends at the NUL.
+  EXPECT_EQ(decoded(archiveAround({{0x63, 0, 'a', 0, 0, 0, 'b'}}, 0), &KeyedUnarchiver::decodeText, "text"),
+            "a\xEF\xBF\xBD"
+            "b");
+  EXPECT_EQ(decoded(archiveAround({{0x53, 'a', 0, 'b'}}, 0), &KeyedUnarchiver::decodeText, "text"), "a");
+}
+
+TEST(KeyedArchiveLimitsTest, BytesThatAreNoTextAreReplaced) {
+  EXPECT_EQ(decoded(archiveAround({{0x52, 'a', 0xFF}}, 0), &KeyedUnarchiver::decodeText, "text"), "a\xEF\xBF\xBD");
+  // A surrogate alone.
+  const auto text = decoded(archiveAround({{0x61, 0xD8, 0x00}}, 0), &KeyedUnarchiver::decodeText, "text");
+  ASSERT_TRUE(text);
+  EXPECT_TRUE(vorlix::isUtf8(*text));
 }
 
 TEST(KeyedArchiveLimitsTest, MoreThanTheLargestArchiveIsRefused) {
