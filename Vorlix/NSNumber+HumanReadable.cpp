@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/NSNumber+HumanReadable.h>
 
-#include <array>
-#include <charconv>
-#include <limits>
+#include <iomanip>
 #include <locale>
+#include <sstream>
 #include <stdexcept>
 
 namespace {
@@ -42,10 +41,11 @@ std::string decimalSeparator() {
 }
 
 std::string twoDecimals(double value) {
-  // Sign, digits of the largest number, point, two decimals.
-  std::array<char, std::numeric_limits<double>::max_exponent10 + 8> buffer;
-  const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, std::chars_format::fixed, 2);
-  std::string text(buffer.data(), end.ptr);
+  constexpr int kDecimals = 2;
+  std::ostringstream stream;
+  stream.imbue(std::locale::classic());  // the process's may group the digits
+  stream << std::fixed << std::setprecision(kDecimals) << value;
+  std::string text = stream.str();
   const size_t point = text.find('.');
   if (point != std::string::npos) text.replace(point, 1, decimalSeparator());
   return text;

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <limits>
+#include <locale>
 
 namespace {
 
@@ -99,6 +100,17 @@ TEST_F(HumanReadableTest, WhatIsNoNumberIsBytes) {
 TEST_F(HumanReadableTest, AnUnknownLocaleGivesAPoint) {
   const UserLocale unknown("xx_XX.nowhere");
   EXPECT_EQ(ofWhole(1500000000), "1.50 GB");
+}
+
+struct Grouping : std::numpunct<char> {
+  char do_thousands_sep() const override { return '\''; }
+  std::string do_grouping() const override { return "\3"; }
+};
+
+TEST_F(HumanReadableTest, DigitsAreNotGrouped) {
+  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new Grouping));
+  EXPECT_EQ(ofWhole(2500000000000000), "2500.00 TB");
+  std::locale::global(before);
 }
 
 // Locales that the system may not have are made with its own tool into a private folder.
