@@ -10,8 +10,7 @@ namespace {
 
 // Empty where the bytes are not UTF-8.
 CFOwned<CFStringRef> stringOf(const std::string& text) {
-  return CFOwned<CFStringRef>(CFStringCreateWithBytes(kCFAllocatorDefault,
-                                                      reinterpret_cast<const UInt8*>(text.data()),
+  return CFOwned<CFStringRef>(CFStringCreateWithBytes(kCFAllocatorDefault, reinterpret_cast<const UInt8*>(text.data()),
                                                       static_cast<CFIndex>(text.size()), kCFStringEncodingUTF8, false));
 }
 
