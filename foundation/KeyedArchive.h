@@ -28,8 +28,8 @@
 /// and its place in that array, each as groups of seven bits, lowest first, the high bit set on all but the last; empty
 /// text has neither. A dictionary is { "NS.keys": [UID...], "NS.objects": [UID...] }, class NSDictionary.
 ///
-/// Keys that start with "$" gain another "$" in front. NUL in a text, and bytes in it that are not UTF-8, are stored and
-/// read as U+FFFD. Text that reads "$null" stands in a dictionary like growable text, of the class NSString.
+/// Keys that start with "$" gain another "$" in front. NUL in a text, and bytes in it that are not UTF-8, are stored
+/// and read as U+FFFD. Text that reads "$null" stands in a dictionary like growable text, of the class NSString.
 #pragma once
 
 #include <Vorlix/foundation/AttributedString.h>
