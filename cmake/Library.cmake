@@ -32,8 +32,15 @@ set(VORLIX_SOURCES
     Vorlix/Vorlix_vers.cpp
     foundation/UUID.cpp
     platform/Platform.cpp
+    platform/posix/ChildProcess.cpp
     platform/posix/FileHandle.cpp
-    platform/posix/PartitionExtents.cpp)
+    platform/posix/PartitionExtents.cpp
+    platform/posix/PipeOutput.cpp)
+
+# Programs that are run.
+list(APPEND VORLIX_SOURCES
+     Vorlix/QDTaskHelper.cpp
+     Vorlix/QDTaskWrapperWithBlocks.cpp)
 
 # Device identity, mounting, boot configuration and boot records.
 list(APPEND VORLIX_SOURCES
@@ -47,21 +54,25 @@ if(APPLE)
   set(VORLIX_ADAPTERS platform/macos)
   list(APPEND VORLIX_SOURCES
        platform/macos/BlockAlignedHandle.cpp
+       platform/macos/DescriptorSource.cpp
        platform/macos/DeviceFile.cpp
        platform/macos/DeviceNames.cpp
        platform/macos/DeviceStream.cpp
        platform/macos/DiskArbitration.cpp
        platform/macos/LockedDescriptor.cpp
        platform/macos/NativePlatform.cpp
+       platform/macos/Spawning.cpp
        platform/macos/SyncDescriptor.cpp)
 else()
   list(APPEND VORLIX_SOURCES
        platform/linux/BlockDevices.cpp
+       platform/linux/DescriptorSource.cpp
        platform/linux/DeviceFile.cpp
        platform/linux/DeviceStream.cpp
        platform/linux/DiskArbitration.cpp
        platform/linux/DiskLock.cpp
        platform/linux/NativePlatform.cpp
+       platform/linux/Spawning.cpp
        platform/linux/SyncDescriptor.cpp)
 endif()
 
@@ -161,6 +172,7 @@ add_library(vorlix_simulated STATIC
             platform/simulated/SimulatedDevices.cpp
             platform/simulated/SimulatedFileCopy.cpp
             platform/simulated/SimulatedMachine.cpp
+            platform/simulated/SimulatedProcess.cpp
             platform/simulated/SimulatedRegistry.cpp
             platform/simulated/SimulatedRunLoop.cpp)
 target_link_libraries(vorlix_simulated PUBLIC vorlix_headers)

@@ -13,6 +13,7 @@
 
 namespace vorlix {
 
+class ChildProcess;
 class DeviceFile;
 class DiskArbitration;
 class FileCopy;
@@ -28,6 +29,7 @@ struct Platform {
   std::shared_ptr<IORegistry> ioRegistry;
   std::shared_ptr<FileCopy> fileCopy;
   std::shared_ptr<HostBundle> hostBundle;
+  std::shared_ptr<ChildProcess> childProcess;
 };
 
 /// The ports of the operating system that this library was built for.

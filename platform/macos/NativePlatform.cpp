@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/platform/Platform.h>
 
+#include "../posix/ChildProcess.h"
 #include "DeviceFile.h"
 #include "DiskArbitration.h"
 #include "FileCopy.h"
@@ -18,6 +19,7 @@ Platform nativePlatform() {
   native.ioRegistry = std::make_shared<MacIORegistry>();
   native.fileCopy = std::make_shared<MacFileCopy>();
   native.hostBundle = std::make_shared<MacHostBundle>();
+  native.childProcess = std::make_shared<PosixChildProcess>();
   return native;
 }
 

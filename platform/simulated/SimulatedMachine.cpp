@@ -15,8 +15,14 @@ SimulatedMachine::SimulatedMachine() : state_(std::make_shared<SimulatedState>()
 SimulatedMachine::~SimulatedMachine() = default;
 
 Platform SimulatedMachine::platform() const {
-  return {makeSimulatedDeviceFile(state_), makeSimulatedArbitration(state_), makeSimulatedRunLoops(state_),
-          makeSimulatedRegistry(state_), makeSimulatedFileCopy(state_)};
+  Platform ports;
+  ports.deviceFile = makeSimulatedDeviceFile(state_);
+  ports.diskArbitration = makeSimulatedArbitration(state_);
+  ports.runLoops = makeSimulatedRunLoops(state_);
+  ports.ioRegistry = makeSimulatedRegistry(state_);
+  ports.fileCopy = makeSimulatedFileCopy(state_);
+  ports.childProcess = makeSimulatedChildProcess(state_);
+  return ports;
 }
 
 void SimulatedMachine::addDisk(const std::string& name, uint64_t size, uint32_t blockSize) {
@@ -93,6 +99,14 @@ size_t SimulatedMachine::heldRegistryEntries() const {
 
 void SimulatedMachine::failCopy(const std::string& source, const std::string& reason) {
   state_->copyFailures[source] = reason;
+}
+
+void SimulatedMachine::addProgram(const std::string& path, SimulatedProgram program) {
+  state_->programs[path] = std::move(program);
+}
+
+void SimulatedMachine::addProgram(const std::string& path, SimulatedRun run) {
+  addProgram(path, [run = std::move(run)](const std::vector<std::string>&) { return run; });
 }
 
 std::vector<uint8_t> SimulatedMachine::bytes(const std::string& device, uint64_t offset, size_t count) const {

@@ -17,6 +17,7 @@
 #include <Vorlix/platform/Platform.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -55,6 +56,25 @@ enum class RegistryCall { masterPort, createIterator, matchingServices, copyProp
 /// Names an entry of the simulated registry.
 using RegistryEntryID = size_t;
 
+/// What a simulated program does when it is run. It ends by itself when all that it writes has been read.
+struct SimulatedRun {
+  enum class Stream { output, error };
+
+  /// Read as one chunk; not empty.
+  struct Piece {
+    Stream stream = Stream::output;
+    std::string bytes;
+  };
+
+  std::vector<Piece> pieces;        ///< what it writes, in this order
+  int32_t status = 0;               ///< exit status
+  bool staysOn = false;             ///< after that keeps its streams open and runs until it is asked to end
+  bool ignoresTermination = false;  ///< goes on when it is asked to end
+};
+
+/// Gives what a program does by its arguments.
+using SimulatedProgram = std::function<SimulatedRun(const std::vector<std::string>& arguments)>;
+
 struct SimulatedState;
 
 /// A device is named with or without "/dev/"; the journal and this class use the bare name.
@@ -66,11 +86,14 @@ struct SimulatedState;
 /// Disk arbitration: "session open", "session close", "schedule kCFRunLoopDefaultMode", "unschedule
 /// kCFRunLoopDefaultMode", "run kCFRunLoopDefaultMode 100" (milliseconds), "mount disk0s1", "mount disk0s1 nobrowse
 /// rw", "unmount disk0s1". Registry: "registry port", "registry iterate IOService", "registry match BSD disk0s1",
-/// "registry match class IOMedia". File copies: "copy <source> <destination>". These say what was asked, whether or not
-/// it was refused; a session that could not be opened and the ports' other calls leave no line.
+/// "registry match class IOMedia". File copies: "copy <source> <destination>". Children: "launch /bin/sh -c ls" (path and
+/// arguments), "terminate /bin/sh". These say what was asked, whether or not it was refused; a session that could not be
+/// opened and the ports' other calls leave no line.
 ///
 /// Time does not pass: a run of the loop returns at once, whatever its limit is. A request is carried out in the run of
-/// the loop that handles it, or, without one, when its session is closed.
+/// the loop that handles it, or, without one, when its session is closed. A run of the loop that carries out no request
+/// completes one read of a child's output, if there is something to read or the output has just ended; since no time
+/// passes, reads after the end do not complete.
 class SimulatedMachine {
  public:
   SimulatedMachine();
@@ -128,6 +151,11 @@ class SimulatedMachine {
 
   /// Lets a copy of `source` fail with `reason`; other copies are made for real.
   void failCopy(const std::string& source, const std::string& reason);
+
+  /// Puts a program at a path. A path without one cannot be launched (ENOENT). A program that was asked to end has the
+  /// number of SIGTERM as its status, and what it would have written later is lost.
+  void addProgram(const std::string& path, SimulatedProgram program);
+  void addProgram(const std::string& path, SimulatedRun run);
 
   /// Bytes of a device, without a journal line. Reading past the end gives fewer; writing there is an error.
   std::vector<uint8_t> bytes(const std::string& device, uint64_t offset, size_t count) const;

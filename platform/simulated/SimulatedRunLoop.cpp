@@ -15,7 +15,9 @@ class SimulatedRunLoop final : public RunLoop {
 
   RunLoopResult run(const std::string& mode, std::chrono::milliseconds limit) override {
     state_.journal.push_back("run " + mode + " " + std::to_string(limit.count()));
+    const bool readsHere = mode == kDefaultRunLoopMode && state_.hasPendingRead(*this);
     const bool hasSources =
+        readsHere ||
         std::any_of(state_.schedule.begin(), state_.schedule.end(),
                     [&](const ScheduledSession& entry) { return entry.loop == this && entry.mode == mode; });
     if (!hasSources) return RunLoopResult::noSources;
@@ -24,6 +26,7 @@ class SimulatedRunLoop final : public RunLoop {
       return request.runsLeft == 0 && isScheduledHere(request.session, mode);
     });
     if (ready == state_.requests.end()) {
+      if (readsHere && state_.completeRead(*this)) return RunLoopResult::handledSource;
       for (MountRequest& request : state_.requests) {
         if (isScheduledHere(request.session, mode)) --request.runsLeft;
       }

@@ -3,10 +3,12 @@
 // What a simulated machine is made of, shared by its ports.
 #pragma once
 
+#include <Vorlix/platform/ChildProcess.h>
 #include <Vorlix/platform/DiskArbitration.h>
 #include <Vorlix/platform/RunLoop.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -88,6 +90,14 @@ struct RegistryFault {
   std::optional<RegistryEntryID> entry;
 };
 
+/// A read of a child's output that the loop is to complete.
+struct PendingRead {
+  const void* reader = nullptr;  ///< the output, which takes its read away before it goes
+  const RunLoop* loop = nullptr;
+  std::function<bool()> isReady;
+  std::function<void()> complete;
+};
+
 struct SimulatedState {
   std::map<std::string, SimulatedWhole> disks;
   std::map<std::string, SimulatedWindow> devices;
@@ -110,6 +120,9 @@ struct SimulatedState {
 
   std::map<std::string, std::string> copyFailures;
 
+  std::map<std::string, SimulatedProgram> programs;
+  std::vector<PendingRead> reads;
+
   std::vector<std::string> journal;
 
   /// The device of a name with or without "/dev/". @throws std::invalid_argument when there is none.
@@ -124,6 +137,12 @@ struct SimulatedState {
 
   /// Mounts or unmounts. @return why not, if it is refused.
   std::optional<Dissenter> carryOut(const MountRequest& request);
+
+  /// Whether a read of a child's output is pending on that loop.
+  bool hasPendingRead(const RunLoop& loop) const;
+
+  /// Completes one that can be. @return whether there was one.
+  bool completeRead(const RunLoop& loop);
 };
 
 /// A device name without "/dev/".
@@ -134,5 +153,6 @@ std::shared_ptr<DiskArbitration> makeSimulatedArbitration(std::shared_ptr<Simula
 std::shared_ptr<RunLoops> makeSimulatedRunLoops(std::shared_ptr<SimulatedState> state);
 std::shared_ptr<IORegistry> makeSimulatedRegistry(std::shared_ptr<SimulatedState> state);
 std::shared_ptr<FileCopy> makeSimulatedFileCopy(std::shared_ptr<SimulatedState> state);
+std::shared_ptr<ChildProcess> makeSimulatedChildProcess(std::shared_ptr<SimulatedState> state);
 
 }  // namespace vorlix

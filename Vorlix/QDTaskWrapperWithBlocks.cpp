@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/QDTaskWrapperWithBlocks.h>
+#include <Vorlix/QDTaskWrapperWithBlocks/StatusPause.h>
+#include <Vorlix/foundation/Utf8.h>
+#include <Vorlix/platform/ChildProcess.h>
+#include <Vorlix/platform/Platform.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+namespace {
+
+constexpr std::chrono::milliseconds kStatusPause{5000};
+constexpr int32_t kStillRunning = -999;
+
+void sleepFor(std::chrono::milliseconds time) {
+  std::this_thread::sleep_for(time);
+}
+
+vorlix::StatusPause currentPause = sleepFor;
+
+std::optional<std::string> textOf(const vorlix::Data& bytes) {
+  const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  if (!vorlix::isUtf8(text)) return std::nullopt;
+  return std::string(text);
+}
+
+}  // namespace
+
+namespace vorlix {
+
+StatusPause setStatusPause(StatusPause replacement) {
+  return std::exchange(currentPause, replacement);
+}
+
+}  // namespace vorlix
+
+std::shared_ptr<QDTaskWrapperWithBlocks> QDTaskWrapperWithBlocks::initWithStartBlock(
+    Block start, Block end, TextBlock output, TextBlock errorOutput,
+    std::shared_ptr<const std::vector<std::string>> arguments) {
+  return std::shared_ptr<QDTaskWrapperWithBlocks>(new QDTaskWrapperWithBlocks(
+      std::move(start), std::move(end), std::move(output), std::move(errorOutput), std::move(arguments)));
+}
+
+QDTaskWrapperWithBlocks::QDTaskWrapperWithBlocks(Block start, Block end, TextBlock output, TextBlock errorOutput,
+                                                 std::shared_ptr<const std::vector<std::string>> arguments)
+    : startBlock_(std::move(start)),
+      endBlock_(std::move(end)),
+      outputBlock_(std::move(output)),
+      errorOutputBlock_(std::move(errorOutput)),
+      arguments_(std::move(arguments)) {}
+
+void QDTaskWrapperWithBlocks::startProcess() {
+  const auto self = shared_from_this();  // the start callback may let go of the wrapper
+  startBlock_();
+  task_.reset();
+  task_ = vorlix::platform().childProcess->create(vorlix::ChildOutputs::separate, vorlix::ChildInput::pipe);
+  if (!arguments_) throw std::out_of_range("no arguments");
+  const std::string path = arguments_->at(0);
+  const std::vector<std::string> arguments(arguments_->begin() + 1, arguments_->end());
+
+  // Outputs of an earlier run stay observed: hosts may count on its last pieces.
+  const auto output = task_->standardOutput();
+  const auto errorOutput = task_->standardError();
+  observed_.push_back(output);
+  observed_.push_back(errorOutput);
+  readInBackground(output, &QDTaskWrapperWithBlocks::getData);
+  readInBackground(errorOutput, &QDTaskWrapperWithBlocks::getStdErr);
+  task_->launch(path, arguments);
+}
+
+void QDTaskWrapperWithBlocks::stopProcess() {
+  const auto self = shared_from_this();  // the end callback may let go of the wrapper
+  for (const auto& output : std::exchange(observed_, {})) output->cancelBackgroundRead();
+  if (task_) task_->terminate();
+  endBlock_();
+}
+
+void QDTaskWrapperWithBlocks::getData(const vorlix::ReadCompletion& chunk) {
+  if (chunk.data.empty()) {
+    stopProcess();
+    return;
+  }
+  outputBlock_(textOf(chunk.data));
+  readInBackground(chunk.object, &QDTaskWrapperWithBlocks::getData);
+}
+
+void QDTaskWrapperWithBlocks::getStdErr(const vorlix::ReadCompletion& chunk) {
+  if (!chunk.data.empty()) errorOutputBlock_(textOf(chunk.data));
+  readInBackground(chunk.object, &QDTaskWrapperWithBlocks::getStdErr);
+}
+
+int32_t QDTaskWrapperWithBlocks::terminationStatus() {
+  if (!task_) return 0;
+  if (task_->isRunning()) {
+    currentPause(kStatusPause);
+    if (task_->isRunning()) return kStillRunning;
+  }
+  return task_->terminationStatus();
+}
+
+bool QDTaskWrapperWithBlocks::isObserved(const std::shared_ptr<vorlix::ChildOutput>& output) const {
+  return std::find(observed_.begin(), observed_.end(), output) != observed_.end();
+}
+
+// An output that is not observed any more, because a callback has stopped the run, has no one to read for.
+void QDTaskWrapperWithBlocks::readInBackground(const std::shared_ptr<vorlix::ChildOutput>& output, Handler handler) {
+  if (!isObserved(output)) return;
+  const std::weak_ptr<Object> wrapper = weak_from_this();
+  // The output keeps the completion, so this must not keep the output.
+  const std::weak_ptr<vorlix::ChildOutput> end = output;
+  output->readInBackground([wrapper, end, handler](const vorlix::Data& data) {
+    const auto self = std::static_pointer_cast<QDTaskWrapperWithBlocks>(wrapper.lock());
+    if (self) ((*self).*handler)({end.lock(), data});
+  });
+}

@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "../posix/DescriptorSource.h"
+
+#include <CoreFoundation/CoreFoundation.h>
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include "CFOwned.h"
+
+namespace vorlix {
+namespace {
+
+// Both kinds call once by themselves. The handler is copied first, since it may end the source that holds it.
+class DescriptorWatch final : public LoopSource {
+ public:
+  DescriptorWatch(int descriptor, std::function<void()> handler) : handler_(std::move(handler)) {
+    const CFFileDescriptorContext context = {0, this, nullptr, nullptr, nullptr};
+    watched_.reset(CFFileDescriptorCreate(kCFAllocatorDefault, descriptor, false, fire, &context));
+    if (watched_) source_.reset(CFFileDescriptorCreateRunLoopSource(kCFAllocatorDefault, watched_.get(), 0));
+    if (!source_) throw std::system_error(ENOMEM, std::generic_category(), "run loop source");
+    CFRunLoopAddSource(CFRunLoopGetCurrent(), source_.get(), kCFRunLoopDefaultMode);
+    CFFileDescriptorEnableCallBacks(watched_.get(), kCFFileDescriptorReadCallBack);
+  }
+  ~DescriptorWatch() override {
+    CFRunLoopSourceInvalidate(source_.get());
+    CFFileDescriptorInvalidate(watched_.get());
+  }
+
+ private:
+  static void fire(CFFileDescriptorRef, CFOptionFlags, void* self) {
+    auto* const watch = static_cast<DescriptorWatch*>(self);
+    const std::function<void()> handler = watch->handler_;
+    CFRunLoopSourceInvalidate(watch->source_.get());
+    handler();
+  }
+
+  std::function<void()> handler_;
+  CFOwned<CFFileDescriptorRef> watched_;
+  CFOwned<CFRunLoopSourceRef> source_;
+};
+
+class Timer final : public LoopSource {
+ public:
+  Timer(std::chrono::milliseconds time, std::function<void()> handler) : handler_(std::move(handler)) {
+    CFRunLoopTimerContext context = {0, this, nullptr, nullptr, nullptr};
+    const CFAbsoluteTime due = CFAbsoluteTimeGetCurrent() + std::chrono::duration<double>(time).count();
+    timer_.reset(CFRunLoopTimerCreate(kCFAllocatorDefault, due, 0, 0, 0, fire, &context));
+    if (!timer_) throw std::system_error(ENOMEM, std::generic_category(), "timer");
+    CFRunLoopAddTimer(CFRunLoopGetCurrent(), timer_.get(), kCFRunLoopDefaultMode);
+  }
+  ~Timer() override { CFRunLoopTimerInvalidate(timer_.get()); }
+
+ private:
+  static void fire(CFRunLoopTimerRef, void* self) {
+    const std::function<void()> handler = static_cast<Timer*>(self)->handler_;
+    handler();
+  }
+
+  std::function<void()> handler_;
+  CFOwned<CFRunLoopTimerRef> timer_;
+};
+
+}  // namespace
+
+std::unique_ptr<LoopSource> watchDescriptor(int descriptor, std::function<void()> handler) {
+  return std::make_unique<DescriptorWatch>(descriptor, std::move(handler));
+}
+
+std::unique_ptr<LoopSource> callAfter(std::chrono::milliseconds time, std::function<void()> handler) {
+  return std::make_unique<Timer>(time, std::move(handler));
+}
+
+}  // namespace vorlix
