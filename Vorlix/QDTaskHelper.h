@@ -18,10 +18,10 @@ class VORLIX_EXPORT QDTaskHelper : public vorlix::Object {
   /// The shared instance, made on first use.
   static std::shared_ptr<QDTaskHelper> sharedTaskHelper();
 
-  /// Runs a program and gives what it prints (`runCommand:withOptions:`): standard output and standard error as it wrote
-  /// them, without line feeds, so that the lines run together; carriage returns stay. It reads while the program runs,
-  /// holds everything in memory, and returns when all who inherited the output have closed it, whether or not the program
-  /// has ended by then. The exit status is not looked at. Standard input is the host's own.
+  /// Runs a program and gives what it prints (`runCommand:withOptions:`): standard output and standard error as it
+  /// wrote them, without line feeds, so that the lines run together; carriage returns stay. It reads while the program
+  /// runs, holds everything in memory, and returns when all who inherited the output have closed it, whether or not the
+  /// program has ended by then. The exit status is not looked at. Standard input is the host's own.
   ///
   /// Each line goes to the log, after five blanks and cut to 1023 bytes, line feed included; what follows the last line
   /// feed counts as a line, and is empty if the output ends in one. A line with a zero byte in it is logged up to that.

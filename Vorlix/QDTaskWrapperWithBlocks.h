@@ -30,12 +30,12 @@ struct ReadCompletion {
 /// Runs a program and hands over what it prints, piece by piece, as it comes.
 ///
 /// The program is named by its full path and started without a shell. Everything is delivered by the run loop of the
-/// thread that called startProcess(), while that loop runs in the default mode; all calls are to be made on that thread,
-/// but terminationStatus(), which another thread may call as long as no run is started meanwhile.
+/// thread that called startProcess(), while that loop runs in the default mode; all calls are to be made on that
+/// thread, but terminationStatus(), which another thread may call as long as no run is started meanwhile.
 ///
 /// A run ends with stopProcess(), which happens by itself when standard output has ended, that is when every process
-/// that inherited it has closed it. An owner lets it come to that before it lets the wrapper go: when the last owner lets
-/// go of it earlier, the process is left to itself and no callback follows.
+/// that inherited it has closed it. An owner lets it come to that before it lets the wrapper go: when the last owner
+/// lets go of it earlier, the process is left to itself and no callback follows.
 ///
 ///     const auto wrapper = QDTaskWrapperWithBlocks::initWithStartBlock(
 ///         [] {}, [] { ... }, [](const std::optional<std::string>& text) { ... }, [](const auto&) {},
@@ -53,15 +53,16 @@ class VORLIX_EXPORT QDTaskWrapperWithBlocks : public vorlix::Object {
   /// checked.
   ///
   /// All four callbacks are required: calling one that is empty throws std::bad_function_call.
-  /// @param arguments  the executable's path, then its arguments. The list is shared, not copied, and read when a run is
+  /// @param arguments  the executable's path, then its arguments. The list is shared, not copied, and read when a run
+  /// is
   ///                   started.
   static std::shared_ptr<QDTaskWrapperWithBlocks> initWithStartBlock(
       Block start, Block end, TextBlock output, TextBlock errorOutput,
       std::shared_ptr<const std::vector<std::string>> arguments);
 
-  /// Starts a run: calls the start callback, makes a new process with a pipe for each of its streams, begins to listen to
-  /// both outputs and launches it. Its standard input never holds anything and stays open as long as the wrapper has the
-  /// process.
+  /// Starts a run: calls the start callback, makes a new process with a pipe for each of its streams, begins to listen
+  /// to both outputs and launches it. Its standard input never holds anything and stays open as long as the wrapper has
+  /// the process.
   ///
   /// While an earlier run is on, that process is let go of but not ended, its output still arrives, and its end stops
   /// the new run.
@@ -70,8 +71,8 @@ class VORLIX_EXPORT QDTaskWrapperWithBlocks : public vorlix::Object {
   /// @throws std::out_of_range  when the list has no element or is null. The start callback has run.
   void startProcess();
 
-  /// Stops listening to the outputs, those of earlier runs included, asks the process to end and calls the end callback,
-  /// every time that it is called. The wrapper stays alive until that has returned.
+  /// Stops listening to the outputs, those of earlier runs included, asks the process to end and calls the end
+  /// callback, every time that it is called. The wrapper stays alive until that has returned.
   void stopProcess();
 
   /// Takes a completed read of standard output (`getData:`): hands on a piece and begins the next read, or, at the end,
@@ -79,8 +80,8 @@ class VORLIX_EXPORT QDTaskWrapperWithBlocks : public vorlix::Object {
   void getData(const vorlix::ReadCompletion& chunk);
 
   /// Takes a completed read of standard error (`getStdErr:`): hands on a piece, if there is one, and begins the next
-  /// read. The end of standard error does not end the run: empty reads go on completing until it is stopped, at most ten
-  /// a second, so that they cost nothing.
+  /// read. The end of standard error does not end the run: empty reads go on completing until it is stopped, at most
+  /// ten a second, so that they cost nothing.
   void getStdErr(const vorlix::ReadCompletion& chunk);
 
   /// The exit status of the last process, or the number of the signal that ended it; 0 if none was launched, -1 if the

@@ -29,8 +29,8 @@ class ChildOutput {
   virtual Data read() = 0;
 
   /// Begins a read that the calling thread's run loop completes, once, while it runs in the default mode: as soon as
-  /// there is something to read, with what is there, or at the end with an empty chunk. Where a read is pending, the new
-  /// one takes its place.
+  /// there is something to read, with what is there, or at the end with an empty chunk. Where a read is pending, the
+  /// new one takes its place.
   ///
   /// At the end each further read completes with an empty chunk, too, but not before kEndedReadInterval has passed: who
   /// always begins the next one does not keep the processor busy.
@@ -59,8 +59,8 @@ class Child {
   virtual std::shared_ptr<ChildOutput> standardError() = 0;
 
   /// Starts the program, once in the handle's life. It finds the arguments after its own path, the host's environment
-  /// and working folder, the three standard streams and no other descriptor, no signal blocked and the default answer to
-  /// each. The host's own signal mask and handlers stay as they are.
+  /// and working folder, the three standard streams and no other descriptor, no signal blocked and the default answer
+  /// to each. The host's own signal mask and handlers stay as they are.
   /// @param path  the executable; it is not looked for along a search path, and no shell is involved.
   /// @throws std::system_error  when it could not be started. The pipes stay open until the handle goes.
   virtual void launch(const std::string& path, const std::vector<std::string>& arguments) = 0;

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <stdexcept>
 #include <optional>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
@@ -69,9 +69,8 @@ class SimulatedOutput final : public ChildOutput {
   std::vector<SimulatedRun::Piece>::iterator nextPiece() const {
     std::vector<SimulatedRun::Piece>& pieces = task_->run.pieces;
     if (!task_->launched) return pieces.end();
-    return std::find_if(pieces.begin(), pieces.end(), [this](const SimulatedRun::Piece& piece) {
-      return !stream_ || piece.stream == *stream_;
-    });
+    return std::find_if(pieces.begin(), pieces.end(),
+                        [this](const SimulatedRun::Piece& piece) { return !stream_ || piece.stream == *stream_; });
   }
 
   // For the loop a child closes its streams when nothing is left to be read from either.
