@@ -27,7 +27,7 @@ cmake_path(APPEND VORLIX_PC_LIBDIR "\${prefix}" ${CMAKE_INSTALL_LIBDIR})
 cmake_path(APPEND VORLIX_PC_INCLUDEDIR "\${prefix}" ${CMAKE_INSTALL_INCLUDEDIR})
 # What a host in C needs besides when it links the archive.
 if(APPLE)
-  set(VORLIX_PC_PRIVATE_LIBS "-framework DiskArbitration -framework IOKit -framework CoreFoundation -lc++")
+  set(VORLIX_PC_PRIVATE_LIBS "-framework DiskArbitration -framework IOKit -framework CoreFoundation -framework Security -lc++")
 else()
   list(TRANSFORM VORLIX_SYSTEM_LIBRARIES PREPEND "-l" OUTPUT_VARIABLE private_libraries)
   list(JOIN private_libraries " " VORLIX_PC_PRIVATE_LIBS)

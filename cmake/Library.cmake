@@ -120,6 +120,20 @@ else()
        platform/linux/VolumeProbe.cpp)
 endif()
 
+# Callers' signatures and the system's log.
+if(APPLE)
+  list(APPEND VORLIX_SOURCES
+       platform/macos/CodeSigning.cpp
+       platform/macos/SystemLog.cpp)
+else()
+  list(APPEND VORLIX_SOURCES
+       platform/linux/CodeSigning.cpp
+       platform/linux/DetachedSignature.cpp
+       platform/linux/SigningRequirement.cpp
+       platform/linux/SystemLog.cpp
+       platform/linux/TrustAnchors.cpp)
+endif()
+
 # What the adapters are linked with. On Linux these are pkg-config's names.
 set(VORLIX_SYSTEM_INCLUDES)
 if(APPLE)
@@ -169,6 +183,7 @@ add_library(Vorlix::VorlixStatic ALIAS vorlix_static)
 # Says nothing of which of the two libraries a test links; the host's choice serves the simulated machine, too.
 add_library(vorlix_simulated STATIC
             platform/simulated/SimulatedArbitration.cpp
+            platform/simulated/SimulatedCallers.cpp
             platform/simulated/SimulatedDevices.cpp
             platform/simulated/SimulatedFileCopy.cpp
             platform/simulated/SimulatedMachine.cpp
@@ -188,3 +203,18 @@ target_link_libraries(vorlix_static PRIVATE PkgConfig::PLIST)
 if(PLIST_VERSION VERSION_GREATER_EQUAL 2.3)
   target_compile_definitions(vorlix_objects PRIVATE VORLIX_PLIST_SIGNED=1)
 endif()
+
+# Signatures. The folder of the certificates that callers' signatures must lead to is part of the build: a privileged
+# host takes it from nobody.
+if(APPLE)
+  set(VORLIX_SIGNING "-framework Security")
+else()
+  pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET GLOBAL libcrypto)
+  set(VORLIX_SIGNING PkgConfig::CRYPTO)
+  set(VORLIX_PC_SIGNING ", libcrypto")
+  set(VORLIX_ANCHOR_FOLDER "/etc/vorlix/anchors" CACHE PATH "Trusted certificates of callers' signatures")
+  target_compile_definitions(vorlix_objects PRIVATE VORLIX_ANCHOR_FOLDER="${VORLIX_ANCHOR_FOLDER}")
+endif()
+target_link_libraries(vorlix_objects PRIVATE ${VORLIX_SIGNING})
+target_link_libraries(vorlix_shared PRIVATE ${VORLIX_SIGNING})
+target_link_libraries(vorlix_static PRIVATE ${VORLIX_SIGNING})

@@ -14,12 +14,14 @@
 namespace vorlix {
 
 class ChildProcess;
+class CodeSigning;
 class DeviceFile;
 class DiskArbitration;
 class FileCopy;
 class HostBundle;
 class IORegistry;
 class RunLoops;
+class SystemLog;
 
 /// One object a port. None is null in a set that is in force.
 struct Platform {
@@ -30,6 +32,8 @@ struct Platform {
   std::shared_ptr<FileCopy> fileCopy;
   std::shared_ptr<HostBundle> hostBundle;
   std::shared_ptr<ChildProcess> childProcess;
+  std::shared_ptr<CodeSigning> codeSigning;
+  std::shared_ptr<SystemLog> systemLog;
 };
 
 /// The ports of the operating system that this library was built for.

@@ -2,12 +2,14 @@
 #include <Vorlix/platform/Platform.h>
 
 #include "../posix/ChildProcess.h"
+#include "CodeSigning.h"
 #include "DeviceFile.h"
 #include "DiskArbitration.h"
 #include "FileCopy.h"
 #include "HostBundle.h"
 #include "IORegistry.h"
 #include "RunLoop.h"
+#include "SystemLog.h"
 
 namespace vorlix {
 
@@ -20,6 +22,8 @@ Platform nativePlatform() {
   native.fileCopy = std::make_shared<MacFileCopy>();
   native.hostBundle = std::make_shared<MacHostBundle>();
   native.childProcess = std::make_shared<PosixChildProcess>();
+  native.codeSigning = std::make_shared<MacCodeSigning>();
+  native.systemLog = std::make_shared<MacSystemLog>();
   return native;
 }
 

@@ -22,6 +22,8 @@ Platform SimulatedMachine::platform() const {
   ports.ioRegistry = makeSimulatedRegistry(state_);
   ports.fileCopy = makeSimulatedFileCopy(state_);
   ports.childProcess = makeSimulatedChildProcess(state_);
+  ports.codeSigning = makeSimulatedCodeSigning(state_);
+  ports.systemLog = makeSimulatedSystemLog(state_);
   return ports;
 }
 
@@ -107,6 +109,10 @@ void SimulatedMachine::addProgram(const std::string& path, SimulatedProgram prog
 
 void SimulatedMachine::addProgram(const std::string& path, SimulatedRun run) {
   addProgram(path, [run = std::move(run)](const std::vector<std::string>&) { return run; });
+}
+
+void SimulatedMachine::setCodeCheck(int32_t process, CodeCheck outcome) {
+  state_->codeChecks[process] = outcome;
 }
 
 std::vector<uint8_t> SimulatedMachine::bytes(const std::string& device, uint64_t offset, size_t count) const {

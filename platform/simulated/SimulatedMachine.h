@@ -12,6 +12,7 @@
 #pragma once
 
 #include <Vorlix/foundation/Value.h>
+#include <Vorlix/platform/CodeSigning.h>
 #include <Vorlix/platform/DeviceFile.h>
 #include <Vorlix/platform/IORegistry.h>
 #include <Vorlix/platform/Platform.h>
@@ -86,9 +87,10 @@ struct SimulatedState;
 /// Disk arbitration: "session open", "session close", "schedule kCFRunLoopDefaultMode", "unschedule
 /// kCFRunLoopDefaultMode", "run kCFRunLoopDefaultMode 100" (milliseconds), "mount disk0s1", "mount disk0s1 nobrowse
 /// rw", "unmount disk0s1". Registry: "registry port", "registry iterate IOService", "registry match BSD disk0s1",
-/// "registry match class IOMedia". File copies: "copy <source> <destination>". Children: "launch /bin/sh -c ls" (path and
-/// arguments), "terminate /bin/sh". These say what was asked, whether or not it was refused; a session that could not be
-/// opened and the ports' other calls leave no line.
+/// "registry match class IOMedia". File copies: "copy <source> <destination>". Children: "launch /bin/sh -c ls" (path
+/// and arguments), "terminate /bin/sh". Others: "check code 100 <requirement>", "system log Vorlix: <text>". These say
+/// what was asked, whether or not it was refused; a session that could not be opened and the ports' other calls leave
+/// no line.
 ///
 /// Time does not pass: a run of the loop returns at once, whatever its limit is. A request is carried out in the run of
 /// the loop that handles it, or, without one, when its session is closed. A run of the loop that carries out no request
@@ -156,6 +158,9 @@ class SimulatedMachine {
   /// number of SIGTERM as its status, and what it would have written later is lost.
   void addProgram(const std::string& path, SimulatedProgram program);
   void addProgram(const std::string& path, SimulatedRun run);
+
+  /// What a check of that process's code comes to, whatever is required of it. Other processes do not run.
+  void setCodeCheck(int32_t process, CodeCheck outcome);
 
   /// Bytes of a device, without a journal line. Reading past the end gives fewer; writing there is an error.
   std::vector<uint8_t> bytes(const std::string& device, uint64_t offset, size_t count) const;

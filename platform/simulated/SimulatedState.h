@@ -4,6 +4,7 @@
 #pragma once
 
 #include <Vorlix/platform/ChildProcess.h>
+#include <Vorlix/platform/CodeSigning.h>
 #include <Vorlix/platform/DiskArbitration.h>
 #include <Vorlix/platform/RunLoop.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
@@ -123,6 +124,8 @@ struct SimulatedState {
   std::map<std::string, SimulatedProgram> programs;
   std::vector<PendingRead> reads;
 
+  std::map<int32_t, CodeCheck> codeChecks;
+
   std::vector<std::string> journal;
 
   /// The device of a name with or without "/dev/". @throws std::invalid_argument when there is none.
@@ -154,5 +157,7 @@ std::shared_ptr<RunLoops> makeSimulatedRunLoops(std::shared_ptr<SimulatedState> 
 std::shared_ptr<IORegistry> makeSimulatedRegistry(std::shared_ptr<SimulatedState> state);
 std::shared_ptr<FileCopy> makeSimulatedFileCopy(std::shared_ptr<SimulatedState> state);
 std::shared_ptr<ChildProcess> makeSimulatedChildProcess(std::shared_ptr<SimulatedState> state);
+std::shared_ptr<CodeSigning> makeSimulatedCodeSigning(std::shared_ptr<SimulatedState> state);
+std::shared_ptr<SystemLog> makeSimulatedSystemLog(std::shared_ptr<SimulatedState> state);
 
 }  // namespace vorlix

@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "CodeSigning.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <climits>
+#include <optional>
+#include <utility>
+
+#include "../posix/Descriptor.h"
+#include "DetachedSignature.h"
+#include "SigningRequirement.h"
+#include "TrustAnchors.h"
+
+namespace vorlix {
+namespace {
+
+/// The largest executable that is looked at, so that a sparse file does not keep the host busy for days.
+constexpr off_t kLargestExecutable = off_t{1} << 30;
+
+/// A process that is held by a descriptor, so that its identifier cannot quietly become another's.
+class PinnedProcess {
+ public:
+  static std::optional<PinnedProcess> pin(int32_t identifier) {
+    PinnedProcess process;
+    // Through the number of the call, which the C library has a function for only from 2.36 on.
+    process.process_ = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, identifier, 0U)));
+    if (!process.process_) return std::nullopt;
+    process.link_ = "/proc/" + std::to_string(identifier) + "/exe";
+    process.executable_ = Descriptor(open(process.link_.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    if (!process.executable_ || fstat(process.executable_.get(), &process.status_) != 0) return std::nullopt;
+    // The link was of the process that is held if that one still runs: its identifier is not given away before.
+    if (process.hasEnded()) return std::nullopt;
+    return process;
+  }
+
+  int executable() const { return executable_.get(); }
+
+  bool isReadable() const { return S_ISREG(status_.st_mode) && status_.st_size <= kLargestExecutable; }
+
+  /// The path that leads to the executable now. Absent if none does: it was deleted, moved away from under the name,
+  /// replaced, or is out of this process's sight.
+  std::optional<std::string> path() const {
+    char target[PATH_MAX];
+    const std::string link = "/proc/self/fd/" + std::to_string(executable_.get());
+    const ssize_t length = readlink(link.c_str(), target, sizeof target);
+    if (length <= 0 || static_cast<size_t>(length) == sizeof target) return std::nullopt;
+    std::string path(target, static_cast<size_t>(length));
+    if (path[0] != '/' || !isExecutable(path)) return std::nullopt;
+    return path;
+  }
+
+  /// Whether it runs and has run the same executable file since it was pinned, as far as can be seen.
+  bool isUnchanged() const { return isExecutable(link_) && !hasEnded(); }
+
+ private:
+  PinnedProcess() = default;
+
+  bool hasEnded() const {
+    pollfd descriptor{process_.get(), POLLIN, 0};
+    return poll(&descriptor, 1, 0) != 0;  // readable once it has ended; what cannot be told counts as ended
+  }
+
+  bool isExecutable(const std::string& path) const {
+    struct stat now = {};
+    return stat(path.c_str(), &now) == 0 && now.st_dev == status_.st_dev && now.st_ino == status_.st_ino;
+  }
+
+  Descriptor process_;
+  Descriptor executable_;
+  std::string link_;
+  struct stat status_ = {};
+};
+
+}  // namespace
+
+LinuxCodeSigning::LinuxCodeSigning() : anchors_(VORLIX_ANCHOR_FOLDER) {}
+
+CodeCheck LinuxCodeSigning::check(int32_t process, const std::string& requirement) {
+  const auto pinned = PinnedProcess::pin(process);
+  if (!pinned) return CodeCheck::guestFailed;
+  const auto rule = parseSigningRequirement(requirement);
+  if (!rule) return CodeCheck::requirementFailed;
+
+  if (!pinned->isReadable()) return CodeCheck::invalid;
+  const auto path = pinned->path();
+  if (!path) return CodeCheck::invalid;
+  const auto signature = DetachedSignature::fromFile(*path + kSignatureSuffix);
+  const auto anchors = trustAnchors(anchors_);
+  if (!signature || !anchors) return CodeCheck::invalid;
+
+  const auto unit = signature->signersUnit(pinned->executable(), *anchors);
+  const bool signedByTeam = unit == rule->organisationalUnit;
+  return signedByTeam && pinned->path() == path && pinned->isUnchanged() ? CodeCheck::valid : CodeCheck::invalid;
+}
+
+}  // namespace vorlix
