@@ -79,8 +79,9 @@ class Child {
 
 /// Where a child's two outputs go.
 enum class ChildOutputs {
-  separate,  ///< a pipe for each
-  shared,    ///< one pipe for both, in the order in which the child writes
+  separate,     ///< a pipe for each
+  errorUnread,  ///< likewise, and nobody will read standard error: what is more than its pipe holds cannot be written
+  shared,       ///< one pipe for both, in the order in which the child writes
 };
 
 /// Where a child's standard input comes from.

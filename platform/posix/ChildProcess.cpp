@@ -148,10 +148,14 @@ class PosixChild final : public Child {
     output_ = std::make_shared<PipeOutput>(std::move(output.readEnd));
     outputEnd_ = std::move(output.writeEnd);
     error_ = output_;
-    if (outputs == ChildOutputs::separate) {
+    if (outputs != ChildOutputs::shared) {
       Pipe error = makePipe();
       error_ = std::make_shared<PipeOutput>(std::move(error.readEnd));
       errorEnd_ = std::move(error.writeEnd);
+      // A child that waited until there is room would wait for ever, and with it whoever reads its standard output.
+      if (outputs == ChildOutputs::errorUnread) {
+        require(fcntl(errorEnd_.get(), F_SETFL, O_NONBLOCK) == 0 ? 0 : errno, "pipe");
+      }
     }
     if (input == ChildInput::pipe) input_ = makePipe();
   }
