@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// Set-up of a Windows volume for legacy (BIOS) booting.
+/// Set-up of a Windows volume for legacy (BIOS) booting, and what a privileged host asks before it acts.
 #pragma once
 
 #include <Vorlix/foundation/Export.h>
@@ -35,4 +35,24 @@ class VORLIX_EXPORT QDSUtilities {
   /// @return 0, or -1 when a copy failed; the reason is in the log and what was copied before stays. A second run then
   ///         copies what is missing.
   static int32_t setupMBRBootFilesForDevice(const std::optional<vorlix::URL>& device, const std::string& bcdPath);
+
+  /// Decides whether a process may have what it asks a privileged host for: true only if the code that it runs is
+  /// signed by the developer team of this product (`isCorrectlySignedClientWithPID:`). The requirement is "anchor apple
+  /// generic and certificate leaf[subject.OU] = K7M2QZ4RNA". Any thread may ask; nothing is remembered between calls.
+  ///
+  /// A refusal logs the step that failed, without a line feed: "Error creating number", "Error creating attributes",
+  /// "Error creating SecCodeCopyGuestWithAttributes" (no such process), "Error creating
+  /// SecRequirementCreateWithStringAndErrors", or "Request from invalid client. Refusing". Where the system does not
+  /// sign code, the check is the one that docs/caller-check.md describes.
+  ///
+  /// A process identifier is a weak name: a client that runs another executable between its request and this call is
+  /// judged by the new one.
+  static bool isCorrectlySignedClientWithPID(int32_t process);
+
+  /// Whether System Integrity Protection is on, as "/usr/bin/csrutil status" tells (`isSIPEnabled`). False on a system
+  /// without that tool, and where its output has "System Integrity Protection status: disabled" in it or is not UTF-8;
+  /// true for every other output, an error's included. Its exit status and standard error are not looked at. Waits
+  /// until the tool closes its output. Any thread may ask.
+  /// @throws std::system_error  when the tool is there but cannot be launched.
+  static bool isSIPEnabled();
 };

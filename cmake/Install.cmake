@@ -5,7 +5,8 @@ include(CMakePackageConfigHelpers)
 install(TARGETS vorlix_headers vorlix_shared vorlix_static vorlix_simulated EXPORT VorlixTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY Vorlix/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlix FILES_MATCHING PATTERN "*.h"
-        PATTERN "QDSDiskFunctions" EXCLUDE PATTERN "QDVolume" EXCLUDE PATTERN "QDTaskWrapperWithBlocks" EXCLUDE)
+        PATTERN "QDSDiskFunctions" EXCLUDE PATTERN "QDVolume" EXCLUDE PATTERN "QDTaskWrapperWithBlocks" EXCLUDE
+        PATTERN "QDDiskHelper" EXCLUDE PATTERN "QDSUtilities" EXCLUDE)
 install(DIRECTORY foundation DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlix FILES_MATCHING PATTERN "*.h"
         PATTERN "KeyedArchive" EXCLUDE)
 install(DIRECTORY platform DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlix FILES_MATCHING PATTERN "*.h"

@@ -120,7 +120,13 @@ else()
        platform/linux/VolumeProbe.cpp)
 endif()
 
-# Callers' signatures and the system's log.
+# The record of a disk, bootability, the check of callers and the system's log.
+list(APPEND VORLIX_SOURCES
+     Vorlix/QDDiskHelper.cpp
+     Vorlix/QDDiskInfo.cpp
+     Vorlix/QDSDiskFunctions/SystemLog.cpp
+     Vorlix/QDSUtilities/CallerCheck.cpp
+     Vorlix/QDSUtilities/SystemIntegrity.cpp)
 if(APPLE)
   list(APPEND VORLIX_SOURCES
        platform/macos/CodeSigning.cpp

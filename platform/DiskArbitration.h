@@ -16,6 +16,7 @@
 namespace vorlix {
 
 // Keys of a disk's description, as Disk Arbitration publishes them. A key whose value is not known is absent.
+inline constexpr const char* kDescriptionDeviceGUID = "DADeviceGUID";          ///< bytes
 inline constexpr const char* kDescriptionDeviceInternal = "DADeviceInternal";  ///< boolean
 inline constexpr const char* kDescriptionDevicePath = "DADevicePath";          ///< text, path in the I/O registry
 inline constexpr const char* kDescriptionDeviceUnit = "DADeviceUnit";          ///< integer, the n of diskn
