@@ -16,5 +16,8 @@ void addMountCommands(CLI::App& app, int& status);
 void addBootStoreCommand(CLI::App& app, int& status);
 void addBootRecordCommands(CLI::App& app, int& status);
 void addLegacyBootCommand(CLI::App& app, int& status);
+void addRunCommands(CLI::App& app, int& status);
+void addArchiveCommand(CLI::App& app, int& status);
+void addProbeCommands(CLI::App& app, int& status);
 
 }  // namespace vorlix::tool

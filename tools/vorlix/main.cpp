@@ -27,6 +27,9 @@ int main(int argc, char** argv) {
   addBootStoreCommand(app, status);
   addBootRecordCommands(app, status);
   addLegacyBootCommand(app, status);
+  addRunCommands(app, status);
+  addArchiveCommand(app, status);
+  addProbeCommands(app, status);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
