@@ -1,0 +1,202 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/QDDiskHelper.h>
+#include <Vorlix/QDDiskHelper/BootFiles.h>
+#include <Vorlix/QDSDiskFunctions/SystemLog.h>
+#include <Vorlix/QDVolume.h>
+#include <Vorlix/platform/SystemLog.h>
+#include <unistd.h>
+
+#include "support/DiskBytes.h"
+#include "support/DiskFixture.h"
+
+namespace vorlix::test {
+namespace {
+
+constexpr size_t kSecondSlot = 446 + 16;
+constexpr size_t kStartHead = 1;
+
+class BootTypeTest : public DiskTest {
+ protected:
+  BootTypeTest() {
+    machine.addDisk("disk0", 1 << 20, 512);
+    machine.setBytes("disk0", 510, {0x55, 0xAA});
+  }
+  int32_t bootType(const std::string& device = "/dev/disk0") { return QDDiskHelper::init()->bootTypeForDisk(device); }
+};
+
+TEST_F(BootTypeTest, APlainProtectiveMBRIsEFI) {
+  machine.setBytes("disk0", 446, {0x00, 0x00, 0x02, 0x00, 0xEE, 0xFE, 0xFF, 0xFF, 1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF});
+  EXPECT_EQ(bootType(), 1);
+}
+
+TEST_F(BootTypeTest, ASecondPartitionThatStartsAtAnotherHeadIsLegacy) {
+  machine.setBytes("disk0", kSecondSlot, {0x80, 0xFE, 0xFF, 0xFF, 0x07, 0xFE, 0xFF, 0xFF, 0, 8, 0, 0, 0, 0x10, 0, 0});
+  EXPECT_EQ(bootType(), 0);
+}
+
+TEST_F(BootTypeTest, ASecondPartitionThatStartsAtHeadZeroIsEFI) {
+  machine.setBytes("disk0", kSecondSlot, {0x80, 0x00, 0x01, 0x64, 0x07, 0xFE, 0xFF, 0xFF, 0, 8, 0, 0, 0, 0x10, 0, 0});
+  EXPECT_EQ(bootType(), 1);
+}
+
+TEST_F(BootTypeTest, OnlyTheStartHeadOfTheSecondSlotCounts) {
+  ByteVector sector(512, 0xA5);
+  sector[kSecondSlot + kStartHead] = 0;
+  machine.setBytes("disk0", 0, sector);
+  EXPECT_EQ(bootType(), 1);
+  sector.assign(512, 0);
+  sector[kSecondSlot + kStartHead] = 1;
+  machine.setBytes("disk0", 0, sector);
+  EXPECT_EQ(bootType(), 0);
+}
+
+TEST_F(BootTypeTest, WithoutASignatureTheAnswerIsTheSame) {
+  machine.setBytes("disk0", 510, {0, 0});
+  EXPECT_EQ(bootType(), 1);
+  machine.setBytes("disk0", kSecondSlot + kStartHead, {0x20});
+  EXPECT_EQ(bootType(), 0);
+}
+
+TEST_F(BootTypeTest, ADeviceThatEndsBeforeTheByteIsEFI) {
+  machine.addDisk("disk1", kSecondSlot, 512);
+  machine.setBytes("disk1", 0, ByteVector(kSecondSlot, 0xFF));
+  EXPECT_EQ(bootType("/dev/disk1"), 1);
+  machine.addDisk("disk2", 0, 512);
+  EXPECT_EQ(bootType("/dev/disk2"), 1);
+}
+
+TEST_F(BootTypeTest, ADeviceThatEndsAfterTheByteIsJudgedByIt) {
+  machine.addDisk("disk1", kSecondSlot + 2, 512);
+  machine.setBytes("disk1", 0, ByteVector(kSecondSlot + 2, 0xFF));
+  EXPECT_EQ(bootType("/dev/disk1"), 0);
+}
+
+TEST_F(BootTypeTest, AnUnreadableDeviceIsJudgedByNothingRead) {
+  machine.setBytes("disk0", 0, ByteVector(512, 0xFF));
+  machine.fail("disk0", Operation::read, EIO);
+  EXPECT_EQ(bootType(), 1);
+}
+
+TEST_F(BootTypeTest, ADeviceThatCannotBeOpenedIsFour) {
+  machine.fail("disk0", Operation::open, EACCES);
+  EXPECT_EQ(bootType(), 4);
+  EXPECT_EQ(bootType("/dev/disk9"), 4);
+  EXPECT_EQ(bootType(""), 4);
+  EXPECT_EQ(keptOpenCount(), 0U);
+}
+
+TEST_F(BootTypeTest, ItIsOpenedForReadingWithoutALockAndNothingIsWritten) {
+  bootType();
+  EXPECT_EQ(journalOf({"open "}), Lines{"open disk0 read"});
+  EXPECT_EQ(machine.writes(), Lines());
+}
+
+TEST_F(BootTypeTest, EachCallLeavesTheDeviceOpen) {
+  bootType();
+  EXPECT_EQ(keptOpenCount(), 1U);
+  bootType();
+  EXPECT_EQ(keptOpenCount(), 2U);
+  EXPECT_EQ(machine.openCount(), 2U);
+  EXPECT_EQ(journalOf({"close "}), Lines());
+}
+
+class BootableTest : public DiskTest {
+ protected:
+  bool bootable(const std::string& root) {
+    const auto volume = QDVolume::init();
+    volume->setFilePath(root);
+    return QDDiskHelper::init()->isBootable(volume);
+  }
+  bool bootableWith(const std::string& file) {
+    makeFolder("volume");
+    const std::filesystem::path path = folder / ("volume/" + file);
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream(path).put('x');
+    return bootable(folder / "volume");
+  }
+};
+
+TEST_F(BootableTest, TheLookIsNotedInTheSystemsLog) {
+  bootable(folder / "volume");
+  EXPECT_EQ(machine.journal(), Lines{"system log Vorlix: Checking if bootable"});
+  EXPECT_EQ(log(), "");
+}
+
+TEST_F(BootableTest, TheFilesAreLookedForInThisOrder) {
+  const std::array<std::string, 4> expected = {"/v/System/Library", "/v/com.apple.recovery.boot/boot.efi",
+                                               "/v/Windows/System32", "/v/ntldr"};
+  EXPECT_EQ(bootFilePaths("/v"), expected);
+  EXPECT_EQ(bootFilePaths("/v/"), expected);
+}
+
+TEST_F(BootableTest, AtTheRootOfTheSystemThereIsOneSlash) {
+  const std::array<std::string, 4> expected = {"/System/Library", "/com.apple.recovery.boot/boot.efi",
+                                               "/Windows/System32", "/ntldr"};
+  EXPECT_EQ(bootFilePaths("/"), expected);
+}
+
+TEST_F(BootableTest, AnEmptyVolumeIsNot) {
+  makeFolder("volume");
+  EXPECT_FALSE(bootable(folder / "volume"));
+}
+
+TEST_F(BootableTest, AVolumeThatIsNotThereIsNot) {
+  EXPECT_FALSE(bootable(folder / "nowhere"));
+}
+
+TEST_F(BootableTest, TheSystemLibraryFolderWillDo) {
+  EXPECT_TRUE(bootableWith("System/Library/x"));
+}
+
+TEST_F(BootableTest, TheRecoveryBootLoaderWillDo) {
+  EXPECT_TRUE(bootableWith("com.apple.recovery.boot/boot.efi"));
+}
+
+TEST_F(BootableTest, TheWindowsSystemFolderWillDo) {
+  EXPECT_TRUE(bootableWith("Windows/System32/x"));
+}
+
+TEST_F(BootableTest, TheLegacyLoaderWillDo) {
+  EXPECT_TRUE(bootableWith("ntldr"));
+}
+
+TEST_F(BootableTest, AFileWillDoWhereAFolderIsUsual) {
+  EXPECT_TRUE(bootableWith("Windows/System32"));
+}
+
+TEST_F(BootableTest, AlmostIsNotEnough) {
+  EXPECT_FALSE(bootableWith("bootmgr"));
+  EXPECT_FALSE(bootableWith("System/x"));
+  EXPECT_FALSE(bootableWith("com.apple.recovery.boot/x"));
+  EXPECT_FALSE(bootableWith("Windows/x"));
+  EXPECT_FALSE(bootableWith("boot.efi"));
+}
+
+TEST_F(BootableTest, WithoutAPathTheWorkingFolderIsLookedAt) {
+  const auto before = std::filesystem::current_path();
+  makeFolder("empty");
+  std::filesystem::current_path(folder / "empty");
+  const bool inEmpty = QDDiskHelper::init()->isBootable(QDVolume::init());
+  makeFile("empty/ntldr", {});
+  const bool withLoader = QDDiskHelper::init()->isBootable(QDVolume::init());
+  const bool withoutVolume = QDDiskHelper::init()->isBootable(nullptr);
+  std::filesystem::current_path(before);
+  EXPECT_FALSE(inEmpty);
+  EXPECT_TRUE(withLoader);
+  EXPECT_TRUE(withoutVolume);
+}
+
+class SystemLogLineTest : public FlatTest {};
+
+TEST_F(SystemLogLineTest, EachLineFeedIsFollowedByTheName) {
+  logToSystem("one\ntwo\n\nthree\n");
+  EXPECT_EQ(machine.journal(), Lines{"system log Vorlix: one\nVorlixtwo\nVorlix\nVorlixthree\nVorlix"});
+}
+
+TEST_F(SystemLogLineTest, PlaceholdersAreText) {
+  logToSystem("100 %s %n");
+  EXPECT_EQ(machine.journal(), Lines{"system log Vorlix: 100 %s %n"});
+}
+
+}  // namespace
+}  // namespace vorlix::test

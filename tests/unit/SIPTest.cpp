@@ -1,0 +1,188 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The state of System Integrity Protection as a status tool reports it, simulated and, where pipes matter, for real.
+#include <Vorlix/QDSUtilities.h>
+#include <Vorlix/QDSUtilities/StatusTool.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <system_error>
+
+#include "support/DiskFixture.h"
+
+namespace vorlix::test {
+namespace {
+
+using Stream = SimulatedRun::Stream;
+
+class SIPTest : public FlatTest {
+ protected:
+  SIPTest() {
+    makeFile("csrutil", {});
+    setStatusToolPath(tool);
+  }
+  ~SIPTest() override { setStatusToolPath(""); }
+
+  bool enabledAfter(const std::string& output) {
+    SimulatedRun run;
+    if (!output.empty()) run.pieces = {{Stream::output, output}};
+    machine.addProgram(tool, run);
+    return QDSUtilities::isSIPEnabled();
+  }
+
+  const std::string tool = folder / "csrutil";
+};
+
+TEST_F(SIPTest, TheToolOfTheSystemIsAskedAndNoOther) {
+  EXPECT_STREQ(kStatusToolPath, "/usr/bin/csrutil");
+}
+
+TEST_F(SIPTest, TheToolIsRunOnceWithTheArgumentStatus) {
+  enabledAfter("System Integrity Protection status: enabled.\n");
+  EXPECT_EQ(machine.journal(), Lines{"launch " + tool + " status"});
+}
+
+TEST_F(SIPTest, EnabledIsTrue) {
+  EXPECT_TRUE(enabledAfter("System Integrity Protection status: enabled.\n"));
+}
+
+TEST_F(SIPTest, DisabledWithAFullStopIsFalse) {
+  EXPECT_FALSE(enabledAfter("System Integrity Protection status: disabled.\n"));
+}
+
+TEST_F(SIPTest, DisabledWithoutAFullStopIsFalse) {
+  EXPECT_FALSE(enabledAfter("System Integrity Protection status: disabled"));
+}
+
+TEST_F(SIPTest, DisabledAnywhereInTheTextIsFalse) {
+  EXPECT_FALSE(enabledAfter("warning: beta\nxSystem Integrity Protection status: disabledx (Custom)\nmore\n"));
+}
+
+TEST_F(SIPTest, CaseIsToldApart) {
+  EXPECT_TRUE(enabledAfter("System Integrity Protection status: Disabled.\n"));
+  EXPECT_TRUE(enabledAfter("system integrity protection status: disabled.\n"));
+}
+
+TEST_F(SIPTest, UnknownOrCustomOrAnErrorIsTrue) {
+  EXPECT_TRUE(enabledAfter("System Integrity Protection status: unknown (Custom Configuration).\n"));
+  EXPECT_TRUE(enabledAfter("csrutil: failed\n"));
+  EXPECT_TRUE(enabledAfter(""));
+}
+
+TEST_F(SIPTest, TheTextIsPutTogetherFromItsPieces) {
+  SimulatedRun run;
+  run.pieces = {
+      {Stream::output, "System Integrity Prot"}, {Stream::output, "ection status: dis"}, {Stream::output, "abled."}};
+  machine.addProgram(tool, run);
+  EXPECT_FALSE(QDSUtilities::isSIPEnabled());
+}
+
+TEST_F(SIPTest, StandardErrorIsNotLookedAt) {
+  SimulatedRun run;
+  run.pieces = {{Stream::error, "System Integrity Protection status: disabled."}, {Stream::output, "enabled"}};
+  machine.addProgram(tool, run);
+  EXPECT_TRUE(QDSUtilities::isSIPEnabled());
+}
+
+TEST_F(SIPTest, TheExitStatusIsNotLookedAt) {
+  SimulatedRun run;
+  run.pieces = {{Stream::output, "System Integrity Protection status: enabled."}};
+  run.status = 1;
+  machine.addProgram(tool, run);
+  EXPECT_TRUE(QDSUtilities::isSIPEnabled());
+}
+
+TEST_F(SIPTest, OutputThatIsNotUTF8IsFalse) {
+  EXPECT_FALSE(enabledAfter("System Integrity Protection status: enabled.\xFF"));
+}
+
+TEST_F(SIPTest, ACharacterCutByAPieceIsStillUTF8) {
+  SimulatedRun run;
+  run.pieces = {{Stream::output, "\xC3"}, {Stream::output, "\xA4"}};
+  machine.addProgram(tool, run);
+  EXPECT_TRUE(QDSUtilities::isSIPEnabled());
+}
+
+TEST_F(SIPTest, WithoutTheToolItIsFalseAndNothingIsStarted) {
+  machine.addProgram(tool, SimulatedRun{});
+  std::filesystem::remove(tool);
+  EXPECT_FALSE(QDSUtilities::isSIPEnabled());
+  EXPECT_EQ(machine.journal(), Lines());
+}
+
+TEST_F(SIPTest, AFolderInTheToolsPlaceCountsAsThere) {
+  std::filesystem::remove(tool);
+  std::filesystem::create_directory(tool);
+  EXPECT_TRUE(enabledAfter("enabled"));
+  EXPECT_EQ(machine.journal(), Lines{"launch " + tool + " status"});
+}
+
+TEST_F(SIPTest, AToolThatCannotBeLaunchedIsTheCallersError) {
+  EXPECT_THROW(QDSUtilities::isSIPEnabled(), std::system_error);
+}
+
+TEST_F(SIPTest, NothingIsLogged) {
+  enabledAfter("System Integrity Protection status: disabled.\n");
+  EXPECT_EQ(log(), "");
+}
+
+/// A shell script in the tool's place, run by this system's own adapter.
+class SIPProcessTest : public SIPTest {
+ protected:
+  SIPProcessTest()
+      : scope_([] {
+          Platform ports = SimulatedMachine().platform();
+          ports.childProcess = nativePlatform().childProcess;
+          return ports;
+        }()) {}
+
+  bool enabledAfterScript(const std::string& script) {
+    const std::string text = "#!/bin/sh\n" + script + "\n";
+    makeFile("csrutil", ByteVector(text.begin(), text.end()));
+    chmod(tool.c_str(), 0700);
+    return QDSUtilities::isSIPEnabled();
+  }
+
+ private:
+  ScopedPlatform scope_;
+};
+
+TEST_F(SIPProcessTest, TheOnlyArgumentIsStatus) {
+  EXPECT_FALSE(
+      enabledAfterScript("[ $# = 1 ] && [ \"$1\" = status ] && "
+                         "echo 'System Integrity Protection status: disabled.'"));
+}
+
+TEST_F(SIPProcessTest, OutputIsReadToItsEnd) {
+  // 1 MiB goes through the pipe before the words that matter.
+  EXPECT_FALSE(
+      enabledAfterScript("head -c 1048576 /dev/zero | tr '\\0' x; "
+                         "echo 'System Integrity Protection status: disabled.'"));
+}
+
+TEST_F(SIPProcessTest, AFullStandardErrorDoesNotHoldTheToolUp) {
+  // 1 MiB is more than any pipe holds here. Without SIGPIPE and without waiting the tool goes on to its answer.
+  EXPECT_FALSE(
+      enabledAfterScript("head -c 1048576 /dev/zero >&2; "
+                         "echo 'System Integrity Protection status: disabled.'"));
+}
+
+TEST_F(SIPProcessTest, AToolThatWritesNothingIsTrue) {
+  EXPECT_TRUE(enabledAfterScript("exit 1"));
+}
+
+TEST_F(SIPProcessTest, NoDescriptorStaysOpen) {
+  enabledAfterScript("echo enabled");
+  const int before = openDescriptors();
+  enabledAfterScript("echo enabled");
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(SIPProcessTest, AFileThatIsNotExecutableIsTheCallersError) {
+  makeFile("csrutil", {'x'});
+  chmod(tool.c_str(), 0600);
+  EXPECT_THROW(QDSUtilities::isSIPEnabled(), std::system_error);
+}
+
+}  // namespace
+}  // namespace vorlix::test
