@@ -136,7 +136,10 @@ class Authorities {
 
 class CodeSigningTest : public testing::Test {
  protected:
-  CodeSigningTest() { fs::copy_file("/bin/sleep", client()); }
+  void SetUp() override {
+    if (system("command -v openssl >/dev/null") != 0) GTEST_SKIP() << "signing needs the openssl command line";
+    fs::copy_file("/bin/sleep", client());
+  }
 
   std::string client() const { return (folder_.path() / "client").string(); }
   std::string signature() const { return client() + ".p7s"; }
