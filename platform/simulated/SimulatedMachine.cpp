@@ -24,6 +24,7 @@ Platform SimulatedMachine::platform() const {
   ports.childProcess = makeSimulatedChildProcess(state_);
   ports.codeSigning = makeSimulatedCodeSigning(state_);
   ports.systemLog = makeSimulatedSystemLog(state_);
+  ports.hostBundle = state_->hostBundle;
   return ports;
 }
 
@@ -97,6 +98,10 @@ void SimulatedMachine::failRegistry(RegistryCall call, KernReturn code, std::opt
 
 size_t SimulatedMachine::heldRegistryEntries() const {
   return state_->heldRegistryEntries;
+}
+
+void SimulatedMachine::addResource(const std::string& name, const std::string& type, const std::string& path) {
+  state_->hostBundle->addResource(name, type, path);
 }
 
 void SimulatedMachine::failCopy(const std::string& source, const std::string& reason) {

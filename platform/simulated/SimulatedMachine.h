@@ -151,6 +151,9 @@ class SimulatedMachine {
   /// Registry entries that are held now.
   size_t heldRegistryEntries() const;
 
+  /// Lets the host ship a resource, which stands at `path`; it ships no other.
+  void addResource(const std::string& name, const std::string& type, const std::string& path);
+
   /// Lets a copy of `source` fail with `reason`; other copies are made for real.
   void failCopy(const std::string& source, const std::string& reason);
 

@@ -7,6 +7,7 @@
 #include <Vorlix/platform/CodeSigning.h>
 #include <Vorlix/platform/DiskArbitration.h>
 #include <Vorlix/platform/RunLoop.h>
+#include <Vorlix/platform/simulated/SimulatedHostBundle.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 
 #include <functional>
@@ -120,6 +121,7 @@ struct SimulatedState {
   size_t heldRegistryEntries = 0;
 
   std::map<std::string, std::string> copyFailures;
+  std::shared_ptr<SimulatedHostBundle> hostBundle = std::make_shared<SimulatedHostBundle>();
 
   std::map<std::string, SimulatedProgram> programs;
   std::vector<PendingRead> reads;
