@@ -49,12 +49,12 @@ size_t AttributedString::length() const {
   return runs_.empty() ? 0 : runs_.back().location + runs_.back().length;
 }
 
-bool operator==(const AttributedString& left, const AttributedString& right) {
-  return left.text_ == right.text_ &&
-         std::equal(left.runs_.begin(), left.runs_.end(), right.runs_.begin(), right.runs_.end(),
-                    [](const AttributedString::Run& one, const AttributedString::Run& other) {
-                      return one.length == other.length && sameAttributes(*one.attributes, *other.attributes);
-                    });
+bool AttributedString::operator==(const AttributedString& other) const {
+  return text_ == other.text_ && std::equal(runs_.begin(), runs_.end(), other.runs_.begin(), other.runs_.end(),
+                                            [](const Run& one, const Run& counterpart) {
+                                              return one.length == counterpart.length &&
+                                                     sameAttributes(*one.attributes, *counterpart.attributes);
+                                            });
 }
 
 }  // namespace vorlix

@@ -49,7 +49,7 @@ class VORLIX_EXPORT AttributedString {
 
   /// The same text, with the same attributes on the same stretches. Dictionaries within attributes count as the same
   /// only if they are one.
-  friend VORLIX_EXPORT bool operator==(const AttributedString& left, const AttributedString& right);
+  bool operator==(const AttributedString& other) const;
 
  private:
   std::string text_;
