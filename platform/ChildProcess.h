@@ -33,7 +33,8 @@ class ChildOutput {
   /// new one takes its place.
   ///
   /// At the end each further read completes with an empty chunk, too, but not before kEndedReadInterval has passed: who
-  /// always begins the next one does not keep the processor busy.
+  /// always begins the next one does not keep the processor busy. Such a read does not complete where the system has no
+  /// timer left.
   ///
   /// The completion may begin the next read, run the loop and let go of this object. A read that is pending when this
   /// object goes does not complete.

@@ -3,8 +3,6 @@
 
 #include <sys/timerfd.h>
 
-#include <cerrno>
-#include <system_error>
 #include <utility>
 
 #include "../posix/Descriptor.h"
@@ -45,9 +43,7 @@ std::unique_ptr<LoopSource> callAfter(std::chrono::milliseconds time, std::funct
   itimerspec due = {};
   due.it_value.tv_sec = seconds.count();
   due.it_value.tv_nsec = std::chrono::nanoseconds(time - seconds).count();
-  if (!timer || timerfd_settime(timer.get(), 0, &due, nullptr) != 0) {
-    throw std::system_error(errno, std::generic_category(), "timer");
-  }
+  if (!timer || timerfd_settime(timer.get(), 0, &due, nullptr) != 0) return nullptr;
   const int descriptor = timer.get();
   return std::make_unique<LinuxLoopSource>(descriptor, std::move(handler), std::move(timer));
 }

@@ -47,10 +47,13 @@ class Timer final : public LoopSource {
     CFRunLoopTimerContext context = {0, this, nullptr, nullptr, nullptr};
     const CFAbsoluteTime due = CFAbsoluteTimeGetCurrent() + std::chrono::duration<double>(time).count();
     timer_.reset(CFRunLoopTimerCreate(kCFAllocatorDefault, due, 0, 0, 0, fire, &context));
-    if (!timer_) throw std::system_error(ENOMEM, std::generic_category(), "timer");
-    CFRunLoopAddTimer(CFRunLoopGetCurrent(), timer_.get(), kCFRunLoopDefaultMode);
+    if (timer_) CFRunLoopAddTimer(CFRunLoopGetCurrent(), timer_.get(), kCFRunLoopDefaultMode);
   }
-  ~Timer() override { CFRunLoopTimerInvalidate(timer_.get()); }
+  ~Timer() override {
+    if (timer_) CFRunLoopTimerInvalidate(timer_.get());
+  }
+
+  explicit operator bool() const { return static_cast<bool>(timer_); }
 
  private:
   static void fire(CFRunLoopTimerRef, void* self) {
@@ -69,7 +72,9 @@ std::unique_ptr<LoopSource> watchDescriptor(int descriptor, std::function<void()
 }
 
 std::unique_ptr<LoopSource> callAfter(std::chrono::milliseconds time, std::function<void()> handler) {
-  return std::make_unique<Timer>(time, std::move(handler));
+  auto timer = std::make_unique<Timer>(time, std::move(handler));
+  if (!*timer) return nullptr;
+  return timer;
 }
 
 }  // namespace vorlix

@@ -25,7 +25,7 @@ class LoopSource {
 /// the source before closing it.
 std::unique_ptr<LoopSource> watchDescriptor(int descriptor, std::function<void()> handler);
 
-/// Calls when a time, which is not 0, has passed. @throws std::system_error when the system has no timer left.
+/// Calls when a time, which is not 0, has passed. Null when the system has no timer left.
 std::unique_ptr<LoopSource> callAfter(std::chrono::milliseconds time, std::function<void()> handler);
 
 }  // namespace vorlix

@@ -30,7 +30,8 @@ Data PipeOutput::read() {
 void PipeOutput::readInBackground(Completion completion) {
   cancelBackgroundRead();
   auto handler = [this] { complete(); };
-  // An ended pipe is always readable; watching it would keep the loop from sleeping.
+  // An ended pipe is always readable; watching it would keep the loop from sleeping. Without a timer the read does not
+  // complete: nobody waits for what can only be empty.
   source_ = ended_ ? callAfter(kEndedReadInterval, handler) : watchDescriptor(readEnd_.get(), handler);
   completion_ = std::move(completion);
 }

@@ -463,5 +463,18 @@ TEST_F(NativeChildProcess, AnEndedOutputCompletesAgainNoSoonerThanTheIntervalLat
   child->terminate();
 }
 
+TEST_F(NativeChildProcess, ReadsAfterTheEndDoNotFailForWantOfATimer) {
+  const auto child = launch(behaviour(CHILD_PRINT, {}));
+  const auto output = child->standardOutput();
+  EXPECT_THAT(output->read(), IsEmpty());
+  rlimit before = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  rlimit none = before;
+  none.rlim_cur = 0;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  EXPECT_NO_THROW(output->readInBackground([](const Data& chunk) { EXPECT_THAT(chunk, IsEmpty()); }));
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+}
+
 }  // namespace
 }  // namespace vorlix::contract

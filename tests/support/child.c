@@ -44,6 +44,9 @@ static void wait_for(const char *milliseconds) {
 
 static void wait_until_read(int stream) {
   int unread = 1;
+#if defined(__APPLE__)
+  wait_for("300"); /* there, the end that is written to does not know what is unread */
+#endif
   while (unread > 0) {
     if (ioctl(stream, FIONREAD, &unread) != 0) _exit(FAILED);
     wait_for("1");
