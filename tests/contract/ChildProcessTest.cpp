@@ -3,9 +3,7 @@
 // The contract of platform/ChildProcess.h, on this system and on the simulated machine.
 #include <Vorlix/platform/ChildProcess.h>
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 
-#include <algorithm>
 #include <system_error>
 
 #include "support/ProcessFixture.h"
@@ -16,22 +14,14 @@ namespace {
 using std::chrono::milliseconds;
 using test::behaviour;
 using test::comesTrue;
+using test::everythingFrom;
 using test::kChild;
 using test::lookAtLoop;
 using test::runUntil;
+using test::textOf;
 using test::Texts;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-std::string textOf(const Data& chunk) {
-  return {chunk.begin(), chunk.end()};
-}
-
-std::string everythingFrom(ChildOutput& output) {
-  std::string all;
-  for (Data chunk = output.read(); !chunk.empty(); chunk = output.read()) all += textOf(chunk);
-  return all;
-}
 
 enum class World { native, simulated };
 
@@ -263,218 +253,6 @@ TEST_P(ChildProcessContract, ACompletionMayRunTheLoop) {
 
 INSTANTIATE_TEST_SUITE_P(Worlds, ChildProcessContract, testing::Values(World::native, World::simulated),
                          [](const auto& world) { return world.param == World::native ? "native" : "simulated"; });
-
-// --------------------------------------------------------------------------------------------- what this system does
-
-class NativeChildProcess : public test::NativeProcessTest {
- protected:
-  static std::shared_ptr<Child> launch(const Texts& arguments, ChildInput input = ChildInput::pipe) {
-    auto child = platform().childProcess->create(ChildOutputs::separate, input);
-    child->launch(kChild, arguments);
-    return child;
-  }
-
-  /// What the child sees of itself: three lines.
-  static std::string stateOfAChild(ChildInput input = ChildInput::pipe) {
-    return everythingFrom(*launch(behaviour(CHILD_STATE), input)->standardOutput());
-  }
-};
-
-TEST_F(NativeChildProcess, TheChildHasThreeStreamsNoBlockedAndNoIgnoredSignal) {
-  EXPECT_EQ(stateOfAChild(), "descriptors 0 1 2\nblocked\nignored\n");
-  EXPECT_EQ(stateOfAChild(ChildInput::inherited), "descriptors 0 1 2\nblocked\nignored\n");
-}
-
-TEST_F(NativeChildProcess, NoDescriptorOfTheHostReachesTheChild) {
-  const int careless = open("/dev/null", O_RDONLY);  // inherited by a plain exec
-  const int high = fcntl(careless, F_DUPFD, 200);
-  ASSERT_GE(high, 200);
-  const auto another = launch(behaviour(CHILD_STAY, {"", "60000"}));
-  EXPECT_EQ(stateOfAChild(), "descriptors 0 1 2\nblocked\nignored\n");
-  EXPECT_GE(fcntl(careless, F_GETFD), 0) << "the host keeps its own";
-  another->terminate();
-  close(high);
-  close(careless);
-}
-
-TEST_F(NativeChildProcess, TheHostsSignalMaskAndHandlersStay) {
-  sigset_t mask;
-  sigemptyset(&mask);
-  sigaddset(&mask, SIGUSR1);
-  sigaddset(&mask, SIGTERM);
-  sigset_t maskBefore;
-  ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &mask, &maskBefore), 0);
-  struct sigaction ignore = {};
-  ignore.sa_handler = SIG_IGN;
-  struct sigaction pipeBefore = {};
-  sigaction(SIGPIPE, &ignore, &pipeBefore);
-  struct sigaction handler = {};
-  handler.sa_handler = [](int) {};
-  struct sigaction childBefore = {};
-  sigaction(SIGCHLD, &handler, &childBefore);
-
-  EXPECT_EQ(stateOfAChild(), "descriptors 0 1 2\nblocked\nignored\n");
-
-  sigset_t maskAfter;
-  pthread_sigmask(SIG_SETMASK, &maskBefore, &maskAfter);
-  EXPECT_EQ(sigismember(&maskAfter, SIGUSR1), 1);
-  EXPECT_EQ(sigismember(&maskAfter, SIGTERM), 1);
-  EXPECT_EQ(sigismember(&maskAfter, SIGCHLD), 0);
-  struct sigaction after = {};
-  sigaction(SIGPIPE, &pipeBefore, &after);
-  EXPECT_EQ(after.sa_handler, SIG_IGN);
-  sigaction(SIGCHLD, &childBefore, &after);
-  EXPECT_EQ(after.sa_handler, handler.sa_handler);
-}
-
-TEST_F(NativeChildProcess, AHostWithoutStandardStreamsCanRunPrograms) {
-  // In a process of its own, since the test's own streams are to stay.
-  const pid_t host = fork();
-  ASSERT_GE(host, 0);
-  if (host == 0) {
-    for (int i = 0; i <= 2; ++i) close(i);
-    const bool right = stateOfAChild() == "descriptors 0 1 2\nblocked\nignored\n";
-    const auto child = launch(behaviour(CHILD_PRINT, {"out", "err"}));
-    const bool apart =
-        everythingFrom(*child->standardOutput()) == "out" && everythingFrom(*child->standardError()) == "err";
-    _exit(right && apart ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(host, &status, 0), host);
-  EXPECT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-}
-
-TEST_F(NativeChildProcess, TheChildHasTheHostsEnvironmentAndFolder) {
-  ASSERT_EQ(setenv("VORLIX_TEST_VARIABLE", "a value", 1), 0);
-  auto child = platform().childProcess->create(ChildOutputs::shared, ChildInput::pipe);
-  child->launch("/bin/sh", {"-c", "echo $VORLIX_TEST_VARIABLE; pwd"});
-  EXPECT_EQ(everythingFrom(*child->standardOutput()), "a value\n" + std::filesystem::current_path().string() + "\n");
-  unsetenv("VORLIX_TEST_VARIABLE");
-}
-
-TEST_F(NativeChildProcess, AZeroByteInAnArgumentIsRefused) {
-  const auto child = platform().childProcess->create(ChildOutputs::shared, ChildInput::pipe);
-  EXPECT_THROW(child->launch(kChild, behaviour(CHILD_PRINT, {std::string("a\0b", 3)})), std::system_error);
-  EXPECT_THROW(child->launch(std::string(kChild) + std::string("\0", 1), {}), std::system_error);
-  EXPECT_FALSE(test::hasChildren());
-}
-
-TEST_F(NativeChildProcess, TheInputPipeIsOpenUntilTheHandleGoes) {
-  auto child = launch(behaviour(CHILD_INPUT, {"60000"}));
-  const auto output = child->standardOutput();
-  std::this_thread::sleep_for(milliseconds(100));
-  EXPECT_TRUE(child->isRunning());
-  child.reset();
-  EXPECT_EQ(everythingFrom(*output), "ended");
-}
-
-TEST_F(NativeChildProcess, AStatusThatWasAskedForLeavesNoProcessBehind) {
-  const auto child = launch(behaviour(CHILD_PRINT, {"", "", "7"}));
-  ASSERT_TRUE(comesTrue([&] { return !child->isRunning(); }));
-  EXPECT_FALSE(test::hasChildren());
-}
-
-TEST_F(NativeChildProcess, AHandleThatGoesAfterTheEndLeavesNoProcessBehind) {
-  auto child = launch(behaviour(CHILD_PRINT, {}));
-  ASSERT_TRUE(comesTrue(test::hasZombie));
-  child.reset();
-  EXPECT_FALSE(test::hasChildren());
-}
-
-TEST_F(NativeChildProcess, AChildThatOutlivesItsHandleIsCollectedAtTheNextLaunch) {
-  launch(behaviour(CHILD_STAY, {"", "100"})).reset();
-  EXPECT_TRUE(test::hasChildren()) << "it was not ended";
-  ASSERT_TRUE(comesTrue(test::hasZombie));
-  const auto next = launch(behaviour(CHILD_STAY, {"", "60000"}));
-  EXPECT_FALSE(test::hasZombie());
-  next->terminate();
-}
-
-TEST_F(NativeChildProcess, LettingGoOfARunningChildDoesNotWait) {
-  auto child = launch(behaviour(CHILD_STAY, {"", "2000"}));
-  const auto start = std::chrono::steady_clock::now();
-  child.reset();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(1000));
-  EXPECT_TRUE(test::hasChildren());
-  ASSERT_TRUE(comesTrue([] { return test::nothingIsLeftToCollect() && !test::hasChildren(); }));
-}
-
-TEST_F(NativeChildProcess, AStatusThatTheHostTookIsLost) {
-  const auto child = launch(behaviour(CHILD_PRINT, {"", "", "7"}));
-  int status = 0;
-  ASSERT_GT(waitpid(-1, &status, 0), 0);
-  child->terminate();  // asks nobody
-  EXPECT_FALSE(child->isRunning());
-  EXPECT_EQ(child->terminationStatus(), -1);
-}
-
-TEST_F(NativeChildProcess, OnlyTheChildIsAskedToEnd) {
-  const auto child = platform().childProcess->create(ChildOutputs::shared, ChildInput::pipe);
-  child->launch("/bin/sh", {"-c", "(sleep 0.5; echo survived) & echo ready; wait"});
-  EXPECT_EQ(textOf(child->standardOutput()->read()), "ready\n");
-  child->terminate();
-  EXPECT_EQ(everythingFrom(*child->standardOutput()), "survived\n");
-}
-
-TEST_F(NativeChildProcess, ManyHandlesAtATimeKeepTheirOwnPipes) {
-  std::vector<std::shared_ptr<Child>> children;
-  for (int i = 0; i < 20; ++i) children.push_back(launch(behaviour(CHILD_PRINT, {std::to_string(i)})));
-  for (int i = 0; i < 20; ++i) {
-    EXPECT_EQ(everythingFrom(*children[static_cast<size_t>(i)]->standardOutput()), std::to_string(i));
-  }
-}
-
-TEST_F(NativeChildProcess, NoDescriptorsLeftRaises) {
-  std::vector<int> taken;
-  rlimit before = {};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-  rlimit few = before;
-  few.rlim_cur = 64;
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
-  for (int i = dup(2); i >= 0; i = dup(2)) taken.push_back(i);
-  ASSERT_GE(taken.size(), 6u);
-  const size_t all = test::openDescriptors().size();
-  // The pipes take six descriptors and one more in passing; with fewer, none of them stays open.
-  for (size_t spare = 0; spare < 6; ++spare) {
-    EXPECT_THROW(platform().childProcess->create(ChildOutputs::separate, ChildInput::pipe), std::system_error) << spare;
-    EXPECT_EQ(test::openDescriptors().size(), all - spare);
-    close(taken.back());
-    taken.pop_back();
-  }
-  for (const int i : taken) close(i);
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
-}
-
-TEST_F(NativeChildProcess, AnEndedOutputCompletesAgainNoSoonerThanTheIntervalLater) {
-  const auto child = launch(behaviour(CHILD_CLOSE_ERROR, {"x", "60000"}));
-  const auto error = child->standardError();
-  std::vector<std::chrono::steady_clock::time_point> times;
-  std::function<void()> begin = [&] {
-    error->readInBackground([&](const Data& chunk) {
-      EXPECT_THAT(chunk, IsEmpty());
-      times.push_back(std::chrono::steady_clock::now());
-      if (times.size() < 4) begin();
-    });
-  };
-  begin();
-  ASSERT_TRUE(runUntil([&] { return times.size() == 4; }));
-  for (size_t i = 1; i < times.size(); ++i) EXPECT_GE(times[i] - times[i - 1], kEndedReadInterval);
-  child->terminate();
-}
-
-TEST_F(NativeChildProcess, ReadsAfterTheEndDoNotFailForWantOfATimer) {
-  const auto child = launch(behaviour(CHILD_PRINT, {}));
-  const auto output = child->standardOutput();
-  EXPECT_THAT(output->read(), IsEmpty());
-  rlimit before = {};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-  rlimit none = before;
-  none.rlim_cur = 0;
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-  EXPECT_NO_THROW(output->readInBackground([](const Data& chunk) { EXPECT_THAT(chunk, IsEmpty()); }));
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
-}
 
 }  // namespace
 }  // namespace vorlix::contract

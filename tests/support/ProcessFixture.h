@@ -56,6 +56,17 @@ inline std::string contentOf(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
+inline std::string textOf(const Data& chunk) {
+  return {chunk.begin(), chunk.end()};
+}
+
+/// Reads an output to its end.
+inline std::string everythingFrom(ChildOutput& output) {
+  std::string all;
+  for (Data chunk = output.read(); !chunk.empty(); chunk = output.read()) all += textOf(chunk);
+  return all;
+}
+
 /// Whether the system still keeps a child of this process, ended or not. Nothing is collected by looking.
 inline bool hasChildren() {
   siginfo_t info = {};

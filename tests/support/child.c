@@ -24,7 +24,7 @@
 
 enum { FAILED = 99, HIGHEST_DESCRIPTOR = 1023, HIGHEST_SIGNAL = 31 };
 
-static void put(int stream, const char *bytes, size_t count) {
+static void put(int stream, const char* bytes, size_t count) {
   while (count > 0) {
     const ssize_t written = write(stream, bytes, count);
     if (written < 0 && errno == EINTR) continue;
@@ -34,9 +34,11 @@ static void put(int stream, const char *bytes, size_t count) {
   }
 }
 
-static void put_text(int stream, const char *text) { put(stream, text, strlen(text)); }
+static void put_text(int stream, const char* text) {
+  put(stream, text, strlen(text));
+}
 
-static void wait_for(const char *milliseconds) {
+static void wait_for(const char* milliseconds) {
   const long time = strtol(milliseconds, NULL, 10);
   struct timespec rest = {time / 1000, time % 1000 * 1000000};
   while (nanosleep(&rest, &rest) != 0 && errno == EINTR) continue;
@@ -86,7 +88,7 @@ static void print_state(void) {
   fflush(stdout);
 }
 
-static void look_at_input(const char *milliseconds) {
+static void look_at_input(const char* milliseconds) {
   struct pollfd input = {STDIN_FILENO, POLLIN, 0};
   char byte;
   if (poll(&input, 1, atoi(milliseconds)) == 0) {
@@ -96,12 +98,12 @@ static void look_at_input(const char *milliseconds) {
   }
 }
 
-int main(int count, char **arguments) {
+int main(int count, char** arguments) {
   const int behaviour = count < 2 ? 0 : atoi(arguments[1]);
   /* Behaviours that are given too few find empty texts. */
-  const char *first = count > 2 ? arguments[2] : "";
-  const char *second = count > 3 ? arguments[3] : "";
-  const char *third = count > 4 ? arguments[4] : "";
+  const char* first = count > 2 ? arguments[2] : "";
+  const char* second = count > 3 ? arguments[3] : "";
+  const char* third = count > 4 ? arguments[4] : "";
 
   switch (behaviour) {
     case CHILD_PRINT:

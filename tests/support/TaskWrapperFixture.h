@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Tests of the task wrapper: one with what its callbacks were given, and a pause that does not wait.
+#pragma once
+
+#include <Vorlix/QDTaskWrapperWithBlocks.h>
+#include <Vorlix/QDTaskWrapperWithBlocks/StatusPause.h>
+
+#include <algorithm>
+#include <functional>
+#include <optional>
+
+#include "support/ProcessFixture.h"
+
+namespace vorlix::test {
+
+using Pieces = std::vector<std::optional<std::string>>;
+
+inline std::shared_ptr<std::vector<std::string>> listOf(Texts texts) {
+  return std::make_shared<std::vector<std::string>>(std::move(texts));
+}
+
+inline std::string joined(const Pieces& pieces) {
+  std::string all;
+  for (const auto& piece : pieces) all += piece.value_or("(absent)");
+  return all;
+}
+
+/// A wrapper and what its callbacks were given.
+struct Recorded {
+  explicit Recorded(Texts command) : Recorded(listOf(std::move(command))) {}
+  explicit Recorded(std::shared_ptr<const std::vector<std::string>> command) {
+    wrapper =
+        QDTaskWrapperWithBlocks::initWithStartBlock([this] { note("start", onStart); }, [this] { note("end", onEnd); },
+                                                    [this](const std::optional<std::string>& text) {
+                                                      output.push_back(text);
+                                                      note("output", onOutput);
+                                                    },
+                                                    [this](const std::optional<std::string>& text) {
+                                                      error.push_back(text);
+                                                      note("error", onError);
+                                                    },
+                                                    std::move(command));
+  }
+
+  void note(const char* event, const std::function<void()>& then) {
+    events.emplace_back(event);
+    threads.push_back(std::this_thread::get_id());
+    if (then) then();
+  }
+
+  ptrdiff_t count(const std::string& event) const { return std::count(events.begin(), events.end(), event); }
+  bool runToEnd() const {
+    return runUntil([this] { return count("end") > 0; });
+  }
+
+  std::shared_ptr<QDTaskWrapperWithBlocks> wrapper;
+  std::function<void()> onStart, onEnd, onOutput, onError;
+  Texts events;
+  std::vector<std::thread::id> threads;
+  Pieces output;
+  Pieces error;
+};
+
+/// What the replaced pause was asked for, and what happens in it.
+inline std::vector<std::chrono::milliseconds> pauses;
+inline std::function<void()> inThePause;
+
+class TaskWrapperTest : public NativeProcessTest {
+ protected:
+  TaskWrapperTest() {
+    pauses.clear();
+    inThePause = nullptr;
+    before_ = setStatusPause([](std::chrono::milliseconds time) {
+      pauses.push_back(time);
+      if (inThePause) inThePause();
+    });
+  }
+  ~TaskWrapperTest() override { setStatusPause(before_); }
+
+  /// The status of a child that is about to end.
+  static int32_t statusAtTheEnd(Recorded& run) {
+    int32_t status = -999;
+    comesTrue([&] { return (status = run.wrapper->terminationStatus()) != -999; });
+    return status;
+  }
+
+ private:
+  StatusPause before_ = nullptr;
+};
+
+}  // namespace vorlix::test

@@ -1,0 +1,237 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Stopping, restarting and failing to start a program in the background, and its exit status.
+#include <gmock/gmock.h>
+
+#include <system_error>
+
+#include "support/TaskWrapperFixture.h"
+
+namespace vorlix::test {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// ----------------------------------------------------------------------------------------------------------- stopping
+
+TEST_F(TaskWrapperTest, StoppingEndsTheListeningAndTheProcess) {
+  Recorded run(childCommand(CHILD_STAY, {"ready", "60000"}));
+  run.wrapper->startProcess();
+  ASSERT_TRUE(runUntil([&] { return run.count("output") == 1; }));
+  run.wrapper->stopProcess();
+  EXPECT_THAT(run.events, ElementsAre("start", "output", "end"));
+  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources);
+  EXPECT_EQ(statusAtTheEnd(run), SIGTERM);
+  EXPECT_EQ(run.count("end"), 1);
+}
+
+TEST_F(TaskWrapperTest, OutputThatIsWaitingWhenARunIsStoppedIsDropped) {
+  Recorded run(childCommand(CHILD_STAY, {"waiting", "60000"}));
+  run.wrapper->startProcess();
+  std::this_thread::sleep_for(milliseconds(200));
+  run.wrapper->stopProcess();
+  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources);
+  EXPECT_THAT(run.events, ElementsAre("start", "end"));
+}
+
+TEST_F(TaskWrapperTest, StoppingFromTheOutputCallbackEndsOnce) {
+  Recorded run(childCommand(CHILD_FLOOD, {"10000000"}));
+  run.onOutput = [&] { run.wrapper->stopProcess(); };
+  run.wrapper->startProcess();
+  ASSERT_TRUE(run.runToEnd());
+  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources) << "no further read was begun";
+  EXPECT_EQ(run.count("output"), 1);
+  EXPECT_EQ(run.count("end"), 1);
+}
+
+TEST_F(TaskWrapperTest, StoppingFromTheErrorCallbackEndsOnce) {
+  Recorded run({"/bin/sh", "-c", "echo wrong >&2; sleep 60 & wait"});
+  run.onError = [&] { run.wrapper->stopProcess(); };
+  run.wrapper->startProcess();
+  ASSERT_TRUE(run.runToEnd());
+  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources);
+  EXPECT_THAT(run.events, ElementsAre("start", "error", "end"));
+}
+
+TEST_F(TaskWrapperTest, StoppingIsPoliteAndDoesNotWait) {
+  Recorded run(childCommand(CHILD_STUBBORN, {"ready", "400", "7"}));
+  run.wrapper->startProcess();
+  ASSERT_TRUE(runUntil([&] { return run.count("output") == 1; }));
+  run.wrapper->stopProcess();
+  EXPECT_EQ(run.count("end"), 1);
+  EXPECT_EQ(statusAtTheEnd(run), 7);
+}
+
+TEST_F(TaskWrapperTest, EveryStopCallsTheEndCallback) {
+  Recorded run(childCommand(CHILD_PRINT, {"x"}));
+  run.wrapper->stopProcess();  // before there is a process
+  EXPECT_THAT(run.events, ElementsAre("end"));
+  run.wrapper->startProcess();
+  ASSERT_TRUE(runUntil([&] { return run.count("end") == 2; }));
+  run.wrapper->stopProcess();  // after it has ended
+  EXPECT_THAT(run.events, ElementsAre("end", "start", "output", "end", "end"));
+  EXPECT_EQ(statusAtTheEnd(run), 0);
+}
+
+TEST_F(TaskWrapperTest, LettingGoBeforeTheEndLeavesTheProcessToItself) {
+  const std::string file = inFolder("written");
+  Recorded run({"/bin/sh", "-c", "sleep 0.2; echo done > " + file});
+  run.wrapper->startProcess();
+  run.wrapper.reset();
+  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources);
+  EXPECT_TRUE(comesTrue([&] { return contentOf(file) == "done\n"; })) << "it was not asked to end";
+  EXPECT_THAT(run.events, ElementsAre("start"));
+  ASSERT_TRUE(comesTrue([] { return nothingIsLeftToCollect() && !hasChildren(); }));
+}
+
+// ------------------------------------------------------------------------------------------------------ several starts
+
+TEST_F(TaskWrapperTest, AWrapperCanBeStartedAgainAfterItsEnd) {
+  Recorded run(childCommand(CHILD_PRINT, {"x"}));
+  run.wrapper->startProcess();
+  ASSERT_TRUE(run.runToEnd());
+  run.wrapper->startProcess();
+  ASSERT_TRUE(runUntil([&] { return run.count("end") == 2; }));
+  EXPECT_THAT(run.events, ElementsAre("start", "output", "end", "start", "output", "end"));
+}
+
+TEST_F(TaskWrapperTest, AnEarlierRunsOutputStillArrivesAndItsEndStopsTheNewRun) {
+  const auto command = listOf(childCommand(CHILD_STAY, {"first", "500"}));
+  Recorded run(command);
+  run.wrapper->startProcess();
+  *command = childCommand(CHILD_STAY, {"second", "60000"});
+  run.wrapper->startProcess();
+  ASSERT_TRUE(runUntil([&] { return run.count("output") == 2; }));
+  EXPECT_THAT(run.output, testing::UnorderedElementsAre("first", "second"));
+  EXPECT_EQ(run.count("end"), 0);
+  ASSERT_TRUE(run.runToEnd());
+  EXPECT_EQ(statusAtTheEnd(run), SIGTERM) << "the new process";
+  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources) << "both runs' outputs are let be";
+  EXPECT_EQ(run.count("start"), 2);
+  EXPECT_EQ(run.count("end"), 1);
+  ASSERT_TRUE(comesTrue([] { return nothingIsLeftToCollect() && !hasChildren(); }));
+}
+
+TEST_F(TaskWrapperTest, TheListIsSharedAndReadAtTheStart) {
+  const auto command = listOf(childCommand(CHILD_PRINT, {"old"}));
+  Recorded run(command);
+  EXPECT_EQ(command.use_count(), 2);
+  command->at(2) = "new";
+  run.wrapper->startProcess();
+  ASSERT_TRUE(run.runToEnd());
+  EXPECT_EQ(joined(run.output), "new");
+}
+
+// ------------------------------------------------------------------------------------------------------------- failure
+
+TEST_F(TaskWrapperTest, AFailedLaunchRaisesAfterTheStartCallbackAndWithTheReadsBegun) {
+  Recorded run({"/nonexistent/program"});
+  try {
+    run.wrapper->startProcess();
+    FAIL() << "was launched";
+  } catch (const std::system_error& error) {
+    EXPECT_EQ(error.code(), std::errc::no_such_file_or_directory);
+  }
+  EXPECT_THAT(run.events, ElementsAre("start"));
+  EXPECT_EQ(lookAtLoop(), RunLoopResult::timedOut) << "the loop has sources";
+  EXPECT_EQ(run.wrapper->terminationStatus(), 0);
+  EXPECT_FALSE(hasChildren());
+  run.wrapper->stopProcess();
+  EXPECT_THAT(run.events, ElementsAre("start", "end"));
+  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources);
+}
+
+TEST_F(TaskWrapperTest, AProgramThatMayNotBeExecutedRaises) {
+  std::ofstream(inFolder("data")) << "no program";
+  Recorded run({inFolder("data")});
+  EXPECT_THROW(run.wrapper->startProcess(), std::system_error);
+  run.wrapper->stopProcess();
+}
+
+TEST_F(TaskWrapperTest, AStartAfterAFailedOneRunsToItsOwnEnd) {
+  const auto command = listOf({"/nonexistent/program"});
+  Recorded run(command);
+  EXPECT_THROW(run.wrapper->startProcess(), std::system_error);
+  *command = childCommand(CHILD_PRINT, {"x"});
+  run.wrapper->startProcess();
+  ASSERT_TRUE(run.runToEnd());
+  EXPECT_THAT(run.events, ElementsAre("start", "start", "output", "end"));
+}
+
+TEST_F(TaskWrapperTest, AnEmptyListRaisesAfterTheStartCallback) {
+  Recorded run(Texts{});
+  EXPECT_THROW(run.wrapper->startProcess(), std::out_of_range);
+  EXPECT_THAT(run.events, ElementsAre("start"));
+  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources);
+  Recorded listless(std::shared_ptr<const std::vector<std::string>>{});
+  EXPECT_THROW(listless.wrapper->startProcess(), std::out_of_range);
+  EXPECT_THAT(listless.events, ElementsAre("start"));
+}
+
+TEST_F(TaskWrapperTest, AMissingCallbackRaises) {
+  const auto wrapper = QDTaskWrapperWithBlocks::initWithStartBlock(nullptr, nullptr, nullptr, nullptr,
+                                                                   listOf(childCommand(CHILD_PRINT, {"x"})));
+  EXPECT_THROW(wrapper->startProcess(), std::bad_function_call);
+  EXPECT_THROW(wrapper->stopProcess(), std::bad_function_call);
+  EXPECT_FALSE(hasChildren());
+}
+
+// ----------------------------------------------------------------------------------------------------- exit status
+
+TEST_F(TaskWrapperTest, TheExitStatusIsTheProgramsOwn) {
+  Recorded run(childCommand(CHILD_PRINT, {"", "", "3"}));
+  run.wrapper->startProcess();
+  ASSERT_TRUE(run.runToEnd());
+  EXPECT_EQ(statusAtTheEnd(run), 3);
+  EXPECT_FALSE(hasChildren());
+  pauses.clear();
+  EXPECT_EQ(run.wrapper->terminationStatus(), 3) << "it can be asked for again";
+  EXPECT_THAT(pauses, IsEmpty()) << "a process that has ended is not waited for";
+}
+
+TEST_F(TaskWrapperTest, AProgramThatEndedByASignalHasItsNumber) {
+  Recorded run(childCommand(CHILD_SIGNAL, {std::to_string(SIGKILL)}));
+  run.wrapper->startProcess();
+  ASSERT_TRUE(run.runToEnd());
+  EXPECT_EQ(statusAtTheEnd(run), SIGKILL);
+}
+
+TEST_F(TaskWrapperTest, AProcessThatKeepsRunningHasNoStatusAfterFiveSeconds) {
+  Recorded run(childCommand(CHILD_STAY, {"", "60000"}));
+  run.wrapper->startProcess();
+  EXPECT_EQ(run.wrapper->terminationStatus(), -999);
+  EXPECT_THAT(pauses, ElementsAre(milliseconds(5000)));
+  run.wrapper->stopProcess();
+  EXPECT_EQ(statusAtTheEnd(run), SIGTERM);
+}
+
+TEST_F(TaskWrapperTest, AProcessThatEndsDuringThePauseHasItsStatus) {
+  Recorded run({"/bin/sh", "-c", "while [ ! -e " + inFolder("go") + " ]; do sleep 0.02; done; exit 5"});
+  run.wrapper->startProcess();
+  inThePause = [this] {
+    std::ofstream(inFolder("go")).flush();
+    comesTrue(hasZombie);
+  };
+  EXPECT_EQ(run.wrapper->terminationStatus(), 5);
+  EXPECT_THAT(pauses, ElementsAre(milliseconds(5000)));
+  ASSERT_TRUE(run.runToEnd());
+}
+
+TEST_F(TaskWrapperTest, TheStatusBeforeAnyStartIsZero) {
+  const Recorded run(childCommand(CHILD_PRINT));
+  EXPECT_EQ(run.wrapper->terminationStatus(), 0);
+  EXPECT_THAT(pauses, IsEmpty());
+}
+
+TEST(TaskWrapperPause, TheLibrarysOwnPauseSleeps) {
+  const StatusPause own = setStatusPause(nullptr);
+  setStatusPause(own);
+  const auto start = std::chrono::steady_clock::now();
+  own(milliseconds(30));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(30));
+}
+
+}  // namespace
+}  // namespace vorlix::test
