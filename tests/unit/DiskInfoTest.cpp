@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDDiskInfo.h>
 
-#include "../support/PropertyListText.h"
+#include "support/PropertyListText.h"
 #include "support/DiskFixture.h"
 
 namespace vorlix::test {

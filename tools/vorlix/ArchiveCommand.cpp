@@ -49,7 +49,7 @@ Json volumeJson(const QDVolume& volume) {
       {"totalSize", textJson(volume.totalSize())},
       {"freeSpace", textJson(volume.freeSpace())},
       {"fileSystemType", textJson(volume.fileSystemType())},
-      {"usageDescription", usage ? Json(usage->text()) : Json()},
+      {"usageDescription", usage ? Json(usage->string()) : Json()},
       {"partitionID", partition ? Json(*partition) : Json()},
       {"info", info ? Json(*info) : Json()},
       {"mbr", hexJson(volume.mbr())},

@@ -129,7 +129,7 @@ void measureImage(const std::string& file) {
     log.print();
     throw Failure(file, "could not be unpacked whole", std::to_string(size) + " bytes came out of it");
   }
-  std::printf("%lld bytes (%s)\n", size, stringWithHumanReadableInt(Number(int64_t{size})).c_str());
+  std::printf("%lld bytes (%s)\n", size, stringWithHumanReadableInt(Number::numberWithLongLong(size)).c_str());
 }
 
 }  // namespace
