@@ -35,7 +35,9 @@ set(VORLIX_SOURCES
     platform/posix/ChildProcess.cpp
     platform/posix/FileHandle.cpp
     platform/posix/PartitionExtents.cpp
-    platform/posix/PipeOutput.cpp)
+    platform/posix/PipeOutput.cpp
+    platform/posix/Shell.cpp
+    platform/posix/UserIdentity.cpp)
 
 # Programs that are run.
 list(APPEND VORLIX_SOURCES
@@ -192,6 +194,7 @@ add_library(vorlix_simulated STATIC
             platform/simulated/SimulatedCallers.cpp
             platform/simulated/SimulatedDevices.cpp
             platform/simulated/SimulatedFileCopy.cpp
+            platform/simulated/SimulatedHost.cpp
             platform/simulated/SimulatedMachine.cpp
             platform/simulated/SimulatedProcess.cpp
             platform/simulated/SimulatedRegistry.cpp

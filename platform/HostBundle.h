@@ -16,7 +16,9 @@ class HostBundle {
   /// Path of the resource of that name and type, which is the file name's extension; an empty type is for a name
   /// without one. Absent if the host ships none. Never led astray by the environment: a privileged host may run what is
   /// found here.
-  virtual std::optional<std::string> pathForResource(const std::string& name, const std::string& type) = 0;
+  /// @param directory  folder among the resources, such as "tools/bin"; empty for none.
+  virtual std::optional<std::string> pathForResource(const std::string& name, const std::string& type,
+                                                     const std::string& directory) = 0;
 };
 
 }  // namespace vorlix

@@ -20,8 +20,11 @@ class DiskArbitration;
 class FileCopy;
 class HostBundle;
 class IORegistry;
+class MountedVolumes;
 class RunLoops;
+class Shell;
 class SystemLog;
+class UserIdentity;
 
 /// One object a port. None is null in a set that is in force.
 struct Platform {
@@ -34,6 +37,9 @@ struct Platform {
   std::shared_ptr<ChildProcess> childProcess;
   std::shared_ptr<CodeSigning> codeSigning;
   std::shared_ptr<SystemLog> systemLog;
+  std::shared_ptr<MountedVolumes> mountedVolumes;
+  std::shared_ptr<UserIdentity> userIdentity;
+  std::shared_ptr<Shell> shell;
 };
 
 /// The ports of the operating system that this library was built for.

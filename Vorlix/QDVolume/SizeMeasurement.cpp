@@ -45,7 +45,7 @@ std::string_view pathExtension(std::string_view path) {
 // The double quotes do not protect a path that holds one, or that the shell expands; hosts rely on the exact line.
 std::string measuringCommand(std::string_view extension, const std::string& path) {
   if (extension == "gz") return "/usr/bin/gunzip -d -c  \"" + path + "\" | /usr/bin/wc -c";
-  const std::string unzip = platform().hostBundle->pathForResource("unzip", "").value_or(kAbsent);
+  const std::string unzip = platform().hostBundle->pathForResource("unzip", "", "").value_or(kAbsent);
   return "\"" + unzip + "\" -p  \"" + path + "\" | /usr/bin/wc -c";
 }
 

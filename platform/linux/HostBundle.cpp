@@ -15,13 +15,14 @@ LinuxHostBundle::LinuxHostBundle() {
   folders_.emplace_back(VORLIX_RESOURCE_FOLDER);
 }
 
-std::optional<std::string> LinuxHostBundle::pathForResource(const std::string& name, const std::string& type) {
+std::optional<std::string> LinuxHostBundle::pathForResource(const std::string& name, const std::string& type,
+                                                            const std::string& directory) {
   const std::string file = type.empty() ? name : name + "." + type;
   // A resource is a file in the folder itself.
   if (name.empty() || file == "." || file == ".." || file.find('/') != std::string::npos) return std::nullopt;
   for (const fs::path& folder : folders_) {
     std::error_code unreadable;
-    const fs::path path = folder / file;
+    const fs::path path = folder / fs::path(directory).relative_path() / file;
     if (fs::is_regular_file(path, unreadable)) return path.string();
   }
   return std::nullopt;

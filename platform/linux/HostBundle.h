@@ -18,7 +18,8 @@ class LinuxHostBundle : public HostBundle {
 
   explicit LinuxHostBundle(std::vector<std::filesystem::path> folders) : folders_(std::move(folders)) {}
 
-  std::optional<std::string> pathForResource(const std::string& name, const std::string& type) override;
+  std::optional<std::string> pathForResource(const std::string& name, const std::string& type,
+                                             const std::string& directory) override;
 
  private:
   std::vector<std::filesystem::path> folders_;

@@ -16,13 +16,16 @@ CFOwned<CFStringRef> stringOf(const std::string& text) {
 
 }  // namespace
 
-std::optional<std::string> MacHostBundle::pathForResource(const std::string& name, const std::string& type) {
+std::optional<std::string> MacHostBundle::pathForResource(const std::string& name, const std::string& type,
+                                                          const std::string& directory) {
   const CFBundleRef bundle = CFBundleGetMainBundle();  // not owned
   const auto nameText = stringOf(name);
   const auto typeText = stringOf(type);
-  if (bundle == nullptr || !nameText || !typeText) return std::nullopt;
+  const auto directoryText = stringOf(directory);
+  if (bundle == nullptr || !nameText || !typeText || !directoryText) return std::nullopt;
   // An empty type counts as none.
-  const CFOwned<CFURLRef> url(CFBundleCopyResourceURL(bundle, nameText.get(), typeText.get(), nullptr));
+  const CFOwned<CFURLRef> url(CFBundleCopyResourceURL(bundle, nameText.get(), typeText.get(),
+                                                      directory.empty() ? nullptr : directoryText.get()));
   UInt8 path[PATH_MAX] = {};
   if (!url || !CFURLGetFileSystemRepresentation(url.get(), true, path, sizeof path)) return std::nullopt;
   return reinterpret_cast<const char*>(path);

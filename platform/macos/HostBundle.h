@@ -9,7 +9,8 @@ namespace vorlix {
 
 class MacHostBundle : public HostBundle {
  public:
-  std::optional<std::string> pathForResource(const std::string& name, const std::string& type) override;
+  std::optional<std::string> pathForResource(const std::string& name, const std::string& type,
+                                             const std::string& directory) override;
 };
 
 }  // namespace vorlix

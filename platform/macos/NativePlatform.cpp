@@ -2,6 +2,8 @@
 #include <Vorlix/platform/Platform.h>
 
 #include "../posix/ChildProcess.h"
+#include "../posix/Shell.h"
+#include "../posix/UserIdentity.h"
 #include "CodeSigning.h"
 #include "DeviceFile.h"
 #include "DiskArbitration.h"
@@ -24,6 +26,8 @@ Platform nativePlatform() {
   native.childProcess = std::make_shared<PosixChildProcess>();
   native.codeSigning = std::make_shared<MacCodeSigning>();
   native.systemLog = std::make_shared<MacSystemLog>();
+  native.userIdentity = std::make_shared<PosixUserIdentity>();
+  native.shell = std::make_shared<PosixShell>();
   return native;
 }
 

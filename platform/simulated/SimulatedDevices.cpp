@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 #include <stdexcept>
 
 #include "SimulatedState.h"
@@ -154,8 +155,10 @@ size_t SimulatedWindow::inside(uint64_t from, size_t count) const {
 }
 
 std::string bareDeviceName(const std::string& name) {
-  constexpr const char* kPrefix = "/dev/";
-  return name.rfind(kPrefix, 0) == 0 ? name.substr(std::strlen(kPrefix)) : name;
+  constexpr std::string_view kPrefix = "/dev/";
+  std::string_view bare = name;
+  while (bare.starts_with(kPrefix)) bare.remove_prefix(kPrefix.size());
+  return std::string(bare);
 }
 
 const SimulatedWindow& SimulatedState::device(const std::string& name) const {

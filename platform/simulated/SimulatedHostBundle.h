@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 
 namespace vorlix {
@@ -15,17 +16,19 @@ namespace vorlix {
 /// Ships what addResource() says and nothing else.
 class SimulatedHostBundle : public HostBundle {
  public:
-  void addResource(const std::string& name, const std::string& type, std::string path) {
-    paths_.insert_or_assign({name, type}, std::move(path));
+  void addResource(const std::string& name, const std::string& type, std::string path,
+                   const std::string& directory = "") {
+    paths_.insert_or_assign({name, type, directory}, std::move(path));
   }
 
-  std::optional<std::string> pathForResource(const std::string& name, const std::string& type) override {
-    const auto found = paths_.find({name, type});
+  std::optional<std::string> pathForResource(const std::string& name, const std::string& type,
+                                             const std::string& directory) override {
+    const auto found = paths_.find({name, type, directory});
     return found == paths_.end() ? std::nullopt : std::optional<std::string>(found->second);
   }
 
  private:
-  std::map<std::pair<std::string, std::string>, std::string> paths_;
+  std::map<std::tuple<std::string, std::string, std::string>, std::string> paths_;
 };
 
 }  // namespace vorlix

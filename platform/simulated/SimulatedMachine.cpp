@@ -25,6 +25,9 @@ Platform SimulatedMachine::platform() const {
   ports.codeSigning = makeSimulatedCodeSigning(state_);
   ports.systemLog = makeSimulatedSystemLog(state_);
   ports.hostBundle = state_->hostBundle;
+  ports.mountedVolumes = makeSimulatedMountedVolumes(state_);
+  ports.userIdentity = makeSimulatedUserIdentity(state_);
+  ports.shell = makeSimulatedShell(state_);
   return ports;
 }
 
@@ -100,8 +103,21 @@ size_t SimulatedMachine::heldRegistryEntries() const {
   return state_->heldRegistryEntries;
 }
 
-void SimulatedMachine::addResource(const std::string& name, const std::string& type, const std::string& path) {
-  state_->hostBundle->addResource(name, type, path);
+void SimulatedMachine::addResource(const std::string& name, const std::string& type, const std::string& path,
+                                   const std::string& directory) {
+  state_->hostBundle->addResource(name, type, path, directory);
+}
+
+void SimulatedMachine::addMountedVolume(MountedVolume volume) {
+  state_->mountedVolumes.push_back(std::move(volume));
+}
+
+void SimulatedMachine::setRealUserID(uint32_t user) {
+  state_->realUserID = user;
+}
+
+void SimulatedMachine::setShellStatus(int status) {
+  state_->shellStatus = status;
 }
 
 void SimulatedMachine::failCopy(const std::string& source, const std::string& reason) {

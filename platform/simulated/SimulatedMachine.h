@@ -15,6 +15,7 @@
 #include <Vorlix/platform/CodeSigning.h>
 #include <Vorlix/platform/DeviceFile.h>
 #include <Vorlix/platform/IORegistry.h>
+#include <Vorlix/platform/MountedVolumes.h>
 #include <Vorlix/platform/Platform.h>
 
 #include <cstdint>
@@ -88,7 +89,8 @@ struct SimulatedState;
 /// kCFRunLoopDefaultMode", "run kCFRunLoopDefaultMode 100" (milliseconds), "mount disk0s1", "mount disk0s1 nobrowse
 /// rw", "unmount disk0s1". Registry: "registry port", "registry iterate IOService", "registry match BSD disk0s1",
 /// "registry match class IOMedia". File copies: "copy <source> <destination>". Children: "launch /bin/sh -c ls" (path
-/// and arguments), "terminate /bin/sh". Others: "check code 100 <requirement>", "system log Vorlix: <text>". These say
+/// and arguments), "terminate /bin/sh". Others: "check code 100 <requirement>", "system log Vorlix: <text>", "shell <command>", "list
+/// mounted volumes". These say
 /// what was asked, whether or not it was refused; a session that could not be opened and the ports' other calls leave
 /// no line.
 ///
@@ -152,7 +154,18 @@ class SimulatedMachine {
   size_t heldRegistryEntries() const;
 
   /// Lets the host ship a resource, which stands at `path`; it ships no other.
-  void addResource(const std::string& name, const std::string& type, const std::string& path);
+  void addResource(const std::string& name, const std::string& type, const std::string& path,
+                   const std::string& directory = "");
+
+  /// Puts a volume at the end of the list of mounted ones. Disk arbitration is told by setVolume() what is on a device;
+  /// neither follows from the other, as in a real machine for a moment.
+  void addMountedVolume(MountedVolume volume);
+
+  /// Whom the process runs for; 501, an ordinary user, at first.
+  void setRealUserID(uint32_t user);
+
+  /// What the command interpreter answers, whatever it is given; 0 at first. It runs nothing.
+  void setShellStatus(int status);
 
   /// Lets a copy of `source` fail with `reason`; other copies are made for real.
   void failCopy(const std::string& source, const std::string& reason);

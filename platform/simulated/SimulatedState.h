@@ -6,6 +6,7 @@
 #include <Vorlix/platform/ChildProcess.h>
 #include <Vorlix/platform/CodeSigning.h>
 #include <Vorlix/platform/DiskArbitration.h>
+#include <Vorlix/platform/MountedVolumes.h>
 #include <Vorlix/platform/RunLoop.h>
 #include <Vorlix/platform/simulated/SimulatedHostBundle.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
@@ -128,6 +129,10 @@ struct SimulatedState {
 
   std::map<int32_t, CodeCheck> codeChecks;
 
+  std::vector<MountedVolume> mountedVolumes;
+  uint32_t realUserID = 501;
+  int shellStatus = 0;
+
   std::vector<std::string> journal;
 
   /// The device of a name with or without "/dev/". @throws std::invalid_argument when there is none.
@@ -150,7 +155,7 @@ struct SimulatedState {
   bool completeRead(const RunLoop& loop);
 };
 
-/// A device name without "/dev/".
+/// A device name without "/dev/", which may stand before it more than once.
 std::string bareDeviceName(const std::string& name);
 
 std::shared_ptr<DeviceFile> makeSimulatedDeviceFile(std::shared_ptr<SimulatedState> state);
@@ -161,5 +166,8 @@ std::shared_ptr<FileCopy> makeSimulatedFileCopy(std::shared_ptr<SimulatedState> 
 std::shared_ptr<ChildProcess> makeSimulatedChildProcess(std::shared_ptr<SimulatedState> state);
 std::shared_ptr<CodeSigning> makeSimulatedCodeSigning(std::shared_ptr<SimulatedState> state);
 std::shared_ptr<SystemLog> makeSimulatedSystemLog(std::shared_ptr<SimulatedState> state);
+std::shared_ptr<MountedVolumes> makeSimulatedMountedVolumes(std::shared_ptr<SimulatedState> state);
+std::shared_ptr<UserIdentity> makeSimulatedUserIdentity(std::shared_ptr<SimulatedState> state);
+std::shared_ptr<Shell> makeSimulatedShell(std::shared_ptr<SimulatedState> state);
 
 }  // namespace vorlix

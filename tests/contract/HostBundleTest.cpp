@@ -7,19 +7,19 @@
 namespace {
 
 TEST(HostBundleContract, AResourceThatTheHostDoesNotShipIsAbsent) {
-  EXPECT_FALSE(vorlix::platform().hostBundle->pathForResource("no-such-resource", ""));
-  EXPECT_FALSE(vorlix::platform().hostBundle->pathForResource("no-such-resource", "plist"));
-  EXPECT_FALSE(vorlix::SimulatedHostBundle().pathForResource("no-such-resource", ""));
+  EXPECT_FALSE(vorlix::platform().hostBundle->pathForResource("no-such-resource", "", ""));
+  EXPECT_FALSE(vorlix::platform().hostBundle->pathForResource("no-such-resource", "plist", ""));
+  EXPECT_FALSE(vorlix::SimulatedHostBundle().pathForResource("no-such-resource", "", ""));
 }
 
 TEST(SimulatedHostBundleTest, NameAndTypeNameAResource) {
   vorlix::SimulatedHostBundle bundle;
   bundle.addResource("unzip", "", "/host/unzip");
   bundle.addResource("BeforeEFI", "plist", "/host/BeforeEFI.plist");
-  EXPECT_EQ(bundle.pathForResource("unzip", ""), "/host/unzip");
-  EXPECT_EQ(bundle.pathForResource("BeforeEFI", "plist"), "/host/BeforeEFI.plist");
-  EXPECT_FALSE(bundle.pathForResource("BeforeEFI", ""));
-  EXPECT_FALSE(bundle.pathForResource("unzip", "plist"));
+  EXPECT_EQ(bundle.pathForResource("unzip", "", ""), "/host/unzip");
+  EXPECT_EQ(bundle.pathForResource("BeforeEFI", "plist", ""), "/host/BeforeEFI.plist");
+  EXPECT_FALSE(bundle.pathForResource("BeforeEFI", "", ""));
+  EXPECT_FALSE(bundle.pathForResource("unzip", "plist", ""));
 }
 
 }  // namespace

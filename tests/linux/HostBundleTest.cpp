@@ -33,22 +33,22 @@ class LinuxHostBundleTest : public testing::Test {
 TEST_F(LinuxHostBundleTest, TheTypeIsTheFileNamesExtension) {
   const std::string bare = add(first / "unzip");
   const std::string typed = add(first / "BeforeEFI.plist");
-  EXPECT_EQ(bundle.pathForResource("unzip", ""), bare);
-  EXPECT_EQ(bundle.pathForResource("BeforeEFI", "plist"), typed);
-  EXPECT_FALSE(bundle.pathForResource("BeforeEFI", ""));
-  EXPECT_FALSE(bundle.pathForResource("unzip", "plist"));
+  EXPECT_EQ(bundle.pathForResource("unzip", "", ""), bare);
+  EXPECT_EQ(bundle.pathForResource("BeforeEFI", "plist", ""), typed);
+  EXPECT_FALSE(bundle.pathForResource("BeforeEFI", "", ""));
+  EXPECT_FALSE(bundle.pathForResource("unzip", "plist", ""));
 }
 
 TEST_F(LinuxHostBundleTest, TheFirstFolderGoesFirst) {
   const std::string later = add(second / "unzip");
-  EXPECT_EQ(bundle.pathForResource("unzip", ""), later);
+  EXPECT_EQ(bundle.pathForResource("unzip", "", ""), later);
   const std::string earlier = add(first / "unzip");
-  EXPECT_EQ(bundle.pathForResource("unzip", ""), earlier);
+  EXPECT_EQ(bundle.pathForResource("unzip", "", ""), earlier);
 }
 
 TEST_F(LinuxHostBundleTest, AFolderIsNoResource) {
   fs::create_directories(first / "unzip");
-  EXPECT_FALSE(bundle.pathForResource("unzip", ""));
+  EXPECT_FALSE(bundle.pathForResource("unzip", "", ""));
 }
 
 TEST_F(LinuxHostBundleTest, ANameDoesNotLeadOutOfTheFolder) {
@@ -56,22 +56,22 @@ TEST_F(LinuxHostBundleTest, ANameDoesNotLeadOutOfTheFolder) {
   fs::create_directories(first / "below");
   add(first / "below" / "inside");
   for (const char* name : {"../outside", "below/inside", "", ".", ".."}) {
-    EXPECT_FALSE(bundle.pathForResource(name, "")) << name;
+    EXPECT_FALSE(bundle.pathForResource(name, "", "")) << name;
   }
-  EXPECT_FALSE(bundle.pathForResource("", "../outside"));
-  EXPECT_FALSE(bundle.pathForResource("x", "/../../outside"));
+  EXPECT_FALSE(bundle.pathForResource("", "../outside", ""));
+  EXPECT_FALSE(bundle.pathForResource("x", "/../../outside", ""));
 }
 
 TEST_F(LinuxHostBundleTest, TheHostsOwnFolderIsThatOfItsExecutable) {
   const fs::path own = fs::read_symlink("/proc/self/exe");
-  EXPECT_EQ(vorlix::LinuxHostBundle().pathForResource(own.filename().string(), ""), own.string());
+  EXPECT_EQ(vorlix::LinuxHostBundle().pathForResource(own.filename().string(), "", ""), own.string());
 }
 
 TEST_F(LinuxHostBundleTest, TheEnvironmentDoesNotSayWhereToLook) {
   add(first / "unzip-of-another");
   const std::string path = std::getenv("PATH") != nullptr ? std::getenv("PATH") : "";
   setenv("PATH", first.c_str(), 1);
-  EXPECT_FALSE(vorlix::LinuxHostBundle().pathForResource("unzip-of-another", ""));
+  EXPECT_FALSE(vorlix::LinuxHostBundle().pathForResource("unzip-of-another", "", ""));
   setenv("PATH", path.c_str(), 1);
 }
 
