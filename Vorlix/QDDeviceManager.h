@@ -225,7 +225,8 @@ class VORLIX_EXPORT QDDeviceManager : public vorlix::Object {
   uint32_t bootTypeForDisk(const std::shared_ptr<QDVolume>& volume);
 
   /// Makes a volume the startup disk with "/usr/sbin/bless". Without the administrator as real user the command is
-  /// formed but not run. Whether the tool succeeds is not looked at. Keyword form: `selectStartupDisk:withType:nextOnly:`.
+  /// formed but not run. Whether the tool succeeds is not looked at. Keyword form:
+  /// `selectStartupDisk:withType:nextOnly:`.
   /// @param type      a code of BootType.
   /// @param nextOnly  only for the next start; a volume whose `isRemovable` is set is chosen for good all the same.
   /// @return false for kBootRoot, for a code of 6 and more, and for a device whose name the shell would not take as a
@@ -272,8 +273,6 @@ class VORLIX_EXPORT QDDeviceManager : public vorlix::Object {
   QDDeviceManager();
 
  private:
-  struct Listing;
-
   bool didUnmount_ = false;
   bool didMount_ = false;
   int32_t mountStatus_ = 0;

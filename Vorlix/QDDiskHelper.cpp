@@ -2,6 +2,7 @@
 #include <Vorlix/QDDiskHelper.h>
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/QDVolume.h>
+#include <Vorlix/foundation/Paths.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -16,10 +17,6 @@ constexpr int32_t kLegacy = 0;
 constexpr int32_t kEFI = 1;
 constexpr int32_t kNotOpened = 4;
 
-std::string under(const std::string& folder, const char* name) {
-  return folder.empty() || folder.back() == '/' ? folder + name : folder + "/" + name;
-}
-
 bool exists(const std::string& path) {
   struct stat status = {};
   return stat(path.c_str(), &status) == 0;
@@ -29,10 +26,10 @@ bool exists(const std::string& path) {
 
 std::array<std::string, 4> vorlix::bootFilePaths(const std::string& root) {
   return {
-      under(under(root, "System"), "Library"),
-      under(under(root, "com.apple.recovery.boot"), "boot.efi"),
-      under(root, "Windows/System32"),
-      under(root, "ntldr"),
+      vorlix::appendPathComponent(vorlix::appendPathComponent(root, "System"), "Library"),
+      vorlix::appendPathComponent(vorlix::appendPathComponent(root, "com.apple.recovery.boot"), "boot.efi"),
+      vorlix::appendPathComponent(root, "Windows/System32"),
+      vorlix::appendPathComponent(root, "ntldr"),
   };
 }
 

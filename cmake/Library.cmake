@@ -10,11 +10,13 @@ set(VORLIX_RECORD_SOURCES
     Vorlix/QDVolume/SizeMeasurement.cpp
     foundation/AttributedString.cpp
     foundation/Base64.cpp
+    foundation/FileManager.cpp
     foundation/KeyedArchive/Archiver.cpp
     foundation/KeyedArchive/Format.cpp
     foundation/KeyedArchive/PropertyList.cpp
     foundation/KeyedArchive/Unarchiver.cpp
     foundation/NotificationCenter.cpp
+    foundation/PropertyListFile.cpp
     foundation/Utf8.cpp)
 if(APPLE)
   list(APPEND VORLIX_RECORD_SOURCES platform/macos/HostBundle.cpp)
@@ -42,6 +44,7 @@ set(VORLIX_SOURCES
 # Programs that are run.
 list(APPEND VORLIX_SOURCES
      Vorlix/QDTaskHelper.cpp
+     Vorlix/QDTaskHelper/StandardOutput.cpp
      Vorlix/QDTaskWrapperWithBlocks.cpp)
 
 # Device identity, mounting, boot configuration and boot records.
@@ -121,6 +124,19 @@ else()
        platform/linux/RunLoop.cpp
        platform/linux/VolumeProbe.cpp)
 endif()
+
+# The device manager.
+list(APPEND VORLIX_SOURCES
+     Vorlix/QDDeviceManager/Core.cpp
+     Vorlix/QDDeviceManager/Descriptions.cpp
+     Vorlix/QDDeviceManager/Listing.cpp
+     Vorlix/QDDeviceManager/Lookups.cpp
+     Vorlix/QDDeviceManager/Mounting.cpp
+     Vorlix/QDDeviceManager/RegistryScans.cpp
+     Vorlix/QDDeviceManager/StartupDisk.cpp
+     Vorlix/QDDeviceManager/SystemIntegrity.cpp
+     Vorlix/QDDeviceManager/WindowsFolders.cpp
+     Vorlix/QDDeviceManager/WindowsVersion.cpp)
 
 # The record of a disk, bootability, the check of callers and the system's log.
 list(APPEND VORLIX_SOURCES

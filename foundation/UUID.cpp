@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/foundation/UUID.h>
 
+#include <random>
+
 namespace vorlix {
 namespace {
 
@@ -18,6 +20,16 @@ int digitValue(char digit) {
 }
 
 }  // namespace
+
+UUID UUID::random() {
+  std::random_device source;
+  Bytes bytes = {};
+  for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(source());
+  // RFC 9562, 5.4: the version in the upper half of byte 6, the variant in the upper two bits of byte 8.
+  bytes[6] = static_cast<uint8_t>((bytes[6] & 0x0F) | 0x40);
+  bytes[8] = static_cast<uint8_t>((bytes[8] & 0x3F) | 0x80);
+  return UUID(bytes);
+}
 
 std::optional<UUID> UUID::fromText(std::string_view text) {
   if (text.size() != kTextSize) return std::nullopt;

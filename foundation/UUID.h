@@ -19,6 +19,9 @@ class UUID {
   UUID() = default;
   explicit UUID(const Bytes& bytes) : bytes_(bytes) {}
 
+  /// A new identifier of version 4: 122 random bits.
+  static UUID random();
+
   /// Reads 8-4-4-4-12 hexadecimal digits of either case. Absent for any other text.
   static std::optional<UUID> fromText(std::string_view text);
 

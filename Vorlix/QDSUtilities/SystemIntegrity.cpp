@@ -2,13 +2,11 @@
 //
 // Whether the system protects its own files from those who have administrator rights.
 #include <Vorlix/QDSUtilities.h>
-#include <Vorlix/foundation/Utf8.h>
-#include <Vorlix/platform/ChildProcess.h>
-#include <Vorlix/platform/Platform.h>
 #include <sys/stat.h>
 
 #include <utility>
 
+#include "../QDTaskHelper/StandardOutput.h"
 #include "StatusTool.h"
 
 namespace {
@@ -30,14 +28,7 @@ bool QDSUtilities::isSIPEnabled() {
   struct stat status = {};
   if (stat(statusToolPath().c_str(), &status) != 0) return false;
 
-  const auto child =
-      vorlix::platform().childProcess->create(vorlix::ChildOutputs::errorUnread, vorlix::ChildInput::inherited);
-  child->launch(statusToolPath(), {"status"});
-  const auto output = child->standardOutput();
-  std::string text;
-  for (vorlix::Data chunk = output->read(); !chunk.empty(); chunk = output->read()) {
-    text.append(chunk.begin(), chunk.end());
-  }
+  const auto text = vorlix::standardOutputOf({statusToolPath(), {"status"}});
   // An answer that is no text counts as one that says "disabled".
-  return vorlix::isUtf8(text) && text.find(kDisabledText) == std::string::npos;
+  return text && text->find(kDisabledText) == std::string::npos;
 }

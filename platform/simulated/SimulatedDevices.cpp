@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <string_view>
 #include <stdexcept>
+#include <string_view>
 
 #include "SimulatedState.h"
 

@@ -17,9 +17,9 @@ class SimulatedRunLoop final : public RunLoop {
     state_.journal.push_back("run " + mode + " " + std::to_string(limit.count()));
     const bool readsHere = mode == kDefaultRunLoopMode && state_.hasPendingRead(*this);
     const bool hasSources =
-        readsHere ||
-        std::any_of(state_.schedule.begin(), state_.schedule.end(),
-                    [&](const ScheduledSession& entry) { return entry.loop == this && entry.mode == mode; });
+        readsHere || std::any_of(state_.schedule.begin(), state_.schedule.end(), [&](const ScheduledSession& entry) {
+          return entry.loop == this && entry.mode == mode;
+        });
     if (!hasSources) return RunLoopResult::noSources;
 
     const auto ready = std::find_if(state_.requests.begin(), state_.requests.end(), [&](const MountRequest& request) {

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Whether System Integrity Protection stands in the way of setting a startup disk.
+#include <Vorlix/QDDeviceManager.h>
+#include <Vorlix/QDSUtilities.h>
+#include <Vorlix/platform/DiskArbitration.h>
+
+#include "../QDTaskHelper/StandardOutput.h"
+
+namespace {
+
+constexpr const char* kStatusTool = "/usr/bin/csrutil";
+
+std::optional<std::string> devicePathOf(const std::optional<vorlix::Dictionary>& description) {
+  return description ? description->text(vorlix::kDescriptionDevicePath) : std::nullopt;
+}
+
+}  // namespace
+
+bool QDDeviceManager::checkForSIP() {
+  return isSIPEnabled();
+}
+
+bool QDDeviceManager::isSIPEnabled() {
+  const auto files = fileManager();
+  if (!files || !files->fileExistsAtPath(kStatusTool)) return false;
+  return isSIPEnabledFromStandardOutput(standardOutputForTask({kStatusTool, {"status"}}));
+}
+
+std::optional<std::string> QDDeviceManager::standardOutputForTask(const vorlix::Task& task) {
+  return vorlix::standardOutputOf(task);
+}
+
+// Without the protection of its variables the firmware takes a startup disk, so that much is as good as disabled.
+bool QDDeviceManager::isSIPEnabledFromStandardOutput(const std::optional<std::string>& output) {
+  if (!output || output->empty()) return false;
+  return output->find("NVRAM Protections: disabled") == std::string::npos &&
+         output->find("System Integrity Protection status: disabled") == std::string::npos;
+}
+
+bool QDDeviceManager::checkForSIPForDevice(const std::string& device) {
+  return QDSUtilities::isSIPEnabled() && isOnStartupDisk(device);
+}
+
+bool QDDeviceManager::isOnStartupDisk(const std::string& device) {
+  const auto path = devicePathOf(diskInfo(device));
+  return path && path == devicePathOf(diskInfoFromMountedPath("/"));
+}
+
+void QDDeviceManager::showSIPInfo() {}

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Where a volume has Windows, its installer and its boot files.
+#include "WindowsFolders.h"
+
+#include <Vorlix/QDDeviceManager.h>
+#include <Vorlix/QDVolume.h>
+#include <Vorlix/foundation/FileManager.h>
+#include <Vorlix/foundation/Paths.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "CaseFolding.h"
+
+using vorlix::appendPathComponent;
+using vorlix::FileManager;
+
+namespace {
+
+constexpr const char* kBootPartitionName = "System Reserved";
+
+// The path of the first entry of a folder with that name in any spelling. `name` is in lower case.
+std::optional<std::string> entryOf(const std::optional<std::string>& folder, std::string_view name) {
+  if (!folder) return std::nullopt;
+  const auto entries = FileManager::defaultManager()->contentsOfDirectoryAtPath(*folder);
+  if (!entries) return std::nullopt;
+  const auto found = std::find_if(entries->begin(), entries->end(),
+                                  [name](const std::string& entry) { return vorlix::lowerCase(entry) == name; });
+  if (found == entries->end()) return std::nullopt;
+  return appendPathComponent(*folder, *found);
+}
+
+}  // namespace
+
+namespace vorlix {
+
+BootFiles bootFilesOf(const QDVolume& volume) {
+  const auto root = volume.filePath();
+  if (!root) return {};
+  return {appendPathComponent(*root, "BOOT"), appendPathComponent(*root, "bootmgr")};
+}
+
+bool isBootPartition(const QDVolume& volume) {
+  if (volume.diskName() != kBootPartitionName || volume.hasWindows()) return false;
+  bool isDirectory = false;
+  return FileManager::defaultManager()->fileExistsAtPath(bootFilesOf(volume).folder, isDirectory) && isDirectory;
+}
+
+}  // namespace vorlix
+
+std::optional<std::string> QDDeviceManager::windowsFolderFromVolume(const std::optional<std::string>& path) {
+  return entryOf(path, "windows");
+}
+
+std::optional<std::string> QDDeviceManager::system32FolderFromVolume(const std::optional<std::string>& path) {
+  return entryOf(windowsFolderFromVolume(path), "system32");
+}
+
+std::optional<std::string> QDDeviceManager::windowsSourcesFolderFromVolume(const std::optional<std::string>& path) {
+  return entryOf(path, "sources");
+}
+
+std::optional<std::string> QDDeviceManager::bootWIMFileFromVolume(const std::optional<std::string>& path) {
+  return entryOf(windowsSourcesFolderFromVolume(path), "boot.wim");
+}
+
+vorlix::Dictionary QDDeviceManager::splitBootInfo(const std::string& device,
+                                                  const std::vector<std::shared_ptr<QDVolume>>& fullList) {
+  const auto target = diskFromSlice(device);
+  vorlix::BootFiles files;
+  for (const auto& volume : fullList) {
+    files = vorlix::bootFilesOf(*volume);
+    const auto volumeDevice = volume->device();
+    const auto disk = volumeDevice ? diskFromSlice(*volumeDevice) : std::nullopt;
+    if (disk && disk == target && vorlix::isBootPartition(*volume)) break;
+  }
+  return vorlix::bootInfo(files);
+}
