@@ -19,5 +19,9 @@ void addLegacyBootCommand(CLI::App& app, int& status);
 void addRunCommands(CLI::App& app, int& status);
 void addArchiveCommand(CLI::App& app, int& status);
 void addProbeCommands(CLI::App& app, int& status);
+void addListCommands(CLI::App& app, int& status);
+void addWindowsCommand(CLI::App& app, int& status);
+void addStartupDiskCommand(CLI::App& app, int& status);
+void addLogCommand(CLI::App& app, int& status);
 
 }  // namespace vorlix::tool

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDSDiskFunctions.h>
 #include <unistd.h>
 
@@ -9,7 +10,6 @@
 #include "Arbitration.h"
 #include "Commands.h"
 #include "Failure.h"
-#include "LibraryLog.h"
 
 namespace vorlix::tool {
 namespace {
@@ -21,7 +21,7 @@ struct MountOptions {
 
 void mountAndTell(const std::string& device, bool readWrite) {
   const std::string name = bsdNameOf(device);
-  mount_disk(name.c_str(), readWrite ? 1 : 0);
+  QDDeviceManager::sharedDeviceManager()->mountDiskAtDevicePath(name, readWrite);
   if (const char* const path = mounted_path(name.c_str())) {
     if (readWrite && access(path, W_OK) != 0) {
       throw Failure(device, "mounted read-only, or writable only for others, at " + std::string(path),
@@ -42,8 +42,7 @@ void mountAndTell(const std::string& device, bool readWrite) {
 void unmountOrFail(const std::string& device) {
   const std::string name = bsdNameOf(device);
   if (!mountPointOf(name)) throw Failure(device, "not mounted", "nothing was changed");
-  const LibraryLog log;
-  if (unmount_disk(name.c_str()) == 0) return;
+  if (QDDeviceManager::sharedDeviceManager()->unmountDiskAtDevice(name)) return;
   if (const std::optional<Dissenter> refusal = tryUnmount(name)) {
     throw Failure(device, reasonText(*refusal), "it stays mounted");
   }

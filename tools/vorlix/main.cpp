@@ -30,6 +30,10 @@ int main(int argc, char** argv) {
   addRunCommands(app, status);
   addArchiveCommand(app, status);
   addProbeCommands(app, status);
+  addListCommands(app, status);
+  addWindowsCommand(app, status);
+  addStartupDiskCommand(app, status);
+  addLogCommand(app, status);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

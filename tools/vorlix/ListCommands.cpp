@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Mounted volumes: all, those that fit, the built-in Windows.
+#include <Vorlix/QDDeviceManager.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "Commands.h"
+#include "Failure.h"
+#include "Volumes.h"
+
+namespace vorlix::tool {
+namespace {
+
+struct ListOptions {
+  bool windowsOnly = false;
+  bool all = false;
+  bool json = false;
+};
+
+struct FindOptions {
+  std::string label;
+  std::string mediaUUID;
+  std::string node;
+  bool json = false;
+};
+
+void print(const nlohmann::ordered_json& json) {
+  constexpr int kIndent = 2;
+  std::printf("%s\n", json.dump(kIndent, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+}
+
+void listVolumes(const ListOptions& options) {
+  Volumes all;
+  Volumes shown;
+  {
+    const QuietLibrary quiet;
+    const auto manager = QDDeviceManager::sharedDeviceManager();
+    all = manager->attachedDisks();
+    shown = options.all && !options.windowsOnly
+                ? all
+                : manager->attachedDisksShowingWindowsOnly(options.windowsOnly, options.all);
+  }
+  if (options.json) {
+    auto array = nlohmann::ordered_json::array();
+    for (const auto& volume : shown) array.push_back(volumeJson(*volume, all));
+    print(array);
+  } else if (shown.empty()) {
+    std::printf("%s\n",
+                options.all ? "no volume of a disk is mounted" : "no such volume is mounted; --all shows every kind");
+  } else {
+    std::fputs(volumeTable(shown, all).c_str(), stdout);
+  }
+}
+
+int showFound(const std::shared_ptr<QDVolume>& volume, bool json) {
+  if (!volume) return kChangeNeeded;
+  Volumes all;
+  {
+    const QuietLibrary quiet;
+    all = QDDeviceManager::sharedDeviceManager()->attachedDisks();
+  }
+  if (json) {
+    print(volumeJson(*volume, all));
+  } else {
+    std::fputs(volumeTable({volume}, all).c_str(), stdout);
+  }
+  return kDone;
+}
+
+int findVolume(const FindOptions& options) {
+  const auto manager = QDDeviceManager::sharedDeviceManager();
+  std::shared_ptr<QDVolume> volume;
+  std::string what;
+  {
+    const QuietLibrary quiet;
+    if (!options.mediaUUID.empty()) {
+      const auto uuid = UUID::fromText(options.mediaUUID);
+      if (!uuid) throw Failure(options.mediaUUID, "not an identifier of the form 8-4-4-4-12", "nothing was looked up");
+      what = "partition " + uuid->text();
+      volume = options.node.empty() ? manager->volumeWithMediaUUID(*uuid)
+                                    : manager->volumeWithMediaUUID(*uuid, URL::fileURLWithPath(options.node));
+    } else if (!options.node.empty()) {
+      what = "device " + options.node;
+      volume = manager->volumeForNode(options.node);
+    } else {
+      what = "label " + options.label;
+      volume = manager->volumeForLabel(options.label);
+    }
+  }
+  if (!volume) std::fprintf(stderr, "vorlix: no FAT, exFAT or NTFS volume with %s is mounted\n", what.c_str());
+  return showFound(volume, options.json);
+}
+
+int showBootCamp(bool json) {
+  std::shared_ptr<QDVolume> volume;
+  int32_t count = 0;
+  {
+    const QuietLibrary quiet;
+    const auto manager = QDDeviceManager::sharedDeviceManager();
+    volume = manager->builtInBootcampPartition();
+    if (!volume) count = manager->numberOfMSPartitions();
+  }
+  if (!volume) {
+    std::fprintf(stderr, "vorlix: %s\n",
+                 count > 1 ? "more than one volume on internal disks could be it"
+                           : "no NTFS or FAT volume of an internal disk is mounted");
+  }
+  return showFound(volume, json);
+}
+
+}  // namespace
+
+void addListCommands(CLI::App& app, int& status) {
+  const auto listing = std::make_shared<ListOptions>();
+  CLI::App* const list = app.add_subcommand("list", "List the mounted FAT, exFAT and NTFS volumes");
+  list->add_flag("--windows", listing->windowsOnly, "Only those with Windows or its installer");
+  list->add_flag("--all", listing->all, "Volumes of every kind");
+  list->add_flag("--json", listing->json, "As JSON");
+  list->callback([listing, &status] {
+    listVolumes(*listing);
+    status = kDone;
+  });
+
+  const auto finding = std::make_shared<FindOptions>();
+  CLI::App* const find = app.add_subcommand("find", "Find a mounted FAT, exFAT or NTFS volume");
+  auto* const label = find->add_option("--label", finding->label, "By its name");
+  auto* const uuid = find->add_option("--media-uuid", finding->mediaUUID, "By its partition's identifier");
+  auto* const node =
+      find->add_option("--node", finding->node, "By its device as it is listed; also beside --media-uuid");
+  label->excludes(uuid)->excludes(node);
+  find->add_flag("--json", finding->json, "As JSON");
+  find->callback([finding, find, &status] {
+    if (finding->label.empty() && finding->mediaUUID.empty() && finding->node.empty()) {
+      throw CLI::RequiredError("--label, --media-uuid or --node");
+    }
+    status = findVolume(*finding);
+  });
+
+  const auto json = std::make_shared<bool>(false);
+  CLI::App* const bootCamp = app.add_subcommand("boot-camp", "Show the one Windows volume of this machine's own disks");
+  bootCamp->add_flag("--json", *json, "As JSON");
+  bootCamp->callback([json, &status] { status = showBootCamp(*json); });
+}
+
+}  // namespace vorlix::tool

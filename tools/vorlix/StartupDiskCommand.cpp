@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/QDDeviceManager.h>
+#include <Vorlix/QDVolume.h>
+#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/Shell.h>
+#include <Vorlix/platform/UserIdentity.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Arbitration.h"
+#include "Commands.h"
+#include "Failure.h"
+#include "Volumes.h"
+
+namespace vorlix::tool {
+namespace {
+
+constexpr const char* kUnchanged = "the startup disk was not set";
+constexpr int kCommandNotFound = 127;
+
+struct StartupOptions {
+  std::string device;
+  std::string type;
+  bool permanent = false;
+  bool dryRun = false;
+};
+
+const std::map<std::string, uint32_t> kTypes = {
+    {"legacy", QDDeviceManager::kBootLegacy},
+    {"efi", QDDeviceManager::kBootEFI},
+    {"mac", QDDeviceManager::kBootMac},
+    {"volume-efi", QDDeviceManager::kBootVolumeEFI},
+};
+
+// Notes the command that the library forms and what became of it, which the library itself does not look at.
+class NotingShell final : public Shell {
+ public:
+  explicit NotingShell(std::shared_ptr<Shell> next) : next_(std::move(next)) {}
+
+  int run(const std::string& command) override {
+    command_ = command;
+    if (next_) status_ = next_->run(command);
+    return status_;
+  }
+
+  const std::optional<std::string>& command() const { return command_; }
+  int status() const { return status_; }
+
+ private:
+  std::shared_ptr<Shell> next_;  // null: commands are only noted
+  std::optional<std::string> command_;
+  int status_ = 0;
+};
+
+// The library forms the command only for the administrator's process; to see it, nobody needs to be that.
+class Administrator final : public UserIdentity {
+ public:
+  uint32_t realUserID() override { return 0; }
+};
+
+std::shared_ptr<QDVolume> volumeOf(const std::string& device) {
+  const Volumes all = QDDeviceManager::sharedDeviceManager()->attachedDisks();
+  if (const auto volume = mountedVolume(device, all)) return volume;
+  const auto volume = QDVolume::init();
+  volume->setDevice("/dev/" + bsdNameOf(device));
+  return volume;
+}
+
+uint32_t typeOf(const StartupOptions& options, const std::shared_ptr<QDVolume>& volume) {
+  if (!options.type.empty()) return kTypes.at(options.type);
+  return QDDeviceManager::sharedDeviceManager()->bootTypeForDisk(volume);
+}
+
+void warnOfProtection(const std::string& device) {
+  const auto manager = QDDeviceManager::sharedDeviceManager();
+  if (!manager->isSIPEnabled() || manager->isOnStartupDisk(device)) return;
+  std::fprintf(stderr,
+               "vorlix: System Integrity Protection is on and may refuse a startup disk other than this system's\n");
+}
+
+void explainStatus(const StartupOptions& options, int status) {
+  if (status == 0) return;
+  if (status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == kCommandNotFound) {
+    throw Failure(options.device, "this system has no /usr/sbin/bless", kUnchanged);
+  }
+  throw Failure(options.device, "/usr/sbin/bless failed", kUnchanged);
+}
+
+void selectStartupDisk(const StartupOptions& options) {
+  Platform ports = platform();
+  const auto shell = std::make_shared<NotingShell>(options.dryRun ? nullptr : ports.shell);
+  ports.shell = shell;
+  if (options.dryRun) ports.userIdentity = std::make_shared<Administrator>();
+  setPlatform(std::move(ports));
+
+  const auto manager = QDDeviceManager::sharedDeviceManager();
+  bool accepted = false;
+  uint32_t type = 0;
+  {
+    const QuietLibrary quiet;
+    const auto volume = volumeOf(options.device);
+    type = typeOf(options, volume);
+    if (!options.dryRun) warnOfProtection(volume->device().value_or(""));
+    accepted = manager->selectStartupDisk(volume, type, !options.permanent);
+  }
+  if (type == QDDeviceManager::kBootRoot) {
+    throw Failure(options.device, "it is the running system's own volume", kUnchanged);
+  }
+  if (!accepted) throw Failure(options.device, "its name is not one that a shell takes as it is", kUnchanged);
+  if (!shell->command()) throw Failure(options.device, "this needs the administrator as the real user", kUnchanged);
+  if (options.dryRun) {
+    std::printf("%s\n", shell->command()->c_str());
+    return;
+  }
+  explainStatus(options, shell->status());
+  std::printf("startup disk set: %s\n", shell->command()->c_str());
+}
+
+}  // namespace
+
+void addStartupDiskCommand(CLI::App& app, int& status) {
+  const auto options = std::make_shared<StartupOptions>();
+  CLI::App* const startup = app.add_subcommand("startup-disk", "Start from a volume the next time");
+  startup->add_option("DEVICE", options->device, "Device of the volume, or the folder where it is mounted")->required();
+  startup->add_option("--type", options->type, "legacy, efi, mac or volume-efi, instead of what the disk says")
+      ->check(CLI::IsMember(kTypes));
+  startup->add_flag("--permanent", options->permanent, "Not only the next time");
+  startup->add_flag("--dry-run", options->dryRun, "Only show the command that would be run");
+  startup->callback([options, &status] {
+    selectStartupDisk(*options);
+    status = kDone;
+  });
+}
+
+}  // namespace vorlix::tool

@@ -1,0 +1,130 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Volumes.h"
+
+#include <Vorlix/QDDeviceManager.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
+
+#include "Arbitration.h"
+#include "Failure.h"
+#include "Text.h"
+
+namespace vorlix::tool {
+namespace {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::ordered_json;
+
+constexpr const char* kBootPartitionName = "System Reserved";
+
+Json textJson(const std::optional<std::string>& text) {
+  return text ? Json(*text) : Json();
+}
+
+Json uuidJson(const std::optional<UUID>& uuid) {
+  return uuid ? Json(uuid->text()) : Json();
+}
+
+Json numberJson(const std::optional<Number>& number) {
+  return number ? Json(number->longLongValue()) : Json();
+}
+
+Json bytesJson(const std::optional<std::string>& decimal) {
+  return decimal ? Json(std::stoll(*decimal)) : Json();
+}
+
+bool exists(const std::string& path) {
+  std::error_code unreadable;
+  return fs::exists(path, unreadable);
+}
+
+bool isSamePlace(const std::string& left, const std::string& right) {
+  std::error_code unreadable;
+  return left == right || fs::equivalent(left, right, unreadable);
+}
+
+}  // namespace
+
+QuietLibrary::QuietLibrary() {
+  std::fflush(stdout);
+  const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  output_ = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+  if (nowhere >= 0 && output_ >= 0) dup2(nowhere, STDOUT_FILENO);
+  if (nowhere >= 0) close(nowhere);
+}
+
+QuietLibrary::~QuietLibrary() {
+  std::fflush(stdout);
+  if (output_ < 0) return;
+  dup2(output_, STDOUT_FILENO);
+  close(output_);
+}
+
+std::string bootFilesText(const QDVolume& volume, const Volumes& all) {
+  if (!volume.hasWindows()) return "";
+  const std::optional<std::string> folder = volume.bootResourcePath();
+  if (!folder) return "own";
+  for (const auto& other : all) {
+    if (other->diskName() != kBootPartitionName || other->drivePath() != volume.drivePath()) continue;
+    if (folder->starts_with(other->filePath().value_or("/")) && exists(*folder)) return *folder;
+  }
+  return "none";
+}
+
+std::string windowsText(const QDVolume& volume) {
+  if (!volume.hasWindows()) return "";
+  return QDDeviceManager::system32FolderFromVolume(volume.filePath()) ? "installed" : "installer";
+}
+
+std::string volumeTable(const Volumes& volumes, const Volumes& all) {
+  std::vector<std::vector<std::string>> rows = {
+      {"Name", "Device", "Size", "Kind", "Windows", "Boot files", "Mounted at"}};
+  const auto cell = [](const std::optional<std::string>& text) { return printable(text.value_or("")); };
+  for (const auto& volume : volumes) {
+    rows.push_back({cell(volume->diskName()), cell(volume->device()), cell(volume->humanSize()),
+                    cell(volume->fileSystemType()), windowsText(*volume), cell(bootFilesText(*volume, all)),
+                    cell(volume->filePath())});
+  }
+  return tableText(rows, "llrllll");
+}
+
+Json volumeJson(const QDVolume& volume, const Volumes& all) {
+  return Json({
+      {"name", textJson(volume.diskName())},
+      {"device", textJson(volume.device())},
+      {"disk", textJson(volume.drivePath())},
+      {"mountPath", textJson(volume.filePath())},
+      {"kind", textJson(volume.fileSystemType())},
+      {"totalSize", bytesJson(volume.totalSize())},
+      {"freeSize", bytesJson(volume.freeSpace())},
+      {"mediaSize", numberJson(volume.mediaSizeRaw())},
+      {"blockSize", numberJson(volume.mediaBlockSize())},
+      {"volumeUUID", uuidJson(volume.volumeUUID())},
+      {"mediaUUID", uuidJson(volume.mediaUUID())},
+      {"contentUUID", uuidJson(volume.mediaContentUUID())},
+      {"windows", volume.hasWindows() ? Json(windowsText(volume)) : Json()},
+      {"bootFiles", volume.hasWindows() ? Json(bootFilesText(volume, all)) : Json()},
+  });
+}
+
+std::shared_ptr<QDVolume> mountedVolume(const std::string& deviceOrFolder, const Volumes& all) {
+  for (const auto& volume : all) {
+    if (volume->device() == deviceOrFolder || isSamePlace(volume->filePath().value_or(""), deviceOrFolder)) {
+      return volume;
+    }
+  }
+  // A folder that is no mount point is no device either; others are compared by the name disk arbitration gives them.
+  std::error_code unreadable;
+  if (fs::is_directory(deviceOrFolder, unreadable)) return nullptr;
+  const std::string name = bsdNameOf(deviceOrFolder);
+  for (const auto& volume : all) {
+    if (bsdNameOf(volume->device().value_or("")) == name) return volume;
+  }
+  return nullptr;
+}
+
+}  // namespace vorlix::tool

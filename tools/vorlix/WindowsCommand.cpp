@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/QDDeviceManager.h>
+#include <Vorlix/QDVolume.h>
+#include <Vorlix/platform/HostBundle.h>
+#include <Vorlix/platform/Platform.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <system_error>
+
+#include "Arbitration.h"
+#include "Commands.h"
+#include "Failure.h"
+#include "LibraryLog.h"
+#include "Text.h"
+
+namespace vorlix::tool {
+namespace {
+
+struct Row {
+  const char* key;
+  const char* title;
+};
+
+constexpr Row kRows[] = {
+    {"product", "Product"},      {"edition", "Edition"},    {"currentBuildNumber", "Build"},
+    {"buildLabEx", "Build lab"}, {"bootenv", "Started by"},
+};
+
+std::string folderOf(const std::string& volume) {
+  std::error_code unreadable;
+  if (std::filesystem::is_directory(volume, unreadable)) return volume;
+  const std::optional<std::string> path = mountPointOf(volume);
+  if (!path) throw Failure(volume, "not mounted", "nothing was read");
+  return *path;
+}
+
+int showWindows(const std::string& volume, bool json) {
+  const std::string folder = folderOf(volume);
+  if (!QDDeviceManager::system32FolderFromVolume(folder)) {
+    const bool isInstaller = QDDeviceManager::bootWIMFileFromVolume(folder).has_value();
+    std::fprintf(stderr, "vorlix: %s: %s\n", volume.c_str(),
+                 isInstaller ? "no installed Windows, but its installer" : "no Windows");
+    return kChangeNeeded;
+  }
+  const auto record = QDVolume::init();
+  record->setFilePath(folder);
+  Dictionary version;
+  {
+    const LibraryLog log;
+    version = QDDeviceManager::sharedDeviceManager()->versionOfWindowsFromVolume(record);
+  }
+  if (json) {
+    auto object = nlohmann::ordered_json::object();
+    for (const Row& row : kRows) {
+      const auto value = version.text(row.key);
+      object[row.key] = value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json();
+    }
+    constexpr int kIndent = 2;
+    std::printf("%s\n", object.dump(kIndent, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+  } else {
+    for (const Row& row : kRows) {
+      const auto value = version.text(row.key);
+      if (value && !value->empty()) std::printf("%-10s %s\n", row.title, printable(*value).c_str());
+    }
+  }
+  if (!version.text("product").value_or("").empty()) return kDone;
+  const bool hasTool = platform().hostBundle->pathForResource("registry_lookup", "", "tools/bin").has_value();
+  throw Failure(volume, hasTool ? "its registry tells no product name" : "registry_lookup is not installed",
+                "nothing was changed");
+}
+
+}  // namespace
+
+void addWindowsCommand(CLI::App& app, int& status) {
+  const auto volume = std::make_shared<std::string>();
+  const auto json = std::make_shared<bool>(false);
+  CLI::App* const windows = app.add_subcommand("windows", "Tell which Windows a mounted volume holds");
+  windows->add_option("VOLUME", *volume, "Folder where the volume is mounted, or its device")->required();
+  windows->add_flag("--json", *json, "As JSON");
+  windows->callback([volume, json, &status] { status = showWindows(*volume, *json); });
+}
+
+}  // namespace vorlix::tool
