@@ -1,11 +1,14 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Times the command line beside other partition tools: whole processes on copies of one disk image, taking turns (A B A
-B ...), so that whatever else the machine does meets all of them alike. Prints medians, and ratios of medians."""
+"""Times the command line beside other disk tools: whole processes on copies of one disk image, taking turns (A B A
+B ...), so that whatever else the machine does meets all of them alike. Prints medians, and ratios of medians. Archives
+of records are timed beside Python's plistlib in the same run."""
 
 import argparse
+import json
 import os
 import pathlib
+import plistlib
 import re
 import shutil
 import statistics
@@ -96,6 +99,29 @@ def take_turns(title, programs, original, folder, runs, renew=False, ratios=True
         print(f"  {programs[0].label} : {program.label} = {programs[0].median() / program.median():.3f}")
 
 
+def archives(program, fixture, records):
+    """Decoding and encoding so many volume records, each an archive of its own, beside plistlib on the same bytes.
+    plistlib stops at the property list; what the records are is not its business, so it does less."""
+    if not program.exists():
+        print(f"\nArchives: not timed, {program.name} is not built")
+        return
+    report = subprocess.run([str(program), f"--benchmark_filter=/{records}$", "--benchmark_format=json"],
+                            check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout
+    ours = {row["name"].split("/")[0]: row["real_time"] / 1e3 for row in json.loads(report)["benchmarks"]}
+    content = fixture.read_bytes()
+    start = time.perf_counter()
+    for _ in range(records):
+        tree = plistlib.loads(content, fmt=plistlib.FMT_BINARY)
+    loading = time.perf_counter() - start
+    start = time.perf_counter()
+    for _ in range(records):
+        plistlib.dumps(tree, fmt=plistlib.FMT_BINARY)
+    dumping = time.perf_counter() - start
+    print(f"\nArchives of {records} volume records")
+    for name, own, peer in (("decode", ours["decodeRecords"], loading), ("encode", ours["encodeRecords"], dumping)):
+        print(f"  {name}: {own:.3f} s, plistlib {peer:.3f} s, ratio {own / peer:.3f}")
+
+
 def system_calls(program, original, folder):
     """Prints how many system calls one run makes, as strace counts them, or that it cannot trace here."""
     image = folder / "traced.img"
@@ -150,6 +176,10 @@ def main():
                    [Program("vorlix hybrid --dry-run", [*hybrid.command, "--dry-run"], statuses=(1,)),
                     Program("vorlix --help", [vorlix, "--help"]), Program("true", ["true"])],
                    original, folder, options.runs, ratios=False)
+
+        root = pathlib.Path(__file__).resolve().parents[1]
+        archives(pathlib.Path(vorlix).parent / "bench" / "ArchiveBench",
+                 root / "tests" / "data" / "archives" / "QDVolume-full-1.archive", 10000)
 
         print("\nSystem calls of one run")
         if shutil.which("strace") is None:

@@ -111,9 +111,11 @@ class SimulatedSession final : public DiskArbitrationSession {
   }
 
   std::shared_ptr<Disk> diskFromVolumePath(const URL& path) override {
-    for (const auto& [name, view] : state_->views) {
-      if (view.volume && view.volume->mounted && view.volume->mountPath == path.path()) {
-        return std::make_shared<SimulatedDisk>(state_, id_, name);
+    const auto [first, end] = state_->devicesByMountPath.equal_range(path.path());
+    for (auto device = first; device != end; ++device) {
+      const auto& volume = state_->view(device->second).volume;
+      if (volume && volume->mounted && volume->mountPath == path.path()) {
+        return std::make_shared<SimulatedDisk>(state_, id_, device->second);
       }
     }
     return nullptr;

@@ -52,6 +52,7 @@ void SimulatedMachine::refuseSessions() {
 }
 
 void SimulatedMachine::setVolume(const std::string& device, SimulatedVolume volume) {
+  state_->devicesByMountPath.emplace(volume.mountPath, bareDeviceName(device));
   state_->view(device).volume = std::move(volume);
 }
 

@@ -112,6 +112,7 @@ struct SimulatedState {
   SessionID lastSession = 0;
   std::set<SessionID> openSessions;
   std::map<std::string, ArbitrationView> views;
+  std::multimap<std::string, std::string> devicesByMountPath;  // those of replaced volumes included
   std::vector<ScheduledSession> schedule;
   std::vector<MountRequest> requests;
   unsigned completionDelay = 0;
