@@ -86,7 +86,9 @@ std::optional<DeviceLocation> locatePath(const std::string& path) {
 
 std::optional<DeviceLocation> locateName(const std::string& name) {
   constexpr const char* kPrefixedPath = "/dev//";
-  if (name.rfind(kPrefixedPath, 0) == 0) return locatePath(name.substr(std::strlen(kPrefixedPath) - 1));
+  size_t start = 0;
+  while (name.compare(start, std::strlen(kPrefixedPath), kPrefixedPath) == 0) start += std::strlen(kPrefixedPath) - 1;
+  if (start != 0) return locatePath(name.substr(start));
   std::optional<DeviceLocation> found = locatePath(name);
   if (found || errno != ENOENT || name.empty() || name.find('/') != std::string::npos) return found;
   return locatePath("/dev/" + name);

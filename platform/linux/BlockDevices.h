@@ -24,9 +24,10 @@ struct DeviceLocation {
 
 /// Finds a device by path ("/dev/sda3", "mac.img"), by kernel name ("sda3") or as slice N of either ("sdas3",
 /// "/dev/nvme0n1s3", "mac.imgs3"). The BSD name of an image file is its absolute path, and callers put "/dev/" before
-/// BSD names, so "/dev//home/me/mac.img" is that file. A path that exists is taken as it is. The slice of an image is
-/// not looked up. An image file that is found is remembered (ImageFiles.h). Absent with `errno` set: ENOENT, EISDIR,
-/// ENOTBLK for what is neither a block device nor a file, or what the system says.
+/// BSD names, some of them twice, so "/dev//home/me/mac.img" is that file and "/dev//dev/sda3" that device. A path that
+/// exists is taken as it is. The slice of an image is not looked up. An image file that is found is remembered
+/// (ImageFiles.h). Absent with `errno` set: ENOENT, EISDIR, ENOTBLK for what is neither a block device nor a file, or
+/// what the system says.
 std::optional<DeviceLocation> locateDevice(const std::string& name);
 
 /// Logical block size of a block device by the kernel's own account. Absent when there is none.

@@ -46,18 +46,25 @@ std::optional<DeviceLocation> locatePath(const std::string& path) {
   return found;
 }
 
+// An image file's BSD name is its absolute path, and callers put the folder before BSD names, some of them twice.
+std::string withoutPrefixes(const std::string& name) {
+  std::string_view path = name;
+  while (startsWith(path, kPrefixedPath)) path.remove_prefix(kDeviceFolder.size());
+  return std::string(path);
+}
+
 }  // namespace
 
 std::optional<DeviceLocation> locateDevice(const std::string& name) {
-  // An image file's BSD name is its absolute path, and callers put the folder before BSD names.
-  if (startsWith(name, kPrefixedPath)) return locatePath(name.substr(kDeviceFolder.size()));
+  if (startsWith(name, kPrefixedPath)) return locatePath(withoutPrefixes(name));
   std::optional<DeviceLocation> found = locatePath(name);
   if (found || errno != ENOENT || name.empty() || name.find('/') != std::string::npos) return found;
   return locatePath(std::string(kDeviceFolder) + name);
 }
 
 std::optional<std::string> arbitrationName(const std::string& name) {
-  std::string bare = startsWith(name, kDeviceFolder) ? name.substr(kDeviceFolder.size()) : name;
+  std::string bare = withoutPrefixes(name);
+  if (startsWith(bare, kDeviceFolder)) bare.erase(0, kDeviceFolder.size());
   if (bare.empty() || bare.find('/') != std::string::npos) return std::nullopt;
   if (startsWith(bare, kRawDisk)) bare.erase(0, 1);
   return bare;

@@ -18,13 +18,13 @@ struct DeviceLocation {
 
 /// Finds a device by path ("/dev/disk0s3", "/dev/rdisk0", "mac.img"), by BSD name ("disk0s3"), or slice N of a
 /// disk-image file ("mac.imgs3"). The BSD name of an image file is its absolute path, and callers put "/dev/" before
-/// BSD names, so "/dev//Users/me/mac.img" is that file. A path that exists is taken as it is. The slice of an image is
-/// not looked up. Absent with `errno` set: ENOENT, EISDIR, ENOTBLK for what is neither a device node nor a file, or
-/// what the system says.
+/// BSD names, some of them twice, so "/dev//Users/me/mac.img" is that file and "/dev//dev/disk0" that device. A path
+/// that exists is taken as it is. The slice of an image is not looked up. Absent with `errno` set: ENOENT, EISDIR,
+/// ENOTBLK for what is neither a device node nor a file, or what the system says.
 std::optional<DeviceLocation> locateDevice(const std::string& name);
 
-/// The name that disk arbitration has for a device: "disk0s3" for "disk0s3", "/dev/disk0s3" and their raw node
-/// "/dev/rdisk0s3", which is the same disk. Absent for a path outside /dev.
+/// The name that disk arbitration has for a device: "disk0s3" for "disk0s3", "/dev/disk0s3", "/dev//dev/disk0s3" and
+/// the raw node "/dev/rdisk0s3", which is the same disk. Absent for a path outside /dev.
 std::optional<std::string> arbitrationName(const std::string& name);
 
 }  // namespace vorlix
