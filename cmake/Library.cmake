@@ -102,6 +102,7 @@ if(APPLE)
   list(APPEND VORLIX_SOURCES
        platform/macos/FileCopy.cpp
        platform/macos/ImageDisk.cpp
+       platform/macos/MountedVolumes.cpp
        platform/macos/RunLoop.cpp)
 else()
   list(APPEND VORLIX_SOURCES
@@ -118,6 +119,7 @@ else()
        platform/linux/MirroredVolume.cpp
        platform/linux/MountFolders.cpp
        platform/linux/MountTable.cpp
+       platform/linux/MountedVolumes.cpp
        platform/linux/Mounting.cpp
        platform/linux/Mtools.cpp
        platform/linux/OpenedDevice.cpp

@@ -17,9 +17,7 @@
 #include "ImageDisk.h"
 #include "KernelDisks.h"
 #include "Mounting.h"
-#include "OpenedDevice.h"
 #include "SystemFiles.h"
-#include "VolumeProbe.h"
 
 namespace vorlix {
 namespace {
@@ -109,14 +107,6 @@ void describeBlockSize(const DeviceLocation& location, const std::optional<Opene
   if (size) description.set(kDescriptionMediaBlockSize, int64_t{*size});
 }
 
-std::optional<VolumeFacts> volumeFactsOf(const DeviceLocation& location, const std::optional<OpenedDevice>& device) {
-  if (device) return probeVolume(device->descriptor.get(), device->window);
-  struct stat status = {};
-  if (location.isImage || stat(location.node.c_str(), &status) != 0) return std::nullopt;
-  const std::string number = std::to_string(major(status.st_rdev)) + ":" + std::to_string(minor(status.st_rdev));
-  return volumeInUdevRecord(readUdevRecord("/run/udev/data/b" + number));
-}
-
 void describeVolume(const DeviceLocation& location, const std::optional<OpenedDevice>& device,
                     Dictionary& description) {
   const std::optional<VolumePlace> place = volumePlaceOf(location, device);
@@ -136,6 +126,14 @@ void describeVolume(const DeviceLocation& location, const std::optional<OpenedDe
 }
 
 }  // namespace
+
+std::optional<VolumeFacts> volumeFactsOf(const DeviceLocation& location, const std::optional<OpenedDevice>& device) {
+  if (device) return probeVolume(device->descriptor.get(), device->window);
+  struct stat status = {};
+  if (location.isImage || stat(location.node.c_str(), &status) != 0) return std::nullopt;
+  const std::string number = std::to_string(major(status.st_rdev)) + ":" + std::to_string(minor(status.st_rdev));
+  return volumeInUdevRecord(readUdevRecord("/run/udev/data/b" + number));
+}
 
 Dictionary describeDisk(const DeviceLocation& location) {
   Dictionary description;

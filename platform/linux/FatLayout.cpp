@@ -26,6 +26,23 @@ uint32_t littleEndian(const uint8_t* bytes, size_t count) {
   return value;
 }
 
+enum class Width { bits12, bits16, bits32 };
+
+// Entries of 12 bits begin in the midst of a byte; two bytes hold any.
+size_t tableEntrySize(Width width) {
+  return width == Width::bits32 ? 4 : 2;
+}
+
+uint64_t tableEntryOffset(uint32_t cluster, Width width) {
+  return width == Width::bits12 ? uint64_t{cluster} + cluster / 2 : uint64_t{cluster} * tableEntrySize(width);
+}
+
+uint32_t tableEntry(const uint8_t* bytes, uint32_t cluster, Width width) {
+  const uint32_t value = littleEndian(bytes, tableEntrySize(width));
+  if (width == Width::bits12) return cluster % 2 == 0 ? value & 0xFFFU : value >> 4;
+  return width == Width::bits32 ? value & 0x0FFFFFFFU : value;
+}
+
 // Each word goes in by a step that can be undone, so that a change of one word always changes the sum.
 class Digest {
  public:
@@ -42,8 +59,6 @@ class Digest {
  private:
   uint64_t value_ = 0x6A09E667F3BCC909U;
 };
-
-enum class Width { bits12, bits16, bits32 };
 
 struct Layout {
   uint64_t clusterSize = 0;
@@ -205,23 +220,10 @@ class Walk {
 
   bool nextCluster(uint32_t cluster, uint32_t& next) {
     std::array<uint8_t, 4> entry = {};
-    switch (layout_.width) {
-      case Width::bits12: {
-        if (!reader_.read(entry.data(), 2, layout_.tables + cluster + cluster / 2)) return false;
-        const uint32_t both = littleEndian(entry.data(), 2);
-        next = cluster % 2 == 0 ? both & 0xFFFU : both >> 4;
-        return true;
-      }
-      case Width::bits16:
-        if (!reader_.read(entry.data(), 2, layout_.tables + uint64_t{cluster} * 2)) return false;
-        next = littleEndian(entry.data(), 2);
-        return true;
-      case Width::bits32:
-        if (!reader_.read(entry.data(), 4, layout_.tables + uint64_t{cluster} * 4)) return false;
-        next = littleEndian(entry.data(), 4) & 0x0FFFFFFFU;
-        return true;
-    }
-    return false;
+    const uint64_t offset = layout_.tables + tableEntryOffset(cluster, layout_.width);
+    if (!reader_.read(entry.data(), tableEntrySize(layout_.width), offset)) return false;
+    next = tableEntry(entry.data(), cluster, layout_.width);
+    return true;
   }
 
   const Reader& reader_;
@@ -233,16 +235,45 @@ class Walk {
   std::string damage_;
 };
 
+Refusal readLayout(const Reader& reader, std::optional<Layout>& layout) {
+  std::array<uint8_t, 512> boot = {};
+  if (!reader.read(boot.data(), boot.size(), 0)) return dissenterFor(errno, "reading the boot sector");
+  layout = layoutOf(boot, reader.size());
+  if (layout) return std::nullopt;
+  return Dissenter{kDissentUnsupported, "the FAT file system is damaged or larger than its partition"};
+}
+
 }  // namespace
+
+Refusal readFatSpace(int descriptor, Extent window, FatSpace& space) {
+  const Reader reader(descriptor, window);
+  std::optional<Layout> layout;
+  if (Refusal refusal = readLayout(reader, layout)) return refusal;
+  const uint32_t end = kFirstCluster + layout->clusters;
+  std::vector<uint8_t> part;
+  uint64_t unused = 0;
+  for (uint32_t cluster = kFirstCluster; cluster < end;) {
+    const uint32_t first = cluster;
+    const uint32_t next = first + std::min<uint32_t>(kChunk / 4, end - first);
+    const uint64_t start = tableEntryOffset(first, layout->width);
+    part.resize(static_cast<size_t>(tableEntryOffset(next - 1, layout->width) - start) + tableEntrySize(layout->width));
+    if (!reader.read(part.data(), part.size(), layout->tables + start)) {
+      return dissenterFor(errno, "reading the file allocation table");
+    }
+    for (; cluster < next; ++cluster) {
+      const uint8_t* const entry = part.data() + (tableEntryOffset(cluster, layout->width) - start);
+      if (tableEntry(entry, cluster, layout->width) == 0) ++unused;
+    }
+  }
+  space.total = uint64_t{layout->clusters} * layout->clusterSize;
+  space.free = unused * layout->clusterSize;
+  return std::nullopt;
+}
 
 Refusal readFatOutline(int descriptor, Extent window, FatOutline& outline) {
   const Reader reader(descriptor, window);
-  std::array<uint8_t, 512> boot = {};
-  if (!reader.read(boot.data(), boot.size(), 0)) return dissenterFor(errno, "reading the boot sector");
-  const std::optional<Layout> layout = layoutOf(boot, window.size);
-  if (!layout) {
-    return Dissenter{kDissentUnsupported, "the FAT file system is damaged or larger than its partition"};
-  }
+  std::optional<Layout> layout;
+  if (Refusal refusal = readLayout(reader, layout)) return refusal;
   FatOutline found;
   Walk walk(reader, *layout);
   if (!walk.run(found)) {

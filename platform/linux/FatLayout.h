@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The outline of a FAT file system: enough to tell whether it may be copied, and whether it is still the same.
+// The outline of a FAT file system: enough to tell whether it may be copied, whether it is still the same, and how full
+// it is.
 //
 // Source of the layout: Microsoft, "FAT: General Overview of On-Disk Format", version 1.03 (fatgen103).
 #pragma once
@@ -26,5 +27,15 @@ struct FatOutline {
 /// window, and one in which a folder is reached twice or files claim more than the volume holds: programs that copy it
 /// would write outside the window or never come to an end.
 Refusal readFatOutline(int descriptor, Extent window, FatOutline& outline);
+
+/// What a FAT file system has room for, in bytes: whole clusters. The free ones are counted in the first allocation
+/// table; the hint of FAT32's information sector may be wrong.
+struct FatSpace {
+  uint64_t total = 0;
+  uint64_t free = 0;
+};
+
+/// Reads no more than the boot sector and that table. Refuses as readFatOutline() does a file system that does not fit.
+Refusal readFatSpace(int descriptor, Extent window, FatSpace& space);
 
 }  // namespace vorlix

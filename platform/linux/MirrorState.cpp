@@ -7,6 +7,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -14,6 +15,8 @@
 #include <fstream>
 #include <iterator>
 #include <string_view>
+#include <tuple>
+#include <utility>
 
 #include "MountFolders.h"
 
@@ -24,6 +27,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* kFormat = "vorlix mirror 1";
 constexpr const char* kStatesFolder = "/.mirrors";
+constexpr const char* kUnfinished = ".new";  // ends the name of a state that is being written
 
 // A state is a row of texts, each ended by a zero byte, since file names hold any other one.
 class FieldWriter {
@@ -128,6 +132,10 @@ std::optional<MirrorState> readState(const fs::path& path) {
   return state;
 }
 
+int64_t nanoseconds(const struct statx_timestamp& time) {
+  return int64_t{time.tv_sec} * 1000000000 + int64_t{time.tv_nsec};
+}
+
 bool writeWhole(int descriptor, const std::string& bytes) {
   size_t done = 0;
   while (done < bytes.size()) {
@@ -137,6 +145,18 @@ bool writeWhole(int descriptor, const std::string& bytes) {
     done += static_cast<size_t>(put);
   }
   return fsync(descriptor) == 0;
+}
+
+// When a mirror's folder was made. Where its file system does not tell, the time at which the state was last written is
+// near that: it is written again only when a write-back fails.
+int64_t birthOf(const std::string& folder, const fs::path& state) {
+  struct statx status = {};
+  if (statx(AT_FDCWD, folder.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &status) == 0 &&
+      (status.stx_mask & STATX_BTIME) != 0) {
+    return nanoseconds(status.stx_btime);
+  }
+  if (statx(AT_FDCWD, state.c_str(), AT_SYMLINK_NOFOLLOW, STATX_MTIME, &status) != 0) return 0;
+  return nanoseconds(status.stx_mtime);
 }
 
 std::optional<std::string> statesFolder() {
@@ -185,7 +205,7 @@ std::optional<MirrorState> MirrorStates::load(const std::string& key) const {
 
 Refusal MirrorStates::save(const std::string& key, const MirrorState& state) const {
   const std::string path = folder_ + "/" + key;
-  const std::string beside = path + ".new";
+  const std::string beside = path + kUnfinished;
   const Descriptor file(open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (file && writeWhole(file.get(), encode(state)) && rename(beside.c_str(), path.c_str()) == 0) return std::nullopt;
   const int reason = errno;
@@ -201,6 +221,26 @@ std::optional<MirrorState> findMirror(const std::string& key) {
   const std::optional<std::string> folder = statesFolder();
   if (!folder) return std::nullopt;
   return readState(*folder + "/" + key);
+}
+
+std::vector<KnownMirror> allMirrors() {
+  std::vector<KnownMirror> mirrors;
+  const std::optional<std::string> states = statesFolder();
+  if (!states) return mirrors;
+  std::vector<std::pair<int64_t, KnownMirror>> found;
+  std::error_code error;
+  for (const fs::directory_entry& entry : fs::directory_iterator(*states, error)) {
+    if (entry.path().extension() == kUnfinished) continue;
+    std::optional<MirrorState> state = readState(entry.path());
+    if (!state) continue;
+    const int64_t birth = birthOf(state->folder, entry.path());
+    found.push_back({birth, {entry.path().filename(), *std::move(state)}});
+  }
+  std::sort(found.begin(), found.end(), [](const auto& left, const auto& right) {
+    return std::tie(left.first, left.second.key) < std::tie(right.first, right.second.key);
+  });
+  for (auto& [birth, mirror] : found) mirrors.push_back(std::move(mirror));
+  return mirrors;
 }
 
 std::optional<MirrorState> findMirrorAt(const std::string& folder) {

@@ -54,6 +54,16 @@ class MirrorStates {
 /// The state of a volume, read without a lock. Absent where it is not mirrored.
 std::optional<MirrorState> findMirror(const std::string& key);
 
+/// A mirrored volume with what it is named by, see mirrorKey().
+struct KnownMirror {
+  std::string key;
+  MirrorState state;
+};
+
+/// The states of all volumes that this user has mirrored, in the order in which the mirrors were made, read without a
+/// lock.
+std::vector<KnownMirror> allMirrors();
+
 /// The state of the volume that is mirrored in `folder`.
 std::optional<MirrorState> findMirrorAt(const std::string& folder);
 

@@ -32,36 +32,40 @@ std::string textOf(const char* text) {
   return text == nullptr ? std::string() : std::string(text);
 }
 
-// The number of the device that was mounted. Some file systems show a number of their own instead of it.
-dev_t deviceOf(libmnt_fs* entry, const std::string& node) {
+// The number of the device that was mounted. Some file systems show a number of their own instead; these are known by
+// the node they name. What has no use for a device may be named after one all the same.
+dev_t deviceOf(libmnt_fs* entry, const std::string& source) {
+  const dev_t number = mnt_fs_get_devno(entry);
+  const bool namesDevice = source.rfind("/dev/", 0) == 0 && mnt_fs_is_pseudofs(entry) != 1;
+  if (major(number) != 0 || !namesDevice) return number;
   struct stat status = {};
-  if (!node.empty() && stat(node.c_str(), &status) == 0 && S_ISBLK(status.st_mode)) return status.st_rdev;
-  return mnt_fs_get_devno(entry);
+  const bool isDevice = stat(source.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
+  return isDevice ? status.st_rdev : number;
+}
+
+// A subvolume of btrfs is a volume to its users; its options tell which one it is.
+bool isVolumeRoot(libmnt_fs* entry) {
+  const std::string root = textOf(mnt_fs_get_root(entry));
+  if (root == "/") return true;
+  if (textOf(mnt_fs_get_fstype(entry)) != "btrfs") return false;
+  char* value = nullptr;
+  size_t length = 0;
+  return mnt_fs_get_option(entry, "subvol", &value, &length) == 0 && root == std::string(value, length);
 }
 
 MountPoint mountPointOf(libmnt_fs* entry) {
   MountPoint mount;
+  mount.id = mnt_fs_get_id(entry);
   mount.path = textOf(mnt_fs_get_target(entry));
   mount.fileSystem = textOf(mnt_fs_get_fstype(entry));
-  const std::string source = textOf(mnt_fs_get_srcpath(entry));
-  if (source.rfind("/dev/", 0) == 0) mount.node = source;
-  mount.device = deviceOf(entry, mount.node);
-  mount.isWhole = textOf(mnt_fs_get_root(entry)) == "/";
+  mount.source = textOf(mnt_fs_get_srcpath(entry));
+  mount.device = deviceOf(entry, mount.source);
+  mount.isWhole = isVolumeRoot(entry);
   const auto readOnly = [](const char* options) {
     return options != nullptr && mnt_optstr_get_option(options, "ro", nullptr, nullptr) == 0;
   };
   mount.isReadOnly = readOnly(mnt_fs_get_vfs_options(entry)) || readOnly(mnt_fs_get_fs_options(entry));
   return mount;
-}
-
-std::vector<MountPoint> allMounts() {
-  std::vector<MountPoint> mounts;
-  const std::unique_ptr<libmnt_table, TableDeleter> table(mnt_new_table());
-  const std::unique_ptr<libmnt_iter, IteratorDeleter> iterator(mnt_new_iter(MNT_ITER_FORWARD));
-  if (!table || !iterator || mnt_table_parse_file(table.get(), kMountTable) != 0) return mounts;
-  libmnt_fs* entry = nullptr;
-  while (mnt_table_next_fs(table.get(), iterator.get(), &entry) == 0) mounts.push_back(mountPointOf(entry));
-  return mounts;
 }
 
 std::optional<uint64_t> readNumber(const fs::path& path) {
@@ -132,10 +136,20 @@ std::vector<dev_t> devicesOf(const DeviceLocation& location, Extent window) {
 
 }  // namespace
 
+std::vector<MountPoint> mountTable() {
+  std::vector<MountPoint> mounts;
+  const std::unique_ptr<libmnt_table, TableDeleter> table(mnt_new_table());
+  const std::unique_ptr<libmnt_iter, IteratorDeleter> iterator(mnt_new_iter(MNT_ITER_FORWARD));
+  if (!table || !iterator || mnt_table_parse_file(table.get(), kMountTable) != 0) return mounts;
+  libmnt_fs* entry = nullptr;
+  while (mnt_table_next_fs(table.get(), iterator.get(), &entry) == 0) mounts.push_back(mountPointOf(entry));
+  return mounts;
+}
+
 std::vector<MountPoint> mountsOf(const DeviceLocation& location, Extent window) {
   const std::vector<dev_t> devices = devicesOf(location, window);
   if (devices.empty()) return {};
-  std::vector<MountPoint> mounts = allMounts();
+  std::vector<MountPoint> mounts = mountTable();
   std::erase_if(mounts, [&](const MountPoint& mount) {
     return std::find(devices.begin(), devices.end(), mount.device) == devices.end();
   });
@@ -146,7 +160,7 @@ std::optional<MountPoint> mountAt(const std::string& path) {
   std::error_code error;
   const std::string wanted = fs::canonical(path, error).string();
   if (error) return std::nullopt;
-  const std::vector<MountPoint> mounts = allMounts();
+  const std::vector<MountPoint> mounts = mountTable();
   const auto found =
       std::find_if(mounts.rbegin(), mounts.rend(), [&](const MountPoint& mount) { return mount.path == wanted; });
   if (found == mounts.rend()) return std::nullopt;

@@ -15,13 +15,18 @@
 namespace vorlix {
 
 struct MountPoint {
+  int id = 0;  ///< the kernel's number of the mount
   std::string path;
   std::string fileSystem;  ///< the kernel's name, such as "vfat" or "fuseblk"
-  std::string node;        ///< what was mounted, such as "/dev/loop0"; empty where that is no device
-  dev_t device = 0;        ///< number of the device
-  bool isWhole = false;    ///< the volume's root, not a folder of it
+  std::string source;      ///< what was mounted, in the words of whoever did: "/dev/loop0", "server:/share", "none"
+  dev_t device = 0;        ///< number of the block device; with a major number of 0 it is none
+  bool isWhole = false;    ///< the root of the volume or of a subvolume, not a folder of it
   bool isReadOnly = false;
 };
+
+/// All mounts that this process can see, in the kernel's order, which is that of mounting. The table is read anew by
+/// every function here.
+std::vector<MountPoint> mountTable();
 
 /// The mounts of a device, the first one first. `window` tells a slice without a node of its own from others; such a
 /// slice, or an image file, is mounted where a loop device over those bytes is.

@@ -163,14 +163,16 @@ std::optional<VolumePlace> volumePlaceOf(const DeviceLocation& location, const s
   return std::nullopt;
 }
 
+std::optional<std::string> imageBehind(dev_t device) {
+  const std::optional<LoopBacking> backing = loopBackingOf(device);
+  return backing ? nameInside(backing->path, backing->offset) : std::nullopt;
+}
+
 std::optional<std::string> deviceMountedAt(const std::string& path) {
   if (const std::optional<MirrorState> mirror = findMirrorAt(path)) return mirror->device;
   const std::optional<MountPoint> mount = mountAt(path);
   if (!mount) return std::nullopt;
-  // The kernel's loop device of a mount of an image is no disk to anyone: the image is.
-  if (const std::optional<LoopBacking> backing = loopBackingOf(mount->device)) {
-    if (const auto name = nameInside(backing->path, backing->offset)) return name;
-  }
+  if (std::optional<std::string> image = imageBehind(mount->device)) return image;
   return nodeOfDevice(mount->device);
 }
 

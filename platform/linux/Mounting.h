@@ -34,6 +34,10 @@ struct VolumePlace {
 /// Absent where the volume is not mounted. `opened` is absent where the device cannot be read.
 std::optional<VolumePlace> volumePlaceOf(const DeviceLocation& location, const std::optional<OpenedDevice>& opened);
 
+/// The image, or the slice of one, whose bytes a loop device shows that was made for one mount alone and goes with it:
+/// to users such a volume is the image's. Absent for other devices.
+std::optional<std::string> imageBehind(dev_t device);
+
 /// Name of the device whose volume is mounted at `path`, an image or a slice of one included.
 std::optional<std::string> deviceMountedAt(const std::string& path);
 

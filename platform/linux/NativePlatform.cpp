@@ -10,6 +10,7 @@
 #include "FileCopy.h"
 #include "HostBundle.h"
 #include "IORegistry.h"
+#include "MountedVolumes.h"
 #include "RunLoop.h"
 #include "SystemLog.h"
 
@@ -26,6 +27,7 @@ Platform nativePlatform() {
   native.childProcess = std::make_shared<PosixChildProcess>();
   native.codeSigning = std::make_shared<LinuxCodeSigning>();
   native.systemLog = std::make_shared<LinuxSystemLog>();
+  native.mountedVolumes = std::make_shared<LinuxMountedVolumes>();
   native.userIdentity = std::make_shared<PosixUserIdentity>();
   native.shell = std::make_shared<PosixShell>();
   return native;

@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <Vorlix/platform/MountedVolumes.h>
+
+namespace vorlix {
+
+/// The system's list of mounted file systems, in its order. Those without a device of their own, such as network
+/// shares, are in it; disk arbitration does not know their names.
+///
+/// Sizes are those that the system has at hand, and names are asked of local volumes only: a server that does not
+/// answer costs no time.
+class MacMountedVolumes final : public MountedVolumes {
+ public:
+  std::vector<MountedVolume> volumes() override;
+};
+
+}  // namespace vorlix
