@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Confinement.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string_view>
+#include <system_error>
+
+#include "Failure.h"
+
+namespace vorlix::registry {
+namespace {
+
+// A sanitizer reserves terabytes of addresses, and its reports are for their reader.
+constexpr bool kSanitized = VORLIX_SANITIZED != 0;
+constexpr rlim_t kProcessorSeconds = 10;
+
+enum ChildStatus : int { kDone, kFailed, kUnsent };
+
+// Lowers a limit; one that is lower already stays. The hard limit is `margin` higher, so that the signal of the soft
+// one gets through first.
+template <typename Resource>
+void limit(Resource resource, rlim_t most, rlim_t margin = 0) {
+  struct rlimit limits = {};
+  if (getrlimit(resource, &limits) != 0) return;
+  limits.rlim_max = std::min(limits.rlim_max, most + margin);
+  limits.rlim_cur = std::min({limits.rlim_cur, limits.rlim_max, most});
+  setrlimit(resource, &limits);
+}
+
+void confine(uint64_t addressSpace) {
+  limit(RLIMIT_CORE, 0);
+  limit(RLIMIT_CPU, kProcessorSeconds, 1);
+  // The host may have left the signal that ends a long run ignored or blocked.
+  std::signal(SIGXCPU, SIG_DFL);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  unsetenv("HIVEX_DEBUG");
+  if constexpr (!kSanitized) {
+    limit(RLIMIT_AS, addressSpace);
+    // What a library says before it gives up is not for the user.
+    const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
+    dup2(nowhere, STDOUT_FILENO);
+    dup2(nowhere, STDERR_FILENO);
+  }
+}
+
+bool send(int pipe, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write(pipe, text.data(), text.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return false;
+    text.remove_prefix(static_cast<size_t>(written));
+  }
+  return true;
+}
+
+[[noreturn]] void work(int pipe, uint64_t addressSpace, const std::function<std::string()>& job) {
+  confine(addressSpace);
+  ChildStatus status = kFailed;
+  std::string text;
+  try {
+    text = job();
+    status = kDone;
+  } catch (const std::bad_alloc&) {
+    text = "not enough memory to read the hive";
+  } catch (const std::exception& error) {
+    text = error.what();
+  }
+  // Neither the parent's buffers nor its objects are this process's to clean up.
+  _exit(send(pipe, text) ? status : kUnsent);
+}
+
+std::string everythingFrom(int pipe) {
+  std::string text;
+  std::array<char, 65536> buffer = {};
+  for (;;) {
+    const ssize_t length = read(pipe, buffer.data(), buffer.size());
+    if (length < 0 && errno == EINTR) continue;
+    if (length <= 0) return text;
+    text.append(buffer.data(), static_cast<size_t>(length));
+  }
+}
+
+int statusOf(pid_t child) {
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "waitpid");
+  }
+  return status;
+}
+
+}  // namespace
+
+std::string runConfined(uint64_t addressSpace, const std::function<std::string()>& job) {
+  // A host that ignores its children's ends has handed that down, and there would be no status to wait for.
+  std::signal(SIGCHLD, SIG_DFL);
+  std::array<int, 2> ends = {};
+  if (pipe(ends.data()) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
+  const pid_t child = fork();
+  if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
+  if (child == 0) {
+    close(ends[0]);
+    work(ends[1], addressSpace, job);
+  }
+  close(ends[1]);
+  std::string text = everythingFrom(ends[0]);
+  close(ends[0]);
+
+  const int status = statusOf(child);
+  if (WIFSIGNALED(status)) {
+    const int signal = WTERMSIG(status);
+    if (signal == SIGXCPU) throw Failure("damaged hive: reading it takes too long");
+    throw Failure(std::string("damaged hive: its reader crashed: ") + strsignal(signal));
+  }
+  switch (WEXITSTATUS(status)) {
+    case kDone:
+      return text;
+    case kFailed:
+      throw Failure(text);
+    default:
+      throw Failure("damaged hive: its reader ended with status " + std::to_string(WEXITSTATUS(status)));
+  }
+}
+
+}  // namespace vorlix::registry

@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Hive.h"
+
+#include <Vorlix/foundation/Utf8.h>
+#include <hivex.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string_view>
+
+#include "Failure.h"
+#include "Names.h"
+
+namespace vorlix::registry {
+namespace {
+
+struct Free {
+  void operator()(void* memory) const { std::free(memory); }
+};
+using Text = std::unique_ptr<char, Free>;
+using Places = std::unique_ptr<size_t, Free>;  // ends with a 0
+
+struct Close {
+  void operator()(hive_h* hive) const { hivex_close(hive); }
+};
+using Handle = std::unique_ptr<hive_h, Close>;
+
+// Ends the search after a call that failed, with what it was to read.
+[[noreturn]] void damaged(const std::string& what) {
+  if (errno == ENOMEM) throw std::bad_alloc();
+  if (errno == ERANGE) throw Failure(what + " are more than can be read");  // a bound of hivex's own
+  throw Failure("damaged hive: cannot read " + what);
+}
+
+// Names may hold any code unit of UTF-16. One that is no text has no UTF-8, so nobody can ask for it.
+bool isNoText(int error) {
+  return error == EILSEQ || error == EINVAL;
+}
+
+// Keys and values differ in the calls that name them.
+using NameOf = char*(hive_h*, size_t);
+using LengthOfName = size_t(hive_h*, size_t);
+
+// The place among several with that name; 0 for none. A name that cannot be read fails the search only if the one that
+// is looked for is not among the others.
+size_t placeNamed(hive_h* hive, const size_t* places, const std::string& name, NameOf* nameOf,
+                  LengthOfName* lengthOfName) {
+  const std::u32string wanted = upperCase(name);
+  bool unreadable = false;
+  for (; *places != 0; ++places) {
+    errno = 0;
+    const Text found(nameOf(hive, *places));
+    if (!found) {
+      if (errno == ENOMEM) throw std::bad_alloc();
+      unreadable |= !isNoText(errno);
+      continue;
+    }
+    if (upperCase({found.get(), lengthOfName(hive, *places)}) == wanted) return *places;
+  }
+  if (unreadable) throw Failure("damaged hive: cannot read a name beside \"" + name + "\"");
+  return 0;
+}
+
+size_t childNamed(hive_h* hive, hive_node_h parent, const std::string& name) {
+  errno = 0;
+  const Places children(hivex_node_children(hive, parent));
+  if (!children) damaged("the keys beside \"" + name + "\"");
+  return placeNamed(hive, children.get(), name, hivex_node_name, hivex_node_name_len);
+}
+
+size_t valueNamed(hive_h* hive, hive_node_h node, const std::string& name) {
+  errno = 0;
+  const Places values(hivex_node_values(hive, node));
+  if (!values) damaged("the values beside \"" + name + "\"");
+  for (const size_t* value = values.get(); *value != 0; ++value) {
+    // Asked for its type only to see that it is a value at all.
+    if (hivex_value_type(hive, *value, nullptr, nullptr) != 0) damaged("the values beside \"" + name + "\"");
+  }
+  return placeNamed(hive, values.get(), name, hivex_value_key, hivex_value_key_len);
+}
+
+}  // namespace
+
+std::optional<RegistryValue> findValue(const std::string& hive, const std::string& key, const std::string& value) {
+  if (!isUtf8(key) || !isUtf8(value)) return std::nullopt;
+  errno = 0;
+  const Handle handle(hivex_open(hive.c_str(), 0));
+  if (!handle) damaged("its blocks");
+  errno = 0;
+  hive_node_h node = hivex_root(handle.get());
+  if (node == 0) damaged("its root key");
+
+  for (size_t start = 0; start < key.size();) {
+    const size_t end = std::min(key.find('/', start), key.size());
+    if (end > start) {
+      node = childNamed(handle.get(), node, key.substr(start, end - start));
+      if (node == 0) return std::nullopt;
+    }
+    start = end + 1;
+  }
+  const hive_value_h place = valueNamed(handle.get(), node, value);
+  if (place == 0) return std::nullopt;
+
+  errno = 0;
+  hive_type type = hive_t_REG_NONE;
+  size_t length = 0;
+  const Text data(hivex_value_value(handle.get(), place, &type, &length));
+  if (!data) damaged("the bytes of \"" + value + "\"");
+  RegistryValue result = {0, {data.get(), length}};
+  // Copied, since a hive may hold numbers that the enumeration does not have.
+  static_assert(sizeof(type) == sizeof(result.type));
+  std::memcpy(&result.type, &type, sizeof(type));
+  return result;
+}
+
+}  // namespace vorlix::registry

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "HiveFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "Failure.h"
+
+namespace vorlix::registry {
+namespace {
+
+// The base block, as the Windows registry file format specification (Suhanov) has it: "regf" at 0, the size of all bins
+// at 40; the bins follow. A hive is a base block and one bin at least.
+constexpr uint64_t kBaseBlockSize = 4096;
+constexpr uint64_t kSmallestBin = 4096;
+constexpr std::string_view kSignature = "regf";
+constexpr size_t kBinsSizeOffset = 40;
+
+// Places in a hive are numbers of 32 bits, counted from the end of the base block.
+constexpr uint64_t kLargestHive = kBaseBlockSize + UINT32_MAX;
+
+class Descriptor {
+ public:
+  // A FIFO does not wait for its writer.
+  explicit Descriptor(const std::string& path) : number_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
+  ~Descriptor() {
+    if (number_ >= 0) close(number_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  int number() const { return number_; }
+
+ private:
+  int number_;
+};
+
+uint32_t littleEndian32(const uint8_t* bytes) {
+  return static_cast<uint32_t>(bytes[0] | bytes[1] << 8 | bytes[2] << 16) | static_cast<uint32_t>(bytes[3]) << 24;
+}
+
+}  // namespace
+
+uint64_t checkedHiveSize(const std::string& path) {
+  const Descriptor file(path);
+  struct stat status = {};
+  if (file.number() < 0 || fstat(file.number(), &status) != 0) throw Failure(std::strerror(errno));
+  if (S_ISDIR(status.st_mode)) throw Failure("a folder, not a registry hive");
+  if (!S_ISREG(status.st_mode)) throw Failure("not a regular file");
+
+  std::array<uint8_t, kBinsSizeOffset + 4> header = {};
+  const ssize_t length = pread(file.number(), header.data(), header.size(), 0);
+  if (length < 0) throw Failure(std::strerror(errno));
+  if (std::memcmp(header.data(), kSignature.data(), kSignature.size()) != 0) throw Failure("not a registry hive");
+
+  const auto size = static_cast<uint64_t>(status.st_size);
+  const uint64_t said = kBaseBlockSize + littleEndian32(&header[kBinsSizeOffset]);
+  if (size < kBaseBlockSize + kSmallestBin || size < said) {
+    throw Failure("truncated hive: " + std::to_string(size) + " of " + std::to_string(said) + " bytes are there");
+  }
+  if (size > kLargestHive) throw Failure("larger than a registry hive can be");
+  return size;
+}
+
+}  // namespace vorlix::registry
