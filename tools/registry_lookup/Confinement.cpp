@@ -25,7 +25,8 @@ namespace {
 constexpr bool kSanitized = VORLIX_SANITIZED != 0;
 constexpr rlim_t kProcessorSeconds = 10;
 
-enum ChildStatus : int { kDone, kFailed, kUnsent };
+// Not the numbers that libraries and sanitizers end a process with.
+enum ChildStatus : int { kDone = 100, kFailed = 101, kUnsent = 102 };
 
 // Lowers a limit; one that is lower already stays. The hard limit is `margin` higher, so that the signal of the soft
 // one gets through first.

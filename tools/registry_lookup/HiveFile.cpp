@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -60,9 +61,9 @@ uint64_t checkedHiveSize(const std::string& path) {
   if (std::memcmp(header.data(), kSignature.data(), kSignature.size()) != 0) throw Failure("not a registry hive");
 
   const auto size = static_cast<uint64_t>(status.st_size);
-  const uint64_t said = kBaseBlockSize + littleEndian32(&header[kBinsSizeOffset]);
-  if (size < kBaseBlockSize + kSmallestBin || size < said) {
-    throw Failure("truncated hive: " + std::to_string(size) + " of " + std::to_string(said) + " bytes are there");
+  const uint64_t whole = kBaseBlockSize + std::max<uint64_t>(littleEndian32(&header[kBinsSizeOffset]), kSmallestBin);
+  if (size < whole) {
+    throw Failure("truncated hive: " + std::to_string(size) + " of " + std::to_string(whole) + " bytes are there");
   }
   if (size > kLargestHive) throw Failure("larger than a registry hive can be");
   return size;
