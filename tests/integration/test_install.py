@@ -185,6 +185,14 @@ class InstalledLibrary(unittest.TestCase):
     def test_the_command_line_is_installed_and_starts(self):
         self.assertIn("--help", run(self.prefix / "bin" / "vorlix", "--help"))
 
+    def test_the_registry_program_is_installed_where_hosts_look_for_it(self):
+        program = self.prefix / "share" / "vorlix" / "tools" / "bin" / "registry_lookup"
+        self.assertIn("registry_lookup", run(program, "--version"))
+
+    def test_man_pages_are_installed(self):
+        pages = [str(path) for path in self.installed("share/man/**/*")]
+        self.assertEqual(pages, ["share/man/man1/registry_lookup.1", "share/man/man1/vorlix.1"])
+
     def test_each_public_header_compiles_alone(self):
         headers = self.installed("include/**/*.h")
         self.assertGreater(len(headers), len(C_HEADERS))
