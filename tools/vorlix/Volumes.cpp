@@ -2,11 +2,13 @@
 #include "Volumes.h"
 
 #include <Vorlix/QDDeviceManager.h>
+#include <Vorlix/platform/DiskArbitration.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
 
 #include "Arbitration.h"
@@ -35,6 +37,21 @@ Json numberJson(const std::optional<Number>& number) {
 
 Json bytesJson(const std::optional<std::string>& decimal) {
   return decimal ? Json(std::stoll(*decimal)) : Json();
+}
+
+// The library puts "/dev/" before every disk's name, which for an image file is its path.
+std::optional<std::string> diskText(const QDVolume& volume) {
+  constexpr std::string_view kDevices = "/dev/";
+  std::optional<std::string> disk = volume.drivePath();
+  if (disk && disk->starts_with("/dev//")) disk->erase(0, kDevices.size());
+  return disk;
+}
+
+// A volume without an identifier has another one in each listing; nobody could use that.
+std::optional<UUID> lastingUUID(const QDVolume& volume) {
+  const QuietLibrary quiet;
+  const auto description = QDDeviceManager::sharedDeviceManager()->diskInfo(volume.device().value_or(""));
+  return description ? description->uuid(kDescriptionVolumeUUID) : std::nullopt;
 }
 
 bool exists(const std::string& path) {
@@ -96,14 +113,14 @@ Json volumeJson(const QDVolume& volume, const Volumes& all) {
   return Json({
       {"name", textJson(volume.diskName())},
       {"device", textJson(volume.device())},
-      {"disk", textJson(volume.drivePath())},
+      {"disk", textJson(diskText(volume))},
       {"mountPath", textJson(volume.filePath())},
       {"kind", textJson(volume.fileSystemType())},
       {"totalSize", bytesJson(volume.totalSize())},
       {"freeSize", bytesJson(volume.freeSpace())},
       {"mediaSize", numberJson(volume.mediaSizeRaw())},
       {"blockSize", numberJson(volume.mediaBlockSize())},
-      {"volumeUUID", uuidJson(volume.volumeUUID())},
+      {"volumeUUID", uuidJson(lastingUUID(volume))},
       {"mediaUUID", uuidJson(volume.mediaUUID())},
       {"contentUUID", uuidJson(volume.mediaContentUUID())},
       {"windows", volume.hasWindows() ? Json(windowsText(volume)) : Json()},
