@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The shared device manager with a delegate that collects lines, on a simulated machine with mounted volumes.
+#pragma once
+
+#include <Vorlix/QDDeviceManager.h>
+#include <Vorlix/QDVolume.h>
+#include <Vorlix/platform/MountedVolumes.h>
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "DiskFixture.h"
+#include "StandardStreams.h"
+
+namespace vorlix::test {
+
+/// Keeps the lines that it is told.
+class LineCollector : public Object, public LogReceiver {
+ public:
+  void log(const std::string& line) override {
+    lines.push_back(line);
+    if (onLine) onLine(line);
+  }
+
+  Lines lines;
+  std::function<void(const std::string&)> onLine;  ///< called after a line has been kept
+};
+
+/// A delegate that takes no lines.
+class DeafDelegate : public Object {};
+
+using Volumes = std::vector<std::shared_ptr<QDVolume>>;
+
+inline Lines namesOf(const Volumes& volumes) {
+  Lines names;
+  for (const auto& volume : volumes) names.push_back(volume->diskName().value_or("(none)"));
+  return names;
+}
+
+/// A record as a host may make one.
+inline std::shared_ptr<QDVolume> makeVolume(const std::optional<std::string>& device,
+                                            const std::optional<std::string>& path = std::nullopt,
+                                            const std::optional<std::string>& type = std::nullopt) {
+  const auto volume = QDVolume::init();
+  volume->setDevice(device);
+  volume->setFilePath(path);
+  volume->setFileSystemType(type);
+  return volume;
+}
+
+class DeviceManagerTest : public DiskTest {
+ protected:
+  DeviceManagerTest() { setenv("LC_ALL", "C", 1); }  // sizes are for people's eyes
+
+  void SetUp() override {
+    manager->setDelegate(delegate);
+    manager->setFileManager(FileManager::defaultManager());
+    manager->setDidMount(false);
+    manager->setDidUnmount(false);
+    manager->setMountStatus(0);
+    manager->setUnmountStatus(0);
+  }
+
+  void TearDown() override {
+    manager->setDelegate(nullptr);
+    manager->setFileManager(FileManager::defaultManager());
+  }
+
+  const Lines& lines() const { return delegate->lines; }
+
+  /// A slice such as "disk2s3", with its disk if that is not there yet.
+  void addDevice(const std::string& slice) {
+    const size_t split = slice.rfind('s');
+    const std::string disk = slice.substr(0, split);
+    if (disks_.insert(disk).second) machine.addDisk(disk, 1 << 20, 512);
+    machine.addSlice(disk, static_cast<uint32_t>(std::stoul(slice.substr(split + 1))), 40, 100);
+  }
+
+  /// A mounted volume with an empty folder of its name. @return its mount path.
+  std::string mountVolume(const std::string& device, const std::string& name, const std::string& kind) {
+    return mountVolumeFrom("/dev/" + device, device, name, kind);
+  }
+
+  /// The same, mounted under a name of a driver's own.
+  std::string mountVolumeFrom(const std::string& source, const std::string& device, const std::string& name,
+                              const std::string& kind) {
+    addDevice(device);
+    makeFolder(name);
+    const std::string path = folder / name;
+    SimulatedVolume volume;
+    volume.kind = kind;
+    volume.name = name;
+    volume.mountPath = path;
+    volume.mounted = true;
+    machine.setVolume(device, volume);
+    machine.addMountedVolume({name, path, source, 1000000000, 250000000});
+    return path;
+  }
+
+  /// What a Windows installation is known by, on the volume of that name.
+  void installWindows(const std::string& name) const { makeFolder(name + "/Windows/System32"); }
+
+  /// A file with some content, its folder included.
+  std::string placeFile(const std::string& name, const std::string& content = "x") const {
+    const std::filesystem::path path = folder / name;
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream file(path, std::ios::binary);
+    file << content;
+    if (!file.flush()) throw std::runtime_error("cannot write " + name);
+    return path;
+  }
+
+  ptrdiff_t countOf(const std::string& line) const {
+    const Lines journal = machine.journal();
+    return std::count(journal.begin(), journal.end(), line);
+  }
+
+  const std::shared_ptr<QDDeviceManager> manager = QDDeviceManager::sharedDeviceManager();
+  const std::shared_ptr<LineCollector> delegate = std::make_shared<LineCollector>();
+
+ private:
+  std::set<std::string> disks_;
+};
+
+}  // namespace vorlix::test
