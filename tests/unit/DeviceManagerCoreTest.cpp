@@ -123,7 +123,9 @@ TEST_F(DeviceManagerCoreTest, TheLogObjectIsToldNothing) {
 
 TEST_F(DeviceManagerCoreTest, ALineReachesTheDelegateUnchanged) {
   for (const std::string& line : {std::string("line"), std::string(), std::string("100 %s %@ %n\nnext\n"),
-                                  std::string("Gr\xC3\xB6\xC3\x9F" "e"), std::string(5000, 'x')}) {
+                                  std::string("Gr\xC3\xB6\xC3\x9F"
+                                              "e"),
+                                  std::string(5000, 'x')}) {
     manager->logString(line);
     EXPECT_EQ(lines().back(), line);
   }

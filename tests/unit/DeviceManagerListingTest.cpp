@@ -24,7 +24,8 @@ class DeviceManagerListingTest : public DeviceManagerTest {
   }
 };
 
-// -------------------------------------------------------------------------------------------------- which and in what order
+// -------------------------------------------------------------------------------------------------- which and in what
+// order
 
 TEST_F(DeviceManagerListingTest, WithoutMountedVolumesTheListIsEmpty) {
   EXPECT_THAT(all(), IsEmpty());
@@ -244,7 +245,7 @@ TEST_F(DeviceManagerListingTest, AVolumeWithoutAnIdentifierGetsAnotherRandomOneE
       ASSERT_TRUE(volume->volumeUUID());
       const UUID uuid = *volume->volumeUUID();
       EXPECT_EQ(std::count(seen.begin(), seen.end(), uuid), 0);
-      EXPECT_EQ(uuid.bytes()[6] >> 4, 4);      // RFC 9562: a random one
+      EXPECT_EQ(uuid.bytes()[6] >> 4, 4);  // RFC 9562: a random one
       EXPECT_EQ(uuid.bytes()[8] >> 6, 0b10);
       seen.push_back(uuid);
     }
@@ -280,7 +281,8 @@ TEST_F(DeviceManagerListingTest, EveryListHasRecordsOfItsOwn) {
   EXPECT_EQ(second->diskName(), "Data");
 }
 
-// ------------------------------------------------------------------------------------------------ names of other drivers
+// ------------------------------------------------------------------------------------------------ names of other
+// drivers
 
 TEST_F(DeviceManagerListingTest, ADriversNameOfAnNTFSVolumeIsReplacedByItsDevice) {
   mountVolumeFrom("ntfs://disk4s1/Data", "disk4s1", "Data", "ntfs");
@@ -319,7 +321,8 @@ TEST_F(DeviceManagerListingTest, ADriversNameInOtherCaseIsNone) {
   EXPECT_THAT(volumes, IsEmpty());
 }
 
-// --------------------------------------------------------------------------------------------------------- side effects
+// --------------------------------------------------------------------------------------------------------- side
+// effects
 
 TEST_F(DeviceManagerListingTest, OfTheManagersStateOnlyTheUnmountStatusIsWritten) {
   mountVolume("disk2s1", "Data", "ntfs");

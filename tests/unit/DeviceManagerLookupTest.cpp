@@ -23,7 +23,8 @@ class DeviceManagerLookupTest : public DeviceManagerTest {
   std::string path;
 };
 
-// ------------------------------------------------------------------------------------------------ whole disk of a slice
+// ------------------------------------------------------------------------------------------------ whole disk of a
+// slice
 
 TEST_F(DeviceManagerLookupTest, TheWholeDiskOfASliceStandsUnderDev) {
   OutputCapture output(STDOUT_FILENO);
@@ -228,8 +229,12 @@ TEST_F(DeviceManagerModelTest, BlanksAndZeroBytesAreTakenOutEverywhereAndNothing
 }
 
 TEST_F(DeviceManagerModelTest, LettersBeyondASCIIStay) {
-  addModel("M\xC3\xA4" "c1,1");
-  EXPECT_EQ(manager->currentModelIdentifier(), "M\xC3\xA4" "c1,1");
+  addModel(
+      "M\xC3\xA4"
+      "c1,1");
+  EXPECT_EQ(manager->currentModelIdentifier(),
+            "M\xC3\xA4"
+            "c1,1");
 }
 
 TEST_F(DeviceManagerModelTest, AnUnknownModelIsEmpty) {

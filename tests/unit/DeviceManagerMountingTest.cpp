@@ -69,15 +69,15 @@ TEST_F(DeviceManagerMountingTest, MountWithoutAWaitNeedsASession) {
   EXPECT_EQ(machine.journal(), Lines());
 }
 
-// ---------------------------------------------------------------------------------------------------- mount with a wait
+// ---------------------------------------------------------------------------------------------------- mount with a
+// wait
 
 TEST_F(DeviceManagerMountingTest, MountForReadingPassesNoArguments) {
   EXPECT_TRUE(manager->mountDiskAtDevicePath("disk2s1", false));
   EXPECT_TRUE(machine.isMounted("disk2s1"));
   EXPECT_THAT(machine.journal(), ElementsAre("session open", "mount disk2s1", kSchedule, kMountRun, kRun,
                                              kMountUnschedule, "session close"));
-  EXPECT_THAT(lines(),
-              ElementsAre("Mounting disk2s1", "More than 1 partition found!", "Mounting disk2s1 Finished"));
+  EXPECT_THAT(lines(), ElementsAre("Mounting disk2s1", "More than 1 partition found!", "Mounting disk2s1 Finished"));
   EXPECT_EQ(manager->mountStatus(), 0);
   EXPECT_TRUE(manager->didMount());
 }
@@ -186,9 +186,9 @@ TEST_F(DeviceManagerMountingTest, RecordedMountIsASuccessIfTheLowByteIsOne) {
   const struct {
     int32_t flag;
     bool success;
-  } cases[] = {{1, true},    {257, true},  {std::numeric_limits<int32_t>::min() + 1, true},
-               {-255, true}, {0, false},   {2, false},
-               {256, false}, {-1, false},  {255, false}};
+  } cases[] = {{1, true},    {257, true}, {std::numeric_limits<int32_t>::min() + 1, true},
+               {-255, true}, {0, false},  {2, false},
+               {256, false}, {-1, false}, {255, false}};
   for (const auto& one : cases) {
     other->setDidMount(false);
     other->setMountStatus(-1);
@@ -278,7 +278,8 @@ TEST_F(DeviceManagerMountingTest, RecordedUnmountIsTheLowByte) {
     int32_t flag;
     bool didUnmount;
     int32_t status;
-  } cases[] = {{1, true, 0}, {257, true, 0}, {-255, true, 0}, {0, false, 1}, {256, false, 1}, {2, true, 1}, {-1, true, 1}};
+  } cases[] = {{1, true, 0},    {257, true, 0}, {-255, true, 0}, {0, false, 1},
+               {256, false, 1}, {2, true, 1},   {-1, true, 1}};
   for (const auto& one : cases) {
     other->setDidUnmount(!one.didUnmount);
     other->setUnmountStatus(-1);

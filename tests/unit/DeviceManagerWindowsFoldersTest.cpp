@@ -1,0 +1,221 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Windows' folders on a volume, and the partition that its boot files stand on.
+#include "support/DeviceManagerFixture.h"
+
+namespace vorlix::test {
+namespace {
+
+using testing::IsEmpty;
+
+class DeviceManagerWindowsFoldersTest : public DeviceManagerTest {
+ protected:
+  DeviceManagerWindowsFoldersTest() { makeFolder("volume"); }
+
+  const std::string root = folder / "volume";
+};
+
+TEST_F(DeviceManagerWindowsFoldersTest, FoldersAndFilesAreFoundAsTheyAreSpelled) {
+  installWindows("volume");
+  placeFile("volume/sources/boot.wim");
+  EXPECT_EQ(QDDeviceManager::windowsFolderFromVolume(root), root + "/Windows");
+  EXPECT_EQ(QDDeviceManager::system32FolderFromVolume(root), root + "/Windows/System32");
+  EXPECT_EQ(QDDeviceManager::windowsSourcesFolderFromVolume(root), root + "/sources");
+  EXPECT_EQ(QDDeviceManager::bootWIMFileFromVolume(root), root + "/sources/boot.wim");
+  EXPECT_EQ(machine.journal(), Lines());
+  EXPECT_THAT(lines(), IsEmpty());
+}
+
+TEST_F(DeviceManagerWindowsFoldersTest, UpperCaseIsFoundAndKept) {
+  makeFolder("volume/WINDOWS/SYSTEM32");
+  placeFile("volume/SOURCES/BOOT.WIM");
+  EXPECT_EQ(QDDeviceManager::windowsFolderFromVolume(root), root + "/WINDOWS");
+  EXPECT_EQ(QDDeviceManager::system32FolderFromVolume(root), root + "/WINDOWS/SYSTEM32");
+  EXPECT_EQ(QDDeviceManager::windowsSourcesFolderFromVolume(root), root + "/SOURCES");
+  EXPECT_EQ(QDDeviceManager::bootWIMFileFromVolume(root), root + "/SOURCES/BOOT.WIM");
+}
+
+TEST_F(DeviceManagerWindowsFoldersTest, AFinalSlashOfTheVolumeIsNotDoubled) {
+  installWindows("volume");
+  placeFile("volume/sources/boot.wim");
+  EXPECT_EQ(QDDeviceManager::windowsFolderFromVolume(root + "/"), root + "/Windows");
+  EXPECT_EQ(QDDeviceManager::bootWIMFileFromVolume(root + "/"), root + "/sources/boot.wim");
+}
+
+TEST_F(DeviceManagerWindowsFoldersTest, OnlyTheWholeNameCounts) {
+  for (const char* name : {"Windows.old", "MyWindows", "Windows ", "System32", "sources2"}) {
+    makeFolder(std::string("volume/") + name);
+  }
+  EXPECT_EQ(QDDeviceManager::windowsFolderFromVolume(root), std::nullopt);
+  EXPECT_EQ(QDDeviceManager::system32FolderFromVolume(root), std::nullopt);
+  EXPECT_EQ(QDDeviceManager::windowsSourcesFolderFromVolume(root), std::nullopt);
+  EXPECT_EQ(QDDeviceManager::bootWIMFileFromVolume(root), std::nullopt);
+}
+
+TEST_F(DeviceManagerWindowsFoldersTest, OnlyOneLevelIsLookedAt) {
+  makeFolder("volume/sub/Windows/System32");
+  makeFolder("volume/Windows/sub/System32");
+  placeFile("volume/sources/sub/boot.wim");
+  EXPECT_EQ(QDDeviceManager::windowsFolderFromVolume(root), root + "/Windows");
+  EXPECT_EQ(QDDeviceManager::system32FolderFromVolume(root), std::nullopt);
+  EXPECT_EQ(QDDeviceManager::bootWIMFileFromVolume(root), std::nullopt);
+}
+
+TEST_F(DeviceManagerWindowsFoldersTest, OnlyNamesAreLookedAt) {
+  placeFile("volume/Windows");
+  makeFolder("volume/sources/boot.wim");
+  EXPECT_EQ(QDDeviceManager::windowsFolderFromVolume(root), root + "/Windows");
+  EXPECT_EQ(QDDeviceManager::system32FolderFromVolume(root), std::nullopt);
+  EXPECT_EQ(QDDeviceManager::bootWIMFileFromVolume(root), root + "/sources/boot.wim");
+}
+
+TEST_F(DeviceManagerWindowsFoldersTest, OfSeveralSpellingsTheFirstEntryIsTaken) {
+  for (const char* name : {"windows", "Windows", "WINDOWS", "wINDOWS", "a", "z"}) {
+    makeFolder(std::string("volume/") + name);
+  }
+  std::string first;
+  for (const auto& entry : std::filesystem::directory_iterator(root)) {
+    if (entry.path().filename().string().size() > 1) {
+      first = entry.path().filename();
+      break;
+    }
+  }
+  EXPECT_EQ(QDDeviceManager::windowsFolderFromVolume(root), root + "/" + first);
+}
+
+TEST_F(DeviceManagerWindowsFoldersTest, WhereNothingCanBeListedNothingIsFound) {
+  placeFile("file");
+  for (const std::optional<std::string>& path :
+       {std::optional<std::string>(), std::optional<std::string>(""), std::optional<std::string>(folder / "nowhere"),
+        std::optional<std::string>(folder / "file"), std::optional<std::string>(root)}) {
+    EXPECT_EQ(QDDeviceManager::windowsFolderFromVolume(path), std::nullopt);
+    EXPECT_EQ(QDDeviceManager::system32FolderFromVolume(path), std::nullopt);
+    EXPECT_EQ(QDDeviceManager::windowsSourcesFolderFromVolume(path), std::nullopt);
+    EXPECT_EQ(QDDeviceManager::bootWIMFileFromVolume(path), std::nullopt);
+  }
+}
+
+TEST_F(DeviceManagerWindowsFoldersTest, NamesThatAreNotUTF8DoNotStandInTheWay) {
+  const std::string odd = root + "/\xFF\xFEwindows";
+  std::error_code refused;
+  std::filesystem::create_directory(odd, refused);
+  if (refused) GTEST_SKIP() << "the file system takes no such name: " << refused.message();
+  installWindows("volume");
+  EXPECT_EQ(QDDeviceManager::system32FolderFromVolume(root), root + "/Windows/System32");
+}
+
+// ------------------------------------------------------------------------------------------ where the boot files are
+
+class DeviceManagerSplitBootTest : public DeviceManagerTest {
+ protected:
+  DeviceManagerSplitBootTest() {
+    for (const char* device : {"disk0s1", "disk0s2", "disk0s3", "disk1s1"}) addDevice(device);
+  }
+
+  /// A volume with a BOOT folder.
+  std::shared_ptr<QDVolume> withBoot(const std::string& device, const std::string& folderName,
+                                     const std::string& name = "System Reserved") {
+    makeFolder(folderName + "/BOOT");
+    const auto volume = makeVolume(device, folder / folderName);
+    volume->setDiskName(name);
+    return volume;
+  }
+
+  std::shared_ptr<QDVolume> plain(const std::string& device, const std::string& folderName) {
+    makeFolder(folderName);
+    const auto volume = makeVolume(device, folder / folderName);
+    volume->setDiskName(folderName);
+    return volume;
+  }
+
+  /// Expects the paths of the volume in that folder for Windows on disk0s3.
+  void expectPathsOf(const std::string& folderName, const Volumes& list) {
+    const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", list);
+    EXPECT_EQ(answer.text("bootFolderPath"), folder / (folderName + "/BOOT"));
+    EXPECT_EQ(answer.text("bootmgrPath"), folder / (folderName + "/bootmgr"));
+    EXPECT_EQ(answer.values().size(), 2U);
+  }
+};
+
+TEST_F(DeviceManagerSplitBootTest, TheReservedPartitionOfTheSameDiskIsTaken) {
+  expectPathsOf("reserved", {plain("/dev/disk0s3", "windows"), withBoot("/dev/disk0s2", "reserved"),
+                             plain("/dev/disk0s1", "last")});
+  EXPECT_THAT(lines(), IsEmpty());
+}
+
+TEST_F(DeviceManagerSplitBootTest, TheFirstReservedPartitionIsTaken) {
+  expectPathsOf("first", {withBoot("/dev/disk0s2", "first"), withBoot("/dev/disk0s1", "second")});
+}
+
+TEST_F(DeviceManagerSplitBootTest, TheDeviceMayStandWithoutItsFolder) {
+  const Volumes list = {withBoot("disk0s2", "reserved"), plain("/dev/disk0s1", "last")};
+  expectPathsOf("reserved", list);
+  EXPECT_EQ(manager->splitBootInfo("disk0s3", list).text("bootFolderPath"), folder / "reserved/BOOT");
+}
+
+TEST_F(DeviceManagerSplitBootTest, AReservedPartitionOfAnotherDiskIsNot) {
+  expectPathsOf("last", {withBoot("/dev/disk1s1", "reserved"), plain("/dev/disk0s1", "last")});
+}
+
+TEST_F(DeviceManagerSplitBootTest, AReservedPartitionWithWindowsIsNot) {
+  const auto volume = withBoot("/dev/disk0s2", "reserved");
+  volume->setHasWindows(true);
+  expectPathsOf("last", {volume, plain("/dev/disk0s1", "last")});
+}
+
+TEST_F(DeviceManagerSplitBootTest, APartitionOfAnotherNameIsNot) {
+  expectPathsOf("last", {withBoot("/dev/disk0s2", "lower", "system reserved"),
+                         withBoot("/dev/disk0s1", "longer", "System Reserved 1"), plain("/dev/disk0s3", "last")});
+}
+
+TEST_F(DeviceManagerSplitBootTest, APartitionWithoutABootFolderIsNot) {
+  const auto bare = plain("/dev/disk0s2", "bare");
+  bare->setDiskName("System Reserved");
+  const auto withFile = plain("/dev/disk0s1", "file");
+  withFile->setDiskName("System Reserved");
+  placeFile("file/BOOT");
+  expectPathsOf("last", {bare, withFile, plain("/dev/disk0s3", "last")});
+}
+
+TEST_F(DeviceManagerSplitBootTest, DevicesWithoutAWholeDiskAreNotOnTheSameOne) {
+  OutputCapture output(STDOUT_FILENO);
+  const Dictionary answer = manager->splitBootInfo(
+      "/dev/disk9s3", {withBoot("/dev/disk8s2", "reserved"), withBoot("/dev/disk0s1", "last", "last")});
+  EXPECT_EQ(output.text(), "disk NULLdisk NULL");
+  EXPECT_EQ(answer.text("bootFolderPath"), folder / "last/BOOT");
+}
+
+TEST_F(DeviceManagerSplitBootTest, TheBootManagersFileNeedNotExist) {
+  expectPathsOf("reserved", {withBoot("/dev/disk0s2", "reserved"), plain("/dev/disk0s1", "last")});
+}
+
+TEST_F(DeviceManagerSplitBootTest, WithoutAReservedPartitionThePathsAreTheLastVolumes) {
+  expectPathsOf("last", {plain("/dev/disk0s3", "windows"), plain("/dev/disk1s1", "last")});
+}
+
+TEST_F(DeviceManagerSplitBootTest, OfAnEmptyListBothPathsAreEmpty) {
+  const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", {});
+  EXPECT_EQ(answer.text("bootFolderPath"), "");
+  EXPECT_EQ(answer.text("bootmgrPath"), "");
+}
+
+TEST_F(DeviceManagerSplitBootTest, OfAVolumeWithoutAPathTheBootManagersPathIsEmpty) {
+  const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", {makeVolume("/dev/disk0s2")});
+  EXPECT_EQ(answer.text("bootmgrPath"), "");
+}
+
+TEST_F(DeviceManagerSplitBootTest, AFinalSlashOfAPathIsNotDoubled) {
+  makeFolder("last");
+  const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", {makeVolume("/dev/disk0s2", folder / "last/")});
+  EXPECT_EQ(answer.text("bootFolderPath"), folder / "last/BOOT");
+  EXPECT_EQ(answer.text("bootmgrPath"), folder / "last/bootmgr");
+}
+
+TEST_F(DeviceManagerSplitBootTest, AtTheRootOfTheSystemThereIsOneSlash) {
+  const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", {makeVolume("/dev/disk0s2", "/")});
+  EXPECT_EQ(answer.text("bootFolderPath"), "/BOOT");
+  EXPECT_EQ(answer.text("bootmgrPath"), "/bootmgr");
+}
+
+}  // namespace
+}  // namespace vorlix::test

@@ -1,0 +1,319 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Which Windows a volume holds, as the host's registry tool and the setup log tell.
+#include <map>
+
+#include "support/DeviceManagerFixture.h"
+
+namespace vorlix::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using Stream = SimulatedRun::Stream;
+
+constexpr const char* kTool = "/Host/Resources/tools/bin/registry_lookup";
+constexpr const char* kGrep = "/usr/bin/grep";
+constexpr const char* kKey = "Microsoft/Windows NT/CurrentVersion";
+
+SimulatedRun printing(const std::string& output) {
+  SimulatedRun run;
+  if (!output.empty()) run.pieces = {{Stream::output, output}};
+  return run;
+}
+
+class DeviceManagerWindowsVersionTest : public DeviceManagerTest {
+ protected:
+  DeviceManagerWindowsVersionTest() {
+    installWindows("volume");
+    machine.addResource("registry_lookup", "", kTool, "tools/bin");
+    machine.addProgram(kTool, [this](const Lines& arguments) {
+      asked.push_back(arguments);
+      const auto found = arguments.size() == 3 ? values.find(arguments[2]) : values.end();
+      return printing(found == values.end() ? "" : found->second);
+    });
+  }
+
+  Dictionary version() { return manager->versionOfWindowsFromVolume(volume); }
+
+  /// The product of a volume whose registry has that name.
+  std::string product(const std::string& name) {
+    values["ProductName"] = name;
+    return version().text("product").value_or("(none)");
+  }
+
+  /// Gives the volume a setup log in which grep finds `output`.
+  std::string setupLog(const std::string& output) {
+    machine.addProgram(kGrep, [this, output](const Lines& arguments) {
+      grepped.push_back(arguments);
+      return printing(output);
+    });
+    return placeFile("volume/Windows/Panther/setupact.log");
+  }
+
+  const std::string root = folder / "volume";
+  const std::shared_ptr<QDVolume> volume = makeVolume("/dev/disk0s3", root);
+  std::map<std::string, std::string> values;
+  std::vector<Lines> asked;
+  std::vector<Lines> grepped;
+};
+
+// ------------------------------------------------------------------------------------------------------------ registry
+
+TEST_F(DeviceManagerWindowsVersionTest, FourValuesAreLookedUpInTheVolumesHive) {
+  values = {{"ProductName", "Windows 10 Pro"},
+            {"EditionID", "Professional"},
+            {"BuildLabEx", "17763.1.amd64fre.rs5_release.180914-1434"},
+            {"CurrentBuildNumber", "17763"}};
+  const Dictionary answer = version();
+  const std::string hive = root + "/Windows/System32/config/SOFTWARE";
+  EXPECT_THAT(asked, ElementsAre(Lines{hive, kKey, "ProductName"}, Lines{hive, kKey, "EditionID"},
+                                 Lines{hive, kKey, "BuildLabEx"}, Lines{hive, kKey, "CurrentBuildNumber"}));
+  EXPECT_EQ(answer.text("product"), "Windows 10");
+  EXPECT_EQ(answer.text("edition"), "Professional");
+  EXPECT_EQ(answer.text("buildLabEx"), "17763.1.amd64fre.rs5_release.180914-1434");
+  EXPECT_EQ(answer.text("currentBuildNumber"), "17763");
+  EXPECT_FALSE(answer.contains("bootenv"));
+  EXPECT_EQ(answer.values().size(), 4U);
+  EXPECT_THAT(lines(), ElementsAre("Product: Windows 10 Pro, Edition: Professional", "Found Windows 10"));
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, NothingElseIsRun) {
+  static_cast<void>(version());
+  EXPECT_EQ(machine.journal().size(), 4U);
+  EXPECT_EQ(journalOf({"launch "}).size(), 4U);
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, TheHiveIsInTheFolderAsItIsSpelled) {
+  std::filesystem::remove_all(root);
+  makeFolder("volume/WINDOWS/SYSTEM32");
+  static_cast<void>(version());
+  ASSERT_EQ(asked.size(), 4U);
+  for (const Lines& arguments : asked) EXPECT_EQ(arguments[0], root + "/WINDOWS/SYSTEM32/config/SOFTWARE");
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, ValuesKeepTheirBlanks) {
+  values = {{"ProductName", " Windows Vista \t"}, {"EditionID", " Business "}, {"CurrentBuildNumber", "6002 "}};
+  const Dictionary answer = version();
+  EXPECT_EQ(answer.text("product"), " Windows Vista \t");
+  EXPECT_EQ(answer.text("edition"), " Business ");
+  EXPECT_EQ(answer.text("currentBuildNumber"), "6002 ");
+  EXPECT_THAT(lines(), ElementsAre("Product:  Windows Vista \t, Edition:  Business "));
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, SeveralLinesRunTogether) {
+  values = {{"ProductName", "Windows\n 10\r\n Pro\n"}, {"EditionID", "Pro\n"}};
+  const Dictionary answer = version();
+  EXPECT_EQ(answer.text("product"), "Windows 10");
+  EXPECT_EQ(answer.text("edition"), "Pro");
+  EXPECT_EQ(lines()[0], "Product: Windows 10\r Pro, Edition: Pro");
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, AToolThatPrintsNothingLeavesAllEmpty) {
+  const Dictionary answer = version();
+  for (const char* key : {"product", "edition", "buildLabEx", "currentBuildNumber"}) {
+    EXPECT_EQ(answer.text(key), "") << key;
+  }
+  EXPECT_EQ(answer.values().size(), 4U);
+  EXPECT_THAT(lines(), ElementsAre("Product: , Edition: "));
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, OutputThatIsNotUTF8IsEmpty) {
+  values = {{"ProductName", "Windows 10 \xFF"}, {"EditionID", "\xC3"}, {"BuildLabEx", "good"}};
+  const Dictionary answer = version();
+  EXPECT_EQ(answer.text("product"), "");
+  EXPECT_EQ(answer.text("edition"), "");
+  EXPECT_EQ(answer.text("buildLabEx"), "good");
+  EXPECT_THAT(lines(), ElementsAre("Product: , Edition: "));
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, AHostWithoutTheToolLeavesAllEmpty) {
+  SimulatedMachine bare;  // ships no resource
+  ScopedPlatform scope(bare.platform());
+  const Dictionary answer = version();
+  for (const char* key : {"product", "edition", "buildLabEx", "currentBuildNumber"}) {
+    EXPECT_EQ(answer.text(key), "") << key;
+  }
+  EXPECT_THAT(asked, IsEmpty());
+  ASSERT_FALSE(lines().empty());
+  EXPECT_EQ(lines().back(), "Product: , Edition: ");
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, AToolElsewhereAmongTheResourcesIsNotTaken) {
+  SimulatedMachine other;
+  other.addResource("registry_lookup", "", kTool);
+  other.addResource("registry_lookup", "sh", kTool, "tools/bin");
+  other.addProgram(kTool, printing("Windows 10"));
+  ScopedPlatform scope(other.platform());
+  EXPECT_EQ(version().text("product"), "");
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, AToolThatCannotBeLaunchedLeavesAllEmpty) {
+  SimulatedMachine other;
+  other.addResource("registry_lookup", "", "/Host/nowhere", "tools/bin");
+  ScopedPlatform scope(other.platform());
+  EXPECT_EQ(version().text("product"), "");
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, WithoutSystem32FourTextsAreEmptyAndNothingIsLogged) {
+  std::filesystem::remove_all(root);
+  placeFile("volume/sources/BOOT.WIM");
+  const Dictionary answer = version();
+  for (const char* key : {"product", "currentBuildNumber", "buildLabEx", "bootenv"}) {
+    EXPECT_EQ(answer.text(key), "") << key;
+  }
+  EXPECT_EQ(answer.values().size(), 4U);
+  EXPECT_THAT(lines(), IsEmpty());
+  EXPECT_EQ(machine.journal(), Lines());
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, AVolumeWithoutAPathHasNoSystem32) {
+  const Dictionary answer = manager->versionOfWindowsFromVolume(makeVolume("/dev/disk0s3"));
+  EXPECT_EQ(answer.text("product"), "");
+  EXPECT_FALSE(answer.contains("edition"));
+  EXPECT_THAT(lines(), IsEmpty());
+}
+
+// ----------------------------------------------------------------------------------------------------------- setup log
+
+TEST_F(DeviceManagerWindowsVersionTest, TheBootEnvironmentIsWhatFollowsThePhraseInTheSetupLog) {
+  const std::string found =
+      "2019-05-01 10:00:00, Info  IBS  Callback_BootEnvironmentDetect: Detected boot environment: ";
+  const std::string path = setupLog(found + "EFI\r\n");
+  EXPECT_EQ(version().text("bootenv"), "EFI");
+  EXPECT_EQ(path, root + "/Windows/Panther/setupact.log");
+  EXPECT_THAT(grepped, ElementsAre(Lines{"boot environment", path}));
+  // The output's line feed is gone already, its carriage return is not yet.
+  EXPECT_THAT(lines(), ElementsAre(found + "EFI\r", "Product: , Edition: "));
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, TheSetupLogIsReadAfterTheRegistry) {
+  setupLog("");
+  static_cast<void>(version());
+  const Lines launches = journalOf({"launch "});
+  ASSERT_EQ(launches.size(), 5U);
+  EXPECT_EQ(launches[4].rfind(std::string("launch ") + kGrep, 0), 0U);
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, EverythingAfterTheFirstPhraseIsTheBootEnvironment) {
+  setupLog("a Detected boot environment: BIOS\r\nb Detected boot environment: EFI\r\nc boot environment\r\n");
+  EXPECT_EQ(version().text("bootenv"), "BIOSb Detected boot environment: EFIc boot environment");
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, LinesWithoutThePhraseAreNoBootEnvironment) {
+  setupLog("Checking boot environment\r\ndetected boot environment: EFI\r\nDetected boot environment:EFI\r\n");
+  const Dictionary answer = version();
+  EXPECT_EQ(answer.text("bootenv"), "");
+  EXPECT_EQ(answer.values().size(), 5U);
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, ACarriageReturnInThePhraseDoesNotHideIt) {
+  setupLog("Detected boot\r environment: EFI");
+  EXPECT_EQ(version().text("bootenv"), "EFI");
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, ASetupLogWithoutAMatchHasAnEmptyBootEnvironment) {
+  setupLog("");
+  EXPECT_EQ(version().text("bootenv"), "");
+  EXPECT_THAT(lines(), ElementsAre("", "Product: , Edition: "));
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, ASetupLogWithAPhraseAtItsEndHasAnEmptyBootEnvironment) {
+  setupLog("Detected boot environment: ");
+  EXPECT_EQ(version().text("bootenv"), "");
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, TheSetupLogsPathIsNotSearchedInOtherCase) {
+  setupLog("Detected boot environment: EFI\r\n");
+  std::filesystem::remove_all(root);
+  makeFolder("volume/WINDOWS/System32");
+  placeFile("volume/WINDOWS/Panther/setupact.log");
+  if (std::filesystem::exists(root + "/windows/panther")) GTEST_SKIP() << "the file system does not tell case apart";
+  EXPECT_FALSE(version().contains("bootenv"));
+  EXPECT_THAT(grepped, IsEmpty());
+}
+
+// ------------------------------------------------------------------------------------------------------------- product
+
+TEST_F(DeviceManagerWindowsVersionTest, ProductsAreMappedByTheirName) {
+  const struct {
+    const char* name;
+    const char* product;
+    const char* message;  ///< null for none
+  } cases[] = {
+      {"Windows 10 Pro", "Windows 10", "Found Windows 10"},
+      {"WINDOWS 10", "Windows 10", "Found Windows 10"},
+      {"Microsoft Windows 10 Enterprise LTSC", "Windows 10", "Found Windows 10"},
+      {"Windows 8 Pro", "Windows 8+", "Found Windows 8+"},
+      {"Windows 8.1 Pro", "Windows 8+", "Found Windows 8+"},
+      {"windows 8.1", "Windows 8+", "Found Windows 8+"},
+      {"WinBlue Preview", "Windows 8+", "Found Windows 8+"},
+      {"some winblue build", "Windows 8+", "Found Windows 8+"},
+      {"Windows 7 Professional", "Windows 7", "Found Windows 7"},
+      {"WinDows 7", "Windows 7", "Found Windows 7"},
+      {"Windows 8 beside Windows 10", "Windows 10", "Found Windows 10"},
+      {"Windows 7 WinBlue", "Windows 8+", "Found Windows 8+"},
+      {"Windows 7 as well as Windows 8", "Windows 8+", "Found Windows 8+"},
+      {"Windows 11 Pro", "Windows 11 Pro", nullptr},
+      {"Windows Server 2012 R2", "Windows Server 2012 R2", nullptr},
+      {"Windows Vista (TM) Business", "Windows Vista (TM) Business", nullptr},
+      {"Microsoft Windows XP", "Microsoft Windows XP", nullptr},
+      {"Windows  10", "Windows  10", nullptr},
+      {"", "", nullptr},
+  };
+  values["EditionID"] = "E";
+  for (const auto& one : cases) {
+    delegate->lines.clear();
+    EXPECT_EQ(product(one.name), one.product) << one.name;
+    Lines expected = {std::string("Product: ") + one.name + ", Edition: E"};
+    if (one.message != nullptr) expected.emplace_back(one.message);
+    EXPECT_EQ(lines(), expected);
+  }
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, PlaceholdersInAProductsNameAreText) {
+  EXPECT_EQ(product("100%s %@ %n"), "100%s %@ %n");
+  EXPECT_THAT(lines(), ElementsAre("Product: 100%s %@ %n, Edition: "));
+}
+
+// -------------------------------------------------------------------------------------------------- Windows 8 or later
+
+TEST_F(DeviceManagerWindowsVersionTest, WindowsEightAndTenAreEightOrLater) {
+  const struct {
+    const char* name;
+    bool later;
+  } cases[] = {
+      {"Windows 10 Pro", true}, {"Windows 8.1 Pro", true},      {"WinBlue", true},          {"Windows 7 Home", false},
+      {"Windows Vista", false}, {"Windows Server 2016", false}, {"Windows 11 Home", false}, {"", false}};
+  for (const auto& one : cases) {
+    values["ProductName"] = one.name;
+    delegate->lines.clear();
+    EXPECT_EQ(manager->hasWindows8OrLaterFromVolume(volume), one.later) << one.name;
+    ASSERT_GE(lines().size(), 2U);
+    EXPECT_EQ(lines()[0], "Detecting Version of Windows");
+    EXPECT_EQ(lines()[1], std::string("Product: ") + one.name + ", Edition: ");
+  }
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, NoVolumeIsNotAndNothingIsLogged) {
+  EXPECT_FALSE(manager->hasWindows8OrLaterFromVolume(nullptr));
+  EXPECT_THAT(lines(), IsEmpty());
+  EXPECT_EQ(machine.journal(), Lines());
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, AVolumeWithoutSystem32IsNot) {
+  std::filesystem::remove_all(root);
+  EXPECT_FALSE(manager->hasWindows8OrLaterFromVolume(volume));
+  EXPECT_THAT(lines(), ElementsAre("Detecting Version of Windows"));
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, TheRecordIsNotChanged) {
+  values["ProductName"] = "Windows 10";
+  EXPECT_TRUE(manager->hasWindows8OrLaterFromVolume(volume));
+  EXPECT_FALSE(volume->hasWindows8orGreater());
+  EXPECT_EQ(volume->installedOS(), std::nullopt);
+}
+
+}  // namespace
+}  // namespace vorlix::test
