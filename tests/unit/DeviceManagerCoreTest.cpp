@@ -199,16 +199,21 @@ TEST_F(DeviceManagerCoreTest, ADelegateMayLogAgain) {
 
 TEST_F(DeviceManagerCoreTest, ADelegateMayBeReplacedByAnotherThreadAtAnyTime) {
   std::atomic<bool> done = false;
-  std::thread replacer([this, &done] {
-    while (!done) {
-      manager->setDelegate(std::make_shared<DeafDelegate>());
-      manager->setDelegate(nullptr);
+  std::atomic<int> told = 0;
+  std::thread replacer([&] {
+    for (int count = 0; count < 2000; ++count) {
+      const auto shortLived = std::make_shared<LineCollector>();
+      shortLived->onLine = [&told](const std::string& line) { told += line == "line" ? 1 : -1000000; };
+      manager->setDelegate(shortLived);
     }
+    done = true;
   });
-  for (int count = 0; count < 2000; ++count) manager->logString("line");
-  done = true;
+  int logged = 0;
+  for (; !done; ++logged) manager->logString("line");
   replacer.join();
-  EXPECT_EQ(manager->delegate(), nullptr);
+  EXPECT_EQ(manager->delegate(), nullptr);  // the last one has gone, too
+  EXPECT_GE(told, 0);
+  EXPECT_LE(told, logged);
 }
 
 TEST_F(DeviceManagerCoreTest, ALineGivenToAnotherInstanceGoesToItsOwnDelegate) {

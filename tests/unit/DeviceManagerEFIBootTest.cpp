@@ -52,8 +52,8 @@ TEST_P(DeviceManagerEFIBootListTest, APartOfANameDoesNotCount) {
 INSTANTIATE_TEST_SUITE_P(Lists, DeviceManagerEFIBootListTest,
                          testing::Values("models-xml.plist", "models-binary.plist", "mixed-xml.plist",
                                          "mixed-binary.plist"),
-                         [](const auto& info) {
-                           std::string name = info.param;
+                         [](const auto& tested) {
+                           std::string name = tested.param;
                            name = name.substr(0, name.find('.'));
                            return name.replace(name.find('-'), 1, "_");
                          });

@@ -185,7 +185,7 @@ INSTANTIATE_TEST_SUITE_P(Codes, DeviceManagerSelectionTest,
                                                     "Setting boot disk to EFI volume."},
                                                    1},
                                          Selection{5, "/dev/disk0s3", {}, 2}),
-                         [](const auto& info) { return "Code" + std::to_string(info.param.code); });
+                         [](const auto& tested) { return "Code" + std::to_string(tested.param.code); });
 
 // ------------------------------------------------------------------------------------------------------ refused
 // choices
