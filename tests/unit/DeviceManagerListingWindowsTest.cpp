@@ -222,6 +222,7 @@ TEST_F(DeviceManagerListingWindowsTest, WhatAVolumeCostsDoesNotDependOnTheirNumb
     for (; mounted < counts[round]; ++mounted) {
       const std::string number = std::to_string(mounted);
       mountVolume("disk" + number + "s1", "Volume" + number, "ntfs");
+      if (mounted % 2 == 0) installWindows("Volume" + number);  // its boot files are looked for, too
     }
     machine.clearJournal();
     ASSERT_EQ(manager->attachedDisks().size(), static_cast<size_t>(mounted));

@@ -57,6 +57,7 @@ TEST_F(DeviceManagerStartupDiskTest, AVolumeOfADiskThatCannotBeReadIsUnknown) {
 }
 
 TEST_F(DeviceManagerStartupDiskTest, AVolumeWithoutAWholeDiskIsUnknown) {
+  OutputCapture output(STDOUT_FILENO);
   EXPECT_EQ(manager->bootTypeForDisk(makeVolume("/dev/disk9s1", "/Volumes/X", "exfat")), 4U);
   EXPECT_EQ(manager->bootTypeForDisk(makeVolume(std::nullopt, "/Volumes/X", "msdos")), 4U);
   EXPECT_EQ(lines(), Lines(2, "Could not detect disk startup type"));
@@ -231,6 +232,22 @@ TEST_F(DeviceManagerStartupDiskTest, ADeviceThatIsNoPlainWordIsNotGivenToTheShel
   EXPECT_EQ(shell(), Lines());
 }
 
+TEST_F(DeviceManagerStartupDiskTest, ADeviceWithAnEmptyNameIsNotGivenToTheShell) {
+  machine.setRealUserID(0);
+  OutputCapture output(STDOUT_FILENO);
+  for (const uint32_t code : {0U, 1U, 2U, 4U, 5U}) {
+    EXPECT_FALSE(manager->selectStartupDisk(makeVolume(""), code, true)) << code;
+  }
+  EXPECT_EQ(shell(), Lines());  // the tool would take its next option for the device
+}
+
+TEST_F(DeviceManagerStartupDiskTest, WhateverTheDevicesNameAnOrdinaryUserRunsNothing) {
+  machine.addDisk("disk7; reboot", 1 << 20, 512);
+  EXPECT_TRUE(manager->selectStartupDisk(makeVolume("/dev/disk7; reboot"), 0, true));
+  EXPECT_EQ(lines().back(), kNotRoot);
+  EXPECT_EQ(shell(), Lines());
+}
+
 TEST_F(DeviceManagerStartupDiskTest, ADeviceNameThatIsAPlainWordIsGivenToTheShell) {
   machine.setRealUserID(0);
   for (const char* name : {"nvme0n1p3", "disk12s34", "mapper/vg-root_1"}) {
@@ -252,6 +269,7 @@ TEST_F(DeviceManagerStartupDiskTest, AnAbsentDeviceIsNullInTheMessageAndNotRun) 
 }
 
 TEST_F(DeviceManagerStartupDiskTest, ADeviceWithoutAWholeDiskHasNoEFISliceToRun) {
+  OutputCapture output(STDOUT_FILENO);
   machine.setRealUserID(0);
   EXPECT_FALSE(manager->selectStartupDisk(makeVolume("/dev/disk9s3"), 1, true));
   EXPECT_EQ(shell(), Lines());
