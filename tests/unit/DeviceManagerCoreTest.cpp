@@ -127,7 +127,7 @@ TEST_F(DeviceManagerCoreTest, ALineReachesTheDelegateUnchanged) {
                                               "e"),
                                   std::string(5000, 'x')}) {
     manager->logString(line);
-    EXPECT_EQ(lines().back(), line);
+    EXPECT_EQ(lastLine(), line);
   }
   EXPECT_EQ(lines().size(), 5U);
 }

@@ -126,7 +126,7 @@ TEST_F(DeviceManagerMountingTest, RefusedMountIsFalseWhateverTheDissentersStatus
     EXPECT_EQ(manager->mountStatus(), 1) << status;
     EXPECT_FALSE(manager->didMount()) << status;
   }
-  EXPECT_EQ(lines().back(), "Mounting disk2s1 Finished");
+  EXPECT_EQ(lastLine(), "Mounting disk2s1 Finished");
   EXPECT_EQ(machine.journal().back(), "session close");
 }
 

@@ -2,6 +2,7 @@
 //
 // How a volume starts, and setting the startup disk.
 #include <cerrno>
+#include <ostream>
 
 #include "support/DeviceManagerFixture.h"
 
@@ -103,6 +104,10 @@ struct Selection {
   Lines messages;      ///< after the first
   int flags;           ///< "-nextonly" with next-only wanted
 };
+
+void PrintTo(const Selection& selection, std::ostream* stream) {
+  *stream << "code " << selection.code;
+}
 
 class DeviceManagerSelectionTest : public DeviceManagerStartupDiskTest, public testing::WithParamInterface<Selection> {
  protected:
@@ -214,7 +219,7 @@ TEST_F(DeviceManagerStartupDiskTest, AnotherUserIDThanZeroIsNotRoot) {
   for (const uint32_t user : {1U, 501U, 0xFFFFFFFFU}) {
     machine.setRealUserID(user);
     EXPECT_TRUE(manager->selectStartupDisk(windows, 1, true));
-    EXPECT_EQ(lines().back(), kNotRoot);
+    EXPECT_EQ(lastLine(), kNotRoot);
   }
   EXPECT_EQ(shell(), Lines());
 }
@@ -244,7 +249,7 @@ TEST_F(DeviceManagerStartupDiskTest, ADeviceWithAnEmptyNameIsNotGivenToTheShell)
 TEST_F(DeviceManagerStartupDiskTest, WhateverTheDevicesNameAnOrdinaryUserRunsNothing) {
   machine.addDisk("disk7; reboot", 1 << 20, 512);
   EXPECT_TRUE(manager->selectStartupDisk(makeVolume("/dev/disk7; reboot"), 0, true));
-  EXPECT_EQ(lines().back(), kNotRoot);
+  EXPECT_EQ(lastLine(), kNotRoot);
   EXPECT_EQ(shell(), Lines());
 }
 
@@ -263,7 +268,7 @@ TEST_F(DeviceManagerStartupDiskTest, AnAbsentDeviceIsNullInTheMessageAndNotRun) 
   for (const uint32_t code : {0U, 1U, 2U, 4U, 5U}) {
     delegate->lines.clear();
     EXPECT_FALSE(manager->selectStartupDisk(makeVolume(std::nullopt), code, true)) << code;
-    EXPECT_EQ(lines()[0], "Setting startup disk to device (null)");
+    EXPECT_EQ(line(0), "Setting startup disk to device (null)");
   }
   EXPECT_EQ(shell(), Lines());
 }

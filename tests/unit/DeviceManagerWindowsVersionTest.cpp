@@ -107,7 +107,7 @@ TEST_F(DeviceManagerWindowsVersionTest, SeveralLinesRunTogether) {
   const Dictionary answer = version();
   EXPECT_EQ(answer.text("product"), "Windows 10");
   EXPECT_EQ(answer.text("edition"), "Pro");
-  EXPECT_EQ(lines()[0], "Product: Windows 10\r Pro, Edition: Pro");
+  EXPECT_EQ(line(0), "Product: Windows 10\r Pro, Edition: Pro");
 }
 
 TEST_F(DeviceManagerWindowsVersionTest, AToolThatPrintsNothingLeavesAllEmpty) {
@@ -136,8 +136,7 @@ TEST_F(DeviceManagerWindowsVersionTest, AHostWithoutTheToolLeavesAllEmpty) {
     EXPECT_EQ(answer.text(key), "") << key;
   }
   EXPECT_THAT(asked, IsEmpty());
-  ASSERT_FALSE(lines().empty());
-  EXPECT_EQ(lines().back(), "Product: , Edition: ");
+  EXPECT_EQ(lastLine(), "Product: , Edition: ");
 }
 
 TEST_F(DeviceManagerWindowsVersionTest, AToolElsewhereAmongTheResourcesIsNotTaken) {
@@ -290,9 +289,8 @@ TEST_F(DeviceManagerWindowsVersionTest, WindowsEightAndTenAreEightOrLater) {
     values["ProductName"] = one.name;
     delegate->lines.clear();
     EXPECT_EQ(manager->hasWindows8OrLaterFromVolume(volume), one.later) << one.name;
-    ASSERT_GE(lines().size(), 2U);
-    EXPECT_EQ(lines()[0], "Detecting Version of Windows");
-    EXPECT_EQ(lines()[1], std::string("Product: ") + one.name + ", Edition: ");
+    EXPECT_EQ(line(0), "Detecting Version of Windows");
+    EXPECT_EQ(line(1), std::string("Product: ") + one.name + ", Edition: ");
   }
 }
 

@@ -75,6 +75,10 @@ class DeviceManagerTest : public DiskTest {
 
   const Lines& lines() const { return delegate->lines; }
 
+  /// One of them, or a word that no test expects.
+  std::string line(size_t index) const { return index < lines().size() ? lines()[index] : "(no such line)"; }
+  std::string lastLine() const { return line(lines().size() - 1); }
+
   /// A slice such as "disk2s3", with its disk if that is not there yet.
   void addDevice(const std::string& slice) {
     const size_t split = slice.rfind('s');
