@@ -419,7 +419,8 @@ class Damaged(LookupTest):
         content = content_of(self.software())
         at = record_named(content, "ProductName")
         for size in 0, 4, 0xFFFFFFFF, 0x80000000, 0x7FFFFFFF, 0xFFFF0000:  # of the block
-            self.refuse(self.changed(content, {at - CELL_SIZE: size}), hives.CURRENT_VERSION, "EditionID", saying="damaged")
+            path = self.changed(content, {at - CELL_SIZE: size})
+            self.refuse(path, hives.CURRENT_VERSION, "EditionID", saying="damaged")
         # No value any more.
         self.refuse(self.changed(content, {at: 0x7878}), hives.CURRENT_VERSION, "EditionID", saying="damaged")
 
