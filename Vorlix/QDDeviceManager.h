@@ -229,8 +229,9 @@ class VORLIX_EXPORT QDDeviceManager : public vorlix::Object {
   /// `selectStartupDisk:withType:nextOnly:`.
   /// @param type      a code of BootType.
   /// @param nextOnly  only for the next start; a volume whose `isRemovable` is set is chosen for good all the same.
-  /// @return false for kBootRoot, for a code of 6 and more, and for a device whose name the shell would not take as a
-  ///         plain word, for which nothing is run; else true.
+  /// @return false for kBootRoot, for a code of 6 and more, and, if the command would be run, for a device whose name
+  /// is
+  ///         no plain word to the shell: nothing is run then. Else true.
   bool selectStartupDisk(const std::shared_ptr<QDVolume>& volume, uint32_t type, bool nextOnly);
 
   /// For the next start only. Keyword form: `selectStartupDisk:withType:`.

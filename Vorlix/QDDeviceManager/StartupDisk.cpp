@@ -28,10 +28,11 @@ std::string blessing(const std::string& device) {
   return "/usr/sbin/bless -device " + device + " -setBoot";
 }
 
-// Whether a shell takes a text as one word and nothing else. The command is run with the administrator's rights, and a
-// device's name may come from whoever named a file or a mount.
+// Whether a shell takes a text as one word and nothing else, and the tool does not take it as an option. The command is
+// run with the administrator's rights, and a device's name may come from whoever named a file or a mount.
 bool isPlainWord(const std::string& text) {
   constexpr std::string_view kPlain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+@%:=,";
+  if (text.empty() || text.front() == '-') return false;
   return text.find_first_not_of(kPlain) == std::string::npos;
 }
 

@@ -89,10 +89,9 @@ struct SimulatedState;
 /// kCFRunLoopDefaultMode", "run kCFRunLoopDefaultMode 100" (milliseconds), "mount disk0s1", "mount disk0s1 nobrowse
 /// rw", "unmount disk0s1". Registry: "registry port", "registry iterate IOService", "registry match BSD disk0s1",
 /// "registry match class IOMedia". File copies: "copy <source> <destination>". Children: "launch /bin/sh -c ls" (path
-/// and arguments), "terminate /bin/sh". Others: "check code 100 <requirement>", "system log Vorlix: <text>", "shell <command>", "list
-/// mounted volumes". These say
-/// what was asked, whether or not it was refused; a session that could not be opened and the ports' other calls leave
-/// no line.
+/// and arguments), "terminate /bin/sh". Others: "check code 100 <requirement>", "system log Vorlix: <text>", "shell
+/// <command>", "list mounted volumes". These say what was asked, whether or not it was refused; a session that could
+/// not be opened and the ports' other calls leave no line.
 ///
 /// Time does not pass: a run of the loop returns at once, whatever its limit is. A request is carried out in the run of
 /// the loop that handles it, or, without one, when its session is closed. A run of the loop that carries out no request

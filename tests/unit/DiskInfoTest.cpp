@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDDiskInfo.h>
 
-#include "support/PropertyListText.h"
 #include "support/DiskFixture.h"
+#include "support/PropertyListText.h"
 
 namespace vorlix::test {
 namespace {
