@@ -36,7 +36,8 @@ std::string textOf(const char* text) {
 // the node they name. What has no use for a device may be named after one all the same.
 dev_t deviceOf(libmnt_fs* entry, const std::string& source) {
   const dev_t number = mnt_fs_get_devno(entry);
-  const bool namesDevice = source.rfind("/dev/", 0) == 0 && mnt_fs_is_pseudofs(entry) != 1;
+  const bool isDriver = textOf(mnt_fs_get_fstype(entry)).rfind("fuse", 0) == 0;  // a pseudo file system to libmount
+  const bool namesDevice = source.rfind("/dev/", 0) == 0 && (isDriver || mnt_fs_is_pseudofs(entry) != 1);
   if (major(number) != 0 || !namesDevice) return number;
   struct stat status = {};
   const bool isDevice = stat(source.c_str(), &status) == 0 && S_ISBLK(status.st_mode);

@@ -76,7 +76,7 @@ void findPlace(const Mounts& mounts, MountedVolume& volume) {
     if (!mount->isWhole) continue;
     const Descriptor place(open(mount->path.c_str(), O_PATH | O_CLOEXEC));  // does not reach the file system itself
     if (!place) {
-      if (!volume.mountPath) volume.mountPath = mount->path;
+      if (errno == EACCES && !volume.mountPath) volume.mountPath = mount->path;
       continue;
     }
     if (mountIDOf(place.get()) != mount->id) continue;  // covered by another mount, or gone
