@@ -64,6 +64,9 @@ using DiskCompletion = std::function<void(const std::optional<Dissenter>&)>;
 
 /// A disk object: a whole disk, a slice or an image file. It is a name within its session; holding one keeps nothing
 /// open.
+///
+/// A disk may outlive its session. It still answers what it is asked; a mount or unmount is then carried out without
+/// its completion, since there is no loop to run it on.
 class Disk {
  public:
   virtual ~Disk() = default;

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The contract of platform/DiskArbitration.h, on every machine that this one can be.
+#include <Vorlix/platform/RunLoop.h>
+
+#include <chrono>
 #include <cstdlib>
 
 #include "contract/DeviceWorlds.h"
@@ -75,6 +78,52 @@ TEST_P(DiskArbitrationContract, ASessionServesManyDisks) {
     ASSERT_TRUE(description.has_value());
     ASSERT_EQ(description->integer(kDescriptionMediaBlockSize), int64_t{world_->blockSize()});
   }
+}
+
+TEST_P(DiskArbitrationContract, TakesTheDevicesFolderBeforeAPathAnyNumberOfTimes) {
+  const auto session = world_->ports().diskArbitration->createSession();
+  for (const std::string& name : {world_->disk(), world_->slice(1), world_->slice(3)}) {
+    const auto bsdName = session->diskFromBSDName(name)->bsdName();
+    std::string longer = name;
+    for (int times = 1; times <= 4; ++times) {
+      longer = "/dev/" + longer;
+      const auto disk = session->diskFromBSDName(longer);
+      ASSERT_TRUE(disk) << longer;
+      EXPECT_EQ(disk->bsdName(), bsdName) << longer;
+      EXPECT_EQ(blockSizeBy(world_->ports(), longer), int64_t{world_->blockSize()}) << longer;
+    }
+  }
+  EXPECT_FALSE(isKnown(world_->ports(), "/dev//dev/no-such-disk"));
+  EXPECT_FALSE(isKnown(world_->ports(), "/dev//dev/"));
+}
+
+TEST_P(DiskArbitrationContract, ADiskMayOutliveItsSession) {
+  auto session = world_->ports().diskArbitration->createSession();
+  const auto slice = session->diskFromBSDName(world_->slice(3));
+  const auto whole = session->diskFromBSDName(world_->disk());
+  const auto sliceName = slice->bsdName();
+  const auto wholeName = whole->bsdName();
+  session.reset();
+  EXPECT_EQ(slice->bsdName(), sliceName);
+  const auto description = slice->copyDescription();
+  ASSERT_TRUE(description.has_value());
+  EXPECT_EQ(description->integer(kDescriptionMediaBlockSize), int64_t{world_->blockSize()});
+  const auto above = slice->wholeDisk();
+  ASSERT_TRUE(above);
+  EXPECT_EQ(above->bsdName(), wholeName);
+}
+
+TEST_P(DiskArbitrationContract, ARequestToADiskThatOutlivedItsSessionHasNoCompletion) {
+  auto session = world_->ports().diskArbitration->createSession();
+  const auto loop = world_->ports().runLoops->current();
+  session->schedule(*loop, kDefaultRunLoopMode);
+  const auto slice = session->diskFromBSDName(world_->slice(3));
+  session.reset();
+  bool completed = false;
+  slice->mount({}, [&](const std::optional<Dissenter>&) { completed = true; });
+  slice->unmount([&](const std::optional<Dissenter>&) { completed = true; });
+  EXPECT_EQ(loop->run(kDefaultRunLoopMode, std::chrono::milliseconds(100)), RunLoopResult::noSources);
+  EXPECT_FALSE(completed);
 }
 
 INSTANTIATE_TEST_SUITE_P(Worlds, DiskArbitrationContract, testing::ValuesIn(allWorlds()), worldName);

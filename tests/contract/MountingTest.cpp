@@ -220,6 +220,16 @@ TEST_P(MountingContract, ARequestWithoutACompletionIsCarriedOutWhenTheSessionEnd
   EXPECT_NE(mountPath(ports_, world_->volume()), "");
 }
 
+TEST_P(MountingContract, ARequestToADiskThatOutlivedItsSessionIsCarriedOutAtOnce) {
+  auto session = ports_.diskArbitration->createSession();
+  const auto disk = session->diskFromBSDName(world_->volume());
+  session.reset();
+  disk->mount({}, nullptr);
+  EXPECT_NE(mountPath(ports_, world_->volume()), "");
+  disk->unmount(nullptr);
+  EXPECT_EQ(mountPath(ports_, world_->volume()), "");
+}
+
 TEST_P(MountingContract, NothingIsDoneBeforeTheLoopRuns) {
   const auto session = ports_.diskArbitration->createSession();
   const auto loop = ports_.runLoops->current();
