@@ -81,11 +81,22 @@ void QDTaskWrapperWithBlocks::stopProcess() {
 
 void QDTaskWrapperWithBlocks::getData(const vorlix::ReadCompletion& chunk) {
   if (chunk.data.empty()) {
-    stopProcess();
+    if (takeWaitingErrors(chunk.object)) stopProcess();
     return;
   }
   outputBlock_(textOf(chunk.data));
   readInBackground(chunk.object, &QDTaskWrapperWithBlocks::getData);
+}
+
+// What a program complains of last and the end of its output are often there to be read together, and the listening
+// ends with the latter. What standard error holds then is one piece at most, as large as a pipe is.
+bool QDTaskWrapperWithBlocks::takeWaitingErrors(const std::shared_ptr<vorlix::ChildOutput>& ended) {
+  if (!task_ || ended != task_->standardOutput() || !isObserved(ended)) return true;
+  const auto errorOutput = task_->standardError();
+  const vorlix::Data waiting = errorOutput->readAvailable();
+  if (waiting.empty()) return true;
+  getStdErr({errorOutput, waiting});
+  return isObserved(ended);
 }
 
 void QDTaskWrapperWithBlocks::getStdErr(const vorlix::ReadCompletion& chunk) {

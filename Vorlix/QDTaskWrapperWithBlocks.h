@@ -76,7 +76,7 @@ class VORLIX_EXPORT QDTaskWrapperWithBlocks : public vorlix::Object {
   void stopProcess();
 
   /// Takes a completed read of standard output (`getData:`): hands on a piece and begins the next read, or, at the end,
-  /// stops the run.
+  /// hands on what standard error holds at that moment and stops the run.
   void getData(const vorlix::ReadCompletion& chunk);
 
   /// Takes a completed read of standard error (`getStdErr:`): hands on a piece, if there is one, and begins the next
@@ -95,6 +95,8 @@ class VORLIX_EXPORT QDTaskWrapperWithBlocks : public vorlix::Object {
 
   using Handler = void (QDTaskWrapperWithBlocks::*)(const vorlix::ReadCompletion&);
 
+  /// @return whether the run is still on; the callback may have stopped it.
+  bool takeWaitingErrors(const std::shared_ptr<vorlix::ChildOutput>& ended);
   bool isObserved(const std::shared_ptr<vorlix::ChildOutput>& output) const;
   void readInBackground(const std::shared_ptr<vorlix::ChildOutput>& output, Handler handler);
 

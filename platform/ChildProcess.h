@@ -28,6 +28,9 @@ class ChildOutput {
   /// pipe's other end open any more: the child, those it started, and a handle whose child was not launched.
   virtual Data read() = 0;
 
+  /// Takes what is there to be read now, without waiting. Empty if there is nothing, for now or because of the end.
+  virtual Data readAvailable() = 0;
+
   /// Begins a read that the calling thread's run loop completes, once, while it runs in the default mode: as soon as
   /// there is something to read, with what is there, or at the end with an empty chunk. Where a read is pending, the
   /// new one takes its place.
@@ -74,7 +77,8 @@ class Child {
   virtual int32_t terminationStatus() = 0;
 
   /// Asks it to end (SIGTERM); it may do so later or not at all. Those that it started are not asked. Without a running
-  /// child this does nothing. Any thread may ask.
+  /// child this does nothing. A child whose standard output has been read to the end is about to exit as a rule, and is
+  /// given a tenth of a second for it, so that its status stays its own. Any thread may ask.
   virtual void terminate() = 0;
 };
 

@@ -32,6 +32,10 @@ constexpr int32_t kStatusLost = -1;
 // Between a child's closing its streams and the system's having its status there is a moment; so long is waited for it.
 constexpr std::chrono::milliseconds kExitGrace{10};
 
+// Many programs close standard output as the last thing that they do, to see whether all of it could be written. Until
+// they have exited after that, a signal would still end them; so long they are left alone.
+constexpr std::chrono::milliseconds kTerminationGrace{100};
+
 void require(int reason, const std::string& what) {
   if (reason != 0) throw std::system_error(reason, std::generic_category(), what);
 }
@@ -210,7 +214,9 @@ class PosixChild final : public Child {
   void terminate() override {
     const std::lock_guard guard(lock_);
     // The number of a child whose status has not been collected is not given to another process.
-    if (child_ >= 0 && !hasEnded()) kill(child_, SIGTERM);
+    if (child_ < 0 || hasEnded()) return;
+    if (output_->hasEnded() && endsWithin(kTerminationGrace)) return;
+    kill(child_, SIGTERM);
   }
 
  private:
@@ -221,8 +227,11 @@ class PosixChild final : public Child {
 
   bool endsShortly() {
     if (hasEnded()) return true;
-    if (!output_->hasEnded() || !error_->hasEnded()) return false;
-    for (auto waited = std::chrono::milliseconds(0); waited < kExitGrace; ++waited) {
+    return output_->hasEnded() && error_->hasEnded() && endsWithin(kExitGrace);
+  }
+
+  bool endsWithin(std::chrono::milliseconds time) {
+    for (auto waited = std::chrono::milliseconds(0); waited < time; ++waited) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
       if (hasEnded()) return true;
     }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "PipeOutput.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <array>
@@ -25,6 +26,11 @@ Data PipeOutput::read() {
     return {};
   }
   return Data(buffer.begin(), buffer.begin() + got);
+}
+
+Data PipeOutput::readAvailable() {
+  pollfd looked{readEnd_.get(), POLLIN, 0};
+  return poll(&looked, 1, 0) > 0 ? read() : Data();
 }
 
 void PipeOutput::readInBackground(Completion completion) {

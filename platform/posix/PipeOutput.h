@@ -3,6 +3,7 @@
 
 #include <Vorlix/platform/ChildProcess.h>
 
+#include <atomic>
 #include <memory>
 
 #include "Descriptor.h"
@@ -16,17 +17,18 @@ class PipeOutput final : public ChildOutput {
   explicit PipeOutput(Descriptor readEnd) : readEnd_(std::move(readEnd)) {}
 
   Data read() override;
+  Data readAvailable() override;
   void readInBackground(Completion completion) override;
   void cancelBackgroundRead() override;
 
-  /// Whether a read has met the end.
+  /// Whether a read has met the end. Any thread may ask.
   bool hasEnded() const { return ended_; }
 
  private:
   void complete();
 
   Descriptor readEnd_;
-  bool ended_ = false;
+  std::atomic<bool> ended_ = false;
   Completion completion_;
   std::unique_ptr<LoopSource> source_;  // of the pending read; it ends before the descriptor does
 };

@@ -54,6 +54,8 @@ class SimulatedOutput final : public ChildOutput {
     return {};
   }
 
+  Data readAvailable() override { return nextPiece() != task_->run.pieces.end() ? read() : Data(); }
+
   void readInBackground(Completion completion) override {
     cancelBackgroundRead();
     const auto isReady = [this] { return nextPiece() != task_->run.pieces.end() || (hasEnded() && !endRead_); };

@@ -89,6 +89,18 @@ TEST_P(ChildProcessContract, TheEndStaysTheEnd) {
   EXPECT_THAT(output->read(), IsEmpty());
 }
 
+TEST_P(ChildProcessContract, WhatIsAvailableIsTakenWithoutWaiting) {
+  const auto child = launch(behaviour(CHILD_STAY, {"ready", "60000"}));
+  const auto output = child->standardOutput();
+  EXPECT_THAT(child->standardError()->readAvailable(), IsEmpty());
+  std::string taken;
+  ASSERT_TRUE(comesTrue([&] { return (taken += textOf(output->readAvailable())) == "ready"; }));
+  EXPECT_THAT(output->readAvailable(), IsEmpty());
+  child->terminate();
+  EXPECT_THAT(output->read(), IsEmpty());
+  EXPECT_THAT(output->readAvailable(), IsEmpty());
+}
+
 TEST_P(ChildProcessContract, TheStatusIsTheProgramsOwn) {
   const auto child = launch(behaviour(CHILD_PRINT, {"x", "", "3"}));
   everythingFrom(*child->standardOutput());

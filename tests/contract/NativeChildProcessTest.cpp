@@ -165,6 +165,22 @@ TEST_F(NativeChildProcess, AStatusThatTheHostTookIsLost) {
   EXPECT_EQ(child->terminationStatus(), -1);
 }
 
+TEST_F(NativeChildProcess, AChildThatIsAboutToExitIsNotEndedByASignal) {
+  const auto child = launch(behaviour(CHILD_SLOW_EXIT, {"30", "7"}));
+  EXPECT_THAT(child->standardOutput()->read(), IsEmpty());
+  child->terminate();
+  ASSERT_TRUE(comesTrue([&] { return !child->isRunning(); }));
+  EXPECT_EQ(child->terminationStatus(), 7);
+}
+
+TEST_F(NativeChildProcess, AChildThatGoesOnWithoutItsOutputIsEndedAllTheSame) {
+  const auto child = launch(behaviour(CHILD_SLOW_EXIT, {"60000", "7"}));
+  EXPECT_THAT(child->standardOutput()->read(), IsEmpty());
+  child->terminate();
+  ASSERT_TRUE(comesTrue([&] { return !child->isRunning(); }));
+  EXPECT_EQ(child->terminationStatus(), SIGTERM);
+}
+
 TEST_F(NativeChildProcess, OnlyTheChildIsAskedToEnd) {
   const auto child = platform().childProcess->create(ChildOutputs::shared, ChildInput::pipe);
   child->launch("/bin/sh", {"-c", "(sleep 0.5; echo survived) & echo ready; wait"});

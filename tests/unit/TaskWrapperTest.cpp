@@ -116,9 +116,9 @@ TEST_F(TaskWrapperTest, EachReadingOfTheLoopDeliversAtMostOnePiece) {
   run.wrapper->startProcess();
   const auto loop = platform().runLoops->current();
   while (run.count("end") == 0) {
-    const size_t before = run.events.size();
+    const size_t before = run.output.size() + run.error.size();
     ASSERT_NE(loop->run(kDefaultRunLoopMode, milliseconds(60000)), RunLoopResult::timedOut);
-    ASSERT_LE(run.events.size(), before + 1);
+    ASSERT_LE(run.output.size() + run.error.size(), before + 1);
   }
 }
 
@@ -138,6 +138,60 @@ TEST_F(TaskWrapperTest, AProgramThatWritesOnlyErrorsEndsWithItsOutput) {
   EXPECT_THAT(run.events, ElementsAre("start", "error", "end"));
   EXPECT_THAT(run.error, ElementsAre("wrong\n"));
   EXPECT_THAT(run.output, IsEmpty());
+}
+
+TEST_F(TaskWrapperTest, WhatStandardErrorHoldsWhenTheOutputEndsIsDelivered) {
+  Recorded run(childCommand(CHILD_PRINT, {"", "wrong"}));
+  run.wrapper->startProcess();
+  ASSERT_TRUE(comesTrue(hasZombie)) << "the error and both ends are there to be read";
+  ASSERT_TRUE(run.runToEnd());
+  EXPECT_THAT(run.events, ElementsAre("start", "error", "end"));
+  EXPECT_THAT(run.error, ElementsAre("wrong"));
+}
+
+TEST_F(TaskWrapperTest, AFullPipeOfErrorsIsDeliveredWhenTheOutputEnds) {
+  constexpr size_t kHeldByAPipe = 64 * 1024;
+  const std::string count = std::to_string(kHeldByAPipe);
+  Recorded run({"/bin/sh", "-c", "head -c " + count + " /dev/zero | tr '\\0' e >&2"});
+  run.wrapper->startProcess();
+  ASSERT_TRUE(comesTrue(hasZombie));
+  ASSERT_TRUE(run.runToEnd());
+  EXPECT_EQ(joined(run.error), std::string(kHeldByAPipe, 'e'));
+}
+
+TEST_F(TaskWrapperTest, BothStreamsOfAFloodAreComplete) {
+  constexpr size_t kCount = size_t{64} << 20;
+  size_t output = 0;
+  size_t error = 0;
+  bool ended = false;
+  const auto adder = [](size_t& sum) {
+    return [&sum](const std::optional<std::string>& text) { sum += text.value_or("").size(); };
+  };
+  const auto wrapper =
+      QDTaskWrapperWithBlocks::initWithStartBlock([] {}, [&] { ended = true; }, adder(output), adder(error),
+                                                  listOf(childCommand(CHILD_FLOOD, {std::to_string(kCount)})));
+  wrapper->startProcess();
+  ASSERT_TRUE(runUntil([&] { return ended; }));
+  EXPECT_EQ(output, kCount);
+  EXPECT_EQ(error, kCount);
+}
+
+TEST_F(TaskWrapperTest, StoppingFromTheLastErrorsCallbackEndsOnce) {
+  Recorded run(childCommand(CHILD_PRINT, {"", "wrong"}));
+  run.onError = [&] { run.wrapper->stopProcess(); };
+  run.wrapper->startProcess();
+  ASSERT_TRUE(comesTrue(hasZombie));
+  ASSERT_TRUE(run.runToEnd());
+  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources);
+  EXPECT_THAT(run.events, ElementsAre("start", "error", "end"));
+}
+
+TEST_F(TaskWrapperTest, AProgramThatClosesItsOutputJustBeforeItExitsKeepsItsStatus) {
+  Recorded run({"/bin/sh", "-c", "echo x; exec >&- 2>&-; sleep 0.02; exit 3"});
+  run.wrapper->startProcess();
+  ASSERT_TRUE(run.runToEnd());
+  EXPECT_EQ(run.wrapper->terminationStatus(), 3);
+  EXPECT_THAT(pauses, IsEmpty()) << "it has ended";
 }
 
 TEST_F(TaskWrapperTest, TheEndOfStandardErrorDoesNotEndTheRun) {
