@@ -55,6 +55,14 @@ std::string bsdNameOf(const std::string& device) {
   return *name;
 }
 
+std::string wholeDiskNameOf(const std::string& device) {
+  const SessionAndDisk opened = openDisk(device);
+  const std::shared_ptr<Disk> whole = opened.disk->wholeDisk();
+  const std::optional<std::string> name = whole ? whole->bsdName() : std::nullopt;
+  if (!name) throw Failure(device, "the device is on no known disk");
+  return *name;
+}
+
 std::optional<std::string> mountPointOf(const std::string& device) {
   const SessionAndDisk opened = openDisk(device);
   const std::optional<Dictionary> description = opened.disk->copyDescription();

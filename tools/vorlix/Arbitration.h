@@ -15,6 +15,10 @@ namespace vorlix::tool {
 /// image file and its slice. Throws Failure for an unknown device.
 std::string bsdNameOf(const std::string& device);
 
+/// The name of the whole disk that a device is a slice of, or its own if it is whole. Throws Failure for an unknown
+/// one.
+std::string wholeDiskNameOf(const std::string& device);
+
 /// Where the device's volume is mounted.
 std::optional<std::string> mountPointOf(const std::string& device);
 

@@ -49,6 +49,7 @@ Json volumeJson(const QDVolume& volume) {
       {"totalSize", textJson(volume.totalSize())},
       {"freeSpace", textJson(volume.freeSpace())},
       {"fileSystemType", textJson(volume.fileSystemType())},
+      {"volumeType", textJson(volume.volumeType())},
       {"usageDescription", usage ? Json(usage->string()) : Json()},
       {"partitionID", partition ? Json(*partition) : Json()},
       {"info", info ? Json(*info) : Json()},
@@ -113,6 +114,10 @@ void addArchiveCommand(CLI::App& app, int& status) {
   CLI::App* const show = archive->add_subcommand("show", "Show the record that an archive holds");
   show->add_option("FILE", options->file, "The archive")->required();
   show->add_flag("--json", options->json, "Print JSON (schema version 1)");
+  show->footer(
+      "An archive is the binary property list that QDVolume and QDDiskInfo records are handed on in. Of a hostile one\n"
+      "nothing is taken but these records' own fields. Passwords are never shown: records do not take them back.\n"
+      "Exit status: 0 shown, 2 error.");
   show->callback([options, &status] {
     showArchive(options->file, options->json);
     status = kDone;

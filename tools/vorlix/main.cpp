@@ -27,7 +27,8 @@ int main(int argc, char** argv) {
   addBootStoreCommand(app, status);
   addBootRecordCommands(app, status);
   addLegacyBootCommand(app, status);
-  addRunCommands(app, status);
+  addRunCommand(app, status);
+  addImageSizeCommand(app, status);
   addArchiveCommand(app, status);
   addProbeCommands(app, status);
   addListCommands(app, status);

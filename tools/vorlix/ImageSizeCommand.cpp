@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/NSNumber+HumanReadable.h>
+#include <Vorlix/QDVolume.h>
+#include <Vorlix/QDVolume/SizeMeasurement.h>
+#include <Vorlix/foundation/NotificationCenter.h>
+#include <Vorlix/platform/HostBundle.h>
+#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/RunLoop.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "Commands.h"
+#include "Failure.h"
+#include "LibraryLog.h"
+#include "Text.h"
+
+namespace vorlix::tool {
+namespace {
+
+constexpr std::chrono::milliseconds kStep{100};
+constexpr const char* kUntouched = "nothing was run";
+
+// A bar that moves while something of unknown length goes on, on a terminal only.
+class ActivityBar {
+ public:
+  ActivityBar() : shown_(isatty(STDERR_FILENO) == 1), start_(std::chrono::steady_clock::now()) {}
+  ~ActivityBar() {
+    if (shown_) std::fprintf(stderr, "\r\033[K");
+  }
+  ActivityBar(const ActivityBar&) = delete;
+  ActivityBar& operator=(const ActivityBar&) = delete;
+
+  void move() {
+    if (!shown_) return;
+    constexpr size_t kWidth = 30;
+    constexpr size_t kBlock = 6;
+    const auto elapsed = std::chrono::steady_clock::now() - start_;
+    const auto steps = static_cast<size_t>(elapsed / kStep);
+    const size_t turn = steps % (2 * (kWidth - kBlock));
+    const size_t place = turn < kWidth - kBlock ? turn : 2 * (kWidth - kBlock) - turn;
+    std::string bar(kWidth, ' ');
+    bar.replace(place, kBlock, kBlock, '=');
+    std::fprintf(stderr, "\r[%s] %llds", bar.c_str(),
+                 static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(elapsed).count()));
+  }
+
+ private:
+  bool shown_;
+  std::chrono::steady_clock::time_point start_;
+};
+
+void requireReadableFile(const std::string& file) {
+  std::error_code error;
+  const auto status = std::filesystem::status(file, error);
+  if (status.type() == std::filesystem::file_type::not_found) throw Failure(file, std::strerror(ENOENT), kUntouched);
+  if (error) throw Failure(file, error.message(), kUntouched);
+  if (!std::filesystem::is_regular_file(status)) throw Failure(file, "not a regular file", kUntouched);
+  if (!std::ifstream(file)) throw Failure(file, std::strerror(errno), kUntouched);
+}
+
+// The library hands paths to a shell between double quotes, within which these keep a meaning: what such a name says
+// would be run.
+void requireHarmlessToTheShell(const std::string& path) {
+  if (path.find_first_of("\"$`\\") == std::string::npos) return;
+  throw Failure(path,
+                "cannot be measured under a path that holds \", $, ` or \\, which the shell would not take as it is",
+                kUntouched);
+}
+
+// unzip takes the archive's name, but not that of its folder, for a pattern and unpacks every file that matches.
+void requireNoPattern(const std::string& file) {
+  if (std::filesystem::path(file).filename().string().find_first_of("*?[") == std::string::npos) return;
+  throw Failure(file, "cannot be measured under a name that holds *, ? or [, which unzip takes for a pattern",
+                kUntouched);
+}
+
+void requireUnzip() {
+  const auto unzip = platform().hostBundle->pathForResource("unzip", "", "");
+  if (!unzip) throw Failure("unzip", "needed for .zip images, but not among the resources of vorlix", kUntouched);
+  requireHarmlessToTheShell(*unzip);
+}
+
+// A name that starts with a dash would be an option to the programs that unpack.
+std::string unmistakable(const std::string& file) {
+  return file.starts_with('-') ? "./" + file : file;
+}
+
+std::string sizeInWords(long long size) {
+  constexpr long long kSmallestUnit = 1000;
+  const std::string bytes = std::to_string(size) + " bytes";
+  if (size < kSmallestUnit) return bytes;
+  return bytes + " (" + stringWithHumanReadableInt(Number::numberWithLongLong(size)) + ")";
+}
+
+void measureImage(const std::string& file) {
+  requireReadableFile(file);
+  const std::string_view extension = pathExtension(file);
+  if (extension != "gz" && extension != "zip") {
+    throw Failure(file, "only images whose names end in .gz or .zip are measured", kUntouched);
+  }
+  requireHarmlessToTheShell(file);
+  if (extension == "zip") {
+    requireNoPattern(file);
+    requireUnzip();
+  }
+
+  const LibraryLog log;
+  const auto volume = QDVolume::init();
+  volume->setFilePath(unmistakable(file));
+  const auto token = NotificationCenter::defaultCenter().addObserver(
+      kDisksChangedNotification, volume.get(), [&](const Notification&) {
+        if (volume->totalSize() == "-1") std::fprintf(stderr, "measuring %s\n", printable(file).c_str());
+      });
+  volume->updateSize();
+  {
+    ActivityBar bar;
+    const std::shared_ptr<RunLoop> loop = platform().runLoops->current();
+    while (volume->wrapperArray() && !volume->wrapperArray()->empty()) {
+      loop->run(kDefaultRunLoopMode, kStep);
+      bar.move();
+    }
+  }
+  NotificationCenter::defaultCenter().removeObserver(token);
+
+  const std::string count = volume->totalSize().value_or("");
+  constexpr int kDecimal = 10;
+  const long long size = std::strtoll(count.c_str(), nullptr, kDecimal);
+  // What the unpacking programs complain of only reaches the log; the count is of what came before.
+  if (log.text() != count + "\n") {
+    log.print();
+    throw Failure(file, "was not unpacked without complaint", std::to_string(size) + " bytes came out of it");
+  }
+  std::printf("%s\n", sizeInWords(size).c_str());
+}
+
+}  // namespace
+
+void addImageSizeCommand(CLI::App& app, int& status) {
+  const auto file = std::make_shared<std::string>();
+  CLI::App* const size = app.add_subcommand("image-size", "Measure the unpacked size of a .gz or .zip disk image");
+  size->add_option("FILE", *file, "The image, its name ending in .gz or .zip")->required();
+  size->footer(
+      "The image is unpacked into nothing, by gunzip or by the unzip among vorlix's resources, and nothing is "
+      "written.\n"
+      "On a terminal a bar moves meanwhile. Paths that a shell would not take as they are, are refused.\n"
+      "Exit status: 0 measured, 2 error or a complaint of the unpacking program, which is shown.\n"
+      "The library's log is /tmp/quandrel.log.");
+  size->callback([file, &status] {
+    measureImage(*file);
+    status = kDone;
+  });
+}
+
+}  // namespace vorlix::tool
