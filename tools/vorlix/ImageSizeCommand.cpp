@@ -63,7 +63,6 @@ class ActivityBar {
 void requireReadableFile(const std::string& file) {
   std::error_code error;
   const auto status = std::filesystem::status(file, error);
-  if (status.type() == std::filesystem::file_type::not_found) throw Failure(file, std::strerror(ENOENT), kUntouched);
   if (error) throw Failure(file, error.message(), kUntouched);
   if (!std::filesystem::is_regular_file(status)) throw Failure(file, "not a regular file", kUntouched);
   if (!std::ifstream(file)) throw Failure(file, std::strerror(errno), kUntouched);
