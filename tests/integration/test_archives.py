@@ -210,7 +210,7 @@ class Fixtures(Archives):
     def test_the_fixtures_are_read(self):
         expected = {"QDVolume-full-1.archive": DECODED, "QDVolume-empty-1.archive": EMPTY,
                     "QDVolume-copy-1.archive": DECODED, "QDVolume-python-1.archive": DECODED}
-        self.assertEqual({path.name for path in DATA.glob("*.archive")}, set(expected))
+        self.assertEqual({path.name for path in DATA.glob("QDVolume-*.archive")}, set(expected))
         for name, fields in expected.items():
             with self.subTest(name):
                 self.assertEqual(self.decode((DATA / name).read_bytes()), fields)

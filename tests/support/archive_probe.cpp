@@ -1,20 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Writes and reads archives of volume records for tests in other languages.
+// Writes and reads archives of records for tests in other languages.
 //
-//     archive_probe encode FILE [copy]   a record from JSON on standard input, or a copy of it
-//     archive_probe decode FILE          JSON of the record on standard output; status 1 if there is none
+//     archive_probe encode FILE [copy]   a volume record from JSON on standard input, or a copy of it
+//     archive_probe encode-info FILE     a disk record from JSON on standard input
+//     archive_probe decode FILE          JSON of the volume record on standard output; status 1 if there is none
 //
 // JSON: an absent field is left out; bytes are {"hex": "..."}; styled text is a list of
 // {"text": ..., "attributes": {name: text | number | truth value | {"hex": ...} | {"uuid": ...} | {"path": ...} |
 // {...}}}.
+#include <Vorlix/QDDiskInfo.h>
 #include <Vorlix/QDVolume.h>
+#include <Vorlix/platform/DiskArbitration.h>
 
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -182,10 +186,21 @@ JSON jsonOf(const QDVolume& volume) {
   return json;
 }
 
-int encode(const std::string& path, bool copied) {
-  std::shared_ptr<QDVolume> volume = recordOf(JSON::parse(std::cin));
-  if (copied) volume = volume->copyWithZone();
-  const vorlix::Data archive = vorlix::KeyedArchiver::archivedDataWithRootObject(volume);
+std::shared_ptr<QDDiskInfo> infoOf(const JSON& json) {
+  const std::pair<const char*, const char*> keys[] = {
+      {VolumeKindKey, vorlix::kDescriptionVolumeKind}, {VolumeMountableKey, vorlix::kDescriptionVolumeMountable},
+      {VolumeNameKey, vorlix::kDescriptionVolumeName}, {VolumePathKey, vorlix::kDescriptionVolumePath},
+      {VolumeTypeKey, vorlix::kDescriptionVolumeType}, {VolumeUUIDKey, vorlix::kDescriptionVolumeUUID},
+  };
+  vorlix::Dictionary description;
+  for (const auto& [name, key] : keys) {
+    if (json.contains(name)) description.set(key, valueOf(json[name]));
+  }
+  return QDDiskInfo::initWithDiskArbitrationInfo(description);
+}
+
+int encode(const std::string& path, const std::shared_ptr<const vorlix::Coding>& record) {
+  const vorlix::Data archive = vorlix::KeyedArchiver::archivedDataWithRootObject(record);
   std::ofstream file(path, std::ios::binary);
   file.write(reinterpret_cast<const char*>(archive.data()), static_cast<std::streamsize>(archive.size()));
   file.close();
@@ -207,9 +222,14 @@ int decode(const std::string& path) {
 
 int main(int argc, char** argv) try {
   const std::string command = argc > 2 ? argv[1] : "";
-  if (command == "encode") return encode(argv[2], argc > 3 && std::string(argv[3]) == "copy");
+  if (command == "encode") {
+    const std::shared_ptr<QDVolume> volume = recordOf(JSON::parse(std::cin));
+    return encode(argv[2], argc > 3 && std::string(argv[3]) == "copy" ? volume->copyWithZone() : volume);
+  }
+  if (command == "encode-info") return encode(argv[2], infoOf(JSON::parse(std::cin)));
   if (command == "decode") return decode(argv[2]);
-  throw std::invalid_argument("archive_probe encode FILE [copy] | archive_probe decode FILE");
+  throw std::invalid_argument(
+      "archive_probe encode FILE [copy] | archive_probe encode-info FILE | archive_probe decode FILE");
 } catch (const std::exception& error) {
   std::cerr << error.what() << '\n';
   return 2;

@@ -199,6 +199,8 @@ class Reader:
         self.check(set(members) == {"NS.objects"}, "an array")
         return [self.value(item) for item in members["NS.objects"]]
 
+    read_NSArray = read_NSMutableArray
+
     def read_NSAttributedString(self, members):
         text = self.value(members["NSString"])
         length = len(text.encode("utf-16-le")) // 2
@@ -212,7 +214,7 @@ class Reader:
         numbers = [0]
         shift = 0
         info = self.value(members["NSAttributeInfo"])
-        for byte in info.value:
+        for byte in info.value if isinstance(info, Growable) else info:
             numbers[-1] |= (byte & 0x7F) << shift
             shift += 7
             if byte < 0x80:
