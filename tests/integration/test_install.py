@@ -40,19 +40,15 @@ def without_comments(text):
 
 def declared_names(header):
     """Names that a header marks as exported, with the C++ ones qualified."""
-    text = without_comments(header.read_text())
-    qualifier = "vorlix::" if re.search(r"^namespace vorlix \{", text, re.MULTILINE) else ""
-    names = set()
-    for declaration in re.findall(r"^VORLIX_EXPORT([^;]*);", text, re.MULTILINE):
-        names.add(qualifier + re.search(r"(\w+)\s*(?:\(|\[|$)", declaration).group(1))
+    qualifier, names = "", set()
+    for line in without_comments(header.read_text()).splitlines():
+        if line.startswith("namespace vorlix {"):
+            qualifier = "vorlix::"
+        elif line.rstrip() == "}":
+            qualifier = ""
+        elif found := re.match(r"class VORLIX_EXPORT (\w+)", line):
+            names.add(qualifier + found.group(1))
     return names
-
-
-def exported_classes(header):
-    """Classes that a header marks as exported, qualified."""
-    text = without_comments(header.read_text())
-    qualifier = "vorlix::" if re.search(r"^namespace vorlix \{", text, re.MULTILINE) else ""
-    return {qualifier + name for name in re.findall(r"^class VORLIX_EXPORT (\w+)", text, re.MULTILINE)}
 
 
 def belongs_to(name, class_name):
