@@ -1,29 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # The library, compiled once and offered as a shared and as a static one, and the simulated machine for hosts' tests.
 
-# The record of a volume, and what it takes to archive it.
-set(VORLIX_RECORD_SOURCES
-    Vorlix/NSNumber+HumanReadable.cpp
-    Vorlix/QDVolume.cpp
-    Vorlix/QDVolume/Archive.cpp
-    Vorlix/QDVolume/Fields.cpp
-    Vorlix/QDVolume/SizeMeasurement.cpp
-    foundation/AttributedString.cpp
-    foundation/Base64.cpp
-    foundation/FileManager.cpp
-    foundation/KeyedArchive/Archiver.cpp
-    foundation/KeyedArchive/Format.cpp
-    foundation/KeyedArchive/PropertyList.cpp
-    foundation/KeyedArchive/Unarchiver.cpp
-    foundation/NotificationCenter.cpp
-    foundation/PropertyListFile.cpp
-    foundation/Utf8.cpp)
-if(APPLE)
-  list(APPEND VORLIX_RECORD_SOURCES platform/macos/HostBundle.cpp)
-else()
-  list(APPEND VORLIX_RECORD_SOURCES platform/linux/HostBundle.cpp)
-endif()
-
 set(VORLIX_SOURCES
     Vorlix/QDSDiskFunctions/DeviceStreams.cpp
     Vorlix/QDSDiskFunctions/HybridMBR.cpp
@@ -40,6 +17,29 @@ set(VORLIX_SOURCES
     platform/posix/PipeOutput.cpp
     platform/posix/Shell.cpp
     platform/posix/UserIdentity.cpp)
+
+# The record of a volume, and what it takes to archive it.
+list(APPEND VORLIX_SOURCES
+     Vorlix/NSNumber+HumanReadable.cpp
+     Vorlix/QDVolume.cpp
+     Vorlix/QDVolume/Archive.cpp
+     Vorlix/QDVolume/Fields.cpp
+     Vorlix/QDVolume/SizeMeasurement.cpp
+     foundation/AttributedString.cpp
+     foundation/Base64.cpp
+     foundation/FileManager.cpp
+     foundation/KeyedArchive/Archiver.cpp
+     foundation/KeyedArchive/Format.cpp
+     foundation/KeyedArchive/PropertyList.cpp
+     foundation/KeyedArchive/Unarchiver.cpp
+     foundation/NotificationCenter.cpp
+     foundation/PropertyListFile.cpp
+     foundation/Utf8.cpp)
+if(APPLE)
+  list(APPEND VORLIX_SOURCES platform/macos/HostBundle.cpp)
+else()
+  list(APPEND VORLIX_SOURCES platform/linux/HostBundle.cpp)
+endif()
 
 # Programs that are run.
 list(APPEND VORLIX_SOURCES
@@ -188,7 +188,7 @@ target_include_directories(vorlix_headers INTERFACE
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 target_compile_features(vorlix_headers INTERFACE cxx_std_20)
 
-add_library(vorlix_objects OBJECT ${VORLIX_SOURCES} ${VORLIX_RECORD_SOURCES})
+add_library(vorlix_objects OBJECT ${VORLIX_SOURCES})
 target_link_libraries(vorlix_objects PUBLIC vorlix_headers ${VORLIX_SYSTEM_LIBRARIES})
 target_include_directories(vorlix_objects SYSTEM PRIVATE ${VORLIX_SYSTEM_INCLUDES})
 target_compile_definitions(vorlix_objects PRIVATE
