@@ -2,6 +2,8 @@
 //
 // Mounted volumes: all, those that fit, the built-in Windows.
 #include <Vorlix/QDDeviceManager.h>
+#include <Vorlix/foundation/LogReceiver.h>
+#include <Vorlix/foundation/Object.h>
 
 #include <cstdio>
 #include <memory>
@@ -9,6 +11,7 @@
 
 #include "Commands.h"
 #include "Failure.h"
+#include "Text.h"
 #include "Volumes.h"
 
 namespace vorlix::tool {
@@ -32,6 +35,13 @@ void print(const nlohmann::ordered_json& json) {
   std::printf("%s\n", json.dump(kIndent, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
 }
 
+const char* nothingText(const ListOptions& options) {
+  if (options.windowsOnly && options.all) return "no volume with Windows or its installer is mounted";
+  if (options.windowsOnly) return "no FAT, exFAT or NTFS volume with Windows or its installer is mounted";
+  if (options.all) return "no volume of a disk is mounted";
+  return "no FAT, exFAT or NTFS volume is mounted; --all shows every kind";
+}
+
 void listVolumes(const ListOptions& options) {
   Volumes all;
   Volumes shown;
@@ -48,15 +58,17 @@ void listVolumes(const ListOptions& options) {
     for (const auto& volume : shown) array.push_back(volumeJson(*volume, all));
     print(array);
   } else if (shown.empty()) {
-    std::printf("%s\n",
-                options.all ? "no volume of a disk is mounted" : "no such volume is mounted; --all shows every kind");
+    std::printf("%s\n", nothingText(options));
   } else {
     std::fputs(volumeTable(shown, all).c_str(), stdout);
   }
 }
 
 int showFound(const std::shared_ptr<QDVolume>& volume, bool json) {
-  if (!volume) return kChangeNeeded;
+  if (!volume) {
+    if (json) print(nullptr);
+    return kChangeNeeded;
+  }
   Volumes all;
   {
     const QuietLibrary quiet;
@@ -70,6 +82,16 @@ int showFound(const std::shared_ptr<QDVolume>& volume, bool json) {
   return kDone;
 }
 
+// The library compares devices with the texts of its list, which other names of the same device are not.
+std::string listedNode(const std::string& node) {
+  try {
+    const auto volume = mountedVolume(node, QDDeviceManager::sharedDeviceManager()->attachedDisks());
+    return volume ? volume->device().value_or(node) : node;
+  } catch (const Failure&) {
+    return node;
+  }
+}
+
 int findVolume(const FindOptions& options) {
   const auto manager = QDDeviceManager::sharedDeviceManager();
   std::shared_ptr<QDVolume> volume;
@@ -79,34 +101,49 @@ int findVolume(const FindOptions& options) {
     if (!options.mediaUUID.empty()) {
       const auto uuid = UUID::fromText(options.mediaUUID);
       if (!uuid) throw Failure(options.mediaUUID, "not an identifier of the form 8-4-4-4-12", "nothing was looked up");
-      what = "partition " + uuid->text();
-      volume = options.node.empty() ? manager->volumeWithMediaUUID(*uuid)
-                                    : manager->volumeWithMediaUUID(*uuid, URL::fileURLWithPath(options.node));
+      what = "partition " + uuid->text() + (options.node.empty() ? "" : " on device " + options.node);
+      volume = options.node.empty()
+                   ? manager->volumeWithMediaUUID(*uuid)
+                   : manager->volumeWithMediaUUID(*uuid, URL::fileURLWithPath(listedNode(options.node)));
     } else if (!options.node.empty()) {
       what = "device " + options.node;
-      volume = manager->volumeForNode(options.node);
+      volume = manager->volumeForNode(listedNode(options.node));
     } else {
       what = "label " + options.label;
       volume = manager->volumeForLabel(options.label);
     }
   }
-  if (!volume) std::fprintf(stderr, "vorlix: no FAT, exFAT or NTFS volume with %s is mounted\n", what.c_str());
+  if (!volume)
+    std::fprintf(stderr, "vorlix: no FAT, exFAT or NTFS volume with %s is mounted\n", printable(what).c_str());
   return showFound(volume, options.json);
 }
 
+// Hears why there is no answer: none, and more than one, are both no volume.
+class CandidateLog final : public Object, public LogReceiver {
+ public:
+  void log(const std::string& line) override {
+    if (line == "More than 1 partition found!") foundSeveral_ = true;
+  }
+
+  bool foundSeveral() const { return foundSeveral_; }
+
+ private:
+  bool foundSeveral_ = false;
+};
+
 int showBootCamp(bool json) {
   std::shared_ptr<QDVolume> volume;
-  int32_t count = 0;
+  const auto log = std::make_shared<CandidateLog>();
   {
     const QuietLibrary quiet;
     const auto manager = QDDeviceManager::sharedDeviceManager();
+    manager->setDelegate(log);
     volume = manager->builtInBootcampPartition();
-    if (!volume) count = manager->numberOfMSPartitions();
   }
   if (!volume) {
     std::fprintf(stderr, "vorlix: %s\n",
-                 count > 1 ? "more than one volume on internal disks could be it"
-                           : "no NTFS or FAT volume of an internal disk is mounted");
+                 log->foundSeveral() ? "more than one volume on internal disks could be it"
+                                     : "no NTFS or FAT volume of an internal disk is mounted");
   }
   return showFound(volume, json);
 }
@@ -128,8 +165,7 @@ void addListCommands(CLI::App& app, int& status) {
   CLI::App* const find = app.add_subcommand("find", "Find a mounted FAT, exFAT or NTFS volume");
   auto* const label = find->add_option("--label", finding->label, "By its name");
   auto* const uuid = find->add_option("--media-uuid", finding->mediaUUID, "By its partition's identifier");
-  auto* const node =
-      find->add_option("--node", finding->node, "By its device as it is listed; also beside --media-uuid");
+  auto* const node = find->add_option("--node", finding->node, "By its device; also beside --media-uuid");
   label->excludes(uuid)->excludes(node);
   find->add_flag("--json", finding->json, "As JSON");
   find->callback([finding, find, &status] {

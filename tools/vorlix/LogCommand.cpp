@@ -1,15 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSDiskFunctions/Log.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <utility>
 
 #include "Commands.h"
 #include "Failure.h"
@@ -18,83 +24,144 @@
 namespace vorlix::tool {
 namespace {
 
+constexpr const char* kNothingShown = "nothing was read";
+constexpr size_t kBlock = 64 * 1024;
+
 struct LogOptions {
   unsigned lines = 10;
   bool once = false;
 };
 
-// Names the file that stands at a path now. A log that was removed or replaced is read from its start.
-struct FileIdentity {
-  dev_t device = 0;
-  ino_t number = 0;
-  off_t size = 0;
+// Messages may hold names from a disk; line feeds and tabs are the log's own.
+class LogView {
+ public:
+  void show(std::string_view added) {
+    std::string text = std::move(held_);
+    text += added;
+    held_.clear();
+    // Half of a character that printable() knows by both of its bytes waits for the other one.
+    if (!text.empty() && text.back() == '\xC2') {
+      held_ = "\xC2";
+      text.pop_back();
+    }
+    size_t start = 0;
+    while (start < text.size()) {
+      const size_t end = std::min(text.find_first_of("\n\t", start), text.size());
+      std::fputs(printable(text.substr(start, end - start)).c_str(), stdout);
+      if (end < text.size()) std::fputc(text[end], stdout);
+      start = end + 1;
+    }
+    std::fflush(stdout);
+  }
+
+ private:
+  std::string held_;
 };
 
-std::optional<FileIdentity> identityOf(const std::string& path) {
-  struct stat status = {};
-  if (stat(path.c_str(), &status) != 0) return std::nullopt;
-  return FileIdentity{status.st_dev, status.st_ino, status.st_size};
-}
+// An open log, and how far it was shown. Whatever becomes of its name, it stays the same file.
+class LogFile {
+ public:
+  LogFile(std::string path, int descriptor) : path_(std::move(path)), descriptor_(descriptor) {}
+  ~LogFile() { close(descriptor_); }
+  LogFile(const LogFile&) = delete;
+  LogFile& operator=(const LogFile&) = delete;
 
-std::string readFrom(const std::string& path, off_t offset) {
-  std::ifstream file(path, std::ios::binary);
-  file.seekg(offset);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-// Messages may hold names from a disk; line feeds and tabs are the log's own.
-void show(const std::string& text) {
-  size_t start = 0;
-  while (start < text.size()) {
-    const size_t end = text.find_first_of("\n\t", start);
-    std::fputs(printable(text.substr(start, end == std::string::npos ? end : end - start)).c_str(), stdout);
-    if (end == std::string::npos) break;
-    std::fputc(text[end], stdout);
-    start = end + 1;
+  /// Null where there is none. The folder is everybody's, so what stands there need not be a log: nothing but a file is
+  /// read, and nothing is waited for.
+  static std::unique_ptr<LogFile> open(const std::string& path) {
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (descriptor < 0 && errno == ENOENT) return nullptr;
+    if (descriptor < 0) throw Failure(path, std::strerror(errno), kNothingShown);
+    auto file = std::make_unique<LogFile>(path, descriptor);
+    if (fstat(descriptor, &file->status_) != 0) throw file->failure(errno);
+    if (!S_ISREG(file->status_.st_mode)) throw Failure(path, "not a regular file", kNothingShown);
+    return file;
   }
-  std::fflush(stdout);
-}
 
-size_t startOfLastLines(const std::string& text, unsigned lines) {
-  size_t start = text.size();
-  if (start > 0 && text.back() == '\n') --start;
-  for (; lines > 0; --lines) {
-    if (start == 0) return 0;
-    const size_t feed = text.rfind('\n', start - 1);
-    if (feed == std::string::npos) return 0;
-    start = feed;
+  /// Whether its path still leads to it. A path that leads nowhere may come back.
+  bool isReplaced() const {
+    struct stat now = {};
+    return stat(path_.c_str(), &now) == 0 && (now.st_dev != status_.st_dev || now.st_ino != status_.st_ino);
   }
-  return start < text.size() ? start + 1 : start;
-}
+
+  /// Goes to where the last lines begin; one without a line feed at its end is one, too.
+  void seekLastLines(unsigned lines) {
+    const off_t size = this->size();
+    shown_ = lines == 0 ? size : 0;
+    std::array<char, kBlock> block;
+    for (off_t end = size; end > 0 && lines > 0;) {
+      const off_t start = std::max<off_t>(0, end - static_cast<off_t>(kBlock));
+      for (size_t i = read(block.data(), static_cast<size_t>(end - start), start); i > 0; --i) {
+        const off_t next = start + static_cast<off_t>(i);
+        if (block[i - 1] != '\n' || next == size || --lines > 0) continue;
+        shown_ = next;
+        return;
+      }
+      end = start;
+    }
+  }
+
+  /// Shows what was not shown yet. A file that has become shorter is shown from its start.
+  void showRest(LogView& view) {
+    if (size() < shown_) shown_ = 0;
+    std::array<char, kBlock> block;
+    while (const size_t count = read(block.data(), block.size(), shown_)) {
+      view.show({block.data(), count});
+      shown_ += static_cast<off_t>(count);
+      if (std::ferror(stdout) != 0) return;
+    }
+  }
+
+ private:
+  Failure failure(int error) const { return {path_, std::strerror(error), kNothingShown}; }
+
+  off_t size() const {
+    struct stat now = {};
+    if (fstat(descriptor_, &now) != 0) throw failure(errno);
+    return now.st_size;
+  }
+
+  size_t read(char* bytes, size_t count, off_t offset) const {
+    const ssize_t got = pread(descriptor_, bytes, count, offset);
+    if (got < 0) throw failure(errno);
+    return static_cast<size_t>(got);
+  }
+
+  std::string path_;
+  int descriptor_;
+  struct stat status_ = {};
+  off_t shown_ = 0;
+};
 
 // Ends only when the process is asked to, or nobody reads any more.
-void follow(const std::string& path, std::optional<FileIdentity> shown) {
+void follow(const std::string& path, std::unique_ptr<LogFile> file, LogView& view) {
   constexpr std::chrono::milliseconds kStep{200};
   while (std::ferror(stdout) == 0) {
     std::this_thread::sleep_for(kStep);
-    const auto now = identityOf(path);
-    if (!now) continue;
-    const bool goesOn =
-        shown && shown->device == now->device && shown->number == now->number && shown->size <= now->size;
-    if (goesOn && shown->size == now->size) continue;
-    const off_t offset = goesOn ? shown->size : 0;
-    const std::string added = readFrom(path, offset);
-    show(added);
-    shown = now;
-    shown->size = offset + static_cast<off_t>(added.size());
+    const bool isReplaced = file && file->isReplaced();
+    if (file) file->showRest(view);
+    if (!file || isReplaced) {
+      if (auto next = LogFile::open(path)) {
+        file = std::move(next);
+        file->showRest(view);
+      }
+    }
   }
 }
 
 void showLog(const LogOptions& options) {
   const std::string& path = logFilePath();
-  auto identity = identityOf(path);
-  if (!identity && options.once) throw Failure(path, "there is no log yet", "nothing was read");
-  if (identity) {
-    const std::string text = readFrom(path, 0);
-    show(text.substr(startOfLastLines(text, options.lines)));
-    identity->size = static_cast<off_t>(text.size());
+  LogView view;
+  auto file = LogFile::open(path);
+  if (file) {
+    file->seekLastLines(options.lines);
+    file->showRest(view);
+  } else if (options.once) {
+    throw Failure(path, "there is no log yet", kNothingShown);
+  } else {
+    std::fprintf(stderr, "vorlix: %s: there is no log yet; waiting for it\n", path.c_str());
   }
-  if (!options.once) follow(path, identity);
+  if (!options.once) follow(path, std::move(file), view);
 }
 
 }  // namespace

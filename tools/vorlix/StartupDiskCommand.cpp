@@ -67,7 +67,8 @@ std::shared_ptr<QDVolume> volumeOf(const std::string& device) {
   const Volumes all = QDDeviceManager::sharedDeviceManager()->attachedDisks();
   if (const auto volume = mountedVolume(device, all)) return volume;
   const auto volume = QDVolume::init();
-  volume->setDevice("/dev/" + bsdNameOf(device));
+  const std::string name = bsdNameOf(device);
+  volume->setDevice(name.starts_with('/') ? name : "/dev/" + name);
   return volume;
 }
 

@@ -2,6 +2,7 @@
 #include "Volumes.h"
 
 #include <Vorlix/QDDeviceManager.h>
+#include <Vorlix/foundation/Paths.h>
 #include <Vorlix/platform/DiskArbitration.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -54,9 +55,13 @@ std::optional<UUID> lastingUUID(const QDVolume& volume) {
   return description ? description->uuid(kDescriptionVolumeUUID) : std::nullopt;
 }
 
-bool exists(const std::string& path) {
-  std::error_code unreadable;
-  return fs::exists(path, unreadable);
+// Another volume's name may lead nowhere any more, or be one that its driver chose.
+std::optional<std::string> knownNameOf(const QDVolume& volume) {
+  try {
+    return bsdNameOf(volume.device().value_or(""));
+  } catch (const Failure&) {
+    return std::nullopt;
+  }
 }
 
 bool isSamePlace(const std::string& left, const std::string& right) {
@@ -68,10 +73,12 @@ bool isSamePlace(const std::string& left, const std::string& right) {
 
 QuietLibrary::QuietLibrary() {
   std::fflush(stdout);
-  const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
   output_ = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
-  if (nowhere >= 0 && output_ >= 0) dup2(nowhere, STDOUT_FILENO);
-  if (nowhere >= 0) close(nowhere);
+  if (output_ < 0) return;
+  const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (nowhere < 0) return;
+  dup2(nowhere, STDOUT_FILENO);
+  close(nowhere);
 }
 
 QuietLibrary::~QuietLibrary() {
@@ -86,8 +93,12 @@ std::string bootFilesText(const QDVolume& volume, const Volumes& all) {
   const std::optional<std::string> folder = volume.bootResourcePath();
   if (!folder) return "own";
   for (const auto& other : all) {
-    if (other->diskName() != kBootPartitionName || other->drivePath() != volume.drivePath()) continue;
-    if (folder->starts_with(other->filePath().value_or("/")) && exists(*folder)) return *folder;
+    if (other->diskName() != kBootPartitionName || other->hasWindows()) continue;
+    if (!other->filePath() || other->drivePath() != volume.drivePath()) continue;
+    std::error_code unreadable;
+    if (*folder == appendPathComponent(*other->filePath(), "BOOT") && fs::is_directory(*folder, unreadable)) {
+      return *folder;
+    }
   }
   return "none";
 }
@@ -139,7 +150,7 @@ std::shared_ptr<QDVolume> mountedVolume(const std::string& deviceOrFolder, const
   if (fs::is_directory(deviceOrFolder, unreadable)) return nullptr;
   const std::string name = bsdNameOf(deviceOrFolder);
   for (const auto& volume : all) {
-    if (bsdNameOf(volume->device().value_or("")) == name) return volume;
+    if (knownNameOf(*volume) == name) return volume;
   }
   return nullptr;
 }

@@ -4,6 +4,7 @@
 #include <Vorlix/platform/HostBundle.h>
 #include <Vorlix/platform/Platform.h>
 
+#include <charconv>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -30,6 +31,15 @@ constexpr Row kRows[] = {
     {"buildLabEx", "Build lab"}, {"bootenv", "Started by"},
 };
 
+// Its registry says 10.
+bool isWindows11(const Dictionary& version) {
+  constexpr int kFirstBuild = 22000;
+  const std::string build = version.text("currentBuildNumber").value_or("");
+  int number = 0;
+  const auto parsed = std::from_chars(build.data(), build.data() + build.size(), number);
+  return version.text("product") == "Windows 10" && parsed.ec == std::errc() && number >= kFirstBuild;
+}
+
 std::string folderOf(const std::string& volume) {
   std::error_code unreadable;
   if (std::filesystem::is_directory(volume, unreadable)) return volume;
@@ -44,6 +54,7 @@ int showWindows(const std::string& volume, bool json) {
     const bool isInstaller = QDDeviceManager::bootWIMFileFromVolume(folder).has_value();
     std::fprintf(stderr, "vorlix: %s: %s\n", volume.c_str(),
                  isInstaller ? "no installed Windows, but its installer" : "no Windows");
+    if (json) std::printf("null\n");
     return kChangeNeeded;
   }
   const auto record = QDVolume::init();
@@ -66,6 +77,7 @@ int showWindows(const std::string& volume, bool json) {
       const auto value = version.text(row.key);
       if (value && !value->empty()) std::printf("%-10s %s\n", row.title, printable(*value).c_str());
     }
+    if (isWindows11(version)) std::printf("%-10s Windows 11, which calls itself 10, by its build\n", "Release");
   }
   if (!version.text("product").value_or("").empty()) return kDone;
   const bool hasTool = platform().hostBundle->pathForResource("registry_lookup", "", "tools/bin").has_value();

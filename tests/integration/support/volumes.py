@@ -40,12 +40,20 @@ def user_prefix():
 
 @functools.lru_cache(maxsize=None)
 def command_for_user(command):
-    """The command line where an ordinary user can start it: in its place, or else a copy."""
+    """The command line where an ordinary user can start it: in its place, or else a copy, with its companion."""
     if subprocess.run([*user_prefix(), command, "--version"], capture_output=True, check=False).returncode == 0:
         return command
     folder = tempfile.mkdtemp(prefix="vorlix-command-")
     atexit.register(shutil.rmtree, folder)
     os.chmod(folder, 0o755)
+    return copy_command(command, folder)
+
+
+def copy_command(command, folder):
+    """Copies the command line, and what it has beside it in tools/bin. Returns the copy's path."""
+    companions = os.path.join(os.path.dirname(command), "tools")
+    if os.path.isdir(companions):
+        shutil.copytree(companions, os.path.join(folder, "tools"))
     return shutil.copy(command, folder)
 
 
@@ -75,6 +83,18 @@ def mtools(name, image, *arguments, offset=0):
     if result.returncode != 0:
         raise AssertionError(f"{command}: {result.stderr.decode(errors='replace')}")
     return result.stdout
+
+
+def set_label(image, new, old):
+    """Puts bytes in the place of a label that mkfs.vfat wrote, for labels that no tool sets."""
+    with open(image, "rb+") as file:
+        content = file.read()
+        label = old.ljust(11)
+        at = content.find(label)
+        while at >= 0:
+            os.pwrite(file.fileno(), new.ljust(11), at)
+            at = content.find(label, at + len(label))
+    return image
 
 
 def make_fat(path, bits=16, label=None, size=None):
