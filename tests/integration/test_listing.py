@@ -217,7 +217,7 @@ class List(ListTest):
     def test_thousands_of_entries_in_the_root_folder(self):
         image = volumes.make_fat(self.path("many.img"), 32, "MANY")
         with tempfile.TemporaryDirectory(prefix="vorlix-tree-") as folder:
-            names = [os.path.join(folder, f"a file with number {number:05}") for number in range(5000)]
+            names = [os.path.join(folder, f"F{number:07}") for number in range(5000)]
             for name in names:
                 with open(name, "wb"):
                     pass
@@ -381,10 +381,10 @@ class RealMounts(ListTest):
                 file.write(data)
         return folder
 
-    def ext4(self, path, label, tree, size=8 << 20):
+    def ext4(self, path, label, tree, size=8 << 20, block_size=1024):
         with open(path, "wb") as file:
             file.truncate(size)
-        images.run_tool("mkfs.ext4", "-q", "-L", label, "-d", tree, path)
+        images.run_tool("mkfs.ext4", "-q", "-b", block_size, "-L", label, "-d", tree, path)
         return path
 
     @contextlib.contextmanager
@@ -434,7 +434,7 @@ class RealMounts(ListTest):
             self.assertEqual(self.vorlix_run("find", "--node", device).returncode, 1)
 
     def test_blocks_of_4096_bytes(self):
-        image = self.ext4(self.path("disk.img"), "large", self.tree("tree", {}))
+        image = self.ext4(self.path("disk.img"), "large", self.tree("tree", {}), block_size=4096)
         with tools.loop_device(image, 4096) as device, self.mounted(device, self.path("mount")) as folder:
             volume = self.entry(device)
             self.assert_as_tools_say(volume, device, folder)

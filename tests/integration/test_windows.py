@@ -125,7 +125,7 @@ class Folders(WindowsTest):
         self.assertEqual(self.windows(root), answer("Windows 7"))
 
     def test_names_that_no_list_has_pass_through(self):
-        for number, name in enumerate(("Windows Vista (TM) Ultimate", "Microsoft Windows XP", "Система Ж 水", "x" * 3000)):
+        for number, name in enumerate(("Windows Vista (TM) Ultimate", "Microsoft Windows XP", "Система Ж 水", "x" * 300)):
             with self.subTest(name=name[:40]), open(self.hive({"ProductName": name}, f"hive{number}"), "rb") as file:
                 root = self.put(f"root{number}", {HIVE: file.read()})
                 self.assertEqual(self.windows(root), {**NOTHING, "product": name})

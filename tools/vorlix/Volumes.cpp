@@ -13,7 +13,6 @@
 #include <system_error>
 
 #include "Arbitration.h"
-#include "Failure.h"
 #include "Text.h"
 
 namespace vorlix::tool {
@@ -53,15 +52,6 @@ std::optional<UUID> lastingUUID(const QDVolume& volume) {
   const QuietLibrary quiet;
   const auto description = QDDeviceManager::sharedDeviceManager()->diskInfo(volume.device().value_or(""));
   return description ? description->uuid(kDescriptionVolumeUUID) : std::nullopt;
-}
-
-// Another volume's name may lead nowhere any more, or be one that its driver chose.
-std::optional<std::string> knownNameOf(const QDVolume& volume) {
-  try {
-    return bsdNameOf(volume.device().value_or(""));
-  } catch (const Failure&) {
-    return std::nullopt;
-  }
 }
 
 bool isSamePlace(const std::string& left, const std::string& right) {
@@ -145,12 +135,13 @@ std::shared_ptr<QDVolume> mountedVolume(const std::string& deviceOrFolder, const
       return volume;
     }
   }
-  // A folder that is no mount point is no device either; others are compared by the name disk arbitration gives them.
+  // A folder that is no mount point is no device either. Of a device's many names disk arbitration knows the mount.
   std::error_code unreadable;
   if (fs::is_directory(deviceOrFolder, unreadable)) return nullptr;
-  const std::string name = bsdNameOf(deviceOrFolder);
+  const std::optional<std::string> folder = mountPointOf(deviceOrFolder);
+  if (!folder) return nullptr;
   for (const auto& volume : all) {
-    if (knownNameOf(*volume) == name) return volume;
+    if (isSamePlace(volume->filePath().value_or(""), *folder)) return volume;
   }
   return nullptr;
 }
