@@ -5,15 +5,20 @@ The guest's disks: image files made on the host with general tools.
     vda  a Mac disk: EFI, HFS+, Windows (NTFS), exFAT and FAT volumes
     vdb  another: EFI and a smaller Windows volume
     vdc  a disk that cannot be written: an EFI and a Windows volume
+    vdd  a PC's disk: EFI, Windows and its boot partition (NTFS), Linux (ext4) and an installer (FAT)
+    vde  an older PC's disk, with an MBR: Windows (exFAT) and its boot partition (NTFS)
+
+Windows' registry hives are made on the host, too, beside the disks.
 """
 
 import os
 from dataclasses import dataclass
 
-from support import samples
+from support import hives, images, samples
 from support.samples import Slice
 
 APPLE_HFS_PLUS = "AF00"
+LINUX = "8300"
 _HFS_PLUS_SECTORS = 8192
 
 MAC = (Slice(1, 40, 16384, samples.EFI_SYSTEM, "EFI System Partition"),
@@ -25,6 +30,17 @@ SECOND = (Slice(1, 40, 69632, samples.EFI_SYSTEM, "EFI System Partition"),
           Slice(2, 69672, 16384, samples.BASIC_DATA, "Windows"))
 LOCKED = (Slice(1, 40, 16384, samples.EFI_SYSTEM, "EFI System Partition"),
           Slice(2, 16424, 16384, samples.BASIC_DATA, "Windows"))
+PC = (Slice(1, 40, 16384, samples.EFI_SYSTEM, "EFI System Partition"),
+      Slice(2, 16424, 16384, samples.BASIC_DATA, "Boot partition"),
+      Slice(3, 32808, 24576, samples.BASIC_DATA, "Windows"),
+      Slice(4, 57384, 8192, LINUX, "Linux"),
+      Slice(5, 65576, 16384, samples.BASIC_DATA, "Installer"))
+OLD_PC = (Slice(1, 2048, 16384, "7", ""),
+          Slice(2, 18432, 16384, "7", ""))
+
+BOOT_PARTITION_LABEL = "System Reserved"
+PC_LABELS = ("EFI", BOOT_PARTITION_LABEL, "Zoë's Windows – groß", "Größe", "ESD-USB")
+OLD_PC_LABELS = (BOOT_PARTITION_LABEL, "Old PC")
 
 HFS_PLUS_FILE = "hello.txt"
 HFS_PLUS_TEXT = "from the HFS+ volume\n"
@@ -46,6 +62,21 @@ def _make_exfat(path, sectors, label):
     with open(path, "xb") as volume:
         volume.truncate(sectors * samples.SECTOR)
     samples.run("mkfs.exfat", "-L", label, path)
+
+
+def _make_ext4(path, sectors, label):
+    with open(path, "xb") as volume:
+        volume.truncate(sectors * samples.SECTOR)
+    samples.run("mkfs.ext4", "-q", "-F", "-L", label, path)
+
+
+def _make_mbr_disk(path, sectors, slices):
+    """A sparse disk image with an MBR; its first slice is the active one."""
+    with open(path, "xb") as image:
+        image.truncate(sectors * samples.SECTOR)
+    lines = [f"start={part.first}, size={part.sectors}, type={part.code}" for part in slices]
+    lines[0] += ", bootable"
+    images.run_tool("sfdisk", "--quiet", path, stdin="\n".join(["label: dos", *lines, ""]))
 
 
 class _AppleMap:
@@ -105,8 +136,37 @@ def _place(disk, part, volume):
     os.remove(volume)
 
 
+def _make_pcs(pc, old_pc, volume):
+    samples.make_disk(pc, 82000, PC)
+    _make_fat(volume, PC[0].sectors, 16, PC_LABELS[0])
+    _place(pc, PC[0], volume)
+    for number in (1, 2):
+        samples.make_ntfs(volume, PC[number].sectors, PC_LABELS[number])
+        _place(pc, PC[number], volume)
+    _make_ext4(volume, PC[3].sectors, PC_LABELS[3])
+    _place(pc, PC[3], volume)
+    _make_fat(volume, PC[4].sectors, 16, PC_LABELS[4])
+    _place(pc, PC[4], volume)
+
+    _make_mbr_disk(old_pc, 34816, OLD_PC)
+    samples.make_ntfs(volume, OLD_PC[0].sectors, OLD_PC_LABELS[0])
+    _place(old_pc, OLD_PC[0], volume)
+    _make_exfat(volume, OLD_PC[1].sectors, OLD_PC_LABELS[1])
+    _place(old_pc, OLD_PC[1], volume)
+
+
+def _make_hives(folder):
+    """One SOFTWARE hive for each release of Windows; their paths by the releases' names."""
+    os.mkdir(folder)
+    return {release: hives.make_software_hive(os.path.join(folder, release), values)
+            for release, values in hives.RELEASES.items()}
+
+
 def make_disks(folder):
-    """Makes the disks in `folder`. Returns them, and notes for the tests: what could not be made and why."""
+    """
+    Makes the disks in `folder`. Returns them, and notes for the tests: what could not be made and why, and where the
+    hives are.
+    """
     notes = {}
     mac, second, locked = (os.path.join(folder, name) for name in ("mac.img", "second.img", "locked.img"))
     volume = os.path.join(folder, "volume")
@@ -138,9 +198,19 @@ def make_disks(folder):
     _place(locked, LOCKED[0], volume)
     samples.make_ntfs(volume, LOCKED[1].sectors, "LOCKED")
     _place(locked, LOCKED[1], volume)
-    return (ScratchDisk(mac), ScratchDisk(second), ScratchDisk(locked, read_only=True)), notes
+
+    pc, old_pc = os.path.join(folder, "pc.img"), os.path.join(folder, "old-pc.img")
+    _make_pcs(pc, old_pc, volume)
+    absent = [name for name in hives.NEEDED if samples.tool(name) is None]
+    if absent:
+        notes["noHives"] = f"no registry hives were made: {', '.join(absent)} not installed"
+    else:
+        notes["hives"] = _make_hives(os.path.join(folder, "hives"))
+    return (ScratchDisk(mac), ScratchDisk(second), ScratchDisk(locked, read_only=True), ScratchDisk(pc),
+            ScratchDisk(old_pc)), notes
 
 
 def missing_tools():
     """Names of absent tools without which the disks cannot be made."""
-    return [name for name in ("sgdisk", "mkfs.vfat", "mkntfs", "mkfs.exfat", "mcopy") if samples.tool(name) is None]
+    needed = ("sgdisk", "sfdisk", "mkfs.vfat", "mkntfs", "mkfs.exfat", "mkfs.ext4", "mcopy")
+    return [name for name in needed if samples.tool(name) is None]

@@ -16,12 +16,17 @@ from support import samples
 NOTES = json.loads(os.environ["VORLIX_GUEST"])
 VORLIX = os.environ["VORLIX"]
 
-MAC, SECOND, LOCKED = "vda", "vdb", "vdc"
+MAC, SECOND, LOCKED, PC, OLD_PC = "vda", "vdb", "vdc", "vdd", "vde"
 SLICES = {MAC: disks.MAC, SECOND: disks.SECOND, LOCKED: disks.LOCKED}
 
 
 def node(name):
     return f"/dev/{name}"
+
+
+def unescaped(path):
+    """A path of the kernel's tables, which write some characters as octal numbers of their bytes."""
+    return re.sub(r"\\([0-7]{3})", lambda code: chr(int(code.group(1), 8)), path)
 
 
 def mounts_of(device):
@@ -33,17 +38,17 @@ def mounts_of(device):
             kind, source, super_options = volume.split(maxsplit=2)
             if source == device:
                 fields = place.split()
-                point = re.sub(r"\\([0-7]{3})", lambda code: chr(int(code.group(1), 8)), fields[4])
-                found.append((point, kind, set(fields[5].split(",")) | set(super_options.strip().split(","))))
+                options = set(fields[5].split(",")) | set(super_options.strip().split(","))
+                found.append((unescaped(fields[4]), kind, options))
     return found
 
 
 def unmount_all():
-    """Whatever a test left mounted of the disks."""
-    for disk, parts in SLICES.items():
-        for part in parts:
-            for _ in mounts_of(node(f"{disk}{part.number}")):
-                subprocess.run(["umount", node(f"{disk}{part.number}")], check=False)
+    """Whatever a test left mounted of the disks, the last first."""
+    with open("/proc/self/mountinfo", encoding="utf-8") as table:
+        places = [unescaped(line.split()[4]) for line in table if line.split(" - ")[1].split()[1].startswith("/dev/vd")]
+    for place in reversed(places):
+        subprocess.run(["umount", place], check=False)
 
 
 @contextlib.contextmanager
@@ -55,6 +60,13 @@ def mounted(name, *options):
             yield point
         finally:
             samples.run("umount", point)
+
+
+def system_mount(name, point, *options):
+    """Mounts a volume by mount(8) in a folder, which is made if need be; gives that folder."""
+    os.makedirs(point, exist_ok=True)
+    samples.run("mount", *options, node(name), point)
+    return point
 
 
 def write_text(path, text):
@@ -88,6 +100,11 @@ def blkid(device):
     return dict(line.split("=", 1) for line in lines if "=" in line)
 
 
+def blkid_label(device):
+    """The label of a device's volume, which blkid writes as it is only when it is asked for nothing else."""
+    return samples.run("blkid", "--probe", "--match-tag", "LABEL", "--output", "value", device).removesuffix("\n")
+
+
 def partition_entry(disk, number):
     """One GPT entry by sgdisk: type GUID, unique GUID, first and last sector."""
     text = samples.run("sgdisk", f"--info={number}", node(disk))
@@ -101,8 +118,28 @@ def disk_guid(disk):
     return re.search(r"Disk identifier \(GUID\): (\S+)", samples.run("sgdisk", "--print", node(disk))).group(1)
 
 
-class GuestTest(unittest.TestCase):
-    """Runs the command line; what a test leaves mounted is unmounted after it."""
+class CommandTest(unittest.TestCase):
+    """Runs the command line."""
+
+    def vorlix(self, *arguments, status=0, **options):
+        """Runs a command that must end with `status`; `options` are those of subprocess.run()."""
+        result = subprocess.run([VORLIX, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, text=True, check=False, **options)
+        if result.returncode != status:
+            last = (result.stderr or result.stdout).strip().rpartition("\n")[2]
+            self.fail(f"vorlix {' '.join(arguments)} ended with {result.returncode}, not {status}: {last}\n"
+                      f"{result.stdout}{result.stderr}")
+        return result
+
+    def refused(self, *arguments, **options):
+        """Runs a command that must be refused; returns its sentence."""
+        result = self.vorlix(*arguments, status=2, **options)
+        self.assertRegex(result.stderr, r"(?m)^vorlix: .+: .+; .+$")
+        return result.stderr
+
+
+class GuestTest(CommandTest):
+    """What a test leaves mounted is unmounted after it."""
 
     def setUp(self):
         folder = tempfile.TemporaryDirectory(prefix="guest-")
@@ -113,21 +150,9 @@ class GuestTest(unittest.TestCase):
     def path(self, name):
         return os.path.join(self.folder, name)
 
-    def vorlix(self, *arguments, status=0):
-        """Runs a command that must end with `status`."""
-        result = subprocess.run([VORLIX, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                stderr=subprocess.PIPE, text=True, check=False)
-        if result.returncode != status:
-            last = (result.stderr or result.stdout).strip().rpartition("\n")[2]
-            self.fail(f"vorlix {' '.join(arguments)} ended with {result.returncode}, not {status}: {last}\n"
-                      f"{result.stdout}{result.stderr}")
-        return result
-
-    def refused(self, *arguments):
-        """Runs a command that must be refused; returns its sentence."""
-        result = self.vorlix(*arguments, status=2)
-        self.assertRegex(result.stderr, r"(?m)^vorlix: .+: .+; .+$")
-        return result.stderr
+    def mount_at(self, name, place, *options):
+        """Mounts a volume by mount(8) in a folder below the test's own; gives the mount point."""
+        return system_mount(name, self.path(place), *options)
 
     def mount(self, device, *options):
         """Mounts a volume through the command line and returns the mount point that it printed."""

@@ -13,9 +13,9 @@ from dataclasses import dataclass
 META_PACKAGE = "linux-image-amd64"
 
 # What the guest needs to reach the host's files, to see the disks and to mount their volumes. The code pages are listed
-# because the kernel would look for them by itself with a modprobe that the guest does not have.
+# because the kernel would look for them by itself with a modprobe that the guest does not have; so is ext4's checksum.
 WANTED_MODULES = ("virtio_pci", "virtio_blk", "9p", "9pnet_virtio", "overlay", "loop", "fuse", "vfat", "exfat",
-                  "hfsplus", "nls_cp437", "nls_iso8859-1", "nls_ascii", "nls_utf8")
+                  "hfsplus", "ext4", "crc32c_generic", "nls_cp437", "nls_iso8859-1", "nls_ascii", "nls_utf8")
 
 _DECOMPRESSORS = {".xz": ("xz", "-dc"), ".zst": ("zstd", "-dc"), ".gz": ("gzip", "-dc")}
 

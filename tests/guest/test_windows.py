@@ -1,0 +1,103 @@
+# SPDX-License-Identifier: Apache-2.0
+"""windows on real volumes: what the registry says is read by registry_lookup from hives that hivex's own shell wrote."""
+
+import json
+import os
+import shutil
+import unittest
+
+from bed.guest import NOTES, OLD_PC, PC, VORLIX, GuestTest, node, read_text, write_text
+from support import hives
+
+WINDOWS, INSTALLER, EXFAT = f"{PC}3", f"{PC}5", f"{OLD_PC}2"
+PROGRAM = os.path.join(os.path.dirname(VORLIX), "tools", "bin", "registry_lookup")
+
+# As Windows' set-up writes it, between other lines.
+SETUP_LOG = ("2024-05-04 10:00:00, Info       IBS    A line before\r\n"
+             "2024-05-04 10:00:01, Info       IBS    Callback_BootEnvironmentDetect: Detected boot environment: EFI\r\n"
+             "2024-05-04 10:00:02, Info       IBS    A line after\r\n")
+
+
+def find(folder, *names):
+    """A path below a folder whose names may be spelled in any case."""
+    for name in names:
+        (entry,) = [entry for entry in os.listdir(folder) if entry.lower() == name.lower()]
+        folder = os.path.join(folder, entry)
+    return folder
+
+
+class WindowsTest(GuestTest):
+    @classmethod
+    def setUpClass(cls):
+        if not os.path.exists(PROGRAM):
+            raise RuntimeError(f"{PROGRAM} is not built")
+
+    def install(self, point, release, windows, system32):
+        if "noHives" in NOTES:
+            self.skipTest(NOTES["noHives"])
+        config = os.path.join(point, windows, system32, "config")
+        self.addCleanup(shutil.rmtree, os.path.join(point, windows))
+        os.makedirs(config, exist_ok=True)
+        shutil.copy(NOTES["hives"][release], os.path.join(config, "SOFTWARE"))
+
+    def windows(self, volume):
+        return json.loads(self.vorlix("windows", volume, "--json").stdout)
+
+    def expected(self, release, product, started_by=None):
+        """The product is the library's own name of it; the rest is printed by the program, with a newline."""
+        values = hives.RELEASES[release]
+        return {"product": product, "edition": values["EditionID"] + "\n",
+                "currentBuildNumber": values["CurrentBuildNumber"] + "\n", "buildLabEx": values["BuildLabEx"] + "\n",
+                "bootenv": started_by}
+
+    def test_folders_in_upper_case_on_ntfs(self):
+        point = self.mount_at(WINDOWS, "Größe mit Leerzeichen")
+        self.install(point, "Windows 11", "WINDOWS", "SYSTEM32")
+        for volume in (point, node(WINDOWS), f"{PC}s3"):
+            with self.subTest(volume=volume):
+                self.assertEqual(self.windows(volume), self.expected("Windows 11", "Windows 10"))
+
+    def test_each_release_on_exfat(self):
+        point = self.mount_at(EXFAT, "exfat")
+        for release, product in (("Windows 7", "Windows 7"), ("Windows 8.1", "Windows 8+"),
+                                 ("Windows 10", "Windows 10")):
+            with self.subTest(release=release):
+                self.install(point, release, "Windows", "System32")
+                self.assertEqual(self.windows(point), self.expected(release, product))
+
+    def test_how_set_up_was_started(self):
+        point = self.mount_at(EXFAT, "exfat")
+        self.install(point, "Windows 10", "Windows", "System32")
+        os.mkdir(os.path.join(point, "Windows", "Panther"))
+        with open(os.path.join(point, "Windows", "Panther", "setupact.log"), "wb") as log:
+            log.write(SETUP_LOG.encode())
+        self.assertEqual(self.windows(point), self.expected("Windows 10", "Windows 10", "EFI\n"))
+        self.assertRegex(self.vorlix("windows", point).stdout, r"(?m)^Started by +EFI$")
+
+    def test_the_hive_is_only_read(self):
+        point = self.mount_at(WINDOWS, "windows")
+        self.install(point, "Windows 10", "Windows", "System32")
+        self.vorlix("unmount", node(WINDOWS))
+        self.mount_at(WINDOWS, "windows", "-o", "ro")
+        self.assertEqual(self.windows(point), self.expected("Windows 10", "Windows 10"))
+        self.vorlix("unmount", node(WINDOWS))
+        self.mount_at(WINDOWS, "windows")  # what was installed is removed there
+
+    def test_an_installer_is_no_installed_windows(self):
+        point = self.mount_at(INSTALLER, "installer")
+        os.makedirs(os.path.join(point, "SOURCES"), exist_ok=True)
+        write_text(os.path.join(point, "SOURCES", "BOOT.WIM"), "an image\n")
+        result = self.vorlix("windows", node(INSTALLER), status=1)
+        self.assertEqual((result.stdout, result.stderr),
+                         ("", f"vorlix: {node(INSTALLER)}: no installed Windows, but its installer\n"))
+
+    def test_a_volume_that_is_not_mounted_is_refused(self):
+        self.assertIn("not mounted", self.refused("windows", node(WINDOWS)))
+
+    def test_a_hive_that_is_none_is_refused(self):
+        point = self.mount_at(WINDOWS, "windows")
+        self.install(point, "Windows 10", "Windows", "System32")
+        hive = os.path.join(point, "Windows", "System32", "config", "SOFTWARE")
+        write_text(hive, "no hive\n")
+        self.assertIn("its registry tells no product name", self.refused("windows", point))
+        self.assertEqual(read_text(hive), "no hive\n")
