@@ -6,12 +6,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
 
-#include "../posix/SliceName.h"
+#include "../posix/DeviceLookup.h"
 #include "ImageFiles.h"
 
 namespace vorlix {
@@ -62,42 +61,21 @@ std::optional<DeviceLocation> locateExisting(const std::string& path) {
   return std::nullopt;
 }
 
-std::optional<DeviceLocation> locatePath(const std::string& path) {
-  std::optional<DeviceLocation> found = locateExisting(path);
-  if (found || errno != ENOENT) return found;
-  const std::optional<SliceName> name = parseSliceName(path);
-  if (!name) {
-    errno = ENOENT;
-    return std::nullopt;
-  }
-  found = locateExisting(name->whole);
-  if (!found) return std::nullopt;
-  if (found->slice != 0) {  // a slice has no slices
-    errno = ENOENT;
-    return std::nullopt;
-  }
-  found->slice = name->number;
+std::optional<DeviceLocation> sliceOf(const DeviceLocation& whole, uint32_t number) {
+  if (whole.slice != 0) return std::nullopt;  // a slice has no slices
+  DeviceLocation slice = whole;
+  slice.slice = number;
   struct stat status = {};
-  if (!found->isImage && stat(found->whole.c_str(), &status) == 0) {
-    if (std::optional<std::string> node = kernelSlice(status.st_rdev, name->number)) found->node = *std::move(node);
+  if (!slice.isImage && stat(slice.whole.c_str(), &status) == 0) {
+    if (std::optional<std::string> node = kernelSlice(status.st_rdev, number)) slice.node = *std::move(node);
   }
-  return found;
-}
-
-std::optional<DeviceLocation> locateName(const std::string& name) {
-  constexpr const char* kPrefixedPath = "/dev//";
-  size_t start = 0;
-  while (name.compare(start, std::strlen(kPrefixedPath), kPrefixedPath) == 0) start += std::strlen(kPrefixedPath) - 1;
-  if (start != 0) return locatePath(name.substr(start));
-  std::optional<DeviceLocation> found = locatePath(name);
-  if (found || errno != ENOENT || name.empty() || name.find('/') != std::string::npos) return found;
-  return locatePath("/dev/" + name);
+  return slice;
 }
 
 }  // namespace
 
 std::optional<DeviceLocation> locateDevice(const std::string& name) {
-  std::optional<DeviceLocation> found = locateName(name);
+  std::optional<DeviceLocation> found = locateName(name, locateExisting, sliceOf);
   if (found && found->isImage) noteImageFile(found->whole);
   return found;
 }
