@@ -38,17 +38,26 @@ def without_comments(text):
     return re.sub(r"//[^\n]*", "", re.sub(r"/\*.*?\*/", "", text, flags=re.DOTALL))
 
 
-def declared_names(header):
-    """Names that a header marks as exported, with the C++ ones qualified."""
-    qualifier, names = "", set()
-    for line in without_comments(header.read_text()).splitlines():
-        if line.startswith("namespace vorlix {"):
-            qualifier = "vorlix::"
-        elif line.rstrip() == "}":
-            qualifier = ""
-        elif found := re.match(r"class VORLIX_EXPORT (\w+)", line):
-            names.add(qualifier + found.group(1))
+OPENED, CLOSED = "namespace vorlix {", "}  // namespace vorlix"
+
+
+def marked(header, pattern):
+    """What a header marks as exported, with what stands in the library's own namespace qualified."""
+    names = set()
+    for index, part in enumerate(re.split(f"^(?:{OPENED}|{CLOSED})$", header.read_text(), flags=re.MULTILINE)):
+        qualifier = "vorlix::" if index % 2 else ""
+        names |= {qualifier + name for name in re.findall(pattern, without_comments(part), re.MULTILINE)}
     return names
+
+
+def declared_names(header):
+    """Functions and variables that a header marks as exported, with the C++ ones qualified."""
+    return marked(header, r"^VORLIX_EXPORT[^;]*?(\w+)\s*(?:\(|\[|;)")
+
+
+def exported_classes(header):
+    """Classes that a header marks as exported, qualified."""
+    return marked(header, r"^class VORLIX_EXPORT (\w+)")
 
 
 def belongs_to(name, class_name):
