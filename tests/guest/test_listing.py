@@ -4,6 +4,7 @@
 import json
 import os
 import re
+import shutil
 import subprocess
 import tempfile
 
@@ -34,8 +35,9 @@ def uuid_in(text):
     return text.upper() if text and UUID.fullmatch(text) else None
 
 
-def make_windows(point, windows="Windows", system32="System32"):
-    os.makedirs(os.path.join(point, windows, system32), exist_ok=True)
+def make_windows(add_cleanup, point, windows="Windows", system32="System32"):
+    add_cleanup(shutil.rmtree, os.path.join(point, windows))
+    os.makedirs(os.path.join(point, windows, system32))
 
 
 def make_boot_partition(point):
@@ -63,8 +65,8 @@ class VolumesTest(CommandTest):
         cls.order = [name for name in cls.ORDER if name != HFS_PLUS or "noHFSPlus" not in NOTES]
         cls.points = {name: system_mount(name, os.path.join(folder.name, cls.FOLDERS.get(name, name)))
                       for name in cls.order}
-        make_windows(cls.points[PC_WINDOWS], "WINDOWS", "SYSTEM32")
-        make_windows(cls.points[OLD_WINDOWS])
+        make_windows(cls.addClassCleanup, cls.points[PC_WINDOWS], "WINDOWS", "SYSTEM32")
+        make_windows(cls.addClassCleanup, cls.points[OLD_WINDOWS])
         make_installer(cls.points[PC_INSTALLER])
         make_boot_partition(cls.points[PC_BOOT])
         make_boot_partition(cls.points[OLD_BOOT])
@@ -149,6 +151,7 @@ class VolumesTest(CommandTest):
         volume = self.volume(PC_WINDOWS)
         guid = blkid(node(PC_WINDOWS))["PART_ENTRY_UUID"]
         for options in (("--label", disks.PC_LABELS[2]), ("--media-uuid", guid), ("--node", node(PC_WINDOWS)),
+                        ("--node", PC_WINDOWS),
                         ("--media-uuid", guid.upper(), "--node", node(PC_WINDOWS))):
             with self.subTest(options=options):
                 self.assertEqual(json.loads(self.vorlix("find", *options, "--json").stdout), volume)
@@ -160,7 +163,7 @@ class VolumesTest(CommandTest):
     def test_what_does_not_fit_is_not_found(self):
         guid = blkid(node(PC_WINDOWS))["PART_ENTRY_UUID"]
         for options in (("--label", disks.PC_LABELS[2].lower()), ("--label", disks.PC_LABELS[3]),
-                        ("--node", node(PC_LINUX)), ("--node", PC_WINDOWS),
+                        ("--node", node(PC_LINUX)), ("--node", f"no-{PC_WINDOWS}"),
                         ("--media-uuid", guid, "--node", node(PC_BOOT))):
             with self.subTest(options=options):
                 result = self.vorlix("find", *options, status=1)
@@ -209,14 +212,15 @@ class ChangingMountsTest(GuestTest):
 
     def test_without_its_own_boot_partition_none_is_taken_from_another_disk(self):
         windows = self.mount_at(PC_WINDOWS, "windows")
-        make_windows(windows, "WINDOWS", "SYSTEM32")
+        make_windows(self.addCleanup, windows, "WINDOWS", "SYSTEM32")
         make_boot_partition(self.mount_at(OLD_BOOT, "boot of another disk"))
         found = [(volume["device"], volume["bootFiles"]) for volume in self.listed() if volume["windows"]]
         self.assertEqual(found, [(node(PC_WINDOWS), "none")])
 
     def test_nothing_mounted_is_an_empty_list(self):
         self.assertEqual(self.listed(), [])
-        self.assertEqual(self.vorlix("list").stdout, "no such volume is mounted; --all shows every kind\n")
+        self.assertEqual(self.vorlix("list").stdout,
+                         "no FAT, exFAT or NTFS volume is mounted; --all shows every kind\n")
         self.assertEqual(self.vorlix("list", "--all").stdout, "no volume of a disk is mounted\n")
 
 

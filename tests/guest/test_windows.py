@@ -7,7 +7,7 @@ import shutil
 import unittest
 
 from bed.guest import NOTES, OLD_PC, PC, VORLIX, GuestTest, node, read_text, write_text
-from support import hives
+from support import hives, samples
 
 WINDOWS, INSTALLER, EXFAT = f"{PC}3", f"{PC}5", f"{OLD_PC}2"
 PROGRAM = os.path.join(os.path.dirname(VORLIX), "tools", "bin", "registry_lookup")
@@ -36,19 +36,20 @@ class WindowsTest(GuestTest):
         if "noHives" in NOTES:
             self.skipTest(NOTES["noHives"])
         config = os.path.join(point, windows, system32, "config")
-        self.addCleanup(shutil.rmtree, os.path.join(point, windows))
-        os.makedirs(config, exist_ok=True)
+        if not os.path.exists(config):
+            self.assertNotIn("windows", [name.lower() for name in os.listdir(point)])
+            self.addCleanup(shutil.rmtree, os.path.join(point, windows))
+            os.makedirs(config)
         shutil.copy(NOTES["hives"][release], os.path.join(config, "SOFTWARE"))
 
     def windows(self, volume):
         return json.loads(self.vorlix("windows", volume, "--json").stdout)
 
     def expected(self, release, product, started_by=None):
-        """The product is the library's own name of it; the rest is printed by the program, with a newline."""
+        """The product is the library's own name of it; the rest is what the hive has."""
         values = hives.RELEASES[release]
-        return {"product": product, "edition": values["EditionID"] + "\n",
-                "currentBuildNumber": values["CurrentBuildNumber"] + "\n", "buildLabEx": values["BuildLabEx"] + "\n",
-                "bootenv": started_by}
+        return {"product": product, "edition": values["EditionID"], "currentBuildNumber": values["CurrentBuildNumber"],
+                "buildLabEx": values["BuildLabEx"], "bootenv": started_by}
 
     def test_folders_in_upper_case_on_ntfs(self):
         point = self.mount_at(WINDOWS, "Größe mit Leerzeichen")
@@ -71,17 +72,17 @@ class WindowsTest(GuestTest):
         os.mkdir(os.path.join(point, "Windows", "Panther"))
         with open(os.path.join(point, "Windows", "Panther", "setupact.log"), "wb") as log:
             log.write(SETUP_LOG.encode())
-        self.assertEqual(self.windows(point), self.expected("Windows 10", "Windows 10", "EFI\n"))
+        self.assertEqual(self.windows(point), self.expected("Windows 10", "Windows 10", "EFI"))
         self.assertRegex(self.vorlix("windows", point).stdout, r"(?m)^Started by +EFI$")
 
-    def test_the_hive_is_only_read(self):
+    def test_a_volume_that_cannot_be_written_is_enough(self):
         point = self.mount_at(WINDOWS, "windows")
         self.install(point, "Windows 10", "Windows", "System32")
-        self.vorlix("unmount", node(WINDOWS))
-        self.mount_at(WINDOWS, "windows", "-o", "ro")
-        self.assertEqual(self.windows(point), self.expected("Windows 10", "Windows 10"))
-        self.vorlix("unmount", node(WINDOWS))
-        self.mount_at(WINDOWS, "windows")  # what was installed is removed there
+        locked = self.path("locked")
+        os.mkdir(locked)
+        samples.run("mount", "--bind", point, locked)
+        samples.run("mount", "-o", "remount,bind,ro", locked)
+        self.assertEqual(self.windows(locked), self.expected("Windows 10", "Windows 10"))
 
     def test_an_installer_is_no_installed_windows(self):
         point = self.mount_at(INSTALLER, "installer")
