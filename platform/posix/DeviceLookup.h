@@ -18,7 +18,7 @@ namespace vorlix {
 inline std::string withoutDeviceFolders(std::string_view name) {
   constexpr std::string_view kDeviceFolder = "/dev/";
   constexpr std::string_view kPrefixedPath = "/dev//";
-  while (name.starts_with(kPrefixedPath)) name.remove_prefix(kDeviceFolder.size() - 1);
+  while (name.starts_with(kPrefixedPath)) name.remove_prefix(kDeviceFolder.size());
   return std::string(name);
 }
 
