@@ -17,6 +17,10 @@ import sys
 import tempfile
 import time
 
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(ROOT / "tests" / "integration"))
+from support import hives  # noqa: E402  (the path to it is set above)
+
 IMAGE_SIZE = 256 << 20
 ESP_FIRST, HFS_FIRST, WINDOWS_FIRST, WINDOWS_LAST = 40, 20520, 204800, 401407
 
@@ -99,6 +103,34 @@ def take_turns(title, programs, original, folder, runs, renew=False, ratios=True
         print(f"  {programs[0].label} : {program.label} = {programs[0].median() / program.median():.3f}")
 
 
+def listing(vorlix, original, folder, runs):
+    """The disks of this machine. lsblk tells less of each (no free space but of mounted ones, no files) and knows more."""
+    if shutil.which("lsblk") is None:
+        print("\nListing: not timed, lsblk is not installed")
+        return
+    take_turns("Listing the machine's disks",
+               [Program("vorlix list --all --json", [vorlix, "list", "--all", "--json"]),
+                Program("lsblk -J -O", ["lsblk", "-J", "-O"])], original, folder, runs)
+
+
+def windows(vorlix, original, folder, runs):
+    """The same hive for both. vorlix starts registry_lookup for each of four values; one export has them all."""
+    missing = [tool for tool in (*hives.NEEDED, "hivexregedit") if shutil.which(tool) is None]
+    companion = pathlib.Path(vorlix).parent / "tools" / "bin" / "registry_lookup"
+    if missing or not companion.exists():
+        print(f"\nWindows detection: not timed, there is no {', '.join(missing) or companion.name}")
+        return
+    volume = folder / "volume"
+    hive = volume / "Windows" / "System32" / "config" / "SOFTWARE"
+    hive.parent.mkdir(parents=True)
+    hives.make_software_hive(str(hive), hives.RELEASES["Windows 10"])
+    take_turns("Which Windows a volume holds",
+               [Program("vorlix windows", [vorlix, "windows", str(volume), "--json"]),
+                Program("hivexregedit --export", ["hivexregedit", "--export", str(hive),
+                                                  hives.CURRENT_VERSION.replace("/", "\\")])],
+               original, folder, runs)
+
+
 def archives(program, fixture, records):
     """Decoding and encoding so many volume records, each an archive of its own, beside plistlib on the same bytes.
     plistlib stops at the property list; what the records are is not its business, so it does less."""
@@ -177,9 +209,10 @@ def main():
                     Program("vorlix --help", [vorlix, "--help"]), Program("true", ["true"])],
                    original, folder, options.runs, ratios=False)
 
-        root = pathlib.Path(__file__).resolve().parents[1]
+        listing(vorlix, original, folder, options.runs)
+        windows(vorlix, original, folder, options.runs)
         archives(pathlib.Path(vorlix).parent / "bench" / "ArchiveBench",
-                 root / "tests" / "data" / "archives" / "QDVolume-full-1.archive", 10000)
+                 ROOT / "tests" / "data" / "archives" / "QDVolume-full-1.archive", 10000)
 
         print("\nSystem calls of one run")
         if shutil.which("strace") is None:
