@@ -17,7 +17,7 @@
 
 namespace vorlix {
 class Disk;
-}
+}  // namespace vorlix
 
 // The fields' names, for hosts that keep records of their own. The archive has entries under the first six.
 VORLIX_EXPORT extern const char* const VolumeKindKey;       ///< "volumeKind"
