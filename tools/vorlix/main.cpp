@@ -15,7 +15,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.footer(
       "DISK is a block device (/dev/sda, sda), a disk-image file, or slice N of either as DISKsN (mac.imgs3).\n"
-      "Exit status: 0 nothing wrong or done, 1 a change is needed, 2 error.\n"
+      "Exit status: 0 nothing wrong or done, 1 a change is needed or the answer is no, 2 error.\n"
       "The library's log is /tmp/quandrel.log.");
 
   int status = kDone;
