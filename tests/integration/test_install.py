@@ -62,7 +62,8 @@ def exported_classes(header):
 
 def belongs_to(name, class_name):
     """Whether a symbol is a member of a class, or what the language keeps about it."""
-    return re.match(rf"(?:(?:vtable|typeinfo|typeinfo name) for )?{re.escape(class_name)}(?:::|$)", name) is not None
+    about = r"(?:(?:vtable|typeinfo|typeinfo name) for |non-virtual thunk to )?"
+    return re.match(rf"{about}{re.escape(class_name)}(?:::|$)", name) is not None
 
 
 @unittest.skipIf(sys.platform == "darwin", "reads ELF files and compares with sfdisk, which this system does not have")
@@ -230,7 +231,7 @@ class InstalledLibrary(unittest.TestCase):
         strong, vague = set(), set()
         for line in run("nm", "-D", "-C", "--defined-only", self.library).splitlines():
             kind, name = re.match(r"[0-9a-f]* +(\S) (.*)$", line).groups()
-            name = name.split("(")[0]
+            name = re.sub(r"\[abi:\w+\]", "", name.split("(")[0])
             if self.flags and name.startswith("__odr_asan"):
                 continue
             (vague if kind in "VWuvw" else strong).add(name)
