@@ -170,36 +170,7 @@ inline void checkFAT(const std::string& image, const TemporaryFolder& folder) {
 
 inline constexpr uid_t kOrdinaryUser = 65534;
 
-/// Runs `body` in a child process as an ordinary user (the super-user turns into "nobody") with a runtime folder of its
-/// own inside `folder`, which is given to that user with all that is in it. Failures of the child are this test's.
-template <typename Body>
-void asOrdinaryUser(const TemporaryFolder& folder, Body body) {
-  const std::string runtime = folder / "runtime";
-  std::filesystem::create_directory(runtime);
-  const bool isSuperUser = geteuid() == 0;
-  if (isSuperUser)
-    shell("chown -R " + std::to_string(kOrdinaryUser) + ":" + std::to_string(kOrdinaryUser) + " '" +
-          folder.path().string() + "'");
-  std::filesystem::permissions(runtime, std::filesystem::perms::owner_all);
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    if (isSuperUser && (setgid(kOrdinaryUser) != 0 || setuid(kOrdinaryUser) != 0)) _exit(2);
-    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
-    try {
-      body();
-    } catch (const std::exception& error) {
-      ADD_FAILURE() << error.what();
-    }
-    std::fflush(nullptr);
-    _exit(testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the part run as an ordinary user failed, see above";
-}
-
-/// Runs `body` in another process of the same user.
+/// Runs `body` in another process of the same user. Failures there are this test's.
 template <typename Body>
 void inAnotherProcess(Body body) {
   const pid_t child = fork();
@@ -216,6 +187,27 @@ void inAnotherProcess(Body body) {
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the other process failed, see above";
+}
+
+/// Runs `body` in another process as an ordinary user (the super-user turns into "nobody") with a runtime folder of its
+/// own inside `folder`, which is given to that user with all that is in it.
+template <typename Body>
+void asOrdinaryUser(const TemporaryFolder& folder, Body body) {
+  const std::string runtime = folder / "runtime";
+  std::filesystem::create_directory(runtime);
+  const bool isSuperUser = geteuid() == 0;
+  if (isSuperUser)
+    shell("chown -R " + std::to_string(kOrdinaryUser) + ":" + std::to_string(kOrdinaryUser) + " '" +
+          folder.path().string() + "'");
+  std::filesystem::permissions(runtime, std::filesystem::perms::owner_all);
+  inAnotherProcess([&] {
+    if (isSuperUser) {
+      ASSERT_EQ(setgid(kOrdinaryUser), 0);
+      ASSERT_EQ(setuid(kOrdinaryUser), 0);
+    }
+    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+    body();
+  });
 }
 
 }  // namespace vorlix::contract

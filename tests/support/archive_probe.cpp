@@ -20,63 +20,14 @@
 #include <stdexcept>
 #include <utility>
 
+#include "FilledVolume.h"
+
 namespace {
 
 using JSON = nlohmann::json;
-using Text = std::optional<std::string>;
-
-struct TextField {
-  const char* name;
-  Text (QDVolume::*get)() const;
-  void (QDVolume::*set)(Text);
-};
-
-constexpr TextField kTexts[] = {
-    {"filePath", &QDVolume::filePath, &QDVolume::setFilePath},
-    {"drivePath", &QDVolume::drivePath, &QDVolume::setDrivePath},
-    {"device", &QDVolume::device, &QDVolume::setDevice},
-    {"diskName", &QDVolume::diskName, &QDVolume::setDiskName},
-    {"vmUsername", &QDVolume::vmUsername, &QDVolume::setVmUsername},
-    {"vmPassword", &QDVolume::vmPassword, &QDVolume::setVmPassword},
-    {"humanSize", &QDVolume::humanSize, &QDVolume::setHumanSize},
-    {"fileSystemType", &QDVolume::fileSystemType, &QDVolume::setFileSystemType},
-    {"freeSpace", &QDVolume::freeSpace, &QDVolume::setFreeSpace},
-    {"totalSize", &QDVolume::totalSize, &QDVolume::setTotalSize},
-    {"volumeType", &QDVolume::volumeType, &QDVolume::setVolumeType},
-    {"mediaSize", &QDVolume::mediaSize, &QDVolume::setMediaSize},
-    {"installedOS", &QDVolume::installedOS, &QDVolume::setInstalledOS},
-    {"networkShare", &QDVolume::networkShare, &QDVolume::setNetworkShare},
-    {"bootResourcePath", &QDVolume::bootResourcePath, &QDVolume::setBootResourcePath},
-    {"bootMgrPath", &QDVolume::bootMgrPath, &QDVolume::setBootMgrPath},
-};
-
-struct FlagField {
-  const char* name;
-  bool (QDVolume::*get)() const;
-  void (QDVolume::*set)(bool);
-};
-
-constexpr FlagField kFlags[] = {
-    {"isBootable", &QDVolume::isBootable, &QDVolume::setIsBootable},
-    {"isRemovable", &QDVolume::isRemovable, &QDVolume::setIsRemovable},
-    {"isVM", &QDVolume::isVM, &QDVolume::setIsVM},
-    {"showLine", &QDVolume::showLine, &QDVolume::setShowLine},
-    {"hasWindows", &QDVolume::hasWindows, &QDVolume::setHasWindows},
-    {"hasWindows8orGreater", &QDVolume::hasWindows8orGreater, &QDVolume::setHasWindows8orGreater},
-    {"isWritable", &QDVolume::isWritable, &QDVolume::setIsWritable},
-};
-
-struct UUIDField {
-  const char* name;
-  std::optional<vorlix::UUID> (QDVolume::*get)() const;
-  void (QDVolume::*set)(std::optional<vorlix::UUID>);
-};
-
-constexpr UUIDField kUUIDs[] = {
-    {"volumeUUID", &QDVolume::volumeUUID, &QDVolume::setVolumeUUID},
-    {"mediaUUID", &QDVolume::mediaUUID, &QDVolume::setMediaUUID},
-    {"mediaContentUUID", &QDVolume::mediaContentUUID, &QDVolume::setMediaContentUUID},
-};
+using volume_test::flags;
+using volume_test::texts;
+using volume_test::uuids;
 
 std::string hexadecimal(const vorlix::Data& bytes) {
   constexpr const char* kDigits = "0123456789abcdef";
@@ -134,13 +85,13 @@ std::shared_ptr<QDVolume> recordOf(const JSON& json) {
   volume->setMbr(nullptr);
   for (const auto& [name, value] : json.items()) {
     bool known = false;
-    for (const TextField& field : kTexts) {
+    for (const auto& field : texts()) {
       if (name == field.name) ((*volume).*field.set)(value.get<std::string>()), known = true;
     }
-    for (const FlagField& field : kFlags) {
+    for (const auto& field : flags()) {
       if (name == field.name) ((*volume).*field.set)(value.get<bool>()), known = true;
     }
-    for (const UUIDField& field : kUUIDs) {
+    for (const auto& field : uuids()) {
       if (name == field.name) {
         ((*volume).*field.set)(vorlix::UUID::fromText(value.get<std::string>()).value());
         known = true;
@@ -165,11 +116,11 @@ std::shared_ptr<QDVolume> recordOf(const JSON& json) {
 
 JSON jsonOf(const QDVolume& volume) {
   JSON json;
-  for (const TextField& field : kTexts) {
+  for (const auto& field : texts()) {
     if (const auto text = (volume.*field.get)()) json[field.name] = *text;
   }
-  for (const FlagField& field : kFlags) json[field.name] = (volume.*field.get)();
-  for (const UUIDField& field : kUUIDs) {
+  for (const auto& field : flags()) json[field.name] = (volume.*field.get)();
+  for (const auto& field : uuids()) {
     if (const auto uuid = (volume.*field.get)()) json[field.name] = uuid->text();
   }
   if (const auto bytes = volume.mbr()) json["mbr"] = {{"hex", hexadecimal(*bytes)}};
