@@ -168,7 +168,7 @@ void addListCommands(CLI::App& app, int& status) {
   auto* const node = find->add_option("--node", finding->node, "By its device; also beside --media-uuid");
   label->excludes(uuid)->excludes(node);
   find->add_flag("--json", finding->json, "As JSON");
-  find->callback([finding, find, &status] {
+  find->callback([finding, &status] {
     if (finding->label.empty() && finding->mediaUUID.empty() && finding->node.empty()) {
       throw CLI::RequiredError("--label, --media-uuid or --node");
     }
