@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/NSNumber+HumanReadable.h>
+#include <Vorlix/platform/UserLocale.h>
 
 #include <iomanip>
 #include <locale>
 #include <sstream>
-#include <stdexcept>
 
 namespace {
 
@@ -21,25 +21,6 @@ bool isAtLeastOne(double quotient) {
   return quotient >= 1 && quotient < kBeyond;
 }
 
-std::string utf8(char32_t character) {
-  const auto byte = [&](char32_t lead, unsigned shift) {
-    return static_cast<char>(lead | (character >> shift & 0x3F));
-  };
-  if (character < 0x80) return {static_cast<char>(character)};
-  if (character < 0x800) return {static_cast<char>(0xC0 | character >> 6), byte(0x80, 0)};
-  return {static_cast<char>(0xE0 | character >> 12), byte(0x80, 6), byte(0x80, 0)};
-}
-
-// Through a locale object of its own: the process's is the host's.
-std::string decimalSeparator() {
-  try {
-    const std::locale numeric(std::locale::classic(), "", std::locale::numeric);
-    return utf8(static_cast<char32_t>(std::use_facet<std::numpunct<wchar_t>>(numeric).decimal_point()));
-  } catch (const std::runtime_error&) {
-    return ".";
-  }
-}
-
 std::string twoDecimals(double value) {
   constexpr int kDecimals = 2;
   std::ostringstream stream;
@@ -47,7 +28,7 @@ std::string twoDecimals(double value) {
   stream << std::fixed << std::setprecision(kDecimals) << value;
   std::string text = stream.str();
   const size_t point = text.find('.');
-  if (point != std::string::npos) text.replace(point, 1, decimalSeparator());
+  if (point != std::string::npos) text.replace(point, 1, vorlix::userDecimalSeparator());
   return text;
 }
 

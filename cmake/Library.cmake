@@ -36,9 +36,9 @@ list(APPEND VORLIX_SOURCES
      foundation/PropertyListFile.cpp
      foundation/Utf8.cpp)
 if(APPLE)
-  list(APPEND VORLIX_SOURCES platform/macos/HostBundle.cpp)
+  list(APPEND VORLIX_SOURCES platform/macos/HostBundle.cpp platform/macos/UserLocale.cpp)
 else()
-  list(APPEND VORLIX_SOURCES platform/linux/HostBundle.cpp)
+  list(APPEND VORLIX_SOURCES platform/linux/HostBundle.cpp platform/linux/UserLocale.cpp)
 endif()
 
 # Programs that are run.

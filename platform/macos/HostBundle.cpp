@@ -4,24 +4,15 @@
 #include <climits>
 
 #include "CFOwned.h"
+#include "CFValue.h"
 
 namespace vorlix {
-namespace {
-
-// Empty where the bytes are not UTF-8.
-CFOwned<CFStringRef> stringOf(const std::string& text) {
-  return CFOwned<CFStringRef>(CFStringCreateWithBytes(kCFAllocatorDefault, reinterpret_cast<const UInt8*>(text.data()),
-                                                      static_cast<CFIndex>(text.size()), kCFStringEncodingUTF8, false));
-}
-
-}  // namespace
-
 std::optional<std::string> MacHostBundle::pathForResource(const std::string& name, const std::string& type,
                                                           const std::string& directory) {
   const CFBundleRef bundle = CFBundleGetMainBundle();  // not owned
-  const auto nameText = stringOf(name);
-  const auto typeText = stringOf(type);
-  const auto directoryText = stringOf(directory);
+  const auto nameText = stringToCF(name);
+  const auto typeText = stringToCF(type);
+  const auto directoryText = stringToCF(directory);
   if (bundle == nullptr || !nameText || !typeText || !directoryText) return std::nullopt;
   // An empty type counts as none.
   const CFOwned<CFURLRef> url(CFBundleCopyResourceURL(bundle, nameText.get(), typeText.get(),
