@@ -72,7 +72,8 @@ class VORLIX_EXPORT KeyedArchiver {
   KeyedArchiver(const KeyedArchiver&) = delete;
   KeyedArchiver& operator=(const KeyedArchiver&) = delete;
 
-  /// The archive of one record, or of absent. @throws std::length_error if it is larger than KeyedUnarchiver takes.
+  /// The archive of one record, or of absent. @throws std::length_error if it is larger, or has more
+  /// values, than KeyedUnarchiver takes.
   static Data archivedDataWithRootObject(const std::shared_ptr<const Coding>& root);
 
   void encodeText(const std::optional<std::string>& text, const std::string& key);

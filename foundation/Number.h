@@ -3,6 +3,7 @@
 /// A number as a value.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <limits>
 #include <variant>
@@ -42,11 +43,18 @@ class Number {
   }
 
   friend bool operator==(const Number&, const Number&) = default;
-  friend bool operator<(const Number& left, const Number& right) { return left.value_ < right.value_; }
+  /// An order for containers: by kind, floating-point numbers then by their bits, so that each value has a place of its
+  /// own, one that is not a number included.
+  friend bool operator<(const Number& left, const Number& right) {
+    if (left.isDouble() && right.isDouble()) return left.bits() < right.bits();
+    return left.value_ < right.value_;
+  }
 
  private:
   template <typename Type>
   explicit Number(Type value) : value_(value) {}
+
+  uint64_t bits() const { return std::bit_cast<uint64_t>(std::get<double>(value_)); }
 
   std::variant<bool, int64_t, double> value_;
 };

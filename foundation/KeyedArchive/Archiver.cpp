@@ -257,11 +257,18 @@ class KeyedArchiver::State {
   std::map<std::shared_ptr<const void>, uint64_t> places_;
 };
 
+// What is larger than readers take helps nobody. A value takes a byte at least, so small archives need no count.
+static bool isReadable(const Data& file) {
+  if (file.size() > kArchiveLimits.bytes) return false;
+  if (file.size() <= kArchiveLimits.values) return true;
+  return isBoundedPropertyList(file, kArchiveLimits);
+}
+
 Data KeyedArchiver::archivedDataWithRootObject(const std::shared_ptr<const Coding>& root) {
   State state;
   KeyedArchiver coder(state);
   Data file = state.file(root ? state.record(root, coder) : kAbsent);
-  if (file.size() > KeyedUnarchiver::kLargestArchive) throw std::length_error("the archive is too large");
+  if (!isReadable(file)) throw std::length_error("the archive is too large");
   return file;
 }
 

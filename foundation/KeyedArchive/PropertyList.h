@@ -3,6 +3,7 @@
 // Ownership of property list nodes, and the guard before the parser.
 #pragma once
 
+#include <Vorlix/foundation/KeyedArchive.h>
 #include <plist/plist.h>
 
 #include <cstddef>
@@ -25,6 +26,10 @@ struct PropertyListLimits {
   size_t bytes = 0;   ///< of text and data in the tree, likewise
   unsigned depth = 0;
 };
+
+/// What is taken of an archive. A record's dictionary is the fourth value down; attributes add one for their arrays.
+inline constexpr PropertyListLimits kArchiveLimits = {KeyedUnarchiver::kMostValues, KeyedUnarchiver::kLargestArchive,
+                                                      16};
 
 /// Whether the bytes are a binary property list whose tree keeps to the limits. Values may be referred to several times
 /// in the file, but the parser copies them each time: a few hundred bytes could unfold to more than a machine holds. So

@@ -18,9 +18,6 @@ namespace {
 
 using archive::kClassKey;
 
-// A record's dictionary is the fourth value down; attributes add one for their arrays.
-constexpr unsigned kDeepestTree = 16;
-
 using ClassNames = std::set<std::string, std::less<>>;
 
 bool isOfType(plist_t node, plist_type type) {
@@ -98,7 +95,7 @@ class KeyedUnarchiver::State {
  public:
   explicit State(const Data& file) {
     if (file.size() > kLargestArchive) return;
-    root_ = parsePropertyList(file, {kMostValues, kLargestArchive, kDeepestTree});
+    root_ = parsePropertyList(file, kArchiveLimits);
     if (!isOfType(root_.get(), PLIST_DICT)) return;
     uint64_t version = 0;
     const plist_t versionNode = plist_dict_get_item(root_.get(), "$version");

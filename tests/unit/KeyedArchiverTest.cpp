@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <stdexcept>
+#include <utility>
 
 #include "support/ArchiveSample.h"
 
@@ -128,6 +130,19 @@ TEST(KeyedArchiverTest, EqualImmutableValuesAreStoredOnce) {
           "<string>same</string><true/><integer>1</integer>" + kSampleClass);
 }
 
+TEST(KeyedArchiverTest, ANumberThatIsNoneIsNotTakenForAnother) {
+  const auto archive = objectsOf([](KeyedArchiver& coder) {
+    coder.encodeNumber(Number::numberWithDouble(1.5), "a");
+    coder.encodeNumber(Number::numberWithDouble(std::numeric_limits<double>::quiet_NaN()), "b");
+    coder.encodeNumber(Number::numberWithDouble(0.0), "c");
+    coder.encodeNumber(Number::numberWithDouble(-0.0), "d");
+    coder.encodeNumber(Number::numberWithDouble(1.5), "e");
+  });
+  for (const auto& [key, place] : {std::pair("a", 2), {"b", 3}, {"c", 4}, {"d", 5}, {"e", 2}}) {
+    EXPECT_NE(archive.find(entry(key, uid(place))), std::string::npos) << key;
+  }
+}
+
 TEST(KeyedArchiverTest, TheSameGrowableTextIsStoredOnceAndAnEqualOneAgain) {
   const auto text = std::make_shared<const std::string>("x");
   const auto equal = std::make_shared<const std::string>("x");
@@ -208,6 +223,18 @@ TEST(KeyedArchiverTest, TextThatNoPropertyListHoldsIsMadeFit) {
   EXPECT_EQ(there("a\xFF"), "a\xEF\xBF\xBD");
   EXPECT_EQ(there("$null"), "$null");
   EXPECT_EQ(there(""), "");
+}
+
+TEST(KeyedArchiverTest, AnArchiveOfMoreValuesThanReadersTakeIsNotMade) {
+  const auto write = [](size_t count) {
+    return written([&](KeyedArchiver& coder) {
+      for (size_t i = 0; i < count; ++i) coder.encodeText(std::to_string(i), "key" + std::to_string(i));
+    });
+  };
+  EXPECT_THROW(write(KeyedUnarchiver::kMostValues / 2), std::length_error);  // each has a key, a reference and a text
+  const auto archive = write(KeyedUnarchiver::kMostValues / 4);
+  EXPECT_GT(archive.size(), KeyedUnarchiver::kMostValues);
+  EXPECT_TRUE(readBack(archive, [](KeyedUnarchiver& coder) { EXPECT_EQ(coder.decodeText("key7"), "7"); }));
 }
 
 TEST(KeyedArchiverTest, AnArchiveThatCouldNotBeReadIsNotMade) {
