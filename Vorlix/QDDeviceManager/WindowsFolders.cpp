@@ -35,10 +35,20 @@ std::optional<std::string> entryOf(const std::optional<std::string>& folder, std
 
 namespace vorlix {
 
+std::string pathOnVolume(const QDVolume& volume, std::string folder, std::initializer_list<const char*> names) {
+  const bool anySpelling = containsInAnyCase(volume.fileSystemType().value_or(""), "ntfs");
+  for (const char* name : names) {
+    const std::string path = appendPathComponent(folder, name);
+    const bool isThere = !anySpelling || FileManager::defaultManager()->fileExistsAtPath(path);
+    folder = isThere ? path : entryOf(folder, lowerCase(name)).value_or(path);
+  }
+  return folder;
+}
+
 BootFiles bootFilesOf(const QDVolume& volume) {
   const auto root = volume.filePath();
   if (!root) return {};
-  return {appendPathComponent(*root, "BOOT"), appendPathComponent(*root, "bootmgr")};
+  return {pathOnVolume(volume, *root, {"BOOT"}), pathOnVolume(volume, *root, {"bootmgr"})};
 }
 
 bool isBootPartition(const QDVolume& volume) {

@@ -5,12 +5,17 @@
 
 #include <Vorlix/foundation/Value.h>
 
+#include <initializer_list>
 #include <string>
 #include <utility>
 
 class QDVolume;
 
 namespace vorlix {
+
+/// The path of an item below a folder of a volume. Windows does not tell upper case from lower, but drivers for NTFS on
+/// some systems do: there a name that is not found as it stands is taken in the spelling that the volume has.
+std::string pathOnVolume(const QDVolume& volume, std::string folder, std::initializer_list<const char*> names);
 
 /// Where boot files are on a volume, if it has any. Both are empty for a volume without a mount path.
 struct BootFiles {

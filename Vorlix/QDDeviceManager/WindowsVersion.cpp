@@ -4,7 +4,7 @@
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDTaskHelper.h>
 #include <Vorlix/QDVolume.h>
-#include <Vorlix/foundation/Paths.h>
+#include <Vorlix/foundation/FileManager.h>
 #include <Vorlix/platform/HostBundle.h>
 #include <Vorlix/platform/Platform.h>
 
@@ -14,14 +14,13 @@
 
 #include "CaseFolding.h"
 #include "Messages.h"
+#include "WindowsFolders.h"
 
-using vorlix::appendPathComponent;
 using vorlix::tellDelegate;
 
 namespace {
 
 constexpr const char* kCurrentVersion = "Microsoft/Windows NT/CurrentVersion";
-constexpr const char* kSetupLog = "Windows/Panther/setupact.log";
 constexpr std::string_view kBootEnvironment = "Detected boot environment: ";
 
 struct Product {
@@ -81,14 +80,14 @@ vorlix::Dictionary QDDeviceManager::versionOfWindowsFromVolume(const std::shared
     return version;
   }
   const auto tool = vorlix::platform().hostBundle->pathForResource("registry_lookup", "", "tools/bin");
-  const std::string hive = appendPathComponent(*system32, "config/SOFTWARE");
+  const std::string hive = vorlix::pathOnVolume(*volume, *system32, {"config", "SOFTWARE"});
   const auto productName = registryValue(tool, hive, "ProductName");
   const std::string edition = registryValue(tool, hive, "EditionID").value_or("");
   version.set("edition", edition);
   version.set("buildLabEx", registryValue(tool, hive, "BuildLabEx").value_or(""));
   version.set("currentBuildNumber", registryValue(tool, hive, "CurrentBuildNumber").value_or(""));
 
-  const std::string setupLog = appendPathComponent(*root, kSetupLog);
+  const std::string setupLog = vorlix::pathOnVolume(*volume, *root, {"Windows", "Panther", "setupact.log"});
   if (vorlix::FileManager::defaultManager()->fileExistsAtPath(setupLog)) {
     version.set("bootenv", bootEnvironment(setupLog));
   }

@@ -40,8 +40,8 @@ def make_windows(add_cleanup, point, windows="Windows", system32="System32"):
     os.makedirs(os.path.join(point, windows, system32))
 
 
-def make_boot_partition(point):
-    os.makedirs(os.path.join(point, "BOOT"), exist_ok=True)
+def make_boot_partition(point, folder="BOOT"):
+    os.makedirs(os.path.join(point, folder), exist_ok=True)
     write_text(os.path.join(point, "bootmgr"), "the boot manager\n")
 
 
@@ -68,7 +68,7 @@ class VolumesTest(CommandTest):
         make_windows(cls.addClassCleanup, cls.points[PC_WINDOWS], "WINDOWS", "SYSTEM32")
         make_windows(cls.addClassCleanup, cls.points[OLD_WINDOWS])
         make_installer(cls.points[PC_INSTALLER])
-        make_boot_partition(cls.points[PC_BOOT])
+        make_boot_partition(cls.points[PC_BOOT], "Boot")  # as Windows' set-up spells it
         make_boot_partition(cls.points[OLD_BOOT])
         os.makedirs(os.path.join(cls.points[PC_LINUX], "Windows"), exist_ok=True)  # without System32
         cls.all = cls.list_of("--all")
@@ -123,7 +123,7 @@ class VolumesTest(CommandTest):
                          {name: expected.get(name) for name in self.order})
 
     def test_boot_files_are_on_the_boot_partition_of_the_same_disk(self):
-        expected = {PC_WINDOWS: os.path.join(self.points[PC_BOOT], "BOOT"),
+        expected = {PC_WINDOWS: os.path.join(self.points[PC_BOOT], "Boot"),
                     OLD_WINDOWS: os.path.join(self.points[OLD_BOOT], "BOOT"), PC_INSTALLER: "own"}
         self.assertEqual({name: self.volume(name)["bootFiles"] for name in self.order},
                          {name: expected.get(name) for name in self.order})
@@ -143,7 +143,7 @@ class VolumesTest(CommandTest):
         self.assertEqual([re.search(r"/dev/\S+", row).group() for row in rows], [node(name) for name in self.order])
         (row,) = [row for row in rows if f"{node(PC_WINDOWS)} " in row]
         cells = re.split(" {2,}", row.strip())
-        boot_files = os.path.join(self.points[PC_BOOT], "BOOT")
+        boot_files = os.path.join(self.points[PC_BOOT], "Boot")
         self.assertEqual(cells[:2] + cells[3:], [disks.PC_LABELS[2], node(PC_WINDOWS), "ntfs", "installed", boot_files,
                                                  self.points[PC_WINDOWS]])
 

@@ -203,6 +203,26 @@ TEST_F(DeviceManagerBootFilesTest, AloneItGetsThePathsOfItsOwn) {
   EXPECT_EQ(named("BOOTCAMP")->bootMgrPath(), windows + "/bootmgr");
 }
 
+TEST_F(DeviceManagerBootFilesTest, OfSeveralReservedPartitionsTheFirstInTheListIsTaken) {
+  const std::string first = addReserved("disk0s5", "first");
+  addReserved("disk0s2", "second");
+  EXPECT_EQ(named("BOOTCAMP")->bootResourcePath(), first + "/BOOT");
+  EXPECT_EQ(named("BOOTCAMP")->bootMgrPath(), first + "/bootmgr");
+}
+
+TEST_F(DeviceManagerBootFilesTest, AReservedPartitionWithWindowsIsNotTaken) {
+  addReserved("disk0s2", "reserved");
+  makeFolder("reserved/Windows/System32");
+  mountVolume("disk0s4", "Last", "ntfs");
+  EXPECT_EQ(named("BOOTCAMP")->bootResourcePath(), folder / "Last/BOOT");
+}
+
+TEST_F(DeviceManagerBootFilesTest, OnNTFSAnySpellingIsABootItem) {
+  addReserved("disk0s2", "reserved");
+  makeFolder("BOOTCAMP/Boot");
+  EXPECT_EQ(named("BOOTCAMP")->bootResourcePath(), std::nullopt);
+}
+
 TEST_F(DeviceManagerBootFilesTest, EachDiskHasItsOwnReservedPartition) {
   const std::string first = addReserved("disk0s2", "first");
   const std::string second = addReserved("disk1s1", "second");

@@ -81,6 +81,10 @@ TEST_F(DeviceManagerWindowsFoldersTest, OfSeveralSpellingsTheFirstEntryIsTaken) 
     }
   }
   EXPECT_EQ(QDDeviceManager::windowsFolderFromVolume(root), root + "/" + first);
+  // The other entries are there to be taken in its turn.
+  std::filesystem::remove(root + "/" + first);
+  EXPECT_NE(QDDeviceManager::windowsFolderFromVolume(root), root + "/" + first);
+  EXPECT_NE(QDDeviceManager::windowsFolderFromVolume(root), std::nullopt);
 }
 
 TEST_F(DeviceManagerWindowsFoldersTest, WhereNothingCanBeListedNothingIsFound) {
@@ -185,8 +189,33 @@ TEST_F(DeviceManagerSplitBootTest, DevicesWithoutAWholeDiskAreNotOnTheSameOne) {
   EXPECT_EQ(answer.text("bootFolderPath"), folder / "last/BOOT");
 }
 
-TEST_F(DeviceManagerSplitBootTest, TheBootManagersFileNeedNotExist) {
-  expectPathsOf("reserved", {withBoot("/dev/disk0s2", "reserved"), plain("/dev/disk0s1", "last")});
+TEST_F(DeviceManagerSplitBootTest, WithABootManagersFileTheAnswerIsTheSame) {
+  const Volumes list = {withBoot("/dev/disk0s2", "reserved"), plain("/dev/disk0s1", "last")};
+  expectPathsOf("reserved", list);
+  placeFile("reserved/bootmgr");
+  expectPathsOf("reserved", list);
+}
+
+TEST_F(DeviceManagerSplitBootTest, OnNTFSTheNamesAreTakenAsTheVolumeSpellsThem) {
+  makeFolder("reserved/Boot");
+  if (std::filesystem::exists(folder / "reserved/BOOT")) GTEST_SKIP() << "the file system does not tell case apart";
+  placeFile("reserved/BootMgr");
+  const auto reserved = makeVolume("/dev/disk0s2", folder / "reserved", "ntfs");
+  reserved->setDiskName("System Reserved");
+  const Volumes list = {reserved, plain("/dev/disk0s1", "last")};
+  const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", list);
+  EXPECT_EQ(answer.text("bootFolderPath"), folder / "reserved/Boot");
+  EXPECT_EQ(answer.text("bootmgrPath"), folder / "reserved/BootMgr");
+  makeFolder("reserved/BOOT");  // the name itself goes before any other spelling
+  EXPECT_EQ(manager->splitBootInfo("/dev/disk0s3", list).text("bootFolderPath"), folder / "reserved/BOOT");
+}
+
+TEST_F(DeviceManagerSplitBootTest, OnOtherFileSystemsTheNamesAreTakenAsTheyStand) {
+  makeFolder("reserved/Boot");
+  if (std::filesystem::exists(folder / "reserved/BOOT")) GTEST_SKIP() << "the file system does not tell case apart";
+  const auto reserved = makeVolume("/dev/disk0s2", folder / "reserved", "ext4");
+  reserved->setDiskName("System Reserved");
+  expectPathsOf("last", {reserved, plain("/dev/disk0s1", "last")});
 }
 
 TEST_F(DeviceManagerSplitBootTest, WithoutAReservedPartitionThePathsAreTheLastVolumes) {
@@ -201,6 +230,7 @@ TEST_F(DeviceManagerSplitBootTest, OfAnEmptyListBothPathsAreEmpty) {
 
 TEST_F(DeviceManagerSplitBootTest, OfAVolumeWithoutAPathTheBootManagersPathIsEmpty) {
   const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", {makeVolume("/dev/disk0s2")});
+  EXPECT_EQ(answer.text("bootFolderPath"), "");
   EXPECT_EQ(answer.text("bootmgrPath"), "");
 }
 

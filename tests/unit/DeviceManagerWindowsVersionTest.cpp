@@ -136,7 +136,7 @@ TEST_F(DeviceManagerWindowsVersionTest, AHostWithoutTheToolLeavesAllEmpty) {
     EXPECT_EQ(answer.text(key), "") << key;
   }
   EXPECT_THAT(asked, IsEmpty());
-  EXPECT_EQ(lastLine(), "Product: , Edition: ");
+  EXPECT_THAT(lines(), ElementsAre("Could not determine product name", "Product: , Edition: "));
 }
 
 TEST_F(DeviceManagerWindowsVersionTest, AToolElsewhereAmongTheResourcesIsNotTaken) {
@@ -153,6 +153,7 @@ TEST_F(DeviceManagerWindowsVersionTest, AToolThatCannotBeLaunchedLeavesAllEmpty)
   other.addResource("registry_lookup", "", "/Host/nowhere", "tools/bin");
   ScopedPlatform scope(other.platform());
   EXPECT_EQ(version().text("product"), "");
+  EXPECT_THAT(lines(), ElementsAre("Could not determine product name", "Product: , Edition: "));
 }
 
 TEST_F(DeviceManagerWindowsVersionTest, WithoutSystem32FourTextsAreEmptyAndNothingIsLogged) {
@@ -231,6 +232,19 @@ TEST_F(DeviceManagerWindowsVersionTest, TheSetupLogsPathIsNotSearchedInOtherCase
   if (std::filesystem::exists(root + "/windows/panther")) GTEST_SKIP() << "the file system does not tell case apart";
   EXPECT_FALSE(version().contains("bootenv"));
   EXPECT_THAT(grepped, IsEmpty());
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, OnNTFSHiveAndSetupLogAreFoundAsTheVolumeSpellsThem) {
+  setupLog("Detected boot environment: EFI\r\n");
+  std::filesystem::remove_all(root);
+  const std::string hive = placeFile("volume/WINDOWS/system32/CONFIG/software");
+  const std::string log = placeFile("volume/WINDOWS/PANTHER/SetupAct.log");
+  if (std::filesystem::exists(root + "/windows")) GTEST_SKIP() << "the file system does not tell case apart";
+  volume->setFileSystemType("ntfs");
+  EXPECT_EQ(version().text("bootenv"), "EFI");
+  ASSERT_EQ(asked.size(), 4U);
+  EXPECT_EQ(asked[0][0], hive);
+  EXPECT_THAT(grepped, ElementsAre(Lines{"boot environment", log}));
 }
 
 // ------------------------------------------------------------------------------------------------------------- product

@@ -86,9 +86,9 @@ std::string bootFilesText(const QDVolume& volume, const Volumes& all) {
     if (other->diskName() != kBootPartitionName || other->hasWindows()) continue;
     if (!other->filePath() || other->drivePath() != volume.drivePath()) continue;
     std::error_code unreadable;
-    if (*folder == appendPathComponent(*other->filePath(), "BOOT") && fs::is_directory(*folder, unreadable)) {
+    const std::string name = fs::path(*folder).filename();
+    if (*folder == appendPathComponent(*other->filePath(), name) && fs::is_directory(*folder, unreadable))
       return *folder;
-    }
   }
   return "none";
 }

@@ -62,7 +62,9 @@ int showWindows(const std::string& volume, bool json) {
   Dictionary version;
   {
     const LibraryLog log;
-    version = QDDeviceManager::sharedDeviceManager()->versionOfWindowsFromVolume(record);
+    const auto manager = QDDeviceManager::sharedDeviceManager();
+    record->setFileSystemType(manager->fileSystemTypeAtPath(folder));
+    version = manager->versionOfWindowsFromVolume(record);
   }
   if (json) {
     auto object = nlohmann::ordered_json::object();
