@@ -53,9 +53,8 @@ class VORLIX_EXPORT QDTaskWrapperWithBlocks : public vorlix::Object {
   /// checked.
   ///
   /// All four callbacks are required: calling one that is empty throws std::bad_function_call.
-  /// @param arguments  the executable's path, then its arguments. The list is shared, not copied, and read when a run
-  /// is
-  ///                   started.
+  /// @param arguments  the executable's path, then its arguments. The list is shared, not copied; a run reads it at its
+  /// start.
   static std::shared_ptr<QDTaskWrapperWithBlocks> initWithStartBlock(
       Block start, Block end, TextBlock output, TextBlock errorOutput,
       std::shared_ptr<const std::vector<std::string>> arguments);

@@ -36,6 +36,7 @@ inline constexpr const char* kDisksChangedNotification = "QDSDisksChanged";
 ///
 /// Archive: keys are a format between processes. What the archive keeps, and how, is asymmetric in places on purpose:
 ///
+// clang-format off
 /// | key | as | read back |
 /// |---|---|---|
 /// | mbr | bytes | growable copy |
@@ -43,10 +44,12 @@ inline constexpr const char* kDisksChangedNotification = "QDSDisksChanged";
 /// | filePath, device, drivePath, diskName, vmUsername, humanSize, freeSpace, totalSize | text | as it is |
 /// | usageDescription | styled text | as it is |
 /// | isVM | plain truth value | its value as a number object |
-/// | vmPassword | text: UTF-8 in base64 | never: the key looked up is the record's own password, which a new one has
-/// not | | fileSystemType | text | never: "MVMapName", which nobody writes, is asked for it | | isBootable, isRemovable
-/// | number object with a truth value | its truth value | | volumeUUID, mediaUUID, mediaContentUUID | UUID | as it is |
+/// | vmPassword | text: UTF-8 in base64 | never: the key looked up is the record's own password, which a new one has not |
+/// | fileSystemType | text | never: "MVMapName", which nobody writes, is asked for it |
+/// | isBootable, isRemovable | number object with a truth value | its truth value |
+/// | volumeUUID, mediaUUID, mediaContentUUID | UUID | as it is |
 /// | volumeType | not written | text |
+// clang-format on
 ///
 /// All other fields are not archived; a decoded record has them absent, false or 0, `mbr` included if it was absent. A
 /// copy's `mbr` and `partitionID` are archived as immutable bytes and text, others' as growable.
