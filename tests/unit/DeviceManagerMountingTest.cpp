@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "support/DeviceManagerFixture.h"
+#include "support/LostSession.h"
 
 namespace vorlix::test {
 namespace {
@@ -288,6 +289,21 @@ TEST_F(DeviceManagerMountingTest, RecordedUnmountIsTheLowByte) {
     EXPECT_EQ(other->unmountStatus(), one.status) << one.flag;
   }
   EXPECT_EQ(other->mountStatus(), 0);
+}
+
+TEST_F(DeviceManagerMountingTest, LoopWithoutSourcesIsNotRunForEver) {
+  const auto loop = std::make_shared<EmptyLoop>();
+  Platform platform = machine.platform();
+  platform.diskArbitration = std::make_shared<LostArbitration>();
+  platform.runLoops = loop;
+  const ScopedPlatform scope(platform);
+  EXPECT_NO_THROW(manager->mountDiskAtDevicePath("disk2s1", false));
+  EXPECT_EQ(manager->mountStatus(), -1);
+  EXPECT_GT(loop->runs, 0);
+  loop->runs = 0;
+  EXPECT_NO_THROW(manager->unmountDiskAtDevice("disk2s1"));
+  EXPECT_EQ(manager->unmountStatus(), -1);
+  EXPECT_GT(loop->runs, 0);
 }
 
 TEST_F(DeviceManagerMountingTest, MountAndUnmountFollowEachOther) {

@@ -232,6 +232,7 @@ TEST_F(DeviceManagerStartupDiskTest, ADeviceThatIsNoPlainWordIsNotGivenToTheShel
     for (const uint32_t code : {0U, 1U, 2U, 4U, 5U}) {
       const auto volume = makeVolume(std::string("/dev/") + name, "/Volumes/X", "ntfs");
       EXPECT_FALSE(manager->selectStartupDisk(volume, code, true)) << name << " " << code;
+      EXPECT_EQ(lastLine(), "Not setting startup disk: the device's name is not plain");
     }
   }
   EXPECT_EQ(shell(), Lines());

@@ -7,7 +7,8 @@
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/RunLoop.h>
 #include <Vorlix/platform/simulated/SimulatedHostBundle.h>
-#include <gtest/gtest.h>
+#include <Vorlix/platform/simulated/SimulatedMachine.h>
+#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -19,6 +20,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using testing::ElementsAre;
 using vorlix::Notification;
 using vorlix::NotificationCenter;
 
@@ -111,6 +113,39 @@ class QDVolumeSizeTest : public testing::Test {
 // What "wc -c" prints, without the blanks that some systems put before it.
 std::string trimmed(const std::string& text) {
   return text.substr(text.find_first_not_of(' '));
+}
+
+TEST_F(QDVolumeSizeTest, TheNotificationsNameIsWhatHostsListenTo) {
+  EXPECT_STREQ(vorlix::kDisksChangedNotification, "QDSDisksChanged");
+}
+
+// The sizes that are posted when the shell prints such pieces.
+class QDVolumeSizePiecesTest : public QDVolumeSizeTest {
+ protected:
+  std::vector<std::string> postedFor(const std::vector<std::string>& pieces) {
+    vorlix::SimulatedMachine machine;
+    vorlix::SimulatedRun run;
+    for (const std::string& piece : pieces) run.pieces.push_back({vorlix::SimulatedRun::Stream::output, piece});
+    machine.addProgram("/bin/sh", run);
+    const vorlix::ScopedPlatform scope(machine.platform());
+    volume = volumeAt("/images/win.gz");
+    volume->updateSize();
+    waitFor(volume);
+    return posted;
+  }
+
+  std::shared_ptr<QDVolume> volume;
+};
+
+TEST_F(QDVolumeSizePiecesTest, EachPieceReplacesTheOneBeforeAndIsPosted) {
+  EXPECT_THAT(postedFor({"12", "34\n"}), ElementsAre("-1", "12", "34\n"));
+  EXPECT_EQ(log(), "12\n34\n\n");
+}
+
+TEST_F(QDVolumeSizePiecesTest, APieceThatIsNoTextLeavesNoSizeAndIsPosted) {
+  EXPECT_THAT(postedFor({"12", "\xFF"}), ElementsAre("-1", "12", "absent"));
+  EXPECT_EQ(volume->totalSize(), std::nullopt);
+  EXPECT_EQ(log(), "12\n(null)\n");
 }
 
 TEST_F(QDVolumeSizeTest, TheCommandLinesHaveTwoBlanksBeforeTheQuotedPath) {

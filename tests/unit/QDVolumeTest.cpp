@@ -306,6 +306,7 @@ TEST(QDVolumeAtomicityTest, AGetterGivesAWholeValueWhileAnotherThreadReplacesIt)
   const AttributedString styled[] = {AttributedString(values[0]), AttributedString(values[1])};
   std::atomic<bool> done = false;
   std::atomic<size_t> broken = 0;
+  std::atomic<size_t> passes = 0;
   const auto isWhole = [&](const std::string& text) { return text == values[0] || text == values[1]; };
 
   const auto write = [&](int first) {
@@ -335,13 +336,18 @@ TEST(QDVolumeAtomicityTest, AGetterGivesAWholeValueWhileAnotherThreadReplacesIt)
       if (!isWhole(*volume->info()) || !isWhole(*volume->partitionID())) ++broken;
       const auto bytes = volume->mbr();
       if (!isWhole(std::string(bytes->begin(), bytes->end()))) ++broken;
+      ++passes;
     }
   };
   write(0);  // so that readers never see the values from before
   std::vector<std::thread> readers;
   for (int i = 0; i < 2; ++i) readers.emplace_back(read);
+  while (passes == 0) std::this_thread::yield();
+  const size_t before = passes;
   std::thread writer(write, 1);
-  write(0);
+  do {
+    write(0);
+  } while (passes == before);
   writer.join();
   done = true;
   for (std::thread& reader : readers) reader.join();

@@ -5,6 +5,7 @@
 #include <Vorlix/QDSUtilities/StatusTool.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <system_error>
 
@@ -34,6 +35,11 @@ class SIPTest : public FlatTest {
 };
 
 TEST_F(SIPTest, TheToolOfTheSystemIsAskedAndNoOther) {
+  setStatusToolPath("");
+  machine.addProgram("/usr/bin/csrutil", SimulatedRun{});
+  static_cast<void>(QDSUtilities::isSIPEnabled());
+  const bool isThere = access("/usr/bin/csrutil", F_OK) == 0;  // else nothing is run
+  EXPECT_EQ(machine.journal(), isThere ? Lines{"launch /usr/bin/csrutil status"} : Lines{});
   EXPECT_STREQ(kStatusToolPath, "/usr/bin/csrutil");
 }
 

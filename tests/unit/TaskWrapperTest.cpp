@@ -235,6 +235,17 @@ TEST_F(TaskWrapperTest, AProcessThatHoldsTheOutputDelaysTheEnd) {
   EXPECT_EQ(statusAtTheEnd(run), 0);
 }
 
+TEST_F(TaskWrapperTest, TheEndCallbackMayStartTheNextRun) {
+  Recorded run(childCommand(CHILD_PRINT, {"x"}));
+  run.onEnd = [&] {
+    if (run.count("end") == 1) run.wrapper->startProcess();
+  };
+  run.wrapper->startProcess();
+  ASSERT_TRUE(runUntil([&] { return run.count("end") == 2; }));
+  EXPECT_EQ(joined(run.output), "xx");
+  EXPECT_EQ(statusAtTheEnd(run), 0);  // not ended by the first run's stop
+}
+
 TEST_F(TaskWrapperTest, TheEndCallbackMayLetGoOfTheWrapper) {
   Recorded run(childCommand(CHILD_PRINT, {"x"}));
   const std::weak_ptr<QDTaskWrapperWithBlocks> watched = run.wrapper;
