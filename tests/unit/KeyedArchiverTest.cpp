@@ -138,7 +138,8 @@ TEST(KeyedArchiverTest, ANumberThatIsNoneIsNotTakenForAnother) {
     coder.encodeNumber(Number::numberWithDouble(-0.0), "d");
     coder.encodeNumber(Number::numberWithDouble(1.5), "e");
   });
-  for (const auto& [key, place] : {std::pair("a", 2), {"b", 3}, {"c", 4}, {"d", 5}, {"e", 2}}) {
+  using Entry = std::pair<const char*, size_t>;
+  for (const auto& [key, place] : {Entry("a", 2), Entry("b", 3), Entry("c", 4), Entry("d", 5), Entry("e", 2)}) {
     EXPECT_NE(archive.find(entry(key, uid(place))), std::string::npos) << key;
   }
 }
