@@ -179,6 +179,17 @@ class InFolders(LegacyBootTest):
                 self.assertNotIn("copying", output)
                 self.assertEqual(volumes.folder_tree(folder), tree)
 
+    def test_other_spellings_are_refused_where_the_volume_tells_them_apart(self):
+        for number, name in enumerate(("Boot", "BOOTMGR")):
+            with self.subTest(name=name):
+                tree = {**WINDOWS_TREE, name: b"Windows has one of them"}
+                folder = self.volume(tree, f"volume{number}")
+                if os.path.exists(os.path.join(folder, name.swapcase())):
+                    self.skipTest("the file system does not tell case apart")
+                self.refuse([folder, "--bcd", self.store], f"{folder}: holds {name}, which Windows takes for "
+                            f"{name.lower()}; nothing was copied")
+                self.assertEqual(volumes.folder_tree(folder), tree)
+
     def test_the_rules_for_what_is_missing_in_all_combinations(self):
         base = {"Windows": None, "Windows/Boot": None}
         pcat = (

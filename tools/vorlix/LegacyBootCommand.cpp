@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSUtilities.h>
+#include <strings.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -11,6 +12,7 @@
 #include "Failure.h"
 #include "Files.h"
 #include "LibraryLog.h"
+#include "Text.h"
 
 namespace vorlix::tool {
 namespace {
@@ -29,6 +31,20 @@ std::string folderOf(const std::string& volume) {
   return *path;
 }
 
+// Windows takes all spellings of a name for one. A driver that tells them apart would put "boot" beside "Boot", and
+// Windows would see only one of the two.
+void requireOneSpelling(const std::string& folder) {
+  std::error_code error;
+  for (const std::string copied : {"boot", "bootmgr"}) {
+    if (std::filesystem::exists(folder + "/" + copied, error)) continue;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+      const std::string name = entry.path().filename();
+      if (strcasecmp(name.c_str(), copied.c_str()) != 0) continue;
+      throw Failure(folder, "holds " + printable(name) + ", which Windows takes for " + copied, "nothing was copied");
+    }
+  }
+}
+
 void setUp(const LegacyBootOptions& options) {
   const std::string folder = folderOf(options.volume);
   std::error_code error;
@@ -39,6 +55,7 @@ void setUp(const LegacyBootOptions& options) {
     std::printf("%s is set up already (BOOT exists); nothing was copied\n", folder.c_str());
     return;
   }
+  requireOneSpelling(folder);
   const LibraryLog log;
   const int result = QDSUtilities::setupMBRBootFilesForDevice(URL::fileURLWithPath(folder),
                                                               std::filesystem::absolute(options.store).string());
