@@ -2,7 +2,7 @@
 #include "Volumes.h"
 
 #include <Vorlix/QDDeviceManager.h>
-#include <Vorlix/foundation/Paths.h>
+#include <Vorlix/QDDeviceManager/WindowsFolders.h>
 #include <Vorlix/platform/DiskArbitration.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -20,8 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
-
-constexpr const char* kBootPartitionName = "System Reserved";
 
 Json textJson(const std::optional<std::string>& text) {
   return text ? Json(*text) : Json();
@@ -83,12 +81,8 @@ std::string bootFilesText(const QDVolume& volume, const Volumes& all) {
   const std::optional<std::string> folder = volume.bootResourcePath();
   if (!folder) return "own";
   for (const auto& other : all) {
-    if (other->diskName() != kBootPartitionName || other->hasWindows()) continue;
-    if (!other->filePath() || other->drivePath() != volume.drivePath()) continue;
-    std::error_code unreadable;
-    const std::string name = fs::path(*folder).filename();
-    if (*folder == appendPathComponent(*other->filePath(), name) && fs::is_directory(*folder, unreadable))
-      return *folder;
+    const bool isBeside = other->drivePath() == volume.drivePath() && isBootPartition(*other);
+    if (isBeside && bootFilesOf(*other).folder == *folder) return *folder;
   }
   return "none";
 }
