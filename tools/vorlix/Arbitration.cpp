@@ -5,7 +5,9 @@
 #include <Vorlix/platform/RunLoop.h>
 
 #include <chrono>
+#include <filesystem>
 #include <memory>
+#include <system_error>
 #include <utility>
 
 #include "Failure.h"
@@ -70,6 +72,14 @@ std::optional<std::string> mountPointOf(const std::string& device) {
   const std::optional<URL> path = description->url(kDescriptionVolumePath);
   if (!path) return std::nullopt;
   return path->path();
+}
+
+std::string folderOfVolume(const std::string& volume, const std::string& state) {
+  std::error_code unreadable;
+  if (std::filesystem::is_directory(volume, unreadable)) return volume;
+  const std::optional<std::string> path = mountPointOf(volume);
+  if (!path) throw Failure(volume, "not mounted", state);
+  return *path;
 }
 
 std::optional<Dissenter> tryMount(const std::string& device, bool readWrite) {

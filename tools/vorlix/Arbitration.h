@@ -22,6 +22,10 @@ std::string wholeDiskNameOf(const std::string& device);
 /// Where the device's volume is mounted.
 std::optional<std::string> mountPointOf(const std::string& device);
 
+/// The folder that a person means by a volume: itself, or where that device's volume is mounted. Throws Failure, which
+/// says `state`, if it is neither.
+std::string folderOfVolume(const std::string& volume, const std::string& state = "nothing was written");
+
 /// Mounts or unmounts and waits. @return why it was refused; absent for success.
 std::optional<Dissenter> tryMount(const std::string& device, bool readWrite);
 std::optional<Dissenter> tryUnmount(const std::string& device);

@@ -22,15 +22,6 @@ struct LegacyBootOptions {
   std::string store;
 };
 
-// The volume's folder: as given, or where the device is mounted.
-std::string folderOf(const std::string& volume) {
-  std::error_code error;
-  if (std::filesystem::is_directory(volume, error)) return std::filesystem::absolute(volume).string();
-  const std::optional<std::string> path = mountPointOf(volume);
-  if (!path) throw Failure(volume, "not mounted");
-  return *path;
-}
-
 // Windows takes all spellings of a name for one. A driver that tells them apart would put "boot" beside "Boot", and
 // Windows would see only one of the two.
 void requireOneSpelling(const std::string& folder) {
@@ -46,7 +37,7 @@ void requireOneSpelling(const std::string& folder) {
 }
 
 void setUp(const LegacyBootOptions& options) {
-  const std::string folder = folderOf(options.volume);
+  const std::string folder = std::filesystem::absolute(folderOfVolume(options.volume)).string();
   std::error_code error;
   if (!std::filesystem::is_regular_file(options.store, error)) {
     throw Failure(options.store, "not a file; --bcd names the boot configuration store for legacy start");

@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <limits>
 #include <memory>
-#include <optional>
 #include <string>
 #include <system_error>
 
@@ -54,13 +53,7 @@ void showBootType(const std::string& disk) {
 }
 
 bool showBootable(const std::string& volume) {
-  std::error_code error;
-  std::string folder = volume;
-  if (!std::filesystem::is_directory(volume, error)) {
-    const std::optional<std::string> path = mountPointOf(volume);
-    if (!path) throw Failure(volume, "not mounted");
-    folder = *path;
-  }
+  const std::string folder = folderOfVolume(volume);
   if (access(folder.c_str(), X_OK) != 0) throw Failure::ofErrno(folder, errno);
   const auto record = QDVolume::init();
   record->setFilePath(folder);

@@ -6,7 +6,6 @@
 
 #include <charconv>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -40,16 +39,8 @@ bool isWindows11(const Dictionary& version) {
   return version.text("product") == "Windows 10" && parsed.ec == std::errc() && number >= kFirstBuild;
 }
 
-std::string folderOf(const std::string& volume) {
-  std::error_code unreadable;
-  if (std::filesystem::is_directory(volume, unreadable)) return volume;
-  const std::optional<std::string> path = mountPointOf(volume);
-  if (!path) throw Failure(volume, "not mounted", "nothing was read");
-  return *path;
-}
-
 int showWindows(const std::string& volume, bool json) {
-  const std::string folder = folderOf(volume);
+  const std::string folder = folderOfVolume(volume, "nothing was read");
   if (!QDDeviceManager::system32FolderFromVolume(folder)) {
     const bool isInstaller = QDDeviceManager::bootWIMFileFromVolume(folder).has_value();
     std::fprintf(stderr, "vorlix: %s: %s\n", volume.c_str(),
