@@ -62,6 +62,13 @@ std::string contentOf(const Dictionary& dictionary) {
   return content;
 }
 
+// What is larger than readers take helps nobody. A value takes a byte at least, so small archives need no count.
+bool isReadable(const Data& file) {
+  if (file.size() > kArchiveLimits.bytes) return false;
+  if (file.size() <= kArchiveLimits.values) return true;
+  return isBoundedPropertyList(file, kArchiveLimits);
+}
+
 }  // namespace
 
 // The objects collected so far, and the dictionary that takes the entries now.
@@ -256,13 +263,6 @@ class KeyedArchiver::State {
   std::map<std::vector<std::string>, uint64_t> classes_;
   std::map<std::shared_ptr<const void>, uint64_t> places_;
 };
-
-// What is larger than readers take helps nobody. A value takes a byte at least, so small archives need no count.
-static bool isReadable(const Data& file) {
-  if (file.size() > kArchiveLimits.bytes) return false;
-  if (file.size() <= kArchiveLimits.values) return true;
-  return isBoundedPropertyList(file, kArchiveLimits);
-}
 
 Data KeyedArchiver::archivedDataWithRootObject(const std::shared_ptr<const Coding>& root) {
   State state;
