@@ -34,12 +34,7 @@ class LookupTest(images.CommandTest):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.program = os.path.join(os.path.dirname(cls.vorlix), "tools", "bin", "registry_lookup")
-        if not os.path.exists(cls.program):
-            reason = "registry_lookup is not built"
-            if sys.platform == "darwin":  # where hivex may be left out
-                raise unittest.SkipTest(reason)
-            raise RuntimeError(reason)
+        cls.program = hives.companion(cls.vorlix)
 
     def run_program(self, *arguments, prefix=(), **options):
         options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}

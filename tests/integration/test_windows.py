@@ -4,7 +4,6 @@
 import json
 import os
 import shutil
-import sys
 import unittest
 
 from support import hives, images, volumes
@@ -41,12 +40,7 @@ class WindowsTest(volumes.VolumeTest):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.companion = os.path.join(os.path.dirname(cls.vorlix), "tools", "bin", "registry_lookup")
-        if not os.path.exists(cls.companion):
-            reason = "registry_lookup is not built"
-            if sys.platform == "darwin":  # where hivex may be left out
-                raise unittest.SkipTest(reason)
-            raise RuntimeError(reason)
+        hives.companion(cls.vorlix)
 
     def hive(self, values, name="hive"):
         return hives.make_software_hive(self.path(name), values)

@@ -293,10 +293,7 @@ TEST_F(DeviceManagerMountingTest, RecordedUnmountIsTheLowByte) {
 
 TEST_F(DeviceManagerMountingTest, LoopWithoutSourcesIsNotRunForEver) {
   const auto loop = std::make_shared<EmptyLoop>();
-  Platform platform = machine.platform();
-  platform.diskArbitration = std::make_shared<LostArbitration>();
-  platform.runLoops = loop;
-  const ScopedPlatform scope(platform);
+  const ScopedPlatform scope(withLostSession(machine.platform(), loop));
   EXPECT_NO_THROW(manager->mountDiskAtDevicePath("disk2s1", false));
   EXPECT_EQ(manager->mountStatus(), -1);
   EXPECT_GT(loop->runs, 0);

@@ -313,10 +313,7 @@ TEST_F(MountingTest, NamesAroundTheOldBufferSizeAreUnmountedWhole) {
 
 TEST_F(MountingTest, LoopWithoutSourcesIsNotRunForEver) {
   const auto loop = std::make_shared<EmptyLoop>();
-  Platform platform = machine.platform();
-  platform.diskArbitration = std::make_shared<LostArbitration>();
-  platform.runLoops = loop;
-  const ScopedPlatform scope(platform);
+  const ScopedPlatform scope(withLostSession(machine.platform(), loop));
   EXPECT_NO_THROW(EXPECT_EQ(mount_disk("disk2s1", 0), 0));
   loop->runs = 0;
   EXPECT_NO_THROW(EXPECT_EQ(unmount_disk("disk2s1"), -1));

@@ -6,7 +6,10 @@ Values are given as Python has them: str for REG_SZ, int for REG_DWORD, list of 
 or a pair (type, bytes) for anything else.
 """
 
+import os
 import struct
+import sys
+import unittest
 
 from support import hive, images
 
@@ -57,6 +60,17 @@ RELEASES = {
         "CurrentBuildNumber": "9600",
     },
 }
+
+
+def companion(vorlix):
+    """The program that the command line reads hives with. Skips the tests where it may be left out."""
+    program = os.path.join(os.path.dirname(vorlix), "tools", "bin", "registry_lookup")
+    if not os.path.exists(program):
+        reason = "registry_lookup is not built"
+        if sys.platform == "darwin":  # where hivex may be left out
+            raise unittest.SkipTest(reason)
+        raise RuntimeError(reason)
+    return program
 
 
 def utf16(text):

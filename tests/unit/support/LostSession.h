@@ -4,6 +4,7 @@
 #pragma once
 
 #include <Vorlix/platform/DiskArbitration.h>
+#include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/RunLoop.h>
 
 #include <chrono>
@@ -47,5 +48,11 @@ class EmptyLoop : public RunLoop, public RunLoops, public std::enable_shared_fro
 
   int runs = 0;
 };
+
+inline Platform withLostSession(Platform ports, const std::shared_ptr<EmptyLoop>& loop) {
+  ports.diskArbitration = std::make_shared<LostArbitration>();
+  ports.runLoops = loop;
+  return ports;
+}
 
 }  // namespace vorlix::test
