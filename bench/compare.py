@@ -104,7 +104,7 @@ def take_turns(title, programs, original, folder, runs, renew=False, ratios=True
 
 
 def listing(vorlix, original, folder, runs):
-    """The disks of this machine. lsblk tells less of each (no free space but of mounted ones, no files) and knows more."""
+    """The disks of this machine. lsblk has more columns and all devices; vorlix looks for Windows and boot files as well."""
     if shutil.which("lsblk") is None:
         print("\nListing: not timed, lsblk is not installed")
         return
