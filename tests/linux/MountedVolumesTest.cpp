@@ -34,12 +34,14 @@ class LinuxMountedVolumesTest : public testing::Test {
     for (const std::string& device : devices_) runCommand("losetup --detach " + device + " 2>&1", ok);
   }
 
-  /// Runs `body` where mounts are seen by nobody else and go with its end.
+  /// Runs `body` where mounts are seen by nobody else and go with its end, and the volumes that other tests mount at
+  /// the same time are not seen either.
   template <typename Body>
   void inOwnNamespace(Body body) const {
     inAnotherProcess([&] {
       if (unshare(CLONE_NEWNS) != 0) throw std::runtime_error("unshare");
       shell("mount --make-rprivate /");
+      shell("mkdir --parents /run/vorlix && mount -t tmpfs -o mode=755 none /run/vorlix");
       body();
     });
   }
@@ -251,8 +253,8 @@ TEST_F(LinuxMountedVolumesTest, ACoveredMountIsNoPlaceOfItsVolume) {
 
 TEST_F(LinuxMountedVolumesTest, WhatNoBlockDeviceIsUnderIsNotListed) {
   const std::string device = makeDevice("label");
-  const size_t before = volumes().size();
   inOwnNamespace([&] {
+    const size_t before = volumes().size();
     shell("mount -t tmpfs none '" + makeFolder("memory") + "'");
     shell("mount -t tmpfs " + device + " '" + makeFolder("named after a device") + "'");
     shell("mount -t tmpfs ntfs://disk4s1/Data '" + makeFolder("named as by a driver") + "'");
@@ -399,8 +401,8 @@ TEST_F(LinuxMountedVolumesTest, AForeignNTFSDriversVolumeStandsUnderItsOwnName) 
 
 TEST_F(LinuxMountedVolumesTest, OtherDriversWithoutADeviceAreNotListed) {
   if (const std::string reason = FuseDriver::unavailable(); !reason.empty()) GTEST_SKIP() << reason;
-  const size_t before = volumes().size();
   inOwnNamespace([&] {
+    const size_t before = volumes().size();
     const FuseDriver driver("user@server:/share", makeFolder("share"), FuseDriver::Sizes{1000, 200, 1024});
     EXPECT_EQ(volumes().size(), before);
     EXPECT_TRUE(driver.asked().empty()) << "it may be slow";
