@@ -253,6 +253,50 @@ class DamagedTables(BadInput):
         self.assertNotIn("\x07", result.stdout)
         self.assertNotIn("\nDisk        forged", result.stdout)
 
+    def test_the_name_of_a_file_cannot_command_the_terminal(self):
+        """In any command, whether it does what is asked or refuses it."""
+        name = "\x1b[2J\x07\nvorlix: forged\x9b"
+        disk = self.image(name=name + ".img")
+        volume = disk + "s3"
+        file = self.path(name + ".saved")
+        missing = self.path(name + " that is not there")
+        commands = [
+            ("show", disk),
+            ("check", disk, "--partition", WINDOWS),
+            (*self.hybrid_arguments(disk), "--dry-run"),
+            self.hybrid_arguments(disk),
+            ("identify", volume),
+            ("vbr", "save", volume, file),
+            ("vbr", "restore", file, volume, "--dry-run"),
+            ("vbr", "restore", file, volume),
+            ("boot-code", "save", disk, file + "2"),
+            ("boot-type", disk),
+            ("mount", volume),
+            ("unmount", volume),
+            ("efi", "mount", disk),
+            ("bcd", disk, "--partition", WINDOWS, "--template", missing, "--mode", "standard"),
+            ("legacy-boot", missing, "--bcd", missing),
+            ("image-size", missing),
+            ("archive", "show", missing),
+            ("bootable", missing),
+            ("windows", missing),
+            ("startup-disk", missing, "--dry-run"),
+            ("find", "--label", name),
+            ("find", "--node", missing),
+            ("run", "--", missing),
+            ("show", disk, name),
+            *(("show", missing), ("check", missing, "--partition", WINDOWS), self.hybrid_arguments(missing)),
+        ]
+        for command in commands:
+            with self.subTest(command=command[:2]):
+                result = self.vorlix_run(*command)
+                self.assertIn(result.returncode, (0, 1, 2), result.stderr)
+                shown = result.stdout + result.stderr
+                self.assertNotRegex(shown, "[\x00-\x08\x0b-\x1f\x7f\x80-\x9f]")
+                self.assertNotRegex(shown, "(?m)^vorlix: forged")
+                if command[0] != "boot-type":  # one word
+                    self.assertIn("forged", shown)
+
     def test_noise_behind_a_signature(self):
         noise = bytes((37 * i + i // 251) % 256 for i in range(64 * 512))
         for at in (512, 4096):

@@ -409,7 +409,7 @@ class AsRoot(RecordTest):
                 self.vorlix_refuses("vbr", "restore", self.saved(), device, saying=[device, "nothing was written"])
                 self.assertTrue(os.path.ismount(place))
             self.assertEqual(samples.read(device, 0, BOOT_AREA), boot_area)
-            images.run_tool("umount", place)
+            tools.unmount(place)
 
     def test_a_write_protected_device(self):
         target = self.target()

@@ -365,7 +365,7 @@ class AsRoot(LegacyBootTest):
             output = self.set_up_ok(device)  # the volume by its device
             self.assertIn(f"copying {place}/{PCAT} to {place}/boot\n", output)
             self.assertNotIn("copying", self.set_up_ok(place))
-            images.run_tool("umount", place)
+            tools.unmount(place)
             for path, content in set_up(WINDOWS_TREE).items():
                 if content is not None:
                     read = subprocess.run([images.tool("ntfscat"), device, path], capture_output=True, timeout=60,

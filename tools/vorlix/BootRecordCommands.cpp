@@ -17,6 +17,7 @@
 #include "Failure.h"
 #include "Files.h"
 #include "LibraryLog.h"
+#include "Text.h"
 
 namespace vorlix::tool {
 namespace {
@@ -88,7 +89,8 @@ void saveVBR(const SaveOptions& options) {
   if (readFile(options.file, kBootArea) != boot) {
     throw Failure(options.file, "does not hold what the device holds", "the device was not written");
   }
-  std::printf("Saved      bytes 84 to 8191 of %s in %s\n", options.device.c_str(), options.file.c_str());
+  std::printf("Saved      bytes 84 to 8191 of %s in %s\n", printable(options.device).c_str(),
+              printable(options.file).c_str());
 }
 
 // The library ends its process when it cannot open the disk with a shared lock.
@@ -110,7 +112,8 @@ void saveBootCode(const SaveOptions& options) {
   if (readFile(options.file, kBootArea) != sector) {
     throw Failure(options.file, "does not hold what the disk holds", "the disk was not written");
   }
-  std::printf("Saved      the boot code (446 bytes) of %s in %s\n", options.device.c_str(), options.file.c_str());
+  std::printf("Saved      the boot code (446 bytes) of %s in %s\n", printable(options.device).c_str(),
+              printable(options.file).c_str());
 }
 
 struct RestoreOptions {
@@ -136,7 +139,8 @@ bool restoreVBR(const RestoreOptions& options) {
   ByteVector after = before;
   std::copy(saved.begin(), saved.end(), after.begin() + kBootCodeOffset);
   if (options.dryRun) {
-    std::printf("Dry run: nothing is opened for writing.\n\n%s, bytes 84 to 8191:\n%s", options.device.c_str(),
+    std::printf("Dry run: nothing is opened for writing.\n\n%s, bytes 84 to 8191:\n%s",
+                printable(options.device).c_str(),
                 after == before ? "  no byte would change\n" : differenceText(before, after, 0).c_str());
     return after != before;
   }
@@ -146,7 +150,7 @@ bool restoreVBR(const RestoreOptions& options) {
     }
   }
   if (!options.backupFolder.empty()) {
-    std::printf("Saved      %s\n", saveBytes(options.backupFolder, options.device, 0, before).c_str());
+    std::printf("Saved      %s\n", printable(saveBytes(options.backupFolder, options.device, 0, before)).c_str());
     std::fflush(stdout);
   }
   const LibraryLog log;
@@ -155,7 +159,8 @@ bool restoreVBR(const RestoreOptions& options) {
   const char* const state = now == before ? "nothing was written" : "part of the boot area was written";
   if (result != 0) failWithLog(options.device, restoreReason(result), log, state);
   if (now != after) failWithLog(options.device, "the boot area is not what it should be", log, state);
-  std::printf("Restored   bytes 84 to 8191 of %s, read back; bytes 0 to 83 are its own\n", options.device.c_str());
+  std::printf("Restored   bytes 84 to 8191 of %s, read back; bytes 0 to 83 are its own\n",
+              printable(options.device).c_str());
   return true;
 }
 

@@ -13,6 +13,7 @@
 #include "Arbitration.h"
 #include "Backup.h"
 #include "Commands.h"
+#include "Complaint.h"
 #include "Failure.h"
 #include "Files.h"
 #include "Identity.h"
@@ -71,11 +72,9 @@ void warnOfOddSlots(const StoreOptions& options, const ByteVector& store) {
     if (!looksLikeIdentifierSlot(store, slot)) odd += (odd.empty() ? "" : ", ") + std::to_string(slot.offset);
   }
   if (odd.empty()) return;
-  std::fprintf(
-      stderr,
-      "vorlix: %s: warning: what stands at %s does not look like identifiers (a partition GUID, and a disk GUID "
-      "24 bytes on); is it the template for this mode?\n",
-      options.templateFile.c_str(), odd.c_str());
+  complain(options.templateFile + ": warning: what stands at " + odd +
+           " does not look like identifiers (a partition GUID, and a disk GUID 24 bytes on); is it the template for "
+           "this mode?");
 }
 
 StorePlan planStore(const StoreOptions& options) {
@@ -99,8 +98,8 @@ StorePlan planStore(const StoreOptions& options) {
 
 void printDryRun(const StoreOptions& options, const StorePlan& plan) {
   std::printf("Dry run: nothing is mounted or opened for writing.\n\n");
-  std::printf("%s would become %s on slice 1 of %s, with\n", options.templateFile.c_str(), kStorePath + 1,
-              options.disk.c_str());
+  std::printf("%s would become %s on slice 1 of %s, with\n", printable(options.templateFile).c_str(), kStorePath + 1,
+              printable(options.disk).c_str());
   std::printf("  partition GUID  %s\n  disk GUID       %s\n", guidText(plan.identity.partitionGUID->data()).c_str(),
               guidText(plan.identity.diskGUID->data()).c_str());
   std::printf("in these places:\n%s", differenceText(plan.original, plan.store, 0).c_str());
@@ -116,7 +115,7 @@ std::optional<std::string> unmountIfMounted(const std::string& slice) {
 
 void unmountOrWarn(const std::string& slice) {
   if (const std::optional<std::string> reason = unmountIfMounted(slice)) {
-    std::fprintf(stderr, "vorlix: %s: stays mounted: %s\n", slice.c_str(), reason->c_str());
+    complain(slice + ": stays mounted: " + *reason);
   }
 }
 
@@ -132,7 +131,7 @@ class MountedEFI {
     try {
       unmountOrWarn(slice_);
     } catch (const std::exception& error) {
-      std::fprintf(stderr, "vorlix: %s\n", error.what());
+      complain(error.what());
     }
   }
   MountedEFI(const MountedEFI&) = delete;
@@ -154,7 +153,8 @@ void writeStore(const StoreOptions& options, const StorePlan& plan, const Librar
     }
     if (!options.backupFolder.empty() && std::filesystem::exists(store)) {
       const std::string name = std::filesystem::path(options.disk).filename().string() + "s1-BCD";
-      std::printf("Saved      %s\n", saveNamed(options.backupFolder, name, readFile(store, kLargestStore)).c_str());
+      std::printf("Saved      %s\n",
+                  printable(saveNamed(options.backupFolder, name, readFile(store, kLargestStore))).c_str());
       std::fflush(stdout);
     }
   }
@@ -172,7 +172,7 @@ void writeStore(const StoreOptions& options, const StorePlan& plan, const Librar
   if (readFile(efi.storePath(), kLargestStore) != plan.store) {
     throw Failure(options.disk, "the boot configuration store is not what it should be", "it was written");
   }
-  std::printf("Store      written to slice 1 of %s and read back\n", options.disk.c_str());
+  std::printf("Store      written to slice 1 of %s and read back\n", printable(options.disk).c_str());
   std::printf("Partition  %s\nDisk       %s\n", guidText(plan.identity.partitionGUID->data()).c_str(),
               guidText(plan.identity.diskGUID->data()).c_str());
 }

@@ -7,6 +7,7 @@
 #include "DiskTables.h"
 #include "Failure.h"
 #include "HybridPlan.h"
+#include "Text.h"
 
 namespace vorlix::tool {
 namespace {
@@ -19,7 +20,7 @@ struct CheckOptions {
 
 // Prints one finding and tells whether all is well with it.
 bool finding(const char* subject, bool right, const std::string& text) {
-  std::printf("%-12s %-6s  %s\n", subject, right ? "ok" : "change", text.c_str());
+  std::printf("%-12s %-6s  %s\n", subject, right ? "ok" : "change", printable(text).c_str());
   return right;
 }
 

@@ -41,7 +41,7 @@ std::string rowText(const Sector& sector, size_t offset, bool serialUnknown) {
 
 // The rows of 16 bytes that differ, old above new. Bytes that will be random stand as "??".
 void printDifference(const std::string& title, const Sector& before, const Sector& after, bool serialUnknown) {
-  std::printf("\n%s\n", title.c_str());
+  std::printf("\n%s\n", printable(title).c_str());
   for (size_t offset = 0; offset < before.size(); offset += kRowSize) {
     const std::string from = rowText(before, offset, false);
     const std::string to = rowText(after, offset, serialUnknown);
@@ -58,7 +58,7 @@ void printDryRun(const HybridPlan& plan) {
   if (plan.changesMBR()) {
     printDifference(plan.disk.device + ", sector 0 (boot code and MBR):", plan.disk.sector0, plan.newSector0(), false);
   } else {
-    std::printf("\n%s, sector 0: its slots are right, it stays as it is.\n", plan.disk.device.c_str());
+    std::printf("\n%s, sector 0: its slots are right, it stays as it is.\n", printable(plan.disk.device).c_str());
   }
   if (plan.patchesVolume) {
     printDifference(plan.volume + ", boot sector (hidden sectors at 01C, serial at 048; ?? are random bytes):",
@@ -102,17 +102,17 @@ std::string touchedText(const HybridPlan& plan, const Verification& now) {
 
 void saveBackup(const HybridPlan& plan, const std::string& folder) {
   if (plan.writesMBR()) {
-    std::printf("Saved      %s\n", saveBytes(folder, plan.disk.device, 0, plan.disk.sector0).c_str());
+    std::printf("Saved      %s\n", printable(saveBytes(folder, plan.disk.device, 0, plan.disk.sector0)).c_str());
   }
   if (plan.patchesVolume) {
-    std::printf("Saved      %s\n", saveBytes(folder, plan.volume, 0, plan.bootSector).c_str());
+    std::printf("Saved      %s\n", printable(saveBytes(folder, plan.volume, 0, plan.bootSector)).c_str());
   }
 }
 
 void printDone(const HybridPlan& plan) {
   if (plan.writesMBR()) {
     const Sector after = plan.newSector0();
-    std::printf("MBR        written to %s and read back\n", plan.disk.device.c_str());
+    std::printf("MBR        written to %s and read back\n", printable(plan.disk.device).c_str());
     if (!std::equal(after.begin() + 440, after.begin() + 444, plan.disk.sector0.begin() + 440)) {
       std::printf("Note       the disk signature at byte 440 now is that of the boot-code file\n");
     }
@@ -120,7 +120,8 @@ void printDone(const HybridPlan& plan) {
     std::printf("MBR        right already, not written\n");
   }
   if (plan.patchesVolume) {
-    std::printf("Volume     %s: hidden sectors %u and a new serial, read back\n", plan.volume.c_str(), plan.start);
+    std::printf("Volume     %s: hidden sectors %u and a new serial, read back\n", printable(plan.volume).c_str(),
+                plan.start);
   }
 }
 

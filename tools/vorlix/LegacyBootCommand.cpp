@@ -43,14 +43,14 @@ void setUp(const LegacyBootOptions& options) {
     throw Failure(options.store, "not a file; --bcd names the boot configuration store for legacy start");
   }
   if (std::filesystem::exists(folder + "/BOOT", error)) {
-    std::printf("%s is set up already (BOOT exists); nothing was copied\n", folder.c_str());
+    std::printf("%s is set up already (BOOT exists); nothing was copied\n", printable(folder).c_str());
     return;
   }
   requireOneSpelling(folder);
   const LibraryLog log;
   const int result = QDSUtilities::setupMBRBootFilesForDevice(URL::fileURLWithPath(folder),
                                                               std::filesystem::absolute(options.store).string());
-  std::printf("%s", log.text().c_str());
+  std::printf("%s", printableLines(log.text()).c_str());
   if (result != 0) {
     std::fflush(stdout);
     throw Failure(folder, "a copy failed",

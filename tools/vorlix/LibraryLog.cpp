@@ -3,12 +3,15 @@
 
 #include <cstdio>
 
+#include "Complaint.h"
+#include "Text.h"
+
 namespace vorlix::tool {
 namespace {
 
 LogCapture::File chooseFile() {
   if (canOpenLog()) return LogCapture::File::written;
-  std::fprintf(stderr, "vorlix: the log %s cannot be opened; going on without it\n", logFilePath().c_str());
+  complain("the log " + logFilePath() + " cannot be opened; going on without it");
   return LogCapture::File::leftAlone;
 }
 
@@ -18,7 +21,8 @@ LibraryLog::LibraryLog() : capture_(chooseFile()) {}
 
 void LibraryLog::print() const {
   const std::string& log = capture_.text();
-  std::fprintf(stderr, "The library's log of this run:\n%s%s", log.c_str(), log.ends_with('\n') ? "" : "\n");
+  std::fprintf(stderr, "The library's log of this run:\n%s%s", printableLines(log).c_str(),
+               log.ends_with('\n') ? "" : "\n");
 }
 
 }  // namespace vorlix::tool

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "Commands.h"
+#include "Complaint.h"
 #include "Failure.h"
 #include "Text.h"
 #include "Volumes.h"
@@ -113,8 +114,7 @@ int findVolume(const FindOptions& options) {
       volume = manager->volumeForLabel(options.label);
     }
   }
-  if (!volume)
-    std::fprintf(stderr, "vorlix: no FAT, exFAT or NTFS volume with %s is mounted\n", printable(what).c_str());
+  if (!volume) complain("no FAT, exFAT or NTFS volume with " + what + " is mounted");
   return showFound(volume, options.json);
 }
 
@@ -141,9 +141,8 @@ int showBootCamp(bool json) {
     volume = manager->builtInBootcampPartition();
   }
   if (!volume) {
-    std::fprintf(stderr, "vorlix: %s\n",
-                 log->foundSeveral() ? "more than one volume on internal disks could be it"
-                                     : "no NTFS or FAT volume of an internal disk is mounted");
+    complain(log->foundSeveral() ? "more than one volume on internal disks could be it"
+                                 : "no NTFS or FAT volume of an internal disk is mounted");
   }
   return showFound(volume, json);
 }

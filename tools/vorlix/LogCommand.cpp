@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "Commands.h"
+#include "Complaint.h"
 #include "Failure.h"
 #include "Text.h"
 
@@ -32,7 +33,7 @@ struct LogOptions {
   bool once = false;
 };
 
-// Messages may hold names from a disk; line feeds and tabs are the log's own.
+// Messages may hold names from a disk.
 class LogView {
  public:
   void show(std::string_view added) {
@@ -44,13 +45,7 @@ class LogView {
       held_ = "\xC2";
       text.pop_back();
     }
-    size_t start = 0;
-    while (start < text.size()) {
-      const size_t end = std::min(text.find_first_of("\n\t", start), text.size());
-      std::fputs(printable(text.substr(start, end - start)).c_str(), stdout);
-      if (end < text.size()) std::fputc(text[end], stdout);
-      start = end + 1;
-    }
+    std::fputs(printableLines(text).c_str(), stdout);
     std::fflush(stdout);
   }
 
@@ -159,7 +154,7 @@ void showLog(const LogOptions& options) {
   } else if (options.once) {
     throw Failure(path, "there is no log yet", kNothingShown);
   } else {
-    std::fprintf(stderr, "vorlix: %s: there is no log yet; waiting for it\n", path.c_str());
+    complain(path + ": there is no log yet; waiting for it");
   }
   if (!options.once) follow(path, std::move(file), view);
 }

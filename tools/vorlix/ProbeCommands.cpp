@@ -18,6 +18,7 @@
 #include "DiskTables.h"
 #include "Failure.h"
 #include "LibraryLog.h"
+#include "Text.h"
 
 namespace vorlix::tool {
 namespace {
@@ -86,7 +87,7 @@ bool showCaller(int process) {
     throw Failure(std::to_string(process), log.text(),
                   "no such process, it has ended, or its executable may not be read");
   }
-  std::printf("%d: %s\n", process, log.text().c_str());
+  std::printf("%d: %s\n", process, printable(log.text()).c_str());
   return false;
 }
 

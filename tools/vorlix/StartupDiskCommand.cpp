@@ -14,6 +14,7 @@
 
 #include "Arbitration.h"
 #include "Commands.h"
+#include "Complaint.h"
 #include "Failure.h"
 #include "Volumes.h"
 
@@ -80,8 +81,7 @@ uint32_t typeOf(const StartupOptions& options, const std::shared_ptr<QDVolume>& 
 void warnOfProtection(const std::string& device) {
   const auto manager = QDDeviceManager::sharedDeviceManager();
   if (!manager->isSIPEnabled() || manager->isOnStartupDisk(device)) return;
-  std::fprintf(stderr,
-               "vorlix: System Integrity Protection is on and may refuse a startup disk other than this system's\n");
+  complain("System Integrity Protection is on and may refuse a startup disk other than this system's");
 }
 
 void explainStatus(const StartupOptions& options, int status) {

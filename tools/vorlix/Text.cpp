@@ -164,6 +164,18 @@ std::string printable(const std::string& text) {
   return result;
 }
 
+std::string printableLines(const std::string& text) {
+  std::string result;
+  size_t start = 0;
+  while (start < text.size()) {
+    const size_t end = std::min(text.find_first_of("\n\t", start), text.size());
+    result += printable(text.substr(start, end - start));
+    if (end < text.size()) result += text[end];
+    start = end + 1;
+  }
+  return result;
+}
+
 std::string tableText(const std::vector<std::vector<std::string>>& rows, const std::string& alignment) {
   std::vector<size_t> widths(alignment.size());
   for (const auto& row : rows) {

@@ -38,6 +38,9 @@ std::string partitionName(const GPTEntry& entry);
 /// A text for the terminal: control characters, which a hostile disk could hold, become "?".
 std::string printable(const std::string& text);
 
+/// The same for lines that are not from the disk as such: their ends and tabs stay.
+std::string printableLines(const std::string& text);
+
 /// Rows of text as a table. Columns are as wide as their widest cell; those named in `rightAligned` (one character a
 /// column, 'r' or 'l') stand to the right.
 std::string tableText(const std::vector<std::vector<std::string>>& rows, const std::string& alignment);

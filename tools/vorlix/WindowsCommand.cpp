@@ -13,6 +13,7 @@
 
 #include "Arbitration.h"
 #include "Commands.h"
+#include "Complaint.h"
 #include "Failure.h"
 #include "LibraryLog.h"
 #include "Text.h"
@@ -43,8 +44,7 @@ int showWindows(const std::string& volume, bool json) {
   const std::string folder = folderOfVolume(volume, "nothing was read");
   if (!QDDeviceManager::system32FolderFromVolume(folder)) {
     const bool isInstaller = QDDeviceManager::bootWIMFileFromVolume(folder).has_value();
-    std::fprintf(stderr, "vorlix: %s: %s\n", volume.c_str(),
-                 isInstaller ? "no installed Windows, but its installer" : "no Windows");
+    complain(volume + ": " + (isInstaller ? "no installed Windows, but its installer" : "no Windows"));
     if (json) std::printf("null\n");
     return kChangeNeeded;
   }

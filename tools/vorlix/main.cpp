@@ -4,15 +4,21 @@
 #include <CLI/Formatter.hpp>
 #include <cstdio>
 #include <exception>
+#include <string>
 
 #include "Commands.h"
+#include "Complaint.h"
 #include "Failure.h"
+#include "Text.h"
 
 int main(int argc, char** argv) {
   using namespace vorlix::tool;
   CLI::App app("Partition tables and boot records of disks that hold Windows beside macOS.", "vorlix");
   app.set_version_flag("--version", "vorlix " VORLIX_VERSION);
   app.require_subcommand(1);
+  app.failure_message([](const CLI::App*, const CLI::Error& error) {
+    return "vorlix: " + printable(error.what()) + "\nRun with --help for more information.\n";
+  });
   app.footer(
       "DISK is a block device (/dev/sda, sda), a disk-image file, or slice N of either as DISKsN (mac.imgs3).\n"
       "Exit status: 0 nothing wrong or done, 1 a change is needed or the answer is no, 2 error.\n"
@@ -39,13 +45,8 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kDone : kError;
-  } catch (const Failure& failure) {
-    std::fflush(stdout);
-    std::fprintf(stderr, "vorlix: %s\n", failure.what());
-    return kError;
   } catch (const std::exception& error) {
-    std::fflush(stdout);
-    std::fprintf(stderr, "vorlix: %s\n", error.what());
+    complain(error.what());
     return kError;
   }
   // A table that did not reach its reader whole must not look like success.

@@ -8,6 +8,7 @@ import os
 import re
 import subprocess
 import tempfile
+import time
 import unittest
 
 from support import gpt, images
@@ -135,3 +136,15 @@ def loop_device(path, sector_size):
         yield device
     finally:
         images.run_tool("losetup", "--detach", device)
+
+
+def unmount(folder):
+    """Unmounts a volume of a driver's, which hears of a file's end only after the file is closed."""
+    end = time.monotonic() + 30
+    while True:
+        result = subprocess.run([images.tool("umount"), folder], capture_output=True, text=True, timeout=60)
+        if result.returncode == 0:
+            return
+        if "busy" not in result.stderr or time.monotonic() > end:
+            raise AssertionError(f"umount {folder}: {result.stderr}")
+        time.sleep(0.05)

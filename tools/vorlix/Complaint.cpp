@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Complaint.h"
+
+#include <cstdio>
+
+#include "Text.h"
+
+namespace vorlix::tool {
+
+void complain(const std::string& text) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "vorlix: %s\n", printable(text).c_str());
+}
+
+}  // namespace vorlix::tool
