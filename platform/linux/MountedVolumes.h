@@ -6,13 +6,12 @@
 namespace vorlix {
 
 /// First the block devices in the kernel's mount table, in its order, then this user's mirrored FAT volumes, in the
-/// order in which they were mirrored. File systems that no block device is under are left out: the kernel's own, those
-/// in memory, network shares, overlays.
+/// order in which they were mirrored: the kernel tells no times that the two could be put in one order by. File systems
+/// that no block device is under are left out: the kernel's own, those in memory, network shares, overlays.
 ///
 /// - The mount path is the first at which the volume's root is, or that of a subvolume. A mount that another one
-/// covers,
-///   and a folder that is mounted by itself, are no such place; a device that has only these has no path
-///   and no sizes.
+///   covers, and a folder that is mounted by itself, are no such place; a device that has only these has no path and
+///   no sizes.
 /// - `mountedFrom` is a name that disk arbitration resolves: the node as the mount names it, or the path of a disk
 ///   image (with "s" and the number of the slice) where its loop device was made for the mount alone. The exception are
 ///   volumes of a FUSE driver that names its source "ntfs:/...": they stand under that name.
