@@ -148,11 +148,9 @@ TEST_F(NativeChildProcess, AChildThatOutlivesItsHandleIsCollectedAtTheNextLaunch
 }
 
 TEST_F(NativeChildProcess, LettingGoOfARunningChildDoesNotWait) {
-  auto child = launch(behaviour(CHILD_STAY, {"", "2000"}));
-  const auto start = std::chrono::steady_clock::now();
+  auto child = launch(behaviour(CHILD_STAY, {"", "3000"}));
   child.reset();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(1000));
-  EXPECT_TRUE(test::hasChildren());
+  EXPECT_TRUE(test::hasChildren() && !test::hasZombie()) << "it has ended already";
   ASSERT_TRUE(comesTrue([] { return test::nothingIsLeftToCollect() && !test::hasChildren(); }));
 }
 

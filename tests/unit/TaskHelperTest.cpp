@@ -144,9 +144,8 @@ TEST_F(TaskHelperTest, WaitsForEveryoneWhoHoldsTheOutput) {
 }
 
 TEST_F(TaskHelperTest, DoesNotWaitForTheProgramAfterTheEndOfItsOutput) {
-  const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(child(CHILD_SLOW_EXIT, {"3000", "0"}), "");
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2900));
+  EXPECT_TRUE(hasChildren() && !hasZombie()) << "it has ended already";
   ASSERT_TRUE(comesTrue(hasZombie));
   EXPECT_TRUE(nothingIsLeftToCollect());
 }
