@@ -4,7 +4,6 @@
 import json
 import os
 import shutil
-import unittest
 
 from bed.guest import NOTES, OLD_PC, PC, VORLIX, GuestTest, node, read_text, write_text
 from support import hives, samples

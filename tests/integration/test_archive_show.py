@@ -9,7 +9,6 @@ import plistlib
 import random
 import subprocess
 import sys
-import unittest
 import uuid
 from plistlib import UID
 

@@ -12,7 +12,6 @@ import socket
 import struct
 import subprocess
 import sys
-import unittest
 
 from support import gpt, images, tools
 

@@ -10,7 +10,6 @@ import re
 import shutil
 import subprocess
 import sys
-import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 from support import images  # noqa: E402

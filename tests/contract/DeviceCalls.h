@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What tests of device files share: reading, and guards around calls that must not wait.
+#pragma once
+
+#include <chrono>
+
+#include "contract/DeviceWorlds.h"
+
+namespace vorlix::contract {
+
+inline Buffer readFrom(DeviceHandle& device, uint64_t offset, size_t count) {
+  Buffer bytes(count);
+  const ssize_t done = device.readAt(bytes.data(), count, offset);
+  if (done < 0) throw std::runtime_error(std::strerror(errno));
+  bytes.resize(static_cast<size_t>(done));
+  return bytes;
+}
+
+/// Runs out of a call that must not wait.
+class PromptnessCheck {
+ public:
+  ~PromptnessCheck() {
+    const auto passed = std::chrono::steady_clock::now() - start_;
+    EXPECT_LT(passed, std::chrono::seconds(5)) << "the call waited";
+  }
+
+ private:
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+/// Ends the process if a call hangs for good, with a signal that the test's report names.
+class HangGuard {
+ public:
+  HangGuard() { alarm(60); }
+  ~HangGuard() { alarm(0); }
+};
+
+}  // namespace vorlix::contract

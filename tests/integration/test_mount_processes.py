@@ -1,0 +1,167 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Mounting by several processes, by some that are killed, and by root with the kernel's file systems."""
+
+import contextlib
+import os
+import signal
+import subprocess
+import time
+import unittest
+
+from support import images, samples, tools, volumes
+from support.mounting import MISSING, TREE, MountTest, random_bytes
+
+
+@unittest.skipIf(MISSING, f"not installed: {MISSING}")
+class Killed(MountTest):
+    def run_and_kill(self, delay, *arguments):
+        """Starts the command line and kills it, and nothing but it, after a while. Returns whether it was running."""
+        with subprocess.Popen([*self.prefix(), self.vorlix, *arguments], stdin=subprocess.DEVNULL,
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL) as process:
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                process.wait(delay)
+                return False
+            process.send_signal(signal.SIGKILL)
+        return True
+
+    def test_a_folder_left_by_one_process_is_unmounted_by_another(self):
+        """Each command is a process of its own; the one that mounted has long ended."""
+        image = self.fat(tree={"a": b"1"})
+        folder = self.mount(image)
+        self.as_user("sh", "-c", 'printf 2 >"$1/a" && printf 3 >"$1/b"', "sh", folder)
+        self.unmount(image)
+        self.assert_volume(image, {"a": b"2", "b": b"3"})
+
+    def test_mounting_after_a_mount_that_was_killed(self):
+        image = self.fat(tree=TREE)
+        before = images.snapshot(image)
+        for milliseconds in (1, 5, 10, 20, 30, 50, 80):
+            with self.subTest(milliseconds=milliseconds):
+                self.run_and_kill(milliseconds / 1000, "mount", image)
+                folder = self.mount(image)
+                self.assertEqual(volumes.folder_tree(folder), TREE)
+                self.unmount(image)
+                self.assert_unchanged(image, before)
+
+    def test_unmounting_after_an_unmount_that_was_killed(self):
+        killed = 0
+        for milliseconds in (2, 10, 25, 40, 60, 90, 120, 160):
+            with self.subTest(milliseconds=milliseconds):
+                image = self.fat(f"{milliseconds}.img", tree=TREE)
+                tree = dict(TREE)
+                folder = self.mount(image)
+                for number in range(6):
+                    tree[f"new{number}"] = random_bytes(1 << 20, number)
+                    self.write(folder, f"new{number}", tree[f"new{number}"])
+                tree["README.TXT"] = b"changed"
+                self.write(folder, "README.TXT", b"changed")
+                del tree["empty"]
+                os.remove(os.path.join(folder, "empty"))
+                killed += self.run_and_kill(milliseconds / 1000, "unmount", image)
+                time.sleep(0.05)
+                result = self.vorlix_run("unmount", image)
+                if result.returncode != 0:  # it had come to its end
+                    self.assertIn("not mounted", result.stderr)
+                self.assert_volume(image, tree)
+        self.assertGreater(killed, 0)
+
+    def test_what_was_changed_after_an_unmount_that_was_killed_is_written_too(self):
+        image = self.fat(tree={"a": b"1", "b": b"2"})
+        folder = self.mount(image)
+        self.write(folder, "a", random_bytes(4 << 20))
+        self.run_and_kill(0.04, "unmount", image)
+        if not os.path.isdir(folder):
+            self.skipTest("unmounting was quicker than the signal")
+        self.write(folder, "b", b"3")
+        self.unmount(image)
+        self.assert_volume(image, {"a": random_bytes(4 << 20), "b": b"3"})
+
+    def test_commands_at_the_same_time(self):
+        image = self.fat(tree=TREE)
+        before = images.snapshot(image)
+        command = [*self.prefix(), self.vorlix, "mount", image]
+        processes = [subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                      stderr=subprocess.DEVNULL, text=True) for _ in range(4)]
+        answers = [process.communicate(timeout=60)[0] for process in processes]
+        self.assertEqual([process.returncode for process in processes], [0, 0, 0, 0])
+        self.assertEqual(len(set(answers)), 1, answers)
+        self.assertEqual(volumes.folder_tree(answers[0].strip()), TREE)
+        self.unmount(image)
+        self.assert_unchanged(image, before)
+        self.assert_nothing_mounted()
+
+
+@unittest.skipUnless(volumes.IS_ROOT, "mounting through the kernel needs root")
+class AsRoot(MountTest):
+    AS_ROOT = True
+
+    @unittest.skipIf(MISSING, f"not installed: {MISSING}")
+    def test_a_fat_volume(self):
+        """By the kernel where it has the file system, else by mirroring it."""
+        image = self.fat(tree={"a": b"1", "F": None})
+        folder = self.mount(image, "--read-write")
+        self.assertEqual(volumes.folder_tree(folder), {"a": b"1", "F": None})
+        self.write(folder, "F/b", b"2")
+        self.unmount(image)
+        self.assert_volume(image, {"a": b"1", "F": None, "F/b": b"2"})
+        self.assert_nothing_mounted()
+
+    def linux_volume(self, name="linux.img"):
+        image = self.path(name)
+        with open(image, "wb") as file:
+            file.truncate(8 << 20)
+        images.run_tool("mkfs.ext4", "-q", "-L", "LINUX", image)
+        return image
+
+    def assert_mountable(self):
+        if not os.path.exists("/dev/loop-control"):
+            self.skipTest("no /dev/loop-control on this machine")
+        with open("/proc/filesystems", encoding="ascii") as file:
+            if "\text4\n" not in file.read():
+                self.skipTest("the kernel has no ext4")
+
+    def test_a_volume_of_the_kernel_s(self):
+        self.assert_mountable()
+        image = self.linux_volume()
+        folder = self.mount(image, "--read-write")
+        self.addCleanup(self.vorlix_run, "unmount", image)
+        self.assertTrue(os.path.ismount(folder))
+        self.assertEqual(self.mount(image), folder)
+        self.write(folder, "file", b"written")
+        self.unmount(image)
+        self.assertFalse(os.path.exists(folder))
+        self.assert_nothing_mounted()
+        self.assertEqual(images.run_tool("debugfs", "-R", "cat file", image), "written")
+        images.run_tool("e2fsck", "-f", "-n", image)
+        self.assertEqual(images.run_tool("losetup", "--associated", image), "")
+
+    def test_a_volume_of_the_kernel_s_in_use(self):
+        self.assert_mountable()
+        image = self.linux_volume()
+        folder = self.mount(image, "--read-write")
+        self.addCleanup(self.vorlix_run, "unmount", image)
+        with open(os.path.join(folder, "open"), "wb"):
+            self.vorlix_refuses("unmount", image, saying=[image, "stays mounted"])
+            self.assertTrue(os.path.ismount(folder))
+        self.unmount(image)
+
+    def test_a_slice_of_a_loop_device(self):
+        self.assert_mountable()
+        image = volumes.make_mac(self.path("mac.img"))
+        volume = self.linux_volume()
+        samples.place(image, volume, volumes.WINDOWS.first)
+        with tools.loop_device(image, 512) as device:
+            name = device + "s3"
+            folder = self.mount(name, "--read-write")
+            self.addCleanup(self.vorlix_run, "unmount", name)
+            self.write(folder, "file", b"through a slice")
+            self.unmount(name)
+            self.assert_nothing_mounted()
+        content = samples.read(image, volumes.WINDOWS.first * 512, 8 << 20)
+        with open(volume, "wb") as file:
+            file.write(content)
+        self.assertEqual(images.run_tool("debugfs", "-R", "cat file", volume), "through a slice")
+
+
+if __name__ == "__main__":
+    images.main()

@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A FAT volume of an image file, mounted by an ordinary user as a mirror.
+#pragma once
+
+#include "contract/Volumes.h"
+
+namespace vorlix::contract {
+
+class MirroredVolume : public testing::Test {
+ protected:
+  void SetUp() override {
+    const std::string missing = missingTool({"sgdisk", "mkfs.vfat", "fsck.vfat", "mcopy"});
+    if (!missing.empty()) GTEST_SKIP() << missing;
+    makeFATImage(image_, 16, 16);
+    before_ = readText(image_);
+  }
+
+  /// As the user who mounts.
+  template <typename Body>
+  void asUser(Body body) const {
+    asOrdinaryUser(folder_, body);
+  }
+  std::string mounted() const { return mountPath(ports_, volume_); }
+  std::string mountIt(const Arguments& arguments = {}) const {
+    EXPECT_TRUE(granted(mountNow(ports_, volume_, arguments)));
+    return mounted();
+  }
+  std::optional<Dissenter> unmountIt() const { return unmountNow(ports_, volume_); }
+  std::string runtime() const { return folder_ / "runtime/vorlix"; }
+
+  /// A file with that content, to be copied onto the volume.
+  std::string volumeFile(const std::string& content) const {
+    writeText(folder_ / content, content);
+    return folder_ / content;
+  }
+
+  /// Everything outside the volume is as it was.
+  void expectRestOfDiskUntouched() const {
+    const std::string now = readText(image_);
+    ASSERT_EQ(now.size(), before_.size());
+    EXPECT_TRUE(now.compare(0, kVolumeOffset, before_, 0, kVolumeOffset) == 0);
+    const size_t end = kVolumeOffset + (size_t{16} << 20);
+    EXPECT_TRUE(now.compare(end, std::string::npos, before_, end, std::string::npos) == 0);
+  }
+
+  TemporaryFolder folder_;
+  const std::string image_ = folder_ / "mac.img";
+  const std::string volume_ = image_ + "s1";
+  const Platform ports_ = nativePlatform();
+  std::string before_;
+};
+
+}  // namespace vorlix::contract

@@ -1,0 +1,312 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What is not mirrored, and what is not written back: the reason is told, and all is kept.
+#include <sys/mman.h>
+
+#include "linux/MirroredVolumeFixture.h"
+
+namespace vorlix::contract {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST_F(MirroredVolume, AnOpenFileAMappedOneAndACurrentFolderKeepItBusy) {
+  asUser([&] {
+    const std::string path = mountIt();
+    writeText(path + "/new.txt", "new");
+    const fs::path here = fs::current_path();
+    fs::current_path(path + "/EFI");
+    EXPECT_TRUE(refused(unmountIt(), kDissentBusy, "in use"));
+    fs::current_path(here);
+    const int descriptor = open((path + "/EFI").c_str(), O_RDONLY | O_DIRECTORY);
+    EXPECT_TRUE(refused(unmountIt(), kDissentBusy, "in use"));
+    close(descriptor);
+    const int file = open((path + "/readme.txt").c_str(), O_RDONLY);
+    void* const mapped = mmap(nullptr, 7, PROT_READ, MAP_SHARED, file, 0);
+    close(file);
+    ASSERT_NE(mapped, MAP_FAILED);
+    EXPECT_TRUE(refused(unmountIt(), kDissentBusy, "in use"));
+    munmap(mapped, 7);
+    EXPECT_EQ(mounted(), path);
+    EXPECT_EQ(readText(path + "/new.txt"), "new");
+    EXPECT_TRUE(granted(unmountIt()));
+  });
+  EXPECT_EQ(fileOn(image_, "/new.txt"), "new");
+}
+
+TEST_F(MirroredVolume, AVolumeThatSomeoneElseChangedIsNotWrittenTo) {
+  std::string changed;
+  asUser([&] {
+    const std::string path = mountIt();
+    writeText(path + "/mine.txt", "mine");
+    writeText(folder_ / "theirs", "theirs");
+    mtools(image_, "mcopy", "'" + (folder_ / "theirs") + "' ::/theirs.txt");
+    changed = readText(image_);
+    EXPECT_TRUE(refused(unmountIt(), kDissentError, "someone else changed"));
+    EXPECT_EQ(mounted(), path);
+    EXPECT_EQ(readText(path + "/mine.txt"), "mine");
+    EXPECT_TRUE(readText(image_) == changed);
+    // Without changes of one's own there is nothing to write, and nothing to lose.
+    fs::remove(path + "/mine.txt");
+    EXPECT_TRUE(granted(unmountIt()));
+    EXPECT_TRUE(readText(image_) == changed);
+  });
+  EXPECT_EQ(fileOn(image_, "/theirs.txt"), "theirs");
+}
+
+TEST_F(MirroredVolume, AVolumeThatIsFullKeepsItsMirrorAndTakesTheRestLater) {
+  asUser([&] {
+    const std::string path = mountIt();
+    writeText(path + "/a small.txt", "small");
+    writeText(path + "/b big", std::string(20 << 20, 'b'));
+    EXPECT_TRUE(refused(unmountIt(), kDissentNoResources, "/b big could not be written: Disk full"));
+    EXPECT_EQ(mounted(), path);
+    EXPECT_EQ(fs::file_size(path + "/b big"), size_t{20} << 20);
+    expectRestOfDiskUntouched();
+    fs::remove(path + "/b big");
+    writeText(path + "/c later.txt", "later");
+    EXPECT_TRUE(granted(unmountIt()));
+  });
+  EXPECT_EQ(fileOn(image_, "/a small.txt"), "small");
+  EXPECT_EQ(fileOn(image_, "/c later.txt"), "later");
+  EXPECT_EQ(fileOn(image_, "/readme.txt"), "read me");
+  checkFAT(image_, folder_);
+}
+
+TEST_F(MirroredVolume, ADiskThatAnotherProcessLocksIsNotWrittenTo) {
+  asUser([&] {
+    const std::string path = mountIt();
+    writeText(path + "/new.txt", "new");
+    {
+      const OtherProcessLock lock(image_, DeviceLock::exclusive);
+      ASSERT_TRUE(lock.held());
+      EXPECT_TRUE(refused(unmountIt(), kDissentBusy));
+      EXPECT_TRUE(readText(image_) == before_);
+      EXPECT_EQ(readText(path + "/new.txt"), "new");
+    }
+    EXPECT_TRUE(granted(unmountIt()));
+  });
+  EXPECT_EQ(fileOn(image_, "/new.txt"), "new");
+}
+
+TEST_F(MirroredVolume, WhatAFATVolumeCannotHoldIsRefusedBeforeAnythingIsWritten) {
+  asUser([&] {
+    const std::string path = mountIt();
+    writeText(path + "/a first.txt", "first");
+    const std::map<std::string, std::string> bad = {
+        {"colon: name", "not allowed"},          {"question?", "not allowed"}, {"back\\slash", "not allowed"},
+        {"ends in a dot.", "ends in"},           {"aux.txt", "device"},        {"LPT1", "device"},
+        {"\xF0\x9F\x98\x80.txt", "basic plane"}, {"\xFF.txt", "UTF-8"},        {"README.TXT", "same name"},
+    };
+    for (const auto& [name, words] : bad) {
+      writeText(path + "/" + name, "x");
+      EXPECT_TRUE(refused(unmountIt(), kDissentUnsupported, words)) << name;
+      EXPECT_EQ(mounted(), path) << name;
+      fs::remove(path + "/" + name);
+    }
+    fs::create_symlink("readme.txt", path + "/link");
+    EXPECT_TRUE(refused(unmountIt(), kDissentUnsupported, "neither a file nor a folder"));
+    fs::remove(path + "/link");
+    fs::create_directory(path + "/huge");
+    writeText(path + "/huge/file", "");
+    fs::resize_file(path + "/huge/file", uint64_t{1} << 32);
+    EXPECT_TRUE(refused(unmountIt(), kDissentUnsupported, "too large"));
+    fs::remove_all(path + "/huge");
+    EXPECT_TRUE(readText(image_) == before_);
+    EXPECT_TRUE(granted(unmountIt()));
+  });
+  EXPECT_EQ(fileOn(image_, "/a first.txt"), "first");
+}
+
+TEST_F(MirroredVolume, AnImageThatCannotBeWrittenIsMountedForReadingOnly) {
+  fs::permissions(image_, fs::perms::owner_read);
+  asUser([&] {
+    EXPECT_TRUE(refused(mountNow(ports_, volume_, {"nobrowse", "rw"}), kDissentNotWritable));
+    EXPECT_EQ(mounted(), "");
+    const std::string path = mountIt();
+    EXPECT_EQ(readText(path + "/readme.txt"), "read me");
+    EXPECT_FALSE(std::ofstream(path + "/new.txt").is_open());
+    EXPECT_FALSE(std::ofstream(path + "/readme.txt").is_open());
+    EXPECT_TRUE(refused(mountNow(ports_, volume_, {"rw"}), kDissentNotWritable));
+    EXPECT_EQ(describe(ports_, volume_)->boolean(kDescriptionMediaWritable), false);
+    fs::permissions(path, fs::perms::owner_all);
+    writeText(path + "/new.txt", "new");
+    EXPECT_TRUE(refused(unmountIt(), kDissentNotWritable));
+    EXPECT_EQ(readText(path + "/new.txt"), "new");
+    fs::remove(path + "/new.txt");
+    EXPECT_TRUE(granted(unmountIt()));
+    EXPECT_FALSE(fs::exists(path));
+  });
+  EXPECT_TRUE(readText(image_) == before_);
+}
+
+TEST_F(MirroredVolume, AMirrorWhoseFolderWasRemovedIsNotMountedAndItsVolumeNotEmptied) {
+  asUser([&] {
+    const std::string path = mountIt();
+    fs::remove_all(path);
+    EXPECT_EQ(mounted(), "");
+    EXPECT_TRUE(refused(unmountIt(), kDissentNotMounted));
+    EXPECT_EQ(readText(mountIt() + "/readme.txt"), "read me");
+    EXPECT_TRUE(granted(unmountIt()));
+  });
+  EXPECT_TRUE(readText(image_) == before_);
+}
+
+TEST_F(MirroredVolume, AWriteBackThatWasCutOffIsTakenUpAgain) {
+  asUser([&] {
+    const std::string path = mountIt();
+    writeText(path + "/a.txt", "one");
+    writeText(path + "/readme.txt", "changed");
+    // A program in the place of mmd ends the process in the midst of writing back.
+    const std::string tools = folder_ / "tools";
+    fs::create_directory(tools);
+    writeText(tools + "/mmd", "#!/bin/sh\nkill -9 $PPID\n");
+    fs::permissions(tools + "/mmd", fs::perms::owner_all);
+    fs::remove_all(path + "/EFI");
+    fs::create_directory(path + "/new folder");
+    const pid_t child = fork();
+    if (child == 0) {
+      setenv("PATH", (tools + ":" + std::getenv("PATH")).c_str(), 1);
+      unmountIt();
+      _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    EXPECT_FALSE(readText(image_) == before_) << "it was not cut off in the midst";
+    EXPECT_EQ(mounted(), path);
+    EXPECT_TRUE(granted(unmountIt()));
+    EXPECT_EQ(mounted(), "");
+  });
+  EXPECT_EQ(fileOn(image_, "/a.txt"), "one");
+  EXPECT_EQ(fileOn(image_, "/readme.txt"), "changed");
+  EXPECT_EQ(mtools(image_, "mdir", "-b ::/").find("EFI"), std::string::npos);
+  checkFAT(image_, folder_);
+}
+
+TEST_F(MirroredVolume, AProgramThatFailsOrAnswersNonsenseIsARefusalThatLosesNothing) {
+  asUser([&] {
+    const std::string tools = folder_ / "tools";
+    const std::string search = std::getenv("PATH");
+    fs::create_directory(tools);
+    const auto replace = [&](const std::string& program, const std::string& script) {
+      writeText(tools + "/" + program, "#!/bin/sh\n" + script + "\n");
+      fs::permissions(tools + "/" + program, fs::perms::owner_all);
+      setenv("PATH", (tools + ":" + search).c_str(), 1);
+    };
+    const auto restore = [&] {
+      setenv("PATH", search.c_str(), 1);
+      fs::remove_all(tools);
+      fs::create_directory(tools);
+    };
+    setenv("PATH", tools.c_str(), 1);
+    EXPECT_TRUE(refused(mountNow(ports_, volume_), kDissentUnsupported, "not installed"));
+    replace("mcopy", "echo 'no such luck' >&2; exit 1");
+    EXPECT_TRUE(refused(mountNow(ports_, volume_), kDissentError, "no such luck"));
+    replace("mcopy", "exit 0");
+    EXPECT_TRUE(refused(mountNow(ports_, volume_), kDissentUnsupported));
+    restore();
+    replace("mattrib", "kill -9 $$");
+    EXPECT_TRUE(refused(mountNow(ports_, volume_), kDissentError));
+    restore();
+    EXPECT_EQ(mounted(), "");
+    EXPECT_EQ(shell("ls '" + runtime() + "'"), "");
+
+    const std::string path = mountIt();
+    writeText(path + "/readme.txt", "changed");
+    // Writes nothing, says that all went well, and hands out the old content.
+    replace("mcopy", "case \"$*\" in *-o*) exit 0;; esac; exec " + shell("command -v mcopy") + " \"$@\"");
+    EXPECT_TRUE(refused(unmountIt(), kDissentError, "reads back differently"));
+    restore();
+    EXPECT_EQ(readText(path + "/readme.txt"), "changed");
+    EXPECT_TRUE(granted(unmountIt()));
+  });
+  EXPECT_EQ(fileOn(image_, "/readme.txt"), "changed");
+}
+
+TEST_F(MirroredVolume, OtherFileSystemsNeedTheSuperUser) {
+  const std::string missing = missingTool({"mkntfs", "mkfs.ext4"});
+  if (!missing.empty()) GTEST_SKIP() << missing;
+  const std::string ntfs = folder_ / "ntfs.img";
+  const std::string ext4 = folder_ / "ext4.img";
+  writeImage(ntfs, {}, 16 << 20);
+  writeImage(ext4, {}, 16 << 20);
+  shell("mkntfs -F -q -L Windows '" + ntfs + "'");
+  shell("mkfs.ext4 -q '" + ext4 + "'");
+  asUser([&] {
+    EXPECT_TRUE(refused(mountNow(ports_, ntfs), kDissentNotPrivileged, "ntfs"));
+    EXPECT_TRUE(refused(mountNow(ports_, ext4), kDissentNotPrivileged, "ext4"));
+  });
+}
+
+TEST_F(MirroredVolume, AnUnknownArgumentIsRefused) {
+  asUser([&] {
+    EXPECT_TRUE(refused(mountNow(ports_, volume_, {"exec"}), kDissentBadArgument, "exec"));
+    EXPECT_EQ(mounted(), "");
+  });
+}
+
+TEST_F(MirroredVolume, AnImageThatCannotBeReadIsRefused) {
+  fs::permissions(image_, fs::perms::none);
+  asUser([&] {
+    EXPECT_TRUE(refused(mountNow(ports_, volume_), kDissentNotPrivileged));
+    EXPECT_TRUE(refused(unmountIt(), kDissentNotMounted));
+  });
+}
+
+TEST_F(MirroredVolume, ARuntimeFolderThatOthersCanReadIsNotUsed) {
+  asUser([&] {
+    fs::create_directory(runtime());
+    fs::permissions(runtime(), fs::perms::owner_all | fs::perms::others_read);
+    EXPECT_TRUE(refused(mountNow(ports_, volume_), kDissentNotPermitted, runtime()));
+    fs::remove_all(runtime());
+    fs::create_directory(folder_ / "elsewhere");
+    fs::create_directory_symlink(folder_ / "elsewhere", runtime());
+    EXPECT_TRUE(refused(mountNow(ports_, volume_), kDissentNotPermitted, runtime()));
+    EXPECT_TRUE(fs::is_empty(folder_ / "elsewhere"));
+  });
+}
+
+// ------------------------------------------------------------------------------------------------------ hostile disks
+
+TEST_F(MirroredVolume, AFileSystemLargerThanItsPartitionIsRefused) {
+  std::fstream image(image_, std::ios::in | std::ios::out | std::ios::binary);
+  image.seekp(kVolumeOffset + 19);  // the number of sectors, in 16 bits; then the one in 32
+  image.write("\x00\x00", 2);
+  image.seekp(kVolumeOffset + 32);
+  image.write("\x01\x80\x00\x00", 4);  // 32769 sectors in a partition of 32768
+  image.close();
+  asUser([&] {
+    EXPECT_TRUE(refused(mountNow(ports_, volume_), kDissentUnsupported, "larger than its partition"));
+    EXPECT_EQ(mounted(), "");
+  });
+}
+
+TEST_F(MirroredVolume, AFolderThatContainsItselfIsRefusedAtOnce) {
+  // The entry of EFI/Boot is made to lead to EFI: its first cluster is that of the "." entry in EFI.
+  std::string bytes = before_;
+  const size_t boot = bytes.find("BOOT       \x10", kVolumeOffset);
+  ASSERT_NE(boot, std::string::npos);
+  const size_t dot = bytes.rfind(".          \x10", boot);
+  ASSERT_NE(dot, std::string::npos);
+  bytes.replace(boot + 26, 2, bytes.substr(dot + 26, 2));
+  writeText(image_, bytes);
+  asUser([&] {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(refused(mountNow(ports_, volume_), kDissentUnsupported, "reached twice"));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_EQ(mounted(), "");
+  });
+}
+
+TEST_F(MirroredVolume, FilesThatClaimMoreThanTheVolumeHoldsAreRefused) {
+  std::string bytes = before_;
+  const size_t entry = bytes.find("README  TXT ", kVolumeOffset);
+  ASSERT_NE(entry, std::string::npos);
+  bytes.replace(entry + 28, 4, "\xFF\xFF\xFF\x7F");
+  writeText(image_, bytes);
+  asUser([&] { EXPECT_TRUE(refused(mountNow(ports_, volume_), kDissentUnsupported, "more than it holds")); });
+}
+
+}  // namespace
+}  // namespace vorlix::contract
