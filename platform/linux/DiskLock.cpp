@@ -12,6 +12,8 @@
 #include <tuple>
 #include <utility>
 
+#include "../posix/Descriptor.h"
+
 namespace vorlix {
 namespace {
 
@@ -60,7 +62,7 @@ std::shared_ptr<void> lockWholeDisk(const std::string& path, DeviceLock lock) {
     return nullptr;
   }
   const bool exclusive = lock == DeviceLock::exclusive;
-  int descriptor = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  int descriptor = aboveStandardStreams(open(path.c_str(), O_RDWR | O_CLOEXEC));
   const bool cannotBeWritten = descriptor < 0 && (errno == EACCES || errno == EPERM || errno == EROFS);
   // Those who only read may lock what they can only read.
   if (cannotBeWritten && !exclusive) descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);

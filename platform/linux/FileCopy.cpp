@@ -106,7 +106,7 @@ Failure copyFile(const std::string& source, const std::string& destination) {
   struct stat status = {};
   if (!from || fstat(from.get(), &status) != 0) return copyFailure(errno, source);
   if (!S_ISREG(status.st_mode)) return copyFailure(ENOTSUP, source);
-  Descriptor to(open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  Descriptor to(aboveStandardStreams(open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)));
   if (!to) return copyFailure(errno, destination);
   if (Failure failed = copyContent(from.get(), to.get(), source, destination)) return failed;
   if (close(to.release()) != 0) return copyFailure(errno, destination);  // some file systems write only now

@@ -24,7 +24,7 @@ uint32_t blockSizeOf(int descriptor, bool isImage) {
 
 std::optional<OpenedDevice> openLocation(const DeviceLocation& location, int flags) {
   OpenedDevice device;
-  device.descriptor = Descriptor(open(location.node.c_str(), flags | O_CLOEXEC));
+  device.descriptor = Descriptor(aboveStandardStreams(open(location.node.c_str(), flags | O_CLOEXEC)));
   if (!device.descriptor) return std::nullopt;
   const int descriptor = device.descriptor.get();
   const off_t size = lseek(descriptor, 0, SEEK_END);

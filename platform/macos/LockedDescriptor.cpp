@@ -11,6 +11,8 @@
 #include <tuple>
 #include <utility>
 
+#include "../posix/Descriptor.h"
+
 namespace vorlix {
 namespace {
 
@@ -33,7 +35,7 @@ class HeldFile {
   bool covers(DeviceLock wanted) const { return lock_ == DeviceLock::exclusive || wanted != DeviceLock::exclusive; }
   bool isFor(DeviceAccess wanted) const { return access_ == wanted; }
   bool allows(DeviceAccess wanted) const { return access_ == DeviceAccess::readWrite || isFor(wanted); }
-  int duplicate() const { return fcntl(descriptor_, F_DUPFD_CLOEXEC, 0); }
+  int duplicate() const { return fcntl(descriptor_, F_DUPFD_CLOEXEC, STDERR_FILENO + 1); }
 
  private:
   int descriptor_;
@@ -65,7 +67,7 @@ int openAtOnce(const std::string& path, DeviceAccess access, DeviceLock lock) {
   flags |= access == DeviceAccess::readWrite ? O_RDWR : O_RDONLY;
   if (lock == DeviceLock::exclusive) flags |= O_EXLOCK;
   if (lock == DeviceLock::shared) flags |= O_SHLOCK;
-  const int descriptor = open(path.c_str(), flags);
+  const int descriptor = aboveStandardStreams(open(path.c_str(), flags));
   if (descriptor < 0) return -1;
   const int status = fcntl(descriptor, F_GETFL);
   if (status < 0 || fcntl(descriptor, F_SETFL, status & ~O_NONBLOCK) != 0) return giveUp(descriptor);

@@ -3,6 +3,7 @@
 // Ownership of a file descriptor.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -39,5 +40,15 @@ class Descriptor {
  private:
   int number_ = -1;
 };
+
+/// Gives an open file that may be written to a number that no standard stream has: where a host has closed a stream,
+/// its number goes to the next file that is opened, and what is printed would go into that.
+/// @param descriptor  taken over; -1 for a file that could not be opened.
+/// @return -1 with `errno` set on failure.
+inline int aboveStandardStreams(int descriptor) {
+  if (descriptor < 0 || descriptor > STDERR_FILENO) return descriptor;
+  const Descriptor low(descriptor);
+  return fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+}
 
 }  // namespace vorlix

@@ -110,6 +110,27 @@ TEST_F(NativeDeviceFile, DescriptorsAreNotPassedToOtherPrograms) {
   EXPECT_GE(opened, 2U);
 }
 
+TEST_F(NativeDeviceFile, ADeviceNeverHasTheNumberOfAStandardStream) {
+  const std::string path = usualImage();
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    constexpr int kNotOpened = 100;
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) close(stream);
+    int taken = 0;
+    for (const DeviceLock lock : {DeviceLock::none, DeviceLock::exclusive}) {
+      const auto device = open(path, DeviceAccess::readWrite, lock);
+      if (!device) _exit(kNotOpened);
+      for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) taken += fcntl(stream, F_GETFD) >= 0;
+    }
+    _exit(taken);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "descriptors 0 to 2 of the device, after all three were closed";
+}
+
 TEST_F(NativeDeviceFile, ALockOnASliceLiesOnTheWholeDisk) {
   const std::string path = usualImage();
   auto slice = open(path + "s3", DeviceAccess::readWrite, DeviceLock::exclusive);

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "../StandardDescriptors.h"
 #include "Confinement.h"
 #include "Hive.h"
 #include "HiveFile.h"
@@ -32,16 +32,6 @@ constexpr const char* kHelp =
     "\n"
     "Upper and lower case are the same in names. A value that is not there prints nothing.\n"
     "Exit status: 0 printed or not there, 2 error.\n";
-
-// Descriptors 0 to 2 that the host closed are filled with what cannot be written to, so that no other file gets their
-// numbers and with them what is printed.
-void fillStandardDescriptors() {
-  int number = 0;
-  do {
-    number = open("/dev/null", O_RDONLY);
-  } while (number >= 0 && number <= STDERR_FILENO);
-  if (number >= 0) close(number);
-}
 
 // Whether both standard streams are one pipe or file. Its reader cannot tell a message from the value; a person at a
 // terminal can.
@@ -79,7 +69,7 @@ int lookUp(const std::string& hive, const std::string& key, const std::string& v
 }  // namespace
 
 int main(int argc, char** argv) {
-  fillStandardDescriptors();
+  vorlix::fillStandardDescriptors();
   const std::string_view option = argc == 2 ? argv[1] : "";
   if (option == "--help") return print(std::string(kUsage) + kHelp);
   if (option == "--version") return print("registry_lookup " VORLIX_VERSION "\n");

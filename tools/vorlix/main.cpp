@@ -6,6 +6,7 @@
 #include <exception>
 #include <string>
 
+#include "../StandardDescriptors.h"
 #include "Commands.h"
 #include "Complaint.h"
 #include "Failure.h"
@@ -13,6 +14,7 @@
 
 int main(int argc, char** argv) {
   using namespace vorlix::tool;
+  vorlix::fillStandardDescriptors();
   CLI::App app("Partition tables and boot records of disks that hold Windows beside macOS.", "vorlix");
   app.set_version_flag("--version", "vorlix " VORLIX_VERSION);
   app.require_subcommand(1);
