@@ -8,23 +8,28 @@
 
 namespace vorlix {
 
-/// A file URL, kept as the file-system path that it names.
+/// A file URL, kept as the file-system path that it names. Two are equal if their paths are.
 class URL {
  public:
   URL() = default;
 
-  static URL fileURLWithPath(std::string path) {
+  /// @param path         without a slash at its end, but for "/"; it may be relative.
+  /// @param isDirectory  whether the URL's own text ends with a slash, as that of a folder does.
+  static URL fileURLWithPath(std::string path, bool isDirectory = false) {
     URL url;
     url.path_ = std::move(path);
+    url.isDirectory_ = isDirectory;
     return url;
   }
 
   const std::string& path() const { return path_; }
+  bool hasDirectoryPath() const { return isDirectory_; }
 
-  friend bool operator==(const URL&, const URL&) = default;
+  friend bool operator==(const URL& left, const URL& right) { return left.path_ == right.path_; }
 
  private:
   std::string path_;
+  bool isDirectory_ = false;
 };
 
 }  // namespace vorlix

@@ -46,8 +46,9 @@ bool hasScheme(std::string_view text) {
 
 // A folder's URL ends in a slash, its path does not.
 URL pathURL(std::string path) {
+  const bool isDirectory = path.ends_with('/');
   while (path.size() > 1 && path.back() == '/') path.pop_back();
-  return URL::fileURLWithPath(std::move(path));
+  return URL::fileURLWithPath(std::move(path), isDirectory);
 }
 
 }  // namespace
@@ -75,6 +76,7 @@ std::string urlText(const URL& url) {
       text += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
     }
   }
+  if (url.hasDirectoryPath() && !text.ends_with('/')) text += '/';
   return text;
 }
 
@@ -96,10 +98,9 @@ std::optional<URL> urlOfText(std::string_view text, const URL* base) {
   if (!path) return std::nullopt;
   if (absolute) return pathURL(*path);
   if (path->empty()) return *base;
-  const std::filesystem::path above(base->path());
-  return pathURL((path->starts_with('/') ? std::filesystem::path(*path) : above.parent_path() / *path)
-                     .lexically_normal()
-                     .string());
+  const std::filesystem::path whole(base->path());
+  const std::filesystem::path folder = base->hasDirectoryPath() ? whole : whole.parent_path();
+  return pathURL((folder / *path).lexically_normal().string());  // an absolute path stands alone
 }
 
 }  // namespace vorlix::archive

@@ -110,7 +110,7 @@ void describeBlockSize(const DeviceLocation& location, const std::optional<Opene
 void describeVolume(const DeviceLocation& location, const std::optional<OpenedDevice>& device,
                     Dictionary& description) {
   const std::optional<VolumePlace> place = volumePlaceOf(location, device);
-  if (place) description.set(kDescriptionVolumePath, URL::fileURLWithPath(place->path));
+  if (place) description.set(kDescriptionVolumePath, URL::fileURLWithPath(place->path, true));
   const std::optional<VolumeFacts> facts = volumeFactsOf(location, device);
   std::optional<std::string> kind;
   if (facts) {

@@ -23,7 +23,7 @@ std::optional<Value> numberFromCF(CFNumberRef number) {
 std::optional<Value> locationFromCF(CFURLRef location) {
   std::array<uint8_t, PATH_MAX> path;
   if (!CFURLGetFileSystemRepresentation(location, true, path.data(), PATH_MAX)) return std::nullopt;
-  return URL::fileURLWithPath(reinterpret_cast<const char*>(path.data()));
+  return URL::fileURLWithPath(reinterpret_cast<const char*>(path.data()), CFURLHasDirectoryPath(location) != 0);
 }
 
 UUID identifierFromCF(CFUUIDRef identifier) {
@@ -65,8 +65,8 @@ struct Converter {
   }
   CFOwned<CFTypeRef> operator()(const URL& value) const {
     const auto* const path = reinterpret_cast<const uint8_t*>(value.path().data());
-    return CFOwned<CFTypeRef>(
-        CFURLCreateFromFileSystemRepresentation(kCFAllocatorDefault, path, sizeOf(value.path()), false));
+    return CFOwned<CFTypeRef>(CFURLCreateFromFileSystemRepresentation(kCFAllocatorDefault, path, sizeOf(value.path()),
+                                                                      value.hasDirectoryPath()));
   }
   CFOwned<CFTypeRef> operator()(const std::shared_ptr<const Dictionary>& value) const {
     return value ? CFOwned<CFTypeRef>(dictionaryToCF(*value).release()) : nullptr;

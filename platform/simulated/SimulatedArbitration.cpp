@@ -14,7 +14,7 @@ void describeVolume(const SimulatedVolume& volume, Dictionary& description) {
   description.set(kDescriptionVolumeName, volume.name);
   description.set(kDescriptionVolumeType, volume.kind);
   if (volume.uuid) description.set(kDescriptionVolumeUUID, *volume.uuid);
-  if (volume.mounted) description.set(kDescriptionVolumePath, URL::fileURLWithPath(volume.mountPath));
+  if (volume.mounted) description.set(kDescriptionVolumePath, URL::fileURLWithPath(volume.mountPath, true));
 }
 
 Dictionary describeDevice(const std::string& name, const SimulatedWindow& window, const SimulatedWhole& whole) {

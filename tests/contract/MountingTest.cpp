@@ -117,6 +117,7 @@ TEST_P(MountingContract, AVolumeIsMountedAndUnmounted) {
   ASSERT_FALSE(refused) << textOf(refused);
   const std::string path = mountPath(ports_, volume);
   ASSERT_NE(path, "");
+  EXPECT_TRUE(describe(ports_, volume)->url(kDescriptionVolumePath)->hasDirectoryPath());
   if (world_->isReal()) {
     EXPECT_EQ(readText(path + "/readme.txt"), "read me");
     EXPECT_EQ(readText(path + "/EFI/Boot/bootx64.efi"), "boot code");

@@ -104,6 +104,15 @@ TEST(KeyedArchiverTest, AFileURLIsPercentEncodedAndHasNoBase) {
                 "<string>file:///a%20b/%C3%A9%3B%3F%23%25</string>" + classNamed("NSURL") + kSampleClass);
 }
 
+TEST(KeyedArchiverTest, AFoldersURLEndsWithASlash) {
+  for (const auto& [path, text] : {std::pair("/Volumes/Disk", "file:///Volumes/Disk/"), std::pair("/", "file:///")}) {
+    EXPECT_EQ(objectsOf([&](KeyedArchiver& coder) { coder.encodeURL(URL::fileURLWithPath(path, true), "a"); }),
+              record(entry("a", uid(2)), 5) +
+                  object(entry("NS.base", uid(0)) + entry("NS.relative", uid(3)) + entry("$class", uid(4))) +
+                  "<string>" + text + "</string>" + classNamed("NSURL") + kSampleClass);
+  }
+}
+
 TEST(KeyedArchiverTest, EachClassIsDescribedOnce) {
   EXPECT_EQ(objectsOf([](KeyedArchiver& coder) {
               coder.encodeUUID(UUID(), "a");

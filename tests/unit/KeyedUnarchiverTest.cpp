@@ -214,9 +214,17 @@ TEST(KeyedUnarchiverTest, FileURLsBecomePaths) {
   EXPECT_EQ(urlFrom("file:///a?query#fragment")->path(), "/a");
 }
 
+TEST(KeyedUnarchiverTest, ASlashAtTheEndIsAFolders) {
+  EXPECT_TRUE(urlFrom("file:///Volumes/Disk/")->hasDirectoryPath());
+  EXPECT_TRUE(urlFrom("file:///")->hasDirectoryPath());
+  EXPECT_TRUE(urlFrom("a/", "file:///Volumes/")->hasDirectoryPath());
+  EXPECT_FALSE(urlFrom("file:///Volumes/Disk")->hasDirectoryPath());
+  EXPECT_EQ(*urlFrom("file:///Volumes/Disk/"), *urlFrom("file:///Volumes/Disk")) << "the place is the same";
+}
+
 TEST(KeyedUnarchiverTest, ARelativeURLIsResolved) {
-  EXPECT_EQ(urlFrom("Disk", "file:///Volumes/")->path(),
-            "/Disk");  // a path has no slash at its end to tell the folder by
+  EXPECT_EQ(urlFrom("Disk", "file:///Volumes/")->path(), "/Volumes/Disk");
+  EXPECT_EQ(urlFrom("Disk", "file:///Volumes")->path(), "/Disk");
   EXPECT_EQ(urlFrom("b/../c", "file:///Volumes/a")->path(), "/Volumes/c");
   EXPECT_EQ(urlFrom("/abs", "file:///Volumes/a")->path(), "/abs");
   EXPECT_EQ(urlFrom("", "file:///Volumes/a")->path(), "/Volumes/a");
