@@ -9,8 +9,8 @@ namespace vorlix {
 namespace fs = std::filesystem;
 
 std::shared_ptr<FileManager> FileManager::defaultManager() {
-  static const auto manager = std::make_shared<FileManager>();
-  return manager;
+  static const auto* const manager = new std::shared_ptr<FileManager>(std::make_shared<FileManager>());
+  return *manager;  // never destroyed: the shared device manager holds it for the process's life
 }
 
 bool FileManager::fileExistsAtPath(const std::string& path) {

@@ -7,8 +7,9 @@ namespace vorlix {
 namespace {
 
 Platform& current() {
-  static Platform instance = nativePlatform();
-  return instance;
+  static auto* const instance =
+      new Platform(nativePlatform());  // never destroyed, as what is shared needs it to the end
+  return *instance;
 }
 
 }  // namespace

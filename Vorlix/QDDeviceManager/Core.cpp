@@ -29,13 +29,14 @@ std::shared_ptr<QDDeviceManager> QDDeviceManager::init() {
 }
 
 std::shared_ptr<QDDeviceManager> QDDeviceManager::sharedDeviceManager() {
-  static const std::shared_ptr<QDDeviceManager> shared = [] {
+  // Never destroyed: what still runs when the process ends may ask for it.
+  static const auto* const shared = [] {
     const auto manager = init();
     manager->setFileManager(vorlix::FileManager::defaultManager());
     myObj = manager;
-    return manager;
+    return new std::shared_ptr<QDDeviceManager>(manager);
   }();
-  return shared;
+  return *shared;
 }
 
 bool QDDeviceManager::didUnmount() const {
