@@ -4,11 +4,11 @@
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDTaskHelper.h>
 #include <Vorlix/QDVolume.h>
-#include <Vorlix/foundation/FileManager.h>
 #include <Vorlix/platform/HostBundle.h>
 #include <Vorlix/platform/Platform.h>
 
 #include <array>
+#include <filesystem>
 #include <string_view>
 #include <system_error>
 
@@ -88,7 +88,8 @@ vorlix::Dictionary QDDeviceManager::versionOfWindowsFromVolume(const std::shared
   version.set("currentBuildNumber", registryValue(tool, hive, "CurrentBuildNumber").value_or(""));
 
   const std::string setupLog = vorlix::pathOnVolume(*volume, *root, {"Windows", "Panther", "setupact.log"});
-  if (vorlix::FileManager::defaultManager()->fileExistsAtPath(setupLog)) {
+  std::error_code unreadable;
+  if (std::filesystem::is_regular_file(setupLog, unreadable)) {  // of a pipe the search would wait for its other side
     version.set("bootenv", bootEnvironment(setupLog));
   }
   if (!productName) tellDelegate("Could not determine product name");

@@ -240,6 +240,30 @@ class Folders(WindowsTest):
         self.assertEqual(self.unknown(root, "its registry tells no product name"), NOTHING)
 
 
+    def test_a_setup_log_of_several_starts(self):
+        """The first is shown; the JSON has all that the log says from there."""
+        log = b"x Detected boot environment: EFI\r\ny Detected boot environment: BIOS\r\n"
+        root = self.put("root", {HIVE: self.hive_bytes("Windows 10"), SETUP_LOG: log})
+        self.assertRegex(self.vorlix_ok("windows", root).stdout, r"(?m)^Started by +EFI$")
+        self.assertEqual(self.windows(root)["bootenv"], "EFIy Detected boot environment: BIOS")
+
+    def test_a_pipe_in_the_place_of_the_setup_log(self):
+        root = self.put("root", {HIVE: self.hive_bytes("Windows 10"), os.path.dirname(SETUP_LOG): None})
+        os.mkfifo(os.path.join(root, SETUP_LOG))
+        self.assertEqual(self.windows(root), answer("Windows 10"))
+
+    @unittest.skipIf(volumes.missing("setpriv"), "setpriv is not installed")
+    def test_folders_that_may_not_be_read(self):
+        root = self.put("root", {HIVE: b""})
+        self.give(root, os.path.join(root, "Windows"))
+        for folder in (os.path.join(root, "Windows"), root):
+            os.chmod(folder, 0)
+            for options in ((), ("--json",)):
+                message = self.vorlix_refuses("windows", root, *options)
+                self.assertEqual(message.removeprefix(NO_LOG), f"vorlix: {folder}: Permission denied; nothing was read\n")
+            os.chmod(folder, 0o700)
+
+
 @unittest.skipIf(MISSING or MISSING_FOR_VOLUMES, f"not installed: {MISSING} {MISSING_FOR_VOLUMES}")
 class Volumes(WindowsTest):
     def test_a_mounted_volume_by_its_device_and_its_folder(self):

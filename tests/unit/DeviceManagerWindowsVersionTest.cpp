@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Which Windows a volume holds, as the host's registry tool and the setup log tell.
+#include <sys/stat.h>
+
+#include <filesystem>
 #include <map>
 
 #include "support/DeviceManagerFixture.h"
@@ -186,6 +189,17 @@ TEST_F(DeviceManagerWindowsVersionTest, TheBootEnvironmentIsWhatFollowsThePhrase
   EXPECT_THAT(grepped, ElementsAre(Lines{"boot environment", path}));
   // The output's line feed is gone already, its carriage return is not yet.
   EXPECT_THAT(lines(), ElementsAre(found + "EFI\r", "Product: , Edition: "));
+}
+
+TEST_F(DeviceManagerWindowsVersionTest, WhatIsNoFileIsNoSetupLog) {
+  std::filesystem::remove(setupLog("Detected boot environment: EFI"));
+  for (const bool isPipe : {true, false}) {
+    const std::string path = root + "/Windows/Panther/setupact.log";
+    ASSERT_EQ(isPipe ? mkfifo(path.c_str(), 0600) : mkdir(path.c_str(), 0700), 0);
+    EXPECT_FALSE(version().contains("bootenv"));
+    EXPECT_THAT(grepped, IsEmpty());
+    std::filesystem::remove(path);
+  }
 }
 
 TEST_F(DeviceManagerWindowsVersionTest, TheSetupLogIsReadAfterTheRegistry) {

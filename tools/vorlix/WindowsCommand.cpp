@@ -3,12 +3,17 @@
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/platform/HostBundle.h>
 #include <Vorlix/platform/Platform.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 #include "Arbitration.h"
@@ -31,6 +36,14 @@ constexpr Row kRows[] = {
     {"buildLabEx", "Build lab"}, {"bootenv", "Started by"},
 };
 
+// The setup log names the environment each time it is looked for, and the library hands on all that follows the first.
+std::string environmentText(const std::string& found) {
+  for (const char* name : {"BIOS", "EFI"}) {
+    if (found.starts_with(name)) return name;
+  }
+  return found;
+}
+
 // Its registry says 10.
 bool isWindows11(const Dictionary& version) {
   constexpr int kFirstBuild = 22000;
@@ -40,8 +53,17 @@ bool isWindows11(const Dictionary& version) {
   return version.text("product") == "Windows 10" && parsed.ec == std::errc() && number >= kFirstBuild;
 }
 
+// A folder that cannot be looked into would be taken for one without Windows.
+void requireReadable(const std::string& folder) {
+  std::error_code reason;
+  if (!std::filesystem::is_directory(folder, reason) && !reason) return;  // no folder, so nothing is in it
+  if (access(folder.c_str(), R_OK | X_OK) != 0) throw Failure(folder, std::strerror(errno), "nothing was read");
+}
+
 int showWindows(const std::string& volume, bool json) {
   const std::string folder = folderOfVolume(volume, "nothing was read");
+  requireReadable(folder);
+  if (const auto windows = QDDeviceManager::windowsFolderFromVolume(folder)) requireReadable(*windows);
   if (!QDDeviceManager::system32FolderFromVolume(folder)) {
     const bool isInstaller = QDDeviceManager::bootWIMFileFromVolume(folder).has_value();
     complain(volume + ": " + (isInstaller ? "no installed Windows, but its installer" : "no Windows"));
@@ -67,8 +89,9 @@ int showWindows(const std::string& volume, bool json) {
     std::printf("%s\n", object.dump(kIndent, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
   } else {
     for (const Row& row : kRows) {
-      const auto value = version.text(row.key);
-      if (value && !value->empty()) std::printf("%-10s %s\n", row.title, printable(*value).c_str());
+      std::string value = version.text(row.key).value_or("");
+      if (row.key == std::string_view("bootenv")) value = environmentText(value);
+      if (!value.empty()) std::printf("%-10s %s\n", row.title, printable(value).c_str());
     }
     if (isWindows11(version)) std::printf("%-10s Windows 11, which calls itself 10, by its build\n", "Release");
   }
