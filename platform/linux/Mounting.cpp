@@ -119,6 +119,15 @@ std::optional<std::string> nameInside(const std::string& whole, uint64_t offset)
   return std::nullopt;
 }
 
+// The folder of a mirror that was made of something else by that name.
+std::optional<std::string> orphanOf(const DeviceLocation& location, const std::optional<std::string>& key) {
+  const std::optional<std::string> name = bsdNameOf(location);
+  for (const KnownMirror& mirror : allMirrors()) {
+    if (mirror.state.device == name && mirror.key != key) return mirror.state.folder;
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 Refusal mountVolume(const std::string& device, const std::vector<std::string>& arguments) {
@@ -146,7 +155,12 @@ Refusal unmountVolume(const std::string& device) {
   if (!location) return dissenterFor(errno, device);
   const Mounted mounted = findMounts(*location, openLocation(*location, O_RDONLY));
   if (mounted.byKernel.empty() && !mounted.mirror) {
-    return Dissenter{kDissentNotMounted, device + " is not mounted"};
+    std::string text = device + " is not mounted";
+    // An image that was put in another one's place is another volume, however it is called.
+    if (const auto orphan = orphanOf(*location, mounted.mirrorKey)) {
+      text += "; what was mounted by that name was another image, whose files are kept in " + *orphan;
+    }
+    return Dissenter{kDissentNotMounted, text};
   }
   for (auto mount = mounted.byKernel.rbegin(); mount != mounted.byKernel.rend(); ++mount) {
     if (Refusal refusal = unmountByKernel(mount->path)) return refusal;

@@ -4,6 +4,7 @@
 import fcntl
 import os
 import random
+import shutil
 import subprocess
 import unittest
 
@@ -50,6 +51,21 @@ class Refused(MountTest):
                 self.assert_unchanged(name.removesuffix("s3"), before)
         self.vorlix_refuses("efi", "mount", image, saying=[image])
         self.assert_nothing_mounted()
+
+    def test_an_image_in_the_place_of_the_one_that_was_mounted(self):
+        """Nothing was written to the old one, and the new one is another volume: it is told where the files are."""
+        image = self.fat()
+        folder = self.mount(image, "--read-write")
+        self.write(folder, "new", b"kept")
+        self.give(shutil.copy(image, self.path("other.img")))
+        os.rename(self.path("other.img"), image)
+        before = images.snapshot(image)
+        self.vorlix_refuses("unmount", image, saying=[image, "not mounted", "another image", folder, "nothing was changed"])
+        self.assertEqual(volumes.folder_tree(folder)["new"], b"kept")
+        self.assert_unchanged(image, before)
+        shutil.rmtree(folder)
+        message = self.vorlix_refuses("unmount", image, saying=[image, "not mounted"])
+        self.assertNotIn("another image", message)
 
     def test_a_volume_that_is_not_mounted(self):
         image = self.fat()

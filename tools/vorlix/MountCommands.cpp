@@ -41,7 +41,12 @@ void mountAndTell(const std::string& device, bool readWrite) {
 
 void unmountOrFail(const std::string& device) {
   const std::string name = bsdNameOf(device);
-  if (!mountPointOf(name)) throw Failure(device, "not mounted", "nothing was changed");
+  if (!mountPointOf(name)) {
+    const std::optional<Dissenter> refusal = tryUnmount(name);
+    if (!refusal) return;  // mounted in the meantime
+    const std::string reason = reasonText(*refusal);
+    throw Failure(device, reason.ends_with("not mounted") ? "not mounted" : reason, "nothing was changed");
+  }
   if (QDDeviceManager::sharedDeviceManager()->unmountDiskAtDevice(name)) return;
   if (const std::optional<Dissenter> refusal = tryUnmount(name)) {
     throw Failure(device, reasonText(*refusal), "it stays mounted");
