@@ -104,6 +104,11 @@ class Measured(ImageSize):
     def test_zip(self):
         self.assert_size(self.zip("win.zip", {"win.img": b"x" * 123456}), "123456 bytes (123.46 KB)")
 
+    def test_an_encrypted_zip(self):
+        """unzip would ask the terminal for the password, and nobody would see the question."""
+        for name, members in (("win.zip", {"win.img": b"x" * 1000}), ("text.zip", {"a": b"text\n" * 100, "b": b""})):
+            self.assert_refused(self.zip(name, members, "-P", "password"), name, "encrypted")
+
     def test_a_stored_zip(self):
         self.assert_size(self.zip("win.zip", {"win.img": b"x" * 123456}, "-0"), "123456 bytes (123.46 KB)")
 

@@ -8,6 +8,7 @@
 #include <Vorlix/platform/RunLoop.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -84,10 +86,26 @@ void requireNoPattern(const std::string& file) {
                 kUntouched);
 }
 
-void requireUnzip() {
+std::string requiredUnzip() {
   const auto unzip = platform().hostBundle->pathForResource("unzip", "", "");
   if (!unzip) throw Failure("unzip", "needed for .zip images, but not among the resources of vorlix", kUntouched);
   requireHarmlessToTheShell(*unzip);
+  return *unzip;
+}
+
+// unzip asks the terminal for a password, in words that the library takes as its output, so that nobody sees why it
+// waits. Its list of an archive has a line for each member, in which the kind of an encrypted one is a capital letter.
+void requireNoPassword(const std::string& unzip, const std::string& file) {
+  const std::string command = "\"" + unzip + "\" -Z \"" + file + "\" 2>/dev/null";
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> list(popen(command.c_str(), "r"), pclose);
+  if (!list) throw Failure(unzip, std::strerror(errno), kUntouched);
+  constexpr size_t kLine = 1024;  // a longer line is that of a member whose name is long, and goes on as no other's
+  std::array<char, kLine> line;
+  const std::regex encrypted("^\\S+ +\\S+ \\S+ +[0-9]+ [BT]");
+  while (std::fgets(line.data(), kLine, list.get()) != nullptr) {
+    if (!std::regex_search(line.data(), encrypted)) continue;
+    throw Failure(file, "encrypted, and so cannot be unpacked without its password", kUntouched);
+  }
 }
 
 // A name that starts with a dash would be an option to the programs that unpack.
@@ -111,7 +129,7 @@ void measureImage(const std::string& file) {
   requireHarmlessToTheShell(file);
   if (extension == "zip") {
     requireNoPattern(file);
-    requireUnzip();
+    requireNoPassword(requiredUnzip(), unmistakable(file));
   }
 
   const LibraryLog log;
