@@ -2,11 +2,11 @@
 #include <Vorlix/QDDiskHelper.h>
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/QDVolume.h>
-#include <Vorlix/foundation/Paths.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 
+#include "QDDeviceManager/WindowsFolders.h"
 #include "QDDiskHelper/BootFiles.h"
 #include "QDSDiskFunctions/DeviceStreams.h"
 #include "QDSDiskFunctions/SystemLog.h"
@@ -24,12 +24,13 @@ bool exists(const std::string& path) {
 
 }  // namespace
 
-std::array<std::string, 4> vorlix::bootFilePaths(const std::string& root) {
+std::array<std::string, 4> vorlix::bootFilePaths(const QDVolume& volume) {
+  const std::string root = volume.filePath().value_or("");
   return {
-      vorlix::appendPathComponent(vorlix::appendPathComponent(root, "System"), "Library"),
-      vorlix::appendPathComponent(vorlix::appendPathComponent(root, "com.apple.recovery.boot"), "boot.efi"),
-      vorlix::appendPathComponent(root, "Windows/System32"),
-      vorlix::appendPathComponent(root, "ntldr"),
+      pathOnVolume(volume, root, {"System", "Library"}),
+      pathOnVolume(volume, root, {"com.apple.recovery.boot", "boot.efi"}),
+      pathOnVolume(volume, root, {"Windows", "System32"}),
+      pathOnVolume(volume, root, {"ntldr"}),
   };
 }
 
@@ -50,7 +51,6 @@ int32_t QDDiskHelper::bootTypeForDisk(const std::string& device) {
 
 bool QDDiskHelper::isBootable(const std::shared_ptr<QDVolume>& volume) {
   vorlix::logToSystem("Checking if bootable");
-  const std::string root = volume ? volume->filePath().value_or("") : "";
-  const auto paths = vorlix::bootFilePaths(root);
+  const auto paths = vorlix::bootFilePaths(volume ? *volume : *QDVolume::init());
   return std::any_of(paths.begin(), paths.end(), exists);
 }

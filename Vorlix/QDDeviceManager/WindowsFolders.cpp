@@ -9,6 +9,7 @@
 #include <Vorlix/foundation/Paths.h>
 
 #include <algorithm>
+#include <array>
 #include <string_view>
 
 #include "CaseFolding.h"
@@ -19,6 +20,9 @@ using vorlix::FileManager;
 namespace {
 
 constexpr const char* kBootPartitionName = "System Reserved";
+
+// As kinds and types of volumes name them.
+constexpr std::array<const char*, 4> kCaseBlindFileSystems = {"ntfs", "msdos", "MS-DOS", "exfat"};
 
 // The path of the first entry of a folder with that name in any spelling. `name` is in lower case.
 std::optional<std::string> entryOf(const std::optional<std::string>& folder, std::string_view name) {
@@ -36,7 +40,9 @@ std::optional<std::string> entryOf(const std::optional<std::string>& folder, std
 namespace vorlix {
 
 std::string pathOnVolume(const QDVolume& volume, std::string folder, std::initializer_list<const char*> names) {
-  const bool anySpelling = containsInAnyCase(volume.fileSystemType().value_or(""), "ntfs");
+  const std::string type = volume.fileSystemType().value_or("");
+  const bool anySpelling = std::any_of(kCaseBlindFileSystems.begin(), kCaseBlindFileSystems.end(),
+                                       [&](const char* kind) { return containsInAnyCase(type, kind); });
   for (const char* name : names) {
     const std::string path = appendPathComponent(folder, name);
     const bool isThere = !anySpelling || FileManager::defaultManager()->fileExistsAtPath(path);

@@ -13,8 +13,9 @@ class QDVolume;
 
 namespace vorlix {
 
-/// The path of an item below a folder of a volume. Windows does not tell upper case from lower, but drivers for NTFS on
-/// some systems do: there a name that is not found as it stands is taken in the spelling that the volume has.
+/// The path of an item below a folder of a volume. On NTFS, FAT and exFAT, Windows does not tell upper case from lower;
+/// some drivers for NTFS, and the folder that a FAT volume is mirrored in, do. On such a volume a name that is not
+/// found as it stands is therefore taken in the spelling that the volume has.
 std::string pathOnVolume(const QDVolume& volume, std::string folder, std::initializer_list<const char*> names);
 
 /// Where boot files are on a volume, if it has any. Both are empty for a volume without a mount path.

@@ -6,10 +6,12 @@
 #include <array>
 #include <string>
 
+class QDVolume;
+
 namespace vorlix {
 
-/// The paths of which one has to exist, in the order in which they are looked for.
-/// @param root  mount point of the volume; empty for paths relative to the working folder.
-std::array<std::string, 4> bootFilePaths(const std::string& root);
+/// The paths of which one has to exist, in the order in which they are looked for. Of a volume without a mount point
+/// they are relative to the working folder.
+std::array<std::string, 4> bootFilePaths(const QDVolume& volume);
 
 }  // namespace vorlix

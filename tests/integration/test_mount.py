@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Mounting and unmounting FAT volumes in image files, as an ordinary user."""
 
+import json
 import os
 import shutil
 import unittest
@@ -281,6 +282,15 @@ class Mirrored(MountTest):
         self.unmount(image)
         self.assert_unchanged(image, before)
         self.assert_nothing_mounted()
+
+    def test_names_of_windows_in_the_spelling_the_volume_has(self):
+        """The mirror tells upper case from lower, which FAT and Windows do not."""
+        image = self.fat(tree={"WINDOWS": None, "WINDOWS/SYSTEM32": None, "Boot": None})
+        self.mount(image)
+        self.assertIn("can be started", self.vorlix_ok("bootable", image).stdout)
+        listed = json.loads(self.vorlix_ok("find", "--node", image, "--json").stdout)
+        self.assertEqual((listed["windows"], listed["bootFiles"]), ("installed", "own"))
+        self.unmount(image)
 
     def test_the_efi_system_partition_of_a_disk(self):
         tree = {"EFI": None, "EFI/Boot": None, "EFI/Boot/bootx64.efi": b"boot"}

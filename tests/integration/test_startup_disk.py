@@ -63,6 +63,16 @@ class DryRun(StartupDiskTest):
         self.assertEqual(self.dry_run(disk + "s3"), bless(disk + "s3", "-nextonly"))
         self.assertEqual(self.dry_run(disk + "s3", "--type", "efi"), bless(f"/dev/{disk}s1", "-nextonly"))
 
+    def test_what_has_no_mbr_says_nothing(self):
+        """Whatever stands in its first sector."""
+        text = self.file("text", b"root:x:0:0:root:/root:/bin/sh\n" * 100)
+        ntfs = self.file("ntfs", b"\xEB\x52\x90NTFS    ".ljust(510, b"\0") + b"\x55\xAA" + bytes(1 << 20))
+        for device in (self.file("zeros", bytes(1 << 20)), text, ntfs):
+            self.vorlix_refuses("startup-disk", device, "--dry-run",
+                                saying=[f"vorlix: {device}: ", "holds no MBR", "--type", "the startup disk was not set"])
+            self.assertEqual(self.dry_run(device, "--type", "legacy"), bless(device, "-nextonly"))
+        self.vorlix_refuses("startup-disk", self.file("empty", b""), "--dry-run", saying=["not even one sector"])
+
     @unittest.skipIf(volumes.missing("mkfs.vfat", "mcopy"), "mkfs.vfat or mtools is not installed")
     def test_a_mounted_volume_by_the_folder_it_is_mounted_at(self):
         disk = self.give(volumes.make_mac(self.path("mac.img")))

@@ -196,6 +196,17 @@ TEST_F(DeviceManagerSplitBootTest, WithABootManagersFileTheAnswerIsTheSame) {
   expectPathsOf("reserved", list);
 }
 
+TEST_F(DeviceManagerSplitBootTest, OnFATAndExFATTheNamesAreTakenAsTheVolumeSpellsThem) {
+  makeFolder("reserved/Boot");
+  if (std::filesystem::exists(folder / "reserved/BOOT")) GTEST_SKIP() << "the file system does not tell case apart";
+  for (const char* type : {"msdos", "exfat"}) {
+    const auto reserved = makeVolume("/dev/disk0s2", folder / "reserved", type);
+    reserved->setDiskName("System Reserved");
+    const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", {reserved, plain("/dev/disk0s1", "last")});
+    EXPECT_EQ(answer.text("bootFolderPath"), folder / "reserved/Boot") << type;
+  }
+}
+
 TEST_F(DeviceManagerSplitBootTest, OnNTFSTheNamesAreTakenAsTheVolumeSpellsThem) {
   makeFolder("reserved/Boot");
   if (std::filesystem::exists(folder / "reserved/BOOT")) GTEST_SKIP() << "the file system does not tell case apart";

@@ -102,9 +102,15 @@ TEST_F(BootTypeTest, EachCallLeavesTheDeviceOpen) {
 
 class BootableTest : public DiskTest {
  protected:
-  bool bootable(const std::string& root) {
+  static std::array<std::string, 4> pathsUnder(const std::string& root) {
     const auto volume = QDVolume::init();
     volume->setFilePath(root);
+    return bootFilePaths(*volume);
+  }
+  bool bootable(const std::string& root, const std::string& type = "") {
+    const auto volume = QDVolume::init();
+    volume->setFilePath(root);
+    volume->setFileSystemType(type);
     return QDDiskHelper::init()->isBootable(volume);
   }
   bool bootableWith(const std::string& file) {
@@ -125,14 +131,23 @@ TEST_F(BootableTest, TheLookIsNotedInTheSystemsLog) {
 TEST_F(BootableTest, TheFilesAreLookedForInThisOrder) {
   const std::array<std::string, 4> expected = {"/v/System/Library", "/v/com.apple.recovery.boot/boot.efi",
                                                "/v/Windows/System32", "/v/ntldr"};
-  EXPECT_EQ(bootFilePaths("/v"), expected);
-  EXPECT_EQ(bootFilePaths("/v/"), expected);
+  EXPECT_EQ(pathsUnder("/v"), expected);
+  EXPECT_EQ(pathsUnder("/v/"), expected);
 }
 
 TEST_F(BootableTest, AtTheRootOfTheSystemThereIsOneSlash) {
   const std::array<std::string, 4> expected = {"/System/Library", "/com.apple.recovery.boot/boot.efi",
                                                "/Windows/System32", "/ntldr"};
-  EXPECT_EQ(bootFilePaths("/"), expected);
+  EXPECT_EQ(pathsUnder("/"), expected);
+}
+
+TEST_F(BootableTest, OnAVolumeOfWindowsAnySpellingIsTheName) {
+  makeFolder("volume/WINDOWS/system32");
+  if (std::filesystem::exists(folder / "volume/Windows")) GTEST_SKIP() << "the file system does not tell case apart";
+  for (const char* type : {"ntfs", "NTFS", "msdos", "MS-DOS (FAT32)", "exfat", "ExFAT"}) {
+    EXPECT_TRUE(bootable(folder / "volume", type)) << type;
+  }
+  for (const char* type : {"", "apfs", "ext4"}) EXPECT_FALSE(bootable(folder / "volume", type)) << type;
 }
 
 TEST_F(BootableTest, AnEmptyVolumeIsNot) {

@@ -68,6 +68,15 @@ bool startsWith(const Sector& sector, size_t offset, const char* text) {
 
 }  // namespace
 
+std::optional<std::string> whyNoMBR(const DiskTables& disk) {
+  if (!disk.hasMBR()) return "holds no MBR: sector 0 does not end in 55 AA";
+  const BootSectorKind kind = kindOf(disk.sector0);
+  if (kind == BootSectorKind::ntfs || kind == BootSectorKind::fat) {
+    return "holds no MBR: sector 0 is the boot sector of a volume";
+  }
+  return std::nullopt;
+}
+
 bool isUsed(const GPTEntry& entry) {
   return std::strcmp(entry.guid_text, kUnusedGUID) != 0;
 }

@@ -28,6 +28,10 @@ struct DiskTables {
   bool hasMBR() const { return mbr.signature == 0xAA55; }
 };
 
+/// Why sector 0 is no MBR that tells how the disk starts: there is none, or it is a volume's boot sector. Absent for
+/// one that does.
+std::optional<std::string> whyNoMBR(const DiskTables& disk);
+
 /// Whether a GPT entry is in use.
 bool isUsed(const GPTEntry& entry);
 

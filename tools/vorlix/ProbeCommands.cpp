@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDDiskHelper.h>
 #include <Vorlix/QDSUtilities.h>
 #include <Vorlix/QDSUtilities/StatusTool.h>
@@ -19,6 +20,7 @@
 #include "Failure.h"
 #include "LibraryLog.h"
 #include "Text.h"
+#include "Volumes.h"
 
 namespace vorlix::tool {
 namespace {
@@ -32,11 +34,7 @@ void requireMBR(const std::string& disk) {
   if (const std::string whole = wholeDiskNameOf(disk); whole != bsdNameOf(disk)) {
     throw Failure(disk, "a slice; the whole disk is " + whole);
   }
-  if (!tables.hasMBR()) throw Failure(disk, "holds no MBR: sector 0 does not end in 55 AA");
-  const BootSectorKind kind = kindOf(tables.sector0);
-  if (kind == BootSectorKind::ntfs || kind == BootSectorKind::fat) {
-    throw Failure(disk, "holds no MBR: sector 0 is the boot sector of a volume");
-  }
+  if (const auto reason = whyNoMBR(tables)) throw Failure(disk, *reason);
 }
 
 void showBootType(const std::string& disk) {
@@ -58,6 +56,10 @@ bool showBootable(const std::string& volume) {
   if (access(folder.c_str(), X_OK) != 0) throw Failure::ofErrno(folder, errno);
   const auto record = QDVolume::init();
   record->setFilePath(folder);
+  {
+    const QuietLibrary quiet;
+    record->setFileSystemType(QDDeviceManager::sharedDeviceManager()->fileSystemTypeAtPath(folder));
+  }
   const bool bootable = QDDiskHelper::init()->isBootable(record);
   std::printf("%s\n", bootable ? "holds an operating system that can be started" : "holds nothing that can be started");
   return bootable;

@@ -15,6 +15,7 @@
 #include "Arbitration.h"
 #include "Commands.h"
 #include "Complaint.h"
+#include "DiskTables.h"
 #include "Failure.h"
 #include "Volumes.h"
 
@@ -73,9 +74,20 @@ std::shared_ptr<QDVolume> volumeOf(const std::string& device) {
   return volume;
 }
 
+// The library takes whatever stands in sector 0 for an MBR.
+void requireMBR(const StartupOptions& options, const std::string& device) {
+  const std::string disk = wholeDiskNameOf(device);
+  if (const auto reason = whyNoMBR(readTables(disk))) {
+    throw Failure(options.device, disk + " " + *reason + "; --type tells how the volume starts", kUnchanged);
+  }
+}
+
 uint32_t typeOf(const StartupOptions& options, const std::shared_ptr<QDVolume>& volume) {
   if (!options.type.empty()) return kTypes.at(options.type);
-  return QDDeviceManager::sharedDeviceManager()->bootTypeForDisk(volume);
+  const uint32_t type = QDDeviceManager::sharedDeviceManager()->bootTypeForDisk(volume);
+  const bool isFromMBR = type == QDDeviceManager::kBootLegacy || type == QDDeviceManager::kBootEFI;
+  if (isFromMBR) requireMBR(options, volume->device().value_or(""));
+  return type;
 }
 
 void warnOfProtection(const std::string& device) {
