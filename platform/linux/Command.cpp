@@ -54,7 +54,7 @@ std::vector<std::string> environmentOf(const Command& command) {
   return environment;
 }
 
-// What the program starts with: its descriptors, no signal blocked, the usual answer to each.
+// What the program starts with: its descriptors and none of the host's, no signal blocked, the usual answer to each.
 class SpawnSettings {
  public:
   SpawnSettings(int output, int errors, int shared) {
@@ -63,6 +63,7 @@ class SpawnSettings {
     posix_spawn_file_actions_adddup2(&actions_, output, 1);
     posix_spawn_file_actions_adddup2(&actions_, errors, 2);
     if (shared >= 0) posix_spawn_file_actions_adddup2(&actions_, shared, kSharedDescriptor);
+    posix_spawn_file_actions_addclosefrom_np(&actions_, shared >= 0 ? kSharedDescriptor + 1 : kSharedDescriptor);
     sigset_t none;
     sigset_t usual;
     sigemptyset(&none);
