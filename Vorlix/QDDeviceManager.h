@@ -120,7 +120,7 @@ class VORLIX_EXPORT QDDeviceManager : public vorlix::Object {
   /// The description of the volume that is mounted there. Keyword form: `diskInfoForVolumeMountedAtURL:`.
   std::optional<vorlix::Dictionary> diskInfoForVolumeMountedAtURL(const vorlix::URL& url);
 
-  /// The first of these two for a path. Keyword form: `diskInfo:`.
+  /// The first of these two for a path; a bare name ("disk0s2") is the device's. Keyword form: `diskInfo:`.
   std::optional<vorlix::Dictionary> diskInfo(const std::string& path);
 
   /// The second for a path. Keyword form: `diskInfoFromMountedPath:`.
@@ -181,7 +181,8 @@ class VORLIX_EXPORT QDDeviceManager : public vorlix::Object {
   /// Logs the EFI System Partitions in the I/O registry. @return always absent.
   std::optional<std::vector<std::shared_ptr<QDVolume>>> attachedDisksFromIORegistry();
 
-  /// Properties of the APFS volumes in the I/O registry.
+  /// Properties of the APFS volumes in the I/O registry, but for those that a Value has no form for: lists, dates and
+  /// numbers with a fraction.
   std::vector<vorlix::Dictionary> attachedAPFSVolumesFromIORegistry();
 
   /// Where a listed FAT, exFAT or NTFS device is mounted. Keyword form: `pathForDevice:`.
@@ -285,5 +286,6 @@ class VORLIX_EXPORT QDDeviceManager : public vorlix::Object {
   std::weak_ptr<vorlix::Object> delegate_;
 };
 
-/// The shared instance for plain functions; null until it has been made.
+/// The shared instance for plain functions; null until sharedDeviceManager() has been called once. That call sets it,
+/// so a thread that reads it beside the first call needs a lock of its own.
 VORLIX_EXPORT extern std::shared_ptr<QDDeviceManager> myObj;

@@ -28,7 +28,8 @@ class VORLIX_EXPORT QDDiskHelper : public vorlix::Object {
   int32_t bootTypeForDisk(const std::string& device);
 
   /// Whether one of these exists on a mounted volume, looked for in this order: "System/Library",
-  /// "com.apple.recovery.boot/boot.efi", "Windows/System32", "ntldr". The system's log gets the line "Checking if
+  /// "com.apple.recovery.boot/boot.efi", "Windows/System32", "ntldr". On FAT, exFAT and NTFS, by its
+  /// `fileSystemType`, any spelling in upper and lower case will do. The system's log gets the line "Checking if
   /// bootable". Keyword form: `isBootable:`.
   /// @param volume  its `filePath` is the root; of a volume without one (or of none) the paths are relative to the
   ///                working folder.

@@ -4,6 +4,7 @@
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDDiskHelper.h>
 #include <Vorlix/QDVolume.h>
+#include <Vorlix/foundation/PropertyListFile.h>
 #include <Vorlix/platform/HostBundle.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/Shell.h>
@@ -12,7 +13,6 @@
 #include <algorithm>
 #include <string_view>
 
-#include "../../foundation/PropertyListFile.h"
 #include "../QDSDiskFunctions/SystemLog.h"
 #include "Messages.h"
 

@@ -15,6 +15,7 @@ void logMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
 const std::string& logFilePath();
 
 /// Replaces the path of the log file, for tests that look at its exact content. An empty path restores the default.
+/// Not while another thread may log.
 void setLogFilePath(std::string path);
 
 /// Tells whether the log file can be appended to now. It is made if it is missing.

@@ -74,7 +74,7 @@ void addRunCommand(CLI::App& app, int& status) {
   const auto program = std::make_shared<std::string>();
   CLI::App* const run = app.add_subcommand("run", "Run a program and show what the library's runner delivers of it");
   run->add_option("PROGRAM", *program, "Full path of the program; its arguments follow")->required();
-  run->prefix_command();  // what follows is the program's as it stands, whatever it looks like
+  run->prefix_command();  // what follows is the program's; after "--", whatever it looks like
   run->footer(
       "vorlix run -- PROGRAM [ARGUMENT...]\n"
       "The program is started without a shell and not looked for in PATH. Its standard input is an open, empty pipe.\n"
