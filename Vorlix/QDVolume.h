@@ -104,7 +104,8 @@ class VORLIX_EXPORT QDVolume : public vorlix::Object, public vorlix::Coding {
   /// `totalSize` becomes "-1" at the start and then each piece of what "gunzip -c" or the host's resource "unzip",
   /// piped into "wc -c", prints. After each change kDisksChangedNotification is posted on this thread. The process's
   /// runner is held in `wrapperArray` until its output ends; it keeps this record alive. The path stands in double
-  /// quotes in the shell's command line, without escaping. @throws std::system_error if the shell cannot be launched.
+  /// quotes in the shell's command line, without escaping. @throws std::system_error if the shell cannot be launched;
+  /// the runner then stays in `wrapperArray`, for the host to remove, and `totalSize` stays "-1".
   void updateSize();
 
   /// The item can be started from.
