@@ -181,8 +181,7 @@ class VORLIX_EXPORT QDDeviceManager : public vorlix::Object {
   /// Logs the EFI System Partitions in the I/O registry. @return always absent.
   std::optional<std::vector<std::shared_ptr<QDVolume>>> attachedDisksFromIORegistry();
 
-  /// Properties of the APFS volumes in the I/O registry, but for those that a Value has no form for: lists, dates and
-  /// numbers with a fraction.
+  /// Properties of the APFS volumes in the I/O registry, but for dates and sets, which a Value has no form for.
   std::vector<vorlix::Dictionary> attachedAPFSVolumesFromIORegistry();
 
   /// Where a listed FAT, exFAT or NTFS device is mounted. Keyword form: `pathForDevice:`.

@@ -26,7 +26,8 @@
 /// Styled text of one run has the attributes' dictionary in "NSAttributes" and no "NSAttributeInfo"; of several runs,
 /// an array of the different dictionaries and growable bytes with a pair for each run, its length in UTF-16 code units
 /// and its place in that array, each as groups of seven bits, lowest first, the high bit set on all but the last; empty
-/// text has neither. A dictionary is { "NS.keys": [UID...], "NS.objects": [UID...] }, class NSDictionary.
+/// text has neither. A dictionary is { "NS.keys": [UID...], "NS.objects": [UID...] }, class NSDictionary; a list
+/// { "NS.objects": [UID...] }, class NSArray.
 ///
 /// Keys that start with "$" gain another "$" in front. NUL in a text, and bytes in it that are not UTF-8, are stored
 /// and read as U+FFFD. Text that reads "$null" stands in a dictionary like growable text, of the class NSString.
@@ -128,7 +129,7 @@ class VORLIX_EXPORT KeyedUnarchiver {
   std::optional<UUID> decodeUUID(const std::string& key);
   /// A file URL. One that is relative to another is resolved.
   std::optional<URL> decodeURL(const std::string& key);
-  /// Attributes that are no text, bytes, truth value, whole number, UUID, file URL or dictionary are left out.
+  /// Attributes that are no text, bytes, truth value, number, UUID, file URL, dictionary or list are left out.
   std::optional<AttributedString> decodeAttributedText(const std::string& key);
 
   /// A plain truth value, or whether a plain number is other than 0; false for anything else.

@@ -18,13 +18,20 @@
 namespace vorlix {
 
 class Dictionary;
+struct Array;
 
 /// Uninterpreted bytes.
 using Data = std::vector<uint8_t>;
 
-/// A truth value, a whole number, UTF-8 text, bytes, an identifier, a location or a dictionary, which is shared and
-/// not changed any more.
-using Value = std::variant<bool, int64_t, std::string, Data, UUID, URL, std::shared_ptr<const Dictionary>>;
+/// A truth value, a whole number, a number with a fraction, UTF-8 text, bytes, an identifier, a location, or a
+/// dictionary or list, which is shared and not changed any more.
+using Value = std::variant<bool, int64_t, double, std::string, Data, UUID, URL, std::shared_ptr<const Dictionary>,
+                           std::shared_ptr<const Array>>;
+
+/// Values in their order, owned by the list.
+struct Array {
+  std::vector<Value> values;
+};
 
 /// Values by key, owned by the dictionary.
 class Dictionary {
@@ -43,6 +50,7 @@ class Dictionary {
   /// The value if it is there and of that type.
   std::optional<bool> boolean(const std::string& key) const { return as<bool>(key); }
   std::optional<int64_t> integer(const std::string& key) const { return as<int64_t>(key); }
+  std::optional<double> real(const std::string& key) const { return as<double>(key); }
   std::optional<std::string> text(const std::string& key) const { return as<std::string>(key); }
   std::optional<Data> data(const std::string& key) const { return as<Data>(key); }
   std::optional<UUID> uuid(const std::string& key) const { return as<UUID>(key); }
@@ -51,6 +59,11 @@ class Dictionary {
   /// The dictionary under the key, or null.
   std::shared_ptr<const Dictionary> dictionary(const std::string& key) const {
     return as<std::shared_ptr<const Dictionary>>(key).value_or(nullptr);
+  }
+
+  /// The list under the key, or null.
+  std::shared_ptr<const Array> array(const std::string& key) const {
+    return as<std::shared_ptr<const Array>>(key).value_or(nullptr);
   }
 
   /// All values, in the order of their keys.

@@ -2,6 +2,7 @@
 #include <Vorlix/foundation/KeyedArchive.h>
 
 #include <algorithm>
+#include <bit>
 #include <map>
 #include <new>
 #include <stdexcept>
@@ -39,16 +40,20 @@ void appendGroups(Data& data, size_t number) {
   data.push_back(static_cast<uint8_t>(number));
 }
 
-// A value as bytes, the same for equal ones; a dictionary below is the same only if it is one.
+// A value as bytes, the same for equal ones; a dictionary or list below is the same only if it is one.
 struct ContentOfValue {
   std::string operator()(bool value) const { return value ? "b1" : "b0"; }
   std::string operator()(int64_t value) const { return "i" + std::to_string(value); }
+  std::string operator()(double value) const { return "r" + std::to_string(std::bit_cast<uint64_t>(value)); }
   std::string operator()(const std::string& value) const { return "t" + value; }
   std::string operator()(const Data& value) const { return "d" + std::string(value.begin(), value.end()); }
   std::string operator()(const UUID& value) const { return "u" + value.text(); }
-  std::string operator()(const URL& value) const { return "l" + value.path(); }
+  std::string operator()(const URL& value) const { return "l" + archive::urlText(value); }
   std::string operator()(const std::shared_ptr<const Dictionary>& value) const {
     return "p" + std::to_string(reinterpret_cast<uintptr_t>(value.get()));
+  }
+  std::string operator()(const std::shared_ptr<const Array>& value) const {
+    return "a" + std::to_string(reinterpret_cast<uintptr_t>(value.get()));
   }
 };
 
@@ -241,19 +246,29 @@ class KeyedArchiver::State {
       plist_dict_set_item(object, "NS.keys", keys);
       plist_dict_set_item(object, "NS.objects", objects);
       for (const auto& [key, value] : values->values()) plist_array_append_item(keys, plist_new_uid(text(key)));
-      for (const auto& [key, value] : values->values()) {
-        plist_array_append_item(objects, plist_new_uid(std::visit([&](const auto& kind) { return any(kind); }, value)));
-      }
+      for (const auto& [key, value] : values->values()) plist_array_append_item(objects, plist_new_uid(any(value)));
+    });
+  }
+  uint64_t list(const std::shared_ptr<const Array>& values) {
+    return shared(values, {"NSArray", "NSObject"}, [&](plist_t object) {
+      const plist_t objects = plist_new_array();
+      plist_dict_set_item(object, "NS.objects", objects);
+      for (const Value& value : values->values) plist_array_append_item(objects, plist_new_uid(any(value)));
     });
   }
 
-  uint64_t any(bool value) { return number(Number::numberWithBool(value)); }
-  uint64_t any(int64_t value) { return number(Number::numberWithLongLong(value)); }
-  uint64_t any(const std::string& value) { return text(value); }
-  uint64_t any(const Data& value) { return data(value); }
-  uint64_t any(const UUID& value) { return uuid(value); }
-  uint64_t any(const URL& value) { return url(value); }
-  uint64_t any(const std::shared_ptr<const Dictionary>& value) { return value ? dictionary(value) : kAbsent; }
+  uint64_t any(const Value& value) {
+    return std::visit([&](const auto& kind) { return one(kind); }, value);
+  }
+  uint64_t one(bool value) { return number(Number::numberWithBool(value)); }
+  uint64_t one(int64_t value) { return number(Number::numberWithLongLong(value)); }
+  uint64_t one(double value) { return number(Number::numberWithDouble(value)); }
+  uint64_t one(const std::string& value) { return text(value); }
+  uint64_t one(const Data& value) { return data(value); }
+  uint64_t one(const UUID& value) { return uuid(value); }
+  uint64_t one(const URL& value) { return url(value); }
+  uint64_t one(const std::shared_ptr<const Dictionary>& value) { return value ? dictionary(value) : kAbsent; }
+  uint64_t one(const std::shared_ptr<const Array>& value) { return value ? list(value) : kAbsent; }
 
   std::vector<PropertyListOwner> objects_;
   plist_t underway_ = nullptr;

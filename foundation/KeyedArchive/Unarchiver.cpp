@@ -266,13 +266,34 @@ class KeyedUnarchiver::State {
 
   // Null for what is no dictionary of this archive. One that is referred to again is shared.
   std::shared_ptr<const Dictionary> dictionary(plist_t node, unsigned depth) {
+    return container(dictionaries_, node, depth, [&] { return pairsOf(objectOfClass(node, "NSDictionary"), depth); });
+  }
+  // Likewise for lists.
+  std::shared_ptr<const Array> list(plist_t node, unsigned depth) {
+    return container(lists_, node, depth, [&] { return elementsOf(objectOfClass(node, "NSArray"), depth); });
+  }
+
+  // The container at a place, read by `read` where it has not been read yet. Null for one that is within itself, or too
+  // deep in others.
+  template <typename Container, typename Read>
+  std::shared_ptr<const Container> container(std::map<size_t, std::shared_ptr<const Container>>& known, plist_t node,
+                                             unsigned depth, Read read) {
     const auto place = placeOf(node);
     if (!place || depth >= kDeepestNesting || open_.contains(*place)) return nullptr;
-    if (const auto known = dictionaries_.find(*place); known != dictionaries_.end()) return known->second;
+    if (const auto found = known.find(*place); found != known.end()) return found->second;
     open_.insert(*place);
-    const auto result = pairsOf(objectOfClass(node, "NSDictionary"), depth);
+    const std::shared_ptr<const Container> result = read();
     open_.erase(*place);
-    dictionaries_.emplace(*place, result);
+    known.emplace(*place, result);
+    return result;
+  }
+
+  std::shared_ptr<const Array> elementsOf(plist_t object, unsigned depth) {
+    if (object == nullptr) return nullptr;
+    auto result = std::make_shared<Array>();
+    for (const plist_t node : nodesOfArray(plist_dict_get_item(object, "NS.objects"))) {
+      if (auto read = value(node, depth)) result->values.push_back(std::move(*read));
+    }
     return result;
   }
 
@@ -295,12 +316,13 @@ class KeyedUnarchiver::State {
     if (auto bytes = data(node)) return std::move(*bytes);
     if (const auto counted = number(node); counted && isOfType(node, PLIST_UID)) {
       if (counted->isBool()) return counted->boolValue();
-      if (!counted->isDouble()) return counted->longLongValue();
-      return std::nullopt;
+      if (counted->isDouble()) return counted->doubleValue();
+      return counted->longLongValue();
     }
     if (const auto identifier = uuid(node)) return *identifier;
     if (const auto location = url(node)) return *location;
     if (auto below = dictionary(node, depth + 1)) return below;
+    if (auto below = list(node, depth + 1)) return below;
     return std::nullopt;
   }
 
@@ -309,6 +331,7 @@ class KeyedUnarchiver::State {
   std::vector<Underway> underway_;
   std::map<size_t, ClassNames> classes_;
   std::map<size_t, std::shared_ptr<const Dictionary>> dictionaries_;
+  std::map<size_t, std::shared_ptr<const Array>> lists_;
   std::set<size_t> open_;
   size_t valuesLeft_ = kMostValues;
   size_t bytesLeft_ = kLargestArchive;

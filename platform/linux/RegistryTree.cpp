@@ -25,6 +25,7 @@ bool isKindOf(std::string className, const std::string& wanted) {
   return true;
 }
 
+// No entry here has a list, so lists are not looked into.
 bool areEqual(const Value& left, const Value& right) {
   const auto* const one = std::get_if<std::shared_ptr<const Dictionary>>(&left);
   const auto* const other = std::get_if<std::shared_ptr<const Dictionary>>(&right);

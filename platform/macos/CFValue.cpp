@@ -15,8 +15,13 @@ CFIndex sizeOf(const std::string& text) {
 }
 
 std::optional<Value> numberFromCF(CFNumberRef number) {
+  if (CFNumberIsFloatType(number)) {
+    double fraction = 0;
+    if (!CFNumberGetValue(number, kCFNumberDoubleType, &fraction)) return std::nullopt;
+    return fraction;
+  }
   int64_t whole = 0;
-  if (CFNumberIsFloatType(number) || !CFNumberGetValue(number, kCFNumberSInt64Type, &whole)) return std::nullopt;
+  if (!CFNumberGetValue(number, kCFNumberSInt64Type, &whole)) return std::nullopt;
   return whole;
 }
 
@@ -24,6 +29,25 @@ std::optional<Value> locationFromCF(CFURLRef location) {
   std::array<uint8_t, PATH_MAX> path;
   if (!CFURLGetFileSystemRepresentation(location, true, path.data(), PATH_MAX)) return std::nullopt;
   return URL::fileURLWithPath(reinterpret_cast<const char*>(path.data()), CFURLHasDirectoryPath(location) != 0);
+}
+
+std::shared_ptr<const Array> arrayFromCF(CFArrayRef array) {
+  const auto converted = std::make_shared<Array>();
+  for (CFIndex i = 0; i < CFArrayGetCount(array); ++i) {
+    if (std::optional<Value> value = valueFromCF(CFArrayGetValueAtIndex(array, i))) {
+      converted->values.push_back(*std::move(value));
+    }
+  }
+  return converted;
+}
+
+CFOwned<CFMutableArrayRef> arrayToCF(const Array& array) {
+  CFOwned<CFMutableArrayRef> converted(CFArrayCreateMutable(kCFAllocatorDefault, 0, &kCFTypeArrayCallBacks));
+  if (!converted) return converted;
+  for (const Value& value : array.values) {
+    if (const CFOwned<CFTypeRef> object = valueToCF(value)) CFArrayAppendValue(converted.get(), object.get());
+  }
+  return converted;
 }
 
 UUID identifierFromCF(CFUUIDRef identifier) {
@@ -54,6 +78,9 @@ struct Converter {
   CFOwned<CFTypeRef> operator()(int64_t value) const {
     return CFOwned<CFTypeRef>(CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt64Type, &value));
   }
+  CFOwned<CFTypeRef> operator()(double value) const {
+    return CFOwned<CFTypeRef>(CFNumberCreate(kCFAllocatorDefault, kCFNumberDoubleType, &value));
+  }
   CFOwned<CFTypeRef> operator()(const std::string& value) const {
     return CFOwned<CFTypeRef>(stringToCF(value).release());
   }
@@ -70,6 +97,9 @@ struct Converter {
   }
   CFOwned<CFTypeRef> operator()(const std::shared_ptr<const Dictionary>& value) const {
     return value ? CFOwned<CFTypeRef>(dictionaryToCF(*value).release()) : nullptr;
+  }
+  CFOwned<CFTypeRef> operator()(const std::shared_ptr<const Array>& value) const {
+    return value ? CFOwned<CFTypeRef>(arrayToCF(*value).release()) : nullptr;
   }
 };
 
@@ -103,6 +133,7 @@ std::optional<Value> valueFromCF(CFTypeRef value) {
   if (type == CFDictionaryGetTypeID()) {
     return std::make_shared<const Dictionary>(dictionaryFromCF(static_cast<CFDictionaryRef>(value)));
   }
+  if (type == CFArrayGetTypeID()) return arrayFromCF(static_cast<CFArrayRef>(value));
   return std::nullopt;
 }
 

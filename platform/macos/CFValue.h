@@ -15,8 +15,8 @@ namespace vorlix {
 /// Text as UTF-8. Absent for null and for text that has no UTF-8 form, such as a lone surrogate.
 std::optional<std::string> textFromCF(CFStringRef text);
 
-/// A boolean, whole number, string, data, UUID, file URL or dictionary. Absent for null and for a value of another
-/// type, such as an array or a number with a fraction.
+/// A boolean, number, string, data, UUID, file URL, dictionary or array. Absent for null and for a value of another
+/// type, such as a date; in an array such values are left out.
 std::optional<Value> valueFromCF(CFTypeRef value);
 
 /// The values of a dictionary that valueFromCF() knows, under those of its keys that are strings. Empty for null.

@@ -139,6 +139,13 @@ class Encoded(Archives):
                 expected = Styled("all", ((3, runs[0]["attributes"]),)) if runs else Styled("", ())
                 self.assertEqual(styled, expected)
 
+    def test_lists_and_fractions_among_attributes(self):
+        attributes = {"Half": 0.5, "List": [16, "Preboot", {"In": [True]}, []]}
+        entries = Reader(self.encode({"usageDescription": [{"text": "all", "attributes": attributes}]})).record("QDVolume")
+        self.assertEqual(entries["usageDescription"], Styled("all", ((3, attributes),)))
+        archive = Writer().record("QDVolume", {"usageDescription": Styled("all", ((3, attributes),))})
+        self.assertEqual(self.decode(archive)["usageDescription"]["runs"][0]["attributes"], attributes)
+
     def test_a_long_run_takes_several_groups(self):
         runs = [{"text": "x" * 20000, "attributes": {"Size": 1}}, {"text": "y", "attributes": {}}]
         styled = Reader(self.encode({"usageDescription": runs})).record("QDVolume")["usageDescription"]

@@ -49,7 +49,13 @@ vorlix::Dictionary dictionaryOf(const JSON& json);
 vorlix::Value valueOf(const JSON& json) {
   if (json.is_boolean()) return json.get<bool>();
   if (json.is_number_integer()) return json.get<int64_t>();
+  if (json.is_number_float()) return json.get<double>();
   if (json.is_string()) return json.get<std::string>();
+  if (json.is_array()) {
+    auto list = std::make_shared<vorlix::Array>();
+    for (const JSON& element : json) list->values.push_back(valueOf(element));
+    return list;
+  }
   if (json.contains("hex")) return bytesOf(json["hex"]);
   if (json.contains("uuid")) return vorlix::UUID::fromText(json["uuid"].get<std::string>()).value();
   if (json.contains("path")) return vorlix::URL::fileURLWithPath(json["path"]);
@@ -67,11 +73,17 @@ JSON jsonOf(const vorlix::Dictionary& dictionary);
 struct ValueToJSON {
   JSON operator()(bool value) const { return value; }
   JSON operator()(int64_t value) const { return value; }
+  JSON operator()(double value) const { return value; }
   JSON operator()(const std::string& value) const { return value; }
   JSON operator()(const vorlix::Data& value) const { return {{"hex", hexadecimal(value)}}; }
   JSON operator()(const vorlix::UUID& value) const { return {{"uuid", value.text()}}; }
   JSON operator()(const vorlix::URL& value) const { return {{"path", value.path()}}; }
   JSON operator()(const std::shared_ptr<const vorlix::Dictionary>& value) const { return jsonOf(*value); }
+  JSON operator()(const std::shared_ptr<const vorlix::Array>& value) const {
+    JSON json = JSON::array();
+    for (const vorlix::Value& element : value->values) json.push_back(std::visit(*this, element));
+    return json;
+  }
 };
 
 JSON jsonOf(const vorlix::Dictionary& dictionary) {

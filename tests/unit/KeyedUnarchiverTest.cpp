@@ -9,11 +9,13 @@
 namespace {
 
 using namespace archive_test;
+using vorlix::Array;
 using vorlix::AttributedString;
 using vorlix::Dictionary;
 using vorlix::Number;
 using vorlix::URL;
 using vorlix::UUID;
+using vorlix::Value;
 
 TEST(KeyedUnarchiverTest, EachKindComesBack) {
   Dictionary attributes;
@@ -288,11 +290,43 @@ TEST(KeyedUnarchiverTest, AttributesOfUnknownKindsAreLeftOut) {
       styledFrom(entry("NSAttributes", uid(6)),
                  dictionaryObject(uid(8) + uid(9) + uid(10), uid(11) + uid(12) + uid(13), 7) +
                      classNamed("NSDictionary") + "<string>Font</string><string>Size</string><string>Half</string>" +
-                     record("", 14) + "<integer>12</integer><real>0.5</real>" + classNamed("NSFont"));
+                     record("", 14) + "<integer>12</integer><date>2026-01-01T00:00:00Z</date>" + classNamed("NSFont"));
   ASSERT_TRUE(styled);
   ASSERT_EQ(styled->runs().size(), 1U);
   EXPECT_EQ(styled->runs()[0].attributes->values().size(), 1U);
   EXPECT_EQ(styled->runs()[0].attributes->integer("Size"), 12);
+}
+
+TEST(KeyedUnarchiverTest, AListKeepsItsOrderAndLeavesOutWhatIsUnknown) {
+  const auto styled =
+      styledFrom(entry("NSAttributes", uid(6)),
+                 dictionaryObject(uid(8), uid(9), 7) + classNamed("NSDictionary") + "<string>List</string>" +
+                     object("<key>NS.objects</key><array>" + uid(11) + uid(12) + uid(8) + uid(9) + uid(11) +
+                            "</array>" + entry("$class", uid(10))) +
+                     classNamed("NSArray") + "<real>0.5</real><date>2026-01-01T00:00:00Z</date>");
+  ASSERT_TRUE(styled);
+  const auto list = styled->runs()[0].attributes->array("List");
+  ASSERT_NE(list, nullptr);  // without the date, and without itself
+  EXPECT_EQ(list->values, (std::vector<Value>{0.5, std::string("List"), 0.5}));
+}
+
+TEST(KeyedUnarchiverTest, ListsTooDeepInOneAnotherAreLeftOut) {
+  std::string objects = dictionaryObject(uid(8), uid(10), 7) + classNamed("NSDictionary") + "<string>down</string>" +
+                        classNamed("NSArray");  // 6 to 9
+  for (size_t i = 10; i < 50; ++i) {
+    objects += object("<key>NS.objects</key><array>" + uid(i + 1) + "</array>" + entry("$class", uid(9)));
+  }
+  const auto styled = styledFrom(entry("NSAttributes", uid(6)), objects);
+  ASSERT_TRUE(styled);
+  auto level = styled->runs()[0].attributes->array("down");
+  unsigned depth = 1;  // the dictionary
+  while (level != nullptr) {
+    ++depth;
+    const auto* const below =
+        level->values.empty() ? nullptr : std::get_if<std::shared_ptr<const Array>>(&level->values.front());
+    level = below == nullptr ? nullptr : *below;
+  }
+  EXPECT_EQ(depth, KeyedUnarchiver::kDeepestNesting);
 }
 
 TEST(KeyedUnarchiverTest, ADictionaryWithinItselfIsLeftOut) {

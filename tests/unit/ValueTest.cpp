@@ -24,11 +24,13 @@ Dictionary everyType() {
   Dictionary dictionary;
   dictionary.set("boolean", true);
   dictionary.set("integer", int64_t{-7});
+  dictionary.set("real", -0.5);
   dictionary.set("text", std::string("t\xC3\xA4xt"));
   dictionary.set("data", Data{0, 255});
   dictionary.set("uuid", kUUID);
   dictionary.set("url", URL::fileURLWithPath("/Volumes/A b"));
   dictionary.set("dictionary", std::make_shared<const Dictionary>(inner));
+  dictionary.set("array", std::make_shared<const Array>(Array{{int64_t{16}, std::string("Preboot")}}));
   return dictionary;
 }
 
@@ -36,6 +38,7 @@ TEST(ValueTest, ValueIsFoundUnderItsKeyWithItsType) {
   const Dictionary dictionary = everyType();
   EXPECT_EQ(dictionary.boolean("boolean"), true);
   EXPECT_EQ(dictionary.integer("integer"), -7);
+  EXPECT_EQ(dictionary.real("real"), -0.5);
   EXPECT_EQ(dictionary.text("text"), "t\xC3\xA4xt");
   EXPECT_EQ(dictionary.data("data"), (Data{0, 255}));
   EXPECT_EQ(dictionary.uuid("uuid"), kUUID);
@@ -43,6 +46,9 @@ TEST(ValueTest, ValueIsFoundUnderItsKeyWithItsType) {
   const auto inner = dictionary.dictionary("dictionary");
   ASSERT_NE(inner, nullptr);
   EXPECT_EQ(inner->text("Medium Type"), "Solid State");
+  const auto list = dictionary.array("array");
+  ASSERT_NE(list, nullptr);
+  EXPECT_THAT(list->values, ElementsAre(Value(int64_t{16}), Value(std::string("Preboot"))));
 }
 
 TEST(ValueTest, ValueOfAnotherTypeIsAbsentToTheTypedGetters) {
@@ -50,11 +56,13 @@ TEST(ValueTest, ValueOfAnotherTypeIsAbsentToTheTypedGetters) {
   for (const auto& [key, value] : dictionary.values()) {
     EXPECT_EQ(dictionary.boolean(key).has_value(), key == "boolean") << key;
     EXPECT_EQ(dictionary.integer(key).has_value(), key == "integer") << key;
+    EXPECT_EQ(dictionary.real(key).has_value(), key == "real") << key;
     EXPECT_EQ(dictionary.text(key).has_value(), key == "text") << key;
     EXPECT_EQ(dictionary.data(key).has_value(), key == "data") << key;
     EXPECT_EQ(dictionary.uuid(key).has_value(), key == "uuid") << key;
     EXPECT_EQ(dictionary.url(key).has_value(), key == "url") << key;
     EXPECT_EQ(dictionary.dictionary(key) != nullptr, key == "dictionary") << key;
+    EXPECT_EQ(dictionary.array(key) != nullptr, key == "array") << key;
     EXPECT_TRUE(dictionary.contains(key)) << key;
     EXPECT_EQ(dictionary.value(key), value) << key;
   }
@@ -122,7 +130,7 @@ TEST(ValueTest, ValuesAreListedInTheOrderOfTheirKeys) {
   const Dictionary dictionary = everyType();
   std::vector<std::string> keys;
   for (const auto& [key, value] : dictionary.values()) keys.push_back(key);
-  EXPECT_THAT(keys, ElementsAre("boolean", "data", "dictionary", "integer", "text", "url", "uuid"));
+  EXPECT_THAT(keys, ElementsAre("array", "boolean", "data", "dictionary", "integer", "real", "text", "url", "uuid"));
 }
 
 TEST(ValueTest, LocationNamesItsPath) {

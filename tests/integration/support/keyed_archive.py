@@ -88,6 +88,8 @@ class Writer:
         if isinstance(value, dict):
             return self.known("NSDictionary", lambda: {"NS.keys": [self.add(key) for key in value],
                                                        "NS.objects": [self.add(item) for item in value.values()]})
+        if isinstance(value, list):
+            return self.known("NSArray", lambda: {"NS.objects": [self.add(item) for item in value]})
         if isinstance(value, Styled):
             return self.known("NSAttributedString", lambda: self.styled(value))
         self.objects.append(value)
