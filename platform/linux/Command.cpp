@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -142,6 +143,8 @@ CommandResult runCommand(const Command& command) {
                                       pointersTo(arguments).data(), pointersTo(environment).data());
   }
   if (result.launchError != 0) return result;
+  const rlimit processorTime = {command.processorSeconds, command.processorSeconds + 1};
+  static_cast<void>(prlimit(child, RLIMIT_CPU, &processorTime, nullptr));
   output.writeEnd.reset();
   errors.writeEnd.reset();
   drain(output, errors, command, result);

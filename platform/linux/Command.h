@@ -17,6 +17,10 @@ struct Command {
 
   /// Takes what the program prints, piece by piece; absent to drop it.
   std::function<void(const char* bytes, size_t count)> output;
+
+  /// Of processor time, after which the program is ended: copying takes a few seconds for gigabytes, but a name that
+  /// mtools cannot spell has it try for ever.
+  unsigned processorSeconds = 60;
 };
 
 inline constexpr int kSharedDescriptor = 3;

@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace vorlix {
@@ -243,6 +244,18 @@ Refusal readLayout(const Reader& reader, std::optional<Layout>& layout) {
   return Dissenter{kDissentUnsupported, "the FAT file system is damaged or larger than its partition"};
 }
 
+// Left out: hidden sectors and serial as they are patched (28 to 31, 72 to 79), the flags of a mounted volume, boot
+// code.
+bool readIdentity(const Reader& reader, uint64_t& identity) {
+  constexpr std::pair<size_t, size_t> kLasting[] = {{11, 28}, {32, 37}, {38, 65}, {66, 72}};
+  std::array<uint8_t, 512> boot;
+  if (!reader.read(boot.data(), boot.size(), 0)) return false;
+  Digest digest;
+  for (const auto& [from, to] : kLasting) digest.add(boot.data() + from, to - from);
+  identity = digest.value();
+  return true;
+}
+
 }  // namespace
 
 Refusal readFatSpace(int descriptor, Extent window, FatSpace& space) {
@@ -275,6 +288,7 @@ Refusal readFatOutline(int descriptor, Extent window, FatOutline& outline) {
   std::optional<Layout> layout;
   if (Refusal refusal = readLayout(reader, layout)) return refusal;
   FatOutline found;
+  if (!readIdentity(reader, found.identity)) return dissenterFor(errno, "reading the FAT file system");
   Walk walk(reader, *layout);
   if (!walk.run(found)) {
     if (walk.damage().empty()) return dissenterFor(errno, "reading the FAT file system");

@@ -18,6 +18,9 @@ struct FatOutline {
   /// Sum over the boot area, both file allocation tables and every folder, names, sizes, times and first clusters
   /// included. Any change that a file system driver or tool makes shows in one of these.
   uint64_t digest = 0;
+  /// Sum over what tells the file system from others and no change of its files touches: geometry, sizes and, where
+  /// they do not lie among bytes that are patched for Windows, serial and label.
+  uint64_t identity = 0;
   uint64_t files = 0;
   uint64_t folders = 0;    ///< without the root
   uint64_t totalSize = 0;  ///< of all files, in bytes

@@ -25,7 +25,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kFormat = "vorlix mirror 1";
+constexpr const char* kFormat = "vorlix mirror 2";
 constexpr const char* kStatesFolder = "/.mirrors";
 constexpr const char* kUnfinished = ".new";  // ends the name of a state that is being written
 
@@ -81,6 +81,7 @@ std::string encode(const MirrorState& state) {
   writer.add(state.device);
   writer.add(state.folder);
   writer.addNumber(int{state.readOnly});
+  writer.addNumber(state.identity);
   writer.add(state.digest ? std::to_string(*state.digest) : "");
   writer.addNumber(int{state.compareAll});
   writer.addNumber(state.baseline.size());
@@ -102,6 +103,7 @@ std::optional<MirrorState> decode(std::string_view bytes) {
   state.device = reader.text();
   state.folder = reader.text();
   state.readOnly = reader.number<int>() != 0;
+  state.identity = reader.number<uint64_t>();
   const std::string digest = reader.text();
   if (!digest.empty()) {
     FieldReader number(std::string_view(digest.c_str(), digest.size() + 1));
@@ -127,8 +129,11 @@ std::optional<MirrorState> readState(const fs::path& path) {
   if (!file) return std::nullopt;
   const std::string bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
   std::optional<MirrorState> state = decode(bytes);
+  if (!state) return std::nullopt;
   std::error_code error;
-  if (!state || !fs::is_directory(state->folder, error)) return std::nullopt;
+  if (fs::is_directory(state->folder, error)) return state;
+  state->folder += kAside;  // where a process that was ended while it unmounted left it
+  if (!fs::is_directory(state->folder, error)) return std::nullopt;
   return state;
 }
 

@@ -15,10 +15,15 @@
 
 namespace vorlix {
 
+/// Ends the name of a mirror's folder while it is unmounted.
+inline constexpr const char* kAside = " (unmounting)";
+
 struct MirrorState {
   std::string device;     ///< BSD name of the disk or slice
   std::string folder;     ///< the mirror, which is the mount point
   bool readOnly = false;  ///< the medium could not be written when the mirror was made
+
+  uint64_t identity = 0;  ///< of the file system (FatOutline); another one may come to lie at the same place
 
   /// Digest of the file system (FatOutline) as the mirror was made from it. Absent while changes are being written
   /// back: a process that was ended in the midst of that leaves it so.

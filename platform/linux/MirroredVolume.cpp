@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <set>
 
 #include "DeviceFacts.h"
@@ -14,6 +15,7 @@
 #include "MirrorChanges.h"
 #include "MirrorTree.h"
 #include "MountFolders.h"
+#include "MountTable.h"
 #include "Mtools.h"
 
 namespace vorlix {
@@ -70,6 +72,7 @@ Refusal fillMirror(const OpenedDevice& device, MirrorState& state) {
   if (after.digest != before.digest) {
     return Dissenter{kDissentBusy, "the volume was changed while its files were copied"};
   }
+  state.identity = after.identity;
   state.digest = after.digest;
   return std::nullopt;
 }
@@ -77,6 +80,10 @@ Refusal fillMirror(const OpenedDevice& device, MirrorState& state) {
 Refusal checkUnchanged(const OpenedDevice& device, const MirrorState& state) {
   FatOutline now;
   if (Refusal refusal = readFatOutline(device.descriptor.get(), device.window, now)) return refusal;
+  if (now.identity != state.identity) {
+    return Dissenter{kDissentError, "this is another volume than the one that was mounted; what was changed in " +
+                                        state.folder + " was not written back"};
+  }
   if (!state.digest || now.digest == *state.digest) return std::nullopt;
   return Dissenter{kDissentError, "someone else changed the volume since it was mounted; what was changed in " +
                                       state.folder + " was not written back"};
@@ -140,6 +147,20 @@ class WriteBack {
   const DeviceLocation& location_;
 };
 
+// A volume that somebody mounted there has files of its own, which are none of this one's.
+Refusal checkNothingMountedIn(const std::string& folder) {
+  for (const MountPoint& mount : mountTable()) {
+    if (mount.path != folder && mount.path.rfind(folder + "/", 0) != 0) continue;
+    return Dissenter{kDissentBusy, "another volume is mounted at " + mount.path};
+  }
+  return std::nullopt;
+}
+
+bool isLeftAlone(const std::string& folder, const MirrorTree& tree) {
+  MirrorTree now;
+  return userOfFolder(folder).empty() && !checkNothingMountedIn(folder) && !scanMirror(folder, now) && now == tree;
+}
+
 }  // namespace
 
 Refusal mountMirror(const DeviceLocation& location, const OpenedDevice& device, const std::string& name,
@@ -170,18 +191,23 @@ Refusal unmountMirror(const DeviceLocation& location, const std::string& key) {
   if (const std::string user = userOfFolder(state->folder); !user.empty()) {
     return Dissenter{kDissentBusy, state->folder + " is in use by " + user};
   }
+  if (Refusal refusal = checkNothingMountedIn(state->folder)) return refusal;
   MirrorTree tree;
   if (Refusal refusal = scanMirror(state->folder, tree)) return refusal;
   const bool isUntouched = !state->compareAll && tree == state->baseline;
   if (!isUntouched) {
     if (Refusal refusal = WriteBack(*states, key, *state, location).run(tree)) return refusal;
-    MirrorTree now;
-    if (Refusal refusal = scanMirror(state->folder, now)) return refusal;
-    if (now != tree) return Dissenter{kDissentBusy, state->folder + " was changed while it was written back"};
+  }
+  // Under another name nobody begins to use it any more, and whoever does so already is seen.
+  const std::string aside = state->folder + kAside;
+  if (rename(state->folder.c_str(), aside.c_str()) != 0) return dissenterFor(errno, state->folder);
+  if (!isLeftAlone(aside, tree)) {
+    if (rename(aside.c_str(), state->folder.c_str()) != 0) return dissenterFor(errno, aside);
+    return Dissenter{kDissentBusy, state->folder + " was changed while it was unmounted"};
   }
   states->remove(key);
   // The volume is whole and no longer mounted; what could not be removed of its mirror is a copy in a private folder.
-  static_cast<void>(removeMirrorTree(state->folder));
+  static_cast<void>(removeMirrorTree(aside));
   return std::nullopt;
 }
 

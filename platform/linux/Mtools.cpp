@@ -17,9 +17,10 @@ namespace vorlix {
 namespace {
 
 // Messages as in the C locale, but file names as they are. The check that is left out is of a disk's geometry, which
-// the volumes of partitions fail. No HOME: settings of the user would change names and answers.
+// the volumes of partitions fail. A HOME that is not there: settings of the user would change names and answers, and
+// without one mtools looks for it itself.
 const std::vector<std::string>& mtoolsEnvironment() {
-  static const std::vector<std::string> environment = {"LC_ALL=C.UTF-8", "MTOOLS_SKIP_CHECK=1"};
+  static const std::vector<std::string> environment = {"LC_ALL=C.UTF-8", "MTOOLS_SKIP_CHECK=1", "HOME=/nonexistent"};
   return environment;
 }
 

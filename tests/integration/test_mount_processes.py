@@ -96,6 +96,25 @@ class AsRoot(MountTest):
     AS_ROOT = True
 
     @unittest.skipIf(MISSING, f"not installed: {MISSING}")
+    def test_a_volume_with_another_one_mounted_in_it(self):
+        """Its files are not this volume's, whoever mounted it there."""
+        image = self.fat(tree={"a": b"1", "F": None})
+        folder = self.mount(image, "--read-write")
+        self.addCleanup(self.vorlix_run, "unmount", image)
+        precious = self.path("precious")
+        os.mkdir(precious)
+        with open(os.path.join(precious, "letter"), "wb") as file:
+            file.write(b"kept")
+        for place in (os.path.join(folder, "F"), folder):
+            images.run_tool("mount", "--bind", precious, place)
+            try:
+                self.vorlix_run("unmount", image)
+            finally:
+                tools.unmount(place)
+            self.assertEqual(os.listdir(precious), ["letter"])
+        self.assert_volume(image, {"a": b"1", "F": None})
+
+    @unittest.skipIf(MISSING, f"not installed: {MISSING}")
     def test_a_fat_volume(self):
         """By the kernel where it has the file system, else by mirroring it."""
         image = self.fat(tree={"a": b"1", "F": None})

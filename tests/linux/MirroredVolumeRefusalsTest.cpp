@@ -184,6 +184,35 @@ TEST_F(MirroredVolume, AWriteBackThatWasCutOffIsTakenUpAgain) {
   checkFAT(image_, folder_);
 }
 
+TEST_F(MirroredVolume, AnotherVolumeInThePlaceOfOneWhoseWriteBackWasCutOffIsNotTouched) {
+  const std::string other = folder_ / "other.img";
+  makeFATImage(other, 16, 16, "OTHER");
+  shell("mkfs.vfat -F 16 -n OTHER -i 56789ABC --offset 2048 '" + other + "' 16384");
+  const std::string content = readText(other);
+  asUser([&] {
+    const std::string path = mountIt();
+    writeText(path + "/a.txt", "one");
+    const std::string tools = folder_ / "tools";
+    fs::create_directory(tools);
+    writeText(tools + "/mmd", "#!/bin/sh\nkill -9 $PPID\n");
+    fs::permissions(tools + "/mmd", fs::perms::owner_all);
+    fs::create_directory(path + "/new folder");
+    const pid_t child = fork();
+    if (child == 0) {
+      setenv("PATH", (tools + ":" + std::getenv("PATH")).c_str(), 1);
+      unmountIt();
+      _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    shell("cat '" + other + "' >'" + image_ + "'");  // the same file, with another volume in it
+    EXPECT_TRUE(refused(unmountIt(), kDissentError, "another volume"));
+    EXPECT_EQ(readText(path + "/a.txt"), "one");
+  });
+  EXPECT_TRUE(readText(image_) == content);
+}
+
 TEST_F(MirroredVolume, AProgramThatFailsOrAnswersNonsenseIsARefusalThatLosesNothing) {
   asUser([&] {
     const std::string tools = folder_ / "tools";
