@@ -24,6 +24,12 @@ bool exists(const std::string& path) {
   return stat(path.c_str(), &status) == 0;
 }
 
+// What is copied through a link would not be on the volume.
+bool isLink(const std::string& path) {
+  struct stat status = {};
+  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
 // Tells whether an item exists, and of one that does whether it is a folder.
 bool exists(const std::string& path, bool& isFolder) {
   struct stat status = {};
@@ -56,6 +62,11 @@ int32_t QDSUtilities::setupMBRBootFilesForDevice(const std::optional<vorlix::URL
     }
     if (exists(destination)) continue;
     logMessage("copying %s to %s\n", source.c_str(), destination.c_str());
+    const std::string folder = inFolder(root, "boot");
+    if (destination.starts_with(folder + "/") && isLink(folder)) {
+      logMessage("Error copying %s to %s with error %s\n", source.c_str(), destination.c_str(), "boot is a link");
+      return -1;
+    }
     if (const auto reason = vorlix::platform().fileCopy->copyItem(source, destination)) {
       logMessage("Error copying %s to %s with error %s\n", source.c_str(), destination.c_str(), reason->c_str());
       return -1;

@@ -1,14 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSDiskFunctions.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -64,6 +68,37 @@ vorlix::Stream openTemplate(const char* path) {
   return stream;
 }
 
+// Whether both names lead to one file. Opening the store for writing would empty the template.
+bool isSameFile(FILE* file, const std::string& path) {
+  struct stat one = {};
+  struct stat other = {};
+  return fstat(fileno(file), &one) == 0 && stat(path.c_str(), &other) == 0 && one.st_dev == other.st_dev &&
+         one.st_ino == other.st_ino;
+}
+
+// The store belongs on the mounted volume. A link, which some file systems can hold, would lead to a file of the
+// host's.
+vorlix::Stream openStore(const std::string& path, const std::string& mountPoint) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  const fs::path root = fs::canonical(mountPoint, error);
+  const fs::path folder = error ? fs::path() : fs::canonical(fs::path(path).parent_path(), error);
+  if (error) {
+    errno = error.value();
+    return nullptr;
+  }
+  if (std::mismatch(root.begin(), root.end(), folder.begin(), folder.end()).first != root.end()) {
+    errno = ELOOP;
+    return nullptr;
+  }
+  constexpr mode_t kMode = 0666;
+  const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kMode);
+  if (descriptor < 0) return nullptr;
+  vorlix::Stream stream(fdopen(descriptor, "w"));
+  if (!stream) close(descriptor);
+  return stream;
+}
+
 int32_t destinationFailed() {
   const int reason = errno;
   std::perror("BCD Path Destination error:");
@@ -111,7 +146,11 @@ int32_t update_bcd(const char* source, const char* disk, const char* partition, 
     logMessage("could not open %s\n", source);
     return -1;
   }
-  vorlix::Stream store(std::fopen(path.c_str(), "we"));
+  if (isSameFile(original.get(), path)) {
+    logMessage("%s is the store itself\n", source);
+    return -1;
+  }
+  vorlix::Stream store = openStore(path, mountPoint);
   if (!store) return destinationFailed();
 
   logMessage("Copying BCD to %s\n", path.c_str());

@@ -301,6 +301,47 @@ TEST_F(BootConfigurationTest, EFIPartitionThatDoesNotMountIsMinusOne) {
   EXPECT_EQ(log(), "Mounting EFI partition on disk7\nproblem mounting efi point s\n");
 }
 
+TEST_F(BootConfigurationTest, TheStoreIsNoTemplateForItself) {
+  addIdentifiers();
+  ASSERT_EQ(update(), 0);
+  const ByteVector before = bytesOf(store);
+  source = mountPoint + "/EFI/../EFI/Microsoft/Boot/BCD";
+  forgetLog();
+  EXPECT_EQ(update(), -1);
+  EXPECT_EQ(log(), logUpToCopy() + source + " is the store itself\n");
+  EXPECT_EQ(bytesOf(store), before);
+}
+
+TEST_F(BootConfigurationTest, ALinkInTheStoresPlaceIsNotFollowed) {
+  addIdentifiers();
+  const std::string file = folder / "the host's";
+  makeFile("the host's", {'k', 'e', 'p', 't'});
+  std::filesystem::remove(store);
+  std::filesystem::create_symlink(file, store);
+  OutputCapture output(STDOUT_FILENO);
+  OutputCapture errors(STDERR_FILENO);
+  const int32_t result = update();
+  EXPECT_THAT(errors.text(), HasSubstr(std::strerror(ELOOP)));
+  EXPECT_EQ(output.text(), std::strerror(ELOOP));
+  EXPECT_EQ(result, -1);
+  EXPECT_EQ(contentOf(file), "kept");
+}
+
+TEST_F(BootConfigurationTest, NorIsOneInThePlaceOfAFolder) {
+  addIdentifiers();
+  makeFolder("host");
+  const std::string boot = mountPoint + "/EFI/Microsoft/Boot";
+  std::filesystem::remove_all(boot);
+  std::filesystem::create_symlink(folder / "host", boot);
+  OutputCapture output(STDOUT_FILENO);
+  OutputCapture errors(STDERR_FILENO);
+  const int32_t result = update();
+  EXPECT_THAT(errors.text(), HasSubstr(std::strerror(ELOOP)));
+  EXPECT_EQ(output.text(), std::strerror(ELOOP));
+  EXPECT_EQ(result, -1);
+  EXPECT_TRUE(std::filesystem::is_empty(folder / "host"));
+}
+
 TEST_F(BootConfigurationTest, MissingTemplateKeepsTheStoreAndTheMount) {
   addIdentifiers();
   makeFile("EFI partition/EFI/Microsoft/Boot/BCD", {'o', 'l', 'd'});

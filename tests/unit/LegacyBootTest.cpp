@@ -87,6 +87,25 @@ TEST_F(LegacyBootTest, FoldersAndFilesAreCopiedInOrder) {
   EXPECT_EQ(contentOf(bcd), "store");
 }
 
+TEST_F(LegacyBootTest, NothingIsCopiedThroughALinkInTheFoldersPlace) {
+  addAll();
+  makeFolder("host");
+  std::filesystem::create_symlink(folder / "host", volume + "/boot");
+  EXPECT_EQ(setUp(), -1);
+  EXPECT_EQ(log(), start() + copying(2) + failed(2, "boot is a link"));
+  EXPECT_TRUE(std::filesystem::is_empty(folder / "host"));
+  EXPECT_FALSE(exists("bootmgr"));
+}
+
+TEST_F(LegacyBootTest, NorThroughOneThatWasCopied) {
+  addAll();
+  makeFolder("host");
+  std::filesystem::rename(volume + "/Windows/Boot/PCAT", folder / "elsewhere");
+  std::filesystem::create_symlink(folder / "host", volume + "/Windows/Boot/PCAT");
+  EXPECT_EQ(setUp(), -1);
+  EXPECT_TRUE(std::filesystem::is_empty(folder / "host"));
+}
+
 TEST_F(LegacyBootTest, SecondRunFindsEverythingAndCopiesNothing) {
   addAll();
   EXPECT_EQ(setUp(), 0);
