@@ -177,6 +177,36 @@ class Hybrid(ImageTest):
         self.assert_unchanged(path, before)
 
 
+class WrongPlaces(ImageTest):
+    def refuse(self, disk, *options, saying):
+        """Nothing of the disk, and nothing beside it, is written."""
+        names = sorted(os.listdir(self.folder))
+        before = {name: images.snapshot(self.path(name)) for name in names}
+        result = self.vorlix_run("hybrid", disk, "--boot-code", self.boot_code, "--partition", WINDOWS, *options)
+        self.assertEqual(result.returncode, 2, result.stdout)
+        for words in (*saying, "nothing was written"):
+            self.assertIn(words, result.stderr)
+        self.assertEqual({name: images.snapshot(self.path(name)) for name in sorted(os.listdir(self.folder))}, before)
+
+    def test_a_file_under_the_name_of_the_slice(self):
+        path = self.mac_image()
+        gpt.write_at(path, 0, bytes(512))
+        with open(path + "s3", "wb") as file:
+            file.write(gpt.read_at(path, WINDOWS_FIRST * 512, 1 << 20))
+        self.refuse(path, saying=[path + "s3", "stands beside"])
+
+    def test_the_disk_as_its_volume(self):
+        path = self.mac_image()
+        gpt.write_at(path, 0, bytes(512))
+        self.refuse(path, "--volume", path, saying=[path, "whole disk"])
+
+    def test_a_slice_in_the_gpt_itself(self):
+        table = gpt.Table(blocks=131072, entries=[gpt.Entry(gpt.EFI_SYSTEM, 41, 20479), None,
+                                                  gpt.Entry(gpt.BASIC_DATA, 20, 40)])
+        path = table.write(self.path("odd.img"))
+        self.refuse(path, saying=[path + "s3", "starts at sector 20"])
+
+
 class Guard(ImageTest):
     def test_writes_a_guard_mbr_and_leaves_the_volume_alone(self):
         path = self.mac_image()

@@ -65,6 +65,17 @@ std::string wholeDiskNameOf(const std::string& device) {
   return *name;
 }
 
+std::string sliceNameOf(const std::string& disk, uint32_t number) {
+  const std::string slice = disk + "s" + std::to_string(number);
+  const SessionAndDisk opened = openDisk(disk);
+  const auto found = opened.session->diskFromBSDName(slice);
+  const auto whole = found ? found->wholeDisk() : nullptr;
+  if (whole && whole->bsdName() != opened.disk->bsdName()) {
+    throw Failure(slice, "stands beside " + disk + " under the name of its slice " + std::to_string(number));
+  }
+  return slice;
+}
+
 std::optional<std::string> mountPointOf(const std::string& device) {
   const SessionAndDisk opened = openDisk(device);
   const std::optional<Dictionary> description = opened.disk->copyDescription();

@@ -6,6 +6,7 @@
 
 #include <Vorlix/platform/DiskArbitration.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -18,6 +19,10 @@ std::string bsdNameOf(const std::string& device);
 /// The name of the whole disk that a device is a slice of, or its own if it is whole. Throws Failure for an unknown
 /// one.
 std::string wholeDiskNameOf(const std::string& device);
+
+/// The name of slice `number` of a disk. Throws Failure where that name is something else's: a path that exists is
+/// taken as it is, and what was not asked for must not be written to.
+std::string sliceNameOf(const std::string& disk, uint32_t number);
 
 /// Where the device's volume is mounted.
 std::optional<std::string> mountPointOf(const std::string& device);

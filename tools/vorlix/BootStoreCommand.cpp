@@ -81,7 +81,7 @@ StorePlan planStore(const StoreOptions& options) {
   StorePlan plan;
   plan.original = readFile(options.templateFile, kLargestStore);
   plan.disk = bsdNameOf(options.disk);
-  plan.partition = bsdNameOf(options.disk + "s" + std::to_string(options.partition));
+  plan.partition = bsdNameOf(sliceNameOf(options.disk, static_cast<uint32_t>(options.partition)));
   plan.identity = identify(plan.partition);
   if (!plan.identity.partitionGUID || !plan.identity.diskGUID) {
     throw Failure(plan.partition, "its partition and disk GUIDs are not known");
@@ -122,7 +122,8 @@ void unmountOrWarn(const std::string& slice) {
 // The EFI System Partition, mounted for a look; unmounted again unless it was mounted before.
 class MountedEFI {
  public:
-  explicit MountedEFI(const std::string& disk) : slice_(disk + "s1"), wasMounted_(mountPointOf(slice_).has_value()) {
+  explicit MountedEFI(const std::string& disk)
+      : slice_(sliceNameOf(disk, 1)), wasMounted_(mountPointOf(slice_).has_value()) {
     if (wasMounted_) return;
     if (const auto refusal = tryMount(slice_, false)) throw Failure(slice_, reasonText(*refusal));
   }

@@ -6,9 +6,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 
+#include "Arbitration.h"
 #include "Backup.h"
 #include "Commands.h"
 #include "DiskTables.h"
@@ -136,10 +138,24 @@ std::unique_ptr<DeviceHandle> openForWriting(const std::string& device) {
   throw Failure::ofErrno(device, errno);
 }
 
+// A driver or a mirror keeps what it knows of the boot sector, and writes it back or takes the volume for another one.
+void requireUnmounted(const HybridPlan& plan) {
+  if (!plan.patchesVolume) return;
+  if (const auto path = mountPointOf(plan.volume)) {
+    throw Failure(plan.volume, "is mounted at " + *path + " and has to be unmounted first");
+  }
+}
+
+void requireOnMedium(DeviceHandle* written, const std::string& device) {
+  if (written == nullptr || written->sync() == 0) return;
+  throw Failure(device, std::strerror(errno), "what was written is not on the medium");
+}
+
 void apply(const HybridPlan& plan, const HybridOptions& options) {
   if (!plan.writesMBR() && !plan.disk.hasMBR()) {
     throw Failure(plan.disk.device, "sector 0 has the right slots but no 55 AA signature, which is not repaired here");
   }
+  requireUnmounted(plan);
   const auto disk = plan.writesMBR() ? openForWriting(plan.disk.device) : nullptr;
   const auto volume = plan.patchesVolume ? openForWriting(plan.volume) : nullptr;
   if (!options.backupFolder.empty()) saveBackup(plan, options.backupFolder);
@@ -149,6 +165,9 @@ void apply(const HybridPlan& plan, const HybridOptions& options) {
   const LibraryLog log;
   const int result = update_mbr_and_partition(request.disk.c_str(), request.bootCode.c_str(), request.partition,
                                               request.type, plan.volume.c_str(), request.guard ? 1 : 0, plan.start);
+  // What is read back may come from memory. The handles are older than what was written, so that they hear of its fate.
+  requireOnMedium(disk.get(), plan.disk.device);
+  requireOnMedium(volume.get(), plan.volume);
   const Verification now(plan);
   const bool volumeRight = !plan.patchesVolume || now.volumeRight();
   if (result == 0 && now.mbrRight() && volumeRight) return;

@@ -12,6 +12,7 @@
 #include <system_error>
 #include <tuple>
 
+#include "Arbitration.h"
 #include "Failure.h"
 
 namespace vorlix::tool {
@@ -47,7 +48,11 @@ const GPTEntry& usedEntry(const DiskTables& disk, uint32_t partition) {
 void planVolume(const HybridRequest& request, HybridPlan& plan) {
   const GPTEntry& entry = usedEntry(plan.disk, request.partition);
   plan.patchesVolume = true;
-  plan.volume = request.volume.empty() ? request.disk + "s" + std::to_string(request.partition) : request.volume;
+  plan.volume = request.volume.empty() ? sliceNameOf(request.disk, request.partition) : request.volume;
+  if (entry.first_lba < plan.disk.header->first_usable_lba) {
+    throw Failure(plan.volume, "starts at sector " + std::to_string(entry.first_lba) +
+                                   ", among those that the GPT keeps for itself");
+  }
   const uint64_t start = request.start.value_or(entry.first_lba);
   if (start > std::numeric_limits<uint32_t>::max()) {
     throw Failure(plan.volume, "starts at sector " + std::to_string(start) +
@@ -55,6 +60,7 @@ void planVolume(const HybridRequest& request, HybridPlan& plan) {
   }
   plan.start = static_cast<uint32_t>(start);
   plan.bootSector = readBootSector(plan.volume);
+  if (bsdNameOf(plan.volume) == bsdNameOf(request.disk)) throw Failure(plan.volume, "is the whole disk, not a volume");
   if (kindOf(plan.bootSector) == BootSectorKind::other) {
     // The two fields lie elsewhere in other file systems; writing there would damage them.
     throw Failure(plan.volume, "its first sector is not an NTFS or FAT boot sector");

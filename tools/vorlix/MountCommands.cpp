@@ -54,7 +54,7 @@ void unmountOrFail(const std::string& device) {
 }
 
 std::string efiSlice(const std::string& disk) {
-  return bsdNameOf(disk) + "s1";
+  return sliceNameOf(bsdNameOf(disk), 1);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -15,6 +16,7 @@
 int main(int argc, char** argv) {
   using namespace vorlix::tool;
   vorlix::fillStandardDescriptors();
+  std::signal(SIGXFSZ, SIG_IGN);  // a log that may not grow must not end a command between two writes
   CLI::App app("Partition tables and boot records of disks that hold Windows beside macOS.", "vorlix");
   app.set_version_flag("--version", "vorlix " VORLIX_VERSION);
   app.require_subcommand(1);
