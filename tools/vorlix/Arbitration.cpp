@@ -68,9 +68,10 @@ std::string wholeDiskNameOf(const std::string& device) {
 std::string sliceNameOf(const std::string& disk, uint32_t number) {
   const std::string slice = disk + "s" + std::to_string(number);
   const SessionAndDisk opened = openDisk(disk);
+  const auto own = opened.disk->wholeDisk();
   const auto found = opened.session->diskFromBSDName(slice);
   const auto whole = found ? found->wholeDisk() : nullptr;
-  if (whole && whole->bsdName() != opened.disk->bsdName()) {
+  if (own && whole && whole->bsdName() != own->bsdName()) {
     throw Failure(slice, "stands beside " + disk + " under the name of its slice " + std::to_string(number));
   }
   return slice;
