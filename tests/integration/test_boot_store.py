@@ -312,6 +312,20 @@ class Refused(StoreTest):
         with open(os.path.join(folder, STORE), "rb") as file:
             self.assertEqual(file.read(), patched(template_bytes(), "standard", identifiers(disk)))
 
+    @unittest.skipIf(volumes.missing("prlimit"), "prlimit is not installed")
+    def test_a_store_that_cannot_be_written_whole(self):
+        """The old one stays, or none where there was none, and not a part of the new one."""
+        for number, tree in enumerate((BOOT_TREE, {**BOOT_TREE, STORE: template_bytes(6000, 7)})):
+            with self.subTest(store=STORE in tree):
+                disk = self.mac(f"{number}.img", tree)
+                template = self.file(f"{number}.template", template_bytes())
+                before = images.snapshot(disk)
+                result = self.vorlix_run(*self.bcd(disk, template), prefix=(*self.prefix(), "prlimit", "--fsize=8192"))
+                self.assertEqual(result.returncode, 2, result.stderr)
+                self.assertIn("could not be written", result.stderr)
+                self.assert_unchanged(disk, before)
+                self.assert_nothing_mounted()
+
     def test_a_partition_in_use(self):
         disk = self.mac()
         folder = self.vorlix_ok("efi", "mount", disk).stdout.strip()

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <optional>
@@ -145,23 +146,49 @@ class MountedEFI {
   bool wasMounted_;
 };
 
+// What stands in the place of the store. Absent where nothing does.
+std::optional<ByteVector> contentOf(const std::filesystem::path& store) {
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(store, error)) return std::nullopt;
+  return readFile(store, kLargestStore);
+}
+
+// A run that failed half-way leaves a part of the new store, which would start nothing.
+void putBack(const std::string& slice, const std::optional<ByteVector>& old) {
+  const std::optional<std::string> mounted = mountPointOf(slice);
+  if (!mounted) return;
+  const std::filesystem::path store = *mounted + kStorePath;
+  std::error_code error;
+  if (contentOf(store) == old) return;
+  if (!old) {
+    std::filesystem::remove(store, error);
+    return;
+  }
+  std::ofstream file(store, std::ios::binary | std::ios::trunc);
+  file.write(reinterpret_cast<const char*>(old->data()), static_cast<std::streamsize>(old->size()));
+  file.close();
+  if (!file) complain(store.string() + ": the old store could not be put back");
+}
+
 void writeStore(const StoreOptions& options, const StorePlan& plan, const LibraryLog& log) {
+  std::optional<ByteVector> old;
   {
     const MountedEFI efi(plan.disk);
     const std::filesystem::path store = efi.storePath();
     if (!std::filesystem::is_directory(store.parent_path())) {
       throw Failure(store.parent_path().string(), "no such folder on the EFI System Partition");
     }
-    if (!options.backupFolder.empty() && std::filesystem::exists(store)) {
+    old = contentOf(store);
+    if (!options.backupFolder.empty() && old) {
       const std::string name = std::filesystem::path(options.disk).filename().string() + "s1-BCD";
-      std::printf("Saved      %s\n",
-                  printable(saveNamed(options.backupFolder, name, readFile(store, kLargestStore))).c_str());
+      std::printf("Saved      %s\n", printable(saveNamed(options.backupFolder, name, *old)).c_str());
       std::fflush(stdout);
     }
   }
   const int result = update_bcd(options.templateFile.c_str(), plan.disk.c_str(), plan.partition.c_str(), options.mode);
   if (result != 0) {
     log.print();
+    putBack(plan.disk + "s1", old);
     unmountOrWarn(plan.disk + "s1");
     throw Failure(options.disk, "the boot configuration store could not be written", "see the log above");
   }
