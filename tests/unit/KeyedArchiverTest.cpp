@@ -105,11 +105,11 @@ TEST(KeyedArchiverTest, AFileURLIsPercentEncodedAndHasNoBase) {
 }
 
 TEST(KeyedArchiverTest, AFoldersURLEndsWithASlash) {
-  for (const auto& [path, text] : {std::pair("/Volumes/Disk", "file:///Volumes/Disk/"), std::pair("/", "file:///")}) {
-    EXPECT_EQ(objectsOf([&](KeyedArchiver& coder) { coder.encodeURL(URL::fileURLWithPath(path, true), "a"); }),
+  for (const auto& place : {std::pair("/Volumes/Disk", "file:///Volumes/Disk/"), std::pair("/", "file:///")}) {
+    EXPECT_EQ(objectsOf([&](KeyedArchiver& coder) { coder.encodeURL(URL::fileURLWithPath(place.first, true), "a"); }),
               record(entry("a", uid(2)), 5) +
                   object(entry("NS.base", uid(0)) + entry("NS.relative", uid(3)) + entry("$class", uid(4))) +
-                  "<string>" + text + "</string>" + classNamed("NSURL") + kSampleClass);
+                  "<string>" + place.second + "</string>" + classNamed("NSURL") + kSampleClass);
   }
 }
 
