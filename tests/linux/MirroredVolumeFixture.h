@@ -29,6 +29,24 @@ class MirroredVolume : public testing::Test {
   std::optional<Dissenter> unmountIt() const { return unmountNow(ports_, volume_); }
   std::string runtime() const { return folder_ / "runtime/vorlix"; }
 
+  /// Unmounts in a process that ends where a new folder would be made on the volume, in the midst of writing back.
+  void unmountAndCutOff() const {
+    const std::string tools = folder_ / "tools";
+    std::filesystem::create_directory(tools);
+    writeText(tools + "/mmd", "#!/bin/sh\nkill -9 $PPID\n");
+    std::filesystem::permissions(tools + "/mmd", std::filesystem::perms::owner_all);
+    std::filesystem::create_directory(mounted() + "/new folder");
+    const pid_t child = fork();
+    if (child == 0) {
+      setenv("PATH", (tools + ":" + std::getenv("PATH")).c_str(), 1);
+      unmountIt();
+      _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+  }
+
   /// A file with that content, to be copied onto the volume.
   std::string volumeFile(const std::string& content) const {
     writeText(folder_ / content, content);

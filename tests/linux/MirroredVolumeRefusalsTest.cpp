@@ -54,6 +54,27 @@ TEST_F(MirroredVolume, AVolumeThatSomeoneElseChangedIsNotWrittenTo) {
   EXPECT_EQ(fileOn(image_, "/theirs.txt"), "theirs");
 }
 
+TEST_F(MirroredVolume, WhatIsChangedWhileItIsWrittenBackIsNotLost) {
+  asUser([&] {
+    const std::string path = mountIt();
+    const std::string search = std::getenv("PATH");
+    const std::string tools = folder_ / "tools";
+    fs::create_directory(tools);
+    writeText(tools + "/mcopy",
+              "#!/bin/sh\necho late >'" + path + "/late.txt'\nexec " + shell("command -v mcopy") + " \"$@\"\n");
+    fs::permissions(tools + "/mcopy", fs::perms::owner_all);
+    writeText(path + "/readme.txt", "changed");
+    setenv("PATH", (tools + ":" + search).c_str(), 1);
+    EXPECT_TRUE(refused(unmountIt(), kDissentBusy, "was changed while"));
+    setenv("PATH", search.c_str(), 1);
+    EXPECT_EQ(mounted(), path) << "under its own name again";
+    EXPECT_TRUE(granted(unmountIt()));
+    EXPECT_EQ(shell("ls '" + runtime() + "'"), "");
+  });
+  EXPECT_EQ(fileOn(image_, "/readme.txt"), "changed");
+  EXPECT_EQ(fileOn(image_, "/late.txt"), "late");
+}
+
 TEST_F(MirroredVolume, AVolumeThatIsFullKeepsItsMirrorAndTakesTheRestLater) {
   asUser([&] {
     const std::string path = mountIt();
@@ -157,22 +178,8 @@ TEST_F(MirroredVolume, AWriteBackThatWasCutOffIsTakenUpAgain) {
     const std::string path = mountIt();
     writeText(path + "/a.txt", "one");
     writeText(path + "/readme.txt", "changed");
-    // A program in the place of mmd ends the process in the midst of writing back.
-    const std::string tools = folder_ / "tools";
-    fs::create_directory(tools);
-    writeText(tools + "/mmd", "#!/bin/sh\nkill -9 $PPID\n");
-    fs::permissions(tools + "/mmd", fs::perms::owner_all);
     fs::remove_all(path + "/EFI");
-    fs::create_directory(path + "/new folder");
-    const pid_t child = fork();
-    if (child == 0) {
-      setenv("PATH", (tools + ":" + std::getenv("PATH")).c_str(), 1);
-      unmountIt();
-      _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status));
+    unmountAndCutOff();
     EXPECT_FALSE(readText(image_) == before_) << "it was not cut off in the midst";
     EXPECT_EQ(mounted(), path);
     EXPECT_TRUE(granted(unmountIt()));
@@ -192,20 +199,7 @@ TEST_F(MirroredVolume, AnotherVolumeInThePlaceOfOneWhoseWriteBackWasCutOffIsNotT
   asUser([&] {
     const std::string path = mountIt();
     writeText(path + "/a.txt", "one");
-    const std::string tools = folder_ / "tools";
-    fs::create_directory(tools);
-    writeText(tools + "/mmd", "#!/bin/sh\nkill -9 $PPID\n");
-    fs::permissions(tools + "/mmd", fs::perms::owner_all);
-    fs::create_directory(path + "/new folder");
-    const pid_t child = fork();
-    if (child == 0) {
-      setenv("PATH", (tools + ":" + std::getenv("PATH")).c_str(), 1);
-      unmountIt();
-      _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status));
+    unmountAndCutOff();
     shell("cat '" + other + "' >'" + image_ + "'");  // the same file, with another volume in it
     EXPECT_TRUE(refused(unmountIt(), kDissentError, "another volume"));
     EXPECT_EQ(readText(path + "/a.txt"), "one");

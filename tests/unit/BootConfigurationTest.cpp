@@ -104,6 +104,15 @@ class BootConfigurationTest : public DiskTest {
 
   int32_t update(int32_t mode = 0) { return update_bcd(source.c_str(), "disk0", "disk0s3", mode); }
 
+  void expectLinkRefused() {
+    OutputCapture output(STDOUT_FILENO);
+    OutputCapture errors(STDERR_FILENO);
+    const int32_t result = update();
+    EXPECT_EQ(errors.text(), std::string("BCD Path Destination error:: ") + std::strerror(ELOOP) + "\n");
+    EXPECT_EQ(output.text(), std::strerror(ELOOP));
+    EXPECT_EQ(result, -1);
+  }
+
   std::string logUpToCopy() const { return "Mounting EFI partition on disk0\nmount point is " + mountPoint + "\n"; }
   std::string logOfCopy() const { return "Copying BCD to " + store + "\nCopying BCD done.\n"; }
   static std::string logOfIdentifiers() {
@@ -318,12 +327,7 @@ TEST_F(BootConfigurationTest, ALinkInTheStoresPlaceIsNotFollowed) {
   makeFile("the host's", {'k', 'e', 'p', 't'});
   std::filesystem::remove(store);
   std::filesystem::create_symlink(file, store);
-  OutputCapture output(STDOUT_FILENO);
-  OutputCapture errors(STDERR_FILENO);
-  const int32_t result = update();
-  EXPECT_THAT(errors.text(), HasSubstr(std::strerror(ELOOP)));
-  EXPECT_EQ(output.text(), std::strerror(ELOOP));
-  EXPECT_EQ(result, -1);
+  expectLinkRefused();
   EXPECT_EQ(contentOf(file), "kept");
 }
 
@@ -333,12 +337,7 @@ TEST_F(BootConfigurationTest, NorIsOneInThePlaceOfAFolder) {
   const std::string boot = mountPoint + "/EFI/Microsoft/Boot";
   std::filesystem::remove_all(boot);
   std::filesystem::create_symlink(folder / "host", boot);
-  OutputCapture output(STDOUT_FILENO);
-  OutputCapture errors(STDERR_FILENO);
-  const int32_t result = update();
-  EXPECT_THAT(errors.text(), HasSubstr(std::strerror(ELOOP)));
-  EXPECT_EQ(output.text(), std::strerror(ELOOP));
-  EXPECT_EQ(result, -1);
+  expectLinkRefused();
   EXPECT_TRUE(std::filesystem::is_empty(folder / "host"));
 }
 

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "Arbitration.h"
 #include "Backup.h"
@@ -41,6 +42,7 @@ struct StoreOptions {
 struct StorePlan {
   std::string disk;       // as disk arbitration names it
   std::string partition;  // likewise
+  std::string efi;        // likewise: slice 1
   Identity identity;
   ByteVector store;  // the template with the identifiers in place
   ByteVector original;
@@ -82,6 +84,7 @@ StorePlan planStore(const StoreOptions& options) {
   StorePlan plan;
   plan.original = readFile(options.templateFile, kLargestStore);
   plan.disk = bsdNameOf(options.disk);
+  plan.efi = sliceNameOf(plan.disk, 1);
   plan.partition = bsdNameOf(sliceNameOf(options.disk, static_cast<uint32_t>(options.partition)));
   plan.identity = identify(plan.partition);
   if (!plan.identity.partitionGUID || !plan.identity.diskGUID) {
@@ -123,8 +126,7 @@ void unmountOrWarn(const std::string& slice) {
 // The EFI System Partition, mounted for a look; unmounted again unless it was mounted before.
 class MountedEFI {
  public:
-  explicit MountedEFI(const std::string& disk)
-      : slice_(sliceNameOf(disk, 1)), wasMounted_(mountPointOf(slice_).has_value()) {
+  explicit MountedEFI(std::string slice) : slice_(std::move(slice)), wasMounted_(mountPointOf(slice_).has_value()) {
     if (wasMounted_) return;
     if (const auto refusal = tryMount(slice_, false)) throw Failure(slice_, reasonText(*refusal));
   }
@@ -173,7 +175,7 @@ void putBack(const std::string& slice, const std::optional<ByteVector>& old) {
 void writeStore(const StoreOptions& options, const StorePlan& plan, const LibraryLog& log) {
   std::optional<ByteVector> old;
   {
-    const MountedEFI efi(plan.disk);
+    const MountedEFI efi(plan.efi);
     const std::filesystem::path store = efi.storePath();
     if (!std::filesystem::is_directory(store.parent_path())) {
       throw Failure(store.parent_path().string(), "no such folder on the EFI System Partition");
@@ -188,15 +190,15 @@ void writeStore(const StoreOptions& options, const StorePlan& plan, const Librar
   const int result = update_bcd(options.templateFile.c_str(), plan.disk.c_str(), plan.partition.c_str(), options.mode);
   if (result != 0) {
     log.print();
-    putBack(plan.disk + "s1", old);
-    unmountOrWarn(plan.disk + "s1");
+    putBack(plan.efi, old);
+    unmountOrWarn(plan.efi);
     throw Failure(options.disk, "the boot configuration store could not be written", "see the log above");
   }
   // The library does not tell when its unmount was refused, and what is mounted need not be on the medium yet.
-  if (const std::optional<std::string> reason = unmountIfMounted(plan.disk + "s1")) {
-    throw Failure(plan.disk + "s1", *reason, "it stays mounted; the store is not known to be on the medium");
+  if (const std::optional<std::string> reason = unmountIfMounted(plan.efi)) {
+    throw Failure(plan.efi, *reason, "it stays mounted; the store is not known to be on the medium");
   }
-  const MountedEFI efi(plan.disk);
+  const MountedEFI efi(plan.efi);
   if (readFile(efi.storePath(), kLargestStore) != plan.store) {
     throw Failure(options.disk, "the boot configuration store is not what it should be", "it was written");
   }
