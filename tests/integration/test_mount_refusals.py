@@ -67,6 +67,25 @@ class Refused(MountTest):
         message = self.vorlix_refuses("unmount", image, saying=[image, "not mounted"])
         self.assertNotIn("another image", message)
 
+    def test_patching_a_volume_that_is_mounted(self):
+        """Its mirror would be that of another volume from then on."""
+        disk = volumes.make_mac(self.path("mac.img"))
+        samples.place(disk, self.fat("volume", tree={"a": b"1"}, bits=12), volumes.WINDOWS.first)
+        self.give(disk)
+        volume = f"{disk}s{volumes.WINDOWS.number}"
+        arguments = ("hybrid", disk, "--boot-code", self.boot_code, "--partition", volumes.WINDOWS.number)
+        os.chmod(self.boot_code, 0o644)
+        folder = self.mount(volume, "--read-write")
+        self.write(folder, "b", b"2")
+        before = images.snapshot(disk)
+        self.vorlix_refuses(*arguments, saying=[volume, f"is mounted at {folder}", "nothing was written"])
+        self.assert_unchanged(disk, before)
+        self.unmount(volume)
+        self.vorlix_ok(*arguments)
+        folder = self.mount(volume)
+        self.assertEqual(volumes.folder_tree(folder), {"a": b"1", "b": b"2"})
+        self.unmount(volume)
+
     def test_a_volume_that_is_not_mounted(self):
         image = self.fat()
         before = images.snapshot(image)
