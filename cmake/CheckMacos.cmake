@@ -12,7 +12,7 @@ execute_process(COMMAND ${VORLIX_MACOS_HEADERS}/flags OUTPUT_VARIABLE flags OUTP
                 COMMAND_ERROR_IS_FATAL ANY)
 separate_arguments(flags UNIX_COMMAND "${flags}")
 
-file(GLOB checked CONFIGURE_DEPENDS platform/macos/*.cpp platform/posix/*.cpp platform/*.cpp foundation/*.cpp foundation/*/*.cpp
+file(GLOB checked CONFIGURE_DEPENDS platform/macos/*.cpp platform/posix/*.cpp platform/changes/*.cpp platform/*.cpp foundation/*.cpp foundation/*/*.cpp
      Vorlix/*.cpp Vorlix/*/*.cpp platform/simulated/*.cpp)
 set(stamps)
 file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/check-macos/include)

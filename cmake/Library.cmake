@@ -11,6 +11,9 @@ set(VORLIX_SOURCES
     Vorlix/Vorlix_vers.cpp
     foundation/UUID.cpp
     platform/Platform.cpp
+    platform/changes/Change.cpp
+    platform/changes/Journal.cpp
+    platform/changes/StateFolder.cpp
     platform/posix/ChildProcess.cpp
     platform/posix/FileHandle.cpp
     platform/posix/PartitionExtents.cpp
@@ -67,6 +70,8 @@ if(APPLE)
        platform/macos/LockedDescriptor.cpp
        platform/macos/NativePlatform.cpp
        platform/macos/Spawning.cpp
+       platform/macos/DeviceIdentity.cpp
+       platform/macos/Sha256.cpp
        platform/macos/SyncDescriptor.cpp)
 else()
   list(APPEND VORLIX_SOURCES
@@ -78,6 +83,8 @@ else()
        platform/linux/DiskLock.cpp
        platform/linux/NativePlatform.cpp
        platform/linux/Spawning.cpp
+       platform/linux/DeviceIdentity.cpp
+       platform/linux/Sha256.cpp
        platform/linux/SyncDescriptor.cpp)
 endif()
 
@@ -225,6 +232,8 @@ add_library(Vorlix::Simulated ALIAS vorlix_simulated)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET GLOBAL libplist-2.0)
 target_link_libraries(vorlix_objects PRIVATE PkgConfig::PLIST)
+find_package(nlohmann_json REQUIRED)  # the journals' manifests; headers alone
+target_link_libraries(vorlix_objects PRIVATE nlohmann_json::nlohmann_json)
 target_link_libraries(vorlix_shared PRIVATE PkgConfig::PLIST)
 target_link_libraries(vorlix_static PRIVATE PkgConfig::PLIST)
 if(PLIST_VERSION VERSION_GREATER_EQUAL 2.3)

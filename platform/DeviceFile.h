@@ -19,6 +19,17 @@ enum class DeviceAccess { readOnly, readWrite };
 /// disk, also where a slice is opened; macOS locks the node that is opened.
 enum class DeviceLock { none, shared, exclusive };
 
+/// Tells an open device from every other one, whatever name it was opened by and whatever lies under that name now.
+struct DeviceIdentity {
+  /// The whole disk or image file, in words of the system's that people need not understand: equal for all handles onto
+  /// one disk, for as long as it stays attached or the file lives.
+  std::string disk;
+  /// Bytes from the start of that disk to what was opened. Absent where the system does not tell.
+  std::optional<uint64_t> offset;
+
+  friend bool operator==(const DeviceIdentity&, const DeviceIdentity&) = default;
+};
+
 /// An open device. Offsets count from the start of what was opened: of the slice, where that is a slice.
 ///
 /// One thread at a time uses a handle. Destroying it closes it.
@@ -36,6 +47,13 @@ class DeviceHandle {
 
   /// Brings what was written to the medium. @return 0, or -1 with `errno` set.
   virtual int sync() = 0;
+
+  /// Reads like readAt() what sync() has brought to the medium, and not a copy of it that the system keeps in memory,
+  /// as far as the system lets a program ask for that.
+  virtual ssize_t readMediumAt(void* buffer, size_t count, uint64_t offset) = 0;
+
+  /// Absent when the system cannot tell.
+  virtual std::optional<DeviceIdentity> identity() = 0;
 
   /// Size in bytes; absent when the system cannot tell.
   virtual std::optional<uint64_t> size() = 0;

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "../posix/FileHandle.h"
@@ -7,6 +8,15 @@ namespace vorlix {
 
 int syncDescriptor(int descriptor) {
   return fsync(descriptor);
+}
+
+void forgetCached(int descriptor, uint64_t offset, uint64_t count) {
+  // Only what is clean is dropped, so this comes after a sync. Whole pages: the part of one stays.
+  constexpr uint64_t kPage = 64 * 1024;
+  const uint64_t from = offset - offset % kPage;
+  const uint64_t end = (offset + count + kPage - 1) / kPage * kPage;
+  static_cast<void>(
+      posix_fadvise(descriptor, static_cast<off_t>(from), static_cast<off_t>(end - from), POSIX_FADV_DONTNEED));
 }
 
 }  // namespace vorlix

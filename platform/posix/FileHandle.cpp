@@ -58,6 +58,11 @@ ssize_t FileHandle::writeAt(const void* buffer, size_t count, uint64_t offset) {
   });
 }
 
+ssize_t FileHandle::readMediumAt(void* buffer, size_t count, uint64_t offset) {
+  forgetCached(descriptor_, window_.offset + offset, countInside(count, offset));
+  return FileHandle::readAt(buffer, count, offset);
+}
+
 int FileHandle::sync() {
   return syncDescriptor(descriptor_);
 }

@@ -15,6 +15,15 @@ struct Extent {
   uint64_t size = 0;
 };
 
+/// Brings a descriptor's data to the medium, through the medium's own cache where the system has a call for it.
+int syncDescriptor(int descriptor);
+
+/// Has the next read of these bytes ask the medium, as far as the system lets a program say so.
+void forgetCached(int descriptor, uint64_t offset, uint64_t count);
+
+/// The identity of what stands `offset` bytes into an open device node or image file.
+std::optional<DeviceIdentity> identityOf(int descriptor, uint64_t offset);
+
 /// Reads and writes the bytes of `window`. Nothing outside it can be reached, so a disk-image file never grows.
 class FileHandle final : public DeviceHandle {
  public:
@@ -27,6 +36,8 @@ class FileHandle final : public DeviceHandle {
   ssize_t readAt(void* buffer, size_t count, uint64_t offset) override;
   ssize_t writeAt(const void* buffer, size_t count, uint64_t offset) override;
   int sync() override;
+  ssize_t readMediumAt(void* buffer, size_t count, uint64_t offset) override;
+  std::optional<DeviceIdentity> identity() override { return identityOf(descriptor_, window_.offset); }
   std::optional<uint64_t> size() override { return window_.size; }
   int close() override;
 
@@ -37,8 +48,5 @@ class FileHandle final : public DeviceHandle {
   int descriptor_;
   Extent window_;
 };
-
-/// Brings a descriptor's data to the medium, through the medium's own cache where the system has a call for it.
-int syncDescriptor(int descriptor);
 
 }  // namespace vorlix

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A change to a disk as a value: which bytes change on which opened devices, and why. Describing a change writes
+// nothing; applyChange() makes it, with a journal, so that a change that is cut off can be finished or put back.
+#pragma once
+
+#include <Vorlix/platform/DeviceFile.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vorlix {
+
+/// A run of bytes that changes. `before` and `after` have the same length.
+struct ByteChange {
+  uint64_t offset = 0;  ///< bytes from the start of the device it belongs to
+  std::vector<uint8_t> before;
+  std::vector<uint8_t> after;
+  std::string reason;  ///< for people: "hybrid MBR in sector 0"
+};
+
+/// What changes on one device, in the order in which it is written.
+struct DeviceChange {
+  std::string device;                    ///< the name by which people know it
+  std::shared_ptr<DeviceHandle> handle;  ///< the handle it was looked at through, open for reading and writing
+  std::vector<ByteChange> bytes;
+};
+
+/// What one command does, in the order in which it is written.
+struct DiskChange {
+  std::string title;  ///< for people, who may meet it in a journal: "hybrid MBR of mac.img"
+  std::vector<DeviceChange> devices;
+
+  /// No byte would change.
+  bool empty() const;
+};
+
+/// Why a change was not made.
+struct ChangeFailure {
+  std::string subject;  ///< the device or file
+  std::string reason;
+  std::string state;  ///< what was and what was not written, "nothing was written" included
+};
+
+/// Makes a change, or leaves the devices as they were.
+///
+/// 1. What stands on the devices is compared with `before`; a difference refuses the change.
+/// 2. Both images are journalled and synced (Journal.h).
+/// 3. Runs that change are written in order, the devices are synced, and the runs are read back from the medium.
+/// 4. The journal is removed.
+///
+/// Where step 3 fails, what was written is put back. Where that fails as well the journal stays, and the next command
+/// on the disk finishes the change. @return absent when the change is on the medium.
+std::optional<ChangeFailure> applyChange(const DiskChange& change);
+
+/// A change that a process began and did not finish.
+struct InterruptedChange {
+  std::string title;
+  std::string journal;  ///< folder of its journal
+};
+
+/// The changes of this user that were cut off on the disk behind `device`. Writes nothing.
+std::vector<InterruptedChange> interruptedChanges(DeviceHandle& device);
+
+/// Settles those changes before anything else is written to the disk: finishes what was begun, and drops the journal
+/// of what was not. `device` is the whole disk or a slice, open for reading and writing; `name` is its name.
+///
+/// Refused while the process that began a change still runs, and where the bytes on the disk are neither those before
+/// nor those after the change, since somebody else wrote there meanwhile.
+/// @param finished  gets the titles of the changes that were finished.
+std::optional<ChangeFailure> settleInterruptedChanges(const std::string& name, DeviceHandle& device,
+                                                      std::vector<std::string>& finished);
+
+}  // namespace vorlix
