@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "DeviceChanges.h"
+
+#include <Vorlix/platform/Platform.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <vector>
+
+#include "Complaint.h"
+#include "Failure.h"
+#include "Text.h"
+
+namespace vorlix::tool {
+namespace {
+
+[[noreturn]] void fail(const ChangeFailure& failure) {
+  throw Failure(failure.subject, failure.reason, failure.state);
+}
+
+}  // namespace
+
+std::shared_ptr<DeviceHandle> openToLook(const std::string& device) {
+  std::shared_ptr<DeviceHandle> handle = platform().deviceFile->open(device, DeviceAccess::readOnly, DeviceLock::none);
+  if (!handle) throw Failure::ofErrno(device, errno);
+  for (const InterruptedChange& change : interruptedChanges(*handle)) {
+    complain(device + ": a change was cut off (" + change.title + "); the next command that writes here finishes it");
+  }
+  return handle;
+}
+
+std::shared_ptr<DeviceHandle> openToChange(const std::string& device) {
+  DeviceFile& files = *platform().deviceFile;
+  std::shared_ptr<DeviceHandle> handle = files.open(device, DeviceAccess::readWrite, DeviceLock::exclusive);
+  if (!handle) handle = files.open(device, DeviceAccess::readWrite, DeviceLock::shared);
+  if (!handle && errno == EWOULDBLOCK) throw Failure(device, "locked by another process");
+  if (!handle) throw Failure::ofErrno(device, errno);
+  std::vector<std::string> finished;
+  if (const auto failure = settleInterruptedChanges(device, *handle, finished)) fail(*failure);
+  for (const std::string& title : finished) {
+    std::printf("Finished   %s, which was cut off earlier\n", printable(title).c_str());
+  }
+  std::fflush(stdout);
+  return handle;
+}
+
+void applyOrFail(const DiskChange& change) {
+  if (const auto failure = applyChange(change)) fail(*failure);
+}
+
+}  // namespace vorlix::tool

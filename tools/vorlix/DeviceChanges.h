@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Devices as commands open them: once, to look at and, where they change something, to write through.
+#pragma once
+
+#include <Vorlix/platform/DeviceFile.h>
+#include <Vorlix/platform/changes/Change.h>
+
+#include <memory>
+#include <string>
+
+namespace vorlix::tool {
+
+/// Opens a device for reading. A change that was cut off on its disk is mentioned on standard error, since what is read
+/// may be a part of it. Throws Failure.
+std::shared_ptr<DeviceHandle> openToLook(const std::string& device);
+
+/// Opens a device for reading and writing, locked against other processes: exclusively, or with a shared lock where the
+/// running system uses the disk. First finishes what an earlier command began on the disk and did not finish, and
+/// says so on standard output. Throws Failure.
+std::shared_ptr<DeviceHandle> openToChange(const std::string& device);
+
+/// Makes the change. Throws Failure, which says what was and what was not written.
+void applyOrFail(const DiskChange& change);
+
+}  // namespace vorlix::tool
