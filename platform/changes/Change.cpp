@@ -114,6 +114,8 @@ class Application {
   std::optional<ChangeFailure> put(Image image) {
     std::optional<ChangeFailure> failure;
     for (const JournalRun& run : journal_.runs()) {
+      // A medium that refused a run refuses to have it put back as well, and need not: it is as it was.
+      if (image == Image::before && isOnMedium(run, image)) continue;
       if ((failure = putRun(run, image))) break;
     }
     // Also after a failure: what was written so far may as well be there.
@@ -135,6 +137,13 @@ class Application {
       }
     }
     return failure;
+  }
+
+  bool isOnMedium(const JournalRun& run, Image image) const {
+    Bytes wanted;
+    Bytes now;
+    std::string reason;
+    return !journal_.read(run, image, wanted) && readRun(handleOf(run), run, now, reason) && now == wanted;
   }
 
   std::optional<ChangeFailure> putRun(const JournalRun& run, Image image) {
@@ -250,7 +259,6 @@ std::optional<ChangeFailure> settle(Journal& journal, DeviceHandle& disk, const 
                              " once the disk is as you want it",
                          kNothingWritten};
   }
-  // What stands there may stand in the system's memory alone, after a sync that failed; so it is written in any case.
   if (standing == Application::Standing::before) return application.putBack();
   if (auto failure = application.finish()) return failure;
   finished.push_back(journal.title());

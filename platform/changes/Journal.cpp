@@ -87,8 +87,9 @@ void removeFiles(const std::string& folder) {
   rmdir(folder.c_str());
 }
 
-bool endsIn(const std::string& text, const char* ending) {
-  return text.ends_with(ending);
+bool isComplete(const std::string& folder) {
+  const bool isOnItsWay = folder.ends_with(kUnfinished) || folder.ends_with(kRemoved);
+  return !isOnItsWay && access((folder + kManifest).c_str(), F_OK) == 0;
 }
 
 // What processes that were ended left over: journals that never were complete, and such as were no longer needed.
@@ -96,7 +97,7 @@ void removeLeftovers(const std::string& journals) {
   std::error_code error;
   for (const fs::directory_entry& entry : fs::directory_iterator(journals, error)) {
     const std::string path = entry.path().string();
-    if (!endsIn(path, kUnfinished) && !endsIn(path, kRemoved)) continue;
+    if (isComplete(path)) continue;
     if (const Descriptor lock = lockFolder(path)) removeFiles(path);
   }
 }
@@ -174,7 +175,10 @@ std::optional<ChangeFailure> Journal::read(const JournalRun& run, Image image, s
 
 void Journal::remove() {
   const std::string removed = folder_ + kRemoved;
-  if (rename(folder_.c_str(), removed.c_str()) != 0) return;  // settled once more by the next command
+  if (rename(folder_.c_str(), removed.c_str()) != 0) {
+    removeFiles(folder_);  // without its manifest, which goes first, it is no journal any more
+    return;
+  }
   static_cast<void>(syncFolder(fs::path(folder_).parent_path().string()));
   removeFiles(removed);
 }
@@ -182,7 +186,7 @@ void Journal::remove() {
 bool Journal::lock() {
   lock_ = lockFolder(folder_);
   // Whoever had it may have finished and removed it since it was read.
-  return lock_ && access((folder_ + kManifest).c_str(), F_OK) == 0;
+  return lock_ && isComplete(folder_);
 }
 
 std::unique_ptr<Journal> Journal::open(const std::string& folder, std::optional<ChangeFailure>& failure) {
@@ -296,7 +300,7 @@ std::vector<std::string> journalFolders() {
   std::error_code error;
   for (const fs::directory_entry& entry : fs::directory_iterator(journalsFolderOf(*state), error)) {
     const std::string path = entry.path().string();
-    if (!endsIn(path, kUnfinished) && !endsIn(path, kRemoved)) folders.push_back(path);
+    if (isComplete(path)) folders.push_back(path);
   }
   std::sort(folders.begin(), folders.end());
   return folders;
