@@ -2,13 +2,16 @@
 # The library, compiled once and offered as a shared and as a static one, and the simulated machine for hosts' tests.
 
 set(VORLIX_SOURCES
+    Vorlix/QDSDiskFunctions/BootSectors.cpp
     Vorlix/QDSDiskFunctions/DeviceStreams.cpp
+    Vorlix/QDSDiskFunctions/GPTCheck.cpp
     Vorlix/QDSDiskFunctions/HybridMBR.cpp
     Vorlix/QDSDiskFunctions/Log.cpp
     Vorlix/QDSDiskFunctions/PartitionRecords.cpp
     Vorlix/QDSDiskFunctions/PartitionTables.cpp
     Vorlix/QDSDiskFunctions/StoreSlots.cpp
     Vorlix/Vorlix_vers.cpp
+    foundation/GUIDPartitionTable.cpp
     foundation/UUID.cpp
     platform/Platform.cpp
     platform/changes/Change.cpp

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "BootSectors.h"
 #include "DeviceStreams.h"
 #include "Log.h"
 #include "PartitionRecords.h"
@@ -35,9 +36,6 @@ enum LogPlace : int {
   kPlaceReadingMBR = 753,
 };
 
-constexpr uint64_t kHiddenSectorsOffset = 28;  // of a FAT or NTFS boot sector
-constexpr uint64_t kSerialOffset = 72;         // of an NTFS boot sector
-
 // One word from standard input; only its first character counts.
 bool terminalSaysYes() {
   std::fflush(stdout);
@@ -53,16 +51,6 @@ bool confirmSharedAccess(const char* device) {
 
 std::unique_ptr<DeviceHandle> openLocked(const char* device, DeviceLock lock) {
   return vorlix::platform().deviceFile->open(device, DeviceAccess::readWrite, lock);
-}
-
-std::array<uint8_t, 8> randomSerial() {
-  std::array<uint8_t, 8> bytes = {};
-  if (const vorlix::Stream source{std::fopen("/dev/random", "rbe")}) {
-    std::setvbuf(source.get(), nullptr, _IONBF, 0);  // takes no more than is needed
-    // A source that fails leaves the bytes as they are; the serial is then not fresh, and nothing depends on it.
-    static_cast<void>(std::fread(bytes.data(), 1, bytes.size(), source.get()) == bytes.size());
-  }
-  return bytes;
 }
 
 bool writeWhole(DeviceHandle& device, const void* bytes, size_t count, uint64_t offset) {
@@ -113,6 +101,13 @@ bool readTables(FILE* stream, const char* device, uint32_t partition, int guard,
 }
 
 }  // namespace
+
+bool vorlix::drawSerial(Serial& serial) {
+  const Stream source{std::fopen("/dev/random", "rbe")};
+  if (!source) return false;
+  std::setvbuf(source.get(), nullptr, _IONBF, 0);  // takes no more than is needed
+  return std::fread(serial.data(), 1, serial.size(), source.get()) == serial.size();
+}
 
 int update_mbr_and_partition(const char* device, const char* boot_code, uint32_t partition, uint32_t id,
                              const char* volume, int guard, uint32_t start) {
@@ -188,20 +183,18 @@ void write_new_gpt(int non_interactive, const char* device, const char* boot_cod
   }
   logMessage("Device opened%s", "");
 
-  std::array<uint8_t, vorlix::kSectorSize> sector = {};
   if (boot_code == nullptr) {
     logMessage("No MBR file. Aborting%s", "");
     vorlix::keepOpen(std::move(handle));
     return;
   }
   logMessage("Opening MBR file at path %s", boot_code);
-  if (!readBootCode(boot_code, sector.data())) {
+  std::array<uint8_t, vorlix::kBootCodeSize> code = {};
+  if (!readBootCode(boot_code, code.data())) {
     // Hosts rely on this end: without its boot code a half-deployed disk must not look done.
     logMessage("Error opening MBR file. Aborting%s", "");
     std::exit(-1);
   }
-  const auto slots = vorlix::encodeSlots(table->parts);
-  std::copy(slots.begin(), slots.end(), sector.begin() + vorlix::kBootCodeSize);
   if (table->signature != vorlix::kMBRSignature) {
     logMessage(
         "Signature is not AA55. Writing this would cause the partition table to be unreadable. Aborting. line:%i",
@@ -210,8 +203,7 @@ void write_new_gpt(int non_interactive, const char* device, const char* boot_cod
     return;
   }
   logMessage("Writing signature of %02x", static_cast<unsigned>(table->signature));
-  sector[510] = static_cast<uint8_t>(table->signature & 0xFF);
-  sector[511] = static_cast<uint8_t>(table->signature >> 8);
+  const vorlix::Sector sector = vorlix::makeSector0(code, table->parts, table->signature);
 
   if (table->parts[0].type != vorlix::kProtectiveType) {
     logMessage(
@@ -242,18 +234,19 @@ int update_start_sector(int non_interactive, uint64_t /*unused1*/, uint32_t star
     }
   }
 
-  const std::array<uint8_t, 4> field = {static_cast<uint8_t>(start), static_cast<uint8_t>(start >> 8),
-                                        static_cast<uint8_t>(start >> 16), static_cast<uint8_t>(start >> 24)};
+  const std::array<uint8_t, 4> field = vorlix::hiddenSectorsBytes(start);
   logMessage("writing out %02X %02X %02X %02X", field[0], field[1], field[2], field[3]);
   logMessage("Updating start sector offset on %s\n", volume);
-  if (!writeWhole(*device, field.data(), field.size(), kHiddenSectorsOffset)) {
+  if (!writeWhole(*device, field.data(), field.size(), vorlix::kHiddenSectorsOffset)) {
     std::perror("Failed to write 4 byte start sector");
     return -1;
   }
 
-  const std::array<uint8_t, 8> serial = randomSerial();
+  // Where the source fails the serial is not fresh, and nothing here depends on it.
+  vorlix::Serial serial = {};
+  static_cast<void>(vorlix::drawSerial(serial));
   logMessage("Updating UUID line:%i\n", kPlaceUpdatingUUID);
-  if (!writeWhole(*device, serial.data(), serial.size(), kSerialOffset)) {
+  if (!writeWhole(*device, serial.data(), serial.size(), vorlix::kNTFSSerialOffset)) {
     std::perror("Failed to write 8 byte uuid");
     return -1;
   }

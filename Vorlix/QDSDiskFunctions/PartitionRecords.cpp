@@ -168,7 +168,7 @@ uint32_t boundedEntryCount(const GPTHeader& header) {
 bool decodeGPTEntry(Bytes bytes, GPTEntry& entry) {
   takeBytes(bytes, 0, entry.type_guid);
   ConvertToGUID(entry.type_guid, entry.guid_text);
-  if (std::strcmp(entry.guid_text, kUnusedGUID) == 0) {
+  if (!isUsed(entry)) {
     std::fill(std::begin(entry.unique_guid), std::end(entry.unique_guid), uint8_t{0});
     return false;
   }
@@ -178,6 +178,10 @@ bool decodeGPTEntry(Bytes bytes, GPTEntry& entry) {
   takeInteger(bytes, 48, entry.attributes);
   takeBytes(bytes, 56, entry.name);
   return true;
+}
+
+bool isUsed(const GPTEntry& entry) {
+  return std::strcmp(entry.guid_text, kUnusedGUID) != 0;
 }
 
 MBRPartitionEntry hybridSlot(const GPTEntry& entry, bool active) {
@@ -204,6 +208,26 @@ MBRPartitionEntry hybridSlot(const GPTEntry& entry, bool active) {
   slot.end_head = static_cast<uint8_t>(to.head);
   slot.end_sector = static_cast<uint8_t>(to.sector);
   return slot;
+}
+
+MBRPartitionEntry slotFor(const GPTEntry& entry, uint32_t number, uint32_t active) {
+  return isUsed(entry) ? hybridSlot(entry, number == active) : MBRPartitionEntry{};
+}
+
+PartitionTable hybridTable(std::span<const GPTEntry> entries, uint32_t active) {
+  PartitionTable table = {};
+  table.signature = kMBRSignature;
+  for (uint32_t i = 0; i < kSlotCount && i < entries.size(); ++i) table.parts[i] = slotFor(entries[i], i + 1, active);
+  return table;
+}
+
+std::array<uint32_t, 10> fieldsOf(const MBRPartitionEntry& slot) {
+  return {slot.lba,      slot.size,       slot.start_head, slot.start_sector, slot.start_track,
+          slot.end_head, slot.end_sector, slot.end_track,  slot.type,         slot.flag};
+}
+
+bool sameSlot(const MBRPartitionEntry& one, const MBRPartitionEntry& other) {
+  return encodeSlots({one, {}, {}, {}}) == encodeSlots({other, {}, {}, {}});
 }
 
 void makeGuard(PartitionTable& table, uint64_t lastUsableLBA) {

@@ -62,10 +62,27 @@ uint32_t boundedEntryCount(const GPTHeader& header);
 /// rest of its fields. Returns whether the entry is in use.
 bool decodeGPTEntry(Bytes bytes, GPTEntry& entry);
 
+/// Whether a GPT entry is in use.
+bool isUsed(const GPTEntry& entry);
+
 /// The MBR slot that mirrors a used GPT entry.
 MBRPartitionEntry hybridSlot(const GPTEntry& entry, bool active);
 
+/// The MBR slot of the GPT entry `number` (from 1): empty for an unused one, else the one that mirrors it, active if
+/// `active` is that number.
+MBRPartitionEntry slotFor(const GPTEntry& entry, uint32_t number, uint32_t active);
+
+/// The MBR that the first four entries of a GPT ask for. Slots of entries that are not there are empty.
+PartitionTable hybridTable(std::span<const GPTEntry> entries, uint32_t active);
+
 /// Turns a hybrid MBR into a standard guard MBR; slot 1 keeps its type and first LBA.
 void makeGuard(PartitionTable& table, uint64_t lastUsableLBA);
+
+/// The fields of a slot, in the order in which ComparePartitionTables() looks at them: LBA, size, start head, sector
+/// and cylinder, end head, sector and cylinder, type, flag.
+std::array<uint32_t, 10> fieldsOf(const MBRPartitionEntry& slot);
+
+/// Whether two slots have the same bytes on disk. Cylinder, head and sector of an LBA of 2^31 or more lose bits there.
+bool sameSlot(const MBRPartitionEntry& one, const MBRPartitionEntry& other);
 
 }  // namespace vorlix

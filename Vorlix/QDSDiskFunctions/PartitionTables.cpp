@@ -5,7 +5,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
+#include <iterator>
+#include <tuple>
 #include <vector>
 
 #include "DeviceStreams.h"
@@ -58,36 +59,22 @@ class EntryReader {
   std::array<uint8_t, 128 * vorlix::kGPTEntrySize> buffer_;
 };
 
-class SlotComparison {
- public:
-  template <typename Integer>
-  void field(const char* format, Integer fresh, Integer disk) {
-    if (fresh == disk) return;
-    differs_ = true;
-    logDifference(format, static_cast<int>(fresh), static_cast<int>(disk));
-  }
-
-  bool differs() const { return differs_; }
-
- private:
-  static void logDifference(const char* label, int fresh, int disk) { logMessage("%s%d - %d\n", label, fresh, disk); }
-
-  bool differs_ = false;
-};
+// What is logged of each field that fieldsOf() gives. The spacing differs from label to label; readers know it so.
+constexpr const char* kFieldLabels[] = {
+    "lba is different: ",          "lba size is different: ",     "start_head is different: ",
+    "start_sector is different: ", "start_track is different:  ", "end_head is different:  ",
+    "end_sector is different: ",   "end_track is different: ",    "type is different: ",
+    "flag is different: "};
 
 bool slotDiffers(const MBRPartitionEntry& fresh, const MBRPartitionEntry& disk) {
-  SlotComparison slot;
-  slot.field("lba is different: ", fresh.lba, disk.lba);
-  slot.field("lba size is different: ", fresh.size, disk.size);
-  slot.field("start_head is different: ", fresh.start_head, disk.start_head);
-  slot.field("start_sector is different: ", fresh.start_sector, disk.start_sector);
-  slot.field("start_track is different:  ", fresh.start_track, disk.start_track);
-  slot.field("end_head is different:  ", fresh.end_head, disk.end_head);
-  slot.field("end_sector is different: ", fresh.end_sector, disk.end_sector);
-  slot.field("end_track is different: ", fresh.end_track, disk.end_track);
-  slot.field("type is different: ", fresh.type, disk.type);
-  slot.field("flag is different: ", fresh.flag, disk.flag);
-  return slot.differs();
+  const auto wanted = vorlix::fieldsOf(fresh);
+  const auto found = vorlix::fieldsOf(disk);
+  static_assert(std::size(kFieldLabels) == std::tuple_size_v<decltype(wanted)>);
+  for (size_t i = 0; i < wanted.size(); ++i) {
+    if (wanted[i] == found[i]) continue;
+    logMessage("%s%d - %d\n", kFieldLabels[i], static_cast<int>(wanted[i]), static_cast<int>(found[i]));
+  }
+  return wanted != found;
 }
 
 }  // namespace
@@ -131,9 +118,8 @@ void read_gpt(FILE* stream, PartitionTable* table, GPTEntry* entries, const GPTH
 
   EntryReader reader(stream, header->number_of_entries);
   for (uint32_t i = 0; i < header->number_of_entries; ++i) {
-    const bool used = vorlix::decodeGPTEntry(reader.next(), entries[i]);
-    if (i >= vorlix::kSlotCount) continue;
-    table->parts[i] = used ? vorlix::hybridSlot(entries[i], i + 1 == active) : MBRPartitionEntry{};
+    vorlix::decodeGPTEntry(reader.next(), entries[i]);
+    if (i < vorlix::kSlotCount) table->parts[i] = vorlix::slotFor(entries[i], i + 1, active);
   }
 
   if (guard == 1) {
@@ -149,7 +135,7 @@ int print_gpt(const GPTEntry* entries) {
   int index = 0;
   for (int i = 0; i < kPrintedEntries; ++i) {
     const GPTEntry& entry = entries[i];
-    if (std::strcmp(entry.guid_text, vorlix::kUnusedGUID) == 0) continue;
+    if (!vorlix::isUsed(entry)) continue;
     // The column headed "size" has always carried the last LBA; scripts parse it so.
     std::printf("%10lli %11lli %6i  GPT part - %s\n", static_cast<long long>(entry.first_lba),
                 static_cast<long long>(entry.last_lba), ++index, entry.guid_text);

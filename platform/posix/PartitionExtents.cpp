@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "PartitionExtents.h"
 
+#include <Vorlix/foundation/GUIDPartitionTable.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <limits>
+#include <vector>
 
 namespace vorlix {
 namespace {
@@ -37,9 +39,27 @@ std::optional<Extent> extentOf(uint64_t first, uint64_t count, uint32_t blockSiz
   return Extent{first * blockSize, std::min(count, blocks - first) * blockSize};
 }
 
-std::optional<Extent> gptExtent(int descriptor, uint64_t diskSize, uint32_t blockSize, uint32_t number) {
+// A block, as far as the disk has it.
+std::vector<uint8_t> readBlock(int descriptor, uint64_t lba, uint32_t blockSize) {
+  constexpr auto kLargestOffset = static_cast<uint64_t>(std::numeric_limits<off_t>::max());
+  if (lba > kLargestOffset / blockSize) return {};
+  std::vector<uint8_t> block(blockSize);
+  const ssize_t count = pread(descriptor, block.data(), block.size(), static_cast<off_t>(lba * blockSize));
+  block.resize(count < 0 ? 0 : static_cast<size_t>(count));
+  return block;
+}
+
+bool hasSecondHeader(int descriptor, uint64_t diskSize, uint32_t blockSize) {
+  const uint64_t blocks = diskSize / blockSize;
+  if (blocks < 3) return false;
+  return isSoundGPTHeader(readBlock(descriptor, blocks - 1, blockSize), blocks - 1) &&
+         leavesDiskToGPT(readBlock(descriptor, 0, 512));
+}
+
+std::optional<Extent> gptExtent(int descriptor, uint64_t headerLBA, uint64_t diskSize, uint32_t blockSize,
+                                uint32_t number) {
   std::array<uint8_t, 92> header;
-  if (!readWhole(descriptor, header, blockSize)) return std::nullopt;
+  if (!readWhole(descriptor, header, headerLBA * blockSize)) return std::nullopt;
   const uint64_t entryLBA = littleEndian(header, kHeaderEntryLBA, 8);
   const uint64_t count = littleEndian(header, kHeaderEntryCount, 4);
   if (number > count || entryLBA >= diskSize / blockSize) return std::nullopt;
@@ -64,21 +84,35 @@ std::optional<Extent> mbrExtent(int descriptor, uint64_t diskSize, uint32_t bloc
 
 }  // namespace
 
-bool hasGPTHeader(int descriptor, uint32_t blockSize) {
-  std::array<uint8_t, 8> signature;
-  return readWhole(descriptor, signature, blockSize) && std::memcmp(signature.data(), "EFI PART", 8) == 0;
+uint32_t imageBlockSize(int descriptor) {
+  constexpr uint32_t kSizes[] = {512, 4096};
+  for (const uint32_t size : kSizes) {
+    if (hasGPTSignature(readBlock(descriptor, 1, size))) return size;
+  }
+  struct stat status = {};
+  if (fstat(descriptor, &status) != 0) return kSizes[0];
+  for (const uint32_t size : kSizes) {
+    if (hasSecondHeader(descriptor, static_cast<uint64_t>(status.st_size), size)) return size;
+  }
+  return kSizes[0];
 }
 
-uint32_t imageBlockSize(int descriptor) {
-  for (const uint32_t size : {512U, 4096U}) {
-    if (hasGPTHeader(descriptor, size)) return size;
-  }
-  return 512;
+std::optional<uint64_t> gptHeaderLBA(int descriptor, uint64_t diskSize, uint32_t blockSize) {
+  if (hasGPTSignature(readBlock(descriptor, 1, blockSize))) return 1;
+  if (hasSecondHeader(descriptor, diskSize, blockSize)) return diskSize / blockSize - 1;
+  return std::nullopt;
+}
+
+bool hasProtectiveSlot(int descriptor) {
+  return isProtected(readBlock(descriptor, 0, 512));
 }
 
 std::optional<Extent> partitionExtent(int descriptor, uint64_t diskSize, uint32_t blockSize, uint32_t number) {
   if (number == 0 || blockSize == 0) return std::nullopt;
-  if (hasGPTHeader(descriptor, blockSize)) return gptExtent(descriptor, diskSize, blockSize, number);
+  if (const auto headerLBA = gptHeaderLBA(descriptor, diskSize, blockSize)) {
+    return gptExtent(descriptor, *headerLBA, diskSize, blockSize, number);
+  }
+  if (hasProtectiveSlot(descriptor)) return std::nullopt;
   return mbrExtent(descriptor, diskSize, blockSize, number);
 }
 

@@ -3,8 +3,10 @@
 // Where slice N of a disk stands, for disks whose slices have no device node of their own: disk-image files, and block
 // devices whose partitions the kernel was not told to look for.
 //
-// This is deliberately more lenient than a system's own prober: checksums are not looked at, since a disk that is being
-// repaired may have wrong ones, and what a damaged table claims is held to the size of the disk.
+// This is deliberately more lenient than a system's own prober: the checksums of a GPT in its place are not looked at,
+// since a disk that is being repaired may have wrong ones, and what a damaged table claims is held to the size of the
+// disk. A GPT whose first header is gone is read from its second one, at the disk's end, if that one is undamaged. The
+// slots of an MBR that only protects a GPT are never taken for slices.
 #pragma once
 
 #include <cstdint>
@@ -17,8 +19,11 @@ namespace vorlix {
 /// Block size of a disk-image file: 512 or 4096, wherever its GPT header stands; 512 when it has none.
 uint32_t imageBlockSize(int descriptor);
 
-/// Whether a GPT header stands in its place, block 1.
-bool hasGPTHeader(int descriptor, uint32_t blockSize);
+/// LBA of the GPT header that tells where the slices are: 1, or that of the disk's last block. Absent without a GPT.
+std::optional<uint64_t> gptHeaderLBA(int descriptor, uint64_t diskSize, uint32_t blockSize);
+
+/// Whether sector 0 leaves the slices to a GPT, be there one or not.
+bool hasProtectiveSlot(int descriptor);
 
 /// Slice `number` (from 1) of a disk of `diskSize` bytes: of its GPT, else of its MBR (1 to 4). Cut at the end of the
 /// disk; absent when there is no such slice or it starts past the end.

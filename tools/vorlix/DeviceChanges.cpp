@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Complaint.h"
+#include "DiskTables.h"
 #include "Failure.h"
 #include "Text.h"
 
@@ -18,11 +19,20 @@ namespace {
   throw Failure(failure.subject, failure.reason, failure.state);
 }
 
+[[noreturn]] void failToOpen(const std::string& device, int reason) {
+  if (reason == EWOULDBLOCK) throw Failure(device, "locked by another process");
+  if (reason == ENOENT) {
+    if (const auto why = whySliceIsCutOff(device)) throw Failure(device, *why);
+  }
+  throw Failure::ofErrno(device, reason);
+}
+
 }  // namespace
 
 std::shared_ptr<DeviceHandle> openToLook(const std::string& device) {
   std::shared_ptr<DeviceHandle> handle = platform().deviceFile->open(device, DeviceAccess::readOnly, DeviceLock::none);
-  if (!handle) throw Failure::ofErrno(device, errno);
+  if (!handle) failToOpen(device, errno);
+  mentionLostHeader(device);
   for (const InterruptedChange& change : interruptedChanges(*handle)) {
     complain(device + ": a change was cut off (" + change.title + "); the next command that writes here finishes it");
   }
@@ -33,8 +43,8 @@ std::shared_ptr<DeviceHandle> openToChange(const std::string& device) {
   DeviceFile& files = *platform().deviceFile;
   std::shared_ptr<DeviceHandle> handle = files.open(device, DeviceAccess::readWrite, DeviceLock::exclusive);
   if (!handle) handle = files.open(device, DeviceAccess::readWrite, DeviceLock::shared);
-  if (!handle && errno == EWOULDBLOCK) throw Failure(device, "locked by another process");
-  if (!handle) throw Failure::ofErrno(device, errno);
+  if (!handle) failToOpen(device, errno);
+  mentionLostHeader(device);
   std::vector<std::string> finished;
   if (const auto failure = settleInterruptedChanges(device, *handle, finished)) fail(*failure);
   for (const std::string& title : finished) {

@@ -1,137 +1,160 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "DiskTables.h"
 
-#include <Vorlix/QDSDiskFunctions/PartitionRecords.h>
-#include <Vorlix/platform/DeviceFile.h>
 #include <Vorlix/platform/DiskArbitration.h>
 #include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/posix/SliceName.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <span>
+#include <set>
 
+#include "Arbitration.h"
+#include "Complaint.h"
+#include "DeviceChanges.h"
 #include "Failure.h"
 
 namespace vorlix::tool {
 namespace {
 
-std::unique_ptr<DeviceHandle> openForReading(const std::string& device) {
-  auto handle = platform().deviceFile->open(device, DeviceAccess::readOnly, DeviceLock::none);
-  if (!handle) throw Failure::ofErrno(device, errno);
-  return handle;
-}
-
-size_t readOrFail(DeviceHandle& handle, const std::string& device, void* buffer, size_t count, uint64_t offset) {
-  const ssize_t done = handle.readAt(buffer, count, offset);
+size_t readOrFail(DeviceHandle& handle, const std::string& device, std::span<uint8_t> bytes, uint64_t offset) {
+  const ssize_t done = handle.readAt(bytes.data(), bytes.size(), offset);
   if (done < 0) throw Failure::ofErrno(device, errno);
   return static_cast<size_t>(done);
 }
 
 uint64_t blockSizeOf(const std::string& device) {
+  constexpr int64_t kSmallest = 512;
   std::optional<int64_t> size;
   if (const auto session = platform().diskArbitration->createSession()) {
     if (const auto disk = session->diskFromBSDName(device)) {
       if (const auto description = disk->copyDescription()) size = description->integer(kDescriptionMediaBlockSize);
     }
   }
-  if (!size || *size <= 0) throw Failure(device, "its block size is not known");
+  if (!size || *size < kSmallest) throw Failure(device, "its block size is not known");
   return static_cast<uint64_t>(*size);
 }
 
 void readGPT(DeviceHandle& handle, DiskTables& disk) {
-  Sector sector;
-  GPTHeader header = {};
-  const size_t count = readOrFail(handle, disk.device, sector.data(), sector.size(), disk.blockSize);
-  decodeGPTHeader({sector.data(), count}, header);
-  if (header.signature != kGPTSignature) return;
-  disk.header = header;
+  const auto read = [&](uint64_t offset, std::span<uint8_t> bytes) {
+    return readOrFail(handle, disk.device, bytes, offset);
+  };
+  GPTReport report = checkGPT(read, disk.size, disk.blockSize);
+  disk.damage = std::move(report.findings);
+  if (!report.headerLBA) return;
+  disk.header = report.header;
+  disk.headerLBA = *report.headerLBA;
+  disk.entries = std::move(report.entries);
+}
 
-  // Only what the disk really holds is read; records beyond that stay zero, which is unused.
-  const uint64_t offset = entriesOffset(header, disk.blockSize);
-  const uint64_t room = disk.size > offset ? disk.size - offset : 0;
-  const uint64_t held = std::min<uint64_t>(boundedEntryCount(header), room / kGPTEntrySize);
-  std::vector<uint8_t> bytes(held * kGPTEntrySize);
-  bytes.resize(readOrFail(handle, disk.device, bytes.data(), bytes.size(), offset));
-  disk.entries.resize(std::max<size_t>(held, kSlotCount));
-  for (size_t i = 0; i < disk.entries.size(); ++i) {
-    const size_t from = std::min(bytes.size(), i * kGPTEntrySize);
-    const size_t length = std::min(bytes.size() - from, kGPTEntrySize);
-    decodeGPTEntry({bytes.data() + from, length}, disk.entries[i]);
+// Without the mention of changes that were cut off, for looks at a disk beside the one that a command is about.
+std::optional<DiskTables> quietlyReadTables(const std::string& device) {
+  const auto handle = platform().deviceFile->open(device, DeviceAccess::readOnly, DeviceLock::none);
+  if (!handle) return std::nullopt;
+  try {
+    return readTables(*handle, device);
+  } catch (const Failure&) {
+    return std::nullopt;
   }
 }
 
-bool startsWith(const Sector& sector, size_t offset, const char* text) {
-  return std::memcmp(sector.data() + offset, text, std::strlen(text)) == 0;
+// Absent for a whole disk and for what is on no known disk.
+std::optional<std::string> diskOfSlice(const std::string& device) {
+  try {
+    const std::string whole = wholeDiskNameOf(device);
+    if (whole != bsdNameOf(device)) return whole;
+  } catch (const Failure&) {
+    return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+std::string damageText(const DiskTables& disk) {
+  std::string text = "GPT damaged: " + disk.damage.front().text;
+  const size_t more = disk.damage.size() - 1;
+  if (more > 0) text += " (and " + std::to_string(more) + " more, see \"show\")";
+  return text;
 }
 
 }  // namespace
 
 std::optional<std::string> whyNoMBR(const DiskTables& disk) {
-  if (!disk.hasMBR()) return "holds no MBR: sector 0 does not end in 55 AA";
-  const BootSectorKind kind = kindOf(disk.sector0);
-  if (kind == BootSectorKind::ntfs || kind == BootSectorKind::fat) {
-    return "holds no MBR: sector 0 is the boot sector of a volume";
+  switch (mbrKindOf(disk.sector0)) {
+    case MBRKind::none:
+      return "holds no MBR: sector 0 does not end in 55 AA";
+    case MBRKind::volume:
+      return "holds no MBR: sector 0 is the boot sector of a volume";
+    default:
+      return std::nullopt;
   }
-  return std::nullopt;
-}
-
-bool isUsed(const GPTEntry& entry) {
-  return std::strcmp(entry.guid_text, kUnusedGUID) != 0;
 }
 
 DiskTables readTables(const std::string& device) {
+  return readTables(*openToLook(device), device);
+}
+
+DiskTables readTables(DeviceHandle& handle, const std::string& device) {
   DiskTables disk;
   disk.device = device;
-  const auto handle = openForReading(device);
-  disk.size = handle->size().value_or(0);
-  const size_t count = readOrFail(*handle, device, disk.sector0.data(), disk.sector0.size(), 0);
+  disk.size = handle.size().value_or(0);
+  const size_t count = readOrFail(handle, device, disk.sector0, 0);
   if (count < disk.sector0.size()) {
     throw Failure(device, "holds " + std::to_string(count) + " bytes, not even one sector");
   }
   decodeMBR(disk.sector0, disk.mbr, &disk.activeSlot);
   disk.blockSize = blockSizeOf(device);
-  readGPT(*handle, disk);
+  readGPT(handle, disk);
   return disk;
 }
 
-PartitionTable hybridTable(const DiskTables& disk, uint32_t activeSlot) {
-  PartitionTable table = {};
-  table.signature = kMBRSignature;
-  for (uint32_t i = 0; i < kSlotCount; ++i) {
-    if (isUsed(disk.entries[i])) table.parts[i] = hybridSlot(disk.entries[i], i + 1 == activeSlot);
-  }
-  return table;
+void requireSoundGPT(const DiskTables& disk, bool force) {
+  if (disk.damage.empty()) return;
+  if (!force) throw Failure(disk.device, damageText(disk) + "; --force writes all the same");
+  for (const GPTFinding& finding : disk.damage) complain(disk.device + ": GPT damaged: " + finding.text);
 }
 
-bool sameSlot(const MBRPartitionEntry& one, const MBRPartitionEntry& other) {
-  return encodeSlots({one, {}, {}, {}}) == encodeSlots({other, {}, {}, {}});
+void requireSoundGPTOf(const std::string& slice, bool force) {
+  const std::optional<std::string> whole = diskOfSlice(slice);
+  if (!whole) return;
+  if (const auto disk = quietlyReadTables(*whole)) requireSoundGPT(*disk, force);
 }
 
-Sector readBootSector(const std::string& volume) {
-  const auto handle = openForReading(volume);
+void mentionLostHeader(const std::string& device) {
+  static std::set<std::string> mentioned;
+  const std::optional<std::string> whole = diskOfSlice(device);
+  if (!whole || mentioned.count(*whole) != 0) return;
+  const auto disk = quietlyReadTables(*whole);
+  if (!disk || !disk->fromBackup()) return;
+  mentioned.insert(*whole);
+  complain(*whole + ": the GPT's header at LBA 1 is gone; its slices are those of the second copy, at LBA " +
+           std::to_string(disk->headerLBA));
+}
+
+std::optional<std::string> whySliceIsCutOff(const std::string& device) {
+  const std::optional<SliceName> name = parseSliceName(device);
+  if (!name) return std::nullopt;
+  const auto disk = quietlyReadTables(name->whole);
+  if (!disk || !disk->header || name->number > disk->entries.size()) return std::nullopt;
+  const GPTEntry& entry = disk->entries[name->number - 1];
+  const uint64_t blocks = disk->size / disk->blockSize;
+  if (!isUsed(entry) || entry.first_lba < blocks) return std::nullopt;
+  return "starts at sector " + std::to_string(entry.first_lba) + ", but " + name->whole + " has only " +
+         std::to_string(blocks) + ": it is truncated";
+}
+
+void readWhole(DeviceHandle& handle, const std::string& device, std::span<uint8_t> bytes, uint64_t offset) {
+  if (readOrFail(handle, device, bytes, offset) == bytes.size()) return;
+  throw Failure(device, "ends before byte " + std::to_string(offset + bytes.size()));
+}
+
+Sector readBootSector(DeviceHandle& handle, const std::string& volume) {
   Sector sector;
-  if (readOrFail(*handle, volume, sector.data(), sector.size(), 0) < sector.size()) {
+  if (readOrFail(handle, volume, sector, 0) < sector.size()) {
     throw Failure(volume, "too short to hold a boot sector");
   }
   return sector;
-}
-
-BootSectorKind kindOf(const Sector& bootSector) {
-  if (startsWith(bootSector, 3, "NTFS    ")) return BootSectorKind::ntfs;
-  const bool signature = bootSector[510] == 0x55 && bootSector[511] == 0xAA;
-  if (signature && (startsWith(bootSector, 82, "FAT32") || startsWith(bootSector, 54, "FAT"))) {
-    return BootSectorKind::fat;
-  }
-  const bool empty = std::all_of(bootSector.begin(), bootSector.end(), [](uint8_t byte) { return byte == 0; });
-  return empty ? BootSectorKind::empty : BootSectorKind::other;
-}
-
-uint32_t hiddenSectors(const Sector& bootSector) {
-  uint32_t value = 0;
-  for (size_t i = 4; i > 0; --i) value = value << 8 | bootSector[28 + i - 1];
-  return value;
 }
 
 }  // namespace vorlix::tool

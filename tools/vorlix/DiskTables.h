@@ -4,16 +4,17 @@
 #pragma once
 
 #include <Vorlix/QDSDiskFunctions.h>
+#include <Vorlix/QDSDiskFunctions/BootSectors.h>
+#include <Vorlix/QDSDiskFunctions/GPTCheck.h>
+#include <Vorlix/platform/DeviceFile.h>
 
-#include <array>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 namespace vorlix::tool {
-
-using Sector = std::array<uint8_t, 512>;
 
 struct DiskTables {
   std::string device;  ///< as the user named it
@@ -23,35 +24,42 @@ struct DiskTables {
   PartitionTable mbr = {};
   uint32_t activeSlot = 0;          ///< 0 when none is active
   std::optional<GPTHeader> header;  ///< absent without a GPT
+  uint64_t headerLBA = 0;           ///< where it stands: 1, or the disk's last block if the first one is gone
   std::vector<GPTEntry> entries;    ///< what the disk holds of the table, at least four records when there is a GPT
+  std::vector<GPTFinding> damage;   ///< what is wrong with the GPT, or with there being none
 
   bool hasMBR() const { return mbr.signature == 0xAA55; }
+  bool fromBackup() const { return header && headerLBA != 1; }
 };
 
 /// Why sector 0 is no MBR that tells how the disk starts: there is none, or it is a volume's boot sector. Absent for
 /// one that does.
 std::optional<std::string> whyNoMBR(const DiskTables& disk);
 
-/// Whether a GPT entry is in use.
-bool isUsed(const GPTEntry& entry);
-
 /// Reads a disk. Throws Failure when it cannot be opened or holds less than one sector.
 DiskTables readTables(const std::string& device);
 
-/// The MBR that the disk's GPT asks for.
-PartitionTable hybridTable(const DiskTables& disk, uint32_t activeSlot);
+/// The same through an open handle; `device` is its name.
+DiskTables readTables(DeviceHandle& handle, const std::string& device);
 
-/// Whether two slots have the same bytes on disk. Cylinder, head and sector of an LBA of 2^31 or more lose bits there.
-bool sameSlot(const MBRPartitionEntry& one, const MBRPartitionEntry& other);
+/// For commands that write to a disk: throws Failure if its GPT is damaged, unless `force`, which says on standard
+/// error what is written to all the same. A disk without a GPT passes.
+void requireSoundGPT(const DiskTables& disk, bool force);
+
+/// The same for the disk that a slice is on. A volume that is on no such disk passes.
+void requireSoundGPTOf(const std::string& slice, bool force);
+
+/// Says on standard error, once for a disk, that the slices of `device` are those of the GPT's second copy.
+void mentionLostHeader(const std::string& device);
+
+/// Why slice N of a disk, which was not found, is not there although its table has it: "the disk ends at ...". Absent
+/// where there is no such reason.
+std::optional<std::string> whySliceIsCutOff(const std::string& device);
+
+/// Reads bytes whole. Throws Failure.
+void readWhole(DeviceHandle& handle, const std::string& device, std::span<uint8_t> bytes, uint64_t offset);
 
 /// The first 512 bytes of a volume. Throws Failure.
-Sector readBootSector(const std::string& volume);
-
-/// What the boot sector of a volume says of its file system.
-enum class BootSectorKind { ntfs, fat, empty, other };
-BootSectorKind kindOf(const Sector& bootSector);
-
-/// The little-endian hidden-sectors field of a FAT or NTFS boot sector.
-uint32_t hiddenSectors(const Sector& bootSector);
+Sector readBootSector(DeviceHandle& handle, const std::string& volume);
 
 }  // namespace vorlix::tool

@@ -1,27 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "HybridPlan.h"
 
-#include <Vorlix/QDSDiskFunctions/PartitionRecords.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <limits>
 #include <system_error>
-#include <tuple>
+#include <utility>
 
 #include "Arbitration.h"
+#include "DeviceChanges.h"
 #include "Failure.h"
+#include "Text.h"
 
 namespace vorlix::tool {
 namespace {
 
-// Boot code proper has 440 bytes; the six that may follow are the disk signature.
-constexpr size_t kSmallestBootCode = 440;
+constexpr const char* kBasicDataGUID = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
+constexpr const char* kForce = "; --force takes it all the same";
 
-std::vector<uint8_t> readBootCode(const std::string& path) {
+std::vector<uint8_t> readBootCode(const std::string& path, bool force) {
   std::error_code error;
   const auto status = std::filesystem::status(path, error);
   if (status.type() == std::filesystem::file_type::not_found) throw Failure::ofErrno(path, ENOENT);
@@ -31,12 +32,20 @@ std::vector<uint8_t> readBootCode(const std::string& path) {
   if (!file) throw Failure::ofErrno(path, errno);
   std::vector<uint8_t> bytes(kBootCodeSize);
   file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  if (file.bad()) throw Failure(path, "cannot be read");
   bytes.resize(static_cast<size_t>(file.gcount()));
-  if (bytes.size() < kSmallestBootCode) {
+  if (bytes.size() < kPureBootCodeSize) {
     throw Failure(path, "holds " + std::to_string(bytes.size()) + " bytes, MBR boot code has at least " +
-                            std::to_string(kSmallestBootCode));
+                            std::to_string(kPureBootCodeSize));
   }
+  const auto end = bytes.begin() + static_cast<std::ptrdiff_t>(kPureBootCodeSize);
+  const bool isEmpty = std::all_of(bytes.begin(), end, [](uint8_t byte) { return byte == 0; });
+  if (isEmpty && !force) throw Failure(path, std::string("is no boot code, its bytes are all zero") + kForce);
   return bytes;
+}
+
+std::shared_ptr<DeviceHandle> openFor(const HybridRequest& request, const std::string& device) {
+  return request.writes ? openToChange(device) : openToLook(device);
 }
 
 const GPTEntry& usedEntry(const DiskTables& disk, uint32_t partition) {
@@ -45,69 +54,170 @@ const GPTEntry& usedEntry(const DiskTables& disk, uint32_t partition) {
   return entry;
 }
 
-void planVolume(const HybridRequest& request, HybridPlan& plan) {
-  const GPTEntry& entry = usedEntry(plan.disk, request.partition);
-  plan.patchesVolume = true;
-  plan.volume = request.volume.empty() ? sliceNameOf(request.disk, request.partition) : request.volume;
-  if (entry.first_lba < plan.disk.header->first_usable_lba) {
-    throw Failure(plan.volume, "starts at sector " + std::to_string(entry.first_lba) +
-                                   ", among those that the GPT keeps for itself");
+// The first LBA as a boot sector can have it.
+uint32_t startOf(const HybridRequest& request, const DiskTables& disk, const GPTEntry& entry,
+                 const std::string& volume) {
+  if (entry.first_lba < disk.header->first_usable_lba) {
+    throw Failure(
+        volume, "starts at sector " + std::to_string(entry.first_lba) + ", among those that the GPT keeps for itself");
   }
   const uint64_t start = request.start.value_or(entry.first_lba);
   if (start > std::numeric_limits<uint32_t>::max()) {
-    throw Failure(plan.volume, "starts at sector " + std::to_string(start) +
-                                   ", beyond the 32 bits of a boot sector's hidden-sectors field");
+    throw Failure(volume, "starts at sector " + std::to_string(start) +
+                              ", beyond the 32 bits of a boot sector's hidden-sectors field");
   }
-  plan.start = static_cast<uint32_t>(start);
-  plan.bootSector = readBootSector(plan.volume);
-  if (bsdNameOf(plan.volume) == bsdNameOf(request.disk)) throw Failure(plan.volume, "is the whole disk, not a volume");
-  if (kindOf(plan.bootSector) == BootSectorKind::other) {
-    // The two fields lie elsewhere in other file systems; writing there would damage them.
-    throw Failure(plan.volume, "its first sector is not an NTFS or FAT boot sector");
+  const uint64_t blocks = disk.size / disk.blockSize;
+  if (request.volume.empty() && entry.first_lba >= blocks) {
+    throw Failure(volume, "starts at sector " + std::to_string(entry.first_lba) + ", but " + disk.device +
+                              " has only " + std::to_string(blocks) + ": it is truncated");
   }
+  return static_cast<uint32_t>(start);
+}
+
+// A name may have come to mean something else; what was opened has not. The volume must be the one that the GPT entry
+// is about, unless it was named and is on another disk.
+void requirePlace(const HybridRequest& request, const HybridPlan& plan, VolumePlan& volume, const GPTEntry& entry) {
+  const bool isNamed = !request.volume.empty();
+  const std::string unknown = "the system does not tell where on " + request.disk + " it lies";
+  const auto disk = plan.handle->identity();
+  const auto slice = volume.handle->identity();
+  if (!disk || !slice || !disk->offset || !slice->offset) {
+    // Some systems tell of a slice only which disk it is on.
+    const bool isOnDisk = disk && slice && disk->disk == slice->disk;
+    if (!isOnDisk && !isNamed) throw Failure(volume.name, unknown);
+    return;
+  }
+  if (disk->disk != slice->disk) {
+    if (!isNamed) throw Failure(volume.name, "is not on " + request.disk);
+    volume.isElsewhere = true;
+    return;
+  }
+  if (*slice->offset == *disk->offset) throw Failure(volume.name, "is the whole disk, not a volume");
+  const uint64_t place = *disk->offset + entry.first_lba * plan.disk.blockSize;
+  if (*slice->offset == place) return;
+  throw Failure(volume.name, "lies at byte " + std::to_string(*slice->offset) + " of " + request.disk + ", GPT entry " +
+                                 std::to_string(request.partition) + " begins at byte " + std::to_string(place));
+}
+
+// Why a volume is hardly the Windows that is to start.
+std::optional<std::string> whyOdd(const VolumePlan& volume, const GPTEntry& entry) {
+  if (std::strcmp(entry.guid_text, kEFISystemGUID) == 0) return "is the EFI System Partition";
+  if (std::strcmp(entry.guid_text, kBasicDataGUID) != 0) {
+    return std::string("its GPT type is ") + gptTypeName(entry.guid_text) + ", not Microsoft basic data";
+  }
+  switch (kindOf(volume.before)) {
+    case BootSectorKind::empty:
+      return "is blank, its first sector is not an NTFS or FAT boot sector";
+    case BootSectorKind::other:
+      return "its first sector is not an NTFS or FAT boot sector";
+    default:
+      return std::nullopt;
+  }
+}
+
+void findSecondBootSectors(VolumePlan& volume) {
+  const uint64_t size = volume.handle->size().value_or(0);
+  for (const uint64_t offset : secondBootSectorPlaces(volume.before, size)) {
+    SecondBootSector second;
+    second.offset = offset;
+    readWhole(*volume.handle, volume.name, second.now, offset);
+    second.isCopy = isCopyButForPatch(volume.before, second.now);
+    volume.seconds.push_back(second);
+  }
+}
+
+void planVolume(const HybridRequest& request, HybridPlan& plan) {
+  const GPTEntry& entry = usedEntry(plan.disk, request.partition);
+  VolumePlan volume;
+  volume.name = request.volume.empty() ? sliceNameOf(request.disk, request.partition) : request.volume;
+  volume.start = startOf(request, plan.disk, entry, volume.name);
+  volume.handle = openFor(request, volume.name);
+  requirePlace(request, plan, volume, entry);
+  volume.before = readBootSector(*volume.handle, volume.name);
+  volume.oddity = whyOdd(volume, entry);
+  if (volume.oddity && !request.force && !request.isLook()) throw Failure(volume.name, *volume.oddity + kForce);
+  const BootSectorKind kind = kindOf(volume.before);
+  // The fields lie elsewhere in other file systems; writing there would damage them.
+  volume.isPatched = kind == BootSectorKind::ntfs || kind == BootSectorKind::fat;
+  volume.after = patchedBootSector(volume.before, volume.start, plan.serial);
+  if (volume.isPatched) findSecondBootSectors(volume);
+  plan.volume = std::move(volume);
+}
+
+// A driver or a mirror keeps what it knows of the boot sector, and writes it back or takes the volume for another one.
+void requireUnmounted(const VolumePlan& volume) {
+  if (const auto path = mountPointOf(volume.name)) {
+    throw Failure(volume.name, "is mounted at " + *path + " and has to be unmounted first");
+  }
+}
+
+ByteChange byteChange(uint64_t offset, const Sector& before, const Sector& after, const char* reason) {
+  return {offset, {before.begin(), before.end()}, {after.begin(), after.end()}, reason};
 }
 
 }  // namespace
 
-bool HybridPlan::writesMBR() const {
-  const auto tied = [](const MBRPartitionEntry& slot) {
-    return std::tie(slot.flag, slot.start_head, slot.start_sector, slot.start_track, slot.type, slot.end_head,
-                    slot.end_sector, slot.end_track, slot.lba, slot.size);
-  };
-  for (size_t i = 0; i < kSlotCount; ++i) {
-    if (tied(table.parts[i]) != tied(disk.mbr.parts[i])) return true;
+bool VolumePlan::lostCopy() const {
+  return !seconds.empty() &&
+         std::none_of(seconds.begin(), seconds.end(), [](const SecondBootSector& second) { return second.isCopy; });
+}
+
+bool HybridPlan::changesVolume() const {
+  if (!volume || !volume->isPatched) return false;
+  if (hiddenSectors(volume->before) != volume->start) return true;
+  return std::any_of(volume->seconds.begin(), volume->seconds.end(),
+                     [&](const SecondBootSector& second) { return second.isCopy && second.now != volume->before; });
+}
+
+DiskChange HybridPlan::change() const {
+  DiskChange change;
+  change.title = "hybrid MBR of " + disk.device;
+  if (volume) {
+    DeviceChange onVolume = {volume->name, volume->handle, {}};
+    onVolume.bytes.push_back(byteChange(0, volume->before, volume->after, "the boot sector"));
+    for (const SecondBootSector& second : volume->seconds) {
+      if (!second.isCopy) continue;
+      onVolume.bytes.push_back(byteChange(second.offset, second.now, volume->after, "the second boot sector"));
+    }
+    change.devices.push_back(std::move(onVolume));
   }
-  return false;
+  change.devices.push_back({disk.device, handle, {byteChange(0, disk.sector0, newSector0, "sector 0")}});
+  return change;
 }
 
-Sector HybridPlan::newSector0() const {
-  if (!writesMBR()) return disk.sector0;
-  Sector sector = {};
-  std::copy(bootCode.begin(), bootCode.end(), sector.begin());
-  const auto slots = encodeSlots(table.parts);
-  std::copy(slots.begin(), slots.end(), sector.begin() + kBootCodeSize);
-  sector[510] = 0x55;
-  sector[511] = 0xAA;
-  return sector;
-}
-
-Sector HybridPlan::newBootSector() const {
-  Sector sector = bootSector;
-  for (size_t i = 0; i < 4; ++i) sector[28 + i] = static_cast<uint8_t>(start >> 8 * i);
-  return sector;
+std::optional<std::string> whyNoHybrid(const DiskTables& disk) {
+  constexpr uint64_t kLargest = std::numeric_limits<uint32_t>::max();
+  for (uint32_t i = 0; i < kSlotCount; ++i) {
+    const GPTEntry& entry = disk.entries[i];
+    if (!isUsed(entry) || (entry.first_lba <= kLargest && entry.last_lba <= kLargest)) continue;
+    return "GPT entry " + std::to_string(i + 1) + ", sectors " + std::to_string(entry.first_lba) + " to " +
+           std::to_string(entry.last_lba) +
+           ", lies beyond the 32 bits of an MBR slot, which would show a place in another partition";
+  }
+  for (const auto& pair : overlappingEntries(disk.entries)) {
+    if (pair.first > kSlotCount) continue;  // the lower number; neither has a slot
+    return "GPT entries " + std::to_string(pair.first) + " and " + std::to_string(pair.second) + " overlap";
+  }
+  return std::nullopt;
 }
 
 HybridPlan planHybrid(const HybridRequest& request) {
   HybridPlan plan;
-  if (!request.bootCode.empty()) plan.bootCode = readBootCode(request.bootCode);
-  plan.disk = readTables(request.disk);
+  std::vector<uint8_t> bootCode;
+  if (!request.isLook()) bootCode = readBootCode(request.bootCode, request.force);
+  plan.handle = openFor(request, request.disk);
+  plan.disk = readTables(*plan.handle, request.disk);
   if (!plan.disk.header) {
     throw Failure(request.disk, "has no GPT (no \"EFI PART\" at byte " + std::to_string(plan.disk.blockSize) + ")");
   }
-  plan.table = hybridTable(plan.disk, request.partition != 0 ? request.partition : plan.disk.activeSlot);
+  if (!request.isLook()) requireSoundGPT(plan.disk, request.force);
+  plan.table = hybridTable(plan.disk.entries, request.partition != 0 ? request.partition : plan.disk.activeSlot);
+  if (!drawSerial(plan.serial)) throw Failure("/dev/random", "gives no random bytes for a serial");
   if (request.guard) {
     makeGuard(plan.table, plan.disk.header->last_usable_lba);
   } else {
+    const auto reason = whyNoHybrid(plan.disk);
+    if (reason && !request.isLook()) throw Failure(request.disk, *reason);
     planVolume(request, plan);
     if (request.type != 0) plan.table.parts[request.partition - 1].type = request.type;
   }
@@ -115,6 +225,11 @@ HybridPlan planHybrid(const HybridRequest& request) {
     throw Failure(request.disk, "slot 1 would be of type " + std::to_string(plan.table.parts[0].type) +
                                     " instead of EE: GPT entry 1 must be the EFI System Partition");
   }
+  const Bytes code = request.isLook() ? Bytes(plan.disk.sector0).first(kBootCodeSize) : Bytes(bootCode);
+  const Sector wanted = makeSector0(code, plan.table.parts);
+  plan.difference = compareSector0(plan.disk.sector0, wanted);
+  plan.newSector0 = renewedSector0(plan.disk.sector0, wanted);
+  if (request.writes && plan.volume) requireUnmounted(*plan.volume);
   return plan;
 }
 

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a `hybrid` run would do to a disk, worked out by reading alone.
+// What a `hybrid` run does to a disk: worked out by reading alone, through the handles that a run then writes to.
 #pragma once
 
+#include <Vorlix/platform/changes/Change.h>
+
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,41 +17,65 @@ namespace vorlix::tool {
 
 struct HybridRequest {
   std::string disk;
-  std::string bootCode;           ///< path; empty where nothing is to be written
+  std::string bootCode;           ///< path; empty for a look that nothing will be written after
   uint32_t partition = 0;         ///< 0 to 4
   uint8_t type = 0;               ///< 0 leaves the type that the GPT asks for
   std::string volume;             ///< empty for slice `partition` of the disk
   std::optional<uint64_t> start;  ///< absent for the partition's first LBA
   bool guard = false;
+  bool force = false;   ///< go on where the content, the type or the GPT is odd
+  bool writes = false;  ///< open for writing; else nothing is
+
+  /// A look goes on whatever it finds, and tells.
+  bool isLook() const { return bootCode.empty(); }
+};
+
+/// A second boot sector of the volume, in one of the places where one may stand.
+struct SecondBootSector {
+  uint64_t offset = 0;  ///< bytes from the volume's start
+  Sector now = {};
+  bool isCopy = false;  ///< of the first one, but for the fields that are patched; only a copy is brought along
+};
+
+/// The volume that is to start.
+struct VolumePlan {
+  std::string name;
+  std::shared_ptr<DeviceHandle> handle;
+  uint32_t start = 0;      ///< for the hidden-sectors field
+  bool isPatched = false;  ///< its boot sector has that field
+  Sector before = {};
+  Sector after = {};
+  std::vector<SecondBootSector> seconds;
+  std::optional<std::string> oddity;  ///< why it is hardly the Windows that is to start
+  bool isElsewhere = false;           ///< not on the disk, as far as the system tells
+
+  /// No second boot sector was a copy although there is a place for one.
+  bool lostCopy() const;
 };
 
 struct HybridPlan {
   DiskTables disk;
-  PartitionTable table = {};      ///< the MBR that the disk should have
-  std::vector<uint8_t> bootCode;  ///< up to 446 bytes; empty where nothing is to be written
-  bool patchesVolume = false;
-  std::string volume;
-  uint32_t start = 0;
-  Sector bootSector = {};  ///< of the volume, as it is now
+  std::shared_ptr<DeviceHandle> handle;
+  PartitionTable table = {};  ///< the MBR that the disk should have
+  Sector newSector0 = {};
+  Sector0Difference difference;  ///< of sector 0
+  std::optional<VolumePlan> volume;
+  Serial serial = {};
 
-  /// Whether the library writes sector 0. It compares slots before they are packed, so that one with an LBA of 2^31 or
-  /// more differs from its own copy on disk and is written every time.
-  bool writesMBR() const;
-  bool changesMBR() const { return newSector0() != disk.sector0; }
-  bool changesHiddenSectors() const { return patchesVolume && hiddenSectors(bootSector) != start; }
+  bool changesMBR() const { return newSector0 != disk.sector0; }
+  /// More than the serial would change.
+  bool changesVolume() const;
 
-  /// Sector 0 as it will be: unchanged where the library does not write it.
-  Sector newSector0() const;
-
-  /// The boot sector as it will be, but for the random bytes at 72 to 79.
-  Sector newBootSector() const;
+  /// What is written, in order: the volume's boot sectors, then sector 0, so that a disk that says how it starts can.
+  DiskChange change() const;
 };
 
-constexpr size_t kSerialOffset = 72;
-constexpr size_t kSerialSize = 8;
-
-/// Reads everything, checks everything that can be checked, opens nothing for writing. Throws Failure.
+/// Reads everything and checks everything that can be checked; writes nothing. Throws Failure.
 HybridPlan planHybrid(const HybridRequest& request);
+
+/// What keeps entries of the GPT from being mirrored in MBR slots: numbers of more than 32 bits, entries that overlap.
+/// Each would put a slot into another partition. Absent where there is no such thing.
+std::optional<std::string> whyNoHybrid(const DiskTables& disk);
 
 /// An MBR type, "7" or "0x07"; 0 for an empty text. Throws Failure.
 uint8_t parseMBRType(const std::string& text);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSDiskFunctions.h>
+#include <Vorlix/QDSDiskFunctions/PartitionRecords.h>
 
 #include <cstdio>
 #include <memory>
@@ -23,9 +24,28 @@ std::string chsText(unsigned cylinder, unsigned head, unsigned sector) {
   return std::to_string(cylinder) + "/" + std::to_string(head) + "/" + std::to_string(sector);
 }
 
+// What `hybrid --guard` writes, whatever a partitioning tool calls protective.
+bool isGuard(const DiskTables& disk) {
+  if (!disk.header) return false;
+  PartitionTable guard = hybridTable(disk.entries, 0);
+  makeGuard(guard, disk.header->last_usable_lba);
+  return encodeSlots(guard.parts) == encodeSlots(disk.mbr.parts);
+}
+
 std::string mbrKind(const DiskTables& disk) {
-  if (!disk.hasMBR()) return "none";
-  return disk.mbr.parts[1].type == 0 ? "guard" : "hybrid";
+  switch (mbrKindOf(disk.sector0)) {
+    case MBRKind::none:
+      return "none";
+    case MBRKind::volume:
+      return "volume";
+    case MBRKind::dos:
+      return "DOS";
+    case MBRKind::protectsOnly:
+      return isGuard(disk) ? "guard" : "protective";
+    case MBRKind::hybrid:
+      return "hybrid";
+  }
+  return "";
 }
 
 std::string diskSignature(const DiskTables& disk) {
@@ -37,7 +57,7 @@ std::string diskSignature(const DiskTables& disk) {
 class Comparison {
  public:
   explicit Comparison(const DiskTables& disk)
-      : disk_(disk), hybrid_(disk.header ? hybridTable(disk, disk.activeSlot) : PartitionTable{}) {}
+      : disk_(disk), hybrid_(disk.header ? hybridTable(disk.entries, disk.activeSlot) : PartitionTable{}) {}
 
   const MBRPartitionEntry& hybrid(size_t index) const { return hybrid_.parts[index]; }
   bool equal(size_t index) const { return disk_.header && sameSlot(disk_.mbr.parts[index], hybrid_.parts[index]); }
@@ -100,16 +120,31 @@ Json gptJson(const DiskTables& disk) {
     });
   }
   return {
-      {"diskGUID", guidText(disk.header->disk_guid)},  {"firstUsableLBA", disk.header->first_usable_lba},
-      {"lastUsableLBA", disk.header->last_usable_lba}, {"entryLBA", disk.header->partition_entry_lba},
-      {"entryCount", disk.header->number_of_entries},  {"entries", std::move(entries)},
+      {"diskGUID", guidText(disk.header->disk_guid)},
+      {"firstUsableLBA", disk.header->first_usable_lba},
+      {"lastUsableLBA", disk.header->last_usable_lba},
+      {"headerLBA", disk.headerLBA},
+      {"entryLBA", disk.header->partition_entry_lba},
+      {"entryCount", disk.header->number_of_entries},
+      {"entries", std::move(entries)},
   };
+}
+
+Json damageJson(const DiskTables& disk) {
+  Json findings = Json::array();
+  for (const GPTFinding& finding : disk.damage) findings.push_back({{"code", finding.code}, {"text", finding.text}});
+  return findings;
 }
 
 void printJson(const DiskTables& disk) {
   const Json document = {
-      {"schema", kSchema},           {"disk", disk.device},  {"size", disk.size},
-      {"blockSize", disk.blockSize}, {"mbr", mbrJson(disk)}, {"gpt", gptJson(disk)},
+      {"schema", kSchema},
+      {"disk", disk.device},
+      {"size", disk.size},
+      {"blockSize", disk.blockSize},
+      {"mbr", mbrJson(disk)},
+      {"gpt", gptJson(disk)},
+      {"gptDamage", damageJson(disk)},
   };
   // A path need not be UTF-8; what is not becomes U+FFFD.
   std::puts(document.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
@@ -124,8 +159,13 @@ std::string comparisonText(const DiskTables& disk, const Comparison& comparison,
          " sectors";
 }
 
+bool hasSlots(const DiskTables& disk) {
+  return disk.hasMBR() && mbrKindOf(disk.sector0) != MBRKind::volume;
+}
+
 std::string mbrSummary(const DiskTables& disk) {
   if (!disk.hasMBR()) return "none (no 55 AA signature)";
+  if (!hasSlots(disk)) return "a volume's boot sector, no partition table";
   std::string text = mbrKind(disk);
   text += disk.activeSlot == 0 ? ", no active slot" : ", active slot " + std::to_string(disk.activeSlot);
   return text + ", disk signature " + diskSignature(disk);
@@ -177,7 +217,8 @@ void printText(const DiskTables& disk) {
   } else {
     std::printf("GPT         none\n");
   }
-  if (disk.hasMBR()) printMBR(disk);
+  for (const GPTFinding& finding : disk.damage) std::printf("GPT damaged: %s\n", printable(finding.text).c_str());
+  if (hasSlots(disk)) printMBR(disk);
   if (disk.header) printGPT(disk);
 }
 

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <set>
 #include <string>
 
 #include "../StandardDescriptors.h"
@@ -12,6 +13,19 @@
 #include "Complaint.h"
 #include "Failure.h"
 #include "Text.h"
+
+namespace {
+
+// Whether the command that was given writes to no disk whatever happens.
+bool onlyReads(const CLI::App& app) {
+  static const std::set<std::string> readers = {"show",      "check",    "identify", "list",        "find",
+                                                "boot-camp", "windows",  "log",      "archive",     "image-size",
+                                                "boot-type", "bootable", "sip",      "check-caller"};
+  const auto given = app.get_subcommands();
+  return !given.empty() && readers.count(given.front()->get_name()) != 0;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   using namespace vorlix::tool;
@@ -49,6 +63,9 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kDone : kError;
+  } catch (const Failure& failure) {
+    complain(onlyReads(app) ? failure.messageOfReader() : failure.what());
+    return kError;
   } catch (const std::exception& error) {
     complain(error.what());
     return kError;

@@ -1,0 +1,201 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "BootSectors.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+namespace vorlix {
+namespace {
+
+constexpr size_t kSignatureOffset = 510;
+constexpr size_t kTypeOffset = 4;  // in a slot
+
+constexpr size_t kBytesPerSectorOffset = 11;
+constexpr size_t kNTFSSectorCountOffset = 40;
+constexpr size_t kNTFSBootCodeOffset = 84;
+constexpr size_t kSecondSectorOffset = 50;  // FAT32
+constexpr size_t kFAT32TypeOffset = 82;
+constexpr size_t kFAT16TypeOffset = 54;
+constexpr size_t kFAT32BootCodeOffset = 90;
+constexpr size_t kFAT16BootCodeOffset = 62;
+
+// The byte before a FAT's serial says whether there is one: 0x28, or 0x29 where label and type follow it.
+constexpr uint8_t kHasSerialAlone = 0x28;
+constexpr uint8_t kHasSerial = 0x29;
+constexpr Field kFAT32Serial = {67, 4};
+constexpr Field kFAT16Serial = {39, 4};
+
+std::ptrdiff_t at(size_t offset) {
+  return static_cast<std::ptrdiff_t>(offset);
+}
+
+uint64_t littleEndian(const Sector& sector, size_t offset, size_t count) {
+  uint64_t value = 0;
+  for (size_t i = count; i > 0; --i) value = value << 8 | sector[offset + i - 1];
+  return value;
+}
+
+bool holds(const Sector& sector, size_t offset, const char* text) {
+  return std::memcmp(sector.data() + offset, text, std::strlen(text)) == 0;
+}
+
+bool hasSignature(const Sector& sector) {
+  return littleEndian(sector, kSignatureOffset, 2) == kMBRSignature;
+}
+
+bool isFAT32(const Sector& sector) {
+  return holds(sector, kFAT32TypeOffset, "FAT32");
+}
+
+bool equalFrom(const Sector& one, const Sector& other, size_t first, size_t last) {
+  return std::equal(one.begin() + at(first), one.begin() + at(last), other.begin() + at(first));
+}
+
+bool isBytesPerSector(uint64_t value) {
+  return value == 512 || value == 1024 || value == 2048 || value == 4096;
+}
+
+}  // namespace
+
+Sector makeSector0(Bytes bootCode, const MBRPartitionEntry (&parts)[kSlotCount], uint16_t signature) {
+  Sector sector = {};
+  std::copy_n(bootCode.begin(), std::min(bootCode.size(), kBootCodeSize), sector.begin());
+  const auto slots = encodeSlots(parts);
+  std::copy(slots.begin(), slots.end(), sector.begin() + at(kBootCodeSize));
+  sector[kSignatureOffset] = static_cast<uint8_t>(signature & 0xFF);
+  sector[kSignatureOffset + 1] = static_cast<uint8_t>(signature >> 8);
+  return sector;
+}
+
+std::string Sector0Difference::text() const {
+  const bool isOne = slots.size() + (bootCode ? 1 : 0) + (signature ? 1 : 0) == 1;
+  return names() + (isOne ? " differs" : " differ");
+}
+
+std::string Sector0Difference::pastText() const {
+  return names() + " differed";
+}
+
+std::string Sector0Difference::names() const {
+  std::string text;
+  for (const uint32_t slot : slots) text += (text.empty() ? "slot " : ", ") + std::to_string(slot);
+  if (bootCode) text += text.empty() ? "boot code" : " and boot code";
+  if (signature) text += text.empty() ? "the 55 AA signature" : " and the 55 AA signature";
+  return text;
+}
+
+Sector0Difference compareSector0(const Sector& now, const Sector& wanted) {
+  Sector0Difference difference;
+  for (uint32_t i = 0; i < kSlotCount; ++i) {
+    const size_t slot = kBootCodeSize + i * kSlotSize;
+    if (!equalFrom(now, wanted, slot, slot + kSlotSize)) difference.slots.push_back(i + 1);
+  }
+  difference.bootCode = !equalFrom(now, wanted, 0, kPureBootCodeSize);
+  difference.signature = !equalFrom(now, wanted, kSignatureOffset, kSectorSize);
+  return difference;
+}
+
+Sector renewedSector0(const Sector& now, const Sector& wanted) {
+  Sector sector = wanted;
+  if (compareSector0(now, wanted).slots.empty()) {
+    std::copy(now.begin() + at(kPureBootCodeSize), now.begin() + at(kBootCodeSize),
+              sector.begin() + at(kPureBootCodeSize));
+  }
+  return sector;
+}
+
+BootSectorKind kindOf(const Sector& bootSector) {
+  if (holds(bootSector, 3, "NTFS    ")) return BootSectorKind::ntfs;
+  if (hasSignature(bootSector) && (isFAT32(bootSector) || holds(bootSector, kFAT16TypeOffset, "FAT"))) {
+    return BootSectorKind::fat;
+  }
+  const bool empty = std::all_of(bootSector.begin(), bootSector.end(), [](uint8_t byte) { return byte == 0; });
+  return empty ? BootSectorKind::empty : BootSectorKind::other;
+}
+
+MBRKind mbrKindOf(const Sector& sector0) {
+  if (!hasSignature(sector0)) return MBRKind::none;
+  const BootSectorKind kind = kindOf(sector0);
+  if (kind == BootSectorKind::ntfs || kind == BootSectorKind::fat) return MBRKind::volume;
+  size_t protective = 0;
+  size_t used = 0;
+  for (size_t i = 0; i < kSlotCount; ++i) {
+    const uint8_t type = sector0[kBootCodeSize + i * kSlotSize + kTypeOffset];
+    protective += type == kProtectiveType ? 1 : 0;
+    used += type != 0 ? 1 : 0;
+  }
+  if (protective == 0) return MBRKind::dos;
+  return used == 1 ? MBRKind::protectsOnly : MBRKind::hybrid;
+}
+
+uint32_t hiddenSectors(const Sector& bootSector) {
+  return static_cast<uint32_t>(littleEndian(bootSector, kHiddenSectorsOffset, 4));
+}
+
+std::array<uint8_t, 4> hiddenSectorsBytes(uint32_t start) {
+  return {static_cast<uint8_t>(start), static_cast<uint8_t>(start >> 8), static_cast<uint8_t>(start >> 16),
+          static_cast<uint8_t>(start >> 24)};
+}
+
+Field serialField(const Sector& bootSector) {
+  const BootSectorKind kind = kindOf(bootSector);
+  if (kind == BootSectorKind::ntfs) return {kNTFSSerialOffset, sizeof(Serial)};
+  if (kind != BootSectorKind::fat) return {};
+  const Field serial = isFAT32(bootSector) ? kFAT32Serial : kFAT16Serial;
+  const uint8_t mark = bootSector[serial.offset - 1];
+  return mark == kHasSerial || mark == kHasSerialAlone ? serial : Field{};
+}
+
+Field bootCodeField(const Sector& bootSector) {
+  const BootSectorKind kind = kindOf(bootSector);
+  size_t offset = kSignatureOffset;
+  if (kind == BootSectorKind::ntfs) offset = kNTFSBootCodeOffset;
+  if (kind == BootSectorKind::fat) offset = isFAT32(bootSector) ? kFAT32BootCodeOffset : kFAT16BootCodeOffset;
+  return {offset, kSignatureOffset - offset};
+}
+
+bool lacksBootCode(const Sector& bootSector) {
+  const Field code = bootCodeField(bootSector);
+  const auto begin = bootSector.begin() + at(code.offset);
+  return std::all_of(begin, begin + at(code.size), [](uint8_t byte) { return byte == 0; });
+}
+
+Sector patchedBootSector(const Sector& bootSector, uint32_t start, const Serial& serial) {
+  const BootSectorKind kind = kindOf(bootSector);
+  if (kind != BootSectorKind::ntfs && kind != BootSectorKind::fat) return bootSector;
+  Sector sector = bootSector;
+  const auto hidden = hiddenSectorsBytes(start);
+  std::copy(hidden.begin(), hidden.end(), sector.begin() + at(kHiddenSectorsOffset));
+  const Field field = serialField(bootSector);
+  std::copy_n(serial.begin(), field.size, sector.begin() + at(field.offset));
+  return sector;
+}
+
+bool isCopyButForPatch(const Sector& first, const Sector& second) {
+  return patchedBootSector(first, 0, {}) == patchedBootSector(second, 0, {});
+}
+
+std::vector<uint64_t> secondBootSectorPlaces(const Sector& bootSector, uint64_t size) {
+  const BootSectorKind kind = kindOf(bootSector);
+  const uint64_t bytesPerSector = littleEndian(bootSector, kBytesPerSectorOffset, 2);
+  std::vector<uint64_t> places;
+  if (!isBytesPerSector(bytesPerSector) || size < bytesPerSector) return places;
+  const uint64_t last = size / bytesPerSector - 1;
+  const auto add = [&](uint64_t sector) {
+    if (sector == 0 || sector > last) return;
+    const uint64_t place = sector * bytesPerSector;
+    if (std::find(places.begin(), places.end(), place) == places.end()) places.push_back(place);
+  };
+  if (kind == BootSectorKind::ntfs) {
+    add(last);
+    add(littleEndian(bootSector, kNTFSSectorCountOffset, 8));
+  } else if (kind == BootSectorKind::fat && isFAT32(bootSector)) {
+    constexpr uint64_t kNone = 0xFFFF;
+    const uint64_t sector = littleEndian(bootSector, kSecondSectorOffset, 2);
+    if (sector != kNone) add(sector);
+  }
+  return places;
+}
+
+}  // namespace vorlix
