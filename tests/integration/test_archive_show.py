@@ -85,7 +85,7 @@ class ArchiveShow(images.CommandTest):
         for options in ((), ("--json",)):
             result = self.show_bounded(path, *options)
             self.assertEqual((result.returncode, result.stdout), (2, ""))
-            self.assertEqual(result.stderr, f"vorlix: {path}: {REFUSAL}; nothing was written\n")
+            self.assertEqual(result.stderr, f"vorlix: {path}: {REFUSAL}\n")
         self.assert_unchanged(path, before)
 
 
@@ -272,7 +272,7 @@ class Files(ArchiveShow):
     def assert_error(self, path, reason):
         result = self.show_bounded(path)
         self.assertEqual((result.returncode, result.stdout), (2, ""))
-        self.assertEqual(result.stderr, f"vorlix: {path}: {reason}; nothing was written\n")
+        self.assertEqual(result.stderr, f"vorlix: {path}: {reason}\n")
 
     def test_a_missing_file_a_folder_and_what_never_ends(self):
         self.assert_error(self.path("missing"), "No such file or directory")

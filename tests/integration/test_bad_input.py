@@ -173,15 +173,17 @@ class DamagedTables(BadInput):
         table = json.loads(shown.stdout)["gpt"]
         self.assertEqual(table["entryCount"], 0xFFFFFFFF)
         self.assertEqual([entry["firstLBA"] for entry in table["entries"][:4]], [40, 20480, 40960, 61440])
-        result = self.run_bounded(*self.hybrid_arguments(path))
+        self.refuse_hybrid(path, "GPT damaged", "4294967295 entries", unchanged=[path])
+        result = self.run_bounded(*self.hybrid_arguments(path, "--force"))
         self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertIn("4294967295 entries", result.stderr)
         self.assertEqual(gpt.read_at(path, 0, 512), gpt.sector0(self.BOOT_CODE, gpt.hybrid_slots(usual_entries(), WINDOWS)))
         self.assertEqual(gpt.read_at(path, 512, 512), before[512:])
 
     def test_a_header_that_claims_2_to_the_32_entries_of_a_sparse_terabyte(self):
         path = self.image(claimed_count=0xFFFFFFFF, blocks=1 << 31)
         self.assertEqual(self.run_bounded("show", path, "--json").returncode, 0)
-        self.assertEqual(self.run_bounded(*self.hybrid_arguments(path)).returncode, 0)
+        self.assertEqual(self.run_bounded(*self.hybrid_arguments(path, "--force")).returncode, 0)
 
     def test_a_header_that_claims_no_entries(self):
         path = self.image(claimed_count=0)
@@ -211,13 +213,15 @@ class DamagedTables(BadInput):
                 entries[WINDOWS - 1] = gpt.Entry(gpt.BASIC_DATA, first, first + 2047)
                 path = self.image(entries=entries)
                 self.refuse_hybrid(path, names=path + "s3", unchanged=[path])
+                self.refuse_hybrid(path, "truncated", names=path + "s3", options=["--force"], unchanged=[path])
                 self.assertEqual(os.path.getsize(path), BLOCKS * 512)
 
     def test_a_slice_that_ends_before_it_starts(self):
         entries = usual_entries()
         entries[WINDOWS - 1] = gpt.Entry(gpt.BASIC_DATA, 40960, 40959)
         path = self.image(entries=entries)
-        self.refuse_hybrid(path, names=path + "s3", unchanged=[path])
+        self.refuse_hybrid(path, "before it begins", unchanged=[path])
+        self.refuse_hybrid(path, names=path + "s3", options=["--force"], unchanged=[path])
         self.assertEqual(self.run_bounded("show", path, "--json").returncode, 0)
 
     def test_numbers_as_large_as_they_can_be(self):

@@ -5,7 +5,7 @@ printed into."""
 import subprocess
 
 from support import gpt, images
-from support.macs import WINDOWS, WINDOWS_FIRST, ImageTest
+from support.macs import WINDOWS, WINDOWS_FIRST, WINDOWS_SIZE, ImageTest
 
 CLOSED = ("<&-", ">&-", "2>&-", ">&- 2>&-", "<&- >&- 2>&-")
 BOOT_CODE_SIZE = 446
@@ -37,7 +37,7 @@ class ClosedStreams(ImageTest):
             with self.subTest(closed=closed):
                 self.run_with(closed, *arguments, "--backup", self.path(f"saved{number}"))
                 self.assert_patched(path, start, boot_sector, WINDOWS_FIRST)
-                self.assert_only_differs(path, before, (start, boot_sector))
+                self.assert_only_differs(path, before, (start, boot_sector), (start + WINDOWS_SIZE - 512, boot_sector))
 
     def test_a_disk_that_gets_its_mbr(self):
         for closed in CLOSED:
@@ -45,7 +45,8 @@ class ClosedStreams(ImageTest):
                 path = self.mac_image(name=f"mac{CLOSED.index(closed)}.img")
                 before = images.content_hash(path)
                 start = WINDOWS_FIRST * 512
-                old = [(0, gpt.read_at(path, 0, 512)), (start, gpt.read_at(path, start, 512))]
+                places = (0, start, start + WINDOWS_SIZE - 512)
+                old = [(place, gpt.read_at(path, place, 512)) for place in places]
                 expected = self.expected_sector0(path, WINDOWS)
                 self.run_with(closed, "hybrid", path, "--boot-code", self.boot_code, "--partition", WINDOWS)
                 self.assert_sector0(path, expected)

@@ -74,10 +74,24 @@ class Case:
             if number == 1 and rnd.random() < 0.9:
                 kind = gpt.EFI_SYSTEM
             entries[number - 1] = self.random_entry(kind)
+        if rnd.random() < 0.9:
+            self.make_disjoint([entry for entry in entries if entry])
         for index, entry in enumerate(entries):
             if entry is None and rnd.random() < 0.05:  # unused goes by the type alone
                 entries[index] = self.random_entry(gpt.UNUSED)
         return entries
+
+    def make_disjoint(self, entries):
+        """Puts entries between the cuts of a set of random places."""
+        table = self.table
+        cuts = sorted({self.random_lba(table.first_usable, table.last_usable) for _ in range(8 * len(entries))})
+        if len(cuts) < 2 * len(entries):
+            return
+        cuts = sorted(self.random.sample(cuts, 2 * len(entries)))
+        places = list(zip(cuts[::2], cuts[1::2]))
+        self.random.shuffle(places)
+        for entry, (first, last) in zip(entries, places):
+            entry.first, entry.last = first, last
 
     def random_sector0(self):
         """What stands on the disk before: a protective MBR, noise, the right slots, or nearly the right ones."""
@@ -117,8 +131,19 @@ class Case:
             return gpt.guard_slots(self.table.entries, self.table.last_usable)
         return gpt.hybrid_slots(self.table.entries, self.partition, self.type)
 
+    def used(self):
+        return {number: self.entry(number) for number in range(1, len(self.table.entries) + 1) if self.entry(number)}
+
+    def overlap(self, numbers):
+        """Whether one of the entries with these numbers shares a sector with any other entry."""
+        used = self.used()
+        return any(
+            one != other and used[one].first <= used[other].last and used[other].first <= used[one].last
+            for one in used if one in numbers for other in used
+        )
+
     def refusal(self):
-        """Why nothing may be written; empty if it may."""
+        """Why nothing may be written, whatever is forced; empty if it may."""
         if self.new_slots()[0].type != 0xEE:
             return "the first slot is not the protective one"
         if self.guard:
@@ -126,17 +151,31 @@ class Case:
         entry = self.entry(self.partition)
         if entry is None:
             return "the entry is unused"
-        if entry.first > 0xFFFFFFFF:
-            return "the first LBA has more than 32 bits"
+        if any(self.entry(number) and self.entry(number).last > 0xFFFFFFFF for number in range(1, 5)):
+            return "an LBA has more than 32 bits"
+        if self.overlap(range(1, 5)):
+            return "entries with a slot overlap"
         if entry.first >= self.table.blocks:
             return "the slice starts past the end of the disk"
         return ""
 
+    def needs_force(self):
+        """Why it is written only when that is forced."""
+        table = self.table
+        if any(entry.first < table.first_usable or entry.last > table.last_usable for entry in self.used().values()):
+            return "an entry is outside the usable sectors"
+        if self.overlap(self.used()):
+            return "entries overlap"
+        if not self.guard and self.entry(self.partition).type != gpt.BASIC_DATA:
+            return "the type is another"
+        return ""
+
     def new_sector0(self):
-        """Sector 0 is written only where its slots are not those that the GPT asks for; boot code alone is no reason."""
-        if self.new_slots() == gpt.slots_of(self.old_sector0):
-            return self.old_sector0
-        return gpt.sector0(self.boot_code, self.new_slots())
+        """With the right slots the disk keeps its disk signature; its boot code becomes the given one in any case."""
+        wanted = gpt.sector0(self.boot_code, self.new_slots())
+        if wanted[gpt.SLOT_OFFSET :] != self.old_sector0[gpt.SLOT_OFFSET :]:
+            return wanted
+        return wanted[:440] + self.old_sector0[440:]
 
 
 class Differential(images.CommandTest):
@@ -156,7 +195,7 @@ class Differential(images.CommandTest):
         active = gpt.active_slot(slots)
         hybrid = gpt.hybrid_slots(table.entries, active)
         self.assertTrue(mbr["signatureValid"], note)
-        self.assertEqual(mbr["kind"], "guard" if slots[1].type == 0 else "hybrid", note)
+        self.assertEqual(mbr["kind"], self.kind(sector, table), note)
         self.assertEqual(mbr["activeSlot"], active, note)
         self.assertEqual(mbr["diskSignature"], f"{int.from_bytes(sector[440:444], 'little'):08X}", note)
         equal = []
@@ -170,6 +209,16 @@ class Differential(images.CommandTest):
             self.assertEqual(shown["equalsHybrid"], equal[-1], here)
         self.assertEqual(len(mbr["slots"]), 4, note)
         self.assertEqual(mbr["equalsHybrid"], all(equal), note)
+
+    @staticmethod
+    def kind(sector, table):
+        slots = gpt.slots_of(sector)
+        if 0xEE not in [slot.type for slot in slots]:
+            return "DOS"
+        if [slot.type for slot in slots if slot.type] != [0xEE]:
+            return "hybrid"
+        guard = gpt.sector0(b"", gpt.guard_slots(table.entries, table.last_usable))
+        return "guard" if guard[gpt.SLOT_OFFSET :] == sector[gpt.SLOT_OFFSET :] else "protective"
 
     def check_gpt(self, shown, table, note):
         self.assertEqual(shown["diskGUID"], table.disk_guid, note)
@@ -200,10 +249,10 @@ class Differential(images.CommandTest):
         self.check_mbr(shown["mbr"], sector, case.table, note)
         self.check_gpt(shown["gpt"], case.table, note)
 
-    def run_hybrid(self, path, case):
+    def run_hybrid(self, path, case, *options):
         with open(self.boot_code, "wb") as file:
             file.write(case.boot_code)
-        options = ["--partition", case.partition]
+        options = ["--partition", case.partition, *options]
         if case.type is not None:
             options += ["--type", f"{case.type:02X}"]
         if case.guard:
@@ -225,7 +274,13 @@ class Differential(images.CommandTest):
         self.assert_unchanged(path, before, f"by show, {note}")
 
         refusal = case.refusal()
-        result = self.run_hybrid(path, case)
+        if not refusal and case.needs_force():
+            result = self.run_hybrid(path, case)
+            self.assertEqual(result.returncode, 2, f"{note}: {case.needs_force()}")
+            self.assertIn("--force", result.stderr, note)
+            self.assert_unchanged(path, before, note)
+        forced = refusal or case.needs_force()
+        result = self.run_hybrid(path, case, *(["--force"] if forced else []))
         note = f"{note}, partition {case.partition}, type {case.type}, guard {case.guard}: {refusal}\n{result.stdout}{result.stderr}"
         if refusal:
             self.assertEqual(result.returncode, 2, note)
@@ -238,7 +293,7 @@ class Differential(images.CommandTest):
             if number % 4 == 0:
                 self.check_show(path, case, case.new_sector0(), note)
             self.check_rest(path, case, note)
-        return refusal
+        return refusal or forced and "written when forced"
 
     def check_patch(self, path, case, note):
         """The boot sector has its new hidden-sectors field and a new serial, and is otherwise what it was."""
@@ -267,7 +322,7 @@ class Differential(images.CommandTest):
             outcomes[self.check_case(number) or "written"] += 1
         for outcome, count in outcomes.most_common():
             print(f"{count:5} {outcome}", file=sys.stderr)
-        self.assertGreater(outcomes["written"], CASES // 2)
+        self.assertGreater(outcomes["written"] + outcomes["written when forced"], CASES // 2)
 
 
 if __name__ == "__main__":

@@ -40,12 +40,20 @@ class Hybrid(ImageTest):
         self.assertEqual(after["UUID"], f"{serial:016X}")
         self.assertNotEqual(after["UUID"], before["UUID"])
 
-    def test_a_fat_volume_is_patched_at_the_same_places(self):
+    def test_a_fat_volume_has_its_serial_elsewhere(self):
+        """Where NTFS has its serial, FAT12 and FAT16 have boot code."""
         path = tools.sgdisk_image(self.path("fat.img"), MAC)
         volume = tools.fat_volume(self.path("fat"), WINDOWS_SIZE)
         tools.write_sparse(path, WINDOWS_FIRST * 512, volume)
+        before = tools.blkid_probe(path, WINDOWS_FIRST * 512, WINDOWS_SIZE)
         self.hybrid(path, WINDOWS)
-        self.assert_patched(path, WINDOWS_FIRST * 512, volume[:512], WINDOWS_FIRST)
+        now = gpt.read_at(path, WINDOWS_FIRST * 512, 512)
+        start = WINDOWS_FIRST.to_bytes(4, "little")
+        self.assertEqual(now.hex(), (volume[:28] + start + volume[32:39] + now[39:43] + volume[43:512]).hex())
+        after = tools.blkid_probe(path, WINDOWS_FIRST * 512, WINDOWS_SIZE)
+        self.assertEqual(after.pop("UUID"), f"{now[42]:02X}{now[41]:02X}-{now[40]:02X}{now[39]:02X}")
+        self.assertNotEqual(before.pop("UUID"), f"{now[42]:02X}{now[41]:02X}-{now[40]:02X}{now[39]:02X}")
+        self.assertEqual(after, before)
 
     def test_a_hybrid_mbr_of_another_tool_is_replaced(self):
         path = self.mac_image()
@@ -88,7 +96,7 @@ class Hybrid(ImageTest):
                 size = min((last - first + 1) * 512, 8 << 20)
                 tools.write_sparse(path, first * 512, tools.ntfs_volume(self.path("ntfs"), size // (1 << 20) << 20))
                 expected = self.expected_sector0(path, number)
-                self.hybrid(path, number)
+                self.hybrid(path, number, *(() if number == WINDOWS else ("--force",)))
                 self.assert_sector0(path, expected)
                 slots = tools.fdisk_slots(path)
                 self.assertEqual([n for n, slot in slots.items() if slot[0]], [number])
@@ -100,7 +108,7 @@ class Hybrid(ImageTest):
         path = self.mac_image()
         tools.write_sparse(path, MAC[4][0] * 512, tools.ntfs_volume(self.path("ntfs"), 4 << 20))
         self.hybrid(path, 3)
-        self.hybrid(path, 4)
+        self.hybrid(path, 4, "--force")
         self.assertEqual([n for n, slot in tools.fdisk_slots(path).items() if slot[0]], [4])
         self.assertEqual(self.show(path)["mbr"]["activeSlot"], 4)
 
@@ -113,15 +121,40 @@ class Hybrid(ImageTest):
         second = gpt.read_at(path, WINDOWS_FIRST * 512, 512)
         self.assertEqual(second[:72] + second[80:], first[:72] + first[80:])
         self.assertNotEqual(second[72:80], first[72:80])
-        gpt.write_at(path, WINDOWS_FIRST * 512, first)
+        for offset in (WINDOWS_FIRST * 512, WINDOWS_FIRST * 512 + WINDOWS_SIZE - 512):
+            self.assertEqual(gpt.read_at(path, offset, 512), second)
+            gpt.write_at(path, offset, first)
         self.assertEqual(images.content_hash(path), digest)
 
-    def test_an_mbr_with_the_right_slots_keeps_its_boot_code(self):
+    def test_right_slots_with_other_boot_code_get_the_given_one(self):
+        """The disk signature behind it, by which systems know the disk, then stays the disk's own."""
         path = self.mac_image()
         self.hybrid(path, WINDOWS)
-        gpt.write_at(path, 0, bytes(440))
+        slots = gpt.read_at(path, 446, 66)
+        gpt.write_at(path, 0, bytes(440) + b"\xC0\xFF\xEE\x01\x5A\x5A")
+        dry = self.hybrid(path, WINDOWS, "--dry-run", expect=1)
+        self.assertIn("boot code differs", dry.stdout)
+        result = self.hybrid(path, WINDOWS)
+        self.assertIn("(boot code differed)", result.stdout)
+        self.assertEqual(gpt.read_at(path, 0, 512).hex(),
+                         (self.BOOT_CODE[:440] + b"\xC0\xFF\xEE\x01\x5A\x5A" + slots).hex())
+        self.assertIn("MBR        right already, not written", self.hybrid(path, WINDOWS).stdout)
+
+    def test_another_disk_signature_alone_is_no_reason_to_write(self):
+        path = self.mac_image()
         self.hybrid(path, WINDOWS)
-        self.assertEqual(gpt.read_at(path, 0, 440), bytes(440))
+        gpt.write_at(path, 440, b"\xC0\xFF\xEE\x01\x5A\x5A")
+        before = gpt.read_at(path, 0, 512)
+        self.assertIn("right already, not written", self.hybrid(path, WINDOWS).stdout)
+        self.assertEqual(gpt.read_at(path, 0, 512), before)
+
+    def test_a_missing_signature_is_written_again(self):
+        path = self.mac_image()
+        self.hybrid(path, WINDOWS)
+        before = gpt.read_at(path, 0, 512)
+        gpt.write_at(path, 510, bytes(2))
+        self.assertIn("(the 55 AA signature differed)", self.hybrid(path, WINDOWS).stdout)
+        self.assertEqual(gpt.read_at(path, 0, 512), before)
 
     def test_boot_code_of_440_bytes_leaves_the_disk_signature_zero(self):
         path = self.mac_image()
@@ -205,6 +238,14 @@ class WrongPlaces(ImageTest):
                                                   gpt.Entry(gpt.BASIC_DATA, 20, 40)])
         path = table.write(self.path("odd.img"))
         self.refuse(path, saying=[path + "s3", "starts at sector 20"])
+        self.refuse(path, "--force", saying=[path + "s3", "starts at sector 20"])
+
+    def test_another_slice_as_the_volume(self):
+        """It would get the boot record of a place where it is not."""
+        path = self.mac_image()
+        tools.write_sparse(path, MAC[4][0] * 512, tools.ntfs_volume(self.path("ntfs"), 4 << 20))
+        for options in ((), ("--force",)):
+            self.refuse(path, "--volume", path + "s4", *options, saying=[path + "s4", str(MAC[4][0] * 512)])
 
 
 class Guard(ImageTest):
@@ -288,30 +329,73 @@ class Backup(ImageTest):
         mbr, volume = gpt.read_at(path, 0, 512), gpt.read_at(path, WINDOWS_FIRST * 512, 512)
         self.hybrid(path, WINDOWS, "--backup", folder)
         self.assertNotEqual(images.content_hash(path), digest)
-        self.assertEqual(sorted(os.listdir(folder)), ["mac.img-0.bin", "mac.imgs3-0.bin"])
-        saved_mbr, saved_volume = (os.path.join(folder, name) for name in sorted(os.listdir(folder)))
-        for saved, old in ((saved_mbr, mbr), (saved_volume, volume)):
-            with open(saved, "rb") as file:
+        second = WINDOWS_SIZE - 512
+        saved = self.saved(folder)
+        self.assertEqual(sorted(saved), [("mac.img", 0), ("mac.imgs3", 0), ("mac.imgs3", second)])
+        for place, old in ((("mac.img", 0), mbr), (("mac.imgs3", 0), volume), (("mac.imgs3", second), volume)):
+            with open(saved[place], "rb") as file:
                 self.assertEqual(file.read(), old)
-        images.run_tool("dd", f"if={saved_mbr}", f"of={path}", "conv=notrunc")
-        images.run_tool("dd", f"if={saved_volume}", f"of={path}", "bs=512", f"seek={WINDOWS_FIRST}", "conv=notrunc")
+        images.run_tool("dd", f"if={saved['mac.img', 0]}", f"of={path}", "conv=notrunc")
+        for offset in (0, second):
+            images.run_tool("dd", f"if={saved['mac.imgs3', offset]}", f"of={path}", "bs=512",
+                            f"seek={WINDOWS_FIRST + offset // 512}", "conv=notrunc")
         self.assertEqual(images.content_hash(path), digest)
 
-    def test_existing_files_are_not_overwritten(self):
-        for name in ("mac.img-0.bin", "mac.imgs3-0.bin"):
-            with self.subTest(existing=name):
-                path, folder = self.mac_image(), self.path("saved for " + name)
-                os.mkdir(folder)
-                existing = os.path.join(folder, name)
-                with open(existing, "w", encoding="ascii") as file:
-                    file.write("precious")
-                before = images.snapshot(path)
-                result = self.hybrid(path, WINDOWS, "--backup", folder, expect=2)
-                self.assertIn(name, result.stderr)
-                self.assertIn("nothing was written", result.stderr)
-                self.assert_unchanged(path, before)
-                with open(existing, encoding="ascii") as file:
-                    self.assertEqual(file.read(), "precious")
+    def saved(self, folder):
+        """The files of a backup by device and byte offset; nothing else is there."""
+        found = {}
+        for name in os.listdir(folder):
+            device, offset, number = re.fullmatch(r"(.+)-[0-9a-f]{8}-(\d+)((?:\.\d+)?)\.bin", name).groups()
+            found[device, int(offset), *([number] if number else [])] = os.path.join(folder, name)
+        return found
+
+    def test_files_are_the_users_alone(self):
+        path, folder = self.mac_image(), self.path("saved")
+        self.hybrid(path, WINDOWS, "--backup", folder)
+        for name in os.listdir(folder):
+            self.assertEqual(os.stat(os.path.join(folder, name)).st_mode & 0o777, 0o600)
+
+    def test_two_disks_of_one_name_do_not_meet(self):
+        folder = self.path("saved")
+        for place in ("one", "two"):
+            os.mkdir(self.path(place))
+            self.hybrid(self.mac_image(os.path.join(place, "mac.img")), WINDOWS, "--backup", folder)
+        self.assertEqual(len(os.listdir(folder)), 6)
+
+    def test_what_is_saved_already_is_not_saved_again(self):
+        """A run that was cut off has left its backup; the same bytes need no second file, others get one."""
+        path, folder = self.mac_image(), self.path("saved")
+        untouched = self.path("untouched.img")
+        images.sparse_copy(path, untouched)
+        self.hybrid(path, WINDOWS, "--backup", folder)
+        names = sorted(os.listdir(folder))
+        before = {name: images.snapshot(os.path.join(folder, name)) for name in names}
+        images.sparse_copy(untouched, path)
+        self.hybrid(path, WINDOWS, "--backup", folder)
+        self.assertEqual(sorted(os.listdir(folder)), names)
+        self.hybrid(path, WINDOWS, "--backup", folder)
+        self.assertEqual(sorted(self.saved(folder)),
+                         [("mac.img", 0), ("mac.imgs3", 0), ("mac.imgs3", 0, ".2"), ("mac.imgs3", WINDOWS_SIZE - 512),
+                          ("mac.imgs3", WINDOWS_SIZE - 512, ".2")])
+        self.assertEqual({name: images.snapshot(os.path.join(folder, name)) for name in names}, before)
+
+    def test_what_has_such_a_name_is_left_alone(self):
+        path, folder = self.mac_image(), self.path("saved")
+        self.hybrid(path, WINDOWS, "--backup", folder)
+        name = next(name for name in os.listdir(folder) if name.startswith("mac.img-"))
+        other = os.path.join(folder, name)
+        self.vorlix_ok("hybrid", path, "--boot-code", self.boot_code, "--guard")
+        for make in (lambda: os.symlink("/etc/hostname", other), lambda: os.mkfifo(other), lambda: os.mkdir(other)):
+            images.run_tool("rm", "-rf", folder)
+            os.mkdir(folder)
+            make()
+            status = os.lstat(other)
+            self.vorlix_ok("hybrid", path, "--boot-code", self.boot_code, "--guard", "--force", "--backup", folder)
+            self.assertEqual(os.listdir(folder), [name])  # nothing was to be written
+            gpt.write_at(path, 446, b"\x80")
+            self.vorlix_ok("hybrid", path, "--boot-code", self.boot_code, "--guard", "--backup", folder)
+            self.assertEqual(sorted(self.saved(folder)), [("mac.img", 0), ("mac.img", 0, ".2")])
+            self.assertEqual(os.lstat(other), status)
 
     def test_with_a_file_in_the_place_of_the_folder_nothing_is_written(self):
         path = self.mac_image()
@@ -325,7 +409,7 @@ class Backup(ImageTest):
         path, folder = self.mac_image(), self.path("saved")
         os.mkdir(folder)
         self.vorlix_ok("hybrid", path, "--boot-code", self.boot_code, "--guard", "--backup", folder)
-        self.assertEqual(os.listdir(folder), ["mac.img-0.bin"])
+        self.assertEqual(sorted(self.saved(folder)), [("mac.img", 0)])
 
 
 if __name__ == "__main__":

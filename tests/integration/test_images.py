@@ -39,7 +39,8 @@ class Show(ImageTest):
         before = images.snapshot(path)
         shown = self.assert_agrees_with_other_tools(path, [1, 2, 3, 4, 7])
         self.assertEqual((shown["gpt"]["entryLBA"], shown["gpt"]["entryCount"]), (2, 128))
-        self.assertEqual(shown["mbr"]["kind"], "guard")
+        self.assertEqual(shown["mbr"]["kind"], "protective")
+        self.assertEqual((shown["gpt"]["headerLBA"], shown["gptDamage"]), (1, []))
         self.assertEqual(shown["mbr"]["slots"][0]["type"], "EE")
         self.assertFalse(shown["mbr"]["equalsHybrid"])
         self.assert_unchanged(path, before)
@@ -90,10 +91,33 @@ class Show(ImageTest):
         images.run_tool("sfdisk", "-q", path, stdin="label: dos\nlabel-id: 0xC0FFEE01\nstart=2048,size=4096,type=7,bootable\n")
         shown = self.show(path)
         self.assertIsNone(shown["gpt"])
+        self.assertEqual((shown["mbr"]["kind"], shown["gptDamage"]), ("DOS", []))
+        self.assertIn("MBR         DOS, active slot 1, disk signature C0FFEE01\n", self.vorlix_ok("show", path).stdout)
         self.assertEqual((shown["mbr"]["activeSlot"], shown["mbr"]["diskSignature"]), (1, "C0FFEE01"))
         self.assertEqual((shown["mbr"]["slots"][0]["firstLBA"], shown["mbr"]["slots"][0]["sectors"]), (2048, 4096))
         self.assertIsNone(shown["mbr"]["slots"][0]["hybrid"])
         self.assertFalse(shown["mbr"]["equalsHybrid"])
+
+
+    def test_a_volume_on_the_whole_disk(self):
+        for kind, make in (("fat", tools.fat_volume), ("ntfs", tools.ntfs_volume)):
+            with self.subTest(kind):
+                path = self.path(kind + ".img")
+                make(path, 8 << 20)
+                self.assertEqual(self.show(path)["mbr"]["kind"], "volume")
+                text = self.vorlix_ok("show", path).stdout
+                self.assertIn("MBR         a volume's boot sector, no partition table\n", text)
+                self.assertNotIn("Slot", text)
+
+    def test_kinds_of_mbr(self):
+        path = self.mac_image()
+        self.assertIn("MBR         protective,", self.vorlix_ok("show", path).stdout)
+        self.vorlix_ok("hybrid", path, "--boot-code", self.boot_code, "--guard")
+        self.assertIn("MBR         guard,", self.vorlix_ok("show", path).stdout)
+        self.hybrid(path, WINDOWS)
+        self.assertIn("MBR         hybrid,", self.vorlix_ok("show", path).stdout)
+        gpt.write_at(path, 0, bytes(512))
+        self.assertIn("MBR         none (no 55 AA signature)\n", self.vorlix_ok("show", path).stdout)
 
 
 class LargeDisks(ImageTest):
@@ -125,12 +149,13 @@ class LargeDisks(ImageTest):
         self.assertEqual(self.hybrid(path, WINDOWS, "--dry-run").returncode, 0)
 
     def test_first_lba_just_below_2_to_the_32(self):
-        first = (1 << 32) - 4096
-        path = self.large_image(first, {1: MAC[1], 2: MAC[2], 3: (first, first + 8191, gpt.BASIC_DATA)})
+        first = (1 << 32) - 8192
+        path = self.large_image(first)
         expected = self.expected_sector0(path, WINDOWS)
         self.hybrid(path, WINDOWS)
         self.assert_sector0(path, expected)
-        self.assertEqual(gpt.read_at(path, first * 512 + 28, 4).hex(" "), "00 f0 ff ff")
+        self.assertEqual(tools.fdisk_slots(path)[3], (True, first, 8192, 0x07))
+        self.assertEqual(gpt.read_at(path, first * 512 + 28, 4).hex(" "), "00 e0 ff ff")
 
     def test_first_lba_past_2_to_the_32_is_refused(self):
         for first in (1 << 32, (1 << 32) + 2048):
@@ -143,9 +168,26 @@ class LargeDisks(ImageTest):
                 self.assert_unchanged(path, before)
                 self.assertEqual(self.show(path)["gpt"]["entries"][2]["firstLBA"], first)
 
-    def test_another_partition_past_2_to_the_32_is_no_obstacle(self):
+    def test_an_entry_that_an_mbr_slot_cannot_hold_is_refused(self):
+        """By its low 32 bits it would lie in another partition."""
         far = (1 << 32) + 2048
-        path = self.large_image(far, {1: MAC[1], 2: MAC[2], 3: MAC[3], 4: (far, far + 999, gpt.HFS_PLUS)})
+        for entry in ((far, far + 999), ((1 << 32) - 1000, 1 << 32), (MAC[4][0], (1 << 32) + MAC[4][0] - 1)):
+            with self.subTest(entry=entry):
+                path = self.large_image(far + 4096, {1: MAC[1], 2: MAC[2], 3: MAC[3], 4: (*entry, gpt.HFS_PLUS)})
+                tools.write_sparse(path, WINDOWS_FIRST * 512, tools.ntfs_volume(self.path("ntfs"), WINDOWS_SIZE))
+                before = images.snapshot(path)
+                for options in ((), ("--force",), ("--dry-run",)):
+                    result = self.hybrid(path, WINDOWS, *options, expect=2)
+                    self.assertIn(f"GPT entry 4, sectors {entry[0]} to {entry[1]}", result.stderr)
+                    self.assertIn("nothing was written", result.stderr)
+                check = self.vorlix_run("check", path, "--partition", WINDOWS)
+                self.assertEqual(check.returncode, 1, check.stderr)
+                self.assertIn("GPT entry 4", check.stdout)
+                self.assert_unchanged(path, before)
+
+    def test_a_fifth_entry_past_2_to_the_32_is_no_obstacle(self):
+        far = (1 << 32) + 2048
+        path = self.large_image(far, {1: MAC[1], 2: MAC[2], 3: MAC[3], 5: (far, far + 999, gpt.HFS_PLUS)})
         tools.write_sparse(path, WINDOWS_FIRST * 512, tools.ntfs_volume(self.path("ntfs"), WINDOWS_SIZE))
         expected = self.expected_sector0(path, WINDOWS)
         self.hybrid(path, WINDOWS)
@@ -205,19 +247,36 @@ class Check(ImageTest):
                 gpt.write_at(path, offset, right)
                 self.check(path, WINDOWS, 0)
 
-    def test_boot_code_and_serial_are_not_its_business(self):
+    def test_boot_code_that_is_not_there(self):
         path = self.mac_image()
         self.hybrid(path, WINDOWS)
-        gpt.write_at(path, 0, bytes(446))
-        gpt.write_at(path, WINDOWS_FIRST * 512 + 72, bytes(8))
+        self.assertIn("Boot code    ok ", self.check(path, WINDOWS, 0).stdout)
+        gpt.write_at(path, 0, bytes(440))
+        self.assertRegex(self.check(path, WINDOWS, 1).stdout, "Boot code +change .*zeros")
+        self.hybrid(path, WINDOWS)
+        sector = gpt.read_at(path, WINDOWS_FIRST * 512, 512)
+        for offset in (0, WINDOWS_SIZE - 512):  # both boot sectors, so that they stay equal
+            gpt.write_at(path, WINDOWS_FIRST * 512 + offset, sector[:84] + bytes(426) + sector[510:])
+        result = self.check(path, WINDOWS, 1)
+        self.assertRegex(result.stdout, "Volume code +change .*zeros")
+        self.assertEqual(result.stdout.count("change"), 1, result.stdout)
+
+    def test_which_boot_code_and_serial_there_are_is_not_its_business(self):
+        path = self.mac_image()
+        self.hybrid(path, WINDOWS)
+        gpt.write_at(path, 0, b"\xEB\xFE" + bytes(444))
+        for offset in (0, WINDOWS_SIZE - 512):
+            gpt.write_at(path, WINDOWS_FIRST * 512 + offset + 72, bytes(8))
         self.check(path, WINDOWS, 0)
 
     def test_errors(self):
         path = self.mac_image()
         self.check(path, 5, 2)
         path = tools.sgdisk_image(self.path("unused.img"), {1: MAC[1], 3: MAC[3]})
-        self.assertIn("2", self.check(path, 2, 2).stderr)
-        gpt.write_at(path, 512, bytes(8))
+        message = self.check(path, 2, 2).stderr
+        self.assertEqual(message, f"vorlix: {path}: GPT entry 2 is not in use\n")
+        for offset in (512, tools.MAC_SIZE - 512):
+            gpt.write_at(path, offset, bytes(8))
         self.assertIn("GPT", self.check(path, WINDOWS, 2).stderr)
 
 

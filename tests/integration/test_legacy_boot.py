@@ -58,10 +58,10 @@ class LegacyBoot(unittest.TestCase):
         bios.make_system(volume, part.name)
         samples.place(self.disk, volume, part.first)
 
-    def write_hybrid(self, partition):
+    def write_hybrid(self, partition, *options):
         environment = {**os.environ, "HOME": self.folder}
         result = subprocess.run(
-            [os.environ["VORLIX"], "hybrid", self.disk, "--boot-code", BOOT_CODE, "--partition", str(partition)],
+            [os.environ["VORLIX"], "hybrid", self.disk, "--boot-code", BOOT_CODE, "--partition", str(partition), *options],
             env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
             timeout=60, check=False)
         self.assertEqual(result.returncode, 0, result.stdout)
@@ -100,7 +100,7 @@ class LegacyBoot(unittest.TestCase):
     def test_another_active_slot_starts_nothing(self):
         self.make_disk(EFI, APPLE, WINDOWS)
         self.write_hybrid(3)
-        self.write_hybrid(APPLE.number)
+        self.write_hybrid(APPLE.number, "--force")
         self.assert_not_started()
 
 

@@ -131,6 +131,10 @@ void planVolume(const HybridRequest& request, HybridPlan& plan) {
   VolumePlan volume;
   volume.name = request.volume.empty() ? sliceNameOf(request.disk, request.partition) : request.volume;
   volume.start = startOf(request, plan.disk, entry, volume.name);
+  if (!request.isLook()) {
+    if (const auto reason = whyNoHybrid(plan.disk)) throw Failure(request.disk, *reason);
+    requireSoundGPT(plan.disk, request.force);  // after what no --force changes
+  }
   volume.handle = openFor(request, volume.name);
   requirePlace(request, plan, volume, entry);
   volume.before = readBootSector(*volume.handle, volume.name);
@@ -210,14 +214,12 @@ HybridPlan planHybrid(const HybridRequest& request) {
   if (!plan.disk.header) {
     throw Failure(request.disk, "has no GPT (no \"EFI PART\" at byte " + std::to_string(plan.disk.blockSize) + ")");
   }
-  if (!request.isLook()) requireSoundGPT(plan.disk, request.force);
   plan.table = hybridTable(plan.disk.entries, request.partition != 0 ? request.partition : plan.disk.activeSlot);
   if (!drawSerial(plan.serial)) throw Failure("/dev/random", "gives no random bytes for a serial");
   if (request.guard) {
+    requireSoundGPT(plan.disk, request.force);
     makeGuard(plan.table, plan.disk.header->last_usable_lba);
   } else {
-    const auto reason = whyNoHybrid(plan.disk);
-    if (reason && !request.isLook()) throw Failure(request.disk, *reason);
     planVolume(request, plan);
     if (request.type != 0) plan.table.parts[request.partition - 1].type = request.type;
   }
