@@ -54,15 +54,19 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint32_t found = vorlix::imageBlockSize(image);
   const bool at512 = hasText(data, size, 512, "EFI PART");
   const bool at4096 = hasText(data, size, 4096, "EFI PART");
-  FUZZ_CHECK(found == (!at512 && at4096 ? 4096 : 512));
+  FUZZ_CHECK(found == 512 || found == 4096);
+  if (at512 || at4096) FUZZ_CHECK(found == (at512 ? 512 : 4096));  // else the second header tells, if there is one
 
   for (const uint32_t blockSize : {512U, 4096U}) {
     const bool hasGPT = blockSize == 512 ? at512 : at4096;
-    const bool hasMBR = hasText(data, size, 510, "\x55\xAA");
+    const auto headerLBA = vorlix::gptHeaderLBA(image, diskSize, blockSize);
+    FUZZ_CHECK(hasGPT == (headerLBA == uint64_t{1}));
+    if (headerLBA && !hasGPT) FUZZ_CHECK(*headerLBA == diskSize / blockSize - 1);
+    const bool hasMBR = hasText(data, size, 510, "\x55\xAA") && !vorlix::hasProtectiveSlot(image);
     for (const uint32_t number : kNumbers) {
       const auto extent = vorlix::partitionExtent(image, diskSize, blockSize, number);
       if (!extent) continue;
-      FUZZ_CHECK(number != 0 && (hasGPT || (hasMBR && number <= 4)));
+      FUZZ_CHECK(number != 0 && (headerLBA || (hasMBR && number <= 4)));
       checkExtent(*extent, diskSize, blockSize);
     }
   }

@@ -34,6 +34,8 @@ class Case:
         entries = self.table.entries
         used = [n for n, entry in enumerate(entries[:4], 1) if entry and entry.type != gpt.UNUSED]
         self.partition = rnd.choice(used) if used and rnd.random() < 0.95 else rnd.randrange(1, 5)
+        if self.partition in used[1:] and rnd.random() < 0.5:
+            entries[self.partition - 1].type = gpt.BASIC_DATA
         self.type = rnd.choice((None,) * 9 + (0x07, 0x0B, 0x0C, 0xEE, rnd.randrange(1, 256)))
         self.guard = rnd.random() < 0.08
         self.boot_code = rnd.randbytes(rnd.choice((440, 446, 446, 512)))

@@ -1,0 +1,241 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Sector 0 and boot sectors as bytes. Places of fields: NTFS and FAT as mkntfs and mkfs.vfat write them.
+#include <Vorlix/QDSDiskFunctions/BootSectors.h>
+#include <gmock/gmock.h>
+
+#include <cstring>
+
+#include "support/DiskBytes.h"
+
+namespace vorlix::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr Serial kSerial = {0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7};
+
+void set(Sector& sector, size_t offset, const ByteVector& bytes) {
+  std::copy(bytes.begin(), bytes.end(), sector.begin() + static_cast<std::ptrdiff_t>(offset));
+}
+void set(Sector& sector, size_t offset, const char* text) {
+  std::memcpy(sector.data() + offset, text, std::strlen(text));
+}
+
+Sector filled(uint8_t byte) {
+  Sector sector;
+  sector.fill(byte);
+  set(sector, 510, {0x55, 0xAA});
+  return sector;
+}
+
+// 512 bytes a sector; the volume ends one sector before its partition, which has 0x2000.
+Sector ntfs() {
+  Sector sector = filled(0x3C);
+  set(sector, 0, {0xEB, 0x52, 0x90});
+  set(sector, 3, "NTFS    ");
+  set(sector, 11, {0x00, 0x02});
+  set(sector, 40, {0xFF, 0x1F, 0, 0, 0, 0, 0, 0});
+  return sector;
+}
+
+Sector fat32() {
+  Sector sector = filled(0x3C);
+  set(sector, 11, {0x00, 0x02});
+  set(sector, 50, {6, 0});
+  set(sector, 66, {0x29});
+  set(sector, 82, "FAT32   ");
+  return sector;
+}
+
+Sector fat16() {
+  Sector sector = filled(0x3C);
+  set(sector, 11, {0x00, 0x02});
+  set(sector, 38, {0x29});
+  set(sector, 54, "FAT16   ");
+  return sector;
+}
+
+// What differs between two sectors, as (offset, new byte).
+std::vector<std::pair<size_t, int>> changes(const Sector& before, const Sector& after) {
+  std::vector<std::pair<size_t, int>> result;
+  for (size_t i = 0; i < before.size(); ++i) {
+    if (before[i] != after[i]) result.emplace_back(i, after[i]);
+  }
+  return result;
+}
+
+using At = std::pair<size_t, int>;
+
+// ----------------------------------------------------------------------------------------------------------- sector 0
+
+TEST(Sector0, HasBootCodeSlotsAndSignature) {
+  PartitionTable table = {};
+  table.parts[0] = {0x80, 0, 2, 0, 0xEE, 127, 14, 25, 1, 409639};
+  const ByteVector code(446, 0x90);
+  const Sector sector = makeSector0(code, table.parts);
+  EXPECT_THAT(ByteVector(sector.begin(), sector.begin() + 446), testing::Each(0x90));
+  EXPECT_THAT(ByteVector(sector.begin() + 446, sector.begin() + 462),
+              ElementsAre(0x80, 0x00, 0x02, 0x00, 0xEE, 0x7F, 0x0E, 0x19, 1, 0, 0, 0, 0x27, 0x40, 0x06, 0x00));
+  EXPECT_THAT(ByteVector(sector.begin() + 462, sector.begin() + 510), testing::Each(0));
+  EXPECT_EQ(sector[510], 0x55);
+  EXPECT_EQ(sector[511], 0xAA);
+}
+
+TEST(Sector0, BootCodeIsCutAndFilled) {
+  const PartitionTable table = {};
+  const Sector cut = makeSector0(ByteVector(512, 0x90), table.parts);
+  EXPECT_EQ(cut[445], 0x90);
+  EXPECT_EQ(cut[446], 0);
+  const Sector short_ = makeSector0(ByteVector(440, 0x90), table.parts);
+  EXPECT_EQ(short_[439], 0x90);
+  EXPECT_EQ(short_[440], 0);
+}
+
+TEST(Sector0, DifferencesAreNamed) {
+  const Sector now = filled(0x10);
+  EXPECT_FALSE(compareSector0(now, now).any());
+  Sector wanted = now;
+  wanted[461] ^= 1;
+  wanted[509] ^= 1;
+  EXPECT_THAT(compareSector0(now, wanted).slots, ElementsAre(1U, 4U));
+  EXPECT_EQ(compareSector0(now, wanted).text(), "slot 1, 4 differ");
+  wanted[439] ^= 1;
+  EXPECT_EQ(compareSector0(now, wanted).text(), "slot 1, 4 and boot code differ");
+  EXPECT_EQ(compareSector0(now, wanted).pastText(), "slot 1, 4 and boot code differed");
+  Sector other = now;
+  other[440] ^= 1;
+  EXPECT_FALSE(compareSector0(now, other).any());  // the disk signature
+  other[0] ^= 1;
+  EXPECT_EQ(compareSector0(now, other).text(), "boot code differs");
+  Sector unsignedOne = now;
+  unsignedOne[511] = 0;
+  EXPECT_EQ(compareSector0(unsignedOne, now).text(), "the 55 AA signature differs");
+}
+
+TEST(Sector0, KeepsTheDiskSignatureWhereTheSlotsAreRight) {
+  const Sector now = filled(0x10);
+  Sector wanted = filled(0x20);
+  EXPECT_EQ(renewedSector0(now, wanted), wanted);
+  std::copy(now.begin() + 446, now.end(), wanted.begin() + 446);
+  const Sector renewed = renewedSector0(now, wanted);
+  EXPECT_EQ(renewed[439], 0x20);
+  EXPECT_THAT(ByteVector(renewed.begin() + 440, renewed.begin() + 510), testing::Each(0x10));
+}
+
+TEST(Sector0, KindsOfMBR) {
+  Sector sector = {};
+  EXPECT_EQ(mbrKindOf(sector), MBRKind::none);
+  set(sector, 510, {0x55, 0xAA});
+  EXPECT_EQ(mbrKindOf(sector), MBRKind::dos);
+  sector[446 + 16 + 4] = 0x07;
+  EXPECT_EQ(mbrKindOf(sector), MBRKind::dos);
+  sector[446 + 4] = 0xEE;
+  EXPECT_EQ(mbrKindOf(sector), MBRKind::hybrid);
+  sector[446 + 16 + 4] = 0;
+  EXPECT_EQ(mbrKindOf(sector), MBRKind::protectsOnly);
+  EXPECT_EQ(mbrKindOf(ntfs()), MBRKind::volume);
+  EXPECT_EQ(mbrKindOf(fat32()), MBRKind::volume);
+}
+
+// ------------------------------------------------------------------------------------------------------- boot sectors
+
+TEST(BootSectors, Kinds) {
+  EXPECT_EQ(kindOf(ntfs()), BootSectorKind::ntfs);
+  EXPECT_EQ(kindOf(fat32()), BootSectorKind::fat);
+  EXPECT_EQ(kindOf(fat16()), BootSectorKind::fat);
+  EXPECT_EQ(kindOf({}), BootSectorKind::empty);
+  EXPECT_EQ(kindOf(filled(1)), BootSectorKind::other);
+}
+
+TEST(BootSectors, PatchOfNTFS) {
+  const Sector before = ntfs();
+  EXPECT_THAT(changes(before, patchedBootSector(before, 0x12345678, kSerial)),
+              ElementsAre(At{28, 0x78}, At{29, 0x56}, At{30, 0x34}, At{31, 0x12}, At{72, 0xA0}, At{73, 0xA1},
+                          At{74, 0xA2}, At{75, 0xA3}, At{76, 0xA4}, At{77, 0xA5}, At{78, 0xA6}, At{79, 0xA7}));
+  EXPECT_EQ(hiddenSectors(patchedBootSector(before, 0x12345678, kSerial)), 0x12345678U);
+}
+
+TEST(BootSectors, PatchOfFATLeavesLabelAndBootCodeAlone) {
+  EXPECT_THAT(changes(fat32(), patchedBootSector(fat32(), 0x12345678, kSerial)),
+              ElementsAre(At{28, 0x78}, At{29, 0x56}, At{30, 0x34}, At{31, 0x12}, At{67, 0xA0}, At{68, 0xA1},
+                          At{69, 0xA2}, At{70, 0xA3}));
+  EXPECT_THAT(changes(fat16(), patchedBootSector(fat16(), 0x12345678, kSerial)),
+              ElementsAre(At{28, 0x78}, At{29, 0x56}, At{30, 0x34}, At{31, 0x12}, At{39, 0xA0}, At{40, 0xA1},
+                          At{41, 0xA2}, At{42, 0xA3}));
+  Sector old = fat16();
+  old[38] = 0;  // before DOS 4 there was no serial
+  EXPECT_EQ(changes(old, patchedBootSector(old, 0x12345678, kSerial)).size(), 4U);
+}
+
+TEST(BootSectors, OtherVolumesAreNotPatched) {
+  const Sector other = filled(0x3C);
+  EXPECT_EQ(patchedBootSector(other, 1, kSerial), other);
+}
+
+TEST(BootSectors, ACopyMayDifferInThePatchedFieldsAlone) {
+  Sector copy = patchedBootSector(ntfs(), 77, kSerial);
+  EXPECT_TRUE(isCopyButForPatch(ntfs(), copy));
+  copy[80] ^= 1;
+  EXPECT_FALSE(isCopyButForPatch(ntfs(), copy));
+  EXPECT_FALSE(isCopyButForPatch(ntfs(), filled(0x3C)));
+  EXPECT_FALSE(isCopyButForPatch(ntfs(), {}));
+}
+
+TEST(BootSectors, BootCode) {
+  Sector sector = ntfs();
+  EXPECT_FALSE(lacksBootCode(sector));
+  std::fill(sector.begin() + 84, sector.begin() + 510, uint8_t{0});
+  EXPECT_TRUE(lacksBootCode(sector));
+  sector[509] = 1;
+  EXPECT_FALSE(lacksBootCode(sector));
+  Sector fat = fat32();
+  std::fill(fat.begin() + 90, fat.begin() + 510, uint8_t{0});
+  EXPECT_TRUE(lacksBootCode(fat));
+  Sector small = fat16();
+  std::fill(small.begin() + 62, small.begin() + 510, uint8_t{0});
+  EXPECT_TRUE(lacksBootCode(small));
+  small[62] = 1;
+  EXPECT_FALSE(lacksBootCode(small));
+}
+
+TEST(BootSectors, SecondOfNTFSIsTheLastSector) {
+  EXPECT_THAT(secondBootSectorPlaces(ntfs(), 0x2000 * 512), ElementsAre(0x1FFFU * 512));
+  // A volume that ends before its partition has one behind itself as well.
+  EXPECT_THAT(secondBootSectorPlaces(ntfs(), 0x3000 * 512), ElementsAre(0x2FFFU * 512, 0x1FFFU * 512));
+  // Nothing outside the slice, and never the first sector.
+  EXPECT_THAT(secondBootSectorPlaces(ntfs(), 0x1000 * 512), ElementsAre(0xFFFU * 512));
+  EXPECT_THAT(secondBootSectorPlaces(ntfs(), 512), IsEmpty());
+  EXPECT_THAT(secondBootSectorPlaces(ntfs(), 0), IsEmpty());
+  Sector big = ntfs();
+  set(big, 11, {0x00, 0x10});
+  set(big, 40, {0xFF, 0x03, 0, 0, 0, 0, 0, 0});
+  EXPECT_THAT(secondBootSectorPlaces(big, 0x400 * 4096), ElementsAre(0x3FFU * 4096));
+  set(big, 11, {0x01, 0x02});
+  EXPECT_THAT(secondBootSectorPlaces(big, 0x400 * 4096), IsEmpty());
+  Sector huge = ntfs();
+  set(huge, 40, ByteVector(8, 0xFF));
+  EXPECT_THAT(secondBootSectorPlaces(huge, 0x2000 * 512), ElementsAre(0x1FFFU * 512));
+}
+
+TEST(BootSectors, SecondOfFAT32IsTheOneItNames) {
+  EXPECT_THAT(secondBootSectorPlaces(fat32(), 1 << 20), ElementsAre(6U * 512));
+  EXPECT_THAT(secondBootSectorPlaces(fat32(), 6 * 512), IsEmpty());
+  for (const ByteVector& none : {ByteVector{0, 0}, ByteVector{0xFF, 0xFF}}) {
+    Sector sector = fat32();
+    set(sector, 50, none);
+    EXPECT_THAT(secondBootSectorPlaces(sector, 1 << 30), IsEmpty());
+  }
+  EXPECT_THAT(secondBootSectorPlaces(fat16(), 1 << 20), IsEmpty());
+}
+
+TEST(BootSectors, SerialsAreDrawn) {
+  Serial one = {};
+  Serial other = {};
+  EXPECT_TRUE(drawSerial(one) && drawSerial(other));
+  EXPECT_NE(one, other);
+}
+
+}  // namespace
+}  // namespace vorlix::test
