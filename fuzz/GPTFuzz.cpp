@@ -4,6 +4,7 @@
 // the boot code, which no reader looks at, steers: bits 0-2 the active number, bit 3 the guard switch, bit 4 blocks of
 // 4096 bytes instead of 512.
 #include <Vorlix/QDSDiskFunctions/DeviceStreams.h>
+#include <Vorlix/QDSDiskFunctions/GPTCheck.h>
 #include <Vorlix/QDSDiskFunctions/PartitionRecords.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 
@@ -128,6 +129,25 @@ void checkTable(const PartitionTable& table, const std::vector<GPTEntry>& entrie
   }
 }
 
+// Bounded, and of one mind with itself: a table without findings has entries that lie on the disk and do not overlap.
+void checkReport(const Input& input, uint64_t blockSize) {
+  const auto read = [&](uint64_t offset, std::span<uint8_t> bytes) {
+    const size_t count = offset < input.size ? std::min<size_t>(bytes.size(), input.size - offset) : 0;
+    std::copy_n(input.data + (count == 0 ? 0 : offset), count, bytes.begin());
+    return count;
+  };
+  const vorlix::GPTReport report = vorlix::checkGPT(read, input.size, blockSize);
+  FUZZ_CHECK(report.findings.size() <= 32);
+  FUZZ_CHECK(report.entries.size() <= std::max<uint64_t>(4, input.size / vorlix::kGPTEntrySize));
+  FUZZ_CHECK(report.headerLBA || report.entries.empty());
+  if (!report.findings.empty()) return;
+  FUZZ_CHECK(vorlix::overlappingEntries(report.entries).empty());
+  for (const GPTEntry& entry : report.entries) {
+    if (!vorlix::isUsed(entry)) continue;
+    FUZZ_CHECK(entry.first_lba <= entry.last_lba && entry.last_lba < input.size / blockSize);
+  }
+}
+
 void seekTo(FILE* stream, uint64_t offset) {
   constexpr auto kLargest = static_cast<uint64_t>(std::numeric_limits<off_t>::max());
   FUZZ_CHECK(fseeko(stream, static_cast<off_t>(std::min(offset, kLargest)), SEEK_SET) == 0);
@@ -176,5 +196,6 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     used.push_back(checkEntry(entries[i], input, offset + i * vorlix::kGPTEntrySize));
   }
   checkTable(table, entries, used, header, active, guard);
+  checkReport(input, blockSize);
   return 0;
 }
