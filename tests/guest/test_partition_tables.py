@@ -53,14 +53,16 @@ class HybridTest(GuestTest):
         self.boot_code = samples.syslinux_mbr()
         if self.boot_code is None:
             self.skipTest("syslinux's mbr.bin is not installed")
-        self.sector0 = samples.read(node(MAC), 0, samples.SECTOR)
-        self.boot_sector = samples.read(node(f"{MAC}{WINDOWS}"), 0, samples.SECTOR)
+        volume = node(f"{MAC}{WINDOWS}")
+        last = (kernel_number(f"{MAC}{WINDOWS}", "size") - 1) * samples.SECTOR
+        self.before = [(device, offset, samples.read(device, offset, samples.SECTOR))
+                       for device, offset in ((node(MAC), 0), (volume, 0), (volume, last))]
         self.addCleanup(self.put_back)
 
     def put_back(self):
-        for device, sector in ((node(MAC), self.sector0), (node(f"{MAC}{WINDOWS}"), self.boot_sector)):
-            if samples.read(device, 0, samples.SECTOR) != sector:
-                samples.write(device, 0, sector)
+        for device, offset, sector in self.before:
+            if samples.read(device, offset, samples.SECTOR) != sector:
+                samples.write(device, offset, sector)
                 os.sync()
 
     def hybrid(self, *options, disk=MAC, status=0):

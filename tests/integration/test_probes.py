@@ -94,7 +94,7 @@ class BootType(Probe):
     def test_a_hybrid_mbr_of_our_own_and_the_way_back(self):
         path = tools.sgdisk_image(self.path("mac.img"), tools.MAC_LAYOUT)
         self.assert_boot_type(path, "EFI")
-        self.hybrid(path, tools.WINDOWS)
+        self.hybrid(path, tools.WINDOWS, "--force")  # the slice is blank
         self.assert_boot_type(path, "legacy")
         self.hybrid(path, tools.WINDOWS, "--guard")
         self.assert_boot_type(path, "EFI")
