@@ -20,8 +20,9 @@ namespace {
 
 }  // namespace
 
-std::shared_ptr<DeviceHandle> openToLook(const std::string& device) {
-  std::shared_ptr<DeviceHandle> handle = platform().deviceFile->open(device, DeviceAccess::readOnly, DeviceLock::none);
+std::shared_ptr<DeviceHandle> openToLook(const std::string& device, DeviceLock lock) {
+  std::shared_ptr<DeviceHandle> handle = platform().deviceFile->open(device, DeviceAccess::readOnly, lock);
+  if (!handle && errno == EWOULDBLOCK) throw Failure(device, "locked by another process");
   if (!handle) throw Failure::ofErrno(device, errno);
   for (const InterruptedChange& change : interruptedChanges(*handle)) {
     complain(device + ": a change was cut off (" + change.title + "); the next command that writes here finishes it");
