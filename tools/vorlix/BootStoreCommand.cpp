@@ -132,8 +132,9 @@ void checkRoom(const MountedEFI& efi, const StorePlan& plan, const std::optional
   if (!space) return;
   const uint64_t free = *space + (efi.isMirror() && old ? old->size() : 0);
   if (free >= plan.store.size()) return;
-  throw Failure(plan.efi, "no room for the store: it has " + sizeText(plan.store.size()) + ", " + sizeText(free) +
-                              " are free; " + (old ? "the old store stands there unchanged" : "none was made"));
+  throw Failure(plan.efi,
+                "no room for the store of " + sizeText(plan.store.size()) + ", " + sizeText(free) + " are free",
+                old ? "the old store stands there unchanged" : "nothing was written");
 }
 
 // @return whether the store that is there was another one.
