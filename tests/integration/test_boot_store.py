@@ -27,13 +27,6 @@ SLOTS = {
     "sccm": {8424: "P", 8448: "D", 9872: "P", 9896: "D", 11660: "D", 19284: "D"},
 }
 
-# Where the device elements of a store have their partition GUID. The disk's stands 24 bytes on.
-ELEMENTS = {
-    "standard": (10492, 10740, 5828 - 24, 7900 - 24, 9372 - 24),
-    "mdt": (8792, 10200, 14124, 11908),
-    "sccm": (8424, 9872, 11660 - 24, 19284 - 24),
-}
-
 BOOT_TREE = {
     "EFI": None,
     "EFI/Boot": None,
@@ -48,33 +41,14 @@ def random_bytes(size, seed=1):
     return random.Random(seed).randbytes(size)
 
 
-def as_hive(content):
-    """Bytes with the headers of a registry hive: signature, size of the bins, checksum, first bin."""
-    content = bytearray(content)
-    content[:4] = b"regf"
-    struct.pack_into("<I", content, 0x28, len(content) // 4096 * 4096 - 4096)
-    content[4096:4100] = b"hbin"
-    checksum = 0
-    for word in struct.unpack_from("<127I", content):
-        checksum ^= word
-    struct.pack_into("<I", content, 508, checksum)
-    return bytes(content)
-
-
 def with_elements(*modes, size=24576, seed=1):
     """A template in which every place of the modes belongs to the descriptor of a partition; all else is random."""
-    content = bytearray(random_bytes(size, seed))
-    for mode in modes:
-        for place in ELEMENTS[mode]:
-            element = hive.device_element(bytes([1] * 16), bytes([2] * 16))
-            start = place - hive.PARTITION_IN_ELEMENT
-            content[start : start + len(element)] = element
-    return as_hive(content)
+    return hive.prepared_store(random_bytes(size, seed), *modes)
 
 
 def template_bytes(size=24576, seed=1):
     """A template for every mode: their places do not overlap."""
-    return with_elements(*ELEMENTS, size=size, seed=seed)
+    return with_elements(*hive.ELEMENTS, size=size, seed=seed)
 
 
 def identifiers(path, partition=WINDOWS):
@@ -414,7 +388,7 @@ class Templates(StoreTest):
 
     def test_elements_of_a_disk_with_an_mbr_are_right_too(self):
         content = bytearray(with_elements("standard"))
-        for place in ELEMENTS["standard"]:
+        for place in hive.ELEMENTS["standard"]:
             struct.pack_into("<I", content, place + 0x14, 1)
         self.assertIsNone(self.odd_places(self.mac(tree={}), self.file("template", bytes(content)), "standard"))
 
@@ -666,7 +640,7 @@ class Hives(StoreTest):
     def test_a_hive_made_for_the_mode_names_the_partition_afterwards(self):
         disk = self.mac()
         guids = identifiers(disk)
-        places = [place - hive.PARTITION_IN_ELEMENT for place in ELEMENTS["standard"]]
+        places = [place - hive.PARTITION_IN_ELEMENT for place in hive.ELEMENTS["standard"]]
         template = self.file("template", hive.store_with_elements(places))
         names = [f"{0x11000000 + number:08x}" for number in range(1, 6)]
         for name in names:
