@@ -163,6 +163,19 @@ class Written(StoreTest):
                 self.assertIn(copy, message)
                 self.assertEqual(samples.read(copy, 0, 1 << 20), old)
 
+    def test_a_folder_for_mounts_with_a_long_path(self):
+        disk = self.mac()
+        template = self.file("template", template_bytes())
+        long = self.runtime
+        for _ in range(3):
+            long = os.path.join(long, "m" * 100)
+            os.mkdir(long, 0o700)
+            self.give(long)
+        prefix = (*self.prefix(), "env", f"XDG_RUNTIME_DIR={long}", f"XDG_STATE_HOME={long}")
+        result = self.vorlix_run(*self.bcd(disk, template), prefix=prefix)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assert_store(disk, patched(template_bytes(), "standard", identifiers(disk)))
+
     def test_there_is_nothing_to_keep_where_there_is_no_store(self):
         disk = self.mac()
         template = self.file("template", template_bytes())
@@ -564,6 +577,35 @@ class CutOff(StoreTest):
         self.vorlix_ok(*self.bcd(disk, template))
         self.assert_store(disk, expected)
         self.assert_nothing_mounted()
+
+    def test_an_error_of_calls_on_the_store(self):
+        """The command fails and says what stands there, or what failed did not matter and the new store is on the disk."""
+        disk = self.mac(tree={**BOOT_TREE, STORE: b"old" * 3000})
+        template = self.file("template", template_bytes())
+        folder = self.vorlix_ok("efi", "mount", disk).stdout.strip()
+        place = os.path.join(folder, os.path.dirname(STORE))
+        expected = patched(template_bytes(), "standard", identifiers(disk))
+        said = set()
+        for name, number in self.calls_on_store(disk, template, place):
+            with self.subTest(call=name, number=number):
+                place = os.path.join(self.vorlix_ok("efi", "mount", disk).stdout.strip(), os.path.dirname(STORE))
+                self.put_old(place)
+                trace = ["strace", "-qq", "-o", "/dev/null", "-e", f"inject={name}:error=EIO:when={number}"]
+                result = self.vorlix_run(*self.bcd(disk, template), prefix=(*self.prefix(), *trace))
+                if result.returncode == 0:
+                    self.assert_store(disk, expected)
+                    continue
+                self.assertEqual(result.returncode, 2, result.stderr)
+                self.assertIn("Input/output error", result.stderr)
+                with open(os.path.join(place, "BCD"), "rb") as file:
+                    store = file.read()
+                is_new = "the new one stands there, but may not be on the medium" in result.stderr
+                self.assertTrue(store == (expected if is_new else b"old" * 3000), result.stderr)
+                said.add(is_new)
+        self.assertEqual(said, {False, True})
+        self.vorlix_ok("efi", "mount", disk)
+        self.vorlix_ok(*self.bcd(disk, template))
+        self.assert_store(disk, expected)
 
     def put_old(self, place):
         with open(os.path.join(place, "BCD"), "wb") as file:
