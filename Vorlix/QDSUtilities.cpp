@@ -1,10 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSUtilities.h>
+#include <Vorlix/foundation/Paths.h>
 #include <Vorlix/platform/FileCopy.h>
 #include <Vorlix/platform/Platform.h>
 #include <sys/stat.h>
 
+#include <initializer_list>
+#include <utility>
+
 #include "QDSDiskFunctions/Log.h"
+#include "QDSUtilities/VolumeNames.h"
 
 using vorlix::logMessage;
 
@@ -15,8 +20,43 @@ struct BootItem {
   std::string destination;
 };
 
-std::string inFolder(const std::string& folder, const char* name) {
-  return folder.back() == '/' ? folder + name : folder + "/" + name;
+// The paths of a volume's items. A volume of Windows' own holds them in whatever spelling it has them; what kind of
+// volume it is matters, and is asked for, only where another spelling than the usual one stands there.
+class VolumePaths {
+ public:
+  explicit VolumePaths(std::string root) : root_(std::move(root)) {}
+
+  std::string of(std::initializer_list<const char*> names) {
+    std::string usual = root_;
+    for (const char* const name : names) usual = vorlix::appendPathComponent(usual, name);
+    const std::string found = vorlix::pathInAnySpelling(root_, names);
+    return found != usual && isCaseBlind() ? found : usual;
+  }
+
+ private:
+  bool isCaseBlind() {
+    if (!isCaseBlind_) isCaseBlind_ = vorlix::isCaseBlindMount(root_);
+    return *isCaseBlind_;
+  }
+
+  std::string root_;
+  std::optional<bool> isCaseBlind_;
+};
+
+constexpr int kBootItems = 4;
+
+// In the order of copying.
+BootItem bootItem(int row, VolumePaths& paths, const std::string& bcdPath) {
+  switch (row) {
+    case 0:
+      return {paths.of({"Windows", "Boot", "PCAT"}), paths.of({"boot"})};
+    case 1:
+      return {paths.of({"Windows", "Boot", "Fonts"}), paths.of({"boot", "Fonts"})};
+    case 2:
+      return {bcdPath, paths.of({"boot", "BCD"})};
+    default:
+      return {paths.of({"Windows", "Boot", "PCAT", "bootmgr"}), paths.of({"bootmgr"})};
+  }
 }
 
 bool exists(const std::string& path) {
@@ -44,25 +84,21 @@ int32_t QDSUtilities::setupMBRBootFilesForDevice(const std::optional<vorlix::URL
   if (!device) logMessage("The volume must mounted and writable\n%s", "");
   logMessage("Setting up legacy booting to %s\n", device ? device->path().c_str() : "(null)");
   if (!device || device->path().empty()) return 0;
-  const std::string& root = device->path();
-  if (exists(inFolder(root, "BOOT"))) return 0;
+  VolumePaths paths(device->path());
+  if (exists(paths.of({"BOOT"}))) return 0;
 
-  const BootItem items[] = {
-      {inFolder(root, "Windows/Boot/PCAT"), inFolder(root, "boot")},
-      {inFolder(root, "Windows/Boot/Fonts"), inFolder(root, "boot/Fonts")},
-      {bcdPath, inFolder(root, "boot/BCD")},
-      {inFolder(root, "Windows/Boot/PCAT/bootmgr"), inFolder(root, "bootmgr")},
-  };
   // Not set anew for each item: a missing item is optional after a folder and required after a file.
   bool isFolder = false;
-  for (const auto& [source, destination] : items) {
+  // Looked up one after the other, since the first copy brings the folder that the next ones go to.
+  for (int row = 0; row < kBootItems; ++row) {
+    const auto [source, destination] = bootItem(row, paths, bcdPath);
     if (!exists(source, isFolder) && isFolder) {
       logMessage("%s does not exist, skipping\n", source.c_str());
       continue;
     }
     if (exists(destination)) continue;
     logMessage("copying %s to %s\n", source.c_str(), destination.c_str());
-    const std::string folder = inFolder(root, "boot");
+    const std::string folder = paths.of({"boot"});
     if (destination.starts_with(folder + "/") && isLink(folder)) {
       logMessage("Error copying %s to %s with error %s\n", source.c_str(), destination.c_str(), "boot is a link");
       return -1;

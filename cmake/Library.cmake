@@ -59,7 +59,8 @@ list(APPEND VORLIX_SOURCES
      Vorlix/QDSDiskFunctions/BootRecords.cpp
      Vorlix/QDSDiskFunctions/DeviceIdentity.cpp
      Vorlix/QDSDiskFunctions/Mounting.cpp
-     Vorlix/QDSUtilities.cpp)
+     Vorlix/QDSUtilities.cpp
+     Vorlix/QDSUtilities/VolumeNames.cpp)
 
 if(APPLE)
   set(VORLIX_ADAPTERS platform/macos)
@@ -111,6 +112,7 @@ list(APPEND VORLIX_SOURCES platform/posix/CopyRules.cpp)
 if(APPLE)
   list(APPEND VORLIX_SOURCES
        platform/macos/FileCopy.cpp
+       platform/macos/FilesInPlace.cpp
        platform/macos/ImageDisk.cpp
        platform/macos/MountedVolumes.cpp
        platform/macos/RunLoop.cpp)
@@ -122,6 +124,7 @@ else()
        platform/linux/Dissenters.cpp
        platform/linux/FatLayout.cpp
        platform/linux/FileCopy.cpp
+       platform/linux/FilesInPlace.cpp
        platform/linux/KernelMount.cpp
        platform/linux/MirrorChanges.cpp
        platform/linux/MirrorState.cpp

@@ -12,7 +12,7 @@
 #include <array>
 #include <map>
 
-#include "CaseFolding.h"
+#include "../QDSUtilities/CaseFolding.h"
 #include "WindowsFolders.h"
 
 using vorlix::Dictionary;

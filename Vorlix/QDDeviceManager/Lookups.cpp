@@ -5,7 +5,7 @@
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/platform/DiskArbitration.h>
 
-#include "CaseFolding.h"
+#include "../QDSUtilities/CaseFolding.h"
 #include "Messages.h"
 
 namespace {

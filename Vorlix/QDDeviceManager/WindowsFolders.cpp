@@ -8,11 +8,10 @@
 #include <Vorlix/foundation/FileManager.h>
 #include <Vorlix/foundation/Paths.h>
 
-#include <algorithm>
-#include <array>
 #include <string_view>
+#include <utility>
 
-#include "CaseFolding.h"
+#include "../QDSUtilities/VolumeNames.h"
 
 using vorlix::appendPathComponent;
 using vorlix::FileManager;
@@ -21,18 +20,14 @@ namespace {
 
 constexpr const char* kBootPartitionName = "System Reserved";
 
-// As kinds and types of volumes name them.
-constexpr std::array<const char*, 4> kCaseBlindFileSystems = {"ntfs", "msdos", "MS-DOS", "exfat"};
-
-// The path of the first entry of a folder with that name in any spelling. `name` is in lower case.
+// The path of the first entry of a folder with that name in any spelling.
 std::optional<std::string> entryOf(const std::optional<std::string>& folder, std::string_view name) {
   if (!folder) return std::nullopt;
   const auto entries = FileManager::defaultManager()->contentsOfDirectoryAtPath(*folder);
   if (!entries) return std::nullopt;
-  const auto found = std::find_if(entries->begin(), entries->end(),
-                                  [name](const std::string& entry) { return vorlix::lowerCase(entry) == name; });
-  if (found == entries->end()) return std::nullopt;
-  return appendPathComponent(*folder, *found);
+  const std::vector<std::string> found = vorlix::spellingsOf(*entries, name);
+  if (found.empty()) return std::nullopt;
+  return appendPathComponent(*folder, found.front());
 }
 
 }  // namespace
@@ -40,14 +35,8 @@ std::optional<std::string> entryOf(const std::optional<std::string>& folder, std
 namespace vorlix {
 
 std::string pathOnVolume(const QDVolume& volume, std::string folder, std::initializer_list<const char*> names) {
-  const std::string type = volume.fileSystemType().value_or("");
-  const bool anySpelling = std::any_of(kCaseBlindFileSystems.begin(), kCaseBlindFileSystems.end(),
-                                       [&](const char* kind) { return containsInAnyCase(type, kind); });
-  for (const char* name : names) {
-    const std::string path = appendPathComponent(folder, name);
-    const bool isThere = !anySpelling || FileManager::defaultManager()->fileExistsAtPath(path);
-    folder = isThere ? path : entryOf(folder, lowerCase(name)).value_or(path);
-  }
+  if (isCaseBlind(volume.fileSystemType().value_or(""))) return pathInAnySpelling(std::move(folder), names);
+  for (const char* const name : names) folder = appendPathComponent(folder, name);
   return folder;
 }
 

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "CaseFolding.h"
+#include "../QDSUtilities/CaseFolding.h"
 #include "Messages.h"
 #include "WindowsFolders.h"
 

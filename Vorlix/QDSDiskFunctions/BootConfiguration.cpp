@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSDiskFunctions.h>
+#include <Vorlix/foundation/Paths.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "../QDSUtilities/VolumeNames.h"
 #include "Arguments.h"
 #include "DeviceStreams.h"
 #include "Log.h"
@@ -28,15 +29,6 @@ namespace {
 
 constexpr size_t kDestinationLimit = 255;  // bytes of the destination's path, its NUL included
 constexpr size_t kCopyBlock = size_t{64} * 1024;
-
-using GUID = std::array<uint8_t, 16>;
-
-struct Identifiers {
-  // Cleared: a partition without a registry entry and a disk without a GPT leave their bytes as they are, and nothing
-  // that happened to lie on the stack may reach a boot store.
-  GUID partition = {};
-  GUID disk = {};
-};
 
 const char* modeName(int32_t mode) {
   switch (mode) {
@@ -60,6 +52,14 @@ std::string destinationUnder(const std::string& mountPoint) {
   return path;
 }
 
+// On the EFI System Partition names are the same in any case, also for a driver that tells them apart: a second store
+// beside the one that the firmware finds would change nothing. The spelling's length is the usual one's.
+std::string inSpellingOfVolume(const std::string& path, const std::string& mountPoint, const char* disk) {
+  std::string found = vorlix::pathInAnySpelling(mountPoint, {"EFI", "Microsoft", "Boot", "BCD"});
+  const bool isOther = found != vorlix::appendPathComponent(mountPoint, "EFI/Microsoft/Boot/BCD");
+  return isOther && vorlix::isCaseBlindDevice(std::string(vorlix::textOf(disk)) + "s1") ? found : path;
+}
+
 // A folder can be opened as a stream but not read; it must not cost the store that it was to replace.
 vorlix::Stream openTemplate(const char* path) {
   vorlix::Stream stream(std::fopen(path, "rbe"));
@@ -74,6 +74,14 @@ bool isSameFile(FILE* file, const std::string& path) {
   struct stat other = {};
   return fstat(fileno(file), &one) == 0 && stat(path.c_str(), &other) == 0 && one.st_dev == other.st_dev &&
          one.st_ino == other.st_ino;
+}
+
+bool isRegularFile(int descriptor) {
+  struct stat status = {};
+  if (fstat(descriptor, &status) != 0) return false;
+  if (S_ISREG(status.st_mode)) return true;
+  errno = EINVAL;
+  return false;
 }
 
 // The store belongs on the mounted volume. A link, which some file systems can hold, would lead to a file of the
@@ -92,10 +100,16 @@ vorlix::Stream openStore(const std::string& path, const std::string& mountPoint)
     return nullptr;
   }
   constexpr mode_t kMode = 0666;
-  const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kMode);
+  // Not blocking, and emptied only when it is known for a file: a pipe would hang here, a device would act.
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const int descriptor = open(path.c_str(), kFlags, kMode);
   if (descriptor < 0) return nullptr;
-  vorlix::Stream stream(fdopen(descriptor, "w"));
-  if (!stream) close(descriptor);
+  vorlix::Stream stream(isRegularFile(descriptor) && ftruncate(descriptor, 0) == 0 ? fdopen(descriptor, "w") : nullptr);
+  if (!stream) {
+    const int reason = errno;
+    close(descriptor);
+    errno = reason;
+  }
   return stream;
 }
 
@@ -115,11 +129,10 @@ void copyStream(FILE* source, FILE* destination) {
   } while (std::fwrite(block.data(), 1, count, destination) == count && count == block.size());
 }
 
-// Past the end of a short template the file system fills the gap with zeros.
-void writeIdentifiers(int store, const Identifiers& identifiers, int32_t mode) {
+// storeWithIdentifiers() on a file: past the end of a short template the file system fills the gap with zeros.
+void writeIdentifiers(int store, const vorlix::StoreIdentifiers& identifiers, int32_t mode) {
   for (const vorlix::StoreSlot& slot : vorlix::storeSlots(mode)) {
-    const bool ofPartition = slot.identifier == vorlix::StoreIdentifier::partition;
-    const GUID& guid = ofPartition ? identifiers.partition : identifiers.disk;
+    const auto& guid = identifiers.of(slot.identifier);
     // Not looked at: hosts check the store that they deploy.
     [[maybe_unused]] const ssize_t written = pwrite(store, guid.data(), guid.size(), off_t{slot.offset});
   }
@@ -136,7 +149,7 @@ int32_t update_bcd(const char* source, const char* disk, const char* partition, 
   }
   const std::string mountPoint = mounted;
   logMessage("mount point is %s\n", mountPoint.c_str());
-  const std::string path = destinationUnder(mountPoint);
+  const std::string path = inSpellingOfVolume(destinationUnder(mountPoint), mountPoint, disk);
   if (file_exist(source) == 0) {
     logMessage("%s does not exist!\n", textOf(source));
     return -1;
@@ -163,7 +176,9 @@ int32_t update_bcd(const char* source, const char* disk, const char* partition, 
   original.reset();
   logMessage("Copying BCD done.%s\n", "");
 
-  Identifiers identifiers;
+  // Cleared: a partition without a registry entry and a disk without a GPT leave their bytes as they are, and nothing
+  // that happened to lie on the stack may reach a boot store.
+  vorlix::StoreIdentifiers identifiers;
   int64_t offset = 0;
   if (lookup_disk_info(partition, identifiers.disk.data(), identifiers.partition.data(), &offset) != 0) {
     logMessage("Could not find disk uuid and partion uuid for %s\n", textOf(partition));

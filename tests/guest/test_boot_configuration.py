@@ -2,11 +2,12 @@
 """bcd on a real EFI System Partition, read back with mtools."""
 
 import os
+import shutil
 import subprocess
 import uuid
 
 from bed.guest import MAC, SECOND, GuestTest, blkid, digest, disk_guid, mounted, mounts_of, node
-from support import samples
+from support import hive, samples
 
 EFI = f"{SECOND}1"
 WINDOWS = 2
@@ -19,8 +20,8 @@ DISK_SLOTS = {"standard": (5828, 7900, 9372, 10516, 10764), "mdt": (8816, 10224,
 
 
 def template_bytes(size=24576):
-    """No two neighbours of these bytes are alike, and none is like what it will be replaced with for long."""
-    return bytes((at * 7 + at // 256) % 251 for at in range(size))
+    """A template for every mode. No two neighbours of most bytes are alike, nor like what they are replaced with."""
+    return hive.prepared_store(bytes((at * 7 + at // 256) % 251 for at in range(size)), *hive.ELEMENTS)
 
 
 def store_on_volume():
@@ -62,6 +63,38 @@ class BootConfigurationTest(GuestTest):
                 self.assertEqual(len(found), len(expected))
         samples.run("fsck.vfat", "-n", node(EFI))
 
+    def test_a_store_is_replaced_whatever_its_spelling(self):
+        with mounted(EFI) as point:
+            shutil.rmtree(os.path.join(point, "EFI"))
+            os.makedirs(os.path.join(point, "EFI/MICROSOFT/BOOT"))
+            with open(os.path.join(point, "EFI/MICROSOFT/BOOT/bcd"), "wb") as file:
+                file.write(b"the store of before")
+        self.addCleanup(self.clear)
+        self.bcd("mdt")
+        with mounted(EFI) as point:
+            self.assertEqual(os.listdir(os.path.join(point, "EFI")), ["MICROSOFT"])
+            self.assertEqual(os.listdir(os.path.join(point, "EFI/MICROSOFT/BOOT")), ["bcd"])
+        self.assertEqual(store_on_volume()[:8792], template_bytes()[:8792])
+
+    def clear(self):
+        with mounted(EFI) as point:
+            shutil.rmtree(os.path.join(point, "EFI"))
+
+    def test_a_full_partition_keeps_the_store(self):
+        filler = "filler"
+        with mounted(EFI) as point:
+            status = os.statvfs(point)
+            with open(os.path.join(point, filler), "wb") as file:
+                os.posix_fallocate(file.fileno(), 0, (status.f_bavail - 4) * status.f_frsize)
+        try:
+            self.assertIn("no room", self.refused("bcd", node(SECOND), "--partition", str(WINDOWS), "--template",
+                                                  self.template, "--mode", "mdt"))
+            self.assertEqual(store_on_volume(), b"the store of before")
+            self.assertEqual(mounts_of(node(EFI)), [])
+        finally:
+            with mounted(EFI) as point:
+                os.remove(os.path.join(point, filler))
+
     def test_another_disk_and_the_windows_volume_are_not_touched(self):
         before = digest(node(MAC)), digest(node(f"{SECOND}{WINDOWS}"))
         self.bcd("standard")
@@ -101,7 +134,7 @@ class BootConfigurationTest(GuestTest):
         os.mkdir(place)
         samples.run("mount", node(EFI), place)
         self.bcd("sccm")
-        for point, _, _ in mounts_of(node(EFI)):
-            self.assertEqual(point, place)
-            samples.run("umount", point)
+        self.assertEqual([point for point, _, _ in mounts_of(node(EFI))], [place])
+        self.assertEqual(os.listdir(os.path.join(place, "EFI/Microsoft/Boot")), ["BCD"])
+        samples.run("umount", place)
         self.assertEqual(store_on_volume()[:8424], template_bytes()[:8424])

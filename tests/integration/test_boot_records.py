@@ -165,12 +165,75 @@ class Save(RecordTest):
                     self.assertFalse(os.path.exists(file))
 
     def test_a_volume_that_may_only_be_read(self):
-        """Boot records are saved through a device opened for reading and writing, MBRs through one for reading."""
-        source, _ = self.source()
+        source, content = self.source()
         os.chmod(source, 0o444)
-        self.refuse(source, ["vbr", "save", source, self.path("saved.vbr")], source, "reading and writing")
-        self.assertFalse(os.path.exists(self.path("saved.vbr")))
+        self.vorlix_ok("vbr", "save", source, self.path("saved.vbr"))
+        self.assertEqual(samples.read(self.path("saved.vbr"), 0, BOOT_AREA), content)
         self.vorlix_ok("boot-code", "save", source, self.path("saved.mbr"))
+
+    def test_a_disk_is_no_volume_and_a_slice_is_no_disk(self):
+        source, content = self.source()
+        gpt_disk = volumes.make_mac(self.path("mac.img"))
+        samples.place(gpt_disk, source, volumes.WINDOWS.first)
+        self.give(gpt_disk)
+        mbr_disk = self.file("mbr.img", bytes(16 << 20))
+        images.run_tool("sfdisk", "-q", mbr_disk, stdin="label: dos\n2048,16384,7\n")
+        for disk in (gpt_disk, mbr_disk):
+            with self.subTest(disk=disk):
+                file = disk + ".vbr"
+                self.refuse(disk, ["vbr", "save", disk, file], disk, "partition table", "nothing was written")
+                self.assertFalse(os.path.exists(file))
+                self.vorlix_ok("vbr", "save", "--force", disk, file)
+                self.assertEqual(samples.read(file, 0, BOOT_AREA), samples.read(disk, PARAMETERS, SAVED))
+        file = self.path("saved.mbr")
+        self.refuse(gpt_disk, ["boot-code", "save", gpt_disk + "s3", file], gpt_disk + "s3", "slice", "nothing was written")
+        self.assertFalse(os.path.exists(file))
+        self.vorlix_ok("boot-code", "save", "--force", gpt_disk + "s3", file)
+        self.assertEqual(samples.read(file, 0, 512), samples.read(source, 0, BOOT_CODE))
+
+    @unittest.skipIf(volumes.missing("prlimit"), "prlimit is not installed")
+    def test_a_save_that_fails_leaves_nothing_in_the_way(self):
+        source, content = self.source()
+        for command, size in (("vbr", SAVED), ("boot-code", BOOT_CODE)):
+            with self.subTest(command=command):
+                file = self.path(command)
+                limited = (*self.prefix(), "prlimit", "--fsize=100")
+                result = self.vorlix_run(command, "save", source, file, prefix=limited)
+                self.assertEqual(result.returncode, 2)
+                self.assertIn(f"{file}: File too large; no file was made", result.stderr)
+                self.assertEqual([name for name in os.listdir(self.folder) if command in name], [])
+                self.vorlix_ok(command, "save", source, file)
+                self.assertEqual(os.path.getsize(file), size)
+
+    @unittest.skipIf(volumes.missing("strace"), "strace is not installed")
+    def test_a_save_that_is_cut_off(self):
+        """Killed at any call on the file, the whole file is there or none, and the next save goes through."""
+        source, content = self.source()
+        kills = 0
+        for call, most in (("write", 3), ("fsync", 2), ("renameat2", 1), ("flock", 1)):
+            for number in range(1, most + 1):
+                with self.subTest(call=call, number=number):
+                    file = self.path("saved.vbr")
+                    trace = ["strace", "-qq", "-o", "/dev/null", "-e", f"inject={call}:signal=SIGKILL:when={number}"]
+                    result = self.vorlix_run("vbr", "save", source, file, prefix=(*self.prefix(), *trace))
+                    kills += result.returncode != 0
+                    if not os.path.exists(file):
+                        self.vorlix_ok("vbr", "save", source, file)
+                    self.assertEqual(samples.read(file, 0, BOOT_AREA), content)
+                    os.remove(file)
+                    self.assertEqual([name for name in os.listdir(self.folder) if "saved" in name], [])
+        self.assertGreaterEqual(kills, 5)
+
+    def test_a_file_is_on_the_medium_before_it_is_told(self):
+        if volumes.missing("strace"):
+            self.skipTest("strace is not installed")
+        source, _ = self.source()
+        log = self.file("calls", b"")
+        trace = ["strace", "-qq", "-y", "-o", log, "-e", "trace=fsync,renameat2,write"]
+        self.vorlix_run("vbr", "save", source, self.path("saved.vbr"), prefix=(*self.prefix(), *trace))
+        with open(log, encoding="utf-8", errors="replace") as lines:
+            calls = [line for line in lines if "vorlix-new" in line or "Saved " in line or f"<{self.folder}>" in line]
+        self.assertEqual([call.split("(")[0] for call in calls], ["write", "fsync", "renameat2", "fsync", "write"])
 
     def test_the_boot_code_of_a_disk(self):
         disk = volumes.make_mac(self.path("mac.img"))
@@ -254,6 +317,33 @@ class Restore(RecordTest):
         os.chmod(closed, 0)
         self.refuse(target, ["vbr", "restore", closed, target], closed, "Permission denied")
 
+    def test_files_that_can_start_nothing(self):
+        target = self.target()
+        unsigned = bytearray(boot_code(7))
+        unsigned[426] = 0
+        no_code = bytes(426) + b"\x55\xAA" + random.Random(1).randbytes(SAVED - 428)
+        for name, content, reason in (("zeros", bytes(SAVED), "55 AA"), ("unsigned", bytes(unsigned), "55 AA"),
+                                      ("no code", no_code, "no code")):
+            with self.subTest(name):
+                file = self.saved(content, name)
+                self.refuse(target, ["vbr", "restore", file, target], file, reason, "nothing was written")
+                self.refuse(target, ["vbr", "restore", file, target, "--dry-run"], file, reason, "nothing was written")
+                before = self.copy_of(target)
+                result = self.vorlix_ok("vbr", "restore", file, target, "--force")
+                self.assertIn(f"{file}: warning: ", result.stderr)
+                self.assert_restored(target, before, content)
+        made_by_tools = self.saved(samples.read(ntfs_template(SOURCE_SECTORS), PARAMETERS, SAVED), "mkntfs")
+        self.vorlix_ok("vbr", "restore", made_by_tools, target)
+
+    def test_the_copy_in_the_last_sector_is_told_to_be_none_any_more(self):
+        target = self.target()
+        last = os.path.getsize(target) - 512
+        copy = samples.read(target, last, 512)
+        self.assertEqual(copy, samples.read(target, 0, 512))
+        self.assertIn("no copy any more", self.vorlix_ok("vbr", "restore", self.saved(), target).stdout)
+        self.assertEqual(samples.read(target, last, 512), copy)
+        self.assertNotIn("no copy any more", self.vorlix_ok("vbr", "restore", self.saved(), target).stdout)
+
     def test_volumes_that_are_not_ntfs(self):
         file = self.saved()
         fat = self.give(volumes.make_fat(self.path("fat.img"), 32))
@@ -319,7 +409,7 @@ class Restore(RecordTest):
         backup = os.path.join(folder, os.listdir(folder)[0])
         self.assertIn(backup, result.stdout)
         self.assertEqual(os.path.getsize(backup), BOOT_AREA)
-        self.vorlix_ok("vbr", "restore", self.saved(bytes(SAVED)), target, "--backup", folder)
+        self.vorlix_ok("vbr", "restore", self.saved(boot_code(8)), target, "--backup", folder)
         self.assertEqual(len(os.listdir(folder)), 2)
         images.run_tool("dd", "status=none", "conv=notrunc", f"if={backup}", f"of={target}")
         self.assertEqual(images.content_hash(target), original)

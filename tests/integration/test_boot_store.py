@@ -4,6 +4,9 @@
 import os
 import random
 import re
+import shutil
+import socket
+import stat
 import struct
 import subprocess
 import unittest
@@ -24,13 +27,6 @@ SLOTS = {
     "sccm": {8424: "P", 8448: "D", 9872: "P", 9896: "D", 11660: "D", 19284: "D"},
 }
 
-# Where the device elements of a store have their partition GUID. The disk's stands 24 bytes on.
-ELEMENTS = {
-    "standard": (10492, 10740, 5828 - 24, 7900 - 24, 9372 - 24),
-    "mdt": (8792, 10200, 14124, 11908),
-    "sccm": (8424, 9872, 11660 - 24, 19284 - 24),
-}
-
 BOOT_TREE = {
     "EFI": None,
     "EFI/Boot": None,
@@ -41,18 +37,18 @@ BOOT_TREE = {
 }
 
 
-def template_bytes(size=24576, seed=1):
+def random_bytes(size, seed=1):
     return random.Random(seed).randbytes(size)
 
 
-def with_elements(mode, size=24576):
-    """A template in which every place of the mode belongs to the descriptor of a partition."""
-    content = bytearray(template_bytes(size))
-    for place in ELEMENTS[mode]:
-        element = hive.device_element(bytes([1] * 16), bytes([2] * 16))
-        start = place - hive.PARTITION_IN_ELEMENT
-        content[start : start + len(element)] = element
-    return bytes(content)
+def with_elements(*modes, size=24576, seed=1):
+    """A template in which every place of the modes belongs to the descriptor of a partition; all else is random."""
+    return hive.prepared_store(random_bytes(size, seed), *modes)
+
+
+def template_bytes(size=24576, seed=1):
+    """A template for every mode: their places do not overlap."""
+    return with_elements(*hive.ELEMENTS, size=size, seed=seed)
 
 
 def identifiers(path, partition=WINDOWS):
@@ -143,14 +139,14 @@ class Written(StoreTest):
         for mode, sizes in {"standard": (0,), "mdt": (11000,), "sccm": (19291,)}.items():
             for size in sizes:
                 with self.subTest(mode=mode, size=size):
-                    template = self.file("template", template_bytes(size))
-                    self.vorlix_ok(*self.bcd(disk, template, mode))
-                    expected = patched(template_bytes(size), mode, guids)
+                    template = self.file("template", random_bytes(size))
+                    self.vorlix_ok(*self.bcd(disk, template, mode, "--force"))
+                    expected = patched(random_bytes(size), mode, guids)
                     self.assertEqual(len(expected), max(size, max(SLOTS[mode]) + 16))
                     self.assert_store(disk, expected)
 
     def test_a_store_that_is_there_is_replaced_and_kept_on_request(self):
-        for old in (template_bytes(5000, 8), template_bytes(60000, 9)):
+        for old in (random_bytes(5000, 8), random_bytes(60000, 9)):
             with self.subTest(size=len(old)):
                 tree = {**BOOT_TREE, STORE: old}
                 disk = self.mac(f"{len(old)}.img", tree)
@@ -167,6 +163,19 @@ class Written(StoreTest):
                 self.assertIn(copy + ".2", again.stdout)
                 self.assertEqual(samples.read(copy + ".2", 0, 1 << 20), patched(template_bytes(), "standard", identifiers(disk)))
                 self.assertEqual(samples.read(copy, 0, 1 << 20), old)
+
+    def test_a_folder_for_mounts_with_a_long_path(self):
+        disk = self.mac()
+        template = self.file("template", template_bytes())
+        long = self.runtime
+        for _ in range(3):
+            long = os.path.join(long, "m" * 100)
+            os.mkdir(long, 0o700)
+            self.give(long)
+        prefix = (*self.prefix(), "env", f"XDG_RUNTIME_DIR={long}", f"XDG_STATE_HOME={long}")
+        result = self.vorlix_run(*self.bcd(disk, template), prefix=prefix)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assert_store(disk, patched(template_bytes(), "standard", identifiers(disk)))
 
     def test_there_is_nothing_to_keep_where_there_is_no_store(self):
         disk = self.mac()
@@ -223,10 +232,15 @@ class Written(StoreTest):
 class Refused(StoreTest):
     def test_a_partition_without_the_folder(self):
         template = self.file("template", template_bytes())
-        for number, tree in enumerate(({}, {"EFI": None, "EFI/Boot": None}, {"EFI": None, "EFI/Microsoft": b"a file"})):
+        trees = (
+            ({}, "/EFI: no such folder"),
+            ({"EFI": None, "EFI/Boot": None}, "/EFI/Microsoft: no such folder"),
+            ({"EFI": None, "EFI/Microsoft": b"a file"}, "/EFI/Microsoft: is a file, no folder"),
+        )
+        for number, (tree, reason) in enumerate(trees):
             with self.subTest(tree=tree):
                 disk = self.mac(f"{number}.img", tree)
-                self.refuse(disk, self.bcd(disk, template), "EFI/Microsoft/Boot", "no such folder")
+                self.refuse(disk, self.bcd(disk, template), reason, "nothing was written")
 
     def test_a_folder_in_the_place_of_the_store(self):
         disk = self.mac(tree={**BOOT_TREE, STORE: None})
@@ -290,40 +304,45 @@ class Refused(StoreTest):
         template = self.file("template", template_bytes())
         self.refuse(disk, self.bcd(disk, template), disk)
 
-    def full(self, tree):
+    def full(self, tree, name="mac.img"):
         """A disk whose EFI System Partition has no room left."""
-        disk = self.mac(tree=tree)
+        disk = self.mac(name, tree)
         listing = volumes.mtools("mdir", disk, "::/", offset=volumes.EFI_OFFSET).decode()
         free = int(listing.split("bytes free")[0].split("\n")[-1].replace(" ", ""))
         volumes.put_tree(disk, {"filler": bytes(free)}, volumes.EFI_OFFSET)
         return self.give(disk)
 
     def test_a_partition_that_is_full(self):
-        """What could not be written to the volume must not be told as written."""
-        disk = self.full(BOOT_TREE)
+        """Room is looked for before anything is written; the old store stays."""
+        for number, tree in enumerate((BOOT_TREE, {**BOOT_TREE, STORE: random_bytes(3000, 7)})):
+            with self.subTest(store=STORE in tree):
+                disk = self.full(tree, f"{number}.img")
+                template = self.file("template", template_bytes())
+                message = self.refuse(disk, self.bcd(disk, template), disk + "s1", "no room for the store")
+                self.assertIn("the old store stands there unchanged" if STORE in tree else "nothing was written", message)
+
+    def test_a_store_that_fits_in_the_place_of_the_old_one(self):
+        tree = {**BOOT_TREE, STORE: random_bytes(30000, 7)}
+        disk = self.full(tree)
         template = self.file("template", template_bytes())
-        message = self.vorlix_refuses(*self.bcd(disk, template), saying=[disk, "Disk full"])
+        self.vorlix_ok(*self.bcd(disk, template))
         found = volumes.read_tree(disk, volumes.EFI_OFFSET)
-        self.assertNotIn(STORE, found)
-        for path, content in BOOT_TREE.items():
-            self.assertTrue(found[path] == content, path)
+        self.assertTrue(found[STORE] == patched(template_bytes(), "standard", identifiers(disk)))
         volumes.check_fat(disk, volumes.EFI_OFFSET, volumes.EFI_SIZE)
-        folder = self.mount(disk + "s1")  # what was to be written is kept there, and the message says where
-        self.assertIn(folder, message)
-        with open(os.path.join(folder, STORE), "rb") as file:
-            self.assertEqual(file.read(), patched(template_bytes(), "standard", identifiers(disk)))
 
     @unittest.skipIf(volumes.missing("prlimit"), "prlimit is not installed")
     def test_a_store_that_cannot_be_written_whole(self):
         """The old one stays, or none where there was none, and not a part of the new one."""
-        for number, tree in enumerate((BOOT_TREE, {**BOOT_TREE, STORE: template_bytes(6000, 7)})):
+        for number, tree in enumerate((BOOT_TREE, {**BOOT_TREE, STORE: random_bytes(6000, 7)})):
             with self.subTest(store=STORE in tree):
                 disk = self.mac(f"{number}.img", tree)
                 template = self.file(f"{number}.template", template_bytes())
                 before = images.snapshot(disk)
-                result = self.vorlix_run(*self.bcd(disk, template), prefix=(*self.prefix(), "prlimit", "--fsize=8192"))
+                # More than any other file of the volume has, less than the store.
+                result = self.vorlix_run(*self.bcd(disk, template), prefix=(*self.prefix(), "prlimit", "--fsize=20480"))
                 self.assertEqual(result.returncode, 2, result.stderr)
-                self.assertIn("could not be written", result.stderr)
+                self.assertIn("File too large", result.stderr)
+                self.assertIn("the old one stands there unchanged" if STORE in tree else "none was made", result.stderr)
                 self.assert_unchanged(disk, before)
                 self.assert_nothing_mounted()
 
@@ -344,26 +363,32 @@ class Refused(StoreTest):
 
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
 class Templates(StoreTest):
-    """What a template holds at the places of a mode is looked at before it is written."""
+    """What is no template for the mode is refused, unless it is forced."""
 
-    WARNING = "warning: what stands at"
+    ODD = "does not look like identifiers"
 
-    def warning(self, disk, template, mode):
-        """The offsets that the warning of a dry run names; None when there is no warning."""
+    def odd_places(self, disk, template, mode):
+        """The offsets that the refusal of a dry run names; None where it is not refused. Forced, it warns of the same."""
         result = self.vorlix_run(*self.bcd(disk, template, mode, "--dry-run"))
-        self.assertEqual(result.returncode, 1, result.stderr)
-        if self.WARNING not in result.stderr:
+        forced = self.vorlix_run(*self.bcd(disk, template, mode, "--dry-run", "--force"))
+        self.assertEqual(forced.returncode, 1, forced.stderr)
+        if result.returncode == 1:
+            self.assertNotIn("warning", result.stderr + forced.stderr)
             return None
-        return [int(number) for number in re.search(r"stands at ([\d, ]+) does", result.stderr).group(1).split(", ")]
+        self.assertEqual(result.returncode, 2)
+        found = [re.search(r"stands at ([\d, ]+) does", text).group(1) for text in (result.stderr, forced.stderr)]
+        self.assertEqual(found[0], found[1])
+        self.assertIn("warning: ", forced.stderr)
+        return [int(number) for number in found[0].split(", ")]
 
-    def test_right_elements_draw_no_warning(self):
+    def test_right_elements_are_taken(self):
         disk = self.mac(tree={})
         for mode in SLOTS:
             with self.subTest(mode=mode):
                 template = self.file(f"{mode}.template", with_elements(mode))
-                self.assertIsNone(self.warning(disk, template, mode))
+                self.assertIsNone(self.odd_places(disk, template, mode))
                 for other in set(SLOTS) - {mode}:
-                    self.assertEqual(self.warning(disk, template, other), list(SLOTS[other]))
+                    self.assertEqual(self.odd_places(disk, template, other), list(SLOTS[other]))
 
     def test_a_wrong_element_is_named(self):
         disk = self.mac(tree={})
@@ -373,23 +398,243 @@ class Templates(StoreTest):
                     content = bytearray(with_elements("standard"))
                     struct.pack_into("<I", content, place + offset, word)
                     template = self.file("template", bytes(content))
-                    self.assertEqual(self.warning(disk, template, "standard"), named)
+                    self.assertEqual(self.odd_places(disk, template, "standard"), named)
 
     def test_elements_of_a_disk_with_an_mbr_are_right_too(self):
         content = bytearray(with_elements("standard"))
-        for place in ELEMENTS["standard"]:
+        for place in hive.ELEMENTS["standard"]:
             struct.pack_into("<I", content, place + 0x14, 1)
-        self.assertIsNone(self.warning(self.mac(tree={}), self.file("template", bytes(content)), "standard"))
+        self.assertIsNone(self.odd_places(self.mac(tree={}), self.file("template", bytes(content)), "standard"))
 
-    def test_other_templates_are_written_all_the_same(self):
-        disk = self.mac()
-        for content in (b"short", bytes(30000)):
-            with self.subTest(size=len(content)):
-                template = self.file("template", content)
-                result = self.vorlix_ok(*self.bcd(disk, template, "mdt"))
-                self.assertIn(template, result.stderr)
-                self.assertIn(self.WARNING, result.stderr)
+    def test_what_is_no_template_is_refused_unless_forced(self):
+        disk = self.mac(tree={**BOOT_TREE, STORE: b"the old store"})
+        damaged = bytearray(with_elements("mdt"))
+        damaged[5] ^= 1
+        cases = {
+            "empty": (b"", "is empty"),
+            "noise": (random_bytes(600), "is no registry hive"),
+            "text": (b"Windows Registry Editor Version 5.00\r\n" * 500, "is no registry hive"),
+            "zeros": (bytes(30000), "is no registry hive"),
+            "damaged": (bytes(damaged), "wrong checksum"),
+            "cut off": (with_elements("mdt")[:16000], "cut off"),
+            "another mode": (with_elements("standard"), self.ODD),
+            "another hive": (hive.empty_hive(), self.ODD),
+        }
+        for name, (content, reason) in cases.items():
+            with self.subTest(name):
+                template = self.file(name, content)
+                self.refuse(disk, self.bcd(disk, template, "mdt"), template, reason, "nothing was written")
+                self.refuse(disk, self.bcd(disk, template, "mdt", "--dry-run"), template, reason, "nothing was written")
+                result = self.vorlix_ok(*self.bcd(disk, template, "mdt", "--force"))
+                self.assertIn(f"{template}: warning: ", result.stderr)
+                self.assertIn(reason, result.stderr)
                 self.assert_store(disk, patched(content, "mdt", identifiers(disk)))
+                volumes.mtools("mdel", disk, f"::/{STORE}", offset=volumes.EFI_OFFSET)
+                volumes.put_tree(disk, {STORE: b"the old store"}, volumes.EFI_OFFSET)
+
+
+@unittest.skipIf(MISSING, f"not installed: {MISSING}")
+class Spellings(StoreTest):
+    """Names on the EFI System Partition are the same in any case. The folder of a mirrored volume tells case apart."""
+
+    def spelled(self, store):
+        """The tree of an EFI System Partition whose store, if it has one, is spelled so."""
+        tree = {}
+        parts = store.split("/")
+        for end in range(1, len(parts)):
+            tree["/".join(parts[:end])] = None
+        return tree
+
+    def assert_only(self, disk, tree, path, content):
+        found = volumes.read_tree(disk, volumes.EFI_OFFSET)
+        self.assertEqual(sorted(found), sorted({**tree, path: content}))
+        self.assertTrue(found[path] == content)
+        volumes.check_fat(disk, volumes.EFI_OFFSET, volumes.EFI_SIZE)
+
+    def test_a_store_is_replaced_whatever_its_spelling(self):
+        template = self.file("template", template_bytes())
+        for number, store in enumerate(("EFI/MICROSOFT/BOOT/BCD", "EFI/Microsoft/Boot/bcd", "efi/microsoft/boot/Bcd")):
+            for there in (True, False):
+                with self.subTest(store=store, there=there):
+                    tree = self.spelled(store)
+                    disk = self.mac(f"{number}{there}.img", {**tree, store: b"old"} if there else tree)
+                    self.vorlix_ok(*self.bcd(disk, template))
+                    path = store if there else os.path.dirname(store) + "/BCD"
+                    self.assert_only(disk, tree, path, patched(template_bytes(), "standard", identifiers(disk)))
+                    self.assert_nothing_mounted()
+
+    def test_two_spellings_in_a_mounted_folder_are_refused(self):
+        """A mirror that is mounted can be given both; the volume cannot hold them."""
+        disk = self.mac(tree={**BOOT_TREE, STORE: b"old"})
+        folder = self.vorlix_ok("efi", "mount", disk).stdout.strip()
+        other = os.path.join(folder, "EFI/Microsoft/Boot/bcd")
+        with open(other, "wb") as file:
+            file.write(b"other")
+        template = self.file("template", template_bytes())
+        before = images.snapshot(disk)
+        message = self.vorlix_refuses(*self.bcd(disk, template), saying=["of which Windows sees one", "nothing was written"])
+        self.assertRegex(message, "holds (BCD and bcd|bcd and BCD),")
+        self.assert_unchanged(disk, before)
+        os.remove(other)
+        self.vorlix_ok("efi", "unmount", disk)
+
+
+@unittest.skipIf(MISSING, f"not installed: {MISSING}")
+class Hostile(StoreTest):
+    """A volume may hold what leads elsewhere. A mirror that is mounted can be given it here, other drivers have it."""
+
+    def mounted(self):
+        disk = self.mac(tree={**BOOT_TREE, STORE: b"old"})
+        folder = self.vorlix_ok("efi", "mount", disk).stdout.strip()
+        return disk, folder
+
+    def refuse_mounted(self, disk, *saying):
+        before = images.snapshot(disk)
+        template = self.file("template", template_bytes())
+        saved = self.path("saved")
+        self.vorlix_refuses(*self.bcd(disk, template, "standard", "--backup", saved), saying=[*saying, "nothing was written"])
+        self.assert_unchanged(disk, before)
+        self.assertFalse(os.path.exists(saved))
+
+    def test_what_is_no_file_in_the_place_of_the_store(self):
+        disk, folder = self.mounted()
+        store = os.path.join(folder, STORE)
+        os.remove(store)
+        secret = self.file("secret", b"the host's", 0o600)
+        os.symlink(secret, store)
+        self.refuse_mounted(disk, store, "is a symbolic link")
+        os.remove(store)
+        os.mkfifo(store)
+        self.refuse_mounted(disk, store, "is a pipe")
+        os.remove(store)
+        with socket.socket(socket.AF_UNIX) as server:
+            here = os.getcwd()
+            os.chdir(os.path.dirname(store))
+            try:
+                server.bind("BCD")
+            finally:
+                os.chdir(here)
+            self.refuse_mounted(disk, store, "is a socket")
+        os.remove(store)
+        os.mkdir(store)
+        self.refuse_mounted(disk, store, "is a folder")
+        os.rmdir(store)
+        self.assertEqual(samples.read(secret, 0, 100), b"the host's")
+
+    def test_what_is_no_folder_on_the_way(self):
+        disk, folder = self.mounted()
+        elsewhere = self.path("elsewhere")
+        for path in ("EFI", "EFI/Microsoft", "EFI/Microsoft/Boot"):
+            with self.subTest(path=path):
+                place = os.path.join(folder, path)
+                shutil.move(place, elsewhere)
+                os.symlink(elsewhere, place)
+                self.refuse_mounted(disk, place, "is a symbolic link")
+                os.remove(place)
+                os.mkfifo(place)
+                self.refuse_mounted(disk, place, "is a pipe")
+                os.remove(place)
+                shutil.move(elsewhere, place)
+
+    def test_a_backup_is_nobody_elses_business(self):
+        disk = self.mac(tree={**BOOT_TREE, STORE: b"old"})
+        template = self.file("template", template_bytes())
+        saved = self.path("saved")
+        self.vorlix_ok(*self.bcd(disk, template, "standard", "--backup", saved))
+        copy = os.path.join(saved, os.listdir(saved)[0])
+        self.assertEqual(stat.S_IMODE(os.stat(copy).st_mode), 0o600)
+
+    def test_the_template_is_not_the_store_itself(self):
+        disk, folder = self.mounted()
+        store = os.path.join(folder, STORE)
+        with open(store, "wb") as file:
+            file.write(template_bytes())
+        self.vorlix_refuses(*self.bcd(disk, store), saying=["is the store itself", "nothing was written"])
+
+
+@unittest.skipIf(MISSING or volumes.missing("strace"), f"not installed: {MISSING} strace")
+class CutOff(StoreTest):
+    """Ended at a call, the old or the new store stands there; the next run puts the new one and takes away the rest."""
+
+    NAMES = ("pwrite64", "write", "fsync", "renameat", "renameat2", "unlinkat", "syncfs", "openat", "fchmod", "pread64")
+
+    def test_a_kill_at_calls_on_the_store(self):
+        disk = self.mac(tree={**BOOT_TREE, STORE: b"old" * 3000})
+        template = self.file("template", template_bytes())
+        folder = self.vorlix_ok("efi", "mount", disk).stdout.strip()
+        place = os.path.join(folder, os.path.dirname(STORE))
+        expected = patched(template_bytes(), "standard", identifiers(disk))
+        calls = self.calls_on_store(disk, template, place)
+        self.assertGreater(len(calls), 6)
+        for name, number in calls:
+            with self.subTest(call=name, number=number):
+                self.put_old(place)
+                trace = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", f"inject={name}:signal=SIGKILL:when={number}"]
+                result = self.vorlix_run(*self.bcd(disk, template), prefix=(*self.prefix(), *trace))
+                self.assertNotEqual(result.returncode, 0)
+                with open(os.path.join(place, "BCD"), "rb") as file:
+                    self.assertIn(file.read(), (b"old" * 3000, expected))
+        self.put_old(place)
+        self.vorlix_ok(*self.bcd(disk, template))
+        self.assert_store(disk, expected)
+        self.assert_nothing_mounted()
+
+    def test_an_error_of_calls_on_the_store(self):
+        """The command fails and says what stands there, or what failed did not matter and the new store is on the disk."""
+        disk = self.mac(tree={**BOOT_TREE, STORE: b"old" * 3000})
+        template = self.file("template", template_bytes())
+        folder = self.vorlix_ok("efi", "mount", disk).stdout.strip()
+        place = os.path.join(folder, os.path.dirname(STORE))
+        expected = patched(template_bytes(), "standard", identifiers(disk))
+        said = set()
+        for name, number in self.calls_on_store(disk, template, place):
+            with self.subTest(call=name, number=number):
+                place = os.path.join(self.vorlix_ok("efi", "mount", disk).stdout.strip(), os.path.dirname(STORE))
+                self.put_old(place)
+                trace = ["strace", "-qq", "-o", "/dev/null", "-e", f"inject={name}:error=EIO:when={number}"]
+                result = self.vorlix_run(*self.bcd(disk, template), prefix=(*self.prefix(), *trace))
+                if result.returncode == 0:
+                    self.assert_store(disk, expected)
+                    continue
+                self.assertEqual(result.returncode, 2, result.stderr)
+                self.assertIn("Input/output error", result.stderr)
+                with open(os.path.join(place, "BCD"), "rb") as file:
+                    store = file.read()
+                is_new = "the new one stands there, but may not be on the medium" in result.stderr
+                self.assertTrue(store == (expected if is_new else b"old" * 3000), result.stderr)
+                said.add(is_new)
+        self.assertEqual(said, {False, True})
+        self.vorlix_ok("efi", "mount", disk)
+        self.vorlix_ok(*self.bcd(disk, template))
+        self.assert_store(disk, expected)
+
+    def put_old(self, place):
+        with open(os.path.join(place, "BCD"), "wb") as file:
+            file.write(b"old" * 3000)
+
+    def calls_on_store(self, disk, template, place):
+        """The calls of a run from the first that names the file aside to the rename and what follows it, as (name, n)."""
+        log = self.file("calls", b"")
+        # A process in the folder keeps the volume mounted, so that the run ends before the write-back.
+        user = [*self.prefix(), "sh", "-c", 'cd "$1" && echo ready && read -r wait', "sh", place]
+        with subprocess.Popen(user, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as process:
+            self.assertEqual(process.stdout.readline(), "ready\n")
+            trace = ["strace", "-qq", "-o", log, "-e", "trace=" + ",".join(self.NAMES)]
+            self.vorlix_run(*self.bcd(disk, template), prefix=(*self.prefix(), *trace))
+            process.stdin.close()
+        counts, found, begun = {}, [], False
+        with open(log, encoding="utf-8", errors="replace") as lines:
+            for line in lines:
+                name = line.split("(")[0]
+                if name not in self.NAMES:
+                    continue
+                counts[name] = counts.get(name, 0) + 1
+                begun = begun or "vorlix-new" in line
+                if begun:
+                    found.append((name, counts[name]))
+                if begun and name == "syncfs":
+                    break
+        return found
 
 
 @unittest.skipIf(MISSING or NO_HIVEX, f"not installed: {MISSING or NO_HIVEX}")
@@ -420,7 +665,7 @@ class Hives(StoreTest):
             file.write(volumes.mtools("mtype", disk, f"::/{STORE}", offset=volumes.EFI_OFFSET))
         return path
 
-    def test_a_hive_with_its_elements_elsewhere_draws_a_warning(self):
+    def test_a_hive_with_its_elements_elsewhere_is_refused(self):
         disk = self.mac()
         element = hive.device_element(bytes([1] * 16), bytes([2] * 16))
         names = [f"{0x11000000 + number:08x}" for number in range(1, 4)]
@@ -429,7 +674,8 @@ class Hives(StoreTest):
             self.assertEqual(self.element(template, name), element)
         content = samples.read(template, 0, 1 << 20)
         self.assertEqual(content[:4], b"regf")
-        result = self.vorlix_ok(*self.bcd(disk, template, "standard"))
+        self.refuse(disk, self.bcd(disk, template, "standard"), template, "10492", "nothing was written")
+        result = self.vorlix_ok(*self.bcd(disk, template, "standard", "--force"))
         self.assertIn("warning", result.stderr)
         self.assertIn("10492", result.stderr)
         self.assert_store(disk, patched(content, "standard", identifiers(disk)))
@@ -437,7 +683,7 @@ class Hives(StoreTest):
     def test_a_hive_made_for_the_mode_names_the_partition_afterwards(self):
         disk = self.mac()
         guids = identifiers(disk)
-        places = [place - hive.PARTITION_IN_ELEMENT for place in ELEMENTS["standard"]]
+        places = [place - hive.PARTITION_IN_ELEMENT for place in hive.ELEMENTS["standard"]]
         template = self.file("template", hive.store_with_elements(places))
         names = [f"{0x11000000 + number:08x}" for number in range(1, 6)]
         for name in names:

@@ -3,13 +3,16 @@
 // update_bcd(): the copy of a template onto the EFI partition and the identifiers in it. The EFI partition's mount
 // point is a folder of the test, so that the store is a real file.
 #include <Vorlix/QDSDiskFunctions/Mounting.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -206,6 +209,59 @@ TEST_F(BootConfigurationTest, StoreThatIsThereIsReplaced) {
   makeFile("EFI partition/EFI/Microsoft/Boot/BCD", patternBytes(60000, 9));
   EXPECT_EQ(update(0), 0);
   EXPECT_EQ(bytesOf(store), expectedStore(templateBytes, kStandard));
+}
+
+// The firmware does not tell case apart; a store beside the one that is there would change nothing.
+TEST_F(BootConfigurationTest, StoreInAnotherSpellingIsReplacedAndNoneMadeBesideIt) {
+  addIdentifiers();
+  for (const std::string spelled : {"EFI/MICROSOFT/BOOT/BCD", "EFI/Microsoft/Boot/bcd", "efi/microsoft/Boot/Bcd"}) {
+    std::filesystem::remove_all(mountPoint + "/EFI");
+    std::filesystem::remove_all(mountPoint + "/efi");
+    std::filesystem::create_directories(std::filesystem::path(mountPoint + "/" + spelled).parent_path());
+    makeFile("EFI partition/" + spelled, {'o', 'l', 'd'});
+    if (std::filesystem::exists(store)) GTEST_SKIP() << "this file system ignores case";
+    forgetLog();
+    EXPECT_EQ(update(0), 0);
+    EXPECT_EQ(bytesOf(mountPoint + "/" + spelled), expectedStore(templateBytes, kStandard));
+    EXPECT_FALSE(std::filesystem::exists(store));
+    const std::filesystem::directory_iterator items(std::filesystem::path(mountPoint + "/" + spelled).parent_path());
+    EXPECT_EQ(std::distance(items, {}), 1);
+    EXPECT_EQ(log(), logUpToCopy() + "Copying BCD to " + mountPoint + "/" + spelled + "\nCopying BCD done.\n" +
+                         logOfIdentifiers() + kStandard.message + logOfEnd());
+  }
+}
+
+TEST_F(BootConfigurationTest, NewStoreGoesToTheFoldersThatAreThere) {
+  addIdentifiers();
+  std::filesystem::remove_all(mountPoint + "/EFI");
+  makeFolder("EFI partition/EFI/MICROSOFT/BOOT");
+  if (std::filesystem::exists(mountPoint + "/EFI/Microsoft")) GTEST_SKIP() << "this file system ignores case";
+  EXPECT_EQ(update(0), 0);
+  EXPECT_EQ(bytesOf(mountPoint + "/EFI/MICROSOFT/BOOT/BCD"), expectedStore(templateBytes, kStandard));
+}
+
+TEST_F(BootConfigurationTest, VolumesThatTellCaseApartKeepTheUsualName) {
+  addIdentifiers();
+  SimulatedVolume other;
+  other.kind = "ext4";
+  other.mountPath = mountPoint;
+  machine.setVolume("disk0s1", other);
+  makeFile("EFI partition/EFI/Microsoft/Boot/bcd", {'o', 'l', 'd'});
+  if (std::filesystem::exists(store)) GTEST_SKIP() << "this file system ignores case";
+  EXPECT_EQ(update(0), 0);
+  EXPECT_EQ(bytesOf(store), expectedStore(templateBytes, kStandard));
+  EXPECT_EQ(contentOf(mountPoint + "/EFI/Microsoft/Boot/bcd"), "old");
+}
+
+TEST_F(BootConfigurationTest, PipeInTheStoresPlaceIsRefusedAtOnce) {
+  addIdentifiers();
+  ASSERT_EQ(mkfifo(store.c_str(), 0600), 0);
+  EXPECT_EQ(update(0), -1);  // a writer would wait for a reader
+  const int reader = open(store.c_str(), O_RDONLY | O_NONBLOCK);
+  EXPECT_EQ(update(0), -1);
+  char byte = 0;
+  EXPECT_EQ(read(reader, &byte, 1), 0);
+  close(reader);
 }
 
 TEST_F(BootConfigurationTest, EFIPartitionThatIsMountedAlreadyIsUsedAndUnmounted) {

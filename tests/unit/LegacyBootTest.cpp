@@ -63,6 +63,7 @@ class LegacyBootTest : public DiskTest {
   std::string failed(int row, const std::string& reason) const {
     return "Error copying " + sourceOf(row) + " to " + destinationOf(row) + " with error " + reason + "\n";
   }
+  Lines copies() const { return journalOf({"copy "}); }
   std::string copyLine(int row) const { return "copy " + sourceOf(row) + " " + destinationOf(row); }
 
   const std::string volume;
@@ -114,7 +115,7 @@ TEST_F(LegacyBootTest, SecondRunFindsEverythingAndCopiesNothing) {
   machine.clearJournal();
   EXPECT_EQ(setUp(), 0);
   EXPECT_EQ(log(), start());
-  EXPECT_THAT(machine.journal(), IsEmpty());
+  EXPECT_THAT(copies(), IsEmpty());
   EXPECT_EQ(content("boot/BCD"), "store");
 }
 
@@ -142,9 +143,54 @@ TEST_F(LegacyBootTest, DestinationsThatAreThereAreLeftSilently) {
   makeFile("volume/boot/BCD", {'o', 'l', 'd'});
   EXPECT_EQ(setUp(), 0);
   EXPECT_EQ(log(), start() + copying(2) + copying(4));
-  EXPECT_THAT(machine.journal(), ElementsAre(copyLine(2), copyLine(4)));
+  EXPECT_THAT(copies(), ElementsAre(copyLine(2), copyLine(4)));
   EXPECT_EQ(content("boot/BCD"), "old");
   EXPECT_FALSE(exists("boot/memtest.exe"));
+}
+
+// What Windows takes for one name. The folder of a mirrored FAT volume, and some drivers for NTFS, tell it apart.
+TEST_F(LegacyBootTest, AnySpellingOfTheFolderCountsOnVolumesOfWindows) {
+  addAll();
+  machine.addDisk("disk0", 100 * 512, 512);
+  addVolume("disk0", volume, true);  // FAT
+  for (const std::string spelling : {"boot", "Boot", "BOOT"}) {
+    forgetLog();
+    makeFolder("volume/" + spelling);
+    EXPECT_EQ(setUp(), 0);
+    EXPECT_EQ(log(), start());
+    EXPECT_THAT(copies(), IsEmpty());
+    EXPECT_TRUE(std::filesystem::is_empty(volume + "/" + spelling));
+    EXPECT_FALSE(exists("bootmgr"));
+    std::filesystem::remove_all(volume + "/" + spelling);
+  }
+}
+
+TEST_F(LegacyBootTest, NamesOnVolumesOfWindowsAreTakenInTheirSpelling) {
+  makeFolder("volume/WINDOWS/BOOT/PCAT");
+  makeFile("volume/WINDOWS/BOOT/PCAT/BOOTMGR", {'m', 'g', 'r'});
+  makeFile("volume/BOOTMGR", {'o', 'l', 'd'});
+  machine.addDisk("disk0", 100 * 512, 512);
+  addVolume("disk0", volume, true);
+  EXPECT_EQ(setUp(), 0);
+  EXPECT_EQ(log(), start() + "copying " + volume + "/WINDOWS/BOOT/PCAT to " + volume + "/boot\n" +
+                       skipping(2).replace(0, sourceOf(2).size(), volume + "/WINDOWS/BOOT/Fonts") + copying(3));
+  EXPECT_EQ(content("BOOTMGR"), "old");
+  const bool tellsCaseApart = !exists("windows");
+  EXPECT_EQ(exists("bootmgr"), !tellsCaseApart);
+}
+
+TEST_F(LegacyBootTest, ElsewhereNamesAreTakenAsTheyStand) {
+  addAll();
+  makeFolder("volume/Boot");
+  if (exists("BOOT")) GTEST_SKIP() << "this file system ignores case";
+  machine.addDisk("disk0", 100 * 512, 512);
+  SimulatedVolume other;
+  other.kind = "ext4";
+  other.mountPath = volume;
+  other.mounted = true;
+  machine.setVolume("disk0", other);
+  EXPECT_EQ(setUp(), 0);
+  EXPECT_EQ(log(), start() + copying(1) + copying(2) + copying(3) + copying(4));
 }
 
 TEST_F(LegacyBootTest, FontsInsideThePCATFolderComeWithIt) {

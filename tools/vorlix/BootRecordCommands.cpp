@@ -1,22 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/platform/DeviceFile.h>
-#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/changes/Change.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 #include <string>
 
 #include "Arbitration.h"
 #include "Backup.h"
 #include "Commands.h"
+#include "Complaint.h"
+#include "DeviceChanges.h"
 #include "DiskTables.h"
 #include "Failure.h"
 #include "Files.h"
-#include "LibraryLog.h"
+#include "NewFile.h"
 #include "Text.h"
 
 namespace vorlix::tool {
@@ -26,92 +25,72 @@ constexpr uint64_t kBootCodeOffset = 84;  // an NTFS volume's parameters end her
 constexpr size_t kBootArea = 8192;
 constexpr size_t kSavedSize = kBootArea - kBootCodeOffset;
 
-const char* saveReason(int result) {
-  switch (result) {
-    case -1:
-      return "the file exists already, or the device cannot be opened for reading and writing";
-    case -2:
-      return "the device cannot be positioned";
-    case -3:
-      return "the device is shorter than the 8192 bytes of a boot area";
-    case -4:
-      return "the file cannot be made";
-    case -5:
-      return "the file could not be written whole";
-    default:
-      return "unknown result";
-  }
-}
-
-const char* restoreReason(int result) {
-  switch (result) {
-    case -1:
-      return "the saved file does not exist";
-    case -2:
-      return "the saved file cannot be opened";
-    case -3:
-      return "the saved file is shorter than 8108 bytes";
-    case -5:
-      return "the device cannot be opened for writing";
-    case -6:
-      return "the device cannot be positioned";
-    case -7:
-      return "the device could not be written whole";
-    default:
-      return "unknown result";
-  }
-}
-
-void refuseExisting(const std::string& path) {
-  std::error_code error;
-  if (std::filesystem::exists(std::filesystem::symlink_status(path, error))) {
-    throw Failure(path, "exists already; a saved file is never overwritten");
-  }
-}
-
-[[noreturn]] void failWithLog(const std::string& subject, const std::string& reason, const LibraryLog& log,
-                              const std::string& state) {
-  log.print();
-  throw Failure(subject, reason, state);
-}
+constexpr size_t kSectorSize = 512;
+constexpr size_t kBootCodeSize = 446;
 
 struct SaveOptions {
   std::string device;
   std::string file;
+  bool force = false;
 };
+
+// Says what speaks against a command, unless the user has said that it is meant.
+void object(bool force, const std::string& subject, const std::string& reason) {
+  if (!force) throw Failure(subject, reason + " (--force takes it all the same)");
+  complain(subject + ": warning: " + reason);
+}
+
+bool hasSignature(const ByteVector& sector) {
+  return sector[510] == 0x55 && sector[511] == 0xAA;
+}
+
+Sector firstSector(const ByteVector& bytes) {
+  Sector sector;
+  std::copy_n(bytes.begin(), sector.size(), sector.begin());
+  return sector;
+}
+
+// Four slots as partitioning tools write them, one of them in use. A volume's boot sector has code or text there.
+bool hasSlots(const ByteVector& sector) {
+  bool isAnyUsed = false;
+  for (size_t slot = kBootCodeSize; slot < kBootCodeSize + 64; slot += 16) {
+    if ((sector[slot] & 0x7F) != 0) return false;
+    isAnyUsed = isAnyUsed || sector[slot + 4] != 0;
+  }
+  return isAnyUsed;
+}
+
+// Whether a device begins with a partition table, of either kind, and so holds volumes and is none itself.
+bool hasPartitionTable(const ByteVector& bootArea) {
+  static constexpr char kGPT[] = "EFI PART";
+  for (const size_t blockSize : {size_t{512}, size_t{4096}}) {
+    if (std::equal(kGPT, kGPT + 8, bootArea.begin() + static_cast<std::ptrdiff_t>(blockSize))) return true;
+  }
+  const BootSectorKind kind = kindOf(firstSector(bootArea));
+  const bool isVolume = kind == BootSectorKind::ntfs || kind == BootSectorKind::fat;
+  return !isVolume && hasSignature(bootArea) && hasSlots(bootArea);
+}
 
 void saveVBR(const SaveOptions& options) {
   refuseExisting(options.file);
-  const ByteVector boot = readDevice(options.device, kBootCodeOffset, kSavedSize);
-  const LibraryLog log;
-  const int result = write_vbr_to_file(options.device.c_str(), options.file.c_str());
-  if (result != 0) failWithLog(options.device, saveReason(result), log, "the device was not written");
-  if (readFile(options.file, kBootArea) != boot) {
-    throw Failure(options.file, "does not hold what the device holds", "the device was not written");
+  const auto handle = openToLook(options.device);
+  const ByteVector bootArea = readDevice(*handle, options.device, 0, kBootArea);
+  if (hasPartitionTable(bootArea)) {
+    object(options.force, options.device, "it begins with a partition table, so it is a disk and no volume");
   }
+  saveNewFile(options.file, {bootArea.begin() + kBootCodeOffset, bootArea.end()});
   std::printf("Saved      bytes 84 to 8191 of %s in %s\n", printable(options.device).c_str(),
               printable(options.file).c_str());
 }
 
-// The library ends its process when it cannot open the disk with a shared lock.
-void tryToLock(const std::string& disk) {
-  if (platform().deviceFile->open(disk, DeviceAccess::readOnly, DeviceLock::shared)) return;
-  const int reason = errno;
-  if (reason == EWOULDBLOCK) throw Failure(disk, "another process has it for itself");
-  throw Failure::ofErrno(disk, reason);
-}
-
 void saveBootCode(const SaveOptions& options) {
   refuseExisting(options.file);
-  const ByteVector sector = readDevice(options.device, 0, 446);
-  tryToLock(options.device);
-  const LibraryLog log;
-  if (write_mbr_to_file(options.device.c_str(), options.file.c_str()) != 0) {
-    failWithLog(options.file, "the boot code could not be saved", log, "the disk was not written");
+  const auto handle = openToLook(options.device, DeviceLock::shared);
+  const ByteVector bootCode = readDevice(*handle, options.device, 0, kBootCodeSize);
+  if (bsdNameOf(options.device) != wholeDiskNameOf(options.device)) {
+    object(options.force, options.device, "it is a slice; the boot code of a disk stands in the disk's first sector");
   }
-  if (readFile(options.file, kBootArea) != sector) {
-    throw Failure(options.file, "does not hold what the disk holds", "the disk was not written");
-  }
+  saveNewFile(options.file, bootCode);
   std::printf("Saved      the boot code (446 bytes) of %s in %s\n", printable(options.device).c_str(),
               printable(options.file).c_str());
 }
@@ -120,48 +99,84 @@ struct RestoreOptions {
   std::string file;
   std::string device;
   bool dryRun = false;
+  bool force = false;
   std::string backupFolder;
 };
 
-// Returns whether anything would change or has changed.
-bool restoreVBR(const RestoreOptions& options) {
-  const ByteVector saved = readFile(options.file, kBootArea);
+// Whether what a file holds can start a volume. Boot records of different systems have no text or code in common, but
+// all have code in the first sector and the signature that a BIOS asks for.
+void checkSaved(const RestoreOptions& options, const ByteVector& saved) {
   if (saved.size() != kSavedSize) {
     throw Failure(options.file, "has " + std::to_string(saved.size()) + " bytes, a saved boot record has 8108");
   }
-  const ByteVector before = readDevice(options.device, 0, kBootArea);
-  Sector bootSector;
-  std::copy_n(before.begin(), bootSector.size(), bootSector.begin());
-  if (kindOf(bootSector) != BootSectorKind::ntfs) {
-    // On FAT and exFAT these bytes hold parameters and the second boot sector.
-    throw Failure(options.device, "its first sector is not an NTFS boot sector");
+  ByteVector area(kBootCodeOffset);
+  area.insert(area.end(), saved.begin(), saved.end());
+  const auto code = area.begin() + kBootCodeOffset;
+  if (!hasSignature(area)) {
+    object(options.force, options.file, "is no boot record: it lacks the signature 55 AA, at its byte 426");
+  } else if (std::all_of(code, area.begin() + 510, [](uint8_t byte) { return byte == 0; })) {
+    object(options.force, options.file, "is no boot record: its first sector has no code");
   }
+}
+
+// The boot area of an NTFS volume. On FAT and exFAT these bytes hold parameters and the second boot sector.
+ByteVector bootAreaOf(DeviceHandle& handle, const std::string& device) {
+  ByteVector area = readDevice(handle, device, 0, kBootArea);
+  if (kindOf(firstSector(area)) != BootSectorKind::ntfs) {
+    throw Failure(device, "its first sector is not an NTFS boot sector");
+  }
+  return area;
+}
+
+DiskChange planRestore(const RestoreOptions& options, const std::shared_ptr<DeviceHandle>& handle,
+                       const ByteVector& saved) {
+  const ByteVector area = bootAreaOf(*handle, options.device);
+  const ByteVector before(area.begin() + kBootCodeOffset, area.end());
+  return {"boot record of " + options.device,
+          {{options.device, handle, {{kBootCodeOffset, before, saved, "boot code of the volume"}}}}};
+}
+
+void printDryRun(const RestoreOptions& options, const DiskChange& change) {
+  const DeviceChange& device = change.devices.front();
+  ByteVector before = readDevice(*device.handle, options.device, 0, kBootCodeOffset);
   ByteVector after = before;
-  std::copy(saved.begin(), saved.end(), after.begin() + kBootCodeOffset);
-  if (options.dryRun) {
-    std::printf("Dry run: nothing is opened for writing.\n\n%s, bytes 84 to 8191:\n%s",
-                printable(options.device).c_str(),
-                after == before ? "  no byte would change\n" : differenceText(before, after, 0).c_str());
-    return after != before;
-  }
+  const ByteChange& run = device.bytes.front();
+  before.insert(before.end(), run.before.begin(), run.before.end());
+  after.insert(after.end(), run.after.begin(), run.after.end());
+  std::printf("Dry run: nothing is opened for writing.\n\n%s, bytes 84 to 8191:\n%s", printable(options.device).c_str(),
+              change.empty() ? "  no byte would change\n" : differenceText(before, after, 0).c_str());
+}
+
+// NTFS keeps a copy of its first sector in the last one of its partition, for repair by hand; nothing starts from it.
+bool hasSecondCopy(DeviceHandle& handle, const ByteVector& area) {
+  const uint64_t size = handle.size().value_or(0);
+  if (size < 2 * kBootArea) return false;
+  ByteVector last(kSectorSize);
+  if (handle.readAt(last.data(), last.size(), size - last.size()) != static_cast<ssize_t>(last.size())) return false;
+  return std::equal(last.begin(), last.end(), area.begin());
+}
+
+void restoreVBR(const RestoreOptions& options, const ByteVector& saved) {
+  static_cast<void>(bootAreaOf(*openToLook(options.device), options.device));  // before anything is unmounted
   if (mountPointOf(options.device)) {
     if (const auto refusal = tryUnmount(options.device)) {
       throw Failure(options.device, "mounted and cannot be unmounted: " + reasonText(*refusal));
     }
   }
+  const auto handle = openToChange(options.device);
+  const DiskChange change = planRestore(options, handle, saved);
+  const ByteVector area = bootAreaOf(*handle, options.device);
   if (!options.backupFolder.empty()) {
-    std::printf("Saved      %s\n", printable(saveBytes(options.backupFolder, options.device, 0, before)).c_str());
+    std::printf("Saved      %s\n", printable(saveBytes(options.backupFolder, options.device, 0, area)).c_str());
     std::fflush(stdout);
   }
-  const LibraryLog log;
-  const int result = restore_vbr_to_device(options.file.c_str(), options.device.c_str());
-  const ByteVector now = readDevice(options.device, 0, kBootArea);
-  const char* const state = now == before ? "nothing was written" : "part of the boot area was written";
-  if (result != 0) failWithLog(options.device, restoreReason(result), log, state);
-  if (now != after) failWithLog(options.device, "the boot area is not what it should be", log, state);
+  const bool hadCopy = hasSecondCopy(*handle, area);
+  applyOrFail(change);
   std::printf("Restored   bytes 84 to 8191 of %s, read back; bytes 0 to 83 are its own\n",
               printable(options.device).c_str());
-  return true;
+  if (hadCopy && !hasSecondCopy(*handle, bootAreaOf(*handle, options.device))) {
+    std::printf("Left       the copy of the first sector in the last one, which is no copy any more\n");
+  }
 }
 
 }  // namespace
@@ -174,6 +189,7 @@ void addBootRecordCommands(CLI::App& app, int& status) {
   CLI::App* const save = vbr->add_subcommand("save", "Save bytes 84 to 8191 of a volume");
   save->add_option("DEVICE", saving->device, "The volume")->required();
   save->add_option("FILE", saving->file, "File to make; one that exists is refused")->required();
+  save->add_flag("--force", saving->force, "Save of a disk with a partition table, too");
   save->callback([saving, &status] {
     saveVBR(*saving);
     status = kDone;
@@ -185,9 +201,18 @@ void addBootRecordCommands(CLI::App& app, int& status) {
   restore->add_option("DEVICE", restoring->device, "The volume; it is unmounted first")->required();
   restore->add_flag("--dry-run", restoring->dryRun, "Show the bytes that would change; open nothing for writing");
   restore->add_option("--backup", restoring->backupFolder, "Folder for the boot area as it is now, saved before");
+  restore->add_flag("--force", restoring->force, "Take a file that does not look like a boot record");
   restore->callback([restoring, &status] {
-    const bool changes = restoreVBR(*restoring);
-    status = restoring->dryRun && changes ? kChangeNeeded : kDone;
+    const ByteVector saved = readFile(restoring->file, kBootArea);
+    checkSaved(*restoring, saved);
+    status = kDone;
+    if (!restoring->dryRun) {
+      restoreVBR(*restoring, saved);
+      return;
+    }
+    const DiskChange change = planRestore(*restoring, openToLook(restoring->device), saved);
+    printDryRun(*restoring, change);
+    if (!change.empty()) status = kChangeNeeded;
   });
 
   CLI::App* const bootCode = app.add_subcommand("boot-code", "Save the MBR boot code of a disk");
@@ -196,6 +221,7 @@ void addBootRecordCommands(CLI::App& app, int& status) {
   CLI::App* const saveCode = bootCode->add_subcommand("save", "Save bytes 0 to 445 of sector 0");
   saveCode->add_option("DISK", savingCode->device, "The whole disk")->required();
   saveCode->add_option("FILE", savingCode->file, "File to make; one that exists is refused")->required();
+  saveCode->add_flag("--force", savingCode->force, "Save of a slice, too");
   saveCode->callback([savingCode, &status] {
     saveBootCode(*savingCode);
     status = kDone;

@@ -1,26 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/QDSDiskFunctions/StoreSlots.h>
+#include <Vorlix/QDSUtilities/VolumeNames.h>
+#include <Vorlix/platform/DeviceFile.h>
+#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/changes/Change.h>
+#include <sys/stat.h>
 
-#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "Arbitration.h"
 #include "Backup.h"
 #include "Commands.h"
 #include "Complaint.h"
+#include "DeviceChanges.h"
 #include "Failure.h"
+#include "FileReplacement.h"
 #include "Files.h"
 #include "Identity.h"
 #include "LibraryLog.h"
+#include "MountedEFI.h"
 #include "Text.h"
+#include "VolumeFolder.h"
 
 namespace vorlix::tool {
 namespace {
@@ -36,6 +42,7 @@ struct StoreOptions {
   std::string templateFile;
   int32_t mode = 0;
   bool dryRun = false;
+  bool force = false;
   std::string backupFolder;
 };
 
@@ -48,41 +55,28 @@ struct StorePlan {
   ByteVector original;
 };
 
-uint32_t wordAt(const ByteVector& bytes, int64_t offset) {
-  if (offset < 0 || static_cast<uint64_t>(offset) + 4 > bytes.size()) return ~uint32_t{0};
-  uint32_t value = 0;
-  for (size_t i = 4; i > 0; --i) value = value << 8 | bytes[static_cast<size_t>(offset) + i - 1];
-  return value;
-}
-
-// How boot configuration stores tell a partition: the partition GUID, the disk GUID 24 bytes on, and around them a 6
-// (partition) at -0x10, the length 0x48 at -0x08 and 0 (GPT) or 1 (MBR) at 0x14.
-bool isPartitionGUID(const ByteVector& store, int64_t offset) {
-  return wordAt(store, offset - 0x10) == 6 && wordAt(store, offset - 0x08) == 0x48 && wordAt(store, offset + 0x14) <= 1;
-}
-
-// Some stores want the disk's GUID in the partition's place, too.
-bool looksLikeIdentifierSlot(const ByteVector& store, const StoreSlot& slot) {
-  constexpr int64_t kDiskGUID = 0x18;
-  const int64_t offset = slot.offset;
-  if (isPartitionGUID(store, offset)) return true;
-  return slot.identifier == StoreIdentifier::disk && isPartitionGUID(store, offset - kDiskGUID);
-}
-
-void warnOfOddSlots(const StoreOptions& options, const ByteVector& store) {
+// What is wrong with a template; absent for a store with identifiers in the places of the mode.
+std::optional<std::string> whyNoTemplate(const StoreOptions& options, const ByteVector& store) {
+  if (const auto reason = whyNoHive(store)) return reason;
   std::string odd;
-  for (const StoreSlot& slot : storeSlots(options.mode)) {
-    if (!looksLikeIdentifierSlot(store, slot)) odd += (odd.empty() ? "" : ", ") + std::to_string(slot.offset);
-  }
-  if (odd.empty()) return;
-  complain(options.templateFile + ": warning: what stands at " + odd +
-           " does not look like identifiers (a partition GUID, and a disk GUID 24 bytes on); is it the template for "
-           "this mode?");
+  for (const uint32_t offset : oddSlots(store, options.mode)) odd += (odd.empty() ? "" : ", ") + std::to_string(offset);
+  if (odd.empty()) return std::nullopt;
+  return "what stands at " + odd +
+         " does not look like identifiers (a partition GUID, and a disk GUID 24 bytes on), so it is no template for "
+         "this mode";
+}
+
+void checkTemplate(const StoreOptions& options, const ByteVector& store) {
+  const std::optional<std::string> reason = whyNoTemplate(options, store);
+  if (!reason) return;
+  if (!options.force) throw Failure(options.templateFile, *reason + " (--force takes it all the same)");
+  complain(options.templateFile + ": warning: " + *reason);
 }
 
 StorePlan planStore(const StoreOptions& options) {
   StorePlan plan;
   plan.original = readFile(options.templateFile, kLargestStore);
+  checkTemplate(options, plan.original);
   plan.disk = bsdNameOf(options.disk);
   plan.efi = sliceNameOf(plan.disk, 1);
   plan.partition = bsdNameOf(sliceNameOf(options.disk, static_cast<uint32_t>(options.partition)));
@@ -90,13 +84,8 @@ StorePlan planStore(const StoreOptions& options) {
   if (!plan.identity.partitionGUID || !plan.identity.diskGUID) {
     throw Failure(plan.partition, "its partition and disk GUIDs are not known");
   }
-  plan.store = plan.original;
-  for (const StoreSlot& slot : storeSlots(options.mode)) {
-    if (plan.store.size() < slot.offset + 16) plan.store.resize(slot.offset + 16);
-    const auto& guid =
-        slot.identifier == StoreIdentifier::partition ? *plan.identity.partitionGUID : *plan.identity.diskGUID;
-    std::copy(guid.begin(), guid.end(), plan.store.begin() + slot.offset);
-  }
+  plan.store =
+      storeWithIdentifiers(plan.original, options.mode, {*plan.identity.partitionGUID, *plan.identity.diskGUID});
   return plan;
 }
 
@@ -109,100 +98,76 @@ void printDryRun(const StoreOptions& options, const StorePlan& plan) {
   std::printf("in these places:\n%s", differenceText(plan.original, plan.store, 0).c_str());
 }
 
-// Unmounts a slice if it is mounted. Returns why it stays mounted.
-std::optional<std::string> unmountIfMounted(const std::string& slice) {
-  if (!mountPointOf(slice)) return std::nullopt;
-  const std::optional<Dissenter> refusal = tryUnmount(slice);
-  if (!refusal) return std::nullopt;
-  return reasonText(*refusal);
+// A change to this disk that was cut off comes first: what is mounted here must be whole.
+void finishInterruptedChanges(const std::string& slice) {
+  const auto handle = platform().deviceFile->open(slice, DeviceAccess::readOnly, DeviceLock::none);
+  if (!handle) throw Failure::ofErrno(slice, errno);
+  if (!interruptedChanges(*handle).empty()) openToChange(slice);
 }
 
-void unmountOrWarn(const std::string& slice) {
-  if (const std::optional<std::string> reason = unmountIfMounted(slice)) {
-    complain(slice + ": stays mounted: " + *reason);
+// A store may hold what is nobody else's business, so its copy is the user's alone.
+void saveOld(const StoreOptions& options, const ByteVector& old) {
+  const std::string name = std::filesystem::path(options.disk).filename().string() + "s1-BCD";
+  const mode_t before = umask(0077);
+  std::string saved;
+  try {
+    saved = saveNamed(options.backupFolder, name, old);
+  } catch (...) {
+    umask(before);
+    throw;
   }
+  umask(before);
+  std::printf("Saved      %s\n", printable(saved).c_str());
+  std::fflush(stdout);
 }
 
-// The EFI System Partition, mounted for a look; unmounted again unless it was mounted before.
-class MountedEFI {
- public:
-  explicit MountedEFI(std::string slice) : slice_(std::move(slice)), wasMounted_(mountPointOf(slice_).has_value()) {
-    if (wasMounted_) return;
-    if (const auto refusal = tryMount(slice_, false)) throw Failure(slice_, reasonText(*refusal));
-  }
-  ~MountedEFI() {
-    if (wasMounted_) return;
-    try {
-      unmountOrWarn(slice_);
-    } catch (const std::exception& error) {
-      complain(error.what());
-    }
-  }
-  MountedEFI(const MountedEFI&) = delete;
-  MountedEFI& operator=(const MountedEFI&) = delete;
-
-  std::string storePath() const { return mountPointOf(slice_).value_or("") + kStorePath; }
-
- private:
-  std::string slice_;
-  bool wasMounted_;
-};
-
-// What stands in the place of the store. Absent where nothing does.
-std::optional<ByteVector> contentOf(const std::filesystem::path& store) {
-  std::error_code error;
-  if (!std::filesystem::is_regular_file(store, error)) return std::nullopt;
-  return readFile(store, kLargestStore);
+bool isSameFile(const struct stat& item, const std::string& path) {
+  struct stat other = {};
+  return stat(path.c_str(), &other) == 0 && item.st_dev == other.st_dev && item.st_ino == other.st_ino;
 }
 
-// A run that failed half-way leaves a part of the new store, which would start nothing.
-void putBack(const std::string& slice, const std::optional<ByteVector>& old) {
-  const std::optional<std::string> mounted = mountPointOf(slice);
-  if (!mounted) return;
-  const std::filesystem::path store = *mounted + kStorePath;
-  std::error_code error;
-  if (contentOf(store) == old) return;
-  if (!old) {
-    std::filesystem::remove(store, error);
-    return;
-  }
-  std::ofstream file(store, std::ios::binary | std::ios::trunc);
-  file.write(reinterpret_cast<const char*>(old->data()), static_cast<std::streamsize>(old->size()));
-  file.close();
-  if (!file) complain(store.string() + ": the old store could not be put back");
+// The old store stays until the new one takes its name, but for a mirrored volume, where the disk is changed at once.
+void checkRoom(const MountedEFI& efi, const StorePlan& plan, const std::optional<ByteVector>& old) {
+  const std::optional<uint64_t> space = efi.freeSpace();
+  if (!space) return;
+  const uint64_t free = *space + (efi.isMirror() && old ? old->size() : 0);
+  if (free >= plan.store.size()) return;
+  throw Failure(plan.efi,
+                "no room for the store of " + sizeText(plan.store.size()) + ", " + sizeText(free) + " are free",
+                old ? "the old store stands there unchanged" : "nothing was written");
 }
 
-void writeStore(const StoreOptions& options, const StorePlan& plan, const LibraryLog& log) {
+// @return whether the store that is there was another one.
+bool putStore(const StoreOptions& options, const StorePlan& plan, const MountedEFI& efi) {
+  const VolumeFolder folder =
+      VolumeFolder(efi.path(), isCaseBlindDevice(plan.efi)).folder("EFI").folder("Microsoft").folder("Boot");
+  const std::optional<std::string> spelled = folder.find("BCD");
+  const std::string name = spelled.value_or("BCD");
   std::optional<ByteVector> old;
-  {
-    const MountedEFI efi(plan.efi);
-    const std::filesystem::path store = efi.storePath();
-    if (!std::filesystem::is_directory(store.parent_path())) {
-      throw Failure(store.parent_path().string(), "no such folder on the EFI System Partition");
-    }
-    old = contentOf(store);
-    if (!options.backupFolder.empty() && old) {
-      const std::string name = std::filesystem::path(options.disk).filename().string() + "s1-BCD";
-      std::printf("Saved      %s\n", printable(saveNamed(options.backupFolder, name, *old)).c_str());
-      std::fflush(stdout);
-    }
+  if (spelled) {
+    const std::optional<struct stat> status = folder.statusOf(name);
+    if (status && isSameFile(*status, options.templateFile)) throw Failure(options.templateFile, "is the store itself");
+    old = folder.content(name, kLargestStore);
   }
-  const int result = update_bcd(options.templateFile.c_str(), plan.disk.c_str(), plan.partition.c_str(), options.mode);
-  if (result != 0) {
-    log.print();
-    putBack(plan.efi, old);
-    unmountOrWarn(plan.efi);
-    throw Failure(options.disk, "the boot configuration store could not be written", "see the log above");
+  FileReplacement replacement(folder, name);
+  if (old == plan.store) return false;
+  checkRoom(efi, plan, old);
+  if (!options.backupFolder.empty() && old) saveOld(options, *old);
+  replacement.replaceBy(plan.store);
+  return true;
+}
+
+void writeStore(const StoreOptions& options, const StorePlan& plan) {
+  finishInterruptedChanges(plan.efi);
+  MountedEFI efi(plan.efi);
+  const bool isOther = putStore(options, plan, efi);
+  efi.finish("the new store");
+  const std::string disk = printable(options.disk);
+  if (isOther) {
+    std::printf("Store      written to slice 1 of %s and read back\n", disk.c_str());
+  } else {
+    std::printf("Store      on slice 1 of %s already, not written\n", disk.c_str());
   }
-  // The library does not tell when its unmount was refused, and what is mounted need not be on the medium yet.
-  if (const std::optional<std::string> reason = unmountIfMounted(plan.efi)) {
-    throw Failure(plan.efi, *reason, "it stays mounted; the store is not known to be on the medium");
-  }
-  const MountedEFI efi(plan.efi);
-  if (readFile(efi.storePath(), kLargestStore) != plan.store) {
-    throw Failure(options.disk, "the boot configuration store is not what it should be", "it was written");
-  }
-  std::printf("Store      written to slice 1 of %s and read back\n", printable(options.disk).c_str());
   std::printf("Partition  %s\nDisk       %s\n", guidText(plan.identity.partitionGUID->data()).c_str(),
               guidText(plan.identity.diskGUID->data()).c_str());
 }
@@ -223,16 +188,16 @@ void addBootStoreCommand(CLI::App& app, int& status) {
       ->transform(CLI::CheckedTransformer(kModes));
   command->add_flag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
   command->add_option("--backup", options->backupFolder, "Folder for the store that is replaced, saved before");
+  command->add_flag("--force", options->force, "Take a template that does not look like one for the mode");
   command->callback([options, &status] {
-    const LibraryLog log;
+    const LibraryLog log;  // look-ups write to it
     const StorePlan plan = planStore(*options);
-    warnOfOddSlots(*options, plan.original);
     if (options->dryRun) {
       printDryRun(*options, plan);
       status = kChangeNeeded;
       return;
     }
-    writeStore(*options, plan, log);
+    writeStore(*options, plan);
     status = kDone;
   });
 }

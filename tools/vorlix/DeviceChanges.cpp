@@ -29,8 +29,8 @@ namespace {
 
 }  // namespace
 
-std::shared_ptr<DeviceHandle> openToLook(const std::string& device) {
-  std::shared_ptr<DeviceHandle> handle = platform().deviceFile->open(device, DeviceAccess::readOnly, DeviceLock::none);
+std::shared_ptr<DeviceHandle> openToLook(const std::string& device, DeviceLock lock) {
+  std::shared_ptr<DeviceHandle> handle = platform().deviceFile->open(device, DeviceAccess::readOnly, lock);
   if (!handle) failToOpen(device, errno);
   mentionLostHeader(device);
   for (const InterruptedChange& change : interruptedChanges(*handle)) {

@@ -13,7 +13,7 @@ namespace vorlix::tool {
 
 /// Opens a device for reading. A change that was cut off on its disk is mentioned on standard error, since what is read
 /// may be a part of it. Throws Failure.
-std::shared_ptr<DeviceHandle> openToLook(const std::string& device);
+std::shared_ptr<DeviceHandle> openToLook(const std::string& device, DeviceLock lock = DeviceLock::none);
 
 /// Opens a device for reading and writing, locked against other processes: exclusively, or with a shared lock where the
 /// running system uses the disk. First finishes what an earlier command began on the disk and did not finish, and

@@ -3,13 +3,15 @@
 
 #include <Vorlix/platform/DeviceFile.h>
 #include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/posix/Descriptor.h>
+#include <Vorlix/platform/posix/FileHandle.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <system_error>
+#include <cstring>
 
 #include "Failure.h"
 #include "Text.h"
@@ -18,6 +20,7 @@ namespace vorlix::tool {
 namespace {
 
 constexpr size_t kRowSize = 16;
+constexpr size_t kReadBlock = size_t{64} * 1024;
 
 std::string rowText(const ByteVector& bytes, size_t offset) {
   std::string text;
@@ -30,26 +33,65 @@ std::string rowText(const ByteVector& bytes, size_t offset) {
 }  // namespace
 
 ByteVector readFile(const std::string& path, size_t limit) {
-  std::error_code error;
-  const auto status = std::filesystem::status(path, error);
-  if (status.type() == std::filesystem::file_type::not_found) throw Failure::ofErrno(path, ENOENT);
-  if (error) throw Failure(path, error.message());
-  if (!std::filesystem::is_regular_file(status)) throw Failure(path, "not a regular file");
-  if (std::filesystem::file_size(path, error) > limit) {
-    throw Failure(path, "larger than the " + sizeText(limit) + " that are read");
-  }
-  std::ifstream file(path, std::ios::binary);
+  // Not blocking, in case it is a pipe.
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!file) throw Failure::ofErrno(path, errno);
-  ByteVector bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  if (file.bad()) throw Failure(path, "cannot be read");
+  return readWhole(file.get(), path, limit);
+}
+
+ByteVector readWhole(int descriptor, const std::string& path, size_t limit) {
+  struct stat status = {};
+  if (fstat(descriptor, &status) != 0) throw Failure::ofErrno(path, errno);
+  if (!S_ISREG(status.st_mode)) throw Failure(path, "not a regular file");
+  ByteVector bytes;
+  size_t done = 0;
+  // Until its end, whatever size it says: it may grow or shrink meanwhile.
+  for (;;) {
+    if (done > limit || static_cast<uint64_t>(status.st_size) > limit) {
+      throw Failure(path, "larger than the " + sizeText(limit) + " that are read");
+    }
+    bytes.resize(std::max(done + kReadBlock, static_cast<size_t>(status.st_size) + 1));
+    const ssize_t got = read(descriptor, bytes.data() + done, bytes.size() - done);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) throw Failure::ofErrno(path, errno);
+    if (got == 0) break;
+    done += static_cast<size_t>(got);
+  }
+  bytes.resize(done);
   return bytes;
+}
+
+void writeAndReadBack(int descriptor, const std::string& path, const ByteVector& bytes, const std::string& state) {
+  for (size_t done = 0; done < bytes.size();) {
+    const ssize_t put = write(descriptor, bytes.data() + done, bytes.size() - done);
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) throw Failure(path, std::strerror(put < 0 ? errno : ENOSPC), state);
+    done += static_cast<size_t>(put);
+  }
+  if (syncDescriptor(descriptor) != 0) throw Failure(path, std::strerror(errno), state);
+  forgetCached(descriptor, 0, bytes.size());
+  ByteVector now(bytes.size() + 1);
+  size_t done = 0;
+  while (done < now.size()) {
+    const ssize_t got = pread(descriptor, now.data() + done, now.size() - done, static_cast<off_t>(done));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) throw Failure(path, std::string("cannot be read back: ") + std::strerror(errno), state);
+    if (got == 0) break;
+    done += static_cast<size_t>(got);
+  }
+  now.resize(done);
+  if (now != bytes) throw Failure(path, "reads back differently from what was written", state);
 }
 
 ByteVector readDevice(const std::string& device, uint64_t offset, size_t count) {
   const auto handle = platform().deviceFile->open(device, DeviceAccess::readOnly, DeviceLock::none);
   if (!handle) throw Failure::ofErrno(device, errno);
+  return readDevice(*handle, device, offset, count);
+}
+
+ByteVector readDevice(DeviceHandle& handle, const std::string& device, uint64_t offset, size_t count) {
   ByteVector bytes(count);
-  const ssize_t done = handle->readAt(bytes.data(), count, offset);
+  const ssize_t done = handle.readAt(bytes.data(), count, offset);
   if (done < 0) throw Failure::ofErrno(device, errno);
   if (static_cast<size_t>(done) < count) {
     throw Failure(device, "ends before byte " + std::to_string(offset + count));

@@ -1,61 +1,84 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/QDSUtilities.h>
-#include <strings.h>
+#include <Vorlix/QDSUtilities/CaseFolding.h>
+#include <Vorlix/QDSUtilities/VolumeNames.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
+#include <system_error>
 
 #include "Arbitration.h"
 #include "Commands.h"
 #include "Failure.h"
-#include "Files.h"
-#include "LibraryLog.h"
+#include "LegacyBootFiles.h"
 #include "Text.h"
+#include "VolumeFolder.h"
 
 namespace vorlix::tool {
 namespace {
 
+constexpr const char* kNothingCopied = "nothing was copied";
+
 struct LegacyBootOptions {
   std::string volume;
   std::string store;
+  bool dryRun = false;
 };
 
-// Windows takes all spellings of a name for one. A driver that tells them apart would put "boot" beside "Boot", and
-// Windows would see only one of the two.
+// Windows takes all spellings of a name for one. On a volume of which that is not known, "boot" would be put beside
+// "Boot", and Windows would see only one of the two.
 void requireOneSpelling(const std::string& folder) {
   std::error_code error;
   for (const std::string copied : {"boot", "bootmgr"}) {
-    if (std::filesystem::exists(folder + "/" + copied, error)) continue;
+    if (std::filesystem::exists(std::filesystem::symlink_status(folder + "/" + copied, error))) continue;
     for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
       const std::string name = entry.path().filename();
-      if (strcasecmp(name.c_str(), copied.c_str()) != 0) continue;
-      throw Failure(folder, "holds " + printable(name) + ", which Windows takes for " + copied, "nothing was copied");
+      if (lowerCase(name) != copied) continue;
+      throw Failure(folder, "holds " + printable(name) + ", which Windows takes for " + copied, kNothingCopied);
     }
   }
 }
 
-void setUp(const LegacyBootOptions& options) {
-  const std::string folder = std::filesystem::absolute(folderOfVolume(options.volume)).string();
+// The folder that says that a volume is set up. Any spelling of it is that on a volume of Windows' own.
+std::optional<std::string> bootFolderOf(const VolumeFolder& root, bool caseBlind) {
+  const std::optional<std::string> found = root.find("BOOT");
+  if (found || caseBlind) return found;
+  requireOneSpelling(root.path());
+  return std::nullopt;
+}
+
+// @return whether anything was, or in a dry run would be, copied.
+bool setUp(const LegacyBootOptions& options) {
   std::error_code error;
-  if (!std::filesystem::is_regular_file(options.store, error)) {
-    throw Failure(options.store, "not a file; --bcd names the boot configuration store for legacy start");
+  const std::string path = std::filesystem::canonical(folderOfVolume(options.volume), error).string();
+  if (error) throw Failure(options.volume, error.message(), kNothingCopied);
+  const auto store = std::filesystem::status(options.store, error);
+  if (!std::filesystem::is_regular_file(store)) {
+    const bool isMissing = store.type() == std::filesystem::file_type::not_found;
+    throw Failure(options.store, (error && !isMissing ? error.message() + "; " : "") +
+                                     "not a file; --bcd names the boot configuration store for legacy start");
   }
-  if (std::filesystem::exists(folder + "/BOOT", error)) {
-    std::printf("%s is set up already (BOOT exists); nothing was copied\n", printable(folder).c_str());
-    return;
+  const bool caseBlind = isCaseBlindMount(path);
+  const VolumeFolder root(path, caseBlind);
+  if (!options.dryRun) removeLegacyBootLeftovers(root);
+  if (const auto boot = bootFolderOf(root, caseBlind)) {
+    std::printf("%s is set up already (%s exists); nothing was copied\n", printable(path).c_str(),
+                printable(*boot).c_str());
+    return false;
   }
-  requireOneSpelling(folder);
-  const LibraryLog log;
-  const int result = QDSUtilities::setupMBRBootFilesForDevice(URL::fileURLWithPath(folder),
-                                                              std::filesystem::absolute(options.store).string());
-  std::printf("%s", printableLines(log.text()).c_str());
-  if (result != 0) {
-    std::fflush(stdout);
-    throw Failure(folder, "a copy failed",
-                  "what was copied stays; remove what is incomplete, since a second run passes over all that is there");
+  std::printf("Setting up legacy booting to %s\n", printable(path).c_str());
+  const LegacyBootPlan plan = planLegacyBoot(root, std::filesystem::canonical(options.store).string());
+  for (const std::string& source : plan.skipped) {
+    std::printf("%s does not exist, skipping\n", printable(source).c_str());
   }
+  for (const LegacyBootItem& item : plan.items) {
+    std::printf("copying %s to %s\n", printable(item.source).c_str(), printable(item.destination).c_str());
+  }
+  std::fflush(stdout);
+  if (!options.dryRun && !plan.items.empty()) copyLegacyBootFiles(root, plan);
+  return !plan.items.empty();
 }
 
 }  // namespace
@@ -66,9 +89,10 @@ void addLegacyBootCommand(CLI::App& app, int& status) {
       app.add_subcommand("legacy-boot", "Lay out the files that Windows needs on a volume for legacy start");
   command->add_option("VOLUME", options->volume, "Folder where the volume is mounted, or its device")->required();
   command->add_option("--bcd", options->store, "Boot configuration store to copy to boot/BCD")->required();
+  command->add_flag("--dry-run", options->dryRun, "Show what would be copied; copy nothing");
   command->callback([options, &status] {
-    setUp(*options);
-    status = kDone;
+    const bool changes = setUp(*options);
+    status = options->dryRun && changes ? kChangeNeeded : kDone;
   });
 }
 

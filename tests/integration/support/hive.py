@@ -31,6 +31,40 @@ def device_element(partition=bytes(16), disk=bytes(16), mbr=False):
     )
 
 
+# Where the device elements of a store have their partition GUID. The disk's stands 24 bytes on.
+ELEMENTS = {
+    "standard": (10492, 10740, 5828 - 24, 7900 - 24, 9372 - 24),
+    "mdt": (8792, 10200, 14124, 11908),
+    "sccm": (8424, 9872, 11660 - 24, 19284 - 24),
+}
+
+
+def checksum(base_block):
+    """Of the first 508 bytes."""
+    result = 0
+    for word in struct.unpack_from("<127I", base_block):
+        result ^= word
+    return result
+
+
+def prepared_store(content, *modes):
+    """Bytes with the headers of a hive, and with the descriptor of a partition in every place of the modes.
+
+    For what goes by places and headers alone: the keys are missing.
+    """
+    content = bytearray(content)
+    for mode in modes:
+        for place in ELEMENTS[mode]:
+            element = device_element(bytes([1] * 16), bytes([2] * 16))
+            start = place - PARTITION_IN_ELEMENT
+            content[start : start + len(element)] = element
+    content[:4] = b"regf"
+    struct.pack_into("<I", content, 0x28, len(content) // PAGE * PAGE - PAGE)
+    content[PAGE : PAGE + 4] = b"hbin"
+    struct.pack_into("<I", content, 508, checksum(content))
+    return bytes(content)
+
+
 class Hive:
     """Cells are placed behind one another, but for data that is given a place in the file."""
 
@@ -91,10 +125,7 @@ class Hive:
                 struct.pack_into("<i", self.bytes, free, at - free)
             free = at + length
         struct.pack_into("<4sIIQIIIIIII", self.bytes, 0, b"regf", 1, 1, 0, 1, 5, 0, 1, root, len(self.bytes) - PAGE, 1)
-        checksum = 0
-        for word in struct.unpack_from("<127I", self.bytes):
-            checksum ^= word
-        struct.pack_into("<I", self.bytes, 508, checksum)
+        struct.pack_into("<I", self.bytes, 508, checksum(self.bytes))
         return bytes(self.bytes)
 
 

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+
+#include "Files.h"
+#include "VolumeFolder.h"
+
+namespace vorlix::tool {
+
+/// A file of a folder of a volume, replaced in one step: whatever cuts it off, the old or the new one stands there
+/// whole.
+class FileReplacement {
+ public:
+  /// Takes away what a replacement that was cut off has left in the folder. Throws Failure, also where another process
+  /// is at it.
+  /// @param name  how the file is spelled there, or is to be
+  FileReplacement(const VolumeFolder& folder, std::string name);
+  ~FileReplacement();
+  FileReplacement(const FileReplacement&) = delete;
+  FileReplacement& operator=(const FileReplacement&) = delete;
+
+  /// Writes the file aside, brings it to the medium, compares what is read back, and gives it the name. Throws Failure,
+  /// which says what stands there.
+  void replaceBy(const ByteVector& bytes);
+
+ private:
+  const VolumeFolder& folder_;
+  std::string name_;
+  std::string aside_;
+  bool isAside_ = false;
+};
+
+}  // namespace vorlix::tool

@@ -1,0 +1,215 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "LegacyBootFiles.h"
+
+#include <Vorlix/platform/FileCopy.h>
+#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/posix/Descriptor.h>
+#include <Vorlix/platform/posix/FileHandle.h>
+#include <Vorlix/platform/posix/FilesInPlace.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <system_error>
+
+#include "Complaint.h"
+#include "Failure.h"
+#include "NewFile.h"
+#include "Text.h"
+
+namespace vorlix::tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kAside = "vorlix-legacy-boot.new";
+constexpr const char* kBoot = "boot";
+constexpr const char* kNothingCopied = "nothing was copied";
+
+// One row of the layout, looked up on the volume.
+struct Row {
+  std::string source;
+  std::optional<struct stat> status;  // of the source
+  std::string destination;
+  bool isThere = false;
+};
+
+void requireNoLink(const std::string& path, const struct stat& status) {
+  const bool isPlain = S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
+  if (!isPlain) throw Failure(path, kindText(status.st_mode) + ", neither a file nor a folder", kNothingCopied);
+}
+
+// A source below folders of the volume, any of which may be missing.
+void findSource(const VolumeFolder& folder, const std::vector<std::string>& names, size_t depth, Row& row) {
+  const std::optional<std::string> spelled = folder.find(names[depth]);
+  row.source = folder.pathOf(spelled.value_or(names[depth]));
+  if (!spelled) {
+    for (size_t below = depth + 1; below < names.size(); ++below) row.source += "/" + names[below];
+    return;
+  }
+  const std::optional<struct stat> status = folder.statusOf(*spelled);
+  if (!status) return;
+  requireNoLink(row.source, *status);
+  if (depth + 1 == names.size()) {
+    row.status = status;
+  } else if (S_ISDIR(status->st_mode)) {
+    findSource(folder.folder(names[depth]), names, depth + 1, row);
+  }
+}
+
+void findDestination(const VolumeFolder& folder, const std::string& name, Row& row) {
+  const std::optional<std::string> spelled = folder.find(name);
+  row.destination = folder.pathOf(spelled.value_or(name));
+  row.isThere = spelled.has_value();
+  if (const auto status = spelled ? folder.statusOf(*spelled) : std::nullopt) requireNoLink(row.destination, *status);
+}
+
+// The rows in the order of copying. A destination in a folder "boot" that is still to come is told by the source of
+// that folder, which may hold it.
+std::vector<Row> lookUp(const VolumeFolder& root, const std::string& store) {
+  std::vector<Row> rows(4);
+  findSource(root, {"Windows", "Boot", "PCAT"}, 0, rows[0]);
+  findSource(root, {"Windows", "Boot", "Fonts"}, 0, rows[1]);
+  rows[2].source = store;
+  struct stat status = {};
+  if (stat(store.c_str(), &status) == 0) rows[2].status = status;
+  findSource(root, {"Windows", "Boot", "PCAT", "bootmgr"}, 0, rows[3]);
+
+  findDestination(root, kBoot, rows[0]);
+  findDestination(root, "bootmgr", rows[3]);
+  const bool hasFolder = rows[0].isThere;
+  if (!hasFolder && !(rows[0].status && S_ISDIR(rows[0].status->st_mode))) return rows;
+  const VolumeFolder below = hasFolder ? root.folder(kBoot) : root.folder("Windows").folder("Boot").folder("PCAT");
+  const std::pair<int, const char*> inBoot[] = {{1, "Fonts"}, {2, "BCD"}};
+  for (const auto& [row, name] : inBoot) {
+    findDestination(below, name, rows[static_cast<size_t>(row)]);
+    if (!hasFolder) rows[static_cast<size_t>(row)].destination = rows[0].destination + "/" + name;
+  }
+  return rows;
+}
+
+// Removes the folder aside with all that is in it at the end of a set-up, however it ends.
+class FolderAside {
+ public:
+  explicit FolderAside(const VolumeFolder& root) : path_(root.pathOf(kAside)) {
+    if (mkdir(path_.c_str(), 0700) != 0) throw Failure(path_, std::strerror(errno), kNothingCopied);
+    folder_ = Descriptor(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder_ || flock(folder_.get(), LOCK_EX | LOCK_NB) != 0) throw Failure(path_, std::strerror(errno));
+  }
+  ~FolderAside() {
+    std::error_code error;
+    fs::remove_all(path_, error);
+    if (error) complain(path_ + ": cannot be removed: " + error.message() + "; the next run tries again");
+  }
+  FolderAside(const FolderAside&) = delete;
+  FolderAside& operator=(const FolderAside&) = delete;
+
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+  Descriptor folder_;
+};
+
+void syncItem(const fs::path& path, bool isFolder) {
+  const Descriptor item(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!item || (isFolder ? syncFolder(item.get()) : syncDescriptor(item.get())) != 0) {
+    throw Failure(path.string(), std::strerror(errno), kNothingCopied);
+  }
+}
+
+// Links are left alone: they are brought to the medium with the folder that they stand in.
+void syncTree(const fs::path& path) {
+  std::error_code error;
+  const fs::file_status status = fs::symlink_status(path, error);
+  if (fs::is_regular_file(status)) syncItem(path, false);
+  if (!fs::is_directory(status)) return;
+  for (fs::directory_iterator entry(path, error); entry != fs::directory_iterator(); entry.increment(error)) {
+    syncTree(entry->path());
+  }
+  if (error) throw Failure(path.string(), error.message(), kNothingCopied);
+  syncItem(path, true);
+}
+
+bool isBelow(const std::string& path, const std::string& folder) {
+  return path.starts_with(folder + "/");
+}
+
+}  // namespace
+
+LegacyBootPlan planLegacyBoot(const VolumeFolder& root, const std::string& store) {
+  LegacyBootPlan plan;
+  plan.root = root.path();
+  // Not set anew for each row: a missing source is optional after a folder and required after a file.
+  bool isFolder = false;
+  for (const Row& row : lookUp(root, store)) {
+    if (row.status) isFolder = S_ISDIR(row.status->st_mode);
+    if (!row.status && isFolder) {
+      plan.skipped.push_back(row.source);
+      continue;
+    }
+    if (row.isThere) continue;
+    if (!row.status) throw Failure(row.source, std::strerror(ENOENT), kNothingCopied);
+    if (row.destination.empty()) {
+      throw Failure(plan.items.front().source, "is a file; the folder " + std::string(kBoot) + " is made from it",
+                    kNothingCopied);
+    }
+    plan.items.push_back({row.source, row.destination});
+  }
+  return plan;
+}
+
+void copyLegacyBootFiles(const VolumeFolder& root, const LegacyBootPlan& plan) {
+  const FolderAside aside(root);
+  const std::string boot = root.pathOf(kBoot);
+  const bool isBootNew = !plan.items.empty() && plan.items.front().destination == boot;
+  std::vector<LegacyBootItem> moves;  // from the folder aside into place
+  for (const LegacyBootItem& item : plan.items) {
+    const bool isPart = isBootNew && isBelow(item.destination, boot);
+    const std::string copy =
+        aside.path() + (isPart ? "/boot" : "") + "/" + fs::path(item.destination).filename().string();
+    if (const auto reason = platform().fileCopy->copyItem(item.source, copy)) {
+      throw Failure(item.destination, "cannot be copied: " + *reason, kNothingCopied);
+    }
+    if (!isPart) moves.push_back({copy, item.destination});
+  }
+  syncTree(aside.path());
+  std::stable_partition(moves.begin(), moves.end(),
+                        [&](const LegacyBootItem& move) { return move.destination != boot; });
+  std::string state = kNothingCopied;
+  for (const LegacyBootItem& move : moves) {
+    if (takeFreeName(move.source, move.destination) != 0) throw Failure(move.destination, std::strerror(errno), state);
+    state = "a part is in place, a second run does the rest";
+    const Descriptor parent(
+        open(fs::path(move.destination).parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!parent || syncFolder(parent.get()) != 0) throw Failure(move.destination, std::strerror(errno), state);
+  }
+  if (syncFileSystem(root.descriptor()) != 0) {
+    throw Failure(root.path(), std::strerror(errno), "all is in place, but may not be on the medium");
+  }
+}
+
+void removeLegacyBootLeftovers(const VolumeFolder& root) {
+  const std::optional<struct stat> status = root.statusOf(kAside);
+  if (!status) return;
+  const std::string path = root.pathOf(kAside);
+  if (S_ISDIR(status->st_mode)) {
+    const Descriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder) throw Failure(path, std::strerror(errno), kNothingCopied);
+    if (flock(folder.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+      throw Failure(root.path(), "another process is setting it up", kNothingCopied);
+    }
+  }
+  std::error_code error;
+  fs::remove_all(path, error);  // of a link only the link
+  if (error) throw Failure(path, error.message(), kNothingCopied);
+}
+
+}  // namespace vorlix::tool

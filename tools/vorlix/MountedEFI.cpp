@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "MountedEFI.h"
+
+#include <Vorlix/platform/MountedVolumes.h>
+#include <Vorlix/platform/Platform.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <utility>
+
+#include "Arbitration.h"
+#include "Complaint.h"
+#include "Failure.h"
+
+namespace vorlix::tool {
+namespace {
+
+// Whether a file system of its own begins at a folder.
+bool isMountPoint(const std::string& path) {
+  struct stat own = {};
+  struct stat above = {};
+  return stat(path.c_str(), &own) == 0 && stat((path + "/..").c_str(), &above) == 0 && own.st_dev != above.st_dev;
+}
+
+}  // namespace
+
+MountedEFI::MountedEFI(std::string slice) : slice_(std::move(slice)), wasMounted_(mountPointOf(slice_).has_value()) {
+  if (!wasMounted_) {
+    if (const auto refusal = tryMount(slice_, true)) throw Failure(slice_, reasonText(*refusal));
+  }
+  const std::optional<std::string> path = mountPointOf(slice_);
+  if (!path) throw Failure(slice_, "it was mounted, but not at any place that can be seen");
+  path_ = *path;
+  isMirror_ = !isMountPoint(path_);
+}
+
+MountedEFI::~MountedEFI() {
+  if (wasMounted_ || isDone_) return;
+  try {
+    if (const auto refusal = tryUnmount(slice_)) complain(slice_ + ": stays mounted: " + reasonText(*refusal));
+  } catch (const std::exception& error) {
+    complain(error.what());
+  }
+}
+
+std::optional<uint64_t> MountedEFI::freeSpace() const {
+  if (!isMirror_) {
+    struct statvfs status = {};
+    if (statvfs(path_.c_str(), &status) != 0 || status.f_blocks == 0) return std::nullopt;
+    return uint64_t{status.f_bavail} * status.f_frsize;
+  }
+  for (const MountedVolume& volume : platform().mountedVolumes->volumes()) {
+    if (volume.mountPath == path_) return volume.freeSpace;
+  }
+  return std::nullopt;
+}
+
+void MountedEFI::finish(const std::string& change) {
+  isDone_ = true;
+  if (wasMounted_ && !isMirror_) return;
+  const std::optional<Dissenter> refusal = tryUnmount(slice_);
+  if (!refusal) return;
+  std::string state = change + " is on the disk, which stays mounted at " + path_;
+  if (isMirror_) {
+    const bool isThere = mountPointOf(slice_) == path_;
+    state = isThere ? change + " is in " + path_ + ", and on the disk when that has been unmounted"
+                    : change + " may be on the disk or not";
+  }
+  throw Failure(slice_, reasonText(*refusal), state);
+}
+
+}  // namespace vorlix::tool

@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "NewFile.h"
+
+#include <Vorlix/platform/posix/Descriptor.h>
+#include <Vorlix/platform/posix/FileHandle.h>
+#include <Vorlix/platform/posix/FilesInPlace.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+
+#include "Failure.h"
+#include "VolumeFolder.h"
+
+namespace vorlix::tool {
+namespace {
+
+constexpr const char* kNoFile = "no file was made";
+constexpr size_t kLongestStart = 200;  // of a name, so that the one beside it is not too long
+
+bool exists(const std::string& path) {
+  struct stat status = {};
+  return lstat(path.c_str(), &status) == 0;
+}
+
+bool isSameFile(int descriptor, const std::string& path) {
+  struct stat opened = {};
+  struct stat named = {};
+  return fstat(descriptor, &opened) == 0 && lstat(path.c_str(), &named) == 0 && opened.st_dev == named.st_dev &&
+         opened.st_ino == named.st_ino;
+}
+
+// A file beside the one to be made, locked for as long as it is written.
+class FileAside {
+ public:
+  explicit FileAside(const std::string& path) : path_(path) {
+    file_ = create();
+    if (!file_ && errno == EEXIST) {
+      removeLeftover();
+      file_ = create();
+    }
+    if (!file_) throw Failure(path_, std::strerror(errno), kNoFile);
+    isThere_ = true;
+    if (flock(file_.get(), LOCK_EX | LOCK_NB) != 0 || !isSameFile(file_.get(), path_)) {
+      isThere_ = false;  // another process has taken it for a leftover
+      throw Failure(path_, "another process is making it", kNoFile);
+    }
+  }
+  ~FileAside() {
+    if (isThere_) unlink(path_.c_str());
+  }
+  FileAside(const FileAside&) = delete;
+  FileAside& operator=(const FileAside&) = delete;
+
+  int descriptor() const { return file_.get(); }
+  void hasMoved() { isThere_ = false; }
+
+ private:
+  Descriptor create() const {
+    constexpr mode_t kMode = 0666;  // less the process's umask
+    return Descriptor(open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode));
+  }
+
+  // What a process that was ended has left. One that still works has it locked.
+  void removeLeftover() const {
+    const Descriptor old(open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!old) throw Failure(path_, std::strerror(errno), kNoFile);
+    if (flock(old.get(), LOCK_EX | LOCK_NB) != 0) throw Failure(path_, "another process is making it", kNoFile);
+    if (unlink(path_.c_str()) != 0) throw Failure(path_, std::strerror(errno), kNoFile);
+  }
+
+  std::string path_;
+  Descriptor file_;
+  bool isThere_ = false;
+};
+
+}  // namespace
+
+void refuseExisting(const std::string& path) {
+  if (exists(path)) throw Failure(path, "exists already; a saved file is never overwritten");
+}
+
+int takeFreeName(const std::string& from, const std::string& to) {
+  if (renameToFreeName(from.c_str(), to.c_str()) == 0) return 0;
+  if (errno != EINVAL && errno != ENOTSUP && errno != ENOSYS) return -1;
+  struct stat status = {};
+  const bool isFile = lstat(from.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+  if (isFile && link(from.c_str(), to.c_str()) == 0) {
+    unlink(from.c_str());
+    return 0;
+  }
+  if (isFile && errno == EEXIST) return -1;
+  if (exists(to)) {
+    errno = EEXIST;
+    return -1;
+  }
+  return rename(from.c_str(), to.c_str());
+}
+
+void saveNewFile(const std::string& path, const ByteVector& bytes) {
+  refuseExisting(path);
+  const std::filesystem::path target(path);
+  const std::filesystem::path folder = target.has_parent_path() ? target.parent_path() : ".";
+  const std::string name = target.filename().string();
+  const std::string beside = folder / ("." + name.substr(0, kLongestStart) + ".vorlix-new");
+  FileAside aside(beside);
+  writeAndReadBack(aside.descriptor(), path, bytes, kNoFile);
+  if (takeFreeName(beside, path) != 0) {
+    if (errno == EEXIST) refuseExisting(path);
+    throw Failure(path, std::strerror(errno), kNoFile);
+  }
+  aside.hasMoved();
+  const Descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!opened || syncFolder(opened.get()) != 0) {
+    throw Failure(path, std::strerror(errno), "the file is there, but may not be on the medium yet");
+  }
+}
+
+}  // namespace vorlix::tool
