@@ -70,7 +70,7 @@ class BootType(Probe):
         self.assert_unchanged(path, before)
 
     def assert_refused(self, path, reason, **options):
-        self.assert_answer(["boot-type", path], 2, "", f"vorlix: {path}: {reason}; nothing was written\n", **options)
+        self.assert_answer(["boot-type", path], 2, "", f"vorlix: {path}: {reason}\n", **options)
 
     def test_a_gpt_with_its_protective_mbr_starts_by_efi(self):
         path = self.disk()
@@ -175,19 +175,19 @@ class Bootable(Probe):
 
     def test_what_is_no_folder(self):
         path = self.path("missing")
-        error = f"vorlix: {path}: no such device or disk image; nothing was written\n"
+        error = f"vorlix: {path}: no such device or disk image\n"
         self.assert_answer(["bootable", path], 2, "", error)
 
     def test_a_disk_image_that_is_not_mounted(self):
         path = tools.sgdisk_image(self.path("mac.img"), tools.MAC_LAYOUT)
         before = images.snapshot(path)
-        self.assert_answer(["bootable", path + "s3"], 2, "", f"vorlix: {path}s3: not mounted; nothing was written\n")
+        self.assert_answer(["bootable", path + "s3"], 2, "", f"vorlix: {path}s3: not mounted\n")
         self.assert_unchanged(path, before)
 
     def test_a_folder_that_may_not_be_searched_is_not_called_empty(self):
         folder = self.volume("ntldr")
         os.chmod(folder, 0o600)
-        self.assert_answer(["bootable", folder], 2, "", f"vorlix: {folder}: Permission denied; nothing was written\n",
+        self.assert_answer(["bootable", folder], 2, "", f"vorlix: {folder}: Permission denied\n",
                            prefix=self.as_nobody())
 
 

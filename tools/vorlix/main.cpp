@@ -5,6 +5,8 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <functional>
+#include <set>
 #include <string>
 
 #include "../StandardDescriptors.h"
@@ -12,6 +14,21 @@
 #include "Complaint.h"
 #include "Failure.h"
 #include "Text.h"
+
+namespace {
+
+// Whether the command that was chosen never writes to a disk or a volume.
+bool onlyLooks(const CLI::App& app) {
+  static const std::set<std::string, std::less<>> kLooking = {
+      "show",    "check", "identify",   "list",      "find",     "boot-camp", "windows",
+      "archive", "log",   "image-size", "boot-type", "bootable", "sip",       "check-caller"};
+  for (const CLI::App* const command : app.get_subcommands()) {
+    if (!kLooking.contains(command->get_name())) return false;
+  }
+  return true;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   using namespace vorlix::tool;
@@ -49,6 +66,9 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kDone : kError;
+  } catch (const Failure& failure) {
+    complain(failure.text(onlyLooks(app)));
+    return kError;
   } catch (const std::exception& error) {
     complain(error.what());
     return kError;
