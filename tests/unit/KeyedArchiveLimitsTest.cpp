@@ -217,7 +217,7 @@ TEST(KeyedArchiveLimitsTest, WhatOverlapsAWholeNumberBeyondSigned64BitsIsReadOrR
   const Data archive = archiveAround({number, {0xA1, 0}}, 1);
   for (size_t shift = 0; shift < 17; ++shift) {
     Data moved = archive;
-    const size_t table = moved[moved.size() - 2] << 8 | moved.back();
+    const size_t table = size_t{moved[moved.size() - 2]} << 8 | moved.back();
     moved[table + 7] = static_cast<uint8_t>(8 + shift);  // of the second value
     readBack(moved, [](KeyedUnarchiver& coder) { (void)coder.decodeNumber("text"); });
   }
