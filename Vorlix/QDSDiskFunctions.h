@@ -16,8 +16,12 @@
  *   `/home/me/mac.imgs3`). They may have any length.
  * - Names of devices are BSD names, with or without "/dev/" ("disk0s3", "/dev/disk0"); a disk-image file has its path.
  *   The EFI System Partition of a disk is slice 1, `<disk>s1`.
- * - Functions of the sections on identity, mounting, boot configuration and boot records take null for a name as a name
- *   that nothing has, and do not write through a null result pointer.
+ * - Null for a name or a text counts as an empty one: a device, a volume or a file that nothing has, a message without
+ *   a character. Functions of the sections on identity, mounting, boot configuration and boot records do not write
+ *   through a null result pointer; elsewhere streams, records and results must not be null.
+ * - No function throws. Where memory runs out, or a replaced part of the platform throws, a function logs its name and
+ *   the reason and answers as for a device that cannot be used: -1, where it has no such result 0 or null. What it had
+ *   opened is closed; what it had written or mounted stays so.
  * - The functions keep no state between calls but take no lock of their own: do not run two of them on one disk at
  *   the same time, and no two that mount or unmount in one process.
  *
@@ -129,10 +133,11 @@ VORLIX_EXPORT extern char ntfsresizepath[1024];
 
 /**
  * Appends a message to the log file "/tmp/quandrel.log", which is opened anew on every call and created with the
- * process's default permissions. A symbolic link in its place is not followed.
+ * process's default permissions. A symbolic link in its place is not followed, and a file with a second name (a hard
+ * link) is not written.
  *
  * @param message  NUL-terminated text; at most its first 1024 bytes are written. It is written exactly as it stands,
- *                 without a line feed, a time stamp or a prefix.
+ *                 without a line feed, a time stamp or a prefix. Null is an empty message.
  * @return 0. A log that cannot be opened costs the message: "error opening log file" goes to standard error instead.
  */
 VORLIX_EXPORT int logLine(const char* message);
@@ -227,7 +232,7 @@ VORLIX_EXPORT int ComparePartitionTables(const MBRPartitionEntry* fresh, const M
  * Tells a guard MBR from a hybrid one by the type of slot 2 alone.
  *
  * @param device  a readable device. One that cannot be opened has nothing in slot 2 and counts as guard; check first.
- * @return 1 for a guard MBR, 0 for a hybrid one.
+ * @return 1 for a guard MBR, 0 for a hybrid one; 1 also where an exception ended it.
  * @note The stream stays open: each call costs the process one descriptor.
  */
 VORLIX_EXPORT int has_guard_mbr(const char* device);
@@ -280,7 +285,8 @@ VORLIX_EXPORT void write_new_gpt(int non_interactive, const char* device, const 
  * @param start            start sector, written little-endian.
  * @param unused2          pass 0.
  * @param volume           device of the volume.
- * @return 0, or -1 when the device could not be opened or written. Failed writes are also told on standard error.
+ * @return 0, or -1 when the device could not be opened or written. Failed writes are also told on standard error, one
+ *         that the device's end cut short as ENOSPC.
  */
 VORLIX_EXPORT int update_start_sector(int non_interactive, uint64_t unused1, uint32_t start, uint64_t unused2,
                                       const char* volume);

@@ -38,6 +38,7 @@ list(APPEND VORLIX_SOURCES
      foundation/KeyedArchive/Format.cpp
      foundation/KeyedArchive/PropertyList.cpp
      foundation/KeyedArchive/Unarchiver.cpp
+    foundation/KeyedArchive/XMLPropertyList.cpp
      foundation/NotificationCenter.cpp
      foundation/PropertyListFile.cpp
      foundation/Utf8.cpp)
@@ -206,6 +207,16 @@ target_link_libraries(vorlix_objects PUBLIC vorlix_headers ${VORLIX_SYSTEM_LIBRA
 target_include_directories(vorlix_objects SYSTEM PRIVATE ${VORLIX_SYSTEM_INCLUDES})
 target_compile_definitions(vorlix_objects PRIVATE
                            VORLIX_RESOURCE_FOLDER="${CMAKE_INSTALL_FULL_DATADIR}/vorlix")
+# The same folder seen from the installed programs and from the installed library, for a prefix that is chosen when it
+# is installed. Folders that are given as absolute paths do not move with the prefix.
+foreach(from BINDIR LIBDIR)
+  set(relative "")
+  if(NOT IS_ABSOLUTE "${CMAKE_INSTALL_${from}}" AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_DATADIR}")
+    file(RELATIVE_PATH relative "/prefix/${CMAKE_INSTALL_${from}}" "/prefix/${CMAKE_INSTALL_DATADIR}/vorlix")
+  endif()
+  set_property(SOURCE platform/linux/HostBundle.cpp APPEND PROPERTY
+               COMPILE_DEFINITIONS VORLIX_RESOURCES_FROM_${from}="${relative}")
+endforeach()
 
 foreach(kind SHARED STATIC)
   string(TOLOWER ${kind} suffix)

@@ -2,7 +2,8 @@
 /// @file
 /// Records as bytes under named keys, as hosts hand them from one process to another.
 ///
-/// The container is the keyed archive of the platform's object coding, a binary property list:
+/// The container is the keyed archive of the platform's object coding, a property list. It is written as a binary one
+/// and read as a binary one or one in XML, where a reference is the dictionary { "CF$UID": place }:
 ///
 ///     "$archiver"  "NSKeyedArchiver"
 ///     "$version"   100000
@@ -100,8 +101,9 @@ class VORLIX_EXPORT KeyedArchiver {
 ///
 /// Each entry is asked for with the class that it must be of; growable text counts as text, growable bytes as bytes,
 /// and growable styled text as styled text. What is missing, refers to nothing, is of another class or malformed, leads
-/// back into itself or lies too deep is absent, and so is what comes after the limits on the archive's whole are used
-/// up. Nothing in an archive makes an object of a class that was not asked for.
+/// back into itself, lies too deep or is a whole number beyond 64 bits with a sign is absent, and so is what comes
+/// after the limits on the archive's whole are used up. Nothing in an archive makes an object of a class that was not
+/// asked for.
 class VORLIX_EXPORT KeyedUnarchiver {
  public:
   static constexpr size_t kLargestArchive = size_t{16} << 20;  ///< bytes; also what its values may take unfolded

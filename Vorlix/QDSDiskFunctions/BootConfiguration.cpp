@@ -19,6 +19,7 @@
 #include "../QDSUtilities/VolumeNames.h"
 #include "Arguments.h"
 #include "DeviceStreams.h"
+#include "Exceptions.h"
 #include "Log.h"
 #include "StoreSlots.h"
 
@@ -140,7 +141,7 @@ void writeIdentifiers(int store, const vorlix::StoreIdentifiers& identifiers, in
 
 }  // namespace
 
-int32_t update_bcd(const char* source, const char* disk, const char* partition, int32_t mode) {
+int32_t update_bcd(const char* source, const char* disk, const char* partition, int32_t mode) try {
   logMessage("Mounting EFI partition on %s\n", textOf(disk));
   const char* const mounted = mount_efi(disk);
   if (mounted == nullptr) {
@@ -197,4 +198,7 @@ int32_t update_bcd(const char* source, const char* disk, const char* partition, 
   unmount_efi(disk);
   logMessage("Completed EFI update.%s\n", "");
   return 0;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return -1;
 }

@@ -16,6 +16,7 @@
 
 #include "Arguments.h"
 #include "DeviceStreams.h"
+#include "Exceptions.h"
 #include "Log.h"
 #include "PartitionRecords.h"
 
@@ -24,8 +25,10 @@ using vorlix::DeviceHandle;
 using vorlix::DeviceLock;
 using vorlix::keepOpen;
 using vorlix::logMessage;
+using vorlix::readWhole;
 using vorlix::Stream;
 using vorlix::textOf;
+using vorlix::writeWhole;
 
 namespace {
 
@@ -46,8 +49,8 @@ constexpr int32_t kRestoreSeekFailed = -6;
 constexpr int32_t kRestoreWriteFailed = -7;
 
 // Positions are part of each transfer; a device that has none says so when it is first asked for one.
-bool cannotSeek(ssize_t result) {
-  return result < 0 && errno == ESPIPE;
+bool cannotSeek() {
+  return errno == ESPIPE;
 }
 
 std::unique_ptr<DeviceHandle> openDevice(const char* path, DeviceAccess access, DeviceLock lock) {
@@ -85,7 +88,7 @@ int32_t file_exist(const char* path) {
   return stat(textOf(path), &status) == 0 ? 1 : 0;
 }
 
-int32_t write_vbr_to_file(const char* device, const char* file) {
+int32_t write_vbr_to_file(const char* device, const char* file) try {
   device = textOf(device);
   file = textOf(file);
   logMessage("writing vbr from volume %s to %s\n", device, file);
@@ -99,13 +102,13 @@ int32_t write_vbr_to_file(const char* device, const char* file) {
     return kFailed;
   }
   std::array<uint8_t, kVBRSize> bytes = {};
-  const ssize_t count = volume->readAt(bytes.data(), bytes.size(), kVBROffset);
-  if (cannotSeek(count)) {
+  const bool complete = readWhole(*volume, bytes.data(), bytes.size(), kVBROffset);
+  if (!complete && cannotSeek()) {
     logMessage("could not seek %s\n", device);
     keepOpen(std::move(volume));
     return kSaveSeekFailed;
   }
-  if (count != static_cast<ssize_t>(bytes.size())) {
+  if (!complete) {
     logMessage("error reading VBR data on device %s\n", device);
     std::perror("error reading VBR data\n");
     keepOpen(std::move(volume));
@@ -122,9 +125,12 @@ int32_t write_vbr_to_file(const char* device, const char* file) {
     return kSaveWriteFailed;
   }
   return 0;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return kFailed;
 }
 
-int32_t write_mbr_to_file(const char* device, const char* file) {
+int32_t write_mbr_to_file(const char* device, const char* file) try {
   if (device == nullptr || file == nullptr) return kFailed;
   if (file_exist(file) != 0) {
     logMessage("%s already exists\n", file);
@@ -139,7 +145,7 @@ int32_t write_mbr_to_file(const char* device, const char* file) {
     std::exit(-1);
   }
   std::array<uint8_t, vorlix::kBootCodeSize> bytes = {};
-  if (disk->readAt(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
+  if (!readWhole(*disk, bytes.data(), bytes.size(), 0)) {
     std::perror("error reading MBR data:");
     keepOpen(std::move(disk));
     return kFailed;
@@ -155,9 +161,12 @@ int32_t write_mbr_to_file(const char* device, const char* file) {
     return kFailed;
   }
   return 0;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return kFailed;
 }
 
-int32_t restore_vbr_to_device(const char* file, const char* device) {
+int32_t restore_vbr_to_device(const char* file, const char* device) try {
   device = textOf(device);
   file = textOf(file);
   static_cast<void>(unmount_disk(device));
@@ -183,19 +192,22 @@ int32_t restore_vbr_to_device(const char* file, const char* device) {
     std::perror("Error opening in_device");
     return kRestoreDeviceNotOpened;
   }
-  const ssize_t count = volume->writeAt(bytes.data(), bytes.size(), kVBROffset);
-  if (cannotSeek(count)) {
+  const bool written = writeWhole(*volume, bytes.data(), bytes.size(), kVBROffset);
+  if (!written && cannotSeek()) {
     logMessage("could not seek %s\n", device);
     keepOpen(std::move(volume));
     return kRestoreSeekFailed;
   }
-  if (count != static_cast<ssize_t>(bytes.size()) || volume->sync() != 0) {
+  if (!written || volume->sync() != 0) {
     logMessage("could not write VBR to device%s", "");
     keepOpen(std::move(volume));
     return kRestoreWriteFailed;
   }
   static_cast<void>(volume->close());
   return 0;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return kFailed;
 }
 
 int32_t change_ownership(const char* path, uint32_t owner, uint32_t group) {

@@ -18,6 +18,7 @@
 #include <variant>
 
 #include "Arguments.h"
+#include "Exceptions.h"
 #include "Log.h"
 #include "PartitionRecords.h"
 
@@ -171,7 +172,7 @@ int32_t lookUpDiskGUID(RegistryEntry& partition, const char* name, std::string w
 
 }  // namespace
 
-int32_t MyFindEjectableMedia(std::shared_ptr<RegistryIterator>* iterator) {
+int32_t MyFindEjectableMedia(std::shared_ptr<RegistryIterator>* iterator) try {
   vorlix::IORegistry& registry = *vorlix::platform().ioRegistry;
   vorlix::MasterPort port = 0;
   if (const KernReturn code = registry.masterPort(port); code != kKernSuccess) {
@@ -188,9 +189,12 @@ int32_t MyFindEjectableMedia(std::shared_ptr<RegistryIterator>* iterator) {
   }
   std::printf("No ejectable CD media found.\n kernResult = %d\n", code);
   return code;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return kKernFailure;
 }
 
-int32_t MyGetDeviceFilePath(const std::shared_ptr<RegistryEntry>& service, char* path, size_t size) {
+int32_t MyGetDeviceFilePath(const std::shared_ptr<RegistryEntry>& service, char* path, size_t size) try {
   if (path == nullptr || size == 0) return kKernFailure;
   path[0] = '\0';
   if (!service) return kKernFailure;
@@ -203,14 +207,20 @@ int32_t MyGetDeviceFilePath(const std::shared_ptr<RegistryEntry>& service, char*
   if (!isASCII || name->size() >= size - folderLength) return kKernFailure;
   std::memcpy(path + folderLength, name->c_str(), name->size() + 1);
   return kKernSuccess;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return kKernFailure;
 }
 
-int32_t partitionForDeviceIdentifier(const char* name) {
+int32_t partitionForDeviceIdentifier(const char* name) try {
   const int32_t number = partitionForDeviceIdentifierOnGivenPlane(name, vorlix::kDeviceTreePlane);
   return number != 0 ? number : partitionForDeviceIdentifierOnGivenPlane(name, vorlix::kServicePlane);
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return 0;
 }
 
-int32_t partitionForDeviceIdentifierOnGivenPlane(const char* name, const char* plane) {
+int32_t partitionForDeviceIdentifierOnGivenPlane(const char* name, const char* plane) try {
   // "%{errno}d" is no conversion; it has always stood in the log as it is, and the code nowhere.
   constexpr const char* kNoConversion = "%{errno}d";
   logMessage("Getting partition number for identifier from IOKit%s", "");
@@ -233,9 +243,12 @@ int32_t partitionForDeviceIdentifierOnGivenPlane(const char* name, const char* p
     return partitionNumber(*properties);
   }
   return 0;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return 0;
 }
 
-int32_t media_type(const char* name, char* text) {
+int32_t media_type(const char* name, char* text) try {
   std::shared_ptr<RegistryIterator> services;
   if (servicesOfDevice(name, services) != kKernSuccess) return -1;
   int32_t result = -1;
@@ -252,9 +265,12 @@ int32_t media_type(const char* name, char* text) {
     }
   }
   return result;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return -1;
 }
 
-int32_t lookup_disk_info(const char* name, uint8_t* disk_guid, uint8_t* partition_guid, int64_t* offset) {
+int32_t lookup_disk_info(const char* name, uint8_t* disk_guid, uint8_t* partition_guid, int64_t* offset) try {
   std::shared_ptr<RegistryIterator> services;
   if (servicesOfDevice(name, services) != kKernSuccess) return 0;
   while (const std::shared_ptr<RegistryEntry> partition = nextEntry(services)) {
@@ -271,6 +287,9 @@ int32_t lookup_disk_info(const char* name, uint8_t* disk_guid, uint8_t* partitio
     if (lookUpDiskGUID(*partition, name, working, disk_guid) != 0) return -1;
   }
   return 0;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return -1;
 }
 
 int32_t convert_uuid_string_to_bytes(char* text, uint8_t* bytes) {
@@ -287,13 +306,16 @@ int32_t convert_uuid_string_to_bytes(char* text, uint8_t* bytes) {
   return 0;
 }
 
-int32_t disk_from_slice(char* disk, const char* name, int32_t dev_prefix) {
+int32_t disk_from_slice(char* disk, const char* name, int32_t dev_prefix) try {
   const WholeDisk whole = wholeDiskOf(name, dev_prefix != 0);
   if (whole.name && disk != nullptr) std::snprintf(disk, kTextBufferSize, "%s", whole.name->c_str());
   return whole.result;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return -1;
 }
 
-int32_t disk_guid(const char* device, uint8_t* guid) {
+int32_t disk_guid(const char* device, uint8_t* guid) try {
   const char* const path = textOf(device);
   const auto handle =
       vorlix::platform().deviceFile->open(path, vorlix::DeviceAccess::readOnly, vorlix::DeviceLock::none);
@@ -309,6 +331,9 @@ int32_t disk_guid(const char* device, uint8_t* guid) {
     }
   }
   return handle->close();
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return -1;
 }
 
 void remove_all_chars(char* text, char character) {

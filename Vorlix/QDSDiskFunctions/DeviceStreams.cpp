@@ -4,6 +4,7 @@
 #include <Vorlix/platform/DeviceStream.h>
 #include <Vorlix/platform/Platform.h>
 
+#include <cerrno>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -34,6 +35,21 @@ Stream openDeviceForReading(const char* path) {
   Stream stream(streamOver(std::move(device)));
   if (stream) std::setvbuf(stream.get(), nullptr, _IOFBF, kStreamBufferSize);
   return stream;
+}
+
+// A transfer that comes to less says why in errno only if it failed; cleared before, it holds no older reason.
+bool readWhole(DeviceHandle& device, void* buffer, size_t count, uint64_t offset) {
+  errno = 0;
+  if (device.readAt(buffer, count, offset) == static_cast<ssize_t>(count)) return true;
+  if (errno == 0) errno = EIO;
+  return false;
+}
+
+bool writeWhole(DeviceHandle& device, const void* bytes, size_t count, uint64_t offset) {
+  errno = 0;
+  if (device.writeAt(bytes, count, offset) == static_cast<ssize_t>(count)) return true;
+  if (errno == 0) errno = ENOSPC;
+  return false;
 }
 
 void keepOpen(Stream stream) {

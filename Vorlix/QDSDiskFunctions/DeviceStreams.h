@@ -5,6 +5,8 @@
 
 #include <Vorlix/platform/DeviceFile.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 
@@ -18,6 +20,11 @@ using Stream = std::unique_ptr<FILE, StreamCloser>;
 
 /// Opens a device (or a file) for reading through the platform in force. Null with `errno` set on failure.
 Stream openDeviceForReading(const char* path);
+
+/// Reads or writes exactly `count` bytes. False with `errno` set, also where the device only ends too soon: EIO for a
+/// read, ENOSPC for a write.
+bool readWhole(DeviceHandle& device, void* buffer, size_t count, uint64_t offset);
+bool writeWhole(DeviceHandle& device, const void* bytes, size_t count, uint64_t offset);
 
 /// Where hosts rely on a stream or a device staying open after a call, it is given to keepOpen(): it then lives until
 /// the process ends, reachable and counted. Null is ignored.

@@ -2,7 +2,7 @@
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/platform/DeviceFile.h>
 #include <Vorlix/platform/Platform.h>
-#include <poll.h>
+#include <sys/select.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,8 +13,10 @@
 #include <utility>
 #include <vector>
 
+#include "Arguments.h"
 #include "BootSectors.h"
 #include "DeviceStreams.h"
+#include "Exceptions.h"
 #include "Log.h"
 #include "PartitionRecords.h"
 
@@ -22,6 +24,8 @@ using vorlix::DeviceAccess;
 using vorlix::DeviceHandle;
 using vorlix::DeviceLock;
 using vorlix::logMessage;
+using vorlix::textOf;
+using vorlix::writeWhole;
 
 namespace {
 
@@ -51,10 +55,6 @@ bool confirmSharedAccess(const char* device) {
 
 std::unique_ptr<DeviceHandle> openLocked(const char* device, DeviceLock lock) {
   return vorlix::platform().deviceFile->open(device, DeviceAccess::readWrite, lock);
-}
-
-bool writeWhole(DeviceHandle& device, const void* bytes, size_t count, uint64_t offset) {
-  return device.writeAt(bytes, count, offset) == static_cast<ssize_t>(count);
 }
 
 // An offset that no stream can reach puts it where nothing can be read.
@@ -110,7 +110,9 @@ bool vorlix::drawSerial(Serial& serial) {
 }
 
 int update_mbr_and_partition(const char* device, const char* boot_code, uint32_t partition, uint32_t id,
-                             const char* volume, int guard, uint32_t start) {
+                             const char* volume, int guard, uint32_t start) try {
+  device = textOf(device);
+  volume = textOf(volume);
   logMessage("Updating MBR and Partition%s", "");
   logMessage("NTFS Partition: %s", volume);
   verbose_flag = 0;
@@ -153,9 +155,13 @@ int update_mbr_and_partition(const char* device, const char* boot_code, uint32_t
   const int result = update_start_sector(1, 0, start, 0, volume);
   logMessage(result == 0 ? "Update sector offset done.%s\n" : "could not update start sector.%s\n", "");
   return result;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return -1;
 }
 
-void write_new_gpt(int non_interactive, const char* device, const char* boot_code, const PartitionTable* table) {
+void write_new_gpt(int non_interactive, const char* device, const char* boot_code, const PartitionTable* table) try {
+  device = textOf(device);
   logMessage("Writing new GPT on device %s.", device);
   if (non_interactive == 0) {
     std::printf("Are you sure you want to write out a new partition table? <y/n> ");
@@ -215,10 +221,13 @@ void write_new_gpt(int non_interactive, const char* device, const char* boot_cod
     static_cast<void>(handle->sync());
   }
   static_cast<void>(handle->close());
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
 }
 
 int update_start_sector(int non_interactive, uint64_t /*unused1*/, uint32_t start, uint64_t /*unused2*/,
-                        const char* volume) {
+                        const char* volume) try {
+  volume = textOf(volume);
   std::unique_ptr<DeviceHandle> device = openLocked(volume, DeviceLock::exclusive);
   if (!device) {
     if (non_interactive == 0 && !confirmSharedAccess(volume)) {
@@ -256,9 +265,16 @@ int update_start_sector(int non_interactive, uint64_t /*unused1*/, uint32_t star
   }
   static_cast<void>(device->close());
   return 0;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return -1;
 }
 
 int kbhit() {
-  pollfd input = {STDIN_FILENO, POLLIN, 0};
-  return poll(&input, 1, 0) > 0 && (input.revents & (POLLIN | POLLHUP)) != 0 ? 1 : 0;
+  // Not poll(), which does not serve terminals and other devices on every system.
+  fd_set input;
+  FD_ZERO(&input);
+  FD_SET(STDIN_FILENO, &input);
+  timeval noTime = {};
+  return select(STDIN_FILENO + 1, &input, nullptr, nullptr, &noTime) > 0 ? 1 : 0;
 }

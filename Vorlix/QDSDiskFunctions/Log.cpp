@@ -11,6 +11,9 @@
 #include <cstring>
 #include <utility>
 
+#include "Arguments.h"
+#include "Exceptions.h"
+
 namespace vorlix {
 namespace {
 
@@ -25,7 +28,8 @@ std::string& currentPath() {
 thread_local LogCapture* innermostCapture = nullptr;
 
 // The log has a predictable name in a folder that everyone may write, and root appends to it. So a link in its place is
-// not followed, a FIFO does not block us, and only a regular file is written. The file is created in a step of its own:
+// not followed, a FIFO does not block us, and only a regular file is written, and none that has another name as well: a
+// hard link could be to anybody's file. The file is created in a step of its own:
 // the kernel may refuse root an O_CREAT open of a file that another user made there, while a plain open is allowed.
 int openLog(const char* path) {
   constexpr int kFlags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
@@ -37,7 +41,7 @@ int openLog(const char* path) {
   }
   if (descriptor < 0) return -1;
   struct stat status = {};
-  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
+  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1) {
     close(descriptor);
     return -1;
   }
@@ -73,6 +77,10 @@ void logMessage(const char* format, ...) {
   if (length >= 0) logLine(message);
 }
 
+void logException(const char* function, const std::exception& error) noexcept {
+  logMessage("%s: %s\n", function, error.what());
+}
+
 bool canOpenLog() {
   const int log = openLog(logFilePath().c_str());
   if (log < 0) return false;
@@ -96,8 +104,9 @@ bool LogCapture::collect(std::string_view message) {
 
 }  // namespace vorlix
 
-int logLine(const char* message) {
+int logLine(const char* message) try {
   const int callersErrno = errno;
+  message = vorlix::textOf(message);
   const size_t length = strnlen(message, vorlix::kMessageSize);
   if (!vorlix::LogCapture::collect({message, length})) return 0;
   const int log = vorlix::openLog(vorlix::logFilePath().c_str());
@@ -109,4 +118,6 @@ int logLine(const char* message) {
   }
   errno = callersErrno;
   return 0;
+} catch (const std::exception&) {
+  return 0;  // a message for which there is no memory is lost
 }

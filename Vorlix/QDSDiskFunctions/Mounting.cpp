@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Arguments.h"
+#include "Exceptions.h"
 #include "Log.h"
 
 using vorlix::Dissenter;
@@ -80,7 +81,7 @@ Pause setPause(Pause replacement) {
 
 }  // namespace vorlix
 
-const char* mounted_path(const char* name) {
+const char* mounted_path(const char* name) try {
   thread_local std::string path;
   if (name == nullptr) return nullptr;
   const auto session = vorlix::platform().diskArbitration->createSession();
@@ -93,9 +94,12 @@ const char* mounted_path(const char* name) {
   if (!volume) return nullptr;
   path = volume->path();
   return path.c_str();
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return nullptr;
 }
 
-int32_t mount_disk(const char* name, int32_t read_write) {
+int32_t mount_disk(const char* name, int32_t read_write) try {
   const auto session = vorlix::platform().diskArbitration->createSession();
   if (!session) return 0;
   const auto loop = vorlix::platform().runLoops->current();
@@ -110,16 +114,22 @@ int32_t mount_disk(const char* name, int32_t read_write) {
   }
   session->unschedule(*loop, vorlix::kDefaultRunLoopMode);
   return 0;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return 0;
 }
 
-const char* mount_efi(const char* disk) {
+const char* mount_efi(const char* disk) try {
   const std::optional<std::string> slice = efiSliceOf(disk);
   if (!slice) return nullptr;
   mount_disk(slice->c_str(), 0);
   return mounted_path(slice->c_str());
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return nullptr;
 }
 
-int32_t unmount_disk(const char* name) {
+int32_t unmount_disk(const char* name) try {
   logMessage("Unmounting disk %s\n", textOf(name));
   unmountStatus = kUnmountPending;
   const auto session = vorlix::platform().diskArbitration->createSession();
@@ -133,12 +143,18 @@ int32_t unmount_disk(const char* name) {
   }
   session->unschedule(*loop, vorlix::kDefaultRunLoopMode);
   return unmountStatus;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return -1;
 }
 
-int32_t unmount_efi(const char* disk) {
+int32_t unmount_efi(const char* disk) try {
   const std::optional<std::string> slice = efiSliceOf(disk);
   if (!slice) return -1;
   currentPause(kUnmountPause);  // lets what was just written to the slice settle
   unmount_disk(slice->c_str());
   return 0;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return -1;
 }

@@ -9,11 +9,14 @@
 #include <tuple>
 #include <vector>
 
+#include "Arguments.h"
 #include "DeviceStreams.h"
+#include "Exceptions.h"
 #include "Log.h"
 #include "PartitionRecords.h"
 
 using vorlix::logMessage;
+using vorlix::textOf;
 
 namespace {
 
@@ -79,7 +82,8 @@ bool slotDiffers(const MBRPartitionEntry& fresh, const MBRPartitionEntry& disk) 
 
 }  // namespace
 
-uint64_t getblocksize(const char* device) {
+uint64_t getblocksize(const char* device) try {
+  device = textOf(device);
   logMessage("Getting block size for device %s", device);
   std::optional<int64_t> blockSize;
   if (const auto session = vorlix::platform().diskArbitration->createSession()) {
@@ -93,6 +97,9 @@ uint64_t getblocksize(const char* device) {
   const auto result = static_cast<unsigned long long>(blockSize.value_or(0));
   logMessage("Found blockSize: %llu", result);
   return result;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return 0;
 }
 
 int read_bios_partition_table(FILE* stream, PartitionTable* table, uint32_t* active) {
@@ -167,7 +174,8 @@ int ComparePartitionTables(const MBRPartitionEntry* fresh, const MBRPartitionEnt
   return 0;
 }
 
-int has_guard_mbr(const char* device) {
+int has_guard_mbr(const char* device) try {
+  device = textOf(device);
   logMessage("Checking for guard MBR on disk %s", device);
   PartitionTable table = {};
   uint32_t active = 0;
@@ -178,4 +186,7 @@ int has_guard_mbr(const char* device) {
   const bool guard = table.parts[1].type == 0;
   logMessage(guard ? "Found guard MBR.%s" : "Found hybrid MBR%s", "");
   return guard ? 1 : 0;
+} catch (const std::exception& error) {
+  vorlix::logException(__func__, error);
+  return 1;  // nothing is known of slot 2
 }

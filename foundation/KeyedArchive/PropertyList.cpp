@@ -7,12 +7,15 @@
 #include <optional>
 #include <vector>
 
+#include "XMLPropertyList.h"
+
 namespace vorlix {
 namespace {
 
 // Layout: "bplist00", the values, the table of their offsets, and at the very end the trailer: 6 bytes of no interest,
 // size of an offset, size of a reference, then number of values, number of the root and offset of the table, 8 bytes
 // each, big-endian.
+constexpr const char* kMagic = "bplist00";
 constexpr size_t kMagicSize = 8;
 constexpr size_t kTrailerSize = 32;
 constexpr size_t kCountFollows = 15;
@@ -49,8 +52,7 @@ class Surveyor {
   Surveyor(std::span<const uint8_t> file, const PropertyListLimits& limits) : file_(file), limits_(limits) {}
 
   bool bounded() {
-    if (file_.size() < kMagicSize + kTrailerSize || std::memcmp(file_.data(), "bplist00", kMagicSize) != 0)
-      return false;
+    if (file_.size() < kMagicSize + kTrailerSize || !isBinaryPropertyList(file_)) return false;
     const auto trailer = file_.last(kTrailerSize);
     offsetSize_ = trailer[6];
     referenceSize_ = trailer[7];
@@ -66,6 +68,9 @@ class Surveyor {
     underway_.resize(extents_.size());
     return survey(root, 0).has_value();
   }
+
+  /// After bounded(): where the whole numbers stand that do not fit a signed 64-bit one.
+  const std::vector<size_t>& oversized() const { return oversized_; }
 
  private:
   // A value's first byte, its count, and where its bytes begin.
@@ -148,10 +153,9 @@ class Surveyor {
     Extent extent{1, 0, 1};
     switch (header->kind) {
       case kInteger:
-        // Sixteen bytes hold unsigned 64-bit numbers; those beyond the signed ones cannot be told from negative ones
-        // once they are parsed.
+        // Sixteen bytes hold unsigned 64-bit numbers.
         if (*size == 16 && (bigEndian(file_.subspan(header->at, 8)) != 0 || file_[header->at + 8] >= 0x80)) {
-          return std::nullopt;
+          oversized_.push_back(header->at - 1);
         }
         break;
       case kData:
@@ -187,19 +191,47 @@ class Surveyor {
   size_t table_ = 0;
   std::vector<std::optional<Extent>> extents_;
   std::vector<bool> underway_;
+  std::vector<size_t> oversized_;
 };
 
+plist_t parsedBinary(std::span<const uint8_t> file) {
+  plist_t root = nullptr;
+  plist_from_bin(reinterpret_cast<const char*>(file.data()), static_cast<uint32_t>(file.size()), &root);
+  return root;
+}
+
+plist_t parseBinary(std::span<const uint8_t> file, const PropertyListLimits& limits) {
+  Surveyor surveyor(file, limits);
+  if (!surveyor.bounded()) return nullptr;
+  if (surveyor.oversized().empty()) return parsedBinary(file);
+  // A date takes fewer bytes than such a number. What overlaps one in a hostile file has changed as well.
+  constexpr uint8_t kDateHeader = kDate << 4 | 3;
+  std::vector<uint8_t> changed(file.begin(), file.end());
+  for (const size_t place : surveyor.oversized()) changed[place] = kDateHeader;
+  Surveyor again(changed, limits);
+  return again.bounded() && again.oversized().empty() ? parsedBinary(changed) : nullptr;
+}
+
+plist_t parseXML(std::span<const uint8_t> file, const PropertyListLimits& limits) {
+  const auto text = boundedXMLPropertyList({reinterpret_cast<const char*>(file.data()), file.size()}, limits);
+  plist_t root = nullptr;
+  if (text) plist_from_xml(text->data(), static_cast<uint32_t>(text->size()), &root);
+  return root;
+}
+
 }  // namespace
+
+bool isBinaryPropertyList(std::span<const uint8_t> file) {
+  return file.size() >= kMagicSize && std::memcmp(file.data(), kMagic, kMagicSize) == 0;
+}
 
 bool isBoundedPropertyList(std::span<const uint8_t> file, const PropertyListLimits& limits) {
   return Surveyor(file, limits).bounded();
 }
 
 PropertyListOwner parsePropertyList(std::span<const uint8_t> file, const PropertyListLimits& limits) {
-  if (file.size() > std::numeric_limits<uint32_t>::max() || !isBoundedPropertyList(file, limits)) return nullptr;
-  plist_t root = nullptr;
-  plist_from_bin(reinterpret_cast<const char*>(file.data()), static_cast<uint32_t>(file.size()), &root);
-  return PropertyListOwner(root);
+  if (file.size() > std::numeric_limits<uint32_t>::max()) return nullptr;
+  return PropertyListOwner(isBinaryPropertyList(file) ? parseBinary(file, limits) : parseXML(file, limits));
 }
 
 }  // namespace vorlix

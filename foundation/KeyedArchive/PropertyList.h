@@ -31,13 +31,18 @@ struct PropertyListLimits {
 inline constexpr PropertyListLimits kArchiveLimits = {KeyedUnarchiver::kMostValues, KeyedUnarchiver::kLargestArchive,
                                                       16};
 
+/// Whether the bytes begin as a binary property list does.
+bool isBinaryPropertyList(std::span<const uint8_t> file);
+
 /// Whether the bytes are a binary property list whose tree keeps to the limits. Values may be referred to several times
 /// in the file, but the parser copies them each time: a few hundred bytes could unfold to more than a machine holds. So
-/// everything that the root leads to is measured here first. Also checked: every place lies in the file, nothing leads
-/// back into itself, and whole numbers fit a signed 64-bit one.
+/// everything that the root leads to is measured here first. Also checked: every place lies in the file, and nothing
+/// leads back into itself.
 bool isBoundedPropertyList(std::span<const uint8_t> file, const PropertyListLimits& limits);
 
-/// The tree, or null if the bytes are no such list or the parser refuses them.
+/// The tree of a property list, binary or in XML, or null if the bytes are none that keeps to the limits or the parser
+/// refuses them. A whole number that does not fit a signed 64-bit one, which could not be told from a negative one once
+/// it is parsed, is a date in the tree.
 PropertyListOwner parsePropertyList(std::span<const uint8_t> file, const PropertyListLimits& limits);
 
 }  // namespace vorlix

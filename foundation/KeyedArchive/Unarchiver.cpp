@@ -93,7 +93,7 @@ std::optional<size_t> takeGroups(const Data& data, size_t& at) {
 // The parsed archive, the dictionary whose entries are read now, and what may still be spent.
 class KeyedUnarchiver::State {
  public:
-  explicit State(const Data& file) {
+  explicit State(const Data& file) : inXML_(!isBinaryPropertyList(file)) {
     if (file.size() > kLargestArchive) return;
     root_ = parsePropertyList(file, kArchiveLimits);
     if (!isOfType(root_.get(), PLIST_DICT)) return;
@@ -115,6 +115,8 @@ class KeyedUnarchiver::State {
     if (underway_.empty()) return nullptr;
     return plist_dict_get_item(underway_.back().dictionary, archive::escapedKey(key).c_str());
   }
+
+  bool isReference(plist_t node) const { return isOfType(node, PLIST_UID) || placeInXML(node) != nullptr; }
 
   bool enter(plist_t node, std::string_view className) {
     const auto place = placeOf(node);
@@ -150,7 +152,7 @@ class KeyedUnarchiver::State {
   }
 
   std::optional<Number> number(plist_t node) {
-    const auto number = numberOfNode(isOfType(node, PLIST_UID) ? object(node) : node);
+    const auto number = numberOfNode(isReference(node) ? object(node) : node);
     return number && spend(0) ? number : std::nullopt;
   }
 
@@ -202,10 +204,20 @@ class KeyedUnarchiver::State {
     plist_t dictionary = nullptr;
   };
 
+  // XML has no element for a reference.
+  plist_t placeInXML(plist_t node) const {
+    if (!inXML_ || !isOfType(node, PLIST_DICT) || plist_dict_get_size(node) != 1) return nullptr;
+    const plist_t place = plist_dict_get_item(node, "CF$UID");
+    return isOfType(place, PLIST_UINT) ? place : nullptr;
+  }
+
   std::optional<size_t> placeOf(plist_t node) const {
-    if (!isOfType(node, PLIST_UID)) return std::nullopt;
     uint64_t place = 0;
-    plist_get_uid_val(node, &place);
+    if (const plist_t inXML = placeInXML(node)) {
+      plist_get_uint_val(inXML, &place);
+    } else if (isOfType(node, PLIST_UID)) {
+      plist_get_uid_val(node, &place);
+    }
     if (place == 0 || place >= objects_.size()) return std::nullopt;
     return static_cast<size_t>(place);
   }
@@ -314,7 +326,7 @@ class KeyedUnarchiver::State {
   std::optional<Value> value(plist_t node, unsigned depth) {
     if (auto plain = text(node)) return std::move(*plain);
     if (auto bytes = data(node)) return std::move(*bytes);
-    if (const auto counted = number(node); counted && isOfType(node, PLIST_UID)) {
+    if (const auto counted = number(node); counted && isReference(node)) {
       if (counted->isBool()) return counted->boolValue();
       if (counted->isDouble()) return counted->doubleValue();
       return counted->longLongValue();
@@ -326,6 +338,7 @@ class KeyedUnarchiver::State {
     return std::nullopt;
   }
 
+  bool inXML_;
   PropertyListOwner root_;
   std::vector<plist_t> objects_;
   std::vector<Underway> underway_;
@@ -379,7 +392,7 @@ std::optional<AttributedString> KeyedUnarchiver::decodeAttributedText(const std:
 
 bool KeyedUnarchiver::decodeBool(const std::string& key) {
   const plist_t node = state_->entry(key);
-  const auto number = isOfType(node, PLIST_UID) ? std::nullopt : state_->number(node);
+  const auto number = state_->isReference(node) ? std::nullopt : state_->number(node);
   return number && number->boolValue();
 }
 

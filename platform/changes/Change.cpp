@@ -62,7 +62,11 @@ class Application {
 
   std::optional<ChangeFailure> putBack() {
     auto failure = put(Image::before);
-    if (!failure) journal_.remove();
+    if (failure) {
+      failure->state = whatStands() + "; the change is kept in " + journal_.folder();
+    } else {
+      journal_.remove();
+    }
     return failure;
   }
 
@@ -78,8 +82,10 @@ class Application {
       if (auto failure = journal_.read(run, Image::after, after)) return failure;
       std::string reason;
       if (!readRun(handleOf(run), run, now, reason)) return failureAt(run, reason);
-      for (size_t at = 0; at < now.size(); at += kSector) {
-        const size_t length = std::min(kSector, now.size() - at);
+      size_t length = 0;
+      for (size_t at = 0; at < now.size(); at += length) {
+        // As far as the sector goes that it lies in, which a run may begin or end within.
+        length = std::min(kSector - static_cast<size_t>((run.offset + at) % kSector), now.size() - at);
         if (std::memcmp(now.data() + at, before.data() + at, length) == 0) continue;
         if (std::memcmp(now.data() + at, after.data() + at, length) != 0) {
           standing = Standing::foreign;

@@ -13,7 +13,8 @@ namespace vorlix {
 /// Looks into folders, the first first, for a regular file.
 class LinuxHostBundle : public HostBundle {
  public:
-  /// The folder of the running executable, as the kernel names it, then the data folder of the installation prefix.
+  /// The folder of the running executable, then the data folder of the prefix that the executable or the library was
+  /// installed under, both as the kernel names them, then that of the prefix chosen when the library was built.
   LinuxHostBundle();
 
   explicit LinuxHostBundle(std::vector<std::filesystem::path> folders) : folders_(std::move(folders)) {}

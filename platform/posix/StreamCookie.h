@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <exception>
 #include <memory>
 #include <utility>
 
@@ -17,10 +18,14 @@ class StreamCookie {
  public:
   explicit StreamCookie(std::unique_ptr<DeviceHandle> device) : device_(std::move(device)) {}
 
-  ssize_t read(char* buffer, size_t count) {
+  /// @return as of DeviceHandle::readAt(); no exception, which the C library could not pass on.
+  ssize_t read(char* buffer, size_t count) try {
     const ssize_t done = device_->readAt(buffer, count, position_);
     if (done > 0) position_ += static_cast<uint64_t>(done);
     return done;
+  } catch (const std::exception&) {
+    errno = EIO;
+    return -1;
   }
 
   /// @return the new position, or -1 with errno set to EINVAL where there is none.

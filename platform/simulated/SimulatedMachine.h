@@ -68,7 +68,8 @@ struct SimulatedRun {
     std::string bytes;
   };
 
-  std::vector<Piece> pieces;        ///< what it writes, in this order
+  /// What it writes. A run loop delivers it in this order, across both streams as long as both are being read.
+  std::vector<Piece> pieces;
   int32_t status = 0;               ///< exit status
   bool staysOn = false;             ///< after that keeps its streams open and runs until it is asked to end
   bool ignoresTermination = false;  ///< goes on when it is asked to end

@@ -59,8 +59,10 @@ class SimulatedOutput final : public ChildOutput {
   void readInBackground(Completion completion) override {
     cancelBackgroundRead();
     const auto isReady = [this] { return nextPiece() != task_->run.pieces.end() || (hasEnded() && !endRead_); };
+    const auto place = [this] { return static_cast<size_t>(nextPiece() - task_->run.pieces.begin()); };
     const auto complete = [this, completion = std::move(completion)] { completion(read()); };
-    state_->reads.push_back({this, makeSimulatedRunLoops(state_)->current().get(), isReady, complete});
+    const RunLoop* const loop = makeSimulatedRunLoops(state_)->current().get();
+    state_->reads.push_back({this, task_.get(), loop, isReady, place, complete});
   }
 
   void cancelBackgroundRead() override {
@@ -152,10 +154,12 @@ bool SimulatedState::hasPendingRead(const RunLoop& loop) const {
 }
 
 bool SimulatedState::completeRead(const RunLoop& loop) {
-  const auto ready = std::find_if(reads.begin(), reads.end(), [&](const PendingRead& pending) {
-    return pending.loop == &loop && pending.isReady();
-  });
+  const auto canBe = [&](const PendingRead& pending) { return pending.loop == &loop && pending.isReady(); };
+  auto ready = std::find_if(reads.begin(), reads.end(), canBe);
   if (ready == reads.end()) return false;
+  for (auto other = ready + 1; other != reads.end(); ++other) {
+    if (other->child == ready->child && canBe(*other) && other->place() < ready->place()) ready = other;
+  }
   const PendingRead pending = std::move(*ready);
   reads.erase(ready);  // the completion may begin the next one
   pending.complete();

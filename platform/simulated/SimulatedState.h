@@ -96,8 +96,10 @@ struct RegistryFault {
 /// A read of a child's output that the loop is to complete.
 struct PendingRead {
   const void* reader = nullptr;  ///< the output, which takes its read away before it goes
+  const void* child = nullptr;   ///< whose output it is
   const RunLoop* loop = nullptr;
   std::function<bool()> isReady;
+  std::function<size_t()> place;  ///< of what it will read among all that the child still writes
   std::function<void()> complete;
 };
 
@@ -152,7 +154,7 @@ struct SimulatedState {
   /// Whether a read of a child's output is pending on that loop.
   bool hasPendingRead(const RunLoop& loop) const;
 
-  /// Completes one that can be. @return whether there was one.
+  /// Completes one that can be: of one child, that whose piece was given first. @return whether there was one.
   bool completeRead(const RunLoop& loop);
 };
 

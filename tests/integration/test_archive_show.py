@@ -49,6 +49,17 @@ def as_json(value):
     return value
 
 
+def as_xml(archive):
+    """The same in XML, which has no element for references."""
+    def plain(value):
+        if isinstance(value, UID):
+            return {"CF$UID": value.data}
+        if isinstance(value, dict):
+            return {key: plain(item) for key, item in value.items()}
+        return [plain(item) for item in value] if isinstance(value, list) else value
+    return plistlib.dumps(plain(plistlib.loads(archive)), fmt=plistlib.FMT_XML)
+
+
 class ArchiveShow(images.CommandTest):
     def archive(self, content, name="record.archive"):
         path = self.path(name)
@@ -127,6 +138,23 @@ class Shown(ArchiveShow):
             subprocess.run([PROBE, "encode-info", path], input=json.dumps(fields), text=True, check=True)
             with open(path, "rb") as file:
                 self.assertEqual(plistlib.load(file), plistlib.loads((DATA / f"QDDiskInfo-{name}-1.archive").read_bytes()))
+
+    def test_in_xml_as_in_binary(self):
+        for name in sorted(path.name for path in DATA.glob("*.archive")):
+            with self.subTest(name):
+                content = (DATA / name).read_bytes()
+                kind = name.split("-")[0]
+                self.assertEqual(self.fields(as_xml(content), kind), self.fields(content, kind))
+
+    def test_a_number_that_nothing_holds_is_absent_alone(self):
+        for number in (1 << 63, (1 << 64) - 1):
+            content = Writer().record("QDVolume", {"diskName": "WINDOWS", "isBootable": number, "isRemovable": True,
+                                                   "isVM": Inline(number)})
+            for kind, archive in (("binary", content), ("XML", as_xml(content))):
+                with self.subTest(number=number, kind=kind):
+                    fields = self.fields(archive, "QDVolume")
+                    self.assertEqual({key: value for key, value in fields.items() if value},
+                                     {"diskName": "WINDOWS", "isRemovable": True})
 
     def test_as_text(self):
         result = self.vorlix_ok("archive", "show", self.archive(Writer().record("QDDiskInfo", INFO)))

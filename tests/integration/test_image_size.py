@@ -10,6 +10,7 @@ import re
 import shutil
 import subprocess
 import sys
+import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 from support import images  # noqa: E402
@@ -288,12 +289,34 @@ class NotMeasured(ImageSize):
             os.chmod(self.folder, 0o755)
         self.assert_refused(path, f"vorlix: {path}: Permission denied", prefix=prefix)
 
-    def test_no_unzip_among_the_resources(self):
-        path = self.zip("win.zip", {"win.img": b"x"})
+    @unittest.skipUnless(os.path.isfile("/usr/bin/unzip"), "this system has no /usr/bin/unzip")
+    def test_without_an_unzip_among_the_resources_the_systems_is_taken(self):
+        self.zip("win.zip", {"win.img": b"x" * 5, "two.img": b"yz"})
         command = self.install("without unzip", unzip=False)
-        self.assert_refused(path, "vorlix: unzip: needed for .zip images, but not among the resources", command=command)
+        result = self.measure("win.zip", command)
+        self.assertEqual((result.returncode, result.stdout), (0, "7 bytes\n"), result.stderr)
+
+    @unittest.skipUnless(os.path.isfile("/usr/bin/unzip"), "this system has no /usr/bin/unzip")
+    def test_an_unzip_among_the_resources_goes_first(self):
+        self.zip("win.zip", {"win.img": b"x"})
+        command = self.install("own unzip", unzip=False)
+        own = os.path.join(os.path.dirname(command), "unzip")
+        with open(own, "w", encoding="ascii") as script:
+            script.write("#!/bin/sh\nprintf 12345\n")
+        os.chmod(own, 0o755)
+        self.assertEqual(self.measure("win.zip", command).stdout, "5 bytes\n")
+
+    def test_no_unzip_anywhere(self):
+        path = self.zip("win.zip", {"win.img": b"x"})
         self.gz("win.gz", b"x")
-        self.assertEqual(self.measure("win.gz", command).stdout, "1 bytes\n", "gunzip is the system's")
+        command = self.install("without unzip", unzip=False)
+        without = ("unshare", "-m", "--", "sh", "-c", 'mount --bind /dev/null /usr/bin/unzip && exec "$@"', "sh")
+        if os.path.isfile("/usr/bin/unzip") and subprocess.run([*without, "true"], capture_output=True).returncode != 0:
+            self.skipTest("the system's unzip cannot be hidden: no mount namespace of one's own")
+        prefix = without if os.path.isfile("/usr/bin/unzip") else ()
+        self.assert_refused(path, "vorlix: unzip: needed for .zip images, but neither among the resources of vorlix nor in "
+                            "/usr/bin", command=command, prefix=prefix)
+        self.assertEqual(self.measure("win.gz", command, prefix).stdout, "1 bytes\n", "gunzip is the system's")
 
     def test_no_file(self):
         result = self.vorlix_run("image-size")

@@ -195,6 +195,45 @@ class InstalledLibrary(unittest.TestCase):
         program = self.prefix / "share" / "vorlix" / "tools" / "bin" / "registry_lookup"
         self.assertIn("registry_lookup", run(program, "--version"))
 
+    def resource_host(self, name, library):
+        """A host outside of the prefix that prints where the registry program is."""
+        project = self.work / f"{name}-source"
+        project.mkdir()
+        (project / "CMakeLists.txt").write_text(
+            "cmake_minimum_required(VERSION 3.25)\nproject(Host LANGUAGES CXX)\nfind_package(Vorlix REQUIRED)\n"
+            f"add_executable(host host.cpp)\ntarget_link_libraries(host PRIVATE {library})\n")
+        (project / "host.cpp").write_text(
+            "#include <Vorlix/platform/HostBundle.h>\n#include <Vorlix/platform/Platform.h>\n#include <cstdio>\n"
+            "int main() {\n  const auto path = vorlix::platform().hostBundle->pathForResource(\"registry_lookup\", \"\", "
+            "\"tools/bin\");\n  std::printf(\"%s\\n\", path ? path->c_str() : \"absent\");\n}\n")
+        return self.cmake_project(name, project) / "host"
+
+    def test_the_registry_program_is_found_under_the_prefix_chosen_at_install(self):
+        volume = self.work / "volume"
+        (volume / "Windows/System32/config").mkdir(parents=True)
+        (volume / "Windows/System32/config/SOFTWARE").write_bytes(b"no hive")
+        # Another name for the folder and another working folder change nothing.
+        link = self.work / "link"
+        link.symlink_to(self.prefix)
+        for command in (self.prefix / "bin/vorlix", link / "bin/vorlix"):
+            result = subprocess.run([command, "windows", volume], cwd="/", text=True, capture_output=True)
+            self.assertEqual(result.returncode, 2, result.stderr)
+            self.assertIn("its registry tells no product name", result.stderr)
+        if pathlib.Path(cached("CMAKE_INSTALL_PREFIX"), "share/vorlix").exists():
+            return  # the prefix that was built for is looked into as well
+        shutil.copytree(self.prefix, self.work / "without", symlinks=True)
+        shutil.rmtree(self.work / "without/share/vorlix")
+        result = subprocess.run([self.work / "without/bin/vorlix", "windows", volume], text=True, capture_output=True)
+        self.assertIn("registry_lookup is not installed", result.stderr)
+
+    def test_a_host_elsewhere_finds_the_registry_program_of_the_shared_library(self):
+        host = self.resource_host("resources", "Vorlix::Vorlix")
+        self.assertEqual(run(host, cwd="/").strip(), str(self.prefix.resolve() / "share/vorlix/tools/bin/registry_lookup"))
+        beside = host.parent / "tools/bin"
+        beside.mkdir(parents=True)
+        (beside / "registry_lookup").write_text("")
+        self.assertEqual(run(host).strip(), str(beside.resolve() / "registry_lookup"), "the host's own goes first")
+
     def test_man_pages_are_installed(self):
         pages = [str(path) for path in self.installed("share/man/**/*")]
         self.assertEqual(pages, ["share/man/man1/registry_lookup.1", "share/man/man1/vorlix.1"])

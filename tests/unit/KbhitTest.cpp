@@ -4,6 +4,7 @@
 #include <Vorlix/QDSDiskFunctions.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -79,6 +80,18 @@ TEST_F(KbhitTest, LastBytesOfAClosedPipeAreOne) {
 TEST_F(KbhitTest, FileIsAlwaysReadable) {
   useAsInput(open("/dev/null", O_RDONLY));
   EXPECT_EQ(kbhit(), 1);
+}
+
+TEST_F(KbhitTest, ProcessThatMayOpenNothingMoreStillHearsTheTerminal) {
+  usePipe();
+  ASSERT_EQ(write(writer_, "k", 1), 1);
+  rlimit before = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit none = {0, before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const int waiting = kbhit();
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(waiting, 1);
 }
 
 TEST_F(KbhitTest, ClosedInputIsZero) {

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <limits>
+#include <optional>
 
 #include "support/ArchiveSample.h"
 
@@ -181,13 +183,44 @@ TEST(KeyedArchiveLimitsTest, ValuesThatTheFormatDoesNotHaveAreRefused) {
   }
 }
 
-TEST(KeyedArchiveLimitsTest, WholeNumbersBeyondSigned64BitsAreRefused) {
+// Whole numbers of sixteen bytes, and what is read of them. The record that refers to one is read in any case.
+TEST(KeyedArchiveLimitsTest, AWholeNumberBeyondSigned64BitsIsAbsentAlone) {
+  using vorlix::Number;
+  constexpr uint64_t kSign = uint64_t{1} << 63;
+  struct Case {
+    uint64_t high;
+    uint64_t low;
+    std::optional<Number> read;
+  };
+  const Case cases[] = {{0, kSign - 1, Number::numberWithLongLong(std::numeric_limits<int64_t>::max())},
+                        {0, kSign, std::nullopt},
+                        {0, ~uint64_t{0}, std::nullopt},
+                        {1, 0, std::nullopt},
+                        {~uint64_t{0}, ~uint64_t{0}, std::nullopt}};
+  for (const Case& one : cases) {
+    Data number{0x14};
+    appendBigEndian(number, one.high, 8);
+    appendBigEndian(number, one.low, 8);
+    EXPECT_TRUE(readBack(archiveAround({number}, 0),
+                         [&](KeyedUnarchiver& coder) {
+                           EXPECT_TRUE(coder.containsValueForKey("text"));
+                           EXPECT_EQ(coder.decodeNumber("text"), one.read) << one.high << " " << one.low;
+                         }))
+        << one.high << " " << one.low;
+  }
+}
+
+// A value within such a number, which is another one once the number is replaced.
+TEST(KeyedArchiveLimitsTest, WhatOverlapsAWholeNumberBeyondSigned64BitsIsReadOrRefused) {
   Data number{0x14};
-  appendBigEndian(number, 0, 8);
-  appendBigEndian(number, uint64_t{1} << 63, 8);
-  EXPECT_FALSE(readBack(archiveAround({number}, 0), nullptr));
-  number[9] = 0x7F;
-  EXPECT_TRUE(readBack(archiveAround({number}, 0), nullptr));
+  for (size_t i = 0; i < 16; ++i) number.push_back(0x14);
+  const Data archive = archiveAround({number, {0xA1, 0}}, 1);
+  for (size_t shift = 0; shift < 17; ++shift) {
+    Data moved = archive;
+    const size_t table = size_t{moved[moved.size() - 2]} << 8 | moved.back();
+    moved[table + 7] = static_cast<uint8_t>(8 + shift);  // of the second value
+    readBack(moved, [](KeyedUnarchiver& coder) { (void)coder.decodeNumber("text"); });
+  }
 }
 
 TEST(KeyedArchiveLimitsTest, CountsAndOffsetsBeyondTheFileAreRefused) {

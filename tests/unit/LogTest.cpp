@@ -45,6 +45,15 @@ TEST_F(LogTest, EmptyMessageWritesNothing) {
   EXPECT_EQ(log(), "");
 }
 
+TEST_F(LogTest, NullIsAnEmptyMessage) {
+  logLine("before");
+  EXPECT_EQ(logLine(nullptr), 0);
+  LogCapture capture;
+  EXPECT_EQ(logLine(nullptr), 0);
+  EXPECT_EQ(capture.text(), "");
+  EXPECT_EQ(log(), "before");
+}
+
 TEST_F(LogTest, WhatTheFileHeldBeforeIsKept) {
   makeFile("log", {'o', 'l', 'd'});
   logLine("new");
@@ -154,6 +163,17 @@ TEST_F(LogTest, DanglingSymbolicLinkInItsPlaceCreatesNothing) {
   std::filesystem::create_symlink(folder / "target", logPath());
   EXPECT_EQ(errorsOfLogging("lost"), "error opening log file");
   EXPECT_FALSE(std::filesystem::exists(folder / "target"));
+}
+
+TEST_F(LogTest, HardLinkToAnotherFileInItsPlaceGetsNothing) {
+  const std::string target = makeFile("target", {'k', 'e', 'e', 'p'});
+  std::filesystem::create_hard_link(target, logPath());
+  EXPECT_EQ(errorsOfLogging("lost"), "error opening log file");
+  EXPECT_FALSE(canOpenLog());
+  EXPECT_EQ(contentOf(target), "keep");
+  std::filesystem::remove(target);  // now the log is the file's only name
+  EXPECT_EQ(errorsOfLogging("told"), "");
+  EXPECT_EQ(log(), "keeptold");
 }
 
 TEST_F(LogTest, FIFOWithoutReaderInItsPlaceDoesNotBlock) {

@@ -316,6 +316,29 @@ TEST_F(TaskWrapperOnASimulatedMachine, RunsWhatTheMachineHas) {
   EXPECT_THAT(calls, ElementsAre("launch /bin/sh -c wc -c", "terminate /bin/sh"));
 }
 
+TEST_F(TaskWrapperOnASimulatedMachine, PiecesArriveInTheOrderGivenAcrossBothStreams) {
+  using Stream = SimulatedRun::Stream;
+  const std::vector<std::vector<Stream>> orders = {
+      {Stream::output, Stream::output, Stream::error, Stream::output},
+      {Stream::error, Stream::output},
+      {Stream::output, Stream::error, Stream::error, Stream::output, Stream::output, Stream::error},
+  };
+  for (const auto& order : orders) {
+    SimulatedRun program;
+    Texts expected = {"start"};
+    for (const Stream stream : order) {
+      program.pieces.push_back({stream, "x"});
+      expected.emplace_back(stream == Stream::output ? "output" : "error");
+    }
+    expected.emplace_back("end");
+    machine.addProgram("/bin/sh", program);
+    Recorded run({"/bin/sh"});
+    run.wrapper->startProcess();
+    while (lookAtLoop() == RunLoopResult::handledSource) continue;
+    EXPECT_EQ(run.events, expected);
+  }
+}
+
 TEST_F(TaskWrapperOnASimulatedMachine, HandlersTakeCompletedReads) {
   SimulatedRun program;
   program.staysOn = true;

@@ -86,7 +86,7 @@ std::optional<std::string> mountPointOf(const std::string& device) {
   return path->path();
 }
 
-std::string folderOfVolume(const std::string& volume, const std::string& state) {
+std::string folderOfVolume(const std::string& volume, const std::optional<std::string>& state) {
   std::error_code unreadable;
   if (std::filesystem::is_directory(volume, unreadable)) return volume;
   const std::optional<std::string> path = mountPointOf(volume);

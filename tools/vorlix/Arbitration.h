@@ -29,7 +29,7 @@ std::optional<std::string> mountPointOf(const std::string& device);
 
 /// The folder that a person means by a volume: itself, or where that device's volume is mounted. Throws Failure, which
 /// says `state`, if it is neither.
-std::string folderOfVolume(const std::string& volume, const std::string& state = "nothing was written");
+std::string folderOfVolume(const std::string& volume, const std::optional<std::string>& state = std::nullopt);
 
 /// Mounts or unmounts and waits. @return why it was refused; absent for success.
 std::optional<Dissenter> tryMount(const std::string& device, bool readWrite);

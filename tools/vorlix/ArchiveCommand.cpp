@@ -115,8 +115,9 @@ void addArchiveCommand(CLI::App& app, int& status) {
   show->add_option("FILE", options->file, "The archive")->required();
   show->add_flag("--json", options->json, "Print JSON (schema version 1)");
   show->footer(
-      "An archive is the binary property list that QDVolume and QDDiskInfo records are handed on in. Of a hostile one\n"
-      "nothing is taken but these records' own fields. Passwords are never shown: records do not take them back.\n"
+      "An archive is the property list, binary or in XML, that QDVolume and QDDiskInfo records are handed on in. Of a\n"
+      "hostile one nothing is taken but these records' own fields. Passwords are never shown: records do not take them "
+      "back.\n"
       "Exit status: 0 shown, 2 error.");
   show->callback([options, &status] {
     showArchive(options->file, options->json);

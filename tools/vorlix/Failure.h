@@ -2,31 +2,34 @@
 #pragma once
 
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace vorlix::tool {
 
 /// Exit statuses of every command.
 enum ExitStatus : int { kDone = 0, kChangeNeeded = 1, kError = 2 };
 
-/// What a failure says of the disk unless it knows better.
-inline constexpr const char* kNothingWritten = "nothing was written";
-
-/// Ends a command with kError. The text names the file or device and the reason.
+/// Ends a command with kError. The text names the file or device and the reason; `state` says what was written, or how
+/// else things stand now. Without a state, a command that only looks says no more, since nobody would expect it to have
+/// written; of any other it is said that nothing was written.
 class Failure : public std::runtime_error {
  public:
-  Failure(const std::string& subject, const std::string& reason, const std::string& state = kNothingWritten)
-      : std::runtime_error(subject + ": " + reason + "; " + state),
-        reader_(subject + ": " + reason + (state == kNothingWritten ? "" : "; " + state)) {}
+  Failure(const std::string& subject, const std::string& reason, std::optional<std::string> state = std::nullopt)
+      : std::runtime_error(subject + ": " + reason), state_(std::move(state)) {}
 
   static Failure ofErrno(const std::string& subject, int error) { return {subject, std::strerror(error)}; }
 
-  /// The message of a command that never writes, and so need not say that it did not.
-  const std::string& messageOfReader() const { return reader_; }
+  /// What is told of it.
+  std::string text(bool onlyLooks) const {
+    if (!state_ && onlyLooks) return what();
+    return what() + ("; " + state_.value_or("nothing was written"));
+  }
 
  private:
-  std::string reader_;
+  std::optional<std::string> state_;
 };
 
 }  // namespace vorlix::tool

@@ -17,10 +17,12 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <regex>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "Commands.h"
 #include "Failure.h"
@@ -32,6 +34,26 @@ namespace {
 
 constexpr std::chrono::milliseconds kStep{100};
 constexpr const char* kUntouched = "nothing was run";
+constexpr const char* kSystemUnzip = "/usr/bin/unzip";
+
+// What this program ships as a host of the library: what its bundle has, and where that is no unzip, the system's at a
+// fixed path, as the library has gunzip.
+class ToolBundle final : public HostBundle {
+ public:
+  explicit ToolBundle(std::shared_ptr<HostBundle> bundle) : bundle_(std::move(bundle)) {}
+
+  std::optional<std::string> pathForResource(const std::string& name, const std::string& type,
+                                             const std::string& directory) override {
+    auto path = bundle_->pathForResource(name, type, directory);
+    std::error_code unreadable;
+    const bool systems = !path && name == "unzip" && type.empty() && directory.empty() &&
+                         std::filesystem::is_regular_file(kSystemUnzip, unreadable);
+    return systems ? kSystemUnzip : path;
+  }
+
+ private:
+  std::shared_ptr<HostBundle> bundle_;
+};
 
 // A bar that moves while something of unknown length goes on, on a terminal only.
 class ActivityBar {
@@ -88,7 +110,10 @@ void requireNoPattern(const std::string& file) {
 
 std::string requiredUnzip() {
   const auto unzip = platform().hostBundle->pathForResource("unzip", "", "");
-  if (!unzip) throw Failure("unzip", "needed for .zip images, but not among the resources of vorlix", kUntouched);
+  if (!unzip) {
+    throw Failure("unzip", "needed for .zip images, but neither among the resources of vorlix nor in /usr/bin",
+                  kUntouched);
+  }
   requireHarmlessToTheShell(*unzip);
   return *unzip;
 }
@@ -128,6 +153,9 @@ void measureImage(const std::string& file) {
   }
   requireHarmlessToTheShell(file);
   if (extension == "zip") {
+    Platform withUnzip = platform();
+    withUnzip.hostBundle = std::make_shared<ToolBundle>(withUnzip.hostBundle);
+    setPlatform(std::move(withUnzip));
     requireNoPattern(file);
     requireNoPassword(requiredUnzip(), unmistakable(file));
   }
@@ -168,8 +196,8 @@ void addImageSizeCommand(CLI::App& app, int& status) {
   CLI::App* const size = app.add_subcommand("image-size", "Measure the unpacked size of a .gz or .zip disk image");
   size->add_option("FILE", *file, "The image, its name ending in .gz or .zip")->required();
   size->footer(
-      "The image is unpacked into nothing, by gunzip or by the unzip among vorlix's resources, and nothing is "
-      "written.\n"
+      "The image is unpacked into nothing, by gunzip or by the unzip among vorlix's resources or in\n"
+      "/usr/bin, and nothing is written.\n"
       "On a terminal a bar moves meanwhile. Paths that a shell would not take as they are, are refused.\n"
       "Exit status: 0 measured, 2 error or a complaint of the unpacking program, which is shown.\n"
       "The library's log is /tmp/quandrel.log.");

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <functional>
 #include <set>
 #include <string>
 
@@ -16,13 +17,15 @@
 
 namespace {
 
-// Whether the command that was given writes to no disk whatever happens.
-bool onlyReads(const CLI::App& app) {
-  static const std::set<std::string> readers = {"show",      "check",    "identify", "list",        "find",
-                                                "boot-camp", "windows",  "log",      "archive",     "image-size",
-                                                "boot-type", "bootable", "sip",      "check-caller"};
-  const auto given = app.get_subcommands();
-  return !given.empty() && readers.count(given.front()->get_name()) != 0;
+// Whether the command that was chosen never writes to a disk or a volume.
+bool onlyLooks(const CLI::App& app) {
+  static const std::set<std::string, std::less<>> kLooking = {
+      "show",    "check", "identify",   "list",      "find",     "boot-camp", "windows",
+      "archive", "log",   "image-size", "boot-type", "bootable", "sip",       "check-caller"};
+  for (const CLI::App* const command : app.get_subcommands()) {
+    if (!kLooking.contains(command->get_name())) return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -64,7 +67,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kDone : kError;
   } catch (const Failure& failure) {
-    complain(onlyReads(app) ? failure.messageOfReader() : failure.what());
+    complain(failure.text(onlyLooks(app)));
     return kError;
   } catch (const std::exception& error) {
     complain(error.what());

@@ -1,0 +1,463 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Changes to disks: made whole or not at all, and what becomes of one that was cut off.
+#include <Vorlix/platform/changes/Change.h>
+#include <Vorlix/platform/changes/Journal.h>
+#include <Vorlix/platform/simulated/SimulatedMachine.h>
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <utility>
+
+namespace vorlix::test {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Bytes = std::vector<uint8_t>;
+
+constexpr uint64_t kSlice = 40 * 512;  // where disk0s3 starts
+constexpr uint64_t kDisk = 4 << 20;
+constexpr uint8_t kOld = 0x11;
+constexpr uint8_t kNew = 0x22;
+
+// Another handle with calls in the way of its own.
+class HookedHandle : public DeviceHandle {
+ public:
+  explicit HookedHandle(std::unique_ptr<DeviceHandle> inner) : inner_(std::move(inner)) {}
+
+  std::function<int()> beforeWrite = [] { return 0; };  // an error other than 0 fails the write
+  std::function<int()> beforeSync = [] { return 0; };
+
+  ssize_t readAt(void* buffer, size_t count, uint64_t offset) override { return inner_->readAt(buffer, count, offset); }
+  ssize_t writeAt(const void* buffer, size_t count, uint64_t offset) override {
+    if ((errno = beforeWrite()) != 0) return -1;
+    return inner_->writeAt(buffer, count, offset);
+  }
+  int sync() override { return (errno = beforeSync()) != 0 ? -1 : inner_->sync(); }
+  ssize_t readMediumAt(void* buffer, size_t count, uint64_t offset) override {
+    return inner_->readMediumAt(buffer, count, offset);
+  }
+  std::optional<DeviceIdentity> identity() override { return inner_->identity(); }
+  std::optional<uint64_t> size() override { return inner_->size(); }
+  int close() override { return inner_->close(); }
+
+ private:
+  std::unique_ptr<DeviceHandle> inner_;
+};
+
+// Fails the call of that number with EIO, or all from it on.
+std::function<int()> failing(int number, bool andLater = false) {
+  return [=, calls = 0]() mutable {
+    ++calls;
+    return calls == number || (andLater && calls > number) ? EIO : 0;
+  };
+}
+
+// A folder for the state of a user of the test's own: the super-user's is one for the whole machine.
+class ChangeTest : public testing::Test {
+ protected:
+  ChangeTest() : folder_(testing::TempDir() + "vorlixXXXXXX") {
+    constexpr uid_t kNobody = 65534;
+    if (mkdtemp(folder_.data()) == nullptr) throw std::runtime_error("no temporary folder: " + folder_);
+    if (geteuid() == 0 && (chown(folder_.c_str(), kNobody, kNobody) != 0 || seteuid(kNobody) != 0)) {
+      throw std::runtime_error("cannot become an ordinary user");
+    }
+    setenv("XDG_STATE_HOME", folder_.c_str(), 1);
+    machine.addDisk("disk0", kDisk, 512);
+    machine.addSlice("disk0", 3, 40, 4096);
+    machine.setBytes("disk0", 0, Bytes(kDisk, kOld));
+  }
+  ~ChangeTest() override {
+    unsetenv("XDG_STATE_HOME");
+    if (getuid() == 0 && seteuid(0) != 0) std::abort();
+    fs::remove_all(folder_);
+  }
+
+  std::shared_ptr<HookedHandle> open(const std::string& name) const {
+    auto handle = platform().deviceFile->open(name, DeviceAccess::readWrite, DeviceLock::exclusive);
+    if (!handle) throw std::runtime_error(name + ": " + std::strerror(errno));
+    return std::make_shared<HookedHandle>(std::move(handle));
+  }
+
+  static ByteChange run(uint64_t offset, size_t count, const std::string& reason) {
+    return {offset, Bytes(count, kOld), Bytes(count, kNew), reason};
+  }
+
+  /// Sector 0 of disk0, and four bytes of disk0s3.
+  DiskChange twoWrites() {
+    disk = open("disk0");
+    slice = open("disk0s3");
+    machine.clearJournal();
+    return {"hybrid MBR of disk0",
+            {{"disk0", disk, {run(0, 512, "sector 0")}}, {"disk0s3", slice, {run(28, 4, "start sector")}}}};
+  }
+
+  Bytes expectedDisk(bool sector0, bool field) const {
+    Bytes bytes(kDisk, kOld);
+    if (sector0) std::fill_n(bytes.begin(), 512, kNew);
+    if (field) std::fill_n(bytes.begin() + kSlice + 28, 4, kNew);
+    return bytes;
+  }
+  Bytes wholeDisk() const { return machine.bytes("disk0", 0, kDisk); }
+
+  std::vector<std::string> journals() const {
+    std::vector<std::string> names;
+    std::error_code none;
+    for (const auto& entry : fs::directory_iterator(fs::path(folder_) / "vorlix/journals", none)) {
+      names.push_back(entry.path().filename().string());
+    }
+    return names;
+  }
+
+  /// A journal of the same two writes as a process leaves it that is ended behind commit().
+  std::unique_ptr<Journal> committed(const DiskChange& change) const {
+    std::unique_ptr<JournalWriter> writer;
+    std::unique_ptr<Journal> journal;
+    EXPECT_FALSE(JournalWriter::begin(change.title, writer));
+    for (const DeviceChange& device : change.devices) {
+      const size_t index = writer->addDevice(device.device, *device.handle->identity());
+      for (const ByteChange& one : device.bytes) {
+        EXPECT_FALSE(writer->add(index, one.offset, one.before, one.after, one.reason));
+      }
+    }
+    EXPECT_FALSE(writer->commit(journal));
+    return journal;
+  }
+
+  std::optional<ChangeFailure> settle(const std::string& name = "disk0") {
+    finished.clear();
+    const auto handle = open(name);
+    machine.clearJournal();
+    return settleInterruptedChanges(name, *handle, finished);
+  }
+
+  std::string stateFolder() const { return folder_; }
+
+  SimulatedMachine machine;
+  std::shared_ptr<HookedHandle> disk;
+  std::shared_ptr<HookedHandle> slice;
+  std::vector<std::string> finished;
+
+ private:
+  std::string folder_;
+  ScopedPlatform scope_{machine.platform()};
+};
+
+// -------------------------------------------------------------------------------------------------------- application
+
+TEST_F(ChangeTest, IsWrittenInOrderAndSyncedAndLeavesNoJournal) {
+  EXPECT_FALSE(applyChange(twoWrites()));
+  EXPECT_THAT(machine.writes(), ElementsAre("write disk0 0+512", "write disk0s3 28+4", "sync disk0", "sync disk0s3"));
+  EXPECT_EQ(wholeDisk(), expectedDisk(true, true));
+  EXPECT_THAT(journals(), IsEmpty());
+}
+
+TEST_F(ChangeTest, IsJournalledBeforeTheFirstWrite) {
+  const DiskChange change = twoWrites();
+  std::vector<std::string> seen;
+  bool sameAsItself = false;
+  disk->beforeWrite = [&] {
+    seen = journals();
+    std::optional<ChangeFailure> failure;
+    const auto journal = Journal::open(journalFolders().front(), failure);
+    sameAsItself = journal && journal->title() == change.title && journal->runs().size() == 2 && !journal->lock();
+    return 0;
+  };
+  EXPECT_FALSE(applyChange(change));
+  EXPECT_EQ(seen.size(), 1U);
+  EXPECT_TRUE(sameAsItself) << "complete, and locked by its writer";
+}
+
+TEST_F(ChangeTest, NothingToChangeIsNothingDone) {
+  DiskChange change = twoWrites();
+  EXPECT_FALSE(change.empty());
+  for (DeviceChange& device : change.devices) device.bytes.front().after = device.bytes.front().before;
+  EXPECT_TRUE(change.empty());
+  EXPECT_FALSE(applyChange(change));
+  EXPECT_THAT(machine.journal(), IsEmpty());
+  EXPECT_FALSE(fs::exists(stateFolder() + "/vorlix"));
+}
+
+TEST_F(ChangeTest, WhatSomebodyElseChangedRefusesAll) {
+  const DiskChange change = twoWrites();
+  machine.setBytes("disk0", kSlice + 31, {0x99});
+  const Bytes before = wholeDisk();
+  const auto failure = applyChange(change);
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->subject, "disk0s3");
+  EXPECT_EQ(failure->reason, "start sector: somebody else changed it since it was looked at");
+  EXPECT_EQ(failure->state, "nothing was written");
+  EXPECT_THAT(machine.writes(), IsEmpty());
+  EXPECT_EQ(wholeDisk(), before);
+  EXPECT_THAT(journals(), IsEmpty());
+}
+
+TEST_F(ChangeTest, AFailedWriteIsPutBack) {
+  const DiskChange change = twoWrites();
+  slice->beforeWrite = failing(1);
+  const auto failure = applyChange(change);
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->reason, std::string("start sector: ") + std::strerror(EIO));
+  EXPECT_EQ(failure->state, "what was written was put back, so that nothing is changed");
+  EXPECT_EQ(wholeDisk(), expectedDisk(false, false));
+  EXPECT_THAT(journals(), IsEmpty());
+}
+
+// A bad sector fails again when it is to be put back, and holds what it held before.
+TEST_F(ChangeTest, AWriteThatAlwaysFailsIsPutBackAndDoesNotBlockTheDisk) {
+  const DiskChange change = twoWrites();
+  slice->beforeWrite = failing(1, true);
+  const auto failure = applyChange(change);
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->state, "what was written was put back, so that nothing is changed");
+  EXPECT_EQ(wholeDisk(), expectedDisk(false, false));
+  EXPECT_THAT(journals(), IsEmpty());
+}
+
+TEST_F(ChangeTest, AShortWriteIsPutBackOrLeftToTheNext) {
+  const DiskChange change = twoWrites();
+  machine.shortenWrites("disk0s3", 3);
+  const auto failure = applyChange(change);
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->reason, "start sector: only a part of it could be written");
+  // Putting back is cut short as well, so the journal stays until a medium takes all of it.
+  EXPECT_THAT(failure->state, HasSubstr("the next command on this disk finishes the change"));
+  EXPECT_EQ(journals().size(), 1U);
+  machine.shortenWrites("disk0s3", 512);
+  EXPECT_FALSE(settle());
+  EXPECT_EQ(wholeDisk(), expectedDisk(false, false));
+  EXPECT_THAT(journals(), IsEmpty());
+}
+
+TEST_F(ChangeTest, AFailedSyncIsPutBack) {
+  const DiskChange change = twoWrites();
+  disk->beforeSync = failing(1);
+  const auto failure = applyChange(change);
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->subject, "disk0");
+  EXPECT_EQ(failure->reason, std::string("what was written is not on the medium: ") + std::strerror(EIO));
+  EXPECT_EQ(failure->state, "what was written was put back, so that nothing is changed");
+  EXPECT_EQ(wholeDisk(), expectedDisk(false, false));
+  EXPECT_THAT(journals(), IsEmpty());
+}
+
+TEST_F(ChangeTest, WhatCannotBePutBackStaysInTheJournalAndIsFinishedByTheNext) {
+  const DiskChange change = twoWrites();
+  disk->beforeWrite = failing(2, true);  // the first goes through
+  slice->beforeWrite = failing(1, true);
+  const auto failure = applyChange(change);
+  ASSERT_TRUE(failure);
+  EXPECT_THAT(
+      failure->state,
+      AllOf(HasSubstr("sector 0 is written, start sector is not written; the next command on this disk finishes "
+                      "the change, which is kept in "),
+            HasSubstr(stateFolder())));
+  EXPECT_EQ(wholeDisk(), expectedDisk(true, false));
+  ASSERT_EQ(journals().size(), 1U);
+
+  const auto interrupted = interruptedChanges(*open("disk0"));
+  ASSERT_EQ(interrupted.size(), 1U);
+  EXPECT_EQ(interrupted[0].title, "hybrid MBR of disk0");
+  EXPECT_FALSE(settle());
+  EXPECT_THAT(finished, ElementsAre("hybrid MBR of disk0"));
+  EXPECT_EQ(wholeDisk(), expectedDisk(true, true));
+  EXPECT_THAT(journals(), IsEmpty());
+}
+
+TEST_F(ChangeTest, ALongRunIsMadeInPieces) {
+  disk = open("disk0");
+  const size_t count = (5 * kLongestRun) / 2;
+  EXPECT_FALSE(applyChange({"long", {{"disk0", disk, {run(512, count, "long")}}}}));
+  Bytes expected(kDisk, kOld);
+  std::fill_n(expected.begin() + 512, count, kNew);
+  EXPECT_EQ(wholeDisk(), expected);
+  EXPECT_THAT(journals(), IsEmpty());
+}
+
+// ------------------------------------------------------------------------------------------------------- interruption
+
+TEST_F(ChangeTest, WhatWasNotBegunIsDropped) {
+  committed(twoWrites()).reset();
+  EXPECT_EQ(interruptedChanges(*open("disk0s3")).size(), 1U);
+  EXPECT_FALSE(settle());
+  EXPECT_THAT(finished, IsEmpty());
+  EXPECT_EQ(wholeDisk(), expectedDisk(false, false));
+  EXPECT_THAT(journals(), IsEmpty());
+  EXPECT_FALSE(settle());
+  EXPECT_THAT(machine.writes(), IsEmpty()) << "once";
+}
+
+TEST_F(ChangeTest, WhatWasBegunIsFinished) {
+  committed(twoWrites()).reset();
+  machine.setBytes("disk0", 0, Bytes(512, kNew));
+  EXPECT_FALSE(settle());
+  EXPECT_THAT(finished, ElementsAre("hybrid MBR of disk0"));
+  EXPECT_EQ(wholeDisk(), expectedDisk(true, true));
+  EXPECT_THAT(journals(), IsEmpty());
+}
+
+// What stands there may stand in memory alone.
+TEST_F(ChangeTest, WhatWasWrittenWholeIsWrittenAndSyncedOnceMore) {
+  committed(twoWrites()).reset();
+  machine.setBytes("disk0", 0, Bytes(512, kNew));
+  machine.setBytes("disk0", kSlice + 28, Bytes(4, kNew));
+  EXPECT_FALSE(settle());
+  EXPECT_THAT(machine.writes(), ElementsAre("write disk0 0+512", "write disk0s3 28+4", "sync disk0", "sync disk0s3"));
+  EXPECT_THAT(finished, ElementsAre("hybrid MBR of disk0"));
+}
+
+// A medium writes sectors whole. The bytes of a run from 84 on are torn where a sector ends, and nowhere else.
+TEST_F(ChangeTest, ARunIsTornWhereASectorEnds) {
+  disk = open("disk0");
+  committed({"boot record", {{"disk0", disk, {run(84, 8108, "boot record")}}}}).reset();
+  machine.setBytes("disk0", 84, Bytes(1024 - 84, kNew));
+  EXPECT_FALSE(settle());
+  EXPECT_THAT(finished, ElementsAre("boot record"));
+  Bytes expected(kDisk, kOld);
+  std::fill_n(expected.begin() + 84, 8108, kNew);
+  EXPECT_EQ(wholeDisk(), expected);
+}
+
+TEST_F(ChangeTest, WhatSomebodyElseWroteMeanwhileIsLeftAlone) {
+  const auto folder = committed(twoWrites())->folder();
+  machine.setBytes("disk0", 0, Bytes(512, kNew));
+  machine.setBytes("disk0", kSlice + 29, {0x99});
+  const Bytes before = wholeDisk();
+  const auto failure = settle();
+  ASSERT_TRUE(failure);
+  EXPECT_THAT(failure->reason, AllOf(HasSubstr("hybrid MBR of disk0"), HasSubstr("somebody else wrote there meanwhile"),
+                                     HasSubstr("remove " + folder)));
+  EXPECT_EQ(failure->state, "nothing was written");
+  EXPECT_THAT(machine.writes(), IsEmpty());
+  EXPECT_EQ(wholeDisk(), before);
+  EXPECT_EQ(journals().size(), 1U);
+}
+
+TEST_F(ChangeTest, AChangeThatIsBeingMadeIsNotTouched) {
+  const auto running = committed(twoWrites());
+  machine.setBytes("disk0", 0, Bytes(512, kNew));
+  const auto failure = settle();
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->reason, "another process is changing this disk (hybrid MBR of disk0)");
+  EXPECT_THAT(machine.writes(), IsEmpty());
+  EXPECT_EQ(journals().size(), 1U);
+}
+
+TEST_F(ChangeTest, ADamagedJournalIsToldAndNothingWritten) {
+  for (const char* file : {"before.bin", "after.bin"}) {
+    auto journal = committed(twoWrites());
+    const std::string folder = journal->folder();
+    journal.reset();
+    machine.setBytes("disk0", 0, Bytes(512, kNew));
+    {
+      std::fstream image(folder + "/" + file, std::ios::in | std::ios::out | std::ios::binary);
+      image.seekp(100);
+      image.put('?');
+    }
+    const auto failure = settle();
+    ASSERT_TRUE(failure) << file;
+    EXPECT_EQ(failure->subject, folder);
+    EXPECT_EQ(failure->reason, "the journal is damaged");
+    EXPECT_THAT(machine.writes(), IsEmpty());
+    fs::remove_all(folder);
+    machine.setBytes("disk0", 0, Bytes(512, kOld));
+  }
+}
+
+TEST_F(ChangeTest, AnotherDisksJournalIsNoneOfThis) {
+  machine.addDisk("disk1", 1 << 20, 512);
+  committed(twoWrites()).reset();
+  EXPECT_THAT(interruptedChanges(*open("disk1")), IsEmpty());
+  EXPECT_FALSE(settle("disk1"));
+  EXPECT_THAT(machine.writes(), IsEmpty());
+  EXPECT_EQ(journals().size(), 1U);
+}
+
+TEST_F(ChangeTest, ASliceWhoseNameIsGoneIsReachedThroughTheDisk) {
+  DiskChange change = twoWrites();
+  change.devices[1].device = "no such slice";
+  committed(change).reset();
+  machine.setBytes("disk0", 0, Bytes(512, kNew));
+  EXPECT_FALSE(settle());
+  EXPECT_EQ(wholeDisk(), expectedDisk(true, true));
+  EXPECT_THAT(journals(), IsEmpty());
+}
+
+TEST_F(ChangeTest, AFinishingThatFailsSaysWhatStands) {
+  committed(twoWrites()).reset();
+  machine.fail("disk0", Operation::sync, EIO);
+  const auto failure = settle();
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->subject, "disk0");
+  EXPECT_EQ(failure->state.find("nothing was written"), std::string::npos);
+  EXPECT_THAT(failure->state, HasSubstr(stateFolder()));
+  EXPECT_EQ(journals().size(), 1U);
+}
+
+// ------------------------------------------------------------------------------------------------------------ writers
+
+TEST_F(ChangeTest, AJournalThatIsNotCommittedLeavesNothing) {
+  std::unique_ptr<JournalWriter> writer;
+  ASSERT_FALSE(JournalWriter::begin("dropped", writer));
+  EXPECT_EQ(journals().size(), 1U);
+  EXPECT_THAT(journalFolders(), IsEmpty());
+  writer.reset();
+  EXPECT_THAT(journals(), IsEmpty());
+}
+
+// A real image, and a process that ends at each of its writes.
+TEST_F(ChangeTest, AProcessThatEndsAtAnyWriteIsFinishedOrForgotten) {
+  const ScopedPlatform native(nativePlatform());
+  const std::string image = stateFolder() + "/disk.img";
+  for (int last = 1; last <= 3; ++last) {
+    std::ofstream(image, std::ios::binary).write(std::string(4096, static_cast<char>(kOld)).data(), 4096);
+    const auto change = [&] {
+      return DiskChange{"three sectors",
+                        {{image, open(image), {run(0, 512, "a"), run(1024, 512, "b"), run(2048, 512, "c")}}}};
+    };
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      DiskChange made = change();
+      static_cast<HookedHandle&>(*made.devices[0].handle).beforeWrite = [&, count = 0]() mutable {
+        if (++count == last) _exit(7);
+        return 0;
+      };
+      static_cast<void>(applyChange(made));
+      _exit(1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7);
+    EXPECT_EQ(journals().size(), 1U) << last;
+
+    const auto handle = open(image);
+    finished.clear();
+    EXPECT_FALSE(settleInterruptedChanges(image, *handle, finished));
+    Bytes expected(4096, kOld);
+    if (last > 1) {
+      for (const size_t at : {size_t{0}, size_t{1024}, size_t{2048}})
+        std::fill_n(expected.begin() + static_cast<ptrdiff_t>(at), 512, kNew);
+    }
+    EXPECT_EQ(finished.size(), last > 1 ? 1U : 0U) << last;
+    Bytes now(4096);
+    EXPECT_EQ(handle->readAt(now.data(), now.size(), 0), 4096);
+    EXPECT_EQ(now, expected) << last;
+    EXPECT_THAT(journals(), IsEmpty()) << last;
+  }
+}
+
+}  // namespace
+}  // namespace vorlix::test
