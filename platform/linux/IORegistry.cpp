@@ -5,6 +5,7 @@
 
 #include "../posix/SliceName.h"
 #include "BlockDevices.h"
+#include "DeviceFacts.h"
 #include "ImageDisk.h"
 #include "ImageFiles.h"
 #include "KernelDisks.h"
@@ -143,6 +144,12 @@ bool isMedium(const RegistryNode& node, uint32_t slice) {
 KernReturn LinuxIORegistry::masterPort(MasterPort& port) {
   port = kPort;
   return kKernSuccess;
+}
+
+std::string LinuxIORegistry::bsdNameFor(const std::string& device) {
+  const std::optional<DeviceLocation> location = locateDevice(device);
+  const std::optional<std::string> image = location && location->isImage ? bsdNameOf(*location) : std::nullopt;
+  return image ? *image : IORegistry::bsdNameFor(device);
 }
 
 KernReturn LinuxIORegistry::createIterator(MasterPort, const std::string& plane,

@@ -24,8 +24,8 @@
 // BSD names are the kernel's, without "/dev/"; a slice that the kernel has no node for is called `<whole>s<N>`.
 // Matching by BSD name takes that form for every slice, and finds image files by any name that locateDevice() takes for
 // one; else names are compared exactly. An iterator over a plane can show only image files whose names came up before
-// in this process, through disk arbitration, a device file or matching by name: who wants to meet one in a walk names
-// it first.
+// in this process, through disk arbitration, a device file, bsdNameFor() or matching by name: who wants to meet one in
+// a walk names it first.
 #pragma once
 
 #include <Vorlix/platform/IORegistry.h>
@@ -41,6 +41,8 @@ class LinuxIORegistry final : public IORegistry {
   explicit LinuxIORegistry(std::string root = "") : root_(std::move(root)) {}
 
   KernReturn masterPort(MasterPort& port) override;
+  /// An image's is its absolute path, whatever name leads to it; the image is in walks from now on.
+  std::string bsdNameFor(const std::string& device) override;
   KernReturn createIterator(MasterPort port, const std::string& plane,
                             std::shared_ptr<RegistryIterator>& iterator) override;
   KernReturn matchingServices(MasterPort port, const RegistryMatching& matching,
