@@ -132,12 +132,14 @@ else()
        platform/linux/MirrorTree.cpp
        platform/linux/MirroredVolume.cpp
        platform/linux/MountFolders.cpp
+       platform/linux/MountSources.cpp
        platform/linux/MountTable.cpp
        platform/linux/MountedVolumes.cpp
        platform/linux/Mounting.cpp
        platform/linux/Mtools.cpp
        platform/linux/OpenedDevice.cpp
        platform/linux/RunLoop.cpp
+       platform/linux/VolumeOrigin.cpp
        platform/linux/VolumeProbe.cpp)
 endif()
 

@@ -97,7 +97,8 @@ class DiskArbitrationSession {
  public:
   virtual ~DiskArbitrationSession() = default;
 
-  /// The disk of a device name, with or without "/dev/". Null for a name that no disk has.
+  /// The disk of a device name, with or without "/dev/". Null for a name that no disk has; `errno` is EACCES if the
+  /// system says that the caller may not look there.
   virtual std::shared_ptr<Disk> diskFromBSDName(const std::string& name) = 0;
 
   /// The disk whose volume is mounted at a path. Null where no volume is mounted.

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace vorlix {
 
@@ -64,6 +65,14 @@ class IORegistry {
 
   /// Gets the port for the other calls. They go on working with a port that could not be had (0).
   virtual KernReturn masterPort(MasterPort& port) = 0;
+
+  /// The BSD name under which the registry shows a device that somebody named with or without "/dev/". Ask for it
+  /// before a walk that looks for the device: systems without a list of their disk-image files show those in a walk
+  /// that were named. A name that no device has comes back without "/dev/".
+  virtual std::string bsdNameFor(const std::string& device) {
+    constexpr std::string_view kDeviceFolder = "/dev/";
+    return device.starts_with(kDeviceFolder) ? device.substr(kDeviceFolder.size()) : device;
+  }
 
   /// An iterator over all entries of a plane, from the root down.
   virtual KernReturn createIterator(MasterPort port, const std::string& plane,

@@ -47,10 +47,8 @@ constexpr int kPlaceNoPartitionNumber = 170;
 // Where in a GUID's 32 digits each byte of its raw form is found: three groups in little-endian order, then as written.
 constexpr std::array<uint8_t, kGUIDSize> kDigitPlaces = {6, 4, 2, 0, 10, 8, 14, 12, 16, 18, 20, 22, 24, 26, 28, 30};
 
-// The registry's names stand without the folder of the device nodes.
 std::string registryName(const char* name) {
-  const std::string text = textOf(name);
-  return text.rfind(kDeviceFolder, 0) == 0 ? text.substr(std::strlen(kDeviceFolder)) : text;
+  return vorlix::platform().ioRegistry->bsdNameFor(textOf(name));
 }
 
 char lower(char letter) {
@@ -227,11 +225,11 @@ int32_t partitionForDeviceIdentifierOnGivenPlane(const char* name, const char* p
   vorlix::IORegistry& registry = *vorlix::platform().ioRegistry;
   vorlix::MasterPort port = 0;
   if (registry.masterPort(port) != kKernSuccess) logMessage("IOMasterPort() failed with error %s", kNoConversion);
+  const std::string wanted = registryName(name);  // before the walk, which shows the image files that were named
   std::shared_ptr<RegistryIterator> iterator;
   if (registry.createIterator(port, textOf(plane), iterator) != kKernSuccess) {
     logMessage("IORegistryCreateIterator() failed with error %s", kNoConversion);
   }
-  const std::string wanted = registryName(name);
   while (const std::shared_ptr<RegistryEntry> entry = nextEntry(iterator)) {
     const std::optional<vorlix::Dictionary> properties = propertiesOf(*entry);
     if (!properties) {

@@ -52,10 +52,24 @@ DeviceLocation locateBlockDevice(const std::string& path, dev_t device) {
   return {nodeOf(folder.parent_path().filename()), path, *slice, false};
 }
 
+// An image is known by its absolute path from now on. Where that cannot be followed, as below a folder that this user
+// may be in but not pass through, nothing that comes later would find it.
+bool isReachedByAbsolutePath(const std::string& path, const struct stat& image) {
+  struct stat status = {};
+  if (path.starts_with('/')) return true;
+  if (stat(imageBSDName(path).c_str(), &status) != 0) return false;
+  if (status.st_dev == image.st_dev && status.st_ino == image.st_ino) return true;
+  errno = ESTALE;
+  return false;
+}
+
 std::optional<DeviceLocation> locateExisting(const std::string& path) {
   struct stat status = {};
   if (stat(path.c_str(), &status) != 0) return std::nullopt;
-  if (S_ISREG(status.st_mode)) return DeviceLocation{path, path, 0, true};
+  if (S_ISREG(status.st_mode)) {
+    if (!isReachedByAbsolutePath(path, status)) return std::nullopt;
+    return DeviceLocation{path, path, 0, true};
+  }
   if (S_ISBLK(status.st_mode)) return locateBlockDevice(path, status.st_rdev);
   errno = S_ISDIR(status.st_mode) ? EISDIR : ENOTBLK;
   return std::nullopt;

@@ -26,8 +26,9 @@ struct DeviceLocation {
 /// "/dev/nvme0n1s3", "mac.imgs3"). The BSD name of an image file is its absolute path, and callers put "/dev/" before
 /// BSD names, some of them twice, so "/dev//home/me/mac.img" is that file and "/dev//dev/sda3" that device. A path that
 /// exists is taken as it is. The slice of an image is not looked up. An image file that is found is remembered
-/// (ImageFiles.h). Absent with `errno` set: ENOENT, EISDIR, ENOTBLK for what is neither a block device nor a file, or
-/// what the system says.
+/// (ImageFiles.h); one that is named by a relative path, but cannot be reached by its absolute one, is not found, with
+/// the reason that has (EACCES). Absent with `errno` set: ENOENT, EISDIR, ENOTBLK for what is neither a block device
+/// nor a file, or what the system says.
 std::optional<DeviceLocation> locateDevice(const std::string& name);
 
 /// Logical block size of a block device by the kernel's own account. Absent when there is none.

@@ -76,7 +76,7 @@ void describeMedium(const DeviceLocation& location, const std::optional<DiskFact
              probePartitionName(whole->descriptor.get(), whole->blockSize, location.slice));
 }
 
-// The registry has the medium above its device, and a slice above the medium of its disk.
+// The registry has the medium below its device, and a slice below the partition table on the medium of its disk.
 void describePaths(const DeviceLocation& location, Dictionary& description) {
   RegistryMatching matching;
   matching.bsdName = bsdNameOf(location);
@@ -87,7 +87,7 @@ void describePaths(const DeviceLocation& location, Dictionary& description) {
   if (!entry) return;
   std::string path;
   if (entry->path(kServicePlane, path) == kKernSuccess) description.set(kDescriptionMediaPath, path);
-  for (int step = location.slice == 0 ? 1 : 2; step > 0; --step) {
+  for (int step = location.slice == 0 ? 1 : 3; step > 0; --step) {
     std::shared_ptr<RegistryEntry> above;
     if (entry->parent(kServicePlane, above) != kKernSuccess || !above) return;
     entry = above;

@@ -5,6 +5,7 @@
 
 #include "../posix/SliceName.h"
 #include "BlockDevices.h"
+#include "DeviceFacts.h"
 #include "ImageDisk.h"
 #include "ImageFiles.h"
 #include "KernelDisks.h"
@@ -52,6 +53,17 @@ Dictionary wholeProperties(const DiskFacts& disk) {
   Dictionary properties = mediaProperties(disk, disk.bsdName, disk.size, true);
   properties.set("Writable", disk.writable);
   properties.set("Content", disk.content);
+  return properties;
+}
+
+std::string schemeClassFor(const std::string& content) {
+  if (content == "GUID_partition_scheme") return "IOGUIDPartitionScheme";
+  if (content == "FDisk_partition_scheme") return "IOFDiskPartitionScheme";
+  return "IOPartitionScheme";
+}
+
+Dictionary schemeProperties(const DiskFacts& disk) {
+  Dictionary properties;
   if (disk.uuid) properties.set("UUID", disk.uuid->text());
   return properties;
 }
@@ -78,9 +90,13 @@ void addDisk(const DiskFacts& disk, RegistryTree& tree) {
   if (!disk.hasMedium) return;
   const size_t whole = tree.size();
   tree.push_back({product + " Media", "", "IOMedia", wholeProperties(disk), device});
+  if (disk.content.empty() && disk.slices.empty()) return;
+  const size_t scheme = tree.size();
+  const std::string schemeClass = schemeClassFor(disk.content);
+  tree.push_back({schemeClass, "", schemeClass, schemeProperties(disk), whole});
   for (const SliceFacts& slice : disk.slices) {
     const std::string number = std::to_string(slice.number);
-    tree.push_back({"Untitled " + number, number, "IOMedia", sliceProperties(disk, slice), whole});
+    tree.push_back({"Untitled " + number, number, "IOMedia", sliceProperties(disk, slice), scheme});
   }
 }
 
@@ -128,6 +144,12 @@ bool isMedium(const RegistryNode& node, uint32_t slice) {
 KernReturn LinuxIORegistry::masterPort(MasterPort& port) {
   port = kPort;
   return kKernSuccess;
+}
+
+std::string LinuxIORegistry::bsdNameFor(const std::string& device) {
+  const std::optional<DeviceLocation> location = locateDevice(device);
+  const std::optional<std::string> image = location && location->isImage ? bsdNameOf(*location) : std::nullopt;
+  return image ? *image : IORegistry::bsdNameFor(device);
 }
 
 KernReturn LinuxIORegistry::createIterator(MasterPort, const std::string& plane,

@@ -7,22 +7,25 @@
 //       the machine                          IOPlatformExpertDevice   "model"
 //         a disk's device                    IOBlockStorageDevice     "Device Characteristics"
 //           the medium in it                 IOMedia                  "BSD Name", "Whole", "Size" ...
-//             a slice                        IOMedia                  "BSD Name", "Partition ID", "UUID", "Base" ...
+//             its partition table            IOGUIDPartitionScheme    "UUID"
+//               a slice                      IOMedia                  "BSD Name", "Partition ID", "UUID", "Base" ...
 //
 // Every entry is in both planes. There are no user clients and no APFS volumes here. The entries that a call hands out
 // belong to one moment and do not change; the next call looks anew.
 //
-// Identity. A slice has a "UUID" only on a GPT disk: its partition GUID. The medium of a GPT disk carries the disk GUID
-// as its "UUID", since a caller that looks above the slice would otherwise have to read the GPT header, and an ordinary
-// user may not; the native registry has it at the entry above the slices as well. On an MBR disk neither has a "UUID":
-// a disk signature and a slot number are no GUID and must not be taken for one. Where a disk may not be opened, all of
-// this comes from udev's database.
+// The entry of the partition table is there if the disk has one that is recognised, or slices by the kernel's account.
+// Its class is IOFDiskPartitionScheme for an MBR, and IOPartitionScheme for a table of another sort.
+//
+// Identity. A slice has a "UUID" only on a GPT disk: its partition GUID. The disk GUID stands as "UUID" at the entry of
+// the table, the parent of the slices, as in the native registry. The medium of the whole disk has none, so that its
+// GUID is not taken for a partition's. On an MBR disk nothing has a "UUID": a disk signature and a slot number are no
+// GUID and must not be taken for one. Where a disk may not be opened, all of this comes from udev's database.
 //
 // BSD names are the kernel's, without "/dev/"; a slice that the kernel has no node for is called `<whole>s<N>`.
 // Matching by BSD name takes that form for every slice, and finds image files by any name that locateDevice() takes for
 // one; else names are compared exactly. An iterator over a plane can show only image files whose names came up before
-// in this process, through disk arbitration, a device file or matching by name: who wants to meet one in a walk names
-// it first.
+// in this process, through disk arbitration, a device file, bsdNameFor() or matching by name: who wants to meet one in
+// a walk names it first.
 #pragma once
 
 #include <Vorlix/platform/IORegistry.h>
@@ -38,6 +41,8 @@ class LinuxIORegistry final : public IORegistry {
   explicit LinuxIORegistry(std::string root = "") : root_(std::move(root)) {}
 
   KernReturn masterPort(MasterPort& port) override;
+  /// An image's is its absolute path, whatever name leads to it; the image is in walks from now on.
+  std::string bsdNameFor(const std::string& device) override;
   KernReturn createIterator(MasterPort port, const std::string& plane,
                             std::shared_ptr<RegistryIterator>& iterator) override;
   KernReturn matchingServices(MasterPort port, const RegistryMatching& matching,

@@ -1,10 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ImageFiles.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <mutex>
 #include <system_error>
+
+#include "../posix/Descriptor.h"
 
 namespace vorlix {
 namespace {
@@ -23,15 +28,37 @@ FileList& fileList() {
   return list;
 }
 
-}  // namespace
+bool isSameFile(const std::string& one, const std::string& other) {
+  struct stat first = {};
+  struct stat second = {};
+  return stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
+         first.st_ino == second.st_ino;
+}
 
-std::string imageBSDName(const std::string& path) {
+std::string kernelPathOf(const std::string& path) {
+  const Descriptor descriptor(open(path.c_str(), O_PATH | O_CLOEXEC));
+  if (!descriptor) return "";
+  std::error_code error;
+  return fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor.get()), error).string();
+}
+
+std::string absoluteName(const std::string& path) {
   std::error_code error;
   const fs::path absolute = fs::absolute(path, error);
   if (error) return path;
   // A ".." that follows a link does not lead to where the text says.
   const bool climbs = std::find(absolute.begin(), absolute.end(), "..") != absolute.end();
   return climbs ? absolute.string() : absolute.lexically_normal().string();
+}
+
+}  // namespace
+
+std::string imageBSDName(const std::string& path) {
+  const std::string name = absoluteName(path);
+  if (path.starts_with('/') || isSameFile(path, name)) return name;
+  // A link may lead out of a folder that this user is in but cannot pass through.
+  const std::string shorter = kernelPathOf(path);
+  return !shorter.empty() && isSameFile(path, shorter) ? shorter : name;
 }
 
 void noteImageFile(const std::string& path) {

@@ -10,7 +10,7 @@
 namespace vorlix {
 
 /// The BSD name of a disk-image file: its absolute path, without "." steps and doubled separators. Symbolic links stay
-/// as they are named.
+/// as they are named, unless the way through the current folder is closed to this user and there is another one.
 std::string imageBSDName(const std::string& path);
 
 /// Remembers a disk-image file. The list holds the 64 names that came up last, each once. Any thread may call this.

@@ -3,11 +3,19 @@
 
 #include <libmount/libmount.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstring>
 #include <memory>
+#include <thread>
 #include <vector>
 
-#include "MountTable.h"
+#include "Command.h"
+#include "MountSources.h"
 
 namespace vorlix {
 namespace {
@@ -134,6 +142,60 @@ Outcome mountAs(const KernelMountRequest& request, const std::string& driver) {
   return outcomeOf(context.get(), mnt_context_mount(context.get()));
 }
 
+bool isMounted(int id) {
+  const std::vector<MountPoint> mounts = mountTable();
+  return std::any_of(mounts.begin(), mounts.end(), [&](const MountPoint& mount) { return mount.id == id; });
+}
+
+bool isMountedElsewhere(dev_t number) {
+  const std::vector<MountPoint> mounts = mountTable();
+  return std::any_of(mounts.begin(), mounts.end(), [&](const MountPoint& mount) { return mount.number == number; });
+}
+
+// The mount on top at a path of the table. Its root may be out of reach: drivers in user space keep others out.
+bool isOnTop(const MountPoint& wanted) {
+  const std::vector<MountPoint> mounts = mountTable();
+  const auto top =
+      std::find_if(mounts.rbegin(), mounts.rend(), [&](const MountPoint& mount) { return mount.path == wanted.path; });
+  return top != mounts.rend() && top->id == wanted.id;
+}
+
+// The system's program that lets users unmount what they mounted.
+Refusal unmountAsUser(const std::string& path) {
+  CommandResult result;
+  for (const char* const program : {"fusermount3", "fusermount"}) {
+    Command command;
+    command.arguments = {program, "-u", "--", path};
+    result = runCommand(command);
+    if (result.launchError == 0) break;
+  }
+  if (result.succeeded()) return std::nullopt;
+  if (result.launchError != 0) {
+    return Dissenter{kDissentNotPrivileged, "only the super-user can unmount " + path + " without fusermount3"};
+  }
+  const bool isBusy = result.errors.find(std::strerror(EBUSY)) != std::string::npos;
+  return Dissenter{isBusy ? kDissentBusy : kDissentError, path + ": " + result.errors};
+}
+
+Refusal waitForDriver(const MountSource& source, const std::string& path) {
+  constexpr auto kLongest = std::chrono::seconds(30);
+  constexpr auto kStep = std::chrono::milliseconds(10);
+  const auto isHeld = [&](const std::string& holder) {
+    struct stat status = {};
+    return stat(holder.c_str(), &status) == 0 && originOf(status, source.origin.offset) == source.origin;
+  };
+  const auto deadline = std::chrono::steady_clock::now() + kLongest;
+  for (const std::string& holder : source.holders) {
+    while (isHeld(holder)) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        return Dissenter{kDissentBusy, path + " is unmounted, but its driver is still at work (" + holder + ")"};
+      }
+      std::this_thread::sleep_for(kStep);
+    }
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 Refusal mountByKernel(const KernelMountRequest& request) {
@@ -173,6 +235,20 @@ Refusal unmountByKernel(const std::string& path) {
   }
   if (outcome.error == EINVAL) return Dissenter{kDissentNotMounted, path + " is not mounted"};
   return dissenterFor(outcome.error, path);
+}
+
+Refusal unmountByKernel(const MountPoint& mount) {
+  if (!isMounted(mount.id)) return std::nullopt;
+  if (!isOnTop(mount)) return Dissenter{kDissentBusy, "another volume is mounted over " + mount.path};
+  const std::optional<MountSource> source = mount.isByDriver ? MountSources().of(mount) : std::nullopt;
+  const bool isOwn = mount.isByDriver && geteuid() != 0 && mount.user == geteuid();
+  Refusal refusal = isOwn ? unmountAsUser(mount.path) : unmountByKernel(mount.path);
+  if (isMounted(mount.id)) {
+    if (refusal && refusal->status != kDissentNotMounted) return refusal;
+    return Dissenter{kDissentBusy, mount.path + " stays mounted; another mount may stand before it"};
+  }
+  if (!source || isMountedElsewhere(mount.number)) return std::nullopt;
+  return waitForDriver(*source, mount.path);
 }
 
 }  // namespace vorlix

@@ -8,6 +8,7 @@
 
 #include "../posix/FileHandle.h"
 #include "Dissenters.h"
+#include "MountTable.h"
 
 namespace vorlix {
 
@@ -27,5 +28,12 @@ Refusal mountByKernel(const KernelMountRequest& request);
 
 /// Unmounts what is mounted at `path`.
 Refusal unmountByKernel(const std::string& path);
+
+/// Unmounts that mount and no other. One that is gone already, with another one perhaps, is unmounted. Refused with
+/// kDissentBusy where another mount covers it; a mount that is still there afterwards is never taken for unmounted.
+///
+/// A driver in user space goes on writing when its mount has gone: this waits until it has let go of the device or
+/// image, for half a minute at most. An ordinary user's own mounts of that sort are unmounted by fusermount3.
+Refusal unmountByKernel(const MountPoint& mount);
 
 }  // namespace vorlix

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/sysmacros.h>
 
 #include <cerrno>
 #include <fstream>
@@ -20,7 +19,7 @@
 #include "DiskDescription.h"
 #include "FatLayout.h"
 #include "MirrorState.h"
-#include "MountTable.h"
+#include "MountSources.h"
 #include "Mounting.h"
 #include "OpenedDevice.h"
 #include "VolumeProbe.h"
@@ -30,7 +29,7 @@ namespace {
 
 constexpr std::string_view kNTFSDriver = "ntfs:/";
 
-// The mounts of one device, the first one first.
+// The mounts of one volume, the first one first.
 using Mounts = std::vector<const MountPoint*>;
 
 // Drivers in user space are known by the names they choose; "ntfs:/share" of another file system is a server's.
@@ -38,19 +37,28 @@ bool isNamedByDriver(const MountPoint& mount) {
   return mount.fileSystem.rfind("fuse", 0) == 0 && mount.source.rfind(kNTFSDriver, 0) == 0;
 }
 
-// The table by devices, each at its first place.
-std::vector<Mounts> byDevice(const std::vector<MountPoint>& table) {
-  std::vector<Mounts> devices;
-  std::map<std::pair<std::string, dev_t>, size_t> places;
+// A volume with its mounts.
+struct MountedSource {
+  Mounts mounts;
+  std::optional<MountSource> source;  ///< absent of what a driver named that no device here is called by
+};
+
+// The table by volumes, each at its first place.
+std::vector<MountedSource> bySource(const std::vector<MountPoint>& table) {
+  std::vector<MountedSource> volumes;
+  std::map<std::pair<std::string, std::optional<VolumeOrigin>>, size_t> places;
+  MountSources sources;
   for (const MountPoint& mount : table) {
+    std::optional<MountSource> source = sources.of(mount);
     const bool byName = isNamedByDriver(mount);
-    if (!byName && major(mount.device) == 0) continue;
-    const auto key = byName ? std::pair(mount.source, dev_t{0}) : std::pair(std::string(), mount.device);
-    const auto [place, isNew] = places.try_emplace(key, devices.size());
-    if (isNew) devices.emplace_back();
-    devices[place->second].push_back(&mount);
+    if (!byName && !source) continue;
+    const auto key = byName ? std::pair(mount.source, std::optional<VolumeOrigin>())
+                            : std::pair(std::string(), std::optional(source->origin));
+    const auto [place, isNew] = places.try_emplace(key, volumes.size());
+    if (isNew) volumes.push_back({{}, std::move(source)});
+    volumes[place->second].mounts.push_back(&mount);
   }
-  return devices;
+  return volumes;
 }
 
 // The number of the mount that an open file is on. Unlike stat() this asks the kernel alone.
@@ -86,13 +94,14 @@ void findPlace(const Mounts& mounts, MountedVolume& volume) {
   }
 }
 
-std::optional<std::string> sourceOf(const MountPoint& mount) {
+std::optional<std::string> nameOf(const MountPoint& mount, const std::optional<MountSource>& source) {
   if (isNamedByDriver(mount)) return mount.source;
-  if (std::optional<std::string> image = imageBehind(mount.device)) return image;
+  std::optional<std::string> name = deviceNameOf(*source);
+  if (source->device == 0 || imageBehind(source->device)) return name;
   struct stat status = {};
   const bool isNode = mount.source.rfind("/dev/", 0) == 0 && stat(mount.source.c_str(), &status) == 0 &&
-                      S_ISBLK(status.st_mode) && status.st_rdev == mount.device;
-  return isNode ? mount.source : nodeOfDevice(mount.device);
+                      S_ISBLK(status.st_mode) && status.st_rdev == source->device;
+  return isNode ? mount.source : name;
 }
 
 // What tells a volume from others, whatever name leads to it; see mirrorKey().
@@ -108,11 +117,10 @@ std::string identityOf(const std::string& device) {
   return mirrorKey(*location, window).value_or(device);
 }
 
-std::optional<std::string> labelOf(dev_t device) {
-  const std::optional<std::string> node = nodeOfDevice(device);
-  if (!node) return std::nullopt;
-  const DeviceLocation location{*node, *node, 0, false};
-  const std::optional<VolumeFacts> facts = volumeFactsOf(location, openLocation(location, O_RDONLY));
+std::optional<std::string> labelOf(const std::string& device) {
+  const std::optional<DeviceLocation> location = locateDevice(device);
+  if (!location) return std::nullopt;
+  const std::optional<VolumeFacts> facts = volumeFactsOf(*location, openLocation(*location, O_RDONLY));
   return facts ? facts->label : std::nullopt;
 }
 
@@ -147,16 +155,16 @@ std::vector<MountedVolume> LinuxMountedVolumes::volumes() {
   std::vector<MountedVolume> volumes;
   std::set<std::string> listed;
   const std::vector<MountPoint> table = mountTable();
-  for (const Mounts& mounts : byDevice(table)) {
-    const MountPoint& first = *mounts.front();
-    const std::optional<std::string> source = sourceOf(first);
-    if (!source) continue;
+  for (const MountedSource& mounted : bySource(table)) {
+    const MountPoint& first = *mounted.mounts.front();
+    const std::optional<std::string> device = nameOf(first, mounted.source);
+    if (!device) continue;
     const bool byName = isNamedByDriver(first);
-    if (!listed.insert(byName ? *source : identityOf(*source)).second) continue;
+    if (!listed.insert(byName ? *device : identityOf(*device)).second) continue;
     MountedVolume volume;
-    volume.mountedFrom = *source;
-    findPlace(mounts, volume);
-    const std::optional<std::string> label = byName ? std::nullopt : labelOf(first.device);
+    volume.mountedFrom = *device;
+    findPlace(mounted.mounts, volume);
+    const std::optional<std::string> label = byName ? std::nullopt : labelOf(*device);
     volume.name = label ? *label : nameFor(volume);
     volumes.push_back(std::move(volume));
   }

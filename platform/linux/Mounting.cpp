@@ -163,7 +163,7 @@ Refusal unmountVolume(const std::string& device) {
     return Dissenter{kDissentNotMounted, text};
   }
   for (auto mount = mounted.byKernel.rbegin(); mount != mounted.byKernel.rend(); ++mount) {
-    if (Refusal refusal = unmountByKernel(mount->path)) return refusal;
+    if (Refusal refusal = unmountByKernel(*mount)) return refusal;
     removeMountFolder(mount->path);
   }
   if (!mounted.mirror) return std::nullopt;
@@ -182,12 +182,19 @@ std::optional<std::string> imageBehind(dev_t device) {
   return backing ? nameInside(backing->path, backing->offset) : std::nullopt;
 }
 
+std::optional<std::string> deviceNameOf(const MountSource& source) {
+  if (source.device == 0) {
+    return source.file.empty() ? std::nullopt : nameInside(source.file, source.origin.offset);
+  }
+  if (std::optional<std::string> image = imageBehind(source.device)) return image;
+  return nodeOfDevice(source.device);
+}
+
 std::optional<std::string> deviceMountedAt(const std::string& path) {
   if (const std::optional<MirrorState> mirror = findMirrorAt(path)) return mirror->device;
   const std::optional<MountPoint> mount = mountAt(path);
-  if (!mount) return std::nullopt;
-  if (std::optional<std::string> image = imageBehind(mount->device)) return image;
-  return nodeOfDevice(mount->device);
+  const std::optional<MountSource> source = mount ? MountSources().of(*mount) : std::nullopt;
+  return source ? deviceNameOf(*source) : std::nullopt;
 }
 
 }  // namespace vorlix

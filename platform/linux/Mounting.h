@@ -9,6 +9,7 @@
 
 #include "BlockDevices.h"
 #include "Dissenters.h"
+#include "MountSources.h"
 #include "OpenedDevice.h"
 
 namespace vorlix {
@@ -37,6 +38,9 @@ std::optional<VolumePlace> volumePlaceOf(const DeviceLocation& location, const s
 /// The image, or the slice of one, whose bytes a loop device shows that was made for one mount alone and goes with it:
 /// to users such a volume is the image's. Absent for other devices.
 std::optional<std::string> imageBehind(dev_t device);
+
+/// Name of a device or image by which others find it. Absent where it has none now.
+std::optional<std::string> deviceNameOf(const MountSource& source);
 
 /// Name of the device whose volume is mounted at `path`, an image or a slice of one included.
 std::optional<std::string> deviceMountedAt(const std::string& path);

@@ -9,11 +9,15 @@ namespace vorlix {
 namespace {
 
 // Each class with the one it is derived from.
-constexpr std::array<std::pair<const char*, const char*>, 5> kSuperclasses = {{{"IOMedia", "IOStorage"},
-                                                                               {"IOStorage", "IOService"},
-                                                                               {"IOBlockStorageDevice", "IOService"},
-                                                                               {"IOPlatformExpertDevice", "IOService"},
-                                                                               {"IOService", "IORegistryEntry"}}};
+constexpr std::array<std::pair<const char*, const char*>, 8> kSuperclasses = {
+    {{"IOMedia", "IOStorage"},
+     {"IOGUIDPartitionScheme", "IOPartitionScheme"},
+     {"IOFDiskPartitionScheme", "IOPartitionScheme"},
+     {"IOPartitionScheme", "IOStorage"},
+     {"IOStorage", "IOService"},
+     {"IOBlockStorageDevice", "IOService"},
+     {"IOPlatformExpertDevice", "IOService"},
+     {"IOService", "IORegistryEntry"}}};
 
 bool isKindOf(std::string className, const std::string& wanted) {
   while (className != wanted) {

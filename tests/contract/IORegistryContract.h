@@ -23,6 +23,7 @@ struct RegistryMachine {
   int64_t partitionID;    ///< number of the slice
   std::string sliceUUID;  ///< partition GUID of the slice, as text
   int64_t base;           ///< where the slice starts, in bytes
+  std::string diskUUID;   ///< disk GUID, as text
 };
 
 struct RegistryCase {
@@ -131,8 +132,13 @@ TEST_P(IORegistryContract, ASliceIsBelowItsDiskWhichIsBelowTheRoot) {
   ASSERT_NE(entry, nullptr);
   std::shared_ptr<RegistryEntry> parent;
   ASSERT_EQ(entry->parent(kServicePlane, parent), kKernSuccess);
+  EXPECT_FALSE(propertiesOf(*parent).contains("BSD Name")) << "the partition table, which is no medium";
+  EXPECT_EQ(textOf(*parent, "UUID"), machine_.diskUUID);
+  entry = parent;
+  ASSERT_EQ(entry->parent(kServicePlane, parent), kKernSuccess);
   EXPECT_EQ(textOf(*parent, "BSD Name"), machine_.whole);
-  int levels = 1;
+  EXPECT_FALSE(propertiesOf(*parent).contains("UUID")) << "it would be taken for a partition's";
+  int levels = 2;
   for (; levels < 100 && parent != nullptr; ++levels) {
     entry = parent;
     const KernReturn code = entry->parent(kServicePlane, parent);

@@ -9,6 +9,7 @@ namespace vorlix::test {
 namespace {
 
 constexpr const char* kSliceUUID = "00112233-4455-6677-8899-AABBCCDDEEFF";
+constexpr const char* kDiskUUID = "3F2504E0-4F89-41D3-9A0C-0305E82C3301";
 
 RegistryMachine simulated() {
   const auto machine = std::make_shared<SimulatedMachine>();
@@ -21,14 +22,18 @@ RegistryMachine simulated() {
   whole.set("BSD Name", std::string("disk0"));
   whole.set("Whole", true);
   const RegistryEntryID disk = machine->addRegistryEntry("Disk Media", "IOMedia", whole, under(expert));
+  Dictionary table;
+  table.set("UUID", std::string(kDiskUUID));
+  const RegistryEntryID scheme =
+      machine->addRegistryEntry("IOGUIDPartitionScheme", "IOGUIDPartitionScheme", table, under(disk));
   Dictionary slice;
   slice.set("BSD Name", std::string("disk0s3"));
   slice.set("Whole", false);
   slice.set("Partition ID", int64_t{3});
   slice.set("UUID", std::string(kSliceUUID));
   slice.set("Base", int64_t{20480});
-  machine->addRegistryEntry("Untitled 3", "IOMedia", slice, under(disk));
-  return {machine, machine->platform().ioRegistry, "disk0", "disk0s3", 3, kSliceUUID, 20480};
+  machine->addRegistryEntry("Untitled 3", "IOMedia", slice, under(scheme));
+  return {machine, machine->platform().ioRegistry, "disk0", "disk0s3", 3, kSliceUUID, 20480, kDiskUUID};
 }
 
 INSTANTIATE_TEST_SUITE_P(Simulated, IORegistryContract, testing::Values(RegistryCase{"Machine", simulated}), caseName);

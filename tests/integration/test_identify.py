@@ -4,6 +4,9 @@
 import json
 import os
 import re
+import shutil
+import subprocess
+import tempfile
 import unittest
 import uuid
 
@@ -33,12 +36,17 @@ def medium_of_device(number):
 
 
 class IdentifyTest(volumes.VolumeTest):
-    def identify(self, device):
-        """The answer as JSON; the text for people has to say the same."""
-        shown = json.loads(self.vorlix_ok("identify", device, "--json").stdout)
+    def identify(self, device, nothing=None):
+        """The answer as JSON; the text for people has to say the same. `nothing` is why nothing identifies the device."""
+        results = [self.vorlix_run("identify", device, *options) for options in (["--json"], [])]
+        for result in results:
+            self.assertEqual(result.returncode, 1 if nothing else 0, result.stderr)
+            told = [line for line in result.stderr.splitlines() if "nothing identifies it" in line]
+            self.assertEqual(told, [f"vorlix: {device}: nothing identifies it: {nothing}"] if nothing else [])
+        shown = json.loads(results[0].stdout)
         self.assertEqual(list(shown), MEMBERS)
         self.assertEqual((shown["schema"], shown["device"]), (1, device))
-        self.assert_same_text(self.vorlix_ok("identify", device).stdout, shown)
+        self.assert_same_text(results[1].stdout, shown)
         return shown
 
     def assert_same_text(self, text, shown):
@@ -183,7 +191,7 @@ class Images(IdentifyTest):
         for name, content in (("empty", b""), ("short", b"x"), ("zeros", bytes(1 << 20))):
             with self.subTest(name=name):
                 file = self.file(name, content)
-                shown = self.identify(file)
+                shown = self.identify(file, nothing="it has no partition table")
                 self.assertEqual((shown["name"], shown["wholeDisk"], shown["partition"]), (file, file, 0))
                 self.assertIsNone(shown["diskGUID"])
                 self.vorlix_refuses("identify", file + "s1", saying=[file + "s1", "no such"])
@@ -191,7 +199,56 @@ class Images(IdentifyTest):
     def test_an_identifier_cut_off_by_the_end_of_the_file_is_unknown(self):
         disk = self.mac()
         os.truncate(disk, 512 + 60)
-        self.assertIsNone(self.identify(disk)["diskGUID"])
+        self.assertIsNone(self.identify(disk, nothing="its partition table gives no identifier")["diskGUID"])
+
+    def test_a_damaged_gpt(self):
+        """Its checksums are wrong: the slices are there, what they are called is not to be trusted."""
+        disk = self.mac()
+        for place in (512 + 60, os.path.getsize(disk) - 512 + 60):
+            with open(disk, "r+b") as file:
+                file.seek(place)
+                file.write(b"XX")
+        shown = self.identify(disk + "s3", nothing="its partition table gives no identifier")
+        self.assertEqual((shown["partition"], shown["partitionGUID"]), (3, None))
+
+    def test_an_image_below_dev(self):
+        """/dev/shm is a folder like others; its files keep the "/dev/" in their names."""
+        if not os.access("/dev/shm", os.W_OK):
+            self.skipTest("no /dev/shm to write to")
+        folder = tempfile.mkdtemp(dir="/dev/shm")
+        self.addCleanup(shutil.rmtree, folder)
+        os.chmod(folder, 0o755)
+        disk = self.give(tools.sgdisk_image(os.path.join(folder, "mac.img"), MAC))
+        self.assert_whole(disk, disk, disk)
+        self.assert_whole("/dev/" + disk, disk, disk)
+        for form in (disk, "/dev/" + disk, os.path.relpath(disk)):
+            self.assertEqual(self.assert_slice(form + "s3", disk, disk, 3)["mediumType"], self.identify(disk)["mediumType"])
+
+    def test_a_relative_name_below_a_folder_that_cannot_be_passed(self):
+        if not volumes.IS_ROOT:
+            self.skipTest("the super-user is needed to be in such a folder")
+        closed = self.path("closed")
+        os.mkdir(closed)
+        os.mkdir(os.path.join(closed, "inner"), 0o777)
+        disk = tools.sgdisk_image(os.path.join(closed, "inner", "mac.img"), MAC)
+        os.chmod(disk, 0o666)
+        os.chmod(closed, 0o700)
+        before = images.snapshot(disk)
+        for command in (["identify", "mac.img"], ["identify", "mac.imgs3"], ["show", "mac.img"], ["mount", "mac.imgs1"],
+                        ["unmount", "mac.imgs1"]):
+            with self.subTest(command=command):
+                # Enters the folder as root, and stays there as another user.
+                result = subprocess.run([*self.prefix(), self.vorlix, *command], cwd=os.path.join(closed, "inner"),
+                                        capture_output=True, text=True, check=False)
+                self.assertEqual(result.returncode, 2, result.stdout)
+                self.assertIn("Permission denied", result.stderr)
+        self.assert_unchanged(disk, before)
+        # A link out of there is another matter.
+        other = self.mac()
+        os.symlink(other, os.path.join(closed, "inner", "link.img"))
+        result = subprocess.run([*self.prefix(), self.vorlix, "identify", "--json", "link.imgs3"], text=True,
+                                cwd=os.path.join(closed, "inner"), capture_output=True, check=True)
+        self.assertEqual(json.loads(result.stdout)["name"], other + "s3")
 
     def test_devices_that_are_not_there(self):
         disk = self.mac()

@@ -51,6 +51,8 @@ TEST_F(DescribedImage, ASliceOfAGPTIsDescribedAsTheToolsSeeIt) {
   EXPECT_FALSE(slice->contains(kDescriptionVolumePath));
   ASSERT_TRUE(slice->text(kDescriptionMediaPath).has_value());
   EXPECT_EQ(slice->text(kDescriptionMediaPath)->rfind("IOService:/", 0), 0U);
+  EXPECT_TRUE(slice->text(kDescriptionMediaPath)->ends_with("/Disk Image Media/IOGUIDPartitionScheme/Untitled 1@1"));
+  EXPECT_TRUE(slice->text(kDescriptionDevicePath)->ends_with("/Disk Image@mac.img"));
 }
 
 TEST_F(DescribedImage, AWholeDiskIsDescribed) {

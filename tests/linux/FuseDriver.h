@@ -32,11 +32,12 @@ class FuseDriver {
   };
 
   /// Mounts itself at `folder` under the name `source`. Without `sizes` it fails whoever asks for them. It answers that
-  /// question after `delay`.
+  /// question after `delay`. The mount is that of `user`.
   FuseDriver(const std::string& source, const std::string& folder, std::optional<Sizes> sizes,
-             std::chrono::milliseconds delay = {})
+             std::chrono::milliseconds delay = {}, uid_t user = 0)
       : sizes_(sizes), delay_(delay), connection_(open("/dev/fuse", O_RDWR | O_CLOEXEC)) {
-    const std::string options = "fd=" + std::to_string(connection_) + ",rootmode=40000,user_id=0,group_id=0";
+    const std::string options =
+        "fd=" + std::to_string(connection_) + ",rootmode=40000,user_id=" + std::to_string(user) + ",group_id=0";
     if (connection_ < 0 || mount(source.c_str(), folder.c_str(), "fuse", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
       throw std::runtime_error("cannot mount " + source + ": " + std::strerror(errno));
     }

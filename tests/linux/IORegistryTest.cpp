@@ -10,17 +10,19 @@ namespace vorlix::test {
 namespace {
 
 RegistryMachine captured(const std::string& machine, const std::string& whole, const std::string& slice, int64_t number,
-                         const std::string& uuid, int64_t base) {
+                         const std::string& uuid, int64_t base, const std::string& diskUUID) {
   const auto tree = std::make_shared<CapturedTree>(machine);
-  return {tree, std::make_shared<LinuxIORegistry>(tree->root()), whole, slice, number, uuid, base};
+  return {tree, std::make_shared<LinuxIORegistry>(tree->root()), whole, slice, number, uuid, base, diskUUID};
 }
 
 RegistryMachine sataMachine() {
-  return captured("sata", "sda", "sda3", 3, "00112233-4455-6677-8899-AABBCCDDEEFF", 409640 * 512);
+  return captured("sata", "sda", "sda3", 3, "00112233-4455-6677-8899-AABBCCDDEEFF", 409640 * 512,
+                  "3F2504E0-4F89-41D3-9A0C-0305E82C3301");
 }
 
 RegistryMachine nvmeMachine() {
-  return captured("nvme", "nvme0n1", "nvme0n1p1", 1, "AAAAAAAA-0000-4000-8000-000000000002", 2048 * 512);
+  return captured("nvme", "nvme0n1", "nvme0n1p1", 1, "AAAAAAAA-0000-4000-8000-000000000002", 2048 * 512,
+                  "AAAAAAAA-0000-4000-8000-000000000001");
 }
 
 INSTANTIATE_TEST_SUITE_P(Linux, IORegistryContract,
@@ -51,6 +53,12 @@ class LinuxIORegistryTest : public testing::Test {
     return paths;
   }
 
+  Dictionary propertiesAbove(const std::string& bsdName) {
+    std::shared_ptr<RegistryEntry> parent;
+    EXPECT_EQ(only(bsdName)->parent(kServicePlane, parent), kKernSuccess);
+    return propertiesOf(*parent);
+  }
+
   // What the device above a whole disk says of itself.
   Dictionary characteristicsAbove(const std::string& whole) {
     std::shared_ptr<RegistryEntry> device;
@@ -67,11 +75,13 @@ TEST_F(LinuxIORegistryTest, TheWalkOverASATAMachine) {
   look("sata");
   EXPECT_THAT(
       pathsOfWalk(),
-      testing::ElementsAre("IOService:/", "IOService:/MacBookPro11,1", "IOService:/MacBookPro11,1/Example SSD 256G@sda",
-                           "IOService:/MacBookPro11,1/Example SSD 256G@sda/Example SSD 256G Media",
-                           "IOService:/MacBookPro11,1/Example SSD 256G@sda/Example SSD 256G Media/Untitled 1@1",
-                           "IOService:/MacBookPro11,1/Example SSD 256G@sda/Example SSD 256G Media/Untitled 3@3",
-                           "IOService:/MacBookPro11,1/Example SSD 256G@sda/Example SSD 256G Media/Untitled 4@4"));
+      testing::ElementsAre(
+          "IOService:/", "IOService:/MacBookPro11,1", "IOService:/MacBookPro11,1/Example SSD 256G@sda",
+          "IOService:/MacBookPro11,1/Example SSD 256G@sda/Example SSD 256G Media",
+          "IOService:/MacBookPro11,1/Example SSD 256G@sda/Example SSD 256G Media/IOGUIDPartitionScheme",
+          "IOService:/MacBookPro11,1/Example SSD 256G@sda/Example SSD 256G Media/IOGUIDPartitionScheme/Untitled 1@1",
+          "IOService:/MacBookPro11,1/Example SSD 256G@sda/Example SSD 256G Media/IOGUIDPartitionScheme/Untitled 3@3",
+          "IOService:/MacBookPro11,1/Example SSD 256G@sda/Example SSD 256G Media/IOGUIDPartitionScheme/Untitled 4@4"));
 }
 
 TEST_F(LinuxIORegistryTest, TheMachineNamesItsModelWithANULAtTheEnd) {
@@ -97,10 +107,11 @@ TEST_F(LinuxIORegistryTest, AMachineOfUnknownModelHasNone) {
   EXPECT_FALSE(propertiesOf(*experts[0]).contains("model"));
 }
 
-TEST_F(LinuxIORegistryTest, AWholeGPTDiskCarriesItsDiskGUID) {
+TEST_F(LinuxIORegistryTest, TheDiskGUIDStandsBetweenTheMediumAndItsSlices) {
   look("sata");
   const Dictionary disk = propertiesNamed("sda");
-  EXPECT_EQ(disk.text("UUID"), "3F2504E0-4F89-41D3-9A0C-0305E82C3301");
+  EXPECT_FALSE(disk.contains("UUID"));
+  EXPECT_EQ(propertiesAbove("sda1").text("UUID"), "3F2504E0-4F89-41D3-9A0C-0305E82C3301");
   EXPECT_EQ(disk.text("Content"), "GUID_partition_scheme");
   EXPECT_EQ(disk.boolean("Whole"), true);
   EXPECT_EQ(disk.integer("Size"), int64_t{500118192} * 512);
@@ -170,7 +181,7 @@ TEST_F(LinuxIORegistryTest, AnNVMeDiskBehindAMultipathHeadIsThereOnce) {
   const Dictionary disk = propertiesNamed("nvme0n1");
   EXPECT_EQ(disk.integer("Preferred Block Size"), 4096);
   EXPECT_EQ(disk.integer("Size"), int64_t{1000215216} * 512);
-  EXPECT_EQ(disk.text("UUID"), "AAAAAAAA-0000-4000-8000-000000000001");
+  EXPECT_EQ(propertiesAbove("nvme0n1p1").text("UUID"), "AAAAAAAA-0000-4000-8000-000000000001");
   EXPECT_EQ(characteristicsAbove("nvme0n1").text("Product Name"), "Example NVMe 512G");
   EXPECT_TRUE(named(*registry_, "nvme0c0n1").empty());
 }
@@ -181,6 +192,8 @@ TEST_F(LinuxIORegistryTest, AnMBRDiskHasNoIdentifiersThatCouldPassForGUIDs) {
   const Dictionary disk = propertiesNamed("sdb");
   EXPECT_EQ(disk.text("Content"), "FDisk_partition_scheme");
   EXPECT_FALSE(disk.contains("UUID"));
+  EXPECT_FALSE(propertiesAbove("sdb1").contains("UUID"));
+  EXPECT_EQ(matching(*registry_, {"IOFDiskPartitionScheme", std::nullopt, {}}).size(), 1U);
   EXPECT_EQ(disk.boolean("Removable"), true);
   for (const auto& [name, content] :
        {std::pair{"sdb1", "0x0C"}, std::pair{"sdb2", "0x05"}, std::pair{"sdb5", "0x07"}}) {
@@ -211,14 +224,16 @@ TEST_F(LinuxIORegistryTest, AMemoryCardWithoutATableIsAMediumWithoutSlices) {
   EXPECT_EQ(card.text("Content"), "");
   EXPECT_EQ(card.boolean("Writable"), false);
   EXPECT_FALSE(card.contains("UUID"));
+  EXPECT_TRUE(matching(*registry_, {"IOPartitionScheme", std::nullopt, {}}).empty());
   EXPECT_EQ(characteristicsAbove("mmcblk0").text("Product Name"), "SD16G");
 }
 
 TEST_F(LinuxIORegistryTest, ADerivedClassMatches) {
   look("sata");
-  EXPECT_EQ(matching(*registry_, {"IOStorage", std::nullopt, {}}).size(), 4U);
-  EXPECT_EQ(matching(*registry_, {"IOService", std::nullopt, {}}).size(), 6U);  // all but the root
-  EXPECT_EQ(matching(*registry_, {"IORegistryEntry", std::nullopt, {}}).size(), 6U);
+  EXPECT_EQ(matching(*registry_, {"IOStorage", std::nullopt, {}}).size(), 5U);
+  EXPECT_EQ(matching(*registry_, {"IOPartitionScheme", std::nullopt, {}}).size(), 1U);
+  EXPECT_EQ(matching(*registry_, {"IOService", std::nullopt, {}}).size(), 7U);  // all but the root
+  EXPECT_EQ(matching(*registry_, {"IORegistryEntry", std::nullopt, {}}).size(), 7U);
 }
 
 TEST_F(LinuxIORegistryTest, ADictionaryMatchesByItsValues) {

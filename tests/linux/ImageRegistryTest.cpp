@@ -25,10 +25,10 @@ RegistryMachine imageMachine() {
   const std::string image = keeper->folder.path() / "mac.img";
   makeMacImage(image);
   EXPECT_TRUE(locateDevice(image));  // names it, so that walks show it
-  return {keeper,     std::make_shared<LinuxIORegistry>(keeper->root.path()),
-          image,      image + "s3",
-          3,          "00112233-4455-6677-8899-AABBCCDDEEFF",
-          20520 * 512};
+  return {keeper,      std::make_shared<LinuxIORegistry>(keeper->root.path()),
+          image,       image + "s3",
+          3,           "00112233-4455-6677-8899-AABBCCDDEEFF",
+          20520 * 512, "3F2504E0-4F89-41D3-9A0C-0305E82C3301"};
 }
 
 INSTANTIATE_TEST_SUITE_P(Image, IORegistryContract, testing::Values(RegistryCase{"GPT", imageMachine}), caseName);
@@ -48,6 +48,12 @@ class ImageRegistryTest : public testing::Test {
     return entry == nullptr ? Dictionary() : propertiesOf(*entry);
   }
 
+  Dictionary propertiesAbove(const std::string& bsdName) {
+    std::shared_ptr<RegistryEntry> parent;
+    EXPECT_EQ(only(bsdName)->parent(kServicePlane, parent), kKernSuccess);
+    return propertiesOf(*parent);
+  }
+
   std::vector<std::string> walkedNames() { return bsdNamesOf(walked(registry_, kServicePlane)); }
 
   TemporaryFolder folder_;
@@ -59,7 +65,8 @@ class ImageRegistryTest : public testing::Test {
 TEST_F(ImageRegistryTest, GPTSlicesAreAsGeneralToolsSeeThem) {
   makeMacImage(image_);
   const std::string signature = run("blkid -p -o value -s PTUUID '" + image_ + "'");
-  EXPECT_EQ(propertiesNamed(image_).text("UUID"), UUID::fromText(signature)->text());
+  EXPECT_EQ(propertiesAbove(image_ + "s1").text("UUID"), UUID::fromText(signature)->text());
+  EXPECT_FALSE(propertiesNamed(image_).contains("UUID"));
   EXPECT_EQ(propertiesNamed(image_).text("Content"), "GUID_partition_scheme");
   for (const int number : {1, 3}) {
     const std::string told = run("sgdisk -i " + std::to_string(number) + " '" + image_ + "'");
@@ -81,6 +88,7 @@ TEST_F(ImageRegistryTest, MBRSlicesHaveNoIdentifiersAndLogicalOnesCountFromFive)
   const std::string dump = run("sfdisk -d '" + image_ + "'");
   EXPECT_EQ(propertiesNamed(image_).text("Content"), "FDisk_partition_scheme");
   EXPECT_FALSE(propertiesNamed(image_).contains("UUID"));
+  EXPECT_FALSE(propertiesAbove(image_ + "s1").contains("UUID"));
   for (const auto& [number, content] : {std::pair{1, "0x0C"}, std::pair{2, "0x0F"}, std::pair{5, "0x07"}}) {
     const Dictionary slice = propertiesNamed(image_ + "s" + std::to_string(number));
     const std::string line = capture(dump, "img" + std::to_string(number) + " : (.*)");
@@ -108,7 +116,9 @@ TEST_F(ImageRegistryTest, ADamagedGPTGivesSlicesButNoIdentifiers) {
   run("printf X | dd of='" + image_ + "' bs=1 seek=572 conv=notrunc status=none");
   run("printf X | dd of='" + image_ + "' bs=1 seek=" + std::to_string((64 << 20) - 512 + 60) +
       " conv=notrunc status=none");
-  EXPECT_FALSE(propertiesNamed(image_).contains("UUID"));
+  EXPECT_FALSE(propertiesAbove(image_ + "s3").contains("UUID"));
+  EXPECT_EQ(pathOf(*only(image_ + "s3"), kServicePlane),
+            "IOService:/Machine/Disk Image@disk.img/Disk Image Media/IOGUIDPartitionScheme/Untitled 3@3");
   const Dictionary slice = propertiesNamed(image_ + "s3");
   EXPECT_EQ(slice.integer("Base"), 20520 * 512);
   EXPECT_EQ(slice.integer("Size"), 40960 * 512);

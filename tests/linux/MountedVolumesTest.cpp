@@ -3,7 +3,6 @@
 // The list of mounted volumes with real mounts, each in a mount namespace of its own, compared with what findmnt,
 // lsblk and df say. Mirrored volumes are in MirroredVolumesListTest.cpp.
 #include <Vorlix/platform/MountedVolumes.h>
-#include <sched.h>
 #include <sys/sysmacros.h>
 
 #include <ctime>
@@ -11,6 +10,7 @@
 
 #include "contract/Volumes.h"
 #include "linux/FuseDriver.h"
+#include "linux/MountNamespace.h"
 
 namespace vorlix::contract {
 namespace {
@@ -23,28 +23,12 @@ class LinuxMountedVolumesTest : public testing::Test {
   void SetUp() override {
     std::string reason = LoopWorld::unavailable();
     if (reason.empty()) reason = missingTool({"mkfs.ext4", "mount", "umount", "losetup", "findmnt", "unshare"});
-    bool ok = false;
-    if (reason.empty()) {
-      const std::string text = runCommand("unshare --mount true 2>&1", ok);
-      if (!ok) reason = "no mount namespaces: " + text;
-    }
+    if (reason.empty()) reason = noMountNamespace();
     if (!reason.empty()) GTEST_SKIP() << reason;
   }
   void TearDown() override {
     bool ok = false;
     for (const std::string& device : devices_) runCommand("losetup --detach " + device + " 2>&1", ok);
-  }
-
-  /// Runs `body` where mounts are seen by nobody else and go with its end, and the volumes that other tests mount at
-  /// the same time are not seen either.
-  template <typename Body>
-  void inOwnNamespace(Body body) const {
-    inAnotherProcess([&] {
-      if (unshare(CLONE_NEWNS) != 0) throw std::runtime_error("unshare");
-      shell("mount --make-rprivate /");
-      shell("mkdir --parents /run/vorlix && mount -t tmpfs -o mode=755 none /run/vorlix");
-      body();
-    });
   }
 
   /// A loop device with an ext4 file system of that label.

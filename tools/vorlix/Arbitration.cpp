@@ -4,7 +4,9 @@
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/RunLoop.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <system_error>
@@ -25,8 +27,9 @@ SessionAndDisk openDisk(const std::string& device) {
   SessionAndDisk result;
   result.session = platform().diskArbitration->createSession();
   if (!result.session) throw Failure(device, "disk arbitration cannot be reached");
+  errno = 0;
   result.disk = result.session->diskFromBSDName(device);
-  if (!result.disk) throw Failure(device, "no such device or disk image");
+  if (!result.disk) throw Failure(device, errno == EACCES ? std::strerror(errno) : "no such device or disk image");
   return result;
 }
 
@@ -75,6 +78,12 @@ std::string sliceNameOf(const std::string& disk, uint32_t number) {
     throw Failure(slice, "stands beside " + disk + " under the name of its slice " + std::to_string(number));
   }
   return slice;
+}
+
+std::string mediaContentOf(const std::string& device) {
+  const SessionAndDisk opened = openDisk(device);
+  const std::optional<Dictionary> description = opened.disk->copyDescription();
+  return description ? description->text(kDescriptionMediaContent).value_or("") : "";
 }
 
 std::optional<std::string> mountPointOf(const std::string& device) {

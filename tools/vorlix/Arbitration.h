@@ -24,6 +24,10 @@ std::string wholeDiskNameOf(const std::string& device);
 /// taken as it is, and what was not asked for must not be written to.
 std::string sliceNameOf(const std::string& disk, uint32_t number);
 
+/// What the medium holds: the sort of partition table of a whole disk ("GUID_partition_scheme",
+/// "FDisk_partition_scheme"), the partition type of a slice. Empty where it is not known.
+std::string mediaContentOf(const std::string& device);
+
 /// Where the device's volume is mounted.
 std::optional<std::string> mountPointOf(const std::string& device);
 

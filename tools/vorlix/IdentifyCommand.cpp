@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Commands.h"
+#include "Complaint.h"
 #include "Failure.h"
 #include "Identity.h"
 #include "LibraryLog.h"
@@ -74,7 +75,8 @@ void addIdentifyCommand(CLI::App& app, int& status) {
     const LibraryLog log;
     const Identity identity = identify(options->device);
     options->json ? printJson(options->device, identity) : printText(identity);
-    status = kDone;
+    if (!identity.nothing.empty()) complain(options->device + ": nothing identifies it: " + identity.nothing);
+    status = identity.nothing.empty() ? kDone : kChangeNeeded;
   });
 }
 

@@ -23,6 +23,14 @@ std::string wholeDiskOf(const std::string& name) {
   return whole[0] == '\0' ? name : std::string(whole.data());
 }
 
+// A disk that holds no table at all, or one that gives no identifiers because it is damaged.
+std::string whyNothing(const Identity& identity) {
+  if (identity.diskGUID && (identity.partitionGUID || identity.name == identity.wholeDisk)) return "";
+  const std::string table = mediaContentOf(identity.wholeDisk);
+  if (table == "FDisk_partition_scheme") return "";
+  return table.empty() ? "it has no partition table" : "its partition table gives no identifier";
+}
+
 }  // namespace
 
 Identity identify(const std::string& device) {
@@ -35,6 +43,7 @@ Identity identify(const std::string& device) {
   if (result.name == result.wholeDisk) {
     disk_guid(("/dev/" + result.name).c_str(), disk.data());
     result.diskGUID = present(disk);
+    result.nothing = whyNothing(result);
     return result;
   }
   result.partition = partitionForDeviceIdentifier(result.name.c_str());
@@ -44,6 +53,7 @@ Identity identify(const std::string& device) {
   if (found == 0) result.diskGUID = present(disk);
   result.partitionGUID = present(partition);
   if (offset >= 0) result.offset = offset;
+  result.nothing = whyNothing(result);
   return result;
 }
 

@@ -17,6 +17,10 @@ struct Identity {
   std::optional<std::array<uint8_t, 16>> diskGUID;
   std::optional<std::array<uint8_t, 16>> partitionGUID;
   std::optional<int64_t> offset;  ///< bytes from the start of the disk
+
+  /// Why nothing identifies the device; empty where something does. An MBR has no GUIDs: there a disk is known by its
+  /// place in the machine, and a partition by its number.
+  std::string nothing;
 };
 
 /// Looks a device up. Throws Failure for an unknown one.

@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "VolumeOrigin.h"
+
+#include <fcntl.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
+#include <sys/sysmacros.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+
+#include "../posix/Descriptor.h"
+#include "DeviceFacts.h"
+#include "SystemFiles.h"
+
+namespace vorlix {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uint64_t kSysfsSector = 512;  // the unit of "start", whatever the disk's block size
+constexpr int kMostLayers = 16;         // of loop devices over loop devices
+
+fs::path sysfsFolder(dev_t device) {
+  return "/sys/dev/block/" + std::to_string(major(device)) + ":" + std::to_string(minor(device));
+}
+
+std::optional<dev_t> numberIn(const fs::path& path) {
+  std::ifstream file(path);
+  unsigned majorNumber = 0;
+  unsigned minorNumber = 0;
+  char colon = 0;
+  if (!(file >> majorNumber >> colon >> minorNumber)) return std::nullopt;
+  return makedev(majorNumber, minorNumber);
+}
+
+// What a loop device was made over, as the driver remembers it. Only who may open the device is told.
+std::optional<loop_info64> loopStatusOf(dev_t device) {
+  const std::optional<std::string> node = nodeOfDevice(device);
+  const Descriptor descriptor(node ? open(node->c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1);
+  struct stat status = {};
+  loop_info64 info = {};
+  if (!descriptor || fstat(descriptor.get(), &status) != 0 || status.st_rdev != device) return std::nullopt;
+  if (ioctl(descriptor.get(), LOOP_GET_STATUS64, &info) != 0) return std::nullopt;
+  return info;
+}
+
+// The path that the kernel tells may have come to lead to another file since; the number of the file has not.
+std::optional<VolumeOrigin> originBehindLoop(dev_t device) {
+  const std::optional<std::string> path = backingPathOf(device);
+  if (!path) return std::nullopt;
+  const uint64_t offset = readWholeNumber(sysfsFolder(device) / "loop" / "offset").value_or(0);
+  struct stat status = {};
+  const bool isThere = stat(path->c_str(), &status) == 0;
+  const std::optional<loop_info64> info = loopStatusOf(device);
+  if (info && (!isThere || info->lo_inode != status.st_ino)) {
+    return VolumeOrigin{static_cast<dev_t>(info->lo_device), static_cast<ino_t>(info->lo_inode), offset};
+  }
+  if (!isThere) return std::nullopt;
+  if (S_ISBLK(status.st_mode)) return VolumeOrigin{status.st_rdev, 0, offset};
+  return VolumeOrigin{status.st_dev, status.st_ino, offset};
+}
+
+// One layer down; absent at the bottom.
+std::optional<VolumeOrigin> below(dev_t device) {
+  const fs::path folder = sysfsFolder(device);
+  if (!readWholeNumber(folder / "partition")) return originBehindLoop(device);
+  std::error_code error;
+  const std::optional<uint64_t> start = readWholeNumber(folder / "start");
+  const std::optional<dev_t> disk = numberIn(fs::canonical(folder, error).parent_path() / "dev");
+  if (!start || !disk) return std::nullopt;
+  return VolumeOrigin{*disk, 0, *start * kSysfsSector};
+}
+
+}  // namespace
+
+VolumeOrigin originOfDevice(dev_t device, uint64_t offset) {
+  VolumeOrigin origin{device, 0, offset};
+  for (int layer = 0; layer < kMostLayers && origin.file == 0; ++layer) {
+    const std::optional<VolumeOrigin> next = below(origin.device);
+    if (!next) break;
+    origin = {next->device, next->file, next->offset + origin.offset};
+  }
+  return origin;
+}
+
+std::optional<VolumeOrigin> originOf(const struct stat& status, uint64_t offset) {
+  if (S_ISBLK(status.st_mode)) return originOfDevice(status.st_rdev, offset);
+  if (S_ISREG(status.st_mode)) return VolumeOrigin{status.st_dev, status.st_ino, offset};
+  return std::nullopt;
+}
+
+std::optional<VolumeOrigin> originOfPath(const std::string& path, uint64_t offset) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) return std::nullopt;
+  return originOf(status, offset);
+}
+
+std::optional<std::string> backingPathOf(dev_t device) {
+  std::ifstream file(sysfsFolder(device) / "loop" / "backing_file", std::ios::binary);
+  std::string path{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  if (path.ends_with('\n')) path.pop_back();  // names may end in a space, or in a line's end of their own
+  if (path.empty()) return std::nullopt;
+  return path;
+}
+
+}  // namespace vorlix

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Where the bytes of a volume are in the end. The same volume has many names: a partition's node, another node of the
+// same number, a loop device over the disk or over an image of it, the image itself. All of them have one origin.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <compare>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace vorlix {
+
+struct VolumeOrigin {
+  dev_t device = 0;     ///< the whole disk; of an image file, what the file lies on
+  ino_t file = 0;       ///< the image file; 0 for a disk
+  uint64_t offset = 0;  ///< bytes from the start of the disk or of the image
+
+  auto operator<=>(const VolumeOrigin&) const = default;
+};
+
+/// Of a block device: partitions are followed to their disk, loop devices to what they show.
+VolumeOrigin originOfDevice(dev_t device, uint64_t offset = 0);
+
+/// Of the block device or regular file that a stat() was of. Absent for anything else.
+std::optional<VolumeOrigin> originOf(const struct stat& status, uint64_t offset = 0);
+
+/// Of the block device or regular file at a path. Absent for anything else.
+std::optional<VolumeOrigin> originOfPath(const std::string& path, uint64_t offset = 0);
+
+/// Path of what a loop device shows, as sysfs tells it. Absent where the device is no loop device, or not in use.
+std::optional<std::string> backingPathOf(dev_t device);
+
+}  // namespace vorlix
