@@ -118,9 +118,14 @@ else()
        platform/linux/DiskDescription.cpp
        platform/linux/Dissenters.cpp
        platform/linux/FatLayout.cpp
+       platform/linux/FatNames.cpp
+       platform/linux/FatTable.cpp
+       platform/linux/FatVolume.cpp
        platform/linux/FileCopy.cpp
        platform/linux/KernelMount.cpp
        platform/linux/MirrorChanges.cpp
+       platform/linux/MirrorCopy.cpp
+       platform/linux/MirrorPlace.cpp
        platform/linux/MirrorState.cpp
        platform/linux/MirrorTree.cpp
        platform/linux/MirroredVolume.cpp
@@ -131,7 +136,11 @@ else()
        platform/linux/Mtools.cpp
        platform/linux/OpenedDevice.cpp
        platform/linux/RunLoop.cpp
-       platform/linux/VolumeProbe.cpp)
+       platform/linux/VolumeCopy.cpp
+       platform/linux/VolumeDevice.cpp
+       platform/linux/VolumeMirrors.cpp
+       platform/linux/VolumeProbe.cpp
+       platform/linux/WriteBack.cpp)
 endif()
 
 # The device manager.
