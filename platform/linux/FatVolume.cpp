@@ -136,6 +136,7 @@ class FatWalk {
     for (uint32_t cluster = first;;) {
       if (seen_[cluster - kFirstCluster]) return damage(twice);
       seen_[cluster - kFirstCluster] = true;
+      ++volume_.reached_;
       if (++count > most) return damage(tooLong);
       if (!runs.empty() && runs.back().first + runs.back().count == cluster) {
         ++runs.back().count;

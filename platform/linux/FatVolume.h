@@ -66,6 +66,9 @@ class FatVolume {
   uint64_t totalSize() const { return totalSize_; }  ///< of all files, in bytes
   uint32_t freeClusters() const { return table_.freeClusters(); }
 
+  /// Clusters that are marked as used, or as bad, and belong to no file or folder.
+  uint32_t lostClusters() const { return layout_.clusters - freeClusters() - reached_; }
+
   /// Clusters that `bytes` take.
   uint64_t clustersFor(uint64_t bytes) const { return (bytes + layout_.clusterSize - 1) / layout_.clusterSize; }
 
@@ -85,6 +88,7 @@ class FatVolume {
   std::vector<FatRun> rootRuns_;
   uint64_t identity_ = 0;
   uint64_t totalSize_ = 0;
+  uint32_t reached_ = 0;
 };
 
 }  // namespace vorlix

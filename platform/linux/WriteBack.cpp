@@ -57,6 +57,9 @@ class WriteBack {
       damaged->text = "the copy of the volume that was to be written: " + damaged->text;
       return damaged;
     }
+    if (copy.volume.identity() != state_.identity || copy.volume.lostClusters() > medium_.volume.lostClusters()) {
+      return Dissenter{kDissentError, "mtools damaged the copy of the volume that was to be written"};
+    }
     if (Refusal differs = checkCopy(copy, tree_, state_.folder)) return differs;
     if (Refusal changed = checkMirrorUnchanged()) return changed;
     return bringToMedium(copy);
