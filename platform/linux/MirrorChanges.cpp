@@ -15,6 +15,10 @@ std::string parentOf(const std::string& path) {
   return path.substr(0, path.rfind('/'));
 }
 
+bool isASCII(const std::string& text) {
+  return std::all_of(text.begin(), text.end(), [](unsigned char byte) { return byte < 0x80; });
+}
+
 // Whether a file that both have must be written.
 Refusal isChanged(const MirrorTree& baseline, const std::string& path, const MirrorEntry& entry,
                   const std::string& folder, const OpenVolume& volume, const FatEntry& old, bool& changed) {
@@ -78,21 +82,23 @@ class Application {
     const auto isInTheWay = [&](const FatEntry& entry) { return wanted.count(foldedFatName(entry.path)) != 0; };
     if (Refusal refusal = removeAll(isInTheWay)) return refusal;
     if (Refusal refusal = makeFolders()) return refusal;
-    std::vector<std::string> beside;
+    // The old content makes place for the new one by its name alone: mtools gives a new file the name as it is written,
+    // but turns letters into upper case where it renames one.
+    std::vector<FatEntry> old;
     for (const MirrorChanges::File& file : changes_.files) {
-      std::string name = file.path.substr(file.path.rfind('/') + 1);
-      if (file.old != nullptr) name = names_.unusedIn(parentOf(file.path));
-      if (Refusal refusal = copy_.write(folder_ + file.path, parentOf(file.path) + "/" + name)) return refusal;
-      beside.push_back(std::move(name));
+      if (file.old != nullptr) {
+        const std::string name = names_.unusedIn(parentOf(file.path));
+        if (Refusal refusal = copy_.rename(file.path, name)) return refusal;
+        FatEntry& renamed = old.emplace_back();
+        renamed.path = parentOf(file.path) + "/" + name;
+        renamed.attributes = file.old->attributes;
+      }
+      if (Refusal refusal = copy_.write(folder_ + file.path, file.path)) return refusal;
+      if (Refusal refusal = keepAttributes(file)) return refusal;
     }
     if (Refusal refusal = removeAll([&](const FatEntry& entry) { return !isInTheWay(entry); })) return refusal;
-    for (size_t i = 0; i < beside.size(); ++i) {
-      const MirrorChanges::File& file = changes_.files[i];
-      if (file.old == nullptr) continue;
-      if (Refusal refusal = removeFile(*file.old)) return refusal;
-      const std::string path = parentOf(file.path) + "/" + beside[i];
-      if (Refusal refusal = copy_.rename(path, file.path.substr(file.path.rfind('/') + 1))) return refusal;
-      if (Refusal refusal = keepAttributes(file)) return refusal;
+    for (const FatEntry& entry : old) {
+      if (Refusal refusal = removeFile(entry)) return refusal;
     }
     return std::nullopt;
   }
@@ -218,6 +224,7 @@ Refusal checkCopy(const OpenVolume& copy, const MirrorTree& tree, const std::str
   for (const auto& [path, entry] : tree) {
     const auto found = onCopy.find(foldedFatName(path));
     if (found == onCopy.end() || found->second->isFolder != entry.isFolder) return differs(path);
+    if (found->second->path != path && isASCII(path)) return differs(path);
     if (entry.isFolder) continue;
     bool isEqual = false;
     if (Refusal refusal = compareFile(copy, *found->second, folder + path, isEqual)) return refusal;

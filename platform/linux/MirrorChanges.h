@@ -44,7 +44,8 @@ Refusal checkRoom(const MirrorChanges& changes, const MirrorTree& tree, const Fa
 Refusal applyChanges(const MirrorChanges& changes, const MirrorTree& tree, const std::string& folder, Room room,
                      const Mtools& copy);
 
-/// Refuses unless the copy holds exactly what the mirror does: each file's name (but for its case), size and bytes.
+/// Refuses unless the copy holds exactly what the mirror does: each file's name, size and bytes. mtools may have put
+/// letters that are not ASCII into the other case.
 Refusal checkCopy(const OpenVolume& copy, const MirrorTree& tree, const std::string& folder);
 
 }  // namespace vorlix
