@@ -124,10 +124,15 @@ else()
        platform/linux/DiskDescription.cpp
        platform/linux/Dissenters.cpp
        platform/linux/FatLayout.cpp
+       platform/linux/FatNames.cpp
+       platform/linux/FatTable.cpp
+       platform/linux/FatVolume.cpp
        platform/linux/FileCopy.cpp
        platform/linux/FilesInPlace.cpp
        platform/linux/KernelMount.cpp
        platform/linux/MirrorChanges.cpp
+       platform/linux/MirrorCopy.cpp
+       platform/linux/MirrorPlace.cpp
        platform/linux/MirrorState.cpp
        platform/linux/MirrorTree.cpp
        platform/linux/MirroredVolume.cpp
@@ -139,8 +144,12 @@ else()
        platform/linux/Mtools.cpp
        platform/linux/OpenedDevice.cpp
        platform/linux/RunLoop.cpp
+       platform/linux/VolumeCopy.cpp
+       platform/linux/VolumeDevice.cpp
+       platform/linux/VolumeMirrors.cpp
        platform/linux/VolumeOrigin.cpp
-       platform/linux/VolumeProbe.cpp)
+       platform/linux/VolumeProbe.cpp
+       platform/linux/WriteBack.cpp)
 endif()
 
 # The device manager.

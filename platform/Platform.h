@@ -25,6 +25,7 @@ class RunLoops;
 class Shell;
 class SystemLog;
 class UserIdentity;
+class VolumeMirrors;
 
 /// One object a port. None is null in a set that is in force.
 struct Platform {
@@ -40,6 +41,7 @@ struct Platform {
   std::shared_ptr<MountedVolumes> mountedVolumes;
   std::shared_ptr<UserIdentity> userIdentity;
   std::shared_ptr<Shell> shell;
+  std::shared_ptr<VolumeMirrors> volumeMirrors;
 };
 
 /// The ports of the operating system that this library was built for.

@@ -6,12 +6,15 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <sstream>
 
 #include "../posix/Descriptor.h"
 
@@ -19,6 +22,7 @@ namespace vorlix {
 namespace {
 
 constexpr size_t kMostErrors = 4096;
+constexpr const char* kSystemPath = "/usr/sbin:/usr/bin:/sbin:/bin";
 // Numbers that descriptors must have so that none is overwritten while the program's own are put in place.
 constexpr int kAboveTheProgramsOwn = kSharedDescriptor + 1;
 
@@ -49,10 +53,22 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
 
 std::vector<std::string> environmentOf(const Command& command) {
   std::vector<std::string> environment = command.environment;
-  for (const char* name : {"PATH", "TZ"}) {
-    if (const char* value = std::getenv(name)) environment.push_back(std::string(name) + "=" + value);
-  }
+  environment.push_back("PATH=" + searchPath());
+  if (const char* zone = std::getenv("TZ")) environment.push_back(std::string("TZ=") + zone);
   return environment;
+}
+
+// The file of a program; empty where there is none. Not by posix_spawnp(), which takes PATH from this process.
+std::string fileOf(const std::string& program) {
+  if (program.find('/') != std::string::npos) return program;
+  std::istringstream folders(searchPath());
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    std::string file = folder + "/" + program;
+    struct stat status = {};
+    const bool isProgram = !folder.empty() && stat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    if (isProgram && access(file.c_str(), X_OK) == 0) return file;
+  }
+  return "";
 }
 
 // What the program starts with: its descriptors and none of the host's, no signal blocked, the usual answer to each.
@@ -118,8 +134,18 @@ void drain(Pipe& output, Pipe& errors, const Command& command, CommandResult& re
 
 }  // namespace
 
+std::string searchPath() {
+  const char* const path = geteuid() == 0 ? nullptr : std::getenv("PATH");
+  return path == nullptr ? kSystemPath : path;
+}
+
 CommandResult runCommand(const Command& command) {
   CommandResult result;
+  const std::string file = fileOf(command.arguments.front());
+  if (file.empty()) {
+    result.launchError = ENOENT;
+    return result;
+  }
   Pipe output;
   Pipe errors;
   Descriptor shared;
@@ -139,8 +165,8 @@ CommandResult runCommand(const Command& command) {
   pid_t child = -1;
   {
     const SpawnSettings settings(output.writeEnd.get(), errors.writeEnd.get(), shared.get());
-    result.launchError = posix_spawnp(&child, arguments.front().c_str(), settings.actions(), settings.attributes(),
-                                      pointersTo(arguments).data(), pointersTo(environment).data());
+    result.launchError = posix_spawn(&child, file.c_str(), settings.actions(), settings.attributes(),
+                                     pointersTo(arguments).data(), pointersTo(environment).data());
   }
   if (result.launchError != 0) return result;
   const rlimit processorTime = {command.processorSeconds, command.processorSeconds + 1};

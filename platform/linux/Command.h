@@ -10,9 +10,12 @@
 
 namespace vorlix {
 
+/// Where programs are looked for: the super-user's are the system's, whatever PATH says; else PATH, if it is set.
+std::string searchPath();
+
 struct Command {
-  std::vector<std::string> arguments;    ///< the first is the program, looked for along the search path
-  std::vector<std::string> environment;  ///< "NAME=value", besides PATH and TZ, which are passed on
+  std::vector<std::string> arguments;    ///< the first is the program, looked for along searchPath()
+  std::vector<std::string> environment;  ///< "NAME=value", besides PATH (searchPath()) and TZ
   int shared = -1;                       ///< descriptor that the program finds as kSharedDescriptor; -1 for none
 
   /// Takes what the program prints, piece by piece; absent to drop it.

@@ -1,35 +1,67 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The outline of a FAT file system: enough to tell whether it may be copied, whether it is still the same, and how full
-// it is.
+// Where the parts of a FAT file system lie in a run of a device's bytes.
 //
 // Source of the layout: Microsoft, "FAT: General Overview of On-Disk Format", version 1.03 (fatgen103).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <string>
+#include <optional>
 
 #include "../posix/FileHandle.h"
 #include "Dissenters.h"
 
 namespace vorlix {
 
-struct FatOutline {
-  /// Sum over the boot area, both file allocation tables and every folder, names, sizes, times and first clusters
-  /// included. Any change that a file system driver or tool makes shows in one of these.
-  uint64_t digest = 0;
-  /// Sum over what tells the file system from others and no change of its files touches: geometry, sizes and, where
-  /// they do not lie among bytes that are patched for Windows, serial and label.
-  uint64_t identity = 0;
-  uint64_t files = 0;
-  uint64_t folders = 0;    ///< without the root
-  uint64_t totalSize = 0;  ///< of all files, in bytes
+inline constexpr uint32_t kFirstCluster = 2;
+
+/// The bytes that a file system lies in. Offsets count from the start of its window.
+class FatSource {
+ public:
+  /// `descriptor` stays the caller's and outlives this object.
+  FatSource(int descriptor, Extent window) : descriptor_(descriptor), window_(window) {}
+
+  /// False with `errno` set: EUCLEAN for what lies outside the window, EIO where the device ends too early.
+  bool read(uint8_t* to, size_t count, uint64_t offset) const;
+
+  /// The first byte from `offset` on that may be other than zero: the holes of a sparse image are left out without
+  /// reading them. `offset` itself where nothing is known, the window's size where nothing follows.
+  uint64_t nextData(uint64_t offset) const;
+
+  uint64_t size() const { return window_.size; }
+
+ private:
+  int descriptor_;
+  Extent window_;
 };
 
-/// Reads the outline of the file system in `window`. Refuses (kDissentUnsupported) one that does not fit into the
-/// window, and one in which a folder is reached twice or files claim more than the volume holds: programs that copy it
-/// would write outside the window or never come to an end.
-Refusal readFatOutline(int descriptor, Extent window, FatOutline& outline);
+enum class FatWidth { bits12, bits16, bits32 };
+
+/// Offsets and sizes are in bytes.
+struct FatLayout {
+  uint64_t clusterSize = 0;
+  uint64_t tables = 0;     ///< of the first file allocation table; the others follow it
+  uint64_t tableSize = 0;  ///< of each
+  uint32_t tableCount = 0;
+  uint64_t rootArea = 0;     ///< of the root folder where it has a place of its own (12 and 16 bits)
+  uint64_t rootAreaEnd = 0;  ///< where it ends: the first cluster
+  uint32_t rootCluster = 0;  ///< with 32 bits
+  uint32_t clusters = 0;     ///< numbered from kFirstCluster on
+  uint64_t totalSize = 0;
+  FatWidth width = FatWidth::bits12;
+
+  bool hasCluster(uint32_t number) const { return number >= kFirstCluster && number - kFirstCluster < clusters; }
+  uint64_t offsetOf(uint32_t cluster) const { return rootAreaEnd + (cluster - kFirstCluster) * clusterSize; }
+};
+
+/// Refuses (kDissentUnsupported) a file system that does not fit into its window, and sizes that no tool makes.
+Refusal readFatLayout(const FatSource& source, FatLayout& layout);
+
+/// Sum over what tells the file system from others and no change of its files touches: geometry, sizes and, where they
+/// do not lie among bytes that are patched for Windows, serial and label. Absent with `errno` set where the boot sector
+/// cannot be read.
+std::optional<uint64_t> readFatIdentity(const FatSource& source);
 
 /// What a FAT file system has room for, in bytes: whole clusters. The free ones are counted in the first allocation
 /// table; the hint of FAT32's information sector may be wrong.
@@ -38,7 +70,7 @@ struct FatSpace {
   uint64_t free = 0;
 };
 
-/// Reads no more than the boot sector and that table. Refuses as readFatOutline() does a file system that does not fit.
+/// Reads no more than the boot sector and that table. Refuses what readFatLayout() refuses.
 Refusal readFatSpace(int descriptor, Extent window, FatSpace& space);
 
 }  // namespace vorlix

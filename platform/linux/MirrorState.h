@@ -1,75 +1,80 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What is kept on disk of each mirrored volume, so that any process of the user finds it again.
+// What is kept of each mirrored volume, so that any process of the user finds it again. docs/mirrors.md describes what
+// a process that ends at any moment leaves.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "../posix/Descriptor.h"
 #include "BlockDevices.h"
 #include "Dissenters.h"
 #include "MirrorTree.h"
+#include "OpenedDevice.h"
 
 namespace vorlix {
-
-/// Ends the name of a mirror's folder while it is unmounted.
-inline constexpr const char* kAside = " (unmounting)";
 
 struct MirrorState {
   std::string device;     ///< BSD name of the disk or slice
   std::string folder;     ///< the mirror, which is the mount point
   bool readOnly = false;  ///< the medium could not be written when the mirror was made
 
-  uint64_t identity = 0;  ///< of the file system (FatOutline); another one may come to lie at the same place
+  /// All that was changed is on the medium, or was thrown away: what is left of the mirror is to be removed.
+  bool leaving = false;
 
-  /// Digest of the file system (FatOutline) as the mirror was made from it. Absent while changes are being written
-  /// back: a process that was ended in the midst of that leaves it so.
-  std::optional<uint64_t> digest;
+  uint64_t identity = 0;  ///< of the file system (readFatIdentity()); another one may come to lie at the same place
 
-  /// The tree right after the mirror was made. Empty, with `compareAll` set, once a write-back did not come to its end:
-  /// every file is then compared with the volume's.
+  /// Digest of the file system (FatVolume) with which the mirror was the same, and the mirror's tree then.
+  uint64_t digest = 0;
   MirrorTree baseline;
-  bool compareAll = false;
+
+  /// A write-back that was begun: where the volume has this digest it came to its end, and the mirror was the same as
+  /// the volume with this tree. Where the volume still has the older digest nothing of it was written.
+  struct Written {
+    uint64_t digest = 0;
+    MirrorTree tree;
+  };
+  std::optional<Written> written;
 };
 
-/// Names the volume in `window` of a device among the states: the same for every path to the device.
+/// As bytes, for MirrorPlace.
+std::string encodeMirrorState(const MirrorState& state);
+std::optional<MirrorState> decodeMirrorState(std::string_view bytes);
+
+/// Names the place of the volume in `window` of a device: the same for every path to the device.
 std::optional<std::string> mirrorKey(const DeviceLocation& location, Extent window);
 
-/// The user's states, locked against other processes and threads for as long as this object lives.
-class MirrorStates {
- public:
-  /// Waits for the lock. Refused where there is no folder for states.
-  static Refusal lock(std::optional<MirrorStates>& states);
-
-  /// Absent where the volume is not mirrored, or somebody removed the folder of its mirror.
-  std::optional<MirrorState> load(const std::string& key) const;
-  Refusal save(const std::string& key, const MirrorState& state) const;
-  void remove(const std::string& key) const;
-
- private:
-  MirrorStates(std::string folder, Descriptor lock) : folder_(std::move(folder)), lock_(std::move(lock)) {}
-
-  std::string folder_;
-  Descriptor lock_;
-};
-
-/// The state of a volume, read without a lock. Absent where it is not mirrored.
-std::optional<MirrorState> findMirror(const std::string& key);
-
-/// A mirrored volume with what it is named by, see mirrorKey().
+/// A mirrored volume with the key of its place.
 struct KnownMirror {
   std::string key;
   MirrorState state;
 };
 
-/// The states of all volumes that this user has mirrored, in the order in which the mirrors were made, read without a
-/// lock.
+/// The mirrors of this user that stand for the volume of a device that is there, in the order in which they were made,
+/// read without a lock.
 std::vector<KnownMirror> allMirrors();
 
-/// The state of the volume that is mirrored in `folder`.
+/// What has become of the volume of a mirror.
+enum class MirroredVolumeIs { there, gone, replaced };
+
+struct FoundMirror {
+  KnownMirror mirror;
+  MirroredVolumeIs volume = MirroredVolumeIs::there;
+};
+
+/// All mirrors of this user, those included that stand for nothing any more: their device is gone, or holds another
+/// volume.
+std::vector<FoundMirror> findMirrors();
+
+/// The state of the volume that lies at `key` now, read without a lock. Absent where that volume is not mirrored,
+/// whatever other one at the same place was. `opened` is absent where the device cannot be read; the place alone counts
+/// then.
+std::optional<MirrorState> findMirror(const std::string& key, const std::optional<OpenedDevice>& opened);
+
+/// The same for the volume that is mirrored in `folder`.
 std::optional<MirrorState> findMirrorAt(const std::string& folder);
 
 }  // namespace vorlix

@@ -16,14 +16,13 @@
 #include <string_view>
 #include <system_error>
 
+#include "FatNames.h"
 #include "VolumeProbe.h"
 
 namespace vorlix {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr size_t kLongestFatName = 255;  // UTF-16 units
 
 int64_t nanoseconds(const timespec& time) {
   return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
@@ -47,16 +46,9 @@ Refusal addEntry(const std::string& path, const std::string& name, MirrorTree& t
   return std::nullopt;
 }
 
-std::string upperCase(std::string text) {
-  for (char& character : text) {
-    if (character >= 'a' && character <= 'z') character = static_cast<char>(character - 'a' + 'A');
-  }
-  return text;
-}
-
 // Names of devices, with or without an extension, that no file can have.
 bool isReserved(const std::string& name) {
-  const std::string stem = upperCase(name.substr(0, name.find('.')));
+  const std::string stem = foldedFatName(name.substr(0, name.find('.')));
   static const std::set<std::string> plain = {"CON", "PRN", "AUX", "NUL", "CLOCK$"};
   if (plain.count(stem) != 0) return true;
   const bool isPort = stem.size() == 4 && (stem.rfind("COM", 0) == 0 || stem.rfind("LPT", 0) == 0);
@@ -120,7 +112,6 @@ Refusal setMirrorModes(const std::string& folder, bool readOnly) {
     return std::nullopt;
   });
   if (refusal || !readOnly) return refusal;
-  if (chmod(folder.c_str(), 0500) != 0) return dissenterFor(errno, folder);
   return forEachBelow(folder, [&](const std::string& path) -> Refusal {
     std::error_code error;
     if (fs::is_directory(path, error) && chmod(path.c_str(), 0500) != 0) return dissenterFor(errno, path);
@@ -152,7 +143,7 @@ Refusal checkFatName(const std::string& path) {
 Refusal checkFatCase(const MirrorTree& tree) {
   std::map<std::string, std::string> seen;
   for (const auto& [path, entry] : tree) {
-    const auto [before, isNew] = seen.emplace(upperCase(path), path);
+    const auto [before, isNew] = seen.emplace(foldedFatName(path), path);
     if (isNew) continue;
     return Dissenter{kDissentUnsupported,
                      path + " and " + before->second + " are the same name on a FAT volume; rename one of them"};

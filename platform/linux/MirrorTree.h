@@ -28,13 +28,13 @@ using MirrorTree = std::map<std::string, MirrorEntry>;
 /// Reads what is there. Refuses what a FAT volume cannot hold: links, sockets and the like, files of 4 GiB and more.
 Refusal scanMirror(const std::string& folder, MirrorTree& tree);
 
-/// Gives the files and folders of a new mirror to the user alone, for reading or for writing as well.
+/// Gives what is in a new mirror to the user alone, for reading or for writing as well.
 Refusal setMirrorModes(const std::string& folder, bool readOnly);
 
 /// Refuses a name that mtools could not write to a FAT volume as it stands (`path` ends in it).
 Refusal checkFatName(const std::string& path);
 
-/// Refuses two names in one folder that differ only in the case of letters from A to Z.
+/// Refuses two names in one folder that differ only in the case of letters (foldedFatName()).
 Refusal checkFatCase(const MirrorTree& tree);
 
 /// Removes a mirror with all that is in it, the folder itself included.

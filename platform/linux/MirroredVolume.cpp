@@ -1,40 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MirroredVolume.h"
 
-#include <fcntl.h>
 #include <sys/statvfs.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <set>
 
 #include "DeviceFacts.h"
-#include "DiskLock.h"
-#include "FatLayout.h"
-#include "MirrorChanges.h"
+#include "MirrorCopy.h"
+#include "MirrorPlace.h"
 #include "MirrorTree.h"
-#include "MountFolders.h"
 #include "MountTable.h"
-#include "Mtools.h"
+#include "WriteBack.h"
 
 namespace vorlix {
 namespace {
-
-// A folder on its way to becoming a mirror; removed again unless it got there.
-class NewMirror {
- public:
-  explicit NewMirror(std::string folder) : folder_(std::move(folder)) {}
-  ~NewMirror() {
-    if (!folder_.empty()) static_cast<void>(removeMirrorTree(folder_));
-  }
-  NewMirror(const NewMirror&) = delete;
-  NewMirror& operator=(const NewMirror&) = delete;
-  void keep() { folder_.clear(); }
-
- private:
-  std::string folder_;
-};
 
 Refusal checkSpace(const std::string& folder, uint64_t needed) {
   struct statvfs status = {};
@@ -43,109 +22,24 @@ Refusal checkSpace(const std::string& folder, uint64_t needed) {
   return Dissenter{kDissentNoResources, "the files of the volume do not fit into " + folder};
 }
 
-// Names that come out of mtools the same, or not at all, would be lost from the volume at the first write-back.
-Refusal checkComplete(const MirrorTree& tree, const Mtools& volume) {
-  std::vector<Mtools::Entry> listed;
-  if (Refusal refusal = volume.list(listed)) return refusal;
-  std::set<std::string> seen;
-  for (const Mtools::Entry& entry : listed) {
-    const auto own = tree.find(entry.path);
-    const bool isThere = own != tree.end() && own->second.isFolder == entry.isFolder;
-    if (isThere && seen.insert(entry.path).second) continue;
-    return Dissenter{kDissentUnsupported, "mtools cannot copy " + entry.path + " under its name"};
+Refusal fillMirror(const OpenedDevice& device, const std::string& folder, MirrorState& state) {
+  OpenVolume volume;
+  if (Refusal refusal = volume.read(device.descriptor.get(), device.window)) return refusal;
+  if (Refusal refusal = checkSpace(folder, volume.volume.totalSize())) return refusal;
+  if (Refusal refusal = copyVolumeTo(volume, folder)) return refusal;
+  if (Refusal refusal = setMirrorModes(folder, state.readOnly)) return refusal;
+  if (Refusal refusal = scanMirror(folder, state.baseline)) return refusal;
+  if (state.baseline.size() != volume.volume.entries().size()) {
+    return Dissenter{kDissentUnsupported, "files of the volume have the same name in " + folder};
   }
-  if (seen.size() == tree.size()) return std::nullopt;
-  return Dissenter{kDissentError, "mtools copied other files than it listed"};
-}
-
-Refusal fillMirror(const OpenedDevice& device, MirrorState& state) {
-  const Mtools volume(device.descriptor.get(), device.window.offset);
-  FatOutline before;
-  if (Refusal refusal = readFatOutline(device.descriptor.get(), device.window, before)) return refusal;
-  if (Refusal refusal = checkSpace(state.folder, before.totalSize)) return refusal;
-  if (Refusal refusal = volume.copyAllTo(state.folder)) return refusal;
-  if (Refusal refusal = setMirrorModes(state.folder, state.readOnly)) return refusal;
-  if (Refusal refusal = scanMirror(state.folder, state.baseline)) return refusal;
-  if (Refusal refusal = checkComplete(state.baseline, volume)) return refusal;
-  FatOutline after;
-  if (Refusal refusal = readFatOutline(device.descriptor.get(), device.window, after)) return refusal;
-  if (after.digest != before.digest) {
+  FatVolume after;
+  if (Refusal refusal = after.read(device.descriptor.get(), device.window)) return refusal;
+  if (after.digest() != volume.volume.digest() || after.identity() != state.identity) {
     return Dissenter{kDissentBusy, "the volume was changed while its files were copied"};
   }
-  state.identity = after.identity;
-  state.digest = after.digest;
+  state.digest = after.digest();
   return std::nullopt;
 }
-
-Refusal checkUnchanged(const OpenedDevice& device, const MirrorState& state) {
-  FatOutline now;
-  if (Refusal refusal = readFatOutline(device.descriptor.get(), device.window, now)) return refusal;
-  if (now.identity != state.identity) {
-    return Dissenter{kDissentError, "this is another volume than the one that was mounted; what was changed in " +
-                                        state.folder + " was not written back"};
-  }
-  if (!state.digest || now.digest == *state.digest) return std::nullopt;
-  return Dissenter{kDissentError, "someone else changed the volume since it was mounted; what was changed in " +
-                                      state.folder + " was not written back"};
-}
-
-// Finds the changes and writes them back, with the state telling at every moment what to do after a failure.
-class WriteBack {
- public:
-  WriteBack(const MirrorStates& states, const std::string& key, MirrorState& state, const DeviceLocation& location)
-      : states_(states), key_(key), state_(state), location_(location) {}
-
-  Refusal run(const MirrorTree& tree) {
-    std::optional<OpenedDevice> device = openLocation(location_, O_RDONLY);
-    if (!device) return dissenterFor(errno, location_.node);
-    if (Refusal refusal = checkUnchanged(*device, state_)) return refusal;
-    MirrorChanges changes;
-    const Mtools reader(device->descriptor.get(), device->window.offset);
-    if (Refusal refusal = findChanges(state_, tree, reader, changes)) return refusal;
-    if (changes.empty()) return std::nullopt;
-    if (state_.readOnly) {
-      return Dissenter{kDissentNotWritable,
-                       location_.whole + " cannot be written; the changes stay in " + state_.folder};
-    }
-    return writeChanges(changes, tree);
-  }
-
- private:
-  Refusal writeChanges(const MirrorChanges& changes, const MirrorTree& tree) {
-    // Tells whether somebody works on the disk. It is not held on to: mtools may lock the disk itself.
-    if (!lockWholeDisk(location_.whole, DeviceLock::exclusive)) return dissenterFor(errno, location_.whole);
-    std::optional<OpenedDevice> device = openLocation(location_, O_RDWR);
-    if (!device) return dissenterFor(errno, location_.node);
-    MirrorState writing = state_;
-    writing.digest.reset();
-    writing.baseline.clear();
-    writing.compareAll = true;
-    if (Refusal refusal = states_.save(key_, writing)) return refusal;
-    state_ = writing;
-    Refusal refusal = writeTo(*device, changes, tree);
-    FatOutline now;
-    if (!readFatOutline(device->descriptor.get(), device->window, now)) state_.digest = now.digest;
-    if (!refusal) {
-      state_.baseline = tree;
-      state_.compareAll = false;
-    }
-    static_cast<void>(states_.save(key_, state_));  // with what was saved before, a later attempt only checks less
-    if (refusal) refusal->text += "; the changes stay in " + state_.folder;
-    return refusal;
-  }
-
-  Refusal writeTo(const OpenedDevice& device, const MirrorChanges& changes, const MirrorTree& tree) {
-    const Mtools volume(device.descriptor.get(), device.window.offset);
-    const Refusal refusal = applyChanges(changes, state_, tree, volume);
-    if (fsync(device.descriptor.get()) != 0 && !refusal) return dissenterFor(errno, location_.node);
-    return refusal;
-  }
-
-  const MirrorStates& states_;
-  const std::string& key_;
-  MirrorState& state_;
-  const DeviceLocation& location_;
-};
 
 // A volume that somebody mounted there has files of its own, which are none of this one's.
 Refusal checkNothingMountedIn(const std::string& folder) {
@@ -156,59 +50,83 @@ Refusal checkNothingMountedIn(const std::string& folder) {
   return std::nullopt;
 }
 
-bool isLeftAlone(const std::string& folder, const MirrorTree& tree) {
-  MirrorTree now;
-  return userOfFolder(folder).empty() && !checkNothingMountedIn(folder) && !scanMirror(folder, now) && now == tree;
+Refusal checkUnused(const std::string& folder) {
+  if (const std::string user = userOfFolder(folder); !user.empty()) {
+    return Dissenter{kDissentBusy, folder + " is in use by " + user};
+  }
+  return checkNothingMountedIn(folder);
+}
+
+// Under another name nobody begins to use the mirror any more, and whoever does so already is seen. Refused, with the
+// mirror in its place again, unless nobody uses it and `isAsItWas` says of its folder that it may go.
+template <typename Check>
+Refusal removeUnused(MirrorPlace& place, Check isAsItWas) {
+  const std::string name = place.state()->folder;
+  std::string aside;
+  if (Refusal refusal = place.setAside(aside)) return refusal;
+  Refusal refusal = checkUnused(aside);
+  if (!refusal && !isAsItWas(aside)) {
+    refusal = Dissenter{kDissentBusy, name + " was changed while it was unmounted"};
+  }
+  if (!refusal) refusal = place.remove();
+  if (!refusal) return std::nullopt;
+  const Refusal stuck = place.putBack();
+  return stuck ? stuck : refusal;
+}
+
+Dissenter notMounted(const std::string& name) {
+  return {kDissentNotMounted, name + " is not mounted"};
 }
 
 }  // namespace
 
 Refusal mountMirror(const DeviceLocation& location, const OpenedDevice& device, const std::string& name,
                     bool readOnly) {
+  const FileSizeSignalHeld held;
   const std::optional<std::string> key = mirrorKey(location, device.window);
   if (!key) return dissenterFor(errno, location.node);
-  std::optional<MirrorStates> states;
-  if (Refusal refusal = MirrorStates::lock(states)) return refusal;
-  if (states->load(*key)) return std::nullopt;  // made by someone else in the meantime
-  MirrorState state;
   const std::optional<std::string> bsdName = bsdNameOf(location);
   if (!bsdName) return dissenterFor(ENOENT, location.whole);
+  const auto identity = readFatIdentity(FatSource(device.descriptor.get(), device.window));
+  if (!identity) return dissenterFor(errno, location.node);
+  std::optional<MirrorPlace> place;
+  if (Refusal refusal = MirrorPlace::lock(*key, *identity, place)) return refusal;
+  if (place->state()) return std::nullopt;  // made by someone else in the meantime
+  MirrorState state;
   state.device = *bsdName;
   state.readOnly = readOnly;
-  if (Refusal refusal = makeMountFolder(name, 0700, state.folder)) return refusal;
-  NewMirror mirror(state.folder);
-  if (Refusal refusal = fillMirror(device, state)) return refusal;
-  if (Refusal refusal = states->save(*key, state)) return refusal;
-  mirror.keep();
-  return std::nullopt;
+  state.identity = *identity;
+  std::string folder;
+  if (Refusal refusal = place->make(folder)) return refusal;
+  if (Refusal refusal = fillMirror(device, folder, state)) return refusal;
+  return place->keep(name, std::move(state));
 }
 
-Refusal unmountMirror(const DeviceLocation& location, const std::string& key) {
-  std::optional<MirrorStates> states;
-  if (Refusal refusal = MirrorStates::lock(states)) return refusal;
-  std::optional<MirrorState> state = states->load(key);
-  if (!state) return Dissenter{kDissentNotMounted, location.whole + " is not mounted"};
-  if (const std::string user = userOfFolder(state->folder); !user.empty()) {
-    return Dissenter{kDissentBusy, state->folder + " is in use by " + user};
-  }
-  if (Refusal refusal = checkNothingMountedIn(state->folder)) return refusal;
+Refusal unmountMirror(const DeviceLocation& location, const std::string& key, uint64_t identity) {
+  const FileSizeSignalHeld held;
+  std::optional<MirrorPlace> place;
+  if (Refusal refusal = MirrorPlace::lock(key, identity, place)) return refusal;
+  if (!place->state()) return notMounted(location.whole);
+  const std::string folder = place->state()->folder;
+  if (Refusal refusal = checkUnused(folder)) return refusal;
   MirrorTree tree;
-  if (Refusal refusal = scanMirror(state->folder, tree)) return refusal;
-  const bool isUntouched = !state->compareAll && tree == state->baseline;
+  if (Refusal refusal = scanMirror(folder, tree)) return refusal;
+  const bool isUntouched = !place->state()->written && tree == place->state()->baseline;
   if (!isUntouched) {
-    if (Refusal refusal = WriteBack(*states, key, *state, location).run(tree)) return refusal;
+    if (Refusal refusal = writeBack(location, *place, tree)) return refusal;
   }
-  // Under another name nobody begins to use it any more, and whoever does so already is seen.
-  const std::string aside = state->folder + kAside;
-  if (rename(state->folder.c_str(), aside.c_str()) != 0) return dissenterFor(errno, state->folder);
-  if (!isLeftAlone(aside, tree)) {
-    if (rename(aside.c_str(), state->folder.c_str()) != 0) return dissenterFor(errno, aside);
-    return Dissenter{kDissentBusy, state->folder + " was changed while it was unmounted"};
-  }
-  states->remove(key);
-  // The volume is whole and no longer mounted; what could not be removed of its mirror is a copy in a private folder.
-  static_cast<void>(removeMirrorTree(aside));
-  return std::nullopt;
+  return removeUnused(*place, [&](const std::string& aside) {
+    MirrorTree now;
+    return !scanMirror(aside, now) && now == tree;
+  });
+}
+
+Refusal discardMirror(const std::string& key, uint64_t identity) {
+  std::optional<MirrorPlace> place;
+  if (Refusal refusal = MirrorPlace::lock(key, identity, place)) return refusal;
+  if (!place->state()) return notMounted("the volume");
+  if (Refusal refusal = checkUnused(place->state()->folder)) return refusal;
+  return removeUnused(*place, [](const std::string&) { return true; });
 }
 
 }  // namespace vorlix

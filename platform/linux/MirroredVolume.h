@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // FAT volumes that the kernel cannot mount, or that the user may not have mounted: their files are copied into a
-// private folder, the mirror, which is the mount point until what was changed in it is written back.
+// private folder, the mirror, which is the mount point until what was changed in it is written back (WriteBack.h).
 //
 // Of a file the mirror holds the content and the time of modification. Attributes (read-only, hidden, system) stay on
 // the volume and are kept when the file is written back; modes, owners and times of folders in the mirror are not
 // written back.
 #pragma once
 
-#include <optional>
+#include <cstdint>
 #include <string>
 
 #include "BlockDevices.h"
@@ -23,10 +23,12 @@ Refusal mountMirror(const DeviceLocation& location, const OpenedDevice& device, 
 
 /// Writes the changes in a mirror back to its volume and removes the mirror.
 ///
-/// Every file that is written is read back and compared, then the device is synced, and only then the mirror goes. It
-/// stays where a request is refused: with kDissentBusy when a file in it is open or the device is locked, with
+/// It stays where a request is refused: with kDissentBusy when a file in it is open or the device is locked, with
 /// kDissentError when someone else has changed the volume since. A volume whose mirror has no changes is not opened for
 /// writing at all.
-Refusal unmountMirror(const DeviceLocation& location, const std::string& key);
+Refusal unmountMirror(const DeviceLocation& location, const std::string& key, uint64_t identity);
+
+/// Removes a mirror with all that was changed in it. Refused with kDissentBusy when a file in it is open.
+Refusal discardMirror(const std::string& key, uint64_t identity);
 
 }  // namespace vorlix

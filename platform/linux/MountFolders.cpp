@@ -5,9 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <filesystem>
-#include <system_error>
 
 #include "VolumeProbe.h"
 
@@ -18,46 +15,26 @@ constexpr size_t kLongestName = 128;
 constexpr int kMostOfOneName = 1000;
 constexpr mode_t kForEveryone = 0755;
 constexpr mode_t kForTheUser = 0700;
+constexpr const char* kPlace = "/run/vorlix";
 
-bool isOwnFolder(const std::string& path, mode_t forbidden) {
+bool isOwnFolder(const std::string& path) {
   struct stat status = {};
   return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == geteuid() &&
-         (status.st_mode & forbidden) == 0;
+         (status.st_mode & 0022) == 0;
 }
 
-// Where this user's folder stands. A folder under /tmp has a name that others can know and take before; the check of
-// its owner and mode refuses theirs.
-std::string runtimeFolderPath() {
-  if (geteuid() == 0) return "/run/vorlix";
-  const char* const runtime = std::getenv("XDG_RUNTIME_DIR");
-  if (runtime != nullptr && *runtime == '/' && isOwnFolder(runtime, 0077)) return std::string(runtime) + "/vorlix";
-  return "/tmp/vorlix-" + std::to_string(geteuid());
+Refusal makePlace() {
+  if (mkdir(kPlace, kForTheUser) == 0) {
+    // Not by mkdir(), whose mode the umask narrows.
+    if (chmod(kPlace, kForEveryone) != 0) return dissenterFor(errno, kPlace);
+  } else if (errno != EEXIST) {
+    return dissenterFor(errno, kPlace);
+  }
+  if (isOwnFolder(kPlace)) return std::nullopt;
+  return Dissenter{kDissentNotPermitted, std::string(kPlace) + " is not a folder of this user's alone"};
 }
 
 }  // namespace
-
-Refusal makeRuntimeFolder(std::string& folder) {
-  const std::string path = runtimeFolderPath();
-  if (mkdir(path.c_str(), kForTheUser) == 0) {
-    // Not by mkdir(), whose mode the umask narrows.
-    if (geteuid() == 0 && chmod(path.c_str(), kForEveryone) != 0) return dissenterFor(errno, path);
-  } else if (errno != EEXIST) {
-    return dissenterFor(errno, path);
-  }
-  const std::optional<std::string> made = existingRuntimeFolder();
-  if (!made) return Dissenter{kDissentNotPermitted, path + " is not a folder of this user's alone"};
-  folder = *made;
-  return std::nullopt;
-}
-
-std::optional<std::string> existingRuntimeFolder() {
-  const std::string path = runtimeFolderPath();
-  if (!isOwnFolder(path, geteuid() == 0 ? 0022 : 0077)) return std::nullopt;
-  std::error_code error;
-  const std::filesystem::path canonical = std::filesystem::canonical(path, error);
-  if (error) return std::nullopt;
-  return canonical.string();
-}
 
 std::string safeFolderName(const std::string& name) {
   std::string safe;
@@ -73,9 +50,8 @@ std::string safeFolderName(const std::string& name) {
 }
 
 Refusal makeMountFolder(const std::string& name, mode_t mode, std::string& path) {
-  std::string folder;
-  if (Refusal refusal = makeRuntimeFolder(folder)) return refusal;
-  const std::string wanted = folder + "/" + name;
+  if (Refusal refusal = makePlace()) return refusal;
+  const std::string wanted = std::string(kPlace) + "/" + name;
   std::string candidate = wanted;
   for (int number = 1; mkdir(candidate.c_str(), kForTheUser) != 0; ++number) {
     if (errno != EEXIST || number > kMostOfOneName) return dissenterFor(errno, candidate);
@@ -91,8 +67,8 @@ Refusal makeMountFolder(const std::string& name, mode_t mode, std::string& path)
 }
 
 void removeMountFolder(const std::string& path) {
-  const std::optional<std::string> folder = existingRuntimeFolder();
-  if (folder && path.rfind('/') == folder->size() && path.rfind(*folder, 0) == 0) rmdir(path.c_str());
+  const std::string place = std::string(kPlace) + "/";
+  if (path.rfind('/') + 1 == place.size() && path.rfind(place, 0) == 0) rmdir(path.c_str());
 }
 
 }  // namespace vorlix

@@ -13,6 +13,7 @@
 #include "MirroredVolume.h"
 #include "MountFolders.h"
 #include "MountTable.h"
+#include "VolumeDevice.h"
 #include "VolumeProbe.h"
 
 namespace vorlix {
@@ -64,6 +65,8 @@ Refusal mountWithKernel(const DeviceLocation& location, const OpenedDevice& devi
 }
 
 Refusal mountUnmounted(const DeviceLocation& location, const OpenedDevice& device, const MountOptions& options) {
+  // What a change that was cut off has left is no volume to look at.
+  if (Refusal refusal = settleVolume(location)) return refusal;
   const std::optional<VolumeFacts> facts = probeVolume(device.descriptor.get(), device.window);
   if (!facts) return Dissenter{kDissentUnsupported, "holds no file system that is known here"};
   if (options.readWrite && isReadOnlyMedium(location)) return dissenterFor(EROFS, location.whole);
@@ -96,7 +99,7 @@ Mounted findMounts(const DeviceLocation& location, const std::optional<OpenedDev
   const Extent window = device ? device->window : Extent{};
   mounted.byKernel = mountsOf(location, window);
   mounted.mirrorKey = mirrorKey(location, window);
-  if (mounted.mirrorKey) mounted.mirror = findMirror(*mounted.mirrorKey);
+  if (mounted.mirrorKey) mounted.mirror = findMirror(*mounted.mirrorKey, device);
   return mounted;
 }
 
@@ -119,11 +122,11 @@ std::optional<std::string> nameInside(const std::string& whole, uint64_t offset)
   return std::nullopt;
 }
 
-// The folder of a mirror that was made of something else by that name.
-std::optional<std::string> orphanOf(const DeviceLocation& location, const std::optional<std::string>& key) {
+// The folder of a mirror that was made of another volume by that name.
+std::optional<std::string> orphanOf(const DeviceLocation& location) {
   const std::optional<std::string> name = bsdNameOf(location);
-  for (const KnownMirror& mirror : allMirrors()) {
-    if (mirror.state.device == name && mirror.key != key) return mirror.state.folder;
+  for (const FoundMirror& found : findMirrors()) {
+    if (found.mirror.state.device == name && found.volume != MirroredVolumeIs::there) return found.mirror.state.folder;
   }
   return std::nullopt;
 }
@@ -156,9 +159,10 @@ Refusal unmountVolume(const std::string& device) {
   const Mounted mounted = findMounts(*location, openLocation(*location, O_RDONLY));
   if (mounted.byKernel.empty() && !mounted.mirror) {
     std::string text = device + " is not mounted";
-    // An image that was put in another one's place is another volume, however it is called.
-    if (const auto orphan = orphanOf(*location, mounted.mirrorKey)) {
-      text += "; what was mounted by that name was another image, whose files are kept in " + *orphan;
+    // What was put in another one's place is another volume, however it is called.
+    if (const auto orphan = orphanOf(*location)) {
+      text += std::string("; what was mounted by that name was another ") + (location->isImage ? "image" : "volume") +
+              ", whose files are kept in " + *orphan;
     }
     return Dissenter{kDissentNotMounted, text};
   }
@@ -167,7 +171,7 @@ Refusal unmountVolume(const std::string& device) {
     removeMountFolder(mount->path);
   }
   if (!mounted.mirror) return std::nullopt;
-  return unmountMirror(*location, *mounted.mirrorKey);
+  return unmountMirror(*location, *mounted.mirrorKey, mounted.mirror->identity);
 }
 
 std::optional<VolumePlace> volumePlaceOf(const DeviceLocation& location, const std::optional<OpenedDevice>& opened) {

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A FAT file system in a run of a device's bytes, reached with mtools.
+// A FAT file system in a file, changed with mtools. It is a private copy of a volume, never a disk.
 #pragma once
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -11,51 +10,31 @@
 
 namespace vorlix {
 
-/// Paths start with "/" at the root of the volume. A refusal's text is what the program wrote to standard error.
-///
-/// mtools answers some failures, such as a full disk, with success; what matters is looked at afterwards.
+/// Paths start with "/" at the root of the volume. A program that ends with another status than 0, or has something to
+/// say on standard error, has failed: a refusal with its text. What it did all the same is looked at afterwards.
 class Mtools {
  public:
-  /// Works on the file system at `offset` of an open device, which stays the caller's and outlives this object.
-  Mtools(int descriptor, uint64_t offset) : descriptor_(descriptor), offset_(offset) {}
-
-  struct Entry {
-    std::string path;
-    bool isFolder = false;
-    std::string attributes;  ///< of a file, the letters of "RHS" that it has
-  };
-
-  /// All files and folders but the root, a folder before what is in it.
-  Refusal list(std::vector<Entry>& entries) const;
-
-  /// One file or folder; kDissentNotFound where there is none.
-  Refusal find(const std::string& path, Entry& entry) const;
-
-  /// Copies everything into a folder of the system, times included.
-  Refusal copyAllTo(const std::string& folder) const;
-
-  /// Compares the content of a file with that of a file of the system.
-  Refusal compare(const std::string& path, const std::string& file, bool& isEqual) const;
+  /// Works on the file system at the start of an open file, which stays the caller's and outlives this object.
+  explicit Mtools(int descriptor) : descriptor_(descriptor) {}
 
   /// Copies a file of the system to `path`, in place of one that is there, with its time of modification.
   Refusal write(const std::string& file, const std::string& path) const;
 
   Refusal makeFolder(const std::string& path) const;
 
-  /// Removes a file, or a folder with all that is in it.
+  /// Gives a file another name in the same folder, which nothing there has.
+  Refusal rename(const std::string& path, const std::string& name) const;
+
+  /// Removes a file, or a folder with all that is in it. None of it is read-only.
   Refusal remove(const std::string& path, bool isFolder) const;
 
-  /// Gives a file the attributes among `letters` ("RHS").
-  Refusal addAttributes(const std::string& path, const std::string& letters) const;
+  /// Gives or takes attributes, as "+r +h".
+  Refusal setAttributes(const std::string& path, const std::vector<std::string>& changes) const;
 
  private:
-  struct Result;
-
-  Result run(std::vector<std::string> arguments) const;
-  std::string image() const;
+  Refusal run(const std::string& what, const std::vector<std::string>& arguments) const;
 
   int descriptor_;
-  uint64_t offset_;
 };
 
 }  // namespace vorlix

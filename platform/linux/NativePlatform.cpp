@@ -13,6 +13,7 @@
 #include "MountedVolumes.h"
 #include "RunLoop.h"
 #include "SystemLog.h"
+#include "VolumeMirrors.h"
 
 namespace vorlix {
 
@@ -30,6 +31,7 @@ Platform nativePlatform() {
   native.mountedVolumes = std::make_shared<LinuxMountedVolumes>();
   native.userIdentity = std::make_shared<PosixUserIdentity>();
   native.shell = std::make_shared<PosixShell>();
+  native.volumeMirrors = std::make_shared<LinuxVolumeMirrors>();
   return native;
 }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/VolumeMirrors.h>
 
 #include "../posix/ChildProcess.h"
 #include "../posix/Shell.h"
@@ -30,6 +31,7 @@ Platform nativePlatform() {
   native.mountedVolumes = std::make_shared<MacMountedVolumes>();
   native.userIdentity = std::make_shared<PosixUserIdentity>();
   native.shell = std::make_shared<PosixShell>();
+  native.volumeMirrors = std::make_shared<NoVolumeMirrors>();
   return native;
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Setting a simulated machine up and looking at it. Its ports stand in the other files of this folder.
+#include <Vorlix/platform/VolumeMirrors.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 
 #include <algorithm>
@@ -28,6 +29,7 @@ Platform SimulatedMachine::platform() const {
   ports.mountedVolumes = makeSimulatedMountedVolumes(state_);
   ports.userIdentity = makeSimulatedUserIdentity(state_);
   ports.shell = makeSimulatedShell(state_);
+  ports.volumeMirrors = std::make_shared<NoVolumeMirrors>();
   return ports;
 }
 

@@ -189,23 +189,23 @@ void inAnotherProcess(Body body) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the other process failed, see above";
 }
 
-/// Runs `body` in another process as an ordinary user (the super-user turns into "nobody") with a runtime folder of its
+/// Runs `body` in another process as an ordinary user (the super-user turns into "nobody") with a state folder of its
 /// own inside `folder`, which is given to that user with all that is in it.
 template <typename Body>
 void asOrdinaryUser(const TemporaryFolder& folder, Body body) {
-  const std::string runtime = folder / "runtime";
-  std::filesystem::create_directory(runtime);
+  const std::string state = folder / "state";
+  std::filesystem::create_directory(state);
   const bool isSuperUser = geteuid() == 0;
   if (isSuperUser)
     shell("chown -R " + std::to_string(kOrdinaryUser) + ":" + std::to_string(kOrdinaryUser) + " '" +
           folder.path().string() + "'");
-  std::filesystem::permissions(runtime, std::filesystem::perms::owner_all);
+  std::filesystem::permissions(state, std::filesystem::perms::owner_all);
   inAnotherProcess([&] {
     if (isSuperUser) {
       ASSERT_EQ(setgid(kOrdinaryUser), 0);
       ASSERT_EQ(setuid(kOrdinaryUser), 0);
     }
-    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+    setenv("XDG_STATE_HOME", state.c_str(), 1);
     body();
   });
 }

@@ -224,7 +224,7 @@ class Written(StoreTest):
         self.assert_unchanged(disk, before[0])
         self.assert_unchanged(template, before[1])
         self.assert_nothing_mounted()
-        self.assertEqual(os.listdir(self.runtime), [])
+        self.assertEqual(os.listdir(self.state), [])
         self.assertFalse(os.path.exists(self.path("saved")))
 
 

@@ -181,17 +181,17 @@ class Mirrored(MountTest):
                         file.write(label.ljust(11).encode())
                         volume = volume[:at] + bytes(11) + volume[at + 11 :]
                 folder = self.mount(image)
-                self.assertEqual(os.path.dirname(folder), os.path.join(os.path.realpath(self.runtime), "vorlix"))
+                self.assertEqual(os.path.dirname(folder), os.path.join(os.path.realpath(self.state), "vorlix/volumes"))
                 self.assertFalse(os.path.basename(folder).startswith("."), folder)
                 self.assertEqual(volumes.folder_tree(folder), {"file": b"content"})
                 self.unmount(image)
 
     def test_the_folder_is_the_user_s_alone(self):
         folder = self.mount(self.fat())
-        while folder != os.path.realpath(self.runtime):
+        while folder != os.path.realpath(self.state):
             status = os.stat(folder)
             self.assertEqual(status.st_mode & 0o077, 0, folder)
-            self.assertEqual(status.st_uid, os.stat(self.runtime).st_uid)
+            self.assertEqual(status.st_uid, os.stat(self.state).st_uid)
             folder = os.path.dirname(folder)
 
     def test_two_volumes_with_the_same_label(self):

@@ -27,23 +27,39 @@ class MirroredVolume : public testing::Test {
     return mounted();
   }
   std::optional<Dissenter> unmountIt() const { return unmountNow(ports_, volume_); }
-  std::string runtime() const { return folder_ / "runtime/vorlix"; }
+  std::string mirrors() const { return folder_ / "state/vorlix/volumes"; }
 
-  /// Unmounts in a process that ends where a new folder would be made on the volume, in the midst of writing back.
-  void unmountAndCutOff() const {
+  /// Nothing is left in the state folder but the folders themselves.
+  void expectNothingLeft() const {
+    EXPECT_EQ(shell("find '" + (folder_ / "state/vorlix") + "' -mindepth 1 -printf '%P\\n' | sort"),
+              "journals\nvolumes\nvolumes/.mirrors");
+  }
+
+  /// Puts a program in place of one of mtools, for this process alone.
+  void replaceTool(const std::string& program, const std::string& script) const {
     const std::string tools = folder_ / "tools";
     std::filesystem::create_directory(tools);
-    writeText(tools + "/mmd", "#!/bin/sh\nkill -9 $PPID\n");
-    std::filesystem::permissions(tools + "/mmd", std::filesystem::perms::owner_all);
+    writeText(tools + "/" + program, "#!/bin/sh\n" + script + "\n");
+    std::filesystem::permissions(tools + "/" + program, std::filesystem::perms::owner_all);
+    setenv("PATH", (tools + ":" + search_).c_str(), 1);
+  }
+  void restoreTools() const {
+    setenv("PATH", search_.c_str(), 1);
+    std::filesystem::remove_all(folder_ / "tools");
+  }
+
+  /// Unmounts in a process that ends where a new folder would be made on the copy, in the midst of writing back.
+  void unmountAndCutOff() const {
+    replaceTool("mmd", "kill -9 $PPID");
     std::filesystem::create_directory(mounted() + "/new folder");
     const pid_t child = fork();
     if (child == 0) {
-      setenv("PATH", (tools + ":" + std::getenv("PATH")).c_str(), 1);
       unmountIt();
       _exit(0);
     }
     int status = 0;
     waitpid(child, &status, 0);
+    restoreTools();
     ASSERT_TRUE(WIFSIGNALED(status));
   }
 
@@ -65,6 +81,7 @@ class MirroredVolume : public testing::Test {
   TemporaryFolder folder_;
   const std::string image_ = folder_ / "mac.img";
   const std::string volume_ = image_ + "s1";
+  const std::string search_ = std::getenv("PATH");
   const Platform ports_ = nativePlatform();
   std::string before_;
 };

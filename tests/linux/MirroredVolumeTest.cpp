@@ -11,12 +11,12 @@ namespace fs = std::filesystem;
 
 TEST_F(MirroredVolume, StandsInAPrivateFolderNamedAfterTheLabel) {
   asUser([&] {
-    EXPECT_EQ(mountIt(), runtime() + "/MAC EFI");
-    EXPECT_EQ(fs::status(runtime()).permissions(), fs::perms::owner_all);
+    EXPECT_EQ(mountIt(), mirrors() + "/MAC EFI");
+    EXPECT_EQ(fs::status(mirrors()).permissions(), fs::perms::owner_all);
     EXPECT_EQ(fs::status(mounted()).permissions(), fs::perms::owner_all);
     EXPECT_EQ(readText(mounted() + "/readme.txt"), "read me");
     EXPECT_TRUE(granted(unmountIt()));
-    EXPECT_FALSE(fs::exists(runtime() + "/MAC EFI"));
+    EXPECT_FALSE(fs::exists(mirrors() + "/MAC EFI"));
   });
 }
 
@@ -122,15 +122,10 @@ TEST_F(MirroredVolume, AttributesOfChangedFilesAreKept) {
 
 TEST_F(MirroredVolume, TheProgramsThatCopyGetNoneOfTheHostsFiles) {
   asUser([&] {
-    const std::string tools = folder_ / "tools";
     const std::string secret = folder_ / "secret";
     const std::string seen = folder_ / "seen";
     writeText(secret, "the host's");
-    fs::create_directory(tools);
-    writeText(tools + "/mcopy",
-              "#!/bin/sh\nls -l /proc/self/fd >>'" + seen + "'\nexec " + shell("command -v mcopy") + " \"$@\"\n");
-    fs::permissions(tools + "/mcopy", fs::perms::owner_all);
-    setenv("PATH", (tools + ":" + std::getenv("PATH")).c_str(), 1);
+    replaceTool("mcopy", "ls -l /proc/self/fd >>'" + seen + "'\nexec " + shell("command -v mcopy") + " \"$@\"");
     const int low = ::open(secret.c_str(), O_RDONLY);  // passed on, but for what the library does about it
     const int high = fcntl(low, F_DUPFD, 100);
     ASSERT_GE(high, 100);
@@ -138,7 +133,8 @@ TEST_F(MirroredVolume, TheProgramsThatCopyGetNoneOfTheHostsFiles) {
     EXPECT_TRUE(granted(unmountIt()));
     close(low);
     close(high);
-    EXPECT_NE(readText(seen).find("mac.img"), std::string::npos) << "what it is there for";
+    EXPECT_NE(readText(seen).find("/copy"), std::string::npos) << "what it is there for";
+    EXPECT_EQ(readText(seen).find("mac.img"), std::string::npos) << "the disk: " << readText(seen);
     EXPECT_EQ(readText(seen).find("secret"), std::string::npos) << readText(seen);
   });
 }
@@ -209,7 +205,7 @@ TEST_F(MirroredVolume, ALabelCannotLeadOutOfTheFolder) {
   mtools(image_, "mlabel", "::../../X");
   asUser([&] {
     const std::string path = mountIt();
-    EXPECT_EQ(fs::path(path).parent_path(), runtime());
+    EXPECT_EQ(fs::path(path).parent_path(), mirrors());
     EXPECT_TRUE(granted(unmountIt()));
   });
 }
@@ -218,7 +214,7 @@ TEST_F(MirroredVolume, AnEmptyVolumeWithoutALabelIsMountedUnderTheNameOfItsDevic
   shell("mkfs.vfat -F 16 --offset 2048 '" + image_ + "' 16384");
   asUser([&] {
     const std::string path = mountIt();
-    EXPECT_EQ(path, runtime() + "/mac.imgs1");
+    EXPECT_EQ(path, mirrors() + "/mac.imgs1");
     EXPECT_TRUE(fs::is_empty(path));
     writeText(path + "/first", "one");
     EXPECT_TRUE(granted(unmountIt()));

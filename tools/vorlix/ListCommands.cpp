@@ -12,6 +12,7 @@
 #include "Commands.h"
 #include "Complaint.h"
 #include "Failure.h"
+#include "Mirrors.h"
 #include "Text.h"
 #include "Volumes.h"
 
@@ -156,6 +157,7 @@ void addListCommands(CLI::App& app, int& status) {
   list->add_flag("--all", listing->all, "Volumes of every kind");
   list->add_flag("--json", listing->json, "As JSON");
   list->callback([listing, &status] {
+    complainOfLeftMirrors();
     listVolumes(*listing);
     status = kDone;
   });

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/QDDeviceManager.h>
-#include <Vorlix/QDSDiskFunctions.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "Arbitration.h"
 #include "Commands.h"
 #include "Failure.h"
+#include "Mirrors.h"
 
 namespace vorlix::tool {
 namespace {
@@ -20,37 +20,29 @@ struct MountOptions {
 };
 
 void mountAndTell(const std::string& device, bool readWrite) {
+  complainOfLeftMirrors();
   const std::string name = bsdNameOf(device);
-  QDDeviceManager::sharedDeviceManager()->mountDiskAtDevicePath(name, readWrite);
-  if (const char* const path = mounted_path(name.c_str())) {
-    if (readWrite && access(path, W_OK) != 0) {
-      throw Failure(device, "mounted read-only, or writable only for others, at " + std::string(path),
-                    "nothing was changed");
-    }
-    std::printf("%s\n", path);
-    return;
-  }
-  // The library's mount is silent about a refusal; asking once more tells the reason.
-  if (const std::optional<Dissenter> refusal = tryMount(name, readWrite)) {
-    throw Failure(device, reasonText(*refusal), "not mounted");
-  }
+  const std::optional<Dissenter> refusal = tryMount(name, readWrite);
   const std::optional<std::string> path = mountPointOf(name);
+  // Some systems refuse to mount what is mounted.
+  if (refusal && !(path && refusal->status == kDissentBusy)) {
+    throw Failure(device, reasonText(*refusal), path ? "nothing was changed" : "not mounted");
+  }
   if (!path) throw Failure(device, "its volume has no mount point", "not mounted");
+  if (readWrite && access(path->c_str(), W_OK) != 0) {
+    throw Failure(device, "mounted read-only, or writable only for others, at " + *path, "nothing was changed");
+  }
   std::printf("%s\n", path->c_str());
 }
 
 void unmountOrFail(const std::string& device) {
   const std::string name = bsdNameOf(device);
-  if (!mountPointOf(name)) {
-    const std::optional<Dissenter> refusal = tryUnmount(name);
-    if (!refusal) return;  // mounted in the meantime
-    const std::string reason = reasonText(*refusal);
-    throw Failure(device, reason.ends_with("not mounted") ? "not mounted" : reason, "nothing was changed");
-  }
-  if (QDDeviceManager::sharedDeviceManager()->unmountDiskAtDevice(name)) return;
-  if (const std::optional<Dissenter> refusal = tryUnmount(name)) {
-    throw Failure(device, reasonText(*refusal), "it stays mounted");
-  }
+  const std::optional<Dissenter> refusal = tryUnmount(name);
+  if (!refusal) return;
+  const bool staysMounted = mountPointOf(name).has_value();
+  const std::string reason = reasonText(*refusal);
+  throw Failure(device, reason.ends_with("not mounted") ? "not mounted" : reason,
+                staysMounted ? "it stays mounted" : "nothing was changed");
 }
 
 std::string efiSlice(const std::string& disk) {
@@ -72,8 +64,17 @@ void addMountCommands(CLI::App& app, int& status) {
   const auto unmounting = std::make_shared<MountOptions>();
   CLI::App* const unmount = app.add_subcommand("unmount", "Unmount a volume");
   unmount->add_option("DEVICE", unmounting->device, "Slice, device or disk-image file")->required();
-  unmount->callback([unmounting, &status] {
-    unmountOrFail(unmounting->device);
+  const auto discards = std::make_shared<bool>(false);
+  unmount->add_flag(
+      "--discard", *discards,
+      "Throw away what was changed in the folder that stands for a FAT volume, and the folder; DEVICE may "
+      "be that folder or its name");
+  unmount->callback([unmounting, discards, &status] {
+    if (*discards) {
+      discardMirror(unmounting->device);
+    } else {
+      unmountOrFail(unmounting->device);
+    }
     status = kDone;
   });
 

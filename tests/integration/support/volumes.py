@@ -13,7 +13,8 @@ import time
 from support import images, samples
 
 IS_ROOT = os.geteuid() == 0
-ROOT_RUNTIME = "/run/vorlix"
+ROOT_MOUNTS = "/run/vorlix"
+ROOT_STATE = "/var/lib/vorlix"
 MIRROR_STATES = ".mirrors"
 OTHERS_ARE_DONE_AFTER = 60  # seconds
 
@@ -219,9 +220,9 @@ class VolumeTest(images.CommandTest):
         super().setUp()
         os.chmod(self.folder, 0o755)
         self.give(self.folder)
-        self.runtime = self.path("runtime")
-        os.mkdir(self.runtime, 0o700)
-        self.give(self.runtime)
+        self.state = self.path("state")
+        os.mkdir(self.state, 0o700)
+        self.give(self.state)
         self.mounted_before = self.mounted_folders()
 
     def give(self, *paths):
@@ -242,7 +243,7 @@ class VolumeTest(images.CommandTest):
     def prefix(self):
         if self.AS_ROOT:
             return ()
-        return (*user_prefix(), "env", f"XDG_RUNTIME_DIR={self.runtime}")
+        return (*user_prefix(), "env", f"XDG_STATE_HOME={self.state}")
 
     def vorlix_run(self, *arguments, **options):
         options.setdefault("prefix", self.prefix())
@@ -272,9 +273,9 @@ class VolumeTest(images.CommandTest):
 
     def mounted_folders(self):
         """Folders where volumes are mounted, and what is kept of mirrors."""
-        place = ROOT_RUNTIME if self.AS_ROOT else os.path.join(self.runtime, "vorlix")
+        mirrors = os.path.join(ROOT_STATE if self.AS_ROOT else os.path.join(self.state, "vorlix"), "volumes")
         found = set()
-        for folder in (place, os.path.join(place, MIRROR_STATES)):
+        for folder in (mirrors, os.path.join(mirrors, MIRROR_STATES), *([ROOT_MOUNTS] if self.AS_ROOT else [])):
             if os.path.isdir(folder):
                 found |= {os.path.join(folder, name) for name in os.listdir(folder) if name != MIRROR_STATES}
         return found

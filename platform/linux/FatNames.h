@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Names on FAT volumes, as they stand in folders and as people write them (UTF-8).
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+namespace vorlix {
+
+inline constexpr size_t kFatEntrySize = 32;
+inline constexpr size_t kLongestFatName = 255;  ///< UTF-16 units
+
+/// The name in an entry itself: code page 850, in lower case where byte 12 says so. Absent where it is none.
+std::optional<std::string> shortNameIn(const uint8_t* entry);
+
+/// Puts a long name together from the entries before the one it belongs to.
+class LongNameReader {
+ public:
+  void take(const uint8_t* entry);
+  void reset() { next_ = kNone; }
+
+  enum class Outcome { none, found, invalid };
+
+  /// What was taken as the name of `entry`, if it is whole and its sum is that of the name in `entry`.
+  Outcome finish(const uint8_t* entry, std::string& name);
+
+ private:
+  static constexpr size_t kNone = static_cast<size_t>(-1);
+  static constexpr size_t kUnitsInEntry = 13;
+  static constexpr size_t kMostEntries = 20;
+
+  std::array<uint16_t, kUnitsInEntry* kMostEntries> units_ = {};
+  size_t count_ = 0;     // entries
+  size_t next_ = kNone;  // entries still to come
+  uint8_t sum_ = 0;
+};
+
+/// A name or path in the case in which FAT compares names: letters of ASCII, Latin-1, Latin Extended-A, Greek and
+/// Cyrillic in upper case. Letters of other alphabets that have two cases (Armenian, Georgian, Latin Extended-B and
+/// Additional, full-width ones) stay as they are, and so does what is not UTF-8.
+std::string foldedFatName(const std::string& name);
+
+}  // namespace vorlix

@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "FatTable.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "LittleEndian.h"
+
+namespace vorlix {
+namespace {
+
+constexpr size_t kPiece = 1024 * 1024;
+constexpr size_t kMostPages = 65536;  // 256 MiB
+
+size_t entrySize(FatWidth width) {
+  return width == FatWidth::bits32 ? 4 : 2;
+}
+
+// Entries of 12 bits begin in the midst of a byte; two bytes hold any.
+uint64_t entryOffset(uint64_t cluster, FatWidth width) {
+  return width == FatWidth::bits12 ? cluster + cluster / 2 : cluster * entrySize(width);
+}
+
+bool isZero(const uint8_t* bytes, size_t count) {
+  return std::all_of(bytes, bytes + count, [](uint8_t byte) { return byte == 0; });
+}
+
+}  // namespace
+
+Refusal FatTable::read(const FatSource& source, const FatLayout& layout, Copies copies) {
+  width_ = layout.width;
+  clusters_ = layout.clusters;
+  const uint64_t last = uint64_t{kFirstCluster} + clusters_ - 1;
+  const uint64_t length = entryOffset(last, width_) + entrySize(width_);
+  pages_.resize(static_cast<size_t>((length + kPage - 1) / kPage));
+  const uint32_t count = copies == Copies::first ? 1 : layout.tableCount;
+  std::vector<uint8_t> piece(kPiece);
+  std::vector<uint8_t> other(kPiece);
+  for (uint64_t at = 0; at < length;) {
+    uint64_t data = length;
+    for (uint32_t copy = 0; copy < count; ++copy) {
+      const uint64_t start = layout.tables + copy * layout.tableSize;
+      data = std::min(data, source.nextData(start + at) - start);
+    }
+    at = std::max(at, data / kPage * kPage);
+    if (data >= length) break;
+    const auto size = static_cast<size_t>(std::min<uint64_t>(kPiece, length - at));
+    if (!source.read(piece.data(), size, layout.tables + at))
+      return dissenterFor(errno, "reading its allocation table");
+    for (uint32_t copy = 1; copy < count; ++copy) {
+      if (!source.read(other.data(), size, layout.tables + copy * layout.tableSize + at)) {
+        return dissenterFor(errno, "reading its allocation table");
+      }
+      if (std::memcmp(piece.data(), other.data(), size) == 0) continue;
+      return Dissenter{kDissentUnsupported, "the FAT file system is damaged: its allocation tables differ"};
+    }
+    keep(at, piece.data(), size);
+    if (kept_ > kMostPages) {
+      return Dissenter{kDissentUnsupported, "the FAT file system holds more than can be mirrored"};
+    }
+    at += size;
+  }
+  return std::nullopt;
+}
+
+void FatTable::keep(uint64_t at, const uint8_t* bytes, size_t count) {
+  for (size_t done = 0; done < count; done += kPage) {
+    const size_t size = std::min(kPage, count - done);
+    if (isZero(bytes + done, size)) continue;
+    auto page = std::make_unique<Page>();
+    std::copy_n(bytes + done, size, page->begin());
+    pages_[static_cast<size_t>((at + done) / kPage)] = std::move(page);
+    ++kept_;
+  }
+}
+
+uint8_t FatTable::byteAt(uint64_t offset) const {
+  const auto& page = pages_[static_cast<size_t>(offset / kPage)];
+  return page ? (*page)[offset % kPage] : uint8_t{0};
+}
+
+uint32_t FatTable::value(uint64_t offset, size_t count) const {
+  uint32_t number = 0;
+  for (size_t i = count; i > 0; --i) number = number << 8 | byteAt(offset + i - 1);
+  return number;
+}
+
+uint32_t FatTable::next(uint32_t cluster) const {
+  const uint32_t entry = value(entryOffset(cluster, width_), entrySize(width_));
+  if (width_ == FatWidth::bits12) return cluster % 2 == 0 ? entry & 0xFFFU : entry >> 4;
+  return width_ == FatWidth::bits32 ? entry & 0x0FFFFFFFU : entry;
+}
+
+bool FatTable::isEnd(uint32_t value) const {
+  if (width_ == FatWidth::bits12) return value >= 0xFF8;
+  return width_ == FatWidth::bits16 ? value >= 0xFFF8 : value >= 0x0FFFFFF8;
+}
+
+uint32_t FatTable::freeClusters() const {
+  const uint32_t end = kFirstCluster + clusters_;
+  uint32_t used = 0;
+  for (uint32_t cluster = kFirstCluster; cluster < end;) {
+    // Pages that are all zero are passed over; entries of 12 bits, which may span two, are too few for that to matter.
+    const uint64_t offset = entryOffset(cluster, width_);
+    if (width_ != FatWidth::bits12 && !pages_[static_cast<size_t>(offset / kPage)]) {
+      const auto nextPage = static_cast<uint32_t>((offset / kPage + 1) * kPage / entrySize(width_));
+      cluster = std::min(end, nextPage);
+      continue;
+    }
+    if (next(cluster) != 0) ++used;
+    ++cluster;
+  }
+  return clusters_ - used;
+}
+
+void FatTable::addTo(FatDigest& digest) const {
+  for (size_t number = 0; number < pages_.size(); ++number) {
+    if (!pages_[number]) continue;
+    digest.addWord(number);
+    digest.add(pages_[number]->data(), pages_[number]->size());
+  }
+}
+
+}  // namespace vorlix

@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <Vorlix/platform/VolumeMirrors.h>
+
+namespace vorlix {
+
+class LinuxVolumeMirrors final : public VolumeMirrors {
+ public:
+  std::vector<VolumeMirror> mirrors() override;
+  std::optional<Dissenter> discard(const VolumeMirror& mirror) override;
+};
+
+}  // namespace vorlix
