@@ -31,8 +31,8 @@ worker = {}
 def parse():
     parser = argparse.ArgumentParser(description="Fails and kills commands at one system call after the other.")
     how_many = parser.add_mutually_exclusive_group()
-    how_many.add_argument("--all", action="store_true", help="all points of all scenarios (the default)")
-    how_many.add_argument("--points", type=int, metavar="K", help="about K points, evenly spread")
+    how_many.add_argument("--all", action="store_true", help="repetitions as well: a loop's calls that only look, over and over")
+    how_many.add_argument("--points", type=int, metavar="K", help="about K points, evenly spread over all of them")
     parser.add_argument("--jobs", type=int, default=2, metavar="N", help="how many run at the same time (2)")
     parser.add_argument("--list", action="store_true", help="show the calls of each scenario and run nothing else")
     parser.add_argument("--only-call", type=int, metavar="N", help="the points of this call alone")
@@ -98,15 +98,16 @@ def run_point(task):
 
 
 def plan(options, chosen, baselines):
-    """The points to run: all, or for each scenario as many as any other."""
-    share = -(-options.points // len(chosen)) if options.points else None
+    """The points to run."""
+    each = options.points / sum(scenario.share for scenario in chosen) if options.points else 0
     tasks = []
     for scenario, baseline in zip(chosen, baselines):
-        found = tracing.points_of(baseline.calls)
+        calls = baseline.calls if options.all else tracing.without_repetitions(baseline.calls)
         if options.only_call:
-            found = [point for point in found if point[0] == options.only_call]
-        if share:
-            found = tracing.spread(found, share)
+            calls = [call for call in baseline.calls if call.number == options.only_call]
+        found = tracing.points_of(calls)
+        if options.points:
+            found = tracing.spread(found, round(each * scenario.share))
         tasks += [(scenario, baseline.expected, number, fault) for number, fault in found]
     return tasks
 
@@ -166,6 +167,7 @@ def sweep(options, folder):
         sys.stdout.flush()
         results = [points.power_cut(scenario, baseline.expected) for scenario, baseline in zip(chosen, baselines)]
         tasks = plan(options, chosen, baselines)
+        print(f"{len(tasks)} points to run")
         left_over = {}
         for result in itertools.chain(results, pool.imap_unordered(run_point, tasks, chunksize=1)):
             count(counts, result)

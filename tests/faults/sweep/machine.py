@@ -16,6 +16,7 @@ CLONE_NEWNS = 0x20000
 CLONE_NEWPID = 0x20000000
 PR_SET_PDEATHSIG = 1
 HIDDEN = {"/var/lib": 0o755, "/run": 0o755, "/tmp": 0o1777}  # the super-user's state and mounts, and the library's log
+PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 libc = ctypes.CDLL(None, use_errno=True)
 
 
@@ -106,7 +107,7 @@ class Case:
         options = {
             "cwd": self.path("home"),
             "env": {
-                "PATH": images.SYSTEM_PATH,
+                "PATH": PATH,
                 "LC_ALL": "C",
                 "HOME": self.path("home"),
                 "TMPDIR": self.path("tmp"),

@@ -29,6 +29,7 @@ class Scenario:
 
     name = ""
     as_root = False
+    share = 1.0  # of the points of a sweep that does not run them all
     seconds = 30  # a run without a fault takes far less than one
     TOOLS = ("sgdisk", "mkfs.vfat", "fsck.vfat", "mkntfs", "mcopy", "mmd")
 
@@ -203,6 +204,7 @@ class NewStore(OnVolume):
     """A boot configuration store on a volume that has none. Its device elements are where the mode "standard" has them."""
 
     name = "bcd-new"
+    share = 0.4  # a run takes as long as twenty of the others
     TREE = BOOT_FOLDERS
     ELEMENTS = tuple(place - hive.PARTITION_IN_ELEMENT for place in (10492, 10740, 5828 - 24, 7900 - 24, 9372 - 24))
 

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs of commands under the tracer, and which faults are worth trying at a call."""
 
+import collections
 import dataclasses
 import os
 import re
@@ -156,6 +157,25 @@ def faults_at(call):
 def points_of(calls):
     """All points of a command, as (number of the call, fault)."""
     return [(call.number, fault) for call in calls for fault in faults_at(call)]
+
+
+def without_repetitions(calls):
+    """Leaves out calls that only look, where the same program has made the same ones in the same order before: of those the
+    first, one in the middle and the last stay. Numbers in names do not count, since a loop goes through them."""
+    program = {}
+    recent = collections.defaultdict(lambda: collections.deque(maxlen=3))
+    places = collections.defaultdict(list)
+    for call in calls:
+        if call.name == "execve" and call.result == 0:
+            program[call.process] = os.path.basename(call.file)
+        failed = call.result is not None and call.result < 0
+        recent[call.process].append((call.name, re.sub(r"\d+", "N", call.file), failed))
+        if call.name not in CHANGES and not call.creates:
+            places[program.get(call.process), tuple(recent[call.process])].append(call.number)
+    left_out = set()
+    for numbers in places.values():
+        left_out |= set(numbers) - {numbers[0], numbers[len(numbers) // 2], numbers[-1]}
+    return [call for call in calls if call.number not in left_out]
 
 
 def spread(points, count):
