@@ -17,6 +17,7 @@ CLONE_NEWPID = 0x20000000
 PR_SET_PDEATHSIG = 1
 HIDDEN = {"/var/lib": 0o755, "/run": 0o755, "/tmp": 0o1777}  # the super-user's state and mounts, and the library's log
 PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
+stand_ins = []  # the folders in the place of HIDDEN; none while this process sees the system's own
 libc = ctypes.CDLL(None, use_errno=True)
 
 
@@ -34,6 +35,7 @@ def stand_apart(folder):
         os.mkdir(own)
         os.chmod(own, mode)
         subprocess.run(["mount", "--bind", own, place], check=True)
+        stand_ins.append(own)
 
 
 def scratch_folder():
@@ -60,6 +62,8 @@ class Case:
     FOLDERS = ("disks", "out", "state", "runtime", "home", "tmp")
 
     def __init__(self, folder, as_root):
+        if as_root and not stand_ins:
+            raise RuntimeError("the super-user's commands run only where they cannot touch the system's own folders")
         self.folder = folder
         self.as_root = as_root
         shutil.rmtree(folder, ignore_errors=True)
@@ -68,9 +72,8 @@ class Case:
         for name in self.FOLDERS:
             os.mkdir(self.path(name), 0o700)
             self.give(self.path(name))
-        if IS_ROOT:
-            for place in HIDDEN:
-                empty(place)
+        for own in stand_ins:
+            empty(own)
 
     def path(self, *names):
         return os.path.join(self.folder, *names)
