@@ -3,9 +3,12 @@
 
 import os
 import sys
+import tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path[:0] = [HERE, os.path.join(os.path.dirname(HERE), "integration")]
+
+from sweep import tracing  # noqa: E402: after the path
 
 TRACER = os.environ.get("FAULT_TRACER")
 SUBJECT = os.environ.get("FAULT_SUBJECT")
@@ -14,10 +17,6 @@ SKIPPED = 77
 
 def why_not():
     """Why nothing can be traced here; empty where it can."""
-    import tempfile
-
-    from sweep import tracing
-
     if os.environ.get("VORLIX_SANITIZED"):
         return "sanitizers: their leak detector traces the process itself"
     with tempfile.TemporaryDirectory(prefix="vorlix-faults-") as folder:

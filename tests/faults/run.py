@@ -4,7 +4,8 @@
 The fault sweep: runs each command again and again, each time with another of its system calls failing, or with all its
 processes ended there, and judges what that leaves. sweep/judging.py says what counts as wrong.
 
-Exit status: 0 nothing wrong, 1 a bad point, 2 it could not be run, 77 it cannot be run on this machine.
+Exit status: 0 nothing wrong, 1 a bad point, 2 a command fails without any fault, 77 it cannot be run on this
+machine, 130 interrupted.
 """
 
 import argparse
@@ -13,6 +14,7 @@ import itertools
 import multiprocessing
 import os
 import shutil
+import signal
 import sys
 import tempfile
 import time
@@ -24,6 +26,7 @@ from support import images, volumes  # noqa: E402: after the path
 from sweep import judging, machine, points, scenarios, tracing  # noqa: E402
 
 SKIPPED = 77
+INTERRUPTED = 130
 COLUMNS = (*judging.VERDICTS, "not hit", "left over")
 worker = {}
 
@@ -76,6 +79,7 @@ def copy_programs(options, folder):
 
 
 def start_worker(folder, programs, numbers):
+    signal.signal(signal.SIGINT, signal.SIG_IGN)  # the one that started them ends them
     place = os.path.join(folder, f"job{numbers.get()}")
     os.mkdir(place)
     os.chmod(place, 0o755)
@@ -126,6 +130,11 @@ def show_bad(result):
     sys.stdout.flush()
 
 
+def show_progress(counts, total):
+    if sys.stderr.isatty():
+        print(f"\r{sum(found['points'] for found in counts.values())} of {total} ", end="", file=sys.stderr, flush=True)
+
+
 def show_table(chosen, counts):
     width = max(len(scenario.name) for scenario in chosen)
     print(f"\n{'scenario':{width}}  points  " + "  ".join(COLUMNS))
@@ -154,9 +163,9 @@ def sweep(options, folder):
     numbers = context.SimpleQueue()
     for number in range(options.jobs):
         numbers.put(number)
-    counts = collections.defaultdict(collections.Counter)
     began = time.monotonic()
     with context.Pool(options.jobs, start_worker, (folder, programs, numbers)) as pool:
+        signal.signal(signal.SIGTERM, signal.default_int_handler)  # what was found so far is shown all the same
         baselines = pool.map(find_baseline, chosen, chunksize=1)
         if options.list:
             show_calls(chosen, baselines)
@@ -164,25 +173,43 @@ def sweep(options, folder):
         for scenario, baseline in zip(chosen, baselines):
             steady = "" if baseline.is_steady else ", not the same number in each run"
             print(f"{scenario.name}: {len(baseline.calls)} calls{steady}, as {machine.user_name(scenario.as_root)}")
-        sys.stdout.flush()
-        results = [points.power_cut(scenario, baseline.expected) for scenario, baseline in zip(chosen, baselines)]
         tasks = plan(options, chosen, baselines)
-        print(f"{len(tasks)} points to run")
-        left_over = {}
-        for result in itertools.chain(results, pool.imap_unordered(run_point, tasks, chunksize=1)):
+        print(f"{len(tasks)} points to run", flush=True)
+        cuts = [points.power_cut(scenario, baseline.expected) for scenario, baseline in zip(chosen, baselines)]
+        results = itertools.chain(cuts, pool.imap_unordered(run_point, tasks, chunksize=1))
+        counts = collections.defaultdict(collections.Counter)
+        is_whole = collect(results, counts, len(cuts) + len(tasks))
+    return show_end(chosen, counts, is_whole, time.monotonic() - began)
+
+
+def collect(results, counts, total):
+    """Counts results and shows the bad ones. Returns False where it was interrupted."""
+    left_over = {}
+    try:
+        for result in results:
             count(counts, result)
+            show_progress(counts, total)
             if result.verdict != judging.OK:
                 show_bad(result)
             elif result.left_over:
                 left_over.setdefault((result.scenario, len(result.left_over)), result)
-    for result in left_over.values():
-        print(f"left over: {result.scenario}: {result.call}: {result.fault}: {judging.listed(result.left_over)}")
+    except KeyboardInterrupt:
+        return False
+    finally:
+        for result in left_over.values():
+            print(f"left over: {result.scenario}: {result.call}: {result.fault}: {judging.listed(result.left_over)}")
+    return True
+
+
+def show_end(chosen, counts, is_whole, seconds):
     show_table(chosen, counts)
     total = sum(counts.values(), collections.Counter())
-    bad = total["points"] - total[judging.OK]
     words = ", ".join(f"{total[column]} {column}" for column in COLUMNS)
-    print(f"\n{total['points']} points: {words} ({time.monotonic() - began:.0f} s)")
-    return 1 if bad else 0
+    print(f"\n{total['points']} points: {words} ({seconds:.0f} s)")
+    if not is_whole:
+        print("interrupted: the other points were not run")
+        return INTERRUPTED
+    return 0 if total["points"] == total[judging.OK] else 1
 
 
 def main():
