@@ -1,0 +1,221 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/*
+ * A program whose system calls are known, for tests of the tracer and of the sweep: subject BEHAVIOUR FILE.
+ *
+ * It exits with 0 when it believes that all went well, with 2 when it says that something failed, and with 99 when it
+ * cannot do what it is told.
+ */
+#define _GNU_SOURCE
+
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+enum { DONE = 0, FAILED = 2, MISUSED = 99, BLOCK = 100 };
+
+static int open_file(const char* path, int flags) {
+  return open(path, flags | O_CLOEXEC, 0644);
+}
+
+static void fill(char* block, char letter) {
+  memset(block, letter, BLOCK);
+}
+
+/* Three writes of 100 bytes, "a", "b" and "c". Prints what each gave. */
+static int three_writes(const char* path) {
+  char block[BLOCK];
+  const int file = open_file(path, O_WRONLY | O_CREAT | O_TRUNC);
+  if (file < 0) return FAILED;
+  for (char letter = 'a'; letter <= 'c'; ++letter) {
+    fill(block, letter);
+    errno = 0;
+    const ssize_t done = write(file, block, BLOCK);
+    printf("%zd %d\n", done, errno);
+  }
+  close(file);
+  return DONE;
+}
+
+/* One write of 100 "a" and 100 "b" from two buffers, two times. The second tells whether the buffers are as they were.
+ */
+static int two_gathered_writes(const char* path) {
+  char first[BLOCK];
+  char second[BLOCK];
+  fill(first, 'a');
+  fill(second, 'b');
+  const int file = open_file(path, O_WRONLY | O_CREAT | O_TRUNC);
+  if (file < 0) return FAILED;
+  struct iovec buffers[2] = {{first, BLOCK}, {second, BLOCK}};
+  for (int i = 0; i < 2; ++i) printf("%zd\n", writev(file, buffers, 2));
+  close(file);
+  return DONE;
+}
+
+/* A read of 100 bytes, and what closing gave. */
+static int one_read(const char* path) {
+  char block[BLOCK];
+  const int file = open_file(path, O_RDONLY);
+  if (file < 0) return FAILED;
+  const ssize_t done = pread(file, block, BLOCK, 0);
+  const int closed = close(file);
+  printf("%zd %d %d\n", done, closed, fcntl(file, F_GETFD) < 0);
+  return DONE;
+}
+
+/* Two children write one after the other. */
+static int children(const char* path) {
+  for (char letter = 'a'; letter <= 'b'; ++letter) {
+    const pid_t child = fork();
+    if (child < 0) return FAILED;
+    if (child == 0) {
+      const int file = open_file(path, O_WRONLY | O_CREAT | O_APPEND);
+      _exit(file >= 0 && write(file, &letter, 1) == 1 ? DONE : FAILED);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (status != 0) return FAILED;
+  }
+  return DONE;
+}
+
+static void* write_in_thread(void* path) {
+  const int file = open_file(path, O_WRONLY | O_CREAT | O_TRUNC);
+  const int is_done = file >= 0 && write(file, "thread", 6) == 6;
+  close(file);
+  return is_done ? path : NULL;
+}
+
+static int thread(const char* path) {
+  pthread_t other;
+  void* result = NULL;
+  if (pthread_create(&other, NULL, write_in_thread, (void*)path) != 0) return MISUSED;
+  pthread_join(other, &result);
+  return result == path ? DONE : FAILED;
+}
+
+/* A child waits for ever; the parent waits for the child, having written. */
+static int endless(const char* path) {
+  const pid_t child = fork();
+  if (child == 0) {
+    for (;;) pause();
+  }
+  const int file = open_file(path, O_WRONLY | O_CREAT);
+  if (file < 0 || write(file, "x", 1) != 1) return FAILED;
+  waitpid(child, NULL, 0);
+  return DONE;
+}
+
+/* ---- One file takes another content, "new": once as it should be, and with the flaws that a sweep has to find. */
+
+static int write_halves(int file) {
+  char block[BLOCK];
+  fill(block, 'n');
+  return write(file, block, BLOCK / 2) == BLOCK / 2 && write(file, block, BLOCK / 2) == BLOCK / 2;
+}
+
+static int sync_folder_of(const char* path) {
+  char folder[4096];
+  snprintf(folder, sizeof folder, "%s", path);
+  *strrchr(folder, '/') = '\0';
+  const int opened = open_file(folder, O_RDONLY | O_DIRECTORY);
+  const int is_done = opened >= 0 && fsync(opened) == 0;
+  close(opened);
+  return is_done;
+}
+
+static int refuse(const char* message) {
+  fprintf(stderr, "%s\n", message);
+  return FAILED;
+}
+
+/* Writes beside the file, and takes the place of it when all is on the medium. */
+static int careful(const char* path) {
+  char beside[4096];
+  snprintf(beside, sizeof beside, "%s.new", path);
+  const int file = open_file(beside, O_WRONLY | O_CREAT | O_TRUNC);
+  if (file < 0 || !write_halves(file) || fsync(file) != 0 || rename(beside, path) != 0) {
+    return refuse("nothing was written");
+  }
+  close(file);
+  return sync_folder_of(path) ? DONE : refuse("the new file may not be on the medium");
+}
+
+static int unchecked(const char* path) {
+  const int file = open_file(path, O_WRONLY | O_CREAT);
+  write_halves(file);
+  fsync(file);
+  return DONE;
+}
+
+static int unsynced(const char* path) {
+  const int file = open_file(path, O_WRONLY);
+  return write_halves(file) ? DONE : refuse("a write failed");
+}
+
+/* A sync that failed is tried again, which says nothing of the bytes that the first one lost. */
+static int syncs_again(const char* path) {
+  const int file = open_file(path, O_WRONLY);
+  if (!write_halves(file)) return refuse("a write failed");
+  return fsync(file) == 0 || fsync(file) == 0 ? DONE : refuse("the sync failed");
+}
+
+static int liar(const char* path) {
+  const int file = open_file(path, O_WRONLY);
+  if (!write_halves(file) || fsync(file) != 0) return refuse("nothing was written");
+  return DONE;
+}
+
+static int leaves_lock(const char* path) {
+  char lock[4096];
+  snprintf(lock, sizeof lock, "%s.lock", path);
+  if (open_file(lock, O_WRONLY | O_CREAT | O_EXCL) < 0) return refuse("somebody else has the lock");
+  const int status = careful(path);
+  unlink(lock);
+  return status;
+}
+
+static int never_gives_up(const char* path) {
+  while (careful(path) != DONE) pause();
+  return DONE;
+}
+
+static int aborts(const char* path) {
+  if (careful(path) != DONE) abort();
+  return DONE;
+}
+
+struct behaviour {
+  const char* name;
+  int (*run)(const char* path);
+};
+
+static const struct behaviour behaviours[] = {
+    {"three-writes", three_writes},
+    {"two-gathered-writes", two_gathered_writes},
+    {"one-read", one_read},
+    {"children", children},
+    {"thread", thread},
+    {"endless", endless},
+    {"careful", careful},
+    {"unchecked", unchecked},
+    {"unsynced", unsynced},
+    {"syncs-again", syncs_again},
+    {"liar", liar},
+    {"leaves-lock", leaves_lock},
+    {"never-gives-up", never_gives_up},
+    {"aborts", aborts},
+};
+
+int main(int count, char** arguments) {
+  if (count != 3) return MISUSED;
+  for (size_t i = 0; i < sizeof behaviours / sizeof behaviours[0]; ++i) {
+    if (strcmp(arguments[1], behaviours[i].name) == 0) return behaviours[i].run(arguments[2]);
+  }
+  return MISUSED;
+}

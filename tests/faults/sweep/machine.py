@@ -1,0 +1,143 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Where the runs of a sweep take place: a folder for each, and, for the super-user's, folders of the system's that nobody
+else sees."""
+
+import ctypes
+import os
+import pwd
+import shutil
+import signal
+import subprocess
+
+from support import images
+
+IS_ROOT = os.geteuid() == 0
+CLONE_NEWNS = 0x20000
+CLONE_NEWPID = 0x20000000
+PR_SET_PDEATHSIG = 1
+HIDDEN = {"/var/lib": 0o755, "/run": 0o755, "/tmp": 0o1777}  # the super-user's state and mounts, and the library's log
+PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
+stand_ins = []  # the folders in the place of HIDDEN; none while this process sees the system's own
+libc = ctypes.CDLL(None, use_errno=True)
+
+
+def stand_apart(folder):
+    """Gives the children of this process a machine of their own: empty folders in the place of HIDDEN, and no other
+    processes in /proc, which commands look through and which would make each run another."""
+    if libc.unshare(CLONE_NEWNS | CLONE_NEWPID) != 0:
+        raise OSError(ctypes.get_errno(), "unshare")
+    # The first child is the one without which there are no others. Ignoring SIGCHLD, it buries orphans.
+    subprocess.Popen(["sh", "-c", "trap '' CHLD; exec sleep infinity"], preexec_fn=end_with_parent)
+    subprocess.run(["mount", "--make-rprivate", "/"], check=True)
+    subprocess.run(["mount", "-t", "proc", "proc", "/proc"], check=True)
+    for place, mode in HIDDEN.items():
+        own = os.path.join(folder, place.strip("/").replace("/", "-"))
+        os.mkdir(own)
+        os.chmod(own, mode)
+        subprocess.run(["mount", "--bind", own, place], check=True)
+        stand_ins.append(own)
+
+
+def scratch_folder():
+    """Where folders of runs are made: nowhere in HIDDEN."""
+    return "/var/tmp" if IS_ROOT else None
+
+
+def end_with_parent():
+    libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+
+
+def empty(folder):
+    for name in os.listdir(folder):
+        path = os.path.join(folder, name)
+        if os.path.isdir(path) and not os.path.islink(path):
+            shutil.rmtree(path)
+        else:
+            os.remove(path)
+
+
+class Case:
+    """The folders of one run and of the one after it, and how commands are run in them."""
+
+    FOLDERS = ("disks", "out", "state", "runtime", "home", "tmp")
+
+    def __init__(self, folder, as_root):
+        if as_root and not stand_ins:
+            raise RuntimeError("the super-user's commands run only where they cannot touch the system's own folders")
+        self.folder = folder
+        self.as_root = as_root
+        shutil.rmtree(folder, ignore_errors=True)
+        os.mkdir(folder)
+        os.chmod(folder, 0o755)
+        for name in self.FOLDERS:
+            os.mkdir(self.path(name), 0o700)
+            self.give(self.path(name))
+        for own in stand_ins:
+            empty(own)
+
+    def path(self, *names):
+        return os.path.join(self.folder, *names)
+
+    @property
+    def state(self):
+        return "/var/lib/vorlix" if self.as_root else self.path("state", "vorlix")
+
+    @property
+    def runtime(self):
+        return "/run/vorlix" if self.as_root else self.path("runtime", "vorlix")
+
+    def short(self, text):
+        """A text with the names of this case's files as they are in it."""
+        return text.replace(self.folder + "/", "")
+
+    def give(self, path):
+        """Makes a file, or a folder with all that is in it, the user's own."""
+        if IS_ROOT and not self.as_root:
+            os.chown(path, images.NOBODY, images.NOBODY)
+            for place, folders, files in os.walk(path):
+                for name in folders + files:
+                    os.chown(os.path.join(place, name), images.NOBODY, images.NOBODY, follow_symlinks=False)
+        return path
+
+    def file(self, folder, name, content):
+        path = self.path(folder, name)
+        with open(path, "wb") as file:
+            file.write(content)
+        return self.give(path)
+
+    def options(self):
+        """For subprocess.run(): who runs a command, and with what surroundings."""
+        options = {
+            "cwd": self.path("home"),
+            "env": {
+                "PATH": PATH,
+                "LC_ALL": "C",
+                "HOME": self.path("home"),
+                "TMPDIR": self.path("tmp"),
+                "XDG_STATE_HOME": self.path("state"),
+                "XDG_RUNTIME_DIR": self.path("runtime"),
+            },
+        }
+        if IS_ROOT and not self.as_root:
+            options |= {"user": images.NOBODY, "group": images.NOBODY, "extra_groups": []}
+        return options
+
+    def has_journal(self):
+        """A complete journal of the user's is there, from which an interrupted change can be finished."""
+        try:
+            names = os.listdir(os.path.join(self.state, "journals"))
+        except OSError:
+            return False
+        return any(not name.endswith((".new", ".done")) for name in names)
+
+    def left_over(self):
+        """What nobody needs when the work is done: files in the state and in the runtime folder and for passing use."""
+        found = []
+        for place in (self.state, self.runtime, self.path("tmp")):
+            for folder, _, files in os.walk(place):
+                found += [os.path.join(folder, name) for name in files]
+        return found
+
+
+def user_name(as_root):
+    return "root" if as_root else pwd.getpwuid(images.NOBODY if IS_ROOT else os.geteuid()).pw_name

@@ -1,0 +1,93 @@
+# SPDX-License-Identifier: Apache-2.0
+"""One point after the other: the run with its fault, what it left, and the run after it."""
+
+import dataclasses
+import os
+
+from sweep import durability, judging, machine, tracing
+
+
+class Broken(Exception):
+    """A command that fails without any fault: there is nothing to compare with."""
+
+
+@dataclasses.dataclass(frozen=True)
+class Baseline:
+    """A scenario's run without a fault."""
+
+    expected: judging.Expected
+    calls: tuple
+    is_steady: bool  # a second run made as many calls
+
+
+@dataclasses.dataclass(frozen=True)
+class Result:
+    scenario: str
+    call: str  # the call at which it happened, with the file behind it
+    fault: str
+    findings: tuple  # (verdict, text), the gravest first
+    run: str = ""
+    is_hit: bool = True
+    left_over: tuple = ()
+
+    @property
+    def verdict(self):
+        return self.findings[0][0] if self.findings else judging.OK
+
+
+def aftermath(scenario, case, run):
+    claims, undurable = [], []
+    if run.succeeded:
+        claims = scenario.wrong_claims(case, run)
+        missing = durability.missing(run.calls, *scenario.durable(case)) if run.calls else []
+        undurable = [case.short(text) for text in missing]
+    return judging.Aftermath(scenario.look(case), claims, undurable, case.has_journal(), scenario.lost(case))
+
+
+class Runner:
+    """Runs the points of scenarios in a folder of its own."""
+
+    def __init__(self, folder, vorlix, tracer):
+        self.folder = folder
+        self.vorlix = vorlix
+        self.tracer = tracer
+
+    def fresh(self, scenario):
+        case = machine.Case(os.path.join(self.folder, "case"), scenario.as_root)
+        scenario.set_up(case, self.vorlix)
+        return case
+
+    def traced(self, scenario, case, at=0, fault=None):
+        return tracing.trace(self.tracer, scenario.command(case, self.vorlix), case.path("home", "report"),
+                             at, fault, scenario.seconds, **case.options())
+
+    def baseline(self, scenario):
+        case = self.fresh(scenario)
+        before = scenario.look(case)
+        run = self.traced(scenario, case)
+        after = aftermath(scenario, case, run)
+        if not run.succeeded or after.wrong_claims:
+            raise Broken(f"{scenario.name} fails without a fault: {run} {' '.join(after.wrong_claims)}")
+        second = self.traced(scenario, self.fresh(scenario))
+        expected = judging.Expected(before, after.look, tuple(after.undurable))
+        return Baseline(expected, run.calls, len(second.calls) == len(run.calls))
+
+    def point(self, scenario, expected, number, fault):
+        case = self.fresh(scenario)
+        run = self.traced(scenario, case, number, fault)
+        after = aftermath(scenario, case, run)
+        again = tracing.run(scenario.command(case, self.vorlix), scenario.seconds, **case.options())
+        after_again = aftermath(scenario, case, again)
+        findings = judging.judge(expected, run, after, again, after_again, scenario.says_done(again))
+        if again.succeeded:
+            findings += [(judging.SILENT, text) for text in scenario.finish(case, self.vorlix)]
+        call = str(run.calls[number - 1]) if len(run.calls) >= number else f"call {number}, which was not made"
+        left_over = tuple(map(case.short, case.left_over())) if not findings else ()
+        findings = tuple((verdict, case.short(text)) for verdict, text in findings)
+        return Result(scenario.name, case.short(call), str(fault), findings, case.short(str(run)), run.is_hit, left_over)
+
+
+def power_cut(scenario, expected):
+    """The point that needs no run of its own: power fails right behind the success of a run without any fault."""
+    findings = tuple((judging.SILENT, text) for text in expected.undurable)
+    return Result(scenario.name, "after the command's success", "power cut", findings, "exit status 0")

@@ -1,0 +1,358 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The commands of a sweep: what they work on, what is looked at afterwards, and when a refusal is the truth."""
+
+import os
+import re
+import subprocess
+
+from support import hive, images, samples, volumes
+from sweep import media
+from sweep.judging import Seen
+
+DISK = "mac.img"
+EFI_OFFSET, EFI_SIZE = volumes.EFI_OFFSET, volumes.EFI_SIZE
+
+TREE = {
+    "README.TXT": b"a short file\r\n",
+    "EFI": None,
+    "EFI/Boot": None,
+    "EFI/Boot/bootx64.efi": bytes(range(256)) * 80,
+    "Old": None,
+    "Old/letter.txt": b"dear reader\n" * 500,
+}
+STORE = "EFI/Microsoft/Boot/BCD"
+BOOT_FOLDERS = {**TREE, "EFI/Microsoft": None, "EFI/Microsoft/Boot": None}
+
+
+class Scenario:
+    """One command. A new object's prepare() makes the medium that all its runs start from."""
+
+    name = ""
+    as_root = False
+    share = 1.0  # of the points of a sweep that does not run them all
+    seconds = 30  # a run without a fault takes far less than one
+    TOOLS = ("sgdisk", "mkfs.vfat", "fsck.vfat", "mkntfs", "mcopy", "mmd")
+
+    def __init__(self, folder):
+        self.template = os.path.join(folder, f"template-{self.name}")
+
+    def prepare(self):
+        """Makes what is copied for each run."""
+
+    def set_up(self, case, vorlix):
+        """Makes a fresh medium in a case and whatever else the command needs."""
+
+    def command(self, case, vorlix):
+        """The arguments of the command."""
+        raise NotImplementedError
+
+    def look(self, case):
+        """What is there, as {structure: Seen}."""
+        raise NotImplementedError
+
+    def wrong_claims(self, case, run):
+        """What a success says beyond the structures and is not so."""
+        return []
+
+    def lost(self, case):
+        """What is gone for good, however the command ended."""
+        return []
+
+    def says_done(self, run):
+        """A refusal says that the work is done already."""
+        return False
+
+    def durable(self, case):
+        """(files that the command changed, names that are new), for what has to outlive a power cut."""
+        return [case.path("disks", DISK)], []
+
+    def finish(self, case, vorlix):
+        """Ends what the command has begun, and says what is wrong with that."""
+        return []
+
+
+class OnDisk(Scenario):
+    """A command on a copy of a disk image."""
+
+    TREE = TREE
+
+    def prepare(self):
+        media.make_mac(self.template, self.TREE)
+
+    def disk(self, case):
+        return case.path("disks", DISK)
+
+    def set_up(self, case, vorlix):
+        images.sparse_copy(self.template, self.disk(case))
+        case.give(self.disk(case))
+
+
+# ------------------------------------------------------------------------------------------------------- hybrid records
+
+
+class Hybrid(OnDisk):
+    name = "hybrid"
+    BOOT_CODE = bytes((7 * place + 3) % 256 for place in range(446))
+
+    def set_up(self, case, vorlix):
+        super().set_up(case, vorlix)
+        case.file("home", "boot.bin", self.BOOT_CODE)
+
+    def command(self, case, vorlix):
+        return [vorlix, "hybrid", self.disk(case), "--boot-code", case.path("home", "boot.bin"), "--partition", "3"]
+
+    def look(self, case):
+        return media.hybrid_disk(self.disk(case))
+
+
+class HybridWithBackup(Hybrid):
+    """The same, keeping the sectors that change: they are in the backup before they change."""
+
+    name = "hybrid-backup"
+
+    def command(self, case, vorlix):
+        return [*super().command(case, vorlix), "--backup", case.path("out")]
+
+    def says_done(self, run):  # each run gives the volume a new serial, so that a second one has something to save
+        return "exists" in run.err
+
+    def lost(self, case):
+        first = samples.read(self.template, 0, media.SECTOR)
+        if samples.read(self.disk(case), 0, media.SECTOR) == first:
+            return []
+        for content in media.tree_of(case.path("out")).values():
+            if content is not None and content[: media.SECTOR] == first:
+                return []
+        return ["the backup does not hold the sector 0 that was there"]
+
+
+# --------------------------------------------------------------------------------------------------------- boot records
+
+
+class Save(OnDisk):
+    """Saving a part of a disk in a new file."""
+
+    def saved(self, case):
+        return case.path("out", "saved")
+
+    def look(self, case):
+        return media.content_of(self.saved(case)) | media.ranges_of(self.disk(case), {})
+
+    def says_done(self, run):
+        return re.search(r"exists", run.err) is not None
+
+    def durable(self, case):
+        return [self.saved(case)], [self.saved(case)]
+
+
+class SaveBootRecord(Save):
+    name = "vbr-save"
+
+    def command(self, case, vorlix):
+        return [vorlix, "vbr", "save", self.disk(case) + "s3", self.saved(case)]
+
+
+class SaveBootCode(Save):
+    name = "boot-code-save"
+
+    def command(self, case, vorlix):
+        return [vorlix, "boot-code", "save", self.disk(case), self.saved(case)]
+
+
+class RestoreBootRecord(OnDisk):
+    name = "vbr-restore"
+
+    def prepare(self):
+        super().prepare()
+        other = self.template + ".ntfs"
+        samples.make_ntfs(other, 16384, "OTHER")
+        self.record = media.boot_record(other)
+
+    def set_up(self, case, vorlix):
+        super().set_up(case, vorlix)
+        case.file("home", "saved.vbr", self.record)
+
+    def command(self, case, vorlix):
+        return [vorlix, "vbr", "restore", case.path("home", "saved.vbr"), self.disk(case) + "s3"]
+
+    def look(self, case):
+        first = media.WINDOWS.first * media.SECTOR
+        return media.ranges_of(self.disk(case), {
+            "volume's own parameters": (first, media.PARAMETERS),
+            "boot record": (first + media.PARAMETERS, media.BOOT_AREA - media.PARAMETERS),
+        })
+
+
+# ----------------------------------------------------------------------------------------------------------- FAT volumes
+
+
+class OnVolume(OnDisk):
+    """A command on the EFI System Partition of a disk."""
+
+    def volume(self, case):
+        return self.disk(case) + "s1"
+
+    def look(self, case):
+        return media.fat_disk(self.disk(case), EFI_OFFSET, EFI_SIZE)
+
+    def as_user(self, case, *command):
+        return subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=self.seconds,
+                              check=True, **case.options()).stdout
+
+
+class NewStore(OnVolume):
+    """A boot configuration store on a volume that has none. Its device elements are where the mode "standard" has them."""
+
+    name = "bcd-new"
+    share = 0.4  # a run takes as long as twenty of the others
+    TREE = BOOT_FOLDERS
+    ELEMENTS = tuple(place - hive.PARTITION_IN_ELEMENT for place in (10492, 10740, 5828 - 24, 7900 - 24, 9372 - 24))
+
+    def set_up(self, case, vorlix):
+        super().set_up(case, vorlix)
+        case.file("home", "template", hive.store_with_elements(self.ELEMENTS))
+
+    def command(self, case, vorlix):
+        return [vorlix, "bcd", self.disk(case), "--partition", "3", "--template", case.path("home", "template"), "--mode",
+                "standard"]
+
+
+class NewStoreAsRoot(NewStore):
+    name = "bcd-new-root"
+    as_root = True
+
+
+class ReplacedStore(NewStore):
+    name = "bcd-replaced"
+    OLD = hive.store_with_elements(NewStore.ELEMENTS, 8 * hive.PAGE)
+    TREE = {**BOOT_FOLDERS, STORE: OLD}
+
+
+class ReplacedStoreAsRoot(ReplacedStore):
+    name = "bcd-replaced-root"
+    as_root = True
+
+
+class Mount(OnVolume):
+    """Mounting changes nothing on the volume; the folder that is printed holds all files, and unmounting it goes well."""
+
+    name = "mount"
+
+    def command(self, case, vorlix):
+        return [vorlix, "mount", self.volume(case)]
+
+    def look(self, case):
+        return media.ranges_of(self.disk(case), {})
+
+    def wrong_claims(self, case, run):
+        found = media.tree_of(run.out.removesuffix("\n"))
+        return [] if found == self.TREE else [f"the folder {run.out!r} does not hold the volume's files"]
+
+    def durable(self, case):
+        return [], []
+
+    def finish(self, case, vorlix):
+        done = subprocess.run([vorlix, "unmount", self.volume(case)], stdin=subprocess.DEVNULL, capture_output=True,
+                              text=True, timeout=self.seconds, check=False, **case.options())
+        return [] if done.returncode == 0 else [f"unmount afterwards: {done.stderr.strip()}"]
+
+
+class Unmount(OnVolume):
+    """Unmounting a volume in which nothing was changed does not write to it."""
+
+    name = "unmount"
+
+    def set_up(self, case, vorlix):
+        super().set_up(case, vorlix)
+        folder = self.as_user(case, vorlix, "mount", self.volume(case)).removesuffix("\n")
+        self.change(case, folder)
+
+    def change(self, case, folder):
+        pass
+
+    def command(self, case, vorlix):
+        return [vorlix, "unmount", self.volume(case)]
+
+    def look(self, case):
+        return media.ranges_of(self.disk(case), {})
+
+    def says_done(self, run):
+        return "not mounted" in run.err
+
+    def durable(self, case):
+        return [], []
+
+
+class UnmountWithChanges(Unmount):
+    """One file was changed, one is new, one was removed."""
+
+    name = "unmount-changes"
+
+    def change(self, case, folder):
+        changes = {"README.TXT": b"another text\r\n" * 300, "EFI/new.efi": bytes(range(255)) * 100}
+        for path, content in changes.items():
+            self.as_user(case, "cp", "--no-preserve=all", case.file("home", "change", content), os.path.join(folder, path))
+        self.as_user(case, "rm", os.path.join(folder, "Old/letter.txt"))
+
+    def look(self, case):
+        return OnVolume.look(self, case)
+
+    def durable(self, case):
+        return [self.disk(case)], []
+
+
+# ----------------------------------------------------------------------------------------------------------- legacy start
+
+
+class LegacyBoot(Scenario):
+    """The files of legacy start in a folder. What is copied as one is there as one."""
+
+    name = "legacy-boot"
+    TOOLS = ()
+    WINDOWS = {
+        "Windows": None,
+        "Windows/Boot": None,
+        "Windows/Boot/PCAT": None,
+        "Windows/Boot/PCAT/bootmgr": b"boot manager" * 3000,
+        "Windows/Boot/PCAT/memtest.exe": b"memory test",
+        "Windows/Boot/PCAT/de-DE": None,
+        "Windows/Boot/PCAT/de-DE/bootmgr.exe.mui": b"Meldungen",
+        "Windows/Boot/Fonts": None,
+        "Windows/Boot/Fonts/wgl4_boot.ttf": bytes(5000),
+        "pagefile.sys": b"left alone",
+    }
+    COPIES = ("boot/Fonts", "boot/BCD", "boot", "bootmgr")  # what is inside another one comes first
+
+    def volume(self, case):
+        return case.path("disks", "volume")
+
+    def set_up(self, case, vorlix):
+        for path, content in {"": None, **self.WINDOWS}.items():
+            target = os.path.join(self.volume(case), path)
+            if content is None:
+                os.mkdir(target)
+            else:
+                with open(target, "wb") as file:
+                    file.write(content)
+        case.give(self.volume(case))
+        case.file("home", "store", hive.store_with_elements(NewStore.ELEMENTS))
+
+    def command(self, case, vorlix):
+        return [vorlix, "legacy-boot", self.volume(case), "--bcd", case.path("home", "store")]
+
+    def look(self, case):
+        found = {}
+        for path, content in media.tree_of(self.volume(case)).items():
+            structure = next((copy for copy in self.COPIES if path == copy or path.startswith(copy + "/")), path)
+            value = "folder" if content is None else media.digest(content)
+            found.setdefault(structure, []).append((path, value))
+        return {structure: Seen(tuple(sorted(content))) for structure, content in found.items()}
+
+    def durable(self, case):
+        new = [path for path in media.tree_of(self.volume(case)) if path.split("/")[0] in ("boot", "bootmgr")]
+        names = [os.path.join(self.volume(case), path) for path in new]
+        return [name for name in names if os.path.isfile(name)], names
+
+
+SCENARIOS = (Hybrid, HybridWithBackup, SaveBootRecord, RestoreBootRecord, SaveBootCode, NewStore, ReplacedStore,
+             NewStoreAsRoot, ReplacedStoreAsRoot, Mount, Unmount, UnmountWithChanges, LegacyBoot)

@@ -1,0 +1,185 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Runs of commands under the tracer, and which faults are worth trying at a call."""
+
+import collections
+import dataclasses
+import os
+import re
+import subprocess
+
+CANNOT_TRACE = 125
+
+
+@dataclasses.dataclass(frozen=True)
+class Call:
+    number: int
+    process: int
+    name: str
+    file: str
+    other: str
+    count: int
+    offset: int
+    flags: int
+    result: int  # a negative errno where it failed; None where the process was ended in it
+
+    @property
+    def creates(self):
+        return self.name == "creat" or (self.name in ("open", "openat") and bool(self.flags & os.O_CREAT))
+
+    def __str__(self):
+        return f"call {self.number} {self.name} {self.file}".rstrip()
+
+
+@dataclasses.dataclass(frozen=True)
+class Fault:
+    """What happens at a call: "error" with the name of an errno, "short", "kill-before" or "kill-after"."""
+
+    kind: str
+    error: str = ""
+
+    def options(self):
+        return [f"--{self.kind}", *([self.error] if self.error else [])]
+
+    def __str__(self):
+        return self.error or self.kind
+
+
+@dataclasses.dataclass(frozen=True)
+class Run:
+    """How a command ended."""
+
+    end: str  # "exited", "signalled", "killed" (by the fault) or "hang"
+    status: int  # exit status or signal
+    out: str
+    err: str
+    is_hit: bool = False
+    crashed_children: int = 0
+    calls: tuple = ()
+
+    @property
+    def succeeded(self):
+        return self.end == "exited" and self.status == 0
+
+    def __str__(self):
+        said = " ".join((self.err or self.out).split())
+        how = {"exited": f"exit status {self.status}", "signalled": f"signal {self.status}", "killed": "killed"}
+        return how.get(self.end, "hang") + (f": {said[:300]}" if said else "")
+
+
+class NotAllowed(Exception):
+    """This machine lets nobody trace a process."""
+
+
+def unescape(text):
+    return re.sub(r"\\x([0-9a-f]{2})", lambda match: chr(int(match.group(1), 16)), text)
+
+
+def read_report(path):
+    with open(path, encoding="utf-8", errors="surrogateescape") as file:
+        end, status, hit, crashed, _ = file.readline().rstrip("\n").split("\t")
+        calls = []
+        for line in file:
+            number, process, name, target, other, count, offset, flags, result = line.rstrip("\n").split("\t")
+            calls.append(
+                Call(int(number), int(process), name, unescape(target), unescape(other), int(count), int(offset),
+                     int(flags), None if result == "?" else int(result)))
+    return end, int(status), hit == "hit", int(crashed), tuple(calls)
+
+
+def trace(tracer, command, report, at=0, fault=None, seconds=60, **options):
+    """Runs a command under the tracer. options: as for subprocess.run()."""
+    chosen = ["--at", str(at), *fault.options()] if fault else []
+    arguments = [tracer, "--report", report, "--timeout", str(seconds), *chosen, "--", *command]
+    done = subprocess.run(arguments, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          errors="surrogateescape", timeout=seconds + 30, check=False, **options)
+    if done.returncode == CANNOT_TRACE and "fault_tracer: " in done.stderr:
+        raise (NotAllowed if "not allowed" in done.stderr else RuntimeError)(done.stderr.strip())
+    end, status, is_hit, crashed, calls = read_report(report)
+    return Run(end, status, done.stdout, done.stderr, is_hit, crashed, calls)
+
+
+def run(command, seconds=60, **options):
+    """Runs a command by itself."""
+    try:
+        done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                              errors="surrogateescape", timeout=seconds, check=False, **options)
+    except subprocess.TimeoutExpired:
+        return Run("hang", 0, "", "")
+    if done.returncode < 0:
+        return Run("signalled", -done.returncode, done.stdout, done.stderr)
+    return Run("exited", done.returncode, done.stdout, done.stderr)
+
+
+# ---------------------------------------------------------------------------------------------- the points of a command
+
+TRANSFERS = {"read", "pread64", "readv", "write", "pwrite64", "writev", "sendfile", "copy_file_range"}
+WRITES = {"write", "pwrite64", "writev", "sendfile", "copy_file_range"}
+SYNCS = {"fsync", "fdatasync", "syncfs"}
+
+# After these calls something has changed that a process leaves behind when it is ended. What a process had done when it
+# is ended in front of a call is what it had done behind the one before.
+CHANGES = WRITES | SYNCS | {
+    "creat", "ftruncate", "truncate", "fallocate", "rename", "renameat", "renameat2", "link", "linkat", "symlink",
+    "symlinkat", "unlink", "unlinkat", "mkdir", "mkdirat", "rmdir", "chmod", "fchmod", "fchmodat", "fchown", "fchownat",
+    "utimensat", "flock", "ioctl", "mount", "umount2", "execve", "fork", "vfork", "clone", "clone3",
+}
+
+# What a call fails with that is not an error of the medium (EIO).
+ERRORS = {
+    "write": ("EIO", "ENOSPC"), "pwrite64": ("EIO", "ENOSPC"), "writev": ("EIO", "ENOSPC"),
+    "sendfile": ("EIO", "ENOSPC"), "copy_file_range": ("EIO", "ENOSPC"),
+    "creat": ("ENOSPC",), "mkdir": ("ENOSPC",), "mkdirat": ("ENOSPC",), "link": ("ENOSPC",), "linkat": ("ENOSPC",),
+    "rename": ("EIO", "ENOSPC"), "renameat": ("EIO", "ENOSPC"), "renameat2": ("EIO", "ENOSPC"),
+    "fallocate": ("EOPNOTSUPP", "ENOSPC"), "mmap": ("ENOMEM",), "flock": ("EAGAIN", "ENOLCK"),
+    "lseek": ("EINVAL",), "ioctl": ("ENOTTY",), "mount": ("EPERM",), "umount2": ("EBUSY",), "execve": ("ENOMEM",),
+    "pipe": ("EMFILE",), "pipe2": ("EMFILE",), "fork": ("EAGAIN",), "vfork": ("EAGAIN",), "clone": ("EAGAIN",),
+    "clone3": ("EAGAIN",), "chmod": ("EPERM",), "fchmod": ("EPERM",), "fchmodat": ("EPERM",), "fchown": ("EPERM",),
+    "fchownat": ("EPERM",), "utimensat": ("EPERM",),
+}
+
+
+def faults_at(call):
+    """The faults to try at a call of a run without any. A call that failed there anyway gets none but an end."""
+    faults = []
+    if call.number == 1:
+        faults.append(Fault("kill-before"))
+    if call.result is None or call.result >= 0:
+        errors = ("EIO", "ENOSPC") if call.creates else ERRORS.get(call.name, ("EIO",))
+        faults += [Fault("error", error) for error in errors]
+        moved = call.count if call.count >= 0 else call.result or 0
+        if call.name in TRANSFERS and moved >= 2:
+            faults.append(Fault("short"))
+    if call.name in CHANGES or call.creates:
+        faults.append(Fault("kill-after"))
+    return faults
+
+
+def points_of(calls):
+    """All points of a command, as (number of the call, fault)."""
+    return [(call.number, fault) for call in calls for fault in faults_at(call)]
+
+
+def without_repetitions(calls):
+    """Leaves out calls that only look, where the same program has made the same ones in the same order before: of those the
+    first, one in the middle and the last stay. Numbers in names do not count, since a loop goes through them."""
+    program = {}
+    recent = collections.defaultdict(lambda: collections.deque(maxlen=3))
+    places = collections.defaultdict(list)
+    for call in calls:
+        if call.name == "execve" and call.result == 0:
+            program[call.process] = os.path.basename(call.file)
+        failed = call.result is not None and call.result < 0
+        recent[call.process].append((call.name, re.sub(r"\d+", "N", call.file), failed))
+        if call.name not in CHANGES and not call.creates:
+            places[program.get(call.process), tuple(recent[call.process])].append(call.number)
+    left_out = set()
+    for numbers in places.values():
+        left_out |= set(numbers) - {numbers[0], numbers[len(numbers) // 2], numbers[-1]}
+    return [call for call in calls if call.number not in left_out]
+
+
+def spread(points, count):
+    """At most `count` of the points, evenly spread, the same ones each time."""
+    if count >= len(points):
+        return list(points)
+    return [points[(2 * place + 1) * len(points) // (2 * count)] for place in range(count)]
