@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -92,13 +93,13 @@ TEST(StoreTemplateTest, IdentifiersGoToTheirSlotsAndNowhereElse) {
   identifiers.disk.fill(0xDD);
   const Bytes store = storeWithIdentifiers(Bytes(20000, 0x11), kStoreModeSCCM, identifiers);
   Bytes expected(20000, 0x11);
-  for (const size_t offset : {8424U, 9872U}) std::fill_n(expected.begin() + offset, 16, 0xAA);
-  for (const size_t offset : {8448U, 9896U, 11660U, 19284U}) std::fill_n(expected.begin() + offset, 16, 0xDD);
+  for (const std::ptrdiff_t offset : {8424, 9872}) std::fill_n(expected.begin() + offset, 16, 0xAA);
+  for (const std::ptrdiff_t offset : {8448, 9896, 11660, 19284}) std::fill_n(expected.begin() + offset, 16, 0xDD);
   EXPECT_EQ(store, expected);
   const Bytes grown = storeWithIdentifiers(Bytes(10000, 0x11), kStoreModeSCCM, identifiers);
   std::fill(expected.begin() + 10000, expected.end(), 0);
   expected.resize(19300);
-  for (const size_t offset : {11660U, 19284U}) std::fill_n(expected.begin() + offset, 16, 0xDD);
+  for (const std::ptrdiff_t offset : {11660, 19284}) std::fill_n(expected.begin() + offset, 16, 0xDD);
   EXPECT_EQ(grown, expected);
 }
 
