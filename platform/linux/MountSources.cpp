@@ -189,7 +189,7 @@ const std::vector<MountSources::DriverProcess>& MountSources::driverProcesses() 
   return *processes_;
 }
 
-// Kernels before Linux 6.16 do not tell which mount a driver serves; a file of the right name then has to do.
+// Not every kernel tells which mount a driver serves; a file of the right name then has to do.
 std::vector<MountSources::OpenFile> MountSources::filesOfDriver(const MountPoint& mount, uint64_t& offset) {
   std::vector<OpenFile> files;
   if (!mount.isByDriver) return files;
