@@ -320,11 +320,14 @@ class Refused(StoreTest):
                 disk = self.mac(f"{number}.img", tree)
                 template = self.file(f"{number}.template", template_bytes())
                 before = images.snapshot(disk)
-                result = self.vorlix_run(*self.bcd(disk, template), prefix=(*self.prefix(), "prlimit", "--fsize=8192"))
-                self.assertEqual(result.returncode, 2, result.stderr)
-                self.assertIn("could not be written", result.stderr)
-                self.assert_unchanged(disk, before)
-                self.assert_nothing_mounted()
+                # Too little for the store, and too little for the files that are there already.
+                for limit, words in ((20480, "could not be written"), (8192, "File too large")):
+                    result = self.vorlix_run(*self.bcd(disk, template),
+                                             prefix=(*self.prefix(), "prlimit", f"--fsize={limit}"))
+                    self.assertEqual(result.returncode, 2, result.stderr)
+                    self.assertIn(words, result.stderr)
+                    self.assert_unchanged(disk, before)
+                    self.assert_nothing_mounted()
 
     def test_a_partition_in_use(self):
         disk = self.mac()
