@@ -6,6 +6,7 @@
 #include "contract/Volumes.h"
 #include "platform/linux/FatNames.h"
 #include "platform/linux/MirrorCopy.h"
+#include "platform/posix/Descriptor.h"
 
 namespace vorlix::contract {
 namespace {
@@ -136,8 +137,8 @@ TEST_F(FatVolumeOf16Bits, AClusterOfTwoFilesIsRefused) {
 
 TEST_F(FatVolumeOf16Bits, AChainThatComesBackOrLeadsNowhereIsRefused) {
   const uint32_t cluster = firstClusterOf("/readme.txt");
-  poke(find("README  TXT") + 28, std::string("\x00\x10\x00\x00", 4));
   pokeTables(cluster, pairOf(cluster));
+  poke(find("README  TXT") + 28, std::string("\x00\x10\x00\x00", 4));
   EXPECT_TRUE(refused(read(), kDissentUnsupported, "is used twice"));
 }
 
