@@ -338,13 +338,16 @@ class Refused(StoreTest):
                 disk = self.mac(f"{number}.img", tree)
                 template = self.file(f"{number}.template", template_bytes())
                 before = images.snapshot(disk)
-                # More than any other file of the volume has, less than the store.
-                result = self.vorlix_run(*self.bcd(disk, template), prefix=(*self.prefix(), "prlimit", "--fsize=20480"))
-                self.assertEqual(result.returncode, 2, result.stderr)
-                self.assertIn("File too large", result.stderr)
-                self.assertIn("the old one stands there unchanged" if STORE in tree else "none was made", result.stderr)
-                self.assert_unchanged(disk, before)
-                self.assert_nothing_mounted()
+                # More than any other file of the volume has and less than the store; less than what is there already.
+                stands = "the old one stands there unchanged" if STORE in tree else "none was made"
+                for limit, state in ((20480, stands), (8192, "")):
+                    result = self.vorlix_run(*self.bcd(disk, template),
+                                             prefix=(*self.prefix(), "prlimit", f"--fsize={limit}"))
+                    self.assertEqual(result.returncode, 2, result.stderr)
+                    self.assertIn("File too large", result.stderr)
+                    self.assertIn(state, result.stderr)
+                    self.assert_unchanged(disk, before)
+                    self.assert_nothing_mounted()
 
     def test_a_partition_in_use(self):
         disk = self.mac()

@@ -65,6 +65,35 @@ class Killed(MountTest):
                 self.assert_volume(image, tree)
         self.assertGreater(killed, 0)
 
+    @unittest.skipIf(volumes.missing("strace"), "strace is not installed")
+    def test_unmounting_after_a_kill_at_each_call_that_moves_or_removes_something(self):
+        """The next unmount takes it up or says that nothing is mounted, and the label can be mounted again."""
+        tree = {"old": b"1", "gone": b"2", "F": None, "F/same": b"3"}
+        changed = {"old": b"changed", "new": b"4", "F": None, "F/same": b"3"}
+        for call in ("rename", "unlink", "unlinkat", "rmdir", "fsync"):
+            for number in range(1, 40):
+                with self.subTest(call=call, number=number):
+                    image = self.fat(f"{call}{number}.img", label="KILLED", tree=tree)
+                    folder = self.mount(image)
+                    self.write(folder, "old", b"changed")
+                    self.write(folder, "new", b"4")
+                    os.remove(os.path.join(folder, "gone"))
+                    trace = ["strace", "-qq", "-o", "/dev/null", "-e", f"trace={call}",
+                             "-e", f"inject={call}:signal=KILL:when={number}"]
+                    status = subprocess.run([*self.prefix(), *trace, self.vorlix, "unmount", image],
+                                            capture_output=True, timeout=60, check=False).returncode
+                    if status != 0:
+                        result = self.vorlix_run("unmount", image)
+                        if result.returncode != 0:
+                            self.assertIn("not mounted", result.stderr)
+                    self.assert_volume(image, changed)
+                    self.assertEqual(self.mount(image), folder)
+                    self.unmount(image)
+                    self.assert_nothing_mounted()
+                if status == 0:
+                    self.assertGreater(number, 2, call)
+                    break
+
     def test_what_was_changed_after_an_unmount_that_was_killed_is_written_too(self):
         image = self.fat(tree={"a": b"1", "b": b"2"})
         folder = self.mount(image)

@@ -6,6 +6,7 @@ import os
 import random
 import shutil
 import subprocess
+import time
 import unittest
 
 from support import images, samples, volumes
@@ -66,6 +67,70 @@ class Refused(MountTest):
         shutil.rmtree(folder)
         message = self.vorlix_refuses("unmount", image, saying=[image, "not mounted"])
         self.assertNotIn("another image", message)
+
+    def test_what_is_left_of_a_volume_is_named_and_thrown_away_by_a_command(self):
+        image = self.fat(label="KEEP")
+        folder = self.mount(image, "--read-write")
+        self.write(folder, "new", b"kept")
+        os.remove(os.path.join(folder, "empty"))
+        os.rename(image, self.path("away.img"))
+        left = self.vorlix_ok("list").stderr
+        for words in (folder, "left over, with 2 changes", image, "is not there", f"--discard '{folder}'"):
+            self.assertIn(words, left)
+        self.fat(label="OTHER")
+        self.assertIn("another volume", self.vorlix_ok("list").stderr)
+        result = self.vorlix_ok("mount", image)
+        self.assertIn(folder, result.stderr)
+        other = result.stdout.strip()
+        self.assertNotEqual(other, folder)
+        self.vorlix_refuses("unmount", "--discard", "NOBODY", saying=["nothing was thrown away"])
+        self.vorlix_refuses("unmount", "--discard", image, saying=["both", folder, other, "nothing was thrown away"])
+        self.assertEqual(volumes.folder_tree(folder)["new"], b"kept")
+        lost = self.vorlix_ok("unmount", "--discard", "KEEP").stdout
+        self.assertIn("Lost       new /new\n", lost)
+        self.assertIn("Lost       removed /empty\n", lost)
+        self.assertFalse(os.path.exists(folder))
+        self.assertEqual(self.vorlix_ok("list").stderr, "")
+        before = images.snapshot(image)
+        self.write(other, "README.TXT", b"thrown away")
+        self.assertIn("Lost       changed /README.TXT\n", self.vorlix_ok("unmount", "--discard", image).stdout)
+        self.assert_unchanged(image, before)
+        self.assert_nothing_mounted()
+
+    def test_another_volume_in_the_same_place(self):
+        """As when another disk is attached as the same device: it is not the one that was mounted."""
+        image = self.fat(label="FIRST")
+        folder = self.mount(image, "--read-write")
+        self.write(folder, "new", b"kept")
+        kept = self.path("kept.img")
+        shutil.copy(image, kept)
+        second = self.fat("second.img", label="SECOND", tree={"b": b"2"})
+        shutil.copyfile(second, image)
+        before = images.snapshot(image)
+        self.vorlix_refuses("unmount", image, saying=["not mounted", "another image", folder])
+        other = self.mount(image)
+        self.assertEqual(volumes.folder_tree(other), {"b": b"2"})
+        self.unmount(image)
+        self.assert_unchanged(image, before)
+        shutil.copyfile(kept, image)
+        self.assertEqual(self.mount(image), folder)
+        self.unmount(image)
+        self.assert_volume(image, {**TREE, "new": b"kept"})
+        self.assert_nothing_mounted()
+
+    def test_an_image_that_holds_next_to_nothing_and_claims_a_terabyte(self):
+        image = self.path("huge.img")
+        with open(image, "wb") as file:
+            file.truncate(1 << 40)
+        images.run_tool("mkfs.vfat", "-F", 32, "-s", 8, image)
+        volumes.put_tree(image, {"a": b"1"})
+        self.give(image)
+        start = time.monotonic()
+        folder = self.mount(image, "--read-write")
+        self.write(folder, "b", b"2")
+        self.unmount(image)
+        self.assertLess(time.monotonic() - start, 15)
+        self.assertEqual(volumes.mtools("mtype", image, "::/b"), b"2")
 
     def test_patching_a_volume_that_is_mounted(self):
         """Its mirror would be that of another volume from then on."""

@@ -235,7 +235,7 @@ TEST_F(MirroredVolume, AProgramThatFailsOrAnswersNonsenseIsARefusalThatLosesNoth
     expectRefused(kDissentError, "/readme.txt did not become");
     // A value for a cluster that no file has: in the first table alone, then, by what comes later, in both.
     const std::string spoil = "printf xy | dd of=\"$2\" bs=1 seek=2148 conv=notrunc 2>/dev/null; ";
-    replaceTool("mren", shell("command -v mren") + " \"$@\"; " + spoil);
+    replaceTool("mdel", shell("command -v mdel") + " \"$@\"; " + spoil);
     expectRefused(kDissentUnsupported, "allocation tables differ");
     replaceTool("mmd", spoil + "exec " + shell("command -v mmd") + " \"$@\"");
     expectRefused(kDissentError, "damaged the copy");
