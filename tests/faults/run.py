@@ -185,9 +185,12 @@ def sweep(options, folder):
 def collect(results, counts, total):
     """Counts results and shows the bad ones. Returns False where it was interrupted."""
     left_over = {}
+    not_hit = {}
     try:
         for result in results:
             count(counts, result)
+            if not result.is_hit:
+                not_hit.setdefault((result.scenario, result.fault), result)
             show_progress(counts, total)
             if result.verdict != judging.OK:
                 show_bad(result)
@@ -196,6 +199,8 @@ def collect(results, counts, total):
     except KeyboardInterrupt:
         return False
     finally:
+        for result in not_hit.values():
+            print(f"not hit: {result.scenario}: {result.call}: {result.fault}: {result.run}")
         for result in left_over.values():
             print(f"left over: {result.scenario}: {result.call}: {result.fault}: {judging.listed(result.left_over)}")
     return True
