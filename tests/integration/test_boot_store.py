@@ -347,6 +347,10 @@ class Refused(StoreTest):
                     self.assertIn("File too large", result.stderr)
                     self.assertIn(state, result.stderr)
                     self.assert_unchanged(disk, before)
+                    if "stays mounted" in result.stderr:  # the limit holds for the copy that mtools is to change, too
+                        self.vorlix_ok("efi", "unmount", disk)
+                        self.assertEqual(volumes.read_tree(disk, volumes.EFI_OFFSET), tree)
+                        before = images.snapshot(disk)
                     self.assert_nothing_mounted()
 
     def test_a_partition_in_use(self):
