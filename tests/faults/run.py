@@ -93,12 +93,12 @@ def find_baseline(scenario):
 
 
 def run_point(task):
-    scenario, expected, number, fault = task
+    scenario, expected, place, fault = task
     try:
-        return worker["runner"].point(scenario, expected, number, fault)
+        return worker["runner"].point(scenario, expected, place, fault)
     except Exception as error:  # pylint: disable=broad-except: one point must not end a sweep of hours
         findings = ((judging.UNJUDGED, f"{error!r}"),)
-        return points.Result(scenario.name, f"call {number}", str(fault), findings)
+        return points.Result(scenario.name, f"call {place}", str(fault), findings)
 
 
 def plan(options, chosen, baselines):
@@ -109,10 +109,10 @@ def plan(options, chosen, baselines):
         calls = baseline.calls if options.all else tracing.without_repetitions(baseline.calls)
         if options.only_call:
             calls = [call for call in baseline.calls if call.number == options.only_call]
-        found = tracing.points_of(calls)
+        found = tracing.points_of(baseline.calls, calls)
         if options.points:
             found = tracing.spread(found, round(each * scenario.share))
-        tasks += [(scenario, baseline.expected, number, fault) for number, fault in found]
+        tasks += [(scenario, baseline.expected, place, fault) for place, fault in found]
     return tasks
 
 

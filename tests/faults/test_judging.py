@@ -187,6 +187,11 @@ class Points(unittest.TestCase):
         self.assertEqual(self.faults("openat", flags=os.O_CREAT), ["EIO", "ENOSPC", "kill-after"])
         self.assertEqual(self.faults("openat", result=-2), [])
 
+    def test_places_are_counted_for_each_process(self):
+        calls = [Call(number, process, "fsync", FILE, "", -1, -1, 0, 0) for number, process in enumerate((1, 2, 1, 2), 1)]
+        self.assertEqual(tracing.places_of(calls), {1: "1:1", 2: "2:1", 3: "1:2", 4: "2:2"})
+        self.assertEqual({place for place, _ in tracing.points_of(calls, calls[3:])}, {"2:2"})
+
     def test_the_first_call_is_one_to_end_before(self):
         (first,) = self.numbered(("fsync", FILE))
         self.assertEqual([str(fault) for fault in tracing.faults_at(first)], ["kill-before", "EIO", "kill-after"])
