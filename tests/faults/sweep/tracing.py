@@ -191,6 +191,15 @@ def without_repetitions(calls):
     return [call for call in calls if call.number not in left_out]
 
 
+def selection(calls, chosen, count, media):
+    """About `count` points of the chosen calls: up to half of them at calls that change files whose path fits `media`, since
+    those are few and matter most, the others evenly spread over all the rest."""
+    changing = [call for call in chosen if (call.name in CHANGES or call.creates) and media.search(call.file)]
+    weighty = spread(points_of(calls, changing), count // 2)
+    rest = points_of(calls, [call for call in chosen if call not in changing])
+    return weighty + spread(rest, count - len(weighty))
+
+
 def spread(points, count):
     """At most `count` of the points, evenly spread, the same ones each time."""
     if count >= len(points):
