@@ -13,6 +13,7 @@ import collections
 import itertools
 import multiprocessing
 import os
+import re
 import shutil
 import signal
 import sys
@@ -27,6 +28,7 @@ from sweep import judging, machine, points, scenarios, tracing  # noqa: E402
 
 SKIPPED = 77
 INTERRUPTED = 130
+MEDIA = re.compile("/case/(disks|out)/")  # what commands work on, and what they make
 COLUMNS = (*judging.VERDICTS, "not hit", "left over")
 worker = {}
 
@@ -35,7 +37,7 @@ def parse():
     parser = argparse.ArgumentParser(description="Fails and kills commands at one system call after the other.")
     how_many = parser.add_mutually_exclusive_group()
     how_many.add_argument("--all", action="store_true", help="repetitions as well: a loop's calls that only look, over and over")
-    how_many.add_argument("--points", type=int, metavar="K", help="about K points, evenly spread over all of them")
+    how_many.add_argument("--points", type=int, metavar="K", help="about K points: half of them where the medium is changed, the others evenly spread")
     parser.add_argument("--jobs", type=int, default=2, metavar="N", help="how many run at the same time (2)")
     parser.add_argument("--list", action="store_true", help="show the calls of each scenario and run nothing else")
     parser.add_argument("--only-call", type=int, metavar="N", help="the points of this call alone")
@@ -93,12 +95,12 @@ def find_baseline(scenario):
 
 
 def run_point(task):
-    scenario, expected, number, fault = task
+    scenario, expected, place, fault = task
     try:
-        return worker["runner"].point(scenario, expected, number, fault)
+        return worker["runner"].point(scenario, expected, place, fault)
     except Exception as error:  # pylint: disable=broad-except: one point must not end a sweep of hours
         findings = ((judging.UNJUDGED, f"{error!r}"),)
-        return points.Result(scenario.name, f"call {number}", str(fault), findings)
+        return points.Result(scenario.name, f"call {place}", str(fault), findings)
 
 
 def plan(options, chosen, baselines):
@@ -109,10 +111,11 @@ def plan(options, chosen, baselines):
         calls = baseline.calls if options.all else tracing.without_repetitions(baseline.calls)
         if options.only_call:
             calls = [call for call in baseline.calls if call.number == options.only_call]
-        found = tracing.points_of(calls)
         if options.points:
-            found = tracing.spread(found, round(each * scenario.share))
-        tasks += [(scenario, baseline.expected, number, fault) for number, fault in found]
+            found = tracing.selection(baseline.calls, calls, round(each * scenario.share), MEDIA)
+        else:
+            found = tracing.points_of(baseline.calls, calls)
+        tasks += [(scenario, baseline.expected, place, fault) for place, fault in found]
     return tasks
 
 

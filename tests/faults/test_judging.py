@@ -2,6 +2,7 @@
 """The verdicts, on made-up ends of commands, and what the calls of a run leave to a power cut."""
 
 import os
+import re
 import unittest
 
 import places  # noqa: F401: puts the modules in the path
@@ -187,6 +188,11 @@ class Points(unittest.TestCase):
         self.assertEqual(self.faults("openat", flags=os.O_CREAT), ["EIO", "ENOSPC", "kill-after"])
         self.assertEqual(self.faults("openat", result=-2), [])
 
+    def test_places_are_counted_for_each_process(self):
+        calls = [Call(number, process, "fsync", FILE, "", -1, -1, 0, 0) for number, process in enumerate((1, 2, 1, 2), 1)]
+        self.assertEqual(tracing.places_of(calls), {1: "1:1", 2: "2:1", 3: "1:2", 4: "2:2"})
+        self.assertEqual({place for place, _ in tracing.points_of(calls, calls[3:])}, {"2:2"})
+
     def test_the_first_call_is_one_to_end_before(self):
         (first,) = self.numbered(("fsync", FILE))
         self.assertEqual([str(fault) for fault in tracing.faults_at(first)], ["kill-before", "EIO", "kill-after"])
@@ -200,6 +206,13 @@ class Points(unittest.TestCase):
         self.assertEqual(tracing.spread(list(range(100)), 4), [12, 37, 62, 87])
         self.assertEqual(tracing.spread([1, 2], 5), [1, 2])
         self.assertEqual(len(set(tracing.spread(list(range(10)), 9))), 9)
+
+    def test_half_of_a_selection_is_where_the_medium_changes(self):
+        calls = self.numbered(*[("fsync", "/tmp/x")] * 50, ("fsync", "/case/disks/a"), *[("fsync", "/tmp/x")] * 49)
+        found = tracing.selection(calls, calls, 10, re.compile("/case/disks/"))
+        self.assertEqual(len(found), 10)
+        self.assertEqual([str(fault) for place, fault in found if place == "1:51"], ["EIO", "kill-after"])
+        self.assertEqual(len(tracing.selection(calls, calls, 2, re.compile("/case/disks/"))), 2)
 
     def test_repetitions_are_left_out_but_for_three(self):
         look = [("openat", "/proc/N/fd"), ("newfstatat", "/proc/N"), ("close", "/proc/N/fd")]

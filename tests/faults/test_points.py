@@ -57,8 +57,8 @@ class Flaws(unittest.TestCase):
         if cut.verdict != judging.OK:
             found["end", "power cut"] = cut.verdict
         calls = [call for call in baseline.calls if only in (None, call.name)]
-        for number, fault in tracing.points_of(calls):
-            result = self.runner.point(scenario, baseline.expected, number, fault)
+        for place, fault in tracing.points_of(baseline.calls, calls):
+            result = self.runner.point(scenario, baseline.expected, place, fault)
             self.assertTrue(result.is_hit, result)
             if result.verdict != judging.OK:
                 found[result.call.split()[2], str(fault)] = result.verdict

@@ -33,16 +33,9 @@ class TracerTest(unittest.TestCase):
         self.folder = os.path.realpath(folder.name)
         self.file = os.path.join(self.folder, "a file")
 
-    def trace(self, *command, at=0, fault=None, calls="", seconds=30):
-        report = os.path.join(self.folder, "report")
-        if not calls:
-            return tracing.trace(places.TRACER, command, report, at, fault, seconds)
-        chosen = ["--at", str(at), *fault.options()] if fault else []
-        done = subprocess.run(
-            [places.TRACER, "--report", report, "--calls", calls, *chosen, "--timeout", str(seconds), "--", *command],
-            stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60, check=False)
-        end, status, hit, crashed, found = tracing.read_report(report)
-        return tracing.Run(end, status, done.stdout, done.stderr, hit, crashed, found)
+    def trace(self, *command, at="", fault=None, calls="", seconds=30):
+        only = ["--calls", calls] if calls else []
+        return tracing.trace(places.TRACER, command, os.path.join(self.folder, "report"), at, fault, seconds, only)
 
     def subject(self, behaviour, **options):
         return self.trace(places.SUBJECT, behaviour, self.file, **options)
@@ -72,7 +65,7 @@ class Counting(TracerTest):
         report = os.path.join(self.folder, "report")
         subprocess.run([places.TRACER, "--from-start", "--report", report, "--", places.SUBJECT, "three-writes", self.file],
                        stdout=subprocess.DEVNULL, check=True)
-        self.assertIn(loader, [call.file for call in tracing.read_report(report)[4]])
+        self.assertIn(loader, [call.file for call in tracing.read_report(report)[5]])
 
     def test_two_runs_count_the_same(self):
         for behaviour in ("three-writes", "children", "thread", "careful"):
@@ -140,6 +133,12 @@ class Failing(TracerTest):
     def test_in_a_child(self):
         run = self.subject("children", calls="write", at=2, fault=Fault("error", "EIO"))
         self.assertEqual((run.end, run.status, self.content()), ("exited", 2, b"a"))
+
+    def test_a_call_of_one_process(self):
+        run = self.subject("children", calls="write", at="3:1", fault=Fault("error", "EIO"))
+        self.assertEqual((run.status, self.content(), run.chosen.process, run.chosen.number), (2, b"a", 3, 2))
+        run = self.subject("children", calls="write", at="3:2", fault=Fault("error", "EIO"))
+        self.assertEqual((run.status, run.is_hit, run.chosen), (0, False, None))
 
     def test_starting_a_child(self):
         run = self.subject("children", calls="clone,clone3,fork,vfork", at=1, fault=Fault("error", "EAGAIN"))

@@ -57,7 +57,7 @@ class Runner:
         scenario.set_up(case, self.vorlix)
         return case
 
-    def traced(self, scenario, case, at=0, fault=None):
+    def traced(self, scenario, case, at="", fault=None):
         return tracing.trace(self.tracer, scenario.command(case, self.vorlix), case.path("home", "report"),
                              at, fault, scenario.seconds, **case.options())
 
@@ -72,16 +72,16 @@ class Runner:
         expected = judging.Expected(before, after.look, tuple(after.undurable))
         return Baseline(expected, run.calls, len(second.calls) == len(run.calls))
 
-    def point(self, scenario, expected, number, fault):
+    def point(self, scenario, expected, place, fault):
         case = self.fresh(scenario)
-        run = self.traced(scenario, case, number, fault)
+        run = self.traced(scenario, case, place, fault)
         after = aftermath(scenario, case, run)
         again = tracing.run(scenario.command(case, self.vorlix), scenario.seconds, **case.options())
         after_again = aftermath(scenario, case, again)
         findings = judging.judge(expected, run, after, again, after_again, scenario.says_done(again))
         if again.succeeded:
             findings += [(judging.SILENT, text) for text in scenario.finish(case, self.vorlix)]
-        call = str(run.calls[number - 1]) if len(run.calls) >= number else f"call {number}, which was not made"
+        call = str(run.chosen) if run.chosen else f"call {place}, which was not made"
         left_over = tuple(map(case.short, case.left_over())) if not findings else ()
         findings = tuple((verdict, case.short(text)) for verdict, text in findings)
         return Result(scenario.name, case.short(call), str(fault), findings, case.short(str(run)), run.is_hit, left_over)

@@ -54,6 +54,7 @@ class Run:
     err: str
     is_hit: bool = False
     crashed_children: int = 0
+    chosen: Call = None  # the call at which the fault took place
     calls: tuple = ()
 
     @property
@@ -76,26 +77,26 @@ def unescape(text):
 
 def read_report(path):
     with open(path, encoding="utf-8", errors="surrogateescape") as file:
-        end, status, hit, crashed, _ = file.readline().rstrip("\n").split("\t")
+        end, status, hit, crashed, chosen = file.readline().rstrip("\n").split("\t")
         calls = []
         for line in file:
             number, process, name, target, other, count, offset, flags, result = line.rstrip("\n").split("\t")
             calls.append(
                 Call(int(number), int(process), name, unescape(target), unescape(other), int(count), int(offset),
                      int(flags), None if result == "?" else int(result)))
-    return end, int(status), hit == "hit", int(crashed), tuple(calls)
+    return end, int(status), hit == "hit", int(crashed), calls[int(chosen) - 1] if int(chosen) else None, tuple(calls)
 
 
-def trace(tracer, command, report, at=0, fault=None, seconds=60, **options):
-    """Runs a command under the tracer. options: as for subprocess.run()."""
+def trace(tracer, command, report, at="", fault=None, seconds=60, tracer_options=(), **options):
+    """Runs a command under the tracer. at: as for its --at. options: as for subprocess.run()."""
     chosen = ["--at", str(at), *fault.options()] if fault else []
-    arguments = [tracer, "--report", report, "--timeout", str(seconds), *chosen, "--", *command]
+    arguments = [tracer, "--report", report, "--timeout", str(seconds), *tracer_options, *chosen, "--", *command]
     done = subprocess.run(arguments, stdin=subprocess.DEVNULL, capture_output=True, text=True,
                           errors="surrogateescape", timeout=seconds + 30, check=False, **options)
     if done.returncode == CANNOT_TRACE and "fault_tracer: " in done.stderr:
         raise (NotAllowed if "not allowed" in done.stderr else RuntimeError)(done.stderr.strip())
-    end, status, is_hit, crashed, calls = read_report(report)
-    return Run(end, status, done.stdout, done.stderr, is_hit, crashed, calls)
+    end, status, *found = read_report(report)
+    return Run(end, status, done.stdout, done.stderr, *found)
 
 
 def run(command, seconds=60, **options):
@@ -154,9 +155,21 @@ def faults_at(call):
     return faults
 
 
-def points_of(calls):
-    """All points of a command, as (number of the call, fault)."""
-    return [(call.number, fault) for call in calls for fault in faults_at(call)]
+def places_of(calls):
+    """Where each call of a run is in its own process, by its number, as the tracer's --at takes it. What other processes do
+    at the same time does not move it."""
+    made = collections.Counter()
+    places = {}
+    for call in calls:
+        made[call.process] += 1
+        places[call.number] = f"{call.process}:{made[call.process]}"
+    return places
+
+
+def points_of(calls, chosen=None):
+    """All points of a command, as (place of the call, fault). chosen: those calls alone."""
+    places = places_of(calls)
+    return [(places[call.number], fault) for call in (calls if chosen is None else chosen) for fault in faults_at(call)]
 
 
 def without_repetitions(calls):
@@ -176,6 +189,15 @@ def without_repetitions(calls):
     for numbers in places.values():
         left_out |= set(numbers) - {numbers[0], numbers[len(numbers) // 2], numbers[-1]}
     return [call for call in calls if call.number not in left_out]
+
+
+def selection(calls, chosen, count, media):
+    """About `count` points of the chosen calls: up to half of them at calls that change files whose path fits `media`, since
+    those are few and matter most, the others evenly spread over all the rest."""
+    changing = [call for call in chosen if (call.name in CHANGES or call.creates) and media.search(call.file)]
+    weighty = spread(points_of(calls, changing), count // 2)
+    rest = points_of(calls, [call for call in chosen if call not in changing])
+    return weighty + spread(rest, count - len(weighty))
 
 
 def spread(points, count):

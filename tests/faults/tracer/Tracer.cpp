@@ -25,6 +25,7 @@ constexpr int kCallStop = SIGTRAP | 0x80;  // PTRACE_O_TRACESYSGOOD marks the st
 struct Traced {
   size_t process = 0;
   bool isCounted = true;  // what it does counts: its program has begun
+  uint64_t calls = 0;     // how many it has made
   EntryBreakpoint entry;
   std::optional<size_t> open;  // the call that it is in, an index of the records
   bool isChosen = false;       // and that is the one at which the fault takes place
@@ -199,7 +200,11 @@ class Tracer {
     if (call == nullptr || !traced.isCounted || !isWanted(*call, stop)) return;
     traced.open = outcome_.calls.size();
     outcome_.calls.push_back(describe(id, traced, *call, stop));
-    if (outcome_.calls.size() != task_.at) return;
+    ++traced.calls;
+    const bool isAnyProcess = task_.process == 0;
+    if (!isAnyProcess && task_.process != traced.process) return;
+    if ((isAnyProcess ? outcome_.calls.size() : traced.calls) != task_.at) return;
+    outcome_.chosen = outcome_.calls.size();
     traced.isChosen = true;
     switch (task_.fault) {
       case Fault::killBefore:

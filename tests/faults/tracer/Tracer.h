@@ -18,7 +18,8 @@ enum class Fault { none, error, shortTransfer, killBefore, killAfter };
 
 struct Task {
   std::vector<std::string> command;
-  uint64_t at = 0;  ///< number of the call, from 1 on
+  uint64_t at = 0;       ///< number of the call, from 1 on
+  uint64_t process = 0;  ///< whose call it is, see CallRecord; 0 for a number that goes through all processes
   Fault fault = Fault::none;
   int error = 0;                   ///< errno of Fault::error
   double seconds = 60;             ///< after which everything is ended
@@ -44,6 +45,7 @@ struct Outcome {
   End end = End::failed;    ///< of the command's own process; `killed` by the fault; `failed`: it could not be traced
   int status = 0;           ///< exit status or signal
   bool isHit = false;       ///< the chosen call was made and the fault took place
+  size_t chosen = 0;        ///< number of the chosen call in `calls`, from 1 on; 0 where it was not made
   int childrenByCrash = 0;  ///< other processes of it that a signal ended, which was none of the tracer's
   std::string reason;       ///< of `failed`
   std::vector<CallRecord> calls;

@@ -27,7 +27,7 @@ constexpr const char* kHelp =
     "  --calls A,B       count these calls alone (--names lists them all)\n"
     "  --from-start      count what the dynamic loader does as well\n"
     "  --timeout SECONDS end everything after that time and report a hang (60)\n"
-    "  --at N            at call N, counted from 1, do one of these:\n"
+    "  --at N, --at P:N  at call N, counted from 1, or at call N of process P, do one of these:\n"
     "    --error ERRNO     fail it, a number or EIO, ENOSPC, ...\n"
     "    --short           transfer half of its bytes\n"
     "    --kill-before     end all processes, and the call is not made\n"
@@ -84,7 +84,10 @@ Options parse(int argc, char** argv) {
     } else if (option == "--timeout") {
       options.task.seconds = std::stod(value());
     } else if (option == "--at") {
-      options.task.at = std::stoull(value());
+      const std::string place = value();
+      const size_t colon = place.find(':');
+      if (colon != std::string::npos) options.task.process = std::stoull(place.substr(0, colon));
+      options.task.at = std::stoull(colon == std::string::npos ? place : place.substr(colon + 1));
     } else if (option == "--error") {
       options.task.fault = Fault::error;
       options.task.error = errorOf(value());
@@ -137,12 +140,14 @@ const char* nameOf(Outcome::End end) {
   return "failed";
 }
 
-// One line of facts, then a line for each call: number, process, name, file, other file, count, offset, flags, result
+// A line of facts: how the command ended, its status, whether the fault took place, how many other processes a signal
+// ended, number of the chosen call. Then a line for each call: number, process, name, file, other file, count, offset,
+// flags, result
 // ("?" where the process was ended in it). Fields are separated by tabs.
 bool writeReport(const std::string& path, const Outcome& outcome) {
   std::ofstream file(path);
   file << nameOf(outcome.end) << '\t' << outcome.status << '\t' << (outcome.isHit ? "hit" : "not hit") << '\t'
-       << outcome.childrenByCrash << '\t' << outcome.calls.size() << '\n';
+       << outcome.childrenByCrash << '\t' << outcome.chosen << '\n';
   size_t number = 0;
   for (const CallRecord& call : outcome.calls) {
     file << ++number << '\t' << call.process << '\t' << call.call->name << '\t' << field(call.file) << '\t'
