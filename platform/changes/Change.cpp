@@ -15,7 +15,6 @@ using Bytes = std::vector<uint8_t>;
 using Image = Journal::Image;
 
 constexpr size_t kSector = 512;  // a medium writes these whole or not at all
-constexpr const char* kNothingWritten = "nothing was written";
 
 std::string reasonOf(ssize_t done) {
   return done < 0 ? std::strerror(errno) : "the device ends too early";

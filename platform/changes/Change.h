@@ -38,11 +38,14 @@ struct DiskChange {
   bool empty() const;
 };
 
+/// The state of a failure before the first write.
+inline constexpr const char* kNothingWritten = "nothing was written";
+
 /// Why a change was not made.
 struct ChangeFailure {
   std::string subject;  ///< the device or file
   std::string reason;
-  std::string state;  ///< what was and what was not written, "nothing was written" included
+  std::string state;  ///< what was and what was not written, kNothingWritten included
 };
 
 /// Makes a change, or leaves the devices as they were.

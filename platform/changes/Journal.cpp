@@ -34,7 +34,7 @@ constexpr const char* kRemoved = ".done";    // ends the name of one that is bei
 constexpr size_t kLargestManifest = size_t{256} * 1024 * 1024;
 
 ChangeFailure failureOf(const std::string& subject, int error) {
-  return {subject, std::strerror(error), "nothing was written"};
+  return {subject, std::strerror(error), kNothingWritten};
 }
 
 std::string journalsFolderOf(const std::string& stateFolder) {
@@ -105,7 +105,7 @@ void removeLeftovers(const std::string& journals) {
 std::optional<ChangeFailure> makeJournalsFolder(std::string& journals) {
   std::string reason;
   const std::optional<std::string> state = makeStateFolder(reason);
-  if (!state) return ChangeFailure{"no folder for the journal", reason, "nothing was written"};
+  if (!state) return ChangeFailure{"no folder for the journal", reason, kNothingWritten};
   journals = journalsFolderOf(*state);
   if (mkdir(journals.c_str(), 0700) != 0 && errno != EEXIST) return failureOf(journals, errno);
   return std::nullopt;
@@ -170,7 +170,7 @@ std::optional<ChangeFailure> Journal::read(const JournalRun& run, Image image, s
   }
   const std::string& hash = image == Image::before ? run.before : run.after;
   if (done == bytes.size() && sha256(bytes) == hash) return std::nullopt;
-  return ChangeFailure{folder_, "the journal is damaged", "nothing was written"};
+  return ChangeFailure{folder_, "the journal is damaged", kNothingWritten};
 }
 
 void Journal::remove() {
@@ -194,7 +194,7 @@ std::unique_ptr<Journal> Journal::open(const std::string& folder, std::optional<
   std::unique_ptr<Journal> journal(new Journal);
   journal->folder_ = folder;
   const auto damaged = [&] {
-    failure = ChangeFailure{folder, "the journal is damaged", "nothing was written"};
+    failure = ChangeFailure{folder, "the journal is damaged", kNothingWritten};
     return nullptr;
   };
   std::string text;
@@ -234,6 +234,9 @@ std::unique_ptr<Journal> Journal::open(const std::string& folder, std::optional<
 std::optional<ChangeFailure> JournalWriter::begin(const std::string& title, std::unique_ptr<JournalWriter>& writer) {
   std::string journals;
   if (auto failure = makeJournalsFolder(journals)) return failure;
+  // A new folder has a moment without a lock of its own, in which it would pass for a leftover.
+  const Descriptor all(::open(journals.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!all || flock(all.get(), LOCK_EX) != 0) return failureOf(journals, errno);
   removeLeftovers(journals);
   std::unique_ptr<Journal> journal(new Journal);
   journal->title_ = title;

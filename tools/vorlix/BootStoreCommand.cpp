@@ -19,6 +19,7 @@
 #include "Commands.h"
 #include "Complaint.h"
 #include "DeviceChanges.h"
+#include "DiskTables.h"
 #include "Failure.h"
 #include "FileReplacement.h"
 #include "Files.h"
@@ -80,6 +81,7 @@ StorePlan planStore(const StoreOptions& options) {
   plan.disk = bsdNameOf(options.disk);
   plan.efi = sliceNameOf(plan.disk, 1);
   plan.partition = bsdNameOf(sliceNameOf(options.disk, static_cast<uint32_t>(options.partition)));
+  requireSoundGPTOf(plan.efi, options.force);
   plan.identity = identify(plan.partition);
   if (!plan.identity.partitionGUID || !plan.identity.diskGUID) {
     throw Failure(plan.partition, "its partition and disk GUIDs are not known");
@@ -105,18 +107,8 @@ void finishInterruptedChanges(const std::string& slice) {
   if (!interruptedChanges(*handle).empty()) openToChange(slice);
 }
 
-// A store may hold what is nobody else's business, so its copy is the user's alone.
 void saveOld(const StoreOptions& options, const ByteVector& old) {
-  const std::string name = std::filesystem::path(options.disk).filename().string() + "s1-BCD";
-  const mode_t before = umask(0077);
-  std::string saved;
-  try {
-    saved = saveNamed(options.backupFolder, name, old);
-  } catch (...) {
-    umask(before);
-    throw;
-  }
-  umask(before);
+  const std::string saved = saveNamed(options.backupFolder, backupNameOf(options.disk) + "s1-BCD", old);
   std::printf("Saved      %s\n", printable(saved).c_str());
   std::fflush(stdout);
 }
@@ -188,7 +180,8 @@ void addBootStoreCommand(CLI::App& app, int& status) {
       ->transform(CLI::CheckedTransformer(kModes));
   command->add_flag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
   command->add_option("--backup", options->backupFolder, "Folder for the store that is replaced, saved before");
-  command->add_flag("--force", options->force, "Take a template that does not look like one for the mode");
+  command->add_flag("--force", options->force,
+                    "Take a template that does not look like one for the mode, and a damaged GPT");
   command->callback([options, &status] {
     const LibraryLog log;  // look-ups write to it
     const StorePlan plan = planStore(*options);

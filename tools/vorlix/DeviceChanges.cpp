@@ -15,7 +15,10 @@
 namespace vorlix::tool {
 namespace {
 
+bool finishedOne = false;
+
 [[noreturn]] void fail(const ChangeFailure& failure) {
+  if (failure.state == kNothingWritten) throw Failure(failure.subject, failure.reason);
   throw Failure(failure.subject, failure.reason, failure.state);
 }
 
@@ -46,12 +49,18 @@ std::shared_ptr<DeviceHandle> openToChange(const std::string& device) {
   if (!handle) failToOpen(device, errno);
   mentionLostHeader(device);
   std::vector<std::string> finished;
-  if (const auto failure = settleInterruptedChanges(device, *handle, finished)) fail(*failure);
+  const auto failure = settleInterruptedChanges(device, *handle, finished);
   for (const std::string& title : finished) {
+    finishedOne = true;
     std::printf("Finished   %s, which was cut off earlier\n", printable(title).c_str());
   }
   std::fflush(stdout);
+  if (failure) fail(*failure);
   return handle;
+}
+
+bool finishedEarlierChange() {
+  return finishedOne;
 }
 
 void applyOrFail(const DiskChange& change) {

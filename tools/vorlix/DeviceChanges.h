@@ -20,6 +20,10 @@ std::shared_ptr<DeviceHandle> openToLook(const std::string& device, DeviceLock l
 /// says so on standard output. Throws Failure.
 std::shared_ptr<DeviceHandle> openToChange(const std::string& device);
 
+/// Whether openToChange() has finished an earlier change in this process: then nothing of this command's own may be on
+/// the disk, and yet something was written.
+bool finishedEarlierChange();
+
 /// Makes the change. Throws Failure, which says what was and what was not written.
 void applyOrFail(const DiskChange& change);
 

@@ -14,7 +14,7 @@ enum ExitStatus : int { kDone = 0, kChangeNeeded = 1, kError = 2 };
 
 /// Ends a command with kError. The text names the file or device and the reason; `state` says what was written, or how
 /// else things stand now. Without a state, a command that only looks says no more, since nobody would expect it to have
-/// written; of any other it is said that nothing was written.
+/// written; of any other it is said that nothing was.
 class Failure : public std::runtime_error {
  public:
   Failure(const std::string& subject, const std::string& reason, std::optional<std::string> state = std::nullopt)
@@ -22,10 +22,10 @@ class Failure : public std::runtime_error {
 
   static Failure ofErrno(const std::string& subject, int error) { return {subject, std::strerror(error)}; }
 
-  /// What is told of it.
-  std::string text(bool onlyLooks) const {
+  /// What is told of it; `unwritten` is the state of a command that has written nothing.
+  std::string text(bool onlyLooks, const std::string& unwritten) const {
     if (!state_ && onlyLooks) return what();
-    return what() + ("; " + state_.value_or("nothing was written"));
+    return what() + ("; " + state_.value_or(unwritten));
   }
 
  private:

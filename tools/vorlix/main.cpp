@@ -12,6 +12,7 @@
 #include "../StandardDescriptors.h"
 #include "Commands.h"
 #include "Complaint.h"
+#include "DeviceChanges.h"
 #include "Failure.h"
 #include "Text.h"
 
@@ -67,7 +68,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kDone : kError;
   } catch (const Failure& failure) {
-    complain(failure.text(onlyLooks(app)));
+    complain(failure.text(onlyLooks(app), finishedEarlierChange() ? "nothing else was written" : kNothingWritten));
     return kError;
   } catch (const std::exception& error) {
     complain(error.what());
