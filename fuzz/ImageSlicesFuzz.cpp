@@ -62,7 +62,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto headerLBA = vorlix::gptHeaderLBA(image, diskSize, blockSize);
     FUZZ_CHECK(hasGPT == (headerLBA == uint64_t{1}));
     if (headerLBA && !hasGPT) FUZZ_CHECK(*headerLBA == diskSize / blockSize - 1);
-    const bool hasMBR = hasText(data, size, 510, "\x55\xAA") && !vorlix::hasProtectiveSlot(image);
+    const bool hasMBR = hasText(data, size, 510, "\x55\xAA");
     for (const uint32_t number : kNumbers) {
       const auto extent = vorlix::partitionExtent(image, diskSize, blockSize, number);
       if (!extent) continue;

@@ -50,10 +50,10 @@ class DeviceHandle {
 
   /// Reads like readAt() what sync() has brought to the medium, and not a copy of it that the system keeps in memory,
   /// as far as the system lets a program ask for that.
-  virtual ssize_t readMediumAt(void* buffer, size_t count, uint64_t offset) = 0;
+  virtual ssize_t readMediumAt(void* buffer, size_t count, uint64_t offset) { return readAt(buffer, count, offset); }
 
   /// Absent when the system cannot tell.
-  virtual std::optional<DeviceIdentity> identity() = 0;
+  virtual std::optional<DeviceIdentity> identity() { return std::nullopt; }
 
   /// Size in bytes; absent when the system cannot tell.
   virtual std::optional<uint64_t> size() = 0;

@@ -117,6 +117,14 @@ class DiskArbitration {
 
   /// Opens a connection. Null when the service cannot be reached.
   virtual std::shared_ptr<DiskArbitrationSession> createSession() = 0;
+
+  /// kDescriptionVolumeKind of the volume that is mounted at a path. Absent where none is, or its kind is not known.
+  virtual std::optional<std::string> volumeKindAt(const URL& path) {
+    const auto session = createSession();
+    const auto disk = session ? session->diskFromVolumePath(path) : nullptr;
+    const auto description = disk ? disk->copyDescription() : std::nullopt;
+    return description ? description->text(kDescriptionVolumeKind) : std::nullopt;
+  }
 };
 
 }  // namespace vorlix

@@ -69,12 +69,11 @@ Stream openSavedFile(const char* path) {
 }
 
 // Writes and closes a saved file, and brings it to the medium. One that could not be written stays open, as after every
-// failure here, but loses its name: a part of a boot record is none, and would be in the way of the next try.
-bool writeSavedFile(Stream file, const char* path, std::span<const uint8_t> bytes) {
+// failure here.
+bool writeSavedFile(Stream file, std::span<const uint8_t> bytes) {
   const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size() &&
                        std::fflush(file.get()) == 0 && fsync(fileno(file.get())) == 0;
   if (!written) {
-    unlink(path);
     keepOpen(std::move(file));
     return false;
   }
@@ -120,7 +119,7 @@ int32_t write_vbr_to_file(const char* device, const char* file) try {
     logMessage("could not open %s\n", file);
     return kSaveOpenFailed;
   }
-  if (!writeSavedFile(std::move(saved), file, bytes)) {
+  if (!writeSavedFile(std::move(saved), bytes)) {
     logMessage("error writing VBR data%s", "");
     return kSaveWriteFailed;
   }
@@ -156,7 +155,7 @@ int32_t write_mbr_to_file(const char* device, const char* file) try {
     logMessage("could not open %s\n", file);
     return kFailed;
   }
-  if (!writeSavedFile(std::move(saved), file, bytes)) {
+  if (!writeSavedFile(std::move(saved), bytes)) {
     logMessage("error writing MBR data%s", "");
     return kFailed;
   }

@@ -29,8 +29,8 @@ thread_local LogCapture* innermostCapture = nullptr;
 
 // The log has a predictable name in a folder that everyone may write, and root appends to it. So a link in its place is
 // not followed, a FIFO does not block us, and only a regular file is written, and none that has another name as well: a
-// hard link could be to anybody's file. The file is created in a step of its own:
-// the kernel may refuse root an O_CREAT open of a file that another user made there, while a plain open is allowed.
+// hard link could be to anybody's file. The file is created in a step of its own: the kernel may refuse root an O_CREAT
+// open of a file that another user made there, while a plain open is allowed.
 int openLog(const char* path) {
   constexpr int kFlags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
   constexpr mode_t kMode = 0666;  // less the process's umask
@@ -41,7 +41,7 @@ int openLog(const char* path) {
   }
   if (descriptor < 0) return -1;
   struct stat status = {};
-  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1) {
+  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink > 1) {
     close(descriptor);
     return -1;
   }

@@ -18,11 +18,6 @@ namespace {
 
 constexpr std::array<const char*, 4> kCaseBlindFileSystems = {"ntfs", "msdos", "MS-DOS", "exfat"};
 
-bool isCaseBlindDisk(const std::shared_ptr<Disk>& disk) {
-  const std::optional<Dictionary> description = disk ? disk->copyDescription() : std::nullopt;
-  return description && isCaseBlind(description->text(kDescriptionVolumeKind).value_or(""));
-}
-
 }  // namespace
 
 bool isCaseBlind(std::string_view fileSystem) {
@@ -32,12 +27,13 @@ bool isCaseBlind(std::string_view fileSystem) {
 
 bool isCaseBlindDevice(const std::string& device) {
   const auto session = platform().diskArbitration->createSession();
-  return session && isCaseBlindDisk(session->diskFromBSDName(device));
+  const auto disk = session ? session->diskFromBSDName(device) : nullptr;
+  const auto description = disk ? disk->copyDescription() : std::nullopt;
+  return description && isCaseBlind(description->text(kDescriptionVolumeKind).value_or(""));
 }
 
 bool isCaseBlindMount(const std::string& mountPath) {
-  const auto session = platform().diskArbitration->createSession();
-  return session && isCaseBlindDisk(session->diskFromVolumePath(URL::fileURLWithPath(mountPath)));
+  return isCaseBlind(platform().diskArbitration->volumeKindAt(URL::fileURLWithPath(mountPath)).value_or(""));
 }
 
 std::vector<std::string> spellingsOf(const std::vector<std::string>& names, std::string_view name) {
@@ -55,6 +51,7 @@ std::string pathInAnySpelling(std::string folder, std::initializer_list<const ch
     if (!files->fileExistsAtPath(path)) {
       found = spellingsOf(files->contentsOfDirectoryAtPath(folder).value_or(std::vector<std::string>()), name);
     }
+    std::sort(found.begin(), found.end());  // where several stand there, the same one each time
     folder = found.empty() ? path : appendPathComponent(folder, found.front());
   }
   return folder;

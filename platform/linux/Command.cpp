@@ -22,7 +22,7 @@ namespace vorlix {
 namespace {
 
 constexpr size_t kMostErrors = 4096;
-constexpr const char* kSystemPath = "/usr/sbin:/usr/bin:/sbin:/bin";
+constexpr const char* kSystemPath = "/usr/sbin:/usr/bin:/sbin:/bin:/usr/local/sbin:/usr/local/bin";
 // Numbers that descriptors must have so that none is overwritten while the program's own are put in place.
 constexpr int kAboveTheProgramsOwn = kSharedDescriptor + 1;
 

@@ -76,10 +76,7 @@ PartitionTable readPartitionTable(int descriptor, uint64_t diskSize, uint32_t bl
   blkid_probe_set_sectorsize(probe.get(), blockSize);
   blkid_probe_enable_superblocks(probe.get(), 0);
   blkid_probe_enable_partitions(probe.get(), 1);
-  if (!gptHeaderLBA(descriptor, diskSize, blockSize)) {
-    // The slots of a hybrid MBR whose GPT is lost are no slices.
-    return hasProtectiveSlot(descriptor) ? PartitionTable{} : tableOf(probe.get());
-  }
+  if (!gptHeaderLBA(descriptor, diskSize, blockSize)) return tableOf(probe.get());
 
   char gpt[] = "gpt";
   char* onlyGPT[] = {gpt, nullptr};

@@ -20,8 +20,6 @@ class BlockAlignedHandle final : public DeviceHandle {
   ssize_t readAt(void* buffer, size_t count, uint64_t offset) override;
   ssize_t writeAt(const void* buffer, size_t count, uint64_t offset) override;
   int sync() override { return device_->sync(); }
-  /// Raw nodes keep nothing in memory.
-  ssize_t readMediumAt(void* buffer, size_t count, uint64_t offset) override { return readAt(buffer, count, offset); }
   std::optional<DeviceIdentity> identity() override { return device_->identity(); }
   std::optional<uint64_t> size() override { return device_->size(); }
   int close() override { return device_->close(); }

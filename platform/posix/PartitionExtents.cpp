@@ -103,16 +103,11 @@ std::optional<uint64_t> gptHeaderLBA(int descriptor, uint64_t diskSize, uint32_t
   return std::nullopt;
 }
 
-bool hasProtectiveSlot(int descriptor) {
-  return isProtected(readBlock(descriptor, 0, 512));
-}
-
 std::optional<Extent> partitionExtent(int descriptor, uint64_t diskSize, uint32_t blockSize, uint32_t number) {
   if (number == 0 || blockSize == 0) return std::nullopt;
   if (const auto headerLBA = gptHeaderLBA(descriptor, diskSize, blockSize)) {
     return gptExtent(descriptor, *headerLBA, diskSize, blockSize, number);
   }
-  if (hasProtectiveSlot(descriptor)) return std::nullopt;
   return mbrExtent(descriptor, diskSize, blockSize, number);
 }
 

@@ -22,9 +22,6 @@ uint32_t imageBlockSize(int descriptor);
 /// LBA of the GPT header that tells where the slices are: 1, or that of the disk's last block. Absent without a GPT.
 std::optional<uint64_t> gptHeaderLBA(int descriptor, uint64_t diskSize, uint32_t blockSize);
 
-/// Whether sector 0 leaves the slices to a GPT, be there one or not.
-bool hasProtectiveSlot(int descriptor);
-
 /// Slice `number` (from 1) of a disk of `diskSize` bytes: of its GPT, else of its MBR (1 to 4). Cut at the end of the
 /// disk; absent when there is no such slice or it starts past the end.
 std::optional<Extent> partitionExtent(int descriptor, uint64_t diskSize, uint32_t blockSize, uint32_t number);

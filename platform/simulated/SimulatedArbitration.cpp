@@ -153,6 +153,16 @@ class SimulatedArbitration final : public DiskArbitration {
     return std::make_shared<SimulatedSession>(state_);
   }
 
+  // Looked up without a session, so that the journal tells only of those that the library opens.
+  std::optional<std::string> volumeKindAt(const URL& path) override {
+    const auto [first, end] = state_->devicesByMountPath.equal_range(path.path());
+    for (auto device = first; device != end; ++device) {
+      const auto& volume = state_->view(device->second).volume;
+      if (volume && volume->mounted && volume->mountPath == path.path()) return volume->kind;
+    }
+    return std::nullopt;
+  }
+
  private:
   std::shared_ptr<SimulatedState> state_;
 };

@@ -89,8 +89,6 @@ class SimulatedHandle final : public DeviceHandle {
 
   int sync() override { return state_->note(Operation::sync, name_, "") == 0 ? 0 : -1; }
 
-  ssize_t readMediumAt(void* buffer, size_t count, uint64_t offset) override { return readAt(buffer, count, offset); }
-
   std::optional<DeviceIdentity> identity() override { return DeviceIdentity{window_.disk, window_.offset}; }
 
   std::optional<uint64_t> size() override { return window_.size; }

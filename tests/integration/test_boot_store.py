@@ -167,7 +167,7 @@ class Written(StoreTest):
     def test_a_folder_for_mounts_with_a_long_path(self):
         disk = self.mac()
         template = self.file("template", template_bytes())
-        long = self.runtime
+        long = self.state
         for _ in range(3):
             long = os.path.join(long, "m" * 100)
             os.mkdir(long, 0o700)

@@ -151,18 +151,23 @@ class LostHeader(DamageTest):
         self.assert_refused_unless_forced(path, "second copy")
         self.assertEqual(gpt.read_at(path, WINDOWS_FIRST * 512 + 28, 4), WINDOWS_FIRST.to_bytes(4, "little"))
 
-    def test_a_protected_disk_without_any_gpt_has_no_slices(self):
+    def test_a_protected_disk_without_any_gpt_is_not_written_to(self):
         path = self.mac_image()
         self.hybrid(path, WINDOWS)
+        saved = self.path("saved.vbr")
+        self.vorlix_ok("vbr", "save", f"{path}s{WINDOWS}", saved)
         self.lose(path)
         gpt.write_at(path, LAST, bytes(512))
         self.assertEqual(self.codes(path), ["gpt-missing"])
         self.assertIsNone(self.show(path)["gpt"])
-        for number in (1, 2, 3, 4):
-            result = self.vorlix_run("show", f"{path}s{number}")
-            self.assertEqual(result.returncode, 2, result.stdout)
-            self.assertIn("No such file or directory", result.stderr)
+        before = images.content_hash(path)
+        result = self.vorlix_run("vbr", "restore", "--force", saved, f"{path}s1")
+        self.assertEqual(result.returncode, 2, result.stdout)
+        result = self.vorlix_run("vbr", "restore", saved, f"{path}s{WINDOWS}")
+        self.assertEqual(result.returncode, 2, result.stdout)
+        self.assertIn("GPT", result.stderr)
         self.assertIn("has no GPT", self.hybrid(path, WINDOWS, "--force", expect=2).stderr)
+        self.assertEqual(images.content_hash(path), before)
 
     def test_a_dos_disk_with_a_left_over_copy_keeps_its_own_slices(self):
         path = self.mac_image()

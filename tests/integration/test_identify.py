@@ -221,8 +221,10 @@ class Images(IdentifyTest):
         disk = self.give(tools.sgdisk_image(os.path.join(folder, "mac.img"), MAC))
         self.assert_whole(disk, disk, disk)
         self.assert_whole("/dev/" + disk, disk, disk)
-        for form in (disk, "/dev/" + disk, os.path.relpath(disk)):
-            self.assertEqual(self.assert_slice(form + "s3", disk, disk, 3)["mediumType"], self.identify(disk)["mediumType"])
+        relative = os.path.relpath(disk)
+        for form, name in ((disk, disk), ("/dev/" + disk, disk), (relative, os.path.join(os.getcwd(), relative))):
+            shown = self.assert_slice(form + "s3", disk, name, 3)
+            self.assertEqual(shown["mediumType"], self.identify(disk)["mediumType"])
 
     def test_a_relative_name_below_a_folder_that_cannot_be_passed(self):
         if not volumes.IS_ROOT:

@@ -30,8 +30,6 @@ class RawNode final : public DeviceHandle {
     return takes(count, offset) ? device_->writeAt(buffer, count, offset) : -1;
   }
   int sync() override { return device_->sync(); }
-  ssize_t readMediumAt(void* buffer, size_t count, uint64_t offset) override { return readAt(buffer, count, offset); }
-  std::optional<DeviceIdentity> identity() override { return std::nullopt; }
   std::optional<uint64_t> size() override { return device_->size(); }
   int close() override { return device_->close(); }
 

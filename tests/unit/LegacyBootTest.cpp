@@ -115,7 +115,7 @@ TEST_F(LegacyBootTest, SecondRunFindsEverythingAndCopiesNothing) {
   machine.clearJournal();
   EXPECT_EQ(setUp(), 0);
   EXPECT_EQ(log(), start());
-  EXPECT_THAT(copies(), IsEmpty());
+  EXPECT_THAT(machine.journal(), IsEmpty());
   EXPECT_EQ(content("boot/BCD"), "store");
 }
 
@@ -143,7 +143,7 @@ TEST_F(LegacyBootTest, DestinationsThatAreThereAreLeftSilently) {
   makeFile("volume/boot/BCD", {'o', 'l', 'd'});
   EXPECT_EQ(setUp(), 0);
   EXPECT_EQ(log(), start() + copying(2) + copying(4));
-  EXPECT_THAT(copies(), ElementsAre(copyLine(2), copyLine(4)));
+  EXPECT_THAT(machine.journal(), ElementsAre(copyLine(2), copyLine(4)));
   EXPECT_EQ(content("boot/BCD"), "old");
   EXPECT_FALSE(exists("boot/memtest.exe"));
 }

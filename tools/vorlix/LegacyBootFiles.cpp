@@ -79,7 +79,11 @@ std::vector<Row> lookUp(const VolumeFolder& root, const std::string& store) {
   findSource(root, {"Windows", "Boot", "Fonts"}, 0, rows[1]);
   rows[2].source = store;
   struct stat status = {};
-  if (stat(store.c_str(), &status) == 0) rows[2].status = status;
+  if (stat(store.c_str(), &status) == 0) {
+    rows[2].status = status;
+  } else if (errno != ENOENT) {
+    throw Failure(store, std::strerror(errno), kNothingCopied);
+  }
   findSource(root, {"Windows", "Boot", "PCAT", "bootmgr"}, 0, rows[3]);
 
   findDestination(root, kBoot, rows[0]);

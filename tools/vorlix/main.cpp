@@ -68,7 +68,8 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kDone : kError;
   } catch (const Failure& failure) {
-    complain(failure.text(onlyLooks(app), finishedEarlierChange() ? "nothing else was written" : kNothingWritten));
+    complain(
+        failure.text(onlyLooks(app), finishedEarlierChange() ? "nothing else was written" : vorlix::kNothingWritten));
     return kError;
   } catch (const std::exception& error) {
     complain(error.what());
