@@ -42,20 +42,25 @@ class Application {
     return finish();
   }
 
-  // Makes the change, whatever part of it stands there already.
-  std::optional<ChangeFailure> finish() {
+  // Makes the change, whatever part of it stands there already. A journal that `stays` may be another disk's, too.
+  std::optional<ChangeFailure> finish(bool stays = false) {
     auto failure = put(Image::after);
     if (!failure) {
-      journal_.remove();
+      if (!stays) journal_.remove();
       return std::nullopt;
     }
-    if (!put(Image::before)) {
-      journal_.remove();
+    // A write may end anywhere, so that each byte is looked at by itself.
+    Standing standing = Standing::mixed;
+    const bool isForeign = !look(standing, 1) && standing == Standing::foreign;
+    if (!isForeign && !put(Image::before)) {
+      if (!stays) journal_.remove();
       failure->state = "what was written was put back, so that nothing is changed";
       return failure;
     }
-    failure->state =
-        whatStands() + "; the next command on this disk finishes the change, which is kept in " + journal_.folder();
+    failure->state = whatStands() + "; ";
+    failure->state += isForeign ? "somebody else wrote there meanwhile, so nothing was put back; the change is kept in "
+                                : "the next command on this disk finishes the change, which is kept in ";
+    failure->state += journal_.folder();
     return failure;
   }
 
@@ -69,9 +74,9 @@ class Application {
     return failure;
   }
 
-  // What a process that was cut off left on the medium.
+  // What a process that was cut off left on the medium, where sectors, or runs of `unit` bytes, are written whole.
   enum class Standing { before, mixed, foreign };
-  std::optional<ChangeFailure> look(Standing& standing) const {
+  std::optional<ChangeFailure> look(Standing& standing, size_t unit = kSector) const {
     standing = Standing::before;
     for (const JournalRun& run : journal_.runs()) {
       Bytes before;
@@ -84,7 +89,7 @@ class Application {
       size_t length = 0;
       for (size_t at = 0; at < now.size(); at += length) {
         // As far as the sector goes that it lies in, which a run may begin or end within.
-        length = std::min(kSector - static_cast<size_t>((run.offset + at) % kSector), now.size() - at);
+        length = std::min(unit - static_cast<size_t>((run.offset + at) % unit), now.size() - at);
         if (std::memcmp(now.data() + at, before.data() + at, length) == 0) continue;
         if (std::memcmp(now.data() + at, after.data() + at, length) != 0) {
           standing = Standing::foreign;
@@ -243,21 +248,66 @@ std::unique_ptr<DeviceHandle> openJournalDevice(const JournalDevice& wanted, Dev
   return std::make_unique<WindowHandle>(disk, *wanted.identity.offset - *diskIdentity.offset);
 }
 
+using Handles = std::vector<std::unique_ptr<DeviceHandle>>;
+
+std::vector<DeviceHandle*> pointersTo(const Handles& handles) {
+  std::vector<DeviceHandle*> pointers;
+  for (const auto& handle : handles) pointers.push_back(handle.get());
+  return pointers;
+}
+
+// The devices of a journal for another disk in the same places of this one. Empty where they have none.
+Handles placesOn(DeviceHandle& disk, const DeviceIdentity& identity, const Journal& journal) {
+  Handles places;
+  for (const JournalDevice& device : journal.devices()) {
+    const bool isOneDisk = device.identity.disk == journal.devices().front().identity.disk;
+    if (!isOneDisk || !device.identity.offset || !identity.offset || *device.identity.offset < *identity.offset) {
+      return {};
+    }
+    places.push_back(std::make_unique<WindowHandle>(disk, *device.identity.offset - *identity.offset));
+  }
+  return places;
+}
+
+// Whether the disk holds a part of a change that was begun on it under another identity: numbers of disks change with
+// each attachment, and an image may have been copied. Bytes from before and after the change in all its places tell.
+bool holdsPartOf(Journal& journal, DeviceHandle& disk, const DeviceIdentity& identity) {
+  const Handles places = placesOn(disk, identity, journal);
+  Application::Standing standing = Application::Standing::before;
+  return !places.empty() && !Application(journal, pointersTo(places)).look(standing) &&
+         standing == Application::Standing::mixed;
+}
+
+// Whether the disk that a journal is for is still attached under the name that it had.
+bool isDiskThere(const Journal& journal) {
+  const JournalDevice& device = journal.devices().front();
+  const auto handle = platform().deviceFile->open(device.name, DeviceAccess::readOnly, DeviceLock::none);
+  return handle && handle->identity() == device.identity;
+}
+
+bool isStillThere(const std::string& folder) {
+  const std::vector<std::string> folders = journalFolders();
+  return std::find(folders.begin(), folders.end(), folder) != folders.end();
+}
+
 std::optional<ChangeFailure> settle(Journal& journal, DeviceHandle& disk, const DeviceIdentity& identity,
                                     std::vector<std::string>& finished) {
-  std::vector<std::unique_ptr<DeviceHandle>> opened;
-  std::vector<DeviceHandle*> handles;
   const std::string unsettled = "an earlier change (" + journal.title() + ") was cut off, ";
-  for (const JournalDevice& device : journal.devices()) {
+  const bool isOwn = isFor(journal, identity);
+  Handles opened;
+  if (!isOwn) opened = placesOn(disk, identity, journal);
+  for (size_t i = opened.size(); i < journal.devices().size(); ++i) {
+    const JournalDevice& device = journal.devices()[i];
     opened.push_back(openJournalDevice(device, disk, identity));
-    if (!opened.back()) {
-      return ChangeFailure{device.name, unsettled + "and this device of it is not there to finish it", kNothingWritten};
-    }
-    handles.push_back(opened.back().get());
+    if (opened.back()) continue;
+    return ChangeFailure{device.name, unsettled + "and this device of it is not there to finish it", kNothingWritten};
   }
-  Application application(journal, handles);
+  Application application(journal, pointersTo(opened));
   Application::Standing standing = Application::Standing::before;
-  if (auto failure = application.look(standing)) return failure;
+  if (auto failure = application.look(standing)) {
+    failure->reason = unsettled + "and cannot be finished from " + journal.folder() + ": " + failure->reason;
+    return failure;
+  }
   if (standing == Application::Standing::foreign) {
     return ChangeFailure{journal.devices().front().name,
                          unsettled + "and somebody else wrote there meanwhile; remove " + journal.folder() +
@@ -265,7 +315,8 @@ std::optional<ChangeFailure> settle(Journal& journal, DeviceHandle& disk, const 
                          kNothingWritten};
   }
   if (standing == Application::Standing::before) return application.putBack();
-  if (auto failure = application.finish()) return failure;
+  // A copy of the disk is as half-written as the disk itself, which still needs the journal.
+  if (auto failure = application.finish(!isOwn && isDiskThere(journal))) return failure;
   finished.push_back(journal.title());
   return std::nullopt;
 }
@@ -312,7 +363,9 @@ std::vector<InterruptedChange> interruptedChanges(DeviceHandle& device) {
   for (const std::string& folder : journalFolders()) {
     std::optional<ChangeFailure> failure;
     const auto journal = Journal::open(folder, failure);
-    if (journal && isFor(*journal, *identity)) found.push_back({journal->title(), folder});
+    if (!journal && isStillThere(folder)) found.push_back({"of a journal that cannot be read", folder});
+    if (!journal || !(isFor(*journal, *identity) || holdsPartOf(*journal, device, *identity))) continue;
+    found.push_back({journal->title(), folder});
   }
   return found;
 }
@@ -324,7 +377,11 @@ std::optional<ChangeFailure> settleInterruptedChanges(const std::string& name, D
   for (const std::string& folder : journalFolders()) {
     std::optional<ChangeFailure> damaged;
     const auto journal = Journal::open(folder, damaged);
-    if (!journal || !isFor(*journal, *identity)) continue;
+    if (!journal && isStillThere(folder)) {
+      damaged->reason += ", and which disk it is for cannot be told; move it away once your disks are as you want them";
+      return damaged;
+    }
+    if (!journal || !(isFor(*journal, *identity) || holdsPartOf(*journal, device, *identity))) continue;
     if (!journal->lock()) {
       return ChangeFailure{name, "another process is changing this disk (" + journal->title() + ")", kNothingWritten};
     }

@@ -282,6 +282,7 @@ std::optional<ChangeFailure> JournalWriter::add(size_t device, uint64_t offset, 
 std::optional<ChangeFailure> JournalWriter::commit(std::unique_ptr<Journal>& journal) {
   const std::string folder = journal_->folder_;
   const std::string text = manifestOf(*journal_).dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+  if (text.size() > kLargestManifest) return ChangeFailure{folder, "the change has too many parts", kNothingWritten};
   const Descriptor manifest = newFile(folder + kManifest);
   const bool isOnMedium = manifest &&
                           writeAll(manifest.get(), reinterpret_cast<const uint8_t*>(text.data()), text.size()) &&

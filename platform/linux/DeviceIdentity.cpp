@@ -20,9 +20,20 @@ std::string numbers(uint64_t major, uint64_t minor) {
   return std::to_string(major) + ":" + std::to_string(minor);
 }
 
+// A device number passes to another disk when this one is taken off, and at the next start of the machine: the kernel
+// counts the disks that were attached since.
+std::string identityOfDisk(const std::string& number) {
+  std::string text = "block " + number;
+  if (const auto attached = readWholeNumber("/sys/dev/block/" + number + "/diskseq")) {
+    text += " attached as " + std::to_string(*attached);
+  }
+  if (const auto start = readTrimmed("/proc/sys/kernel/random/boot_id")) text += " since " + *start;
+  return text;
+}
+
 DeviceIdentity identityOfNode(dev_t number, uint64_t offset) {
   const fs::path device = "/sys/dev/block/" + numbers(major(number), minor(number));
-  DeviceIdentity identity{"block " + numbers(major(number), minor(number)), offset};
+  DeviceIdentity identity{identityOfDisk(numbers(major(number), minor(number))), offset};
   if (!readWholeNumber(device / "partition")) return identity;
   // A partition's folder lies in its disk's.
   std::error_code error;
@@ -30,7 +41,7 @@ DeviceIdentity identityOfNode(dev_t number, uint64_t offset) {
   const std::optional<uint64_t> start = readWholeNumber(device / "start");
   const std::optional<std::string> disk = readTrimmed(folder.parent_path() / "dev");
   if (error || !start || !disk) return {identity.disk, std::nullopt};
-  return {"block " + *disk, *start * kSysfsSector + offset};
+  return {identityOfDisk(*disk), *start * kSysfsSector + offset};
 }
 
 }  // namespace

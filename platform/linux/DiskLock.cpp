@@ -4,15 +4,18 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <tuple>
 #include <utility>
 
 #include "../posix/Descriptor.h"
+#include "SystemFiles.h"
 
 namespace vorlix {
 namespace {
@@ -48,13 +51,20 @@ HeldLocks& heldLocks() {
   return *instance;
 }
 
-}  // namespace
+// The file whose bytes a loop device shows. Absent for other devices.
+std::optional<std::string> backingFileOf(const struct stat& status) {
+  if (!S_ISBLK(status.st_mode)) return std::nullopt;
+  return readTrimmed("/sys/dev/block/" + std::to_string(major(status.st_rdev)) + ":" +
+                     std::to_string(minor(status.st_rdev)) + "/loop/backing_file");
+}
 
-std::shared_ptr<void> lockWholeDisk(const std::string& path, DeviceLock lock) {
-  struct stat status = {};
-  if (stat(path.c_str(), &status) != 0) return nullptr;
-  HeldLocks& held = heldLocks();
-  const std::lock_guard guard(held.mutex);
+// A loop device and its file hold the same bytes, so that a lock is on both.
+struct LockedBoth {
+  std::shared_ptr<Lock> device;
+  std::shared_ptr<Lock> file;
+};
+
+std::shared_ptr<Lock> lockOne(HeldLocks& held, const std::string& path, const struct stat& status, DeviceLock lock) {
   std::weak_ptr<Lock>& slot = held.locks[keyOf(status)];
   if (std::shared_ptr<Lock> mine = slot.lock()) {
     if (mine->covers(lock)) return mine;
@@ -76,6 +86,22 @@ std::shared_ptr<void> lockWholeDisk(const std::string& path, DeviceLock lock) {
   auto mine = std::make_shared<Lock>(descriptor, exclusive);
   slot = mine;
   return mine;
+}
+
+}  // namespace
+
+std::shared_ptr<void> lockWholeDisk(const std::string& path, DeviceLock lock) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) return nullptr;
+  HeldLocks& held = heldLocks();
+  const std::lock_guard guard(held.mutex);
+  const std::shared_ptr<Lock> device = lockOne(held, path, status, lock);
+  const std::optional<std::string> file = device ? backingFileOf(status) : std::nullopt;
+  if (!file || stat(file->c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return device;
+  const std::shared_ptr<Lock> behind = lockOne(held, *file, status, lock);
+  if (behind) return std::make_shared<LockedBoth>(LockedBoth{device, behind});
+  // A file that is closed to this user is locked by nobody on this user's behalf.
+  return errno == EWOULDBLOCK ? nullptr : device;
 }
 
 }  // namespace vorlix

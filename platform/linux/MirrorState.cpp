@@ -112,9 +112,10 @@ std::optional<MirrorState> decodeMirrorState(std::string_view bytes) {
   state.digest = reader.number<uint64_t>();
   state.baseline = reader.tree();
   if (reader.number<int>() != 0) {
-    MirrorState::Written& written = state.written.emplace();
+    MirrorState::Written written;
     written.digest = reader.number<uint64_t>();
     written.tree = reader.tree();
+    state.written = std::move(written);
   }
   if (!reader.good()) return std::nullopt;
   return state;

@@ -226,6 +226,21 @@ TEST_F(ChangeTest, AWriteThatAlwaysFailsIsPutBackAndDoesNotBlockTheDisk) {
   EXPECT_THAT(journals(), IsEmpty());
 }
 
+TEST_F(ChangeTest, PuttingBackLeavesAloneWhatSomebodyElseWroteMeanwhile) {
+  const DiskChange change = twoWrites();
+  slice->beforeWrite = [&] {
+    machine.setBytes("disk0", 100, {0x99});
+    return EIO;
+  };
+  const auto failure = applyChange(change);
+  ASSERT_TRUE(failure);
+  EXPECT_THAT(failure->state, HasSubstr("somebody else wrote there meanwhile, so nothing was put back"));
+  Bytes expected = expectedDisk(true, false);
+  expected[100] = 0x99;
+  EXPECT_EQ(wholeDisk(), expected);
+  EXPECT_EQ(journals().size(), 1U);
+}
+
 TEST_F(ChangeTest, AShortWriteIsPutBackOrLeftToTheNext) {
   const DiskChange change = twoWrites();
   machine.shortenWrites("disk0s3", 3);
@@ -369,11 +384,53 @@ TEST_F(ChangeTest, ADamagedJournalIsToldAndNothingWritten) {
     const auto failure = settle();
     ASSERT_TRUE(failure) << file;
     EXPECT_EQ(failure->subject, folder);
-    EXPECT_EQ(failure->reason, "the journal is damaged");
+    EXPECT_THAT(failure->reason, HasSubstr("the journal is damaged"));
     EXPECT_THAT(machine.writes(), IsEmpty());
     fs::remove_all(folder);
     machine.setBytes("disk0", 0, Bytes(512, kOld));
   }
+}
+
+TEST_F(ChangeTest, AJournalThatCannotBeReadStopsEveryWriter) {
+  const std::string folder = committed(twoWrites())->folder();
+  fs::resize_file(folder + "/manifest.json", 20);
+  machine.addDisk("disk1", 1 << 20, 512);
+  const auto failure = settle("disk1");
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->subject, folder);
+  EXPECT_THAT(failure->reason, HasSubstr("which disk it is for cannot be told"));
+  const auto told = interruptedChanges(*open("disk1"));
+  ASSERT_EQ(told.size(), 1U);
+  EXPECT_EQ(told[0].journal, folder);
+  fs::remove_all(folder);
+  EXPECT_FALSE(settle("disk1"));
+}
+
+// Numbers of disks change with each attachment, and an image may be copied back.
+TEST_F(ChangeTest, AHalfWrittenDiskIsKnownUnderAnotherName) {
+  committed(twoWrites()).reset();
+  machine.setBytes("disk0", 0, Bytes(512, kNew));
+  machine.addDisk("disk7", kDisk, 512);
+  machine.setBytes("disk7", 0, wholeDisk());
+  EXPECT_FALSE(settle("disk7"));
+  EXPECT_THAT(finished, ElementsAre("hybrid MBR of disk0"));
+  EXPECT_EQ(machine.bytes("disk7", 0, kDisk), expectedDisk(true, true));
+  EXPECT_EQ(wholeDisk(), expectedDisk(true, false)) << "another disk";
+  EXPECT_EQ(journals().size(), 1U) << "disk0 still needs it";
+  EXPECT_FALSE(settle());
+  EXPECT_EQ(wholeDisk(), expectedDisk(true, true));
+  EXPECT_THAT(journals(), IsEmpty());
+}
+
+TEST_F(ChangeTest, ADiskThatIsAsBeforeIsNotTakenForAnotherOne) {
+  committed(twoWrites()).reset();
+  machine.setBytes("disk0", 0, Bytes(512, kNew));
+  machine.addDisk("disk7", kDisk, 512);
+  machine.setBytes("disk7", 0, Bytes(kDisk, kOld));
+  EXPECT_FALSE(settle("disk7"));
+  EXPECT_THAT(finished, IsEmpty());
+  EXPECT_EQ(machine.bytes("disk7", 0, kDisk), Bytes(kDisk, kOld));
+  EXPECT_EQ(journals().size(), 1U);
 }
 
 TEST_F(ChangeTest, AnotherDisksJournalIsNoneOfThis) {
