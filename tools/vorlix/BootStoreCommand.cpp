@@ -107,8 +107,8 @@ void finishInterruptedChanges(const std::string& slice) {
   if (!interruptedChanges(*handle).empty()) openToChange(slice);
 }
 
-void saveOld(const StoreOptions& options, const ByteVector& old) {
-  const std::string saved = saveNamed(options.backupFolder, backupNameOf(options.disk) + "s1-BCD", old);
+void saveOld(const StoreOptions& options, const StorePlan& plan, const ByteVector& old) {
+  const std::string saved = saveNamed(options.backupFolder, backupNameOf(plan.efi) + "-BCD", old);
   std::printf("Saved      %s\n", printable(saved).c_str());
   std::fflush(stdout);
 }
@@ -144,7 +144,7 @@ bool putStore(const StoreOptions& options, const StorePlan& plan, const MountedE
   FileReplacement replacement(folder, name);
   if (old == plan.store) return false;
   checkRoom(efi, plan, old);
-  if (!options.backupFolder.empty() && old) saveOld(options, *old);
+  if (!options.backupFolder.empty() && old) saveOld(options, plan, *old);
   replacement.replaceBy(plan.store);
   return true;
 }
