@@ -33,6 +33,11 @@ class VolumeMirrors {
   /// Those of this user, in the order in which they were made.
   virtual std::vector<VolumeMirror> mirrors() = 0;
 
+  /// Finishes what an unmount that was cut off began to write to the mirror's volume, so that `changes` of mirrors()
+  /// are afterwards what the volume really lacks. @return why it cannot be finished; absent for success, or nothing to
+  /// do.
+  virtual std::optional<Dissenter> settle(const VolumeMirror& mirror) = 0;
+
   /// Removes a mirror with all that was changed in it. @return why it was refused; absent for success.
   virtual std::optional<Dissenter> discard(const VolumeMirror& mirror) = 0;
 };
@@ -41,6 +46,7 @@ class VolumeMirrors {
 class NoVolumeMirrors final : public VolumeMirrors {
  public:
   std::vector<VolumeMirror> mirrors() override { return {}; }
+  std::optional<Dissenter> settle(const VolumeMirror&) override { return std::nullopt; }
   std::optional<Dissenter> discard(const VolumeMirror&) override { return Dissenter{kDissentNotMounted, ""}; }
 };
 

@@ -61,6 +61,19 @@ bool isFolder(const std::string& path) {
   return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
+int64_t nanoseconds(const struct statx_timestamp& time) {
+  return int64_t{time.tv_sec} * 1000000000 + int64_t{time.tv_nsec};
+}
+
+std::optional<FolderIdentity> identityOfFolder(const std::string& path) {
+  struct statx status = {};
+  const unsigned wanted = STATX_TYPE | STATX_INO | STATX_BTIME;
+  if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, wanted, &status) != 0) return std::nullopt;
+  if (!S_ISDIR(status.stx_mode)) return std::nullopt;
+  const bool isBirthKnown = (status.stx_mask & STATX_BTIME) != 0;
+  return FolderIdentity{status.stx_ino, isBirthKnown ? nanoseconds(status.stx_btime) : 0};
+}
+
 bool readWhole(const std::string& path, std::string& bytes) {
   std::ifstream file(path, std::ios::binary);
   if (!file) return false;
@@ -78,9 +91,13 @@ std::optional<MirrorState> savedState(const std::string& folder) {
 std::optional<MirrorState> standingState(const std::string& folder) {
   std::optional<MirrorState> state = savedState(folder);
   if (!state || state->leaving) return std::nullopt;
-  if (isFolder(state->folder)) return state;
-  state->folder = folder + kLeaving;
-  return isFolder(state->folder) ? state : std::nullopt;
+  const std::string leaving = folder + kLeaving;
+  if (isFolderOf(*state, leaving)) {
+    state->folder = leaving;
+  } else if (!isFolder(state->folder)) {
+    return std::nullopt;
+  }
+  return state;
 }
 
 bool syncFolder(const std::string& folder) {
@@ -139,10 +156,6 @@ std::string freeFolder(const std::string& volumes, const std::string& name, cons
   return candidate;
 }
 
-int64_t nanoseconds(const struct statx_timestamp& time) {
-  return int64_t{time.tv_sec} * 1000000000 + int64_t{time.tv_nsec};
-}
-
 // When a mirror was made. Where its file system does not tell, the time at which the state was last written is near
 // that: it is written again only by a write-back.
 int64_t birthOf(const std::string& folder, const fs::path& state) {
@@ -192,6 +205,14 @@ std::optional<std::string> mirrorKey(const DeviceLocation& location, Extent wind
   }
   return "image-" + std::to_string(status.stx_dev_major) + "-" + std::to_string(status.stx_dev_minor) + "-" +
          std::to_string(status.stx_ino) + "-" + birth + "-" + offset;
+}
+
+bool isFolderOf(const MirrorState& state, const std::string& path) {
+  const std::optional<FolderIdentity> found = identityOfFolder(path);
+  if (!found) return false;
+  // Numbers are given to new folders again, and some stacked file systems give a folder another one later.
+  if (found->birth != 0 && state.made.birth != 0) return found->birth == state.made.birth;
+  return found->inode == state.made.inode;
 }
 
 std::vector<FoundMirror> findMirrors() {
@@ -284,8 +305,8 @@ Refusal MirrorPlace::recover() {
   state_ = decodeMirrorState(bytes);
   if (!state_) return Dissenter{kDissentError, folder_ + kState + " is damaged"};
   if (state_->leaving) return remove();
+  if (isFolderOf(*state_, leaving)) return putBack();
   if (isFolder(state_->folder)) return std::nullopt;
-  if (isFolder(leaving)) return putBack();
   state_.reset();
   if (unlink((folder_ + kState).c_str()) != 0) return dissenterFor(errno, folder_);
   return std::nullopt;
@@ -319,6 +340,9 @@ Refusal MirrorPlace::keep(const std::string& name, MirrorState state) {
   const Descriptor lock(open(volumes.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!lock) return dissenterFor(errno, volumes);
   if (Refusal refusal = waitForLock(lock.get(), volumes)) return refusal;
+  const std::optional<FolderIdentity> made = identityOfFolder(folder_ + kMaking);
+  if (!made) return dissenterFor(errno, folder_ + kMaking);
+  state.made = *made;
   state.folder = freeFolder(volumes, name, folder_);
   if (state.folder.empty()) return dissenterFor(EEXIST, volumes + "/" + name);
   if (Refusal refusal = save(state)) return refusal;

@@ -20,6 +20,9 @@
 
 namespace vorlix {
 
+/// Whether the folder at `path` is the one that a mirror was made in, and not another one of that name.
+bool isFolderOf(const MirrorState& state, const std::string& path);
+
 /// The folder of one volume, locked against other processes and threads for as long as this object lives. Nobody who
 /// works on another volume waits for it.
 class MirrorPlace {

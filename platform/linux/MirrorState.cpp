@@ -7,7 +7,7 @@
 namespace vorlix {
 namespace {
 
-constexpr const char* kFormat = "vorlix mirror 3";
+constexpr const char* kFormat = "vorlix mirror 4";
 
 // A state is a row of texts, each ended by a zero byte, since file names hold any other one.
 class FieldWriter {
@@ -87,6 +87,8 @@ std::string encodeMirrorState(const MirrorState& state) {
   writer.add(kFormat);
   writer.add(state.device);
   writer.add(state.folder);
+  writer.addNumber(state.made.inode);
+  writer.addNumber(state.made.birth);
   writer.addNumber(int{state.readOnly});
   writer.addNumber(int{state.leaving});
   writer.addNumber(state.identity);
@@ -106,6 +108,8 @@ std::optional<MirrorState> decodeMirrorState(std::string_view bytes) {
   if (reader.text() != kFormat) return std::nullopt;
   state.device = reader.text();
   state.folder = reader.text();
+  state.made.inode = reader.number<uint64_t>();
+  state.made.birth = reader.number<int64_t>();
   state.readOnly = reader.number<int>() != 0;
   state.leaving = reader.number<int>() != 0;
   state.identity = reader.number<uint64_t>();

@@ -17,9 +17,16 @@
 
 namespace vorlix {
 
+/// What tells the folder of a mirror from another one that was put in its place. Moving the folder keeps both.
+struct FolderIdentity {
+  uint64_t inode = 0;
+  int64_t birth = 0;  ///< nanoseconds; 0 where the file system does not tell
+};
+
 struct MirrorState {
   std::string device;     ///< BSD name of the disk or slice
   std::string folder;     ///< the mirror, which is the mount point
+  FolderIdentity made;    ///< the folder that the volume's files were copied to
   bool readOnly = false;  ///< the medium could not be written when the mirror was made
 
   /// All that was changed is on the medium, or was thrown away: what is left of the mirror is to be removed.

@@ -3,6 +3,7 @@
 
 #include <sys/statvfs.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "DeviceFacts.h"
@@ -74,6 +75,25 @@ Refusal removeUnused(MirrorPlace& place, Check isAsItWas) {
   return stuck ? stuck : refusal;
 }
 
+bool holdsFiles(const MirrorTree& tree) {
+  return std::any_of(tree.begin(), tree.end(), [](const auto& entry) { return !entry.second.isFolder; });
+}
+
+// A folder that was emptied by mistake, or made again, looks like a wish to delete every file of the volume. Nobody can
+// take that back, so it is not taken for one.
+Refusal checkStillTheMirror(const MirrorState& state, const MirrorTree& tree) {
+  const std::string discard = "\"vorlix unmount --discard " + state.device + "\"";
+  if (!isFolderOf(state, state.folder)) {
+    return Dissenter{kDissentError, state.folder +
+                                        " is another folder than the one that the volume's files were copied to; put "
+                                        "that one back, or throw this one away with " +
+                                        discard};
+  }
+  if (holdsFiles(tree) || !holdsFiles(state.baseline)) return std::nullopt;
+  return Dissenter{kDissentError, "all files are gone from " + state.folder +
+                                      "; put one back, or leave the volume as it is with " + discard};
+}
+
 Dissenter notMounted(const std::string& name) {
   return {kDissentNotMounted, name + " is not mounted"};
 }
@@ -111,6 +131,7 @@ Refusal unmountMirror(const DeviceLocation& location, const std::string& key, ui
   if (Refusal refusal = checkUnused(folder)) return refusal;
   MirrorTree tree;
   if (Refusal refusal = scanMirror(folder, tree)) return refusal;
+  if (Refusal refusal = checkStillTheMirror(*place->state(), tree)) return refusal;
   const bool isUntouched = !place->state()->written && tree == place->state()->baseline;
   if (!isUntouched) {
     if (Refusal refusal = writeBack(location, *place, tree)) return refusal;

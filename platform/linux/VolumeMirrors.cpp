@@ -1,9 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VolumeMirrors.h"
 
+#include <fcntl.h>
+
+#include <cerrno>
+
+#include "BlockDevices.h"
+#include "FatVolume.h"
 #include "MirrorState.h"
 #include "MirrorTree.h"
 #include "MirroredVolume.h"
+#include "OpenedDevice.h"
+#include "VolumeDevice.h"
 
 namespace vorlix {
 namespace {
@@ -19,19 +27,36 @@ VolumeMirror::Volume standingOf(MirroredVolumeIs volume) {
   }
 }
 
+std::optional<DeviceLocation> deviceOf(const std::string& name) {
+  return locateDevice(name.starts_with("/") ? name : "/dev/" + name);
+}
+
+// The mirror's tree when the volume was the same: that of a write-back that came to its end on the volume, or else the
+// one before.
+const MirrorTree& treeOnVolume(const MirrorState& state) {
+  if (!state.written) return state.baseline;
+  const std::optional<DeviceLocation> location = deviceOf(state.device);
+  const std::optional<OpenedDevice> opened = location ? openLocation(*location, O_RDONLY) : std::nullopt;
+  FatVolume volume;
+  if (!opened || volume.read(opened->descriptor.get(), opened->window)) return state.baseline;
+  const bool isWritten = volume.identity() == state.identity && volume.digest() == state.written->digest;
+  return isWritten ? state.written->tree : state.baseline;
+}
+
 std::vector<std::string> changesIn(const MirrorState& state) {
+  const MirrorTree& onVolume = treeOnVolume(state);
   MirrorTree tree;
   std::vector<std::string> changes;
   if (const Refusal unread = scanMirror(state.folder, tree)) return {"unreadable: " + unread->text};
   for (const auto& [path, entry] : tree) {
-    const auto before = state.baseline.find(path);
-    if (before == state.baseline.end() || before->second.isFolder != entry.isFolder) {
+    const auto before = onVolume.find(path);
+    if (before == onVolume.end() || before->second.isFolder != entry.isFolder) {
       changes.push_back("new " + path);
     } else if (before->second != entry) {
       changes.push_back("changed " + path);
     }
   }
-  for (const auto& [path, entry] : state.baseline) {
+  for (const auto& [path, entry] : onVolume) {
     if (tree.find(path) == tree.end()) changes.push_back("removed " + path);
   }
   return changes;
@@ -46,6 +71,13 @@ std::vector<VolumeMirror> LinuxVolumeMirrors::mirrors() {
     mirrors.push_back({state.device, state.folder, standingOf(found.volume), changesIn(state)});
   }
   return mirrors;
+}
+
+std::optional<Dissenter> LinuxVolumeMirrors::settle(const VolumeMirror& mirror) {
+  // What was begun on a volume that is not there waits for it; another one in its place has nothing to do with it.
+  if (mirror.volume != VolumeMirror::Volume::there) return std::nullopt;
+  const std::optional<DeviceLocation> location = deviceOf(mirror.device);
+  return location ? settleVolume(*location) : dissenterFor(errno, mirror.device);
 }
 
 std::optional<Dissenter> LinuxVolumeMirrors::discard(const VolumeMirror& mirror) {

@@ -8,6 +8,7 @@ namespace vorlix {
 class LinuxVolumeMirrors final : public VolumeMirrors {
  public:
   std::vector<VolumeMirror> mirrors() override;
+  std::optional<Dissenter> settle(const VolumeMirror& mirror) override;
   std::optional<Dissenter> discard(const VolumeMirror& mirror) override;
 };
 

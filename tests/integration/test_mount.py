@@ -93,7 +93,7 @@ class Mirrored(MountTest):
         self.assert_volume(image, {"README.TXT": b"text", "FOLDER": None, "FOLDER/file": b"content"})
 
     def test_volumes_without_files(self):
-        """An empty volume, one with folders only, and one whose last file is deleted."""
+        """An empty volume, one with folders only, and those whose last file is replaced by another one."""
         for number, tree in enumerate(({}, {"EFI": None, "EFI/Boot": None}, {"only": b"x"}, {"A": None, "A/only": b"x"})):
             with self.subTest(tree=tree):
                 image = self.fat(f"{number}.img", tree=tree)
@@ -102,6 +102,8 @@ class Mirrored(MountTest):
                 rest = {path: content for path, content in tree.items() if content is None}
                 for path in set(tree) - set(rest):
                     os.remove(os.path.join(folder, path))
+                    self.write(folder, "other", b"y")
+                    rest["other"] = b"y"
                 self.unmount(image)
                 self.assert_volume(image, rest)
                 folder = self.mount(image)

@@ -94,6 +94,37 @@ class Killed(MountTest):
                     self.assertGreater(number, 2, call)
                     break
 
+    @unittest.skipIf(volumes.missing("strace"), "strace is not installed")
+    def test_throwing_away_what_an_unmount_that_was_killed_had_begun_to_write(self):
+        """What stands in a journal comes to the volume in any case: that is not lost, and is not called so."""
+        outcomes = set()
+        for number in range(1, 40):
+            with self.subTest(number=number):
+                image = self.fat(f"{number}.img", tree={"a": b"1", "b": b"2"})
+                folder = self.mount(image)
+                self.write(folder, "a", b"changed")
+                trace = ["strace", "-qq", "-o", "/dev/null", "-e", "trace=fsync",
+                         "-e", f"inject=fsync:signal=KILL:when={number}"]
+                status = subprocess.run([*self.prefix(), *trace, self.vorlix, "unmount", image],
+                                        capture_output=True, timeout=60, check=False).returncode
+                if status == 0:
+                    break
+                if not os.path.isdir(folder):
+                    self.vorlix_run("unmount", image)
+                    continue
+                self.write(folder, "late", b"3")
+                lost = self.vorlix_ok("unmount", "--discard", image).stdout
+                self.assertIn("Lost       new /late\n", lost)
+                is_lost = "Lost       changed /a\n" in lost
+                outcomes.add(is_lost)
+                self.assertFalse(os.path.exists(folder))
+                self.vorlix_ok("mount", image)  # whatever is pending, it would be finished now
+                self.unmount(image)
+                self.assert_volume(image, {"a": b"1" if is_lost else b"changed", "b": b"2"})
+                self.assert_nothing_mounted()
+        self.assertEqual(status, 0)
+        self.assertEqual(outcomes, {True, False})
+
     def test_what_was_changed_after_an_unmount_that_was_killed_is_written_too(self):
         image = self.fat(tree={"a": b"1", "b": b"2"})
         folder = self.mount(image)

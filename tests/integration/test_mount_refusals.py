@@ -151,6 +151,27 @@ class Refused(MountTest):
         self.assertEqual(volumes.folder_tree(folder), {"a": b"1", "b": b"2"})
         self.unmount(volume)
 
+    def test_a_folder_that_was_emptied_or_made_again(self):
+        """An accident with the folder is no wish to delete every file of the volume."""
+        image = self.fat()
+        before = images.snapshot(image)
+        folder = self.mount(image)
+        for name in os.listdir(folder):
+            path = os.path.join(folder, name)
+            (shutil.rmtree if os.path.isdir(path) else os.remove)(path)
+        self.refuse_write_back(image, folder, f"all files are gone from {folder}", "put one back", "--discard")
+        shutil.rmtree(folder)
+        self.give(os.mkdir(folder) or folder)
+        self.refuse_write_back(image, folder, f"{folder} is another folder", "--discard")
+        self.write(folder, "other", b"x")
+        self.refuse_write_back(image, folder, f"{folder} is another folder")
+        self.assert_unchanged(image, before)
+        self.vorlix_ok("unmount", "--discard", image)
+        self.assert_nothing_mounted()
+        self.assertEqual(volumes.folder_tree(self.mount(image)), TREE)
+        self.unmount(image)
+        self.assert_unchanged(image, before)
+
     def test_a_volume_that_is_not_mounted(self):
         image = self.fat()
         before = images.snapshot(image)

@@ -168,6 +168,62 @@ TEST_F(MirroredVolume, AMirrorWhoseFolderWasRemovedIsNotMountedAndItsVolumeNotEm
   EXPECT_TRUE(readText(image_) == before_);
 }
 
+TEST_F(MirroredVolume, AnotherFolderInTheMirrorsPlaceIsNotWrittenBack) {
+  asUser([&] {
+    const std::string path = mountIt();
+    fs::rename(path, folder_ / "moved");
+    for (const char* const file : {"", "other.txt"}) {
+      fs::create_directory(path);
+      if (*file != '\0') writeText(path + "/" + file, "other");
+      EXPECT_TRUE(refused(unmountIt(), kDissentError, path + " is another folder")) << file;
+      EXPECT_TRUE(readText(image_) == before_) << file;
+      EXPECT_EQ(mounted(), path) << file;
+      fs::remove_all(path);
+    }
+    fs::rename(folder_ / "moved", path);
+    writeText(path + "/new.txt", "new");
+    EXPECT_TRUE(granted(unmountIt()));
+    expectNothingLeft();
+  });
+  EXPECT_EQ(fileOn(image_, "/new.txt"), "new");
+  EXPECT_EQ(fileOn(image_, "/readme.txt"), "read me");
+}
+
+TEST_F(MirroredVolume, AMirrorWithoutAnyOfItsFilesIsNotWrittenBack) {
+  asUser([&] {
+    const std::string path = mountIt();
+    fs::rename(path + "/readme.txt", folder_ / "away.txt");
+    fs::remove_all(path + "/EFI");
+    fs::create_directory(path + "/folder");
+    EXPECT_TRUE(refused(unmountIt(), kDissentError, "all files are gone from " + path + "; put one back, or"));
+    EXPECT_TRUE(readText(image_) == before_);
+    EXPECT_EQ(mounted(), path);
+    EXPECT_TRUE(fs::exists(path + "/folder"));
+    fs::rename(folder_ / "away.txt", path + "/readme.txt");
+    EXPECT_TRUE(granted(unmountIt()));
+    expectNothingLeft();
+  });
+  EXPECT_EQ(fileOn(image_, "/readme.txt"), "read me");
+  EXPECT_EQ(mtools(image_, "mdir", "-b ::/").find("EFI"), std::string::npos);
+  checkFAT(image_, folder_);
+}
+
+TEST_F(MirroredVolume, AFolderMadeWhereAnUnmountWasCutOffDoesNotTakeTheMirrorsPlace) {
+  asUser([&] {
+    const std::string path = mountIt();
+    writeText(path + "/new.txt", "new");
+    const std::string place = shell("echo '" + mirrors() + "'/.mirrors/*");
+    fs::rename(path, place + "/leaving");  // as an unmount leaves it that ends before the mirror is gone
+    fs::create_directory(path);
+    writeText(path + "/other.txt", "other");
+    EXPECT_TRUE(granted(unmountIt()));
+    EXPECT_EQ(readText(path + "/other.txt"), "other");
+    EXPECT_EQ(mounted(), "");
+  });
+  EXPECT_EQ(fileOn(image_, "/new.txt"), "new");
+  EXPECT_EQ(mtools(image_, "mdir", "-b ::/").find("other"), std::string::npos);
+}
+
 TEST_F(MirroredVolume, AWriteBackThatWasCutOffIsTakenUpAgain) {
   asUser([&] {
     const std::string path = mountIt();

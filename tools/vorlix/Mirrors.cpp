@@ -51,6 +51,16 @@ std::vector<VolumeMirror> mirrorsCalled(const std::string& text) {
   return those([&](const VolumeMirror& mirror) { return mirror.device == device; });
 }
 
+VolumeMirror mirrorCalled(const std::string& name) {
+  const std::vector<VolumeMirror> found = mirrorsCalled(name);
+  if (found.empty()) throw Failure(name, "no folder stands for such a volume", kNothingDiscarded);
+  if (found.size() > 1) {
+    throw Failure(name, "both " + found[0].folder + " and " + found[1].folder + " are meant; name one of them",
+                  kNothingDiscarded);
+  }
+  return found.front();
+}
+
 }  // namespace
 
 void complainOfLeftMirrors() {
@@ -68,13 +78,11 @@ void complainOfLeftMirrors() {
 }
 
 void discardMirror(const std::string& name) {
-  const std::vector<VolumeMirror> found = mirrorsCalled(name);
-  if (found.empty()) throw Failure(name, "no folder stands for such a volume", kNothingDiscarded);
-  if (found.size() > 1) {
-    throw Failure(name, "both " + found[0].folder + " and " + found[1].folder + " are meant; name one of them",
-                  kNothingDiscarded);
+  // What an unmount that was cut off has begun to write comes to the volume in any case, and is not lost.
+  if (const auto refusal = platform().volumeMirrors->settle(mirrorCalled(name))) {
+    throw Failure(name, reasonText(*refusal), kNothingDiscarded);
   }
-  const VolumeMirror& mirror = found.front();
+  const VolumeMirror mirror = mirrorCalled(name);
   for (const std::string& change : mirror.changes) std::printf("Lost       %s\n", printable(change).c_str());
   if (mirror.changes.empty()) std::printf("Lost       nothing, all of it is on the volume\n");
   std::fflush(stdout);
