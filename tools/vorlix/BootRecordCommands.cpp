@@ -202,7 +202,8 @@ void addBootRecordCommands(CLI::App& app, int& status) {
   restore->add_option("DEVICE", restoring->device, "The volume; it is unmounted first")->required();
   restore->add_flag("--dry-run", restoring->dryRun, "Show the bytes that would change; open nothing for writing");
   restore->add_option("--backup", restoring->backupFolder, "Folder for the boot area as it is now, saved before");
-  restore->add_flag("--force", restoring->force, "Take a file that does not look like a boot record, and a damaged GPT");
+  restore->add_flag("--force", restoring->force,
+                    "Take a file that does not look like a boot record, and a damaged GPT");
   restore->callback([restoring, &status] {
     const ByteVector saved = readFile(restoring->file, kBootArea);
     checkSaved(*restoring, saved);
