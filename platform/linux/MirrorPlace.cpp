@@ -100,6 +100,11 @@ std::optional<MirrorState> standingState(const std::string& folder) {
   return state;
 }
 
+// Mirrors stand in `volumes` itself.
+bool isSetAside(const MirrorState& state) {
+  return fs::path(state.folder).parent_path().parent_path().filename() == ".mirrors";
+}
+
 bool syncFolder(const std::string& folder) {
   const Descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return opened && fsync(opened.get()) == 0;
@@ -258,6 +263,17 @@ std::optional<MirrorState> findMirror(const std::string& key, const std::optiona
     if (auto state = standingState(folder)) return state;
   }
   return std::nullopt;
+}
+
+std::optional<MirrorState> findSettledMirror(const std::string& key, const std::optional<OpenedDevice>& opened) {
+  std::optional<MirrorState> state = findMirror(key, opened);
+  while (state && isSetAside(*state)) {
+    std::optional<MirrorPlace> place;
+    if (MirrorPlace::lock(key, state->identity, place)) return std::nullopt;
+    place.reset();
+    state = findMirror(key, opened);
+  }
+  return state;
 }
 
 std::optional<MirrorState> findMirrorAt(const std::string& folder) {

@@ -81,7 +81,11 @@ std::vector<FoundMirror> findMirrors();
 /// then.
 std::optional<MirrorState> findMirror(const std::string& key, const std::optional<OpenedDevice>& opened);
 
-/// The same for the volume that is mirrored in `folder`.
+/// The same, but never with the place of a mirror that is about to be removed: waits for the unmount that is at work
+/// there, and puts back what one that was ended has left.
+std::optional<MirrorState> findSettledMirror(const std::string& key, const std::optional<OpenedDevice>& opened);
+
+/// The state of findMirror() for the volume that is mirrored in `folder`.
 std::optional<MirrorState> findMirrorAt(const std::string& folder);
 
 }  // namespace vorlix

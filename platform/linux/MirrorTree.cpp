@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MirrorTree.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -16,6 +18,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "../posix/Descriptor.h"
 #include "FatNames.h"
 #include "VolumeProbe.h"
 
@@ -149,6 +152,26 @@ Refusal checkFatCase(const MirrorTree& tree) {
                      path + " and " + before->second + " are the same name on a FAT volume; rename one of them"};
   }
   return std::nullopt;
+}
+
+Refusal checkNoFileOpen(const std::string& folder) {
+  return forEachBelow(folder, [&](const std::string& path) -> Refusal {
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    if (!file) return std::nullopt;
+    // Whoever opens the file before the lease is given back makes the kernel send a signal: not the one that ends
+    // processes.
+    if (fcntl(file.get(), F_SETSIG, SIGURG) != 0) return std::nullopt;
+    // The kernel grants a lease for writing only on a file that nobody else has open.
+    if (fcntl(file.get(), F_SETLEASE, F_WRLCK) == 0) {
+      fcntl(file.get(), F_SETLEASE, F_UNLCK);
+      return std::nullopt;
+    }
+    if (errno != EAGAIN) return std::nullopt;
+    return Dissenter{kDissentBusy,
+                     path.substr(folder.size()) + " is in use by a process that cannot be seen from here"};
+  });
 }
 
 Refusal removeMirrorTree(const std::string& folder) {

@@ -44,4 +44,9 @@ Refusal removeMirrorTree(const std::string& folder);
 /// to. An ordinary user sees the processes of that user, who is the only one that can reach the mirror.
 std::string userOfFolder(const std::string& folder);
 
+/// Refuses, with kDissentBusy, when any process has a file in it open or mapped: one of another user, or of another
+/// mount namespace, that userOfFolder() cannot see. Where the file system or the user's rights do not let that be told,
+/// nothing is refused.
+Refusal checkNoFileOpen(const std::string& folder);
+
 }  // namespace vorlix

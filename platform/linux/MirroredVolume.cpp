@@ -66,6 +66,7 @@ Refusal removeUnused(MirrorPlace& place, Check isAsItWas) {
   std::string aside;
   if (Refusal refusal = place.setAside(aside)) return refusal;
   Refusal refusal = checkUnused(aside);
+  if (!refusal) refusal = checkNoFileOpen(aside);
   if (!refusal && !isAsItWas(aside)) {
     refusal = Dissenter{kDissentBusy, name + " was changed while it was unmounted"};
   }

@@ -99,7 +99,7 @@ Mounted findMounts(const DeviceLocation& location, const std::optional<OpenedDev
   const Extent window = device ? device->window : Extent{};
   mounted.byKernel = mountsOf(location, window);
   mounted.mirrorKey = mirrorKey(location, window);
-  if (mounted.mirrorKey) mounted.mirror = findMirror(*mounted.mirrorKey, device);
+  if (mounted.mirrorKey) mounted.mirror = findSettledMirror(*mounted.mirrorKey, device);
   return mounted;
 }
 

@@ -321,6 +321,23 @@ class Refused(MountTest):
         self.unmount(image)
         self.assert_volume(image, {"a": b"1", "F": None, "b": b"2"})
 
+    @unittest.skipUnless(volumes.IS_ROOT, "only root's processes are out of an ordinary user's sight")
+    def test_a_file_that_a_process_out_of_sight_has_open(self):
+        """What it writes later would be lost with the folder."""
+        image = self.fat(tree={"a": b"1", "F": None, "F/b": b"2"})
+        folder = self.mount(image)
+        for name, mode in (("a", "rb"), ("F/b", "ab")):
+            with self.subTest(name=name), open(os.path.join(folder, name), mode):
+                self.refuse_write_back(image, folder, f"/{name} is in use")
+        with open(os.path.join(folder, "F/b"), "wb") as file:
+            file.write(b"before")
+            file.flush()
+            self.vorlix_refuses("unmount", image, saying=["/F/b is in use", "stays mounted"])
+            self.vorlix_refuses("unmount", "--discard", image, saying=["/F/b is in use", "nothing was thrown away"])
+            file.write(b" and after")
+        self.unmount(image)
+        self.assert_volume(image, {"a": b"1", "F": None, "F/b": b"before and after"})
+
     def test_an_image_that_another_process_holds_locked(self):
         image = self.fat(tree={"a": b"1"})
         folder = self.mount(image)

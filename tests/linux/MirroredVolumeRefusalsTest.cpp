@@ -1,7 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What is not mirrored, and what is not written back: the reason is told, and all is kept.
+#include <sys/file.h>
 #include <sys/mman.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
 
 #include "linux/MirroredVolumeFixture.h"
 
@@ -206,6 +211,42 @@ TEST_F(MirroredVolume, AMirrorWithoutAnyOfItsFilesIsNotWrittenBack) {
   EXPECT_EQ(fileOn(image_, "/readme.txt"), "read me");
   EXPECT_EQ(mtools(image_, "mdir", "-b ::/").find("EFI"), std::string::npos);
   checkFAT(image_, folder_);
+}
+
+TEST_F(MirroredVolume, AMirrorThatAnUnmountHasSetAsideIsNoMountPoint) {
+  asUser([&] {
+    const std::string path = mountIt();
+    const std::string place = shell("echo '" + mirrors() + "'/.mirrors/*");
+    // An unmount at work: it holds the lock, and puts the mirror back in the end, or takes it away.
+    for (const bool isPutBack : {true, false}) {
+      const int lock = open(place.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      ASSERT_EQ(flock(lock, LOCK_EX), 0);
+      fs::rename(path, place + "/leaving");
+      std::atomic<bool> answered = false;
+      std::string answer = "none";
+      std::thread look([&] {
+        answer = mounted();
+        answered = true;
+      });
+      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+      EXPECT_FALSE(answered) << answer;
+      if (isPutBack) {
+        fs::rename(place + "/leaving", path);
+      } else {
+        fs::remove_all(place + "/leaving");
+      }
+      close(lock);
+      look.join();
+      EXPECT_EQ(answer, isPutBack ? path : "");
+    }
+    EXPECT_TRUE(fs::is_empty(mirrors() + "/.mirrors"));
+    // One that was ended there holds no lock.
+    EXPECT_EQ(mountIt(), path);
+    fs::rename(path, shell("echo '" + mirrors() + "'/.mirrors/*") + "/leaving");
+    EXPECT_EQ(mountIt(), path);
+    EXPECT_TRUE(granted(unmountIt()));
+  });
+  EXPECT_TRUE(readText(image_) == before_);
 }
 
 TEST_F(MirroredVolume, AFolderMadeWhereAnUnmountWasCutOffDoesNotTakeTheMirrorsPlace) {
