@@ -51,4 +51,5 @@ class IdentifyTest(GuestTest):
         self.assertEqual(self.identify(f"{MAC}3")["mediumType"], {"0": "Solid State", "1": "Rotational"}[rotational])
 
     def test_an_unknown_name_is_refused(self):
-        self.assertIn("vdz9", self.refused("identify", "vdz9", "--json"))
+        result = self.vorlix("identify", "vdz9", "--json", status=2)
+        self.assertEqual(result.stderr, "vorlix: vdz9: no such device or disk image\n")

@@ -175,7 +175,8 @@ void restoreVBR(const RestoreOptions& options, const ByteVector& saved) {
   applyOrFail(change);
   std::printf("Restored   bytes 84 to 8191 of %s, read back; bytes 0 to 83 are its own\n",
               printable(options.device).c_str());
-  if (hadCopy && !hasSecondCopy(*handle, bootAreaOf(*handle, options.device))) {
+  const size_t inFirstSector = kSectorSize - kBootCodeOffset;
+  if (hadCopy && !std::equal(saved.begin(), saved.begin() + inFirstSector, area.begin() + kBootCodeOffset)) {
     std::printf("Left       the copy of the first sector in the last one, which is no copy any more\n");
   }
 }
