@@ -170,7 +170,7 @@ TEST_F(FatVolumeOf16Bits, ALongNameOfMoreThan255UnitsIsRefused) {
   // The last of its 20 parts holds 8 letters and the zero that ends it; five more letters make 260.
   const uint64_t part = find(std::string("\x54n\0n\0", 5));
   poke(part + 14, "n");
-  for (const uint64_t unit : {14, 16, 18, 20, 22, 24, 28, 30}) poke(part + unit, std::string("n\0", 2));
+  for (const uint64_t unit : {14U, 16U, 18U, 20U, 22U, 24U, 28U, 30U}) poke(part + unit, std::string("n\0", 2));
   EXPECT_TRUE(refused(read(), kDissentUnsupported, "name that is not allowed"));
 }
 
