@@ -214,7 +214,7 @@ class Save(RecordTest):
             for number in range(1, most + 1):
                 with self.subTest(call=call, number=number):
                     file = self.path("saved.vbr")
-                    trace = ["strace", "-qq", "-o", "/dev/null", "-e", f"inject={call}:signal=SIGKILL:when={number}"]
+                    trace = volumes.strace("-o", "/dev/null", "-e", f"inject={call}:signal=SIGKILL:when={number}")
                     result = self.vorlix_run("vbr", "save", source, file, prefix=(*self.prefix(), *trace))
                     kills += result.returncode != 0
                     if not os.path.exists(file):
@@ -229,7 +229,7 @@ class Save(RecordTest):
             self.skipTest("strace is not installed")
         source, _ = self.source()
         log = self.file("calls", b"")
-        trace = ["strace", "-qq", "-y", "-o", log, "-e", "trace=fsync,renameat2,write"]
+        trace = volumes.strace("-y", "-o", log, "-e", "trace=fsync,renameat2,write")
         self.vorlix_run("vbr", "save", source, self.path("saved.vbr"), prefix=(*self.prefix(), *trace))
         with open(log, encoding="utf-8", errors="replace") as lines:
             calls = [line for line in lines if "vorlix-new" in line or "Saved " in line or f"<{self.folder}>" in line]

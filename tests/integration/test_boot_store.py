@@ -576,7 +576,7 @@ class CutOff(StoreTest):
         for name, number in calls:
             with self.subTest(call=name, number=number):
                 self.put_old(place)
-                trace = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", f"inject={name}:signal=SIGKILL:when={number}"]
+                trace = volumes.strace("-f", "-o", "/dev/null", "-e", f"inject={name}:signal=SIGKILL:when={number}")
                 result = self.vorlix_run(*self.bcd(disk, template), prefix=(*self.prefix(), *trace))
                 self.assertNotEqual(result.returncode, 0)
                 with open(os.path.join(place, "BCD"), "rb") as file:
@@ -598,7 +598,7 @@ class CutOff(StoreTest):
             with self.subTest(call=name, number=number):
                 place = os.path.join(self.vorlix_ok("efi", "mount", disk).stdout.strip(), os.path.dirname(STORE))
                 self.put_old(place)
-                trace = ["strace", "-qq", "-o", "/dev/null", "-e", f"inject={name}:error=EIO:when={number}"]
+                trace = volumes.strace("-o", "/dev/null", "-e", f"inject={name}:error=EIO:when={number}")
                 result = self.vorlix_run(*self.bcd(disk, template), prefix=(*self.prefix(), *trace))
                 if result.returncode == 0:
                     self.assert_store(disk, expected)
@@ -626,7 +626,7 @@ class CutOff(StoreTest):
         user = [*self.prefix(), "sh", "-c", 'cd "$1" && echo ready && read -r wait', "sh", place]
         with subprocess.Popen(user, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as process:
             self.assertEqual(process.stdout.readline(), "ready\n")
-            trace = ["strace", "-qq", "-o", log, "-e", "trace=" + ",".join(self.NAMES)]
+            trace = volumes.strace("-o", log, "-e", "trace=" + ",".join(self.NAMES))
             self.vorlix_run(*self.bcd(disk, template), prefix=(*self.prefix(), *trace))
             process.stdin.close()
         counts, found, begun = {}, [], False

@@ -290,7 +290,7 @@ class InFolders(LegacyBootTest):
         log = self.file("calls", b"")
         names = ("mkdir", "copy_file_range", "openat", "fsync", "renameat2", "syncfs", "unlinkat", "rmdir", "utimensat")
         folder = self.volume(WINDOWS_TREE, "counted")
-        trace = ["strace", "-qq", "-o", log, "-e", "trace=" + ",".join(names)]
+        trace = volumes.strace("-o", log, "-e", "trace=" + ",".join(names))
         self.vorlix_run("legacy-boot", folder, "--bcd", self.store, prefix=(*self.prefix(), *trace))
         begun = False
         points = []
@@ -307,7 +307,7 @@ class InFolders(LegacyBootTest):
         for number, (name, when) in enumerate(points):
             with self.subTest(call=name, number=when):
                 folder = self.volume(WINDOWS_TREE, f"volume{number}")
-                trace = ["strace", "-qq", "-o", "/dev/null", "-e", f"inject={name}:signal=SIGKILL:when={when}"]
+                trace = volumes.strace("-o", "/dev/null", "-e", f"inject={name}:signal=SIGKILL:when={when}")
                 result = self.vorlix_run("legacy-boot", folder, "--bcd", self.store, prefix=(*self.prefix(), *trace))
                 self.assertNotEqual(result.returncode, 0)
                 found = volumes.folder_tree(folder)

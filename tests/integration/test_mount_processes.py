@@ -78,8 +78,8 @@ class Killed(MountTest):
                     self.write(folder, "old", b"changed")
                     self.write(folder, "new", b"4")
                     os.remove(os.path.join(folder, "gone"))
-                    trace = ["strace", "-qq", "-o", "/dev/null", "-e", f"trace={call}",
-                             "-e", f"inject={call}:signal=KILL:when={number}"]
+                    trace = volumes.strace("-o", "/dev/null", "-e", f"trace={call}",
+                                           "-e", f"inject={call}:signal=KILL:when={number}")
                     status = subprocess.run([*self.prefix(), *trace, self.vorlix, "unmount", image],
                                             capture_output=True, timeout=60, check=False).returncode
                     if status != 0:
@@ -103,8 +103,8 @@ class Killed(MountTest):
                 image = self.fat(f"{number}.img", tree={"a": b"1", "b": b"2"})
                 folder = self.mount(image)
                 self.write(folder, "a", b"changed")
-                trace = ["strace", "-qq", "-o", "/dev/null", "-e", "trace=fsync",
-                         "-e", f"inject=fsync:signal=KILL:when={number}"]
+                trace = volumes.strace("-o", "/dev/null", "-e", "trace=fsync",
+                                       "-e", f"inject=fsync:signal=KILL:when={number}")
                 status = subprocess.run([*self.prefix(), *trace, self.vorlix, "unmount", image],
                                         capture_output=True, timeout=60, check=False).returncode
                 if status == 0:

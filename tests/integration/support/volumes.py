@@ -33,6 +33,12 @@ def missing(*names):
     return ", ".join(name for name in names if samples.tool(name) is None)
 
 
+def strace(*options):
+    """The words that run a command under strace. Leaks are not looked for: that needs to trace the process itself."""
+    without_leaks = ["-E", "LSAN_OPTIONS=detect_leaks=0"] if images.SANITIZED else []
+    return ["strace", "-qq", *without_leaks, *options]
+
+
 def user_prefix():
     """What makes a command run as an ordinary user."""
     if not IS_ROOT:
