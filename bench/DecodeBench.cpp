@@ -4,10 +4,10 @@
 // memory, so that no device is measured. Each call also writes two log messages, as every call of read_gpt() does; they
 // weigh most in the smallest table.
 #include <Vorlix/QDSDiskFunctions.h>
-#include <Vorlix/QDSDiskFunctions/Log.h>
-#include <Vorlix/QDSDiskFunctions/PartitionRecords.h>
 #include <benchmark/benchmark.h>
 #include <unistd.h>
+#include "library/QDSDiskFunctions/Log.h"
+#include "library/QDSDiskFunctions/PartitionRecords.h"
 
 #include <algorithm>
 #include <cerrno>

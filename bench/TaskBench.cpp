@@ -3,13 +3,13 @@
 // Programs' output: lines a second through the task helper beside popen() on the same pipeline, and bytes a second
 // through the task wrapper beside reading the same program's pipe without it. The helper also writes each line to a
 // log, as it always does; how much that is shows beside a run whose messages are kept from the file.
-#include <Vorlix/QDSDiskFunctions/Log.h>
 #include <Vorlix/QDTaskHelper.h>
 #include <Vorlix/QDTaskWrapperWithBlocks.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/RunLoop.h>
 #include <benchmark/benchmark.h>
 #include <unistd.h>
+#include "library/QDSDiskFunctions/Log.h"
 
 #include <cerrno>
 #include <chrono>

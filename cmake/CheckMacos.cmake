@@ -13,7 +13,7 @@ execute_process(COMMAND ${VORLIX_MACOS_HEADERS}/flags OUTPUT_VARIABLE flags OUTP
 separate_arguments(flags UNIX_COMMAND "${flags}")
 
 file(GLOB checked CONFIGURE_DEPENDS platform/macos/*.cpp platform/posix/*.cpp platform/changes/*.cpp platform/*.cpp foundation/*.cpp foundation/*/*.cpp
-     Vorlix/*.cpp Vorlix/*/*.cpp platform/simulated/*.cpp)
+     library/*.cpp library/*/*.cpp platform/simulated/*.cpp)
 set(stamps)
 file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/check-macos/include)
 
@@ -40,7 +40,7 @@ foreach(source ${checked})
   add_custom_command(
     OUTPUT ${stamp}
     COMMAND ${VORLIX_CLANGXX} ${flags} -std=c++20 -fsyntax-only -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
-            -I${PROJECT_SOURCE_DIR} -I${PROJECT_BINARY_DIR}/include -isystem ${PROJECT_BINARY_DIR}/check-macos/include
+            -I${PROJECT_SOURCE_DIR} -isystem ${PROJECT_BINARY_DIR}/check-macos/include
             -DVORLIX_VERSION="${PROJECT_VERSION}" -MMD -MT ${stamp} -MF ${stamp}.d ${source}
     COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
     DEPENDS ${source}

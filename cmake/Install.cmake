@@ -4,15 +4,7 @@ include(CMakePackageConfigHelpers)
 
 install(TARGETS vorlix_headers vorlix_shared vorlix_static vorlix_simulated EXPORT VorlixTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(DIRECTORY Vorlix/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlix FILES_MATCHING PATTERN "*.h"
-        PATTERN "QDSDiskFunctions" EXCLUDE PATTERN "QDVolume" EXCLUDE PATTERN "QDTaskWrapperWithBlocks" EXCLUDE
-        PATTERN "QDDeviceManager" EXCLUDE PATTERN "QDDiskHelper" EXCLUDE PATTERN "QDSUtilities" EXCLUDE
-        PATTERN "QDTaskHelper" EXCLUDE)
-install(DIRECTORY foundation DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlix FILES_MATCHING PATTERN "*.h"
-        PATTERN "KeyedArchive" EXCLUDE PATTERN "PropertyListFile.h" EXCLUDE PATTERN "GUIDPartitionTable.h" EXCLUDE)
-install(DIRECTORY platform DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Vorlix FILES_MATCHING PATTERN "*.h"
-        PATTERN "linux" EXCLUDE PATTERN "macos" EXCLUDE PATTERN "posix" EXCLUDE PATTERN "changes" EXCLUDE PATTERN "DeviceStream.h" EXCLUDE
-        PATTERN "SimulatedState.h" EXCLUDE PATTERN "SparseBytes.h" EXCLUDE)
+install(DIRECTORY Vorlix DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/Vorlix)
 install(EXPORT VorlixTargets NAMESPACE Vorlix:: DESTINATION ${package_folder})

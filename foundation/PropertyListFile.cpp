@@ -6,7 +6,7 @@
 #include <iterator>
 #include <string_view>
 
-#include "KeyedArchive/PropertyList.h"
+#include "foundation/KeyedArchive/PropertyList.h"
 
 namespace vorlix {
 namespace {

@@ -2,8 +2,8 @@
 //
 // The start of a FAT volume, from any bytes. The image is a sparse file that is larger than its written part by 64 KiB
 // times the byte at offset 3, a letter of the name of who made the volume, which is not looked at.
-#include <Vorlix/platform/linux/FatVolume.h>
 #include <unistd.h>
+#include "platform/linux/FatVolume.h"
 
 #include <algorithm>
 #include <set>

@@ -3,8 +3,8 @@
 // What the fuzz targets share.
 #pragma once
 
-#include <Vorlix/QDSDiskFunctions/Log.h>
 #include <unistd.h>
+#include "library/QDSDiskFunctions/Log.h"
 
 #include <cstddef>
 #include <cstdint>

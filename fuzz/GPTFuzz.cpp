@@ -3,10 +3,10 @@
 // GPT header and entries from the first bytes of a disk, read through streams as the library does it. The first byte of
 // the boot code, which no reader looks at, steers: bits 0-2 the active number, bit 3 the guard switch, bit 4 blocks of
 // 4096 bytes instead of 512.
-#include <Vorlix/QDSDiskFunctions/DeviceStreams.h>
-#include <Vorlix/QDSDiskFunctions/GPTCheck.h>
-#include <Vorlix/QDSDiskFunctions/PartitionRecords.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
+#include "library/QDSDiskFunctions/DeviceStreams.h"
+#include "library/QDSDiskFunctions/GPTCheck.h"
+#include "library/QDSDiskFunctions/PartitionRecords.h"
 
 #include <algorithm>
 #include <bit>

@@ -2,8 +2,8 @@
 //
 // Where the slices of a disk-image file stand, from any bytes. The first byte of the boot code, which is not looked at,
 // steers how much larger than its written part the disk is: that many times 64 KiB, less 37 bytes when it is odd.
-#include <Vorlix/platform/posix/PartitionExtents.h>
 #include <unistd.h>
+#include "platform/posix/PartitionExtents.h"
 
 #include <cstring>
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Sector 0 from any bytes, whole and cut short.
-#include <Vorlix/QDSDiskFunctions/PartitionRecords.h>
+#include "library/QDSDiskFunctions/PartitionRecords.h"
 
 #include <algorithm>
 #include <cstring>

@@ -13,9 +13,9 @@
 //   3    after how many bytes writes stop, after how many reads they fail
 //   4-5  first block of the volume, where it is on the same disk
 //   6-9  start sector
-#include <Vorlix/QDSDiskFunctions/DeviceStreams.h>
-#include <Vorlix/QDSDiskFunctions/PartitionRecords.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
+#include "library/QDSDiskFunctions/DeviceStreams.h"
+#include "library/QDSDiskFunctions/PartitionRecords.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "Change.h"
 #include <Vorlix/platform/Platform.h>
-#include <Vorlix/platform/changes/Change.h>
-#include <Vorlix/platform/changes/Journal.h>
+#include "Journal.h"
 
 #include <algorithm>
 #include <cerrno>

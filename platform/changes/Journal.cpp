@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/platform/changes/Journal.h>
-#include <Vorlix/platform/changes/Sha256.h>
-#include <Vorlix/platform/changes/StateFolder.h>
+#include "Journal.h"
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "Sha256.h"
+#include "StateFolder.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -16,7 +16,7 @@
 #include <system_error>
 #include <utility>
 
-#include "../posix/FileHandle.h"
+#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 namespace {

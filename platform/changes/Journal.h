@@ -4,7 +4,7 @@
 #pragma once
 
 #include <Vorlix/platform/DeviceFile.h>
-#include <Vorlix/platform/changes/Change.h>
+#include "Change.h"
 
 #include <cstdint>
 #include <functional>
@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "../posix/Descriptor.h"
+#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/platform/changes/StateFolder.h>
+#include "StateFolder.h"
 #include <sys/stat.h>
 #include <unistd.h>
 

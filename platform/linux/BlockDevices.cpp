@@ -10,8 +10,8 @@
 #include <fstream>
 #include <system_error>
 
-#include "../posix/DeviceLookup.h"
 #include "ImageFiles.h"
+#include "platform/posix/DeviceLookup.h"
 
 namespace vorlix {
 namespace {

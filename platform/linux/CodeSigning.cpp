@@ -11,10 +11,10 @@
 #include <optional>
 #include <utility>
 
-#include "../posix/Descriptor.h"
 #include "DetachedSignature.h"
 #include "SigningRequirement.h"
 #include "TrustAnchors.h"
+#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

@@ -16,7 +16,7 @@
 #include <cstdlib>
 #include <sstream>
 
-#include "../posix/Descriptor.h"
+#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "../posix/DescriptorSource.h"
+#include "platform/posix/DescriptorSource.h"
 
 #include <sys/timerfd.h>
 
 #include <utility>
 
-#include "../posix/Descriptor.h"
 #include "RunLoop.h"
+#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

@@ -10,7 +10,7 @@
 
 #include <utility>
 
-#include "../posix/Descriptor.h"
+#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

@@ -6,11 +6,11 @@
 #include <cerrno>
 #include <utility>
 
-#include "../posix/FileHandle.h"
 #include "BlockDevices.h"
 #include "DeviceFacts.h"
 #include "DiskLock.h"
 #include "OpenedDevice.h"
+#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 

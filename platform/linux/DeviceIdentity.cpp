@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <string>
 
-#include "../posix/FileHandle.h"
 #include "SystemFiles.h"
+#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 namespace {

@@ -14,8 +14,8 @@
 #include <tuple>
 #include <utility>
 
-#include "../posix/Descriptor.h"
 #include "SystemFiles.h"
+#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

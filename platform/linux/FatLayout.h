@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "../posix/FileHandle.h"
 #include "Dissenters.h"
+#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 

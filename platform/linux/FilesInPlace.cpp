@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "../posix/FilesInPlace.h"
+#include "platform/posix/FilesInPlace.h"
 
 #include <fcntl.h>
 #include <unistd.h>

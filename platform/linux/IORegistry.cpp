@@ -3,7 +3,6 @@
 
 #include <numeric>
 
-#include "../posix/SliceName.h"
 #include "BlockDevices.h"
 #include "DeviceFacts.h"
 #include "ImageDisk.h"
@@ -11,6 +10,7 @@
 #include "KernelDisks.h"
 #include "RegistryTree.h"
 #include "SystemFiles.h"
+#include "platform/posix/SliceName.h"
 
 namespace vorlix {
 namespace {

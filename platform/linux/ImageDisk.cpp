@@ -7,11 +7,11 @@
 
 #include <filesystem>
 
-#include "../posix/Descriptor.h"
-#include "../posix/PartitionExtents.h"
 #include "ImageFiles.h"
 #include "KernelDisks.h"
 #include "PartitionTable.h"
+#include "platform/posix/Descriptor.h"
+#include "platform/posix/PartitionExtents.h"
 
 namespace vorlix {
 

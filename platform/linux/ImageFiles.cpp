@@ -9,7 +9,7 @@
 #include <mutex>
 #include <system_error>
 
-#include "../posix/Descriptor.h"
+#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

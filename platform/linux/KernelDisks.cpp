@@ -11,10 +11,10 @@
 #include <system_error>
 #include <utility>
 
-#include "../posix/Descriptor.h"
-#include "../posix/SliceName.h"
 #include "PartitionTable.h"
 #include "SystemFiles.h"
+#include "platform/posix/Descriptor.h"
+#include "platform/posix/SliceName.h"
 
 namespace vorlix {
 namespace {

@@ -6,9 +6,9 @@
 #include <optional>
 #include <string>
 
-#include "../posix/FileHandle.h"
 #include "Dissenters.h"
 #include "MountTable.h"
+#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 

@@ -13,7 +13,7 @@
 #include <ctime>
 #include <vector>
 
-#include "../posix/Descriptor.h"
+#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MirrorPlace.h"
 
-#include <Vorlix/platform/changes/StateFolder.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
+#include "platform/changes/StateFolder.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,8 +17,8 @@
 #include <tuple>
 #include <utility>
 
-#include "../posix/FileHandle.h"
 #include "FatLayout.h"
+#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 namespace {

@@ -12,8 +12,6 @@
 #include <string_view>
 #include <utility>
 
-#include "../posix/Descriptor.h"
-#include "../posix/MountFacts.h"
 #include "BlockDevices.h"
 #include "DeviceFacts.h"
 #include "DiskDescription.h"
@@ -23,6 +21,8 @@
 #include "Mounting.h"
 #include "OpenedDevice.h"
 #include "VolumeProbe.h"
+#include "platform/posix/Descriptor.h"
+#include "platform/posix/MountFacts.h"
 
 namespace vorlix {
 namespace {

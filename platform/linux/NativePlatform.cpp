@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/platform/Platform.h>
 
-#include "../posix/ChildProcess.h"
-#include "../posix/Shell.h"
-#include "../posix/UserIdentity.h"
 #include "CodeSigning.h"
 #include "DeviceFile.h"
 #include "DiskArbitration.h"
@@ -14,6 +11,9 @@
 #include "RunLoop.h"
 #include "SystemLog.h"
 #include "VolumeMirrors.h"
+#include "platform/posix/ChildProcess.h"
+#include "platform/posix/Shell.h"
+#include "platform/posix/UserIdentity.h"
 
 namespace vorlix {
 

@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-#include "../posix/PartitionExtents.h"
+#include "platform/posix/PartitionExtents.h"
 
 namespace vorlix {
 namespace {

@@ -5,9 +5,9 @@
 
 #include <optional>
 
-#include "../posix/Descriptor.h"
-#include "../posix/FileHandle.h"
 #include "BlockDevices.h"
+#include "platform/posix/Descriptor.h"
+#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 

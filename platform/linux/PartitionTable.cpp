@@ -7,7 +7,7 @@
 #include <memory>
 #include <type_traits>
 
-#include "../posix/PartitionExtents.h"
+#include "platform/posix/PartitionExtents.h"
 
 namespace vorlix {
 namespace {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "../posix/FileHandle.h"
+#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/platform/changes/Sha256.h>
+#include "platform/changes/Sha256.h"
 #include <openssl/sha.h>
 
 #include <array>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "../posix/Spawning.h"
+#include "platform/posix/Spawning.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -2,7 +2,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "../posix/FileHandle.h"
+#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 

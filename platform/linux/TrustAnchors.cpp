@@ -7,7 +7,7 @@
 
 #include <system_error>
 
-#include "../posix/Descriptor.h"
+#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

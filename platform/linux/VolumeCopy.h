@@ -3,14 +3,14 @@
 // A private copy of a volume's used parts, and what differs from the medium after it was changed.
 #pragma once
 
-#include <Vorlix/platform/changes/Journal.h>
+#include "platform/changes/Journal.h"
 
 #include <memory>
 #include <string>
 
-#include "../posix/Descriptor.h"
 #include "Dissenters.h"
 #include "MirrorCopy.h"
+#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 

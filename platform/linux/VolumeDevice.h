@@ -6,9 +6,9 @@
 #include <memory>
 #include <string>
 
-#include "../posix/FileHandle.h"
 #include "BlockDevices.h"
 #include "Dissenters.h"
+#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 

@@ -11,9 +11,9 @@
 #include <iterator>
 #include <system_error>
 
-#include "../posix/Descriptor.h"
 #include "DeviceFacts.h"
 #include "SystemFiles.h"
+#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

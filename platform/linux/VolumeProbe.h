@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-#include "../posix/FileHandle.h"
+#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 

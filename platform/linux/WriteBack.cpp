@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "WriteBack.h"
 
-#include <Vorlix/platform/changes/Change.h>
 #include <fcntl.h>
 #include <unistd.h>
+#include "platform/changes/Change.h"
 
 #include <cerrno>
 #include <memory>
@@ -11,13 +11,13 @@
 #include <utility>
 #include <vector>
 
-#include "../posix/FileHandle.h"
 #include "DiskLock.h"
 #include "MirrorChanges.h"
 #include "MirrorCopy.h"
 #include "Mtools.h"
 #include "VolumeCopy.h"
 #include "VolumeDevice.h"
+#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 namespace {

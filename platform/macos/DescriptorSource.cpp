@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "../posix/DescriptorSource.h"
+#include "platform/posix/DescriptorSource.h"
 
 #include <CoreFoundation/CoreFoundation.h>
 

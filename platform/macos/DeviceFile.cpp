@@ -9,11 +9,11 @@
 #include <cerrno>
 #include <utility>
 
-#include "../posix/FileHandle.h"
-#include "../posix/PartitionExtents.h"
 #include "BlockAlignedHandle.h"
 #include "DeviceNames.h"
 #include "LockedDescriptor.h"
+#include "platform/posix/FileHandle.h"
+#include "platform/posix/PartitionExtents.h"
 
 namespace vorlix {
 namespace {

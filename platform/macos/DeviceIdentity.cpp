@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "../posix/FileHandle.h"
-#include "../posix/SliceName.h"
+#include "platform/posix/FileHandle.h"
+#include "platform/posix/SliceName.h"
 
 namespace vorlix {
 

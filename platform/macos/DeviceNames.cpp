@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <string_view>
 
-#include "../posix/DeviceLookup.h"
+#include "platform/posix/DeviceLookup.h"
 
 namespace vorlix {
 namespace {

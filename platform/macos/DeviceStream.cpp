@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/platform/DeviceStream.h>
+#include "platform/DeviceStream.h"
 
 #include <memory>
 #include <utility>
 
-#include "../posix/StreamCookie.h"
+#include "platform/posix/StreamCookie.h"
 
 namespace vorlix {
 namespace {

@@ -7,7 +7,7 @@
 #include <memory>
 #include <type_traits>
 
-#include "../posix/CopyRules.h"
+#include "platform/posix/CopyRules.h"
 
 namespace vorlix {
 namespace {

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "../posix/FilesInPlace.h"
+#include "platform/posix/FilesInPlace.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
 
-#include "../posix/FileHandle.h"
+#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 

@@ -11,8 +11,8 @@
 #include <system_error>
 #include <vector>
 
-#include "../posix/Descriptor.h"
-#include "../posix/PartitionExtents.h"
+#include "platform/posix/Descriptor.h"
+#include "platform/posix/PartitionExtents.h"
 
 namespace vorlix {
 namespace {

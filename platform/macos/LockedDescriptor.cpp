@@ -11,7 +11,7 @@
 #include <tuple>
 #include <utility>
 
-#include "../posix/Descriptor.h"
+#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

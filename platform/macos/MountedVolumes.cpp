@@ -13,7 +13,7 @@
 #include <set>
 #include <string_view>
 
-#include "../posix/MountFacts.h"
+#include "platform/posix/MountFacts.h"
 
 namespace vorlix {
 namespace {

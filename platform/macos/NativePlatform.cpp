@@ -2,9 +2,6 @@
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/VolumeMirrors.h>
 
-#include "../posix/ChildProcess.h"
-#include "../posix/Shell.h"
-#include "../posix/UserIdentity.h"
 #include "CodeSigning.h"
 #include "DeviceFile.h"
 #include "DiskArbitration.h"
@@ -14,6 +11,9 @@
 #include "MountedVolumes.h"
 #include "RunLoop.h"
 #include "SystemLog.h"
+#include "platform/posix/ChildProcess.h"
+#include "platform/posix/Shell.h"
+#include "platform/posix/UserIdentity.h"
 
 namespace vorlix {
 

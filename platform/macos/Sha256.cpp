@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "platform/changes/Sha256.h"
 #include <CommonCrypto/CommonDigest.h>
-#include <Vorlix/platform/changes/Sha256.h>
 
 #include <array>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "../posix/Spawning.h"
+#include "platform/posix/Spawning.h"
 
 #include <crt_externs.h>
 #include <fcntl.h>

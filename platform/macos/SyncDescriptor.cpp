@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-#include "../posix/FileHandle.h"
+#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 namespace {

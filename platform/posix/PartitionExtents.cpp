@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "PartitionExtents.h"
 
-#include <Vorlix/foundation/GUIDPartitionTable.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "foundation/GUIDPartitionTable.h"
 
 #include <algorithm>
 #include <array>

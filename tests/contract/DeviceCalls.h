@@ -5,7 +5,7 @@
 
 #include <chrono>
 
-#include "contract/DeviceWorlds.h"
+#include "DeviceWorlds.h"
 
 namespace vorlix::contract {
 

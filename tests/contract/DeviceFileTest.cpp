@@ -5,7 +5,7 @@
 
 #include <limits>
 
-#include "contract/DeviceCalls.h"
+#include "DeviceCalls.h"
 
 namespace vorlix::contract {
 namespace {

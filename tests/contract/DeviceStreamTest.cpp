@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The contract of platform/DeviceStream.h, on every machine that this one can be.
-#include <Vorlix/platform/DeviceStream.h>
+#include "platform/DeviceStream.h"
 
 #include <limits>
 
-#include "contract/DeviceWorlds.h"
+#include "DeviceWorlds.h"
 
 namespace vorlix::contract {
 namespace {

@@ -6,7 +6,7 @@
 
 #include <chrono>
 
-#include "contract/DeviceWorlds.h"
+#include "DeviceWorlds.h"
 
 namespace vorlix::contract {
 namespace {

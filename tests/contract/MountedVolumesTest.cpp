@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-#include "contract/DeviceWorlds.h"
+#include "DeviceWorlds.h"
 
 namespace vorlix::contract {
 namespace {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The contract of platform/DiskArbitration.h for mounting and unmounting, on every machine that this one can be.
-#include "contract/Volumes.h"
+#include "Volumes.h"
 
 namespace vorlix::contract {
 namespace {

@@ -7,7 +7,7 @@
 #include <chrono>
 #include <thread>
 
-#include "contract/DeviceWorlds.h"
+#include "DeviceWorlds.h"
 
 namespace vorlix::contract {
 namespace {

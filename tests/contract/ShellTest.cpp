@@ -14,7 +14,7 @@
 #include <chrono>
 #include <filesystem>
 
-#include "contract/DeviceWorlds.h"
+#include "DeviceWorlds.h"
 
 namespace vorlix::contract {
 namespace {

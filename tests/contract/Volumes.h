@@ -12,7 +12,7 @@
 #include <map>
 #include <optional>
 
-#include "contract/DeviceWorlds.h"
+#include "DeviceWorlds.h"
 
 namespace vorlix::contract {
 

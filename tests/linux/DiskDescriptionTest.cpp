@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What disk arbitration tells of image files, beside what general tools print of them, and the small rules behind it.
-#include "../../platform/linux/DeviceFacts.h"
-#include "../../platform/linux/Dissenters.h"
-#include "../../platform/linux/MountFolders.h"
-#include "../../platform/linux/VolumeProbe.h"
-#include "contract/Volumes.h"
+#include "platform/linux/DeviceFacts.h"
+#include "platform/linux/Dissenters.h"
+#include "platform/linux/MountFolders.h"
+#include "platform/linux/VolumeProbe.h"
+#include "tests/contract/Volumes.h"
 
 namespace vorlix::contract {
 namespace {

@@ -6,11 +6,11 @@
 #include <fcntl.h>
 #include <sys/sysmacros.h>
 
-#include "contract/Volumes.h"
-#include "linux/FuseDriver.h"
-#include "linux/MountNamespace.h"
+#include "FuseDriver.h"
+#include "MountNamespace.h"
 #include "platform/linux/MountSources.h"
 #include "platform/posix/Descriptor.h"
+#include "tests/contract/Volumes.h"
 
 namespace vorlix::contract {
 namespace {

@@ -11,8 +11,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "../../platform/linux/FileCopy.h"
-#include "contract/DeviceWorlds.h"
+#include "platform/linux/FileCopy.h"
+#include "tests/contract/DeviceWorlds.h"
 
 namespace vorlix {
 namespace {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/platform/linux/HostBundle.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include "platform/linux/HostBundle.h"
 
 #include <cstdlib>
 #include <filesystem>

@@ -4,7 +4,7 @@
 #include "platform/linux/IORegistry.h"
 
 #include "CapturedTree.h"
-#include "contract/IORegistryContract.h"
+#include "tests/contract/IORegistryContract.h"
 
 namespace vorlix::test {
 namespace {

@@ -2,8 +2,8 @@
 //
 // The flat look-ups of images that this process has not named before, by any name.
 #include <Vorlix/QDSDiskFunctions.h>
-#include <Vorlix/QDSDiskFunctions/Log.h>
 #include <unistd.h>
+#include "library/QDSDiskFunctions/Log.h"
 
 #include <array>
 #include <filesystem>

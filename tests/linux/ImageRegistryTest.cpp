@@ -7,10 +7,10 @@
 
 #include "CapturedTree.h"
 #include "Commands.h"
-#include "contract/IORegistryContract.h"
 #include "platform/linux/BlockDevices.h"
 #include "platform/linux/IORegistry.h"
 #include "platform/linux/ImageFiles.h"
+#include "tests/contract/IORegistryContract.h"
 
 namespace vorlix::test {
 namespace {

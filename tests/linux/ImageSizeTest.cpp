@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The measurement of images that gzip and zip made, by the system's gunzip, unzip and wc: what a host is notified of.
-#include <Vorlix/QDSDiskFunctions/Log.h>
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/foundation/NotificationCenter.h>
 #include <Vorlix/platform/Platform.h>
@@ -9,6 +8,7 @@
 #include <Vorlix/platform/simulated/SimulatedHostBundle.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include <gmock/gmock.h>
+#include "library/QDSDiskFunctions/Log.h"
 
 #include <chrono>
 #include <cstdlib>

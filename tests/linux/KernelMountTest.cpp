@@ -4,7 +4,7 @@
 // and mounts that other programs made.
 #include <sys/statvfs.h>
 
-#include "contract/Volumes.h"
+#include "tests/contract/Volumes.h"
 
 namespace vorlix::contract {
 namespace {

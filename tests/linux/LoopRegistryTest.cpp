@@ -6,8 +6,8 @@
 
 #include "CapturedTree.h"
 #include "Commands.h"
-#include "contract/RegistryEntries.h"
 #include "platform/linux/IORegistry.h"
+#include "tests/contract/RegistryEntries.h"
 
 namespace vorlix::test {
 namespace {

@@ -2,7 +2,7 @@
 //
 // update_bcd() on a FAT volume that is mirrored: the mirror's folder tells case apart, the volume does not.
 #include <Vorlix/QDSDiskFunctions.h>
-#include <Vorlix/QDSDiskFunctions/Log.h>
+#include "library/QDSDiskFunctions/Log.h"
 
 #include <filesystem>
 #include <iterator>

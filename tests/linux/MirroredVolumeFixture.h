@@ -3,7 +3,7 @@
 // A FAT volume of an image file, mounted by an ordinary user as a mirror.
 #pragma once
 
-#include "contract/Volumes.h"
+#include "tests/contract/Volumes.h"
 
 namespace vorlix::contract {
 

@@ -8,7 +8,7 @@
 #include <chrono>
 #include <thread>
 
-#include "linux/MirroredVolumeFixture.h"
+#include "MirroredVolumeFixture.h"
 
 namespace vorlix::contract {
 namespace {

@@ -2,7 +2,7 @@
 //
 // FAT volumes of image files, mounted by an ordinary user as mirrors. What is on the volumes afterwards is read by
 // mtools and checked by fsck.vfat.
-#include "linux/MirroredVolumeFixture.h"
+#include "MirroredVolumeFixture.h"
 
 namespace vorlix::contract {
 namespace {

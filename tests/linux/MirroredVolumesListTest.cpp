@@ -5,7 +5,7 @@
 
 #include <regex>
 
-#include "contract/Volumes.h"
+#include "tests/contract/Volumes.h"
 
 namespace vorlix::contract {
 namespace {

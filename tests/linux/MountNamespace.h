@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "contract/Volumes.h"
+#include "tests/contract/Volumes.h"
 
 namespace vorlix::contract {
 

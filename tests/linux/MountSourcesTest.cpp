@@ -5,8 +5,8 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 
-#include "contract/Volumes.h"
-#include "linux/MountNamespace.h"
+#include "MountNamespace.h"
+#include "tests/contract/Volumes.h"
 
 namespace vorlix::contract {
 namespace {

@@ -8,9 +8,9 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
-#include "contract/Volumes.h"
-#include "linux/FuseDriver.h"
-#include "linux/MountNamespace.h"
+#include "FuseDriver.h"
+#include "MountNamespace.h"
+#include "tests/contract/Volumes.h"
 
 namespace vorlix::contract {
 namespace {

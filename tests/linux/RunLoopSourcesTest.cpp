@@ -8,7 +8,7 @@
 #include <chrono>
 #include <thread>
 
-#include "../../platform/linux/RunLoop.h"
+#include "platform/linux/RunLoop.h"
 
 namespace vorlix {
 namespace {

@@ -3,7 +3,6 @@
 // Tests of running programs: the test child, the host's own ports, a log of one's own, and what is left behind.
 #pragma once
 
-#include <Vorlix/QDSDiskFunctions/Log.h>
 #include <Vorlix/platform/ChildProcess.h>
 #include <Vorlix/platform/RunLoop.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
@@ -13,6 +12,7 @@
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include "library/QDSDiskFunctions/Log.h"
 
 #include <cerrno>
 #include <chrono>
@@ -26,7 +26,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/ChildBehaviour.h"
+#include "ChildBehaviour.h"
 
 namespace vorlix::test {
 

@@ -4,13 +4,13 @@
 #pragma once
 
 #include <Vorlix/QDTaskWrapperWithBlocks.h>
-#include <Vorlix/QDTaskWrapperWithBlocks/StatusPause.h>
+#include "library/QDTaskWrapperWithBlocks/StatusPause.h"
 
 #include <algorithm>
 #include <functional>
 #include <optional>
 
-#include "support/ProcessFixture.h"
+#include "ProcessFixture.h"
 
 namespace vorlix::test {
 

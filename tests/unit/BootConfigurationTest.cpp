@@ -2,11 +2,11 @@
 //
 // update_bcd(): the copy of a template onto the EFI partition and the identifiers in it. The EFI partition's mount
 // point is a folder of the test, so that the store is a real file.
-#include <Vorlix/QDSDiskFunctions/Mounting.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "library/QDSDiskFunctions/Mounting.h"
 
 #include <cerrno>
 #include <chrono>
@@ -17,8 +17,8 @@
 #include <utility>
 #include <vector>
 
-#include "support/DiskFixture.h"
-#include "support/StandardStreams.h"
+#include "tests/unit/support/DiskFixture.h"
+#include "tests/unit/support/StandardStreams.h"
 
 namespace vorlix::test {
 namespace {

@@ -11,8 +11,8 @@
 #include <cstring>
 #include <string>
 
-#include "support/BootRecordFixture.h"
-#include "support/StandardStreams.h"
+#include "tests/unit/support/BootRecordFixture.h"
+#include "tests/unit/support/StandardStreams.h"
 
 namespace vorlix::test {
 namespace {

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Sector 0 and boot sectors as bytes. Places of fields: NTFS and FAT as mkntfs and mkfs.vfat write them.
-#include <Vorlix/QDSDiskFunctions/BootSectors.h>
 #include <gmock/gmock.h>
+#include "library/QDSDiskFunctions/BootSectors.h"
 
 #include <cstring>
 
-#include "support/DiskBytes.h"
+#include "tests/unit/support/DiskBytes.h"
 
 namespace vorlix::test {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <limits>
 
-#include "support/DiskFixture.h"
+#include "tests/unit/support/DiskFixture.h"
 
 namespace vorlix::test {
 namespace {

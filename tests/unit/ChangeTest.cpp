@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Changes to disks: made whole or not at all, and what becomes of one that was cut off.
-#include <Vorlix/platform/changes/Change.h>
-#include <Vorlix/platform/changes/Journal.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include "platform/changes/Change.h"
+#include "platform/changes/Journal.h"
 
 #include <cerrno>
 #include <cstdlib>

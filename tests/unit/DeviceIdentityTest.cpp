@@ -11,8 +11,8 @@
 #include <memory>
 #include <string>
 
-#include "support/DiskFixture.h"
-#include "support/StandardStreams.h"
+#include "tests/unit/support/DiskFixture.h"
+#include "tests/unit/support/StandardStreams.h"
 
 namespace vorlix::test {
 namespace {

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <thread>
 
-#include "support/DeviceManagerFixture.h"
+#include "tests/unit/support/DeviceManagerFixture.h"
 
 namespace vorlix::test {
 namespace {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Whether the machine can start Windows by EFI, by the host's list of models that cannot.
-#include "support/DeviceManagerFixture.h"
+#include "tests/unit/support/DeviceManagerFixture.h"
 
 namespace vorlix::test {
 namespace {

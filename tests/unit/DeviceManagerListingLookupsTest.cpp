@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Finding a volume in the list again, counting Windows-type partitions, and the built-in one.
-#include "support/DeviceManagerFixture.h"
+#include "tests/unit/support/DeviceManagerFixture.h"
 
 namespace vorlix::test {
 namespace {

@@ -3,7 +3,7 @@
 // The list of mounted volumes: which are in it, in what order, and with what fields.
 #include <limits>
 
-#include "support/DeviceManagerFixture.h"
+#include "tests/unit/support/DeviceManagerFixture.h"
 
 namespace vorlix::test {
 namespace {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The list of mounted volumes: Windows on them, where its boot files are, and what listing many of them costs.
-#include "support/DeviceManagerFixture.h"
+#include "tests/unit/support/DeviceManagerFixture.h"
 
 namespace vorlix::test {
 namespace {

@@ -6,8 +6,8 @@
 #include <limits>
 #include <thread>
 
-#include "support/DeviceManagerFixture.h"
-#include "support/LostSession.h"
+#include "tests/unit/support/DeviceManagerFixture.h"
+#include "tests/unit/support/LostSession.h"
 
 namespace vorlix::test {
 namespace {

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Whether System Integrity Protection stands in the way, as the device manager sees it.
-#include <Vorlix/QDSUtilities/StatusTool.h>
+#include "library/QDSUtilities/StatusTool.h"
 
 #include <system_error>
 
-#include "support/DeviceManagerFixture.h"
+#include "tests/unit/support/DeviceManagerFixture.h"
 
 namespace vorlix::test {
 namespace {

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <ostream>
 
-#include "support/DeviceManagerFixture.h"
+#include "tests/unit/support/DeviceManagerFixture.h"
 
 namespace vorlix::test {
 namespace {

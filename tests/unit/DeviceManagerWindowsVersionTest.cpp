@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <map>
 
-#include "support/DeviceManagerFixture.h"
+#include "tests/unit/support/DeviceManagerFixture.h"
 
 namespace vorlix::test {
 namespace {

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDDiskHelper.h>
-#include <Vorlix/QDDiskHelper/BootFiles.h>
-#include <Vorlix/QDSDiskFunctions/SystemLog.h>
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/platform/SystemLog.h>
 #include <unistd.h>
+#include "library/QDDiskHelper/BootFiles.h"
+#include "library/QDSDiskFunctions/SystemLog.h"
 
-#include "support/DiskBytes.h"
-#include "support/DiskFixture.h"
+#include "tests/unit/support/DiskBytes.h"
+#include "tests/unit/support/DiskFixture.h"
 
 namespace vorlix::test {
 namespace {

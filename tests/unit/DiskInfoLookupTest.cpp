@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "support/DiskFixture.h"
-#include "support/StandardStreams.h"
+#include "tests/unit/support/DiskFixture.h"
+#include "tests/unit/support/StandardStreams.h"
 
 namespace vorlix::test {
 namespace {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDDiskInfo.h>
 
-#include "support/DiskFixture.h"
-#include "support/PropertyListText.h"
+#include "tests/unit/support/DiskFixture.h"
+#include "tests/unit/support/PropertyListText.h"
 
 namespace vorlix::test {
 namespace {

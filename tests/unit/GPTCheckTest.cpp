@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What is said of damaged GPTs. The disk is put together byte by byte, its checksums are computed one bit at a time.
-#include <Vorlix/QDSDiskFunctions/GPTCheck.h>
-#include <Vorlix/foundation/GUIDPartitionTable.h>
 #include <gmock/gmock.h>
+#include "foundation/GUIDPartitionTable.h"
+#include "library/QDSDiskFunctions/GPTCheck.h"
 
-#include "support/DiskBytes.h"
+#include "tests/unit/support/DiskBytes.h"
 
 namespace vorlix::test {
 namespace {

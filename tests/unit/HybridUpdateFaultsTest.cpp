@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "support/HybridDisk.h"
-#include "support/StandardStreams.h"
+#include "tests/unit/support/HybridDisk.h"
+#include "tests/unit/support/StandardStreams.h"
 
 namespace vorlix::test {
 namespace {

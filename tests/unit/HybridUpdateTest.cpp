@@ -4,8 +4,8 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include "support/HybridDisk.h"
-#include "support/StandardStreams.h"
+#include "tests/unit/support/HybridDisk.h"
+#include "tests/unit/support/StandardStreams.h"
 
 namespace vorlix::test {
 namespace {

@@ -6,7 +6,7 @@
 #include <limits>
 #include <optional>
 
-#include "support/ArchiveSample.h"
+#include "tests/unit/support/ArchiveSample.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "support/ArchiveSample.h"
+#include "tests/unit/support/ArchiveSample.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <limits>
 #include <stdexcept>
 
-#include "support/ArchiveSample.h"
+#include "tests/unit/support/ArchiveSample.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "support/DiskFixture.h"
+#include "tests/unit/support/DiskFixture.h"
 
 namespace vorlix::test {
 namespace {

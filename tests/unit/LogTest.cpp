@@ -9,8 +9,8 @@
 #include <sstream>
 #include <thread>
 
-#include "support/FlatFixture.h"
-#include "support/StandardStreams.h"
+#include "tests/unit/support/FlatFixture.h"
+#include "tests/unit/support/StandardStreams.h"
 
 namespace vorlix::test {
 namespace {

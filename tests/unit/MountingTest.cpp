@@ -14,9 +14,9 @@
 #include <thread>
 #include <vector>
 
-#include "support/DiskFixture.h"
-#include "support/LostSession.h"
-#include "support/StandardStreams.h"
+#include "tests/unit/support/DiskFixture.h"
+#include "tests/unit/support/LostSession.h"
+#include "tests/unit/support/StandardStreams.h"
 
 namespace vorlix::test {
 namespace {

@@ -2,11 +2,11 @@
 //
 // The flat functions with null for every name and text, and with a platform that throws: what they answer and log, and
 // that nothing is written or left open.
-#include <Vorlix/QDSDiskFunctions/Mounting.h>
 #include <Vorlix/QDSDiskRegistry.h>
 #include <Vorlix/platform/DiskArbitration.h>
 #include <Vorlix/platform/RunLoop.h>
 #include <gmock/gmock.h>
+#include "library/QDSDiskFunctions/Mounting.h"
 
 #include <filesystem>
 #include <functional>
@@ -14,8 +14,8 @@
 #include <ostream>
 #include <system_error>
 
-#include "support/DiskFixture.h"
-#include "support/StandardStreams.h"
+#include "tests/unit/support/DiskFixture.h"
+#include "tests/unit/support/StandardStreams.h"
 
 namespace vorlix::test {
 namespace {

@@ -9,8 +9,8 @@
 #include <cstring>
 #include <limits>
 
-#include "support/DiskBytes.h"
-#include "support/FlatFixture.h"
+#include "tests/unit/support/DiskBytes.h"
+#include "tests/unit/support/FlatFixture.h"
 
 namespace vorlix::test {
 namespace {

@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "support/DiskBytes.h"
-#include "support/FlatFixture.h"
-#include "support/StandardStreams.h"
+#include "tests/unit/support/DiskBytes.h"
+#include "tests/unit/support/FlatFixture.h"
+#include "tests/unit/support/StandardStreams.h"
 
 namespace vorlix::test {
 namespace {

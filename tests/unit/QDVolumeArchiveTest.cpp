@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
-#include "support/FilledVolume.h"
-#include "support/PropertyListText.h"
+#include "tests/support/FilledVolume.h"
+#include "tests/unit/support/PropertyListText.h"
 
 namespace {
 

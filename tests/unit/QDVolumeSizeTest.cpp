@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/QDSDiskFunctions/Log.h>
 #include <Vorlix/QDTaskWrapperWithBlocks.h>
 #include <Vorlix/QDVolume.h>
-#include <Vorlix/QDVolume/SizeMeasurement.h>
 #include <Vorlix/foundation/NotificationCenter.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/RunLoop.h>
@@ -10,6 +8,8 @@
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
+#include "library/QDSDiskFunctions/Log.h"
+#include "library/QDVolume/SizeMeasurement.h"
 
 #include <chrono>
 #include <cstdlib>

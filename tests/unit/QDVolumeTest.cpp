@@ -6,7 +6,7 @@
 #include <atomic>
 #include <thread>
 
-#include "support/FilledVolume.h"
+#include "tests/support/FilledVolume.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <array>
 #include <cstring>
 
-#include "support/DiskBytes.h"
-#include "support/FlatFixture.h"
+#include "tests/unit/support/DiskBytes.h"
+#include "tests/unit/support/FlatFixture.h"
 
 namespace vorlix::test {
 namespace {

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <functional>
 
-#include "support/DiskBytes.h"
-#include "support/FlatFixture.h"
+#include "tests/unit/support/DiskBytes.h"
+#include "tests/unit/support/FlatFixture.h"
 
 namespace vorlix::test {
 namespace {

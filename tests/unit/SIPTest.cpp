@@ -2,14 +2,14 @@
 //
 // The state of System Integrity Protection as a status tool reports it, simulated and, where pipes matter, for real.
 #include <Vorlix/QDSUtilities.h>
-#include <Vorlix/QDSUtilities/StatusTool.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "library/QDSUtilities/StatusTool.h"
 
 #include <system_error>
 
-#include "support/DiskFixture.h"
+#include "tests/unit/support/DiskFixture.h"
 
 namespace vorlix::test {
 namespace {

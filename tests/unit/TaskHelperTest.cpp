@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <system_error>
 
-#include "support/ProcessFixture.h"
+#include "tests/support/ProcessFixture.h"
 
 namespace vorlix::test {
 namespace {

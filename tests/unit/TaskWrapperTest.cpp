@@ -5,7 +5,7 @@
 
 #include <ctime>
 
-#include "support/TaskWrapperFixture.h"
+#include "tests/support/TaskWrapperFixture.h"
 
 namespace vorlix::test {
 namespace {

@@ -5,7 +5,7 @@
 
 #include <limits>
 
-#include "support/ArchiveSample.h"
+#include "tests/unit/support/ArchiveSample.h"
 
 namespace {
 

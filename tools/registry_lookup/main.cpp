@@ -8,12 +8,12 @@
 #include <string>
 #include <string_view>
 
-#include "../StandardDescriptors.h"
 #include "Confinement.h"
 #include "Hive.h"
 #include "HiveFile.h"
 #include "Names.h"
 #include "ValueText.h"
+#include "tools/StandardDescriptors.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/QDSDiskFunctions/StoreSlots.h>
-#include <Vorlix/QDSUtilities/VolumeNames.h>
 #include <Vorlix/platform/DeviceFile.h>
 #include <Vorlix/platform/Platform.h>
-#include <Vorlix/platform/changes/Change.h>
 #include <sys/stat.h>
+#include "library/QDSDiskFunctions/StoreSlots.h"
+#include "library/QDSUtilities/VolumeNames.h"
+#include "platform/changes/Change.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -4,7 +4,7 @@
 #pragma once
 
 #include <Vorlix/platform/DeviceFile.h>
-#include <Vorlix/platform/changes/Change.h>
+#include "platform/changes/Change.h"
 
 #include <memory>
 #include <string>

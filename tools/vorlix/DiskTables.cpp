@@ -3,7 +3,7 @@
 
 #include <Vorlix/platform/DiskArbitration.h>
 #include <Vorlix/platform/Platform.h>
-#include <Vorlix/platform/posix/SliceName.h>
+#include "platform/posix/SliceName.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -4,9 +4,9 @@
 #pragma once
 
 #include <Vorlix/QDSDiskFunctions.h>
-#include <Vorlix/QDSDiskFunctions/BootSectors.h>
-#include <Vorlix/QDSDiskFunctions/GPTCheck.h>
 #include <Vorlix/platform/DeviceFile.h>
+#include "library/QDSDiskFunctions/BootSectors.h"
+#include "library/QDSDiskFunctions/GPTCheck.h"
 
 #include <cstdint>
 #include <optional>

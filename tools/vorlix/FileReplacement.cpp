@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "FileReplacement.h"
 
-#include <Vorlix/platform/posix/Descriptor.h>
-#include <Vorlix/platform/posix/FilesInPlace.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "platform/posix/Descriptor.h"
+#include "platform/posix/FilesInPlace.h"
 
 #include <cerrno>
 #include <cstring>

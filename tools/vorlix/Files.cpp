@@ -3,11 +3,11 @@
 
 #include <Vorlix/platform/DeviceFile.h>
 #include <Vorlix/platform/Platform.h>
-#include <Vorlix/platform/posix/Descriptor.h>
-#include <Vorlix/platform/posix/FileHandle.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "platform/posix/Descriptor.h"
+#include "platform/posix/FileHandle.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/QDSDiskFunctions/Log.h>
+#include "library/QDSDiskFunctions/Log.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/NSNumber+HumanReadable.h>
 #include <Vorlix/QDVolume.h>
-#include <Vorlix/QDVolume/SizeMeasurement.h>
 #include <Vorlix/foundation/NotificationCenter.h>
 #include <Vorlix/platform/HostBundle.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/RunLoop.h>
 #include <unistd.h>
+#include "library/QDVolume/SizeMeasurement.h"
 
 #include <array>
 #include <cerrno>

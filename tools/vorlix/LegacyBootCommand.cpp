@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/QDSUtilities/CaseFolding.h>
-#include <Vorlix/QDSUtilities/VolumeNames.h>
+#include "library/QDSUtilities/CaseFolding.h"
+#include "library/QDSUtilities/VolumeNames.h"
 
 #include <cstdio>
 #include <filesystem>

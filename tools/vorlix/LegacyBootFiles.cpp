@@ -3,13 +3,13 @@
 
 #include <Vorlix/platform/FileCopy.h>
 #include <Vorlix/platform/Platform.h>
-#include <Vorlix/platform/posix/Descriptor.h>
-#include <Vorlix/platform/posix/FileHandle.h>
-#include <Vorlix/platform/posix/FilesInPlace.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "platform/posix/Descriptor.h"
+#include "platform/posix/FileHandle.h"
+#include "platform/posix/FilesInPlace.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <Vorlix/QDSDiskFunctions/Log.h>
+#include "library/QDSDiskFunctions/Log.h"
 
 #include <string>
 

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "NewFile.h"
 
-#include <Vorlix/platform/posix/Descriptor.h>
-#include <Vorlix/platform/posix/FileHandle.h>
-#include <Vorlix/platform/posix/FilesInPlace.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "platform/posix/Descriptor.h"
+#include "platform/posix/FileHandle.h"
+#include "platform/posix/FilesInPlace.h"
 
 #include <cerrno>
 #include <cstdio>

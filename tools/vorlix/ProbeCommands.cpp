@@ -2,9 +2,9 @@
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDDiskHelper.h>
 #include <Vorlix/QDSUtilities.h>
-#include <Vorlix/QDSUtilities/StatusTool.h>
 #include <Vorlix/QDVolume.h>
 #include <unistd.h>
+#include "library/QDSUtilities/StatusTool.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSDiskFunctions.h>
-#include <Vorlix/QDSDiskFunctions/PartitionRecords.h>
+#include "library/QDSDiskFunctions/PartitionRecords.h"
 
 #include <cstdio>
 #include <memory>

@@ -2,10 +2,10 @@
 #include "Volumes.h"
 
 #include <Vorlix/QDDeviceManager.h>
-#include <Vorlix/QDDeviceManager/WindowsFolders.h>
 #include <Vorlix/platform/DiskArbitration.h>
 #include <fcntl.h>
 #include <unistd.h>
+#include "library/QDDeviceManager/WindowsFolders.h"
 
 #include <cstdio>
 #include <filesystem>

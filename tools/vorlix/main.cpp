@@ -9,12 +9,12 @@
 #include <set>
 #include <string>
 
-#include "../StandardDescriptors.h"
 #include "Commands.h"
 #include "Complaint.h"
 #include "DeviceChanges.h"
 #include "Failure.h"
 #include "Text.h"
+#include "tools/StandardDescriptors.h"
 
 namespace {
 

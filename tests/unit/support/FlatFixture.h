@@ -4,11 +4,11 @@
 #pragma once
 
 #include <Vorlix/QDSDiskFunctions.h>
-#include <Vorlix/QDSDiskFunctions/DeviceStreams.h>
-#include <Vorlix/QDSDiskFunctions/Log.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include "library/QDSDiskFunctions/DeviceStreams.h"
+#include "library/QDSDiskFunctions/Log.h"
 
 #include <algorithm>
 #include <filesystem>

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The unpacked size of a compressed image file, measured by unpacking it into "wc -c".
-#include <Vorlix/QDSDiskFunctions/Log.h>
 #include <Vorlix/QDTaskWrapperWithBlocks.h>
 #include <Vorlix/foundation/NotificationCenter.h>
 #include <Vorlix/platform/HostBundle.h>
 #include <Vorlix/platform/Platform.h>
+#include "library/QDSDiskFunctions/Log.h"
 
 #include <cstdlib>
 #include <string_view>

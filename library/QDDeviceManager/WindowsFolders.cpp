@@ -11,7 +11,7 @@
 #include <string_view>
 #include <utility>
 
-#include "../QDSUtilities/VolumeNames.h"
+#include "library/QDSUtilities/VolumeNames.h"
 
 using vorlix::appendPathComponent;
 using vorlix::FileManager;

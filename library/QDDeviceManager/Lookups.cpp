@@ -5,8 +5,8 @@
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/platform/DiskArbitration.h>
 
-#include "../QDSUtilities/CaseFolding.h"
 #include "Messages.h"
+#include "library/QDSUtilities/CaseFolding.h"
 
 namespace {
 

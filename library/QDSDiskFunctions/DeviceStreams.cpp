@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "DeviceStreams.h"
 
-#include <Vorlix/platform/DeviceStream.h>
 #include <Vorlix/platform/Platform.h>
+#include "platform/DeviceStream.h"
 
 #include <cerrno>
 #include <mutex>

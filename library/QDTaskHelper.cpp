@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/QDSDiskFunctions/Log.h>
 #include <Vorlix/QDTaskHelper.h>
 #include <Vorlix/foundation/Utf8.h>
 #include <Vorlix/platform/ChildProcess.h>
 #include <Vorlix/platform/Platform.h>
+#include "library/QDSDiskFunctions/Log.h"
 
 #include <atomic>
 #include <string_view>

@@ -8,8 +8,8 @@
 #include <initializer_list>
 #include <utility>
 
-#include "QDSDiskFunctions/Log.h"
-#include "QDSUtilities/VolumeNames.h"
+#include "library/QDSDiskFunctions/Log.h"
+#include "library/QDSUtilities/VolumeNames.h"
 
 using vorlix::logMessage;
 

@@ -6,10 +6,10 @@
 
 #include <algorithm>
 
-#include "QDDeviceManager/WindowsFolders.h"
-#include "QDDiskHelper/BootFiles.h"
-#include "QDSDiskFunctions/DeviceStreams.h"
-#include "QDSDiskFunctions/SystemLog.h"
+#include "library/QDDeviceManager/WindowsFolders.h"
+#include "library/QDDiskHelper/BootFiles.h"
+#include "library/QDSDiskFunctions/DeviceStreams.h"
+#include "library/QDSDiskFunctions/SystemLog.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "QDVolume/Fields.h"
+#include "library/QDVolume/Fields.h"
 
 namespace {
 

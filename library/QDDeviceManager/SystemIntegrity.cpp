@@ -5,7 +5,7 @@
 #include <Vorlix/QDSUtilities.h>
 #include <Vorlix/platform/DiskArbitration.h>
 
-#include "../QDTaskHelper/StandardOutput.h"
+#include "library/QDTaskHelper/StandardOutput.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "GPTCheck.h"
 
-#include <Vorlix/foundation/GUIDPartitionTable.h>
+#include "foundation/GUIDPartitionTable.h"
 
 #include <algorithm>
 #include <cstring>

@@ -12,9 +12,9 @@
 #include <string_view>
 #include <system_error>
 
-#include "../QDSUtilities/CaseFolding.h"
 #include "Messages.h"
 #include "WindowsFolders.h"
+#include "library/QDSUtilities/CaseFolding.h"
 
 using vorlix::tellDelegate;
 

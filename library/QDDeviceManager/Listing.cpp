@@ -12,8 +12,8 @@
 #include <array>
 #include <map>
 
-#include "../QDSUtilities/CaseFolding.h"
 #include "WindowsFolders.h"
+#include "library/QDSUtilities/CaseFolding.h"
 
 using vorlix::Dictionary;
 using vorlix::FileManager;

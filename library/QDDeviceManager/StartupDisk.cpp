@@ -4,17 +4,17 @@
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDDiskHelper.h>
 #include <Vorlix/QDVolume.h>
-#include <Vorlix/foundation/PropertyListFile.h>
 #include <Vorlix/platform/HostBundle.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/Shell.h>
 #include <Vorlix/platform/UserIdentity.h>
+#include "foundation/PropertyListFile.h"
 
 #include <algorithm>
 #include <string_view>
 
-#include "../QDSDiskFunctions/SystemLog.h"
 #include "Messages.h"
+#include "library/QDSDiskFunctions/SystemLog.h"
 
 using vorlix::logToSystem;
 using vorlix::shown;

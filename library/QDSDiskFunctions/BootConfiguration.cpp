@@ -16,12 +16,12 @@
 #include <utility>
 #include <vector>
 
-#include "../QDSUtilities/VolumeNames.h"
 #include "Arguments.h"
 #include "DeviceStreams.h"
 #include "Exceptions.h"
 #include "Log.h"
 #include "StoreSlots.h"
+#include "library/QDSUtilities/VolumeNames.h"
 
 using vorlix::logMessage;
 using vorlix::textOf;

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDTaskWrapperWithBlocks.h>
-#include <Vorlix/QDTaskWrapperWithBlocks/StatusPause.h>
 #include <Vorlix/foundation/Utf8.h>
 #include <Vorlix/platform/ChildProcess.h>
 #include <Vorlix/platform/Platform.h>
+#include "library/QDTaskWrapperWithBlocks/StatusPause.h"
 
 #include <algorithm>
 #include <stdexcept>

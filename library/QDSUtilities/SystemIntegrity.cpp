@@ -6,8 +6,8 @@
 
 #include <utility>
 
-#include "../QDTaskHelper/StandardOutput.h"
 #include "StatusTool.h"
+#include "library/QDTaskHelper/StandardOutput.h"
 
 namespace {
 
