@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// How a disk starts, and whether a volume can be started from.
+/// Finds out how a disk starts, and whether a volume is bootable.
 #pragma once
 
 #include <Vorlix/foundation/Export.h>
@@ -12,26 +12,28 @@
 
 class QDVolume;
 
-/// Objects of this class have no state; callers make one for each question. Any thread may ask.
+/// Answers questions about booting. Objects of this class have no state; callers create one for each question. Any
+/// thread may call any function.
 class VORLIX_EXPORT QDDiskHelper : public vorlix::Object {
  public:
   QDDiskHelper() = default;
 
-  /// A new instance.
+  /// Returns a new instance.
   static std::shared_ptr<QDDiskHelper> init();
 
-  /// Tells from sector 0 which way a disk starts: by EFI where the start head of the second MBR slot is 0, as beside a
-  /// plain protective slot, else as legacy. Nothing else is looked at, not even the signature; of a disk that ends
-  /// before that byte the answer is 1. The device stays open until the process ends. Keyword form: `bootTypeForDisk:`.
-  /// @param device  path of a device node, such as "/dev/disk0", or of an image file.
-  /// @return 0 legacy, 1 EFI, 4 the device could not be opened; without administrator rights this is the usual answer.
+  /// Finds out from sector 0 how a disk starts. The disk starts by EFI if the start head in the second MBR slot is 0,
+  /// as on a disk with a plain protective MBR; otherwise it is a legacy disk. Nothing else is read, not even the
+  /// signature. A disk that ends before that byte returns 1. Keyword form: `bootTypeForDisk:`.
+  /// @param device  path of a device node, such as "/dev/disk0", or of a disk-image file.
+  /// @return 0 for legacy, 1 for EFI, 4 if the device cannot be opened, as is usual without administrator rights.
+  /// @note The device stays open until the process ends: each call uses up one descriptor.
   int32_t bootTypeForDisk(const std::string& device);
 
-  /// Whether one of these exists on a mounted volume, looked for in this order: "System/Library",
-  /// "com.apple.recovery.boot/boot.efi", "Windows/System32", "ntldr". On FAT, exFAT and NTFS, by its
-  /// `fileSystemType`, any spelling in upper and lower case will do. The system's log gets the line "Checking if
-  /// bootable". Keyword form: `isBootable:`.
-  /// @param volume  its `filePath` is the root; of a volume without one (or of none) the paths are relative to the
-  ///                working folder.
+  /// Returns whether a mounted volume has one of these items: "System/Library", "com.apple.recovery.boot/boot.efi",
+  /// "Windows/System32" or "ntldr", looked for in this order. On a volume whose `fileSystemType` is FAT, exFAT or NTFS
+  /// the case of the names does not matter. Writes the line "Checking if bootable" to the system log. Keyword form:
+  /// `isBootable:`.
+  /// @param volume  `filePath` is the root of the volume. If `filePath` is absent, or `volume` is null, the paths are
+  ///                relative to the working directory.
   bool isBootable(const std::shared_ptr<QDVolume>& volume);
 };

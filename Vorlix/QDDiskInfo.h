@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// What the system's disk arbitration knows of a disk or volume, as a record.
+/// A record of what the system's disk arbitration knows about a disk or volume.
 #pragma once
 
 #include <Vorlix/foundation/Export.h>
@@ -19,7 +19,7 @@ namespace vorlix {
 class Disk;
 }  // namespace vorlix
 
-// The fields' names, for hosts that keep records of their own. The archive has entries under the first six.
+// Names of the fields, for hosts that keep their own records. The first six are also keys of the archive.
 VORLIX_EXPORT extern const char* const VolumeKindKey;       ///< "volumeKind"
 VORLIX_EXPORT extern const char* const VolumeMountableKey;  ///< "volumeMountable"
 VORLIX_EXPORT extern const char* const VolumeNameKey;       ///< "volumeName"
@@ -34,55 +34,60 @@ VORLIX_EXPORT extern const char* const MediaEjectableKey;   ///< "mediaEjectable
 VORLIX_EXPORT extern const char* const MediaNameKey;        ///< "mediaName"
 VORLIX_EXPORT extern const char* const MediaPathKey;        ///< "mediaPath"
 
-/// An immutable record of one disk or volume, made from its description. It may be shared between threads.
+/// An immutable record of one disk or volume, made from its description. Threads may share it.
 ///
 /// Each field holds the value of the description's key of the same name (kDescriptionVolumeKind and so on in
-/// <Vorlix/platform/DiskArbitration.h>). A key that is missing, or has a value of another type, leaves its field absent
-/// or false.
-///
-/// Archives carry the six volume fields: "volumeKind", "volumeMountable" (plain truth value), "volumeName",
-/// "volumePath" (URL), "volumeType" and "volumeUUID" (UUID), in this order. A decoded record has the others absent or
+/// <Vorlix/platform/DiskArbitration.h>). If the key is missing or its value has another type, the field is absent or
 /// false.
+///
+/// An archive contains the six volume fields in this order: "volumeKind", "volumeMountable" (an inline boolean),
+/// "volumeName", "volumePath" (URL), "volumeType" and "volumeUUID" (UUID). In a decoded record all other fields are
+/// absent or false.
 class VORLIX_EXPORT QDDiskInfo : public vorlix::Object, public vorlix::Coding {
  public:
-  static constexpr const char* kArchiveClass = "QDDiskInfo";
+  static constexpr const char* kArchiveClass = "QDDiskInfo";  ///< name of the class in archives
 
-  static constexpr int64_t kVolumeItem = 0;  ///< item named by its mount point
-  static constexpr int64_t kDeviceItem = 1;  ///< item named by its device node, such as /dev/disk2
+  static constexpr int64_t kVolumeItem = 0;  ///< a volume, named by its mount point
+  static constexpr int64_t kDeviceItem = 1;  ///< a device, named by its node, such as /dev/disk2
 
-  /// Finds a disk over a connection of its own, which is closed again. Keyword form: `diskForItemType:atURL:`.
-  /// @param itemType  kVolumeItem or kDeviceItem.
-  /// @return null for any other type, for a path that is not known, and when there is no connection.
+  /// Returns the disk that a URL names. Opens its own connection to disk arbitration and closes it again. Keyword form:
+  /// `diskForItemType:atURL:`.
+  /// @param itemType  how `url` names the disk: kVolumeItem or kDeviceItem.
+  /// @return the disk; null for any other type, for an unknown path, and if there is no connection.
   static std::shared_ptr<vorlix::Disk> diskForItemType(int64_t itemType, const vorlix::URL& url);
 
-  /// A record of the device with that node, or null. Keyword form: `infoForDeviceAtURL:`.
+  /// Returns a record of the device whose node is at `url`, or null if the device is unknown. Keyword form:
+  /// `infoForDeviceAtURL:`.
   static std::shared_ptr<QDDiskInfo> infoForDeviceAtURL(const vorlix::URL& url);
 
-  /// A record of the volume that is mounted there, or null. Keyword form: `infoForVolumeAtURL:`.
+  /// Returns a record of the volume that is mounted at `url`, or null if there is none. Keyword form:
+  /// `infoForVolumeAtURL:`.
   static std::shared_ptr<QDDiskInfo> infoForVolumeAtURL(const vorlix::URL& url);
 
-  /// A record of what is known of the disk now; of a disk without a description, or null, all fields are absent or
-  /// false. Keyword form: `initWithDiskArbitrationDisk:`.
+  /// Returns a record of what is known about a disk now. If the disk is null or has no description, all fields of the
+  /// record are absent or false. Keyword form: `initWithDiskArbitrationDisk:`.
   static std::shared_ptr<QDDiskInfo> initWithDiskArbitrationDisk(const std::shared_ptr<vorlix::Disk>& disk);
 
-  /// A record of a description. Keyword form: `initWithDiskArbitrationInfo:`.
+  /// Returns a record of a description. Keyword form: `initWithDiskArbitrationInfo:`.
   static std::shared_ptr<QDDiskInfo> initWithDiskArbitrationInfo(const vorlix::Dictionary& description);
 
-  /// Keyword form: `initWithCoder:`. An entry that is missing or of another class leaves its field absent or false.
+  /// Returns a record read from an archive. If an entry is missing or has another class, its field is absent or false.
+  /// Keyword form: `initWithCoder:`.
   static std::shared_ptr<QDDiskInfo> initWithCoder(vorlix::KeyedUnarchiver& coder);
 
-  /// True: archives are read with the class of each entry checked.
+  /// Returns true: the class of each entry is checked when an archive is read.
   static bool supportsSecureCoding() { return true; }
 
+  /// Returns the names of this class and its base class in archives.
   std::vector<std::string> archiveClasses() const override;
 
-  /// Keyword form: `encodeWithCoder:`.
+  /// Writes the six volume fields to an archive. Keyword form: `encodeWithCoder:`.
   void encodeWithCoder(vorlix::KeyedArchiver& coder) const override;
 
-  /// The volume can be mounted.
+  /// Whether the volume can be mounted.
   bool volumeMountable() const { return volumeMountable_; }
 
-  /// The medium can be ejected.
+  /// Whether the medium can be ejected.
   bool mediaEjectable() const { return mediaEjectable_; }
 
   /// File-system kind, such as "hfs" or "msdos".
@@ -97,25 +102,25 @@ class VORLIX_EXPORT QDDiskInfo : public vorlix::Object, public vorlix::Coding {
   /// Description of the file system's type.
   const std::optional<std::string>& volumeType() const { return volumeType_; }
 
-  /// Identifier of the volume: a UUID, not its text.
+  /// Identifier of the volume, as a UUID, not as a string.
   const std::optional<vorlix::UUID>& volumeUUID() const { return volumeUUID_; }
 
-  /// The device's path in the I/O registry.
+  /// Path of the device in the I/O registry.
   const std::optional<std::string>& devicePath() const { return devicePath_; }
 
   /// Identifier of the device, as bytes.
   const std::optional<vorlix::Data>& deviceGUID() const { return deviceGUID_; }
 
-  /// Unit number, the n of diskn.
+  /// Unit number of the device: 2 for disk2.
   const std::optional<vorlix::Number>& deviceUnit() const { return deviceUnit_; }
 
-  /// Bytes a block.
+  /// Block size of the medium in bytes.
   const std::optional<vorlix::Number>& mediaBlockSize() const { return mediaBlockSize_; }
 
   /// Name of the medium.
   const std::optional<std::string>& mediaName() const { return mediaName_; }
 
-  /// The medium's path in the I/O registry.
+  /// Path of the medium in the I/O registry.
   const std::optional<std::string>& mediaPath() const { return mediaPath_; }
 
  private:

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// The flat functions that take objects of the I/O registry. They have C++ linkage; their companions over plain data
-/// stand in QDSDiskFunctions.h.
+/// Flat functions that take objects of the I/O registry. They have C++ linkage; the flat functions that take plain data
+/// are in QDSDiskFunctions.h.
 #pragma once
 
 #include <Vorlix/foundation/Export.h>
@@ -11,21 +11,21 @@
 #include <cstdint>
 #include <memory>
 
-/// Looks for services of the class "IOUserClientClass". No storage device is of that class, so on a usual machine
-/// nothing is found; hosts that ask for ejectable media rely on that.
+/// Finds the services of the class "IOUserClientClass". No storage device is of that class, so on a usual machine the
+/// function finds nothing. Hosts that look for ejectable media rely on that.
 ///
-/// @param iterator  receives an iterator over what was found (it may be null where nothing was) when the result is 0;
-///                  untouched otherwise. Null is allowed and counts as a failure to find anything.
-/// @return the kernel return code, 0 for success. A failure is told on standard output; the code is 0 where only
-///         `iterator` was null.
+/// @param iterator  if the result is 0, receives an iterator over the services; it may be null if there are none.
+///                  Otherwise it is unchanged. A null `iterator` is allowed and is reported as if nothing was found.
+/// @return the kernel return code, 0 for success. A failure is printed on standard output. If only `iterator` was null,
+///         the message is printed but the code is 0.
 VORLIX_EXPORT int32_t MyFindEjectableMedia(std::shared_ptr<vorlix::RegistryIterator>* iterator);
 
-/// The path of a service's device node: "/dev/" and its "BSD Name".
+/// Writes the path of a service's device node into a buffer: "/dev/" and the service's "BSD Name".
 ///
-/// @param service  the service. The caller's reference stays the caller's; null has no path.
-/// @param path     receives the NUL-terminated path. On failure it is empty, or "/dev/" where the name does not fit or
-///                 is not plain ASCII. Null is a failure.
-/// @param size     bytes at `path`.
+/// @param service  the service; the caller keeps its reference. The function fails if it is null.
+/// @param path     receives the NUL-terminated path. On failure it is empty, or "/dev/" if the name does not fit or is
+///                 not plain ASCII. The function fails if it is null.
+/// @param size     size of the buffer at `path` in bytes.
 /// @return 0 (kKernSuccess) or 5 (kKernFailure).
 VORLIX_EXPORT int32_t MyGetDeviceFilePath(const std::shared_ptr<vorlix::RegistryEntry>& service, char* path,
                                           size_t size);

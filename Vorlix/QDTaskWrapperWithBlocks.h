@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// One child process that runs in the background and reports through callbacks.
+/// Runs a child process in the background and reports through callbacks.
 #pragma once
 
 #include <Vorlix/foundation/Export.h>
@@ -19,23 +19,25 @@ namespace vorlix {
 class Child;
 class ChildOutput;
 
-/// A read of one of the child's outputs that has completed.
+/// The result of a completed read from one of the child's outputs.
 struct ReadCompletion {
-  std::shared_ptr<ChildOutput> object;  ///< the pipe's read end
-  Data data;                            ///< what was read; empty at the end
+  std::shared_ptr<ChildOutput> object;  ///< read end of the pipe
+  Data data;                            ///< the bytes that were read; empty at the end of the output
 };
 
 }  // namespace vorlix
 
-/// Runs a program and hands over what it prints, piece by piece, as it comes.
+/// Runs a program and passes its output to callbacks, piece by piece, as it arrives.
 ///
-/// The program is named by its full path and started without a shell. Everything is delivered by the run loop of the
-/// thread that called startProcess(), while that loop runs in the default mode; all calls are to be made on that
-/// thread, but terminationStatus(), which another thread may call as long as no run is started meanwhile.
+/// The program is named by its full path and started without a shell.
 ///
-/// A run ends with stopProcess(), which happens by itself when standard output has ended, that is when every process
-/// that inherited it has closed it. An owner lets it come to that before it lets the wrapper go: when the last owner
-/// lets go of it earlier, the process is left to itself and no callback follows.
+/// Threads: the run loop of the thread that called startProcess() calls all callbacks, while it runs in the default
+/// mode. Call every function on that thread, except terminationStatus(): another thread may call it as long as no run
+/// is started at the same time.
+///
+/// A run ends with stopProcess(). The wrapper calls it itself when standard output has ended, that is, when every
+/// process that inherited it has closed it. Keep the wrapper until then: if the last owner releases it earlier, the
+/// process keeps running on its own and no callback follows.
 ///
 ///     const auto wrapper = QDTaskWrapperWithBlocks::initWithStartBlock(
 ///         [] {}, [] { ... }, [](const std::optional<std::string>& text) { ... }, [](const auto&) {},
@@ -43,49 +45,58 @@ struct ReadCompletion {
 ///     wrapper->startProcess();
 class VORLIX_EXPORT QDTaskWrapperWithBlocks : public vorlix::Object {
  public:
+  /// A callback for the start or the end of a run.
   using Block = std::function<void()>;
 
-  /// Takes a piece of output as UTF-8 text. Absent for a piece that is not well-formed, as one that ends inside a
-  /// character: pieces are cut where the pipe had no more to give, and not put together.
+  /// A callback that receives a piece of output as UTF-8 text. `text` is absent if the piece is not well-formed UTF-8.
+  /// A piece holds what the pipe had at that time; pieces are not joined, so one that ends inside a character is not
+  /// well-formed.
   using TextBlock = std::function<void(const std::optional<std::string>& text)>;
 
-  /// A new wrapper (`initWithStartBlock:endBlock:outputBlock:errorOutputBlock:arguments:`). Nothing is started or
-  /// checked.
+  /// Returns a new wrapper (`initWithStartBlock:endBlock:outputBlock:errorOutputBlock:arguments:`). Starts and checks
+  /// nothing.
   ///
-  /// All four callbacks are required: calling one that is empty throws std::bad_function_call.
-  /// @param arguments  the executable's path, then its arguments. The list is shared, not copied; a run reads it at its
-  /// start.
+  /// All four callbacks are required: std::bad_function_call is thrown when an empty one is called.
+  /// @param start        called at the start of each run.
+  /// @param end          called by stopProcess().
+  /// @param output       receives standard output.
+  /// @param errorOutput  receives standard error.
+  /// @param arguments    path of the executable, then its arguments. The list is shared, not copied; each run reads it
+  ///                     at its start.
   static std::shared_ptr<QDTaskWrapperWithBlocks> initWithStartBlock(
       Block start, Block end, TextBlock output, TextBlock errorOutput,
       std::shared_ptr<const std::vector<std::string>> arguments);
 
-  /// Starts a run: calls the start callback, makes a new process with a pipe for each of its streams, begins to listen
-  /// to both outputs and launches it. Its standard input never holds anything and stays open as long as the wrapper has
-  /// the process.
+  /// Starts a run: calls the start callback, creates a process with a pipe for each of its streams, starts to listen to
+  /// both outputs, and launches the program. The program's standard input never receives anything; it stays open as
+  /// long as the wrapper keeps the process.
   ///
-  /// While an earlier run is on, that process is let go of but not ended, its output still arrives, and its end stops
-  /// the new run.
-  /// @throws std::system_error  when there is no pipe to be had or the program cannot be executed; in the second case,
-  ///                            listening goes on. The start callback has run.
-  /// @throws std::out_of_range  when the list has no element or is null. The start callback has run.
+  /// If an earlier run has not ended, the wrapper releases its process but does not terminate it. The output of that
+  /// process still arrives, and the end of its standard output stops the new run.
+  /// @throws std::system_error  if no pipe can be created, or if the program cannot be executed; in the second case
+  ///                            the wrapper still listens. The start callback has run.
+  /// @throws std::out_of_range  if the list of arguments is null or empty. The start callback has run.
   void startProcess();
 
-  /// Stops listening to the outputs, those of earlier runs included, asks the process to end and calls the end
-  /// callback, every time that it is called. The wrapper stays alive until that has returned.
+  /// Stops a run: stops listening to all outputs, including those of earlier runs, asks the process to end (SIGTERM),
+  /// and calls the end callback. Every call does this again. The wrapper stays alive until the end callback has
+  /// returned.
   void stopProcess();
 
-  /// Takes a completed read of standard output (`getData:`): hands on a piece and begins the next read, or, at the end,
-  /// hands on what standard error holds at that moment and stops the run.
+  /// Handles a completed read of standard output (`getData:`). Passes the piece to the callback and starts the next
+  /// read. At the end of the output, passes on what standard error holds at that time and stops the run.
   void getData(const vorlix::ReadCompletion& chunk);
 
-  /// Takes a completed read of standard error (`getStdErr:`): hands on a piece, if there is one, and begins the next
-  /// read. The end of standard error does not end the run: empty reads go on completing until it is stopped, at most
-  /// ten a second, so that they cost nothing.
+  /// Handles a completed read of standard error (`getStdErr:`). Passes the piece to the callback unless it is empty,
+  /// and starts the next read. The end of standard error does not end the run: until the run is stopped, empty reads
+  /// complete at most ten times a second, so that they use almost no processor time.
   void getStdErr(const vorlix::ReadCompletion& chunk);
 
-  /// The exit status of the last process, or the number of the signal that ended it; 0 if none was launched, -1 if the
-  /// host took the status from the system. If the process still runs, the calling thread is blocked for 5 seconds, and
-  /// -999 is given if it then runs still.
+  /// Returns the exit status of the last process, or the number of the signal that ended it.
+  ///
+  /// If the process is still running, the function blocks the calling thread for 5 seconds and returns -999 if the
+  /// process is running even then.
+  /// @return also 0 if no process was launched, and -1 if the host collected the status from the system itself.
   int32_t terminationStatus();
 
  private:
@@ -94,7 +105,8 @@ class VORLIX_EXPORT QDTaskWrapperWithBlocks : public vorlix::Object {
 
   using Handler = void (QDTaskWrapperWithBlocks::*)(const vorlix::ReadCompletion&);
 
-  /// @return whether the run is still on; the callback may have stopped it.
+  /// Passes on what standard error holds when standard output ends.
+  /// @return whether the run continues; the callback may have stopped it.
   bool takeWaitingErrors(const std::shared_ptr<vorlix::ChildOutput>& ended);
   bool isObserved(const std::shared_ptr<vorlix::ChildOutput>& output) const;
   void readInBackground(const std::shared_ptr<vorlix::ChildOutput>& output, Handler handler);
@@ -105,6 +117,6 @@ class VORLIX_EXPORT QDTaskWrapperWithBlocks : public vorlix::Object {
   TextBlock outputBlock_;
   TextBlock errorOutputBlock_;
   std::shared_ptr<const std::vector<std::string>> arguments_;
-  [[maybe_unused]] uint8_t isBinaryOutput_ = 0;  // without effect: output is always text
+  [[maybe_unused]] uint8_t isBinaryOutput_ = 0;  // has no effect: output is always text
   std::vector<std::shared_ptr<vorlix::ChildOutput>> observed_;
 };

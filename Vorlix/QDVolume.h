@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// The record of one item that a host offers for choice: a mounted volume, a whole disk or a disk-image file.
+/// A record of one item that a host lists for the user: a mounted volume, a whole disk or a disk-image file.
 #pragma once
 
 #include <Vorlix/foundation/AttributedString.h>
@@ -20,155 +20,163 @@ class QDTaskWrapperWithBlocks;
 
 namespace vorlix {
 
-/// Name of the notification that a record posts when its size changes, with the record as object.
+/// Name of the notification that a record posts when its size changes. The notification's object is the record.
 inline constexpr const char* kDisksChangedNotification = "QDSDisksChanged";
 
 }  // namespace vorlix
 
-/// A plain record, made and filled by the device manager or the host.
+/// A plain record that the device manager or the host creates and fills.
 ///
-/// Every object field may be absent. Fields given by value are copied; `mbr`, `partitionID`, `info` and `wrapperArray`
-/// are shared: the record holds what it is given.
+/// Every object field may be absent. Ownership: fields that are passed by value are copied; `mbr`, `partitionID`,
+/// `info` and `wrapperArray` are shared, so the record and its host see the same object.
 ///
-/// Threads: a getter of an object field gives a whole value that stays valid while another thread replaces the field;
-/// so it is for all but `wrapperArray`, which is plain like the flags. Everything else (appending, copying, coding,
-/// updateSize()) is for one thread at a time.
+/// Threads: a getter of an object field returns a complete value, which stays valid while another thread replaces the
+/// field. This does not hold for `wrapperArray`, the flags and `filesystemSize`. Use those, and appending, copying,
+/// coding and updateSize(), from one thread at a time.
 ///
-/// Archive: keys are a format between processes. What the archive keeps, and how, is asymmetric in places on purpose:
+/// Archives: the keys are a format between processes. What an archive contains is not symmetric, on purpose:
 ///
 // clang-format off
-/// | key | as | read back |
+/// | key | written as | read as |
 /// |---|---|---|
 /// | mbr | bytes | growable copy |
 /// | partitionID, info | text | growable copy |
-/// | filePath, device, drivePath, diskName, vmUsername, humanSize, freeSpace, totalSize | text | as it is |
-/// | usageDescription | styled text | as it is |
-/// | isVM | plain truth value | its value as a number object |
-/// | vmPassword | text: UTF-8 in base64 | never: the key looked up is the record's own password, which a new one has not |
-/// | fileSystemType | text | never: "MVMapName", which nobody writes, is asked for it |
-/// | isBootable, isRemovable | number object with a truth value | its truth value |
-/// | volumeUUID, mediaUUID, mediaContentUUID | UUID | as it is |
+/// | filePath, device, drivePath, diskName, vmUsername, humanSize, freeSpace, totalSize | text | the same |
+/// | usageDescription | styled text | the same |
+/// | isVM | inline boolean | the value of a number object |
+/// | vmPassword | text: UTF-8 in base64 | never: the key read is the record's own password, and a new record has none |
+/// | fileSystemType | text | never: the type is taken from an entry "MVMapName", which nobody writes |
+/// | isBootable, isRemovable | number object with a boolean | its boolean value |
+/// | volumeUUID, mediaUUID, mediaContentUUID | UUID | the same |
 /// | volumeType | not written | text |
 // clang-format on
 ///
-/// All other fields are not archived; a decoded record has them absent, false or 0, `mbr` included if it was absent. A
-/// copy's `mbr` and `partitionID` are archived as immutable bytes and text, others' as growable.
+/// No other field is archived. In a decoded record those fields are absent, false or 0; `mbr` is absent too if it was
+/// absent in the archived record. The `mbr` and `partitionID` of a copy (copyWithZone()) are archived as immutable
+/// bytes and text, those of other records as growable.
 class VORLIX_EXPORT QDVolume : public vorlix::Object, public vorlix::Coding {
  public:
-  static constexpr const char* kArchiveClass = "QDVolume";
+  static constexpr const char* kArchiveClass = "QDVolume";  ///< name of the class in archives
 
-  /// All flags false, `filesystemSize` 0, `mbr` an empty buffer, every other object field absent.
+  /// Returns a new record: all flags are false, `filesystemSize` is 0, `mbr` is an empty buffer, and every other object
+  /// field is absent.
   static std::shared_ptr<QDVolume> init();
 
-  /// Keyword form: `initWithCoder:`. An entry that is missing or unreadable leaves its field absent or false.
+  /// Returns a record read from an archive. If an entry is missing or unreadable, its field is absent or false. Keyword
+  /// form: `initWithCoder:`.
   static std::shared_ptr<QDVolume> initWithCoder(vorlix::KeyedUnarchiver& coder);
 
-  /// True: archives are read with the class of each entry checked.
+  /// Returns true: the class of each entry is checked when an archive is read.
   static bool supportsSecureCoding() { return true; }
 
   ~QDVolume() override;
 
+  /// Returns the names of this class and its base class in archives.
   std::vector<std::string> archiveClasses() const override;
 
-  /// Keyword form: `encodeWithCoder:`.
+  /// Writes the fields in the table above to an archive. Keyword form: `encodeWithCoder:`.
   void encodeWithCoder(vorlix::KeyedArchiver& coder) const override;
 
-  /// A record of the same class with its own values. `info` is shared with this record. `mbr` and `partitionID` are
-  /// immutable copies (absent if they are absent here): appending to them does nothing. Not copied: `filesystemSize`,
-  /// `hasWindows`, `hasWindows8orGreater`, `isWritable`, `mediaSize`, `foundWindowsVersion`, `installedOS`,
-  /// `networkShare`, `bootResourcePath`, `bootMgrPath` and `wrapperArray`. Keyword form: `copyWithZone:`.
+  /// Returns a record of the same class with its own values. `info` is shared with this record. `mbr` and `partitionID`
+  /// are immutable copies (absent if they are absent here): appending to them does nothing. These fields are not
+  /// copied: `filesystemSize`, `hasWindows`, `hasWindows8orGreater`, `isWritable`, `mediaSize`, `foundWindowsVersion`,
+  /// `installedOS`, `networkShare`, `bootResourcePath`, `bootMgrPath` and `wrapperArray`. Keyword form:
+  /// `copyWithZone:`.
   std::shared_ptr<QDVolume> copyWithZone() const;
 
-  /// Appends to `mbr`; nothing happens if it is absent or immutable. Keyword form: `appendMBRData:`.
+  /// Appends bytes to `mbr`. Does nothing if `mbr` is absent or immutable. Keyword form: `appendMBRData:`.
   void appendMBRData(const std::vector<uint8_t>& bytes);
 
-  /// Appends to `partitionID`, which is made if it is absent; nothing happens if it is immutable. Keyword form:
+  /// Appends text to `partitionID` and creates it if it is absent. Does nothing if it is immutable. Keyword form:
   /// `appendpartitionIDData:`.
   void appendpartitionIDData(const std::string& text);
 
-  /// Appends to `info`, which is made if it is absent. Keyword form: `appendInfo:`.
+  /// Appends text to `info` and creates it if it is absent. Keyword form: `appendInfo:`.
   void appendInfo(const std::string& text);
 
-  /// Several lines, one for each field that is present. Bytes are shown as "<00010203 04>": hexadecimal in groups of
-  /// four.
+  /// Returns a description of the record in several lines, one for each field of its list that is present. Bytes are
+  /// shown in hexadecimal, in groups of four: "<00010203 04>".
   std::string description() const;
 
-  /// `diskName` and `humanSize` as "name (size bytes)"; an absent one is "(null)". The word "bytes" stands there also
-  /// after a size with its unit.
+  /// Returns `diskName` and `humanSize` as "name (size bytes)". An absent field is shown as "(null)". The word "bytes"
+  /// is there even if the size has its own unit.
   std::string diskLabelWithSize() const;
 
-  /// Measures the unpacked size of a compressed image file, whose name ends in ".gz" or ".zip" in lower case and whose
-  /// `totalSize` is not known yet (its integer value is below 1). Returns at once; the work goes on as this thread's
-  /// run loop runs in the default mode.
+  /// Starts to measure the unpacked size of a compressed image file. Returns immediately; the measurement goes on while
+  /// the run loop of the calling thread runs in the default mode.
   ///
-  /// `totalSize` becomes "-1" at the start and then each piece of what "gunzip -c" or the host's resource "unzip",
-  /// piped into "wc -c", prints. After each change kDisksChangedNotification is posted on this thread. The process's
-  /// runner is held in `wrapperArray` until its output ends; it keeps this record alive. The path stands in double
-  /// quotes in the shell's command line, without escaping. @throws std::system_error if the shell cannot be launched;
-  /// the runner then stays in `wrapperArray`, for the host to remove, and `totalSize` stays "-1".
+  /// Does nothing unless `filePath` ends in ".gz" or ".zip" in lower case and `totalSize` is unknown, that is, its
+  /// integer value is below 1.
+  ///
+  /// `totalSize` becomes "-1" at the start. After that it becomes each piece of output of "gunzip -c", or of the host's
+  /// resource "unzip", piped into "wc -c". After each change kDisksChangedNotification is posted on the calling thread.
+  /// `wrapperArray` holds the process runner until its output ends; the runner keeps this record alive.
+  /// @warning The path is put between double quotes in the shell's command line, without escaping.
+  /// @throws std::system_error  if the shell cannot be launched. Then the runner stays in `wrapperArray`, for the host
+  ///                            to remove, and `totalSize` stays "-1".
   void updateSize();
 
-  /// The item can be started from.
+  /// Whether the item is bootable.
   bool isBootable() const;
   void setIsBootable(bool value);
 
-  /// Removable media.
+  /// Whether the item is a removable medium.
   bool isRemovable() const;
   void setIsRemovable(bool value);
 
-  /// The item is a virtual-machine target.
+  /// Whether the item is a virtual-machine target.
   bool isVM() const;
   void setIsVM(bool value);
 
-  /// For the host's list; the library never sets it.
+  /// A flag for the host's list. The library copies it but never sets it to true.
   bool showLine() const;
   void setShowLine(bool value);
 
-  /// A Windows installation was found on the volume.
+  /// Whether the volume holds an installed Windows or its installer.
   bool hasWindows() const;
   void setHasWindows(bool value);
 
-  /// That installation is Windows 8 or later.
+  /// Whether that Windows is Windows 8 or later.
   bool hasWindows8orGreater() const;
   void setHasWindows8orGreater(bool value);
 
-  /// The volume can be written.
+  /// Whether the volume can be written.
   bool isWritable() const;
   void setIsWritable(bool value);
 
-  /// Collected master-boot-record bytes, growable.
+  /// Bytes of a Master Boot Record, collected by appendMBRData().
   std::shared_ptr<std::vector<uint8_t>> mbr() const;
   void setMbr(std::shared_ptr<std::vector<uint8_t>> value);
 
-  /// Collected partition identifier text, growable.
+  /// Text of a partition identifier, collected by appendpartitionIDData().
   std::shared_ptr<std::string> partitionID() const;
   void setPartitionID(std::shared_ptr<std::string> value);
 
-  /// File-system size in bytes.
+  /// Size of the file system in bytes.
   int64_t filesystemSize() const;
   void setFilesystemSize(int64_t value);
 
-  /// Path of the item: a volume's mount point, or an image file.
+  /// Path of the item: the mount point of a volume, or an image file.
   std::optional<std::string> filePath() const;
   void setFilePath(std::optional<std::string> value);
 
-  /// The whole-disk device of the volume's slice.
+  /// Device node of the whole disk that holds the volume.
   std::optional<std::string> drivePath() const;
   void setDrivePath(std::optional<std::string> value);
 
-  /// The device node that the volume is mounted from, under "/dev/".
+  /// Device node under "/dev/" that the volume is mounted from.
   std::optional<std::string> device() const;
   void setDevice(std::optional<std::string> value);
 
-  /// Free-form notes collected about the item, growable.
+  /// Free-form notes about the item, collected by appendInfo().
   std::shared_ptr<std::string> info() const;
   void setInfo(std::shared_ptr<std::string> value);
 
-  /// Volume name as shown to the user.
+  /// Name of the volume as shown to the user.
   std::optional<std::string> diskName() const;
   void setDiskName(std::optional<std::string> value);
 
-  /// Description of the item's use, with attributes.
+  /// Description of what the item is used for, as styled text.
   std::optional<vorlix::AttributedString> usageDescription() const;
   void setUsageDescription(std::optional<vorlix::AttributedString> value);
 
@@ -180,23 +188,23 @@ class VORLIX_EXPORT QDVolume : public vorlix::Object, public vorlix::Coding {
   std::optional<std::string> vmPassword() const;
   void setVmPassword(std::optional<std::string> value);
 
-  /// Size for display, as stringWithHumanReadableInt() makes it.
+  /// Size for display, in the form of stringWithHumanReadableInt().
   std::optional<std::string> humanSize() const;
   void setHumanSize(std::optional<std::string> value);
 
-  /// "ntfs", "msdos", "exfat", ....
+  /// Type of the file system, such as "ntfs", "msdos" or "exfat".
   std::optional<std::string> fileSystemType() const;
   void setFileSystemType(std::optional<std::string> value);
 
-  /// Free bytes as decimal text.
+  /// Free space in bytes, as decimal text.
   std::optional<std::string> freeSpace() const;
   void setFreeSpace(std::optional<std::string> value);
 
-  /// Total bytes as decimal text; "-1" while updateSize() measures, then what "wc -c" printed.
+  /// Total size in bytes, as decimal text. It is "-1" while updateSize() measures, then the output of "wc -c".
   std::optional<std::string> totalSize() const;
   void setTotalSize(std::optional<std::string> value);
 
-  /// Kind of item; the disk listing sets "disk".
+  /// Kind of item. The list of attached disks sets "disk".
   std::optional<std::string> volumeType() const;
   void setVolumeType(std::optional<std::string> value);
 
@@ -204,7 +212,7 @@ class VORLIX_EXPORT QDVolume : public vorlix::Object, public vorlix::Coding {
   std::optional<std::string> mediaSize() const;
   void setMediaSize(std::optional<std::string> value);
 
-  /// Windows version found on the volume.
+  /// Version of the Windows that was found on the volume.
   std::optional<vorlix::Number> foundWindowsVersion() const;
   void setFoundWindowsVersion(std::optional<vorlix::Number> value);
 
@@ -216,11 +224,11 @@ class VORLIX_EXPORT QDVolume : public vorlix::Object, public vorlix::Coding {
   std::optional<vorlix::Number> mediaBlockSize() const;
   void setMediaBlockSize(std::optional<vorlix::Number> value);
 
-  /// Volume identifier.
+  /// Identifier of the volume.
   std::optional<vorlix::UUID> volumeUUID() const;
   void setVolumeUUID(std::optional<vorlix::UUID> value);
 
-  /// Medium identifier.
+  /// Identifier of the medium.
   std::optional<vorlix::UUID> mediaUUID() const;
   void setMediaUUID(std::optional<vorlix::UUID> value);
 
@@ -232,30 +240,31 @@ class VORLIX_EXPORT QDVolume : public vorlix::Object, public vorlix::Coding {
   std::optional<std::string> installedOS() const;
   void setInstalledOS(std::optional<std::string> value);
 
-  /// Network share that the item lives on.
+  /// Network share that holds the item.
   std::optional<std::string> networkShare() const;
   void setNetworkShare(std::optional<std::string> value);
 
-  /// Folder of boot resources on the volume.
+  /// Path of the folder with the boot files.
   std::optional<std::string> bootResourcePath() const;
   void setBootResourcePath(std::optional<std::string> value);
 
-  /// Path of the Windows boot manager on the volume.
+  /// Path of the Windows boot manager.
   std::optional<std::string> bootMgrPath() const;
   void setBootMgrPath(std::optional<std::string> value);
 
-  /// Process runners that measure this record's size now.
+  /// Runners of the processes that are measuring this record's size.
   std::shared_ptr<std::vector<std::shared_ptr<QDTaskWrapperWithBlocks>>> wrapperArray() const;
   void setWrapperArray(std::shared_ptr<std::vector<std::shared_ptr<QDTaskWrapperWithBlocks>>> value);
 
  protected:
-  /// Everything absent, false or 0, `mbr` included.
+  /// Creates a record whose fields, including `mbr`, are all absent, false or 0.
   QDVolume();
 
-  /// What init() makes, of the receiver's own class; copyWithZone() fills it. Classes below replace it.
+  /// Returns a new record like that of init(), of this record's class, for copyWithZone() to fill. Derived classes
+  /// override it.
   virtual std::shared_ptr<QDVolume> newRecord() const;
 
-  /// Reads the archive's entries into this record, for initWithCoder() here and in classes below.
+  /// Reads the archive's entries into this record, for initWithCoder() of this class and of derived classes.
   void readEntries(vorlix::KeyedUnarchiver& coder);
 
  private:
