@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// The façade through which a host reaches disks: lists volumes, mounts and unmounts them, tells which Windows one
-/// holds and picks the startup disk.
+/// The class through which a host works with disks: it lists volumes, mounts and unmounts them, finds out which Windows
+/// a volume holds, and selects the startup disk.
 #pragma once
 
 #include <Vorlix/foundation/Export.h>
@@ -22,252 +22,280 @@
 
 class QDVolume;
 
-/// Hosts use the one shared instance; others may be made and have a state of their own.
+/// Lists, mounts and examines volumes, and selects the startup disk. Hosts use the shared instance; a host may create
+/// other instances, which have their own state.
 ///
-/// Messages go line by line to the delegate of the shared instance, also those of other instances; without one they are
-/// dropped. A few of the startup disk's go to the system's log instead. An absent text in a message is "(null)".
+/// Messages go line by line to the delegate of the shared instance, including the messages of other instances. Without
+/// a delegate they are dropped. A few messages about the startup disk go to the system log instead. An absent string
+/// appears in a message as "(null)".
 ///
-/// Threads: an operation blocks the calling thread until it is done, and may drive its run loop; what it reports comes
-/// on that thread. The statuses are plain fields: an instance's mounts, unmounts and descriptions are for one thread at
-/// a time. `fileManager`, `log` and `delegate` may be set by any thread at any time.
+/// Threads: an operation blocks the calling thread until it is finished and may run that thread's run loop; its
+/// messages come on that thread. The statuses are plain fields, so use the mounts, unmounts and descriptions of one
+/// instance from one thread at a time. Any thread may set `fileManager`, `log` and `delegate` at any time.
 class VORLIX_EXPORT QDDeviceManager : public vorlix::Object {
  public:
-  /// Codes of how a volume starts, and of how a startup disk is set.
+  /// How a volume starts, and how a startup disk is set.
   enum BootType : uint32_t {
-    kBootLegacy = 0,     ///< by BIOS from the volume itself
-    kBootEFI = 1,        ///< Windows by EFI, from the first slice of the volume's disk
-    kBootMac = 2,        ///< a Mac volume (HFS+ or APFS), from itself
-    kBootRoot = 3,       ///< the running system's own volume: there is nothing to set
-    kBootUnknown = 4,    ///< set like EFI
+    kBootLegacy = 0,     ///< by BIOS, from the volume itself
+    kBootEFI = 1,        ///< Windows by EFI, from slice 1 of the volume's disk
+    kBootMac = 2,        ///< a Mac volume (HFS+ or APFS), from the volume itself
+    kBootRoot = 3,       ///< the volume of the running system: there is nothing to set
+    kBootUnknown = 4,    ///< not known; set like kBootEFI
     kBootVolumeEFI = 5,  ///< by EFI from the volume itself, for the next start only
   };
 
-  /// The shared instance, made on the first call by any thread, with the default file manager. It lives as long as the
-  /// process; `myObj` holds it, too.
+  /// Returns the shared instance. The first call, on any thread, creates it with the default file manager. It exists
+  /// until the process ends; `myObj` refers to it too.
   static std::shared_ptr<QDDeviceManager> sharedDeviceManager();
 
-  /// A new instance: statuses 0, flags false, no file manager, no delegate.
+  /// Returns a new instance: the statuses are 0, the flags are false, and it has no file manager and no delegate.
   static std::shared_ptr<QDDeviceManager> init();
 
   ~QDDeviceManager() override;
 
   // Properties.
 
-  /// Outcome of the last unmount: true if the volume was unmounted or had not been mounted.
+  /// Outcome of the last unmount: true if the volume was unmounted, or was not mounted before.
   bool didUnmount() const;
   void setDidUnmount(bool value);
 
-  /// Whether any mount has succeeded; no operation sets it back to false.
+  /// Whether any mount has succeeded. No operation sets it back to false.
   bool didMount() const;
   void setDidMount(bool value);
 
-  /// -1 while a mount is pending, 0 after success, 1 after failure; 0 at first.
+  /// Status of the last mount that was waited for: -1 while it is pending, 0 after success, 1 after failure. It is 0 at
+  /// first, and stays -1 if the device is unknown.
   int32_t mountStatus() const;
   void setMountStatus(int32_t value);
 
-  /// The same for unmounts. Every look-up of a description sets it to -1.
+  /// Status of the last unmount, with the same values. Every lookup of a description sets it to -1.
   int32_t unmountStatus() const;
   void setUnmountStatus(int32_t value);
 
+  /// The file manager that isSIPEnabled() looks for its tool with.
   std::shared_ptr<vorlix::FileManager> fileManager() const;
   void setFileManager(std::shared_ptr<vorlix::FileManager> value);
 
-  /// Kept for the host; nothing here reads it.
+  /// An object that is kept for the host. The library does not use it.
   std::shared_ptr<vorlix::Object> log() const;
   void setLog(std::shared_ptr<vorlix::Object> value);
 
-  /// Whoever is told the messages, if it is a vorlix::LogReceiver. It is not kept alive: a delegate that has gone is
-  /// none.
+  /// The object that receives the messages, if it is a vorlix::LogReceiver. The manager does not own it; it is null
+  /// after its last owner has released it.
   std::shared_ptr<vorlix::Object> delegate() const;
   void setDelegate(const std::shared_ptr<vorlix::Object>& value);
 
-  /// Gives a line to this instance's delegate, unchanged. Keyword form: `logString:`.
+  /// Passes a line unchanged to the delegate of this instance. Keyword form: `logString:`.
   void logString(const std::string& line);
 
-  // Mounting. A device is named by its BSD name or its path under "/dev/"; an image file or a slice of one by its path.
+  // Mounting. A device is named by its BSD name or its path under "/dev/", a disk-image file or a slice of it by its
+  // path.
 
-  /// Asks for a mount with default options and does not wait for it; what becomes of it is not told. Keyword form:
-  /// `mountDiskAtDevicePath:`.
+  /// Requests a mount with default options and does not wait for it. The outcome is not reported and no status changes.
+  /// Keyword form: `mountDiskAtDevicePath:`.
   void mountDiskAtDevicePath(const std::string& device);
 
-  /// Mounts a volume and waits, without a limit. For reading and writing it is also hidden from the desktop's lists;
-  /// otherwise the system's defaults hold, which need not be read-only. Keyword form:
-  /// `mountDiskAtDevicePath:readWrite:`.
-  /// @return `didMount`: once any mount of this instance has succeeded the answer is true for every other.
+  /// Mounts a volume and waits for the outcome, without a time limit. Keyword form: `mountDiskAtDevicePath:readWrite:`.
+  /// @param readWrite  true mounts the volume for reading and writing and hides it from the desktop. False leaves both
+  ///                   to the system's defaults, which need not be read-only.
+  /// @return `didMount`: once any mount of this instance has succeeded, the result is true for every later call.
   bool mountDiskAtDevicePath(const std::string& device, bool readWrite);
 
-  /// Unmounts a volume and waits, without a limit. Keyword form: `unmountDiskAtDevice:`.
-  /// @return `didUnmount`; for an unknown device what the unmount before it left.
+  /// Unmounts a volume and waits for the outcome, without a time limit. Keyword form: `unmountDiskAtDevice:`.
+  /// @return `didUnmount`. For an unknown device that is the outcome of the unmount before it.
   bool unmountDiskAtDevice(const std::string& device);
 
-  /// Records a mount's outcome: success if the low byte of `flag` is 1. Keyword form: `diskMountStatus:`.
+  /// Records the outcome of a mount. If the low byte of `flag` is 1, `mountStatus` becomes 0 and `didMount` true;
+  /// otherwise `mountStatus` becomes 1. Keyword form: `diskMountStatus:`.
   void diskMountStatus(int32_t flag);
 
-  /// Records an unmount's outcome, likewise. Keyword form: `diskUnmountStatus:`.
+  /// Records the outcome of an unmount. `unmountStatus` becomes 0 if the low byte of `flag` is 1, else 1; `didUnmount`
+  /// becomes true if that byte is not 0, else false. Keyword form: `diskUnmountStatus:`.
   void diskUnmountStatus(int32_t flag);
 
-  // What is known of a device.
+  // Descriptions of devices, volumes and the machine.
 
-  /// Path under "/dev/" of the whole disk that holds the device: "/dev/disk3" for "disk3s2" and "/dev/disk3s2". Of an
-  /// image file's slice it is "/dev/" and the file's path, which every operation here takes. Absent if there is none;
-  /// "session NULL" or "disk NULL" on standard output says why. Keyword form: `diskFromSlice:`.
+  /// Returns the path under "/dev/" of the whole disk that holds a device: "/dev/disk3" for "disk3s2" and
+  /// "/dev/disk3s2". For a slice of a disk-image file it is "/dev/" followed by the path of the file; every operation
+  /// here accepts that form. Keyword form: `diskFromSlice:`.
+  /// @return absent if there is no such disk. Then "session NULL" or "disk NULL" on standard output gives the reason.
   std::optional<std::string> diskFromSlice(const std::string& device);
 
-  /// The description of a device, by the path of its node; keys as in <Vorlix/platform/DiskArbitration.h>. Keyword
-  /// form: `diskInfoForDeviceNodeAtURL:`.
+  /// Returns the description of the device whose node is at `url`; absent if the device is unknown. The keys are those
+  /// of <Vorlix/platform/DiskArbitration.h>. Keyword form: `diskInfoForDeviceNodeAtURL:`.
   std::optional<vorlix::Dictionary> diskInfoForDeviceNodeAtURL(const vorlix::URL& url);
 
-  /// The description of the volume that is mounted there. Keyword form: `diskInfoForVolumeMountedAtURL:`.
+  /// Returns the description of the volume that is mounted at `url`; absent if there is none. Keyword form:
+  /// `diskInfoForVolumeMountedAtURL:`.
   std::optional<vorlix::Dictionary> diskInfoForVolumeMountedAtURL(const vorlix::URL& url);
 
-  /// The first of these two for a path; a bare name ("disk0s2") is the device's. Keyword form: `diskInfo:`.
+  /// Calls diskInfoForDeviceNodeAtURL() with a path. A bare name ("disk0s2") names that device. Keyword form:
+  /// `diskInfo:`.
   std::optional<vorlix::Dictionary> diskInfo(const std::string& path);
 
-  /// The second for a path. Keyword form: `diskInfoFromMountedPath:`.
+  /// Calls diskInfoForVolumeMountedAtURL() with a path. Keyword form: `diskInfoFromMountedPath:`.
   std::optional<vorlix::Dictionary> diskInfoFromMountedPath(const std::string& path);
 
-  /// The type in the description of the volume mounted at `path`, such as "ntfs", "msdos", "hfs". Keyword form:
-  /// `fileSystemTypeAtPath:`.
+  /// Returns the type in the description of the volume mounted at `path`, such as "ntfs", "msdos" or "hfs". Keyword
+  /// form: `fileSystemTypeAtPath:`.
   std::optional<std::string> fileSystemTypeAtPath(const std::string& path);
 
-  /// Always empty. Keyword form: `fileSystemDescriptionAtPath:`.
+  /// Returns an empty string. Keyword form: `fileSystemDescriptionAtPath:`.
   std::string fileSystemDescriptionAtPath(const std::string& path);
 
-  /// The machine's model, such as "MacBookPro14,3", without blanks; empty where it is not known.
+  /// Returns the machine's model without spaces, such as "MacBookPro14,3"; empty if it is not known.
   std::string currentModelIdentifier();
 
-  // Listing. Every look-up lists anew.
+  // Lists of volumes. Every call makes a new list.
 
-  /// All mounted volumes of disks, in mount order.
+  /// Returns all mounted volumes of disks, in mount order.
   std::vector<std::shared_ptr<QDVolume>> attachedDisks();
 
-  /// The FAT, exFAT and NTFS volumes among them, or those of them with Windows. Keyword form:
-  /// `attachedDisksShowingWindowsOnly:`.
+  /// Returns the mounted FAT, exFAT and NTFS volumes and those of unknown file system, or only those of them that have
+  /// Windows. Keyword form: `attachedDisksShowingWindowsOnly:`.
   std::vector<std::shared_ptr<QDVolume>> attachedDisksShowingWindowsOnly(bool windowsOnly);
 
-  /// A record of each mounted volume whose whole disk is known, with its names, device, sizes, identifiers and
-  /// `volumeType` "disk". `hasWindows` is set for an installed Windows (a folder Windows with a folder System32) and
-  /// for its installer (a file sources/boot.wim). A Windows volume without an own item BOOT gets `bootResourcePath` and
-  /// `bootMgrPath` from splitBootInfo(). A volume without an identifier of its own gets another random one each time.
-  /// Keyword form: `attachedDisksShowingWindowsOnly:showAllDisks:`.
-  /// @param windowsOnly   leave out what has no Windows.
-  /// @param showAllDisks  do not leave out other file systems than FAT, exFAT and NTFS.
+  /// Returns a record of each mounted volume whose whole disk is known, in mount order, with its names, device, sizes,
+  /// identifiers and `volumeType` "disk". Keyword form: `attachedDisksShowingWindowsOnly:showAllDisks:`.
+  ///
+  /// `hasWindows` is true for an installed Windows (a folder Windows with a folder System32) and for its installer (a
+  /// file sources/boot.wim). A Windows volume that does not have its own item BOOT gets `bootResourcePath` and
+  /// `bootMgrPath` from splitBootInfo(). A volume without an identifier gets a new random one in each list.
+  /// @param windowsOnly   leaves out volumes without Windows.
+  /// @param showAllDisks  includes volumes of every file system. Otherwise the list has only FAT, exFAT and NTFS
+  ///                      volumes and those whose file system is unknown.
   std::vector<std::shared_ptr<QDVolume>> attachedDisksShowingWindowsOnly(bool windowsOnly, bool showAllDisks);
 
-  // The first FAT, exFAT or NTFS volume that fits, or null.
+  // Lookups in the list of attachedDisksShowingWindowsOnly(false). Each returns the first volume that matches, or null.
 
-  /// By the identifier of the medium and the path of the device node. Keyword form: `volumeWithMediaUUID:deviceNode:`.
+  /// Returns the volume with this identifier of its medium and this device node. Keyword form:
+  /// `volumeWithMediaUUID:deviceNode:`.
   std::shared_ptr<QDVolume> volumeWithMediaUUID(const vorlix::UUID& uuid, const vorlix::URL& deviceNode);
 
-  /// Keyword form: `volumeWithMediaUUID:`.
+  /// Returns the volume with this identifier of its medium. Keyword form: `volumeWithMediaUUID:`.
   std::shared_ptr<QDVolume> volumeWithMediaUUID(const vorlix::UUID& uuid);
 
-  /// By name. Keyword form: `volumeForLabel:`.
+  /// Returns the volume with this name. Keyword form: `volumeForLabel:`.
   std::shared_ptr<QDVolume> volumeForLabel(const std::string& label);
 
-  /// By the device as it is listed, such as "/dev/disk2s3". Keyword form: `volumeForNode:`.
+  /// Returns the volume with this device as the list shows it, such as "/dev/disk2s3". Keyword form: `volumeForNode:`.
   std::shared_ptr<QDVolume> volumeForNode(const std::string& node);
 
-  /// How many of the listed volumes are NTFS or FAT on an internal device.
+  /// Returns how many of those volumes are NTFS or FAT on an internal device.
   int32_t numberOfMSPartitions();
 
-  /// The one NTFS or FAT volume on an internal device that is not named "EFI"; null if there is none or more than one.
-  /// Each device is looked up with "/dev/" before its path.
+  /// Returns the only NTFS or FAT volume on an internal device that is not named "EFI"; null if there is none or more
+  /// than one. Each device is looked up with another "/dev/" before its path.
   std::shared_ptr<QDVolume> builtInBootcampPartition();
 
-  /// Device paths of the services that MyFindEjectableMedia() finds, which on a usual machine are none.
+  /// Returns the device paths of the services that MyFindEjectableMedia() finds. On a usual machine there are none.
   std::vector<std::string> ejectableMedia();
 
-  /// Logs the EFI System Partitions in the I/O registry. @return always absent.
+  /// Logs the EFI System Partitions in the I/O registry.
+  /// @return always absent.
   std::optional<std::vector<std::shared_ptr<QDVolume>>> attachedDisksFromIORegistry();
 
-  /// Properties of the APFS volumes in the I/O registry, but for dates and sets, which a Value has no form for.
+  /// Returns the properties of the APFS volumes in the I/O registry, except dates and sets, which a Value cannot hold.
   std::vector<vorlix::Dictionary> attachedAPFSVolumesFromIORegistry();
 
-  /// Where a listed FAT, exFAT or NTFS device is mounted. Keyword form: `pathForDevice:`.
+  /// Returns where a device in the list of attachedDisksShowingWindowsOnly(false) is mounted; absent if the device is
+  /// not in the list. Keyword form: `pathForDevice:`.
   std::optional<std::string> pathForDevice(const std::string& device);
 
-  // Windows. Names are compared without regard to the case of ASCII letters, and returned as the volume spells them;
-  // only the names are looked at.
+  // Windows. The folder functions compare names without regard to the case of ASCII letters and return them as the
+  // volume spells them. They examine names only, so a file may be returned for a folder. The result is absent if there
+  // is no such name.
 
-  /// The folder Windows at a volume's root. Keyword form: `windowsFolderFromVolume:`.
+  /// Returns the path of the folder Windows at a volume's root. Keyword form: `windowsFolderFromVolume:`.
   static std::optional<std::string> windowsFolderFromVolume(const std::optional<std::string>& path);
 
-  /// System32 in it. Keyword form: `system32FolderFromVolume:`.
+  /// Returns the path of Windows/System32 on a volume. Keyword form: `system32FolderFromVolume:`.
   static std::optional<std::string> system32FolderFromVolume(const std::optional<std::string>& path);
 
-  /// The folder sources at a volume's root. Keyword form: `windowsSourcesFolderFromVolume:`.
+  /// Returns the path of the folder sources at a volume's root. Keyword form: `windowsSourcesFolderFromVolume:`.
   static std::optional<std::string> windowsSourcesFolderFromVolume(const std::optional<std::string>& path);
 
-  /// The file boot.wim in it. Keyword form: `bootWIMFileFromVolume:`.
+  /// Returns the path of the file sources/boot.wim on a volume. Keyword form: `bootWIMFileFromVolume:`.
   static std::optional<std::string> bootWIMFileFromVolume(const std::optional<std::string>& path);
 
-  /// The boot files of a Windows that starts from a partition "System Reserved" of the same disk. Keyword form:
+  /// Returns the boot files of a Windows that starts from a partition "System Reserved" of the same disk. Keyword form:
   /// `splitBootInfo:fullList:`.
-  /// @return "bootFolderPath" and "bootmgrPath" of that partition. If no volume of the list is one, of the list's last
-  ///         volume; both are empty for an empty list.
+  /// @param device    the device of the Windows volume.
+  /// @param fullList  the volumes among which the partition is looked for.
+  /// @return "bootFolderPath" and "bootmgrPath" on that partition. If no volume of the list is such a partition, they
+  ///         are those of the last volume in the list; if the list is empty, both are empty.
   vorlix::Dictionary splitBootInfo(const std::string& device, const std::vector<std::shared_ptr<QDVolume>>& fullList);
 
-  /// Which Windows a volume holds, read from its registry hive with the host's tool "registry_lookup" and from its
-  /// setup log: "product" (mapped to "Windows 10", "Windows 8+" or "Windows 7" if it is one), and "edition",
-  /// "buildLabEx" and "currentBuildNumber" as the registry has them, each empty if it could not be read; "bootenv" if
-  /// the setup log exists. Without System32 four texts are there, empty, and no "edition". Keyword form:
-  /// `versionOfWindowsFromVolume:`.
+  /// Finds out which Windows a volume holds, from its registry hive, read with the host's tool "registry_lookup", and
+  /// from its setup log. Keyword form: `versionOfWindowsFromVolume:`.
+  /// @return these strings: "product" (changed to "Windows 10", "Windows 8+" or "Windows 7" if it is one of them);
+  ///         "edition", "buildLabEx" and "currentBuildNumber" as the registry has them, each empty if it could not be
+  ///         read; and "bootenv" if the setup log exists. Without System32, "product", "buildLabEx",
+  ///         "currentBuildNumber" and "bootenv" are empty and "edition" is absent.
   vorlix::Dictionary versionOfWindowsFromVolume(const std::shared_ptr<QDVolume>& volume);
 
-  /// Whether that product is Windows 8 or 10 by its name. False for null. Keyword form:
+  /// Returns whether the "product" of a volume names Windows 8 or 10; false for null. Keyword form:
   /// `hasWindows8OrLaterFromVolume:`.
   bool hasWindows8OrLaterFromVolume(const std::shared_ptr<QDVolume>& volume);
 
   // Startup disk.
 
-  /// Keyword form: `bootTypeForDisk:`. @return kBootLegacy, kBootEFI, kBootMac, kBootRoot or kBootUnknown.
+  /// Returns how a volume starts. Keyword form: `bootTypeForDisk:`.
+  /// @return kBootLegacy, kBootEFI, kBootMac, kBootRoot or kBootUnknown.
   uint32_t bootTypeForDisk(const std::shared_ptr<QDVolume>& volume);
 
-  /// Makes a volume the startup disk with "/usr/sbin/bless". Without the administrator as real user the command is
-  /// formed but not run. Whether the tool succeeds is not looked at. Keyword form:
-  /// `selectStartupDisk:withType:nextOnly:`.
+  /// Makes a volume the startup disk with "/usr/sbin/bless". Keyword form: `selectStartupDisk:withType:nextOnly:`.
+  ///
+  /// The command runs only if the real user is the administrator; otherwise it is built but not run. The exit status of
+  /// the tool is ignored.
   /// @param type      a code of BootType.
-  /// @param nextOnly  only for the next start; a volume whose `isRemovable` is set is chosen for good all the same.
-  /// @return false for kBootRoot, for a code of 6 and more, and, if the command would be run, for a device whose name
-  /// is
-  ///         no plain word to the shell: nothing is run then. Else true.
+  /// @param nextOnly  selects the disk for the next start only. For a volume whose `isRemovable` is true the selection
+  ///                  is permanent nevertheless. kBootVolumeEFI always means the next start only.
+  /// @return false for kBootRoot and for codes of 6 and above. Also false if the command would run but the device's
+  ///         name is not a plain word to the shell; then nothing runs. True otherwise.
   bool selectStartupDisk(const std::shared_ptr<QDVolume>& volume, uint32_t type, bool nextOnly);
 
-  /// For the next start only. Keyword form: `selectStartupDisk:withType:`.
+  /// Makes a volume the startup disk for the next start only. Keyword form: `selectStartupDisk:withType:`.
   bool selectStartupDisk(const std::shared_ptr<QDVolume>& volume, uint32_t type);
 
-  /// For the next start only, with the code of bootTypeForDisk(). Keyword form: `selectNextOnlyStartupDisk:`.
+  /// Makes a volume the startup disk for the next start only, with the code of bootTypeForDisk(). Keyword form:
+  /// `selectNextOnlyStartupDisk:`.
   bool selectNextOnlyStartupDisk(const std::shared_ptr<QDVolume>& volume);
 
-  /// isSIPEnabled().
+  /// Returns isSIPEnabled().
   bool checkForSIP();
 
-  /// Whether System Integrity Protection stands in the way, by what "/usr/bin/csrutil status" prints. False where this
-  /// instance's file manager sees no such tool. @throws std::system_error if it cannot be launched.
+  /// Returns whether System Integrity Protection prevents setting a startup disk, according to the output of
+  /// "/usr/bin/csrutil status". Returns false if this instance has no file manager or its file manager does not find
+  /// that tool.
+  /// @throws std::system_error  if the tool cannot be launched.
   bool isSIPEnabled();
 
-  /// Runs a program and returns what it writes to standard output, until that is closed; absent if it is not UTF-8.
-  /// Standard error is not read. Keyword form: `standardOutputForTask:`. @throws std::system_error if it cannot be
-  /// launched.
+  /// Runs a program and returns what it writes to standard output until that is closed. Standard error is not read.
+  /// Keyword form: `standardOutputForTask:`.
+  /// @return absent if the output is not UTF-8.
+  /// @throws std::system_error  if the program cannot be launched.
   std::optional<std::string> standardOutputForTask(const vorlix::Task& task);
 
-  /// False for no text, and for one with "NVRAM Protections: disabled" or "System Integrity Protection status:
-  /// disabled" in it. Keyword form: `isSIPEnabledFromStandardOutput:`.
+  /// Returns whether the output of "csrutil status" says that the protection is on. Returns false if the output is
+  /// absent or empty, or contains "NVRAM Protections: disabled" or "System Integrity Protection status: disabled".
+  /// Keyword form: `isSIPEnabledFromStandardOutput:`.
   bool isSIPEnabledFromStandardOutput(const std::optional<std::string>& output);
 
-  /// Whether the protection is on, as QDSUtilities sees it, and the device is on the running system's disk. Keyword
-  /// form: `checkForSIPForDevice:`.
+  /// Returns whether the protection is on, according to QDSUtilities::isSIPEnabled(), and the device is on the running
+  /// system's disk. Keyword form: `checkForSIPForDevice:`.
+  /// @throws std::system_error  if the tool cannot be launched.
   bool checkForSIPForDevice(const std::string& device);
 
-  /// Whether a device is on the same physical device as the volume mounted at "/". Keyword form: `isOnStartupDisk:`.
+  /// Returns whether a device is on the same physical device as the volume mounted at "/". Keyword form:
+  /// `isOnStartupDisk:`.
   bool isOnStartupDisk(const std::string& device);
 
   /// Does nothing.
   void showSIPInfo();
 
-  /// Whether this machine can start Windows by EFI: false if its model is in the list of the host's resource
-  /// "BeforeEFI.plist", an array of texts.
+  /// Returns whether this machine can start Windows by EFI: false if its model is in the list of the host's resource
+  /// "BeforeEFI.plist", which is an array of strings.
   bool isEFIWindowsBootable();
 
  protected:
@@ -279,12 +307,12 @@ class VORLIX_EXPORT QDDeviceManager : public vorlix::Object {
   int32_t mountStatus_ = 0;
   int32_t unmountStatus_ = 0;
 
-  mutable std::mutex objects_;  // guards the three below
+  mutable std::mutex objects_;  // guards the next three fields
   std::shared_ptr<vorlix::FileManager> fileManager_;
   std::shared_ptr<vorlix::Object> log_;
   std::weak_ptr<vorlix::Object> delegate_;
 };
 
-/// The shared instance for plain functions; null until sharedDeviceManager() has been called once. That call sets it,
-/// so a thread that reads it beside the first call needs a lock of its own.
+/// The shared instance, for plain functions. It is null until the first call of sharedDeviceManager(), which sets it. A
+/// thread that reads it during that first call needs its own lock.
 VORLIX_EXPORT extern std::shared_ptr<QDDeviceManager> myObj;

@@ -27,6 +27,10 @@ inline constexpr const char* kDisksChangedNotification = "QDSDisksChanged";
 
 /// A plain record that the device manager or the host creates and fills.
 ///
+/// QDDeviceManager's list of attached disks fills the paths, names, sizes and identifiers, `fileSystemType`,
+/// `volumeType`, `hasWindows` and the boot paths. Fields that it does not fill, `isRemovable` among them, are for the
+/// host to set.
+///
 /// Every object field may be absent. Ownership: fields that are passed by value are copied; `mbr`, `partitionID`,
 /// `info` and `wrapperArray` are shared, so the record and its host see the same object.
 ///
