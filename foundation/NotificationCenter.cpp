@@ -24,7 +24,7 @@ struct Observation {
 struct NotificationCenter::State {
   std::mutex lock;
   Token last = 0;
-  std::map<Token, Observation> observations;  // tokens grow, so this is the order in which they were added
+  std::map<Token, Observation> observations;  // tokens increase, so the map is in the order of addition
 };
 
 NotificationCenter::NotificationCenter() : state_(std::make_unique<State>()) {}
@@ -32,7 +32,7 @@ NotificationCenter::NotificationCenter() : state_(std::make_unique<State>()) {}
 NotificationCenter::~NotificationCenter() = default;
 
 NotificationCenter& NotificationCenter::defaultCenter() {
-  // Left alive at the process's end, when other static objects may still post.
+  // Never destroyed: other static objects may still post while the process ends.
   static auto* const centre = new NotificationCenter;
   return *centre;
 }
@@ -47,7 +47,7 @@ NotificationCenter::Token NotificationCenter::addObserver(std::optional<std::str
 }
 
 void NotificationCenter::removeObserver(Token token) {
-  Observation ended;  // so that what the observer holds ends outside the lock
+  Observation ended;  // declared before the lock, so the observer is destroyed after the lock is released
   const std::lock_guard guard(state_->lock);
   const auto found = state_->observations.find(token);
   if (found == state_->observations.end()) return;

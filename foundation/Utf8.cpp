@@ -7,7 +7,7 @@
 namespace vorlix {
 namespace {
 
-// Bytes of the well-formed character that the text starts with; 0 if it starts with none.
+// Returns the size in bytes of the character at the start of the text; 0 if that character is not well-formed.
 size_t characterSize(std::string_view text) {
   const auto byteAt = [&](size_t place) { return static_cast<uint8_t>(text[place]); };
   const uint8_t lead = byteAt(0);
@@ -15,7 +15,8 @@ size_t characterSize(std::string_view text) {
   if (lead < 0xC2 || lead > 0xF4) return 0;
   const size_t size = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
   if (text.size() < size) return 0;
-  // The second byte's range is narrower where an overlong form, a surrogate or a number too large would begin.
+  // After some lead bytes the range of the second byte is narrower. It excludes overlong forms, surrogates and numbers
+  // that are too large.
   const uint8_t least = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
   const uint8_t most = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
   if (byteAt(1) < least || byteAt(1) > most) return 0;

@@ -30,7 +30,7 @@ plist_t integerNode(int64_t value) {
 #if VORLIX_PLIST_SIGNED
   return plist_new_int(value);
 #else
-  // Eight bytes in two's complement, as the format has it for all whole numbers.
+  // Eight bytes in two's complement, the form of every integer in the format.
   return plist_new_uint(static_cast<uint64_t>(value));
 #endif
 }
@@ -40,7 +40,8 @@ void appendGroups(Data& data, size_t number) {
   data.push_back(static_cast<uint8_t>(number));
 }
 
-// A value as bytes, the same for equal ones; a dictionary or list below is the same only if it is one.
+// Returns a value as bytes. Equal values give equal bytes, except that nested dictionaries and lists are compared by
+// identity.
 struct ContentOfValue {
   std::string operator()(bool value) const { return value ? "b1" : "b0"; }
   std::string operator()(int64_t value) const { return "i" + std::to_string(value); }
@@ -67,7 +68,8 @@ std::string contentOf(const Dictionary& dictionary) {
   return content;
 }
 
-// What is larger than readers take helps nobody. A value takes a byte at least, so small archives need no count.
+// Whether KeyedUnarchiver accepts the archive: a larger one would be useless. Each value takes at least one byte, so
+// the values of a small archive need not be counted.
 bool isReadable(const Data& file) {
   if (file.size() > kArchiveLimits.bytes) return false;
   if (file.size() <= kArchiveLimits.values) return true;
@@ -76,7 +78,7 @@ bool isReadable(const Data& file) {
 
 }  // namespace
 
-// The objects collected so far, and the dictionary that takes the entries now.
+// The objects collected so far, and the dictionary of the record that is being encoded.
 class KeyedArchiver::State {
  public:
   State() { objects_.emplace_back(plist_new_string(archive::kNull)); }
@@ -88,7 +90,7 @@ class KeyedArchiver::State {
 
   uint64_t text(const std::string& text) {
     return unique(texts_, text, [&]() -> uint64_t {
-      // Readers may take a bare text of this spelling for absent.
+      // Readers may treat a bare string "$null" as an absent object.
       if (text == archive::kNull) {
         return made({"NSString", "NSObject"},
                     [&](plist_t object) { plist_dict_set_item(object, "NS.string", textNode(text)); });
@@ -146,7 +148,7 @@ class KeyedArchiver::State {
     });
   }
 
-  // The whole archive with this object as its root.
+  // Returns the whole archive, with this object as its root.
   Data file(uint64_t root) {
     const PropertyListOwner top(plist_new_dict());
     plist_dict_set_item(top.get(), "$version", plist_new_uint(archive::kVersion));
@@ -167,7 +169,7 @@ class KeyedArchiver::State {
   }
 
  private:
-  // The place of an equal value that stands there already, or of a new one.
+  // Returns the place of an equal value that is already stored, or stores this one.
   template <typename Value, typename Make>
   uint64_t unique(std::map<Value, uint64_t>& known, const Value& value, Make make) {
     const auto [found, added] = known.try_emplace(value);
@@ -180,7 +182,7 @@ class KeyedArchiver::State {
     return objects_.size() - 1;
   }
 
-  // An object with members and a class. Its place is taken before those of its members.
+  // Adds an object with members and a class. The object comes before its members.
   template <typename Fill>
   uint64_t made(const std::vector<std::string>& classes, Fill fill) {
     const size_t place = objects_.size();
@@ -191,7 +193,7 @@ class KeyedArchiver::State {
     return place;
   }
 
-  // The same, once for each instance. The instance is kept, so that no other can come to lie at its address.
+  // Adds an object once per instance. The map owns the instance, so no other one can get its address.
   template <typename Instance, typename Fill>
   uint64_t shared(const std::shared_ptr<Instance>& instance, const std::vector<std::string>& classes, Fill fill) {
     const auto [found, added] = places_.try_emplace(instance, objects_.size());
@@ -238,7 +240,7 @@ class KeyedArchiver::State {
     setMember(object, "NSAttributeInfo", mutableData(pairs));
   }
 
-  // Dictionaries that come from an archive can be referred to many times over, so each is stored once.
+  // Dictionaries from an archive can have many references, so each is stored once.
   uint64_t dictionary(const std::shared_ptr<const Dictionary>& values) {
     return shared(values, {"NSDictionary", "NSObject"}, [&](plist_t object) {
       const plist_t keys = plist_new_array();

@@ -9,8 +9,8 @@
 namespace vorlix::archive {
 namespace {
 
-// Characters that a path in a URL holds as they are: unreserved, sub-delims but ";", which some readers take for the
-// start of parameters, ":", "@" and "/".
+// Characters that are not percent-encoded in the path of a URL (RFC 3986): unreserved, sub-delims except ";", ":", "@"
+// and "/". Some readers would treat ";" as the start of parameters.
 constexpr std::string_view kPlain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~!$&'()*+,=:@/";
 constexpr std::string_view kScheme = "file:";
 
@@ -44,7 +44,7 @@ bool hasScheme(std::string_view text) {
   return colon != std::string_view::npos && text.find_first_of("/?#") > colon;
 }
 
-// A folder's URL ends in a slash, its path does not.
+// The URL of a folder ends in a slash, but the path of a URL object does not.
 URL pathURL(std::string path) {
   const bool isDirectory = path.ends_with('/');
   while (path.size() > 1 && path.back() == '/') path.pop_back();
@@ -100,7 +100,7 @@ std::optional<URL> urlOfText(std::string_view text, const URL* base) {
   if (path->empty()) return *base;
   const std::filesystem::path whole(base->path());
   const std::filesystem::path folder = base->hasDirectoryPath() ? whole : whole.parent_path();
-  return pathURL((folder / *path).lexically_normal().string());  // an absolute path stands alone
+  return pathURL((folder / *path).lexically_normal().string());  // an absolute path ignores the folder
 }
 
 }  // namespace vorlix::archive

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Names of the container that both directions use, and the text form of file URLs.
+// Names and text forms that the archiver and the unarchiver share.
 #pragma once
 
 #include <Vorlix/foundation/URL.h>
@@ -18,20 +18,21 @@ inline constexpr const char* kRootKey = "root";
 inline constexpr const char* kNull = "$null";
 inline constexpr const char* kClassKey = "$class";
 
-/// A user's key as it stands in a record's dictionary.
+/// Returns a user's key in the form in which a record's dictionary stores it: a leading "$" is doubled.
 inline std::string escapedKey(const std::string& key) {
   return key.starts_with('$') ? "$" + key : key;
 }
 
-/// Text without what text must not hold: NUL, which would end it in a property list and in a path, and bytes that are
-/// not UTF-8 are U+FFFD.
+/// Returns a text in which U+FFFD replaces every NUL and every byte that is not UTF-8. A NUL would end the text in a
+/// property list and in a path.
 std::string wholeText(std::string_view text);
 
-/// "file://" and the path, percent-encoded (RFC 8089, RFC 3986).
+/// Returns "file://" and the path of a URL, percent-encoded (RFC 8089, RFC 3986).
 std::string urlText(const URL& url);
 
-/// The file URL that a text names, resolved against `base` if it is relative and there is one. Absent for another
-/// scheme or host, for a relative text without a base, and for a path that holds a NUL.
+/// Returns the file URL that a text names. A relative text is resolved against `base`, which may be null.
+/// @return absent for another scheme or host, for a relative text without a base, for a wrong percent-encoding, and for
+///         a path that contains a NUL.
 std::optional<URL> urlOfText(std::string_view text, const URL* base);
 
 }  // namespace vorlix::archive

@@ -12,15 +12,15 @@
 namespace vorlix {
 namespace {
 
-// Layout: "bplist00", the values, the table of their offsets, and at the very end the trailer: 6 bytes of no interest,
-// size of an offset, size of a reference, then number of values, number of the root and offset of the table, 8 bytes
-// each, big-endian.
+// Layout: "bplist00", the values, the table of their offsets, and the trailer at the end of the file. The trailer has 6
+// bytes that are not used here, the size of an offset and the size of a reference (1 byte each), then the number of
+// values, the index of the root and the offset of the table (8 bytes each, big-endian).
 constexpr const char* kMagic = "bplist00";
 constexpr size_t kMagicSize = 8;
 constexpr size_t kTrailerSize = 32;
 constexpr size_t kCountFollows = 15;
 
-// Higher four bits of a value's first byte; the lower ones give its size.
+// The kind of a value is in the upper four bits of its first byte; the lower four bits give its size.
 enum Kind : uint8_t {
   kSimple = 0,
   kInteger = 1,
@@ -40,7 +40,7 @@ uint64_t bigEndian(std::span<const uint8_t> bytes) {
   return value;
 }
 
-// What a value and all below it come to in the tree.
+// The cost of a value and of everything below it in the tree.
 struct Extent {
   size_t values = 0;
   size_t bytes = 0;
@@ -69,11 +69,11 @@ class Surveyor {
     return survey(root, 0).has_value();
   }
 
-  /// After bounded(): where the whole numbers stand that do not fit a signed 64-bit one.
+  /// The offsets of the integers that do not fit a signed 64-bit number. Valid after bounded().
   const std::vector<size_t>& oversized() const { return oversized_; }
 
  private:
-  // A value's first byte, its count, and where its bytes begin.
+  // The two halves of a value's first byte, its count, and the offset of its content.
   struct Header {
     uint8_t kind = 0;
     uint8_t low = 0;
@@ -101,9 +101,9 @@ class Surveyor {
     return header;
   }
 
-  // Bytes that the value takes in the file after its header; absent for what the format does not have.
+  // Returns the size of a value's content in the file in bytes; absent for values that the format does not have.
   std::optional<uint64_t> payload(const Header& header) const {
-    // No count above this can fit; it keeps the products below from overflowing.
+    // A larger count cannot fit in the file. This also keeps the products below from overflowing.
     if (header.count > file_.size()) return std::nullopt;
     switch (header.kind) {
       case kSimple:
@@ -153,7 +153,7 @@ class Surveyor {
     Extent extent{1, 0, 1};
     switch (header->kind) {
       case kInteger:
-        // Sixteen bytes hold unsigned 64-bit numbers.
+        // Writers use sixteen bytes for unsigned 64-bit numbers.
         if (*size == 16 && (bigEndian(file_.subspan(header->at, 8)) != 0 || file_[header->at + 8] >= 0x80)) {
           oversized_.push_back(header->at - 1);
         }
@@ -163,7 +163,7 @@ class Surveyor {
         extent.bytes = static_cast<size_t>(*size);
         break;
       case kUTF16:
-        extent.bytes = static_cast<size_t>(header->count) * 3;  // the most that a code unit takes as UTF-8
+        extent.bytes = static_cast<size_t>(header->count) * 3;  // a UTF-16 code unit takes at most 3 bytes in UTF-8
         break;
       case kArray:
       case kDictionary:
@@ -204,7 +204,8 @@ plist_t parseBinary(std::span<const uint8_t> file, const PropertyListLimits& lim
   Surveyor surveyor(file, limits);
   if (!surveyor.bounded()) return nullptr;
   if (surveyor.oversized().empty()) return parsedBinary(file);
-  // A date takes fewer bytes than such a number. What overlaps one in a hostile file has changed as well.
+  // Turn each of these integers into a date, which takes fewer bytes. Values that overlap one in a hostile file change
+  // too, so check the limits again.
   constexpr uint8_t kDateHeader = kDate << 4 | 3;
   std::vector<uint8_t> changed(file.begin(), file.end());
   for (const size_t place : surveyor.oversized()) changed[place] = kDateHeader;

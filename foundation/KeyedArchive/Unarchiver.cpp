@@ -61,7 +61,7 @@ std::optional<Number> numberOfNode(plist_t node) {
   return std::nullopt;
 }
 
-// Nodes of an array in order. Asking the parser for one by its place walks there each time.
+// Returns the nodes of an array in order. Looking up each node by its index would walk the array every time.
 std::vector<plist_t> nodesOfArray(plist_t array) {
   std::vector<plist_t> nodes;
   if (!isOfType(array, PLIST_ARRAY)) return nodes;
@@ -90,7 +90,7 @@ std::optional<size_t> takeGroups(const Data& data, size_t& at) {
 
 }  // namespace
 
-// The parsed archive, the dictionary whose entries are read now, and what may still be spent.
+// The parsed archive, the records that are being read, and how many values and bytes may still be read.
 class KeyedUnarchiver::State {
  public:
   explicit State(const Data& file) : inXML_(!isBinaryPropertyList(file)) {
@@ -110,7 +110,7 @@ class KeyedUnarchiver::State {
     underway_.push_back({0, top});
   }
 
-  // The node under a user's key of the record that is read now.
+  // Returns the node under a user's key in the record that is being read.
   plist_t entry(const std::string& key) const {
     if (underway_.empty()) return nullptr;
     return plist_dict_get_item(underway_.back().dictionary, archive::escapedKey(key).c_str());
@@ -204,7 +204,7 @@ class KeyedUnarchiver::State {
     plist_t dictionary = nullptr;
   };
 
-  // XML has no element for a reference.
+  // XML has no element for a reference, so there it is a dictionary with the key "CF$UID".
   plist_t placeInXML(plist_t node) const {
     if (!inXML_ || !isOfType(node, PLIST_DICT) || plist_dict_get_size(node) != 1) return nullptr;
     const plist_t place = plist_dict_get_item(node, "CF$UID");
@@ -222,13 +222,13 @@ class KeyedUnarchiver::State {
     return static_cast<size_t>(place);
   }
 
-  // The object that a reference leads to; null for absent's.
+  // Returns the object that a reference names; null for a reference to an absent object.
   plist_t object(plist_t node) const {
     const auto place = placeOf(node);
     return place ? objects_[*place] : nullptr;
   }
 
-  // The object that a reference leads to if it is of this class or of one below.
+  // Returns the object that a reference names, if it is of this class or of a derived class.
   plist_t objectOfClass(plist_t node, std::string_view allowed) {
     const plist_t found = object(node);
     if (!isOfType(found, PLIST_DICT) || !spend(0)) return nullptr;
@@ -240,7 +240,7 @@ class KeyedUnarchiver::State {
     return names.contains(allowed) ? found : nullptr;
   }
 
-  // The names of a class description: its own and those above it.
+  // Returns the names in a class description: the class and its base classes.
   ClassNames namesOf(size_t place) const {
     ClassNames names;
     const plist_t description = objects_[place];
@@ -254,7 +254,7 @@ class KeyedUnarchiver::State {
     return names;
   }
 
-  // Values may refer to one another, so what is read can be larger than what is stored.
+  // Counts what is read. Values may refer to one another, so it can be more than the archive stores.
   bool spend(size_t bytes) {
     if (valuesLeft_ == 0 || bytes > bytesLeft_) return false;
     --valuesLeft_;
@@ -276,17 +276,17 @@ class KeyedUnarchiver::State {
     return true;
   }
 
-  // Null for what is no dictionary of this archive. One that is referred to again is shared.
+  // Returns null if the node is not a reference to a dictionary. References to one dictionary share the result.
   std::shared_ptr<const Dictionary> dictionary(plist_t node, unsigned depth) {
     return container(dictionaries_, node, depth, [&] { return pairsOf(objectOfClass(node, "NSDictionary"), depth); });
   }
-  // Likewise for lists.
+  // Does the same for lists.
   std::shared_ptr<const Array> list(plist_t node, unsigned depth) {
     return container(lists_, node, depth, [&] { return elementsOf(objectOfClass(node, "NSArray"), depth); });
   }
 
-  // The container at a place, read by `read` where it has not been read yet. Null for one that is within itself, or too
-  // deep in others.
+  // Returns the container at a place and reads it with `read` the first time. Null if the container is inside itself or
+  // nested too deeply.
   template <typename Container, typename Read>
   std::shared_ptr<const Container> container(std::map<size_t, std::shared_ptr<const Container>>& known, plist_t node,
                                              unsigned depth, Read read) {

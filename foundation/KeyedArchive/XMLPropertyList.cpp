@@ -28,7 +28,8 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-// Decimal or, after 0x, hexadecimal, with or without a sign. The parser would take a leading 0 for octal.
+// Accepts decimal numbers and, after 0x, hexadecimal ones, with or without a sign. A leading 0 is refused: the parser
+// would read the number as octal.
 bool fitsSigned64(std::string_view text) {
   text = trimmed(text);
   const bool negative = text.starts_with('-');
@@ -68,7 +69,7 @@ class Survey {
 
   bool comes(std::string_view text) const { return file_.substr(at_).starts_with(text); }
 
-  // Goes behind the next `end`.
+  // Moves behind the next `end`.
   bool skipTo(std::string_view end) {
     const size_t found = file_.find(end, at_);
     if (found == std::string_view::npos) return false;
@@ -87,7 +88,7 @@ class Survey {
     return comes("<") && takeElement();
   }
 
-  // Before the root, and without declarations of its own.
+  // A document type is accepted only before the root and without internal declarations.
   bool takeDocumentType() {
     const size_t end = file_.find('>', at_);
     if (complete_ || !open_.empty() || end == std::string_view::npos) return false;
@@ -127,7 +128,7 @@ class Survey {
     if (empty) return true;
     if (!container) return takeContent(start, name);
     open_.push_back(name);
-    return open_.size() <= limits_.depth + 1;  // the root is none of the list's values
+    return open_.size() <= limits_.depth + 1;  // the root element is not a value
   }
 
   bool takeContent(size_t start, std::string_view name) {
@@ -153,7 +154,7 @@ class Survey {
   bool complete_ = false;
   size_t elements_ = 0;
   std::string repaired_;
-  size_t copied_ = 0;  // so much of the file stands in `repaired_`
+  size_t copied_ = 0;  // how much of the file `repaired_` covers
 };
 
 }  // namespace

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The guard before the parser of property lists in XML.
+// The checks before the parser of property lists in XML.
 #pragma once
 
 #include <optional>
@@ -11,13 +11,16 @@
 
 namespace vorlix {
 
-/// A property list in XML as the parser is to have it. Absent if the bytes are none, or one beyond the limits: three
-/// times as many elements as values, since a reference is a dictionary of its own here, and text and data within the
-/// file's own size. Only what writers of property lists make is taken: elements known by name and closed in order, one
-/// value in all, no CDATA and no declarations of a document type's own, so that the parser and this survey see the same
-/// tree.
+/// Returns a property list in XML in the form that the parser may read. An integer that does not fit a signed 64-bit
+/// number is replaced by a date, because no value in an archive is a date.
 ///
-/// A whole number that does not fit a signed 64-bit one is replaced by a date, which nothing in an archive is.
+/// Only the form that writers of property lists produce is accepted: elements with known names that are closed in
+/// order, one value in all, no CDATA, and no declarations in the document type. So the parser and this check see the
+/// same tree.
+///
+/// The limits allow three elements per value, because a reference is a separate dictionary in XML. The size of the file
+/// limits the bytes of text and data.
+/// @return absent if the bytes are not such a property list or exceed the limits.
 std::optional<std::string> boundedXMLPropertyList(std::string_view file, const PropertyListLimits& limits);
 
 }  // namespace vorlix
