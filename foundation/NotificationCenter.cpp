@@ -63,6 +63,7 @@ void NotificationCenter::post(const Notification& notification) {
       if (observation.fits(notification)) tokens.push_back(token);
     }
   }
+  // An observer may remove another one, so look up each token again. The lock is not held while an observer runs.
   for (const Token token : tokens) {
     std::shared_ptr<const Observer> observer;
     {

@@ -15,7 +15,7 @@ struct Unit {
 
 constexpr Unit kUnits[] = {{1e12, " TB"}, {1e9, " GB"}, {1e6, " MB"}, {1e3, " KB"}};
 
-// Whether it is at least 1 once it is cut to a signed 64-bit number. What does not fit one is not.
+// Whether the quotient is at least 1 as a signed 64-bit number. A quotient that does not fit such a number fails.
 bool isAtLeastOne(double quotient) {
   constexpr double kBeyond = 9223372036854775808.0;  // 2^63
   return quotient >= 1 && quotient < kBeyond;
@@ -24,7 +24,7 @@ bool isAtLeastOne(double quotient) {
 std::string twoDecimals(double value) {
   constexpr int kDecimals = 2;
   std::ostringstream stream;
-  stream.imbue(std::locale::classic());  // the process's may group the digits
+  stream.imbue(std::locale::classic());  // the process's locale may group digits
   stream << std::fixed << std::setprecision(kDecimals) << value;
   std::string text = stream.str();
   const size_t point = text.find('.');

@@ -7,7 +7,7 @@
 
 namespace {
 
-// What an absent object reads as where text is made of it.
+// How an absent field is shown in text.
 constexpr const char* kAbsent = "(null)";
 
 std::string hexadecimal(const std::vector<uint8_t>& bytes) {
@@ -22,7 +22,7 @@ std::string hexadecimal(const std::vector<uint8_t>& bytes) {
   return text + ">";
 }
 
-// One line for a field that is there: its label, then its text.
+// Adds a line with a label and a field, unless the field is absent.
 template <typename Field>
 void addLine(std::string& dump, std::string_view label, const Field& field) {
   if (field) dump.append(label).append(*field) += '\n';
@@ -78,7 +78,7 @@ std::shared_ptr<QDVolume> QDVolume::copyWithZone() const {
 void QDVolume::appendMBRData(const std::vector<uint8_t>& bytes) {
   const auto field = fields_->get(&Fields::mbr);
   if (!field.value || field.fixed) return;
-  // The bytes may be the buffer's own.
+  // Copied first, because the argument may be the buffer itself.
   const std::vector<uint8_t> added = bytes;
   field.value->insert(field.value->end(), added.begin(), added.end());
 }

@@ -21,7 +21,7 @@ const PartitionTypeMap partition_maps[10] = {
     {0xA8, "55465300-0000-11AA-AA11-00306543ECAC"},  // Apple UFS
 };
 
-// One less than the table has: Apple UFS partitions stay without an MBR type unless a host asks for them.
+// One less than the table has: an Apple UFS partition has MBR type 0 unless a host sets this to 10.
 int32_t number_of_partition_maps = 9;
 
 char mkntfs[2048];
@@ -56,8 +56,8 @@ void takeBytes(Bytes bytes, size_t offset, uint8_t (&field)[size]) {
   std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), size, field);
 }
 
-// Sector and cylinder share two bytes: sector in bits 0-5 of the first, the cylinder's bits 8-9 above it, the
-// cylinder's bits 0-7 in the second.
+// Sector and cylinder share two bytes. The first byte has the sector in bits 0-5 and bits 8-9 of the cylinder in bits
+// 6-7; the second byte has bits 0-7 of the cylinder.
 void takeSectorAndTrack(Bytes bytes, size_t offset, uint8_t& sector, uint16_t& track) {
   if (bytes.size() < offset + 2) return;
   uint16_t word = 0;
@@ -70,7 +70,7 @@ void putInteger(uint8_t* to, uint32_t value) {
   for (size_t i = 0; i < sizeof value; ++i) to[i] = static_cast<uint8_t>(value >> 8 * i);
 }
 
-// The sector is not masked: one above 63, as an LBA of 2^31 or more gives, spills into the cylinder's bits.
+// The sector is not masked. A sector above 63, which an LBA of 2^31 or more can have, overwrites bits of the cylinder.
 void putSectorAndTrack(uint8_t* to, uint8_t sector, uint16_t track) {
   to[0] = static_cast<uint8_t>(sector | (track >> 2 & 0xC0));
   to[1] = static_cast<uint8_t>(track & 0xFF);
@@ -95,7 +95,8 @@ CHS chsOf(int32_t lba) {
   const int32_t rest = lba - chs.cylinder * kSectorsPerCylinder;
   chs.head = rest / kSectorsPerHead;
   chs.sector = rest - kSectorsPerHead * chs.head + 1;
-  // Only the cylinder is clamped, and only for numbers that are not negative; disks written before rely on it.
+  // Only the cylinder is limited, and only for numbers that are not negative: slots on existing disks have these
+  // values.
   if (lba >= (kMaximumCylinder + 1) * kSectorsPerCylinder) chs.cylinder = kMaximumCylinder;
   return chs;
 }
@@ -192,7 +193,7 @@ MBRPartitionEntry hybridSlot(const GPTEntry& entry, bool active) {
   slot.lba = first;
   slot.size = last - first + 1;
   auto start = static_cast<int32_t>(first);
-  // The EFI System Partition stands for the protective entry, which covers everything from the GPT header on.
+  // The EFI System Partition becomes the protective entry, which starts at the GPT header.
   if (std::strcmp(entry.guid_text, kEFISystemGUID) == 0) {
     slot.lba = 1;
     slot.size = last;
@@ -233,11 +234,11 @@ bool sameSlot(const MBRPartitionEntry& one, const MBRPartitionEntry& other) {
 void makeGuard(PartitionTable& table, uint64_t lastUsableLBA) {
   MBRPartitionEntry& first = table.parts[0];
   first.flag = 0;
-  // Start and end both read as "beyond what CHS can say": firmware that looks at the start, too, then ignores it.
+  // Both values mean "beyond the range of CHS", so firmware that also reads the start ignores CHS.
   first.start_head = first.end_head = 254;
   first.start_sector = first.end_sector = 63;
   first.start_track = first.end_track = 1023;
-  first.size = static_cast<uint32_t>(lastUsableLBA) + 33;  // the second table and header follow the last usable LBA
+  first.size = static_cast<uint32_t>(lastUsableLBA) + 33;  // the backup entries and header follow the last usable LBA
   for (size_t i = 1; i < kSlotCount; ++i) table.parts[i] = {};
 }
 
@@ -251,7 +252,7 @@ void calculate_chs(uint32_t* chs, int32_t lba) {
 }
 
 int ConvertToGUID(const uint8_t* guid, char* text) {
-  // The first three groups are little-endian numbers on disk; -1 stands for a dash.
+  // On disk the first three groups are little-endian numbers. -1 represents a dash.
   constexpr int kOrder[] = {3, 2, 1, 0, -1, 5, 4, -1, 7, 6, -1, 8, 9, -1, 10, 11, 12, 13, 14, 15};
   constexpr const char* kDigits = "0123456789ABCDEF";
   char* to = text;

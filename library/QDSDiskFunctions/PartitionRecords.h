@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Sector 0, GPT header and GPT entries as bytes: decoding and encoding without a stream, so that they can be tested and
-// fuzzed by themselves. Layouts: UEFI Specification 2.10, sections 5.2 and 5.3.
+// Decodes and encodes sector 0, GPT headers and GPT entries as bytes. No stream is needed, so this code can be tested
+// and fuzzed separately. Layouts: UEFI Specification 2.10, sections 5.2 and 5.3.
 //
-// Decoders take the bytes that a reader really got. A field that lies wholly inside them is taken over; one that does
-// not keeps the value it had.
+// Decoders take the bytes that were read, which may be too few. A field that is not completely inside them keeps its
+// value.
 #pragma once
 
 #include <Vorlix/QDSDiskFunctions.h>
@@ -18,14 +18,14 @@ namespace vorlix {
 
 using Bytes = std::span<const uint8_t>;
 
-constexpr size_t kSectorSize = 512;  // bytes of sector 0 and of a GPT header that are looked at, on any block size
+constexpr size_t kSectorSize = 512;  // bytes of sector 0 and of a GPT header that are used, for any block size
 constexpr size_t kBootCodeSize = 446;
 constexpr size_t kSlotSize = 16;
 constexpr size_t kSlotCount = 4;
 constexpr size_t kGPTEntrySize = 128;
 constexpr uint16_t kMBRSignature = 0xAA55;
 constexpr uint64_t kGPTSignature = 0x5452415020494645;  // "EFI PART"
-/// The most entries that are read from a disk, whatever a damaged header claims: 512 times the usual table.
+/// The largest number of entries that is read from a disk, whatever a damaged header claims: 512 times the usual 128.
 constexpr uint32_t kMaximumEntries = 65536;
 
 constexpr uint8_t kActiveFlag = 0x80;
@@ -40,49 +40,51 @@ struct CHS {
   int32_t sector;
 };
 
-/// The rule of calculate_chs(), signed values included.
+/// Returns the values of calculate_chs() with their signs.
 CHS chsOf(int32_t lba);
 
-/// Decodes sector 0. `active`, if not null, gets the number of the last slot whose flag is exactly 0x80.
+/// Decodes sector 0. If `active` is not null, it receives the number of the last slot whose flag is exactly 0x80; it is
+/// unchanged if there is none.
 void decodeMBR(Bytes sector, PartitionTable& table, uint32_t* active);
 
-/// Encodes four slots as the 64 bytes that stand at offset 446 of sector 0.
+/// Encodes four slots as the 64 bytes at offset 446 of sector 0.
 std::array<uint8_t, kSlotSize * kSlotCount> encodeSlots(const MBRPartitionEntry (&parts)[kSlotCount]);
 
 /// Decodes the 512 bytes of a GPT header.
 void decodeGPTHeader(Bytes sector, GPTHeader& header);
 
-/// Byte offset of the first entry; the largest value where the header's LBA lies beyond any offset.
+/// Returns the byte offset of the first entry, or the largest value if the offset does not fit 64 bits.
 uint64_t entriesOffset(const GPTHeader& header, uint64_t blockSize);
 
-/// The header's count, held to kMaximumEntries.
+/// Returns the header's number of entries, limited to kMaximumEntries.
 uint32_t boundedEntryCount(const GPTHeader& header);
 
-/// Decodes one entry; `guid_text` follows from the type GUID. An unused entry gets a zero `unique_guid` and keeps the
-/// rest of its fields. Returns whether the entry is in use.
+/// Decodes one entry and sets `guid_text` from the type GUID. In an unused entry, `unique_guid` becomes zero and the
+/// other fields keep their values. Returns whether the entry is in use.
 bool decodeGPTEntry(Bytes bytes, GPTEntry& entry);
 
-/// Whether a GPT entry is in use.
+/// Returns whether a GPT entry is in use.
 bool isUsed(const GPTEntry& entry);
 
-/// The MBR slot that mirrors a used GPT entry.
+/// Returns the MBR slot that mirrors a used GPT entry.
 MBRPartitionEntry hybridSlot(const GPTEntry& entry, bool active);
 
-/// The MBR slot of the GPT entry `number` (from 1): empty for an unused one, else the one that mirrors it, active if
-/// `active` is that number.
+/// Returns the MBR slot of the GPT entry `number` (from 1). The slot is empty if the entry is unused. Otherwise it
+/// mirrors the entry, and is active if `active` is that number.
 MBRPartitionEntry slotFor(const GPTEntry& entry, uint32_t number, uint32_t active);
 
-/// The MBR that the first four entries of a GPT ask for. Slots of entries that are not there are empty.
+/// Returns the MBR that the first four entries of a GPT require. Slots of missing entries are empty.
 PartitionTable hybridTable(std::span<const GPTEntry> entries, uint32_t active);
 
 /// Turns a hybrid MBR into a standard guard MBR; slot 1 keeps its type and first LBA.
 void makeGuard(PartitionTable& table, uint64_t lastUsableLBA);
 
-/// The fields of a slot, in the order in which ComparePartitionTables() looks at them: LBA, size, start head, sector
-/// and cylinder, end head, sector and cylinder, type, flag.
+/// Returns the fields of a slot in the order in which ComparePartitionTables() compares them: LBA, size, start head,
+/// sector and cylinder, end head, sector and cylinder, type, flag.
 std::array<uint32_t, 10> fieldsOf(const MBRPartitionEntry& slot);
 
-/// Whether two slots have the same bytes on disk. Cylinder, head and sector of an LBA of 2^31 or more lose bits there.
+/// Returns whether two slots have the same bytes on disk. There the cylinder, head and sector of an LBA of 2^31 or more
+/// lose bits, so slots with different fields can be the same.
 bool sameSlot(const MBRPartitionEntry& one, const MBRPartitionEntry& other);
 
 }  // namespace vorlix

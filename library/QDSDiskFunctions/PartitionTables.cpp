@@ -20,7 +20,7 @@ using vorlix::textOf;
 
 namespace {
 
-// The log names the place a message comes from; the numbers are fixed so that readers of the log can rely on them.
+// Numbers in the log that show where a message comes from. They are fixed, because programs that read the log use them.
 enum LogPlace : int {
   kPlaceUnknownBlockSize = 215,
   kPlaceComparing = 228,
@@ -32,7 +32,7 @@ enum LogPlace : int {
   kPlaceTableRule = 471,
 };
 
-// Takes entries from a stream in large reads. Past the end of the stream an entry has no bytes.
+// Reads entries from a stream in large pieces. After the end of the stream, entries have no bytes.
 class EntryReader {
  public:
   EntryReader(FILE* stream, uint32_t count) : stream_(stream), left_(count) {}
@@ -62,7 +62,7 @@ class EntryReader {
   std::array<uint8_t, 128 * vorlix::kGPTEntrySize> buffer_;
 };
 
-// What is logged of each field that fieldsOf() gives. The spacing differs from label to label; readers know it so.
+// Log labels of the fields in the order of fieldsOf(). Programs that read the log expect this irregular spacing.
 constexpr const char* kFieldLabels[] = {
     "lba is different: ",          "lba size is different: ",     "start_head is different: ",
     "start_sector is different: ", "start_track is different:  ", "end_head is different:  ",
@@ -143,7 +143,7 @@ int print_gpt(const GPTEntry* entries) {
   for (int i = 0; i < kPrintedEntries; ++i) {
     const GPTEntry& entry = entries[i];
     if (!vorlix::isUsed(entry)) continue;
-    // The column headed "size" has always carried the last LBA; scripts parse it so.
+    // The column with the heading "size" has always contained the last LBA, and scripts rely on that.
     std::printf("%10lli %11lli %6i  GPT part - %s\n", static_cast<long long>(entry.first_lba),
                 static_cast<long long>(entry.last_lba), ++index, entry.guid_text);
   }
@@ -181,12 +181,12 @@ int has_guard_mbr(const char* device) try {
   uint32_t active = 0;
   vorlix::Stream stream = vorlix::openDeviceForReading(device);
   if (stream) read_bios_partition_table(stream.get(), &table, &active);
-  // The device stays open after the call; hosts have been built on that.
+  // The device stays open after the call, because hosts rely on that.
   vorlix::keepOpen(std::move(stream));
   const bool guard = table.parts[1].type == 0;
   logMessage(guard ? "Found guard MBR.%s" : "Found hybrid MBR%s", "");
   return guard ? 1 : 0;
 } catch (const std::exception& error) {
   vorlix::logException(__func__, error);
-  return 1;  // nothing is known of slot 2
+  return 1;  // slot 2 is unknown
 }

@@ -16,7 +16,7 @@ constexpr StoreSlot kMDTSlots[] = {{8792, P},  {8816, D},  {10200, P}, {10224, D
                                    {14124, P}, {11908, D}, {11932, D}, {14148, D}};
 constexpr StoreSlot kSCCMSlots[] = {{8424, P}, {8448, D}, {9872, P}, {9896, D}, {11660, D}, {19284, D}};
 
-// The first block of a hive, and the pages of the bins behind it.
+// The size of a hive's base block, and of the pages of its bins, which follow the base block.
 constexpr size_t kBaseBlock = 4096;
 constexpr size_t kPage = 4096;
 constexpr int64_t kBinsSizeOffset = 0x28;
@@ -26,7 +26,7 @@ bool hasTextAt(std::span<const uint8_t> bytes, size_t offset, const char (&text)
   return offset + 4 <= bytes.size() && std::memcmp(bytes.data() + offset, text, 4) == 0;
 }
 
-// Little-endian. What lies outside reads as a value that nothing asks for.
+// Reads a little-endian number. Outside the bytes it returns a value that none of the checks accepts.
 uint32_t wordAt(std::span<const uint8_t> bytes, int64_t offset) {
   if (offset < 0 || static_cast<uint64_t>(offset) + 4 > bytes.size()) return ~uint32_t{0};
   uint32_t value = 0;
@@ -34,7 +34,7 @@ uint32_t wordAt(std::span<const uint8_t> bytes, int64_t offset) {
   return value;
 }
 
-// Of the words before it; 0 and ~0 stand for "none" and are replaced.
+// The XOR of the words before the checksum. The results 0 and ~0 mean "no checksum", so 1 and ~0 - 1 replace them.
 uint32_t hiveChecksum(std::span<const uint8_t> hive) {
   uint32_t sum = 0;
   for (int64_t offset = 0; offset < kChecksumOffset; offset += 4) sum ^= wordAt(hive, offset);
@@ -42,13 +42,13 @@ uint32_t hiveChecksum(std::span<const uint8_t> hive) {
   return sum == 0 ? 1 : sum;
 }
 
-// How boot configuration stores tell a partition: the partition GUID, the disk GUID 24 bytes on, and around them a 6
-// (partition) at -0x10, the length 0x48 at -0x08 and 0 (GPT) or 1 (MBR) at 0x14.
+// A boot configuration store names a partition by its GUID, followed 24 bytes later by the GUID of its disk. Relative
+// to the partition GUID there are a 6 (partition) at -0x10, the length 0x48 at -0x08, and 0 (GPT) or 1 (MBR) at 0x14.
 bool isPartitionGUID(std::span<const uint8_t> store, int64_t offset) {
   return wordAt(store, offset - 0x10) == 6 && wordAt(store, offset - 0x08) == 0x48 && wordAt(store, offset + 0x14) <= 1;
 }
 
-// Some stores want the disk's GUID in the partition's place, too.
+// The GUID of a disk is 24 bytes behind that of a partition. Some stores also need it in the place of the partition's.
 bool looksLikeIdentifier(std::span<const uint8_t> store, const StoreSlot& slot) {
   constexpr int64_t kDiskGUID = 0x18;
   const int64_t offset = slot.offset;

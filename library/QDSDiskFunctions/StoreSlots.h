@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Where identifiers stand in a prepared boot configuration store. The layout is fixed by the templates, one a mode.
+// The offsets of identifiers in a prepared boot configuration store. Each mode has its template, which fixes them.
 #pragma once
 
 #include <array>
@@ -14,7 +14,7 @@ namespace vorlix {
 
 enum class StoreIdentifier { partition, disk };
 
-/// Sixteen bytes of a store that hold one identifier in raw form.
+/// Sixteen bytes of a store that hold one identifier in on-disk (mixed-endian) order.
 struct StoreSlot {
   uint32_t offset;  ///< bytes from the start of the file
   StoreIdentifier identifier;
@@ -23,10 +23,10 @@ struct StoreSlot {
 constexpr int32_t kStoreModeMDT = 1;
 constexpr int32_t kStoreModeSCCM = 2;
 
-/// The slots of a mode in the order in which they are written. Any other mode is a standard EFI start.
+/// Returns the slots of a mode in the order in which they are written. Any other mode is the standard EFI boot.
 std::span<const StoreSlot> storeSlots(int32_t mode);
 
-/// What a store is told about the volume that it starts, in raw form.
+/// The identifiers of the partition that a store starts and of its disk, in on-disk (mixed-endian) order.
 struct StoreIdentifiers {
   std::array<uint8_t, 16> partition = {};
   std::array<uint8_t, 16> disk = {};
@@ -36,17 +36,17 @@ struct StoreIdentifiers {
   }
 };
 
-/// The store with the identifiers in the slots of a mode. One that ends before a slot grows, with zeros in the gap; all
-/// other bytes stay.
+/// Returns the store with the identifiers in the slots of a mode. All other bytes stay. If the store ends before a
+/// slot, it is extended and the gap filled with zeros.
 std::vector<uint8_t> storeWithIdentifiers(std::span<const uint8_t> store, int32_t mode,
                                           const StoreIdentifiers& identifiers);
 
-/// Why bytes are no registry hive, the form of every boot configuration store: signature, checksum, sizes. Absent for
-/// what looks like one.
+/// Returns why the bytes are not a registry hive, the form of every boot configuration store. Checks the signature, the
+/// checksum and the sizes. Absent if the bytes look like a hive.
 std::optional<std::string> whyNoHive(std::span<const uint8_t> store);
 
-/// The offsets of those slots of a mode that hold no identifier of a device element, which says that the store is
-/// another one or made for another mode.
+/// Returns the offsets of the slots of a mode that do not hold an identifier of a device element. If there are any, the
+/// store is made for another mode or is not such a template.
 std::vector<uint32_t> oddSlots(std::span<const uint8_t> store, int32_t mode);
 
 }  // namespace vorlix

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The record in archives. Which keys are written and which are read differ on purpose; QDVolume.h has the table.
+// Writes records to archives and reads them. The keys that are written and those that are read differ on purpose; the
+// table is in QDVolume.h.
 #include <Vorlix/foundation/Base64.h>
 #include <Vorlix/foundation/Utf8.h>
 
@@ -76,7 +77,7 @@ void QDVolume::readEntries(vorlix::KeyedUnarchiver& coder) {
   setIsVM(truthOf(coder.decodeNumber("isVM")));
   setVmUsername(coder.decodeText("vmUsername"));
 
-  // The key looked up is the record's own password, so a new record never takes one from an archive.
+  // The key is the record's current password, so a new record never gets a password from an archive.
   if (const auto key = vmPassword()) {
     if (const auto encoded = coder.decodeText(*key)) {
       auto password = vorlix::decodeBase64(*encoded);
@@ -87,8 +88,8 @@ void QDVolume::readEntries(vorlix::KeyedUnarchiver& coder) {
 
   setHumanSize(coder.decodeText("humanSize"));
 
-  // Not the entry of that name: the text under another key, which nobody writes, is asked for its own file-system type,
-  // and text has none.
+  // The file-system type is not read from its own entry. It is that of the text under another key, which nobody writes,
+  // and a text has no file-system type.
   coder.decodeText(kMapKey);
   setFileSystemType(std::nullopt);
 

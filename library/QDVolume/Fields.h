@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a volume record holds.
+// The fields of a volume record.
 #pragma once
 
 #include <Vorlix/QDVolume.h>
@@ -8,10 +8,10 @@
 #include <mutex>
 #include <utility>
 
-/// The object fields are read and replaced under one lock, held for the copy of a value only. A new value is made
-/// before the lock is taken and the old one ends after it is given back.
+/// The fields of a record. One lock guards the object fields and is held only while a value is copied or swapped. A new
+/// value is created before the lock is taken, and the old one is destroyed after the lock is released.
 struct QDVolume::Fields {
-  /// A shared value that may be grown, or a copy's own that may not.
+  /// A shared value that can be appended to or, in a copy of a record, a fixed value of its own.
   template <typename Value>
   struct Growable {
     std::shared_ptr<Value> value;
@@ -41,7 +41,7 @@ struct QDVolume::Fields {
   int64_t filesystemSize = 0;
   std::shared_ptr<std::vector<std::shared_ptr<QDTaskWrapperWithBlocks>>> wrapperArray;
 
-  // Under the lock:
+  // Guarded by the lock:
   Growable<std::vector<uint8_t>> mbr;
   Growable<std::string> partitionID;
   std::optional<std::string> filePath;
