@@ -20,7 +20,8 @@ constexpr size_t kFAT16TypeOffset = 54;
 constexpr size_t kFAT32BootCodeOffset = 90;
 constexpr size_t kFAT16BootCodeOffset = 62;
 
-// The byte before a FAT's serial says whether there is one: 0x28, or 0x29 where label and type follow it.
+// The byte before the serial of a FAT volume shows whether there is a serial: 0x28 for a serial alone, 0x29 for a
+// serial that is followed by label and type.
 constexpr uint8_t kHasSerialAlone = 0x28;
 constexpr uint8_t kHasSerial = 0x29;
 constexpr Field kFAT32Serial = {67, 4};

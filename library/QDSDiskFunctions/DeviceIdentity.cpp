@@ -34,17 +34,18 @@ namespace {
 
 constexpr const char* kBSDName = "BSD Name";
 constexpr const char* kDeviceFolder = "/dev/";
-constexpr size_t kTextBufferSize = 1024;  // what callers of media_type() and disk_from_slice() pass
-constexpr size_t kUUIDTextLimit = 63;     // more than any identifier has
+constexpr size_t kTextBufferSize = 1024;  // size of the buffers of media_type() and disk_from_slice()
+constexpr size_t kUUIDTextLimit = 63;     // longer than any identifier
 constexpr int kMediaTypeLevels = 9;
 constexpr size_t kGUIDSize = 16;
-constexpr uint64_t kDiskGUIDOffset = 56;  // of a GPT header
+constexpr uint64_t kDiskGUIDOffset = 56;  // in a GPT header
 constexpr std::array<uint8_t, 8> kGPTSignatureText = {'E', 'F', 'I', ' ', 'P', 'A', 'R', 'T'};
 
-// A fixed number that readers of the log can rely on.
+// A number in the log. It is fixed, because programs that read the log use it.
 constexpr int kPlaceNoPartitionNumber = 170;
 
-// Where in a GUID's 32 digits each byte of its raw form is found: three groups in little-endian order, then as written.
+// For each byte of a GUID, the offset of its two digits in the 32 digits of the text: three groups in little-endian
+// order, then the order of the text.
 constexpr std::array<uint8_t, kGUIDSize> kDigitPlaces = {6, 4, 2, 0, 10, 8, 14, 12, 16, 18, 20, 22, 24, 26, 28, 30};
 
 std::string registryName(const char* name) {
@@ -60,7 +61,7 @@ bool equalIgnoringCase(const std::string& one, const std::string& other) {
                     [](char a, char b) { return lower(a) == lower(b); });
 }
 
-// A registry that cannot be reached is only worth a message; the look-ups after it then find nothing.
+// If the registry cannot be reached, only a message is logged; the lookups that follow find nothing.
 vorlix::MasterPort openServicePlane() {
   vorlix::IORegistry& registry = *vorlix::platform().ioRegistry;
   vorlix::MasterPort port = 0;
@@ -114,7 +115,7 @@ int32_t partitionNumber(const vorlix::Dictionary& properties) {
   return result;
 }
 
-// Converts a registry identifier. Returns its text as the conversion leaves it: without dashes.
+// Converts an identifier of the registry to bytes. Returns its text after the conversion, which removes the dashes.
 std::string convertIdentifier(std::string text, uint8_t* guid) {
   text.resize(std::min(text.size(), kUUIDTextLimit));
   convert_uuid_string_to_bytes(text.data(), guid);
@@ -124,7 +125,7 @@ std::string convertIdentifier(std::string text, uint8_t* guid) {
 
 struct WholeDisk {
   int32_t result = 0;
-  std::optional<std::string> name;  // absent: nothing to hand out, also where the result is success
+  std::optional<std::string> name;  // can be absent even if the result is success
 };
 
 WholeDisk wholeDiskOf(const char* name, bool withFolder) {
@@ -144,9 +145,9 @@ WholeDisk wholeDiskOf(const char* name, bool withFolder) {
   return {0, withFolder ? kDeviceFolder + *bareName : *bareName};
 }
 
-// The identifier of the disk that a partition's entry lies on: its parent's, else the one in the disk's GPT header.
-// `working` is the text that the partition's identifier was converted in; the path of a disk that cannot be asked for
-// is that text, so that nothing is opened.
+// Looks up the identifier of a partition's disk: that of the partition's parent in the registry or, if it has none, the
+// one in the disk's GPT header. `working` is the text of the partition's identifier without dashes. It is used as the
+// path of a disk whose name cannot be found out, so that nothing is opened.
 int32_t lookUpDiskGUID(RegistryEntry& partition, const char* name, std::string working, uint8_t* guid) {
   const std::shared_ptr<RegistryEntry> parent = parentOf(partition);
   const std::optional<vorlix::Dictionary> properties = parent ? propertiesOf(*parent) : std::nullopt;
@@ -160,7 +161,7 @@ int32_t lookUpDiskGUID(RegistryEntry& partition, const char* name, std::string w
     return -1;
   }
   if (whole.name) working = *whole.name;
-  static_cast<void>(disk_guid(working.c_str(), guid));  // a disk without a GPT leaves the caller's bytes as they are
+  static_cast<void>(disk_guid(working.c_str(), guid));  // without a GPT the caller's bytes stay unchanged
   if (guid == nullptr) {
     logMessage("error converting %s to binary GUID\n", working.c_str());
     return -1;
@@ -178,7 +179,7 @@ int32_t MyFindEjectableMedia(std::shared_ptr<RegistryIterator>* iterator) try {
     return code;
   }
   vorlix::RegistryMatching matching;
-  matching.className = "IOUserClientClass";  // no storage class; hosts expect to find nothing
+  matching.className = "IOUserClientClass";  // not a storage class; hosts expect no result
   std::shared_ptr<RegistryIterator> services;
   const KernReturn code = registry.matchingServices(port, matching, services);
   if (code == kKernSuccess && iterator != nullptr) {
@@ -219,13 +220,13 @@ int32_t partitionForDeviceIdentifier(const char* name) try {
 }
 
 int32_t partitionForDeviceIdentifierOnGivenPlane(const char* name, const char* plane) try {
-  // "%{errno}d" is no conversion; it has always stood in the log as it is, and the code nowhere.
+  // "%{errno}d" is not a conversion. The log has always contained it unchanged and never the code.
   constexpr const char* kNoConversion = "%{errno}d";
   logMessage("Getting partition number for identifier from IOKit%s", "");
   vorlix::IORegistry& registry = *vorlix::platform().ioRegistry;
   vorlix::MasterPort port = 0;
   if (registry.masterPort(port) != kKernSuccess) logMessage("IOMasterPort() failed with error %s", kNoConversion);
-  const std::string wanted = registryName(name);  // before the walk, which shows the image files that were named
+  const std::string wanted = registryName(name);  // before the iterator, which includes only image files named so far
   std::shared_ptr<RegistryIterator> iterator;
   if (registry.createIterator(port, textOf(plane), iterator) != kKernSuccess) {
     logMessage("IORegistryCreateIterator() failed with error %s", kNoConversion);
@@ -255,7 +256,7 @@ int32_t media_type(const char* name, char* text) try {
     for (int level = 0; level < kMediaTypeLevels; ++level) {
       ancestor = parentOf(*ancestor);
       if (!ancestor) break;
-      // No stop at the first hit: what the farthest ancestor says of the medium counts.
+      // The search does not stop here, because the type of the farthest ancestor counts.
       if (const std::optional<std::string> type = mediumTypeOf(*ancestor)) {
         if (text != nullptr) std::snprintf(text, kTextBufferSize, "%s", type->c_str());
         result = 0;

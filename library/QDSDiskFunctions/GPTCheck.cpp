@@ -36,7 +36,7 @@ class Check {
       checkEntryTable();
       checkBackup();
     } else {
-      // Its header was found by its checksum.
+      // The checksum of this header was checked when it was found.
       checkUsableRange();
       checkEntryTable();
     }
@@ -75,7 +75,7 @@ class Check {
     }
   }
 
-  // The first header of a disk that ends inside its block still is one.
+  // If the disk ends inside this block, the header still counts.
   std::vector<uint8_t> readFirst() const {
     std::vector<uint8_t> bytes(blockSize_);
     bytes.resize(read_(blockSize_, bytes));
@@ -87,7 +87,7 @@ class Check {
     decodeGPTHeader({headerBlock_.data(), std::min(headerBlock_.size(), kSectorSize)}, report_.header);
   }
 
-  // Only what the disk really holds is read; records beyond that stay zero, which is unused.
+  // Reads only the entries that the disk holds. The other records stay zero, which means unused.
   void readEntries() {
     const uint64_t offset = entriesOffset(header(), blockSize_);
     const uint64_t room = diskSize_ > offset ? diskSize_ - offset : 0;
@@ -146,7 +146,7 @@ class Check {
     }
   }
 
-  // Absent where the disk does not hold them all. `size` is held to kMaximumEntries by the callers.
+  // Absent if the disk does not hold all entries. The callers limit `size` to kMaximumEntries entries.
   std::optional<uint32_t> checksumOfEntries(uint64_t offset, uint64_t size) const {
     std::vector<uint8_t> piece(64 * 1024);
     uint32_t checksum = 0;
@@ -248,7 +248,7 @@ std::vector<std::pair<uint32_t, uint32_t>> overlappingEntries(std::span<const GP
   std::stable_sort(order.begin(), order.end(),
                    [&](uint32_t one, uint32_t other) { return entries[one].first_lba < entries[other].first_lba; });
   std::vector<std::pair<uint32_t, uint32_t>> pairs;
-  // Of the entries before, only the one that reaches farthest can meet the next one if any does.
+  // If any earlier entry overlaps the next one, the earlier entry that reaches farthest does.
   for (size_t i = 1, farthest = 0; i < order.size(); ++i) {
     const uint32_t before = order[farthest];
     const uint32_t entry = order[i];
