@@ -118,7 +118,8 @@ class VORLIX_EXPORT QDDeviceManager : public vorlix::Object {
   /// Returns the path under "/dev/" of the whole disk that holds a device: "/dev/disk3" for "disk3s2" and
   /// "/dev/disk3s2". For a slice of a disk-image file it is "/dev/" followed by the path of the file; every operation
   /// here accepts that form. Keyword form: `diskFromSlice:`.
-  /// @return absent if there is no such disk. Then "session NULL" or "disk NULL" on standard output gives the reason.
+  /// @return absent if the whole disk is not known. If there is no connection to disk arbitration or no such device,
+  ///         "session NULL" or "disk NULL" is printed on standard output.
   std::optional<std::string> diskFromSlice(const std::string& device);
 
   /// Returns the description of the device whose node is at `url`; absent if the device is unknown. The keys are those
