@@ -70,7 +70,7 @@ TEST_F(DeviceManagerEFIBootTest, BlanksInTheMachinesModelDoNotMatter) {
 TEST_F(DeviceManagerEFIBootTest, WithoutAListItCan) {
   setModel("MacBookPro5,5");
   EXPECT_TRUE(manager->isEFIWindowsBootable());
-  shipList(volumes / "nowhere.plist");
+  shipList(mounts / "nowhere.plist");
   EXPECT_TRUE(manager->isEFIWindowsBootable());
   EXPECT_THAT(lines(), IsEmpty());
 }
@@ -105,7 +105,7 @@ TEST_F(DeviceManagerEFIBootTest, ABrokenListNamesNoModel) {
   }
   shipList(placeFile("noise.plist", std::string(5000, '\xFF')));
   EXPECT_TRUE(manager->isEFIWindowsBootable());
-  shipList(volumes / "");  // a folder
+  shipList(mounts / "");  // a folder
   EXPECT_TRUE(manager->isEFIWindowsBootable());
 }
 

@@ -12,7 +12,7 @@ class DeviceManagerWindowsFoldersTest : public DeviceManagerTest {
  protected:
   DeviceManagerWindowsFoldersTest() { makeFolder("volume"); }
 
-  const std::string root = volumes / "volume";
+  const std::string root = mounts / "volume";
 };
 
 TEST_F(DeviceManagerWindowsFoldersTest, FoldersAndFilesAreFoundAsTheyAreSpelled) {
@@ -89,8 +89,8 @@ TEST_F(DeviceManagerWindowsFoldersTest, OfSeveralSpellingsTheFirstEntryIsTaken) 
 TEST_F(DeviceManagerWindowsFoldersTest, WhereNothingCanBeListedNothingIsFound) {
   placeFile("file");
   for (const std::optional<std::string>& path :
-       {std::optional<std::string>(), std::optional<std::string>(""), std::optional<std::string>(volumes / "nowhere"),
-        std::optional<std::string>(volumes / "file"), std::optional<std::string>(root)}) {
+       {std::optional<std::string>(), std::optional<std::string>(""), std::optional<std::string>(mounts / "nowhere"),
+        std::optional<std::string>(mounts / "file"), std::optional<std::string>(root)}) {
     EXPECT_EQ(QDDeviceManager::windowsFolderFromVolume(path), std::nullopt);
     EXPECT_EQ(QDDeviceManager::system32FolderFromVolume(path), std::nullopt);
     EXPECT_EQ(QDDeviceManager::windowsSourcesFolderFromVolume(path), std::nullopt);
@@ -116,14 +116,14 @@ class DeviceManagerSplitBootTest : public DeviceManagerTest {
   std::shared_ptr<QDVolume> withBoot(const std::string& device, const std::string& folderName,
                                      const std::string& name = "System Reserved") {
     makeFolder(folderName + "/BOOT");
-    const auto volume = makeVolume(device, volumes / folderName);
+    const auto volume = makeVolume(device, mounts / folderName);
     volume->setDiskName(name);
     return volume;
   }
 
   std::shared_ptr<QDVolume> plain(const std::string& device, const std::string& folderName) {
     makeFolder(folderName);
-    const auto volume = makeVolume(device, volumes / folderName);
+    const auto volume = makeVolume(device, mounts / folderName);
     volume->setDiskName(folderName);
     return volume;
   }
@@ -131,8 +131,8 @@ class DeviceManagerSplitBootTest : public DeviceManagerTest {
   /// Expects the paths of the volume in that folder for Windows on disk0s3.
   void expectPathsOf(const std::string& folderName, const Volumes& list) {
     const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", list);
-    EXPECT_EQ(answer.text("bootFolderPath"), volumes / (folderName + "/BOOT"));
-    EXPECT_EQ(answer.text("bootmgrPath"), volumes / (folderName + "/bootmgr"));
+    EXPECT_EQ(answer.text("bootFolderPath"), mounts / (folderName + "/BOOT"));
+    EXPECT_EQ(answer.text("bootmgrPath"), mounts / (folderName + "/bootmgr"));
     EXPECT_EQ(answer.values().size(), 2U);
   }
 };
@@ -150,7 +150,7 @@ TEST_F(DeviceManagerSplitBootTest, TheFirstReservedPartitionIsTaken) {
 TEST_F(DeviceManagerSplitBootTest, TheDeviceMayStandWithoutItsFolder) {
   const Volumes list = {withBoot("disk0s2", "reserved"), plain("/dev/disk0s1", "last")};
   expectPathsOf("reserved", list);
-  EXPECT_EQ(manager->splitBootInfo("disk0s3", list).text("bootFolderPath"), volumes / "reserved/BOOT");
+  EXPECT_EQ(manager->splitBootInfo("disk0s3", list).text("bootFolderPath"), mounts / "reserved/BOOT");
 }
 
 TEST_F(DeviceManagerSplitBootTest, AReservedPartitionOfAnotherDiskIsNot) {
@@ -182,7 +182,7 @@ TEST_F(DeviceManagerSplitBootTest, DevicesWithoutAWholeDiskAreNotOnTheSameOne) {
   const Dictionary answer = manager->splitBootInfo(
       "/dev/disk9s3", {withBoot("/dev/disk8s2", "reserved"), withBoot("/dev/disk0s1", "last", "last")});
   EXPECT_EQ(output.text(), "disk NULLdisk NULL");
-  EXPECT_EQ(answer.text("bootFolderPath"), volumes / "last/BOOT");
+  EXPECT_EQ(answer.text("bootFolderPath"), mounts / "last/BOOT");
 }
 
 TEST_F(DeviceManagerSplitBootTest, WithABootManagersFileTheAnswerIsTheSame) {
@@ -195,29 +195,29 @@ TEST_F(DeviceManagerSplitBootTest, WithABootManagersFileTheAnswerIsTheSame) {
 TEST_F(DeviceManagerSplitBootTest, OnFATAndExFATTheNamesAreTakenAsTheVolumeSpellsThem) {
   makeFolder("reserved/Boot");
   for (const char* type : {"msdos", "exfat"}) {
-    const auto reserved = makeVolume("/dev/disk0s2", volumes / "reserved", type);
+    const auto reserved = makeVolume("/dev/disk0s2", mounts / "reserved", type);
     reserved->setDiskName("System Reserved");
     const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", {reserved, plain("/dev/disk0s1", "last")});
-    EXPECT_EQ(answer.text("bootFolderPath"), volumes / "reserved/Boot") << type;
+    EXPECT_EQ(answer.text("bootFolderPath"), mounts / "reserved/Boot") << type;
   }
 }
 
 TEST_F(DeviceManagerSplitBootTest, OnNTFSTheNamesAreTakenAsTheVolumeSpellsThem) {
   makeFolder("reserved/Boot");
   placeFile("reserved/BootMgr");
-  const auto reserved = makeVolume("/dev/disk0s2", volumes / "reserved", "ntfs");
+  const auto reserved = makeVolume("/dev/disk0s2", mounts / "reserved", "ntfs");
   reserved->setDiskName("System Reserved");
   const Volumes list = {reserved, plain("/dev/disk0s1", "last")};
   const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", list);
-  EXPECT_EQ(answer.text("bootFolderPath"), volumes / "reserved/Boot");
-  EXPECT_EQ(answer.text("bootmgrPath"), volumes / "reserved/BootMgr");
+  EXPECT_EQ(answer.text("bootFolderPath"), mounts / "reserved/Boot");
+  EXPECT_EQ(answer.text("bootmgrPath"), mounts / "reserved/BootMgr");
   makeFolder("reserved/BOOT");  // the name itself goes before any other spelling
-  EXPECT_EQ(manager->splitBootInfo("/dev/disk0s3", list).text("bootFolderPath"), volumes / "reserved/BOOT");
+  EXPECT_EQ(manager->splitBootInfo("/dev/disk0s3", list).text("bootFolderPath"), mounts / "reserved/BOOT");
 }
 
 TEST_F(DeviceManagerSplitBootTest, OnOtherFileSystemsTheNamesAreTakenAsTheyStand) {
   makeFolder("reserved/Boot");
-  const auto reserved = makeVolume("/dev/disk0s2", volumes / "reserved", "ext4");
+  const auto reserved = makeVolume("/dev/disk0s2", mounts / "reserved", "ext4");
   reserved->setDiskName("System Reserved");
   expectPathsOf("last", {reserved, plain("/dev/disk0s1", "last")});
 }
@@ -240,9 +240,9 @@ TEST_F(DeviceManagerSplitBootTest, OfAVolumeWithoutAPathTheBootManagersPathIsEmp
 
 TEST_F(DeviceManagerSplitBootTest, AFinalSlashOfAPathIsNotDoubled) {
   makeFolder("last");
-  const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", {makeVolume("/dev/disk0s2", volumes / "last/")});
-  EXPECT_EQ(answer.text("bootFolderPath"), volumes / "last/BOOT");
-  EXPECT_EQ(answer.text("bootmgrPath"), volumes / "last/bootmgr");
+  const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", {makeVolume("/dev/disk0s2", mounts / "last/")});
+  EXPECT_EQ(answer.text("bootFolderPath"), mounts / "last/BOOT");
+  EXPECT_EQ(answer.text("bootmgrPath"), mounts / "last/bootmgr");
 }
 
 TEST_F(DeviceManagerSplitBootTest, AtTheRootOfTheSystemThereIsOneSlash) {

@@ -54,7 +54,7 @@ class DeviceManagerWindowsVersionTest : public DeviceManagerTest {
     return placeFile("volume/Windows/Panther/setupact.log");
   }
 
-  const std::string root = volumes / "volume";
+  const std::string root = mounts / "volume";
   const std::shared_ptr<QDVolume> volume = makeVolume("/dev/disk0s3", root);
   std::map<std::string, std::string> values;
   std::vector<Lines> asked;

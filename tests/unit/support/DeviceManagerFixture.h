@@ -101,7 +101,7 @@ class DeviceManagerTest : public DiskTest {
                               const std::string& kind) {
     addDevice(device);
     makeFolder(name);
-    const std::string path = volumes / name;
+    const std::string path = mounts / name;
     SimulatedVolume volume;
     volume.kind = kind;
     volume.name = name;
@@ -116,12 +116,12 @@ class DeviceManagerTest : public DiskTest {
   void installWindows(const std::string& name) { makeFolder(name + "/Windows/System32"); }
 
   /// A folder of the machine among the volumes, with those above it.
-  void makeFolder(const std::string& name) { machine.addFolder(volumes / name); }
+  void makeFolder(const std::string& name) { machine.addFolder(mounts / name); }
 
   /// A file with some content, its folder included.
   std::string placeFile(const std::string& name, const std::string& content = "x") {
-    machine.addFile(volumes / name, content);
-    return volumes / name;
+    machine.addFile(mounts / name, content);
+    return mounts / name;
   }
 
   ptrdiff_t countOf(const std::string& line) const {
@@ -129,7 +129,7 @@ class DeviceManagerTest : public DiskTest {
     return std::count(journal.begin(), journal.end(), line);
   }
 
-  const VolumesFolder volumes;
+  const VolumesFolder mounts{};
   const std::shared_ptr<QDDeviceManager> manager = QDDeviceManager::sharedDeviceManager();
   const std::shared_ptr<LineCollector> delegate = std::make_shared<LineCollector>();
 
