@@ -4,8 +4,8 @@
 /// a volume holds, and selects the startup disk.
 #pragma once
 
+#include <Vorlix/FileManager.h>
 #include <Vorlix/foundation/Export.h>
-#include <Vorlix/foundation/FileManager.h>
 #include <Vorlix/foundation/LogReceiver.h>
 #include <Vorlix/foundation/Object.h>
 #include <Vorlix/foundation/Task.h>

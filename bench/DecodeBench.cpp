@@ -4,17 +4,20 @@
 // memory, so that no device is measured. Each call also writes two log messages, as every call of read_gpt() does; they
 // weigh most in the smallest table.
 #include <Vorlix/QDSDiskFunctions.h>
+#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/simulated/SimulatedSystemPaths.h>
 #include <benchmark/benchmark.h>
 #include <unistd.h>
-#include "library/QDSDiskFunctions/Log.h"
 #include "library/QDSDiskFunctions/PartitionRecords.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -26,10 +29,14 @@ class PrivateLog {
     const int descriptor = mkstemp(path_.data());
     if (descriptor < 0) throw std::system_error(errno, std::generic_category(), path_);
     close(descriptor);
-    vorlix::setLogFilePath(path_);
+    const auto paths = std::make_shared<vorlix::SimulatedSystemPaths>();
+    paths->setLogFile(path_);
+    vorlix::Platform ports = vorlix::platform();
+    ports.systemPaths = paths;
+    before_ = vorlix::setPlatform(std::move(ports));
   }
   ~PrivateLog() {
-    vorlix::setLogFilePath("");
+    vorlix::setPlatform(std::move(before_));
     std::error_code ignored;
     std::filesystem::remove(path_, ignored);
   }
@@ -38,6 +45,7 @@ class PrivateLog {
 
  private:
   std::string path_;
+  vorlix::Platform before_;
 };
 
 std::vector<uint8_t> tableOf(size_t count) {

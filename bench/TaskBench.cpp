@@ -7,6 +7,8 @@
 #include <Vorlix/QDTaskWrapperWithBlocks.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/RunLoop.h>
+#include <Vorlix/platform/simulated/SimulatedMachine.h>
+#include <Vorlix/platform/simulated/SimulatedSystemPaths.h>
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 #include "library/QDSDiskFunctions/Log.h"
@@ -75,7 +77,11 @@ std::string linesByPopen(const std::string& command) {
 void linesThroughHelper(benchmark::State& state, vorlix::LogCapture::File file) {
   setLines();
   const TemporaryFile log;
-  vorlix::setLogFilePath(log.path());
+  const auto paths = std::make_shared<vorlix::SimulatedSystemPaths>();
+  paths->setLogFile(log.path());
+  vorlix::Platform ports = vorlix::platform();
+  ports.systemPaths = paths;
+  const vorlix::ScopedPlatform scope(std::move(ports));
   const std::string expected = linesByPopen(linesCommand());
   std::string result;
   for (auto pass : state) {
@@ -85,7 +91,6 @@ void linesThroughHelper(benchmark::State& state, vorlix::LogCapture::File file) 
     if (file == vorlix::LogCapture::File::leftAlone) capture.emplace(file);
     result = QDTaskHelper::sharedTaskHelper()->runCommand("/bin/sh", {"-c", linesCommand()});
   }
-  vorlix::setLogFilePath("");
   if (result != expected || expected.empty()) state.SkipWithError("not what the program printed");
   state.SetItemsProcessed(state.iterations() * kLines);
 }

@@ -3,15 +3,18 @@
 // What the fuzz targets share.
 #pragma once
 
+#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/simulated/SimulatedSystemPaths.h>
 #include <unistd.h>
-#include "library/QDSDiskFunctions/Log.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <string>
+#include <utility>
 
 /// Ends the program, so that the input counts as a crash, when a property does not hold. Unlike assert() it is never
 /// compiled away.
@@ -35,16 +38,23 @@ class Workplace {
     FUZZ_CHECK(mkdtemp(name.data()) != nullptr);
     folder_ = name;
     log_ = folder_ / "log";
-    vorlix::setLogFilePath(log_);
+    vorlix::Platform ports = vorlix::platform();
+    const auto paths = std::make_shared<vorlix::SimulatedSystemPaths>();
+    paths->setLogFile(log_);
+    ports.systemPaths = paths;
+    before_ = vorlix::setPlatform(std::move(ports));
     emptyLog();
   }
   ~Workplace() {
-    vorlix::setLogFilePath("");
+    vorlix::setPlatform(std::move(before_));
     std::error_code ignored;
     std::filesystem::remove_all(folder_, ignored);
   }
   Workplace(const Workplace&) = delete;
   Workplace& operator=(const Workplace&) = delete;
+
+  /// Path of the log, for machines of the target's own.
+  std::string log() const { return log_; }
 
   /// Keeps the log from growing over millions of inputs.
   void emptyLog() const { std::fclose(openForWriting(log_)); }
@@ -67,6 +77,7 @@ class Workplace {
 
   std::filesystem::path folder_;
   std::filesystem::path log_;
+  vorlix::Platform before_;
 };
 
 /// `count` bytes at `bytes` as a little-endian number.

@@ -165,6 +165,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint64_t blockSize = (data[0] & 16) != 0 ? 4096 : 512;
 
   vorlix::SimulatedMachine machine;
+  machine.setLogFile(workplace.log());
   machine.addDisk("disk0", size, static_cast<uint32_t>(blockSize));
   machine.setBytes("disk0", 0, std::vector<uint8_t>(data, data + size));
   const vorlix::ScopedPlatform scope(machine.platform());

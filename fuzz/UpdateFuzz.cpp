@@ -99,6 +99,7 @@ class Scene {
     const uint64_t blocks = (size + what.blockSize - 1) / what.blockSize + kVolumeBlocks + 1;
     diskSize_ = blocks * what.blockSize;
     volumeOffset_ = (1 + what.volumeBlock % (blocks - kVolumeBlocks)) * what.blockSize;
+    machine.setLogFile(environment().workplace.log());
     machine.addDisk("disk0", diskSize_, what.blockSize);
     machine.addSlice("disk0", 1, volumeOffset_ / what.blockSize, kVolumeBlocks);
     machine.addDisk("disk1", kOtherSize, 512);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/NSNumber+HumanReadable.h>
+#include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/UserLocale.h>
 
 #include <iomanip>
@@ -28,7 +29,7 @@ std::string twoDecimals(double value) {
   stream << std::fixed << std::setprecision(kDecimals) << value;
   std::string text = stream.str();
   const size_t point = text.find('.');
-  if (point != std::string::npos) text.replace(point, 1, vorlix::userDecimalSeparator());
+  if (point != std::string::npos) text.replace(point, 1, vorlix::platform().userLocale->decimalSeparator());
   return text;
 }
 

@@ -2,12 +2,14 @@
 #include <Vorlix/QDDiskHelper.h>
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/QDVolume.h>
-#include <sys/stat.h>
+#include <Vorlix/platform/Files.h>
+#include <Vorlix/platform/Platform.h>
 
 #include <algorithm>
+#include <array>
+#include <string>
 
 #include "library/QDDeviceManager/WindowsFolders.h"
-#include "library/QDDiskHelper/BootFiles.h"
 #include "library/QDSDiskFunctions/DeviceStreams.h"
 #include "library/QDSDiskFunctions/SystemLog.h"
 
@@ -17,15 +19,11 @@ constexpr int32_t kLegacy = 0;
 constexpr int32_t kEFI = 1;
 constexpr int32_t kNotOpened = 4;
 
-bool exists(const std::string& path) {
-  struct stat status = {};
-  return stat(path.c_str(), &status) == 0;
-}
-
-}  // namespace
-
-std::array<std::string, 4> vorlix::bootFilePaths(const QDVolume& volume) {
+// What tells that an operating system on a volume can be started: one of them exists. Of a volume without a mount point
+// they are relative to the working folder.
+std::array<std::string, 4> bootFilePaths(const QDVolume& volume) {
   const std::string root = volume.filePath().value_or("");
+  using vorlix::pathOnVolume;
   return {
       pathOnVolume(volume, root, {"System", "Library"}),
       pathOnVolume(volume, root, {"com.apple.recovery.boot", "boot.efi"}),
@@ -33,6 +31,8 @@ std::array<std::string, 4> vorlix::bootFilePaths(const QDVolume& volume) {
       pathOnVolume(volume, root, {"ntldr"}),
   };
 }
+
+}  // namespace
 
 std::shared_ptr<QDDiskHelper> QDDiskHelper::init() {
   return std::make_shared<QDDiskHelper>();
@@ -51,6 +51,7 @@ int32_t QDDiskHelper::bootTypeForDisk(const std::string& device) {
 
 bool QDDiskHelper::isBootable(const std::shared_ptr<QDVolume>& volume) {
   vorlix::logToSystem("Checking if bootable");
-  const auto paths = vorlix::bootFilePaths(volume ? *volume : *QDVolume::init());
-  return std::any_of(paths.begin(), paths.end(), exists);
+  const auto paths = bootFilePaths(volume ? *volume : *QDVolume::init());
+  return std::any_of(paths.begin(), paths.end(),
+                     [](const std::string& path) { return vorlix::platform().files->kindOf(path).has_value(); });
 }

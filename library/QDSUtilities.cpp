@@ -2,14 +2,14 @@
 #include <Vorlix/QDSUtilities.h>
 #include <Vorlix/foundation/Paths.h>
 #include <Vorlix/platform/FileCopy.h>
+#include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/Platform.h>
-#include <sys/stat.h>
+#include <Vorlix/platform/VolumeNames.h>
 
 #include <initializer_list>
 #include <utility>
 
 #include "library/QDSDiskFunctions/Log.h"
-#include "library/QDSUtilities/VolumeNames.h"
 
 using vorlix::logMessage;
 
@@ -59,25 +59,6 @@ BootItem bootItem(int row, VolumePaths& paths, const std::string& bcdPath) {
   }
 }
 
-bool exists(const std::string& path) {
-  struct stat status = {};
-  return stat(path.c_str(), &status) == 0;
-}
-
-// What is copied through a link would not be on the volume.
-bool isLink(const std::string& path) {
-  struct stat status = {};
-  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-}
-
-// Tells whether an item exists, and of one that does whether it is a folder.
-bool exists(const std::string& path, bool& isFolder) {
-  struct stat status = {};
-  if (stat(path.c_str(), &status) != 0) return false;
-  isFolder = S_ISDIR(status.st_mode);
-  return true;
-}
-
 }  // namespace
 
 int32_t QDSUtilities::setupMBRBootFilesForDevice(const std::optional<vorlix::URL>& device, const std::string& bcdPath) {
@@ -85,21 +66,25 @@ int32_t QDSUtilities::setupMBRBootFilesForDevice(const std::optional<vorlix::URL
   logMessage("Setting up legacy booting to %s\n", device ? device->path().c_str() : "(null)");
   if (!device || device->path().empty()) return 0;
   VolumePaths paths(device->path());
-  if (exists(paths.of({"BOOT"}))) return 0;
+  vorlix::Files& files = *vorlix::platform().files;
+  if (files.kindOf(paths.of({"BOOT"}))) return 0;
 
   // Not set anew for each item: a missing item is optional after a folder and required after a file.
   bool isFolder = false;
   // Looked up one after the other, since the first copy brings the folder that the next ones go to.
   for (int row = 0; row < kBootItems; ++row) {
     const auto [source, destination] = bootItem(row, paths, bcdPath);
-    if (!exists(source, isFolder) && isFolder) {
+    const auto kind = files.kindOf(source);
+    if (kind) isFolder = kind == vorlix::FileKind::folder;
+    if (!kind && isFolder) {
       logMessage("%s does not exist, skipping\n", source.c_str());
       continue;
     }
-    if (exists(destination)) continue;
+    if (files.kindOf(destination)) continue;
     logMessage("copying %s to %s\n", source.c_str(), destination.c_str());
     const std::string folder = paths.of({"boot"});
-    if (destination.starts_with(folder + "/") && isLink(folder)) {
+    // What is copied through a link would not be on the volume.
+    if (destination.starts_with(folder + "/") && files.isLink(folder)) {
       logMessage("Error copying %s to %s with error %s\n", source.c_str(), destination.c_str(), "boot is a link");
       return -1;
     }

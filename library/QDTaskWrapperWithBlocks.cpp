@@ -2,25 +2,19 @@
 #include <Vorlix/QDTaskWrapperWithBlocks.h>
 #include <Vorlix/foundation/Utf8.h>
 #include <Vorlix/platform/ChildProcess.h>
+#include <Vorlix/platform/Pauses.h>
 #include <Vorlix/platform/Platform.h>
-#include "library/QDTaskWrapperWithBlocks/StatusPause.h"
 
 #include <algorithm>
+#include <chrono>
 #include <stdexcept>
 #include <string_view>
-#include <thread>
 #include <utility>
 
 namespace {
 
 constexpr std::chrono::milliseconds kStatusPause{5000};
 constexpr int32_t kStillRunning = -999;
-
-void sleepFor(std::chrono::milliseconds time) {
-  std::this_thread::sleep_for(time);
-}
-
-vorlix::StatusPause currentPause = sleepFor;
 
 std::optional<std::string> textOf(const vorlix::Data& bytes) {
   const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
@@ -29,14 +23,6 @@ std::optional<std::string> textOf(const vorlix::Data& bytes) {
 }
 
 }  // namespace
-
-namespace vorlix {
-
-StatusPause setStatusPause(StatusPause replacement) {
-  return std::exchange(currentPause, replacement);
-}
-
-}  // namespace vorlix
 
 std::shared_ptr<QDTaskWrapperWithBlocks> QDTaskWrapperWithBlocks::initWithStartBlock(
     Block start, Block end, TextBlock output, TextBlock errorOutput,
@@ -107,7 +93,7 @@ void QDTaskWrapperWithBlocks::getStdErr(const vorlix::ReadCompletion& chunk) {
 int32_t QDTaskWrapperWithBlocks::terminationStatus() {
   if (!task_) return 0;
   if (task_->isRunning()) {
-    currentPause(kStatusPause);
+    vorlix::platform().pauses->pause(kStatusPause);
     if (task_->isRunning()) return kStillRunning;
   }
   return task_->terminationStatus();

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/platform/Platform.h>
 
+#include <optional>
 #include <utility>
 
 namespace vorlix {
@@ -12,6 +13,35 @@ Platform& current() {
   return *instance;
 }
 
+// A host's set may be older than a port.
+void fillIn(Platform& set) {
+  std::optional<Platform> native;
+  const auto fill = [&](auto port) {
+    if (set.*port) return;
+    if (!native) native = nativePlatform();
+    set.*port = (*native).*port;
+  };
+  fill(&Platform::deviceFile);
+  fill(&Platform::diskArbitration);
+  fill(&Platform::runLoops);
+  fill(&Platform::ioRegistry);
+  fill(&Platform::fileCopy);
+  fill(&Platform::hostBundle);
+  fill(&Platform::childProcess);
+  fill(&Platform::codeSigning);
+  fill(&Platform::systemLog);
+  fill(&Platform::mountedVolumes);
+  fill(&Platform::userIdentity);
+  fill(&Platform::shell);
+  fill(&Platform::volumeMirrors);
+  fill(&Platform::deviceStreams);
+  fill(&Platform::files);
+  fill(&Platform::filesInPlace);
+  fill(&Platform::pauses);
+  fill(&Platform::systemPaths);
+  fill(&Platform::userLocale);
+}
+
 }  // namespace
 
 const Platform& platform() {
@@ -19,6 +49,7 @@ const Platform& platform() {
 }
 
 Platform setPlatform(Platform replacement) {
+  fillIn(replacement);
   return std::exchange(current(), std::move(replacement));
 }
 

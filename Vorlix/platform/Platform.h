@@ -16,15 +16,21 @@ namespace vorlix {
 class ChildProcess;
 class CodeSigning;
 class DeviceFile;
+class DeviceStreams;
 class DiskArbitration;
 class FileCopy;
+class Files;
+class FilesInPlace;
 class HostBundle;
 class IORegistry;
 class MountedVolumes;
+class Pauses;
 class RunLoops;
 class Shell;
 class SystemLog;
+class SystemPaths;
 class UserIdentity;
+class UserLocale;
 class VolumeMirrors;
 
 /// One object a port. None is null in a set that is in force.
@@ -42,6 +48,12 @@ struct Platform {
   std::shared_ptr<UserIdentity> userIdentity;
   std::shared_ptr<Shell> shell;
   std::shared_ptr<VolumeMirrors> volumeMirrors;
+  std::shared_ptr<DeviceStreams> deviceStreams;
+  std::shared_ptr<Files> files;
+  std::shared_ptr<FilesInPlace> filesInPlace;
+  std::shared_ptr<Pauses> pauses;
+  std::shared_ptr<SystemPaths> systemPaths;
+  std::shared_ptr<UserLocale> userLocale;
 };
 
 /// The ports of the operating system that this library was built for.
@@ -50,7 +62,7 @@ VORLIX_EXPORT Platform nativePlatform();
 /// The set in force, the native one unless setPlatform() put another in its place.
 VORLIX_EXPORT const Platform& platform();
 
-/// Puts a set in force. @return the set that was in force before.
+/// Puts a set in force. A port that is null in it is the native one. @return the set that was in force before.
 VORLIX_EXPORT Platform setPlatform(Platform replacement);
 
 }  // namespace vorlix

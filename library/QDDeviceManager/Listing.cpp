@@ -4,8 +4,10 @@
 #include <Vorlix/NSNumber+HumanReadable.h>
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDVolume.h>
+#include <Vorlix/foundation/CaseFolding.h>
 #include <Vorlix/foundation/Paths.h>
 #include <Vorlix/platform/DiskArbitration.h>
+#include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/MountedVolumes.h>
 #include <Vorlix/platform/Platform.h>
 
@@ -13,10 +15,9 @@
 #include <map>
 
 #include "WindowsFolders.h"
-#include "library/QDSUtilities/CaseFolding.h"
 
 using vorlix::Dictionary;
-using vorlix::FileManager;
+using vorlix::FileKind;
 using vorlix::MountedVolume;
 using vorlix::Number;
 using vorlix::URL;
@@ -81,13 +82,13 @@ bool isListedKind(const std::optional<std::string>& kind) {
 }
 
 bool isFolder(const std::optional<std::string>& path) {
-  bool isDirectory = false;
-  return path && FileManager::defaultManager()->fileExistsAtPath(*path, isDirectory) && isDirectory;
+  return path && vorlix::platform().files->kindOf(*path) == FileKind::folder;
 }
 
+// A pipe counts, like whatever else is no folder.
 bool isFile(const std::optional<std::string>& path) {
-  bool isDirectory = false;
-  return path && FileManager::defaultManager()->fileExistsAtPath(*path, isDirectory) && !isDirectory;
+  const auto kind = path ? vorlix::platform().files->kindOf(*path) : std::nullopt;
+  return kind && kind != FileKind::folder;
 }
 
 bool holdsWindows(const std::optional<std::string>& root) {
@@ -140,7 +141,7 @@ class BootPartitions {
 };
 
 bool hasBootItem(const QDVolume& volume) {
-  return FileManager::defaultManager()->fileExistsAtPath(vorlix::bootFilesOf(volume).folder);
+  return vorlix::platform().files->kindOf(vorlix::bootFilesOf(volume).folder).has_value();
 }
 
 }  // namespace

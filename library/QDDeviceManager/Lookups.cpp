@@ -3,10 +3,10 @@
 // Finding listed volumes again.
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDVolume.h>
+#include <Vorlix/foundation/CaseFolding.h>
 #include <Vorlix/platform/DiskArbitration.h>
 
 #include "Messages.h"
-#include "library/QDSUtilities/CaseFolding.h"
 
 namespace {
 

@@ -4,11 +4,12 @@
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDDiskHelper.h>
 #include <Vorlix/QDVolume.h>
+#include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/HostBundle.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/Shell.h>
 #include <Vorlix/platform/UserIdentity.h>
-#include "foundation/PropertyListFile.h"
+#include "foundation/TextsInPropertyList.h"
 
 #include <algorithm>
 #include <string_view>
@@ -23,6 +24,7 @@ using vorlix::tellDelegate;
 namespace {
 
 constexpr const char* kNextOnly = " -nextonly";
+constexpr size_t kLargestModelList = size_t{1} << 20;
 
 std::string blessing(const std::string& device) {
   return "/usr/sbin/bless -device " + device + " -setBoot";
@@ -122,6 +124,7 @@ bool QDDeviceManager::selectNextOnlyStartupDisk(const std::shared_ptr<QDVolume>&
 bool QDDeviceManager::isEFIWindowsBootable() {
   const std::string model = currentModelIdentifier();
   const auto resource = vorlix::platform().hostBundle->pathForResource("BeforeEFI", "plist", "");
-  const auto models = resource ? vorlix::textsInPropertyListFile(*resource) : std::nullopt;
+  const auto list = resource ? vorlix::platform().files->contentsOf(*resource, kLargestModelList) : std::nullopt;
+  const auto models = list ? vorlix::textsInPropertyList(*list) : std::nullopt;
   return !models || std::find(models->begin(), models->end(), model) == models->end();
 }

@@ -4,12 +4,12 @@
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDSUtilities.h>
 #include <Vorlix/platform/DiskArbitration.h>
+#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/SystemPaths.h>
 
 #include "library/QDTaskHelper/StandardOutput.h"
 
 namespace {
-
-constexpr const char* kStatusTool = "/usr/bin/csrutil";
 
 std::optional<std::string> devicePathOf(const std::optional<vorlix::Dictionary>& description) {
   return description ? description->text(vorlix::kDescriptionDevicePath) : std::nullopt;
@@ -23,8 +23,9 @@ bool QDDeviceManager::checkForSIP() {
 
 bool QDDeviceManager::isSIPEnabled() {
   const auto files = fileManager();
-  if (!files || !files->fileExistsAtPath(kStatusTool)) return false;
-  return isSIPEnabledFromStandardOutput(standardOutputForTask({kStatusTool, {"status"}}));
+  const std::string tool = vorlix::platform().systemPaths->statusTool();
+  if (!files || !files->fileExistsAtPath(tool)) return false;
+  return isSIPEnabledFromStandardOutput(standardOutputForTask({tool, {"status"}}));
 }
 
 std::optional<std::string> QDDeviceManager::standardOutputForTask(const vorlix::Task& task) {

@@ -5,16 +5,15 @@
 
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDVolume.h>
-#include <Vorlix/foundation/FileManager.h>
 #include <Vorlix/foundation/Paths.h>
+#include <Vorlix/platform/Files.h>
+#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/VolumeNames.h>
 
 #include <string_view>
 #include <utility>
 
-#include "library/QDSUtilities/VolumeNames.h"
-
 using vorlix::appendPathComponent;
-using vorlix::FileManager;
 
 namespace {
 
@@ -23,7 +22,7 @@ constexpr const char* kBootPartitionName = "System Reserved";
 // The path of the first entry of a folder with that name in any spelling.
 std::optional<std::string> entryOf(const std::optional<std::string>& folder, std::string_view name) {
   if (!folder) return std::nullopt;
-  const auto entries = FileManager::defaultManager()->contentsOfDirectoryAtPath(*folder);
+  const auto entries = vorlix::platform().files->namesIn(*folder);
   if (!entries) return std::nullopt;
   const std::vector<std::string> found = vorlix::spellingsOf(*entries, name);
   if (found.empty()) return std::nullopt;
@@ -48,8 +47,7 @@ BootFiles bootFilesOf(const QDVolume& volume) {
 
 bool isBootPartition(const QDVolume& volume) {
   if (volume.diskName() != kBootPartitionName || volume.hasWindows()) return false;
-  bool isDirectory = false;
-  return FileManager::defaultManager()->fileExistsAtPath(bootFilesOf(volume).folder, isDirectory) && isDirectory;
+  return platform().files->kindOf(bootFilesOf(volume).folder) == FileKind::folder;
 }
 
 }  // namespace vorlix

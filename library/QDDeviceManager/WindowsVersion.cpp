@@ -4,17 +4,17 @@
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDTaskHelper.h>
 #include <Vorlix/QDVolume.h>
+#include <Vorlix/foundation/CaseFolding.h>
+#include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/HostBundle.h>
 #include <Vorlix/platform/Platform.h>
 
 #include <array>
-#include <filesystem>
 #include <string_view>
 #include <system_error>
 
 #include "Messages.h"
 #include "WindowsFolders.h"
-#include "library/QDSUtilities/CaseFolding.h"
 
 using vorlix::tellDelegate;
 
@@ -88,8 +88,8 @@ vorlix::Dictionary QDDeviceManager::versionOfWindowsFromVolume(const std::shared
   version.set("currentBuildNumber", registryValue(tool, hive, "CurrentBuildNumber").value_or(""));
 
   const std::string setupLog = vorlix::pathOnVolume(*volume, *root, {"Windows", "Panther", "setupact.log"});
-  std::error_code unreadable;
-  if (std::filesystem::is_regular_file(setupLog, unreadable)) {  // of a pipe the search would wait for its other side
+  // Of a pipe the search would wait for its other side.
+  if (vorlix::platform().files->kindOf(setupLog) == vorlix::FileKind::file) {
     version.set("bootenv", bootEnvironment(setupLog));
   }
   if (!productName) tellDelegate("Could not determine product name");

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/foundation/Paths.h>
+#include <Vorlix/platform/VolumeNames.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,7 +22,6 @@
 #include "Exceptions.h"
 #include "Log.h"
 #include "StoreSlots.h"
-#include "library/QDSUtilities/VolumeNames.h"
 
 using vorlix::logMessage;
 using vorlix::textOf;

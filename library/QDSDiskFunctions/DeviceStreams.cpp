@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "DeviceStreams.h"
 
+#include <Vorlix/platform/DeviceStreams.h>
 #include <Vorlix/platform/Platform.h>
-#include "platform/DeviceStream.h"
 
 #include <cerrno>
 #include <mutex>
@@ -32,7 +32,7 @@ KeptOpen& kept() {
 Stream openDeviceForReading(const char* path) {
   std::unique_ptr<DeviceHandle> device = platform().deviceFile->open(path, DeviceAccess::readOnly, DeviceLock::none);
   if (!device) return nullptr;
-  Stream stream(streamOver(std::move(device)));
+  Stream stream(platform().deviceStreams->streamOver(std::move(device)));
   if (stream) std::setvbuf(stream.get(), nullptr, _IOFBF, kStreamBufferSize);
   return stream;
 }

@@ -2,6 +2,8 @@
 #include "Log.h"
 
 #include <Vorlix/QDSDiskFunctions.h>
+#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/SystemPaths.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,7 +11,6 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
-#include <utility>
 
 #include "Arguments.h"
 #include "Exceptions.h"
@@ -17,13 +18,7 @@
 namespace vorlix {
 namespace {
 
-constexpr const char* kDefaultLogFile = "/tmp/quandrel.log";
 constexpr size_t kMessageSize = 1024;
-
-std::string& currentPath() {
-  static std::string path = kDefaultLogFile;
-  return path;
-}
 
 thread_local LogCapture* innermostCapture = nullptr;
 
@@ -60,12 +55,8 @@ void writeAll(int descriptor, const char* bytes, size_t count) {
 
 }  // namespace
 
-const std::string& logFilePath() {
-  return currentPath();
-}
-
-void setLogFilePath(std::string path) {
-  currentPath() = path.empty() ? kDefaultLogFile : std::move(path);
+std::string logFilePath() {
+  return platform().systemPaths->logFile();
 }
 
 void logMessage(const char* format, ...) {

@@ -11,12 +11,8 @@ namespace vorlix {
 /// Formats a message and hands it to logLine(). A message is cut at 1023 characters.
 void logMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-/// Path of the log file. Privileged hosts and tools that read the log rely on the default.
-const std::string& logFilePath();
-
-/// Replaces the path of the log file, for tests that look at its exact content. An empty path restores the default.
-/// Not while another thread may log.
-void setLogFilePath(std::string path);
+/// Path of the log file, as the platform's SystemPaths tells it.
+std::string logFilePath();
 
 /// Tells whether the log file can be appended to now. It is made if it is missing.
 bool canOpenLog();

@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Mounting.h"
-
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/platform/DiskArbitration.h>
+#include <Vorlix/platform/Pauses.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/RunLoop.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include "Arguments.h"
@@ -32,12 +30,6 @@ constexpr int32_t kUnmountRefused = -3;
 // What became of the last mount and unmount. One of each at a time: the functions wait until it has been decided.
 uint8_t mountStatus = 0;  // 1 while a mount is pending
 int32_t unmountStatus = 0;
-
-void sleepFor(std::chrono::milliseconds time) {
-  std::this_thread::sleep_for(time);
-}
-
-vorlix::Pause currentPause = sleepFor;
 
 // A refusal is not told here: callers ask for the mount point.
 void DiskMountCallback(const std::optional<Dissenter>&) {
@@ -72,14 +64,6 @@ std::optional<std::string> efiSliceOf(const char* disk) {
 }
 
 }  // namespace
-
-namespace vorlix {
-
-Pause setPause(Pause replacement) {
-  return std::exchange(currentPause, replacement);
-}
-
-}  // namespace vorlix
 
 const char* mounted_path(const char* name) try {
   thread_local std::string path;
@@ -151,7 +135,7 @@ int32_t unmount_disk(const char* name) try {
 int32_t unmount_efi(const char* disk) try {
   const std::optional<std::string> slice = efiSliceOf(disk);
   if (!slice) return -1;
-  currentPause(kUnmountPause);  // lets what was just written to the slice settle
+  vorlix::platform().pauses->pause(kUnmountPause);  // lets what was just written to the slice settle
   unmount_disk(slice->c_str());
   return 0;
 } catch (const std::exception& error) {

@@ -2,33 +2,22 @@
 //
 // Whether the system protects its own files from those who have administrator rights.
 #include <Vorlix/QDSUtilities.h>
-#include <sys/stat.h>
-
-#include <utility>
-
-#include "StatusTool.h"
+#include <Vorlix/platform/Files.h>
+#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/SystemPaths.h>
 #include "library/QDTaskHelper/StandardOutput.h"
 
 namespace {
 
 constexpr const char* kDisabledText = "System Integrity Protection status: disabled";
 
-std::string& statusToolPath() {
-  static std::string path = vorlix::kStatusToolPath;
-  return path;
-}
-
 }  // namespace
 
-void vorlix::setStatusToolPath(std::string path) {
-  statusToolPath() = path.empty() ? kStatusToolPath : std::move(path);
-}
-
 bool QDSUtilities::isSIPEnabled() {
-  struct stat status = {};
-  if (stat(statusToolPath().c_str(), &status) != 0) return false;
+  const std::string tool = vorlix::platform().systemPaths->statusTool();
+  if (!vorlix::platform().files->kindOf(tool)) return false;
 
-  const auto text = vorlix::standardOutputOf({statusToolPath(), {"status"}});
+  const auto text = vorlix::standardOutputOf({tool, {"status"}});
   // An answer that is no text counts as one that says "disabled".
   return text && text->find(kDisabledText) == std::string::npos;
 }

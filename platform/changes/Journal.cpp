@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Journal.h"
+
+#include <Vorlix/platform/FilesInPlace.h>
+#include <Vorlix/platform/Platform.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -15,8 +18,6 @@
 #include <nlohmann/json.hpp>
 #include <system_error>
 #include <utility>
-
-#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 namespace {
@@ -73,7 +74,7 @@ Descriptor newFile(const std::string& path) {
 
 bool syncFolder(const std::string& folder) {
   const Descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return opened && syncDescriptor(opened.get()) == 0;
+  return opened && platform().filesInPlace->sync(opened.get()) == 0;
 }
 
 Descriptor lockFolder(const std::string& folder) {
@@ -286,8 +287,9 @@ std::optional<ChangeFailure> JournalWriter::commit(std::unique_ptr<Journal>& jou
   const Descriptor manifest = newFile(folder + kManifest);
   const bool isOnMedium = manifest &&
                           writeAll(manifest.get(), reinterpret_cast<const uint8_t*>(text.data()), text.size()) &&
-                          syncDescriptor(manifest.get()) == 0 && syncDescriptor(journal_->before_.get()) == 0 &&
-                          syncDescriptor(journal_->after_.get()) == 0 && syncFolder(folder);
+                          platform().filesInPlace->sync(manifest.get()) == 0 &&
+                          platform().filesInPlace->sync(journal_->before_.get()) == 0 &&
+                          platform().filesInPlace->sync(journal_->after_.get()) == 0 && syncFolder(folder);
   if (!isOnMedium) return failureOf(folder, errno);
   const std::string complete = folder.substr(0, folder.size() - std::strlen(kUnfinished));
   if (rename(folder.c_str(), complete.c_str()) != 0) return failureOf(folder, errno);

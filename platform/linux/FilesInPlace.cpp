@@ -1,18 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "platform/posix/FilesInPlace.h"
+#include "FilesInPlace.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
 
+#include "platform/posix/FileHandle.h"
+
 namespace vorlix {
 
-int renameToFreeName(const char* from, const char* to) {
+int LinuxFilesInPlace::sync(int descriptor) {
+  return syncDescriptor(descriptor);
+}
+
+void LinuxFilesInPlace::forgetCached(int descriptor, uint64_t offset, uint64_t count) {
+  vorlix::forgetCached(descriptor, offset, count);
+}
+
+int LinuxFilesInPlace::renameToFreeName(const char* from, const char* to) {
   return renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
 }
 
-int syncFileSystem(int descriptor) {
+int LinuxFilesInPlace::syncFileSystem(int descriptor) {
   return syncfs(descriptor);
 }
 

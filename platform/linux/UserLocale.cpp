@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/platform/UserLocale.h>
+#include "UserLocale.h"
 
 #include <locale>
 #include <stdexcept>
@@ -19,7 +19,7 @@ std::string utf8(char32_t character) {
 }  // namespace
 
 // Through a locale object of its own: the process's is the host's.
-std::string userDecimalSeparator() {
+std::string LinuxUserLocale::decimalSeparator() {
   try {
     const std::locale numeric(std::locale::classic(), "", std::locale::numeric);
     return utf8(static_cast<char32_t>(std::use_facet<std::numpunct<wchar_t>>(numeric).decimal_point()));

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "platform/posix/FilesInPlace.h"
+#include "FilesInPlace.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,12 +10,20 @@
 
 namespace vorlix {
 
-int renameToFreeName(const char* from, const char* to) {
+int MacFilesInPlace::sync(int descriptor) {
+  return syncDescriptor(descriptor);
+}
+
+void MacFilesInPlace::forgetCached(int descriptor, uint64_t offset, uint64_t count) {
+  vorlix::forgetCached(descriptor, offset, count);
+}
+
+int MacFilesInPlace::renameToFreeName(const char* from, const char* to) {
   return renamex_np(from, to, RENAME_EXCL);
 }
 
-int syncFileSystem(int descriptor) {
-  sync();  // starts all that is waiting; the next call waits for this volume's
+int MacFilesInPlace::syncFileSystem(int descriptor) {
+  ::sync();  // starts all that is waiting; the next call waits for this volume's
   return syncDescriptor(descriptor);
 }
 

@@ -4,15 +4,21 @@
 
 #include "CodeSigning.h"
 #include "DeviceFile.h"
+#include "DeviceStreams.h"
 #include "DiskArbitration.h"
 #include "FileCopy.h"
+#include "FilesInPlace.h"
 #include "HostBundle.h"
 #include "IORegistry.h"
 #include "MountedVolumes.h"
 #include "RunLoop.h"
 #include "SystemLog.h"
+#include "UserLocale.h"
 #include "platform/posix/ChildProcess.h"
+#include "platform/posix/Files.h"
+#include "platform/posix/Pauses.h"
 #include "platform/posix/Shell.h"
+#include "platform/posix/SystemPaths.h"
 #include "platform/posix/UserIdentity.h"
 
 namespace vorlix {
@@ -32,6 +38,12 @@ Platform nativePlatform() {
   native.userIdentity = std::make_shared<PosixUserIdentity>();
   native.shell = std::make_shared<PosixShell>();
   native.volumeMirrors = std::make_shared<NoVolumeMirrors>();
+  native.deviceStreams = std::make_shared<MacDeviceStreams>();
+  native.files = std::make_shared<PosixFiles>();
+  native.filesInPlace = std::make_shared<MacFilesInPlace>();
+  native.pauses = std::make_shared<PosixPauses>();
+  native.systemPaths = std::make_shared<PosixSystemPaths>();
+  native.userLocale = std::make_shared<MacUserLocale>();
   return native;
 }
 

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/platform/UserLocale.h>
+#include "UserLocale.h"
 
 #include "CFOwned.h"
 #include "CFValue.h"
 
 namespace vorlix {
 
-std::string userDecimalSeparator() {
+std::string MacUserLocale::decimalSeparator() {
   const CFOwned<CFLocaleRef> locale(CFLocaleCopyCurrent());
   const CFTypeRef separator =
       locale ? CFLocaleGetValue(locale.get(), kCFLocaleDecimalSeparator) : nullptr;  // not owned

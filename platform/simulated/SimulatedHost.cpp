@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the simulated machine has mounted, whom it works for, and its command interpreter.
+// What the simulated machine has mounted, whom it works for, its command interpreter and its clock.
 #include <Vorlix/platform/MountedVolumes.h>
+#include <Vorlix/platform/Pauses.h>
 #include <Vorlix/platform/Shell.h>
 #include <Vorlix/platform/UserIdentity.h>
+#include <Vorlix/platform/UserLocale.h>
 
 #include <utility>
 
@@ -48,6 +50,29 @@ class SimulatedShell final : public Shell {
   std::shared_ptr<SimulatedState> state_;
 };
 
+class SimulatedPauses final : public Pauses {
+ public:
+  explicit SimulatedPauses(std::shared_ptr<SimulatedState> state) : state_(std::move(state)) {}
+
+  void pause(std::chrono::milliseconds time) override {
+    state_->journal.push_back("pause " + std::to_string(time.count()));
+    if (state_->duringPauses) state_->duringPauses(time);
+  }
+
+ private:
+  std::shared_ptr<SimulatedState> state_;
+};
+
+class SimulatedUserLocale final : public UserLocale {
+ public:
+  explicit SimulatedUserLocale(std::shared_ptr<SimulatedState> state) : state_(std::move(state)) {}
+
+  std::string decimalSeparator() override { return state_->decimalSeparator; }
+
+ private:
+  std::shared_ptr<SimulatedState> state_;
+};
+
 }  // namespace
 
 std::shared_ptr<MountedVolumes> makeSimulatedMountedVolumes(std::shared_ptr<SimulatedState> state) {
@@ -60,6 +85,14 @@ std::shared_ptr<UserIdentity> makeSimulatedUserIdentity(std::shared_ptr<Simulate
 
 std::shared_ptr<Shell> makeSimulatedShell(std::shared_ptr<SimulatedState> state) {
   return std::make_shared<SimulatedShell>(std::move(state));
+}
+
+std::shared_ptr<Pauses> makeSimulatedPauses(std::shared_ptr<SimulatedState> state) {
+  return std::make_shared<SimulatedPauses>(std::move(state));
+}
+
+std::shared_ptr<UserLocale> makeSimulatedUserLocale(std::shared_ptr<SimulatedState> state) {
+  return std::make_shared<SimulatedUserLocale>(std::move(state));
 }
 
 }  // namespace vorlix

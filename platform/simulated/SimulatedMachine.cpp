@@ -30,6 +30,14 @@ Platform SimulatedMachine::platform() const {
   ports.userIdentity = makeSimulatedUserIdentity(state_);
   ports.shell = makeSimulatedShell(state_);
   ports.volumeMirrors = std::make_shared<NoVolumeMirrors>();
+  ports.files = makeSimulatedFiles(state_);
+  ports.pauses = makeSimulatedPauses(state_);
+  ports.systemPaths = state_->systemPaths;
+  ports.userLocale = makeSimulatedUserLocale(state_);
+  // Streams of this process over simulated devices, and descriptors of its own: nothing to simulate.
+  const Platform native = nativePlatform();
+  ports.deviceStreams = native.deviceStreams;
+  ports.filesInPlace = native.filesInPlace;
   return ports;
 }
 
@@ -121,6 +129,22 @@ void SimulatedMachine::setRealUserID(uint32_t user) {
 
 void SimulatedMachine::setShellStatus(int status) {
   state_->shellStatus = status;
+}
+
+void SimulatedMachine::setLogFile(const std::string& path) {
+  state_->systemPaths->setLogFile(path);
+}
+
+void SimulatedMachine::setStatusTool(const std::string& path) {
+  state_->systemPaths->setStatusTool(path);
+}
+
+void SimulatedMachine::setDecimalSeparator(const std::string& separator) {
+  state_->decimalSeparator = separator;
+}
+
+void SimulatedMachine::duringPauses(std::function<void(std::chrono::milliseconds)> action) {
+  state_->duringPauses = std::move(action);
 }
 
 void SimulatedMachine::failCopy(const std::string& source, const std::string& reason) {

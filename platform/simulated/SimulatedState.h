@@ -10,7 +10,9 @@
 #include <Vorlix/platform/RunLoop.h>
 #include <Vorlix/platform/simulated/SimulatedHostBundle.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
+#include <Vorlix/platform/simulated/SimulatedSystemPaths.h>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -21,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "SimulatedFileTree.h"
 #include "SparseBytes.h"
 
 namespace vorlix {
@@ -124,8 +127,11 @@ struct SimulatedState {
   std::vector<RegistryFault> registryFaults;
   size_t heldRegistryEntries = 0;
 
+  SimulatedFileTree files;
   std::map<std::string, std::string> copyFailures;
   std::shared_ptr<SimulatedHostBundle> hostBundle = std::make_shared<SimulatedHostBundle>();
+
+  std::shared_ptr<SimulatedSystemPaths> systemPaths = std::make_shared<SimulatedSystemPaths>();
 
   std::map<std::string, SimulatedProgram> programs;
   std::vector<PendingRead> reads;
@@ -135,6 +141,8 @@ struct SimulatedState {
   std::vector<MountedVolume> mountedVolumes;
   uint32_t realUserID = 501;
   int shellStatus = 0;
+  std::string decimalSeparator = ".";
+  std::function<void(std::chrono::milliseconds)> duringPauses;
 
   std::vector<std::string> journal;
 
@@ -172,5 +180,8 @@ std::shared_ptr<SystemLog> makeSimulatedSystemLog(std::shared_ptr<SimulatedState
 std::shared_ptr<MountedVolumes> makeSimulatedMountedVolumes(std::shared_ptr<SimulatedState> state);
 std::shared_ptr<UserIdentity> makeSimulatedUserIdentity(std::shared_ptr<SimulatedState> state);
 std::shared_ptr<Shell> makeSimulatedShell(std::shared_ptr<SimulatedState> state);
+std::shared_ptr<Files> makeSimulatedFiles(std::shared_ptr<SimulatedState> state);
+std::shared_ptr<Pauses> makeSimulatedPauses(std::shared_ptr<SimulatedState> state);
+std::shared_ptr<UserLocale> makeSimulatedUserLocale(std::shared_ptr<SimulatedState> state);
 
 }  // namespace vorlix

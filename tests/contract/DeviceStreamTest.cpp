@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The contract of platform/DeviceStream.h, on every machine that this one can be.
-#include "platform/DeviceStream.h"
+// The contract of <Vorlix/platform/DeviceStreams.h>, on every machine that this one can be.
+#include <Vorlix/platform/DeviceStreams.h>
 
 #include <limits>
 
@@ -14,6 +14,10 @@ struct CloseStream {
   void operator()(FILE* stream) const { std::fclose(stream); }
 };
 using OwnedStream = std::unique_ptr<FILE, CloseStream>;
+
+FILE* streamOver(std::unique_ptr<DeviceHandle> device) {
+  return platform().deviceStreams->streamOver(std::move(device));
+}
 
 class DeviceStreamContract : public OnEveryWorld {
  protected:

@@ -2,8 +2,9 @@
 //
 // The flat look-ups of images that this process has not named before, by any name.
 #include <Vorlix/QDSDiskFunctions.h>
+#include <Vorlix/platform/simulated/SimulatedMachine.h>
+#include <Vorlix/platform/simulated/SimulatedSystemPaths.h>
 #include <unistd.h>
-#include "library/QDSDiskFunctions/Log.h"
 
 #include <array>
 #include <filesystem>
@@ -25,14 +26,8 @@ constexpr GUID kSlice = {0x33, 0x22, 0x11, 0x00, 0x55, 0x44, 0x77, 0x66,
 
 class ImageLookUps : public testing::Test {
  protected:
-  ImageLookUps() : image_(folder_.path() / "mac.img") {
-    setLogFilePath(folder_.path() / "log");
-    makeMacImage(image_);
-  }
-  ~ImageLookUps() override {
-    setLogFilePath("");
-    fs::current_path(before_);
-  }
+  ImageLookUps() : image_(folder_.path() / "mac.img") { makeMacImage(image_); }
+  ~ImageLookUps() override { fs::current_path(before_); }
 
   static void expectSlice(const std::string& name) {
     EXPECT_EQ(partitionForDeviceIdentifier(name.c_str()), 3) << name;
@@ -45,7 +40,16 @@ class ImageLookUps : public testing::Test {
     EXPECT_EQ(offset, 20520 * 512) << name;
   }
 
+  static Platform nativeLoggingTo(const std::string& path) {
+    const auto paths = std::make_shared<SimulatedSystemPaths>();
+    paths->setLogFile(path);
+    Platform ports = nativePlatform();
+    ports.systemPaths = paths;
+    return ports;
+  }
+
   TemporaryFolder folder_;
+  const ScopedPlatform scope_{nativeLoggingTo(folder_.path() / "log")};
   const fs::path before_ = fs::current_path();
   std::string image_;
 };

@@ -7,6 +7,7 @@
 #include <Vorlix/platform/RunLoop.h>
 #include <Vorlix/platform/simulated/SimulatedHostBundle.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
+#include <Vorlix/platform/simulated/SimulatedSystemPaths.h>
 #include <gmock/gmock.h>
 #include "library/QDSDiskFunctions/Log.h"
 
@@ -34,14 +35,15 @@ bool isMissing(const char* tool) {
 
 class ImageSizeTest : public testing::Test {
  protected:
-  static Platform nativeWith(const std::shared_ptr<SimulatedHostBundle>& bundle) {
+  Platform nativeWith(const std::shared_ptr<SimulatedHostBundle>& bundle) const {
     Platform ports = nativePlatform();
     ports.hostBundle = bundle;
+    ports.systemPaths = paths_;
     return ports;
   }
 
   ImageSizeTest() : scope_(nativeWith(bundle_)) {
-    setLogFilePath(at("log"));
+    paths_->setLogFile(at("log"));
     token_ = NotificationCenter::defaultCenter().addObserver(
         kDisksChangedNotification, nullptr, [this](const Notification& notification) {
           const auto& volume = static_cast<const QDVolume&>(*notification.object);
@@ -49,10 +51,7 @@ class ImageSizeTest : public testing::Test {
           posted_.push_back(volume.totalSize().value_or("absent") + ", runners: " + runners);
         });
   }
-  ~ImageSizeTest() override {
-    NotificationCenter::defaultCenter().removeObserver(token_);
-    setLogFilePath("");
-  }
+  ~ImageSizeTest() override { NotificationCenter::defaultCenter().removeObserver(token_); }
 
   void SetUp() override {
     for (const char* tool : {"gzip", "zip", "unzip"}) {
@@ -94,6 +93,7 @@ class ImageSizeTest : public testing::Test {
   }
 
   const std::shared_ptr<SimulatedHostBundle> bundle_ = std::make_shared<SimulatedHostBundle>();
+  std::shared_ptr<SimulatedSystemPaths> paths_ = std::make_shared<SimulatedSystemPaths>();
   TemporaryFolder folder_;
   std::shared_ptr<QDVolume> volume_;
 

@@ -6,6 +6,7 @@
 #include <Vorlix/platform/ChildProcess.h>
 #include <Vorlix/platform/RunLoop.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
+#include <Vorlix/platform/simulated/SimulatedSystemPaths.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -140,11 +141,13 @@ class NativeProcessTest : public testing::Test {
  protected:
   NativeProcessTest() : folder_(testing::TempDir() + "vorlixXXXXXX"), scope_(nativePlatform()) {
     if (mkdtemp(folder_.data()) == nullptr) throw std::runtime_error("no temporary folder: " + folder_);
-    setLogFilePath(inFolder("log"));
+    paths_->setLogFile(inFolder("log"));
+    Platform ports = platform();
+    ports.systemPaths = paths_;
+    setPlatform(std::move(ports));
     descriptors_ = openDescriptors();
   }
   ~NativeProcessTest() override {
-    setLogFilePath("");
     std::error_code ignored;
     std::filesystem::remove_all(folder_, ignored);
   }
@@ -161,6 +164,7 @@ class NativeProcessTest : public testing::Test {
  private:
   std::string folder_;
   ScopedPlatform scope_;
+  const std::shared_ptr<SimulatedSystemPaths> paths_ = std::make_shared<SimulatedSystemPaths>();
   std::vector<int> descriptors_;
 };
 

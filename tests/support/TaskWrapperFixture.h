@@ -4,7 +4,7 @@
 #pragma once
 
 #include <Vorlix/QDTaskWrapperWithBlocks.h>
-#include "library/QDTaskWrapperWithBlocks/StatusPause.h"
+#include <Vorlix/platform/Pauses.h>
 
 #include <algorithm>
 #include <functional>
@@ -62,21 +62,25 @@ struct Recorded {
   Pieces error;
 };
 
-/// What the replaced pause was asked for, and what happens in it.
-inline std::vector<std::chrono::milliseconds> pauses;
-inline std::function<void()> inThePause;
+/// Notes what it is asked for, and does something else meanwhile.
+class NotedPauses : public Pauses {
+ public:
+  void pause(std::chrono::milliseconds time) override {
+    noted.push_back(time);
+    if (meanwhile) meanwhile();
+  }
+
+  std::vector<std::chrono::milliseconds> noted;
+  std::function<void()> meanwhile;
+};
 
 class TaskWrapperTest : public NativeProcessTest {
  protected:
   TaskWrapperTest() {
-    pauses.clear();
-    inThePause = nullptr;
-    before_ = setStatusPause([](std::chrono::milliseconds time) {
-      pauses.push_back(time);
-      if (inThePause) inThePause();
-    });
+    Platform ports = platform();
+    ports.pauses = notedPauses_;
+    setPlatform(std::move(ports));
   }
-  ~TaskWrapperTest() override { setStatusPause(before_); }
 
   /// The status of a child that is about to end.
   static int32_t statusAtTheEnd(Recorded& run) {
@@ -86,7 +90,11 @@ class TaskWrapperTest : public NativeProcessTest {
   }
 
  private:
-  StatusPause before_ = nullptr;
+  const std::shared_ptr<NotedPauses> notedPauses_ = std::make_shared<NotedPauses>();
+
+ protected:
+  std::vector<std::chrono::milliseconds>& pauses = notedPauses_->noted;
+  std::function<void()>& inThePause = notedPauses_->meanwhile;
 };
 
 }  // namespace vorlix::test

@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include "library/QDSDiskFunctions/Mounting.h"
 
 #include <cerrno>
 #include <chrono>
@@ -64,20 +63,13 @@ ByteVector expectedStore(ByteVector store, const Mode& mode, const ByteVector& p
   return store;
 }
 
-// What the pause before the unmount found; it does not wait.
+// What the pause before the unmount found.
 struct AtPause {
   std::chrono::milliseconds time{0};
   ByteVector store;
   int descriptors = 0;
   bool mounted = false;
 };
-AtPause atPause;
-std::string storeAtPause;
-const SimulatedMachine* machineAtPause = nullptr;
-
-void lookAround(std::chrono::milliseconds time) {
-  atPause = {time, bytesOf(storeAtPause), openDescriptors(), machineAtPause->isMounted("disk0s1")};
-}
 
 class BootConfigurationTest : public DiskTest {
  protected:
@@ -89,11 +81,10 @@ class BootConfigurationTest : public DiskTest {
     makeFolder("EFI partition/EFI/Microsoft/Boot");
     makeFile("EFI partition/EFI/Microsoft/Boot/bootmgfw.efi", {'o', 't', 'h', 'e', 'r'});
     source = makeFile("template", templateBytes);
-    atPause = {};
-    storeAtPause = store;
-    machineAtPause = &machine;
+    machine.duringPauses([this](std::chrono::milliseconds time) {
+      atPause = {time, bytesOf(store), openDescriptors(), machine.isMounted("disk0s1")};
+    });
   }
-  ~BootConfigurationTest() override { setPause(pauseBefore_); }
 
   /// Gives the registry both identifiers.
   void addIdentifiers() {
@@ -127,10 +118,7 @@ class BootConfigurationTest : public DiskTest {
   const std::string store;
   const ByteVector templateBytes = patternBytes(24576);
   std::string source;
-
- private:
-  // Puts lookAround() in its place for the life of the test.
-  const Pause pauseBefore_ = setPause(lookAround);
+  AtPause atPause;
 };
 
 // ---------------------------------------------------------------------------------------------------- all goes well

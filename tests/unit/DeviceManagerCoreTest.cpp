@@ -230,7 +230,7 @@ TEST_F(DeviceManagerCoreTest, MessagesOfAnotherInstanceGoToTheSharedOnesDelegate
   const auto other = QDDeviceManager::init();
   const auto own = std::make_shared<LineCollector>();
   other->setDelegate(own);
-  other->hasWindows8OrLaterFromVolume(makeVolume("/dev/disk9s1", folder / "nowhere"));
+  other->hasWindows8OrLaterFromVolume(makeVolume("/dev/disk9s1", mounts / "nowhere"));
   EXPECT_EQ(other->pathForDevice("/dev/disk9s1"), std::nullopt);
   EXPECT_THAT(lines(), ElementsAre("Detecting Version of Windows", "COULD NOT FIND MOUNT!"));
   EXPECT_THAT(own->lines, IsEmpty());

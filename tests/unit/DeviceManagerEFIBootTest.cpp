@@ -18,7 +18,10 @@ class DeviceManagerEFIBootTest : public DeviceManagerTest {
   }
 
   void shipList(const std::string& path) { machine.addResource("BeforeEFI", "plist", path); }
-  void shipSample(const std::string& name) { shipList(std::string(VORLIX_TEST_DATA) + "/plists/" + name); }
+  void shipSample(const std::string& name) { shipList(placeSample(name)); }
+  std::string placeSample(const std::string& name) {
+    return placeFile(name, contentOf(std::string(VORLIX_TEST_DATA) + "/plists/" + name));
+  }
 };
 
 class DeviceManagerEFIBootListTest : public DeviceManagerEFIBootTest,
@@ -67,14 +70,14 @@ TEST_F(DeviceManagerEFIBootTest, BlanksInTheMachinesModelDoNotMatter) {
 TEST_F(DeviceManagerEFIBootTest, WithoutAListItCan) {
   setModel("MacBookPro5,5");
   EXPECT_TRUE(manager->isEFIWindowsBootable());
-  shipList(folder / "nowhere.plist");
+  shipList(mounts / "nowhere.plist");
   EXPECT_TRUE(manager->isEFIWindowsBootable());
   EXPECT_THAT(lines(), IsEmpty());
 }
 
 TEST_F(DeviceManagerEFIBootTest, AListElsewhereAmongTheResourcesIsNotTaken) {
   setModel("MacBookPro5,5");
-  const std::string path = std::string(VORLIX_TEST_DATA) + "/plists/models-xml.plist";
+  const std::string path = placeSample("models-xml.plist");
   machine.addResource("BeforeEFI", "xml", path);
   machine.addResource("BeforeEFI", "", path);
   machine.addResource("BeforeEFI", "plist", path, "tools/bin");
@@ -102,7 +105,16 @@ TEST_F(DeviceManagerEFIBootTest, ABrokenListNamesNoModel) {
   }
   shipList(placeFile("noise.plist", std::string(5000, '\xFF')));
   EXPECT_TRUE(manager->isEFIWindowsBootable());
-  shipList(folder / "");  // a folder
+  shipList(mounts / "");  // a folder
+  EXPECT_TRUE(manager->isEFIWindowsBootable());
+}
+
+TEST_F(DeviceManagerEFIBootTest, AListOfMoreThanAMebibyteNamesNoModel) {
+  setModel("MacBookPro5,5");
+  const std::string list = contentOf(std::string(VORLIX_TEST_DATA) + "/plists/models-xml.plist");
+  shipList(placeFile("large.plist", list + std::string((1 << 20) - list.size(), '\n')));
+  EXPECT_FALSE(manager->isEFIWindowsBootable());
+  shipList(placeFile("larger.plist", list + std::string((1 << 20) + 1 - list.size(), '\n')));
   EXPECT_TRUE(manager->isEFIWindowsBootable());
 }
 

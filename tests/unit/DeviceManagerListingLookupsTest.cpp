@@ -90,7 +90,7 @@ TEST_F(DeviceManagerListingLookupsTest, AVolumeOfNoKnownMediumIsNotFoundByIt) {
 TEST_F(DeviceManagerListingLookupsTest, TheFirstVolumeOfAnExactNameIsFound) {
   mountVolume("disk2s1", "data", "ntfs");
   mountVolume("disk2s2", "Data", "ntfs");
-  machine.addMountedVolume({"Data", folder / "Data", "/dev/disk2s1", 1, 1});
+  machine.addMountedVolume({"Data", mounts / "Data", "/dev/disk2s1", 1, 1});
   const auto volume = manager->volumeForLabel("Data");
   ASSERT_NE(volume, nullptr);
   EXPECT_EQ(volume->device(), "/dev/disk2s2");

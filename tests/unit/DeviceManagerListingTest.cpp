@@ -108,7 +108,7 @@ TEST_F(DeviceManagerListingTest, AVolumeWithoutAMountPathIsLeftOutAndNotAskedAbo
 }
 
 TEST_F(DeviceManagerListingTest, AVolumeWithoutAWholeDiskIsLeftOut) {
-  machine.addMountedVolume({"Share", folder / "share", "//user@server/share", 1, 1});
+  machine.addMountedVolume({"Share", mounts / "share", "//user@server/share", 1, 1});
   mountVolume("disk0s1", "Hidden", "ntfs");
   machine.hideWholeDisk("disk0s1");
   mountVolume("disk0s2", "After", "ntfs");
@@ -154,7 +154,7 @@ TEST_F(DeviceManagerListingTest, TheTypeIsThatOfTheVolumeMountedThere) {
 
 TEST_F(DeviceManagerListingTest, SizesAreDecimalTextAndForPeoplesEyes) {
   addDevice("disk2s3");
-  machine.addMountedVolume({"Data", folder / "", "/dev/disk2s3", 500107862016, 8589934592});
+  machine.addMountedVolume({"Data", mounts / "", "/dev/disk2s3", 500107862016, 8589934592});
   const auto volume = one();
   EXPECT_EQ(volume->totalSize(), "500107862016");
   EXPECT_EQ(volume->freeSpace(), "8589934592");
@@ -163,7 +163,7 @@ TEST_F(DeviceManagerListingTest, SizesAreDecimalTextAndForPeoplesEyes) {
 
 TEST_F(DeviceManagerListingTest, AnEmptyFileSystemHasNoSizeForPeoplesEyes) {
   addDevice("disk2s3");
-  machine.addMountedVolume({"Data", folder / "", "/dev/disk2s3", 0, 0});
+  machine.addMountedVolume({"Data", mounts / "", "/dev/disk2s3", 0, 0});
   const auto volume = one();
   EXPECT_EQ(volume->totalSize(), "0");
   EXPECT_EQ(volume->freeSpace(), "0");
@@ -172,7 +172,7 @@ TEST_F(DeviceManagerListingTest, AnEmptyFileSystemHasNoSizeForPeoplesEyes) {
 
 TEST_F(DeviceManagerListingTest, SizesThatTheFileSystemDidNotTellAreZeroAndNoneForPeoplesEyes) {
   addDevice("disk2s3");
-  machine.addMountedVolume({"Data", folder / "", "/dev/disk2s3", std::nullopt, std::nullopt});
+  machine.addMountedVolume({"Data", mounts / "", "/dev/disk2s3", std::nullopt, std::nullopt});
   const auto volume = one();
   EXPECT_EQ(volume->totalSize(), "0");
   EXPECT_EQ(volume->freeSpace(), "0");
@@ -181,7 +181,7 @@ TEST_F(DeviceManagerListingTest, SizesThatTheFileSystemDidNotTellAreZeroAndNoneF
 
 TEST_F(DeviceManagerListingTest, LargeSizesKeepTheirDigits) {
   addDevice("disk2s3");
-  machine.addMountedVolume({"Data", folder / "", "/dev/disk2s3", 9223372036854775807, 1});
+  machine.addMountedVolume({"Data", mounts / "", "/dev/disk2s3", 9223372036854775807, 1});
   const auto volume = one();
   EXPECT_EQ(volume->totalSize(), "9223372036854775807");
   EXPECT_EQ(volume->freeSpace(), "1");
@@ -307,7 +307,7 @@ TEST_F(DeviceManagerListingTest, TheThirdPieceOfADriversNameIsTheDevice) {
 
 TEST_F(DeviceManagerListingTest, ADriversNameWithTooFewPiecesStaysAsItIs) {
   machine.addDisk("ntfs:/disk7", 1 << 20, 512);
-  machine.addMountedVolume({"Short", folder / "", "ntfs:/disk7", 1, 1});
+  machine.addMountedVolume({"Short", mounts / "", "ntfs:/disk7", 1, 1});
   const auto volume = one();
   EXPECT_EQ(volume->device(), "ntfs:/disk7");
   EXPECT_EQ(volume->fileSystemType(), std::nullopt);

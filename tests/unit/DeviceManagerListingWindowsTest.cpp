@@ -89,7 +89,7 @@ TEST_F(DeviceManagerListingWindowsTest, WindowsOnOtherFileSystemsIsShownOnlyAmon
 TEST_F(DeviceManagerListingWindowsTest, AVolumeWhoseFolderHasGoneIsListedWithoutWindows) {
   const std::string path = mountVolume("disk0s3", "Gone", "ntfs");
   installWindows("Gone");
-  std::filesystem::remove_all(path);
+  machine.removeItem(path);
   const auto volume = named("Gone");
   EXPECT_FALSE(volume->hasWindows());
   EXPECT_EQ(volume->filePath(), path);
@@ -129,7 +129,7 @@ class DeviceManagerBootFilesTest : public DeviceManagerListingWindowsTest {
     SimulatedVolume volume;
     volume.kind = kind;
     volume.name = "System Reserved";
-    volume.mountPath = folder / folderName;
+    volume.mountPath = mounts / folderName;
     volume.mounted = true;
     machine.setVolume(device, volume);
     machine.addMountedVolume({"System Reserved", volume.mountPath, "/dev/" + device, 1, 1});
@@ -185,16 +185,16 @@ TEST_F(DeviceManagerBootFilesTest, TheReservedPartitionIsFoundOnlyAmongTheKindsA
             reserved + "/BOOT");
   // Without it the paths are those of the list's last volume.
   const auto volume = named("BOOTCAMP", manager->attachedDisksShowingWindowsOnly(true, false));
-  EXPECT_EQ(volume->bootResourcePath(), folder / "Last/BOOT");
-  EXPECT_EQ(volume->bootMgrPath(), folder / "Last/bootmgr");
+  EXPECT_EQ(volume->bootResourcePath(), mounts / "Last/BOOT");
+  EXPECT_EQ(volume->bootMgrPath(), mounts / "Last/bootmgr");
 }
 
 TEST_F(DeviceManagerBootFilesTest, WithoutAReservedPartitionTheyAreThoseOfTheLastVolumeWithoutWindowsToo) {
   mountVolume("disk5s1", "Last", "msdos");
   for (const bool windowsOnly : {false, true}) {
     const auto volume = named("BOOTCAMP", manager->attachedDisksShowingWindowsOnly(windowsOnly));
-    EXPECT_EQ(volume->bootResourcePath(), folder / "Last/BOOT");
-    EXPECT_EQ(volume->bootMgrPath(), folder / "Last/bootmgr");
+    EXPECT_EQ(volume->bootResourcePath(), mounts / "Last/BOOT");
+    EXPECT_EQ(volume->bootMgrPath(), mounts / "Last/bootmgr");
   }
 }
 
@@ -214,7 +214,7 @@ TEST_F(DeviceManagerBootFilesTest, AReservedPartitionWithWindowsIsNotTaken) {
   addReserved("disk0s2", "reserved");
   makeFolder("reserved/Windows/System32");
   mountVolume("disk0s4", "Last", "ntfs");
-  EXPECT_EQ(named("BOOTCAMP")->bootResourcePath(), folder / "Last/BOOT");
+  EXPECT_EQ(named("BOOTCAMP")->bootResourcePath(), mounts / "Last/BOOT");
 }
 
 TEST_F(DeviceManagerBootFilesTest, OnNTFSAnySpellingIsABootItem) {

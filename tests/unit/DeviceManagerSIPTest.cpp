@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Whether System Integrity Protection stands in the way, as the device manager sees it.
-#include "library/QDSUtilities/StatusTool.h"
-
 #include <system_error>
 
 #include "tests/unit/support/DeviceManagerFixture.h"
@@ -15,7 +13,7 @@ using testing::IsEmpty;
 
 using Stream = SimulatedRun::Stream;
 
-constexpr const char* kStatusTool = "/usr/bin/csrutil";
+constexpr const char* kStatusTool = "/usr/bin/csrutil";  // spelled out: hosts rely on it
 constexpr const char* kEnabled = "System Integrity Protection status: enabled.\n";
 constexpr const char* kDisabled = "System Integrity Protection status: disabled.\n";
 constexpr const char* kCustom =
@@ -181,17 +179,15 @@ class DeviceManagerStartupSystemTest : public DeviceManagerTest {
     root.mounted = true;
     machine.setVolume("disk1s1", root);
     setPath("disk1s1", "IOService:/a/b");
-    makeFile("csrutil", {});
-    setStatusToolPath(tool);
+    machine.addFile(tool);
     machine.addProgram(tool, printing(kEnabled));
   }
-  ~DeviceManagerStartupSystemTest() override { setStatusToolPath(""); }
 
   void setPath(const std::string& device, const char* path) {
     machine.setDescription(device, "DADevicePath", textValue(path));
   }
 
-  const std::string tool = folder / "csrutil";
+  const std::string tool = kStatusTool;
 };
 
 TEST_F(DeviceManagerStartupSystemTest, ADeviceOfTheSamePhysicalDeviceIsOnTheStartupDisk) {
@@ -241,7 +237,7 @@ TEST_F(DeviceManagerStartupSystemTest, AProtectionThatIsOffConcernsNoDevice) {
   setPath("disk0s2", "IOService:/a/b");
   machine.addProgram(tool, printing(kDisabled));
   EXPECT_FALSE(manager->checkForSIPForDevice("/dev/disk0s2"));
-  std::filesystem::remove(tool);
+  machine.removeItem(tool);
   EXPECT_FALSE(manager->checkForSIPForDevice("/dev/disk0s2"));
 }
 

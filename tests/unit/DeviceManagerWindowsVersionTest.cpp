@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Which Windows a volume holds, as the host's registry tool and the setup log tell.
-#include <sys/stat.h>
+#include <Vorlix/platform/simulated/SimulatedHostBundle.h>
 
-#include <filesystem>
 #include <map>
 
 #include "tests/unit/support/DeviceManagerFixture.h"
@@ -55,7 +54,7 @@ class DeviceManagerWindowsVersionTest : public DeviceManagerTest {
     return placeFile("volume/Windows/Panther/setupact.log");
   }
 
-  const std::string root = folder / "volume";
+  const std::string root = mounts / "volume";
   const std::shared_ptr<QDVolume> volume = makeVolume("/dev/disk0s3", root);
   std::map<std::string, std::string> values;
   std::vector<Lines> asked;
@@ -89,7 +88,7 @@ TEST_F(DeviceManagerWindowsVersionTest, NothingElseIsRun) {
 }
 
 TEST_F(DeviceManagerWindowsVersionTest, TheHiveIsInTheFolderAsItIsSpelled) {
-  std::filesystem::remove_all(root);
+  machine.removeItem(root);
   makeFolder("volume/WINDOWS/SYSTEM32");
   static_cast<void>(version());
   ASSERT_EQ(asked.size(), 4U);
@@ -132,8 +131,9 @@ TEST_F(DeviceManagerWindowsVersionTest, OutputThatIsNotUTF8IsEmpty) {
 }
 
 TEST_F(DeviceManagerWindowsVersionTest, AHostWithoutTheToolLeavesAllEmpty) {
-  SimulatedMachine bare;  // ships no resource
-  ScopedPlatform scope(bare.platform());
+  Platform ports = machine.platform();
+  ports.hostBundle = std::make_shared<SimulatedHostBundle>();  // ships no resource
+  const ScopedPlatform scope(ports);
   const Dictionary answer = version();
   for (const char* key : {"product", "edition", "buildLabEx", "currentBuildNumber"}) {
     EXPECT_EQ(answer.text(key), "") << key;
@@ -143,24 +143,24 @@ TEST_F(DeviceManagerWindowsVersionTest, AHostWithoutTheToolLeavesAllEmpty) {
 }
 
 TEST_F(DeviceManagerWindowsVersionTest, AToolElsewhereAmongTheResourcesIsNotTaken) {
-  SimulatedMachine other;
-  other.addResource("registry_lookup", "", kTool);
-  other.addResource("registry_lookup", "sh", kTool, "tools/bin");
-  other.addProgram(kTool, printing("Windows 10"));
-  ScopedPlatform scope(other.platform());
+  const auto bundle = std::make_shared<SimulatedHostBundle>();
+  bundle->addResource("registry_lookup", "", kTool);
+  bundle->addResource("registry_lookup", "sh", kTool, "tools/bin");
+  values["ProductName"] = "Windows 10";
+  Platform ports = machine.platform();
+  ports.hostBundle = bundle;
+  const ScopedPlatform scope(ports);
   EXPECT_EQ(version().text("product"), "");
 }
 
 TEST_F(DeviceManagerWindowsVersionTest, AToolThatCannotBeLaunchedLeavesAllEmpty) {
-  SimulatedMachine other;
-  other.addResource("registry_lookup", "", "/Host/nowhere", "tools/bin");
-  ScopedPlatform scope(other.platform());
+  machine.addResource("registry_lookup", "", "/Host/nowhere", "tools/bin");
   EXPECT_EQ(version().text("product"), "");
   EXPECT_THAT(lines(), ElementsAre("Could not determine product name", "Product: , Edition: "));
 }
 
 TEST_F(DeviceManagerWindowsVersionTest, WithoutSystem32FourTextsAreEmptyAndNothingIsLogged) {
-  std::filesystem::remove_all(root);
+  machine.removeItem(root);
   placeFile("volume/sources/BOOT.WIM");
   const Dictionary answer = version();
   for (const char* key : {"product", "currentBuildNumber", "buildLabEx", "bootenv"}) {
@@ -192,14 +192,12 @@ TEST_F(DeviceManagerWindowsVersionTest, TheBootEnvironmentIsWhatFollowsThePhrase
 }
 
 TEST_F(DeviceManagerWindowsVersionTest, WhatIsNoFileIsNoSetupLog) {
-  std::filesystem::remove(setupLog("Detected boot environment: EFI"));
-  for (const bool isPipe : {true, false}) {
-    const std::string path = root + "/Windows/Panther/setupact.log";
-    ASSERT_EQ(isPipe ? mkfifo(path.c_str(), 0600) : mkdir(path.c_str(), 0700), 0);
-    EXPECT_FALSE(version().contains("bootenv"));
-    EXPECT_THAT(grepped, IsEmpty());
-    std::filesystem::remove(path);
-  }
+  const std::string path = setupLog("Detected boot environment: EFI");
+  machine.addPipe(path);
+  EXPECT_FALSE(version().contains("bootenv"));
+  machine.addFolder(path);
+  EXPECT_FALSE(version().contains("bootenv"));
+  EXPECT_THAT(grepped, IsEmpty());
 }
 
 TEST_F(DeviceManagerWindowsVersionTest, TheSetupLogIsReadAfterTheRegistry) {
@@ -240,20 +238,18 @@ TEST_F(DeviceManagerWindowsVersionTest, ASetupLogWithAPhraseAtItsEndHasAnEmptyBo
 
 TEST_F(DeviceManagerWindowsVersionTest, TheSetupLogsPathIsNotSearchedInOtherCase) {
   setupLog("Detected boot environment: EFI\r\n");
-  std::filesystem::remove_all(root);
+  machine.removeItem(root);
   makeFolder("volume/WINDOWS/System32");
   placeFile("volume/WINDOWS/Panther/setupact.log");
-  if (std::filesystem::exists(root + "/windows/panther")) GTEST_SKIP() << "the file system does not tell case apart";
   EXPECT_FALSE(version().contains("bootenv"));
   EXPECT_THAT(grepped, IsEmpty());
 }
 
 TEST_F(DeviceManagerWindowsVersionTest, OnNTFSHiveAndSetupLogAreFoundAsTheVolumeSpellsThem) {
   setupLog("Detected boot environment: EFI\r\n");
-  std::filesystem::remove_all(root);
+  machine.removeItem(root);
   const std::string hive = placeFile("volume/WINDOWS/system32/CONFIG/software");
   const std::string log = placeFile("volume/WINDOWS/PANTHER/SetupAct.log");
-  if (std::filesystem::exists(root + "/windows")) GTEST_SKIP() << "the file system does not tell case apart";
   volume->setFileSystemType("ntfs");
   EXPECT_EQ(version().text("bootenv"), "EFI");
   ASSERT_EQ(asked.size(), 4U);
@@ -329,7 +325,7 @@ TEST_F(DeviceManagerWindowsVersionTest, NoVolumeIsNotAndNothingIsLogged) {
 }
 
 TEST_F(DeviceManagerWindowsVersionTest, AVolumeWithoutSystem32IsNot) {
-  std::filesystem::remove_all(root);
+  machine.removeItem(root);
   EXPECT_FALSE(manager->hasWindows8OrLaterFromVolume(volume));
   EXPECT_THAT(lines(), ElementsAre("Detecting Version of Windows"));
 }

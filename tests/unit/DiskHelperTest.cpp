@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDDiskHelper.h>
 #include <Vorlix/QDVolume.h>
+#include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/SystemLog.h>
 #include <unistd.h>
-#include "library/QDDiskHelper/BootFiles.h"
 #include "library/QDSDiskFunctions/SystemLog.h"
 
 #include "tests/unit/support/DiskBytes.h"
@@ -100,12 +100,32 @@ TEST_F(BootTypeTest, EachCallLeavesTheDeviceOpen) {
   EXPECT_EQ(journalOf({"close "}), Lines());
 }
 
+/// Notes what it is asked for; there is none of it.
+class AskedFiles : public Files {
+ public:
+  std::optional<FileKind> kindOf(const std::string& path) override {
+    asked.push_back(path);
+    return std::nullopt;
+  }
+  bool isLink(const std::string&) override { return false; }
+  std::optional<Lines> namesIn(const std::string&) override { return std::nullopt; }
+  std::optional<std::string> contentsOf(const std::string&, size_t) override { return std::nullopt; }
+
+  Lines asked;
+};
+
 class BootableTest : public DiskTest {
  protected:
-  static std::array<std::string, 4> pathsUnder(const std::string& root) {
-    const auto volume = QDVolume::init();
-    volume->setFilePath(root);
-    return bootFilePaths(*volume);
+  BootableTest() { machine.addFolder("/Volumes"); }
+
+  // What is looked for on a volume that has nothing.
+  Lines pathsUnder(const std::string& root) {
+    const auto files = std::make_shared<AskedFiles>();
+    Platform ports = machine.platform();
+    ports.files = files;
+    const ScopedPlatform scope(ports);
+    EXPECT_FALSE(bootable(root));
+    return files->asked;
   }
   bool bootable(const std::string& root, const std::string& type = "") {
     const auto volume = QDVolume::init();
@@ -114,49 +134,44 @@ class BootableTest : public DiskTest {
     return QDDiskHelper::init()->isBootable(volume);
   }
   bool bootableWith(const std::string& file) {
-    makeFolder("volume");
-    const std::filesystem::path path = folder / ("volume/" + file);
-    std::filesystem::create_directories(path.parent_path());
-    std::ofstream(path).put('x');
-    return bootable(folder / "volume");
+    machine.addFile("/Volumes/volume/" + file, "x");
+    return bootable("/Volumes/volume");
   }
 };
 
 TEST_F(BootableTest, TheLookIsNotedInTheSystemsLog) {
-  bootable(folder / "volume");
+  bootable("/Volumes/volume");
   EXPECT_EQ(machine.journal(), Lines{"system log Vorlix: Checking if bootable"});
   EXPECT_EQ(log(), "");
 }
 
 TEST_F(BootableTest, TheFilesAreLookedForInThisOrder) {
-  const std::array<std::string, 4> expected = {"/v/System/Library", "/v/com.apple.recovery.boot/boot.efi",
-                                               "/v/Windows/System32", "/v/ntldr"};
+  const Lines expected = {"/v/System/Library", "/v/com.apple.recovery.boot/boot.efi", "/v/Windows/System32",
+                          "/v/ntldr"};
   EXPECT_EQ(pathsUnder("/v"), expected);
   EXPECT_EQ(pathsUnder("/v/"), expected);
 }
 
 TEST_F(BootableTest, AtTheRootOfTheSystemThereIsOneSlash) {
-  const std::array<std::string, 4> expected = {"/System/Library", "/com.apple.recovery.boot/boot.efi",
-                                               "/Windows/System32", "/ntldr"};
+  const Lines expected = {"/System/Library", "/com.apple.recovery.boot/boot.efi", "/Windows/System32", "/ntldr"};
   EXPECT_EQ(pathsUnder("/"), expected);
 }
 
 TEST_F(BootableTest, OnAVolumeOfWindowsAnySpellingIsTheName) {
-  makeFolder("volume/WINDOWS/system32");
-  if (std::filesystem::exists(folder / "volume/Windows")) GTEST_SKIP() << "the file system does not tell case apart";
+  machine.addFolder("/Volumes/volume/WINDOWS/system32");
   for (const char* type : {"ntfs", "NTFS", "msdos", "MS-DOS (FAT32)", "exfat", "ExFAT"}) {
-    EXPECT_TRUE(bootable(folder / "volume", type)) << type;
+    EXPECT_TRUE(bootable("/Volumes/volume", type)) << type;
   }
-  for (const char* type : {"", "apfs", "ext4"}) EXPECT_FALSE(bootable(folder / "volume", type)) << type;
+  for (const char* type : {"", "apfs", "ext4"}) EXPECT_FALSE(bootable("/Volumes/volume", type)) << type;
 }
 
 TEST_F(BootableTest, AnEmptyVolumeIsNot) {
-  makeFolder("volume");
-  EXPECT_FALSE(bootable(folder / "volume"));
+  machine.addFolder("/Volumes/volume");
+  EXPECT_FALSE(bootable("/Volumes/volume"));
 }
 
 TEST_F(BootableTest, AVolumeThatIsNotThereIsNot) {
-  EXPECT_FALSE(bootable(folder / "nowhere"));
+  EXPECT_FALSE(bootable("/Volumes/nowhere"));
 }
 
 TEST_F(BootableTest, TheSystemLibraryFolderWillDo) {
@@ -188,17 +203,11 @@ TEST_F(BootableTest, AlmostIsNotEnough) {
 }
 
 TEST_F(BootableTest, WithoutAPathTheWorkingFolderIsLookedAt) {
-  const auto before = std::filesystem::current_path();
-  makeFolder("empty");
-  std::filesystem::current_path(folder / "empty");
-  const bool inEmpty = QDDiskHelper::init()->isBootable(QDVolume::init());
-  makeFile("empty/ntldr", {});
-  const bool withLoader = QDDiskHelper::init()->isBootable(QDVolume::init());
-  const bool withoutVolume = QDDiskHelper::init()->isBootable(nullptr);
-  std::filesystem::current_path(before);
-  EXPECT_FALSE(inEmpty);
-  EXPECT_TRUE(withLoader);
-  EXPECT_TRUE(withoutVolume);
+  EXPECT_FALSE(QDDiskHelper::init()->isBootable(QDVolume::init()));
+  EXPECT_FALSE(QDDiskHelper::init()->isBootable(nullptr));
+  machine.addFile("/ntldr");
+  EXPECT_TRUE(QDDiskHelper::init()->isBootable(QDVolume::init()));
+  EXPECT_TRUE(QDDiskHelper::init()->isBootable(nullptr));
 }
 
 class SystemLogLineTest : public FlatTest {};

@@ -140,7 +140,7 @@ TEST_F(LogTest, ThreadsAppendWholeMessages) {
 // ------------------------------------------------------------------------------------------- files that are no log
 
 TEST_F(LogTest, FileThatCannotBeOpenedCostsTheMessageAndIsToldOnStandardError) {
-  setLogFilePath(folder / "no-such-folder/log");
+  machine.setLogFile(folder / "no-such-folder/log");
   EXPECT_EQ(errorsOfLogging("lost"), "error opening log file");
   EXPECT_FALSE(std::filesystem::exists(folder / "no-such-folder"));
   EXPECT_EQ(logLine("lost too"), 0);
@@ -192,7 +192,7 @@ TEST_F(LogTest, FIFOWithReaderInItsPlaceGetsNothing) {
 }
 
 TEST_F(LogTest, LogThatCannotBeOpenedDoesNotFailTheCaller) {
-  setLogFilePath(folder / "no-such-folder/log");
+  machine.setLogFile(folder / "no-such-folder/log");
   machine.addDisk("disk0", 1024, 512);
   OutputCapture errors(STDERR_FILENO);
   const uint64_t size = getblocksize("disk0");
@@ -203,7 +203,7 @@ TEST_F(LogTest, LogThatCannotBeOpenedDoesNotFailTheCaller) {
 // ------------------------------------------------------------------------------------------------ the default file
 
 TEST_F(LogTest, DefaultFileGetsTheMessageAppended) {
-  setLogFilePath("");
+  const ScopedPlatform native(nativePlatform());
   EXPECT_EQ(logFilePath(), kDefaultLog);
   std::error_code absent;
   const auto sizeBefore = std::filesystem::file_size(kDefaultLog, absent);

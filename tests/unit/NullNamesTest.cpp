@@ -6,7 +6,6 @@
 #include <Vorlix/platform/DiskArbitration.h>
 #include <Vorlix/platform/RunLoop.h>
 #include <gmock/gmock.h>
-#include "library/QDSDiskFunctions/Mounting.h"
 
 #include <filesystem>
 #include <functional>
@@ -167,16 +166,12 @@ class ThrowingLoops : public RunLoops {
 
 class FlatFunctionTest : public DiskTest, public testing::WithParamInterface<Function> {
  protected:
-  FlatFunctionTest() : pause_(setPause([](std::chrono::milliseconds) {})) {
+  FlatFunctionTest() {
     machine.addDisk("disk0", 1 << 20, 512);
     machine.addSlice("disk0", 1, 40, 100);
     machine.addSlice("disk0", 3, 200, 100);
     addVolume("disk0s1", folder / "");
   }
-  ~FlatFunctionTest() override { setPause(pause_); }
-
- private:
-  Pause pause_;
 };
 
 TEST_P(FlatFunctionTest, NullIsANameThatNothingHas) {
@@ -193,7 +188,7 @@ TEST_P(FlatFunctionTest, NullIsANameThatNothingHas) {
 }
 
 TEST_P(FlatFunctionTest, NoDeviceOfTheRealMachineHasNullForAName) {
-  const ScopedPlatform native(nativePlatform());
+  const ScopedPlatform native(nativePortsWithLog());
   OutputCapture output(STDOUT_FILENO);
   EXPECT_EQ(GetParam().withNull(), GetParam().answer);
   EXPECT_THAT(log(), testing::StartsWith(GetParam().log));  // a real registry refuses a plane without a name

@@ -6,6 +6,7 @@
 #include <Vorlix/platform/RunLoop.h>
 #include <Vorlix/platform/simulated/SimulatedHostBundle.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
+#include <Vorlix/platform/simulated/SimulatedSystemPaths.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
 #include "library/QDSDiskFunctions/Log.h"
@@ -43,9 +44,10 @@ class QDVolumeSizeTest : public testing::Test {
   void SetUp() override {
     folder = fs::path(testing::TempDir()) / ("size." + std::to_string(getpid()));
     fs::create_directories(folder);
-    vorlix::setLogFilePath((folder / "log").string());
+    paths->setLogFile((folder / "log").string());
     vorlix::Platform replaced = vorlix::platform();
     replaced.hostBundle = bundle;
+    replaced.systemPaths = paths;
     before = vorlix::setPlatform(replaced);
     token = NotificationCenter::defaultCenter().addObserver(
         vorlix::kDisksChangedNotification, nullptr, [this](const Notification& notification) {
@@ -57,7 +59,6 @@ class QDVolumeSizeTest : public testing::Test {
   void TearDown() override {
     NotificationCenter::defaultCenter().removeObserver(token);
     vorlix::setPlatform(before);
-    vorlix::setLogFilePath("");
     fs::remove_all(folder);
   }
 
@@ -103,6 +104,7 @@ class QDVolumeSizeTest : public testing::Test {
 
   fs::path folder;
   std::shared_ptr<vorlix::SimulatedHostBundle> bundle = std::make_shared<vorlix::SimulatedHostBundle>();
+  std::shared_ptr<vorlix::SimulatedSystemPaths> paths = std::make_shared<vorlix::SimulatedSystemPaths>();
   vorlix::Platform before;
   NotificationCenter::Token token = 0;
   std::vector<std::string> posted;  // the size at each notification
@@ -124,6 +126,7 @@ class QDVolumeSizePiecesTest : public QDVolumeSizeTest {
  protected:
   std::vector<std::string> postedFor(const std::vector<std::string>& pieces) {
     vorlix::SimulatedMachine machine;
+    machine.setLogFile(paths->logFile());
     vorlix::SimulatedRun run;
     for (const std::string& piece : pieces) run.pieces.push_back({vorlix::SimulatedRun::Stream::output, piece});
     machine.addProgram("/bin/sh", run);

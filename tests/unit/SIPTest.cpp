@@ -2,10 +2,10 @@
 //
 // The state of System Integrity Protection as a status tool reports it, simulated and, where pipes matter, for real.
 #include <Vorlix/QDSUtilities.h>
+#include <Vorlix/platform/SystemPaths.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include "library/QDSUtilities/StatusTool.h"
 
 #include <system_error>
 
@@ -19,10 +19,9 @@ using Stream = SimulatedRun::Stream;
 class SIPTest : public FlatTest {
  protected:
   SIPTest() {
-    makeFile("csrutil", {});
-    setStatusToolPath(tool);
+    machine.addFile(tool);
+    machine.setStatusTool(tool);
   }
-  ~SIPTest() override { setStatusToolPath(""); }
 
   bool enabledAfter(const std::string& output) {
     SimulatedRun run;
@@ -31,16 +30,20 @@ class SIPTest : public FlatTest {
     return QDSUtilities::isSIPEnabled();
   }
 
-  const std::string tool = folder / "csrutil";
+  const std::string tool = "/tools/csrutil";
 };
 
 TEST_F(SIPTest, TheToolOfTheSystemIsAskedAndNoOther) {
-  setStatusToolPath("");
-  machine.addProgram("/usr/bin/csrutil", SimulatedRun{});
+  EXPECT_EQ(nativePlatform().systemPaths->statusTool(), "/usr/bin/csrutil");
+  SimulatedMachine usual;
+  const ScopedPlatform scope(usual.platform());
+  usual.addFile("/usr/sbin/csrutil");
+  usual.addProgram("/usr/bin/csrutil", SimulatedRun{});
+  EXPECT_FALSE(QDSUtilities::isSIPEnabled());
+  EXPECT_EQ(usual.journal(), Lines{});
+  usual.addFile("/usr/bin/csrutil");
   static_cast<void>(QDSUtilities::isSIPEnabled());
-  const bool isThere = access("/usr/bin/csrutil", F_OK) == 0;  // else nothing is run
-  EXPECT_EQ(machine.journal(), isThere ? Lines{"launch /usr/bin/csrutil status"} : Lines{});
-  EXPECT_STREQ(kStatusToolPath, "/usr/bin/csrutil");
+  EXPECT_EQ(usual.journal(), Lines{"launch /usr/bin/csrutil status"});
 }
 
 TEST_F(SIPTest, TheToolIsRunOnceWithTheArgumentStatus) {
@@ -111,14 +114,13 @@ TEST_F(SIPTest, ACharacterCutByAPieceIsStillUTF8) {
 
 TEST_F(SIPTest, WithoutTheToolItIsFalseAndNothingIsStarted) {
   machine.addProgram(tool, SimulatedRun{});
-  std::filesystem::remove(tool);
+  machine.removeItem(tool);
   EXPECT_FALSE(QDSUtilities::isSIPEnabled());
   EXPECT_EQ(machine.journal(), Lines());
 }
 
 TEST_F(SIPTest, AFolderInTheToolsPlaceCountsAsThere) {
-  std::filesystem::remove(tool);
-  std::filesystem::create_directory(tool);
+  machine.addFolder(tool);
   EXPECT_TRUE(enabledAfter("enabled"));
   EXPECT_EQ(machine.journal(), Lines{"launch " + tool + " status"});
 }
@@ -133,11 +135,12 @@ TEST_F(SIPTest, NothingIsLogged) {
 }
 
 /// A shell script in the tool's place, run by this system's own adapter.
-class SIPProcessTest : public SIPTest {
+class SIPProcessTest : public FlatTest {
  protected:
   SIPProcessTest()
-      : scope_([] {
-          Platform ports = SimulatedMachine().platform();
+      : scope_([this] {
+          machine.setStatusTool(tool);
+          Platform ports = machine.platform();
           ports.childProcess = nativePlatform().childProcess;
           return ports;
         }()) {}
@@ -148,6 +151,8 @@ class SIPProcessTest : public SIPTest {
     chmod(tool.c_str(), 0700);
     return QDSUtilities::isSIPEnabled();
   }
+
+  const std::string tool = folder / "csrutil";
 
  private:
   ScopedPlatform scope_;

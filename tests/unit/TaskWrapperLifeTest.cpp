@@ -225,13 +225,5 @@ TEST_F(TaskWrapperTest, TheStatusBeforeAnyStartIsZero) {
   EXPECT_THAT(pauses, IsEmpty());
 }
 
-TEST(TaskWrapperPause, TheLibrarysOwnPauseSleeps) {
-  const StatusPause own = setStatusPause(nullptr);
-  setStatusPause(own);
-  const auto start = std::chrono::steady_clock::now();
-  own(milliseconds(30));
-  EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(30));
-}
-
 }  // namespace
 }  // namespace vorlix::test

@@ -207,7 +207,7 @@ TEST_F(WriteSectorDeathTest, MissingBootCodeFileEndsTheProcessWithStatus255Befor
   const std::string missing = folder / "missing";
   EXPECT_EXIT(
       {
-        const ScopedPlatform native(nativePlatform());
+        const ScopedPlatform native(nativePortsWithLog());
         write_new_gpt(1, image.c_str(), missing.c_str(), &table);
       },
       testing::ExitedWithCode(255), "^$");

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/platform/DeviceFile.h>
 #include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/VolumeNames.h>
 #include <sys/stat.h>
 #include "library/QDSDiskFunctions/StoreSlots.h"
-#include "library/QDSUtilities/VolumeNames.h"
 #include "platform/changes/Change.h"
 
 #include <cerrno>

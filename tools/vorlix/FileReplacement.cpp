@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "FileReplacement.h"
 
+#include <Vorlix/platform/FilesInPlace.h>
+#include <Vorlix/platform/Platform.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include "platform/posix/Descriptor.h"
-#include "platform/posix/FilesInPlace.h"
 
 #include <cerrno>
 #include <cstring>
@@ -50,7 +51,7 @@ void FileReplacement::replaceBy(const ByteVector& bytes) {
   isAside_ = false;
   const char* const kUnsure = "the new one stands there, but may not be on the medium";
   folder_.sync(kUnsure);
-  if (syncFileSystem(folder_.descriptor()) != 0) {
+  if (platform().filesInPlace->syncFileSystem(folder_.descriptor()) != 0) {
     throw Failure(folder_.pathOf(name_), std::strerror(errno), kUnsure);
   }
 }

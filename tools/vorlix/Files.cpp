@@ -2,12 +2,12 @@
 #include "Files.h"
 
 #include <Vorlix/platform/DeviceFile.h>
+#include <Vorlix/platform/FilesInPlace.h>
 #include <Vorlix/platform/Platform.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include "platform/posix/Descriptor.h"
-#include "platform/posix/FileHandle.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -68,8 +68,8 @@ void writeAndReadBack(int descriptor, const std::string& path, const ByteVector&
     if (put <= 0) throw Failure(path, std::strerror(put < 0 ? errno : ENOSPC), state);
     done += static_cast<size_t>(put);
   }
-  if (syncDescriptor(descriptor) != 0) throw Failure(path, std::strerror(errno), state);
-  forgetCached(descriptor, 0, bytes.size());
+  if (platform().filesInPlace->sync(descriptor) != 0) throw Failure(path, std::strerror(errno), state);
+  platform().filesInPlace->forgetCached(descriptor, 0, bytes.size());
   ByteVector now(bytes.size() + 1);
   size_t done = 0;
   while (done < now.size()) {

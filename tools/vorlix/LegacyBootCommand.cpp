@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "library/QDSUtilities/CaseFolding.h"
-#include "library/QDSUtilities/VolumeNames.h"
+#include <Vorlix/foundation/CaseFolding.h>
+#include <Vorlix/platform/VolumeNames.h>
 
 #include <cstdio>
 #include <filesystem>

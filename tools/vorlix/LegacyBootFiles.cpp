@@ -2,14 +2,13 @@
 #include "LegacyBootFiles.h"
 
 #include <Vorlix/platform/FileCopy.h>
+#include <Vorlix/platform/FilesInPlace.h>
 #include <Vorlix/platform/Platform.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include "platform/posix/Descriptor.h"
-#include "platform/posix/FileHandle.h"
-#include "platform/posix/FilesInPlace.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -124,7 +123,7 @@ class FolderAside {
 
 void syncItem(const fs::path& path, bool isFolder) {
   const Descriptor item(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (!item || (isFolder ? syncFolder(item.get()) : syncDescriptor(item.get())) != 0) {
+  if (!item || (isFolder ? syncFolder(item.get()) : platform().filesInPlace->sync(item.get())) != 0) {
     throw Failure(path.string(), std::strerror(errno), kNothingCopied);
   }
 }
@@ -195,7 +194,7 @@ void copyLegacyBootFiles(const VolumeFolder& root, const LegacyBootPlan& plan) {
         open(fs::path(move.destination).parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!parent || syncFolder(parent.get()) != 0) throw Failure(move.destination, std::strerror(errno), state);
   }
-  if (syncFileSystem(root.descriptor()) != 0) {
+  if (platform().filesInPlace->syncFileSystem(root.descriptor()) != 0) {
     throw Failure(root.path(), std::strerror(errno), "all is in place, but may not be on the medium");
   }
 }

@@ -145,7 +145,7 @@ void follow(const std::string& path, std::unique_ptr<LogFile> file, LogView& vie
 }
 
 void showLog(const LogOptions& options) {
-  const std::string& path = logFilePath();
+  const std::string path = logFilePath();
   LogView view;
   auto file = LogFile::open(path);
   if (file) {

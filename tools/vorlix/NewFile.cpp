@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "NewFile.h"
 
+#include <Vorlix/platform/FilesInPlace.h>
+#include <Vorlix/platform/Platform.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include "platform/posix/Descriptor.h"
-#include "platform/posix/FileHandle.h"
-#include "platform/posix/FilesInPlace.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -85,7 +85,7 @@ void refuseExisting(const std::string& path) {
 }
 
 int takeFreeName(const std::string& from, const std::string& to) {
-  if (renameToFreeName(from.c_str(), to.c_str()) == 0) return 0;
+  if (platform().filesInPlace->renameToFreeName(from.c_str(), to.c_str()) == 0) return 0;
   if (errno != EINVAL && errno != ENOTSUP && errno != ENOSYS) return -1;
   struct stat status = {};
   const bool isFile = lstat(from.c_str(), &status) == 0 && S_ISREG(status.st_mode);

@@ -3,12 +3,13 @@
 #include <Vorlix/QDDiskHelper.h>
 #include <Vorlix/QDSUtilities.h>
 #include <Vorlix/QDVolume.h>
+#include <Vorlix/platform/Files.h>
+#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/SystemPaths.h>
 #include <unistd.h>
-#include "library/QDSUtilities/StatusTool.h"
 
 #include <cerrno>
 #include <cstdio>
-#include <filesystem>
 #include <limits>
 #include <memory>
 #include <string>
@@ -66,15 +67,15 @@ bool showBootable(const std::string& volume) {
 }
 
 void showSystemIntegrity() {
-  std::error_code error;
-  if (!std::filesystem::exists(kStatusToolPath, error)) {
-    std::printf("disabled: this system has no %s\n", kStatusToolPath);
+  const std::string tool = platform().systemPaths->statusTool();
+  if (!platform().files->kindOf(tool)) {
+    std::printf("disabled: this system has no %s\n", tool.c_str());
     return;
   }
   try {
     std::printf("%s\n", QDSUtilities::isSIPEnabled() ? "enabled" : "disabled");
   } catch (const std::system_error& failure) {
-    throw Failure(kStatusToolPath, failure.code().message(), "the state is not known");
+    throw Failure(tool, failure.code().message(), "the state is not known");
   }
 }
 

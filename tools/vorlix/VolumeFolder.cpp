@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VolumeFolder.h"
 
+#include <Vorlix/platform/VolumeNames.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
-#include "library/QDSUtilities/VolumeNames.h"
 
 #include <cerrno>
 #include <memory>

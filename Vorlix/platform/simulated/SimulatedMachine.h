@@ -18,6 +18,7 @@
 #include <Vorlix/platform/MountedVolumes.h>
 #include <Vorlix/platform/Platform.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -48,7 +49,7 @@ struct SimulatedVolume {
   std::string kind;          ///< "msdos", "ntfs", "exfat", "hfs", "apfs"
   std::string name;          ///< label
   std::optional<UUID> uuid;  ///< volume identifier
-  std::string mountPath;     ///< where a mount puts it; the folder need not exist unless the library looks into it
+  std::string mountPath;     ///< where a mount puts it; what the library finds there is what addFile() and the like say
   bool mounted = false;
 };
 
@@ -91,13 +92,17 @@ struct SimulatedState;
 /// rw", "unmount disk0s1". Registry: "registry port", "registry iterate IOService", "registry match BSD disk0s1",
 /// "registry match class IOMedia". File copies: "copy <source> <destination>". Children: "launch /bin/sh -c ls" (path
 /// and arguments), "terminate /bin/sh". Others: "check code 100 <requirement>", "system log Vorlix: <text>", "shell
-/// <command>", "list mounted volumes". These say what was asked, whether or not it was refused; a session that could
-/// not be opened and the ports' other calls leave no line.
+/// <command>", "pause 1000" (milliseconds), "list mounted volumes". These say what was asked, whether or not it was
+/// refused; a session that could not be opened and the ports' other calls leave no line.
 ///
-/// Time does not pass: a run of the loop returns at once, whatever its limit is. A request is carried out in the run of
-/// the loop that handles it, or, without one, when its session is closed. A run of the loop that carries out no request
-/// completes one read of a child's output, if there is something to read or the output has just ended; since no time
-/// passes, reads after the end do not complete.
+/// A machine that was given a file, a folder or a link holds those and no other; copies stay within it. One that was
+/// given none looks at the files of the system that it runs on and copies those, for tests with folders of their own.
+/// The log file, and what the flat functions read and write at paths that they are given, are always real files.
+///
+/// Time does not pass: a pause ends and a run of the loop returns at once, whatever its limit is. A request is carried
+/// out in the run of the loop that handles it, or, without one, when its session is closed. A run of the loop that
+/// carries out no request completes one read of a child's output, if there is something to read or the output has just
+/// ended; since no time passes, reads after the end do not complete.
 class SimulatedMachine {
  public:
   SimulatedMachine();
@@ -167,7 +172,36 @@ class SimulatedMachine {
   /// What the command interpreter answers, whatever it is given; 0 at first. It runs nothing.
   void setShellStatus(int status);
 
-  /// Lets a copy of `source` fail with `reason`; other copies are made for real.
+  /// Adds a folder, a file, a symbolic link or a pipe in place of what stands there, and the folders above it. Entries
+  /// are listed in the order in which they were added. The working folder is the root.
+  void addFolder(const std::string& path);
+  void addFile(const std::string& path, const std::string& contents = "");
+  void addLink(const std::string& path, const std::string& target);
+  void addPipe(const std::string& path);
+
+  /// Takes names in a folder, and in those that are added below it from then on, for the same in any case, as the
+  /// volumes of some systems do. The folder is added if need be.
+  void ignoreCase(const std::string& folder);
+
+  /// Removes an item with all that is below it.
+  void removeItem(const std::string& path);
+
+  /// Returns whether something stands at a path, be it a link that leads nowhere; the contents of a file.
+  bool holdsItem(const std::string& path) const;
+  std::optional<std::string> contentsOf(const std::string& path) const;
+
+  /// Where the library logs (a real file), and the tool that reports System Integrity Protection; the usual paths at
+  /// first.
+  void setLogFile(const std::string& path);
+  void setStatusTool(const std::string& path);
+
+  /// What stands before decimals; a point at first.
+  void setDecimalSeparator(const std::string& separator);
+
+  /// Does something in each pause, such as what another process would do meanwhile.
+  void duringPauses(std::function<void(std::chrono::milliseconds)> action);
+
+  /// Lets a copy of `source` fail with `reason`.
   void failCopy(const std::string& source, const std::string& reason);
 
   /// Puts a program at a path. A path without one cannot be launched (ENOENT). A program that was asked to end has the

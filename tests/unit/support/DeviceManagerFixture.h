@@ -8,7 +8,6 @@
 #include <Vorlix/platform/MountedVolumes.h>
 #include <gmock/gmock.h>
 
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -55,9 +54,14 @@ inline std::shared_ptr<QDVolume> makeVolume(const std::optional<std::string>& de
   return volume;
 }
 
+/// Where the simulated machine mounts volumes: names alone, no folder of this system.
+struct VolumesFolder {
+  std::string operator/(const std::string& name) const { return "/Volumes/" + name; }
+};
+
 class DeviceManagerTest : public DiskTest {
  protected:
-  DeviceManagerTest() { setenv("LC_ALL", "C", 1); }  // sizes are for people's eyes
+  DeviceManagerTest() { makeFolder(""); }
 
   void SetUp() override {
     manager->setDelegate(delegate);
@@ -97,7 +101,7 @@ class DeviceManagerTest : public DiskTest {
                               const std::string& kind) {
     addDevice(device);
     makeFolder(name);
-    const std::string path = folder / name;
+    const std::string path = mounts / name;
     SimulatedVolume volume;
     volume.kind = kind;
     volume.name = name;
@@ -109,16 +113,15 @@ class DeviceManagerTest : public DiskTest {
   }
 
   /// What a Windows installation is known by, on the volume of that name.
-  void installWindows(const std::string& name) const { makeFolder(name + "/Windows/System32"); }
+  void installWindows(const std::string& name) { makeFolder(name + "/Windows/System32"); }
+
+  /// A folder of the machine among the volumes, with those above it.
+  void makeFolder(const std::string& name) { machine.addFolder(mounts / name); }
 
   /// A file with some content, its folder included.
-  std::string placeFile(const std::string& name, const std::string& content = "x") const {
-    const std::filesystem::path path = folder / name;
-    std::filesystem::create_directories(path.parent_path());
-    std::ofstream file(path, std::ios::binary);
-    file << content;
-    if (!file.flush()) throw std::runtime_error("cannot write " + name);
-    return path;
+  std::string placeFile(const std::string& name, const std::string& content = "x") {
+    machine.addFile(mounts / name, content);
+    return mounts / name;
   }
 
   ptrdiff_t countOf(const std::string& line) const {
@@ -126,6 +129,7 @@ class DeviceManagerTest : public DiskTest {
     return std::count(journal.begin(), journal.end(), line);
   }
 
+  const VolumesFolder mounts{};
   const std::shared_ptr<QDDeviceManager> manager = QDDeviceManager::sharedDeviceManager();
   const std::shared_ptr<LineCollector> delegate = std::make_shared<LineCollector>();
 

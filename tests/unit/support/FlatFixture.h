@@ -46,10 +46,9 @@ class TemporaryFolder {
 
 class FlatTest : public testing::Test {
  protected:
-  FlatTest() : scope_(machine.platform()) { setLogFilePath(logPath()); }
+  FlatTest() : scope_(machine.platform()) { machine.setLogFile(logPath()); }
   ~FlatTest() override {
     closeKeptOpen();
-    setLogFilePath("");
     number_of_partition_maps = 9;
     verbose_flag = 0;
   }
@@ -59,6 +58,13 @@ class FlatTest : public testing::Test {
   /// All that was logged since the test began or since forgetLog().
   std::string log() const { return contentOf(logPath()); }
   void forgetLog() const { std::filesystem::remove(logPath()); }
+
+  /// This system's own ports, with the log of the test.
+  Platform nativePortsWithLog() const {
+    Platform ports = nativePlatform();
+    ports.systemPaths = machine.platform().systemPaths;
+    return ports;
+  }
 
   /// Writes a file into the test's folder. @return its path.
   std::string makeFile(const std::string& name, const std::vector<uint8_t>& bytes) const {

@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "PropertyListFile.h"
+#include "TextsInPropertyList.h"
 
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string_view>
 
 #include "foundation/KeyedArchive/PropertyList.h"
@@ -11,17 +9,7 @@
 namespace vorlix {
 namespace {
 
-constexpr std::streamsize kLargestFile = 1 << 20;
 constexpr PropertyListLimits kLimits = {1 << 16, 1 << 20, 16};
-
-std::optional<std::string> readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::string content(kLargestFile + 1, '\0');
-  file.read(content.data(), kLargestFile + 1);
-  if (file.bad() || (!file.eof() && file.fail()) || file.gcount() > kLargestFile) return std::nullopt;
-  content.resize(static_cast<size_t>(file.gcount()));
-  return content;
-}
 
 PropertyListOwner parse(const std::string& content) {
   if (std::string_view(content).starts_with("bplist")) {
@@ -34,10 +22,8 @@ PropertyListOwner parse(const std::string& content) {
 
 }  // namespace
 
-std::optional<std::vector<std::string>> textsInPropertyListFile(const std::string& path) {
-  const std::optional<std::string> content = readFile(path);
-  if (!content) return std::nullopt;
-  const PropertyListOwner root = parse(*content);
+std::optional<std::vector<std::string>> textsInPropertyList(const std::string& bytes) {
+  const PropertyListOwner root = parse(bytes);
   if (!root || plist_get_node_type(root.get()) != PLIST_ARRAY) return std::nullopt;
   std::vector<std::string> texts;
   for (uint32_t index = 0; index < plist_array_get_size(root.get()); ++index) {

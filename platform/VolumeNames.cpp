@@ -1,17 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "VolumeNames.h"
-
-#include <Vorlix/foundation/FileManager.h>
+#include <Vorlix/foundation/CaseFolding.h>
 #include <Vorlix/foundation/Paths.h>
 #include <Vorlix/platform/DiskArbitration.h>
+#include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/VolumeNames.h>
 
 #include <algorithm>
 #include <array>
 #include <iterator>
 #include <memory>
-
-#include "CaseFolding.h"
 
 namespace vorlix {
 namespace {
@@ -44,12 +42,12 @@ std::vector<std::string> spellingsOf(const std::vector<std::string>& names, std:
 }
 
 std::string pathInAnySpelling(std::string folder, std::initializer_list<const char*> names) {
-  const auto files = FileManager::defaultManager();
+  Files& files = *platform().files;
   for (const char* const name : names) {
     const std::string path = appendPathComponent(folder, name);
     std::vector<std::string> found;
-    if (!files->fileExistsAtPath(path)) {
-      found = spellingsOf(files->contentsOfDirectoryAtPath(folder).value_or(std::vector<std::string>()), name);
+    if (!files.kindOf(path)) {
+      found = spellingsOf(files.namesIn(folder).value_or(std::vector<std::string>()), name);
     }
     std::sort(found.begin(), found.end());  // where several stand there, the same one each time
     folder = found.empty() ? path : appendPathComponent(folder, found.front());

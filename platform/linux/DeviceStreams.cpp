@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "platform/DeviceStream.h"
+#include "DeviceStreams.h"
 
 #include <memory>
 #include <utility>
@@ -27,7 +27,7 @@ int closeCookie(void* cookie) {
 
 }  // namespace
 
-FILE* streamOver(std::unique_ptr<DeviceHandle> device) {
+FILE* LinuxDeviceStreams::streamOver(std::unique_ptr<DeviceHandle> device) {
   auto cookie = std::make_unique<StreamCookie>(std::move(device));
   const cookie_io_functions_t functions = {readCookie, nullptr, seekCookie, closeCookie};
   FILE* const stream = fopencookie(cookie.get(), "rb", functions);

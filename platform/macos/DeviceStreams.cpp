@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "platform/DeviceStream.h"
+#include "DeviceStreams.h"
 
 #include <memory>
 #include <utility>
@@ -24,7 +24,7 @@ int closeCookie(void* cookie) {
 
 }  // namespace
 
-FILE* streamOver(std::unique_ptr<DeviceHandle> device) {
+FILE* MacDeviceStreams::streamOver(std::unique_ptr<DeviceHandle> device) {
   auto cookie = std::make_unique<StreamCookie>(std::move(device));
   FILE* const stream = funopen(cookie.get(), readCookie, nullptr, seekCookie, closeCookie);
   if (stream != nullptr) static_cast<void>(cookie.release());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// Texts without regard to case. What is looked for is ASCII, so the case of other letters does not matter.
+/// @file
+/// Texts without regard to case, ASCII letters only.
 #pragma once
 
 #include <algorithm>
@@ -9,6 +9,7 @@
 
 namespace vorlix {
 
+/// The text with A to Z in lower case; other bytes stay as they are.
 inline std::string lowerCase(std::string_view text) {
   std::string lower(text);
   std::transform(lower.begin(), lower.end(), lower.begin(),
@@ -16,6 +17,7 @@ inline std::string lowerCase(std::string_view text) {
   return lower;
 }
 
+/// Returns whether `part` stands anywhere in `text`.
 inline bool containsInAnyCase(std::string_view text, std::string_view part) {
   return lowerCase(text).find(lowerCase(part)) != std::string::npos;
 }

@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/foundation/FileManager.h>
-
-#include <filesystem>
-#include <system_error>
+#include <Vorlix/FileManager.h>
+#include <Vorlix/platform/Files.h>
+#include <Vorlix/platform/Platform.h>
 
 namespace vorlix {
-
-namespace fs = std::filesystem;
 
 std::shared_ptr<FileManager> FileManager::defaultManager() {
   static const auto* const manager = new std::shared_ptr<FileManager>(std::make_shared<FileManager>());
@@ -19,21 +16,13 @@ bool FileManager::fileExistsAtPath(const std::string& path) {
 }
 
 bool FileManager::fileExistsAtPath(const std::string& path, bool& isDirectory) {
-  std::error_code unreadable;
-  const fs::file_status status = fs::status(path, unreadable);
-  if (!fs::exists(status)) return false;
-  isDirectory = fs::is_directory(status);
-  return true;
+  const auto kind = platform().files->kindOf(path);
+  if (kind) isDirectory = kind == FileKind::folder;
+  return kind.has_value();
 }
 
 std::optional<std::vector<std::string>> FileManager::contentsOfDirectoryAtPath(const std::string& path) {
-  std::error_code failure;
-  std::vector<std::string> names;
-  for (fs::directory_iterator entry(path, failure); entry != fs::directory_iterator(); entry.increment(failure)) {
-    names.push_back(entry->path().filename().string());
-  }
-  if (failure) return std::nullopt;
-  return names;
+  return platform().files->namesIn(path);
 }
 
 }  // namespace vorlix

@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+/// @file
+/// Paths as a test chooses them.
+#pragma once
+
+#include <Vorlix/platform/SystemPaths.h>
+
+#include <string>
+#include <utility>
+
+namespace vorlix {
+
+/// The usual paths until a test sets others. Not while another thread may log.
+class SimulatedSystemPaths : public SystemPaths {
+ public:
+  void setLogFile(std::string path) { logFile_ = std::move(path); }
+  void setStatusTool(std::string path) { statusTool_ = std::move(path); }
+
+  std::string logFile() override { return logFile_; }
+  std::string statusTool() override { return statusTool_; }
+
+ private:
+  std::string logFile_ = kLogFile;
+  std::string statusTool_ = kStatusTool;
+};
+
+}  // namespace vorlix

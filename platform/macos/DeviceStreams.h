@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <Vorlix/platform/DeviceStreams.h>
+
+namespace vorlix {
+
+/// funopen().
+class MacDeviceStreams final : public DeviceStreams {
+ public:
+  FILE* streamOver(std::unique_ptr<DeviceHandle> device) override;
+};
+
+}  // namespace vorlix
