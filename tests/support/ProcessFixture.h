@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "ChildBehaviour.h"
+#include "FileContent.h"
 
 namespace vorlix::test {
 
@@ -49,11 +50,6 @@ inline Texts childCommand(int number, Texts arguments = {}) {
   arguments = behaviour(number, std::move(arguments));
   arguments.insert(arguments.begin(), kChild);
   return arguments;
-}
-
-inline std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 inline std::string textOf(const Data& chunk) {
@@ -96,7 +92,7 @@ inline bool nothingIsLeftToCollect() {
 }
 
 /// The numbers of the descriptors that are open.
-inline std::vector<int> openDescriptors() {
+inline std::vector<int> numbersOfOpenDescriptors() {
   constexpr int kHighest = 255;
   std::vector<int> open;
   for (int i = 0; i <= kHighest; ++i) {
@@ -141,7 +137,7 @@ class NativeProcessTest : public testing::Test {
   NativeProcessTest() : folder_(testing::TempDir() + "vorlixXXXXXX"), scope_(nativePlatform()) {
     if (mkdtemp(folder_.data()) == nullptr) throw std::runtime_error("no temporary folder: " + folder_);
     setLogFilePath(inFolder("log"));
-    descriptors_ = openDescriptors();
+    descriptors_ = numbersOfOpenDescriptors();
   }
   ~NativeProcessTest() override {
     setLogFilePath("");
@@ -150,7 +146,7 @@ class NativeProcessTest : public testing::Test {
   }
 
   void TearDown() override {
-    EXPECT_EQ(openDescriptors(), descriptors_) << "a descriptor was left open";
+    EXPECT_EQ(numbersOfOpenDescriptors(), descriptors_) << "a descriptor was left open";
     // A child that was just asked to end may take a moment.
     EXPECT_TRUE(comesTrue([] { return nothingIsLeftToCollect() && !hasChildren(); })) << "a child was left behind";
   }
