@@ -13,13 +13,13 @@
 #include <optional>
 
 #include "DeviceWorlds.h"
+#include "tests/support/FileContent.h"
 
 namespace vorlix::contract {
 
 using Arguments = std::vector<std::string>;
 
-// --------------------------------------------------------------------------------------------- disk arbitration,
-// waited
+// ---------------------------------------------------------------------------------------- disk arbitration, waited
 
 /// The name's disk asked by `ask`, and the answer. Throws when none comes within a minute.
 template <typename Ask>
@@ -109,9 +109,8 @@ inline std::string missingTool(const std::vector<std::string>& tools) {
 }
 
 inline std::string readText(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) throw std::runtime_error("cannot read " + path);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  if (access(path.c_str(), R_OK) != 0) throw std::runtime_error("cannot read " + path);
+  return test::contentOf(path);
 }
 
 inline void writeText(const std::string& path, const std::string& text) {

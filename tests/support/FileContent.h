@@ -4,14 +4,17 @@
 #pragma once
 
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
+#include <utility>
 
 namespace vorlix::test {
 
+/// The bytes of a file, none where it cannot be read. Disk images take long if they are read byte by byte.
 inline std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  std::ostringstream content;
+  content << std::ifstream(path, std::ios::binary).rdbuf();
+  return std::move(content).str();
 }
 
 }  // namespace vorlix::test
