@@ -18,7 +18,6 @@ using test::everythingFrom;
 using test::kChild;
 using test::lookAtLoop;
 using test::runUntil;
-using test::textOf;
 using test::Texts;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -94,7 +93,7 @@ TEST_P(ChildProcessContract, WhatIsAvailableIsTakenWithoutWaiting) {
   const auto output = child->standardOutput();
   EXPECT_THAT(child->standardError()->readAvailable(), IsEmpty());
   std::string taken;
-  ASSERT_TRUE(comesTrue([&] { return (taken += textOf(output->readAvailable())) == "ready"; }));
+  ASSERT_TRUE(comesTrue([&] { return (taken += test::textOf(output->readAvailable())) == "ready"; }));
   EXPECT_THAT(output->readAvailable(), IsEmpty());
   child->terminate();
   EXPECT_THAT(output->read(), IsEmpty());
@@ -148,7 +147,7 @@ TEST_P(ChildProcessContract, AHandleLaunchesOnce) {
 
 TEST_P(ChildProcessContract, TerminatingEndsTheChildBySIGTERM) {
   const auto child = launch(behaviour(CHILD_STAY, {"ready", "60000"}));
-  EXPECT_EQ(textOf(child->standardOutput()->read()), "ready");
+  EXPECT_EQ(test::textOf(child->standardOutput()->read()), "ready");
   EXPECT_TRUE(child->isRunning());
   EXPECT_EQ(child->terminationStatus(), 0);
   child->terminate();
@@ -159,7 +158,7 @@ TEST_P(ChildProcessContract, TerminatingEndsTheChildBySIGTERM) {
 
 TEST_P(ChildProcessContract, AChildMayDeclineToEnd) {
   const auto child = launch(behaviour(CHILD_STUBBORN, {"ready", "1000", "0"}));
-  EXPECT_EQ(textOf(child->standardOutput()->read()), "ready");
+  EXPECT_EQ(test::textOf(child->standardOutput()->read()), "ready");
   child->terminate();
   std::this_thread::sleep_for(milliseconds(50));
   EXPECT_TRUE(child->isRunning());
@@ -170,7 +169,7 @@ TEST_P(ChildProcessContract, AChildMayDeclineToEnd) {
 TEST_P(ChildProcessContract, ABackgroundReadCompletesOnceInTheDefaultMode) {
   const auto child = launch(behaviour(CHILD_STAY, {"ready", "60000"}));
   Texts chunks;
-  child->standardOutput()->readInBackground([&](const Data& chunk) { chunks.push_back(textOf(chunk)); });
+  child->standardOutput()->readInBackground([&](const Data& chunk) { chunks.push_back(test::textOf(chunk)); });
   const auto loop = platform().runLoops->current();
   EXPECT_EQ(loop->run("another mode", milliseconds(50)), RunLoopResult::noSources);
   EXPECT_THAT(chunks, IsEmpty());
@@ -183,7 +182,7 @@ TEST_P(ChildProcessContract, ABackgroundReadCompletesOnceInTheDefaultMode) {
 TEST_P(ChildProcessContract, ABackgroundReadMayBeginBeforeTheLaunch) {
   const auto child = create();
   Texts chunks;
-  child->standardOutput()->readInBackground([&](const Data& chunk) { chunks.push_back(textOf(chunk)); });
+  child->standardOutput()->readInBackground([&](const Data& chunk) { chunks.push_back(test::textOf(chunk)); });
   EXPECT_EQ(lookAtLoop(), RunLoopResult::timedOut);
   child->launch(kChild, behaviour(CHILD_PRINT, {"x"}));
   ASSERT_TRUE(runUntil([&] { return !chunks.empty(); }));
@@ -196,7 +195,7 @@ TEST_P(ChildProcessContract, TheEndCompletesABackgroundReadWithAnEmptyChunk) {
   Texts chunks;
   std::function<void()> begin = [&] {
     output->readInBackground([&](const Data& chunk) {
-      chunks.push_back(textOf(chunk));
+      chunks.push_back(test::textOf(chunk));
       if (!chunk.empty()) begin();
     });
   };
@@ -220,7 +219,7 @@ TEST_P(ChildProcessContract, ANewReadTakesThePlaceOfAPendingOne) {
   const auto child = launch(behaviour(CHILD_PRINT, {"x"}));
   Texts chunks;
   child->standardOutput()->readInBackground([](const Data&) { FAIL() << "completed"; });
-  child->standardOutput()->readInBackground([&](const Data& chunk) { chunks.push_back(textOf(chunk)); });
+  child->standardOutput()->readInBackground([&](const Data& chunk) { chunks.push_back(test::textOf(chunk)); });
   ASSERT_TRUE(runUntil([&] { return !chunks.empty(); }));
   EXPECT_THAT(chunks, ElementsAre("x"));
   EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources);
@@ -255,9 +254,9 @@ TEST_P(ChildProcessContract, ACompletionMayRunTheLoop) {
   const auto child = launch(behaviour(CHILD_PRINT, {"x", "y"}));
   Texts chunks;
   child->standardOutput()->readInBackground([&](const Data& outer) {
-    child->standardError()->readInBackground([&](const Data& inner) { chunks.push_back(textOf(inner)); });
+    child->standardError()->readInBackground([&](const Data& inner) { chunks.push_back(test::textOf(inner)); });
     EXPECT_TRUE(runUntil([&] { return !chunks.empty(); }));
-    chunks.push_back(textOf(outer));
+    chunks.push_back(test::textOf(outer));
   });
   ASSERT_TRUE(runUntil([&] { return chunks.size() == 2; }));
   EXPECT_THAT(chunks, ElementsAre("y", "x"));

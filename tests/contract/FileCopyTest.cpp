@@ -13,7 +13,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct stat statusOf(const std::string& path) {
+struct stat fileStatus(const std::string& path) {
   struct stat status = {};
   if (lstat(path.c_str(), &status) != 0) throw std::runtime_error("cannot stat " + path);
   return status;
@@ -62,7 +62,7 @@ TEST_P(FileCopyContract, CopiesAFileWithItsModeAndTime) {
   age(folder_ / "from");
   EXPECT_EQ(copy("from", "to"), std::nullopt);
   EXPECT_TRUE(contentOf(folder_ / "to") == content);
-  const struct stat copied = statusOf(folder_ / "to");
+  const struct stat copied = fileStatus(folder_ / "to");
   EXPECT_EQ(copied.st_mode & 07777, 0640U);
   EXPECT_EQ(copied.st_mtim.tv_sec, kOldTime.tv_sec);
   EXPECT_TRUE(contentOf(folder_ / "from") == content);
@@ -73,9 +73,9 @@ TEST_P(FileCopyContract, CopiesAnEmptyFileAndOneThatCannotBeWritten) {
   make("protected", "bytes", 0444);
   EXPECT_EQ(copy("empty", "empty copy"), std::nullopt);
   EXPECT_EQ(copy("protected", "protected copy"), std::nullopt);
-  EXPECT_EQ(statusOf(folder_ / "empty copy").st_size, 0);
+  EXPECT_EQ(fileStatus(folder_ / "empty copy").st_size, 0);
   EXPECT_EQ(contentOf(folder_ / "protected copy"), "bytes");
-  EXPECT_EQ(statusOf(folder_ / "protected copy").st_mode & 07777, 0444U);
+  EXPECT_EQ(fileStatus(folder_ / "protected copy").st_mode & 07777, 0444U);
 }
 
 TEST_P(FileCopyContract, CopiesALinkAsALink) {
@@ -99,9 +99,9 @@ TEST_P(FileCopyContract, CopiesAFolderWithAllItsContents) {
   EXPECT_EQ(contentOf(folder_ / "to/inner/\xC3\xA4 second"), "two");
   EXPECT_TRUE(fs::is_directory(folder_ / "to/inner/empty"));
   EXPECT_EQ(fs::read_symlink(folder_ / "to/inner/link"), "../first");
-  EXPECT_EQ(statusOf(folder_ / "to/inner").st_mode & 07777, 0750U);
+  EXPECT_EQ(fileStatus(folder_ / "to/inner").st_mode & 07777, 0750U);
   for (const char* name : {"to", "to/inner", "to/inner/\xC3\xA4 second"}) {
-    EXPECT_EQ(statusOf(folder_ / name).st_mtim.tv_sec, kOldTime.tv_sec) << name;
+    EXPECT_EQ(fileStatus(folder_ / name).st_mtim.tv_sec, kOldTime.tv_sec) << name;
   }
 }
 
@@ -111,7 +111,7 @@ TEST_P(FileCopyContract, CopiesAFolderThatCannotBeWritten) {
   chmod((folder_ / "from").c_str(), 0555);
   EXPECT_EQ(copy("from", "to"), std::nullopt);
   EXPECT_EQ(contentOf(folder_ / "to/file"), "one");
-  EXPECT_EQ(statusOf(folder_ / "to").st_mode & 07777, 0555U);
+  EXPECT_EQ(fileStatus(folder_ / "to").st_mode & 07777, 0555U);
   chmod((folder_ / "from").c_str(), 0755);
   chmod((folder_ / "to").c_str(), 0755);
 }

@@ -77,7 +77,7 @@ void PrintTo(const MountWorldKind& kind, std::ostream* stream) {
 }
 
 std::unique_ptr<MountWorld> makeImageWorld(std::string& reason) {
-  reason = missingTool({"sgdisk", "mkfs.vfat", "mcopy"});
+  reason = missingTool({"sfdisk", "mkfs.vfat", "mcopy"});
 #ifdef __APPLE__
   reason = "image files are not mounted by this system's disk arbitration";
 #endif
@@ -86,7 +86,7 @@ std::unique_ptr<MountWorld> makeImageWorld(std::string& reason) {
 
 std::unique_ptr<MountWorld> makeLoopWorld(std::string& reason) {
   reason = LoopWorld::unavailable();
-  if (reason.empty()) reason = missingTool({"sgdisk", "mkfs.vfat", "mcopy", "partx"});
+  if (reason.empty()) reason = missingTool({"sfdisk", "mkfs.vfat", "mcopy", "partx"});
   return reason.empty() ? std::make_unique<LoopMountWorld>() : nullptr;
 }
 

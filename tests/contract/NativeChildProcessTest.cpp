@@ -18,7 +18,6 @@ using test::comesTrue;
 using test::everythingFrom;
 using test::kChild;
 using test::runUntil;
-using test::textOf;
 using test::Texts;
 using testing::IsEmpty;
 
@@ -182,7 +181,7 @@ TEST_F(NativeChildProcess, AChildThatGoesOnWithoutItsOutputIsEndedAllTheSame) {
 TEST_F(NativeChildProcess, OnlyTheChildIsAskedToEnd) {
   const auto child = platform().childProcess->create(ChildOutputs::shared, ChildInput::pipe);
   child->launch("/bin/sh", {"-c", "(sleep 0.5; echo survived) & echo ready; wait"});
-  EXPECT_EQ(textOf(child->standardOutput()->read()), "ready\n");
+  EXPECT_EQ(test::textOf(child->standardOutput()->read()), "ready\n");
   child->terminate();
   EXPECT_EQ(everythingFrom(*child->standardOutput()), "survived\n");
 }
@@ -208,11 +207,11 @@ TEST_F(NativeChildProcess, NoDescriptorsLeftRaises) {
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
   for (int i = dup(2); i >= 0; i = dup(2)) taken.push_back(i);
   ASSERT_GE(taken.size(), 6u);
-  const size_t all = test::openDescriptors().size();
+  const size_t all = test::numbersOfOpenDescriptors().size();
   // The pipes take six descriptors and one more in passing; with fewer, none of them stays open.
   for (size_t spare = 0; spare < 6; ++spare) {
     EXPECT_THROW(platform().childProcess->create(ChildOutputs::separate, ChildInput::pipe), std::system_error) << spare;
-    EXPECT_EQ(test::openDescriptors().size(), all - spare);
+    EXPECT_EQ(test::numbersOfOpenDescriptors().size(), all - spare);
     close(taken.back());
     taken.pop_back();
   }

@@ -13,13 +13,13 @@
 #include <optional>
 
 #include "DeviceWorlds.h"
+#include "tests/support/FileContent.h"
 
 namespace vorlix::contract {
 
 using Arguments = std::vector<std::string>;
 
-// --------------------------------------------------------------------------------------------- disk arbitration,
-// waited
+// ---------------------------------------------------------------------------------------- disk arbitration, waited
 
 /// The name's disk asked by `ask`, and the answer. Throws when none comes within a minute.
 template <typename Ask>
@@ -109,9 +109,8 @@ inline std::string missingTool(const std::vector<std::string>& tools) {
 }
 
 inline std::string readText(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) throw std::runtime_error("cannot read " + path);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  if (access(path.c_str(), R_OK) != 0) throw std::runtime_error("cannot read " + path);
+  return test::contentOf(path);
 }
 
 inline void writeText(const std::string& path, const std::string& text) {
@@ -127,10 +126,12 @@ constexpr uint64_t kVolumeOffset = 1024 * 1024;
 /// bits, called `label`, and with the files EFI/Boot/bootx64.efi ("boot code") and readme.txt ("read me"). Behind the
 /// slice stand bytes 0xA5 to the end of the image.
 inline void makeFATImage(const std::string& path, int bits, int megabytes, const std::string& label = "MAC EFI") {
-  const std::string count = std::to_string(megabytes);
   const uint64_t end = kVolumeOffset + static_cast<uint64_t>(megabytes) * 1024 * 1024;
   writeImage(path, {}, end + 1024 * 1024);
-  shell("sgdisk --clear --new=1:2048:+" + count + "M --typecode=1:ef00 --change-name=1:'EFI system' '" + path + "'");
+  // Not by sgdisk, which syncs every disk of the machine and then sleeps a second.
+  shell("echo 'start=2048, size=" + std::to_string(megabytes * 2048) +
+        ", type=C12A7328-F81F-11D2-BA4B-00A0C93EC93B, name=\"EFI system\"' | sfdisk --quiet --label gpt '" + path +
+        "'");
   const std::string clusters = bits == 32 ? " -s 1" : "";
   shell("mkfs.vfat -F " + std::to_string(bits) + clusters + " -n '" + label + "' -i 1234ABCD --offset 2048 '" + path +
         "' " + std::to_string(megabytes * 1024));

@@ -15,7 +15,7 @@ import unittest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 from support import images  # noqa: E402
 
-GIB = 1 << 30
+LARGE = 64 << 20  # many times what a pipe and the packers hold
 # Names with what a shell or a careless program could trip over, and which are to be measured all the same.
 AWKWARD_NAMES = ["a b", "it's", "'quoted'", "Überprüfung ☃ 😀", "日本語", "semi;colon & pipe|", "(round)", "~", "#", "!", "a\nb",
                  "100%s", "{a,b}", " "]
@@ -127,15 +127,15 @@ class Measured(ImageSize):
         self.assert_size(self.gz("empty.gz", b""), "0 bytes")
         self.assert_size(self.zip("empty.zip", {"nothing": b""}), "0 bytes")
 
-    def test_a_gib_of_zeros(self):
+    def test_many_zeros(self):
         for name, packer in (("zeros.gz", ["gzip", "-1c"]), ("zeros.zip", ["zip", "-q", "-1", "-", "-"])):
             with self.subTest(name):
                 with open(os.path.join(self.work, name), "wb") as target, subprocess.Popen(
-                        [images.tool("head"), "-c", str(GIB), "/dev/zero"], stdout=subprocess.PIPE) as zeros:
+                        [images.tool("head"), "-c", str(LARGE), "/dev/zero"], stdout=subprocess.PIPE) as zeros:
                     packing = subprocess.run([images.tool(packer[0]), *packer[1:]], stdin=zeros.stdout, stdout=target)
                 self.assertEqual((packing.returncode, zeros.returncode), (0, 0))
-                self.assertLess(os.path.getsize(os.path.join(self.work, name)), GIB // 100)
-                self.assert_size(name, "1073741824 bytes (1.07 GB)")
+                self.assertLess(os.path.getsize(os.path.join(self.work, name)), LARGE // 100)
+                self.assert_size(name, "67108864 bytes (67.11 MB)")
 
     def test_a_link_to_an_image(self):
         self.gz("win.gz", b"x" * 5)
@@ -341,7 +341,7 @@ class Terminal(ImageSize):
 
     def test_a_bar_moves_and_is_wiped_away(self):
         with open(os.path.join(self.work, "big.gz"), "wb") as target, subprocess.Popen(
-                [images.tool("head"), "-c", str(GIB // 4), "/dev/zero"], stdout=subprocess.PIPE) as zeros:
+                [images.tool("head"), "-c", str(256 << 20), "/dev/zero"], stdout=subprocess.PIPE) as zeros:
             subprocess.run([images.tool("gzip"), "-1c"], stdin=zeros.stdout, stdout=target, check=True)
         status, output, sent = self.on_terminal("big.gz")
         self.assertEqual((status, output), (0, b"268435456 bytes (268.44 MB)\n"))

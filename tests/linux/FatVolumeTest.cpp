@@ -14,7 +14,7 @@ namespace {
 class FatVolumeTest : public testing::TestWithParam<int> {
  protected:
   void SetUp() override {
-    const std::string missing = missingTool({"sgdisk", "mkfs.vfat", "mcopy", "mattrib"});
+    const std::string missing = missingTool({"sfdisk", "mkfs.vfat", "mcopy", "mattrib"});
     if (!missing.empty()) GTEST_SKIP() << missing;
     makeFATImage(image_, bits(), megabytes());
   }

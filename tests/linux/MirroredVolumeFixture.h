@@ -10,7 +10,7 @@ namespace vorlix::contract {
 class MirroredVolume : public testing::Test {
  protected:
   void SetUp() override {
-    const std::string missing = missingTool({"sgdisk", "mkfs.vfat", "fsck.vfat", "mcopy"});
+    const std::string missing = missingTool({"sfdisk", "mkfs.vfat", "fsck.vfat", "mcopy"});
     if (!missing.empty()) GTEST_SKIP() << missing;
     makeFATImage(image_, 16, 16);
     before_ = readText(image_);

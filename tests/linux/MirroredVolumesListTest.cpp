@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 class MirroredVolumesInTheList : public testing::Test {
  protected:
   void SetUp() override {
-    const std::string missing = missingTool({"sgdisk", "mkfs.vfat", "fsck.vfat", "mcopy", "minfo"});
+    const std::string missing = missingTool({"sfdisk", "mkfs.vfat", "fsck.vfat", "mcopy", "minfo"});
     if (!missing.empty()) GTEST_SKIP() << missing;
   }
 

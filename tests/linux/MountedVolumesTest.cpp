@@ -371,7 +371,7 @@ TEST_F(LinuxMountedVolumesTest, APartitionOfALoopDeviceIsListedByItsNode) {
 }
 
 TEST_F(LinuxMountedVolumesTest, MirroredVolumesComeAfterThoseOfTheKernel) {
-  const std::string missing = missingTool({"sgdisk", "mkfs.vfat", "mcopy"});
+  const std::string missing = missingTool({"sfdisk", "mkfs.vfat", "mcopy"});
   if (!missing.empty()) GTEST_SKIP() << missing;
   const std::string image = folder_ / "fat.img";
   makeFATImage(image, 12, 4);

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "ChildBehaviour.h"
+#include "FileContent.h"
 
 namespace vorlix::test {
 
@@ -50,11 +51,6 @@ inline Texts childCommand(int number, Texts arguments = {}) {
   arguments = behaviour(number, std::move(arguments));
   arguments.insert(arguments.begin(), kChild);
   return arguments;
-}
-
-inline std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 inline std::string textOf(const Data& chunk) {
@@ -97,7 +93,7 @@ inline bool nothingIsLeftToCollect() {
 }
 
 /// The numbers of the descriptors that are open.
-inline std::vector<int> openDescriptors() {
+inline std::vector<int> numbersOfOpenDescriptors() {
   constexpr int kHighest = 255;
   std::vector<int> open;
   for (int i = 0; i <= kHighest; ++i) {
@@ -145,7 +141,7 @@ class NativeProcessTest : public testing::Test {
     Platform ports = platform();
     ports.systemPaths = paths_;
     setPlatform(std::move(ports));
-    descriptors_ = openDescriptors();
+    descriptors_ = numbersOfOpenDescriptors();
   }
   ~NativeProcessTest() override {
     std::error_code ignored;
@@ -153,7 +149,7 @@ class NativeProcessTest : public testing::Test {
   }
 
   void TearDown() override {
-    EXPECT_EQ(openDescriptors(), descriptors_) << "a descriptor was left open";
+    EXPECT_EQ(numbersOfOpenDescriptors(), descriptors_) << "a descriptor was left open";
     // A child that was just asked to end may take a moment.
     EXPECT_TRUE(comesTrue([] { return nothingIsLeftToCollect() && !hasChildren(); })) << "a child was left behind";
   }

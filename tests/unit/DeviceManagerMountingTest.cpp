@@ -15,8 +15,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr const char* kSchedule = "schedule kCFRunLoopDefaultMode";
-constexpr const char* kRun = "run kCFRunLoopDefaultMode 100";
 constexpr const char* kMountRun = "run MountCallbackMode 20000";
 constexpr const char* kMountUnschedule = "unschedule MountCallbackMode";
 constexpr const char* kUnmountRun = "run MyCallbackMode 20000";

@@ -37,12 +37,6 @@ class ChosenFiles : public FileManager {
   std::set<std::string> files_;
 };
 
-SimulatedRun printing(const std::string& output) {
-  SimulatedRun run;
-  if (!output.empty()) run.pieces = {{Stream::output, output}};
-  return run;
-}
-
 class DeviceManagerSIPTest : public DeviceManagerTest {
  protected:
   void SetUp() override {
@@ -116,10 +110,10 @@ TEST_F(DeviceManagerSIPTest, WithoutTheToolItIsNotEnabledAndNothingIsRun) {
 
 TEST_F(DeviceManagerSIPTest, StandardErrorAndTheExitStatusAreNotLookedAt) {
   SimulatedRun run;
-  run.pieces = {{Stream::error, kDisabled}, {Stream::output, kEnabled}};
+  run.pieces = {{SimulatedRun::Stream::error, kDisabled}, {SimulatedRun::Stream::output, kEnabled}};
   run.status = 1;
   EXPECT_TRUE(enabledAfter(run));
-  run.pieces = {{Stream::error, kEnabled}};
+  run.pieces = {{SimulatedRun::Stream::error, kEnabled}};
   EXPECT_FALSE(enabledAfter(run));
 }
 
@@ -141,8 +135,10 @@ TEST_F(DeviceManagerSIPTest, ShowingTheProtectionDoesNothing) {
 
 TEST_F(DeviceManagerSIPTest, AProgramsStandardOutputIsReadToItsEndAsItIs) {
   SimulatedRun run;
-  run.pieces = {
-      {Stream::output, "one\r\n"}, {Stream::error, "no"}, {Stream::output, "\n two\xC3"}, {Stream::output, "\xA4\n"}};
+  run.pieces = {{SimulatedRun::Stream::output, "one\r\n"},
+                {SimulatedRun::Stream::error, "no"},
+                {SimulatedRun::Stream::output, "\n two\xC3"},
+                {SimulatedRun::Stream::output, "\xA4\n"}};
   run.status = 7;
   machine.addProgram("/tool", run);
   EXPECT_EQ(manager->standardOutputForTask({"/tool", {"a", "b c"}}), "one\r\n\n two\xC3\xA4\n");

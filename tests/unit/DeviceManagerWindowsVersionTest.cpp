@@ -13,17 +13,9 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-using Stream = SimulatedRun::Stream;
-
 constexpr const char* kTool = "/Host/Resources/tools/bin/registry_lookup";
 constexpr const char* kGrep = "/usr/bin/grep";
 constexpr const char* kKey = "Microsoft/Windows NT/CurrentVersion";
-
-SimulatedRun printing(const std::string& output) {
-  SimulatedRun run;
-  if (!output.empty()) run.pieces = {{Stream::output, output}};
-  return run;
-}
 
 class DeviceManagerWindowsVersionTest : public DeviceManagerTest {
  protected:

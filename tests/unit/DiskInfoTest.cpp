@@ -131,9 +131,9 @@ TEST(DiskInfoTest, ADescriptionOfOtherTypesIsAccepted) {
   expectNothing(*QDDiskInfo::initWithDiskArbitrationInfo(odd));
 }
 
-class DiskInfoLookupTest : public DiskTest {
+class DiskInfoItemTypeTest : public DiskTest {
  protected:
-  DiskInfoLookupTest() {
+  DiskInfoItemTypeTest() {
     machine.addDisk("disk2", 1 << 20, 512);
     machine.addSlice("disk2", 1, 8, 100);
     addVolume("disk2s1", "/Volumes/EFI", true);
@@ -141,62 +141,62 @@ class DiskInfoLookupTest : public DiskTest {
   static URL at(const char* path) { return URL::fileURLWithPath(path); }
 };
 
-TEST_F(DiskInfoLookupTest, TypeZeroIsAVolumeByItsMountPoint) {
+TEST_F(DiskInfoItemTypeTest, TypeZeroIsAVolumeByItsMountPoint) {
   const auto disk = QDDiskInfo::diskForItemType(0, at("/Volumes/EFI"));
   ASSERT_TRUE(disk);
   EXPECT_EQ(disk->bsdName(), "disk2s1");
   EXPECT_FALSE(QDDiskInfo::diskForItemType(0, at("/dev/disk2s1")));
 }
 
-TEST_F(DiskInfoLookupTest, TypeOneIsADeviceByItsNode) {
+TEST_F(DiskInfoItemTypeTest, TypeOneIsADeviceByItsNode) {
   const auto disk = QDDiskInfo::diskForItemType(1, at("/dev/disk2"));
   ASSERT_TRUE(disk);
   EXPECT_EQ(disk->bsdName(), "disk2");
   EXPECT_FALSE(QDDiskInfo::diskForItemType(1, at("/Volumes/EFI")));
 }
 
-TEST_F(DiskInfoLookupTest, AnyOtherTypeGivesNothing) {
+TEST_F(DiskInfoItemTypeTest, AnyOtherTypeGivesNothing) {
   for (const int64_t type : {int64_t{2}, int64_t{-1}, int64_t{1} << 32, (int64_t{1} << 32) + 1}) {
     EXPECT_FALSE(QDDiskInfo::diskForItemType(type, at("/dev/disk2"))) << type;
     EXPECT_FALSE(QDDiskInfo::diskForItemType(type, at("/Volumes/EFI"))) << type;
   }
 }
 
-TEST_F(DiskInfoLookupTest, EachLookupOpensAndClosesItsOwnConnection) {
+TEST_F(DiskInfoItemTypeTest, EachLookupOpensAndClosesItsOwnConnection) {
   static_cast<void>(QDDiskInfo::diskForItemType(1, at("/dev/disk2")));
   static_cast<void>(QDDiskInfo::diskForItemType(2, at("/dev/disk2")));
   EXPECT_EQ(machine.journal(), (Lines{"session open", "session close", "session open", "session close"}));
 }
 
-TEST_F(DiskInfoLookupTest, ADiskIsOfUseAfterItsConnectionWasClosed) {
+TEST_F(DiskInfoItemTypeTest, ADiskIsOfUseAfterItsConnectionWasClosed) {
   const auto info = QDDiskInfo::infoForDeviceAtURL(at("/dev/disk2"));
   ASSERT_TRUE(info);
   EXPECT_EQ(machine.journal(), (Lines{"session open", "session close", "describe disk2"}));
   EXPECT_EQ(info->mediaBlockSize(), Number::numberWithLongLong(512));
 }
 
-TEST_F(DiskInfoLookupTest, AVolumesRecordHasWhatIsKnownOfIt) {
+TEST_F(DiskInfoItemTypeTest, AVolumesRecordHasWhatIsKnownOfIt) {
   const auto info = QDDiskInfo::infoForVolumeAtURL(at("/Volumes/EFI"));
   ASSERT_TRUE(info);
   EXPECT_EQ(info->volumeKind(), "msdos");
   EXPECT_EQ(info->volumePath(), at("/Volumes/EFI"));
 }
 
-TEST_F(DiskInfoLookupTest, WithoutADiskThereIsNoRecord) {
+TEST_F(DiskInfoItemTypeTest, WithoutADiskThereIsNoRecord) {
   EXPECT_FALSE(QDDiskInfo::infoForDeviceAtURL(at("/dev/disk9")));
   EXPECT_FALSE(QDDiskInfo::infoForDeviceAtURL(at("/Volumes/EFI")));
   EXPECT_FALSE(QDDiskInfo::infoForVolumeAtURL(at("/Volumes/Other")));
   EXPECT_FALSE(QDDiskInfo::infoForVolumeAtURL(at("/dev/disk2s1")));
 }
 
-TEST_F(DiskInfoLookupTest, WithoutAConnectionThereIsNoDiskNorRecord) {
+TEST_F(DiskInfoItemTypeTest, WithoutAConnectionThereIsNoDiskNorRecord) {
   machine.refuseSessions();
   EXPECT_FALSE(QDDiskInfo::diskForItemType(1, at("/dev/disk2")));
   EXPECT_FALSE(QDDiskInfo::infoForDeviceAtURL(at("/dev/disk2")));
   EXPECT_FALSE(QDDiskInfo::infoForVolumeAtURL(at("/Volumes/EFI")));
 }
 
-TEST_F(DiskInfoLookupTest, ADiskWithoutADescriptionGivesAnEmptyRecord) {
+TEST_F(DiskInfoItemTypeTest, ADiskWithoutADescriptionGivesAnEmptyRecord) {
   machine.hideDescription("disk2");
   const auto info = QDDiskInfo::infoForDeviceAtURL(at("/dev/disk2"));
   ASSERT_TRUE(info);

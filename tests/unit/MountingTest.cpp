@@ -24,9 +24,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr const char* kSchedule = "schedule kCFRunLoopDefaultMode";
 constexpr const char* kUnschedule = "unschedule kCFRunLoopDefaultMode";
-constexpr const char* kRun = "run kCFRunLoopDefaultMode 100";
 
 class MountingTest : public DiskTest {
  protected:

@@ -12,12 +12,12 @@ using vorlix::KeyedArchiver;
 using vorlix::KeyedUnarchiver;
 using vorlix::UUID;
 
-std::shared_ptr<QDVolume> decoded(const Data& archive) {
+std::shared_ptr<QDVolume> volumeIn(const Data& archive) {
   return KeyedUnarchiver::unarchivedObject<QDVolume>(archive);
 }
 
 std::shared_ptr<QDVolume> roundTrip(const std::shared_ptr<QDVolume>& volume) {
-  return decoded(KeyedArchiver::archivedDataWithRootObject(volume));
+  return volumeIn(KeyedArchiver::archivedDataWithRootObject(volume));
 }
 
 // The members of "$objects" after "$null".
@@ -167,46 +167,46 @@ TEST(QDVolumeArchiveTest, DecodedBuffersAndTextsGrow) {
 }
 
 TEST(QDVolumeArchiveTest, AnArchiveWithoutEntriesGivesARecordWithoutABuffer) {
-  const auto back = decoded(archiveWith(""));
+  const auto back = volumeIn(archiveWith(""));
   ASSERT_NE(back, nullptr);
   EXPECT_EQ(back->description(), "     File System Size:0\n");
   EXPECT_FALSE(back->isVM() || back->isBootable() || back->isRemovable());
 }
 
 TEST(QDVolumeArchiveTest, IsVMIsReadAsANumberObjectOrAPlainValue) {
-  EXPECT_TRUE(decoded(archiveWith(entry("isVM", "<true/>")))->isVM());
-  EXPECT_TRUE(decoded(archiveWith(entry("isVM", uid(3)), "<true/>"))->isVM());
-  EXPECT_TRUE(decoded(archiveWith(entry("isVM", uid(3)), "<integer>7</integer>"))->isVM());
-  EXPECT_FALSE(decoded(archiveWith(entry("isVM", "<false/>")))->isVM());
-  EXPECT_FALSE(decoded(archiveWith(entry("isVM", uid(3)), "<string>YES</string>"))->isVM());
-  EXPECT_FALSE(decoded(archiveWith(entry("isVM", uid(0))))->isVM());
+  EXPECT_TRUE(volumeIn(archiveWith(entry("isVM", "<true/>")))->isVM());
+  EXPECT_TRUE(volumeIn(archiveWith(entry("isVM", uid(3)), "<true/>"))->isVM());
+  EXPECT_TRUE(volumeIn(archiveWith(entry("isVM", uid(3)), "<integer>7</integer>"))->isVM());
+  EXPECT_FALSE(volumeIn(archiveWith(entry("isVM", "<false/>")))->isVM());
+  EXPECT_FALSE(volumeIn(archiveWith(entry("isVM", uid(3)), "<string>YES</string>"))->isVM());
+  EXPECT_FALSE(volumeIn(archiveWith(entry("isVM", uid(0))))->isVM());
 }
 
 TEST(QDVolumeArchiveTest, NumbersOtherThanZeroAreTrueFlags) {
-  const auto back = decoded(archiveWith(entry("isBootable", uid(3)) + entry("isRemovable", uid(4)),
-                                        "<integer>2</integer><integer>0</integer>"));
+  const auto back = volumeIn(archiveWith(entry("isBootable", uid(3)) + entry("isRemovable", uid(4)),
+                                         "<integer>2</integer><integer>0</integer>"));
   EXPECT_TRUE(back->isBootable());
   EXPECT_FALSE(back->isRemovable());
 }
 
 TEST(QDVolumeArchiveTest, AVolumeTypeIsReadThoughItIsNeverWritten) {
-  EXPECT_EQ(decoded(archiveWith(entry("volumeType", uid(3)), "<string>disk</string>"))->volumeType(), "disk");
+  EXPECT_EQ(volumeIn(archiveWith(entry("volumeType", uid(3)), "<string>disk</string>"))->volumeType(), "disk");
 }
 
 TEST(QDVolumeArchiveTest, TheFileSystemTypesOwnEntryIsNotRead) {
-  EXPECT_FALSE(decoded(archiveWith(entry("fileSystemType", uid(3)), "<string>ntfs</string>"))->fileSystemType());
+  EXPECT_FALSE(volumeIn(archiveWith(entry("fileSystemType", uid(3)), "<string>ntfs</string>"))->fileSystemType());
 }
 
 TEST(QDVolumeArchiveTest, TextUnderTheMapNameGivesNoFileSystemType) {
   const auto back =
-      decoded(archiveWith(entry("MVMapName", uid(3)) + entry("diskName", uid(3)), "<string>ntfs</string>"));
+      volumeIn(archiveWith(entry("MVMapName", uid(3)) + entry("diskName", uid(3)), "<string>ntfs</string>"));
   ASSERT_NE(back, nullptr);
   EXPECT_FALSE(back->fileSystemType());
   EXPECT_EQ(back->diskName(), "ntfs");
 }
 
 TEST(QDVolumeArchiveTest, ThePasswordsEntryIsNotRead) {
-  EXPECT_FALSE(decoded(archiveWith(entry("vmPassword", uid(3)), "<string>c2VjcmV0</string>"))->vmPassword());
+  EXPECT_FALSE(volumeIn(archiveWith(entry("vmPassword", uid(3)), "<string>c2VjcmV0</string>"))->vmPassword());
 }
 
 // A class below that starts with a password, which is then the key that is looked up.
@@ -236,7 +236,7 @@ TEST(QDVolumeArchiveTest, EntriesOfAnotherClassAreAbsent) {
                           "isRemovable", "volumeType", "volumeUUID", "mediaUUID", "mediaContentUUID"}) {
     entries += entry(key, uid(1));
   }
-  const auto back = decoded(archiveWith(entries));
+  const auto back = volumeIn(archiveWith(entries));
   ASSERT_NE(back, nullptr);
   EXPECT_EQ(back->description(), "     File System Size:0\n");
   EXPECT_FALSE(back->isVM() || back->isBootable() || back->isRemovable());
@@ -245,7 +245,7 @@ TEST(QDVolumeArchiveTest, EntriesOfAnotherClassAreAbsent) {
 }
 
 TEST(QDVolumeArchiveTest, ARecordOfAnotherClassIsNone) {
-  EXPECT_EQ(decoded(archiveOf("<dict>" + entry("$class", uid(2)) + "</dict>" + classNamed("QDDiskInfo"))), nullptr);
+  EXPECT_EQ(volumeIn(archiveOf("<dict>" + entry("$class", uid(2)) + "</dict>" + classNamed("QDDiskInfo"))), nullptr);
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ namespace {
 using testing::Each;
 using testing::ElementsAre;
 
-constexpr uint8_t kOld = 0xA5;
+constexpr uint8_t kFiller = 0xA5;
 constexpr const char* kReadingGPT = "Reading GPT. line:327Setting signature to aa55";
 
 // What a call makes of a record full of old bytes.
@@ -30,9 +30,9 @@ class ReadGPT : public FlatTest {
   Result read(const ByteVector& bytes, uint32_t count, uint32_t active = 0, int guard = 0,
               uint64_t lastUsableLBA = 2097118) {
     Result result;
-    std::memset(&result.table, kOld, sizeof result.table);
+    std::memset(&result.table, kFiller, sizeof result.table);
     result.entries.resize(size_t{count} + 1);
-    std::memset(result.entries.data(), kOld, result.entries.size() * sizeof(GPTEntry));
+    std::memset(result.entries.data(), kFiller, result.entries.size() * sizeof(GPTEntry));
     GPTHeader header = {};
     header.number_of_entries = count;
     header.last_usable_lba = lastUsableLBA;
@@ -50,7 +50,7 @@ class ReadGPT : public FlatTest {
 
 bool isOld(const void* bytes, size_t count) {
   const auto* const from = static_cast<const uint8_t*>(bytes);
-  return std::all_of(from, from + count, [](uint8_t byte) { return byte == kOld; });
+  return std::all_of(from, from + count, [](uint8_t byte) { return byte == kFiller; });
 }
 
 // EFI System 40..409639, HFS+ 409640..1606499, basic data 1606500..2008124, APFS 2008125..2088449.
@@ -59,7 +59,8 @@ ByteVector fourEntries() {
                  entryBytes(kBasicDataType, 1606500, 2008124), entryBytes(kAPFSType, 2008125, 2088449)});
 }
 
-const std::vector<uint32_t> kOldSlot = {kOld, kOld, kOld, 0xA5A5, kOld, kOld, kOld, 0xA5A5, 0xA5A5A5A5, 0xA5A5A5A5};
+const std::vector<uint32_t> kOldSlot = {kFiller, kFiller, kFiller, 0xA5A5,     kFiller,
+                                        kFiller, kFiller, 0xA5A5,  0xA5A5A5A5, 0xA5A5A5A5};
 
 // --------------------------------------------------------------------------------------------------------- entries
 
@@ -108,7 +109,7 @@ TEST_F(ReadGPT, HeaderWithoutEntriesSetsTheSignatureOnly) {
 
 TEST_F(ReadGPT, LeavesBootCodeAndLeadingWordAlone) {
   const Result result = read(fourEntries(), 4);
-  EXPECT_THAT(result.table.boot_code, Each(kOld));
+  EXPECT_THAT(result.table.boot_code, Each(kFiller));
   EXPECT_EQ(static_cast<uint32_t>(result.table.reserved), 0xA5A5A5A5);
   EXPECT_EQ(result.table.signature, 0xAA55);
 }

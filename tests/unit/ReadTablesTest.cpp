@@ -88,11 +88,11 @@ ByteVector sectorZero() {
   return sector;
 }
 
-constexpr uint8_t kOld = 0xA5;
+constexpr uint8_t kFilled = 0xA5;
 
 PartitionTable oldTable() {
   PartitionTable table;
-  std::memset(&table, kOld, sizeof table);
+  std::memset(&table, kFilled, sizeof table);
   return table;
 }
 
@@ -237,7 +237,7 @@ TEST_F(ReadMBR, FailingDeviceLeavesTheFieldsAsTheyWere) {
   PartitionTable table = oldTable();
   uint32_t active = 77;
   read_bios_partition_table(stream.get(), &table, &active);
-  EXPECT_THAT(ByteVector(table.boot_code, table.boot_code + 446), Each(kOld));
+  EXPECT_THAT(ByteVector(table.boot_code, table.boot_code + 446), Each(kFilled));
   for (const MBRPartitionEntry& slot : table.parts) EXPECT_EQ(fields(slot), fields(oldTable().parts[0]));
   EXPECT_EQ(table.signature, 0xAA55);
   EXPECT_EQ(active, 77U);
@@ -306,13 +306,13 @@ TEST_F(ReadGPTHeader, ShortStreamLeavesTheFieldsItDoesNotReachAsTheyWere) {
   read_gpt_header(streamOf(sector).get(), &whole);
   for (size_t length = 0; length <= sector.size(); ++length) {
     GPTHeader header;
-    std::memset(&header, kOld, sizeof header);
+    std::memset(&header, kFilled, sizeof header);
     read_gpt_header(streamOf({sector.begin(), sector.begin() + static_cast<std::ptrdiff_t>(length)}).get(), &header);
     size_t taken = 0;
     for (const size_t end : kEnds) taken = end <= length ? end : taken;
     const auto* const got = reinterpret_cast<const uint8_t*>(&header);
     ASSERT_EQ(std::memcmp(got, &whole, taken), 0) << length;
-    ASSERT_THAT(ByteVector(got + taken, got + sizeof header), Each(kOld)) << length;
+    ASSERT_THAT(ByteVector(got + taken, got + sizeof header), Each(kFilled)) << length;
   }
 }
 

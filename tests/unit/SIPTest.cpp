@@ -14,8 +14,6 @@
 namespace vorlix::test {
 namespace {
 
-using Stream = SimulatedRun::Stream;
-
 class SIPTest : public FlatTest {
  protected:
   SIPTest() {
@@ -25,7 +23,7 @@ class SIPTest : public FlatTest {
 
   bool enabledAfter(const std::string& output) {
     SimulatedRun run;
-    if (!output.empty()) run.pieces = {{Stream::output, output}};
+    if (!output.empty()) run.pieces = {{SimulatedRun::Stream::output, output}};
     machine.addProgram(tool, run);
     return QDSUtilities::isSIPEnabled();
   }
@@ -80,22 +78,24 @@ TEST_F(SIPTest, UnknownOrCustomOrAnErrorIsTrue) {
 
 TEST_F(SIPTest, TheTextIsPutTogetherFromItsPieces) {
   SimulatedRun run;
-  run.pieces = {
-      {Stream::output, "System Integrity Prot"}, {Stream::output, "ection status: dis"}, {Stream::output, "abled."}};
+  run.pieces = {{SimulatedRun::Stream::output, "System Integrity Prot"},
+                {SimulatedRun::Stream::output, "ection status: dis"},
+                {SimulatedRun::Stream::output, "abled."}};
   machine.addProgram(tool, run);
   EXPECT_FALSE(QDSUtilities::isSIPEnabled());
 }
 
 TEST_F(SIPTest, StandardErrorIsNotLookedAt) {
   SimulatedRun run;
-  run.pieces = {{Stream::error, "System Integrity Protection status: disabled."}, {Stream::output, "enabled"}};
+  run.pieces = {{SimulatedRun::Stream::error, "System Integrity Protection status: disabled."},
+                {SimulatedRun::Stream::output, "enabled"}};
   machine.addProgram(tool, run);
   EXPECT_TRUE(QDSUtilities::isSIPEnabled());
 }
 
 TEST_F(SIPTest, TheExitStatusIsNotLookedAt) {
   SimulatedRun run;
-  run.pieces = {{Stream::output, "System Integrity Protection status: enabled."}};
+  run.pieces = {{SimulatedRun::Stream::output, "System Integrity Protection status: enabled."}};
   run.status = 1;
   machine.addProgram(tool, run);
   EXPECT_TRUE(QDSUtilities::isSIPEnabled());
@@ -107,7 +107,7 @@ TEST_F(SIPTest, OutputThatIsNotUTF8IsFalse) {
 
 TEST_F(SIPTest, ACharacterCutByAPieceIsStillUTF8) {
   SimulatedRun run;
-  run.pieces = {{Stream::output, "\xC3"}, {Stream::output, "\xA4"}};
+  run.pieces = {{SimulatedRun::Stream::output, "\xC3"}, {SimulatedRun::Stream::output, "\xA4"}};
   machine.addProgram(tool, run);
   EXPECT_TRUE(QDSUtilities::isSIPEnabled());
 }

@@ -18,7 +18,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr const char* kAsk = "Are you sure you want to write out a new partition table? <y/n> ";
-constexpr const char* kAskShared =
+constexpr const char* kAskSharedDisk =
     "Cannot get exclusive access to disk0.  You'll need to reboot if you choose to continue.  Continue? <y/n> ";
 constexpr const char* kDeclined = "Exiting without writing.";
 
@@ -295,7 +295,7 @@ TEST_F(WriteSector, EveryOtherSwitchValueAsksNothing) {
 
 TEST_F(WriteSector, InteractiveAsksBeforeItFallsBackToASharedLock) {
   machine.lockElsewhere("disk0", DeviceLock::shared);
-  EXPECT_EQ(ask("y\ny\n"), std::string(kAsk) + kAskShared);
+  EXPECT_EQ(ask("y\ny\n"), std::string(kAsk) + kAskSharedDisk);
   EXPECT_TRUE(written());
   EXPECT_EQ(log(), openingExclusive + fallingBack + loggedUpToTheFile() + "Writing signature of aa55");
 }
@@ -306,7 +306,7 @@ TEST_F(WriteSector, InteractiveDoesNotFallBackOnAnyOtherAnswer) {
   for (const char* answers : {"y\nn\n", "y\nY\n", "y\n", "yes\nyes\n"}) {
     forgetLog();
     machine.clearJournal();
-    EXPECT_EQ(ask(answers), std::string(kAsk) + kAskShared + kDeclined) << answers;
+    EXPECT_EQ(ask(answers), std::string(kAsk) + kAskSharedDisk + kDeclined) << answers;
     EXPECT_EQ(log(), openingExclusive + "Failed to open device.") << answers;
     EXPECT_TRUE(untouched()) << answers;
     EXPECT_THAT(machine.journal(), ElementsAre("open disk0 write exclusive: EWOULDBLOCK")) << answers;

@@ -19,7 +19,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr int kSchema = 1;
+constexpr int kArchiveSchema = 1;
 
 Json textJson(const std::optional<std::string>& text) {
   return text ? Json(*text) : Json();
@@ -36,7 +36,7 @@ Json hexJson(const std::shared_ptr<Data>& bytes) {
   return text;
 }
 
-Json volumeJson(const QDVolume& volume) {
+Json recordJson(const QDVolume& volume) {
   const auto usage = volume.usageDescription();
   const auto partition = volume.partitionID();
   const auto info = volume.info();
@@ -80,10 +80,10 @@ std::string fieldText(const Json& value) {
 
 void showArchive(const std::string& file, bool asJson) {
   const Data bytes = readFile(file, KeyedUnarchiver::kLargestArchive);
-  Json document = {{"schema", kSchema}};
+  Json document = {{"schema", kArchiveSchema}};
   if (const auto volume = KeyedUnarchiver::unarchivedObject<QDVolume>(bytes)) {
     document["class"] = QDVolume::kArchiveClass;
-    document["fields"] = volumeJson(*volume);
+    document["fields"] = recordJson(*volume);
   } else if (const auto info = KeyedUnarchiver::unarchivedObject<QDDiskInfo>(bytes)) {
     document["class"] = QDDiskInfo::kArchiveClass;
     document["fields"] = diskInfoJson(*info);

@@ -43,6 +43,13 @@ inline Lines namesOf(const Volumes& volumes) {
   return names;
 }
 
+/// A program that prints a text and ends.
+inline SimulatedRun printing(const std::string& output) {
+  SimulatedRun run;
+  if (!output.empty()) run.pieces = {{SimulatedRun::Stream::output, output}};
+  return run;
+}
+
 /// A record as a host may make one.
 inline std::shared_ptr<QDVolume> makeVolume(const std::optional<std::string>& device,
                                             const std::optional<std::string>& path = std::nullopt,

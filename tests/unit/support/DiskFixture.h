@@ -29,6 +29,10 @@ inline constexpr const char* kDiskText = "C12A7328-F81F-11D2-BA4B-00A0C93EC93B";
 inline const ByteVector kDiskBytes = {0x28, 0x73, 0x2A, 0xC1, 0x1F, 0xF8, 0xD2, 0x11,
                                       0xBA, 0x4B, 0x00, 0xA0, 0xC9, 0x3E, 0xC9, 0x3B};
 
+// The journal of what waits for an answer of the disk arbitration.
+inline constexpr const char* kSchedule = "schedule kCFRunLoopDefaultMode";
+inline constexpr const char* kRun = "run kCFRunLoopDefaultMode 100";
+
 /// The start of a GPT header, its disk GUID being kDiskBytes: 56 bytes, then the GUID.
 inline ByteVector headerWithDiskGUID() {
   ByteVector header = {'E', 'F', 'I', ' ', 'P', 'A', 'R', 'T'};

@@ -18,12 +18,9 @@
 #include <string>
 #include <vector>
 
-namespace vorlix::test {
+#include "tests/support/FileContent.h"
 
-inline std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
+namespace vorlix::test {
 
 /// A fresh folder, removed with all that is in it.
 class TemporaryFolder {

@@ -1,0 +1,24 @@
+# SPDX-License-Identifier: Apache-2.0
+# Compiles a target's files in batches, where VORLIX_BATCHES asks for it: most of a file's compilation is the headers and
+# templates that the others need, too. The release preset compiles each file alone, so a forgotten #include shows there.
+
+# The sources whose paths match the expression are one batch. A source belongs to the first batch that it matches.
+function(vorlix_batch target name expression)
+  if(APPLE OR NOT VORLIX_BATCHES)  # nobody has looked for names that macOS's adapters have twice
+    return()
+  endif()
+  get_target_property(sources ${target} SOURCES)
+  foreach(source ${sources})
+    file(RELATIVE_PATH path ${PROJECT_SOURCE_DIR} ${source})
+    get_source_file_property(group ${source} UNITY_GROUP)
+    if(path MATCHES "${expression}" AND NOT group)
+      set_property(SOURCE ${source} PROPERTY UNITY_GROUP ${name})
+    endif()
+  endforeach()
+  set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_MODE GROUP)
+endfunction()
+
+# These are compiled alone: each has a name in its unnamed namespace that another file of its batch has, too.
+function(vorlix_alone)
+  set_property(SOURCE ${ARGN} PROPERTY SKIP_UNITY_BUILD_INCLUSION ON)
+endfunction()
