@@ -89,7 +89,7 @@ class WindowsTest(GuestTest):
         write_text(os.path.join(point, "SOURCES", "BOOT.WIM"), "an image\n")
         result = self.vorlix("windows", node(INSTALLER), status=1)
         self.assertEqual((result.stdout, result.stderr),
-                         ("", f"vorlix: {node(INSTALLER)}: no installed Windows, but its installer\n"))
+                         ("", f"vorlix: {node(INSTALLER)}: no installed Windows, only its installer\n"))
 
     def test_a_volume_that_is_not_mounted_is_refused(self):
         self.assertIn("not mounted", self.refused("windows", node(WINDOWS)))
@@ -99,5 +99,5 @@ class WindowsTest(GuestTest):
         self.install(point, "Windows 10", "Windows", "System32")
         hive = os.path.join(point, "Windows", "System32", "config", "SOFTWARE")
         write_text(hive, "no hive\n")
-        self.assertIn("its registry tells no product name", self.refused("windows", point))
+        self.assertIn("its registry has no product name", self.refused("windows", point))
         self.assertEqual(read_text(hive), "no hive\n")
