@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # Target check-macos: compiles everything that runs on macOS against the published macOS headers, so that developers on
-# other systems notice errors in the adapters. VORLIX_MACOS_HEADERS names a folder with those headers and a script "flags"
-# that prints the compiler options for them. docs/macos.md describes the folder.
+# other systems notice errors in the adapters. VORLIX_MACOS_HEADERS names a folder with those headers and a script
+# "flags" that prints the compiler options for them. docs/macos.md describes the folder.
 set(VORLIX_MACOS_HEADERS "$ENV{VORLIX_MACOS_HEADERS}" CACHE PATH "Published macOS headers, for the target check-macos")
 
 if(APPLE OR NOT VORLIX_MACOS_HEADERS)
