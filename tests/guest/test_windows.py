@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""windows on real volumes: what the registry says is read by registry_lookup from hives that hivex's own shell wrote."""
+"""`windows` on real volumes: registry_lookup reads the version from hives that hivex's shell wrote."""
 
 import json
 import os
@@ -11,14 +11,14 @@ from support import hives, samples
 WINDOWS, INSTALLER, EXFAT = f"{PC}3", f"{PC}5", f"{OLD_PC}2"
 PROGRAM = os.path.join(os.path.dirname(VORLIX), "tools", "bin", "registry_lookup")
 
-# As Windows' set-up writes it, between other lines.
+# The line that Windows Setup writes, between other lines.
 SETUP_LOG = ("2024-05-04 10:00:00, Info       IBS    A line before\r\n"
              "2024-05-04 10:00:01, Info       IBS    Callback_BootEnvironmentDetect: Detected boot environment: EFI\r\n"
              "2024-05-04 10:00:02, Info       IBS    A line after\r\n")
 
 
 def find(folder, *names):
-    """A path below a folder whose names may be spelled in any case."""
+    """Finds a path below a folder, with names in any case."""
     for name in names:
         (entry,) = [entry for entry in os.listdir(folder) if entry.lower() == name.lower()]
         folder = os.path.join(folder, entry)
@@ -45,7 +45,7 @@ class WindowsTest(GuestTest):
         return json.loads(self.vorlix("windows", volume, "--json").stdout)
 
     def expected(self, release, product, started_by=None):
-        """The product is the library's own name of it; the rest is what the hive has."""
+        """The product has the library's name for it; the rest comes from the hive."""
         values = hives.RELEASES[release]
         return {"product": product, "edition": values["EditionID"], "currentBuildNumber": values["CurrentBuildNumber"],
                 "buildLabEx": values["BuildLabEx"], "bootenv": started_by}
