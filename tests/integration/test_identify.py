@@ -214,7 +214,7 @@ class Images(IdentifyTest):
     def test_an_image_below_dev(self):
         """/dev/shm is an ordinary folder; its files keep "/dev/" in their names."""
         if not os.access("/dev/shm", os.W_OK):
-            self.skipTest("no /dev/shm to write to")
+            self.skipTest("/dev/shm is missing or not writable")
         folder = tempfile.mkdtemp(dir="/dev/shm")
         self.addCleanup(shutil.rmtree, folder)
         os.chmod(folder, 0o755)
@@ -228,7 +228,7 @@ class Images(IdentifyTest):
 
     def test_a_relative_name_below_a_folder_that_cannot_be_passed(self):
         if not volumes.IS_ROOT:
-            self.skipTest("the super-user is needed to be in such a folder")
+            self.skipTest("needs root, to enter such a folder")
         closed = self.path("closed")
         os.mkdir(closed)
         os.mkdir(os.path.join(closed, "inner"), 0o777)
@@ -307,7 +307,7 @@ class LoopDevices(IdentifyTest):
             try:
                 node = f"{device}p3"
                 if not os.path.exists(node):
-                    self.skipTest("no node for the slice on this machine")
+                    self.skipTest("this machine makes no device node for the slice")
                 shown = self.identify(node)
                 self.assert_disk(shown, device, os.path.basename(device))
                 self.assertEqual((shown["name"], shown["partition"]), (os.path.basename(node), 3))

@@ -312,7 +312,7 @@ class NotMeasured(ImageSize):
         command = self.install("without unzip", unzip=False)
         without = ("unshare", "-m", "--", "sh", "-c", 'mount --bind /dev/null /usr/bin/unzip && exec "$@"', "sh")
         if os.path.isfile("/usr/bin/unzip") and subprocess.run([*without, "true"], capture_output=True).returncode != 0:
-            self.skipTest("the system's unzip cannot be hidden: no mount namespace of one's own")
+            self.skipTest("the system's unzip cannot be hidden without a private mount namespace")
         prefix = without if os.path.isfile("/usr/bin/unzip") else ()
         self.assert_refused(path, "vorlix: unzip: needed for .zip images, but found neither in vorlix's resources nor in "
                             "/usr/bin", command=command, prefix=prefix)

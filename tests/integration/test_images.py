@@ -131,7 +131,7 @@ class LargeDisks(ImageTest):
         try:
             tools.sgdisk_image(path, layout, size=size)
         except OSError as error:
-            self.skipTest(f"the file system holds no sparse file of {size} bytes: {error}")
+            self.skipTest(f"the file system cannot hold a sparse file of {size} bytes: {error}")
         tools.write_sparse(path, first * 512, tools.ntfs_volume(self.path("ntfs"), 4 << 20))
         return path
 
@@ -204,7 +204,7 @@ class LargeDisks(ImageTest):
         try:
             gpt.Table(4096, first + 65536, entries).write(path)
         except OSError as error:
-            self.skipTest(f"the file system holds no sparse file of 8 TiB: {error}")
+            self.skipTest(f"the file system cannot hold a sparse file of 8 TiB: {error}")
         tools.write_sparse(path, first * 4096, tools.ntfs_volume(self.path("ntfs"), 4 << 20, 4096))
         before = gpt.read_at(path, first * 4096, 512)
         self.hybrid(path, WINDOWS)

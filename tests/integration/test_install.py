@@ -66,7 +66,7 @@ def belongs_to(name, class_name):
     return re.match(rf"{about}{re.escape(class_name)}(?:::|$)", name) is not None
 
 
-@unittest.skipIf(sys.platform == "darwin", "reads ELF files and compares with sfdisk, which this system does not have")
+@unittest.skipIf(sys.platform == "darwin", "needs ELF files and sfdisk, which macOS lacks")
 @unittest.skipIf(MISSING, f"not installed: {', '.join(MISSING)}")
 class InstalledLibrary(unittest.TestCase):
     @classmethod
@@ -232,7 +232,7 @@ class InstalledLibrary(unittest.TestCase):
         beside = host.parent / "tools/bin"
         beside.mkdir(parents=True)
         (beside / "registry_lookup").write_text("")
-        self.assertEqual(run(host).strip(), str(beside.resolve() / "registry_lookup"), "the host's own goes first")
+        self.assertEqual(run(host).strip(), str(beside.resolve() / "registry_lookup"), "the host's file has priority")
 
     def test_man_pages_are_installed(self):
         pages = [str(path) for path in self.installed("share/man/**/*")]
@@ -285,7 +285,7 @@ class InstalledLibrary(unittest.TestCase):
             strong -= members
         self.assertEqual(strong, declared)
         named = {found for name in vague for found in re.findall(r"vorlix::\w+", name)}
-        self.assertEqual(named - classes, set(), "only classes that headers mark have anything of vague linkage")
+        self.assertEqual(named - classes, set(), "only exported classes may have symbols of vague linkage")
 
     def test_the_shared_library_carries_its_name_with_the_major_version(self):
         self.assertRegex(run("readelf", "-d", self.library), r"SONAME.*\[libvorlix\.so\.\d+\]")

@@ -184,7 +184,7 @@ class InFolders(LegacyBootTest):
                 tree = {**WINDOWS_TREE, name: b"Windows has one of them"}
                 folder = self.volume(tree, f"volume{number}")
                 if os.path.exists(os.path.join(folder, name.swapcase())):
-                    self.skipTest("the file system does not tell case apart")
+                    self.skipTest("the file system ignores case")
                 self.refuse([folder, "--bcd", self.store], f"{folder}: contains {name}, which is the same name as "
                             f"{name.lower()} to Windows; nothing was copied")
                 self.assertEqual(volumes.folder_tree(folder), tree)

@@ -350,7 +350,7 @@ class BootCamp(ListTest):
     def test_volumes_in_images_are_not_this_machine_s_own(self):
         self.mount(self.fat(tree=INSTALLED))
         if self.json("list", "--all") and self.vorlix_run("boot-camp").returncode == 0:
-            self.skipTest("this machine has a Windows volume of its own")
+            self.skipTest("this machine has a Windows volume")
         result = self.vorlix_run("boot-camp")
         self.assertEqual((result.returncode, result.stdout), (1, ""))
         self.assertEqual(result.stderr, "vorlix: no NTFS or FAT volume of an internal disk is mounted\n")
@@ -416,7 +416,7 @@ class RealMounts(ListTest):
     def test_the_machine_s_own_root(self):
         source = images.run_tool("findmnt", "-n", "-o", "SOURCE", "/").strip()
         if not source.startswith("/dev/"):
-            self.skipTest("what is mounted at / is on no disk here")
+            self.skipTest("the root file system is not on a disk")
         listed = [volume for volume in self.json("list", "--all") if volume["mountPath"] == "/"]
         size = images.run_tool("df", "-B1", "--output=size", "/").splitlines()[1]
         self.assertEqual([volume["totalSize"] for volume in listed], [int(size)])
@@ -455,7 +455,7 @@ class RealMounts(ListTest):
             try:
                 node = f"{device}p1"
                 if not os.path.exists(node):
-                    self.skipTest("no node for the slice on this machine")
+                    self.skipTest("this machine makes no device node for the slice")
                 with self.mounted(node, self.path("mount")) as folder:
                     listed = self.entry(node)
                     self.assert_as_tools_say(listed, node, folder)
@@ -481,7 +481,7 @@ class RealMounts(ListTest):
             device = f"{image}s{number}"
             result = self.vorlix_run("mount", device)
             if result.returncode != 0:
-                self.skipTest(f"no mount of a slice of an image: {result.stderr.strip()}")
+                self.skipTest(f"a slice of an image cannot be mounted: {result.stderr.strip()}")
             self.addCleanup(subprocess.run, [self.vorlix, "unmount", device], check=False)
             folders.append(result.stdout.removesuffix("\n"))
         return folders

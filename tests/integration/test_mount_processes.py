@@ -131,7 +131,7 @@ class Killed(MountTest):
         self.write(folder, "a", random_bytes(4 << 20))
         self.run_and_kill(0.04, "unmount", image)
         if not os.path.isdir(folder):
-            self.skipTest("unmounting was quicker than the signal")
+            self.skipTest("unmounting ended before the signal")
         self.write(folder, "b", b"3")
         self.unmount(image)
         self.assert_volume(image, {"a": random_bytes(4 << 20), "b": b"3"})

@@ -26,7 +26,7 @@ def overlaid(target, folder):
     Only that command sees it: the folder is mounted in a private namespace.
     """
     if sys.platform != "linux":
-        raise unittest.SkipTest("mount namespaces are Linux's")
+        raise unittest.SkipTest("only Linux has mount namespaces")
     script = f'mount -t overlay overlay -o "lowerdir=$0:{target}" {target} && exec "$@"'
     rights = [] if os.geteuid() == 0 else ["--map-root-user"]
     prefix = [images.tool("unshare"), "--mount", *rights, "/bin/sh", "-c", script, folder]
@@ -65,7 +65,7 @@ class BootType(Probe):
 
     def assert_boot_type(self, path, answer):
         before = images.snapshot(path)
-        self.assertEqual("EFI" if gpt.read_at(path, SECOND_SLOTS_HEAD, 1) == b"\0" else "legacy", answer, "of the test itself")
+        self.assertEqual("EFI" if gpt.read_at(path, SECOND_SLOTS_HEAD, 1) == b"\0" else "legacy", answer, "an error in the test itself")
         self.assert_answer(["boot-type", path], 0, answer + "\n")
         self.assert_unchanged(path, before)
 
@@ -251,7 +251,7 @@ class CheckCaller(Probe):
     def setUp(self):
         super().setUp()
         if sys.platform != "linux":
-            self.skipTest("signatures of processes are made here as on Linux")
+            self.skipTest("the test signs programs only as on Linux")
         self.client = self.path("client")
         shutil.copy(images.tool("sleep"), self.client)
 
@@ -355,7 +355,7 @@ class CheckCaller(Probe):
     def test_a_process_whose_executable_may_not_be_read(self):
         prefix = self.as_nobody()
         if not prefix:
-            self.skipTest("needs root, to ask as another user")
+            self.skipTest("needs root, to run the command as another user")
         with self.running(self.client) as process:
             result = self.vorlix_run("check-caller", process, prefix=prefix)
         self.assertEqual((result.returncode, result.stdout), (2, ""))

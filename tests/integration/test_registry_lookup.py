@@ -539,7 +539,7 @@ class Bounds(LookupTest):
     def parser_at_work(self, path):
         """Runs the program on a slow hive. Yields it and the identifier of its parsing process."""
         if not sys.platform.startswith("linux"):
-            self.skipTest("the kernel's list of a process's children is Linux's")
+            self.skipTest("only Linux lists a process's children in /proc")
         program = subprocess.Popen([self.program, path, self.LONG_PATH, "Value"], stdout=subprocess.PIPE,
                                    stderr=subprocess.PIPE)
         try:
@@ -584,7 +584,7 @@ class Bounds(LookupTest):
         self.assertEqual((cpu, core), ((10, 11), (0, 0)))
         self.assertEqual(rights, ["r--s"])
         if images.SANITIZED:
-            print("\nthe limit on addresses is not set in builds with sanitizers")
+            print("\nbuilds with sanitizers do not limit the address space")
         else:
             self.assertEqual(addresses, (os.path.getsize(path) + MEMORY_BEYOND_HIVE,) * 2)
 

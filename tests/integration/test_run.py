@@ -136,7 +136,7 @@ class Input(Run):
             os.lseek(file.fileno(), 0, os.SEEK_SET)
             result = subprocess.run([self.vorlix, "run", "--", PYTHON, "-c", self.LOOK], stdin=file, capture_output=True,
                                     text=True, timeout=60)
-            self.assertEqual(os.lseek(file.fileno(), 0, os.SEEK_CUR), 0, "something was read")
+            self.assertEqual(os.lseek(file.fileno(), 0, os.SEEK_CUR), 0, "the program read from the input of vorlix")
         self.assertEqual(result.stdout.splitlines()[2], "  open and empty")
 
     def test_a_pipe_of_the_callers_stays_full(self):
@@ -193,7 +193,7 @@ class NotStarted(Run):
     def assert_not_started(self, program, reason):
         result = self.vorlix_run("run", "--", program, "argument")
         self.assertEqual(result.returncode, 2)
-        self.assertEqual(result.stdout, "start\n", "the start is told before the launch, and nothing after it")
+        self.assertEqual(result.stdout, "start\n", "the start is reported before the launch, and nothing after it")
         self.assertEqual(result.stderr, f"vorlix: {program}: {reason}; nothing was started\n")
 
     def test_a_program_that_is_not_there(self):

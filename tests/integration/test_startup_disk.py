@@ -110,7 +110,7 @@ class DryRun(StartupDiskTest):
         listed = json.loads(self.vorlix_ok("list", "--all", "--json").stdout)
         root = [volume for volume in listed if volume["mountPath"] == "/"]
         if not root:
-            self.skipTest("what is mounted at / is on no disk here")
+            self.skipTest("the root file system is not on a disk")
         for name in ("/", root[0]["device"]):
             message = self.vorlix_refuses("startup-disk", name, "--dry-run")
             self.assertEqual(message, f"vorlix: {name}: it is the running system's own volume; the startup disk was not set\n")
@@ -127,7 +127,7 @@ class AsOrdinaryUser(StartupDiskTest):
 
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
 @unittest.skipUnless(volumes.IS_ROOT, "needs root")
-@unittest.skipIf(os.path.exists(BLESS), f"there is {BLESS}, which would really set the startup disk")
+@unittest.skipIf(os.path.exists(BLESS), f"{BLESS} exists and would really set the startup disk")
 class WithoutTheTool(StartupDiskTest):
     AS_ROOT = True
 

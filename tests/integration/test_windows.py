@@ -184,7 +184,7 @@ class Folders(WindowsTest):
 
     def test_the_setup_log_is_read_without_a_hive(self):
         root = self.put("root", {"Windows/System32": None, SETUP_LOG: b"Detected boot environment: EFI\r\n"})
-        self.assertEqual(self.unknown(root, "its registry tells"), {**NOTHING, "bootenv": "EFI"})
+        self.assertEqual(self.unknown(root, "its registry has no product name"), {**NOTHING, "bootenv": "EFI"})
 
     def test_a_hive_that_may_not_be_read(self):
         root = self.put("root", {HIVE: self.hive_bytes("Windows 10")})

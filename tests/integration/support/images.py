@@ -86,7 +86,7 @@ class CommandTest(unittest.TestCase):
     def setUpClass(cls):
         cls.vorlix = os.environ.get("VORLIX")
         if not cls.vorlix:
-            raise RuntimeError("VORLIX is not set: it names the command line to test")
+            raise RuntimeError("VORLIX is not set; it must name the command line to test")
 
     def setUp(self):
         folder = tempfile.TemporaryDirectory(prefix="vorlix-test-")

@@ -136,7 +136,7 @@ class Reader:
     @staticmethod
     def check(holds, what):
         if not holds:
-            raise ValueError(f"not as described: {what}")
+            raise ValueError(f"differs from the published description: {what}")
 
     def record(self, name):
         """Returns the root's entries as values."""
