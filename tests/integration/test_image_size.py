@@ -177,9 +177,9 @@ class Names(ImageSize):
         for name in SHELL_NAMES:
             with self.subTest(name):
                 self.gz(name + ".gz", b"x")
-                self.assert_refused(name + ".gz", name, 'a path that holds ", $, ` or \\, which the shell')
+                self.assert_refused(name + ".gz", name, 'the path contains ", $, ` or \\, which the shell')
                 self.zip(name + ".zip", {"win.img": b"x"})
-                self.assert_refused(name + ".zip", name, 'a path that holds ", $, ` or \\, which the shell')
+                self.assert_refused(name + ".zip", name, 'the path contains ", $, ` or \\, which the shell')
 
     def test_nor_do_folders_of_such_names(self):
         for name in SHELL_NAMES:

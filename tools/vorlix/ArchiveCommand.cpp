@@ -115,8 +115,8 @@ void addArchiveCommand(CLI::App& app, int& status) {
   show->add_option("FILE", options->file, "The archive")->required();
   show->add_flag("--json", options->json, "Print JSON (schema version 1)");
   show->footer(
-      "An archive is a property list, binary or XML, in which programs exchange QDVolume and QDDiskInfo records. Only\n"
-      "the fields of these records are read, so a hostile archive does no harm. Passwords are never shown, because\n"
+      "An archive is a property list, binary or XML, in which programs exchange QDVolume and QDDiskInfo records.\n"
+      "Only the fields of these records are read, even from a hostile archive. Passwords are never shown, because\n"
       "reading an archive skips them.\n"
       "Exit status: 0 success, 2 error.");
   show->callback([options, &status] {

@@ -79,9 +79,10 @@ void addRunCommand(CLI::App& app, int& status) {
   run->footer(
       "vorlix run -- PROGRAM [ARGUMENT...]\n"
       "The program is started without a shell and without a search in PATH. Its standard input is an open pipe\n"
-      "without data. Its output is shown in the pieces that arrive; control characters become \"?\". The run ends when\n"
-      "every process that inherited the program's standard output has closed it. A program that is still running then\n"
-      "gets SIGTERM. The status shown is the program's exit status, or the number of the signal that ended it.\n"
+      "without data. Its output is shown in the pieces that arrive; control characters become \"?\". The run ends\n"
+      "when every process that inherited the program's standard output has closed it. A program that is still\n"
+      "running then gets SIGTERM. The status shown is the program's exit status, or the number of the signal that\n"
+      "ended it.\n"
       "Exit status: 0 the program's status is 0, 1 it is another one, 2 the program could not be started.");
   run->callback([run, program, &status] {
     std::vector<std::string> command = run->remaining();
