@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Archives of volume records: a run decodes and encodes so many, each in an archive of its own, as hosts hand them on.
-// The time a record takes must not depend on how many there are. compare.py puts Python's plistlib beside it, on the
-// same archive.
+// Decodes and encodes many volume records, each in a separate archive, as hosts exchange them. The time per record must
+// not depend on the number of records. compare.py compares it with Python's plistlib on the same archive.
 #include <Vorlix/QDVolume.h>
 #include <benchmark/benchmark.h>
 

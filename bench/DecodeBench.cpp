@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How long one GPT entry takes, by the size of the table: all entries are in use, and are read through a stream over
-// memory, so that no device is measured. Each call also writes two log messages, as every call of read_gpt() does; they
-// weigh most in the smallest table.
+// Measures the time per GPT entry for tables of several sizes. All entries are in use and come from a stream over
+// memory, so no device is measured. Like every call of read_gpt(), each call writes two log messages, whose share is
+// largest for the smallest table.
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/simulated/SimulatedSystemPaths.h>
@@ -22,7 +22,7 @@
 
 namespace {
 
-// The library's log in a file of its own while the benchmark runs.
+// Redirects the library's log to a private file during the benchmark.
 class PrivateLog {
  public:
   PrivateLog() : path_(std::filesystem::temp_directory_path() / "decode-bench.XXXXXX") {

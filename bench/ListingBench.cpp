@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One listing of so many mounted volumes on a simulated machine, every fourth with Windows and no boot files of its
-// own. What one volume costs, in time and in calls of disk arbitration, must not depend on how many there are.
+// Lists many mounted volumes on a simulated machine. Every fourth volume has Windows and no boot files. The time and
+// the number of disk-arbitration calls per volume must not depend on the number of volumes.
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Programs' output: lines a second through the task helper beside popen() on the same pipeline, and bytes a second
-// through the task wrapper beside reading the same program's pipe without it. The helper also writes each line to a
-// log, as it always does; how much that is shows beside a run whose messages are kept from the file.
+// Measures the output of programs: lines per second through the task helper, compared with popen() on the same
+// pipeline, and bytes per second through the task wrapper, compared with reading the same program's pipe directly. The
+// helper writes each line to the log, as it always does; a second benchmark without the log file shows the cost of
+// that.
 #include <Vorlix/QDTaskHelper.h>
 #include <Vorlix/QDTaskWrapperWithBlocks.h>
 #include <Vorlix/platform/Platform.h>
@@ -51,14 +52,14 @@ std::string linesCommand() {
   return "i=0; while [ $i -lt " + std::to_string(kLines / 100) + " ]; do printf '%s' \"$L\"; i=$((i+1)); done";
 }
 
-// A hundred lines, which the shell prints at a time.
+// Sets the variable L to a hundred lines, which the shell prints at once.
 void setLines() {
   std::string lines;
   for (int i = 0; i < 100; ++i) lines += "ProductName of the line " + std::to_string(i) + "\n";
   setenv("L", lines.c_str(), 1);
 }
 
-// popen() and getline(): what a plain program would do to have the lines in one text.
+// Collects the lines in one string with popen() and getline(), as a plain program would.
 std::string linesByPopen(const std::string& command) {
   FILE* const stream = popen(command.c_str(), "r");
   if (stream == nullptr) return {};
@@ -86,7 +87,7 @@ void linesThroughHelper(benchmark::State& state, vorlix::LogCapture::File file) 
   std::string result;
   for (auto pass : state) {
     static_cast<void>(pass);
-    // Without a capture when the file is written, so that nothing but the log is measured.
+    // Without a capture if the file is written, because the capture would take time too.
     std::optional<vorlix::LogCapture> capture;
     if (file == vorlix::LogCapture::File::leftAlone) capture.emplace(file);
     result = QDTaskHelper::sharedTaskHelper()->runCommand("/bin/sh", {"-c", linesCommand()});
@@ -140,7 +141,7 @@ void wrapperBytes(benchmark::State& state) {
 }
 BENCHMARK(wrapperBytes)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// "cat" in the wrapper's place: it takes the same program's output from a pipe and does nothing with it.
+// Runs cat in the place of the wrapper: it reads the same program's output from a pipe and discards it.
 void catBytes(benchmark::State& state) {
   const std::string command = bytesCommand() + " | /bin/cat > /dev/null";
   for (auto pass : state) {

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Times the command line beside other disk tools: whole processes on copies of one disk image, taking turns (A B A
-B ...), so that whatever else the machine does meets all of them alike. Prints medians, and ratios of medians. Archives
-of records are timed beside Python's plistlib in the same run."""
+"""Times the command line and other disk tools: whole processes on copies of one disk image, in alternation (A B A B ...),
+so that other load on the machine affects all of them equally. Prints medians and ratios of medians. Also compares the
+decoding and encoding of archives with Python's plistlib."""
 
 import argparse
 import json
@@ -26,7 +26,7 @@ ESP_FIRST, HFS_FIRST, WINDOWS_FIRST, WINDOWS_LAST = 40, 20520, 204800, 401407
 
 
 class Program:
-    """A command whose word "IMAGE" stands for the path of its own copy of the image."""
+    """A command. Its word "IMAGE" stands for the path of the program's copy of the image."""
 
     def __init__(self, label, command, statuses=(0,)):
         self.label = label
@@ -39,7 +39,7 @@ class Program:
         return [str(image) if word == "IMAGE" else word for word in self.command]
 
     def run(self, image):
-        """Runs once with output thrown away; time from before the start until the end is known."""
+        """Runs the command once and discards its output. Measures from before the start until the end is known."""
         arguments = self.arguments(image)
         silence = [(os.POSIX_SPAWN_OPEN, 1, os.devnull, os.O_WRONLY, 0),
                    (os.POSIX_SPAWN_OPEN, 2, os.devnull, os.O_WRONLY, 0)]
@@ -49,7 +49,7 @@ class Program:
         self.wall.append(time.perf_counter() - start)
         self.cpu.append(usage.ru_utime + usage.ru_stime)
         if os.waitstatus_to_exitcode(status) not in self.statuses:
-            subprocess.run(arguments, check=False)  # shows what it says
+            subprocess.run(arguments, check=False)  # again, to show its messages
             sys.exit(f"{' '.join(arguments)}: ended with {os.waitstatus_to_exitcode(status)}")
 
     def forget(self):
@@ -61,7 +61,7 @@ class Program:
 
 
 def make_image(path):
-    """A GPT disk as such computers have it, with a FAT volume as entry 3 and no hybrid MBR."""
+    """Makes a Mac's GPT disk with a FAT volume as entry 3 and without a hybrid MBR."""
     with open(path, "wb") as file:
         file.truncate(IMAGE_SIZE)
     options = ["-a", "1", "-n", f"1:{ESP_FIRST}:{HFS_FIRST - 1}", "-t", "1:EF00",
@@ -73,7 +73,7 @@ def make_image(path):
 
 
 def fresh_copy(original, copy):
-    """A copy that is on the medium already, so that no later sync has to write it."""
+    """Makes a synced copy, so that no later sync has to write it."""
     subprocess.run(["cp", "--sparse=always", str(original), str(copy)], check=True)
     descriptor = os.open(copy, os.O_RDWR)
     os.fsync(descriptor)
@@ -81,7 +81,7 @@ def fresh_copy(original, copy):
 
 
 def take_turns(title, programs, original, folder, runs, renew=False, ratios=True):
-    """Each program `runs` times after one that is not counted. With `renew` each run gets a fresh copy."""
+    """Runs each program `runs` times, after one run that is not counted. With `renew`, each run gets a fresh copy."""
     copies = [folder / f"copy{i}.img" for i in range(len(programs))]
     for copy in copies:
         fresh_copy(original, copy)
@@ -93,7 +93,7 @@ def take_turns(title, programs, original, folder, runs, renew=False, ratios=True
             if renew and turn > 0:
                 fresh_copy(original, copy)
             program.run(copy)
-    print(f"\n{title}: {runs} runs each, taking turns")
+    print(f"\n{title}: {runs} runs each, alternating")
     print(f"  {'':28} {'median':>10} {'fastest':>10} {'CPU':>10}")
     for program in programs:
         cpu = statistics.median(program.cpu)
@@ -104,7 +104,7 @@ def take_turns(title, programs, original, folder, runs, renew=False, ratios=True
 
 
 def listing(vorlix, original, folder, runs):
-    """The disks of this machine. lsblk has more columns and all devices; vorlix looks for Windows and boot files as well."""
+    """Lists this machine's disks. lsblk prints more columns and all devices; vorlix also looks for Windows and boot files."""
     if shutil.which("lsblk") is None:
         print("\nListing: not timed, lsblk is not installed")
         return
@@ -114,7 +114,7 @@ def listing(vorlix, original, folder, runs):
 
 
 def windows(vorlix, original, folder, runs):
-    """The same hive for both. vorlix starts registry_lookup for each of four values; one export has them all."""
+    """Reads the same hive. vorlix starts registry_lookup for each of four values; the other tool exports all at once."""
     missing = [tool for tool in (*hives.NEEDED, "hivexregedit") if shutil.which(tool) is None]
     companion = pathlib.Path(vorlix).parent / "tools" / "bin" / "registry_lookup"
     if missing or not companion.exists():
@@ -132,8 +132,8 @@ def windows(vorlix, original, folder, runs):
 
 
 def archives(program, fixture, records):
-    """Decoding and encoding so many volume records, each an archive of its own, beside plistlib on the same bytes.
-    plistlib stops at the property list; what the records are is not its business, so it does less."""
+    """Decodes and encodes volume records, each in a separate archive, and compares with plistlib on the same bytes.
+    plistlib does less: it handles the property list only, not the records."""
     if not program.exists():
         print(f"\nArchives: not timed, {program.name} is not built")
         return
@@ -155,14 +155,14 @@ def archives(program, fixture, records):
 
 
 def system_calls(program, original, folder):
-    """Prints how many system calls one run makes, as strace counts them, or that it cannot trace here."""
+    """Prints the number of system calls of one run by strace, or that strace cannot trace on this machine."""
     image = folder / "traced.img"
     fresh_copy(original, image)
     counts = folder / "counts"
     traced = subprocess.run(["strace", "-c", "-f", "-o", str(counts), *program.arguments(image)],
                             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, check=False)
     if traced.returncode not in program.statuses or not counts.exists():
-        print(f"  {program.label}: strace cannot trace here ({traced.stderr.strip() or traced.returncode})")
+        print(f"  {program.label}: strace cannot trace on this machine ({traced.stderr.strip() or traced.returncode})")
         return
     total, calls = 0, {}
     for line in counts.read_text().splitlines():
@@ -183,7 +183,7 @@ def main():
     parser.add_argument("--folder", help="where the images are made (default: the system's temporary folder)")
     options = parser.parse_args()
     vorlix = str(pathlib.Path(options.vorlix).resolve())
-    os.environ["PATH"] += ":/usr/sbin:/sbin"  # where the disk tools stand, which need no rights on an image
+    os.environ["PATH"] += ":/usr/sbin:/sbin"  # folders of the disk tools, which need no rights on an image
     for tool in ("sgdisk", "sfdisk", "mformat", vorlix):
         if shutil.which(tool) is None:
             sys.exit(f"{tool}: not found")

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-# Target check-macos: compiles everything that runs on macOS against that system's published headers, so that the
-# adapters stay right on machines that cannot run them. VORLIX_MACOS_HEADERS names a folder with those headers and a
-# script "flags" that prints the compiler's options for them; docs/macos.md says how to lay it out.
+# Target check-macos: compiles everything that runs on macOS against the published macOS headers, so that developers on
+# other systems notice errors in the adapters. VORLIX_MACOS_HEADERS names a folder with those headers and a script
+# "flags" that prints the compiler options for them. docs/macos.md describes the folder.
 set(VORLIX_MACOS_HEADERS "$ENV{VORLIX_MACOS_HEADERS}" CACHE PATH "Published macOS headers, for the target check-macos")
 
 if(APPLE OR NOT VORLIX_MACOS_HEADERS)
@@ -17,11 +17,11 @@ file(GLOB checked CONFIGURE_DEPENDS platform/macos/*.cpp platform/posix/*.cpp pl
 set(stamps)
 file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/check-macos/include)
 
-# Linked to by itself: the folder that it stands in holds this system's own headers, too.
+# A link to this folder alone, because its parent also holds this system's headers.
 find_path(VORLIX_PLIST_INCLUDE plist/plist.h REQUIRED)
 file(CREATE_LINK ${VORLIX_PLIST_INCLUDE}/plist ${PROJECT_BINARY_DIR}/check-macos/include/plist SYMBOLIC)
 
-# Likewise the command line's libraries, which have headers only.
+# The same for the header-only libraries of the command line.
 find_path(VORLIX_CLI11_INCLUDE CLI/App.hpp)
 find_path(VORLIX_JSON_INCLUDE nlohmann/json.hpp)
 if(VORLIX_CLI11_INCLUDE AND VORLIX_JSON_INCLUDE)

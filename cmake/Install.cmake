@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# What a host needs: both libraries, the simulated machine, headers, a CMake package and a pkg-config file.
+# Installs what a host needs: both libraries, the simulated machine, headers, a CMake package and a pkg-config file.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS vorlix_headers vorlix_shared vorlix_static vorlix_simulated EXPORT VorlixTargets
@@ -14,12 +14,12 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/VorlixConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/VorlixConfig.cmake ${PROJECT_BINARY_DIR}/VorlixConfigVersion.cmake
         DESTINATION ${package_folder})
 
-# The prefix is named relative to the file, so that it holds wherever the whole is installed or moved to.
+# The prefix is relative to the pkg-config file, so the installation can be moved.
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
            OUTPUT_VARIABLE VORLIX_PC_TO_PREFIX)
 cmake_path(APPEND VORLIX_PC_LIBDIR "\${prefix}" ${CMAKE_INSTALL_LIBDIR})
 cmake_path(APPEND VORLIX_PC_INCLUDEDIR "\${prefix}" ${CMAKE_INSTALL_INCLUDEDIR})
-# What a host in C needs besides when it links the archive.
+# The additional libraries for a host in C that links the static library.
 if(APPLE)
   set(VORLIX_PC_PRIVATE_LIBS "-framework DiskArbitration -framework IOKit -framework CoreFoundation -framework Security -lc++")
 else()

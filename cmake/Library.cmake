@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# The library, compiled once and offered as a shared and as a static one, and the simulated machine for hosts' tests.
+# The library, compiled once and linked as a shared and as a static library, and the simulated machine for hosts' tests.
 
 if(APPLE)
   set(VORLIX_ADAPTERS macos)
@@ -11,7 +11,7 @@ file(GLOB VORLIX_SOURCES CONFIGURE_DEPENDS
      platform/*.cpp platform/changes/*.cpp platform/posix/*.cpp platform/${VORLIX_ADAPTERS}/*.cpp
      library/*.cpp library/*/*.cpp)
 
-# What the adapters are linked with. On Linux these are pkg-config's names.
+# The libraries of the adapters. On Linux, VORLIX_MODULES are names for pkg-config.
 set(VORLIX_SYSTEM_INCLUDES)
 if(APPLE)
   set(VORLIX_SYSTEM_LIBRARIES "-framework DiskArbitration" "-framework IOKit" "-framework CoreFoundation")
@@ -52,8 +52,8 @@ target_link_libraries(vorlix_objects PUBLIC vorlix_headers ${VORLIX_SYSTEM_LIBRA
 target_include_directories(vorlix_objects SYSTEM PRIVATE ${VORLIX_SYSTEM_INCLUDES})
 target_compile_definitions(vorlix_objects PRIVATE
                            VORLIX_RESOURCE_FOLDER="${CMAKE_INSTALL_FULL_DATADIR}/vorlix")
-# The same folder seen from the installed programs and from the installed library, for a prefix that is chosen when it
-# is installed. Folders that are given as absolute paths do not move with the prefix.
+# The same folder relative to the installed programs and to the installed library, for a prefix that is chosen at
+# installation. Empty for absolute folders, which do not move with the prefix.
 foreach(from BINDIR LIBDIR)
   set(relative "")
   if(NOT IS_ABSOLUTE "${CMAKE_INSTALL_${from}}" AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_DATADIR}")
@@ -75,7 +75,7 @@ set_target_properties(vorlix_static PROPERTIES EXPORT_NAME VorlixStatic)
 add_library(Vorlix::Vorlix ALIAS vorlix_shared)
 add_library(Vorlix::VorlixStatic ALIAS vorlix_static)
 
-# Says nothing of which of the two libraries a test links; the host's choice serves the simulated machine, too.
+# The simulated machine does not depend on either library; it uses the one that the host links.
 file(GLOB simulated CONFIGURE_DEPENDS platform/simulated/*.cpp)
 add_library(vorlix_simulated STATIC ${simulated})
 vorlix_batch(vorlix_simulated simulated ".")
@@ -83,11 +83,11 @@ target_link_libraries(vorlix_simulated PUBLIC vorlix_headers)
 set_target_properties(vorlix_simulated PROPERTIES EXPORT_NAME Simulated)
 add_library(Vorlix::Simulated ALIAS vorlix_simulated)
 
-# Property lists, the container of archives. The static library's users link it, too.
+# Property lists, the container format of archives. Users of the static library link it too.
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET GLOBAL libplist-2.0)
 target_link_libraries(vorlix_objects PRIVATE PkgConfig::PLIST)
-find_package(nlohmann_json REQUIRED)  # the journals' manifests; headers alone
+find_package(nlohmann_json REQUIRED)  # the journals' manifests; header-only
 target_link_libraries(vorlix_objects PRIVATE nlohmann_json::nlohmann_json)
 target_link_libraries(vorlix_shared PRIVATE PkgConfig::PLIST)
 target_link_libraries(vorlix_static PRIVATE PkgConfig::PLIST)
@@ -95,8 +95,8 @@ if(PLIST_VERSION VERSION_GREATER_EQUAL 2.3)
   target_compile_definitions(vorlix_objects PRIVATE VORLIX_PLIST_SIGNED=1)
 endif()
 
-# Signatures. The folder of the certificates that callers' signatures must lead to is part of the build: a privileged
-# host takes it from nobody.
+# Signatures. The folder of the trusted certificates for callers' signatures is fixed in the build, so that nobody can
+# make a privileged host use another one.
 if(APPLE)
   set(VORLIX_SIGNING "-framework Security")
 else()

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # Warnings and sanitizers for every target of the project.
 add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow)
-# At -O3 g++ 12 sees overlaps in std::string (GCC bug 105329) and endless vectors being compared that are not there.
+# At -O3, g++ 12 gives false warnings about overlaps in std::string (GCC bug 105329) and about overlong vectors.
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   add_compile_options($<$<CONFIG:Release>:-Wno-restrict> $<$<CONFIG:Release>:-Wno-stringop-overread>)
 endif()

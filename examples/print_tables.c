@@ -4,7 +4,7 @@
  *
  *     print_tables mac.img
  *
- * It only reads. The library's own messages go to its log file.
+ * It only reads the disk. The library's messages go to its log file.
  */
 #include <Vorlix/QDSDiskFunctions.h>
 #include <errno.h>
@@ -13,7 +13,7 @@
 #include <sys/types.h>
 
 #define GPT_SIGNATURE UINT64_C(0x5452415020494645)
-#define PRINTED_ENTRIES 128 /* print_gpt() looks at exactly so many records */
+#define PRINTED_ENTRIES 128 /* print_gpt() reads exactly this number of records */
 #define LARGEST_COUNT 65536 /* a damaged header may claim 2^32 */
 
 static void print_mbr(const PartitionTable* table, uint32_t active) {
@@ -38,7 +38,8 @@ static int print_entries(FILE* disk, const GPTHeader* read, uint64_t block_size)
   const size_t room = header.number_of_entries > PRINTED_ENTRIES ? header.number_of_entries : PRINTED_ENTRIES;
   GPTEntry* entries = calloc(room, sizeof *entries);
   if (entries == NULL) return -1;
-  /* Records that the header does not count are unused ones, too: say so in the text that print_gpt() looks at. */
+  /* print_gpt() recognises an unused record by its GUID text, so set the text of all records, also of those that the
+   * header does not count. */
   for (size_t i = 0; i < room; ++i) ConvertToGUID(entries[i].type_guid, entries[i].guid_text);
 
   PartitionTable hybrid;

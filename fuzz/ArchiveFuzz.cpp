@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// An archive of a volume record from any bytes. What is read from it can be archived again and comes back the same.
+// Decodes arbitrary bytes as an archive of a volume record. A decoded record must survive encoding and decoding.
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/foundation/Utf8.h>
 
@@ -37,7 +37,8 @@ void checkAttributes(const vorlix::Dictionary& attributes, unsigned depth) {
     ++count;
     if (const auto* text = std::get_if<std::string>(&value)) checkText(*text);
     const auto* below = std::get_if<std::shared_ptr<const vorlix::Dictionary>>(&value);
-    // Each dictionary of the archive is one object, however often it is referred to; going down the first is enough.
+    // A dictionary of the archive is decoded once, no matter how many references it has, so following one of them is
+    // enough.
     if (below != nullptr && count == 1) checkAttributes(**below, depth + 1);
   }
 }
@@ -54,7 +55,7 @@ void checkStyled(const vorlix::AttributedString& styled) {
   if (!styled.runs().empty()) checkAttributes(*styled.runs().front().attributes, 0);
 }
 
-// Whether the text and the stretches are the same, and each stretch has attributes of the same names.
+// Returns whether both strings have the same text, the same runs, and the same attribute names in each run.
 bool sameRuns(const std::optional<vorlix::AttributedString>& one,
               const std::optional<vorlix::AttributedString>& other) {
   if (!one || !other) return !one && !other;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The start of a FAT volume, from any bytes. The image is a sparse file that is larger than its written part by 64 KiB
-// times the byte at offset 3, a letter of the name of who made the volume, which is not looked at.
+// Reads arbitrary bytes as the start of a FAT volume. The image is a sparse file: the input, followed by a hole of 64
+// KiB times the input's byte 3. That byte belongs to the OEM name, which no reader uses.
 #include <unistd.h>
 #include "platform/linux/FatVolume.h"
 
@@ -74,7 +74,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       folders.insert(entry.path);
       continue;
     }
-    if (++found <= 64) checkEntry(volume, entry);  // finding a name looks at all of them
+    if (++found <= 64) checkEntry(volume, entry);  // checkEntry() searches all names, so limit the calls
     uint64_t last = 0;
     const auto refusal = volume.readFile(image, window, entry, [&](uint64_t offset, const uint8_t*, size_t count) {
       FUZZ_CHECK(offset >= last && offset + count <= entry.size);

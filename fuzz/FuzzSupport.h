@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the fuzz targets share.
+// Shared code of the fuzz targets.
 #pragma once
 
 #include <Vorlix/platform/Platform.h>
@@ -16,8 +16,8 @@
 #include <string>
 #include <utility>
 
-/// Ends the program, so that the input counts as a crash, when a property does not hold. Unlike assert() it is never
-/// compiled away.
+/// Ends the program if a property does not hold, so that the input counts as a crash. Unlike assert(), it is active in
+/// every build.
 #define FUZZ_CHECK(condition)                                                                      \
   do {                                                                                             \
     if (!(condition)) {                                                                            \
@@ -30,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace fuzz {
 
-/// A private folder for the life of the program, with the library's log in it.
+/// A private folder with the library's log, for the life of the program.
 class Workplace {
  public:
   Workplace() {
@@ -53,10 +53,10 @@ class Workplace {
   Workplace(const Workplace&) = delete;
   Workplace& operator=(const Workplace&) = delete;
 
-  /// Path of the log, for machines of the target's own.
+  /// Path of the log, for targets that make their own machine.
   std::string log() const { return log_; }
 
-  /// Keeps the log from growing over millions of inputs.
+  /// Truncates the log, which would otherwise grow over millions of inputs.
   void emptyLog() const { std::fclose(openForWriting(log_)); }
 
   /// Writes a file into the folder. @return its path.
@@ -80,7 +80,7 @@ class Workplace {
   vorlix::Platform before_;
 };
 
-/// `count` bytes at `bytes` as a little-endian number.
+/// Returns `count` bytes at `bytes` as a little-endian number.
 inline uint64_t littleEndian(const uint8_t* bytes, size_t count) {
   uint64_t value = 0;
   for (size_t i = 0; i < count; ++i) value |= uint64_t{bytes[i]} << 8 * i;

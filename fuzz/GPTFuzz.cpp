@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// GPT header and entries from the first bytes of a disk, read through streams as the library does it. The first byte of
-// the boot code, which no reader looks at, steers: bits 0-2 the active number, bit 3 the guard switch, bit 4 blocks of
-// 4096 bytes instead of 512.
+// Reads a GPT header and entries from the first bytes of a disk, through streams as in the library. The first byte of
+// the boot code, which no reader uses, selects the options: bits 0-2 the active number, bit 3 the guard switch, bit 4
+// blocks of 4096 bytes instead of 512.
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include "library/QDSDiskFunctions/DeviceStreams.h"
 #include "library/QDSDiskFunctions/GPTCheck.h"
@@ -42,7 +42,7 @@ const uint8_t* bytesOf(const Record& record) {
   return reinterpret_cast<const uint8_t*>(&record);
 }
 
-// What the disk holds is taken over, what it does not hold stays zero.
+// Fields that the input covers have the input's values; the others stay zero.
 void checkHeader(const GPTHeader& header, const Input& input, uint64_t offset) {
   const size_t held = input.bytesFrom(offset, sizeof header);
   const uint8_t* const bytes = bytesOf(header);
@@ -63,7 +63,7 @@ bool checkEntry(const GPTEntry& entry, const Input& input, uint64_t offset) {
   return used;
 }
 
-// Cylinder, head and sector lead back to the sector number, as far as ten bits of cylinder reach.
+// Cylinder, head and sector must give the sector number again, if the cylinder fits ten bits.
 void checkCHS(uint32_t lba, uint16_t cylinder, uint8_t head, uint8_t sector) {
   if (lba > static_cast<uint32_t>(std::numeric_limits<int32_t>::max())) return;
   FUZZ_CHECK(cylinder <= 1023 && head <= 254 && sector >= 1 && sector <= 63);
@@ -78,7 +78,7 @@ void checkHybridSlot(const MBRPartitionEntry& slot, const GPTEntry& entry, bool 
   FUZZ_CHECK(slot.flag == (active ? 0x80 : 0x00));
   FUZZ_CHECK((slot.type == 0xEE) == isESP);
   FUZZ_CHECK(slot.lba == (isESP ? 1 : first));
-  // Both forms end right after the partition's last block, in 32-bit arithmetic.
+  // In both cases, start plus size is the block after the partition's last one, in 32-bit arithmetic.
   FUZZ_CHECK(slot.lba + slot.size == last + 1);
   checkCHS(slot.lba, slot.start_track, slot.start_head, slot.start_sector);
   checkCHS(last, slot.end_track, slot.end_head, slot.end_sector);
@@ -129,7 +129,7 @@ void checkTable(const PartitionTable& table, const std::vector<GPTEntry>& entrie
   }
 }
 
-// Bounded, and of one mind with itself: a table without findings has entries that lie on the disk and do not overlap.
+// The report's size must be bounded. If it has no findings, all entries must be on the disk and must not overlap.
 void checkReport(const Input& input, uint64_t blockSize) {
   const auto read = [&](uint64_t offset, std::span<uint8_t> bytes) {
     const size_t count = offset < input.size ? std::min<size_t>(bytes.size(), input.size - offset) : 0;
@@ -182,7 +182,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint64_t offset = vorlix::entriesOffset(header, blockSize);
   FUZZ_CHECK(offset / blockSize == header.partition_entry_lba || offset == std::numeric_limits<uint64_t>::max());
 
-  // A few entries past the end of the input are enough to see that they stay as they were.
+  // A few entries past the end of the input are enough to see that such entries stay unchanged.
   constexpr uint32_t kPastTheEnd = 8;
   const auto inside = static_cast<uint32_t>(input.bytesFrom(offset, size) / vorlix::kGPTEntrySize);
   header.number_of_entries = std::min(bounded, inside + kPastTheEnd);

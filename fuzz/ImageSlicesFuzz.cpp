@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Where the slices of a disk-image file stand, from any bytes. The first byte of the boot code, which is not looked at,
-// steers how much larger than its written part the disk is: that many times 64 KiB, less 37 bytes when it is odd.
+// Finds the slices of a disk-image file with arbitrary content. The first byte of the boot code, which no reader uses,
+// sets the size of the hole after the input: that many times 64 KiB, minus 37 bytes if the number is odd.
 #include <unistd.h>
 #include "platform/posix/PartitionExtents.h"
 
@@ -55,7 +55,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const bool at512 = hasText(data, size, 512, "EFI PART");
   const bool at4096 = hasText(data, size, 4096, "EFI PART");
   FUZZ_CHECK(found == 512 || found == 4096);
-  if (at512 || at4096) FUZZ_CHECK(found == (at512 ? 512 : 4096));  // else the second header tells, if there is one
+  if (at512 || at4096)
+    FUZZ_CHECK(found == (at512 ? 512 : 4096));  // otherwise the backup header decides, if there is one
 
   for (const uint32_t blockSize : {512U, 4096U}) {
     const bool hasGPT = blockSize == 512 ? at512 : at4096;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Sector 0 from any bytes, whole and cut short.
+// Reads arbitrary bytes as sector 0, complete or truncated.
 #include "library/QDSDiskFunctions/PartitionRecords.h"
 
 #include <algorithm>

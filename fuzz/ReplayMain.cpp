@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Runs a fuzz target over files, for compilers without libFuzzer and for the tests.
+// Runs a fuzz target on files, for compilers without libFuzzer and for the tests.
 #include <algorithm>
 #include <exception>
 #include <fstream>
@@ -30,7 +30,7 @@ void run(const fs::path& path) {
   std::ifstream file(path, std::ios::binary);
   const std::vector<char> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
   if (!file.is_open() || file.bad()) throw std::runtime_error(path.string() + ": cannot be read");
-  std::cerr << path.filename().string() << '\n';  // names the culprit when the target ends the program
+  std::cerr << path.filename().string() << '\n';  // identifies the input if the target ends the program
   LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
 }
 

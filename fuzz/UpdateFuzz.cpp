@@ -1,17 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The whole update of a disk that starts with any bytes, on a machine that may refuse. The first bytes of the boot
-// code, which the update replaces and never looks at, steer:
+// Updates a disk that starts with arbitrary bytes, on a simulated machine with faults. The first bytes of the boot
+// code, which the update replaces without reading them, select the options:
 //
 //   0    bits 0-2 partition, bit 3 guard switch, bit 4 blocks of 4096 bytes, bit 5 the block size is unknown,
 //        bit 6 no boot-code path, bit 7 a boot-code file of ten bytes
 //   1    partition ID
-//   2    bits 0-1 another process's lock (2 shared, 3 exclusive), bit 2 the volume is on a disk of its own, bit 3
-//   writes
-//        to the disk stop early, bit 4 writes to the volume stop early, bit 5 reads fail, bit 6 syncing fails, bit 7 an
-//        ID above 255
-//   3    after how many bytes writes stop, after how many reads they fail
-//   4-5  first block of the volume, where it is on the same disk
+//   2    bits 0-1 another process's lock (2 shared, 3 exclusive), bit 2 the volume is on another disk,
+//        bit 3 writes to the disk stop early, bit 4 writes to the volume stop early, bit 5 reads fail,
+//        bit 6 syncing fails, bit 7 an ID above 255
+//   3    number of bytes before writes stop, number of reads before reads fail
+//   4-5  first block of the volume, if it is on the same disk
 //   6-9  start sector
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include "library/QDSDiskFunctions/DeviceStreams.h"
@@ -140,7 +139,9 @@ class Scene {
  private:
   static constexpr uint64_t kOtherSize = 16 * 512;
 
-  // A claim of tens of thousands of entries beyond the input costs most of the time and shows nothing new.
+  // Limits the header's entry count. Tens of thousands of entries beyond the input take most of the time and show
+  // nothing
+  // new.
   void holdEntryCount() {
     const uint64_t offset = uint64_t{what_.blockSize} + 80;
     const auto count = machine.bytes("disk0", offset, 4);
@@ -158,7 +159,7 @@ class Scene {
   uint64_t volumeOffset_ = 0;
 };
 
-// Nothing but sector 0 and the two fields of the volume ever changes, and those only when they are meant to.
+// Only sector 0 and the two fields of the volume may change, and only if the update was to write them.
 void checkWhere(const Case& what, const Scene& scene, const Disks& before, const Disks& after) {
   FUZZ_CHECK(after.disk.size() == before.disk.size() && after.other.size() == before.other.size());
   for (uint64_t i = vorlix::kSectorSize; i < before.disk.size(); ++i) {
@@ -186,8 +187,8 @@ void checkVolume(const Case& what, const Scene& scene) {
   FUZZ_CHECK(fuzz::littleEndian(field.data(), 4) == what.start);
 }
 
-// True where a second run must find nothing to do: the first went through, neither the MBR nor the volume holds the
-// entries themselves, and no sector number is so large that its cylinder and head have no place in a slot.
+// Returns whether a second run must find nothing to do. That holds if the first run succeeded, if the entries are
+// neither in sector 0 nor in the volume's first sector, and if the CHS form of every sector number fits a slot.
 bool settles(const Case& what, const uint8_t* data, size_t size) {
   if (what.machineRefuses() || what.blockSizeUnknown || what.bootCode == nullptr || !what.ownDisk) return false;
   if (size < what.blockSize + 92) return false;

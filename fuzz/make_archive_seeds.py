@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Makes the seeds of ArchiveFuzz anew by the tests' own writer of archives, and damaged ones by hand. Run it from
-anywhere; inputs that a search found are left alone."""
+"""Recreates the seeds of ArchiveFuzz with the tests' archive writer, and damaged ones by hand. Runs from any folder. Does
+not touch inputs that a search found."""
 
 import pathlib
 import plistlib
@@ -25,14 +25,14 @@ FULL = {
 
 
 def changed(entries, change):
-    """An archive whose objects were changed by `change(objects, root)` after it was made."""
+    """An archive, modified by `change(objects, root)`."""
     top = plistlib.loads(Writer().record("QDVolume", entries))
     change(top["$objects"], top["$objects"][1])
     return plistlib.dumps(top, fmt=plistlib.FMT_BINARY, sort_keys=False)
 
 
 def folded(levels, width):
-    """A property list of arrays that each refer `width` times to the one before."""
+    """A property list of `levels` nested arrays; each refers `width` times to the one before."""
     values = [b"\x09"] + [bytes([0xA0 | width]) + bytes([level] * width) for level in range(levels)]
     file = b"bplist00"
     offsets = b""
@@ -44,7 +44,7 @@ def folded(levels, width):
 
 
 def main():
-    """One file a seed."""
+    """Writes one file per seed."""
     CORPUS.mkdir(parents=True, exist_ok=True)
     full = Writer().record("QDVolume", FULL)
     styled = {"usageDescription": Styled("abc", ((3, {"K": {"K": "v"}}),))}

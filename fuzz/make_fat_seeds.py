@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Makes the seeds of FatVolumeFuzz anew: small volumes by mkfs.vfat with files by mtools, cut after the last byte that
-is not zero, and damaged copies of them. Run it from anywhere; inputs that a search found are left alone."""
+"""Recreates the seeds of FatVolumeFuzz: small volumes by mkfs.vfat with files by mtools, cut after the last byte that is
+not zero, and damaged copies. Runs from any folder. Does not touch inputs that a search found."""
 
 import os
 import pathlib
@@ -32,7 +32,7 @@ def volume(folder, bits, names):
 
 
 def cut(data):
-    """The part that is not zero, with the number of steps by which the volume is larger."""
+    """The volume up to its last byte that is not zero; its byte 3 is set to the size of the rest in steps of 64 KiB."""
     short = bytearray(data.rstrip(b"\0"))
     steps = -(-(len(data) - len(short)) // STEP)
     short[3] = min(steps, 255)

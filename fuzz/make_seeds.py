@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Makes the seeds of the corpus anew: disk images by sgdisk, fdisk and sfdisk, cut to their first bytes, and damaged
-copies of them. Run it from anywhere; inputs that a search found are left alone."""
+"""Recreates the seeds of the corpus: disk images by sgdisk, fdisk and sfdisk, cut to their first bytes, and damaged
+copies. Runs from any folder. Does not touch inputs that a search found."""
 
 import pathlib
 import struct
@@ -45,7 +45,7 @@ def first_bytes(path, count):
 
 
 def patched(data, changes):
-    """A copy of data with bytes put at offsets."""
+    """A copy of data with the bytes of `changes` written at their offsets."""
     copy = bytearray(data)
     for offset, value in changes.items():
         copy[offset:offset + len(value)] = value
@@ -61,7 +61,7 @@ def u64(value):
 
 
 def disks(folder):
-    """Starts of disks that carry a GPT, by name."""
+    """The first bytes of disks with a GPT, by name."""
     mac = [(1, 40, 409639, EFI), (2, 409640, 2000000, HFS), (3, 2000896, 5000000, BASIC),
            (4, 5000001, 6000000, APPLE_BOOT)]
     made = {}
@@ -95,7 +95,7 @@ def disks(folder):
 
 
 def sectors(folder, starts):
-    """Sectors 0, by name."""
+    """Contents of sector 0, by name."""
     made = {name: starts[name][:512] for name in ("mac", "mac-hybrid")}
     path = image(folder, 64 << 20)
     run("sfdisk", "-q", path, text="label: dos\nlabel-id: 0x12345678\n2048,20480,7,*\n22528,20480,c\n43008,,5\n")
@@ -111,7 +111,7 @@ def sectors(folder, starts):
 
 
 def steered(starts, steering):
-    """Copies of starts with the steering bytes of a target."""
+    """Copies of starts with a target's option bytes."""
     return {f"{name}-{label}": patched(starts[name], {0: value}) for name, label, value in steering}
 
 

@@ -6,8 +6,8 @@
 
 namespace vorlix {
 
-/// Descriptors 0 to 2 that the caller closed are filled with what cannot be written to, so that no other file gets
-/// their numbers and with them what is printed. To be called before anything is opened.
+/// Opens /dev/null for reading on each of the descriptors 0 to 2 that the program's caller closed. Otherwise a file
+/// opened later could get such a number, and the program's output would go into it. Call it before opening anything.
 inline void fillStandardDescriptors() {
   int number = 0;
   do {

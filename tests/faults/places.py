@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the tests of the tracer and of the sweep share: the modules' places, the programs, and when they cannot run."""
+"""Shared code of the tests of the tracer and the sweep: module paths, programs, and the reasons for a skip."""
 
 import os
 import sys
@@ -16,7 +16,7 @@ SKIPPED = 77
 
 
 def why_not():
-    """Why nothing can be traced here; empty where it can."""
+    """The reason why nothing can be traced on this machine; empty if tracing works."""
     if os.environ.get("VORLIX_SANITIZED"):
         return "sanitizers: their leak detector traces the process itself"
     with tempfile.TemporaryDirectory(prefix="vorlix-faults-") as folder:

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """
-The fault sweep: runs each command again and again, each time with another of its system calls failing, or with all its
-processes ended there, and judges what that leaves. sweep/judging.py says what counts as wrong.
+The fault sweep: runs each command many times. In each run, another system call fails, or all processes are killed at that
+call. Then the sweep judges the result; sweep/judging.py defines the verdicts.
 
-Exit status: 0 nothing wrong, 1 a bad point, 2 a command fails without any fault, 77 it cannot be run on this
-machine, 130 interrupted.
+Exit status: 0 nothing wrong, 1 a bad point, 2 a command fails without a fault, 77 the sweep cannot run on this machine,
+130 interrupted.
 """
 
 import argparse
@@ -28,19 +28,20 @@ from sweep import judging, machine, points, scenarios, tracing  # noqa: E402
 
 SKIPPED = 77
 INTERRUPTED = 130
-MEDIA = re.compile("/case/(disks|out)/")  # what commands work on, and what they make
+MEDIA = re.compile("/case/(disks|out)/")  # disks that commands change, and files that they create
 COLUMNS = (*judging.VERDICTS, "not hit", "left over")
 worker = {}
 
 
 def parse():
-    parser = argparse.ArgumentParser(description="Fails and kills commands at one system call after the other.")
+    parser = argparse.ArgumentParser(description="Runs commands with a failure or a kill at each of their system calls.")
     how_many = parser.add_mutually_exclusive_group()
-    how_many.add_argument("--all", action="store_true", help="repetitions as well: a loop's calls that only look, over and over")
-    how_many.add_argument("--points", type=int, metavar="K", help="about K points: half of them where the medium is changed, the others evenly spread")
-    parser.add_argument("--jobs", type=int, default=2, metavar="N", help="how many run at the same time (2)")
-    parser.add_argument("--list", action="store_true", help="show the calls of each scenario and run nothing else")
-    parser.add_argument("--only-call", type=int, metavar="N", help="the points of this call alone")
+    how_many.add_argument("--all", action="store_true", help="include repetitions: the read-only calls of every pass of a loop")
+    how_many.add_argument("--points", type=int, metavar="K",
+                          help="run about K points: up to half at calls that change the medium, the others evenly spread")
+    parser.add_argument("--jobs", type=int, default=2, metavar="N", help="run N points at the same time (default: 2)")
+    parser.add_argument("--list", action="store_true", help="show the calls of each scenario and stop")
+    parser.add_argument("--only-call", type=int, metavar="N", help="only the points of this call")
     parser.add_argument("--vorlix", default=os.environ.get("VORLIX"), help="the command line to test ($VORLIX)")
     parser.add_argument("--tracer", default=os.environ.get("FAULT_TRACER"), help="the tracer ($FAULT_TRACER)")
     known = [scenario.name for scenario in scenarios.SCENARIOS]
@@ -59,7 +60,7 @@ def skip(reason):
 
 
 def chosen_scenarios(options, folder):
-    """The scenarios that can run here; the others are named with their reason."""
+    """Returns the scenarios that can run on this machine; prints the reason for each other one."""
     chosen = []
     for scenario in scenarios.SCENARIOS:
         if options.scenarios and scenario.name not in options.scenarios:
@@ -67,21 +68,21 @@ def chosen_scenarios(options, folder):
         if lacking := volumes.missing(*scenario.TOOLS):
             print(f"{scenario.name}: skipped: not installed: {lacking}")
         elif scenario.as_root and not machine.IS_ROOT:
-            print(f"{scenario.name}: skipped: it needs root")
+            print(f"{scenario.name}: skipped: needs root")
         else:
             chosen.append(scenario(folder))
     return chosen
 
 
 def copy_programs(options, folder):
-    """Copies the programs to where an ordinary user can start them."""
+    """Copies the programs to a folder where an ordinary user can start them."""
     vorlix = volumes.copy_command(options.vorlix, folder)
     tracer = shutil.copy(options.tracer, folder)
     return vorlix, tracer
 
 
 def start_worker(folder, programs, numbers):
-    signal.signal(signal.SIGINT, signal.SIG_IGN)  # the one that started them ends them
+    signal.signal(signal.SIGINT, signal.SIG_IGN)  # the parent process ends its workers
     place = os.path.join(folder, f"job{numbers.get()}")
     os.mkdir(place)
     os.chmod(place, 0o755)
@@ -168,7 +169,7 @@ def sweep(options, folder):
         numbers.put(number)
     began = time.monotonic()
     with context.Pool(options.jobs, start_worker, (folder, programs, numbers)) as pool:
-        signal.signal(signal.SIGTERM, signal.default_int_handler)  # what was found so far is shown all the same
+        signal.signal(signal.SIGTERM, signal.default_int_handler)  # an ended sweep shows its results so far
         baselines = pool.map(find_baseline, chosen, chunksize=1)
         if options.list:
             show_calls(chosen, baselines)
@@ -186,7 +187,7 @@ def sweep(options, folder):
 
 
 def collect(results, counts, total):
-    """Counts results and shows the bad ones. Returns False where it was interrupted."""
+    """Counts results and prints the bad ones. Returns False if interrupted."""
     left_over = {}
     not_hit = {}
     try:

@@ -1,9 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
- * A program whose system calls are known, for tests of the tracer and of the sweep: subject BEHAVIOUR FILE.
+ * A program with known system calls, for tests of the tracer and of the sweep: subject BEHAVIOUR FILE.
  *
- * It exits with 0 when it believes that all went well, with 2 when it says that something failed, and with 99 when it
- * cannot do what it is told.
+ * Exit status: 0 success as far as the program knows, 2 it reports a failure, 99 unknown behaviour or wrong arguments.
  */
 #define _GNU_SOURCE
 
@@ -27,7 +26,7 @@ static void fill(char* block, char letter) {
   memset(block, letter, BLOCK);
 }
 
-/* Three writes of 100 bytes, "a", "b" and "c". Prints what each gave. */
+/* Writes 100 bytes "a", 100 bytes "b" and 100 bytes "c". Prints each result. */
 static int three_writes(const char* path) {
   char block[BLOCK];
   const int file = open_file(path, O_WRONLY | O_CREAT | O_TRUNC);
@@ -42,8 +41,8 @@ static int three_writes(const char* path) {
   return DONE;
 }
 
-/* One write of 100 "a" and 100 "b" from two buffers, two times. The second tells whether the buffers are as they were.
- */
+/* Writes 100 bytes "a" and 100 bytes "b" from two buffers in one call, twice. The second call shows whether the tracer
+ * restored the buffers. */
 static int two_gathered_writes(const char* path) {
   char first[BLOCK];
   char second[BLOCK];
@@ -57,7 +56,7 @@ static int two_gathered_writes(const char* path) {
   return DONE;
 }
 
-/* A read of 100 bytes, and what closing gave. */
+/* Reads 100 bytes. Prints the results of reading and closing. */
 static int one_read(const char* path) {
   char block[BLOCK];
   const int file = open_file(path, O_RDONLY);
@@ -68,7 +67,7 @@ static int one_read(const char* path) {
   return DONE;
 }
 
-/* Two children write one after the other. */
+/* Two children write, one after the other. */
 static int children(const char* path) {
   for (char letter = 'a'; letter <= 'b'; ++letter) {
     const pid_t child = fork();
@@ -99,7 +98,7 @@ static int thread(const char* path) {
   return result == path ? DONE : FAILED;
 }
 
-/* A child waits for ever; the parent waits for the child, having written. */
+/* The parent writes and then waits for a child that never ends. */
 static int endless(const char* path) {
   const pid_t child = fork();
   if (child == 0) {
@@ -111,7 +110,7 @@ static int endless(const char* path) {
   return DONE;
 }
 
-/* ---- One file takes another content, "new": once as it should be, and with the flaws that a sweep has to find. */
+/* ---- Replacing a file's content: once correctly, and several times with a flaw that the sweep must find. */
 
 static int write_halves(int file) {
   char block[BLOCK];
@@ -134,7 +133,7 @@ static int refuse(const char* message) {
   return FAILED;
 }
 
-/* Writes beside the file, and takes the place of it when all is on the medium. */
+/* Writes a temporary file, syncs it and renames it into place. */
 static int careful(const char* path) {
   char beside[4096];
   snprintf(beside, sizeof beside, "%s.new", path);
@@ -143,7 +142,7 @@ static int careful(const char* path) {
     return refuse("nothing was written");
   }
   close(file);
-  return sync_folder_of(path) ? DONE : refuse("the new file may not be on the medium");
+  return sync_folder_of(path) ? DONE : refuse("the new file may be lost on a power failure");
 }
 
 static int unchecked(const char* path) {
@@ -158,7 +157,7 @@ static int unsynced(const char* path) {
   return write_halves(file) ? DONE : refuse("a write failed");
 }
 
-/* A sync that failed is tried again, which says nothing of the bytes that the first one lost. */
+/* Repeats a failed sync. Its success says nothing about the bytes that the failed sync lost. */
 static int syncs_again(const char* path) {
   const int file = open_file(path, O_WRONLY);
   if (!write_halves(file)) return refuse("a write failed");

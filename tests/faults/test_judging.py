@@ -1,11 +1,11 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The verdicts, on made-up ends of commands, and what the calls of a run leave to a power cut."""
+"""Tests of the verdicts with made-up ends of commands, and of what a power failure after given calls would lose."""
 
 import os
 import re
 import unittest
 
-import places  # noqa: F401: puts the modules in the path
+import places  # noqa: F401: sets the module path
 from sweep import durability, judging, tracing
 from sweep.judging import BLOCKED, CRASH, HANG, SILENT, TORN, WRONG_WORD, Aftermath, Expected, Seen
 from sweep.tracing import Call, Run

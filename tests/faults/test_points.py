@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The sweep on a program that replaces a file: as it should be done, and with flaws, each of which has to be found."""
+"""Tests of the sweep with a program that replaces a file, correctly or with a flaw; the sweep must find each flaw."""
 
 import os
 import shutil
@@ -11,7 +11,7 @@ from sweep import judging, media, points, scenarios, tracing
 
 
 class Replace(scenarios.Scenario):
-    """The program makes the file's content a new one."""
+    """The program replaces the file's content."""
 
     seconds = 2
 
@@ -47,8 +47,7 @@ class Flaws(unittest.TestCase):
         self.folder = folder
 
     def sweep(self, behaviour, only=None):
-        """The verdicts of all points as {(name of the call, fault): verdict}, those that are right left out. only: the name
-        of the calls to try."""
+        """The bad verdicts of all points as {(name of the call, fault): verdict}. only: tries only calls with this name."""
         scenario = Replace(self.folder, behaviour)
         baseline = self.runner.baseline(scenario)
         self.assertTrue(baseline.is_steady)

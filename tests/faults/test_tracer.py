@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The tracer on programs whose system calls are known."""
+"""Tests of the tracer with programs whose system calls are known."""
 
 import errno
 import os
@@ -17,12 +17,12 @@ A, B, C = b"a" * 100, b"b" * 100, b"c" * 100
 
 
 def command_lines():
-    """Of all processes."""
+    """The command lines of all processes."""
     for number in filter(str.isdecimal, os.listdir("/proc")):
         try:
             with open(f"/proc/{number}/cmdline", "rb") as file:
                 yield file.read()
-        except OSError:  # it has ended meanwhile
+        except OSError:  # the process ended meanwhile
             continue
 
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""bcd on a real EFI System Partition, read back with mtools."""
+"""`bcd` on a real EFI System Partition, read back with mtools."""
 
 import os
 import shutil
@@ -13,19 +13,19 @@ EFI = f"{SECOND}1"
 WINDOWS = 2
 STORE = "EFI/Microsoft/Boot/BCD"
 
-# Where the identifiers go, by mode.
+# Byte offsets of the partition's identifiers in the store, by mode.
 PARTITION_SLOTS = {"standard": (10492, 10740), "mdt": (8792, 10200, 14124), "sccm": (8424, 9872)}
 DISK_SLOTS = {"standard": (5828, 7900, 9372, 10516, 10764), "mdt": (8816, 10224, 11908, 11932, 14148),
               "sccm": (8448, 9896, 11660, 19284)}
 
 
 def template_bytes(size=24576):
-    """A template for every mode. No two neighbours of most bytes are alike, nor like what they are replaced with."""
+    """A template for every mode. Adjacent bytes mostly differ, and differ from the identifiers that replace them."""
     return hive.prepared_store(bytes((at * 7 + at // 256) % 251 for at in range(size)), *hive.ELEMENTS)
 
 
 def store_on_volume():
-    """The store as mtools reads it from the partition; None when there is none."""
+    """The store that mtools reads from the partition; None if there is none."""
     result = subprocess.run(["mcopy", "-n", "-i", node(EFI), f"::/{STORE}", "-"], stdin=subprocess.DEVNULL,
                             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=False)
     return result.stdout if result.returncode == 0 else None

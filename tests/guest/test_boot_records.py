@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""vbr and boot-code on block devices."""
+"""`vbr` and `boot-code` on block devices."""
 
 import os
 
@@ -7,7 +7,7 @@ from bed.guest import LOCKED, MAC, SECOND, GuestTest, digest, mounted, mounts_of
 from support import samples
 
 SOURCE, TARGET = node(f"{MAC}3"), node(f"{SECOND}2")  # NTFS volumes of different sizes
-BOOT_CODE = 84  # where an NTFS volume's own parameters end
+BOOT_CODE = 84  # offset of the boot code, after an NTFS volume's parameters
 BOOT_AREA = 8192
 
 
@@ -43,7 +43,7 @@ class RestoreTest(GuestTest):
         self.addCleanup(lambda: samples.write(TARGET, 0, before))
         self.own = before[:BOOT_CODE]
         self.rest = digest(TARGET, BOOT_AREA)
-        # Real boot code for the volume's first sector, and bytes to know the area behind it by.
+        # Real boot code for the volume's first sector, and recognisable bytes for the area after it.
         saved = bytearray(samples.read(SOURCE, BOOT_CODE, BOOT_AREA - BOOT_CODE))
         saved[600:632] = b"behind the volume's first sector"
         self.saved = bytes(saved)

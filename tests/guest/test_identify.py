@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""identify on the kernel's partitions, compared with blkid, sgdisk and sysfs."""
+"""`identify` on the kernel's partitions, compared with blkid, sgdisk and sysfs."""
 
 import json
 import uuid
@@ -12,7 +12,7 @@ class IdentifyTest(GuestTest):
         return json.loads(self.vorlix("identify", device, "--json").stdout)
 
     def assert_guid(self, shown, text):
-        """The text, and its bytes: the first three groups little-endian, the rest in text order."""
+        """Checks the text and the raw bytes of a GUID: the first three groups are little-endian, the rest big-endian."""
         self.assertEqual(shown["text"].upper(), text.upper())
         self.assertEqual(bytes.fromhex(shown["raw"]), uuid.UUID(text).bytes_le)
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""legacy-boot on a real NTFS volume and on FAT, which does not tell "BOOT" from "boot"."""
+"""`legacy-boot` on a real NTFS volume and on FAT, where "BOOT" and "boot" are the same name."""
 
 import os
 import shutil

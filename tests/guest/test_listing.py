@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""list, find and boot-camp on real mounts, compared with blkid, sysfs, busybox's df and the kernel's mount table."""
+"""`list`, `find` and `boot-camp` on real mounts, compared with blkid, sysfs, busybox's df and the kernel's mount table."""
 
 import json
 import os
@@ -20,13 +20,13 @@ SMALL_WINDOWS = f"{SECOND}2"
 PC_EFI, PC_BOOT, PC_WINDOWS, PC_LINUX, PC_INSTALLER = (f"{PC}{number}" for number in range(1, 6))
 OLD_BOOT, OLD_WINDOWS = f"{OLD_PC}1", f"{OLD_PC}2"
 
-# What the library calls the kinds that blkid names otherwise.
+# The library's names of file systems that have another name in blkid.
 KINDS = {"vfat": "msdos", "hfsplus": "hfs"}
 UUID = re.compile(r"[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}", re.IGNORECASE)
 
 
 def df(path):
-    """Sizes of a mounted volume in bytes: (all, free)."""
+    """The sizes of a mounted volume in bytes: (total, free)."""
     _, size, _, free, *_ = samples.run(BUSYBOX, "df", "-P", "-B", "512", path).splitlines()[-1].split()
     return int(size) * 512, int(free) * 512
 
@@ -52,7 +52,7 @@ def make_installer(point):
 
 
 class VolumesTest(CommandTest):
-    """Volumes of every kind, mounted once for all tests in an order that is neither the disks' nor the alphabet's."""
+    """Volumes of every kind, mounted once for all tests, neither in the order of the disks nor in alphabetical order."""
 
     ORDER = (PC_INSTALLER, PC_WINDOWS, OLD_BOOT, EXCHANGE, HFS_PLUS, OLD_WINDOWS, PC_LINUX, PC_BOOT, PC_EFI)
     FOLDERS = {PC_WINDOWS: "Volume mit Größe", PC_EFI: "EFI"}
@@ -68,7 +68,7 @@ class VolumesTest(CommandTest):
         make_windows(cls.addClassCleanup, cls.points[PC_WINDOWS], "WINDOWS", "SYSTEM32")
         make_windows(cls.addClassCleanup, cls.points[OLD_WINDOWS])
         make_installer(cls.points[PC_INSTALLER])
-        make_boot_partition(cls.points[PC_BOOT], "Boot")  # as Windows' set-up spells it
+        make_boot_partition(cls.points[PC_BOOT], "Boot")  # the spelling of Windows Setup
         make_boot_partition(cls.points[OLD_BOOT])
         os.makedirs(os.path.join(cls.points[PC_LINUX], "Windows"), exist_ok=True)  # without System32
         cls.all = cls.list_of("--all")
@@ -102,7 +102,7 @@ class VolumesTest(CommandTest):
         self.assertEqual([self.volume(name)["name"] for name in (OLD_BOOT, OLD_WINDOWS)], list(disks.OLD_PC_LABELS))
 
     def test_some_identifiers_are_there_and_some_are_not(self):
-        """So that the comparison with blkid is one of identifiers."""
+        """Makes sure that the comparison with blkid covers both cases."""
         for field, there, absent in (("volumeUUID", PC_LINUX, PC_WINDOWS), ("mediaUUID", PC_WINDOWS, OLD_WINDOWS),
                                      ("contentUUID", PC_WINDOWS, OLD_WINDOWS)):
             self.assertRegex(self.volume(there)[field], UUID)
@@ -225,7 +225,7 @@ class ChangingMountsTest(GuestTest):
 
 
 class DriverTest(GuestTest):
-    """Volumes of a driver in user space that names them as it likes, and can hold up what is done to them."""
+    """Volumes of a driver in user space that gives them any name and can delay requests."""
 
     SOURCE = f"ntfs://{SMALL_WINDOWS}/Data"
 
@@ -260,7 +260,7 @@ class DriverTest(GuestTest):
         self.assertEqual(self.listed(served), [])
 
     def test_a_volume_may_go_while_the_list_is_made(self):
-        """At one time before the others' places are looked at, at the other when the list's volumes are known."""
+        """One volume goes before the list has looked at the other ones, another one after all volumes are known."""
         served = self.serve()
         data = self.mount_at(DATA, "data")
         for request in (driver.STATFS, driver.OPENDIR):
@@ -292,7 +292,7 @@ class DriverTest(GuestTest):
 
 class BootCampTest(GuestTest):
     def test_the_one_windows_volume_of_the_machines_disks_is_found(self):
-        for name in (PC_EFI, EXCHANGE, PC_LINUX, PC_WINDOWS):  # an EFI partition, exFAT and ext4 are none
+        for name in (PC_EFI, EXCHANGE, PC_LINUX, PC_WINDOWS):  # the EFI partition, exFAT and ext4 do not count
             self.mount_at(name, name)
         found = json.loads(self.vorlix("boot-camp", "--json").stdout)
         self.assertEqual((found["device"], found["name"]), (node(PC_WINDOWS), disks.PC_LABELS[2]))

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""mount, unmount and efi on real volumes, seen from the kernel's mount table and through mount(8)."""
+"""`mount`, `unmount` and `efi` on real volumes, checked with the kernel's mount table and mount(8)."""
 
 import errno
 import os
@@ -23,7 +23,7 @@ class MountTest(GuestTest):
 
 
 class OfEachVolume:
-    """The same for each kind of volume: `name` of the device, `kinds` of the kernel's file systems that may serve."""
+    """Tests for each kind of volume. `name`: the device; `kinds`: the kernel's file systems that may mount it."""
 
     def test_the_volumes_files_are_seen_where_the_command_says(self):
         with mounted(self.name) as point:
@@ -65,7 +65,7 @@ class OfEachVolume:
         self.assert_mounted_once(self.name, place, self.kinds)
         self.vorlix("unmount", node(self.name))
         self.assert_not_mounted(self.name)
-        self.assertTrue(os.path.isdir(place))  # the folder is not ours to remove
+        self.assertTrue(os.path.isdir(place))  # the command did not create the folder and must not remove it
 
     def test_mounting_it_twice_leaves_one_mount(self):
         first = self.mount(node(self.name))

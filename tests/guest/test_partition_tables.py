@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""show, hybrid and check on block devices whose partitions the kernel has found."""
+"""`show`, `hybrid` and `check` on block devices with partitions that the kernel found."""
 
 import json
 import os
@@ -7,9 +7,9 @@ import os
 from bed.guest import LOCKED, MAC, SECOND, SLICES, GuestTest, blkid, digest, disk_guid, node, partition_entry
 from support import samples
 
-HIDDEN_SECTORS = 0x1C  # in the boot sector of an NTFS volume
+HIDDEN_SECTORS = 0x1C  # offset in the boot sector of an NTFS volume
 WINDOWS = 3  # GPT entry of the Windows volume on the Mac disk
-GPT_END = 34 * samples.SECTOR  # header and entries
+GPT_END = 34 * samples.SECTOR  # end of MBR, header and entries
 
 
 def slot(sector0, number):
@@ -17,7 +17,7 @@ def slot(sector0, number):
 
 
 def slot_place(sector0, number):
-    """Flag, type, first sector and sectors of an MBR slot."""
+    """Flag, type, first sector and number of sectors of an MBR slot."""
     raw = slot(sector0, number)
     return raw[0], raw[4], int.from_bytes(raw[8:12], "little"), int.from_bytes(raw[12:16], "little")
 
@@ -90,7 +90,7 @@ class HybridTest(GuestTest):
         guids = {part.number: blkid(node(f"{MAC}{part.number}"))["PART_ENTRY_UUID"] for part in SLICES[MAC]}
         self.hybrid()
         self.assertEqual(digest(node(MAC), samples.SECTOR, GPT_END - samples.SECTOR), gpt)
-        # Asked to, the kernel reads the tables again and finds the same partitions.
+        # The kernel rereads the tables on request and finds the same partitions.
         samples.run("blockdev", "--rereadpt", node(MAC))
         for part in SLICES[MAC]:
             self.assertEqual(blkid(node(f"{MAC}{part.number}"))["PART_ENTRY_UUID"], guids[part.number])

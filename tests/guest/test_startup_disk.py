@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""startup-disk with a stand-in for bless, which records its arguments and ends as it is told."""
+"""`startup-disk` with a substitute for bless, which records its arguments and ends with a given status."""
 
 import os
 import unittest
@@ -12,7 +12,7 @@ CSRUTIL = "/usr/bin/csrutil"
 WINDOWS, OLD_WINDOWS, HFS_PLUS = f"{PC}3", f"{OLD_PC}2", f"{MAC}2"
 EFI = f"/dev/{PC}s1"
 
-# What bless is told for each type, for the next start only and for good.
+# The arguments of bless for each type: for the next start only, and permanently.
 TYPES = {
     "legacy": ((node(WINDOWS), "-nextonly"), (node(WINDOWS),)),
     "efi": ((EFI, "-nextonly"), (EFI,)),
@@ -42,7 +42,7 @@ class StartupDiskTest(GuestTest):
         self.addCleanup(lambda: os.path.exists(path) and os.remove(path))
 
     def take_runs(self):
-        """The arguments of each run of bless since the last look."""
+        """The arguments of each run of bless since the last call."""
         if not os.path.exists(self.record):
             return []
         runs = [run.splitlines() for run in read_text(self.record).split("run\n")[1:]]
@@ -62,7 +62,7 @@ class StartupDiskTest(GuestTest):
                 self.assert_told((node(WINDOWS), "--type", kind, "--permanent"), *arguments_for(*for_good))
 
     def test_the_disk_says_which_type_it_is(self):
-        """A GPT's protective MBR has an empty second slot, an MBR with two partitions has not."""
+        """The protective MBR of a GPT has an empty second slot; an MBR with two partitions does not."""
         self.assertEqual(samples.read(node(PC), 446 + 16, 16), bytes(16))
         self.assertNotEqual(samples.read(node(OLD_PC), 446 + 16 + 1, 1), bytes(1))
         self.assert_told((node(WINDOWS),), *arguments_for(EFI, "-nextonly"))
@@ -117,4 +117,4 @@ class StartupDiskTest(GuestTest):
                 self.make_program(CSRUTIL, f"echo 'System Integrity Protection status: {state}.'\n")
                 result = self.vorlix("startup-disk", node(WINDOWS))
                 self.assertEqual("System Integrity Protection is on" in result.stderr, warns, result.stderr)
-                self.assertEqual(self.take_runs(), [arguments_for(EFI, "-nextonly")])  # a warning only
+                self.assertEqual(self.take_runs(), [arguments_for(EFI, "-nextonly")])  # only a warning, not an error

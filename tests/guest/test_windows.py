@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""windows on real volumes: what the registry says is read by registry_lookup from hives that hivex's own shell wrote."""
+"""`windows` on real volumes: registry_lookup reads the version from hives that hivex's shell wrote."""
 
 import json
 import os
@@ -11,14 +11,14 @@ from support import hives, samples
 WINDOWS, INSTALLER, EXFAT = f"{PC}3", f"{PC}5", f"{OLD_PC}2"
 PROGRAM = os.path.join(os.path.dirname(VORLIX), "tools", "bin", "registry_lookup")
 
-# As Windows' set-up writes it, between other lines.
+# The line that Windows Setup writes, between other lines.
 SETUP_LOG = ("2024-05-04 10:00:00, Info       IBS    A line before\r\n"
              "2024-05-04 10:00:01, Info       IBS    Callback_BootEnvironmentDetect: Detected boot environment: EFI\r\n"
              "2024-05-04 10:00:02, Info       IBS    A line after\r\n")
 
 
 def find(folder, *names):
-    """A path below a folder whose names may be spelled in any case."""
+    """Finds a path below a folder, with names in any case."""
     for name in names:
         (entry,) = [entry for entry in os.listdir(folder) if entry.lower() == name.lower()]
         folder = os.path.join(folder, entry)
@@ -45,7 +45,7 @@ class WindowsTest(GuestTest):
         return json.loads(self.vorlix("windows", volume, "--json").stdout)
 
     def expected(self, release, product, started_by=None):
-        """The product is the library's own name of it; the rest is what the hive has."""
+        """The product has the library's name for it; the rest comes from the hive."""
         values = hives.RELEASES[release]
         return {"product": product, "edition": values["EditionID"], "currentBuildNumber": values["CurrentBuildNumber"],
                 "buildLabEx": values["BuildLabEx"], "bootenv": started_by}
@@ -89,7 +89,7 @@ class WindowsTest(GuestTest):
         write_text(os.path.join(point, "SOURCES", "BOOT.WIM"), "an image\n")
         result = self.vorlix("windows", node(INSTALLER), status=1)
         self.assertEqual((result.stdout, result.stderr),
-                         ("", f"vorlix: {node(INSTALLER)}: no installed Windows, but its installer\n"))
+                         ("", f"vorlix: {node(INSTALLER)}: no installed Windows, only its installer\n"))
 
     def test_a_volume_that_is_not_mounted_is_refused(self):
         self.assertIn("not mounted", self.refused("windows", node(WINDOWS)))
@@ -99,5 +99,5 @@ class WindowsTest(GuestTest):
         self.install(point, "Windows 10", "Windows", "System32")
         hive = os.path.join(point, "Windows", "System32", "config", "SOFTWARE")
         write_text(hive, "no hive\n")
-        self.assertIn("its registry tells no product name", self.refused("windows", point))
+        self.assertIn("its registry has no product name", self.refused("windows", point))
         self.assertEqual(read_text(hive), "no hive\n")

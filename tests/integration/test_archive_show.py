@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""The command `archive show`: beside plistlib's reading of the same archives, and on archives that mean harm."""
+"""The command `archive show`, compared with plistlib on the same archives, and on hostile archives."""
 
 import json
 import os
@@ -29,13 +29,13 @@ NEVER_READ = ("fileSystemType",)  # written, but not under the key that is read
 FLAGS = ("isVM", "isBootable", "isRemovable", "volumeMountable")
 INFO = {"volumeKind": "ntfs", "volumeMountable": Inline(True), "volumeName": "BOOTCAMP",
         "volumePath": FileURL("/Volumes/Caf\u00e9 \u2603"), "volumeType": "NTFS", "volumeUUID": uuid.UUID(IDENTIFIER)}
-# The same as the probe is told it.
+# The same fields in the form of the probe's input.
 INFO_TOLD = {"volumeKind": "ntfs", "volumeMountable": True, "volumeName": "BOOTCAMP",
              "volumePath": {"path": "/Volumes/Caf\u00e9 \u2603"}, "volumeType": "NTFS", "volumeUUID": {"uuid": IDENTIFIER}}
 
 
 def as_json(value):
-    """What an entry that plistlib read is in the command's JSON."""
+    """Converts an entry that plistlib read to the form of the command's JSON."""
     if isinstance(value, (Inline, Growable)):
         return as_json(value.value)
     if isinstance(value, FileURL):
@@ -50,7 +50,7 @@ def as_json(value):
 
 
 def as_xml(archive):
-    """The same in XML, which has no element for references."""
+    """Converts an archive to XML, which has no element for references."""
     def plain(value):
         if isinstance(value, UID):
             return {"CF$UID": value.data}
@@ -74,7 +74,7 @@ class ArchiveShow(images.CommandTest):
         return result
 
     def fields(self, content, name):
-        """The fields of the record of that class that an archive holds."""
+        """Returns the fields of an archive's record, which must have class `name`."""
         result = self.show_bounded(self.archive(content), "--json")
         self.assertEqual((result.returncode, result.stderr), (0, ""))
         document = json.loads(result.stdout)
@@ -192,12 +192,12 @@ class Hostile(ArchiveShow):
     CLASS = {"$classname": "QDVolume", "$classes": ["QDVolume", "NSObject"]}
 
     def container(self, *objects, **members):
-        """An archive whose objects, from the first after the null object on, are these; the last is QDVolume's class."""
+        """An archive with these objects after the null object; QDVolume's class follows them."""
         top = {**self.ROOT, "$objects": ["$null", *objects, self.CLASS], **members}
         return plistlib.dumps(top, fmt=plistlib.FMT_BINARY)
 
     def volume(self, entries, *objects):
-        """An archive of a volume with these entries; the objects are from 2 on."""
+        """An archive of a volume with these entries; the objects have the numbers 2 and up."""
         return self.container({**entries, "$class": UID(2 + len(objects))}, *objects)
 
     def test_the_helper_makes_good_archives(self):
@@ -288,7 +288,7 @@ class Hostile(ArchiveShow):
 
     def test_a_header_that_claims_more_than_there_is(self):
         content = bytearray((DATA / "QDVolume-full-1.archive").read_bytes())
-        for at in (-24, -16, -8):  # number of objects, the top one, where the table of offsets is; 8 bytes, big-endian
+        for at in (-24, -16, -8):  # number of objects, top object, place of the offset table; 8 bytes each, big-endian
             for value in (1 << 63, (1 << 64) - 1, 1 << 32, 1 << 40):
                 changed = content[:]
                 changed[len(changed) + at : len(changed) + at + 8 or None] = value.to_bytes(8, "big")
@@ -312,9 +312,9 @@ class Files(ArchiveShow):
     def test_a_file_of_more_than_16_mib_is_not_read(self):
         path = self.archive(b"bplist00")
         os.truncate(path, (16 << 20) + 1)
-        self.assert_error(path, "larger than the 16.78 MB (16777216 bytes) that are read")
+        self.assert_error(path, "larger than the limit of 16.78 MB (16777216 bytes)")
         os.truncate(path, 1 << 40)
-        self.assert_error(path, "larger than the 16.78 MB (16777216 bytes) that are read")
+        self.assert_error(path, "larger than the limit of 16.78 MB (16777216 bytes)")
 
     def test_wrong_arguments(self):
         for arguments in (["archive"], ["archive", "show"], ["archive", "list"], ["archive", "show", "a", "b"]):

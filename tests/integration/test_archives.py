@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Archives of volume records: ours read by plistlib and plistutil, and those of an independent writer read by us."""
+"""Archives of volume records: plistlib and plistutil read ours, and we read those of an independent writer."""
 
 import base64
 import json
@@ -53,7 +53,7 @@ KEYS = ["mbr", "partitionID", "filePath", "device", "drivePath", "info", "diskNa
 NEVER_WRITTEN = {"volumeType": "disk", "showLine": True, "hasWindows": True, "hasWindows8orGreater": True,
                  "isWritable": True, "mediaSize": "2 GB", "installedOS": "Windows", "networkShare": "//server/share",
                  "bootResourcePath": "/boot", "bootMgrPath": "/bootmgr"}
-# What the writer below puts for FULL.
+# The entries in an archive of FULL.
 WRITTEN = {
     "mbr": Growable(bytes.fromhex("33c08ed0bc007c")),
     "partitionID": Growable(FULL["partitionID"]),
@@ -80,7 +80,7 @@ WRITTEN = {
     "mediaUUID": uuid.UUID(FULL["mediaUUID"]),
     "mediaContentUUID": uuid.UUID(FULL["mediaContentUUID"]),
 }
-# What a record that was decoded from it has.
+# The fields of the record decoded from that archive.
 DECODED = {key: value for key, value in FULL.items() if key not in ("vmPassword", "fileSystemType")} | {
     "usageDescription": {
         "text": "Start \U0001f600\u2603 end",
@@ -103,7 +103,7 @@ class Archives(unittest.TestCase):
         return self.file.read_bytes()
 
     def decode(self, data):
-        """The record's fields, or None if there is none."""
+        """Returns the decoded record's fields; None if the library decodes no record."""
         self.file.write_bytes(data)
         result = subprocess.run([PROBE, "decode", self.file], text=True, capture_output=True)
         self.assertIn(result.returncode, (0, 1), result.stderr)
@@ -212,7 +212,7 @@ class Decoded(Archives):
 
 
 class Fixtures(Archives):
-    """Archives that were written once stay readable, and what is written today has the same objects in the same places."""
+    """Stored archives stay readable, and today's archives have the same objects in the same places."""
 
     def test_the_fixtures_are_read(self):
         expected = {"QDVolume-full-1.archive": DECODED, "QDVolume-empty-1.archive": EMPTY,

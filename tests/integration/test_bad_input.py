@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Disks that are not there, damaged, hostile or in use: a clear refusal, nothing written, time and memory bounded.
+"""Disks that are missing, damaged, hostile or in use: a clear refusal, nothing written, time and memory bounded.
 
-With VORLIX_SANITIZED set the address space is not limited: sanitizers reserve terabytes of it.
+If VORLIX_SANITIZED is set, the address space is not limited: sanitizers reserve terabytes of it.
 """
 
 import contextlib
@@ -15,7 +15,7 @@ import sys
 
 from support import gpt, images, tools
 
-TIME_LIMIT = 20  # seconds for what takes milliseconds
+TIME_LIMIT = 20  # seconds; the commands take milliseconds
 BLOCKS = 131072  # 64 MiB
 WINDOWS = 3
 
@@ -46,7 +46,7 @@ class BadInput(images.CommandTest):
         return self.vorlix_run(*arguments, timeout=TIME_LIMIT, memory_limit=self.memory_limit)
 
     def image(self, name="disk.img", **changes):
-        """An image that is fine but for `changes`, with an NTFS boot sector at entry 3."""
+        """A valid image except for `changes`, with an NTFS boot sector at entry 3."""
         table = gpt.Table(**{"blocks": BLOCKS, "entries": usual_entries(), **changes})
         path = table.write(self.path(name))
         entry = table.entries[WINDOWS - 1] if len(table.entries) >= WINDOWS else None
@@ -59,7 +59,7 @@ class BadInput(images.CommandTest):
         return ["hybrid", disk, "--boot-code", boot_code or self.boot_code, "--partition", WINDOWS, *options]
 
     def assert_error(self, result, *words):
-        """Status 2 and, as the last line of standard error, a message with all the words. Returns the message."""
+        """The status is 2, and the last line of standard error is a message with all the words. Returns the message."""
         self.assertEqual(result.returncode, 2, result.stdout + result.stderr)
         message = result.stderr.splitlines()[-1]
         self.assertTrue(message.startswith("vorlix: "), result.stderr)
@@ -68,7 +68,7 @@ class BadInput(images.CommandTest):
         return message
 
     def refuse_hybrid(self, disk, *words, names=None, options=(), boot_code=None, unchanged=()):
-        """`hybrid` says what is wrong with `names` (the disk, unless given) and that nothing was written; that is true."""
+        """`hybrid` names `names` (by default the disk), says that nothing was written, and wrote nothing."""
         before = {path: images.snapshot(path) for path in unchanged}
         result = self.run_bounded(*self.hybrid_arguments(disk, *options, boot_code=boot_code))
         self.assert_error(result, names or disk, "nothing was written", *words)
@@ -76,7 +76,7 @@ class BadInput(images.CommandTest):
             self.assert_unchanged(path, state)
 
     def refuse_everywhere(self, disk, *words, unchanged=()):
-        """No command can do anything with such a disk."""
+        """Every command refuses the disk."""
         self.refuse_hybrid(disk, *words, unchanged=unchanged)
         before = {path: images.snapshot(path) for path in unchanged}
         for arguments in (["show", disk], ["show", disk, "--json"], ["check", disk, "--partition", WINDOWS]):
@@ -257,7 +257,7 @@ class DamagedTables(BadInput):
         self.assertNotIn("\nDisk        forged", result.stdout)
 
     def test_the_name_of_a_file_cannot_command_the_terminal(self):
-        """In any command, whether it does what is asked or refuses it."""
+        """In every command, on success and on refusal."""
         name = "\x1b[2J\x07\nvorlix: forged\x9b"
         disk = self.image(name=name + ".img")
         volume = disk + "s3"
@@ -429,7 +429,7 @@ sys.stdin.read()
 
 class Permissions(BadInput):
     def run_as_user(self, *arguments):
-        """Runs without the right to override permissions."""
+        """Runs the command line without root's right to override permissions."""
         prefix = ()
         if os.geteuid() == 0:
             user = str(images.NOBODY)

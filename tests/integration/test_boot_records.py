@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Saved boot code: of volumes (`vorlix vbr`), put back on others, and of disks (`vorlix boot-code`)."""
+"""Boot code saved from volumes (`vorlix vbr`) and restored to others, and boot code of disks (`vorlix boot-code`)."""
 
 import fcntl
 import functools
@@ -15,7 +15,7 @@ from support.samples import Slice
 MISSING = volumes.missing("mkntfs", "ntfsfix", "ntfsinfo", "sgdisk", "blkid", "dd", "mkfs.vfat", "setpriv")
 NO_BIOS = volumes.missing("qemu-system-x86_64") or ("" if samples.syslinux_mbr() else "syslinux's mbr.bin")
 
-PARAMETERS = 84  # bytes of a boot area that stay the volume's own
+PARAMETERS = 84  # bytes of a boot area that a restore keeps
 BOOT_AREA = 8192
 SAVED = BOOT_AREA - PARAMETERS
 BOOT_CODE = 446
@@ -32,7 +32,7 @@ def ntfs_template(sectors):
 
 
 def boot_code(seed):
-    """Bytes 84 to 8191 of a boot area: anything, with the signature of a boot sector."""
+    """Bytes 84 to 8191 of a boot area: random bytes, with the signature of a boot sector."""
     content = bytearray(random.Random(seed).randbytes(SAVED))
     content[510 - PARAMETERS : 512 - PARAMETERS] = b"\x55\xAA"
     return bytes(content)
@@ -45,7 +45,7 @@ class RecordTest(volumes.VolumeTest):
         return self.give(path)
 
     def source(self, same_first_sector=False):
-        """An NTFS volume with boot code of its own; the saved bytes are returned beside its path."""
+        """Makes an NTFS volume with unique boot code. Returns its path and the bytes to be saved."""
         path = self.ntfs("source.ntfs", SOURCE_SECTORS)
         content = boot_code(1)
         if same_first_sector:
@@ -57,11 +57,11 @@ class RecordTest(volumes.VolumeTest):
         return self.ntfs(name, TARGET_SECTORS)
 
     def saved(self, content=None, name="saved.vbr"):
-        """A saved boot record as a file of the user's."""
+        """Makes a file of the user with a saved boot record."""
         return self.file(name, boot_code(7) if content is None else content)
 
     def assert_restored(self, path, before, content, offset=0):
-        """Bytes 84 to 8191 at `offset` are the saved ones, and every other byte is as it was in `before`, a copy."""
+        """Bytes 84 to 8191 at `offset` are the saved ones; every other byte is as in the copy `before`."""
         expected = self.path("expected")
         images.sparse_copy(before, expected)
         samples.write(expected, offset + PARAMETERS, content)
@@ -74,7 +74,7 @@ class RecordTest(volumes.VolumeTest):
         return copy
 
     def refuse(self, path, arguments, *saying):
-        """An error that leaves the device as it is."""
+        """The command fails with this message and leaves the device unchanged."""
         before = images.snapshot(path)
         message = self.vorlix_refuses(*arguments, saying=saying)
         self.assert_unchanged(path, before)
@@ -142,7 +142,7 @@ class Save(RecordTest):
                 self.assertFalse(os.path.exists(file))
 
     def test_devices_that_are_not_there(self):
-        """The library ends its process when the disk of an MBR cannot be opened; the command says why instead."""
+        """If the library cannot open the disk of an MBR, it ends the process; the command reports the reason first."""
         disk = self.give(volumes.make_mac(self.path("mac.img")))
         closed = self.file("closed", bytes(BOOT_AREA), 0)
         for device, reason in ((self.path("missing"), "No such file"), (disk + "s4", ""), (self.folder, ""),
@@ -200,14 +200,14 @@ class Save(RecordTest):
                 limited = (*self.prefix(), "prlimit", "--fsize=100")
                 result = self.vorlix_run(command, "save", source, file, prefix=limited)
                 self.assertEqual(result.returncode, 2)
-                self.assertIn(f"{file}: File too large; no file was made", result.stderr)
+                self.assertIn(f"{file}: File too large; no file was created", result.stderr)
                 self.assertEqual([name for name in os.listdir(self.folder) if command in name], [])
                 self.vorlix_ok(command, "save", source, file)
                 self.assertEqual(os.path.getsize(file), size)
 
     @unittest.skipIf(volumes.missing("strace"), "strace is not installed")
     def test_a_save_that_is_cut_off(self):
-        """Killed at any call on the file, the whole file is there or none, and the next save goes through."""
+        """After a kill at any call on the file, either the complete file exists or none, and the next save succeeds."""
         source, content = self.source()
         kills = 0
         for call, most in (("write", 3), ("fsync", 2), ("renameat2", 1), ("flock", 1)):
@@ -265,7 +265,7 @@ class Save(RecordTest):
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
 class Restore(RecordTest):
     def assert_sound(self, path):
-        """ntfsfix finds a volume that can be mounted. The second copy of its boot sector is the volume's own affair."""
+        """ntfsfix finds a mountable volume. It does not judge the second copy of the boot sector."""
         result = subprocess.run([images.tool("ntfsfix"), "--no-action", path], capture_output=True, text=True, timeout=60,
                                 check=False)
         self.assertIn("Mounting volume... OK", result.stdout)
@@ -274,7 +274,7 @@ class Restore(RecordTest):
         images.run_tool("ntfsinfo", "--mft", path)
 
     def test_onto_a_volume_of_another_size(self):
-        """Also a first sector with the same code, so that its second copy at the volume's end is still one."""
+        """Also with an unchanged first sector, so that the second copy at the volume's end still matches it."""
         for same_first_sector in (True, False):
             with self.subTest(same_first_sector=same_first_sector):
                 source, content = self.source(same_first_sector)
@@ -425,7 +425,7 @@ class Restore(RecordTest):
 
 @unittest.skipIf(MISSING or NO_BIOS, f"not installed: {MISSING or NO_BIOS}")
 class Start(RecordTest):
-    """Saved boot code runs on another disk, with that volume's own parameters."""
+    """Restored boot code runs on another disk, with the parameters of that disk's volume."""
 
     EFI = Slice(1, 40, 2048, samples.EFI_SYSTEM, "EFI System Partition")
     ORIGIN = Slice(3, 2088, 8192, samples.BASIC_DATA, "ORIGIN")
@@ -461,7 +461,7 @@ class AsRoot(RecordTest):
     AS_ROOT = True
 
     def mounted(self, device):
-        """Mounts a device by ntfs-3g; unmounted in any case."""
+        """Mounts a device by ntfs-3g and unmounts it at the end, even after a failure."""
         if not os.path.exists("/dev/fuse") or volumes.missing("ntfs-3g"):
             self.skipTest("no ntfs-3g or no /dev/fuse on this machine")
         place = self.path("mounted")
@@ -511,7 +511,7 @@ class AsRoot(RecordTest):
             try:
                 self.vorlix_refuses("vbr", "restore", self.saved(), device, saying=[device, "nothing was written"])
                 self.vorlix_ok("boot-code", "save", device, self.path("saved.mbr"))
-            finally:  # the loop device keeps it for the next file
+            finally:  # otherwise the loop device would keep it for the next file
                 images.run_tool("blockdev", "--setrw", device)
         self.assert_unchanged(target, before)
 

@@ -20,7 +20,7 @@ NO_HIVEX = volumes.missing("hivexsh", "hivexget")
 STORE = "EFI/Microsoft/Boot/BCD"
 WINDOWS = volumes.WINDOWS.number
 
-# Byte offsets of the identifiers in the store of each mode: "P" the partition's GUID, "D" the disk's.
+# Byte offsets of the identifiers in the store of each mode. "P": the partition's GUID; "D": the disk's.
 SLOTS = {
     "standard": {10492: "P", 10740: "P", 5828: "D", 7900: "D", 9372: "D", 10516: "D", 10764: "D"},
     "mdt": {8792: "P", 8816: "D", 10200: "P", 10224: "D", 14124: "P", 11908: "D", 11932: "D", 14148: "D"},
@@ -42,17 +42,17 @@ def random_bytes(size, seed=1):
 
 
 def with_elements(*modes, size=24576, seed=1):
-    """A template in which every place of the modes belongs to the descriptor of a partition; all else is random."""
+    """A template with a partition's descriptor at every place of the modes; the rest is random."""
     return hive.prepared_store(random_bytes(size, seed), *modes)
 
 
 def template_bytes(size=24576, seed=1):
-    """A template for every mode: their places do not overlap."""
+    """A template for all modes, whose places do not overlap."""
     return with_elements(*hive.ELEMENTS, size=size, seed=seed)
 
 
 def identifiers(path, partition=WINDOWS):
-    """The partition's and the disk's GUID, on which independent tools agree, in the order of bytes on disk."""
+    """The GUIDs of the partition and the disk in on-disk byte order; independent tools must agree on them."""
     entry = uuid.UUID(tools.sgdisk_entry(path, partition)["Partition unique GUID"])
     disk = uuid.UUID(re.search(r"Disk identifier \(GUID\): (\S+)", tools.sgdisk(path, "-p")).group(1))
     table = tools.sfdisk_table(path)
@@ -64,7 +64,7 @@ def identifiers(path, partition=WINDOWS):
 
 
 def patched(template, mode, guids):
-    """The template with the identifiers of a mode, and with zeros where it was shorter."""
+    """The template with the identifiers of a mode; a shorter template is padded with zeros."""
     store = bytearray(template)
     for offset, which in SLOTS[mode].items():
         store.extend(bytes(max(0, offset + 16 - len(store))))
@@ -81,7 +81,7 @@ class StoreTest(volumes.VolumeTest):
         return ["bcd", disk, "--partition", partition, "--template", template, "--mode", mode, *options]
 
     def assert_store(self, disk, expected, tree=None):
-        """The EFI System Partition holds the store and what it held before, and is sound."""
+        """The EFI System Partition holds the store and its earlier files, and is sound."""
         found = volumes.read_tree(disk, volumes.EFI_OFFSET)
         store = found.pop(STORE)
         self.assertEqual(len(store), len(expected))
@@ -93,7 +93,7 @@ class StoreTest(volumes.VolumeTest):
         volumes.check_fat(disk, volumes.EFI_OFFSET, volumes.EFI_SIZE)
 
     def refuse(self, disk, arguments, *saying):
-        """An error that leaves the disk as it is and nothing mounted. Returns its text."""
+        """The command fails, leaves the disk unchanged and nothing mounted. Returns the message."""
         before = images.snapshot(disk)
         message = self.vorlix_refuses(*arguments, saying=saying)
         self.assert_unchanged(disk, before)
@@ -207,7 +207,7 @@ class Written(StoreTest):
         self.assert_store(disk, patched(template_bytes(), "standard", identifiers(disk)), tree)
 
     def test_a_dry_run_mounts_and_writes_nothing(self):
-        disk = self.mac(tree={})  # not even the folder is needed
+        disk = self.mac(tree={})  # even the folder is missing
         os.chmod(disk, 0o444)
         template = self.file("template", template_bytes(), 0o444)
         before = images.snapshot(disk), images.snapshot(template)
@@ -305,7 +305,7 @@ class Refused(StoreTest):
         self.refuse(disk, self.bcd(disk, template), disk)
 
     def full(self, tree, name="mac.img"):
-        """A disk whose EFI System Partition has no room left."""
+        """A disk with a full EFI System Partition."""
         disk = self.mac(name, tree)
         listing = volumes.mtools("mdir", disk, "::/", offset=volumes.EFI_OFFSET).decode()
         free = int(listing.split("bytes free")[0].split("\n")[-1].replace(" ", ""))
@@ -313,7 +313,7 @@ class Refused(StoreTest):
         return self.give(disk)
 
     def test_a_partition_that_is_full(self):
-        """Room is looked for before anything is written; the old store stays."""
+        """The command checks the free space before it writes anything; the old store stays."""
         for number, tree in enumerate((BOOT_TREE, {**BOOT_TREE, STORE: random_bytes(3000, 7)})):
             with self.subTest(store=STORE in tree):
                 disk = self.full(tree, f"{number}.img")
@@ -332,13 +332,13 @@ class Refused(StoreTest):
 
     @unittest.skipIf(volumes.missing("prlimit"), "prlimit is not installed")
     def test_a_store_that_cannot_be_written_whole(self):
-        """The old one stays, or none where there was none, and not a part of the new one."""
+        """The old store stays; if there was none, there is none. No part of the new store is left."""
         for number, tree in enumerate((BOOT_TREE, {**BOOT_TREE, STORE: random_bytes(6000, 7)})):
             with self.subTest(store=STORE in tree):
                 disk = self.mac(f"{number}.img", tree)
                 template = self.file(f"{number}.template", template_bytes())
                 before = images.snapshot(disk)
-                # More than any other file of the volume has and less than the store; less than what is there already.
+                # Limits on file sizes: above every other file of the volume and below the store; below the existing files.
                 stands = "the old one stands there unchanged" if STORE in tree else "none was made"
                 for limit, state in ((20480, stands), (8192, "")):
                     result = self.vorlix_run(*self.bcd(disk, template),
@@ -347,7 +347,7 @@ class Refused(StoreTest):
                     self.assertIn("File too large", result.stderr)
                     self.assertIn(state, result.stderr)
                     self.assert_unchanged(disk, before)
-                    if "stays mounted" in result.stderr:  # the limit holds for the copy that mtools is to change, too
+                    if "stays mounted" in result.stderr:  # the limit also applies to the copy that mtools would change
                         self.vorlix_ok("efi", "unmount", disk)
                         self.assertEqual(volumes.read_tree(disk, volumes.EFI_OFFSET), tree)
                         before = images.snapshot(disk)
@@ -370,12 +370,13 @@ class Refused(StoreTest):
 
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
 class Templates(StoreTest):
-    """What is no template for the mode is refused, unless it is forced."""
+    """A file that is not a template for the mode is refused without --force."""
 
     ODD = "does not look like identifiers"
 
     def odd_places(self, disk, template, mode):
-        """The offsets that the refusal of a dry run names; None where it is not refused. Forced, it warns of the same."""
+        """Returns the offsets that a dry run names in its refusal; None if it does not refuse. With --force, the
+        warning names the same offsets."""
         result = self.vorlix_run(*self.bcd(disk, template, mode, "--dry-run"))
         forced = self.vorlix_run(*self.bcd(disk, template, mode, "--dry-run", "--force"))
         self.assertEqual(forced.returncode, 1, forced.stderr)
@@ -400,7 +401,7 @@ class Templates(StoreTest):
     def test_a_wrong_element_is_named(self):
         disk = self.mac(tree={})
         for place, named in ((10492, [10492, 10516]), (9372 - 24, [9372])):
-            for offset, word in ((-0x10, 5), (-0x08, 0x1E), (0x14, 2)):  # another kind, length and partitioning
+            for offset, word in ((-0x10, 5), (-0x08, 0x1E), (0x14, 2)):  # other kind, other length, other partitioning
                 with self.subTest(place=place, offset=offset):
                     content = bytearray(with_elements("standard"))
                     struct.pack_into("<I", content, place + offset, word)
@@ -442,10 +443,10 @@ class Templates(StoreTest):
 
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
 class Spellings(StoreTest):
-    """Names on the EFI System Partition are the same in any case. The folder of a mirrored volume tells case apart."""
+    """The EFI System Partition ignores case in names. The folder of a mirrored volume is case-sensitive."""
 
     def spelled(self, store):
-        """The tree of an EFI System Partition whose store, if it has one, is spelled so."""
+        """The tree of an EFI System Partition; its store, if any, has the path `store`."""
         tree = {}
         parts = store.split("/")
         for end in range(1, len(parts)):
@@ -471,7 +472,7 @@ class Spellings(StoreTest):
                     self.assert_nothing_mounted()
 
     def test_two_spellings_in_a_mounted_folder_are_refused(self):
-        """A mirror that is mounted can be given both; the volume cannot hold them."""
+        """A user can create both in a mounted mirror; the volume cannot hold them."""
         disk = self.mac(tree={**BOOT_TREE, STORE: b"old"})
         folder = self.vorlix_ok("efi", "mount", disk).stdout.strip()
         other = os.path.join(folder, "EFI/Microsoft/Boot/bcd")
@@ -488,7 +489,8 @@ class Spellings(StoreTest):
 
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
 class Hostile(StoreTest):
-    """A volume may hold what leads elsewhere. A mirror that is mounted can be given it here, other drivers have it."""
+    """A volume may hold links that lead elsewhere. The tests create them in a mounted mirror; with other drivers the
+    volume itself can hold them."""
 
     def mounted(self):
         disk = self.mac(tree={**BOOT_TREE, STORE: b"old"})
@@ -561,7 +563,8 @@ class Hostile(StoreTest):
 
 @unittest.skipIf(MISSING or volumes.missing("strace"), f"not installed: {MISSING} strace")
 class CutOff(StoreTest):
-    """Ended at a call, the old or the new store stands there; the next run puts the new one and takes away the rest."""
+    """After an interruption at any call, the old or the new store is in place. The next run installs the new one and
+    removes leftovers."""
 
     NAMES = ("pwrite64", "write", "fsync", "renameat", "renameat2", "unlinkat", "syncfs", "openat", "fchmod", "pread64")
 
@@ -587,7 +590,8 @@ class CutOff(StoreTest):
         self.assert_nothing_mounted()
 
     def test_an_error_of_calls_on_the_store(self):
-        """The command fails and says what stands there, or what failed did not matter and the new store is on the disk."""
+        """Either the command fails and reports which store is in place, or the error was harmless and the new store is on
+        the disk."""
         disk = self.mac(tree={**BOOT_TREE, STORE: b"old" * 3000})
         template = self.file("template", template_bytes())
         folder = self.vorlix_ok("efi", "mount", disk).stdout.strip()
@@ -620,7 +624,7 @@ class CutOff(StoreTest):
             file.write(b"old" * 3000)
 
     def calls_on_store(self, disk, template, place):
-        """The calls of a run from the first that names the file aside to the rename and what follows it, as (name, n)."""
+        """The calls of a run as (name, n): from the first that names the temporary file to syncfs(), after the rename."""
         log = self.file("calls", b"")
         # A process in the folder keeps the volume mounted, so that the run ends before the write-back.
         user = [*self.prefix(), "sh", "-c", 'cd "$1" && echo ready && read -r wait', "sh", place]
@@ -646,7 +650,7 @@ class CutOff(StoreTest):
 
 @unittest.skipIf(MISSING or NO_HIVEX, f"not installed: {MISSING or NO_HIVEX}")
 class Hives(StoreTest):
-    """Boot configuration stores are registry hives; an independent library reads and writes them."""
+    """Boot configuration stores are registry hives. An independent library reads and writes them."""
 
     OBJECT = "\\Objects\\{9dea862c-5cdd-4e70-acc1-f32b344d4795}\\Elements"
 
@@ -655,7 +659,7 @@ class Hives(StoreTest):
         return subprocess.run(command, capture_output=True, timeout=30, check=True).stdout
 
     def store_by_hivex(self, path, elements):
-        """A store whose keys and values hivex made, in places of its own choice."""
+        """A store whose keys and values hivex wrote, at places that hivex chose."""
         with open(path, "wb") as file:
             file.write(hive.empty_hive())
         script = []

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Commands that are run with standard streams closed. A stream's number is free then, and a disk that got it would be
-printed into."""
+"""Commands run with closed standard streams. A disk that is opened next could get the number of a closed stream, and
+the command would print into it."""
 
 import subprocess
 
@@ -14,19 +14,19 @@ BOOT_AREA = 8192
 
 class ClosedStreams(ImageTest):
     def run_with(self, closed, *arguments):
-        """Ends with 0, or with 2 where there is no standard output to print to."""
+        """The command ends with 0, or with 2 if standard output is closed."""
         command = ["sh", "-c", f'exec "$@" {closed}', "sh", self.vorlix, *map(str, arguments)]
         result = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60, check=False)
         self.assertEqual(result.returncode, 2 if ">&-" in closed.replace("2>&-", "") else 0, result.stdout + result.stderr)
 
     def assert_only_differs(self, path, before, *places):
-        """The image has the same bytes but for those in `places`, each an offset and what stood there."""
+        """The image is unchanged except at `places`: pairs of an offset and the old bytes."""
         for offset, content in places:
             gpt.write_at(path, offset, content)
         self.assertEqual(images.content_hash(path), before)
 
     def test_a_disk_whose_mbr_is_right(self):
-        """The volume alone is written to, so nothing would hide what was printed into the first sector."""
+        """The command writes to the volume only, so text printed into the first sector would stay visible."""
         path = self.mac_image()
         arguments = ("hybrid", path, "--boot-code", self.boot_code, "--partition", WINDOWS)
         self.vorlix_ok(*arguments)

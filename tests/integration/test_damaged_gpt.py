@@ -1,12 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
-"""GPTs that are damaged, lost or too large for their disk: what is said of them, and what is not written."""
+"""GPTs that are damaged, missing or too large for their disk: what is reported, and that nothing is written."""
 
 import os
 
 from support import gpt, images, tools
 from support.macs import MAC, WINDOWS, WINDOWS_FIRST, WINDOWS_SIZE, ImageTest
 
-LAST = tools.MAC_SIZE - 512  # where the second header stands
+LAST = tools.MAC_SIZE - 512  # offset of the backup header
 SECOND_ENTRIES = LAST - 32 * 512
 
 
@@ -15,7 +15,7 @@ class DamageTest(ImageTest):
         return [finding["code"] for finding in self.show(path)["gptDamage"]]
 
     def assert_refused_unless_forced(self, path, *words):
-        """Nothing is written without --force, which writes what it would without the damage."""
+        """Without --force, nothing is written. With it, the result is the same as for an undamaged GPT."""
         before = images.snapshot(path)
         commands = (
             ("hybrid", path, "--boot-code", self.boot_code, "--partition", WINDOWS),
@@ -45,12 +45,12 @@ class Damage(DamageTest):
 
     @staticmethod
     def is_damaged_to_sgdisk(path):
-        """It mends what it can before it counts problems, and says so."""
+        """Returns whether sgdisk reports damage. It repairs what it can before it counts problems, and says so."""
         text = tools.sgdisk(path, "-v")
         return "corrupt GPT" in text or "No problems found" not in text
 
     def test_each_kind_of_damage(self):
-        """What sgdisk calls a problem is one here."""
+        """vorlix reports every problem that sgdisk reports."""
         wrong = {
             "header-checksum": (512 + 57, "backup-differs"),
             "entries-checksum": (1024 + 3 * 128 + 60,),
@@ -105,7 +105,7 @@ class Damage(DamageTest):
             with self.subTest(command=command[0]):
                 result = self.vorlix_run(*command)
                 self.assertEqual(result.returncode, 2)
-                if command[0] == "identify":  # asks the registry, which has no such slice
+                if command[0] == "identify":  # looks in the device registry, which has no such slice
                     continue
                 self.assertIn("truncated", result.stderr)
                 self.assertNotIn("No such file", result.stderr)
@@ -139,7 +139,7 @@ class LostHeader(DamageTest):
     def test_slices_are_found_by_it(self):
         path = self.mac_image()
         self.hybrid(path, WINDOWS)
-        # A hybrid MBR whose slot 3 shows somewhere else: nobody must follow it.
+        # A hybrid MBR whose slot 3 points somewhere else. No command may use it.
         gpt.write_at(path, 446 + 2 * 16 + 8, (640000).to_bytes(4, "little"))
         self.lose(path)
         saved = self.path("saved.vbr")

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Random GPTs: what the command line shows and writes is compared with an independent prediction, byte for byte.
+"""Random GPTs: compares what the command line shows and writes with an independent prediction, byte for byte.
 
-VORLIX_SEED replaces the seed, VORLIX_CASES the number of cases. Both are printed; a failure names its case.
+VORLIX_SEED sets the seed, VORLIX_CASES the number of cases. The test prints both; a failure names its case.
 """
 
 import collections
@@ -16,11 +16,11 @@ SEED = int(os.environ.get("VORLIX_SEED", "20130521"))
 CASES = int(os.environ.get("VORLIX_CASES", "160" if images.SANITIZED else "320"))
 
 KNOWN_TYPES = list(gpt.MBR_TYPES) + [gpt.UFS]
-LARGEST_FILE = 15 << 40  # common file systems end at 16 TiB
+LARGEST_FILE = 15 << 40  # common file systems allow 16 TiB
 
 
 class Case:
-    """One random disk, and the arguments for it."""
+    """One random disk, and the arguments of the command."""
 
     def __init__(self, number):
         self.random = random.Random(SEED * 1000003 + number)
@@ -46,7 +46,7 @@ class Case:
         return uuid.UUID(int=self.random.getrandbits(128) | 1)
 
     def random_lba(self, low, high):
-        """A place between two: anywhere, or beside a number where arithmetic may turn."""
+        """A block number in a range: any, or one near a number where arithmetic may overflow."""
         rnd = self.random
         if rnd.random() < 0.5:
             return rnd.randrange(low, high + 1)
@@ -57,7 +57,7 @@ class Case:
         rnd, table = self.random, self.table
         low, high = table.first_usable, table.last_usable
         if rnd.random() < 0.1:
-            high = max(high, (1 << 36))  # a table that says more than the disk holds
+            high = max(high, (1 << 36))  # a table that claims more than the disk holds
         first = self.random_lba(low, high)
         last = rnd.choice((first, self.random_lba(first, high), min(high, first + rnd.randrange(1, 1 << 20))))
         name = "".join(rnd.choice("Basic data ÄßЖ水🦊") for _ in range(rnd.randrange(0, 19)))
@@ -79,12 +79,12 @@ class Case:
         if rnd.random() < 0.9:
             self.make_disjoint([entry for entry in entries if entry])
         for index, entry in enumerate(entries):
-            if entry is None and rnd.random() < 0.05:  # unused goes by the type alone
+            if entry is None and rnd.random() < 0.05:  # only the type marks an entry as unused
                 entries[index] = self.random_entry(gpt.UNUSED)
         return entries
 
     def make_disjoint(self, entries):
-        """Puts entries between the cuts of a set of random places."""
+        """Cuts the disk at random places and puts the entries between the cuts."""
         table = self.table
         cuts = sorted({self.random_lba(table.first_usable, table.last_usable) for _ in range(8 * len(entries))})
         if len(cuts) < 2 * len(entries):
@@ -96,7 +96,7 @@ class Case:
             entry.first, entry.last = first, last
 
     def random_sector0(self):
-        """What stands on the disk before: a protective MBR, noise, the right slots, or nearly the right ones."""
+        """Sector 0 before the command: a protective MBR, random bytes, the right slots, or nearly right ones."""
         rnd = self.random
         kind = rnd.randrange(4)
         if kind == 0:
@@ -113,7 +113,7 @@ class Case:
         return bytes(sector)
 
     def random_boot_sector(self):
-        """The first sector of the volume, noise where an NTFS boot sector has no fixed bytes; or none off the disk."""
+        """The offset of the volume's first sector, None if it is off the disk; and a random NTFS boot sector."""
         entry = self.entry(self.partition)
         sector = b"\xEB\x52\x90NTFS    " + self.random.randbytes(499) + b"\x55\xAA"
         on_disk = entry and entry.first <= self.table.last_usable
@@ -122,7 +122,7 @@ class Case:
     # ------------------------------------------------------------------------------------------------- predictions
 
     def entry(self, number):
-        """Entry `number` if it is in use."""
+        """Entry `number`; None if it is unused."""
         if number > min(self.table.count, len(self.table.entries)):
             return None
         entry = self.table.entries[number - 1]
@@ -137,7 +137,7 @@ class Case:
         return {number: self.entry(number) for number in range(1, len(self.table.entries) + 1) if self.entry(number)}
 
     def overlap(self, numbers):
-        """Whether one of the entries with these numbers shares a sector with any other entry."""
+        """Returns whether one of the entries with these numbers shares a sector with any other entry."""
         used = self.used()
         return any(
             one != other and used[one].first <= used[other].last and used[other].first <= used[one].last
@@ -145,7 +145,7 @@ class Case:
         )
 
     def refusal(self):
-        """Why nothing may be written, whatever is forced; empty if it may."""
+        """The reason why the command refuses to write even with --force; empty if there is none."""
         if self.new_slots()[0].type != 0xEE:
             return "the first slot is not the protective one"
         if self.guard:
@@ -162,7 +162,7 @@ class Case:
         return ""
 
     def needs_force(self):
-        """Why it is written only when that is forced."""
+        """The reason why the command needs --force to write; empty if there is none."""
         table = self.table
         if any(entry.first < table.first_usable or entry.last > table.last_usable for entry in self.used().values()):
             return "an entry is outside the usable sectors"
@@ -173,7 +173,8 @@ class Case:
         return ""
 
     def new_sector0(self):
-        """With the right slots the disk keeps its disk signature; its boot code becomes the given one in any case."""
+        """Sector 0 after the command. If the slots were right, the disk signature stays. The boot code is always the
+        given one."""
         wanted = gpt.sector0(self.boot_code, self.new_slots())
         if wanted[gpt.SLOT_OFFSET :] != self.old_sector0[gpt.SLOT_OFFSET :]:
             return wanted
@@ -182,7 +183,7 @@ class Case:
 
 class Differential(images.CommandTest):
     def assert_place(self, shown, place, note):
-        """Cylinder, head and sector, compared as the bytes that stand for them."""
+        """Compares cylinder, head and sector in their encoded form."""
         self.assertEqual(gpt.encode_chs((shown["cylinder"], shown["head"], shown["sector"])), gpt.encode_chs(place), note)
 
     def assert_slot(self, shown, slot, note):
@@ -298,7 +299,7 @@ class Differential(images.CommandTest):
         return refusal or forced and "written when forced"
 
     def check_patch(self, path, case, note):
-        """The boot sector has its new hidden-sectors field and a new serial, and is otherwise what it was."""
+        """The boot sector has its new hidden-sectors field and a new serial, and is otherwise unchanged."""
         if not case.boot_sector_at:
             return
         old, new = case.boot_sector, gpt.read_at(path, case.boot_sector_at, 512)
@@ -310,7 +311,7 @@ class Differential(images.CommandTest):
         self.assertNotEqual(new[72:80], old[72:80], note)
 
     def check_rest(self, path, case, note):
-        """With the two sectors put back the image is what it was."""
+        """With the two sectors restored, the image is unchanged."""
         gpt.write_at(path, 0, case.old_sector0)
         if case.boot_sector_at:
             gpt.write_at(path, case.boot_sector_at, case.boot_sector)

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""What commands that fail say of how things stand: one that only looks does not say that it wrote nothing."""
+"""The messages of failed commands: a read-only command does not say that nothing was written."""
 
 import os
 import pathlib
@@ -29,7 +29,7 @@ class Failures(images.CommandTest):
         for name in (self.path("missing"), empty, self.path("pipe.zip")):
             for command in LOOKING:
                 if name == empty and command == ["image-size"]:
-                    continue  # it is measured, and unzip's complaint is shown
+                    continue  # it is measured, and unzip's error is shown
                 with self.subTest(command=command, name=name):
                     self.assertNotIn("nothing was written", self.message(*command, name))
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Disk images made by sgdisk, sfdisk, mkntfs and mformat: what is written, saved and left alone."""
+"""`vorlix hybrid` on disk images by sgdisk, sfdisk, mkntfs and mformat: what it writes, saves and leaves unchanged."""
 
 import os
 import re
@@ -41,7 +41,7 @@ class Hybrid(ImageTest):
         self.assertNotEqual(after["UUID"], before["UUID"])
 
     def test_a_fat_volume_has_its_serial_elsewhere(self):
-        """Where NTFS has its serial, FAT12 and FAT16 have boot code."""
+        """At the offset of NTFS's serial, FAT12 and FAT16 have boot code."""
         path = tools.sgdisk_image(self.path("fat.img"), MAC)
         volume = tools.fat_volume(self.path("fat"), WINDOWS_SIZE)
         tools.write_sparse(path, WINDOWS_FIRST * 512, volume)
@@ -127,7 +127,7 @@ class Hybrid(ImageTest):
         self.assertEqual(images.content_hash(path), digest)
 
     def test_right_slots_with_other_boot_code_get_the_given_one(self):
-        """The disk signature behind it, by which systems know the disk, then stays the disk's own."""
+        """The disk signature after the boot code stays, because systems identify the disk by it."""
         path = self.mac_image()
         self.hybrid(path, WINDOWS)
         slots = gpt.read_at(path, 446, 66)
@@ -212,7 +212,7 @@ class Hybrid(ImageTest):
 
 class WrongPlaces(ImageTest):
     def refuse(self, disk, *options, saying):
-        """Nothing of the disk, and nothing beside it, is written."""
+        """The command refuses and writes neither to the disk nor to any other file in its folder."""
         names = sorted(os.listdir(self.folder))
         before = {name: images.snapshot(self.path(name)) for name in names}
         result = self.vorlix_run("hybrid", disk, "--boot-code", self.boot_code, "--partition", WINDOWS, *options)
@@ -241,7 +241,7 @@ class WrongPlaces(ImageTest):
         self.refuse(path, "--force", saying=[path + "s3", "starts at sector 20"])
 
     def test_another_slice_as_the_volume(self):
-        """It would get the boot record of a place where it is not."""
+        """Its boot record would get the start sector of another slice."""
         path = self.mac_image()
         tools.write_sparse(path, MAC[4][0] * 512, tools.ntfs_volume(self.path("ntfs"), 4 << 20))
         for options in ((), ("--force",)):
@@ -273,7 +273,7 @@ class DryRun(ImageTest):
     ROW = re.compile(r"^  ([0-9A-F]{3})  - ((?:[0-9A-F]{2} ?){16})\n       \+ ((?:(?:[0-9A-F]{2}|\?\?) ?){16})$", re.M)
 
     def applied(self, section, sector):
-        """A sector with the printed changes made; the printed old bytes must be its own. None stands for unknown."""
+        """Applies the printed changes to a sector and checks the printed old bytes against it. None stands for unknown."""
         result = list(sector)
         for row, old, new in self.ROW.findall(section):
             at = int(row, 16)
@@ -342,7 +342,7 @@ class Backup(ImageTest):
         self.assertEqual(images.content_hash(path), digest)
 
     def saved(self, folder):
-        """The files of a backup by device and byte offset; nothing else is there."""
+        """The files of a backup by device and byte offset. Fails if the folder holds other files."""
         found = {}
         for name in os.listdir(folder):
             device, offset, number = re.fullmatch(r"(.+)-[0-9a-f]{8}-(\d+)((?:\.\d+)?)\.bin", name).groups()
@@ -363,7 +363,7 @@ class Backup(ImageTest):
         self.assertEqual(len(os.listdir(folder)), 6)
 
     def test_what_is_saved_already_is_not_saved_again(self):
-        """A run that was cut off has left its backup; the same bytes need no second file, others get one."""
+        """After an interrupted run, its backup remains. The same bytes get no second file; other bytes do."""
         path, folder = self.mac_image(), self.path("saved")
         untouched = self.path("untouched.img")
         images.sparse_copy(path, untouched)
@@ -391,7 +391,7 @@ class Backup(ImageTest):
             make()
             status = os.lstat(other)
             self.vorlix_ok("hybrid", path, "--boot-code", self.boot_code, "--guard", "--force", "--backup", folder)
-            self.assertEqual(os.listdir(folder), [name])  # nothing was to be written
+            self.assertEqual(os.listdir(folder), [name])  # the run had nothing to write
             gpt.write_at(path, 446, b"\x80")
             self.vorlix_ok("hybrid", path, "--boot-code", self.boot_code, "--guard", "--backup", folder)
             self.assertEqual(sorted(self.saved(folder)), [("mac.img", 0), ("mac.img", 0, ".2")])

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Which volumes and boot code `hybrid` takes, and the volume's second boot sector, judged by ntfsfix and fsck.vfat."""
+"""Volumes and boot code that `hybrid` accepts, and the volume's second boot sector, judged by ntfsfix and fsck.vfat."""
 
 import os
 import subprocess
@@ -13,7 +13,7 @@ FAT32_SIZE = 40 << 20  # with one sector a cluster, enough for FAT32
 
 class WhatIsTaken(ImageTest):
     def refuse_unless_forced(self, path, *words, partition=WINDOWS, boot_code=None):
-        """Refused with nothing written; forced, the MBR is written. Returns what was printed then."""
+        """Without --force, the command refuses and writes nothing. With it, it writes the MBR; returns that run's output."""
         arguments = ["hybrid", path, "--boot-code", boot_code or self.boot_code, "--partition", partition]
         before = images.snapshot(path)
         for options in ((), ("--dry-run",)):
@@ -70,7 +70,7 @@ class WhatIsTaken(ImageTest):
         self.assertRegex(result.stdout, "(?m)^Volume +change .*is blank")
 
     def test_a_name_that_shows_another_disk(self):
-        """A link in the place of a slice's name, or of the volume's, leads to another disk."""
+        """A link with the name of a slice, or of the volume, leads to another disk."""
         path, other = self.mac_image(), self.mac_image("other.img")
         os.symlink(other, path + "s3")
         before = images.snapshot(path), images.snapshot(other)
@@ -82,7 +82,7 @@ class SecondBootSector(ImageTest):
     LAST = WINDOWS_FIRST * 512 + WINDOWS_SIZE - 512
 
     def ntfs_judgement(self, path):
-        """What ntfsfix says of the volume's two boot sectors."""
+        """ntfsfix's report about the volume's two boot sectors."""
         copy = self.path("copy.ntfs")
         with open(copy, "wb") as file:
             file.truncate(WINDOWS_SIZE)
@@ -125,7 +125,7 @@ class SecondBootSector(ImageTest):
             self.assertEqual(self.vorlix_run("check", path, "--partition", WINDOWS).returncode, 1)
 
     def test_a_volume_that_ends_before_its_partition(self):
-        """Restored into a larger partition, it has its copy behind itself; the partition's last sector holds nothing."""
+        """A volume restored into a larger partition has its copy right after its end. The partition's last sector is unused."""
         path = tools.sgdisk_image(self.path("smaller.img"), MAC)
         size = WINDOWS_SIZE - (1 << 20)
         tools.write_sparse(path, WINDOWS_FIRST * 512, tools.ntfs_volume(self.path("ntfs"), size))
@@ -160,7 +160,7 @@ class SecondBootSector(ImageTest):
         path = self.fat32_image()
         gpt.write_at(path, FAT32_FIRST * 512 + 50, b"\xFE\xFF")
         end = FAT32_FIRST * 512 + 0xFFFE * 512
-        self.assertLess(end, FAT32_FIRST * 512 + FAT32_SIZE)  # inside, but no copy
+        self.assertLess(end, FAT32_FIRST * 512 + FAT32_SIZE)  # inside the volume, but not a copy
         gpt.write_at(path, end, b"precious".ljust(512, b"!"))
         self.assertIn("no copy", self.hybrid(path, WINDOWS).stdout)
         self.assertEqual(gpt.read_at(path, end, 512), b"precious".ljust(512, b"!"))

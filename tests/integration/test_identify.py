@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""`vorlix identify` beside sgdisk, sfdisk and blkid: disks, slices, blocks of 512 and 4096 bytes, loop devices."""
+"""`vorlix identify`, compared with sgdisk, sfdisk and blkid: disks, slices, both block sizes, loop devices."""
 
 import json
 import os
@@ -19,12 +19,12 @@ MEMBERS = ["schema", "device", "name", "wholeDisk", "partition", "mediumType", "
 
 
 def raw(text):
-    """A GUID's bytes as they stand on disk, the way people read dumps."""
+    """A GUID's on-disk bytes as in a hex dump."""
     return uuid.UUID(text).bytes_le.hex(" ").upper()
 
 
 def medium_of_device(number):
-    """What the kernel says of a disk, or of the disk that a partition is on; None where it has nothing to say."""
+    """The kernel's description of a disk, or of a partition's disk; None if it has none."""
     folder = os.path.realpath(f"/sys/dev/block/{os.major(number)}:{os.minor(number)}")
     if os.path.exists(os.path.join(folder, "partition")):
         folder = os.path.dirname(folder)
@@ -37,7 +37,7 @@ def medium_of_device(number):
 
 class IdentifyTest(volumes.VolumeTest):
     def identify(self, device, nothing=None):
-        """The answer as JSON; the text for people has to say the same. `nothing` is why nothing identifies the device."""
+        """Returns the JSON output; the plain text must say the same. `nothing`: the reason why the device has no identity."""
         results = [self.vorlix_run("identify", device, *options) for options in (["--json"], [])]
         for result in results:
             self.assertEqual(result.returncode, 1 if nothing else 0, result.stderr)
@@ -72,7 +72,7 @@ class IdentifyTest(volumes.VolumeTest):
         self.assertEqual(text.splitlines(), lines)
 
     def assert_disk(self, shown, disk, name):
-        """What every answer about a disk and its slices has in common; blkid and sgdisk agree on the disk's GUID."""
+        """Checks the fields that a disk and its slices share; blkid and sgdisk must agree on the disk's GUID."""
         export = images.run_tool("blkid", "-p", "-o", "export", disk)
         guid = re.search(r"^PTUUID=(\S+)$", export, re.MULTILINE).group(1).upper()
         self.assertIn(f"Disk identifier (GUID): {guid}", tools.sgdisk(disk, "-p"))
@@ -80,7 +80,7 @@ class IdentifyTest(volumes.VolumeTest):
         self.assertEqual(shown["wholeDisk"], name)
 
     def assert_slice(self, device, disk, name, number, block_size=512):
-        """A slice that other tools find on `disk`."""
+        """Checks a slice of `disk` against other tools."""
         shown = self.identify(device)
         self.assert_disk(shown, disk, name)
         self.assertEqual((shown["name"], shown["partition"]), (f"{name}s{number}", number))
@@ -157,7 +157,7 @@ class Images(IdentifyTest):
         self.assert_slice(disk + "s16384", disk, disk, 16384)
 
     def test_blocks_of_4096_bytes(self):
-        """As an ordinary user: no partitioning tool makes such a disk in a file."""
+        """The test writes the GPT itself: no partitioning tool makes such a disk in a file for an ordinary user."""
         entries = [gpt.Entry(gpt.EFI_SYSTEM, 6, 5005, str(uuid.uuid4()).upper()), None,
                    gpt.Entry(gpt.BASIC_DATA, 8000, 11999, str(uuid.uuid4()).upper())]
         table = gpt.Table(4096, 16384, entries)
@@ -202,7 +202,7 @@ class Images(IdentifyTest):
         self.assertIsNone(self.identify(disk, nothing="its partition table gives no identifier")["diskGUID"])
 
     def test_a_damaged_gpt(self):
-        """Its checksums are wrong: the slices are there, what they are called is not to be trusted."""
+        """The checksums are wrong: the slices exist, but their identifiers cannot be trusted."""
         disk = self.mac()
         for place in (512 + 60, os.path.getsize(disk) - 512 + 60):
             with open(disk, "r+b") as file:
@@ -212,9 +212,9 @@ class Images(IdentifyTest):
         self.assertEqual((shown["partition"], shown["partitionGUID"]), (3, None))
 
     def test_an_image_below_dev(self):
-        """/dev/shm is a folder like others; its files keep the "/dev/" in their names."""
+        """/dev/shm is an ordinary folder; its files keep "/dev/" in their names."""
         if not os.access("/dev/shm", os.W_OK):
-            self.skipTest("no /dev/shm to write to")
+            self.skipTest("/dev/shm is missing or not writable")
         folder = tempfile.mkdtemp(dir="/dev/shm")
         self.addCleanup(shutil.rmtree, folder)
         os.chmod(folder, 0o755)
@@ -228,7 +228,7 @@ class Images(IdentifyTest):
 
     def test_a_relative_name_below_a_folder_that_cannot_be_passed(self):
         if not volumes.IS_ROOT:
-            self.skipTest("the super-user is needed to be in such a folder")
+            self.skipTest("needs root, to enter such a folder")
         closed = self.path("closed")
         os.mkdir(closed)
         os.mkdir(os.path.join(closed, "inner"), 0o777)
@@ -239,13 +239,13 @@ class Images(IdentifyTest):
         for command in (["identify", "mac.img"], ["identify", "mac.imgs3"], ["show", "mac.img"], ["mount", "mac.imgs1"],
                         ["unmount", "mac.imgs1"]):
             with self.subTest(command=command):
-                # Enters the folder as root, and stays there as another user.
+                # The process enters the folder as root and then runs as another user.
                 result = subprocess.run([*self.prefix(), self.vorlix, *command], cwd=os.path.join(closed, "inner"),
                                         capture_output=True, text=True, check=False)
                 self.assertEqual(result.returncode, 2, result.stdout)
                 self.assertIn("Permission denied", result.stderr)
         self.assert_unchanged(disk, before)
-        # A link out of there is another matter.
+        # A link that leads out of the closed folder works.
         other = self.mac()
         os.symlink(other, os.path.join(closed, "inner", "link.img"))
         result = subprocess.run([*self.prefix(), self.vorlix, "identify", "--json", "link.imgs3"], text=True,
@@ -289,7 +289,7 @@ class LoopDevices(IdentifyTest):
                 self.assertEqual(shown["mediumType"], medium_of_device(os.stat(device).st_rdev))
                 for number in layout:
                     self.assert_slice(f"{form}s{number}", device, name, number, block_size)
-            for number in layout:  # the image is the same disk under a name of its own
+            for number in layout:  # the image is the same disk under another name
                 self.assert_slice(f"{image}s{number}", device, image, number, block_size)
             self.vorlix_refuses("identify", device + "s2", saying=["no such"])
 
@@ -307,7 +307,7 @@ class LoopDevices(IdentifyTest):
             try:
                 node = f"{device}p3"
                 if not os.path.exists(node):
-                    self.skipTest("no node for the slice on this machine")
+                    self.skipTest("this machine makes no device node for the slice")
                 shown = self.identify(node)
                 self.assert_disk(shown, device, os.path.basename(device))
                 self.assertEqual((shown["name"], shown["partition"]), (os.path.basename(node), 3))

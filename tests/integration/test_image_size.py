@@ -15,16 +15,16 @@ import unittest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 from support import images  # noqa: E402
 
-LARGE = 64 << 20  # many times what a pipe and the packers hold
-# Names with what a shell or a careless program could trip over, and which are to be measured all the same.
+LARGE = 64 << 20  # many times the size of a pipe and of the packers' buffers
+# Names that a shell or a careless program could misread; the command must measure these files.
 AWKWARD_NAMES = ["a b", "it's", "'quoted'", "Überprüfung ☃ 😀", "日本語", "semi;colon & pipe|", "(round)", "~", "#", "!", "a\nb",
                  "100%s", "{a,b}", " "]
-# What the shell would run between double quotes, or not take as it stands.
+# Names that contain characters with a meaning between a shell's double quotes.
 SHELL_NAMES = ['a"; touch pwned; "', "$(touch pwned)", "`touch pwned`", "$HOME", "a\\", 'a"', "a\\\\b", "${x:=y}"]
 
 
 class ImageSize(images.CommandTest):
-    """Runs a copy of the command line in a folder of its own, with unzip beside it as a host ships it."""
+    """Runs a copy of the command line in a private folder, with unzip in its resources, as hosts ship it."""
 
     def setUp(self):
         super().setUp()
@@ -48,12 +48,12 @@ class ImageSize(images.CommandTest):
         return path
 
     def gz(self, name, content, *options):
-        """An archive by gzip in the working folder."""
+        """Makes an archive by gzip in the working folder."""
         packed = subprocess.run([images.tool("gzip"), "-c", *options], input=content, stdout=subprocess.PIPE, check=True).stdout
         return self.file(name, packed)
 
     def zip(self, name, members, *options):
-        """An archive by zip in the working folder, of files with these names and contents."""
+        """Makes an archive by zip in the working folder, from files with these names and contents."""
         source = self.path("members")
         os.mkdir(source)
         for member, content in members.items():
@@ -72,7 +72,7 @@ class ImageSize(images.CommandTest):
                               text=True, errors="surrogateescape", timeout=120)
 
     def assert_size(self, path, text, shown=None):
-        """Measured, with nothing but a plain line besides, and nothing else made or changed."""
+        """The command prints the size and one message, and creates or changes no file."""
         listing, before = sorted(os.listdir(self.work)), images.snapshot(os.path.join(self.work, path))
         result = self.measure(path)
         self.assertEqual((result.returncode, result.stdout), (0, text + "\n"), result.stderr)
@@ -81,7 +81,7 @@ class ImageSize(images.CommandTest):
         self.assertEqual(images.snapshot(os.path.join(self.work, path)), before)
 
     def assert_refused(self, path, *texts, command=None, prefix=()):
-        """An error that says so, with nothing run, made or changed."""
+        """The command fails with these texts, runs nothing, and creates no file."""
         listing = sorted(os.listdir(self.work))
         result = self.measure(path, command, prefix)
         self.assertEqual((result.returncode, result.stdout), (2, ""), result.stderr)
@@ -93,7 +93,7 @@ class ImageSize(images.CommandTest):
     def assert_complained(self, path, *texts, size):
         result = self.measure(path)
         self.assertEqual((result.returncode, result.stdout), (2, ""), result.stderr)
-        for text in (*texts, f"{path}: was not unpacked without complaint; {size} bytes came out of it"):
+        for text in (*texts, f"{path}: unpacking reported errors; {size} bytes were unpacked"):
             self.assertIn(text, result.stderr)
 
 
@@ -106,7 +106,7 @@ class Measured(ImageSize):
         self.assert_size(self.zip("win.zip", {"win.img": b"x" * 123456}), "123456 bytes (123.46 KB)")
 
     def test_an_encrypted_zip(self):
-        """unzip would ask the terminal for the password, and nobody would see the question."""
+        """unzip would prompt for the password, and the user would not see the prompt."""
         for name, members in (("win.zip", {"win.img": b"x" * 1000}), ("text.zip", {"a": b"text\n" * 100, "b": b""})):
             self.assert_refused(self.zip(name, members, "-P", "password"), name, "encrypted")
 
@@ -177,21 +177,21 @@ class Names(ImageSize):
         for name in SHELL_NAMES:
             with self.subTest(name):
                 self.gz(name + ".gz", b"x")
-                self.assert_refused(name + ".gz", name, 'a path that holds ", $, ` or \\, which the shell')
+                self.assert_refused(name + ".gz", name, 'the path contains ", $, ` or \\, which the shell')
                 self.zip(name + ".zip", {"win.img": b"x"})
-                self.assert_refused(name + ".zip", name, 'a path that holds ", $, ` or \\, which the shell')
+                self.assert_refused(name + ".zip", name, 'the path contains ", $, ` or \\, which the shell')
 
     def test_nor_do_folders_of_such_names(self):
         for name in SHELL_NAMES:
             with self.subTest(name):
                 os.mkdir(os.path.join(self.work, name))
                 self.gz(name + "/win.gz", b"x")
-                self.assert_refused(name + "/win.gz", name, "which the shell would not take as it is")
+                self.assert_refused(name + "/win.gz", name, "which the shell would interpret")
 
     def test_nor_does_an_unzip_in_a_folder_of_such_a_name(self):
         path = self.zip("win.zip", {"win.img": b"x"})
         command = self.install("$(touch pwned)", unzip=True)
-        self.assert_refused(path, "$(touch pwned)/unzip", "which the shell would not take as it is", command=command)
+        self.assert_refused(path, "$(touch pwned)/unzip", "which the shell would interpret", command=command)
 
     def test_names_that_start_with_a_dash_are_no_options(self):
         for i, name in enumerate(("-d", "-", "--help", "-S"), 1):
@@ -206,7 +206,7 @@ class Names(ImageSize):
         for name in ("a[1].zip", "*.zip", "a?.zip"):
             with self.subTest(name):
                 shutil.copy(os.path.join(self.work, "a1.zip"), os.path.join(self.work, name))
-                self.assert_refused(name, name, "which unzip takes for a pattern")
+                self.assert_refused(name, name, "which unzip treats as a pattern")
 
     def test_gunzip_knows_no_patterns(self):
         self.gz("a1.gz", b"x")
@@ -224,7 +224,7 @@ class NotMeasured(ImageSize):
         result = self.measure("half.gz")
         self.assertEqual((result.returncode, result.stdout), (2, ""))
         self.assertIn("unexpected end of file", result.stderr)
-        came = int(re.search(r"vorlix: half.gz: was not unpacked without complaint; (\d+) bytes", result.stderr)[1])
+        came = int(re.search(r"vorlix: half.gz: unpacking reported errors; (\d+) bytes", result.stderr)[1])
         self.assertTrue(0 <= came < 200000, came)
 
     def test_a_truncated_zip(self):
@@ -243,7 +243,7 @@ class NotMeasured(ImageSize):
                 self.file("damaged." + name, packed)
                 result = self.measure("damaged." + name)
                 self.assertEqual((result.returncode, result.stdout), (2, ""), result.stderr)
-                self.assertIn("was not unpacked without complaint", result.stderr)
+                self.assertIn("unpacking reported errors", result.stderr)
 
     def test_what_follows_a_gz_is_complained_of(self):
         path = self.gz("win.gz", b"x" * 1000)
@@ -312,9 +312,9 @@ class NotMeasured(ImageSize):
         command = self.install("without unzip", unzip=False)
         without = ("unshare", "-m", "--", "sh", "-c", 'mount --bind /dev/null /usr/bin/unzip && exec "$@"', "sh")
         if os.path.isfile("/usr/bin/unzip") and subprocess.run([*without, "true"], capture_output=True).returncode != 0:
-            self.skipTest("the system's unzip cannot be hidden: no mount namespace of one's own")
+            self.skipTest("the system's unzip cannot be hidden without a private mount namespace")
         prefix = without if os.path.isfile("/usr/bin/unzip") else ()
-        self.assert_refused(path, "vorlix: unzip: needed for .zip images, but neither among the resources of vorlix nor in "
+        self.assert_refused(path, "vorlix: unzip: needed for .zip images, but found neither in vorlix's resources nor in "
                             "/usr/bin", command=command, prefix=prefix)
         self.assertEqual(self.measure("win.gz", command, prefix).stdout, "1 bytes\n", "gunzip is the system's")
 
@@ -326,13 +326,13 @@ class NotMeasured(ImageSize):
 
 class Terminal(ImageSize):
     def on_terminal(self, path):
-        """Runs with standard error on a terminal. Gives standard output and what the terminal was sent."""
+        """Runs the command with standard error on a terminal. Returns standard output and the terminal's input."""
         ours, theirs = pty.openpty()
         with subprocess.Popen([self.command, "image-size", path], cwd=self.work, stdin=subprocess.DEVNULL,
                               stdout=subprocess.PIPE, stderr=theirs, env={**os.environ, "LC_ALL": "C"}) as process:
             os.close(theirs)
             sent = b""
-            with contextlib.suppress(OSError):  # what the end of a terminal is on some systems
+            with contextlib.suppress(OSError):  # some systems report the end of a terminal as an error
                 while chunk := os.read(ours, 4096):
                     sent += chunk
             output = process.stdout.read()

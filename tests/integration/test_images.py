@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Disk images made by sgdisk, sfdisk, mkntfs and mformat: what is shown of them, and what is found right or wrong."""
+"""`vorlix show` and `vorlix check` on disk images made by sgdisk, sfdisk, mkntfs and mformat."""
 
 import os
 import shutil
@@ -131,7 +131,7 @@ class LargeDisks(ImageTest):
         try:
             tools.sgdisk_image(path, layout, size=size)
         except OSError as error:
-            self.skipTest(f"the file system holds no sparse file of {size} bytes: {error}")
+            self.skipTest(f"the file system cannot hold a sparse file of {size} bytes: {error}")
         tools.write_sparse(path, first * 512, tools.ntfs_volume(self.path("ntfs"), 4 << 20))
         return path
 
@@ -169,7 +169,7 @@ class LargeDisks(ImageTest):
                 self.assertEqual(self.show(path)["gpt"]["entries"][2]["firstLBA"], first)
 
     def test_an_entry_that_an_mbr_slot_cannot_hold_is_refused(self):
-        """By its low 32 bits it would lie in another partition."""
+        """A slot holds 32 bits of the sector number, and would point into another partition."""
         far = (1 << 32) + 2048
         for entry in ((far, far + 999), ((1 << 32) - 1000, 1 << 32), (MAC[4][0], (1 << 32) + MAC[4][0] - 1)):
             with self.subTest(entry=entry):
@@ -204,7 +204,7 @@ class LargeDisks(ImageTest):
         try:
             gpt.Table(4096, first + 65536, entries).write(path)
         except OSError as error:
-            self.skipTest(f"the file system holds no sparse file of 8 TiB: {error}")
+            self.skipTest(f"the file system cannot hold a sparse file of 8 TiB: {error}")
         tools.write_sparse(path, first * 4096, tools.ntfs_volume(self.path("ntfs"), 4 << 20, 4096))
         before = gpt.read_at(path, first * 4096, 512)
         self.hybrid(path, WINDOWS)
@@ -255,7 +255,7 @@ class Check(ImageTest):
         self.assertRegex(self.check(path, WINDOWS, 1).stdout, "Boot code +change .*zeros")
         self.hybrid(path, WINDOWS)
         sector = gpt.read_at(path, WINDOWS_FIRST * 512, 512)
-        for offset in (0, WINDOWS_SIZE - 512):  # both boot sectors, so that they stay equal
+        for offset in (0, WINDOWS_SIZE - 512):  # both boot sectors must stay equal
             gpt.write_at(path, WINDOWS_FIRST * 512 + offset, sector[:84] + bytes(426) + sector[510:])
         result = self.check(path, WINDOWS, 1)
         self.assertRegex(result.stdout, "Volume code +change .*zeros")
@@ -282,7 +282,7 @@ class Check(ImageTest):
 
 class OrdinaryUser(ImageTest):
     def prefix(self):
-        """What makes a command run without privileges."""
+        """The words that make a command run without privileges."""
         if os.geteuid() != 0:
             return []
         user = str(images.NOBODY)

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""The installed library as a host meets it: found by CMake and by pkg-config, complete headers, no stray symbols."""
+"""The installed library from a host's view: CMake and pkg-config find it, headers are complete, no stray symbols."""
 
 import os
 import pathlib
@@ -13,14 +13,14 @@ import unittest
 
 BUILD = pathlib.Path(os.environ["VORLIX"]).resolve().parent
 SOURCE = pathlib.Path(os.environ["VORLIX_SOURCE"]).resolve()
-os.environ["PATH"] += ":/usr/sbin:/sbin"  # where the disk tools stand, which need no rights on an image
+os.environ["PATH"] += ":/usr/sbin:/sbin"  # folders of the disk tools, which need no rights on an image
 TOOLS = ["cmake", "pkg-config", "sgdisk", "sfdisk", "nm", "readelf", "ldd"]
 MISSING = [tool for tool in TOOLS if shutil.which(tool) is None]
 C_HEADERS = ["Export.h", "QDSDiskFunctions.h", "Vorlix_vers.h"]
 
 
 def run(*command, **options):
-    """Output of a command; a failed one shows what it said."""
+    """Runs a command and returns its output; on failure, the error has the output."""
     result = subprocess.run([str(part) for part in command], text=True, stdout=subprocess.PIPE,
                             stderr=subprocess.STDOUT, **options)
     if result.returncode != 0:
@@ -29,7 +29,7 @@ def run(*command, **options):
 
 
 def cached(name):
-    """A variable of the build's CMake cache; empty when it has none."""
+    """A variable of the build's CMake cache; empty if the cache lacks it."""
     found = re.search(rf"^{name}:\w+=(.*)$", (BUILD / "CMakeCache.txt").read_text(), re.MULTILINE)
     return found.group(1) if found else ""
 
@@ -42,7 +42,7 @@ OPENED, CLOSED = "namespace vorlix {", "}  // namespace vorlix"
 
 
 def marked(header, pattern):
-    """What a header marks as exported, with what stands in the library's own namespace qualified."""
+    """The names that a header marks as exported, qualified if they are in the library's namespace."""
     names = set()
     for index, part in enumerate(re.split(f"^(?:{OPENED}|{CLOSED})$", header.read_text(), flags=re.MULTILINE)):
         qualifier = "vorlix::" if index % 2 else ""
@@ -61,12 +61,12 @@ def exported_classes(header):
 
 
 def belongs_to(name, class_name):
-    """Whether a symbol is a member of a class, or what the language keeps about it."""
+    """Returns whether a symbol is a member of a class or the compiler's data about the class."""
     about = r"(?:(?:vtable|typeinfo|typeinfo name) for |non-virtual thunk to )?"
     return re.match(rf"{about}{re.escape(class_name)}(?:::|$)", name) is not None
 
 
-@unittest.skipIf(sys.platform == "darwin", "reads ELF files and compares with sfdisk, which this system does not have")
+@unittest.skipIf(sys.platform == "darwin", "needs ELF files and sfdisk, which macOS lacks")
 @unittest.skipIf(MISSING, f"not installed: {', '.join(MISSING)}")
 class InstalledLibrary(unittest.TestCase):
     @classmethod
@@ -78,14 +78,14 @@ class InstalledLibrary(unittest.TestCase):
         run("cmake", "--install", BUILD, "--prefix", cls.prefix)
         cls.include = cls.prefix / "include"
         cls.library = next(cls.prefix.glob("lib*/**/libvorlix.so")).resolve()
-        # A host of a library built with sanitizers is built with them, too, and by the same compiler.
+        # A host of a library that was built with sanitizers needs the same sanitizers and the same compiler.
         cls.cc = cached("CMAKE_C_COMPILER") or "cc"
         cls.cxx = cached("CMAKE_CXX_COMPILER") or "c++"
         sanitizers = cached("VORLIX_SANITIZE")
         cls.flags = [f"-fsanitize={sanitizers}"] if sanitizers else []
         cls.link_flags = []
         if sanitizers and "clang" in run(cls.cc, "--version"):
-            # clang leaves the part for C++ out of programs in C.
+            # For programs in C, clang does not link the C++ part of UBSan's runtime.
             cls.flags.append("-fsanitize-link-c++-runtime")
             cls.link_flags = ["-lstdc++"]
         cls.image = cls.make_image()
@@ -118,7 +118,7 @@ class InstalledLibrary(unittest.TestCase):
         return run("pkg-config", *options, "vorlix", env=environment).split()
 
     def sgdisk_numbers(self):
-        """(first, last, type GUID) of the used entries as sgdisk tells them."""
+        """(first, last, type GUID) of the used entries, by sgdisk."""
         found = []
         for number in (1, 2, 5):
             text = run("sgdisk", "-i", number, self.image)
@@ -128,7 +128,7 @@ class InstalledLibrary(unittest.TestCase):
         return found
 
     def sfdisk_slots(self):
-        """(number, type, first, count) of the MBR's slots as sfdisk tells them."""
+        """(number, type, first, count) of the MBR's slots, by sfdisk."""
         text = run("sfdisk", "-d", "-Y", "dos", self.image)
         pattern = r"img(\d) : start= *(\d+), size= *(\d+), type= *([0-9a-f]+)"
         return [(int(number), kind.upper().zfill(2), int(first), int(count))
@@ -196,7 +196,7 @@ class InstalledLibrary(unittest.TestCase):
         self.assertIn("registry_lookup", run(program, "--version"))
 
     def resource_host(self, name, library):
-        """A host outside of the prefix that prints where the registry program is."""
+        """A host outside the prefix that prints the path of the registry program."""
         project = self.work / f"{name}-source"
         project.mkdir()
         (project / "CMakeLists.txt").write_text(
@@ -212,15 +212,15 @@ class InstalledLibrary(unittest.TestCase):
         volume = self.work / "volume"
         (volume / "Windows/System32/config").mkdir(parents=True)
         (volume / "Windows/System32/config/SOFTWARE").write_bytes(b"no hive")
-        # Another name for the folder and another working folder change nothing.
+        # A link to the folder and another working folder make no difference.
         link = self.work / "link"
         link.symlink_to(self.prefix)
         for command in (self.prefix / "bin/vorlix", link / "bin/vorlix"):
             result = subprocess.run([command, "windows", volume], cwd="/", text=True, capture_output=True)
             self.assertEqual(result.returncode, 2, result.stderr)
-            self.assertIn("its registry tells no product name", result.stderr)
+            self.assertIn("its registry has no product name", result.stderr)
         if pathlib.Path(cached("CMAKE_INSTALL_PREFIX"), "share/vorlix").exists():
-            return  # the prefix that was built for is looked into as well
+            return  # the library also looks in the prefix that it was built for
         shutil.copytree(self.prefix, self.work / "without", symlinks=True)
         shutil.rmtree(self.work / "without/share/vorlix")
         result = subprocess.run([self.work / "without/bin/vorlix", "windows", volume], text=True, capture_output=True)
@@ -232,7 +232,7 @@ class InstalledLibrary(unittest.TestCase):
         beside = host.parent / "tools/bin"
         beside.mkdir(parents=True)
         (beside / "registry_lookup").write_text("")
-        self.assertEqual(run(host).strip(), str(beside.resolve() / "registry_lookup"), "the host's own goes first")
+        self.assertEqual(run(host).strip(), str(beside.resolve() / "registry_lookup"), "the host's file has priority")
 
     def test_man_pages_are_installed(self):
         pages = [str(path) for path in self.installed("share/man/**/*")]
@@ -249,7 +249,7 @@ class InstalledLibrary(unittest.TestCase):
                 run(self.cxx, "-std=c++20", *warnings, "-x", "c++", "-", input=unit)
             if str(name) in [f"Vorlix/{c_header}" for c_header in C_HEADERS]:
                 with self.subTest(header=str(name), language="C11"):
-                    # A unit must not be empty, whatever the header declares.
+                    # A translation unit must not be empty, even if the header declares nothing.
                     run(self.cc, "-std=c11", *warnings, "-x", "c", "-", input=unit + "extern int unit;\n")
 
     def test_no_internal_header_is_installed(self):
@@ -279,13 +279,13 @@ class InstalledLibrary(unittest.TestCase):
         for name in sorted(vague):
             print("   ", name if len(name) <= 90 else name[:90] + "...")
         for class_name in classes:
-            # Of a class whose members are all in its header, what the library has is of vague linkage.
+            # If all members of a class are in its header, the library's symbols for it have vague linkage.
             members = {name for name in strong | vague if belongs_to(name, class_name)}
             self.assertTrue(members, f"nothing of {class_name} is exported")
             strong -= members
         self.assertEqual(strong, declared)
         named = {found for name in vague for found in re.findall(r"vorlix::\w+", name)}
-        self.assertEqual(named - classes, set(), "only classes that headers mark have anything of vague linkage")
+        self.assertEqual(named - classes, set(), "only exported classes may have symbols of vague linkage")
 
     def test_the_shared_library_carries_its_name_with_the_major_version(self):
         self.assertRegex(run("readelf", "-d", self.library), r"SONAME.*\[libvorlix\.so\.\d+\]")

@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """
-Starts disks in an emulated PC with a BIOS, to see whether it reaches the Windows volume's own boot code.
+Starts disks in an emulated PC with a BIOS and checks that the PC reaches the Windows volume's boot code.
 
-The volume's boot sector carries a few bytes of code that print a marker and the sector's hidden-sectors field on the
-first serial port. On the way there stand the BIOS, the boot code that `vorlix hybrid` puts into sector 0, the slot it
-marks active and the start sector it writes into the volume; one that is wrong keeps the line from appearing.
+The volume's boot sector has a few bytes of code that print a marker and the sector's hidden-sectors field on the first
+serial port. To reach it, the PC needs the boot code that `vorlix hybrid` writes to sector 0, the slot that it marks active
+and the start sector that it writes to the volume. If one of them is wrong, the line does not appear.
 """
 
 import os
@@ -16,14 +16,14 @@ from support import bios, samples
 from support.samples import Slice
 
 BOOT_CODE = samples.syslinux_mbr()
-BOOT_CODE_SIZE = 440  # of sector 0, before the disk signature and the slots
+BOOT_CODE_SIZE = 440  # bytes of sector 0 before the disk signature and the slots
 
 APPLE = Slice(2, 4136, 2048, samples.APPLE_APFS, "Macintosh HD")
 WINDOWS = Slice(3, 6184, 8192, samples.BASIC_DATA, "BOOTCAMP")
 EFI = Slice(1, 40, 4096, samples.EFI_SYSTEM, "EFI System Partition")
 
-# Two systems. The second lies beyond what cylinder numbers reach (sector 16450560), and each byte of its first sector
-# number, 0x01234568, is another.
+# Two systems. The second one starts beyond sector 16450560, the limit of cylinder numbers. The four bytes of its first
+# sector number, 0x01234568, all differ.
 FIRST_OF_TWO = Slice(2, 4136, 8192, samples.BASIC_DATA, "ONE")
 BETWEEN = Slice(3, 12328, 2048, samples.APPLE_APFS, "Macintosh HD")
 SECOND_OF_TWO = Slice(4, 19088744, 8192, samples.BASIC_DATA, "TWO")
@@ -93,7 +93,7 @@ class LegacyBoot(unittest.TestCase):
 
     def test_a_protective_mbr_starts_nothing(self):
         self.make_disk(EFI, APPLE, WINDOWS)
-        with open(BOOT_CODE, "rb") as file:  # so that the slots are all that is missing
+        with open(BOOT_CODE, "rb") as file:  # so that only the slots are missing
             samples.write(self.disk, 0, file.read(BOOT_CODE_SIZE))
         self.assert_not_started()
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""`vorlix legacy-boot`: the files that Windows needs for legacy start, in folders, on FAT and on NTFS volumes."""
+"""`vorlix legacy-boot`: the files that a legacy start of Windows needs, in folders, on FAT and on NTFS volumes."""
 
 import itertools
 import os
@@ -19,7 +19,7 @@ MANAGER = "Windows/Boot/PCAT/bootmgr"
 
 STORE = bytes(range(256)) * 40
 
-# A Windows volume, as far as it matters here.
+# The parts of a Windows volume that matter here.
 WINDOWS_TREE = {
     "Windows": None,
     "Windows/Boot": None,
@@ -38,7 +38,7 @@ WINDOWS_TREE = {
 
 
 def inside(tree, folder):
-    """The part of a tree in a folder, the folder itself under the empty name."""
+    """The part of a tree below a folder. The folder itself has the empty name."""
     found = {path[len(folder) + 1 :]: content for path, content in tree.items() if path.startswith(folder + "/")}
     if folder in tree:
         found[""] = tree[folder]
@@ -50,17 +50,17 @@ def copied(tree, source, target):
 
 
 def set_up(tree):
-    """A tree after a set-up that did everything."""
+    """The tree after a complete set-up."""
     tree = copied(copied(tree, PCAT, "boot"), FONTS, "boot/Fonts")
     return {**tree, "boot/BCD": STORE, "bootmgr": tree[MANAGER]}
 
 
 class Expectation:
-    """The rules, followed on a tree in memory.
+    """Applies the rules to a tree in memory.
 
-    The sources are looked at in this order: PCAT, Fonts, the store, bootmgr. A missing one is passed over when the last
-    one that was there was a folder, and is otherwise an error. What has its copy is passed over. After an error the tree
-    is as it was.
+    The sources come in this order: PCAT, Fonts, the store, bootmgr. A missing source is skipped if the last source that
+    existed was a folder; otherwise it is an error. A source whose destination exists is skipped. After an error the tree
+    is unchanged.
     """
 
     def __init__(self, folder, store, tree):
@@ -96,7 +96,7 @@ class LegacyBootTest(volumes.VolumeTest):
         self.store = self.file("prepared store", STORE)
 
     def volume(self, tree, name="volume"):
-        """A folder with a tree, all of it the user's."""
+        """Makes a folder with a tree, all owned by the user."""
         folder = self.path(name)
         self.fill(folder, tree)
         return folder
@@ -123,7 +123,7 @@ class LegacyBootTest(volumes.VolumeTest):
         return result.stdout
 
     def refuse(self, arguments, *saying):
-        """An error that says so; returns what was printed before it."""
+        """The command fails with these texts. Returns its standard output."""
         result = self.vorlix_run("legacy-boot", *arguments)
         self.assertEqual(result.returncode, 2, result.stdout + result.stderr)
         for words in saying:
@@ -174,7 +174,7 @@ class InFolders(LegacyBootTest):
                 tree = {**WINDOWS_TREE, "BOOT": content}
                 folder = self.volume(tree, f"volume{number}")
                 output = self.set_up_ok(folder)
-                self.assertIn("set up already", output)
+                self.assertIn("already set up", output)
                 self.assertNotIn("copying", output)
                 self.assertEqual(volumes.folder_tree(folder), tree)
 
@@ -184,9 +184,9 @@ class InFolders(LegacyBootTest):
                 tree = {**WINDOWS_TREE, name: b"Windows has one of them"}
                 folder = self.volume(tree, f"volume{number}")
                 if os.path.exists(os.path.join(folder, name.swapcase())):
-                    self.skipTest("the file system does not tell case apart")
-                self.refuse([folder, "--bcd", self.store], f"{folder}: holds {name}, which Windows takes for "
-                            f"{name.lower()}; nothing was copied")
+                    self.skipTest("the file system ignores case")
+                self.refuse([folder, "--bcd", self.store], f"{folder}: contains {name}, which is the same name as "
+                            f"{name.lower()} to Windows; nothing was copied")
                 self.assertEqual(volumes.folder_tree(folder), tree)
 
     def test_the_rules_for_what_is_missing_in_all_combinations(self):
@@ -237,7 +237,7 @@ class InFolders(LegacyBootTest):
         self.assertEqual(volumes.folder_tree(folder), tree)
 
     def test_a_copy_that_fails_half_way(self):
-        """Nothing is in place, and nothing is left aside."""
+        """No file is in place, and no temporary folder is left."""
         folder = self.volume(WINDOWS_TREE)
         closed = os.path.join(folder, "Windows/Boot/Fonts/wgl4_boot.ttf")
         os.chmod(closed, 0)
@@ -285,7 +285,7 @@ class InFolders(LegacyBootTest):
 
     @unittest.skipIf(volumes.missing("strace"), "strace is not installed")
     def test_a_set_up_that_is_cut_off(self):
-        """Killed at any of these calls, what is there is whole, and the next run finishes and leaves nothing aside."""
+        """After a kill at any of these calls, files in place are complete. The next run does the rest and removes leftovers."""
         counts = {}
         log = self.file("calls", b"")
         names = ("mkdir", "copy_file_range", "openat", "fsync", "renameat2", "syncfs", "unlinkat", "rmdir", "utimensat")
@@ -311,7 +311,7 @@ class InFolders(LegacyBootTest):
                 result = self.vorlix_run("legacy-boot", folder, "--bcd", self.store, prefix=(*self.prefix(), *trace))
                 self.assertNotEqual(result.returncode, 0)
                 found = volumes.folder_tree(folder)
-                if "boot" in found:  # says that all is there
+                if "boot" in found:  # shows that the set-up is complete
                     self.assertEqual({path: found[path] for path in whole}, whole)
                 if "bootmgr" in found:
                     self.assertEqual(found["bootmgr"], whole["bootmgr"])
@@ -385,7 +385,7 @@ class OnFAT(LegacyBootTest):
         image = self.fat(tree)
         before = images.snapshot(image)
         self.mount(image, "--read-write")
-        self.assertIn("set up already", self.set_up_ok(image))
+        self.assertIn("already set up", self.set_up_ok(image))
         self.vorlix_ok("unmount", image)
         self.assert_unchanged(image, before)
 
@@ -399,7 +399,7 @@ class OnFAT(LegacyBootTest):
             with self.subTest(number):
                 image = self.fat(tree, f"{number}.img")
                 self.mount(image, "--read-write")
-                self.assertEqual("set up already" in self.set_up_ok(image), is_done)
+                self.assertEqual("already set up" in self.set_up_ok(image), is_done)
                 self.vorlix_ok("unmount", image)
                 found = volumes.read_tree(image)
                 names = [path.lower() for path in found]
@@ -421,7 +421,7 @@ class AsRoot(LegacyBootTest):
     AS_ROOT = True
 
     def mount_by_hand(self, *arguments):
-        """A mount that is undone in any case."""
+        """Mounts a volume and unmounts it at the end, even after a failure."""
         place = self.path("mounted")
         os.mkdir(place)
         result = subprocess.run([*arguments, place], capture_output=True, text=True, timeout=60, check=False)
@@ -438,9 +438,9 @@ class AsRoot(LegacyBootTest):
         with tools.loop_device(image, 512) as device:
             place = self.mount_by_hand(images.tool("ntfs-3g"), device)
             self.fill(place, WINDOWS_TREE)
-            output = self.set_up_ok(device)  # the volume by its device
+            output = self.set_up_ok(device)  # the volume is given by its device
             self.assertIn(f"copying {place}/{PCAT} to {place}/boot\n", output)
-            self.assertIn("set up already", self.set_up_ok(place))
+            self.assertIn("already set up", self.set_up_ok(place))
             tools.unmount(place)
             for path, content in set_up(WINDOWS_TREE).items():
                 if content is not None:

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""`log`: the end of the library's log and what is added to it. The log's path is fixed, so each test has a /tmp of its own."""
+"""`log`: the end of the library's log, and following it. The log's path is fixed, so each test gets a private /tmp."""
 
 import os
 import select
@@ -12,10 +12,10 @@ import unittest
 from support import gpt, images, tools, volumes
 
 LOG = "/tmp/quandrel.log"
-PATIENCE = 20.0  # seconds within which what is added must show
-QUIET = 1.0  # seconds in which nothing more may show
+PATIENCE = 20.0  # seconds; added text must appear within this time
+QUIET = 1.0  # seconds; no more text may appear in this time
 
-# The command line may lie in the very folder that is covered, so it is held open.
+# The command line may be below /tmp, which the mount hides, so the shell holds it open.
 IN_PRIVATE_FOLDER = 'exec 9<"$2" && mount --bind "$1" /tmp && shift 2 && exec /proc/self/fd/9 "$@"'
 
 
@@ -24,7 +24,7 @@ def namespace_options():
 
 
 def why_no_namespace():
-    """The reason why there can be no private /tmp, or None."""
+    """The reason why a private /tmp is impossible, or None."""
     if not shutil.which("unshare"):
         return "unshare is not installed"
     result = subprocess.run(["unshare", *namespace_options(), "mount", "--bind", "/", "/mnt"], stdin=subprocess.DEVNULL,
@@ -106,11 +106,11 @@ class Once(LogTest):
     def test_no_log(self):
         result = self.vorlix_run("log", "--once")
         self.assertEqual((result.returncode, result.stdout), (2, ""))
-        self.assertEqual(result.stderr, f"vorlix: {LOG}: there is no log yet; nothing was read\n")
+        self.assertEqual(result.stderr, f"vorlix: {LOG}: the log does not exist yet; nothing was read\n")
         self.assertEqual(os.listdir(self.private), [])
 
     def test_what_is_no_log_is_not_read(self):
-        """And a pipe without a writer is not waited for."""
+        """The command does not wait for a pipe's writer either."""
         for make, words in ((os.mkdir, "not a regular file"), (os.mkfifo, "not a regular file")):
             make(self.log)
             for options in (["--once"], []):
@@ -165,7 +165,7 @@ class Following(LogTest):
         child.communicate()
 
     def expect(self, child, expected):
-        """Exactly these bytes come next, in time."""
+        """Exactly these bytes come next, within PATIENCE."""
         seen = b""
         end = time.monotonic() + PATIENCE
         while len(seen) < len(expected):
@@ -241,7 +241,7 @@ class Following(LogTest):
 
     def test_a_log_that_is_not_there_yet(self):
         child = self.start("--lines", "1")
-        self.assertEqual(child.stderr.readline(), f"vorlix: {LOG}: there is no log yet; waiting for it\n".encode())
+        self.assertEqual(child.stderr.readline(), f"vorlix: {LOG}: the log does not exist yet; waiting for it\n".encode())
         self.assertEqual(os.listdir(self.private), [])
         self.write(b"one\ntwo\n")
         self.expect(child, b"one\ntwo\n")

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""`list`, `find` and `boot-camp`: mounted volumes, compared with what general tools say of them."""
+"""`list`, `find` and `boot-camp`: mounted volumes, compared with the output of general tools."""
 
 import contextlib
 import json
@@ -22,7 +22,7 @@ MEMBERS = ["name", "device", "disk", "mountPath", "kind", "totalSize", "freeSize
 
 
 def fat_sizes(image, offset, size):
-    """Bytes of the data area of a FAT volume, and free ones, by fsck.vfat's count of clusters."""
+    """Total and free bytes in the data area of a FAT volume, by fsck.vfat's count of clusters."""
     with tempfile.NamedTemporaryFile(prefix="vorlix-fsck-") as copy, open(image, "rb") as source:
         source.seek(offset)
         copy.write(source.read(size))
@@ -40,13 +40,13 @@ class ListTest(volumes.VolumeTest):
         return self.give(path)
 
     def json(self, *arguments, expect=0):
-        """What a command says in JSON, which is all it says there."""
+        """Returns a command's JSON, which must be its only output."""
         result = self.vorlix_run(*arguments, "--json")
         self.assertEqual(result.returncode, expect, f"{arguments}: {result.stdout}{result.stderr}")
         return json.loads(result.stdout)
 
     def listed(self, *options):
-        """The listed volumes of this test; the machine has others."""
+        """The listed volumes that belong to this test; the machine has others."""
         found = self.json("list", *options)
         for volume in found:
             self.assertEqual(list(volume), MEMBERS)
@@ -58,7 +58,7 @@ class ListTest(volumes.VolumeTest):
         return found[0]
 
     def rows(self, *options):
-        """The cells of the table's rows about volumes of this test."""
+        """The cells of the table's rows for this test's volumes."""
         lines = self.vorlix_ok("list", *options).stdout.splitlines()
         return [re.split(r"  +", line) for line in lines if self.folder in line]
 
@@ -168,7 +168,7 @@ class List(ListTest):
         self.assertEqual(self.one()["name"], os.path.basename(folder))
 
     def test_which_volumes_have_windows(self):
-        """By names in any case: folders Windows and System32, or a file boot.wim."""
+        """Folders Windows and System32, or a file boot.wim, with names in any case."""
         cases = (
             ({"WINDOWS": None, "WINDOWS/SYSTEM32": None}, "installed"),
             ({"windows": None, "windows/system32": None}, "installed"),
@@ -205,7 +205,7 @@ class List(ListTest):
         self.assertEqual({volume["device"]: volume["bootFiles"] for volume in self.listed()}, expected)
 
     def test_a_boot_partition_of_another_disk_is_not_taken(self):
-        """Its name is too long for a label, so it is that of the folder, which comes from the image's."""
+        """The name is too long for a label, so the volume takes its folder's name, which comes from the image's name."""
         image = self.fat("windows.img", INSTALLED)
         other = self.fat("System Reserved", {"BOOT": None, "bootmgr": b"x"})
         again = self.fat("again", {"BOOT": None, "bootmgr": b"x"})
@@ -350,7 +350,7 @@ class BootCamp(ListTest):
     def test_volumes_in_images_are_not_this_machine_s_own(self):
         self.mount(self.fat(tree=INSTALLED))
         if self.json("list", "--all") and self.vorlix_run("boot-camp").returncode == 0:
-            self.skipTest("this machine has a Windows volume of its own")
+            self.skipTest("this machine has a Windows volume")
         result = self.vorlix_run("boot-camp")
         self.assertEqual((result.returncode, result.stdout), (1, ""))
         self.assertEqual(result.stderr, "vorlix: no NTFS or FAT volume of an internal disk is mounted\n")
@@ -369,7 +369,7 @@ class RealMounts(ListTest):
     AS_ROOT = True
 
     def tree(self, name, content):
-        """A folder to make a volume from, in the form of put_tree()."""
+        """Makes a folder from a tree in the form of put_tree(), as the source of a volume."""
         folder = self.path(name)
         os.makedirs(folder)
         for path, data in content.items():
@@ -416,7 +416,7 @@ class RealMounts(ListTest):
     def test_the_machine_s_own_root(self):
         source = images.run_tool("findmnt", "-n", "-o", "SOURCE", "/").strip()
         if not source.startswith("/dev/"):
-            self.skipTest("what is mounted at / is on no disk here")
+            self.skipTest("the root file system is not on a disk")
         listed = [volume for volume in self.json("list", "--all") if volume["mountPath"] == "/"]
         size = images.run_tool("df", "-B1", "--output=size", "/").splitlines()[1]
         self.assertEqual([volume["totalSize"] for volume in listed], [int(size)])
@@ -455,7 +455,7 @@ class RealMounts(ListTest):
             try:
                 node = f"{device}p1"
                 if not os.path.exists(node):
-                    self.skipTest("no node for the slice on this machine")
+                    self.skipTest("this machine makes no device node for the slice")
                 with self.mounted(node, self.path("mount")) as folder:
                     listed = self.entry(node)
                     self.assert_as_tools_say(listed, node, folder)
@@ -467,7 +467,7 @@ class RealMounts(ListTest):
                 images.run_tool("partx", "--delete", device)
 
     def boot_disk(self, name, reserved):
-        """An image with a Windows volume in slice 2 and, before it, a volume "System Reserved" with a tree."""
+        """An image with a volume "System Reserved" with a tree in slice 1 and a Windows volume in slice 2."""
         image = self.path(name)
         tools.sgdisk_image(image, {1: (40, 16423, gpt.BASIC_DATA), 2: (16424, 32807, gpt.BASIC_DATA)}, size=32 << 20)
         for first, label, content in ((40, "System Reserved", reserved), (16424, "WIN", INSTALLED)):
@@ -481,7 +481,7 @@ class RealMounts(ListTest):
             device = f"{image}s{number}"
             result = self.vorlix_run("mount", device)
             if result.returncode != 0:
-                self.skipTest(f"no mount of a slice of an image: {result.stderr.strip()}")
+                self.skipTest(f"a slice of an image cannot be mounted: {result.stderr.strip()}")
             self.addCleanup(subprocess.run, [self.vorlix, "unmount", device], check=False)
             folders.append(result.stdout.removesuffix("\n"))
         return folders
@@ -500,7 +500,7 @@ class RealMounts(ListTest):
         self.assertNotEqual(windows, reserved)
 
     def test_boot_files_on_another_disk_are_not_taken(self):
-        """Also when that one is the last of the list, and when its folder's name begins like that of the disk's own."""
+        """Also if that disk is the last in the list, or if its folder's name starts with the name of the right folder."""
         first = self.boot_disk("first.img", {})
         second = self.boot_disk("second.img", {"BOOT": None, "bootmgr": b"x"})
         own, = self.mount_slices(first, 1)

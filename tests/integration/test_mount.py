@@ -93,7 +93,7 @@ class Mirrored(MountTest):
         self.assert_volume(image, {"README.TXT": b"text", "FOLDER": None, "FOLDER/file": b"content"})
 
     def test_volumes_without_files(self):
-        """An empty volume, one with folders only, and those whose last file is replaced by another one."""
+        """An empty volume, one with folders only, and volumes whose last file is replaced by another one."""
         for number, tree in enumerate(({}, {"EFI": None, "EFI/Boot": None}, {"only": b"x"}, {"A": None, "A/only": b"x"})):
             with self.subTest(tree=tree):
                 image = self.fat(f"{number}.img", tree=tree)
@@ -286,7 +286,7 @@ class Mirrored(MountTest):
         self.assert_nothing_mounted()
 
     def test_names_of_windows_in_the_spelling_the_volume_has(self):
-        """The mirror tells upper case from lower, which FAT and Windows do not."""
+        """The mirror is case-sensitive; FAT and Windows are not."""
         image = self.fat(tree={"WINDOWS": None, "WINDOWS/SYSTEM32": None, "Boot": None})
         self.mount(image)
         self.assertIn("can be started", self.vorlix_ok("bootable", image).stdout)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Mounting by several processes, by some that are killed, and by root with the kernel's file systems."""
+"""Mounting by several processes, by processes that are killed, and by root with the kernel's file systems."""
 
 import contextlib
 import os
@@ -18,7 +18,7 @@ STEP = 3 if images.SANITIZED else 1
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
 class Killed(MountTest):
     def run_and_kill(self, delay, *arguments):
-        """Starts the command line and kills it, and nothing but it, after a while. Returns whether it was running."""
+        """Starts the command line and kills only that process after `delay`. Returns whether it was still running."""
         with subprocess.Popen([*self.prefix(), self.vorlix, *arguments], stdin=subprocess.DEVNULL,
                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL) as process:
             with contextlib.suppress(subprocess.TimeoutExpired):
@@ -28,7 +28,7 @@ class Killed(MountTest):
         return True
 
     def test_a_folder_left_by_one_process_is_unmounted_by_another(self):
-        """Each command is a process of its own; the one that mounted has long ended."""
+        """The process that mounted the volume has ended when the second command starts."""
         image = self.fat(tree={"a": b"1"})
         folder = self.mount(image)
         self.as_user("sh", "-c", 'printf 2 >"$1/a" && printf 3 >"$1/b"', "sh", folder)
@@ -63,14 +63,14 @@ class Killed(MountTest):
                 killed += self.run_and_kill(milliseconds / 1000, "unmount", image)
                 time.sleep(0.05)
                 result = self.vorlix_run("unmount", image)
-                if result.returncode != 0:  # it had come to its end
+                if result.returncode != 0:  # the first unmount finished before the kill
                     self.assertIn("not mounted", result.stderr)
                 self.assert_volume(image, tree)
         self.assertGreater(killed, 0)
 
     @unittest.skipIf(volumes.missing("strace"), "strace is not installed")
     def test_unmounting_after_a_kill_at_each_call_that_moves_or_removes_something(self):
-        """The next unmount takes it up or says that nothing is mounted, and the label can be mounted again."""
+        """The next unmount continues, or says that nothing is mounted, and the volume can be mounted again."""
         tree = {"old": b"1", "gone": b"2", "F": None, "F/same": b"3"}
         changed = {"old": b"changed", "new": b"4", "F": None, "F/same": b"3"}
         for call in ("rename", "unlink", "unlinkat", "rmdir", "fsync"):
@@ -99,7 +99,7 @@ class Killed(MountTest):
 
     @unittest.skipIf(volumes.missing("strace"), "strace is not installed")
     def test_throwing_away_what_an_unmount_that_was_killed_had_begun_to_write(self):
-        """What stands in a journal comes to the volume in any case: that is not lost, and is not called so."""
+        """A complete journal is always applied to the volume. Its changes are not lost, and not reported as lost."""
         outcomes = set()
         for number in range(1, 40):
             with self.subTest(number=number):
@@ -121,7 +121,7 @@ class Killed(MountTest):
                 is_lost = "Lost       changed /a\n" in lost
                 outcomes.add(is_lost)
                 self.assertFalse(os.path.exists(folder))
-                self.vorlix_ok("mount", image)  # whatever is pending, it would be finished now
+                self.vorlix_ok("mount", image)  # would finish any pending change
                 self.unmount(image)
                 self.assert_volume(image, {"a": b"1" if is_lost else b"changed", "b": b"2"})
                 self.assert_nothing_mounted()
@@ -134,7 +134,7 @@ class Killed(MountTest):
         self.write(folder, "a", random_bytes(4 << 20))
         self.run_and_kill(0.04, "unmount", image)
         if not os.path.isdir(folder):
-            self.skipTest("unmounting was quicker than the signal")
+            self.skipTest("unmounting ended before the signal")
         self.write(folder, "b", b"3")
         self.unmount(image)
         self.assert_volume(image, {"a": random_bytes(4 << 20), "b": b"3"})
@@ -160,7 +160,7 @@ class AsRoot(MountTest):
 
     @unittest.skipIf(MISSING, f"not installed: {MISSING}")
     def test_a_volume_with_another_one_mounted_in_it(self):
-        """Its files are not this volume's, whoever mounted it there."""
+        """The other volume's files do not belong to this volume, no matter who mounted it."""
         image = self.fat(tree={"a": b"1", "F": None})
         folder = self.mount(image, "--read-write")
         self.addCleanup(self.vorlix_run, "unmount", image)
@@ -179,7 +179,7 @@ class AsRoot(MountTest):
 
     @unittest.skipIf(MISSING, f"not installed: {MISSING}")
     def test_a_fat_volume(self):
-        """By the kernel where it has the file system, else by mirroring it."""
+        """The kernel mounts the volume if it has the file system; otherwise the volume is mirrored."""
         image = self.fat(tree={"a": b"1", "F": None})
         folder = self.mount(image, "--read-write")
         self.assertEqual(volumes.folder_tree(folder), {"a": b"1", "F": None})

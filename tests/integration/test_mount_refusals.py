@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What is not mounted, and what is not written back: each with its reason, and nothing is lost."""
+"""Volumes that are not mounted, and mirrors that are not written back: the command gives a reason and loses nothing."""
 
 import fcntl
 import os
@@ -16,7 +16,7 @@ from support.mounting import MISSING, TREE, MountTest, random_bytes
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
 class Refused(MountTest):
     def refuse_write_back(self, image, folder, *words):
-        """Unmounting is refused with a reason and loses nothing: mirror and image stay as they are."""
+        """Unmounting is refused with a reason; mirror and image stay unchanged."""
         tree = volumes.folder_tree(folder)
         before = images.content_hash(image)
         self.vorlix_refuses("unmount", image, saying=[image, "stays mounted", *words])
@@ -54,7 +54,7 @@ class Refused(MountTest):
         self.assert_nothing_mounted()
 
     def test_an_image_in_the_place_of_the_one_that_was_mounted(self):
-        """Nothing was written to the old one, and the new one is another volume: it is told where the files are."""
+        """The new image holds another volume, so nothing is written; the message names the folder with the files."""
         image = self.fat()
         folder = self.mount(image, "--read-write")
         self.write(folder, "new", b"kept")
@@ -98,7 +98,7 @@ class Refused(MountTest):
         self.assert_nothing_mounted()
 
     def test_another_volume_in_the_same_place(self):
-        """As when another disk is attached as the same device: it is not the one that was mounted."""
+        """Another disk may be attached under the same device name; it is not the one that was mounted."""
         image = self.fat(label="FIRST")
         folder = self.mount(image, "--read-write")
         self.write(folder, "new", b"kept")
@@ -133,7 +133,7 @@ class Refused(MountTest):
         self.assertEqual(volumes.mtools("mtype", image, "::/b"), b"2")
 
     def test_patching_a_volume_that_is_mounted(self):
-        """Its mirror would be that of another volume from then on."""
+        """Afterwards, the mirror would no longer belong to the volume."""
         disk = volumes.make_mac(self.path("mac.img"))
         samples.place(disk, self.fat("volume", tree={"a": b"1"}, bits=12), volumes.WINDOWS.first)
         self.give(disk)
@@ -152,7 +152,7 @@ class Refused(MountTest):
         self.unmount(volume)
 
     def test_a_folder_that_was_emptied_or_made_again(self):
-        """An accident with the folder is no wish to delete every file of the volume."""
+        """Emptying the folder by accident must not delete every file of the volume."""
         image = self.fat()
         before = images.snapshot(image)
         folder = self.mount(image)
@@ -197,9 +197,9 @@ class Refused(MountTest):
         self.assert_nothing_mounted()
 
     def test_damaged_volumes(self):
-        """Whatever stands in tables and folders, the command ends soon, and unmounting leaves the image as it is."""
+        """With any content of FATs and folders, the command ends soon, and unmounting leaves the image unchanged."""
         source = self.fat(tree=TREE)
-        area = 64 << 10  # boot sector, tables and root folder
+        area = 64 << 10  # bytes with boot sector, FATs and root folder
         for seed in range(12):
             with self.subTest(seed=seed):
                 image = self.path(f"damaged{seed}.img")
@@ -248,7 +248,7 @@ class Refused(MountTest):
         for path, content in (("replaced", b"after"), ("small", b"1"), ("too large", random_bytes(3 << 20))):
             tree[path] = content
             self.write(folder, path, content)
-        for _ in range(2):  # the second time it goes on from where the first one ended
+        for _ in range(2):  # the second run continues where the first one ended
             self.vorlix_refuses("unmount", image, saying=[image, "too large", "Disk full", "stays mounted", folder])
             self.assertTrue(volumes.folder_tree(folder) == tree)
             self.assertEqual(volumes.read_tree(image)["kept"], tree["kept"])
@@ -323,7 +323,7 @@ class Refused(MountTest):
 
     @unittest.skipUnless(volumes.IS_ROOT, "only root's processes are out of an ordinary user's sight")
     def test_a_file_that_a_process_out_of_sight_has_open(self):
-        """What it writes later would be lost with the folder."""
+        """Data that the process writes later would be lost with the folder."""
         image = self.fat(tree={"a": b"1", "F": None, "F/b": b"2"})
         folder = self.mount(image)
         for name, mode in (("a", "rb"), ("F/b", "ab")):

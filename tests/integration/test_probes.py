@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""The commands that answer one question: `boot-type`, `bootable`, `sip` and `check-caller`."""
+"""The commands that report one fact: `boot-type`, `bootable`, `sip` and `check-caller`."""
 
 import contextlib
 import os
@@ -21,12 +21,12 @@ SECOND_SLOTS_HEAD = 446 + 16 + 1
 
 def overlaid(target, folder):
     """
-    What to put before a command so that it sees a folder's files in another, system folder. Skips where that cannot be.
+    The words before a command that make it see `folder` in the place of a system folder. Skips if that is impossible.
 
-    Only that command sees them: they are mounted in a namespace of its own.
+    Only that command sees it: the folder is mounted in a private namespace.
     """
     if sys.platform != "linux":
-        raise unittest.SkipTest("mount namespaces are Linux's")
+        raise unittest.SkipTest("only Linux has mount namespaces")
     script = f'mount -t overlay overlay -o "lowerdir=$0:{target}" {target} && exec "$@"'
     rights = [] if os.geteuid() == 0 else ["--map-root-user"]
     prefix = [images.tool("unshare"), "--mount", *rights, "/bin/sh", "-c", script, folder]
@@ -42,7 +42,7 @@ class Probe(images.CommandTest):
         self.assertEqual((result.returncode, result.stdout, result.stderr), (status, output, error), arguments)
 
     def as_nobody(self):
-        """What to put before a command that is to run without the right to override permissions."""
+        """The words before a command that make it run without root's right to override permissions."""
         os.chmod(self.folder, 0o755)
         if os.geteuid() != 0:
             return ()
@@ -58,14 +58,14 @@ class BootType(Probe):
         return path
 
     def partitioned(self, *lines):
-        """A disk with an MBR by sfdisk."""
+        """Makes a disk with an MBR by sfdisk."""
         path = self.disk()
         images.run_tool("sfdisk", "--quiet", path, stdin="label: dos\n" + "".join(line + "\n" for line in lines))
         return path
 
     def assert_boot_type(self, path, answer):
         before = images.snapshot(path)
-        self.assertEqual("EFI" if gpt.read_at(path, SECOND_SLOTS_HEAD, 1) == b"\0" else "legacy", answer, "of the test itself")
+        self.assertEqual("EFI" if gpt.read_at(path, SECOND_SLOTS_HEAD, 1) == b"\0" else "legacy", answer, "an error in the test itself")
         self.assert_answer(["boot-type", path], 0, answer + "\n")
         self.assert_unchanged(path, before)
 
@@ -141,7 +141,7 @@ class Bootable(Probe):
     NO = "holds nothing that can be started\n"
 
     def volume(self, *paths):
-        """A folder with these folders and, where a path has an extension or is a loader's, files."""
+        """Makes a folder with these items: a path with an extension or of a loader is a file, any other is a folder."""
         folder = self.path(f"volume {len(os.listdir(self.folder))}")
         os.mkdir(folder)
         for path in paths:
@@ -195,7 +195,7 @@ class SystemIntegrity(Probe):
     TOOL = "/usr/bin/csrutil"
 
     def with_tool(self, script, mode=0o755):
-        """A prefix under which the status tool is this script."""
+        """The words before a command that make it see this script as the status tool."""
         if os.path.exists(self.TOOL):
             self.skipTest(f"{self.TOOL} is this system's own")
         folder = self.path("bin")
@@ -235,7 +235,7 @@ class SystemIntegrity(Probe):
 
     def test_a_tool_that_cannot_be_run_is_an_error(self):
         prefix = self.with_tool(b"", mode=0o644)
-        self.assert_answer(["sip"], 2, "", f"vorlix: {self.TOOL}: Permission denied; the state is not known\n", prefix=prefix)
+        self.assert_answer(["sip"], 2, "", f"vorlix: {self.TOOL}: Permission denied; the status is unknown\n", prefix=prefix)
 
     def test_an_argument_too_many(self):
         result = self.vorlix_run("sip", "status")
@@ -251,13 +251,13 @@ class CheckCaller(Probe):
     def setUp(self):
         super().setUp()
         if sys.platform != "linux":
-            self.skipTest("signatures of processes are made here as on Linux")
+            self.skipTest("the test signs programs only as on Linux")
         self.client = self.path("client")
         shutil.copy(images.tool("sleep"), self.client)
 
     @contextlib.contextmanager
     def running(self, program):
-        """The identifier of a program that runs meanwhile."""
+        """Runs a program in the background and yields its process identifier."""
         with subprocess.Popen([program, "600"], stdin=subprocess.DEVNULL) as process:
             try:
                 deadline = time.monotonic() + 60
@@ -290,7 +290,7 @@ class CheckCaller(Probe):
                      "-outform", "DER", "-out", "client.p7s")
 
     def with_anchor(self, authority):
-        """A prefix under which that authority is an anchor, the only one."""
+        """The words before a command that make this authority the only anchor."""
         if os.path.exists(self.ANCHORS):
             self.skipTest(f"{self.ANCHORS} is this system's own")
         top = "/" + self.ANCHORS.split("/")[1]
@@ -349,13 +349,13 @@ class CheckCaller(Probe):
             ended.send_signal(signal.SIGKILL)
             os.waitid(os.P_PID, ended.pid, os.WEXITED | os.WNOWAIT)
             error = f"vorlix: {ended.pid}: {self.GONE}\n"
-            self.assert_answer(["check-caller", ended.pid], 2, "", error)  # its status not collected
+            self.assert_answer(["check-caller", ended.pid], 2, "", error)  # a zombie: its status is not collected yet
         self.assert_answer(["check-caller", ended.pid], 2, "", error)
 
     def test_a_process_whose_executable_may_not_be_read(self):
         prefix = self.as_nobody()
         if not prefix:
-            self.skipTest("needs root, to ask as another user")
+            self.skipTest("needs root, to run the command as another user")
         with self.running(self.client) as process:
             result = self.vorlix_run("check-caller", process, prefix=prefix)
         self.assertEqual((result.returncode, result.stdout), (2, ""))

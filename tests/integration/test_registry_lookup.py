@@ -16,10 +16,10 @@ from support import hive, hives, images, volumes
 
 MISSING = volumes.missing(*hives.NEEDED)
 PAGE = hive.PAGE
-CELL_SIZE = 4  # in front of each cell's data
+CELL_SIZE = 4  # bytes of the size field before each cell's data
 MEMORY_BEYOND_HIVE = 512 << 20
 
-# Where fields of records stand: of a key ("nk"), and of a value ("vk").
+# Offsets of fields in the record of a key ("nk") and of a value ("vk").
 KEY_COUNT = 20
 KEY_LIST = 28
 KEY_VALUE_LIST = 40
@@ -42,7 +42,7 @@ class LookupTest(images.CommandTest):
                               **options)
 
     def look_up(self, path, key, value, **options):
-        """What is printed for a value; there is no message, and the hive is as it was."""
+        """Returns the output for a value. There must be no message, and the hive must be unchanged."""
         before = images.snapshot(path)
         result = self.run_program(path, key, value, **options)
         self.assertEqual((result.returncode, result.stderr), (0, b""), f"{path} {key} {value}")
@@ -50,7 +50,7 @@ class LookupTest(images.CommandTest):
         return result.stdout
 
     def refuse(self, path, key="", value="", saying="", **options):
-        """The program ends with status 2 and one line of message, and prints nothing."""
+        """The program ends with status 2, prints one message and nothing on standard output."""
         result = self.run_program(path, key, value, **options)
         self.assertEqual((result.returncode, result.stdout), (2, b""), f"{path} {key} {value} {result.stderr}")
         message = result.stderr.decode()
@@ -73,7 +73,7 @@ class LookupTest(images.CommandTest):
 
 
 def hivexget(path, key, value):
-    """The same value by hivex's own tool, as bytes."""
+    """Returns the same value's bytes by hivex's command-line tool."""
     command = [images.tool("hivexget"), path, "\\" + key.replace("/", "\\"), value or "@"]
     return subprocess.run(command, capture_output=True, timeout=60, check=True).stdout
 
@@ -84,7 +84,7 @@ def content_of(path):
 
 
 def record_named(content, name):
-    """Where the record of a value of that name starts in the file."""
+    """Returns the file offset of the record of a value with that name."""
     at = content.index(name.encode("latin-1")) - VALUE_NAME
     assert content[at : at + 2] == b"vk", f"no value {name}"
     return at
@@ -93,7 +93,7 @@ def record_named(content, name):
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
 class Values(LookupTest):
     def assert_value(self, value, expected, by_hivex=True):
-        """A value is printed as `expected`, and hivex's own tool says the same."""
+        """The program prints a value as `expected`, and so does hivex's tool."""
         path = self.hive({"Value": value})
         self.assertEqual(self.look_up(path, "Key", "Value"), expected)
         if by_hivex:
@@ -128,7 +128,7 @@ class Values(LookupTest):
         path = self.hive(values)
         for name, lines in expected.items():
             self.assertEqual(self.look_up(path, "Key", name).decode(), lines, name)
-        # hivex's own tool ends the list with an empty line.
+        # hivex's tool ends the list with an empty line.
         for name in "Some", "One":
             self.assertEqual(hivexget(path, "Key", name).decode(), expected[name] + "\n")
 
@@ -139,7 +139,7 @@ class Values(LookupTest):
         self.assert_value((hives.REG_QWORD, struct.pack("<Q", 9007199254740993)), b"9007199254740993\n")
 
     def test_numbers_have_no_sign(self):
-        # hivex's own tool shows these as negative.
+        # hivex's tool prints these as negative numbers.
         self.assert_value(0xFFFFFFFE, b"4294967294\n", by_hivex=False)
         self.assert_value((hives.REG_DWORD_BIG_ENDIAN, bytes([0xFF, 0, 0, 0])), b"4278190080\n", by_hivex=False)
         self.assert_value((hives.REG_QWORD, bytes([0xFF] * 8)), b"18446744073709551615\n", by_hivex=False)
@@ -156,19 +156,19 @@ class Values(LookupTest):
             with self.subTest(type=kind):
                 path = self.hive({"Value": (kind, data)})
                 self.assertEqual(self.look_up(path, "Key", "Value"), data.hex().encode() + b"\n")
-                if kind != hives.REG_LINK:  # a string to hivex's own tool
+                if kind != hives.REG_LINK:  # hivex's tool prints it as a string
                     self.assertEqual(hivexget(path, "Key", "Value"), data)
-        self.assert_value(b"\xab", b"ab\n", by_hivex=False)  # stored within the value's own record
+        self.assert_value(b"\xab", b"ab\n", by_hivex=False)  # stored in the value's record itself
         self.assert_value(b"", b"\n", by_hivex=False)
 
     def test_code_units_that_form_no_character_are_replaced(self):
         for data, text in (
             (b"a\0\x00\xd8b\0\0\0", "a\ufffdb"),  # a high surrogate alone
             (b"a\0\x00\xdcb\0\0\0", "a\ufffdb"),  # a low one
-            (b"\x00\xdc\x00\xd8\0\0", "\ufffd\ufffd"),  # the wrong way round
+            (b"\x00\xdc\x00\xd8\0\0", "\ufffd\ufffd"),  # in the wrong order
             (b"\x3d\xd8\x3d\xd8\xa5\xdd\0\0", "\ufffd\U0001f5a5"),
-            (b"a\0\x3d\xd8", "a\ufffd"),  # cut
-            (b"a\0b", "a\ufffd"),  # half a unit
+            (b"a\0\x3d\xd8", "a\ufffd"),  # half a surrogate pair at the end
+            (b"a\0b", "a\ufffd"),  # half a code unit at the end
         ):
             self.assert_value((hives.REG_SZ, data), text.encode() + b"\n", by_hivex=False)
         self.assert_value((hives.REG_MULTI_SZ, b"\x00\xd8\0\0b\0\0\0\0\0"), "\ufffd\nb\n".encode(), by_hivex=False)
@@ -300,7 +300,7 @@ class Program(LookupTest):
         self.refuse(*arguments, saying="Permission denied", prefix=volumes.user_prefix())
 
     def test_a_message_is_not_mixed_into_a_single_stream(self):
-        # That is how the library reads a value.
+        # The library reads a value through such a pipe.
         result = self.run_program(self.path("nowhere"), "Key", "Value", stderr=subprocess.STDOUT)
         self.assertEqual((result.returncode, result.stdout), (2, b""))
         result = self.run_program(stderr=subprocess.STDOUT)
@@ -348,7 +348,7 @@ class Program(LookupTest):
 
 
 def hive_with_value(kind, data):
-    """A hive whose root has a value in one block, "Value"."""
+    """A hive whose root has a value "Value" with its data in one cell."""
     made = hive.Hive(-(-(len(data) + 2 * PAGE) // PAGE) * PAGE, PAGE + hive.BIN_HEADER)
     value = made.value("Value", data)
     struct.pack_into("<I", made.bytes, PAGE + value + CELL_SIZE + 12, kind)
@@ -356,7 +356,7 @@ def hive_with_value(kind, data):
 
 
 def finish_with_segments(made, count, listed, size):
-    """The hive when its root has a value "Big" in `count` segments, whose places stand in the cell `listed`."""
+    """Finishes the hive: its root has a value "Big" in `count` segments, whose offsets the cell `listed` holds."""
     record = made.cell(struct.pack("<2sHII", b"db", count, listed, 0))
     name = b"Big"
     value = made.cell(struct.pack("<2sHIIIHH", b"vk", len(name), size, record, hives.REG_BINARY, 1, 0) + name)
@@ -372,7 +372,7 @@ def hive_with_segments(data):
 
 
 def hive_with_segments_beyond_its_end():
-    """A hive with a value "Big" whose list of segments has as many as fit before the end of the file, and says more."""
+    """A hive with a value "Big" whose segment list ends at the end of the file and claims more segments."""
     made = hive.Hive(3 * PAGE, PAGE + hive.BIN_HEADER)
     segment = made.cell(bytes(100))
     place = 2 * PAGE + 12
@@ -381,7 +381,7 @@ def hive_with_segments_beyond_its_end():
 
 
 def cyclic_hive(count):
-    """A hive with a key "A" that is its own child, `count` times over."""
+    """A hive with a key "A" that lists itself `count` times as a child."""
     made = hive.Hive(-(-(8 * count + 2 * PAGE) // PAGE) * PAGE, PAGE + hive.BIN_HEADER)
     key = made.key("A")
     listed = made.cell(struct.pack("<2sH", b"lf", count) + struct.pack("<I4s", key, b"A") * count)
@@ -393,7 +393,7 @@ def cyclic_hive(count):
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
 class Damaged(LookupTest):
     def changed(self, content, changes, name="changed"):
-        """A hive file with some numbers of 32 bits changed: {offset: number}."""
+        """Makes a hive file with changed 32-bit numbers: {offset: number}."""
         content = bytearray(content)
         for offset, number in changes.items():
             struct.pack_into("<I", content, offset, number)
@@ -403,7 +403,7 @@ class Damaged(LookupTest):
         content = content_of(self.software())
         key, name = hives.CURRENT_VERSION, "ProductName"
         self.refuse(self.changed(content, {0: 0x66676553}), key, name, saying="not a registry hive")
-        self.refuse(self.changed(content, {4: 77}), key, name, saying="damaged")  # the checksum tells
+        self.refuse(self.changed(content, {4: 77}), key, name, saying="damaged")  # the checksum is wrong
         for offset, number in (20, 2), (36, 0x7FFFFFF8), (36, 0x28), (40, 0):  # version, root, size
             path = self.file("changed", hives.with_checksum(content_of(self.changed(content, {offset: number}))))
             self.refuse(path, key, name, saying="damaged")
@@ -416,7 +416,7 @@ class Damaged(LookupTest):
         for size in 0, 4, 0xFFFFFFFF, 0x80000000, 0x7FFFFFFF, 0xFFFF0000:  # of the block
             path = self.changed(content, {at - CELL_SIZE: size})
             self.refuse(path, hives.CURRENT_VERSION, "EditionID", saying="damaged")
-        # No value any more.
+        # The record is no longer one of a value.
         self.refuse(self.changed(content, {at: 0x7878}), hives.CURRENT_VERSION, "EditionID", saying="damaged")
 
     def test_a_damaged_value_leaves_its_neighbours_readable(self):
@@ -433,7 +433,7 @@ class Damaged(LookupTest):
             path = self.changed(content, changes)
             self.refuse(path, hives.CURRENT_VERSION, "ProductName")
             self.assertEqual(self.look_up(path, hives.CURRENT_VERSION, "EditionID"), b"Professional\n")
-        # Whether it is there cannot be told.
+        # The damage may hide the value.
         self.refuse(path, hives.CURRENT_VERSION, "Absent", saying="damaged")
 
     def test_damaged_lists(self):
@@ -444,7 +444,7 @@ class Damaged(LookupTest):
         self.assertEqual(content[parent : parent + 2], b"nk")
         for changes in (
             {key + KEY_VALUE_LIST: 0x7FFFFFF0},
-            {key + KEY_VALUE_LIST - 4: 0xFFFFFFFF},  # how many values
+            {key + KEY_VALUE_LIST - 4: 0xFFFFFFFF},  # number of values
             {key + KEY_VALUE_LIST - 4: 5000},
             {parent + KEY_COUNT: 0xFFFFFFFF},
             {parent + KEY_COUNT: 2},
@@ -457,7 +457,7 @@ class Damaged(LookupTest):
         path = self.file("cycle", cyclic_hive(3))
         self.assertEqual(self.look_up(path, "/".join("A" * 50), "Value"), b"")
         self.assertEqual(self.look_up(path, "A/B", "Value"), b"")
-        # A list of lists that lists itself.
+        # A list of lists that contains itself.
         made = hive.Hive(2 * PAGE, PAGE + hive.BIN_HEADER)
         listed = made.cell(struct.pack("<2sHI", b"ri", 1, 0))
         struct.pack_into("<I", made.bytes, PAGE + listed + CELL_SIZE + 4, listed)
@@ -467,7 +467,7 @@ class Damaged(LookupTest):
         self.refuse(self.file("lists", made.finish(root)), "A", "Value")
 
     def test_a_list_of_segments_that_goes_on_beyond_the_file(self):
-        # The parser reads what lies behind the file in memory: that is no place in the hive, or there is nothing.
+        # The parser reads memory behind the mapped file: it finds an invalid offset, or the read crashes.
         self.refuse(self.file("hive", hive_with_segments_beyond_its_end()), "", "Big", saying="damaged")
 
     def test_truncated_at_many_places(self):
@@ -506,7 +506,7 @@ class Damaged(LookupTest):
 
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
 class Bounds(LookupTest):
-    # Each step of this path takes a look at 60000 keys.
+    # For each name in this path, the parser looks at 60000 keys.
     LONG_PATH = "/".join("A" * 60000)
 
     def slow_hive(self):
@@ -514,7 +514,7 @@ class Bounds(LookupTest):
 
     def test_a_hive_of_60_megabytes(self):
         path = self.file("SOFTWARE", hives.with_filler(hive.empty_hive(), 60_000_000))
-        # hivex puts what it adds behind everything else.
+        # hivex adds new cells at the end of the file.
         hives.add_keys(path, {hives.CURRENT_VERSION: hives.RELEASES["Windows 11"]})
         self.assertGreater(os.path.getsize(path), 60_000_000)
         for name, value in hives.RELEASES["Windows 11"].items():
@@ -537,9 +537,9 @@ class Bounds(LookupTest):
 
     @contextlib.contextmanager
     def parser_at_work(self, path):
-        """The program on a hive that keeps it busy, and the number of the process that parses."""
+        """Runs the program on a slow hive. Yields it and the identifier of its parsing process."""
         if not sys.platform.startswith("linux"):
-            self.skipTest("the kernel's list of a process's children is Linux's")
+            self.skipTest("only Linux lists a process's children in /proc")
         program = subprocess.Popen([self.program, path, self.LONG_PATH, "Value"], stdout=subprocess.PIPE,
                                    stderr=subprocess.PIPE)
         try:
@@ -558,7 +558,7 @@ class Bounds(LookupTest):
 
     @staticmethod
     def mapped(process, path):
-        """"hive" once a process has a file mapped, else ""."""
+        """Returns "hive" if the process has the file mapped, otherwise ""."""
         with open(f"/proc/{process}/maps", encoding="utf-8") as file:
             return "hive" if path in file.read() else ""
 
@@ -584,7 +584,7 @@ class Bounds(LookupTest):
         self.assertEqual((cpu, core), ((10, 11), (0, 0)))
         self.assertEqual(rights, ["r--s"])
         if images.SANITIZED:
-            print("\nthe limit on addresses is not set in builds with sanitizers")
+            print("\nbuilds with sanitizers do not limit the address space")
         else:
             self.assertEqual(addresses, (os.path.getsize(path) + MEMORY_BEYOND_HIVE,) * 2)
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""The command `run`: what it shows of real programs, and how it ends."""
+"""The command `run`: what it shows for real programs, and how it ends."""
 
 import hashlib
 import os
@@ -17,7 +17,7 @@ from support import images  # noqa: E402
 PIECE = re.compile(rb"(output|error output): (\d+) bytes")
 PYTHON = os.path.realpath(sys.executable)
 
-# 64 MiB on each stream, in turns, in numbered lines of a KiB.
+# Prints 64 MiB on each stream alternately, in numbered lines of 1 KiB.
 FLOOD = """
 import os
 for i in range(65536):
@@ -35,7 +35,7 @@ def flood_digest(letter):
 
 class Run(images.CommandTest):
     def run_program(self, *command, expect=0, **options):
-        """What `run` shows of a program, as lines."""
+        """Returns the lines that `run` prints for a program."""
         result = self.vorlix_run("run", "--", *command, **options)
         self.assertEqual(result.returncode, expect, f"{command}: {result.stdout}{result.stderr}")
         self.assertEqual(result.stderr, "")
@@ -125,7 +125,7 @@ class Shown(Run):
 
 
 class Input(Run):
-    # Waits for what is there to be read on standard input.
+    # Waits for data on standard input.
     LOOK = "import select; print('readable' if select.select([0], [], [], 0.3)[0] else 'open and empty')"
 
     def test_standard_input_is_not_taken_from_the_caller(self):
@@ -136,7 +136,7 @@ class Input(Run):
             os.lseek(file.fileno(), 0, os.SEEK_SET)
             result = subprocess.run([self.vorlix, "run", "--", PYTHON, "-c", self.LOOK], stdin=file, capture_output=True,
                                     text=True, timeout=60)
-            self.assertEqual(os.lseek(file.fileno(), 0, os.SEEK_CUR), 0, "something was read")
+            self.assertEqual(os.lseek(file.fileno(), 0, os.SEEK_CUR), 0, "the program read from the input of vorlix")
         self.assertEqual(result.stdout.splitlines()[2], "  open and empty")
 
     def test_a_pipe_of_the_callers_stays_full(self):
@@ -163,7 +163,7 @@ class Ended(Run):
             self.assertEqual(lines, ["start", "end", f"status {int(number)}"])
 
     def test_a_program_that_closes_its_output_before_it_exits_keeps_its_status(self):
-        echo = images.tool("echo")  # the program, which closes its output as the last thing it does
+        echo = images.tool("echo")  # a program that closes its output last
         for _ in range(50):
             self.assertEqual(self.run_program(echo, "x"), ["start", "output: 2 bytes", "  x", "end", "status 0"])
 
@@ -176,7 +176,7 @@ class Ended(Run):
     def test_a_program_that_declines_to_end_is_told_after_five_seconds(self):
         start = time.monotonic()
         lines = self.shell("trap '' TERM; exec >&- 2>&-; sleep 9", expect=1)
-        self.assertEqual(lines, ["start", "end", "status -999, it still runs"])
+        self.assertEqual(lines, ["start", "end", "status -999, still running"])
         self.assertGreaterEqual(time.monotonic() - start, 5)
 
     def test_output_that_cannot_be_shown_is_an_error(self):
@@ -193,7 +193,7 @@ class NotStarted(Run):
     def assert_not_started(self, program, reason):
         result = self.vorlix_run("run", "--", program, "argument")
         self.assertEqual(result.returncode, 2)
-        self.assertEqual(result.stdout, "start\n", "the start is told before the launch, and nothing after it")
+        self.assertEqual(result.stdout, "start\n", "the start is reported before the launch, and nothing after it")
         self.assertEqual(result.stderr, f"vorlix: {program}: {reason}; nothing was started\n")
 
     def test_a_program_that_is_not_there(self):

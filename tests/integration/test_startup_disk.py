@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""`startup-disk`: the command it would run for each type of start, and what it says where it cannot run it."""
+"""`startup-disk`: the command that it runs for each type of start, and its messages if it cannot run the command."""
 
 import json
 import os
@@ -10,7 +10,7 @@ from support import gpt, images, tools, volumes
 MISSING = volumes.missing("sgdisk", "setpriv")
 BLESS = "/usr/sbin/bless"
 TYPES = ("legacy", "efi", "mac", "volume-efi")
-# Slice 2 begins at a head other than 0, where the hybrid MBR's slot 2 shows it.
+# Slice 2 starts at a head other than 0, and slot 2 of the hybrid MBR holds that head.
 LAYOUT = {1: (40, 2047, gpt.EFI_SYSTEM), 2: (2048, 4095, gpt.APFS), 3: (4096, 8191, gpt.BASIC_DATA)}
 
 
@@ -28,7 +28,7 @@ class StartupDiskTest(volumes.VolumeTest):
         return result.stdout
 
     def assert_commands(self, name, device, first_slice):
-        """What is run for a device by that name, whose own path and that of whose disk's slice 1 are these."""
+        """Checks the command for each type. `device`: the path of the device `name`; `first_slice`: its disk's slice 1."""
         for kind, place, options in (("legacy", device, ()), ("mac", device, ()), ("efi", first_slice, ()),
                                      ("volume-efi", device, ("-nextonly",))):
             with self.subTest(name=name, kind=kind):
@@ -64,7 +64,7 @@ class DryRun(StartupDiskTest):
         self.assertEqual(self.dry_run(disk + "s3", "--type", "efi"), bless(f"/dev/{disk}s1", "-nextonly"))
 
     def test_what_has_no_mbr_says_nothing(self):
-        """Whatever stands in its first sector."""
+        """The content of the first sector does not matter."""
         text = self.file("text", b"root:x:0:0:root:/root:/bin/sh\n" * 100)
         ntfs = self.file("ntfs", b"\xEB\x52\x90NTFS    ".ljust(510, b"\0") + b"\x55\xAA" + bytes(1 << 20))
         for device in (self.file("zeros", bytes(1 << 20)), text, ntfs):
@@ -110,7 +110,7 @@ class DryRun(StartupDiskTest):
         listed = json.loads(self.vorlix_ok("list", "--all", "--json").stdout)
         root = [volume for volume in listed if volume["mountPath"] == "/"]
         if not root:
-            self.skipTest("what is mounted at / is on no disk here")
+            self.skipTest("the root file system is not on a disk")
         for name in ("/", root[0]["device"]):
             message = self.vorlix_refuses("startup-disk", name, "--dry-run")
             self.assertEqual(message, f"vorlix: {name}: it is the running system's own volume; the startup disk was not set\n")
@@ -122,12 +122,12 @@ class AsOrdinaryUser(StartupDiskTest):
         disk = self.disk()
         for kind in TYPES:
             message = self.vorlix_refuses("startup-disk", disk + "s3", "--type", kind)
-            self.assertIn("this needs the administrator as the real user; the startup disk was not set", message)
+            self.assertIn("only root as the real user can do this; the startup disk was not set", message)
 
 
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
 @unittest.skipUnless(volumes.IS_ROOT, "needs root")
-@unittest.skipIf(os.path.exists(BLESS), f"there is {BLESS}, which would really set the startup disk")
+@unittest.skipIf(os.path.exists(BLESS), f"{BLESS} exists and would really set the startup disk")
 class WithoutTheTool(StartupDiskTest):
     AS_ROOT = True
 

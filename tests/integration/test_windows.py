@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""`windows`: which Windows a volume holds, read from hives that hivex's own shell writes."""
+"""`windows`: which Windows a volume holds, read from hives that hivex's shell writes."""
 
 import json
 import os
@@ -11,7 +11,7 @@ from support import hives, images, volumes
 MISSING = volumes.missing(*hives.NEEDED)
 MISSING_FOR_VOLUMES = volumes.missing("mkfs.vfat", "mcopy", "mmd", "setpriv")
 
-# What hosts are told instead of the name in the registry.
+# The product names that hosts get instead of the names in the registry.
 PRODUCTS = {
     "Windows 7": "Windows 7",
     "Windows 8.1": "Windows 8+",
@@ -22,7 +22,7 @@ PRODUCTS = {
 HIVE = "Windows/System32/config/SOFTWARE"
 SETUP_LOG = "Windows/Panther/setupact.log"
 NOTHING = {"product": "", "edition": "", "currentBuildNumber": "", "buildLabEx": "", "bootenv": None}
-NO_LOG = "vorlix: the log /tmp/quandrel.log cannot be opened; going on without it\n"
+NO_LOG = "vorlix: the log /tmp/quandrel.log cannot be opened; continuing without it\n"
 
 
 def answer(release, bootenv=None):
@@ -51,7 +51,7 @@ class WindowsTest(volumes.VolumeTest):
             return file.read()
 
     def put(self, root, tree):
-        """A folder with the files of a volume, as folder_tree() has them."""
+        """Makes a folder with the files of a volume, in the form of folder_tree()."""
         root = self.path(root)
         for path, content in tree.items():
             place = os.path.join(root, path)
@@ -62,13 +62,13 @@ class WindowsTest(volumes.VolumeTest):
         return root
 
     def windows(self, volume):
-        """The answer in JSON. Nothing is said beside it, but where the log is somebody else's."""
+        """Returns the JSON. There must be no message, except for a log that belongs to another user."""
         result = self.vorlix_ok("windows", volume, "--json")
         self.assertIn(result.stderr, ("", NO_LOG))
         return json.loads(result.stdout)
 
     def unknown(self, volume, saying):
-        """There is a Windows of which nothing can be told: status 2, in both forms. Returns the JSON."""
+        """The volume holds a Windows without a readable version: status 2, in both forms. Returns the JSON."""
         text = self.vorlix_run("windows", volume)
         self.assertEqual(text.returncode, 2, text.stderr)
         self.assertNotIn("Product", text.stdout)
@@ -81,7 +81,7 @@ class WindowsTest(volumes.VolumeTest):
 
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
 class Folders(WindowsTest):
-    """Volumes are folders to this command, whatever is mounted there."""
+    """The command accepts any folder as a volume."""
 
     def test_releases_by_the_names_that_hosts_know(self):
         for release in hives.RELEASES:
@@ -142,7 +142,7 @@ class Folders(WindowsTest):
         self.assertEqual(self.windows(root)["product"], name)
 
     def test_the_setup_log(self):
-        """grep's lines without their ends, from the first report on; without a report in them, an empty text."""
+        """grep's lines without line feeds, from the first report on; an empty string if they hold no report."""
         for number, (log, expected) in enumerate((
                 (b"2020-01-02 Info  Callback_BootEnvironmentDetect: Detected boot environment: EFI\r\n", "EFI"),
                 (b"first\r\nx Detected boot environment: BIOS\r\nlast\r\n", "BIOS"),
@@ -170,27 +170,27 @@ class Folders(WindowsTest):
         for name, content in cases.items():
             with self.subTest(hive=name):
                 root = self.put(name, {HIVE: content})
-                self.assertEqual(self.unknown(root, "its registry tells no product name"), NOTHING)
+                self.assertEqual(self.unknown(root, "its registry has no product name"), NOTHING)
         with open(self.hive(no_name, "no name"), "rb") as file:
             root = self.put("no name root", {HIVE: file.read()})
-        self.assertEqual(self.unknown(root, "its registry tells no product name") | {"product": "Windows 10"},
+        self.assertEqual(self.unknown(root, "its registry has no product name") | {"product": "Windows 10"},
                          answer("Windows 10"))
 
     def test_a_volume_without_a_hive(self):
         for number, tree in enumerate(({"Windows/System32": None}, {"Windows/System32/config": None}, {HIVE: None},
                                        {"Windows/System32": b"a file"})):
             with self.subTest(tree=tree):
-                self.assertEqual(self.unknown(self.put(f"root{number}", tree), "its registry tells no product name"), NOTHING)
+                self.assertEqual(self.unknown(self.put(f"root{number}", tree), "its registry has no product name"), NOTHING)
 
     def test_the_setup_log_is_read_without_a_hive(self):
         root = self.put("root", {"Windows/System32": None, SETUP_LOG: b"Detected boot environment: EFI\r\n"})
-        self.assertEqual(self.unknown(root, "its registry tells"), {**NOTHING, "bootenv": "EFI"})
+        self.assertEqual(self.unknown(root, "its registry has no product name"), {**NOTHING, "bootenv": "EFI"})
 
     def test_a_hive_that_may_not_be_read(self):
         root = self.put("root", {HIVE: self.hive_bytes("Windows 10")})
         os.chmod(os.path.join(root, HIVE), 0)
         self.give(os.path.join(root, HIVE))
-        self.assertEqual(self.unknown(root, "its registry tells no product name"), NOTHING)
+        self.assertEqual(self.unknown(root, "its registry has no product name"), NOTHING)
 
     def test_no_windows(self):
         for number, (tree, words) in enumerate((
@@ -199,7 +199,7 @@ class Folders(WindowsTest):
                 ({"Windows": b"a file"}, "no Windows\n"),
                 ({"a/Windows/System32": None}, "no Windows\n"),
                 ({"Windows.old/System32": None}, "no Windows\n"),
-                ({"SOURCES/BOOT.WIM": b"image"}, "no installed Windows, but its installer\n"),
+                ({"SOURCES/BOOT.WIM": b"image"}, "no installed Windows, only its installer\n"),
                 ({"sources/install.wim": b"image"}, "no Windows\n"))):
             with self.subTest(tree=tree):
                 root = self.put(f"root{number}", tree)
@@ -237,11 +237,11 @@ class Folders(WindowsTest):
         os.remove(companion)
         with open(companion, "wb"):
             pass
-        self.assertEqual(self.unknown(root, "its registry tells no product name"), NOTHING)
+        self.assertEqual(self.unknown(root, "its registry has no product name"), NOTHING)
 
 
     def test_a_setup_log_of_several_starts(self):
-        """The first is shown; the JSON has all that the log says from there."""
+        """The text shows the first report; the JSON has all the text from there on."""
         log = b"x Detected boot environment: EFI\r\ny Detected boot environment: BIOS\r\n"
         root = self.put("root", {HIVE: self.hive_bytes("Windows 10"), SETUP_LOG: log})
         self.assertRegex(self.vorlix_ok("windows", root).stdout, r"(?m)^Started by +EFI$")

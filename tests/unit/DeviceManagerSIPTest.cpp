@@ -11,8 +11,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-using Stream = SimulatedRun::Stream;
-
 constexpr const char* kStatusTool = "/usr/bin/csrutil";  // spelled out: hosts rely on it
 constexpr const char* kEnabled = "System Integrity Protection status: enabled.\n";
 constexpr const char* kDisabled = "System Integrity Protection status: disabled.\n";

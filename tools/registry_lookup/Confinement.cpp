@@ -21,15 +21,16 @@
 namespace vorlix::registry {
 namespace {
 
-// A sanitizer reserves terabytes of addresses, and its reports are for their reader.
+// AddressSanitizer reserves terabytes of address space, and its reports must stay readable. A build with sanitizers
+// therefore neither limits the address space nor discards the output.
 constexpr bool kSanitized = VORLIX_SANITIZED != 0;
 constexpr rlim_t kProcessorSeconds = 10;
 
-// Not the numbers that libraries and sanitizers end a process with.
+// The statuses are unlike those with which libraries and sanitizers end a process.
 enum ChildStatus : int { kDone = 100, kFailed = 101, kUnsent = 102 };
 
-// Lowers a limit; one that is lower already stays. The hard limit is `margin` higher, so that the signal of the soft
-// one gets through first.
+// Lowers the limit on a resource to `most`; a limit that is already lower stays. The hard limit is `margin` higher, so
+// that the process first gets the signal of the soft limit.
 template <typename Resource>
 void limit(Resource resource, rlim_t most, rlim_t margin = 0) {
   struct rlimit limits = {};
@@ -42,7 +43,7 @@ void limit(Resource resource, rlim_t most, rlim_t margin = 0) {
 void confine(uint64_t addressSpace) {
   limit(RLIMIT_CORE, 0);
   limit(RLIMIT_CPU, kProcessorSeconds, 1);
-  // The host may have left the signal that ends a long run ignored or blocked.
+  // The host may have ignored or blocked SIGXCPU, and the child inherits that.
   std::signal(SIGXCPU, SIG_DFL);
   sigset_t none;
   sigemptyset(&none);
@@ -50,7 +51,7 @@ void confine(uint64_t addressSpace) {
   unsetenv("HIVEX_DEBUG");
   if constexpr (!kSanitized) {
     limit(RLIMIT_AS, addressSpace);
-    // What a library says before it gives up is not for the user.
+    // Users must not see what a library prints before it aborts.
     const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
     dup2(nowhere, STDOUT_FILENO);
     dup2(nowhere, STDERR_FILENO);
@@ -79,7 +80,7 @@ bool send(int pipe, std::string_view text) {
   } catch (const std::exception& error) {
     text = error.what();
   }
-  // Neither the parent's buffers nor its objects are this process's to clean up.
+  // _exit() because the buffers and objects belong to the parent process.
   _exit(send(pipe, text) ? status : kUnsent);
 }
 
@@ -105,7 +106,7 @@ int statusOf(pid_t child) {
 }  // namespace
 
 std::string runConfined(uint64_t addressSpace, const std::function<std::string()>& job) {
-  // A host that ignores its children's ends has handed that down, and there would be no status to wait for.
+  // A host that ignores SIGCHLD passes that on to this process, and waitpid() would then return no status.
   std::signal(SIGCHLD, SIG_DFL);
   std::array<int, 2> ends = {};
   if (pipe(ends.data()) != 0) throw std::system_error(errno, std::generic_category(), "pipe");

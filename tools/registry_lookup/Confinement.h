@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Hives come from volumes that anybody may have written. The parser works in a process of its own, with limits, so that
-// the worst that a hive can do to it ends in a message.
+// Anybody may have written the volume that a hive comes from. The parser runs in a child process with limits, so that
+// a hostile hive causes an error message at worst.
 #pragma once
 
 #include <cstdint>
@@ -12,9 +12,10 @@ namespace vorlix::registry {
 
 /// Runs `job` in a child process and returns its text.
 ///
-/// The child has 10 seconds of processor time, and less if this process has; `addressSpace` bytes of addresses, but for
-/// builds with sanitizers; it leaves no core file, and what it prints is dropped.
-/// @throws Failure  when the job threw one, ran out of memory or time, or its process crashed.
+/// The child has 10 seconds of processor time, or less if this process has less, and `addressSpace` bytes of address
+/// space. It leaves no core file. Its output is discarded. A build with sanitizers neither limits the address space
+/// nor discards the output.
+/// @throws Failure  if the job throws an exception, runs out of memory or processor time, or crashes.
 std::string runConfined(uint64_t addressSpace, const std::function<std::string()>& job);
 
 }  // namespace vorlix::registry

@@ -5,7 +5,7 @@
 
 namespace vorlix::registry {
 
-/// Why a hive cannot be read, in words for the person who asked.
+/// A hive cannot be read; what() is the reason as users see it.
 class Failure : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

@@ -22,31 +22,32 @@ struct Free {
   void operator()(void* memory) const { std::free(memory); }
 };
 using Text = std::unique_ptr<char, Free>;
-using Places = std::unique_ptr<size_t, Free>;  // ends with a 0
+using Places = std::unique_ptr<size_t, Free>;  // handles of keys or values; a 0 ends the list
 
 struct Close {
   void operator()(hive_h* hive) const { hivex_close(hive); }
 };
 using Handle = std::unique_ptr<hive_h, Close>;
 
-// Ends the search after a call that failed, with what it was to read.
+// Ends the search after a call of hivex failed; `what` names what the call was to read.
 [[noreturn]] void damaged(const std::string& what) {
   if (errno == ENOMEM) throw std::bad_alloc();
-  if (errno == ERANGE) throw Failure(what + " are more than can be read");  // a bound of hivex's own
+  if (errno == ERANGE) throw Failure(what + " are more than can be read");  // hivex's own limit
   throw Failure("damaged hive: cannot read " + what);
 }
 
-// Names may hold any code unit of UTF-16. One that is no text has no UTF-8, so nobody can ask for it.
+// A name may hold any UTF-16 code units. If they are not valid UTF-16, the name has no UTF-8 form, and no caller can
+// ask for it.
 bool isNoText(int error) {
   return error == EILSEQ || error == EINVAL;
 }
 
-// Keys and values differ in the calls that name them.
+// hivex has separate functions for the names of keys and those of values.
 using NameOf = char*(hive_h*, size_t);
 using LengthOfName = size_t(hive_h*, size_t);
 
-// The place among several with that name; 0 for none. A name that cannot be read fails the search only if the one that
-// is looked for is not among the others.
+// Returns the handle of the key or value called `name`; 0 if none has that name. If a name cannot be read, the search
+// fails only if no other name matches.
 size_t placeNamed(hive_h* hive, const size_t* places, const std::string& name, NameOf* nameOf,
                   LengthOfName* lengthOfName) {
   const std::u32string wanted = upperCase(name);
@@ -77,7 +78,7 @@ size_t valueNamed(hive_h* hive, hive_node_h node, const std::string& name) {
   const Places values(hivex_node_values(hive, node));
   if (!values) damaged("the values beside \"" + name + "\"");
   for (const size_t* value = values.get(); *value != 0; ++value) {
-    // Asked for its type only to see that it is a value at all.
+    // The call fails if this is not a value; the type itself does not matter.
     if (hivex_value_type(hive, *value, nullptr, nullptr) != 0) damaged("the values beside \"" + name + "\"");
   }
   return placeNamed(hive, values.get(), name, hivex_value_key, hivex_value_key_len);
@@ -111,7 +112,7 @@ std::optional<RegistryValue> findValue(const std::string& hive, const std::strin
   const Text data(hivex_value_value(handle.get(), place, &type, &length));
   if (!data) damaged("the bytes of \"" + value + "\"");
   RegistryValue result = {0, {data.get(), length}};
-  // Copied, since a hive may hold numbers that the enumeration does not have.
+  // Copied bytewise because a hive may hold a type that the enumeration lacks.
   static_assert(sizeof(type) == sizeof(result.type));
   std::memcpy(&result.type, &type, sizeof(type));
   return result;

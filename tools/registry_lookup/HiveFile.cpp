@@ -16,19 +16,19 @@
 namespace vorlix::registry {
 namespace {
 
-// The base block, as the Windows registry file format specification (Suhanov) has it: "regf" at 0, the size of all bins
-// at 40; the bins follow. A hive is a base block and one bin at least.
+// The base block, after the Windows registry file format specification (Suhanov): "regf" at offset 0, the size of all
+// bins at offset 40. The bins follow the base block. A hive has a base block and at least one bin.
 constexpr uint64_t kBaseBlockSize = 4096;
 constexpr uint64_t kSmallestBin = 4096;
 constexpr std::string_view kSignature = "regf";
 constexpr size_t kBinsSizeOffset = 40;
 
-// Places in a hive are numbers of 32 bits, counted from the end of the base block.
+// Offsets within a hive have 32 bits and count from the end of the base block.
 constexpr uint64_t kLargestHive = kBaseBlockSize + UINT32_MAX;
 
 class Descriptor {
  public:
-  // A FIFO does not wait for its writer.
+  // O_NONBLOCK: opening a FIFO does not wait for a writer.
   explicit Descriptor(const std::string& path) : number_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
   ~Descriptor() {
     if (number_ >= 0) close(number_);
@@ -63,7 +63,8 @@ uint64_t checkedHiveSize(const std::string& path) {
   const auto size = static_cast<uint64_t>(status.st_size);
   const uint64_t whole = kBaseBlockSize + std::max<uint64_t>(littleEndian32(&header[kBinsSizeOffset]), kSmallestBin);
   if (size < whole) {
-    throw Failure("truncated hive: " + std::to_string(size) + " of " + std::to_string(whole) + " bytes are there");
+    throw Failure("truncated hive: " + std::to_string(size) + " bytes, but its header requires " +
+                  std::to_string(whole));
   }
   if (size > kLargestHive) throw Failure("larger than a registry hive can be");
   return size;

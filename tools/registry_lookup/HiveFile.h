@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What can be said of a hive before its cells are looked at.
+// Checks on a hive's file before its cells are parsed.
 #pragma once
 
 #include <cstdint>
@@ -8,9 +8,9 @@
 
 namespace vorlix::registry {
 
-/// Size in bytes of a file that may hold a whole hive: regular, readable, with the signature of one, and not shorter
-/// than its header says. Nothing is written.
-/// @throws Failure  naming the reason.
+/// Returns the size in bytes of a hive's file. Opens the file for reading only.
+/// @throws Failure  if the file is not regular, is unreadable, lacks the signature of a hive, is shorter than its
+/// header claims, or is larger than a hive can be.
 uint64_t checkedHiveSize(const std::string& path);
 
 }  // namespace vorlix::registry

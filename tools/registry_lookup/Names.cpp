@@ -7,7 +7,7 @@
 namespace vorlix::registry {
 namespace {
 
-// The first character of well-formed UTF-8, which is taken off.
+// Removes the first character of well-formed UTF-8 from `text` and returns it.
 char32_t takeCharacter(std::string_view& text) {
   const auto lead = static_cast<unsigned char>(text[0]);
   const size_t size = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
@@ -31,7 +31,7 @@ std::u32string upperCase(std::string_view name) {
     const char32_t character = takeCharacter(name);
     char32_t capital = character;
     if (character <= 0xFFFF) capital = static_cast<char32_t>(std::towupper(static_cast<wint_t>(character)));
-    // The dotless i and the long s are letters of their own to the registry.
+    // towupper() turns the dotless i and the long s into ASCII letters; the registry does not.
     upper += character >= 0x80 && capital < 0x80 ? character : capital;
   }
   return upper;

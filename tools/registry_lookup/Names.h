@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Names of keys and values, which the registry compares without regard to case.
+// Names of keys and values. The registry compares them without regard to case.
 #pragma once
 
 #include <string>
@@ -8,11 +8,12 @@
 
 namespace vorlix::registry {
 
-/// Lets upperCase() know the letters of all scripts, whatever the user's locale is. Changes the process's LC_CTYPE.
+/// Makes upperCase() handle the letters of all scripts in any user's locale. Changes the process's LC_CTYPE.
 void useUnicodeLetters();
 
-/// A well-formed UTF-8 name with each character of the Basic Multilingual Plane in upper case, one for one, as the
-/// registry does it. Two names are equal if this is.
+/// Returns a name in upper case. As in the registry, each character of the Basic Multilingual Plane becomes one
+/// character; others stay. Two names are equal if their upper-case forms are equal.
+/// @param name  well-formed UTF-8
 std::u32string upperCase(std::string_view name);
 
 }  // namespace vorlix::registry

@@ -7,7 +7,7 @@
 namespace vorlix::registry {
 namespace {
 
-// Types of values, as winnt.h numbers them.
+// Types of values, with the numbers of winnt.h.
 enum ValueType : uint32_t {
   kString = 1,
   kExpandString = 2,
@@ -23,7 +23,7 @@ uint8_t byteAt(std::string_view data, size_t place) {
   return static_cast<uint8_t>(data[place]);
 }
 
-// Code units of little-endian UTF-16; half a unit at the end is none that forms a character.
+// Decodes little-endian UTF-16. An odd byte at the end becomes U+FFFD.
 std::u16string codeUnits(std::string_view data) {
   std::u16string units;
   units.reserve(data.size() / 2 + 1);

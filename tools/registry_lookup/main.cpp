@@ -19,22 +19,22 @@ namespace {
 
 enum ExitStatus : int { kDone = 0, kError = 2 };
 
-// Addresses that a lookup may take beyond those of the hive itself, which is mapped whole.
+// Address space that a lookup may use beyond the hive itself, which hivex maps whole.
 constexpr uint64_t kWorkingMemory = uint64_t{512} << 20;
 
 constexpr const char* kUsage = "Usage: registry_lookup HIVE KEY VALUE\n";
 constexpr const char* kHelp =
     "Prints one value of a Windows registry hive as text.\n"
     "\n"
-    "  HIVE   the hive's file, such as Windows/System32/config/SOFTWARE; it is never written to\n"
+    "  HIVE   the hive's file, such as Windows/System32/config/SOFTWARE; opened for reading only\n"
     "  KEY    names of keys below the root, with \"/\" between them; \"\" for the root\n"
     "  VALUE  the value's name; \"\" for the default value\n"
     "\n"
-    "Upper and lower case are the same in names. A value that is not there prints nothing.\n"
-    "Exit status: 0 printed or not there, 2 error.\n";
+    "Names are compared without regard to case. If the key or value does not exist, nothing is printed.\n"
+    "Exit status: 0 success, also if the value does not exist; 2 error.\n";
 
-// Whether both standard streams are one pipe or file. Its reader cannot tell a message from the value; a person at a
-// terminal can.
+// Returns whether standard output and standard error are the same pipe or file. A program that reads it could take a
+// message for the value; a person at a terminal does not.
 bool outputTakesMessages() {
   struct stat output = {};
   struct stat messages = {};

@@ -33,7 +33,7 @@ SessionAndDisk openDisk(const std::string& device) {
   return result;
 }
 
-// Starts a request and runs the thread's loop until it was answered.
+// Starts a request and runs the thread's run loop until disk arbitration has replied.
 template <typename Start>
 std::optional<Dissenter> waitFor(const std::string& device, Start start) {
   constexpr std::chrono::milliseconds kStep{100};

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the commands ask disk arbitration for directly: names, mount points, and the reason of a refusal, which the flat
-// functions only turn into a number.
+// Direct requests of the commands to disk arbitration: names, mount points, and the reason for a refusal, which the
+// library's flat functions reduce to a number.
 #pragma once
 
 #include <Vorlix/platform/DiskArbitration.h>
@@ -12,34 +12,34 @@
 
 namespace vorlix::tool {
 
-/// The device's own name as disk arbitration knows it, which every look-up takes: "sda3", or the absolute path of an
-/// image file and its slice. Throws Failure for an unknown device.
+/// Returns the name under which disk arbitration knows a device: "sda3", or the absolute path of an image file or of
+/// its slice. Every look-up accepts that name. Throws Failure for an unknown device.
 std::string bsdNameOf(const std::string& device);
 
-/// The name of the whole disk that a device is a slice of, or its own if it is whole. Throws Failure for an unknown
-/// one.
+/// Returns the name of the whole disk that a device is a slice of, or the device's name if it is a whole disk. Throws
+/// Failure for an unknown device.
 std::string wholeDiskNameOf(const std::string& device);
 
-/// The name of slice `number` of a disk. Throws Failure where that name is something else's: a path that exists is
-/// taken as it is, and what was not asked for must not be written to.
+/// Returns the name of slice `number` of a disk. Throws Failure if that name belongs to another file or device: a
+/// look-up prefers an existing path to a slice, and a command must not write to what the user did not name.
 std::string sliceNameOf(const std::string& disk, uint32_t number);
 
-/// What the medium holds: the sort of partition table of a whole disk ("GUID_partition_scheme",
-/// "FDisk_partition_scheme"), the partition type of a slice. Empty where it is not known.
+/// Returns the content of a medium: for a whole disk the kind of partition table ("GUID_partition_scheme",
+/// "FDisk_partition_scheme"), for a slice the partition type. Empty if unknown.
 std::string mediaContentOf(const std::string& device);
 
-/// Where the device's volume is mounted.
+/// Returns the folder where the device's volume is mounted; absent if it is not mounted.
 std::optional<std::string> mountPointOf(const std::string& device);
 
-/// The folder that a person means by a volume: itself, or where that device's volume is mounted. Throws Failure, which
-/// says `state`, if it is neither.
+/// Returns the folder of a volume that the user named by that folder or by a device whose volume is mounted. Otherwise
+/// throws Failure with `state`.
 std::string folderOfVolume(const std::string& volume, const std::optional<std::string>& state = std::nullopt);
 
-/// Mounts or unmounts and waits. @return why it was refused; absent for success.
+/// Mounts or unmounts a volume and waits for the reply. @return the reason for a refusal; absent for success.
 std::optional<Dissenter> tryMount(const std::string& device, bool readWrite);
 std::optional<Dissenter> tryUnmount(const std::string& device);
 
-/// A dissenter in words: the system's own, else what its code means.
+/// Returns a dissenter's reason: the system's text, or if there is none, the meaning of the status.
 std::string reasonText(const Dissenter& dissenter);
 
 }  // namespace vorlix::tool

@@ -108,17 +108,17 @@ struct ArchiveOptions {
 }  // namespace
 
 void addArchiveCommand(CLI::App& app, int& status) {
-  CLI::App* const archive = app.add_subcommand("archive", "Look into archives of volume and disk records");
+  CLI::App* const archive = app.add_subcommand("archive", "Inspect archives of volume and disk records");
   archive->require_subcommand(1);
   const auto options = std::make_shared<ArchiveOptions>();
   CLI::App* const show = archive->add_subcommand("show", "Show the record that an archive holds");
   show->add_option("FILE", options->file, "The archive")->required();
   show->add_flag("--json", options->json, "Print JSON (schema version 1)");
   show->footer(
-      "An archive is the property list, binary or in XML, that QDVolume and QDDiskInfo records are handed on in. Of a\n"
-      "hostile one nothing is taken but these records' own fields. Passwords are never shown: records do not take them "
-      "back.\n"
-      "Exit status: 0 shown, 2 error.");
+      "An archive is a property list, binary or XML, in which programs exchange QDVolume and QDDiskInfo records.\n"
+      "Only the fields of these records are read, even from a hostile archive. Passwords are never shown, because\n"
+      "reading an archive skips them.\n"
+      "Exit status: 0 success, 2 error.");
   show->callback([options, &status] {
     showArchive(options->file, options->json);
     status = kDone;

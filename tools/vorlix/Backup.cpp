@@ -58,7 +58,7 @@ void syncFolder(const std::string& folder) {
   sync(opened.get(), folder);
 }
 
-// A file under a name that means nothing, until it is whole.
+// A complete, synced file under a temporary name, until takeName() gives it the final one.
 class UnfinishedFile {
  public:
   UnfinishedFile(const std::string& folder, std::span<const uint8_t> bytes)
@@ -77,7 +77,8 @@ class UnfinishedFile {
   UnfinishedFile(const UnfinishedFile&) = delete;
   UnfinishedFile& operator=(const UnfinishedFile&) = delete;
 
-  // False where something has that name. A file system without links (FAT) renames, which is as whole.
+  // Returns false if the name is taken. Falls back to a rename, which is as atomic, on a file system without hard links
+  // (FAT).
   bool takeName(const std::string& name) const {
     if (link(path_.c_str(), name.c_str()) == 0) return true;
     if (errno == EEXIST) return false;
@@ -104,7 +105,7 @@ bool holds(const std::string& path, std::span<const uint8_t> bytes) {
     if (step <= 0) return false;
     done += static_cast<size_t>(step);
   }
-  // It may be from a run that was cut off before its own sync.
+  // The file may come from a run that was interrupted before its sync.
   return std::equal(content.begin(), content.end(), bytes.begin()) && fsync(file.get()) == 0;
 }
 
@@ -132,7 +133,7 @@ std::string saveNamed(const std::string& folder, const std::string& name, std::s
     syncFolder(folder);
     return path;
   }
-  throw Failure(fs::path(folder) / name, "there are too many of that name");
+  throw Failure(fs::path(folder) / name, "too many files of that name");
 }
 
 std::string backupNameOf(const std::string& device) {

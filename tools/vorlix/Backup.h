@@ -7,20 +7,20 @@
 
 namespace vorlix::tool {
 
-/// Saves bytes of a device in `folder` under a name that tells what they are of: the file name of the device, eight
-/// digits of the SHA-256 of its own name (of a file: its absolute path), and the byte offset, as in
+/// Saves bytes of a device in a file in `folder`. The file's name consists of the device's file name, eight digits of
+/// the SHA-256 of the device's full name (for an image file its absolute path), and the byte offset, as in
 /// `mac.img-1f3a5c7e-0.bin`. @return the file's path.
 ///
-/// The folder is made if it is missing. The file is on the medium, whole, before the call returns; until then it has
-/// another name. A file of that name with the same bytes is taken as it is; one with other bytes is left alone, and the
-/// new one gets a number: `mac.img-1f3a5c7e-0.2.bin`. Nobody but the user can read it. Throws Failure.
+/// Creates the folder if it is missing. The file is complete and synced before it gets its name and before the call
+/// returns. If a file of that name has the same bytes, it is kept and returned. If it has other bytes, it is kept, and
+/// the new file gets a number: `mac.img-1f3a5c7e-0.2.bin`. Only the user can read the new file. Throws Failure.
 std::string saveBytes(const std::string& folder, const std::string& device, uint64_t offset,
                       std::span<const uint8_t> bytes);
 
-/// The same under a name of its own.
+/// Does the same with the given file name.
 std::string saveNamed(const std::string& folder, const std::string& name, std::span<const uint8_t> bytes);
 
-/// The part of such a name that tells devices apart: `mac.img-1f3a5c7e`.
+/// Returns the part of such a file name that identifies the device: `mac.img-1f3a5c7e`.
 std::string backupNameOf(const std::string& device);
 
 }  // namespace vorlix::tool

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The commands. Each adds itself to the command line and, when it is the one chosen, leaves its exit status in `status`
-// or throws Failure.
+// The commands. Each function adds one command to the command line. When the user runs that command, its callback sets
+// `status` to the exit status or throws Failure.
 #pragma once
 
 #include <CLI/App.hpp>

@@ -5,8 +5,8 @@
 
 namespace vorlix::tool {
 
-/// Says on standard error what is wrong, after the program's name. What was printed before is seen before it. Control
-/// characters, which a file name or a label may hold, become "?".
+/// Prints an error or a warning on standard error, after the program's name. Flushes standard output first, so that
+/// earlier output appears first. Control characters, which a file name or a label may hold, become "?".
 void complain(const std::string& text);
 
 }  // namespace vorlix::tool

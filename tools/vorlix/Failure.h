@@ -12,9 +12,9 @@ namespace vorlix::tool {
 /// Exit statuses of every command.
 enum ExitStatus : int { kDone = 0, kChangeNeeded = 1, kError = 2 };
 
-/// Ends a command with kError. The text names the file or device and the reason; `state` says what was written, or how
-/// else things stand now. Without a state, a command that only looks says no more, since nobody would expect it to have
-/// written; of any other it is said that nothing was.
+/// Ends a command with kError. The message names the file or device and the reason. `state` describes what the command
+/// wrote or the resulting state. Without a state, the message of a command that can write says that nothing was
+/// written; that of a read-only command says no more.
 class Failure : public std::runtime_error {
  public:
   Failure(const std::string& subject, const std::string& reason, std::optional<std::string> state = std::nullopt)
@@ -22,7 +22,7 @@ class Failure : public std::runtime_error {
 
   static Failure ofErrno(const std::string& subject, int error) { return {subject, std::strerror(error)}; }
 
-  /// What is told of it; `unwritten` is the state of a command that has written nothing.
+  /// Returns the message. `unwritten` is the state of a command that wrote nothing.
   std::string text(bool onlyLooks, const std::string& unwritten) const {
     if (!state_ && onlyLooks) return what();
     return what() + ("; " + state_.value_or(unwritten));

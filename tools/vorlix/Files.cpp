@@ -33,7 +33,7 @@ std::string rowText(const ByteVector& bytes, size_t offset) {
 }  // namespace
 
 ByteVector readFile(const std::string& path, size_t limit) {
-  // Not blocking, in case it is a pipe.
+  // O_NONBLOCK: opening a FIFO does not wait for a writer.
   const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!file) throw Failure::ofErrno(path, errno);
   return readWhole(file.get(), path, limit);
@@ -45,10 +45,10 @@ ByteVector readWhole(int descriptor, const std::string& path, size_t limit) {
   if (!S_ISREG(status.st_mode)) throw Failure(path, "not a regular file");
   ByteVector bytes;
   size_t done = 0;
-  // Until its end, whatever size it says: it may grow or shrink meanwhile.
+  // Reads to the end of the file, because its size may change meanwhile.
   for (;;) {
     if (done > limit || static_cast<uint64_t>(status.st_size) > limit) {
-      throw Failure(path, "larger than the " + sizeText(limit) + " that are read");
+      throw Failure(path, "larger than the limit of " + sizeText(limit));
     }
     bytes.resize(std::max(done + kReadBlock, static_cast<size_t>(status.st_size) + 1));
     const ssize_t got = read(descriptor, bytes.data() + done, bytes.size() - done);

@@ -12,24 +12,23 @@ namespace vorlix::tool {
 
 using ByteVector = std::vector<uint8_t>;
 
-/// The whole of a regular file of at most `limit` bytes. Throws Failure.
+/// Reads the whole of a regular file of at most `limit` bytes. Throws Failure.
 ByteVector readFile(const std::string& path, size_t limit);
 
-/// The same of an open file; `path` is its name in messages.
+/// Does the same with an open file; `path` is its name in messages.
 ByteVector readWhole(int descriptor, const std::string& path, size_t limit);
 
-/// Writes the whole content of an empty file, brings it to the medium and compares what is read back. Throws Failure,
-/// which says `state`.
+/// Writes the whole content of an empty file, syncs it, reads it back and compares. Throws Failure with `state`.
 void writeAndReadBack(int descriptor, const std::string& path, const ByteVector& bytes, const std::string& state);
 
-/// Exactly `count` bytes of a device at `offset`. Throws Failure.
+/// Reads exactly `count` bytes of a device at byte `offset`. Throws Failure.
 ByteVector readDevice(const std::string& device, uint64_t offset, size_t count);
 
-/// The same through an open device; `device` is its name in messages.
+/// Does the same with an open device; `device` is its name in messages.
 ByteVector readDevice(DeviceHandle& handle, const std::string& device, uint64_t offset, size_t count);
 
-/// Rows of 16 bytes that differ between two texts of bytes of one length, old above new. `base` is added to the
-/// offsets.
+/// Returns a hexadecimal dump of the rows of 16 bytes that differ between two byte vectors of the same length, the old
+/// row above the new one. `base` is added to the offsets.
 std::string differenceText(const ByteVector& before, const ByteVector& after, uint64_t base);
 
 }  // namespace vorlix::tool

@@ -36,8 +36,8 @@ constexpr std::chrono::milliseconds kStep{100};
 constexpr const char* kUntouched = "nothing was run";
 constexpr const char* kSystemUnzip = "/usr/bin/unzip";
 
-// What this program ships as a host of the library: what its bundle has, and where that is no unzip, the system's at a
-// fixed path, as the library has gunzip.
+// This program's resources as a host of the library: those of its bundle, and if the bundle has no unzip, the system's
+// unzip at a fixed path. The library itself runs gunzip at a fixed path.
 class ToolBundle final : public HostBundle {
  public:
   explicit ToolBundle(std::shared_ptr<HostBundle> bundle) : bundle_(std::move(bundle)) {}
@@ -55,7 +55,7 @@ class ToolBundle final : public HostBundle {
   std::shared_ptr<HostBundle> bundle_;
 };
 
-// A bar that moves while something of unknown length goes on, on a terminal only.
+// Shows that work of unknown length is in progress: a moving bar, on a terminal only.
 class ActivityBar {
  public:
   ActivityBar() : shown_(isatty(STDERR_FILENO) == 1), start_(std::chrono::steady_clock::now()) {}
@@ -92,48 +92,47 @@ void requireReadableFile(const std::string& file) {
   if (!std::ifstream(file)) throw Failure(file, std::strerror(errno), kUntouched);
 }
 
-// The library hands paths to a shell between double quotes, within which these keep a meaning: what such a name says
-// would be run.
+// The library passes paths to a shell in double quotes, where these characters keep their meaning. A file name could
+// contain a command, and the shell would run it.
 void requireHarmlessToTheShell(const std::string& path) {
   if (path.find_first_of("\"$`\\") == std::string::npos) return;
-  throw Failure(path,
-                "cannot be measured under a path that holds \", $, ` or \\, which the shell would not take as it is",
+  throw Failure(path, "cannot be measured: the path contains \", $, ` or \\, which the shell would interpret",
                 kUntouched);
 }
 
-// unzip takes the archive's name, but not that of its folder, for a pattern and unpacks every file that matches.
+// unzip treats the archive's file name, but not its folder, as a pattern and unpacks every file that matches.
 void requireNoPattern(const std::string& file) {
   if (std::filesystem::path(file).filename().string().find_first_of("*?[") == std::string::npos) return;
-  throw Failure(file, "cannot be measured under a name that holds *, ? or [, which unzip takes for a pattern",
-                kUntouched);
+  throw Failure(file, "cannot be measured: the name contains *, ? or [, which unzip treats as a pattern", kUntouched);
 }
 
 std::string requiredUnzip() {
   const auto unzip = platform().hostBundle->pathForResource("unzip", "", "");
   if (!unzip) {
-    throw Failure("unzip", "needed for .zip images, but neither among the resources of vorlix nor in /usr/bin",
+    throw Failure("unzip", "needed for .zip images, but found neither in vorlix's resources nor in /usr/bin",
                   kUntouched);
   }
   requireHarmlessToTheShell(*unzip);
   return *unzip;
 }
 
-// unzip asks the terminal for a password, in words that the library takes as its output, so that nobody sees why it
-// waits. Its list of an archive has a line for each member, in which the kind of an encrypted one is a capital letter.
+// For an encrypted member, unzip prompts for a password. The library captures the prompt as output, so the user would
+// not see why the program waits. unzip's list of an archive has one line per member; its type is a capital letter (B or
+// T) if the member is encrypted.
 void requireNoPassword(const std::string& unzip, const std::string& file) {
   const std::string command = "\"" + unzip + "\" -Z \"" + file + "\" 2>/dev/null";
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> list(popen(command.c_str(), "r"), pclose);
   if (!list) throw Failure(unzip, std::strerror(errno), kUntouched);
-  constexpr size_t kLine = 1024;  // a longer line is that of a member whose name is long, and goes on as no other's
+  constexpr size_t kLine = 1024;  // only a long member name makes a line longer; the type is in the line's first part
   std::array<char, kLine> line;
   const std::regex encrypted("^\\S+ +\\S+ \\S+ +[0-9]+ [BT]");
   while (std::fgets(line.data(), kLine, list.get()) != nullptr) {
     if (!std::regex_search(line.data(), encrypted)) continue;
-    throw Failure(file, "encrypted, and so cannot be unpacked without its password", kUntouched);
+    throw Failure(file, "encrypted; cannot be unpacked without its password", kUntouched);
   }
 }
 
-// A name that starts with a dash would be an option to the programs that unpack.
+// Protects a name that starts with a dash, which gunzip and unzip would take for an option.
 std::string unmistakable(const std::string& file) {
   return file.starts_with('-') ? "./" + file : file;
 }
@@ -181,10 +180,10 @@ void measureImage(const std::string& file) {
   const std::string count = volume->totalSize().value_or("");
   constexpr int kDecimal = 10;
   const long long size = std::strtoll(count.c_str(), nullptr, kDecimal);
-  // What the unpacking programs complain of only reaches the log; the count is of what came before.
+  // Error messages of the unpacking program only reach the log; the size is that of the bytes unpacked so far.
   if (log.text() != count + "\n") {
     log.print();
-    throw Failure(file, "was not unpacked without complaint", std::to_string(size) + " bytes came out of it");
+    throw Failure(file, "unpacking reported errors", std::to_string(size) + " bytes were unpacked");
   }
   std::printf("%s\n", sizeInWords(size).c_str());
 }
@@ -194,12 +193,12 @@ void measureImage(const std::string& file) {
 void addImageSizeCommand(CLI::App& app, int& status) {
   const auto file = std::make_shared<std::string>();
   CLI::App* const size = app.add_subcommand("image-size", "Measure the unpacked size of a .gz or .zip disk image");
-  size->add_option("FILE", *file, "The image, its name ending in .gz or .zip")->required();
+  size->add_option("FILE", *file, "The image; its name must end in .gz or .zip")->required();
   size->footer(
-      "The image is unpacked into nothing, by gunzip or by the unzip among vorlix's resources or in\n"
-      "/usr/bin, and nothing is written.\n"
-      "On a terminal a bar moves meanwhile. Paths that a shell would not take as they are, are refused.\n"
-      "Exit status: 0 measured, 2 error or a complaint of the unpacking program, which is shown.\n"
+      "The image is unpacked by gunzip, or by unzip from vorlix's resources or from /usr/bin. The unpacked bytes are\n"
+      "counted and not written anywhere. On a terminal, a moving bar shows the activity.\n"
+      "Paths that contain \", $, ` or \\, and names of .zip images that contain *, ? or [, are refused.\n"
+      "Exit status: 0 success; 2 error, also if the unpacking program reports one, which is shown.\n"
       "The library's log is /tmp/quandrel.log.");
   size->callback([file, &status] {
     measureImage(*file);

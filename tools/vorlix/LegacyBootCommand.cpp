@@ -27,8 +27,8 @@ struct LegacyBootOptions {
   bool dryRun = false;
 };
 
-// Windows takes all spellings of a name for one. On a volume of which that is not known, "boot" would be put beside
-// "Boot", and Windows would see only one of the two.
+// Windows ignores case in names. On a volume that is not known to ignore case, the set-up would create "boot" beside an
+// existing "Boot", and Windows would see only one of the two.
 void requireOneSpelling(const std::string& folder) {
   std::error_code error;
   for (const std::string copied : {"boot", "bootmgr"}) {
@@ -36,12 +36,14 @@ void requireOneSpelling(const std::string& folder) {
     for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
       const std::string name = entry.path().filename();
       if (lowerCase(name) != copied) continue;
-      throw Failure(folder, "holds " + printable(name) + ", which Windows takes for " + copied, kNothingCopied);
+      throw Failure(folder, "contains " + printable(name) + ", which is the same name as " + copied + " to Windows",
+                    kNothingCopied);
     }
   }
 }
 
-// The folder that says that a volume is set up. Any spelling of it is that on a volume of Windows' own.
+// Returns the folder whose presence shows that the volume is already set up, in the spelling that the volume has. On a
+// volume that ignores case, any spelling counts.
 std::optional<std::string> bootFolderOf(const VolumeFolder& root, bool caseBlind) {
   const std::optional<std::string> found = root.find("BOOT");
   if (found || caseBlind) return found;
@@ -49,7 +51,7 @@ std::optional<std::string> bootFolderOf(const VolumeFolder& root, bool caseBlind
   return std::nullopt;
 }
 
-// @return whether anything was, or in a dry run would be, copied.
+// Returns whether anything was copied, or in a dry run would be copied.
 bool setUp(const LegacyBootOptions& options) {
   std::error_code error;
   const std::string path = std::filesystem::canonical(folderOfVolume(options.volume), error).string();
@@ -58,13 +60,13 @@ bool setUp(const LegacyBootOptions& options) {
   if (!std::filesystem::is_regular_file(store)) {
     const bool isMissing = store.type() == std::filesystem::file_type::not_found;
     throw Failure(options.store, (error && !isMissing ? error.message() + "; " : "") +
-                                     "not a file; --bcd names the boot configuration store for legacy start");
+                                     "not a file; --bcd must name the boot configuration store for legacy start");
   }
   const bool caseBlind = isCaseBlindMount(path);
   const VolumeFolder root(path, caseBlind);
   if (!options.dryRun) removeLegacyBootLeftovers(root);
   if (const auto boot = bootFolderOf(root, caseBlind)) {
-    std::printf("%s is set up already (%s exists); nothing was copied\n", printable(path).c_str(),
+    std::printf("%s is already set up (%s exists); nothing was copied\n", printable(path).c_str(),
                 printable(*boot).c_str());
     return false;
   }
@@ -86,7 +88,7 @@ bool setUp(const LegacyBootOptions& options) {
 void addLegacyBootCommand(CLI::App& app, int& status) {
   const auto options = std::make_shared<LegacyBootOptions>();
   CLI::App* const command =
-      app.add_subcommand("legacy-boot", "Lay out the files that Windows needs on a volume for legacy start");
+      app.add_subcommand("legacy-boot", "Copy the files that a legacy start of Windows needs into place on its volume");
   command->add_option("VOLUME", options->volume, "Folder where the volume is mounted, or its device")->required();
   command->add_option("--bcd", options->store, "Boot configuration store to copy to boot/BCD")->required();
   command->add_flag("--dry-run", options->dryRun, "Show what would be copied; copy nothing");

@@ -28,11 +28,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kAside = "vorlix-legacy-boot.new";
+constexpr const char* kTemporary = "vorlix-legacy-boot.new";
 constexpr const char* kBoot = "boot";
 constexpr const char* kNothingCopied = "nothing was copied";
 
-// One row of the layout, looked up on the volume.
+// One item of the layout and what the volume has of it.
 struct Row {
   std::string source;
   std::optional<struct stat> status;  // of the source
@@ -45,7 +45,7 @@ void requireNoLink(const std::string& path, const struct stat& status) {
   if (!isPlain) throw Failure(path, kindText(status.st_mode) + ", neither a file nor a folder", kNothingCopied);
 }
 
-// A source below folders of the volume, any of which may be missing.
+// Looks up a source by the names on its path. Any folder on the path may be missing.
 void findSource(const VolumeFolder& folder, const std::vector<std::string>& names, size_t depth, Row& row) {
   const std::optional<std::string> spelled = folder.find(names[depth]);
   row.source = folder.pathOf(spelled.value_or(names[depth]));
@@ -70,8 +70,8 @@ void findDestination(const VolumeFolder& folder, const std::string& name, Row& r
   if (const auto status = spelled ? folder.statusOf(*spelled) : std::nullopt) requireNoLink(row.destination, *status);
 }
 
-// The rows in the order of copying. A destination in a folder "boot" that is still to come is told by the source of
-// that folder, which may hold it.
+// Returns the rows in the order of copying. If the folder "boot" does not exist yet, it will be a copy of PCAT. A
+// destination in it then counts as existing if PCAT contains it.
 std::vector<Row> lookUp(const VolumeFolder& root, const std::string& store) {
   std::vector<Row> rows(4);
   findSource(root, {"Windows", "Boot", "PCAT"}, 0, rows[0]);
@@ -98,21 +98,21 @@ std::vector<Row> lookUp(const VolumeFolder& root, const std::string& store) {
   return rows;
 }
 
-// Removes the folder aside with all that is in it at the end of a set-up, however it ends.
-class FolderAside {
+// The temporary folder of a set-up. The destructor removes it with its content, also after a failure.
+class TemporaryFolder {
  public:
-  explicit FolderAside(const VolumeFolder& root) : path_(root.pathOf(kAside)) {
+  explicit TemporaryFolder(const VolumeFolder& root) : path_(root.pathOf(kTemporary)) {
     if (mkdir(path_.c_str(), 0700) != 0) throw Failure(path_, std::strerror(errno), kNothingCopied);
     folder_ = Descriptor(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!folder_ || flock(folder_.get(), LOCK_EX | LOCK_NB) != 0) throw Failure(path_, std::strerror(errno));
   }
-  ~FolderAside() {
+  ~TemporaryFolder() {
     std::error_code error;
     fs::remove_all(path_, error);
     if (error) complain(path_ + ": cannot be removed: " + error.message() + "; the next run tries again");
   }
-  FolderAside(const FolderAside&) = delete;
-  FolderAside& operator=(const FolderAside&) = delete;
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
   const std::string& path() const { return path_; }
 
@@ -128,7 +128,7 @@ void syncItem(const fs::path& path, bool isFolder) {
   }
 }
 
-// Links are left alone: they are brought to the medium with the folder that they stand in.
+// Syncs a file, or a folder with all that is in it. Skips links: syncing their folder syncs them.
 void syncTree(const fs::path& path) {
   std::error_code error;
   const fs::file_status status = fs::symlink_status(path, error);
@@ -150,7 +150,7 @@ bool isBelow(const std::string& path, const std::string& folder) {
 LegacyBootPlan planLegacyBoot(const VolumeFolder& root, const std::string& store) {
   LegacyBootPlan plan;
   plan.root = root.path();
-  // Not set anew for each row: a missing source is optional after a folder and required after a file.
+  // Keeps its value across rows: a missing source is optional after a folder and required after a file.
   bool isFolder = false;
   for (const Row& row : lookUp(root, store)) {
     if (row.status) isFolder = S_ISDIR(row.status->st_mode);
@@ -161,8 +161,8 @@ LegacyBootPlan planLegacyBoot(const VolumeFolder& root, const std::string& store
     if (row.isThere) continue;
     if (!row.status) throw Failure(row.source, std::strerror(ENOENT), kNothingCopied);
     if (row.destination.empty()) {
-      throw Failure(plan.items.front().source, "is a file; the folder " + std::string(kBoot) + " is made from it",
-                    kNothingCopied);
+      throw Failure(plan.items.front().source,
+                    "is a file, but must be a folder, which is copied to " + std::string(kBoot), kNothingCopied);
     }
     plan.items.push_back({row.source, row.destination});
   }
@@ -170,39 +170,39 @@ LegacyBootPlan planLegacyBoot(const VolumeFolder& root, const std::string& store
 }
 
 void copyLegacyBootFiles(const VolumeFolder& root, const LegacyBootPlan& plan) {
-  const FolderAside aside(root);
+  const TemporaryFolder temporary(root);
   const std::string boot = root.pathOf(kBoot);
   const bool isBootNew = !plan.items.empty() && plan.items.front().destination == boot;
-  std::vector<LegacyBootItem> moves;  // from the folder aside into place
+  std::vector<LegacyBootItem> moves;  // from the temporary folder into place
   for (const LegacyBootItem& item : plan.items) {
     const bool isPart = isBootNew && isBelow(item.destination, boot);
     const std::string copy =
-        aside.path() + (isPart ? "/boot" : "") + "/" + fs::path(item.destination).filename().string();
+        temporary.path() + (isPart ? "/boot" : "") + "/" + fs::path(item.destination).filename().string();
     if (const auto reason = platform().fileCopy->copyItem(item.source, copy)) {
       throw Failure(item.destination, "cannot be copied: " + *reason, kNothingCopied);
     }
     if (!isPart) moves.push_back({copy, item.destination});
   }
-  syncTree(aside.path());
+  syncTree(temporary.path());
   std::stable_partition(moves.begin(), moves.end(),
                         [&](const LegacyBootItem& move) { return move.destination != boot; });
   std::string state = kNothingCopied;
   for (const LegacyBootItem& move : moves) {
     if (takeFreeName(move.source, move.destination) != 0) throw Failure(move.destination, std::strerror(errno), state);
-    state = "a part is in place, a second run does the rest";
+    state = "some of the files are in place; run the command again to copy the rest";
     const Descriptor parent(
         open(fs::path(move.destination).parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!parent || syncFolder(parent.get()) != 0) throw Failure(move.destination, std::strerror(errno), state);
   }
   if (platform().filesInPlace->syncFileSystem(root.descriptor()) != 0) {
-    throw Failure(root.path(), std::strerror(errno), "all is in place, but may not be on the medium");
+    throw Failure(root.path(), std::strerror(errno), "all files are in place, but may be lost on a power failure");
   }
 }
 
 void removeLegacyBootLeftovers(const VolumeFolder& root) {
-  const std::optional<struct stat> status = root.statusOf(kAside);
+  const std::optional<struct stat> status = root.statusOf(kTemporary);
   if (!status) return;
-  const std::string path = root.pathOf(kAside);
+  const std::string path = root.pathOf(kTemporary);
   if (S_ISDIR(status->st_mode)) {
     const Descriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!folder) throw Failure(path, std::strerror(errno), kNothingCopied);
@@ -211,7 +211,7 @@ void removeLegacyBootLeftovers(const VolumeFolder& root) {
     }
   }
   std::error_code error;
-  fs::remove_all(path, error);  // of a link only the link
+  fs::remove_all(path, error);  // if it is a link, removes the link only
   if (error) throw Failure(path, error.message(), kNothingCopied);
 }
 

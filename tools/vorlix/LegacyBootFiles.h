@@ -8,29 +8,29 @@
 
 namespace vorlix::tool {
 
-/// A file or folder of legacy start that a volume lacks. Paths are absolute.
+/// A file or folder that a legacy start needs and the volume lacks. Paths are absolute.
 struct LegacyBootItem {
   std::string source;
   std::string destination;
 };
 
-/// What a set-up does.
+/// The steps of a set-up.
 struct LegacyBootPlan {
-  std::string root;                  ///< of the volume
-  std::vector<std::string> skipped;  ///< sources that are missing and may be
-  std::vector<LegacyBootItem> items;
+  std::string root;                   ///< the folder where the volume is mounted
+  std::vector<std::string> skipped;   ///< optional sources that are missing
+  std::vector<LegacyBootItem> items;  ///< what to copy, in this order
 };
 
-/// Looks at a volume and writes nothing. Throws Failure where a source is missing or leads off the volume, or something
-/// stands in the way.
-/// @param store  the boot configuration store, an absolute path
+/// Plans a set-up without writing anything. Throws Failure if a required source is missing, or if a source or
+/// destination is neither a file nor a folder, such as a link that leads off the volume.
+/// @param store  absolute path of the boot configuration store
 LegacyBootPlan planLegacyBoot(const VolumeFolder& root, const std::string& store);
 
-/// Copies the items to a folder aside on the volume, brings them to the medium and renames them into place; the folder
-/// "boot", whose presence says that the volume is set up, comes last and whole. Throws Failure.
+/// Copies the items to a temporary folder on the volume, syncs them and renames them into place. The folder "boot",
+/// whose presence shows that the volume is set up, comes last and is complete. Throws Failure.
 void copyLegacyBootFiles(const VolumeFolder& root, const LegacyBootPlan& plan);
 
-/// Removes the folder aside that a set-up which was cut off has left. Throws Failure, also where one is at work.
+/// Removes the temporary folder of an interrupted set-up. Throws Failure, also if another process is using the folder.
 void removeLegacyBootLeftovers(const VolumeFolder& root);
 
 }  // namespace vorlix::tool

@@ -7,15 +7,15 @@
 
 namespace vorlix::tool {
 
-/// What the library logs while a command calls it. A log file that cannot be opened is told once, on standard error,
-/// instead of once a message.
+/// Captures what the library logs while a command calls it. If the log file cannot be opened, prints one warning on
+/// standard error instead of one per message.
 class LibraryLog {
  public:
   LibraryLog();
 
   const std::string& text() const { return capture_.text(); }
 
-  /// Shows it on standard error.
+  /// Prints the captured log on standard error.
   void print() const;
 
  private:

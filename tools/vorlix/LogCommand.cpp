@@ -33,14 +33,15 @@ struct LogOptions {
   bool once = false;
 };
 
-// Messages may hold names from a disk.
+// Prints log text on standard output. Makes it printable first, because messages may contain names from a disk.
 class LogView {
  public:
   void show(std::string_view added) {
     std::string text = std::move(held_);
     text += added;
     held_.clear();
-    // Half of a character that printable() knows by both of its bytes waits for the other one.
+    // printable() needs both bytes of a C1 control character. If the text ends with the first one, keep it until the
+    // second one arrives.
     if (!text.empty() && text.back() == '\xC2') {
       held_ = "\xC2";
       text.pop_back();
@@ -53,7 +54,7 @@ class LogView {
   std::string held_;
 };
 
-// An open log, and how far it was shown. Whatever becomes of its name, it stays the same file.
+// An open log, and how much of it was shown. Keeps the file open, so renaming or deleting it has no effect.
 class LogFile {
  public:
   LogFile(std::string path, int descriptor) : path_(std::move(path)), descriptor_(descriptor) {}
@@ -61,8 +62,8 @@ class LogFile {
   LogFile(const LogFile&) = delete;
   LogFile& operator=(const LogFile&) = delete;
 
-  /// Null where there is none. The folder is everybody's, so what stands there need not be a log: nothing but a file is
-  /// read, and nothing is waited for.
+  /// Returns null if the file does not exist. Anybody can create files in the log's folder, so the path may lead to
+  /// something else than a log: reads only a regular file, and never blocks.
   static std::unique_ptr<LogFile> open(const std::string& path) {
     const int descriptor = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0 && errno == ENOENT) return nullptr;
@@ -73,13 +74,13 @@ class LogFile {
     return file;
   }
 
-  /// Whether its path still leads to it. A path that leads nowhere may come back.
+  /// Returns whether the path leads to another file now. A path that does not exist may come back and does not count.
   bool isReplaced() const {
     struct stat now = {};
     return stat(path_.c_str(), &now) == 0 && (now.st_dev != status_.st_dev || now.st_ino != status_.st_ino);
   }
 
-  /// Goes to where the last lines begin; one without a line feed at its end is one, too.
+  /// Moves to the start of the last `lines` lines. Text after the last line feed counts as a line.
   void seekLastLines(unsigned lines) {
     const off_t size = this->size();
     shown_ = lines == 0 ? size : 0;
@@ -96,7 +97,7 @@ class LogFile {
     }
   }
 
-  /// Shows what was not shown yet. A file that has become shorter is shown from its start.
+  /// Shows what was added since the last call. If the file became shorter, shows it from its start.
   void showRest(LogView& view) {
     if (size() < shown_) shown_ = 0;
     std::array<char, kBlock> block;
@@ -128,7 +129,7 @@ class LogFile {
   off_t shown_ = 0;
 };
 
-// Ends only when the process is asked to, or nobody reads any more.
+// Returns only if writing to standard output fails; otherwise a signal ends it.
 void follow(const std::string& path, std::unique_ptr<LogFile> file, LogView& view) {
   constexpr std::chrono::milliseconds kStep{200};
   while (std::ferror(stdout) == 0) {
@@ -152,9 +153,9 @@ void showLog(const LogOptions& options) {
     file->seekLastLines(options.lines);
     file->showRest(view);
   } else if (options.once) {
-    throw Failure(path, "there is no log yet", kNothingShown);
+    throw Failure(path, "the log does not exist yet", kNothingShown);
   } else {
-    complain(path + ": there is no log yet; waiting for it");
+    complain(path + ": the log does not exist yet; waiting for it");
   }
   if (!options.once) follow(path, std::move(file), view);
 }
@@ -163,9 +164,9 @@ void showLog(const LogOptions& options) {
 
 void addLogCommand(CLI::App& app, int& status) {
   const auto options = std::make_shared<LogOptions>();
-  CLI::App* const log = app.add_subcommand("log", "Show the end of the library's log and what is added to it");
-  log->add_option("--lines", options->lines, "How many lines to begin with")->capture_default_str();
-  log->add_flag("--once", options->once, "Do not wait for more");
+  CLI::App* const log = app.add_subcommand("log", "Show the end of the library's log and follow it");
+  log->add_option("--lines", options->lines, "Number of existing lines to show first")->capture_default_str();
+  log->add_flag("--once", options->once, "Show the lines and exit; do not follow the log");
   log->callback([options, &status] {
     showLog(*options);
     status = kDone;

@@ -19,8 +19,8 @@
 namespace vorlix::tool {
 namespace {
 
-constexpr const char* kNoFile = "no file was made";
-constexpr size_t kLongestStart = 200;  // of a name, so that the one beside it is not too long
+constexpr const char* kNoFile = "no file was created";
+constexpr size_t kLongestStart = 200;  // bytes of a file name that its temporary name repeats, to stay within NAME_MAX
 
 bool exists(const std::string& path) {
   struct stat status = {};
@@ -34,10 +34,10 @@ bool isSameFile(int descriptor, const std::string& path) {
          opened.st_ino == named.st_ino;
 }
 
-// A file beside the one to be made, locked for as long as it is written.
-class FileAside {
+// A temporary file in the folder of the new file. Stays locked until the object's end.
+class TemporaryFile {
  public:
-  explicit FileAside(const std::string& path) : path_(path) {
+  explicit TemporaryFile(const std::string& path) : path_(path) {
     file_ = create();
     if (!file_ && errno == EEXIST) {
       removeLeftover();
@@ -46,30 +46,30 @@ class FileAside {
     if (!file_) throw Failure(path_, std::strerror(errno), kNoFile);
     isThere_ = true;
     if (flock(file_.get(), LOCK_EX | LOCK_NB) != 0 || !isSameFile(file_.get(), path_)) {
-      isThere_ = false;  // another process has taken it for a leftover
-      throw Failure(path_, "another process is making it", kNoFile);
+      isThere_ = false;  // another process took it for a leftover of an interrupted run
+      throw Failure(path_, "another process is creating it", kNoFile);
     }
   }
-  ~FileAside() {
+  ~TemporaryFile() {
     if (isThere_) unlink(path_.c_str());
   }
-  FileAside(const FileAside&) = delete;
-  FileAside& operator=(const FileAside&) = delete;
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
 
   int descriptor() const { return file_.get(); }
   void hasMoved() { isThere_ = false; }
 
  private:
   Descriptor create() const {
-    constexpr mode_t kMode = 0666;  // less the process's umask
+    constexpr mode_t kMode = 0666;  // the process's umask applies
     return Descriptor(open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode));
   }
 
-  // What a process that was ended has left. One that still works has it locked.
+  // Removes the file of an interrupted process. Fails if a running process has it locked.
   void removeLeftover() const {
     const Descriptor old(open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!old) throw Failure(path_, std::strerror(errno), kNoFile);
-    if (flock(old.get(), LOCK_EX | LOCK_NB) != 0) throw Failure(path_, "another process is making it", kNoFile);
+    if (flock(old.get(), LOCK_EX | LOCK_NB) != 0) throw Failure(path_, "another process is creating it", kNoFile);
     if (unlink(path_.c_str()) != 0) throw Failure(path_, std::strerror(errno), kNoFile);
   }
 
@@ -81,7 +81,7 @@ class FileAside {
 }  // namespace
 
 void refuseExisting(const std::string& path) {
-  if (exists(path)) throw Failure(path, "exists already; a saved file is never overwritten");
+  if (exists(path)) throw Failure(path, "already exists; a saved file is never overwritten");
 }
 
 int takeFreeName(const std::string& from, const std::string& to) {
@@ -107,16 +107,16 @@ void saveNewFile(const std::string& path, const ByteVector& bytes) {
   const std::filesystem::path folder = target.has_parent_path() ? target.parent_path() : ".";
   const std::string name = target.filename().string();
   const std::string beside = folder / ("." + name.substr(0, kLongestStart) + ".vorlix-new");
-  FileAside aside(beside);
-  writeAndReadBack(aside.descriptor(), path, bytes, kNoFile);
+  TemporaryFile file(beside);
+  writeAndReadBack(file.descriptor(), path, bytes, kNoFile);
   if (takeFreeName(beside, path) != 0) {
     if (errno == EEXIST) refuseExisting(path);
     throw Failure(path, std::strerror(errno), kNoFile);
   }
-  aside.hasMoved();
+  file.hasMoved();
   const Descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!opened || syncFolder(opened.get()) != 0) {
-    throw Failure(path, std::strerror(errno), "the file is there, but may not be on the medium yet");
+    throw Failure(path, std::strerror(errno), "the file was created, but may be lost on a power failure");
   }
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Files that are whole from the moment that they have their name.
+// Creates files that appear under their final names only when they are complete.
 #pragma once
 
 #include <string>
@@ -9,15 +9,16 @@
 
 namespace vorlix::tool {
 
-/// Throws Failure where anything, a link included, has that name.
+/// Throws Failure if the path exists, even as a dangling symbolic link.
 void refuseExisting(const std::string& path);
 
-/// Makes a file whose name is free: written aside, brought to the medium, read back, renamed. Whatever cuts it off
-/// leaves the whole file or nothing under that name, and the next try takes away what was left beside it. Throws
-/// Failure.
+/// Creates a file under a free name: writes a temporary file in the same folder, syncs it, reads it back and renames
+/// it. An interruption leaves either the complete file or nothing under that name. The next call removes a temporary
+/// file that an interrupted one left. Throws Failure.
 void saveNewFile(const std::string& path, const ByteVector& bytes);
 
-/// Renames to a free name, in one step where the file system has such a call. @return 0, or -1 with `errno` set.
+/// Renames a file or folder to a name that must be free. Checks and renames in one step if the file system supports
+/// that. @return 0, or -1 with `errno` set.
 int takeFreeName(const std::string& from, const std::string& to);
 
 }  // namespace vorlix::tool

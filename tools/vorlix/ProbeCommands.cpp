@@ -29,7 +29,8 @@ namespace {
 constexpr int kLegacyStart = 0;
 constexpr int kEFIStart = 1;
 
-// The answer comes from the second slot of an MBR; where there is none, it would be made of whatever stands there.
+// The library reads the second slot of the MBR without checking that sector 0 holds one. Without this check, the result
+// for a disk without an MBR would come from unrelated bytes.
 void requireMBR(const std::string& disk) {
   const DiskTables tables = readTables(disk);
   if (const std::string whole = wholeDiskNameOf(disk); whole != bsdNameOf(disk)) {
@@ -75,7 +76,7 @@ void showSystemIntegrity() {
   try {
     std::printf("%s\n", QDSUtilities::isSIPEnabled() ? "enabled" : "disabled");
   } catch (const std::system_error& failure) {
-    throw Failure(tool, failure.code().message(), "the state is not known");
+    throw Failure(tool, failure.code().message(), "the status is unknown");
   }
 }
 
@@ -85,7 +86,7 @@ bool showCaller(int process) {
     std::printf("%d: signed by the team\n", process);
     return true;
   }
-  // Every other refusal is of a process that could not be checked.
+  // With any other log text, the library could not check the process.
   if (log.text() != "Request from invalid client. Refusing") {
     throw Failure(std::to_string(process), log.text(),
                   "no such process, it has ended, or its executable may not be read");
@@ -98,42 +99,42 @@ bool showCaller(int process) {
 
 void addProbeCommands(CLI::App& app, int& status) {
   const auto disk = std::make_shared<std::string>();
-  CLI::App* const bootType = app.add_subcommand("boot-type", "Tell from its MBR which way a disk starts");
+  CLI::App* const bootType = app.add_subcommand("boot-type", "Report from the MBR how a disk starts");
   bootType->add_option("DISK", *disk, "Whole disk or disk-image file")->required();
   bootType->footer(
-      "Prints \"EFI\" if the second slot of its MBR starts at head 0, as that of a plain protective MBR does, and\n"
-      "\"legacy\" otherwise. Nothing is written.\n"
-      "Exit status: 0 told, 2 error, such as a disk without an MBR.");
+      "Prints \"EFI\" if the second slot of the MBR starts at head 0, as in a plain protective MBR, and \"legacy\"\n"
+      "otherwise. Nothing is written.\n"
+      "Exit status: 0 success, 2 error, such as a disk without an MBR.");
   bootType->callback([disk, &status] {
     showBootType(*disk);
     status = kDone;
   });
 
   const auto volume = std::make_shared<std::string>();
-  CLI::App* const bootable = app.add_subcommand("bootable", "Tell whether a volume holds an operating system");
+  CLI::App* const bootable = app.add_subcommand("bootable", "Report whether a volume holds an operating system");
   bootable->add_option("VOLUME", *volume, "Folder where the volume is mounted, or its device")->required();
   bootable->footer(
-      "It does if it holds System/Library, com.apple.recovery.boot/boot.efi, Windows/System32 or ntldr.\n"
+      "A volume counts if it holds System/Library, com.apple.recovery.boot/boot.efi, Windows/System32 or ntldr.\n"
       "Exit status: 0 yes, 1 no, 2 error.");
   bootable->callback([volume, &status] { status = showBootable(*volume) ? kDone : kChangeNeeded; });
 
-  CLI::App* const sip = app.add_subcommand("sip", "Tell whether System Integrity Protection is on");
+  CLI::App* const sip = app.add_subcommand("sip", "Report whether System Integrity Protection is on");
   sip->footer(
-      "Asks /usr/bin/csrutil. What does not say \"disabled\" counts as enabled; a system without it has no "
-      "protection.\n"
-      "Exit status: 0 told, 2 error.");
+      "Runs /usr/bin/csrutil. Output without the word \"disabled\" counts as enabled; a system without that program\n"
+      "counts as disabled.\n"
+      "Exit status: 0 success, 2 error.");
   sip->callback([&status] {
     showSystemIntegrity();
     status = kDone;
   });
 
   const auto process = std::make_shared<int>();
-  CLI::App* const caller = app.add_subcommand("check-caller", "Tell whether a process is signed by the team");
+  CLI::App* const caller = app.add_subcommand("check-caller", "Check whether a process is signed by the team");
   caller->add_option("PID", *process, "Process identifier")
       ->required()
       ->check(CLI::Range(1, std::numeric_limits<int>::max()));
   caller->footer(
-      "docs/caller-check.md tells what is checked and how a program is signed.\n"
+      "docs/caller-check.md describes what is checked and how to sign a program.\n"
       "Exit status: 0 signed by the team, 1 not, 2 the process could not be checked.\n"
       "The library's log is /tmp/quandrel.log.");
   caller->callback([process, &status] { status = showCaller(*process) ? kDone : kChangeNeeded; });

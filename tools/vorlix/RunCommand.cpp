@@ -23,7 +23,7 @@ namespace {
 constexpr std::chrono::milliseconds kStep{100};
 constexpr int32_t kStillRunning = -999;
 
-// Each event is shown as it comes, also where standard output is no terminal.
+// Prints a line at once, even if standard output is not a terminal.
 void showLine(const std::string& line) {
   std::printf("%s\n", line.c_str());
   std::fflush(stdout);
@@ -44,7 +44,7 @@ void showPiece(const char* stream, const std::optional<std::string>& text) {
   showLine(shown);
 }
 
-// The program's exit status.
+// Returns the program's exit status, or kStillRunning.
 int32_t runProgram(const std::vector<std::string>& arguments) {
   bool ended = false;
   const auto runner = QDTaskWrapperWithBlocks::initWithStartBlock(
@@ -64,7 +64,7 @@ int32_t runProgram(const std::vector<std::string>& arguments) {
   const std::shared_ptr<RunLoop> loop = platform().runLoops->current();
   while (!ended) loop->run(kDefaultRunLoopMode, kStep);
   const int32_t status = runner->terminationStatus();
-  showLine("status " + std::to_string(status) + (status == kStillRunning ? ", it still runs" : ""));
+  showLine("status " + std::to_string(status) + (status == kStillRunning ? ", still running" : ""));
   return status;
 }
 
@@ -72,16 +72,18 @@ int32_t runProgram(const std::vector<std::string>& arguments) {
 
 void addRunCommand(CLI::App& app, int& status) {
   const auto program = std::make_shared<std::string>();
-  CLI::App* const run = app.add_subcommand("run", "Run a program and show what the library's runner delivers of it");
+  CLI::App* const run =
+      app.add_subcommand("run", "Run a program and show the events and output that the library's runner delivers");
   run->add_option("PROGRAM", *program, "Full path of the program; its arguments follow")->required();
-  run->prefix_command();  // what follows is the program's; after "--", whatever it looks like
+  run->prefix_command();  // the remaining arguments belong to the program; after "--", even if they look like options
   run->footer(
       "vorlix run -- PROGRAM [ARGUMENT...]\n"
-      "The program is started without a shell and not looked for in PATH. Its standard input is an open, empty pipe.\n"
-      "What it prints is shown piece by piece; control characters become \"?\". The run ends when its standard output\n"
-      "does; a program that goes on is then asked to end. The status is that of its exit, or the number of the signal\n"
-      "that ended it.\n"
-      "Exit status: 0 the program's was 0, 1 it was another, 2 the program was not started.");
+      "The program is started without a shell and without a search in PATH. Its standard input is an open pipe\n"
+      "without data. Its output is shown in the pieces that arrive; control characters become \"?\". The run ends\n"
+      "when every process that inherited the program's standard output has closed it. A program that is still\n"
+      "running then gets SIGTERM. The status shown is the program's exit status, or the number of the signal that\n"
+      "ended it.\n"
+      "Exit status: 0 the program's status is 0, 1 it is another one, 2 the program could not be started.");
   run->callback([run, program, &status] {
     std::vector<std::string> command = run->remaining();
     if (!command.empty() && command.front() == "--") command.erase(command.begin());

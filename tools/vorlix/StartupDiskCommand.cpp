@@ -39,7 +39,7 @@ const std::map<std::string, uint32_t> kTypes = {
     {"volume-efi", QDDeviceManager::kBootVolumeEFI},
 };
 
-// Notes the command that the library forms and what became of it, which the library itself does not look at.
+// Records the command that the library builds, and its exit status, which the library ignores.
 class NotingShell final : public Shell {
  public:
   explicit NotingShell(std::shared_ptr<Shell> next) : next_(std::move(next)) {}
@@ -54,12 +54,13 @@ class NotingShell final : public Shell {
   int status() const { return status_; }
 
  private:
-  std::shared_ptr<Shell> next_;  // null: commands are only noted
+  std::shared_ptr<Shell> next_;  // null: commands are recorded and not run
   std::optional<std::string> command_;
   int status_ = 0;
 };
 
-// The library forms the command only for the administrator's process; to see it, nobody needs to be that.
+// The library builds the command only if the real user is the administrator. In a dry run, which only shows it, this
+// identity stands in.
 class Administrator final : public UserIdentity {
  public:
   uint32_t realUserID() override { return 0; }
@@ -74,11 +75,11 @@ std::shared_ptr<QDVolume> volumeOf(const std::string& device) {
   return volume;
 }
 
-// The library takes whatever stands in sector 0 for an MBR.
+// Refuses a disk without an MBR. The library does not check that sector 0 holds one.
 void requireMBR(const StartupOptions& options, const std::string& device) {
   const std::string disk = wholeDiskNameOf(device);
   if (const auto reason = whyNoMBR(readTables(disk))) {
-    throw Failure(options.device, disk + " " + *reason + "; --type tells how the volume starts", kUnchanged);
+    throw Failure(options.device, disk + " " + *reason + "; use --type to choose how the volume starts", kUnchanged);
   }
 }
 
@@ -124,8 +125,8 @@ void selectStartupDisk(const StartupOptions& options) {
   if (type == QDDeviceManager::kBootRoot) {
     throw Failure(options.device, "it is the running system's own volume", kUnchanged);
   }
-  if (!accepted) throw Failure(options.device, "its name is not one that a shell takes as it is", kUnchanged);
-  if (!shell->command()) throw Failure(options.device, "this needs the administrator as the real user", kUnchanged);
+  if (!accepted) throw Failure(options.device, "its name contains characters that a shell would interpret", kUnchanged);
+  if (!shell->command()) throw Failure(options.device, "only root as the real user can do this", kUnchanged);
   if (options.dryRun) {
     std::printf("%s\n", shell->command()->c_str());
     return;
@@ -138,12 +139,13 @@ void selectStartupDisk(const StartupOptions& options) {
 
 void addStartupDiskCommand(CLI::App& app, int& status) {
   const auto options = std::make_shared<StartupOptions>();
-  CLI::App* const startup = app.add_subcommand("startup-disk", "Start from a volume the next time");
+  CLI::App* const startup =
+      app.add_subcommand("startup-disk", "Select the volume that the computer starts from next time");
   startup->add_option("DEVICE", options->device, "Device of the volume, or the folder where it is mounted")->required();
-  startup->add_option("--type", options->type, "legacy, efi, mac or volume-efi, instead of what the disk says")
+  startup->add_option("--type", options->type, "legacy, efi, mac or volume-efi; default: detected from the disk")
       ->check(CLI::IsMember(kTypes));
-  startup->add_flag("--permanent", options->permanent, "Not only the next time");
-  startup->add_flag("--dry-run", options->dryRun, "Only show the command that would be run");
+  startup->add_flag("--permanent", options->permanent, "For every start, not only the next one");
+  startup->add_flag("--dry-run", options->dryRun, "Show the command that would be run; run nothing");
   startup->callback([options, &status] {
     selectStartupDisk(*options);
     status = kDone;

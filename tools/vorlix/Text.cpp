@@ -78,7 +78,7 @@ void appendUTF8(std::string& text, uint32_t point) {
   }
 }
 
-// Columns count characters, not bytes; continuation bytes of UTF-8 take no room.
+// Counts characters, not bytes: continuation bytes of UTF-8 take no column.
 size_t width(const std::string& text) {
   return static_cast<size_t>(
       std::count_if(text.begin(), text.end(), [](char byte) { return (static_cast<uint8_t>(byte) & 0xC0) != 0x80; }));

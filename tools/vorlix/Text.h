@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Values as people read them.
+// Formats values for people to read.
 #pragma once
 
 #include <Vorlix/QDSDiskFunctions.h>
@@ -17,32 +17,33 @@ std::string sizeText(uint64_t bytes);
 /// "512.00 MB", decimal units.
 std::string shortSizeText(uint64_t bytes);
 
-/// Two upper-case hexadecimal digits.
+/// Returns two upper-case hexadecimal digits.
 std::string hexByte(uint8_t byte);
 
-/// A fixed number of upper-case hexadecimal digits.
+/// Returns at least `digits` upper-case hexadecimal digits.
 std::string hexDigits(uint64_t value, int digits);
 
-/// GUID text of 16 on-disk bytes.
+/// Returns the text of a GUID from its 16 bytes on disk.
 std::string guidText(const uint8_t* guid);
 
-/// Name of a GPT partition type, "unknown" if it is not a common one.
+/// Returns the name of a GPT partition type; "unknown" for an uncommon one.
 std::string gptTypeName(const std::string& guid);
 
-/// Name of an MBR partition type, "unknown" if it is not a common one.
+/// Returns the name of an MBR partition type; "unknown" for an uncommon one.
 std::string mbrTypeName(uint8_t type);
 
-/// The name of a GPT entry as UTF-8. Code units that form no character become U+FFFD.
+/// Returns the name of a GPT entry as UTF-8. Invalid UTF-16 becomes U+FFFD.
 std::string partitionName(const GPTEntry& entry);
 
-/// A text for the terminal: control characters, which a hostile disk could hold, become "?".
+/// Returns the text with control characters replaced by "?", because text from a hostile disk could control the
+/// terminal.
 std::string printable(const std::string& text);
 
-/// The same for lines that are not from the disk as such: their ends and tabs stay.
+/// Does the same, but keeps line feeds and tabs.
 std::string printableLines(const std::string& text);
 
-/// Rows of text as a table. Columns are as wide as their widest cell; those named in `rightAligned` (one character a
-/// column, 'r' or 'l') stand to the right.
+/// Formats rows as a table. Each column is as wide as its widest cell. `alignment` has one character per column: 'r'
+/// for right, 'l' for left.
 std::string tableText(const std::vector<std::vector<std::string>>& rows, const std::string& alignment);
 
 }  // namespace vorlix::tool

@@ -36,7 +36,8 @@ constexpr Row kRows[] = {
     {"buildLabEx", "Build lab"}, {"bootenv", "Started by"},
 };
 
-// The setup log names the environment each time it is looked for, and the library hands on all that follows the first.
+// Shortens the library's text to the name of the start environment. The setup log names the environment several times,
+// and the library returns all the text from the first name on.
 std::string environmentText(const std::string& found) {
   for (const char* name : {"BIOS", "EFI"}) {
     if (found.starts_with(name)) return name;
@@ -44,7 +45,7 @@ std::string environmentText(const std::string& found) {
   return found;
 }
 
-// Its registry says 10.
+// Windows 11 has the product name "Windows 10" in its registry; the build number identifies it.
 bool isWindows11(const Dictionary& version) {
   constexpr int kFirstBuild = 22000;
   const std::string build = version.text("currentBuildNumber").value_or("");
@@ -53,10 +54,11 @@ bool isWindows11(const Dictionary& version) {
   return version.text("product") == "Windows 10" && parsed.ec == std::errc() && number >= kFirstBuild;
 }
 
-// A folder that cannot be looked into would be taken for one without Windows.
+// Refuses an unreadable folder, which the library would take for one without Windows.
 void requireReadable(const std::string& folder) {
   std::error_code reason;
-  if (!std::filesystem::is_directory(folder, reason) && !reason) return;  // no folder, so nothing is in it
+  if (!std::filesystem::is_directory(folder, reason) && !reason)
+    return;  // not a folder; later checks find nothing in it
   if (access(folder.c_str(), R_OK | X_OK) != 0) throw Failure(folder, std::strerror(errno), "nothing was read");
 }
 
@@ -66,7 +68,7 @@ int showWindows(const std::string& volume, bool json) {
   if (const auto windows = QDDeviceManager::windowsFolderFromVolume(folder)) requireReadable(*windows);
   if (!QDDeviceManager::system32FolderFromVolume(folder)) {
     const bool isInstaller = QDDeviceManager::bootWIMFileFromVolume(folder).has_value();
-    complain(volume + ": " + (isInstaller ? "no installed Windows, but its installer" : "no Windows"));
+    complain(volume + ": " + (isInstaller ? "no installed Windows, only its installer" : "no Windows"));
     if (json) std::printf("null\n");
     return kChangeNeeded;
   }
@@ -93,11 +95,11 @@ int showWindows(const std::string& volume, bool json) {
       if (row.key == std::string_view("bootenv")) value = environmentText(value);
       if (!value.empty()) std::printf("%-10s %s\n", row.title, printable(value).c_str());
     }
-    if (isWindows11(version)) std::printf("%-10s Windows 11, which calls itself 10, by its build\n", "Release");
+    if (isWindows11(version)) std::printf("%-10s Windows 11, by its build number; the registry says 10\n", "Release");
   }
   if (!version.text("product").value_or("").empty()) return kDone;
   const bool hasTool = platform().hostBundle->pathForResource("registry_lookup", "", "tools/bin").has_value();
-  throw Failure(volume, hasTool ? "its registry tells no product name" : "registry_lookup is not installed",
+  throw Failure(volume, hasTool ? "its registry has no product name" : "registry_lookup is not installed",
                 "nothing was changed");
 }
 
@@ -106,9 +108,9 @@ int showWindows(const std::string& volume, bool json) {
 void addWindowsCommand(CLI::App& app, int& status) {
   const auto volume = std::make_shared<std::string>();
   const auto json = std::make_shared<bool>(false);
-  CLI::App* const windows = app.add_subcommand("windows", "Tell which Windows a mounted volume holds");
+  CLI::App* const windows = app.add_subcommand("windows", "Report which Windows a mounted volume holds");
   windows->add_option("VOLUME", *volume, "Folder where the volume is mounted, or its device")->required();
-  windows->add_flag("--json", *json, "As JSON");
+  windows->add_flag("--json", *json, "Print JSON");
   windows->callback([volume, json, &status] { status = showWindows(*volume, *json); });
 }
 

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Writes the archives in this folder anew. VORLIX_ARCHIVE_PROBE names the built archive_probe.
+"""Rewrites the archives in this folder. VORLIX_ARCHIVE_PROBE names the built archive_probe.
 
-A new version of a record gets a new number and new files; files of old versions stay, and stay readable."""
+A new version of the archived fields gets a new number and new files. The files of old versions stay, because they must
+remain readable."""
 
 import json
 import pathlib
@@ -16,7 +17,7 @@ import test_archives as records  # noqa: E402
 
 
 def main():
-    """The probe's archives of full records, empty ones and a copy, and the Python writer's of the same records."""
+    """Writes the probe's archives of full records, empty ones and a copy, and the Python writer's archives."""
     for name, fields, options in (("full", records.FULL, []), ("empty", {}, []), ("copy", records.FULL, ["copy"])):
         subprocess.run([records.PROBE, "encode", FOLDER / f"QDVolume-{name}-1.archive", *options],
                        input=json.dumps(fields), text=True, check=True)

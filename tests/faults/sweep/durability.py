@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """
-What a power cut right behind a command's end would take away, told by the calls that it made.
+Computes from a command's calls what a power failure right after its end would lose.
 
-The rules are the kernel's: bytes are on the medium when their file was synced after they were written, a name when its
-folder was synced after it was made. A sync that failed has lost the bytes: later syncs say nothing of them, so that they
-have to be written once more.
+The rules are the kernel's. Bytes are on the medium if their file was synced after they were written. A name is on the
+medium if its folder was synced after the name was created. A failed sync loses the unsynced bytes: later syncs succeed
+without them, so they must be written again.
 """
 
 import collections
@@ -17,7 +17,7 @@ NAMING = {"rename", "renameat", "renameat2", "link", "linkat", "symlink", "symli
 RENAMING = {"rename", "renameat", "renameat2"}
 LINKING = {"link", "linkat"}
 REMOVING = {"unlink", "unlinkat", "rmdir"}
-DELETED = " (deleted)"  # ends the path of a file without a name
+DELETED = " (deleted)"  # the end of a nameless file's path
 
 
 def without(extents, taken):
@@ -32,7 +32,7 @@ def without(extents, taken):
 
 
 class Files:
-    """What was written and is not on the medium yet, by path."""
+    """The bytes and names that were written and are not on the medium yet, by path."""
 
     def __init__(self):
         self.unsynced = collections.defaultdict(list)
@@ -69,13 +69,13 @@ class Files:
         self.names.discard(path)
 
     def unnamed(self, folder):
-        """The file without a name in a folder that was written last."""
+        """The nameless file in a folder that was written last."""
         found = [path for path in self.unsynced if path.endswith(DELETED) and os.path.dirname(path) == folder]
         return found[-1] if found else None
 
 
 def follow(calls):
-    """Files after all calls."""
+    """The unsynced state of files after all calls."""
     files = Files()
     for call in calls:
         succeeded = call.result is not None and call.result >= 0
@@ -91,8 +91,8 @@ def follow(calls):
         elif call.name in ("ftruncate", "truncate", "fallocate"):
             files.write(call.file, EVERYTHING)
         elif call.creates:
-            # An opening that creates may find the file there; its folder's sync is then asked for in vain, so only those
-            # names count that are new in the end (see missing()).
+            # An open with O_CREAT may find an existing file, whose folder needs no sync. missing() therefore counts
+            # only names that the command created.
             files.names.add(call.file)
         elif call.name in NAMING:
             if call.name in RENAMING:
@@ -109,8 +109,8 @@ def follow(calls):
 
 
 def missing(calls, changed_files, new_names):
-    """Texts that say what of a command's result is not on the medium: bytes of files that it changed, and names that
-    were not there before it."""
+    """Describes what of a command's result is not on the medium: bytes of files that it changed, and names that it
+    created."""
     files = follow(calls)
     found = []
     for path in changed_files:

@@ -2,31 +2,31 @@
 """
 The verdict on one point: what a command did when one of its calls failed, and what the same command does afterwards.
 
-What a scenario looks at are *structures*: sector 0, a boot sector, a file of a volume, everything else of the disk. Each
-has an exact value and one without the random serial numbers. A structure is *as before* when its exact value is that of the
-medium before the command, *as after* when the other value is that of a run without a fault.
+A scenario looks at *structures*: sector 0, a boot sector, a file of a volume, the rest of the disk. Each has an exact value
+and a value without random serial numbers. A structure is *as before* if its exact value is that of the medium before the
+command, and *as after* if its value without serial numbers is that of a run without a fault.
 """
 
 import dataclasses
 
 OK = "ok"
-SILENT = "silent"  # success was said, and the result is not there, or would not outlive a power cut
-TORN = "torn"  # a structure is neither as before nor as after, and no journal leads out of it
+SILENT = "silent"  # the command reported success, but the result is missing or would be lost in a power failure
+TORN = "torn"  # a structure is neither as before nor as after, and no journal repairs it
 BLOCKED = "blocked"  # the same command does not succeed afterwards
 HANG = "hang"
 CRASH = "crash"
-WRONG_WORD = "wrong word"  # "nothing was written" is said, and something was
+WRONG_WORD = "wrong word"  # the message says "nothing was written", but something was
 UNJUDGED = "unjudged"  # the sweep itself failed at this point
 VERDICTS = (OK, SILENT, TORN, BLOCKED, HANG, CRASH, WRONG_WORD, UNJUDGED)
 
 SUCCESS = 0
-REFUSALS = {2, 255}  # the command line's error; the library's end of its host for lack of boot code
+REFUSALS = {2, 255}  # an error of the command line; the library ended the process because boot code was missing
 DENIALS = ("nothing was written", "nothing was copied", "nothing was saved", "nothing was changed")
 
 
 @dataclasses.dataclass(frozen=True)
 class Seen:
-    """A structure: its value, and its value without what is random in it."""
+    """A structure: its exact value, and its value without random serial numbers."""
 
     exact: object
     lasting: object = None
@@ -40,11 +40,11 @@ ABSENT = Seen(None)
 
 @dataclasses.dataclass(frozen=True)
 class Expected:
-    """What a run without a fault leaves."""
+    """The result of a run without a fault."""
 
-    before: dict  # structure: Seen, without those that are not there
+    before: dict  # structure: Seen; absent structures are missing
     after: dict
-    undurable: tuple = ()  # what such a run leaves to a power cut
+    undurable: tuple = ()  # what a power failure after such a run would lose
 
 
 def is_as_before(expected, name, seen):
@@ -79,19 +79,19 @@ def listed(names):
 
 @dataclasses.dataclass(frozen=True)
 class Aftermath:
-    """What was found after one run."""
+    """The findings after one run."""
 
     look: dict
-    wrong_claims: list  # what a success says beyond the structures, and is not so: texts
+    wrong_claims: list  # false claims of a success about other things than the structures: texts
     undurable: list = ()
     has_journal: bool = False
-    lost: list = ()  # what is gone for good: texts
+    lost: list = ()  # what is permanently lost: texts
 
 
 def judge_end(run):
-    """A command ends by itself, with success or a refusal, unless the fault ends it."""
+    """A command must end with success or a refusal, unless the fault kills it."""
     if run.end == "hang":
-        return [(HANG, "it did not end")]
+        return [(HANG, "the command did not end")]
     if run.end == "signalled":
         return [(CRASH, f"ended by signal {run.status}")]
     if run.end == "exited" and run.status != SUCCESS and run.status not in REFUSALS:
@@ -100,36 +100,36 @@ def judge_end(run):
 
 
 def judge_success(expected, after):
-    """Success means that everything is there, as a run without a fault leaves it, and on the medium."""
+    """After a success, all structures must be as after a run without a fault, and on the medium."""
     findings = []
     if different := not_as_after(expected, after.look):
-        findings.append((SILENT, f"success, but not the result: {listed(different)}"))
+        findings.append((SILENT, f"success, but with another result: {listed(different)}"))
     findings += [(SILENT, f"success, but {claim}") for claim in after.wrong_claims]
     findings += [(SILENT, f"success, but {text}") for text in after.undurable if text not in expected.undurable]
     return findings
 
 
 def judge_word(expected, run, after):
-    """Who says that nothing was written has written nothing."""
+    """A command that says that nothing was written must have written nothing."""
     changed = not_as_before(expected, after.look)
     said = [denial for denial in DENIALS if denial in run.err + run.out]
     return [(WRONG_WORD, f'"{said[0]}", but changed: {listed(changed)}')] if said and changed else []
 
 
 def judge_failure(expected, after, again, after_again):
-    """Each structure is whole, the old one or the new one; or a journal is there, with which the next run made it so."""
+    """Each structure must be completely old or new, or the next run must have made it so from a journal."""
     broken = torn(expected, after.look)
     if not broken:
         return []
     settled = again.succeeded and not not_as_after(expected, after_again.look)
     if after.has_journal and settled:
         return []
-    how = "a journal is there, but the next run does not mend it" if after.has_journal else "no journal"
+    how = "there is a journal, but the next run does not repair the structures" if after.has_journal else "no journal"
     return [(TORN, f"neither as before nor as after: {listed(broken)} ({how})")]
 
 
 def judge_again(expected, again, after_again, is_honest):
-    """The same command without a fault succeeds, or says truly that its work is done already."""
+    """The same command without a fault must succeed, or truthfully say that its work is already done."""
     findings = judge_end(again)
     if again.succeeded:
         findings += judge_success(expected, after_again)
@@ -139,10 +139,10 @@ def judge_again(expected, again, after_again, is_honest):
 
 
 def judge(expected, run, after, again, after_again, is_honest):
-    """All findings on a point, the gravest first: (verdict, text).
+    """Returns all findings on a point as (verdict, text), the most serious first.
 
-    run, after: with the fault. again, after_again: the same command once more, without one. is_honest: `again` is a refusal
-    that says that the work is done already.
+    run, after: with the fault. again, after_again: the same command once more, without a fault. is_honest: `again` refused
+    with a message that the work is already done.
     """
     findings = judge_end(run)
     findings += [(TORN, text) for text in {*after.lost, *after_again.lost}]

@@ -1,6 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Where the runs of a sweep take place: a folder for each, and, for the super-user's, folders of the system's that nobody
-else sees."""
+"""The surroundings of a sweep's runs: a folder for each run and, for runs as root, private copies of system folders."""
 
 import ctypes
 import os
@@ -15,18 +14,19 @@ IS_ROOT = os.geteuid() == 0
 CLONE_NEWNS = 0x20000
 CLONE_NEWPID = 0x20000000
 PR_SET_PDEATHSIG = 1
-HIDDEN = {"/var/lib": 0o755, "/run": 0o755, "/tmp": 0o1777}  # the super-user's state and mounts, and the library's log
+HIDDEN = {"/var/lib": 0o755, "/run": 0o755, "/tmp": 0o1777}  # state and mounts of root, and the library's log
 PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
-stand_ins = []  # the folders in the place of HIDDEN; none while this process sees the system's own
+stand_ins = []  # the folders mounted over HIDDEN; none as long as this process sees the real ones
 libc = ctypes.CDLL(None, use_errno=True)
 
 
 def stand_apart(folder):
-    """Gives the children of this process a machine of their own: empty folders in the place of HIDDEN, and no other
-    processes in /proc, which commands look through and which would make each run another."""
+    """Isolates the children of this process: mounts empty folders over HIDDEN, and hides other processes in /proc.
+    Commands search /proc, so other processes would make the runs differ."""
     if libc.unshare(CLONE_NEWNS | CLONE_NEWPID) != 0:
         raise OSError(ctypes.get_errno(), "unshare")
-    # The first child is the one without which there are no others. Ignoring SIGCHLD, it buries orphans.
+    # The first child is process 1 of the new namespace; without it, no other can start. It ignores SIGCHLD, so orphans
+    # leave no zombies.
     subprocess.Popen(["sh", "-c", "trap '' CHLD; exec sleep infinity"], preexec_fn=end_with_parent)
     subprocess.run(["mount", "--make-rprivate", "/"], check=True)
     subprocess.run(["mount", "-t", "proc", "proc", "/proc"], check=True)
@@ -39,7 +39,7 @@ def stand_apart(folder):
 
 
 def scratch_folder():
-    """Where folders of runs are made: nowhere in HIDDEN."""
+    """The parent folder of the runs' folders; it must not be in HIDDEN."""
     return "/var/tmp" if IS_ROOT else None
 
 
@@ -57,13 +57,13 @@ def empty(folder):
 
 
 class Case:
-    """The folders of one run and of the one after it, and how commands are run in them."""
+    """The folders of one run and of the run after it. Runs commands in them."""
 
     FOLDERS = ("disks", "out", "state", "runtime", "home", "tmp")
 
     def __init__(self, folder, as_root):
         if as_root and not stand_ins:
-            raise RuntimeError("the super-user's commands run only where they cannot touch the system's own folders")
+            raise RuntimeError("commands run as root only in isolation from the system's folders")
         self.folder = folder
         self.as_root = as_root
         shutil.rmtree(folder, ignore_errors=True)
@@ -87,11 +87,11 @@ class Case:
         return "/run/vorlix" if self.as_root else self.path("runtime", "vorlix")
 
     def short(self, text):
-        """A text with the names of this case's files as they are in it."""
+        """A text with the paths of this case's files shortened to their names in the case."""
         return text.replace(self.folder + "/", "")
 
     def give(self, path):
-        """Makes a file, or a folder with all that is in it, the user's own."""
+        """Makes the user the owner of a file, or of a folder with all its content."""
         if IS_ROOT and not self.as_root:
             os.chown(path, images.NOBODY, images.NOBODY)
             for place, folders, files in os.walk(path):
@@ -106,7 +106,7 @@ class Case:
         return self.give(path)
 
     def options(self):
-        """For subprocess.run(): who runs a command, and with what surroundings."""
+        """Options of subprocess.run(): user, environment and working folder of a command."""
         options = {
             "cwd": self.path("home"),
             "env": {
@@ -123,7 +123,7 @@ class Case:
         return options
 
     def has_journal(self):
-        """A complete journal of the user's is there, from which an interrupted change can be finished."""
+        """Returns whether the user has a complete journal, from which the next run can finish a change."""
         try:
             names = os.listdir(os.path.join(self.state, "journals"))
         except OSError:
@@ -131,7 +131,7 @@ class Case:
         return any(not name.endswith((".new", ".done")) for name in names)
 
     def left_over(self):
-        """What nobody needs when the work is done: files in the state and in the runtime folder and for passing use."""
+        """Files that should not remain: those in the state folder, the runtime folder and the temporary folder."""
         found = []
         for place in (self.state, self.runtime, self.path("tmp")):
             for folder, _, files in os.walk(place):

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The media of a sweep, made by independent tools, and what is on them, structure by structure."""
+"""The media of a sweep, made by independent tools, and their structures."""
 
 import functools
 import hashlib
@@ -10,15 +10,15 @@ from support import images, samples, volumes
 from sweep.judging import Seen
 
 BOOT_AREA = 8192
-PARAMETERS = 84  # bytes of a boot area that stay the volume's own when a boot record is put back
-SERIAL = slice(0x48, 0x50)  # of NTFS; a new one each time
+PARAMETERS = 84  # bytes of a boot area that restoring a boot record keeps
+SERIAL = slice(0x48, 0x50)  # NTFS's serial number; a new one each time
 
 EFI, APPLE, WINDOWS = volumes.EFI, volumes.APPLE, volumes.WINDOWS
 SECTOR = samples.SECTOR
 
 
 def make_mac(path, efi_tree):
-    """A Mac's disk with a FAT volume as its EFI System Partition and an NTFS volume that takes itself to start at 0."""
+    """Makes a Mac disk with a FAT volume as EFI System Partition and an NTFS volume whose hidden-sectors field is 0."""
     volumes.make_mac(path, efi_tree)
     with tempfile.TemporaryDirectory(prefix="vorlix-ntfs-") as folder:
         volume = os.path.join(folder, "volume")
@@ -27,8 +27,8 @@ def make_mac(path, efi_tree):
 
 
 def boot_record(path):
-    """What `vbr save` keeps of a volume whose file system is that of `path`, with boot code of another release: the real
-    first sector but for its message, and 15 sectors of code."""
+    """A boot record as `vbr save` writes it, for the NTFS volume `path` with other boot code: the first sector with a
+    changed message, and 15 sectors of made-up code."""
     area = bytearray(samples.read(path, 0, BOOT_AREA))
     area[0x100:0x110] = bytes(range(0x10))
     area[SECTOR:] = bytes((7 * place + 3) % 251 for place in range(BOOT_AREA - SECTOR))
@@ -40,7 +40,7 @@ def digest(content):
 
 
 def content_of(path):
-    """A file as a structure; a missing one is none."""
+    """A file as a structure; None for a missing file."""
     if not os.path.lexists(path):
         return {}
     with open(path, "rb") as file:
@@ -48,14 +48,14 @@ def content_of(path):
 
 
 def ranges_of(path, ranges):
-    """Parts of a disk as structures, given as {name: (offset, count)}, and everything else of it as one more."""
+    """The given parts {name: (offset, count)} of a disk as structures, and the rest of the disk as one more."""
     found = {name: Seen(digest(samples.read(path, *place))) for name, place in ranges.items()}
     found["the rest of the disk"] = Seen(rest_of(path, ranges.values()))
     return found
 
 
 def rest_of(path, ranges):
-    """Digest of a file without ranges (offset, count)."""
+    """Digest of a file without the ranges (offset, count)."""
     whole = hashlib.sha256(str(os.path.getsize(path)).encode())
     with open(path, "rb") as file:
         for at, page in images.data_pages(file.fileno()):
@@ -70,7 +70,7 @@ def rest_of(path, ranges):
 
 
 def boot_sector(path, offset):
-    """A boot sector of NTFS, whose serial number is random."""
+    """An NTFS boot sector as a structure; its serial number is random."""
     sector = samples.read(path, offset, SECTOR)
     lasting = bytearray(sector)
     lasting[SERIAL] = bytes(8)
@@ -78,7 +78,7 @@ def boot_sector(path, offset):
 
 
 def hybrid_disk(path):
-    """What `hybrid` may change: sector 0, the volume's boot sector and its second copy in the volume's last sector."""
+    """The structures that `hybrid` may change: sector 0, the volume's boot sector and its copy in the last sector."""
     first = WINDOWS.first * SECTOR
     second = (WINDOWS.first + WINDOWS.sectors - 1) * SECTOR
     found = ranges_of(path, {"sector 0": (0, SECTOR), "boot sector": (first, SECTOR), "second boot sector": (second, SECTOR)})
@@ -88,7 +88,7 @@ def hybrid_disk(path):
 
 
 def fat_disk(path, offset, size):
-    """A FAT volume file by file, as mtools read it; what fsck.vfat says of it; everything else of the disk."""
+    """A FAT volume's files by mtools, fsck.vfat's verdict, and the rest of the disk."""
     volume = samples.read(path, offset, size)
     found = {name: Seen(value) for name, value in read_fat(volume).items()}
     found["the rest of the disk"] = Seen(rest_of(path, [(offset, size)]))
@@ -113,7 +113,7 @@ def fat_files(path):
 
 
 def soundness(path):
-    """Empty for a volume in which fsck.vfat finds nothing wrong; it compares the FATs and looks for lost clusters."""
+    """fsck.vfat's report; empty if it finds nothing wrong. It compares the FATs and looks for lost clusters."""
     try:
         images.run_tool("fsck.vfat", "-n", path)
     except AssertionError as error:

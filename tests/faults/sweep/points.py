@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""One point after the other: the run with its fault, what it left, and the run after it."""
+"""Runs points: for each, the run with the fault, a look at the result, and the run after it."""
 
 import dataclasses
 import os
@@ -8,7 +8,7 @@ from sweep import durability, judging, machine, tracing
 
 
 class Broken(Exception):
-    """A command that fails without any fault: there is nothing to compare with."""
+    """A command fails without a fault, so there is no result to compare with."""
 
 
 @dataclasses.dataclass(frozen=True)
@@ -17,15 +17,15 @@ class Baseline:
 
     expected: judging.Expected
     calls: tuple
-    is_steady: bool  # a second run made as many calls
+    is_steady: bool  # a second run made the same number of calls
 
 
 @dataclasses.dataclass(frozen=True)
 class Result:
     scenario: str
-    call: str  # the call at which it happened, with the file behind it
+    call: str  # the call with the fault, and its file
     fault: str
-    findings: tuple  # (verdict, text), the gravest first
+    findings: tuple  # (verdict, text), the most serious first
     run: str = ""
     is_hit: bool = True
     left_over: tuple = ()
@@ -45,7 +45,7 @@ def aftermath(scenario, case, run):
 
 
 class Runner:
-    """Runs the points of scenarios in a folder of its own."""
+    """Runs the points of scenarios in a private folder."""
 
     def __init__(self, folder, vorlix, tracer):
         self.folder = folder
@@ -88,6 +88,6 @@ class Runner:
 
 
 def power_cut(scenario, expected):
-    """The point that needs no run of its own: power fails right behind the success of a run without any fault."""
+    """The point without a separate run: a power failure right after a successful run without a fault."""
     findings = tuple((judging.SILENT, text) for text in expected.undurable)
     return Result(scenario.name, "after the command's success", "power cut", findings, "exit status 0")

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The commands of a sweep: what they work on, what is looked at afterwards, and when a refusal is the truth."""
+"""The commands of a sweep: their media, the structures to compare, and the refusals that are truthful."""
 
 import os
 import re
@@ -25,49 +25,49 @@ BOOT_FOLDERS = {**TREE, "EFI/Microsoft": None, "EFI/Microsoft/Boot": None}
 
 
 class Scenario:
-    """One command. A new object's prepare() makes the medium that all its runs start from."""
+    """One command. prepare() makes the medium that is copied for every run."""
 
     name = ""
     as_root = False
-    share = 1.0  # of the points of a sweep that does not run them all
-    seconds = 30  # a run without a fault takes far less than one
+    share = 1.0  # weight in a sweep that does not run all points
+    seconds = 30  # time limit; a run without a fault takes far less than one second
     TOOLS = ("sgdisk", "mkfs.vfat", "fsck.vfat", "mkntfs", "mcopy", "mmd")
 
     def __init__(self, folder):
         self.template = os.path.join(folder, f"template-{self.name}")
 
     def prepare(self):
-        """Makes what is copied for each run."""
+        """Makes the files that are copied for each run."""
 
     def set_up(self, case, vorlix):
-        """Makes a fresh medium in a case and whatever else the command needs."""
+        """Makes a fresh medium in a case, and the other files that the command needs."""
 
     def command(self, case, vorlix):
         """The arguments of the command."""
         raise NotImplementedError
 
     def look(self, case):
-        """What is there, as {structure: Seen}."""
+        """The structures, as {structure: Seen}."""
         raise NotImplementedError
 
     def wrong_claims(self, case, run):
-        """What a success says beyond the structures and is not so."""
+        """False claims of a success about other things than the structures."""
         return []
 
     def lost(self, case):
-        """What is gone for good, however the command ended."""
+        """What is permanently lost, no matter how the command ended."""
         return []
 
     def says_done(self, run):
-        """A refusal says that the work is done already."""
+        """Returns whether a refusal says that the work is already done."""
         return False
 
     def durable(self, case):
-        """(files that the command changed, names that are new), for what has to outlive a power cut."""
+        """(files that the command changed, names that it created): what must survive a power failure."""
         return [case.path("disks", DISK)], []
 
     def finish(self, case, vorlix):
-        """Ends what the command has begun, and says what is wrong with that."""
+        """Ends what the command started, such as a mount. Returns what goes wrong, as texts."""
         return []
 
 
@@ -106,14 +106,14 @@ class Hybrid(OnDisk):
 
 
 class HybridWithBackup(Hybrid):
-    """The same, keeping the sectors that change: they are in the backup before they change."""
+    """The same with a backup. The sectors must be in the backup before they change."""
 
     name = "hybrid-backup"
 
     def command(self, case, vorlix):
         return [*super().command(case, vorlix), "--backup", case.path("out")]
 
-    def says_done(self, run):  # each run gives the volume a new serial, so that a second one has something to save
+    def says_done(self, run):  # each run gives the volume a new serial, so a second run has new bytes to save
         return "exists" in run.err
 
     def lost(self, case):
@@ -130,7 +130,7 @@ class HybridWithBackup(Hybrid):
 
 
 class Save(OnDisk):
-    """Saving a part of a disk in a new file."""
+    """Saves a part of a disk in a new file."""
 
     def saved(self, case):
         return case.path("out", "saved")
@@ -201,10 +201,10 @@ class OnVolume(OnDisk):
 
 
 class NewStore(OnVolume):
-    """A boot configuration store on a volume that has none. Its device elements are where the mode "standard" has them."""
+    """Creates a boot configuration store on a volume without one. Its device elements fit the mode "standard"."""
 
     name = "bcd-new"
-    share = 0.4  # a run takes as long as twenty of the others
+    share = 0.4  # a run takes twenty times as long as others
     TREE = BOOT_FOLDERS
     ELEMENTS = tuple(place - hive.PARTITION_IN_ELEMENT for place in (10492, 10740, 5828 - 24, 7900 - 24, 9372 - 24))
 
@@ -234,7 +234,7 @@ class ReplacedStoreAsRoot(ReplacedStore):
 
 
 class Mount(OnVolume):
-    """Mounting changes nothing on the volume; the folder that is printed holds all files, and unmounting it goes well."""
+    """Mounting must not change the volume. The printed folder must hold all files, and unmounting must succeed."""
 
     name = "mount"
 
@@ -258,7 +258,7 @@ class Mount(OnVolume):
 
 
 class Unmount(OnVolume):
-    """Unmounting a volume in which nothing was changed does not write to it."""
+    """Unmounting a volume without changes must not write to it."""
 
     name = "unmount"
 
@@ -284,7 +284,7 @@ class Unmount(OnVolume):
 
 
 class UnmountWithChanges(Unmount):
-    """One file was changed, one is new, one was removed."""
+    """Unmounts a volume with one changed, one new and one removed file."""
 
     name = "unmount-changes"
 
@@ -305,7 +305,7 @@ class UnmountWithChanges(Unmount):
 
 
 class LegacyBoot(Scenario):
-    """The files of legacy start in a folder. What is copied as one is there as one."""
+    """Copies the files of legacy start in a folder. Each copied item must be there completely or not at all."""
 
     name = "legacy-boot"
     TOOLS = ()
@@ -321,8 +321,8 @@ class LegacyBoot(Scenario):
         "Windows/Boot/Fonts/wgl4_boot.ttf": bytes(5000),
         "pagefile.sys": b"left alone",
     }
-    COPIES = ("boot/Fonts", "boot/BCD", "boot", "bootmgr")  # what is inside another one comes first
-    ASIDE = "vorlix-legacy-boot.new"  # where copies are made before they get their names
+    COPIES = ("boot/Fonts", "boot/BCD", "boot", "bootmgr")  # an item inside another one comes first
+    ASIDE = "vorlix-legacy-boot.new"  # the temporary folder for the copies
 
     def volume(self, case):
         return case.path("disks", "volume")
@@ -344,7 +344,7 @@ class LegacyBoot(Scenario):
     def look(self, case):
         found = {}
         for path, content in media.tree_of(self.volume(case)).items():
-            if path.split("/")[0] == self.ASIDE:  # means nothing to Windows, and must be gone after a success
+            if path.split("/")[0] == self.ASIDE:  # Windows ignores it; a success must remove it
                 continue
             structure = next((copy for copy in self.COPIES if path == copy or path.startswith(copy + "/")), path)
             value = "folder" if content is None else media.digest(content)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Runs of commands under the tracer, and which faults are worth trying at a call."""
+"""Runs commands under the tracer, and chooses the faults to try at a call."""
 
 import collections
 import dataclasses
@@ -20,7 +20,7 @@ class Call:
     count: int
     offset: int
     flags: int
-    result: int  # a negative errno where it failed; None where the process was ended in it
+    result: int  # a negative errno for a failed call; None if the process ended during the call
 
     @property
     def creates(self):
@@ -32,7 +32,7 @@ class Call:
 
 @dataclasses.dataclass(frozen=True)
 class Fault:
-    """What happens at a call: "error" with the name of an errno, "short", "kill-before" or "kill-after"."""
+    """A fault at a call: "error" with the name of an errno, "short", "kill-before" or "kill-after"."""
 
     kind: str
     error: str = ""
@@ -46,7 +46,7 @@ class Fault:
 
 @dataclasses.dataclass(frozen=True)
 class Run:
-    """How a command ended."""
+    """The end of a command."""
 
     end: str  # "exited", "signalled", "killed" (by the fault) or "hang"
     status: int  # exit status or signal
@@ -54,7 +54,7 @@ class Run:
     err: str
     is_hit: bool = False
     crashed_children: int = 0
-    chosen: Call = None  # the call at which the fault took place
+    chosen: Call = None  # the call with the fault
     calls: tuple = ()
 
     @property
@@ -68,7 +68,7 @@ class Run:
 
 
 class NotAllowed(Exception):
-    """This machine lets nobody trace a process."""
+    """This machine does not allow tracing."""
 
 
 def unescape(text):
@@ -88,7 +88,7 @@ def read_report(path):
 
 
 def trace(tracer, command, report, at="", fault=None, seconds=60, tracer_options=(), **options):
-    """Runs a command under the tracer. at: as for its --at. options: as for subprocess.run()."""
+    """Runs a command under the tracer. at: the tracer's option --at. options: those of subprocess.run()."""
     chosen = ["--at", str(at), *fault.options()] if fault else []
     arguments = [tracer, "--report", report, "--timeout", str(seconds), *tracer_options, *chosen, "--", *command]
     done = subprocess.run(arguments, stdin=subprocess.DEVNULL, capture_output=True, text=True,
@@ -100,7 +100,7 @@ def trace(tracer, command, report, at="", fault=None, seconds=60, tracer_options
 
 
 def run(command, seconds=60, **options):
-    """Runs a command by itself."""
+    """Runs a command without the tracer."""
     try:
         done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True,
                               errors="surrogateescape", timeout=seconds, check=False, **options)
@@ -117,15 +117,15 @@ TRANSFERS = {"read", "pread64", "readv", "write", "pwrite64", "writev", "sendfil
 WRITES = {"write", "pwrite64", "writev", "sendfile", "copy_file_range"}
 SYNCS = {"fsync", "fdatasync", "syncfs"}
 
-# After these calls something has changed that a process leaves behind when it is ended. What a process had done when it
-# is ended in front of a call is what it had done behind the one before.
+# After each of these calls, a killed process leaves something changed behind. Only kills after a call matter: a kill before
+# a call has the same result as a kill after the previous call.
 CHANGES = WRITES | SYNCS | {
     "creat", "ftruncate", "truncate", "fallocate", "rename", "renameat", "renameat2", "link", "linkat", "symlink",
     "symlinkat", "unlink", "unlinkat", "mkdir", "mkdirat", "rmdir", "chmod", "fchmod", "fchmodat", "fchown", "fchownat",
     "utimensat", "flock", "ioctl", "mount", "umount2", "execve", "fork", "vfork", "clone", "clone3",
 }
 
-# What a call fails with that is not an error of the medium (EIO).
+# Errors to try at a call; for calls that are not listed, an error of the medium (EIO).
 ERRORS = {
     "write": ("EIO", "ENOSPC"), "pwrite64": ("EIO", "ENOSPC"), "writev": ("EIO", "ENOSPC"),
     "sendfile": ("EIO", "ENOSPC"), "copy_file_range": ("EIO", "ENOSPC"),
@@ -140,7 +140,7 @@ ERRORS = {
 
 
 def faults_at(call):
-    """The faults to try at a call of a run without any. A call that failed there anyway gets none but an end."""
+    """The faults to try at a call of a run without faults. For a call that failed in that run, only kills."""
     faults = []
     if call.number == 1:
         faults.append(Fault("kill-before"))
@@ -156,8 +156,8 @@ def faults_at(call):
 
 
 def places_of(calls):
-    """Where each call of a run is in its own process, by its number, as the tracer's --at takes it. What other processes do
-    at the same time does not move it."""
+    """The place of each call in its process, by call number, in the form of the tracer's option --at. Calls of other
+    processes at the same time do not shift it."""
     made = collections.Counter()
     places = {}
     for call in calls:
@@ -167,14 +167,14 @@ def places_of(calls):
 
 
 def points_of(calls, chosen=None):
-    """All points of a command, as (place of the call, fault). chosen: those calls alone."""
+    """All points of a command, as (place of the call, fault). chosen: limits them to these calls."""
     places = places_of(calls)
     return [(places[call.number], fault) for call in (calls if chosen is None else chosen) for fault in faults_at(call)]
 
 
 def without_repetitions(calls):
-    """Leaves out calls that only look, where the same program has made the same ones in the same order before: of those the
-    first, one in the middle and the last stay. Numbers in names do not count, since a loop goes through them."""
+    """Leaves out repeated read-only calls. If a program repeats a sequence of such calls, the first, a middle and the last
+    pass stay. Numbers in file names are ignored, because a loop counts through them."""
     program = {}
     recent = collections.defaultdict(lambda: collections.deque(maxlen=3))
     places = collections.defaultdict(list)
@@ -192,8 +192,8 @@ def without_repetitions(calls):
 
 
 def selection(calls, chosen, count, media):
-    """About `count` points of the chosen calls: up to half of them at calls that change files whose path fits `media`, since
-    those are few and matter most, the others evenly spread over all the rest."""
+    """About `count` points of the chosen calls. Up to half of them are at calls that change files whose paths match `media`,
+    because these are few and matter most. The others are evenly spread over the rest."""
     changing = [call for call in chosen if (call.name in CHANGES or call.creates) and media.search(call.file)]
     weighty = spread(points_of(calls, changing), count // 2)
     rest = points_of(calls, [call for call in chosen if call not in changing])
@@ -201,7 +201,7 @@ def selection(calls, chosen, count, media):
 
 
 def spread(points, count):
-    """At most `count` of the points, evenly spread, the same ones each time."""
+    """At most `count` of the points, evenly spread; always the same ones."""
     if count >= len(points):
         return list(points)
     return [points[(2 * place + 1) * len(points) // (2 * count)] for place in range(count)]

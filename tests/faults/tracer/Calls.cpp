@@ -5,7 +5,7 @@
 
 namespace {
 
-// Newer architectures lack the calls that have a form with a folder's descriptor.
+// Newer architectures have only the variants with a folder's descriptor (openat for open, and so on).
 constexpr Call kCalls[] = {
 #ifdef SYS_open
     {.number = SYS_open, .name = "open", .path = 0, .flags = 1},

@@ -21,7 +21,7 @@ namespace {
 using Registers = user_regs_struct;
 constexpr uint32_t kArchitecture = AUDIT_ARCH_X86_64;
 constexpr uint8_t kBreakpoint[] = {0xCC};
-constexpr uint64_t kPastBreakpoint = 1;  // where the program counter stands when the instruction has been met
+constexpr uint64_t kPastBreakpoint = 1;  // offset of the program counter after the breakpoint instruction was executed
 
 unsigned long long& programCounter(Registers& registers) {
   return registers.rip;
@@ -137,7 +137,7 @@ bool writeMemory(pid_t task, uint64_t address, const void* bytes, size_t count) 
 }
 
 std::string readText(pid_t task, uint64_t address) {
-  constexpr size_t kStep = 256;  // divides a page, so that no step reaches into memory that is not there
+  constexpr size_t kStep = 256;  // divides the page size, so that no read crosses into an unmapped page
   std::string text;
   while (text.size() < PATH_MAX) {
     char bytes[kStep];

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What can be seen of a stopped task, and changed in it. x86-64 and 64-bit ARM.
+// Reads and changes the state of a stopped task. Supports x86-64 and 64-bit ARM.
 #pragma once
 
 #include <sys/types.h>
@@ -11,19 +11,19 @@
 #include <optional>
 #include <string>
 
-/// A system call as a task makes it.
+/// A task's stop at the entry or exit of a system call.
 struct CallStop {
   bool isEntry = false;
   bool isExit = false;
   uint64_t number = 0;                  ///< at the entry
   std::array<uint64_t, 6> arguments{};  ///< at the entry
-  int64_t result = 0;                   ///< at the exit; a negative errno where it failed
+  int64_t result = 0;                   ///< at the exit; a negative errno for a failed call
 };
 
-/// Looks at the system call at which a task is stopped. Absent where the kernel does not tell.
+/// Returns the system call at which a task is stopped; absent if the kernel does not report it.
 std::optional<CallStop> lookAtCall(pid_t task);
 
-/// At an entry: the call is not made; its result is to be set at the exit.
+/// At an entry: makes the kernel skip the call. The caller sets the result at the exit.
 bool skipCall(pid_t task);
 
 /// At an entry: changes an argument.
@@ -32,27 +32,27 @@ bool setArgument(pid_t task, int argument, uint64_t value);
 /// At an exit: changes the result.
 bool setResult(pid_t task, int64_t value);
 
-/// Bytes of a task's memory. False where they are not all there.
+/// Reads or writes bytes of a task's memory. @return false if not all of them could be transferred.
 bool readMemory(pid_t task, uint64_t address, void* bytes, size_t count);
 bool writeMemory(pid_t task, uint64_t address, const void* bytes, size_t count);
 
-/// A text that ends in NUL, cut at PATH_MAX.
+/// Reads a NUL-terminated string, truncated at PATH_MAX.
 std::string readText(pid_t task, uint64_t address);
 
-/// The link `name` of a task below /proc; empty where there is none.
+/// Returns the target of the link `name` in a task's folder below /proc; empty if it does not exist.
 std::string linkOf(pid_t task, const std::string& name);
 
-/// Position of a descriptor, or -1.
+/// Returns the file position of a descriptor, or -1.
 int64_t positionOf(pid_t task, int descriptor);
 
-/// A breakpoint at the first instruction of a program that has just been started, which runs when the dynamic loader
-/// has done its work.
+/// A breakpoint at the first instruction of a program that has just started. The program reaches it after the dynamic
+/// loader is done.
 class EntryBreakpoint {
  public:
-  /// False where it cannot be set.
+  /// Sets the breakpoint. @return false if that fails.
   bool set(pid_t task);
 
-  /// Whether the task stopped for it. If so it is gone, and the task goes on as if it had never been.
+  /// Returns whether the task stopped at the breakpoint. If so, removes it, so that the task can continue normally.
   bool hit(pid_t task);
 
  private:

@@ -19,19 +19,19 @@
 namespace {
 
 constexpr int kCannotStart = 127;
-constexpr int kCallStop = SIGTRAP | 0x80;  // PTRACE_O_TRACESYSGOOD marks the stops at calls so
+constexpr int kCallStop = SIGTRAP | 0x80;  // the signal of stops at calls, due to PTRACE_O_TRACESYSGOOD
 
-/// A process or thread that is traced.
+/// A traced process or thread.
 struct Traced {
   size_t process = 0;
-  bool isCounted = true;  // what it does counts: its program has begun
-  uint64_t calls = 0;     // how many it has made
+  bool isCounted = true;  // its calls count, because its program has begun
+  uint64_t calls = 0;     // number of counted calls so far
   EntryBreakpoint entry;
-  std::optional<size_t> open;  // the call that it is in, an index of the records
-  bool isChosen = false;       // and that is the one at which the fault takes place
+  std::optional<size_t> open;  // index of the record of the current call
+  bool isChosen = false;       // the current call is the one with the fault
   bool isShortened = false;
-  uint64_t shortened = 0;  // address of a buffer's length that was changed
-  uint64_t length = 0;     // and what it was
+  uint64_t shortened = 0;  // address of the buffer length that the tracer changed
+  uint64_t length = 0;     // its old value
 };
 
 class Tracer {
@@ -44,7 +44,7 @@ class Tracer {
     for (;;) {
       int status = 0;
       const pid_t id = waitpid(-1, &status, __WALL);
-      if (id < 0 && errno != EINTR) break;  // nobody is left
+      if (id < 0 && errno != EINTR) break;  // no traced process is left
       if (!isEnding_ && std::chrono::steady_clock::now() > end) {
         outcome_.end = Outcome::End::hang;
         isHanging_ = true;
@@ -85,7 +85,7 @@ class Tracer {
     return false;
   }
 
-  // The child: waits until it is traced.
+  // Runs in the child: waits until it is traced, then starts the command.
   [[noreturn]] void runCommand(int gate, int otherEnd) const {
     close(otherEnd);
     char byte;
@@ -99,7 +99,7 @@ class Tracer {
     _exit(kCannotStart);
   }
 
-  // Interrupts waitpid() again and again, so that a time-out is seen however the signal falls.
+  // Interrupts waitpid() repeatedly, so that the time limit is noticed even if one signal arrives too early.
   static void wakeUpNowAndThen() {
     struct sigaction action = {};
     action.sa_handler = [](int) {};
@@ -146,7 +146,7 @@ class Tracer {
 
   Traced& known(pid_t id) {
     const auto [place, isNew] = traced_.try_emplace(id);
-    if (isNew) place->second.process = ++processes_;  // its program runs since long: loaders start no processes
+    if (isNew) place->second.process = ++processes_;  // its program has begun: dynamic loaders start no processes
     return place->second;
   }
 
@@ -167,7 +167,7 @@ class Tracer {
   }
 
   void handleExec(pid_t id, Traced& traced) {
-    unsigned long former = 0;  // a thread that starts a program gets the number of its process
+    unsigned long former = 0;  // a thread that starts a program gets the identifier of its process
     ptrace(PTRACE_GETEVENTMSG, id, nullptr, &former);
     if (static_cast<pid_t>(former) != id) {
       const auto place = traced_.find(static_cast<pid_t>(former));
@@ -212,7 +212,7 @@ class Tracer {
         killAll();
         break;
       case Fault::error:
-        // Linux has given up the descriptor when closing it fails.
+        // Linux releases the descriptor even if close() fails, so the call is made.
         outcome_.isHit = std::strcmp(call->name, "close") == 0 || skipCall(id);
         break;
       case Fault::shortTransfer:
@@ -228,7 +228,7 @@ class Tracer {
     if (call.count >= 0) {
       const uint64_t count = stop.arguments[static_cast<size_t>(call.count)];
       traced.isShortened = count >= 2 && setArgument(id, call.count, count / 2);
-    } else if (call.buffers >= 0) {  // half of the first buffer alone
+    } else if (call.buffers >= 0) {  // transfers half of the first buffer only
       const uint64_t address = stop.arguments[static_cast<size_t>(call.buffers)];
       iovec first = {};
       if (!readMemory(id, address, &first, sizeof first) || first.iov_len < 2) return false;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Runs a command, counts the system calls of all its processes and threads, and does one thing at one of them.
+// Runs a command, counts the system calls of all its processes and threads, and injects one fault at one of them.
 #pragma once
 
 #include <sys/types.h>
@@ -13,23 +13,23 @@
 #include "Calls.h"
 #include "Tracee.h"
 
-/// What happens at the chosen call.
+/// The fault at the chosen call.
 enum class Fault { none, error, shortTransfer, killBefore, killAfter };
 
 struct Task {
   std::vector<std::string> command;
-  uint64_t at = 0;       ///< number of the call, from 1 on
-  uint64_t process = 0;  ///< whose call it is, see CallRecord; 0 for a number that goes through all processes
+  uint64_t at = 0;       ///< number of the call, from 1
+  uint64_t process = 0;  ///< the call's process, as in CallRecord; 0 if `at` counts the calls of all processes
   Fault fault = Fault::none;
   int error = 0;                   ///< errno of Fault::error
-  double seconds = 60;             ///< after which everything is ended
-  bool fromStart = false;          ///< counts what the dynamic loader does, too
-  std::vector<std::string> calls;  ///< names of the calls to count; all of them where it is empty
+  double seconds = 60;             ///< time limit; then all processes are killed
+  bool fromStart = false;          ///< also counts the calls of the dynamic loader
+  std::vector<std::string> calls;  ///< names of the calls to count; empty for all
 };
 
 /// A counted call.
 struct CallRecord {
-  size_t process = 0;  ///< 1 for the command itself, its children in the order of their first stop
+  size_t process = 0;  ///< 1 for the command, higher numbers for its children in the order of their first stop
   const Call* call = nullptr;
   std::string file;
   std::string other;
@@ -42,14 +42,14 @@ struct CallRecord {
 
 struct Outcome {
   enum class End { exited, signalled, killed, hang, failed };
-  End end = End::failed;    ///< of the command's own process; `killed` by the fault; `failed`: it could not be traced
+  End end = End::failed;    ///< end of the command's own process; `killed`: by the fault; `failed`: tracing failed
   int status = 0;           ///< exit status or signal
-  bool isHit = false;       ///< the chosen call was made and the fault took place
-  size_t chosen = 0;        ///< number of the chosen call in `calls`, from 1 on; 0 where it was not made
-  int childrenByCrash = 0;  ///< other processes of it that a signal ended, which was none of the tracer's
-  std::string reason;       ///< of `failed`
+  bool isHit = false;       ///< the process reached the chosen call, and the fault was injected
+  size_t chosen = 0;        ///< number of the chosen call in `calls`, from 1; 0 if it was not reached
+  int childrenByCrash = 0;  ///< number of child processes that a signal ended, except signals of the tracer
+  std::string reason;       ///< the reason for `failed`
   std::vector<CallRecord> calls;
 };
 
-/// Runs a command to its end.
+/// Runs a command to its end under the tracer.
 Outcome trace(const Task& task);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// fault_tracer: counts the system calls of a command and fails, shortens or kills at one of them.
+// fault_tracer: counts the system calls of a command and injects a fault at one of them.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -17,23 +17,23 @@ namespace {
 
 constexpr int kUsage = 125;
 constexpr int kHang = 124;
-constexpr int kSignal = 128;  // added to a signal's number, as shells do
+constexpr int kSignal = 128;  // added to a signal's number, as in shells
 
 constexpr const char* kHelp =
     "usage: fault_tracer [OPTIONS] -- COMMAND [ARGUMENTS]\n"
     "Runs a command and counts the system calls of all its processes that work on files, disks and processes.\n"
     "\n"
-    "  --report FILE     write how it ended, and each counted call with the file behind its descriptor\n"
-    "  --calls A,B       count these calls alone (--names lists them all)\n"
-    "  --from-start      count what the dynamic loader does as well\n"
-    "  --timeout SECONDS end everything after that time and report a hang (60)\n"
-    "  --at N, --at P:N  at call N, counted from 1, or at call N of process P, do one of these:\n"
-    "    --error ERRNO     fail it, a number or EIO, ENOSPC, ...\n"
-    "    --short           transfer half of its bytes\n"
-    "    --kill-before     end all processes, and the call is not made\n"
-    "    --kill-after      end all processes behind the call\n"
+    "  --report FILE     write how the command ended, and each counted call with its file\n"
+    "  --calls A,B       count only these calls (--names lists all)\n"
+    "  --from-start      also count the calls of the dynamic loader\n"
+    "  --timeout SECONDS kill all processes after that time and report a hang (default: 60)\n"
+    "  --at N, --at P:N  inject a fault at call N, counted from 1, or at call N of process P:\n"
+    "    --error ERRNO     the call fails; ERRNO is a number or a name such as EIO\n"
+    "    --short           the call transfers half of its bytes\n"
+    "    --kill-before     all processes are killed before the call is made\n"
+    "    --kill-after      all processes are killed after the call\n"
     "\n"
-    "Exit status: the command's; 128 and the signal's number; 124 for a hang; 125 where it cannot be traced.\n";
+    "Exit status: the command's; 128 plus the number of a signal; 124 for a hang; 125 if the tracer itself fails.\n";
 
 int errorOf(const std::string& name) {
   for (int error = 1; error < 200; ++error) {
@@ -41,7 +41,7 @@ int errorOf(const std::string& name) {
     if (known != nullptr && name == known) return error;
   }
   const int error = std::atoi(name.c_str());
-  if (error <= 0) throw std::invalid_argument("no error: " + name);
+  if (error <= 0) throw std::invalid_argument("unknown error: " + name);
   return error;
 }
 
@@ -55,7 +55,7 @@ std::vector<std::string> namesOf(const std::string& list) {
   for (const std::string& name : names) {
     bool isKnown = false;
     for (const Call& call : countedCalls()) isKnown = isKnown || name == call.name;
-    if (!isKnown) throw std::invalid_argument("no call that can be counted: " + name);
+    if (!isKnown) throw std::invalid_argument("not a counted call: " + name);
   }
   return names;
 }
@@ -104,12 +104,12 @@ Options parse(int argc, char** argv) {
   options.task.command.assign(argv + at, argv + argc);
   if (options.task.command.empty()) throw std::invalid_argument("no command");
   if ((options.task.at == 0) != (options.task.fault == Fault::none)) {
-    throw std::invalid_argument("--at and what to do there go together");
+    throw std::invalid_argument("--at and a fault need each other");
   }
   return options;
 }
 
-// A text in one field of a line.
+// Escapes text so that it fits into one field of a line.
 std::string field(const std::string& text) {
   std::string escaped;
   for (const char character : text) {
@@ -140,10 +140,10 @@ const char* nameOf(Outcome::End end) {
   return "failed";
 }
 
-// A line of facts: how the command ended, its status, whether the fault took place, how many other processes a signal
-// ended, number of the chosen call. Then a line for each call: number, process, name, file, other file, count, offset,
-// flags, result
-// ("?" where the process was ended in it). Fields are separated by tabs.
+// Writes a file of lines with fields separated by tabs. The first line describes the run: how the command ended, its
+// status, whether the fault took place, the number of other processes that a signal ended, the number of the chosen
+// call. Each other line describes a call: number, process, name, file, other file, count, offset, flags, result ("?" if
+// the process ended during the call).
 bool writeReport(const std::string& path, const Outcome& outcome) {
   std::ofstream file(path);
   file << nameOf(outcome.end) << '\t' << outcome.status << '\t' << (outcome.isHit ? "hit" : "not hit") << '\t'

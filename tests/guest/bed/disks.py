@@ -1,14 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
 """
-The guest's disks: image files made on the host with general tools.
+The guest's disks: image files that general tools make on the host.
 
     vda  a Mac disk: EFI, HFS+, Windows (NTFS), exFAT and FAT volumes
     vdb  another: EFI and a smaller Windows volume
-    vdc  a disk that cannot be written: an EFI and a Windows volume
+    vdc  a read-only disk: an EFI and a Windows volume
     vdd  a PC's disk: EFI, Windows and its boot partition (NTFS), Linux (ext4) and an installer (FAT)
     vde  an older PC's disk, with an MBR: Windows (exFAT) and its boot partition (NTFS)
 
-Windows' registry hives are made on the host, too, beside the disks.
+The registry hives of Windows are also made on the host, in files beside the disks.
 """
 
 import os
@@ -71,7 +71,7 @@ def _make_ext4(path, sectors, label):
 
 
 def _make_mbr_disk(path, sectors, slices):
-    """A sparse disk image with an MBR; its first slice is the active one."""
+    """Makes a sparse disk image with an MBR. Its first slice is active."""
     with open(path, "xb") as image:
         image.truncate(sectors * samples.SECTOR)
     lines = [f"start={part.first}, size={part.sectors}, type={part.code}" for part in slices]
@@ -88,7 +88,7 @@ class _AppleMap:
         self._path = path
 
     def hfs_plus(self):
-        """Bytes of the partition of type Apple_HFS."""
+        """Returns the bytes of the partition of type Apple_HFS."""
         with open(self._path, "rb") as image:
             number, count = 1, 1
             while number <= count:
@@ -106,9 +106,9 @@ class _AppleMap:
 
 def _make_hfs_plus(path, sectors, folder):
     """
-    An HFS+ volume with one file and the rest of the partition filled by another. There is no mkfs for HFS+ in the
-    distribution; xorriso makes the volume for hybrid CD images, locked and without free blocks. Its second header lies
-    at the end of the partition, hence the filler: it is measured first with an empty one.
+    Makes an HFS+ volume with one file and a filler file. The distribution has no mkfs for HFS+, but xorriso makes such
+    volumes for hybrid CD images, locked and without free blocks. The volume's second header must be at the end of the
+    partition, so the filler takes the rest of the partition. A first volume with an empty filler shows its size.
     """
     content = os.path.join(folder, "content")
     os.mkdir(content)
@@ -156,7 +156,7 @@ def _make_pcs(pc, old_pc, volume):
 
 
 def _make_hives(folder):
-    """One SOFTWARE hive for each release of Windows; their paths by the releases' names."""
+    """Makes one SOFTWARE hive for each release of Windows. Returns their paths by release."""
     os.mkdir(folder)
     return {release: hives.make_software_hive(os.path.join(folder, release), values)
             for release, values in hives.RELEASES.items()}
@@ -164,8 +164,8 @@ def _make_hives(folder):
 
 def make_disks(folder):
     """
-    Makes the disks in `folder`. Returns them, and notes for the tests: what could not be made and why, and where the
-    hives are.
+    Makes the disks in `folder`. Returns them, and notes for the tests: what could not be made with the reason, and the
+    paths of the hives.
     """
     notes = {}
     mac, second, locked = (os.path.join(folder, name) for name in ("mac.img", "second.img", "locked.img"))
@@ -211,6 +211,6 @@ def make_disks(folder):
 
 
 def missing_tools():
-    """Names of absent tools without which the disks cannot be made."""
+    """The names of missing tools that are needed to make the disks."""
     needed = ("sgdisk", "sfdisk", "mkfs.vfat", "mkntfs", "mkfs.exfat", "mkfs.ext4", "mcopy")
     return [name for name in needed if samples.tool(name) is None]

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """
-A driver in user space, spoken to over /dev/fuse: its volume is one empty folder, mounted from whatever name it is told.
-It can do something of the test's choice in the middle of a request. The messages are those of linux/fuse.h.
+A file-system driver in user space that talks to the kernel over /dev/fuse, with the messages of linux/fuse.h. Its volume
+is one empty folder, mounted with any source name. A test can run an action during a request.
 """
 
 import contextlib
@@ -31,7 +31,7 @@ def _check(result):
 
 
 def unmount(path, flags=0):
-    """umount2(2): no other program is run."""
+    """Unmounts by umount2(2), without running another program."""
     _check(_libc.umount2(os.fsencode(path), flags))
 
 
@@ -42,7 +42,7 @@ def _init():
 
 def _attributes():
     root = struct.pack("<6Q10I", 1, 0, 0, 0, 0, 0, 0, 0, 0, stat.S_IFDIR | 0o755, 2, 0, 0, 0, BLOCK_SIZE, 0)
-    return struct.pack("<QII", 0, 0, 0) + root  # the answer is valid for no time
+    return struct.pack("<QII", 0, 0, 0) + root  # the reply is valid for 0 seconds
 
 
 def _sizes():
@@ -54,12 +54,12 @@ _ANSWERS = {INIT: _init, GETATTR: _attributes, STATFS: _sizes, OPENDIR: lambda: 
 
 
 class Driver:
-    """Mounts its volume and serves it in a thread of its own until close()."""
+    """Mounts its volume and serves it in a separate thread until close()."""
 
     def __init__(self, source, point):
         self.point = point
         self.requests = []
-        self.failure = None  # what went wrong in an action, or in hearing requests
+        self.failure = None  # an error in an action or in reading requests
         self._actions = {}
         self._left = False
         self._device = os.open("/dev/fuse", os.O_RDWR)
@@ -69,15 +69,15 @@ class Driver:
         self._thread.start()
 
     def once(self, request, action):
-        """Runs `action` before the next request of this kind is answered."""
+        """Runs `action` once, before the driver replies to the next request of this kind."""
         self._actions[request] = action
 
     def leave(self):
-        """As an action: the driver ends without an answer, and its volume stays mounted."""
+        """An action: the driver ends without a reply, and its volume stays mounted."""
         self._left = True
 
     def close(self):
-        with contextlib.suppress(OSError):  # gone already
+        with contextlib.suppress(OSError):  # it may be unmounted already
             unmount(self.point, _MNT_DETACH)
         self._thread.join()
 
@@ -86,7 +86,7 @@ class Driver:
             while not self._left:
                 self._take(os.read(self._device, _LARGEST))
         except OSError as error:
-            if error.errno != errno.ENODEV:  # unmounted
+            if error.errno != errno.ENODEV:  # ENODEV: the volume was unmounted
                 self.failure = error
         os.close(self._device)
 
@@ -110,5 +110,5 @@ class Driver:
             self._answer(number, errno.ENOENT if request == _LOOKUP else errno.ENOSYS)
 
     def _answer(self, number, error, content=b""):
-        with contextlib.suppress(OSError):  # who asked is gone
+        with contextlib.suppress(OSError):  # the requesting process may have ended
             os.write(self._device, struct.pack("<IiQ", 16 + len(content), -error, number) + content)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the guest's tests share: the command line, the system's own mounts, and what independent tools say of disks."""
+"""Shared code of the guest's tests: running the command line, mounting by the system, and reading disks by other tools."""
 
 import contextlib
 import hashlib
@@ -25,12 +25,12 @@ def node(name):
 
 
 def unescaped(path):
-    """A path of the kernel's tables, which write some characters as octal numbers of their bytes."""
+    """Decodes a path from the kernel's mount tables, which write some bytes as octal escapes."""
     return re.sub(r"\\([0-7]{3})", lambda code: chr(int(code.group(1), 8)), path)
 
 
 def mounts_of(device):
-    """Where the kernel has a device's volume mounted: (mount point, file system, options) each."""
+    """The kernel's mounts of a device: a list of (mount point, file system, options)."""
     found = []
     with open("/proc/self/mountinfo", encoding="utf-8") as table:
         for line in table:
@@ -44,7 +44,7 @@ def mounts_of(device):
 
 
 def unmount_all():
-    """Whatever a test left mounted of the disks, the last first."""
+    """Unmounts all mounted volumes of the disks, in reverse order of mounting."""
     with open("/proc/self/mountinfo", encoding="utf-8") as table:
         places = [unescaped(line.split()[4]) for line in table if line.split(" - ")[1].split()[1].startswith("/dev/vd")]
     for place in reversed(places):
@@ -53,7 +53,7 @@ def unmount_all():
 
 @contextlib.contextmanager
 def mounted(name, *options):
-    """The volume, mounted by mount(8), for as long as the block runs; gives the mount point."""
+    """Mounts the volume by mount(8) during a with block and yields the mount point."""
     with tempfile.TemporaryDirectory(prefix="system-mount-") as point:
         samples.run("mount", *options, node(name), point)
         try:
@@ -63,7 +63,7 @@ def mounted(name, *options):
 
 
 def system_mount(name, point, *options):
-    """Mounts a volume by mount(8) in a folder, which is made if need be; gives that folder."""
+    """Mounts a volume by mount(8) in a folder, which is created if missing. Returns the folder."""
     os.makedirs(point, exist_ok=True)
     samples.run("mount", *options, node(name), point)
     return point
@@ -80,7 +80,7 @@ def read_text(path):
 
 
 def digest(device, first=0, count=None):
-    """Digest of `count` bytes, or all, from byte `first` of a device."""
+    """Digest of `count` bytes of a device from byte `first` on; by default, of all bytes."""
     result = hashlib.blake2b()
     with open(device, "rb") as file:
         file.seek(first)
@@ -95,13 +95,13 @@ def digest(device, first=0, count=None):
 
 
 def blkid(device):
-    """What libblkid's tool finds on a device by reading it, as a dictionary."""
+    """The values that blkid reads from a device, as a dictionary."""
     lines = samples.run("blkid", "--probe", "--output", "export", device).splitlines()
     return dict(line.split("=", 1) for line in lines if "=" in line)
 
 
 def blkid_label(device):
-    """The label of a device's volume, which blkid writes as it is only when it is asked for nothing else."""
+    """The label of a device's volume. blkid prints it without escapes only if no other value is requested."""
     return samples.run("blkid", "--probe", "--match-tag", "LABEL", "--output", "value", device).removesuffix("\n")
 
 
@@ -132,26 +132,26 @@ class CommandTest(unittest.TestCase):
         return result
 
     def refused(self, *arguments, **options):
-        """Runs a command that must be refused; returns its sentence."""
+        """Runs a command that must be refused. Returns its message."""
         result = self.vorlix(*arguments, status=2, **options)
         self.assertRegex(result.stderr, r"(?m)^vorlix: .+: .+; .+$")
         return result.stderr
 
 
 class GuestTest(CommandTest):
-    """What a test leaves mounted is unmounted after it."""
+    """Unmounts after each test what the test left mounted."""
 
     def setUp(self):
         folder = tempfile.TemporaryDirectory(prefix="guest-")
         self.addCleanup(folder.cleanup)
-        self.addCleanup(unmount_all)  # comes first: a volume may be mounted in the folder
+        self.addCleanup(unmount_all)  # runs before the folder's removal, because a volume may be mounted in it
         self.folder = folder.name
 
     def path(self, name):
         return os.path.join(self.folder, name)
 
     def mount_at(self, name, place, *options):
-        """Mounts a volume by mount(8) in a folder below the test's own; gives the mount point."""
+        """Mounts a volume by mount(8) in a folder below the test's folder. Returns the mount point."""
         return system_mount(name, self.path(place), *options)
 
     def mount(self, device, *options):

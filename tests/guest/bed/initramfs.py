@@ -1,12 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The guest's first root: busybox, the modules and the scripts, as a cpio archive of the kernel's "newc" form."""
+"""The guest's initial root: busybox, the modules and the scripts, as a cpio archive in the "newc" format."""
 
 import os
 import stat
 
 
 class Initramfs:
-    """An uncompressed archive: an emulated processor would take longer to decompress one than to read it."""
+    """An uncompressed archive: for an emulated processor, decompressing takes longer than reading."""
 
     def __init__(self, path):
         self._file = open(path, "wb")

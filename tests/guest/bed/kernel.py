@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The distribution's stock kernel: its package fetched and unpacked into a cache folder, never installed."""
+"""The distribution's kernel: its package is downloaded and unpacked in a cache folder, never installed."""
 
 import json
 import os
@@ -12,8 +12,8 @@ from dataclasses import dataclass
 
 META_PACKAGE = "linux-image-amd64"
 
-# What the guest needs to reach the host's files, to see the disks and to mount their volumes. The code pages are listed
-# because the kernel would look for them by itself with a modprobe that the guest does not have; so is ext4's checksum.
+# The modules that the guest needs for the host's files, the disks and their volumes. The kernel would load the code pages
+# and ext4's checksum by modprobe, which the guest does not have, so they are listed too.
 WANTED_MODULES = ("virtio_pci", "virtio_blk", "9p", "9pnet_virtio", "overlay", "loop", "fuse", "vfat", "exfat",
                   "hfsplus", "ext4", "crc32c_generic", "nls_cp437", "nls_iso8859-1", "nls_ascii", "nls_utf8")
 
@@ -21,15 +21,15 @@ _DECOMPRESSORS = {".xz": ("xz", "-dc"), ".zst": ("zstd", "-dc"), ".gz": ("gzip",
 
 
 class Unavailable(Exception):
-    """The machine cannot get what the guest needs; the reason is for people."""
+    """The host cannot get what the guest needs. The text is a reason for users."""
 
 
 @dataclass(frozen=True)
 class Kernel:
     package: str  # name_version_architecture
-    release: str  # as uname -r says
+    release: str  # as printed by uname -r
     image: str  # path of vmlinuz
-    modules: tuple[str, ...]  # paths, in the order in which they must be loaded
+    modules: tuple[str, ...]  # paths in loading order
 
 
 def _apt(command, options, *arguments, **keywords):
@@ -38,15 +38,15 @@ def _apt(command, options, *arguments, **keywords):
 
 
 class _Archive:
-    """The package archive, seen through package lists of the system or of the cache folder's own."""
+    """The package archive, with the package lists of the system or of the cache folder."""
 
     def __init__(self, options=()):
-        # Root may download into a folder of root's; without this, apt warns that its own user may not.
+        # Lets root download into a folder of root. Otherwise apt warns that its sandbox user cannot write there.
         self.options = (*options, "-q", "-o", "APT::Sandbox::User=root")
 
     @classmethod
     def with_own_lists(cls, folder):
-        """Fetches the package lists into `folder`, which needs no rights and leaves the system's own as they are."""
+        """Downloads the package lists to `folder`. That needs no root and does not change the system's lists."""
         for sub_folder in ("lists/partial", "archives/partial"):
             os.makedirs(os.path.join(folder, sub_folder), exist_ok=True)
         archive = cls(("-o", f"Dir::State::lists={folder}/lists", "-o", f"Dir::Cache={folder}",
@@ -57,7 +57,7 @@ class _Archive:
         return archive
 
     def newest(self):
-        """Name of the package that the meta package stands for."""
+        """Name of the package on which the meta package depends."""
         result = _apt("apt-cache", self.options, "--important", "depends", META_PACKAGE)
         found = re.search(r"Depends: (linux-image-\S+)", result.stdout)
         if not found:
@@ -68,7 +68,7 @@ class _Archive:
         result = _apt("apt-get", self.options, "--print-uris", "download", package)
         found = re.search(r"' (\S+\.deb) ", result.stdout)
         if not found:
-            raise Unavailable(f"apt cannot tell where {package} is: {_last_line(result.stderr)}")
+            raise Unavailable(f"apt has no address for {package}: {_last_line(result.stderr)}")
         return found.group(1)
 
     def download(self, package, folder):
@@ -95,14 +95,14 @@ def _read_module(path):
 
 
 def _dependencies(module):
-    """What a module says of itself: the package has no modules.dep, which depmod makes at installation."""
+    """Dependencies of a module, from the module itself: the package lacks modules.dep, which depmod would create."""
     found = re.search(rb"\0depends=([^\0]*)\0", module)
     names = found.group(1).decode("ascii") if found else ""
     return [name.replace("-", "_") for name in names.split(",") if name]
 
 
 def load_order(folder, wanted):
-    """Contents of the wanted modules and of all that they depend on, by name, dependencies first."""
+    """The wanted modules and their dependencies as {name: content}, dependencies first."""
     files = {}
     for parent, _, names in os.walk(os.path.join(folder, "kernel")):
         files.update({_module_name(name): os.path.join(parent, name) for name in names if ".ko" in name})
@@ -126,7 +126,7 @@ def load_order(folder, wanted):
 
 
 def _unpack(package_file, folder):
-    """Fills `folder` with the kernel image and the modules the guest needs, and the list of what they are."""
+    """Fills `folder` with the kernel image, the modules that the guest needs, and a list of these files."""
     with tempfile.TemporaryDirectory(dir=os.path.dirname(folder)) as whole:
         subprocess.run(["dpkg-deb", "-x", package_file, whole], check=True)
         modules_folder = next(path for path in (os.path.join(whole, "lib/modules"), os.path.join(whole, "usr/lib/modules"))
@@ -142,7 +142,7 @@ def _unpack(package_file, folder):
 
 
 def _cached(folder):
-    """The kernel that a cache folder holds; None when there is none with all the modules that are wanted now."""
+    """The kernel in a cache folder; None if there is none with all the modules that are wanted now."""
     try:
         with open(os.path.join(folder, "contents.json"), encoding="utf-8") as file:
             contents = json.load(file)
@@ -180,15 +180,15 @@ def _any_cached(cache):
 
 def fetch_kernel(cache):
     """
-    The newest stock kernel that the distribution offers. Package lists that are missing or behind the archive are made
-    good for in the cache folder. Where the archive cannot be reached, the last kernel fetched serves; where there is
-    none either, Unavailable tells why.
+    Returns the newest kernel of the distribution. If the system's package lists are missing or outdated, downloads lists
+    to the cache folder. If the archive cannot be reached, returns the last downloaded kernel. Raises Unavailable if there
+    is none either.
     """
     if platform.machine() != "x86_64":
-        raise Unavailable(f"the guest is an x86-64 machine that runs the host's programs, and this is {platform.machine()}")
+        raise Unavailable(f"the guest runs the host's programs and needs an x86-64 host, not {platform.machine()}")
     for tool in ("apt-get", "apt-cache", "dpkg-deb"):
         if not shutil.which(tool):
-            raise Unavailable(f"{tool} is not there to fetch the distribution's kernel")
+            raise Unavailable(f"{tool} is missing, which is needed to download the distribution's kernel")
     os.makedirs(cache, exist_ok=True)
     try:
         return _fetch_from(_Archive(), cache)
@@ -200,5 +200,5 @@ def fetch_kernel(cache):
         kernel = _any_cached(cache)
         if not kernel:
             raise
-        print(f"guest: {reason}; the kernel fetched last serves")
+        print(f"guest: {reason}; using the last downloaded kernel")
         return kernel

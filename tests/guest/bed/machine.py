@@ -7,7 +7,7 @@ import time
 
 from bed.report import Report
 
-_POLL = 0.1  # seconds between looks at the second serial port
+_POLL = 0.1  # seconds between reads of the second serial port's file
 
 
 def _optional(condition, text):
@@ -15,7 +15,7 @@ def _optional(condition, text):
 
 
 def command(kernel, initramfs, disks, serial_ports, shell):
-    """QEMU's command line. The host's root folder goes in read-only; what is written to the disks is not synced."""
+    """QEMU's command line. The guest gets the host's root folder read-only. Writes to the disks are not synced."""
     line = ["qemu-system-x86_64", "-accel", "tcg", "-cpu", "max,la57=off", "-m", "1G", "-smp", "1", "-nodefaults",
             "-display", "none", "-no-reboot", "-nic", "none", "-device", "virtio-rng-pci",
             "-kernel", kernel.image, "-initrd", initramfs,
@@ -37,8 +37,8 @@ def run_shell(line):
 
 def run_tests(line, results, limit):
     """
-    Runs the machine until it ends or for `limit` seconds, and prints what its second serial port, the file `results`,
-    has for people as it comes. Returns the report and whether the machine had to be stopped.
+    Runs the machine until it ends or for `limit` seconds. Meanwhile prints the reports from its second serial port, which
+    is the file `results`. Returns the report and whether the machine had to be stopped.
     """
     report = Report()
     deadline = time.monotonic() + limit
@@ -61,7 +61,7 @@ def run_tests(line, results, limit):
 
 
 class _LineReader:
-    """Reads whole lines from a file that grows."""
+    """Reads complete lines from a growing file."""
 
     def __init__(self, file):
         self._file = file

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """
-Runs the tests inside the guest, all in this one process, and writes what became of each to the second serial port.
+Runs all tests inside the guest in this one process, and writes the results to the second serial port.
 
     runner.py SETTINGS OUTPUT
 """
@@ -14,7 +14,7 @@ import unittest
 
 
 class Report(unittest.TestResult):
-    """One line for each test, and below a failure the lines of its traceback."""
+    """Writes one line for each test, and the traceback after a failure."""
 
     def __init__(self, output):
         super().__init__()
@@ -61,7 +61,7 @@ class Report(unittest.TestResult):
         self.line(f"SKIP {test.id()}: failed as expected: {_one_line(str(err[1]))}")
 
     def _fail(self, test, err, text, where=""):
-        # A test has one line however often it fails; what comes after the first is detail.
+        # A test has only one FAIL line. Further failures of the test are details.
         if self._failed != test.id():
             self._failed = test.id()
             reason = _one_line(str(err[1])) or err[0].__name__

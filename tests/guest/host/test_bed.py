@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Tests of the test bed itself, on the host: what counts as a good run, the time limit, the order of modules."""
+"""Tests of the test bed on the host: what counts as a good run, the time limit, the order of modules."""
 
 import contextlib
 import io
@@ -39,19 +39,19 @@ class ReportTest(unittest.TestCase):
         self.assertEqual(report_of(lines).faults(), ["1 failed"])
 
     def test_without_its_end_it_is_not_good(self):
-        self.assertEqual(report_of(GOOD[:-1]).faults(), ["the guest did not end its tests"])
-        self.assertEqual(report_of(GOOD[:-2]).faults(), ["the guest did not end its tests; it was in a.A.three"])
+        self.assertEqual(report_of(GOOD[:-1]).faults(), ["the guest did not finish its tests"])
+        self.assertEqual(report_of(GOOD[:-2]).faults(), ["the guest did not finish its tests; it was running a.A.three"])
 
     def test_without_a_beginning_it_is_not_good(self):
-        self.assertEqual(report_of([]).faults(), ["the guest never came to its tests"])
-        self.assertEqual(report_of(GOOD[:1]).faults(), ["the guest never came to its tests"])
+        self.assertEqual(report_of([]).faults(), ["the guest did not start its tests"])
+        self.assertEqual(report_of(GOOD[:1]).faults(), ["the guest did not start its tests"])
 
     def test_no_test_at_all_is_not_good(self):
         self.assertEqual(report_of(["BEGIN 0", "END"]).faults(), ["no test has that name"])
         self.assertEqual(report_of(["BEGIN 1", "RUN a", "SKIP a: why", "END"]).faults(), ["no test ran"])
 
     def test_a_test_that_was_not_heard_of_is_missed(self):
-        self.assertEqual(report_of(GOOD[:4] + GOOD[6:]).faults(), ["2 of 3 tests were heard of"])
+        self.assertEqual(report_of(GOOD[:4] + GOOD[6:]).faults(), ["only 2 of 3 tests reported a result"])
 
     def test_details_and_results_are_for_people(self):
         report = Report()
@@ -60,7 +60,7 @@ class ReportTest(unittest.TestCase):
 
 
 class MachineTest(unittest.TestCase):
-    """A shell script stands for the machine."""
+    """A shell script takes the place of the machine."""
 
     def run_script(self, script, limit):
         with tempfile.TemporaryDirectory() as folder, contextlib.redirect_stdout(io.StringIO()) as printed:
@@ -79,7 +79,7 @@ class MachineTest(unittest.TestCase):
         report, stopped, _ = self.run_script(r"""printf 'BEGIN 1\nRUN a\n' >>"$1"; exec sleep 60""", 1)
         self.assertTrue(stopped)
         self.assertLess(time.monotonic() - begin, 30)
-        self.assertEqual(report.faults(), ["the guest did not end its tests; it was in a"])
+        self.assertEqual(report.faults(), ["the guest did not finish its tests; it was running a"])
 
 
 class InitramfsTest(unittest.TestCase):

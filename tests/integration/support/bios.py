@@ -2,8 +2,8 @@
 """
 An emulated PC with a BIOS that starts a disk and shows which volume's boot code it reached.
 
-That code is put there for the test. It prints a text and the boot sector's hidden-sectors field on the first serial
-port and ends the machine.
+The tests write that boot code. It prints a text and the boot sector's hidden-sectors field on the first serial port and
+ends the emulator.
 """
 
 import os
@@ -18,13 +18,13 @@ START_LIMIT = 30  # seconds; a start takes less than two
 ENDED_BY_VOLUME = 1  # QEMU's status when the guest writes 0 to the port of isa-debug-exit: 2 * 0 + 1
 ENDED_BY_RESET = 0  # QEMU's status when the guest resets the machine
 
-# syslinux's boot code says this when no slot is active, or when the active slot's first sector is no boot sector; it
-# then hands back to the BIOS, which has nothing else to start.
+# syslinux's boot code prints this if no slot is active, or if the active slot's first sector is not a boot sector. Then
+# it returns to the BIOS, which has nothing else to start.
 NO_SYSTEM = "Missing operating system."
 NO_DEVICE = "No bootable device."
 
 HIDDEN_SECTORS = 28  # offset of the field in a boot sector
-CODE = 84  # offset of the code in an NTFS boot sector, behind the parameter block
+CODE = 84  # offset of the code in an NTFS boot sector, after the parameter block
 CODE_END = 510
 
 # 16-bit code for offset 84 (0x54) of a boot sector loaded at 0x7C00. It prints the text that follows it, eight
@@ -72,7 +72,7 @@ PRINT_HIDDEN_SECTORS = bytes([
 
 
 def make_system(path, name):
-    """Puts the code into the boot sector of an NTFS volume, to print `name`."""
+    """Writes code that prints `name` into the boot sector of an NTFS volume."""
     if samples.read(path, 0, 3) != b"\xEB\x52\x90":
         raise AssertionError(f"{path}: no jump to offset 84")
     code = PRINT_HIDDEN_SECTORS + f"volume {name}, hidden sectors ".encode() + b"\0"
@@ -80,7 +80,7 @@ def make_system(path, name):
 
 
 def start(disk, folder):
-    """Starts the disk, with files of its own in `folder`; gives what appeared on the serial port and how it ended."""
+    """Starts the disk, with the emulator's files in `folder`. Returns the serial output and QEMU's status."""
     serial = os.path.join(folder, "serial")
     command = [
         QEMU, "-accel", "tcg", "-m", "32", "-nodefaults", "-nographic",  # the BIOS then prints on COM1 too
@@ -102,5 +102,5 @@ def start(disk, folder):
 
 
 def started_volumes(text):
-    """The volumes that told their name and hidden-sectors field: [(name, eight hexadecimal digits)]."""
+    """The volumes that printed their name and hidden-sectors field: [(name, eight hexadecimal digits)]."""
     return re.findall(r"volume (\w+), hidden sectors ([0-9A-F]{8})\n", text)

@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-"""GPTs and MBRs written with the standard library, and the hybrid MBR that a GPT asks for.
+"""Writes GPTs and MBRs, and computes the hybrid MBR for a GPT.
 
-Nothing here is taken from the library under test: layouts are those of the UEFI Specification 2.10, sections 5.2 and 5.3,
-and the rules of the hybrid MBR are stated once more beside the code that follows them. Fields keep the widths they have
-in memory and on disk, since some of the rules are about what happens to a number that does not fit.
+This module shares no code with the library under test. Layouts follow the UEFI Specification 2.10, sections 5.2 and 5.3.
+The rules of the hybrid MBR are stated here again, beside the code that applies them. Fields have the same widths as in
+memory and on disk, because some rules concern numbers that do not fit.
 """
 
 import dataclasses
@@ -32,8 +32,7 @@ CORE_STORAGE = "53746F72-6167-11AA-AA11-00306543ECAC"
 UFS = "55465300-0000-11AA-AA11-00306543ECAC"
 LINUX = "0FC63DAF-8483-4772-8E79-3D69D8477DE4"
 
-# MBR type by GPT type. UFS has a number of its own, 0xA8, which is not used unless a host asks for it: like any unknown
-# type it becomes 0.
+# MBR type by GPT type. UFS is missing: unless a host asks for its type 0xA8, it becomes 0, like any unknown type.
 MBR_TYPES = {
     BASIC_DATA: 0x07,
     HFS_PLUS: 0xAF,
@@ -47,7 +46,7 @@ MBR_TYPES = {
 
 
 def guid_bytes(text):
-    """A GUID as it stands on disk: three little-endian groups, then two as they are written."""
+    """The on-disk bytes of a GUID: three little-endian groups, then two big-endian ones."""
     return uuid.UUID(text).bytes_le
 
 
@@ -68,7 +67,7 @@ def signed32(value):
 
 
 def truncated_quotient(dividend, divisor):
-    """Division as machines do it: towards zero, also below zero."""
+    """Integer division that rounds towards zero, as in C."""
     quotient = abs(dividend) // abs(divisor)
     return quotient if (dividend < 0) == (divisor < 0) else -quotient
 
@@ -76,8 +75,7 @@ def truncated_quotient(dividend, divisor):
 def chs(lba):
     """Cylinder, head and sector of a signed 32-bit sector number with 255 heads and 63 sectors.
 
-    From 1024 cylinders on, the cylinder is 1023 while head and sector stay what they are. A number below zero is not
-    held to anything.
+    A cylinder above 1023 becomes 1023; head and sector stay. The results for a negative number are not limited.
     """
     cylinder = truncated_quotient(lba, 255 * 63)
     rest = lba - cylinder * 255 * 63
@@ -110,13 +108,14 @@ class Slot:
 
 
 def stored_chs(place):
-    """What is left of a place in the widths of the record."""
+    """A cylinder, head and sector truncated to the widths of the record."""
     cylinder, head, sector = place
     return cylinder & 0xFFFF, head & 0xFF, sector & 0xFF
 
 
 def encode_chs(place):
-    """Head; sector with the cylinder's bits 8 and 9 on top of it; the cylinder's low bits. The sector is not masked."""
+    """Three bytes: head; sector ORed with the cylinder's bits 8 and 9; the cylinder's low 8 bits. The sector is not
+    masked."""
     cylinder, head, sector = place
     return bytes([head, (sector | (cylinder >> 2) & 0xC0) & 0xFF, cylinder & 0xFF])
 
@@ -158,10 +157,10 @@ def slot_for(entry, is_active):
 
 
 def hybrid_slots(entries, active, type_override=None):
-    """The four slots that a GPT asks for, by position.
+    """The four slots of the hybrid MBR for a GPT.
 
-    entries: list whose item k is entry k + 1 or None; only the first four count. active: number of the slot to mark.
-    type_override: the type of the slot `active`, if it is not to be the one that follows from the entry.
+    entries: list whose item k is entry k + 1 or None; only the first four count. active: number of the active slot.
+    type_override: the type of the slot `active`; by default it follows from the entry.
     """
     first_four = (list(entries) + [None] * 4)[:4]
     slots = [slot_for(entry, number == active) for number, entry in enumerate(first_four, 1)]
@@ -171,19 +170,19 @@ def hybrid_slots(entries, active, type_override=None):
 
 
 def guard_slots(entries, last_usable):
-    """A guard MBR: slot 1 keeps type and first LBA, both its ends are 1023/254/63, and it covers the whole disk."""
+    """A guard MBR: slot 1 keeps type and first LBA, its start and end CHS are 1023/254/63, and it covers the disk."""
     first = hybrid_slots(entries, 0)[0]
     beyond = (1023, 254, 63)
     return [dataclasses.replace(first, flag=0, start=beyond, end=beyond, size=low32(last_usable + 33)), Slot(), Slot(), Slot()]
 
 
 def sector0(boot_code, slots):
-    """512 bytes: the first 446 bytes of the boot code, zeros for what it lacks; the slots; 55 AA."""
+    """512 bytes: the first 446 bytes of the boot code, padded with zeros; the slots; 55 AA."""
     return boot_code[:BOOT_CODE_SIZE].ljust(BOOT_CODE_SIZE, b"\0") + b"".join(slot.encode() for slot in slots) + b"\x55\xAA"
 
 
 def protective_sector0(blocks):
-    """The MBR that a partitioning tool leaves beside a GPT."""
+    """The protective MBR that a partitioning tool writes with a GPT."""
     slot = Slot(0, 0xEE, 1, min(blocks - 1, 0xFFFFFFFF), (0, 0, 2), (1023, 255, 63))
     return sector0(b"", [slot, Slot(), Slot(), Slot()])
 
@@ -213,7 +212,7 @@ class Entry:
 
 @dataclasses.dataclass
 class Table:
-    """A GPT and the size of its disk. Item k of `entries` is entry k + 1, or None where it is unused."""
+    """A GPT and the size of its disk. Item k of `entries` is entry k + 1, or None if that is unused."""
 
     block_size: int = 512
     blocks: int = 131072
@@ -221,7 +220,7 @@ class Table:
     count: int = 128
     entry_lba: int = 2
     disk_guid: str = "A50D3F86-0A2D-4A8B-B1C5-6F7E8D9C0B1A"
-    claimed_count: int = None  # what the header says, where that is not `count`
+    claimed_count: int = None  # the count in the header, if it differs from `count`
     claimed_entry_lba: int = None
 
     @property
@@ -267,7 +266,7 @@ class Table:
         return used.ljust(self.count * ENTRY_SIZE, b"\0")
 
     def write(self, path, mbr=None):
-        """Writes a sparse disk-image file: MBR (a protective one unless given), GPT and the GPT's second copy."""
+        """Writes a sparse disk-image file: MBR (by default a protective one), GPT and the backup GPT."""
         table = self.table_bytes()
         claimed = self.entry_lba if self.claimed_entry_lba is None else self.claimed_entry_lba
         last = self.blocks - 1

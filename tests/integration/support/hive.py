@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """
-Registry hives, the form of boot configuration stores, with chosen cells at chosen places.
+Registry hives, the format of boot configuration stores, with given cells at given places.
 
-The layout is the one that the hivex library's documentation and the Windows registry file format specification (Suhanov)
-describe: a base block of 4096 bytes, bins of whole pages behind it, in them cells of 8-byte multiples that start with
-their size, negative while in use. Offsets within a hive count from the end of the base block.
+The layout follows the hivex library's documentation and the Windows registry file format specification (Suhanov): a base
+block of 4096 bytes, then bins of whole pages. Bins consist of cells. A cell's size is a multiple of 8 bytes; the cell
+starts with it, negative if the cell is in use. Offsets within a hive count from the end of the base block.
 """
 
 import struct
@@ -20,10 +20,10 @@ DISK_IN_ELEMENT = 0x38
 
 
 def device_element(partition=bytes(16), disk=bytes(16), mbr=False):
-    """The data of a device element: a partition, told by its GUID and its disk's."""
+    """The data of a device element: a partition, identified by its GUID and its disk's GUID."""
     return (
         bytes(16)
-        + struct.pack("<IIII", 6, 0, 0x48, 0)  # a partition; no flags; the length from here on
+        + struct.pack("<IIII", 6, 0, 0x48, 0)  # type: partition; flags: none; length from the type on
         + partition
         + struct.pack("<II", 0, int(mbr))
         + disk
@@ -31,7 +31,7 @@ def device_element(partition=bytes(16), disk=bytes(16), mbr=False):
     )
 
 
-# Where the device elements of a store have their partition GUID. The disk's stands 24 bytes on.
+# File offsets of the partition GUID in the device elements of a store. The disk's GUID follows 24 bytes later.
 ELEMENTS = {
     "standard": (10492, 10740, 5828 - 24, 7900 - 24, 9372 - 24),
     "mdt": (8792, 10200, 14124, 11908),
@@ -40,7 +40,7 @@ ELEMENTS = {
 
 
 def checksum(base_block):
-    """Of the first 508 bytes."""
+    """The checksum of a base block's first 508 bytes."""
     result = 0
     for word in struct.unpack_from("<127I", base_block):
         result ^= word
@@ -48,9 +48,9 @@ def checksum(base_block):
 
 
 def prepared_store(content, *modes):
-    """Bytes with the headers of a hive, and with the descriptor of a partition in every place of the modes.
+    """Adds the headers of a hive, and a partition's descriptor at every place of the modes.
 
-    For what goes by places and headers alone: the keys are missing.
+    The result has no keys. It serves tests of code that looks at places and headers only.
     """
     content = bytearray(content)
     for mode in modes:
@@ -66,19 +66,20 @@ def prepared_store(content, *modes):
 
 
 class Hive:
-    """Cells are placed behind one another, but for data that is given a place in the file."""
+    """A hive under construction. Each cell follows the last one, except for data with a given file offset."""
 
     def __init__(self, size, first_free):
         self.bytes = bytearray(size)
         self.next = first_free
         self.taken = []  # (offset, length) of cells, from the start of the file
         self.keys = 0
-        # A security descriptor without owner and rules, which all keys share; it is its own neighbour in the list.
+        # All keys share one security descriptor, without owner and rules. The list of descriptors is circular, so it is
+        # its own neighbour.
         descriptor = struct.pack("<BBHIIII", 1, 0, 0x8000, 0, 0, 0, 0)
         self.security = self.cell(struct.pack("<2sHIIII", b"sk", 0, 0, 0, 0, len(descriptor)) + descriptor)
 
     def cell(self, data, data_offset=None):
-        """Adds a cell and returns its offset within the hive. data_offset: where in the file its data is to stand."""
+        """Adds a cell and returns its offset within the hive. data_offset: the wanted file offset of its data."""
         length = -(-(len(data) + 4) // 8) * 8
         if data_offset is None:
             at = self.next
@@ -97,7 +98,7 @@ class Hive:
         return self.cell(struct.pack("<2sHIIIHH", b"vk", len(text), len(data), where, REG_BINARY, 1, 0) + text)
 
     def key(self, name, children=(), values=(), root=False):
-        """children: (name, offset) of keys, sorted by name. Parents are filled in when they are made."""
+        """Adds a key. children: (name, offset) of keys, sorted by name; sets their parent to this key."""
         text = name.encode("ascii")
         lists = NONE, NONE
         if children:
@@ -115,7 +116,7 @@ class Hive:
         return at
 
     def finish(self, root):
-        """The hive with its headers, and with free cells between those in use."""
+        """Returns the hive with its headers, and with free cells between those in use."""
         struct.pack_into("<III", self.bytes, PAGE + self.security + 8, self.security, self.security, self.keys)
         struct.pack_into("<4sIIQ", self.bytes, PAGE, b"hbin", 0, len(self.bytes) - PAGE, 0)
         free = PAGE + BIN_HEADER
@@ -130,13 +131,13 @@ class Hive:
 
 
 def empty_hive():
-    """A hive with a root key and nothing in it."""
+    """A hive with an empty root key."""
     hive = Hive(2 * PAGE, PAGE + BIN_HEADER)
     return hive.finish(hive.key("root", root=True))
 
 
 def store_with_elements(places, size=5 * PAGE):
-    """A store whose device elements have their data at the given places: one object with elements 11000001 and on."""
+    """A store with one object whose device elements, 11000001 and up, have their data at the given file offsets."""
     hive = Hive(size, max(places) + 96 - 4)
     keys = []
     for number, place in enumerate(places, 1):

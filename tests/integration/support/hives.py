@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """
-Registry hives with keys and values of the test's choice, which hivex's own shell writes into an empty hive.
+Registry hives with given keys and values, which hivex's shell writes into an empty hive.
 
-Values are given as Python has them: str for REG_SZ, int for REG_DWORD, list of str for REG_MULTI_SZ, bytes for REG_BINARY,
-or a pair (type, bytes) for anything else.
+Python's types stand for types of values: str for REG_SZ, int for REG_DWORD, list of str for REG_MULTI_SZ, bytes for
+REG_BINARY, a pair (type, bytes) for any other type.
 """
 
 import os
@@ -27,7 +27,7 @@ REG_QWORD = 11
 
 CURRENT_VERSION = "Microsoft/Windows NT/CurrentVersion"
 
-# What releases of Windows say of themselves in CURRENT_VERSION. Windows 11 calls itself 10.
+# The values under CURRENT_VERSION of Windows releases. Windows 11 has the product name of Windows 10.
 RELEASES = {
     "Windows 7": {
         "ProductName": "Windows 7 Professional",
@@ -63,18 +63,18 @@ RELEASES = {
 
 
 def companion(vorlix):
-    """The program that the command line reads hives with. Skips the tests where it may be left out."""
+    """The program with which the command line reads hives. Skips the tests if the build may lack it."""
     program = os.path.join(os.path.dirname(vorlix), "tools", "bin", "registry_lookup")
     if not os.path.exists(program):
         reason = "registry_lookup is not built"
-        if sys.platform == "darwin":  # where hivex may be left out
+        if sys.platform == "darwin":  # the build may lack hivex there
             raise unittest.SkipTest(reason)
         raise RuntimeError(reason)
     return program
 
 
 def utf16(text):
-    """A string as the registry stores it, with its NUL."""
+    """The registry's bytes of a string, with its NUL."""
     return (text + "\0").encode("utf-16-le")
 
 
@@ -125,7 +125,7 @@ def make_software_hive(path, values):
 
 
 def with_checksum(content):
-    """The bytes of a hive, with the checksum that its header needs after a change."""
+    """The bytes of a changed hive, with a valid checksum in its header."""
     content = bytearray(content)
     checksum = 0
     for word in struct.unpack_from("<127I", content):
@@ -135,7 +135,7 @@ def with_checksum(content):
 
 
 def with_filler(content, size):
-    """The bytes of a hive, with bins of used cells behind its own that make it at least `size` bytes long."""
+    """The bytes of a hive, with added bins of used cells that make it at least `size` bytes long."""
     cells = struct.pack("<i76s", -80, b"nk") * 50
     rest = hive.PAGE - hive.BIN_HEADER - len(cells)
     page = cells + struct.pack("<i", rest) + bytes(rest - 4)

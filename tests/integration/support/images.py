@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the tests of the command line share: running it, disk-image files, and seeing that nothing was written."""
+"""Shared code of the tests of the command line: running it, disk-image files, checks that nothing was written."""
 
 import hashlib
 import json
@@ -20,7 +20,7 @@ SANITIZED = bool(os.environ.get("VORLIX_SANITIZED"))
 
 
 def tool(name):
-    """Path of a system tool; the test that asks for one that is missing is skipped."""
+    """Path of a system tool. Skips the test if the tool is missing."""
     found = shutil.which(name, path=SYSTEM_PATH)
     if not found:
         raise unittest.SkipTest(f"{name} is not installed")
@@ -36,13 +36,13 @@ def run_tool(name, *arguments, stdin=""):
 
 
 def data_pages(descriptor):
-    """The pages of a file that hold anything but zeros, as (offset, bytes). A sparse file of terabytes takes no time."""
+    """The pages of a file that are not all zeros, as (offset, bytes). Skips holes, so sparse files of terabytes are fast."""
     size = os.fstat(descriptor).st_size
     at = 0
     while at < size:
         try:
             at = os.lseek(descriptor, at, os.SEEK_DATA) // PAGE * PAGE
-        except OSError:  # nothing but a hole up to the end
+        except OSError:  # the rest is a hole
             return
         hole = os.lseek(descriptor, at, os.SEEK_HOLE)
         while at < hole:
@@ -53,7 +53,7 @@ def data_pages(descriptor):
 
 
 def content_hash(path):
-    """Digest of a file's bytes. Holes and zeros are the same."""
+    """Digest of a file's bytes. Holes count as zeros."""
     digest = hashlib.sha256()
     with open(path, "rb") as file:
         for at, page in data_pages(file.fileno()):
@@ -63,7 +63,7 @@ def content_hash(path):
 
 
 def sparse_copy(source, target):
-    """Copies a file's bytes and leaves its holes holes."""
+    """Copies a file and keeps its holes."""
     with open(source, "rb") as old, open(target, "wb") as new:
         new.truncate(os.fstat(old.fileno()).st_size)
         for at, page in data_pages(old.fileno()):
@@ -71,7 +71,7 @@ def sparse_copy(source, target):
 
 
 def snapshot(path):
-    """What tells whether a file was written to: its bytes, its size, and when it was last modified."""
+    """Everything that a write to a file changes: its bytes, its size and its modification time."""
     status = os.stat(path)
     return content_hash(path), status.st_size, status.st_mtime_ns
 
@@ -86,7 +86,7 @@ class CommandTest(unittest.TestCase):
     def setUpClass(cls):
         cls.vorlix = os.environ.get("VORLIX")
         if not cls.vorlix:
-            raise RuntimeError("VORLIX is not set: it names the command line to test")
+            raise RuntimeError("VORLIX is not set; it must name the command line to test")
 
     def setUp(self):
         folder = tempfile.TemporaryDirectory(prefix="vorlix-test-")
@@ -100,7 +100,7 @@ class CommandTest(unittest.TestCase):
         return os.path.join(self.folder, name)
 
     def vorlix_run(self, *arguments, timeout=60, memory_limit=None, prefix=()):
-        """Runs the command line. memory_limit: bytes of address space, for a child of its own."""
+        """Runs the command line. memory_limit: its address space in bytes."""
 
         def limit():
             if memory_limit:
@@ -111,7 +111,7 @@ class CommandTest(unittest.TestCase):
             stdin=subprocess.DEVNULL,
             capture_output=True,
             text=True,
-            errors="surrogateescape",  # as Python has the names of files
+            errors="surrogateescape",  # as in Python's file names
             timeout=timeout,
             preexec_fn=limit if memory_limit else None,
         )
@@ -122,7 +122,7 @@ class CommandTest(unittest.TestCase):
         return result
 
     def show(self, disk):
-        """The parsed answer of `show --json`."""
+        """The parsed output of `show --json`."""
         return json.loads(self.vorlix_ok("show", disk, "--json").stdout)
 
     def hybrid(self, disk, partition, *options, expect=0):
@@ -136,5 +136,5 @@ class CommandTest(unittest.TestCase):
 
 
 def main():
-    """Runs a test script's cases; what was skipped is told with its reason."""
+    """Runs a test script's cases and prints the reasons for skipped ones."""
     unittest.main(verbosity=2 if "-v" in sys.argv else 1)

@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-"""A writer and a reader of keyed archives over Python's plistlib, independent of the library's own.
+"""A writer and a reader of keyed archives, based on Python's plistlib and independent of the library.
 
-Values: None, str, bytes, bool, int and float are immutable objects; Inline(x) stands under its key itself; Growable(x),
-FileURL(path), Styled(text, [(length, attributes), ...]), uuid.UUID and dict are objects of their classes. Lengths of runs
-count UTF-16 code units.
+Values: None, str, bytes, bool, int and float are immutable objects; Inline(x) is stored directly under its key;
+Growable(x), FileURL(path), Styled(text, [(length, attributes), ...]), uuid.UUID and dict are objects of their classes.
+Lengths of runs count UTF-16 code units.
 """
 
 import dataclasses
@@ -49,7 +49,7 @@ CLASSES = {
 
 
 def groups(number):
-    """Seven bits a byte, lowest first, the high bit on all but the last."""
+    """Seven bits per byte, lowest first; all bytes but the last have the high bit."""
     result = bytearray()
     while number >= 0x80:
         result.append(number & 0x7F | 0x80)
@@ -58,14 +58,14 @@ def groups(number):
 
 
 class Writer:
-    """Each value becomes an object of its own; nothing is shared but class descriptions."""
+    """Writes archives. Each value becomes a separate object; only class descriptions are shared."""
 
     def __init__(self):
         self.objects = ["$null"]
         self.classes = {}
 
     def record(self, name, entries):
-        """The archive of a record with these entries."""
+        """Returns the archive of a record with these entries."""
         place = self.made(name, [name, "NSObject"], lambda: {key: self.entry(value) for key, value in entries.items()})
         top = {"$archiver": "NSKeyedArchiver", "$version": 100000, "$top": {"root": place}, "$objects": self.objects}
         return plistlib.dumps(top, fmt=plistlib.FMT_BINARY, sort_keys=False)
@@ -121,7 +121,7 @@ class Writer:
 
 
 class Reader:
-    """Follows the published description to the letter and raises ValueError at what departs from it."""
+    """Reads archives strictly by the published description; raises ValueError for any deviation."""
 
     def __init__(self, data):
         top = plistlib.loads(data, fmt=plistlib.FMT_BINARY)
@@ -136,10 +136,10 @@ class Reader:
     @staticmethod
     def check(holds, what):
         if not holds:
-            raise ValueError(f"not as described: {what}")
+            raise ValueError(f"differs from the published description: {what}")
 
     def record(self, name):
-        """The root's entries as values."""
+        """Returns the root's entries as values."""
         members = self.members(self.root, [name, "NSObject"])
         entries = {key: self.value(value) if isinstance(value, UID) else Inline(value) for key, value in members.items()}
         self.check(self.used == set(range(len(self.objects))), "every object is referred to")

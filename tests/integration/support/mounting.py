@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What tests of mounting share: FAT volumes with files, and what is on them afterwards."""
+"""Shared code of the tests of mounting: FAT volumes with files, and checks of their content."""
 
 import os
 import random
@@ -30,7 +30,7 @@ def random_bytes(count, seed=1):
 
 class MountTest(volumes.VolumeTest):
     def fat(self, name="disk.img", bits=16, label=None, tree=None, size=None):
-        """An image file with a FAT volume."""
+        """Makes an image file with a FAT volume."""
         path = volumes.make_fat(self.path(name), bits, label, size)
         volumes.put_tree(path, TREE if tree is None else tree)
         return self.give(path)
@@ -40,7 +40,7 @@ class MountTest(volumes.VolumeTest):
         self.assertEqual(result.stdout, "")
 
     def write(self, folder, name, content):
-        """Writes a file of a mounted volume as its user."""
+        """Writes a file of a mounted volume as the user who mounted it."""
         path = os.path.join(folder, name)
         with open(path, "wb") as file:
             file.write(content)

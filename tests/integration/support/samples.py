@@ -11,7 +11,7 @@ EFI_SYSTEM = "EF00"
 APPLE_APFS = "AF0A"
 BASIC_DATA = "0700"
 
-# The first that exists is taken: Debian's syslinux-common, then its syslinux.
+# The paths of Debian's packages syslinux-common and syslinux. The first existing file is used.
 _SYSLINUX_MBR = ("/usr/lib/syslinux/mbr/mbr.bin", "/usr/lib/SYSLINUX/mbr.bin")
 _SBIN = ("/usr/local/sbin", "/usr/sbin", "/sbin")
 
@@ -21,17 +21,17 @@ class Slice:
     number: int
     first: int  # sector of 512 bytes
     sectors: int
-    code: str  # as sgdisk spells a type
+    code: str  # sgdisk's code of a type
     name: str
 
 
 def tool(name):
-    """Path of a disk tool, also where an ordinary user's search path lacks sbin; None when it is not installed."""
+    """Path of a disk tool, even if an ordinary user's search path lacks sbin; None if it is not installed."""
     return shutil.which(name) or shutil.which(name, path=os.pathsep.join(_SBIN))
 
 
 def syslinux_mbr():
-    """The boot code that starts the active slot: BOOT_CODE, or the installed syslinux's; None when there is neither."""
+    """Path of boot code that starts the active slot: BOOT_CODE or the installed syslinux; None without both."""
     for path in (os.environ.get("BOOT_CODE", ""), *_SYSLINUX_MBR):
         if os.path.isfile(path):
             return path
@@ -39,7 +39,7 @@ def syslinux_mbr():
 
 
 def run(*command):
-    """Runs a tool that must succeed; what it printed is in the error otherwise."""
+    """Runs a tool that must succeed. On failure, the error has its output."""
     result = subprocess.run([tool(command[0]) or command[0], *command[1:]], stdin=subprocess.DEVNULL,
                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
     if result.returncode != 0:
@@ -48,7 +48,7 @@ def run(*command):
 
 
 def make_disk(path, sectors, slices):
-    """A sparse disk image with a GPT and the protective MBR that sgdisk gives it."""
+    """Makes a sparse disk image with a GPT and a protective MBR by sgdisk."""
     with open(path, "xb") as image:
         image.truncate(sectors * SECTOR)
     arguments = ["--set-alignment=1"]
@@ -60,7 +60,7 @@ def make_disk(path, sectors, slices):
 
 def make_ntfs(path, sectors, label):
     """
-    An empty NTFS volume in a file of its own. mkntfs is not told the start sector, so the hidden-sectors field is 0.
+    Makes a file with an empty NTFS volume. mkntfs gets no start sector, so the hidden-sectors field is 0.
     """
     with open(path, "xb") as volume:
         volume.truncate(sectors * SECTOR)
@@ -68,7 +68,7 @@ def make_ntfs(path, sectors, label):
 
 
 def place(image, volume, first):
-    """Copies a volume's file into a disk image at a sector, leaving holes where it holds zeros."""
+    """Copies a volume's file into a disk image at a sector; zeros become holes."""
     with open(volume, "rb") as source, open(image, "r+b") as disk:
         while chunk := source.read(1 << 16):
             if chunk.strip(b"\0"):

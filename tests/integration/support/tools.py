@@ -26,7 +26,7 @@ WINDOWS = 3
 
 @functools.lru_cache(maxsize=None)
 def templates():
-    """A folder for images that several tests start from; sgdisk takes a second for each."""
+    """A folder for images that several tests copy, because sgdisk takes a second to make one."""
     return tempfile.TemporaryDirectory(prefix="vorlix-templates-")
 
 
@@ -40,7 +40,7 @@ def template(layout, size, extra):
 
 
 def sgdisk_image(path, layout, size=MAC_SIZE, extra=()):
-    """Makes a sparse image with the partitions of `layout` (number: (first, last, type)), `extra` options going first."""
+    """Makes a sparse image with the partitions of `layout` (number: (first, last, type)). `extra` options come first."""
     images.sparse_copy(template(tuple(layout.items()), size, tuple(extra)), path)
     return path
 
@@ -57,7 +57,7 @@ def sgdisk(path, *options):
 
 
 def sgdisk_entry(path, number):
-    """What `sgdisk -i` says of an entry, by the words it uses."""
+    """The lines of `sgdisk -i` about an entry, by their labels."""
     lines = [line.split(":", 1) for line in sgdisk(path, "-i", number).splitlines() if ":" in line]
     return {key.strip(): value.strip() for key, value in lines}
 
@@ -67,7 +67,7 @@ def sfdisk_table(path):
 
 
 def entries_by_sfdisk(path):
-    """The first entries of a disk as sfdisk reads them, in the form that gpt.hybrid_slots() takes."""
+    """The first entries of a disk by sfdisk, in the form that gpt.hybrid_slots() takes."""
     entries = [None] * 4
     table = sfdisk_table(path)
     for part in table["partitions"]:
@@ -78,7 +78,7 @@ def entries_by_sfdisk(path):
 
 
 def fdisk_slots(path):
-    """The MBR as fdisk reads it when it is told to ignore the GPT: number: (active, first, sectors, type)."""
+    """The MBR by fdisk, which is told to ignore the GPT: {number: (active, first, sectors, type)}."""
     found = {}
     for line in images.run_tool("fdisk", "-t", "dos", "-l", "-o", "device,boot,start,sectors,id", path).splitlines():
         match = re.fullmatch(re.escape(path) + r"p?(\d) +(\*?) +(\d+) +(\d+) +([0-9a-f]+)", line)
@@ -89,7 +89,7 @@ def fdisk_slots(path):
 
 
 def ntfs_volume(path, size, sector_size=512, start=63):
-    """Bytes of an NTFS volume by mkntfs, with a hidden-sectors field that is not where the volume will be."""
+    """Bytes of an NTFS volume by mkntfs, whose hidden-sectors field differs from the volume's later place."""
     with open(path, "wb") as file:
         file.truncate(size)
     images.run_tool("mkntfs", "-F", "-f", "-q", "-s", sector_size, "-p", start, "-H", "255", "-S", "63", path)
@@ -107,7 +107,7 @@ def fat_volume(path, size):
 
 
 def write_sparse(path, offset, data):
-    """Writes the parts of `data` that are not zero; the file is a fresh, sparse one."""
+    """Writes the parts of `data` that are not zero. The file must have a hole there."""
     for at in range(0, len(data), images.PAGE):
         page = data[at : at + images.PAGE]
         if page.strip(b"\0"):
@@ -122,7 +122,7 @@ def blkid_probe(path, offset, size):
 
 @contextlib.contextmanager
 def loop_device(path, sector_size):
-    """A loop device over a file, detached in any case. Skips the test where there can be none."""
+    """A loop device over a file, detached at the end, even after a failure. Skips the test if loop devices are impossible."""
     if os.geteuid() != 0:
         raise unittest.SkipTest("loop devices need root")
     if not os.access("/dev/loop-control", os.R_OK | os.W_OK):
@@ -139,7 +139,7 @@ def loop_device(path, sector_size):
 
 
 def unmount(folder):
-    """Unmounts a volume of a driver's, which hears of a file's end only after the file is closed."""
+    """Unmounts a volume of a FUSE driver. Retries, because the driver learns of a closed file only a little later."""
     end = time.monotonic() + 30
     while True:
         result = subprocess.run([images.tool("umount"), folder], capture_output=True, text=True, timeout=60)

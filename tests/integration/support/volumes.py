@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What tests of mounting share: an ordinary user with a mount folder of its own, and FAT volumes as mtools see them."""
+"""Shared code of the tests of mounting: an ordinary user with a private mount folder, and FAT volumes by mtools."""
 
 import atexit
 import functools
@@ -29,18 +29,18 @@ DISK_SECTORS = 53400
 
 
 def missing(*names):
-    """The names of tools that are not installed, for the reason of a skip."""
+    """The names of the missing tools, as the reason for a skip."""
     return ", ".join(name for name in names if samples.tool(name) is None)
 
 
 def strace(*options):
-    """The words that run a command under strace. Leaks are not looked for: that needs to trace the process itself."""
+    """The words that run a command under strace. They turn off the leak detector, which would also trace the process."""
     without_leaks = ["-E", "LSAN_OPTIONS=detect_leaks=0"] if images.SANITIZED else []
     return ["strace", "-qq", *without_leaks, *options]
 
 
 def user_prefix():
-    """What makes a command run as an ordinary user."""
+    """The words before a command that make it run as an ordinary user."""
     if not IS_ROOT:
         return []
     user = str(images.NOBODY)
@@ -49,8 +49,10 @@ def user_prefix():
 
 @functools.lru_cache(maxsize=None)
 def command_for_user(command):
-    """The command line where an ordinary user can start it: in its place, or else a copy, with its companion."""
-    # By way of env, as in the tests: what changes the user may still reach a folder that the user does not.
+    """Path of the command line for an ordinary user: the original, or if the user cannot reach it, a copy with its
+    companion."""
+    # Runs through env, as the tests do: the program that changes the user may still reach a folder that the user
+    # cannot reach.
     if subprocess.run([*user_prefix(), "env", command, "--version"], capture_output=True, check=False).returncode == 0:
         return command
     folder = tempfile.mkdtemp(prefix="vorlix-command-")
@@ -60,7 +62,7 @@ def command_for_user(command):
 
 
 def copy_command(command, folder):
-    """Copies the command line, and what it has beside it in tools/bin. Returns the copy's path."""
+    """Copies the command line and the folder tools/bin beside it. Returns the copy's path."""
     companions = os.path.join(os.path.dirname(command), "tools")
     if os.path.isdir(companions):
         shutil.copytree(companions, os.path.join(folder, "tools"))
@@ -68,7 +70,7 @@ def copy_command(command, folder):
 
 
 def region_hash(path, first, count):
-    """Digest of `count` bytes from `first` on."""
+    """Digest of `count` bytes from offset `first` on."""
     digest = hashlib.sha256()
     with open(path, "rb") as file:
         file.seek(first)
@@ -96,7 +98,7 @@ def mtools(name, image, *arguments, offset=0):
 
 
 def set_label(image, new, old):
-    """Puts bytes in the place of a label that mkfs.vfat wrote, for labels that no tool sets."""
+    """Replaces a label that mkfs.vfat wrote with bytes that no tool would write."""
     with open(image, "rb+") as file:
         content = file.read()
         label = old.ljust(11)
@@ -108,7 +110,7 @@ def set_label(image, new, old):
 
 
 def make_fat(path, bits=16, label=None, size=None):
-    """A sparse file with an empty FAT volume by mkfs.vfat."""
+    """Makes a sparse file with an empty FAT volume by mkfs.vfat."""
     usual, options = FAT_KINDS[bits]
     with open(path, "xb") as volume:
         volume.truncate(size or usual)
@@ -118,7 +120,7 @@ def make_fat(path, bits=16, label=None, size=None):
 
 
 def put_tree(image, tree, offset=0):
-    """Fills a FAT volume: {path: bytes, or None for a folder}, paths relative, folders before what is in them."""
+    """Fills a FAT volume: {relative path: bytes, or None for a folder}; a folder precedes its content."""
     with tempfile.TemporaryDirectory(prefix="vorlix-tree-") as folder:
         for number, (path, content) in enumerate(tree.items()):
             if content is None:
@@ -131,14 +133,14 @@ def put_tree(image, tree, offset=0):
 
 
 def read_tree(image, offset=0):
-    """What is on a FAT volume, in the form of put_tree()."""
+    """The content of a FAT volume, in the form of put_tree()."""
     with tempfile.TemporaryDirectory(prefix="vorlix-tree-") as folder:
         mtools("mcopy", image, "-s", "-n", "-Q", "::/", folder, offset=offset)
         return folder_tree(folder)
 
 
 def folder_tree(folder):
-    """What is in a folder, in the form of put_tree()."""
+    """The content of a folder, in the form of put_tree()."""
     tree = {}
     for place, folders, files in os.walk(folder):
         relative = os.path.relpath(place, folder)
@@ -151,7 +153,7 @@ def folder_tree(folder):
 
 
 def check_fat(image, offset=0, size=None):
-    """fsck.vfat finds nothing wrong. It reads volumes that have a file of their own."""
+    """fsck.vfat finds nothing wrong in a copy of the volume; it cannot read a volume inside a larger image."""
     with tempfile.NamedTemporaryFile(prefix="vorlix-fsck-") as copy, open(image, "rb") as source:
         size = size or os.path.getsize(image) - offset
         source.seek(offset)
@@ -179,7 +181,7 @@ def partitioned_disk():
 
 @functools.lru_cache(maxsize=None)
 def mac_template(tree, efi_bits):
-    """The disk of make_mac(), made once; partitioning takes sgdisk a second."""
+    """The disk of make_mac(), made once because sgdisk takes a second."""
     number = mac_template.cache_info().currsize
     path = os.path.join(template_folder(), f"{number}.img")
     images.sparse_copy(partitioned_disk(), path)
@@ -193,7 +195,7 @@ def mac_template(tree, efi_bits):
 
 
 def make_mac(path, efi_tree=None, efi_bits=16):
-    """A disk image with the three slices; slice 1 holds a FAT volume with a tree, slice 2 recognisable bytes."""
+    """Makes a disk image with three slices. Slice 1 holds a FAT volume with a tree, slice 2 recognisable bytes."""
     images.sparse_copy(mac_template(tuple((efi_tree or {}).items()), efi_bits), path)
     return path
 
@@ -212,7 +214,7 @@ def hash_outside_efi(path):
 
 
 class VolumeTest(images.CommandTest):
-    """Runs the command line as an ordinary user whose mounts have a folder of their own; as root where a class says so."""
+    """Runs the command line as an ordinary user with a private mount folder; as root if the class requires it."""
 
     AS_ROOT = False
 
@@ -232,14 +234,14 @@ class VolumeTest(images.CommandTest):
         self.mounted_before = self.mounted_folders()
 
     def give(self, *paths):
-        """Makes files the user's own."""
+        """Makes the user the owner of files."""
         if IS_ROOT and not self.AS_ROOT:
             for path in paths:
                 os.chown(path, images.NOBODY, images.NOBODY)
         return paths[0]
 
     def file(self, name, content, mode=0o644):
-        """Makes a file of the user's."""
+        """Makes a file that the user owns."""
         path = self.path(name)
         with open(path, "wb") as file:
             file.write(content)
@@ -256,7 +258,7 @@ class VolumeTest(images.CommandTest):
         return super().vorlix_run(*arguments, **options)
 
     def vorlix_refuses(self, *arguments, saying=()):
-        """Ends with status 2 and one message, in which each of `saying` appears. Returns the message."""
+        """The command ends with status 2 and one message with all the texts `saying`. Returns the message."""
         result = self.vorlix_run(*arguments)
         self.assertEqual(result.returncode, 2, f"{arguments}: {result.stdout}{result.stderr}")
         for words in saying:
@@ -264,12 +266,12 @@ class VolumeTest(images.CommandTest):
         return result.stderr
 
     def as_user(self, *command):
-        """Runs another program with the rights of the command line."""
+        """Runs another program as the user of the command line."""
         return subprocess.run([*self.prefix(), *map(str, command)], stdin=subprocess.DEVNULL, capture_output=True,
                               text=True, timeout=60, check=True)
 
     def mount(self, device, *options):
-        """Mounts and returns the folder, the only thing that is printed."""
+        """Mounts and returns the folder, which must be the only output."""
         output = self.vorlix_ok("mount", device, *options).stdout
         folder = output.removesuffix("\n")
         self.assertEqual(output, folder + "\n")
@@ -278,7 +280,7 @@ class VolumeTest(images.CommandTest):
         return folder
 
     def mounted_folders(self):
-        """Folders where volumes are mounted, and what is kept of mirrors."""
+        """Folders where volumes are mounted, and stored data of mirrors."""
         mirrors = os.path.join(ROOT_STATE if self.AS_ROOT else os.path.join(self.state, "vorlix"), "volumes")
         found = set()
         for folder in (mirrors, os.path.join(mirrors, MIRROR_STATES), *([ROOT_MOUNTS] if self.AS_ROOT else [])):
@@ -290,7 +292,7 @@ class VolumeTest(images.CommandTest):
         if not self.AS_ROOT:
             self.assertEqual(self.mounted_folders(), self.mounted_before)
             return
-        # Root's volumes are all in one place, where other tests mount theirs at the same time. Those go away.
+        # All volumes of root are in one folder, where other tests mount theirs at the same time. Wait for those tests.
         left = self.mounted_folders() - self.mounted_before
         end = time.monotonic() + OTHERS_ARE_DONE_AFTER
         while left and time.monotonic() < end:
