@@ -128,6 +128,18 @@ std::optional<VolumeFacts> volumeFactsOf(const DeviceLocation& location, const s
   return volumeInUdevRecord(readUdevRecord(deviceNumberText(status.st_rdev)));
 }
 
+std::optional<std::string> volumeTypeOf(const DeviceLocation& location) {
+  const std::optional<OpenedDevice> device = openLocation(location, O_RDONLY);
+  if (const std::optional<VolumeFacts> facts = volumeFactsOf(location, device)) return facts->kind;
+  const std::optional<VolumePlace> place = volumePlaceOf(location, device);
+  return place ? volumeKindOf(place->fileSystem) : std::nullopt;
+}
+
+std::optional<UUID> volumeUUIDOf(const DeviceLocation& location) {
+  const std::optional<VolumeFacts> facts = volumeFactsOf(location, openLocation(location, O_RDONLY));
+  return facts ? facts->uuid : std::nullopt;
+}
+
 Dictionary describeDisk(const DeviceLocation& location) {
   Dictionary description;
   setIfKnown(description, kDescriptionMediaBSDName, bsdNameOf(location));

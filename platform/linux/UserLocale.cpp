@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/platform/UserLocale.h>
+#include <langinfo.h>
+#include <locale.h>
 
 #include <locale>
 #include <stdexcept>
@@ -18,8 +20,14 @@ std::string utf8(char32_t character) {
 
 }  // namespace
 
-// Through a locale object of its own: the process's is the host's.
+// Through a locale object of its own: the process's is the host's. A separator outside ASCII takes the whole locale,
+// whose other parts tell the encoding; loading those costs more than all else that a listing does.
 std::string userDecimalSeparator() {
+  if (const locale_t numeric = newlocale(LC_NUMERIC_MASK, "", nullptr)) {
+    const std::string separator = nl_langinfo_l(RADIXCHAR, numeric);
+    freelocale(numeric);
+    if (separator.size() == 1 && static_cast<unsigned char>(separator.front()) < 0x80) return separator;
+  }
   try {
     const std::locale numeric(std::locale::classic(), "", std::locale::numeric);
     return utf8(static_cast<char32_t>(std::use_facet<std::numpunct<wchar_t>>(numeric).decimal_point()));
