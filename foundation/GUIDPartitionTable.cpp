@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "GUIDPartitionTable.h"
 
+#include "foundation/LittleEndian.h"
+
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -29,12 +31,6 @@ constexpr std::array<uint32_t, 256> makeTable() {
     table[i] = value;
   }
   return table;
-}
-
-uint64_t littleEndian(std::span<const uint8_t> bytes, size_t offset, size_t count) {
-  uint64_t value = 0;
-  for (size_t i = count; i > 0; --i) value = value << 8 | bytes[offset + i - 1];
-  return value;
 }
 
 bool hasMBRSignature(std::span<const uint8_t> sector0) {

@@ -77,6 +77,16 @@ class Disk {
   /// What the system knows of the disk now. Absent when it knows no such disk.
   virtual std::optional<Dictionary> copyDescription() = 0;
 
+  /// kDescriptionVolumeType and kDescriptionVolumeUUID by themselves.
+  virtual std::optional<std::string> volumeType() {
+    const std::optional<Dictionary> description = copyDescription();
+    return description ? description->text(kDescriptionVolumeType) : std::nullopt;
+  }
+  virtual std::optional<UUID> volumeUUID() {
+    const std::optional<Dictionary> description = copyDescription();
+    return description ? description->uuid(kDescriptionVolumeUUID) : std::nullopt;
+  }
+
   /// The whole disk that this one is a slice of, or the disk itself if it is whole. Null where there is none.
   virtual std::shared_ptr<Disk> wholeDisk() = 0;
 

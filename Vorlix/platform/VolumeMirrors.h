@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// Port: folders that stand for volumes which the system does not mount itself. Systems that mount every volume of a
-/// disk have none.
+/// Port: volumes which the system does not mount itself: folders that stand for them, and single files of them. Systems
+/// that mount every volume of a disk have none.
 #pragma once
 
 #include <Vorlix/platform/DiskArbitration.h>
 
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -26,9 +28,47 @@ struct VolumeMirror {
   std::vector<std::string> changes;  ///< what is not on the volume: "new /a", "changed /b", "removed /c"
 };
 
+/// The files of a volume that is not mounted, reached where they lie. The disk is locked while the object lives, and
+/// nobody else of this user mounts the volume; a caller that wants to mount it lets the object go first.
+class UnmountedVolume {
+ public:
+  struct Item {
+    std::string name;  ///< as it is spelled in its folder; UTF-8
+    bool isFolder = false;
+    uint64_t size = 0;  ///< of a file, in bytes
+  };
+
+  virtual ~UnmountedVolume() = default;
+
+  /// What is in a folder. @param folder  "" for the root, else like "/EFI/Boot" in the spelling of the volume.
+  virtual std::vector<Item> itemsIn(const std::string& folder) const = 0;
+
+  /// The whole of a file. @return why it cannot be read.
+  virtual std::optional<Dissenter> read(const std::string& file, std::vector<uint8_t>& bytes) const = 0;
+
+  /// How many bytes a file of that path can have, the room of the one that is there included.
+  virtual uint64_t roomFor(const std::string& file) const = 0;
+
+  /// Gives a file other content, or makes one, with a journal, so that the old or the new one stands there whole
+  /// whatever happens, and compares it with what then stands on the medium. A new file is in a folder, not in the
+  /// root; kDissentUnsupported where only the mounted volume can be given one of that name.
+  /// @param state  what stands on the disk after a failure; empty where nothing was written.
+  /// @return why it was not written; absent for success.
+  virtual std::optional<Dissenter> write(const std::string& file, const std::vector<uint8_t>& bytes,
+                                         std::string& state) = 0;
+};
+
 class VolumeMirrors {
  public:
   virtual ~VolumeMirrors() = default;
+
+  /// A volume whose files can be read and written without mounting it. Null with no `refusal` where the volume is
+  /// mounted, or has to be; null with one where nothing can be done with it now.
+  virtual std::unique_ptr<UnmountedVolume> openUnmounted(const std::string& device, std::optional<Dissenter>& refusal) {
+    static_cast<void>(device);
+    refusal.reset();
+    return nullptr;
+  }
 
   /// Those of this user, in the order in which they were made.
   virtual std::vector<VolumeMirror> mirrors() = 0;

@@ -35,7 +35,7 @@ std::optional<std::string> QDDeviceManager::diskFromSlice(const std::string& dev
   return "/dev/" + *name;
 }
 
-// Both look-ups leave the status of unmounts pending although none is; hosts that poll it know.
+// These look-ups leave the status of unmounts pending although none is; hosts that poll it know.
 std::optional<Dictionary> QDDeviceManager::diskInfoForDeviceNodeAtURL(const URL& url) {
   unmountStatus_ = kPending;
   const auto session = vorlix::platform().diskArbitration->createSession();
@@ -59,8 +59,10 @@ std::optional<Dictionary> QDDeviceManager::diskInfoFromMountedPath(const std::st
 }
 
 std::optional<std::string> QDDeviceManager::fileSystemTypeAtPath(const std::string& path) {
-  const auto description = diskInfoFromMountedPath(path);
-  return description ? description->text(vorlix::kDescriptionVolumeType) : std::nullopt;
+  unmountStatus_ = kPending;
+  const auto session = vorlix::platform().diskArbitration->createSession();
+  const auto disk = session ? session->diskFromVolumePath(URL::fileURLWithPath(path)) : nullptr;
+  return disk ? disk->volumeType() : std::nullopt;
 }
 
 std::string QDDeviceManager::fileSystemDescriptionAtPath(const std::string&) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "BootSectors.h"
 
+#include "foundation/LittleEndian.h"
+
 #include <algorithm>
 #include <cstring>
 #include <limits>
@@ -29,12 +31,6 @@ constexpr Field kFAT16Serial = {39, 4};
 
 std::ptrdiff_t at(size_t offset) {
   return static_cast<std::ptrdiff_t>(offset);
-}
-
-uint64_t littleEndian(const Sector& sector, size_t offset, size_t count) {
-  uint64_t value = 0;
-  for (size_t i = count; i > 0; --i) value = value << 8 | sector[offset + i - 1];
-  return value;
 }
 
 bool holds(const Sector& sector, size_t offset, const char* text) {

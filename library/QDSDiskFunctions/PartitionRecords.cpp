@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "PartitionRecords.h"
 
+#include "foundation/LittleEndian.h"
+
 #include <algorithm>
 #include <cstring>
 #include <iterator>
@@ -45,9 +47,7 @@ namespace {
 template <typename Integer>
 void takeInteger(Bytes bytes, size_t offset, Integer& field) {
   if (bytes.size() < offset + sizeof(Integer)) return;
-  uint64_t value = 0;
-  for (size_t i = sizeof(Integer); i > 0; --i) value = value << 8 | bytes[offset + i - 1];
-  field = static_cast<Integer>(value);
+  field = static_cast<Integer>(littleEndian(bytes, offset, sizeof(Integer)));
 }
 
 template <size_t size>
@@ -64,10 +64,6 @@ void takeSectorAndTrack(Bytes bytes, size_t offset, uint8_t& sector, uint16_t& t
   takeInteger(bytes, offset, word);
   sector = static_cast<uint8_t>(word & 63);
   track = static_cast<uint16_t>(word >> 8 | (word & 0xC0) << 2);
-}
-
-void putInteger(uint8_t* to, uint32_t value) {
-  for (size_t i = 0; i < sizeof value; ++i) to[i] = static_cast<uint8_t>(value >> 8 * i);
 }
 
 // The sector is not masked. A sector above 63, which an LBA of 2^31 or more can have, overwrites bits of the cylinder.
@@ -131,8 +127,8 @@ std::array<uint8_t, kSlotSize * kSlotCount> encodeSlots(const MBRPartitionEntry 
     to[4] = slot.type;
     to[5] = slot.end_head;
     putSectorAndTrack(to + 6, slot.end_sector, slot.end_track);
-    putInteger(to + 8, slot.lba);
-    putInteger(to + 12, slot.size);
+    putLittleEndian(to + 8, 4, slot.lba);
+    putLittleEndian(to + 12, 4, slot.size);
     to += kSlotSize;
   }
   return bytes;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "StoreSlots.h"
 
+#include "foundation/LittleEndian.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -29,9 +31,7 @@ bool hasTextAt(std::span<const uint8_t> bytes, size_t offset, const char (&text)
 // Reads a little-endian number. Outside the bytes it returns a value that none of the checks accepts.
 uint32_t wordAt(std::span<const uint8_t> bytes, int64_t offset) {
   if (offset < 0 || static_cast<uint64_t>(offset) + 4 > bytes.size()) return ~uint32_t{0};
-  uint32_t value = 0;
-  for (size_t i = 4; i > 0; --i) value = value << 8 | bytes[static_cast<size_t>(offset) + i - 1];
-  return value;
+  return littleEndian32(bytes.data() + offset);
 }
 
 // The XOR of the words before the checksum. The results 0 and ~0 mean "no checksum", so 1 and ~0 - 1 replace them.

@@ -2,15 +2,14 @@
 #include "BlockDevices.h"
 
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
+#include <limits>
 #include <system_error>
 
 #include "ImageFiles.h"
+#include "Sysfs.h"
 #include "platform/posix/DeviceLookup.h"
 
 namespace vorlix {
@@ -18,38 +17,29 @@ namespace {
 
 namespace fs = std::filesystem;
 
-fs::path sysfsFolder(dev_t device) {
-  return "/sys/dev/block/" + std::to_string(major(device)) + ":" + std::to_string(minor(device));
-}
-
-std::optional<uint32_t> readNumber(const fs::path& path) {
-  std::ifstream file(path);
-  uint32_t number = 0;
-  if (!(file >> number)) return std::nullopt;
-  return number;
-}
-
-// Kernel names write the "/" of a node in a sub-folder as "!".
-std::string nodeOf(std::string kernelName) {
-  std::replace(kernelName.begin(), kernelName.end(), '!', '/');
-  return "/dev/" + kernelName;
+std::string nodeOf(const std::string& kernelName) {
+  return "/dev/" + withSlashes(kernelName);
 }
 
 // The kernel's node of slice `number`, if the kernel knows that slice.
 std::optional<std::string> kernelSlice(dev_t whole, uint32_t number) {
+  const std::optional<fs::path> folder = sysfsFolder(whole);
+  if (!folder) return std::nullopt;
+  const std::string disk = folder->filename();
   std::error_code error;
-  for (const fs::directory_entry& entry : fs::directory_iterator(sysfsFolder(whole), error)) {
-    if (readNumber(entry.path() / "partition") == number) return nodeOf(entry.path().filename());
+  for (const fs::directory_entry& entry : fs::directory_iterator(*folder, error)) {
+    const std::string name = entry.path().filename();
+    // A slice's name is its disk's with a number.
+    if (name.starts_with(disk) && readWholeNumber(entry.path() / "partition") == number) return nodeOf(name);
   }
   return std::nullopt;
 }
 
 DeviceLocation locateBlockDevice(const std::string& path, dev_t device) {
-  std::error_code error;
-  const fs::path folder = fs::canonical(sysfsFolder(device), error);
-  const std::optional<uint32_t> slice = error ? std::nullopt : readNumber(folder / "partition");
-  if (!slice) return {path, path, 0, false};
-  return {nodeOf(folder.parent_path().filename()), path, *slice, false};
+  const std::optional<fs::path> folder = sysfsFolder(device);
+  const std::optional<uint64_t> slice = folder ? readWholeNumber(*folder / "partition") : std::nullopt;
+  if (!slice || *slice > std::numeric_limits<uint32_t>::max()) return {path, path, 0, false};
+  return {nodeOf(folder->parent_path().filename()), path, static_cast<uint32_t>(*slice), false};
 }
 
 // An image is known by its absolute path from now on. Where that cannot be followed, as below a folder that this user
@@ -95,11 +85,10 @@ std::optional<DeviceLocation> locateDevice(const std::string& name) {
 }
 
 std::optional<uint32_t> kernelBlockSize(dev_t device) {
-  std::error_code error;
-  fs::path folder = fs::canonical(sysfsFolder(device), error);
-  if (error) return std::nullopt;
-  if (fs::exists(folder / "partition", error)) folder = folder.parent_path();
-  return readNumber(folder / "queue" / "logical_block_size");
+  const std::optional<fs::path> folder = sysfsFolderOfDisk(device);
+  const auto size = folder ? readWholeNumber(*folder / "queue" / "logical_block_size") : std::nullopt;
+  if (!size || *size > std::numeric_limits<uint32_t>::max()) return std::nullopt;
+  return static_cast<uint32_t>(*size);
 }
 
 }  // namespace vorlix

@@ -2,44 +2,29 @@
 #include "DeviceFacts.h"
 
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <charconv>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
 
 #include "ImageFiles.h"
-#include "SystemFiles.h"
+#include "Sysfs.h"
 
 namespace vorlix {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kSysfs = "/sys";
-
-std::optional<fs::path> sysfsFolder(dev_t device) {
-  std::error_code error;
-  const std::string number = std::to_string(major(device)) + ":" + std::to_string(minor(device));
-  fs::path folder = fs::canonical(fs::path(kSysfs) / "dev/block" / number, error);
-  if (error) return std::nullopt;
-  return folder;
-}
-
-std::optional<fs::path> sysfsFolder(const std::string& node) {
+std::optional<fs::path> sysfsFolderOf(const std::string& node) {
   struct stat status = {};
   if (stat(node.c_str(), &status) != 0 || !S_ISBLK(status.st_mode)) return std::nullopt;
   return sysfsFolder(status.st_rdev);
 }
 
-// Kernel names write the "/" of a node in a sub-folder as "!".
 std::string nameOf(const fs::path& folder) {
-  std::string name = folder.filename().string();
-  std::replace(name.begin(), name.end(), '!', '/');
-  return name;
+  return withSlashes(folder.filename());
 }
 
 // Buses know of a port whether what is in it is built in.
@@ -70,7 +55,7 @@ std::optional<std::string> bsdNameOf(const DeviceLocation& location) {
   if (location.isImage) {
     name = imageBSDName(location.whole);
   } else {
-    const std::optional<fs::path> folder = sysfsFolder(location.node);
+    const std::optional<fs::path> folder = sysfsFolderOf(location.node);
     if (!folder) return std::nullopt;
     name = nameOf(*folder);
   }
@@ -85,13 +70,13 @@ std::optional<std::string> nodeOfDevice(dev_t device) {
 
 bool isReadOnlyMedium(const DeviceLocation& location) {
   if (location.isImage) return access(location.whole.c_str(), W_OK) != 0;
-  const std::optional<fs::path> folder = sysfsFolder(location.node);
+  const std::optional<fs::path> folder = sysfsFolderOf(location.node);
   return folder && readFlag(*folder / "ro") == true;
 }
 
 std::optional<bool> isInternalDevice(const DeviceLocation& location) {
   if (location.isImage) return false;
-  const std::optional<fs::path> folder = sysfsFolder(location.whole);
+  const std::optional<fs::path> folder = sysfsFolderOf(location.whole);
   return folder ? internalByPath(*folder) : std::nullopt;
 }
 

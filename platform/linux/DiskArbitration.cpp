@@ -94,6 +94,16 @@ class LinuxDisk final : public Disk {
     requests_->add([name = name_] { return unmountVolume(name); }, std::move(completion));
   }
 
+  std::optional<std::string> volumeType() override {
+    const std::optional<DeviceLocation> location = locateDevice(name_);
+    return location ? volumeTypeOf(*location) : std::nullopt;
+  }
+
+  std::optional<UUID> volumeUUID() override {
+    const std::optional<DeviceLocation> location = locateDevice(name_);
+    return location ? volumeUUIDOf(*location) : std::nullopt;
+  }
+
  private:
   std::string name_;
   std::shared_ptr<Requests> requests_;

@@ -4,7 +4,6 @@
 #include <Vorlix/platform/DiskArbitration.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <memory>
@@ -17,7 +16,7 @@
 #include "ImageDisk.h"
 #include "KernelDisks.h"
 #include "Mounting.h"
-#include "SystemFiles.h"
+#include "Sysfs.h"
 
 namespace vorlix {
 namespace {
@@ -77,13 +76,8 @@ void describeMedium(const DeviceLocation& location, const std::optional<DiskFact
 }
 
 // The registry has the medium below its device, and a slice below the partition table on the medium of its disk.
-void describePaths(const DeviceLocation& location, Dictionary& description) {
-  RegistryMatching matching;
-  matching.bsdName = bsdNameOf(location);
-  if (!matching.bsdName) return;
-  std::shared_ptr<RegistryIterator> services;
-  LinuxIORegistry().matchingServices(0, matching, services);
-  std::shared_ptr<RegistryEntry> entry = services ? services->next() : nullptr;
+void describePaths(const DeviceLocation& location, const std::optional<DiskFacts>& disk, Dictionary& description) {
+  std::shared_ptr<RegistryEntry> entry = disk ? LinuxIORegistry().mediumEntry(*disk, location.slice) : nullptr;
   if (!entry) return;
   std::string path;
   if (entry->path(kServicePlane, path) == kKernSuccess) description.set(kDescriptionMediaPath, path);
@@ -131,8 +125,19 @@ std::optional<VolumeFacts> volumeFactsOf(const DeviceLocation& location, const s
   if (device) return probeVolume(device->descriptor.get(), device->window);
   struct stat status = {};
   if (location.isImage || stat(location.node.c_str(), &status) != 0) return std::nullopt;
-  const std::string number = std::to_string(major(status.st_rdev)) + ":" + std::to_string(minor(status.st_rdev));
-  return volumeInUdevRecord(readUdevRecord("/run/udev/data/b" + number));
+  return volumeInUdevRecord(readUdevRecord(deviceNumberText(status.st_rdev)));
+}
+
+std::optional<std::string> volumeTypeOf(const DeviceLocation& location) {
+  const std::optional<OpenedDevice> device = openLocation(location, O_RDONLY);
+  if (const std::optional<VolumeFacts> facts = volumeFactsOf(location, device)) return facts->kind;
+  const std::optional<VolumePlace> place = volumePlaceOf(location, device);
+  return place ? volumeKindOf(place->fileSystem) : std::nullopt;
+}
+
+std::optional<UUID> volumeUUIDOf(const DeviceLocation& location) {
+  const std::optional<VolumeFacts> facts = volumeFactsOf(location, openLocation(location, O_RDONLY));
+  return facts ? facts->uuid : std::nullopt;
 }
 
 Dictionary describeDisk(const DeviceLocation& location) {
@@ -142,7 +147,7 @@ Dictionary describeDisk(const DeviceLocation& location) {
   const std::optional<DiskFacts> disk = diskFactsOf(location);
   describeDrive(location, disk, description);
   describeMedium(location, disk, description);
-  describePaths(location, description);
+  describePaths(location, disk, description);
   const std::optional<OpenedDevice> device = openLocation(location, O_RDONLY);
   describeBlockSize(location, device, description);
   describeVolume(location, device, description);

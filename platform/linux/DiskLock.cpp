@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,7 +13,7 @@
 #include <tuple>
 #include <utility>
 
-#include "SystemFiles.h"
+#include "Sysfs.h"
 #include "platform/posix/Descriptor.h"
 
 namespace vorlix {
@@ -54,8 +53,7 @@ HeldLocks& heldLocks() {
 // The file whose bytes a loop device shows. Absent for other devices.
 std::optional<std::string> backingFileOf(const struct stat& status) {
   if (!S_ISBLK(status.st_mode)) return std::nullopt;
-  return readTrimmed("/sys/dev/block/" + std::to_string(major(status.st_rdev)) + ":" +
-                     std::to_string(minor(status.st_rdev)) + "/loop/backing_file");
+  return readTrimmed(sysfsLink(status.st_rdev) / "loop" / "backing_file");
 }
 
 // A loop device and its file hold the same bytes, so that a lock is on both.

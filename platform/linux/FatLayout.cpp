@@ -3,13 +3,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <utility>
 
 #include "FatDigest.h"
 #include "FatTable.h"
-#include "LittleEndian.h"
+#include "foundation/LittleEndian.h"
 
 namespace vorlix {
 namespace {
@@ -82,14 +83,28 @@ bool FatSource::read(uint8_t* to, size_t count, uint64_t offset) const {
     if (got <= 0) return false;
     done += static_cast<size_t>(got);
   }
+  if (changed_ != nullptr) putChanged(to, count, offset);
   return true;
+}
+
+void FatSource::putChanged(uint8_t* to, size_t count, uint64_t offset) const {
+  for (auto sector = changed_->lower_bound(offset / kFatSector * kFatSector); sector != changed_->end(); ++sector) {
+    if (sector->first >= offset + count) break;
+    const uint64_t from = std::max(offset, sector->first);
+    const uint64_t end = std::min(offset + count, sector->first + kFatSector);
+    std::copy_n(sector->second.data() + (from - sector->first), end - from, to + (from - offset));
+  }
 }
 
 uint64_t FatSource::nextData(uint64_t offset) const {
   if (offset >= window_.size) return window_.size;
   const off_t found = lseek(descriptor_, static_cast<off_t>(window_.offset + offset), SEEK_DATA);
-  if (found < 0) return errno == ENXIO ? window_.size : offset;
-  return std::min(static_cast<uint64_t>(found) - window_.offset, window_.size);
+  if (found < 0 && errno != ENXIO) return offset;
+  const uint64_t data =
+      found < 0 ? window_.size : std::min(static_cast<uint64_t>(found) - window_.offset, window_.size);
+  if (changed_ == nullptr) return data;
+  const auto sector = changed_->lower_bound(offset / kFatSector * kFatSector);
+  return sector == changed_->end() ? data : std::min(data, std::max(offset, sector->first));
 }
 
 Refusal readFatLayout(const FatSource& source, FatLayout& layout) {

@@ -7,7 +7,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
+#include <vector>
 
 #include "Dissenters.h"
 #include "platform/posix/FileHandle.h"
@@ -16,11 +18,19 @@ namespace vorlix {
 
 inline constexpr uint32_t kFirstCluster = 2;
 
+inline constexpr size_t kFatSector = 512;  ///< the unit of changes; clusters are whole ones
+
+/// Sectors as they are to become, by their offset in the volume: kFatSector bytes each.
+using FatSectors = std::map<uint64_t, std::vector<uint8_t>>;
+
 /// The bytes that a file system lies in. Offsets count from the start of its window.
 class FatSource {
  public:
   /// `descriptor` stays the caller's and outlives this object.
   FatSource(int descriptor, Extent window) : descriptor_(descriptor), window_(window) {}
+
+  /// The volume as it would be with `changed`, which outlives this object. Nothing is written.
+  FatSource(const FatSource& medium, const FatSectors& changed) : FatSource(medium) { changed_ = &changed; }
 
   /// False with `errno` set: EUCLEAN for what lies outside the window, EIO where the device ends too early.
   bool read(uint8_t* to, size_t count, uint64_t offset) const;
@@ -32,8 +42,11 @@ class FatSource {
   uint64_t size() const { return window_.size; }
 
  private:
+  void putChanged(uint8_t* to, size_t count, uint64_t offset) const;
+
   int descriptor_;
   Extent window_;
+  const FatSectors* changed_ = nullptr;
 };
 
 enum class FatWidth { bits12, bits16, bits32 };

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "LittleEndian.h"
+#include "foundation/LittleEndian.h"
 
 namespace vorlix {
 namespace {
@@ -169,7 +169,7 @@ void LongNameReader::take(const uint8_t* entry) {
   } kPlaces[] = {{1, 5}, {14, 6}, {28, 2}};
   for (const auto& place : kPlaces) {
     for (size_t i = 0; i < place.count; ++i) {
-      units_[unit++] = static_cast<uint16_t>(littleEndian(entry + place.offset + 2 * i, 2));
+      units_[unit++] = littleEndian16(entry + place.offset + 2 * i);
     }
   }
 }

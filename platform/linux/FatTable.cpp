@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "LittleEndian.h"
+#include "foundation/LittleEndian.h"
 
 namespace vorlix {
 namespace {
@@ -95,6 +95,24 @@ uint32_t FatTable::next(uint32_t cluster) const {
 bool FatTable::isEnd(uint32_t value) const {
   if (width_ == FatWidth::bits12) return value >= 0xFF8;
   return width_ == FatWidth::bits16 ? value >= 0xFFF8 : value >= 0x0FFFFFF8;
+}
+
+uint32_t FatTable::endMark() const {
+  return width_ == FatWidth::bits12 ? 0xFFF : width_ == FatWidth::bits16 ? 0xFFFF : 0x0FFFFFFF;
+}
+
+FatTable::Record FatTable::recordOf(uint32_t cluster) const {
+  return {entryOffset(cluster, width_), entrySize(width_)};
+}
+
+std::array<uint8_t, 4> FatTable::recordWith(uint32_t cluster, uint32_t next, const std::array<uint8_t, 4>& now) const {
+  const uint32_t old = littleEndian32(now.data());
+  uint32_t value = next;
+  if (width_ == FatWidth::bits12) value = cluster % 2 == 0 ? (old & 0xF000U) | next : (old & 0x000FU) | next << 4;
+  if (width_ == FatWidth::bits32) value = (old & 0xF0000000U) | next;
+  std::array<uint8_t, 4> bytes = {};
+  putLittleEndian(bytes.data(), bytes.size(), value);
+  return bytes;
 }
 
 uint32_t FatTable::freeClusters() const {

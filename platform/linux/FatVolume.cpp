@@ -10,7 +10,7 @@
 #include <set>
 
 #include "FatNames.h"
-#include "LittleEndian.h"
+#include "foundation/LittleEndian.h"
 
 namespace vorlix {
 namespace {
@@ -32,6 +32,15 @@ bool isDotEntry(const uint8_t* entry) {
 }
 
 }  // namespace
+
+uint64_t placeIn(const FatLayout& layout, const std::vector<FatRun>& runs, uint64_t offset) {
+  for (const FatRun& run : runs) {
+    const uint64_t length = run.count * layout.clusterSize;
+    if (offset < length) return layout.offsetOf(run.first) + offset;
+    offset -= length;
+  }
+  return 0;
+}
 
 // Reads a volume once.
 class FatWalk {
@@ -97,12 +106,13 @@ class FatWalk {
     std::vector<uint8_t> bytes;
     if (layout_.width == FatWidth::bits32) {
       if (!layout_.hasCluster(layout_.rootCluster)) return damage("its root folder has no place");
-      return readFolderBytes(layout_.rootCluster, volume_.rootRuns_, bytes) && takeEntries("", bytes);
+      return readFolderBytes(layout_.rootCluster, volume_.rootRuns_, bytes) &&
+             takeEntries("", bytes, volume_.rootRuns_);
     }
     bytes.resize(static_cast<size_t>(layout_.rootAreaEnd - layout_.rootArea));
     if (!source_.read(bytes.data(), bytes.size(), layout_.rootArea)) return false;
     addPages(layout_.rootArea, bytes.data(), bytes.size());
-    return takeEntries("", bytes);
+    return takeEntries("", bytes, {});
   }
 
   bool readFolder(size_t number) {
@@ -112,9 +122,9 @@ class FatWalk {
     std::vector<FatRun> runs;
     std::vector<uint8_t> bytes;
     if (!readFolderBytes(first, runs, bytes)) return false;
-    volume_.entries_[number].runs = std::move(runs);
+    volume_.entries_[number].runs = runs;
     const std::string path = volume_.entries_[number].path;
-    return takeEntries(path, bytes);
+    return takeEntries(path, bytes, runs);
   }
 
   bool readFolderBytes(uint32_t first, std::vector<FatRun>& runs, std::vector<uint8_t>& bytes) {
@@ -162,7 +172,8 @@ class FatWalk {
     return found == wanted || damage(wrongLength);
   }
 
-  bool takeEntries(const std::string& folder, const std::vector<uint8_t>& bytes) {
+  // `runs` are the folder's clusters; none for the root folder that has a place of its own.
+  bool takeEntries(const std::string& folder, const std::vector<uint8_t>& bytes, const std::vector<FatRun>& runs) {
     std::set<std::string> names;
     LongNameReader longName;
     for (size_t at = 0; at + kFatEntrySize <= bytes.size(); at += kFatEntrySize) {
@@ -180,6 +191,7 @@ class FatWalk {
       if (!nameOf(entry, longName, name)) return damage("it has a name that is not allowed in " + folder + "/");
       if (!names.insert(name).second) return damage("it has twice the name " + folder + "/" + name);
       if (!addEntry(folder + "/" + name, entry)) return false;
+      volume_.entries_.back().place = runs.empty() ? layout_.rootArea + at : placeIn(layout_, runs, at);
     }
     return true;
   }
@@ -201,12 +213,12 @@ class FatWalk {
     entry.path = path;
     entry.attributes = bytes[11];
     entry.isFolder = (entry.attributes & kFolder) != 0;
-    entry.time = static_cast<uint16_t>(littleEndian(bytes + 22, 2));
-    entry.date = static_cast<uint16_t>(littleEndian(bytes + 24, 2));
-    entry.firstCluster = littleEndian(bytes + 26, 2);
-    if (layout_.width == FatWidth::bits32) entry.firstCluster |= littleEndian(bytes + 20, 2) << 16;
+    entry.time = littleEndian16(bytes + 22);
+    entry.date = littleEndian16(bytes + 24);
+    entry.firstCluster = littleEndian16(bytes + 26);
+    if (layout_.width == FatWidth::bits32) entry.firstCluster |= uint32_t{littleEndian16(bytes + 20)} << 16;
     if (entry.isFolder) return true;
-    entry.size = littleEndian(bytes + 28, 4);
+    entry.size = littleEndian32(bytes + 28);
     volume_.totalSize_ += entry.size;
     return true;
   }
@@ -231,8 +243,7 @@ int64_t modificationTime(const FatEntry& entry) {
   return mktime(&parts);
 }
 
-Refusal FatVolume::read(int descriptor, Extent window) {
-  const FatSource source(descriptor, window);
+Refusal FatVolume::read(const FatSource& source) {
   if (Refusal refusal = readFatLayout(source, layout_)) return refusal;
   const auto identity = readFatIdentity(source);
   if (!identity) return dissenterFor(errno, "reading the boot sector");
@@ -251,8 +262,7 @@ const FatEntry* FatVolume::find(const std::string& path) const {
   return found;
 }
 
-Refusal FatVolume::readFile(int descriptor, Extent window, const FatEntry& entry, const TakePiece& take) const {
-  const FatSource source(descriptor, window);
+Refusal FatVolume::readFile(const FatSource& source, const FatEntry& entry, const TakePiece& take) const {
   std::vector<uint8_t> piece(kPiece);
   uint64_t start = 0;  // of the run, in the file
   for (const FatRun& run : entry.runs) {

@@ -26,8 +26,12 @@ struct FatEntry {
   uint16_t date = 0;  ///< of modification, as on the volume
   uint16_t time = 0;
   uint32_t firstCluster = 0;
+  uint64_t place = 0;        ///< of its record in the folder, in bytes from the start of the volume
   std::vector<FatRun> runs;  ///< all of its clusters, in order
 };
+
+/// Where the byte at `offset` of a file or folder with these clusters lies on the volume. 0 beyond its end.
+uint64_t placeIn(const FatLayout& layout, const std::vector<FatRun>& runs, uint64_t offset);
 
 /// The time of modification in the time zone of this process, which FAT volumes leave to their readers.
 int64_t modificationTime(const FatEntry& entry);
@@ -44,7 +48,8 @@ class FatVolume {
   ///
   /// Time and memory are bounded by what the device really holds: holes of sparse images are passed over, folders have
   /// 65536 entries at most, and all paths together 256 MiB.
-  Refusal read(int descriptor, Extent window);
+  Refusal read(const FatSource& source);
+  Refusal read(int descriptor, Extent window) { return read(FatSource(descriptor, window)); }
 
   const FatLayout& layout() const { return layout_; }
   const FatTable& table() const { return table_; }
@@ -76,7 +81,10 @@ class FatVolume {
   using TakePiece = std::function<Refusal(uint64_t offset, const uint8_t* bytes, size_t count)>;
 
   /// Hands out the content of a file in order, in pieces of at most 1 MiB. What is left out between them is zero.
-  Refusal readFile(int descriptor, Extent window, const FatEntry& entry, const TakePiece& take) const;
+  Refusal readFile(const FatSource& source, const FatEntry& entry, const TakePiece& take) const;
+  Refusal readFile(int descriptor, Extent window, const FatEntry& entry, const TakePiece& take) const {
+    return readFile(FatSource(descriptor, window), entry, take);
+  }
 
  private:
   friend class FatWalk;

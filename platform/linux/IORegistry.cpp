@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "IORegistry.h"
 
+#include <algorithm>
 #include <numeric>
 
 #include "BlockDevices.h"
@@ -9,7 +10,7 @@
 #include "ImageFiles.h"
 #include "KernelDisks.h"
 #include "RegistryTree.h"
-#include "SystemFiles.h"
+#include "Sysfs.h"
 #include "platform/posix/SliceName.h"
 
 namespace vorlix {
@@ -155,11 +156,23 @@ std::string LinuxIORegistry::bsdNameFor(const std::string& device) {
 KernReturn LinuxIORegistry::createIterator(MasterPort, const std::string& plane,
                                            std::shared_ptr<RegistryIterator>& iterator) {
   if (!isRegistryPlane(plane)) return kKernFailure;
-  const std::shared_ptr<const RegistryTree> tree = wholeTree(root_);
-  std::vector<size_t> entries(tree->size());
-  std::iota(entries.begin(), entries.end(), size_t{0});
-  iterator = makeRegistryIterator(tree, std::move(entries));
+  iterator = makeRegistryIterator([root = root_] {
+    std::shared_ptr<const RegistryTree> tree = wholeTree(root);
+    std::vector<size_t> entries(tree->size());
+    std::iota(entries.begin(), entries.end(), size_t{0});
+    return RegistrySelection{std::move(tree), std::move(entries)};
+  });
   return kKernSuccess;
+}
+
+std::shared_ptr<RegistryEntry> LinuxIORegistry::mediumEntry(const DiskFacts& disk, uint32_t slice) const {
+  RegistryTree tree = machineTree(root_);
+  addDisk(disk, tree);
+  const auto medium =
+      std::find_if(tree.begin(), tree.end(), [&](const RegistryNode& node) { return isMedium(node, slice); });
+  if (medium == tree.end()) return nullptr;
+  const auto place = static_cast<size_t>(medium - tree.begin());
+  return makeRegistryEntry(std::make_shared<const RegistryTree>(std::move(tree)), place);
 }
 
 KernReturn LinuxIORegistry::matchingServices(MasterPort, const RegistryMatching& matching,
@@ -180,7 +193,7 @@ KernReturn LinuxIORegistry::matchingServices(MasterPort, const RegistryMatching&
     if (matching.bsdName && !(medium && isMedium(node, medium->slice))) continue;
     if (meetsConditions(node, matching)) entries.push_back(i);
   }
-  iterator = makeRegistryIterator(std::move(tree), std::move(entries));
+  iterator = makeRegistryIterator([found = RegistrySelection{std::move(tree), std::move(entries)}] { return found; });
   return kKernSuccess;
 }
 

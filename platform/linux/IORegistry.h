@@ -11,7 +11,8 @@
 //               a slice                      IOMedia                  "BSD Name", "Partition ID", "UUID", "Base" ...
 //
 // Every entry is in both planes. There are no user clients and no APFS volumes here. The entries that a call hands out
-// belong to one moment and do not change; the next call looks anew.
+// belong to one moment and do not change; the next call looks anew. An iterator looks when its first entry is asked
+// for.
 //
 // The entry of the partition table is there if the disk has one that is recognised, or slices by the kernel's account.
 // Its class is IOFDiskPartitionScheme for an MBR, and IOPartitionScheme for a table of another sort.
@@ -30,8 +31,12 @@
 
 #include <Vorlix/platform/IORegistry.h>
 
+#include <cstdint>
+#include <memory>
 #include <string>
 #include <utility>
+
+#include "DiskFacts.h"
 
 namespace vorlix {
 
@@ -47,6 +52,10 @@ class LinuxIORegistry final : public IORegistry {
                             std::shared_ptr<RegistryIterator>& iterator) override;
   KernReturn matchingServices(MasterPort port, const RegistryMatching& matching,
                               std::shared_ptr<RegistryIterator>& iterator) override;
+
+  /// The entry of the medium of a disk that was looked at already, or of a slice of it unless that is 0. Null where the
+  /// disk has no such medium.
+  std::shared_ptr<RegistryEntry> mediumEntry(const DiskFacts& disk, uint32_t slice) const;
 
  private:
   std::string root_;

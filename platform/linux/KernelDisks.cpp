@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -12,7 +11,7 @@
 #include <utility>
 
 #include "PartitionTable.h"
-#include "SystemFiles.h"
+#include "Sysfs.h"
 #include "platform/posix/Descriptor.h"
 #include "platform/posix/SliceName.h"
 
@@ -22,12 +21,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr uint64_t kSector = 512;  // sysfs' and udev's unit on disks of any block size
-
-// Kernel names write the "/" of a node in a sub-folder as "!".
-std::string bsdNameOf(std::string kernelName) {
-  std::replace(kernelName.begin(), kernelName.end(), '!', '/');
-  return kernelName;
-}
 
 std::vector<std::string> namesIn(const fs::path& folder) {
   std::vector<std::string> names;
@@ -46,7 +39,7 @@ uint64_t bytesOf(std::optional<uint64_t> sectors) {
 
 std::map<std::string, std::string> udevRecord(const std::string& root, const fs::path& folder) {
   const std::optional<std::string> number = readTrimmed(folder / "dev");
-  return number ? readUdevRecord(root + "/run/udev/data/b" + *number) : std::map<std::string, std::string>();
+  return number ? readUdevRecord(*number, root) : std::map<std::string, std::string>();
 }
 
 // A disk without a medium, or with a slow one, does not hold this up.
@@ -54,8 +47,7 @@ Descriptor openDisk(const std::string& root, const fs::path& folder, const std::
   Descriptor descriptor(open((root + "/dev/" + bsdName).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status = {};
   if (!descriptor || fstat(descriptor.get(), &status) != 0 || !S_ISBLK(status.st_mode)) return Descriptor();
-  const std::string number = std::to_string(major(status.st_rdev)) + ":" + std::to_string(minor(status.st_rdev));
-  return readTrimmed(folder / "dev") == number ? std::move(descriptor) : Descriptor();
+  return readDeviceNumber(folder / "dev") == status.st_rdev ? std::move(descriptor) : Descriptor();
 }
 
 void readDevice(const fs::path& folder, DiskFacts& disk) {
@@ -70,12 +62,14 @@ void readDevice(const fs::path& folder, DiskFacts& disk) {
 
 std::vector<SliceFacts> kernelSlices(const fs::path& folder) {
   std::vector<SliceFacts> slices;
+  const std::string disk = folder.filename();
   for (const std::string& name : namesIn(folder)) {
+    if (!name.starts_with(disk)) continue;  // a slice's name is its disk's with a number
     const std::optional<uint64_t> number = readWholeNumber(folder / name / "partition");
     if (!number || *number == 0 || *number > std::numeric_limits<uint32_t>::max()) continue;
     SliceFacts slice;
     slice.number = static_cast<uint32_t>(*number);
-    slice.bsdName = bsdNameOf(name);
+    slice.bsdName = withSlashes(name);
     slice.extent = {bytesOf(readWholeNumber(folder / name / "start")),
                     bytesOf(readWholeNumber(folder / name / "size"))};
     slice.writable = readFlag(folder / name / "ro") == false;
@@ -90,9 +84,7 @@ void readUdev(const std::string& root, const fs::path& folder, DiskFacts& disk) 
   disk.content = schemeContent(record["ID_PART_TABLE_TYPE"]);
   if (record["ID_PART_TABLE_TYPE"] == "gpt") disk.uuid = UUID::fromText(record["ID_PART_TABLE_UUID"]);
   for (SliceFacts& slice : disk.slices) {
-    std::string kernelName = slice.bsdName;
-    std::replace(kernelName.begin(), kernelName.end(), '/', '!');
-    auto entry = udevRecord(root, folder / kernelName);
+    auto entry = udevRecord(root, folder / withoutSlashes(slice.bsdName));
     if (entry["ID_PART_ENTRY_NUMBER"] != std::to_string(slice.number)) continue;
     if (entry["ID_PART_ENTRY_OFFSET"] != std::to_string(slice.extent.offset / kSector)) continue;
     slice.content = tableContent(entry["ID_PART_ENTRY_TYPE"]);
@@ -126,7 +118,7 @@ std::optional<DiskFacts> readDisk(const std::string& root, const std::string& ke
   std::error_code error;
   if (readFlag(folder / "hidden") == true) return std::nullopt;
   DiskFacts disk;
-  disk.bsdName = bsdNameOf(kernelName);
+  disk.bsdName = withSlashes(kernelName);
   disk.location = kernelName;
   disk.size = bytesOf(readWholeNumber(folder / "size"));
   disk.hasMedium = disk.size != 0;
@@ -159,8 +151,7 @@ std::vector<DiskFacts> kernelDisks(const std::string& root) {
 }
 
 std::optional<DiskFacts> kernelDiskOf(const std::string& root, const std::string& name) {
-  std::string kernelName = name;
-  std::replace(kernelName.begin(), kernelName.end(), '/', '!');
+  const std::string kernelName = withoutSlashes(name);
   const std::vector<std::string> disks = namesIn(root + "/sys/block");
   if (std::find(disks.begin(), disks.end(), kernelName) != disks.end()) return readDisk(root, kernelName);
   std::error_code error;
@@ -173,13 +164,8 @@ std::optional<DiskFacts> kernelDiskOf(const std::string& root, const std::string
 }
 
 std::optional<bool> isRotational(const std::string& root, dev_t number) {
-  std::error_code error;
-  const std::string link =
-      root + "/sys/dev/block/" + std::to_string(major(number)) + ":" + std::to_string(minor(number));
-  fs::path folder = fs::canonical(link, error);
-  if (error) return std::nullopt;
-  if (fs::exists(folder / "partition", error)) folder = folder.parent_path();
-  return readFlag(folder / "queue" / "rotational");
+  const std::optional<fs::path> folder = sysfsFolderOfDisk(number, root);
+  return folder ? readFlag(*folder / "queue" / "rotational") : std::nullopt;
 }
 
 }  // namespace vorlix

@@ -8,10 +8,10 @@
 #include <algorithm>
 #include <charconv>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <system_error>
 
+#include "Sysfs.h"
 #include "VolumeOrigin.h"
 
 namespace vorlix {
@@ -93,13 +93,6 @@ MountPoint mountPointOf(libmnt_fs* entry) {
   return mount;
 }
 
-std::optional<uint64_t> readNumber(const fs::path& path) {
-  std::ifstream file(path);
-  uint64_t number = 0;
-  if (!(file >> number)) return std::nullopt;
-  return number;
-}
-
 }  // namespace
 
 std::vector<MountPoint> mountTable() {
@@ -124,11 +117,10 @@ std::optional<MountPoint> mountAt(const std::string& path) {
 }
 
 std::optional<LoopBacking> loopBackingOf(dev_t device) {
-  const fs::path loop =
-      fs::path("/sys/dev/block") / (std::to_string(major(device)) + ":" + std::to_string(minor(device))) / "loop";
-  if (readNumber(loop / "autoclear").value_or(0) == 0) return std::nullopt;
+  const fs::path loop = sysfsLink(device) / "loop";
+  if (readWholeNumber(loop / "autoclear").value_or(0) == 0) return std::nullopt;
   const std::optional<std::string> path = backingPathOf(device);
-  const uint64_t offset = readNumber(loop / "offset").value_or(0);
+  const uint64_t offset = readWholeNumber(loop / "offset").value_or(0);
   // Another file may have come into its place, or be what is called so in this process' name space.
   if (!path || originOfPath(*path, offset) != originOfDevice(device)) return std::nullopt;
   return LoopBacking{*path, offset};

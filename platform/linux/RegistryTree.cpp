@@ -84,17 +84,17 @@ class TreeEntry final : public RegistryEntry {
 
 class TreeIterator final : public RegistryIterator {
  public:
-  TreeIterator(std::shared_ptr<const RegistryTree> tree, std::vector<size_t> entries)
-      : tree_(std::move(tree)), entries_(std::move(entries)) {}
+  explicit TreeIterator(std::function<RegistrySelection()> look) : look_(std::move(look)) {}
 
   std::shared_ptr<RegistryEntry> next() override {
-    if (position_ == entries_.size()) return nullptr;
-    return std::make_shared<TreeEntry>(tree_, entries_[position_++]);
+    if (!selection_) selection_ = look_();
+    if (position_ == selection_->entries.size()) return nullptr;
+    return std::make_shared<TreeEntry>(selection_->tree, selection_->entries[position_++]);
   }
 
  private:
-  std::shared_ptr<const RegistryTree> tree_;
-  std::vector<size_t> entries_;
+  std::function<RegistrySelection()> look_;
+  std::optional<RegistrySelection> selection_;
   size_t position_ = 0;
 };
 
@@ -114,9 +114,12 @@ bool meetsConditions(const RegistryNode& node, const RegistryMatching& matching)
   });
 }
 
-std::shared_ptr<RegistryIterator> makeRegistryIterator(std::shared_ptr<const RegistryTree> tree,
-                                                       std::vector<size_t> entries) {
-  return std::make_shared<TreeIterator>(std::move(tree), std::move(entries));
+std::shared_ptr<RegistryIterator> makeRegistryIterator(std::function<RegistrySelection()> look) {
+  return std::make_shared<TreeIterator>(std::move(look));
+}
+
+std::shared_ptr<RegistryEntry> makeRegistryEntry(std::shared_ptr<const RegistryTree> tree, size_t index) {
+  return std::make_shared<TreeEntry>(std::move(tree), index);
 }
 
 }  // namespace vorlix

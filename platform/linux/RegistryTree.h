@@ -5,6 +5,7 @@
 
 #include <Vorlix/platform/IORegistry.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,8 +30,15 @@ bool isRegistryPlane(const std::string& plane);
 /// Whether an entry is a service that meets the class and the properties of `matching`; its BSD name is not looked at.
 bool meetsConditions(const RegistryNode& node, const RegistryMatching& matching);
 
-/// Hands out the entries with these indices. They keep the tree.
-std::shared_ptr<RegistryIterator> makeRegistryIterator(std::shared_ptr<const RegistryTree> tree,
-                                                       std::vector<size_t> entries);
+/// Entries of a tree, by their indices.
+struct RegistrySelection {
+  std::shared_ptr<const RegistryTree> tree;
+  std::vector<size_t> entries;
+};
+
+/// Hands out the entries that `look` finds, which is called when the first one is asked for. They keep the tree.
+std::shared_ptr<RegistryIterator> makeRegistryIterator(std::function<RegistrySelection()> look);
+
+std::shared_ptr<RegistryEntry> makeRegistryEntry(std::shared_ptr<const RegistryTree> tree, size_t index);
 
 }  // namespace vorlix

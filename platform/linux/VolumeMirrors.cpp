@@ -11,6 +11,7 @@
 #include "MirrorTree.h"
 #include "MirroredVolume.h"
 #include "OpenedDevice.h"
+#include "UnmountedFat.h"
 #include "VolumeDevice.h"
 
 namespace vorlix {
@@ -63,6 +64,13 @@ std::vector<std::string> changesIn(const MirrorState& state) {
 }
 
 }  // namespace
+
+std::unique_ptr<UnmountedVolume> LinuxVolumeMirrors::openUnmounted(const std::string& device,
+                                                                   std::optional<Dissenter>& refusal) {
+  const std::optional<DeviceLocation> location = deviceOf(device);
+  refusal.reset();
+  return location ? openUnmountedFat(*location, refusal) : nullptr;
+}
 
 std::vector<VolumeMirror> LinuxVolumeMirrors::mirrors() {
   std::vector<VolumeMirror> mirrors;

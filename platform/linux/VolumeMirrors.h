@@ -7,6 +7,7 @@ namespace vorlix {
 
 class LinuxVolumeMirrors final : public VolumeMirrors {
  public:
+  std::unique_ptr<UnmountedVolume> openUnmounted(const std::string& device, std::optional<Dissenter>& refusal) override;
   std::vector<VolumeMirror> mirrors() override;
   std::optional<Dissenter> settle(const VolumeMirror& mirror) override;
   std::optional<Dissenter> discard(const VolumeMirror& mirror) override;

@@ -4,15 +4,11 @@
 #include <fcntl.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
-#include <sys/sysmacros.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <system_error>
 
 #include "DeviceFacts.h"
-#include "SystemFiles.h"
+#include "Sysfs.h"
 #include "platform/posix/Descriptor.h"
 
 namespace vorlix {
@@ -22,19 +18,6 @@ namespace fs = std::filesystem;
 
 constexpr uint64_t kSysfsSector = 512;  // the unit of "start", whatever the disk's block size
 constexpr int kMostLayers = 16;         // of loop devices over loop devices
-
-fs::path sysfsFolder(dev_t device) {
-  return "/sys/dev/block/" + std::to_string(major(device)) + ":" + std::to_string(minor(device));
-}
-
-std::optional<dev_t> numberIn(const fs::path& path) {
-  std::ifstream file(path);
-  unsigned majorNumber = 0;
-  unsigned minorNumber = 0;
-  char colon = 0;
-  if (!(file >> majorNumber >> colon >> minorNumber)) return std::nullopt;
-  return makedev(majorNumber, minorNumber);
-}
 
 // What a loop device was made over, as the driver remembers it. Only who may open the device is told.
 std::optional<loop_info64> loopStatusOf(dev_t device) {
@@ -51,7 +34,7 @@ std::optional<loop_info64> loopStatusOf(dev_t device) {
 std::optional<VolumeOrigin> originBehindLoop(dev_t device) {
   const std::optional<std::string> path = backingPathOf(device);
   if (!path) return std::nullopt;
-  const uint64_t offset = readWholeNumber(sysfsFolder(device) / "loop" / "offset").value_or(0);
+  const uint64_t offset = readWholeNumber(sysfsLink(device) / "loop" / "offset").value_or(0);
   struct stat status = {};
   const bool isThere = stat(path->c_str(), &status) == 0;
   const std::optional<loop_info64> info = loopStatusOf(device);
@@ -65,11 +48,10 @@ std::optional<VolumeOrigin> originBehindLoop(dev_t device) {
 
 // One layer down; absent at the bottom.
 std::optional<VolumeOrigin> below(dev_t device) {
-  const fs::path folder = sysfsFolder(device);
-  if (!readWholeNumber(folder / "partition")) return originBehindLoop(device);
-  std::error_code error;
-  const std::optional<uint64_t> start = readWholeNumber(folder / "start");
-  const std::optional<dev_t> disk = numberIn(fs::canonical(folder, error).parent_path() / "dev");
+  const std::optional<fs::path> folder = sysfsFolder(device);
+  if (!folder || !readWholeNumber(*folder / "partition")) return originBehindLoop(device);
+  const std::optional<uint64_t> start = readWholeNumber(*folder / "start");
+  const std::optional<dev_t> disk = readDeviceNumber(folder->parent_path() / "dev");
   if (!start || !disk) return std::nullopt;
   return VolumeOrigin{*disk, 0, *start * kSysfsSector};
 }
@@ -99,11 +81,10 @@ std::optional<VolumeOrigin> originOfPath(const std::string& path, uint64_t offse
 }
 
 std::optional<std::string> backingPathOf(dev_t device) {
-  std::ifstream file(sysfsFolder(device) / "loop" / "backing_file", std::ios::binary);
-  std::string path{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  if (path.ends_with('\n')) path.pop_back();  // names may end in a space, or in a line's end of their own
-  if (path.empty()) return std::nullopt;
-  return path;
+  std::optional<std::string> path = readText(sysfsLink(device) / "loop" / "backing_file");
+  // Names may end in a space, or in a line's end of their own.
+  if (path && path->ends_with('\n')) path->pop_back();
+  return path && path->empty() ? std::nullopt : path;
 }
 
 }  // namespace vorlix

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include "foundation/GUIDPartitionTable.h"
+#include "foundation/LittleEndian.h"
 
 #include <algorithm>
 #include <array>
@@ -24,13 +25,6 @@ template <size_t size>
 bool readWhole(int descriptor, std::array<uint8_t, size>& bytes, uint64_t offset) {
   if (offset > static_cast<uint64_t>(std::numeric_limits<off_t>::max())) return false;
   return pread(descriptor, bytes.data(), size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
-}
-
-template <size_t size>
-uint64_t littleEndian(const std::array<uint8_t, size>& bytes, size_t offset, size_t count) {
-  uint64_t value = 0;
-  for (size_t i = count; i > 0; --i) value = value << 8 | bytes[offset + i - 1];
-  return value;
 }
 
 std::optional<Extent> extentOf(uint64_t first, uint64_t count, uint32_t blockSize, uint64_t diskSize) {

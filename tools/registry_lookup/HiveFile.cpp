@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "foundation/LittleEndian.h"
 
 #include <algorithm>
 #include <array>
@@ -41,10 +42,6 @@ class Descriptor {
  private:
   int number_;
 };
-
-uint32_t littleEndian32(const uint8_t* bytes) {
-  return static_cast<uint32_t>(bytes[0] | bytes[1] << 8 | bytes[2] << 16) | static_cast<uint32_t>(bytes[3]) << 24;
-}
 
 }  // namespace
 

@@ -27,6 +27,7 @@
 #include "LibraryLog.h"
 #include "MountedEFI.h"
 #include "Text.h"
+#include "UnmountedFile.h"
 #include "VolumeFolder.h"
 
 namespace vorlix::tool {
@@ -34,6 +35,8 @@ namespace {
 
 constexpr size_t kLargestStore = size_t{64} * 1024 * 1024;
 constexpr const char* kStorePath = "/EFI/Microsoft/Boot/BCD";
+constexpr const char* kStoreFolder = "EFI/Microsoft/Boot";
+constexpr const char* kStoreName = "BCD";
 
 const std::map<std::string, int32_t> kModes = {{"standard", 0}, {"mdt", kStoreModeMDT}, {"sccm", kStoreModeSCCM}};
 
@@ -118,23 +121,34 @@ bool isSameFile(const struct stat& item, const std::string& path) {
   return stat(path.c_str(), &other) == 0 && item.st_dev == other.st_dev && item.st_ino == other.st_ino;
 }
 
-// The old store stays until the new one takes its name, but for a mirrored volume, where the disk is changed at once.
-void checkRoom(const MountedEFI& efi, const StorePlan& plan, const std::optional<ByteVector>& old) {
-  const std::optional<uint64_t> space = efi.freeSpace();
-  if (!space) return;
-  const uint64_t free = *space + (efi.isMirror() && old ? old->size() : 0);
+void checkRoom(uint64_t free, const StorePlan& plan, const std::optional<ByteVector>& old) {
   if (free >= plan.store.size()) return;
   throw Failure(plan.efi,
                 "no room for the store of " + sizeText(plan.store.size()) + ", " + sizeText(free) + " are free",
                 old ? "the old store stands there unchanged" : "nothing was written");
 }
 
+// The old store stays until the new one takes its name, but for a mirrored volume, where the disk is changed at once.
+void checkRoom(const MountedEFI& efi, const StorePlan& plan, const std::optional<ByteVector>& old) {
+  const std::optional<uint64_t> space = efi.freeSpace();
+  if (space) checkRoom(*space + (efi.isMirror() && old ? old->size() : 0), plan, old);
+}
+
+// @return whether the store that is there was another one.
+bool putStore(const StoreOptions& options, const StorePlan& plan, UnmountedFile& file) {
+  if (file.old() == plan.store) return false;
+  checkRoom(file.room(), plan, file.old());
+  if (!options.backupFolder.empty() && file.old()) saveOld(options, plan, *file.old());
+  file.replaceBy(plan.store);
+  return true;
+}
+
 // @return whether the store that is there was another one.
 bool putStore(const StoreOptions& options, const StorePlan& plan, const MountedEFI& efi) {
   const VolumeFolder folder =
       VolumeFolder(efi.path(), isCaseBlindDevice(plan.efi)).folder("EFI").folder("Microsoft").folder("Boot");
-  const std::optional<std::string> spelled = folder.find("BCD");
-  const std::string name = spelled.value_or("BCD");
+  const std::optional<std::string> spelled = folder.find(kStoreName);
+  const std::string name = spelled.value_or(kStoreName);
   std::optional<ByteVector> old;
   if (spelled) {
     const std::optional<struct stat> status = folder.statusOf(name);
@@ -149,11 +163,20 @@ bool putStore(const StoreOptions& options, const StorePlan& plan, const MountedE
   return true;
 }
 
-void writeStore(const StoreOptions& options, const StorePlan& plan) {
-  finishInterruptedChanges(plan.efi);
+// @return whether the store that is there was another one.
+bool putStore(const StoreOptions& options, const StorePlan& plan) {
+  if (const auto file = UnmountedFile::open(plan.efi, kStoreFolder, kStoreName, kLargestStore)) {
+    return putStore(options, plan, *file);
+  }
   MountedEFI efi(plan.efi);
   const bool isOther = putStore(options, plan, efi);
   efi.finish("the new store");
+  return isOther;
+}
+
+void writeStore(const StoreOptions& options, const StorePlan& plan) {
+  finishInterruptedChanges(plan.efi);
+  const bool isOther = putStore(options, plan);
   const std::string disk = printable(options.disk);
   if (isOther) {
     std::printf("Store      written to slice 1 of %s and read back\n", disk.c_str());

@@ -20,7 +20,7 @@
 namespace vorlix::tool {
 
 FileReplacement::FileReplacement(const VolumeFolder& folder, std::string name)
-    : folder_(folder), name_(std::move(name)), aside_(name_ + ".vorlix-new") {
+    : folder_(folder), name_(std::move(name)), aside_(asideNameOf(name_)) {
   if (flock(folder_.descriptor(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
     throw Failure(folder_.path(), "another process is replacing " + name_);
   }

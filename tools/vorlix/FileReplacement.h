@@ -12,6 +12,9 @@ namespace vorlix::tool {
 /// whole.
 class FileReplacement {
  public:
+  /// The name under which the new content stands beside the file until it is complete.
+  static std::string asideNameOf(const std::string& name) { return name + ".vorlix-new"; }
+
   /// Takes away what a replacement that was cut off has left in the folder. Throws Failure, also where another process
   /// is at it.
   /// @param name  how the file is spelled there, or is to be

@@ -4,8 +4,11 @@
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/foundation/LogReceiver.h>
 #include <Vorlix/foundation/Object.h>
+#include "library/QDSUtilities/VolumeNames.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <memory>
 #include <string>
 
@@ -44,17 +47,23 @@ const char* nothingText(const ListOptions& options) {
   return "no FAT, exFAT or NTFS volume is mounted; --all shows every kind";
 }
 
+// Those of the listing that are asked for. A volume of unknown kind may be one of Windows' own.
+Volumes chosen(const Volumes& all, const ListOptions& options) {
+  Volumes shown;
+  std::copy_if(all.begin(), all.end(), std::back_inserter(shown), [&](const auto& volume) {
+    const std::optional<std::string> kind = volume->fileSystemType();
+    return (options.all || !kind || isCaseBlind(*kind)) && (!options.windowsOnly || volume->hasWindows());
+  });
+  return shown;
+}
+
 void listVolumes(const ListOptions& options) {
   Volumes all;
-  Volumes shown;
   {
     const QuietLibrary quiet;
-    const auto manager = QDDeviceManager::sharedDeviceManager();
-    all = manager->attachedDisks();
-    shown = options.all && !options.windowsOnly
-                ? all
-                : manager->attachedDisksShowingWindowsOnly(options.windowsOnly, options.all);
+    all = QDDeviceManager::sharedDeviceManager()->attachedDisks();
   }
+  const Volumes shown = chosen(all, options);
   if (options.json) {
     auto array = nlohmann::ordered_json::array();
     for (const auto& volume : shown) array.push_back(volumeJson(*volume, all));

@@ -3,6 +3,7 @@
 
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/platform/DiskArbitration.h>
+#include <Vorlix/platform/Platform.h>
 #include <fcntl.h>
 #include <unistd.h>
 #include "library/QDDeviceManager/WindowsFolders.h"
@@ -47,9 +48,9 @@ std::optional<std::string> diskText(const QDVolume& volume) {
 
 // A volume without an identifier has another one in each listing; nobody could use that.
 std::optional<UUID> lastingUUID(const QDVolume& volume) {
-  const QuietLibrary quiet;
-  const auto description = QDDeviceManager::sharedDeviceManager()->diskInfo(volume.device().value_or(""));
-  return description ? description->uuid(kDescriptionVolumeUUID) : std::nullopt;
+  const auto session = platform().diskArbitration->createSession();
+  const auto disk = session ? session->diskFromBSDName(volume.device().value_or("")) : nullptr;
+  return disk ? disk->volumeUUID() : std::nullopt;
 }
 
 bool isSamePlace(const std::string& left, const std::string& right) {

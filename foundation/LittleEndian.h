@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Numbers as they stand on disks: the lowest byte first.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+
+namespace vorlix {
+
+/// A number of at most eight bytes.
+constexpr uint64_t littleEndian(const uint8_t* bytes, size_t count) {
+  uint64_t value = 0;
+  for (size_t i = count; i > 0; --i) value = value << 8 | bytes[i - 1];
+  return value;
+}
+
+/// The same, `offset` bytes into a run of bytes that is long enough.
+template <typename Bytes>
+constexpr uint64_t littleEndian(const Bytes& bytes, size_t offset, size_t count) {
+  return littleEndian(std::data(bytes) + offset, count);
+}
+
+constexpr uint16_t littleEndian16(const uint8_t* bytes) {
+  return static_cast<uint16_t>(littleEndian(bytes, 2));
+}
+
+constexpr uint32_t littleEndian32(const uint8_t* bytes) {
+  return static_cast<uint32_t>(littleEndian(bytes, 4));
+}
+
+/// Writes the lowest `count` bytes of a number, at most eight.
+constexpr void putLittleEndian(uint8_t* bytes, size_t count, uint64_t value) {
+  for (size_t i = 0; i < count; ++i) bytes[i] = static_cast<uint8_t>(value >> 8 * i);
+}
+
+}  // namespace vorlix
