@@ -4,7 +4,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include "Sha256.h"
+#include "foundation/Sha256.h"
 #include "StateFolder.h"
 
 #include <algorithm>
