@@ -77,6 +77,17 @@ class Disk {
   /// What the system knows of the disk now. Absent when it knows no such disk.
   virtual std::optional<Dictionary> copyDescription() = 0;
 
+  /// kDescriptionMediaBlockSize and kDescriptionVolumePath by themselves, for callers that need nothing else: a
+  /// description is a look at everything that there is to know.
+  virtual std::optional<int64_t> blockSize() {
+    const std::optional<Dictionary> description = copyDescription();
+    return description ? description->integer(kDescriptionMediaBlockSize) : std::nullopt;
+  }
+  virtual std::optional<URL> volumePath() {
+    const std::optional<Dictionary> description = copyDescription();
+    return description ? description->url(kDescriptionVolumePath) : std::nullopt;
+  }
+
   /// The whole disk that this one is a slice of, or the disk itself if it is whole. Null where there is none.
   virtual std::shared_ptr<Disk> wholeDisk() = 0;
 

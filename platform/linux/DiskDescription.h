@@ -15,6 +15,10 @@ namespace vorlix {
 /// the mount table. Kinds of mounted volumes that cannot be read come from the mount table, too.
 Dictionary describeDisk(const DeviceLocation& location);
 
+/// Single entries of that description.
+std::optional<uint32_t> mediumBlockSize(const DeviceLocation& location);
+std::optional<URL> volumePathOf(const DeviceLocation& location);
+
 /// The file system on a device: by libblkid, or by udev's record where the device could not be opened.
 std::optional<VolumeFacts> volumeFactsOf(const DeviceLocation& location, const std::optional<OpenedDevice>& device);
 

@@ -20,6 +20,15 @@ std::string bsdNameOf(const std::string& device);
 /// one.
 std::string wholeDiskNameOf(const std::string& device);
 
+/// Both names by one look-up. Throws Failure like the two functions above.
+struct DeviceNames {
+  std::string own;
+  std::string whole;  ///< the same where the device is whole
+
+  bool isSlice() const { return own != whole; }
+};
+DeviceNames namesOf(const std::string& device);
+
 /// The name of slice `number` of a disk. Throws Failure where that name is something else's: a path that exists is
 /// taken as it is, and what was not asked for must not be written to.
 std::string sliceNameOf(const std::string& disk, uint32_t number);

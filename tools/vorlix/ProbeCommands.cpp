@@ -31,8 +31,8 @@ constexpr int kEFIStart = 1;
 // The answer comes from the second slot of an MBR; where there is none, it would be made of whatever stands there.
 void requireMBR(const std::string& disk) {
   const DiskTables tables = readTables(disk);
-  if (const std::string whole = wholeDiskNameOf(disk); whole != bsdNameOf(disk)) {
-    throw Failure(disk, "a slice; the whole disk is " + whole);
+  if (const DeviceNames names = namesOf(disk); names.isSlice()) {
+    throw Failure(disk, "a slice; the whole disk is " + names.whole);
   }
   if (const auto reason = whyNoMBR(tables)) throw Failure(disk, *reason);
 }

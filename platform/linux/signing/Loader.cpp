@@ -25,9 +25,8 @@ constexpr size_t kLongestUnit = 4096;  // X.520 allows 64 characters
 
 // The places of an installation that was moved, then of the prefix it was built for. No environment and no search path
 // has a say in what a privileged host loads.
-std::vector<fs::path> modulePlaces() {
+std::vector<fs::path> modulePlaces(const fs::path& code) {
   std::vector<fs::path> places;
-  const fs::path code = fileOfThisCode();
   if (code.is_absolute()) {
     places.push_back(code.parent_path() / kModule);
     const fs::path fromPrograms = VORLIX_LIBRARIES_FROM_BINDIR;
@@ -37,22 +36,29 @@ std::vector<fs::path> modulePlaces() {
   return places;
 }
 
-// Whoever can write the file would be this process.
-bool isTrusted(const struct stat& status) {
-  const bool isOwn = status.st_uid == 0 || status.st_uid == geteuid();
-  return S_ISREG(status.st_mode) && isOwn && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+// Whoever can write the module can be the super-user's process. So it has to be the super-user's alone, or in no more
+// hands than the code that asks for it.
+bool isTrusted(const struct stat& module, const fs::path& code) {
+  if (!S_ISREG(module.st_mode)) return false;
+  if (geteuid() != 0) return true;
+  const mode_t othersWrite = module.st_mode & (S_IWGRP | S_IWOTH);
+  if (module.st_uid == 0 && othersWrite == 0) return true;
+  struct stat own = {};
+  return stat(code.c_str(), &own) == 0 && module.st_uid == own.st_uid && module.st_gid == own.st_gid &&
+         (othersWrite & ~own.st_mode) == 0;
 }
 
 SignersUnitEntry* load() {
   std::string reason = "not found";
-  for (const fs::path& place : modulePlaces()) {
+  const fs::path code = fileOfThisCode();
+  for (const fs::path& place : modulePlaces(code)) {
     const Descriptor file(open(place.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     struct stat status = {};
     if (!file || fstat(file.get(), &status) != 0) {
       if (errno != ENOENT && errno != ENOTDIR) reason = place.string() + ": " + std::strerror(errno);
       continue;
     }
-    if (!isTrusted(status)) {
+    if (!isTrusted(status, code)) {
       reason = place.string() + ": others may write to it";
       continue;
     }
