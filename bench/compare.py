@@ -59,6 +59,9 @@ class Program:
     def median(self):
         return statistics.median(self.wall)
 
+    def cpu_median(self):
+        return statistics.median(self.cpu)
+
 
 def make_image(path):
     """Makes a Mac's GPT disk with a FAT volume as entry 3 and without a hybrid MBR."""
@@ -80,8 +83,9 @@ def fresh_copy(original, copy):
     os.close(descriptor)
 
 
-def take_turns(title, programs, original, folder, runs, renew=False, ratios=True):
-    """Runs each program `runs` times, after one run that is not counted. With `renew`, each run gets a fresh copy."""
+def take_turns(title, programs, original, folder, runs, renew=False, ratios=True, bar=None):
+    """Runs each program `runs` times, after one run that is not counted. With `renew`, each run gets a fresh copy. `bar` is
+    the largest allowed ratio of the first program's CPU time to the second one's."""
     copies = [folder / f"copy{i}.img" for i in range(len(programs))]
     for copy in copies:
         fresh_copy(original, copy)
@@ -96,11 +100,14 @@ def take_turns(title, programs, original, folder, runs, renew=False, ratios=True
     print(f"\n{title}: {runs} runs each, alternating")
     print(f"  {'':28} {'median':>10} {'fastest':>10} {'CPU':>10}")
     for program in programs:
-        cpu = statistics.median(program.cpu)
-        times = [program.median(), min(program.wall), cpu]
+        times = [program.median(), min(program.wall), program.cpu_median()]
         print(f"  {program.label:28} " + " ".join(f"{seconds * 1e3:7.2f} ms" for seconds in times))
     for program in programs[1:] if ratios else []:
-        print(f"  {programs[0].label} : {program.label} = {programs[0].median() / program.median():.3f}")
+        cpu = programs[0].cpu_median() / program.cpu_median()
+        print(f"  {programs[0].label} : {program.label} = {programs[0].median() / program.median():.3f}, CPU {cpu:.3f}")
+    if bar is not None:
+        cpu = programs[0].cpu_median() / programs[1].cpu_median()
+        print(f"  bar: CPU at most {bar} of {programs[1].label}: {'kept' if cpu <= bar else 'MISSED'}")
 
 
 def listing(vorlix, original, folder, runs):
@@ -200,10 +207,15 @@ def main():
         hybrid = Program("vorlix hybrid",
                          [vorlix, "hybrid", "IMAGE", "--boot-code", str(boot_code), "--partition", "3"])
         sgdisk_hybrid = Program("sgdisk --hybrid", ["sgdisk", "--hybrid=2:3", "IMAGE"])
-        take_turns("Hybrid MBR", [hybrid, sgdisk_hybrid], original, folder, options.runs, renew=True)
+        take_turns("Hybrid MBR", [hybrid, sgdisk_hybrid], original, folder, options.runs, renew=True, bar=0.9)
+        sfdisk = Program("sfdisk -J", ["sfdisk", "-J", "IMAGE"])
         take_turns("Showing the tables",
-                   [Program("vorlix show", [vorlix, "show", "IMAGE"]), Program("sgdisk -p", ["sgdisk", "-p", "IMAGE"]),
-                    Program("sfdisk -J", ["sfdisk", "-J", "IMAGE"])], original, folder, options.runs)
+                   [Program("vorlix show", [vorlix, "show", "IMAGE"]), Program("sgdisk -p", ["sgdisk", "-p", "IMAGE"])],
+                   original, folder, options.runs, bar=1.0)
+        take_turns("Showing the tables as JSON", [Program("vorlix show --json", [vorlix, "show", "--json", "IMAGE"]), sfdisk],
+                   original, folder, options.runs, bar=1.5)
+        take_turns("Starting", [Program("vorlix --version", [vorlix, "--version"]), sfdisk],
+                   original, folder, options.runs, bar=0.8)
         take_turns("Where vorlix's time goes",
                    [Program("vorlix hybrid --dry-run", [*hybrid.command, "--dry-run"], statuses=(1,)),
                     Program("vorlix --help", [vorlix, "--help"]), Program("true", ["true"])],

@@ -97,15 +97,47 @@ endif()
 
 # Signatures. The folder of the trusted certificates for callers' signatures is fixed in the build, so that nobody can
 # make a privileged host use another one.
+#
+# On Linux they are checked with OpenSSL. Loading it costs more than the rest of a command, so the code that needs it is a
+# module in the library's own folder. The shared library and the program load it at the first check. The static library
+# contains it, because a host that links statically wants no further files.
 if(APPLE)
-  set(VORLIX_SIGNING "-framework Security")
+  foreach(kind objects shared static)
+    target_link_libraries(vorlix_${kind} PRIVATE "-framework Security")
+  endforeach()
 else()
   pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET GLOBAL libcrypto)
-  set(VORLIX_SIGNING PkgConfig::CRYPTO)
   set(VORLIX_PC_SIGNING ", libcrypto")
   set(VORLIX_ANCHOR_FOLDER "/etc/vorlix/anchors" CACHE PATH "Trusted certificates of callers' signatures")
   target_compile_definitions(vorlix_objects PRIVATE VORLIX_ANCHOR_FOLDER="${VORLIX_ANCHOR_FOLDER}")
+
+  file(GLOB signing CONFIGURE_DEPENDS platform/linux/signing/*.cpp)
+  set(signing_module ${PROJECT_SOURCE_DIR}/platform/linux/signing/Module.cpp)
+  set(signing_loader ${PROJECT_SOURCE_DIR}/platform/linux/signing/Loader.cpp)
+  list(REMOVE_ITEM signing ${signing_module} ${signing_loader})
+  add_library(vorlix_signing_objects OBJECT ${signing})
+  target_link_libraries(vorlix_signing_objects PRIVATE vorlix_headers PkgConfig::CRYPTO)
+  target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_signing_objects>)
+  target_link_libraries(vorlix_static PRIVATE PkgConfig::CRYPTO)
+
+  # The version in the folder's name lets the modules of two libraries stand side by side.
+  set(VORLIX_MODULE_FOLDER vorlix-${PROJECT_VERSION_MAJOR})
+  add_library(vorlix_signing MODULE ${signing_module} $<TARGET_OBJECTS:vorlix_signing_objects>)
+  target_link_libraries(vorlix_signing PRIVATE vorlix_headers PkgConfig::CRYPTO)
+  set_target_properties(vorlix_signing PROPERTIES PREFIX "" OUTPUT_NAME signing LINKER_LANGUAGE CXX
+                                                  LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${VORLIX_MODULE_FOLDER})
+
+  add_library(vorlix_loader OBJECT ${signing_loader})
+  target_link_libraries(vorlix_loader PRIVATE vorlix_headers)
+  set(libraries_from_programs "")
+  if(NOT IS_ABSOLUTE "${CMAKE_INSTALL_BINDIR}" AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+    file(RELATIVE_PATH libraries_from_programs "/prefix/${CMAKE_INSTALL_BINDIR}" "/prefix/${CMAKE_INSTALL_LIBDIR}")
+  endif()
+  target_compile_definitions(vorlix_loader PRIVATE
+                             VORLIX_MODULE_FOLDER="${VORLIX_MODULE_FOLDER}"
+                             VORLIX_LIBRARY_FOLDER="${CMAKE_INSTALL_FULL_LIBDIR}"
+                             VORLIX_LIBRARIES_FROM_BINDIR="${libraries_from_programs}")
+  target_sources(vorlix_shared PRIVATE $<TARGET_OBJECTS:vorlix_loader>)
+  target_link_libraries(vorlix_shared PRIVATE ${CMAKE_DL_LIBS})
+  add_dependencies(vorlix_shared vorlix_signing)
 endif()
-target_link_libraries(vorlix_objects PRIVATE ${VORLIX_SIGNING})
-target_link_libraries(vorlix_shared PRIVATE ${VORLIX_SIGNING})
-target_link_libraries(vorlix_static PRIVATE ${VORLIX_SIGNING})

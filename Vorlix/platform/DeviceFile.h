@@ -58,6 +58,10 @@ class DeviceHandle {
   /// Size in bytes; absent when the system cannot tell.
   virtual std::optional<uint64_t> size() = 0;
 
+  /// Bytes of a logical block, of an image file those that its GPT is made for. Absent where the handle does not know;
+  /// disk arbitration then may (Disk::blockSize).
+  virtual std::optional<uint32_t> blockSize() { return std::nullopt; }
+
   /// Closes the device and releases its lock. @return 0, or -1 with `errno` set, also when it was closed before.
   virtual int close() = 0;
 };

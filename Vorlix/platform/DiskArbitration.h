@@ -77,7 +77,8 @@ class Disk {
   /// What the system knows of the disk now. Absent when it knows no such disk.
   virtual std::optional<Dictionary> copyDescription() = 0;
 
-  /// kDescriptionVolumeType and kDescriptionVolumeUUID by themselves.
+  /// Single entries of the description (kDescriptionVolumeType, VolumeUUID, MediaBlockSize, VolumePath), for callers that need
+  /// nothing else: a whole description looks at everything.
   virtual std::optional<std::string> volumeType() {
     const std::optional<Dictionary> description = copyDescription();
     return description ? description->text(kDescriptionVolumeType) : std::nullopt;
@@ -85,6 +86,14 @@ class Disk {
   virtual std::optional<UUID> volumeUUID() {
     const std::optional<Dictionary> description = copyDescription();
     return description ? description->uuid(kDescriptionVolumeUUID) : std::nullopt;
+  }
+  virtual std::optional<int64_t> blockSize() {
+    const std::optional<Dictionary> description = copyDescription();
+    return description ? description->integer(kDescriptionMediaBlockSize) : std::nullopt;
+  }
+  virtual std::optional<URL> volumePath() {
+    const std::optional<Dictionary> description = copyDescription();
+    return description ? description->url(kDescriptionVolumePath) : std::nullopt;
   }
 
   /// The whole disk that this one is a slice of, or the disk itself if it is whole. Null where there is none.

@@ -87,11 +87,7 @@ uint64_t getblocksize(const char* device) try {
   logMessage("Getting block size for device %s", device);
   std::optional<int64_t> blockSize;
   if (const auto session = vorlix::platform().diskArbitration->createSession()) {
-    if (const auto disk = session->diskFromBSDName(device)) {
-      if (const auto description = disk->copyDescription()) {
-        blockSize = description->integer(vorlix::kDescriptionMediaBlockSize);
-      }
-    }
+    if (const auto disk = session->diskFromBSDName(device)) blockSize = disk->blockSize();
   }
   if (!blockSize) logMessage("Error getting number. Unknown volume size line:%i", kPlaceUnknownBlockSize);
   const auto result = static_cast<unsigned long long>(blockSize.value_or(0));

@@ -7,13 +7,14 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include "Sha256.h"
 #include "StateFolder.h"
+#include "foundation/Sha256.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <system_error>
@@ -42,16 +43,19 @@ std::string journalsFolderOf(const std::string& stateFolder) {
   return stateFolder + "/journals";
 }
 
+// The time in UTC. The C library would read the machine's time zone for that.
 std::string nameOfNewJournal() {
-  timespec now = {};
-  clock_gettime(CLOCK_REALTIME, &now);
-  char text[32];
-  tm parts = {};
-  gmtime_r(&now.tv_sec, &parts);
-  std::strftime(text, sizeof text, "%Y%m%dT%H%M%S", &parts);
-  char fraction[16];
-  std::snprintf(fraction, sizeof fraction, ".%09ld", now.tv_nsec);
-  return std::string(text) + fraction + "-" + std::to_string(getpid());
+  namespace chrono = std::chrono;
+  const auto now = chrono::time_point_cast<chrono::nanoseconds>(chrono::system_clock::now());
+  const auto day = chrono::floor<chrono::days>(now);
+  const chrono::year_month_day date(day);
+  const chrono::hh_mm_ss time(now - day);
+  char text[128];
+  std::snprintf(text, sizeof text, "%04d%02u%02uT%02d%02d%02d.%09d-%d", static_cast<int>(date.year()),
+                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
+                static_cast<int>(time.seconds().count()), static_cast<int>(time.subseconds().count()), getpid());
+  return text;
 }
 
 bool writeAll(int descriptor, const uint8_t* bytes, size_t count) {

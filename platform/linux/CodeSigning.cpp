@@ -11,9 +11,8 @@
 #include <optional>
 #include <utility>
 
-#include "DetachedSignature.h"
+#include "SignersUnit.h"
 #include "SigningRequirement.h"
-#include "TrustAnchors.h"
 #include "platform/posix/Descriptor.h"
 
 namespace vorlix {
@@ -89,11 +88,7 @@ CodeCheck LinuxCodeSigning::check(int32_t process, const std::string& requiremen
   if (!pinned->isReadable()) return CodeCheck::invalid;
   const auto path = pinned->path();
   if (!path) return CodeCheck::invalid;
-  const auto signature = DetachedSignature::fromFile(*path + kSignatureSuffix);
-  const auto anchors = trustAnchors(anchors_);
-  if (!signature || !anchors) return CodeCheck::invalid;
-
-  const auto unit = signature->signersUnit(pinned->executable(), *anchors);
+  const auto unit = signersUnit(*path + kSignatureSuffix, pinned->executable(), anchors_);
   const bool signedByTeam = unit == rule->organisationalUnit;
   return signedByTeam && pinned->path() == path && pinned->isUnchanged() ? CodeCheck::valid : CodeCheck::invalid;
 }

@@ -29,7 +29,7 @@ std::unique_ptr<DeviceHandle> LinuxDeviceFile::open(const std::string& path, Dev
   }
   std::optional<OpenedDevice> device = openLocation(*location, access == DeviceAccess::readWrite ? O_RDWR : O_RDONLY);
   if (!device) return nullptr;
-  return std::make_unique<FileHandle>(device->descriptor.release(), device->window, std::move(held));
+  return std::make_unique<FileHandle>(device->descriptor.release(), device->window, std::move(held), device->blockSize);
 }
 
 }  // namespace vorlix

@@ -12,6 +12,7 @@
 #include "BlockDevices.h"
 #include "DeviceFacts.h"
 #include "DiskDescription.h"
+#include "ImageFiles.h"
 #include "Mounting.h"
 #include "OpenedDevice.h"
 #include "RunLoop.h"
@@ -64,16 +65,13 @@ class Requests final : public RunLoopSource {
 
 class LinuxDisk final : public Disk {
  public:
-  /// `name` finds the device from whatever folder is the current one.
-  LinuxDisk(std::string name, std::shared_ptr<Requests> requests)
-      : name_(std::move(name)), requests_(std::move(requests)) {}
+  /// `name` finds the device from whatever folder is the current one, and `location` is what it led to.
+  LinuxDisk(std::string name, DeviceLocation location, std::shared_ptr<Requests> requests)
+      : name_(std::move(name)), location_(std::move(location)), requests_(std::move(requests)) {}
 
   static std::shared_ptr<LinuxDisk> named(const std::string& name, const std::shared_ptr<Requests>& requests);
 
-  std::optional<std::string> bsdName() override {
-    const std::optional<DeviceLocation> location = locateDevice(name_);
-    return location ? bsdNameOf(*location) : std::nullopt;
-  }
+  std::optional<std::string> bsdName() override { return location_.isImage ? name_ : bsdNameOf(location_); }
 
   std::optional<Dictionary> copyDescription() override {
     const std::optional<DeviceLocation> location = locateDevice(name_);
@@ -81,10 +79,18 @@ class LinuxDisk final : public Disk {
     return describeDisk(*location);
   }
 
-  std::shared_ptr<Disk> wholeDisk() override {
+  std::optional<int64_t> blockSize() override {
     const std::optional<DeviceLocation> location = locateDevice(name_);
-    return location ? named(location->whole, requests_) : nullptr;
+    const auto size = location ? mediumBlockSize(*location) : std::nullopt;
+    return size ? std::optional<int64_t>(*size) : std::nullopt;
   }
+
+  std::optional<URL> volumePath() override {
+    const std::optional<DeviceLocation> location = locateDevice(name_);
+    return location ? volumePathOf(*location) : std::nullopt;
+  }
+
+  std::shared_ptr<Disk> wholeDisk() override { return named(location_.whole, requests_); }
 
   void mount(const std::vector<std::string>& arguments, DiskCompletion completion) override {
     requests_->add([name = name_, arguments] { return mountVolume(name, arguments); }, std::move(completion));
@@ -106,6 +112,7 @@ class LinuxDisk final : public Disk {
 
  private:
   std::string name_;
+  DeviceLocation location_;
   std::shared_ptr<Requests> requests_;
 };
 
@@ -118,8 +125,12 @@ bool isThere(const DeviceLocation& location) {
 std::shared_ptr<LinuxDisk> LinuxDisk::named(const std::string& name, const std::shared_ptr<Requests>& requests) {
   const std::optional<DeviceLocation> location = locateDevice(name);
   if (!location || !isThere(*location)) return nullptr;
-  const std::optional<std::string> bsdName = location->isImage ? bsdNameOf(*location) : std::nullopt;
-  return std::make_shared<LinuxDisk>(bsdName.value_or(name), requests);
+  // An image's name is its absolute path, whatever it was called by.
+  if (!location->isImage) return std::make_shared<LinuxDisk>(name, *location, requests);
+  DeviceLocation image = *location;
+  image.whole = image.node = imageBSDName(location->whole);
+  std::string bsdName = *bsdNameOf(image);
+  return std::make_shared<LinuxDisk>(std::move(bsdName), std::move(image), requests);
 }
 
 class LinuxSession final : public DiskArbitrationSession {

@@ -89,22 +89,21 @@ void describePaths(const DeviceLocation& location, const std::optional<DiskFacts
   if (entry->path(kServicePlane, path) == kKernSuccess) description.set(kDescriptionDevicePath, path);
 }
 
-void describeBlockSize(const DeviceLocation& location, const std::optional<OpenedDevice>& device,
-                       Dictionary& description) {
-  std::optional<uint32_t> size;
+std::optional<uint32_t> blockSizeOf(const DeviceLocation& location, const std::optional<OpenedDevice>& device) {
+  if (device) return device->blockSize;
   struct stat status = {};
-  if (device) {
-    size = device->blockSize;
-  } else if (!location.isImage && stat(location.node.c_str(), &status) == 0) {
-    size = kernelBlockSize(status.st_rdev);
-  }
-  if (size) description.set(kDescriptionMediaBlockSize, int64_t{*size});
+  if (location.isImage || stat(location.node.c_str(), &status) != 0) return std::nullopt;
+  return kernelBlockSize(status.st_rdev);
+}
+
+URL folderURL(const VolumePlace& place) {
+  return URL::fileURLWithPath(place.path, true);
 }
 
 void describeVolume(const DeviceLocation& location, const std::optional<OpenedDevice>& device,
                     Dictionary& description) {
   const std::optional<VolumePlace> place = volumePlaceOf(location, device);
-  if (place) description.set(kDescriptionVolumePath, URL::fileURLWithPath(place->path, true));
+  if (place) description.set(kDescriptionVolumePath, folderURL(*place));
   const std::optional<VolumeFacts> facts = volumeFactsOf(location, device);
   std::optional<std::string> kind;
   if (facts) {
@@ -140,6 +139,15 @@ std::optional<UUID> volumeUUIDOf(const DeviceLocation& location) {
   return facts ? facts->uuid : std::nullopt;
 }
 
+std::optional<uint32_t> mediumBlockSize(const DeviceLocation& location) {
+  return blockSizeOf(location, openLocation(location, O_RDONLY));
+}
+
+std::optional<URL> volumePathOf(const DeviceLocation& location) {
+  const std::optional<VolumePlace> place = volumePlaceOf(location, openLocation(location, O_RDONLY));
+  return place ? std::optional<URL>(folderURL(*place)) : std::nullopt;
+}
+
 Dictionary describeDisk(const DeviceLocation& location) {
   Dictionary description;
   setIfKnown(description, kDescriptionMediaBSDName, bsdNameOf(location));
@@ -149,7 +157,7 @@ Dictionary describeDisk(const DeviceLocation& location) {
   describeMedium(location, disk, description);
   describePaths(location, disk, description);
   const std::optional<OpenedDevice> device = openLocation(location, O_RDONLY);
-  describeBlockSize(location, device, description);
+  if (const auto size = blockSizeOf(location, device)) description.set(kDescriptionMediaBlockSize, int64_t{*size});
   describeVolume(location, device, description);
   return description;
 }

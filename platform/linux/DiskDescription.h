@@ -15,9 +15,11 @@ namespace vorlix {
 /// the mount table. Kinds of mounted volumes that cannot be read come from the mount table, too.
 Dictionary describeDisk(const DeviceLocation& location);
 
-/// kDescriptionVolumeType and kDescriptionVolumeUUID of that description alone.
+/// Single entries of that description.
 std::optional<std::string> volumeTypeOf(const DeviceLocation& location);
 std::optional<UUID> volumeUUIDOf(const DeviceLocation& location);
+std::optional<uint32_t> mediumBlockSize(const DeviceLocation& location);
+std::optional<URL> volumePathOf(const DeviceLocation& location);
 
 /// The file system on a device: by libblkid, or by udev's record where the device could not be opened.
 std::optional<VolumeFacts> volumeFactsOf(const DeviceLocation& location, const std::optional<OpenedDevice>& device);

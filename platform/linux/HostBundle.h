@@ -6,6 +6,7 @@
 #include <Vorlix/platform/HostBundle.h>
 
 #include <filesystem>
+#include <optional>
 #include <vector>
 
 namespace vorlix {
@@ -23,7 +24,9 @@ class LinuxHostBundle : public HostBundle {
                                              const std::string& directory) override;
 
  private:
-  std::vector<std::filesystem::path> folders_;
+  const std::vector<std::filesystem::path>& folders() const;
+
+  std::optional<std::vector<std::filesystem::path>> folders_;  // absent for those of this process
 };
 
 }  // namespace vorlix

@@ -27,8 +27,8 @@ ssize_t transferAll(size_t count, Transfer transfer) {
 
 }  // namespace
 
-FileHandle::FileHandle(int descriptor, Extent window, std::shared_ptr<void> lock)
-    : lock_(std::move(lock)), descriptor_(descriptor), window_(window) {}
+FileHandle::FileHandle(int descriptor, Extent window, std::shared_ptr<void> lock, std::optional<uint32_t> blockSize)
+    : lock_(std::move(lock)), descriptor_(descriptor), window_(window), blockSize_(blockSize) {}
 
 FileHandle::~FileHandle() {
   static_cast<void>(FileHandle::close());

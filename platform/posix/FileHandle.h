@@ -28,7 +28,8 @@ std::optional<DeviceIdentity> identityOf(int descriptor, uint64_t offset);
 class FileHandle final : public DeviceHandle {
  public:
   /// Takes over `descriptor`. `lock` is let go after the descriptor is closed.
-  FileHandle(int descriptor, Extent window, std::shared_ptr<void> lock);
+  FileHandle(int descriptor, Extent window, std::shared_ptr<void> lock,
+             std::optional<uint32_t> blockSize = std::nullopt);
   ~FileHandle() override;
   FileHandle(const FileHandle&) = delete;
   FileHandle& operator=(const FileHandle&) = delete;
@@ -39,6 +40,7 @@ class FileHandle final : public DeviceHandle {
   ssize_t readMediumAt(void* buffer, size_t count, uint64_t offset) override;
   std::optional<DeviceIdentity> identity() override { return identityOf(descriptor_, window_.offset); }
   std::optional<uint64_t> size() override { return window_.size; }
+  std::optional<uint32_t> blockSize() override { return blockSize_; }
   int close() override;
 
  private:
@@ -47,6 +49,7 @@ class FileHandle final : public DeviceHandle {
   std::shared_ptr<void> lock_;
   int descriptor_;
   Extent window_;
+  std::optional<uint32_t> blockSize_;
 };
 
 }  // namespace vorlix

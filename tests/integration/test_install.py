@@ -191,6 +191,29 @@ class InstalledLibrary(unittest.TestCase):
     def test_the_command_line_is_installed_and_starts(self):
         self.assertIn("--help", run(self.prefix / "bin" / "vorlix", "--help"))
 
+    def test_openssl_is_needed_by_the_module_alone_which_stands_beside_the_library(self):
+        def needed(file):
+            return re.findall(r"NEEDED.*\[(.*)\]", run("readelf", "-d", file))
+
+        major = re.search(r"\d+", self.library.name.split(".so.")[1]).group()
+        module = self.library.parent / f"vorlix-{major}" / "signing.so"
+        self.assertTrue([name for name in needed(module) if name.startswith("libcrypto.")], needed(module))
+        for file in (self.library, self.prefix / "bin" / "vorlix"):
+            self.assertFalse([name for name in needed(file) if name.startswith("libcrypto.")], file)
+
+    @unittest.skipIf(shutil.which("strace") is None, "not installed: strace")
+    def test_a_moved_installation_loads_its_own_module(self):
+        moved = self.work / "moved-module"
+        shutil.copytree(self.prefix, moved, symlinks=True)
+        trace = self.work / "loaded"
+        for program in (moved / "bin" / "vorlix", self.prefix / "bin" / "vorlix"):
+            result = subprocess.run(["strace", "-qq", "-e", "trace=openat", "-o", trace, program, "check-caller",
+                                     str(os.getpid())], text=True, capture_output=True)
+            self.assertEqual(result.returncode, 1, result.stdout + result.stderr)
+            opened = re.findall(r'"([^"]*signing\.so)", \S+ = \d', trace.read_text(errors="replace"))
+            expected = program.resolve().parents[1] / self.library.parent.relative_to(self.prefix.resolve())
+            self.assertEqual([pathlib.Path(path) for path in opened], [expected / "vorlix-1" / "signing.so"])
+
     def test_the_registry_program_is_installed_where_hosts_look_for_it(self):
         program = self.prefix / "share" / "vorlix" / "tools" / "bin" / "registry_lookup"
         self.assertIn("registry_lookup", run(program, "--version"))

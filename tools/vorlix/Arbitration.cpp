@@ -51,21 +51,32 @@ std::optional<Dissenter> waitFor(const std::string& device, Start start) {
   return answer;
 }
 
-}  // namespace
-
-std::string bsdNameOf(const std::string& device) {
-  const SessionAndDisk opened = openDisk(device);
-  const std::optional<std::string> name = opened.disk->bsdName();
+std::string ownName(const std::string& device, Disk& disk) {
+  const std::optional<std::string> name = disk.bsdName();
   if (!name) throw Failure(device, "the device has no name");
   return *name;
 }
 
-std::string wholeDiskNameOf(const std::string& device) {
-  const SessionAndDisk opened = openDisk(device);
-  const std::shared_ptr<Disk> whole = opened.disk->wholeDisk();
+std::string wholeName(const std::string& device, Disk& disk) {
+  const std::shared_ptr<Disk> whole = disk.wholeDisk();
   const std::optional<std::string> name = whole ? whole->bsdName() : std::nullopt;
   if (!name) throw Failure(device, "the device is on no known disk");
   return *name;
+}
+
+}  // namespace
+
+std::string bsdNameOf(const std::string& device) {
+  return ownName(device, *openDisk(device).disk);
+}
+
+std::string wholeDiskNameOf(const std::string& device) {
+  return wholeName(device, *openDisk(device).disk);
+}
+
+DeviceNames namesOf(const std::string& device) {
+  const SessionAndDisk opened = openDisk(device);
+  return {ownName(device, *opened.disk), wholeName(device, *opened.disk)};
 }
 
 std::string sliceNameOf(const std::string& disk, uint32_t number) {
@@ -88,11 +99,8 @@ std::string mediaContentOf(const std::string& device) {
 
 std::optional<std::string> mountPointOf(const std::string& device) {
   const SessionAndDisk opened = openDisk(device);
-  const std::optional<Dictionary> description = opened.disk->copyDescription();
-  if (!description) return std::nullopt;
-  const std::optional<URL> path = description->url(kDescriptionVolumePath);
-  if (!path) return std::nullopt;
-  return path->path();
+  const std::optional<URL> path = opened.disk->volumePath();
+  return path ? std::optional<std::string>(path->path()) : std::nullopt;
 }
 
 std::string folderOfVolume(const std::string& volume, const std::optional<std::string>& state) {

@@ -20,6 +20,15 @@ std::string bsdNameOf(const std::string& device);
 /// Failure for an unknown device.
 std::string wholeDiskNameOf(const std::string& device);
 
+/// Both names, by one look-up. Throws Failure like the two functions above.
+struct DeviceNames {
+  std::string own;
+  std::string whole;  ///< equals `own` for a whole disk
+
+  bool isSlice() const { return own != whole; }
+};
+DeviceNames namesOf(const std::string& device);
+
 /// Returns the name of slice `number` of a disk. Throws Failure if that name belongs to another file or device: a
 /// look-up prefers an existing path to a slice, and a command must not write to what the user did not name.
 std::string sliceNameOf(const std::string& disk, uint32_t number);

@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include "platform/changes/Sha256.h"
+#include "foundation/Sha256.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -87,7 +87,7 @@ void saveBootCode(const SaveOptions& options) {
   refuseExisting(options.file);
   const auto handle = openToLook(options.device, DeviceLock::shared);
   const ByteVector bootCode = readDevice(*handle, options.device, 0, kBootCodeSize);
-  if (bsdNameOf(options.device) != wholeDiskNameOf(options.device)) {
+  if (namesOf(options.device).isSlice()) {
     object(options.force, options.device, "it is a slice; the boot code of a disk stands in the disk's first sector");
   }
   saveNewFile(options.file, bootCode);
@@ -157,14 +157,17 @@ bool hasSecondCopy(DeviceHandle& handle, const ByteVector& area) {
 }
 
 void restoreVBR(const RestoreOptions& options, const ByteVector& saved) {
-  requireSoundGPTOf(options.device, options.force);
-  static_cast<void>(bootAreaOf(*openToLook(options.device), options.device));  // before anything is unmounted
+  const std::optional<DiskTables> disk = tablesAround(options.device);
+  if (disk) requireSoundGPT(*disk, options.force);
+  const DiskTables* const around = disk ? &*disk : nullptr;
+  static_cast<void>(
+      bootAreaOf(*openToLook(options.device, DeviceLock::none, around), options.device));  // before unmounting
   if (mountPointOf(options.device)) {
     if (const auto refusal = tryUnmount(options.device)) {
       throw Failure(options.device, "mounted and cannot be unmounted: " + reasonText(*refusal));
     }
   }
-  const auto handle = openToChange(options.device);
+  const auto handle = openToChange(options.device, around);
   const DiskChange change = planRestore(options, handle, saved);
   const ByteVector area = bootAreaOf(*handle, options.device);
   if (!options.backupFolder.empty()) {

@@ -32,22 +32,22 @@ bool finishedOne = false;
 
 }  // namespace
 
-std::shared_ptr<DeviceHandle> openToLook(const std::string& device, DeviceLock lock) {
+std::shared_ptr<DeviceHandle> openToLook(const std::string& device, DeviceLock lock, const DiskTables* around) {
   std::shared_ptr<DeviceHandle> handle = platform().deviceFile->open(device, DeviceAccess::readOnly, lock);
   if (!handle) failToOpen(device, errno);
-  mentionLostHeader(device);
+  mentionLostHeader(device, *handle, around);
   for (const InterruptedChange& change : interruptedChanges(*handle)) {
     complain(device + ": a change was cut off (" + change.title + "); the next command that writes here finishes it");
   }
   return handle;
 }
 
-std::shared_ptr<DeviceHandle> openToChange(const std::string& device) {
+std::shared_ptr<DeviceHandle> openToChange(const std::string& device, const DiskTables* around) {
   DeviceFile& files = *platform().deviceFile;
   std::shared_ptr<DeviceHandle> handle = files.open(device, DeviceAccess::readWrite, DeviceLock::exclusive);
   if (!handle) handle = files.open(device, DeviceAccess::readWrite, DeviceLock::shared);
   if (!handle) failToOpen(device, errno);
-  mentionLostHeader(device);
+  mentionLostHeader(device, *handle, around);
   std::vector<std::string> finished;
   const auto failure = settleInterruptedChanges(device, *handle, finished);
   for (const std::string& title : finished) {

@@ -11,14 +11,18 @@
 
 namespace vorlix::tool {
 
+struct DiskTables;
+
 /// Opens a device for reading. A change that was cut off on its disk is mentioned on standard error, since what is read
-/// may be a part of it. Throws Failure.
-std::shared_ptr<DeviceHandle> openToLook(const std::string& device, DeviceLock lock = DeviceLock::none);
+/// may be a part of it. Throws Failure. @param around  the tables of the disk that `device` is a slice of, where they
+/// were read already.
+std::shared_ptr<DeviceHandle> openToLook(const std::string& device, DeviceLock lock = DeviceLock::none,
+                                         const DiskTables* around = nullptr);
 
 /// Opens a device for reading and writing, locked against other processes: exclusively, or with a shared lock where the
 /// running system uses the disk. First finishes what an earlier command began on the disk and did not finish, and
 /// says so on standard output. Throws Failure.
-std::shared_ptr<DeviceHandle> openToChange(const std::string& device);
+std::shared_ptr<DeviceHandle> openToChange(const std::string& device, const DiskTables* around = nullptr);
 
 /// Whether openToChange() has finished an earlier change in this process: then nothing of this command's own may be on
 /// the disk, and yet something was written.

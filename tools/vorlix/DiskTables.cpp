@@ -25,13 +25,13 @@ size_t readOrFail(DeviceHandle& handle, const std::string& device, std::span<uin
   return static_cast<size_t>(done);
 }
 
-uint64_t blockSizeOf(const std::string& device) {
+uint64_t blockSizeOf(DeviceHandle& handle, const std::string& device) {
   constexpr int64_t kSmallest = 512;
-  std::optional<int64_t> size;
-  if (const auto session = platform().diskArbitration->createSession()) {
-    if (const auto disk = session->diskFromBSDName(device)) {
-      if (const auto description = disk->copyDescription()) size = description->integer(kDescriptionMediaBlockSize);
-    }
+  std::optional<int64_t> size = handle.blockSize();
+  if (!size) {
+    const auto session = platform().diskArbitration->createSession();
+    const auto disk = session ? session->diskFromBSDName(device) : nullptr;
+    if (disk) size = disk->blockSize();
   }
   if (!size || *size < kSmallest) throw Failure(device, "its block size is not known");
   return static_cast<uint64_t>(*size);
@@ -63,8 +63,8 @@ std::optional<DiskTables> quietlyReadTables(const std::string& device) {
 // Absent for a whole disk and for what is on no known disk.
 std::optional<std::string> diskOfSlice(const std::string& device) {
   try {
-    const std::string whole = wholeDiskNameOf(device);
-    if (whole != bsdNameOf(device)) return whole;
+    DeviceNames names = namesOf(device);
+    if (names.isSlice()) return std::move(names.whole);
   } catch (const Failure&) {
     return std::nullopt;
   }
@@ -98,13 +98,14 @@ DiskTables readTables(const std::string& device) {
 DiskTables readTables(DeviceHandle& handle, const std::string& device) {
   DiskTables disk;
   disk.device = device;
+  disk.identity = handle.identity();
   disk.size = handle.size().value_or(0);
   const size_t count = readOrFail(handle, device, disk.sector0, 0);
   if (count < disk.sector0.size()) {
     throw Failure(device, "holds " + std::to_string(count) + " bytes, not even one sector");
   }
   decodeMBR(disk.sector0, disk.mbr, &disk.activeSlot);
-  disk.blockSize = blockSizeOf(device);
+  disk.blockSize = blockSizeOf(handle, device);
   readGPT(handle, disk);
   return disk;
 }
@@ -115,17 +116,25 @@ void requireSoundGPT(const DiskTables& disk, bool force) {
   for (const GPTFinding& finding : disk.damage) complain(disk.device + ": GPT damaged: " + finding.text);
 }
 
-void requireSoundGPTOf(const std::string& slice, bool force) {
+std::optional<DiskTables> tablesAround(const std::string& slice) {
   const std::optional<std::string> whole = diskOfSlice(slice);
-  if (!whole) return;
-  if (const auto disk = quietlyReadTables(*whole)) requireSoundGPT(*disk, force);
+  return whole ? quietlyReadTables(*whole) : std::nullopt;
 }
 
-void mentionLostHeader(const std::string& device) {
+void requireSoundGPTOf(const std::string& slice, bool force) {
+  if (const auto disk = tablesAround(slice)) requireSoundGPT(*disk, force);
+}
+
+void mentionLostHeader(const std::string& device, DeviceHandle& handle, const DiskTables* known) {
   static std::set<std::string> mentioned;
+  // The look that was had already says in most cases that there is nothing to mention.
+  const auto identity = handle.identity();
+  const bool isKnown = known != nullptr && identity && known->identity && identity->disk == known->identity->disk &&
+                       known->identity->offset == uint64_t{0};
+  if (isKnown && !known->fromBackup()) return;
   const std::optional<std::string> whole = diskOfSlice(device);
   if (!whole || mentioned.count(*whole) != 0) return;
-  const auto disk = quietlyReadTables(*whole);
+  const std::optional<DiskTables> disk = isKnown ? *known : quietlyReadTables(*whole);
   if (!disk || !disk->fromBackup()) return;
   mentioned.insert(*whole);
   complain(*whole + ": the GPT's header at LBA 1 is gone; its slices are those of the second copy, at LBA " +

@@ -17,8 +17,9 @@
 namespace vorlix::tool {
 
 struct DiskTables {
-  std::string device;  ///< as the user named it
-  uint64_t size = 0;   ///< bytes
+  std::string device;                      ///< as the user named it
+  std::optional<DeviceIdentity> identity;  ///< of the handle that it was read through
+  uint64_t size = 0;                       ///< bytes
   uint64_t blockSize = 0;
   Sector sector0 = {};
   PartitionTable mbr = {};
@@ -46,11 +47,15 @@ DiskTables readTables(DeviceHandle& handle, const std::string& device);
 /// error what is written to all the same. A disk without a GPT passes.
 void requireSoundGPT(const DiskTables& disk, bool force);
 
-/// The same for the disk that a slice is on. A volume that is on no such disk passes.
+/// The tables of the disk that a slice is on. Absent for a whole disk, and for a volume that is on no such disk.
+std::optional<DiskTables> tablesAround(const std::string& slice);
+
+/// requireSoundGPT() for the disk that a slice is on. A volume that is on no such disk passes.
 void requireSoundGPTOf(const std::string& slice, bool force);
 
-/// Says on standard error, once for a disk, that the slices of `device` are those of the GPT's second copy.
-void mentionLostHeader(const std::string& device);
+/// Says on standard error, once for a disk, that the slices of `device`, open as `handle`, are those of the GPT's
+/// second copy. @param known  tables that were read already; they are taken if they are of that disk.
+void mentionLostHeader(const std::string& device, DeviceHandle& handle, const DiskTables* known = nullptr);
 
 /// Why slice N of a disk, which was not found, is not there although its table has it: "the disk ends at ...". Absent
 /// where there is no such reason.

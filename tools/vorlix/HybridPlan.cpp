@@ -44,8 +44,9 @@ std::vector<uint8_t> readBootCode(const std::string& path, bool force) {
   return bytes;
 }
 
-std::shared_ptr<DeviceHandle> openFor(const HybridRequest& request, const std::string& device) {
-  return request.writes ? openToChange(device) : openToLook(device);
+std::shared_ptr<DeviceHandle> openFor(const HybridRequest& request, const std::string& device,
+                                      const DiskTables* around = nullptr) {
+  return request.writes ? openToChange(device, around) : openToLook(device, DeviceLock::none, around);
 }
 
 const GPTEntry& usedEntry(const DiskTables& disk, uint32_t partition) {
@@ -135,7 +136,7 @@ void planVolume(const HybridRequest& request, HybridPlan& plan) {
     if (const auto reason = whyNoHybrid(plan.disk)) throw Failure(request.disk, *reason);
     requireSoundGPT(plan.disk, request.force);  // after what no --force changes
   }
-  volume.handle = openFor(request, volume.name);
+  volume.handle = openFor(request, volume.name, &plan.disk);
   requirePlace(request, plan, volume, entry);
   volume.before = readBootSector(*volume.handle, volume.name);
   volume.oddity = whyOdd(volume, entry);

@@ -33,8 +33,8 @@ constexpr int kEFIStart = 1;
 // for a disk without an MBR would come from unrelated bytes.
 void requireMBR(const std::string& disk) {
   const DiskTables tables = readTables(disk);
-  if (const std::string whole = wholeDiskNameOf(disk); whole != bsdNameOf(disk)) {
-    throw Failure(disk, "a slice; the whole disk is " + whole);
+  if (const DeviceNames names = namesOf(disk); names.isSlice()) {
+    throw Failure(disk, "a slice; the whole disk is " + names.whole);
   }
   if (const auto reason = whyNoMBR(tables)) throw Failure(disk, *reason);
 }

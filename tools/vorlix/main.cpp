@@ -2,12 +2,15 @@
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <functional>
 #include <set>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "Commands.h"
 #include "Complaint.h"
@@ -29,6 +32,50 @@ bool onlyLooks(const CLI::App& app) {
   return true;
 }
 
+struct Commands {
+  void (*add)(CLI::App& app, int& status);
+  std::vector<std::string_view> names;
+};
+
+// In the order in which --help shows them.
+const std::vector<Commands>& allCommands() {
+  using namespace vorlix::tool;
+  static const std::vector<Commands> all = {
+      {addShowCommand, {"show"}},
+      {addHybridCommand, {"hybrid"}},
+      {addCheckCommand, {"check"}},
+      {addIdentifyCommand, {"identify"}},
+      {addMountCommands, {"mount", "unmount", "efi"}},
+      {addBootStoreCommand, {"bcd"}},
+      {addBootRecordCommands, {"vbr", "boot-code"}},
+      {addLegacyBootCommand, {"legacy-boot"}},
+      {addRunCommand, {"run"}},
+      {addImageSizeCommand, {"image-size"}},
+      {addArchiveCommand, {"archive"}},
+      {addProbeCommands, {"boot-type", "bootable", "sip", "check-caller"}},
+      {addListCommands, {"list", "find", "boot-camp"}},
+      {addWindowsCommand, {"windows"}},
+      {addStartupDiskCommand, {"startup-disk"}},
+      {addLogCommand, {"log"}},
+  };
+  return all;
+}
+
+// Describing all commands takes longer than most of them run, so that one which is named first is the only one. Help,
+// and what is no command, need them all.
+void addCommands(CLI::App& app, int& status, const std::vector<std::string_view>& arguments) {
+  if (arguments.size() == 1 && arguments.front() == "--version") return;
+  const auto isNamed = [&](const Commands& commands) {
+    return !arguments.empty() &&
+           std::find(commands.names.begin(), commands.names.end(), arguments.front()) != commands.names.end();
+  };
+  const auto& all = allCommands();
+  const auto named = std::find_if(all.begin(), all.end(), isNamed);
+  for (auto commands = all.begin(); commands != all.end(); ++commands) {
+    if (named == all.end() || commands == named) commands->add(app, status);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -47,22 +94,7 @@ int main(int argc, char** argv) {
       "The library's log is /tmp/quandrel.log.");
 
   int status = kDone;
-  addShowCommand(app, status);
-  addHybridCommand(app, status);
-  addCheckCommand(app, status);
-  addIdentifyCommand(app, status);
-  addMountCommands(app, status);
-  addBootStoreCommand(app, status);
-  addBootRecordCommands(app, status);
-  addLegacyBootCommand(app, status);
-  addRunCommand(app, status);
-  addImageSizeCommand(app, status);
-  addArchiveCommand(app, status);
-  addProbeCommands(app, status);
-  addListCommands(app, status);
-  addWindowsCommand(app, status);
-  addStartupDiskCommand(app, status);
-  addLogCommand(app, status);
+  addCommands(app, status, std::vector<std::string_view>(argv + std::min(argc, 1), argv + argc));
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -1,0 +1,106 @@
+# SPDX-License-Identifier: Apache-2.0
+"""How often commands look: opens of the image, programs that are started, what a log message costs. Counted by strace."""
+
+import os
+import re
+import subprocess
+import unittest
+
+from support import images, macs, volumes
+
+OPENS = "trace=open,openat,openat2,execve,execveat"
+
+
+def why_no_trace():
+    """Why strace cannot count here; None where it can."""
+    if missing := volumes.missing("strace"):
+        return f"not installed: {missing}"
+    result = subprocess.run(volumes.strace("-o", "/dev/null", "true"), capture_output=True, text=True, check=False)
+    return None if result.returncode == 0 else f"strace cannot trace: {result.stderr.strip()}"
+
+
+WHY_NO_TRACE = why_no_trace()
+
+
+@unittest.skipIf(WHY_NO_TRACE, WHY_NO_TRACE)
+class LookOnce(macs.ImageTest):
+    def trace(self, what, *arguments, expect=0):
+        """The system calls of a command, a line each, without the process number before them."""
+        log = self.path("calls")
+        result = self.vorlix_run(*arguments, prefix=volumes.strace("-f", "-o", log, "-e", what))
+        self.assertEqual(result.returncode, expect, f"{arguments}: {result.stdout}{result.stderr}")
+        with open(log, encoding="utf-8", errors="replace") as lines:
+            return [re.sub(r"^\d+ +", "", line.rstrip("\n")) for line in lines]
+
+    def assert_opens(self, most, image, *arguments, expect=0):
+        """The command opens the image, under any name, so often at most, and is one process."""
+        calls = self.trace(OPENS, *arguments, expect=expect)
+        opens = [call for call in calls if call.startswith("open") and f'"{image}' in call and " = -1 " not in call]
+        started = [call for call in calls if call.startswith("exec") and " = -1 " not in call]
+        print(f"\n{' '.join(map(str, arguments[:1]))}: {len(opens)} opens of the image", end="", flush=True)
+        self.assertGreater(len(opens), 0, "the trace does not show what it counts")
+        self.assertLessEqual(len(opens), most, "\n".join(opens))
+        self.assertEqual(len(started), 1, "\n".join(started))
+
+    def hybrid_words(self, image, *options):
+        return ["hybrid", image, "--boot-code", self.boot_code, "--partition", macs.WINDOWS, *options]
+
+    def test_show(self):
+        image = self.mac_image()
+        self.assert_opens(1, image, "show", image)
+        self.assert_opens(1, image, "show", image, "--json")
+
+    def test_show_of_a_slice(self):
+        image = self.mac_image()
+        self.assert_opens(3, image, "show", f"{image}s{macs.WINDOWS}")
+
+    def test_hybrid(self):
+        image = self.mac_image()
+        self.assert_opens(10, image, *self.hybrid_words(image, "--dry-run"), expect=1)
+        self.assert_opens(10, image, *self.hybrid_words(image))
+        self.assert_sector0(image, self.expected_sector0(image, macs.WINDOWS))
+
+    def test_check(self):
+        image = self.mac_image()
+        self.assert_opens(6, image, "check", image, "--partition", macs.WINDOWS, expect=1)
+
+    def test_vbr_restore(self):
+        image = self.mac_image()
+        volume = f"{image}s{macs.WINDOWS}"
+        saved = self.path("saved.vbr")
+        self.assert_opens(3, image, "vbr", "save", volume, saved)
+        self.assert_opens(10, image, "vbr", "restore", saved, volume)
+
+    def test_a_log_message_is_one_open_one_write_and_one_close(self):
+        image = self.mac_image()
+        calls = self.trace("all", "identify", image)
+        opens = [i for i, call in enumerate(calls) if call.startswith("openat(") and "/tmp/quandrel.log" in call]
+        if any(" = -1 " in calls[i] for i in opens):
+            self.skipTest("the log /tmp/quandrel.log cannot be opened here, or was just made")
+        self.assertGreater(len(opens), 2, "nothing is logged")
+        messages = 0
+        for number, i in enumerate(opens):
+            descriptor = calls[i].rsplit(" = ", 1)[1]
+            # That it is a regular file without a second name is asked of what was opened.
+            names = [re.match(r"\w+", call).group() for call in calls[i + 1 : i + 4]]
+            self.assertIn(names[0], ("fstat", "newfstatat", "statx"), calls[i + 1])
+            if number == 0 and names[1] == "close":
+                continue  # whether there is a log at all
+            self.assertEqual(names[1:], ["write", "close"], calls[i : i + 4])
+            self.assertIn(f"write({descriptor},", calls[i + 2])
+            self.assertIn(f"close({descriptor})", calls[i + 3])
+            messages += 1
+        self.assertGreater(messages, 1)
+
+    def test_openssl_is_loaded_for_the_check_of_a_caller_alone(self):
+        image = self.mac_image()
+        for arguments in (["show", image], self.hybrid_words(image)):
+            calls = self.trace("trace=openat", *arguments)
+            self.assertFalse([call for call in calls if "libcrypto" in call], arguments)
+        checked = self.trace("trace=openat", "check-caller", str(os.getpid()), expect=1)
+        for name in ("vorlix-1/signing.so", "libcrypto"):
+            self.assertTrue([call for call in checked if name in call and " = -1 " not in call], name)
+
+
+if __name__ == "__main__":
+    images.main()
