@@ -77,8 +77,8 @@ class Disk {
   /// What the system knows of the disk now. Absent when it knows no such disk.
   virtual std::optional<Dictionary> copyDescription() = 0;
 
-  /// Single entries of the description (kDescriptionVolumeType, VolumeUUID, MediaBlockSize, VolumePath), for callers that need
-  /// nothing else: a whole description looks at everything.
+  /// Single entries of the description (kDescriptionVolumeType, VolumeUUID, MediaBlockSize, VolumePath), for callers
+  /// that need nothing else: a whole description looks at everything.
   virtual std::optional<std::string> volumeType() {
     const std::optional<Dictionary> description = copyDescription();
     return description ? description->text(kDescriptionVolumeType) : std::nullopt;

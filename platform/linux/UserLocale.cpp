@@ -21,8 +21,8 @@ std::string utf8(char32_t character) {
 
 }  // namespace
 
-// Uses a locale object, because the process's locale belongs to the host. Only a separator outside of ASCII needs the whole
-// locale, to know the encoding: loading it costs more than everything else in a listing.
+// Uses a locale object, because the process's locale belongs to the host. Only a separator outside of ASCII needs the
+// whole locale, to know the encoding: loading it costs more than everything else in a listing.
 std::string LinuxUserLocale::decimalSeparator() {
   if (const locale_t numeric = newlocale(LC_NUMERIC_MASK, "", nullptr)) {
     const std::string separator = nl_langinfo_l(RADIXCHAR, numeric);
