@@ -15,14 +15,10 @@ namespace vorlix {
 namespace {
 
 constexpr uint8_t kArchive = 0x20;
-constexpr uint8_t kEndOfFolder = 0x00;
-constexpr uint8_t kDeleted = 0xE5;
-constexpr size_t kBase = 8;
 constexpr size_t kExtension = 3;
-constexpr uint64_t kLargestFolder = uint64_t{65536} * kFatEntrySize;
 
 using Record = std::array<uint8_t, kFatEntrySize>;
-using ShortName = std::array<uint8_t, kBase + kExtension>;
+using ShortName = std::array<uint8_t, kFatBase + kExtension>;
 
 struct FatTime {
   uint16_t date = 0;
@@ -50,7 +46,7 @@ ShortName shortNameOf(const std::string& name) {
   const size_t dot = std::min(name.find('.'), name.size());
   std::copy_n(name.begin(), dot, bytes.begin());
   if (dot < name.size())
-    std::copy(name.begin() + static_cast<std::ptrdiff_t>(dot) + 1, name.end(), bytes.begin() + kBase);
+    std::copy(name.begin() + static_cast<std::ptrdiff_t>(dot) + 1, name.end(), bytes.begin() + kFatBase);
   return bytes;
 }
 
@@ -190,8 +186,8 @@ class Planning {
       const uint64_t here = placeIn(layout_, folder.runs, at);
       Record record;
       if (!source_.read(record.data(), record.size(), here)) return unread();
-      hasEnded = record[0] == kEndOfFolder;
-      if (hasEnded || record[0] == kDeleted) {
+      hasEnded = record[0] == kFatEndOfFolder;
+      if (hasEnded || record[0] == kFatDeleted) {
         if (place == 0) place = here;
         // What lies behind the end means nothing, and must not come to mean something.
         if (hasEnded && place == here && at + kFatEntrySize < size &&
@@ -202,7 +198,7 @@ class Planning {
         if (Refusal refusal = checkAlias(here, text)) return refusal;
       }
     }
-    if (place != 0 || size < kLargestFolder) return std::nullopt;
+    if (place != 0 || size < kLargestFatFolder) return std::nullopt;
     return Dissenter{kDissentNoResources, "no room is left in " + folder.path};
   }
 
@@ -210,7 +206,7 @@ class Planning {
     uint8_t first = 0;
     if (!source_.read(&first, 1, place)) return false;
     const Record end = {};
-    return first == kEndOfFolder || patching_.write(change_.folders, place, end.data(), end.size());
+    return first == kFatEndOfFolder || patching_.write(change_.folders, place, end.data(), end.size());
   }
 
   // Labels, and parts of long names, are no files.
@@ -296,8 +292,8 @@ FatSectors FatFileChange::all() const {
 
 bool isPlainFatName(const std::string& name) {
   const size_t dot = name.find('.');
-  if (dot == std::string::npos) return isPlainPart(name, kBase);
-  return isPlainPart(name.substr(0, dot), kBase) && isPlainPart(name.substr(dot + 1), kExtension);
+  if (dot == std::string::npos) return isPlainPart(name, kFatBase);
+  return isPlainPart(name.substr(0, dot), kFatBase) && isPlainPart(name.substr(dot + 1), kExtension);
 }
 
 Refusal replaceFatFile(const FatSource& source, const FatVolume& volume, const FatEntry& entry,

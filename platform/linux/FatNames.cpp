@@ -10,7 +10,6 @@ namespace vorlix {
 namespace {
 
 constexpr size_t kShortName = 11;
-constexpr size_t kBase = 8;
 constexpr uint8_t kLowerBase = 0x08;
 constexpr uint8_t kLowerExtension = 0x10;
 constexpr uint8_t kLastPart = 0x40;
@@ -142,9 +141,9 @@ std::optional<std::string> shortNameIn(const uint8_t* entry) {
   if (bytes[0] == kStandsForE5) bytes[0] = 0xE5;
   const uint8_t flags = entry[12];
   std::string name;
-  if (bytes[0] == ' ' || !appendPart(name, bytes.data(), kBase, (flags & kLowerBase) != 0)) return std::nullopt;
+  if (bytes[0] == ' ' || !appendPart(name, bytes.data(), kFatBase, (flags & kLowerBase) != 0)) return std::nullopt;
   std::string extension;
-  if (!appendPart(extension, bytes.data() + kBase, kShortName - kBase, (flags & kLowerExtension) != 0)) {
+  if (!appendPart(extension, bytes.data() + kFatBase, kShortName - kFatBase, (flags & kLowerExtension) != 0)) {
     return std::nullopt;
   }
   return extension.empty() ? name : name + "." + extension;

@@ -13,7 +13,11 @@
 namespace vorlix {
 
 inline constexpr size_t kFatEntrySize = 32;
-inline constexpr size_t kLongestFatName = 255;  ///< UTF-16 units
+inline constexpr size_t kFatBase = 8;                               ///< bytes of a short name before its extension
+inline constexpr uint8_t kFatEndOfFolder = 0x00;                    ///< first byte of the entry after the last one
+inline constexpr uint8_t kFatDeleted = 0xE5;                        ///< first byte of a deleted entry
+inline constexpr size_t kLargestFatFolder = 65536 * kFatEntrySize;  ///< bytes
+inline constexpr size_t kLongestFatName = 255;                      ///< UTF-16 units
 
 /// The name in an entry itself: code page 850, in lower case where byte 12 says so. Absent where it is none.
 std::optional<std::string> shortNameIn(const uint8_t* entry);

@@ -15,13 +15,10 @@
 namespace vorlix {
 namespace {
 
-constexpr uint8_t kEndOfFolder = 0x00;
-constexpr uint8_t kDeleted = 0xE5;
 constexpr uint8_t kVolumeLabel = 0x08;
 constexpr uint8_t kFolder = 0x10;
 constexpr uint8_t kLongName = 0x0F;
 constexpr uint8_t kLongNameMask = 0x3F;
-constexpr size_t kLargestFolder = 65536 * kFatEntrySize;
 constexpr size_t kLongestPath = 4096;
 constexpr size_t kMostPathBytes = size_t{256} * 1024 * 1024;
 constexpr size_t kPage = 4096;
@@ -128,7 +125,7 @@ class FatWalk {
   }
 
   bool readFolderBytes(uint32_t first, std::vector<FatRun>& runs, std::vector<uint8_t>& bytes) {
-    const uint64_t most = std::max<uint64_t>(1, kLargestFolder / layout_.clusterSize);
+    const uint64_t most = std::max<uint64_t>(1, kLargestFatFolder / layout_.clusterSize);
     if (!follow(first, most, runs, "a folder in it is reached twice", "a folder in it is too large")) return false;
     for (const FatRun& run : runs) {
       const size_t before = bytes.size();
@@ -178,12 +175,12 @@ class FatWalk {
     LongNameReader longName;
     for (size_t at = 0; at + kFatEntrySize <= bytes.size(); at += kFatEntrySize) {
       const uint8_t* const entry = bytes.data() + at;
-      if (entry[0] == kEndOfFolder) break;
-      if (entry[0] != kDeleted && (entry[11] & kLongNameMask) == kLongName) {
+      if (entry[0] == kFatEndOfFolder) break;
+      if (entry[0] != kFatDeleted && (entry[11] & kLongNameMask) == kLongName) {
         longName.take(entry);
         continue;
       }
-      if (entry[0] == kDeleted || (entry[11] & kVolumeLabel) != 0 || isDotEntry(entry)) {
+      if (entry[0] == kFatDeleted || (entry[11] & kVolumeLabel) != 0 || isDotEntry(entry)) {
         longName.reset();
         continue;
       }
