@@ -4,7 +4,7 @@
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/foundation/LogReceiver.h>
 #include <Vorlix/foundation/Object.h>
-#include "library/QDSUtilities/VolumeNames.h"
+#include <Vorlix/platform/VolumeNames.h>
 
 #include <algorithm>
 #include <cstdio>

@@ -2,7 +2,7 @@
 #include "UnmountedFile.h"
 
 #include <Vorlix/platform/Platform.h>
-#include "library/QDSUtilities/VolumeNames.h"
+#include <Vorlix/platform/VolumeNames.h>
 
 #include <algorithm>
 #include <sstream>
