@@ -3,12 +3,12 @@
 // Measures the time per GPT entry for tables of several sizes. All entries are in use and come from a stream over
 // memory, so no device is measured. Like every call of read_gpt(), each call writes two log messages, whose share is
 // largest for the smallest table.
+#include <Vorlix/PartitionRecords.h>
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/simulated/SimulatedSystemPaths.h>
 #include <benchmark/benchmark.h>
 #include <unistd.h>
-#include "library/QDSDiskFunctions/PartitionRecords.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -4,6 +4,7 @@
 // pipeline, and bytes per second through the task wrapper, compared with reading the same program's pipe directly. The
 // helper writes each line to the log, as it always does; a second benchmark without the log file shows the cost of
 // that.
+#include <Vorlix/LogCapture.h>
 #include <Vorlix/QDTaskHelper.h>
 #include <Vorlix/QDTaskWrapperWithBlocks.h>
 #include <Vorlix/platform/Platform.h>
@@ -12,7 +13,6 @@
 #include <Vorlix/platform/simulated/SimulatedSystemPaths.h>
 #include <benchmark/benchmark.h>
 #include <unistd.h>
-#include "library/QDSDiskFunctions/Log.h"
 
 #include <cerrno>
 #include <chrono>

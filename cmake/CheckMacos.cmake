@@ -17,9 +17,11 @@ file(GLOB checked CONFIGURE_DEPENDS platform/macos/*.cpp platform/posix/*.cpp pl
 set(stamps)
 file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/check-macos/include)
 
-# A link to this folder alone, because its parent also holds this system's headers.
+# Links to these headers alone, because their folder also holds this system's headers.
 find_path(VORLIX_PLIST_INCLUDE plist/plist.h REQUIRED)
 file(CREATE_LINK ${VORLIX_PLIST_INCLUDE}/plist ${PROJECT_BINARY_DIR}/check-macos/include/plist SYMBOLIC)
+find_path(VORLIX_MD_INCLUDE sha2.h REQUIRED)
+file(CREATE_LINK ${VORLIX_MD_INCLUDE}/sha2.h ${PROJECT_BINARY_DIR}/check-macos/include/sha2.h SYMBOLIC)
 
 # The same for the header-only libraries of the command line.
 find_path(VORLIX_CLI11_INCLUDE CLI/App.hpp)

@@ -83,14 +83,15 @@ target_link_libraries(vorlix_simulated PUBLIC vorlix_headers)
 set_target_properties(vorlix_simulated PROPERTIES EXPORT_NAME Simulated)
 add_library(Vorlix::Simulated ALIAS vorlix_simulated)
 
-# Property lists, the container format of archives. Users of the static library link it too.
+# Property lists, the container format of archives, and SHA-256. Users of the static library link both too.
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET GLOBAL libplist-2.0)
-target_link_libraries(vorlix_objects PRIVATE PkgConfig::PLIST)
+pkg_check_modules(MD REQUIRED IMPORTED_TARGET GLOBAL libmd)
+foreach(kind objects shared static)
+  target_link_libraries(vorlix_${kind} PRIVATE PkgConfig::PLIST PkgConfig::MD)
+endforeach()
 find_package(nlohmann_json REQUIRED)  # the journals' manifests; header-only
 target_link_libraries(vorlix_objects PRIVATE nlohmann_json::nlohmann_json)
-target_link_libraries(vorlix_shared PRIVATE PkgConfig::PLIST)
-target_link_libraries(vorlix_static PRIVATE PkgConfig::PLIST)
 if(PLIST_VERSION VERSION_GREATER_EQUAL 2.3)
   target_compile_definitions(vorlix_objects PRIVATE VORLIX_PLIST_SIGNED=1)
 endif()

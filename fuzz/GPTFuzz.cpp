@@ -3,10 +3,10 @@
 // Reads a GPT header and entries from the first bytes of a disk, through streams as in the library. The first byte of
 // the boot code, which no reader uses, selects the options: bits 0-2 the active number, bit 3 the guard switch, bit 4
 // blocks of 4096 bytes instead of 512.
+#include <Vorlix/GPTCheck.h>
+#include <Vorlix/PartitionRecords.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include "library/QDSDiskFunctions/DeviceStreams.h"
-#include "library/QDSDiskFunctions/GPTCheck.h"
-#include "library/QDSDiskFunctions/PartitionRecords.h"
 
 #include <algorithm>
 #include <bit>

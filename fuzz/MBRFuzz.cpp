@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Reads arbitrary bytes as sector 0, complete or truncated.
-#include "library/QDSDiskFunctions/PartitionRecords.h"
+#include <Vorlix/PartitionRecords.h>
 
 #include <algorithm>
 #include <cstring>

@@ -12,9 +12,9 @@
 //   3    number of bytes before writes stop, number of reads before reads fail
 //   4-5  first block of the volume, if it is on the same disk
 //   6-9  start sector
+#include <Vorlix/PartitionRecords.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include "library/QDSDiskFunctions/DeviceStreams.h"
-#include "library/QDSDiskFunctions/PartitionRecords.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -9,7 +9,7 @@
 #include <array>
 #include <string>
 
-#include "library/QDDeviceManager/WindowsFolders.h"
+#include <Vorlix/WindowsFolders.h>
 #include "library/QDSDiskFunctions/DeviceStreams.h"
 #include "library/QDSDiskFunctions/SystemLog.h"
 

@@ -14,7 +14,7 @@
 #include <array>
 #include <map>
 
-#include "WindowsFolders.h"
+#include <Vorlix/WindowsFolders.h>
 
 using vorlix::Dictionary;
 using vorlix::FileKind;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Where a volume has Windows, its installer and its boot files.
-#include "WindowsFolders.h"
+#include <Vorlix/WindowsFolders.h>
 
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDVolume.h>

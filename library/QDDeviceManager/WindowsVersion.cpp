@@ -13,8 +13,8 @@
 #include <string_view>
 #include <system_error>
 
+#include <Vorlix/WindowsFolders.h>
 #include "Messages.h"
-#include "WindowsFolders.h"
 
 using vorlix::tellDelegate;
 

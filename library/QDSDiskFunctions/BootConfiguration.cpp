@@ -17,11 +17,11 @@
 #include <utility>
 #include <vector>
 
+#include <Vorlix/StoreSlots.h>
 #include "Arguments.h"
 #include "DeviceStreams.h"
 #include "Exceptions.h"
 #include "Log.h"
-#include "StoreSlots.h"
 
 using vorlix::logMessage;
 using vorlix::textOf;

@@ -14,11 +14,11 @@
 #include <span>
 #include <utility>
 
+#include <Vorlix/PartitionRecords.h>
 #include "Arguments.h"
 #include "DeviceStreams.h"
 #include "Exceptions.h"
 #include "Log.h"
-#include "PartitionRecords.h"
 
 using vorlix::DeviceAccess;
 using vorlix::DeviceHandle;

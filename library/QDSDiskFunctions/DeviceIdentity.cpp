@@ -17,10 +17,10 @@
 #include <string>
 #include <variant>
 
+#include <Vorlix/PartitionRecords.h>
 #include "Arguments.h"
 #include "Exceptions.h"
 #include "Log.h"
-#include "PartitionRecords.h"
 
 using vorlix::KernReturn;
 using vorlix::kKernFailure;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "GPTCheck.h"
+#include <Vorlix/GPTCheck.h>
 
 #include "foundation/GUIDPartitionTable.h"
 

@@ -13,12 +13,12 @@
 #include <utility>
 #include <vector>
 
+#include <Vorlix/BootSectors.h>
+#include <Vorlix/PartitionRecords.h>
 #include "Arguments.h"
-#include "BootSectors.h"
 #include "DeviceStreams.h"
 #include "Exceptions.h"
 #include "Log.h"
-#include "PartitionRecords.h"
 
 using vorlix::DeviceAccess;
 using vorlix::DeviceHandle;

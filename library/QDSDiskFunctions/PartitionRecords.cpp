@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "PartitionRecords.h"
+#include <Vorlix/PartitionRecords.h>
 
-#include "foundation/LittleEndian.h"
+#include <Vorlix/foundation/LittleEndian.h>
 
 #include <algorithm>
 #include <cstring>

@@ -9,11 +9,11 @@
 #include <tuple>
 #include <vector>
 
+#include <Vorlix/PartitionRecords.h>
 #include "Arguments.h"
 #include "DeviceStreams.h"
 #include "Exceptions.h"
 #include "Log.h"
-#include "PartitionRecords.h"
 
 using vorlix::logMessage;
 using vorlix::textOf;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "StoreSlots.h"
+#include <Vorlix/StoreSlots.h>
 
-#include "foundation/LittleEndian.h"
+#include <Vorlix/foundation/LittleEndian.h>
 
 #include <algorithm>
 #include <cstring>

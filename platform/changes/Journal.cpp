@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Journal.h"
 
+#include <Vorlix/foundation/Sha256.h>
 #include <Vorlix/platform/FilesInPlace.h>
 #include <Vorlix/platform/Platform.h>
 #include <fcntl.h>
@@ -8,7 +9,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include "StateFolder.h"
-#include "foundation/Sha256.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -4,7 +4,7 @@
 #pragma once
 
 #include <Vorlix/platform/DeviceFile.h>
-#include "Change.h"
+#include <Vorlix/platform/DiskChange.h>
 
 #include <cstdint>
 #include <functional>
@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/posix/Descriptor.h"
+#include <Vorlix/platform/Descriptor.h>
 
 namespace vorlix {
 

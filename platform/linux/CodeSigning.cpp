@@ -11,9 +11,9 @@
 #include <optional>
 #include <utility>
 
+#include <Vorlix/platform/Descriptor.h>
 #include "SignersUnit.h"
 #include "SigningRequirement.h"
-#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

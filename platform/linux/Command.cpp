@@ -16,7 +16,7 @@
 #include <cstdlib>
 #include <sstream>
 
-#include "platform/posix/Descriptor.h"
+#include <Vorlix/platform/Descriptor.h>
 
 namespace vorlix {
 namespace {

@@ -5,8 +5,8 @@
 
 #include <utility>
 
+#include <Vorlix/platform/Descriptor.h>
 #include "RunLoop.h"
-#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

@@ -13,8 +13,8 @@
 #include <tuple>
 #include <utility>
 
+#include <Vorlix/platform/Descriptor.h>
 #include "Sysfs.h"
-#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

@@ -8,8 +8,8 @@
 #include <map>
 #include <utility>
 
+#include <Vorlix/foundation/LittleEndian.h>
 #include "FatNames.h"
-#include "foundation/LittleEndian.h"
 
 namespace vorlix {
 namespace {

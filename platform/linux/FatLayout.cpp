@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <utility>
 
+#include <Vorlix/foundation/LittleEndian.h>
 #include "FatDigest.h"
 #include "FatTable.h"
-#include "foundation/LittleEndian.h"
 
 namespace vorlix {
 namespace {

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "foundation/LittleEndian.h"
+#include <Vorlix/foundation/LittleEndian.h>
 
 namespace vorlix {
 namespace {

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "foundation/LittleEndian.h"
+#include <Vorlix/foundation/LittleEndian.h>
 
 namespace vorlix {
 namespace {

@@ -9,8 +9,8 @@
 #include <limits>
 #include <set>
 
+#include <Vorlix/foundation/LittleEndian.h>
 #include "FatNames.h"
-#include "foundation/LittleEndian.h"
 
 namespace vorlix {
 namespace {

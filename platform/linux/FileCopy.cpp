@@ -14,8 +14,8 @@
 #include <system_error>
 #include <vector>
 
+#include <Vorlix/platform/Descriptor.h>
 #include "platform/posix/CopyRules.h"
-#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

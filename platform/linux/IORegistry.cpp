@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <numeric>
 
+#include <Vorlix/platform/SliceName.h>
 #include "BlockDevices.h"
 #include "DeviceFacts.h"
 #include "ImageDisk.h"
@@ -11,7 +12,6 @@
 #include "KernelDisks.h"
 #include "RegistryTree.h"
 #include "Sysfs.h"
-#include "platform/posix/SliceName.h"
 
 namespace vorlix {
 namespace {

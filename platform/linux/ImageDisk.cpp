@@ -7,10 +7,10 @@
 
 #include <filesystem>
 
+#include <Vorlix/platform/Descriptor.h>
 #include "ImageFiles.h"
 #include "KernelDisks.h"
 #include "PartitionTable.h"
-#include "platform/posix/Descriptor.h"
 #include "platform/posix/PartitionExtents.h"
 
 namespace vorlix {

@@ -9,7 +9,7 @@
 #include <mutex>
 #include <system_error>
 
-#include "platform/posix/Descriptor.h"
+#include <Vorlix/platform/Descriptor.h>
 
 namespace vorlix {
 namespace {

@@ -10,10 +10,10 @@
 #include <system_error>
 #include <utility>
 
+#include <Vorlix/platform/Descriptor.h>
+#include <Vorlix/platform/SliceName.h>
 #include "PartitionTable.h"
 #include "Sysfs.h"
-#include "platform/posix/Descriptor.h"
-#include "platform/posix/SliceName.h"
 
 namespace vorlix {
 namespace {

@@ -13,7 +13,7 @@
 #include <ctime>
 #include <vector>
 
-#include "platform/posix/Descriptor.h"
+#include <Vorlix/platform/Descriptor.h>
 
 namespace vorlix {
 namespace {

@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
+#include <Vorlix/platform/Descriptor.h>
 #include "Dissenters.h"
 #include "MirrorState.h"
-#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 

@@ -18,9 +18,9 @@
 #include <string_view>
 #include <system_error>
 
+#include <Vorlix/platform/Descriptor.h>
 #include "FatNames.h"
 #include "VolumeProbe.h"
-#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

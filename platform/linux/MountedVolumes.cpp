@@ -12,6 +12,7 @@
 #include <string_view>
 #include <utility>
 
+#include <Vorlix/platform/Descriptor.h>
 #include "BlockDevices.h"
 #include "DeviceFacts.h"
 #include "DiskDescription.h"
@@ -21,7 +22,6 @@
 #include "Mounting.h"
 #include "OpenedDevice.h"
 #include "VolumeProbe.h"
-#include "platform/posix/Descriptor.h"
 #include "platform/posix/MountFacts.h"
 
 namespace vorlix {

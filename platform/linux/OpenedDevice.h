@@ -5,8 +5,8 @@
 
 #include <optional>
 
+#include <Vorlix/platform/Descriptor.h>
 #include "BlockDevices.h"
-#include "platform/posix/Descriptor.h"
 #include "platform/posix/FileHandle.h"
 
 namespace vorlix {

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "platform/posix/Descriptor.h"
+#include <Vorlix/platform/Descriptor.h>
 
 namespace vorlix {
 namespace {

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "UnmountedFat.h"
 
+#include <Vorlix/platform/DiskChange.h>
 #include <fcntl.h>
 #include <unistd.h>
-#include "platform/changes/Change.h"
 #include "platform/changes/Journal.h"
 
 #include <algorithm>

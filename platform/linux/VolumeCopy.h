@@ -8,9 +8,9 @@
 #include <memory>
 #include <string>
 
+#include <Vorlix/platform/Descriptor.h>
 #include "Dissenters.h"
 #include "MirrorCopy.h"
-#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 

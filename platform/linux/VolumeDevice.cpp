@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VolumeDevice.h"
 
+#include <Vorlix/platform/DiskChange.h>
 #include <fcntl.h>
-#include "platform/changes/Change.h"
 
 #include <cerrno>
 #include <optional>

@@ -7,9 +7,9 @@
 
 #include <filesystem>
 
+#include <Vorlix/platform/Descriptor.h>
 #include "DeviceFacts.h"
 #include "Sysfs.h"
-#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "WriteBack.h"
 
+#include <Vorlix/platform/DiskChange.h>
 #include <fcntl.h>
 #include <unistd.h>
-#include "platform/changes/Change.h"
 
 #include <cerrno>
 #include <memory>

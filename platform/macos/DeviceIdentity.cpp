@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <string>
 
+#include <Vorlix/platform/SliceName.h>
 #include "platform/posix/FileHandle.h"
-#include "platform/posix/SliceName.h"
 
 namespace vorlix {
 

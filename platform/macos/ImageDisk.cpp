@@ -11,7 +11,7 @@
 #include <system_error>
 #include <vector>
 
-#include "platform/posix/Descriptor.h"
+#include <Vorlix/platform/Descriptor.h>
 #include "platform/posix/PartitionExtents.h"
 
 namespace vorlix {

@@ -11,7 +11,7 @@
 #include <tuple>
 #include <utility>
 
-#include "platform/posix/Descriptor.h"
+#include <Vorlix/platform/Descriptor.h>
 
 namespace vorlix {
 namespace {

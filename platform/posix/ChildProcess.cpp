@@ -16,7 +16,7 @@
 #include <thread>
 #include <utility>
 
-#include "Descriptor.h"
+#include <Vorlix/platform/Descriptor.h>
 #include "PipeOutput.h"
 #include "Spawning.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "SliceName.h"
+#include <Vorlix/platform/SliceName.h>
 
 namespace vorlix {
 

@@ -6,7 +6,7 @@
 #include <atomic>
 #include <memory>
 
-#include "Descriptor.h"
+#include <Vorlix/platform/Descriptor.h>
 #include "DescriptorSource.h"
 
 namespace vorlix {

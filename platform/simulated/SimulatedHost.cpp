@@ -3,6 +3,7 @@
 // What the simulated machine has mounted, whom it works for, its command interpreter and its clock.
 #include <Vorlix/platform/MountedVolumes.h>
 #include <Vorlix/platform/Pauses.h>
+#include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/Shell.h>
 #include <Vorlix/platform/UserIdentity.h>
 #include <Vorlix/platform/UserLocale.h>
@@ -55,8 +56,11 @@ class SimulatedPauses final : public Pauses {
   explicit SimulatedPauses(std::shared_ptr<SimulatedState> state) : state_(std::move(state)) {}
 
   void pause(std::chrono::milliseconds time) override {
-    state_->journal.push_back("pause " + std::to_string(time.count()));
-    if (state_->duringPauses) state_->duringPauses(time);
+    if (state_->duringPauses) {
+      state_->duringPauses(time);
+    } else {
+      nativePlatform().pauses->pause(time);
+    }
   }
 
  private:
@@ -67,7 +71,9 @@ class SimulatedUserLocale final : public UserLocale {
  public:
   explicit SimulatedUserLocale(std::shared_ptr<SimulatedState> state) : state_(std::move(state)) {}
 
-  std::string decimalSeparator() override { return state_->decimalSeparator; }
+  std::string decimalSeparator() override {
+    return state_->decimalSeparator ? *state_->decimalSeparator : nativePlatform().userLocale->decimalSeparator();
+  }
 
  private:
   std::shared_ptr<SimulatedState> state_;

@@ -141,7 +141,7 @@ struct SimulatedState {
   std::vector<MountedVolume> mountedVolumes;
   uint32_t realUserID = 501;
   int shellStatus = 0;
-  std::string decimalSeparator = ".";
+  std::optional<std::string> decimalSeparator;  // absent: the user's
   std::function<void(std::chrono::milliseconds)> duringPauses;
 
   std::vector<std::string> journal;

@@ -100,7 +100,7 @@ class StartupDiskTest(GuestTest):
             with self.subTest(type=kind):
                 sentence = self.refused("startup-disk", node(WINDOWS), "--type", kind, user=images.NOBODY,
                                         group=images.NOBODY, extra_groups=[])
-                self.assertIn("needs the administrator", sentence)
+                self.assertIn("only root as the real user", sentence)
         self.assertEqual(self.take_runs(), [])
 
     def test_rights_without_being_the_real_user_do_not_do(self):
@@ -108,7 +108,7 @@ class StartupDiskTest(GuestTest):
             os.setresuid(images.NOBODY, 0, 0)
 
         sentence = self.refused("startup-disk", node(WINDOWS), preexec_fn=lend_rights)
-        self.assertIn("needs the administrator", sentence)
+        self.assertIn("only root as the real user", sentence)
         self.assertEqual(self.take_runs(), [])
 
     def test_system_integrity_protection_is_warned_of(self):

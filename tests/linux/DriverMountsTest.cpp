@@ -6,10 +6,10 @@
 #include <fcntl.h>
 #include <sys/sysmacros.h>
 
+#include <Vorlix/platform/Descriptor.h>
 #include "FuseDriver.h"
 #include "MountNamespace.h"
 #include "platform/linux/MountSources.h"
-#include "platform/posix/Descriptor.h"
 #include "tests/contract/Volumes.h"
 
 namespace vorlix::contract {

@@ -3,9 +3,9 @@
 // The reader of FAT volumes, on volumes by mkfs.vfat and mtools, and on damaged copies of them.
 #include "platform/linux/FatVolume.h"
 
+#include <Vorlix/platform/Descriptor.h>
 #include "platform/linux/FatNames.h"
 #include "platform/linux/MirrorCopy.h"
-#include "platform/posix/Descriptor.h"
 #include "tests/contract/Volumes.h"
 
 namespace vorlix::contract {

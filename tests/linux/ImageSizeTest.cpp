@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The measurement of images that gzip and zip made, by the system's gunzip, unzip and wc: what a host is notified of.
+#include <Vorlix/LogCapture.h>
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/foundation/NotificationCenter.h>
 #include <Vorlix/platform/Platform.h>
@@ -9,7 +10,6 @@
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include <Vorlix/platform/simulated/SimulatedSystemPaths.h>
 #include <gmock/gmock.h>
-#include "library/QDSDiskFunctions/Log.h"
 
 #include <chrono>
 #include <cstdlib>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // update_bcd() on a FAT volume that is mirrored: the mirror's folder tells case apart, the volume does not.
+#include <Vorlix/LogCapture.h>
 #include <Vorlix/QDSDiskFunctions.h>
-#include "library/QDSDiskFunctions/Log.h"
 
 #include <filesystem>
 #include <iterator>

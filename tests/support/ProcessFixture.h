@@ -3,6 +3,7 @@
 // Tests of running programs: the test child, the host's own ports, a log of one's own, and what is left behind.
 #pragma once
 
+#include <Vorlix/LogCapture.h>
 #include <Vorlix/platform/ChildProcess.h>
 #include <Vorlix/platform/RunLoop.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
@@ -13,7 +14,6 @@
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include "library/QDSDiskFunctions/Log.h"
 
 #include <cerrno>
 #include <chrono>

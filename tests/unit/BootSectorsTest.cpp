@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Sector 0 and boot sectors as bytes. Places of fields: NTFS and FAT as mkntfs and mkfs.vfat write them.
+#include <Vorlix/BootSectors.h>
 #include <gmock/gmock.h>
-#include "library/QDSDiskFunctions/BootSectors.h"
 
 #include <cstring>
 

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Changes to disks: made whole or not at all, and what becomes of one that was cut off.
+#include <Vorlix/platform/DiskChange.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include "platform/changes/Change.h"
 #include "platform/changes/Journal.h"
 
 #include <cerrno>

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What is said of damaged GPTs. The disk is put together byte by byte, its checksums are computed one bit at a time.
+#include <Vorlix/GPTCheck.h>
 #include <gmock/gmock.h>
 #include "foundation/GUIDPartitionTable.h"
-#include "library/QDSDiskFunctions/GPTCheck.h"
 
 #include "tests/unit/support/DiskBytes.h"
 

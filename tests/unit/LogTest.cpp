@@ -9,6 +9,7 @@
 #include <sstream>
 #include <thread>
 
+#include "library/QDSDiskFunctions/Log.h"
 #include "tests/unit/support/FlatFixture.h"
 #include "tests/unit/support/StandardStreams.h"
 

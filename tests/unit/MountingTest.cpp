@@ -214,11 +214,16 @@ TEST_F(MountingTest, EFIPartitionOfALongNameIsMountedWhole) {
 
 TEST_F(MountingTest, EFIPartitionIsUnmountedAfterASecond) {
   addVolume("disk2s1", "/Volumes/EFI", true);
+  std::vector<std::chrono::milliseconds> pauses;
+  machine.duringPauses([&](std::chrono::milliseconds time) {
+    pauses.push_back(time);
+    EXPECT_THAT(calls(), IsEmpty()) << "the pause comes first";
+  });
   EXPECT_EQ(unmount_efi("/dev/disk2"), 0);
+  EXPECT_THAT(pauses, ElementsAre(std::chrono::seconds(1)));
   EXPECT_FALSE(machine.isMounted("disk2s1"));
   EXPECT_EQ(log(), "Unmounting disk /dev/disk2s1\n");
-  EXPECT_THAT(calls(), ElementsAre("pause 1000", "session open", kSchedule, "unmount disk2s1", kRun, kUnschedule,
-                                   "session close"));
+  EXPECT_THAT(calls(), ElementsAre("session open", kSchedule, "unmount disk2s1", kRun, kUnschedule, "session close"));
 }
 
 TEST_F(MountingTest, FailedUnmountOfTheEFIPartitionDoesNotShow) {

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/LogCapture.h>
 #include <Vorlix/QDTaskWrapperWithBlocks.h>
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/foundation/NotificationCenter.h>
@@ -9,7 +10,6 @@
 #include <Vorlix/platform/simulated/SimulatedSystemPaths.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
-#include "library/QDSDiskFunctions/Log.h"
 #include "library/QDVolume/SizeMeasurement.h"
 
 #include <chrono>

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/Sha256.h"
+#include <Vorlix/foundation/Sha256.h>
 
 namespace vorlix {
 namespace {

@@ -2,8 +2,8 @@
 //
 // Boot configuration stores as bytes: what is taken for one, and the identifiers in it. The hive is made by hand: a
 // base block and one bin, as the Windows registry file format specification (Suhanov) lays them out.
+#include <Vorlix/StoreSlots.h>
 #include <gmock/gmock.h>
-#include "library/QDSDiskFunctions/StoreSlots.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "HiveFile.h"
 
+#include <Vorlix/foundation/LittleEndian.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include "foundation/LittleEndian.h"
 
 #include <algorithm>
 #include <array>

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Backup.h"
 
+#include <Vorlix/foundation/Sha256.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include "foundation/Sha256.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/platform/DeviceFile.h>
-#include "platform/changes/Change.h"
+#include <Vorlix/platform/DiskChange.h>
 
 #include <algorithm>
 #include <cstdio>

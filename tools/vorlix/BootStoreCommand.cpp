@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/StoreSlots.h>
 #include <Vorlix/platform/DeviceFile.h>
+#include <Vorlix/platform/DiskChange.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/VolumeNames.h>
 #include <sys/stat.h>
-#include "library/QDSDiskFunctions/StoreSlots.h"
-#include "platform/changes/Change.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -4,7 +4,7 @@
 #pragma once
 
 #include <Vorlix/platform/DeviceFile.h>
-#include "platform/changes/Change.h"
+#include <Vorlix/platform/DiskChange.h>
 
 #include <memory>
 #include <string>

@@ -3,7 +3,7 @@
 
 #include <Vorlix/platform/DiskArbitration.h>
 #include <Vorlix/platform/Platform.h>
-#include "platform/posix/SliceName.h"
+#include <Vorlix/platform/SliceName.h>
 
 #include <algorithm>
 #include <cerrno>

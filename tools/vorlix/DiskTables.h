@@ -3,10 +3,10 @@
 // A disk's tables as the commands look at them. Reading goes through the library's decoders but leaves its log alone.
 #pragma once
 
+#include <Vorlix/BootSectors.h>
+#include <Vorlix/GPTCheck.h>
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/platform/DeviceFile.h>
-#include "library/QDSDiskFunctions/BootSectors.h"
-#include "library/QDSDiskFunctions/GPTCheck.h"
 
 #include <cstdint>
 #include <optional>

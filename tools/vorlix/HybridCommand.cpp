@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "library/QDSDiskFunctions/Log.h"
+#include <Vorlix/QDSDiskFunctions.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -129,10 +129,11 @@ void apply(const HybridPlan& plan, const HybridOptions& options) {
   if (!options.backupFolder.empty()) saveBackup(plan, options.backupFolder);
   std::fflush(stdout);
   const LibraryLog log;
-  logMessage("Writing the hybrid MBR of %s and the boot sector of %s\n", plan.disk.device.c_str(),
-             plan.volume ? plan.volume->name.c_str() : "no volume");
+  const std::string& disk = plan.disk.device;
+  const std::string volume = plan.volume ? plan.volume->name : "no volume";
+  logLine(("Writing the hybrid MBR of " + disk + " and the boot sector of " + volume + "\n").c_str());
   applyOrFail(plan.change());
-  logMessage("The hybrid MBR of %s is on the medium\n", plan.disk.device.c_str());
+  logLine(("The hybrid MBR of " + disk + " is on the medium\n").c_str());
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 // What a `hybrid` run does to a disk: worked out by reading alone, through the handles that a run then writes to.
 #pragma once
 
-#include "platform/changes/Change.h"
+#include <Vorlix/platform/DiskChange.h>
 
 #include <cstdint>
 #include <memory>

@@ -6,7 +6,6 @@
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/RunLoop.h>
 #include <unistd.h>
-#include "library/QDVolume/SizeMeasurement.h"
 
 #include <array>
 #include <cerrno>
@@ -146,12 +145,12 @@ std::string sizeInWords(long long size) {
 
 void measureImage(const std::string& file) {
   requireReadableFile(file);
-  const std::string_view extension = pathExtension(file);
-  if (extension != "gz" && extension != "zip") {
+  const std::string extension = std::filesystem::path(file).extension();
+  if (extension != ".gz" && extension != ".zip") {
     throw Failure(file, "only images whose names end in .gz or .zip are measured", kUntouched);
   }
   requireHarmlessToTheShell(file);
-  if (extension == "zip") {
+  if (extension == ".zip") {
     Platform withUnzip = platform();
     withUnzip.hostBundle = std::make_shared<ToolBundle>(withUnzip.hostBundle);
     setPlatform(std::move(withUnzip));

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "LegacyBootFiles.h"
 
+#include <Vorlix/platform/Descriptor.h>
 #include <Vorlix/platform/FileCopy.h>
 #include <Vorlix/platform/FilesInPlace.h>
 #include <Vorlix/platform/Platform.h>
@@ -8,7 +9,6 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include "platform/posix/Descriptor.h"
 
 #include <algorithm>
 #include <cerrno>

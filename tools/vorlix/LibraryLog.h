@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "library/QDSDiskFunctions/Log.h"
+#include <Vorlix/LogCapture.h>
 
 #include <string>
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/LogCapture.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include "library/QDSDiskFunctions/Log.h"
 
 #include <algorithm>
 #include <array>

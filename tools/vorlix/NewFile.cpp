@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "NewFile.h"
 
+#include <Vorlix/platform/Descriptor.h>
 #include <Vorlix/platform/FilesInPlace.h>
 #include <Vorlix/platform/Platform.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include "platform/posix/Descriptor.h"
 
 #include <cerrno>
 #include <cstdio>

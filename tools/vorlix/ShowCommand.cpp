@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/PartitionRecords.h>
 #include <Vorlix/QDSDiskFunctions.h>
-#include "library/QDSDiskFunctions/PartitionRecords.h"
 
 #include <cstdio>
 #include <memory>

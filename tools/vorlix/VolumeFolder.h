@@ -4,8 +4,8 @@
 // which could lead to a file of the host's, and nothing but files and folders is opened.
 #pragma once
 
+#include <Vorlix/platform/Descriptor.h>
 #include <sys/stat.h>
-#include "platform/posix/Descriptor.h"
 
 #include <optional>
 #include <string>

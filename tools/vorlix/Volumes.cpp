@@ -2,11 +2,11 @@
 #include "Volumes.h"
 
 #include <Vorlix/QDDeviceManager.h>
+#include <Vorlix/WindowsFolders.h>
 #include <Vorlix/platform/DiskArbitration.h>
 #include <Vorlix/platform/Platform.h>
 #include <fcntl.h>
 #include <unistd.h>
-#include "library/QDDeviceManager/WindowsFolders.h"
 
 #include <cstdio>
 #include <filesystem>

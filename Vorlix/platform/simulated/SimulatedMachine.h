@@ -92,17 +92,17 @@ struct SimulatedState;
 /// rw", "unmount disk0s1". Registry: "registry port", "registry iterate IOService", "registry match BSD disk0s1",
 /// "registry match class IOMedia". File copies: "copy <source> <destination>". Children: "launch /bin/sh -c ls" (path
 /// and arguments), "terminate /bin/sh". Others: "check code 100 <requirement>", "system log Vorlix: <text>", "shell
-/// <command>", "pause 1000" (milliseconds), "list mounted volumes". These say what was asked, whether or not it was
+/// <command>", "list mounted volumes". These say what was asked, whether or not it was
 /// refused; a session that could not be opened and the ports' other calls leave no line.
 ///
 /// A machine that was given a file, a folder or a link holds those and no other; copies stay within it. One that was
 /// given none looks at the files of the system that it runs on and copies those, for tests with folders of their own.
 /// The log file, and what the flat functions read and write at paths that they are given, are always real files.
 ///
-/// Time does not pass: a pause ends and a run of the loop returns at once, whatever its limit is. A request is carried
-/// out in the run of the loop that handles it, or, without one, when its session is closed. A run of the loop that
-/// carries out no request completes one read of a child's output, if there is something to read or the output has just
-/// ended; since no time passes, reads after the end do not complete.
+/// Time does not pass in the run loop: a run returns at once, whatever its limit is. A pause takes its time, unless
+/// duringPauses() has replaced it. A request is carried out in the run of the loop that handles it, or, without one,
+/// when its session is closed. A run of the loop that carries out no request completes one read of a child's output, if
+/// there is something to read or the output has just ended; since no time passes, reads after the end do not complete.
 class SimulatedMachine {
  public:
   SimulatedMachine();
@@ -195,10 +195,11 @@ class SimulatedMachine {
   void setLogFile(const std::string& path);
   void setStatusTool(const std::string& path);
 
-  /// What stands before decimals; a point at first.
+  /// Sets the decimal separator; until then it is the user's.
   void setDecimalSeparator(const std::string& separator);
 
-  /// Does something in each pause, such as what another process would do meanwhile.
+  /// Replaces pauses: they call `action` with their length and do not sleep. A test can do there what another process
+  /// would do meanwhile.
   void duringPauses(std::function<void(std::chrono::milliseconds)> action);
 
   /// Lets a copy of `source` fail with `reason`.

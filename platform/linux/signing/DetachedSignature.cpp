@@ -10,7 +10,7 @@
 
 #include <utility>
 
-#include "platform/posix/Descriptor.h"
+#include <Vorlix/platform/Descriptor.h>
 
 namespace vorlix {
 namespace {

@@ -10,10 +10,10 @@
 #include <cstring>
 #include <vector>
 
+#include <Vorlix/platform/Descriptor.h>
 #include "Module.h"
 #include "platform/linux/CodePlace.h"
 #include "platform/linux/SignersUnit.h"
-#include "platform/posix/Descriptor.h"
 
 namespace vorlix {
 namespace {

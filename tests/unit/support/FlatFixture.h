@@ -3,14 +3,15 @@
 // A simulated machine, a folder and a log file of its own for each test of the flat functions.
 #pragma once
 
+#include <Vorlix/LogCapture.h>
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include "library/QDSDiskFunctions/DeviceStreams.h"
-#include "library/QDSDiskFunctions/Log.h"
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -43,7 +44,11 @@ class TemporaryFolder {
 
 class FlatTest : public testing::Test {
  protected:
-  FlatTest() : scope_(machine.platform()) { machine.setLogFile(logPath()); }
+  FlatTest() : scope_(machine.platform()) {
+    machine.setLogFile(logPath());
+    machine.duringPauses([](std::chrono::milliseconds) {});
+    machine.setDecimalSeparator(".");
+  }
   ~FlatTest() override {
     closeKeptOpen();
     number_of_partition_maps = 9;

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// Checks both copies of a disk's GPT by the rules of the UEFI Specification 2.10, section 5.3. The check only reports;
-// its callers decide. The flat functions use a table without this check, the command line checks it first.
+/// @file
+/// Checks both copies of a disk's GPT by the rules of the UEFI Specification 2.10, section 5.3. The check only reports;
+/// its callers decide. The flat functions use a table without this check, the command line checks it first.
 #pragma once
+
+#include <Vorlix/PartitionRecords.h>
+#include <Vorlix/foundation/Export.h>
 
 #include <cstdint>
 #include <functional>
@@ -11,8 +14,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include "PartitionRecords.h"
 
 namespace vorlix {
 
@@ -60,10 +61,10 @@ struct GPTReport {
 /// Reads and checks a disk's GPT. At most kMaximumEntries entries of each copy are read and at most 16 findings about
 /// entries are listed, so time and memory are limited whatever the table contains.
 /// @param blockSize  block size of the disk in bytes, at least 512.
-GPTReport checkGPT(const DiskReader& read, uint64_t diskSize, uint64_t blockSize);
+VORLIX_EXPORT GPTReport checkGPT(const DiskReader& read, uint64_t diskSize, uint64_t blockSize);
 
 /// Returns pairs of numbers (from 1) of used entries that share LBAs. In the order of their first LBAs, each entry is
 /// paired with the earlier one that reaches farthest, if they overlap. Entries that end before they begin are ignored.
-std::vector<std::pair<uint32_t, uint32_t>> overlappingEntries(std::span<const GPTEntry> entries);
+VORLIX_EXPORT std::vector<std::pair<uint32_t, uint32_t>> overlappingEntries(std::span<const GPTEntry> entries);
 
 }  // namespace vorlix

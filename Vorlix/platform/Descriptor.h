@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// Ownership of a file descriptor.
+/// @file
+/// Ownership of a file descriptor.
 #pragma once
 
 #include <fcntl.h>

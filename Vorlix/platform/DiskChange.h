@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// A change to a disk as a value: which bytes change on which opened devices, and why. Describing a change writes
-// nothing; applyChange() makes it, with a journal, so that a change that is cut off can be finished or put back.
+/// @file
+/// A change to a disk as a value: which bytes change on which opened devices, and why. Describing a change writes
+/// nothing; applyChange() makes it, with a journal, so that a change that is cut off can be finished or put back.
 #pragma once
 
+#include <Vorlix/foundation/Export.h>
 #include <Vorlix/platform/DeviceFile.h>
 
 #include <cstdint>
@@ -30,7 +31,7 @@ struct DeviceChange {
 };
 
 /// What one command does, in the order in which it is written.
-struct DiskChange {
+struct VORLIX_EXPORT DiskChange {
   std::string title;  ///< for people, who may meet it in a journal: "hybrid MBR of mac.img"
   std::vector<DeviceChange> devices;
 
@@ -57,7 +58,7 @@ struct ChangeFailure {
 ///
 /// Where step 3 fails, what was written is put back. Where that fails as well the journal stays, and the next command
 /// on the disk finishes the change. @return absent when the change is on the medium.
-std::optional<ChangeFailure> applyChange(const DiskChange& change);
+VORLIX_EXPORT std::optional<ChangeFailure> applyChange(const DiskChange& change);
 
 /// A change that a process began and did not finish.
 struct InterruptedChange {
@@ -66,7 +67,7 @@ struct InterruptedChange {
 };
 
 /// The changes of this user that were cut off on the disk behind `device`. Writes nothing.
-std::vector<InterruptedChange> interruptedChanges(DeviceHandle& device);
+VORLIX_EXPORT std::vector<InterruptedChange> interruptedChanges(DeviceHandle& device);
 
 /// Settles those changes before anything else is written to the disk: finishes what was begun, and drops the journal
 /// of what was not. `device` is the whole disk or a slice, open for reading and writing; `name` is its name.
@@ -74,7 +75,7 @@ std::vector<InterruptedChange> interruptedChanges(DeviceHandle& device);
 /// Refused while the process that began a change still runs, and where the bytes on the disk are neither those before
 /// nor those after the change, since somebody else wrote there meanwhile.
 /// @param finished  gets the titles of the changes that were finished.
-std::optional<ChangeFailure> settleInterruptedChanges(const std::string& name, DeviceHandle& device,
-                                                      std::vector<std::string>& finished);
+VORLIX_EXPORT std::optional<ChangeFailure> settleInterruptedChanges(const std::string& name, DeviceHandle& device,
+                                                                    std::vector<std::string>& finished);
 
 }  // namespace vorlix

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// Numbers as they stand on disks: the lowest byte first.
+/// @file
+/// Numbers as they stand on disks: the lowest byte first.
 #pragma once
 
 #include <cstddef>

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// Decodes and encodes sector 0, GPT headers and GPT entries as bytes. No stream is needed, so this code can be tested
-// and fuzzed separately. Layouts: UEFI Specification 2.10, sections 5.2 and 5.3.
-//
-// Decoders take the bytes that were read, which may be too few. A field that is not completely inside them keeps its
-// value.
+/// @file
+/// Decodes and encodes sector 0, GPT headers and GPT entries as bytes. No stream is needed, so this code can be tested
+/// and fuzzed separately. Layouts: UEFI Specification 2.10, sections 5.2 and 5.3.
+///
+/// Decoders take the bytes that were read, which may be too few. A field that is not completely inside them keeps its
+/// value.
 #pragma once
 
 #include <Vorlix/QDSDiskFunctions.h>
+#include <Vorlix/foundation/Export.h>
 
 #include <array>
 #include <cstddef>
@@ -41,50 +42,50 @@ struct CHS {
 };
 
 /// Returns the values of calculate_chs() with their signs.
-CHS chsOf(int32_t lba);
+VORLIX_EXPORT CHS chsOf(int32_t lba);
 
 /// Decodes sector 0. If `active` is not null, it receives the number of the last slot whose flag is exactly 0x80; it is
 /// unchanged if there is none.
-void decodeMBR(Bytes sector, PartitionTable& table, uint32_t* active);
+VORLIX_EXPORT void decodeMBR(Bytes sector, PartitionTable& table, uint32_t* active);
 
 /// Encodes four slots as the 64 bytes at offset 446 of sector 0.
-std::array<uint8_t, kSlotSize * kSlotCount> encodeSlots(const MBRPartitionEntry (&parts)[kSlotCount]);
+VORLIX_EXPORT std::array<uint8_t, kSlotSize * kSlotCount> encodeSlots(const MBRPartitionEntry (&parts)[kSlotCount]);
 
 /// Decodes the 512 bytes of a GPT header.
-void decodeGPTHeader(Bytes sector, GPTHeader& header);
+VORLIX_EXPORT void decodeGPTHeader(Bytes sector, GPTHeader& header);
 
 /// Returns the byte offset of the first entry, or the largest value if the offset does not fit 64 bits.
-uint64_t entriesOffset(const GPTHeader& header, uint64_t blockSize);
+VORLIX_EXPORT uint64_t entriesOffset(const GPTHeader& header, uint64_t blockSize);
 
 /// Returns the header's number of entries, limited to kMaximumEntries.
-uint32_t boundedEntryCount(const GPTHeader& header);
+VORLIX_EXPORT uint32_t boundedEntryCount(const GPTHeader& header);
 
 /// Decodes one entry and sets `guid_text` from the type GUID. In an unused entry, `unique_guid` becomes zero and the
 /// other fields keep their values. Returns whether the entry is in use.
-bool decodeGPTEntry(Bytes bytes, GPTEntry& entry);
+VORLIX_EXPORT bool decodeGPTEntry(Bytes bytes, GPTEntry& entry);
 
 /// Returns whether a GPT entry is in use.
-bool isUsed(const GPTEntry& entry);
+VORLIX_EXPORT bool isUsed(const GPTEntry& entry);
 
 /// Returns the MBR slot that mirrors a used GPT entry.
-MBRPartitionEntry hybridSlot(const GPTEntry& entry, bool active);
+VORLIX_EXPORT MBRPartitionEntry hybridSlot(const GPTEntry& entry, bool active);
 
 /// Returns the MBR slot of the GPT entry `number` (from 1). The slot is empty if the entry is unused. Otherwise it
 /// mirrors the entry, and is active if `active` is that number.
-MBRPartitionEntry slotFor(const GPTEntry& entry, uint32_t number, uint32_t active);
+VORLIX_EXPORT MBRPartitionEntry slotFor(const GPTEntry& entry, uint32_t number, uint32_t active);
 
 /// Returns the MBR that the first four entries of a GPT require. Slots of missing entries are empty.
-PartitionTable hybridTable(std::span<const GPTEntry> entries, uint32_t active);
+VORLIX_EXPORT PartitionTable hybridTable(std::span<const GPTEntry> entries, uint32_t active);
 
 /// Turns a hybrid MBR into a standard guard MBR; slot 1 keeps its type and first LBA.
-void makeGuard(PartitionTable& table, uint64_t lastUsableLBA);
+VORLIX_EXPORT void makeGuard(PartitionTable& table, uint64_t lastUsableLBA);
 
 /// Returns the fields of a slot in the order in which ComparePartitionTables() compares them: LBA, size, start head,
 /// sector and cylinder, end head, sector and cylinder, type, flag.
-std::array<uint32_t, 10> fieldsOf(const MBRPartitionEntry& slot);
+VORLIX_EXPORT std::array<uint32_t, 10> fieldsOf(const MBRPartitionEntry& slot);
 
 /// Returns whether two slots have the same bytes on disk. There the cylinder, head and sector of an LBA of 2^31 or more
 /// lose bits, so slots with different fields can be the same.
-bool sameSlot(const MBRPartitionEntry& one, const MBRPartitionEntry& other);
+VORLIX_EXPORT bool sameSlot(const MBRPartitionEntry& one, const MBRPartitionEntry& other);
 
 }  // namespace vorlix

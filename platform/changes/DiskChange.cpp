@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Change.h"
+#include <Vorlix/platform/DiskChange.h>
 #include <Vorlix/platform/Platform.h>
 #include "Journal.h"
 

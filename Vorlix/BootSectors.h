@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// Builds and examines the sectors that hybrid booting needs, as bytes: sector 0 of the disk and the boot sectors of the
-// volume. Nothing here reads or writes a device. The flat functions and the command line both write the results of
-// these functions.
-//
-// Boot sectors of FAT and NTFS share their first fields. The other offsets are from the published layouts. FAT: the FAT
-// specification of 2000, sections "Boot Sector and BPB". NTFS: as mkntfs writes it, with the second boot sector in the
-// last sector of the partition.
+/// @file
+/// Builds and examines the sectors that hybrid booting needs, as bytes: sector 0 of the disk and the boot sectors of
+/// the volume. Nothing here reads or writes a device. The flat functions and the command line both write the results of
+/// these functions.
+///
+/// Boot sectors of FAT and NTFS share their first fields. The other offsets are from the published layouts. FAT: the
+/// FAT specification of 2000, sections "Boot Sector and BPB". NTFS: as mkntfs writes it, with the second boot sector in
+/// the last sector of the partition.
 #pragma once
+
+#include <Vorlix/PartitionRecords.h>
+#include <Vorlix/foundation/Export.h>
 
 #include <array>
 #include <cstdint>
@@ -15,8 +18,6 @@
 #include <span>
 #include <string>
 #include <vector>
-
-#include "PartitionRecords.h"
 
 namespace vorlix {
 
@@ -32,14 +33,15 @@ constexpr size_t kNTFSSerialOffset = 72;     // of an NTFS boot sector, 8 bytes
 using Serial = std::array<uint8_t, 8>;
 
 /// Draws a serial from the system's random source. Returns false if the source is not available.
-bool drawSerial(Serial& serial);
+VORLIX_EXPORT bool drawSerial(Serial& serial);
 
 /// Returns a sector 0 with boot code, the four slots and the signature. The first 446 bytes of the boot code are used;
 /// if it is shorter, zeros follow.
-Sector makeSector0(Bytes bootCode, const MBRPartitionEntry (&parts)[kSlotCount], uint16_t signature = kMBRSignature);
+VORLIX_EXPORT Sector makeSector0(Bytes bootCode, const MBRPartitionEntry (&parts)[kSlotCount],
+                                 uint16_t signature = kMBRSignature);
 
 /// The differences between a disk's sector 0 and the wanted one.
-struct Sector0Difference {
+struct VORLIX_EXPORT Sector0Difference {
   std::vector<uint32_t> slots;  ///< numbers of the slots whose bytes differ
   bool bootCode = false;        ///< the boot code differs; the disk signature is not compared
   bool signature = false;       ///< the signature 55 AA differs
@@ -53,16 +55,16 @@ struct Sector0Difference {
  private:
   std::string names() const;
 };
-Sector0Difference compareSector0(const Sector& now, const Sector& wanted);
+VORLIX_EXPORT Sector0Difference compareSector0(const Sector& now, const Sector& wanted);
 
 /// Returns the sector 0 to write over `now`. If the slots differ, it is `wanted`, with the disk signature of the
 /// boot-code file, as the flat functions write it. If the slots are right, the disk keeps its disk signature, by which
 /// systems identify it.
-Sector renewedSector0(const Sector& now, const Sector& wanted);
+VORLIX_EXPORT Sector renewedSector0(const Sector& now, const Sector& wanted);
 
 /// The file system of a volume, according to its boot sector.
 enum class BootSectorKind { ntfs, fat, empty, other };
-BootSectorKind kindOf(const Sector& bootSector);
+VORLIX_EXPORT BootSectorKind kindOf(const Sector& bootSector);
 
 /// The kind of MBR in sector 0.
 enum class MBRKind {
@@ -72,13 +74,13 @@ enum class MBRKind {
   protectsOnly,  ///< one slot of type EE and no other slot in use
   hybrid,        ///< a slot of type EE and other slots in use
 };
-MBRKind mbrKindOf(const Sector& sector0);
+VORLIX_EXPORT MBRKind mbrKindOf(const Sector& sector0);
 
 /// Returns the little-endian hidden-sectors field of a FAT or NTFS boot sector.
-uint32_t hiddenSectors(const Sector& bootSector);
+VORLIX_EXPORT uint32_t hiddenSectors(const Sector& bootSector);
 
 /// Returns the four bytes of a hidden-sectors field.
-std::array<uint8_t, 4> hiddenSectorsBytes(uint32_t start);
+VORLIX_EXPORT std::array<uint8_t, 4> hiddenSectorsBytes(uint32_t start);
 
 /// A run of bytes in a boot sector.
 struct Field {
@@ -88,27 +90,27 @@ struct Field {
 
 /// Returns the field of the volume's serial: 8 bytes on NTFS, 4 bytes on FAT. Empty if the boot sector has no serial,
 /// and for other file systems.
-Field serialField(const Sector& bootSector);
+VORLIX_EXPORT Field serialField(const Sector& bootSector);
 
 /// Returns the field of the boot code, from the end of the volume's parameters to the signature 55 AA. Empty for other
 /// file systems.
-Field bootCodeField(const Sector& bootSector);
+VORLIX_EXPORT Field bootCodeField(const Sector& bootSector);
 
 /// Returns whether the volume's boot code consists of zeros only; true for other file systems, which have no such
 /// field.
-bool lacksBootCode(const Sector& bootSector);
+VORLIX_EXPORT bool lacksBootCode(const Sector& bootSector);
 
 /// Returns an NTFS or FAT boot sector with another hidden-sectors field and serial. Other sectors are returned
 /// unchanged.
-Sector patchedBootSector(const Sector& bootSector, uint32_t start, const Serial& serial);
+VORLIX_EXPORT Sector patchedBootSector(const Sector& bootSector, uint32_t start, const Serial& serial);
 
 /// Returns whether two boot sectors are equal except for the two fields that patchedBootSector() sets.
-bool isCopyButForPatch(const Sector& first, const Sector& second);
+VORLIX_EXPORT bool isCopyButForPatch(const Sector& first, const Sector& second);
 
 /// Returns the offsets at which the second boot sector of a volume can be, in bytes from the start of the volume. All
 /// of them are inside the slice. NTFS: the last sector of the partition and, if the volume ends earlier, the sector
 /// behind the volume. FAT32: the sector whose number is in the field at 0x32.
 /// @param size  size of the slice in bytes.
-std::vector<uint64_t> secondBootSectorPlaces(const Sector& bootSector, uint64_t size);
+VORLIX_EXPORT std::vector<uint64_t> secondBootSectorPlaces(const Sector& bootSector, uint64_t size);
 
 }  // namespace vorlix

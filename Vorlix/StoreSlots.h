@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// The offsets of identifiers in a prepared boot configuration store. Each mode has its template, which fixes them.
+/// @file
+/// The offsets of identifiers in a prepared boot configuration store. Each mode has its template, which fixes them.
 #pragma once
+
+#include <Vorlix/foundation/Export.h>
 
 #include <array>
 #include <cstdint>
@@ -24,7 +26,7 @@ constexpr int32_t kStoreModeMDT = 1;
 constexpr int32_t kStoreModeSCCM = 2;
 
 /// Returns the slots of a mode in the order in which they are written. Any other mode is the standard EFI boot.
-std::span<const StoreSlot> storeSlots(int32_t mode);
+VORLIX_EXPORT std::span<const StoreSlot> storeSlots(int32_t mode);
 
 /// The identifiers of the partition that a store starts and of its disk, in on-disk (mixed-endian) order.
 struct StoreIdentifiers {
@@ -38,15 +40,15 @@ struct StoreIdentifiers {
 
 /// Returns the store with the identifiers in the slots of a mode. All other bytes stay. If the store ends before a
 /// slot, it is extended and the gap filled with zeros.
-std::vector<uint8_t> storeWithIdentifiers(std::span<const uint8_t> store, int32_t mode,
-                                          const StoreIdentifiers& identifiers);
+VORLIX_EXPORT std::vector<uint8_t> storeWithIdentifiers(std::span<const uint8_t> store, int32_t mode,
+                                                        const StoreIdentifiers& identifiers);
 
 /// Returns why the bytes are not a registry hive, the form of every boot configuration store. Checks the signature, the
 /// checksum and the sizes. Absent if the bytes look like a hive.
-std::optional<std::string> whyNoHive(std::span<const uint8_t> store);
+VORLIX_EXPORT std::optional<std::string> whyNoHive(std::span<const uint8_t> store);
 
 /// Returns the offsets of the slots of a mode that do not hold an identifier of a device element. If there are any, the
 /// store is made for another mode or is not such a template.
-std::vector<uint32_t> oddSlots(std::span<const uint8_t> store, int32_t mode);
+VORLIX_EXPORT std::vector<uint32_t> oddSlots(std::span<const uint8_t> store, int32_t mode);
 
 }  // namespace vorlix

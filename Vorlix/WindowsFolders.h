@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// Windows boot files on a volume of their own.
+/// @file
+/// Windows boot files on a volume of their own.
 #pragma once
 
+#include <Vorlix/foundation/Export.h>
 #include <Vorlix/foundation/Value.h>
 
 #include <initializer_list>
@@ -16,7 +17,8 @@ namespace vorlix {
 /// The path of an item below a folder of a volume. On NTFS, FAT and exFAT, Windows does not tell upper case from lower;
 /// some drivers for NTFS, and the folder that a FAT volume is mirrored in, do. On such a volume a name that is not
 /// found as it stands is therefore taken in the spelling that the volume has.
-std::string pathOnVolume(const QDVolume& volume, std::string folder, std::initializer_list<const char*> names);
+VORLIX_EXPORT std::string pathOnVolume(const QDVolume& volume, std::string folder,
+                                       std::initializer_list<const char*> names);
 
 /// Where boot files are on a volume, if it has any. Both are empty for a volume without a mount path.
 struct BootFiles {
@@ -24,10 +26,10 @@ struct BootFiles {
   std::string manager;
 };
 
-BootFiles bootFilesOf(const QDVolume& volume);
+VORLIX_EXPORT BootFiles bootFilesOf(const QDVolume& volume);
 
 /// Whether a volume looks like the partition that Windows sets aside for its boot files, on whatever disk it is.
-bool isBootPartition(const QDVolume& volume);
+VORLIX_EXPORT bool isBootPartition(const QDVolume& volume);
 
 /// The answer of splitBootInfo().
 inline Dictionary bootInfo(BootFiles files) {

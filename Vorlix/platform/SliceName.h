@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// The name form `<whole>s<N>`.
+/// @file
+/// The name form `<whole>s<N>`.
 #pragma once
 
 #include <charconv>

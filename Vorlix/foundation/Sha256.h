@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+/// @file
+/// SHA-256 (FIPS 180-4), for journals and the names of backups. Nothing secret goes through it.
+#pragma once
+
+#include <Vorlix/foundation/Export.h>
+#include <cstdint>
+#include <span>
+#include <string>
+
+namespace vorlix {
+
+/// SHA-256 of bytes, as 64 hexadecimal digits in lower case.
+VORLIX_EXPORT std::string sha256(std::span<const uint8_t> bytes);
+
+}  // namespace vorlix
