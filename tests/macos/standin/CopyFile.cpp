@@ -36,7 +36,8 @@ void keepTimesAndMode(const fs::path& from, const fs::path& to) {
   if (!S_ISLNK(status.st_mode)) {
     std::string names(4096, '\0');
     const ssize_t size = listxattr(from.c_str(), names.data(), names.size());
-    for (ssize_t at = 0; at < size; at += static_cast<ssize_t>(std::char_traits<char>::length(&names[size_t(at)])) + 1) {
+    for (ssize_t at = 0; at < size;
+         at += static_cast<ssize_t>(std::char_traits<char>::length(&names[size_t(at)])) + 1) {
       std::string value(4096, '\0');
       const ssize_t got = getxattr(from.c_str(), &names[size_t(at)], value.data(), value.size());
       if (got >= 0) setxattr(to.c_str(), &names[size_t(at)], value.data(), size_t(got), 0);

@@ -47,8 +47,8 @@ CFFileDescriptorRef CFFileDescriptorCreate(CFAllocatorRef, CFFileDescriptorNativ
                                            Boolean closeOnInvalidate, CFFileDescriptorCallBack callout,
                                            const CFFileDescriptorContext* context) {
   if (descriptor < 0) return nullptr;
-  return WatchObject::create(
-      new WatchState{descriptor, closeOnInvalidate != 0, callout, context != nullptr ? context->info : nullptr, 0, true});
+  return WatchObject::create(new WatchState{descriptor, closeOnInvalidate != 0, callout,
+                                            context != nullptr ? context->info : nullptr, 0, true});
 }
 
 void CFFileDescriptorEnableCallBacks(CFFileDescriptorRef watched, CFOptionFlags types) {

@@ -33,15 +33,16 @@ struct Maker {
   }
   CFTypeRef operator()(const URL& value) const {
     const CFStringRef path = createText(value.path());
-    const CFTypeRef made =
-        CFURLCreateWithFileSystemPath(nullptr, path, kCFURLPOSIXPathStyle, value.hasDirectoryPath());
+    const CFTypeRef made = CFURLCreateWithFileSystemPath(nullptr, path, kCFURLPOSIXPathStyle, value.hasDirectoryPath());
     CFRelease(path);
     return made;
   }
   CFTypeRef operator()(const std::shared_ptr<const Dictionary>& value) const {
     return value ? createDictionary(*value) : nullptr;
   }
-  CFTypeRef operator()(const std::shared_ptr<const Array>& value) const { return value ? createArray(*value) : nullptr; }
+  CFTypeRef operator()(const std::shared_ptr<const Array>& value) const {
+    return value ? createArray(*value) : nullptr;
+  }
 };
 
 }  // namespace
@@ -79,8 +80,7 @@ std::optional<Value> plainValue(CFTypeRef object) {
   if (type == CFStringGetTypeID()) return textOf(static_cast<CFStringRef>(object));
   if (type == CFBooleanGetTypeID()) return CFBooleanGetValue(static_cast<CFBooleanRef>(object)) != 0;
   int64_t number = 0;
-  if (type == CFNumberGetTypeID() &&
-      CFNumberGetValue(static_cast<CFNumberRef>(object), kCFNumberSInt64Type, &number)) {
+  if (type == CFNumberGetTypeID() && CFNumberGetValue(static_cast<CFNumberRef>(object), kCFNumberSInt64Type, &number)) {
     return number;
   }
   return std::nullopt;

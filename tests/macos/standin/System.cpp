@@ -17,11 +17,9 @@ namespace {
 struct StateOf {
   friend std::shared_ptr<SimulatedState> memberOf(StateOf, const SimulatedMachine& machine);
 };
-template <std::shared_ptr<SimulatedState> SimulatedMachine::* kMember>
+template <std::shared_ptr<SimulatedState> SimulatedMachine::*kMember>
 struct Reached {
-  friend std::shared_ptr<SimulatedState> memberOf(StateOf, const SimulatedMachine& machine) {
-    return machine.*kMember;
-  }
+  friend std::shared_ptr<SimulatedState> memberOf(StateOf, const SimulatedMachine& machine) { return machine.*kMember; }
 };
 template struct Reached<&SimulatedMachine::state_>;
 std::shared_ptr<SimulatedState> memberOf(StateOf, const SimulatedMachine& machine);
@@ -73,13 +71,19 @@ std::shared_ptr<SimulatedState> stateOf(const SimulatedMachine& machine) {
 }
 
 System& system() {
-  static auto* const shown = new System{stateOf(usualMachine()), {}, 0, false, {}, false, 0, {}, {}, 0};
+  static auto* const shown = [] {
+    auto* const made = new System;
+    made->state = stateOf(usualMachine());
+    return made;
+  }();
   return *shown;
 }
 
 void show(const SimulatedMachine& machine) {
   const uint64_t generation = system().registryGeneration;
-  system() = System{stateOf(machine), {}, 0, false, {}, false, generation, {}, {}, 0};
+  system() = System();
+  system().state = stateOf(machine);
+  system().registryGeneration = generation;
 }
 
 void showUsual() {

@@ -48,6 +48,9 @@ struct System {
   /// The lines of the system's log.
   std::vector<std::string> logged;
 
+  /// A run of a loop does not wait.
+  bool noTimePasses = false;
+
   /// Descriptors that asked the system not to keep what they read or write (F_NOCACHE).
   unsigned uncachedDescriptors = 0;
 };

@@ -25,7 +25,8 @@ void setText(char (&to)[kSize], const std::string& text) {
 // A volume whose sizes nobody knows claims more than there can be.
 struct standin_statfs entryOf(const MountedVolume& volume, bool isFresh) {
   struct standin_statfs entry = {};
-  const bool isCounted = volume.totalSize.value_or(0) % kBlockSize == 0 && volume.freeSpace.value_or(0) % kBlockSize == 0;
+  const bool isCounted =
+      volume.totalSize.value_or(0) % kBlockSize == 0 && volume.freeSpace.value_or(0) % kBlockSize == 0;
   entry.f_bsize = isCounted ? kBlockSize : 1;
   entry.f_blocks = volume.totalSize ? *volume.totalSize / entry.f_bsize : ~uint64_t{0};
   uint64_t free = volume.freeSpace.value_or(~uint64_t{0});
@@ -42,9 +43,8 @@ struct standin_statfs entryOf(const MountedVolume& volume, bool isFresh) {
 
 const MountedVolume* volumeAt(const std::string& path) {
   const auto& all = system().state->mountedVolumes;
-  const auto found = std::find_if(all.begin(), all.end(), [&](const MountedVolume& volume) {
-    return volume.mountPath.value_or("") == path;
-  });
+  const auto found = std::find_if(all.begin(), all.end(),
+                                  [&](const MountedVolume& volume) { return volume.mountPath.value_or("") == path; });
   return found == all.end() ? nullptr : &*found;
 }
 
