@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Values, code signatures, the log, resources, and what else the adapters ask of macOS.
+// Values, code signatures, the log, and what else the adapters ask of macOS.
 #include <Vorlix/platform/CodeSigning.h>
-#include <Vorlix/platform/HostBundle.h>
 #include <Vorlix/platform/SystemLog.h>
 #include <Vorlix/platform/UserLocale.h>
 #include <Vorlix/platform/VolumeMirrors.h>
@@ -95,24 +94,6 @@ TEST(MacServices, AWarningGoesToTheSystemsLog) {
   nativePlatform().systemLog->warn("100 % sure");
   ASSERT_EQ(standin::system().logged.size(), 1U);
   EXPECT_EQ(standin::system().logged[0], "4 Vorlix: 100 % sure");
-}
-
-TEST(MacServices, AResourceIsThatOfTheMainBundle) {
-  const CFOwned<CFURLRef> folder(CFBundleCopyResourcesDirectoryURL(CFBundleGetMainBundle()));
-  std::array<uint8_t, 4096> path = {};
-  ASSERT_TRUE(folder && CFURLGetFileSystemRepresentation(folder.get(), true, path.data(), path.size()));
-  const std::filesystem::path resources(reinterpret_cast<const char*>(path.data()));
-  const bool isNew = std::filesystem::create_directories(resources / "Sub");
-  std::ofstream(resources / "tool") << "x";
-  std::ofstream(resources / "Sub/before.plist") << "x";
-  const auto bundle = nativePlatform().hostBundle;
-  EXPECT_EQ(bundle->pathForResource("tool", "", ""), (resources / "tool").string());
-  EXPECT_EQ(bundle->pathForResource("before", "plist", "Sub"), (resources / "Sub/before.plist").string());
-  EXPECT_FALSE(bundle->pathForResource("before", "plist", ""));
-  EXPECT_FALSE(bundle->pathForResource("\xFF", "", ""));
-  std::filesystem::remove(resources / "tool");
-  std::filesystem::remove_all(resources / "Sub");
-  if (isNew && std::filesystem::is_empty(resources)) std::filesystem::remove(resources);
 }
 
 TEST(MacServices, TheDecimalSeparatorIsTheUsers) {
