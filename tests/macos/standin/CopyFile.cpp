@@ -114,6 +114,7 @@ bool copyTree(const fs::path& from, const fs::path& to, const Told& told) {
     require(mkdir(to.c_str(), 0700) == 0);
     std::vector<fs::path> entries;
     for (const auto& entry : fs::directory_iterator(from)) entries.push_back(entry.path());
+    std::sort(entries.begin(), entries.end());  // one of the orders that the system may have
     for (const fs::path& entry : entries) {
       if (!copyTree(entry, to / entry.filename(), told)) return false;
     }
