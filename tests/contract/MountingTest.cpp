@@ -299,9 +299,9 @@ TEST_P(MountingContract, ABusyVolumeStaysMounted) {
 }
 
 #ifdef VORLIX_MACOS_STANDINS
-INSTANTIATE_TEST_SUITE_P(MacOS, MountingContract, testing::Values(MountWorldKind{"Node", [](std::string&) {
-                                                                                   return std::make_unique<NodeMountWorld>();
-                                                                                 }}),
+INSTANTIATE_TEST_SUITE_P(MacOS, MountingContract,
+                         testing::Values(MountWorldKind{
+                             "Node", [](std::string&) { return std::make_unique<NodeMountWorld>(); }}),
                          kindName);
 #endif
 INSTANTIATE_TEST_SUITE_P(

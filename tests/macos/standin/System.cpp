@@ -7,7 +7,8 @@
 
 // What an over-released or a released object is read as is garbage, so that Core Foundation stumbles over it.
 extern "C" const char* __asan_default_options() {
-  return "detect_leaks=1:max_malloc_fill_size=4096:malloc_fill_byte=0:max_free_fill_size=4096:free_fill_byte=190:detect_stack_use_after_return=1";
+  return "detect_leaks=1:max_malloc_fill_size=4096:malloc_fill_byte=0:max_free_fill_size=4096:free_fill_byte=190:"
+         "detect_stack_use_after_return=1";
 }
 
 namespace vorlix::standin {
