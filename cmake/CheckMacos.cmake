@@ -13,7 +13,7 @@ execute_process(COMMAND ${VORLIX_MACOS_HEADERS}/flags OUTPUT_VARIABLE flags OUTP
 separate_arguments(flags UNIX_COMMAND "${flags}")
 
 file(GLOB checked CONFIGURE_DEPENDS platform/macos/*.cpp platform/posix/*.cpp platform/changes/*.cpp platform/*.cpp foundation/*.cpp foundation/*/*.cpp
-     library/*.cpp library/*/*.cpp platform/simulated/*.cpp)
+     library/*.cpp library/*/*.cpp platform/simulated/*.cpp tests/macos/Declarations.cpp)
 set(stamps)
 file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/check-macos/include)
 

@@ -31,6 +31,15 @@ std::optional<DeviceLocation> sliceOf(const DeviceLocation& whole, uint32_t numb
   return slice;
 }
 
+// Drivers outside the kernel mount from names such as "msdos://disk4s1/NO NAME", as the framework knows, too.
+std::string deviceMountedFrom(const std::string& name) {
+  constexpr std::string_view kBetween = "://disk";
+  const size_t place = name.find(kBetween);
+  if (place == std::string::npos || place == 0 || name.find('/') != place + 1) return name;
+  const size_t start = place + std::string_view("://").size();
+  return name.substr(start, name.find('/', start) - start);
+}
+
 }  // namespace
 
 std::optional<DeviceLocation> locateDevice(const std::string& name) {
@@ -40,6 +49,7 @@ std::optional<DeviceLocation> locateDevice(const std::string& name) {
 std::optional<std::string> arbitrationName(const std::string& name) {
   std::string bare = withoutDeviceFolders(name);
   if (bare.starts_with(kDeviceFolder)) bare.erase(0, kDeviceFolder.size());
+  bare = deviceMountedFrom(bare);
   if (bare.empty() || bare.find('/') != std::string::npos) return std::nullopt;
   if (bare.starts_with(kRawDisk)) bare.erase(0, 1);
   return bare;

@@ -24,7 +24,8 @@ struct DeviceLocation {
 std::optional<DeviceLocation> locateDevice(const std::string& name);
 
 /// The name that disk arbitration has for a device: "disk0s3" for "disk0s3", "/dev/disk0s3", "/dev//dev/disk0s3" and
-/// the raw node "/dev/rdisk0s3", which is the same disk. Absent for a path outside /dev.
+/// the raw node "/dev/rdisk0s3", which is the same disk; "disk4s1" for a volume that is mounted from
+/// "msdos://disk4s1/NAME". Absent for a path outside /dev.
 std::optional<std::string> arbitrationName(const std::string& name);
 
 }  // namespace vorlix

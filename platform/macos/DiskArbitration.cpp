@@ -23,16 +23,30 @@ std::optional<Dissenter> dissenterFrom(DADissenterRef native) {
 /// What a session and its disks share. It outlives the session where a disk does.
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
-  explicit Connection(CFOwned<DASessionRef> session) : session_(std::move(session)) {}
+  Connection(CFOwned<DASessionRef> session, const std::shared_ptr<LocalAnswers>& answers)
+      : session_(std::move(session)), answers_(answers) {}
 
   DASessionRef session() const { return session_.get(); }
 
-  /// Keeps a completion until Disk Arbitration answers. @return the context for its call, null for no completion.
-  void* await(DiskCompletion completion) {
-    if (!completion) return nullptr;
+  /// Makes a request: `ask(callback, context)`. An answer that comes before the call returns, as it does where the
+  /// request could not be queued, is told on the session's loop, too.
+  template <typename Ask>
+  void request(DiskCompletion completion, Ask ask) {
+    if (!completion) {
+      ask(nullptr, nullptr);
+      return;
+    }
     waiting_.push_back(std::make_unique<Waiting>(Waiting{weak_from_this(), std::move(completion)}));
-    return waiting_.back().get();
+    isAsking_ = true;
+    ask(answer, waiting_.back().get());
+    isAsking_ = false;
   }
+
+ private:
+  struct Waiting {
+    std::weak_ptr<Connection> connection;
+    DiskCompletion completion;
+  };
 
   /// The callback of every request. The completion may let go of the session.
   static void answer(DADiskRef, DADissenterRef dissenter, void* context) {
@@ -44,16 +58,16 @@ class Connection : public std::enable_shared_from_this<Connection> {
     if (found == all.end()) return;
     const std::unique_ptr<Waiting> own = std::move(*found);
     all.erase(found);
-    own->completion(dissenterFrom(dissenter));
+    if (!self->isAsking_) {
+      own->completion(dissenterFrom(dissenter));
+    } else if (const auto answers = self->answers_.lock()) {
+      answers->add(std::move(own->completion), dissenterFrom(dissenter));
+    }
   }
 
- private:
-  struct Waiting {
-    std::weak_ptr<Connection> connection;
-    DiskCompletion completion;
-  };
-
   CFOwned<DASessionRef> session_;
+  std::weak_ptr<LocalAnswers> answers_;  // gone with the session
+  bool isAsking_ = false;
   std::vector<std::unique_ptr<Waiting>> waiting_;
 };
 
@@ -88,14 +102,15 @@ class ArbitratedDisk final : public Disk {
       if (owned.back()) list.push_back(owned.back().get());
     }
     list.push_back(nullptr);
-    void* const context = connection_->await(std::move(completion));
-    DADiskMountWithArguments(disk_.get(), nullptr, kDADiskMountOptionDefault,
-                             context == nullptr ? nullptr : Connection::answer, context, list.data());
+    connection_->request(std::move(completion), [&](DADiskMountCallback callback, void* context) {
+      DADiskMountWithArguments(disk_.get(), nullptr, kDADiskMountOptionDefault, callback, context, list.data());
+    });
   }
 
   void unmount(DiskCompletion completion) override {
-    void* const context = connection_->await(std::move(completion));
-    DADiskUnmount(disk_.get(), kDADiskUnmountOptionDefault, context == nullptr ? nullptr : Connection::answer, context);
+    connection_->request(std::move(completion), [&](DADiskUnmountCallback callback, void* context) {
+      DADiskUnmount(disk_.get(), kDADiskUnmountOptionDefault, callback, context);
+    });
   }
 
  private:
@@ -105,7 +120,8 @@ class ArbitratedDisk final : public Disk {
 
 class MacSession final : public DiskArbitrationSession {
  public:
-  explicit MacSession(CFOwned<DASessionRef> session) : connection_(std::make_shared<Connection>(std::move(session))) {}
+  explicit MacSession(CFOwned<DASessionRef> session)
+      : connection_(std::make_shared<Connection>(std::move(session), answers_)) {}
   ~MacSession() override {
     for (const Place& place : places_) leave(place.loop.get(), place.mode.get());
   }
@@ -168,8 +184,8 @@ class MacSession final : public DiskArbitrationSession {
     answers_->unschedule(loop, mode);
   }
 
-  std::shared_ptr<Connection> connection_;
   std::shared_ptr<LocalAnswers> answers_ = std::make_shared<LocalAnswers>();
+  std::shared_ptr<Connection> connection_;
   std::vector<Place> places_;
 };
 

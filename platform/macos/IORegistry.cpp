@@ -5,6 +5,7 @@
 #include <IOKit/IOKitKeys.h>
 #include <IOKit/IOKitLib.h>
 
+#include <set>
 #include <utility>
 
 #include "CFValue.h"
@@ -84,13 +85,27 @@ class MacIterator final : public RegistryIterator {
   explicit MacIterator(IOObject iterator) : iterator_(std::move(iterator)) {}
 
   std::shared_ptr<RegistryEntry> next() override {
-    IOObject entry(IOIteratorNext(iterator_.get()));
-    if (!entry) return nullptr;
-    return std::make_shared<MacEntry>(std::move(entry));
+    while (true) {
+      while (IOObject entry{IOIteratorNext(iterator_.get())}) {
+        if (isNew(entry)) return std::make_shared<MacEntry>(std::move(entry));
+      }
+      // A walk ends early where the registry changes under it. Then it starts again and passes over what it has met.
+      if (IOIteratorIsValid(iterator_.get()) || restartsLeft_ == 0) return nullptr;
+      --restartsLeft_;
+      IOIteratorReset(iterator_.get());
+    }
   }
 
  private:
+  bool isNew(const IOObject& entry) {
+    uint64_t number = 0;
+    if (IORegistryEntryGetRegistryEntryID(entry.get(), &number) != KERN_SUCCESS) return true;
+    return met_.insert(number).second;
+  }
+
   IOObject iterator_;
+  std::set<uint64_t> met_;
+  unsigned restartsLeft_ = 100;
 };
 
 KernReturn handOut(kern_return_t code, IOObject native, std::shared_ptr<RegistryIterator>& iterator) {

@@ -69,11 +69,11 @@ class ImageDisk final : public Disk {
   void mount(const std::vector<std::string>&, DiskCompletion completion) override {
     answers_->add(
         std::move(completion),
-        {kDissentUnsupported, location_.path + " is a file; attach it and mount the device that it then has"});
+        Dissenter{kDissentUnsupported, location_.path + " is a file; attach it and mount the device that it then has"});
   }
 
   void unmount(DiskCompletion completion) override {
-    answers_->add(std::move(completion), {kDissentNotMounted, location_.path + " is a file and not mounted"});
+    answers_->add(std::move(completion), Dissenter{kDissentNotMounted, location_.path + " is a file and not mounted"});
   }
 
  private:
@@ -94,7 +94,7 @@ LocalAnswers::~LocalAnswers() {
   if (source_) CFRunLoopSourceInvalidate(source_.get());
 }
 
-void LocalAnswers::add(DiskCompletion completion, Dissenter answer) {
+void LocalAnswers::add(DiskCompletion completion, std::optional<Dissenter> answer) {
   waiting_.emplace_back(std::move(completion), std::move(answer));
   if (source_) CFRunLoopSourceSignal(source_.get());
 }

@@ -8,6 +8,7 @@
 
 #include <deque>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -24,7 +25,7 @@ class LocalAnswers {
   LocalAnswers(const LocalAnswers&) = delete;
   LocalAnswers& operator=(const LocalAnswers&) = delete;
 
-  void add(DiskCompletion completion, Dissenter answer);
+  void add(DiskCompletion completion, std::optional<Dissenter> answer);
   void schedule(CFRunLoopRef loop, CFStringRef mode);
   void unschedule(CFRunLoopRef loop, CFStringRef mode);
 
@@ -32,7 +33,7 @@ class LocalAnswers {
   static void perform(void* self);
 
   CFOwned<CFRunLoopSourceRef> source_;
-  std::deque<std::pair<DiskCompletion, Dissenter>> waiting_;
+  std::deque<std::pair<DiskCompletion, std::optional<Dissenter>>> waiting_;
 };
 
 /// The image file, or slice of one, at `location`; null where the image does not have that slice.

@@ -61,7 +61,8 @@ HeldFiles& heldFiles() {
   return *instance;
 }
 
-// O_NONBLOCK is for the opening alone, where it keeps the call from waiting for a lock.
+// O_NONBLOCK is for the opening alone, where it keeps the call from waiting for a lock. A node keeps it: to take it
+// away the system asks the disk's driver, which knows no such request (ENOTTY) and takes no notice of the flag either.
 int openAtOnce(const std::string& path, DeviceAccess access, DeviceLock lock) {
   int flags = O_CLOEXEC | O_NONBLOCK;
   flags |= access == DeviceAccess::readWrite ? O_RDWR : O_RDONLY;
@@ -69,6 +70,9 @@ int openAtOnce(const std::string& path, DeviceAccess access, DeviceLock lock) {
   if (lock == DeviceLock::shared) flags |= O_SHLOCK;
   const int descriptor = aboveStandardStreams(open(path.c_str(), flags));
   if (descriptor < 0) return -1;
+  struct stat opened = {};
+  if (fstat(descriptor, &opened) != 0) return giveUp(descriptor);
+  if (!S_ISREG(opened.st_mode)) return descriptor;
   const int status = fcntl(descriptor, F_GETFL);
   if (status < 0 || fcntl(descriptor, F_SETFL, status & ~O_NONBLOCK) != 0) return giveUp(descriptor);
   return descriptor;

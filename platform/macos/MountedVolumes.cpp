@@ -61,9 +61,12 @@ MountedVolume volumeOf(const struct statfs& mount) {
   MountedVolume volume;
   volume.mountPath = mount.f_mntonname;
   volume.mountedFrom = mount.f_mntfromname;
-  volume.totalSize = bytesIn(mount.f_blocks, mount.f_bsize);
-  volume.freeSpace = bytesIn(mount.f_bavail, mount.f_bsize);
   const bool isLocal = (mount.f_flags & MNT_LOCAL) != 0;
+  // What the list says is free may be as old as the last who asked.
+  struct statfs now = {};
+  const struct statfs& sizes = isLocal && statfs(mount.f_mntonname, &now) == 0 ? now : mount;
+  volume.totalSize = bytesIn(sizes.f_blocks, sizes.f_bsize);
+  volume.freeSpace = bytesIn(sizes.f_bavail, sizes.f_bsize);
   const std::optional<std::string> name = isLocal ? volumeName(mount.f_mntonname) : std::nullopt;
   volume.name = name ? *name : lastComponent(*volume.mountPath);
   return volume;

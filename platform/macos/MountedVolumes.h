@@ -8,8 +8,8 @@ namespace vorlix {
 /// The system's list of mounted file systems, in its order. Those without a device of their own, such as network
 /// shares, are in it; disk arbitration does not know their names.
 ///
-/// Sizes are those that the system has at hand, and names are asked of local volumes only: a server that does not
-/// answer costs no time.
+/// Local volumes are asked for their names and sizes. Others are not, since a server that does not answer would cost
+/// time: their sizes are those that the system has at hand.
 class MacMountedVolumes final : public MountedVolumes {
  public:
   std::vector<MountedVolume> volumes() override;

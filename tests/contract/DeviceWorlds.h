@@ -276,6 +276,9 @@ class DeviceWorld {
   virtual size_t openCount() const = 0;
   virtual void lockElsewhere(DeviceLock lock) = 0;
   virtual void unlockElsewhere() = 0;
+  /// A lock is the access that the system grants to the very node that was opened, not advice about the whole disk: an
+  /// exclusive one keeps everybody else out, and the slices have no nodes while their disk is open for writing.
+  virtual bool locksAreAccess() const { return false; }
 
  private:
   uint32_t blockSize_;
@@ -392,6 +395,9 @@ inline std::unique_ptr<DeviceWorld> makeLoopWorld(uint32_t blockSize, bool kerne
   return nullptr;
 }
 
+#ifdef VORLIX_MACOS_STANDINS
+std::vector<WorldKind> allWorlds();  // of tests/macos
+#else
 inline std::vector<WorldKind> allWorlds() {
   const auto simulated = [](uint32_t size) {
     return [size](std::string&) -> std::unique_ptr<DeviceWorld> { return std::make_unique<SimulatedWorld>(size); };
@@ -411,6 +417,7 @@ inline std::vector<WorldKind> allWorlds() {
           {"LoopWithNodes512", loop(512, true)},
           {"LoopWithNodes4096", loop(4096, true)}};
 }
+#endif
 
 inline std::string worldName(const testing::TestParamInfo<WorldKind>& info) {
   return info.param.name;

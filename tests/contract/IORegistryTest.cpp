@@ -4,6 +4,9 @@
 #include "IORegistryContract.h"
 
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
+#ifdef VORLIX_MACOS_STANDINS
+#include "tests/macos/standin/System.h"
+#endif
 
 namespace vorlix::test {
 namespace {
@@ -35,6 +38,18 @@ RegistryMachine simulated() {
   machine->addRegistryEntry("Untitled 3", "IOMedia", slice, under(scheme));
   return {machine, machine->platform().ioRegistry, "disk0", "disk0s3", 3, kSliceUUID, 20480, kDiskUUID};
 }
+
+#ifdef VORLIX_MACOS_STANDINS
+// The same machine below the adapter of macOS.
+RegistryMachine shown() {
+  RegistryMachine machine = simulated();
+  standin::show(*std::static_pointer_cast<SimulatedMachine>(machine.keeper));
+  machine.registry = nativePlatform().ioRegistry;
+  return machine;
+}
+
+INSTANTIATE_TEST_SUITE_P(MacOS, IORegistryContract, testing::Values(RegistryCase{"Machine", shown}), caseName);
+#endif
 
 INSTANTIATE_TEST_SUITE_P(Simulated, IORegistryContract, testing::Values(RegistryCase{"Machine", simulated}), caseName);
 

@@ -2,6 +2,9 @@
 //
 // The contract of platform/DiskArbitration.h for mounting and unmounting, on every machine that this one can be.
 #include "Volumes.h"
+#ifdef VORLIX_MACOS_STANDINS
+#include "tests/macos/standin/System.h"
+#endif
 
 namespace vorlix::contract {
 namespace {
@@ -21,7 +24,7 @@ class MountWorld {
   std::string label() const { return "EFI " + std::to_string(getpid()); }
 };
 
-class SimulatedMountWorld final : public MountWorld {
+class SimulatedMountWorld : public MountWorld {
  public:
   SimulatedMountWorld() {
     machine_.addDisk("disk0", 1 << 20, 512);
@@ -32,9 +35,20 @@ class SimulatedMountWorld final : public MountWorld {
   std::string disk() const override { return "disk0"; }
   bool isReal() const override { return false; }
 
- private:
+ protected:
   SimulatedMachine machine_;
 };
+
+#ifdef VORLIX_MACOS_STANDINS
+/// The same machine below the adapters of macOS.
+class NodeMountWorld final : public SimulatedMountWorld {
+ public:
+  Platform ports() const override { return nativePlatform(); }
+
+ private:
+  standin::Shown shown_{machine_};
+};
+#endif
 
 class ImageMountWorld : public MountWorld {
  public:
@@ -78,7 +92,7 @@ void PrintTo(const MountWorldKind& kind, std::ostream* stream) {
 
 std::unique_ptr<MountWorld> makeImageWorld(std::string& reason) {
   reason = missingTool({"sfdisk", "mkfs.vfat", "mcopy"});
-#ifdef __APPLE__
+#if defined(__APPLE__) || defined(VORLIX_MACOS_STANDINS)
   reason = "image files are not mounted by this system's disk arbitration";
 #endif
   return reason.empty() ? std::make_unique<ImageMountWorld>() : nullptr;
@@ -86,6 +100,9 @@ std::unique_ptr<MountWorld> makeImageWorld(std::string& reason) {
 
 std::unique_ptr<MountWorld> makeLoopWorld(std::string& reason) {
   reason = LoopWorld::unavailable();
+#ifdef VORLIX_MACOS_STANDINS
+  reason = "the adapters of macOS know no loop devices";
+#endif
   if (reason.empty()) reason = missingTool({"sfdisk", "mkfs.vfat", "mcopy", "partx"});
   return reason.empty() ? std::make_unique<LoopMountWorld>() : nullptr;
 }
@@ -281,6 +298,12 @@ TEST_P(MountingContract, ABusyVolumeStaysMounted) {
   EXPECT_TRUE(granted(unmountNow(ports_, world_->volume())));
 }
 
+#ifdef VORLIX_MACOS_STANDINS
+INSTANTIATE_TEST_SUITE_P(MacOS, MountingContract,
+                         testing::Values(MountWorldKind{
+                             "Node", [](std::string&) { return std::make_unique<NodeMountWorld>(); }}),
+                         kindName);
+#endif
 INSTANTIATE_TEST_SUITE_P(
     Worlds, MountingContract,
     testing::Values(MountWorldKind{"Simulated", [](std::string&) { return std::make_unique<SimulatedMountWorld>(); }},
