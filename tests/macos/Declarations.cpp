@@ -2,7 +2,6 @@
 //
 // What the stand-ins declare, said once more. Compiled against them by macos-run and against the published headers by
 // check-macos, so that neither can drift from the other.
-#include <CommonCrypto/CommonDigest.h>
 #include <CoreFoundation/CoreFoundation.h>
 #include <DiskArbitration/DiskArbitration.h>
 #include <IOKit/IOBSD.h>
@@ -106,7 +105,7 @@ static_assert(kIs<decltype(&devname), char*(dev_t, mode_t)>);
 static_assert(kIs<decltype(&_NSGetEnviron), char***()>);
 static_assert(std::is_same_v<decltype(stat::st_birthtimespec), struct timespec>);
 static_assert(std::is_integral_v<fpos_t> && sizeof(fpos_t) == 8);
-static_assert(ASL_LEVEL_WARNING == 4 && CC_SHA256_DIGEST_LENGTH == 32);
+static_assert(ASL_LEVEL_WARNING == 4);
 static_assert(kIs<decltype(&copyfile), int(const char*, const char*, copyfile_state_t, copyfile_flags_t)>);
 static_assert(kIs<copyfile_callback_t, int(int, int, copyfile_state_t, const char*, const char*, void*)>);
 static_assert(COPYFILE_ALL == 15 && COPYFILE_RECURSIVE == 1 << 15 && COPYFILE_EXCL == 1 << 17);

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Disks' nodes as the kernel of macOS has them, and the adapter over them.
+#include <Vorlix/platform/Descriptor.h>
 #include <sys/disk.h>
 #include <sys/ioctl.h>
 
 #include "platform/macos/LockedDescriptor.h"
-#include "platform/posix/Descriptor.h"
 #include "platform/posix/FileHandle.h"
 #include "tests/contract/DeviceCalls.h"
 #include "tests/macos/standin/System.h"

@@ -2,13 +2,13 @@
 //
 // Values, code signatures, the log, and what else the adapters ask of macOS.
 #include <Vorlix/platform/CodeSigning.h>
+#include <Vorlix/platform/FilesInPlace.h>
+#include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/SystemLog.h>
 #include <Vorlix/platform/UserLocale.h>
 #include <Vorlix/platform/VolumeMirrors.h>
 
-#include "platform/changes/Sha256.h"
 #include "platform/macos/CFValue.h"
-#include "platform/posix/FilesInPlace.h"
 #include "platform/posix/Spawning.h"
 #include "tests/contract/DeviceWorlds.h"
 #include "tests/macos/standin/System.h"
@@ -97,25 +97,20 @@ TEST(MacServices, AWarningGoesToTheSystemsLog) {
 }
 
 TEST(MacServices, TheDecimalSeparatorIsTheUsers) {
-  EXPECT_EQ(userDecimalSeparator().size(), 1U);
-}
-
-TEST(MacServices, ADigestIsThatOfThePublishedExample) {
-  const std::string text = "abc";
-  EXPECT_EQ(sha256({reinterpret_cast<const uint8_t*>(text.data()), text.size()}),
-            "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_EQ(nativePlatform().userLocale->decimalSeparator().size(), 1U);
 }
 
 TEST(MacServices, ANameThatIsTakenIsNotReplaced) {
+  const auto files = nativePlatform().filesInPlace;
   const TemporaryFolder folder;
   writeImage(folder / "a", {1}, 1);
   writeImage(folder / "b", {2}, 1);
-  EXPECT_EQ(renameToFreeName((folder / "a").c_str(), (folder / "b").c_str()), -1);
+  EXPECT_EQ(files->renameToFreeName((folder / "a").c_str(), (folder / "b").c_str()), -1);
   EXPECT_EQ(errno, EEXIST);
-  EXPECT_EQ(renameToFreeName((folder / "a").c_str(), (folder / "c").c_str()), 0);
+  EXPECT_EQ(files->renameToFreeName((folder / "a").c_str(), (folder / "c").c_str()), 0);
   EXPECT_EQ(readFile(folder / "c", 0, 9), Buffer{1});
   const int file = ::open((folder / "c").c_str(), O_RDWR | O_CLOEXEC);
-  EXPECT_EQ(syncFileSystem(file), 0);
+  EXPECT_EQ(files->syncFileSystem(file), 0);
   ::close(file);
 }
 

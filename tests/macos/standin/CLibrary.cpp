@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Smaller things that the C library of macOS has.
-#include <CommonCrypto/CommonDigest.h>
 #include <asl.h>
 #include <crt_externs.h>
 #include <fcntl.h>
-#include <openssl/sha.h>
 #include <spawn.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -96,10 +94,6 @@ int renamex_np(const char* from, const char* to, unsigned int flags) {
 
 char*** _NSGetEnviron(void) {
   return &environ;
-}
-
-unsigned char* CC_SHA256(const void* data, CC_LONG size, unsigned char* digest) {
-  return SHA256(static_cast<const unsigned char*>(data), size, digest);
 }
 
 int asl_log(asl_object_t, asl_object_t, int level, const char* format, ...) {
