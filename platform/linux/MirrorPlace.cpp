@@ -56,25 +56,35 @@ Refusal makeVolumes(std::string& volumes) {
   return std::nullopt;
 }
 
-bool isFolder(const std::string& path) {
-  struct stat status = {};
-  return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
 int64_t nanoseconds(const struct statx_timestamp& time) {
   return int64_t{time.tv_sec} * 1000000000 + int64_t{time.tv_nsec};
 }
 
-std::optional<FolderIdentity> identityOfFolder(const std::string& path) {
+// The folder of that path; none if it is certain that there is none. A path that cannot be examined is refused: it may
+// have a folder, and a mirror that is taken for missing loses its state.
+Refusal examineFolder(const std::string& path, std::optional<FolderIdentity>& identity) {
+  identity.reset();
   struct statx status = {};
   const unsigned wanted = STATX_TYPE | STATX_INO | STATX_BTIME;
-  if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, wanted, &status) != 0) return std::nullopt;
+  if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, wanted, &status) != 0) {
+    if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
+    return dissenterFor(errno, path);
+  }
   if (!S_ISDIR(status.stx_mode)) return std::nullopt;
   const bool isBirthKnown = (status.stx_mask & STATX_BTIME) != 0;
-  return FolderIdentity{status.stx_ino, isBirthKnown ? nanoseconds(status.stx_btime) : 0};
+  identity = FolderIdentity{status.stx_ino, isBirthKnown ? nanoseconds(status.stx_btime) : 0};
+  return std::nullopt;
+}
+
+// Numbers are given to new folders again, and some stacked file systems give a folder another one later.
+bool isMade(const MirrorState& state, const std::optional<FolderIdentity>& found) {
+  if (!found) return false;
+  if (found->birth != 0 && state.made.birth != 0) return found->birth == state.made.birth;
+  return found->inode == state.made.inode;
 }
 
 bool readWhole(const std::string& path, std::string& bytes) {
+  errno = 0;
   std::ifstream file(path, std::ios::binary);
   if (!file) return false;
   bytes.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
@@ -92,9 +102,11 @@ std::optional<MirrorState> standingState(const std::string& folder) {
   std::optional<MirrorState> state = savedState(folder);
   if (!state || state->leaving) return std::nullopt;
   const std::string leaving = folder + kLeaving;
-  if (isFolderOf(*state, leaving)) {
+  std::optional<FolderIdentity> found;
+  if (examineFolder(leaving, found)) return state;
+  if (isMade(*state, found)) {
     state->folder = leaving;
-  } else if (!isFolder(state->folder)) {
+  } else if (!examineFolder(state->folder, found) && !found) {
     return std::nullopt;
   }
   return state;
@@ -213,11 +225,8 @@ std::optional<std::string> mirrorKey(const DeviceLocation& location, Extent wind
 }
 
 bool isFolderOf(const MirrorState& state, const std::string& path) {
-  const std::optional<FolderIdentity> found = identityOfFolder(path);
-  if (!found) return false;
-  // Numbers are given to new folders again, and some stacked file systems give a folder another one later.
-  if (found->birth != 0 && state.made.birth != 0) return found->birth == state.made.birth;
-  return found->inode == state.made.inode;
+  std::optional<FolderIdentity> found;
+  return !examineFolder(path, found) && isMade(state, found);
 }
 
 std::vector<FoundMirror> findMirrors() {
@@ -317,12 +326,17 @@ Refusal MirrorPlace::recover() {
   unlink((folder_ + kUnfinished).c_str());
   const std::string leaving = folder_ + kLeaving;
   std::string bytes;
-  if (!readWhole(folder_ + kState, bytes)) return std::nullopt;
+  if (!readWhole(folder_ + kState, bytes)) {
+    return errno == ENOENT ? std::nullopt : Refusal(dissenterFor(errno, folder_ + kState));
+  }
   state_ = decodeMirrorState(bytes);
   if (!state_) return Dissenter{kDissentError, folder_ + kState + " is damaged"};
   if (state_->leaving) return remove();
-  if (isFolderOf(*state_, leaving)) return putBack();
-  if (isFolder(state_->folder)) return std::nullopt;
+  std::optional<FolderIdentity> found;
+  if (Refusal refusal = examineFolder(leaving, found)) return refusal;
+  if (isMade(*state_, found)) return putBack();
+  if (Refusal refusal = examineFolder(state_->folder, found)) return refusal;
+  if (found) return std::nullopt;
   state_.reset();
   if (unlink((folder_ + kState).c_str()) != 0) return dissenterFor(errno, folder_);
   return std::nullopt;
@@ -356,8 +370,9 @@ Refusal MirrorPlace::keep(const std::string& name, MirrorState state) {
   const Descriptor lock(open(volumes.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!lock) return dissenterFor(errno, volumes);
   if (Refusal refusal = waitForLock(lock.get(), volumes)) return refusal;
-  const std::optional<FolderIdentity> made = identityOfFolder(folder_ + kMaking);
-  if (!made) return dissenterFor(errno, folder_ + kMaking);
+  std::optional<FolderIdentity> made;
+  if (Refusal refusal = examineFolder(folder_ + kMaking, made)) return refusal;
+  if (!made) return dissenterFor(ENOENT, folder_ + kMaking);
   state.made = *made;
   state.folder = freeFolder(volumes, name, folder_);
   if (state.folder.empty()) return dissenterFor(EEXIST, volumes + "/" + name);

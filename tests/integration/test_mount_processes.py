@@ -2,6 +2,7 @@
 """Mounting by several processes, by processes that are killed, and by root with the kernel's file systems."""
 
 import contextlib
+import glob
 import os
 import signal
 import subprocess
@@ -96,6 +97,31 @@ class Killed(MountTest):
                 if status == 0:
                     self.assertGreater(number, 2, call)
                     break
+
+    @unittest.skipIf(volumes.missing("strace"), "strace is not installed")
+    def test_a_mirror_that_cannot_be_examined_for_a_moment_is_not_taken_for_missing(self):
+        image = self.fat(tree={"a": b"1"})
+        folder = self.mount(image)
+        self.write(folder, "a", b"changed")
+        place = glob.glob(os.path.join(os.path.dirname(folder), ".mirrors", "*"))
+        self.assertEqual(len(place), 1)
+        refused = 0
+        for path in (folder, os.path.join(place[0], "leaving"), os.path.join(place[0], "state")):
+            for calls, number in ((calls, number) for calls in ("statx,newfstatat,lstat", "openat") for number in (1, 2, 3)):
+                with self.subTest(path=path, calls=calls, number=number):
+                    trace = volumes.strace("-o", "/dev/null", "-P", path, "-e", f"trace={calls}",
+                                           "-e", f"inject={calls}:error=EIO:when={number}")
+                    result = self.vorlix_run("unmount", image, prefix=(*self.prefix(), *trace))
+                    if result.returncode != 0:
+                        refused += 1
+                        self.unmount(image)
+                    self.assert_volume(image, {"a": b"changed"})
+                    self.assertEqual(self.mount(image), folder)
+                    self.write(folder, "a", b"1")
+                    self.unmount(image)
+                    self.assertEqual(self.mount(image), folder)
+                    self.write(folder, "a", b"changed")
+        self.assertGreater(refused, 3)
 
     @unittest.skipIf(volumes.missing("strace"), "strace is not installed")
     def test_throwing_away_what_an_unmount_that_was_killed_had_begun_to_write(self):
