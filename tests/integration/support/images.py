@@ -17,6 +17,7 @@ SYSTEM_PATH = os.environ.get("PATH", "") + ":/usr/sbin:/sbin"
 NOBODY = 65534
 
 SANITIZED = bool(os.environ.get("VORLIX_SANITIZED"))
+TIME_LIMIT = 240 if SANITIZED else 60  # seconds; a command with sanitizers takes several times as long
 
 
 def tool(name):
@@ -99,7 +100,7 @@ class CommandTest(unittest.TestCase):
     def path(self, name):
         return os.path.join(self.folder, name)
 
-    def vorlix_run(self, *arguments, timeout=60, memory_limit=None, prefix=()):
+    def vorlix_run(self, *arguments, timeout=TIME_LIMIT, memory_limit=None, prefix=()):
         """Runs the command line. memory_limit: its address space in bytes."""
 
         def limit():
