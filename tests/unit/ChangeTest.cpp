@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include "platform/changes/Journal.h"
+#include "platform/changes/JournalFolder.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -125,7 +126,7 @@ class ChangeTest : public testing::Test {
   std::unique_ptr<Journal> committed(const DiskChange& change) const {
     std::unique_ptr<JournalWriter> writer;
     std::unique_ptr<Journal> journal;
-    EXPECT_FALSE(JournalWriter::begin(change.title, writer));
+    EXPECT_FALSE(JournalWriter::begin(change.title, {}, writer));
     for (const DeviceChange& device : change.devices) {
       const size_t index = writer->addDevice(device.device, *device.handle->identity());
       for (const ByteChange& one : device.bytes) {
@@ -171,7 +172,7 @@ TEST_F(ChangeTest, IsJournalledBeforeTheFirstWrite) {
   disk->beforeWrite = [&] {
     seen = journals();
     std::optional<ChangeFailure> failure;
-    const auto journal = Journal::open(journalFolders().front(), failure);
+    const auto journal = Journal::open(journalsInStateFolder().front(), failure);
     sameAsItself = journal && journal->title() == change.title && journal->runs().size() == 2 && !journal->lock();
     return 0;
   };
@@ -467,9 +468,9 @@ TEST_F(ChangeTest, AFinishingThatFailsSaysWhatStands) {
 
 TEST_F(ChangeTest, AJournalThatIsNotCommittedLeavesNothing) {
   std::unique_ptr<JournalWriter> writer;
-  ASSERT_FALSE(JournalWriter::begin("dropped", writer));
+  ASSERT_FALSE(JournalWriter::begin("dropped", {}, writer));
   EXPECT_EQ(journals().size(), 1U);
-  EXPECT_THAT(journalFolders(), IsEmpty());
+  EXPECT_THAT(journalsInStateFolder(), IsEmpty());
   writer.reset();
   EXPECT_THAT(journals(), IsEmpty());
 }

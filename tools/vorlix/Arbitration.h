@@ -40,6 +40,9 @@ std::string mediaContentOf(const std::string& device);
 /// Returns the folder where the device's volume is mounted; absent if it is not mounted.
 std::optional<std::string> mountPointOf(const std::string& device);
 
+/// Returns the device of the volume that is mounted at a folder; empty if none is.
+std::string deviceMountedAt(const std::string& folder);
+
 /// Returns the folder of a volume that the user named by that folder or by a device whose volume is mounted. Otherwise
 /// throws Failure with `state`.
 std::string folderOfVolume(const std::string& volume, const std::optional<std::string>& state = std::nullopt);
