@@ -24,7 +24,8 @@ bool isMountPoint(const std::string& path) {
 
 }  // namespace
 
-MountedSlice::MountedSlice(std::string slice) : slice_(std::move(slice)), wasMounted_(mountPointOf(slice_).has_value()) {
+MountedSlice::MountedSlice(std::string slice)
+    : slice_(std::move(slice)), wasMounted_(mountPointOf(slice_).has_value()) {
   if (!wasMounted_) {
     if (const auto refusal = tryMount(slice_, true)) throw Failure(slice_, reasonText(*refusal));
   }

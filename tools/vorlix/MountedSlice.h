@@ -6,10 +6,10 @@
 
 namespace vorlix::tool {
 
-/// The EFI System Partition, mounted for reading and writing while a command changes files on it.
+/// A volume, mounted for reading and writing while a command changes files on it.
 ///
-/// A volume that the kernel has is left mounted if it was before. One that is mirrored in a folder changes on its disk
-/// only when it is unmounted, so that is what finish() does in any case.
+/// A volume that the kernel had mounted before stays mounted. A mirrored volume changes on its disk only when it is
+/// unmounted, so finish() always unmounts it.
 class MountedSlice {
  public:
   /// Mounts the slice unless it is mounted. Throws Failure.
