@@ -183,6 +183,25 @@ class RestoreBootRecord(OnDisk):
         })
 
 
+class Undo(RestoreBootRecord):
+    """Taking a restored boot record back from its backup."""
+
+    name = "undo"
+
+    def set_up(self, case, vorlix):
+        super().set_up(case, vorlix)
+        restore = [*super().command(case, vorlix), "--backup", self.backups(case)]
+        subprocess.run(restore, stdin=subprocess.DEVNULL, capture_output=True, timeout=self.seconds, check=True,
+                       **case.options())
+
+    def backups(self, case):
+        return case.path("home", "saved")
+
+    def command(self, case, vorlix):
+        (name,) = os.listdir(self.backups(case))
+        return [vorlix, "undo", os.path.join(self.backups(case), name)]
+
+
 # ----------------------------------------------------------------------------------------------------------- FAT volumes
 
 
@@ -362,5 +381,5 @@ class LegacyBoot(Scenario):
         return [name for name in names if os.path.isfile(name)], names
 
 
-SCENARIOS = (Hybrid, HybridWithBackup, SaveBootRecord, RestoreBootRecord, SaveBootCode, NewStore, ReplacedStore,
+SCENARIOS = (Hybrid, HybridWithBackup, SaveBootRecord, RestoreBootRecord, Undo, SaveBootCode, NewStore, ReplacedStore,
              NewStoreAsRoot, ReplacedStoreAsRoot, Mount, Unmount, UnmountWithChanges, LegacyBoot)
