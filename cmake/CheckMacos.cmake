@@ -12,7 +12,7 @@ execute_process(COMMAND ${VORLIX_MACOS_HEADERS}/flags OUTPUT_VARIABLE flags OUTP
                 COMMAND_ERROR_IS_FATAL ANY)
 separate_arguments(flags UNIX_COMMAND "${flags}")
 
-file(GLOB checked CONFIGURE_DEPENDS platform/macos/*.cpp platform/posix/*.cpp platform/changes/*.cpp platform/*.cpp foundation/*.cpp foundation/*/*.cpp
+file(GLOB checked CONFIGURE_DEPENDS platform/macos/*.cpp platform/posix/*.cpp platform/posix/*/*.cpp platform/changes/*.cpp platform/*.cpp foundation/*.cpp foundation/*/*.cpp
      library/*.cpp library/*/*.cpp platform/simulated/*.cpp tests/macos/Declarations.cpp)
 set(stamps)
 file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/check-macos/include)
@@ -20,6 +20,8 @@ file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/check-macos/include)
 # Links to these headers alone, because their folder also holds this system's headers.
 find_path(VORLIX_PLIST_INCLUDE plist/plist.h REQUIRED)
 file(CREATE_LINK ${VORLIX_PLIST_INCLUDE}/plist ${PROJECT_BINARY_DIR}/check-macos/include/plist SYMBOLIC)
+find_path(VORLIX_ZSTD_INCLUDE zstd.h REQUIRED)
+file(CREATE_LINK ${VORLIX_ZSTD_INCLUDE}/zstd.h ${PROJECT_BINARY_DIR}/check-macos/include/zstd.h SYMBOLIC)
 find_path(VORLIX_MD_INCLUDE sha2.h REQUIRED)
 file(CREATE_LINK ${VORLIX_MD_INCLUDE}/sha2.h ${PROJECT_BINARY_DIR}/check-macos/include/sha2.h SYMBOLIC)
 

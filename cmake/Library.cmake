@@ -97,6 +97,21 @@ if(PLIST_VERSION VERSION_GREATER_EQUAL 2.3)
   target_compile_definitions(vorlix_objects PRIVATE VORLIX_PLIST_SIGNED=1)
 endif()
 
+# Packing of blocks, with zstd. Like the check of signatures (below), a module on Linux, so that only what packs loads it.
+pkg_check_modules(ZSTD REQUIRED IMPORTED_TARGET GLOBAL libzstd)
+file(GLOB blockcoding CONFIGURE_DEPENDS platform/posix/blockcoding/*.cpp)
+if(NOT APPLE)
+  list(APPEND blockcoding ${PROJECT_SOURCE_DIR}/platform/linux/blockcoding/Hashing.cpp)
+endif()
+add_library(vorlix_blockcoding_objects OBJECT ${blockcoding})
+target_link_libraries(vorlix_blockcoding_objects PRIVATE vorlix_headers PkgConfig::ZSTD)
+target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_blockcoding_objects>)
+target_link_libraries(vorlix_static PRIVATE PkgConfig::ZSTD)
+if(APPLE)
+  target_sources(vorlix_shared PRIVATE $<TARGET_OBJECTS:vorlix_blockcoding_objects>)
+  target_link_libraries(vorlix_shared PRIVATE PkgConfig::ZSTD)
+endif()
+
 # Signatures. The folder of the trusted certificates for callers' signatures is fixed in the build, so that nobody can
 # make a privileged host use another one.
 #
@@ -129,7 +144,16 @@ else()
   set_target_properties(vorlix_signing PROPERTIES PREFIX "" OUTPUT_NAME signing LINKER_LANGUAGE CXX
                                                   LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${VORLIX_MODULE_FOLDER})
 
-  add_library(vorlix_loader OBJECT ${signing_loader})
+  target_link_libraries(vorlix_blockcoding_objects PRIVATE PkgConfig::CRYPTO)
+  set(blockcoding_module ${PROJECT_SOURCE_DIR}/platform/linux/blockcoding/Module.cpp)
+  set(blockcoding_loader ${PROJECT_SOURCE_DIR}/platform/linux/blockcoding/Loader.cpp)
+  add_library(vorlix_blockcoding MODULE ${blockcoding_module} $<TARGET_OBJECTS:vorlix_blockcoding_objects>)
+  target_link_libraries(vorlix_blockcoding PRIVATE vorlix_headers PkgConfig::ZSTD PkgConfig::CRYPTO)
+  set_target_properties(vorlix_blockcoding PROPERTIES PREFIX "" OUTPUT_NAME blockcoding LINKER_LANGUAGE CXX
+                                                      LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${VORLIX_MODULE_FOLDER})
+
+  file(GLOB module_loader CONFIGURE_DEPENDS platform/linux/modules/*.cpp)
+  add_library(vorlix_loader OBJECT ${signing_loader} ${blockcoding_loader} ${module_loader})
   target_link_libraries(vorlix_loader PRIVATE vorlix_headers)
   set(libraries_from_programs "")
   if(NOT IS_ABSOLUTE "${CMAKE_INSTALL_BINDIR}" AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
@@ -141,5 +165,5 @@ else()
                              VORLIX_LIBRARIES_FROM_BINDIR="${libraries_from_programs}")
   target_sources(vorlix_shared PRIVATE $<TARGET_OBJECTS:vorlix_loader>)
   target_link_libraries(vorlix_shared PRIVATE ${CMAKE_DL_LIBS})
-  add_dependencies(vorlix_shared vorlix_signing)
+  add_dependencies(vorlix_shared vorlix_signing vorlix_blockcoding)
 endif()

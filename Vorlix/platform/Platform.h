@@ -13,6 +13,7 @@
 
 namespace vorlix {
 
+class BlockCoding;
 class ChildProcess;
 class CodeSigning;
 class DeviceFile;
@@ -54,6 +55,7 @@ struct Platform {
   std::shared_ptr<Pauses> pauses;
   std::shared_ptr<SystemPaths> systemPaths;
   std::shared_ptr<UserLocale> userLocale;
+  std::shared_ptr<BlockCoding> blockCoding;
 };
 
 /// The ports of the operating system that this library was built for.

@@ -14,6 +14,7 @@
 #include "SystemLog.h"
 #include "UserLocale.h"
 #include "VolumeMirrors.h"
+#include "platform/posix/BlockCoding.h"
 #include "platform/posix/ChildProcess.h"
 #include "platform/posix/Files.h"
 #include "platform/posix/Pauses.h"
@@ -44,6 +45,7 @@ Platform nativePlatform() {
   native.pauses = std::make_shared<PosixPauses>();
   native.systemPaths = std::make_shared<PosixSystemPaths>();
   native.userLocale = std::make_shared<LinuxUserLocale>();
+  native.blockCoding = std::make_shared<PosixBlockCoding>();
   return native;
 }
 
