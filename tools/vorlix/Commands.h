@@ -10,6 +10,7 @@ namespace vorlix::tool {
 
 void addShowCommand(CLI::App& app, int& status);
 void addHybridCommand(CLI::App& app, int& status);
+void addBackupCommand(CLI::App& app, int& status);
 void addCheckCommand(CLI::App& app, int& status);
 void addIdentifyCommand(CLI::App& app, int& status);
 void addMountCommands(CLI::App& app, int& status);

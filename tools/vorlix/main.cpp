@@ -41,6 +41,7 @@ struct Commands {
 const std::vector<Commands>& allCommands() {
   using namespace vorlix::tool;
   static const std::vector<Commands> all = {
+      {addBackupCommand, {"backup"}},
       {addShowCommand, {"show"}},
       {addHybridCommand, {"hybrid"}},
       {addCheckCommand, {"check"}},
