@@ -3,9 +3,9 @@
 /// Backups of volumes, in formats that other tools read (docs/backup.md): a folder with the volume as zstd frames, its
 /// block map, and the small structures that a start from it needs.
 ///
-/// Looking and saving are two steps: planBackup() looks and writes nothing, runBackup() saves what was looked at through
-/// the same handle. Nothing here prints. Devices, locks, SHA-256, zstd and syncing are ports; files are written with the
-/// POSIX calls.
+/// Looking and saving are two steps: planBackup() looks and writes nothing, runBackup() saves what was looked at
+/// through the same handle. Nothing here prints. Devices, locks, SHA-256, zstd and syncing are ports; files are written
+/// with the POSIX calls.
 #pragma once
 
 #include <Vorlix/Allocation.h>
@@ -77,8 +77,9 @@ struct BackupResult {
 /// Saves a volume. Reading, hashing and packing, and writing go on at the same time on threads that end before the call
 /// returns; memory stays below 128 MiB.
 ///
-/// The folder has its name when all files in it are complete and synced. Until then it is called `<folder>.new`; after a
-/// failure or cancellation nothing is left. What a killed run has left is removed by the next one for the same folder.
+/// The folder has its name when all files in it are complete and synced. Until then it is called `<folder>.new`; after
+/// a failure or cancellation nothing is left. What a killed run has left is removed by the next one for the same
+/// folder.
 /// @return why there is no backup; absent for success.
 VORLIX_EXPORT std::optional<BackupFailure> runBackup(const BackupPlan& plan, const BackupProgressCallback& progress,
                                                      BackupResult& result);

@@ -73,6 +73,21 @@ class VolumeMirrors {
     return nullptr;
   }
 
+  /// The whole of a file on a volume that is not mounted, for whoever may read the device. Nothing is mounted, locked
+  /// or written.
+  /// @param file   like "/EFI/Boot/name", in any spelling.
+  /// @param limit  bytes; a larger file is refused.
+  /// @return why it cannot be read: kDissentNotFound where the volume has no such file, kDissentUnsupported where only
+  ///         the mounted volume can be read.
+  virtual std::optional<Dissenter> readUnmounted(const std::string& device, const std::string& file, size_t limit,
+                                                 std::vector<uint8_t>& bytes) {
+    static_cast<void>(device);
+    static_cast<void>(file);
+    static_cast<void>(limit);
+    bytes.clear();
+    return Dissenter{kDissentUnsupported, ""};
+  }
+
   /// Those of this user, in the order in which they were made.
   virtual std::vector<VolumeMirror> mirrors() = 0;
 

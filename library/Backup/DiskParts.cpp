@@ -19,7 +19,6 @@ namespace {
 
 constexpr uint64_t kLargestTable = uint64_t{16} << 20;
 constexpr size_t kLargestStore = size_t{16} << 20;
-constexpr const char* kStoreFolders[] = {"EFI", "Microsoft", "Boot"};
 constexpr const char* kStore = "BCD";
 
 // Bytes of a disk, or why there are none.
@@ -78,67 +77,34 @@ std::optional<std::string> sliceOfESP(const VolumesDisk& facts) {
   return std::nullopt;
 }
 
-// Where the volume is not mounted. False where it has to be.
-bool readUnmountedStore(const std::string& slice, BackupPart& part) {
-  std::optional<Dissenter> refusal;
-  const auto volume = platform().volumeMirrors->openUnmounted(slice, refusal);
-  if (!volume && !refusal) return false;
-  if (!volume) {
-    part.missing = refusal->text.empty() ? "the EFI System Partition cannot be read" : refusal->text;
-    return true;
-  }
-  std::string path;
-  const auto enter = [&](const char* name, bool isFolder) {
-    const auto items = volume->itemsIn(path);
-    std::vector<std::string> names;
-    for (const auto& item : items) names.push_back(item.name);
-    const auto spelled = spellingsOf(names, name);
-    const auto found = std::find_if(items.begin(), items.end(), [&](const UnmountedVolume::Item& item) {
-      return !spelled.empty() && item.name == spelled.front() && item.isFolder == isFolder;
-    });
-    if (found == items.end() || found->size > kLargestStore) return false;
-    path += "/" + found->name;
-    return true;
-  };
-  for (const char* const folder : kStoreFolders) {
-    if (enter(folder, true)) continue;
-    part.missing = "the EFI System Partition has none";
-    return true;
-  }
-  if (!enter(kStore, false)) {
-    part.missing = "the EFI System Partition has none";
-  } else if (const auto failure = volume->read(path, part.bytes)) {
-    part.missing = failure->text;
-    part.bytes.clear();
-  }
-  return true;
-}
-
-void readMountedStore(const std::string& slice, BackupPart& part) {
-  const auto session = platform().diskArbitration->createSession();
-  const auto disk = session ? session->diskFromBSDName(slice) : nullptr;
-  const std::optional<URL> mounted = disk ? disk->volumePath() : std::nullopt;
-  if (!mounted) {
-    part.missing = "the EFI System Partition is not mounted";
-    return;
-  }
-  const std::string path =
-      pathInAnySpelling(mounted->path(), {kStoreFolders[0], kStoreFolders[1], kStoreFolders[2], kStore});
+void readMountedStore(const std::string& folder, BackupPart& part) {
+  const std::string path = pathInAnySpelling(folder, {"EFI", "Microsoft", "Boot", kStore});
   const auto content = platform().files->contentsOf(path, kLargestStore);
-  if (!content || content->empty()) {
-    part.missing = "the EFI System Partition has none that can be read";
-    return;
-  }
-  part.bytes.assign(content->begin(), content->end());
+  if (content) part.bytes.assign(content->begin(), content->end());
+  if (!content) part.missing = "the EFI System Partition has none that can be read";
 }
 
-void readStore(const VolumesDisk& facts, BackupPart& part) {
-  const std::optional<std::string> slice = sliceOfESP(facts);
+void readUnmountedStore(const std::string& slice, BackupPart& part) {
+  const std::string file = std::string("/EFI/Microsoft/Boot/") + kStore;
+  const auto failure = platform().volumeMirrors->readUnmounted(slice, file, kLargestStore, part.bytes);
+  if (!failure) return;
+  part.bytes.clear();
+  part.missing = failure->status == kDissentNotFound      ? "the EFI System Partition has none"
+                 : failure->status == kDissentUnsupported ? "the EFI System Partition is not mounted"
+                                                          : slice + ": " + failure->text;
+}
+
+// What is mounted may hold changes that are not on the disk yet, so it comes first.
+void readStore(const VolumesDisk& disk, BackupPart& part) {
+  const std::optional<std::string> slice = sliceOfESP(disk);
   if (!slice) {
     part.missing = "the disk has no EFI System Partition";
     return;
   }
-  if (!readUnmountedStore(*slice, part)) readMountedStore(*slice, part);
+  const auto session = platform().diskArbitration->createSession();
+  const auto found = session ? session->diskFromBSDName(*slice) : nullptr;
+  const std::optional<URL> mounted = found ? found->volumePath() : std::nullopt;
+  mounted ? readMountedStore(mounted->path(), part) : readUnmountedStore(*slice, part);
   if (part.missing.empty() && part.bytes.empty()) part.missing = "the store on the EFI System Partition is empty";
 }
 

@@ -90,7 +90,6 @@ void lookAt(BackupPlan& plan) {
   plan.wholeDisk = (whole ? whole->bsdName() : std::nullopt).value_or(plan.name);
   checkMounts(plan, description);
 
-  // Before the volume's lock is taken: a look into the EFI System Partition takes one of its own.
   const VolumesDisk facts = lookAtDisk(plan.wholeDisk);
   std::vector<BackupPart> ofDisk;
   addDiskParts(facts, plan.name != plan.wholeDisk, ofDisk);

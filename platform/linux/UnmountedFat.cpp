@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "UnmountedFat.h"
 
+#include <Vorlix/foundation/CaseFolding.h>
 #include <Vorlix/platform/DiskChange.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -176,6 +177,30 @@ std::unique_ptr<UnmountedVolume> openUnmountedFat(const DeviceLocation& location
   FatVolume volume;
   if (volume.read(device.descriptor(), device.window()) || volume.identity() != identity) return nullptr;
   return std::make_unique<UnmountedFat>(*std::move(place), std::move(device), std::move(volume));
+}
+
+Refusal readUnmountedFat(const DeviceLocation& location, const std::string& file, size_t limit,
+                         std::vector<uint8_t>& bytes) {
+  bytes.clear();
+  const std::optional<OpenedDevice> opened = openLocation(location, O_RDONLY);
+  if (!opened) return dissenterFor(errno, location.node);
+  const int descriptor = opened->descriptor.get();
+  const std::optional<VolumeFacts> facts = probeVolume(descriptor, opened->window);
+  if (!facts || facts->kind != "msdos") return Dissenter{kDissentUnsupported, "not a FAT volume"};
+  FatVolume volume;
+  if (Refusal refusal = volume.read(descriptor, opened->window)) return refusal;
+  const std::string wanted = lowerCase(file);
+  const auto found = std::find_if(volume.entries().begin(), volume.entries().end(), [&](const FatEntry& entry) {
+    return !entry.isFolder && lowerCase(entry.path) == wanted;
+  });
+  if (found == volume.entries().end()) return dissenterFor(ENOENT, file);
+  if (found->size > limit) return dissenterFor(EFBIG, file);
+  bytes.assign(found->size, 0);
+  return volume.readFile(descriptor, opened->window, *found,
+                         [&](uint64_t offset, const uint8_t* piece, size_t count) -> Refusal {
+                           std::copy_n(piece, count, bytes.begin() + static_cast<std::ptrdiff_t>(offset));
+                           return std::nullopt;
+                         });
 }
 
 }  // namespace vorlix

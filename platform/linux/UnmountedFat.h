@@ -16,4 +16,8 @@ namespace vorlix {
 /// be written: whoever mounts it is told why.
 std::unique_ptr<UnmountedVolume> openUnmountedFat(const DeviceLocation& location, Refusal& refusal);
 
+/// VolumeMirrors::readUnmounted() for a FAT volume.
+Refusal readUnmountedFat(const DeviceLocation& location, const std::string& file, size_t limit,
+                         std::vector<uint8_t>& bytes);
+
 }  // namespace vorlix

@@ -72,6 +72,12 @@ std::unique_ptr<UnmountedVolume> LinuxVolumeMirrors::openUnmounted(const std::st
   return location ? openUnmountedFat(*location, refusal) : nullptr;
 }
 
+std::optional<Dissenter> LinuxVolumeMirrors::readUnmounted(const std::string& device, const std::string& file,
+                                                           size_t limit, std::vector<uint8_t>& bytes) {
+  const std::optional<DeviceLocation> location = deviceOf(device);
+  return location ? readUnmountedFat(*location, file, limit, bytes) : dissenterFor(errno, device);
+}
+
 std::vector<VolumeMirror> LinuxVolumeMirrors::mirrors() {
   std::vector<VolumeMirror> mirrors;
   for (const FoundMirror& found : findMirrors()) {
