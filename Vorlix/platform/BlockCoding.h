@@ -32,8 +32,8 @@ class BlockCoder {
   /// The room that a frame of `count` bytes needs at most.
   virtual size_t largestFrame(size_t count) const = 0;
 
-  /// Packs a block into one frame, which has the block's size in its header and a checksum at its end, as zstd -3 makes
-  /// it. @return the bytes of the frame; absent if it does not fit.
+  /// Packs a block into one frame, which has the block's size in its header and a checksum at its end.
+  /// @return the bytes of the frame; absent if it does not fit.
   virtual std::optional<size_t> pack(std::span<const uint8_t> block, std::span<uint8_t> frame) = 0;
 
   /// Unpacks exactly one frame. @return whether it is whole, its checksum is right, and it fills the block exactly.
