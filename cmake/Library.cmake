@@ -96,6 +96,23 @@ if(PLIST_VERSION VERSION_GREATER_EQUAL 2.3)
   target_compile_definitions(vorlix_objects PRIVATE VORLIX_PLIST_SIGNED=1)
 endif()
 
+# Unpacking. Its libraries are linked into a module on Linux (below), so that a command that unpacks nothing does not load
+# them. macOS links them as they are: its loader does not take long.
+if(APPLE)  # Homebrew does not link what the system has without headers
+  find_program(VORLIX_BREW brew)
+  if(VORLIX_BREW)
+    execute_process(COMMAND ${VORLIX_BREW} --prefix libarchive OUTPUT_VARIABLE archive_prefix OUTPUT_STRIP_TRAILING_WHITESPACE)
+    list(APPEND CMAKE_PREFIX_PATH "${archive_prefix}")
+  endif()
+endif()
+pkg_check_modules(ARCHIVE REQUIRED IMPORTED_TARGET GLOBAL libarchive)
+find_package(ZLIB REQUIRED)
+file(GLOB unpacking CONFIGURE_DEPENDS platform/posix/unpacking/*.cpp)
+add_library(vorlix_unpacking_objects OBJECT ${unpacking})
+target_link_libraries(vorlix_unpacking_objects PRIVATE vorlix_headers PkgConfig::ARCHIVE ZLIB::ZLIB)
+target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_unpacking_objects>)
+target_link_libraries(vorlix_static PRIVATE PkgConfig::ARCHIVE ZLIB::ZLIB)
+
 # Signatures. The folder of the trusted certificates for callers' signatures is fixed in the build, so that nobody can
 # make a privileged host use another one.
 #
@@ -106,6 +123,8 @@ if(APPLE)
   foreach(kind objects shared static)
     target_link_libraries(vorlix_${kind} PRIVATE "-framework Security")
   endforeach()
+  target_sources(vorlix_shared PRIVATE $<TARGET_OBJECTS:vorlix_unpacking_objects>)
+  target_link_libraries(vorlix_shared PRIVATE PkgConfig::ARCHIVE ZLIB::ZLIB)
 else()
   pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET GLOBAL libcrypto)
   set(VORLIX_PC_SIGNING ", libcrypto")
@@ -128,7 +147,15 @@ else()
   set_target_properties(vorlix_signing PROPERTIES PREFIX "" OUTPUT_NAME signing LINKER_LANGUAGE CXX
                                                   LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${VORLIX_MODULE_FOLDER})
 
-  add_library(vorlix_loader OBJECT ${signing_loader})
+  set(unpacking_module ${PROJECT_SOURCE_DIR}/platform/linux/unpacking/Module.cpp)
+  set(unpacking_loader ${PROJECT_SOURCE_DIR}/platform/linux/unpacking/Loader.cpp)
+  add_library(vorlix_unpacking MODULE ${unpacking_module} $<TARGET_OBJECTS:vorlix_unpacking_objects>)
+  target_link_libraries(vorlix_unpacking PRIVATE vorlix_headers PkgConfig::ARCHIVE ZLIB::ZLIB)
+  set_target_properties(vorlix_unpacking PROPERTIES PREFIX "" OUTPUT_NAME unpacking LINKER_LANGUAGE CXX
+                                                    LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${VORLIX_MODULE_FOLDER})
+
+  file(GLOB module_loader CONFIGURE_DEPENDS platform/linux/modules/*.cpp)
+  add_library(vorlix_loader OBJECT ${signing_loader} ${unpacking_loader} ${module_loader})
   target_link_libraries(vorlix_loader PRIVATE vorlix_headers)
   set(libraries_from_programs "")
   if(NOT IS_ABSOLUTE "${CMAKE_INSTALL_BINDIR}" AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
@@ -140,5 +167,5 @@ else()
                              VORLIX_LIBRARIES_FROM_BINDIR="${libraries_from_programs}")
   target_sources(vorlix_shared PRIVATE $<TARGET_OBJECTS:vorlix_loader>)
   target_link_libraries(vorlix_shared PRIVATE ${CMAKE_DL_LIBS})
-  add_dependencies(vorlix_shared vorlix_signing)
+  add_dependencies(vorlix_shared vorlix_signing vorlix_unpacking)
 endif()

@@ -29,6 +29,7 @@ class RunLoops;
 class Shell;
 class SystemLog;
 class SystemPaths;
+class Unpacking;
 class UserIdentity;
 class UserLocale;
 class VolumeMirrors;
@@ -54,6 +55,7 @@ struct Platform {
   std::shared_ptr<Pauses> pauses;
   std::shared_ptr<SystemPaths> systemPaths;
   std::shared_ptr<UserLocale> userLocale;
+  std::shared_ptr<Unpacking> unpacking;
 };
 
 /// The ports of the operating system that this library was built for.
