@@ -15,6 +15,11 @@ SteppedSource::SteppedSource(SourceParts parts)
   facts_ = std::move(parts.facts);
 }
 
+uint64_t SteppedSource::bytesRead() const {
+  const uint64_t position = content_->file().position();
+  return std::min(position, content_->file().size().value_or(position));  // a damaged image may lead behind its end
+}
+
 ImagePiece SteppedSource::failed(std::string reason) const {
   return {ImagePiece::Kind::failure, position_, 0, {name_, std::move(reason)}};
 }

@@ -27,7 +27,7 @@ class SteppedSource : public ImageSource {
  public:
   ImagePiece next(std::span<uint8_t> buffer) final;
   std::optional<ImageFailure> moveTo(uint64_t offset) final;
-  uint64_t bytesRead() const final { return content_->file().position(); }
+  uint64_t bytesRead() const final;
 
  protected:
   explicit SteppedSource(SourceParts parts);

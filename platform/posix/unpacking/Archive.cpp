@@ -58,7 +58,8 @@ class ArchiveUnpacker final : public Unpacker {
     archive_entry* entry = nullptr;
     const int header = archive_read_next_header(archive_, &entry);
     if (header == ARCHIVE_OK) return true;
-    return (inputReason_.empty() && isEndOfInput_ ? fail("it is empty or truncated") : failAsTold()) == 0;
+    failAsTold();
+    return inputReason_.empty() && fail("it is empty, truncated or damaged: " + reason_) == 0;
   }
 
   ssize_t read(void* buffer, size_t count) override {
@@ -87,7 +88,6 @@ class ArchiveUnpacker final : public Unpacker {
       archive_set_error(opened, errno, "%s", unpacker.inputReason_.c_str());
       return ARCHIVE_FATAL;
     }
-    unpacker.isEndOfInput_ = count == 0;
     unpacker.given_ += count;
     *bytes = unpacker.input_.data();
     return count;
@@ -162,7 +162,6 @@ class ArchiveUnpacker final : public Unpacker {
   la_int64_t position_ = 0;  // behind the block
   la_int64_t given_ = 0;     // bytes of the file that libarchive got
   std::string inputReason_;
-  bool isEndOfInput_ = false;
   bool isOnlyFile_ = false;
   bool isDone_ = false;
 };
