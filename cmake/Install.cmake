@@ -30,5 +30,9 @@ else()
   list(JOIN private_libraries " " VORLIX_PC_PRIVATE_LIBS)
   string(APPEND VORLIX_PC_PRIVATE_LIBS " -lstdc++")
 endif()
+# Not as required packages: libarchive's own ones would have to be installed for developers, which a shared libarchive
+# does not need.
+list(JOIN ARCHIVE_LDFLAGS " " archive_libraries)
+string(APPEND VORLIX_PC_PRIVATE_LIBS " ${archive_libraries} -lz")
 configure_file(cmake/vorlix.pc.in ${PROJECT_BINARY_DIR}/vorlix.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vorlix.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

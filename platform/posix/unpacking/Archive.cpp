@@ -53,12 +53,12 @@ class ArchiveUnpacker final : public Unpacker {
       if (result == ARCHIVE_OK) result = archive_read_append_filter(archive_, filterOf(format_));
     }
     if (result != ARCHIVE_OK) return failAsTold() == 0;
-    if (archive_read_open(archive_, this, nullptr, readInput, nullptr) != ARCHIVE_OK) return failAsTold() == 0;
-    if (format_ == PackedFormat::zip) return findFile();
+    result = archive_read_open(archive_, this, nullptr, readInput, nullptr);
+    if (result == ARCHIVE_OK && format_ == PackedFormat::zip) return findFile();
     archive_entry* entry = nullptr;
-    const int header = archive_read_next_header(archive_, &entry);
-    if (header == ARCHIVE_OK) return true;
-    failAsTold();
+    if (result == ARCHIVE_OK) result = archive_read_next_header(archive_, &entry);
+    if (result == ARCHIVE_OK) return true;
+    failAsTold();  // for data that begin nowhere, something that people cannot guess
     return inputReason_.empty() && fail("it is empty, truncated or damaged: " + reason_) == 0;
   }
 
