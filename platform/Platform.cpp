@@ -40,6 +40,7 @@ void fillIn(Platform& set) {
   fill(&Platform::pauses);
   fill(&Platform::systemPaths);
   fill(&Platform::userLocale);
+  fill(&Platform::unpacking);
   fill(&Platform::blockCoding);
 }
 

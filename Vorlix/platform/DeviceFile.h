@@ -30,6 +30,12 @@ struct DeviceIdentity {
   friend bool operator==(const DeviceIdentity&, const DeviceIdentity&) = default;
 };
 
+/// A run of bytes of an open device.
+struct DataRun {
+  uint64_t offset = 0;
+  uint64_t size = 0;
+};
+
 /// An open device. Offsets count from the start of what was opened: of the slice, where that is a slice.
 ///
 /// One thread at a time uses a handle. Destroying it closes it.
@@ -57,6 +63,14 @@ class DeviceHandle {
 
   /// Size in bytes; absent when the system cannot tell.
   virtual std::optional<uint64_t> size() = 0;
+
+  /// The first run of bytes at or behind `offset` that the system stores. What lies between `offset` and the run reads
+  /// as zeros, as in a sparse file; where nothing but zeros follows, the run is empty and at the device's end. Absent
+  /// where the system does not tell.
+  virtual std::optional<DataRun> dataFrom(uint64_t offset) {
+    static_cast<void>(offset);
+    return std::nullopt;
+  }
 
   /// Bytes of a logical block, of an image file those that its GPT is made for. Absent where the handle does not know;
   /// disk arbitration then may (Disk::blockSize).

@@ -30,6 +30,7 @@ class RunLoops;
 class Shell;
 class SystemLog;
 class SystemPaths;
+class Unpacking;
 class UserIdentity;
 class UserLocale;
 class VolumeMirrors;
@@ -55,6 +56,7 @@ struct Platform {
   std::shared_ptr<Pauses> pauses;
   std::shared_ptr<SystemPaths> systemPaths;
   std::shared_ptr<UserLocale> userLocale;
+  std::shared_ptr<Unpacking> unpacking;
   std::shared_ptr<BlockCoding> blockCoding;
 };
 

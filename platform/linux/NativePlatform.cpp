@@ -20,6 +20,7 @@
 #include "platform/posix/Pauses.h"
 #include "platform/posix/Shell.h"
 #include "platform/posix/SystemPaths.h"
+#include "platform/posix/Unpacking.h"
 #include "platform/posix/UserIdentity.h"
 
 namespace vorlix {
@@ -45,6 +46,7 @@ Platform nativePlatform() {
   native.pauses = std::make_shared<PosixPauses>();
   native.systemPaths = std::make_shared<PosixSystemPaths>();
   native.userLocale = std::make_shared<LinuxUserLocale>();
+  native.unpacking = std::make_shared<PosixUnpacking>();
   native.blockCoding = std::make_shared<PosixBlockCoding>();
   return native;
 }

@@ -40,6 +40,7 @@ class FileHandle final : public DeviceHandle {
   ssize_t readMediumAt(void* buffer, size_t count, uint64_t offset) override;
   std::optional<DeviceIdentity> identity() override { return identityOf(descriptor_, window_.offset); }
   std::optional<uint64_t> size() override { return window_.size; }
+  std::optional<DataRun> dataFrom(uint64_t offset) override;
   std::optional<uint32_t> blockSize() override { return blockSize_; }
   int close() override;
 
