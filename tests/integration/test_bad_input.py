@@ -369,7 +369,8 @@ class BadFiles(BadInput):
             ["show", path, path],
             ["show", path, "--unknown"],
             ["hybrid", path],
-            ["hybrid", path, "--partition", "3"],
+            ["hybrid", path, "--partition", "3", "--boot-code", ""],
+            ["hybrid", path, "--partition", "3", "--boot-code", self.boot_code, "--keep-boot-code"],
             ["check", path],
             ["check", path, "--partition", "three"],
         ):

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <algorithm>
+#include <Vorlix/OwnBootCode.h>
+
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -92,13 +93,6 @@ bool checkVolume(const VolumePlan& volume) {
   return bootSector && second && code;
 }
 
-// Boot code proper, without the disk signature that follows it.
-bool lacksDiskCode(const DiskTables& disk) {
-  const auto begin = disk.sector0.begin();
-  return std::all_of(begin, begin + static_cast<std::ptrdiff_t>(kPureBootCodeSize),
-                     [](uint8_t byte) { return byte == 0; });
-}
-
 }  // namespace
 
 void addCheckCommand(CLI::App& app, int& status) {
@@ -115,11 +109,13 @@ void addCheckCommand(CLI::App& app, int& status) {
     request.disk = options->disk;
     request.partition = options->partition;
     request.type = parseMBRType(options->type);
+    request.isLook = true;
     const HybridPlan plan = planHybrid(request);
     const bool gpt = checkGPT(plan.disk);
     const bool mbr = checkMBR(plan);
     const bool active = checkActive(plan, options->partition);
-    const bool code = checkBootCode("Boot code", lacksDiskCode(plan.disk), "sector 0 of " + plan.disk.device);
+    const bool code =
+        checkBootCode("Boot code", lacksDiskBootCode(plan.disk.sector0), "sector 0 of " + plan.disk.device);
     const bool volume = checkVolume(*plan.volume);
     status = gpt && mbr && active && code && volume ? kDone : kChangeNeeded;
   });

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "HybridPlan.h"
 
+#include <Vorlix/OwnBootCode.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -42,6 +44,27 @@ std::vector<uint8_t> readBootCode(const std::string& path, bool force) {
   const bool isEmpty = std::all_of(bytes.begin(), end, [](uint8_t byte) { return byte == 0; });
   if (isEmpty && !force) throw Failure(path, std::string("is no boot code, its bytes are all zero") + kForce);
   return bytes;
+}
+
+// The file's, or else the disk's. A disk without any gets our own, but for a guard MBR, which is to start nothing.
+std::vector<uint8_t> chooseBootCode(const HybridRequest& request, const std::vector<uint8_t>& file, HybridPlan& plan) {
+  if (!file.empty()) {
+    plan.bootCode = BootCodeOrigin::file;
+    return file;
+  }
+  const Sector& sector0 = plan.disk.sector0;
+  std::vector<uint8_t> code(sector0.begin(), sector0.begin() + static_cast<std::ptrdiff_t>(kBootCodeSize));
+  if (request.isLook) return code;
+  if (mbrKindOf(sector0) == MBRKind::volume) {
+    throw Failure(request.disk,
+                  "sector 0 is the boot sector of a volume, whose code starts no slot; name MBR boot "
+                  "code with --boot-code");
+  }
+  if (request.guard || request.keepsBootCode || !lacksDiskBootCode(sector0)) return code;
+  plan.bootCode = BootCodeOrigin::own;
+  const DiskBootCode own = ownBootCode();
+  std::copy(own.begin(), own.end(), code.begin());
+  return code;
 }
 
 std::shared_ptr<DeviceHandle> openFor(const HybridRequest& request, const std::string& device,
@@ -132,7 +155,7 @@ void planVolume(const HybridRequest& request, HybridPlan& plan) {
   VolumePlan volume;
   volume.name = request.volume.empty() ? sliceNameOf(request.disk, request.partition) : request.volume;
   volume.start = startOf(request, plan.disk, entry, volume.name);
-  if (!request.isLook()) {
+  if (!request.isLook) {
     if (const auto reason = whyNoHybrid(plan.disk)) throw Failure(request.disk, *reason);
     requireSoundGPT(plan.disk, request.force);  // after what no --force changes
   }
@@ -140,7 +163,7 @@ void planVolume(const HybridRequest& request, HybridPlan& plan) {
   requirePlace(request, plan, volume, entry);
   volume.before = readBootSector(*volume.handle, volume.name);
   volume.oddity = whyOdd(volume, entry);
-  if (volume.oddity && !request.force && !request.isLook()) throw Failure(volume.name, *volume.oddity + kForce);
+  if (volume.oddity && !request.force && !request.isLook) throw Failure(volume.name, *volume.oddity + kForce);
   const BootSectorKind kind = kindOf(volume.before);
   // The fields lie elsewhere in other file systems; writing there would damage them.
   volume.isPatched = kind == BootSectorKind::ntfs || kind == BootSectorKind::fat;
@@ -208,8 +231,8 @@ std::optional<std::string> whyNoHybrid(const DiskTables& disk) {
 
 HybridPlan planHybrid(const HybridRequest& request) {
   HybridPlan plan;
-  std::vector<uint8_t> bootCode;
-  if (!request.isLook()) bootCode = readBootCode(request.bootCode, request.force);
+  std::vector<uint8_t> file;
+  if (!request.bootCode.empty()) file = readBootCode(request.bootCode, request.force);
   plan.handle = openFor(request, request.disk);
   plan.disk = readTables(*plan.handle, request.disk);
   if (!plan.disk.header) {
@@ -228,7 +251,7 @@ HybridPlan planHybrid(const HybridRequest& request) {
     throw Failure(request.disk, "slot 1 would be of type " + std::to_string(plan.table.parts[0].type) +
                                     " instead of EE: GPT entry 1 must be the EFI System Partition");
   }
-  const Bytes code = request.isLook() ? Bytes(plan.disk.sector0).first(kBootCodeSize) : Bytes(bootCode);
+  const std::vector<uint8_t> code = chooseBootCode(request, file, plan);
   const Sector wanted = makeSector0(code, plan.table.parts);
   plan.difference = compareSector0(plan.disk.sector0, wanted);
   plan.newSector0 = renewedSector0(plan.disk.sector0, wanted);
