@@ -80,6 +80,15 @@ class VolumeMirrors {
 
   /// Removes a mirror with all that was changed in it. @return why it was refused; absent for success.
   virtual std::optional<Dissenter> discard(const VolumeMirror& mirror) = 0;
+
+  /// Opens a volume that is not mounted, to look at its files only: nothing is locked, and write() of the result always
+  /// refuses. Returns null without a `refusal` if the volume is mounted or the system has no such way, and null with
+  /// one if the volume cannot be read.
+  virtual std::unique_ptr<UnmountedVolume> openToRead(const std::string& device, std::optional<Dissenter>& refusal) {
+    static_cast<void>(device);
+    refusal.reset();
+    return nullptr;
+  }
 };
 
 /// Where there are none.

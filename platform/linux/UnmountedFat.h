@@ -16,4 +16,7 @@ namespace vorlix {
 /// be written: whoever mounts it is told why.
 std::unique_ptr<UnmountedVolume> openUnmountedFat(const DeviceLocation& location, Refusal& refusal);
 
+/// Opens a FAT volume to look at its files. Null without a refusal if the volume is mounted.
+std::unique_ptr<UnmountedVolume> openFatToRead(const DeviceLocation& location, Refusal& refusal);
+
 }  // namespace vorlix

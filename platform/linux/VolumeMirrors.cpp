@@ -72,6 +72,14 @@ std::unique_ptr<UnmountedVolume> LinuxVolumeMirrors::openUnmounted(const std::st
   return location ? openUnmountedFat(*location, refusal) : nullptr;
 }
 
+std::unique_ptr<UnmountedVolume> LinuxVolumeMirrors::openToRead(const std::string& device,
+                                                                std::optional<Dissenter>& refusal) {
+  const std::optional<DeviceLocation> location = deviceOf(device);
+  refusal.reset();
+  if (!location) refusal = dissenterFor(errno, device);
+  return location ? openFatToRead(*location, refusal) : nullptr;
+}
+
 std::vector<VolumeMirror> LinuxVolumeMirrors::mirrors() {
   std::vector<VolumeMirror> mirrors;
   for (const FoundMirror& found : findMirrors()) {

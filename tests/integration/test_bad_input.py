@@ -371,7 +371,7 @@ class BadFiles(BadInput):
             ["hybrid", path],
             ["hybrid", path, "--partition", "3", "--boot-code", ""],
             ["hybrid", path, "--partition", "3", "--boot-code", self.boot_code, "--keep-boot-code"],
-            ["check", path],
+            ["check", path, "--start", "never"],
             ["check", path, "--partition", "three"],
         ):
             result = self.run_bounded(*arguments)

@@ -225,6 +225,97 @@ ready:  in      al, dx
 """
 
 
+# A first sector that stands for another BIOS. It takes over INT 13h, loads the boot code from sector 1 and starts it.
+# FACTOR: sectors of 512 bytes in a sector of the drive, as the boot code sees it. FAILURES: how many of the first reads
+# fail. EXTENSIONS: 0 for a BIOS that reads by cylinder, head and sector only.
+OTHER_BIOS = """
+        cli
+        cld
+        xor     ax, ax
+        mov     ds, ax
+        mov     ss, ax
+        mov     sp, 0x7000
+        mov     ax, 0x9000
+        mov     es, ax
+        xor     di, di
+        mov     si, 0x7C00
+        mov     cx, 256
+        rep movsw
+        .byte   0xEA                    # jmp 0x9000:here
+        .word   here, 0x9000
+here:   xor     ax, ax
+        mov     es, ax
+        mov     bx, 0x7C00
+        mov     ax, 0x0201
+        mov     cx, 2
+        mov     dh, 0
+        int     0x13
+        mov     eax, [0x13 * 4]
+        mov     cs:[old], eax
+        mov     word ptr [0x13 * 4], offset handler
+        mov     word ptr [0x13 * 4 + 2], 0x9000
+        sti
+        .byte   0xEA
+        .word   0x7C00, 0
+handler:
+        cmp     ah, 0x41
+        je      ask
+        cmp     ah, 0x42
+        je      extended
+        cmp     ah, 0x02
+        je      maybe
+        jmp     dword ptr cs:[old]
+ask:    cmp     byte ptr cs:[extensions], 0
+        je      refuse
+        jmp     dword ptr cs:[old]
+maybe:  cmp     byte ptr cs:[failures], 0
+        jne     fail
+        jmp     dword ptr cs:[old]
+extended:
+        cmp     byte ptr cs:[failures], 0
+        jne     fail
+        push    eax
+        push    ecx
+        movzx   ecx, byte ptr cs:[factor]
+        mov     eax, [si + 8]
+        push    edx
+        mul     ecx
+        pop     edx
+        mov     cs:[packet + 8], eax
+        mov     ax, [si + 2]
+        push    dx
+        mul     cx
+        pop     dx
+        mov     cs:[packet + 2], ax
+        mov     eax, [si + 4]
+        mov     cs:[packet + 4], eax
+        pop     ecx
+        pop     eax
+        push    ds
+        push    si
+        push    cs
+        pop     ds
+        mov     si, offset packet
+        pushf
+        call    dword ptr cs:[old]
+        pop     si
+        pop     ds
+        retf    2
+fail:   dec     byte ptr cs:[failures]
+        mov     ah, 4
+refuse: stc
+        retf    2
+old:    .long   0
+packet: .word   16, 0, 0, 0
+        .quad   0
+factor: .byte   FACTOR
+failures: .byte FAILURES
+extensions: .byte EXTENSIONS
+        .org    510
+        .byte   0x55, 0xAA
+"""
+
+
 @unittest.skipIf(NO_EMULATOR or NO_ASSEMBLER, f"not installed: {NO_EMULATOR} {NO_ASSEMBLER}")
 class Start(ImageTest):
     """Disks with the boot code and slots of the test."""
@@ -324,6 +415,40 @@ class Start(ImageTest):
 
     def test_a_slot_at_sector_0_does_not_start_the_boot_code_again(self):
         self.assert_says(self.disk(slot(0x80, 0, 0, 64)), "No boot sector in the active slot.")
+
+    def other_bios(self, first, real, **values):
+        """A disk that another BIOS starts; its active slot is at `first`, which is sector `real` of 512 bytes."""
+        settings = "".join(f".set {name}, {value}\n" for name, value in
+                           {"FACTOR": 1, "FAILURES": 0, "EXTENSIONS": 1, **values}.items())
+        path = self.path("disk.img")
+        mbr = own_boot_code(self.folder).ljust(446, b"\0") + slot(0x80, 7, first, 64)
+        with open(path, "wb") as file:
+            file.write(assemble(settings + OTHER_BIOS, self.folder))
+            file.write(mbr.ljust(510, b"\0") + b"\x55\xAA")
+            file.truncate(2**25 * 512)
+        self.system(path, real, "VOLUME")
+        samples.write(path, real * 512 + bios.HIDDEN_SECTORS, first.to_bytes(4, "little"))
+        return path
+
+    def test_sectors_of_4096_bytes(self):
+        """SeaBIOS has no such drives, so INT 13h is answered as a BIOS that has them answers it."""
+        path = self.other_bios(25000, 200000, FACTOR=8)
+        self.assert_started(path, 25000, "VOLUME")
+        path = self.other_bios(25000, 25000, FACTOR=8)  # what is at the number of small sectors is not started
+        self.assert_says(path, "No boot sector in the active slot.")
+
+    def test_a_drive_that_fails_at_first(self):
+        self.assert_started(self.other_bios(5000, 5000, FAILURES=2), 5000, "VOLUME")
+        self.assert_says(self.other_bios(5000, 5000, FAILURES=3), "Read error at the active slot.")
+
+    def test_a_hard_disk_without_extensions(self):
+        """The call names 1024 cylinders, which SeaBIOS gives 255 heads and 63 sectors on a disk of that size."""
+        limit = 1024 * 255 * 63
+        for first in (2, 62, 63, 64, 16064, 16065, 300000, limit // 4, limit - 1):
+            with self.subTest(first=first):
+                self.assert_started(self.other_bios(first, first, EXTENSIONS=0), first, "VOLUME")
+        self.assert_started(self.other_bios(limit, limit), limit, "VOLUME")
+        self.assert_says(self.other_bios(limit, limit, EXTENSIONS=0), "Read error at the active slot.")
 
 
 @unittest.skipIf(NO_EMULATOR, f"not installed: {NO_EMULATOR}")

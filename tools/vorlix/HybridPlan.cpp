@@ -2,6 +2,7 @@
 #include "HybridPlan.h"
 
 #include <Vorlix/OwnBootCode.h>
+#include <Vorlix/StartCheck.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -54,7 +55,6 @@ std::vector<uint8_t> chooseBootCode(const HybridRequest& request, const std::vec
   }
   const Sector& sector0 = plan.disk.sector0;
   std::vector<uint8_t> code(sector0.begin(), sector0.begin() + static_cast<std::ptrdiff_t>(kBootCodeSize));
-  if (request.isLook) return code;
   if (mbrKindOf(sector0) == MBRKind::volume) {
     throw Failure(request.disk,
                   "sector 0 is the boot sector of a volume, whose code starts no slot; name MBR boot "
@@ -155,15 +155,13 @@ void planVolume(const HybridRequest& request, HybridPlan& plan) {
   VolumePlan volume;
   volume.name = request.volume.empty() ? sliceNameOf(request.disk, request.partition) : request.volume;
   volume.start = startOf(request, plan.disk, entry, volume.name);
-  if (!request.isLook) {
-    if (const auto reason = whyNoHybrid(plan.disk)) throw Failure(request.disk, *reason);
-    requireSoundGPT(plan.disk, request.force);  // after what no --force changes
-  }
+  if (const auto obstacle = slotObstacle(plan.disk.entries)) throw Failure(request.disk, obstacle->text);
+  requireSoundGPT(plan.disk, request.force);  // after what no --force changes
   volume.handle = openFor(request, volume.name, &plan.disk);
   requirePlace(request, plan, volume, entry);
   volume.before = readBootSector(*volume.handle, volume.name);
   volume.oddity = whyOdd(volume, entry);
-  if (volume.oddity && !request.force && !request.isLook) throw Failure(volume.name, *volume.oddity + kForce);
+  if (volume.oddity && !request.force) throw Failure(volume.name, *volume.oddity + kForce);
   const BootSectorKind kind = kindOf(volume.before);
   // The fields lie elsewhere in other file systems; writing there would damage them.
   volume.isPatched = kind == BootSectorKind::ntfs || kind == BootSectorKind::fat;
@@ -211,22 +209,6 @@ DiskChange HybridPlan::change() const {
   }
   change.devices.push_back({disk.device, handle, {byteChange(0, disk.sector0, newSector0, "sector 0")}});
   return change;
-}
-
-std::optional<std::string> whyNoHybrid(const DiskTables& disk) {
-  constexpr uint64_t kLargest = std::numeric_limits<uint32_t>::max();
-  for (uint32_t i = 0; i < kSlotCount; ++i) {
-    const GPTEntry& entry = disk.entries[i];
-    if (!isUsed(entry) || (entry.first_lba <= kLargest && entry.last_lba <= kLargest)) continue;
-    return "GPT entry " + std::to_string(i + 1) + ", sectors " + std::to_string(entry.first_lba) + " to " +
-           std::to_string(entry.last_lba) +
-           ", lies beyond the 32 bits of an MBR slot, which would show a place in another partition";
-  }
-  for (const auto& pair : overlappingEntries(disk.entries)) {
-    if (pair.first > kSlotCount) continue;  // the lower number; neither has a slot
-    return "GPT entries " + std::to_string(pair.first) + " and " + std::to_string(pair.second) + " overlap";
-  }
-  return std::nullopt;
 }
 
 HybridPlan planHybrid(const HybridRequest& request) {

@@ -26,7 +26,6 @@ struct HybridRequest {
   bool keepsBootCode = false;  ///< write no boot code of our own
   bool force = false;          ///< go on where the content, the type or the GPT is odd
   bool writes = false;         ///< open for writing; else nothing is
-  bool isLook = false;         ///< nothing will be written: goes on whatever it finds, and tells
 };
 
 /// Whose boot code sector 0 will have.
@@ -75,10 +74,6 @@ struct HybridPlan {
 
 /// Reads everything and checks everything that can be checked; writes nothing. Throws Failure.
 HybridPlan planHybrid(const HybridRequest& request);
-
-/// What keeps entries of the GPT from being mirrored in MBR slots: numbers of more than 32 bits, entries that overlap.
-/// Each would put a slot into another partition. Absent where there is no such thing.
-std::optional<std::string> whyNoHybrid(const DiskTables& disk);
 
 /// An MBR type, "7" or "0x07"; 0 for an empty text. Throws Failure.
 uint8_t parseMBRType(const std::string& text);
