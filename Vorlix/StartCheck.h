@@ -43,6 +43,10 @@ struct VORLIX_EXPORT StartVolume {
   std::optional<bool> hibernated;
   std::string stateReason;
 
+  /// The same from a reader of the file system that does not tell the two apart: why the volume is not in a clean
+  /// state, empty if it is. Absent if no such reader looked.
+  std::optional<std::string> doubt;
+
   FileFact bootManager;  ///< "bootmgr" in the root, which the volume's boot code loads
   FileFact legacyStore;  ///< "boot/BCD"
 };

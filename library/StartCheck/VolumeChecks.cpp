@@ -127,24 +127,39 @@ void checkVolumeCode(StartFindings& findings, const StartVolume& volume) {
   }
 }
 
+constexpr const char* kWhyClean =
+    "Windows checks and repairs such a volume before it starts, or goes on with what it had in memory";
+
+// What nobody looked at, in words; empty if all is known.
+const char* unseenState(const StartVolume& volume) {
+  if (volume.doubt || (volume.dirty && volume.hibernated)) return "";
+  if (volume.dirty) return "a hibernated Windows";
+  return volume.hibernated ? "a dirty volume" : "a dirty or hibernated volume";
+}
+
 void checkState(StartFindings& findings, const StartVolume& volume) {
   const std::string name = StartFindings::word(volume.name);
-  if (volume.dirty.value_or(false)) {
+  const bool isDirty = volume.dirty.value_or(false);
+  const bool isHibernated = volume.hibernated.value_or(false);
+  if (isDirty) {
     findings.fault("volume-state", "volume-dirty", volume.name + " is marked as not cleanly unmounted",
                    "Windows checks and repairs the volume before it starts, and other systems mount it read-only",
                    "chkdsk /f in Windows, or ntfsfix -d " + name);
   }
-  if (volume.hibernated.value_or(false)) {
+  if (isHibernated) {
     findings.fault("volume-state", "volume-hibernated", volume.name + " holds a hibernated Windows",
                    "it goes on with what it had in memory, which no longer fits a disk that was changed",
                    "shutdown /s /f /t 0 in that Windows");
   }
-  if (!volume.dirty || !volume.hibernated) {
-    const char* const what = volume.dirty        ? "a hibernated Windows"
-                             : volume.hibernated ? "a dirty volume"
-                                                 : "a dirty or hibernated volume";
-    findings.unseen("volume-state", std::string(what) + ": " + volume.stateReason);
-  } else if (!*volume.dirty && !*volume.hibernated) {
+  const bool isUnclean = !isDirty && !isHibernated && !volume.doubt.value_or("").empty();
+  if (isUnclean) {
+    findings.fault("volume-state", "volume-unclean", volume.name + ": " + *volume.doubt, kWhyClean,
+                   "chkdsk /f in Windows, then shutdown /s /f /t 0");
+  }
+  const std::string unseen = unseenState(volume);
+  if (!unseen.empty()) {
+    findings.unseen("volume-state", unseen + ": " + volume.stateReason);
+  } else if (!isDirty && !isHibernated && !isUnclean) {
     findings.ok("volume-state", volume.name + " was cleanly unmounted and holds no hibernated Windows");
   }
 }

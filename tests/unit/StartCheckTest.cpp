@@ -112,6 +112,21 @@ TEST(StartCheck, ADirtyVolumeAndAHibernatedOneAreFaults) {
   EXPECT_THAT(faultsOf(facts), ElementsAre("volume-hibernated"));
 }
 
+TEST(StartCheck, AReaderMayTellNoMoreThanADoubt) {
+  StartFacts facts = soundFacts();
+  facts.volume->dirty.reset();
+  facts.volume->hibernated.reset();
+  facts.volume->doubt = "";
+  EXPECT_THAT(faultsOf(facts), IsEmpty());
+  EXPECT_THAT(areasIn(facts, State::ok), Contains("volume-state"));
+  facts.volume->doubt = "its journal is not empty";
+  EXPECT_THAT(faultsOf(facts), ElementsAre("volume-unclean"));
+  EXPECT_THAT(areasIn(facts, State::ok), Not(Contains("volume-state")));
+  EXPECT_THAT(areasIn(facts, State::unseen), Not(Contains("volume-state")));
+  facts.volume->hibernated = true;  // what is known exactly is told instead
+  EXPECT_THAT(faultsOf(facts), ElementsAre("volume-hibernated"));
+}
+
 TEST(StartCheck, WhatWasNotLookedAtIsNotOk) {
   StartFacts facts = soundFacts();
   facts.volume->dirty.reset();

@@ -103,6 +103,14 @@ std::optional<std::string> mountPointOf(const std::string& device) {
   return path ? std::optional<std::string>(path->path()) : std::nullopt;
 }
 
+DevicePlace placeOf(const std::string& device) {
+  const SessionAndDisk opened = openDisk(device);
+  DevicePlace place;
+  place.name = ownName(device, *opened.disk);
+  if (const std::optional<URL> path = opened.disk->volumePath()) place.mountPoint = path->path();
+  return place;
+}
+
 std::string folderOfVolume(const std::string& volume, const std::optional<std::string>& state) {
   std::error_code unreadable;
   if (std::filesystem::is_directory(volume, unreadable)) return volume;

@@ -34,11 +34,12 @@ FileFact missing() {
 VolumeLook::VolumeLook(const std::string& slice) {
   std::optional<Dissenter> refusal;
   try {
-    if (const auto path = mountPointOf(slice)) {
-      root_.emplace(*path, isCaseBlindDevice(slice));
+    const DevicePlace place = placeOf(slice);
+    if (place.mountPoint) {
+      root_.emplace(*place.mountPoint, isCaseBlindDevice(slice));
       return;
     }
-    volume_ = platform().volumeMirrors->openToRead(bsdNameOf(slice), refusal);
+    volume_ = platform().volumeMirrors->openToRead(place.name, refusal);
   } catch (const Failure& failure) {
     reason_ = failure.what();
     return;
