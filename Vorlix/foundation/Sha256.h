@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// SHA-256 (FIPS 180-4), for journals and the names of backups. Nothing secret goes through it.
+/// SHA-256 (FIPS 180-4), for journals. Nothing secret goes through it.
 #pragma once
 
 #include <Vorlix/foundation/Export.h>

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
 /// A change to a disk as a value: which bytes change on which opened devices, and why. Describing a change writes
-/// nothing; applyChange() makes it, with a journal, so that a change that is cut off can be finished or put back.
+/// nothing. applyChange() makes it, with a journal, so that an interrupted change can be finished and a finished one
+/// can be undone (KeptChange.h).
 #pragma once
 
 #include <Vorlix/foundation/Export.h>
@@ -49,15 +50,32 @@ struct ChangeFailure {
   std::string state;  ///< what was and what was not written, kNothingWritten included
 };
 
+/// Where the journal of a change is kept after the change.
+struct ChangeBackup {
+  enum class Place {
+    none,         ///< nowhere: the change cannot be undone
+    stateFolder,  ///< beside the journals in the user's state folder
+    folder        ///< in `folder`, which is created if it is missing
+  };
+  Place place = Place::none;
+  std::string folder;
+};
+
 /// Makes a change, or leaves the devices as they were.
 ///
-/// 1. What stands on the devices is compared with `before`; a difference refuses the change.
-/// 2. Both images are journalled and synced (Journal.h).
+/// 1. The bytes on the devices are compared with `before`; a difference refuses the change.
+/// 2. Both images are journalled and synced. A backup in a folder of the caller's choice is complete before step 3.
 /// 3. Runs that change are written in order, the devices are synced, and the runs are read back from the medium.
-/// 4. The journal is removed.
+/// 4. The journal becomes the backup, or is removed.
 ///
-/// Where step 3 fails, what was written is put back. Where that fails as well the journal stays, and the next command
-/// on the disk finishes the change. @return absent when the change is on the medium.
+/// If step 3 fails, what was written is restored. If that fails as well, the journal stays, and the next command on
+/// the disk finishes the change.
+/// @param kept  receives the folder of the backup; empty if none was asked for or nothing changes.
+/// @return absent when the change is on the medium.
+VORLIX_EXPORT std::optional<ChangeFailure> applyChange(const DiskChange& change, const ChangeBackup& backup,
+                                                       std::string& kept);
+
+/// Does the same without a backup.
 VORLIX_EXPORT std::optional<ChangeFailure> applyChange(const DiskChange& change);
 
 /// A change that a process began and did not finish.
@@ -66,15 +84,16 @@ struct InterruptedChange {
   std::string journal;  ///< folder of its journal
 };
 
-/// The changes of this user that were cut off on the disk behind `device`. Writes nothing.
+/// Returns this user's interrupted changes of the disk behind `device`. Writes nothing.
 VORLIX_EXPORT std::vector<InterruptedChange> interruptedChanges(DeviceHandle& device);
 
-/// Settles those changes before anything else is written to the disk: finishes what was begun, and drops the journal
-/// of what was not. `device` is the whole disk or a slice, open for reading and writing; `name` is its name.
+/// Settles those changes before anything else is written to the disk: finishes a change that was begun, and removes the
+/// journal of one that was not. `device` is the whole disk or a slice, open for reading and writing; `name` is its
+/// name.
 ///
-/// Refused while the process that began a change still runs, and where the bytes on the disk are neither those before
-/// nor those after the change, since somebody else wrote there meanwhile.
-/// @param finished  gets the titles of the changes that were finished.
+/// Fails while the process that began a change still runs, and if the bytes on the disk are neither those before nor
+/// those after the change, because somebody else wrote there meanwhile.
+/// @param finished  receives the titles of the changes that were finished.
 VORLIX_EXPORT std::optional<ChangeFailure> settleInterruptedChanges(const std::string& name, DeviceHandle& device,
                                                                     std::vector<std::string>& finished);
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <Vorlix/platform/DiskArbitration.h>
+#include <Vorlix/platform/DiskChange.h>
 
 #include <cstdint>
 #include <memory>
@@ -49,13 +50,15 @@ class UnmountedVolume {
   /// How many bytes a file of that path can have, the room of the one that is there included.
   virtual uint64_t roomFor(const std::string& file) const = 0;
 
-  /// Gives a file other content, or makes one, with a journal, so that the old or the new one stands there whole
-  /// whatever happens, and compares it with what then stands on the medium. A new file is in a folder, not in the
-  /// root; kDissentUnsupported where only the mounted volume can be given one of that name.
-  /// @param state  what stands on the disk after a failure; empty where nothing was written.
+  /// Replaces the content of a file, or makes one, with a journal, so that an interruption leaves the whole old or the
+  /// whole new file, and compares it with what is then on the medium. A new file is in a folder, not in the root;
+  /// kDissentUnsupported if only the mounted volume can be given one of that name.
+  /// @param backup  where the journal is kept
+  /// @param kept    receives the folder of the backup; empty if there is none
+  /// @param state   receives what is on the disk after a failure; empty if nothing was written
   /// @return why it was not written; absent for success.
   virtual std::optional<Dissenter> write(const std::string& file, const std::vector<uint8_t>& bytes,
-                                         std::string& state) = 0;
+                                         const ChangeBackup& backup, std::string& kept, std::string& state) = 0;
 };
 
 class VolumeMirrors {

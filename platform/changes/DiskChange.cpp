@@ -2,6 +2,7 @@
 #include <Vorlix/platform/DiskChange.h>
 #include <Vorlix/platform/Platform.h>
 #include "Journal.h"
+#include "JournalFolder.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -45,10 +46,7 @@ class Application {
   // Makes the change, whatever part of it stands there already. A journal that `stays` may be another disk's, too.
   std::optional<ChangeFailure> finish(bool stays = false) {
     auto failure = put(Image::after);
-    if (!failure) {
-      if (!stays) journal_.remove();
-      return std::nullopt;
-    }
+    if (!failure) return stays ? std::nullopt : journal_.finish();
     // A write may end anywhere, so that each byte is looked at by itself.
     Standing standing = Standing::mixed;
     const bool isForeign = !look(standing, 1) && standing == Standing::foreign;
@@ -286,7 +284,7 @@ bool isDiskThere(const Journal& journal) {
 }
 
 bool isStillThere(const std::string& folder) {
-  const std::vector<std::string> folders = journalFolders();
+  const std::vector<std::string> folders = journalsInStateFolder();
   return std::find(folders.begin(), folders.end(), folder) != folders.end();
 }
 
@@ -332,14 +330,34 @@ bool DiskChange::empty() const {
   return true;
 }
 
-std::optional<ChangeFailure> applyJournal(Journal& journal, const std::vector<DeviceHandle*>& handles) {
-  return Application(journal, handles).run();
+std::optional<ChangeFailure> applyJournal(Journal& journal, const std::vector<DeviceHandle*>& handles,
+                                          const ChangeBackup& backup, std::string& kept) {
+  kept.clear();
+  if (backup.place == ChangeBackup::Place::folder) {
+    if (auto failure = journal.copyTo(backup.folder, kept)) {
+      journal.remove();
+      return failure;
+    }
+  }
+  const std::string folder = journal.folder();
+  auto failure = Application(journal, handles).run();
+  if (failure && !kept.empty() && !isStillThere(folder)) removeJournal(std::exchange(kept, ""));
+  if (failure || backup.place != ChangeBackup::Place::stateFolder) return failure;
+  kept = journal.folder();
+  removeOldBackups();
+  return std::nullopt;
 }
 
 std::optional<ChangeFailure> applyChange(const DiskChange& change) {
+  std::string kept;
+  return applyChange(change, {}, kept);
+}
+
+std::optional<ChangeFailure> applyChange(const DiskChange& change, const ChangeBackup& backup, std::string& kept) {
+  kept.clear();
   if (change.empty()) return std::nullopt;
   std::unique_ptr<JournalWriter> writer;
-  if (auto failure = JournalWriter::begin(change.title, writer)) return failure;
+  if (auto failure = JournalWriter::begin(change.title, backup, writer)) return failure;
   std::vector<DeviceHandle*> handles;
   for (const DeviceChange& device : change.devices) {
     const auto identity = device.handle->identity();
@@ -353,14 +371,14 @@ std::optional<ChangeFailure> applyChange(const DiskChange& change) {
   }
   std::unique_ptr<Journal> journal;
   if (auto failure = writer->commit(journal)) return failure;
-  return applyJournal(*journal, handles);
+  return applyJournal(*journal, handles, backup, kept);
 }
 
 std::vector<InterruptedChange> interruptedChanges(DeviceHandle& device) {
   std::vector<InterruptedChange> found;
   const auto identity = device.identity();
   if (!identity) return found;
-  for (const std::string& folder : journalFolders()) {
+  for (const std::string& folder : journalsInStateFolder()) {
     std::optional<ChangeFailure> failure;
     const auto journal = Journal::open(folder, failure);
     if (!journal && isStillThere(folder)) found.push_back({"of a journal that cannot be read", folder});
@@ -374,7 +392,7 @@ std::optional<ChangeFailure> settleInterruptedChanges(const std::string& name, D
                                                       std::vector<std::string>& finished) {
   const auto identity = device.identity();
   if (!identity) return ChangeFailure{name, std::strerror(errno), kNothingWritten};
-  for (const std::string& folder : journalFolders()) {
+  for (const std::string& folder : journalsInStateFolder()) {
     std::optional<ChangeFailure> damaged;
     const auto journal = Journal::open(folder, damaged);
     if (!journal && isStillThere(folder)) {

@@ -74,7 +74,9 @@ class FatToRead final : public FatFiles {
  public:
   FatToRead(OpenedDevice device, FatVolume volume) : FatFiles(std::move(volume)), device_(std::move(device)) {}
 
-  std::optional<Dissenter> write(const std::string& file, const std::vector<uint8_t>&, std::string& state) override {
+  std::optional<Dissenter> write(const std::string& file, const std::vector<uint8_t>&, const ChangeBackup&,
+                                 std::string& kept, std::string& state) override {
+    kept.clear();
     state.clear();
     return dissenterFor(EROFS, file);
   }
@@ -90,16 +92,17 @@ class UnmountedFat final : public FatFiles {
   UnmountedFat(MirrorPlace place, VolumeDevice device, FatVolume volume)
       : FatFiles(std::move(volume)), place_(std::move(place)), device_(std::move(device)) {}
 
-  std::optional<Dissenter> write(const std::string& file, const std::vector<uint8_t>& bytes,
-                                 std::string& state) override {
+  std::optional<Dissenter> write(const std::string& file, const std::vector<uint8_t>& bytes, const ChangeBackup& backup,
+                                 std::string& kept, std::string& state) override {
+    kept.clear();
     state.clear();
     FatFileChange change;
     if (Refusal refusal = plan(file, bytes, change)) return refusal;
     const FatSectors all = change.all();
     if (Refusal refusal = checkFatFileChange(FatSource(source(), all), volume_, file, bytes)) return refusal;
     std::unique_ptr<Journal> journal;
-    if (Refusal refusal = writeJournal(file, change, journal)) return refusal;
-    if (auto failure = applyJournal(*journal, {&device_.handle()})) {
+    if (Refusal refusal = writeJournal(file, change, backup, journal)) return refusal;
+    if (auto failure = applyJournal(*journal, {&device_.handle()}, backup, kept)) {
       if (failure->state != kNothingWritten) state = std::exchange(failure->state, "");
       return Dissenter{kDissentError, failure->subject + ": " + failure->reason};
     }
@@ -121,12 +124,14 @@ class UnmountedFat final : public FatFiles {
     return makeFatFile(source(), volume_, *folder, file.substr(slash + 1), bytes, now, change);
   }
 
-  Refusal writeJournal(const std::string& file, const FatFileChange& change, std::unique_ptr<Journal>& journal) {
+  Refusal writeJournal(const std::string& file, const FatFileChange& change, const ChangeBackup& backup,
+                       std::unique_ptr<Journal>& journal) {
     const auto identity = device_.handle().identity();
     if (!identity) return dissenterFor(errno, device_.name());
     std::unique_ptr<JournalWriter> writer;
     const std::string name = file.substr(file.rfind('/') + 1);
-    if (auto failure = JournalWriter::begin(name + " on " + device_.name(), writer)) return dissenterFor(*failure);
+    if (auto failure = JournalWriter::begin(name + " on " + device_.name(), backup, writer))
+      return dissenterFor(*failure);
     const size_t device = writer->addDevice(device_.name(), *identity);
     const std::pair<const FatSectors&, std::string> parts[] = {
         {change.content, name}, {change.folders, "the folder of " + name}, {change.tables, "the allocation tables"}};

@@ -153,7 +153,7 @@ Refusal copyUsedParts(const OpenVolume& from, const std::string& path, Descripto
 Refusal writeJournal(const OpenVolume& medium, const OpenVolume& copy, const std::string& device,
                      const DeviceIdentity& identity, const std::string& name, std::unique_ptr<Journal>& journal) {
   std::unique_ptr<JournalWriter> writer;
-  if (auto failure = JournalWriter::begin("files of " + name, writer)) return dissenterFor(*failure);
+  if (auto failure = JournalWriter::begin("files of " + name, {}, writer)) return dissenterFor(*failure);
   Difference difference(medium, copy, *writer, writer->addDevice(device, identity));
   const Parts parts = partsOf(copy.volume);
   if (Refusal refusal = difference.add(parts.content, "files of " + name)) return refusal;

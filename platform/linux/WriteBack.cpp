@@ -106,7 +106,8 @@ class WriteBack {
     const std::string name = state_.folder.substr(state_.folder.rfind('/') + 1);
     std::unique_ptr<Journal> journal;
     if (Refusal refusal = writeJournal(medium_, copy, device_.name(), *identity, name, journal)) return refusal;
-    if (const auto failure = applyJournal(*journal, {&device_.handle()})) return dissenterFor(*failure);
+    std::string noBackup;
+    if (const auto failure = applyJournal(*journal, {&device_.handle()}, {}, noBackup)) return dissenterFor(*failure);
     static_cast<void>(setWritten());  // where this fails, what was saved before tells the same with the volume's digest
     return std::nullopt;
   }

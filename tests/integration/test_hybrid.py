@@ -4,7 +4,7 @@
 import os
 import re
 
-from support import gpt, images, tools
+from support import backups, gpt, images, tools
 from support.macs import MAC, WINDOWS, WINDOWS_FIRST, WINDOWS_SIZE, ImageTest
 
 
@@ -322,80 +322,59 @@ class DryRun(ImageTest):
 
 
 class Backup(ImageTest):
-    def test_saves_the_old_bytes_and_putting_them_back_undoes_all(self):
+    def test_saves_the_old_bytes_and_dd_restores_them(self):
         path, folder = self.mac_image(), self.path("saved")
-        os.mkdir(folder)
         digest = images.content_hash(path)
         mbr, volume = gpt.read_at(path, 0, 512), gpt.read_at(path, WINDOWS_FIRST * 512, 512)
         self.hybrid(path, WINDOWS, "--backup", folder)
         self.assertNotEqual(images.content_hash(path), digest)
-        second = WINDOWS_SIZE - 512
-        saved = self.saved(folder)
-        self.assertEqual(sorted(saved), [("mac.img", 0), ("mac.imgs3", 0), ("mac.imgs3", second)])
-        for place, old in ((("mac.img", 0), mbr), (("mac.imgs3", 0), volume), (("mac.imgs3", second), volume)):
-            with open(saved[place], "rb") as file:
-                self.assertEqual(file.read(), old)
-        images.run_tool("dd", f"if={saved['mac.img', 0]}", f"of={path}", "conv=notrunc")
-        for offset in (0, second):
-            images.run_tool("dd", f"if={saved['mac.imgs3', offset]}", f"of={path}", "bs=512",
-                            f"seek={WINDOWS_FIRST + offset // 512}", "conv=notrunc")
+        (backup,) = backups.folders(folder)
+        self.assertEqual(backups.old_bytes(backup), {("mac.img", 0): mbr, ("mac.imgs3", 0): volume,
+                                                     ("mac.imgs3", WINDOWS_SIZE - 512): volume})
+        for command in backups.restore_by_hand(backup):
+            images.run_tool(*command, f"of={path}")
         self.assertEqual(images.content_hash(path), digest)
-
-    def saved(self, folder):
-        """The files of a backup by device and byte offset. Fails if the folder holds other files."""
-        found = {}
-        for name in os.listdir(folder):
-            device, offset, number = re.fullmatch(r"(.+)-[0-9a-f]{8}-(\d+)((?:\.\d+)?)\.bin", name).groups()
-            found[device, int(offset), *([number] if number else [])] = os.path.join(folder, name)
-        return found
 
     def test_files_are_the_users_alone(self):
         path, folder = self.mac_image(), self.path("saved")
         self.hybrid(path, WINDOWS, "--backup", folder)
-        for name in os.listdir(folder):
-            self.assertEqual(os.stat(os.path.join(folder, name)).st_mode & 0o777, 0o600)
+        self.assertTrue(backups.is_the_users_alone(backups.folders(folder)[0]))
 
-    def test_two_disks_of_one_name_do_not_meet(self):
-        folder = self.path("saved")
-        for place in ("one", "two"):
-            os.mkdir(self.path(place))
-            self.hybrid(self.mac_image(os.path.join(place, "mac.img")), WINDOWS, "--backup", folder)
-        self.assertEqual(len(os.listdir(folder)), 6)
-
-    def test_what_is_saved_already_is_not_saved_again(self):
-        """After an interrupted run, its backup remains. The same bytes get no second file; other bytes do."""
+    def test_each_run_has_a_backup_of_its_own(self):
         path, folder = self.mac_image(), self.path("saved")
-        untouched = self.path("untouched.img")
-        images.sparse_copy(path, untouched)
-        self.hybrid(path, WINDOWS, "--backup", folder)
-        names = sorted(os.listdir(folder))
-        before = {name: images.snapshot(os.path.join(folder, name)) for name in names}
-        images.sparse_copy(untouched, path)
-        self.hybrid(path, WINDOWS, "--backup", folder)
-        self.assertEqual(sorted(os.listdir(folder)), names)
-        self.hybrid(path, WINDOWS, "--backup", folder)
-        self.assertEqual(sorted(self.saved(folder)),
-                         [("mac.img", 0), ("mac.imgs3", 0), ("mac.imgs3", 0, ".2"), ("mac.imgs3", WINDOWS_SIZE - 512),
-                          ("mac.imgs3", WINDOWS_SIZE - 512, ".2")])
-        self.assertEqual({name: images.snapshot(os.path.join(folder, name)) for name in names}, before)
+        before = []
+        for _ in range(3):  # each gives the volume a new serial
+            before.append(gpt.read_at(path, WINDOWS_FIRST * 512, 512))
+            self.hybrid(path, WINDOWS, "--backup", folder)
+        self.assertEqual([backups.old_bytes(backup)["mac.imgs3", 0] for backup in backups.folders(folder)], before)
 
-    def test_what_has_such_a_name_is_left_alone(self):
+    def test_other_files_in_the_folder_are_left_alone(self):
+        """A folder without a manifest is no leftover of ours, whatever it is called."""
         path, folder = self.mac_image(), self.path("saved")
+        for name in ("mine", "mine.new", "20261122T010203", "20261122T010203.000000000-x.new"):
+            os.makedirs(os.path.join(folder, name))
+            with open(os.path.join(folder, name, "before.bin"), "wb") as file:
+                file.write(b"mine")
         self.hybrid(path, WINDOWS, "--backup", folder)
-        name = next(name for name in os.listdir(folder) if name.startswith("mac.img-"))
-        other = os.path.join(folder, name)
+        self.assertEqual(len(os.listdir(folder)), 5)
+        for name in ("mine", "mine.new", "20261122T010203", "20261122T010203.000000000-x.new"):
+            with open(os.path.join(folder, name, "before.bin"), "rb") as file:
+                self.assertEqual(file.read(), b"mine")
+
+    def test_a_backup_that_an_interrupted_run_left_incomplete_is_removed(self):
+        path, folder = self.mac_image(), self.path("saved")
+        os.makedirs(os.path.join(folder, "20261122T010203.000000000-7.new"))
+        with open(os.path.join(folder, "20261122T010203.000000000-7.new", "before.bin"), "wb") as file:
+            file.write(bytes(512))
+        self.hybrid(path, WINDOWS, "--backup", folder)
+        self.assertEqual(len(backups.folders(folder)), 1)
+
+    def test_nothing_to_write_makes_no_backup(self):
+        path, folder = self.mac_image(), self.path("saved")
         self.vorlix_ok("hybrid", path, "--boot-code", self.boot_code, "--guard")
-        for make in (lambda: os.symlink("/etc/hostname", other), lambda: os.mkfifo(other), lambda: os.mkdir(other)):
-            images.run_tool("rm", "-rf", folder)
-            os.mkdir(folder)
-            make()
-            status = os.lstat(other)
-            self.vorlix_ok("hybrid", path, "--boot-code", self.boot_code, "--guard", "--force", "--backup", folder)
-            self.assertEqual(os.listdir(folder), [name])  # the run had nothing to write
-            gpt.write_at(path, 446, b"\x80")
-            self.vorlix_ok("hybrid", path, "--boot-code", self.boot_code, "--guard", "--backup", folder)
-            self.assertEqual(sorted(self.saved(folder)), [("mac.img", 0), ("mac.img", 0, ".2")])
-            self.assertEqual(os.lstat(other), status)
+        result = self.vorlix_ok("hybrid", path, "--boot-code", self.boot_code, "--guard", "--backup", folder)
+        self.assertFalse(os.path.exists(folder))
+        self.assertNotIn("undo", result.stdout)
 
     def test_with_a_file_in_the_place_of_the_folder_nothing_is_written(self):
         path = self.mac_image()
@@ -407,9 +386,8 @@ class Backup(ImageTest):
 
     def test_a_guard_mbr_saves_sector_0_alone(self):
         path, folder = self.mac_image(), self.path("saved")
-        os.mkdir(folder)
         self.vorlix_ok("hybrid", path, "--boot-code", self.boot_code, "--guard", "--backup", folder)
-        self.assertEqual(sorted(self.saved(folder)), [("mac.img", 0)])
+        self.assertEqual(list(backups.old_bytes(backups.folders(folder)[0])), [("mac.img", 0)])
 
 
 if __name__ == "__main__":

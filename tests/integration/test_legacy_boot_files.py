@@ -115,7 +115,7 @@ class LegacyBootTest(volumes.VolumeTest):
             self.give(path)
 
     def legacy_boot(self, volume, store=None):
-        return self.vorlix_run("legacy-boot", volume, "--bcd", store or self.store)
+        return self.vorlix_run("legacy-boot", volume, "--bcd", store or self.store, "--no-backup")
 
     def set_up_ok(self, volume):
         result = self.legacy_boot(volume)

@@ -7,7 +7,7 @@ import os
 import re
 import unittest
 
-from support import images, samples, tools, volumes
+from support import backups, images, samples, tools, volumes
 from test_boot_store import BOOT_TREE, STORE, StoreTest, identifiers, patched, random_bytes, template_bytes
 
 MISSING = volumes.missing("sgdisk", "sfdisk", "blkid", "mkfs.vfat", "fsck.vfat", "mmd", "mcopy", "mdir", "setpriv", "strace")
@@ -46,8 +46,7 @@ class Counted(StoreTest):
                 self.assert_without_mirror(lines, disk)
                 self.assert_store(disk, patched(template_bytes(), "standard", identifiers(disk)), {**BOOT_TREE, STORE: old})
                 self.assertEqual(volumes.hash_outside_efi(disk), outside)
-                with open(os.path.join(saved, os.listdir(saved)[0]), "rb") as copy:
-                    self.assertEqual(copy.read(), old)
+                self.assertEqual(len(backups.folders(saved)), 1)
 
     def test_a_new_store_is_made_without_a_mirror(self):
         disk = self.mac()

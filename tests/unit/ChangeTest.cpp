@@ -2,11 +2,13 @@
 //
 // Changes to disks: made whole or not at all, and what becomes of one that was cut off.
 #include <Vorlix/platform/DiskChange.h>
+#include <Vorlix/platform/KeptChange.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include "platform/changes/Journal.h"
+#include "platform/changes/JournalFolder.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -125,7 +127,7 @@ class ChangeTest : public testing::Test {
   std::unique_ptr<Journal> committed(const DiskChange& change) const {
     std::unique_ptr<JournalWriter> writer;
     std::unique_ptr<Journal> journal;
-    EXPECT_FALSE(JournalWriter::begin(change.title, writer));
+    EXPECT_FALSE(JournalWriter::begin(change.title, {}, writer));
     for (const DeviceChange& device : change.devices) {
       const size_t index = writer->addDevice(device.device, *device.handle->identity());
       for (const ByteChange& one : device.bytes) {
@@ -171,7 +173,7 @@ TEST_F(ChangeTest, IsJournalledBeforeTheFirstWrite) {
   disk->beforeWrite = [&] {
     seen = journals();
     std::optional<ChangeFailure> failure;
-    const auto journal = Journal::open(journalFolders().front(), failure);
+    const auto journal = Journal::open(journalsInStateFolder().front(), failure);
     sameAsItself = journal && journal->title() == change.title && journal->runs().size() == 2 && !journal->lock();
     return 0;
   };
@@ -463,13 +465,145 @@ TEST_F(ChangeTest, AFinishingThatFailsSaysWhatStands) {
   EXPECT_EQ(journals().size(), 1U);
 }
 
+// ------------------------------------------------------------------------------------------------------------ backups
+
+const ChangeBackup kInStateFolder = {ChangeBackup::Place::stateFolder, ""};
+
+// What undoes a change, as a change to the devices that it was made on.
+DiskChange undoOf(const std::string& folder, const std::vector<std::shared_ptr<HookedHandle>>& handles) {
+  KeptChange kept;
+  EXPECT_FALSE(readKeptChange(folder, kept));
+  for (size_t i = 0; i < handles.size(); ++i) kept.undo.devices[i].handle = handles[i];
+  return kept.undo;
+}
+
+TEST_F(ChangeTest, TheJournalBecomesTheBackupFromWhichTheChangeIsUndone) {
+  std::string kept;
+  EXPECT_FALSE(applyChange(twoWrites(), kInStateFolder, kept));
+  EXPECT_EQ(wholeDisk(), expectedDisk(true, true));
+  EXPECT_THAT(journals(), IsEmpty());
+  EXPECT_THAT(keptChanges(), ElementsAre(kept));
+  EXPECT_FALSE(applyChange(undoOf(kept, {disk, slice})));
+  EXPECT_EQ(wholeDisk(), expectedDisk(false, false));
+  dropKeptChange(kept);
+  EXPECT_THAT(keptChanges(), IsEmpty());
+}
+
+TEST_F(ChangeTest, ABackupSaysWhereItsDevicesAreOnTheirDisk) {
+  std::string folder;
+  EXPECT_FALSE(applyChange(twoWrites(), kInStateFolder, folder));
+  KeptChange kept;
+  ASSERT_FALSE(readKeptChange(folder, kept));
+  EXPECT_THAT(kept.offsets, ElementsAre(0U, kSlice));
+  EXPECT_EQ(kept.title, "hybrid MBR of disk0");
+  EXPECT_EQ(kept.undo.devices[1].device, "disk0s3");
+  EXPECT_EQ(kept.undo.devices[1].bytes[0].offset, 28U);
+  EXPECT_EQ(kept.undo.devices[1].bytes[0].before, Bytes(4, kNew));
+  EXPECT_EQ(kept.undo.devices[1].bytes[0].after, Bytes(4, kOld));
+  EXPECT_EQ(kept.begun.size(), std::strlen("2026-11-22T01:02:03Z"));
+}
+
+TEST_F(ChangeTest, ABackupInAFolderIsCompleteBeforeTheFirstWrite) {
+  const ChangeBackup backup = {ChangeBackup::Place::folder, stateFolder() + "/saved"};
+  DiskChange change = twoWrites();
+  bool isComplete = false;
+  disk->beforeWrite = [&] {
+    for (const auto& entry : fs::directory_iterator(backup.folder)) {
+      KeptChange kept;
+      isComplete = !readKeptChange(entry.path().string(), kept) && kept.undo.devices.size() == 2;
+    }
+    return 0;
+  };
+  std::string kept;
+  EXPECT_FALSE(applyChange(change, backup, kept));
+  EXPECT_TRUE(isComplete);
+  EXPECT_EQ(fs::path(kept).parent_path(), backup.folder);
+  EXPECT_THAT(keptChanges(), IsEmpty());
+}
+
+TEST_F(ChangeTest, AChangeThatIsNotMadeLeavesNoBackup) {
+  for (const ChangeBackup& backup :
+       {kInStateFolder, ChangeBackup{ChangeBackup::Place::folder, stateFolder() + "/saved"}}) {
+    DiskChange change = twoWrites();
+    slice->beforeWrite = failing(1);
+    std::string kept;
+    EXPECT_TRUE(applyChange(change, backup, kept));
+    EXPECT_EQ(wholeDisk(), expectedDisk(false, false));
+    EXPECT_EQ(kept, "");
+    EXPECT_THAT(keptChanges(), IsEmpty());
+    EXPECT_TRUE(backup.folder.empty() || fs::is_empty(backup.folder));
+    slice.reset();
+    disk.reset();
+  }
+}
+
+TEST_F(ChangeTest, ABackupThatCannotBeMadeRefusesTheChange) {
+  const std::string file = stateFolder() + "/file";
+  std::ofstream(file) << "no folder";
+  std::string kept;
+  const auto failure = applyChange(twoWrites(), {ChangeBackup::Place::folder, file}, kept);
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->state, "nothing was written");
+  EXPECT_THAT(machine.writes(), IsEmpty());
+  EXPECT_THAT(journals(), IsEmpty());
+}
+
+TEST_F(ChangeTest, AnInterruptedChangeThatIsFinishedLaterHasItsBackupThen) {
+  const DiskChange change = twoWrites();
+  std::unique_ptr<JournalWriter> writer;
+  std::unique_ptr<Journal> journal;
+  ASSERT_FALSE(JournalWriter::begin(change.title, kInStateFolder, writer));
+  const size_t index = writer->addDevice("disk0", *disk->identity());
+  ASSERT_FALSE(writer->add(index, 0, Bytes(1024, kOld), Bytes(1024, kNew), "two sectors"));
+  ASSERT_FALSE(writer->commit(journal));
+  journal.reset();
+  slice.reset();
+  disk.reset();
+  machine.setBytes("disk0", 0, Bytes(512, kNew));
+  EXPECT_FALSE(settle());
+  EXPECT_THAT(finished, ElementsAre(change.title));
+  EXPECT_THAT(journals(), IsEmpty());
+  ASSERT_EQ(keptChanges().size(), 1U);
+  disk = open("disk0");
+  EXPECT_FALSE(applyChange(undoOf(keptChanges().front(), {disk})));
+  EXPECT_EQ(wholeDisk(), expectedDisk(false, false));
+}
+
+TEST_F(ChangeTest, FilesOfAVolumeAreKeptWithTheirOldContent) {
+  const std::string hash(64, 'a');
+  const std::vector<FileChange> files = {{"disk0s3", "/boot", true, std::nullopt, ""},
+                                         {"disk0s3", "/boot/BCD", false, std::nullopt, hash},
+                                         {"disk0s3", "/bootmgr", false, Bytes{1, 2, 3}, hash}};
+  std::string folder;
+  ASSERT_FALSE(keepFileChanges("files", files, kInStateFolder, folder));
+  KeptChange kept;
+  ASSERT_FALSE(readKeptChange(folder, kept));
+  ASSERT_EQ(kept.files.size(), 3U);
+  EXPECT_TRUE(kept.files[0].isFolder);
+  EXPECT_EQ(kept.files[1].before, std::nullopt);
+  EXPECT_EQ(kept.files[1].after, hash);
+  EXPECT_EQ(kept.files[2].before, (Bytes{1, 2, 3}));
+  EXPECT_EQ(kept.files[2].path, "/bootmgr");
+  EXPECT_FALSE(keepFileChanges("files", files, {}, folder));
+  EXPECT_EQ(folder, "");
+}
+
+TEST_F(ChangeTest, APathOutOfTheVolumeIsADamagedBackup) {
+  for (const std::string path : {"boot", "/", "/boot/../../etc/passwd", "/.."}) {
+    std::string folder;
+    ASSERT_FALSE(keepFileChanges("files", {{"disk0s3", path, true, std::nullopt, ""}}, kInStateFolder, folder));
+    KeptChange kept;
+    EXPECT_TRUE(readKeptChange(folder, kept)) << path;
+  }
+}
+
 // ------------------------------------------------------------------------------------------------------------ writers
 
 TEST_F(ChangeTest, AJournalThatIsNotCommittedLeavesNothing) {
   std::unique_ptr<JournalWriter> writer;
-  ASSERT_FALSE(JournalWriter::begin("dropped", writer));
+  ASSERT_FALSE(JournalWriter::begin("dropped", {}, writer));
   EXPECT_EQ(journals().size(), 1U);
-  EXPECT_THAT(journalFolders(), IsEmpty());
+  EXPECT_THAT(journalsInStateFolder(), IsEmpty());
   writer.reset();
   EXPECT_THAT(journals(), IsEmpty());
 }

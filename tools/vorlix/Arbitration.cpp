@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Arbitration.h"
 
+#include <Vorlix/platform/MountedVolumes.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/RunLoop.h>
 
@@ -101,6 +102,13 @@ std::optional<std::string> mountPointOf(const std::string& device) {
   const SessionAndDisk opened = openDisk(device);
   const std::optional<URL> path = opened.disk->volumePath();
   return path ? std::optional<std::string>(path->path()) : std::nullopt;
+}
+
+std::string deviceMountedAt(const std::string& folder) {
+  for (const MountedVolume& volume : platform().mountedVolumes->volumes()) {
+    if (volume.mountPath == folder) return volume.mountedFrom;
+  }
+  return {};
 }
 
 DevicePlace placeOf(const std::string& device) {

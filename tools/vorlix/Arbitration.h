@@ -40,6 +40,9 @@ std::string mediaContentOf(const std::string& device);
 /// Returns the folder where the device's volume is mounted; absent if it is not mounted.
 std::optional<std::string> mountPointOf(const std::string& device);
 
+/// Returns the device of the volume that is mounted at a folder; empty if none is.
+std::string deviceMountedAt(const std::string& folder);
+
 /// Returns the name of a device and the folder where its volume is mounted, by one look-up. Throws Failure for an
 /// unknown device.
 struct DevicePlace {

@@ -1,26 +1,49 @@
 // SPDX-License-Identifier: Apache-2.0
+//
+// Where a command keeps what it replaces, so that `vorlix undo` can restore it.
 #pragma once
 
-#include <cstdint>
-#include <span>
+#include <Vorlix/platform/KeptChange.h>
+
+#include <CLI/App.hpp>
+#include <memory>
 #include <string>
+#include <vector>
 
 namespace vorlix::tool {
 
-/// Saves bytes of a device in a file in `folder`. The file's name consists of the device's file name, eight digits of
-/// the SHA-256 of the device's full name (for an image file its absolute path), and the byte offset, as in
-/// `mac.img-1f3a5c7e-0.bin`. @return the file's path.
-///
-/// Creates the folder if it is missing. The file is complete and synced before it gets its name and before the call
-/// returns. If a file of that name has the same bytes, it is kept and returned. If it has other bytes, it is kept, and
-/// the new file gets a number: `mac.img-1f3a5c7e-0.2.bin`. Only the user can read the new file. Throws Failure.
-std::string saveBytes(const std::string& folder, const std::string& device, uint64_t offset,
-                      std::span<const uint8_t> bytes);
+/// What the user chose by --backup and --no-backup.
+struct BackupChoice {
+  std::string folder;
+  bool isOff = false;
+};
 
-/// Does the same with the given file name.
-std::string saveNamed(const std::string& folder, const std::string& name, std::span<const uint8_t> bytes);
+/// Adds the two options to a command. The choice outlives the command line's parsing.
+std::shared_ptr<BackupChoice> addBackupOptions(CLI::App& command);
 
-/// Returns the part of such a file name that identifies the device: `mac.img-1f3a5c7e`.
-std::string backupNameOf(const std::string& device);
+ChangeBackup changeBackup(const BackupChoice& choice);
+
+/// Returns what people give to `vorlix undo` for a backup: its name if it is in the state folder, else its path.
+std::string undoArgument(const std::string& kept);
+
+/// Prints how to undo what was done. Prints nothing if `kept` is empty.
+void printUndo(const std::string& kept);
+
+/// A backup of files of a mounted volume, made before they change. It is removed again unless the change is made.
+class FileBackup {
+ public:
+  /// Throws Failure.
+  FileBackup(const std::string& title, const std::vector<FileChange>& files, const BackupChoice& choice);
+  ~FileBackup();
+  FileBackup(const FileBackup&) = delete;
+  FileBackup& operator=(const FileBackup&) = delete;
+
+  /// A part of the change may be on the medium from now on. @return the folder of the backup; empty if there is none.
+  const std::string& keep();
+
+ private:
+  std::string kept_;
+  bool isNeeded_ = false;
+};
 
 }  // namespace vorlix::tool

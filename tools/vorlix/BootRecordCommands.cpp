@@ -100,7 +100,7 @@ struct RestoreOptions {
   std::string device;
   bool dryRun = false;
   bool force = false;
-  std::string backupFolder;
+  std::shared_ptr<BackupChoice> backup;
 };
 
 // Whether what a file holds can start a volume. Boot records of different systems have no text or code in common, but
@@ -130,21 +130,17 @@ ByteVector bootAreaOf(DeviceHandle& handle, const std::string& device) {
 
 DiskChange planRestore(const RestoreOptions& options, const std::shared_ptr<DeviceHandle>& handle,
                        const ByteVector& saved) {
-  const ByteVector area = bootAreaOf(*handle, options.device);
-  const ByteVector before(area.begin() + kBootCodeOffset, area.end());
+  const ByteVector before = bootAreaOf(*handle, options.device);
+  ByteVector after = before;
+  std::copy(saved.begin(), saved.end(), after.begin() + kBootCodeOffset);
   return {"boot record of " + options.device,
-          {{options.device, handle, {{kBootCodeOffset, before, saved, "boot code of the volume"}}}}};
+          {{options.device, handle, {{0, before, after, "boot code of the volume"}}}}};
 }
 
 void printDryRun(const RestoreOptions& options, const DiskChange& change) {
-  const DeviceChange& device = change.devices.front();
-  ByteVector before = readDevice(*device.handle, options.device, 0, kBootCodeOffset);
-  ByteVector after = before;
-  const ByteChange& run = device.bytes.front();
-  before.insert(before.end(), run.before.begin(), run.before.end());
-  after.insert(after.end(), run.after.begin(), run.after.end());
+  const ByteChange& run = change.devices.front().bytes.front();
   std::printf("Dry run: nothing is opened for writing.\n\n%s, bytes 84 to 8191:\n%s", printable(options.device).c_str(),
-              change.empty() ? "  no byte would change\n" : differenceText(before, after, 0).c_str());
+              change.empty() ? "  no byte would change\n" : differenceText(run.before, run.after, 0).c_str());
 }
 
 // NTFS keeps a copy of its first sector in the last one of its partition, for repair by hand; nothing starts from it.
@@ -170,18 +166,15 @@ void restoreVBR(const RestoreOptions& options, const ByteVector& saved) {
   const auto handle = openToChange(options.device, around);
   const DiskChange change = planRestore(options, handle, saved);
   const ByteVector area = bootAreaOf(*handle, options.device);
-  if (!options.backupFolder.empty()) {
-    std::printf("Saved      %s\n", printable(saveBytes(options.backupFolder, options.device, 0, area)).c_str());
-    std::fflush(stdout);
-  }
   const bool hadCopy = hasSecondCopy(*handle, area);
-  applyOrFail(change);
+  const std::string kept = applyOrFail(change, changeBackup(*options.backup));
   std::printf("Restored   bytes 84 to 8191 of %s, read back; bytes 0 to 83 are its own\n",
               printable(options.device).c_str());
   const size_t inFirstSector = kSectorSize - kBootCodeOffset;
   if (hadCopy && !std::equal(saved.begin(), saved.begin() + inFirstSector, area.begin() + kBootCodeOffset)) {
     std::printf("Left       the copy of the first sector in the last one, which is no copy any more\n");
   }
+  printUndo(kept);
 }
 
 }  // namespace
@@ -205,7 +198,7 @@ void addBootRecordCommands(CLI::App& app, int& status) {
   restore->add_option("FILE", restoring->file, "The saved boot record, 8108 bytes")->required();
   restore->add_option("DEVICE", restoring->device, "The volume; it is unmounted first")->required();
   restore->add_flag("--dry-run", restoring->dryRun, "Show the bytes that would change; open nothing for writing");
-  restore->add_option("--backup", restoring->backupFolder, "Folder for the boot area as it is now, saved before");
+  restoring->backup = addBackupOptions(*restore);
   restore->add_flag("--force", restoring->force,
                     "Take a file that does not look like a boot record, and a damaged GPT");
   restore->callback([restoring, &status] {

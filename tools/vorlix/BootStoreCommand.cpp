@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/StoreSlots.h>
+#include <Vorlix/foundation/Sha256.h>
 #include <Vorlix/platform/DeviceFile.h>
 #include <Vorlix/platform/DiskChange.h>
 #include <Vorlix/platform/Platform.h>
@@ -25,7 +26,7 @@
 #include "Files.h"
 #include "Identity.h"
 #include "LibraryLog.h"
-#include "MountedEFI.h"
+#include "MountedSlice.h"
 #include "Text.h"
 #include "UnmountedFile.h"
 #include "VolumeFolder.h"
@@ -47,7 +48,7 @@ struct StoreOptions {
   int32_t mode = 0;
   bool dryRun = false;
   bool force = false;
-  std::string backupFolder;
+  std::shared_ptr<BackupChoice> backup;
 };
 
 struct StorePlan {
@@ -110,12 +111,6 @@ void finishInterruptedChanges(const std::string& slice) {
   if (!interruptedChanges(*handle).empty()) openToChange(slice);
 }
 
-void saveOld(const StoreOptions& options, const StorePlan& plan, const ByteVector& old) {
-  const std::string saved = saveNamed(options.backupFolder, backupNameOf(plan.efi) + "-BCD", old);
-  std::printf("Saved      %s\n", printable(saved).c_str());
-  std::fflush(stdout);
-}
-
 bool isSameFile(const struct stat& item, const std::string& path) {
   struct stat other = {};
   return stat(path.c_str(), &other) == 0 && item.st_dev == other.st_dev && item.st_ino == other.st_ino;
@@ -129,22 +124,24 @@ void checkRoom(uint64_t free, const StorePlan& plan, const std::optional<ByteVec
 }
 
 // The old store stays until the new one takes its name, but for a mirrored volume, where the disk is changed at once.
-void checkRoom(const MountedEFI& efi, const StorePlan& plan, const std::optional<ByteVector>& old) {
+void checkRoom(const MountedSlice& efi, const StorePlan& plan, const std::optional<ByteVector>& old) {
   const std::optional<uint64_t> space = efi.freeSpace();
   if (space) checkRoom(*space + (efi.isMirror() && old ? old->size() : 0), plan, old);
 }
 
-// @return whether the store that is there was another one.
-bool putStore(const StoreOptions& options, const StorePlan& plan, UnmountedFile& file) {
-  if (file.old() == plan.store) return false;
+// What was done with the store.
+struct StoreResult {
+  bool isWritten = false;  // else the volume had it already
+  std::string kept;        // folder of the backup
+};
+
+StoreResult putStore(const StoreOptions& options, const StorePlan& plan, UnmountedFile& file) {
+  if (file.old() == plan.store) return {};
   checkRoom(file.room(), plan, file.old());
-  if (!options.backupFolder.empty() && file.old()) saveOld(options, plan, *file.old());
-  file.replaceBy(plan.store);
-  return true;
+  return {true, file.replaceBy(plan.store, changeBackup(*options.backup))};
 }
 
-// @return whether the store that is there was another one.
-bool putStore(const StoreOptions& options, const StorePlan& plan, const MountedEFI& efi) {
+StoreResult putStore(const StoreOptions& options, const StorePlan& plan, const MountedSlice& efi) {
   const VolumeFolder folder =
       VolumeFolder(efi.path(), isCaseBlindDevice(plan.efi)).folder("EFI").folder("Microsoft").folder("Boot");
   const std::optional<std::string> spelled = folder.find(kStoreName);
@@ -156,35 +153,41 @@ bool putStore(const StoreOptions& options, const StorePlan& plan, const MountedE
     old = folder.content(name, kLargestStore);
   }
   FileReplacement replacement(folder, name);
-  if (old == plan.store) return false;
+  if (old == plan.store) return {};
   checkRoom(efi, plan, old);
-  if (!options.backupFolder.empty() && old) saveOld(options, plan, *old);
-  replacement.replaceBy(plan.store);
-  return true;
+  FileChange change;
+  change.volume = plan.efi;
+  change.path = folder.pathOf(name).substr(efi.path() == "/" ? 0 : efi.path().size());
+  change.before = old;
+  change.after = sha256(plan.store);
+  FileBackup backup("boot configuration store of " + plan.disk, {change}, *options.backup);
+  // A failure behind this line may leave the new store.
+  replacement.replaceBy(plan.store, [&] { backup.keep(); });
+  return {true, backup.keep()};
 }
 
-// @return whether the store that is there was another one.
-bool putStore(const StoreOptions& options, const StorePlan& plan) {
+StoreResult putStore(const StoreOptions& options, const StorePlan& plan) {
   if (const auto file = UnmountedFile::open(plan.efi, kStoreFolder, kStoreName, kLargestStore)) {
     return putStore(options, plan, *file);
   }
-  MountedEFI efi(plan.efi);
-  const bool isOther = putStore(options, plan, efi);
+  MountedSlice efi(plan.efi);
+  const StoreResult result = putStore(options, plan, efi);
   efi.finish("the new store");
-  return isOther;
+  return result;
 }
 
 void writeStore(const StoreOptions& options, const StorePlan& plan) {
   finishInterruptedChanges(plan.efi);
-  const bool isOther = putStore(options, plan);
+  const StoreResult result = putStore(options, plan);
   const std::string disk = printable(options.disk);
-  if (isOther) {
+  if (result.isWritten) {
     std::printf("Store      written to slice 1 of %s and read back\n", disk.c_str());
   } else {
     std::printf("Store      on slice 1 of %s already, not written\n", disk.c_str());
   }
   std::printf("Partition  %s\nDisk       %s\n", guidText(plan.identity.partitionGUID->data()).c_str(),
               guidText(plan.identity.diskGUID->data()).c_str());
+  printUndo(result.kept);
 }
 
 }  // namespace
@@ -202,7 +205,7 @@ void addBootStoreCommand(CLI::App& app, int& status) {
       ->required()
       ->transform(CLI::CheckedTransformer(kModes));
   command->add_flag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
-  command->add_option("--backup", options->backupFolder, "Folder for the store that is replaced, saved before");
+  options->backup = addBackupOptions(*command);
   command->add_flag("--force", options->force,
                     "Take a template that does not look like one for the mode, and a damaged GPT");
   command->callback([options, &status] {

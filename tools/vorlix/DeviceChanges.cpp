@@ -17,11 +17,6 @@ namespace {
 
 bool finishedOne = false;
 
-[[noreturn]] void fail(const ChangeFailure& failure) {
-  if (failure.state == kNothingWritten) throw Failure(failure.subject, failure.reason);
-  throw Failure(failure.subject, failure.reason, failure.state);
-}
-
 [[noreturn]] void failToOpen(const std::string& device, int reason) {
   if (reason == EWOULDBLOCK) throw Failure(device, "locked by another process");
   if (reason == ENOENT) {
@@ -63,8 +58,15 @@ bool finishedEarlierChange() {
   return finishedOne;
 }
 
-void applyOrFail(const DiskChange& change) {
-  if (const auto failure = applyChange(change)) fail(*failure);
+std::string applyOrFail(const DiskChange& change, const ChangeBackup& backup) {
+  std::string kept;
+  if (const auto failure = applyChange(change, backup, kept)) fail(*failure);
+  return kept;
+}
+
+void fail(const ChangeFailure& failure) {
+  if (failure.state == kNothingWritten) throw Failure(failure.subject, failure.reason);
+  throw Failure(failure.subject, failure.reason, failure.state);
 }
 
 }  // namespace vorlix::tool

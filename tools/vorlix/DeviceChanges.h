@@ -28,7 +28,11 @@ std::shared_ptr<DeviceHandle> openToChange(const std::string& device, const Disk
 /// the disk, and yet something was written.
 bool finishedEarlierChange();
 
-/// Makes the change. Throws Failure, which says what was and what was not written.
-void applyOrFail(const DiskChange& change);
+/// Makes the change. @return the folder of its backup; empty if there is none. Throws Failure, which says what was and
+/// what was not written.
+std::string applyOrFail(const DiskChange& change, const ChangeBackup& backup);
+
+/// Throws the failure as the commands report it.
+[[noreturn]] void fail(const ChangeFailure& failure);
 
 }  // namespace vorlix::tool

@@ -35,7 +35,7 @@ FileReplacement::~FileReplacement() {
   complain(folder_.pathOf(aside_) + ": cannot be removed: " + std::strerror(errno) + "; the next run tries again");
 }
 
-void FileReplacement::replaceBy(const ByteVector& bytes) {
+void FileReplacement::replaceBy(const ByteVector& bytes, const std::function<void()>& placed) {
   const std::optional<struct stat> old = folder_.statusOf(name_);
   const std::string state = old ? "the old one stands there unchanged" : "none was made";
   constexpr mode_t kMode = 0666;  // less the process's umask
@@ -49,6 +49,7 @@ void FileReplacement::replaceBy(const ByteVector& bytes) {
     throw Failure(folder_.pathOf(name_), std::strerror(errno), state);
   }
   isAside_ = false;
+  placed();
   const char* const kUnsure = "the new one stands there, but may not be on the medium";
   folder_.sync(kUnsure);
   if (platform().filesInPlace->syncFileSystem(folder_.descriptor()) != 0) {

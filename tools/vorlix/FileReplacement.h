@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "Files.h"
@@ -23,9 +24,10 @@ class FileReplacement {
   FileReplacement(const FileReplacement&) = delete;
   FileReplacement& operator=(const FileReplacement&) = delete;
 
-  /// Writes the file aside, brings it to the medium, compares what is read back, and gives it the name. Throws Failure,
-  /// which says what stands there.
-  void replaceBy(const ByteVector& bytes);
+  /// Writes the content to a temporary name, syncs it, compares what is read back, and renames it. Throws Failure,
+  /// which says what is there.
+  /// @param placed  called once the new file has its name, which a later failure does not take back
+  void replaceBy(const ByteVector& bytes, const std::function<void()>& placed);
 
  private:
   const VolumeFolder& folder_;

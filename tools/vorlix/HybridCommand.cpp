@@ -25,7 +25,6 @@ struct HybridOptions {
   HybridRequest request;
   std::string type;
   bool dryRun = false;
-  std::string backupFolder;
 };
 
 std::string rowText(const Sector& sector, size_t offset, const Field& unknown) {
@@ -110,18 +109,6 @@ void printDryRun(const HybridPlan& plan) {
   printNotes(plan);
 }
 
-void saveBackup(const HybridPlan& plan, const std::string& folder) {
-  const auto save = [&](const std::string& device, uint64_t offset, const Sector& bytes) {
-    std::printf("Saved      %s\n", printable(saveBytes(folder, device, offset, bytes)).c_str());
-  };
-  if (plan.changesMBR()) save(plan.disk.device, 0, plan.disk.sector0);
-  if (!plan.volume || !plan.volume->isPatched) return;
-  save(plan.volume->name, 0, plan.volume->before);
-  for (const SecondBootSector& second : plan.volume->seconds) {
-    if (second.isCopy) save(plan.volume->name, second.offset, second.now);
-  }
-}
-
 void printDone(const HybridPlan& plan) {
   if (plan.changesMBR()) {
     std::printf("MBR        written to %s and read back (%s)\n", printable(plan.disk.device).c_str(),
@@ -142,15 +129,15 @@ void printDone(const HybridPlan& plan) {
   printNotes(plan);
 }
 
-void apply(const HybridPlan& plan, const HybridOptions& options) {
-  if (!options.backupFolder.empty()) saveBackup(plan, options.backupFolder);
-  std::fflush(stdout);
+// Returns the folder of the backup.
+std::string apply(const HybridPlan& plan, const BackupChoice& choice) {
   const LibraryLog log;
   const std::string& disk = plan.disk.device;
   const std::string volume = plan.volume ? plan.volume->name : "no volume";
   logLine(("Writing the hybrid MBR of " + disk + " and the boot sector of " + volume + "\n").c_str());
-  applyOrFail(plan.change());
+  const std::string kept = applyOrFail(plan.change(), changeBackup(choice));
   logLine(("The hybrid MBR of " + disk + " is on the medium\n").c_str());
+  return kept;
 }
 
 }  // namespace
@@ -175,8 +162,8 @@ void addHybridCommand(CLI::App& app, int& status) {
   command->add_flag("--guard", request.guard, "Write a standard guard (protective) MBR; leave the volume alone");
   command->add_flag("--force", request.force, "Go on with a damaged GPT, or a volume or boot code that looks wrong");
   command->add_flag("--dry-run", options->dryRun, "Show the bytes that would change; open nothing for writing");
-  command->add_option("--backup", options->backupFolder, "Folder for the sectors about to change, saved before");
-  command->callback([options, partition, bootCode, &status] {
+  const auto backup = addBackupOptions(*command);
+  command->callback([options, backup, partition, bootCode, &status] {
     if (partition->empty() && !options->request.guard) throw CLI::RequiredError("--partition");
     if (!bootCode->empty() && options->request.bootCode.empty())
       throw CLI::ValidationError("--boot-code", "names no file");
@@ -188,8 +175,9 @@ void addHybridCommand(CLI::App& app, int& status) {
       status = plan.changesMBR() || plan.changesVolume() ? kChangeNeeded : kDone;
       return;
     }
-    apply(plan, *options);
+    const std::string kept = apply(plan, *backup);
     printDone(plan);
+    printUndo(kept);
     status = kDone;
   });
 }

@@ -52,7 +52,7 @@ std::optional<std::string> bootFolderOf(const VolumeFolder& root, bool caseBlind
 }
 
 // Returns whether anything was copied, or in a dry run would be copied.
-bool setUp(const LegacyBootOptions& options) {
+bool setUp(const LegacyBootOptions& options, const BackupChoice& choice) {
   std::error_code error;
   const std::string path = std::filesystem::canonical(folderOfVolume(options.volume), error).string();
   if (error) throw Failure(options.volume, error.message(), kNothingCopied);
@@ -79,7 +79,7 @@ bool setUp(const LegacyBootOptions& options) {
     std::printf("copying %s to %s\n", printable(item.source).c_str(), printable(item.destination).c_str());
   }
   std::fflush(stdout);
-  if (!options.dryRun && !plan.items.empty()) copyLegacyBootFiles(root, plan);
+  if (!options.dryRun && !plan.items.empty()) printUndo(copyLegacyBootFiles(root, plan, choice));
   return !plan.items.empty();
 }
 
@@ -92,8 +92,9 @@ void addLegacyBootCommand(CLI::App& app, int& status) {
   command->add_option("VOLUME", options->volume, "Folder where the volume is mounted, or its device")->required();
   command->add_option("--bcd", options->store, "Boot configuration store to copy to boot/BCD")->required();
   command->add_flag("--dry-run", options->dryRun, "Show what would be copied; copy nothing");
-  command->callback([options, &status] {
-    const bool changes = setUp(*options);
+  const auto backup = addBackupOptions(*command);
+  command->callback([options, backup, &status] {
+    const bool changes = setUp(*options, *backup);
     status = options->dryRun && changes ? kChangeNeeded : kDone;
   });
 }

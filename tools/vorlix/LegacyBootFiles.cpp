@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "LegacyBootFiles.h"
 
+#include <Vorlix/foundation/Sha256.h>
 #include <Vorlix/platform/Descriptor.h>
 #include <Vorlix/platform/FileCopy.h>
 #include <Vorlix/platform/FilesInPlace.h>
@@ -18,8 +19,10 @@
 #include <optional>
 #include <system_error>
 
+#include "Arbitration.h"
 #include "Complaint.h"
 #include "Failure.h"
+#include "Files.h"
 #include "NewFile.h"
 #include "Text.h"
 
@@ -31,6 +34,7 @@ namespace fs = std::filesystem;
 constexpr const char* kTemporary = "vorlix-legacy-boot.new";
 constexpr const char* kBoot = "boot";
 constexpr const char* kNothingCopied = "nothing was copied";
+constexpr size_t kLargestFile = size_t{256} * 1024 * 1024;
 
 // One item of the layout and what the volume has of it.
 struct Row {
@@ -145,6 +149,35 @@ bool isBelow(const std::string& path, const std::string& folder) {
   return path.starts_with(folder + "/");
 }
 
+// Adds a file, or a folder with all that is in it. Links are left out: a source that is one was refused.
+void addChanges(const fs::path& copy, const std::string& volume, const std::string& path,
+                std::vector<FileChange>& changes) {
+  std::error_code error;
+  const fs::file_status status = fs::symlink_status(copy, error);
+  FileChange change;
+  change.volume = volume;
+  change.path = path;
+  change.isFolder = fs::is_directory(status);
+  if (fs::is_regular_file(status)) change.after = sha256(readFile(copy.string(), kLargestFile));
+  if (change.isFolder || fs::is_regular_file(status)) changes.push_back(change);
+  if (!change.isFolder) return;
+  for (fs::directory_iterator entry(copy, error); entry != fs::directory_iterator(); entry.increment(error)) {
+    addChanges(entry->path(), volume, path + "/" + entry->path().filename().string(), changes);
+  }
+  if (error) throw Failure(copy.string(), error.message(), kNothingCopied);
+}
+
+// What appears on the volume when copies take their places.
+std::vector<FileChange> changesOf(const VolumeFolder& root, const std::vector<LegacyBootItem>& moves) {
+  const std::string device = deviceMountedAt(root.path());
+  const size_t above = device.empty() || root.path() == "/" ? 0 : root.path().size();
+  std::vector<FileChange> changes;
+  for (const LegacyBootItem& move : moves) {
+    addChanges(move.source, device, move.destination.substr(above), changes);
+  }
+  return changes;
+}
+
 }  // namespace
 
 LegacyBootPlan planLegacyBoot(const VolumeFolder& root, const std::string& store) {
@@ -169,7 +202,7 @@ LegacyBootPlan planLegacyBoot(const VolumeFolder& root, const std::string& store
   return plan;
 }
 
-void copyLegacyBootFiles(const VolumeFolder& root, const LegacyBootPlan& plan) {
+std::string copyLegacyBootFiles(const VolumeFolder& root, const LegacyBootPlan& plan, const BackupChoice& choice) {
   const TemporaryFolder temporary(root);
   const std::string boot = root.pathOf(kBoot);
   const bool isBootNew = !plan.items.empty() && plan.items.front().destination == boot;
@@ -186,10 +219,12 @@ void copyLegacyBootFiles(const VolumeFolder& root, const LegacyBootPlan& plan) {
   syncTree(temporary.path());
   std::stable_partition(moves.begin(), moves.end(),
                         [&](const LegacyBootItem& move) { return move.destination != boot; });
+  FileBackup backup("files for a legacy start on " + root.path(), changesOf(root, moves), choice);
   std::string state = kNothingCopied;
   for (const LegacyBootItem& move : moves) {
     if (takeFreeName(move.source, move.destination) != 0) throw Failure(move.destination, std::strerror(errno), state);
     state = "some of the files are in place; run the command again to copy the rest";
+    backup.keep();
     const Descriptor parent(
         open(fs::path(move.destination).parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!parent || syncFolder(parent.get()) != 0) throw Failure(move.destination, std::strerror(errno), state);
@@ -197,6 +232,7 @@ void copyLegacyBootFiles(const VolumeFolder& root, const LegacyBootPlan& plan) {
   if (platform().filesInPlace->syncFileSystem(root.descriptor()) != 0) {
     throw Failure(root.path(), std::strerror(errno), "all files are in place, but may be lost on a power failure");
   }
+  return backup.keep();
 }
 
 void removeLegacyBootLeftovers(const VolumeFolder& root) {

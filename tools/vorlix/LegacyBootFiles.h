@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "Backup.h"
 #include "VolumeFolder.h"
 
 namespace vorlix::tool {
@@ -28,7 +29,8 @@ LegacyBootPlan planLegacyBoot(const VolumeFolder& root, const std::string& store
 
 /// Copies the items to a temporary folder on the volume, syncs them and renames them into place. The folder "boot",
 /// whose presence shows that the volume is set up, comes last and is complete. Throws Failure.
-void copyLegacyBootFiles(const VolumeFolder& root, const LegacyBootPlan& plan);
+/// @return the folder of the backup, which lists what was made; empty if there is none.
+std::string copyLegacyBootFiles(const VolumeFolder& root, const LegacyBootPlan& plan, const BackupChoice& choice);
 
 /// Removes the temporary folder of an interrupted set-up. Throws Failure, also if another process is using the folder.
 void removeLegacyBootLeftovers(const VolumeFolder& root);

@@ -62,10 +62,11 @@ void UnmountedFile::findFile(const std::string& name, size_t limit) {
   if (const auto refusal = volume_->read(path_, old_.emplace())) throw Failure(placeOf(path_), reasonText(*refusal));
 }
 
-void UnmountedFile::replaceBy(const ByteVector& bytes) {
+std::string UnmountedFile::replaceBy(const ByteVector& bytes, const ChangeBackup& backup) {
+  std::string kept;
   std::string state;
-  const auto refusal = volume_->write(path_, bytes, state);
-  if (!refusal) return;
+  const auto refusal = volume_->write(path_, bytes, backup, kept, state);
+  if (!refusal) return kept;
   if (state.empty()) state = old_ ? "the old one stands there unchanged" : "none was made";
   throw Failure(placeOf(path_), reasonText(*refusal), state);
 }

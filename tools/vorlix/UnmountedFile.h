@@ -26,8 +26,9 @@ class UnmountedFile {
   /// How many bytes the file can have.
   uint64_t room() const { return volume_->roomFor(path_); }
 
-  /// Writes the file and compares what then stands on the medium. Failures say what stands there.
-  void replaceBy(const ByteVector& bytes);
+  /// Writes the file and compares what is then on the medium. Failures say what is there.
+  /// @return the folder of the backup; empty if there is none.
+  std::string replaceBy(const ByteVector& bytes, const ChangeBackup& backup);
 
  private:
   UnmountedFile() = default;

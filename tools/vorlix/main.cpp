@@ -49,6 +49,7 @@ const std::vector<Commands>& allCommands() {
       {addBootStoreCommand, {"bcd"}},
       {addBootRecordCommands, {"vbr", "boot-code"}},
       {addLegacyBootCommand, {"legacy-boot"}},
+      {addUndoCommand, {"undo"}},
       {addRunCommand, {"run"}},
       {addImageSizeCommand, {"image-size"}},
       {addArchiveCommand, {"archive"}},

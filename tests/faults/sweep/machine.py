@@ -131,11 +131,14 @@ class Case:
         return any(not name.endswith((".new", ".done")) for name in names)
 
     def left_over(self):
-        """Files that should not remain: those in the state folder, the runtime folder and the temporary folder."""
+        """Files that should not remain: those in the state folder, the runtime folder and the temporary folder. A
+        complete backup of a change remains."""
         found = []
         for place in (self.state, self.runtime, self.path("tmp")):
             for folder, _, files in os.walk(place):
-                found += [os.path.join(folder, name) for name in files]
+                is_backup = os.path.dirname(folder) == os.path.join(self.state, "backups") and "manifest.json" in files
+                if not is_backup or folder.endswith((".new", ".done")):
+                    found += [os.path.join(folder, name) for name in files]
         return found
 
 

@@ -121,7 +121,7 @@ class HybridWithBackup(Hybrid):
         if samples.read(self.disk(case), 0, media.SECTOR) == first:
             return []
         for content in media.tree_of(case.path("out")).values():
-            if content is not None and content[: media.SECTOR] == first:
+            if content is not None and first in (content[at : at + media.SECTOR] for at in range(0, len(content), 512)):
                 return []
         return ["the backup does not hold the sector 0 that was there"]
 
@@ -181,6 +181,25 @@ class RestoreBootRecord(OnDisk):
             "volume's own parameters": (first, media.PARAMETERS),
             "boot record": (first + media.PARAMETERS, media.BOOT_AREA - media.PARAMETERS),
         })
+
+
+class Undo(RestoreBootRecord):
+    """Taking a restored boot record back from its backup."""
+
+    name = "undo"
+
+    def set_up(self, case, vorlix):
+        super().set_up(case, vorlix)
+        restore = [*super().command(case, vorlix), "--backup", self.backups(case)]
+        subprocess.run(restore, stdin=subprocess.DEVNULL, capture_output=True, timeout=self.seconds, check=True,
+                       **case.options())
+
+    def backups(self, case):
+        return case.path("home", "saved")
+
+    def command(self, case, vorlix):
+        (name,) = os.listdir(self.backups(case))
+        return [vorlix, "undo", os.path.join(self.backups(case), name)]
 
 
 # ----------------------------------------------------------------------------------------------------------- FAT volumes
@@ -362,5 +381,5 @@ class LegacyBoot(Scenario):
         return [name for name in names if os.path.isfile(name)], names
 
 
-SCENARIOS = (Hybrid, HybridWithBackup, SaveBootRecord, RestoreBootRecord, SaveBootCode, NewStore, ReplacedStore,
+SCENARIOS = (Hybrid, HybridWithBackup, SaveBootRecord, RestoreBootRecord, Undo, SaveBootCode, NewStore, ReplacedStore,
              NewStoreAsRoot, ReplacedStoreAsRoot, Mount, Unmount, UnmountWithChanges, LegacyBoot)

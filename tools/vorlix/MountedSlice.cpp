@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "MountedEFI.h"
+#include "MountedSlice.h"
 
 #include <Vorlix/platform/MountedVolumes.h>
 #include <Vorlix/platform/Platform.h>
@@ -24,7 +24,8 @@ bool isMountPoint(const std::string& path) {
 
 }  // namespace
 
-MountedEFI::MountedEFI(std::string slice) : slice_(std::move(slice)), wasMounted_(mountPointOf(slice_).has_value()) {
+MountedSlice::MountedSlice(std::string slice)
+    : slice_(std::move(slice)), wasMounted_(mountPointOf(slice_).has_value()) {
   if (!wasMounted_) {
     if (const auto refusal = tryMount(slice_, true)) throw Failure(slice_, reasonText(*refusal));
   }
@@ -34,7 +35,7 @@ MountedEFI::MountedEFI(std::string slice) : slice_(std::move(slice)), wasMounted
   isMirror_ = !isMountPoint(path_);
 }
 
-MountedEFI::~MountedEFI() {
+MountedSlice::~MountedSlice() {
   if (wasMounted_ || isDone_) return;
   try {
     if (const auto refusal = tryUnmount(slice_)) complain(slice_ + ": stays mounted: " + reasonText(*refusal));
@@ -43,7 +44,7 @@ MountedEFI::~MountedEFI() {
   }
 }
 
-std::optional<uint64_t> MountedEFI::freeSpace() const {
+std::optional<uint64_t> MountedSlice::freeSpace() const {
   if (!isMirror_) {
     struct statvfs status = {};
     if (statvfs(path_.c_str(), &status) != 0 || status.f_blocks == 0) return std::nullopt;
@@ -55,7 +56,7 @@ std::optional<uint64_t> MountedEFI::freeSpace() const {
   return std::nullopt;
 }
 
-void MountedEFI::finish(const std::string& change) {
+void MountedSlice::finish(const std::string& change) {
   isDone_ = true;
   if (wasMounted_ && !isMirror_) return;
   const std::optional<Dissenter> refusal = tryUnmount(slice_);

@@ -6,18 +6,18 @@
 
 namespace vorlix::tool {
 
-/// The EFI System Partition, mounted for reading and writing while a command changes files on it.
+/// A volume, mounted for reading and writing while a command changes files on it.
 ///
-/// A volume that the kernel has is left mounted if it was before. One that is mirrored in a folder changes on its disk
-/// only when it is unmounted, so that is what finish() does in any case.
-class MountedEFI {
+/// A volume that the kernel had mounted before stays mounted. A mirrored volume changes on its disk only when it is
+/// unmounted, so finish() always unmounts it.
+class MountedSlice {
  public:
   /// Mounts the slice unless it is mounted. Throws Failure.
-  explicit MountedEFI(std::string slice);
+  explicit MountedSlice(std::string slice);
   /// Unmounts what it mounted; a refusal is told on standard error.
-  ~MountedEFI();
-  MountedEFI(const MountedEFI&) = delete;
-  MountedEFI& operator=(const MountedEFI&) = delete;
+  ~MountedSlice();
+  MountedSlice(const MountedSlice&) = delete;
+  MountedSlice& operator=(const MountedSlice&) = delete;
 
   const std::string& path() const { return path_; }
   bool isMirror() const { return isMirror_; }

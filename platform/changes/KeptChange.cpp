@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/platform/KeptChange.h>
+#include "Journal.h"
+#include "JournalFolder.h"
+
+#include <memory>
+#include <utility>
+
+namespace vorlix {
+namespace {
+
+constexpr uint64_t kLargestBackup = uint64_t{1} << 30;  // what readKeptChange() takes into memory
+constexpr size_t kBackupsInStateFolder = 100;
+
+using Image = Journal::Image;
+
+std::optional<ChangeFailure> checkSize(const Journal& journal) {
+  uint64_t size = 0;
+  for (const JournalRun& run : journal.runs()) size += 2 * run.length;
+  for (const JournalFile& file : journal.manifest().files) {
+    size = file.length > kLargestBackup ? kLargestBackup + 1 : size + file.length;
+    if (size > kLargestBackup) break;
+  }
+  if (size <= kLargestBackup) return std::nullopt;
+  return ChangeFailure{journal.folder(), "the backup is larger than 1 GiB", kNothingWritten};
+}
+
+}  // namespace
+
+std::optional<ChangeFailure> keepFileChanges(const std::string& title, const std::vector<FileChange>& files,
+                                             const ChangeBackup& backup, std::string& kept) {
+  kept.clear();
+  if (backup.place == ChangeBackup::Place::none) return std::nullopt;
+  std::unique_ptr<JournalWriter> writer;
+  if (auto failure = JournalWriter::beginBackup(title, backup, writer)) return failure;
+  for (const FileChange& file : files) {
+    if (auto failure = writer->add(file)) return failure;
+  }
+  std::unique_ptr<Journal> journal;
+  if (auto failure = writer->commit(journal)) return failure;
+  kept = journal->folder();
+  removeOldBackups();
+  return std::nullopt;
+}
+
+std::vector<std::string> keptChanges() {
+  return backupsInStateFolder();
+}
+
+std::optional<ChangeFailure> readKeptChange(const std::string& folder, KeptChange& kept) {
+  std::optional<ChangeFailure> failure;
+  const auto journal = Journal::open(folder, failure);
+  if (!journal || (failure = checkSize(*journal))) return failure;
+  kept = {folder, journal->title(), journal->manifest().begun, {"undo of " + journal->title(), {}}, {}, {}};
+  for (const JournalDevice& device : journal->devices()) {
+    kept.undo.devices.push_back({device.name, nullptr, {}});
+    kept.offsets.push_back(device.identity.offset);
+  }
+  for (const JournalRun& run : journal->runs()) {
+    ByteChange& change = kept.undo.devices[run.device].bytes.emplace_back();
+    change.offset = run.offset;
+    change.reason = run.reason;
+    if ((failure = journal->read(run, Image::after, change.before))) return failure;
+    if ((failure = journal->read(run, Image::before, change.after))) return failure;
+  }
+  for (const JournalFile& file : journal->manifest().files) {
+    FileChange& change = kept.files.emplace_back(file.change);
+    if (file.before.empty()) continue;
+    if ((failure = journal->read(file, change.before.emplace()))) return failure;
+  }
+  return std::nullopt;
+}
+
+void dropKeptChange(const std::string& folder) {
+  removeJournal(folder);
+}
+
+void removeOldBackups() {
+  std::vector<std::string> folders = backupsInStateFolder();
+  if (folders.size() <= kBackupsInStateFolder) return;
+  folders.resize(folders.size() - kBackupsInStateFolder);
+  for (const std::string& folder : folders) removeJournal(folder);
+}
+
+}  // namespace vorlix

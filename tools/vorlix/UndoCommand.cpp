@@ -1,0 +1,183 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/platform/KeptChange.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "Backup.h"
+#include "Commands.h"
+#include "Complaint.h"
+#include "DeviceChanges.h"
+#include "Failure.h"
+#include "Files.h"
+#include "LibraryLog.h"
+#include "Text.h"
+#include "UndoPlan.h"
+
+namespace vorlix::tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct UndoOptions {
+  std::string journal;
+  std::string on;
+  bool list = false;
+  bool json = false;
+  bool dryRun = false;
+};
+
+// Finds a backup by the path of its folder, or in the state folder by the beginning of its name.
+std::string folderOfBackup(const std::string& name) {
+  if (name.find('/') != std::string::npos) {
+    const fs::path path(name);
+    const fs::path folder = path.has_filename() ? path : path.parent_path();
+    std::error_code error;
+    if (fs::exists(folder / "manifest.json", error)) return folder.string();
+    throw Failure(name, error ? error.message() : "no backup: there is no manifest.json in it");
+  }
+  std::vector<std::string> found;
+  for (const std::string& folder : keptChanges()) {
+    if (fs::path(folder).filename().string().starts_with(name)) found.push_back(folder);
+  }
+  if (found.empty()) throw Failure(name, "no backup of that name; `vorlix undo --list` shows all");
+  if (found.size() > 1) throw Failure(name, "several backups begin with that name; `vorlix undo --list` shows all");
+  return found.front();
+}
+
+KeptChange readBackup(const std::string& folder) {
+  KeptChange kept;
+  if (const auto failure = readKeptChange(folder, kept)) fail(*failure);
+  return kept;
+}
+
+struct StateNames {
+  const char* code;
+  const char* text;
+};
+
+StateNames namesOfState(UndoState state) {
+  switch (state) {
+    case UndoState::undoable:
+      return {"undoable", "can be undone"};
+    case UndoState::undone:
+      return {"undone", "undone"};
+    case UndoState::changed:
+      return {"changed", "changed since"};
+    case UndoState::unreachable:
+      return {"unreachable", "not attached or not mounted"};
+  }
+  return {"unknown", "unknown"};
+}
+
+void printList(bool json) {
+  nlohmann::ordered_json changes = nlohmann::ordered_json::array();
+  std::vector<std::vector<std::string>> rows = {{"BACKUP", "CHANGE", "STATE"}};
+  for (const std::string& folder : keptChanges()) {
+    const std::string name = fs::path(folder).filename().string();
+    KeptChange kept;
+    if (const auto failure = readKeptChange(folder, kept)) {
+      complain(failure->subject + ": " + failure->reason);
+      continue;
+    }
+    const StateNames state = namesOfState(stateOf(kept));
+    rows.push_back({name, printable(kept.title), state.text});
+    changes.push_back(
+        {{"name", name}, {"folder", folder}, {"title", kept.title}, {"begun", kept.begun}, {"state", state.code}});
+  }
+  if (json) {
+    const nlohmann::ordered_json all = {{"version", 1}, {"changes", std::move(changes)}};
+    std::printf("%s\n", all.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace).c_str());
+  } else if (rows.size() == 1) {
+    std::printf("There are no backups.\n");
+  } else {
+    std::printf("%s", tableText(rows, "lll").c_str());
+  }
+}
+
+void printDryRun(const DeviceUndo& devices, const FileUndo& files) {
+  std::printf("Dry run: no disk is opened for writing.\n");
+  for (const DeviceChange& device : devices.change().devices) {
+    for (const ByteChange& run : device.bytes) {
+      std::printf("\n%s, %s, at byte %llu:\n%s", printable(device.device).c_str(), printable(run.reason).c_str(),
+                  static_cast<unsigned long long>(run.offset),
+                  differenceText(run.before, run.after, run.offset).c_str());
+    }
+  }
+  for (const FileUndo::Step& step : files.steps()) {
+    std::printf("%s would be %s\n", printable(step.path).c_str(), step.file->before ? "restored" : "removed");
+  }
+}
+
+// Says once what was restored on each device.
+void printRestored(const DeviceUndo& devices, const FileUndo& files) {
+  std::string previous;
+  for (const DeviceChange& device : devices.change().devices) {
+    for (const ByteChange& run : device.bytes) {
+      const std::string line = printable(device.device + ": " + run.reason);
+      if (line != previous) std::printf("Restored   %s\n", line.c_str());
+      previous = line;
+    }
+  }
+  for (auto step = files.steps().rbegin(); step != files.steps().rend(); ++step) {
+    std::printf("%s   %s\n", step->file->before ? "Restored" : "Removed ", printable(step->path).c_str());
+  }
+}
+
+// @return whether there was, or in a dry run would be, anything to undo.
+bool undo(const UndoOptions& options, const BackupChoice& choice) {
+  const KeptChange kept = readBackup(folderOfBackup(options.journal));
+  const LibraryLog log;  // look-ups write to it
+  DeviceUndo devices(kept, options.on, !options.dryRun);
+  FileUndo files(kept, options.on);
+  const bool isNeeded = !devices.change().empty() || !files.steps().empty();
+  if (!isNeeded) {
+    std::printf("Nothing to undo: the old content of %s is there\n", printable(kept.title).c_str());
+  } else if (options.dryRun) {
+    printDryRun(devices, files);
+  } else {
+    const std::string redo = applyOrFail(devices.change(), changeBackup(choice));
+    const std::vector<std::string> left = files.run();
+    printRestored(devices, files);
+    for (const std::string& folder : left)
+      std::printf("Left       %s, which has other files\n", printable(folder).c_str());
+    printUndo(redo);
+  }
+  if (!options.dryRun && undoArgument(kept.folder) != kept.folder) dropKeptChange(kept.folder);
+  return isNeeded;
+}
+
+}  // namespace
+
+void addUndoCommand(CLI::App& app, int& status) {
+  const auto options = std::make_shared<UndoOptions>();
+  CLI::App* const command =
+      app.add_subcommand("undo", "Restore what hybrid, bcd, vbr restore or legacy-boot replaced, from the backup");
+  CLI::Option* const journal = command->add_option(
+      "BACKUP", options->journal, "Name of a backup, or the beginning of it, or the path of its folder");
+  command->add_option("--on", options->on,
+                      "The whole disk, or for files the volume, that was changed (default: the name that it had then)");
+  command->add_flag("--dry-run", options->dryRun, "Show what would be restored; open no disk for writing");
+  CLI::Option* const list = command->add_flag("--list", options->list, "List the backups in the user's state folder");
+  command->add_flag("--json", options->json, "List them as JSON")->needs(list);
+  journal->excludes(list);
+  const auto backup = addBackupOptions(*command);
+  command->callback([options, backup, &status] {
+    if (options->list) {
+      const LibraryLog log;
+      printList(options->json);
+      status = kDone;
+      return;
+    }
+    if (options->journal.empty()) throw CLI::RequiredError("BACKUP");
+    const bool isNeeded = undo(*options, *backup);
+    status = options->dryRun && isNeeded ? kChangeNeeded : kDone;
+  });
+}
+
+}  // namespace vorlix::tool
