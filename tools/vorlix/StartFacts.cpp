@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "StartFacts.h"
 
+#include <Vorlix/Allocation.h>
 #include <Vorlix/PartitionRecords.h>
 
+#include <algorithm>
 #include <cstring>
+#include <span>
 #include <utility>
 
 #include "Arbitration.h"
@@ -51,12 +54,29 @@ void requireSamePlace(const DiskTables& disk, DeviceHandle& whole, DeviceHandle&
   throw Failure(name, "is not where the GPT of " + disk.device + " says");
 }
 
-void lookAtStartFiles(StartVolume& volume) {
+// The file system's own records say whether the volume is in a clean state. On a mounted volume they change meanwhile.
+void lookAtState(DeviceHandle& handle, const VolumeLook& look, StartVolume& volume) {
+  volume.hibernated = look.isHibernated();
+  if (look.isMounted()) {
+    volume.stateReason = "the volume is mounted";
+    return;
+  }
+  const auto read = [&](uint64_t offset, std::span<uint8_t> bytes) {
+    return static_cast<size_t>(std::max<ssize_t>(handle.readAt(bytes.data(), bytes.size(), offset), 0));
+  };
+  const Allocation allocation = readAllocation(read, handle.size().value_or(0));
+  if (allocation.fileSystem.empty()) {
+    volume.stateReason = allocation.doubt;
+  } else {
+    volume.doubt = allocation.doubt;
+  }
+}
+
+void lookAtStartFiles(DeviceHandle& handle, StartVolume& volume) {
   const VolumeLook look(volume.name);
   volume.bootManager = look.fact({"bootmgr"});
   volume.legacyStore = look.content({"boot", "BCD"}, kLargestStartStore);
-  volume.hibernated = look.isHibernated();
-  volume.stateReason = look.reason().empty() ? "not read from the file system" : look.reason();
+  lookAtState(handle, look, volume);
 }
 
 void lookAtVolume(const DiskTables& disk, DeviceHandle& whole, StartFacts& facts) {
@@ -76,7 +96,7 @@ void lookAtVolume(const DiskTables& disk, DeviceHandle& whole, StartFacts& facts
     readWhole(*handle, volume.name, second.sector, offset);
     volume.seconds.push_back(second);
   }
-  lookAtStartFiles(volume);
+  lookAtStartFiles(*handle, volume);
   facts.volume = std::move(volume);
 }
 

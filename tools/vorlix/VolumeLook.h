@@ -30,8 +30,7 @@ class VolumeLook {
   /// "hibr"). Absent if that cannot be seen.
   std::optional<bool> isHibernated() const;
 
-  /// Why nothing on the volume can be seen; empty if files can be.
-  const std::string& reason() const { return reason_; }
+  bool isMounted() const { return root_.has_value(); }
 
  private:
   FileFact look(const std::vector<std::string>& names, bool withContent, size_t limit) const;
