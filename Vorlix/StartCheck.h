@@ -18,7 +18,7 @@
 namespace vorlix {
 
 /// A file as far as it was looked at.
-struct VORLIX_EXPORT FileFact {
+struct FileFact {
   enum class Sight { unseen, missing, there };
 
   Sight sight = Sight::unseen;
@@ -27,7 +27,7 @@ struct VORLIX_EXPORT FileFact {
 };
 
 /// The volume that is to start.
-struct VORLIX_EXPORT StartVolume {
+struct StartVolume {
   struct Second {
     uint64_t offset = 0;  ///< bytes from the start of the volume
     Sector sector = {};
@@ -52,7 +52,7 @@ struct VORLIX_EXPORT StartVolume {
 };
 
 /// The EFI System Partition.
-struct VORLIX_EXPORT EFIVolume {
+struct EFIVolume {
   uint32_t partition = 0;  ///< its GPT entry; 0 if no entry has that type
   std::string name;        ///< for texts and commands
   FileFact bootManager;    ///< "EFI/Microsoft/Boot/bootmgfw.efi"
@@ -61,7 +61,7 @@ struct VORLIX_EXPORT EFIVolume {
 };
 
 /// What is known of a disk.
-struct VORLIX_EXPORT StartFacts {
+struct StartFacts {
   std::string disk;         ///< for texts and commands
   uint64_t blocks = 0;      ///< number of blocks
   uint64_t blockSize = 0;   ///< bytes
@@ -78,7 +78,7 @@ struct VORLIX_EXPORT StartFacts {
 /// if the MBR has more than a protective slot.
 enum class StartWay { automatic, legacy, efi, both };
 
-struct VORLIX_EXPORT StartFinding {
+struct StartFinding {
   enum class State {
     ok,
     note,    ///< may be wrong, and may be intended
@@ -107,7 +107,7 @@ struct VORLIX_EXPORT StartReport {
 VORLIX_EXPORT StartReport checkStart(const StartFacts& facts, StartWay way);
 
 /// Why the slots of an MBR cannot mirror GPT entries 1 to 4.
-struct VORLIX_EXPORT SlotObstacle {
+struct SlotObstacle {
   std::string code;  ///< "phantom-slot" or "slots-overlap"
   std::string text;
 };
