@@ -73,21 +73,6 @@ class VolumeMirrors {
     return nullptr;
   }
 
-  /// The whole of a file on a volume that is not mounted, for whoever may read the device. Nothing is mounted, locked
-  /// or written.
-  /// @param file   like "/EFI/Boot/name", in any spelling.
-  /// @param limit  bytes; a larger file is refused.
-  /// @return why it cannot be read: kDissentNotFound where the volume has no such file, kDissentUnsupported where only
-  ///         the mounted volume can be read.
-  virtual std::optional<Dissenter> readUnmounted(const std::string& device, const std::string& file, size_t limit,
-                                                 std::vector<uint8_t>& bytes) {
-    static_cast<void>(device);
-    static_cast<void>(file);
-    static_cast<void>(limit);
-    bytes.clear();
-    return Dissenter{kDissentUnsupported, ""};
-  }
-
   /// Those of this user, in the order in which they were made.
   virtual std::vector<VolumeMirror> mirrors() = 0;
 
@@ -98,6 +83,15 @@ class VolumeMirrors {
 
   /// Removes a mirror with all that was changed in it. @return why it was refused; absent for success.
   virtual std::optional<Dissenter> discard(const VolumeMirror& mirror) = 0;
+
+  /// Opens a volume that is not mounted, to look at its files only: nothing is locked, and write() of the result always
+  /// refuses. Returns null without a `refusal` if the volume is mounted or the system has no such way, and null with
+  /// one if the volume cannot be read.
+  virtual std::unique_ptr<UnmountedVolume> openToRead(const std::string& device, std::optional<Dissenter>& refusal) {
+    static_cast<void>(device);
+    refusal.reset();
+    return nullptr;
+  }
 };
 
 /// Where there are none.

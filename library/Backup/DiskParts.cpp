@@ -84,14 +84,41 @@ void readMountedStore(const std::string& folder, BackupPart& part) {
   if (!content) part.missing = "the EFI System Partition has none that can be read";
 }
 
+// Finds an item of an unmounted volume in any spelling.
+std::optional<UnmountedVolume::Item> findItem(const UnmountedVolume& volume, const std::string& folder,
+                                              const char* name) {
+  const std::vector<UnmountedVolume::Item> items = volume.itemsIn(folder);
+  for (const UnmountedVolume::Item& item : items) {
+    if (!spellingsOf({item.name}, name).empty()) return item;
+  }
+  return std::nullopt;
+}
+
 void readUnmountedStore(const std::string& slice, BackupPart& part) {
-  const std::string file = std::string("/EFI/Microsoft/Boot/") + kStore;
-  const auto failure = platform().volumeMirrors->readUnmounted(slice, file, kLargestStore, part.bytes);
-  if (!failure) return;
-  part.bytes.clear();
-  part.missing = failure->status == kDissentNotFound      ? "the EFI System Partition has none"
-                 : failure->status == kDissentUnsupported ? "the EFI System Partition is not mounted"
-                                                          : slice + ": " + failure->text;
+  std::optional<Dissenter> refusal;
+  const auto volume = platform().volumeMirrors->openToRead(slice, refusal);
+  if (!volume) {
+    const bool isKnown = !refusal || refusal->status == kDissentUnsupported;
+    part.missing = isKnown ? "the EFI System Partition is not mounted" : slice + ": " + refusal->text;
+    return;
+  }
+  std::string path;
+  uint64_t size = 0;
+  for (const char* const name : {"EFI", "Microsoft", "Boot", kStore}) {
+    const auto item = findItem(*volume, path, name);
+    if (!item || item->isFolder != (name != kStore)) {
+      part.missing = "the EFI System Partition has none";
+      return;
+    }
+    path += "/" + item->name;
+    size = item->size;
+  }
+  if (size > kLargestStore) {
+    part.missing = slice + ": the store is larger than any";
+  } else if ((refusal = volume->read(path, part.bytes))) {
+    part.bytes.clear();
+    part.missing = slice + ": " + refusal->text;
+  }
 }
 
 // What is mounted may hold changes that are not on the disk yet, so it comes first.

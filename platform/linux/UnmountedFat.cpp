@@ -26,11 +26,9 @@
 namespace vorlix {
 namespace {
 
-class UnmountedFat final : public UnmountedVolume {
+// What reading takes, whoever has the volume open.
+class FatFiles : public UnmountedVolume {
  public:
-  UnmountedFat(MirrorPlace place, VolumeDevice device, FatVolume volume)
-      : place_(std::move(place)), device_(std::move(device)), volume_(std::move(volume)) {}
-
   std::vector<Item> itemsIn(const std::string& folder) const override {
     std::vector<Item> items;
     for (const FatEntry& entry : volume_.entries()) {
@@ -59,6 +57,42 @@ class UnmountedFat final : public UnmountedVolume {
     return clusters * volume_.layout().clusterSize;
   }
 
+ protected:
+  explicit FatFiles(FatVolume volume) : volume_(std::move(volume)) {}
+
+  virtual FatSource source() const = 0;
+
+  const FatEntry* at(const std::string& path) const {
+    const auto found = std::find_if(volume_.entries().begin(), volume_.entries().end(),
+                                    [&](const FatEntry& entry) { return entry.path == path; });
+    return found == volume_.entries().end() ? nullptr : &*found;
+  }
+
+  FatVolume volume_;
+};
+
+class FatToRead final : public FatFiles {
+ public:
+  FatToRead(OpenedDevice device, FatVolume volume) : FatFiles(std::move(volume)), device_(std::move(device)) {}
+
+  std::optional<Dissenter> write(const std::string& file, const std::vector<uint8_t>&, const ChangeBackup&,
+                                 std::string& kept, std::string& state) override {
+    kept.clear();
+    state.clear();
+    return dissenterFor(EROFS, file);
+  }
+
+ private:
+  FatSource source() const override { return {device_.descriptor.get(), device_.window}; }
+
+  OpenedDevice device_;
+};
+
+class UnmountedFat final : public FatFiles {
+ public:
+  UnmountedFat(MirrorPlace place, VolumeDevice device, FatVolume volume)
+      : FatFiles(std::move(volume)), place_(std::move(place)), device_(std::move(device)) {}
+
   std::optional<Dissenter> write(const std::string& file, const std::vector<uint8_t>& bytes, const ChangeBackup& backup,
                                  std::string& kept, std::string& state) override {
     kept.clear();
@@ -77,13 +111,7 @@ class UnmountedFat final : public UnmountedVolume {
   }
 
  private:
-  FatSource source() const { return {device_.descriptor(), device_.window()}; }
-
-  const FatEntry* at(const std::string& path) const {
-    const auto found = std::find_if(volume_.entries().begin(), volume_.entries().end(),
-                                    [&](const FatEntry& entry) { return entry.path == path; });
-    return found == volume_.entries().end() ? nullptr : &*found;
-  }
+  FatSource source() const override { return {device_.descriptor(), device_.window()}; }
 
   Refusal plan(const std::string& file, const std::vector<uint8_t>& bytes, FatFileChange& change) const {
     const std::time_t now = std::time(nullptr);
@@ -150,7 +178,6 @@ class UnmountedFat final : public UnmountedVolume {
 
   MirrorPlace place_;  // let go last
   VolumeDevice device_;
-  FatVolume volume_;
 };
 
 }  // namespace
@@ -179,28 +206,22 @@ std::unique_ptr<UnmountedVolume> openUnmountedFat(const DeviceLocation& location
   return std::make_unique<UnmountedFat>(*std::move(place), std::move(device), std::move(volume));
 }
 
-Refusal readUnmountedFat(const DeviceLocation& location, const std::string& file, size_t limit,
-                         std::vector<uint8_t>& bytes) {
-  bytes.clear();
-  const std::optional<OpenedDevice> opened = openLocation(location, O_RDONLY);
-  if (!opened) return dissenterFor(errno, location.node);
-  const int descriptor = opened->descriptor.get();
-  const std::optional<VolumeFacts> facts = probeVolume(descriptor, opened->window);
-  if (!facts || facts->kind != "msdos") return Dissenter{kDissentUnsupported, "not a FAT volume"};
+std::unique_ptr<UnmountedVolume> openFatToRead(const DeviceLocation& location, Refusal& refusal) {
+  std::optional<OpenedDevice> opened = openLocation(location, O_RDONLY);
+  if (!opened) {
+    refusal = dissenterFor(errno, location.node);
+    return nullptr;
+  }
+  if (volumePlaceOf(location, opened)) return nullptr;
+  const std::optional<VolumeFacts> facts = probeVolume(opened->descriptor.get(), opened->window);
+  if (!facts || facts->kind != "msdos") {
+    refusal = Dissenter{kDissentUnsupported, facts ? "it is not mounted, and it is " + facts->kind + ", not FAT"
+                                                   : "it is not mounted, and no file system is recognised on it"};
+    return nullptr;
+  }
   FatVolume volume;
-  if (Refusal refusal = volume.read(descriptor, opened->window)) return refusal;
-  const std::string wanted = lowerCase(file);
-  const auto found = std::find_if(volume.entries().begin(), volume.entries().end(), [&](const FatEntry& entry) {
-    return !entry.isFolder && lowerCase(entry.path) == wanted;
-  });
-  if (found == volume.entries().end()) return dissenterFor(ENOENT, file);
-  if (found->size > limit) return dissenterFor(EFBIG, file);
-  bytes.assign(found->size, 0);
-  return volume.readFile(descriptor, opened->window, *found,
-                         [&](uint64_t offset, const uint8_t* piece, size_t count) -> Refusal {
-                           std::copy_n(piece, count, bytes.begin() + static_cast<std::ptrdiff_t>(offset));
-                           return std::nullopt;
-                         });
+  if ((refusal = volume.read(opened->descriptor.get(), opened->window))) return nullptr;
+  return std::make_unique<FatToRead>(*std::move(opened), std::move(volume));
 }
 
 }  // namespace vorlix

@@ -16,8 +16,7 @@ namespace vorlix {
 /// be written: whoever mounts it is told why.
 std::unique_ptr<UnmountedVolume> openUnmountedFat(const DeviceLocation& location, Refusal& refusal);
 
-/// VolumeMirrors::readUnmounted() for a FAT volume.
-Refusal readUnmountedFat(const DeviceLocation& location, const std::string& file, size_t limit,
-                         std::vector<uint8_t>& bytes);
+/// Opens a FAT volume to look at its files. Null without a refusal if the volume is mounted.
+std::unique_ptr<UnmountedVolume> openFatToRead(const DeviceLocation& location, Refusal& refusal);
 
 }  // namespace vorlix

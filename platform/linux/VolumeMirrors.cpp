@@ -72,10 +72,12 @@ std::unique_ptr<UnmountedVolume> LinuxVolumeMirrors::openUnmounted(const std::st
   return location ? openUnmountedFat(*location, refusal) : nullptr;
 }
 
-std::optional<Dissenter> LinuxVolumeMirrors::readUnmounted(const std::string& device, const std::string& file,
-                                                           size_t limit, std::vector<uint8_t>& bytes) {
+std::unique_ptr<UnmountedVolume> LinuxVolumeMirrors::openToRead(const std::string& device,
+                                                                std::optional<Dissenter>& refusal) {
   const std::optional<DeviceLocation> location = deviceOf(device);
-  return location ? readUnmountedFat(*location, file, limit, bytes) : dissenterFor(errno, device);
+  refusal.reset();
+  if (!location) refusal = dissenterFor(errno, device);
+  return location ? openFatToRead(*location, refusal) : nullptr;
 }
 
 std::vector<VolumeMirror> LinuxVolumeMirrors::mirrors() {

@@ -8,11 +8,10 @@ namespace vorlix {
 class LinuxVolumeMirrors final : public VolumeMirrors {
  public:
   std::unique_ptr<UnmountedVolume> openUnmounted(const std::string& device, std::optional<Dissenter>& refusal) override;
-  std::optional<Dissenter> readUnmounted(const std::string& device, const std::string& file, size_t limit,
-                                         std::vector<uint8_t>& bytes) override;
   std::vector<VolumeMirror> mirrors() override;
   std::optional<Dissenter> settle(const VolumeMirror& mirror) override;
   std::optional<Dissenter> discard(const VolumeMirror& mirror) override;
+  std::unique_ptr<UnmountedVolume> openToRead(const std::string& device, std::optional<Dissenter>& refusal) override;
 };
 
 }  // namespace vorlix

@@ -62,7 +62,7 @@ class LookOnce(macs.ImageTest):
 
     def test_check(self):
         image = self.mac_image()
-        self.assert_opens(6, image, "check", image, "--partition", macs.WINDOWS, expect=1)
+        self.assert_opens(10, image, "check", image, "--partition", macs.WINDOWS, expect=1)
 
     def test_vbr_restore(self):
         image = self.mac_image()

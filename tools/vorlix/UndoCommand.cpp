@@ -141,7 +141,7 @@ bool undo(const UndoOptions& options, const BackupChoice& choice) {
   } else if (options.dryRun) {
     printDryRun(devices, files);
   } else {
-    const std::string redo = applyOrFail(devices.change(), placeOf(choice));
+    const std::string redo = applyOrFail(devices.change(), changeBackup(choice));
     const std::vector<std::string> left = files.run();
     printRestored(devices, files);
     for (const std::string& folder : left)
