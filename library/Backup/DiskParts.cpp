@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 namespace vorlix {
 namespace {
@@ -106,7 +107,7 @@ void readUnmountedStore(const std::string& slice, BackupPart& part) {
   uint64_t size = 0;
   for (const char* const name : {"EFI", "Microsoft", "Boot", kStore}) {
     const auto item = findItem(*volume, path, name);
-    if (!item || item->isFolder != (name != kStore)) {
+    if (!item || item->isFolder != (std::string_view(name) != kStore)) {
       part.missing = "the EFI System Partition has none";
       return;
     }
