@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <utility>
 
 namespace vorlix {
@@ -291,6 +292,13 @@ bool isStillThere(const std::string& folder) {
 std::optional<ChangeFailure> settle(Journal& journal, DeviceHandle& disk, const DeviceIdentity& identity,
                                     std::vector<std::string>& finished) {
   const std::string unsettled = "an earlier change (" + journal.title() + ") was cut off, ";
+  if (journal.manifest().content) {
+    const std::string name = std::filesystem::path(journal.folder()).filename().string();
+    return ChangeFailure{journal.devices().front().name,
+                         unsettled + "and only `vorlix restore --resume " + name + "` finishes it; `vorlix undo " +
+                             name + "` gives it up",
+                         kNothingWritten};
+  }
   const bool isOwn = isFor(journal, identity);
   Handles opened;
   if (!isOwn) opened = placesOn(disk, identity, journal);
@@ -381,18 +389,19 @@ std::vector<InterruptedChange> interruptedChanges(DeviceHandle& device) {
   for (const std::string& folder : journalsInStateFolder()) {
     std::optional<ChangeFailure> failure;
     const auto journal = Journal::open(folder, failure);
-    if (!journal && isStillThere(folder)) found.push_back({"of a journal that cannot be read", folder});
+    if (!journal && isStillThere(folder)) found.push_back({"of a journal that cannot be read", folder, false});
     if (!journal || !(isFor(*journal, *identity) || holdsPartOf(*journal, device, *identity))) continue;
-    found.push_back({journal->title(), folder});
+    found.push_back({journal->title(), folder, journal->manifest().content.has_value()});
   }
   return found;
 }
 
 std::optional<ChangeFailure> settleInterruptedChanges(const std::string& name, DeviceHandle& device,
-                                                      std::vector<std::string>& finished) {
+                                                      std::vector<std::string>& finished, const std::string& except) {
   const auto identity = device.identity();
   if (!identity) return ChangeFailure{name, std::strerror(errno), kNothingWritten};
   for (const std::string& folder : journalsInStateFolder()) {
+    if (folder == except) continue;
     std::optional<ChangeFailure> damaged;
     const auto journal = Journal::open(folder, damaged);
     if (!journal && isStillThere(folder)) {

@@ -118,6 +118,7 @@ void removeLeftoversIn(const std::string& parent) {
 
 void removeJournalFiles(const std::string& folder) {
   for (const char* const name : kJournalFiles) unlink((folder + name).c_str());
+  unlink((folder + kJournalPieces).c_str());
   rmdir(folder.c_str());
 }
 
