@@ -2,14 +2,35 @@
 #include "Pieces.h"
 
 #include <Vorlix/foundation/Sha256.h>
+#include <Vorlix/platform/Platform.h>
 
 #include <algorithm>
 #include <utility>
 
 namespace vorlix {
 
-PieceReader::PieceReader(ImageSource& source, size_t blank)
-    : source_(source), blank_(blank), free_(kReadAhead), thread_([this] { run(); }) {}
+void blankOut(std::span<uint8_t> bytes, uint64_t offset, const std::vector<ImageRange>& ranges) {
+  for (const ImageRange& range : ranges) {
+    const uint64_t from = std::max(offset, range.offset);
+    const uint64_t to = std::min(offset + bytes.size(), range.offset + range.length);
+    if (from >= to) continue;
+    std::fill_n(bytes.begin() + static_cast<std::ptrdiff_t>(from - offset), to - from, uint8_t{0});
+  }
+}
+
+PieceHash::PieceHash() {
+  std::string reason;
+  fast_ = platform().blockCoding->newHash(reason);
+}
+
+std::string PieceHash::of(std::span<const uint8_t> bytes) {
+  if (!fast_) return sha256(bytes);
+  fast_->add(bytes);
+  return fast_->finish();
+}
+
+PieceReader::PieceReader(ImageSource& source, std::vector<ImageRange> blank)
+    : source_(source), blank_(std::move(blank)), free_(kReadAhead), thread_([this] { run(); }) {}
 
 PieceReader::~PieceReader() {
   {
@@ -50,10 +71,9 @@ void PieceReader::run() {
     read.piece = source_.next(read.bytes);
     if (read.piece.kind == ImagePiece::Kind::data) {
       const auto length = static_cast<size_t>(read.piece.length);
-      if (read.piece.offset < blank_) {
-        std::fill_n(read.bytes.begin(), std::min(length, blank_ - static_cast<size_t>(read.piece.offset)), uint8_t{0});
-      }
-      read.hash = sha256({read.bytes.data(), length});
+      const std::span<uint8_t> bytes(read.bytes.data(), length);
+      blankOut(bytes, read.piece.offset, blank_);
+      read.hash = hash_.of(bytes);
     }
     isLast = read.piece.kind == ImagePiece::Kind::end || read.piece.kind == ImagePiece::Kind::failure;
     {

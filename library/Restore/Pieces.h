@@ -4,11 +4,14 @@
 #pragma once
 
 #include <Vorlix/ImageSource.h>
+#include <Vorlix/platform/BlockCoding.h>
 
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,11 +25,24 @@ struct HashedPiece {
   std::string hash;            ///< of data: SHA-256
 };
 
+/// Fills those parts of `bytes`, which are at `offset` of the volume, with zeros that are in the ranges.
+void blankOut(std::span<uint8_t> bytes, uint64_t offset, const std::vector<ImageRange>& ranges);
+
+/// SHA-256 of many bytes, 64 hexadecimal digits. One thread at a time uses an object.
+class PieceHash {
+ public:
+  PieceHash();
+  std::string of(std::span<const uint8_t> bytes);
+
+ private:
+  std::unique_ptr<BlockHash> fast_;  // null where the system has none
+};
+
 /// The pieces of a source, read and hashed ahead. At most kReadAhead of them are in memory.
 class PieceReader {
  public:
-  /// @param blank  so many bytes at the start of the volume are taken as zeros
-  PieceReader(ImageSource& source, size_t blank);
+  /// @param blank  these ranges of the volume are taken as zeros
+  PieceReader(ImageSource& source, std::vector<ImageRange> blank);
   ~PieceReader();
   PieceReader(const PieceReader&) = delete;
   PieceReader& operator=(const PieceReader&) = delete;
@@ -43,12 +59,13 @@ class PieceReader {
   void run();
 
   ImageSource& source_;
-  size_t blank_;
+  std::vector<ImageRange> blank_;
   std::mutex mutex_;
   std::condition_variable changed_;
   std::deque<HashedPiece> ready_;
   std::vector<std::vector<uint8_t>> free_;
   bool isStopped_ = false;
+  PieceHash hash_;
   std::thread thread_;  // last: it uses the others
 };
 

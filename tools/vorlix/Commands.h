@@ -18,6 +18,7 @@ void addBootStoreCommand(CLI::App& app, int& status);
 void addBootRecordCommands(CLI::App& app, int& status);
 void addLegacyBootCommand(CLI::App& app, int& status);
 void addUndoCommand(CLI::App& app, int& status);
+void addRestoreCommand(CLI::App& app, int& status);
 void addRunCommand(CLI::App& app, int& status);
 void addImageSizeCommand(CLI::App& app, int& status);
 void addArchiveCommand(CLI::App& app, int& status);

@@ -211,10 +211,22 @@ DiskChange HybridPlan::change() const {
   return change;
 }
 
-HybridPlan planHybrid(const HybridRequest& request) {
-  HybridPlan plan;
+void planSector0(const HybridRequest& request, HybridPlan& plan) {
+  if (plan.table.parts[0].type != kProtectiveType) {
+    throw Failure(request.disk, "slot 1 would be of type " + std::to_string(plan.table.parts[0].type) +
+                                    " instead of EE: GPT entry 1 must be the EFI System Partition");
+  }
   std::vector<uint8_t> file;
   if (!request.bootCode.empty()) file = readBootCode(request.bootCode, request.force);
+  const std::vector<uint8_t> code = chooseBootCode(request, file, plan);
+  const Sector wanted = makeSector0(code, plan.table.parts);
+  plan.difference = compareSector0(plan.disk.sector0, wanted);
+  plan.newSector0 = renewedSector0(plan.disk.sector0, wanted);
+}
+
+HybridPlan planHybrid(const HybridRequest& request) {
+  HybridPlan plan;
+  if (!request.bootCode.empty()) readBootCode(request.bootCode, request.force);  // before the disk is opened
   plan.handle = openFor(request, request.disk);
   plan.disk = readTables(*plan.handle, request.disk);
   if (!plan.disk.header) {
@@ -229,14 +241,7 @@ HybridPlan planHybrid(const HybridRequest& request) {
     planVolume(request, plan);
     if (request.type != 0) plan.table.parts[request.partition - 1].type = request.type;
   }
-  if (plan.table.parts[0].type != kProtectiveType) {
-    throw Failure(request.disk, "slot 1 would be of type " + std::to_string(plan.table.parts[0].type) +
-                                    " instead of EE: GPT entry 1 must be the EFI System Partition");
-  }
-  const std::vector<uint8_t> code = chooseBootCode(request, file, plan);
-  const Sector wanted = makeSector0(code, plan.table.parts);
-  plan.difference = compareSector0(plan.disk.sector0, wanted);
-  plan.newSector0 = renewedSector0(plan.disk.sector0, wanted);
+  planSector0(request, plan);
   if (request.writes && plan.volume) requireUnmounted(*plan.volume);
   return plan;
 }

@@ -72,6 +72,9 @@ struct HybridPlan {
   DiskChange change() const;
 };
 
+/// Works out sector 0 for `plan.table`, and chooses the boot code. Throws Failure.
+void planSector0(const HybridRequest& request, HybridPlan& plan);
+
 /// Reads everything and checks everything that can be checked; writes nothing. Throws Failure.
 HybridPlan planHybrid(const HybridRequest& request);
 

@@ -51,6 +51,7 @@ const std::vector<Commands>& allCommands() {
       {addBootRecordCommands, {"vbr", "boot-code"}},
       {addLegacyBootCommand, {"legacy-boot"}},
       {addUndoCommand, {"undo"}},
+      {addRestoreCommand, {"restore"}},
       {addRunCommand, {"run"}},
       {addImageSizeCommand, {"image-size"}},
       {addArchiveCommand, {"archive"}},
