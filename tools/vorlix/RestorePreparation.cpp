@@ -23,7 +23,7 @@
 namespace vorlix::tool {
 namespace {
 
-constexpr const char* kBasicDataGUID = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
+constexpr const char* kWindowsDataGUID = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
 constexpr size_t kSectorBytes = 512;
 
 // Refuses, unless the user has said that it is meant.
@@ -39,7 +39,7 @@ const GPTEntry& entryOf(const RestoreRequest& request, const DiskTables& disk) {
   }
   requireSoundGPT(disk, request.force);
   const GPTEntry& entry = disk.entries[request.partition - 1];
-  if (std::strcmp(entry.guid_text, kBasicDataGUID) != 0) {
+  if (std::strcmp(entry.guid_text, kWindowsDataGUID) != 0) {
     objectTo(request, request.disk,
              "GPT entry " + std::to_string(request.partition) + " is of type " + gptTypeName(entry.guid_text) +
                  ", not Microsoft basic data");
