@@ -43,7 +43,7 @@ vorlix_batch(vorlix_objects managers "^library/QDDeviceManager/")
 vorlix_batch(vorlix_objects functions "^library/QDSDiskFunctions/")
 vorlix_batch(vorlix_objects parts "^library/(QDSUtilities.cpp|.*/)")
 vorlix_batch(vorlix_objects faces "^library/")
-vorlix_alone(foundation/Base64.cpp foundation/NotificationCenter.cpp library/QDDeviceManager/Mounting.cpp library/QDSDiskFunctions/PartitionTables.cpp)
+vorlix_alone(foundation/Base64.cpp foundation/NotificationCenter.cpp library/QDDeviceManager/Mounting.cpp)
 if(NOT APPLE)
   vorlix_alone(platform/linux/BlockDevices.cpp platform/linux/FatTable.cpp platform/linux/MountFolders.cpp
                platform/linux/MountedVolumes.cpp platform/linux/VolumeCopy.cpp platform/linux/VolumeProbe.cpp)

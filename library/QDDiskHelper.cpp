@@ -10,8 +10,8 @@
 #include <string>
 
 #include <Vorlix/WindowsFolders.h>
-#include "library/QDSDiskFunctions/DeviceStreams.h"
-#include "library/QDSDiskFunctions/SystemLog.h"
+#include "library/QDSDiskFunctions/Log.h"
+#include "library/QDSDiskFunctions/OpenDevices.h"
 
 namespace {
 

@@ -16,7 +16,8 @@ namespace {
 constexpr std::chrono::milliseconds kStatusPause{5000};
 constexpr int32_t kStillRunning = -999;
 
-std::optional<std::string> textOf(const vorlix::Data& bytes) {
+// Absent if the bytes are not UTF-8.
+std::optional<std::string> utf8Text(const vorlix::Data& bytes) {
   const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
   if (!vorlix::isUtf8(text)) return std::nullopt;
   return std::string(text);
@@ -70,7 +71,7 @@ void QDTaskWrapperWithBlocks::getData(const vorlix::ReadCompletion& chunk) {
     if (takeWaitingErrors(chunk.object)) stopProcess();
     return;
   }
-  outputBlock_(textOf(chunk.data));
+  outputBlock_(utf8Text(chunk.data));
   readInBackground(chunk.object, &QDTaskWrapperWithBlocks::getData);
 }
 
@@ -86,7 +87,7 @@ bool QDTaskWrapperWithBlocks::takeWaitingErrors(const std::shared_ptr<vorlix::Ch
 }
 
 void QDTaskWrapperWithBlocks::getStdErr(const vorlix::ReadCompletion& chunk) {
-  if (!chunk.data.empty()) errorOutputBlock_(textOf(chunk.data));
+  if (!chunk.data.empty()) errorOutputBlock_(utf8Text(chunk.data));
   readInBackground(chunk.object, &QDTaskWrapperWithBlocks::getStdErr);
 }
 

@@ -15,7 +15,7 @@
 #include <string_view>
 
 #include "Messages.h"
-#include "library/QDSDiskFunctions/SystemLog.h"
+#include "library/QDSDiskFunctions/Log.h"
 
 using vorlix::logToSystem;
 using vorlix::shown;

@@ -19,12 +19,11 @@
 
 #include <Vorlix/StoreSlots.h>
 #include "Arguments.h"
-#include "DeviceStreams.h"
-#include "Exceptions.h"
 #include "Log.h"
+#include "OpenDevices.h"
 
 using vorlix::logMessage;
-using vorlix::textOf;
+using vorlix::orEmpty;
 
 namespace {
 
@@ -58,7 +57,7 @@ std::string destinationUnder(const std::string& mountPoint) {
 std::string inSpellingOfVolume(const std::string& path, const std::string& mountPoint, const char* disk) {
   std::string found = vorlix::pathInAnySpelling(mountPoint, {"EFI", "Microsoft", "Boot", "BCD"});
   const bool isOther = found != vorlix::appendPathComponent(mountPoint, "EFI/Microsoft/Boot/BCD");
-  return isOther && vorlix::isCaseBlindDevice(std::string(vorlix::textOf(disk)) + "s1") ? found : path;
+  return isOther && vorlix::isCaseBlindDevice(std::string(vorlix::orEmpty(disk)) + "s1") ? found : path;
 }
 
 // A folder can be opened as a stream but not read; it must not cost the store that it was to replace.
@@ -142,7 +141,7 @@ void writeIdentifiers(int store, const vorlix::StoreIdentifiers& identifiers, in
 }  // namespace
 
 int32_t update_bcd(const char* source, const char* disk, const char* partition, int32_t mode) try {
-  logMessage("Mounting EFI partition on %s\n", textOf(disk));
+  logMessage("Mounting EFI partition on %s\n", orEmpty(disk));
   const char* const mounted = mount_efi(disk);
   if (mounted == nullptr) {
     logMessage("problem mounting efi point %ss\n", "");
@@ -152,7 +151,7 @@ int32_t update_bcd(const char* source, const char* disk, const char* partition, 
   logMessage("mount point is %s\n", mountPoint.c_str());
   const std::string path = inSpellingOfVolume(destinationUnder(mountPoint), mountPoint, disk);
   if (file_exist(source) == 0) {
-    logMessage("%s does not exist!\n", textOf(source));
+    logMessage("%s does not exist!\n", orEmpty(source));
     return -1;
   }
   vorlix::Stream original = openTemplate(source);
@@ -182,7 +181,7 @@ int32_t update_bcd(const char* source, const char* disk, const char* partition, 
   vorlix::StoreIdentifiers identifiers;
   int64_t offset = 0;
   if (lookup_disk_info(partition, identifiers.disk.data(), identifiers.partition.data(), &offset) != 0) {
-    logMessage("Could not find disk uuid and partion uuid for %s\n", textOf(partition));
+    logMessage("Could not find disk uuid and partion uuid for %s\n", orEmpty(partition));
     // The slice stays mounted and the store open, its last block not yet written.
     vorlix::keepOpen(std::move(store));
     return -1;

@@ -16,18 +16,17 @@
 
 #include <Vorlix/PartitionRecords.h>
 #include "Arguments.h"
-#include "DeviceStreams.h"
-#include "Exceptions.h"
 #include "Log.h"
+#include "OpenDevices.h"
 
 using vorlix::DeviceAccess;
 using vorlix::DeviceHandle;
 using vorlix::DeviceLock;
 using vorlix::keepOpen;
 using vorlix::logMessage;
+using vorlix::orEmpty;
 using vorlix::readWhole;
 using vorlix::Stream;
-using vorlix::textOf;
 using vorlix::writeWhole;
 
 namespace {
@@ -84,12 +83,12 @@ bool writeSavedFile(Stream file, std::span<const uint8_t> bytes) {
 
 int32_t file_exist(const char* path) {
   struct stat status = {};
-  return stat(textOf(path), &status) == 0 ? 1 : 0;
+  return stat(orEmpty(path), &status) == 0 ? 1 : 0;
 }
 
 int32_t write_vbr_to_file(const char* device, const char* file) try {
-  device = textOf(device);
-  file = textOf(file);
+  device = orEmpty(device);
+  file = orEmpty(file);
   logMessage("writing vbr from volume %s to %s\n", device, file);
   if (file_exist(file) != 0) {
     logMessage("%s already exists\n", file);
@@ -166,8 +165,8 @@ int32_t write_mbr_to_file(const char* device, const char* file) try {
 }
 
 int32_t restore_vbr_to_device(const char* file, const char* device) try {
-  device = textOf(device);
-  file = textOf(file);
+  device = orEmpty(device);
+  file = orEmpty(file);
   static_cast<void>(unmount_disk(device));
   if (file_exist(file) == 0) {
     logMessage("%s does not exist\n", file);
@@ -211,6 +210,6 @@ int32_t restore_vbr_to_device(const char* file, const char* device) try {
 
 int32_t change_ownership(const char* path, uint32_t owner, uint32_t group) {
   constexpr mode_t kMode = 0644;
-  const int result = chown(textOf(path), owner, group);
-  return result == 0 ? chmod(textOf(path), kMode) : result;
+  const int result = chown(orEmpty(path), owner, group);
+  return result == 0 ? chmod(orEmpty(path), kMode) : result;
 }

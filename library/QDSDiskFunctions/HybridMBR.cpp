@@ -16,29 +16,18 @@
 #include <Vorlix/BootSectors.h>
 #include <Vorlix/PartitionRecords.h>
 #include "Arguments.h"
-#include "DeviceStreams.h"
-#include "Exceptions.h"
 #include "Log.h"
+#include "LogPlaces.h"
+#include "OpenDevices.h"
 
 using vorlix::DeviceAccess;
 using vorlix::DeviceHandle;
 using vorlix::DeviceLock;
 using vorlix::logMessage;
-using vorlix::textOf;
+using vorlix::orEmpty;
 using vorlix::writeWhole;
 
 namespace {
-
-// Fixed numbers that readers of the log can rely on.
-enum LogPlace : int {
-  kPlaceBadSignature = 569,
-  kPlaceNotProtective = 590,
-  kPlaceDeclined = 624,
-  kPlaceDeclinedAgain = 625,
-  kPlaceOpenFailed = 632,
-  kPlaceUpdatingUUID = 652,
-  kPlaceReadingMBR = 753,
-};
 
 // One word from standard input; only its first character counts.
 bool terminalSaysYes() {
@@ -76,7 +65,7 @@ bool readBootCode(const char* path, uint8_t* bytes) {
 // Reads the disk's own MBR and builds the one its GPT asks for. False when there is no GPT.
 bool readTables(FILE* stream, const char* device, uint32_t partition, int guard, PartitionTable& fresh,
                 PartitionTable& disk) {
-  logMessage("Reading BIOS partition table line:%i\n", kPlaceReadingMBR);
+  logMessage("Reading BIOS partition table line:%i\n", vorlix::kPlaceReadingMBR);
   uint32_t active = 0;
   read_bios_partition_table(stream, &disk, &active);
 
@@ -111,8 +100,8 @@ bool vorlix::drawSerial(Serial& serial) {
 
 int update_mbr_and_partition(const char* device, const char* boot_code, uint32_t partition, uint32_t id,
                              const char* volume, int guard, uint32_t start) try {
-  device = textOf(device);
-  volume = textOf(volume);
+  device = orEmpty(device);
+  volume = orEmpty(volume);
   logMessage("Updating MBR and Partition%s", "");
   logMessage("NTFS Partition: %s", volume);
   verbose_flag = 0;
@@ -161,7 +150,7 @@ int update_mbr_and_partition(const char* device, const char* boot_code, uint32_t
 }
 
 void write_new_gpt(int non_interactive, const char* device, const char* boot_code, const PartitionTable* table) try {
-  device = textOf(device);
+  device = orEmpty(device);
   logMessage("Writing new GPT on device %s.", device);
   if (non_interactive == 0) {
     std::printf("Are you sure you want to write out a new partition table? <y/n> ");
@@ -204,7 +193,7 @@ void write_new_gpt(int non_interactive, const char* device, const char* boot_cod
   if (table->signature != vorlix::kMBRSignature) {
     logMessage(
         "Signature is not AA55. Writing this would cause the partition table to be unreadable. Aborting. line:%i",
-        kPlaceBadSignature);
+        vorlix::kPlaceBadSignature);
     vorlix::keepOpen(std::move(handle));
     return;
   }
@@ -215,7 +204,7 @@ void write_new_gpt(int non_interactive, const char* device, const char* boot_cod
     logMessage(
         "Type of first partition in LBA 0 is not 0xEE.  Writing this would cause the partition table to be unreadable. "
         "Aborting. line:%i",
-        kPlaceNotProtective);
+        vorlix::kPlaceNotProtective);
   } else if (writeWhole(*handle, sector.data(), sector.size(), 0)) {
     // Neither result changes what the callers do: they read the sector back when they need to know.
     static_cast<void>(handle->sync());
@@ -227,18 +216,18 @@ void write_new_gpt(int non_interactive, const char* device, const char* boot_cod
 
 int update_start_sector(int non_interactive, uint64_t /*unused1*/, uint32_t start, uint64_t /*unused2*/,
                         const char* volume) try {
-  volume = textOf(volume);
+  volume = orEmpty(volume);
   std::unique_ptr<DeviceHandle> device = openLocked(volume, DeviceLock::exclusive);
   if (!device) {
     if (non_interactive == 0 && !confirmSharedAccess(volume)) {
-      logMessage("Exiting without writing line:%i\n", kPlaceDeclined);
-      logMessage("exiting without writing line:%i\n", kPlaceDeclinedAgain);
+      logMessage("Exiting without writing line:%i\n", vorlix::kPlaceDeclined);
+      logMessage("exiting without writing line:%i\n", vorlix::kPlaceDeclinedAgain);
       return -1;
     }
     device = openLocked(volume, DeviceLock::shared);
     if (!device) {
       logMessage("error writing %s\n", volume);
-      logMessage("error while opening file to write line:%i", kPlaceOpenFailed);
+      logMessage("error while opening file to write line:%i", vorlix::kPlaceOpenFailed);
       return -1;
     }
   }
@@ -254,7 +243,7 @@ int update_start_sector(int non_interactive, uint64_t /*unused1*/, uint32_t star
   // Where the source fails the serial is not fresh, and nothing here depends on it.
   vorlix::Serial serial = {};
   static_cast<void>(vorlix::drawSerial(serial));
-  logMessage("Updating UUID line:%i\n", kPlaceUpdatingUUID);
+  logMessage("Updating UUID line:%i\n", vorlix::kPlaceUpdatingUUID);
   if (!writeWhole(*device, serial.data(), serial.size(), vorlix::kNTFSSerialOffset)) {
     std::perror("Failed to write 8 byte uuid");
     return -1;

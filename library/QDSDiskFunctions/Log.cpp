@@ -3,6 +3,7 @@
 
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/SystemLog.h>
 #include <Vorlix/platform/SystemPaths.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,7 +14,6 @@
 #include <cstring>
 
 #include "Arguments.h"
-#include "Exceptions.h"
 
 namespace vorlix {
 namespace {
@@ -72,6 +72,15 @@ void logException(const char* function, const std::exception& error) noexcept {
   logMessage("%s: %s\n", function, error.what());
 }
 
+void logToSystem(const std::string& text) {
+  std::string marked;
+  for (const char c : text) {
+    marked += c;
+    if (c == '\n') marked += "Vorlix";
+  }
+  platform().systemLog->warn(marked);
+}
+
 bool canOpenLog() {
   const int log = openLog(logFilePath().c_str());
   if (log < 0) return false;
@@ -97,7 +106,7 @@ bool LogCapture::collect(std::string_view message) {
 
 int logLine(const char* message) try {
   const int callersErrno = errno;
-  message = vorlix::textOf(message);
+  message = vorlix::orEmpty(message);
   const size_t length = strnlen(message, vorlix::kMessageSize);
   if (!vorlix::LogCapture::collect({message, length})) return 0;
   const int log = vorlix::openLog(vorlix::logFilePath().c_str());

@@ -11,12 +11,11 @@
 #include <vector>
 
 #include "Arguments.h"
-#include "Exceptions.h"
 #include "Log.h"
 
 using vorlix::Dissenter;
 using vorlix::logMessage;
-using vorlix::textOf;
+using vorlix::orEmpty;
 
 namespace {
 
@@ -88,7 +87,7 @@ int32_t mount_disk(const char* name, int32_t read_write) try {
   if (!session) return 0;
   const auto loop = vorlix::platform().runLoops->current();
   mountStatus = 1;
-  if (auto disk = session->diskFromBSDName(textOf(name))) {
+  if (auto disk = session->diskFromBSDName(orEmpty(name))) {
     std::vector<std::string> arguments;
     if (read_write != 0) arguments = {"nobrowse", "rw"};
     session->schedule(*loop, vorlix::kDefaultRunLoopMode);
@@ -114,12 +113,12 @@ const char* mount_efi(const char* disk) try {
 }
 
 int32_t unmount_disk(const char* name) try {
-  logMessage("Unmounting disk %s\n", textOf(name));
+  logMessage("Unmounting disk %s\n", orEmpty(name));
   unmountStatus = kUnmountPending;
   const auto session = vorlix::platform().diskArbitration->createSession();
   if (!session) return unmountStatus;
   const auto loop = vorlix::platform().runLoops->current();
-  if (auto disk = session->diskFromBSDName(textOf(name))) {
+  if (auto disk = session->diskFromBSDName(orEmpty(name))) {
     session->schedule(*loop, vorlix::kDefaultRunLoopMode);
     disk->unmount(DiskUnmountCallback);
     waitWhile(*loop, [] { return unmountStatus == kUnmountPending; });

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "DeviceStreams.h"
+#include "OpenDevices.h"
 
 #include <Vorlix/platform/DeviceStreams.h>
 #include <Vorlix/platform/Platform.h>
