@@ -14,7 +14,7 @@ using vorlix::URL;
 
 namespace {
 
-constexpr int32_t kPending = -1;
+constexpr int32_t kUnmountPending = -1;
 
 }  // namespace
 
@@ -37,14 +37,14 @@ std::optional<std::string> QDDeviceManager::diskFromSlice(const std::string& dev
 
 // These look-ups leave the status of unmounts pending although none is; hosts that poll it know.
 std::optional<Dictionary> QDDeviceManager::diskInfoForDeviceNodeAtURL(const URL& url) {
-  unmountStatus_ = kPending;
+  unmountStatus_ = kUnmountPending;
   const auto session = vorlix::platform().diskArbitration->createSession();
   const auto disk = session ? session->diskFromBSDName(url.path()) : nullptr;
   return disk ? disk->copyDescription() : std::nullopt;
 }
 
 std::optional<Dictionary> QDDeviceManager::diskInfoForVolumeMountedAtURL(const URL& url) {
-  unmountStatus_ = kPending;
+  unmountStatus_ = kUnmountPending;
   const auto session = vorlix::platform().diskArbitration->createSession();
   const auto disk = session ? session->diskFromVolumePath(url) : nullptr;
   return disk ? disk->copyDescription() : std::nullopt;
@@ -59,7 +59,7 @@ std::optional<Dictionary> QDDeviceManager::diskInfoFromMountedPath(const std::st
 }
 
 std::optional<std::string> QDDeviceManager::fileSystemTypeAtPath(const std::string& path) {
-  unmountStatus_ = kPending;
+  unmountStatus_ = kUnmountPending;
   const auto session = vorlix::platform().diskArbitration->createSession();
   const auto disk = session ? session->diskFromVolumePath(URL::fileURLWithPath(path)) : nullptr;
   return disk ? disk->volumeType() : std::nullopt;

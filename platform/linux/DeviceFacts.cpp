@@ -6,6 +6,7 @@
 
 #include <charconv>
 #include <filesystem>
+#include <limits>
 #include <string_view>
 #include <system_error>
 
@@ -66,6 +67,13 @@ std::optional<std::string> nodeOfDevice(dev_t device) {
   const std::optional<fs::path> folder = sysfsFolder(device);
   if (!folder) return std::nullopt;
   return "/dev/" + nameOf(*folder);
+}
+
+std::optional<uint32_t> kernelBlockSize(dev_t device) {
+  const std::optional<fs::path> folder = sysfsFolderOfDisk(device);
+  const auto size = folder ? readWholeNumber(*folder / "queue" / "logical_block_size") : std::nullopt;
+  if (!size || *size > std::numeric_limits<uint32_t>::max()) return std::nullopt;
+  return static_cast<uint32_t>(*size);
 }
 
 bool isReadOnlyMedium(const DeviceLocation& location) {

@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 
 namespace vorlix {
 
@@ -19,6 +19,9 @@ std::optional<std::string> bsdNameOf(const DeviceLocation& location);
 
 /// Node of a block device by its number.
 std::optional<std::string> nodeOfDevice(dev_t device);
+
+/// Returns the logical block size that the kernel has for a block device. Absent if it has none.
+std::optional<uint32_t> kernelBlockSize(dev_t device);
 
 /// The medium cannot be written, by the kernel's account or for this user.
 bool isReadOnlyMedium(const DeviceLocation& location);

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <utility>
 
-#include "BlockDevices.h"
 #include "DeviceFacts.h"
+#include "DeviceNames.h"
 #include "DiskLock.h"
 #include "OpenedDevice.h"
 #include "platform/posix/FileHandle.h"

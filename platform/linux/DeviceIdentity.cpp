@@ -7,12 +7,10 @@
 #include <string>
 
 #include "Sysfs.h"
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/DescriptorCalls.h"
 
 namespace vorlix {
 namespace {
-
-constexpr uint64_t kSysfsSector = 512;  // the unit of "start", whatever the disk's block size
 
 // A device number passes to another disk when this one is taken off, and at the next start of the machine: the kernel
 // counts the disks that were attached since.

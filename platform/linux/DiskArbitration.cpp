@@ -9,10 +9,11 @@
 #include <string_view>
 #include <utility>
 
-#include "BlockDevices.h"
 #include "DeviceFacts.h"
+#include "DeviceNames.h"
 #include "DiskDescription.h"
 #include "ImageFiles.h"
+#include "MountedDevices.h"
 #include "Mounting.h"
 #include "OpenedDevice.h"
 #include "RunLoop.h"

@@ -13,9 +13,10 @@
 #include "DeviceFacts.h"
 #include "DiskFacts.h"
 #include "IORegistry.h"
-#include "ImageDisk.h"
+#include "ImageDiskFacts.h"
 #include "KernelDisks.h"
 #include "Mounting.h"
+#include "PartitionProbe.h"
 #include "Sysfs.h"
 
 namespace vorlix {
@@ -31,7 +32,7 @@ int64_t asInteger(uint64_t number) {
 }
 
 std::optional<DiskFacts> diskFactsOf(const DeviceLocation& location) {
-  if (location.isImage) return imageDisk("", location.whole);
+  if (location.isImage) return imageDiskFacts("", location.whole);
   const std::optional<std::string> name = bsdNameOf({location.whole, location.whole, 0, false});
   return name ? kernelDiskOf("", *name) : std::nullopt;
 }

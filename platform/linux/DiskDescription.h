@@ -5,7 +5,7 @@
 
 #include <optional>
 
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 #include "OpenedDevice.h"
 #include "VolumeProbe.h"
 

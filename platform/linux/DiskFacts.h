@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/Extent.h"
 
 namespace vorlix {
 

@@ -14,7 +14,7 @@
 #include <utility>
 
 #include <Vorlix/platform/Descriptor.h>
-#include "Sysfs.h"
+#include "VolumeOrigin.h"
 
 namespace vorlix {
 namespace {
@@ -48,12 +48,6 @@ struct HeldLocks {
 HeldLocks& heldLocks() {
   static auto* const instance = new HeldLocks;  // outlives every handle
   return *instance;
-}
-
-// The file whose bytes a loop device shows. Absent for other devices.
-std::optional<std::string> backingFileOf(const struct stat& status) {
-  if (!S_ISBLK(status.st_mode)) return std::nullopt;
-  return readTrimmed(sysfsLink(status.st_rdev) / "loop" / "backing_file");
 }
 
 // A loop device and its file hold the same bytes, so that a lock is on both.
@@ -94,7 +88,8 @@ std::shared_ptr<void> lockWholeDisk(const std::string& path, DeviceLock lock) {
   HeldLocks& held = heldLocks();
   const std::lock_guard guard(held.mutex);
   const std::shared_ptr<Lock> device = lockOne(held, path, status, lock);
-  const std::optional<std::string> file = device ? backingFileOf(status) : std::nullopt;
+  const bool isBlockDevice = device && S_ISBLK(status.st_mode);
+  const std::optional<std::string> file = isBlockDevice ? backingPathOf(status.st_rdev) : std::nullopt;
   if (!file || stat(file->c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return device;
   const std::shared_ptr<Lock> behind = lockOne(held, *file, status, lock);
   if (behind) return std::make_shared<LockedBoth>(LockedBoth{device, behind});

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <Vorlix/foundation/LittleEndian.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -12,11 +14,7 @@ namespace vorlix {
 class FatDigest {
  public:
   void add(const uint8_t* bytes, size_t count) {
-    for (size_t at = 0; at < count; at += 8) {
-      uint64_t word = 0;
-      for (size_t i = 0; i < std::min<size_t>(8, count - at); ++i) word |= uint64_t{bytes[at + i]} << (8 * i);
-      addWord(word);
-    }
+    for (size_t at = 0; at < count; at += 8) addWord(littleEndian(bytes + at, std::min<size_t>(8, count - at)));
   }
 
   void addWord(uint64_t word) {

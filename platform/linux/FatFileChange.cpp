@@ -230,13 +230,13 @@ class Planning {
   // Into every copy of the table.
   bool putLinks() {
     for (const auto& [cluster, next] : links_) {
-      const FatTable::Record record = volume_.table().recordOf(cluster);
+      const FatTable::Location location = volume_.table().locationOf(cluster);
       for (uint32_t copy = 0; copy < layout_.tableCount; ++copy) {
-        const uint64_t place = layout_.tables + copy * layout_.tableSize + record.offset;
+        const uint64_t place = layout_.tables + copy * layout_.tableSize + location.offset;
         std::array<uint8_t, 4> now = {};
-        if (!patching_.read(now.data(), record.count, place, change_.tables)) return false;
-        const auto bytes = volume_.table().recordWith(cluster, next, now);
-        if (!patching_.write(change_.tables, place, bytes.data(), record.count)) return false;
+        if (!patching_.read(now.data(), location.count, place, change_.tables)) return false;
+        const auto bytes = volume_.table().bytesWith(cluster, next, now);
+        if (!patching_.write(change_.tables, place, bytes.data(), location.count)) return false;
       }
     }
     return true;

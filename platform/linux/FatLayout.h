@@ -12,13 +12,14 @@
 #include <vector>
 
 #include "Dissenters.h"
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/Extent.h"
 
 namespace vorlix {
 
 inline constexpr uint32_t kFirstCluster = 2;
 
-inline constexpr size_t kFatSector = 512;  ///< the unit of changes; clusters are whole ones
+inline constexpr size_t kFatSector = 512;         ///< the unit of changes; clusters are whole sectors
+inline constexpr size_t kFatPiece = 1024 * 1024;  ///< bytes that are read at once
 
 /// Sectors as they are to become, by their offset in the volume: kFatSector bytes each.
 using FatSectors = std::map<uint64_t, std::vector<uint8_t>>;

@@ -39,12 +39,12 @@ class FatTable {
 
   /// The bytes of the table in which what it says of a cluster is written, with `next` in them. What these bytes say of
   /// its neighbours stays as `now` has it, the bytes as they stand.
-  struct Record {
+  struct Location {
     uint64_t offset = 0;  ///< from the start of a table
     size_t count = 0;
   };
-  Record recordOf(uint32_t cluster) const;
-  std::array<uint8_t, 4> recordWith(uint32_t cluster, uint32_t next, const std::array<uint8_t, 4>& now) const;
+  Location locationOf(uint32_t cluster) const;
+  std::array<uint8_t, 4> bytesWith(uint32_t cluster, uint32_t next, const std::array<uint8_t, 4>& now) const;
 
   uint32_t freeClusters() const;
 

@@ -22,7 +22,6 @@ constexpr uint8_t kLongNameMask = 0x3F;
 constexpr size_t kLongestPath = 4096;
 constexpr size_t kMostPathBytes = size_t{256} * 1024 * 1024;
 constexpr size_t kPage = 4096;
-constexpr size_t kPiece = 1024 * 1024;
 
 bool isDotEntry(const uint8_t* entry) {
   return std::memcmp(entry, ".          ", 11) == 0 || std::memcmp(entry, "..         ", 11) == 0;
@@ -86,12 +85,12 @@ class FatWalk {
   }
 
   bool addArea(uint64_t from, uint64_t to) {
-    std::vector<uint8_t> piece(kPiece);
+    std::vector<uint8_t> piece(kFatPiece);
     for (uint64_t at = from; at < to;) {
       const uint64_t data = source_.nextData(at);
       if (data >= to) break;
       at = std::max(at, from + (data - from) / kPage * kPage);
-      const auto count = static_cast<size_t>(std::min<uint64_t>(kPiece, to - at));
+      const auto count = static_cast<size_t>(std::min<uint64_t>(kFatPiece, to - at));
       if (!source_.read(piece.data(), count, at)) return false;
       addPages(at, piece.data(), count);
       at += count;
@@ -260,14 +259,14 @@ const FatEntry* FatVolume::find(const std::string& path) const {
 }
 
 Refusal FatVolume::readFile(const FatSource& source, const FatEntry& entry, const TakePiece& take) const {
-  std::vector<uint8_t> piece(kPiece);
+  std::vector<uint8_t> piece(kFatPiece);
   uint64_t start = 0;  // of the run, in the file
   for (const FatRun& run : entry.runs) {
     const uint64_t place = layout_.offsetOf(run.first);
     const uint64_t length = std::min<uint64_t>(run.count * layout_.clusterSize, entry.size - start);
     for (uint64_t at = 0; at < length;) {
       at = std::min(length, source.nextData(place + at) - place);
-      const auto count = static_cast<size_t>(std::min<uint64_t>(kPiece, length - at));
+      const auto count = static_cast<size_t>(std::min<uint64_t>(kFatPiece, length - at));
       if (count == 0) break;
       if (!source.read(piece.data(), count, place + at)) return dissenterFor(errno, "reading " + entry.path);
       if (Refusal refusal = take(start + at, piece.data(), count)) return refusal;

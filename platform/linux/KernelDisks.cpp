@@ -12,15 +12,13 @@
 
 #include <Vorlix/platform/Descriptor.h>
 #include <Vorlix/platform/SliceName.h>
-#include "PartitionTable.h"
+#include "PartitionProbe.h"
 #include "Sysfs.h"
 
 namespace vorlix {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr uint64_t kSector = 512;  // sysfs' and udev's unit on disks of any block size
 
 std::vector<std::string> namesIn(const fs::path& folder) {
   std::vector<std::string> names;
@@ -33,8 +31,8 @@ std::vector<std::string> namesIn(const fs::path& folder) {
 
 // Numbers from a file can be anything; a size in bytes has to fit the registry's signed numbers.
 uint64_t bytesOf(std::optional<uint64_t> sectors) {
-  constexpr uint64_t kMost = uint64_t{std::numeric_limits<int64_t>::max()} / kSector;
-  return std::min(sectors.value_or(0), kMost) * kSector;
+  constexpr uint64_t kMost = uint64_t{std::numeric_limits<int64_t>::max()} / kSysfsSector;
+  return std::min(sectors.value_or(0), kMost) * kSysfsSector;
 }
 
 std::map<std::string, std::string> udevRecord(const std::string& root, const fs::path& folder) {
@@ -86,7 +84,7 @@ void readUdev(const std::string& root, const fs::path& folder, DiskFacts& disk) 
   for (SliceFacts& slice : disk.slices) {
     auto entry = udevRecord(root, folder / withoutSlashes(slice.bsdName));
     if (entry["ID_PART_ENTRY_NUMBER"] != std::to_string(slice.number)) continue;
-    if (entry["ID_PART_ENTRY_OFFSET"] != std::to_string(slice.extent.offset / kSector)) continue;
+    if (entry["ID_PART_ENTRY_OFFSET"] != std::to_string(slice.extent.offset / kSysfsSector)) continue;
     slice.content = tableContent(entry["ID_PART_ENTRY_TYPE"]);
     if (entry["ID_PART_ENTRY_SCHEME"] == "gpt") slice.uuid = UUID::fromText(entry["ID_PART_ENTRY_UUID"]);
   }
@@ -95,11 +93,11 @@ void readUdev(const std::string& root, const fs::path& folder, DiskFacts& disk) 
 // The table as it stands on the disk. The kernel may still go by an older one: its slices stay what they are, and only
 // an entry for the same bytes identifies one.
 void readTable(int descriptor, DiskFacts& disk) {
-  const PartitionTable table = readPartitionTable(descriptor, disk.size, disk.blockSize);
+  const ProbedTable table = probePartitionTable(descriptor, disk.size, disk.blockSize);
   disk.content = schemeContent(table.scheme);
   disk.uuid = table.uuid;
   const size_t kernelCount = disk.slices.size();
-  for (const TableEntry& entry : table.entries) {
+  for (const ProbedEntry& entry : table.entries) {
     const auto end = disk.slices.begin() + static_cast<ptrdiff_t>(kernelCount);
     const auto known =
         std::find_if(disk.slices.begin(), end, [&](const SliceFacts& slice) { return slice.number == entry.number; });
@@ -125,7 +123,7 @@ std::optional<DiskFacts> readDisk(const std::string& root, const std::string& ke
   if (!disk.hasMedium && !fs::exists(folder / "device", error)) return std::nullopt;
   readDevice(folder, disk);
   if (!disk.hasMedium) return disk;
-  const uint64_t blockSize = readWholeNumber(folder / "queue" / "logical_block_size").value_or(kSector);
+  const uint64_t blockSize = readWholeNumber(folder / "queue" / "logical_block_size").value_or(kSysfsSector);
   disk.blockSize = static_cast<uint32_t>(std::min<uint64_t>(blockSize, std::numeric_limits<uint32_t>::max()));
   disk.removable = readFlag(folder / "removable") == true;
   disk.writable = readFlag(folder / "ro") == false;

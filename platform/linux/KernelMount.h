@@ -8,7 +8,7 @@
 
 #include "Dissenters.h"
 #include "MountTable.h"
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/Extent.h"
 
 namespace vorlix {
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "FatNames.h"
+#include "MirrorNames.h"
 
 namespace vorlix {
 namespace {
@@ -33,9 +34,9 @@ Refusal isChanged(const MirrorTree& baseline, const std::string& path, const Mir
 }
 
 // The names that the copy has, or is to have, in the case in which they are compared.
-class Names {
+class NamesInUse {
  public:
-  Names(const MirrorTree& tree, const MirrorChanges& changes) {
+  NamesInUse(const MirrorTree& tree, const MirrorChanges& changes) {
     for (const auto& [path, entry] : tree) names_.insert(foldedFatName(path));
     for (const FatEntry* const entry : changes.removed) names_.insert(foldedFatName(entry->path));
   }
@@ -55,9 +56,9 @@ class Names {
   unsigned number_ = 0;
 };
 
-class Application {
+class ChangesToCopy {
  public:
-  Application(const MirrorChanges& changes, const MirrorTree& tree, const std::string& folder, const Mtools& copy)
+  ChangesToCopy(const MirrorChanges& changes, const MirrorTree& tree, const std::string& folder, const Mtools& copy)
       : changes_(changes), folder_(folder), copy_(copy), names_(tree, changes) {}
 
   Refusal oneAfterTheOther() {
@@ -151,7 +152,7 @@ class Application {
   const MirrorChanges& changes_;
   const std::string& folder_;
   const Mtools& copy_;
-  Names names_;
+  NamesInUse names_;
   std::set<std::string> gone_;
 };
 
@@ -211,7 +212,7 @@ Refusal checkRoom(const MirrorChanges& changes, const MirrorTree& tree, const Fa
 
 Refusal applyChanges(const MirrorChanges& changes, const MirrorTree& tree, const std::string& folder, Room room,
                      const Mtools& copy) {
-  Application application(changes, tree, folder, copy);
+  ChangesToCopy application(changes, tree, folder, copy);
   return room == Room::besideEachOther ? application.besideEachOther() : application.oneAfterTheOther();
 }
 

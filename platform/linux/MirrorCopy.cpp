@@ -2,7 +2,6 @@
 #include "MirrorCopy.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,8 +16,6 @@
 
 namespace vorlix {
 namespace {
-
-constexpr size_t kPiece = 1024 * 1024;
 
 Refusal writePiece(int file, const std::string& path, const uint8_t* bytes, size_t count, uint64_t offset) {
   size_t done = 0;
@@ -78,7 +75,7 @@ class ComparedFile {
       const off_t data = lseek(file_.get(), static_cast<off_t>(place_), SEEK_DATA);
       if (data < 0 && errno == ENXIO) break;
       if (data >= 0) place_ = std::min(end, static_cast<uint64_t>(data));
-      const auto count = static_cast<size_t>(std::min<uint64_t>(kPiece, end - place_));
+      const auto count = static_cast<size_t>(std::min<uint64_t>(kFatPiece, end - place_));
       if (!readAt(place_, count)) return false;
       if (!std::all_of(piece_.begin(), piece_.begin() + static_cast<std::ptrdiff_t>(count),
                        [](uint8_t byte) { return byte == 0; })) {
@@ -149,27 +146,6 @@ Refusal compareFile(const OpenVolume& from, const FatEntry& entry, const std::st
   isEqual = isEqual && compared.hasZerosTo(entry.size);
   if (compared.error() != 0) return compared.failure();
   return std::nullopt;
-}
-
-FileSizeSignalHeld::FileSizeSignalHeld() {
-  sigset_t fileSize;
-  sigset_t pending;
-  sigemptyset(&fileSize);
-  sigaddset(&fileSize, SIGXFSZ);
-  sigpending(&pending);
-  wasPending_ = sigismember(&pending, SIGXFSZ) == 1;
-  pthread_sigmask(SIG_BLOCK, &fileSize, &before_);
-}
-
-FileSizeSignalHeld::~FileSizeSignalHeld() {
-  const int reason = errno;
-  sigset_t fileSize;
-  sigemptyset(&fileSize);
-  sigaddset(&fileSize, SIGXFSZ);
-  const timespec atOnce = {0, 0};
-  while (!wasPending_ && sigtimedwait(&fileSize, nullptr, &atOnce) == SIGXFSZ) continue;
-  pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-  errno = reason;
 }
 
 }  // namespace vorlix

@@ -3,8 +3,6 @@
 // Files of a FAT volume beside files of the system: copied, compared.
 #pragma once
 
-#include <signal.h>
-
 #include <string>
 
 #include "Dissenters.h"
@@ -31,18 +29,5 @@ Refusal copyVolumeTo(const OpenVolume& from, const std::string& folder);
 
 /// Compares the content of a file with that of a file of the system, sizes included.
 Refusal compareFile(const OpenVolume& from, const FatEntry& entry, const std::string& file, bool& isEqual);
-
-/// Has a write beyond the limit of a file's size (RLIMIT_FSIZE) fail in this thread, instead of ending the process.
-class FileSizeSignalHeld {
- public:
-  FileSizeSignalHeld();
-  ~FileSizeSignalHeld();
-  FileSizeSignalHeld(const FileSizeSignalHeld&) = delete;
-  FileSizeSignalHeld& operator=(const FileSizeSignalHeld&) = delete;
-
- private:
-  sigset_t before_;
-  bool wasPending_ = false;
-};
 
 }  // namespace vorlix

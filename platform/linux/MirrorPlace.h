@@ -1,13 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Where mirrors stand in the user's state folder:
-//
-//     volumes/NAME              a mirror, the mount point
-//     volumes/.mirrors/KEY/     what belongs to it; locked while somebody works on it
-//         state                 MirrorState
-//         making/               a mirror on its way to becoming one
-//         leaving/              one that is being removed
-//         copy                  the volume's own bytes, while changes are put into them
+// The folder of one mirror, locked (MirrorFolders.h).
 #pragma once
 
 #include <optional>
@@ -19,9 +12,6 @@
 #include "MirrorState.h"
 
 namespace vorlix {
-
-/// Whether the folder at `path` is the one that a mirror was made in, and not another one of that name.
-bool isFolderOf(const MirrorState& state, const std::string& path);
 
 /// The folder of one volume, locked against other processes and threads for as long as this object lives. Nobody who
 /// works on another volume waits for it.

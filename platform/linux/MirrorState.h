@@ -8,12 +8,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
-#include "BlockDevices.h"
-#include "Dissenters.h"
 #include "MirrorTree.h"
-#include "OpenedDevice.h"
 
 namespace vorlix {
 
@@ -50,42 +46,5 @@ struct MirrorState {
 /// As bytes, for MirrorPlace.
 std::string encodeMirrorState(const MirrorState& state);
 std::optional<MirrorState> decodeMirrorState(std::string_view bytes);
-
-/// Names the place of the volume in `window` of a device: the same for every path to the device.
-std::optional<std::string> mirrorKey(const DeviceLocation& location, Extent window);
-
-/// A mirrored volume with the key of its place.
-struct KnownMirror {
-  std::string key;
-  MirrorState state;
-};
-
-/// The mirrors of this user that stand for the volume of a device that is there, in the order in which they were made,
-/// read without a lock.
-std::vector<KnownMirror> allMirrors();
-
-/// What has become of the volume of a mirror.
-enum class MirroredVolumeIs { there, gone, replaced };
-
-struct FoundMirror {
-  KnownMirror mirror;
-  MirroredVolumeIs volume = MirroredVolumeIs::there;
-};
-
-/// All mirrors of this user, those included that stand for nothing any more: their device is gone, or holds another
-/// volume.
-std::vector<FoundMirror> findMirrors();
-
-/// The state of the volume that lies at `key` now, read without a lock. Absent where that volume is not mirrored,
-/// whatever other one at the same place was. `opened` is absent where the device cannot be read; the place alone counts
-/// then.
-std::optional<MirrorState> findMirror(const std::string& key, const std::optional<OpenedDevice>& opened);
-
-/// The same, but never with the place of a mirror that is about to be removed: waits for the unmount that is at work
-/// there, and puts back what one that was ended has left.
-std::optional<MirrorState> findSettledMirror(const std::string& key, const std::optional<OpenedDevice>& opened);
-
-/// The state of findMirror() for the volume that is mirrored in `folder`.
-std::optional<MirrorState> findMirrorAt(const std::string& folder);
 
 }  // namespace vorlix

@@ -1,13 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MirroredVolume.h"
 
+#include <pthread.h>
+#include <signal.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
 #include <cerrno>
 
 #include "DeviceFacts.h"
+#include "FolderUsers.h"
 #include "MirrorCopy.h"
+#include "MirrorFolders.h"
+#include "MirrorLookup.h"
 #include "MirrorPlace.h"
 #include "MirrorTree.h"
 #include "MountTable.h"
@@ -15,6 +20,33 @@
 
 namespace vorlix {
 namespace {
+
+// Makes a write beyond the limit of a file's size (RLIMIT_FSIZE) fail in this thread instead of ending the process.
+class FileSizeSignalHeld {
+ public:
+  FileSizeSignalHeld() {
+    sigset_t pending;
+    sigemptyset(&fileSize_);
+    sigaddset(&fileSize_, SIGXFSZ);
+    sigpending(&pending);
+    wasPending_ = sigismember(&pending, SIGXFSZ) == 1;
+    pthread_sigmask(SIG_BLOCK, &fileSize_, &before_);
+  }
+  ~FileSizeSignalHeld() {
+    const int reason = errno;
+    const timespec atOnce = {0, 0};
+    while (!wasPending_ && sigtimedwait(&fileSize_, nullptr, &atOnce) == SIGXFSZ) continue;
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    errno = reason;
+  }
+  FileSizeSignalHeld(const FileSizeSignalHeld&) = delete;
+  FileSizeSignalHeld& operator=(const FileSizeSignalHeld&) = delete;
+
+ private:
+  sigset_t fileSize_;
+  sigset_t before_;
+  bool wasPending_ = false;
+};
 
 Refusal checkSpace(const std::string& folder, uint64_t needed) {
   struct statvfs status = {};

@@ -11,9 +11,8 @@
 #include <cstdint>
 #include <string>
 
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 #include "Dissenters.h"
-#include "MirrorState.h"
 #include "OpenedDevice.h"
 
 namespace vorlix {

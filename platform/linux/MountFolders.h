@@ -16,6 +16,9 @@ namespace vorlix {
 /// Empty where nothing of it is left.
 std::string safeFolderName(const std::string& name);
 
+/// The most folders of one name, which have a number added: "name", "name-1" and so on.
+inline constexpr int kMostOfOneName = 1000;
+
 /// Makes a new folder in /run/vorlix, where the super-user's mounts are, called `name`, or "name-1", "name-2" ... where
 /// that is taken. The place is refused unless it is a folder, not a link, that belongs to the user and that nobody else
 /// can write to.

@@ -24,9 +24,6 @@ namespace fs = std::filesystem;
 constexpr std::string_view kDeleted = " (deleted)";  // ends the kernel's path of a file that has lost that name
 constexpr size_t kMostGroups = 1024;
 
-// Drivers that are given a volume's name call it ntfs://sda2/Name.
-constexpr std::string_view kNTFSDriver = "ntfs:/";
-
 std::string pathNamedBy(const std::string& source) {
   if (source.rfind(kNTFSDriver, 0) != 0) return source;
   const size_t first = source.find('/', kNTFSDriver.size());

@@ -9,13 +9,18 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 #include "MountTable.h"
 #include "VolumeOrigin.h"
+#include "platform/posix/Extent.h"
 
 namespace vorlix {
+
+/// The start of the names that some NTFS drivers give to their mounts, as in ntfs://sda2/Name.
+inline constexpr std::string_view kNTFSDriver = "ntfs:/";
 
 struct MountSource {
   VolumeOrigin origin;

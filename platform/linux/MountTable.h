@@ -32,12 +32,4 @@ std::vector<MountPoint> mountTable();
 /// The mount that is seen at `path`, which must be the mount point itself.
 std::optional<MountPoint> mountAt(const std::string& path);
 
-/// The bytes that a loop device of `mount` shows, where it was made for that mount alone and goes with it: the backing
-/// file or device and the offset in it.
-struct LoopBacking {
-  std::string path;
-  uint64_t offset = 0;
-};
-std::optional<LoopBacking> loopBackingOf(dev_t device);
-
 }  // namespace vorlix

@@ -12,22 +12,21 @@
 #include <string_view>
 #include <utility>
 
+#include <Vorlix/foundation/Utf8.h>
 #include <Vorlix/platform/Descriptor.h>
-#include "BlockDevices.h"
 #include "DeviceFacts.h"
+#include "DeviceNames.h"
 #include "DiskDescription.h"
 #include "FatLayout.h"
-#include "MirrorState.h"
+#include "MirrorLookup.h"
 #include "MountSources.h"
-#include "Mounting.h"
+#include "MountedDevices.h"
 #include "OpenedDevice.h"
 #include "VolumeProbe.h"
 #include "platform/posix/MountFacts.h"
 
 namespace vorlix {
 namespace {
-
-constexpr std::string_view kNTFSDriver = "ntfs:/";
 
 // The mounts of one volume, the first one first.
 using Mounts = std::vector<const MountPoint*>;
@@ -94,7 +93,7 @@ void findPlace(const Mounts& mounts, MountedVolume& volume) {
   }
 }
 
-std::optional<std::string> nameOf(const MountPoint& mount, const std::optional<MountSource>& source) {
+std::optional<std::string> sourceNameOf(const MountPoint& mount, const std::optional<MountSource>& source) {
   if (isNamedByDriver(mount)) return mount.source;
   std::optional<std::string> name = deviceNameOf(*source);
   if (source->device == 0 || imageBehind(source->device)) return name;
@@ -105,7 +104,7 @@ std::optional<std::string> nameOf(const MountPoint& mount, const std::optional<M
 }
 
 // What tells a volume from others, whatever name leads to it; see mirrorKey().
-std::string identityOf(const std::string& device) {
+std::string identityTextOf(const std::string& device) {
   const std::optional<DeviceLocation> location = locateDevice(device);
   if (!location) return device;
   Extent window;
@@ -125,7 +124,7 @@ std::optional<std::string> labelOf(const std::string& device) {
 }
 
 std::string nameFor(const MountedVolume& volume) {
-  return validText(lastComponent(volume.mountPath.value_or(volume.mountedFrom)));
+  return repairedUtf8(lastComponent(volume.mountPath.value_or(volume.mountedFrom)));
 }
 
 // Absent where the mirror is no longer that of the device it was made from.
@@ -157,10 +156,10 @@ std::vector<MountedVolume> LinuxMountedVolumes::volumes() {
   const std::vector<MountPoint> table = mountTable();
   for (const MountedSource& mounted : bySource(table)) {
     const MountPoint& first = *mounted.mounts.front();
-    const std::optional<std::string> device = nameOf(first, mounted.source);
+    const std::optional<std::string> device = sourceNameOf(first, mounted.source);
     if (!device) continue;
     const bool byName = isNamedByDriver(first);
-    if (!listed.insert(byName ? *device : identityOf(*device)).second) continue;
+    if (!listed.insert(byName ? *device : identityTextOf(*device)).second) continue;
     MountedVolume volume;
     volume.mountedFrom = *device;
     findPlace(mounted.mounts, volume);

@@ -9,7 +9,7 @@
 
 #include "DeviceFacts.h"
 #include "KernelMount.h"
-#include "MirrorState.h"
+#include "MirrorLookup.h"
 #include "MirroredVolume.h"
 #include "MountFolders.h"
 #include "MountTable.h"
@@ -20,7 +20,6 @@ namespace vorlix {
 namespace {
 
 constexpr mode_t kFolderMode = 0755;
-constexpr uint32_t kMostSlices = 128;
 
 struct MountOptions {
   bool readWrite = false;
@@ -110,18 +109,6 @@ const MountPoint* mainMount(const std::vector<MountPoint>& mounts) {
   return whole == mounts.end() ? &mounts.front() : &*whole;
 }
 
-std::optional<std::string> nameInside(const std::string& whole, uint64_t offset) {
-  std::optional<DeviceLocation> location = locateDevice(whole);
-  if (!location) return std::nullopt;
-  if (offset == 0) return whole;
-  for (uint32_t slice = 1; slice <= kMostSlices; ++slice) {
-    location->slice = slice;
-    const std::optional<OpenedDevice> device = openLocation(*location, O_RDONLY);
-    if (device && device->window.offset == offset) return whole + "s" + std::to_string(slice);
-  }
-  return std::nullopt;
-}
-
 // The folder of a mirror that was made of another volume by that name.
 std::optional<std::string> orphanOf(const DeviceLocation& location) {
   const std::optional<std::string> name = bsdNameOf(location);
@@ -179,26 +166,6 @@ std::optional<VolumePlace> volumePlaceOf(const DeviceLocation& location, const s
   if (const MountPoint* const mount = mainMount(mounted.byKernel)) return VolumePlace{mount->path, mount->fileSystem};
   if (mounted.mirror) return VolumePlace{mounted.mirror->folder, "vfat"};
   return std::nullopt;
-}
-
-std::optional<std::string> imageBehind(dev_t device) {
-  const std::optional<LoopBacking> backing = loopBackingOf(device);
-  return backing ? nameInside(backing->path, backing->offset) : std::nullopt;
-}
-
-std::optional<std::string> deviceNameOf(const MountSource& source) {
-  if (source.device == 0) {
-    return source.file.empty() ? std::nullopt : nameInside(source.file, source.origin.offset);
-  }
-  if (std::optional<std::string> image = imageBehind(source.device)) return image;
-  return nodeOfDevice(source.device);
-}
-
-std::optional<std::string> deviceMountedAt(const std::string& path) {
-  if (const std::optional<MirrorState> mirror = findMirrorAt(path)) return mirror->device;
-  const std::optional<MountPoint> mount = mountAt(path);
-  const std::optional<MountSource> source = mount ? MountSources().of(*mount) : std::nullopt;
-  return source ? deviceNameOf(*source) : std::nullopt;
 }
 
 }  // namespace vorlix

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 #include "Dissenters.h"
 #include "MountSources.h"
 #include "OpenedDevice.h"
@@ -34,15 +34,5 @@ struct VolumePlace {
 
 /// Absent where the volume is not mounted. `opened` is absent where the device cannot be read.
 std::optional<VolumePlace> volumePlaceOf(const DeviceLocation& location, const std::optional<OpenedDevice>& opened);
-
-/// The image, or the slice of one, whose bytes a loop device shows that was made for one mount alone and goes with it:
-/// to users such a volume is the image's. Absent for other devices.
-std::optional<std::string> imageBehind(dev_t device);
-
-/// Name of a device or image by which others find it. Absent where it has none now.
-std::optional<std::string> deviceNameOf(const MountSource& source);
-
-/// Name of the device whose volume is mounted at `path`, an image or a slice of one included.
-std::optional<std::string> deviceMountedAt(const std::string& path);
 
 }  // namespace vorlix

@@ -6,8 +6,8 @@
 #include <optional>
 
 #include <Vorlix/platform/Descriptor.h>
-#include "BlockDevices.h"
-#include "platform/posix/FileHandle.h"
+#include "DeviceNames.h"
+#include "platform/posix/Extent.h"
 
 namespace vorlix {
 

@@ -2,7 +2,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/DescriptorCalls.h"
 
 namespace vorlix {
 

@@ -14,6 +14,9 @@
 
 namespace vorlix {
 
+/// The unit of places and sizes in sysfs and in udev's database, whatever the block size of the disk.
+inline constexpr uint64_t kSysfsSector = 512;
+
 /// A device's number as it stands in names and files there: "8:1".
 std::string deviceNumberText(dev_t device);
 

@@ -14,13 +14,14 @@
 #include "DeviceFacts.h"
 #include "FatFileChange.h"
 #include "FatVolume.h"
+#include "MirrorLookup.h"
 #include "MirrorPlace.h"
 #include "Mounting.h"
 #include "OpenedDevice.h"
 #include "VolumeCopy.h"
 #include "VolumeDevice.h"
 #include "VolumeProbe.h"
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/DescriptorCalls.h"
 
 namespace vorlix {
 namespace {

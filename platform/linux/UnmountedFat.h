@@ -7,7 +7,7 @@
 
 #include <memory>
 
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 #include "Dissenters.h"
 
 namespace vorlix {

@@ -13,7 +13,6 @@ namespace vorlix {
 namespace {
 
 constexpr size_t kPiece = kLongestRun;
-constexpr size_t kSector = 512;
 
 // Where the parts of a volume lie; offsets count from its start.
 using Extents = std::vector<Extent>;
@@ -89,7 +88,7 @@ class Difference {
     const uint64_t end = extent.offset + extent.size;
     for (uint64_t at = extent.offset; at < end;) {
       const uint64_t data = std::min(medium_.nextData(at), copy_.nextData(at));
-      at += (std::min(data, end) - at) / kSector * kSector;
+      at += (std::min(data, end) - at) / kFatSector * kFatSector;
       if (data >= end) break;
       const auto count = static_cast<size_t>(std::min<uint64_t>(kPiece, end - at));
       if (!medium_.read(before_.data(), count, at) || !copy_.read(after_.data(), count, at)) {
@@ -104,11 +103,11 @@ class Difference {
   Refusal addPiece(uint64_t offset, size_t count, const std::string& reason) {
     for (size_t at = 0; at < count;) {
       if (isEqual(at, count)) {
-        at += kSector;
+        at += kFatSector;
         continue;
       }
       size_t end = at;
-      while (end < count && !isEqual(end, count)) end = std::min(count, end + kSector);
+      while (end < count && !isEqual(end, count)) end = std::min(count, end + kFatSector);
       const std::span<const uint8_t> before(before_.data() + at, end - at);
       const std::span<const uint8_t> after(after_.data() + at, end - at);
       if (auto failure = writer_.add(device_, offset + at, before, after, reason)) return dissenterFor(*failure);
@@ -118,7 +117,7 @@ class Difference {
   }
 
   bool isEqual(size_t at, size_t count) const {
-    return std::memcmp(before_.data() + at, after_.data() + at, std::min(kSector, count - at)) == 0;
+    return std::memcmp(before_.data() + at, after_.data() + at, std::min(kFatSector, count - at)) == 0;
   }
 
   FatSource medium_;

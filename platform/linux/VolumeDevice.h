@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 #include "Dissenters.h"
 #include "platform/posix/FileHandle.h"
 

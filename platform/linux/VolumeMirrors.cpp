@@ -5,9 +5,9 @@
 
 #include <cerrno>
 
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 #include "FatVolume.h"
-#include "MirrorState.h"
+#include "MirrorLookup.h"
 #include "MirrorTree.h"
 #include "MirroredVolume.h"
 #include "OpenedDevice.h"
@@ -28,7 +28,7 @@ VolumeMirror::Volume standingOf(MirroredVolumeIs volume) {
   }
 }
 
-std::optional<DeviceLocation> deviceOf(const std::string& name) {
+std::optional<DeviceLocation> locationOf(const std::string& name) {
   return locateDevice(name.starts_with("/") ? name : "/dev/" + name);
 }
 
@@ -36,7 +36,7 @@ std::optional<DeviceLocation> deviceOf(const std::string& name) {
 // one before.
 const MirrorTree& treeOnVolume(const MirrorState& state) {
   if (!state.written) return state.baseline;
-  const std::optional<DeviceLocation> location = deviceOf(state.device);
+  const std::optional<DeviceLocation> location = locationOf(state.device);
   const std::optional<OpenedDevice> opened = location ? openLocation(*location, O_RDONLY) : std::nullopt;
   FatVolume volume;
   if (!opened || volume.read(opened->descriptor.get(), opened->window)) return state.baseline;
@@ -67,7 +67,7 @@ std::vector<std::string> changesIn(const MirrorState& state) {
 
 std::unique_ptr<UnmountedVolume> LinuxVolumeMirrors::openUnmounted(const std::string& device,
                                                                    std::optional<Dissenter>& refusal) {
-  const std::optional<DeviceLocation> location = deviceOf(device);
+  const std::optional<DeviceLocation> location = locationOf(device);
   refusal.reset();
   return location ? openUnmountedFat(*location, refusal) : nullptr;
 }
@@ -84,7 +84,7 @@ std::vector<VolumeMirror> LinuxVolumeMirrors::mirrors() {
 std::optional<Dissenter> LinuxVolumeMirrors::settle(const VolumeMirror& mirror) {
   // What was begun on a volume that is not there waits for it; another one in its place has nothing to do with it.
   if (mirror.volume != VolumeMirror::Volume::there) return std::nullopt;
-  const std::optional<DeviceLocation> location = deviceOf(mirror.device);
+  const std::optional<DeviceLocation> location = locationOf(mirror.device);
   return location ? settleVolume(*location) : dissenterFor(errno, mirror.device);
 }
 

@@ -16,8 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr uint64_t kSysfsSector = 512;  // the unit of "start", whatever the disk's block size
-constexpr int kMostLayers = 16;         // of loop devices over loop devices
+constexpr int kMostLayers = 16;  // of loop devices over loop devices
 
 // What a loop device was made over, as the driver remembers it. Only who may open the device is told.
 std::optional<loop_info64> loopStatusOf(dev_t device) {
@@ -85,6 +84,16 @@ std::optional<std::string> backingPathOf(dev_t device) {
   // Names may end in a space, or in a line's end of their own.
   if (path && path->ends_with('\n')) path->pop_back();
   return path && path->empty() ? std::nullopt : path;
+}
+
+std::optional<LoopBacking> loopBackingOf(dev_t device) {
+  const std::filesystem::path loop = sysfsLink(device) / "loop";
+  if (readWholeNumber(loop / "autoclear").value_or(0) == 0) return std::nullopt;
+  const std::optional<std::string> path = backingPathOf(device);
+  const uint64_t offset = readWholeNumber(loop / "offset").value_or(0);
+  // Another file may have replaced it, or have this path in the namespace of this process.
+  if (!path || originOfPath(*path, offset) != originOfDevice(device)) return std::nullopt;
+  return LoopBacking{*path, offset};
 }
 
 }  // namespace vorlix

@@ -34,4 +34,13 @@ std::optional<VolumeOrigin> originOfPath(const std::string& path, uint64_t offse
 /// Path of what a loop device shows, as sysfs tells it. Absent where the device is no loop device, or not in use.
 std::optional<std::string> backingPathOf(dev_t device);
 
+/// What a loop device shows: the backing file or device, and the offset in it.
+struct LoopBacking {
+  std::string path;
+  uint64_t offset = 0;
+};
+
+/// Returns the backing of a loop device that was made for one mount and disappears with it. Absent for other devices.
+std::optional<LoopBacking> loopBackingOf(dev_t device);
+
 }  // namespace vorlix

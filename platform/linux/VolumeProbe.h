@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/Extent.h"
 
 namespace vorlix {
 
@@ -27,14 +27,8 @@ std::optional<VolumeFacts> probeVolume(int descriptor, Extent window);
 /// The same from a record of udev's database, for devices that the user may not read.
 std::optional<VolumeFacts> volumeInUdevRecord(const std::map<std::string, std::string>& record);
 
-/// Name of a partition in the GPT of a whole disk.
-std::optional<std::string> probePartitionName(int descriptor, uint32_t blockSize, uint32_t number);
-
 /// The volume kind for a file system name of libblkid or of the kernel's mount table. Absent for "fuseblk", which says
 /// nothing of what is on the volume.
 std::optional<std::string> volumeKindOf(const std::string& fileSystem);
-
-/// UTF-8 as it is; bytes that are none become U+FFFD.
-std::string validText(const std::string& text);
 
 }  // namespace vorlix

@@ -17,7 +17,6 @@
 #include "Mtools.h"
 #include "VolumeCopy.h"
 #include "VolumeDevice.h"
-#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 namespace {

@@ -3,7 +3,7 @@
 // The way of changes from a mirror to the medium.
 #pragma once
 
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 #include "Dissenters.h"
 #include "MirrorPlace.h"
 #include "MirrorTree.h"

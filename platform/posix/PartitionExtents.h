@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "FileHandle.h"
+#include "Extent.h"
 
 namespace vorlix {
 

@@ -16,8 +16,6 @@
 namespace vorlix {
 namespace {
 
-using Stream = SimulatedRun::Stream;
-
 /// A child and the pipes it writes to, shared by its handle and their read ends.
 struct SimulatedTask {
   SimulatedRun run;
@@ -37,7 +35,7 @@ class SimulatedOutput final : public ChildOutput {
  public:
   /// @param stream  what it carries; absent for both.
   SimulatedOutput(std::shared_ptr<SimulatedState> state, std::shared_ptr<SimulatedTask> task,
-                  std::optional<Stream> stream)
+                  std::optional<SimulatedRun::Stream> stream)
       : state_(std::move(state)), task_(std::move(task)), stream_(stream) {}
   ~SimulatedOutput() override { cancelBackgroundRead(); }
 
@@ -82,7 +80,7 @@ class SimulatedOutput final : public ChildOutput {
 
   std::shared_ptr<SimulatedState> state_;
   std::shared_ptr<SimulatedTask> task_;
-  std::optional<Stream> stream_;
+  std::optional<SimulatedRun::Stream> stream_;
   bool endRead_ = false;
 };
 
@@ -94,8 +92,8 @@ class SimulatedChild final : public Child {
       output_ = std::make_shared<SimulatedOutput>(state_, task_, std::nullopt);
       error_ = output_;
     } else {
-      output_ = std::make_shared<SimulatedOutput>(state_, task_, Stream::output);
-      error_ = std::make_shared<SimulatedOutput>(state_, task_, Stream::error);
+      output_ = std::make_shared<SimulatedOutput>(state_, task_, SimulatedRun::Stream::output);
+      error_ = std::make_shared<SimulatedOutput>(state_, task_, SimulatedRun::Stream::error);
     }
   }
 

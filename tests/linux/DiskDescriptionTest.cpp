@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What disk arbitration tells of image files, beside what general tools print of them, and the small rules behind it.
+#include <Vorlix/foundation/Utf8.h>
 #include "platform/linux/DeviceFacts.h"
 #include "platform/linux/Dissenters.h"
 #include "platform/linux/MountFolders.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 
 #include <sys/stat.h>
 
@@ -82,13 +82,6 @@ std::optional<DeviceLocation> locateDevice(const std::string& name) {
   std::optional<DeviceLocation> found = locateName(name, locateExisting, sliceOf);
   if (found && found->isImage) noteImageFile(found->whole);
   return found;
-}
-
-std::optional<uint32_t> kernelBlockSize(dev_t device) {
-  const std::optional<fs::path> folder = sysfsFolderOfDisk(device);
-  const auto size = folder ? readWholeNumber(*folder / "queue" / "logical_block_size") : std::nullopt;
-  if (!size || *size > std::numeric_limits<uint32_t>::max()) return std::nullopt;
-  return static_cast<uint32_t>(*size);
 }
 
 }  // namespace vorlix

@@ -3,13 +3,9 @@
 // Device names on Linux: block devices by path or kernel name, disk-image files, and slices of either.
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <optional>
 #include <string>
-
-#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 
@@ -30,8 +26,5 @@ struct DeviceLocation {
 /// the reason that has (EACCES). Absent with `errno` set: ENOENT, EISDIR, ENOTBLK for what is neither a block device
 /// nor a file, or what the system says.
 std::optional<DeviceLocation> locateDevice(const std::string& name);
-
-/// Logical block size of a block device by the kernel's own account. Absent when there is none.
-std::optional<uint32_t> kernelBlockSize(dev_t device);
 
 }  // namespace vorlix
