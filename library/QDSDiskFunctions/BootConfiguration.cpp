@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/foundation/Paths.h>
+#include <Vorlix/platform/SystemError.h>
 #include <Vorlix/platform/VolumeNames.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -116,7 +117,7 @@ vorlix::Stream openStore(const std::string& path, const std::string& mountPoint)
 int32_t destinationFailed() {
   const int reason = errno;
   std::perror("BCD Path Destination error:");
-  std::printf("%s", std::strerror(reason));
+  std::printf("%s", vorlix::SystemError{reason, ""}.reason().c_str());
   return -1;
 }
 

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -173,7 +172,7 @@ Refusal unmountAsUser(const std::string& path) {
   if (result.launchError != 0) {
     return Dissenter{kDissentNotPrivileged, "only the super-user can unmount " + path + " without fusermount3"};
   }
-  const bool isBusy = result.errors.find(std::strerror(EBUSY)) != std::string::npos;
+  const bool isBusy = result.errors.find(SystemError{EBUSY, ""}.reason()) != std::string::npos;
   return Dissenter{isBusy ? kDissentBusy : kDissentError, path + ": " + result.errors};
 }
 

@@ -130,10 +130,6 @@ class Difference {
 
 }  // namespace
 
-Dissenter dissenterFor(const ChangeFailure& failure) {
-  return {kDissentError, failure.subject + ": " + failure.reason + (failure.state.empty() ? "" : "; " + failure.state)};
-}
-
 Refusal copyUsedParts(const OpenVolume& from, const std::string& path, Descriptor& copy) {
   copy =
       Descriptor(aboveStandardStreams(open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600)));

@@ -25,7 +25,4 @@ Refusal copyUsedParts(const OpenVolume& from, const std::string& path, Descripto
 Refusal writeJournal(const OpenVolume& medium, const OpenVolume& copy, const std::string& device,
                      const DeviceIdentity& identity, const std::string& name, std::unique_ptr<Journal>& journal);
 
-/// A failure of a change as an answer to a request.
-Dissenter dissenterFor(const ChangeFailure& failure);
-
 }  // namespace vorlix

@@ -7,10 +7,10 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <vector>
 
 #include <Vorlix/platform/Descriptor.h>
+#include <Vorlix/platform/SystemError.h>
 #include "Module.h"
 #include "platform/linux/CodePlace.h"
 #include "platform/linux/SignersUnit.h"
@@ -55,7 +55,7 @@ SignersUnitEntry* load() {
     const Descriptor file(open(place.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     struct stat status = {};
     if (!file || fstat(file.get(), &status) != 0) {
-      if (errno != ENOENT && errno != ENOTDIR) reason = place.string() + ": " + std::strerror(errno);
+      if (errno != ENOENT && errno != ENOTDIR) reason = SystemError{errno, place.string()}.text();
       continue;
     }
     if (!isTrusted(status, code)) {
