@@ -49,7 +49,7 @@ std::string pathInAnySpelling(std::string folder, std::initializer_list<const ch
     if (!files.kindOf(path)) {
       found = spellingsOf(files.namesIn(folder).value_or(std::vector<std::string>()), name);
     }
-    std::sort(found.begin(), found.end());  // where several stand there, the same one each time
+    std::sort(found.begin(), found.end());  // if there are several spellings, always use the same one
     folder = found.empty() ? path : appendPathComponent(folder, found.front());
   }
   return folder;

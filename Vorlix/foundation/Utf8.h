@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// What the library asks of UTF-8 text.
+/// Checking, repairing and writing UTF-8.
 #pragma once
 
 #include <Vorlix/foundation/Export.h>
@@ -12,14 +12,14 @@
 
 namespace vorlix {
 
-/// Whether the bytes are well-formed UTF-8 (Unicode 15, table 3-7): no overlong form, no surrogate, nothing beyond
-/// U+10FFFF, nothing cut short.
+/// Returns whether the bytes are well-formed UTF-8 (Unicode 15, table 3-7): no overlong form, no surrogate, nothing
+/// beyond U+10FFFF, no incomplete character.
 VORLIX_EXPORT bool isUtf8(std::string_view bytes);
 
-/// The text with U+FFFD in place of each byte that is no part of well-formed UTF-8.
+/// Returns the text with U+FFFD instead of each byte that is not part of well-formed UTF-8.
 VORLIX_EXPORT std::string repairedUtf8(std::string_view bytes);
 
-/// UTF-16 code units that well-formed text takes: one a character, two beyond U+FFFF.
+/// Returns the length of well-formed text in UTF-16 code units: one for a character, two beyond U+FFFF.
 VORLIX_EXPORT size_t utf16Length(std::string_view text);
 
 /// Appends a character, at most U+10FFFF, as one to four bytes.

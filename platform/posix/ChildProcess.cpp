@@ -25,14 +25,14 @@ namespace {
 
 constexpr int32_t kStatusLost = -1;
 
-// Between a child's closing its streams and the system's having its status there is a moment; so long is waited for it.
+// A child's status arrives shortly after its streams close; wait this long.
 constexpr std::chrono::milliseconds kExitGrace{10};
 
-// Many programs close standard output as the last thing that they do, to see whether all of it could be written. Until
-// they have exited after that, a signal would still end them; so long they are left alone.
+// Many programs close standard output just before they exit, to check that everything was written. A signal would still
+// kill them then, so they get this time to exit.
 constexpr std::chrono::milliseconds kTerminationGrace{100};
 
-// The status of an ended child; empty while it runs. The system then forgets the child.
+// Returns the status of a child that has ended, and absent while it runs. The system then forgets the child.
 std::optional<int32_t> collectStatus(pid_t child) {
   int status = 0;
   pid_t waited = -1;
@@ -43,11 +43,11 @@ std::optional<int32_t> collectStatus(pid_t child) {
   return WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-// The children that ran when their handles went.
+// The children that were still running when their handles were destroyed.
 class Abandoned {
  public:
   static Abandoned& list() {
-    static auto* const instance = new Abandoned;  // handles may go after the static objects have
+    static auto* const instance = new Abandoned;  // never destroyed: handles may outlive static objects
     return *instance;
   }
 
@@ -77,7 +77,7 @@ class PosixChild final : public Child {
       Pipe error = makePipe();
       error_ = std::make_shared<PipeOutput>(std::move(error.readEnd));
       errorEnd_ = std::move(error.writeEnd);
-      // A child that waited until there is room would wait for ever, and with it whoever reads its standard output.
+      // A child that waited for room in the pipe would wait forever, and so would the reader of its standard output.
       if (outputs == ChildOutputs::errorUnread) {
         if (fcntl(errorEnd_.get(), F_SETFL, O_NONBLOCK) != 0) {
           throw std::system_error(errno, std::generic_category(), "pipe");
@@ -89,7 +89,7 @@ class PosixChild final : public Child {
 
   ~PosixChild() override {
     if (child_ < 0) {
-      // Nobody has written to these pipes; that they are closed is no end of a child's output.
+      // No child has written to these pipes, so closing them is not the end of a child's output.
       output_->cancelBackgroundRead();
       error_->cancelBackgroundRead();
     } else if (!endsShortly()) {
@@ -133,7 +133,7 @@ class PosixChild final : public Child {
 
   void terminate() override {
     const std::lock_guard guard(lock_);
-    // The number of a child whose status has not been collected is not given to another process.
+    // The system does not reuse the number of a child whose status was not collected.
     if (child_ < 0 || hasEnded()) return;
     if (output_->hasEnded() && endsWithin(kTerminationGrace)) return;
     kill(child_, SIGTERM);

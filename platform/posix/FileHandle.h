@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A device handle over a file descriptor, whole or a window of it.
+// A device handle over a file descriptor or a window of it.
 #pragma once
 
 #include <Vorlix/platform/DeviceFile.h>
@@ -15,7 +15,7 @@ namespace vorlix {
 /// Reads and writes the bytes of `window`. Nothing outside it can be reached, so a disk-image file never grows.
 class FileHandle final : public DeviceHandle {
  public:
-  /// Takes over `descriptor`. `lock` is let go after the descriptor is closed.
+  /// Takes over `descriptor`. `lock` is released after the descriptor is closed.
   FileHandle(int descriptor, Extent window, std::shared_ptr<void> lock,
              std::optional<uint32_t> blockSize = std::nullopt);
   ~FileHandle() override;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The machine's devices as arrays of bytes, with faults.
+// The devices of the machine as arrays of bytes, with faults.
 #include <Vorlix/platform/SystemError.h>
 
 #include <algorithm>

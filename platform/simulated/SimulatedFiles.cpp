@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Looking at the simulated machine's files, and copying them.
+// The files of the simulated machine, and copies of them.
 #include <Vorlix/platform/FileCopy.h>
 #include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/SystemError.h>

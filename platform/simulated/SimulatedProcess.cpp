@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Children of the simulated machine. They do what their programs say, and nothing happens but when it is looked at.
+// Children of the simulated machine. They do what their programs say. Their state changes only when it is asked for.
 #include <Vorlix/platform/ChildProcess.h>
 
 #include <algorithm>
@@ -16,7 +16,7 @@
 namespace vorlix {
 namespace {
 
-/// A child and the pipes it writes to, shared by its handle and their read ends.
+/// A child and its pipes, shared by its handle and the read ends of the pipes.
 struct SimulatedTask {
   SimulatedRun run;
   bool launched = false;
@@ -33,7 +33,7 @@ struct SimulatedTask {
 
 class SimulatedOutput final : public ChildOutput {
  public:
-  /// @param stream  what it carries; absent for both.
+  /// @param stream  the stream that the pipe carries; absent for both.
   SimulatedOutput(std::shared_ptr<SimulatedState> state, std::shared_ptr<SimulatedTask> task,
                   std::optional<SimulatedRun::Stream> stream)
       : state_(std::move(state)), task_(std::move(task)), stream_(stream) {}
@@ -75,7 +75,7 @@ class SimulatedOutput final : public ChildOutput {
                         [this](const SimulatedRun::Piece& piece) { return !stream_ || piece.stream == *stream_; });
   }
 
-  // For the loop a child closes its streams when nothing is left to be read from either.
+  // For the loop, a child closes its streams when nothing is left to read from either.
   bool hasEnded() const { return task_->launched && !task_->isRunning(); }
 
   std::shared_ptr<SimulatedState> state_;
