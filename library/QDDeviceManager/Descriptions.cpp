@@ -35,7 +35,7 @@ std::optional<std::string> QDDeviceManager::diskFromSlice(const std::string& dev
   return "/dev/" + *name;
 }
 
-// These look-ups leave the status of unmounts pending although none is; hosts that poll it know.
+// These lookups set the status of unmounts to pending although there is no unmount. Hosts that poll it expect that.
 std::optional<Dictionary> QDDeviceManager::diskInfoForDeviceNodeAtURL(const URL& url) {
   unmountStatus_ = kUnmountPending;
   const auto session = vorlix::platform().diskArbitration->createSession();

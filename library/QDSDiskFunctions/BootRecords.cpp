@@ -31,7 +31,7 @@ using vorlix::writeWhole;
 
 namespace {
 
-// The boot area of a volume has 8 KiB. Its first 84 bytes are the volume's own: jump, OEM name and parameter block.
+// The boot area of a volume has 8 KiB. Its first 84 bytes belong to the volume: jump, OEM name and parameter block.
 constexpr uint64_t kVBROffset = 84;
 constexpr size_t kVBRSize = 8108;
 
@@ -42,12 +42,12 @@ constexpr int32_t kSaveOpenFailed = -4;
 constexpr int32_t kSaveWriteFailed = -5;
 
 constexpr int32_t kRestoreFileNotOpened = -2;
-constexpr int32_t kRestoreFileTooShort = -3;  // no -4: it has never been given
+constexpr int32_t kRestoreFileTooShort = -3;  // -4 has never been used
 constexpr int32_t kRestoreDeviceNotOpened = -5;
 constexpr int32_t kRestoreSeekFailed = -6;
 constexpr int32_t kRestoreWriteFailed = -7;
 
-// Positions are part of each transfer; a device that has none says so when it is first asked for one.
+// Each transfer has a position, so a device without positions fails in the first transfer.
 bool cannotSeek() {
   return errno == ESPIPE;
 }
@@ -56,8 +56,8 @@ std::unique_ptr<DeviceHandle> openDevice(const char* path, DeviceAccess access, 
   return vorlix::platform().deviceFile->open(path, access, lock);
 }
 
-// Opens a new file for appending. That it does not exist has been found out before; a file or a link that has come
-// into its place meanwhile is not touched.
+// Creates a file for appending. The caller has checked that it does not exist; a file or link that appeared meanwhile
+// is not touched.
 Stream openSavedFile(const char* path) {
   constexpr mode_t kMode = 0666;  // less the process's umask
   const int descriptor = open(path, O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode);
@@ -67,8 +67,7 @@ Stream openSavedFile(const char* path) {
   return stream;
 }
 
-// Writes and closes a saved file, and brings it to the medium. One that could not be written stays open, as after every
-// failure here.
+// Writes, syncs and closes a saved file. If it cannot be written, it stays open, as after every failure here.
 bool writeSavedFile(Stream file, std::span<const uint8_t> bytes) {
   const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size() &&
                        std::fflush(file.get()) == 0 && fsync(fileno(file.get())) == 0;
@@ -139,7 +138,7 @@ int32_t write_mbr_to_file(const char* device, const char* file) try {
     const int reason = errno;
     logMessage("error writing %s\n", device);
     logMessage("errno is %i\n", reason);
-    // Hosts rely on this end, as with the boot code of a new table: no backup, no going on.
+    // Hosts rely on this exit, as with the boot code of a new table: they must not continue without a backup.
     std::exit(-1);
   }
   std::array<uint8_t, vorlix::kBootCodeSize> bytes = {};

@@ -30,7 +30,7 @@ std::vector<std::string> environmentOf(const Command& command) {
   return environment;
 }
 
-// The file of a program; empty where there is none. Not by posix_spawnp(), which takes PATH from this process.
+// Returns the file of a program, or empty. posix_spawnp() would use the PATH of this process.
 std::string fileOf(const std::string& program) {
   if (program.find('/') != std::string::npos) return program;
   std::istringstream folders(searchPath());
@@ -57,7 +57,7 @@ pid_t start(const Command& command, const std::string& file, const Pipe& output,
   return start.run(file, command.arguments, pointersTo(environment).data());
 }
 
-// Reads both pipes until the program has closed them, so that it never waits for a full one.
+// Reads both pipes until the program has closed them, so that it never waits for a full pipe.
 void drain(Pipe& output, Pipe& errors, const Command& command, CommandResult& result) {
   std::array<pollfd, 2> polled = {
       {{output.readEnd.get(), POLLIN, 0}, {errors.readEnd.get(), POLLIN, 0}},

@@ -28,11 +28,11 @@ std::string nameOf(const fs::path& folder) {
   return withSlashes(folder.filename());
 }
 
-// Buses know of a port whether what is in it is built in.
+// Some buses report whether the device at a port is built in.
 std::optional<bool> internalByPath(const fs::path& folder) {
   const std::string path = folder.string();
   if (path.rfind("/sys/devices/virtual/block/loop", 0) == 0) return false;
-  if (path.rfind("/sys/devices/virtual/", 0) == 0) return std::nullopt;  // of which disks it is made is not looked up
+  if (path.rfind("/sys/devices/virtual/", 0) == 0) return std::nullopt;  // the disks below it are not examined
   for (fs::path above = folder.parent_path(); above.string().size() > std::string_view("/sys/devices").size();
        above = above.parent_path()) {
     const std::optional<std::string> place = readTrimmed(above / "removable");
@@ -91,7 +91,7 @@ std::optional<bool> isInternalDevice(const DeviceLocation& location) {
 std::optional<int64_t> unitOfKernelName(const std::string& name) {
   for (const std::string_view letters : {"sd", "vd", "hd", "xvd"}) {
     if (name.rfind(letters, 0) != 0 || name.size() == letters.size()) continue;
-    int64_t unit = 0;  // a, b, ... z, aa, ab: a number to the base of 26 without a zero
+    int64_t unit = 0;  // a, b, ... z, aa, ab: a number with base 26 and no zero
     for (const char letter : name.substr(letters.size())) {
       if (letter < 'a' || letter > 'z' || unit > 1000000) return std::nullopt;
       unit = unit * 26 + (letter - 'a' + 1);

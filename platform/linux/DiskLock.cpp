@@ -50,7 +50,7 @@ HeldLocks& heldLocks() {
   return *instance;
 }
 
-// A loop device and its file hold the same bytes, so that a lock is on both.
+// A loop device and its file have the same bytes, so both are locked.
 struct LockedBoth {
   std::shared_ptr<Lock> device;
   std::shared_ptr<Lock> file;
@@ -66,7 +66,7 @@ std::shared_ptr<Lock> lockOne(HeldLocks& held, const std::string& path, const st
   const bool exclusive = lock == DeviceLock::exclusive;
   int descriptor = aboveStandardStreams(open(path.c_str(), O_RDWR | O_CLOEXEC));
   const bool cannotBeWritten = descriptor < 0 && (errno == EACCES || errno == EPERM || errno == EROFS);
-  // Those who only read may lock what they can only read.
+  // Readers may lock a disk that they can only read.
   if (cannotBeWritten && !exclusive) descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) return nullptr;
   if (flock(descriptor, (exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) != 0) {
@@ -93,7 +93,7 @@ std::shared_ptr<void> lockWholeDisk(const std::string& path, DeviceLock lock) {
   if (!file || stat(file->c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return device;
   const std::shared_ptr<Lock> behind = lockOne(held, *file, status, lock);
   if (behind) return std::make_shared<LockedBoth>(LockedBoth{device, behind});
-  // A file that is closed to this user is locked by nobody on this user's behalf.
+  // If this user cannot open the file, the lock on the device must do.
   return errno == EWOULDBLOCK ? nullptr : device;
 }
 

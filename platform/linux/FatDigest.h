@@ -9,8 +9,8 @@
 
 namespace vorlix {
 
-/// A sum that tells whether bytes have changed. Each word goes in by a step that can be undone, so that a change of one
-/// word always changes the sum. It is no protection against bytes that were made to have the same one.
+/// A checksum that shows whether bytes have changed. Each word enters by a reversible step, so a change of one word
+/// always changes the checksum. It does not protect against bytes that were chosen to have the same checksum.
 class FatDigest {
  public:
   void add(const uint8_t* bytes, size_t count) {

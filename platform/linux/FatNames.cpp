@@ -44,7 +44,8 @@ bool isIn(uint32_t character, uint32_t first, uint32_t last) {
   return character >= first && character <= last;
 }
 
-// Blocks in which each upper-case letter stands right before its lower-case one. Absent where there is none.
+// Returns the upper-case letter of a block in which each upper-case letter is directly before its lower-case letter.
+// Absent if the character is in no such block.
 std::optional<uint32_t> upperOfPair(uint32_t character) {
   struct Block {
     uint32_t first;  // an upper-case letter
@@ -65,7 +66,7 @@ uint32_t upperLetter(uint32_t character) {
   if (const auto upper = upperOfPair(character)) return *upper;
   if (character == 0x3AC) return 0x386;
   if (isIn(character, 0x3AD, 0x3AF)) return character - 0x25;
-  if (character == 0x3C2) return 0x3A3;  // the sigma at the end of words
+  if (character == 0x3C2) return 0x3A3;  // final sigma
   if (isIn(character, 0x3B1, 0x3CB)) return character - 0x20;
   if (character == 0x3CC) return 0x38C;
   if (isIn(character, 0x3CD, 0x3CE)) return character - 0x3F;
@@ -79,7 +80,7 @@ uint8_t sumOf(const uint8_t* shortName) {
   return sum;
 }
 
-// One part of a short name, without the spaces that fill it up.
+// Appends one part of a short name without its padding.
 bool appendPart(std::string& name, const uint8_t* bytes, size_t count, bool lower) {
   while (count > 0 && bytes[count - 1] == ' ') --count;
   for (size_t i = 0; i < count; ++i) {
@@ -106,8 +107,8 @@ std::optional<std::string> utf8Of(std::span<const uint16_t> units) {
   return text;
 }
 
-// The character at `at`, and how many bytes it takes: 0 for what is not UTF-8 of two bytes, in which all letters are
-// that foldedFatName() knows.
+// Returns the two-byte UTF-8 character at `at`; 0 for anything else. All letters that foldedFatName() changes have one
+// or two bytes.
 uint32_t twoByteCharacter(const std::string& text, size_t at) {
   const auto first = static_cast<uint8_t>(text[at]);
   if (!isIn(first, 0xC2, 0xDF) || at + 1 == text.size()) return 0;

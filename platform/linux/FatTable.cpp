@@ -16,7 +16,7 @@ size_t entrySize(FatWidth width) {
   return width == FatWidth::bits32 ? 4 : 2;
 }
 
-// Entries of 12 bits begin in the midst of a byte; two bytes hold any.
+// Entries of 12 bits can begin inside a byte; two bytes contain every such entry.
 uint64_t entryOffset(uint64_t cluster, FatWidth width) {
   return width == FatWidth::bits12 ? cluster + cluster / 2 : cluster * entrySize(width);
 }
@@ -118,7 +118,7 @@ uint32_t FatTable::freeClusters() const {
   const uint32_t end = kFirstCluster + clusters_;
   uint32_t used = 0;
   for (uint32_t cluster = kFirstCluster; cluster < end;) {
-    // Pages that are all zero are passed over; entries of 12 bits, which may span two, are too few for that to matter.
+    // Skips pages that are all zero, except with 12-bit entries, which may span two pages and are few.
     const uint64_t offset = entryOffset(cluster, width_);
     if (width_ != FatWidth::bits12 && !pages_[static_cast<size_t>(offset / kPage)]) {
       const auto nextPage = static_cast<uint32_t>((offset / kPage + 1) * kPage / entrySize(width_));

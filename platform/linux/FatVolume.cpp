@@ -38,7 +38,7 @@ uint64_t placeIn(const FatLayout& layout, const std::vector<FatRun>& runs, uint6
   return 0;
 }
 
-// Reads a volume once.
+// Reads and checks a volume, once.
 class FatWalk {
  public:
   FatWalk(const FatSource& source, FatVolume& volume)
@@ -112,7 +112,7 @@ class FatWalk {
   }
 
   bool readFolder(size_t number) {
-    // Not a reference: what is in the folder is added to the same list.
+    // Not a reference, because the items of the folder are added to the same list.
     const uint32_t first = volume_.entries_[number].firstCluster;
     if (!layout_.hasCluster(first)) return damage("a folder in it has no place");
     std::vector<FatRun> runs;
@@ -135,7 +135,7 @@ class FatWalk {
     return true;
   }
 
-  // The whole chain from `first` on, of at most `most` clusters.
+  // Follows the chain that starts with `first`, of at most `most` clusters.
   bool follow(uint32_t first, uint64_t most, std::vector<FatRun>& runs, const std::string& twice,
               const std::string& tooLong) {
     uint64_t count = 0;
@@ -168,7 +168,7 @@ class FatWalk {
     return found == wanted || damage(wrongLength);
   }
 
-  // `runs` are the folder's clusters; none for the root folder that has a place of its own.
+  // `runs` are the folder's clusters; empty for a root folder outside the clusters.
   bool takeEntries(const std::string& folder, const std::vector<uint8_t>& bytes, const std::vector<FatRun>& runs) {
     std::set<std::string> names;
     LongNameReader longName;
@@ -260,7 +260,7 @@ const FatEntry* FatVolume::find(const std::string& path) const {
 
 Refusal FatVolume::readFile(const FatSource& source, const FatEntry& entry, const TakePiece& take) const {
   std::vector<uint8_t> piece(kFatPiece);
-  uint64_t start = 0;  // of the run, in the file
+  uint64_t start = 0;  // offset of the run in the file
   for (const FatRun& run : entry.runs) {
     const uint64_t place = layout_.offsetOf(run.first);
     const uint64_t length = std::min<uint64_t>(run.count * layout_.clusterSize, entry.size - start);

@@ -27,7 +27,7 @@ using Failure = std::optional<SystemError>;
 constexpr size_t kBufferSize = 256 * 1024;
 constexpr size_t kMostAtOnce = size_t{1} << 30;
 
-// Refusals of a file system that does not have the attribute, or of a user who may not set it.
+// Errors of file systems without the attribute, and of users who may not set it.
 bool isNoFailure(int error) {
   return error == EPERM || error == EACCES || error == ENOTSUP || error == EOPNOTSUPP || error == ENOSYS ||
          error == EINVAL || error == ENODATA || error == E2BIG || error == ERANGE || error == ENOSPC;
@@ -60,7 +60,7 @@ Failure copyExtendedAttributes(const std::string& source, const std::string& des
   return std::nullopt;
 }
 
-// In this order: a new owner takes bits off the mode, and all of it sets the time of the change.
+// The order matters: changing the owner clears bits of the mode, and each of these calls changes the times.
 Failure copyAttributes(const std::string& source, const std::string& destination, const struct stat& status) {
   if (Failure failed = copyExtendedAttributes(source, destination)) return failed;
   const int owned = lchown(destination.c_str(), status.st_uid, status.st_gid);
@@ -90,8 +90,7 @@ Failure copyByReading(int from, int to, const std::string& source, const std::st
   }
 }
 
-// The kernel's call is for files of some size on file systems that know it; where it stops, reading goes on. Both move
-// the same positions.
+// The kernel's call works for some file systems and files. Where it stops, reading continues at the same positions.
 Failure copyContent(int from, int to, const std::string& source, const std::string& destination) {
   ssize_t moved = 0;
   do moved = copy_file_range(from, nullptr, to, nullptr, kMostAtOnce, 0);
@@ -101,7 +100,7 @@ Failure copyContent(int from, int to, const std::string& source, const std::stri
 }
 
 Failure copyFile(const std::string& source, const std::string& destination) {
-  // Not blocking, in case a pipe took the file's place.
+  // Not blocking, in case a pipe has replaced the file.
   const Descriptor from(open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat status = {};
   if (!from || fstat(from.get(), &status) != 0) return SystemError{errno, source};
@@ -121,7 +120,7 @@ Failure copyLink(const std::string& source, const std::string& destination, cons
   return copyAttributes(source, destination, status);
 }
 
-// Closed before the contents are looked at, so that depth costs no descriptors.
+// Closes the folder before its items are copied, so that deep folders need no more descriptors.
 Failure namesIn(const std::string& folder, std::vector<std::string>& names) {
   const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(folder.c_str()), closedir);
   if (!stream) return SystemError{errno, folder};

@@ -110,14 +110,14 @@ std::shared_ptr<const RegistryTree> wholeTree(const std::string& root) {
   return std::make_shared<const RegistryTree>(std::move(tree));
 }
 
-/// A medium: a disk, and a slice of it unless that is 0.
+/// A medium: a disk, or a slice of it if `slice` is not 0.
 struct Medium {
   DiskFacts disk;
   uint32_t slice = 0;
 };
 
 std::optional<Medium> mediumCalled(const std::string& root, const std::string& name) {
-  // A file goes first, as it does wherever else a device is named.
+  // An image file comes first, as everywhere else.
   if (const auto location = locateDevice(name); location && location->isImage) {
     std::optional<DiskFacts> disk = imageDiskFacts(root, location->whole);
     if (!disk) return std::nullopt;

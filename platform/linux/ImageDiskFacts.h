@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A disk-image file as a disk of the registry.
+// What the registry shows of a disk-image file.
 #pragma once
 
 #include <optional>
@@ -10,8 +10,8 @@
 
 namespace vorlix {
 
-/// The disk in an image file, with the file's absolute path as its name. What cannot be read leaves the disk without
-/// slices. The medium is that of the disk which holds the file; `root` is as in KernelDisks.h. Absent when there is no
+/// Returns the disk in an image file. Its name is the absolute path of the file. It has no slices if the file cannot be
+/// read. Its medium type is that of the disk that holds the file. `root` is as in KernelDisks.h. Absent if there is no
 /// such file.
 std::optional<DiskFacts> imageDiskFacts(const std::string& root, const std::string& path);
 

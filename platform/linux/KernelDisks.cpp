@@ -29,7 +29,7 @@ std::vector<std::string> namesIn(const fs::path& folder) {
   return names;
 }
 
-// Numbers from a file can be anything; a size in bytes has to fit the registry's signed numbers.
+// Limits numbers from files, so that a size in bytes fits the registry's signed numbers.
 uint64_t bytesOf(std::optional<uint64_t> sectors) {
   constexpr uint64_t kMost = uint64_t{std::numeric_limits<int64_t>::max()} / kSysfsSector;
   return std::min(sectors.value_or(0), kMost) * kSysfsSector;
@@ -40,7 +40,7 @@ std::map<std::string, std::string> udevRecord(const std::string& root, const fs:
   return number ? readUdevRecord(*number, root) : std::map<std::string, std::string>();
 }
 
-// A disk without a medium, or with a slow one, does not hold this up.
+// Does not block for a disk without a medium or with a slow one.
 Descriptor openDisk(const std::string& root, const fs::path& folder, const std::string& bsdName) {
   Descriptor descriptor(open((root + "/dev/" + bsdName).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status = {};
@@ -54,7 +54,7 @@ void readDevice(const fs::path& folder, DiskFacts& disk) {
   disk.product = readTrimmed(device / "model");
   if (!disk.product) disk.product = readTrimmed(device / "name");  // memory cards
   disk.vendor = readTrimmed(device / "vendor");
-  // Not a vendor: what the SCSI translation says of every ATA disk, and the number of a PCI vendor.
+  // Neither "ATA", which the SCSI translation reports for every ATA disk, nor the number of a PCI vendor is a name.
   if (disk.vendor && (*disk.vendor == "ATA" || disk.vendor->rfind("0x", 0) == 0)) disk.vendor.reset();
 }
 
@@ -62,7 +62,7 @@ std::vector<SliceFacts> kernelSlices(const fs::path& folder) {
   std::vector<SliceFacts> slices;
   const std::string disk = folder.filename();
   for (const std::string& name : namesIn(folder)) {
-    if (!name.starts_with(disk)) continue;  // a slice's name is its disk's with a number
+    if (!name.starts_with(disk)) continue;  // the name of a slice is that of its disk with a number
     const std::optional<uint64_t> number = readWholeNumber(folder / name / "partition");
     if (!number || *number == 0 || *number > std::numeric_limits<uint32_t>::max()) continue;
     SliceFacts slice;
@@ -76,7 +76,7 @@ std::vector<SliceFacts> kernelSlices(const fs::path& folder) {
   return slices;
 }
 
-// What udev found when the disk came up. Its record of a slice can be older than the slice.
+// Reads what udev found when the disk was attached. Its record of a slice can be older than the slice.
 void readUdev(const std::string& root, const fs::path& folder, DiskFacts& disk) {
   auto record = udevRecord(root, folder);
   disk.content = schemeContent(record["ID_PART_TABLE_TYPE"]);
@@ -90,8 +90,8 @@ void readUdev(const std::string& root, const fs::path& folder, DiskFacts& disk) 
   }
 }
 
-// The table as it stands on the disk. The kernel may still go by an older one: its slices stay what they are, and only
-// an entry for the same bytes identifies one.
+// Reads the table on the disk. The kernel may still use an older one: its slices stay, and only an entry with the same
+// start identifies a slice.
 void readTable(int descriptor, DiskFacts& disk) {
   const ProbedTable table = probePartitionTable(descriptor, disk.size, disk.blockSize);
   disk.content = schemeContent(table.scheme);

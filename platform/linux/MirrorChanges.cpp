@@ -20,7 +20,7 @@ bool isASCII(const std::string& text) {
   return std::all_of(text.begin(), text.end(), [](unsigned char byte) { return byte < 0x80; });
 }
 
-// Whether a file that both have must be written.
+// Finds out whether a file that the mirror and the volume have must be written.
 Refusal isChanged(const MirrorTree& baseline, const std::string& path, const MirrorEntry& entry,
                   const std::string& folder, const OpenVolume& volume, const FatEntry& old, bool& changed) {
   const auto before = baseline.find(path);
@@ -33,7 +33,7 @@ Refusal isChanged(const MirrorTree& baseline, const std::string& path, const Mir
   return std::nullopt;
 }
 
-// The names that the copy has, or is to have, in the case in which they are compared.
+// The names that the copy has or will have, in the case in which they are compared.
 class NamesInUse {
  public:
   NamesInUse(const MirrorTree& tree, const MirrorChanges& changes) {
@@ -41,7 +41,7 @@ class NamesInUse {
     for (const FatEntry* const entry : changes.removed) names_.insert(foldedFatName(entry->path));
   }
 
-  // A name in a folder that nothing there has.
+  // Returns a name that no item of the folder has.
   std::string unusedIn(const std::string& folder) {
     for (;;) {
       std::string number = std::to_string(++number_);
@@ -76,15 +76,15 @@ class ChangesToCopy {
   }
 
   Refusal besideEachOther() {
-    // What stands where something new goes must make place first, and folders with their content.
+    // Items in the place of new ones are removed first, folders with their content.
     std::set<std::string> wanted;
     for (const std::string& path : changes_.folders) wanted.insert(foldedFatName(path));
     for (const MirrorChanges::File& file : changes_.files) wanted.insert(foldedFatName(file.path));
     const auto isInTheWay = [&](const FatEntry& entry) { return wanted.count(foldedFatName(entry.path)) != 0; };
     if (Refusal refusal = removeAll(isInTheWay)) return refusal;
     if (Refusal refusal = makeFolders()) return refusal;
-    // The old content makes place for the new one by its name alone: mtools gives a new file the name as it is written,
-    // but turns letters into upper case where it renames one.
+    // The old file is renamed and the new one created under the name: mtools keeps the letter case of a new file's
+    // name, but changes it to upper case when it renames a file.
     std::vector<FatEntry> old;
     for (const MirrorChanges::File& file : changes_.files) {
       if (file.old != nullptr) {
@@ -122,7 +122,7 @@ class ChangesToCopy {
     return copy_.remove(entry.path, false);
   }
 
-  // Removes those of the entries that are picked and do not lie in a folder that was removed.
+  // Removes the entries that `pick` selects, except those in folders that were removed.
   template <typename Pick>
   Refusal removeAll(Pick pick) {
     std::vector<const FatEntry*> roots;

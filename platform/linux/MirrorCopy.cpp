@@ -37,7 +37,7 @@ Refusal copyFile(const OpenVolume& from, const FatEntry& entry, const std::strin
                                                  return writePiece(file.get(), path, bytes, count, offset);
                                                });
   if (refusal) return refusal;
-  // What is zero at the end was not written.
+  // Zeros at the end were not written.
   if (ftruncate(file.get(), static_cast<off_t>(entry.size)) != 0) return dissenterFor(errno, path);
   const timespec modified = {static_cast<time_t>(modificationTime(entry)), 0};
   const std::array<timespec, 2> times = {modified, modified};
@@ -45,7 +45,7 @@ Refusal copyFile(const OpenVolume& from, const FatEntry& entry, const std::strin
   return std::nullopt;
 }
 
-// A file of the system, compared piece by piece.
+// A file of the system that is compared piece by piece.
 class ComparedFile {
  public:
   explicit ComparedFile(const std::string& path)
@@ -63,7 +63,7 @@ class ComparedFile {
 
   Refusal failure() const { return dissenterFor(error_, path_); }
 
-  // Whether these bytes stand at `offset`, with nothing but zeros between the last ones and them.
+  // Returns whether the file has these bytes at `offset`, and only zeros between the previous piece and them.
   bool has(uint64_t offset, const uint8_t* bytes, size_t count) {
     if (!hasZerosTo(offset) || !readAt(offset, count)) return false;
     place_ = offset + count;
@@ -120,7 +120,7 @@ Refusal copyVolumeTo(const OpenVolume& from, const std::string& folder) {
       return dissenterFor(errno, path);
     }
   }
-  // A mirror that a power cut has shortened would look like one that somebody has changed.
+  // A mirror that lost data in a power failure would look like one that somebody has changed.
   const Descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!opened || syncfs(opened.get()) != 0) return dissenterFor(errno, folder);
   for (const FatEntry& entry : from.volume.entries()) {

@@ -53,7 +53,7 @@ bool isStillThere(int descriptor, const std::string& path) {
          opened.st_dev == named.st_dev;
 }
 
-// A folder of that name which is not there and which no mirror claims.
+// Returns the path of a folder that does not exist and that no mirror uses, with that name or a number added to it.
 std::string freeFolder(const std::string& volumes, const std::string& name, const std::string& own) {
   std::set<std::string> claimed;
   for (const fs::path& folder : foldersOfMirrors(volumes)) {
@@ -82,7 +82,7 @@ Refusal MirrorPlace::lock(const std::string& key, uint64_t identity, std::option
     if (!lock && errno == ENOENT) continue;
     if (!lock) return dissenterFor(errno, folder);
     if (Refusal refusal = waitForLock(lock.get(), folder)) return refusal;
-    if (!isStillThere(lock.get(), folder)) continue;  // whoever had it has removed it
+    if (!isStillThere(lock.get(), folder)) continue;  // the process that had the lock has removed the folder
     place = MirrorPlace(folder, std::move(lock));
     return place->recover();
   }
@@ -141,7 +141,7 @@ Refusal MirrorPlace::make(std::string& folder) {
 
 Refusal MirrorPlace::keep(const std::string& name, MirrorState state) {
   const std::string volumes = fs::path(folder_).parent_path().parent_path().string();
-  // Names are given to one mirror after the other.
+  // The lock gives names to one mirror at a time.
   const Descriptor lock(open(volumes.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!lock) return dissenterFor(errno, volumes);
   if (Refusal refusal = waitForLock(lock.get(), volumes)) return refusal;
@@ -167,7 +167,7 @@ Refusal MirrorPlace::keep(const std::string& name, MirrorState state) {
 
 Refusal MirrorPlace::setAside(std::string& folder) {
   folder = folder_ + kMirrorLeaving;
-  // A folder that cannot be written cannot be moved either.
+  // A read-only folder cannot be moved.
   if (state_->readOnly) chmod(state_->folder.c_str(), 0700);
   if (rename(state_->folder.c_str(), folder.c_str()) != 0) return dissenterFor(errno, state_->folder);
   return std::nullopt;
@@ -176,7 +176,7 @@ Refusal MirrorPlace::setAside(std::string& folder) {
 Refusal MirrorPlace::putBack() {
   const std::string leaving = folder_ + kMirrorLeaving;
   if (rename(leaving.c_str(), state_->folder.c_str()) != 0) {
-    // Somebody has made something of that name.
+    // Another item has that name now.
     const fs::path old = state_->folder;
     MirrorState state = *state_;
     state.folder = freeFolder(old.parent_path().string(), old.filename().string(), folder_);
@@ -194,12 +194,12 @@ Refusal MirrorPlace::remove() {
     MirrorState state = before;
     state.leaving = true;
     if (Refusal refusal = save(state)) {
-      static_cast<void>(save(before));  // the new one may be there, and only its sync have failed
+      static_cast<void>(save(before));  // the new state may have been written, and only its sync have failed
       state_ = before;
       return refusal;
     }
   }
-  // The volume is no longer mounted; what cannot be removed now goes with the next call.
+  // The volume is no longer mounted. The next call removes what cannot be removed now.
   if (removeMirrorTree(folder_ + kMirrorLeaving)) return std::nullopt;
   if (unlink((folder_ + kMirrorStateFile).c_str()) == 0) state_.reset();
   return std::nullopt;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What is kept of each mirrored volume, so that any process of the user finds it again. docs/mirrors.md describes what
-// a process that ends at any moment leaves.
+// The saved state of a mirrored volume, by which every process of the user finds it. docs/mirrors.md describes what is
+// left if a process is interrupted.
 #pragma once
 
 #include <cstdint>
@@ -13,29 +13,29 @@
 
 namespace vorlix {
 
-/// What tells the folder of a mirror from another one that was put in its place. Moving the folder keeps both.
+/// Distinguishes the folder of a mirror from another folder in its place. Moving the folder changes neither member.
 struct FolderIdentity {
   uint64_t inode = 0;
-  int64_t birth = 0;  ///< nanoseconds; 0 where the file system does not tell
+  int64_t birth = 0;  ///< nanoseconds; 0 if the file system does not record it
 };
 
 struct MirrorState {
   std::string device;     ///< BSD name of the disk or slice
-  std::string folder;     ///< the mirror, which is the mount point
+  std::string folder;     ///< path of the mirror, which is the mount point
   FolderIdentity made;    ///< the folder that the volume's files were copied to
   bool readOnly = false;  ///< the medium could not be written when the mirror was made
 
-  /// All that was changed is on the medium, or was thrown away: what is left of the mirror is to be removed.
+  /// All changes are on the medium or were discarded. The rest of the mirror must be removed.
   bool leaving = false;
 
-  uint64_t identity = 0;  ///< of the file system (readFatIdentity()); another one may come to lie at the same place
+  uint64_t identity = 0;  ///< of the file system (readFatIdentity()); another one may replace it at the same place
 
-  /// Digest of the file system (FatVolume) with which the mirror was the same, and the mirror's tree then.
+  /// Digest of the file system (FatVolume) when the mirror was the same, and the tree of the mirror at that time.
   uint64_t digest = 0;
   MirrorTree baseline;
 
-  /// A write-back that was begun: where the volume has this digest it came to its end, and the mirror was the same as
-  /// the volume with this tree. Where the volume still has the older digest nothing of it was written.
+  /// A write-back that was begun. If the volume has this digest, the write-back was completed, and the mirror with this
+  /// tree was the same as the volume. If the volume has the older digest, nothing was written.
   struct Written {
     uint64_t digest = 0;
     MirrorTree tree;
@@ -43,7 +43,7 @@ struct MirrorState {
   std::optional<Written> written;
 };
 
-/// As bytes, for MirrorPlace.
+/// Convert a state to bytes and back. Absent if the bytes are not a state.
 std::string encodeMirrorState(const MirrorState& state);
 std::optional<MirrorState> decodeMirrorState(std::string_view bytes);
 

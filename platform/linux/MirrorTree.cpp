@@ -49,7 +49,7 @@ Refusal setMirrorModes(const std::string& folder, bool readOnly) {
   const Refusal refusal = forEachBelow(folder, [&](const std::string& path) -> Refusal {
     struct stat status = {};
     if (lstat(path.c_str(), &status) != 0) return dissenterFor(errno, path);
-    // Folders of a mirror that is only read are closed when all is read.
+    // Folders of a read-only mirror become read-only after this walk.
     const mode_t mode = S_ISDIR(status.st_mode) ? 0700 : readOnly ? 0400 : 0600;
     if (chmod(path.c_str(), mode) != 0) return dissenterFor(errno, path);
     return std::nullopt;

@@ -24,7 +24,7 @@ bool isOwnFolder(const std::string& path) {
 
 Refusal makePlace() {
   if (mkdir(kPlace, kForTheUser) == 0) {
-    // Not by mkdir(), whose mode the umask narrows.
+    // With chmod(), because the umask restricts the mode of mkdir().
     if (chmod(kPlace, kForEveryone) != 0) return dissenterFor(errno, kPlace);
   } else if (errno != EEXIST) {
     return dissenterFor(errno, kPlace);
@@ -42,7 +42,7 @@ std::string safeFolderName(const std::string& name) {
     safe += byte < 0x20 || byte == 0x7F || character == '/' ? '_' : character;
   }
   if (safe.size() > kLongestName) safe.resize(kLongestName);
-  while (!safe.empty() && !isUtf8(safe)) safe.pop_back();  // a character that was cut in two
+  while (!safe.empty() && !isUtf8(safe)) safe.pop_back();  // the rest of a truncated character
   safe.erase(safe.find_last_not_of(' ') + 1);
   if (!safe.empty() && safe.front() == '.') safe.front() = '_';
   return safe;

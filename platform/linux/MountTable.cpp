@@ -33,14 +33,14 @@ bool isDriverInUserSpace(libmnt_fs* entry) {
   return orEmpty(mnt_fs_get_fstype(entry)).rfind("fuse", 0) == 0;
 }
 
-// What has no use for a device may be named after one all the same. Drivers in user space are pseudo file systems to
-// libmount.
+// A file system without a device may have the name of one. libmount counts drivers in user space as pseudo file
+// systems.
 bool mayNameSource(libmnt_fs* entry) {
   return isDriverInUserSpace(entry) || (mnt_fs_is_pseudofs(entry) != 1 && mnt_fs_is_netfs(entry) != 1);
 }
 
-// The number of the device that was mounted. Some file systems of the kernel show a number of their own instead; these
-// are known by the node they name.
+// Returns the number of the mounted device. Some of the kernel's file systems have their own number instead; their
+// device is the node that they name.
 dev_t deviceOf(libmnt_fs* entry, const std::string& source) {
   const dev_t number = mnt_fs_get_devno(entry);
   const bool namesDevice = source.rfind("/dev/", 0) == 0 && !isDriverInUserSpace(entry) && mayNameSource(entry);
@@ -50,7 +50,7 @@ dev_t deviceOf(libmnt_fs* entry, const std::string& source) {
   return isDevice ? status.st_rdev : number;
 }
 
-// Whom a driver in user space runs for. The kernel's own act for the super-user.
+// Returns the user of a driver in user space. The kernel's own drivers count as the super-user's.
 uid_t userOf(libmnt_fs* entry) {
   char* value = nullptr;
   size_t length = 0;
@@ -61,7 +61,7 @@ uid_t userOf(libmnt_fs* entry) {
   return user;
 }
 
-// A subvolume of btrfs is a volume to its users; its options tell which one it is.
+// Subvolumes of btrfs count as volumes; the options of a mount name its subvolume.
 bool isVolumeRoot(libmnt_fs* entry) {
   const std::string root = orEmpty(mnt_fs_get_root(entry));
   if (root == "/") return true;

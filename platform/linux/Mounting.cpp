@@ -64,7 +64,7 @@ Refusal mountWithKernel(const DeviceLocation& location, const OpenedDevice& devi
 }
 
 Refusal mountUnmounted(const DeviceLocation& location, const OpenedDevice& device, const MountOptions& options) {
-  // What a change that was cut off has left is no volume to look at.
+  // An interrupted change must be finished before the volume is examined.
   if (Refusal refusal = settleVolume(location)) return refusal;
   const std::optional<VolumeFacts> facts = probeVolume(device.descriptor.get(), device.window);
   if (!facts) return Dissenter{kDissentUnsupported, "holds no file system that is known here"};
@@ -85,7 +85,7 @@ Refusal mountUnmounted(const DeviceLocation& location, const OpenedDevice& devic
   return mountMirror(location, device, folderNameFor(location, *facts), readOnly);
 }
 
-// What is known of mounts of a volume.
+// The mounts of a volume.
 struct Mounted {
   std::vector<MountPoint> byKernel;
   std::optional<std::string> mirrorKey;
@@ -102,14 +102,14 @@ Mounted findMounts(const DeviceLocation& location, const std::optional<OpenedDev
   return mounted;
 }
 
-// The place that stands for the volume: where its root is, the first one of several.
+// Returns the mount that counts as the volume's: the first of its root, or else the first.
 const MountPoint* mainMount(const std::vector<MountPoint>& mounts) {
   if (mounts.empty()) return nullptr;
   const auto whole = std::find_if(mounts.begin(), mounts.end(), [](const MountPoint& mount) { return mount.isWhole; });
   return whole == mounts.end() ? &mounts.front() : &*whole;
 }
 
-// The folder of a mirror that was made of another volume by that name.
+// Returns the folder of a mirror of another volume that had this device name.
 std::optional<std::string> orphanOf(const DeviceLocation& location) {
   const std::optional<std::string> name = bsdNameOf(location);
   for (const FoundMirror& found : findMirrors()) {
@@ -146,7 +146,7 @@ Refusal unmountVolume(const std::string& device) {
   const Mounted mounted = findMounts(*location, openLocation(*location, O_RDONLY));
   if (mounted.byKernel.empty() && !mounted.mirror) {
     std::string text = device + " is not mounted";
-    // What was put in another one's place is another volume, however it is called.
+    // A volume that replaced another one is not the one that was mounted.
     if (const auto orphan = orphanOf(*location)) {
       text += std::string("; what was mounted by that name was another ") + (location->isImage ? "image" : "volume") +
               ", whose files are kept in " + *orphan;

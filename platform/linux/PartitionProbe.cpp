@@ -34,7 +34,7 @@ ProbedEntry probedEntryOf(blkid_partition partition) {
   return entry;
 }
 
-// Entry by entry, for a GPT that libblkid refuses.
+// Reads the entries one by one, for a GPT that libblkid refuses.
 ProbedTable readDamagedGPT(int descriptor, uint64_t diskSize, uint32_t blockSize) {
   ProbedTable table;
   table.scheme = "gpt";
@@ -54,7 +54,7 @@ ProbedTable tableOf(blkid_probe probe) {
   if (table.scheme == "gpt") table.uuid = identifierOf(blkid_parttable_get_id(root));
   for (int i = 0; i < blkid_partlist_numof_partitions(list); ++i) {
     const blkid_partition partition = blkid_partlist_get_partition(list, i);
-    // Tables inside a partition number their entries on their own.
+    // Entries of tables inside a partition have their own numbers.
     if (partition == nullptr || blkid_partition_get_table(partition) != root) continue;
     table.entries.push_back(probedEntryOf(partition));
   }

@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t kPiece = kLongestRun;
 
-// Where the parts of a volume lie; offsets count from its start.
+// Parts of a volume; offsets count from its start.
 using Extents = std::vector<Extent>;
 
 void addRuns(const FatLayout& layout, const std::vector<FatRun>& runs, Extents& extents) {
@@ -67,7 +67,7 @@ Refusal copyExtent(const FatSource& source, Extent extent, const std::string& pa
   return std::nullopt;
 }
 
-// Adds what differs in an extent, in whole sectors.
+// Adds the differences in an extent to a journal, in whole sectors.
 class Difference {
  public:
   Difference(const OpenVolume& medium, const OpenVolume& copy, JournalWriter& writer, size_t device)

@@ -32,8 +32,8 @@ std::optional<DeviceLocation> locationOf(const std::string& name) {
   return locateDevice(name.starts_with("/") ? name : "/dev/" + name);
 }
 
-// The mirror's tree when the volume was the same: that of a write-back that came to its end on the volume, or else the
-// one before.
+// Returns the tree that the mirror had when the volume was the same: that of the last write-back if the volume has it,
+// or else the one before.
 const MirrorTree& treeOnVolume(const MirrorState& state) {
   if (!state.written) return state.baseline;
   const std::optional<DeviceLocation> location = locationOf(state.device);
@@ -82,7 +82,7 @@ std::vector<VolumeMirror> LinuxVolumeMirrors::mirrors() {
 }
 
 std::optional<Dissenter> LinuxVolumeMirrors::settle(const VolumeMirror& mirror) {
-  // What was begun on a volume that is not there waits for it; another one in its place has nothing to do with it.
+  // A change that was begun on a missing volume waits for it. A volume that replaced it is not concerned.
   if (mirror.volume != VolumeMirror::Volume::there) return std::nullopt;
   const std::optional<DeviceLocation> location = locationOf(mirror.device);
   return location ? settleVolume(*location) : dissenterFor(errno, mirror.device);

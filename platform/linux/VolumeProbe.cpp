@@ -23,7 +23,7 @@ std::optional<std::string> valueOf(const BlkidProbe& probe, const char* name) {
   return shownText(value);
 }
 
-// udev writes bytes that could disturb a shell as "\xNN".
+// udev writes bytes with a meaning in shells as "\xNN".
 std::string unescaped(const std::string& text) {
   std::string bytes;
   for (size_t at = 0; at < text.size(); ++at) {

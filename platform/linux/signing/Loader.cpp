@@ -23,8 +23,8 @@ namespace fs = std::filesystem;
 constexpr const char* kModule = VORLIX_MODULE_FOLDER "/signing.so";
 constexpr size_t kLongestUnit = 4096;  // X.520 allows 64 characters
 
-// The places of an installation that was moved, then of the prefix it was built for. No environment and no search path
-// has a say in what a privileged host loads.
+// Returns the places in an installation that was moved, then those in the prefix that was chosen for the build. The
+// environment and search paths have no influence on what a privileged host loads.
 std::vector<fs::path> modulePlaces(const fs::path& code) {
   std::vector<fs::path> places;
   if (code.is_absolute()) {
@@ -36,8 +36,8 @@ std::vector<fs::path> modulePlaces(const fs::path& code) {
   return places;
 }
 
-// Whoever can write the module can be the super-user's process. So it has to be the super-user's alone, or in no more
-// hands than the code that asks for it.
+// The module runs with the rights of the host. So for the super-user it must be writable by the super-user alone, or by
+// nobody who cannot write the code that loads it.
 bool isTrusted(const struct stat& module, const fs::path& code) {
   if (!S_ISREG(module.st_mode)) return false;
   if (geteuid() != 0) return true;
@@ -62,7 +62,7 @@ SignersUnitEntry* load() {
       reason = place.string() + ": others may write to it";
       continue;
     }
-    // By the descriptor, so that what is loaded is the file that was looked at.
+    // Loads through the descriptor, so that the file is the one that was checked.
     void* const module = dlopen(("/proc/self/fd/" + std::to_string(file.get())).c_str(), RTLD_NOW | RTLD_LOCAL);
     void* const entry = module == nullptr ? nullptr : dlsym(module, kSignersUnitEntry);
     if (entry != nullptr) return reinterpret_cast<SignersUnitEntry*>(entry);
@@ -76,7 +76,7 @@ SignersUnitEntry* load() {
 }  // namespace
 
 std::optional<std::string> signersUnit(const std::string& signature, int file, const fs::path& anchors) {
-  static SignersUnitEntry* const entry = load();  // stays loaded: OpenSSL does not like to go
+  static SignersUnitEntry* const entry = load();  // stays loaded, because OpenSSL cannot be unloaded safely
   if (entry == nullptr) return std::nullopt;
   std::array<char, kLongestUnit> unit;
   const long length = entry(signature.c_str(), file, anchors.c_str(), unit.data(), unit.size());
