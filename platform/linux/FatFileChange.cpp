@@ -303,7 +303,7 @@ Refusal replaceFatFile(const FatSource& source, const FatVolume& volume, const F
 
 Refusal makeFatFile(const FatSource& source, const FatVolume& volume, const FatEntry& folder, const std::string& name,
                     std::span<const uint8_t> bytes, std::time_t now, FatFileChange& change) {
-  if (!isPlainFatName(name)) return Dissenter{kDissentUnsupported, name + " is no plain name"};
+  if (!isPlainFatName(name)) return Dissenter{kDissentUnsupported, name + " is not a plain name"};
   return Planning(source, volume, change).make(folder, name, bytes, fatTimeOf(now));
 }
 

@@ -56,7 +56,7 @@ Refusal FatTable::read(const FatSource& source, const FatLayout& layout, Copies 
     }
     keep(at, piece.data(), size);
     if (kept_ > kMostPages) {
-      return Dissenter{kDissentUnsupported, "the FAT file system holds more than can be mirrored"};
+      return Dissenter{kDissentUnsupported, "the FAT file system has more files than can be mirrored"};
     }
     at += size;
   }

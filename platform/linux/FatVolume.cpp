@@ -52,7 +52,7 @@ class FatWalk {
       if (volume_.entries_[number].isFolder && !readFolder(number)) return failed();
     }
     if (volume_.totalSize_ > uint64_t{layout_.clusters} * layout_.clusterSize) {
-      damage("its files claim more than it holds");
+      damage("its files claim more than the volume can hold");
       return failed();
     }
     for (FatEntry& entry : volume_.entries_) {
@@ -101,7 +101,7 @@ class FatWalk {
   bool readRoot() {
     std::vector<uint8_t> bytes;
     if (layout_.width == FatWidth::bits32) {
-      if (!layout_.hasCluster(layout_.rootCluster)) return damage("its root folder has no place");
+      if (!layout_.hasCluster(layout_.rootCluster)) return damage("its root folder has no valid cluster");
       return readFolderBytes(layout_.rootCluster, volume_.rootRuns_, bytes) &&
              takeEntries("", bytes, volume_.rootRuns_);
     }
@@ -114,7 +114,7 @@ class FatWalk {
   bool readFolder(size_t number) {
     // Not a reference, because the items of the folder are added to the same list.
     const uint32_t first = volume_.entries_[number].firstCluster;
-    if (!layout_.hasCluster(first)) return damage("a folder in it has no place");
+    if (!layout_.hasCluster(first)) return damage("a folder in it has no valid cluster");
     std::vector<FatRun> runs;
     std::vector<uint8_t> bytes;
     if (!readFolderBytes(first, runs, bytes)) return false;
@@ -158,9 +158,9 @@ class FatWalk {
 
   bool followFile(FatEntry& entry) {
     const uint64_t wanted = volume_.clustersFor(entry.size);
-    const std::string wrongLength = "the size of " + entry.path + " is not that of its clusters";
+    const std::string wrongLength = "the size of " + entry.path + " does not match its clusters";
     if (entry.firstCluster == 0) return wanted == 0 || damage(wrongLength);
-    if (!layout_.hasCluster(entry.firstCluster)) return damage(entry.path + " has no place");
+    if (!layout_.hasCluster(entry.firstCluster)) return damage(entry.path + " has no valid cluster");
     const std::string twice = "a cluster of " + entry.path + " is used twice";
     if (!follow(entry.firstCluster, wanted, entry.runs, twice, wrongLength)) return false;
     uint64_t found = 0;
@@ -185,7 +185,7 @@ class FatWalk {
       }
       std::string name;
       if (!nameOf(entry, longName, name)) return damage("it has a name that is not allowed in " + folder + "/");
-      if (!names.insert(name).second) return damage("it has twice the name " + folder + "/" + name);
+      if (!names.insert(name).second) return damage("it has the name " + folder + "/" + name + " twice");
       if (!addEntry(folder + "/" + name, entry)) return false;
       volume_.entries_.back().place = runs.empty() ? layout_.rootArea + at : placeIn(layout_, runs, at);
     }
@@ -203,7 +203,7 @@ class FatWalk {
 
   bool addEntry(const std::string& path, const uint8_t* bytes) {
     pathBytes_ += path.size();
-    if (path.size() > kLongestPath) return damage("its folders lie too deep");
+    if (path.size() > kLongestPath) return damage("its folders are nested too deeply");
     if (pathBytes_ > kMostPathBytes) return damage("it has too many files");
     FatEntry& entry = volume_.entries_.emplace_back();
     entry.path = path;

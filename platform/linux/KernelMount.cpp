@@ -187,7 +187,8 @@ Refusal waitForDriver(const MountSource& source, const std::string& path) {
   for (const std::string& holder : source.holders) {
     while (isHeld(holder)) {
       if (std::chrono::steady_clock::now() > deadline) {
-        return Dissenter{kDissentBusy, path + " is unmounted, but its driver is still at work (" + holder + ")"};
+        return Dissenter{kDissentBusy,
+                         path + " is unmounted, but its driver still has the device open (" + holder + ")"};
       }
       std::this_thread::sleep_for(kStep);
     }
@@ -214,12 +215,12 @@ Refusal mountByKernel(const KernelMountRequest& request) {
   if (refusal) return refusal;
 
   const std::optional<MountPoint> mounted = mountAt(request.folder);
-  if (!mounted) return Dissenter{kDissentError, request.source + " did not show up in " + request.folder};
+  if (!mounted) return Dissenter{kDissentError, request.source + " was mounted, but not in " + request.folder};
   if (!request.readWrite || !mounted->isReadOnly) return std::nullopt;
   // Some drivers mount a volume read-only if they are not sure about it.
   if (Refusal stuck = unmountByKernel(request.folder)) return stuck;
   if (request.kind == "ntfs") return Dissenter{kDissentNotWritable, kUncleanNTFS};
-  return Dissenter{kDissentNotWritable, request.source + " can be mounted read-only only"};
+  return Dissenter{kDissentNotWritable, request.source + " can only be mounted read-only"};
 }
 
 Refusal unmountByKernel(const std::string& path) {
@@ -244,7 +245,7 @@ Refusal unmountByKernel(const MountPoint& mount) {
   Refusal refusal = isOwn ? unmountAsUser(mount.path) : unmountByKernel(mount.path);
   if (isMounted(mount.id)) {
     if (refusal && refusal->status != kDissentNotMounted) return refusal;
-    return Dissenter{kDissentBusy, mount.path + " stays mounted; another mount may stand before it"};
+    return Dissenter{kDissentBusy, mount.path + " stays mounted; another mount may cover it"};
   }
   if (!source || isMountedElsewhere(mount.number)) return std::nullopt;
   return waitForDriver(*source, mount.path);

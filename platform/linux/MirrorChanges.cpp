@@ -220,7 +220,8 @@ Refusal checkCopy(const OpenVolume& copy, const MirrorTree& tree, const std::str
   std::map<std::string, const FatEntry*> onCopy;
   for (const FatEntry& entry : copy.volume.entries()) onCopy[foldedFatName(entry.path)] = &entry;
   const auto differs = [](const std::string& path) {
-    return Dissenter{kDissentError, path + " did not become what it is in the mirror; nothing was written to the disk"};
+    return Dissenter{kDissentError,
+                     path + " did not become the same as in the mirror; nothing was written to the disk"};
   };
   for (const auto& [path, entry] : tree) {
     const auto found = onCopy.find(foldedFatName(path));

@@ -42,7 +42,7 @@ Refusal VolumeDevice::settle() {
   }
   const std::vector<InterruptedChange> interrupted = interruptedChanges(*handle_);
   if (interrupted.empty()) return std::nullopt;
-  return Dissenter{kDissentNotWritable, "a change was cut off there (" + interrupted.front().title +
+  return Dissenter{kDissentNotWritable, "a change was interrupted there (" + interrupted.front().title +
                                             "), and the disk cannot be written to finish it"};
 }
 

@@ -93,7 +93,7 @@ std::optional<Dissenter> LinuxVolumeMirrors::discard(const VolumeMirror& mirror)
     if (found.mirror.state.folder != mirror.folder) continue;
     return discardMirror(found.mirror.key, found.mirror.state.identity);
   }
-  return Dissenter{kDissentNotMounted, mirror.folder + " is not there any more"};
+  return Dissenter{kDissentNotMounted, mirror.folder + " does not exist any more"};
 }
 
 }  // namespace vorlix

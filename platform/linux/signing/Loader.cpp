@@ -59,7 +59,7 @@ SignersUnitEntry* load() {
       continue;
     }
     if (!isTrusted(status, code)) {
-      reason = place.string() + ": others may write to it";
+      reason = place.string() + ": other users can write to it";
       continue;
     }
     // Loads through the descriptor, so that the file is the one that was checked.
