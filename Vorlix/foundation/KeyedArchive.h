@@ -41,7 +41,6 @@
 #include <Vorlix/foundation/Value.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>

@@ -15,8 +15,8 @@ namespace vorlix {
 ///
 ///     if (fsync(file) != 0) return SystemError{errno, path}.dissenter();
 struct VORLIX_EXPORT SystemError {
-  int number = 0;       ///< as in `errno`
-  std::string subject;  ///< a path, a device or what was being done; may be empty
+  int number = 0;            ///< as in `errno`
+  std::string subject = {};  ///< a path, a device or what was being done; may be empty
 
   /// The reason without the subject: "No space left on device".
   std::string reason() const;

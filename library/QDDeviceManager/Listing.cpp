@@ -5,7 +5,6 @@
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/foundation/CaseFolding.h>
-#include <Vorlix/foundation/Paths.h>
 #include <Vorlix/platform/DiskArbitration.h>
 #include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/MountedVolumes.h>

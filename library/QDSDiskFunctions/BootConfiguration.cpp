@@ -117,7 +117,7 @@ vorlix::Stream openStore(const std::string& path, const std::string& mountPoint)
 int32_t destinationFailed() {
   const int reason = errno;
   std::perror("BCD Path Destination error:");
-  std::printf("%s", vorlix::SystemError{reason, ""}.reason().c_str());
+  std::printf("%s", vorlix::SystemError{reason}.reason().c_str());
   return -1;
 }
 

@@ -18,7 +18,6 @@
 #include <string>
 #include <variant>
 
-#include <Vorlix/PartitionRecords.h>
 #include "Arguments.h"
 #include "Log.h"
 #include "LogPlaces.h"

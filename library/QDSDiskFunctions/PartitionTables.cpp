@@ -7,7 +7,6 @@
 #include <array>
 #include <iterator>
 #include <tuple>
-#include <vector>
 
 #include <Vorlix/PartitionRecords.h>
 #include "Arguments.h"

@@ -3,7 +3,6 @@
 // How the unpacked size of a compressed image file is measured.
 #pragma once
 
-#include <optional>
 #include <string>
 #include <string_view>
 

@@ -9,7 +9,6 @@
 
 #include <climits>
 #include <optional>
-#include <utility>
 
 #include <Vorlix/platform/Descriptor.h>
 #include "SignersUnit.h"

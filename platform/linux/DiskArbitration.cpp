@@ -5,8 +5,6 @@
 
 #include <cerrno>
 #include <deque>
-#include <map>
-#include <string_view>
 #include <utility>
 
 #include "DeviceFacts.h"

@@ -11,7 +11,6 @@
 #include <mutex>
 #include <optional>
 #include <tuple>
-#include <utility>
 
 #include <Vorlix/platform/Descriptor.h>
 #include "VolumeOrigin.h"

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <span>
 
 #include <Vorlix/foundation/LittleEndian.h>
 #include <Vorlix/foundation/Utf8.h>

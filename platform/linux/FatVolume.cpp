@@ -2,11 +2,9 @@
 #include "FatVolume.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <limits>
 #include <set>
 
 #include <Vorlix/foundation/LittleEndian.h>

@@ -172,7 +172,7 @@ Refusal unmountAsUser(const std::string& path) {
   if (result.launchError != 0) {
     return Dissenter{kDissentNotPrivileged, "only the super-user can unmount " + path + " without fusermount3"};
   }
-  const bool isBusy = result.errors.find(SystemError{EBUSY, ""}.reason()) != std::string::npos;
+  const bool isBusy = result.errors.find(SystemError{EBUSY}.reason()) != std::string::npos;
   return Dissenter{isBusy ? kDissentBusy : kDissentError, path + ": " + result.errors};
 }
 

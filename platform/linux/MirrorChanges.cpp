@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <map>
 #include <set>
-#include <utility>
 
 #include "FatNames.h"
 #include "MirrorNames.h"

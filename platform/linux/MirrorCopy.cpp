@@ -17,17 +17,6 @@
 namespace vorlix {
 namespace {
 
-Refusal writePiece(int file, const std::string& path, const uint8_t* bytes, size_t count, uint64_t offset) {
-  size_t done = 0;
-  while (done < count) {
-    const ssize_t put = pwrite(file, bytes + done, count - done, static_cast<off_t>(offset + done));
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return dissenterFor(put == 0 ? ENOSPC : errno, path);
-    done += static_cast<size_t>(put);
-  }
-  return std::nullopt;
-}
-
 Refusal copyFile(const OpenVolume& from, const FatEntry& entry, const std::string& path) {
   const Descriptor file(
       aboveStandardStreams(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)));
@@ -110,6 +99,17 @@ class ComparedFile {
 };
 
 }  // namespace
+
+Refusal writePiece(int file, const std::string& path, const uint8_t* bytes, size_t count, uint64_t offset) {
+  size_t done = 0;
+  while (done < count) {
+    const ssize_t put = pwrite(file, bytes + done, count - done, static_cast<off_t>(offset + done));
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) return dissenterFor(put == 0 ? ENOSPC : errno, path);
+    done += static_cast<size_t>(put);
+  }
+  return std::nullopt;
+}
 
 Refusal copyVolumeTo(const OpenVolume& from, const std::string& folder) {
   for (const FatEntry& entry : from.volume.entries()) {

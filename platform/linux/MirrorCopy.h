@@ -23,6 +23,9 @@ struct OpenVolume {
   }
 };
 
+/// Writes a piece of a file. `path` is its name in a refusal.
+Refusal writePiece(int file, const std::string& path, const uint8_t* bytes, size_t count, uint64_t offset);
+
 /// Copies all files, with their times, to an empty folder of the system, syncs them and compares them. Files get mode
 /// 0600, folders 0700.
 Refusal copyVolumeTo(const OpenVolume& from, const std::string& folder);

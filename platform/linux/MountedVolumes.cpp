@@ -9,12 +9,10 @@
 #include <fstream>
 #include <map>
 #include <set>
-#include <string_view>
 #include <utility>
 
 #include <Vorlix/foundation/Utf8.h>
 #include <Vorlix/platform/Descriptor.h>
-#include "DeviceFacts.h"
 #include "DeviceNames.h"
 #include "DiskDescription.h"
 #include "FatLayout.h"

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
-#include <utility>
 
 namespace vorlix {
 namespace {

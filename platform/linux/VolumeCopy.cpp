@@ -43,25 +43,13 @@ Parts partsOf(const FatVolume& volume) {
   return parts;
 }
 
-bool writeWhole(int file, const uint8_t* bytes, size_t count, uint64_t offset) {
-  size_t done = 0;
-  while (done < count) {
-    const ssize_t put = pwrite(file, bytes + done, count - done, static_cast<off_t>(offset + done));
-    if (put < 0 && errno == EINTR) continue;
-    if (put == 0) errno = ENOSPC;
-    if (put <= 0) return false;
-    done += static_cast<size_t>(put);
-  }
-  return true;
-}
-
 Refusal copyExtent(const FatSource& source, Extent extent, const std::string& path, int file) {
   std::vector<uint8_t> piece(kPiece);
   const uint64_t end = extent.offset + extent.size;
   for (uint64_t at = source.nextData(extent.offset); at < end; at = source.nextData(at)) {
     const auto count = static_cast<size_t>(std::min<uint64_t>(kPiece, end - at));
     if (!source.read(piece.data(), count, at)) return dissenterFor(errno, "reading the FAT file system");
-    if (!writeWhole(file, piece.data(), count, at)) return dissenterFor(errno, path);
+    if (Refusal refusal = writePiece(file, path, piece.data(), count, at)) return refusal;
     at += count;
   }
   return std::nullopt;

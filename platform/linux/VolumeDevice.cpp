@@ -12,7 +12,6 @@
 #include "DeviceFacts.h"
 #include "DiskLock.h"
 #include "OpenedDevice.h"
-#include "VolumeCopy.h"
 
 namespace vorlix {
 

@@ -5,7 +5,6 @@
 
 #include <Vorlix/foundation/UUID.h>
 
-#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>

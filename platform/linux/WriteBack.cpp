@@ -9,9 +9,7 @@
 #include <memory>
 #include <optional>
 #include <utility>
-#include <vector>
 
-#include "DiskLock.h"
 #include "MirrorChanges.h"
 #include "MirrorCopy.h"
 #include "Mtools.h"

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Disk arbitration of the simulated machine: descriptions, mounts and unmounts.
-#include <algorithm>
 
 #include "SimulatedState.h"
 

@@ -28,7 +28,7 @@ std::string errorName(int error) {
     case ENOSPC:
       return "ENOSPC";
     default:
-      return SystemError{error, ""}.reason();
+      return SystemError{error}.reason();
   }
 }
 

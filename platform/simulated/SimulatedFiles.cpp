@@ -65,9 +65,9 @@ class SimulatedFileCopy final : public FileCopy {
     if (failure != state_->copyFailures.end()) return failure->second;
     if (state_->files.isUnused()) return native_->copyItem(source, destination);
     const SimulatedItem* const item = state_->files.find(source, false);
-    if (item == nullptr) return SystemError{ENOENT, ""}.reason();
+    if (item == nullptr) return SystemError{ENOENT}.reason();
     const bool isTaken = state_->files.find(destination, false) != nullptr;
-    if (!state_->files.put(destination, item->copy())) return SystemError{isTaken ? EEXIST : ENOENT, ""}.reason();
+    if (!state_->files.put(destination, item->copy())) return SystemError{isTaken ? EEXIST : ENOENT}.reason();
     return std::nullopt;
   }
 

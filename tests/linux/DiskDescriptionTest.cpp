@@ -172,14 +172,14 @@ TEST(FolderNames, AreSafe) {
 }
 
 TEST(ErrorNumbers, HaveTheirPublishedCodes) {
-  EXPECT_EQ((SystemError{EBUSY, ""}.status()), static_cast<int32_t>(0xF8DA0002));
-  EXPECT_EQ((SystemError{EINVAL, ""}.status()), static_cast<int32_t>(0xF8DA0003));
-  EXPECT_EQ((SystemError{ENOSPC, ""}.status()), static_cast<int32_t>(0xF8DA0005));
-  EXPECT_EQ((SystemError{ENOENT, ""}.status()), static_cast<int32_t>(0xF8DA0006));
-  EXPECT_EQ((SystemError{EPERM, ""}.status()), static_cast<int32_t>(0xF8DA0009));
-  EXPECT_EQ((SystemError{EROFS, ""}.status()), static_cast<int32_t>(0xF8DA000B));
-  EXPECT_EQ((SystemError{ENODEV, ""}.status()), static_cast<int32_t>(0xF8DA000C));
-  EXPECT_EQ((SystemError{EIO, ""}.status()), static_cast<int32_t>(0xF8DA0001));
+  EXPECT_EQ((SystemError{EBUSY}.status()), static_cast<int32_t>(0xF8DA0002));
+  EXPECT_EQ((SystemError{EINVAL}.status()), static_cast<int32_t>(0xF8DA0003));
+  EXPECT_EQ((SystemError{ENOSPC}.status()), static_cast<int32_t>(0xF8DA0005));
+  EXPECT_EQ((SystemError{ENOENT}.status()), static_cast<int32_t>(0xF8DA0006));
+  EXPECT_EQ((SystemError{EPERM}.status()), static_cast<int32_t>(0xF8DA0009));
+  EXPECT_EQ((SystemError{EROFS}.status()), static_cast<int32_t>(0xF8DA000B));
+  EXPECT_EQ((SystemError{ENODEV}.status()), static_cast<int32_t>(0xF8DA000C));
+  EXPECT_EQ((SystemError{EIO}.status()), static_cast<int32_t>(0xF8DA0001));
   EXPECT_EQ(dissenterFor(EBUSY, "/dev/sda1").text, "/dev/sda1: Device or resource busy");
 }
 
