@@ -41,7 +41,7 @@ std::optional<DeviceIdentity> identityOf(int descriptor, uint64_t offset) {
   if (S_ISBLK(status.stx_mode)) return identityOfNode(makedev(status.stx_rdev_major, status.stx_rdev_minor), offset);
   std::string file = "file " + deviceNumberText(makedev(status.stx_dev_major, status.stx_dev_minor)) + " " +
                      std::to_string(status.stx_ino);
-  // The time of birth tells a file from a later one with the same inode number.
+  // The time of birth distinguishes a file from a later one with the same inode number.
   if ((status.stx_mask & STATX_BTIME) != 0) {
     file += " " + std::to_string(status.stx_btime.tv_sec) + "." + std::to_string(status.stx_btime.tv_nsec);
   }

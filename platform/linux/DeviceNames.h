@@ -27,9 +27,8 @@ struct DeviceLocation {
 ///
 /// An image file that is found is remembered (ImageFiles.h). It is not found if it is named by a relative path and its
 /// absolute path cannot be followed; `errno` then has the reason (EACCES).
-/// @return absent with `errno` set: ENOENT, EISDIR, ENOTBLK for anything but a block device or file, or the error of
-/// the
-///         system.
+/// @return absent with `errno` set: ENOENT, EISDIR, ENOTBLK for anything but a block device or file, or the system's
+///         error.
 std::optional<DeviceLocation> locateDevice(const std::string& name);
 
 }  // namespace vorlix

@@ -33,8 +33,8 @@ std::optional<std::string> existingVolumesFolder();
 /// Makes the folder "volumes" and the one that holds the folders of mirrors.
 Refusal makeVolumesFolder(std::string& volumes);
 
-/// Returns the path of the folder that belongs to a mirror. `identity` tells the volume at the place `key` from a later
-/// one at the same place.
+/// Returns the path of the folder that belongs to a mirror. `identity` distinguishes the volume at the place `key` from
+/// a later one at the same place.
 std::string folderOfMirror(const std::string& volumes, const std::string& key, uint64_t identity);
 
 /// Returns the folders of all mirrors, in no order.

@@ -80,7 +80,7 @@ std::optional<std::string> mirrorKey(const DeviceLocation& location, Extent wind
     return "device-" + std::to_string(status.stx_rdev_major) + "-" + std::to_string(status.stx_rdev_minor) + "-" +
            offset;
   }
-  // The time of birth tells a file from a later one with the same inode number.
+  // The time of birth distinguishes a file from a later one with the same inode number.
   std::string birth = "0";
   if ((status.stx_mask & STATX_BTIME) != 0) {
     birth = std::to_string(status.stx_btime.tv_sec) + "." + std::to_string(status.stx_btime.tv_nsec);
