@@ -44,11 +44,7 @@ vorlix_batch(vorlix_objects functions "^library/QDSDiskFunctions/")
 vorlix_batch(vorlix_objects saving "^library/(Allocation|Backup)/")
 vorlix_batch(vorlix_objects parts "^library/(QDSUtilities.cpp|.*/)")
 vorlix_batch(vorlix_objects faces "^library/")
-vorlix_alone(foundation/Base64.cpp foundation/NotificationCenter.cpp library/QDDeviceManager/Mounting.cpp library/QDSDiskFunctions/PartitionTables.cpp)
-if(NOT APPLE)
-  vorlix_alone(platform/linux/BlockDevices.cpp platform/linux/FatTable.cpp platform/linux/MountFolders.cpp
-               platform/linux/MountedVolumes.cpp platform/linux/VolumeCopy.cpp platform/linux/VolumeProbe.cpp)
-endif()
+vorlix_alone(foundation/Base64.cpp foundation/NotificationCenter.cpp)
 target_link_libraries(vorlix_objects PUBLIC vorlix_headers ${VORLIX_SYSTEM_LIBRARIES})
 target_include_directories(vorlix_objects SYSTEM PRIVATE ${VORLIX_SYSTEM_INCLUDES})
 target_compile_definitions(vorlix_objects PRIVATE

@@ -23,7 +23,7 @@ constexpr size_t kTypeOffset = 4;
 constexpr size_t kMBRSignatureOffset = 510;
 
 constexpr std::array<uint32_t, 256> makeTable() {
-  constexpr uint32_t kReflectedPolynomial = 0xEDB88320;  // 0x04C11DB7 with its bits the other way round
+  constexpr uint32_t kReflectedPolynomial = 0xEDB88320;  // 0x04C11DB7 with its bits reversed
   std::array<uint32_t, 256> table = {};
   for (uint32_t i = 0; i < table.size(); ++i) {
     uint32_t value = i;
@@ -55,7 +55,7 @@ bool hasRightChecksum(std::span<const uint8_t> block) {
   const uint64_t size = littleEndian(block, kHeaderSizeOffset, 4);
   if (size < kSmallestHeader || size > block.size()) return false;
   std::vector<uint8_t> header(block.begin(), block.begin() + static_cast<std::ptrdiff_t>(size));
-  std::fill_n(header.begin() + kChecksumOffset, 4, uint8_t{0});  // counts as zero in its own checksum
+  std::fill_n(header.begin() + kChecksumOffset, 4, uint8_t{0});  // the field counts as zero in the checksum
   return crc32(header) == littleEndian(block, kChecksumOffset, 4);
 }
 

@@ -6,7 +6,7 @@
 #include <Vorlix/GPTCheck.h>
 #include <Vorlix/PartitionRecords.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
-#include "library/QDSDiskFunctions/DeviceStreams.h"
+#include "library/QDSDiskFunctions/OpenDevices.h"
 
 #include <algorithm>
 #include <bit>

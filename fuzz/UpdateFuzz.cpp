@@ -14,7 +14,7 @@
 //   6-9  start sector
 #include <Vorlix/PartitionRecords.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
-#include "library/QDSDiskFunctions/DeviceStreams.h"
+#include "library/QDSDiskFunctions/OpenDevices.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/platform/DiskChange.h>
 #include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/SystemError.h>
 #include "Journal.h"
 #include "JournalFolder.h"
 
@@ -19,7 +20,7 @@ using Image = Journal::Image;
 constexpr size_t kSector = 512;  // a medium writes these whole or not at all
 
 std::string reasonOf(ssize_t done) {
-  return done < 0 ? std::strerror(errno) : "the device ends too early";
+  return done < 0 ? SystemError{errno}.reason() : "the device ends too early";
 }
 
 // A run of bytes on the medium. False with `reason` set where it cannot be read whole.
@@ -131,7 +132,7 @@ class Application {
     for (size_t i = 0; i < handles_.size(); ++i) {
       if (handles_[i]->sync() == 0 || failure) continue;
       failure = ChangeFailure{journal_.devices()[i].name,
-                              std::string("what was written is not on the medium: ") + std::strerror(errno), ""};
+                              "what was written is not on the medium: " + SystemError{errno}.reason(), ""};
     }
     for (auto run = journal_.runs().begin(); !failure && run != journal_.runs().end(); ++run) {
       Bytes wanted;
@@ -160,7 +161,7 @@ class Application {
     if (auto failure = journal_.read(run, image, bytes)) return failure;
     const ssize_t done = handleOf(run).writeAt(bytes.data(), bytes.size(), run.offset);
     if (done == static_cast<ssize_t>(bytes.size())) return std::nullopt;
-    return failureAt(run, done < 0 ? std::strerror(errno) : "only a part of it could be written");
+    return failureAt(run, done < 0 ? SystemError{errno}.reason() : "only a part of it could be written");
   }
 
   // Of each run with a reason of its own whether it is on the medium.
@@ -369,7 +370,7 @@ std::optional<ChangeFailure> applyChange(const DiskChange& change, const ChangeB
   std::vector<DeviceHandle*> handles;
   for (const DeviceChange& device : change.devices) {
     const auto identity = device.handle->identity();
-    if (!identity) return ChangeFailure{device.device, std::strerror(errno), kNothingWritten};
+    if (!identity) return ChangeFailure{device.device, SystemError{errno}.reason(), kNothingWritten};
     const size_t index = writer->addDevice(device.device, *identity);
     handles.push_back(device.handle.get());
     for (const ByteChange& run : device.bytes) {
@@ -399,7 +400,7 @@ std::vector<InterruptedChange> interruptedChanges(DeviceHandle& device) {
 std::optional<ChangeFailure> settleInterruptedChanges(const std::string& name, DeviceHandle& device,
                                                       std::vector<std::string>& finished, const std::string& except) {
   const auto identity = device.identity();
-  if (!identity) return ChangeFailure{name, std::strerror(errno), kNothingWritten};
+  if (!identity) return ChangeFailure{name, SystemError{errno}.reason(), kNothingWritten};
   for (const std::string& folder : journalsInStateFolder()) {
     if (folder == except) continue;
     std::optional<ChangeFailure> damaged;

@@ -11,9 +11,6 @@
 #include <memory>
 #include <system_error>
 
-#include "Sysfs.h"
-#include "VolumeOrigin.h"
-
 namespace vorlix {
 namespace {
 
@@ -28,22 +25,22 @@ struct IteratorDeleter {
   void operator()(libmnt_iter* iterator) const { mnt_free_iter(iterator); }
 };
 
-std::string textOf(const char* text) {
+std::string orEmpty(const char* text) {
   return text == nullptr ? std::string() : std::string(text);
 }
 
 bool isDriverInUserSpace(libmnt_fs* entry) {
-  return textOf(mnt_fs_get_fstype(entry)).rfind("fuse", 0) == 0;
+  return orEmpty(mnt_fs_get_fstype(entry)).rfind("fuse", 0) == 0;
 }
 
-// What has no use for a device may be named after one all the same. Drivers in user space are pseudo file systems to
-// libmount.
+// A file system without a device may have the name of one. libmount counts drivers in user space as pseudo file
+// systems.
 bool mayNameSource(libmnt_fs* entry) {
   return isDriverInUserSpace(entry) || (mnt_fs_is_pseudofs(entry) != 1 && mnt_fs_is_netfs(entry) != 1);
 }
 
-// The number of the device that was mounted. Some file systems of the kernel show a number of their own instead; these
-// are known by the node they name.
+// Returns the number of the mounted device. Some of the kernel's file systems have their own number instead; their
+// device is the node that they name.
 dev_t deviceOf(libmnt_fs* entry, const std::string& source) {
   const dev_t number = mnt_fs_get_devno(entry);
   const bool namesDevice = source.rfind("/dev/", 0) == 0 && !isDriverInUserSpace(entry) && mayNameSource(entry);
@@ -53,7 +50,7 @@ dev_t deviceOf(libmnt_fs* entry, const std::string& source) {
   return isDevice ? status.st_rdev : number;
 }
 
-// Whom a driver in user space runs for. The kernel's own act for the super-user.
+// Returns the user of a driver in user space. The kernel's own drivers count as the super-user's.
 uid_t userOf(libmnt_fs* entry) {
   char* value = nullptr;
   size_t length = 0;
@@ -64,11 +61,11 @@ uid_t userOf(libmnt_fs* entry) {
   return user;
 }
 
-// A subvolume of btrfs is a volume to its users; its options tell which one it is.
+// Subvolumes of btrfs count as volumes; the options of a mount name its subvolume.
 bool isVolumeRoot(libmnt_fs* entry) {
-  const std::string root = textOf(mnt_fs_get_root(entry));
+  const std::string root = orEmpty(mnt_fs_get_root(entry));
   if (root == "/") return true;
-  if (textOf(mnt_fs_get_fstype(entry)) != "btrfs") return false;
+  if (orEmpty(mnt_fs_get_fstype(entry)) != "btrfs") return false;
   char* value = nullptr;
   size_t length = 0;
   return mnt_fs_get_option(entry, "subvol", &value, &length) == 0 && root == std::string(value, length);
@@ -77,9 +74,9 @@ bool isVolumeRoot(libmnt_fs* entry) {
 MountPoint mountPointOf(libmnt_fs* entry) {
   MountPoint mount;
   mount.id = mnt_fs_get_id(entry);
-  mount.path = textOf(mnt_fs_get_target(entry));
-  mount.fileSystem = textOf(mnt_fs_get_fstype(entry));
-  mount.source = textOf(mnt_fs_get_srcpath(entry));
+  mount.path = orEmpty(mnt_fs_get_target(entry));
+  mount.fileSystem = orEmpty(mnt_fs_get_fstype(entry));
+  mount.source = orEmpty(mnt_fs_get_srcpath(entry));
   mount.number = mnt_fs_get_devno(entry);
   mount.device = deviceOf(entry, mount.source);
   mount.isByDriver = isDriverInUserSpace(entry);
@@ -114,16 +111,6 @@ std::optional<MountPoint> mountAt(const std::string& path) {
       std::find_if(mounts.rbegin(), mounts.rend(), [&](const MountPoint& mount) { return mount.path == wanted; });
   if (found == mounts.rend()) return std::nullopt;
   return *found;
-}
-
-std::optional<LoopBacking> loopBackingOf(dev_t device) {
-  const fs::path loop = sysfsLink(device) / "loop";
-  if (readWholeNumber(loop / "autoclear").value_or(0) == 0) return std::nullopt;
-  const std::optional<std::string> path = backingPathOf(device);
-  const uint64_t offset = readWholeNumber(loop / "offset").value_or(0);
-  // Another file may have come into its place, or be what is called so in this process' name space.
-  if (!path || originOfPath(*path, offset) != originOfDevice(device)) return std::nullopt;
-  return LoopBacking{*path, offset};
 }
 
 }  // namespace vorlix

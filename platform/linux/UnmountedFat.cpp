@@ -15,13 +15,14 @@
 #include "DeviceFacts.h"
 #include "FatFileChange.h"
 #include "FatVolume.h"
+#include "MirrorLookup.h"
 #include "MirrorPlace.h"
 #include "Mounting.h"
 #include "OpenedDevice.h"
 #include "VolumeCopy.h"
 #include "VolumeDevice.h"
 #include "VolumeProbe.h"
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/DescriptorCalls.h"
 
 namespace vorlix {
 namespace {
@@ -143,7 +144,7 @@ class UnmountedFat final : public FatFiles {
     return std::nullopt;
   }
 
-  // Sectors that follow each other are one run; those that stay as they are, none.
+  // Consecutive sectors become one run. Sectors that do not change are left out.
   Refusal addRuns(const FatSectors& sectors, const std::string& reason, size_t device, JournalWriter& writer) const {
     std::vector<uint8_t> before;
     std::vector<uint8_t> after;
@@ -168,7 +169,7 @@ class UnmountedFat final : public FatFiles {
     return add();
   }
 
-  // The volume as it stands on the medium now.
+  // Checks the volume that is on the medium now.
   Refusal verify(const std::string& file, const std::vector<uint8_t>& bytes, std::string& state) {
     forgetCached(device_.descriptor(), device_.window().offset, volume_.layout().totalSize);
     const Refusal refusal = checkFatFileChange(source(), volume_, file, bytes);
@@ -176,7 +177,7 @@ class UnmountedFat final : public FatFiles {
     return refusal;
   }
 
-  MirrorPlace place_;  // let go last
+  MirrorPlace place_;  // released last
   VolumeDevice device_;
 };
 
@@ -198,7 +199,7 @@ std::unique_ptr<UnmountedVolume> openUnmountedFat(const DeviceLocation& location
   }
   std::optional<MirrorPlace> place;
   if ((refusal = MirrorPlace::lock(key, identity, place))) return nullptr;
-  if (place->state()) return nullptr;  // mounted by someone else in the meantime
+  if (place->state()) return nullptr;  // another process has mounted it meanwhile
   VolumeDevice device;
   if ((refusal = device.open(location, true)) || (refusal = device.settle())) return nullptr;
   FatVolume volume;

@@ -5,7 +5,7 @@
 #include <string>
 
 #include <Vorlix/platform/SliceName.h>
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/DescriptorCalls.h"
 
 namespace vorlix {
 

@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/DescriptorCalls.h"
 
 namespace vorlix {
 namespace {

@@ -10,8 +10,8 @@
 namespace vorlix {
 namespace {
 
-// Repeats a positioned transfer until all is done, the device ends, or it fails. What was transferred before a failure
-// counts, so that a caller sees how far it went.
+// Repeats a transfer until it is complete, the device ends, or it fails. Returns what was transferred before a failure,
+// so that callers see how far it went.
 template <typename Transfer>
 ssize_t transferAll(size_t count, Transfer transfer) {
   size_t done = 0;

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What disk arbitration tells of image files, beside what general tools print of them, and the small rules behind it.
+#include <Vorlix/foundation/Utf8.h>
+#include <Vorlix/platform/SystemError.h>
 #include "platform/linux/DeviceFacts.h"
-#include "platform/linux/Dissenters.h"
 #include "platform/linux/MountFolders.h"
 #include "platform/linux/VolumeProbe.h"
 #include "tests/contract/Volumes.h"
@@ -149,11 +150,12 @@ TEST(UdevRecords, TellOfVolumesThatCannotBeRead) {
 
 TEST(Texts, ThatAreNotUTF8AreMadeSo) {
   const std::string replacement = "\xEF\xBF\xBD";
-  EXPECT_EQ(validText("plain \xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80"), "plain \xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80");
-  EXPECT_EQ(validText("\x82t\x82"), replacement + "t" + replacement);
-  EXPECT_EQ(validText("\xC0\x80"), replacement + replacement);                    // overlong
-  EXPECT_EQ(validText("\xED\xA0\x80"), replacement + replacement + replacement);  // a surrogate
-  EXPECT_EQ(validText("cut \xE2\x82"), "cut " + replacement + replacement);
+  EXPECT_EQ(repairedUtf8("plain \xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80"),
+            "plain \xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80");
+  EXPECT_EQ(repairedUtf8("\x82t\x82"), replacement + "t" + replacement);
+  EXPECT_EQ(repairedUtf8("\xC0\x80"), replacement + replacement);                    // overlong
+  EXPECT_EQ(repairedUtf8("\xED\xA0\x80"), replacement + replacement + replacement);  // a surrogate
+  EXPECT_EQ(repairedUtf8("cut \xE2\x82"), "cut " + replacement + replacement);
 }
 
 TEST(FolderNames, AreSafe) {
@@ -170,14 +172,14 @@ TEST(FolderNames, AreSafe) {
 }
 
 TEST(ErrorNumbers, HaveTheirPublishedCodes) {
-  EXPECT_EQ(dissentStatus(EBUSY), static_cast<int32_t>(0xF8DA0002));
-  EXPECT_EQ(dissentStatus(EINVAL), static_cast<int32_t>(0xF8DA0003));
-  EXPECT_EQ(dissentStatus(ENOSPC), static_cast<int32_t>(0xF8DA0005));
-  EXPECT_EQ(dissentStatus(ENOENT), static_cast<int32_t>(0xF8DA0006));
-  EXPECT_EQ(dissentStatus(EPERM), static_cast<int32_t>(0xF8DA0009));
-  EXPECT_EQ(dissentStatus(EROFS), static_cast<int32_t>(0xF8DA000B));
-  EXPECT_EQ(dissentStatus(ENODEV), static_cast<int32_t>(0xF8DA000C));
-  EXPECT_EQ(dissentStatus(EIO), static_cast<int32_t>(0xF8DA0001));
+  EXPECT_EQ((SystemError{EBUSY}.status()), static_cast<int32_t>(0xF8DA0002));
+  EXPECT_EQ((SystemError{EINVAL}.status()), static_cast<int32_t>(0xF8DA0003));
+  EXPECT_EQ((SystemError{ENOSPC}.status()), static_cast<int32_t>(0xF8DA0005));
+  EXPECT_EQ((SystemError{ENOENT}.status()), static_cast<int32_t>(0xF8DA0006));
+  EXPECT_EQ((SystemError{EPERM}.status()), static_cast<int32_t>(0xF8DA0009));
+  EXPECT_EQ((SystemError{EROFS}.status()), static_cast<int32_t>(0xF8DA000B));
+  EXPECT_EQ((SystemError{ENODEV}.status()), static_cast<int32_t>(0xF8DA000C));
+  EXPECT_EQ((SystemError{EIO}.status()), static_cast<int32_t>(0xF8DA0001));
   EXPECT_EQ(dissenterFor(EBUSY, "/dev/sda1").text, "/dev/sda1: Device or resource busy");
 }
 

@@ -10,7 +10,7 @@
 #include <filesystem>
 
 #include "Commands.h"
-#include "platform/linux/BlockDevices.h"
+#include "platform/linux/DeviceNames.h"
 
 namespace vorlix::test {
 namespace {

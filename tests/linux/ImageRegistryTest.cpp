@@ -7,7 +7,7 @@
 
 #include "CapturedTree.h"
 #include "Commands.h"
-#include "platform/linux/BlockDevices.h"
+#include "platform/linux/DeviceNames.h"
 #include "platform/linux/IORegistry.h"
 #include "platform/linux/ImageFiles.h"
 #include "tests/contract/IORegistryContract.h"

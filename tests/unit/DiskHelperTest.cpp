@@ -4,7 +4,7 @@
 #include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/SystemLog.h>
 #include <unistd.h>
-#include "library/QDSDiskFunctions/SystemLog.h"
+#include "library/QDSDiskFunctions/Log.h"
 
 #include "tests/unit/support/DiskBytes.h"
 #include "tests/unit/support/DiskFixture.h"

@@ -22,7 +22,7 @@ SignersUnitEntry* load() {
 }  // namespace
 
 std::optional<std::string> signersUnit(const std::string& signature, int file, const std::filesystem::path& anchors) {
-  static SignersUnitEntry* const entry = load();  // stays loaded: OpenSSL does not like to go
+  static SignersUnitEntry* const entry = load();  // stays loaded, because OpenSSL cannot be unloaded safely
   if (entry == nullptr) return std::nullopt;
   std::array<char, kLongestUnit> unit;
   const long length = entry(signature.c_str(), file, anchors.c_str(), unit.data(), unit.size());

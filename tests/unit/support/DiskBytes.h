@@ -4,7 +4,7 @@
 #pragma once
 
 #include <Vorlix/QDSDiskFunctions.h>
-#include "library/QDSDiskFunctions/DeviceStreams.h"
+#include "library/QDSDiskFunctions/OpenDevices.h"
 
 #include <algorithm>
 #include <array>

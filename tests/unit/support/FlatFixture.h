@@ -8,7 +8,7 @@
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include "library/QDSDiskFunctions/DeviceStreams.h"
+#include "library/QDSDiskFunctions/OpenDevices.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Dissenters.h"
+#include <Vorlix/platform/SystemError.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -10,7 +10,7 @@ namespace vorlix {
 namespace {
 
 constexpr struct {
-  int error;
+  int number;
   int32_t status;
 } kStatuses[] = {
     {EBUSY, kDissentBusy},
@@ -23,13 +23,10 @@ constexpr struct {
     {ENOTBLK, kDissentNotFound},
     {EISDIR, kDissentNotFound},
     {ENOTDIR, kDissentNotFound},
-    {ENOMEDIUM, kDissentNotReady},
     {EROFS, kDissentNotWritable},
     {ENODEV, kDissentUnsupported},
     {EOPNOTSUPP, kDissentUnsupported},
     {ENOSYS, kDissentUnsupported},
-    {EUCLEAN, kDissentUnsupported},
-    {EMEDIUMTYPE, kDissentUnsupported},
     {ENOMEM, kDissentNoResources},
     {ENOSPC, kDissentNoResources},
     {EDQUOT, kDissentNoResources},
@@ -38,18 +35,36 @@ constexpr struct {
     {EINVAL, kDissentBadArgument},
     {ENAMETOOLONG, kDissentBadArgument},
     {ELOOP, kDissentBadArgument},
+// Numbers that not every system has.
+#ifdef ENOMEDIUM
+    {ENOMEDIUM, kDissentNotReady},
+#endif
+#ifdef EMEDIUMTYPE
+    {EMEDIUMTYPE, kDissentUnsupported},
+#endif
+#ifdef EUCLEAN
+    {EUCLEAN, kDissentUnsupported},
+#endif
 };
 
 }  // namespace
 
-int32_t dissentStatus(int error) {
-  const auto* const found =
-      std::find_if(std::begin(kStatuses), std::end(kStatuses), [error](const auto& row) { return row.error == error; });
+std::string SystemError::reason() const {
+  return std::generic_category().message(number);
+}
+
+std::string SystemError::text() const {
+  return subject + ": " + reason();
+}
+
+int32_t SystemError::status() const {
+  const auto* const found = std::find_if(std::begin(kStatuses), std::end(kStatuses),
+                                         [this](const auto& row) { return row.number == number; });
   return found == std::end(kStatuses) ? kDissentError : found->status;
 }
 
-Dissenter dissenterFor(int error, const std::string& what) {
-  return {dissentStatus(error), what + ": " + std::generic_category().message(error)};
+Dissenter SystemError::dissenter() const {
+  return {status(), text()};
 }
 
 }  // namespace vorlix

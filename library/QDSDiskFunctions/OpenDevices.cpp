@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "DeviceStreams.h"
+#include "OpenDevices.h"
 
 #include <Vorlix/platform/DeviceStreams.h>
 #include <Vorlix/platform/Platform.h>
@@ -12,7 +12,7 @@
 namespace vorlix {
 namespace {
 
-// Enough for sector 0, the header and the 128 usual entries of a disk of 4096-byte blocks in one read.
+// Enough to read sector 0, the header and the usual 128 entries of a disk with blocks of 4096 bytes at once.
 constexpr size_t kStreamBufferSize = size_t{32} * 1024;
 
 struct KeptOpen {
@@ -22,7 +22,7 @@ struct KeptOpen {
 };
 
 KeptOpen& kept() {
-  // Not destroyed at exit: what is kept stays open until the process ends.
+  // Never destroyed: the streams and devices stay open until the process ends.
   static auto* const instance = new KeptOpen;
   return *instance;
 }
@@ -37,7 +37,7 @@ Stream openDeviceForReading(const char* path) {
   return stream;
 }
 
-// A transfer that comes to less says why in errno only if it failed; cleared before, it holds no older reason.
+// An incomplete transfer sets errno only if it failed. It is cleared first, so that it has no older reason.
 bool readWhole(DeviceHandle& device, void* buffer, size_t count, uint64_t offset) {
   errno = 0;
   if (device.readAt(buffer, count, offset) == static_cast<ssize_t>(count)) return true;

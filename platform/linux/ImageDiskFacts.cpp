@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ImageDisk.h"
+#include "ImageDiskFacts.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,12 +10,12 @@
 #include <Vorlix/platform/Descriptor.h>
 #include "ImageFiles.h"
 #include "KernelDisks.h"
-#include "PartitionTable.h"
+#include "PartitionProbe.h"
 #include "platform/posix/PartitionExtents.h"
 
 namespace vorlix {
 
-std::optional<DiskFacts> imageDisk(const std::string& root, const std::string& path) {
+std::optional<DiskFacts> imageDiskFacts(const std::string& root, const std::string& path) {
   struct stat status = {};
   if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
   DiskFacts disk;
@@ -28,10 +28,10 @@ std::optional<DiskFacts> imageDisk(const std::string& root, const std::string& p
   const Descriptor descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!descriptor) return disk;
   disk.blockSize = imageBlockSize(descriptor.get());
-  const PartitionTable table = readPartitionTable(descriptor.get(), disk.size, disk.blockSize);
+  const ProbedTable table = probePartitionTable(descriptor.get(), disk.size, disk.blockSize);
   disk.content = schemeContent(table.scheme);
   disk.uuid = table.uuid;
-  for (const TableEntry& entry : table.entries) {
+  for (const ProbedEntry& entry : table.entries) {
     disk.slices.push_back({entry.number, disk.bsdName + "s" + std::to_string(entry.number), entry.extent, disk.writable,
                            entry.uuid, entry.content});
   }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/QDSDiskRegistry.h>
+#include <Vorlix/foundation/CaseFolding.h>
 #include <Vorlix/platform/DeviceFile.h>
 #include <Vorlix/platform/DiskArbitration.h>
 #include <Vorlix/platform/IORegistry.h>
@@ -17,18 +18,18 @@
 #include <string>
 #include <variant>
 
-#include <Vorlix/PartitionRecords.h>
 #include "Arguments.h"
-#include "Exceptions.h"
 #include "Log.h"
+#include "LogPlaces.h"
+#include "foundation/GUIDPartitionTable.h"
 
 using vorlix::KernReturn;
 using vorlix::kKernFailure;
 using vorlix::kKernSuccess;
 using vorlix::logMessage;
+using vorlix::orEmpty;
 using vorlix::RegistryEntry;
 using vorlix::RegistryIterator;
-using vorlix::textOf;
 
 namespace {
 
@@ -39,26 +40,14 @@ constexpr size_t kUUIDTextLimit = 63;     // longer than any identifier
 constexpr int kMediaTypeLevels = 9;
 constexpr size_t kGUIDSize = 16;
 constexpr uint64_t kDiskGUIDOffset = 56;  // in a GPT header
-constexpr std::array<uint8_t, 8> kGPTSignatureText = {'E', 'F', 'I', ' ', 'P', 'A', 'R', 'T'};
-
-// A number in the log. It is fixed, because programs that read the log use it.
-constexpr int kPlaceNoPartitionNumber = 170;
+constexpr size_t kGPTSignatureSize = 8;
 
 // For each byte of a GUID, the offset of its two digits in the 32 digits of the text: three groups in little-endian
 // order, then the order of the text.
 constexpr std::array<uint8_t, kGUIDSize> kDigitPlaces = {6, 4, 2, 0, 10, 8, 14, 12, 16, 18, 20, 22, 24, 26, 28, 30};
 
 std::string registryName(const char* name) {
-  return vorlix::platform().ioRegistry->bsdNameFor(textOf(name));
-}
-
-char lower(char letter) {
-  return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
-}
-
-bool equalIgnoringCase(const std::string& one, const std::string& other) {
-  return std::equal(one.begin(), one.end(), other.begin(), other.end(),
-                    [](char a, char b) { return lower(a) == lower(b); });
+  return vorlix::platform().ioRegistry->bsdNameFor(orEmpty(name));
 }
 
 // If the registry cannot be reached, only a message is logged; the lookups that follow find nothing.
@@ -109,7 +98,7 @@ int32_t partitionNumber(const vorlix::Dictionary& properties) {
   if (number && *number >= std::numeric_limits<int16_t>::min() && *number <= std::numeric_limits<int16_t>::max()) {
     result = static_cast<int16_t>(*number);
   } else {
-    logMessage("Could not get number from CFNumber %i", kPlaceNoPartitionNumber);
+    logMessage("Could not get number from CFNumber %i", vorlix::kPlaceNoPartitionNumber);
   }
   logMessage("Found partition number: %d", static_cast<int>(result));
   return result;
@@ -134,7 +123,7 @@ WholeDisk wholeDiskOf(const char* name, bool withFolder) {
     std::printf("session NULL");
     return {};
   }
-  const auto disk = session->diskFromBSDName(textOf(name));
+  const auto disk = session->diskFromBSDName(orEmpty(name));
   if (!disk) {
     std::printf("disk NULL");
     return {};
@@ -157,7 +146,7 @@ int32_t lookUpDiskGUID(RegistryEntry& partition, const char* name, std::string w
   }
   WholeDisk whole = wholeDiskOf(name, true);
   if (whole.result != 0) {
-    logMessage("error getting disk from slick %s\n", textOf(name));
+    logMessage("error getting disk from slick %s\n", orEmpty(name));
     return -1;
   }
   if (whole.name) working = *whole.name;
@@ -226,9 +215,10 @@ int32_t partitionForDeviceIdentifierOnGivenPlane(const char* name, const char* p
   vorlix::IORegistry& registry = *vorlix::platform().ioRegistry;
   vorlix::MasterPort port = 0;
   if (registry.masterPort(port) != kKernSuccess) logMessage("IOMasterPort() failed with error %s", kNoConversion);
-  const std::string wanted = registryName(name);  // before the iterator, which includes only image files named so far
+  // Before the iterator, which includes only image files named so far.
+  const std::string wanted = vorlix::lowerCase(registryName(name));
   std::shared_ptr<RegistryIterator> iterator;
-  if (registry.createIterator(port, textOf(plane), iterator) != kKernSuccess) {
+  if (registry.createIterator(port, orEmpty(plane), iterator) != kKernSuccess) {
     logMessage("IORegistryCreateIterator() failed with error %s", kNoConversion);
   }
   while (const std::shared_ptr<RegistryEntry> entry = nextEntry(iterator)) {
@@ -238,7 +228,7 @@ int32_t partitionForDeviceIdentifierOnGivenPlane(const char* name, const char* p
       continue;
     }
     const std::optional<std::string> found = properties->text(kBSDName);
-    if (!found || !properties->contains("Partition ID") || !equalIgnoringCase(*found, wanted)) continue;
+    if (!found || !properties->contains("Partition ID") || vorlix::lowerCase(*found) != wanted) continue;
     return partitionNumber(*properties);
   }
   return 0;
@@ -315,15 +305,15 @@ int32_t disk_from_slice(char* disk, const char* name, int32_t dev_prefix) try {
 }
 
 int32_t disk_guid(const char* device, uint8_t* guid) try {
-  const char* const path = textOf(device);
+  const char* const path = orEmpty(device);
   const auto handle =
       vorlix::platform().deviceFile->open(path, vorlix::DeviceAccess::readOnly, vorlix::DeviceLock::none);
   if (!handle) logMessage("Error opening %s\n", path);
   const uint64_t blockSize = getblocksize(path);
   if (!handle) return -1;
-  std::array<uint8_t, kGPTSignatureText.size()> signature = {};
+  std::array<uint8_t, kGPTSignatureSize> signature = {};
   const ssize_t count = handle->readAt(signature.data(), signature.size(), blockSize);
-  if (guid != nullptr && count == static_cast<ssize_t>(signature.size()) && signature == kGPTSignatureText) {
+  if (guid != nullptr && count == static_cast<ssize_t>(signature.size()) && vorlix::hasGPTSignature(signature)) {
     std::array<uint8_t, kGUIDSize> bytes = {};
     if (handle->readAt(bytes.data(), bytes.size(), blockSize + kDiskGUIDOffset) == static_cast<ssize_t>(bytes.size())) {
       std::copy(bytes.begin(), bytes.end(), guid);

@@ -1,24 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "PartitionTable.h"
+#include "PartitionProbe.h"
 
-#include <blkid.h>
+#include <Vorlix/foundation/Utf8.h>
 
 #include <charconv>
-#include <memory>
-#include <type_traits>
 
+#include "BlkidProbe.h"
 #include "platform/posix/PartitionExtents.h"
 
 namespace vorlix {
 namespace {
 
-constexpr uint64_t kSector = 512;  // libblkid's unit on disks of any block size
 constexpr uint32_t kMostEntriesOfDamagedTable = 128;
-
-struct ProbeDeleter {
-  void operator()(blkid_probe probe) const { blkid_free_probe(probe); }
-};
-using Probe = std::unique_ptr<std::remove_pointer_t<blkid_probe>, ProbeDeleter>;
 
 std::optional<UUID> identifierOf(const char* text) {
   return text == nullptr ? std::nullopt : UUID::fromText(text);
@@ -29,11 +22,11 @@ std::string mbrContent(unsigned type) {
   return {'0', 'x', kDigits[type >> 4 & 15], kDigits[type & 15]};
 }
 
-TableEntry entryOf(blkid_partition partition) {
-  TableEntry entry;
+ProbedEntry probedEntryOf(blkid_partition partition) {
+  ProbedEntry entry;
   entry.number = static_cast<uint32_t>(blkid_partition_get_partno(partition));
-  entry.extent = {static_cast<uint64_t>(blkid_partition_get_start(partition)) * kSector,
-                  static_cast<uint64_t>(blkid_partition_get_size(partition)) * kSector};
+  entry.extent = {static_cast<uint64_t>(blkid_partition_get_start(partition)) * kBlkidSector,
+                  static_cast<uint64_t>(blkid_partition_get_size(partition)) * kBlkidSector};
   entry.uuid = identifierOf(blkid_partition_get_uuid(partition));
   const char* const type = blkid_partition_get_type_string(partition);
   entry.content =
@@ -41,9 +34,9 @@ TableEntry entryOf(blkid_partition partition) {
   return entry;
 }
 
-// Entry by entry, for a GPT that libblkid refuses.
-PartitionTable readDamagedGPT(int descriptor, uint64_t diskSize, uint32_t blockSize) {
-  PartitionTable table;
+// Reads the entries one by one, for a GPT that libblkid refuses.
+ProbedTable readDamagedGPT(int descriptor, uint64_t diskSize, uint32_t blockSize) {
+  ProbedTable table;
   table.scheme = "gpt";
   for (uint32_t number = 1; number <= kMostEntriesOfDamagedTable; ++number) {
     const auto extent = partitionExtent(descriptor, diskSize, blockSize, number);
@@ -52,8 +45,8 @@ PartitionTable readDamagedGPT(int descriptor, uint64_t diskSize, uint32_t blockS
   return table;
 }
 
-PartitionTable tableOf(blkid_probe probe) {
-  PartitionTable table;
+ProbedTable tableOf(blkid_probe probe) {
+  ProbedTable table;
   const blkid_partlist list = blkid_probe_get_partitions(probe);
   const blkid_parttable root = list == nullptr ? nullptr : blkid_partlist_get_table(list);
   if (root == nullptr) return table;
@@ -61,20 +54,19 @@ PartitionTable tableOf(blkid_probe probe) {
   if (table.scheme == "gpt") table.uuid = identifierOf(blkid_parttable_get_id(root));
   for (int i = 0; i < blkid_partlist_numof_partitions(list); ++i) {
     const blkid_partition partition = blkid_partlist_get_partition(list, i);
-    // Tables inside a partition number their entries on their own.
+    // Entries of tables inside a partition have their own numbers.
     if (partition == nullptr || blkid_partition_get_table(partition) != root) continue;
-    table.entries.push_back(entryOf(partition));
+    table.entries.push_back(probedEntryOf(partition));
   }
   return table;
 }
 
 }  // namespace
 
-PartitionTable readPartitionTable(int descriptor, uint64_t diskSize, uint32_t blockSize) {
-  const Probe probe(blkid_new_probe());
-  if (!probe || blkid_probe_set_device(probe.get(), descriptor, 0, 0) != 0) return {};
+ProbedTable probePartitionTable(int descriptor, uint64_t diskSize, uint32_t blockSize) {
+  const BlkidProbe probe = blkidProbeOf(descriptor, {});
+  if (!probe) return {};
   blkid_probe_set_sectorsize(probe.get(), blockSize);
-  blkid_probe_enable_superblocks(probe.get(), 0);
   blkid_probe_enable_partitions(probe.get(), 1);
   if (!gptHeaderLBA(descriptor, diskSize, blockSize)) return tableOf(probe.get());
 
@@ -82,8 +74,19 @@ PartitionTable readPartitionTable(int descriptor, uint64_t diskSize, uint32_t bl
   char* onlyGPT[] = {gpt, nullptr};
   blkid_probe_set_partitions_flags(probe.get(), BLKID_PARTS_FORCE_GPT);
   blkid_probe_filter_partitions_type(probe.get(), BLKID_FLTR_ONLYIN, onlyGPT);
-  PartitionTable table = tableOf(probe.get());
+  ProbedTable table = tableOf(probe.get());
   return table.scheme.empty() ? readDamagedGPT(descriptor, diskSize, blockSize) : table;
+}
+
+std::optional<std::string> probePartitionName(int descriptor, uint32_t blockSize, uint32_t number) {
+  const BlkidProbe probe = blkidProbeOf(descriptor, {});
+  if (!probe || blkid_probe_set_sectorsize(probe.get(), blockSize) != 0) return std::nullopt;
+  const blkid_partlist list = blkid_probe_get_partitions(probe.get());
+  if (list == nullptr) return std::nullopt;
+  const blkid_partition partition = blkid_partlist_get_partition_by_partno(list, static_cast<int>(number));
+  const char* const name = partition == nullptr ? nullptr : blkid_partition_get_name(partition);
+  if (name == nullptr || *name == '\0') return std::nullopt;
+  return repairedUtf8(name);
 }
 
 std::string tableContent(const std::string& type) {

@@ -12,29 +12,29 @@
 
 namespace vorlix {
 
-/// Closes a stream at the end of its owner's life.
+/// Closes a stream when its owner is destroyed.
 struct StreamCloser {
   void operator()(FILE* stream) const { std::fclose(stream); }
 };
 using Stream = std::unique_ptr<FILE, StreamCloser>;
 
-/// Opens a device (or a file) for reading through the platform in force. Null with `errno` set on failure.
+/// Opens a device or a file for reading with the ports in use. Null with `errno` set on failure.
 Stream openDeviceForReading(const char* path);
 
-/// Reads or writes exactly `count` bytes. False with `errno` set, also where the device only ends too soon: EIO for a
-/// read, ENOSPC for a write.
+/// Read or write exactly `count` bytes. @return false with `errno` set on failure; if the device only ends too early,
+/// `errno` is EIO for a read and ENOSPC for a write.
 bool readWhole(DeviceHandle& device, void* buffer, size_t count, uint64_t offset);
 bool writeWhole(DeviceHandle& device, const void* bytes, size_t count, uint64_t offset);
 
-/// Where hosts rely on a stream or a device staying open after a call, it is given to keepOpen(): it then lives until
-/// the process ends, reachable and counted. Null is ignored.
+/// Keep a stream or device open until the process ends, reachable and counted, because hosts rely on that after some
+/// calls. Null is ignored.
 void keepOpen(Stream stream);
 void keepOpen(std::unique_ptr<DeviceHandle> device);
 
-/// How many streams and devices have been given to keepOpen().
+/// Returns how many streams and devices are kept open.
 size_t keptOpenCount();
 
-/// Closes what was kept open, for tests that run many cases in one process.
+/// Closes all that are kept open, for tests with many cases in one process.
 void closeKeptOpen();
 
 }  // namespace vorlix

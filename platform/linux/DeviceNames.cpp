@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 
 #include <sys/stat.h>
 
@@ -29,7 +29,7 @@ std::optional<std::string> kernelSlice(dev_t whole, uint32_t number) {
   std::error_code error;
   for (const fs::directory_entry& entry : fs::directory_iterator(*folder, error)) {
     const std::string name = entry.path().filename();
-    // A slice's name is its disk's with a number.
+    // The name of a slice is that of its disk with a number.
     if (name.starts_with(disk) && readWholeNumber(entry.path() / "partition") == number) return nodeOf(name);
   }
   return std::nullopt;
@@ -42,8 +42,8 @@ DeviceLocation locateBlockDevice(const std::string& path, dev_t device) {
   return {nodeOf(folder->parent_path().filename()), path, static_cast<uint32_t>(*slice), false};
 }
 
-// An image is known by its absolute path from now on. Where that cannot be followed, as below a folder that this user
-// may be in but not pass through, nothing that comes later would find it.
+// Afterwards an image is known by its absolute path. If this user cannot follow that path, for example because a folder
+// above the working folder cannot be entered, nothing would find the image later.
 bool isReachedByAbsolutePath(const std::string& path, const struct stat& image) {
   struct stat status = {};
   if (path.starts_with('/')) return true;
@@ -82,13 +82,6 @@ std::optional<DeviceLocation> locateDevice(const std::string& name) {
   std::optional<DeviceLocation> found = locateName(name, locateExisting, sliceOf);
   if (found && found->isImage) noteImageFile(found->whole);
   return found;
-}
-
-std::optional<uint32_t> kernelBlockSize(dev_t device) {
-  const std::optional<fs::path> folder = sysfsFolderOfDisk(device);
-  const auto size = folder ? readWholeNumber(*folder / "queue" / "logical_block_size") : std::nullopt;
-  if (!size || *size > std::numeric_limits<uint32_t>::max()) return std::nullopt;
-  return static_cast<uint32_t>(*size);
 }
 
 }  // namespace vorlix
