@@ -82,7 +82,7 @@ TEST_P(RunLoopContract, UnschedulingASessionThatIsNotScheduledDoesNothing) {
   EXPECT_EQ(loop_->run(kDefaultRunLoopMode, milliseconds(0)), RunLoopResult::timedOut);
 }
 
-TEST_P(RunLoopContract, AnEndedSessionIsNoSource) {
+TEST_P(RunLoopContract, AnEndedSessionIsNotASource) {
   session_->schedule(*loop_, kDefaultRunLoopMode);
   disk_.reset();
   session_.reset();

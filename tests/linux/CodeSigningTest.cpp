@@ -274,7 +274,7 @@ TEST_F(CodeSigningTest, ASignatureWithoutItsCertificateIsInvalid) {
   EXPECT_EQ(verdictAfterSigningBy("team", "-nocerts -outform DER"), CodeCheck::invalid);
 }
 
-TEST_F(CodeSigningTest, DataThatIsNoSignatureIsInvalid) {
+TEST_F(CodeSigningTest, DataThatIsNotASignatureIsInvalid) {
   const Running running(client());
   const auto verdictOn = [&](const std::string& bytes) {
     std::ofstream(signature(), std::ios::binary | std::ios::trunc) << bytes;

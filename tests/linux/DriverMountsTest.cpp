@@ -270,7 +270,7 @@ TEST_F(DriverMounts, ANameThatAnotherUserInventedIsIgnored) {
   });
 }
 
-TEST_F(DriverMounts, FoldersAndOtherDevicesAreNoVolumes) {
+TEST_F(DriverMounts, FoldersAndOtherDevicesAreNotVolumes) {
   inOwnNamespace([&] {
     const FuseDriver onFolder(makeFolder("source"), makeFolder("one"), FuseDriver::Sizes{1000, 200, 1024});
     const FuseDriver onDevice("/dev/null", makeFolder("two"), FuseDriver::Sizes{1000, 200, 1024});

@@ -46,7 +46,7 @@ TEST_F(LinuxHostBundleTest, TheFirstFolderTakesPrecedence) {
   EXPECT_EQ(bundle.pathForResource("unzip", "", ""), earlier);
 }
 
-TEST_F(LinuxHostBundleTest, AFolderIsNoResource) {
+TEST_F(LinuxHostBundleTest, AFolderIsNotAResource) {
   fs::create_directories(first / "unzip");
   EXPECT_FALSE(bundle.pathForResource("unzip", "", ""));
 }

@@ -145,7 +145,7 @@ TEST_F(ImageRegistryTest, AFileWithoutATableIsADiskWithoutSlices) {
   EXPECT_TRUE(named(registry_, image_ + "s1").empty());
 }
 
-TEST_F(ImageRegistryTest, AVolumesBootSectorIsNoTable) {
+TEST_F(ImageRegistryTest, AVolumesBootSectorIsNotATable) {
   run("truncate -s 8M '" + image_ + "'");
   run("mformat -i '" + image_ + "' -v TEST ::");
   EXPECT_TRUE(named(registry_, image_ + "s1").empty());

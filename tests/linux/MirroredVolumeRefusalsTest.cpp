@@ -213,7 +213,7 @@ TEST_F(MirroredVolume, AMirrorThatLostAllItsFilesIsNotWrittenBack) {
   checkFAT(image_, folder_);
 }
 
-TEST_F(MirroredVolume, AMirrorThatAnUnmountHasRenamedIsNoMountPoint) {
+TEST_F(MirroredVolume, AMirrorThatAnUnmountHasRenamedIsNotAMountPoint) {
   asUser([&] {
     const std::string path = mountIt();
     const std::string place = shell("echo '" + mirrors() + "'/.mirrors/*");

@@ -144,7 +144,7 @@ TEST_F(DeviceFilePathTest, NameOutsideASCIIIsRefused) {
   EXPECT_EQ(MyGetDeviceFilePath(entryNamed("disk\xC3\xBC"), path, sizeof path), 5);
 }
 
-TEST_F(DeviceFilePathTest, NameThatIsNoStringIsRefused) {
+TEST_F(DeviceFilePathTest, NameThatIsNotAStringIsRefused) {
   char path[64] = "untouched";
   const auto entry = std::make_shared<FakeEntry>(dictionaryOf({{"BSD Name", Value(int64_t{3})}}));
   EXPECT_EQ(MyGetDeviceFilePath(entry, path, sizeof path), 5);
@@ -254,7 +254,7 @@ TEST_F(PartitionNumberTest, NumberThatDoesNotFitIsLoggedWithAFixedNumber) {
                        "Found partition number: " + std::to_string(result));
 }
 
-TEST_F(PartitionNumberTest, PartitionNumberThatIsNoNumberReturnsZero) {
+TEST_F(PartitionNumberTest, PartitionNumberStoredAsTextReturnsZero) {
   addService("text", dictionaryOf({{"BSD Name", textValue("disk0s3")}, {"Partition ID", textValue("3")}}));
   EXPECT_EQ(partitionForDeviceIdentifierOnGivenPlane("disk0s3", kServicePlane), 0);
   EXPECT_EQ(log(), std::string(kGetting) + "Could not get number from CFNumber 170Found partition number: 0");

@@ -46,7 +46,7 @@ TEST_P(DeviceManagerEFIBootListTest, CaseMatters) {
   EXPECT_TRUE(manager->isEFIWindowsBootable());
 }
 
-TEST_P(DeviceManagerEFIBootListTest, APartOfANameIsNoMatch) {
+TEST_P(DeviceManagerEFIBootListTest, APartOfANameDoesNotMatch) {
   shipSample(GetParam());
   setModel("MacBookPro5");
   EXPECT_TRUE(manager->isEFIWindowsBootable());

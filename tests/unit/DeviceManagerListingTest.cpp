@@ -220,7 +220,7 @@ TEST_F(DeviceManagerListingTest, IdentifiersComeFromTheDescription) {
   EXPECT_EQ(one()->volumeUUID(), own);
 }
 
-TEST_F(DeviceManagerListingTest, ContentThatIsNoIdentifierIsAbsent) {
+TEST_F(DeviceManagerListingTest, ContentThatIsNotAnIdentifierIsAbsent) {
   mountVolume("disk2s1", "Data", "ntfs");
   for (const char* content : {"Windows_NTFS", "", "C12A7328-F81F-11D2-BA4B-00A0C93EC93", "0x07"}) {
     machine.setDescription("disk2s1", "DAMediaContent", textValue(content));

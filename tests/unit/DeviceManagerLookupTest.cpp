@@ -109,7 +109,7 @@ TEST_F(DeviceManagerLookupTest, AVolumeIsDescribedByItsMountPath) {
                                              "describe disk2s1", "session close"));
 }
 
-TEST_F(DeviceManagerLookupTest, ADeviceIsNoMountPathAndAMountPathIsNoDevice) {
+TEST_F(DeviceManagerLookupTest, ADeviceIsNotAMountPathAndAMountPathIsNotADevice) {
   EXPECT_FALSE(manager->diskInfo(path));
   EXPECT_FALSE(manager->diskInfoFromMountedPath("/dev/disk2s1"));
 }

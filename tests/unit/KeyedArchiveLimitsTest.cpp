@@ -14,7 +14,7 @@ using namespace archive_test;
 using vorlix::AttributedString;
 using vorlix::UUID;
 
-TEST(KeyedArchiveLimitsTest, DataThatIsNoArchiveIsRefused) {
+TEST(KeyedArchiveLimitsTest, DataThatIsNotAnArchiveIsRefused) {
   EXPECT_FALSE(readBack({}, nullptr));
   EXPECT_FALSE(readBack(Data(4096, 0), nullptr));
   const std::string text = "<plist><dict></dict></plist>";

@@ -75,7 +75,7 @@ TEST(KeyedUnarchiverTest, APlainBooleanIsANumberWhenRequestedAsAnObject) {
   EXPECT_TRUE(decoded(archive, &KeyedUnarchiver::decodeBool));
 }
 
-TEST(KeyedUnarchiverTest, ANumberObjectIsNoPlainBoolean) {
+TEST(KeyedUnarchiverTest, ANumberObjectIsNotAPlainBoolean) {
   const Data archive = written([](KeyedArchiver& coder) { coder.encodeNumber(Number::numberWithBool(true), "key"); });
   EXPECT_FALSE(decoded(archive, &KeyedUnarchiver::decodeBool));
 }

@@ -318,7 +318,7 @@ constexpr const char* kReadingGuard =
     "Setting signature to aa55"
     "Changing to standard guard MBR line:419";
 
-TEST_F(ReadGPT, GuardCoversTheDiskWithSlotOneAlone) {
+TEST_F(ReadGPT, GuardUsesOnlySlotOneAndCoversTheDisk) {
   const Result result = read(fourEntries(), 4, 3, 1);
   EXPECT_THAT(fields(result.table.parts[0]),
               ElementsAre(0x00, 254, 63, 1023, 0xEE, 254, 63, 1023, 1, 2097151));  // 2097118 + 33
