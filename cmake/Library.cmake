@@ -127,9 +127,9 @@ endif()
 # Signatures. The folder of the trusted certificates for callers' signatures is fixed in the build, so that nobody can
 # make a privileged host use another one.
 #
-# On Linux they are checked with OpenSSL. Loading it costs more than the rest of a command, so the code that needs it is a
-# module in the library's own folder. The shared library and the program load it at the first check. The static library
-# contains it, because a host that links statically wants no further files.
+# On Linux, OpenSSL checks the signatures. Loading OpenSSL takes longer than the rest of a command, so the code that
+# needs it is a module in the library's own folder. The shared library and the program load it at the first check. The
+# static library contains it, because a host that links statically wants no further files.
 if(APPLE)
   foreach(kind objects shared static)
     target_link_libraries(vorlix_${kind} PRIVATE "-framework Security")
@@ -151,7 +151,7 @@ else()
   target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_signing_objects>)
   target_link_libraries(vorlix_static PRIVATE PkgConfig::CRYPTO)
 
-  # The version in the folder's name lets the modules of two libraries stand side by side.
+  # The folder's name contains the version, so the modules of two library versions can coexist.
   set(VORLIX_MODULE_FOLDER vorlix-${PROJECT_VERSION_MAJOR})
   add_library(vorlix_signing MODULE ${signing_module} $<TARGET_OBJECTS:vorlix_signing_objects>)
   target_link_libraries(vorlix_signing PRIVATE vorlix_headers PkgConfig::CRYPTO)

@@ -2,6 +2,7 @@
 #include "BackupFiles.h"
 
 #include <Vorlix/platform/Files.h>
+#include <Vorlix/platform/SystemError.h>
 #include <Vorlix/platform/FilesInPlace.h>
 #include <Vorlix/platform/Platform.h>
 #include <fcntl.h>
@@ -56,7 +57,7 @@ bool isLocked(const std::string& path) {
 }  // namespace
 
 BackupError BackupError::ofErrno(std::string subject, int error) {
-  return {std::move(subject), std::strerror(error)};
+  return {std::move(subject), SystemError{error}.reason()};
 }
 
 std::unique_ptr<BlockHash> newBackupHash() {

@@ -5,6 +5,7 @@
 
 #include <Vorlix/foundation/URL.h>
 #include <Vorlix/platform/DiskArbitration.h>
+#include <Vorlix/platform/SystemError.h>
 #include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/VolumeMirrors.h>
@@ -30,7 +31,7 @@ void readRun(DeviceHandle& disk, uint64_t offset, uint64_t size, BackupPart& par
     part.diskOffset = offset;
     return;
   }
-  part.missing = got < 0 ? std::strerror(errno) : "the disk ends before";
+  part.missing = got < 0 ? SystemError{errno}.reason() : "the disk ends before";
   part.bytes.clear();
 }
 
@@ -143,7 +144,7 @@ VolumesDisk lookAtDisk(const std::string& name) {
   facts.name = name;
   facts.handle = platform().deviceFile->open(name, DeviceAccess::readOnly, DeviceLock::none);
   if (!facts.handle) {
-    facts.reason = std::strerror(errno);
+    facts.reason = SystemError{errno}.reason();
     return facts;
   }
   facts.size = facts.handle->size().value_or(0);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Parts.h"
 
+#include <Vorlix/platform/SystemError.h>
 #include <Vorlix/NSNumber+HumanReadable.h>
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/QDVolume.h>
@@ -29,7 +30,7 @@ void readVolumeRun(DeviceHandle& volume, uint64_t offset, uint64_t size, BackupP
     part.volumeOffset = offset;
     return;
   }
-  part.missing = got < 0 ? std::strerror(errno) : "the volume ends before";
+  part.missing = got < 0 ? SystemError{errno}.reason() : "the volume ends before";
   part.bytes.clear();
 }
 

@@ -2,6 +2,7 @@
 #include <Vorlix/Backup.h>
 #include <Vorlix/foundation/URL.h>
 #include <Vorlix/platform/DiskArbitration.h>
+#include <Vorlix/platform/SystemError.h>
 #include <Vorlix/platform/DiskChange.h>
 #include <Vorlix/platform/Platform.h>
 #include <unistd.h>
@@ -83,7 +84,7 @@ void lookAt(BackupPlan& plan) {
   const auto session = platform().diskArbitration->createSession();
   errno = 0;
   const auto disk = session ? session->diskFromBSDName(volume) : nullptr;
-  if (!disk) throw BackupError(volume, errno == EACCES ? std::strerror(errno) : "no such device or disk image");
+  if (!disk) throw BackupError(volume, errno == EACCES ? SystemError{errno}.reason() : "no such device or disk image");
   const Dictionary description = disk->copyDescription().value_or(Dictionary{});
   const auto whole = disk->wholeDisk();
   plan.name = disk->bsdName().value_or(volume);

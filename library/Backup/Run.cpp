@@ -2,6 +2,7 @@
 #include <Vorlix/Backup.h>
 #include <Vorlix/foundation/LittleEndian.h>
 
+#include <Vorlix/platform/SystemError.h>
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -72,7 +73,7 @@ class BlockSource {
   void readWhole(std::span<uint8_t> bytes, uint64_t offset) {
     const ssize_t got = plan_.volume->readAt(bytes.data(), bytes.size(), offset);
     if (got == static_cast<ssize_t>(bytes.size())) return;
-    const std::string reason = got < 0 ? std::strerror(errno) : "the volume ends too early";
+    const std::string reason = got < 0 ? SystemError{errno}.reason() : "the volume ends too early";
     throw BackupError(plan_.request.volume, "byte " + std::to_string(offset) + ": " + reason);
   }
 

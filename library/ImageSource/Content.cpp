@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Content.h"
 
+#include <Vorlix/platform/SystemError.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -27,7 +28,7 @@ bool Content::begin() {
 ssize_t Content::readNext(uint8_t* buffer, size_t count) {
   if (unpacked_ == nullptr) {
     const ssize_t done = file_->read(buffer, count);
-    if (done < 0) reason_ = std::strerror(errno);
+    if (done < 0) reason_ = SystemError{errno}.reason();
     return done;
   }
   if (position_ < start_.size()) {

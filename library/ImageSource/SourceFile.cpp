@@ -3,6 +3,7 @@
 
 #include <Vorlix/ImageSource.h>
 #include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/SystemError.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -35,7 +36,7 @@ std::shared_ptr<SourceFile> SourceFile::open(const std::string& path, std::strin
     file->handle_ = platform().deviceFile->open(path, DeviceAccess::readOnly, DeviceLock::none);
   }
   if ((file->handle_ == nullptr && file->pipe_ < 0) || !file->readStart()) {
-    reason = std::strerror(errno);
+    reason = SystemError{errno}.reason();
     return nullptr;
   }
   return file;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/Restore.h>
 
+#include <Vorlix/platform/SystemError.h>
 #include <Vorlix/foundation/Sha256.h>
 
 #include <algorithm>
@@ -69,7 +70,7 @@ class Run {
   }
 
   ChangeFailure errorAt(uint64_t offset, ssize_t done) const {
-    return failureAt(offset, done < 0 ? std::strerror(errno) : "the volume ends too early");
+    return failureAt(offset, done < 0 ? SystemError{errno}.reason() : "the volume ends too early");
   }
 
   bool mayGoOn(RestoreProgress::Phase phase, uint64_t done) {
@@ -268,7 +269,7 @@ std::optional<ChangeFailure> abandonRestore(std::unique_ptr<LongChange> journal,
       std::vector<uint8_t> now(run.before.size());
       const ssize_t got = device.handle->readAt(now.data(), now.size(), run.offset);
       if (got != static_cast<ssize_t>(now.size())) {
-        return ChangeFailure{device.device, got < 0 ? std::strerror(errno) : "the device ends too early",
+        return ChangeFailure{device.device, got < 0 ? SystemError{errno}.reason() : "the device ends too early",
                              kNothingWritten};
       }
       // The volume's places have whatever the restore had come to. Others have one of the two contents.

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/platform/LongChange.h>
+#include <Vorlix/platform/SystemError.h>
 
 #include <Vorlix/foundation/Sha256.h>
 #include <Vorlix/platform/FilesInPlace.h>
@@ -117,7 +118,7 @@ std::optional<ChangeFailure> beginLongChange(const DiskChange& structures, const
   if (auto failure = JournalWriter::begin(structures.title, backup, writer)) return failure;
   for (const DeviceChange& device : structures.devices) {
     const auto identity = device.handle->identity();
-    if (!identity) return ChangeFailure{device.device, std::strerror(errno), kNothingWritten};
+    if (!identity) return ChangeFailure{device.device, SystemError{errno}.reason(), kNothingWritten};
     const size_t index = writer->addDevice(device.device, *identity);
     for (const ByteChange& run : device.bytes) {
       if (auto failure = writer->add(index, run.offset, run.before, run.after, run.reason)) return failure;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What disk arbitration tells of image files, beside what general tools print of them, and the small rules behind it.
+// Descriptions of image files by disk arbitration, compared with the output of general tools, and the helpers behind
+// them.
 #include <Vorlix/foundation/Utf8.h>
 #include <Vorlix/platform/SystemError.h>
 #include "platform/linux/DeviceFacts.h"
@@ -20,7 +21,7 @@ class DescribedImage : public testing::Test {
     if (!missing.empty()) GTEST_SKIP() << missing;
   }
 
-  /// The identifier of slice 1 as sgdisk prints it.
+  /// Returns the identifier of slice 1 as printed by sgdisk.
   std::string identifierBySgdisk() const {
     return shell("sgdisk -i 1 '" + image_ + "' | sed -n 's/^Partition unique GUID: //p'");
   }
@@ -30,7 +31,7 @@ class DescribedImage : public testing::Test {
   const Platform ports_ = nativePlatform();
 };
 
-TEST_F(DescribedImage, ASliceOfAGPTIsDescribedAsTheToolsSeeIt) {
+TEST_F(DescribedImage, ASliceOfAGPTMatchesTheToolsOutput) {
   makeFATImage(image_, 16, 16);
   const auto slice = describe(ports_, image_ + "s1");
   ASSERT_TRUE(slice.has_value());
@@ -71,7 +72,7 @@ TEST_F(DescribedImage, AWholeDiskIsDescribed) {
   EXPECT_EQ(disk->text(kDescriptionDevicePath), slice->text(kDescriptionDevicePath));
 }
 
-TEST_F(DescribedImage, ASliceOfAnMBRHasItsTypeAndNoIdentifier) {
+TEST_F(DescribedImage, ASliceOfAnMBRHasATypeAndNoIdentifier) {
   writeImage(image_, {}, 32 << 20);
   shell("echo 'start=2048, size=16384, type=7' | sfdisk -q '" + image_ + "'");
   const auto slice = describe(ports_, image_ + "s1");
@@ -91,7 +92,7 @@ TEST_F(DescribedImage, AnNTFSVolumeHasASerialNumberAndNoUUID) {
   EXPECT_FALSE(disk->contains(kDescriptionVolumeUUID));
 }
 
-TEST_F(DescribedImage, AnExFATVolumeIsKnown) {
+TEST_F(DescribedImage, AnExFATVolumeIsRecognized) {
   const std::string missing = missingTool({"mkfs.exfat"});
   if (!missing.empty()) GTEST_SKIP() << missing;
   writeImage(image_, {}, 16 << 20);
@@ -116,7 +117,7 @@ TEST(KernelNames, HaveTheirUnits) {
   EXPECT_EQ(unitOfKernelName("sd" + std::string(1000, 'z')), std::nullopt);
 }
 
-TEST(VolumeKinds, AreThoseOfTheNativeSystem) {
+TEST(VolumeKinds, AreTheNativeNames) {
   EXPECT_EQ(volumeKindOf("vfat"), "msdos");
   EXPECT_EQ(volumeKindOf("ntfs"), "ntfs");
   EXPECT_EQ(volumeKindOf("ntfs3"), "ntfs");
@@ -128,7 +129,7 @@ TEST(VolumeKinds, AreThoseOfTheNativeSystem) {
   EXPECT_EQ(volumeKindOf("fuseblk"), std::nullopt);
 }
 
-TEST(UdevRecords, TellOfVolumesThatCannotBeRead) {
+TEST(UdevRecords, DescribeVolumesThatCannotBeRead) {
   const auto volume = volumeInUdevRecord({{"ID_FS_TYPE", "hfsplus"},
                                           {"ID_FS_USAGE", "filesystem"},
                                           {"ID_FS_LABEL_ENC", "Macintosh\\x20HD \\x5c \\xc3\\xa9"},
@@ -148,7 +149,7 @@ TEST(UdevRecords, TellOfVolumesThatCannotBeRead) {
   EXPECT_EQ(serial->label, "a\\x4");
 }
 
-TEST(Texts, ThatAreNotUTF8AreMadeSo) {
+TEST(Texts, ThatAreNotUTF8AreRepaired) {
   const std::string replacement = "\xEF\xBF\xBD";
   EXPECT_EQ(repairedUtf8("plain \xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80"),
             "plain \xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80");
@@ -168,7 +169,7 @@ TEST(FolderNames, AreSafe) {
   EXPECT_LE(safeFolderName(std::string(500, 'x')).size(), 128U);
   std::string accents;
   for (int i = 0; i < 100; ++i) accents += "\xC3\xA9";
-  EXPECT_EQ(safeFolderName("x" + accents).size(), 127U) << "no half of a character";
+  EXPECT_EQ(safeFolderName("x" + accents).size(), 127U) << "no character may be split";
 }
 
 TEST(ErrorNumbers, HaveTheirPublishedCodes) {

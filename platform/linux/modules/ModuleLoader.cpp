@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <Vorlix/platform/Descriptor.h>
+#include <Vorlix/platform/SystemError.h>
 #include "platform/linux/CodePlace.h"
 
 namespace vorlix {
@@ -54,7 +55,7 @@ LoadedEntry loadModule(const char* file, const char* entry) {
     const Descriptor opened(open(place.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     struct stat status = {};
     if (!opened || fstat(opened.get(), &status) != 0) {
-      if (errno != ENOENT && errno != ENOTDIR) loaded.reason = place.string() + ": " + std::strerror(errno);
+      if (errno != ENOENT && errno != ENOTDIR) loaded.reason = place.string() + ": " + SystemError{errno}.reason();
       continue;
     }
     if (!isTrusted(status, code)) {

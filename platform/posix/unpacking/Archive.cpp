@@ -2,6 +2,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 
+#include <Vorlix/platform/SystemError.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -41,7 +42,7 @@ class ArchiveUnpacker final : public Unpacker {
   // @param known  the size. A zip file's directory has told it, and that there is one file.
   bool open(std::optional<uint64_t> known) {
     archive_ = archive_read_new();
-    if (archive_ == nullptr) return fail(std::strerror(ENOMEM)) == 0;
+    if (archive_ == nullptr) return fail(SystemError{ENOMEM}.reason()) == 0;
     size_ = known;
     isOnlyFile_ = known.has_value();
     int result = ARCHIVE_OK;
@@ -84,7 +85,7 @@ class ArchiveUnpacker final : public Unpacker {
     auto& unpacker = *static_cast<ArchiveUnpacker*>(self);
     const ssize_t count = unpacker.file_.read(unpacker.input_.data(), unpacker.input_.size());
     if (count < 0) {
-      unpacker.inputReason_ = std::strerror(errno);
+      unpacker.inputReason_ = SystemError{errno}.reason();
       archive_set_error(opened, errno, "%s", unpacker.inputReason_.c_str());
       return ARCHIVE_FATAL;
     }

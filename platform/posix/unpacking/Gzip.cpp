@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <zlib.h>
 
+#include <Vorlix/platform/SystemError.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -45,7 +46,7 @@ class GzipUnpacker final : public Unpacker {
   bool fill() {
     if (stream_.avail_in > 0) return true;
     const ssize_t count = file_.read(input_.data(), input_.size());
-    if (count < 0) return fail(std::strerror(errno)) == 0;
+    if (count < 0) return fail(SystemError{errno}.reason()) == 0;
     stream_.next_in = input_.data();
     stream_.avail_in = static_cast<uInt>(count);
     return true;
@@ -61,7 +62,7 @@ class GzipUnpacker final : public Unpacker {
       return true;
     }
     if (result == Z_OK || result == Z_BUF_ERROR) return true;
-    if (result == Z_MEM_ERROR) return fail(std::strerror(ENOMEM)) == 0;
+    if (result == Z_MEM_ERROR) return fail(SystemError{ENOMEM}.reason()) == 0;
     return fail(std::string("damaged gzip input: ") + (stream_.msg == nullptr ? "no such data" : stream_.msg)) == 0;
   }
 
@@ -97,7 +98,7 @@ class GzipUnpacker final : public Unpacker {
 std::unique_ptr<Unpacker> openGzip(const PackedFile& file, std::string& reason) {
   auto unpacker = std::make_unique<GzipUnpacker>(file);
   if (unpacker->open()) return unpacker;
-  reason = std::strerror(ENOMEM);
+  reason = SystemError{ENOMEM}.reason();
   return nullptr;
 }
 
