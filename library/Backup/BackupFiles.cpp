@@ -2,9 +2,9 @@
 #include "BackupFiles.h"
 
 #include <Vorlix/platform/Files.h>
-#include <Vorlix/platform/SystemError.h>
 #include <Vorlix/platform/FilesInPlace.h>
 #include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/SystemError.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>

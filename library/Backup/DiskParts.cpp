@@ -5,9 +5,9 @@
 
 #include <Vorlix/foundation/URL.h>
 #include <Vorlix/platform/DiskArbitration.h>
-#include <Vorlix/platform/SystemError.h>
 #include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/SystemError.h>
 #include <Vorlix/platform/VolumeMirrors.h>
 #include <Vorlix/platform/VolumeNames.h>
 

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Parts.h"
 
-#include <Vorlix/platform/SystemError.h>
 #include <Vorlix/NSNumber+HumanReadable.h>
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/foundation/KeyedArchive.h>
 #include <Vorlix/foundation/LittleEndian.h>
+#include <Vorlix/platform/SystemError.h>
 
 #include <algorithm>
 #include <array>

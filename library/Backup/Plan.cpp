@@ -2,9 +2,9 @@
 #include <Vorlix/Backup.h>
 #include <Vorlix/foundation/URL.h>
 #include <Vorlix/platform/DiskArbitration.h>
-#include <Vorlix/platform/SystemError.h>
 #include <Vorlix/platform/DiskChange.h>
 #include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/SystemError.h>
 #include <unistd.h>
 
 #include <algorithm>

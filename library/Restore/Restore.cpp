@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/Restore.h>
 
-#include <Vorlix/platform/SystemError.h>
 #include <Vorlix/foundation/Sha256.h>
+#include <Vorlix/platform/SystemError.h>
 
 #include <algorithm>
 #include <cerrno>

@@ -105,7 +105,7 @@ void describeVolume(const DeviceLocation& location, const std::optional<OpenedDe
                     Dictionary& description) {
   const std::optional<VolumePlace> place = volumePlaceOf(location, device);
   if (place) description.set(kDescriptionVolumePath, folderURL(*place));
-  const std::optional<VolumeFacts> facts = volumeFactsOf(location, device);
+  const std::optional<ProbedVolume> facts = volumeFactsOf(location, device);
   std::optional<std::string> kind;
   if (facts) {
     kind = facts->kind;
@@ -121,7 +121,7 @@ void describeVolume(const DeviceLocation& location, const std::optional<OpenedDe
 
 }  // namespace
 
-std::optional<VolumeFacts> volumeFactsOf(const DeviceLocation& location, const std::optional<OpenedDevice>& device) {
+std::optional<ProbedVolume> volumeFactsOf(const DeviceLocation& location, const std::optional<OpenedDevice>& device) {
   if (device) return probeVolume(device->descriptor.get(), device->window);
   struct stat status = {};
   if (location.isImage || stat(location.node.c_str(), &status) != 0) return std::nullopt;
@@ -130,13 +130,13 @@ std::optional<VolumeFacts> volumeFactsOf(const DeviceLocation& location, const s
 
 std::optional<std::string> volumeTypeOf(const DeviceLocation& location) {
   const std::optional<OpenedDevice> device = openLocation(location, O_RDONLY);
-  if (const std::optional<VolumeFacts> facts = volumeFactsOf(location, device)) return facts->kind;
+  if (const std::optional<ProbedVolume> facts = volumeFactsOf(location, device)) return facts->kind;
   const std::optional<VolumePlace> place = volumePlaceOf(location, device);
   return place ? volumeKindOf(place->fileSystem) : std::nullopt;
 }
 
 std::optional<UUID> volumeUUIDOf(const DeviceLocation& location) {
-  const std::optional<VolumeFacts> facts = volumeFactsOf(location, openLocation(location, O_RDONLY));
+  const std::optional<ProbedVolume> facts = volumeFactsOf(location, openLocation(location, O_RDONLY));
   return facts ? facts->uuid : std::nullopt;
 }
 

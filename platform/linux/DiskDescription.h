@@ -23,6 +23,6 @@ std::optional<URL> volumePathOf(const DeviceLocation& location);
 
 /// Returns what is known about the file system on a device: from libblkid, or from udev's record if the device could
 /// not be opened.
-std::optional<VolumeFacts> volumeFactsOf(const DeviceLocation& location, const std::optional<OpenedDevice>& device);
+std::optional<ProbedVolume> volumeFactsOf(const DeviceLocation& location, const std::optional<OpenedDevice>& device);
 
 }  // namespace vorlix

@@ -118,7 +118,7 @@ std::string identityTextOf(const std::string& device) {
 std::optional<std::string> labelOf(const std::string& device) {
   const std::optional<DeviceLocation> location = locateDevice(device);
   if (!location) return std::nullopt;
-  const std::optional<VolumeFacts> facts = volumeFactsOf(*location, openLocation(*location, O_RDONLY));
+  const std::optional<ProbedVolume> facts = volumeFactsOf(*location, openLocation(*location, O_RDONLY));
   return facts ? facts->label : std::nullopt;
 }
 
@@ -137,7 +137,7 @@ std::optional<MountedVolume> mirroredVolume(const KnownMirror& mirror) {
   const std::optional<OpenedDevice> opened = openLocation(*location, O_RDONLY);
   if (!opened && errno != EACCES && errno != EPERM) return std::nullopt;
   if (opened && mirrorKey(*location, opened->window) != mirror.key) return std::nullopt;
-  const std::optional<VolumeFacts> facts = volumeFactsOf(*location, opened);
+  const std::optional<ProbedVolume> facts = volumeFactsOf(*location, opened);
   volume.name = facts && facts->label ? *facts->label : nameFor(volume);
   FatSpace space;
   if (opened && !readFatSpace(opened->descriptor.get(), opened->window, space)) {

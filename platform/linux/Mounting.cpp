@@ -39,7 +39,7 @@ Refusal parseArguments(const std::vector<std::string>& arguments, MountOptions& 
   return std::nullopt;
 }
 
-std::string folderNameFor(const DeviceLocation& location, const VolumeFacts& facts) {
+std::string folderNameFor(const DeviceLocation& location, const ProbedVolume& facts) {
   std::string name = safeFolderName(facts.label.value_or(""));
   if (name.empty()) {
     const std::string device = bsdNameOf(location).value_or("volume");
@@ -48,7 +48,7 @@ std::string folderNameFor(const DeviceLocation& location, const VolumeFacts& fac
   return name;
 }
 
-Refusal mountWithKernel(const DeviceLocation& location, const OpenedDevice& device, const VolumeFacts& facts,
+Refusal mountWithKernel(const DeviceLocation& location, const OpenedDevice& device, const ProbedVolume& facts,
                         const MountOptions& options) {
   KernelMountRequest request;
   request.source = location.node;
@@ -66,7 +66,7 @@ Refusal mountWithKernel(const DeviceLocation& location, const OpenedDevice& devi
 Refusal mountUnmounted(const DeviceLocation& location, const OpenedDevice& device, const MountOptions& options) {
   // An interrupted change must be finished before the volume is examined.
   if (Refusal refusal = settleVolume(location)) return refusal;
-  const std::optional<VolumeFacts> facts = probeVolume(device.descriptor.get(), device.window);
+  const std::optional<ProbedVolume> facts = probeVolume(device.descriptor.get(), device.window);
   if (!facts) return Dissenter{kDissentUnsupported, "the volume has no known file system"};
   if (options.readWrite && isReadOnlyMedium(location)) return dissenterFor(EROFS, location.whole);
   const bool isFAT = facts->kind == "msdos";

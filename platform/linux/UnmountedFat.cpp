@@ -190,7 +190,7 @@ std::unique_ptr<UnmountedVolume> openUnmountedFat(const DeviceLocation& location
   {
     const std::optional<OpenedDevice> opened = openLocation(location, O_RDONLY);
     if (!opened || volumePlaceOf(location, opened)) return nullptr;
-    const std::optional<VolumeFacts> facts = probeVolume(opened->descriptor.get(), opened->window);
+    const std::optional<ProbedVolume> facts = probeVolume(opened->descriptor.get(), opened->window);
     const auto found = readFatIdentity(FatSource(opened->descriptor.get(), opened->window));
     const auto place = mirrorKey(location, opened->window);
     if (!facts || facts->kind != "msdos" || !found || !place) return nullptr;
@@ -214,7 +214,7 @@ std::unique_ptr<UnmountedVolume> openFatToRead(const DeviceLocation& location, R
     return nullptr;
   }
   if (volumePlaceOf(location, opened)) return nullptr;
-  const std::optional<VolumeFacts> facts = probeVolume(opened->descriptor.get(), opened->window);
+  const std::optional<ProbedVolume> facts = probeVolume(opened->descriptor.get(), opened->window);
   if (!facts || facts->kind != "msdos") {
     refusal = Dissenter{kDissentUnsupported, facts ? "it is not mounted, and it is " + facts->kind + ", not FAT"
                                                    : "it is not mounted, and no file system is recognised on it"};

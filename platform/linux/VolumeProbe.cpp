@@ -37,8 +37,9 @@ std::string unescaped(const std::string& text) {
   return bytes;
 }
 
-VolumeFacts factsOf(const std::string& type, std::optional<std::string> label, const std::optional<std::string>& uuid) {
-  VolumeFacts facts;
+ProbedVolume factsOf(const std::string& type, std::optional<std::string> label,
+                     const std::optional<std::string>& uuid) {
+  ProbedVolume facts;
   facts.kind = volumeKindOf(type).value_or(type);
   facts.label = std::move(label);
   if (uuid) facts.uuid = UUID::fromText(*uuid);
@@ -47,7 +48,7 @@ VolumeFacts factsOf(const std::string& type, std::optional<std::string> label, c
 
 }  // namespace
 
-std::optional<VolumeFacts> probeVolume(int descriptor, Extent window) {
+std::optional<ProbedVolume> probeVolume(int descriptor, Extent window) {
   const BlkidProbe probe = window.size == 0 ? nullptr : blkidProbeOf(descriptor, window);
   if (!probe) return std::nullopt;
   blkid_probe_set_superblocks_flags(probe.get(),
@@ -59,7 +60,7 @@ std::optional<VolumeFacts> probeVolume(int descriptor, Extent window) {
   return factsOf(*type, valueOf(probe, "LABEL"), valueOf(probe, "UUID"));
 }
 
-std::optional<VolumeFacts> volumeInUdevRecord(const std::map<std::string, std::string>& record) {
+std::optional<ProbedVolume> volumeInUdevRecord(const std::map<std::string, std::string>& record) {
   const auto field = [&](const char* key) {
     const auto found = record.find(key);
     return found == record.end() ? std::nullopt : shownText(unescaped(found->second).c_str());

@@ -14,17 +14,17 @@
 namespace vorlix {
 
 /// A recognised file system.
-struct VolumeFacts {
+struct ProbedVolume {
   std::string kind;                  ///< "msdos", "ntfs", "exfat", "hfs", "apfs", else libblkid's name
   std::optional<std::string> label;  ///< UTF-8
   std::optional<UUID> uuid;          ///< absent if the file system only has a serial number
 };
 
 /// Returns the file system in a range of a device's bytes. Absent if none or more than one is recognised.
-std::optional<VolumeFacts> probeVolume(int descriptor, Extent window);
+std::optional<ProbedVolume> probeVolume(int descriptor, Extent window);
 
 /// Returns the same from a record of udev's database, for devices that the user cannot read.
-std::optional<VolumeFacts> volumeInUdevRecord(const std::map<std::string, std::string>& record);
+std::optional<ProbedVolume> volumeInUdevRecord(const std::map<std::string, std::string>& record);
 
 /// Returns the volume kind for a file system name of libblkid or of the kernel's mount table. Absent for "fuseblk",
 /// which does not say what is on the volume.
