@@ -11,7 +11,6 @@ namespace vorlix {
 namespace {
 
 // Numbers of records.
-constexpr uint64_t kMFTRecord = 0;
 constexpr uint64_t kLogFileRecord = 2;
 constexpr uint64_t kVolumeRecord = 3;
 constexpr uint64_t kRootRecord = 5;

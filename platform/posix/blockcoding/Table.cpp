@@ -9,7 +9,7 @@
 namespace vorlix {
 namespace {
 
-// A system's files become 3 % larger than with the tool's own level 3, in three quarters of the time.
+// A system's files become a few per cent larger than with the tool's own level 3, in about three quarters of the time.
 constexpr int kLevel = 2;
 
 struct Coder {
