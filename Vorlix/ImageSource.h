@@ -151,8 +151,9 @@ class VORLIX_EXPORT ImageSource {
   virtual ImagePiece next(std::span<uint8_t> buffer) = 0;
 
   /// Has the next piece begin at `offset`, which is not before the position reached so far; for going on with a
-  /// restore. Where the format cannot seek, what lies between is read, checked and dropped. Behind the end of the
-  /// volume, next() tells the end. @return why it cannot; next() then tells the same.
+  /// restore. Where the format cannot seek, what lies between is read, unpacked and dropped; ranges of a block map that
+  /// lie wholly before `offset` are not compared with their hashes. Behind the end of the volume, next() tells the end.
+  /// @return why it cannot; next() then tells the same.
   virtual std::optional<ImageFailure> moveTo(uint64_t offset) = 0;
 
   /// Bytes of the file that were read so far. Not above facts().fileSize, but where parts are read twice.
