@@ -50,7 +50,7 @@ class FatWalk {
       if (volume_.entries_[number].isFolder && !readFolder(number)) return failed();
     }
     if (volume_.totalSize_ > uint64_t{layout_.clusters} * layout_.clusterSize) {
-      damage("its files claim more than the volume can hold");
+      damage("its files claim more than it holds");
       return failed();
     }
     for (FatEntry& entry : volume_.entries_) {
