@@ -22,10 +22,6 @@ class IOObject {
   IOObject() = default;
   explicit IOObject(io_object_t object) : object_(object) {}
   IOObject(IOObject&& other) noexcept : object_(std::exchange(other.object_, IO_OBJECT_NULL)) {}
-  IOObject& operator=(IOObject&& other) noexcept {
-    std::swap(object_, other.object_);
-    return *this;
-  }
   ~IOObject() {
     if (object_ != IO_OBJECT_NULL) IOObjectRelease(object_);
   }

@@ -63,15 +63,16 @@ struct DiskState {
   static constexpr const char* kName = "DADisk";
   DASessionRef session = nullptr;
   std::string id;  // a path in the devices' folder
+  bool isDescribed = false;
   ~DiskState() { CFRelease(session); }
   std::string name() const { return id.substr(std::strlen("/dev/")); }
 };
 using DiskObject = RuntimeObject<DADiskRef, DiskState>;
 
 // A disk object is made of any name (DADisk.c); it holds its session.
-DADiskRef createDisk(DASessionRef session, std::string id) {
+DADiskRef createDisk(DASessionRef session, std::string id, bool isDescribed = false) {
   CFRetain(session);
-  return DiskObject::create(new DiskState{session, std::move(id)});
+  return DiskObject::create(new DiskState{session, std::move(id), isDescribed});
 }
 
 DADissenterRef createDissenter(const Dissenter& dissenter) {
@@ -210,9 +211,13 @@ const char* DADiskGetBSDName(DADiskRef disk) {
 }
 
 CFDictionaryRef DADiskCopyDescription(DADiskRef disk) {
-  const DiskState& state = DiskObject::of(disk);
-  const auto known = SessionObject::of(state.session).lookUps->diskFromBSDName(state.name());
+  DiskState& state = DiskObject::of(disk);
+  const SessionState& session = SessionObject::of(state.session);
+  const size_t noted = session.state->journal.size();
+  const auto known = session.lookUps->diskFromBSDName(state.name());
   const auto description = known ? known->copyDescription() : std::nullopt;
+  const bool isFirstLook = !std::exchange(state.isDescribed, true);
+  if (isFirstLook && system().isSimulation) session.state->journal.resize(noted);
   return description ? createDictionary(*description) : nullptr;
 }
 
@@ -220,7 +225,7 @@ DADiskRef DADiskCopyWholeDisk(DADiskRef disk) {
   const DiskState& state = DiskObject::of(disk);
   const auto known = SessionObject::of(state.session).lookUps->diskFromBSDName(state.name());
   const auto whole = known ? known->wholeDisk() : nullptr;
-  return whole ? createDisk(state.session, "/dev/" + *whole->bsdName()) : nullptr;
+  return whole ? createDisk(state.session, "/dev/" + *whole->bsdName(), true) : nullptr;
 }
 
 void DADiskMountWithArguments(DADiskRef disk, CFURLRef, DADiskMountOptions, DADiskMountCallback callback, void* context,

@@ -16,6 +16,7 @@
 #include <set>
 
 #include "System.h"
+#include "platform/simulated/SimulatedState.h"
 
 extern "C" {
 int __real_posix_spawnattr_setflags(posix_spawnattr_t* attributes, short flags);
@@ -103,6 +104,7 @@ int asl_log(asl_object_t, asl_object_t, int level, const char* format, ...) {
   vsnprintf(text.data(), text.size(), format, list);
   va_end(list);
   vorlix::standin::system().logged.push_back(std::to_string(level) + " " + text.data());
+  vorlix::standin::system().state->journal.push_back(std::string("system log ") + text.data());
   return 0;
 }
 

@@ -167,13 +167,19 @@ kern_return_t IORegistryCreateIterator(mach_port_t mainPort, const io_name_t pla
   return KERN_SUCCESS;
 }
 
-// Numbers of entries start behind 2^32 and stay with the entry.
+// Numbers of entries start behind 2^32 and stay with the entry. A simulated entry is known by its path and its name as
+// a device.
 kern_return_t IORegistryEntryGetRegistryEntryID(io_registry_entry_t entry, uint64_t* entryID) {
   RegistryEntry* const known = entryOf(entry);
   if (known == nullptr) return kBadArgument;
   static auto* const numbers = new std::map<std::string, uint64_t>;
   std::string path;
-  if (known->path(kServicePlane, path) != kKernSuccess) known->path(kDeviceTreePlane, path);
+  if (known->path(kServicePlane, path) != kKernSuccess && known->path(kDeviceTreePlane, path) != kKernSuccess) {
+    path = "unknown " + std::to_string(numbers->size());
+  }
+  const std::optional<Value> device = known->property(kIOBSDNameKey);
+  const auto* const name = device ? std::get_if<std::string>(&*device) : nullptr;
+  if (name != nullptr) path += " " + *name;
   *entryID = numbers->try_emplace(path, 0x100000000 + numbers->size()).first->second;
   return KERN_SUCCESS;
 }

@@ -14,6 +14,7 @@ namespace {
 
 struct CodeState {
   static constexpr const char* kName = "SecCode";
+  int32_t process = 0;
   CodeCheck outcome = CodeCheck::invalid;
 };
 using CodeObject = RuntimeObject<SecCodeRef, CodeState>;
@@ -47,7 +48,7 @@ OSStatus SecCodeCopyGuestWithAttributes(SecCodeRef, CFDictionaryRef attributes, 
   const auto& known = standin::system().state->codeChecks;
   const auto found = known.find(process);
   if (found == known.end() || found->second <= CodeCheck::guestFailed) return errSecCSNoSuchCode;
-  *guest = CodeObject::create(new CodeState{found->second});
+  *guest = CodeObject::create(new CodeState{process, found->second});
   return errSecSuccess;
 }
 
@@ -64,8 +65,10 @@ OSStatus SecRequirementCreateWithStringAndErrors(CFStringRef text, SecCSFlags, C
 }
 
 OSStatus SecCodeCheckValidity(SecCodeRef code, SecCSFlags, SecRequirementRef requirement) {
-  static_cast<void>(RequirementObject::of(requirement));
-  return CodeObject::of(code).outcome == CodeCheck::valid ? errSecSuccess : errSecCSReqFailed;
+  const CodeState& checked = CodeObject::of(code);
+  standin::system().state->journal.push_back("check code " + std::to_string(checked.process) + " " +
+                                             RequirementObject::of(requirement).text);
+  return checked.outcome == CodeCheck::valid ? errSecSuccess : errSecCSReqFailed;
 }
 
 }  // extern "C"

@@ -48,8 +48,9 @@ struct System {
   /// The lines of the system's log.
   std::vector<std::string> logged;
 
-  /// A run of a loop does not wait.
-  bool noTimePasses = false;
+  /// The machine of a unit test, whose journal is that of a simulated machine: a run of a loop is noted and does not
+  /// wait, and the adapter's first look at a disk, which tells whether there is one, is not noted.
+  bool isSimulation = false;
 
   /// Descriptors that asked the system not to keep what they read or write (F_NOCACHE).
   unsigned uncachedDescriptors = 0;
@@ -82,6 +83,9 @@ bool isMounted(const std::string& bareName);
 
 /// Objects that are held now, by kind: what Create, Copy and the kernel have handed out and nobody has released.
 std::map<std::string, int>& live();
+
+/// The tests that the program runs (--gtest_filter) unless the command line or the environment names others.
+std::string& usualFilter();
 
 /// Fails the test that runs.
 void report(const std::string& misuse);
