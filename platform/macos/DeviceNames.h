@@ -12,7 +12,7 @@ namespace vorlix {
 /// Where the bytes of a named device are.
 struct DeviceLocation {
   std::string path;      ///< a device node or a disk-image file
-  uint32_t slice = 0;    ///< slice of the image, 0 for all of it; a device's slices have nodes of their own
+  uint32_t slice = 0;    ///< slice of the image, 0 for all of it; locateDevice() gives none of a node
   bool isImage = false;  ///< `path` is a regular file
 };
 

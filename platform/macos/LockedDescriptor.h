@@ -27,4 +27,11 @@ struct LockedDescriptor {
 /// @return the descriptor, or -1 with `errno` set: EWOULDBLOCK or EBUSY for a lock that cannot be had.
 LockedDescriptor openWithLock(const std::string& path, DeviceAccess access, DeviceLock lock);
 
+/// Shares the open file of the node at `path`, which this process has locked. Opens nothing.
+///
+/// @return the descriptor, or -1 with `errno` set: ENOENT if this process holds no lock of that node, EWOULDBLOCK if it
+/// holds a shared one and `lock` is exclusive, EBUSY if it opened the node for reading only and `access` is for
+/// writing.
+LockedDescriptor shareLocked(const std::string& path, DeviceAccess access, DeviceLock lock);
+
 }  // namespace vorlix

@@ -277,8 +277,10 @@ class DeviceWorld {
   virtual void lockElsewhere(DeviceLock lock) = 0;
   virtual void unlockElsewhere() = 0;
   /// A lock is the access that the system grants to the very node that was opened, not advice about the whole disk: an
-  /// exclusive one keeps everybody else out, and the slices have no nodes while their disk is open for writing.
+  /// exclusive one keeps everybody else out.
   virtual bool locksAreAccess() const { return false; }
+  /// A process that has a whole disk open for writing with an exclusive lock can open the disk's slices, too.
+  virtual bool slicesStayBesideWriter() const { return true; }
 
  private:
   uint32_t blockSize_;

@@ -13,6 +13,7 @@ class NodeWorld final : public DeviceWorld {
     machine_.addDisk("disk0", diskSize(), blockSize);
     machine_.addSlice("disk0", 1, sliceFirst(1), kSliceBlocks);
     machine_.addSlice("disk0", 3, sliceFirst(3), kSliceBlocks);
+    machine_.setBytes("disk0", 0, gptOf(blockSize, kDiskBlocks, usualSlices()));
     machine_.setBytes("disk0", kPatternFirst * blockSize,
                       pattern(kPatternFirst * blockSize, kPatternBlocks * blockSize));
     standin::show(machine_);
@@ -29,6 +30,7 @@ class NodeWorld final : public DeviceWorld {
   }
   void unlockElsewhere() override { standin::system().openedElsewhere.clear(); }
   bool locksAreAccess() const override { return true; }
+  bool slicesStayBesideWriter() const override { return prefix_ == "/dev/"; }
 
  private:
   std::string prefix_;

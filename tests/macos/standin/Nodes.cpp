@@ -120,19 +120,27 @@ bool isSliceInUse(const std::string& whole) {
   return false;
 }
 
-// What the storage family grants (dkopen in IOMediaBSDClient.cpp, IOMedia::handleOpen): an exclusive lock is for one
-// who is alone on the node, block and raw together, and keeps all others out; a writer of a whole disk that does not
-// share needs its slices unused.
+bool isLockedExclusively(const std::string& name) {
+  for (const auto& open : openOn(name)) {
+    if (open->lock == DeviceLock::exclusive) return true;
+  }
+  return false;
+}
+
+// What the storage family grants (dkopen in IOMediaBSDClient.cpp, IOMedia::handleOpen and its table of accesses): an
+// exclusive lock is for one who is alone on the node, block and raw together, and keeps all others out. The partition
+// scheme has a whole disk open, with a shared lock, while a slice of it is open (IOPartitionScheme::handleOpen). So an
+// exclusive lock on the disk, or a writer of it that does not share, needs its slices unused, and a slice cannot be
+// opened beside an exclusive lock on its disk.
 int refusalOf(const Node& node, bool writes, DeviceLock lock) {
   const auto others = openOn(node.name);
   const auto elsewhere = system().openedElsewhere.find(node.name);
   const bool isOpenElsewhere = elsewhere != system().openedElsewhere.end();
   if (lock == DeviceLock::exclusive && (!others.empty() || isOpenElsewhere || isMounted(node.name))) return EBUSY;
   if (isOpenElsewhere && elsewhere->second == DeviceLock::exclusive) return EBUSY;
-  for (const auto& other : others) {
-    if (other->lock == DeviceLock::exclusive) return EBUSY;
-  }
-  if (writes && lock != DeviceLock::shared && wholeOf(node.name) == node.name && isSliceInUse(node.name)) return EBUSY;
+  if (isLockedExclusively(node.name) || isLockedExclusively(wholeOf(node.name))) return EBUSY;
+  const bool sharesWithSlices = lock == DeviceLock::shared || (!writes && lock == DeviceLock::none);
+  if (!sharesWithSlices && wholeOf(node.name) == node.name && isSliceInUse(node.name)) return EBUSY;
   return 0;
 }
 
@@ -154,8 +162,13 @@ int openNode(const Node& node, int flags) {
   const SimulatedWindow& window = open->state->device(node.name);
   open->blockSize = open->state->disks.at(window.disk).blockSize.value_or(512);
   open->size = window.size;
-  open->handle = makeSimulatedDeviceFile(open->state)
-                     ->open(node.name, writes ? DeviceAccess::readWrite : DeviceAccess::readOnly, lock);
+  const auto devices = makeSimulatedDeviceFile(open->state);
+  const DeviceAccess access = writes ? DeviceAccess::readWrite : DeviceAccess::readOnly;
+  open->handle = devices->open(node.name, access, lock);
+  // A simulated lock is on the whole disk, the kernel's on the node.
+  const bool isFree = open->state->disks.at(window.disk).lockedElsewhere == DeviceLock::none;
+  if (!open->handle && errno == EWOULDBLOCK && isFree)
+    open->handle = devices->open(node.name, access, DeviceLock::none);
   if (!open->handle) return -1;
   const int descriptor = __real_open("/dev/null", O_RDWR | (flags & O_CLOEXEC));
   if (descriptor < 0) return -1;
