@@ -12,7 +12,7 @@
 namespace vorlix {
 namespace {
 
-// Both kinds call once by themselves. The handler is copied first, since it may end the source that holds it.
+// Both kinds of source call their handler once. They copy it first, because it may destroy the source.
 class DescriptorWatch final : public LoopSource {
  public:
   DescriptorWatch(int descriptor, std::function<void()> handler) : handler_(std::move(handler)) {

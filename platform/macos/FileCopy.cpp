@@ -17,7 +17,7 @@ struct StateDeleter {
 };
 using State = std::unique_ptr<std::remove_pointer_t<copyfile_state_t>, StateDeleter>;
 
-// The first failure: once a copy is called off, the system's call only says that it was.
+// Keeps the first failure, because copyfile() itself only reports that the copy was cancelled.
 struct FirstFailure {
   int error = 0;
   std::string path;

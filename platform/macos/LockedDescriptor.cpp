@@ -16,7 +16,7 @@
 namespace vorlix {
 namespace {
 
-// Closes a descriptor that was opened in vain and leaves the reason as it was.
+// Closes the descriptor and keeps `errno`.
 int giveUp(int descriptor) {
   const int reason = errno;
   close(descriptor);
@@ -61,14 +61,14 @@ HeldFiles& heldFiles() {
   return *instance;
 }
 
-// The file of that key which this process has locked; null if there is none. Called under the mutex.
+// Returns the open file that this process has locked; null if there is none. The caller holds the mutex.
 std::shared_ptr<HeldFile> heldFile(const struct stat& status) {
   const auto found = heldFiles().files.find(keyOf(status));
   return found == heldFiles().files.end() ? nullptr : found->second.lock();
 }
 
-// O_NONBLOCK is for the opening alone, where it keeps the call from waiting for a lock. A node keeps it: to take it
-// away the system asks the disk's driver, which knows no such request (ENOTTY) and takes no notice of the flag either.
+// O_NONBLOCK keeps open() from waiting for a lock, and is cleared afterwards. A node keeps the flag: to clear it, the
+// system asks the disk's driver, which refuses (ENOTTY). The driver ignores the flag in transfers.
 int openAtOnce(const std::string& path, DeviceAccess access, DeviceLock lock) {
   int flags = O_CLOEXEC | O_NONBLOCK;
   flags |= access == DeviceAccess::readWrite ? O_RDWR : O_RDONLY;
@@ -84,7 +84,7 @@ int openAtOnce(const std::string& path, DeviceAccess access, DeviceLock lock) {
   return descriptor;
 }
 
-// An opening without a lock of its own. Where this process's lock keeps it out, too, it shares the open file.
+// Opens without a lock. If this process's own lock keeps the opening out, shares the locked open file.
 int openBeside(const HeldFile* held, const std::string& path, DeviceAccess access) {
   const int descriptor = openAtOnce(path, access, DeviceLock::none);
   if (descriptor >= 0 || errno != EBUSY || held == nullptr || !held->allows(access)) return descriptor;
