@@ -8,8 +8,8 @@
 namespace vorlix {
 namespace {
 
-// Splits a transfer at block boundaries: runs of whole blocks, and the parts of blocks at either end. Stops at the first
-// transfer that fails or falls short, and returns what was transferred until then.
+// Splits a transfer at block boundaries: runs of whole blocks, and the parts of blocks at either end. Stops at the
+// first transfer that fails or falls short, and returns what was transferred until then.
 template <typename Whole, typename Part>
 ssize_t transferInBlocks(size_t count, uint64_t offset, size_t blockSize, Whole whole, Part part) {
   size_t done = 0;

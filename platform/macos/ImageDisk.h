@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Disk-image files as disks. Disk Arbitration does not know an image file, and this adapter does not attach it. So image
-// files are found and described, but not mounted.
+// Disk-image files as disks. Disk Arbitration does not know an image file, and this adapter does not attach it. So
+// image files are found and described, but not mounted.
 #pragma once
 
 #include <Vorlix/platform/DiskArbitration.h>

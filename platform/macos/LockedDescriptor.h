@@ -19,10 +19,10 @@ struct LockedDescriptor {
 /// Opens the node or the file at `path` without waiting, for a lock or for the device.
 ///
 /// O_EXLOCK and O_SHLOCK lock a file as flock() does. On a disk's node they are also the access that the storage system
-/// grants, and an exclusive one keeps out every other opening (EBUSY), even by this process. So a process that holds the
-/// lock of a node or file shares its open file with itself, unless it holds a shared lock and asks for an exclusive one.
-/// The lock lasts as long as anyone shares that file. A read-only opening may have to share a file that is open for
-/// writing; then the descriptor itself does not keep its caller from writing.
+/// grants, and an exclusive one keeps out every other opening (EBUSY), even by this process. So a process that holds
+/// the lock of a node or file shares its open file with itself, unless it holds a shared lock and asks for an exclusive
+/// one. The lock lasts as long as anyone shares that file. A read-only opening may have to share a file that is open
+/// for writing; then the descriptor itself does not keep its caller from writing.
 ///
 /// @return the descriptor, or -1 with `errno` set: EWOULDBLOCK or EBUSY for a lock that cannot be had.
 LockedDescriptor openWithLock(const std::string& path, DeviceAccess access, DeviceLock lock);

@@ -9,8 +9,8 @@
 
 namespace vorlix {
 
-// This system has no pipe2(). A program that another thread starts between the two calls inherits the ends, unless it is
-// started with passStandardStreamsOnly(), as all programs of this library are.
+// This system has no pipe2(). A program that another thread starts between the two calls inherits the ends, unless it
+// is started with passStandardStreamsOnly(), as all programs of this library are.
 int makePrivatePipe(int ends[2]) {
   if (pipe(ends) != 0) return errno;
   if (fcntl(ends[0], F_SETFD, FD_CLOEXEC) == 0 && fcntl(ends[1], F_SETFD, FD_CLOEXEC) == 0) return 0;

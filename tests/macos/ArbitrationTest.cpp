@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Disk arbitration as its client library behaves, and the adapter over it.
+// The stand-in of disk arbitration, and the adapter over it.
 #include <DiskArbitration/DiskArbitration.h>
 
 #include "platform/macos/CFOwned.h"
@@ -190,7 +190,7 @@ TEST_F(Arbitration, ADiskWithoutAWholeDiskHasNone) {
 
 // ------------------------------------------------------------------------------------------------------------ names
 
-// Volumes of user-space drivers are mounted from names of their own (DADiskCreateFromBSDName knows them).
+// User-space drivers mount volumes from names of their own, which DADiskCreateFromBSDName() parses.
 TEST_F(Arbitration, AVolumeOfADriverOfItsOwnIsFoundByTheNameItIsMountedFrom) {
   const auto session = ports_.diskArbitration->createSession();
   for (const char* name :

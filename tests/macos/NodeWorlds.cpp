@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The worlds of the device ports' contracts under the adapters of macOS: nodes, block and raw, and image files.
+// The machines on which the device ports' contracts run over the macOS adapters: block nodes, raw nodes and image
+// files.
 #include "tests/contract/DeviceWorlds.h"
 #include "tests/macos/standin/System.h"
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Disks' nodes as the kernel of macOS has them, and the adapter over them.
+// The stand-in of the kernel's disk nodes, and the adapter over them.
 #include <Vorlix/platform/Descriptor.h>
 #include <sys/disk.h>
 #include <sys/ioctl.h>
@@ -118,7 +118,7 @@ TEST_F(Nodes, BesideOnesOwnReadersLockThereIsNoWriter) {
   EXPECT_EQ(errno, EBUSY);
 }
 
-// As a command does that changes the MBR and a volume's boot sector: the disk first, then the slice, then both at once.
+// A command that changes the MBR and a volume's boot sector opens the disk first, then the slice, and writes to both.
 TEST_F(Nodes, BesideItsOwnWriterOfTheDiskAProcessReachesTheSlices) {
   machine_.setBytes("disk0", 0, gptOf(512, 2048, {{1, 40, 103}, {3, 200, 263}}));
   machine_.setBytes("disk0", 40 * 512, Buffer(512, 0x11));

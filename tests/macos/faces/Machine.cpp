@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The simulated machine of the unit tests with the macOS adapters below the library: the linker leads the machine's
-// platform() here (--wrap). Devices, disk arbitration, run loops, the I/O registry, mounted volumes, code signatures
-// and the system's log are the adapters'. What stays simulated: the files at fixed paths and their copies, the host's
+// Puts the macOS adapters below the library in the unit tests: the linker redirects SimulatedMachine::platform() to
+// this file (--wrap). Devices, disk arbitration, run loops, the I/O registry, mounted volumes, code signatures and the
+// system's log are the adapters'. What stays simulated: the files at fixed paths and their copies, the host's
 // resources, child processes, the shell and the user.
 #include <CoreFoundation/CoreFoundation.h>
 #include <Vorlix/platform/Platform.h>
@@ -46,8 +46,8 @@ extern "C" {
 
 SInt32 __real_CFRunLoopRunInMode(CFStringRef mode, CFTimeInterval seconds, Boolean returnAfterSourceHandled);
 
-// Notes the run as the simulated loop does. No time passes in it: it handles what is ready now, else what a simulated
-// child has written.
+// Journals the run as the simulated loop does, and does not wait. It handles a source that is ready, or else delivers
+// the output of a simulated child.
 SInt32 __wrap_CFRunLoopRunInMode(CFStringRef mode, CFTimeInterval seconds, Boolean returnAfterSourceHandled) {
   if (!standin::system().isSimulation) return __real_CFRunLoopRunInMode(mode, seconds, returnAfterSourceHandled);
   const auto state = standin::system().state;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Smaller things that the C library of macOS has.
+// Functions that only the C library of macOS has.
 #include <asl.h>
 #include <crt_externs.h>
 #include <fcntl.h>
@@ -59,7 +59,7 @@ int closeStream(void* stream) {
   return self->close(self->cookie);
 }
 
-// What is asked of a program's start that this system's posix_spawn() does not know.
+// Spawn options that this system's posix_spawn() does not have.
 struct SpawnRequests {
   std::mutex mutex;
   std::set<const posix_spawnattr_t*> closeOthers;

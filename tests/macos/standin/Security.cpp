@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Code of other processes, and what is required of it.
+// Code signatures of other processes, and requirements on them.
 #include <Security/Security.h>
 
 #include <algorithm>
@@ -25,7 +25,7 @@ struct RequirementState {
 };
 using RequirementObject = RuntimeObject<SecRequirementRef, RequirementState>;
 
-// A text that is no requirement in any version of that language.
+// Rejects texts that no version of the requirement language accepts.
 bool isRequirement(const std::string& text) {
   return !text.empty() && std::count(text.begin(), text.end(), '(') == std::count(text.begin(), text.end(), ')');
 }
@@ -40,7 +40,7 @@ extern "C" {
 
 const CFStringRef kSecGuestAttributePid = CFSTR("pid");
 
-// Stores nothing where it fails.
+// Stores nothing if it fails.
 OSStatus SecCodeCopyGuestWithAttributes(SecCodeRef, CFDictionaryRef attributes, SecCSFlags, SecCodeRef* guest) {
   int32_t process = 0;
   const auto* const number = static_cast<CFNumberRef>(CFDictionaryGetValue(attributes, kSecGuestAttributePid));
@@ -52,7 +52,7 @@ OSStatus SecCodeCopyGuestWithAttributes(SecCodeRef, CFDictionaryRef attributes, 
   return errSecSuccess;
 }
 
-// The errors of a text that is no requirement are the caller's to release.
+// If the text is not a requirement, the caller releases the error.
 OSStatus SecRequirementCreateWithStringAndErrors(CFStringRef text, SecCSFlags, CFErrorRef* errors,
                                                  SecRequirementRef* requirement) {
   const std::string rule = textOf(text);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Runs the tests on a thread of their own: the default mode of the main thread's loop is never without sources, since
-// the main queue counts as one (CFRunLoop.c), and would make each test wait that wants to see an empty mode.
+// Runs the tests on a thread of their own. The default mode of the main thread's loop always has a source, because the
+// main queue counts as one (CFRunLoop.c), so each test of an empty mode would wait there.
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/RunLoop.h>
 #include <gmock/gmock.h>
@@ -27,7 +27,7 @@ TEST(MainThread, TheDefaultModeWaitsAndOthersReturnAtOnce) {
 
 }  // namespace
 
-// The child of a death test has only the thread that forked, so what the others hold looks like a leak there.
+// The child of a death test has only the thread that forked, so the other threads' objects would look like leaks.
 extern "C" int __lsan_is_turned_off() {  // NOLINT: the sanitizer's name
   return getpid() == process ? 0 : 1;
 }
@@ -45,8 +45,7 @@ int main(int count, char** arguments) {
   otherResult = loop->run("another mode", std::chrono::seconds(20));
   int result = 1;
   std::thread([&] {
-    // The first timer opens descriptors that the process keeps; a test that counts descriptors would take them for a
-    // leak.
+    // The first timer opens descriptors that the process keeps. Tests that count descriptors must not see it.
     const auto timer = vorlix::callAfter(std::chrono::milliseconds(1), [] {});
     vorlix::nativePlatform().runLoops->current()->run(vorlix::kDefaultRunLoopMode, std::chrono::milliseconds(50));
     result = RUN_ALL_TESTS();
