@@ -17,7 +17,7 @@ struct StateDeleter {
 };
 using State = std::unique_ptr<std::remove_pointer_t<copyfile_state_t>, StateDeleter>;
 
-// Notes the first failure: once a copy is called off, the system's call only says that it was.
+// Keeps the first failure, because copyfile() itself only reports that the copy was cancelled.
 int noteFailure(int, int stage, copyfile_state_t, const char* source, const char*, void* context) {
   if (stage != COPYFILE_ERR) return COPYFILE_CONTINUE;
   auto& first = *static_cast<SystemError*>(context);

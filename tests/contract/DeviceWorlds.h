@@ -277,9 +277,10 @@ class DeviceWorld {
   virtual void lockElsewhere(DeviceLock lock) = 0;
   virtual void unlockElsewhere() = 0;
   /// Returns whether a lock is the access to the opened node that the system grants, instead of an advisory lock on the
-  /// whole disk. In that case an exclusive lock keeps everybody else out, and the slices have no nodes while their disk
-  /// is open for writing.
+  /// whole disk. In that case an exclusive lock keeps everybody else out.
   virtual bool locksAreAccess() const { return false; }
+  /// A process that has a whole disk open for writing with an exclusive lock can open the disk's slices, too.
+  virtual bool slicesStayBesideWriter() const { return true; }
 
  private:
   uint32_t blockSize_;
