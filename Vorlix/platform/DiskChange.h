@@ -81,8 +81,8 @@ VORLIX_EXPORT std::optional<ChangeFailure> applyChange(const DiskChange& change)
 /// A change that a process began and did not finish.
 struct InterruptedChange {
   std::string title;
-  std::string journal;      ///< folder of its journal
-  bool isLong = false;      ///< only its own command finishes it, LongChange.h
+  std::string journal;  ///< folder of its journal
+  bool isLong = false;  ///< only its own command finishes it, LongChange.h
 };
 
 /// Returns this user's interrupted changes of the disk behind `device`. Writes nothing.

@@ -74,7 +74,7 @@ std::unique_ptr<UnmountedVolume> LinuxVolumeMirrors::openUnmounted(const std::st
 
 std::unique_ptr<UnmountedVolume> LinuxVolumeMirrors::openToRead(const std::string& device,
                                                                 std::optional<Dissenter>& refusal) {
-  const std::optional<DeviceLocation> location = deviceOf(device);
+  const std::optional<DeviceLocation> location = locationOf(device);
   refusal.reset();
   if (!location) refusal = dissenterFor(errno, device);
   return location ? openFatToRead(*location, refusal) : nullptr;

@@ -214,19 +214,23 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
     resume(options, *folder);
     return !request.isLegacy || printStart(request.disk, request.partition, way) ? kDone : kChangeNeeded;
   }
-  request.writes = false;
-  {
-    const RestorePreparation look = prepareRestore(request);
-    printPlan(options, look);
-    std::fflush(stdout);
-    if (options.dryRun) {
-      std::printf("Dry run: nothing is written.\n");
-      return kChangeNeeded;
-    }
-  }
-  requireConsent(options, "Overwrite " + printable(volume) + "?");
-  request.writes = true;
+  // Standard input can be read once only, so the disk is opened for writing at once.
+  const bool isStream = request.source == kStandardInput;
+  if (isStream && !options.dryRun) requireConsent(options, "");
+  request.writes = isStream && !options.dryRun;
   RestorePreparation prepared = prepareRestore(request);
+  printPlan(options, prepared);
+  if (options.dryRun) {
+    std::printf("Dry run: nothing is written.\n");
+    return kChangeNeeded;
+  }
+  std::fflush(stdout);
+  if (!isStream) {
+    prepared = {};  // closes the disk while the user thinks
+    requireConsent(options, "Overwrite " + printable(volume) + "?");
+    request.writes = true;
+    prepared = prepareRestore(request);
+  }
   prepared.plan.backup = changeBackup(choice);
   const Interruption interruption;
   ShownProgress progress(options.progress);
