@@ -67,7 +67,7 @@ Refusal mountUnmounted(const DeviceLocation& location, const OpenedDevice& devic
   // An interrupted change must be finished before the volume is examined.
   if (Refusal refusal = settleVolume(location)) return refusal;
   const std::optional<ProbedVolume> facts = probeVolume(device.descriptor.get(), device.window);
-  if (!facts) return Dissenter{kDissentUnsupported, "the volume has no known file system"};
+  if (!facts) return Dissenter{kDissentUnsupported, "the volume has no file system that is known here"};
   if (options.readWrite && isReadOnlyMedium(location)) return dissenterFor(EROFS, location.whole);
   const bool isFAT = facts->kind == "msdos";
   if (geteuid() == 0) {
