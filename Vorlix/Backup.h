@@ -46,7 +46,7 @@ struct BackupPart {
 };
 
 /// What will be saved. Holds the volume open, with a shared lock.
-struct VORLIX_EXPORT BackupPlan {
+struct BackupPlan {
   BackupRequest request;
   std::string name;       ///< of the volume, as disk arbitration has it
   std::string wholeDisk;  ///< of its disk; equals `name` for an image of one volume

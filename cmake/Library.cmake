@@ -160,7 +160,8 @@ else()
 
   set(unpacking_module ${PROJECT_SOURCE_DIR}/platform/linux/unpacking/Module.cpp)
   set(unpacking_loader ${PROJECT_SOURCE_DIR}/platform/linux/unpacking/Loader.cpp)
-  add_library(vorlix_unpacking MODULE ${unpacking_module} $<TARGET_OBJECTS:vorlix_unpacking_objects>)
+  add_library(vorlix_unpacking MODULE ${unpacking_module} platform/SystemError.cpp
+              $<TARGET_OBJECTS:vorlix_unpacking_objects>)
   target_link_libraries(vorlix_unpacking PRIVATE vorlix_headers PkgConfig::ARCHIVE ZLIB::ZLIB)
   set_target_properties(vorlix_unpacking PROPERTIES PREFIX "" OUTPUT_NAME unpacking LINKER_LANGUAGE CXX
                                                     LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${VORLIX_MODULE_FOLDER})

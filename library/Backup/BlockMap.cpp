@@ -70,7 +70,7 @@ void BlockMapWriter::finish() {
   file_.sync();
 }
 
-BlockMapReader::BlockMapReader(const std::string& path) : path_(path), file_(path) {
+BackupMapReader::BackupMapReader(const std::string& path) : path_(path), file_(path) {
   for (size_t begun = 0; begun < 3; ++begun) {
     if (!line()) fail("is no block map");
   }
@@ -90,11 +90,11 @@ BlockMapReader::BlockMapReader(const std::string& path) : path_(path), file_(pat
   if (line() != "    <BlockMap>") fail("is no block map of this form");
 }
 
-void BlockMapReader::fail(const std::string& reason) const {
+void BackupMapReader::fail(const std::string& reason) const {
   throw BackupError(path_, reason);
 }
 
-std::optional<std::string> BlockMapReader::line() {
+std::optional<std::string> BackupMapReader::line() {
   size_t end = buffer_.find('\n', at_);
   if (end == std::string::npos) {
     buffer_.erase(0, at_);
@@ -113,7 +113,7 @@ std::optional<std::string> BlockMapReader::line() {
   return text;
 }
 
-uint64_t BlockMapReader::number(const char* element) {
+uint64_t BackupMapReader::number(const char* element) {
   const std::string name = element;
   const auto text = between(line().value_or(""), "    <" + name + "> ", " </" + name + ">");
   const auto value = text ? numberIn(*text) : std::nullopt;
@@ -121,7 +121,7 @@ uint64_t BlockMapReader::number(const char* element) {
   return *value;
 }
 
-std::optional<MappedRange> BlockMapReader::next() {
+std::optional<MappedRange> BackupMapReader::next() {
   const std::optional<std::string> text = line();
   if (text == "    </BlockMap>") {
     if (line() != "</bmap>" || at_ != buffer_.size() || offset_ != file_.size()) fail("has a wrong end");
@@ -147,7 +147,7 @@ std::optional<MappedRange> BlockMapReader::next() {
   return range;
 }
 
-bool BlockMapReader::hasRightChecksum() {
+bool BackupMapReader::hasRightChecksum() {
   const std::unique_ptr<BlockHash> hash = newBackupHash();
   std::vector<uint8_t> piece;
   for (uint64_t offset = 0; offset < file_.size(); offset += piece.size()) {

@@ -40,9 +40,9 @@ struct MappedRange {
 };
 
 /// Reads a map of that form as this system writes it, one range after the other. Throws BackupError for another one.
-class BlockMapReader {
+class BackupMapReader {
  public:
-  explicit BlockMapReader(const std::string& path);
+  explicit BackupMapReader(const std::string& path);
 
   uint64_t imageSize() const { return imageSize_; }
   uint64_t mappedBlocks() const { return mappedBlocks_; }

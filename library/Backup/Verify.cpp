@@ -115,7 +115,7 @@ class Verification {
       compare(expected, image.size(), "");
       return;
     }
-    BlockMapReader map(pathOf(kMapFile));
+    BackupMapReader map(pathOf(kMapFile));
     if (!map.hasRightChecksum()) find(kMapFile, "has a wrong checksum");
     if (map.imageSize() != manifest_.volumeSize) find(kMapFile, "is of a volume of another size");
     if (map.imageSize() != manifest_.volumeSize) return;
@@ -149,7 +149,7 @@ class Verification {
   }
 
   // The map's ranges of a frame; each lies within one.
-  void findRanges(BlockMapReader& map, FrameSlot& slot) {
+  void findRanges(BackupMapReader& map, FrameSlot& slot) {
     const uint64_t start = slot.index * kFrameSize;
     slot.ranges.clear();
     slot.hashes.clear();
