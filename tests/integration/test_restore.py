@@ -175,7 +175,7 @@ class Kinds(RestoreTest):
 
     def test_progress_for_programs(self):
         result = self.restore(self.image, "--progress", "json")
-        objects = [json.loads(line) for line in result.stdout.splitlines() if line.startswith("{")]
+        objects = [json.loads(line) for line in result.stdout.splitlines()]
         self.assertEqual({item["phase"] for item in objects}, {"restoring", "comparing"})
         self.assertEqual(max(item["done"] for item in objects), WINDOWS.sectors * 512)
 

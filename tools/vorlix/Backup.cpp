@@ -31,8 +31,8 @@ std::string undoArgument(const std::string& kept) {
   return isInStateFolder ? std::filesystem::path(kept).filename().string() : kept;
 }
 
-void printUndo(const std::string& kept) {
-  if (!kept.empty()) std::printf("Undo       vorlix undo %s\n", printable(undoArgument(kept)).c_str());
+void printUndo(const std::string& kept, std::FILE* output) {
+  if (!kept.empty()) std::fprintf(output, "Undo       vorlix undo %s\n", printable(undoArgument(kept)).c_str());
 }
 
 FileBackup::FileBackup(const std::string& title, const std::vector<FileChange>& files, const BackupChoice& choice) {

@@ -6,6 +6,7 @@
 #include <Vorlix/platform/KeptChange.h>
 
 #include <CLI/App.hpp>
+#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,7 +28,7 @@ ChangeBackup changeBackup(const BackupChoice& choice);
 std::string undoArgument(const std::string& kept);
 
 /// Prints how to undo what was done. Prints nothing if `kept` is empty.
-void printUndo(const std::string& kept);
+void printUndo(const std::string& kept, std::FILE* output = stdout);
 
 /// A backup of files of a mounted volume, made before they change. It is removed again unless the change is made.
 class FileBackup {

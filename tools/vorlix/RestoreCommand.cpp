@@ -41,6 +41,11 @@ std::string nameOfJournal(const std::string& folder) {
   return fs::path(folder).filename().string();
 }
 
+// Where people read. Programs that ask for objects have standard output for themselves.
+std::FILE* textOutput(ProgressForm form) {
+  return form == ProgressForm::json ? stderr : stdout;
+}
+
 std::string slotText(const MBRPartitionEntry& slot) {
   if (slot.type == 0) return "unused";
   return std::string((slot.flag & kActiveFlag) != 0 ? "active, " : "") + mbrTypeName(slot.type) + ", sectors " +
@@ -51,27 +56,32 @@ void printPlan(const RestoreOptions& options, const RestorePreparation& prepared
   const ImageFacts& facts = prepared.source->facts();
   const std::string format = facts.volume ? std::string(", ") + nameOf(facts.volume->format) : "";
   const std::string size = facts.size ? ", " + shortSizeText(*facts.size) : "";
-  std::printf("From       %s (%s%s%s)\n", printable(options.request.source).c_str(),
-              printable(facts.description).c_str(), format.c_str(), size.c_str());
-  std::printf("To         %s, GPT entry %u \"%s\", %s\n", printable(prepared.volume).c_str(), options.request.partition,
-              printable(prepared.entryName).c_str(), shortSizeText(prepared.volumeSize).c_str());
-  std::printf("Lost       what is there now: %s\n", printable(prepared.present).c_str());
+  std::fprintf(textOutput(options.progress), "From       %s (%s%s%s)\n", printable(options.request.source).c_str(),
+               printable(facts.description).c_str(), format.c_str(), size.c_str());
+  std::fprintf(textOutput(options.progress), "To         %s, GPT entry %u \"%s\", %s\n",
+               printable(prepared.volume).c_str(), options.request.partition, printable(prepared.entryName).c_str(),
+               shortSizeText(prepared.volumeSize).c_str());
+  std::fprintf(textOutput(options.progress), "Lost       what is there now: %s\n", printable(prepared.present).c_str());
   if (!facts.isVerified) {
-    std::printf("Note       the source has no block map, so damage that its format does not notice is restored, too\n");
+    std::fprintf(
+        textOutput(options.progress),
+        "Note       the source has no block map, so damage that its format does not notice is restored, too\n");
   }
   if (!options.request.isLegacy) {
-    std::printf("MBR        stays as it is\n");
+    std::fprintf(textOutput(options.progress), "MBR        stays as it is\n");
     return;
   }
-  if (!prepared.changesMBR) std::printf("MBR        right already\n");
+  if (!prepared.changesMBR) std::fprintf(textOutput(options.progress), "MBR        right already\n");
   for (size_t slot = 0; prepared.changesMBR && slot < kSlotCount; ++slot) {
     const std::string now = slotText(prepared.mbr.disk.mbr.parts[slot]);
     const std::string then = slotText(prepared.mbr.table.parts[slot]);
     if (now == then) continue;
-    std::printf("MBR slot %zu %s\n           becomes %s\n", slot + 1, now.c_str(), then.c_str());
+    std::fprintf(textOutput(options.progress), "MBR slot %zu %s\n           becomes %s\n", slot + 1, now.c_str(),
+                 then.c_str());
   }
   if (prepared.mbr.bootCode == BootCodeOrigin::own) {
-    std::printf("Boot code  sector 0 has none and gets our own, which starts the active slot\n");
+    std::fprintf(textOutput(options.progress),
+                 "Boot code  sector 0 has none and gets our own, which starts the active slot\n");
   }
 }
 
@@ -132,14 +142,15 @@ void requireDone(const RestoreResult& result, const std::string& volume) {
 }
 
 // Says what a start still needs. @return whether the disk starts as far as can be told.
-bool printStart(const std::string& disk, uint32_t partition, StartWay way) {
+bool printStart(const RestoreOptions& options, const std::string& disk, uint32_t partition, StartWay way) {
   const StartReport report = checkStart(collectStartFacts(disk, partition, 0), way);
   for (const StartFinding& finding : report.findings) {
     if (finding.state != StartFinding::State::fault) continue;
-    std::printf("Missing    %s\n           because %s\n           to mend: %s\n", printable(finding.text).c_str(),
-                printable(finding.why).c_str(), printable(finding.command).c_str());
+    std::fprintf(textOutput(options.progress), "Missing    %s\n           because %s\n           to mend: %s\n",
+                 printable(finding.text).c_str(), printable(finding.why).c_str(), printable(finding.command).c_str());
   }
-  if (report.starts()) std::printf("Start      the disk starts as far as can be told (vorlix check)\n");
+  if (report.starts())
+    std::fprintf(textOutput(options.progress), "Start      the disk starts as far as can be told (vorlix check)\n");
   return report.starts();
 }
 
@@ -172,7 +183,7 @@ std::string resume(const RestoreOptions& options, const std::string& folder) {
   const std::string path = options.request.source.empty() ? journal->origin().source : options.request.source;
   const auto source = openImageSource(path, {}, unreadable);
   if (!source) throw Failure(unreadable.subject, unreadable.reason, "the restore can go on once the source is there");
-  std::printf("Going on   %s\n", printable(structures.title).c_str());
+  std::fprintf(textOutput(options.progress), "Going on   %s\n", printable(structures.title).c_str());
   std::fflush(stdout);
   const Interruption interruption;
   ShownProgress progress(options.progress);
@@ -180,9 +191,9 @@ std::string resume(const RestoreOptions& options, const std::string& folder) {
       resumeRestore(std::move(journal), *source, handles, !options.noVerify, std::ref(progress));
   progress.finish();
   requireDone(result, volume);
-  std::printf("Restored   %s to %s%s\n", sizeText(result.size).c_str(), printable(volume).c_str(),
-              options.noVerify ? "" : ", read back and compared");
-  printUndo(result.kept);
+  std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
+               printable(volume).c_str(), options.noVerify ? "" : ", read back and compared");
+  printUndo(result.kept, textOutput(options.progress));
   return volume;
 }
 
@@ -207,12 +218,13 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
   const StartWay way = request.isLegacy ? StartWay::legacy : StartWay::automatic;
   if (const auto folder = interruptedRestoreOf(request, volume)) {
     if (options.dryRun) {
-      std::printf("Dry run: `vorlix restore --resume %s` goes on with this restore.\n", nameOfJournal(*folder).c_str());
+      std::fprintf(textOutput(options.progress), "Dry run: `vorlix restore --resume %s` goes on with this restore.\n",
+                   nameOfJournal(*folder).c_str());
       return kChangeNeeded;
     }
     requireConsent(options, "This restore was interrupted. Go on?");
     resume(options, *folder);
-    return !request.isLegacy || printStart(request.disk, request.partition, way) ? kDone : kChangeNeeded;
+    return !request.isLegacy || printStart(options, request.disk, request.partition, way) ? kDone : kChangeNeeded;
   }
   // Standard input can be read once only, so the disk is opened for writing at once.
   const bool isStream = request.source == kStandardInput;
@@ -221,7 +233,7 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
   RestorePreparation prepared = prepareRestore(request);
   printPlan(options, prepared);
   if (options.dryRun) {
-    std::printf("Dry run: nothing is written.\n");
+    std::fprintf(textOutput(options.progress), "Dry run: nothing is written.\n");
     return kChangeNeeded;
   }
   std::fflush(stdout);
@@ -237,11 +249,11 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
   const RestoreResult result = restoreVolume(*prepared.source, prepared.plan, !options.noVerify, std::ref(progress));
   progress.finish();
   requireDone(result, prepared.volume);
-  std::printf("Restored   %s to %s%s\n", sizeText(result.size).c_str(), printable(prepared.volume).c_str(),
-              options.noVerify ? "" : ", read back and compared");
-  printUndo(result.kept);
+  std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
+               printable(prepared.volume).c_str(), options.noVerify ? "" : ", read back and compared");
+  printUndo(result.kept, textOutput(options.progress));
   prepared = {};  // closes the disk, which is looked at anew
-  return !request.isLegacy || printStart(request.disk, request.partition, way) ? kDone : kChangeNeeded;
+  return !request.isLegacy || printStart(options, request.disk, request.partition, way) ? kDone : kChangeNeeded;
 }
 
 }  // namespace
