@@ -17,7 +17,7 @@ if(APPLE)
   set(VORLIX_SYSTEM_LIBRARIES "-framework DiskArbitration" "-framework IOKit" "-framework CoreFoundation")
 else()
   find_package(PkgConfig REQUIRED)
-  set(VORLIX_MODULES blkid mount)
+  set(VORLIX_MODULES blkid)
   set(VORLIX_SYSTEM_LIBRARIES)
   foreach(module ${VORLIX_MODULES})
     pkg_check_modules(${module} REQUIRED ${module})
@@ -98,38 +98,46 @@ endif()
 
 # Signatures. The folder of the trusted certificates for callers' signatures is fixed in the build, so that nobody can
 # make a privileged host use another one.
-#
-# On Linux they are checked with OpenSSL. Loading it costs more than the rest of a command, so the code that needs it is a
-# module in the library's own folder. The shared library and the program load it at the first check. The static library
-# contains it, because a host that links statically wants no further files.
 if(APPLE)
   foreach(kind objects shared static)
     target_link_libraries(vorlix_${kind} PRIVATE "-framework Security")
   endforeach()
 else()
   pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET GLOBAL libcrypto)
-  set(VORLIX_PC_SIGNING ", libcrypto")
+  pkg_check_modules(MOUNT REQUIRED IMPORTED_TARGET GLOBAL mount)
+  set(VORLIX_PC_MODULES ", libcrypto, mount")
   set(VORLIX_ANCHOR_FOLDER "/etc/vorlix/anchors" CACHE PATH "Trusted certificates of callers' signatures")
   target_compile_definitions(vorlix_objects PRIVATE VORLIX_ANCHOR_FOLDER="${VORLIX_ANCHOR_FOLDER}")
 
-  file(GLOB signing CONFIGURE_DEPENDS platform/linux/signing/*.cpp)
-  set(signing_module ${PROJECT_SOURCE_DIR}/platform/linux/signing/Module.cpp)
-  set(signing_loader ${PROJECT_SOURCE_DIR}/platform/linux/signing/Loader.cpp)
-  list(REMOVE_ITEM signing ${signing_module} ${signing_loader})
-  add_library(vorlix_signing_objects OBJECT ${signing})
-  target_link_libraries(vorlix_signing_objects PRIVATE vorlix_headers PkgConfig::CRYPTO)
-  target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_signing_objects>)
-  target_link_libraries(vorlix_static PRIVATE PkgConfig::CRYPTO)
-
   # The version in the folder's name lets the modules of two libraries stand side by side.
   set(VORLIX_MODULE_FOLDER vorlix-${PROJECT_VERSION_MAJOR})
-  add_library(vorlix_signing MODULE ${signing_module} $<TARGET_OBJECTS:vorlix_signing_objects>)
-  target_link_libraries(vorlix_signing PRIVATE vorlix_headers PkgConfig::CRYPTO)
-  set_target_properties(vorlix_signing PROPERTIES PREFIX "" OUTPUT_NAME signing LINKER_LANGUAGE CXX
-                                                  LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${VORLIX_MODULE_FOLDER})
 
-  add_library(vorlix_loader OBJECT ${signing_loader})
+  # Few calls need OpenSSL (signatures) or libmount, and loading them costs more than the rest of a command. The code that
+  # needs them is in modules in the library's own folder. The shared library and the program load a module at the first
+  # call. The static library contains the code, because a host that links statically wants no further files.
+  #
+  # platform/linux/<name>/ has the code, Module.cpp for the module alone, and Loader.cpp for those that load it.
+  add_library(vorlix_loader OBJECT platform/linux/modules/Modules.cpp)
   target_link_libraries(vorlix_loader PRIVATE vorlix_headers)
+  function(vorlix_module name library)
+    file(GLOB sources CONFIGURE_DEPENDS platform/linux/${name}/*.cpp)
+    set(folder ${PROJECT_SOURCE_DIR}/platform/linux/${name})
+    list(REMOVE_ITEM sources ${folder}/Module.cpp ${folder}/Loader.cpp)
+    add_library(vorlix_${name}_objects OBJECT ${sources})
+    target_link_libraries(vorlix_${name}_objects PRIVATE vorlix_headers ${library})
+    target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_${name}_objects>)
+    target_link_libraries(vorlix_static PRIVATE ${library})
+
+    add_library(vorlix_${name} MODULE ${folder}/Module.cpp $<TARGET_OBJECTS:vorlix_${name}_objects>)
+    target_link_libraries(vorlix_${name} PRIVATE vorlix_headers ${library})
+    set_target_properties(vorlix_${name} PROPERTIES PREFIX "" OUTPUT_NAME ${name} LINKER_LANGUAGE CXX
+                          LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${VORLIX_MODULE_FOLDER})
+    target_sources(vorlix_loader PRIVATE ${folder}/Loader.cpp)
+    add_dependencies(vorlix_shared vorlix_${name})
+  endfunction()
+  vorlix_module(signing PkgConfig::CRYPTO)
+  vorlix_module(mounting PkgConfig::MOUNT)
+
   set(libraries_from_programs "")
   if(NOT IS_ABSOLUTE "${CMAKE_INSTALL_BINDIR}" AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
     file(RELATIVE_PATH libraries_from_programs "/prefix/${CMAKE_INSTALL_BINDIR}" "/prefix/${CMAKE_INSTALL_LIBDIR}")
@@ -140,5 +148,4 @@ else()
                              VORLIX_LIBRARIES_FROM_BINDIR="${libraries_from_programs}")
   target_sources(vorlix_shared PRIVATE $<TARGET_OBJECTS:vorlix_loader>)
   target_link_libraries(vorlix_shared PRIVATE ${CMAKE_DL_LIBS})
-  add_dependencies(vorlix_shared vorlix_signing)
 endif()

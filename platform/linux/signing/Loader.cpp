@@ -1,82 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <syslog.h>
-#include <unistd.h>
-
 #include <array>
-#include <cerrno>
-#include <cstring>
-#include <vector>
 
-#include <Vorlix/platform/Descriptor.h>
 #include "Module.h"
-#include "platform/linux/CodePlace.h"
 #include "platform/linux/SignersUnit.h"
+#include "platform/linux/modules/Modules.h"
 
 namespace vorlix {
 namespace {
 
-namespace fs = std::filesystem;
-
-constexpr const char* kModule = VORLIX_MODULE_FOLDER "/signing.so";
 constexpr size_t kLongestUnit = 4096;  // X.520 allows 64 characters
-
-// The places of an installation that was moved, then of the prefix it was built for. No environment and no search path
-// has a say in what a privileged host loads.
-std::vector<fs::path> modulePlaces(const fs::path& code) {
-  std::vector<fs::path> places;
-  if (code.is_absolute()) {
-    places.push_back(code.parent_path() / kModule);
-    const fs::path fromPrograms = VORLIX_LIBRARIES_FROM_BINDIR;
-    if (!fromPrograms.empty()) places.push_back((code.parent_path() / fromPrograms / kModule).lexically_normal());
-  }
-  places.push_back(fs::path(VORLIX_LIBRARY_FOLDER) / kModule);
-  return places;
-}
-
-// Whoever can write the module can be the super-user's process. So it has to be the super-user's alone, or in no more
-// hands than the code that asks for it.
-bool isTrusted(const struct stat& module, const fs::path& code) {
-  if (!S_ISREG(module.st_mode)) return false;
-  if (geteuid() != 0) return true;
-  const mode_t othersWrite = module.st_mode & (S_IWGRP | S_IWOTH);
-  if (module.st_uid == 0 && othersWrite == 0) return true;
-  struct stat own = {};
-  return stat(code.c_str(), &own) == 0 && module.st_uid == own.st_uid && module.st_gid == own.st_gid &&
-         (othersWrite & ~own.st_mode) == 0;
-}
-
-SignersUnitEntry* load() {
-  std::string reason = "not found";
-  const fs::path code = fileOfThisCode();
-  for (const fs::path& place : modulePlaces(code)) {
-    const Descriptor file(open(place.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-    struct stat status = {};
-    if (!file || fstat(file.get(), &status) != 0) {
-      if (errno != ENOENT && errno != ENOTDIR) reason = place.string() + ": " + std::strerror(errno);
-      continue;
-    }
-    if (!isTrusted(status, code)) {
-      reason = place.string() + ": others may write to it";
-      continue;
-    }
-    // By the descriptor, so that what is loaded is the file that was looked at.
-    void* const module = dlopen(("/proc/self/fd/" + std::to_string(file.get())).c_str(), RTLD_NOW | RTLD_LOCAL);
-    void* const entry = module == nullptr ? nullptr : dlsym(module, kSignersUnitEntry);
-    if (entry != nullptr) return reinterpret_cast<SignersUnitEntry*>(entry);
-    const char* const error = dlerror();
-    reason = place.string() + ": " + (error == nullptr ? "cannot be loaded" : error);
-  }
-  syslog(LOG_ERR, "Vorlix: no signature can be checked without %s: %s", kModule, reason.c_str());
-  return nullptr;
-}
 
 }  // namespace
 
-std::optional<std::string> signersUnit(const std::string& signature, int file, const fs::path& anchors) {
-  static SignersUnitEntry* const entry = load();  // stays loaded: OpenSSL does not like to go
+std::optional<std::string> signersUnit(const std::string& signature, int file, const std::filesystem::path& anchors) {
+  // OpenSSL does not like to be unloaded.
+  static auto* const entry = reinterpret_cast<SignersUnitEntry*>(
+      entryOfModule("signing.so", kSignersUnitEntry, "no signature can be checked"));
   if (entry == nullptr) return std::nullopt;
   std::array<char, kLongestUnit> unit;
   const long length = entry(signature.c_str(), file, anchors.c_str(), unit.data(), unit.size());
