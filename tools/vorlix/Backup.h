@@ -5,10 +5,11 @@
 
 #include <Vorlix/platform/KeptChange.h>
 
-#include <CLI/App.hpp>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "CommandLine.h"
 
 namespace vorlix::tool {
 
@@ -19,7 +20,7 @@ struct BackupChoice {
 };
 
 /// Adds the two options to a command. The choice outlives the command line's parsing.
-std::shared_ptr<BackupChoice> addBackupOptions(CLI::App& command);
+std::shared_ptr<BackupChoice> addBackupOptions(Command& command);
 
 ChangeBackup placeOf(const BackupChoice& choice);
 

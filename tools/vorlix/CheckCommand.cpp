@@ -101,16 +101,16 @@ bool lacksDiskCode(const DiskTables& disk) {
 
 }  // namespace
 
-void addCheckCommand(CLI::App& app, int& status) {
+void addCheckCommand(Command& top, int& status) {
   const auto options = std::make_shared<CheckOptions>();
-  CLI::App* const command = app.add_subcommand(
+  Command command = top.addCommand(
       "check", "Tell, without writing, whether MBR, active slot and boot sector are right for legacy start");
-  command->add_option("DISK", options->disk, "Disk or disk-image file")->required();
-  command->add_option("--partition", options->partition, "GPT entry and MBR slot of the Windows volume")
-      ->required()
-      ->check(CLI::Range(1, 4));
-  command->add_option("--type", options->type, "MBR type of that slot, hexadecimal, where `hybrid` was given one");
-  command->callback([options, &status] {
+  command.addOption("DISK", options->disk, "Disk or disk-image file").required();
+  command.addOption("--partition", options->partition, "GPT entry and MBR slot of the Windows volume")
+      .required()
+      .within(1, 4);
+  command.addOption("--type", options->type, "MBR type of that slot, hexadecimal, where `hybrid` was given one");
+  command.setAction([options, &status] {
     HybridRequest request;
     request.disk = options->disk;
     request.partition = options->partition;
