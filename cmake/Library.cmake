@@ -48,6 +48,7 @@ if(NOT APPLE)
   vorlix_alone(platform/linux/BlockDevices.cpp platform/linux/FatTable.cpp platform/linux/MountFolders.cpp
                platform/linux/MountedVolumes.cpp platform/linux/VolumeCopy.cpp platform/linux/VolumeProbe.cpp)
 endif()
+vorlix_precompiled(vorlix_objects)
 target_link_libraries(vorlix_objects PUBLIC vorlix_headers ${VORLIX_SYSTEM_LIBRARIES})
 target_include_directories(vorlix_objects SYSTEM PRIVATE ${VORLIX_SYSTEM_INCLUDES})
 target_compile_definitions(vorlix_objects PRIVATE
@@ -117,13 +118,14 @@ else()
   # call. The static library contains the code, because a host that links statically wants no further files.
   #
   # platform/linux/<name>/ has the code, Module.cpp for the module alone, and Loader.cpp for those that load it.
-  add_library(vorlix_loader OBJECT platform/linux/modules/Modules.cpp)
+  add_library(vorlix_loader OBJECT ${PROJECT_SOURCE_DIR}/platform/linux/modules/Modules.cpp)
   target_link_libraries(vorlix_loader PRIVATE vorlix_headers)
   function(vorlix_module name library)
     file(GLOB sources CONFIGURE_DEPENDS platform/linux/${name}/*.cpp)
     set(folder ${PROJECT_SOURCE_DIR}/platform/linux/${name})
     list(REMOVE_ITEM sources ${folder}/Module.cpp ${folder}/Loader.cpp)
     add_library(vorlix_${name}_objects OBJECT ${sources})
+    vorlix_batch(vorlix_${name}_objects ${name} ".")
     target_link_libraries(vorlix_${name}_objects PRIVATE vorlix_headers ${library})
     target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_${name}_objects>)
     target_link_libraries(vorlix_static PRIVATE ${library})
@@ -137,6 +139,7 @@ else()
   endfunction()
   vorlix_module(signing PkgConfig::CRYPTO)
   vorlix_module(mounting PkgConfig::MOUNT)
+  vorlix_batch(vorlix_loader loaders ".")
 
   set(libraries_from_programs "")
   if(NOT IS_ABSOLUTE "${CMAKE_INSTALL_BINDIR}" AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
