@@ -69,7 +69,7 @@ void readGPT(benchmark::State& state) {
   header.number_of_entries = static_cast<uint32_t>(count);
   FILE* const stream = fmemopen(table.data(), table.size(), "rb");
   if (stream == nullptr) {
-    state.SkipWithError("no stream over memory");
+    state.SkipWithError("cannot open a stream over memory");
     return;
   }
   PartitionTable hybrid = {};

@@ -2,8 +2,7 @@
 //
 // Measures the output of programs: lines per second through the task helper, compared with popen() on the same
 // pipeline, and bytes per second through the task wrapper, compared with reading the same program's pipe directly. The
-// helper writes each line to the log, as it always does; a second benchmark without the log file shows the cost of
-// that.
+// helper writes each line to the log, as it always does. A second benchmark without the log file shows what that costs.
 #include <Vorlix/LogCapture.h>
 #include <Vorlix/QDTaskHelper.h>
 #include <Vorlix/QDTaskWrapperWithBlocks.h>
@@ -87,12 +86,12 @@ void linesThroughHelper(benchmark::State& state, vorlix::LogCapture::File file) 
   std::string result;
   for (auto pass : state) {
     static_cast<void>(pass);
-    // Without a capture if the file is written, because the capture would take time too.
+    // Do not capture if the log file is written, because the capture would take time too.
     std::optional<vorlix::LogCapture> capture;
     if (file == vorlix::LogCapture::File::leftAlone) capture.emplace(file);
     result = QDTaskHelper::sharedTaskHelper()->runCommand("/bin/sh", {"-c", linesCommand()});
   }
-  if (result != expected || expected.empty()) state.SkipWithError("not what the program printed");
+  if (result != expected || expected.empty()) state.SkipWithError("the result differs from the program's output");
   state.SetItemsProcessed(state.iterations() * kLines);
 }
 
@@ -113,7 +112,7 @@ void popenLines(benchmark::State& state) {
     static_cast<void>(pass);
     result = linesByPopen(linesCommand());
   }
-  if (result.empty()) state.SkipWithError("nothing was printed");
+  if (result.empty()) state.SkipWithError("the pipeline printed nothing");
   state.SetItemsProcessed(state.iterations() * kLines);
 }
 BENCHMARK(popenLines)->Unit(benchmark::kMillisecond)->UseRealTime();

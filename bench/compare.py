@@ -138,6 +138,29 @@ def windows(vorlix, original, folder, runs):
                original, folder, runs)
 
 
+def saving(vorlix, original, folder, runs):
+    """Saves an NTFS volume of 1 GiB that is filled to a fifth with this system's programs. vorlix also hashes what is in
+    use, writes the block map and brings all of it to the medium. Each program has the page cache warm."""
+    missing = [tool for tool in ("mkntfs", "ntfscp", "ntfsclone", "zstd") if shutil.which(tool) is None]
+    if missing:
+        print(f"\nSaving a volume: not timed, there is no {', '.join(missing)}")
+        return
+    volume, content, target = folder / "volume.ntfs", folder / "content", folder / "saved"
+    with open(volume, "wb") as file:
+        file.truncate(1 << 30)
+    subprocess.run(["mkntfs", "-F", "-Q", "-q", str(volume)], check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    subprocess.run(["sh", "-c", f"tar -cf - /usr/bin /usr/lib 2>/dev/null | head -c {(1 << 30) // 5} > {content}"], check=True)
+    subprocess.run(["ntfscp", "-f", "-q", str(volume), str(content), "content"], check=True, stdout=subprocess.DEVNULL)
+    content.unlink()
+    take_turns("Saving an NTFS volume of 1 GiB, filled to a fifth",
+               [Program("vorlix backup", ["sh", "-c", f"rm -rf {target}; {vorlix} backup --progress none {volume} {target}"]),
+                Program("ntfsclone | zstd -3 -T2",
+                        ["sh", "-c", f"ntfsclone -q -f --save-image -o - {volume} | zstd -q -3 -T2 -f -o {target}.zst"])],
+               original, folder, runs)
+    packed = (target / "volume.img.zst").stat().st_size / pathlib.Path(f"{target}.zst").stat().st_size
+    print(f"  size of the packed volume : size of the other file = {packed:.3f}")
+
+
 def archives(program, fixture, records):
     """Decodes and encodes volume records, each in a separate archive, and compares with plistlib on the same bytes.
     plistlib does less: it handles the property list only, not the records."""
@@ -223,6 +246,7 @@ def main():
 
         listing(vorlix, original, folder, options.runs)
         windows(vorlix, original, folder, options.runs)
+        saving(vorlix, original, folder, min(options.runs, 5))
         archives(pathlib.Path(vorlix).parent / "bench" / "ArchiveBench",
                  ROOT / "tests" / "data" / "archives" / "QDVolume-full-1.archive", 10000)
 

@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
-# Compiles a target's files in batches, where VORLIX_BATCHES asks for it: most of a file's compilation is the headers and
-# templates that the others need, too. The release preset compiles each file alone, so a forgotten #include shows there.
+# Compiles a target's files in batches if VORLIX_BATCHES is on. Most of the time for a file goes into headers and
+# templates that the other files need too. The release preset compiles each file alone, so it finds a missing #include.
 
-# The sources whose paths match the expression are one batch. A source belongs to the first batch that it matches.
+# Puts the sources whose paths match the expression into one batch. A source belongs to the first batch that it matches.
 function(vorlix_batch target name expression)
-  if(APPLE OR NOT VORLIX_BATCHES)  # nobody has looked for names that macOS's adapters have twice
+  if(APPLE OR NOT VORLIX_BATCHES)  # the macOS adapters were not checked for clashing names
     return()
   endif()
   get_target_property(sources ${target} SOURCES)
@@ -18,7 +18,7 @@ function(vorlix_batch target name expression)
   set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_MODE GROUP)
 endfunction()
 
-# These are compiled alone: each has a name in its unnamed namespace that another file of its batch has, too.
+# Compiles these sources alone: each has a name in its unnamed namespace that another file of its batch also has.
 function(vorlix_alone)
   set_property(SOURCE ${ARGN} PROPERTY SKIP_UNITY_BUILD_INCLUSION ON)
 endfunction()

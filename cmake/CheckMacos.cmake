@@ -12,7 +12,7 @@ execute_process(COMMAND ${VORLIX_MACOS_HEADERS}/flags OUTPUT_VARIABLE flags OUTP
                 COMMAND_ERROR_IS_FATAL ANY)
 separate_arguments(flags UNIX_COMMAND "${flags}")
 
-file(GLOB checked CONFIGURE_DEPENDS platform/macos/*.cpp platform/posix/*.cpp platform/changes/*.cpp platform/*.cpp foundation/*.cpp foundation/*/*.cpp
+file(GLOB checked CONFIGURE_DEPENDS platform/macos/*.cpp platform/posix/*.cpp platform/posix/*/*.cpp platform/changes/*.cpp platform/*.cpp foundation/*.cpp foundation/*/*.cpp
      library/*.cpp library/*/*.cpp platform/simulated/*.cpp tests/macos/Declarations.cpp)
 set(stamps)
 file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/check-macos/include)
@@ -20,8 +20,20 @@ file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/check-macos/include)
 # Links to these headers alone, because their folder also holds this system's headers.
 find_path(VORLIX_PLIST_INCLUDE plist/plist.h REQUIRED)
 file(CREATE_LINK ${VORLIX_PLIST_INCLUDE}/plist ${PROJECT_BINARY_DIR}/check-macos/include/plist SYMBOLIC)
+find_path(VORLIX_ZSTD_INCLUDE zstd.h REQUIRED)
+file(CREATE_LINK ${VORLIX_ZSTD_INCLUDE}/zstd.h ${PROJECT_BINARY_DIR}/check-macos/include/zstd.h SYMBOLIC)
 find_path(VORLIX_MD_INCLUDE sha2.h REQUIRED)
-file(CREATE_LINK ${VORLIX_MD_INCLUDE}/sha2.h ${PROJECT_BINARY_DIR}/check-macos/include/sha2.h SYMBOLIC)
+foreach(header sha1.h sha2.h)
+  file(CREATE_LINK ${VORLIX_MD_INCLUDE}/${header} ${PROJECT_BINARY_DIR}/check-macos/include/${header} SYMBOLIC)
+endforeach()
+find_path(VORLIX_ARCHIVE_INCLUDE archive.h REQUIRED)
+foreach(header archive.h archive_entry.h)
+  file(CREATE_LINK ${VORLIX_ARCHIVE_INCLUDE}/${header} ${PROJECT_BINARY_DIR}/check-macos/include/${header} SYMBOLIC)
+endforeach()
+find_path(VORLIX_ZLIB_INCLUDE zlib.h REQUIRED)
+foreach(header zlib.h zconf.h)
+  file(CREATE_LINK ${VORLIX_ZLIB_INCLUDE}/${header} ${PROJECT_BINARY_DIR}/check-macos/include/${header} SYMBOLIC)
+endforeach()
 
 # The same for the header-only libraries of the command line.
 find_path(VORLIX_CLI11_INCLUDE CLI/App.hpp)

@@ -5,7 +5,8 @@ include(CMakePackageConfigHelpers)
 install(TARGETS vorlix_headers vorlix_shared vorlix_static vorlix_simulated EXPORT VorlixTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 if(TARGET vorlix_signing)
-  install(TARGETS vorlix_signing vorlix_mounting LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/${VORLIX_MODULE_FOLDER})
+  install(TARGETS vorlix_signing vorlix_mounting vorlix_unpacking vorlix_blockcoding
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/${VORLIX_MODULE_FOLDER})
 endif()
 install(DIRECTORY Vorlix DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 
@@ -30,5 +31,9 @@ else()
   list(JOIN private_libraries " " VORLIX_PC_PRIVATE_LIBS)
   string(APPEND VORLIX_PC_PRIVATE_LIBS " -lstdc++")
 endif()
+# Not as required packages: libarchive's own ones would have to be installed for developers, which a shared libarchive
+# does not need.
+list(JOIN ARCHIVE_LDFLAGS " " archive_libraries)
+string(APPEND VORLIX_PC_PRIVATE_LIBS " ${archive_libraries} -lz")
 configure_file(cmake/vorlix.pc.in ${PROJECT_BINARY_DIR}/vorlix.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vorlix.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

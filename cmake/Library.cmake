@@ -41,13 +41,10 @@ vorlix_batch(vorlix_objects adapters-3 "^platform/[^/]*/M")
 vorlix_batch(vorlix_objects adapters-4 "^platform/")
 vorlix_batch(vorlix_objects managers "^library/QDDeviceManager/")
 vorlix_batch(vorlix_objects functions "^library/QDSDiskFunctions/")
+vorlix_batch(vorlix_objects saving "^library/(Allocation|Backup)/")
 vorlix_batch(vorlix_objects parts "^library/(QDSUtilities.cpp|.*/)")
 vorlix_batch(vorlix_objects faces "^library/")
-vorlix_alone(foundation/Base64.cpp foundation/NotificationCenter.cpp library/QDDeviceManager/Mounting.cpp library/QDSDiskFunctions/PartitionTables.cpp)
-if(NOT APPLE)
-  vorlix_alone(platform/linux/BlockDevices.cpp platform/linux/FatTable.cpp platform/linux/MountFolders.cpp
-               platform/linux/MountedVolumes.cpp platform/linux/VolumeCopy.cpp platform/linux/VolumeProbe.cpp)
-endif()
+vorlix_alone(foundation/Base64.cpp foundation/NotificationCenter.cpp)
 vorlix_precompiled(vorlix_objects)
 target_link_libraries(vorlix_objects PUBLIC vorlix_headers ${VORLIX_SYSTEM_LIBRARIES})
 target_include_directories(vorlix_objects SYSTEM PRIVATE ${VORLIX_SYSTEM_INCLUDES})
@@ -97,12 +94,45 @@ if(PLIST_VERSION VERSION_GREATER_EQUAL 2.3)
   target_compile_definitions(vorlix_objects PRIVATE VORLIX_PLIST_SIGNED=1)
 endif()
 
+# Unpacking. Its libraries are linked into a module on Linux (below), so that a command that unpacks nothing does not load
+# them. macOS links them as they are: its loader does not take long.
+if(APPLE)  # Homebrew does not link what the system has without headers
+  find_program(VORLIX_BREW brew)
+  if(VORLIX_BREW)
+    execute_process(COMMAND ${VORLIX_BREW} --prefix libarchive OUTPUT_VARIABLE archive_prefix OUTPUT_STRIP_TRAILING_WHITESPACE)
+    list(APPEND CMAKE_PREFIX_PATH "${archive_prefix}")
+  endif()
+endif()
+pkg_check_modules(ARCHIVE REQUIRED IMPORTED_TARGET GLOBAL libarchive)
+find_package(ZLIB REQUIRED)
+file(GLOB unpacking CONFIGURE_DEPENDS platform/posix/unpacking/*.cpp)
+add_library(vorlix_unpacking_objects OBJECT ${unpacking})
+target_link_libraries(vorlix_unpacking_objects PRIVATE vorlix_headers PkgConfig::ARCHIVE ZLIB::ZLIB)
+target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_unpacking_objects>)
+target_link_libraries(vorlix_static PRIVATE PkgConfig::ARCHIVE ZLIB::ZLIB)
+# Packing of blocks, with zstd. Like the check of signatures (below), a module on Linux, so that only what packs loads it.
+pkg_check_modules(ZSTD REQUIRED IMPORTED_TARGET GLOBAL libzstd)
+file(GLOB blockcoding CONFIGURE_DEPENDS platform/posix/blockcoding/*.cpp)
+if(NOT APPLE)
+  list(APPEND blockcoding ${PROJECT_SOURCE_DIR}/platform/linux/blockcoding/Hashing.cpp)
+endif()
+add_library(vorlix_blockcoding_objects OBJECT ${blockcoding})
+target_link_libraries(vorlix_blockcoding_objects PRIVATE vorlix_headers PkgConfig::ZSTD)
+target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_blockcoding_objects>)
+target_link_libraries(vorlix_static PRIVATE PkgConfig::ZSTD)
+if(APPLE)
+  target_sources(vorlix_shared PRIVATE $<TARGET_OBJECTS:vorlix_blockcoding_objects>)
+  target_link_libraries(vorlix_shared PRIVATE PkgConfig::ZSTD)
+endif()
+
 # Signatures. The folder of the trusted certificates for callers' signatures is fixed in the build, so that nobody can
 # make a privileged host use another one.
 if(APPLE)
   foreach(kind objects shared static)
     target_link_libraries(vorlix_${kind} PRIVATE "-framework Security")
   endforeach()
+  target_sources(vorlix_shared PRIVATE $<TARGET_OBJECTS:vorlix_unpacking_objects>)
+  target_link_libraries(vorlix_shared PRIVATE PkgConfig::ARCHIVE ZLIB::ZLIB)
 else()
   pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET GLOBAL libcrypto)
   pkg_check_modules(MOUNT REQUIRED IMPORTED_TARGET GLOBAL mount)
@@ -110,28 +140,33 @@ else()
   set(VORLIX_ANCHOR_FOLDER "/etc/vorlix/anchors" CACHE PATH "Trusted certificates of callers' signatures")
   target_compile_definitions(vorlix_objects PRIVATE VORLIX_ANCHOR_FOLDER="${VORLIX_ANCHOR_FOLDER}")
 
-  # The version in the folder's name lets the modules of two libraries stand side by side.
+  # The folder's name contains the version, so the modules of two library versions can coexist.
   set(VORLIX_MODULE_FOLDER vorlix-${PROJECT_VERSION_MAJOR})
 
-  # Few calls need OpenSSL (signatures) or libmount, and loading them costs more than the rest of a command. The code that
-  # needs them is in modules in the library's own folder. The shared library and the program load a module at the first
-  # call. The static library contains the code, because a host that links statically wants no further files.
+  # Few calls need OpenSSL (signatures, backups), libmount, libarchive or libzstd, and loading them costs more than the
+  # rest of a command. The code that needs them is in modules in the library's own folder. The shared library and the
+  # program load a module at the first call. The static library contains the code, because a host that links statically
+  # wants no further files.
   #
-  # platform/linux/<name>/ has the code, Module.cpp for the module alone, and Loader.cpp for those that load it.
-  add_library(vorlix_loader OBJECT ${PROJECT_SOURCE_DIR}/platform/linux/modules/Modules.cpp)
+  # platform/linux/<name>/ has Module.cpp for the module alone and Loader.cpp for those that load it. It has the code too,
+  # unless macOS shares the code: then vorlix_<name>_objects exist already.
+  file(GLOB module_loader CONFIGURE_DEPENDS platform/linux/modules/*.cpp)
+  add_library(vorlix_loader OBJECT ${module_loader})
   target_link_libraries(vorlix_loader PRIVATE vorlix_headers)
-  function(vorlix_module name library)
-    file(GLOB sources CONFIGURE_DEPENDS platform/linux/${name}/*.cpp)
+  function(vorlix_module name)  # and its libraries
     set(folder ${PROJECT_SOURCE_DIR}/platform/linux/${name})
-    list(REMOVE_ITEM sources ${folder}/Module.cpp ${folder}/Loader.cpp)
-    add_library(vorlix_${name}_objects OBJECT ${sources})
-    vorlix_batch(vorlix_${name}_objects ${name} ".")
-    target_link_libraries(vorlix_${name}_objects PRIVATE vorlix_headers ${library})
-    target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_${name}_objects>)
-    target_link_libraries(vorlix_static PRIVATE ${library})
+    if(NOT TARGET vorlix_${name}_objects)
+      file(GLOB sources CONFIGURE_DEPENDS platform/linux/${name}/*.cpp)
+      list(REMOVE_ITEM sources ${folder}/Module.cpp ${folder}/Loader.cpp)
+      add_library(vorlix_${name}_objects OBJECT ${sources})
+      vorlix_batch(vorlix_${name}_objects ${name} ".")
+      target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_${name}_objects>)
+    endif()
+    target_link_libraries(vorlix_${name}_objects PRIVATE vorlix_headers ${ARGN})
+    target_link_libraries(vorlix_static PRIVATE ${ARGN})
 
     add_library(vorlix_${name} MODULE ${folder}/Module.cpp $<TARGET_OBJECTS:vorlix_${name}_objects>)
-    target_link_libraries(vorlix_${name} PRIVATE vorlix_headers ${library})
+    target_link_libraries(vorlix_${name} PRIVATE vorlix_headers ${ARGN})
     set_target_properties(vorlix_${name} PROPERTIES PREFIX "" OUTPUT_NAME ${name} LINKER_LANGUAGE CXX
                           LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${VORLIX_MODULE_FOLDER})
     target_sources(vorlix_loader PRIVATE ${folder}/Loader.cpp)
@@ -139,6 +174,8 @@ else()
   endfunction()
   vorlix_module(signing PkgConfig::CRYPTO)
   vorlix_module(mounting PkgConfig::MOUNT)
+  vorlix_module(unpacking PkgConfig::ARCHIVE ZLIB::ZLIB)
+  vorlix_module(blockcoding PkgConfig::ZSTD PkgConfig::CRYPTO)
   vorlix_batch(vorlix_loader loaders ".")
 
   set(libraries_from_programs "")

@@ -26,7 +26,7 @@ constexpr size_t kMBRSignatureOffset = 510;
 using ChecksumTables = std::array<std::array<uint32_t, 256>, 4>;
 
 constexpr ChecksumTables makeTables() {
-  constexpr uint32_t kReflectedPolynomial = 0xEDB88320;  // 0x04C11DB7 with its bits the other way round
+  constexpr uint32_t kReflectedPolynomial = 0xEDB88320;  // 0x04C11DB7 with its bits reversed
   ChecksumTables tables = {};
   for (uint32_t i = 0; i < 256; ++i) {
     uint32_t value = i;
@@ -66,7 +66,7 @@ bool hasRightChecksum(std::span<const uint8_t> block) {
   const uint64_t size = littleEndian(block, kHeaderSizeOffset, 4);
   if (size < kSmallestHeader || size > block.size()) return false;
   std::vector<uint8_t> header(block.begin(), block.begin() + static_cast<std::ptrdiff_t>(size));
-  std::fill_n(header.begin() + kChecksumOffset, 4, uint8_t{0});  // counts as zero in its own checksum
+  std::fill_n(header.begin() + kChecksumOffset, 4, uint8_t{0});  // the field counts as zero in the checksum
   return crc32(header) == littleEndian(block, kChecksumOffset, 4);
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Property lists as hosts ship them among their resources.
+// Reading property lists among the resources of hosts.
 #pragma once
 
 #include <optional>
@@ -9,8 +9,8 @@
 
 namespace vorlix {
 
-/// The texts in the array that a property list, XML or binary, has as its root; other items are left out. Absent if the
-/// bytes are something else.
+/// Returns the texts in the array at the root of a property list, XML or binary. Other items are ignored. Absent if the
+/// bytes are not such a property list.
 std::optional<std::vector<std::string>> textsInPropertyList(const std::string& bytes);
 
 }  // namespace vorlix

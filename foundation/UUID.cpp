@@ -3,6 +3,8 @@
 
 #include <random>
 
+#include "HexDigits.h"
+
 namespace vorlix {
 namespace {
 
@@ -10,13 +12,6 @@ constexpr size_t kTextSize = 36;
 
 bool isDashPlace(size_t place) {
   return place == 8 || place == 13 || place == 18 || place == 23;
-}
-
-int digitValue(char digit) {
-  if (digit >= '0' && digit <= '9') return digit - '0';
-  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
-  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
-  return -1;
 }
 
 }  // namespace
@@ -40,7 +35,7 @@ std::optional<UUID> UUID::fromText(std::string_view text) {
       if (text[i] != '-') return std::nullopt;
       continue;
     }
-    const int value = digitValue(text[i]);
+    const int value = hexDigitValue(text[i]);
     if (value < 0) return std::nullopt;
     bytes[digits / 2] = static_cast<uint8_t>(bytes[digits / 2] << 4 | value);
     ++digits;

@@ -6,7 +6,7 @@
 #include <Vorlix/GPTCheck.h>
 #include <Vorlix/PartitionRecords.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
-#include "library/QDSDiskFunctions/DeviceStreams.h"
+#include "library/QDSDiskFunctions/OpenDevices.h"
 
 #include <algorithm>
 #include <bit>
@@ -16,7 +16,8 @@
 
 #include "FuzzSupport.h"
 
-static_assert(std::endian::native == std::endian::little, "records are compared with the disk's bytes as they lie");
+static_assert(std::endian::native == std::endian::little,
+              "records are compared with the disk's bytes without conversion");
 
 namespace {
 
@@ -63,7 +64,7 @@ bool checkEntry(const GPTEntry& entry, const Input& input, uint64_t offset) {
   return used;
 }
 
-// Cylinder, head and sector must give the sector number again, if the cylinder fits ten bits.
+// Cylinder, head and sector must correspond to the sector number if the cylinder fits into ten bits.
 void checkCHS(uint32_t lba, uint16_t cylinder, uint8_t head, uint8_t sector) {
   if (lba > static_cast<uint32_t>(std::numeric_limits<int32_t>::max())) return;
   FUZZ_CHECK(cylinder <= 1023 && head <= 254 && sector >= 1 && sector <= 63);

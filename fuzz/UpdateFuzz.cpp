@@ -14,7 +14,7 @@
 //   6-9  start sector
 #include <Vorlix/PartitionRecords.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
-#include "library/QDSDiskFunctions/DeviceStreams.h"
+#include "library/QDSDiskFunctions/OpenDevices.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -139,9 +139,8 @@ class Scene {
  private:
   static constexpr uint64_t kOtherSize = 16 * 512;
 
-  // Limits the header's entry count. Tens of thousands of entries beyond the input take most of the time and show
-  // nothing
-  // new.
+  // Limits the header's entry count. Tens of thousands of entries beyond the input take most of the time and test
+  // nothing new.
   void holdEntryCount() {
     const uint64_t offset = uint64_t{what_.blockSize} + 80;
     const auto count = machine.bytes("disk0", offset, 4);
@@ -159,7 +158,7 @@ class Scene {
   uint64_t volumeOffset_ = 0;
 };
 
-// Only sector 0 and the two fields of the volume may change, and only if the update was to write them.
+// Only sector 0 and the two fields of the volume may change, and only if the update should write them.
 void checkWhere(const Case& what, const Scene& scene, const Disks& before, const Disks& after) {
   FUZZ_CHECK(after.disk.size() == before.disk.size() && after.other.size() == before.other.size());
   for (uint64_t i = vorlix::kSectorSize; i < before.disk.size(); ++i) {

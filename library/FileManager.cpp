@@ -7,7 +7,7 @@ namespace vorlix {
 
 std::shared_ptr<FileManager> FileManager::defaultManager() {
   static const auto* const manager = new std::shared_ptr<FileManager>(std::make_shared<FileManager>());
-  return *manager;  // never destroyed: the shared device manager holds it for the process's life
+  return *manager;  // never destroyed: the shared device manager uses it until the process ends
 }
 
 bool FileManager::fileExistsAtPath(const std::string& path) {

@@ -16,7 +16,7 @@ struct Unit {
 
 constexpr Unit kUnits[] = {{1e12, " TB"}, {1e9, " GB"}, {1e6, " MB"}, {1e3, " KB"}};
 
-// Whether the quotient is at least 1 as a signed 64-bit number. A quotient that does not fit such a number fails.
+// Returns whether the quotient is at least 1 and fits a signed 64-bit number.
 bool isAtLeastOne(double quotient) {
   constexpr double kBeyond = 9223372036854775808.0;  // 2^63
   return quotient >= 1 && quotient < kBeyond;

@@ -10,8 +10,8 @@
 #include <string>
 
 #include <Vorlix/WindowsFolders.h>
-#include "library/QDSDiskFunctions/DeviceStreams.h"
-#include "library/QDSDiskFunctions/SystemLog.h"
+#include "library/QDSDiskFunctions/Log.h"
+#include "library/QDSDiskFunctions/OpenDevices.h"
 
 namespace {
 
@@ -19,8 +19,8 @@ constexpr int32_t kLegacy = 0;
 constexpr int32_t kEFI = 1;
 constexpr int32_t kNotOpened = 4;
 
-// What tells that an operating system on a volume can be started: one of them exists. Of a volume without a mount point
-// they are relative to the working folder.
+// A volume is bootable if one of these exists. For a volume without a mount point the paths are relative to the working
+// folder.
 std::array<std::string, 4> bootFilePaths(const QDVolume& volume) {
   const std::string root = volume.filePath().value_or("");
   using vorlix::pathOnVolume;
@@ -44,7 +44,7 @@ int32_t QDDiskHelper::bootTypeForDisk(const std::string& device) {
   PartitionTable table = {};
   uint32_t active = 0;
   read_bios_partition_table(stream.get(), &table, &active);
-  // Not closed: one descriptor a call stays open for the process's life.
+  // Not closed: after each call one descriptor stays open until the process ends.
   vorlix::keepOpen(std::move(stream));
   return table.parts[1].start_head == 0 ? kEFI : kLegacy;
 }

@@ -20,8 +20,8 @@ struct BootItem {
   std::string destination;
 };
 
-// The paths of a volume's items. A volume of Windows' own holds them in whatever spelling it has them; what kind of
-// volume it is matters, and is asked for, only where another spelling than the usual one stands there.
+// The paths of a volume's items. NTFS, FAT and exFAT may have them in any letter case. The kind of the volume is looked
+// up only if it has another spelling than the usual one.
 class VolumePaths {
  public:
   explicit VolumePaths(std::string root) : root_(std::move(root)) {}
@@ -69,9 +69,9 @@ int32_t QDSUtilities::setupMBRBootFilesForDevice(const std::optional<vorlix::URL
   vorlix::Files& files = *vorlix::platform().files;
   if (files.kindOf(paths.of({"BOOT"}))) return 0;
 
-  // Not set anew for each item: a missing item is optional after a folder and required after a file.
+  // Not reset for each item: a missing item is optional after a folder and required after a file.
   bool isFolder = false;
-  // Looked up one after the other, since the first copy brings the folder that the next ones go to.
+  // Each item is looked up only when it is copied, because the first copy makes the folder for the next ones.
   for (int row = 0; row < kBootItems; ++row) {
     const auto [source, destination] = bootItem(row, paths, bcdPath);
     const auto kind = files.kindOf(source);
@@ -83,7 +83,7 @@ int32_t QDSUtilities::setupMBRBootFilesForDevice(const std::optional<vorlix::URL
     if (files.kindOf(destination)) continue;
     logMessage("copying %s to %s\n", source.c_str(), destination.c_str());
     const std::string folder = paths.of({"boot"});
-    // What is copied through a link would not be on the volume.
+    // A copy through a link would not be on the volume.
     if (destination.starts_with(folder + "/") && files.isLink(folder)) {
       logMessage("Error copying %s to %s with error %s\n", source.c_str(), destination.c_str(), "boot is a link");
       return -1;

@@ -10,7 +10,7 @@
 
 namespace {
 
-// Of two threads that both find none, one drops its own. What was stored stays for the process's life.
+// If two threads create the helper at the same time, one discards its own. The stored one stays until the process ends.
 std::atomic<const std::shared_ptr<QDTaskHelper>*> shared = nullptr;
 
 std::string everythingFrom(vorlix::ChildOutput& output) {

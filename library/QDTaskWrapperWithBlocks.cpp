@@ -16,7 +16,8 @@ namespace {
 constexpr std::chrono::milliseconds kStatusPause{5000};
 constexpr int32_t kStillRunning = -999;
 
-std::optional<std::string> textOf(const vorlix::Data& bytes) {
+// Absent if the bytes are not UTF-8.
+std::optional<std::string> utf8Text(const vorlix::Data& bytes) {
   const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
   if (!vorlix::isUtf8(text)) return std::nullopt;
   return std::string(text);
@@ -40,7 +41,7 @@ QDTaskWrapperWithBlocks::QDTaskWrapperWithBlocks(Block start, Block end, TextBlo
       arguments_(std::move(arguments)) {}
 
 void QDTaskWrapperWithBlocks::startProcess() {
-  const auto self = shared_from_this();  // the start callback may let go of the wrapper
+  const auto self = shared_from_this();  // the start callback may release the wrapper
   startBlock_();
   task_.reset();
   task_ = vorlix::platform().childProcess->create(vorlix::ChildOutputs::separate, vorlix::ChildInput::pipe);
@@ -48,7 +49,7 @@ void QDTaskWrapperWithBlocks::startProcess() {
   const std::string path = arguments_->at(0);
   const std::vector<std::string> arguments(arguments_->begin() + 1, arguments_->end());
 
-  // Outputs of an earlier run stay observed: hosts may count on its last pieces.
+  // The outputs of an earlier run stay observed, because hosts may rely on its last pieces.
   const auto output = task_->standardOutput();
   const auto errorOutput = task_->standardError();
   observed_.push_back(output);
@@ -59,7 +60,7 @@ void QDTaskWrapperWithBlocks::startProcess() {
 }
 
 void QDTaskWrapperWithBlocks::stopProcess() {
-  const auto self = shared_from_this();  // the end callback may let go of the wrapper
+  const auto self = shared_from_this();  // the end callback may release the wrapper
   for (const auto& output : std::exchange(observed_, {})) output->cancelBackgroundRead();
   if (task_) task_->terminate();
   endBlock_();
@@ -70,12 +71,12 @@ void QDTaskWrapperWithBlocks::getData(const vorlix::ReadCompletion& chunk) {
     if (takeWaitingErrors(chunk.object)) stopProcess();
     return;
   }
-  outputBlock_(textOf(chunk.data));
+  outputBlock_(utf8Text(chunk.data));
   readInBackground(chunk.object, &QDTaskWrapperWithBlocks::getData);
 }
 
-// What a program complains of last and the end of its output are often there to be read together, and the listening
-// ends with the latter. What standard error holds then is one piece at most, as large as a pipe is.
+// The last error messages of a program and the end of its output often arrive together, and the end of output ends the
+// run. So this first delivers what standard error holds: at most one piece, of the size of a pipe.
 bool QDTaskWrapperWithBlocks::takeWaitingErrors(const std::shared_ptr<vorlix::ChildOutput>& ended) {
   if (!task_ || ended != task_->standardOutput() || !isObserved(ended)) return true;
   const auto errorOutput = task_->standardError();
@@ -86,7 +87,7 @@ bool QDTaskWrapperWithBlocks::takeWaitingErrors(const std::shared_ptr<vorlix::Ch
 }
 
 void QDTaskWrapperWithBlocks::getStdErr(const vorlix::ReadCompletion& chunk) {
-  if (!chunk.data.empty()) errorOutputBlock_(textOf(chunk.data));
+  if (!chunk.data.empty()) errorOutputBlock_(utf8Text(chunk.data));
   readInBackground(chunk.object, &QDTaskWrapperWithBlocks::getStdErr);
 }
 
@@ -103,11 +104,11 @@ bool QDTaskWrapperWithBlocks::isObserved(const std::shared_ptr<vorlix::ChildOutp
   return std::find(observed_.begin(), observed_.end(), output) != observed_.end();
 }
 
-// An output that is not observed any more, because a callback has stopped the run, has no one to read for.
+// Does nothing for an output that is no longer observed because a callback has stopped the run.
 void QDTaskWrapperWithBlocks::readInBackground(const std::shared_ptr<vorlix::ChildOutput>& output, Handler handler) {
   if (!isObserved(output)) return;
   const std::weak_ptr<Object> wrapper = weak_from_this();
-  // The output keeps the completion, so this must not keep the output.
+  // The output owns the completion, so the completion must not own the output.
   const std::weak_ptr<vorlix::ChildOutput> end = output;
   output->readInBackground([wrapper, end, handler](const vorlix::Data& data) {
     const auto self = std::static_pointer_cast<QDTaskWrapperWithBlocks>(wrapper.lock());

@@ -8,12 +8,12 @@ namespace vorlix {
 namespace {
 
 Platform& current() {
-  static auto* const instance =
-      new Platform(nativePlatform());  // never destroyed, as what is shared needs it to the end
+  // Never destroyed: shared objects need it until the process ends.
+  static auto* const instance = new Platform(nativePlatform());
   return *instance;
 }
 
-// A host's set may be older than a port.
+// A host may have been written before a port was added.
 void fillIn(Platform& set) {
   std::optional<Platform> native;
   const auto fill = [&](auto port) {
@@ -40,6 +40,8 @@ void fillIn(Platform& set) {
   fill(&Platform::pauses);
   fill(&Platform::systemPaths);
   fill(&Platform::userLocale);
+  fill(&Platform::unpacking);
+  fill(&Platform::blockCoding);
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
-#include <memory>
 
 namespace vorlix {
 namespace {
@@ -49,7 +48,7 @@ std::string pathInAnySpelling(std::string folder, std::initializer_list<const ch
     if (!files.kindOf(path)) {
       found = spellingsOf(files.namesIn(folder).value_or(std::vector<std::string>()), name);
     }
-    std::sort(found.begin(), found.end());  // where several stand there, the same one each time
+    std::sort(found.begin(), found.end());  // if there are several spellings, always use the same one
     folder = found.empty() ? path : appendPathComponent(folder, found.front());
   }
   return folder;

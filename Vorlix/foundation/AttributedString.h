@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// Text with attributes, such as fonts and links, on stretches of it.
+/// Text whose parts have attributes, such as fonts and links.
 #pragma once
 
 #include <Vorlix/foundation/Export.h>
@@ -14,41 +14,40 @@
 
 namespace vorlix {
 
-/// Text in runs, each with its attributes by name.
+/// Text that consists of runs, each with named attributes.
 ///
-/// The runs lie one after the other from the start of the text to its end; text without attributes is a run with none.
-/// Places and lengths count UTF-16 code units, as archives do: one for a character, two for one beyond U+FFFF. Bytes of
-/// the text that are no UTF-8 are replaced by U+FFFD.
+/// The runs cover the whole text in order; text without attributes is a run with none. Locations and lengths count
+/// UTF-16 code units, as archives do: one for a character, two for a character beyond U+FFFF. U+FFFD replaces bytes
+/// that are not UTF-8.
 class VORLIX_EXPORT AttributedString {
  public:
   struct Run {
     size_t location = 0;
     size_t length = 0;
-    std::shared_ptr<const Dictionary> attributes;  ///< never null; shared and not changed any more
+    std::shared_ptr<const Dictionary> attributes;  ///< never null; shared and immutable
   };
 
   AttributedString() = default;
 
-  /// One run over the whole text; none if the text is empty.
+  /// Makes one run of the whole text, or no run if the text is empty.
   explicit AttributedString(std::string text, Dictionary attributes = {});
 
-  /// Text with runs of these lengths and attributes; their locations are not looked at. Absent if the lengths do not
-  /// add up to the text's or one of them is 0.
+  /// Returns text with runs of these lengths and attributes; their locations are ignored. Absent if a length is 0 or if
+  /// the lengths do not add up to the length of the text.
   static std::optional<AttributedString> withRuns(std::string text, std::vector<Run> runs);
 
-  /// Puts text at the end. It continues the last run if its attributes are the same.
+  /// Appends text. It extends the last run if that has the same attributes.
   void append(const std::string& text, Dictionary attributes = {});
 
-  /// The plain characters.
+  /// Returns the text without attributes.
   const std::string& string() const { return text_; }
 
-  /// UTF-16 code units of the text.
+  /// Returns the length of the text in UTF-16 code units.
   size_t length() const;
 
   const std::vector<Run>& runs() const { return runs_; }
 
-  /// The same text, with the same attributes on the same stretches. Dictionaries within attributes count as the same
-  /// only if they are one.
+  /// Compares the text, the runs and their attributes. Dictionaries inside attributes are compared by identity.
   bool operator==(const AttributedString& other) const;
 
  private:

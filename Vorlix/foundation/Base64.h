@@ -11,10 +11,10 @@
 
 namespace vorlix {
 
-/// Standard base64 with padding, without line breaks.
+/// Returns bytes in standard base64 with padding and without line breaks.
 VORLIX_EXPORT std::string encodeBase64(std::string_view bytes);
 
-/// The bytes of standard base64 with padding. Absent for text that holds anything else, a line break included.
+/// Returns the bytes of standard base64 with padding. Absent if the text contains anything else, even a line break.
 VORLIX_EXPORT std::optional<std::string> decodeBase64(std::string_view text);
 
 }  // namespace vorlix

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// Texts without regard to case, ASCII letters only.
+/// Comparing texts without regard to the case of ASCII letters.
 #pragma once
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 
 namespace vorlix {
 
-/// The text with A to Z in lower case; other bytes stay as they are.
+/// Returns the text with A to Z in lower case. Other bytes do not change.
 inline std::string lowerCase(std::string_view text) {
   std::string lower(text);
   std::transform(lower.begin(), lower.end(), lower.begin(),
@@ -17,7 +17,7 @@ inline std::string lowerCase(std::string_view text) {
   return lower;
 }
 
-/// Returns whether `part` stands anywhere in `text`.
+/// Returns whether `text` contains `part`.
 inline bool containsInAnyCase(std::string_view text, std::string_view part) {
   return lowerCase(text).find(lowerCase(part)) != std::string::npos;
 }

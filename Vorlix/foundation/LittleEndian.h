@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// Numbers as they stand on disks: the lowest byte first.
+/// Numbers as disks store them: the lowest byte first.
 #pragma once
 
 #include <cstddef>
@@ -9,14 +9,14 @@
 
 namespace vorlix {
 
-/// A number of at most eight bytes.
+/// Reads a number of at most eight bytes.
 constexpr uint64_t littleEndian(const uint8_t* bytes, size_t count) {
   uint64_t value = 0;
   for (size_t i = count; i > 0; --i) value = value << 8 | bytes[i - 1];
   return value;
 }
 
-/// The same, `offset` bytes into a run of bytes that is long enough.
+/// Reads a number at `offset` of a range of bytes that is long enough.
 template <typename Bytes>
 constexpr uint64_t littleEndian(const Bytes& bytes, size_t offset, size_t count) {
   return littleEndian(std::data(bytes) + offset, count);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// Tells those who asked for it that something happened.
+/// Notifies observers of events.
 #pragma once
 
 #include <Vorlix/foundation/Export.h>
@@ -14,7 +14,7 @@
 
 namespace vorlix {
 
-/// What happened, and to which object. The object may be null.
+/// An event, and the object that it is about, which may be null.
 struct Notification {
   std::string name;
   std::shared_ptr<Object> object;
@@ -30,7 +30,7 @@ class VORLIX_EXPORT NotificationCenter {
  public:
   using Observer = std::function<void(const Notification&)>;
 
-  /// Names one observation. It is never used again in the same centre.
+  /// Identifies one observation. It is never reused in the same centre.
   using Token = uint64_t;
 
   NotificationCenter();
@@ -38,21 +38,21 @@ class VORLIX_EXPORT NotificationCenter {
   NotificationCenter(const NotificationCenter&) = delete;
   NotificationCenter& operator=(const NotificationCenter&) = delete;
 
-  /// The process's own centre, which the library posts to. It lives as long as the process.
+  /// Returns the centre of the process, which the library posts to. It exists as long as the process.
   static NotificationCenter& defaultCenter();
 
-  /// Adds an observer of notifications of that name, or of any name if it is absent, about that object, or about any
-  /// if it is null. The object is compared by address and not kept alive.
+  /// Adds an observer of notifications with that name, or any name if it is absent, about that object, or any object if
+  /// it is null. The object is compared by address and not kept alive.
   Token addObserver(std::optional<std::string> name, const Object* object, Observer observer);
 
-  /// Ends an observation. An observer that is running on another thread meanwhile finishes; it is not called again. A
-  /// token that ended already is let pass.
+  /// Removes an observer. If it is running on another thread, it finishes and is not called again. Removing an unknown
+  /// token does nothing.
   void removeObserver(Token token);
 
-  /// Calls the observers whose name and object fit, in the order in which they were added, on the calling thread, and
-  /// returns when all have returned. No lock is held meanwhile, so an observer may add and remove observers and post:
-  /// one that was added since is left out, one that was removed before its turn is not called. What an observer throws
-  /// passes through; those after it are then not called.
+  /// Calls the matching observers on the calling thread in the order in which they were added, and returns when all
+  /// have returned. No lock is held meanwhile, so observers may add and remove observers and post notifications:
+  /// observers that are added meanwhile are not called, and neither are those that are removed before their turn. An
+  /// exception of an observer is passed on, and the observers after it are not called.
   void post(const Notification& notification);
 
  private:

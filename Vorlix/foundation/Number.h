@@ -10,8 +10,8 @@
 
 namespace vorlix {
 
-/// A truth value, a whole number or a floating-point number, which remembers which of them it was made from. Each can
-/// be asked for as any of the three. Two numbers are equal if kind and value are.
+/// A boolean, an integer or a floating-point number. It knows which of these it was made from and converts to all of
+/// them. Two numbers are equal if their kinds and values are.
 class Number {
  public:
   static Number numberWithBool(bool value) { return Number(value); }
@@ -21,13 +21,13 @@ class Number {
   bool isBool() const { return std::holds_alternative<bool>(value_); }
   bool isDouble() const { return std::holds_alternative<double>(value_); }
 
-  /// False for zero and for false only.
+  /// Returns false for zero and false, true for everything else.
   bool boolValue() const {
     return std::visit([](auto value) { return value != decltype(value){}; }, value_);
   }
 
-  /// A floating-point number is cut towards zero. One that is beyond the range gives the range's end, one that is not a
-  /// number 0.
+  /// Returns the number as an integer. A floating-point number is rounded towards zero and limited to the range; NaN
+  /// becomes 0.
   int64_t longLongValue() const {
     const double* const real = std::get_if<double>(&value_);
     if (real == nullptr) return std::holds_alternative<bool>(value_) ? boolValue() : std::get<int64_t>(value_);
@@ -43,8 +43,8 @@ class Number {
   }
 
   friend bool operator==(const Number&, const Number&) = default;
-  /// An order for containers: by kind, floating-point numbers then by their bits, so that each value has a place of its
-  /// own, one that is not a number included.
+  /// An order for containers: by kind, then by value. Floating-point numbers are compared by their bits, so that NaN
+  /// has a place as well.
   friend bool operator<(const Number& left, const Number& right) {
     if (left.isDouble() && right.isDouble()) return left.bits() < right.bits();
     return left.value_ < right.value_;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// The root of the object face.
+/// The base class of the library's objects.
 #pragma once
 
 #include <Vorlix/foundation/Export.h>
@@ -9,8 +9,8 @@
 
 namespace vorlix {
 
-/// The base of every class that hosts and the library hand to each other. Objects are made by their classes' factories
-/// and shared; the last owner ends them. What is compared or posted as "the same object" is the same by address.
+/// The base of every class whose objects hosts and the library exchange. Factories of the classes create shared
+/// objects; the last owner destroys them. Objects are compared by address.
 class VORLIX_EXPORT Object : public std::enable_shared_from_this<Object> {
  public:
   virtual ~Object() = default;

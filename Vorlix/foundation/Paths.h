@@ -8,8 +8,7 @@
 
 namespace vorlix {
 
-/// A path and a component, with one slash between them however many they bring. An empty path gives the component as it
-/// is.
+/// Joins a path and a component with exactly one slash. If the path is empty, returns the component unchanged.
 inline std::string appendPathComponent(std::string_view path, std::string_view component) {
   if (path.empty()) return std::string(component);
   while (path.ends_with('/')) path.remove_suffix(1);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// A program that is ready to be started.
+/// A program with its arguments.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@
 namespace vorlix {
 
 struct Task {
-  std::string launchPath;              ///< the executable's full path; it is not looked for elsewhere
+  std::string launchPath;              ///< the full path of the executable; there is no search path
   std::vector<std::string> arguments;  ///< without the program's own name
 };
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// The location of a file as a value.
+/// A file URL as a value.
 #pragma once
 
 #include <string>
@@ -8,13 +8,13 @@
 
 namespace vorlix {
 
-/// A file URL, kept as the file-system path that it names. Two are equal if their paths are.
+/// A file URL, stored as its path. Two URLs are equal if their paths are.
 class URL {
  public:
   URL() = default;
 
-  /// @param path         without a slash at its end, but for "/"; it may be relative.
-  /// @param isDirectory  whether the URL's own text ends with a slash, as that of a folder does.
+  /// @param path         without a slash at its end, except for "/"; may be relative.
+  /// @param isDirectory  whether the text of the URL ends with a slash, as that of a folder does.
   static URL fileURLWithPath(std::string path, bool isDirectory = false) {
     URL url;
     url.path_ = std::move(path);

@@ -19,15 +19,15 @@ class UUID {
   UUID() = default;
   explicit UUID(const Bytes& bytes) : bytes_(bytes) {}
 
-  /// A new identifier of version 4: 122 random bits.
+  /// Returns a new identifier of version 4: 122 random bits.
   static UUID random();
 
-  /// Reads 8-4-4-4-12 hexadecimal digits of either case. Absent for any other text.
+  /// Parses 8-4-4-4-12 hexadecimal digits of either case. Absent for any other text.
   static std::optional<UUID> fromText(std::string_view text);
 
   const Bytes& bytes() const { return bytes_; }
 
-  /// Upper-case groups 8-4-4-4-12.
+  /// Returns the groups 8-4-4-4-12 in upper case.
   std::string text() const;
 
   friend bool operator==(const UUID&, const UUID&) = default;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// Plain values in dictionaries, as system services hand them out.
+/// Plain values and dictionaries of them, as system services return them.
 #pragma once
 
 #include <Vorlix/foundation/URL.h>
@@ -23,31 +23,31 @@ struct Array;
 /// Uninterpreted bytes.
 using Data = std::vector<uint8_t>;
 
-/// A truth value, a whole number, a number with a fraction, UTF-8 text, bytes, an identifier, a location, or a
-/// dictionary or list, which is shared and not changed any more.
+/// A boolean, an integer, a floating-point number, UTF-8 text, bytes, an identifier, a URL, or a shared, immutable
+/// dictionary or list.
 using Value = std::variant<bool, int64_t, double, std::string, Data, UUID, URL, std::shared_ptr<const Dictionary>,
                            std::shared_ptr<const Array>>;
 
-/// Values in their order, owned by the list.
+/// A list that owns its values.
 struct Array {
   std::vector<Value> values;
 };
 
-/// Values by key, owned by the dictionary.
+/// A dictionary that owns its values.
 class Dictionary {
  public:
-  /// Puts a value in place of one that may be there.
+  /// Sets a value and replaces one with the same key.
   void set(std::string key, Value value) { values_.insert_or_assign(std::move(key), std::move(value)); }
 
   bool contains(const std::string& key) const { return values_.contains(key); }
 
-  /// The value if it is there, whatever its type.
+  /// Returns the value of any type. Absent if there is none.
   std::optional<Value> value(const std::string& key) const {
     const auto found = values_.find(key);
     return found == values_.end() ? std::nullopt : std::optional<Value>(found->second);
   }
 
-  /// The value if it is there and of that type.
+  /// Return the value if it has that type. Absent if it has another type or there is none.
   std::optional<bool> boolean(const std::string& key) const { return as<bool>(key); }
   std::optional<int64_t> integer(const std::string& key) const { return as<int64_t>(key); }
   std::optional<double> real(const std::string& key) const { return as<double>(key); }
@@ -56,17 +56,17 @@ class Dictionary {
   std::optional<UUID> uuid(const std::string& key) const { return as<UUID>(key); }
   std::optional<URL> url(const std::string& key) const { return as<URL>(key); }
 
-  /// The dictionary under the key, or null.
+  /// Returns the dictionary with that key, or null.
   std::shared_ptr<const Dictionary> dictionary(const std::string& key) const {
     return as<std::shared_ptr<const Dictionary>>(key).value_or(nullptr);
   }
 
-  /// The list under the key, or null.
+  /// Returns the list with that key, or null.
   std::shared_ptr<const Array> array(const std::string& key) const {
     return as<std::shared_ptr<const Array>>(key).value_or(nullptr);
   }
 
-  /// All values, in the order of their keys.
+  /// Returns all values in the order of their keys.
   const std::map<std::string, Value>& values() const { return values_; }
 
  private:

@@ -14,93 +14,93 @@
 
 namespace vorlix {
 
-/// The least time between two empty chunks of one pipe.
+/// The shortest time between two empty chunks from one pipe.
 inline constexpr std::chrono::milliseconds kEndedReadInterval{100};
 
-/// The read end of a pipe that a child writes to. Only the thread that reads it uses it.
+/// The read end of a pipe that a child writes to. Only one thread uses it.
 class ChildOutput {
  public:
   using Completion = std::function<void(const Data& chunk)>;
 
   virtual ~ChildOutput() = default;
 
-  /// Waits until there is something to read and takes what is there. Empty at the end, that is when nobody has the
-  /// pipe's other end open any more: the child, those it started, and a handle whose child was not launched.
+  /// Waits until something can be read and returns it. Returns an empty chunk at the end: when the child, the processes
+  /// that it started and a handle whose child was not launched have all closed the other end of the pipe.
   virtual Data read() = 0;
 
-  /// Takes what is there to be read now, without waiting. Empty if there is nothing, for now or because of the end.
+  /// Returns what can be read now, without waiting. Empty if nothing can be read yet, and at the end.
   virtual Data readAvailable() = 0;
 
-  /// Begins a read that the calling thread's run loop completes, once, while it runs in the default mode: as soon as
-  /// there is something to read, with what is there, or at the end with an empty chunk. Where a read is pending, the
-  /// new one takes its place.
+  /// Begins a read that the run loop of the calling thread completes, once, while it runs in the default mode: with a
+  /// chunk as soon as something can be read, or with an empty chunk at the end. It replaces a pending read.
   ///
-  /// At the end each further read completes with an empty chunk, too, but not before kEndedReadInterval has passed: who
-  /// always begins the next one does not keep the processor busy. Such a read does not complete where the system has no
-  /// timer left.
+  /// At the end, every further read also completes with an empty chunk, but only after kEndedReadInterval, so that a
+  /// caller that always begins the next read does not keep the processor busy. Such a read never completes if the
+  /// system has no timer left.
   ///
-  /// The completion may begin the next read, run the loop and let go of this object. A read that is pending when this
-  /// object goes does not complete.
+  /// The completion may begin the next read, run the loop and release this object. Destroying this object cancels a
+  /// pending read.
   virtual void readInBackground(Completion completion) = 0;
 
-  /// Ends a pending read, which then does not complete. Without one this does nothing.
+  /// Cancels a pending read, which then does not complete. Does nothing if none is pending.
   virtual void cancelBackgroundRead() = 0;
 };
 
 /// The handle of one child process.
 ///
-/// Letting go of it closes the standard-input pipe; nothing else happens to a child that still runs. What the system
-/// keeps of an ended child is released when its status is asked for or its handle goes, and for a child that ends after
-/// that, when the process next launches a child or lets go of one.
+/// Destroying the handle closes the standard-input pipe and does nothing else to a child that is still running. The
+/// system's record of an ended child is released when its status is asked for or its handle is destroyed. For a child
+/// that ends later, it is released when the process next launches a child or destroys a handle.
 class Child {
  public:
   virtual ~Child() = default;
 
-  /// The end to read standard output from. It may outlive this handle.
+  /// Returns the read end of standard output. It may outlive this handle.
   virtual std::shared_ptr<ChildOutput> standardOutput() = 0;
 
-  /// The end to read standard error from: that of standard output if they share a pipe.
+  /// Returns the read end of standard error: that of standard output if both share a pipe.
   virtual std::shared_ptr<ChildOutput> standardError() = 0;
 
-  /// Starts the program, once in the handle's life. It finds the arguments after its own path, the host's environment
-  /// and working folder, the three standard streams and no other descriptor, no signal blocked and the default answer
-  /// to each. The host's own signal mask and handlers stay as they are.
-  /// @param path  the executable; it is not looked for along a search path, and no shell is involved.
-  /// @throws std::system_error  when it could not be started. The pipes stay open until the handle goes.
+  /// Starts the program. A handle can do this once. The program gets its path and the arguments, the host's environment
+  /// and working folder, the three standard streams and no other descriptor. No signal is blocked, and each has its
+  /// default action. The host's own signal mask and handlers do not change.
+  /// @param path  the executable. There is no search path and no shell.
+  /// @throws std::system_error  if the program cannot be started. The pipes stay open until the handle is destroyed.
   virtual void launch(const std::string& path, const std::vector<std::string>& arguments) = 0;
 
-  /// Whether it was launched and has not ended. Any thread may ask.
+  /// Returns whether the program was launched and has not ended. Any thread may call this.
   virtual bool isRunning() = 0;
 
-  /// The exit status, 0 to 255, or the number of the signal that ended it. 0 while it runs or when it was not launched,
-  /// -1 when somebody else has taken the status from the system. Any thread may ask.
+  /// Returns the exit status, 0 to 255, or the number of the signal that ended the program. Returns 0 while it runs or
+  /// if it was not launched, and -1 if other code of the host has taken the status from the system. Any thread may call
+  /// this.
   virtual int32_t terminationStatus() = 0;
 
-  /// Asks it to end (SIGTERM); it may do so later or not at all. Those that it started are not asked. Without a running
-  /// child this does nothing. A child whose standard output has been read to the end is about to exit as a rule, and is
-  /// given a tenth of a second for it, so that its status stays its own. Any thread may ask.
+  /// Asks the program to end (SIGTERM). It may end later or not at all; the processes that it started get no signal.
+  /// Does nothing if the program is not running. A program whose standard output was read to the end usually exits by
+  /// itself: it gets 100 ms for that before the signal, so that it keeps its exit status. Any thread may call this.
   virtual void terminate() = 0;
 };
 
-/// Where a child's two outputs go.
+/// Which pipes the two outputs of a child use.
 enum class ChildOutputs {
-  separate,     ///< a pipe for each
-  errorUnread,  ///< likewise, and nobody will read standard error: what is more than its pipe holds cannot be written
+  separate,     ///< one pipe each
+  errorUnread,  ///< one pipe each, and nobody reads standard error: the child's writes fail when that pipe is full
   shared,       ///< one pipe for both, in the order in which the child writes
 };
 
 /// Where a child's standard input comes from.
 enum class ChildInput {
-  pipe,       ///< a pipe that is never written to; it ends when the handle goes
-  inherited,  ///< the host's own
+  pipe,       ///< a pipe that is never written to; it ends when the handle is destroyed
+  inherited,  ///< the host's own input
 };
 
 class ChildProcess {
  public:
   virtual ~ChildProcess() = default;
 
-  /// A handle with its pipes and no process yet. Never null.
-  /// @throws std::system_error  when the pipes cannot be made.
+  /// Returns a handle with pipes and no process yet. Never null.
+  /// @throws std::system_error  if the pipes cannot be made.
   virtual std::shared_ptr<Child> create(ChildOutputs outputs, ChildInput input) = 0;
 };
 

@@ -8,25 +8,26 @@
 
 namespace vorlix {
 
-/// How far a check went, in the order of its steps; each is taken only if the one before succeeded.
+/// How far a check went. Each step is done only if the step before succeeded.
 enum class CodeCheck {
   numberFailed,       ///< the process identifier could not be put into the system's form
-  attributesFailed,   ///< nor the attributes that name the process
-  guestFailed,        ///< no such process runs, or its code cannot be reached
-  requirementFailed,  ///< the requirement text was not understood
+  attributesFailed,   ///< the attributes that name the process could not be made
+  guestFailed,        ///< no such process is running, or its code cannot be accessed
+  requirementFailed,  ///< the requirement has another form than this system understands
   invalid,            ///< the code does not satisfy the requirement
-  valid,              ///< it does
+  valid,              ///< the code satisfies the requirement
 };
 
 class CodeSigning {
  public:
   virtual ~CodeSigning() = default;
 
-  /// Checks the code of a process against a requirement in the system's requirement language. An answer other than
-  /// `valid` refuses the process; what cannot be found out is never `valid`. Any thread may ask.
+  /// Checks the code of a process against a requirement in the system's requirement language. Any result other than
+  /// `valid` means that the process is refused; the result is never `valid` if something cannot be found out. Any
+  /// thread may call this.
   ///
-  /// A process identifier does not name one process for good: the answer is about the process that has it during the
-  /// call, and about the code that this process runs during the call.
+  /// Process identifiers are reused. The result is about the process that has the identifier during the call, and about
+  /// the code that this process runs during the call.
   virtual CodeCheck check(int32_t process, const std::string& requirement) = 0;
 };
 

@@ -11,7 +11,7 @@
 
 namespace vorlix {
 
-/// Closes its descriptor at the end of its life, with `errno` left as it was.
+/// Owns a descriptor: closes it when destroyed and keeps `errno` unchanged.
 class Descriptor {
  public:
   Descriptor() = default;
@@ -41,10 +41,10 @@ class Descriptor {
   int number_ = -1;
 };
 
-/// Gives an open file that may be written to a number that no standard stream has: where a host has closed a stream,
-/// its number goes to the next file that is opened, and what is printed would go into that.
-/// @param descriptor  taken over; -1 for a file that could not be opened.
-/// @return -1 with `errno` set on failure.
+/// Moves an open file to a descriptor above those of the standard streams. If a host has closed a standard stream, the
+/// next file that is opened gets its number, and whatever the host prints would be written to that file.
+/// @param descriptor  is taken over; -1 if the file could not be opened.
+/// @return the new descriptor, or -1 with `errno` set.
 inline int aboveStandardStreams(int descriptor) {
   if (descriptor < 0 || descriptor > STDERR_FILENO) return descriptor;
   const Descriptor low(descriptor);

@@ -14,9 +14,9 @@ class DeviceStreams {
  public:
   virtual ~DeviceStreams() = default;
 
-  /// Opens a stream for reading from the start of `device`. It owns the device; fclose() closes it. Positions past the
-  /// end can be reached and read as the end of the file.
-  /// @return the stream, or null with `errno` set; the device is then closed.
+  /// Opens a stream that reads from the start of `device`. The stream owns the device; fclose() closes both. Seeking
+  /// past the end succeeds, and reading there returns the end of the file.
+  /// @return the stream, or null with `errno` set; the device is closed then.
   virtual FILE* streamOver(std::unique_ptr<DeviceHandle> device) = 0;
 };
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// Port: the system's disk arbitration. Disks by name or mount point, what is known of them, mounting and unmounting.
+/// Port: the system's disk arbitration: disks by name or mount point, their descriptions, mounting and unmounting.
 #pragma once
 
 #include <Vorlix/foundation/Value.h>
@@ -15,7 +15,7 @@
 
 namespace vorlix {
 
-// Keys of a disk's description, as Disk Arbitration publishes them. A key whose value is not known is absent.
+// Keys of a disk's description, as Disk Arbitration publishes them. A key whose value is unknown is absent.
 inline constexpr const char* kDescriptionDeviceGUID = "DADeviceGUID";          ///< bytes
 inline constexpr const char* kDescriptionDeviceInternal = "DADeviceInternal";  ///< boolean
 inline constexpr const char* kDescriptionDevicePath = "DADevicePath";          ///< text, path in the I/O registry
@@ -39,13 +39,13 @@ inline constexpr const char* kDescriptionVolumePath =
 inline constexpr const char* kDescriptionVolumeType = "DAVolumeType";  ///< text
 inline constexpr const char* kDescriptionVolumeUUID = "DAVolumeUUID";  ///< UUID
 
-/// Why a request was refused: one of Disk Arbitration's published codes, and a text for people (it may be empty).
+/// Why a request was refused: one of Disk Arbitration's published codes, and a text for people, which may be empty.
 struct Dissenter {
   int32_t status = 0;
   std::string text;
 };
 
-// Published dissenter codes. As signed numbers all are negative.
+// Published dissenter codes. All are negative as signed numbers.
 inline constexpr int32_t kDissentError = static_cast<int32_t>(0xF8DA0001);
 inline constexpr int32_t kDissentBusy = static_cast<int32_t>(0xF8DA0002);
 inline constexpr int32_t kDissentBadArgument = static_cast<int32_t>(0xF8DA0003);
@@ -59,26 +59,25 @@ inline constexpr int32_t kDissentNotReady = static_cast<int32_t>(0xF8DA000A);
 inline constexpr int32_t kDissentNotWritable = static_cast<int32_t>(0xF8DA000B);
 inline constexpr int32_t kDissentUnsupported = static_cast<int32_t>(0xF8DA000C);
 
-/// Told once what became of a mount or unmount: no dissenter means success.
+/// Called once with the result of a mount or unmount. No dissenter means success.
 using DiskCompletion = std::function<void(const std::optional<Dissenter>&)>;
 
-/// A disk object: a whole disk, a slice or an image file. It is a name within its session; holding one keeps nothing
-/// open.
+/// A whole disk, a slice or an image file. The object is only a name within its session and keeps nothing open.
 ///
-/// A disk may outlive its session. It still answers what it is asked; a mount or unmount is then carried out without
-/// its completion, since there is no loop to run it on.
+/// A disk may outlive its session and still be asked. A mount or unmount is then carried out without its completion,
+/// since there is no loop to run it on.
 class Disk {
  public:
   virtual ~Disk() = default;
 
-  /// The device name without "/dev/"; of a disk-image file, its path.
+  /// Returns the device name without "/dev/", or the path of a disk-image file.
   virtual std::optional<std::string> bsdName() = 0;
 
-  /// What the system knows of the disk now. Absent when it knows no such disk.
+  /// Returns what the system knows about the disk now. Absent if it knows no such disk.
   virtual std::optional<Dictionary> copyDescription() = 0;
 
-  /// Single entries of the description (kDescriptionVolumeType, VolumeUUID, MediaBlockSize, VolumePath), for callers
-  /// that need nothing else: a whole description looks at everything.
+  /// Return single entries of the description (kDescriptionVolumeType, VolumeUUID, MediaBlockSize, VolumePath), for
+  /// callers that need nothing else: a whole description takes longer, since it looks at everything.
   virtual std::optional<std::string> volumeType() {
     const std::optional<Dictionary> description = copyDescription();
     return description ? description->text(kDescriptionVolumeType) : std::nullopt;
@@ -96,37 +95,37 @@ class Disk {
     return description ? description->url(kDescriptionVolumePath) : std::nullopt;
   }
 
-  /// The whole disk that this one is a slice of, or the disk itself if it is whole. Null where there is none.
+  /// Returns the whole disk that this one is a slice of, or the disk itself if it is whole. Null if there is none.
   virtual std::shared_ptr<Disk> wholeDisk() = 0;
 
-  /// Mounts the disk's volume at a place of the system's choice. Known arguments: "nobrowse" keeps the volume out of
-  /// the desktop's lists, "rw" asks for reading and writing.
+  /// Mounts the disk's volume at a place that the system chooses. Known arguments: "nobrowse" hides the volume from the
+  /// desktop's lists, "rw" requests reading and writing.
   ///
-  /// The completion runs on the run loop that the session is scheduled on, in that mode, and never before. Without a
-  /// completion the request is carried out at the latest when the session ends.
+  /// The completion runs only on the run loop that the session is scheduled on, in that mode. A request without a
+  /// completion is carried out at the latest when the session ends.
   virtual void mount(const std::vector<std::string>& arguments, DiskCompletion completion) = 0;
 
-  /// Unmounts the disk's volume; otherwise like mount(). A volume that is not mounted is refused with
-  /// kDissentNotMounted, one in use with kDissentBusy; it then stays mounted.
+  /// Unmounts the disk's volume; otherwise like mount(). Refused with kDissentNotMounted if the volume is not mounted,
+  /// and with kDissentBusy if it is in use; it stays mounted then.
   virtual void unmount(DiskCompletion completion) = 0;
 };
 
-/// A connection to disk arbitration. Used by one thread at a time.
+/// A connection to disk arbitration. One thread at a time uses it.
 class DiskArbitrationSession {
  public:
   virtual ~DiskArbitrationSession() = default;
 
-  /// The disk of a device name, with or without "/dev/". Null for a name that no disk has; `errno` is EACCES if the
-  /// system says that the caller may not look there.
+  /// Returns the disk with a device name, with or without "/dev/". Null if no disk has that name; `errno` is EACCES
+  /// then if the caller may not look there.
   virtual std::shared_ptr<Disk> diskFromBSDName(const std::string& name) = 0;
 
-  /// The disk whose volume is mounted at a path. Null where no volume is mounted.
+  /// Returns the disk whose volume is mounted at a path. Null if no volume is mounted there.
   virtual std::shared_ptr<Disk> diskFromVolumePath(const URL& path) = 0;
 
-  /// Lets the session's completions run on a loop of the same platform, in `mode`.
+  /// Makes the session's completions run on a loop of the same platform, in `mode`.
   virtual void schedule(RunLoop& loop, const std::string& mode) = 0;
 
-  /// Ends that. A mode in which the session is not scheduled is ignored.
+  /// Undoes schedule(). Does nothing for a mode in which the session is not scheduled.
   virtual void unschedule(RunLoop& loop, const std::string& mode) = 0;
 };
 
@@ -134,10 +133,11 @@ class DiskArbitration {
  public:
   virtual ~DiskArbitration() = default;
 
-  /// Opens a connection. Null when the service cannot be reached.
+  /// Opens a connection. Null if the service cannot be reached.
   virtual std::shared_ptr<DiskArbitrationSession> createSession() = 0;
 
-  /// kDescriptionVolumeKind of the volume that is mounted at a path. Absent where none is, or its kind is not known.
+  /// Returns the kDescriptionVolumeKind of the volume that is mounted at a path. Absent if no volume is mounted there
+  /// or its kind is unknown.
   virtual std::optional<std::string> volumeKindAt(const URL& path) {
     const auto session = createSession();
     const auto disk = session ? session->diskFromVolumePath(path) : nullptr;

@@ -82,6 +82,7 @@ VORLIX_EXPORT std::optional<ChangeFailure> applyChange(const DiskChange& change)
 struct InterruptedChange {
   std::string title;
   std::string journal;  ///< folder of its journal
+  bool isLong = false;  ///< only its own command finishes it, LongChange.h
 };
 
 /// Returns this user's interrupted changes of the disk behind `device`. Writes nothing.
@@ -94,7 +95,9 @@ VORLIX_EXPORT std::vector<InterruptedChange> interruptedChanges(DeviceHandle& de
 /// Fails while the process that began a change still runs, and if the bytes on the disk are neither those before nor
 /// those after the change, because somebody else wrote there meanwhile.
 /// @param finished  receives the titles of the changes that were finished.
+/// @param except    folder of a journal that is left alone: that of the change that the caller is about to go on with
 VORLIX_EXPORT std::optional<ChangeFailure> settleInterruptedChanges(const std::string& name, DeviceHandle& device,
-                                                                    std::vector<std::string>& finished);
+                                                                    std::vector<std::string>& finished,
+                                                                    const std::string& except = "");
 
 }  // namespace vorlix

@@ -12,12 +12,11 @@ class FileCopy {
  public:
   virtual ~FileCopy() = default;
 
-  /// Copies a file, a symbolic link (as a link) or a folder with all its contents to a path that must not exist yet;
-  /// the folder it stands in must. Permissions and times, and where both file systems have them owner and extended
-  /// attributes, are kept; a file system that cannot hold one of these is no failure. What was copied before a failure
-  /// stays.
+  /// Copies a file, a symbolic link (as a link) or a folder with its contents to a path that must not exist, in a
+  /// folder that must exist. Keeps permissions and times, and the owner and extended attributes if both file systems
+  /// have them. An attribute that the file system cannot store is no failure. What was copied before a failure stays.
   ///
-  /// @return absent for success, else the reason in words.
+  /// @return the reason of a failure as text; absent for success.
   virtual std::optional<std::string> copyItem(const std::string& source, const std::string& destination) = 0;
 };
 

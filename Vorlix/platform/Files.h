@@ -10,31 +10,31 @@
 
 namespace vorlix {
 
-/// What stands at a path.
+/// What a path leads to.
 enum class FileKind {
   file,    ///< a regular file
   folder,  ///< a folder
   other    ///< a device, a pipe or a socket
 };
 
-/// Looks and never writes. Any thread may ask. A path is taken as it is: "~" is a name like any other, and a relative
-/// path begins at the process's working folder.
+/// Never writes. Any thread may call it. Paths are used unchanged: "~" has no meaning, and a relative path begins at
+/// the process's working folder.
 class Files {
  public:
   virtual ~Files() = default;
 
-  /// What stands at a path, symbolic links followed. Absent if nothing does, if a link leads nowhere, or if the system
-  /// refuses to tell.
+  /// Returns what a path leads to, following symbolic links. Absent if it does not exist, if a link leads nowhere, or
+  /// if the process may not look there.
   virtual std::optional<FileKind> kindOf(const std::string& path) = 0;
 
-  /// Returns whether the last name of a path is a symbolic link, wherever that leads.
+  /// Returns whether the last name of a path is a symbolic link, wherever it leads.
   virtual bool isLink(const std::string& path) = 0;
 
-  /// Names of a folder's entries, without "." and "..", in the order that the file system gives them. Absent if the
-  /// folder cannot be listed.
+  /// Returns the names in a folder without "." and "..", in the file system's order. Absent if the folder cannot be
+  /// listed.
   virtual std::optional<std::vector<std::string>> namesIn(const std::string& folder) = 0;
 
-  /// The bytes of a file. Absent if it cannot be read or is larger than `limit` bytes.
+  /// Returns the bytes of a file. Absent if it cannot be read or is larger than `limit` bytes.
   virtual std::optional<std::string> contentsOf(const std::string& path, size_t limit) = 0;
 };
 

@@ -8,15 +8,15 @@
 
 namespace vorlix {
 
-/// The host application's main bundle: programs and data files that the library uses but does not bring.
+/// The host application's main bundle: programs and data files that the library uses and the host ships.
 class HostBundle {
  public:
   virtual ~HostBundle() = default;
 
-  /// Path of the resource of that name and type, which is the file name's extension; an empty type is for a name
-  /// without one. Absent if the host ships none. Never led astray by the environment: a privileged host may run what is
-  /// found here.
-  /// @param directory  folder among the resources, such as "tools/bin"; empty for none.
+  /// Returns the path of a resource. Absent if the host does not ship it. The environment has no influence on the
+  /// search, because a privileged host may run what is found here.
+  /// @param type       the extension of the file name; empty for a name without one.
+  /// @param directory  a folder of the resources, such as "tools/bin"; empty for none.
   virtual std::optional<std::string> pathForResource(const std::string& name, const std::string& type,
                                                      const std::string& directory) = 0;
 };

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// Port: the I/O registry, a tree of the machine's devices with properties, seen through planes.
+/// Port: the I/O registry: the machine's devices with their properties, as a tree in each of several planes.
 #pragma once
 
 #include <Vorlix/foundation/Value.h>
@@ -18,41 +18,41 @@ using KernReturn = int32_t;
 inline constexpr KernReturn kKernSuccess = 0;
 inline constexpr KernReturn kKernFailure = 5;
 
-/// A token for talking to the registry.
+/// A token for calls to the registry.
 using MasterPort = uint32_t;
 
 // Planes.
 inline constexpr const char* kServicePlane = "IOService";
 inline constexpr const char* kDeviceTreePlane = "IODeviceTree";
 
-/// One device or driver. Holding it keeps it valid; letting it go releases it.
+/// One device or driver. It is valid as long as somebody holds it.
 class RegistryEntry {
  public:
   virtual ~RegistryEntry() = default;
 
-  /// One property, or absent.
+  /// Returns one property. Absent if the entry does not have it.
   virtual std::optional<Value> property(const std::string& key) = 0;
 
-  /// All properties. @return a code other than 0, and `properties` untouched, when they cannot be read.
+  /// Gets all properties. @return a code other than 0 if they cannot be read; `properties` does not change then.
   virtual KernReturn copyProperties(std::optional<Dictionary>& properties) = 0;
 
-  /// The entry above this one in a plane. @return a code other than 0 and null when there is none.
+  /// Gets the entry above this one in a plane. @return a code other than 0 if there is none; `parent` is null then.
   virtual KernReturn parent(const std::string& plane, std::shared_ptr<RegistryEntry>& parent) = 0;
 
-  /// The path in a plane, "<plane>:/...". @return a code other than 0 when the entry is not in that plane.
+  /// Gets the path in a plane, "<plane>:/...". @return a code other than 0 if the entry is not in that plane.
   virtual KernReturn path(const std::string& plane, std::string& path) = 0;
 };
 
-/// Hands out entries one by one.
+/// Returns entries one by one.
 class RegistryIterator {
  public:
   virtual ~RegistryIterator() = default;
 
-  /// The next entry, or null at the end.
+  /// Returns the next entry, or null at the end.
   virtual std::shared_ptr<RegistryEntry> next() = 0;
 };
 
-/// What services are looked for. Every condition that is given must hold.
+/// The conditions of a search for services. All that are given must be met.
 struct RegistryMatching {
   std::optional<std::string> className;  ///< such as "IOMedia"; an entry of a derived class matches as well
   std::optional<std::string> bsdName;    ///< such as "disk0s1", without "/dev/"
@@ -63,22 +63,22 @@ class IORegistry {
  public:
   virtual ~IORegistry() = default;
 
-  /// Gets the port for the other calls. They go on working with a port that could not be had (0).
+  /// Gets the port for the other calls. They also work with 0, the port after a failure.
   virtual KernReturn masterPort(MasterPort& port) = 0;
 
-  /// The BSD name under which the registry shows a device that somebody named with or without "/dev/". Ask for it
-  /// before a walk that looks for the device: systems without a list of their disk-image files show those in a walk
-  /// that were named. A name that no device has comes back without "/dev/".
+  /// Returns the BSD name that the registry has for a device whose name is given with or without "/dev/". A name that
+  /// no device has is returned without "/dev/". Call this before a walk that searches for the device: systems without a
+  /// list of their disk-image files only show image files that were named before.
   virtual std::string bsdNameFor(const std::string& device) {
     constexpr std::string_view kDeviceFolder = "/dev/";
     return device.starts_with(kDeviceFolder) ? device.substr(kDeviceFolder.size()) : device;
   }
 
-  /// An iterator over all entries of a plane, from the root down.
+  /// Gets an iterator over all entries of a plane, from the root down.
   virtual KernReturn createIterator(MasterPort port, const std::string& plane,
                                     std::shared_ptr<RegistryIterator>& iterator) = 0;
 
-  /// The services that match. No match gives an empty iterator (or null) and success.
+  /// Gets the services that match. If none does, the call succeeds and the iterator is empty or null.
   virtual KernReturn matchingServices(MasterPort port, const RegistryMatching& matching,
                                       std::shared_ptr<RegistryIterator>& iterator) = 0;
 };

@@ -31,7 +31,8 @@ struct KeptChange {
   /// What undoes it: `before` is what the change wrote, `after` is what was there. The devices have no handles yet.
   DiskChange undo;
   std::vector<std::optional<uint64_t>> offsets;  ///< of each device: bytes from the start of its disk, if known
-  std::vector<FileChange> files;                 ///< in the order in which they were changed
+  std::string lost;  ///< the device whose content was overwritten, which cannot be restored; empty if none was
+  std::vector<FileChange> files;  ///< in the order in which they were changed
 };
 
 /// Keeps changes to files of mounted volumes. Call it before the files change.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// Port: letting time pass.
+/// Port: waiting for a given time.
 #pragma once
 
 #include <chrono>
@@ -11,7 +11,7 @@ class Pauses {
  public:
   virtual ~Pauses() = default;
 
-  /// Blocks the calling thread for a time.
+  /// Blocks the calling thread for that time.
   virtual void pause(std::chrono::milliseconds time) = 0;
 };
 

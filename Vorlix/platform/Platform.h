@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// The set of ports in force in this process.
+/// The ports that this process uses.
 ///
-/// The library reaches the operating system only through these objects. A host that wants to test against a machine
-/// of its own making puts another set in place before it calls anything else; the set is not guarded against being
-/// replaced while it is in use.
+/// The library uses the operating system only through these objects. A host can replace them, for tests against a
+/// simulated machine, before it calls anything else. Replacing them while they are in use is not thread-safe.
 #pragma once
 
 #include <Vorlix/foundation/Export.h>
@@ -13,6 +12,7 @@
 
 namespace vorlix {
 
+class BlockCoding;
 class ChildProcess;
 class CodeSigning;
 class DeviceFile;
@@ -29,11 +29,12 @@ class RunLoops;
 class Shell;
 class SystemLog;
 class SystemPaths;
+class Unpacking;
 class UserIdentity;
 class UserLocale;
 class VolumeMirrors;
 
-/// One object a port. None is null in a set that is in force.
+/// One object for each port. In the set in use none is null.
 struct Platform {
   std::shared_ptr<DeviceFile> deviceFile;
   std::shared_ptr<DiskArbitration> diskArbitration;
@@ -54,15 +55,17 @@ struct Platform {
   std::shared_ptr<Pauses> pauses;
   std::shared_ptr<SystemPaths> systemPaths;
   std::shared_ptr<UserLocale> userLocale;
+  std::shared_ptr<Unpacking> unpacking;
+  std::shared_ptr<BlockCoding> blockCoding;
 };
 
-/// The ports of the operating system that this library was built for.
+/// Returns the ports of the operating system that this library was built for.
 VORLIX_EXPORT Platform nativePlatform();
 
-/// The set in force, the native one unless setPlatform() put another in its place.
+/// Returns the set in use: the native one, unless setPlatform() has replaced it.
 VORLIX_EXPORT const Platform& platform();
 
-/// Puts a set in force. A port that is null in it is the native one. @return the set that was in force before.
+/// Replaces the set in use. A port that is null is replaced by the native one. @return the set used before.
 VORLIX_EXPORT Platform setPlatform(Platform replacement);
 
 }  // namespace vorlix

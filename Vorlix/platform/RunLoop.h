@@ -13,21 +13,21 @@ namespace vorlix {
 inline constexpr const char* kDefaultRunLoopMode = "kCFRunLoopDefaultMode";
 
 enum class RunLoopResult {
-  noSources,      ///< the mode has no source; returned at once
-  timedOut,       ///< the time passed and nothing happened
+  noSources,      ///< the mode has no source; the call returned at once
+  timedOut,       ///< nothing happened within the time limit
   handledSource,  ///< one source was handled
 };
 
 /// A thread's run loop. Only that thread uses it.
 ///
-/// Sources are added by the system services that are scheduled on it (DiskArbitrationSession::schedule()); each belongs
+/// System services that are scheduled on the loop add sources (DiskArbitrationSession::schedule()). Each source belongs
 /// to one mode and is handled only while the loop runs in that mode.
 class RunLoop {
  public:
   virtual ~RunLoop() = default;
 
-  /// Waits for the sources of `mode` and handles one. It returns as soon as one was handled, when `limit` has passed,
-  /// or at once if the mode has no sources. It sleeps while it waits.
+  /// Waits for the sources of `mode` and handles one. Returns as soon as one was handled, after `limit`, or at once if
+  /// the mode has no sources. Sleeps while waiting.
   virtual RunLoopResult run(const std::string& mode, std::chrono::milliseconds limit) = 0;
 };
 
@@ -35,7 +35,7 @@ class RunLoops {
  public:
   virtual ~RunLoops() = default;
 
-  /// The calling thread's loop, made on first use. Never null.
+  /// Returns the calling thread's loop, which is created on first use. Never null.
   virtual std::shared_ptr<RunLoop> current() = 0;
 };
 

@@ -11,8 +11,8 @@ class Shell {
  public:
   virtual ~Shell() = default;
 
-  /// Runs a command line and waits for its end. It has the host's standard streams and environment.
-  /// @return the wait status that the interpreter ended with, -1 if it could not be started.
+  /// Runs a command line with the host's standard streams and environment and waits until it ends.
+  /// @return the wait status of the interpreter, or -1 if it could not be started.
   virtual int run(const std::string& command) = 0;
 };
 

@@ -15,7 +15,7 @@ struct SliceName {
   uint32_t number;
 };
 
-/// Takes "mac.imgs3" apart into "mac.img" and 3. Absent for a name of another form or a number that is 0.
+/// Splits "mac.imgs3" into "mac.img" and 3. Absent for a name of another form and for the number 0.
 inline std::optional<SliceName> parseSliceName(const std::string& name) {
   const size_t lastOther = name.find_last_not_of("0123456789");
   if (lastOther == std::string::npos || lastOther == 0 || name[lastOther] != 's') return std::nullopt;

@@ -7,15 +7,15 @@
 
 namespace vorlix {
 
-/// How a text is worded in the system's log, on every system.
+/// The format of a message in the system's log, on every system.
 inline constexpr const char* kSystemLogFormat = "Vorlix: %s";
 
 class SystemLog {
  public:
   virtual ~SystemLog() = default;
 
-  /// Writes one message at warning level: `text` in kSystemLogFormat, up to a zero byte in it. Nobody is told when
-  /// there is no log. Any thread may write.
+  /// Writes one message at warning level: `text`, up to the first zero byte, in kSystemLogFormat. Does nothing if there
+  /// is no log. Any thread may call this.
   virtual void warn(const std::string& text) = 0;
 };
 

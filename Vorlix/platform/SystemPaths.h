@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// Port: where the library's own file and the system's tool stand.
+/// Port: the paths of the log and of the tool that the library runs.
 #pragma once
 
 #include <string>
@@ -10,19 +10,18 @@ namespace vorlix {
 /// The log file. Privileged hosts, and tools that read the log, rely on this path.
 inline constexpr const char* kLogFile = "/tmp/quandrel.log";
 
-/// The tool that reports System Integrity Protection. The library runs it nowhere else.
+/// The tool that reports System Integrity Protection. The library runs it only from this path.
 inline constexpr const char* kStatusTool = "/usr/bin/csrutil";
 
-/// Both paths are the same on every system. They are a port so that tests write no log but their own and bring a tool
-/// of their own.
+/// Both paths are the same on every system. They are a port so that tests can use their own log and their own tool.
 class SystemPaths {
  public:
   virtual ~SystemPaths() = default;
 
-  /// Full path of the log file. Any thread may ask.
+  /// Returns the full path of the log file. Any thread may call this.
   virtual std::string logFile() = 0;
 
-  /// Full path of the tool that reports System Integrity Protection.
+  /// Returns the full path of the tool that reports System Integrity Protection.
   virtual std::string statusTool() = 0;
 };
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// Port: whom this process runs for.
+/// Port: the user of this process.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@ class UserIdentity {
  public:
   virtual ~UserIdentity() = default;
 
-  /// Number of the user who started the process, whatever rights it was given since; 0 is the administrator.
+  /// Returns the number of the user who started the process, whatever rights it has now; 0 is the administrator.
   virtual uint32_t realUserID() = 0;
 };
 

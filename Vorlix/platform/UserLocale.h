@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// Port: how the user writes numbers.
+/// Port: the user's number format.
 #pragma once
 
 #include <string>
@@ -11,9 +11,9 @@ class UserLocale {
  public:
   virtual ~UserLocale() = default;
 
-  /// What stands before decimals, in UTF-8: on macOS as set in the system's preferences, elsewhere that of the locale
-  /// in LC_ALL, LC_NUMERIC or LANG. The locale that the host has set for the process does not matter and is left alone.
-  /// A point where there is none to be had.
+  /// Returns the decimal separator in UTF-8: on macOS from the user's preferences, elsewhere from the locale in LC_ALL,
+  /// LC_NUMERIC or LANG; a point if it cannot be found out. The process's locale, which belongs to the host, is neither
+  /// used nor changed.
   virtual std::string decimalSeparator() = 0;
 };
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// Names on volumes of Windows, which does not tell upper case from lower there.
+/// Names on volumes of Windows, which does not distinguish upper and lower case.
 ///
-/// Some drivers for NTFS, and the folder that a FAT volume is mirrored in, do tell them apart: what is looked for under
-/// its usual name may stand there in another spelling. The functions ask the ports in force, Files and DiskArbitration.
+/// Some NTFS drivers, and the folder of a mirrored FAT volume, do distinguish them, so a file may have another spelling
+/// than the usual one there. The functions use the ports Files and DiskArbitration.
 #pragma once
 
 #include <Vorlix/foundation/Export.h>
@@ -15,19 +15,18 @@
 
 namespace vorlix {
 
-/// Returns whether a kind or type of volume, as disk arbitration and listings name them, is one of Windows' own: NTFS,
-/// FAT, exFAT.
+/// Returns whether a kind or type of volume, as in descriptions and listings, is NTFS, FAT or exFAT.
 VORLIX_EXPORT bool isCaseBlind(std::string_view fileSystem);
 
-/// The same for the volume on a device, and for the volume that is mounted at a path. False where nothing is known.
+/// The same for the volume on a device and for the volume that is mounted at a path. False if its kind is unknown.
 VORLIX_EXPORT bool isCaseBlindDevice(const std::string& device);
 VORLIX_EXPORT bool isCaseBlindMount(const std::string& mountPath);
 
-/// The path of an item below a folder. A name that is not found as it stands is taken in the spelling that the folder
-/// has; of several spellings the one that sorts first. A name that the folder does not have at all stays as it is.
+/// Returns the path of an item below a folder. If a folder does not have a name in this spelling, its own spelling is
+/// used, the first in sorting order if there are several. A name that it has in no spelling is used as it is.
 VORLIX_EXPORT std::string pathInAnySpelling(std::string folder, std::initializer_list<const char*> names);
 
-/// Those of the names that are `name` in some spelling. What is looked for is ASCII: other letters must be the same.
+/// Returns those of the names that differ from `name` at most in the case of ASCII letters.
 VORLIX_EXPORT std::vector<std::string> spellingsOf(const std::vector<std::string>& names, std::string_view name);
 
 }  // namespace vorlix

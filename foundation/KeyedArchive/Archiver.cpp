@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/foundation/KeyedArchive.h>
 
-#include <algorithm>
 #include <bit>
 #include <map>
 #include <new>

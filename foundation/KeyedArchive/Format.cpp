@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <utility>
 
+#include "foundation/HexDigits.h"
+
 namespace vorlix::archive {
 namespace {
 
@@ -13,13 +15,6 @@ namespace {
 // and "/". Some readers would treat ";" as the start of parameters.
 constexpr std::string_view kPlain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~!$&'()*+,=:@/";
 constexpr std::string_view kScheme = "file:";
-
-int digitValue(char digit) {
-  if (digit >= '0' && digit <= '9') return digit - '0';
-  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
-  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
-  return -1;
-}
 
 std::optional<std::string> percentDecoded(std::string_view text) {
   std::string path;
@@ -29,8 +24,8 @@ std::optional<std::string> percentDecoded(std::string_view text) {
       continue;
     }
     if (i + 2 >= text.size()) return std::nullopt;
-    const int high = digitValue(text[i + 1]);
-    const int low = digitValue(text[i + 2]);
+    const int high = hexDigitValue(text[i + 1]);
+    const int low = hexDigitValue(text[i + 2]);
     if (high < 0 || low < 0) return std::nullopt;
     path += static_cast<char>(high * 16 + low);
     i += 2;

@@ -41,7 +41,7 @@ uint64_t bigEndian(std::span<const uint8_t> bytes) {
 }
 
 // The cost of a value and of everything below it in the tree.
-struct Extent {
+struct Cost {
   size_t values = 0;
   size_t bytes = 0;
   unsigned depth = 0;
@@ -64,8 +64,8 @@ class Surveyor {
     if (count > limits_.values || table < kMagicSize || table > beforeTrailer) return false;
     if (count > (beforeTrailer - table) / offsetSize_) return false;
     table_ = static_cast<size_t>(table);
-    extents_.resize(static_cast<size_t>(count));
-    underway_.resize(extents_.size());
+    costs_.resize(static_cast<size_t>(count));
+    underway_.resize(costs_.size());
     return survey(root, 0).has_value();
   }
 
@@ -132,25 +132,25 @@ class Surveyor {
     }
   }
 
-  std::optional<Extent> survey(uint64_t number, unsigned above) {
-    if (number >= extents_.size() || above >= limits_.depth) return std::nullopt;
+  std::optional<Cost> survey(uint64_t number, unsigned above) {
+    if (number >= costs_.size() || above >= limits_.depth) return std::nullopt;
     const auto place = static_cast<size_t>(number);
-    if (extents_[place]) {
-      if (above + extents_[place]->depth > limits_.depth) return std::nullopt;
-      return extents_[place];
+    if (costs_[place]) {
+      if (above + costs_[place]->depth > limits_.depth) return std::nullopt;
+      return costs_[place];
     }
     if (underway_[place]) return std::nullopt;
     underway_[place] = true;
-    extents_[place] = measure(place, above);
+    costs_[place] = measure(place, above);
     underway_[place] = false;
-    return extents_[place];
+    return costs_[place];
   }
 
-  std::optional<Extent> measure(size_t place, unsigned above) {
+  std::optional<Cost> measure(size_t place, unsigned above) {
     const auto header = headerAt(bigEndian(file_.subspan(table_ + place * offsetSize_, offsetSize_)));
     const auto size = header ? payload(*header) : std::nullopt;
     if (!size || *size > table_ - header->at) return std::nullopt;
-    Extent extent{1, 0, 1};
+    Cost cost{1, 0, 1};
     switch (header->kind) {
       case kInteger:
         // Writers use sixteen bytes for unsigned 64-bit numbers.
@@ -160,10 +160,10 @@ class Surveyor {
         break;
       case kData:
       case kASCII:
-        extent.bytes = static_cast<size_t>(*size);
+        cost.bytes = static_cast<size_t>(*size);
         break;
       case kUTF16:
-        extent.bytes = static_cast<size_t>(header->count) * 3;  // a UTF-16 code unit takes at most 3 bytes in UTF-8
+        cost.bytes = static_cast<size_t>(header->count) * 3;  // a UTF-16 code unit takes at most 3 bytes in UTF-8
         break;
       case kArray:
       case kDictionary:
@@ -171,17 +171,17 @@ class Surveyor {
           const auto below =
               survey(bigEndian(file_.subspan(header->at + static_cast<size_t>(at), referenceSize_)), above + 1);
           if (!below) return std::nullopt;
-          extent.values += below->values;
-          extent.bytes += below->bytes;
-          extent.depth = std::max(extent.depth, below->depth + 1);
-          if (extent.values > limits_.values || extent.bytes > limits_.bytes) return std::nullopt;
+          cost.values += below->values;
+          cost.bytes += below->bytes;
+          cost.depth = std::max(cost.depth, below->depth + 1);
+          if (cost.values > limits_.values || cost.bytes > limits_.bytes) return std::nullopt;
         }
         break;
       default:
         break;
     }
-    if (extent.values > limits_.values || extent.bytes > limits_.bytes) return std::nullopt;
-    return extent;
+    if (cost.values > limits_.values || cost.bytes > limits_.bytes) return std::nullopt;
+    return cost;
   }
 
   std::span<const uint8_t> file_;
@@ -189,7 +189,7 @@ class Surveyor {
   size_t offsetSize_ = 0;
   size_t referenceSize_ = 0;
   size_t table_ = 0;
-  std::vector<std::optional<Extent>> extents_;
+  std::vector<std::optional<Cost>> costs_;
   std::vector<bool> underway_;
   std::vector<size_t> oversized_;
 };

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The shared instance, its properties and messages.
+// The shared instance, the properties and the messages.
 #include <Vorlix/QDDeviceManager.h>
 
 #include <utility>
@@ -29,7 +29,7 @@ std::shared_ptr<QDDeviceManager> QDDeviceManager::init() {
 }
 
 std::shared_ptr<QDDeviceManager> QDDeviceManager::sharedDeviceManager() {
-  // Never destroyed: what still runs when the process ends may ask for it.
+  // Never destroyed: code that runs while the process ends may use it.
   static const auto* const shared = [] {
     const auto manager = init();
     manager->setFileManager(vorlix::FileManager::defaultManager());
@@ -76,8 +76,8 @@ std::shared_ptr<vorlix::FileManager> QDDeviceManager::fileManager() const {
   return fileManager_;
 }
 
-// What a setter replaces may be the last of its kind: it goes with the argument, after the lock, since ending it may
-// call back.
+// A setter may replace the last reference to an object. It is destroyed with the argument, after the lock is released,
+// because its destructor may call back.
 void QDDeviceManager::setFileManager(std::shared_ptr<vorlix::FileManager> value) {
   const std::scoped_lock lock(objects_);
   std::swap(fileManager_, value);

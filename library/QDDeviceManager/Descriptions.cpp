@@ -14,7 +14,7 @@ using vorlix::URL;
 
 namespace {
 
-constexpr int32_t kPending = -1;
+constexpr int32_t kUnmountPending = -1;
 
 }  // namespace
 
@@ -35,16 +35,16 @@ std::optional<std::string> QDDeviceManager::diskFromSlice(const std::string& dev
   return "/dev/" + *name;
 }
 
-// These look-ups leave the status of unmounts pending although none is; hosts that poll it know.
+// These lookups set the status of unmounts to pending although there is no unmount. Hosts that poll it expect that.
 std::optional<Dictionary> QDDeviceManager::diskInfoForDeviceNodeAtURL(const URL& url) {
-  unmountStatus_ = kPending;
+  unmountStatus_ = kUnmountPending;
   const auto session = vorlix::platform().diskArbitration->createSession();
   const auto disk = session ? session->diskFromBSDName(url.path()) : nullptr;
   return disk ? disk->copyDescription() : std::nullopt;
 }
 
 std::optional<Dictionary> QDDeviceManager::diskInfoForVolumeMountedAtURL(const URL& url) {
-  unmountStatus_ = kPending;
+  unmountStatus_ = kUnmountPending;
   const auto session = vorlix::platform().diskArbitration->createSession();
   const auto disk = session ? session->diskFromVolumePath(url) : nullptr;
   return disk ? disk->copyDescription() : std::nullopt;
@@ -59,7 +59,7 @@ std::optional<Dictionary> QDDeviceManager::diskInfoFromMountedPath(const std::st
 }
 
 std::optional<std::string> QDDeviceManager::fileSystemTypeAtPath(const std::string& path) {
-  unmountStatus_ = kPending;
+  unmountStatus_ = kUnmountPending;
   const auto session = vorlix::platform().diskArbitration->createSession();
   const auto disk = session ? session->diskFromVolumePath(URL::fileURLWithPath(path)) : nullptr;
   return disk ? disk->volumeType() : std::nullopt;

@@ -5,7 +5,6 @@
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/foundation/CaseFolding.h>
-#include <Vorlix/foundation/Paths.h>
 #include <Vorlix/platform/DiskArbitration.h>
 #include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/MountedVolumes.h>
@@ -24,14 +23,14 @@ using vorlix::URL;
 
 namespace {
 
-// Looked for in a kind in lower case; the last one is thus never found. Hosts see FAT volumes by "msdos".
+// These are searched for in the kind in lower case, so the last one is never found. FAT volumes are found by "msdos".
 constexpr std::array<const char*, 4> kListedKinds = {"ntfs", "msdos", "exfat", "MS-DOS"};
 
-// Drivers that do not come with the system name what they mount ntfs://disk3s2/Name.
+// Drivers from other vendors call their sources ntfs://disk3s2/Name.
 constexpr const char* kForeignNTFS = "ntfs:/";
 constexpr size_t kForeignDevicePart = 2;
 
-// Where a volume comes from.
+// The device of a volume and its file system.
 struct Source {
   std::string device;
   std::optional<std::string> fileSystemType;
@@ -85,7 +84,7 @@ bool isFolder(const std::optional<std::string>& path) {
   return path && vorlix::platform().files->kindOf(*path) == FileKind::folder;
 }
 
-// A pipe counts, like whatever else is no folder.
+// Everything except folders counts, even a pipe.
 bool isFile(const std::optional<std::string>& path) {
   const auto kind = path ? vorlix::platform().files->kindOf(*path) : std::nullopt;
   return kind && kind != FileKind::folder;
@@ -118,8 +117,8 @@ void setFromDescription(QDVolume& volume, const std::optional<Dictionary>& descr
   if (const auto size = numberIn(description, vorlix::kDescriptionMediaBlockSize)) volume.setMediaBlockSize(*size);
 }
 
-// Answers splitBootInfo() for every volume of one listing. The question is the same for all volumes of a disk, so each
-// volume is looked at once, not once for each that asks.
+// Does the same as splitBootInfo(), for all volumes of one listing. The result is the same for all volumes of a disk,
+// so each volume is examined only once.
 class BootPartitions {
  public:
   explicit BootPartitions(const std::vector<std::shared_ptr<QDVolume>>& fullList) {

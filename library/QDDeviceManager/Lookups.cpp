@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Finding listed volumes again.
+// Finding volumes in the list.
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/foundation/CaseFolding.h>
@@ -22,7 +22,7 @@ bool isInternal(const vorlix::Dictionary& description) {
   return description.boolean(vorlix::kDescriptionDeviceInternal).value_or(false);
 }
 
-// NTFS by any driver's name, FAT by the system's.
+// NTFS under the name of any driver, and FAT under the system's name.
 bool isWindowsKind(const vorlix::Dictionary& description) {
   const auto kind = description.text(vorlix::kDescriptionVolumeKind);
   return kind && (vorlix::containsInAnyCase(*kind, "ntfs") || *kind == "msdos");
@@ -64,7 +64,7 @@ std::shared_ptr<QDVolume> QDDeviceManager::builtInBootcampPartition() {
   std::shared_ptr<QDVolume> candidate;
   unsigned count = 0;
   for (const auto& volume : attachedDisksShowingWindowsOnly(false)) {
-    // The device begins with "/dev/" already; the look-up is made with both.
+    // The device already begins with "/dev/"; the lookup has it twice.
     const std::string node = "/dev/" + volume->device().value_or("");
     const auto description = diskInfoForDeviceNodeAtURL(vorlix::URL::fileURLWithPath(node));
     if (!description || !isInternal(*description) || !isWindowsKind(*description)) continue;

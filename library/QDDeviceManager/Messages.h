@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The device manager's messages, and texts in them.
+// Messages of the device manager.
 #pragma once
 
 #include <optional>
@@ -8,10 +8,10 @@
 
 namespace vorlix {
 
-/// Gives a line to the shared instance's delegate, whichever instance has something to say.
+/// Sends a line to the delegate of the shared instance, even for other instances.
 void tellDelegate(const std::string& line);
 
-/// A text as messages and commands show it: an absent one is "(null)".
+/// Returns a text as messages and commands show it: "(null)" if it is absent.
 std::string shown(const std::optional<std::string>& text);
 
 }  // namespace vorlix

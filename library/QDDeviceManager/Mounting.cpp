@@ -22,8 +22,8 @@ constexpr int32_t kFailed = 1;
 constexpr int32_t kSuccessFlag = 1;
 constexpr int32_t kRefusalFlag = 0;
 
-// Nothing is ever scheduled in these two modes, so a run in one returns at once and ends no wait. Unscheduling from
-// them leaves the session in the default mode until it is closed.
+// Nothing is scheduled in these two modes, so running one returns at once, and unscheduling from one leaves the session
+// in the default mode until it is closed.
 constexpr const char* kMountMode = "MountCallbackMode";
 constexpr const char* kUnmountMode = "MyCallbackMode";
 
@@ -34,14 +34,14 @@ void DiskMountCallback(const std::optional<Dissenter>& dissenter, QDDeviceManage
   context.diskMountStatus(dissenter ? kRefusalFlag : kSuccessFlag);
 }
 
-// What was not mounted counts as unmounted.
+// A volume that was not mounted counts as unmounted.
 void DiskUnmountCallback(const std::optional<Dissenter>& dissenter, QDDeviceManager& context) {
   const bool isUnmounted = !dissenter || dissenter->status == vorlix::kDissentNotMounted;
   context.diskUnmountStatus(isUnmounted ? kSuccessFlag : kRefusalFlag);
 }
 
-// There is no time limit: a system may take minutes over a damaged volume. A loop without sources has lost the session,
-// and nothing could end the wait any more.
+// There is no time limit, because a system may need minutes for a damaged volume. A loop without sources has lost the
+// session, and nothing could end the wait.
 template <typename Pending>
 void waitFor(RunLoop& loop, const char* mode, Pending pending) {
   loop.run(mode, kFirstRun);
@@ -59,7 +59,7 @@ void QDDeviceManager::mountDiskAtDevicePath(const std::string& device) {
 
 bool QDDeviceManager::mountDiskAtDevicePath(const std::string& device, bool readWrite) {
   tellDelegate("Mounting " + device);
-  logString("More than 1 partition found!");  // hosts know this line here; it says nothing about partitions
+  logString("More than 1 partition found!");  // hosts expect this line here; it has nothing to do with partitions
   const auto session = vorlix::platform().diskArbitration->createSession();
   mountStatus_ = kPending;
   if (session) {

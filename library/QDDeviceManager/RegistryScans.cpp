@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the I/O registry has beside the list of volumes.
+// Scans of the I/O registry.
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDSDiskRegistry.h>
 #include <Vorlix/QDVolume.h>
@@ -25,8 +25,8 @@ namespace {
 constexpr const char* kEFISystemPartition = "C12A7328-F81F-11D2-BA4B-00A0C93EC93B";
 constexpr size_t kPathSize = 1024;
 
-// An entry that was just handed out has a path and properties; if not, the registry is broken and nothing it says can
-// be relied on. In builds without assertions, too.
+// An entry from an iterator has a path and properties. If not, the registry is broken and cannot be relied on. Ends the
+// process even in builds without assertions.
 void assertSuccess(KernReturn code) {
   if (code == kKernSuccess) return;
   std::fputs("Assertion failed: KERN_SUCCESS == kr\n", stderr);
@@ -45,7 +45,7 @@ std::shared_ptr<RegistryIterator> servicesMatching(const vorlix::RegistryMatchin
   return services;
 }
 
-// Properties of each service that matches, whose paths are logged.
+// Logs the path of each matching service and passes its properties on.
 template <typename Visit>
 void visitServices(const vorlix::RegistryMatching& matching, Visit visit) {
   const auto services = servicesMatching(matching);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How a volume starts, and making it the startup disk.
+// How a volume starts, and setting the startup disk.
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDDiskHelper.h>
 #include <Vorlix/QDVolume.h>
@@ -15,7 +15,7 @@
 #include <string_view>
 
 #include "Messages.h"
-#include "library/QDSDiskFunctions/SystemLog.h"
+#include "library/QDSDiskFunctions/Log.h"
 
 using vorlix::logToSystem;
 using vorlix::shown;
@@ -30,8 +30,8 @@ std::string blessing(const std::string& device) {
   return "/usr/sbin/bless -device " + device + " -setBoot";
 }
 
-// Whether a shell takes a text as one word and nothing else, and the tool does not take it as an option. The command is
-// run with the administrator's rights, and a device's name may come from whoever named a file or a mount.
+// Returns whether a text is one plain word for a shell and not an option for the tool. The command runs with the rights
+// of the administrator, and anybody who can name a file or a mount may have chosen the name of the device.
 bool isPlainWord(const std::string& text) {
   constexpr std::string_view kPlain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+@%:=,";
   if (text.empty() || text.front() == '-') return false;
@@ -96,7 +96,7 @@ bool QDDeviceManager::selectStartupDisk(const std::shared_ptr<QDVolume>& volume,
     command += kNextOnly;
     logToSystem("Command is " + command);
   }
-  // With kBootVolumeEFI the option stands there twice, which the tool takes as once.
+  // With kBootVolumeEFI the command can have the option twice, which means the same to the tool.
   const bool isRemovable = volume && volume->isRemovable();
   if (nextOnly && !isRemovable) command += kNextOnly;
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whether System Integrity Protection stands in the way of setting a startup disk.
+// Whether System Integrity Protection prevents setting a startup disk.
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDSUtilities.h>
 #include <Vorlix/platform/DiskArbitration.h>
@@ -32,7 +32,7 @@ std::optional<std::string> QDDeviceManager::standardOutputForTask(const vorlix::
   return vorlix::standardOutputOf(task);
 }
 
-// Without the protection of its variables the firmware takes a startup disk, so that much is as good as disabled.
+// If NVRAM is not protected, a startup disk can be set, so that counts as disabled.
 bool QDDeviceManager::isSIPEnabledFromStandardOutput(const std::optional<std::string>& output) {
   if (!output || output->empty()) return false;
   return output->find("NVRAM Protections: disabled") == std::string::npos &&

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Where a volume has Windows, its installer and its boot files.
+// The places of Windows, its installer and its boot files on a volume.
 #include <Vorlix/WindowsFolders.h>
 
 #include <Vorlix/QDDeviceManager.h>
@@ -19,7 +19,7 @@ namespace {
 
 constexpr const char* kBootPartitionName = "System Reserved";
 
-// The path of the first entry of a folder with that name in any spelling.
+// Returns the path of the first entry of a folder with that name in any letter case.
 std::optional<std::string> entryOf(const std::optional<std::string>& folder, std::string_view name) {
   if (!folder) return std::nullopt;
   const auto entries = vorlix::platform().files->namesIn(*folder);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Which Windows a volume holds.
+// Detecting which Windows is on a volume.
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDTaskHelper.h>
 #include <Vorlix/QDVolume.h>
@@ -29,7 +29,7 @@ struct Product {
   const char* name;
 };
 
-// The first that fits. Windows 8.1 counts as 8; "WinBlue" was its name before it had one.
+// The first match counts. Windows 8.1 counts as 8; "WinBlue" was its name before the release.
 constexpr std::array<Product, 4> kProducts = {{
     {"Windows 10", "Found Windows 10", "Windows 10"},
     {"Windows 8", "Found Windows 8+", "Windows 8+"},
@@ -37,7 +37,7 @@ constexpr std::array<Product, 4> kProducts = {{
     {"Windows 7", "Found Windows 7", "Windows 7"},
 }};
 
-// What a program prints. Absent for one that cannot be run.
+// Returns what a program prints. Absent if it cannot be started.
 std::optional<std::string> outputOf(const std::string& program, const std::vector<std::string>& arguments) {
   try {
     return QDTaskHelper().runCommand(program, arguments);
@@ -88,7 +88,7 @@ vorlix::Dictionary QDDeviceManager::versionOfWindowsFromVolume(const std::shared
   version.set("currentBuildNumber", registryValue(tool, hive, "CurrentBuildNumber").value_or(""));
 
   const std::string setupLog = vorlix::pathOnVolume(*volume, *root, {"Windows", "Panther", "setupact.log"});
-  // Of a pipe the search would wait for its other side.
+  // The search in a pipe would wait for its other end.
   if (vorlix::platform().files->kindOf(setupLog) == vorlix::FileKind::file) {
     version.set("bootenv", bootEnvironment(setupLog));
   }

@@ -3,8 +3,8 @@
 
 namespace vorlix {
 
-/// Text that a host passed. Null counts as empty: a name that no device, no volume and no file has.
-inline const char* textOf(const char* argument) {
+/// Returns the string that a host passed. Null counts as empty: a name that no device, no volume and no file has.
+inline const char* orEmpty(const char* argument) {
   return argument == nullptr ? "" : argument;
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/foundation/Paths.h>
+#include <Vorlix/platform/SystemError.h>
 #include <Vorlix/platform/VolumeNames.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -19,12 +20,11 @@
 
 #include <Vorlix/StoreSlots.h>
 #include "Arguments.h"
-#include "DeviceStreams.h"
-#include "Exceptions.h"
 #include "Log.h"
+#include "OpenDevices.h"
 
 using vorlix::logMessage;
-using vorlix::textOf;
+using vorlix::orEmpty;
 
 namespace {
 
@@ -42,7 +42,7 @@ const char* modeName(int32_t mode) {
   }
 }
 
-// A cut path would name another file, so there is no going on with one that is too long.
+// A truncated path would name another file, so a path that is too long ends the process.
 std::string destinationUnder(const std::string& mountPoint) {
   std::string path = mountPoint + "/EFI/Microsoft/Boot/BCD";
   if (path.size() >= kDestinationLimit) {
@@ -53,15 +53,15 @@ std::string destinationUnder(const std::string& mountPoint) {
   return path;
 }
 
-// On the EFI System Partition names are the same in any case, also for a driver that tells them apart: a second store
-// beside the one that the firmware finds would change nothing. The spelling's length is the usual one's.
+// Letter case has no meaning on the EFI System Partition, even if a driver distinguishes it: a second store beside the
+// one that the firmware finds would have no effect. All spellings have the same length.
 std::string inSpellingOfVolume(const std::string& path, const std::string& mountPoint, const char* disk) {
   std::string found = vorlix::pathInAnySpelling(mountPoint, {"EFI", "Microsoft", "Boot", "BCD"});
   const bool isOther = found != vorlix::appendPathComponent(mountPoint, "EFI/Microsoft/Boot/BCD");
-  return isOther && vorlix::isCaseBlindDevice(std::string(vorlix::textOf(disk)) + "s1") ? found : path;
+  return isOther && vorlix::isCaseBlindDevice(std::string(vorlix::orEmpty(disk)) + "s1") ? found : path;
 }
 
-// A folder can be opened as a stream but not read; it must not cost the store that it was to replace.
+// A folder can be opened as a stream but not read. If it is given as the template, the store must survive.
 vorlix::Stream openTemplate(const char* path) {
   vorlix::Stream stream(std::fopen(path, "rbe"));
   struct stat status = {};
@@ -69,7 +69,7 @@ vorlix::Stream openTemplate(const char* path) {
   return stream;
 }
 
-// Whether both names lead to one file. Opening the store for writing would empty the template.
+// Returns whether both are the same file. In that case opening the store for writing would empty the template.
 bool isSameFile(FILE* file, const std::string& path) {
   struct stat one = {};
   struct stat other = {};
@@ -85,8 +85,8 @@ bool isRegularFile(int descriptor) {
   return false;
 }
 
-// The store belongs on the mounted volume. A link, which some file systems can hold, would lead to a file of the
-// host's.
+// The store must be on the mounted volume. A link, which some file systems have, could lead to another file of the
+// machine.
 vorlix::Stream openStore(const std::string& path, const std::string& mountPoint) {
   namespace fs = std::filesystem;
   std::error_code error;
@@ -101,7 +101,7 @@ vorlix::Stream openStore(const std::string& path, const std::string& mountPoint)
     return nullptr;
   }
   constexpr mode_t kMode = 0666;
-  // Not blocking, and emptied only when it is known for a file: a pipe would hang here, a device would act.
+  // Not blocking, and truncated only if it is a regular file: a pipe would block, and a device could react.
   constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   const int descriptor = open(path.c_str(), kFlags, kMode);
   if (descriptor < 0) return nullptr;
@@ -117,11 +117,11 @@ vorlix::Stream openStore(const std::string& path, const std::string& mountPoint)
 int32_t destinationFailed() {
   const int reason = errno;
   std::perror("BCD Path Destination error:");
-  std::printf("%s", std::strerror(reason));
+  std::printf("%s", vorlix::SystemError{reason}.reason().c_str());
   return -1;
 }
 
-// Copies until the source ends or one of the streams fails, which its error indicator then tells.
+// Copies until the source ends or one of the streams fails, whose error indicator is set then.
 void copyStream(FILE* source, FILE* destination) {
   std::vector<uint8_t> block(kCopyBlock);
   size_t count = 0;
@@ -130,11 +130,12 @@ void copyStream(FILE* source, FILE* destination) {
   } while (std::fwrite(block.data(), 1, count, destination) == count && count == block.size());
 }
 
-// storeWithIdentifiers() on a file: past the end of a short template the file system fills the gap with zeros.
+// Does the same as storeWithIdentifiers() in a file. If the template is short, the file system fills the gap with
+// zeros.
 void writeIdentifiers(int store, const vorlix::StoreIdentifiers& identifiers, int32_t mode) {
   for (const vorlix::StoreSlot& slot : vorlix::storeSlots(mode)) {
     const auto& guid = identifiers.of(slot.identifier);
-    // Not looked at: hosts check the store that they deploy.
+    // Ignored: hosts check the store that they deploy.
     [[maybe_unused]] const ssize_t written = pwrite(store, guid.data(), guid.size(), off_t{slot.offset});
   }
 }
@@ -142,7 +143,7 @@ void writeIdentifiers(int store, const vorlix::StoreIdentifiers& identifiers, in
 }  // namespace
 
 int32_t update_bcd(const char* source, const char* disk, const char* partition, int32_t mode) try {
-  logMessage("Mounting EFI partition on %s\n", textOf(disk));
+  logMessage("Mounting EFI partition on %s\n", orEmpty(disk));
   const char* const mounted = mount_efi(disk);
   if (mounted == nullptr) {
     logMessage("problem mounting efi point %ss\n", "");
@@ -152,7 +153,7 @@ int32_t update_bcd(const char* source, const char* disk, const char* partition, 
   logMessage("mount point is %s\n", mountPoint.c_str());
   const std::string path = inSpellingOfVolume(destinationUnder(mountPoint), mountPoint, disk);
   if (file_exist(source) == 0) {
-    logMessage("%s does not exist!\n", textOf(source));
+    logMessage("%s does not exist!\n", orEmpty(source));
     return -1;
   }
   vorlix::Stream original = openTemplate(source);
@@ -177,13 +178,13 @@ int32_t update_bcd(const char* source, const char* disk, const char* partition, 
   original.reset();
   logMessage("Copying BCD done.%s\n", "");
 
-  // Cleared: a partition without a registry entry and a disk without a GPT leave their bytes as they are, and nothing
-  // that happened to lie on the stack may reach a boot store.
+  // Cleared, because the lookup does not set the identifiers of a partition without a registry entry or of a disk
+  // without a GPT, and no data from the stack may get into a boot store.
   vorlix::StoreIdentifiers identifiers;
   int64_t offset = 0;
   if (lookup_disk_info(partition, identifiers.disk.data(), identifiers.partition.data(), &offset) != 0) {
-    logMessage("Could not find disk uuid and partion uuid for %s\n", textOf(partition));
-    // The slice stays mounted and the store open, its last block not yet written.
+    logMessage("Could not find disk uuid and partion uuid for %s\n", orEmpty(partition));
+    // The slice stays mounted, and the store stays open with its last block not written.
     vorlix::keepOpen(std::move(store));
     return -1;
   }
@@ -191,7 +192,7 @@ int32_t update_bcd(const char* source, const char* disk, const char* partition, 
   logMessage("Modifying BCD for %s.%s\n", modeName(mode), "");
   if (std::fflush(store.get()) != 0) return destinationFailed();
   writeIdentifiers(fileno(store.get()), identifiers, mode);
-  // The slice is about to go away; what does not reach its medium now may never do.
+  // The slice is about to be unmounted; data that is not on the medium by then may be lost.
   if (fsync(fileno(store.get())) != 0) return destinationFailed();
   if (std::fclose(store.release()) != 0) return destinationFailed();
   logMessage("unmounting EFI partition%s\n", "");

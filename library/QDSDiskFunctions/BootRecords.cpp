@@ -16,23 +16,22 @@
 
 #include <Vorlix/PartitionRecords.h>
 #include "Arguments.h"
-#include "DeviceStreams.h"
-#include "Exceptions.h"
 #include "Log.h"
+#include "OpenDevices.h"
 
 using vorlix::DeviceAccess;
 using vorlix::DeviceHandle;
 using vorlix::DeviceLock;
 using vorlix::keepOpen;
 using vorlix::logMessage;
+using vorlix::orEmpty;
 using vorlix::readWhole;
 using vorlix::Stream;
-using vorlix::textOf;
 using vorlix::writeWhole;
 
 namespace {
 
-// The boot area of a volume has 8 KiB. Its first 84 bytes are the volume's own: jump, OEM name and parameter block.
+// The boot area of a volume has 8 KiB. Its first 84 bytes belong to the volume: jump, OEM name and parameter block.
 constexpr uint64_t kVBROffset = 84;
 constexpr size_t kVBRSize = 8108;
 
@@ -43,12 +42,12 @@ constexpr int32_t kSaveOpenFailed = -4;
 constexpr int32_t kSaveWriteFailed = -5;
 
 constexpr int32_t kRestoreFileNotOpened = -2;
-constexpr int32_t kRestoreFileTooShort = -3;  // no -4: it has never been given
+constexpr int32_t kRestoreFileTooShort = -3;  // -4 has never been used
 constexpr int32_t kRestoreDeviceNotOpened = -5;
 constexpr int32_t kRestoreSeekFailed = -6;
 constexpr int32_t kRestoreWriteFailed = -7;
 
-// Positions are part of each transfer; a device that has none says so when it is first asked for one.
+// Each transfer has a position, so a device without positions fails in the first transfer.
 bool cannotSeek() {
   return errno == ESPIPE;
 }
@@ -57,8 +56,8 @@ std::unique_ptr<DeviceHandle> openDevice(const char* path, DeviceAccess access, 
   return vorlix::platform().deviceFile->open(path, access, lock);
 }
 
-// Opens a new file for appending. That it does not exist has been found out before; a file or a link that has come
-// into its place meanwhile is not touched.
+// Creates a file for appending. The caller has checked that it does not exist; a file or link that appeared meanwhile
+// is not touched.
 Stream openSavedFile(const char* path) {
   constexpr mode_t kMode = 0666;  // less the process's umask
   const int descriptor = open(path, O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode);
@@ -68,8 +67,7 @@ Stream openSavedFile(const char* path) {
   return stream;
 }
 
-// Writes and closes a saved file, and brings it to the medium. One that could not be written stays open, as after every
-// failure here.
+// Writes, syncs and closes a saved file. If it cannot be written, it stays open, as after every failure here.
 bool writeSavedFile(Stream file, std::span<const uint8_t> bytes) {
   const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size() &&
                        std::fflush(file.get()) == 0 && fsync(fileno(file.get())) == 0;
@@ -84,12 +82,12 @@ bool writeSavedFile(Stream file, std::span<const uint8_t> bytes) {
 
 int32_t file_exist(const char* path) {
   struct stat status = {};
-  return stat(textOf(path), &status) == 0 ? 1 : 0;
+  return stat(orEmpty(path), &status) == 0 ? 1 : 0;
 }
 
 int32_t write_vbr_to_file(const char* device, const char* file) try {
-  device = textOf(device);
-  file = textOf(file);
+  device = orEmpty(device);
+  file = orEmpty(file);
   logMessage("writing vbr from volume %s to %s\n", device, file);
   if (file_exist(file) != 0) {
     logMessage("%s already exists\n", file);
@@ -140,7 +138,7 @@ int32_t write_mbr_to_file(const char* device, const char* file) try {
     const int reason = errno;
     logMessage("error writing %s\n", device);
     logMessage("errno is %i\n", reason);
-    // Hosts rely on this end, as with the boot code of a new table: no backup, no going on.
+    // Hosts rely on this exit, as with the boot code of a new table: they must not continue without a backup.
     std::exit(-1);
   }
   std::array<uint8_t, vorlix::kBootCodeSize> bytes = {};
@@ -166,8 +164,8 @@ int32_t write_mbr_to_file(const char* device, const char* file) try {
 }
 
 int32_t restore_vbr_to_device(const char* file, const char* device) try {
-  device = textOf(device);
-  file = textOf(file);
+  device = orEmpty(device);
+  file = orEmpty(file);
   static_cast<void>(unmount_disk(device));
   if (file_exist(file) == 0) {
     logMessage("%s does not exist\n", file);
@@ -211,6 +209,6 @@ int32_t restore_vbr_to_device(const char* file, const char* device) try {
 
 int32_t change_ownership(const char* path, uint32_t owner, uint32_t group) {
   constexpr mode_t kMode = 0644;
-  const int result = chown(textOf(path), owner, group);
-  return result == 0 ? chmod(textOf(path), kMode) : result;
+  const int result = chown(orEmpty(path), owner, group);
+  return result == 0 ? chmod(orEmpty(path), kMode) : result;
 }

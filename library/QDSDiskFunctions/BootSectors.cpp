@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 
 namespace vorlix {
 namespace {
@@ -60,8 +59,7 @@ Sector makeSector0(Bytes bootCode, const MBRPartitionEntry (&parts)[kSlotCount],
   std::copy_n(bootCode.begin(), std::min(bootCode.size(), kBootCodeSize), sector.begin());
   const auto slots = encodeSlots(parts);
   std::copy(slots.begin(), slots.end(), sector.begin() + at(kBootCodeSize));
-  sector[kSignatureOffset] = static_cast<uint8_t>(signature & 0xFF);
-  sector[kSignatureOffset + 1] = static_cast<uint8_t>(signature >> 8);
+  putLittleEndian(sector.data() + kSignatureOffset, 2, signature);
   return sector;
 }
 
@@ -131,8 +129,9 @@ uint32_t hiddenSectors(const Sector& bootSector) {
 }
 
 std::array<uint8_t, 4> hiddenSectorsBytes(uint32_t start) {
-  return {static_cast<uint8_t>(start), static_cast<uint8_t>(start >> 8), static_cast<uint8_t>(start >> 16),
-          static_cast<uint8_t>(start >> 24)};
+  std::array<uint8_t, 4> bytes;
+  putLittleEndian(bytes.data(), bytes.size(), start);
+  return bytes;
 }
 
 Field serialField(const Sector& bootSector) {

@@ -4,7 +4,6 @@
 #include "foundation/GUIDPartitionTable.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 namespace vorlix {

@@ -16,31 +16,20 @@
 #include <Vorlix/BootSectors.h>
 #include <Vorlix/PartitionRecords.h>
 #include "Arguments.h"
-#include "DeviceStreams.h"
-#include "Exceptions.h"
 #include "Log.h"
+#include "LogPlaces.h"
+#include "OpenDevices.h"
 
 using vorlix::DeviceAccess;
 using vorlix::DeviceHandle;
 using vorlix::DeviceLock;
 using vorlix::logMessage;
-using vorlix::textOf;
+using vorlix::orEmpty;
 using vorlix::writeWhole;
 
 namespace {
 
-// Fixed numbers that readers of the log can rely on.
-enum LogPlace : int {
-  kPlaceBadSignature = 569,
-  kPlaceNotProtective = 590,
-  kPlaceDeclined = 624,
-  kPlaceDeclinedAgain = 625,
-  kPlaceOpenFailed = 632,
-  kPlaceUpdatingUUID = 652,
-  kPlaceReadingMBR = 753,
-};
-
-// One word from standard input; only its first character counts.
+// Reads one word from standard input. Only its first character counts.
 bool terminalSaysYes() {
   std::fflush(stdout);
   char answer[2] = {};
@@ -57,14 +46,14 @@ std::unique_ptr<DeviceHandle> openLocked(const char* device, DeviceLock lock) {
   return vorlix::platform().deviceFile->open(device, DeviceAccess::readWrite, lock);
 }
 
-// An offset that no stream can reach puts it where nothing can be read.
+// For an offset that no stream can reach, moves to a position where nothing can be read.
 void seekStream(FILE* stream, uint64_t offset) {
   constexpr auto kLargestOffset = static_cast<uint64_t>(std::numeric_limits<off_t>::max());
   static_cast<void>(fseeko(stream, static_cast<off_t>(std::min(offset, kLargestOffset)), SEEK_SET));
 }
 
-// The first 446 bytes of a file; what a shorter file lacks is zero, which is common: boot code proper has 440 bytes.
-// False when it cannot be opened or read as a file.
+// Reads the first 446 bytes of a file. Zeros replace the missing bytes of a shorter file, which is common because boot
+// code itself has 440 bytes. Returns false if the file cannot be opened or read.
 bool readBootCode(const char* path, uint8_t* bytes) {
   const vorlix::Stream file(std::fopen(path, "rbe"));
   if (!file) return false;
@@ -73,10 +62,10 @@ bool readBootCode(const char* path, uint8_t* bytes) {
   return std::ferror(file.get()) == 0;
 }
 
-// Reads the disk's own MBR and builds the one its GPT asks for. False when there is no GPT.
+// Reads the disk's MBR and builds the MBR for its GPT. Returns false if there is no GPT.
 bool readTables(FILE* stream, const char* device, uint32_t partition, int guard, PartitionTable& fresh,
                 PartitionTable& disk) {
-  logMessage("Reading BIOS partition table line:%i\n", kPlaceReadingMBR);
+  logMessage("Reading BIOS partition table line:%i\n", vorlix::kPlaceReadingMBR);
   uint32_t active = 0;
   read_bios_partition_table(stream, &disk, &active);
 
@@ -105,14 +94,14 @@ bool readTables(FILE* stream, const char* device, uint32_t partition, int guard,
 bool vorlix::drawSerial(Serial& serial) {
   const Stream source{std::fopen("/dev/random", "rbe")};
   if (!source) return false;
-  std::setvbuf(source.get(), nullptr, _IONBF, 0);  // takes no more than is needed
+  std::setvbuf(source.get(), nullptr, _IONBF, 0);  // reads no more bytes than needed
   return std::fread(serial.data(), 1, serial.size(), source.get()) == serial.size();
 }
 
 int update_mbr_and_partition(const char* device, const char* boot_code, uint32_t partition, uint32_t id,
                              const char* volume, int guard, uint32_t start) try {
-  device = textOf(device);
-  volume = textOf(volume);
+  device = orEmpty(device);
+  volume = orEmpty(volume);
   logMessage("Updating MBR and Partition%s", "");
   logMessage("NTFS Partition: %s", volume);
   verbose_flag = 0;
@@ -161,7 +150,7 @@ int update_mbr_and_partition(const char* device, const char* boot_code, uint32_t
 }
 
 void write_new_gpt(int non_interactive, const char* device, const char* boot_code, const PartitionTable* table) try {
-  device = textOf(device);
+  device = orEmpty(device);
   logMessage("Writing new GPT on device %s.", device);
   if (non_interactive == 0) {
     std::printf("Are you sure you want to write out a new partition table? <y/n> ");
@@ -182,7 +171,7 @@ void write_new_gpt(int non_interactive, const char* device, const char* boot_cod
     logMessage("Opening device with shared lock.%s", "");
     handle = openLocked(device, DeviceLock::shared);
     if (!handle) {
-      // "%{errono}d" is no conversion; it has always stood in the log as it is, and the number nowhere.
+      // "%{errono}d" is not a conversion. The log has always contained it unchanged and never the number.
       logMessage("Error trying to open device %s. Aborting.", "%{errono}d");
       return;
     }
@@ -197,14 +186,14 @@ void write_new_gpt(int non_interactive, const char* device, const char* boot_cod
   logMessage("Opening MBR file at path %s", boot_code);
   std::array<uint8_t, vorlix::kBootCodeSize> code = {};
   if (!readBootCode(boot_code, code.data())) {
-    // Hosts rely on this end: without its boot code a half-deployed disk must not look done.
+    // Hosts rely on this exit: without boot code, a disk that is half deployed must not look finished.
     logMessage("Error opening MBR file. Aborting%s", "");
     std::exit(-1);
   }
   if (table->signature != vorlix::kMBRSignature) {
     logMessage(
         "Signature is not AA55. Writing this would cause the partition table to be unreadable. Aborting. line:%i",
-        kPlaceBadSignature);
+        vorlix::kPlaceBadSignature);
     vorlix::keepOpen(std::move(handle));
     return;
   }
@@ -215,9 +204,9 @@ void write_new_gpt(int non_interactive, const char* device, const char* boot_cod
     logMessage(
         "Type of first partition in LBA 0 is not 0xEE.  Writing this would cause the partition table to be unreadable. "
         "Aborting. line:%i",
-        kPlaceNotProtective);
+        vorlix::kPlaceNotProtective);
   } else if (writeWhole(*handle, sector.data(), sector.size(), 0)) {
-    // Neither result changes what the callers do: they read the sector back when they need to know.
+    // Callers read the sector back if they need to know the result.
     static_cast<void>(handle->sync());
   }
   static_cast<void>(handle->close());
@@ -227,18 +216,18 @@ void write_new_gpt(int non_interactive, const char* device, const char* boot_cod
 
 int update_start_sector(int non_interactive, uint64_t /*unused1*/, uint32_t start, uint64_t /*unused2*/,
                         const char* volume) try {
-  volume = textOf(volume);
+  volume = orEmpty(volume);
   std::unique_ptr<DeviceHandle> device = openLocked(volume, DeviceLock::exclusive);
   if (!device) {
     if (non_interactive == 0 && !confirmSharedAccess(volume)) {
-      logMessage("Exiting without writing line:%i\n", kPlaceDeclined);
-      logMessage("exiting without writing line:%i\n", kPlaceDeclinedAgain);
+      logMessage("Exiting without writing line:%i\n", vorlix::kPlaceDeclined);
+      logMessage("exiting without writing line:%i\n", vorlix::kPlaceDeclinedAgain);
       return -1;
     }
     device = openLocked(volume, DeviceLock::shared);
     if (!device) {
       logMessage("error writing %s\n", volume);
-      logMessage("error while opening file to write line:%i", kPlaceOpenFailed);
+      logMessage("error while opening file to write line:%i", vorlix::kPlaceOpenFailed);
       return -1;
     }
   }
@@ -251,10 +240,10 @@ int update_start_sector(int non_interactive, uint64_t /*unused1*/, uint32_t star
     return -1;
   }
 
-  // Where the source fails the serial is not fresh, and nothing here depends on it.
+  // If the source fails, the serial number is not random; nothing here depends on that.
   vorlix::Serial serial = {};
   static_cast<void>(vorlix::drawSerial(serial));
-  logMessage("Updating UUID line:%i\n", kPlaceUpdatingUUID);
+  logMessage("Updating UUID line:%i\n", vorlix::kPlaceUpdatingUUID);
   if (!writeWhole(*device, serial.data(), serial.size(), vorlix::kNTFSSerialOffset)) {
     std::perror("Failed to write 8 byte uuid");
     return -1;
@@ -271,7 +260,7 @@ int update_start_sector(int non_interactive, uint64_t /*unused1*/, uint32_t star
 }
 
 int kbhit() {
-  // Not poll(), which does not serve terminals and other devices on every system.
+  // poll() does not work for terminals and other devices on every system.
   fd_set input;
   FD_ZERO(&input);
   FD_SET(STDIN_FILENO, &input);

@@ -3,6 +3,7 @@
 
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/SystemLog.h>
 #include <Vorlix/platform/SystemPaths.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,7 +14,6 @@
 #include <cstring>
 
 #include "Arguments.h"
-#include "Exceptions.h"
 
 namespace vorlix {
 namespace {
@@ -22,10 +22,10 @@ constexpr size_t kMessageSize = 1024;
 
 thread_local LogCapture* innermostCapture = nullptr;
 
-// The log has a predictable name in a folder that everyone may write, and root appends to it. So a link in its place is
-// not followed, a FIFO does not block us, and only a regular file is written, and none that has another name as well: a
-// hard link could be to anybody's file. The file is created in a step of its own: the kernel may refuse root an O_CREAT
-// open of a file that another user made there, while a plain open is allowed.
+// The log has a predictable name in a folder that everyone can write to, and root appends to it. So this does not
+// follow a link, does not block on a FIFO, and writes only to a regular file without a second name, because a hard link
+// could lead to anybody's file. It creates the file in a separate step: the kernel may refuse root an open with O_CREAT
+// of a file that another user has made there, although it allows a plain open.
 int openLog(const char* path) {
   constexpr int kFlags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
   constexpr mode_t kMode = 0666;  // less the process's umask
@@ -72,6 +72,15 @@ void logException(const char* function, const std::exception& error) noexcept {
   logMessage("%s: %s\n", function, error.what());
 }
 
+void logToSystem(const std::string& text) {
+  std::string marked;
+  for (const char c : text) {
+    marked += c;
+    if (c == '\n') marked += "Vorlix";
+  }
+  platform().systemLog->warn(marked);
+}
+
 bool canOpenLog() {
   const int log = openLog(logFilePath().c_str());
   if (log < 0) return false;
@@ -97,7 +106,7 @@ bool LogCapture::collect(std::string_view message) {
 
 int logLine(const char* message) try {
   const int callersErrno = errno;
-  message = vorlix::textOf(message);
+  message = vorlix::orEmpty(message);
   const size_t length = strnlen(message, vorlix::kMessageSize);
   if (!vorlix::LogCapture::collect({message, length})) return 0;
   const int log = vorlix::openLog(vorlix::logFilePath().c_str());

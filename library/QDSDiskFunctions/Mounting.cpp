@@ -11,12 +11,11 @@
 #include <vector>
 
 #include "Arguments.h"
-#include "Exceptions.h"
 #include "Log.h"
 
 using vorlix::Dissenter;
 using vorlix::logMessage;
-using vorlix::textOf;
+using vorlix::orEmpty;
 
 namespace {
 
@@ -27,11 +26,11 @@ constexpr int32_t kUnmountPending = -1;
 constexpr int32_t kUnmountRefusedPositive = -2;
 constexpr int32_t kUnmountRefused = -3;
 
-// What became of the last mount and unmount. One of each at a time: the functions wait until it has been decided.
+// The results of the last mount and unmount. There is one of each at a time, because the functions wait for the result.
 uint8_t mountStatus = 0;  // 1 while a mount is pending
 int32_t unmountStatus = 0;
 
-// A refusal is not told here: callers ask for the mount point.
+// Does not report a refusal, because callers look up the mount point.
 void DiskMountCallback(const std::optional<Dissenter>&) {
   mountStatus = 0;
 }
@@ -44,8 +43,8 @@ void DiskUnmountCallback(const std::optional<Dissenter>& dissenter) {
   }
 }
 
-// Runs the loop until the completion has run. There is no time limit: a system may take minutes to mount a damaged
-// volume. A loop without sources has lost the session, and nothing could end the wait any more.
+// Runs the loop until the completion has run. There is no time limit, because a system may need minutes to mount a
+// damaged volume. A loop without sources has lost the session, and nothing could end the wait.
 template <typename Pending>
 void waitWhile(vorlix::RunLoop& loop, Pending pending) {
   vorlix::RunLoopResult result = vorlix::RunLoopResult::timedOut;
@@ -54,7 +53,7 @@ void waitWhile(vorlix::RunLoop& loop, Pending pending) {
   } while (pending() && result != vorlix::RunLoopResult::noSources);
 }
 
-// Absent only for a null name; every other text gives a name.
+// Absent only for a null name.
 std::optional<std::string> efiSliceOf(const char* disk) {
   if (disk == nullptr) {
     logMessage("Issue opening efi partition on %s\n", "");
@@ -88,7 +87,7 @@ int32_t mount_disk(const char* name, int32_t read_write) try {
   if (!session) return 0;
   const auto loop = vorlix::platform().runLoops->current();
   mountStatus = 1;
-  if (auto disk = session->diskFromBSDName(textOf(name))) {
+  if (auto disk = session->diskFromBSDName(orEmpty(name))) {
     std::vector<std::string> arguments;
     if (read_write != 0) arguments = {"nobrowse", "rw"};
     session->schedule(*loop, vorlix::kDefaultRunLoopMode);
@@ -114,12 +113,12 @@ const char* mount_efi(const char* disk) try {
 }
 
 int32_t unmount_disk(const char* name) try {
-  logMessage("Unmounting disk %s\n", textOf(name));
+  logMessage("Unmounting disk %s\n", orEmpty(name));
   unmountStatus = kUnmountPending;
   const auto session = vorlix::platform().diskArbitration->createSession();
   if (!session) return unmountStatus;
   const auto loop = vorlix::platform().runLoops->current();
-  if (auto disk = session->diskFromBSDName(textOf(name))) {
+  if (auto disk = session->diskFromBSDName(orEmpty(name))) {
     session->schedule(*loop, vorlix::kDefaultRunLoopMode);
     disk->unmount(DiskUnmountCallback);
     waitWhile(*loop, [] { return unmountStatus == kUnmountPending; });
@@ -135,7 +134,7 @@ int32_t unmount_disk(const char* name) try {
 int32_t unmount_efi(const char* disk) try {
   const std::optional<std::string> slice = efiSliceOf(disk);
   if (!slice) return -1;
-  vorlix::platform().pauses->pause(kUnmountPause);  // lets what was just written to the slice settle
+  vorlix::platform().pauses->pause(kUnmountPause);  // gives the system time for what was just written to the slice
   unmount_disk(slice->c_str());
   return 0;
 } catch (const std::exception& error) {

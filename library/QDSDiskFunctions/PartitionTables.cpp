@@ -7,30 +7,17 @@
 #include <array>
 #include <iterator>
 #include <tuple>
-#include <vector>
 
 #include <Vorlix/PartitionRecords.h>
 #include "Arguments.h"
-#include "DeviceStreams.h"
-#include "Exceptions.h"
 #include "Log.h"
+#include "LogPlaces.h"
+#include "OpenDevices.h"
 
 using vorlix::logMessage;
-using vorlix::textOf;
+using vorlix::orEmpty;
 
 namespace {
-
-// Numbers in the log that show where a message comes from. They are fixed, because programs that read the log use them.
-enum LogPlace : int {
-  kPlaceUnknownBlockSize = 215,
-  kPlaceComparing = 228,
-  kPlaceReadingGPT = 327,
-  kPlaceGuard = 419,
-  kPlaceTableGap = 468,
-  kPlaceTableTitle = 469,
-  kPlaceTableColumns = 470,
-  kPlaceTableRule = 471,
-};
 
 // Reads entries from a stream in large pieces. After the end of the stream, entries have no bytes.
 class EntryReader {
@@ -83,13 +70,13 @@ bool slotDiffers(const MBRPartitionEntry& fresh, const MBRPartitionEntry& disk) 
 }  // namespace
 
 uint64_t getblocksize(const char* device) try {
-  device = textOf(device);
+  device = orEmpty(device);
   logMessage("Getting block size for device %s", device);
   std::optional<int64_t> blockSize;
   if (const auto session = vorlix::platform().diskArbitration->createSession()) {
     if (const auto disk = session->diskFromBSDName(device)) blockSize = disk->blockSize();
   }
-  if (!blockSize) logMessage("Error getting number. Unknown volume size line:%i", kPlaceUnknownBlockSize);
+  if (!blockSize) logMessage("Error getting number. Unknown volume size line:%i", vorlix::kPlaceUnknownBlockSize);
   const auto result = static_cast<unsigned long long>(blockSize.value_or(0));
   logMessage("Found blockSize: %llu", result);
   return result;
@@ -115,7 +102,7 @@ int read_gpt_header(FILE* stream, GPTHeader* header) {
 
 void read_gpt(FILE* stream, PartitionTable* table, GPTEntry* entries, const GPTHeader* header, uint32_t active,
               int guard) {
-  logMessage("Reading GPT. line:%i", kPlaceReadingGPT);
+  logMessage("Reading GPT. line:%i", vorlix::kPlaceReadingGPT);
   table->signature = vorlix::kMBRSignature;
   logMessage("Setting signature to %02x", static_cast<unsigned>(table->signature));
 
@@ -126,7 +113,7 @@ void read_gpt(FILE* stream, PartitionTable* table, GPTEntry* entries, const GPTH
   }
 
   if (guard == 1) {
-    logMessage("Changing to standard guard MBR line:%i", kPlaceGuard);
+    logMessage("Changing to standard guard MBR line:%i", vorlix::kPlaceGuard);
     vorlix::makeGuard(*table, header->last_usable_lba);
   }
 }
@@ -147,11 +134,12 @@ int print_gpt(const GPTEntry* entries) {
 }
 
 void print_bios_partition_table(const PartitionTable* table) {
-  logMessage("\n\n line:%i", kPlaceTableGap);
+  logMessage("\n\n line:%i", vorlix::kPlaceTableGap);
   logMessage(" ----------------------------- BIOS Partition Table--------------------------\n line:%i",
-             kPlaceTableTitle);
-  logMessage(" #: id  cyl  hd sec -  cyl  hd sec [     start -       size]\n line:%i", kPlaceTableColumns);
-  logMessage("------------------------------------------------------------------------\n line:%i", kPlaceTableRule);
+             vorlix::kPlaceTableTitle);
+  logMessage(" #: id  cyl  hd sec -  cyl  hd sec [     start -       size]\n line:%i", vorlix::kPlaceTableColumns);
+  logMessage("------------------------------------------------------------------------\n line:%i",
+             vorlix::kPlaceTableRule);
   int number = 0;
   for (const MBRPartitionEntry& slot : table->parts) {
     logMessage((slot.flag & vorlix::kActiveFlag) != 0 ? "* %s" : " %s", "");
@@ -162,7 +150,7 @@ void print_bios_partition_table(const PartitionTable* table) {
 }
 
 int ComparePartitionTables(const MBRPartitionEntry* fresh, const MBRPartitionEntry* disk) {
-  logMessage("Comparing partition tables. line:%i", kPlaceComparing);
+  logMessage("Comparing partition tables. line:%i", vorlix::kPlaceComparing);
   for (int i = 0; i < static_cast<int>(vorlix::kSlotCount); ++i) {
     logMessage("Comparing partition index %d", i);
     if (slotDiffers(fresh[i], disk[i])) return -1;
@@ -171,7 +159,7 @@ int ComparePartitionTables(const MBRPartitionEntry* fresh, const MBRPartitionEnt
 }
 
 int has_guard_mbr(const char* device) try {
-  device = textOf(device);
+  device = orEmpty(device);
   logMessage("Checking for guard MBR on disk %s", device);
   PartitionTable table = {};
   uint32_t active = 0;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whether a process that asks for something may have it.
+// Checking the processes that send requests.
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/QDSUtilities.h>
 #include <Vorlix/platform/CodeSigning.h>
@@ -10,7 +10,7 @@ namespace {
 
 constexpr const char* kRequirement = "anchor apple generic and certificate leaf[subject.OU] = K7M2QZ4RNA";
 
-// Absent for a process that may.
+// Returns why a process is refused; null if it is not.
 const char* refusalOf(vorlix::CodeCheck outcome) {
   switch (outcome) {
     case vorlix::CodeCheck::valid:

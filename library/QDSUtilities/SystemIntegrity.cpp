@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whether the system protects its own files from those who have administrator rights.
+// Whether the system protects its own files from administrators.
 #include <Vorlix/QDSUtilities.h>
 #include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/Platform.h>
@@ -18,6 +18,6 @@ bool QDSUtilities::isSIPEnabled() {
   if (!vorlix::platform().files->kindOf(tool)) return false;
 
   const auto text = vorlix::standardOutputOf({tool, {"status"}});
-  // An answer that is no text counts as one that says "disabled".
+  // Output that is not text counts as "disabled".
   return text && text->find(kDisabledText) == std::string::npos;
 }

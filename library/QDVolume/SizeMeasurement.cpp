@@ -15,7 +15,7 @@
 
 namespace {
 
-// What an absent object reads as where text is made of it.
+// How an absent object is shown in text.
 constexpr const char* kAbsent = "(null)";
 
 bool isKnown(const std::optional<std::string>& totalSize) {
@@ -37,12 +37,12 @@ namespace vorlix {
 
 std::string_view pathExtension(std::string_view path) {
   while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
-  path.remove_prefix(path.rfind('/') + 1);  // from the start where there is none
+  path.remove_prefix(path.rfind('/') + 1);  // npos + 1 is 0
   const size_t dot = path.rfind('.');
   return dot == std::string_view::npos || dot == 0 ? std::string_view() : path.substr(dot + 1);
 }
 
-// The double quotes do not protect a path that holds one, or that the shell expands; hosts rely on the exact line.
+// The double quotes do not protect a path that contains one or that the shell expands. Hosts rely on the exact command.
 std::string measuringCommand(std::string_view extension, const std::string& path) {
   if (extension == "gz") return "/usr/bin/gunzip -d -c  \"" + path + "\" | /usr/bin/wc -c";
   const std::string unzip = platform().hostBundle->pathForResource("unzip", "", "").value_or(kAbsent);
@@ -61,7 +61,7 @@ void QDVolume::updateSize() {
   if (!wrapperArray()) setWrapperArray(std::make_shared<Runners>());
 
   const auto self = std::static_pointer_cast<QDVolume>(shared_from_this());
-  // The end callback has to find its runner, which is not there yet when the callback is made.
+  // The end callback needs its runner, which does not exist yet when the callback is created.
   const auto runner = std::make_shared<std::weak_ptr<QDTaskWrapperWithBlocks>>();
   const auto arguments = std::make_shared<const std::vector<std::string>>(
       std::vector<std::string>{"/bin/sh", "-c", vorlix::measuringCommand(extension, *path)});

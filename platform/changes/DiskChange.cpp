@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/platform/DiskChange.h>
 #include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/SystemError.h>
 #include "Journal.h"
 #include "JournalFolder.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <utility>
 
 namespace vorlix {
@@ -18,7 +20,7 @@ using Image = Journal::Image;
 constexpr size_t kSector = 512;  // a medium writes these whole or not at all
 
 std::string reasonOf(ssize_t done) {
-  return done < 0 ? std::strerror(errno) : "the device ends too early";
+  return done < 0 ? SystemError{errno}.reason() : "the device ends too early";
 }
 
 // A run of bytes on the medium. False with `reason` set where it cannot be read whole.
@@ -130,7 +132,7 @@ class Application {
     for (size_t i = 0; i < handles_.size(); ++i) {
       if (handles_[i]->sync() == 0 || failure) continue;
       failure = ChangeFailure{journal_.devices()[i].name,
-                              std::string("what was written is not on the medium: ") + std::strerror(errno), ""};
+                              "what was written is not on the medium: " + SystemError{errno}.reason(), ""};
     }
     for (auto run = journal_.runs().begin(); !failure && run != journal_.runs().end(); ++run) {
       Bytes wanted;
@@ -159,7 +161,7 @@ class Application {
     if (auto failure = journal_.read(run, image, bytes)) return failure;
     const ssize_t done = handleOf(run).writeAt(bytes.data(), bytes.size(), run.offset);
     if (done == static_cast<ssize_t>(bytes.size())) return std::nullopt;
-    return failureAt(run, done < 0 ? std::strerror(errno) : "only a part of it could be written");
+    return failureAt(run, done < 0 ? SystemError{errno}.reason() : "only a part of it could be written");
   }
 
   // Of each run with a reason of its own whether it is on the medium.
@@ -291,6 +293,13 @@ bool isStillThere(const std::string& folder) {
 std::optional<ChangeFailure> settle(Journal& journal, DeviceHandle& disk, const DeviceIdentity& identity,
                                     std::vector<std::string>& finished) {
   const std::string unsettled = "an earlier change (" + journal.title() + ") was cut off, ";
+  if (journal.manifest().content) {
+    const std::string name = std::filesystem::path(journal.folder()).filename().string();
+    return ChangeFailure{journal.devices().front().name,
+                         unsettled + "and only `vorlix restore --resume " + name + "` finishes it; `vorlix undo " +
+                             name + "` gives it up",
+                         kNothingWritten};
+  }
   const bool isOwn = isFor(journal, identity);
   Handles opened;
   if (!isOwn) opened = placesOn(disk, identity, journal);
@@ -361,7 +370,7 @@ std::optional<ChangeFailure> applyChange(const DiskChange& change, const ChangeB
   std::vector<DeviceHandle*> handles;
   for (const DeviceChange& device : change.devices) {
     const auto identity = device.handle->identity();
-    if (!identity) return ChangeFailure{device.device, std::strerror(errno), kNothingWritten};
+    if (!identity) return ChangeFailure{device.device, SystemError{errno}.reason(), kNothingWritten};
     const size_t index = writer->addDevice(device.device, *identity);
     handles.push_back(device.handle.get());
     for (const ByteChange& run : device.bytes) {
@@ -381,18 +390,19 @@ std::vector<InterruptedChange> interruptedChanges(DeviceHandle& device) {
   for (const std::string& folder : journalsInStateFolder()) {
     std::optional<ChangeFailure> failure;
     const auto journal = Journal::open(folder, failure);
-    if (!journal && isStillThere(folder)) found.push_back({"of a journal that cannot be read", folder});
+    if (!journal && isStillThere(folder)) found.push_back({"of a journal that cannot be read", folder, false});
     if (!journal || !(isFor(*journal, *identity) || holdsPartOf(*journal, device, *identity))) continue;
-    found.push_back({journal->title(), folder});
+    found.push_back({journal->title(), folder, journal->manifest().content.has_value()});
   }
   return found;
 }
 
 std::optional<ChangeFailure> settleInterruptedChanges(const std::string& name, DeviceHandle& device,
-                                                      std::vector<std::string>& finished) {
+                                                      std::vector<std::string>& finished, const std::string& except) {
   const auto identity = device.identity();
-  if (!identity) return ChangeFailure{name, std::strerror(errno), kNothingWritten};
+  if (!identity) return ChangeFailure{name, SystemError{errno}.reason(), kNothingWritten};
   for (const std::string& folder : journalsInStateFolder()) {
+    if (folder == except) continue;
     std::optional<ChangeFailure> damaged;
     const auto journal = Journal::open(folder, damaged);
     if (!journal && isStillThere(folder)) {

@@ -5,6 +5,7 @@
 #include <Vorlix/platform/FilesInPlace.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/SliceName.h>
+#include <Vorlix/platform/SystemError.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -95,7 +96,7 @@ std::string absoluteName(const std::string& device) {
 std::optional<ChangeFailure> makeNamedFolder(const std::string& folder) {
   std::error_code error;
   fs::create_directories(folder, error);
-  if (error) return ChangeFailure{folder, error.message(), kNothingWritten};
+  if (error) return ChangeFailure{folder, SystemError{error.value()}.reason(), kNothingWritten};
   return std::nullopt;
 }
 

@@ -10,6 +10,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <Vorlix/platform/Descriptor.h>
@@ -88,6 +89,9 @@ class JournalWriter {
 
   /// Adds a file of a mounted volume.
   std::optional<ChangeFailure> add(const FileChange& file);
+
+  /// Says where the content of a long change comes from.
+  void setContent(JournalContent content) { journal_->manifest_.content = std::move(content); }
 
   /// Syncs the journal. From here on the change is found if the process ends.
   std::optional<ChangeFailure> commit(std::unique_ptr<Journal>& journal);

@@ -3,6 +3,7 @@
 
 #include <Vorlix/platform/FilesInPlace.h>
 #include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/SystemError.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -118,6 +119,7 @@ void removeLeftoversIn(const std::string& parent) {
 
 void removeJournalFiles(const std::string& folder) {
   for (const char* const name : kJournalFiles) unlink((folder + name).c_str());
+  unlink((folder + kJournalPieces).c_str());
   rmdir(folder.c_str());
 }
 
@@ -161,7 +163,7 @@ Descriptor lockJournalFolder(const std::string& folder) {
 }
 
 ChangeFailure journalFailure(const std::string& subject, int error) {
-  return {subject, std::strerror(error), kNothingWritten};
+  return {subject, SystemError{error}.reason(), kNothingWritten};
 }
 
 }  // namespace vorlix

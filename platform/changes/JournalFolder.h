@@ -17,7 +17,8 @@ namespace vorlix {
 inline constexpr const char* kJournalManifest = "/manifest.json";
 inline constexpr const char* kJournalBefore = "/before.bin";
 inline constexpr const char* kJournalAfter = "/after.bin";
-inline constexpr const char* kJournalFiles[] = {kJournalManifest, kJournalBefore, kJournalAfter};
+inline constexpr const char* kJournalPieces = "/pieces.txt";  ///< of a long change only
+inline constexpr const char* kJournalFiles[] = {kJournalManifest, kJournalBefore, kJournalAfter};  ///< of every journal
 
 inline constexpr const char* kUnfinishedJournal = ".new";  ///< ends the name of one that is being written
 inline constexpr const char* kRemovedJournal = ".done";    ///< ends the name of one that is being removed

@@ -41,6 +41,11 @@ Json jsonOf(const JournalFile& file) {
           {"after", textOrNull(file.change.after)}};
 }
 
+Json jsonOf(const std::optional<JournalContent>& content) {
+  if (!content) return {};
+  return {{"source", content->source}, {"start", content->start}, {"device", content->device}};
+}
+
 template <class Item>
 Json jsonOf(const std::vector<Item>& items) {
   Json array = Json::array();
@@ -105,7 +110,8 @@ std::string textOfManifest(const JournalManifest& manifest) {
                      {"kept", manifest.isKept},
                      {"devices", jsonOf(manifest.devices)},
                      {"runs", jsonOf(manifest.runs)},
-                     {"files", jsonOf(manifest.files)}};
+                     {"files", jsonOf(manifest.files)},
+                     {"content", jsonOf(manifest.content)}};
   return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
@@ -127,6 +133,11 @@ std::optional<JournalManifest> parseManifest(const std::string& text, uint64_t l
     manifest.isKept = json.at("kept").get<bool>();
     for (const Json& item : json.at("files")) {
       if (!isSound(manifest.files.emplace_back(fileOf(item)))) return std::nullopt;
+    }
+    if (const Json& content = json.at("content"); !content.is_null()) {
+      manifest.content = {content.at("source").get<std::string>(), content.at("start").get<std::string>(),
+                          content.at("device").get<size_t>()};
+      if (manifest.content->device >= manifest.devices.size()) return std::nullopt;
     }
   } catch (const nlohmann::json::exception&) {
     return std::nullopt;

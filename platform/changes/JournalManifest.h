@@ -38,6 +38,13 @@ struct JournalFile {
   std::string before;   ///< its SHA-256; empty if there was no file
 };
 
+/// Content that is written from a source and is not in the journal itself.
+struct JournalContent {
+  std::string source;
+  std::string start;  ///< SHA-256 of the first bytes of the volume, hexadecimal
+  size_t device = 0;  ///< index into the journal's devices
+};
+
 struct JournalManifest {
   std::string title;
   std::string begun;    ///< "2026-11-22T01:02:03Z"
@@ -45,6 +52,7 @@ struct JournalManifest {
   std::vector<JournalDevice> devices;
   std::vector<JournalRun> runs;
   std::vector<JournalFile> files;
+  std::optional<JournalContent> content;
 };
 
 std::string textOfManifest(const JournalManifest& manifest);

@@ -51,7 +51,8 @@ std::optional<ChangeFailure> readKeptChange(const std::string& folder, KeptChang
   std::optional<ChangeFailure> failure;
   const auto journal = Journal::open(folder, failure);
   if (!journal || (failure = checkSize(*journal))) return failure;
-  kept = {folder, journal->title(), journal->manifest().begun, {"undo of " + journal->title(), {}}, {}, {}};
+  kept = {folder, journal->title(), journal->manifest().begun, {"undo of " + journal->title(), {}}, {}, "", {}};
+  if (const auto& content = journal->manifest().content) kept.lost = journal->devices()[content->device].name;
   for (const JournalDevice& device : journal->devices()) {
     kept.undo.devices.push_back({device.name, nullptr, {}});
     kept.offsets.push_back(device.identity.offset);

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "StateFolder.h"
+
+#include <Vorlix/platform/SystemError.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <system_error>
 
@@ -49,7 +50,7 @@ bool makeFolder(const fs::path& path, std::string& reason) {
   std::error_code error;
   fs::create_directories(path.parent_path(), error);
   if (error) {
-    reason = path.parent_path().string() + ": " + error.message();
+    reason = SystemError{error.value(), path.parent_path().string()}.text();
     return false;
   }
   if (mkdir(path.c_str(), kForTheUser) == 0) {
@@ -58,7 +59,7 @@ bool makeFolder(const fs::path& path, std::string& reason) {
   } else if (errno == EEXIST) {
     return true;
   }
-  reason = path.string() + ": " + std::strerror(errno);
+  reason = SystemError{errno, path.string()}.text();
   return false;
 }
 

@@ -9,7 +9,7 @@
 
 namespace vorlix {
 
-// The kernel is asked, since what the loader knows of an executable is what its caller called it.
+// Uses the kernel's map, because the loader only knows the name by which the executable was started.
 std::filesystem::path fileOfThisCode() {
   const auto here = reinterpret_cast<uintptr_t>(&fileOfThisCode);
   std::ifstream maps("/proc/self/maps");

@@ -5,8 +5,8 @@
 
 namespace vorlix {
 
-/// The file that the library's code was loaded from: the executable, or the shared library. Empty where the kernel does
-/// not tell.
+/// Returns the file that the library's code was loaded from: the executable or the shared library. Empty if the kernel
+/// does not report it.
 std::filesystem::path fileOfThisCode();
 
 }  // namespace vorlix

@@ -9,7 +9,6 @@
 
 #include <climits>
 #include <optional>
-#include <utility>
 
 #include <Vorlix/platform/Descriptor.h>
 #include "SignersUnit.h"
@@ -18,21 +17,21 @@
 namespace vorlix {
 namespace {
 
-/// The largest executable that is looked at, so that a sparse file does not keep the host busy for days.
+/// Larger executables are refused, so that a sparse file does not keep the host busy for days.
 constexpr off_t kLargestExecutable = off_t{1} << 30;
 
-/// A process that is held by a descriptor, so that its identifier cannot quietly become another's.
+/// A process that a descriptor refers to, so that another process cannot take its identifier unnoticed.
 class PinnedProcess {
  public:
   static std::optional<PinnedProcess> pin(int32_t identifier) {
     PinnedProcess process;
-    // Through the number of the call, which the C library has a function for only from 2.36 on.
+    // The C library has a function for this call only since version 2.36.
     process.process_ = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, identifier, 0U)));
     if (!process.process_) return std::nullopt;
     process.link_ = "/proc/" + std::to_string(identifier) + "/exe";
     process.executable_ = Descriptor(open(process.link_.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     if (!process.executable_ || fstat(process.executable_.get(), &process.status_) != 0) return std::nullopt;
-    // The link was of the process that is held if that one still runs: its identifier is not given away before.
+    // If the process still runs, its identifier was not reused, and the link was that of this process.
     if (process.hasEnded()) return std::nullopt;
     return process;
   }
@@ -41,8 +40,8 @@ class PinnedProcess {
 
   bool isReadable() const { return S_ISREG(status_.st_mode) && status_.st_size <= kLargestExecutable; }
 
-  /// The path that leads to the executable now. Absent if none does: it was deleted, moved away from under the name,
-  /// replaced, or is out of this process's sight.
+  /// Returns the path of the executable. Absent if no path leads to it now: it was deleted, moved or replaced, or this
+  /// process cannot see it.
   std::optional<std::string> path() const {
     char target[PATH_MAX];
     const std::string link = "/proc/self/fd/" + std::to_string(executable_.get());
@@ -53,7 +52,7 @@ class PinnedProcess {
     return path;
   }
 
-  /// Whether it runs and has run the same executable file since it was pinned, as far as can be seen.
+  /// Returns whether the process still runs the executable that it ran when it was pinned, as far as can be seen.
   bool isUnchanged() const { return isExecutable(link_) && !hasEnded(); }
 
  private:
@@ -61,7 +60,7 @@ class PinnedProcess {
 
   bool hasEnded() const {
     pollfd descriptor{process_.get(), POLLIN, 0};
-    return poll(&descriptor, 1, 0) != 0;  // readable once it has ended; what cannot be told counts as ended
+    return poll(&descriptor, 1, 0) != 0;  // readable after the end; an error counts as the end
   }
 
   bool isExecutable(const std::string& path) const {

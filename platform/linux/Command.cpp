@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Command.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -15,41 +12,16 @@
 #include <cerrno>
 #include <cstdlib>
 #include <sstream>
+#include <system_error>
 
 #include <Vorlix/platform/Descriptor.h>
+#include "platform/posix/ProgramStart.h"
 
 namespace vorlix {
 namespace {
 
 constexpr size_t kMostErrors = 4096;
 constexpr const char* kSystemPath = "/usr/sbin:/usr/bin:/sbin:/bin:/usr/local/sbin:/usr/local/bin";
-// Numbers that descriptors must have so that none is overwritten while the program's own are put in place.
-constexpr int kAboveTheProgramsOwn = kSharedDescriptor + 1;
-
-struct Pipe {
-  Descriptor readEnd;
-  Descriptor writeEnd;
-};
-
-Descriptor raised(int descriptor) {
-  return Descriptor(fcntl(descriptor, F_DUPFD_CLOEXEC, kAboveTheProgramsOwn));
-}
-
-bool makePipe(Pipe& made) {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) return false;
-  made.readEnd = Descriptor(ends[0]);
-  const Descriptor low(ends[1]);
-  made.writeEnd = raised(low.get());
-  return static_cast<bool>(made.writeEnd);
-}
-
-std::vector<char*> pointersTo(std::vector<std::string>& texts) {
-  std::vector<char*> pointers;
-  for (std::string& text : texts) pointers.push_back(text.data());
-  pointers.push_back(nullptr);
-  return pointers;
-}
 
 std::vector<std::string> environmentOf(const Command& command) {
   std::vector<std::string> environment = command.environment;
@@ -58,7 +30,7 @@ std::vector<std::string> environmentOf(const Command& command) {
   return environment;
 }
 
-// The file of a program; empty where there is none. Not by posix_spawnp(), which takes PATH from this process.
+// Returns the file of a program, or empty. posix_spawnp() would use the PATH of this process.
 std::string fileOf(const std::string& program) {
   if (program.find('/') != std::string::npos) return program;
   std::istringstream folders(searchPath());
@@ -71,42 +43,21 @@ std::string fileOf(const std::string& program) {
   return "";
 }
 
-// What the program starts with: its descriptors and none of the host's, no signal blocked, the usual answer to each.
-class SpawnSettings {
- public:
-  SpawnSettings(int output, int errors, int shared) {
-    posix_spawn_file_actions_init(&actions_);
-    posix_spawn_file_actions_addopen(&actions_, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions_, output, 1);
-    posix_spawn_file_actions_adddup2(&actions_, errors, 2);
-    if (shared >= 0) posix_spawn_file_actions_adddup2(&actions_, shared, kSharedDescriptor);
-    posix_spawn_file_actions_addclosefrom_np(&actions_, shared >= 0 ? kSharedDescriptor + 1 : kSharedDescriptor);
-    sigset_t none;
-    sigset_t usual;
-    sigemptyset(&none);
-    sigemptyset(&usual);
-    for (const int signal : {SIGPIPE, SIGCHLD, SIGINT, SIGQUIT, SIGTERM, SIGHUP}) sigaddset(&usual, signal);
-    posix_spawnattr_init(&attributes_);
-    posix_spawnattr_setsigmask(&attributes_, &none);
-    posix_spawnattr_setsigdefault(&attributes_, &usual);
-    posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+pid_t start(const Command& command, const std::string& file, const Pipe& output, const Pipe& errors) {
+  std::vector<std::string> environment = environmentOf(command);
+  ProgramStart start;
+  start.giveNoInput();
+  start.give(output.writeEnd.get());
+  start.give(errors.writeEnd.get());
+  Descriptor shared;
+  if (command.shared >= 0) {
+    shared = giveable(command.shared);
+    start.give(shared.get());
   }
-  ~SpawnSettings() {
-    posix_spawn_file_actions_destroy(&actions_);
-    posix_spawnattr_destroy(&attributes_);
-  }
-  SpawnSettings(const SpawnSettings&) = delete;
-  SpawnSettings& operator=(const SpawnSettings&) = delete;
+  return start.run(file, command.arguments, pointersTo(environment).data());
+}
 
-  const posix_spawn_file_actions_t* actions() const { return &actions_; }
-  const posix_spawnattr_t* attributes() const { return &attributes_; }
-
- private:
-  posix_spawn_file_actions_t actions_;
-  posix_spawnattr_t attributes_;
-};
-
-// Reads both pipes until the program has closed them, so that it never waits for a full one.
+// Reads both pipes until the program has closed them, so that it never waits for a full pipe.
 void drain(Pipe& output, Pipe& errors, const Command& command, CommandResult& result) {
   std::array<pollfd, 2> polled = {
       {{output.readEnd.get(), POLLIN, 0}, {errors.readEnd.get(), POLLIN, 0}},
@@ -148,27 +99,15 @@ CommandResult runCommand(const Command& command) {
   }
   Pipe output;
   Pipe errors;
-  Descriptor shared;
-  if (!makePipe(output) || !makePipe(errors)) {
-    result.launchError = errno;
+  pid_t child = -1;
+  try {
+    output = makePipe();
+    errors = makePipe();
+    child = start(command, file, output, errors);
+  } catch (const std::system_error& failure) {
+    result.launchError = failure.code().value();
     return result;
   }
-  if (command.shared >= 0) {
-    shared = raised(command.shared);
-    if (!shared) {
-      result.launchError = errno;
-      return result;
-    }
-  }
-  std::vector<std::string> arguments = command.arguments;
-  std::vector<std::string> environment = environmentOf(command);
-  pid_t child = -1;
-  {
-    const SpawnSettings settings(output.writeEnd.get(), errors.writeEnd.get(), shared.get());
-    result.launchError = posix_spawn(&child, file.c_str(), settings.actions(), settings.attributes(),
-                                     pointersTo(arguments).data(), pointersTo(environment).data());
-  }
-  if (result.launchError != 0) return result;
   const rlimit processorTime = {command.processorSeconds, command.processorSeconds + 1};
   static_cast<void>(prlimit(child, RLIMIT_CPU, &processorTime, nullptr));
   output.writeEnd.reset();

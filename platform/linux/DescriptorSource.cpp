@@ -17,7 +17,7 @@ class LinuxLoopSource final : public LoopSource {
       : owned_(std::move(owned)), loop_(std::static_pointer_cast<LinuxRunLoop>(LinuxRunLoops().current())) {
     source_ = std::make_shared<ReadableDescriptor>(descriptor, [this, handler = std::move(handler)] {
       leave();
-      handler();  // this may be gone afterwards; the loop keeps the handler until it has returned
+      handler();  // may destroy this object; the loop keeps the handler until it has returned
     });
     loop_->add(kDefaultRunLoopMode, source_);
   }

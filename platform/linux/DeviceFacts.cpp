@@ -6,6 +6,7 @@
 
 #include <charconv>
 #include <filesystem>
+#include <limits>
 #include <string_view>
 #include <system_error>
 
@@ -27,11 +28,11 @@ std::string nameOf(const fs::path& folder) {
   return withSlashes(folder.filename());
 }
 
-// Buses know of a port whether what is in it is built in.
+// Some buses report whether the device at a port is built in.
 std::optional<bool> internalByPath(const fs::path& folder) {
   const std::string path = folder.string();
   if (path.rfind("/sys/devices/virtual/block/loop", 0) == 0) return false;
-  if (path.rfind("/sys/devices/virtual/", 0) == 0) return std::nullopt;  // of which disks it is made is not looked up
+  if (path.rfind("/sys/devices/virtual/", 0) == 0) return std::nullopt;  // the disks below it are not examined
   for (fs::path above = folder.parent_path(); above.string().size() > std::string_view("/sys/devices").size();
        above = above.parent_path()) {
     const std::optional<std::string> place = readTrimmed(above / "removable");
@@ -68,6 +69,13 @@ std::optional<std::string> nodeOfDevice(dev_t device) {
   return "/dev/" + nameOf(*folder);
 }
 
+std::optional<uint32_t> kernelBlockSize(dev_t device) {
+  const std::optional<fs::path> folder = sysfsFolderOfDisk(device);
+  const auto size = folder ? readWholeNumber(*folder / "queue" / "logical_block_size") : std::nullopt;
+  if (!size || *size > std::numeric_limits<uint32_t>::max()) return std::nullopt;
+  return static_cast<uint32_t>(*size);
+}
+
 bool isReadOnlyMedium(const DeviceLocation& location) {
   if (location.isImage) return access(location.whole.c_str(), W_OK) != 0;
   const std::optional<fs::path> folder = sysfsFolderOf(location.node);
@@ -83,7 +91,7 @@ std::optional<bool> isInternalDevice(const DeviceLocation& location) {
 std::optional<int64_t> unitOfKernelName(const std::string& name) {
   for (const std::string_view letters : {"sd", "vd", "hd", "xvd"}) {
     if (name.rfind(letters, 0) != 0 || name.size() == letters.size()) continue;
-    int64_t unit = 0;  // a, b, ... z, aa, ab: a number to the base of 26 without a zero
+    int64_t unit = 0;  // a, b, ... z, aa, ab: a number with base 26 and no zero
     for (const char letter : name.substr(letters.size())) {
       if (letter < 'a' || letter > 'z' || unit > 1000000) return std::nullopt;
       unit = unit * 26 + (letter - 'a' + 1);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What sysfs tells of block devices, and what the file system tells of disk-image files. No privilege is needed.
+// What sysfs reports for block devices, and the file system for disk-image files. This needs no privilege.
 #pragma once
 
 #include <sys/types.h>
@@ -9,24 +9,27 @@
 #include <optional>
 #include <string>
 
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 
 namespace vorlix {
 
-/// "sda1", "/home/me/mac.imgs1": the kernel's name of the device, or the absolute path of the image file, followed by
-/// "s" and the number for a slice without a node of its own.
+/// Returns the BSD name, such as "sda1" or "/home/me/mac.imgs1": the kernel's name of the device or the absolute path
+/// of the image file, followed by "s" and the number for a slice without its own node.
 std::optional<std::string> bsdNameOf(const DeviceLocation& location);
 
-/// Node of a block device by its number.
+/// Returns the node of a block device by its number.
 std::optional<std::string> nodeOfDevice(dev_t device);
 
-/// The medium cannot be written, by the kernel's account or for this user.
+/// Returns the logical block size that the kernel has for a block device. Absent if it has none.
+std::optional<uint32_t> kernelBlockSize(dev_t device);
+
+/// Returns whether the medium cannot be written: according to the kernel, or for an image file by this user.
 bool isReadOnlyMedium(const DeviceLocation& location);
 
-/// The disk is in the machine's case, as far as its bus tells. Absent where it does not.
+/// Returns whether the disk is inside the machine. Absent if its bus does not report that.
 std::optional<bool> isInternalDevice(const DeviceLocation& location);
 
-/// The unit in a kernel name: 0 for sda, 1 for sdb, n of nvmen or loopn. Absent for a name of another form.
+/// Returns the unit number in a kernel name: 0 for sda, 1 for sdb, n for nvmen or loopn. Absent for other forms.
 std::optional<int64_t> unitOfKernelName(const std::string& name);
 
 }  // namespace vorlix

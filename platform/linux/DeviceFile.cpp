@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <utility>
 
-#include "BlockDevices.h"
 #include "DeviceFacts.h"
+#include "DeviceNames.h"
 #include "DiskLock.h"
 #include "OpenedDevice.h"
 #include "platform/posix/FileHandle.h"
@@ -17,7 +17,7 @@ namespace vorlix {
 std::unique_ptr<DeviceHandle> LinuxDeviceFile::open(const std::string& path, DeviceAccess access, DeviceLock lock) {
   const std::optional<DeviceLocation> location = locateDevice(path);
   if (!location) return nullptr;
-  // A kernel lets root open a write-protected disk for writing and only refuses the writes.
+  // The kernel lets root open a write-protected disk for writing and refuses only the writes.
   if (access == DeviceAccess::readWrite && !location->isImage && isReadOnlyMedium(*location)) {
     errno = EROFS;
     return nullptr;

@@ -7,15 +7,13 @@
 #include <string>
 
 #include "Sysfs.h"
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/DescriptorCalls.h"
 
 namespace vorlix {
 namespace {
 
-constexpr uint64_t kSysfsSector = 512;  // the unit of "start", whatever the disk's block size
-
-// A device number passes to another disk when this one is taken off, and at the next start of the machine: the kernel
-// counts the disks that were attached since.
+// Device numbers are reused for other disks and change when the machine restarts. Therefore the kernel's count of
+// attached disks and the start of the machine are part of the identity.
 std::string identityOfDisk(dev_t number) {
   std::string text = "block " + deviceNumberText(number);
   if (const auto attached = readWholeNumber(sysfsLink(number) / "diskseq")) {
@@ -43,7 +41,7 @@ std::optional<DeviceIdentity> identityOf(int descriptor, uint64_t offset) {
   if (S_ISBLK(status.stx_mode)) return identityOfNode(makedev(status.stx_rdev_major, status.stx_rdev_minor), offset);
   std::string file = "file " + deviceNumberText(makedev(status.stx_dev_major, status.stx_dev_minor)) + " " +
                      std::to_string(status.stx_ino);
-  // The time of birth tells a file from a later one that was given the same number.
+  // The time of birth distinguishes a file from a later one with the same inode number.
   if ((status.stx_mask & STATX_BTIME) != 0) {
     file += " " + std::to_string(status.stx_btime.tv_sec) + "." + std::to_string(status.stx_btime.tv_nsec);
   }

@@ -5,7 +5,7 @@
 
 namespace vorlix {
 
-/// fopencookie().
+/// Streams made with fopencookie().
 class LinuxDeviceStreams final : public DeviceStreams {
  public:
   FILE* streamOver(std::unique_ptr<DeviceHandle> device) override;

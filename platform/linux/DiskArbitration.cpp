@@ -5,14 +5,13 @@
 
 #include <cerrno>
 #include <deque>
-#include <map>
-#include <string_view>
 #include <utility>
 
-#include "BlockDevices.h"
 #include "DeviceFacts.h"
+#include "DeviceNames.h"
 #include "DiskDescription.h"
 #include "ImageFiles.h"
+#include "MountedDevices.h"
 #include "Mounting.h"
 #include "OpenedDevice.h"
 #include "RunLoop.h"
@@ -20,8 +19,8 @@
 namespace vorlix {
 namespace {
 
-/// The requests of a session. Each is carried out on the run loop that the session is scheduled on; what the session
-/// leaves behind when it ends is carried out then, and a request that comes later at once, without its completion.
+/// The requests of a session. Each is carried out on the run loop that the session is scheduled on. Requests that are
+/// left when the session ends are carried out then, later ones at once; both without their completions.
 class Requests final : public RunLoopSource {
  public:
   using Work = std::function<Refusal()>;
@@ -65,7 +64,7 @@ class Requests final : public RunLoopSource {
 
 class LinuxDisk final : public Disk {
  public:
-  /// `name` finds the device from whatever folder is the current one, and `location` is what it led to.
+  /// `name` must find the device from any working folder; `location` is the result of finding it.
   LinuxDisk(std::string name, DeviceLocation location, std::shared_ptr<Requests> requests)
       : name_(std::move(name)), location_(std::move(location)), requests_(std::move(requests)) {}
 
@@ -116,8 +115,8 @@ class LinuxDisk final : public Disk {
   std::shared_ptr<Requests> requests_;
 };
 
-// A slice without a node of its own is there if the partition table says so. Where the table cannot be read the name is
-// taken at its word; only what needs the bytes then fails.
+// A slice without its own node exists if the partition table has it. If the table cannot be read for lack of
+// permission, the slice is assumed to exist, and only what needs its bytes fails.
 bool isThere(const DeviceLocation& location) {
   return location.hasOwnNode() || openLocation(location, O_RDONLY) || errno == EACCES || errno == EPERM;
 }
@@ -125,7 +124,7 @@ bool isThere(const DeviceLocation& location) {
 std::shared_ptr<LinuxDisk> LinuxDisk::named(const std::string& name, const std::shared_ptr<Requests>& requests) {
   const std::optional<DeviceLocation> location = locateDevice(name);
   if (!location || !isThere(*location)) return nullptr;
-  // An image's name is its absolute path, whatever it was called by.
+  // The name of an image is its absolute path, whatever name was given.
   if (!location->isImage) return std::make_shared<LinuxDisk>(name, *location, requests);
   DeviceLocation image = *location;
   image.whole = image.node = imageBSDName(location->whole);

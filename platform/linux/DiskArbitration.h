@@ -5,7 +5,7 @@
 
 namespace vorlix {
 
-/// Disks as the kernel's block devices and as disk-image files. Sessions are scheduled on run loops of LinuxRunLoops.
+/// The disks are the kernel's block devices and disk-image files. Sessions are scheduled on run loops of LinuxRunLoops.
 /// Requests are carried out on the calling thread while its loop runs.
 class LinuxDiskArbitration final : public DiskArbitration {
  public:

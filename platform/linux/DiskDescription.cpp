@@ -13,9 +13,10 @@
 #include "DeviceFacts.h"
 #include "DiskFacts.h"
 #include "IORegistry.h"
-#include "ImageDisk.h"
+#include "ImageDiskFacts.h"
 #include "KernelDisks.h"
 #include "Mounting.h"
+#include "PartitionProbe.h"
 #include "Sysfs.h"
 
 namespace vorlix {
@@ -31,7 +32,7 @@ int64_t asInteger(uint64_t number) {
 }
 
 std::optional<DiskFacts> diskFactsOf(const DeviceLocation& location) {
-  if (location.isImage) return imageDisk("", location.whole);
+  if (location.isImage) return imageDiskFacts("", location.whole);
   const std::optional<std::string> name = bsdNameOf({location.whole, location.whole, 0, false});
   return name ? kernelDiskOf("", *name) : std::nullopt;
 }
@@ -42,12 +43,12 @@ void describeDrive(const DeviceLocation& location, const std::optional<DiskFacts
   if (disk && !location.isImage) setIfKnown(description, kDescriptionDeviceUnit, unitOfKernelName(disk->bsdName));
   std::optional<bool> isRemovable;
   if (location.isImage) {
-    isRemovable = true;  // as with a disk in a drive of its own
+    isRemovable = true;  // like a disk in its own drive
   } else if (disk) {
     isRemovable = disk->removable;
   }
   setIfKnown(description, kDescriptionMediaRemovable, isRemovable);
-  // What can be unplugged can be ejected, though its medium stays in its case.
+  // An external disk counts as ejectable even if its medium cannot be removed from it.
   const bool isExternal = isInternal == false;
   if (isRemovable || isExternal) {
     description.set(kDescriptionMediaEjectable, isExternal || isRemovable.value_or(false));
@@ -75,7 +76,7 @@ void describeMedium(const DeviceLocation& location, const std::optional<DiskFact
              probePartitionName(whole->descriptor.get(), whole->blockSize, location.slice));
 }
 
-// The registry has the medium below its device, and a slice below the partition table on the medium of its disk.
+// In the registry, a medium is below its device, and a slice is below the partition table on the medium of its disk.
 void describePaths(const DeviceLocation& location, const std::optional<DiskFacts>& disk, Dictionary& description) {
   std::shared_ptr<RegistryEntry> entry = disk ? LinuxIORegistry().mediumEntry(*disk, location.slice) : nullptr;
   if (!entry) return;
@@ -104,7 +105,7 @@ void describeVolume(const DeviceLocation& location, const std::optional<OpenedDe
                     Dictionary& description) {
   const std::optional<VolumePlace> place = volumePlaceOf(location, device);
   if (place) description.set(kDescriptionVolumePath, folderURL(*place));
-  const std::optional<VolumeFacts> facts = volumeFactsOf(location, device);
+  const std::optional<ProbedVolume> facts = volumeFactsOf(location, device);
   std::optional<std::string> kind;
   if (facts) {
     kind = facts->kind;
@@ -120,7 +121,7 @@ void describeVolume(const DeviceLocation& location, const std::optional<OpenedDe
 
 }  // namespace
 
-std::optional<VolumeFacts> volumeFactsOf(const DeviceLocation& location, const std::optional<OpenedDevice>& device) {
+std::optional<ProbedVolume> volumeFactsOf(const DeviceLocation& location, const std::optional<OpenedDevice>& device) {
   if (device) return probeVolume(device->descriptor.get(), device->window);
   struct stat status = {};
   if (location.isImage || stat(location.node.c_str(), &status) != 0) return std::nullopt;
@@ -129,13 +130,13 @@ std::optional<VolumeFacts> volumeFactsOf(const DeviceLocation& location, const s
 
 std::optional<std::string> volumeTypeOf(const DeviceLocation& location) {
   const std::optional<OpenedDevice> device = openLocation(location, O_RDONLY);
-  if (const std::optional<VolumeFacts> facts = volumeFactsOf(location, device)) return facts->kind;
+  if (const std::optional<ProbedVolume> facts = volumeFactsOf(location, device)) return facts->kind;
   const std::optional<VolumePlace> place = volumePlaceOf(location, device);
   return place ? volumeKindOf(place->fileSystem) : std::nullopt;
 }
 
 std::optional<UUID> volumeUUIDOf(const DeviceLocation& location) {
-  const std::optional<VolumeFacts> facts = volumeFactsOf(location, openLocation(location, O_RDONLY));
+  const std::optional<ProbedVolume> facts = volumeFactsOf(location, openLocation(location, O_RDONLY));
   return facts ? facts->uuid : std::nullopt;
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the I/O registry tells of a disk, whether the kernel knows it or it is an image file.
+// What the I/O registry shows of a disk that the kernel knows or of an image file.
 #pragma once
 
 #include <Vorlix/foundation/UUID.h>
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/Extent.h"
 
 namespace vorlix {
 
@@ -20,16 +20,16 @@ struct SliceFacts {
   Extent extent;  ///< bytes on the whole disk
   bool writable = false;
   std::optional<UUID> uuid;  ///< GPT partitions only
-  std::string content;       ///< GPT type in upper case, MBR type as in "0x07"; empty where it is not known
+  std::string content;       ///< GPT type in upper case, MBR type as in "0x07"; empty if unknown
 };
 
 struct DiskFacts {
   std::string bsdName;
-  std::string location;            ///< tells devices of one name apart in registry paths
+  std::string location;            ///< distinguishes devices of one name in registry paths
   std::optional<bool> rotational;  ///< of the medium
   std::optional<std::string> product;
   std::optional<std::string> vendor;
-  bool hasMedium = true;  ///< without one, only the device is there: nothing of what follows
+  bool hasMedium = true;  ///< if false, there is only the device, and the members below have no meaning
   uint64_t size = 0;      ///< bytes
   uint32_t blockSize = 512;
   bool removable = false;

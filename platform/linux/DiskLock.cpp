@@ -11,10 +11,9 @@
 #include <mutex>
 #include <optional>
 #include <tuple>
-#include <utility>
 
 #include <Vorlix/platform/Descriptor.h>
-#include "Sysfs.h"
+#include "VolumeOrigin.h"
 
 namespace vorlix {
 namespace {
@@ -50,13 +49,7 @@ HeldLocks& heldLocks() {
   return *instance;
 }
 
-// The file whose bytes a loop device shows. Absent for other devices.
-std::optional<std::string> backingFileOf(const struct stat& status) {
-  if (!S_ISBLK(status.st_mode)) return std::nullopt;
-  return readTrimmed(sysfsLink(status.st_rdev) / "loop" / "backing_file");
-}
-
-// A loop device and its file hold the same bytes, so that a lock is on both.
+// A loop device and its file have the same bytes, so both are locked.
 struct LockedBoth {
   std::shared_ptr<Lock> device;
   std::shared_ptr<Lock> file;
@@ -72,7 +65,7 @@ std::shared_ptr<Lock> lockOne(HeldLocks& held, const std::string& path, const st
   const bool exclusive = lock == DeviceLock::exclusive;
   int descriptor = aboveStandardStreams(open(path.c_str(), O_RDWR | O_CLOEXEC));
   const bool cannotBeWritten = descriptor < 0 && (errno == EACCES || errno == EPERM || errno == EROFS);
-  // Those who only read may lock what they can only read.
+  // Readers may lock a disk that they can only read.
   if (cannotBeWritten && !exclusive) descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) return nullptr;
   if (flock(descriptor, (exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) != 0) {
@@ -94,11 +87,12 @@ std::shared_ptr<void> lockWholeDisk(const std::string& path, DeviceLock lock) {
   HeldLocks& held = heldLocks();
   const std::lock_guard guard(held.mutex);
   const std::shared_ptr<Lock> device = lockOne(held, path, status, lock);
-  const std::optional<std::string> file = device ? backingFileOf(status) : std::nullopt;
+  const bool isBlockDevice = device && S_ISBLK(status.st_mode);
+  const std::optional<std::string> file = isBlockDevice ? backingPathOf(status.st_rdev) : std::nullopt;
   if (!file || stat(file->c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return device;
   const std::shared_ptr<Lock> behind = lockOne(held, *file, status, lock);
   if (behind) return std::make_shared<LockedBoth>(LockedBoth{device, behind});
-  // A file that is closed to this user is locked by nobody on this user's behalf.
+  // If this user cannot open the file, the lock on the device must do.
   return errno == EWOULDBLOCK ? nullptr : device;
 }
 

@@ -11,9 +11,9 @@
 
 namespace vorlix {
 
-/// Locks the disk at `path` without waiting. While this process holds the lock already it is shared with its other
-/// holders, unless an exclusive lock is asked for and a shared one is held. A loop device is locked together with the
-/// file that it shows. Null with `errno` set on failure.
+/// Locks the disk at `path` without waiting. Holders in this process share one lock, except that an exclusive lock
+/// fails while a shared one is held. A loop device is locked together with its backing file. Null with `errno` set on
+/// failure.
 std::shared_ptr<void> lockWholeDisk(const std::string& path, DeviceLock lock);
 
 }  // namespace vorlix

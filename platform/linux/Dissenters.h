@@ -1,22 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The system's error numbers as dissenters.
+// How the adapters for Linux report failures: a request is refused with a dissenter, which has a status that callers
+// can compare and a text for people.
 #pragma once
 
 #include <Vorlix/platform/DiskArbitration.h>
+#include <Vorlix/platform/DiskChange.h>
+#include <Vorlix/platform/SystemError.h>
 
 #include <optional>
 #include <string>
 
 namespace vorlix {
 
-/// What became of a request: absent for success.
+/// The result of a request: absent for success.
 using Refusal = std::optional<Dissenter>;
 
-/// The published code for an error number.
-int32_t dissentStatus(int error);
+/// Returns the dissenter for an error number; `subject` is a path, a device or what was being done.
+inline Dissenter dissenterFor(int error, const std::string& subject) {
+  return SystemError{error, subject}.dissenter();
+}
 
-/// A dissenter for an error number; its text is `what`, a colon and the error in words.
-Dissenter dissenterFor(int error, const std::string& what);
+/// Returns the dissenter for a change to a disk that failed.
+inline Dissenter dissenterFor(const ChangeFailure& failure) {
+  const std::string state = failure.state.empty() ? "" : "; " + failure.state;
+  return {kDissentError, failure.subject + ": " + failure.reason + state};
+}
 
 }  // namespace vorlix

@@ -1,22 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <Vorlix/foundation/LittleEndian.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
 namespace vorlix {
 
-/// A sum that tells whether bytes have changed. Each word goes in by a step that can be undone, so that a change of one
-/// word always changes the sum. It is no protection against bytes that were made to have the same one.
+/// A checksum that shows whether bytes have changed. Each word enters by a reversible step, so a change of one word
+/// always changes the checksum. It does not protect against bytes that were chosen to have the same checksum.
 class FatDigest {
  public:
   void add(const uint8_t* bytes, size_t count) {
-    for (size_t at = 0; at < count; at += 8) {
-      uint64_t word = 0;
-      for (size_t i = 0; i < std::min<size_t>(8, count - at); ++i) word |= uint64_t{bytes[at + i]} << (8 * i);
-      addWord(word);
-    }
+    for (size_t at = 0; at < count; at += 8) addWord(littleEndian(bytes + at, std::min<size_t>(8, count - at)));
   }
 
   void addWord(uint64_t word) {

@@ -25,7 +25,7 @@ struct FatTime {
   uint16_t time = 0;
 };
 
-// Times that FAT cannot tell become the first or the last one that it can.
+// Times outside the range of FAT become its first or its last time.
 FatTime fatTimeOf(std::time_t now) {
   tm parts = {};
   if (localtime_r(&now, &parts) == nullptr || parts.tm_year < 80) return {1U << 5 | 1U, 0};
@@ -50,7 +50,7 @@ ShortName shortNameOf(const std::string& name) {
   return bytes;
 }
 
-// The volume's sectors on their way to becoming others.
+// Collects changed sectors of a volume.
 class Patching {
  public:
   explicit Patching(const FatSource& source) : source_(source) {}
@@ -119,10 +119,10 @@ class Planning {
  private:
   static Refusal unread() { return dissenterFor(errno, "reading the FAT file system"); }
 
-  // Free clusters, in one run if there is one that is long enough, and at last those of the old content.
+  // Picks free clusters, in one run if a run is long enough; if there are too few, also those of the old content.
   Refusal allocate(uint64_t count, const std::vector<FatRun>& old) {
     std::vector<uint32_t> free;
-    size_t run = 0;  // of those at the end of `free` that follow each other
+    size_t run = 0;  // number of consecutive clusters at the end of `free`
     for (uint32_t i = 0; i < layout_.clusters && run < count; ++i) {
       const uint32_t cluster = kFirstCluster + i;
       if (volume_.table().next(cluster) != 0) continue;
@@ -164,7 +164,7 @@ class Planning {
     return std::nullopt;
   }
 
-  // What is left of the last cluster becomes zero.
+  // The rest of the last cluster becomes zero.
   bool putContent(std::span<const uint8_t> bytes) {
     const auto size = static_cast<size_t>(layout_.clusterSize);
     std::vector<uint8_t> piece;
@@ -177,7 +177,7 @@ class Planning {
     return true;
   }
 
-  // The first record of the folder that is not in use; 0 where it has none.
+  // Finds the first unused record of the folder; 0 if it has none.
   Refusal findPlace(const FatEntry& folder, const ShortName& name, const std::string& text, uint64_t& place) {
     uint64_t size = 0;
     for (const FatRun& run : folder.runs) size += run.count * layout_.clusterSize;
@@ -189,7 +189,7 @@ class Planning {
       hasEnded = record[0] == kFatEndOfFolder;
       if (hasEnded || record[0] == kFatDeleted) {
         if (place == 0) place = here;
-        // What lies behind the end means nothing, and must not come to mean something.
+        // Records after the end have no meaning and must not get one, so the end moves to the next record.
         if (hasEnded && place == here && at + kFatEntrySize < size &&
             !endAt(placeIn(layout_, folder.runs, at + kFatEntrySize))) {
           return unread();
@@ -209,7 +209,7 @@ class Planning {
     return first == kFatEndOfFolder || patching_.write(change_.folders, place, end.data(), end.size());
   }
 
-  // Labels, and parts of long names, are no files.
+  // A label, or a part of a long name, may have the same bytes; only files and folders count.
   Refusal checkAlias(uint64_t place, const std::string& text) const {
     for (const FatEntry& entry : volume_.entries()) {
       if (entry.place != place) continue;
@@ -227,22 +227,22 @@ class Planning {
     return std::nullopt;
   }
 
-  // Into every copy of the table.
+  // Changes every copy of the table.
   bool putLinks() {
     for (const auto& [cluster, next] : links_) {
-      const FatTable::Record record = volume_.table().recordOf(cluster);
+      const FatTable::Location location = volume_.table().locationOf(cluster);
       for (uint32_t copy = 0; copy < layout_.tableCount; ++copy) {
-        const uint64_t place = layout_.tables + copy * layout_.tableSize + record.offset;
+        const uint64_t place = layout_.tables + copy * layout_.tableSize + location.offset;
         std::array<uint8_t, 4> now = {};
-        if (!patching_.read(now.data(), record.count, place, change_.tables)) return false;
-        const auto bytes = volume_.table().recordWith(cluster, next, now);
-        if (!patching_.write(change_.tables, place, bytes.data(), record.count)) return false;
+        if (!patching_.read(now.data(), location.count, place, change_.tables)) return false;
+        const auto bytes = volume_.table().bytesWith(cluster, next, now);
+        if (!patching_.write(change_.tables, place, bytes.data(), location.count)) return false;
       }
     }
     return true;
   }
 
-  // FAT32 keeps the number of free clusters beside the tables, as a hint.
+  // FAT32 stores the number of free clusters outside the tables, as a hint.
   bool putFreeCount() {
     if (layout_.width != FatWidth::bits32) return true;
     std::array<uint8_t, kFatSector> boot = {};
@@ -269,7 +269,7 @@ class Planning {
   const FatLayout& layout_;
   FatFileChange& change_;
   std::vector<uint32_t> clusters_;      // of the new content, in order
-  std::map<uint32_t, uint32_t> links_;  // what the table is to say
+  std::map<uint32_t, uint32_t> links_;  // the new values in the table, by cluster
 };
 
 bool isSame(const FatEntry& left, const FatEntry& right) {
@@ -303,7 +303,7 @@ Refusal replaceFatFile(const FatSource& source, const FatVolume& volume, const F
 
 Refusal makeFatFile(const FatSource& source, const FatVolume& volume, const FatEntry& folder, const std::string& name,
                     std::span<const uint8_t> bytes, std::time_t now, FatFileChange& change) {
-  if (!isPlainFatName(name)) return Dissenter{kDissentUnsupported, name + " is no plain name"};
+  if (!isPlainFatName(name)) return Dissenter{kDissentUnsupported, name + " is not a plain name"};
   return Planning(source, volume, change).make(folder, name, bytes, fatTimeOf(now));
 }
 

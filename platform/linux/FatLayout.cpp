@@ -17,12 +17,12 @@ namespace {
 
 constexpr size_t kBootSector = 512;
 constexpr uint64_t kEntrySize = 32;
-constexpr uint64_t kMostTables = 4;  // there are two, seldom one
-// The largest cluster numbers that are no marks of the table.
+constexpr uint64_t kMostTables = 4;  // usually there are two, sometimes one
+// The largest numbers of clusters whose numbers are not special marks in the table.
 constexpr uint64_t kMostClusters12 = 4084;
 constexpr uint64_t kMostClusters16 = 65524;
 constexpr uint64_t kMostClusters32 = 0x0FFFFFF5;
-constexpr uint64_t kOneTableOnly = 0x80;  // in the flags of FAT32: the others are not kept up
+constexpr uint64_t kOneTableOnly = 0x80;  // in the flags of FAT32: the other tables are not updated
 
 using BootSector = std::array<uint8_t, kBootSector>;
 
@@ -116,8 +116,8 @@ Refusal readFatLayout(const FatSource& source, FatLayout& layout) {
   return std::nullopt;
 }
 
-// Left out: hidden sectors and serial as they are patched (28 to 31, 72 to 79), the flags of a mounted volume, boot
-// code.
+// Leaves out the bytes that are patched (hidden sectors and serial, 28 to 31 and 72 to 79), the flags of a mounted
+// volume, and boot code.
 std::optional<uint64_t> readFatIdentity(const FatSource& source) {
   constexpr std::pair<size_t, size_t> kLasting[] = {{11, 28}, {32, 37}, {38, 65}, {66, 72}};
   BootSector boot = {};

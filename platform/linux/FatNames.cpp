@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <span>
 
 #include <Vorlix/foundation/LittleEndian.h>
+#include <Vorlix/foundation/Utf8.h>
 
 namespace vorlix {
 namespace {
@@ -34,26 +36,7 @@ bool isForbidden(uint32_t character) {
   return character < 0x20 || (character < 0x80 && std::strchr(kForbidden, static_cast<int>(character)) != nullptr);
 }
 
-void append(std::string& text, uint32_t character) {
-  const auto put = [&](uint32_t byte) { text += static_cast<char>(byte); };
-  if (character < 0x80) {
-    put(character);
-  } else if (character < 0x800) {
-    put(0xC0U | character >> 6);
-    put(0x80U | (character & 0x3FU));
-  } else if (character < 0x10000) {
-    put(0xE0U | character >> 12);
-    put(0x80U | (character >> 6 & 0x3FU));
-    put(0x80U | (character & 0x3FU));
-  } else {
-    put(0xF0U | character >> 18);
-    put(0x80U | (character >> 12 & 0x3FU));
-    put(0x80U | (character >> 6 & 0x3FU));
-    put(0x80U | (character & 0x3FU));
-  }
-}
-
-uint32_t lowerCase(uint32_t character) {
+uint32_t lowerLetter(uint32_t character) {
   if (character >= 'A' && character <= 'Z') return character + 0x20;
   return character >= 0xC0 && character <= 0xDE && character != 0xD7 ? character + 0x20 : character;
 }
@@ -62,7 +45,8 @@ bool isIn(uint32_t character, uint32_t first, uint32_t last) {
   return character >= first && character <= last;
 }
 
-// Blocks in which each upper-case letter stands right before its lower-case one. Absent where there is none.
+// Returns the upper-case letter of a block in which each upper-case letter is directly before its lower-case letter.
+// Absent if the character is in no such block.
 std::optional<uint32_t> upperOfPair(uint32_t character) {
   struct Block {
     uint32_t first;  // an upper-case letter
@@ -76,14 +60,14 @@ std::optional<uint32_t> upperOfPair(uint32_t character) {
   return std::nullopt;
 }
 
-uint32_t upperCase(uint32_t character) {
+uint32_t upperLetter(uint32_t character) {
   if (character < 0x80) return isIn(character, 'a', 'z') ? character - 0x20 : character;
   if (isIn(character, 0xE0, 0xFE)) return character == 0xF7 ? character : character - 0x20;
   if (character == 0xFF) return 0x178;
   if (const auto upper = upperOfPair(character)) return *upper;
   if (character == 0x3AC) return 0x386;
   if (isIn(character, 0x3AD, 0x3AF)) return character - 0x25;
-  if (character == 0x3C2) return 0x3A3;  // the sigma at the end of words
+  if (character == 0x3C2) return 0x3A3;  // final sigma
   if (isIn(character, 0x3B1, 0x3CB)) return character - 0x20;
   if (character == 0x3CC) return 0x38C;
   if (isIn(character, 0x3CD, 0x3CE)) return character - 0x3F;
@@ -97,18 +81,18 @@ uint8_t sumOf(const uint8_t* shortName) {
   return sum;
 }
 
-// One part of a short name, without the spaces that fill it up.
+// Appends one part of a short name without its padding.
 bool appendPart(std::string& name, const uint8_t* bytes, size_t count, bool lower) {
   while (count > 0 && bytes[count - 1] == ' ') --count;
   for (size_t i = 0; i < count; ++i) {
     const uint32_t character = bytes[i] < 0x80 ? bytes[i] : kCodePage850[bytes[i] - 0x80U];
     if (isForbidden(character) || character == '.') return false;
-    append(name, lower ? lowerCase(character) : character);
+    appendUtf8(name, lower ? lowerLetter(character) : character);
   }
   return true;
 }
 
-std::optional<std::string> textOf(std::span<const uint16_t> units) {
+std::optional<std::string> utf8Of(std::span<const uint16_t> units) {
   std::string text;
   for (size_t i = 0; i < units.size(); ++i) {
     uint32_t character = units[i];
@@ -118,14 +102,14 @@ std::optional<std::string> textOf(std::span<const uint16_t> units) {
       character = 0x10000 + ((character & 0x3FFU) << 10) + (units[++i] & 0x3FFU);
     }
     if (isForbidden(character)) return std::nullopt;
-    append(text, character);
+    appendUtf8(text, character);
   }
   if (text == "." || text == "..") return std::nullopt;
   return text;
 }
 
-// The character at `at`, and how many bytes it takes: 0 for what is not UTF-8 of two bytes, in which all letters are
-// that foldedFatName() knows.
+// Returns the two-byte UTF-8 character at `at`; 0 for anything else. All letters that foldedFatName() changes have one
+// or two bytes.
 uint32_t twoByteCharacter(const std::string& text, size_t at) {
   const auto first = static_cast<uint8_t>(text[at]);
   if (!isIn(first, 0xC2, 0xDF) || at + 1 == text.size()) return 0;
@@ -180,7 +164,7 @@ LongNameReader::Outcome LongNameReader::finish(const uint8_t* entry, std::string
   const auto end = units_.begin() + static_cast<std::ptrdiff_t>(count_ * kUnitsInEntry);
   const auto length = static_cast<size_t>(std::find(units_.begin(), end, 0) - units_.begin());
   if (length == 0) return Outcome::none;
-  const auto text = length > kLongestFatName ? std::nullopt : textOf(std::span(units_).first(length));
+  const auto text = length > kLongestFatName ? std::nullopt : utf8Of(std::span(units_).first(length));
   if (!text) return Outcome::invalid;
   name = *text;
   return Outcome::found;
@@ -196,7 +180,7 @@ std::string foldedFatName(const std::string& name) {
       continue;
     }
     if (byte >= 0x80) ++at;
-    append(folded, upperCase(character));
+    appendUtf8(folded, upperLetter(character));
   }
   return folded;
 }

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Names on FAT volumes, as they stand in folders and as people write them (UTF-8).
+// Names on FAT volumes, as folders store them and as UTF-8.
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 
 namespace vorlix {
@@ -19,10 +18,10 @@ inline constexpr uint8_t kFatDeleted = 0xE5;                        ///< first b
 inline constexpr size_t kLargestFatFolder = 65536 * kFatEntrySize;  ///< bytes
 inline constexpr size_t kLongestFatName = 255;                      ///< UTF-16 units
 
-/// The name in an entry itself: code page 850, in lower case where byte 12 says so. Absent where it is none.
+/// Returns the short name in an entry: code page 850, in lower case if byte 12 says so. Absent if it is invalid.
 std::optional<std::string> shortNameIn(const uint8_t* entry);
 
-/// Puts a long name together from the entries before the one it belongs to.
+/// Collects a long name from the entries before the one that it belongs to.
 class LongNameReader {
  public:
   void take(const uint8_t* entry);
@@ -30,7 +29,7 @@ class LongNameReader {
 
   enum class Outcome { none, found, invalid };
 
-  /// What was taken as the name of `entry`, if it is whole and its sum is that of the name in `entry`.
+  /// Returns the collected name of `entry`, if it is complete and has the checksum of the short name in `entry`.
   Outcome finish(const uint8_t* entry, std::string& name);
 
  private:
@@ -40,13 +39,13 @@ class LongNameReader {
 
   std::array<uint16_t, kUnitsInEntry* kMostEntries> units_ = {};
   size_t count_ = 0;     // entries
-  size_t next_ = kNone;  // entries still to come
+  size_t next_ = kNone;  // number of entries that are missing
   uint8_t sum_ = 0;
 };
 
-/// A name or path in the case in which FAT compares names: letters of ASCII, Latin-1, Latin Extended-A, Greek and
-/// Cyrillic in upper case. Letters of other alphabets that have two cases (Armenian, Georgian, Latin Extended-B and
-/// Additional, full-width ones) stay as they are, and so does what is not UTF-8.
+/// Returns a name or path in the form in which names are compared: letters of ASCII, Latin-1, Latin Extended-A, Greek
+/// and Cyrillic in upper case. Other letters with two cases (Armenian, Georgian, Latin Extended-B and Additional,
+/// full-width ones) do not change, and neither do bytes that are not UTF-8.
 std::string foldedFatName(const std::string& name);
 
 }  // namespace vorlix

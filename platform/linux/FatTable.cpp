@@ -10,14 +10,13 @@
 namespace vorlix {
 namespace {
 
-constexpr size_t kPiece = 1024 * 1024;
 constexpr size_t kMostPages = 65536;  // 256 MiB
 
 size_t entrySize(FatWidth width) {
   return width == FatWidth::bits32 ? 4 : 2;
 }
 
-// Entries of 12 bits begin in the midst of a byte; two bytes hold any.
+// Entries of 12 bits can begin inside a byte; two bytes contain every such entry.
 uint64_t entryOffset(uint64_t cluster, FatWidth width) {
   return width == FatWidth::bits12 ? cluster + cluster / 2 : cluster * entrySize(width);
 }
@@ -35,8 +34,8 @@ Refusal FatTable::read(const FatSource& source, const FatLayout& layout, Copies 
   const uint64_t length = entryOffset(last, width_) + entrySize(width_);
   pages_.resize(static_cast<size_t>((length + kPage - 1) / kPage));
   const uint32_t count = copies == Copies::first ? 1 : layout.tableCount;
-  std::vector<uint8_t> piece(kPiece);
-  std::vector<uint8_t> other(kPiece);
+  std::vector<uint8_t> piece(kFatPiece);
+  std::vector<uint8_t> other(kFatPiece);
   for (uint64_t at = 0; at < length;) {
     uint64_t data = length;
     for (uint32_t copy = 0; copy < count; ++copy) {
@@ -45,7 +44,7 @@ Refusal FatTable::read(const FatSource& source, const FatLayout& layout, Copies 
     }
     at = std::max(at, data / kPage * kPage);
     if (data >= length) break;
-    const auto size = static_cast<size_t>(std::min<uint64_t>(kPiece, length - at));
+    const auto size = static_cast<size_t>(std::min<uint64_t>(kFatPiece, length - at));
     if (!source.read(piece.data(), size, layout.tables + at))
       return dissenterFor(errno, "reading its allocation table");
     for (uint32_t copy = 1; copy < count; ++copy) {
@@ -57,7 +56,7 @@ Refusal FatTable::read(const FatSource& source, const FatLayout& layout, Copies 
     }
     keep(at, piece.data(), size);
     if (kept_ > kMostPages) {
-      return Dissenter{kDissentUnsupported, "the FAT file system holds more than can be mirrored"};
+      return Dissenter{kDissentUnsupported, "the FAT file system has more files than can be mirrored"};
     }
     at += size;
   }
@@ -81,9 +80,9 @@ uint8_t FatTable::byteAt(uint64_t offset) const {
 }
 
 uint32_t FatTable::value(uint64_t offset, size_t count) const {
-  uint32_t number = 0;
-  for (size_t i = count; i > 0; --i) number = number << 8 | byteAt(offset + i - 1);
-  return number;
+  std::array<uint8_t, 4> bytes = {};
+  for (size_t i = 0; i < count; ++i) bytes[i] = byteAt(offset + i);
+  return littleEndian32(bytes.data());
 }
 
 uint32_t FatTable::next(uint32_t cluster) const {
@@ -101,11 +100,11 @@ uint32_t FatTable::endMark() const {
   return width_ == FatWidth::bits12 ? 0xFFF : width_ == FatWidth::bits16 ? 0xFFFF : 0x0FFFFFFF;
 }
 
-FatTable::Record FatTable::recordOf(uint32_t cluster) const {
+FatTable::Location FatTable::locationOf(uint32_t cluster) const {
   return {entryOffset(cluster, width_), entrySize(width_)};
 }
 
-std::array<uint8_t, 4> FatTable::recordWith(uint32_t cluster, uint32_t next, const std::array<uint8_t, 4>& now) const {
+std::array<uint8_t, 4> FatTable::bytesWith(uint32_t cluster, uint32_t next, const std::array<uint8_t, 4>& now) const {
   const uint32_t old = littleEndian32(now.data());
   uint32_t value = next;
   if (width_ == FatWidth::bits12) value = cluster % 2 == 0 ? (old & 0xF000U) | next : (old & 0x000FU) | next << 4;
@@ -119,7 +118,7 @@ uint32_t FatTable::freeClusters() const {
   const uint32_t end = kFirstCluster + clusters_;
   uint32_t used = 0;
   for (uint32_t cluster = kFirstCluster; cluster < end;) {
-    // Pages that are all zero are passed over; entries of 12 bits, which may span two, are too few for that to matter.
+    // Skips pages that are all zero, except with 12-bit entries, which may span two pages and are few.
     const uint64_t offset = entryOffset(cluster, width_);
     if (width_ != FatWidth::bits12 && !pages_[static_cast<size_t>(offset / kPage)]) {
       const auto nextPage = static_cast<uint32_t>((offset / kPage + 1) * kPage / entrySize(width_));

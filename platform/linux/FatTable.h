@@ -13,38 +13,38 @@
 
 namespace vorlix {
 
-/// A run of clusters that follow each other on the volume.
+/// A run of consecutive clusters.
 struct FatRun {
   uint32_t first = 0;
   uint32_t count = 0;
 };
 
-/// Takes as much memory as the table has parts that are not zero.
+/// A file allocation table. Only the parts that are not zero take memory.
 class FatTable {
  public:
   enum class Copies { first, allEqual };
 
-  /// Refuses (kDissentUnsupported) tables that differ where they should be equal, and one of more than 64 million
-  /// clusters in use: nobody mirrors such a volume, and a forged one would take all memory.
+  /// Refuses with kDissentUnsupported tables that differ although they must be equal, and a table with more than 64
+  /// million clusters in use: nobody mirrors such a volume, and a forged table would take all memory.
   Refusal read(const FatSource& source, const FatLayout& layout, Copies copies);
 
-  /// What the table says of a cluster of the volume: 0 for a free one, else the next one, or a mark.
+  /// Returns the entry of a cluster: 0 for a free one, else the next cluster or a mark.
   uint32_t next(uint32_t cluster) const;
 
-  /// Whether next() says that the chain ends.
+  /// Returns whether a result of next() is the mark for the end of a chain.
   bool isEnd(uint32_t value) const;
 
-  /// The mark of a chain's end that is written.
+  /// Returns the mark to write for the end of a chain.
   uint32_t endMark() const;
 
-  /// The bytes of the table in which what it says of a cluster is written, with `next` in them. What these bytes say of
-  /// its neighbours stays as `now` has it, the bytes as they stand.
-  struct Record {
+  /// The bytes of the table that contain the entry of a cluster. bytesWith() returns them with the new entry `next`;
+  /// the bits of neighbouring entries stay as in `now`, the present bytes.
+  struct Location {
     uint64_t offset = 0;  ///< from the start of a table
     size_t count = 0;
   };
-  Record recordOf(uint32_t cluster) const;
-  std::array<uint8_t, 4> recordWith(uint32_t cluster, uint32_t next, const std::array<uint8_t, 4>& now) const;
+  Location locationOf(uint32_t cluster) const;
+  std::array<uint8_t, 4> bytesWith(uint32_t cluster, uint32_t next, const std::array<uint8_t, 4>& now) const;
 
   uint32_t freeClusters() const;
 
@@ -60,7 +60,7 @@ class FatTable {
 
   FatWidth width_ = FatWidth::bits12;
   uint32_t clusters_ = 0;
-  std::vector<std::unique_ptr<Page>> pages_;  // null where all is zero
+  std::vector<std::unique_ptr<Page>> pages_;  // null for a page of zeros
   size_t kept_ = 0;
 };
 

@@ -2,11 +2,9 @@
 #include "FatVolume.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <limits>
 #include <set>
 
 #include <Vorlix/foundation/LittleEndian.h>
@@ -22,7 +20,6 @@ constexpr uint8_t kLongNameMask = 0x3F;
 constexpr size_t kLongestPath = 4096;
 constexpr size_t kMostPathBytes = size_t{256} * 1024 * 1024;
 constexpr size_t kPage = 4096;
-constexpr size_t kPiece = 1024 * 1024;
 
 bool isDotEntry(const uint8_t* entry) {
   return std::memcmp(entry, ".          ", 11) == 0 || std::memcmp(entry, "..         ", 11) == 0;
@@ -39,7 +36,7 @@ uint64_t placeIn(const FatLayout& layout, const std::vector<FatRun>& runs, uint6
   return 0;
 }
 
-// Reads a volume once.
+// Reads and checks a volume, once.
 class FatWalk {
  public:
   FatWalk(const FatSource& source, FatVolume& volume)
@@ -86,12 +83,12 @@ class FatWalk {
   }
 
   bool addArea(uint64_t from, uint64_t to) {
-    std::vector<uint8_t> piece(kPiece);
+    std::vector<uint8_t> piece(kFatPiece);
     for (uint64_t at = from; at < to;) {
       const uint64_t data = source_.nextData(at);
       if (data >= to) break;
       at = std::max(at, from + (data - from) / kPage * kPage);
-      const auto count = static_cast<size_t>(std::min<uint64_t>(kPiece, to - at));
+      const auto count = static_cast<size_t>(std::min<uint64_t>(kFatPiece, to - at));
       if (!source_.read(piece.data(), count, at)) return false;
       addPages(at, piece.data(), count);
       at += count;
@@ -102,7 +99,7 @@ class FatWalk {
   bool readRoot() {
     std::vector<uint8_t> bytes;
     if (layout_.width == FatWidth::bits32) {
-      if (!layout_.hasCluster(layout_.rootCluster)) return damage("its root folder has no place");
+      if (!layout_.hasCluster(layout_.rootCluster)) return damage("its root folder has no valid cluster");
       return readFolderBytes(layout_.rootCluster, volume_.rootRuns_, bytes) &&
              takeEntries("", bytes, volume_.rootRuns_);
     }
@@ -113,9 +110,9 @@ class FatWalk {
   }
 
   bool readFolder(size_t number) {
-    // Not a reference: what is in the folder is added to the same list.
+    // Not a reference, because the items of the folder are added to the same list.
     const uint32_t first = volume_.entries_[number].firstCluster;
-    if (!layout_.hasCluster(first)) return damage("a folder in it has no place");
+    if (!layout_.hasCluster(first)) return damage("a folder in it has no valid cluster");
     std::vector<FatRun> runs;
     std::vector<uint8_t> bytes;
     if (!readFolderBytes(first, runs, bytes)) return false;
@@ -136,7 +133,7 @@ class FatWalk {
     return true;
   }
 
-  // The whole chain from `first` on, of at most `most` clusters.
+  // Follows the chain that starts with `first`, of at most `most` clusters.
   bool follow(uint32_t first, uint64_t most, std::vector<FatRun>& runs, const std::string& twice,
               const std::string& tooLong) {
     uint64_t count = 0;
@@ -159,9 +156,9 @@ class FatWalk {
 
   bool followFile(FatEntry& entry) {
     const uint64_t wanted = volume_.clustersFor(entry.size);
-    const std::string wrongLength = "the size of " + entry.path + " is not that of its clusters";
+    const std::string wrongLength = "the size of " + entry.path + " does not match its clusters";
     if (entry.firstCluster == 0) return wanted == 0 || damage(wrongLength);
-    if (!layout_.hasCluster(entry.firstCluster)) return damage(entry.path + " has no place");
+    if (!layout_.hasCluster(entry.firstCluster)) return damage(entry.path + " has no valid cluster");
     const std::string twice = "a cluster of " + entry.path + " is used twice";
     if (!follow(entry.firstCluster, wanted, entry.runs, twice, wrongLength)) return false;
     uint64_t found = 0;
@@ -169,7 +166,7 @@ class FatWalk {
     return found == wanted || damage(wrongLength);
   }
 
-  // `runs` are the folder's clusters; none for the root folder that has a place of its own.
+  // `runs` are the folder's clusters; empty for a root folder outside the clusters.
   bool takeEntries(const std::string& folder, const std::vector<uint8_t>& bytes, const std::vector<FatRun>& runs) {
     std::set<std::string> names;
     LongNameReader longName;
@@ -186,7 +183,7 @@ class FatWalk {
       }
       std::string name;
       if (!nameOf(entry, longName, name)) return damage("it has a name that is not allowed in " + folder + "/");
-      if (!names.insert(name).second) return damage("it has twice the name " + folder + "/" + name);
+      if (!names.insert(name).second) return damage("it has the name " + folder + "/" + name + " twice");
       if (!addEntry(folder + "/" + name, entry)) return false;
       volume_.entries_.back().place = runs.empty() ? layout_.rootArea + at : placeIn(layout_, runs, at);
     }
@@ -204,7 +201,7 @@ class FatWalk {
 
   bool addEntry(const std::string& path, const uint8_t* bytes) {
     pathBytes_ += path.size();
-    if (path.size() > kLongestPath) return damage("its folders lie too deep");
+    if (path.size() > kLongestPath) return damage("its folders are nested too deeply");
     if (pathBytes_ > kMostPathBytes) return damage("it has too many files");
     FatEntry& entry = volume_.entries_.emplace_back();
     entry.path = path;
@@ -260,14 +257,14 @@ const FatEntry* FatVolume::find(const std::string& path) const {
 }
 
 Refusal FatVolume::readFile(const FatSource& source, const FatEntry& entry, const TakePiece& take) const {
-  std::vector<uint8_t> piece(kPiece);
-  uint64_t start = 0;  // of the run, in the file
+  std::vector<uint8_t> piece(kFatPiece);
+  uint64_t start = 0;  // offset of the run in the file
   for (const FatRun& run : entry.runs) {
     const uint64_t place = layout_.offsetOf(run.first);
     const uint64_t length = std::min<uint64_t>(run.count * layout_.clusterSize, entry.size - start);
     for (uint64_t at = 0; at < length;) {
       at = std::min(length, source.nextData(place + at) - place);
-      const auto count = static_cast<size_t>(std::min<uint64_t>(kPiece, length - at));
+      const auto count = static_cast<size_t>(std::min<uint64_t>(kFatPiece, length - at));
       if (count == 0) break;
       if (!source.read(piece.data(), count, place + at)) return dissenterFor(errno, "reading " + entry.path);
       if (Refusal refusal = take(start + at, piece.data(), count)) return refusal;

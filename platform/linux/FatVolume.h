@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The files and folders of a FAT volume, read and checked without any other program.
+// The files and folders of a FAT volume, read and checked without other programs.
 #pragma once
 
 #include <cstdint>
@@ -23,64 +23,63 @@ struct FatEntry {
   bool isFolder = false;
   uint8_t attributes = 0;
   uint32_t size = 0;  ///< of a file, in bytes
-  uint16_t date = 0;  ///< of modification, as on the volume
+  uint16_t date = 0;  ///< of modification, in the format of the volume
   uint16_t time = 0;
   uint32_t firstCluster = 0;
-  uint64_t place = 0;        ///< of its record in the folder, in bytes from the start of the volume
-  std::vector<FatRun> runs;  ///< all of its clusters, in order
+  uint64_t place = 0;        ///< offset of its record in the folder from the start of the volume, in bytes
+  std::vector<FatRun> runs;  ///< all its clusters, in order
 };
 
-/// Where the byte at `offset` of a file or folder with these clusters lies on the volume. 0 beyond its end.
+/// Returns the place on the volume of the byte at `offset` of a file or folder with these clusters. 0 beyond its end.
 uint64_t placeIn(const FatLayout& layout, const std::vector<FatRun>& runs, uint64_t offset);
 
-/// The time of modification in the time zone of this process, which FAT volumes leave to their readers.
+/// Returns the time of modification. FAT stores local time without a zone; the zone of this process is used.
 int64_t modificationTime(const FatEntry& entry);
 
-/// A volume as read() found it. Nothing of it is kept open; the descriptor stays the caller's.
+/// A volume as read() found it. The descriptor belongs to the caller; this object keeps nothing open.
 class FatVolume {
  public:
-  /// Reads all folders and follows every chain to its end. Refuses (kDissentUnsupported) a volume
+  /// Reads all folders and follows every chain to its end. Refuses with kDissentUnsupported a volume
   ///
   /// - whose allocation tables differ,
   /// - in which a cluster belongs to two files or folders, or twice to one,
-  /// - with a chain that does not end, or that is longer or shorter than the file's size says,
-  /// - with a name that no FAT volume may have, or twice the same name in a folder.
+  /// - with a chain that does not end, or whose length does not match the size of the file,
+  /// - with an invalid name, or with the same name twice in a folder.
   ///
-  /// Time and memory are bounded by what the device really holds: holes of sparse images are passed over, folders have
-  /// 65536 entries at most, and all paths together 256 MiB.
+  /// What the device really contains limits time and memory: holes of sparse images are skipped, folders have at most
+  /// 65536 entries, and all paths together at most 256 MiB.
   Refusal read(const FatSource& source);
   Refusal read(int descriptor, Extent window) { return read(FatSource(descriptor, window)); }
 
   const FatLayout& layout() const { return layout_; }
   const FatTable& table() const { return table_; }
 
-  /// All files and folders but the root, a folder before what is in it.
+  /// Returns all files and folders except the root. A folder comes before its items.
   const std::vector<FatEntry>& entries() const { return entries_; }
 
-  /// The clusters of the root folder; empty where it has a place of its own.
+  /// Returns the clusters of the root folder; empty if it is outside the clusters.
   const std::vector<FatRun>& rootRuns() const { return rootRuns_; }
 
-  /// The entry at a path in any letter case (FatNames.h), one in the case that is asked for first; null if there is
-  /// none.
+  /// Returns the entry at a path in any letter case (FatNames.h), preferably in the given case; null if there is none.
   const FatEntry* find(const std::string& path) const;
 
-  /// Sum over the boot area, the allocation table and every folder, names, sizes, times and first clusters included.
-  /// Any change that a file system driver or tool makes shows in one of these.
+  /// Returns a checksum of the boot area, the allocation table and all folders, which include names, sizes, times and
+  /// first clusters. Every change by a file system driver or tool changes one of these.
   uint64_t digest() const { return digest_.value(); }
   uint64_t identity() const { return identity_; }    ///< see readFatIdentity()
   uint64_t totalSize() const { return totalSize_; }  ///< of all files, in bytes
   uint32_t freeClusters() const { return table_.freeClusters(); }
 
-  /// Clusters that are marked as used, or as bad, and belong to no file or folder.
+  /// Returns the number of clusters that are marked as used or bad and belong to no file or folder.
   uint32_t lostClusters() const { return layout_.clusters - freeClusters() - reached_; }
 
-  /// Clusters that `bytes` take.
+  /// Returns the number of clusters for `bytes`.
   uint64_t clustersFor(uint64_t bytes) const { return (bytes + layout_.clusterSize - 1) / layout_.clusterSize; }
 
-  /// Takes a piece of a file, `offset` bytes from its start. Stops where it refuses.
+  /// Receives a piece of a file, `offset` bytes from its start. A refusal ends the reading.
   using TakePiece = std::function<Refusal(uint64_t offset, const uint8_t* bytes, size_t count)>;
 
-  /// Hands out the content of a file in order, in pieces of at most 1 MiB. What is left out between them is zero.
+  /// Reads a file in order, in pieces of at most kFatPiece bytes. Bytes between pieces are zero.
   Refusal readFile(const FatSource& source, const FatEntry& entry, const TakePiece& take) const;
   Refusal readFile(int descriptor, Extent window, const FatEntry& entry, const TakePiece& take) const {
     return readFile(FatSource(descriptor, window), entry, take);

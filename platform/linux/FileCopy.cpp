@@ -22,12 +22,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using Failure = std::optional<std::string>;
+using Failure = std::optional<SystemError>;
 
 constexpr size_t kBufferSize = 256 * 1024;
 constexpr size_t kMostAtOnce = size_t{1} << 30;
 
-// Refusals of a file system that does not have the attribute, or of a user who may not set it.
+// Errors of file systems without the attribute, and of users who may not set it.
 bool isNoFailure(int error) {
   return error == EPERM || error == EACCES || error == ENOTSUP || error == EOPNOTSUPP || error == ENOSYS ||
          error == EINVAL || error == ENODATA || error == E2BIG || error == ERANGE || error == ENOSPC;
@@ -35,7 +35,7 @@ bool isNoFailure(int error) {
 
 Failure attributeFailure(int result, const std::string& path) {
   if (result == 0 || isNoFailure(errno)) return std::nullopt;
-  return copyFailure(errno, path);
+  return SystemError{errno, path};
 }
 
 Failure copyExtendedAttributes(const std::string& source, const std::string& destination) {
@@ -60,7 +60,7 @@ Failure copyExtendedAttributes(const std::string& source, const std::string& des
   return std::nullopt;
 }
 
-// In this order: a new owner takes bits off the mode, and all of it sets the time of the change.
+// The order matters: changing the owner clears bits of the mode, and each of these calls changes the times.
 Failure copyAttributes(const std::string& source, const std::string& destination, const struct stat& status) {
   if (Failure failed = copyExtendedAttributes(source, destination)) return failed;
   const int owned = lchown(destination.c_str(), status.st_uid, status.st_gid);
@@ -79,52 +79,51 @@ Failure copyByReading(int from, int to, const std::string& source, const std::st
   for (;;) {
     const ssize_t got = read(from, buffer.data(), buffer.size());
     if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return copyFailure(errno, source);
+    if (got < 0) return SystemError{errno, source};
     if (got == 0) return std::nullopt;
     for (ssize_t done = 0; done < got;) {
       const ssize_t put = write(to, buffer.data() + done, static_cast<size_t>(got - done));
       if (put < 0 && errno == EINTR) continue;
-      if (put < 0) return copyFailure(errno, destination);
+      if (put < 0) return SystemError{errno, destination};
       done += put;
     }
   }
 }
 
-// The kernel's call is for files of some size on file systems that know it; where it stops, reading goes on. Both move
-// the same positions.
+// The kernel's call works for some file systems and files. Where it stops, reading continues at the same positions.
 Failure copyContent(int from, int to, const std::string& source, const std::string& destination) {
   ssize_t moved = 0;
   do moved = copy_file_range(from, nullptr, to, nullptr, kMostAtOnce, 0);
   while (moved > 0 || (moved < 0 && errno == EINTR));
-  if (moved < 0 && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG)) return copyFailure(errno, destination);
+  if (moved < 0 && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG)) return SystemError{errno, destination};
   return copyByReading(from, to, source, destination);
 }
 
 Failure copyFile(const std::string& source, const std::string& destination) {
-  // Not blocking, in case a pipe took the file's place.
+  // Not blocking, in case a pipe has replaced the file.
   const Descriptor from(open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat status = {};
-  if (!from || fstat(from.get(), &status) != 0) return copyFailure(errno, source);
-  if (!S_ISREG(status.st_mode)) return copyFailure(ENOTSUP, source);
+  if (!from || fstat(from.get(), &status) != 0) return SystemError{errno, source};
+  if (!S_ISREG(status.st_mode)) return SystemError{ENOTSUP, source};
   Descriptor to(aboveStandardStreams(open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)));
-  if (!to) return copyFailure(errno, destination);
+  if (!to) return SystemError{errno, destination};
   if (Failure failed = copyContent(from.get(), to.get(), source, destination)) return failed;
-  if (close(to.release()) != 0) return copyFailure(errno, destination);  // some file systems write only now
+  if (close(to.release()) != 0) return SystemError{errno, destination};  // some file systems write only now
   return copyAttributes(source, destination, status);
 }
 
 Failure copyLink(const std::string& source, const std::string& destination, const struct stat& status) {
   std::error_code error;
   const fs::path target = fs::read_symlink(source, error);
-  if (error) return copyFailure(error.value(), source);
-  if (symlink(target.c_str(), destination.c_str()) != 0) return copyFailure(errno, destination);
+  if (error) return SystemError{error.value(), source};
+  if (symlink(target.c_str(), destination.c_str()) != 0) return SystemError{errno, destination};
   return copyAttributes(source, destination, status);
 }
 
-// Closed before the contents are looked at, so that depth costs no descriptors.
+// Closes the folder before its items are copied, so that deep folders need no more descriptors.
 Failure namesIn(const std::string& folder, std::vector<std::string>& names) {
   const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(folder.c_str()), closedir);
-  if (!stream) return copyFailure(errno, folder);
+  if (!stream) return SystemError{errno, folder};
   for (;;) {
     errno = 0;
     const dirent* const entry = readdir(stream.get());
@@ -132,7 +131,7 @@ Failure namesIn(const std::string& folder, std::vector<std::string>& names) {
     const std::string name = entry->d_name;
     if (name != "." && name != "..") names.push_back(name);
   }
-  if (errno != 0) return copyFailure(errno, folder);
+  if (errno != 0) return SystemError{errno, folder};
   std::sort(names.begin(), names.end());
   return std::nullopt;
 }
@@ -142,7 +141,7 @@ Failure copyAny(const std::string& source, const std::string& destination);
 Failure copyFolder(const std::string& source, const std::string& destination, const struct stat& status) {
   std::vector<std::string> names;
   if (Failure failed = namesIn(source, names)) return failed;
-  if (mkdir(destination.c_str(), 0700) != 0) return copyFailure(errno, destination);
+  if (mkdir(destination.c_str(), 0700) != 0) return SystemError{errno, destination};
   for (const std::string& name : names) {
     if (Failure failed = copyAny(source + "/" + name, destination + "/" + name)) return failed;
   }
@@ -151,11 +150,11 @@ Failure copyFolder(const std::string& source, const std::string& destination, co
 
 Failure copyAny(const std::string& source, const std::string& destination) {
   struct stat status = {};
-  if (lstat(source.c_str(), &status) != 0) return copyFailure(errno, source);
+  if (lstat(source.c_str(), &status) != 0) return SystemError{errno, source};
   if (S_ISDIR(status.st_mode)) return copyFolder(source, destination, status);
   if (S_ISLNK(status.st_mode)) return copyLink(source, destination, status);
   if (S_ISREG(status.st_mode)) return copyFile(source, destination);
-  return copyFailure(ENOTSUP, source);
+  return SystemError{ENOTSUP, source};
 }
 
 }  // namespace
@@ -163,8 +162,9 @@ Failure copyAny(const std::string& source, const std::string& destination) {
 std::optional<std::string> LinuxFileCopy::copyItem(const std::string& source, const std::string& destination) {
   const std::string from = withoutTrailingSlashes(source);
   const std::string to = withoutTrailingSlashes(destination);
-  if (Failure refused = copyRefusal(from, to)) return refused;
-  return copyAny(from, to);
+  Failure failure = copyRefusal(from, to);
+  if (!failure) failure = copyAny(from, to);
+  return failure ? std::optional(copyReason(*failure)) : std::nullopt;
 }
 
 }  // namespace vorlix

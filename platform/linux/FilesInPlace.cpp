@@ -6,7 +6,7 @@
 
 #include <cstdio>
 
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/DescriptorCalls.h"
 
 namespace vorlix {
 

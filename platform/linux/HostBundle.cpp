@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The data folder of the prefix that `code` was installed under; empty where it did not move with the prefix.
+// Returns the data folder of the prefix that `code` was installed under; empty if it does not move with the prefix.
 fs::path installedResources(const fs::path& code, const fs::path& executable) {
   const fs::path relative = code == executable ? VORLIX_RESOURCES_FROM_BINDIR : VORLIX_RESOURCES_FROM_LIBDIR;
   if (!code.is_absolute() || relative.empty()) return {};
@@ -36,7 +36,7 @@ std::vector<fs::path> nativeFolders() {
 
 LinuxHostBundle::LinuxHostBundle() = default;
 
-// Looked for when they are needed, which is in few runs.
+// Searches for the folders on first use, because most runs do not need them.
 const std::vector<fs::path>& LinuxHostBundle::folders() const {
   if (folders_) return *folders_;
   static const std::vector<fs::path> native = nativeFolders();

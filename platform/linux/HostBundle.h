@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The host's files beside its executable, or else in the library's own data folder.
+// The host's resources, beside its executable or else in the library's data folder.
 #pragma once
 
 #include <Vorlix/platform/HostBundle.h>
@@ -11,11 +11,12 @@
 
 namespace vorlix {
 
-/// Looks into folders, the first first, for a regular file.
+/// Searches folders in order for a regular file.
 class LinuxHostBundle : public HostBundle {
  public:
-  /// The folder of the running executable, then the data folder of the prefix that the executable or the library was
-  /// installed under, both as the kernel names them, then that of the prefix chosen when the library was built.
+  /// Searches the folder of the running executable, then the data folder of the prefix that the executable or the
+  /// library was installed under (both paths come from the kernel), then the data folder of the prefix that was chosen
+  /// when the library was built.
   LinuxHostBundle();
 
   explicit LinuxHostBundle(std::vector<std::filesystem::path> folders) : folders_(std::move(folders)) {}

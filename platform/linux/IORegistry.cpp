@@ -5,9 +5,9 @@
 #include <numeric>
 
 #include <Vorlix/platform/SliceName.h>
-#include "BlockDevices.h"
 #include "DeviceFacts.h"
-#include "ImageDisk.h"
+#include "DeviceNames.h"
+#include "ImageDiskFacts.h"
 #include "ImageFiles.h"
 #include "KernelDisks.h"
 #include "RegistryTree.h"
@@ -105,21 +105,21 @@ std::shared_ptr<const RegistryTree> wholeTree(const std::string& root) {
   RegistryTree tree = machineTree(root);
   for (const DiskFacts& disk : kernelDisks(root)) addDisk(disk, tree);
   for (const std::string& name : namedImageFiles()) {
-    if (const auto disk = imageDisk(root, name)) addDisk(*disk, tree);
+    if (const auto disk = imageDiskFacts(root, name)) addDisk(*disk, tree);
   }
   return std::make_shared<const RegistryTree>(std::move(tree));
 }
 
-/// A medium: a disk, and a slice of it unless that is 0.
+/// A medium: a disk, or a slice of it if `slice` is not 0.
 struct Medium {
   DiskFacts disk;
   uint32_t slice = 0;
 };
 
 std::optional<Medium> mediumCalled(const std::string& root, const std::string& name) {
-  // A file goes first, as it does wherever else a device is named.
+  // An image file comes first, as everywhere else.
   if (const auto location = locateDevice(name); location && location->isImage) {
-    std::optional<DiskFacts> disk = imageDisk(root, location->whole);
+    std::optional<DiskFacts> disk = imageDiskFacts(root, location->whole);
     if (!disk) return std::nullopt;
     return Medium{*std::move(disk), location->slice};
   }

@@ -46,7 +46,7 @@ std::string absoluteName(const std::string& path) {
   std::error_code error;
   const fs::path absolute = fs::absolute(path, error);
   if (error) return path;
-  // A ".." that follows a link does not lead to where the text says.
+  // A ".." after a link does not lead to the folder before it in the text.
   const bool climbs = std::find(absolute.begin(), absolute.end(), "..") != absolute.end();
   return climbs ? absolute.string() : absolute.lexically_normal().string();
 }
@@ -56,7 +56,7 @@ std::string absoluteName(const std::string& path) {
 std::string imageBSDName(const std::string& path) {
   const std::string name = absoluteName(path);
   if (path.starts_with('/') || isSameFile(path, name)) return name;
-  // A link may lead out of a folder that this user is in but cannot pass through.
+  // A link may lead out of a working folder that this user cannot reach by its path.
   const std::string shorter = kernelPathOf(path);
   return !shorter.empty() && isSameFile(path, shorter) ? shorter : name;
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The disk-image files that this process has named. A system has no list of the image files on it, so that the ones
-// whose names came up are all that a walk over the machine's disks can show.
+// The disk-image files that this process has named. The system has no list of its image files, so a walk over the disks
+// can show only these.
 #pragma once
 
 #include <string>
@@ -9,14 +9,15 @@
 
 namespace vorlix {
 
-/// The BSD name of a disk-image file: its absolute path, without "." steps and doubled separators. Symbolic links stay
-/// as they are named, unless the way through the current folder is closed to this user and there is another one.
+/// Returns the BSD name of a disk-image file: its absolute path without "." and doubled slashes. Symbolic links are
+/// kept, unless this user cannot follow the path through the working folder and there is another path.
 std::string imageBSDName(const std::string& path);
 
-/// Remembers a disk-image file. The list holds the 64 names that came up last, each once. Any thread may call this.
+/// Remembers a disk-image file. The list has the last 64 names, each once. Any thread may call this.
 void noteImageFile(const std::string& path);
 
-/// The BSD names of the remembered files, in the order in which they came up. A file may be gone meanwhile.
+/// Returns the BSD names of the remembered files in the order in which they were last named. A file may have been
+/// deleted meanwhile.
 std::vector<std::string> namedImageFiles();
 
 }  // namespace vorlix

@@ -12,15 +12,13 @@
 
 #include <Vorlix/platform/Descriptor.h>
 #include <Vorlix/platform/SliceName.h>
-#include "PartitionTable.h"
+#include "PartitionProbe.h"
 #include "Sysfs.h"
 
 namespace vorlix {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr uint64_t kSector = 512;  // sysfs' and udev's unit on disks of any block size
 
 std::vector<std::string> namesIn(const fs::path& folder) {
   std::vector<std::string> names;
@@ -31,10 +29,10 @@ std::vector<std::string> namesIn(const fs::path& folder) {
   return names;
 }
 
-// Numbers from a file can be anything; a size in bytes has to fit the registry's signed numbers.
+// Limits numbers from files, so that a size in bytes fits the registry's signed numbers.
 uint64_t bytesOf(std::optional<uint64_t> sectors) {
-  constexpr uint64_t kMost = uint64_t{std::numeric_limits<int64_t>::max()} / kSector;
-  return std::min(sectors.value_or(0), kMost) * kSector;
+  constexpr uint64_t kMost = uint64_t{std::numeric_limits<int64_t>::max()} / kSysfsSector;
+  return std::min(sectors.value_or(0), kMost) * kSysfsSector;
 }
 
 std::map<std::string, std::string> udevRecord(const std::string& root, const fs::path& folder) {
@@ -42,7 +40,7 @@ std::map<std::string, std::string> udevRecord(const std::string& root, const fs:
   return number ? readUdevRecord(*number, root) : std::map<std::string, std::string>();
 }
 
-// A disk without a medium, or with a slow one, does not hold this up.
+// Does not block for a disk without a medium or with a slow one.
 Descriptor openDisk(const std::string& root, const fs::path& folder, const std::string& bsdName) {
   Descriptor descriptor(open((root + "/dev/" + bsdName).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status = {};
@@ -56,7 +54,7 @@ void readDevice(const fs::path& folder, DiskFacts& disk) {
   disk.product = readTrimmed(device / "model");
   if (!disk.product) disk.product = readTrimmed(device / "name");  // memory cards
   disk.vendor = readTrimmed(device / "vendor");
-  // Not a vendor: what the SCSI translation says of every ATA disk, and the number of a PCI vendor.
+  // Neither "ATA", which the SCSI translation reports for every ATA disk, nor the number of a PCI vendor is a name.
   if (disk.vendor && (*disk.vendor == "ATA" || disk.vendor->rfind("0x", 0) == 0)) disk.vendor.reset();
 }
 
@@ -64,7 +62,7 @@ std::vector<SliceFacts> kernelSlices(const fs::path& folder) {
   std::vector<SliceFacts> slices;
   const std::string disk = folder.filename();
   for (const std::string& name : namesIn(folder)) {
-    if (!name.starts_with(disk)) continue;  // a slice's name is its disk's with a number
+    if (!name.starts_with(disk)) continue;  // the name of a slice is that of its disk with a number
     const std::optional<uint64_t> number = readWholeNumber(folder / name / "partition");
     if (!number || *number == 0 || *number > std::numeric_limits<uint32_t>::max()) continue;
     SliceFacts slice;
@@ -78,7 +76,7 @@ std::vector<SliceFacts> kernelSlices(const fs::path& folder) {
   return slices;
 }
 
-// What udev found when the disk came up. Its record of a slice can be older than the slice.
+// Reads what udev found when the disk was attached. Its record of a slice can be older than the slice.
 void readUdev(const std::string& root, const fs::path& folder, DiskFacts& disk) {
   auto record = udevRecord(root, folder);
   disk.content = schemeContent(record["ID_PART_TABLE_TYPE"]);
@@ -86,20 +84,20 @@ void readUdev(const std::string& root, const fs::path& folder, DiskFacts& disk) 
   for (SliceFacts& slice : disk.slices) {
     auto entry = udevRecord(root, folder / withoutSlashes(slice.bsdName));
     if (entry["ID_PART_ENTRY_NUMBER"] != std::to_string(slice.number)) continue;
-    if (entry["ID_PART_ENTRY_OFFSET"] != std::to_string(slice.extent.offset / kSector)) continue;
+    if (entry["ID_PART_ENTRY_OFFSET"] != std::to_string(slice.extent.offset / kSysfsSector)) continue;
     slice.content = tableContent(entry["ID_PART_ENTRY_TYPE"]);
     if (entry["ID_PART_ENTRY_SCHEME"] == "gpt") slice.uuid = UUID::fromText(entry["ID_PART_ENTRY_UUID"]);
   }
 }
 
-// The table as it stands on the disk. The kernel may still go by an older one: its slices stay what they are, and only
-// an entry for the same bytes identifies one.
+// Reads the table on the disk. The kernel may still use an older one: its slices stay, and only an entry with the same
+// start identifies a slice.
 void readTable(int descriptor, DiskFacts& disk) {
-  const PartitionTable table = readPartitionTable(descriptor, disk.size, disk.blockSize);
+  const ProbedTable table = probePartitionTable(descriptor, disk.size, disk.blockSize);
   disk.content = schemeContent(table.scheme);
   disk.uuid = table.uuid;
   const size_t kernelCount = disk.slices.size();
-  for (const TableEntry& entry : table.entries) {
+  for (const ProbedEntry& entry : table.entries) {
     const auto end = disk.slices.begin() + static_cast<ptrdiff_t>(kernelCount);
     const auto known =
         std::find_if(disk.slices.begin(), end, [&](const SliceFacts& slice) { return slice.number == entry.number; });
@@ -125,7 +123,7 @@ std::optional<DiskFacts> readDisk(const std::string& root, const std::string& ke
   if (!disk.hasMedium && !fs::exists(folder / "device", error)) return std::nullopt;
   readDevice(folder, disk);
   if (!disk.hasMedium) return disk;
-  const uint64_t blockSize = readWholeNumber(folder / "queue" / "logical_block_size").value_or(kSector);
+  const uint64_t blockSize = readWholeNumber(folder / "queue" / "logical_block_size").value_or(kSysfsSector);
   disk.blockSize = static_cast<uint32_t>(std::min<uint64_t>(blockSize, std::numeric_limits<uint32_t>::max()));
   disk.removable = readFlag(folder / "removable") == true;
   disk.writable = readFlag(folder / "ro") == false;

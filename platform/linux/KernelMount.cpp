@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -29,7 +28,7 @@ constexpr const char* kUncleanNTFS =
     "the NTFS volume is hibernated or was not unmounted cleanly; shut Windows down completely (without fast start-up) "
     "before it is mounted for writing";
 
-// File systems to try for a kind of volume, by their names for mount helpers and the kernel.
+// The names of drivers and mount helpers to try for a kind of volume.
 std::vector<std::string> driversFor(const std::string& kind) {
   if (kind == "msdos") return {"vfat"};
   if (kind == "ntfs") return {"ntfs-3g", "ntfs3", "ntfs"};
@@ -71,7 +70,7 @@ Dissenter helperDissenter(const KernelMountRequest& request, const MountOutcome&
 
 Dissenter mountDissenter(const KernelMountRequest& request, const MountOutcome& outcome) {
   if (outcome.byHelper) return helperDissenter(request, outcome);
-  // mount(2) answers EINVAL for a superblock that the driver does not like.
+  // mount(2) fails with EINVAL for a superblock that the driver refuses.
   Dissenter dissenter = dissenterFor(outcome.error == EINVAL ? EUCLEAN : outcome.error, request.source);
   if (!outcome.text.empty()) dissenter.text = request.source + ": " + outcome.text;
   if (request.kind == "ntfs" && outcome.error == EINVAL)
@@ -89,7 +88,7 @@ bool isMountedElsewhere(dev_t number) {
   return std::any_of(mounts.begin(), mounts.end(), [&](const MountPoint& mount) { return mount.number == number; });
 }
 
-// The mount on top at a path of the table. Its root may be out of reach: drivers in user space keep others out.
+// Compares with the table, because the root of the mount may be inaccessible: drivers in user space refuse other users.
 bool isOnTop(const MountPoint& wanted) {
   const std::vector<MountPoint> mounts = mountTable();
   const auto top =
@@ -97,7 +96,7 @@ bool isOnTop(const MountPoint& wanted) {
   return top != mounts.rend() && top->id == wanted.id;
 }
 
-// The system's program that lets users unmount what they mounted.
+// Runs the system's program for users who unmount what they mounted.
 Refusal unmountAsUser(const std::string& path) {
   CommandResult result;
   for (const char* const program : {"fusermount3", "fusermount"}) {
@@ -110,7 +109,7 @@ Refusal unmountAsUser(const std::string& path) {
   if (result.launchError != 0) {
     return Dissenter{kDissentNotPrivileged, "only the super-user can unmount " + path + " without fusermount3"};
   }
-  const bool isBusy = result.errors.find(std::strerror(EBUSY)) != std::string::npos;
+  const bool isBusy = result.errors.find(SystemError{EBUSY}.reason()) != std::string::npos;
   return Dissenter{isBusy ? kDissentBusy : kDissentError, path + ": " + result.errors};
 }
 
@@ -125,7 +124,8 @@ Refusal waitForDriver(const MountSource& source, const std::string& path) {
   for (const std::string& holder : source.holders) {
     while (isHeld(holder)) {
       if (std::chrono::steady_clock::now() > deadline) {
-        return Dissenter{kDissentBusy, path + " is unmounted, but its driver is still at work (" + holder + ")"};
+        return Dissenter{kDissentBusy,
+                         path + " is unmounted, but its driver still has the device open (" + holder + ")"};
       }
       std::this_thread::sleep_for(kStep);
     }
@@ -145,7 +145,7 @@ Refusal mountByKernel(const KernelMountRequest& request) {
       refusal.reset();
       break;
     }
-    // A driver that is there and refuses tells more than one that is missing.
+    // The refusal of an existing driver says more than a missing driver.
     if (!refusal || outcome.error != ENODEV) refusal = mountDissenter(request, outcome);
     const bool tryOther = !outcome.byHelper && (outcome.error == ENODEV || outcome.error == EINVAL);
     if (!tryOther) break;
@@ -153,12 +153,12 @@ Refusal mountByKernel(const KernelMountRequest& request) {
   if (refusal) return refusal;
 
   const std::optional<MountPoint> mounted = mountAt(request.folder);
-  if (!mounted) return Dissenter{kDissentError, request.source + " did not show up in " + request.folder};
+  if (!mounted) return Dissenter{kDissentError, request.source + " was mounted, but not in " + request.folder};
   if (!request.readWrite || !mounted->isReadOnly) return std::nullopt;
-  // A driver that mounts read-only what it is not sure of.
+  // Some drivers mount a volume read-only if they are not sure about it.
   if (Refusal stuck = unmountByKernel(request.folder)) return stuck;
   if (request.kind == "ntfs") return Dissenter{kDissentNotWritable, kUncleanNTFS};
-  return Dissenter{kDissentNotWritable, request.source + " can be mounted read-only only"};
+  return Dissenter{kDissentNotWritable, request.source + " can only be mounted read-only"};
 }
 
 Refusal unmountByKernel(const std::string& path) {
@@ -179,7 +179,7 @@ Refusal unmountByKernel(const MountPoint& mount) {
   Refusal refusal = isOwn ? unmountAsUser(mount.path) : unmountByKernel(mount.path);
   if (isMounted(mount.id)) {
     if (refusal && refusal->status != kDissentNotMounted) return refusal;
-    return Dissenter{kDissentBusy, mount.path + " stays mounted; another mount may stand before it"};
+    return Dissenter{kDissentBusy, mount.path + " stays mounted; another mount may cover it"};
   }
   if (!source || isMountedElsewhere(mount.number)) return std::nullopt;
   return waitForDriver(*source, mount.path);

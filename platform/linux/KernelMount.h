@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Mounts that the kernel makes, by way of libmount and the mount helpers of the system.
+// Mounting with libmount and the system's mount helpers.
 #pragma once
 
 #include <optional>
@@ -8,32 +8,31 @@
 
 #include "Dissenters.h"
 #include "MountTable.h"
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/Extent.h"
 
 namespace vorlix {
 
 struct KernelMountRequest {
-  std::string source;          ///< a block device, or what a loop device is to be made over
-  std::optional<Extent> loop;  ///< the bytes of `source` that the loop device shows; absent for none
+  std::string source;          ///< a block device, or the file or device for a loop device
+  std::optional<Extent> loop;  ///< the bytes of `source` for the loop device; absent for no loop device
   std::string kind;            ///< volume kind, see volumeKindOf()
   std::string folder;          ///< an empty folder
   bool readOnly = false;       ///< the medium cannot be written
-  bool readWrite = false;      ///< refuse (kDissentNotWritable) rather than mount it read-only
-  bool noBrowse = false;       ///< keep it out of the desktop's lists
+  bool readWrite = false;      ///< refuse with kDissentNotWritable instead of mounting read-only
+  bool noBrowse = false;       ///< hide the volume from the desktop's lists
 };
 
-/// Mounts a volume. Set-user-ID programs and device nodes on it have no effect. Afterwards the folder is as it was
-/// where the request is refused.
+/// Mounts a volume. Set-user-ID programs and device nodes on it have no effect. A refusal leaves the folder as it was.
 Refusal mountByKernel(const KernelMountRequest& request);
 
-/// Unmounts what is mounted at `path`.
+/// Unmounts the volume at `path`.
 Refusal unmountByKernel(const std::string& path);
 
-/// Unmounts that mount and no other. One that is gone already, with another one perhaps, is unmounted. Refused with
-/// kDissentBusy where another mount covers it; a mount that is still there afterwards is never taken for unmounted.
+/// Unmounts that mount and no other. Succeeds if it was unmounted already. Refused with kDissentBusy if another mount
+/// covers it, or if it still exists afterwards.
 ///
-/// A driver in user space goes on writing when its mount has gone: this waits until it has let go of the device or
-/// image, for half a minute at most. An ordinary user's own mounts of that sort are unmounted by fusermount3.
+/// A driver in user space continues to write after the unmount. This waits until the driver has closed the device or
+/// image, for at most 30 seconds. Ordinary users' own mounts of such drivers are unmounted with fusermount3.
 Refusal unmountByKernel(const MountPoint& mount);
 
 }  // namespace vorlix

@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <map>
 #include <set>
-#include <utility>
 
 #include "FatNames.h"
+#include "MirrorNames.h"
 
 namespace vorlix {
 namespace {
@@ -19,7 +19,7 @@ bool isASCII(const std::string& text) {
   return std::all_of(text.begin(), text.end(), [](unsigned char byte) { return byte < 0x80; });
 }
 
-// Whether a file that both have must be written.
+// Finds out whether a file that the mirror and the volume have must be written.
 Refusal isChanged(const MirrorTree& baseline, const std::string& path, const MirrorEntry& entry,
                   const std::string& folder, const OpenVolume& volume, const FatEntry& old, bool& changed) {
   const auto before = baseline.find(path);
@@ -32,15 +32,15 @@ Refusal isChanged(const MirrorTree& baseline, const std::string& path, const Mir
   return std::nullopt;
 }
 
-// The names that the copy has, or is to have, in the case in which they are compared.
-class Names {
+// The names that the copy has or will have, in the case in which they are compared.
+class NamesInUse {
  public:
-  Names(const MirrorTree& tree, const MirrorChanges& changes) {
+  NamesInUse(const MirrorTree& tree, const MirrorChanges& changes) {
     for (const auto& [path, entry] : tree) names_.insert(foldedFatName(path));
     for (const FatEntry* const entry : changes.removed) names_.insert(foldedFatName(entry->path));
   }
 
-  // A name in a folder that nothing there has.
+  // Returns a name that no item of the folder has.
   std::string unusedIn(const std::string& folder) {
     for (;;) {
       std::string number = std::to_string(++number_);
@@ -55,9 +55,9 @@ class Names {
   unsigned number_ = 0;
 };
 
-class Application {
+class ChangesToCopy {
  public:
-  Application(const MirrorChanges& changes, const MirrorTree& tree, const std::string& folder, const Mtools& copy)
+  ChangesToCopy(const MirrorChanges& changes, const MirrorTree& tree, const std::string& folder, const Mtools& copy)
       : changes_(changes), folder_(folder), copy_(copy), names_(tree, changes) {}
 
   Refusal oneAfterTheOther() {
@@ -75,15 +75,15 @@ class Application {
   }
 
   Refusal besideEachOther() {
-    // What stands where something new goes must make place first, and folders with their content.
+    // Items in the place of new ones are removed first, folders with their content.
     std::set<std::string> wanted;
     for (const std::string& path : changes_.folders) wanted.insert(foldedFatName(path));
     for (const MirrorChanges::File& file : changes_.files) wanted.insert(foldedFatName(file.path));
     const auto isInTheWay = [&](const FatEntry& entry) { return wanted.count(foldedFatName(entry.path)) != 0; };
     if (Refusal refusal = removeAll(isInTheWay)) return refusal;
     if (Refusal refusal = makeFolders()) return refusal;
-    // The old content makes place for the new one by its name alone: mtools gives a new file the name as it is written,
-    // but turns letters into upper case where it renames one.
+    // The old file is renamed and the new one created under the name: mtools keeps the letter case of a new file's
+    // name, but changes it to upper case when it renames a file.
     std::vector<FatEntry> old;
     for (const MirrorChanges::File& file : changes_.files) {
       if (file.old != nullptr) {
@@ -121,7 +121,7 @@ class Application {
     return copy_.remove(entry.path, false);
   }
 
-  // Removes those of the entries that are picked and do not lie in a folder that was removed.
+  // Removes the entries that `pick` selects, except those in folders that were removed.
   template <typename Pick>
   Refusal removeAll(Pick pick) {
     std::vector<const FatEntry*> roots;
@@ -151,7 +151,7 @@ class Application {
   const MirrorChanges& changes_;
   const std::string& folder_;
   const Mtools& copy_;
-  Names names_;
+  NamesInUse names_;
   std::set<std::string> gone_;
 };
 
@@ -211,7 +211,7 @@ Refusal checkRoom(const MirrorChanges& changes, const MirrorTree& tree, const Fa
 
 Refusal applyChanges(const MirrorChanges& changes, const MirrorTree& tree, const std::string& folder, Room room,
                      const Mtools& copy) {
-  Application application(changes, tree, folder, copy);
+  ChangesToCopy application(changes, tree, folder, copy);
   return room == Room::besideEachOther ? application.besideEachOther() : application.oneAfterTheOther();
 }
 
@@ -219,7 +219,8 @@ Refusal checkCopy(const OpenVolume& copy, const MirrorTree& tree, const std::str
   std::map<std::string, const FatEntry*> onCopy;
   for (const FatEntry& entry : copy.volume.entries()) onCopy[foldedFatName(entry.path)] = &entry;
   const auto differs = [](const std::string& path) {
-    return Dissenter{kDissentError, path + " did not become what it is in the mirror; nothing was written to the disk"};
+    return Dissenter{kDissentError,
+                     path + " did not become the same as in the mirror; nothing was written to the disk"};
   };
   for (const auto& [path, entry] : tree) {
     const auto found = onCopy.find(foldedFatName(path));

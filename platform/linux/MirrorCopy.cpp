@@ -2,7 +2,6 @@
 #include "MirrorCopy.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,19 +17,6 @@
 namespace vorlix {
 namespace {
 
-constexpr size_t kPiece = 1024 * 1024;
-
-Refusal writePiece(int file, const std::string& path, const uint8_t* bytes, size_t count, uint64_t offset) {
-  size_t done = 0;
-  while (done < count) {
-    const ssize_t put = pwrite(file, bytes + done, count - done, static_cast<off_t>(offset + done));
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return dissenterFor(put == 0 ? ENOSPC : errno, path);
-    done += static_cast<size_t>(put);
-  }
-  return std::nullopt;
-}
-
 Refusal copyFile(const OpenVolume& from, const FatEntry& entry, const std::string& path) {
   const Descriptor file(
       aboveStandardStreams(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)));
@@ -40,7 +26,7 @@ Refusal copyFile(const OpenVolume& from, const FatEntry& entry, const std::strin
                                                  return writePiece(file.get(), path, bytes, count, offset);
                                                });
   if (refusal) return refusal;
-  // What is zero at the end was not written.
+  // Zeros at the end were not written.
   if (ftruncate(file.get(), static_cast<off_t>(entry.size)) != 0) return dissenterFor(errno, path);
   const timespec modified = {static_cast<time_t>(modificationTime(entry)), 0};
   const std::array<timespec, 2> times = {modified, modified};
@@ -48,7 +34,7 @@ Refusal copyFile(const OpenVolume& from, const FatEntry& entry, const std::strin
   return std::nullopt;
 }
 
-// A file of the system, compared piece by piece.
+// A file of the system that is compared piece by piece.
 class ComparedFile {
  public:
   explicit ComparedFile(const std::string& path)
@@ -66,7 +52,7 @@ class ComparedFile {
 
   Refusal failure() const { return dissenterFor(error_, path_); }
 
-  // Whether these bytes stand at `offset`, with nothing but zeros between the last ones and them.
+  // Returns whether the file has these bytes at `offset`, and only zeros between the previous piece and them.
   bool has(uint64_t offset, const uint8_t* bytes, size_t count) {
     if (!hasZerosTo(offset) || !readAt(offset, count)) return false;
     place_ = offset + count;
@@ -78,7 +64,7 @@ class ComparedFile {
       const off_t data = lseek(file_.get(), static_cast<off_t>(place_), SEEK_DATA);
       if (data < 0 && errno == ENXIO) break;
       if (data >= 0) place_ = std::min(end, static_cast<uint64_t>(data));
-      const auto count = static_cast<size_t>(std::min<uint64_t>(kPiece, end - place_));
+      const auto count = static_cast<size_t>(std::min<uint64_t>(kFatPiece, end - place_));
       if (!readAt(place_, count)) return false;
       if (!std::all_of(piece_.begin(), piece_.begin() + static_cast<std::ptrdiff_t>(count),
                        [](uint8_t byte) { return byte == 0; })) {
@@ -114,6 +100,17 @@ class ComparedFile {
 
 }  // namespace
 
+Refusal writePiece(int file, const std::string& path, const uint8_t* bytes, size_t count, uint64_t offset) {
+  size_t done = 0;
+  while (done < count) {
+    const ssize_t put = pwrite(file, bytes + done, count - done, static_cast<off_t>(offset + done));
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) return dissenterFor(put == 0 ? ENOSPC : errno, path);
+    done += static_cast<size_t>(put);
+  }
+  return std::nullopt;
+}
+
 Refusal copyVolumeTo(const OpenVolume& from, const std::string& folder) {
   for (const FatEntry& entry : from.volume.entries()) {
     const std::string path = folder + entry.path;
@@ -123,7 +120,7 @@ Refusal copyVolumeTo(const OpenVolume& from, const std::string& folder) {
       return dissenterFor(errno, path);
     }
   }
-  // A mirror that a power cut has shortened would look like one that somebody has changed.
+  // A mirror that lost data in a power failure would look like one that somebody has changed.
   const Descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!opened || syncfs(opened.get()) != 0) return dissenterFor(errno, folder);
   for (const FatEntry& entry : from.volume.entries()) {
@@ -149,27 +146,6 @@ Refusal compareFile(const OpenVolume& from, const FatEntry& entry, const std::st
   isEqual = isEqual && compared.hasZerosTo(entry.size);
   if (compared.error() != 0) return compared.failure();
   return std::nullopt;
-}
-
-FileSizeSignalHeld::FileSizeSignalHeld() {
-  sigset_t fileSize;
-  sigset_t pending;
-  sigemptyset(&fileSize);
-  sigaddset(&fileSize, SIGXFSZ);
-  sigpending(&pending);
-  wasPending_ = sigismember(&pending, SIGXFSZ) == 1;
-  pthread_sigmask(SIG_BLOCK, &fileSize, &before_);
-}
-
-FileSizeSignalHeld::~FileSizeSignalHeld() {
-  const int reason = errno;
-  sigset_t fileSize;
-  sigemptyset(&fileSize);
-  sigaddset(&fileSize, SIGXFSZ);
-  const timespec atOnce = {0, 0};
-  while (!wasPending_ && sigtimedwait(&fileSize, nullptr, &atOnce) == SIGXFSZ) continue;
-  pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-  errno = reason;
 }
 
 }  // namespace vorlix

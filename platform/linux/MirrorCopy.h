@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Files of a FAT volume beside files of the system: copied, compared.
+// Copying files of a FAT volume to files of the system, and comparing them.
 #pragma once
-
-#include <signal.h>
 
 #include <string>
 
@@ -12,7 +10,7 @@
 
 namespace vorlix {
 
-/// A volume with the bytes it was read from.
+/// A volume with the bytes that it was read from.
 struct OpenVolume {
   int descriptor = -1;
   Extent window;
@@ -25,24 +23,14 @@ struct OpenVolume {
   }
 };
 
-/// Copies everything into an empty folder of the system, times of files included, brings it to the medium and compares
-/// it. Files come out with mode 0600, folders with 0700.
+/// Writes a piece of a file. `path` is its name in a refusal.
+Refusal writePiece(int file, const std::string& path, const uint8_t* bytes, size_t count, uint64_t offset);
+
+/// Copies all files, with their times, to an empty folder of the system, syncs them and compares them. Files get mode
+/// 0600, folders 0700.
 Refusal copyVolumeTo(const OpenVolume& from, const std::string& folder);
 
-/// Compares the content of a file with that of a file of the system, sizes included.
+/// Compares the size and content of a file with those of a file of the system.
 Refusal compareFile(const OpenVolume& from, const FatEntry& entry, const std::string& file, bool& isEqual);
-
-/// Has a write beyond the limit of a file's size (RLIMIT_FSIZE) fail in this thread, instead of ending the process.
-class FileSizeSignalHeld {
- public:
-  FileSizeSignalHeld();
-  ~FileSizeSignalHeld();
-  FileSizeSignalHeld(const FileSizeSignalHeld&) = delete;
-  FileSizeSignalHeld& operator=(const FileSizeSignalHeld&) = delete;
-
- private:
-  sigset_t before_;
-  bool wasPending_ = false;
-};
 
 }  // namespace vorlix

@@ -1,18 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Where mirrors stand in the user's state folder:
-//
-//     volumes/NAME              a mirror, the mount point
-//     volumes/.mirrors/KEY/     what belongs to it; locked while somebody works on it
-//         state                 MirrorState
-//         making/               a mirror on its way to becoming one
-//         leaving/              one that is being removed
-//         copy                  the volume's own bytes, while changes are put into them
+// The folder of one mirror, locked (MirrorFolders.h).
 #pragma once
 
 #include <optional>
 #include <string>
-#include <vector>
 
 #include <Vorlix/platform/Descriptor.h>
 #include "Dissenters.h"
@@ -20,15 +12,12 @@
 
 namespace vorlix {
 
-/// Whether the folder at `path` is the one that a mirror was made in, and not another one of that name.
-bool isFolderOf(const MirrorState& state, const std::string& path);
-
-/// The folder of one volume, locked against other processes and threads for as long as this object lives. Nobody who
-/// works on another volume waits for it.
+/// The folder of one volume's mirror, locked against other processes and threads as long as this object exists. Work on
+/// other volumes does not wait for it.
 class MirrorPlace {
  public:
-  /// Waits for the lock. What an earlier process left half-way is put right first: afterwards a state is there only for
-  /// a mirror that is there as well, under its own name.
+  /// Waits for the lock. First repairs what an interrupted process has left: afterwards there is a state only if the
+  /// mirror exists under its own name.
   static Refusal lock(const std::string& key, uint64_t identity, std::optional<MirrorPlace>& place);
 
   ~MirrorPlace();
@@ -37,21 +26,21 @@ class MirrorPlace {
 
   const std::optional<MirrorState>& state() const { return state_; }
 
-  /// Brings a state to the medium.
+  /// Saves and syncs a state.
   Refusal save(const MirrorState& state);
 
-  /// An empty folder that a mirror may be made in. What is in it goes with this object unless keep() succeeds.
+  /// Makes an empty folder for a new mirror. It is removed with this object, unless keep() succeeds.
   Refusal make(std::string& folder);
 
-  /// Puts what was made at `state`'s place, in a folder called `name`, or "name-1", "name-2" ... where that is taken,
-  /// and saves the state with it.
+  /// Moves the new mirror to a folder called `name`, or "name-1", "name-2" and so on if that exists, and saves its
+  /// state.
   Refusal keep(const std::string& name, MirrorState state);
 
-  /// Gives the mirror a place where nobody looks for it, or puts it back.
+  /// Move the mirror to a place where nobody looks for it, and back.
   Refusal setAside(std::string& folder);
   Refusal putBack();
 
-  /// Removes mirror and state. From the first step on the volume counts as not mounted.
+  /// Removes the mirror and its state. From the first step on, the volume counts as not mounted.
   Refusal remove();
 
   std::string copyPath() const { return folder_ + "/copy"; }

@@ -9,7 +9,7 @@ namespace {
 
 constexpr const char* kFormat = "vorlix mirror 4";
 
-// A state is a row of texts, each ended by a zero byte, since file names hold any other one.
+// A state is a sequence of texts. A zero byte ends each, because file names can contain every other byte.
 class FieldWriter {
  public:
   void add(std::string_view text) { bytes_.append(text).push_back('\0'); }

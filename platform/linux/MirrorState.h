@@ -1,45 +1,41 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What is kept of each mirrored volume, so that any process of the user finds it again. docs/mirrors.md describes what
-// a process that ends at any moment leaves.
+// The saved state of a mirrored volume, by which every process of the user finds it. docs/mirrors.md describes what is
+// left if a process is interrupted.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
-#include "BlockDevices.h"
-#include "Dissenters.h"
 #include "MirrorTree.h"
-#include "OpenedDevice.h"
 
 namespace vorlix {
 
-/// What tells the folder of a mirror from another one that was put in its place. Moving the folder keeps both.
+/// Distinguishes the folder of a mirror from another folder in its place. Moving the folder changes neither member.
 struct FolderIdentity {
   uint64_t inode = 0;
-  int64_t birth = 0;  ///< nanoseconds; 0 where the file system does not tell
+  int64_t birth = 0;  ///< nanoseconds; 0 if the file system does not record it
 };
 
 struct MirrorState {
   std::string device;     ///< BSD name of the disk or slice
-  std::string folder;     ///< the mirror, which is the mount point
+  std::string folder;     ///< path of the mirror, which is the mount point
   FolderIdentity made;    ///< the folder that the volume's files were copied to
   bool readOnly = false;  ///< the medium could not be written when the mirror was made
 
-  /// All that was changed is on the medium, or was thrown away: what is left of the mirror is to be removed.
+  /// All changes are on the medium or were discarded. The rest of the mirror must be removed.
   bool leaving = false;
 
-  uint64_t identity = 0;  ///< of the file system (readFatIdentity()); another one may come to lie at the same place
+  uint64_t identity = 0;  ///< of the file system (readFatIdentity()); another one may replace it at the same place
 
-  /// Digest of the file system (FatVolume) with which the mirror was the same, and the mirror's tree then.
+  /// Digest of the file system (FatVolume) when the mirror was the same, and the tree of the mirror at that time.
   uint64_t digest = 0;
   MirrorTree baseline;
 
-  /// A write-back that was begun: where the volume has this digest it came to its end, and the mirror was the same as
-  /// the volume with this tree. Where the volume still has the older digest nothing of it was written.
+  /// A write-back that was begun. If the volume has this digest, the write-back was completed, and the mirror with this
+  /// tree was the same as the volume. If the volume has the older digest, nothing was written.
   struct Written {
     uint64_t digest = 0;
     MirrorTree tree;
@@ -47,45 +43,8 @@ struct MirrorState {
   std::optional<Written> written;
 };
 
-/// As bytes, for MirrorPlace.
+/// Convert a state to bytes and back. Absent if the bytes are not a state.
 std::string encodeMirrorState(const MirrorState& state);
 std::optional<MirrorState> decodeMirrorState(std::string_view bytes);
-
-/// Names the place of the volume in `window` of a device: the same for every path to the device.
-std::optional<std::string> mirrorKey(const DeviceLocation& location, Extent window);
-
-/// A mirrored volume with the key of its place.
-struct KnownMirror {
-  std::string key;
-  MirrorState state;
-};
-
-/// The mirrors of this user that stand for the volume of a device that is there, in the order in which they were made,
-/// read without a lock.
-std::vector<KnownMirror> allMirrors();
-
-/// What has become of the volume of a mirror.
-enum class MirroredVolumeIs { there, gone, replaced };
-
-struct FoundMirror {
-  KnownMirror mirror;
-  MirroredVolumeIs volume = MirroredVolumeIs::there;
-};
-
-/// All mirrors of this user, those included that stand for nothing any more: their device is gone, or holds another
-/// volume.
-std::vector<FoundMirror> findMirrors();
-
-/// The state of the volume that lies at `key` now, read without a lock. Absent where that volume is not mirrored,
-/// whatever other one at the same place was. `opened` is absent where the device cannot be read; the place alone counts
-/// then.
-std::optional<MirrorState> findMirror(const std::string& key, const std::optional<OpenedDevice>& opened);
-
-/// The same, but never with the place of a mirror that is about to be removed: waits for the unmount that is at work
-/// there, and puts back what one that was ended has left.
-std::optional<MirrorState> findSettledMirror(const std::string& key, const std::optional<OpenedDevice>& opened);
-
-/// The state of findMirror() for the volume that is mirrored in `folder`.
-std::optional<MirrorState> findMirrorAt(const std::string& folder);
 
 }  // namespace vorlix

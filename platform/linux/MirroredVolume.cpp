@@ -1,13 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MirroredVolume.h"
 
+#include <pthread.h>
+#include <signal.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
 #include <cerrno>
 
 #include "DeviceFacts.h"
+#include "FolderUsers.h"
 #include "MirrorCopy.h"
+#include "MirrorFolders.h"
+#include "MirrorLookup.h"
 #include "MirrorPlace.h"
 #include "MirrorTree.h"
 #include "MountTable.h"
@@ -15,6 +20,33 @@
 
 namespace vorlix {
 namespace {
+
+// Makes a write beyond the limit of a file's size (RLIMIT_FSIZE) fail in this thread instead of ending the process.
+class FileSizeSignalHeld {
+ public:
+  FileSizeSignalHeld() {
+    sigset_t pending;
+    sigemptyset(&fileSize_);
+    sigaddset(&fileSize_, SIGXFSZ);
+    sigpending(&pending);
+    wasPending_ = sigismember(&pending, SIGXFSZ) == 1;
+    pthread_sigmask(SIG_BLOCK, &fileSize_, &before_);
+  }
+  ~FileSizeSignalHeld() {
+    const int reason = errno;
+    const timespec atOnce = {0, 0};
+    while (!wasPending_ && sigtimedwait(&fileSize_, nullptr, &atOnce) == SIGXFSZ) continue;
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    errno = reason;
+  }
+  FileSizeSignalHeld(const FileSizeSignalHeld&) = delete;
+  FileSizeSignalHeld& operator=(const FileSizeSignalHeld&) = delete;
+
+ private:
+  sigset_t fileSize_;
+  sigset_t before_;
+  bool wasPending_ = false;
+};
 
 Refusal checkSpace(const std::string& folder, uint64_t needed) {
   struct statvfs status = {};
@@ -42,7 +74,7 @@ Refusal fillMirror(const OpenedDevice& device, const std::string& folder, Mirror
   return std::nullopt;
 }
 
-// A volume that somebody mounted there has files of its own, which are none of this one's.
+// A volume that is mounted inside the mirror has its own files, which do not belong to this volume.
 Refusal checkNothingMountedIn(const std::string& folder) {
   for (const MountPoint& mount : mountTable()) {
     if (mount.path != folder && mount.path.rfind(folder + "/", 0) != 0) continue;
@@ -58,8 +90,8 @@ Refusal checkUnused(const std::string& folder) {
   return checkNothingMountedIn(folder);
 }
 
-// Under another name nobody begins to use the mirror any more, and whoever does so already is seen. Refused, with the
-// mirror in its place again, unless nobody uses it and `isAsItWas` says of its folder that it may go.
+// Renames the mirror first, so that no process begins to use it, then looks for processes that use it. If one does, or
+// if `isAsItWas` returns false for the new folder, restores the mirror and refuses.
 template <typename Check>
 Refusal removeUnused(MirrorPlace& place, Check isAsItWas) {
   const std::string name = place.state()->folder;
@@ -80,8 +112,8 @@ bool holdsFiles(const MirrorTree& tree) {
   return std::any_of(tree.begin(), tree.end(), [](const auto& entry) { return !entry.second.isFolder; });
 }
 
-// A folder that was emptied by mistake, or made again, looks like a wish to delete every file of the volume. Nobody can
-// take that back, so it is not taken for one.
+// A folder that was emptied by mistake, or replaced, looks like a request to delete all files of the volume. That could
+// not be undone, so it is refused.
 Refusal checkStillTheMirror(const MirrorState& state, const MirrorTree& tree) {
   const std::string discard = "\"vorlix unmount --discard " + state.device + "\"";
   if (!isFolderOf(state, state.folder)) {
@@ -112,7 +144,7 @@ Refusal mountMirror(const DeviceLocation& location, const OpenedDevice& device, 
   if (!identity) return dissenterFor(errno, location.node);
   std::optional<MirrorPlace> place;
   if (Refusal refusal = MirrorPlace::lock(*key, *identity, place)) return refusal;
-  if (place->state()) return std::nullopt;  // made by someone else in the meantime
+  if (place->state()) return std::nullopt;  // another process has made it meanwhile
   MirrorState state;
   state.device = *bsdName;
   state.readOnly = readOnly;

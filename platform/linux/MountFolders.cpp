@@ -6,13 +6,12 @@
 
 #include <cerrno>
 
-#include "VolumeProbe.h"
+#include <Vorlix/foundation/Utf8.h>
 
 namespace vorlix {
 namespace {
 
 constexpr size_t kLongestName = 128;
-constexpr int kMostOfOneName = 1000;
 constexpr mode_t kForEveryone = 0755;
 constexpr mode_t kForTheUser = 0700;
 constexpr const char* kPlace = "/run/vorlix";
@@ -25,7 +24,7 @@ bool isOwnFolder(const std::string& path) {
 
 Refusal makePlace() {
   if (mkdir(kPlace, kForTheUser) == 0) {
-    // Not by mkdir(), whose mode the umask narrows.
+    // With chmod(), because the umask restricts the mode of mkdir().
     if (chmod(kPlace, kForEveryone) != 0) return dissenterFor(errno, kPlace);
   } else if (errno != EEXIST) {
     return dissenterFor(errno, kPlace);
@@ -43,7 +42,7 @@ std::string safeFolderName(const std::string& name) {
     safe += byte < 0x20 || byte == 0x7F || character == '/' ? '_' : character;
   }
   if (safe.size() > kLongestName) safe.resize(kLongestName);
-  while (!safe.empty() && validText(safe) != safe) safe.pop_back();  // a character that was cut in two
+  while (!safe.empty() && !isUtf8(safe)) safe.pop_back();  // the rest of a truncated character
   safe.erase(safe.find_last_not_of(' ') + 1);
   if (!safe.empty() && safe.front() == '.') safe.front() = '_';
   return safe;

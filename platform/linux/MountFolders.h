@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The folders that the kernel's file systems are mounted in. Only the super-user has such mounts; mirrors stand in the
-// user's state folder (MirrorPlace.h).
+// The folders for the kernel's mounts. Only the super-user has such mounts; mirrors are in the user's state folder
+// (MirrorFolders.h).
 #pragma once
 
 #include <sys/types.h>
@@ -12,16 +12,18 @@
 
 namespace vorlix {
 
-/// A volume's name as the name of a folder: no separators, no control characters, no leading dot, at most 128 bytes.
-/// Empty where nothing of it is left.
+/// Returns a volume's name in a form for the name of a folder: no slashes, no control characters, no leading dot, at
+/// most 128 bytes. May be empty.
 std::string safeFolderName(const std::string& name);
 
-/// Makes a new folder in /run/vorlix, where the super-user's mounts are, called `name`, or "name-1", "name-2" ... where
-/// that is taken. The place is refused unless it is a folder, not a link, that belongs to the user and that nobody else
-/// can write to.
+/// The most folders of one name, which have a number added: "name", "name-1" and so on.
+inline constexpr int kMostOfOneName = 1000;
+
+/// Makes a new folder in /run/vorlix, called `name`, or "name-1", "name-2" and so on if that exists. Refused if
+/// /run/vorlix is a link, belongs to another user or can be written by others.
 Refusal makeMountFolder(const std::string& name, mode_t mode, std::string& path);
 
-/// Removes an empty folder that makeMountFolder() made. Other folders are left alone.
+/// Removes an empty folder that makeMountFolder() made. Does nothing for other folders.
 void removeMountFolder(const std::string& path);
 
 }  // namespace vorlix

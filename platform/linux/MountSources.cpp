@@ -21,11 +21,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view kDeleted = " (deleted)";  // ends the kernel's path of a file that has lost that name
+constexpr std::string_view kDeleted = " (deleted)";  // the end of the kernel's path of a file without that name
 constexpr size_t kMostGroups = 1024;
-
-// Drivers that are given a volume's name call it ntfs://sda2/Name.
-constexpr std::string_view kNTFSDriver = "ntfs:/";
 
 std::string pathNamedBy(const std::string& source) {
   if (source.rfind(kNTFSDriver, 0) != 0) return source;
@@ -75,7 +72,7 @@ bool mayOpen(uid_t user, const struct stat& status, bool forWriting) {
   return (allowed & (forWriting ? 2U : 4U)) != 0;
 }
 
-// The number behind "offset=" in a process' arguments, 0 without one.
+// Returns the number after "offset=" in the arguments of a process, or 0.
 uint64_t offsetArgument(const std::string& processFolder) {
   constexpr std::string_view kOption = "offset=";
   constexpr std::string_view kBefore("\0,-o", 4);  // "-o offset=", "ro,offset=", "--offset=", "-ooffset="
@@ -93,7 +90,7 @@ uint64_t offsetArgument(const std::string& processFolder) {
   return 0;
 }
 
-// A driver's log is none of its sources, nor are the standard streams.
+// A driver's log and its standard streams are not its source.
 bool isOpenForReading(const fs::path& descriptor) {
   struct stat link = {};
   const std::string number = descriptor.filename();
@@ -101,7 +98,7 @@ bool isOpenForReading(const fs::path& descriptor) {
          (link.st_mode & S_IRUSR) != 0;
 }
 
-// Whether a file could be called by that name from somewhere.
+// Returns whether a file has that name, which may be relative to any folder.
 bool isCalled(const std::string& path, const std::string& name) {
   if (name.starts_with('/')) return path == name;
   fs::path last;
@@ -125,7 +122,8 @@ std::optional<MountSource> MountSources::of(const MountPoint& mount) {
   return drivers_.emplace(mount.number, ofDriver(mount)).first->second;
 }
 
-// Of the files that the driver has open: the one of that name's file, else one of that name, else the only one.
+// Prefers, of the files that the driver has open, the one that the name leads to, then one with that name, then the
+// only one.
 std::optional<MountSource> MountSources::ofDriver(const MountPoint& mount) {
   const std::string name = pathNamedBy(mount.source);
   const bool isPath = name.starts_with('/');
@@ -189,7 +187,7 @@ const std::vector<MountSources::DriverProcess>& MountSources::driverProcesses() 
   return *processes_;
 }
 
-// Not every kernel tells which mount a driver serves; a file of the right name then has to do.
+// Some kernels do not report which mount a driver serves. Then only files with the right name count.
 std::vector<MountSources::OpenFile> MountSources::filesOfDriver(const MountPoint& mount, uint64_t& offset) {
   std::vector<OpenFile> files;
   if (!mount.isByDriver) return files;

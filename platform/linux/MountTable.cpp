@@ -11,7 +11,6 @@
 
 #include "MountLines.h"
 #include "Sysfs.h"
-#include "VolumeOrigin.h"
 
 namespace vorlix {
 namespace {
@@ -26,7 +25,7 @@ bool isDriverInUserSpace(const MountLine& line) {
   return line.fileSystem.starts_with("fuse");
 }
 
-// What has no use for a device may be named after one all the same.
+// A file system without a device may have the name of one.
 class Naming {
  public:
   bool mayNameSource(const MountLine& line) {
@@ -42,8 +41,8 @@ class Naming {
   std::optional<std::vector<std::string>> known_;
 };
 
-// The number of the device that was mounted. Some file systems of the kernel show a number of their own instead; these
-// are known by the node they name.
+// Returns the number of the mounted device. Some of the kernel's file systems have their own number instead; their
+// device is the node that they name.
 dev_t deviceOf(const MountLine& line, bool mayNameSource) {
   const bool namesDevice = line.source.starts_with("/dev/") && !isDriverInUserSpace(line) && mayNameSource;
   if (major(line.number) != 0 || !namesDevice) return line.number;
@@ -52,7 +51,7 @@ dev_t deviceOf(const MountLine& line, bool mayNameSource) {
   return isDevice ? status.st_rdev : line.number;
 }
 
-// Whom a driver in user space runs for. The kernel's own act for the super-user.
+// Returns the user of a driver in user space. The kernel's own drivers count as the super-user's.
 uid_t userOf(const MountLine& line) {
   const std::string value = mountOption(line.volumeOptions, "user_id").value_or("");
   uid_t user = 0;
@@ -60,7 +59,7 @@ uid_t userOf(const MountLine& line) {
   return user;
 }
 
-// A subvolume of btrfs is a volume to its users; its options tell which one it is.
+// Subvolumes of btrfs count as volumes; the options of a mount name its subvolume.
 bool isVolumeRoot(const MountLine& line) {
   return line.root == "/" || (line.fileSystem == "btrfs" && mountOption(line.volumeOptions, "subvol") == line.root);
 }
@@ -101,16 +100,6 @@ std::optional<MountPoint> mountAt(const std::string& path) {
       std::find_if(mounts.rbegin(), mounts.rend(), [&](const MountPoint& mount) { return mount.path == wanted; });
   if (found == mounts.rend()) return std::nullopt;
   return *found;
-}
-
-std::optional<LoopBacking> loopBackingOf(dev_t device) {
-  const fs::path loop = sysfsLink(device) / "loop";
-  if (readWholeNumber(loop / "autoclear").value_or(0) == 0) return std::nullopt;
-  const std::optional<std::string> path = backingPathOf(device);
-  const uint64_t offset = readWholeNumber(loop / "offset").value_or(0);
-  // Another file may have come into its place, or be what is called so in this process' name space.
-  if (!path || originOfPath(*path, offset) != originOfDevice(device)) return std::nullopt;
-  return LoopBacking{*path, offset};
 }
 
 }  // namespace vorlix

@@ -9,17 +9,16 @@
 #include <fstream>
 #include <map>
 #include <set>
-#include <string_view>
 #include <utility>
 
+#include <Vorlix/foundation/Utf8.h>
 #include <Vorlix/platform/Descriptor.h>
-#include "BlockDevices.h"
-#include "DeviceFacts.h"
+#include "DeviceNames.h"
 #include "DiskDescription.h"
 #include "FatLayout.h"
-#include "MirrorState.h"
+#include "MirrorLookup.h"
 #include "MountSources.h"
-#include "Mounting.h"
+#include "MountedDevices.h"
 #include "OpenedDevice.h"
 #include "VolumeProbe.h"
 #include "platform/posix/MountFacts.h"
@@ -27,12 +26,10 @@
 namespace vorlix {
 namespace {
 
-constexpr std::string_view kNTFSDriver = "ntfs:/";
-
-// The mounts of one volume, the first one first.
+// The mounts of one volume in the order of mounting.
 using Mounts = std::vector<const MountPoint*>;
 
-// Drivers in user space are known by the names they choose; "ntfs:/share" of another file system is a server's.
+// Only for drivers in user space: "ntfs:/share" of another file system is a server's.
 bool isNamedByDriver(const MountPoint& mount) {
   return mount.fileSystem.rfind("fuse", 0) == 0 && mount.source.rfind(kNTFSDriver, 0) == 0;
 }
@@ -40,10 +37,10 @@ bool isNamedByDriver(const MountPoint& mount) {
 // A volume with its mounts.
 struct MountedSource {
   Mounts mounts;
-  std::optional<MountSource> source;  ///< absent of what a driver named that no device here is called by
+  std::optional<MountSource> source;  ///< absent if a driver chose a name that no device has
 };
 
-// The table by volumes, each at its first place.
+// Groups the table by volumes, in the order of their first mounts.
 std::vector<MountedSource> bySource(const std::vector<MountPoint>& table) {
   std::vector<MountedSource> volumes;
   std::map<std::pair<std::string, std::optional<VolumeOrigin>>, size_t> places;
@@ -61,7 +58,7 @@ std::vector<MountedSource> bySource(const std::vector<MountPoint>& table) {
   return volumes;
 }
 
-// The number of the mount that an open file is on. Unlike stat() this asks the kernel alone.
+// Returns the number of the mount of an open file. Unlike stat(), this does not access the file system.
 std::optional<int> mountIDOf(int descriptor) {
   std::ifstream info("/proc/self/fdinfo/" + std::to_string(descriptor));
   for (std::string field; info >> field;) {
@@ -78,23 +75,24 @@ void measure(int descriptor, MountedVolume& volume) {
   volume.freeSpace = bytesIn(status.f_bavail, status.f_frsize);
 }
 
-// Where the volume's root is, and its sizes. A path that this user cannot reach has to do where there is no other.
+// Finds the mount point of the volume's root, and its sizes. A path that this user cannot access is used only if there
+// is no other.
 void findPlace(const Mounts& mounts, MountedVolume& volume) {
   for (const MountPoint* const mount : mounts) {
     if (!mount->isWhole) continue;
-    const Descriptor place(open(mount->path.c_str(), O_PATH | O_CLOEXEC));  // does not reach the file system itself
+    const Descriptor place(open(mount->path.c_str(), O_PATH | O_CLOEXEC));  // does not access the file system
     if (!place) {
       if (errno == EACCES && !volume.mountPath) volume.mountPath = mount->path;
       continue;
     }
-    if (mountIDOf(place.get()) != mount->id) continue;  // covered by another mount, or gone
+    if (mountIDOf(place.get()) != mount->id) continue;  // covered by another mount, or unmounted
     volume.mountPath = mount->path;
     measure(place.get(), volume);
     return;
   }
 }
 
-std::optional<std::string> nameOf(const MountPoint& mount, const std::optional<MountSource>& source) {
+std::optional<std::string> sourceNameOf(const MountPoint& mount, const std::optional<MountSource>& source) {
   if (isNamedByDriver(mount)) return mount.source;
   std::optional<std::string> name = deviceNameOf(*source);
   if (source->device == 0 || imageBehind(source->device)) return name;
@@ -104,8 +102,8 @@ std::optional<std::string> nameOf(const MountPoint& mount, const std::optional<M
   return isNode ? mount.source : name;
 }
 
-// What tells a volume from others, whatever name leads to it; see mirrorKey().
-std::string identityOf(const std::string& device) {
+// Returns a text that identifies a volume, whatever name leads to it; see mirrorKey().
+std::string identityTextOf(const std::string& device) {
   const std::optional<DeviceLocation> location = locateDevice(device);
   if (!location) return device;
   Extent window;
@@ -120,15 +118,15 @@ std::string identityOf(const std::string& device) {
 std::optional<std::string> labelOf(const std::string& device) {
   const std::optional<DeviceLocation> location = locateDevice(device);
   if (!location) return std::nullopt;
-  const std::optional<VolumeFacts> facts = volumeFactsOf(*location, openLocation(*location, O_RDONLY));
+  const std::optional<ProbedVolume> facts = volumeFactsOf(*location, openLocation(*location, O_RDONLY));
   return facts ? facts->label : std::nullopt;
 }
 
 std::string nameFor(const MountedVolume& volume) {
-  return validText(lastComponent(volume.mountPath.value_or(volume.mountedFrom)));
+  return repairedUtf8(lastComponent(volume.mountPath.value_or(volume.mountedFrom)));
 }
 
-// Absent where the mirror is no longer that of the device it was made from.
+// Absent if the device of the mirror holds another volume now.
 std::optional<MountedVolume> mirroredVolume(const KnownMirror& mirror) {
   const std::string& device = mirror.state.device;
   MountedVolume volume;
@@ -139,7 +137,7 @@ std::optional<MountedVolume> mirroredVolume(const KnownMirror& mirror) {
   const std::optional<OpenedDevice> opened = openLocation(*location, O_RDONLY);
   if (!opened && errno != EACCES && errno != EPERM) return std::nullopt;
   if (opened && mirrorKey(*location, opened->window) != mirror.key) return std::nullopt;
-  const std::optional<VolumeFacts> facts = volumeFactsOf(*location, opened);
+  const std::optional<ProbedVolume> facts = volumeFactsOf(*location, opened);
   volume.name = facts && facts->label ? *facts->label : nameFor(volume);
   FatSpace space;
   if (opened && !readFatSpace(opened->descriptor.get(), opened->window, space)) {
@@ -157,10 +155,10 @@ std::vector<MountedVolume> LinuxMountedVolumes::volumes() {
   const std::vector<MountPoint> table = mountTable();
   for (const MountedSource& mounted : bySource(table)) {
     const MountPoint& first = *mounted.mounts.front();
-    const std::optional<std::string> device = nameOf(first, mounted.source);
+    const std::optional<std::string> device = sourceNameOf(first, mounted.source);
     if (!device) continue;
     const bool byName = isNamedByDriver(first);
-    if (!listed.insert(byName ? *device : identityOf(*device)).second) continue;
+    if (!listed.insert(byName ? *device : identityTextOf(*device)).second) continue;
     MountedVolume volume;
     volume.mountedFrom = *device;
     findPlace(mounted.mounts, volume);

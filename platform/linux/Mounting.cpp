@@ -9,7 +9,7 @@
 
 #include "DeviceFacts.h"
 #include "KernelMount.h"
-#include "MirrorState.h"
+#include "MirrorLookup.h"
 #include "MirroredVolume.h"
 #include "MountFolders.h"
 #include "MountTable.h"
@@ -20,7 +20,6 @@ namespace vorlix {
 namespace {
 
 constexpr mode_t kFolderMode = 0755;
-constexpr uint32_t kMostSlices = 128;
 
 struct MountOptions {
   bool readWrite = false;
@@ -40,7 +39,7 @@ Refusal parseArguments(const std::vector<std::string>& arguments, MountOptions& 
   return std::nullopt;
 }
 
-std::string folderNameFor(const DeviceLocation& location, const VolumeFacts& facts) {
+std::string folderNameFor(const DeviceLocation& location, const ProbedVolume& facts) {
   std::string name = safeFolderName(facts.label.value_or(""));
   if (name.empty()) {
     const std::string device = bsdNameOf(location).value_or("volume");
@@ -49,7 +48,7 @@ std::string folderNameFor(const DeviceLocation& location, const VolumeFacts& fac
   return name;
 }
 
-Refusal mountWithKernel(const DeviceLocation& location, const OpenedDevice& device, const VolumeFacts& facts,
+Refusal mountWithKernel(const DeviceLocation& location, const OpenedDevice& device, const ProbedVolume& facts,
                         const MountOptions& options) {
   KernelMountRequest request;
   request.source = location.node;
@@ -65,10 +64,10 @@ Refusal mountWithKernel(const DeviceLocation& location, const OpenedDevice& devi
 }
 
 Refusal mountUnmounted(const DeviceLocation& location, const OpenedDevice& device, const MountOptions& options) {
-  // What a change that was cut off has left is no volume to look at.
+  // An interrupted change must be finished before the volume is examined.
   if (Refusal refusal = settleVolume(location)) return refusal;
-  const std::optional<VolumeFacts> facts = probeVolume(device.descriptor.get(), device.window);
-  if (!facts) return Dissenter{kDissentUnsupported, "holds no file system that is known here"};
+  const std::optional<ProbedVolume> facts = probeVolume(device.descriptor.get(), device.window);
+  if (!facts) return Dissenter{kDissentUnsupported, "the volume has no file system that is known here"};
   if (options.readWrite && isReadOnlyMedium(location)) return dissenterFor(EROFS, location.whole);
   const bool isFAT = facts->kind == "msdos";
   if (geteuid() == 0) {
@@ -86,7 +85,7 @@ Refusal mountUnmounted(const DeviceLocation& location, const OpenedDevice& devic
   return mountMirror(location, device, folderNameFor(location, *facts), readOnly);
 }
 
-// What is known of mounts of a volume.
+// The mounts of a volume.
 struct Mounted {
   std::vector<MountPoint> byKernel;
   std::optional<std::string> mirrorKey;
@@ -103,26 +102,14 @@ Mounted findMounts(const DeviceLocation& location, const std::optional<OpenedDev
   return mounted;
 }
 
-// The place that stands for the volume: where its root is, the first one of several.
+// Returns the mount that counts as the volume's: the first of its root, or else the first.
 const MountPoint* mainMount(const std::vector<MountPoint>& mounts) {
   if (mounts.empty()) return nullptr;
   const auto whole = std::find_if(mounts.begin(), mounts.end(), [](const MountPoint& mount) { return mount.isWhole; });
   return whole == mounts.end() ? &mounts.front() : &*whole;
 }
 
-std::optional<std::string> nameInside(const std::string& whole, uint64_t offset) {
-  std::optional<DeviceLocation> location = locateDevice(whole);
-  if (!location) return std::nullopt;
-  if (offset == 0) return whole;
-  for (uint32_t slice = 1; slice <= kMostSlices; ++slice) {
-    location->slice = slice;
-    const std::optional<OpenedDevice> device = openLocation(*location, O_RDONLY);
-    if (device && device->window.offset == offset) return whole + "s" + std::to_string(slice);
-  }
-  return std::nullopt;
-}
-
-// The folder of a mirror that was made of another volume by that name.
+// Returns the folder of a mirror of another volume that had this device name.
 std::optional<std::string> orphanOf(const DeviceLocation& location) {
   const std::optional<std::string> name = bsdNameOf(location);
   for (const FoundMirror& found : findMirrors()) {
@@ -159,7 +146,7 @@ Refusal unmountVolume(const std::string& device) {
   const Mounted mounted = findMounts(*location, openLocation(*location, O_RDONLY));
   if (mounted.byKernel.empty() && !mounted.mirror) {
     std::string text = device + " is not mounted";
-    // What was put in another one's place is another volume, however it is called.
+    // A volume that replaced another one is not the one that was mounted.
     if (const auto orphan = orphanOf(*location)) {
       text += std::string("; what was mounted by that name was another ") + (location->isImage ? "image" : "volume") +
               ", whose files are kept in " + *orphan;
@@ -179,26 +166,6 @@ std::optional<VolumePlace> volumePlaceOf(const DeviceLocation& location, const s
   if (const MountPoint* const mount = mainMount(mounted.byKernel)) return VolumePlace{mount->path, mount->fileSystem};
   if (mounted.mirror) return VolumePlace{mounted.mirror->folder, "vfat"};
   return std::nullopt;
-}
-
-std::optional<std::string> imageBehind(dev_t device) {
-  const std::optional<LoopBacking> backing = loopBackingOf(device);
-  return backing ? nameInside(backing->path, backing->offset) : std::nullopt;
-}
-
-std::optional<std::string> deviceNameOf(const MountSource& source) {
-  if (source.device == 0) {
-    return source.file.empty() ? std::nullopt : nameInside(source.file, source.origin.offset);
-  }
-  if (std::optional<std::string> image = imageBehind(source.device)) return image;
-  return nodeOfDevice(source.device);
-}
-
-std::optional<std::string> deviceMountedAt(const std::string& path) {
-  if (const std::optional<MirrorState> mirror = findMirrorAt(path)) return mirror->device;
-  const std::optional<MountPoint> mount = mountAt(path);
-  const std::optional<MountSource> source = mount ? MountSources().of(*mount) : std::nullopt;
-  return source ? deviceNameOf(*source) : std::nullopt;
 }
 
 }  // namespace vorlix

@@ -1,48 +1,38 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Mounting and unmounting of a disk's volume, by whichever way there is.
+// Mounting and unmounting the volume of a device, with the kernel or with a mirror.
 #pragma once
 
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 #include "Dissenters.h"
 #include "MountSources.h"
 #include "OpenedDevice.h"
 
 namespace vorlix {
 
-/// Mounts the volume of a device. One that is mounted already stays where it is.
+/// Mounts the volume of a device. A mounted volume stays where it is.
 ///
-/// - The super-user's mounts are the kernel's, in /run/vorlix; an image file, or a slice without a node, by way of a
-///   loop device. Without "rw" a volume is mounted as the system does by default: for writing where the medium and the
-///   driver allow it. "rw" refuses rather than to mount it read-only.
-/// - A FAT volume that the kernel does not mount, or that is an ordinary user's, is mirrored (MirroredVolume.h).
-/// - "nobrowse" is what desktops know as x-gvfs-hide; they do not show mirrors anyway.
+/// - For the super-user the kernel mounts the volume in /run/vorlix, with a loop device for an image file or a slice
+///   without a node. By default it is mounted for writing if the medium and the driver allow it. With "rw" a mount that
+///   would be read-only is refused.
+/// - A FAT volume is mirrored for an ordinary user, or if the kernel does not mount it (MirroredVolume.h).
+/// - "nobrowse" sets x-gvfs-hide, which desktops understand. They do not show mirrors anyway.
 Refusal mountVolume(const std::string& device, const std::vector<std::string>& arguments);
 
-/// Unmounts the volume of a device from everywhere it is mounted, whoever mounted it.
+/// Unmounts the volume of a device from all its mount points, whoever mounted it.
 Refusal unmountVolume(const std::string& device);
 
-/// Where a volume is mounted, and as what: the kernel's name of the file system.
+/// The mount point of a volume, and the kernel's name of the file system.
 struct VolumePlace {
   std::string path;
   std::string fileSystem;
 };
 
-/// Absent where the volume is not mounted. `opened` is absent where the device cannot be read.
+/// Absent if the volume is not mounted. `opened` is absent if the device cannot be read.
 std::optional<VolumePlace> volumePlaceOf(const DeviceLocation& location, const std::optional<OpenedDevice>& opened);
-
-/// The image, or the slice of one, whose bytes a loop device shows that was made for one mount alone and goes with it:
-/// to users such a volume is the image's. Absent for other devices.
-std::optional<std::string> imageBehind(dev_t device);
-
-/// Name of a device or image by which others find it. Absent where it has none now.
-std::optional<std::string> deviceNameOf(const MountSource& source);
-
-/// Name of the device whose volume is mounted at `path`, an image or a slice of one included.
-std::optional<std::string> deviceMountedAt(const std::string& path);
 
 }  // namespace vorlix

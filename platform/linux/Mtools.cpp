@@ -8,22 +8,22 @@
 namespace vorlix {
 namespace {
 
-// Messages as in the C locale, but file names as they are. The check that is left out is of a disk's geometry, which
-// the volumes of partitions fail. A HOME that is not there: settings of the user would change names and answers, and
-// without one mtools looks for it itself.
+// Messages are those of the C locale, and file names are UTF-8. mtools must not check the geometry of a disk, because
+// volumes in partitions fail that check. HOME does not exist, because the user's settings would change names and
+// messages; without HOME, mtools would look for them elsewhere.
 const std::vector<std::string>& mtoolsEnvironment() {
   static const std::vector<std::string> environment = {"LC_ALL=C.UTF-8", "MTOOLS_SKIP_CHECK=1", "HOME=/nonexistent"};
   return environment;
 }
 
-// mtools takes the names of what it looks for as patterns. "*" and "?" are in no name on a FAT volume.
+// mtools uses names of existing items as patterns. Names on FAT volumes cannot contain "*" and "?".
 std::string pattern(const std::string& path) {
   std::string quoted = "::";
   for (const char character : path) quoted += character == '[' ? std::string("[[]") : std::string(1, character);
   return quoted;
 }
 
-// For a new name at the end of `path`: only the folders before it are looked for.
+// For a new name at the end of `path`: only the folders before it are patterns.
 std::string patternOfParent(const std::string& path) {
   const size_t slash = path.rfind('/');
   return pattern(path.substr(0, slash)) + path.substr(slash);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A FAT file system in a file, changed with mtools. It is a private copy of a volume, never a disk.
+// Changes a FAT file system in a file with mtools. The file is a private copy of a volume, never a disk.
 #pragma once
 
 #include <string>
@@ -10,25 +10,25 @@
 
 namespace vorlix {
 
-/// Paths start with "/" at the root of the volume. A program that ends with another status than 0, or has something to
-/// say on standard error, has failed: a refusal with its text. What it did all the same is looked at afterwards.
+/// Paths start with "/" at the root of the volume. A program has failed if its status is not 0 or if it writes to
+/// standard error; its text is then the refusal. The caller checks the file system afterwards.
 class Mtools {
  public:
-  /// Works on the file system at the start of an open file, which stays the caller's and outlives this object.
+  /// Uses the file system at the start of an open file, which belongs to the caller and must outlive this object.
   explicit Mtools(int descriptor) : descriptor_(descriptor) {}
 
-  /// Copies a file of the system to `path`, in place of one that is there, with its time of modification.
+  /// Copies a file of the system, with its time of modification, to `path`. Replaces a file there.
   Refusal write(const std::string& file, const std::string& path) const;
 
   Refusal makeFolder(const std::string& path) const;
 
-  /// Gives a file another name in the same folder, which nothing there has.
+  /// Gives a file another name in the same folder, which no item there has.
   Refusal rename(const std::string& path, const std::string& name) const;
 
-  /// Removes a file, or a folder with all that is in it. None of it is read-only.
+  /// Removes a file, or a folder with its items. None of them may be read-only.
   Refusal remove(const std::string& path, bool isFolder) const;
 
-  /// Gives or takes attributes, as "+r +h".
+  /// Sets or clears attributes: "+r", "-h".
   Refusal setAttributes(const std::string& path, const std::vector<std::string>& changes) const;
 
  private:

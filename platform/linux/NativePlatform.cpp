@@ -14,11 +14,13 @@
 #include "SystemLog.h"
 #include "UserLocale.h"
 #include "VolumeMirrors.h"
+#include "platform/posix/BlockCoding.h"
 #include "platform/posix/ChildProcess.h"
 #include "platform/posix/Files.h"
 #include "platform/posix/Pauses.h"
 #include "platform/posix/Shell.h"
 #include "platform/posix/SystemPaths.h"
+#include "platform/posix/Unpacking.h"
 #include "platform/posix/UserIdentity.h"
 
 namespace vorlix {
@@ -44,6 +46,8 @@ Platform nativePlatform() {
   native.pauses = std::make_shared<PosixPauses>();
   native.systemPaths = std::make_shared<PosixSystemPaths>();
   native.userLocale = std::make_shared<LinuxUserLocale>();
+  native.unpacking = std::make_shared<PosixUnpacking>();
+  native.blockCoding = std::make_shared<PosixBlockCoding>();
   return native;
 }
 

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 
+#include "DeviceFacts.h"
 #include "platform/posix/PartitionExtents.h"
 
 namespace vorlix {

@@ -8,7 +8,7 @@
 namespace vorlix {
 namespace {
 
-// Each class with the one it is derived from.
+// Each class with its base class.
 constexpr std::array<std::pair<const char*, const char*>, 8> kSuperclasses = {
     {{"IOMedia", "IOStorage"},
      {"IOGUIDPartitionScheme", "IOPartitionScheme"},
@@ -29,7 +29,7 @@ bool isKindOf(std::string className, const std::string& wanted) {
   return true;
 }
 
-// No entry here has a list, so lists are not looked into.
+// No entry here has a list, so lists are compared by identity.
 bool areEqual(const Value& left, const Value& right) {
   const auto* const one = std::get_if<std::shared_ptr<const Dictionary>>(&left);
   const auto* const other = std::get_if<std::shared_ptr<const Dictionary>>(&right);
@@ -40,7 +40,7 @@ bool areEqual(const Value& left, const Value& right) {
                     });
 }
 
-// "name@location", with a "/" in either written as ":", so that it does not look like another step.
+// Returns "name@location" with ":" instead of "/", which separates the steps of a path.
 std::string pathStep(const RegistryNode& node) {
   std::string step = node.location.empty() ? node.name : node.name + "@" + node.location;
   std::replace(step.begin(), step.end(), '/', ':');

@@ -6,17 +6,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
-#include <utility>
 
 namespace vorlix {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Longer waits are cut to this, so that the arithmetic with points in time cannot overflow.
+// The longest wait, so that adding it to a point in time cannot overflow.
 constexpr std::chrono::milliseconds kLongestWait = std::chrono::hours(24 * 365);
 
-// Rounded up, so that the last wait does not turn into a busy one.
+// Rounded up, so that the last wait does not become a busy loop.
 int millisecondsUntil(Clock::time_point deadline) {
   const auto rest = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
   return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(rest, 0, std::numeric_limits<int>::max()));
@@ -41,7 +40,7 @@ RunLoopResult LinuxRunLoop::run(const std::string& mode, std::chrono::millisecon
   if (found == modes_.end()) return RunLoopResult::noSources;
   const std::shared_ptr<RunLoopSource> source = waitForSource(found->second, limit);
   if (!source) return RunLoopResult::timedOut;
-  // To the end of the row, so that a source that always has something to handle does not keep the others waiting.
+  // Moves the source to the end, so that a source that is always ready does not block the others.
   const auto position = std::find(found->second.begin(), found->second.end(), source);
   std::rotate(position, position + 1, found->second.end());
   source->handle();
@@ -53,7 +52,7 @@ std::shared_ptr<RunLoopSource> LinuxRunLoop::waitForSource(const Sources& source
   const bool anyPending = std::any_of(sources.begin(), sources.end(), [](auto& source) { return source->isPending(); });
   const Clock::time_point deadline = Clock::now() + std::min(limit, kLongestWait);
   std::vector<pollfd> polled;
-  for (const auto& source : sources) polled.push_back({source->descriptor(), POLLIN, 0});  // -1 is passed over
+  for (const auto& source : sources) polled.push_back({source->descriptor(), POLLIN, 0});  // -1 is ignored
   for (;;) {
     const int ready = poll(polled.data(), polled.size(), anyPending ? 0 : millisecondsUntil(deadline));
     if (ready < 0 && errno != EINTR && errno != EAGAIN) return nullptr;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A thread's run loop over poll().
+// A thread's run loop that uses poll().
 #pragma once
 
 #include <Vorlix/platform/RunLoop.h>
@@ -13,24 +13,23 @@
 
 namespace vorlix {
 
-/// Something that a loop waits for and handles. It may be in several modes and loops at once; all of them belong to one
-/// thread.
+/// Something that a loop waits for and handles. It may be in several modes and loops of one thread.
 class RunLoopSource {
  public:
   virtual ~RunLoopSource() = default;
 
-  /// A descriptor that is readable when there is something to handle, or -1.
+  /// Returns a descriptor that is readable when there is something to handle, or -1.
   virtual int descriptor() const { return -1; }
 
-  /// Something can be handled without waiting for the descriptor.
+  /// Returns whether something can be handled without waiting for the descriptor.
   virtual bool isPending() const { return false; }
 
-  /// Handles one thing. Called only when there is one. It may add and remove sources and run the loop.
+  /// Handles one thing. Called only if there is something to handle. It may add and remove sources and run the loop.
   virtual void handle() = 0;
 };
 
-/// Calls a handler whenever a descriptor can be read without waiting, its end included. The descriptor stays its
-/// owner's, who removes the source before closing it.
+/// Calls a handler whenever a descriptor can be read without waiting, also at its end. The owner of the descriptor
+/// removes the source before closing the descriptor.
 class ReadableDescriptor final : public RunLoopSource {
  public:
   ReadableDescriptor(int descriptor, std::function<void()> handler)
@@ -47,10 +46,10 @@ class LinuxRunLoop final : public RunLoop, public std::enable_shared_from_this<L
  public:
   RunLoopResult run(const std::string& mode, std::chrono::milliseconds limit) override;
 
-  /// Adds a source to a mode. One that is there already is not added again.
+  /// Adds a source to a mode, unless the mode already has it.
   void add(const std::string& mode, const std::shared_ptr<RunLoopSource>& source);
 
-  /// Takes it out again. One that is not there is ignored.
+  /// Removes a source from a mode. Does nothing if the mode does not have it.
   void remove(const std::string& mode, const std::shared_ptr<RunLoopSource>& source);
 
  private:

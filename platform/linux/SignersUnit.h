@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Who signed a file. This is the one thing that OpenSSL is needed for, and loading OpenSSL takes longer than most
-// commands do. So the program and the shared library have it in a module, signing.so, which is loaded by the first
-// call; the archive for hosts that link statically has it inside.
+// Finding out who signed a file. Only this needs OpenSSL, and loading OpenSSL takes longer than most commands. So for
+// the program and the shared library it is in a module, signing.so, which the first call loads. The archive for hosts
+// that link statically contains it.
 #pragma once
 
 #include <filesystem>
@@ -11,13 +11,12 @@
 
 namespace vorlix {
 
-/// Verifies a detached signature (signing/DetachedSignature.h) of an open file, with the certificates that stand in
-/// `anchors` (signing/TrustAnchors.h).
+/// Verifies a detached signature (signing/DetachedSignature.h) of an open file with the certificates in `anchors`
+/// (signing/TrustAnchors.h).
 /// @param signature  path of the signature.
-/// @param file       descriptor; what it reads from its start on is what was signed.
-/// @return the organisational unit (OU) of the signer's certificate. Absent if anything fails, also the module's
-/// loading,
-///         of which the system's log tells.
+/// @param file       descriptor of the signed file, which is read from its start.
+/// @return the organisational unit (OU) of the signer's certificate. Absent if anything fails. If the module cannot be
+///         loaded, the system's log has the reason.
 std::optional<std::string> signersUnit(const std::string& signature, int file, const std::filesystem::path& anchors);
 
 }  // namespace vorlix

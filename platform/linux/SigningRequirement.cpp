@@ -14,7 +14,8 @@ bool isWordCharacter(char c) {
   return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
 }
 
-// Words, quoted texts (with the opening quote kept, so that they are not taken for words) and single other characters.
+// Splits a text into words, quoted texts and single other characters. A quoted text keeps its opening quote, which
+// distinguishes it from a word.
 std::optional<std::vector<std::string>> tokensOf(std::string_view text) {
   std::vector<std::string> tokens;
   while (!text.empty()) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The requirement text as far as this system can answer it.
+// The one form of requirement that this system supports.
 #pragma once
 
 #include <optional>
@@ -9,14 +9,14 @@
 
 namespace vorlix {
 
-/// A chain to an installed anchor, and the leaf's organisational unit.
+/// Requires a chain to an installed anchor and an organisational unit in the leaf certificate.
 struct SigningRequirement {
   std::string organisationalUnit;
 };
 
-/// Reads "anchor apple generic and certificate leaf[subject.OU] = <unit>". The unit is a word of letters and digits, or
-/// any text between double quotes without a double quote or backslash in it. Blanks stand where the words need them and
-/// may stand elsewhere between them. Absent for any other text: a clause that is not understood cannot be dropped.
+/// Parses "anchor apple generic and certificate leaf[subject.OU] = <unit>". The unit is a word of letters and digits,
+/// or any text in double quotes that contains no double quote and no backslash. Blanks must separate words and may
+/// separate other tokens. Absent for any other text, because an unknown clause must not be ignored.
 std::optional<SigningRequirement> parseSigningRequirement(std::string_view text);
 
 }  // namespace vorlix

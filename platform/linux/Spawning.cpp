@@ -12,9 +12,9 @@ int makePrivatePipe(int ends[2]) {
   return pipe2(ends, O_CLOEXEC) == 0 ? 0 : errno;
 }
 
-// Descriptors that the host itself left open to programs are closed, too.
-int passStandardStreamsOnly(posix_spawn_file_actions_t& actions, bool, short&) {
-  return posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+// This also closes descriptors that the host itself left open to programs.
+int passDescriptorsUpTo(int last, posix_spawn_file_actions_t& actions, bool, short&) {
+  return posix_spawn_file_actions_addclosefrom_np(&actions, last + 1);
 }
 
 char** hostEnvironment() {

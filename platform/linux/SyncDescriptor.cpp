@@ -2,7 +2,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/DescriptorCalls.h"
 
 namespace vorlix {
 
@@ -11,7 +11,7 @@ int syncDescriptor(int descriptor) {
 }
 
 void forgetCached(int descriptor, uint64_t offset, uint64_t count) {
-  // Only what is clean is dropped, so this comes after a sync. Whole pages: the part of one stays.
+  // The kernel drops only clean data, so this must follow a sync. It drops only whole pages.
   constexpr uint64_t kPage = 64 * 1024;
   const uint64_t from = offset - offset % kPage;
   const uint64_t end = (offset + count + kPage - 1) / kPage * kPage;

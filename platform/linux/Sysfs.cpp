@@ -26,7 +26,7 @@ bool takeNumber(std::string_view& text, Number& number) {
   return error == std::errc();
 }
 
-// The kernel's links lead straight to the folder, so that its steps need not be looked at one by one.
+// The kernel's links lead directly to the folder, so its path needs no resolution step by step.
 std::optional<fs::path> kernelFolder(const fs::path& link) {
   constexpr std::string_view kUp = "../../devices/";
   std::array<char, 1024> text;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the kernel and udev tell of block devices in folders and small text files. `root` stands before the paths, so
-// that a captured tree can take the place of the machine.
+// What the kernel and udev report about block devices in folders and small text files. `root` is put before the paths,
+// so that a captured tree can replace the machine.
 #pragma once
 
 #include <sys/types.h>
@@ -14,39 +14,45 @@
 
 namespace vorlix {
 
-/// A device's number as it stands in names and files there: "8:1".
+/// The unit of places and sizes in sysfs and in udev's database, whatever the block size of the disk.
+inline constexpr uint64_t kSysfsSector = 512;
+
+/// Returns a device's number as names and files there have it: "8:1".
 std::string deviceNumberText(dev_t device);
 
-/// The link to a device's folder, "/sys/dev/block/8:1". Files in the folder can be read by way of it.
+/// Returns the link to a device's folder, "/sys/dev/block/8:1". Files in the folder can be read through it.
 std::filesystem::path sysfsLink(dev_t device, const std::string& root = "");
 
-/// The folder itself, which bears the kernel's name of the device and lies, for a partition, in its disk's folder.
-/// Absent for a number that no device has.
+/// Returns the folder itself. Its name is the kernel's name of the device; that of a partition is in its disk's folder.
+/// Absent if no device has that number.
 std::optional<std::filesystem::path> sysfsFolder(dev_t device, const std::string& root = "");
 
-/// The folder of the whole disk: the device's own, or for a partition the one above.
+/// Returns the folder of the whole disk: that of the device, or the one above for a partition.
 std::optional<std::filesystem::path> sysfsFolderOfDisk(dev_t device, const std::string& root = "");
 
-/// Kernel names write the "/" of a node in a sub-folder of /dev as "!": "cciss!c0d0" is /dev/cciss/c0d0.
+/// Convert between kernel names and paths in /dev. Kernel names have "!" instead of "/": "cciss!c0d0" is
+/// /dev/cciss/c0d0.
 std::string withSlashes(std::string kernelName);
 std::string withoutSlashes(std::string bsdName);
 
-/// A whole file. Absent where it cannot be read.
+/// Returns the content of a file. Absent if it cannot be read.
 std::optional<std::string> readText(const std::filesystem::path& path);
 
-/// A file's text without the spaces, line ends and NULs at its end. Absent where it cannot be read or nothing is left.
+/// Returns the content of a file without spaces, line ends and NULs at its end. Absent if it is empty then or cannot be
+/// read.
 std::optional<std::string> readTrimmed(const std::filesystem::path& path);
 
-/// A whole file that is one decimal number. Absent for anything else.
+/// Returns the decimal number that is the whole content of a file. Absent for other content.
 std::optional<uint64_t> readWholeNumber(const std::filesystem::path& path);
 
-/// A file that holds 0 or 1. Absent for anything else.
+/// Returns the content of a file that contains 0 or 1. Absent for other content.
 std::optional<bool> readFlag(const std::filesystem::path& path);
 
-/// A file that holds a device's number ("8:1"). Absent for anything else.
+/// Returns the device number ("8:1") in a file. Absent for other content.
 std::optional<dev_t> readDeviceNumber(const std::filesystem::path& path);
 
-/// The properties of a device in udev's database: the lines "E:KEY=value" of its record. Empty without a record.
+/// Returns the properties of a device in udev's database: the lines "E:KEY=value" of its record. Empty if it has no
+/// record.
 std::map<std::string, std::string> readUdevRecord(const std::string& deviceNumber, const std::string& root = "");
 
 }  // namespace vorlix

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "UnmountedFat.h"
 
+#include <Vorlix/foundation/CaseFolding.h>
 #include <Vorlix/platform/DiskChange.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -14,22 +15,21 @@
 #include "DeviceFacts.h"
 #include "FatFileChange.h"
 #include "FatVolume.h"
+#include "MirrorLookup.h"
 #include "MirrorPlace.h"
 #include "Mounting.h"
 #include "OpenedDevice.h"
 #include "VolumeCopy.h"
 #include "VolumeDevice.h"
 #include "VolumeProbe.h"
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/DescriptorCalls.h"
 
 namespace vorlix {
 namespace {
 
-class UnmountedFat final : public UnmountedVolume {
+// What reading takes, whoever has the volume open.
+class FatFiles : public UnmountedVolume {
  public:
-  UnmountedFat(MirrorPlace place, VolumeDevice device, FatVolume volume)
-      : place_(std::move(place)), device_(std::move(device)), volume_(std::move(volume)) {}
-
   std::vector<Item> itemsIn(const std::string& folder) const override {
     std::vector<Item> items;
     for (const FatEntry& entry : volume_.entries()) {
@@ -58,6 +58,42 @@ class UnmountedFat final : public UnmountedVolume {
     return clusters * volume_.layout().clusterSize;
   }
 
+ protected:
+  explicit FatFiles(FatVolume volume) : volume_(std::move(volume)) {}
+
+  virtual FatSource source() const = 0;
+
+  const FatEntry* at(const std::string& path) const {
+    const auto found = std::find_if(volume_.entries().begin(), volume_.entries().end(),
+                                    [&](const FatEntry& entry) { return entry.path == path; });
+    return found == volume_.entries().end() ? nullptr : &*found;
+  }
+
+  FatVolume volume_;
+};
+
+class FatToRead final : public FatFiles {
+ public:
+  FatToRead(OpenedDevice device, FatVolume volume) : FatFiles(std::move(volume)), device_(std::move(device)) {}
+
+  std::optional<Dissenter> write(const std::string& file, const std::vector<uint8_t>&, const ChangeBackup&,
+                                 std::string& kept, std::string& state) override {
+    kept.clear();
+    state.clear();
+    return dissenterFor(EROFS, file);
+  }
+
+ private:
+  FatSource source() const override { return {device_.descriptor.get(), device_.window}; }
+
+  OpenedDevice device_;
+};
+
+class UnmountedFat final : public FatFiles {
+ public:
+  UnmountedFat(MirrorPlace place, VolumeDevice device, FatVolume volume)
+      : FatFiles(std::move(volume)), place_(std::move(place)), device_(std::move(device)) {}
+
   std::optional<Dissenter> write(const std::string& file, const std::vector<uint8_t>& bytes, const ChangeBackup& backup,
                                  std::string& kept, std::string& state) override {
     kept.clear();
@@ -76,13 +112,7 @@ class UnmountedFat final : public UnmountedVolume {
   }
 
  private:
-  FatSource source() const { return {device_.descriptor(), device_.window()}; }
-
-  const FatEntry* at(const std::string& path) const {
-    const auto found = std::find_if(volume_.entries().begin(), volume_.entries().end(),
-                                    [&](const FatEntry& entry) { return entry.path == path; });
-    return found == volume_.entries().end() ? nullptr : &*found;
-  }
+  FatSource source() const override { return {device_.descriptor(), device_.window()}; }
 
   Refusal plan(const std::string& file, const std::vector<uint8_t>& bytes, FatFileChange& change) const {
     const std::time_t now = std::time(nullptr);
@@ -114,7 +144,7 @@ class UnmountedFat final : public UnmountedVolume {
     return std::nullopt;
   }
 
-  // Sectors that follow each other are one run; those that stay as they are, none.
+  // Consecutive sectors become one run. Sectors that do not change are left out.
   Refusal addRuns(const FatSectors& sectors, const std::string& reason, size_t device, JournalWriter& writer) const {
     std::vector<uint8_t> before;
     std::vector<uint8_t> after;
@@ -139,7 +169,7 @@ class UnmountedFat final : public UnmountedVolume {
     return add();
   }
 
-  // The volume as it stands on the medium now.
+  // Checks the volume that is on the medium now.
   Refusal verify(const std::string& file, const std::vector<uint8_t>& bytes, std::string& state) {
     forgetCached(device_.descriptor(), device_.window().offset, volume_.layout().totalSize);
     const Refusal refusal = checkFatFileChange(source(), volume_, file, bytes);
@@ -147,9 +177,8 @@ class UnmountedFat final : public UnmountedVolume {
     return refusal;
   }
 
-  MirrorPlace place_;  // let go last
+  MirrorPlace place_;  // released last
   VolumeDevice device_;
-  FatVolume volume_;
 };
 
 }  // namespace
@@ -161,7 +190,7 @@ std::unique_ptr<UnmountedVolume> openUnmountedFat(const DeviceLocation& location
   {
     const std::optional<OpenedDevice> opened = openLocation(location, O_RDONLY);
     if (!opened || volumePlaceOf(location, opened)) return nullptr;
-    const std::optional<VolumeFacts> facts = probeVolume(opened->descriptor.get(), opened->window);
+    const std::optional<ProbedVolume> facts = probeVolume(opened->descriptor.get(), opened->window);
     const auto found = readFatIdentity(FatSource(opened->descriptor.get(), opened->window));
     const auto place = mirrorKey(location, opened->window);
     if (!facts || facts->kind != "msdos" || !found || !place) return nullptr;
@@ -170,12 +199,30 @@ std::unique_ptr<UnmountedVolume> openUnmountedFat(const DeviceLocation& location
   }
   std::optional<MirrorPlace> place;
   if ((refusal = MirrorPlace::lock(key, identity, place))) return nullptr;
-  if (place->state()) return nullptr;  // mounted by someone else in the meantime
+  if (place->state()) return nullptr;  // another process has mounted it meanwhile
   VolumeDevice device;
   if ((refusal = device.open(location, true)) || (refusal = device.settle())) return nullptr;
   FatVolume volume;
   if (volume.read(device.descriptor(), device.window()) || volume.identity() != identity) return nullptr;
   return std::make_unique<UnmountedFat>(*std::move(place), std::move(device), std::move(volume));
+}
+
+std::unique_ptr<UnmountedVolume> openFatToRead(const DeviceLocation& location, Refusal& refusal) {
+  std::optional<OpenedDevice> opened = openLocation(location, O_RDONLY);
+  if (!opened) {
+    refusal = dissenterFor(errno, location.node);
+    return nullptr;
+  }
+  if (volumePlaceOf(location, opened)) return nullptr;
+  const std::optional<ProbedVolume> facts = probeVolume(opened->descriptor.get(), opened->window);
+  if (!facts || facts->kind != "msdos") {
+    refusal = Dissenter{kDissentUnsupported, facts ? "it is not mounted, and it is " + facts->kind + ", not FAT"
+                                                   : "it is not mounted, and no file system is recognised on it"};
+    return nullptr;
+  }
+  FatVolume volume;
+  if ((refusal = volume.read(opened->descriptor.get(), opened->window))) return nullptr;
+  return std::make_unique<FatToRead>(*std::move(opened), std::move(volume));
 }
 
 }  // namespace vorlix

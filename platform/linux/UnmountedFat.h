@@ -1,19 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Single files of FAT volumes that an ordinary user may not mount, read and written without a mirror.
+// Reading and writing single files of FAT volumes for ordinary users, who may not mount them, without a mirror.
 #pragma once
 
 #include <Vorlix/platform/VolumeMirrors.h>
 
 #include <memory>
 
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 #include "Dissenters.h"
 
 namespace vorlix {
 
-/// Null without a refusal where the volume is mounted, is the super-user's to mount, is no sound FAT volume, or cannot
-/// be written: whoever mounts it is told why.
+/// Returns null without a refusal if the volume is mounted, if the user is the super-user, who can mount it, or if it
+/// is not an undamaged, writable FAT volume: mounting it then reports why.
 std::unique_ptr<UnmountedVolume> openUnmountedFat(const DeviceLocation& location, Refusal& refusal);
+
+/// Opens a FAT volume to look at its files. Null without a refusal if the volume is mounted.
+std::unique_ptr<UnmountedVolume> openFatToRead(const DeviceLocation& location, Refusal& refusal);
 
 }  // namespace vorlix

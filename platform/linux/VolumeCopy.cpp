@@ -13,9 +13,8 @@ namespace vorlix {
 namespace {
 
 constexpr size_t kPiece = kLongestRun;
-constexpr size_t kSector = 512;
 
-// Where the parts of a volume lie; offsets count from its start.
+// Parts of a volume; offsets count from its start.
 using Extents = std::vector<Extent>;
 
 void addRuns(const FatLayout& layout, const std::vector<FatRun>& runs, Extents& extents) {
@@ -44,31 +43,19 @@ Parts partsOf(const FatVolume& volume) {
   return parts;
 }
 
-bool writeWhole(int file, const uint8_t* bytes, size_t count, uint64_t offset) {
-  size_t done = 0;
-  while (done < count) {
-    const ssize_t put = pwrite(file, bytes + done, count - done, static_cast<off_t>(offset + done));
-    if (put < 0 && errno == EINTR) continue;
-    if (put == 0) errno = ENOSPC;
-    if (put <= 0) return false;
-    done += static_cast<size_t>(put);
-  }
-  return true;
-}
-
 Refusal copyExtent(const FatSource& source, Extent extent, const std::string& path, int file) {
   std::vector<uint8_t> piece(kPiece);
   const uint64_t end = extent.offset + extent.size;
   for (uint64_t at = source.nextData(extent.offset); at < end; at = source.nextData(at)) {
     const auto count = static_cast<size_t>(std::min<uint64_t>(kPiece, end - at));
     if (!source.read(piece.data(), count, at)) return dissenterFor(errno, "reading the FAT file system");
-    if (!writeWhole(file, piece.data(), count, at)) return dissenterFor(errno, path);
+    if (Refusal refusal = writePiece(file, path, piece.data(), count, at)) return refusal;
     at += count;
   }
   return std::nullopt;
 }
 
-// Adds what differs in an extent, in whole sectors.
+// Adds the differences in an extent to a journal, in whole sectors.
 class Difference {
  public:
   Difference(const OpenVolume& medium, const OpenVolume& copy, JournalWriter& writer, size_t device)
@@ -89,7 +76,7 @@ class Difference {
     const uint64_t end = extent.offset + extent.size;
     for (uint64_t at = extent.offset; at < end;) {
       const uint64_t data = std::min(medium_.nextData(at), copy_.nextData(at));
-      at += (std::min(data, end) - at) / kSector * kSector;
+      at += (std::min(data, end) - at) / kFatSector * kFatSector;
       if (data >= end) break;
       const auto count = static_cast<size_t>(std::min<uint64_t>(kPiece, end - at));
       if (!medium_.read(before_.data(), count, at) || !copy_.read(after_.data(), count, at)) {
@@ -104,11 +91,11 @@ class Difference {
   Refusal addPiece(uint64_t offset, size_t count, const std::string& reason) {
     for (size_t at = 0; at < count;) {
       if (isEqual(at, count)) {
-        at += kSector;
+        at += kFatSector;
         continue;
       }
       size_t end = at;
-      while (end < count && !isEqual(end, count)) end = std::min(count, end + kSector);
+      while (end < count && !isEqual(end, count)) end = std::min(count, end + kFatSector);
       const std::span<const uint8_t> before(before_.data() + at, end - at);
       const std::span<const uint8_t> after(after_.data() + at, end - at);
       if (auto failure = writer_.add(device_, offset + at, before, after, reason)) return dissenterFor(*failure);
@@ -118,7 +105,7 @@ class Difference {
   }
 
   bool isEqual(size_t at, size_t count) const {
-    return std::memcmp(before_.data() + at, after_.data() + at, std::min(kSector, count - at)) == 0;
+    return std::memcmp(before_.data() + at, after_.data() + at, std::min(kFatSector, count - at)) == 0;
   }
 
   FatSource medium_;
@@ -130,10 +117,6 @@ class Difference {
 };
 
 }  // namespace
-
-Dissenter dissenterFor(const ChangeFailure& failure) {
-  return {kDissentError, failure.subject + ": " + failure.reason + (failure.state.empty() ? "" : "; " + failure.state)};
-}
 
 Refusal copyUsedParts(const OpenVolume& from, const std::string& path, Descriptor& copy) {
   copy =

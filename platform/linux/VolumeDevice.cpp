@@ -12,7 +12,6 @@
 #include "DeviceFacts.h"
 #include "DiskLock.h"
 #include "OpenedDevice.h"
-#include "VolumeCopy.h"
 
 namespace vorlix {
 
@@ -42,7 +41,7 @@ Refusal VolumeDevice::settle() {
   }
   const std::vector<InterruptedChange> interrupted = interruptedChanges(*handle_);
   if (interrupted.empty()) return std::nullopt;
-  return Dissenter{kDissentNotWritable, "a change was cut off there (" + interrupted.front().title +
+  return Dissenter{kDissentNotWritable, "a change was interrupted there (" + interrupted.front().title +
                                             "), and the disk cannot be written to finish it"};
 }
 

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The device of a volume, opened once, with what was cut off on it finished before anybody relies on its bytes.
+// The device of a volume, opened once. Interrupted changes on it are finished before its bytes are used.
 #pragma once
 
 #include <memory>
 #include <string>
 
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 #include "Dissenters.h"
 #include "platform/posix/FileHandle.h"
 
@@ -14,27 +14,27 @@ namespace vorlix {
 
 class VolumeDevice {
  public:
-  /// For writing the whole disk is locked as well, for as long as this object lives.
+  /// Opens the device. For writing it also locks the whole disk as long as this object exists.
   Refusal open(const DeviceLocation& location, bool forWriting);
 
-  /// Finishes a change that an earlier process began and did not finish. Refused where there is one and the device is
-  /// only open for reading.
+  /// Finishes a change that an earlier process did not finish. Refused if there is one and the device is open only for
+  /// reading.
   Refusal settle();
 
   int descriptor() const { return descriptor_; }
   Extent window() const { return window_; }
   DeviceHandle& handle() { return *handle_; }
-  const std::string& name() const { return name_; }  ///< one that leads to the device again
+  const std::string& name() const { return name_; }  ///< a name that leads to the device
 
  private:
   std::unique_ptr<FileHandle> handle_;
-  int descriptor_ = -1;  // the handle's
+  int descriptor_ = -1;  // owned by the handle
   Extent window_;
   std::string name_;
   bool forWriting_ = false;
 };
 
-/// Opens the device and settles it, if there is something to settle; nothing is opened for writing otherwise.
+/// Finishes interrupted changes on the device. Opens it for writing only if there is one.
 Refusal settleVolume(const DeviceLocation& location);
 
 }  // namespace vorlix

@@ -5,9 +5,9 @@
 
 #include <cerrno>
 
-#include "BlockDevices.h"
+#include "DeviceNames.h"
 #include "FatVolume.h"
-#include "MirrorState.h"
+#include "MirrorLookup.h"
 #include "MirrorTree.h"
 #include "MirroredVolume.h"
 #include "OpenedDevice.h"
@@ -28,15 +28,15 @@ VolumeMirror::Volume standingOf(MirroredVolumeIs volume) {
   }
 }
 
-std::optional<DeviceLocation> deviceOf(const std::string& name) {
+std::optional<DeviceLocation> locationOf(const std::string& name) {
   return locateDevice(name.starts_with("/") ? name : "/dev/" + name);
 }
 
-// The mirror's tree when the volume was the same: that of a write-back that came to its end on the volume, or else the
-// one before.
+// Returns the tree that the mirror had when the volume was the same: that of the last write-back if the volume has it,
+// or else the one before.
 const MirrorTree& treeOnVolume(const MirrorState& state) {
   if (!state.written) return state.baseline;
-  const std::optional<DeviceLocation> location = deviceOf(state.device);
+  const std::optional<DeviceLocation> location = locationOf(state.device);
   const std::optional<OpenedDevice> opened = location ? openLocation(*location, O_RDONLY) : std::nullopt;
   FatVolume volume;
   if (!opened || volume.read(opened->descriptor.get(), opened->window)) return state.baseline;
@@ -67,9 +67,17 @@ std::vector<std::string> changesIn(const MirrorState& state) {
 
 std::unique_ptr<UnmountedVolume> LinuxVolumeMirrors::openUnmounted(const std::string& device,
                                                                    std::optional<Dissenter>& refusal) {
-  const std::optional<DeviceLocation> location = deviceOf(device);
+  const std::optional<DeviceLocation> location = locationOf(device);
   refusal.reset();
   return location ? openUnmountedFat(*location, refusal) : nullptr;
+}
+
+std::unique_ptr<UnmountedVolume> LinuxVolumeMirrors::openToRead(const std::string& device,
+                                                                std::optional<Dissenter>& refusal) {
+  const std::optional<DeviceLocation> location = locationOf(device);
+  refusal.reset();
+  if (!location) refusal = dissenterFor(errno, device);
+  return location ? openFatToRead(*location, refusal) : nullptr;
 }
 
 std::vector<VolumeMirror> LinuxVolumeMirrors::mirrors() {
@@ -82,9 +90,9 @@ std::vector<VolumeMirror> LinuxVolumeMirrors::mirrors() {
 }
 
 std::optional<Dissenter> LinuxVolumeMirrors::settle(const VolumeMirror& mirror) {
-  // What was begun on a volume that is not there waits for it; another one in its place has nothing to do with it.
+  // A change that was begun on a missing volume waits for it. A volume that replaced it is not concerned.
   if (mirror.volume != VolumeMirror::Volume::there) return std::nullopt;
-  const std::optional<DeviceLocation> location = deviceOf(mirror.device);
+  const std::optional<DeviceLocation> location = locationOf(mirror.device);
   return location ? settleVolume(*location) : dissenterFor(errno, mirror.device);
 }
 
@@ -93,7 +101,7 @@ std::optional<Dissenter> LinuxVolumeMirrors::discard(const VolumeMirror& mirror)
     if (found.mirror.state.folder != mirror.folder) continue;
     return discardMirror(found.mirror.key, found.mirror.state.identity);
   }
-  return Dissenter{kDissentNotMounted, mirror.folder + " is not there any more"};
+  return Dissenter{kDissentNotMounted, mirror.folder + " does not exist any more"};
 }
 
 }  // namespace vorlix

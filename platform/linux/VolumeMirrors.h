@@ -11,6 +11,7 @@ class LinuxVolumeMirrors final : public VolumeMirrors {
   std::vector<VolumeMirror> mirrors() override;
   std::optional<Dissenter> settle(const VolumeMirror& mirror) override;
   std::optional<Dissenter> discard(const VolumeMirror& mirror) override;
+  std::unique_ptr<UnmountedVolume> openToRead(const std::string& device, std::optional<Dissenter>& refusal) override;
 };
 
 }  // namespace vorlix

@@ -16,10 +16,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr uint64_t kSysfsSector = 512;  // the unit of "start", whatever the disk's block size
-constexpr int kMostLayers = 16;         // of loop devices over loop devices
+constexpr int kMostLayers = 16;  // of loop devices over loop devices
 
-// What a loop device was made over, as the driver remembers it. Only who may open the device is told.
+// Returns the driver's record of what a loop device was made for. Only users who can open the device get it.
 std::optional<loop_info64> loopStatusOf(dev_t device) {
   const std::optional<std::string> node = nodeOfDevice(device);
   const Descriptor descriptor(node ? open(node->c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1);
@@ -30,7 +29,7 @@ std::optional<loop_info64> loopStatusOf(dev_t device) {
   return info;
 }
 
-// The path that the kernel tells may have come to lead to another file since; the number of the file has not.
+// The path in the kernel's record may lead to another file now, but the inode number still identifies the file.
 std::optional<VolumeOrigin> originBehindLoop(dev_t device) {
   const std::optional<std::string> path = backingPathOf(device);
   if (!path) return std::nullopt;
@@ -46,7 +45,7 @@ std::optional<VolumeOrigin> originBehindLoop(dev_t device) {
   return VolumeOrigin{status.st_dev, status.st_ino, offset};
 }
 
-// One layer down; absent at the bottom.
+// Returns the next layer below; absent at the bottom.
 std::optional<VolumeOrigin> below(dev_t device) {
   const std::optional<fs::path> folder = sysfsFolder(device);
   if (!folder || !readWholeNumber(*folder / "partition")) return originBehindLoop(device);
@@ -82,9 +81,19 @@ std::optional<VolumeOrigin> originOfPath(const std::string& path, uint64_t offse
 
 std::optional<std::string> backingPathOf(dev_t device) {
   std::optional<std::string> path = readText(sysfsLink(device) / "loop" / "backing_file");
-  // Names may end in a space, or in a line's end of their own.
+  // Removes one line feed only, because names may end with spaces or line feeds.
   if (path && path->ends_with('\n')) path->pop_back();
   return path && path->empty() ? std::nullopt : path;
+}
+
+std::optional<LoopBacking> loopBackingOf(dev_t device) {
+  const std::filesystem::path loop = sysfsLink(device) / "loop";
+  if (readWholeNumber(loop / "autoclear").value_or(0) == 0) return std::nullopt;
+  const std::optional<std::string> path = backingPathOf(device);
+  const uint64_t offset = readWholeNumber(loop / "offset").value_or(0);
+  // Another file may have replaced it, or have this path in the namespace of this process.
+  if (!path || originOfPath(*path, offset) != originOfDevice(device)) return std::nullopt;
+  return LoopBacking{*path, offset};
 }
 
 }  // namespace vorlix

@@ -9,15 +9,12 @@
 #include <memory>
 #include <optional>
 #include <utility>
-#include <vector>
 
-#include "DiskLock.h"
 #include "MirrorChanges.h"
 #include "MirrorCopy.h"
 #include "Mtools.h"
 #include "VolumeCopy.h"
 #include "VolumeDevice.h"
-#include "platform/posix/FileHandle.h"
 
 namespace vorlix {
 namespace {
@@ -47,7 +44,7 @@ class WriteBack {
     if (Refusal refusal = checkRoom(changes, tree_, medium_.volume, room)) return refusal;
     Descriptor file;
     Refusal refusal = changeCopy(changes, room, file);
-    // A folder that grew may have taken what seemed to be room enough.
+    // A folder that grew may have used the room that seemed to be enough.
     if (refusal && refusal->status == kDissentNoResources && room == Room::besideEachOther) {
       refusal = changeCopy(changes, Room::oneAfterTheOther, file);
     }
@@ -65,8 +62,8 @@ class WriteBack {
     return bringToMedium(copy);
   }
 
-  // Whether the volume is as it was when the mirror was the same; or, after a write-back that another process began, as
-  // it was to become.
+  // Checks that the volume is as it was when the mirror was the same or, after another process's write-back, as that
+  // write-back was to make it.
   Refusal checkUnchanged() {
     const uint64_t digest = medium_.volume.digest();
     if (medium_.volume.identity() != state_.identity) {
@@ -108,7 +105,7 @@ class WriteBack {
     if (Refusal refusal = writeJournal(medium_, copy, device_.name(), *identity, name, journal)) return refusal;
     std::string noBackup;
     if (const auto failure = applyJournal(*journal, {&device_.handle()}, {}, noBackup)) return dissenterFor(*failure);
-    static_cast<void>(setWritten());  // where this fails, what was saved before tells the same with the volume's digest
+    static_cast<void>(setWritten());  // if it fails, the saved state and the volume's digest say the same
     return std::nullopt;
   }
 

@@ -8,8 +8,8 @@
 namespace vorlix {
 namespace {
 
-// Cuts a transfer at block boundaries: runs of whole blocks, and the parts of blocks at either end. It stops where the
-// device does; what was transferred before a failure counts.
+// Splits a transfer at block boundaries: runs of whole blocks, and the parts of blocks at either end. Stops at the
+// first transfer that fails or falls short, and returns what was transferred until then.
 template <typename Whole, typename Part>
 ssize_t transferInBlocks(size_t count, uint64_t offset, size_t blockSize, Whole whole, Part part) {
   size_t done = 0;
@@ -63,7 +63,7 @@ ssize_t BlockAlignedHandle::writePart(const uint8_t* from, size_t count, uint64_
   const auto inBlock = static_cast<size_t>(offset % block_.size());
   const ssize_t got = device_->readAt(block_.data(), block_.size(), offset - inBlock);
   if (got < 0) return -1;
-  if (static_cast<size_t>(got) < block_.size()) {  // a block that is not there whole cannot be written back
+  if (static_cast<size_t>(got) < block_.size()) {  // an incomplete block cannot be written back
     errno = got == 0 ? ENOSPC : EIO;
     return -1;
   }

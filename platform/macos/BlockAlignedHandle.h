@@ -10,8 +10,8 @@
 
 namespace vorlix {
 
-/// Passes whole blocks through and takes parts of blocks by way of a block of its own. Writing a part of a block reads
-/// that block first; other bytes of it are written back as they were read.
+/// Passes whole blocks through and transfers parts of blocks by way of a buffer. Writing a part of a block reads that
+/// block first and writes its other bytes back as they were read.
 class BlockAlignedHandle final : public DeviceHandle {
  public:
   /// Takes over `device`, which starts and ends at a multiple of `blockSize` (at least 1).

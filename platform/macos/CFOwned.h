@@ -14,8 +14,7 @@ struct CFReleaser {
   void operator()(CFTypeRef reference) const { CFRelease(reference); }
 };
 
-/// A reference that came from a function with "Create" or "Copy" in its name, released at the end of its owner's life.
-/// Empty where that function gave null.
+/// Owns a reference from a function with "Create" or "Copy" in its name. Empty if that function returned null.
 template <typename Reference>
 using CFOwned = std::unique_ptr<std::remove_pointer_t<Reference>, CFReleaser>;
 

@@ -12,23 +12,23 @@
 
 namespace vorlix {
 
-/// Text as UTF-8. Absent for null and for text that has no UTF-8 form, such as a lone surrogate.
+/// Returns the text as UTF-8. Absent for null and for text that has no UTF-8 form, such as a lone surrogate.
 std::optional<std::string> textFromCF(CFStringRef text);
 
-/// A boolean, number, string, data, UUID, file URL, dictionary or array. Absent for null and for a value of another
-/// type, such as a date; in an array such values are left out.
+/// Converts a boolean, number, string, data, UUID, file URL, dictionary or array. Absent for null and for a value of
+/// another type, such as a date; an array omits such values.
 std::optional<Value> valueFromCF(CFTypeRef value);
 
-/// The values of a dictionary that valueFromCF() knows, under those of its keys that are strings. Empty for null.
+/// Converts the entries whose key is a string and whose value valueFromCF() converts. Empty for null.
 Dictionary dictionaryFromCF(CFDictionaryRef dictionary);
 
-/// A new string. Empty where `text` is not UTF-8.
+/// Makes a string. Empty if `text` is not UTF-8.
 CFOwned<CFStringRef> stringToCF(const std::string& text);
 
-/// A new object of the same meaning. Empty where there is none, as for text that is not UTF-8.
+/// Makes the object for a value. Empty if there is none, as for text that is not UTF-8.
 CFOwned<CFTypeRef> valueToCF(const Value& value);
 
-/// A new dictionary. Values without a Core Foundation form are left out.
+/// Makes a dictionary. Omits values that valueToCF() does not convert.
 CFOwned<CFMutableDictionaryRef> dictionaryToCF(const Dictionary& dictionary);
 
 }  // namespace vorlix

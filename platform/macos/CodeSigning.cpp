@@ -8,7 +8,7 @@
 namespace vorlix {
 namespace {
 
-// Takes what a function with "Create" or "Copy" in its name stored.
+// Takes over a reference that a function with "Create" or "Copy" in its name returned or stored.
 template <typename Reference>
 CFOwned<Reference> owned(Reference reference) {
   return CFOwned<Reference>(reference);

@@ -12,7 +12,7 @@
 namespace vorlix {
 namespace {
 
-// Both kinds call once by themselves. The handler is copied first, since it may end the source that holds it.
+// Both kinds of source call their handler once. They copy it first, because it may destroy the source.
 class DescriptorWatch final : public LoopSource {
  public:
   DescriptorWatch(int descriptor, std::function<void()> handler) : handler_(std::move(handler)) {
@@ -41,27 +41,43 @@ class DescriptorWatch final : public LoopSource {
   CFOwned<CFRunLoopSourceRef> source_;
 };
 
+// A timer alone does not end a run of the loop, but a handled source does. So the timer signals a source.
 class Timer final : public LoopSource {
  public:
   Timer(std::chrono::milliseconds time, std::function<void()> handler) : handler_(std::move(handler)) {
-    CFRunLoopTimerContext context = {0, this, nullptr, nullptr, nullptr};
+    CFRunLoopSourceContext sourceContext = {};
+    sourceContext.info = this;
+    sourceContext.perform = perform;
+    source_.reset(CFRunLoopSourceCreate(kCFAllocatorDefault, 0, &sourceContext));
+    if (!source_) return;
+    CFRunLoopTimerContext context = {0, source_.get(), nullptr, nullptr, nullptr};
     const CFAbsoluteTime due = CFAbsoluteTimeGetCurrent() + std::chrono::duration<double>(time).count();
-    timer_.reset(CFRunLoopTimerCreate(kCFAllocatorDefault, due, 0, 0, 0, fire, &context));
-    if (timer_) CFRunLoopAddTimer(CFRunLoopGetCurrent(), timer_.get(), kCFRunLoopDefaultMode);
+    timer_.reset(CFRunLoopTimerCreate(kCFAllocatorDefault, due, 0, 0, 0, signal, &context));
+    if (!timer_) return;
+    CFRunLoopAddSource(CFRunLoopGetCurrent(), source_.get(), kCFRunLoopDefaultMode);
+    CFRunLoopAddTimer(CFRunLoopGetCurrent(), timer_.get(), kCFRunLoopDefaultMode);
   }
   ~Timer() override {
     if (timer_) CFRunLoopTimerInvalidate(timer_.get());
+    if (source_) CFRunLoopSourceInvalidate(source_.get());
   }
 
   explicit operator bool() const { return static_cast<bool>(timer_); }
 
  private:
-  static void fire(CFRunLoopTimerRef, void* self) {
-    const std::function<void()> handler = static_cast<Timer*>(self)->handler_;
+  static void signal(CFRunLoopTimerRef, void* source) {
+    CFRunLoopSourceSignal(static_cast<CFRunLoopSourceRef>(source));
+  }
+
+  static void perform(void* self) {
+    auto* const timer = static_cast<Timer*>(self);
+    const std::function<void()> handler = timer->handler_;
+    CFRunLoopSourceInvalidate(timer->source_.get());
     handler();
   }
 
   std::function<void()> handler_;
+  CFOwned<CFRunLoopSourceRef> source_;
   CFOwned<CFRunLoopTimerRef> timer_;
 };
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include <Vorlix/platform/SliceName.h>
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/DescriptorCalls.h"
 
 namespace vorlix {
 
@@ -18,7 +18,7 @@ std::optional<DeviceIdentity> identityOf(int descriptor, uint64_t offset) {
                               std::to_string(status.st_birthtimespec.tv_nsec),
                           offset};
   }
-  // Raw and buffered nodes of a disk have one number.
+  // The raw node and the block node of a disk have the same number.
   const char* const node = devname(status.st_rdev, S_IFBLK);
   if (node == nullptr) return std::nullopt;
   const std::optional<SliceName> slice = parseSliceName(node);

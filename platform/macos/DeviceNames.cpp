@@ -23,7 +23,7 @@ std::optional<DeviceLocation> locateExisting(const std::string& path) {
   return std::nullopt;
 }
 
-// The system makes a node for every slice that a device has, so only images have others.
+// A device's slices have nodes of their own.
 std::optional<DeviceLocation> sliceOf(const DeviceLocation& whole, uint32_t number) {
   if (!whole.isImage) return std::nullopt;
   DeviceLocation slice = whole;
@@ -31,7 +31,7 @@ std::optional<DeviceLocation> sliceOf(const DeviceLocation& whole, uint32_t numb
   return slice;
 }
 
-// Drivers outside the kernel mount from names such as "msdos://disk4s1/NO NAME", as the framework knows, too.
+// Drivers outside the kernel mount from names such as "msdos://disk4s1/NO NAME". The framework parses them likewise.
 std::string deviceMountedFrom(const std::string& name) {
   constexpr std::string_view kBetween = "://disk";
   const size_t place = name.find(kBetween);

@@ -20,7 +20,7 @@ std::optional<Dissenter> dissenterFrom(DADissenterRef native) {
   return Dissenter{DADissenterGetStatus(native), textFromCF(DADissenterGetStatusString(native)).value_or("")};
 }
 
-/// What a session and its disks share. It outlives the session where a disk does.
+/// The part of a session that its disks share and keep alive.
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
   Connection(CFOwned<DASessionRef> session, const std::shared_ptr<LocalAnswers>& answers)
@@ -28,8 +28,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   DASessionRef session() const { return session_.get(); }
 
-  /// Makes a request: `ask(callback, context)`. An answer that comes before the call returns, as it does where the
-  /// request could not be queued, is told on the session's loop, too.
+  /// Makes a request: `ask(callback, context)`. If the request cannot be queued, the framework answers before the call
+  /// returns; that answer, too, is passed on by the session's run loop.
   template <typename Ask>
   void request(DiskCompletion completion, Ask ask) {
     if (!completion) {
@@ -48,7 +48,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     DiskCompletion completion;
   };
 
-  /// The callback of every request. The completion may let go of the session.
+  /// The callback of every request. The completion may destroy the session.
   static void answer(DADiskRef, DADissenterRef dissenter, void* context) {
     const auto* const waiting = static_cast<const Waiting*>(context);
     const std::shared_ptr<Connection> self = waiting->connection.lock();
@@ -170,7 +170,7 @@ class MacSession final : public DiskArbitrationSession {
     CFOwned<CFStringRef> mode;
   };
 
-  // The framework makes an object of any name; only a description tells that there is such a disk.
+  // The framework makes an object of any name. A disk exists if it has a description.
   std::shared_ptr<Disk> known(DADiskRef created) const {
     CFOwned<DADiskRef> disk(created);
     if (!disk) return nullptr;

@@ -17,17 +17,12 @@ struct StateDeleter {
 };
 using State = std::unique_ptr<std::remove_pointer_t<copyfile_state_t>, StateDeleter>;
 
-// The first failure: once a copy is called off, the system's call only says that it was.
-struct FirstFailure {
-  int error = 0;
-  std::string path;
-};
-
+// Keeps the first failure, because copyfile() itself only reports that the copy was cancelled.
 int noteFailure(int, int stage, copyfile_state_t, const char* source, const char*, void* context) {
   if (stage != COPYFILE_ERR) return COPYFILE_CONTINUE;
-  auto& first = *static_cast<FirstFailure*>(context);
-  first.error = errno;
-  if (source != nullptr) first.path = source;
+  auto& first = *static_cast<SystemError*>(context);
+  first.number = errno;
+  if (source != nullptr) first.subject = source;
   return COPYFILE_QUIT;
 }
 
@@ -36,18 +31,18 @@ int noteFailure(int, int stage, copyfile_state_t, const char* source, const char
 std::optional<std::string> MacFileCopy::copyItem(const std::string& source, const std::string& destination) {
   const std::string from = withoutTrailingSlashes(source);
   const std::string to = withoutTrailingSlashes(destination);
-  if (auto refused = copyRefusal(from, to)) return refused;
+  if (const auto refused = copyRefusal(from, to)) return copyReason(*refused);
   const State state(copyfile_state_alloc());
-  if (!state) return copyFailure(ENOMEM, from);
-  FirstFailure first;
+  if (!state) return copyReason({ENOMEM, from});
+  SystemError first;
   copyfile_callback_t const callback = noteFailure;
   copyfile_state_set(state.get(), COPYFILE_STATE_STATUS_CB, reinterpret_cast<const void*>(callback));
   copyfile_state_set(state.get(), COPYFILE_STATE_STATUS_CTX, &first);
   constexpr copyfile_flags_t kHow = COPYFILE_ALL | COPYFILE_RECURSIVE | COPYFILE_NOFOLLOW | COPYFILE_EXCL;
   if (copyfile(from.c_str(), to.c_str(), state.get(), kHow) == 0) return std::nullopt;
-  const int error = errno;
-  if (first.error == 0) return copyFailure(error, from);
-  return copyFailure(first.error, first.path.empty() ? from : first.path);
+  if (first.number == 0) first = {errno, from};
+  if (first.subject.empty()) first.subject = from;
+  return copyReason(first);
 }
 
 }  // namespace vorlix

@@ -6,7 +6,7 @@
 
 #include <cstdio>
 
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/DescriptorCalls.h"
 
 namespace vorlix {
 
@@ -23,7 +23,7 @@ int MacFilesInPlace::renameToFreeName(const char* from, const char* to) {
 }
 
 int MacFilesInPlace::syncFileSystem(int descriptor) {
-  ::sync();  // starts all that is waiting; the next call waits for this volume's
+  ::sync();  // starts writing; the next call waits until this volume's data is written
   return syncDescriptor(descriptor);
 }
 

@@ -7,6 +7,7 @@
 #include "CFValue.h"
 
 namespace vorlix {
+
 std::optional<std::string> MacHostBundle::pathForResource(const std::string& name, const std::string& type,
                                                           const std::string& directory) {
   const CFBundleRef bundle = CFBundleGetMainBundle();  // not owned

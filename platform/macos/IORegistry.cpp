@@ -16,16 +16,12 @@ namespace {
 static_assert(sizeof(MasterPort) == sizeof(mach_port_t));
 static_assert(kKernSuccess == KERN_SUCCESS && kKernFailure == KERN_FAILURE);
 
-/// A reference to an object of the kernel, released at the end of its owner's life.
+/// Owns a reference to an object of the kernel.
 class IOObject {
  public:
   IOObject() = default;
   explicit IOObject(io_object_t object) : object_(object) {}
   IOObject(IOObject&& other) noexcept : object_(std::exchange(other.object_, IO_OBJECT_NULL)) {}
-  IOObject& operator=(IOObject&& other) noexcept {
-    std::swap(object_, other.object_);
-    return *this;
-  }
   ~IOObject() {
     if (object_ != IO_OBJECT_NULL) IOObjectRelease(object_);
   }
@@ -89,7 +85,7 @@ class MacIterator final : public RegistryIterator {
       while (IOObject entry{IOIteratorNext(iterator_.get())}) {
         if (isNew(entry)) return std::make_shared<MacEntry>(std::move(entry));
       }
-      // A walk ends early where the registry changes under it. Then it starts again and passes over what it has met.
+      // A change of the registry ends the walk. It then starts again and skips the entries that it has returned.
       if (IOIteratorIsValid(iterator_.get()) || restartsLeft_ == 0) return nullptr;
       --restartsLeft_;
       IOIteratorReset(iterator_.get());
@@ -114,7 +110,7 @@ KernReturn handOut(kern_return_t code, IOObject native, std::shared_ptr<Registry
   return kKernSuccess;
 }
 
-// Null where a condition has no form that I/O Kit takes, and so can match nothing.
+// Returns null if a condition has no Core Foundation form; nothing can match it.
 CFOwned<CFMutableDictionaryRef> conditionsOf(const RegistryMatching& matching) {
   const std::string className = matching.className.value_or("IOService");
   CFOwned<CFMutableDictionaryRef> conditions(IOServiceMatching(className.c_str()));

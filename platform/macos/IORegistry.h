@@ -2,8 +2,7 @@
 //
 // The I/O registry on macOS, through the C interface of I/O Kit.
 //
-// A disk-image file has no entry of its own; once the system has attached it, its entries are those of the disk that it
-// was attached as.
+// A disk-image file has no entry. The disk that an attached image becomes has entries.
 #pragma once
 
 #include <Vorlix/platform/IORegistry.h>

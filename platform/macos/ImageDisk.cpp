@@ -107,7 +107,7 @@ void LocalAnswers::unschedule(CFRunLoopRef loop, CFStringRef mode) {
   if (source_) CFRunLoopRemoveSource(loop, source_.get(), mode);
 }
 
-// One answer a call: a run of the loop handles one source.
+// Gives one answer a call, because a run of the loop handles one source.
 void LocalAnswers::perform(void* self) {
   auto& answers = *static_cast<LocalAnswers*>(self);
   if (answers.waiting_.empty()) return;
@@ -118,7 +118,7 @@ void LocalAnswers::perform(void* self) {
 }
 
 std::shared_ptr<Disk> imageDisk(const DeviceLocation& location, const std::shared_ptr<LocalAnswers>& answers) {
-  // An image that cannot be read is taken at its name.
+  // An image that cannot be read counts as having the slice.
   if (location.slice != 0 && !openImage(location) && errno == ENOENT) return nullptr;
   std::error_code error;
   const std::filesystem::path absolute = std::filesystem::absolute(location.path, error);

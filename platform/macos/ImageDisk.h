@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Disk-image files as disks. Disk Arbitration does not know them before they are attached, and they are not attached
-// here: they are described and found, but not mounted.
+// Disk-image files as disks. Disk Arbitration does not know an image file, and this adapter does not attach it. So
+// image files are found and described, but not mounted.
 #pragma once
 
 #include <Vorlix/platform/DiskArbitration.h>
@@ -17,7 +17,7 @@
 
 namespace vorlix {
 
-/// Answers that are given on the run loops that a session is scheduled on, like those of Disk Arbitration.
+/// Gives answers on the run loops that a session is scheduled on, as Disk Arbitration does.
 class LocalAnswers {
  public:
   LocalAnswers();
@@ -36,7 +36,7 @@ class LocalAnswers {
   std::deque<std::pair<DiskCompletion, std::optional<Dissenter>>> waiting_;
 };
 
-/// The image file, or slice of one, at `location`; null where the image does not have that slice.
+/// Returns the disk for an image file or a slice of one. Null if the image does not have that slice.
 std::shared_ptr<Disk> imageDisk(const DeviceLocation& location, const std::shared_ptr<LocalAnswers>& answers);
 
 }  // namespace vorlix

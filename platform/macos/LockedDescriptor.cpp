@@ -16,7 +16,7 @@
 namespace vorlix {
 namespace {
 
-// Closes a descriptor that was opened in vain and leaves the reason as it was.
+// Closes the descriptor and keeps `errno`.
 int giveUp(int descriptor) {
   const int reason = errno;
   close(descriptor);
@@ -61,8 +61,14 @@ HeldFiles& heldFiles() {
   return *instance;
 }
 
-// O_NONBLOCK is for the opening alone, where it keeps the call from waiting for a lock. A node keeps it: to take it
-// away the system asks the disk's driver, which knows no such request (ENOTTY) and takes no notice of the flag either.
+// Returns the open file that this process has locked; null if there is none. The caller holds the mutex.
+std::shared_ptr<HeldFile> heldFile(const struct stat& status) {
+  const auto found = heldFiles().files.find(keyOf(status));
+  return found == heldFiles().files.end() ? nullptr : found->second.lock();
+}
+
+// O_NONBLOCK keeps open() from waiting for a lock, and is cleared afterwards. A node keeps the flag: to clear it, the
+// system asks the disk's driver, which refuses (ENOTTY). The driver ignores the flag in transfers.
 int openAtOnce(const std::string& path, DeviceAccess access, DeviceLock lock) {
   int flags = O_CLOEXEC | O_NONBLOCK;
   flags |= access == DeviceAccess::readWrite ? O_RDWR : O_RDONLY;
@@ -78,7 +84,7 @@ int openAtOnce(const std::string& path, DeviceAccess access, DeviceLock lock) {
   return descriptor;
 }
 
-// An opening without a lock of its own. Where this process's lock keeps it out, too, it shares the open file.
+// Opens without a lock. If this process's own lock keeps the opening out, shares the locked open file.
 int openBeside(const HeldFile* held, const std::string& path, DeviceAccess access) {
   const int descriptor = openAtOnce(path, access, DeviceLock::none);
   if (descriptor >= 0 || errno != EBUSY || held == nullptr || !held->allows(access)) return descriptor;
@@ -103,8 +109,7 @@ LockedDescriptor openWithLock(const std::string& path, DeviceAccess access, Devi
   if (stat(path.c_str(), &status) != 0) return {};
   HeldFiles& held = heldFiles();
   const std::lock_guard guard(held.mutex);
-  const auto found = held.files.find(keyOf(status));
-  const std::shared_ptr<HeldFile> mine = found == held.files.end() ? nullptr : found->second.lock();
+  const std::shared_ptr<HeldFile> mine = heldFile(status);
   if (lock == DeviceLock::none) return {openBeside(mine.get(), path, access), nullptr};
   if (mine) return shareHeld(mine, path, access, lock);
 
@@ -116,6 +121,24 @@ LockedDescriptor openWithLock(const std::string& path, DeviceAccess access, Devi
   if (own < 0) return {};
   held.files[keyOf(status)] = file;
   return {own, std::move(file)};
+}
+
+LockedDescriptor shareLocked(const std::string& path, DeviceAccess access, DeviceLock lock) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) return {};
+  const std::lock_guard guard(heldFiles().mutex);
+  const std::shared_ptr<HeldFile> mine = heldFile(status);
+  if (!mine) {
+    errno = ENOENT;
+    return {};
+  }
+  if (!mine->covers(lock) || !mine->allows(access)) {
+    errno = mine->covers(lock) ? EBUSY : EWOULDBLOCK;
+    return {};
+  }
+  const int descriptor = mine->duplicate();
+  if (descriptor < 0) return {};
+  return {descriptor, mine};
 }
 
 }  // namespace vorlix

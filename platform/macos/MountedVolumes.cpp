@@ -20,7 +20,7 @@ namespace {
 
 using MountList = std::vector<struct statfs>;
 
-// The list may grow between the question for its length and that for its entries, which gives no more than fit.
+// The list may grow between the call for its length and the call for its entries, which returns no more than fit.
 MountList mountList() {
   constexpr size_t kMost = std::numeric_limits<int>::max() / sizeof(struct statfs);
   for (size_t spare = 16; spare < kMost; spare *= 2) {
@@ -36,7 +36,7 @@ MountList mountList() {
   return {};
 }
 
-// The answer to getattrlist() for one variable-length attribute: lengths and places in bytes.
+// The answer to getattrlist() for one variable-length attribute. Lengths and offsets are in bytes.
 struct NameAnswer {
   uint32_t length;
   attrreference_t name;
@@ -62,7 +62,7 @@ MountedVolume volumeOf(const struct statfs& mount) {
   volume.mountPath = mount.f_mntonname;
   volume.mountedFrom = mount.f_mntfromname;
   const bool isLocal = (mount.f_flags & MNT_LOCAL) != 0;
-  // What the list says is free may be as old as the last who asked.
+  // The list's free space may be stale.
   struct statfs now = {};
   const struct statfs& sizes = isLocal && statfs(mount.f_mntonname, &now) == 0 ? now : mount;
   volume.totalSize = bytesIn(sizes.f_blocks, sizes.f_bsize);

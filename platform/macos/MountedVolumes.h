@@ -5,11 +5,11 @@
 
 namespace vorlix {
 
-/// The system's list of mounted file systems, in its order. Those without a device of their own, such as network
-/// shares, are in it; disk arbitration does not know their names.
+/// The system's list of mounted file systems, in its order. It includes those without a device, such as network shares;
+/// disk arbitration does not know their names.
 ///
-/// Local volumes are asked for their names and sizes. Others are not, since a server that does not answer would cost
-/// time: their sizes are those that the system has at hand.
+/// The names and sizes of local volumes are read from the volumes. The sizes of others are those of the list, because a
+/// server might not answer.
 class MacMountedVolumes final : public MountedVolumes {
  public:
   std::vector<MountedVolume> volumes() override;

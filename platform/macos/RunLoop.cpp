@@ -17,7 +17,7 @@ CFOwned<CFRunLoopRef> retained(CFRunLoopRef loop) {
 
 RunLoopResult MacRunLoop::run(const std::string& mode, std::chrono::milliseconds limit) {
   const CFOwned<CFStringRef> name = stringToCF(mode);
-  if (!name) return RunLoopResult::noSources;  // not UTF-8: no mode can be called so
+  if (!name) return RunLoopResult::noSources;  // not UTF-8, so not the name of a mode
   const std::chrono::duration<CFTimeInterval> seconds = std::max(limit, std::chrono::milliseconds(0));
   switch (CFRunLoopRunInMode(name.get(), seconds.count(), true)) {
     case kCFRunLoopRunFinished:
@@ -25,7 +25,7 @@ RunLoopResult MacRunLoop::run(const std::string& mode, std::chrono::milliseconds
     case kCFRunLoopRunHandledSource:
       return RunLoopResult::handledSource;
     case kCFRunLoopRunTimedOut:
-    case kCFRunLoopRunStopped:  // by someone else who uses the loop; the caller runs it again
+    case kCFRunLoopRunStopped:  // by other code of the host; the caller runs the loop again
       return RunLoopResult::timedOut;
   }
   return RunLoopResult::timedOut;

@@ -12,7 +12,7 @@ class MacRunLoop final : public RunLoop {
  public:
   explicit MacRunLoop(CFOwned<CFRunLoopRef> loop) : loop_(std::move(loop)) {}
 
-  /// Called on the loop's own thread, as the native call runs no other.
+  /// Must be called on the loop's own thread; the native call runs the calling thread's loop.
   RunLoopResult run(const std::string& mode, std::chrono::milliseconds limit) override;
 
   CFRunLoopRef native() const { return loop_.get(); }

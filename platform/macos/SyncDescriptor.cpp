@@ -7,12 +7,12 @@
 
 #include <cerrno>
 
-#include "platform/posix/FileHandle.h"
+#include "platform/posix/DescriptorCalls.h"
 
 namespace vorlix {
 namespace {
 
-// The refusals of a file system or a device that has no such call, as against one that failed at it.
+// Whether the file system or the device does not support the request, as opposed to failing at it.
 bool isUnsupported(int error) {
   return error == ENOTTY || error == ENOTSUP || error == EOPNOTSUPP || error == EINVAL;
 }
@@ -26,14 +26,14 @@ int syncDescriptor(int descriptor) {
   struct stat status = {};
   if (fstat(descriptor, &status) != 0) return -1;
   if (S_ISREG(status.st_mode)) return 0;
-  // File systems answer F_FULLFSYNC; a disk's node has this request in its place. No range: all of the disk.
+  // A disk's node has this request instead of F_FULLFSYNC. Without a range it means the whole disk.
   dk_synchronize_t everything = {};
   if (ioctl(descriptor, DKIOCSYNCHRONIZE, &everything) == 0 || isUnsupported(errno)) return 0;
   return -1;
 }
 
 void forgetCached(int descriptor, uint64_t, uint64_t) {
-  // From here on this descriptor's reads and writes pass by the system's memory.
+  // From now on this descriptor's reads and writes bypass the system's cache.
   static_cast<void>(fcntl(descriptor, F_NOCACHE, 1));
 }
 

@@ -6,7 +6,7 @@
 namespace vorlix {
 
 void MacSystemLog::warn(const std::string& text) {
-  // Readers of that log expect it there; the newer log has other levels and shows texts only as it is told to.
+  // Readers look for these messages in this log. The newer log has other levels and hides texts by default.
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wdeprecated-declarations"
   asl_log(nullptr, nullptr, ASL_LEVEL_WARNING, kSystemLogFormat, text.c_str());

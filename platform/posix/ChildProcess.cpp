@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,51 +17,22 @@
 
 #include <Vorlix/platform/Descriptor.h>
 #include "PipeOutput.h"
+#include "ProgramStart.h"
 #include "Spawning.h"
 
 namespace vorlix {
 namespace {
 
-// Numbers of the ends that are given to a child, so that none of its three streams is put in place over one of them
-// where the host has closed a standard stream of its own.
-constexpr int kAboveStandardStreams = STDERR_FILENO + 1;
-
 constexpr int32_t kStatusLost = -1;
 
-// Between a child's closing its streams and the system's having its status there is a moment; so long is waited for it.
+// A child's status arrives shortly after its streams close; wait this long.
 constexpr std::chrono::milliseconds kExitGrace{10};
 
-// Many programs close standard output as the last thing that they do, to see whether all of it could be written. Until
-// they have exited after that, a signal would still end them; so long they are left alone.
+// Many programs close standard output just before they exit, to check that everything was written. A signal would still
+// kill them then, so they get this time to exit.
 constexpr std::chrono::milliseconds kTerminationGrace{100};
 
-void require(int reason, const std::string& what) {
-  if (reason != 0) throw std::system_error(reason, std::generic_category(), what);
-}
-
-struct Pipe {
-  Descriptor readEnd;
-  Descriptor writeEnd;
-};
-
-Descriptor raised(int number) {
-  const Descriptor low(number);
-  Descriptor high(fcntl(number, F_DUPFD_CLOEXEC, kAboveStandardStreams));
-  require(high ? 0 : errno, "pipe");
-  return high;
-}
-
-Pipe makePipe() {
-  int ends[2];
-  require(makePrivatePipe(ends), "pipe");
-  Descriptor writeEnd(ends[1]);
-  Pipe pipe;
-  pipe.readEnd = raised(ends[0]);
-  pipe.writeEnd = raised(writeEnd.release());
-  return pipe;
-}
-
-// The status of an ended child; empty while it runs. The system then forgets the child.
+// Returns the status of a child that has ended, and absent while it runs. The system then forgets the child.
 std::optional<int32_t> collectStatus(pid_t child) {
   int status = 0;
   pid_t waited = -1;
@@ -73,11 +43,11 @@ std::optional<int32_t> collectStatus(pid_t child) {
   return WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-// The children that ran when their handles went.
+// The children that were still running when their handles were destroyed.
 class Abandoned {
  public:
   static Abandoned& list() {
-    static auto* const instance = new Abandoned;  // handles may go after the static objects have
+    static auto* const instance = new Abandoned;  // never destroyed: handles may outlive static objects
     return *instance;
   }
 
@@ -96,55 +66,6 @@ class Abandoned {
   std::vector<pid_t> children_;
 };
 
-// What a program starts with.
-class SpawnSettings {
- public:
-  SpawnSettings() {
-    require(posix_spawn_file_actions_init(&actions_), "launch");
-    const int reason = posix_spawnattr_init(&attributes_);
-    if (reason != 0) posix_spawn_file_actions_destroy(&actions_);
-    require(reason, "launch");
-  }
-  ~SpawnSettings() {
-    posix_spawn_file_actions_destroy(&actions_);
-    posix_spawnattr_destroy(&attributes_);
-  }
-  SpawnSettings(const SpawnSettings&) = delete;
-  SpawnSettings& operator=(const SpawnSettings&) = delete;
-
-  /// @param input  -1 for the host's own.
-  void setStreams(int input, int output, int error) {
-    if (input >= 0) require(posix_spawn_file_actions_adddup2(&actions_, input, STDIN_FILENO), "launch");
-    require(posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO), "launch");
-    require(posix_spawn_file_actions_adddup2(&actions_, error, STDERR_FILENO), "launch");
-    require(passStandardStreamsOnly(actions_, input < 0, flags_), "launch");
-  }
-
-  void resetSignals() {
-    sigset_t none;
-    sigemptyset(&none);
-    sigset_t all;
-    sigfillset(&all);
-    sigdelset(&all, SIGKILL);
-    sigdelset(&all, SIGSTOP);
-    require(posix_spawnattr_setsigmask(&attributes_, &none), "launch");
-    require(posix_spawnattr_setsigdefault(&attributes_, &all), "launch");
-    flags_ = static_cast<short>(flags_ | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  }
-
-  pid_t spawn(const std::string& path, char* const* arguments) {
-    require(posix_spawnattr_setflags(&attributes_, flags_), "launch");
-    pid_t child = -1;
-    require(posix_spawn(&child, path.c_str(), &actions_, &attributes_, arguments, hostEnvironment()), path);
-    return child;
-  }
-
- private:
-  posix_spawn_file_actions_t actions_;
-  posix_spawnattr_t attributes_;
-  short flags_ = 0;
-};
-
 class PosixChild final : public Child {
  public:
   PosixChild(ChildOutputs outputs, ChildInput input) {
@@ -156,9 +77,11 @@ class PosixChild final : public Child {
       Pipe error = makePipe();
       error_ = std::make_shared<PipeOutput>(std::move(error.readEnd));
       errorEnd_ = std::move(error.writeEnd);
-      // A child that waited until there is room would wait for ever, and with it whoever reads its standard output.
+      // A child that waited for room in the pipe would wait forever, and so would the reader of its standard output.
       if (outputs == ChildOutputs::errorUnread) {
-        require(fcntl(errorEnd_.get(), F_SETFL, O_NONBLOCK) == 0 ? 0 : errno, "pipe");
+        if (fcntl(errorEnd_.get(), F_SETFL, O_NONBLOCK) != 0) {
+          throw std::system_error(errno, std::generic_category(), "pipe");
+        }
       }
     }
     if (input == ChildInput::pipe) input_ = makePipe();
@@ -166,7 +89,7 @@ class PosixChild final : public Child {
 
   ~PosixChild() override {
     if (child_ < 0) {
-      // Nobody has written to these pipes; that they are closed is no end of a child's output.
+      // No child has written to these pipes, so closing them is not the end of a child's output.
       output_->cancelBackgroundRead();
       error_->cancelBackgroundRead();
     } else if (!endsShortly()) {
@@ -182,20 +105,17 @@ class PosixChild final : public Child {
     const std::lock_guard guard(lock_);
     if (child_ >= 0) throw std::logic_error("a child is launched once");
     Abandoned::list().collect();
+    ProgramStart start;
+    if (input_.readEnd) {
+      start.give(input_.readEnd.get());
+    } else {
+      start.useHostsInput();
+    }
+    start.give(outputEnd_.get());
+    start.give(errorEnd_ ? errorEnd_.get() : outputEnd_.get());
     std::vector<std::string> all = arguments;
     all.insert(all.begin(), path);
-    std::vector<char*> pointers;
-    for (std::string& argument : all) {
-      // A text with a zero byte would reach the program cut short.
-      if (argument.find('\0') != std::string::npos) require(EINVAL, path);
-      pointers.push_back(argument.data());
-    }
-    pointers.push_back(nullptr);
-
-    SpawnSettings settings;
-    settings.setStreams(input_.readEnd.get(), outputEnd_.get(), errorEnd_ ? errorEnd_.get() : outputEnd_.get());
-    settings.resetSignals();
-    child_ = settings.spawn(path, pointers.data());
+    child_ = start.run(path, all, hostEnvironment());
     outputEnd_.reset();
     errorEnd_.reset();
     input_.readEnd.reset();
@@ -213,7 +133,7 @@ class PosixChild final : public Child {
 
   void terminate() override {
     const std::lock_guard guard(lock_);
-    // The number of a child whose status has not been collected is not given to another process.
+    // The system does not reuse the number of a child whose status was not collected.
     if (child_ < 0 || hasEnded()) return;
     if (output_->hasEnded() && endsWithin(kTerminationGrace)) return;
     kill(child_, SIGTERM);

@@ -5,8 +5,8 @@
 
 namespace vorlix {
 
-/// Children started with posix_spawn(). There is no thread and no handler of SIGCHLD behind it; a host that ignores
-/// that signal or waits for any child takes the statuses away.
+/// Children started with posix_spawn(), without a thread and without a handler for SIGCHLD. If a host ignores that
+/// signal or waits for any child, their statuses are lost.
 class PosixChildProcess final : public ChildProcess {
  public:
   std::shared_ptr<Child> create(ChildOutputs outputs, ChildInput input) override;

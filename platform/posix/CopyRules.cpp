@@ -13,7 +13,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Where the folder that would be made stands, whatever links lead there.
+// Compares the real places, whatever links lead there.
 bool liesInside(const std::string& destination, const std::string& source) {
   std::error_code error;
   const fs::path outer = fs::canonical(source, error);
@@ -26,8 +26,8 @@ bool liesInside(const std::string& destination, const std::string& source) {
 
 }  // namespace
 
-std::string copyFailure(int error, const std::string& path) {
-  return std::generic_category().message(error) + ": " + path;
+std::string copyReason(const SystemError& failure) {
+  return failure.reason() + ": " + failure.subject;
 }
 
 std::string withoutTrailingSlashes(std::string path) {
@@ -35,12 +35,12 @@ std::string withoutTrailingSlashes(std::string path) {
   return path;
 }
 
-std::optional<std::string> copyRefusal(const std::string& source, const std::string& destination) {
+std::optional<SystemError> copyRefusal(const std::string& source, const std::string& destination) {
   struct stat status = {};
-  if (lstat(source.c_str(), &status) != 0) return copyFailure(errno, source);
+  if (lstat(source.c_str(), &status) != 0) return SystemError{errno, source};
   struct stat taken = {};
-  if (lstat(destination.c_str(), &taken) == 0) return copyFailure(EEXIST, destination);
-  if (S_ISDIR(status.st_mode) && liesInside(destination, source)) return copyFailure(EINVAL, destination);
+  if (lstat(destination.c_str(), &taken) == 0) return SystemError{EEXIST, destination};
+  if (S_ISDIR(status.st_mode) && liesInside(destination, source)) return SystemError{EINVAL, destination};
   return std::nullopt;
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Sources of a run loop for what POSIX systems share; each system has its own behind them.
+// Sources of a run loop for code that POSIX systems share. Each system's folder implements them.
 #pragma once
 
 #include <chrono>
@@ -9,8 +9,8 @@
 
 namespace vorlix {
 
-/// A source in the default mode of the loop of the thread that made it, which alone uses it. It calls its handler once,
-/// and not at all after the end of its life, which the handler may bring about.
+/// A source in the default mode of the run loop of the thread that created it. Only that thread uses it. It calls its
+/// handler once, and never after it was destroyed. The handler may destroy it.
 class LoopSource {
  public:
   virtual ~LoopSource() = default;
@@ -21,11 +21,11 @@ class LoopSource {
   LoopSource& operator=(const LoopSource&) = delete;
 };
 
-/// Calls when the descriptor can be read without waiting, its end included. The descriptor stays its owner's, who ends
-/// the source before closing it.
+/// Calls the handler when the descriptor can be read without waiting, also at its end. The owner of the descriptor
+/// destroys the source before closing the descriptor.
 std::unique_ptr<LoopSource> watchDescriptor(int descriptor, std::function<void()> handler);
 
-/// Calls when a time, which is not 0, has passed. Null when the system has no timer left.
+/// Calls the handler after a time, which must not be 0. Null if the system has no timer left.
 std::unique_ptr<LoopSource> callAfter(std::chrono::milliseconds time, std::function<void()> handler);
 
 }  // namespace vorlix

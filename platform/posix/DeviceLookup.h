@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a device's name stands for, by the same rules on every system. How one finds a node, and what a slice of it is,
-// the systems say.
+// The rules for device names, which are the same on every system. Each system knows how to find a node and its slices.
 #pragma once
 
 #include <cerrno>
@@ -13,8 +12,8 @@
 
 namespace vorlix {
 
-/// An image file's BSD name is its absolute path, and callers put the devices' folder before BSD names, some of them
-/// twice. Of "/dev//dev/disk0" this is "/dev/disk0", of "/dev//home/me/mac.img" the path of that file.
+/// Returns "/dev/disk0" for "/dev//dev/disk0", and "/home/me/mac.img" for "/dev//home/me/mac.img". The BSD name of an
+/// image file is its absolute path, and callers put "/dev/" before BSD names, some of them twice.
 inline std::string withoutDeviceFolders(std::string_view name) {
   constexpr std::string_view kDeviceFolder = "/dev/";
   constexpr std::string_view kPrefixedPath = "/dev//";
@@ -22,10 +21,10 @@ inline std::string withoutDeviceFolders(std::string_view name) {
   return std::string(name);
 }
 
-/// A path that exists, or `<whole>s<N>` of one that does.
-/// @param existing  gives the location of a path that is a device or an image file; otherwise absent, with errno set.
-/// @param sliceOf   gives slice `number` of such a location; absent if it has none.
-/// @return absent, with errno set, where there is neither.
+/// Finds a path that exists, or `<whole>s<N>` if `<whole>` exists.
+/// @param existing  returns the location of a device or an image file; otherwise absent, with `errno` set.
+/// @param sliceOf   returns slice `number` of such a location; absent if it has no slices.
+/// @return absent, with `errno` set, if neither exists.
 template <typename Location>
 std::optional<Location> locatePath(const std::string& path, std::optional<Location> (*existing)(const std::string&),
                                    std::optional<Location> (*sliceOf)(const Location&, uint32_t)) {
@@ -43,7 +42,7 @@ std::optional<Location> locatePath(const std::string& path, std::optional<Locati
   return found;
 }
 
-/// A path, or, without a slash, a name in the devices' folder.
+/// Finds a path, or a name without a slash in /dev.
 template <typename Location>
 std::optional<Location> locateName(const std::string& name, std::optional<Location> (*existing)(const std::string&),
                                    std::optional<Location> (*sliceOf)(const Location&, uint32_t)) {

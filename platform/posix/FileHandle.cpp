@@ -10,8 +10,8 @@
 namespace vorlix {
 namespace {
 
-// Repeats a positioned transfer until all is done, the device ends, or it fails. What was transferred before a failure
-// counts, so that a caller sees how far it went.
+// Repeats a transfer until it is complete, the device ends, or it fails. Returns what was transferred before a failure,
+// so that callers see how far it went.
 template <typename Transfer>
 ssize_t transferAll(size_t count, Transfer transfer) {
   size_t done = 0;
@@ -61,6 +61,19 @@ ssize_t FileHandle::writeAt(const void* buffer, size_t count, uint64_t offset) {
 ssize_t FileHandle::readMediumAt(void* buffer, size_t count, uint64_t offset) {
   forgetCached(descriptor_, window_.offset + offset, countInside(count, offset));
   return FileHandle::readAt(buffer, count, offset);
+}
+
+// The position of the descriptor moves, which no other call relies on.
+std::optional<DataRun> FileHandle::dataFrom(uint64_t offset) {
+  const DataRun none = {window_.size, 0};
+  if (offset >= window_.size) return none;
+  const off_t first = lseek(descriptor_, static_cast<off_t>(window_.offset + offset), SEEK_DATA);
+  if (first < 0) return errno == ENXIO ? std::optional(none) : std::nullopt;
+  const off_t end = lseek(descriptor_, first, SEEK_HOLE);
+  if (end <= first) return std::nullopt;
+  const uint64_t begin = static_cast<uint64_t>(first) - window_.offset;
+  if (begin >= window_.size) return none;
+  return DataRun{begin, std::min(static_cast<uint64_t>(end) - window_.offset, window_.size) - begin};
 }
 
 int FileHandle::sync() {

@@ -1,33 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A device handle over a file descriptor, whole or a window of it.
+// A device handle over a file descriptor or a window of it.
 #pragma once
 
 #include <Vorlix/platform/DeviceFile.h>
 
 #include <memory>
 
+#include "DescriptorCalls.h"
+#include "Extent.h"
+
 namespace vorlix {
-
-/// A run of bytes on a disk.
-struct Extent {
-  uint64_t offset = 0;
-  uint64_t size = 0;
-};
-
-/// Brings a descriptor's data to the medium, through the medium's own cache where the system has a call for it.
-int syncDescriptor(int descriptor);
-
-/// Has the next read of these bytes ask the medium, as far as the system lets a program say so.
-void forgetCached(int descriptor, uint64_t offset, uint64_t count);
-
-/// The identity of what stands `offset` bytes into an open device node or image file.
-std::optional<DeviceIdentity> identityOf(int descriptor, uint64_t offset);
 
 /// Reads and writes the bytes of `window`. Nothing outside it can be reached, so a disk-image file never grows.
 class FileHandle final : public DeviceHandle {
  public:
-  /// Takes over `descriptor`. `lock` is let go after the descriptor is closed.
+  /// Takes over `descriptor`. `lock` is released after the descriptor is closed.
   FileHandle(int descriptor, Extent window, std::shared_ptr<void> lock,
              std::optional<uint32_t> blockSize = std::nullopt);
   ~FileHandle() override;
@@ -40,6 +28,7 @@ class FileHandle final : public DeviceHandle {
   ssize_t readMediumAt(void* buffer, size_t count, uint64_t offset) override;
   std::optional<DeviceIdentity> identity() override { return identityOf(descriptor_, window_.offset); }
   std::optional<uint64_t> size() override { return window_.size; }
+  std::optional<DataRun> dataFrom(uint64_t offset) override;
   std::optional<uint32_t> blockSize() override { return blockSize_; }
   int close() override;
 

@@ -33,7 +33,7 @@ std::optional<Extent> extentOf(uint64_t first, uint64_t count, uint32_t blockSiz
   return Extent{first * blockSize, std::min(count, blocks - first) * blockSize};
 }
 
-// A block, as far as the disk has it.
+// Returns a block, or the part of it that the disk has.
 std::vector<uint8_t> readBlock(int descriptor, uint64_t lba, uint32_t blockSize) {
   constexpr auto kLargestOffset = static_cast<uint64_t>(std::numeric_limits<off_t>::max());
   if (lba > kLargestOffset / blockSize) return {};

@@ -11,7 +11,7 @@
 namespace vorlix {
 namespace {
 
-// What pipes hold on the systems that this runs on.
+// The capacity of pipes on the supported systems.
 constexpr size_t kLargestChunk = 64 * 1024;
 
 }  // namespace
@@ -21,7 +21,7 @@ Data PipeOutput::read() {
   ssize_t got = -1;
   do got = ::read(readEnd_.get(), buffer.data(), buffer.size());
   while (got < 0 && errno == EINTR);
-  if (got <= 0) {  // what cannot be read any more has ended
+  if (got <= 0) {  // an error counts as the end
     ended_ = true;
     return {};
   }
@@ -36,8 +36,8 @@ Data PipeOutput::readAvailable() {
 void PipeOutput::readInBackground(Completion completion) {
   cancelBackgroundRead();
   auto handler = [this] { complete(); };
-  // An ended pipe is always readable; watching it would keep the loop from sleeping. Without a timer the read does not
-  // complete: nobody waits for what can only be empty.
+  // A pipe at its end is always readable, so watching it would keep the loop from sleeping. If there is no timer, the
+  // read does not complete; its chunk would be empty anyway.
   source_ = ended_ ? callAfter(kEndedReadInterval, handler) : watchDescriptor(readEnd_.get(), handler);
   completion_ = std::move(completion);
 }

@@ -21,7 +21,7 @@ class PipeOutput final : public ChildOutput {
   void readInBackground(Completion completion) override;
   void cancelBackgroundRead() override;
 
-  /// Whether a read has met the end. Any thread may ask.
+  /// Returns whether a read has reached the end. Any thread may call this.
   bool hasEnded() const { return ended_; }
 
  private:
@@ -30,7 +30,7 @@ class PipeOutput final : public ChildOutput {
   Descriptor readEnd_;
   std::atomic<bool> ended_ = false;
   Completion completion_;
-  std::unique_ptr<LoopSource> source_;  // of the pending read; it ends before the descriptor does
+  std::unique_ptr<LoopSource> source_;  // of the pending read; destroyed before the descriptor
 };
 
 }  // namespace vorlix

@@ -5,7 +5,7 @@
 
 namespace vorlix {
 
-/// The C library's system().
+/// Runs commands with system() of the C library.
 class PosixShell final : public Shell {
  public:
   int run(const std::string& command) override;

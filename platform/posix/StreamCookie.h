@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A device as the object behind a C stream: how systems call it differs, what it does does not.
+// A device behind a C stream. Systems call it in different ways, but it does the same on all of them.
 #pragma once
 
 #include <Vorlix/platform/DeviceFile.h>
@@ -18,7 +18,7 @@ class StreamCookie {
  public:
   explicit StreamCookie(std::unique_ptr<DeviceHandle> device) : device_(std::move(device)) {}
 
-  /// @return as of DeviceHandle::readAt(); no exception, which the C library could not pass on.
+  /// Reads like DeviceHandle::readAt(). An exception, which the C library could not pass on, becomes EIO.
   ssize_t read(char* buffer, size_t count) try {
     const ssize_t done = device_->readAt(buffer, count, position_);
     if (done > 0) position_ += static_cast<uint64_t>(done);
@@ -28,7 +28,7 @@ class StreamCookie {
     return -1;
   }
 
-  /// @return the new position, or -1 with errno set to EINVAL where there is none.
+  /// @return the new position, or -1 with `errno` set to EINVAL if it would be invalid.
   int64_t seek(int64_t offset, int whence) {
     int64_t base = 0;
     if (whence == SEEK_CUR) base = static_cast<int64_t>(position_);

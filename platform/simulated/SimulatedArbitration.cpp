@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Disk arbitration of the simulated machine: descriptions, mounts and unmounts.
-#include <algorithm>
 
 #include "SimulatedState.h"
 
@@ -77,7 +76,7 @@ class SimulatedDisk final : public Disk {
   void ask(MountAction action, DiskCompletion completion) {
     MountRequest request{session_, name_, action, std::move(completion), state_->completionDelay};
     if (!state_->openSessions.contains(session_)) {
-      static_cast<void>(state_->carryOut(request));  // nobody is left to be told
+      static_cast<void>(state_->carryOut(request));  // no caller is left that could get the result
     } else {
       state_->requests.push_back(std::move(request));
     }
@@ -132,7 +131,7 @@ class SimulatedSession final : public DiskArbitrationSession {
   }
 
  private:
-  // The system does what it was asked for, also where nobody waits for the answer any more.
+  // The system carries out requests even if nobody waits for the result any more.
   void finishRequests() {
     for (const MountRequest& request : state_->requests) {
       if (request.session == id_) static_cast<void>(state_->carryOut(request));
@@ -153,7 +152,7 @@ class SimulatedArbitration final : public DiskArbitration {
     return std::make_shared<SimulatedSession>(state_);
   }
 
-  // Looked up without a session, so that the journal tells only of those that the library opens.
+  // Works without a session, so that the journal has only the sessions that the library opens.
   std::optional<std::string> volumeKindAt(const URL& path) override {
     const auto [first, end] = state_->devicesByMountPath.equal_range(path.path());
     for (auto device = first; device != end; ++device) {

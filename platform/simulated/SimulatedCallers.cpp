@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The simulated machine's view of other processes' signatures, and its system log.
+// Signatures of other processes on the simulated machine, and its system log.
 #include <Vorlix/platform/CodeSigning.h>
 #include <Vorlix/platform/SystemLog.h>
 

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The machine's devices as arrays of bytes, with faults.
+// The devices of the machine as arrays of bytes, with faults.
+#include <Vorlix/platform/SystemError.h>
+
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <stdexcept>
 #include <string_view>
 
@@ -12,7 +13,7 @@
 namespace vorlix {
 namespace {
 
-const char* errorName(int error) {
+std::string errorName(int error) {
   switch (error) {
     case ENOENT:
       return "ENOENT";
@@ -27,7 +28,7 @@ const char* errorName(int error) {
     case ENOSPC:
       return "ENOSPC";
     default:
-      return std::strerror(error);
+      return SystemError{error}.reason();
   }
 }
 
@@ -180,7 +181,7 @@ int SimulatedState::note(Operation operation, const std::string& name, const std
     }
   }
   std::string line = std::string(operationName(operation)) + " " + name + detail;
-  if (refusal != 0) line += std::string(": ") + errorName(refusal);
+  if (refusal != 0) line += ": " + errorName(refusal);
   journal.push_back(std::move(line));
   errno = refusal;
   return refusal;

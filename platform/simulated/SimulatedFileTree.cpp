@@ -24,7 +24,7 @@ Names namesOf(const std::string& path) {
   return names;
 }
 
-// Walks from the root. `names` are those still to go, the next one last.
+// Follows a path from the root. `names` are the names that are left, the next one at the end.
 SimulatedItem* walk(SimulatedItem& root, const std::string& path, bool followsLast) {
   Names names = namesOf(path);
   std::reverse(names.begin(), names.end());

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,35 +18,34 @@ struct SimulatedItem {
   Kind kind = Kind::folder;
   std::string text;            ///< a file's contents, a link's target
   std::vector<Entry> entries;  ///< a folder's, in the order in which they were added
-  bool ignoresCase = false;    ///< of a folder: names in it, and in the folders below, are the same in any case
+  bool ignoresCase = false;    ///< of a folder: names in it and in the folders below are compared without case
 
-  /// The place of an entry, or that after the last one.
+  /// Returns the entry with that name, or the end of the entries.
   std::vector<Entry>::iterator find(const std::string& name);
 
-  /// A copy with all that is below it.
+  /// Returns a copy of the item and everything below it.
   std::unique_ptr<SimulatedItem> copy() const;
 };
 
-/// Paths begin at the root, relative ones as well.
+/// All paths begin at the root, even relative ones.
 class SimulatedFileTree {
  public:
-  /// Returns whether nothing was ever added.
+  /// Returns whether nothing was added yet.
   bool isUnused() const { return !used_; }
 
-  /// Adds an item in place of what stands there, with the folders above it. @return the item.
+  /// Adds an item and the folders above it, and replaces an item with that path. @return the item.
   SimulatedItem& add(const std::string& path, SimulatedItem::Kind kind, std::string text = "");
 
-  /// Puts an item at a path whose folder must exist. @return false if it does not, or if the name is taken.
+  /// Adds an item in an existing folder. @return false if the folder does not exist or has an item with that name.
   bool put(const std::string& path, std::unique_ptr<SimulatedItem> item);
 
   void remove(const std::string& path);
 
-  /// What stands at a path; null if nothing does. Links on the way are followed, one in the last place if
-  /// `followsLast`.
+  /// Returns the item at a path, or null. Follows links on the way, and a link at the end if `followsLast`.
   SimulatedItem* find(const std::string& path, bool followsLast = true);
 
  private:
-  /// The folder that a path's last name belongs into; null if it does not exist.
+  /// The folder of a path's last name; null if it does not exist.
   struct Place {
     SimulatedItem* folder = nullptr;
     std::string name;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Looking at the simulated machine's files, and copying them.
+// The files of the simulated machine, and copies of them.
 #include <Vorlix/platform/FileCopy.h>
 #include <Vorlix/platform/Files.h>
+#include <Vorlix/platform/SystemError.h>
 
 #include <cerrno>
-#include <cstring>
 
 #include "SimulatedState.h"
 
@@ -65,9 +65,9 @@ class SimulatedFileCopy final : public FileCopy {
     if (failure != state_->copyFailures.end()) return failure->second;
     if (state_->files.isUnused()) return native_->copyItem(source, destination);
     const SimulatedItem* const item = state_->files.find(source, false);
-    if (item == nullptr) return std::strerror(ENOENT);
+    if (item == nullptr) return SystemError{ENOENT}.reason();
     const bool isTaken = state_->files.find(destination, false) != nullptr;
-    if (!state_->files.put(destination, item->copy())) return std::strerror(isTaken ? EEXIST : ENOENT);
+    if (!state_->files.put(destination, item->copy())) return SystemError{isTaken ? EEXIST : ENOENT}.reason();
     return std::nullopt;
   }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the simulated machine has mounted, whom it works for, its command interpreter and its clock.
+// The simulated machine's mounted volumes, user, command interpreter, pauses and locale.
 #include <Vorlix/platform/MountedVolumes.h>
 #include <Vorlix/platform/Pauses.h>
 #include <Vorlix/platform/Platform.h>

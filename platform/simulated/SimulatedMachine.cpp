@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Setting a simulated machine up and looking at it. Its ports stand in the other files of this folder.
+// Setting up and examining a simulated machine. Its ports are in the other files of this folder.
 #include <Vorlix/platform/VolumeMirrors.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 
@@ -34,7 +34,7 @@ Platform SimulatedMachine::platform() const {
   ports.pauses = makeSimulatedPauses(state_);
   ports.systemPaths = state_->systemPaths;
   ports.userLocale = makeSimulatedUserLocale(state_);
-  // Streams of this process over simulated devices, and descriptors of its own: nothing to simulate.
+  // Streams over simulated devices and descriptors are real objects of this process.
   const Platform native = nativePlatform();
   ports.deviceStreams = native.deviceStreams;
   ports.filesInPlace = native.filesInPlace;

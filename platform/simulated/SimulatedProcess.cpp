@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Children of the simulated machine. They do what their programs say, and nothing happens but when it is looked at.
+// Children of the simulated machine. They do what their programs say. Their state changes only when it is asked for.
 #include <Vorlix/platform/ChildProcess.h>
 
 #include <algorithm>
@@ -16,9 +16,7 @@
 namespace vorlix {
 namespace {
 
-using Stream = SimulatedRun::Stream;
-
-/// A child and the pipes it writes to, shared by its handle and their read ends.
+/// A child and its pipes, shared by its handle and the read ends of the pipes.
 struct SimulatedTask {
   SimulatedRun run;
   bool launched = false;
@@ -35,9 +33,9 @@ struct SimulatedTask {
 
 class SimulatedOutput final : public ChildOutput {
  public:
-  /// @param stream  what it carries; absent for both.
+  /// @param stream  the stream that the pipe carries; absent for both.
   SimulatedOutput(std::shared_ptr<SimulatedState> state, std::shared_ptr<SimulatedTask> task,
-                  std::optional<Stream> stream)
+                  std::optional<SimulatedRun::Stream> stream)
       : state_(std::move(state)), task_(std::move(task)), stream_(stream) {}
   ~SimulatedOutput() override { cancelBackgroundRead(); }
 
@@ -77,12 +75,12 @@ class SimulatedOutput final : public ChildOutput {
                         [this](const SimulatedRun::Piece& piece) { return !stream_ || piece.stream == *stream_; });
   }
 
-  // For the loop a child closes its streams when nothing is left to be read from either.
+  // For the loop, a child closes its streams when nothing is left to read from either.
   bool hasEnded() const { return task_->launched && !task_->isRunning(); }
 
   std::shared_ptr<SimulatedState> state_;
   std::shared_ptr<SimulatedTask> task_;
-  std::optional<Stream> stream_;
+  std::optional<SimulatedRun::Stream> stream_;
   bool endRead_ = false;
 };
 
@@ -94,8 +92,8 @@ class SimulatedChild final : public Child {
       output_ = std::make_shared<SimulatedOutput>(state_, task_, std::nullopt);
       error_ = output_;
     } else {
-      output_ = std::make_shared<SimulatedOutput>(state_, task_, Stream::output);
-      error_ = std::make_shared<SimulatedOutput>(state_, task_, Stream::error);
+      output_ = std::make_shared<SimulatedOutput>(state_, task_, SimulatedRun::Stream::output);
+      error_ = std::make_shared<SimulatedOutput>(state_, task_, SimulatedRun::Stream::error);
     }
   }
 

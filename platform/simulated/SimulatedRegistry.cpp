@@ -23,11 +23,11 @@ bool isInPlane(const SimulatedState& state, RegistryEntryID entry, const std::st
   return entry < state.registry.size() && state.registry[entry].parents.contains(plane);
 }
 
-// Absent for a root and for an entry that is not in the plane.
+// Absent for a root, and for an entry that is not in the plane.
 std::optional<RegistryEntryID> parentOf(const SimulatedState& state, RegistryEntryID entry, const std::string& plane) {
   if (!isInPlane(state, entry, plane)) return std::nullopt;
   const std::optional<RegistryEntryID> parent = state.registry[entry].parents.at(plane);
-  // A parent has been added before its children, so that no climb goes in circles.
+  // A parent is added before its children, so this cannot loop.
   return parent && *parent < entry && isInPlane(state, *parent, plane) ? parent : std::nullopt;
 }
 

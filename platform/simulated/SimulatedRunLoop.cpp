@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Run loops of the simulated machine. No time passes in them.
+// Run loops of the simulated machine. They take no time.
 #include <algorithm>
 
 #include "SimulatedState.h"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a simulated machine is made of, shared by its ports.
+// The state of a simulated machine, which its ports share.
 #pragma once
 
 #include <Vorlix/platform/ChildProcess.h>
@@ -33,16 +33,16 @@ struct SimulatedWhole {
   uint64_t size = 0;
   std::optional<uint32_t> blockSize;
   DeviceLock lockedElsewhere = DeviceLock::none;
-  std::weak_ptr<const DeviceLock> ownLock;  // shared by the handles that hold it
+  std::weak_ptr<const DeviceLock> ownLock;  // owned by the handles that hold the lock
 };
 
-/// The bytes of a disk that a device name stands for.
+/// The bytes of a disk that belong to a device name.
 struct SimulatedWindow {
   std::string disk;
   uint64_t offset = 0;
   uint64_t size = 0;
 
-  /// How many of `count` bytes at `offset` exist.
+  /// Returns how many of `count` bytes at `from` exist.
   size_t inside(uint64_t from, size_t count) const;
 };
 
@@ -51,10 +51,10 @@ struct DeviceFault {
   unsigned successesLeft = 0;
 };
 
-/// What disk arbitration knows of a device beyond its bytes.
+/// What disk arbitration reports for a device.
 struct ArbitrationView {
   std::optional<SimulatedVolume> volume;
-  std::map<std::string, std::optional<Value>> descriptionChanges;  ///< absent: the key is taken away
+  std::map<std::string, std::optional<Value>> descriptionChanges;  ///< absent: the key is removed
   bool descriptionHidden = false;
   bool wholeDiskHidden = false;
   std::optional<Dissenter> mountRefusal;
@@ -74,7 +74,7 @@ struct ScheduledSession {
 
 enum class MountAction { mount, unmount };
 
-/// A mount or unmount that has been asked for and not been carried out.
+/// A mount or unmount that was requested and not carried out yet.
 struct MountRequest {
   SessionID session = 0;
   std::string device;
@@ -96,13 +96,13 @@ struct RegistryFault {
   std::optional<RegistryEntryID> entry;
 };
 
-/// A read of a child's output that the loop is to complete.
+/// A read of a child's output that the loop will complete.
 struct PendingRead {
-  const void* reader = nullptr;  ///< the output, which takes its read away before it goes
-  const void* child = nullptr;   ///< whose output it is
+  const void* reader = nullptr;  ///< the output; its destructor removes the read
+  const void* child = nullptr;   ///< the child whose output it is
   const RunLoop* loop = nullptr;
   std::function<bool()> isReady;
-  std::function<size_t()> place;  ///< of what it will read among all that the child still writes
+  std::function<size_t()> place;  ///< the place of the next piece among all that the child will still write
   std::function<void()> complete;
 };
 
@@ -117,7 +117,7 @@ struct SimulatedState {
   SessionID lastSession = 0;
   std::set<SessionID> openSessions;
   std::map<std::string, ArbitrationView> views;
-  std::multimap<std::string, std::string> devicesByMountPath;  // those of replaced volumes included
+  std::multimap<std::string, std::string> devicesByMountPath;  // including those of replaced volumes
   std::vector<ScheduledSession> schedule;
   std::vector<MountRequest> requests;
   unsigned completionDelay = 0;
@@ -146,27 +146,28 @@ struct SimulatedState {
 
   std::vector<std::string> journal;
 
-  /// The device of a name with or without "/dev/". @throws std::invalid_argument when there is none.
+  /// Returns the device with a name, with or without "/dev/". @throws std::invalid_argument if there is none.
   const SimulatedWindow& device(const std::string& name) const;
 
-  /// What disk arbitration knows of that device; made on first use.
+  /// Returns what disk arbitration reports for that device. It is created on first use.
   ArbitrationView& view(const std::string& name);
 
-  /// Notes an operation on a device and lets it go through (0) or fail: with `refusal`, or with the reason that was set
-  /// for it.
+  /// Writes an operation on a device to the journal and sets `errno`. @return 0 if the operation succeeds; otherwise
+  /// `refusal`, or the error that was set with SimulatedMachine::fail().
   int note(Operation operation, const std::string& name, const std::string& detail, int refusal = 0);
 
-  /// Mounts or unmounts. @return why not, if it is refused.
+  /// Mounts or unmounts. @return why it was refused; absent for success.
   std::optional<Dissenter> carryOut(const MountRequest& request);
 
-  /// Whether a read of a child's output is pending on that loop.
+  /// Returns whether a read of a child's output is pending on that loop.
   bool hasPendingRead(const RunLoop& loop) const;
 
-  /// Completes one that can be: of one child, that whose piece was given first. @return whether there was one.
+  /// Completes one pending read; of the reads from one child, the one whose piece comes first. @return whether there
+  /// was a read that could be completed.
   bool completeRead(const RunLoop& loop);
 };
 
-/// A device name without "/dev/", which may stand before it more than once.
+/// Returns a device name without "/dev/", which may precede it more than once.
 std::string bareDeviceName(const std::string& name);
 
 std::shared_ptr<DeviceFile> makeSimulatedDeviceFile(std::shared_ptr<SimulatedState> state);

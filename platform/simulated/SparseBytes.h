@@ -9,7 +9,7 @@
 
 namespace vorlix {
 
-/// The bytes of a disk. Only pages that were written exist, so a disk of several terabytes costs nothing.
+/// The bytes of a disk. Only written pages take memory, so a disk of several terabytes costs nothing.
 class SparseBytes {
  public:
   void read(uint64_t offset, uint8_t* to, size_t count) const {

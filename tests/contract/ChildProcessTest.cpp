@@ -24,7 +24,7 @@ using testing::IsEmpty;
 
 enum class World { native, simulated };
 
-// The test child, as far as the tests on every world need it.
+// Imitates those behaviours of the test child that the tests on every world need.
 SimulatedRun simulatedChild(const Texts& arguments) {
   SimulatedRun run;
   const auto text = [&](size_t place) { return arguments.size() > place ? arguments[place] : ""; };
@@ -74,13 +74,13 @@ TEST_P(ChildProcessContract, SeparateOutputsAreReadApart) {
   EXPECT_EQ(everythingFrom(*child->standardError()), "err");
 }
 
-TEST_P(ChildProcessContract, SharedOutputsAreReadInTheOrderOfWriting) {
+TEST_P(ChildProcessContract, SharedOutputsAreReadInTheOrderInWhichTheyWereWritten) {
   const auto child = launch(behaviour(CHILD_PRINT, {"out", "err"}), ChildOutputs::shared);
   EXPECT_EQ(child->standardOutput(), child->standardError());
   EXPECT_EQ(everythingFrom(*child->standardOutput()), "outerr");
 }
 
-TEST_P(ChildProcessContract, TheEndStaysTheEnd) {
+TEST_P(ChildProcessContract, TheEndOfAnOutputIsPermanent) {
   const auto child = launch(behaviour(CHILD_PRINT, {"x"}));
   const auto output = child->standardOutput();
   EXPECT_EQ(everythingFrom(*output), "x");
@@ -88,7 +88,7 @@ TEST_P(ChildProcessContract, TheEndStaysTheEnd) {
   EXPECT_THAT(output->read(), IsEmpty());
 }
 
-TEST_P(ChildProcessContract, WhatIsAvailableIsTakenWithoutWaiting) {
+TEST_P(ChildProcessContract, AvailableBytesAreReadWithoutWaiting) {
   const auto child = launch(behaviour(CHILD_STAY, {"ready", "60000"}));
   const auto output = child->standardOutput();
   EXPECT_THAT(child->standardError()->readAvailable(), IsEmpty());
@@ -106,7 +106,7 @@ TEST_P(ChildProcessContract, TheStatusIsTheProgramsOwn) {
   ASSERT_TRUE(comesTrue([&] { return !child->isRunning(); }));
   EXPECT_EQ(child->terminationStatus(), 3);
   EXPECT_EQ(child->terminationStatus(), 3);
-  child->terminate();  // without effect
+  child->terminate();  // has no effect
   EXPECT_EQ(child->terminationStatus(), 3);
 }
 
@@ -119,11 +119,11 @@ TEST_P(ChildProcessContract, AChildThatWasNotLaunchedDoesNothing) {
   ASSERT_NE(child->standardError(), nullptr);
 }
 
-TEST_P(ChildProcessContract, AMissingProgramRaisesAndRunsNothing) {
+TEST_P(ChildProcessContract, AMissingProgramThrowsAndRunsNothing) {
   const auto child = create();
   try {
     child->launch("/nonexistent/program", {"x"});
-    FAIL() << "was launched";
+    FAIL() << "the program was launched";
   } catch (const std::system_error& error) {
     EXPECT_EQ(error.code(), std::errc::no_such_file_or_directory);
     EXPECT_THAT(error.what(), testing::HasSubstr("/nonexistent/program"));
@@ -132,7 +132,7 @@ TEST_P(ChildProcessContract, AMissingProgramRaisesAndRunsNothing) {
   EXPECT_EQ(child->terminationStatus(), 0);
 }
 
-TEST_P(ChildProcessContract, AHandleThatFailedCanLaunchAnother) {
+TEST_P(ChildProcessContract, AHandleWhoseLaunchFailedCanLaunchAnotherProgram) {
   const auto child = create();
   EXPECT_THROW(child->launch("/nonexistent/program", {}), std::system_error);
   child->launch(kChild, behaviour(CHILD_PRINT, {"x"}));
@@ -145,7 +145,7 @@ TEST_P(ChildProcessContract, AHandleLaunchesOnce) {
   EXPECT_EQ(everythingFrom(*child->standardOutput()), "x");
 }
 
-TEST_P(ChildProcessContract, TerminatingEndsTheChildBySIGTERM) {
+TEST_P(ChildProcessContract, TerminatingSendsSIGTERM) {
   const auto child = launch(behaviour(CHILD_STAY, {"ready", "60000"}));
   EXPECT_EQ(test::textOf(child->standardOutput()->read()), "ready");
   EXPECT_TRUE(child->isRunning());
@@ -156,7 +156,7 @@ TEST_P(ChildProcessContract, TerminatingEndsTheChildBySIGTERM) {
   EXPECT_THAT(child->standardOutput()->read(), IsEmpty());
 }
 
-TEST_P(ChildProcessContract, AChildMayDeclineToEnd) {
+TEST_P(ChildProcessContract, AChildMayIgnoreTermination) {
   const auto child = launch(behaviour(CHILD_STUBBORN, {"ready", "1000", "0"}));
   EXPECT_EQ(test::textOf(child->standardOutput()->read()), "ready");
   child->terminate();
@@ -175,7 +175,7 @@ TEST_P(ChildProcessContract, ABackgroundReadCompletesOnceInTheDefaultMode) {
   EXPECT_THAT(chunks, IsEmpty());
   ASSERT_TRUE(runUntil([&] { return !chunks.empty(); }));
   EXPECT_THAT(chunks, ElementsAre("ready"));
-  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources) << "it was one read";
+  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources) << "there must be only one read";
   child->terminate();
 }
 
@@ -189,7 +189,7 @@ TEST_P(ChildProcessContract, ABackgroundReadMayBeginBeforeTheLaunch) {
   EXPECT_THAT(chunks, ElementsAre("x"));
 }
 
-TEST_P(ChildProcessContract, TheEndCompletesABackgroundReadWithAnEmptyChunk) {
+TEST_P(ChildProcessContract, TheEndOfAnOutputCompletesABackgroundReadWithAnEmptyChunk) {
   const auto child = launch(behaviour(CHILD_PRINT, {"x"}));
   const auto output = child->standardOutput();
   Texts chunks;
@@ -208,26 +208,26 @@ TEST_P(ChildProcessContract, TheEndCompletesABackgroundReadWithAnEmptyChunk) {
 TEST_P(ChildProcessContract, ACancelledReadDoesNotComplete) {
   const auto child = launch(behaviour(CHILD_PRINT, {"x"}));
   const auto output = child->standardOutput();
-  output->cancelBackgroundRead();  // without one
-  output->readInBackground([](const Data&) { FAIL() << "completed"; });
+  output->cancelBackgroundRead();  // without a pending read
+  output->readInBackground([](const Data&) { FAIL() << "a cancelled read completed"; });
   output->cancelBackgroundRead();
   EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources);
-  EXPECT_EQ(everythingFrom(*output), "x") << "nothing was taken";
+  EXPECT_EQ(everythingFrom(*output), "x") << "the cancelled read must not take any bytes";
 }
 
-TEST_P(ChildProcessContract, ANewReadTakesThePlaceOfAPendingOne) {
+TEST_P(ChildProcessContract, ANewReadReplacesAPendingOne) {
   const auto child = launch(behaviour(CHILD_PRINT, {"x"}));
   Texts chunks;
-  child->standardOutput()->readInBackground([](const Data&) { FAIL() << "completed"; });
+  child->standardOutput()->readInBackground([](const Data&) { FAIL() << "a replaced read completed"; });
   child->standardOutput()->readInBackground([&](const Data& chunk) { chunks.push_back(test::textOf(chunk)); });
   ASSERT_TRUE(runUntil([&] { return !chunks.empty(); }));
   EXPECT_THAT(chunks, ElementsAre("x"));
   EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources);
 }
 
-TEST_P(ChildProcessContract, AnOutputThatGoesTakesItsReadAlong) {
+TEST_P(ChildProcessContract, DestroyingAnOutputCancelsItsRead) {
   auto child = launch(behaviour(CHILD_PRINT, {"x"}));
-  child->standardOutput()->readInBackground([](const Data&) { FAIL() << "completed"; });
+  child->standardOutput()->readInBackground([](const Data&) { FAIL() << "the read of a destroyed output completed"; });
   child.reset();
   EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources);
 }
@@ -239,7 +239,7 @@ TEST_P(ChildProcessContract, AnOutputMayOutliveTheHandle) {
   EXPECT_EQ(everythingFrom(*output), "x");
 }
 
-TEST_P(ChildProcessContract, ACompletionMayLetGoOfEverything) {
+TEST_P(ChildProcessContract, ACompletionMayReleaseEverything) {
   auto child = launch(behaviour(CHILD_PRINT, {"x"}));
   bool completed = false;
   child->standardOutput()->readInBackground([&](const Data&) {

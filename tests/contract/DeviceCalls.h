@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What tests of device files share: reading, and guards around calls that must not wait.
+// Shared by the tests of device files: reading, and checks of calls that must not block.
 #pragma once
 
 #include <chrono>
@@ -17,19 +17,19 @@ inline Buffer readFrom(DeviceHandle& device, uint64_t offset, size_t count) {
   return bytes;
 }
 
-/// Runs out of a call that must not wait.
+/// Fails the test if a call takes longer than a call that does not block.
 class PromptnessCheck {
  public:
   ~PromptnessCheck() {
     const auto passed = std::chrono::steady_clock::now() - start_;
-    EXPECT_LT(passed, std::chrono::seconds(5)) << "the call waited";
+    EXPECT_LT(passed, std::chrono::seconds(5)) << "the call blocked";
   }
 
  private:
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
-/// Ends the process if a call hangs for good, with a signal that the test's report names.
+/// Ends the process if a call blocks forever. The signal appears in the test's report.
 class HangGuard {
  public:
   HangGuard() { alarm(60); }

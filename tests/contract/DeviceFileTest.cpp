@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The contract of platform/DeviceFile.h, on every machine that this one can be.
+// The contract of platform/DeviceFile.h, on every machine that is possible here.
 #include <Vorlix/platform/DeviceFile.h>
 
 #include <limits>
@@ -25,7 +25,7 @@ class DeviceFileContract : public OnEveryWorld {
     const int seen = errno;
     EXPECT_FALSE(device) << path;
     EXPECT_EQ(seen, reason) << path;
-    EXPECT_EQ(world_->openCount(), before) << path << " left something open";
+    EXPECT_EQ(world_->openCount(), before) << path << " left a descriptor open";
   }
 };
 
@@ -48,7 +48,7 @@ TEST_P(DeviceFileContract, ReadsASliceFromItsOwnStart) {
   }
 }
 
-TEST_P(DeviceFileContract, TellsTheSizeOfADiskAndOfASlice) {
+TEST_P(DeviceFileContract, ReportsTheSizeOfADiskAndOfASlice) {
   const auto disk = open(world_->disk());
   const auto slice = open(world_->slice(3));
   ASSERT_TRUE(disk);
@@ -72,7 +72,7 @@ TEST_P(DeviceFileContract, AReadIsShortAtTheEndOfASlice) {
   EXPECT_EQ(readFrom(*device, sliceSize(), 300).size(), 0U);
 }
 
-TEST_P(DeviceFileContract, NothingIsReadFarPastTheEnd) {
+TEST_P(DeviceFileContract, NothingIsReadFarBeyondTheEnd) {
   for (const std::string& name : {world_->disk(), world_->slice(3)}) {
     const auto device = open(name);
     ASSERT_TRUE(device);
@@ -82,7 +82,7 @@ TEST_P(DeviceFileContract, NothingIsReadFarPastTheEnd) {
   }
 }
 
-TEST_P(DeviceFileContract, AReadOfNoBytesIsEmpty) {
+TEST_P(DeviceFileContract, AReadOfZeroBytesIsEmpty) {
   const auto device = open(world_->slice(1));
   ASSERT_TRUE(device);
   uint8_t byte = 0x5A;
@@ -92,7 +92,7 @@ TEST_P(DeviceFileContract, AReadOfNoBytesIsEmpty) {
 
 // --------------------------------------------------------------------------------------------------------- writing
 
-TEST_P(DeviceFileContract, AWriteChangesItsBytesAndNoOthers) {
+TEST_P(DeviceFileContract, AWriteChangesOnlyItsOwnBytes) {
   Buffer expected = world_->allBytes();
   const Buffer bytes(700, 0xC3);
   const auto device = open(world_->slice(3), DeviceAccess::readWrite);
@@ -104,7 +104,7 @@ TEST_P(DeviceFileContract, AWriteChangesItsBytesAndNoOthers) {
   EXPECT_EQ(world_->allBytes(), expected);
 }
 
-TEST_P(DeviceFileContract, AWriteToTheFirstSectorOfADiskReachesIt) {
+TEST_P(DeviceFileContract, AWriteToTheFirstSectorOfADiskWorks) {
   Buffer expected = world_->allBytes();
   const Buffer bytes(512, 0x3C);
   const auto device = open(world_->disk(), DeviceAccess::readWrite, DeviceLock::exclusive);
@@ -126,14 +126,14 @@ TEST_P(DeviceFileContract, AWriteStopsAtTheEndOfASlice) {
   EXPECT_EQ(world_->allBytes(), expected);
 }
 
-TEST_P(DeviceFileContract, NothingIsWrittenPastTheEndOfASlice) {
+TEST_P(DeviceFileContract, NothingIsWrittenBeyondTheEndOfASlice) {
   const Buffer expected = world_->allBytes();
   const Buffer bytes(512, 0xEE);
   const auto device = open(world_->slice(1), DeviceAccess::readWrite);
   ASSERT_TRUE(device);
   EXPECT_LE(device->writeAt(bytes.data(), bytes.size(), sliceSize()), 0);
   for (const uint64_t offset : kFarAway) EXPECT_LE(device->writeAt(bytes.data(), bytes.size(), offset), 0) << offset;
-  // An offset that wraps around must not reach the start of the disk, either.
+  // An offset that wraps around must not reach the start of the disk either.
   EXPECT_LE(device->writeAt(bytes.data(), bytes.size(), uint64_t{0} - sliceOffset(1)), 0);
   EXPECT_EQ(device->sync(), 0);
   EXPECT_EQ(world_->allBytes(), expected);
@@ -162,27 +162,27 @@ TEST_P(DeviceFileContract, AReadOnlyDeviceRefusesToWrite) {
 
 // ----------------------------------------------------------------------------------------------- names and refusals
 
-TEST_P(DeviceFileContract, ADiskThatIsNotThereIsRefused) {
+TEST_P(DeviceFileContract, AMissingDiskIsRefused) {
   expectRefused(world_->disk() + "-missing", ENOENT);
   expectRefused(world_->disk() + "-missing", ENOENT, DeviceAccess::readWrite);
   expectRefused("/dev/no-such-disk", ENOENT);
   expectRefused("", ENOENT);
 }
 
-TEST_P(DeviceFileContract, ASliceThatTheDiskDoesNotHaveIsRefused) {
+TEST_P(DeviceFileContract, AMissingSliceIsRefused) {
   for (const uint32_t number : {2U, 4U, 5U, 128U, 129U, 4294967295U}) {
     expectRefused(world_->slice(number), ENOENT);
     expectRefused(world_->slice(number), ENOENT, DeviceAccess::readWrite);
   }
 }
 
-TEST_P(DeviceFileContract, ANumberThatIsNoSliceNumberIsRefused) {
+TEST_P(DeviceFileContract, AnInvalidSliceNumberIsRefused) {
   for (const char* suffix : {"s0", "s", "s-1", "s3x", "s4294967299", "s18446744073709551619", "s3s1", "s 3"}) {
     expectRefused(world_->disk() + suffix, ENOENT);
   }
 }
 
-TEST_P(DeviceFileContract, ARefusedSliceReleasesTheLockThatWasAskedFor) {
+TEST_P(DeviceFileContract, ARefusedSliceReleasesTheLock) {
   errno = 0;
   EXPECT_FALSE(open(world_->slice(2), DeviceAccess::readWrite, DeviceLock::exclusive));
   EXPECT_EQ(errno, ENOENT);
@@ -240,7 +240,7 @@ constexpr LockCase kLockCases[] = {
     {DeviceLock::exclusive, DeviceLock::shared, false}, {DeviceLock::exclusive, DeviceLock::exclusive, false},
 };
 
-TEST_P(DeviceFileContract, ALockOfAnotherProcessIsRespectedWithoutWaiting) {
+TEST_P(DeviceFileContract, AnotherProcessesLockIsRespectedWithoutWaiting) {
   for (const LockCase& lockCase : kLockCases) {
     world_->lockElsewhere(lockCase.elsewhere);
     const size_t before = world_->openCount();
@@ -267,21 +267,21 @@ TEST_P(DeviceFileContract, ALockOfAnotherProcessIsRespectedWithoutWaiting) {
   }
 }
 
-TEST_P(DeviceFileContract, ALockThatAnotherProcessGaveUpCanBeHad) {
+TEST_P(DeviceFileContract, ALockReleasedByAnotherProcessIsAvailable) {
   world_->lockElsewhere(DeviceLock::exclusive);
   EXPECT_FALSE(open(world_->disk(), DeviceAccess::readWrite, DeviceLock::exclusive));
   world_->unlockElsewhere();
   EXPECT_TRUE(open(world_->disk(), DeviceAccess::readWrite, DeviceLock::exclusive));
 }
 
-TEST_P(DeviceFileContract, AProcessSharesItsOwnLockWithItself) {
+TEST_P(DeviceFileContract, AProcessSharesItsExclusiveLockWithItself) {
   const HangGuard guard;
   const PromptnessCheck prompt;
   const auto disk = open(world_->disk(), DeviceAccess::readWrite, DeviceLock::exclusive);
   ASSERT_TRUE(disk);
   EXPECT_TRUE(open(world_->disk(), DeviceAccess::readWrite, DeviceLock::exclusive));
   EXPECT_TRUE(open(world_->disk(), DeviceAccess::readOnly, DeviceLock::shared));
-  if (world_->locksAreAccess()) {
+  if (!world_->slicesStayBesideWriter()) {
     expectRefused(world_->slice(1), ENOENT);
     return;
   }
@@ -298,7 +298,7 @@ TEST_P(DeviceFileContract, ASharedLockIsSharedWithinAProcessToo) {
   EXPECT_TRUE(open(world_->slice(1), DeviceAccess::readWrite, DeviceLock::shared));
 }
 
-TEST_P(DeviceFileContract, ASharedLockOfOnesOwnIsNotTurnedIntoAnExclusiveOne) {
+TEST_P(DeviceFileContract, AProcessesOwnSharedLockIsNotConvertedToAnExclusiveOne) {
   const HangGuard guard;
   {
     const auto disk = open(world_->disk(), DeviceAccess::readWrite, DeviceLock::shared);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The contract of <Vorlix/platform/DeviceStreams.h>, on every machine that this one can be.
+// The contract of <Vorlix/platform/DeviceStreams.h>, on every machine that is possible here.
 #include <Vorlix/platform/DeviceStreams.h>
 
 #include <limits>
@@ -33,7 +33,7 @@ TEST_P(DeviceStreamContract, ReadsFromTheStartOfTheDevice) {
   EXPECT_EQ(ftello(stream.get()), 5000);
 }
 
-TEST_P(DeviceStreamContract, ReadsAWholeSliceAndThenItsEnd) {
+TEST_P(DeviceStreamContract, ReadsAWholeSliceAndThenEndOfFile) {
   const OwnedStream stream = streamOn(world_->slice(1));
   ASSERT_TRUE(stream);
   const size_t size = kSliceBlocks * world_->blockSize();
@@ -45,7 +45,7 @@ TEST_P(DeviceStreamContract, ReadsAWholeSliceAndThenItsEnd) {
   EXPECT_EQ(bytes, pattern(sliceFirst(1) * world_->blockSize(), size));
 }
 
-TEST_P(DeviceStreamContract, PositionsFromStartPlaceAndEnd) {
+TEST_P(DeviceStreamContract, SeeksFromStartCurrentPositionAndEnd) {
   const OwnedStream stream = streamOn(world_->slice(3));
   ASSERT_TRUE(stream);
   const uint64_t start = sliceFirst(3) * world_->blockSize();
@@ -60,7 +60,7 @@ TEST_P(DeviceStreamContract, PositionsFromStartPlaceAndEnd) {
   EXPECT_EQ(std::fgetc(stream.get()), EOF);
 }
 
-TEST_P(DeviceStreamContract, PositionsPastTheEndReadAsTheEnd) {
+TEST_P(DeviceStreamContract, PositionsBeyondTheEndReadAsEndOfFile) {
   const OwnedStream stream = streamOn(world_->slice(3));
   ASSERT_TRUE(stream);
   const auto size = static_cast<off_t>(kSliceBlocks * world_->blockSize());
@@ -82,7 +82,7 @@ TEST_P(DeviceStreamContract, APositionBeforeTheStartIsRefused) {
   EXPECT_EQ(fseeko(stream.get(), -1, SEEK_CUR), -1);
 }
 
-TEST_P(DeviceStreamContract, IsForReadingOnly) {
+TEST_P(DeviceStreamContract, IsReadOnly) {
   const Buffer before = world_->allBytes();
   {
     const OwnedStream stream(streamOver(open(world_->disk(), DeviceAccess::readWrite)));
@@ -104,7 +104,7 @@ TEST_P(DeviceStreamContract, OwnsTheDeviceAndClosesIt) {
 
 INSTANTIATE_TEST_SUITE_P(Worlds, DeviceStreamContract, testing::ValuesIn(allWorlds()), worldName);
 
-TEST(SimulatedDeviceStream, AReadThatFailsIsAnErrorOfTheStreamAndNotItsEnd) {
+TEST(SimulatedDeviceStream, AFailedReadIsAnErrorOfTheStreamAndNotEndOfFile) {
   SimulatedMachine machine;
   machine.addDisk("disk0", 1 << 20, 512);
   machine.fail("disk0", Operation::read, EIO);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The machines that the contracts of the device ports are tested on. Each has one disk of the same shape:
+// The machines on which the contracts of the device ports are tested. Each has one disk of the same layout:
 //
 //     blocks       2048, of 512 or 4096 bytes
 //     slice 1      blocks 40 to 103
@@ -48,7 +48,7 @@ inline uint64_t sliceFirst(uint32_t number) {
   return number == 1 ? 40 : 200;
 }
 
-/// What stands at a byte offset of the disk, inside the pattern.
+/// Returns the byte at an offset of the disk within the pattern.
 inline uint8_t patternAt(uint64_t offset) {
   return static_cast<uint8_t>(offset * 7 + offset / 256 * 13 + 1);
 }
@@ -82,7 +82,7 @@ struct GPTSlice {
 
 constexpr size_t kTableEntries = 128;
 
-/// Blocks 0 up to the end of the entries: a protective MBR, a GPT header and 128 entries from block 2 on.
+/// Returns the blocks from 0 to the end of the entries: a protective MBR, a GPT header and 128 entries from block 2 on.
 inline Buffer gptOf(uint32_t blockSize, uint64_t blocks, const std::vector<GPTSlice>& slices) {
   Buffer bytes(2 * blockSize + kTableEntries * 128);
   put(bytes, 446, 8, 0xFFFFFFEE00020000);  // 00 00 02 00, EE, FF FF FF
@@ -127,7 +127,7 @@ inline std::vector<GPTSlice> usualSlices() {
 
 // ------------------------------------------------------------------------------------------------ files and helpers
 
-/// A private folder that is gone with the object.
+/// A private folder, which is removed with the object.
 class TemporaryFolder {
  public:
   TemporaryFolder() {
@@ -149,7 +149,7 @@ class TemporaryFolder {
   std::filesystem::path path_;
 };
 
-/// Makes a sparse file of `size` bytes that begins with `bytes`.
+/// Creates a sparse file of `size` bytes that begins with `bytes`.
 inline void writeImage(const std::string& path, const Buffer& bytes, uint64_t size) {
   std::ofstream file(path, std::ios::binary);
   file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
@@ -158,7 +158,7 @@ inline void writeImage(const std::string& path, const Buffer& bytes, uint64_t si
   if (!file) throw std::runtime_error("cannot write " + path);
 }
 
-/// The image of the usual disk.
+/// Creates the image of the usual disk.
 inline void writeUsualImage(const std::string& path, uint32_t blockSize) {
   Buffer bytes = gptOf(blockSize, kDiskBlocks, usualSlices());
   bytes.resize((kPatternFirst + kPatternBlocks) * blockSize);
@@ -176,20 +176,20 @@ inline Buffer readFile(const std::string& path, uint64_t offset, size_t count) {
   return bytes;
 }
 
-/// The descriptors that this process has open.
+/// Returns the open descriptors of this process.
 inline std::set<int> openDescriptors() {
   std::vector<int> seen;
   for (const auto& entry : std::filesystem::directory_iterator("/dev/fd")) {
     seen.push_back(std::stoi(entry.path().filename().string()));
   }
   std::set<int> open;
-  for (const int descriptor : seen) {  // the one that listed them is closed by now
+  for (const int descriptor : seen) {  // the descriptor of the listing itself is closed by now
     if (fcntl(descriptor, F_GETFD) >= 0) open.insert(descriptor);
   }
   return open;
 }
 
-/// Runs a shell command. @return its standard output without the last line feed; `ok` tells whether it ended well.
+/// Runs a shell command. @return its standard output without the last line feed. `ok` becomes whether it succeeded.
 inline std::string runCommand(const std::string& command, bool& ok) {
   std::string output;
   FILE* const pipe = popen(("PATH=$PATH:/usr/sbin:/sbin; " + command).c_str(), "r");
@@ -204,7 +204,7 @@ inline std::string runCommand(const std::string& command, bool& ok) {
   return output;
 }
 
-/// A lock that another process holds until the object is gone.
+/// A lock that another process holds for the life of the object.
 class OtherProcessLock {
  public:
   OtherProcessLock(const std::string& path, DeviceLock lock) {
@@ -237,7 +237,7 @@ class OtherProcessLock {
 
   bool held() const { return held_; }
 
-  /// Whether a process that is not this one could have the lock now.
+  /// Returns whether another process could get the lock now.
   static bool couldBeHeld(const std::string& path, DeviceLock lock) { return OtherProcessLock(path, lock).held(); }
 
  private:
@@ -266,19 +266,21 @@ class DeviceWorld {
   uint64_t diskSize() const { return kDiskBlocks * blockSize_; }
 
   virtual Platform ports() const = 0;
-  /// Name of the whole disk, as it is given to the ports.
+  /// Returns the name of the whole disk for the ports.
   virtual std::string disk() const = 0;
   std::string slice(uint32_t number) const { return disk() + "s" + std::to_string(number); }
-  /// The bytes of the disk, not read through the ports.
+  /// Returns bytes of the disk, read without the ports.
   virtual Buffer bytes(uint64_t offset, size_t count) const = 0;
   Buffer allBytes() const { return bytes(0, static_cast<size_t>(diskSize())); }
-  /// How many devices or descriptors are open.
+  /// Returns the number of open devices or descriptors.
   virtual size_t openCount() const = 0;
   virtual void lockElsewhere(DeviceLock lock) = 0;
   virtual void unlockElsewhere() = 0;
-  /// A lock is the access that the system grants to the very node that was opened, not advice about the whole disk: an
-  /// exclusive one keeps everybody else out, and the slices have no nodes while their disk is open for writing.
+  /// Returns whether a lock is the access to the opened node that the system grants, instead of an advisory lock on the
+  /// whole disk. In that case an exclusive lock keeps everybody else out.
   virtual bool locksAreAccess() const { return false; }
+  /// A process that has a whole disk open for writing with an exclusive lock can open the disk's slices, too.
+  virtual bool slicesStayBesideWriter() const { return true; }
 
  private:
   uint32_t blockSize_;
@@ -305,7 +307,7 @@ class SimulatedWorld final : public DeviceWorld {
   SimulatedMachine machine_;
 };
 
-/// A disk-image file; nothing in it needs a privilege.
+/// A disk-image file. No privilege is needed.
 class ImageWorld : public DeviceWorld {
  public:
   explicit ImageWorld(uint32_t blockSize) : DeviceWorld(blockSize) { writeUsualImage(image(), blockSize); }
@@ -328,18 +330,18 @@ class ImageWorld : public DeviceWorld {
   std::unique_ptr<OtherProcessLock> other_;
 };
 
-/// A loop device over such a file. The device is marked for detaching as soon as it is attached and goes with the last
-/// descriptor, so that a test that crashes leaves none behind.
+/// A loop device over such a file. It is marked for detaching as soon as it is attached, and disappears with the last
+/// descriptor, so a test that crashes leaves no device behind.
 class LoopWorld final : public ImageWorld {
  public:
-  /// `kernelSlices`: the kernel is told of the slices, so that they have nodes of their own.
+  /// With `kernelSlices`, the kernel learns of the slices, so they get their own nodes.
   LoopWorld(uint32_t blockSize, bool kernelSlices) : ImageWorld(blockSize) {
     bool ok = false;
     const std::string options = "--partscan --sector-size " + std::to_string(blockSize);
     device_ = runCommand("losetup --show --find " + options + " '" + image() + "'", ok);
     if (!ok || device_.empty()) throw std::runtime_error("losetup cannot attach a loop device");
     keeper_ = open(device_.c_str(), O_RDONLY | O_CLOEXEC);
-    runCommand("partx --delete " + device_ + " 2>/dev/null", ok);  // kernels differ in whether they look by themselves
+    runCommand("partx --delete " + device_ + " 2>/dev/null", ok);  // some kernels scan for slices themselves
     if (kernelSlices) runCommand("partx --add " + device_ + " 2>&1", slicesAdded_);
     runCommand("losetup --detach " + device_, ok);
   }
@@ -349,7 +351,7 @@ class LoopWorld final : public ImageWorld {
     close(keeper_);
   }
 
-  /// Why no loop device can be had; empty when one can.
+  /// Returns why no loop device is available, or an empty string if one is.
   static std::string unavailable() {
     if (geteuid() != 0) return "loop devices need root";
     if (access("/dev/loop-control", R_OK | W_OK) != 0) return "no /dev/loop-control on this machine";
@@ -365,7 +367,7 @@ class LoopWorld final : public ImageWorld {
   std::string disk() const override { return device_; }
   Buffer bytes(uint64_t offset, size_t count) const override {
     bool ok = false;
-    runCommand("blockdev --flushbufs " + device_, ok);  // a slice's node has a page cache of its own
+    runCommand("blockdev --flushbufs " + device_, ok);  // a slice's node has a separate page cache
     if (!ok) throw std::runtime_error("blockdev cannot flush " + device_);
     return readFile(device_, offset, count);
   }
@@ -376,7 +378,7 @@ class LoopWorld final : public ImageWorld {
   bool slicesAdded_ = false;
 };
 
-/// A world by name. `make` gives it, or null and the reason why this machine cannot have it.
+/// A world by name. `make` creates it, or returns null and the reason why this machine cannot have it.
 struct WorldKind {
   const char* name;
   std::function<std::unique_ptr<DeviceWorld>(std::string& reason)> make;
@@ -391,12 +393,12 @@ inline std::unique_ptr<DeviceWorld> makeLoopWorld(uint32_t blockSize, bool kerne
   if (!reason.empty()) return nullptr;
   auto world = std::make_unique<LoopWorld>(blockSize, kernelSlices);
   if (!kernelSlices || world->hasKernelSlices()) return world;
-  reason = "this kernel gives the slices of a loop device no nodes";
+  reason = "this kernel makes no nodes for slices of a loop device";
   return nullptr;
 }
 
 #ifdef VORLIX_MACOS_STANDINS
-std::vector<WorldKind> allWorlds();  // of tests/macos
+std::vector<WorldKind> allWorlds();  // in tests/macos
 #else
 inline std::vector<WorldKind> allWorlds() {
   const auto simulated = [](uint32_t size) {
@@ -423,7 +425,7 @@ inline std::string worldName(const testing::TestParamInfo<WorldKind>& info) {
   return info.param.name;
 }
 
-/// A test on each world. `world_` is null only in a test that was skipped.
+/// Runs each test on each world. `world_` is null only in a skipped test.
 class OnEveryWorld : public testing::TestWithParam<WorldKind> {
  protected:
   void SetUp() override {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The contract of platform/DiskArbitration.h, on every machine that this one can be.
+// The contract of platform/DiskArbitration.h, on every machine that is possible here.
 #include <Vorlix/platform/RunLoop.h>
 
 #include <chrono>
@@ -20,7 +20,7 @@ std::optional<int64_t> blockSizeBy(const Platform& ports, const std::string& nam
   return description ? description->integer(kDescriptionMediaBlockSize) : std::nullopt;
 }
 
-/// A name that no disk has gives no object, or one without a description.
+/// Returns whether a disk has that name. An unknown name gives no object, or one without a description.
 bool isKnown(const Platform& ports, const std::string& name) {
   const auto session = ports.diskArbitration->createSession();
   const auto disk = session->diskFromBSDName(name);
@@ -38,14 +38,14 @@ TEST_P(DiskArbitrationContract, DescribesTheBlockSizeOfASlice) {
   EXPECT_EQ(blockSizeBy(world_->ports(), world_->slice(3)), int64_t{world_->blockSize()});
 }
 
-TEST_P(DiskArbitrationContract, TakesADeviceNameWithAndWithoutItsFolder) {
+TEST_P(DiskArbitrationContract, AcceptsADeviceNameWithAndWithoutItsFolder) {
   const std::string name = world_->disk();
   if (name.rfind("/dev/", 0) != 0) GTEST_SKIP() << "a disk-image file has no device name";
   EXPECT_EQ(blockSizeBy(world_->ports(), name.substr(5)), int64_t{world_->blockSize()});
   EXPECT_EQ(blockSizeBy(world_->ports(), name.substr(5) + "s3"), int64_t{world_->blockSize()});
 }
 
-TEST_P(DiskArbitrationContract, KnowsNothingOfANameThatNoDiskHas) {
+TEST_P(DiskArbitrationContract, DoesNotKnowAMissingDisk) {
   EXPECT_FALSE(isKnown(world_->ports(), world_->disk() + "-missing"));
   EXPECT_FALSE(isKnown(world_->ports(), "no-such-disk"));
   EXPECT_FALSE(isKnown(world_->ports(), ""));
@@ -63,7 +63,7 @@ TEST_P(DiskArbitrationContract, HoldingADiskKeepsNothingOpen) {
   EXPECT_EQ(world_->openCount(), before);
 }
 
-TEST_P(DiskArbitrationContract, DescribingLeavesTheDiskAsItWas) {
+TEST_P(DiskArbitrationContract, DescribingDoesNotChangeTheDisk) {
   const Buffer before = world_->allBytes();
   EXPECT_TRUE(blockSizeBy(world_->ports(), world_->disk()).has_value());
   EXPECT_EQ(world_->allBytes(), before);
@@ -80,7 +80,7 @@ TEST_P(DiskArbitrationContract, ASessionServesManyDisks) {
   }
 }
 
-TEST_P(DiskArbitrationContract, TakesTheDevicesFolderBeforeAPathAnyNumberOfTimes) {
+TEST_P(DiskArbitrationContract, AcceptsTheDevicesFolderBeforeAPathAnyNumberOfTimes) {
   const auto session = world_->ports().diskArbitration->createSession();
   for (const std::string& name : {world_->disk(), world_->slice(1), world_->slice(3)}) {
     const auto bsdName = session->diskFromBSDName(name)->bsdName();
@@ -128,7 +128,7 @@ TEST_P(DiskArbitrationContract, ARequestToADiskThatOutlivedItsSessionHasNoComple
 
 INSTANTIATE_TEST_SUITE_P(Worlds, DiskArbitrationContract, testing::ValuesIn(allWorlds()), worldName);
 
-// ---------------------------------------------------------------------------------------- what only some worlds have
+// ------------------------------------------------------------------------------------------------- only on some worlds
 
 TEST(SimulatedDiskArbitration, CanHideTheBlockSize) {
   SimulatedMachine machine;
@@ -168,7 +168,7 @@ TEST_F(NativeDiskArbitration, AnEmptyOrShortImageHasBlocksOf512Bytes) {
   }
 }
 
-TEST_F(NativeDiskArbitration, TheHeadersPlaceTellsTheBlockSizeOfAnImage) {
+TEST_F(NativeDiskArbitration, TheHeadersLocationDeterminesTheBlockSizeOfAnImage) {
   for (const uint32_t size : {512U, 4096U}) {
     const std::string path = folder_ / ("header" + std::to_string(size));
     writeImage(path, gptOf(size, kDiskBlocks, {}), kDiskBlocks * size);
@@ -176,12 +176,12 @@ TEST_F(NativeDiskArbitration, TheHeadersPlaceTellsTheBlockSizeOfAnImage) {
   }
 }
 
-TEST_F(NativeDiskArbitration, WhatIsNeitherAFileNorABlockDeviceIsNoDisk) {
+TEST_F(NativeDiskArbitration, OnlyFilesAndBlockDevicesAreDisks) {
   EXPECT_FALSE(isKnown(ports_, folder_.path().string()));
   EXPECT_FALSE(isKnown(ports_, "/dev/null"));
 }
 
-TEST_F(NativeDiskArbitration, TheDescriptionIsOfNow) {
+TEST_F(NativeDiskArbitration, TheDescriptionIsCurrent) {
   const std::string path = folder_ / "disk.img";
   writeUsualImage(path, 4096);
   const auto session = ports_.diskArbitration->createSession();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The contract of platform/FileCopy.h, on every machine that this one can be.
+// The contract of platform/FileCopy.h, on every machine that is possible here.
 #include <Vorlix/platform/FileCopy.h>
 #include <sys/stat.h>
 
@@ -24,7 +24,7 @@ std::string contentOf(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-// 2001-02-03 04:05:06 UTC and some nanoseconds that a file system may round.
+// 2001-02-03 04:05:06 UTC, with nanoseconds that a file system may round.
 constexpr timespec kOldTime = {981173106, 123456789};
 
 void age(const std::string& path) {
@@ -68,7 +68,7 @@ TEST_P(FileCopyContract, CopiesAFileWithItsModeAndTime) {
   EXPECT_TRUE(contentOf(folder_ / "from") == content);
 }
 
-TEST_P(FileCopyContract, CopiesAnEmptyFileAndOneThatCannotBeWritten) {
+TEST_P(FileCopyContract, CopiesAnEmptyFileAndAReadOnlyOne) {
   make("empty", "");
   make("protected", "bytes", 0444);
   EXPECT_EQ(copy("empty", "empty copy"), std::nullopt);
@@ -85,7 +85,7 @@ TEST_P(FileCopyContract, CopiesALinkAsALink) {
   EXPECT_EQ(fs::read_symlink(folder_ / "copy"), "nowhere/at all");
 }
 
-TEST_P(FileCopyContract, CopiesAFolderWithAllItsContents) {
+TEST_P(FileCopyContract, CopiesAFolderWithItsContent) {
   fs::create_directories(folder_ / "from/inner/empty");
   make("from/first", "one");
   make("from/inner/\xC3\xA4 second", "two", 0600);
@@ -105,7 +105,7 @@ TEST_P(FileCopyContract, CopiesAFolderWithAllItsContents) {
   }
 }
 
-TEST_P(FileCopyContract, CopiesAFolderThatCannotBeWritten) {
+TEST_P(FileCopyContract, CopiesAReadOnlyFolder) {
   fs::create_directory(folder_ / "from");
   make("from/file", "one");
   chmod((folder_ / "from").c_str(), 0555);
@@ -123,7 +123,7 @@ TEST_P(FileCopyContract, AMissingSourceIsRefusedWithItsPath) {
   EXPECT_FALSE(fs::exists(folder_ / "to"));
 }
 
-TEST_P(FileCopyContract, ADestinationThatExistsIsRefusedAndKept) {
+TEST_P(FileCopyContract, AnExistingDestinationIsRefusedAndKept) {
   make("from", "new");
   make("to", "old");
   fs::create_directory(folder_ / "folder");
@@ -148,10 +148,10 @@ TEST_P(FileCopyContract, AFolderIsNotCopiedIntoItself) {
   EXPECT_TRUE(copy("from", "way in/copy").has_value());
   EXPECT_FALSE(fs::exists(folder_ / "from/copy"));
   EXPECT_TRUE(fs::is_empty(folder_ / "from/inner"));
-  EXPECT_EQ(copy("from", "from beside"), std::nullopt) << "a name that only starts the same lies beside it";
+  EXPECT_EQ(copy("from", "from beside"), std::nullopt) << "a name with the same prefix is not inside the folder";
 }
 
-TEST_P(FileCopyContract, WhatWasCopiedBeforeAFailureStays) {
+TEST_P(FileCopyContract, CopiesMadeBeforeAFailureRemain) {
   if (geteuid() == 0) GTEST_SKIP() << "the super-user can read every file";
   fs::create_directory(folder_ / "from");
   make("from/a", "one");
@@ -162,7 +162,7 @@ TEST_P(FileCopyContract, WhatWasCopiedBeforeAFailureStays) {
   EXPECT_EQ(contentOf(folder_ / "to/a"), "one");
 }
 
-TEST_P(FileCopyContract, WhatIsNeitherFileNorFolderNorLinkEndsTheCopyWithoutWaiting) {
+TEST_P(FileCopyContract, AnItemOfAnotherKindEndsTheCopyWithoutBlocking) {
   fs::create_directory(folder_ / "from");
   make("from/a", "one");
   ASSERT_EQ(mkfifo((folder_ / "from/b").c_str(), 0600), 0);
@@ -188,7 +188,7 @@ std::string copierName(const testing::TestParamInfo<std::string>& copier) {
 
 INSTANTIATE_TEST_SUITE_P(Machines, FileCopyContract, testing::Values("Native", "Simulated"), copierName);
 
-TEST(SimulatedFileCopy, FailsForTheReasonThatWasSet) {
+TEST(SimulatedFileCopy, FailsWithTheReasonThatWasSet) {
   TemporaryFolder folder;
   std::ofstream(folder / "from") << "one";
   SimulatedMachine machine;

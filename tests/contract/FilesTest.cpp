@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The contract of <Vorlix/platform/Files.h> and of the names on volumes, over this system's files and simulated ones.
+// The contract of <Vorlix/platform/Files.h> and of the names on volumes, with this system's files and with simulated
+// ones.
 #include <Vorlix/platform/FileCopy.h>
 #include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/VolumeNames.h>
@@ -23,7 +24,7 @@ using testing::IsEmpty;
 using testing::Optional;
 using testing::UnorderedElementsAre;
 
-/// Makes files to look at, below a folder of its own.
+/// Creates files in a private folder for the tests.
 class FilesWorld {
  public:
   virtual ~FilesWorld() = default;
@@ -92,7 +93,7 @@ class FilesContract : public testing::TestWithParam<const char*> {
   std::shared_ptr<Files> files_;
 };
 
-TEST_P(FilesContract, KindsAreToldApart) {
+TEST_P(FilesContract, KindsAreDistinguished) {
   world_->addFolder("folder");
   world_->addFile("file", "");
   world_->addPipe("pipe");
@@ -106,13 +107,13 @@ TEST_P(FilesContract, KindsAreToldApart) {
   EXPECT_EQ(files_->kindOf(""), std::nullopt);
 }
 
-TEST_P(FilesContract, CaseIsToldApart) {
+TEST_P(FilesContract, CaseMatters) {
   world_->addFile("file", "");
   if (fs::exists(at("FILE"))) GTEST_SKIP() << "this file system ignores case";
   EXPECT_EQ(files_->kindOf(at("FILE")), std::nullopt);
 }
 
-TEST_P(FilesContract, DotsLeadWhereTheyDoInAnyPath) {
+TEST_P(FilesContract, DotsAreResolved) {
   world_->addFolder("folder/inner");
   world_->addFile("file", "");
   EXPECT_THAT(files_->kindOf(at("folder/inner/../../file")), Optional(FileKind::file));
@@ -135,7 +136,7 @@ TEST_P(FilesContract, LinksAreFollowed) {
   EXPECT_THAT(files_->namesIn(at("absolute")), Optional(UnorderedElementsAre("file", "up")));
 }
 
-TEST_P(FilesContract, ALinkThatLeadsNowhereIsNothingButALink) {
+TEST_P(FilesContract, ADanglingLinkIsOnlyALink) {
   world_->addLink("dangling", "nowhere");
   world_->addLink("circle", "circle");
   for (const char* name : {"dangling", "circle"}) {
@@ -146,7 +147,7 @@ TEST_P(FilesContract, ALinkThatLeadsNowhereIsNothingButALink) {
   }
 }
 
-TEST_P(FilesContract, OnlyTheLastNameMakesALink) {
+TEST_P(FilesContract, OnlyTheLastComponentDecidesAboutALink) {
   world_->addFolder("folder/inner");
   world_->addLink("link", "folder");
   EXPECT_TRUE(files_->isLink(at("link")));
@@ -155,7 +156,7 @@ TEST_P(FilesContract, OnlyTheLastNameMakesALink) {
   EXPECT_FALSE(files_->isLink(at("nothing")));
 }
 
-TEST_P(FilesContract, AFoldersNamesAreListedWithoutItsDots) {
+TEST_P(FilesContract, AFolderIsListedWithoutItsDots) {
   world_->addFolder("folder/inner/deep");
   world_->addFile("folder/file", "");
   world_->addFile("folder/.hidden", "");
@@ -164,14 +165,14 @@ TEST_P(FilesContract, AFoldersNamesAreListedWithoutItsDots) {
   EXPECT_THAT(files_->namesIn(at("folder/inner/deep")), Optional(IsEmpty()));
 }
 
-TEST_P(FilesContract, WhatIsNoFolderIsNotListed) {
+TEST_P(FilesContract, OnlyFoldersAreListed) {
   world_->addFile("file", "");
   EXPECT_EQ(files_->namesIn(at("file")), std::nullopt);
   EXPECT_EQ(files_->namesIn(at("nothing")), std::nullopt);
   EXPECT_EQ(files_->namesIn(""), std::nullopt);
 }
 
-TEST_P(FilesContract, AFileIsReadWholeUpToItsLimit) {
+TEST_P(FilesContract, AFileIsReadCompletelyUpToItsLimit) {
   const std::string bytes("a\0\r\n\xFF", 5);
   world_->addFile("file", bytes);
   world_->addFile("empty", "");
@@ -192,15 +193,16 @@ TEST_P(FilesContract, ANameIsFoundInAnySpelling) {
   EXPECT_EQ(pathInAnySpelling(world_->root(), {"Windows", "Boot", "Fonts"}), at("WINDOWS/Boot/Fonts"));
   EXPECT_EQ(pathInAnySpelling(world_->root(), {"nothing"}), at("nothing"));
   world_->addFolder("Windows");
-  EXPECT_EQ(pathInAnySpelling(world_->root(), {"Windows"}), at("Windows")) << "the name itself goes first";
+  EXPECT_EQ(pathInAnySpelling(world_->root(), {"Windows"}), at("Windows")) << "the exact name takes precedence";
   world_->addFolder("wIndows");
-  EXPECT_EQ(pathInAnySpelling(world_->root(), {"windows"}), at("WINDOWS")) << "then the one that sorts first";
+  EXPECT_EQ(pathInAnySpelling(world_->root(), {"windows"}), at("WINDOWS"))
+      << "otherwise the name that sorts first is used";
 }
 
 INSTANTIATE_TEST_SUITE_P(Worlds, FilesContract, testing::Values("Native", "Simulated"),
                          [](const auto& world) { return std::string(world.param); });
 
-TEST(NativeFilesTest, ARelativePathBeginsAtTheWorkingFolder) {
+TEST(NativeFilesTest, ARelativePathStartsAtTheWorkingFolder) {
   NativeFilesWorld world;
   world.addFile("ntldr", "x");
   const fs::path before = fs::current_path();
@@ -210,7 +212,7 @@ TEST(NativeFilesTest, ARelativePathBeginsAtTheWorkingFolder) {
   EXPECT_THAT(kind, Optional(FileKind::file));
 }
 
-TEST(NativeFilesTest, WhatTheUserMayNotLookAtIsNotThere) {
+TEST(NativeFilesTest, FilesThatTheUserMayNotSeeDoNotExist) {
   if (geteuid() == 0) GTEST_SKIP() << "nothing is hidden from root";
   NativeFilesWorld world;
   world.addFolder("closed");
@@ -238,24 +240,24 @@ TEST(SimulatedFilesTest, AVolumeMayIgnoreCase) {
   machine.addFile("/v/Folder/File", "text");
   const auto files = machine.platform().files;
   EXPECT_EQ(files->contentsOf("/v/FOLDER/file", 10), "text");
-  EXPECT_EQ(files->kindOf("/V/Folder"), std::nullopt) << "names above it";
+  EXPECT_EQ(files->kindOf("/V/Folder"), std::nullopt) << "names above the volume are case-sensitive";
   EXPECT_EQ(files->kindOf("/other/file"), std::nullopt);
   machine.addFile("/v/folder/FILE", "new");
   EXPECT_THAT(files->namesIn("/v/folder"), Optional(ElementsAre("File")));
   EXPECT_EQ(machine.contentsOf("/v/Folder/File"), "new");
 }
 
-TEST(SimulatedFilesTest, NothingOfThisSystemIsSeenBesideTheMachinesFiles) {
+TEST(SimulatedFilesTest, ThisSystemsFilesAreInvisibleBesideTheMachinesFiles) {
   SimulatedMachine machine;
   NativeFilesWorld real;
   real.addFile("file", "x");
   const auto files = machine.platform().files;
-  EXPECT_TRUE(files->kindOf(real.at("file"))) << "a machine without files of its own";
+  EXPECT_TRUE(files->kindOf(real.at("file"))) << "a machine without files shows this system's files";
   machine.addFolder("/Volumes");
   EXPECT_EQ(files->kindOf(real.at("file")), std::nullopt);
   machine.removeItem("/Volumes");
   EXPECT_EQ(files->kindOf("/Volumes"), std::nullopt);
-  EXPECT_EQ(files->kindOf(real.at("file")), std::nullopt) << "nor after they were removed";
+  EXPECT_EQ(files->kindOf(real.at("file")), std::nullopt) << "this must hold even after they were removed";
 }
 
 TEST(SimulatedFilesTest, CopiesStayInTheMachine) {

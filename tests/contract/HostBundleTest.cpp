@@ -6,13 +6,13 @@
 
 namespace {
 
-TEST(HostBundleContract, AResourceThatTheHostDoesNotShipIsAbsent) {
+TEST(HostBundleContract, AMissingResourceIsAbsent) {
   EXPECT_FALSE(vorlix::platform().hostBundle->pathForResource("no-such-resource", "", ""));
   EXPECT_FALSE(vorlix::platform().hostBundle->pathForResource("no-such-resource", "plist", ""));
   EXPECT_FALSE(vorlix::SimulatedHostBundle().pathForResource("no-such-resource", "", ""));
 }
 
-TEST(SimulatedHostBundleTest, NameAndTypeNameAResource) {
+TEST(SimulatedHostBundleTest, NameAndTypeIdentifyAResource) {
   vorlix::SimulatedHostBundle bundle;
   bundle.addResource("unzip", "", "/host/unzip");
   bundle.addResource("BeforeEFI", "plist", "/host/BeforeEFI.plist");

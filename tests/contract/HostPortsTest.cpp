@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The contracts of the small ports: paths, the user's locale, files in place; and of a set that lacks some.
+// The contracts of the small ports (paths, the user's locale, files in place), and a set that lacks ports.
 #include <Vorlix/platform/FilesInPlace.h>
 #include <Vorlix/platform/SystemPaths.h>
 #include <Vorlix/platform/UserLocale.h>
@@ -18,14 +18,14 @@
 namespace vorlix::contract {
 namespace {
 
-TEST(SystemPathsContract, ThePathsThatHostsRelyOn) {
+TEST(SystemPathsContract, NativeAndSimulatedPathsAreThoseThatHostsRelyOn) {
   for (const Platform& ports : {nativePlatform(), SimulatedMachine().platform()}) {
     EXPECT_EQ(ports.systemPaths->logFile(), "/tmp/quandrel.log");
     EXPECT_EQ(ports.systemPaths->statusTool(), "/usr/bin/csrutil");
   }
 }
 
-TEST(SystemPathsContract, ATestChoosesItsOwn) {
+TEST(SystemPathsContract, ATestCanReplaceThePaths) {
   SimulatedMachine machine;
   machine.setLogFile("/here/log");
   machine.setStatusTool("/here/tool");
@@ -33,7 +33,7 @@ TEST(SystemPathsContract, ATestChoosesItsOwn) {
   EXPECT_EQ(machine.platform().systemPaths->statusTool(), "/here/tool");
 }
 
-TEST(UserLocaleContract, DecimalsFollowOneSign) {
+TEST(UserLocaleContract, TheDecimalSeparatorIsTheUsersAndCanBeReplaced) {
   EXPECT_FALSE(nativePlatform().userLocale->decimalSeparator().empty());
   SimulatedMachine machine;
   EXPECT_EQ(machine.platform().userLocale->decimalSeparator(), nativePlatform().userLocale->decimalSeparator());
@@ -79,11 +79,11 @@ TEST_F(FilesInPlaceContract, SyncsAFileAndItsFileSystem) {
   EXPECT_EQ(errno, EBADF);
 }
 
-TEST_F(FilesInPlaceContract, RenamesToAFreeNameAlone) {
+TEST_F(FilesInPlaceContract, RenamesOnlyToAFreeName) {
   const std::string from = make("from", "new");
   const std::string taken = make("taken", "old");
   if (files_->renameToFreeName(from.c_str(), (folder_ + "/free").c_str()) != 0) {
-    GTEST_SKIP() << "the file system has no such call: " << errno;
+    GTEST_SKIP() << "the file system does not support this call: " << errno;
   }
   EXPECT_EQ(read(folder_ + "/free"), "new");
   EXPECT_EQ(files_->renameToFreeName((folder_ + "/free").c_str(), taken.c_str()), -1);
@@ -92,7 +92,7 @@ TEST_F(FilesInPlaceContract, RenamesToAFreeNameAlone) {
   EXPECT_EQ(read(folder_ + "/free"), "new");
 }
 
-TEST(PlatformTest, APortThatASetLacksIsTheNativeOne) {
+TEST(PlatformTest, AMissingPortIsReplacedByTheNativeOne) {
   SimulatedMachine machine;
   Platform older = machine.platform();
   older.files = nullptr;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What every adapter of the I/O registry port keeps to. A test program brings its machines: each has a whole disk with
-// a slice, and a registry that shows both.
+// The contract of every adapter of the I/O registry port. A test program provides its machines: each has a whole disk
+// with a slice, and a registry that shows both.
 #pragma once
 
 #include <algorithm>
@@ -14,15 +14,15 @@
 
 namespace vorlix::test {
 
-/// A machine under test. `keeper` lives as long as the registry is used.
+/// A machine under test. `keeper` must live as long as the registry is used.
 struct RegistryMachine {
   std::shared_ptr<void> keeper;
   std::shared_ptr<IORegistry> registry;
   std::string whole;      ///< BSD name of a whole disk
-  std::string slice;      ///< of a slice of it
+  std::string slice;      ///< BSD name of a slice of that disk
   int64_t partitionID;    ///< number of the slice
   std::string sliceUUID;  ///< partition GUID of the slice, as text
-  int64_t base;           ///< where the slice starts, in bytes
+  int64_t base;           ///< start of the slice in bytes
   std::string diskUUID;   ///< disk GUID, as text
 };
 
@@ -45,7 +45,7 @@ class IORegistryContract : public testing::TestWithParam<RegistryCase> {
   IORegistry& registry_;
 };
 
-TEST_P(IORegistryContract, GivesAPort) {
+TEST_P(IORegistryContract, ReturnsAPort) {
   MasterPort port = 0;
   EXPECT_EQ(registry_.masterPort(port), kKernSuccess);
   EXPECT_NE(port, 0U);
@@ -90,7 +90,7 @@ TEST_P(IORegistryContract, APropertyOfAnotherTypeDoesNotMatch) {
   EXPECT_TRUE(matching(registry_, conditions).empty());
 }
 
-TEST_P(IORegistryContract, EveryConditionHasToHold) {
+TEST_P(IORegistryContract, EveryConditionMustHold) {
   RegistryMatching conditions;
   conditions.className = "IOMedia";
   conditions.bsdName = machine_.slice;
@@ -107,7 +107,7 @@ TEST_P(IORegistryContract, NoMatchIsSuccess) {
   EXPECT_TRUE(matching(registry_, conditions).empty());
 }
 
-TEST_P(IORegistryContract, AWalkMeetsEveryEntryOnceAndParentsFirst) {
+TEST_P(IORegistryContract, AWalkVisitsEveryEntryOnceAndParentsFirst) {
   for (const char* const plane : {kServicePlane, kDeviceTreePlane}) {
     std::vector<std::string> seen;
     for (const auto& entry : walked(registry_, plane)) {
@@ -132,12 +132,13 @@ TEST_P(IORegistryContract, ASliceIsBelowItsDiskWhichIsBelowTheRoot) {
   ASSERT_NE(entry, nullptr);
   std::shared_ptr<RegistryEntry> parent;
   ASSERT_EQ(entry->parent(kServicePlane, parent), kKernSuccess);
-  EXPECT_FALSE(propertiesOf(*parent).contains("BSD Name")) << "the partition table, which is no medium";
+  EXPECT_FALSE(propertiesOf(*parent).contains("BSD Name"))
+      << "the parent must be the partition table, which is no medium";
   EXPECT_EQ(textOf(*parent, "UUID"), machine_.diskUUID);
   entry = parent;
   ASSERT_EQ(entry->parent(kServicePlane, parent), kKernSuccess);
   EXPECT_EQ(textOf(*parent, "BSD Name"), machine_.whole);
-  EXPECT_FALSE(propertiesOf(*parent).contains("UUID")) << "it would be taken for a partition's";
+  EXPECT_FALSE(propertiesOf(*parent).contains("UUID")) << "it could be mistaken for a partition's identifier";
   int levels = 2;
   for (; levels < 100 && parent != nullptr; ++levels) {
     entry = parent;
@@ -147,7 +148,7 @@ TEST_P(IORegistryContract, ASliceIsBelowItsDiskWhichIsBelowTheRoot) {
   EXPECT_LE(levels, 9);
 }
 
-TEST_P(IORegistryContract, AnEntryIsNotInAPlaneOfAnotherName) {
+TEST_P(IORegistryContract, AnEntryIsNotInAnotherPlane) {
   const auto entry = only(machine_.slice);
   ASSERT_NE(entry, nullptr);
   std::string path = "as before";
@@ -158,7 +159,7 @@ TEST_P(IORegistryContract, AnEntryIsNotInAPlaneOfAnotherName) {
   EXPECT_EQ(parent, nullptr);
 }
 
-TEST_P(IORegistryContract, OnePropertyIsAsAmongAll) {
+TEST_P(IORegistryContract, OnePropertyEqualsItsValueAmongAllProperties) {
   const auto entry = only(machine_.slice);
   ASSERT_NE(entry, nullptr);
   const Dictionary properties = propertiesOf(*entry);
@@ -180,7 +181,7 @@ TEST_P(IORegistryContract, AnEntryOutlivesItsIteratorAndItsRegistry) {
   EXPECT_EQ(entry->parent(kServicePlane, parent), kKernSuccess);
 }
 
-TEST_P(IORegistryContract, AnIteratorStaysAtItsEnd) {
+TEST_P(IORegistryContract, AnIteratorStaysAtTheEnd) {
   std::shared_ptr<RegistryIterator> iterator;
   ASSERT_EQ(registry_.matchingServices(0, {std::nullopt, machine_.slice, {}}, iterator), kKernSuccess);
   ASSERT_EQ(allOf(iterator).size(), 1U);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The simulated machine keeps to the contract of the I/O registry.
+// Checks that the simulated machine fulfils the contract of the I/O registry.
 #include "IORegistryContract.h"
 
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
@@ -40,7 +40,7 @@ RegistryMachine simulated() {
 }
 
 #ifdef VORLIX_MACOS_STANDINS
-// The same machine below the adapter of macOS.
+// The same machine through the adapter of macOS.
 RegistryMachine shown() {
   RegistryMachine machine = simulated();
   standin::show(*std::static_pointer_cast<SimulatedMachine>(machine.keeper));

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The contract of platform/MountedVolumes.h, on the simulated machine and on this one. The linux folder has the tests
-// with mounts of their own.
+// The contract of platform/MountedVolumes.h, on the simulated machine and on this one. The tests in the linux folder
+// make their own mounts.
 #include <Vorlix/platform/MountedVolumes.h>
 #include <gmock/gmock.h>
 
@@ -59,15 +59,15 @@ TEST_P(MountedVolumesContract, EveryVolumeHasANameAndASourceAndPathsAreAbsolute)
   }
 }
 
-TEST_P(MountedVolumesContract, NoMoreIsFreeThanThereIs) {
+TEST_P(MountedVolumesContract, FreeSpaceDoesNotExceedTheTotalSize) {
   for (const MountedVolume& volume : volumes()) {
     EXPECT_EQ(volume.totalSize.has_value(), volume.freeSpace.has_value()) << volume.mountedFrom;
     EXPECT_LE(volume.freeSpace.value_or(0), volume.totalSize.value_or(0)) << volume.mountedFrom;
   }
 }
 
-// Others may mount and unmount in the meantime.
-TEST_P(MountedVolumesContract, TheOrderStays) {
+// Other programs may mount and unmount volumes in the meantime.
+TEST_P(MountedVolumesContract, TheOrderIsStable) {
   std::vector<std::string> first = sourcesOf(volumes());
   std::vector<std::string> second = sourcesOf(volumes());
   const auto keepOthers = [](std::vector<std::string>& list, const std::vector<std::string>& others) {
@@ -85,11 +85,11 @@ TEST_P(MountedVolumesContract, ListingLeavesNothingOpen) {
   EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_P(MountedVolumesContract, TheRootVolumeIsThatOfDiskArbitration) {
-  if (GetParam()) GTEST_SKIP() << "the simulated machine's disk arbitration is told of mounts by itself";
+TEST_P(MountedVolumesContract, TheRootVolumeMatchesDiskArbitration) {
+  if (GetParam()) GTEST_SKIP() << "the simulated machine keeps mounts for disk arbitration separately";
   const auto session = ports_.diskArbitration->createSession();
   const auto disk = session ? session->diskFromVolumePath(URL::fileURLWithPath("/")) : nullptr;
-  if (!disk) GTEST_SKIP() << "\"/\" is no disk's volume on this machine";
+  if (!disk) GTEST_SKIP() << "\"/\" is not on a disk on this machine";
   const std::vector<MountedVolume> list = volumes();
   const auto root = std::find_if(list.begin(), list.end(), [](const auto& volume) { return volume.mountPath == "/"; });
   if (root == list.end()) GTEST_SKIP() << "\"/\" is a folder of a volume on this machine";
@@ -102,7 +102,7 @@ TEST_P(MountedVolumesContract, TheRootVolumeIsThatOfDiskArbitration) {
 INSTANTIATE_TEST_SUITE_P(Machines, MountedVolumesContract, testing::Values(true, false),
                          [](const auto& kind) { return kind.param ? "Simulated" : "Native"; });
 
-TEST(SimulatedMountedVolumes, AreListedAsTheyWereAddedAndTheQuestionIsNoted) {
+TEST(SimulatedMountedVolumes, AreListedInTheOrderOfAddingAndTheQueryIsRecorded) {
   const auto machine = simulatedMachine();
   const std::vector<MountedVolume> volumes = machine->platform().mountedVolumes->volumes();
   EXPECT_THAT(sourcesOf(volumes), ElementsAre("/dev/disk0s2", "/dev/disk1s1", "/dev/disk1s2", "ntfs://disk4s1/Data"));
@@ -115,7 +115,7 @@ TEST(SimulatedMountedVolumes, AreListedAsTheyWereAddedAndTheQuestionIsNoted) {
   EXPECT_THAT(machine->journal(), ElementsAre("list mounted volumes"));
 }
 
-TEST(SimulatedMountedVolumes, AnotherVolumeComesAtTheEnd) {
+TEST(SimulatedMountedVolumes, ANewVolumeIsAddedAtTheEnd) {
   SimulatedMachine machine;
   const Platform ports = machine.platform();
   EXPECT_TRUE(ports.mountedVolumes->volumes().empty());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The contract of platform/DiskArbitration.h for mounting and unmounting, on every machine that this one can be.
+// The contract of platform/DiskArbitration.h for mounting and unmounting, on every machine that is possible here.
 #include "Volumes.h"
 #ifdef VORLIX_MACOS_STANDINS
 #include "tests/macos/standin/System.h"
@@ -20,7 +20,7 @@ class MountWorld {
   virtual std::string kind() const { return "msdos"; }
   virtual bool isReal() const { return true; }
   std::string volume() const { return disk() + "s1"; }
-  /// Tests may run side by side, and folders are named after labels.
+  /// Returns a label that is unique to this process. Folders are named after labels, and tests may run in parallel.
   std::string label() const { return "EFI " + std::to_string(getpid()); }
 };
 
@@ -40,7 +40,7 @@ class SimulatedMountWorld : public MountWorld {
 };
 
 #ifdef VORLIX_MACOS_STANDINS
-/// The same machine below the adapters of macOS.
+/// The same machine through the adapters of macOS.
 class NodeMountWorld final : public SimulatedMountWorld {
  public:
   Platform ports() const override { return nativePlatform(); }
@@ -63,7 +63,7 @@ class ImageMountWorld : public MountWorld {
   TemporaryFolder folder_;
 };
 
-/// Slice 1 of a loop device, which may or may not have a node of its own.
+/// Slice 1 of a loop device, which may or may not have its own node.
 class LoopMountWorld final : public ImageMountWorld {
  public:
   LoopMountWorld() {
@@ -101,7 +101,7 @@ std::unique_ptr<MountWorld> makeImageWorld(std::string& reason) {
 std::unique_ptr<MountWorld> makeLoopWorld(std::string& reason) {
   reason = LoopWorld::unavailable();
 #ifdef VORLIX_MACOS_STANDINS
-  reason = "the adapters of macOS know no loop devices";
+  reason = "the adapters of macOS do not know loop devices";
 #endif
   if (reason.empty()) reason = missingTool({"sfdisk", "mkfs.vfat", "mcopy", "partx"});
   return reason.empty() ? std::make_unique<LoopMountWorld>() : nullptr;
@@ -147,7 +147,7 @@ TEST_P(MountingContract, AVolumeIsMountedAndUnmounted) {
   }
 }
 
-TEST_P(MountingContract, HiddenAndForWritingIsAGoodRequest) {
+TEST_P(MountingContract, AHiddenReadWriteMountIsAValidRequest) {
   const auto refused = mountNow(ports_, world_->volume(), {"nobrowse", "rw"});
   ASSERT_FALSE(refused) << textOf(refused);
   if (world_->isReal()) writeText(mountPath(ports_, world_->volume()) + "/new.txt", "new");
@@ -155,7 +155,7 @@ TEST_P(MountingContract, HiddenAndForWritingIsAGoodRequest) {
   EXPECT_FALSE(stuck) << textOf(stuck);
 }
 
-TEST_P(MountingContract, WhatWasWrittenIsThereAtTheNextMount) {
+TEST_P(MountingContract, WrittenDataIsThereAtTheNextMount) {
   if (!world_->isReal()) GTEST_SKIP() << "the simulated machine has no files";
   ASSERT_TRUE(granted(mountNow(ports_, world_->volume(), {"rw"})));
   const std::string first = mountPath(ports_, world_->volume());
@@ -182,7 +182,7 @@ TEST_P(MountingContract, AMountedVolumeIsFoundByItsPath) {
   EXPECT_FALSE(session->diskFromVolumePath(URL::fileURLWithPath(path)));
 }
 
-TEST_P(MountingContract, NoVolumeIsMountedAtAPathOfNoneItsFoldersIncluded) {
+TEST_P(MountingContract, NoVolumeIsFoundAtOtherPathsOrInsideAVolume) {
   const auto session = ports_.diskArbitration->createSession();
   EXPECT_FALSE(session->diskFromVolumePath(URL::fileURLWithPath("/no/such/path")));
   EXPECT_FALSE(session->diskFromVolumePath(URL::fileURLWithPath("")));
@@ -203,14 +203,14 @@ TEST_P(MountingContract, ADiskWithoutAFileSystemIsNotMounted) {
   EXPECT_EQ(mountPath(ports_, world_->disk()), "");
 }
 
-TEST_P(MountingContract, ThereIsNoDiskOfAnUnknownName) {
+TEST_P(MountingContract, AnUnknownNameHasNoDisk) {
   const auto session = ports_.diskArbitration->createSession();
   EXPECT_FALSE(session->diskFromBSDName("no-such-disk"));
   EXPECT_FALSE(session->diskFromBSDName(""));
   EXPECT_FALSE(session->diskFromBSDName(world_->disk() + "s2"));
 }
 
-TEST_P(MountingContract, TheWholeDiskOfASliceAndOfItself) {
+TEST_P(MountingContract, ASliceAndItsDiskHaveTheSameWholeDisk) {
   const auto session = ports_.diskArbitration->createSession();
   const auto whole = session->diskFromBSDName(world_->disk());
   const auto slice = session->diskFromBSDName(world_->volume());
@@ -220,7 +220,7 @@ TEST_P(MountingContract, TheWholeDiskOfASliceAndOfItself) {
   EXPECT_EQ(whole->wholeDisk()->bsdName(), whole->bsdName());
 }
 
-TEST_P(MountingContract, ANameFindsTheSameDiskWithItsFolderBeforeIt) {
+TEST_P(MountingContract, ANameWithTheDevicePrefixFindsTheSameDisk) {
   const auto session = ports_.diskArbitration->createSession();
   const auto name = session->diskFromBSDName(world_->volume())->bsdName();
   ASSERT_TRUE(name.has_value());
@@ -229,7 +229,7 @@ TEST_P(MountingContract, ANameFindsTheSameDiskWithItsFolderBeforeIt) {
   EXPECT_EQ(again->bsdName(), name);
 }
 
-TEST_P(MountingContract, ARequestWithoutACompletionIsCarriedOutWhenTheSessionEnds) {
+TEST_P(MountingContract, ARequestWithoutACompletionIsExecutedWhenTheSessionEnds) {
   auto session = ports_.diskArbitration->createSession();
   auto disk = session->diskFromBSDName(world_->volume());
   disk->mount({}, nullptr);
@@ -238,7 +238,7 @@ TEST_P(MountingContract, ARequestWithoutACompletionIsCarriedOutWhenTheSessionEnd
   EXPECT_NE(mountPath(ports_, world_->volume()), "");
 }
 
-TEST_P(MountingContract, ARequestToADiskThatOutlivedItsSessionIsCarriedOutAtOnce) {
+TEST_P(MountingContract, ARequestToADiskThatOutlivedItsSessionIsExecutedAtOnce) {
   auto session = ports_.diskArbitration->createSession();
   const auto disk = session->diskFromBSDName(world_->volume());
   session.reset();
@@ -248,7 +248,7 @@ TEST_P(MountingContract, ARequestToADiskThatOutlivedItsSessionIsCarriedOutAtOnce
   EXPECT_EQ(mountPath(ports_, world_->volume()), "");
 }
 
-TEST_P(MountingContract, NothingIsDoneBeforeTheLoopRuns) {
+TEST_P(MountingContract, NothingHappensBeforeTheLoopRuns) {
   const auto session = ports_.diskArbitration->createSession();
   const auto loop = ports_.runLoops->current();
   session->schedule(*loop, kDefaultRunLoopMode);
@@ -264,14 +264,14 @@ TEST_P(MountingContract, NothingIsDoneBeforeTheLoopRuns) {
   EXPECT_TRUE(done);
 }
 
-TEST_P(MountingContract, TheDescriptionTellsOfTheVolume) {
+TEST_P(MountingContract, TheDescriptionIncludesTheVolume) {
   const auto description = describe(ports_, world_->volume());
   ASSERT_TRUE(description.has_value());
   EXPECT_EQ(description->text(kDescriptionVolumeKind), world_->kind());
   EXPECT_EQ(description->text(kDescriptionVolumeType), world_->kind());
   EXPECT_EQ(description->text(kDescriptionVolumeName), world_->label());
   EXPECT_EQ(description->boolean(kDescriptionVolumeMountable), true);
-  EXPECT_FALSE(description->contains(kDescriptionVolumeUUID)) << "a FAT volume has a serial number only";
+  EXPECT_FALSE(description->contains(kDescriptionVolumeUUID)) << "a FAT volume has only a serial number";
 }
 
 TEST_P(MountingContract, MountingLeavesNothingOpen) {

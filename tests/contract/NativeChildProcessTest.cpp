@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What children of this system are given, what they leave behind, and what stays the host's.
+// What native children inherit, what they leave behind, and what stays unchanged in the host.
 #include <Vorlix/platform/ChildProcess.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
@@ -29,30 +29,30 @@ class NativeChildProcess : public test::NativeProcessTest {
     return child;
   }
 
-  /// What the child sees of itself: three lines.
+  /// Returns the state that a child reports about itself, in three lines.
   static std::string stateOfAChild(ChildInput input = ChildInput::pipe) {
     return everythingFrom(*launch(behaviour(CHILD_STATE), input)->standardOutput());
   }
 };
 
-TEST_F(NativeChildProcess, TheChildHasThreeStreamsNoBlockedAndNoIgnoredSignal) {
+TEST_F(NativeChildProcess, TheChildHasThreeStreamsAndNoBlockedOrIgnoredSignal) {
   EXPECT_EQ(stateOfAChild(), "descriptors 0 1 2\nblocked\nignored\n");
   EXPECT_EQ(stateOfAChild(ChildInput::inherited), "descriptors 0 1 2\nblocked\nignored\n");
 }
 
 TEST_F(NativeChildProcess, NoDescriptorOfTheHostReachesTheChild) {
-  const int careless = open("/dev/null", O_RDONLY);  // inherited by a plain exec
+  const int careless = open("/dev/null", O_RDONLY);  // a plain exec would pass it on
   const int high = fcntl(careless, F_DUPFD, 200);
   ASSERT_GE(high, 200);
   const auto another = launch(behaviour(CHILD_STAY, {"", "60000"}));
   EXPECT_EQ(stateOfAChild(), "descriptors 0 1 2\nblocked\nignored\n");
-  EXPECT_GE(fcntl(careless, F_GETFD), 0) << "the host keeps its own";
+  EXPECT_GE(fcntl(careless, F_GETFD), 0) << "the host must keep its own descriptor";
   another->terminate();
   close(high);
   close(careless);
 }
 
-TEST_F(NativeChildProcess, TheHostsSignalMaskAndHandlersStay) {
+TEST_F(NativeChildProcess, TheHostsSignalMaskAndHandlersAreUnchanged) {
   sigset_t mask;
   sigemptyset(&mask);
   sigaddset(&mask, SIGUSR1);
@@ -83,7 +83,7 @@ TEST_F(NativeChildProcess, TheHostsSignalMaskAndHandlersStay) {
 }
 
 TEST_F(NativeChildProcess, AHostWithoutStandardStreamsCanRunPrograms) {
-  // In a process of its own, since the test's own streams are to stay.
+  // Use another process, because the test needs its own streams.
   const pid_t host = fork();
   ASSERT_GE(host, 0);
   if (host == 0) {
@@ -115,7 +115,7 @@ TEST_F(NativeChildProcess, AZeroByteInAnArgumentIsRefused) {
   EXPECT_FALSE(test::hasChildren());
 }
 
-TEST_F(NativeChildProcess, TheInputPipeIsOpenUntilTheHandleGoes) {
+TEST_F(NativeChildProcess, TheInputPipeStaysOpenUntilTheHandleIsDestroyed) {
   auto child = launch(behaviour(CHILD_INPUT, {"60000"}));
   const auto output = child->standardOutput();
   std::this_thread::sleep_for(milliseconds(100));
@@ -124,13 +124,13 @@ TEST_F(NativeChildProcess, TheInputPipeIsOpenUntilTheHandleGoes) {
   EXPECT_EQ(everythingFrom(*output), "ended");
 }
 
-TEST_F(NativeChildProcess, AStatusThatWasAskedForLeavesNoProcessBehind) {
+TEST_F(NativeChildProcess, ReadingTheStatusCollectsTheProcess) {
   const auto child = launch(behaviour(CHILD_PRINT, {"", "", "7"}));
   ASSERT_TRUE(comesTrue([&] { return !child->isRunning(); }));
   EXPECT_FALSE(test::hasChildren());
 }
 
-TEST_F(NativeChildProcess, AHandleThatGoesAfterTheEndLeavesNoProcessBehind) {
+TEST_F(NativeChildProcess, DestroyingAHandleAfterTheEndCollectsTheProcess) {
   auto child = launch(behaviour(CHILD_PRINT, {}));
   ASSERT_TRUE(comesTrue(test::hasZombie));
   child.reset();
@@ -139,30 +139,30 @@ TEST_F(NativeChildProcess, AHandleThatGoesAfterTheEndLeavesNoProcessBehind) {
 
 TEST_F(NativeChildProcess, AChildThatOutlivesItsHandleIsCollectedAtTheNextLaunch) {
   launch(behaviour(CHILD_STAY, {"", "100"})).reset();
-  EXPECT_TRUE(test::hasChildren()) << "it was not ended";
+  EXPECT_TRUE(test::hasChildren()) << "the child must not be ended";
   ASSERT_TRUE(comesTrue(test::hasZombie));
   const auto next = launch(behaviour(CHILD_STAY, {"", "60000"}));
   EXPECT_FALSE(test::hasZombie());
   next->terminate();
 }
 
-TEST_F(NativeChildProcess, LettingGoOfARunningChildDoesNotWait) {
+TEST_F(NativeChildProcess, DestroyingAHandleDoesNotWaitForARunningChild) {
   auto child = launch(behaviour(CHILD_STAY, {"", "3000"}));
   child.reset();
-  EXPECT_TRUE(test::hasChildren() && !test::hasZombie()) << "it has ended already";
+  EXPECT_TRUE(test::hasChildren() && !test::hasZombie()) << "the child must still run";
   ASSERT_TRUE(comesTrue([] { return test::nothingIsLeftToCollect() && !test::hasChildren(); }));
 }
 
-TEST_F(NativeChildProcess, AStatusThatTheHostTookIsLost) {
+TEST_F(NativeChildProcess, AStatusThatTheHostCollectedIsLost) {
   const auto child = launch(behaviour(CHILD_PRINT, {"", "", "7"}));
   int status = 0;
   ASSERT_GT(waitpid(-1, &status, 0), 0);
-  child->terminate();  // asks nobody
+  child->terminate();  // sends no signal
   EXPECT_FALSE(child->isRunning());
   EXPECT_EQ(child->terminationStatus(), -1);
 }
 
-TEST_F(NativeChildProcess, AChildThatIsAboutToExitIsNotEndedByASignal) {
+TEST_F(NativeChildProcess, AChildThatIsAboutToExitIsNotKilledByASignal) {
   const auto child = launch(behaviour(CHILD_SLOW_EXIT, {"30", "7"}));
   EXPECT_THAT(child->standardOutput()->read(), IsEmpty());
   child->terminate();
@@ -170,7 +170,7 @@ TEST_F(NativeChildProcess, AChildThatIsAboutToExitIsNotEndedByASignal) {
   EXPECT_EQ(child->terminationStatus(), 7);
 }
 
-TEST_F(NativeChildProcess, AChildThatGoesOnWithoutItsOutputIsEndedAllTheSame) {
+TEST_F(NativeChildProcess, AChildThatKeepsRunningWithoutItsOutputIsStillTerminated) {
   const auto child = launch(behaviour(CHILD_SLOW_EXIT, {"60000", "7"}));
   EXPECT_THAT(child->standardOutput()->read(), IsEmpty());
   child->terminate();
@@ -178,7 +178,7 @@ TEST_F(NativeChildProcess, AChildThatGoesOnWithoutItsOutputIsEndedAllTheSame) {
   EXPECT_EQ(child->terminationStatus(), SIGTERM);
 }
 
-TEST_F(NativeChildProcess, OnlyTheChildIsAskedToEnd) {
+TEST_F(NativeChildProcess, OnlyTheChildItselfIsTerminated) {
   const auto child = platform().childProcess->create(ChildOutputs::shared, ChildInput::pipe);
   child->launch("/bin/sh", {"-c", "(sleep 0.5; echo survived) & echo ready; wait"});
   EXPECT_EQ(test::textOf(child->standardOutput()->read()), "ready\n");
@@ -186,7 +186,7 @@ TEST_F(NativeChildProcess, OnlyTheChildIsAskedToEnd) {
   EXPECT_EQ(everythingFrom(*child->standardOutput()), "survived\n");
 }
 
-TEST_F(NativeChildProcess, ManyHandlesAtATimeKeepTheirOwnPipes) {
+TEST_F(NativeChildProcess, ManyHandlesAtOnceKeepTheirOwnPipes) {
   std::vector<std::shared_ptr<Child>> children;
   for (int i = 0; i < 20; ++i) children.push_back(launch(behaviour(CHILD_PRINT, {std::to_string(i)})));
   for (int i = 0; i < 20; ++i) {
@@ -194,9 +194,9 @@ TEST_F(NativeChildProcess, ManyHandlesAtATimeKeepTheirOwnPipes) {
   }
 }
 
-TEST_F(NativeChildProcess, NoDescriptorsLeftRaises) {
-  // As long as there are some it works. This is also when a sanitizer has a first look at the types, for which it needs
-  // two descriptors.
+TEST_F(NativeChildProcess, ALackOfDescriptorsThrows) {
+  // With enough descriptors it works. This call also lets a sanitizer look at the types for the first time, for which
+  // it needs two descriptors.
   ASSERT_NO_THROW(platform().childProcess->create(ChildOutputs::separate, ChildInput::pipe));
   ASSERT_THROW(throw std::system_error(EMFILE, std::generic_category()), std::system_error);
   std::vector<int> taken;
@@ -208,7 +208,7 @@ TEST_F(NativeChildProcess, NoDescriptorsLeftRaises) {
   for (int i = dup(2); i >= 0; i = dup(2)) taken.push_back(i);
   ASSERT_GE(taken.size(), 6u);
   const size_t all = test::numbersOfOpenDescriptors().size();
-  // The pipes take six descriptors and one more in passing; with fewer, none of them stays open.
+  // The pipes need six descriptors, and one more temporarily. With fewer, none of them may stay open.
   for (size_t spare = 0; spare < 6; ++spare) {
     EXPECT_THROW(platform().childProcess->create(ChildOutputs::separate, ChildInput::pipe), std::system_error) << spare;
     EXPECT_EQ(test::numbersOfOpenDescriptors().size(), all - spare);
@@ -219,7 +219,7 @@ TEST_F(NativeChildProcess, NoDescriptorsLeftRaises) {
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
 }
 
-TEST_F(NativeChildProcess, AnEndedOutputCompletesAgainNoSoonerThanTheIntervalLater) {
+TEST_F(NativeChildProcess, AnEndedOutputCompletesAgainOnlyAfterTheInterval) {
   const auto child = launch(behaviour(CHILD_CLOSE_ERROR, {"x", "60000"}));
   const auto error = child->standardError();
   std::vector<std::chrono::steady_clock::time_point> times;
@@ -236,7 +236,7 @@ TEST_F(NativeChildProcess, AnEndedOutputCompletesAgainNoSoonerThanTheIntervalLat
   child->terminate();
 }
 
-TEST_F(NativeChildProcess, ReadsAfterTheEndDoNotFailForWantOfATimer) {
+TEST_F(NativeChildProcess, ReadsAfterTheEndDoNotFailIfNoTimerIsAvailable) {
   const auto child = launch(behaviour(CHILD_PRINT, {}));
   const auto output = child->standardOutput();
   EXPECT_THAT(output->read(), IsEmpty());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Device files of the system itself: what is no disk, links, locks, and images that are not as they say.
+// Device files of the system itself: paths that are not disks, links, locks, and images with wrong or truncated tables.
 #include <Vorlix/platform/DeviceFile.h>
 #include <sys/stat.h>
 
@@ -42,7 +42,7 @@ class NativeDeviceFile : public testing::Test {
   TemporaryFolder folder_;
 };
 
-TEST_F(NativeDeviceFile, TakesPathsOfAnyLength) {
+TEST_F(NativeDeviceFile, AcceptsPathsOfAnyLength) {
   const std::string path = folder_ / (std::string(200, 'd') + ".img");
   writeUsualImage(path, 512);
   const auto disk = open(path);
@@ -60,14 +60,14 @@ TEST_F(NativeDeviceFile, RefusesASliceOfAFolder) {
   expectRefused(folder_.path().string() + "s1", {EISDIR, ENOENT, ENOTDIR});
 }
 
-TEST_F(NativeDeviceFile, RefusesAFIFOWithoutWaitingForItsOtherSide) {
+TEST_F(NativeDeviceFile, RefusesAFIFOWithoutBlocking) {
   const std::string path = folder_ / "fifo";
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
   const PromptnessCheck prompt;
   expectRefused(path, {ENOTBLK, EINVAL, ESPIPE});
 }
 
-TEST_F(NativeDeviceFile, RefusesACharacterDeviceThatIsNoDisk) {
+TEST_F(NativeDeviceFile, RefusesACharacterDevice) {
   expectRefused("/dev/null", {ENOTBLK, ENODEV, ENOTTY});
 }
 
@@ -85,7 +85,7 @@ TEST_F(NativeDeviceFile, FollowsALinkToADisk) {
   EXPECT_EQ(readFrom(*slice, 0, 512), pattern(40 * 512, 512));
 }
 
-TEST_F(NativeDeviceFile, AFileThatExistsIsTakenAsItIs) {
+TEST_F(NativeDeviceFile, AnExistingFileTakesPrecedenceOverASlice) {
   const std::string path = usualImage();
   writeImage(path + "s1", {1, 2, 3}, 3);
   const auto device = open(path + "s1");
@@ -94,7 +94,7 @@ TEST_F(NativeDeviceFile, AFileThatExistsIsTakenAsItIs) {
   EXPECT_EQ(readFrom(*device, 0, 100), (Buffer{1, 2, 3}));
 }
 
-TEST_F(NativeDeviceFile, DescriptorsAreNotPassedToOtherPrograms) {
+TEST_F(NativeDeviceFile, DescriptorsAreNotInherited) {
   const std::string path = usualImage();
   const std::set<int> before = openDescriptors();
   const auto disk = open(path, DeviceAccess::readWrite, DeviceLock::exclusive);
@@ -110,7 +110,7 @@ TEST_F(NativeDeviceFile, DescriptorsAreNotPassedToOtherPrograms) {
   EXPECT_GE(opened, 2U);
 }
 
-TEST_F(NativeDeviceFile, ADeviceNeverHasTheNumberOfAStandardStream) {
+TEST_F(NativeDeviceFile, ADeviceNeverGetsTheNumberOfAStandardStream) {
   const std::string path = usualImage();
   const pid_t child = fork();
   ASSERT_GE(child, 0);
@@ -128,10 +128,11 @@ TEST_F(NativeDeviceFile, ADeviceNeverHasTheNumberOfAStandardStream) {
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0) << "descriptors 0 to 2 of the device, after all three were closed";
+  EXPECT_EQ(WEXITSTATUS(status), 0)
+      << "the number of descriptors from 0 to 2 that the device uses after all three were closed";
 }
 
-TEST_F(NativeDeviceFile, ALockOnASliceLiesOnTheWholeDisk) {
+TEST_F(NativeDeviceFile, ALockOnASliceAppliesToTheWholeDisk) {
   const std::string path = usualImage();
   auto slice = open(path + "s3", DeviceAccess::readWrite, DeviceLock::exclusive);
   ASSERT_TRUE(slice);
@@ -141,7 +142,7 @@ TEST_F(NativeDeviceFile, ALockOnASliceLiesOnTheWholeDisk) {
   EXPECT_TRUE(OtherProcessLock::couldBeHeld(path, DeviceLock::exclusive));
 }
 
-TEST_F(NativeDeviceFile, ASharedLockKeepsOnlyWritersOut) {
+TEST_F(NativeDeviceFile, ASharedLockExcludesOnlyWriters) {
   const std::string path = usualImage();
   const auto disk = open(path, DeviceAccess::readWrite, DeviceLock::shared);
   ASSERT_TRUE(disk);
@@ -149,7 +150,7 @@ TEST_F(NativeDeviceFile, ASharedLockKeepsOnlyWritersOut) {
   EXPECT_TRUE(OtherProcessLock::couldBeHeld(path, DeviceLock::shared));
 }
 
-TEST_F(NativeDeviceFile, WithoutALockOthersMayHaveIt) {
+TEST_F(NativeDeviceFile, WithoutALockOtherProcessesCanLock) {
   const std::string path = usualImage();
   const auto disk = open(path, DeviceAccess::readWrite, DeviceLock::none);
   ASSERT_TRUE(disk);
@@ -174,7 +175,7 @@ TEST_F(NativeDeviceFile, AFailedOpenKeepsNoLock) {
   EXPECT_TRUE(OtherProcessLock::couldBeHeld(path, DeviceLock::exclusive));
 }
 
-TEST_F(NativeDeviceFile, ASharedLockOfOnesOwnIsNotTurnedIntoAnExclusiveOne) {
+TEST_F(NativeDeviceFile, AProcessesOwnSharedLockIsNotConvertedToAnExclusiveOne) {
   const HangGuard guard;
   const PromptnessCheck prompt;
   const std::string path = usualImage();
@@ -196,7 +197,7 @@ TEST_F(NativeDeviceFile, TwoNamesOfOneDiskShareItsLock) {
   EXPECT_TRUE(open(link, DeviceAccess::readWrite, DeviceLock::exclusive));
 }
 
-TEST_F(NativeDeviceFile, ADiskThatIsNotWritableIsRefusedForWritingOnly) {
+TEST_F(NativeDeviceFile, AReadOnlyDiskIsRefusedOnlyForWriting) {
   const std::string path = usualImage();
   std::filesystem::permissions(folder_.path(), std::filesystem::perms(0755));
   std::filesystem::permissions(path, std::filesystem::perms(0444));
@@ -214,7 +215,7 @@ TEST_F(NativeDeviceFile, ADiskThatIsNotWritableIsRefusedForWritingOnly) {
   EXPECT_EQ(reason, EACCES);
 }
 
-// ----------------------------------------------------------------------------------- images that are not as they say
+// ------------------------------------------------------------------------------- images with wrong or truncated tables
 
 TEST_F(NativeDeviceFile, AnImageOfAnySizeCanBeRead) {
   for (const uint64_t size : {0U, 1U, 100U, 512U, 513U}) {
@@ -228,7 +229,7 @@ TEST_F(NativeDeviceFile, AnImageOfAnySizeCanBeRead) {
   }
 }
 
-TEST_F(NativeDeviceFile, ASliceIsCutAtTheEndOfTheDisk) {
+TEST_F(NativeDeviceFile, ASliceIsTruncatedAtTheEndOfTheDisk) {
   const std::string path = folder_ / "cut.img";
   writeImage(path, gptOf(512, 300, {{1, 200, 999}, {2, 200, std::numeric_limits<uint64_t>::max()}}), 300 * 512);
   for (const char* suffix : {"s1", "s2"}) {
@@ -241,19 +242,19 @@ TEST_F(NativeDeviceFile, ASliceIsCutAtTheEndOfTheDisk) {
   EXPECT_EQ(std::filesystem::file_size(path), 300U * 512);
 }
 
-TEST_F(NativeDeviceFile, ASliceThatStartsPastTheEndOrEndsBeforeItsStartIsRefused) {
+TEST_F(NativeDeviceFile, ASliceThatStartsBeyondTheEndOrEndsBeforeItsStartIsRefused) {
   const std::string path = folder_ / "past.img";
   writeImage(path,
              gptOf(512, 300,
                    {{1, 300, 400},
                     {2, uint64_t{1} << 33, (uint64_t{1} << 33) + 100},
-                    {3, uint64_t{1} << 55, uint64_t{1} << 56},  // 2^64 bytes: wraps around to 0
+                    {3, uint64_t{1} << 55, uint64_t{1} << 56},  // 2^64 bytes, which wraps around to 0
                     {4, 250, 249}}),
              300 * 512);
   for (const char* suffix : {"s1", "s2", "s3", "s4"}) expectRefused(path + suffix, {ENOENT});
 }
 
-TEST_F(NativeDeviceFile, AHeaderThatClaimsTooMuchIsHeldToTheDisk) {
+TEST_F(NativeDeviceFile, AHeaderThatClaimsTooMuchIsLimitedToTheDisk) {
   Buffer bytes = gptOf(512, 300, {{1, 100, 199}});
   put(bytes, 512 + 80, 4, 0xFFFFFFFF);
   const std::string path = folder_ / "many.img";
@@ -269,12 +270,12 @@ TEST_F(NativeDeviceFile, AHeaderThatClaimsTooMuchIsHeldToTheDisk) {
   }
 }
 
-TEST_F(NativeDeviceFile, ATableCutShortHasTheSlicesThatAreThere) {
+TEST_F(NativeDeviceFile, ATruncatedTableHasTheRemainingSlices) {
   Buffer bytes = gptOf(512, 100000, {{1, 4, 9}, {8, 4, 9}});
   bytes.resize(2 * 512 + 2 * 512);  // entries 1 to 8
   const std::string path = folder_ / "truncated.img";
   writeImage(path, bytes, 2048 + 100);
-  EXPECT_TRUE(open(path + "s1") == nullptr);  // starts where the disk ends
+  EXPECT_TRUE(open(path + "s1") == nullptr);  // it starts where the disk ends
   writeImage(path, bytes, 2048 + 512);
   const auto device = open(path + "s8");
   ASSERT_TRUE(device);

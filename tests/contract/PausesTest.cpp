@@ -11,7 +11,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-TEST(PausesContract, ThisSystemsPauseSleeps) {
+TEST(PausesContract, TheNativePauseSleeps) {
   const auto start = steady_clock::now();
   nativePlatform().pauses->pause(milliseconds(30));
   EXPECT_GE(steady_clock::now() - start, milliseconds(30));

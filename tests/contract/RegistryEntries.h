@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Short forms of what tests ask an I/O registry.
+// Short functions for queries of an I/O registry.
 #pragma once
 
 #include <Vorlix/platform/IORegistry.h>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The contract of platform/RunLoop.h, with sessions of disk arbitration as sources, on every machine that this one can
-// be.
+// The contract of platform/RunLoop.h on every machine that is possible here. Sessions of disk arbitration serve as
+// sources.
 #include <sys/resource.h>
 
 #include <chrono>
@@ -38,7 +38,7 @@ class RunLoopContract : public OnEveryWorld {
     ASSERT_TRUE(disk_);
   }
 
-  // A request that needs no privilege: the disk is not mounted, and the completion is told so.
+  // Makes a request that needs no privilege: the disk is not mounted, and the completion gets that error.
   void request(std::vector<std::string>& log, const std::string& name) {
     disk_->unmount([&log, name](const std::optional<Dissenter>& dissenter) {
       log.push_back(dissenter && dissenter->status == kDissentNotMounted ? name : name + " unexpected");
@@ -51,7 +51,7 @@ class RunLoopContract : public OnEveryWorld {
   std::shared_ptr<Disk> disk_;
 };
 
-TEST_P(RunLoopContract, AThreadHasOneLoopOfItsOwn) {
+TEST_P(RunLoopContract, EachThreadHasItsOwnLoop) {
   EXPECT_TRUE(loop_);
   EXPECT_EQ(ports_.runLoops->current(), loop_);
   std::shared_ptr<RunLoop> other;
@@ -75,14 +75,14 @@ TEST_P(RunLoopContract, AScheduledSessionIsASourceOfItsModeOnly) {
   EXPECT_EQ(loop_->run(kOtherMode, kLong), RunLoopResult::noSources);
 }
 
-TEST_P(RunLoopContract, UnschedulingWhatIsNotScheduledIsIgnored) {
+TEST_P(RunLoopContract, UnschedulingASessionThatIsNotScheduledDoesNothing) {
   session_->unschedule(*loop_, kDefaultRunLoopMode);
   session_->schedule(*loop_, kDefaultRunLoopMode);
   session_->unschedule(*loop_, kOtherMode);
   EXPECT_EQ(loop_->run(kDefaultRunLoopMode, milliseconds(0)), RunLoopResult::timedOut);
 }
 
-TEST_P(RunLoopContract, ASessionThatEndedIsNoSource) {
+TEST_P(RunLoopContract, AnEndedSessionIsNotASource) {
   session_->schedule(*loop_, kDefaultRunLoopMode);
   disk_.reset();
   session_.reset();
@@ -98,13 +98,13 @@ TEST_P(RunLoopContract, ACompletionRunsWhileItsModeRunsAndNotBefore) {
   EXPECT_TRUE(log.empty());
   const auto start = Clock::now();
   EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kLong), RunLoopResult::handledSource);
-  EXPECT_LT(Clock::now() - start, kLong / 2) << "it must not wait for the time to pass";
+  EXPECT_LT(Clock::now() - start, kLong / 2) << "the call must not wait until the time is over";
   EXPECT_EQ(log, std::vector<std::string>{"done"});
   EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kShort), RunLoopResult::timedOut);
   EXPECT_EQ(log.size(), 1U);
 }
 
-TEST_P(RunLoopContract, ARequestMadeBeforeSchedulingIsAnsweredAfterIt) {
+TEST_P(RunLoopContract, ARequestMadeBeforeSchedulingCompletesAfterIt) {
   std::vector<std::string> log;
   request(log, "done");
   session_->schedule(*loop_, kOtherMode);
@@ -112,7 +112,7 @@ TEST_P(RunLoopContract, ARequestMadeBeforeSchedulingIsAnsweredAfterIt) {
   EXPECT_EQ(log, std::vector<std::string>{"done"});
 }
 
-TEST_P(RunLoopContract, ARunHandlesOneSourceInTheOrderOfTheRequests) {
+TEST_P(RunLoopContract, ARunHandlesOneSourceInRequestOrder) {
   std::vector<std::string> log;
   session_->schedule(*loop_, kDefaultRunLoopMode);
   request(log, "first");
@@ -129,7 +129,7 @@ TEST_P(RunLoopContract, ARequestWithoutACompletionIsHandledToo) {
   EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kLong), RunLoopResult::handledSource);
 }
 
-TEST_P(RunLoopContract, ACompletionMayAskAgainAndRunTheLoop) {
+TEST_P(RunLoopContract, ACompletionMayMakeRequestsAndRunTheLoop) {
   std::vector<std::string> log;
   session_->schedule(*loop_, kDefaultRunLoopMode);
   disk_->unmount([&](const std::optional<Dissenter>&) {
@@ -148,7 +148,7 @@ TEST_P(RunLoopContract, ACompletionMayUnscheduleItsSession) {
   EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kLong), RunLoopResult::noSources);
 }
 
-TEST_P(RunLoopContract, ASessionMayBeScheduledInTwoModesAndIsAnsweredOnce) {
+TEST_P(RunLoopContract, ASessionInTwoModesCompletesARequestOnce) {
   std::vector<std::string> log;
   session_->schedule(*loop_, kDefaultRunLoopMode);
   session_->schedule(*loop_, kOtherMode);
@@ -158,7 +158,7 @@ TEST_P(RunLoopContract, ASessionMayBeScheduledInTwoModesAndIsAnsweredOnce) {
   EXPECT_EQ(log, std::vector<std::string>{"done"});
 }
 
-TEST_P(RunLoopContract, NothingIsToldOnAnotherThreadsLoop) {
+TEST_P(RunLoopContract, NothingCompletesOnAnotherThreadsLoop) {
   std::vector<std::string> log;
   session_->schedule(*loop_, kDefaultRunLoopMode);
   request(log, "done");
@@ -178,8 +178,8 @@ INSTANTIATE_TEST_SUITE_P(Worlds, RunLoopContract, testing::ValuesIn([] {
                          }()),
                          worldName);
 
-// No time passes in the simulated machine's loops.
-TEST(NativeRunLoop, WaitsForTheTimeThatWasGivenAndSleepsMeanwhile) {
+// Time does not pass in the simulated machine's loops.
+TEST(NativeRunLoop, SleepsForTheGivenTime) {
   const Platform ports = nativePlatform();
   const auto loop = ports.runLoops->current();
   const auto session = ports.diskArbitration->createSession();
@@ -191,7 +191,7 @@ TEST(NativeRunLoop, WaitsForTheTimeThatWasGivenAndSleepsMeanwhile) {
   EXPECT_LT(processorTime() - busyBefore, milliseconds(100));
 }
 
-TEST(NativeRunLoop, ATimeOfZeroOrLessLooksAndDoesNotWait) {
+TEST(NativeRunLoop, ATimeOfZeroOrLessDoesNotWait) {
   const Platform ports = nativePlatform();
   const auto loop = ports.runLoops->current();
   const auto session = ports.diskArbitration->createSession();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The contract of platform/Shell.h, and what only the simulated machine's interpreter does.
+// The contract of platform/Shell.h, and the behaviour that only the simulated machine's shell has.
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/Shell.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
@@ -21,7 +21,7 @@ namespace {
 
 using testing::ElementsAre;
 
-/// Puts a file in the place of a standard stream for the object's life.
+/// Replaces a standard stream by a file for the life of the object.
 class StreamFrom {
  public:
   StreamFrom(int stream, const std::string& path, int flags) : stream_(stream), before_(dup(stream)) {
@@ -53,7 +53,7 @@ class NativeShell : public testing::Test {
   const Platform ports_ = nativePlatform();
 };
 
-TEST_F(NativeShell, AnswersTheExitStatusOfTheCommand) {
+TEST_F(NativeShell, ReturnsTheExitStatusOfTheCommand) {
   for (const int status : {0, 1, 3, 255}) {
     const int answer = run("exit " + std::to_string(status));
     EXPECT_TRUE(WIFEXITED(answer)) << status;
@@ -61,20 +61,20 @@ TEST_F(NativeShell, AnswersTheExitStatusOfTheCommand) {
   }
 }
 
-TEST_F(NativeShell, AnswersWhatEndedTheInterpreter) {
+TEST_F(NativeShell, ReportsASignalThatEndedTheShell) {
   const int answer = run("kill -KILL $$");
   EXPECT_TRUE(WIFSIGNALED(answer));
   EXPECT_EQ(WTERMSIG(answer), SIGKILL);
 }
 
-TEST_F(NativeShell, ACommandThatIsNotThereIsStatus127) {
+TEST_F(NativeShell, AMissingCommandHasStatus127) {
   const StreamFrom error(STDERR_FILENO, folder_ / "error", O_WRONLY | O_CREAT);
   const int answer = run("/no/such/program");
   EXPECT_TRUE(WIFEXITED(answer));
   EXPECT_EQ(WEXITSTATUS(answer), 127);
 }
 
-TEST_F(NativeShell, TheCommandHasTheHostsStandardStreams) {
+TEST_F(NativeShell, TheCommandUsesTheHostsStandardStreams) {
   writeImage(folder_ / "input", {'t', 'e', 'x', 't', '\n'}, 5);
   {
     std::fflush(nullptr);
@@ -87,7 +87,7 @@ TEST_F(NativeShell, TheCommandHasTheHostsStandardStreams) {
   EXPECT_EQ(fileText(folder_ / "error"), "err text\n");
 }
 
-TEST_F(NativeShell, TheCommandHasTheHostsEnvironmentAndFolder) {
+TEST_F(NativeShell, TheCommandUsesTheHostsEnvironmentAndFolder) {
   ASSERT_EQ(setenv("VORLIX_SHELL_TEST", "a value", 1), 0);
   {
     const StreamFrom output(STDOUT_FILENO, folder_ / "output", O_WRONLY | O_CREAT);
@@ -97,13 +97,13 @@ TEST_F(NativeShell, TheCommandHasTheHostsEnvironmentAndFolder) {
   EXPECT_EQ(fileText(folder_ / "output"), "a value\n" + std::filesystem::current_path().string() + "\n");
 }
 
-TEST_F(NativeShell, TheCommandIsReadAsAShellReadsIt) {
+TEST_F(NativeShell, TheCommandUsesShellSyntax) {
   const std::string file = folder_ / "a name with spaces";
   EXPECT_EQ(run("printf '%s' one > '" + file + "' && printf '%s' ' two' >> '" + file + "'"), 0);
   EXPECT_EQ(fileText(file), "one two");
 }
 
-TEST_F(NativeShell, WaitsForTheEndOfTheCommand) {
+TEST_F(NativeShell, WaitsUntilTheCommandEnds) {
   const std::string file = folder_ / "late";
   EXPECT_EQ(run("sleep 0.2; echo done > '" + file + "'"), 0);
   EXPECT_EQ(fileText(file), "done\n");
@@ -116,7 +116,7 @@ TEST_F(NativeShell, LeavesNothingOpenAndNoChildBehind) {
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
 }
 
-TEST(SimulatedShell, NotesTheCommandRunsNothingAndAnswersWhatItWasTold) {
+TEST(SimulatedShell, RecordsTheCommandRunsNothingAndReturnsTheGivenStatus) {
   const TemporaryFolder folder;
   SimulatedMachine machine;
   const Platform ports = machine.platform();

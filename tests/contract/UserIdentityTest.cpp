@@ -16,7 +16,7 @@ namespace {
 
 constexpr uid_t kOrdinaryUser = 65534;
 
-/// What a child process answers for which the system has these users.
+/// Runs a child process as these users. @return the user that the port reports there.
 uint32_t realUserIDAs(uid_t real, uid_t effective) {
   const pid_t child = fork();
   if (child == 0) {
@@ -38,13 +38,13 @@ TEST(NativeUserIdentity, IsTheUserWhoStartedTheProcess) {
   EXPECT_EQ(nativePlatform().userIdentity->realUserID(), user);
 }
 
-TEST(NativeUserIdentity, RightsThatWereGivenSinceDoNotCount) {
+TEST(NativeUserIdentity, LaterChangesOfTheEffectiveUserDoNotCount) {
   if (getuid() != 0) GTEST_SKIP() << "only the super-user can change users";
   EXPECT_EQ(realUserIDAs(kOrdinaryUser, 0), kOrdinaryUser);
   EXPECT_EQ(realUserIDAs(0, kOrdinaryUser), 0U);
 }
 
-TEST(SimulatedUserIdentity, IsAnOrdinaryUserUntilItIsSet) {
+TEST(SimulatedUserIdentity, IsAnOrdinaryUserByDefault) {
   SimulatedMachine machine;
   const Platform ports = machine.platform();
   EXPECT_EQ(ports.userIdentity->realUserID(), 501U);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Volumes to mount: images made with general tools, and the calls of disk arbitration with their wait.
+// Volumes to mount: images made with general tools, and calls of disk arbitration that wait for the outcome.
 #pragma once
 
 #include <Vorlix/platform/RunLoop.h>
@@ -19,9 +19,10 @@ namespace vorlix::contract {
 
 using Arguments = std::vector<std::string>;
 
-// ---------------------------------------------------------------------------------------- disk arbitration, waited
+// ----------------------------------------------------------------------------------------- disk arbitration that waits
 
-/// The name's disk asked by `ask`, and the answer. Throws when none comes within a minute.
+/// Lets `ask` make a request to the disk of that name and waits for the outcome. @throws std::runtime_error if there is
+/// none within a minute.
 template <typename Ask>
 std::optional<Dissenter> askAndWait(const Platform& ports, const std::string& name, Ask ask) {
   const auto session = ports.diskArbitration->createSession();
@@ -59,7 +60,7 @@ inline std::optional<Dictionary> describe(const Platform& ports, const std::stri
   return disk ? disk->copyDescription() : std::nullopt;
 }
 
-/// Where the volume is mounted; empty where it is not.
+/// Returns the volume's mount path, or an empty string if it is not mounted.
 inline std::string mountPath(const Platform& ports, const std::string& name) {
   const auto description = describe(ports, name);
   const auto url = description ? description->url(kDescriptionVolumePath) : std::nullopt;
@@ -74,16 +75,16 @@ inline int32_t statusOf(const std::optional<Dissenter>& dissenter) {
   return dissenter ? dissenter->status : 0;
 }
 
-/// No dissenter.
+/// Succeeds if there is no dissenter.
 inline testing::AssertionResult granted(const std::optional<Dissenter>& dissenter) {
   if (!dissenter) return testing::AssertionSuccess();
   return testing::AssertionFailure() << std::hex << dissenter->status << ": " << dissenter->text;
 }
 
-/// That dissenter, with a text in which `words` stand.
+/// Succeeds if there is a dissenter with that status, and with a text that contains `words`.
 inline testing::AssertionResult refused(const std::optional<Dissenter>& dissenter, int32_t status,
                                         const std::string& words = "") {
-  if (!dissenter) return testing::AssertionFailure() << "it was granted";
+  if (!dissenter) return testing::AssertionFailure() << "the request was granted";
   const bool isRight = dissenter->status == status && dissenter->text.find(words) != std::string::npos;
   if (isRight && !dissenter->text.empty()) return testing::AssertionSuccess() << dissenter->text;
   return testing::AssertionFailure() << std::hex << dissenter->status << ": " << dissenter->text;
@@ -98,7 +99,7 @@ inline std::string shell(const std::string& command) {
   return output;
 }
 
-/// Why images cannot be made here; empty when they can.
+/// Returns which of the tools is missing, or an empty string if all are installed.
 inline std::string missingTool(const std::vector<std::string>& tools) {
   for (const std::string& tool : tools) {
     bool ok = false;
@@ -122,13 +123,13 @@ inline void writeText(const std::string& path, const std::string& text) {
 
 constexpr uint64_t kVolumeOffset = 1024 * 1024;
 
-/// A disk image with a GPT of one slice, an EFI System Partition of `megabytes` with a FAT file system of 12, 16 or 32
-/// bits, called `label`, and with the files EFI/Boot/bootx64.efi ("boot code") and readme.txt ("read me"). Behind the
-/// slice stand bytes 0xA5 to the end of the image.
+/// Creates a disk image with a GPT of one slice: an EFI System Partition of `megabytes` with a FAT file system of 12,
+/// 16 or 32 bits. Its label is `label`, and it contains the files EFI/Boot/bootx64.efi ("boot code") and readme.txt
+/// ("read me"). The 64 KiB after the slice are bytes of 0xA5.
 inline void makeFATImage(const std::string& path, int bits, int megabytes, const std::string& label = "MAC EFI") {
   const uint64_t end = kVolumeOffset + static_cast<uint64_t>(megabytes) * 1024 * 1024;
   writeImage(path, {}, end + 1024 * 1024);
-  // Not by sgdisk, which syncs every disk of the machine and then sleeps a second.
+  // Not with sgdisk, which syncs every disk of the machine and then sleeps for a second.
   shell("echo 'start=2048, size=" + std::to_string(megabytes * 2048) +
         ", type=C12A7328-F81F-11D2-BA4B-00A0C93EC93B, name=\"EFI system\"' | sfdisk --quiet --label gpt '" + path +
         "'");
@@ -146,18 +147,18 @@ inline void makeFATImage(const std::string& path, int bits, int megabytes, const
   image << std::string(64 * 1024, '\xA5');
 }
 
-/// Runs mtools on slice 1 of such an image.
+/// Runs a program of mtools on slice 1 of such an image.
 inline std::string mtools(const std::string& image, const std::string& program, const std::string& arguments) {
   return shell("LC_ALL=C.UTF-8 MTOOLS_SKIP_CHECK=1 " + program + " -i '" + image + "@@" +
                std::to_string(kVolumeOffset) + "' " + arguments);
 }
 
-/// The content of a file on it.
+/// Returns the content of a file on slice 1.
 inline std::string fileOn(const std::string& image, const std::string& path) {
   return mtools(image, "mcopy", "'::" + path + "' -");
 }
 
-/// What fsck.vfat finds on it; throws when the file system is damaged.
+/// Checks slice 1 with fsck.vfat. @throws std::runtime_error if the file system is damaged.
 inline void checkFAT(const std::string& image, const TemporaryFolder& folder) {
   const std::string copy = folder / "volume to check";
   std::ifstream from(image, std::ios::binary);
@@ -171,7 +172,7 @@ inline void checkFAT(const std::string& image, const TemporaryFolder& folder) {
 
 inline constexpr uid_t kOrdinaryUser = 65534;
 
-/// Runs `body` in another process of the same user. Failures there are this test's.
+/// Runs `body` in another process of the same user. Its failures are failures of this test.
 template <typename Body>
 void inAnotherProcess(Body body) {
   const pid_t child = fork();
@@ -190,8 +191,8 @@ void inAnotherProcess(Body body) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the other process failed, see above";
 }
 
-/// Runs `body` in another process as an ordinary user (the super-user turns into "nobody") with a state folder of its
-/// own inside `folder`, which is given to that user with all that is in it.
+/// Runs `body` in another process as an ordinary user (the super-user becomes "nobody"). The user gets `folder` with
+/// its content, and a private state folder inside it.
 template <typename Body>
 void asOrdinaryUser(const TemporaryFolder& folder, Body body) {
   const std::string state = folder / "state";

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Tests of the verdicts with made-up ends of commands, and of what a power failure after given calls would lose."""
+"""Tests of the verdicts on invented command results, and of the list of data that a power failure would lose."""
 
 import os
 import re
@@ -29,23 +29,23 @@ def verdicts(run, look, again=DONE, look_again=OTHER_SERIAL, journal=False, hone
 
 
 class Verdicts(unittest.TestCase):
-    def test_what_is_right(self):
+    def test_acceptable_results_get_no_verdict(self):
         for run, look in ((DONE, NEW), (DONE, OTHER_SERIAL), (FAILED, OLD), (FAILED, HALF), (FAILED, NEW), (KILLED, OLD),
                           (KILLED, HALF), (KILLED, NEW), (Run("exited", 255, "", ""), OLD)):
             with self.subTest(run=run, look=look):
                 self.assertEqual(verdicts(run, look), [])
 
-    def test_success_without_the_result_is_silent(self):
+    def test_success_with_a_wrong_result_is_silent(self):
         for look in (OLD, HALF, BROKEN, {**NEW, "a file that was not there": Seen("x")}, {}):
             self.assertEqual(verdicts(DONE, look), [SILENT])
 
-    def test_a_serial_may_be_any_and_what_was_there_before_is_told_by_it(self):
+    def test_a_changed_serial_in_an_old_structure_is_torn(self):
         self.assertEqual(verdicts(FAILED, {**OLD, "boot sector": Seen("old with serial 2", "old")}), [TORN])
 
     def test_a_false_claim_is_silent(self):
         self.assertEqual(verdicts(DONE, NEW, claims=["the folder is empty"]), [SILENT])
 
-    def test_what_a_power_cut_takes_is_silent_unless_every_run_leaves_it(self):
+    def test_data_lost_in_a_power_cut_is_silent_unless_known_from_every_run(self):
         self.assertEqual(verdicts(DONE, NEW, undurable=["saved: not synced"]), [SILENT])
         known = Expected(OLD, NEW, ("saved: not synced",))
         self.assertEqual(verdicts(DONE, NEW, undurable=["saved: not synced"], expected=known), [])
@@ -56,13 +56,13 @@ class Verdicts(unittest.TestCase):
             self.assertEqual(verdicts(run, {"boot sector": OLD["boot sector"]}), [TORN])
             self.assertEqual(verdicts(run, {**OLD, "a new file": Seen("x")}), [TORN])
 
-    def test_a_journal_that_the_next_run_settles_makes_it_whole(self):
+    def test_a_torn_medium_is_accepted_if_the_next_run_completes_its_journal(self):
         self.assertEqual(verdicts(KILLED, BROKEN, journal=True), [])
         self.assertEqual(verdicts(KILLED, BROKEN, again=FAILED, look_again=BROKEN, journal=True), [TORN, BLOCKED])
         self.assertEqual(verdicts(KILLED, BROKEN, look_again=BROKEN, journal=True), [SILENT, TORN])
         self.assertEqual(verdicts(KILLED, BROKEN, again=FAILED, honest=True, journal=True), [TORN])
 
-    def test_what_is_lost_is_torn_however_it_ended(self):
+    def test_lost_data_is_torn_however_the_command_ended(self):
         for run, look in ((DONE, NEW), (FAILED, OLD), (KILLED, OLD)):
             self.assertEqual(verdicts(run, look, lost=["no backup"]), [TORN])
 
@@ -71,7 +71,7 @@ class Verdicts(unittest.TestCase):
         self.assertEqual(verdicts(KILLED, NEW, again=FAILED, look_again=NEW), [BLOCKED])
         self.assertEqual(verdicts(DONE, NEW, again=FAILED, look_again=NEW), [BLOCKED])
 
-    def test_a_refusal_because_all_is_done_is_honest_only_then(self):
+    def test_the_next_run_may_refuse_only_if_the_work_is_complete(self):
         self.assertEqual(verdicts(KILLED, NEW, again=FAILED, look_again=NEW, honest=True), [])
         self.assertEqual(verdicts(KILLED, HALF, again=FAILED, look_again=HALF, honest=True), [BLOCKED])
 
@@ -80,13 +80,13 @@ class Verdicts(unittest.TestCase):
         self.assertEqual(verdicts(KILLED, OLD, again=Run("hang", 0, "", ""), look_again=OLD), [HANG, BLOCKED][:1])
         self.assertEqual(verdicts(KILLED, OLD, again=Run("signalled", 6, "", ""), look_again=OLD), [CRASH])
 
-    def test_who_writes_does_not_say_that_nothing_was_written(self):
+    def test_a_command_that_wrote_may_not_say_that_nothing_was_written(self):
         for run in (Run("exited", 2, "", "vorlix: x: y; nothing was written"), Run("exited", 2, "nothing was copied", "")):
             self.assertEqual(verdicts(run, HALF), [WRONG_WORD])
             self.assertEqual(verdicts(run, OLD), [])
             self.assertEqual(verdicts(run, BROKEN), [TORN, WRONG_WORD])
 
-    def test_ends_that_are_none(self):
+    def test_hangs_and_crashes(self):
         self.assertEqual(verdicts(Run("hang", 0, "", ""), OLD), [HANG])
         for end in (Run("signalled", 11, "", ""), Run("exited", 1, "", ""), Run("exited", 134, "", "")):
             self.assertEqual(verdicts(end, OLD), [CRASH])
@@ -119,7 +119,7 @@ class Durability(unittest.TestCase):
     LOST = "a sync failed"
     NO_NAME = "its folder was not synced after it got this name"
 
-    def test_bytes_have_to_be_synced_after_they_were_written(self):
+    def test_bytes_must_be_synced_after_they_are_written(self):
         self.assertEqual(self.missing(wrote(0, 10), self.FSYNC), [])
         self.assertEqual(self.missing(wrote(0, 10)), [self.NOT_SYNCED])
         self.assertEqual(self.missing(wrote(0, 10), self.FSYNC, wrote(0, 10)), [self.NOT_SYNCED])
@@ -129,7 +129,7 @@ class Durability(unittest.TestCase):
     def test_other_files_do_not_count(self):
         self.assertEqual(self.missing(wrote(0, 10, "/tmp/x")), [])
 
-    def test_what_a_failed_sync_lost_has_to_be_written_again(self):
+    def test_data_must_be_written_again_after_a_failed_sync(self):
         self.assertEqual(self.missing(wrote(0, 10), self.FAILED_FSYNC, self.FSYNC), [self.LOST])
         self.assertEqual(self.missing(wrote(0, 10), self.FAILED_FSYNC, wrote(0, 10), self.FSYNC), [])
         self.assertEqual(self.missing(wrote(0, 10), self.FAILED_FSYNC, wrote(0, 4), wrote(4, 6), self.FSYNC), [])
@@ -143,7 +143,7 @@ class Durability(unittest.TestCase):
         self.assertEqual(self.missing(self.FOLDER_FSYNC, *made, names=[FILE]), [self.NO_NAME])
         self.assertEqual(self.missing(*made), [])
 
-    def test_a_file_that_takes_a_name_brings_its_bytes(self):
+    def test_a_file_renamed_onto_the_name_must_be_synced(self):
         beside = "/folder/beside"
         made = opened(beside), wrote(0, 10, beside)
         renamed = call("rename", other=beside)
@@ -152,7 +152,7 @@ class Durability(unittest.TestCase):
         self.assertEqual(self.missing(*synced, names=[FILE]), [self.NO_NAME])
         self.assertEqual(self.missing(*synced, self.FOLDER_FSYNC, names=[FILE]), [])
 
-    def test_a_folder_that_is_renamed_brings_what_is_in_it(self):
+    def test_files_in_a_renamed_folder_must_be_synced(self):
         made = call("mkdir", "/folder/new"), opened("/folder/new/a"), wrote(0, 10, "/folder/new/a")
         renamed = call("rename", "/folder/boot", other="/folder/new")
         inside = "/folder/boot/a"
@@ -161,13 +161,13 @@ class Durability(unittest.TestCase):
         synced = call("fsync", "/folder/new/a"), call("fsync", "/folder/new")
         self.assertEqual(self.missing(*made, *synced, renamed, self.FOLDER_FSYNC, files=[inside], names=[inside, "/folder/boot"]), [])
 
-    def test_a_file_without_a_name_that_gets_one(self):
+    def test_an_unnamed_file_that_is_linked_must_be_synced(self):
         unnamed = "/folder/#4711 (deleted)"
         linked = call("linkat", other="/proc/self/fd/5")
         self.assertEqual(self.missing(wrote(0, 10, unnamed), linked), [self.NOT_SYNCED])
         self.assertEqual(self.missing(wrote(0, 10, unnamed), call("fsync", unnamed), linked, names=[FILE]), [self.NO_NAME])
 
-    def test_calls_that_failed_did_nothing(self):
+    def test_failed_calls_have_no_effect(self):
         self.assertEqual(self.missing(call("pwrite64", result=-5, offset=0)), [])
         self.assertEqual(self.missing(wrote(0, 10), call("rename", "/folder/b", -5, other=FILE)), [self.NOT_SYNCED])
 
@@ -193,11 +193,11 @@ class Points(unittest.TestCase):
         self.assertEqual(tracing.places_of(calls), {1: "1:1", 2: "2:1", 3: "1:2", 4: "2:2"})
         self.assertEqual({place for place, _ in tracing.points_of(calls, calls[3:])}, {"2:2"})
 
-    def test_the_first_call_is_one_to_end_before(self):
+    def test_the_first_call_also_gets_a_kill_before_it(self):
         (first,) = self.numbered(("fsync", FILE))
         self.assertEqual([str(fault) for fault in tracing.faults_at(first)], ["kill-before", "EIO", "kill-after"])
 
-    def test_every_call_that_is_counted_has_a_point_or_failed(self):
+    def test_every_counted_call_gets_a_fault(self):
         names = os.popen(f"{places.TRACER} --names").read().split() if places.TRACER else ["read"]
         for name in names:
             self.assertTrue(self.faults(name), name)
@@ -207,14 +207,14 @@ class Points(unittest.TestCase):
         self.assertEqual(tracing.spread([1, 2], 5), [1, 2])
         self.assertEqual(len(set(tracing.spread(list(range(10)), 9))), 9)
 
-    def test_half_of_a_selection_is_where_the_medium_changes(self):
+    def test_a_selection_prefers_calls_that_change_the_medium(self):
         calls = self.numbered(*[("fsync", "/tmp/x")] * 50, ("fsync", "/case/disks/a"), *[("fsync", "/tmp/x")] * 49)
         found = tracing.selection(calls, calls, 10, re.compile("/case/disks/"))
         self.assertEqual(len(found), 10)
         self.assertEqual([str(fault) for place, fault in found if place == "1:51"], ["EIO", "kill-after"])
         self.assertEqual(len(tracing.selection(calls, calls, 2, re.compile("/case/disks/"))), 2)
 
-    def test_repetitions_are_left_out_but_for_three(self):
+    def test_only_a_few_repetitions_are_kept(self):
         look = [("openat", "/proc/N/fd"), ("newfstatat", "/proc/N"), ("close", "/proc/N/fd")]
         calls = self.numbered(*[(name, file.replace("N", str(turn))) for turn in range(10) for name, file in look])
         left = tracing.without_repetitions(calls)
@@ -223,7 +223,7 @@ class Points(unittest.TestCase):
         self.assertEqual(left[0].number, 1)
         self.assertEqual(left[-1].number, 30)
 
-    def test_no_call_that_changes_anything_is_left_out(self):
+    def test_calls_that_change_something_are_never_left_out(self):
         calls = self.numbered(*[("pwrite64", FILE)] * 20)
         self.assertEqual(tracing.without_repetitions(calls), calls)
 

@@ -63,10 +63,10 @@ class Flaws(unittest.TestCase):
                 found[result.call.split()[2], str(fault)] = result.verdict
         return found
 
-    def test_one_without_flaws(self):
+    def test_a_program_without_flaws(self):
         self.assertEqual(self.sweep("careful"), {})
 
-    def test_results_that_nobody_looks_at(self):
+    def test_unchecked_results(self):
         found = self.sweep("unchecked")
         for place in (("write", "EIO"), ("write", "ENOSPC"), ("write", "short"), ("fsync", "EIO")):
             self.assertEqual(found.pop(place), judging.SILENT)
@@ -78,30 +78,30 @@ class Flaws(unittest.TestCase):
         self.assertEqual(found["end", "power cut"], judging.SILENT)
         self.assertEqual(found["write", "short"], judging.TORN)
 
-    def test_a_sync_that_is_tried_again(self):
+    def test_a_failed_sync_that_is_only_repeated(self):
         found = self.sweep("syncs-again")
         self.assertEqual(found["fsync", "EIO"], judging.SILENT)
         self.assertNotIn(("end", "power cut"), found)
 
-    def test_a_lie(self):
+    def test_a_false_message(self):
         found = self.sweep("liar")
         self.assertEqual(found["fsync", "EIO"], judging.WRONG_WORD)
         self.assertEqual(found["write", "EIO"], judging.TORN)
 
-    def test_a_lock_that_stays(self):
+    def test_a_lock_that_is_left_behind(self):
         found = self.sweep("leaves-lock")
         self.assertEqual(found["fsync", "kill-after"], judging.BLOCKED)
         self.assertEqual(set(found.values()), {judging.BLOCKED})
 
-    def test_one_that_never_gives_up(self):
+    def test_a_program_that_never_gives_up(self):
         self.assertEqual(self.sweep("never-gives-up", only="rename")["rename", "EIO"], judging.HANG)
 
-    def test_one_that_crashes(self):
+    def test_a_program_that_crashes(self):
         found = self.sweep("aborts")
         self.assertEqual(found["rename", "EIO"], judging.CRASH)
         self.assertEqual(set(found.values()), {judging.CRASH})
 
-    def test_a_command_that_fails_anyway(self):
+    def test_a_command_that_fails_without_a_fault(self):
         with self.assertRaises(points.Broken):
             self.sweep("nothing of that name")
 

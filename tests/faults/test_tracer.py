@@ -59,7 +59,7 @@ class Counting(TracerTest):
         self.assertEqual(len(opened), 1)
         self.assertEqual([call.number for call in run.calls], list(range(1, len(run.calls) + 1)))
 
-    def test_the_dynamic_loader_does_not_count_unless_asked_for(self):
+    def test_the_dynamic_loader_counts_only_on_request(self):
         loader = "/etc/ld.so.cache"
         self.assertNotIn(loader, [call.file for call in self.subject("three-writes").calls])
         report = os.path.join(self.folder, "report")
@@ -90,7 +90,7 @@ class Counting(TracerTest):
         (written,) = self.calls_on_file(run, "write")
         self.assertEqual((written.process, written.count), (2, 6))
 
-    def test_only_the_calls_that_were_asked_for(self):
+    def test_only_the_requested_calls_count(self):
         run = self.subject("three-writes", calls="openat,close")
         self.assertEqual({call.name for call in run.calls}, {"openat", "close"})
 
@@ -98,7 +98,7 @@ class Counting(TracerTest):
         run = self.trace("/bin/sh", "-c", "echo out; echo err >&2; exit 7")
         self.assertEqual((run.out, run.err, run.end, run.status), ("out\n", "err\n", "exited", 7))
 
-    def test_a_signal_is_told(self):
+    def test_a_fatal_signal_is_reported(self):
         run = self.trace("/bin/sh", "-c", "kill -TERM $$")
         self.assertEqual((run.end, run.status), ("signalled", signal.SIGTERM))
 
@@ -106,7 +106,7 @@ class Counting(TracerTest):
         run = self.trace("/bin/sh", "-c", "trap 'echo caught; exit 5' USR1; kill -USR1 $$; exit 6")
         self.assertEqual((run.out, run.status), ("caught\n", 5))
 
-    def test_a_command_that_is_missing(self):
+    def test_a_missing_command(self):
         run = self.trace(os.path.join(self.folder, "nothing"))
         self.assertEqual((run.end, run.status), ("exited", 127))
 
@@ -123,7 +123,7 @@ class Failing(TracerTest):
                 self.assertEqual(run.out.splitlines(), lines)
                 self.assertEqual(run.calls[number - 1].result, -errno.ENOSPC)
 
-    def test_a_close_that_fails_has_closed(self):
+    def test_a_failed_close_still_closes_the_file(self):
         with open(self.file, "wb") as file:
             file.write(A)
         number = self.calls_on_file(self.subject("one-read"), "close")[0].number
@@ -169,12 +169,12 @@ class Short(TracerTest):
         run = self.subject("one-read", calls="pread64", at=1, fault=Fault("short"))
         self.assertEqual(run.out, "50 0 1\n")
 
-    def test_a_gathered_write_leaves_the_buffers_as_they_are(self):
+    def test_a_gathered_write_leaves_the_buffers_unchanged(self):
         run = self.subject("two-gathered-writes", calls="writev", at=1, fault=Fault("short"))
         self.assertEqual(run.out.splitlines(), ["50", "200"])
         self.assertEqual(self.content(), A[:50] + A + B)
 
-    def test_what_cannot_be_halved_is_not_hit(self):
+    def test_a_write_of_one_byte_is_not_shortened(self):
         run = self.subject("children", calls="write", at=1, fault=Fault("short"))
         self.assertFalse(run.is_hit)
         self.assertEqual(self.content(), b"ab")
@@ -196,7 +196,7 @@ class Killing(TracerTest):
         self.assertEqual(run.end, "killed")
         self.assertEqual([command for command in command_lines() if command.startswith(b"/bin/sleep\x00471")], [])
 
-    def test_in_a_child_its_parent_ends_as_well(self):
+    def test_if_a_child_is_killed_its_parent_ends_too(self):
         run = self.subject("children", calls="write", at=1, fault=Fault("kill-after"))
         self.assertEqual((run.end, self.content()), ("killed", b"a"))
 

@@ -369,8 +369,9 @@ class BadFiles(BadInput):
             ["show", path, path],
             ["show", path, "--unknown"],
             ["hybrid", path],
-            ["hybrid", path, "--partition", "3"],
-            ["check", path],
+            ["hybrid", path, "--partition", "3", "--boot-code", ""],
+            ["hybrid", path, "--partition", "3", "--boot-code", self.boot_code, "--keep-boot-code"],
+            ["check", path, "--start", "never"],
             ["check", path, "--partition", "three"],
         ):
             result = self.run_bounded(*arguments)

@@ -100,7 +100,10 @@ class Damage(DamageTest):
         self.assertIn("disk-truncated", self.codes(path))
         self.assertIn("truncated", self.vorlix_ok("show", path).stdout)
         os.truncate(path, WINDOWS_FIRST * 512 - 512)
-        for command in (("show", path + "s3"), ("identify", path + "s3"), ("check", path, "--partition", WINDOWS),
+        check = self.vorlix_run("check", path, "--partition", WINDOWS)
+        self.assertEqual(check.returncode, 1, check.stderr)
+        self.assertRegex(check.stdout, "(?m)^Volume +change .*truncated")
+        for command in (("show", path + "s3"), ("identify", path + "s3"),
                         ("hybrid", path, "--boot-code", self.boot_code, "--partition", WINDOWS, "--force")):
             with self.subTest(command=command[0]):
                 result = self.vorlix_run(*command)

@@ -104,6 +104,12 @@ class InstalledLibrary(unittest.TestCase):
     def installed(self, pattern):
         return sorted(path.relative_to(self.prefix) for path in self.prefix.glob(pattern) if not path.is_dir())
 
+    def test_the_boot_code_is_there_for_other_tools(self):
+        """Code that fits before the disk signature, with the text that it prints."""
+        code = (self.prefix / "share" / "vorlix" / "mbr.bin").read_bytes()
+        self.assertEqual(len(code), 440)
+        self.assertIn(b"No active slot in the MBR.", code)
+
     def cmake_project(self, name, source_folder):
         build = self.work / name
         run("cmake", "-S", source_folder, "-B", build, f"-DCMAKE_PREFIX_PATH={self.prefix}",

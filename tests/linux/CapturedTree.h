@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A temporary folder, and a machine's files unpacked into one (tests/data/sys/README.md describes the form).
+// A temporary folder, and a captured machine unpacked into one (tests/data/sys/README.md describes the format).
 #pragma once
 
 #include <stdlib.h>
@@ -13,7 +13,7 @@
 
 namespace vorlix::test {
 
-/// An empty folder that is removed with all that is in it.
+/// An empty folder, which is removed with its content.
 class TemporaryFolder {
  public:
   TemporaryFolder() {
@@ -34,7 +34,7 @@ class TemporaryFolder {
   std::filesystem::path path_;
 };
 
-/// Unpacks a machine's description below `top`. A line of no known form is an error.
+/// Unpacks a machine's description below `top`. @throws std::runtime_error for a line of unknown form.
 inline void unpackMachine(std::istream& description, const std::filesystem::path& top) {
   std::filesystem::path folder = top;
   for (std::string line; std::getline(description, line);) {
@@ -55,12 +55,12 @@ inline void unpackMachine(std::istream& description, const std::filesystem::path
       }
       std::ofstream(folder / line.substr(0, text), std::ios::app) << content << '\n';
     } else {
-      throw std::runtime_error("cannot be read: " + line);
+      throw std::runtime_error("unknown form of line: " + line);
     }
   }
 }
 
-/// A machine of tests/data/sys.
+/// A machine from tests/data/sys, unpacked into a temporary folder.
 class CapturedTree {
  public:
   explicit CapturedTree(const std::string& machine) {
@@ -71,7 +71,7 @@ class CapturedTree {
 
   std::string root() const { return folder_.path(); }
 
-  /// Adds lines in the same form.
+  /// Adds lines in the same format.
   void add(const std::string& lines) {
     std::istringstream description(lines);
     unpackMachine(description, folder_.path());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The check of callers on real processes: copies of sleep(1), signed by the openssl command line.
+// Checks callers that are real processes: copies of sleep(1), signed with the openssl command line.
 #include <Vorlix/platform/CodeSigning.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -28,7 +28,7 @@ namespace fs = std::filesystem;
 constexpr const char* kRequirement = "anchor apple generic and certificate leaf[subject.OU] = K7M2QZ4RNA";
 constexpr const char* kTeam = "K7M2QZ4RNA";
 
-/// A program that runs until the object goes.
+/// A program that runs until the object is destroyed.
 class Running {
  public:
   explicit Running(const fs::path& program) {
@@ -47,7 +47,7 @@ class Running {
 
   int32_t identifier() const { return process_; }
 
-  /// Ends the program and leaves its status uncollected.
+  /// Ends the program but does not collect its status.
   void kill() const {
     ::kill(process_, SIGKILL);
     siginfo_t info = {};
@@ -75,7 +75,7 @@ class Running {
   pid_t process_ = -1;
 };
 
-/// Authorities, developers and their certificates; made once, since a key takes its time.
+/// Authorities, developers and their certificates. They are made once, because generating keys takes time.
 class Authorities {
  public:
   static const Authorities& all() {
@@ -88,7 +88,7 @@ class Authorities {
  private:
   Authorities() {
     makeRoot("root", "/O=Vendor/CN=Vendor Root");
-    makeRoot("unknown", "/O=Vendor/CN=Vendor Root");  // of the same name as the anchor
+    makeRoot("unknown", "/O=Vendor/CN=Vendor Root");  // has the anchor's name
     makeLeaf("team", "root", subject(kTeam), kCodeSigning);
     makeLeaf("other", "root", subject("AAAAAAAAAA"), kCodeSigning);
     makeLeaf("stranger", "unknown", subject(kTeam), kCodeSigning);
@@ -156,7 +156,7 @@ class CodeSigningTest : public testing::Test {
     return LinuxCodeSigning(anchors).check(process, kRequirement);
   }
 
-  /// The verdict on the client, started now.
+  /// Starts the client and returns the verdict on it.
   CodeCheck clientVerdict() const { return verdict(Running(client()).identifier()); }
   CodeCheck clientVerdict(const fs::path& anchors) const { return verdict(Running(client()).identifier(), anchors); }
 
@@ -165,7 +165,7 @@ class CodeSigningTest : public testing::Test {
     return clientVerdict();
   }
 
-  /// Puts another file in a file's place, as an installer does.
+  /// Replaces a file by another one, as an installer does.
   void replace(const std::string& target, const std::string& content) const {
     const std::string fresh = target + ".new";
     fs::copy_file(content, fresh);
@@ -190,7 +190,7 @@ TEST_F(CodeSigningTest, ASignatureInPEMIsValid) {
   EXPECT_EQ(verdictAfterSigningBy("team", "-outform PEM"), CodeCheck::valid);
 }
 
-TEST_F(CodeSigningTest, AnIntermediateInTheSignatureIsALinkOfTheChain) {
+TEST_F(CodeSigningTest, AnIntermediateInTheSignatureCompletesTheChain) {
   EXPECT_EQ(verdictAfterSigningBy("issued", "-outform DER -certfile '" + (Authorities::all() / "issuing.pem") + "'"),
             CodeCheck::valid);
   EXPECT_EQ(verdictAfterSigningBy("issued"), CodeCheck::invalid);
@@ -209,7 +209,7 @@ TEST_F(CodeSigningTest, AnotherTeamUnderTheSameAnchorIsInvalid) {
   EXPECT_EQ(verdictAfterSigningBy("other"), CodeCheck::invalid);
 }
 
-TEST_F(CodeSigningTest, ATeamIsComparedWhole) {
+TEST_F(CodeSigningTest, TheTeamMustMatchExactly) {
   EXPECT_EQ(verdictAfterSigningBy("longer"), CodeCheck::invalid);
   EXPECT_EQ(verdictAfterSigningBy("lower"), CodeCheck::invalid);
 }
@@ -223,7 +223,7 @@ TEST_F(CodeSigningTest, TwoOrganisationalUnitsAreInvalid) {
   EXPECT_EQ(verdictAfterSigningBy("both"), CodeCheck::invalid);
 }
 
-TEST_F(CodeSigningTest, AnUnknownAnchorIsInvalidAlsoUnderTheAnchorsName) {
+TEST_F(CodeSigningTest, AnUnknownAnchorIsInvalidEvenWithTheAnchorsName) {
   EXPECT_EQ(verdictAfterSigningBy("stranger"), CodeCheck::invalid);
   EXPECT_EQ(verdictAfterSigningBy("stranger", "-outform DER -certfile '" + (Authorities::all() / "unknown.pem") + "'"),
             CodeCheck::invalid);
@@ -233,14 +233,14 @@ TEST_F(CodeSigningTest, AnExpiredCertificateIsInvalid) {
   EXPECT_EQ(verdictAfterSigningBy("expired"), CodeCheck::invalid);
 }
 
-TEST_F(CodeSigningTest, ACertificateThatIsNotForSigningCodeIsInvalid) {
+TEST_F(CodeSigningTest, ACertificateThatIsNotForCodeSigningIsInvalid) {
   EXPECT_EQ(verdictAfterSigningBy("server"), CodeCheck::invalid);
   EXPECT_EQ(verdictAfterSigningBy("plain"), CodeCheck::invalid);
   EXPECT_EQ(verdictAfterSigningBy("agreement"), CodeCheck::invalid);
   EXPECT_EQ(verdictAfterSigningBy("authority"), CodeCheck::invalid);
 }
 
-TEST_F(CodeSigningTest, AnExecutableThatWasChangedAfterSigningIsInvalid) {
+TEST_F(CodeSigningTest, AnExecutableChangedAfterSigningIsInvalid) {
   sign("team");
   std::ofstream(client(), std::ios::app | std::ios::binary) << 'x';
   EXPECT_EQ(clientVerdict(), CodeCheck::invalid);
@@ -251,7 +251,7 @@ TEST_F(CodeSigningTest, AnotherFilesSignatureIsInvalid) {
   EXPECT_EQ(clientVerdict(), CodeCheck::invalid);
 }
 
-TEST_F(CodeSigningTest, ASignatureThatHasItsContentWithItIsInvalid) {
+TEST_F(CodeSigningTest, ASignatureThatEmbedsItsContentIsInvalid) {
   EXPECT_EQ(verdictAfterSigningBy("team", "-nodetach -outform DER"), CodeCheck::invalid);
 }
 
@@ -274,7 +274,7 @@ TEST_F(CodeSigningTest, ASignatureWithoutItsCertificateIsInvalid) {
   EXPECT_EQ(verdictAfterSigningBy("team", "-nocerts -outform DER"), CodeCheck::invalid);
 }
 
-TEST_F(CodeSigningTest, WhatIsNoSignatureIsInvalid) {
+TEST_F(CodeSigningTest, DataThatIsNotASignatureIsInvalid) {
   const Running running(client());
   const auto verdictOn = [&](const std::string& bytes) {
     std::ofstream(signature(), std::ios::binary | std::ios::trunc) << bytes;
@@ -289,7 +289,7 @@ TEST_F(CodeSigningTest, WhatIsNoSignatureIsInvalid) {
   EXPECT_EQ(verdict(running.identifier()), CodeCheck::invalid);
 }
 
-TEST_F(CodeSigningTest, ASignatureThatIsAFifoOrAFolderIsInvalidAndNobodyWaits) {
+TEST_F(CodeSigningTest, AFifoOrFolderAsTheSignatureIsInvalidAndDoesNotBlock) {
   const Running running(client());
   run("mkfifo '" + signature() + "'");
   EXPECT_EQ(verdict(running.identifier()), CodeCheck::invalid);
@@ -304,17 +304,17 @@ TEST_F(CodeSigningTest, ATruncatedSignatureIsInvalid) {
   EXPECT_EQ(clientVerdict(), CodeCheck::invalid);
 }
 
-TEST_F(CodeSigningTest, AProcessThatIsGoneIsNotFound) {
+TEST_F(CodeSigningTest, AnEndedProcessIsNotFound) {
   sign("team");
   Running running(client());
   const int32_t identifier = running.identifier();
   running.kill();
-  EXPECT_EQ(verdict(identifier), CodeCheck::guestFailed) << "ended, status not collected";
+  EXPECT_EQ(verdict(identifier), CodeCheck::guestFailed) << "ended, but its status is not collected";
   running.end();
-  EXPECT_EQ(verdict(identifier), CodeCheck::guestFailed) << "gone";
+  EXPECT_EQ(verdict(identifier), CodeCheck::guestFailed) << "ended, and its status is collected";
 }
 
-TEST_F(CodeSigningTest, WhatNamesNoProcessIsNotFound) {
+TEST_F(CodeSigningTest, InvalidProcessIdentifiersAreNotFound) {
   for (const int32_t identifier : {0, -1, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()}) {
     EXPECT_EQ(verdict(identifier), CodeCheck::guestFailed) << identifier;
   }
@@ -327,11 +327,11 @@ TEST_F(CodeSigningTest, ARunningProcessWhoseFileWasReplacedIsInvalid) {
   const Running running(client());
   ASSERT_EQ(verdict(running.identifier()), CodeCheck::valid);
   replace(client(), changedCopyOfClient());
-  EXPECT_EQ(verdict(running.identifier()), CodeCheck::invalid) << "the file of that name is another";
-  EXPECT_EQ(clientVerdict(), CodeCheck::invalid) << "the new file is not what was signed";
+  EXPECT_EQ(verdict(running.identifier()), CodeCheck::invalid) << "another file has that name";
+  EXPECT_EQ(clientVerdict(), CodeCheck::invalid) << "the new file is not the signed one";
 }
 
-TEST_F(CodeSigningTest, AnUnsignedProcessDoesNotPassByPuttingASignedFileInItsPlace) {
+TEST_F(CodeSigningTest, AnUnsignedProcessIsInvalidEvenIfASignedFileReplacesItsOwn) {
   const std::string genuine = client() + ".genuine";
   fs::copy_file(client(), genuine);
   sign("team");
@@ -340,10 +340,10 @@ TEST_F(CodeSigningTest, AnUnsignedProcessDoesNotPassByPuttingASignedFileInItsPla
   ASSERT_EQ(verdict(running.identifier()), CodeCheck::invalid);
   replace(client(), genuine);
   EXPECT_EQ(verdict(running.identifier()), CodeCheck::invalid);
-  EXPECT_EQ(clientVerdict(), CodeCheck::valid) << "the signed file itself, started anew";
+  EXPECT_EQ(clientVerdict(), CodeCheck::valid) << "the signed file itself, started again";
 }
 
-TEST_F(CodeSigningTest, AnUnsignedProcessDoesNotPassUnderASignedFilesNameByALink) {
+TEST_F(CodeSigningTest, AnUnsignedProcessIsInvalidEvenIfALinkToASignedFileReplacesItsOwn) {
   sign("team");
   const std::string other = changedCopyOfClient();
   const Running running(other);
@@ -361,7 +361,7 @@ TEST_F(CodeSigningTest, AProcessWhoseFileWasDeletedIsInvalid) {
   EXPECT_EQ(verdict(running.identifier()), CodeCheck::invalid);
 }
 
-TEST_F(CodeSigningTest, AMovedFileIsLookedForWithItsSignature) {
+TEST_F(CodeSigningTest, AMovedFileNeedsItsSignatureBesideIt) {
   sign("team");
   const Running running(client());
   fs::rename(client(), client() + ".moved");
@@ -380,13 +380,13 @@ TEST_F(CodeSigningTest, ALinkToTheExecutableIsFollowed) {
 TEST_F(CodeSigningTest, WithoutAnchorsNothingIsValid) {
   sign("team");
   const TemporaryFolder anchors;
-  EXPECT_EQ(clientVerdict(anchors.path()), CodeCheck::invalid) << "empty";
+  EXPECT_EQ(clientVerdict(anchors.path()), CodeCheck::invalid) << "an empty folder";
   EXPECT_EQ(clientVerdict(anchors.path() / "missing"), CodeCheck::invalid);
   std::ofstream(anchors.path() / "README") << "no certificate\n";
   EXPECT_EQ(clientVerdict(anchors.path()), CodeCheck::invalid);
 }
 
-TEST_F(CodeSigningTest, AnAnchorMayBeDEROrOneOfSeveralBesideOtherFiles) {
+TEST_F(CodeSigningTest, AnAnchorMayBeDEROrOneOfSeveralAndOtherFilesAreIgnored) {
   sign("team");
   const Authorities& by = Authorities::all();
   const TemporaryFolder anchors;
@@ -403,7 +403,7 @@ TEST_F(CodeSigningTest, AnAnchorMayBeDEROrOneOfSeveralBesideOtherFiles) {
 }
 
 TEST_F(CodeSigningTest, AnchorsThatOthersCanWriteAreNotTrustedByRoot) {
-  if (geteuid() != 0) GTEST_SKIP() << "only a privileged host asks whose the anchors are";
+  if (geteuid() != 0) GTEST_SKIP() << "only a privileged host checks the owner of the anchors";
   sign("team");
   const TemporaryFolder top;
   const fs::path anchors = top.path() / "anchors";
@@ -437,7 +437,7 @@ TEST_F(CodeSigningTest, AnchorsThatOthersCanWriteAreNotTrustedByRoot) {
   EXPECT_TRUE(refusedAsOf(top.path()));
 }
 
-TEST_F(CodeSigningTest, ARequirementThatIsNotUnderstoodIsNotDropped) {
+TEST_F(CodeSigningTest, AnUnknownRequirementFails) {
   sign("team");
   const Running running(client());
   const auto with = [&](const std::string& requirement) {
@@ -458,7 +458,7 @@ TEST_F(CodeSigningTest, ARequirementThatIsNotUnderstoodIsNotDropped) {
   }
 }
 
-TEST_F(CodeSigningTest, AProcessThatIsGoneIsToldBeforeTheRequirementIsRead) {
+TEST_F(CodeSigningTest, AMissingProcessIsReportedBeforeTheRequirementIsRead) {
   EXPECT_EQ(LinuxCodeSigning(Authorities::all() / "anchors").check(-1, "nonsense"), CodeCheck::guestFailed);
 }
 

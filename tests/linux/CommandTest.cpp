@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The programs that copy files of mirrored volumes, as they are run.
+// Running the programs that copy files of mirrored volumes.
 #include "platform/linux/Command.h"
 
 #include <gmock/gmock.h>
@@ -11,7 +11,7 @@
 namespace vorlix {
 namespace {
 
-TEST(CommandTest, WhatAProgramPrintsIsHandedOnAndItsErrorsAreKept) {
+TEST(CommandTest, OutputIsForwardedAndErrorsAreKept) {
   std::string printed;
   Command command;
   command.arguments = {"sh", "-c", "echo out; echo wrong >&2; exit 3"};
@@ -22,7 +22,7 @@ TEST(CommandTest, WhatAProgramPrintsIsHandedOnAndItsErrorsAreKept) {
   EXPECT_EQ(result.status, 3);
 }
 
-TEST(CommandTest, AProgramThatNeverComesToItsEndIsEnded) {
+TEST(CommandTest, AProgramThatRunsForeverIsKilled) {
   Command command;
   command.arguments = {"sh", "-c", "while :; do :; done"};
   command.processorSeconds = 1;
@@ -32,7 +32,7 @@ TEST(CommandTest, AProgramThatNeverComesToItsEndIsEnded) {
   EXPECT_FALSE(result.succeeded());
 }
 
-TEST(CommandTest, AProgramThatIsNotThereIsALaunchError) {
+TEST(CommandTest, AMissingProgramIsALaunchError) {
   Command command;
   command.arguments = {"no program of that name"};
   EXPECT_EQ(runCommand(command).launchError, ENOENT);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The general disk tools that tests compare with.
+// The general disk tools with which tests compare results.
 #pragma once
 
 #include <stdio.h>
@@ -13,7 +13,7 @@
 
 namespace vorlix::test {
 
-/// What a shell command prints, without the line end at its end. A command that fails is an error.
+/// Runs a shell command and returns its output without trailing line feeds. @throws std::runtime_error if it fails.
 inline std::string run(const std::string& command) {
   FILE* const pipe = popen(("PATH=$PATH:/usr/sbin:/sbin LC_ALL=C; " + command).c_str(), "r");
   if (pipe == nullptr) throw std::runtime_error("cannot run " + command);
@@ -24,17 +24,17 @@ inline std::string run(const std::string& command) {
   return output;
 }
 
-/// The first group of the first match of `pattern`. No match is an error.
+/// Returns the first group of the first match of `pattern`. @throws std::runtime_error if there is no match.
 inline std::string capture(const std::string& text, const std::string& pattern) {
   std::smatch match;
   if (!std::regex_search(text, match, std::regex(pattern))) throw std::runtime_error(pattern + " is not in\n" + text);
   return match[1];
 }
 
-/// Makes a sparse file of 64 MiB and partitions it as on a Mac: an EFI System Partition as slice 1, no slice 2, and
-/// Windows' data as slice 3.
+/// Creates a sparse file of 64 MiB and partitions it as on a Mac: an EFI System Partition as slice 1, no slice 2, and
+/// Windows data as slice 3.
 inline void makeMacImage(const std::string& path) {
-  static const TemporaryFolder folder;  // sgdisk takes a second, a copy does not
+  static const TemporaryFolder folder;  // sgdisk takes a second, so copy its result
   const std::string first = folder.path() / "mac.img";
   if (!std::filesystem::exists(first)) {
     run("truncate -s 64M '" + first + "'");

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What disk arbitration tells of image files, beside what general tools print of them, and the small rules behind it.
+// Descriptions of image files by disk arbitration, compared with the output of general tools, and the helpers behind
+// them.
+#include <Vorlix/foundation/Utf8.h>
+#include <Vorlix/platform/SystemError.h>
 #include "platform/linux/DeviceFacts.h"
-#include "platform/linux/Dissenters.h"
 #include "platform/linux/MountFolders.h"
 #include "platform/linux/VolumeProbe.h"
 #include "tests/contract/Volumes.h"
@@ -19,7 +21,7 @@ class DescribedImage : public testing::Test {
     if (!missing.empty()) GTEST_SKIP() << missing;
   }
 
-  /// The identifier of slice 1 as sgdisk prints it.
+  /// Returns the identifier of slice 1 as printed by sgdisk.
   std::string identifierBySgdisk() const {
     return shell("sgdisk -i 1 '" + image_ + "' | sed -n 's/^Partition unique GUID: //p'");
   }
@@ -29,7 +31,7 @@ class DescribedImage : public testing::Test {
   const Platform ports_ = nativePlatform();
 };
 
-TEST_F(DescribedImage, ASliceOfAGPTIsDescribedAsTheToolsSeeIt) {
+TEST_F(DescribedImage, ASliceOfAGPTMatchesTheToolsOutput) {
   makeFATImage(image_, 16, 16);
   const auto slice = describe(ports_, image_ + "s1");
   ASSERT_TRUE(slice.has_value());
@@ -70,7 +72,7 @@ TEST_F(DescribedImage, AWholeDiskIsDescribed) {
   EXPECT_EQ(disk->text(kDescriptionDevicePath), slice->text(kDescriptionDevicePath));
 }
 
-TEST_F(DescribedImage, ASliceOfAnMBRHasItsTypeAndNoIdentifier) {
+TEST_F(DescribedImage, ASliceOfAnMBRHasATypeAndNoIdentifier) {
   writeImage(image_, {}, 32 << 20);
   shell("echo 'start=2048, size=16384, type=7' | sfdisk -q '" + image_ + "'");
   const auto slice = describe(ports_, image_ + "s1");
@@ -90,7 +92,7 @@ TEST_F(DescribedImage, AnNTFSVolumeHasASerialNumberAndNoUUID) {
   EXPECT_FALSE(disk->contains(kDescriptionVolumeUUID));
 }
 
-TEST_F(DescribedImage, AnExFATVolumeIsKnown) {
+TEST_F(DescribedImage, AnExFATVolumeIsRecognized) {
   const std::string missing = missingTool({"mkfs.exfat"});
   if (!missing.empty()) GTEST_SKIP() << missing;
   writeImage(image_, {}, 16 << 20);
@@ -115,7 +117,7 @@ TEST(KernelNames, HaveTheirUnits) {
   EXPECT_EQ(unitOfKernelName("sd" + std::string(1000, 'z')), std::nullopt);
 }
 
-TEST(VolumeKinds, AreThoseOfTheNativeSystem) {
+TEST(VolumeKinds, AreTheNativeNames) {
   EXPECT_EQ(volumeKindOf("vfat"), "msdos");
   EXPECT_EQ(volumeKindOf("ntfs"), "ntfs");
   EXPECT_EQ(volumeKindOf("ntfs3"), "ntfs");
@@ -127,7 +129,7 @@ TEST(VolumeKinds, AreThoseOfTheNativeSystem) {
   EXPECT_EQ(volumeKindOf("fuseblk"), std::nullopt);
 }
 
-TEST(UdevRecords, TellOfVolumesThatCannotBeRead) {
+TEST(UdevRecords, DescribeVolumesThatCannotBeRead) {
   const auto volume = volumeInUdevRecord({{"ID_FS_TYPE", "hfsplus"},
                                           {"ID_FS_USAGE", "filesystem"},
                                           {"ID_FS_LABEL_ENC", "Macintosh\\x20HD \\x5c \\xc3\\xa9"},
@@ -147,13 +149,14 @@ TEST(UdevRecords, TellOfVolumesThatCannotBeRead) {
   EXPECT_EQ(serial->label, "a\\x4");
 }
 
-TEST(Texts, ThatAreNotUTF8AreMadeSo) {
+TEST(Texts, ThatAreNotUTF8AreRepaired) {
   const std::string replacement = "\xEF\xBF\xBD";
-  EXPECT_EQ(validText("plain \xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80"), "plain \xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80");
-  EXPECT_EQ(validText("\x82t\x82"), replacement + "t" + replacement);
-  EXPECT_EQ(validText("\xC0\x80"), replacement + replacement);                    // overlong
-  EXPECT_EQ(validText("\xED\xA0\x80"), replacement + replacement + replacement);  // a surrogate
-  EXPECT_EQ(validText("cut \xE2\x82"), "cut " + replacement + replacement);
+  EXPECT_EQ(repairedUtf8("plain \xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80"),
+            "plain \xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80");
+  EXPECT_EQ(repairedUtf8("\x82t\x82"), replacement + "t" + replacement);
+  EXPECT_EQ(repairedUtf8("\xC0\x80"), replacement + replacement);                    // overlong
+  EXPECT_EQ(repairedUtf8("\xED\xA0\x80"), replacement + replacement + replacement);  // a surrogate
+  EXPECT_EQ(repairedUtf8("cut \xE2\x82"), "cut " + replacement + replacement);
 }
 
 TEST(FolderNames, AreSafe) {
@@ -166,18 +169,18 @@ TEST(FolderNames, AreSafe) {
   EXPECT_LE(safeFolderName(std::string(500, 'x')).size(), 128U);
   std::string accents;
   for (int i = 0; i < 100; ++i) accents += "\xC3\xA9";
-  EXPECT_EQ(safeFolderName("x" + accents).size(), 127U) << "no half of a character";
+  EXPECT_EQ(safeFolderName("x" + accents).size(), 127U) << "no character may be split";
 }
 
 TEST(ErrorNumbers, HaveTheirPublishedCodes) {
-  EXPECT_EQ(dissentStatus(EBUSY), static_cast<int32_t>(0xF8DA0002));
-  EXPECT_EQ(dissentStatus(EINVAL), static_cast<int32_t>(0xF8DA0003));
-  EXPECT_EQ(dissentStatus(ENOSPC), static_cast<int32_t>(0xF8DA0005));
-  EXPECT_EQ(dissentStatus(ENOENT), static_cast<int32_t>(0xF8DA0006));
-  EXPECT_EQ(dissentStatus(EPERM), static_cast<int32_t>(0xF8DA0009));
-  EXPECT_EQ(dissentStatus(EROFS), static_cast<int32_t>(0xF8DA000B));
-  EXPECT_EQ(dissentStatus(ENODEV), static_cast<int32_t>(0xF8DA000C));
-  EXPECT_EQ(dissentStatus(EIO), static_cast<int32_t>(0xF8DA0001));
+  EXPECT_EQ((SystemError{EBUSY}.status()), static_cast<int32_t>(0xF8DA0002));
+  EXPECT_EQ((SystemError{EINVAL}.status()), static_cast<int32_t>(0xF8DA0003));
+  EXPECT_EQ((SystemError{ENOSPC}.status()), static_cast<int32_t>(0xF8DA0005));
+  EXPECT_EQ((SystemError{ENOENT}.status()), static_cast<int32_t>(0xF8DA0006));
+  EXPECT_EQ((SystemError{EPERM}.status()), static_cast<int32_t>(0xF8DA0009));
+  EXPECT_EQ((SystemError{EROFS}.status()), static_cast<int32_t>(0xF8DA000B));
+  EXPECT_EQ((SystemError{ENODEV}.status()), static_cast<int32_t>(0xF8DA000C));
+  EXPECT_EQ((SystemError{EIO}.status()), static_cast<int32_t>(0xF8DA0001));
   EXPECT_EQ(dissenterFor(EBUSY, "/dev/sda1").text, "/dev/sda1: Device or resource busy");
 }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Volumes that a driver in user space has mounted from a device or an image, which the kernel tells only by the name
-// that the driver chose: ntfs-3g, fuse2fs, and drivers that lie.
+// Volumes that a driver in user space has mounted from a device or image. The kernel knows them only by the name that
+// the driver chose. The drivers are ntfs-3g, fuse2fs, and drivers that lie.
 #include <Vorlix/platform/MountedVolumes.h>
 #include <fcntl.h>
 #include <sys/sysmacros.h>
@@ -37,7 +37,7 @@ class DriverMounts : public testing::Test {
     fs::create_directories(folder_ / name);
     return folder_ / name;
   }
-  /// Has ntfs-3g mount an image, called so, at a new folder.
+  /// Mounts an image at a new folder with ntfs-3g, which gets this name of the image.
   std::string drive(const std::string& image, const std::string& name) const {
     const std::string path = makeFolder(name);
     shell("cd '" + folder_.path().string() + "' && ntfs-3g '" + image + "' '" + path + "'");
@@ -77,7 +77,7 @@ TEST_F(DriverMounts, AnImageIsListedDescribedAndFoundByItsPath) {
   });
 }
 
-TEST_F(DriverMounts, AnImageIsNotMountedTwiceAndNothingOfItIsLost) {
+TEST_F(DriverMounts, AnImageIsNotMountedTwiceAndNoDataIsLost) {
   const std::string image = makeNTFS("n.img");
   inOwnNamespace([&] {
     const std::string path = drive("n.img", "place");
@@ -90,7 +90,7 @@ TEST_F(DriverMounts, AnImageIsNotMountedTwiceAndNothingOfItIsLost) {
     EXPECT_EQ(countMounts(), before - 1);
     EXPECT_EQ(mounted(image), "");
     EXPECT_TRUE(listed().empty());
-    // At once: the driver has written everything.
+    // The unmount returns only after the driver has written everything.
     for (const char* number : {"0", "39"}) {
       EXPECT_EQ(shell("ntfscat '" + image + "' 'file " + number + "'"), "text");
     }
@@ -98,7 +98,7 @@ TEST_F(DriverMounts, AnImageIsNotMountedTwiceAndNothingOfItIsLost) {
   });
 }
 
-TEST_F(DriverMounts, OneInUseStaysMountedAndIsNotCalledUnmounted) {
+TEST_F(DriverMounts, AVolumeInUseStaysMounted) {
   const std::string image = makeNTFS("n.img");
   inOwnNamespace([&] {
     const std::string path = drive("n.img", "place");
@@ -109,14 +109,14 @@ TEST_F(DriverMounts, OneInUseStaysMountedAndIsNotCalledUnmounted) {
   });
 }
 
-TEST_F(DriverMounts, OneBelowAnotherMountIsNotTakenForUnmounted) {
+TEST_F(DriverMounts, AVolumeCoveredByAnotherMountStaysMounted) {
   const std::string image = makeNTFS("n.img");
   inOwnNamespace([&] {
     const std::string path = drive("n.img", "place");
     shell("mount -t tmpfs above '" + path + "'");
     const size_t before = countMounts();
     EXPECT_TRUE(refused(unmountNow(ports_, image), kDissentBusy, path));
-    EXPECT_EQ(countMounts(), before) << "the other mount is there as well";
+    EXPECT_EQ(countMounts(), before) << "the other mount must remain too";
     EXPECT_TRUE(granted(mountNow(ports_, image, {"rw"})));
     EXPECT_EQ(countMounts(), before);
     shell("umount '" + path + "'");
@@ -124,7 +124,7 @@ TEST_F(DriverMounts, OneBelowAnotherMountIsNotTakenForUnmounted) {
   });
 }
 
-TEST_F(DriverMounts, OneInAFolderBelowAnotherMountIsNotTakenForUnmounted) {
+TEST_F(DriverMounts, AVolumeInACoveredFolderStaysMounted) {
   const std::string image = makeNTFS("n.img");
   inOwnNamespace([&] {
     const std::string path = drive("n.img", "folder/place");
@@ -139,7 +139,7 @@ TEST_F(DriverMounts, OneInAFolderBelowAnotherMountIsNotTakenForUnmounted) {
   });
 }
 
-TEST_F(DriverMounts, AMountInSeveralPlacesIsUnmountedFromAll) {
+TEST_F(DriverMounts, AVolumeMountedInSeveralPlacesIsUnmountedFromAll) {
   const std::string image = makeNTFS("n.img");
   inOwnNamespace([&] {
     const size_t before = countMounts();
@@ -156,7 +156,7 @@ TEST_F(DriverMounts, AMountInSeveralPlacesIsUnmountedFromAll) {
   });
 }
 
-TEST_F(DriverMounts, OddNamesAndLinksLeadToTheImage) {
+TEST_F(DriverMounts, UnusualNamesAndLinksLeadToTheImage) {
   const std::string odd = "a \\040\tb\n# (deleted)";
   const std::string image = makeNTFS(odd);
   fs::create_symlink(odd, folder_ / "link.img");
@@ -170,14 +170,14 @@ TEST_F(DriverMounts, OddNamesAndLinksLeadToTheImage) {
   });
 }
 
-TEST_F(DriverMounts, AFileInThePlaceOfAMountedOneIsNotMounted) {
+TEST_F(DriverMounts, AFileThatReplacesAMountedOneIsNotMounted) {
   const std::string image = makeNTFS("n.img", "Old");
   const std::string other = makeNTFS("other.img", "New");
   inOwnNamespace([&] {
     const std::string path = drive("n.img", "place");
     fs::rename(other, image);
     EXPECT_EQ(mounted(image), "");
-    EXPECT_TRUE(listed().empty()) << "what is mounted has no name any more";
+    EXPECT_TRUE(listed().empty()) << "the mounted image no longer has a name";
     EXPECT_TRUE(refused(unmountNow(ports_, image), kDissentNotMounted));
     writeText(path + "/still", "here");
     ASSERT_TRUE(granted(mountNow(ports_, image, {"rw"})));
@@ -201,7 +201,7 @@ TEST_F(DriverMounts, AMountedImageIsFoundUnderItsNewName) {
   });
 }
 
-TEST_F(DriverMounts, ADeviceByAnotherNodeIsTheDevice) {
+TEST_F(DriverMounts, ADeviceIsFoundByAnotherNode) {
   std::string reason = LoopWorld::unavailable();
   if (reason.empty()) reason = missingTool({"losetup", "mknod"});
   if (!reason.empty()) GTEST_SKIP() << reason;
@@ -221,7 +221,7 @@ TEST_F(DriverMounts, ADeviceByAnotherNodeIsTheDevice) {
   shell("losetup --detach " + device);
 }
 
-TEST_F(DriverMounts, ADriverToldAnOffsetHasMountedThatSlice) {
+TEST_F(DriverMounts, ADriverWithAnOffsetHasMountedThatSlice) {
   const std::string missing = missingTool({"fuse2fs", "mkfs.ext4", "sgdisk"});
   if (!missing.empty()) GTEST_SKIP() << missing;
   const std::string image = folder_ / "slices.img";
@@ -230,7 +230,7 @@ TEST_F(DriverMounts, ADriverToldAnOffsetHasMountedThatSlice) {
   shell("mkfs.ext4 -q -L second -E offset=8388608 '" + image + "' 8M");
   inOwnNamespace([&] {
     const std::string path = makeFolder("place");
-    // This driver passes the name on as it is given: a relative one.
+    // This driver passes on the name as given, which is relative.
     shell("cd '" + folder_.path().string() + "' && fuse2fs -o offset=8388608,rw ./slices.img '" + path + "'");
     EXPECT_EQ(mounted(image + "s2"), path);
     EXPECT_EQ(mounted(image + "s1"), "");
@@ -241,22 +241,22 @@ TEST_F(DriverMounts, ADriverToldAnOffsetHasMountedThatSlice) {
   });
 }
 
-TEST_F(DriverMounts, ARelativeNameIsNotLookedForWhereThisProcessIs) {
+TEST_F(DriverMounts, ARelativeNameIsNotResolvedInThisProcessesFolder) {
   const std::string image = makeNTFS("same name.img");
   inOwnNamespace([&] {
     fs::current_path(folder_.path());
     const FuseDriver driver("same name.img", makeFolder("place"), FuseDriver::Sizes{1000, 200, 1024});
-    // Asked without opening it: the driver is this process.
+    // Do not open the mount: this process is the driver and would block.
     const std::optional<DeviceLocation> location = locateDevice(image);
     ASSERT_TRUE(location);
-    EXPECT_TRUE(mountsOf(*location, {}).empty()) << "nothing tells that it is this one";
+    EXPECT_TRUE(mountsOf(*location, {}).empty()) << "nothing identifies the image yet";
     const Descriptor held(open(image.c_str(), O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(mountsOf(*location, {}).size(), 1U);
     EXPECT_EQ(mounted(image), folder_ / "place");
   });
 }
 
-TEST_F(DriverMounts, ANameThatAnotherUserMadeUpDoesNotCount) {
+TEST_F(DriverMounts, ANameThatAnotherUserInventedIsIgnored) {
   const std::string image = makeNTFS("n.img");
   fs::permissions(image, fs::perms::owner_read | fs::perms::owner_write);
   inOwnNamespace([&] {
@@ -264,13 +264,13 @@ TEST_F(DriverMounts, ANameThatAnotherUserMadeUpDoesNotCount) {
     EXPECT_EQ(mounted(image), "");
     EXPECT_TRUE(listed().empty());
     fs::permissions(image, fs::perms::others_read, fs::perm_options::add);
-    EXPECT_EQ(mounted(image), "") << "the mount is for writing, which the user may not";
+    EXPECT_EQ(mounted(image), "") << "the mount is writable, but the user may not write to the image";
     ASSERT_EQ(chown(image.c_str(), kOrdinaryUser, 0), 0);
     EXPECT_EQ(mounted(image), folder_ / "place");
   });
 }
 
-TEST_F(DriverMounts, AFolderOrADeviceOfAnotherSortIsNoVolume) {
+TEST_F(DriverMounts, FoldersAndOtherDevicesAreNotVolumes) {
   inOwnNamespace([&] {
     const FuseDriver onFolder(makeFolder("source"), makeFolder("one"), FuseDriver::Sizes{1000, 200, 1024});
     const FuseDriver onDevice("/dev/null", makeFolder("two"), FuseDriver::Sizes{1000, 200, 1024});
@@ -279,7 +279,7 @@ TEST_F(DriverMounts, AFolderOrADeviceOfAnotherSortIsNoVolume) {
   });
 }
 
-TEST_F(DriverMounts, AnOrdinaryUserUnmountsTheirOwnAndHearsWhyNotAnothers) {
+TEST_F(DriverMounts, AnOrdinaryUserUnmountsOwnVolumesAndGetsTheReasonForOthers) {
   const std::string missing = missingTool({"fusermount3"});
   if (!missing.empty()) GTEST_SKIP() << missing;
   const std::string own = makeNTFS("own.img");
@@ -290,7 +290,7 @@ TEST_F(DriverMounts, AnOrdinaryUserUnmountsTheirOwnAndHearsWhyNotAnothers) {
     asOrdinaryUser(folder_, [&] {
       bool ok = false;
       const std::string text = runCommand("ntfs-3g '" + own + "' '" + (folder_ / "own") + "' 2>&1", ok);
-      if (!ok) GTEST_SKIP() << "users mount nothing here: " << text;
+      if (!ok) GTEST_SKIP() << "users cannot mount anything here: " << text;
       EXPECT_EQ(mounted(own), folder_ / "own");
       EXPECT_TRUE(granted(mountNow(ports_, own, {"rw"})));
       EXPECT_TRUE(granted(unmountNow(ports_, own)));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The reader of FAT volumes, on volumes by mkfs.vfat and mtools, and on damaged copies of them.
+// Reading FAT volumes that mkfs.vfat and mtools made, and damaged copies of them.
 #include "platform/linux/FatVolume.h"
 
 #include <Vorlix/platform/Descriptor.h>
@@ -38,14 +38,14 @@ class FatVolumeTest : public testing::TestWithParam<int> {
     return bytes;
   }
 
-  /// Puts bytes into the volume.
+  /// Writes bytes into the volume.
   void poke(uint64_t offset, const std::string& bytes) const {
     std::fstream file(image_, std::ios::in | std::ios::out | std::ios::binary);
     file.seekp(static_cast<std::streamoff>(kVolumeOffset + offset));
     file << bytes;
   }
 
-  /// Where bytes stand in the volume.
+  /// Returns the offset of bytes in the volume.
   uint64_t find(const std::string& bytes) const {
     const size_t at = readText(image_).find(bytes, kVolumeOffset);
     EXPECT_NE(at, std::string::npos);
@@ -62,7 +62,7 @@ class FatVolumeOf16Bits : public FatVolumeTest {
  protected:
   int bits() const override { return 16; }
 
-  /// A little-endian entry in both tables, or in the first alone.
+  /// Writes a little-endian entry into both tables, or only into the first one.
   void pokeTables(uint32_t cluster, const std::string& value, bool first = false) {
     ASSERT_TRUE(granted(read()));
     const FatLayout& layout = volume_.volume.layout();
@@ -80,7 +80,7 @@ std::string pairOf(uint32_t value) {
   return {static_cast<char>(value & 0xFF), static_cast<char>(value >> 8)};
 }
 
-TEST_P(FatVolumeTest, NamesSizesBytesAndAttributesAreThoseThatMtoolsWrote) {
+TEST_P(FatVolumeTest, NamesSizesBytesAndAttributesMatchThoseOfMtools) {
   const std::string large(300000, 'L');
   writeText(folder_ / "file", large);
   const std::vector<std::string> names = {"UPPER.TXT",
@@ -118,7 +118,7 @@ TEST_P(FatVolumeTest, TablesThatDifferAreRefused) {
 
 INSTANTIATE_TEST_SUITE_P(Widths, FatVolumeTest, testing::Values(12, 16, 32), testing::PrintToStringParamName());
 
-TEST_F(FatVolumeOf16Bits, AChainThatIsLongerOrShorterThanItsFileIsRefused) {
+TEST_F(FatVolumeOf16Bits, AChainLongerOrShorterThanItsFileIsRefused) {
   const uint64_t entry = find("README  TXT");
   const std::string bytes = readText(image_);
   poke(entry + 28, std::string("\x00\x10\x00\x00", 4));  // 4096 bytes in a cluster of 2048
@@ -129,13 +129,13 @@ TEST_F(FatVolumeOf16Bits, AChainThatIsLongerOrShorterThanItsFileIsRefused) {
   EXPECT_TRUE(granted(read()));
 }
 
-TEST_F(FatVolumeOf16Bits, AClusterOfTwoFilesIsRefused) {
+TEST_F(FatVolumeOf16Bits, AClusterInTwoFilesIsRefused) {
   const uint32_t cluster = firstClusterOf("/EFI/Boot/bootx64.efi");
   poke(find("README  TXT") + 26, pairOf(cluster));
   EXPECT_TRUE(refused(read(), kDissentUnsupported, "is used twice"));
 }
 
-TEST_F(FatVolumeOf16Bits, AChainThatComesBackOrLeadsNowhereIsRefused) {
+TEST_F(FatVolumeOf16Bits, ACircularChainIsRefused) {
   const uint32_t cluster = firstClusterOf("/readme.txt");
   pokeTables(cluster, pairOf(cluster));
   poke(find("README  TXT") + 28, std::string("\x00\x10\x00\x00", 4));
@@ -147,7 +147,7 @@ TEST_F(FatVolumeOf16Bits, AChainThatLeadsToAFreeClusterIsRefused) {
   EXPECT_TRUE(refused(read(), kDissentUnsupported, "has no end"));
 }
 
-TEST_F(FatVolumeOf16Bits, NamesThatNoVolumeMayHaveAreRefused) {
+TEST_F(FatVolumeOf16Bits, InvalidNamesAreRefused) {
   writeText(folder_ / "file", "x");
   mtools(image_, "mcopy", "'" + (folder_ / "file") + "' '::/a long name.txt'");
   const std::string bytes = readText(image_);
@@ -156,7 +156,7 @@ TEST_F(FatVolumeOf16Bits, NamesThatNoVolumeMayHaveAreRefused) {
     poke(name, std::string(1, bad));
     EXPECT_TRUE(refused(read(), kDissentUnsupported, "name that is not allowed"));
   }
-  poke(name, std::string("\x00\xD8", 2));  // half of a character
+  poke(name, std::string("\x00\xD8", 2));  // an unpaired surrogate
   EXPECT_TRUE(refused(read(), kDissentUnsupported, "name that is not allowed"));
   writeText(image_, bytes);
   poke(find("README  TXT"), "RE/D");
@@ -167,14 +167,14 @@ TEST_F(FatVolumeOf16Bits, ALongNameOfMoreThan255UnitsIsRefused) {
   writeText(folder_ / "file", "x");
   mtools(image_, "mcopy", "'" + (folder_ / "file") + "' '::/" + std::string(255, 'n') + "'");
   ASSERT_TRUE(granted(read()));
-  // The last of its 20 parts holds 8 letters and the zero that ends it; five more letters make 260.
+  // The last of its 20 parts holds 8 letters and the terminating zero. Five more letters make 260.
   const uint64_t part = find(std::string("\x54n\0n\0", 5));
   poke(part + 14, "n");
   for (const uint64_t unit : {14U, 16U, 18U, 20U, 22U, 24U, 28U, 30U}) poke(part + unit, std::string("n\0", 2));
   EXPECT_TRUE(refused(read(), kDissentUnsupported, "name that is not allowed"));
 }
 
-TEST_F(FatVolumeOf16Bits, ALongNameWithAnotherSumIsNotTheNames) {
+TEST_F(FatVolumeOf16Bits, ALongNameWithAWrongChecksumIsIgnored) {
   writeText(folder_ / "file", "x");
   mtools(image_, "mcopy", "'" + (folder_ / "file") + "' '::/a long name.txt'");
   const uint64_t name = find(std::string("a\0 \0l\0", 6));
@@ -184,7 +184,7 @@ TEST_F(FatVolumeOf16Bits, ALongNameWithAnotherSumIsNotTheNames) {
   EXPECT_NE(volume_.volume.find("/ALONGN~1.TXT"), nullptr);
 }
 
-TEST_F(FatVolumeOf16Bits, FreeClustersAreThoseThatFsckCounts) {
+TEST_F(FatVolumeOf16Bits, FreeClustersMatchTheCountOfFsck) {
   ASSERT_TRUE(granted(read()));
   const std::string copy = folder_ / "volume";
   writeText(copy, readText(image_).substr(kVolumeOffset, size_t{16} << 20));
@@ -195,7 +195,7 @@ TEST_F(FatVolumeOf16Bits, FreeClustersAreThoseThatFsckCounts) {
       << counts;
 }
 
-TEST(FatNames, LettersOfBothCasesAreTheSame) {
+TEST(FatNames, UpperAndLowerCaseAreEqual) {
   EXPECT_EQ(foldedFatName("/EFI/boot x1.txt"), "/EFI/BOOT X1.TXT");
   EXPECT_EQ(foldedFatName("\xC3\xA9\xC3\xBF\xC5\x82"), "\xC3\x89\xC5\xB8\xC5\x81");          // é ÿ ł
   EXPECT_EQ(foldedFatName("\xCE\xAC\xCF\x83\xCF\x8E"), "\xCE\x86\xCE\xA3\xCE\x8F");          // ά σ ώ

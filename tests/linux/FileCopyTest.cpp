@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Attributes and limits of file copies that only Linux has.
+// Attributes and limits of file copies that exist only on Linux.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -55,7 +55,7 @@ TEST_F(LinuxCopies, TheOwnerIsKeptWithTheSetUserIDBit) {
   EXPECT_EQ(status.st_mode & 07777, 04755U);
 }
 
-TEST_F(LinuxCopies, AFileOfTheKernelsWithoutASizeIsCopiedWhole) {
+TEST_F(LinuxCopies, AKernelFileWithoutASizeIsCopiedCompletely) {
   EXPECT_EQ(copier_.copyItem("/proc/version", folder_ / "to"), std::nullopt);
   std::ifstream original("/proc/version");
   std::ifstream copy(folder_ / "to");
@@ -67,9 +67,9 @@ TEST_F(LinuxCopies, AFileOfTheKernelsWithoutASizeIsCopiedWhole) {
   EXPECT_EQ(seen, expected);
 }
 
-TEST_F(LinuxCopies, AFullDestinationEndsTheCopyAndWhatWasWrittenStays) {
+TEST_F(LinuxCopies, AFullDestinationEndsTheCopyAndTheWrittenPartRemains) {
   const std::string from = make("from", std::string(256 * 1024, 'x'));
-  // A limit on the size of files stands for a full disk. The signal that goes with it would end the process.
+  // A limit on the size of files simulates a full disk. Its signal would end the process, so ignore the signal.
   rlimit before = {};
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
   const auto handler = signal(SIGXFSZ, SIG_IGN);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A file-system driver in user space that has nothing but its sizes to tell, and counts what it is asked.
+// A file-system driver in user space that reports only its sizes and counts the requests that it gets.
 #pragma once
 
 #include <fcntl.h>
@@ -31,8 +31,8 @@ class FuseDriver {
     uint32_t blockSize = 0;
   };
 
-  /// Mounts itself at `folder` under the name `source`. Without `sizes` it fails whoever asks for them. It answers that
-  /// question after `delay`. The mount is that of `user`.
+  /// Mounts itself at `folder` under the name `source`, for `user`. Without `sizes`, requests for them fail. Answers
+  /// such requests after `delay`.
   FuseDriver(const std::string& source, const std::string& folder, std::optional<Sizes> sizes,
              std::chrono::milliseconds delay = {}, uid_t user = 0)
       : sizes_(sizes), delay_(delay), connection_(open("/dev/fuse", O_RDWR | O_CLOEXEC)) {
@@ -51,7 +51,7 @@ class FuseDriver {
   FuseDriver(const FuseDriver&) = delete;
   FuseDriver& operator=(const FuseDriver&) = delete;
 
-  /// Why there can be none here; empty when there can.
+  /// Returns why no driver can run here, or an empty string if one can.
   static std::string unavailable() {
     const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);
     if (device < 0) return "/dev/fuse cannot be opened on this machine";
@@ -59,7 +59,7 @@ class FuseDriver {
     return "";
   }
 
-  /// How often each question was asked, by the kernel's codes, without the greeting that comes with the mount.
+  /// Returns the number of requests by the kernel's codes, without the initial handshake of the mount.
   std::map<uint32_t, int> asked() const {
     const std::lock_guard<std::mutex> guard(mutex_);
     return asked_;
@@ -92,14 +92,14 @@ class FuseDriver {
       const std::lock_guard<std::mutex> guard(mutex_);
       ++asked_[header.opcode];
     }
-    if (header.opcode == FUSE_FORGET || header.opcode == FUSE_BATCH_FORGET) return;  // want no answer
+    if (header.opcode == FUSE_FORGET || header.opcode == FUSE_BATCH_FORGET) return;  // these expect no reply
     if (header.opcode == FUSE_STATFS && sizes_) {
       std::this_thread::sleep_for(delay_);
       fuse_statfs_out out = {};
       out.st.blocks = sizes_->blocks;
       out.st.bfree = sizes_->blocks;
       out.st.bavail = sizes_->available;
-      out.st.bsize = 65536;  // of transfers, not the unit of the counts
+      out.st.bsize = 65536;  // the transfer size, not the unit of the counts
       out.st.frsize = sizes_->blockSize;
       reply(header, 0, &out, sizeof out);
       return;
@@ -115,7 +115,7 @@ class FuseDriver {
     std::vector<char> bytes(header.len);
     std::memcpy(bytes.data(), &header, sizeof header);
     if (size != 0) std::memcpy(bytes.data() + sizeof header, body, size);
-    static_cast<void>(!write(connection_, bytes.data(), bytes.size()));  // who asked may be gone
+    static_cast<void>(!write(connection_, bytes.data(), bytes.size()));  // the requesting process may have ended
   }
 
   const std::optional<Sizes> sizes_;

@@ -30,7 +30,7 @@ class LinuxHostBundleTest : public testing::Test {
   vorlix::LinuxHostBundle bundle{{first, second}};
 };
 
-TEST_F(LinuxHostBundleTest, TheTypeIsTheFileNamesExtension) {
+TEST_F(LinuxHostBundleTest, TheTypeIsTheFileExtension) {
   const std::string bare = add(first / "unzip");
   const std::string typed = add(first / "BeforeEFI.plist");
   EXPECT_EQ(bundle.pathForResource("unzip", "", ""), bare);
@@ -39,19 +39,19 @@ TEST_F(LinuxHostBundleTest, TheTypeIsTheFileNamesExtension) {
   EXPECT_FALSE(bundle.pathForResource("unzip", "plist", ""));
 }
 
-TEST_F(LinuxHostBundleTest, TheFirstFolderGoesFirst) {
+TEST_F(LinuxHostBundleTest, TheFirstFolderTakesPrecedence) {
   const std::string later = add(second / "unzip");
   EXPECT_EQ(bundle.pathForResource("unzip", "", ""), later);
   const std::string earlier = add(first / "unzip");
   EXPECT_EQ(bundle.pathForResource("unzip", "", ""), earlier);
 }
 
-TEST_F(LinuxHostBundleTest, AFolderIsNoResource) {
+TEST_F(LinuxHostBundleTest, AFolderIsNotAResource) {
   fs::create_directories(first / "unzip");
   EXPECT_FALSE(bundle.pathForResource("unzip", "", ""));
 }
 
-TEST_F(LinuxHostBundleTest, ANameDoesNotLeadOutOfTheFolder) {
+TEST_F(LinuxHostBundleTest, ANameCannotLeaveTheFolder) {
   add(folder / "outside");
   fs::create_directories(first / "below");
   add(first / "below" / "inside");
@@ -62,12 +62,12 @@ TEST_F(LinuxHostBundleTest, ANameDoesNotLeadOutOfTheFolder) {
   EXPECT_FALSE(bundle.pathForResource("x", "/../../outside", ""));
 }
 
-TEST_F(LinuxHostBundleTest, TheHostsOwnFolderIsThatOfItsExecutable) {
+TEST_F(LinuxHostBundleTest, TheDefaultFolderIsThatOfTheExecutable) {
   const fs::path own = fs::read_symlink("/proc/self/exe");
   EXPECT_EQ(vorlix::LinuxHostBundle().pathForResource(own.filename().string(), "", ""), own.string());
 }
 
-TEST_F(LinuxHostBundleTest, TheEnvironmentDoesNotSayWhereToLook) {
+TEST_F(LinuxHostBundleTest, TheEnvironmentHasNoInfluence) {
   add(first / "unzip-of-another");
   const std::string path = std::getenv("PATH") != nullptr ? std::getenv("PATH") : "";
   setenv("PATH", first.c_str(), 1);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The registry on machines in sysfs form: the contract, and what is told of each kind of disk.
+// The registry on captured sysfs trees: the contract, and the properties of each kind of disk.
 #include "platform/linux/IORegistry.h"
 
 #include "CapturedTree.h"
@@ -59,7 +59,7 @@ class LinuxIORegistryTest : public testing::Test {
     return propertiesOf(*parent);
   }
 
-  // What the device above a whole disk says of itself.
+  // Returns the characteristics of the device above a whole disk.
   Dictionary characteristicsAbove(const std::string& whole) {
     std::shared_ptr<RegistryEntry> device;
     EXPECT_EQ(only(whole)->parent(kServicePlane, device), kKernSuccess);
@@ -84,7 +84,7 @@ TEST_F(LinuxIORegistryTest, TheWalkOverASATAMachine) {
           "IOService:/MacBookPro11,1/Example SSD 256G@sda/Example SSD 256G Media/IOGUIDPartitionScheme/Untitled 4@4"));
 }
 
-TEST_F(LinuxIORegistryTest, TheMachineNamesItsModelWithANULAtTheEnd) {
+TEST_F(LinuxIORegistryTest, TheMachinesModelEndsWithANUL) {
   look("sata");
   const Entries experts = matching(*registry_, {"IOPlatformExpertDevice", std::nullopt, {}});
   ASSERT_EQ(experts.size(), 1U);
@@ -92,7 +92,7 @@ TEST_F(LinuxIORegistryTest, TheMachineNamesItsModelWithANULAtTheEnd) {
   EXPECT_EQ(propertiesOf(*experts[0]).data("model"), Data(model.begin(), model.end()));
 }
 
-TEST_F(LinuxIORegistryTest, AMachineWithADeviceTreeNamesItsModelToo) {
+TEST_F(LinuxIORegistryTest, AMachineWithADeviceTreeHasAModelToo) {
   look("nvme");
   const Entries experts = matching(*registry_, {"IOPlatformExpertDevice", std::nullopt, {}});
   ASSERT_EQ(experts.size(), 1U);
@@ -100,14 +100,14 @@ TEST_F(LinuxIORegistryTest, AMachineWithADeviceTreeNamesItsModelToo) {
   EXPECT_EQ(propertiesOf(*experts[0]).data("model"), Data(model.begin(), model.end()));
 }
 
-TEST_F(LinuxIORegistryTest, AMachineOfUnknownModelHasNone) {
+TEST_F(LinuxIORegistryTest, AMachineOfUnknownModelHasNoModelProperty) {
   look("usb");
   const Entries experts = matching(*registry_, {"IOPlatformExpertDevice", std::nullopt, {}});
   ASSERT_EQ(experts.size(), 1U);
   EXPECT_FALSE(propertiesOf(*experts[0]).contains("model"));
 }
 
-TEST_F(LinuxIORegistryTest, TheDiskGUIDStandsBetweenTheMediumAndItsSlices) {
+TEST_F(LinuxIORegistryTest, TheDiskGUIDIsBetweenTheMediumAndItsSlices) {
   look("sata");
   const Dictionary disk = propertiesNamed("sda");
   EXPECT_FALSE(disk.contains("UUID"));
@@ -122,7 +122,7 @@ TEST_F(LinuxIORegistryTest, TheDiskGUIDStandsBetweenTheMediumAndItsSlices) {
   EXPECT_FALSE(disk.contains("Base"));
 }
 
-TEST_F(LinuxIORegistryTest, ASliceCarriesWhatUdevKnows) {
+TEST_F(LinuxIORegistryTest, ASliceHasTheDataOfUdev) {
   look("sata");
   const Dictionary slice = propertiesNamed("sda3");
   EXPECT_EQ(slice.boolean("Whole"), false);
@@ -133,7 +133,7 @@ TEST_F(LinuxIORegistryTest, ASliceCarriesWhatUdevKnows) {
   EXPECT_EQ(propertiesNamed("sda1").text("Content Hint"), "C12A7328-F81F-11D2-BA4B-00A0C93EC93B");
 }
 
-TEST_F(LinuxIORegistryTest, ASliceIsNotTakenForAnEarlierOneOfItsNumber) {
+TEST_F(LinuxIORegistryTest, ASliceIsNotMistakenForAnEarlierOneWithItsNumber) {
   look("sata");
   const Dictionary slice = propertiesNamed("sda4");
   EXPECT_EQ(slice.integer("Base"), int64_t{1000000} * 512);
@@ -152,7 +152,7 @@ TEST_F(LinuxIORegistryTest, ASliceIsAlsoFoundByTheNumberOnItsDisk) {
   EXPECT_EQ(propertiesNamed("nvme0n1s1").text("BSD Name"), "nvme0n1p1");
 }
 
-TEST_F(LinuxIORegistryTest, AKernelNameGoesBeforeTheNumberOnADisk) {
+TEST_F(LinuxIORegistryTest, AKernelNameTakesPrecedenceOverANumberOnADisk) {
   look("sata");
   tree_->add(
       "[sys/block/sds]\nsize = 4096\n[sys/block/sds/sds1]\npartition = 1\nstart = 8\nsize = 16\n"
@@ -160,14 +160,14 @@ TEST_F(LinuxIORegistryTest, AKernelNameGoesBeforeTheNumberOnADisk) {
   EXPECT_EQ(propertiesNamed("sds1").integer("Base"), 8 * 512);
 }
 
-TEST_F(LinuxIORegistryTest, ANodeInASubFolderIsNamedWithASlash) {
+TEST_F(LinuxIORegistryTest, ANodeInASubfolderHasASlashInItsName) {
   look("sata");
   tree_->add("[sys/block/cciss!c0d0]\nsize = 4096\n[sys/block/cciss!c0d0/cciss!c0d0p1]\npartition = 1\nstart = 8\n");
   EXPECT_EQ(propertiesNamed("cciss/c0d0").boolean("Whole"), true);
   EXPECT_EQ(propertiesNamed("cciss/c0d0p1").integer("Base"), 8 * 512);
 }
 
-TEST_F(LinuxIORegistryTest, TheMediumOfASATADiskIsSolidStateAndItsVendorUnknown) {
+TEST_F(LinuxIORegistryTest, TheMediumOfASATADiskIsSolidStateAndItsVendorIsAbsent) {
   look("sata");
   const Dictionary characteristics = characteristicsAbove("sda");
   EXPECT_EQ(characteristics.text("Medium Type"), "Solid State");
@@ -175,7 +175,7 @@ TEST_F(LinuxIORegistryTest, TheMediumOfASATADiskIsSolidStateAndItsVendorUnknown)
   EXPECT_FALSE(characteristics.contains("Vendor Name"));
 }
 
-TEST_F(LinuxIORegistryTest, AnNVMeDiskBehindAMultipathHeadIsThereOnce) {
+TEST_F(LinuxIORegistryTest, AnNVMeDiskBehindAMultipathHeadAppearsOnce) {
   look("nvme");
   EXPECT_THAT(bsdNamesOf(walked(*registry_, kServicePlane)), testing::ElementsAre("nvme0n1", "nvme0n1p1"));
   const Dictionary disk = propertiesNamed("nvme0n1");
@@ -186,7 +186,7 @@ TEST_F(LinuxIORegistryTest, AnNVMeDiskBehindAMultipathHeadIsThereOnce) {
   EXPECT_TRUE(named(*registry_, "nvme0c0n1").empty());
 }
 
-TEST_F(LinuxIORegistryTest, AnMBRDiskHasNoIdentifiersThatCouldPassForGUIDs) {
+TEST_F(LinuxIORegistryTest, AnMBRDiskHasNoIdentifiersThatLookLikeGUIDs) {
   look("usb");
   EXPECT_THAT(bsdNamesOf(walked(*registry_, kServicePlane)), testing::ElementsAre("sdb", "sdb1", "sdb2", "sdb5"));
   const Dictionary disk = propertiesNamed("sdb");
@@ -249,7 +249,7 @@ TEST_F(LinuxIORegistryTest, ADictionaryMatchesByItsValues) {
   EXPECT_TRUE(matching(*registry_, conditions).empty());
 }
 
-TEST_F(LinuxIORegistryTest, NumbersThatAreNoneAreNotBelieved) {
+TEST_F(LinuxIORegistryTest, InvalidNumbersAreIgnored) {
   look("sata");
   tree_->add(
       "[sys/block/sdx]\nsize = 99999999999999999999\n[sys/block/sdx/device]\n"
@@ -263,7 +263,7 @@ TEST_F(LinuxIORegistryTest, NumbersThatAreNoneAreNotBelieved) {
   EXPECT_TRUE(named(*registry_, "sdy3").empty());
 }
 
-TEST_F(LinuxIORegistryTest, AMachineWithoutAnythingIsARootAndAMachine) {
+TEST_F(LinuxIORegistryTest, AnEmptyMachineHasARootAndAPlatformEntry) {
   const TemporaryFolder empty;
   LinuxIORegistry registry(empty.path());
   EXPECT_EQ(walked(registry, kDeviceTreePlane).size(), 2U);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The flat look-ups of images that this process has not named before, by any name.
+// Look-ups by the flat functions of images that this process has not named before, by all forms of their names.
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include <Vorlix/platform/simulated/SimulatedSystemPaths.h>
@@ -10,7 +10,7 @@
 #include <filesystem>
 
 #include "Commands.h"
-#include "platform/linux/BlockDevices.h"
+#include "platform/linux/DeviceNames.h"
 
 namespace vorlix::test {
 namespace {
@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 using GUID = std::array<uint8_t, 16>;
 
-// 3F2504E0-4F89-41D3-9A0C-0305E82C3301 and 00112233-4455-6677-8899-AABBCCDDEEFF as they stand on disk.
+// 3F2504E0-4F89-41D3-9A0C-0305E82C3301 and 00112233-4455-6677-8899-AABBCCDDEEFF as stored on disk.
 constexpr GUID kDisk = {0xE0, 0x04, 0x25, 0x3F, 0x89, 0x4F, 0xD3, 0x41, 0x9A, 0x0C, 0x03, 0x05, 0xE8, 0x2C, 0x33, 0x01};
 constexpr GUID kSlice = {0x33, 0x22, 0x11, 0x00, 0x55, 0x44, 0x77, 0x66,
                          0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF};
@@ -54,14 +54,14 @@ class ImageLookUps : public testing::Test {
   std::string image_;
 };
 
-TEST_F(ImageLookUps, TheNumberOfASliceIsFoundWithoutNamingItFirst) {
+TEST_F(ImageLookUps, TheNumberOfASliceIsFoundWithoutAnEarlierLookUp) {
   EXPECT_EQ(partitionForDeviceIdentifier((image_ + "s3").c_str()), 3);
   EXPECT_EQ(partitionForDeviceIdentifier((image_ + "s2").c_str()), 0);
-  EXPECT_EQ(partitionForDeviceIdentifier(image_.c_str()), 0) << "a whole disk";
+  EXPECT_EQ(partitionForDeviceIdentifier(image_.c_str()), 0) << "this is a whole disk";
   EXPECT_EQ(partitionForDeviceIdentifier((folder_.path() / "missing.imgs3").c_str()), 0);
 }
 
-TEST_F(ImageLookUps, AfterManyOthersTheOneThatIsAskedForIsFound) {
+TEST_F(ImageLookUps, AnImageIsFoundAfterManyOthers) {
   for (int number = 0; number < 70; ++number) {
     const std::string other = folder_.path() / std::to_string(number);
     run("touch '" + other + "'");
@@ -70,7 +70,7 @@ TEST_F(ImageLookUps, AfterManyOthersTheOneThatIsAskedForIsFound) {
   EXPECT_EQ(partitionForDeviceIdentifier((image_ + "s3").c_str()), 3);
 }
 
-TEST_F(ImageLookUps, EveryFormOfTheNameLeadsToIt) {
+TEST_F(ImageLookUps, EveryFormOfTheNameIsFound) {
   fs::current_path(folder_.path());
   for (const std::string& name : {std::string("mac.imgs3"), std::string("./mac.imgs3"), "/dev/" + image_ + "s3"}) {
     expectSlice(name);
@@ -78,14 +78,14 @@ TEST_F(ImageLookUps, EveryFormOfTheNameLeadsToIt) {
 }
 
 TEST_F(ImageLookUps, AnImageBelowDevKeepsItsName) {
-  if (access("/dev/shm", W_OK) != 0) GTEST_SKIP() << "no /dev/shm to write to";
+  if (access("/dev/shm", W_OK) != 0) GTEST_SKIP() << "/dev/shm is not writable";
   const std::string image = "/dev/shm/vorlix " + std::to_string(getpid()) + ".img";
   fs::copy_file(image_, image);
   for (const std::string& name : {image + "s3", "/dev/" + image + "s3"}) expectSlice(name);
   fs::remove(image);
 }
 
-TEST_F(ImageLookUps, AWholeDiskHasNoIdentifierOfAPartition) {
+TEST_F(ImageLookUps, AWholeDiskHasNoPartitionIdentifier) {
   GUID disk = {};
   GUID partition = {};
   int64_t offset = -1;

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Disk-image files in the registry, made and read by general tools. No privilege is needed.
+// Disk-image files in the registry. General tools make and read them. No privilege is needed.
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "CapturedTree.h"
 #include "Commands.h"
-#include "platform/linux/BlockDevices.h"
+#include "platform/linux/DeviceNames.h"
 #include "platform/linux/IORegistry.h"
 #include "platform/linux/ImageFiles.h"
 #include "tests/contract/IORegistryContract.h"
@@ -24,7 +24,7 @@ RegistryMachine imageMachine() {
   const auto keeper = std::make_shared<ImageMachine>();
   const std::string image = keeper->folder.path() / "mac.img";
   makeMacImage(image);
-  EXPECT_TRUE(locateDevice(image));  // names it, so that walks show it
+  EXPECT_TRUE(locateDevice(image));  // walks list only images that were named
   return {keeper,      std::make_shared<LinuxIORegistry>(keeper->root.path()),
           image,       image + "s3",
           3,           "00112233-4455-6677-8899-AABBCCDDEEFF",
@@ -62,7 +62,7 @@ class ImageRegistryTest : public testing::Test {
   LinuxIORegistry registry_;
 };
 
-TEST_F(ImageRegistryTest, GPTSlicesAreAsGeneralToolsSeeThem) {
+TEST_F(ImageRegistryTest, GPTSlicesMatchTheToolsOutput) {
   makeMacImage(image_);
   const std::string signature = run("blkid -p -o value -s PTUUID '" + image_ + "'");
   EXPECT_EQ(propertiesAbove(image_ + "s1").text("UUID"), UUID::fromText(signature)->text());
@@ -80,7 +80,7 @@ TEST_F(ImageRegistryTest, GPTSlicesAreAsGeneralToolsSeeThem) {
   EXPECT_TRUE(named(registry_, image_ + "s2").empty());
 }
 
-TEST_F(ImageRegistryTest, MBRSlicesHaveNoIdentifiersAndLogicalOnesCountFromFive) {
+TEST_F(ImageRegistryTest, MBRSlicesHaveNoIdentifiersAndLogicalOnesStartAtFive) {
   run("truncate -s 64M '" + image_ + "'");
   run("printf 'label: dos\\nstart=2048,size=4096,type=c\\nstart=8192,size=65536,type=f\\n"
       "start=10240,size=4096,type=7\\n' | sfdisk -q '" +
@@ -98,7 +98,7 @@ TEST_F(ImageRegistryTest, MBRSlicesHaveNoIdentifiersAndLogicalOnesCountFromFive)
   }
 }
 
-TEST_F(ImageRegistryTest, AHybridMBRHidesNothingOfTheGPT) {
+TEST_F(ImageRegistryTest, AHybridMBRDoesNotHideTheGPT) {
   makeMacImage(image_);
   run("sgdisk -h 3 '" + image_ + "' >/dev/null");
   EXPECT_EQ(propertiesNamed(image_ + "s3").text("UUID"), "00112233-4455-6677-8899-AABBCCDDEEFF");
@@ -110,9 +110,9 @@ TEST_F(ImageRegistryTest, AGPTCountsWithoutAProtectiveMBRToo) {
   EXPECT_EQ(propertiesNamed(image_ + "s3").text("UUID"), "00112233-4455-6677-8899-AABBCCDDEEFF");
 }
 
-TEST_F(ImageRegistryTest, ADamagedGPTGivesSlicesButNoIdentifiers) {
+TEST_F(ImageRegistryTest, ADamagedGPTHasSlicesWithoutIdentifiers) {
   makeMacImage(image_);
-  // Byte 60 of both headers, in the disk GUID that their checksums cover.
+  // Byte 60 of both headers is part of the disk GUID, which their checksums cover.
   run("printf X | dd of='" + image_ + "' bs=1 seek=572 conv=notrunc status=none");
   run("printf X | dd of='" + image_ + "' bs=1 seek=" + std::to_string((64 << 20) - 512 + 60) +
       " conv=notrunc status=none");
@@ -125,7 +125,7 @@ TEST_F(ImageRegistryTest, ADamagedGPTGivesSlicesButNoIdentifiers) {
   EXPECT_FALSE(slice.contains("UUID"));
 }
 
-TEST_F(ImageRegistryTest, ATableBehindATableIsNotMixedIn) {
+TEST_F(ImageRegistryTest, ATableInsideASliceIsIgnored) {
   makeMacImage(image_);
   run("truncate -s 8M '" + image_ + ".inner'");
   run("printf 'label: dos\\nstart=64,size=64,type=7\\n' | sfdisk -q '" + image_ + ".inner'");
@@ -145,19 +145,19 @@ TEST_F(ImageRegistryTest, AFileWithoutATableIsADiskWithoutSlices) {
   EXPECT_TRUE(named(registry_, image_ + "s1").empty());
 }
 
-TEST_F(ImageRegistryTest, AVolumesBootSectorIsNoTable) {
+TEST_F(ImageRegistryTest, AVolumesBootSectorIsNotATable) {
   run("truncate -s 8M '" + image_ + "'");
   run("mformat -i '" + image_ + "' -v TEST ::");
   EXPECT_TRUE(named(registry_, image_ + "s1").empty());
 }
 
-TEST_F(ImageRegistryTest, AnEmptyFileIsADiskOfNoSize) {
+TEST_F(ImageRegistryTest, AnEmptyFileIsADiskOfSizeZero) {
   run(": > '" + image_ + "'");
   EXPECT_EQ(propertiesNamed(image_).integer("Size"), 0);
   EXPECT_TRUE(named(registry_, image_ + "s1").empty());
 }
 
-TEST_F(ImageRegistryTest, OtherWaysToNameAnImageFindItByItsAbsolutePath) {
+TEST_F(ImageRegistryTest, OtherFormsOfTheNameFindTheAbsolutePath) {
   makeMacImage(image_);
   const std::filesystem::path before = std::filesystem::current_path();
   std::filesystem::current_path(folder_.path());
@@ -167,14 +167,14 @@ TEST_F(ImageRegistryTest, OtherWaysToNameAnImageFindItByItsAbsolutePath) {
   EXPECT_EQ(propertiesNamed("/dev/" + image_ + "s3").text("BSD Name"), image_ + "s3");
 }
 
-TEST_F(ImageRegistryTest, WhatIsNoFileMatchesNothing) {
+TEST_F(ImageRegistryTest, OnlyRegularFilesMatch) {
   EXPECT_TRUE(named(registry_, image_).empty());
   EXPECT_TRUE(named(registry_, folder_.path()).empty());
   EXPECT_TRUE(named(registry_, "/dev/null").empty());
   EXPECT_TRUE(named(registry_, "/").empty());
 }
 
-TEST_F(ImageRegistryTest, AWalkShowsAnImageOnceItWasNamedAndNoneThatIsGone) {
+TEST_F(ImageRegistryTest, AWalkListsAnImageOnceItWasNamedAndOmitsDeletedOnes) {
   makeMacImage(image_);
   EXPECT_THAT(walkedNames(), testing::Not(testing::Contains(image_)));
   EXPECT_TRUE(locateDevice(image_ + "s1"));
@@ -186,7 +186,7 @@ TEST_F(ImageRegistryTest, AWalkShowsAnImageOnceItWasNamedAndNoneThatIsGone) {
   EXPECT_THAT(walkedNames(), testing::Not(testing::Contains(testing::StartsWith(image_))));
 }
 
-TEST_F(ImageRegistryTest, OfManyImagesTheLastOnesAreRemembered) {
+TEST_F(ImageRegistryTest, OnlyTheLastImagesAreRemembered) {
   for (int i = 0; i < 70; ++i) noteImageFile("/images/" + std::to_string(i));
   noteImageFile("/images/10");
   const std::vector<std::string> names = namedImageFiles();
@@ -202,7 +202,7 @@ TEST_F(ImageRegistryTest, AnImagesNameIsAbsoluteAndKeepsItsLinks) {
   EXPECT_EQ(imageBSDName("/a/link/../mac.img"), "/a/link/../mac.img");
 }
 
-TEST_F(ImageRegistryTest, TheMediumIsThatOfTheDiskWhichHoldsTheFile) {
+TEST_F(ImageRegistryTest, TheMediumIsThatOfTheDiskThatHoldsTheFile) {
   makeMacImage(image_);
   struct stat status = {};
   ASSERT_EQ(stat(image_.c_str(), &status), 0);
@@ -220,7 +220,7 @@ TEST_F(ImageRegistryTest, TheMediumIsThatOfTheDiskWhichHoldsTheFile) {
   EXPECT_EQ(pathOf(*wholes[0], kServicePlane), "IOService:/MacBookPro11,1/Disk Image@disk.img/Disk Image Media");
 }
 
-TEST_F(ImageRegistryTest, AMediumThatIsNotKnownIsNotTold) {
+TEST_F(ImageRegistryTest, AnUnknownMediumIsAbsent) {
   makeMacImage(image_);
   std::shared_ptr<RegistryEntry> device;
   ASSERT_EQ(only(image_)->parent(kServicePlane, device), kKernSuccess);
@@ -228,7 +228,7 @@ TEST_F(ImageRegistryTest, AMediumThatIsNotKnownIsNotTold) {
   EXPECT_TRUE(characteristics == nullptr || !characteristics->contains("Medium Type"));
 }
 
-TEST_F(ImageRegistryTest, LookingLeavesNothingOpenAndChangesNothing) {
+TEST_F(ImageRegistryTest, LookUpsLeaveNothingOpenAndChangeNothing) {
   makeMacImage(image_);
   const auto openFiles = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
   const std::string before = run("sha256sum '" + image_ + "'");

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The measurement of images that gzip and zip made, by the system's gunzip, unzip and wc: what a host is notified of.
+// The size of images compressed by gzip and zip, measured with the system's gunzip, unzip and wc, and the notifications
+// for hosts.
 #include <Vorlix/LogCapture.h>
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/foundation/NotificationCenter.h>
@@ -62,7 +63,7 @@ class ImageSizeTest : public testing::Test {
 
   std::string at(const std::string& name) const { return (folder_.path() / name).string(); }
 
-  // So many zeros, packed as the name says. They are never in a file.
+  // Compresses this many zeros in the format of the extension. The zeros themselves are never in a file.
   std::string packed(const std::string& name, size_t count) const {
     const std::string zeros = "head -c " + std::to_string(count) + " /dev/zero | ";
     const bool isZip = fs::path(name).extension() == ".zip";
@@ -70,7 +71,7 @@ class ImageSizeTest : public testing::Test {
     return at(name);
   }
 
-  // What was posted while the size was measured, the known size left in the record.
+  // Returns the notifications during a measurement of a new record.
   std::vector<std::string> measure(const std::string& path) {
     volume_ = QDVolume::init();
     volume_->setFilePath(path);
@@ -81,7 +82,7 @@ class ImageSizeTest : public testing::Test {
     volume_->updateSize();
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (volume_->wrapperArray() && !volume_->wrapperArray()->empty()) {
-      if (std::chrono::steady_clock::now() > deadline) throw std::runtime_error("the measurement does not end");
+      if (std::chrono::steady_clock::now() > deadline) throw std::runtime_error("the measurement did not end");
       platform().runLoops->current()->run(kDefaultRunLoopMode, std::chrono::milliseconds(100));
     }
     return posted_;
@@ -103,14 +104,14 @@ class ImageSizeTest : public testing::Test {
   std::vector<std::string> posted_;  // the size and the number of runners at each notification
 };
 
-TEST_F(ImageSizeTest, AGzIsPostedAsBeingMeasuredAndOnceMoreWithItsSize) {
+TEST_F(ImageSizeTest, AGzIsPostedOnceBeforeAndOnceAfterTheMeasurement) {
   EXPECT_THAT(measure(packed("win.gz", 123456)), ElementsAre("-1, runners: 1", "123456\n, runners: 1"));
   EXPECT_EQ(volume_->totalSize(), "123456\n");
   EXPECT_TRUE(volume_->wrapperArray()->empty());
   EXPECT_EQ(log(), "123456\n\n");
 }
 
-TEST_F(ImageSizeTest, AZipLikewise) {
+TEST_F(ImageSizeTest, AZipIsPostedInTheSameWay) {
   EXPECT_THAT(measure(packed("win.zip", 123456)), ElementsAre("-1, runners: 1", "123456\n, runners: 1"));
   EXPECT_EQ(log(), "123456\n\n");
 }
@@ -121,8 +122,8 @@ TEST_F(ImageSizeTest, AKnownSizeIsNotPostedAgain) {
   EXPECT_EQ(volume_->totalSize(), "7\n");
 }
 
-TEST_F(ImageSizeTest, ALargeImageIsPostedTwiceToo) {
-  constexpr size_t kSize = size_t{64} << 20;  // many times what a pipe and the packers hold
+TEST_F(ImageSizeTest, ALargeImageIsAlsoPostedTwice) {
+  constexpr size_t kSize = size_t{64} << 20;  // much more than a pipe and the programs' buffers hold
   EXPECT_THAT(measure(packed("large.gz", kSize)), ElementsAre("-1, runners: 1", "67108864\n, runners: 1"));
 }
 
@@ -132,7 +133,7 @@ TEST_F(ImageSizeTest, AnEmptyImageStaysUnknownAndIsMeasuredAgain) {
   EXPECT_EQ(measureAgain(), expected);
 }
 
-TEST_F(ImageSizeTest, NamesWithBlanksApostrophesAndOtherLetters) {
+TEST_F(ImageSizeTest, NamesWithSpacesApostrophesAndNonASCIILettersWork) {
   const std::string awkward = at("it's a B\xC3\xA4r \xE2\x98\x83.gz");
   fs::rename(packed("win.gz", 5), awkward);
   EXPECT_THAT(measure(awkward), ElementsAre("-1, runners: 1", "5\n, runners: 1"));
@@ -141,7 +142,7 @@ TEST_F(ImageSizeTest, NamesWithBlanksApostrophesAndOtherLetters) {
   EXPECT_THAT(measure(zipped), ElementsAre("-1, runners: 1", "6\n, runners: 1"));
 }
 
-TEST_F(ImageSizeTest, ATruncatedGzCountsWhatCameOutOfItAndItsComplaintIsLogged) {
+TEST_F(ImageSizeTest, ATruncatedGzHasThePartialSizeAndTheErrorIsLogged) {
   const std::string path = packed("win.gz", 1000000);
   fs::resize_file(path, fs::file_size(path) / 2);
   const auto posted = measure(path);
@@ -152,14 +153,14 @@ TEST_F(ImageSizeTest, ATruncatedGzCountsWhatCameOutOfItAndItsComplaintIsLogged) 
   EXPECT_THAT(log(), HasSubstr("unexpected end of file"));
 }
 
-TEST_F(ImageSizeTest, ATruncatedZipLikewise) {
+TEST_F(ImageSizeTest, ATruncatedZipHasSizeZeroAndTheErrorIsLogged) {
   const std::string path = packed("win.zip", 1000000);
   fs::resize_file(path, fs::file_size(path) / 2);
   EXPECT_THAT(measure(path), ElementsAre("-1, runners: 1", "0\n, runners: 1"));
   EXPECT_THAT(log(), HasSubstr("End-of-central-directory signature not found"));
 }
 
-TEST_F(ImageSizeTest, AMissingUnzipCountsNothing) {
+TEST_F(ImageSizeTest, AMissingUnzipGivesSizeZero) {
   const std::string path = packed("win.zip", 1000);
   const ScopedPlatform scope(nativeWith(std::make_shared<SimulatedHostBundle>()));
   EXPECT_THAT(measure(path), ElementsAre("-1, runners: 1", "0\n, runners: 1"));

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Mounts that the kernel makes for the super-user: block devices, image files by way of loop devices, mount helpers,
-// and mounts that other programs made.
+// Mounts that the kernel makes for the super-user: block devices, image files through loop devices, mount helpers, and
+// mounts by other programs.
 #include <sys/statvfs.h>
 
 #include "tests/contract/Volumes.h"
@@ -45,7 +45,7 @@ class KernelMounts : public testing::Test {
   std::string folder() const { return "/run/vorlix/" + label_; }
   std::string mounted(const std::string& name) const { return mountPath(ports_, name); }
 
-  /// A loop device is let go by the kernel some time after the unmount.
+  /// The kernel releases a loop device some time after the unmount, so wait for it.
   void expectNoLoopDeviceLeft() const {
     std::string now;
     for (int i = 0; i < 100; ++i) {
@@ -58,7 +58,7 @@ class KernelMounts : public testing::Test {
 
   TemporaryFolder folder_;
   const std::string image_ = folder_ / "disk.img";
-  const std::string label_ = "Vol " + std::to_string(getpid());  // tests may run side by side
+  const std::string label_ = "Vol " + std::to_string(getpid());  // tests may run in parallel
   const Platform ports_ = nativePlatform();
   std::vector<std::string> devices_;
 };
@@ -108,7 +108,7 @@ TEST_F(KernelMounts, ABusyVolumeStaysMounted) {
   EXPECT_TRUE(granted(unmountNow(ports_, device)));
 }
 
-TEST_F(KernelMounts, AVolumeThatSomeoneElseMountedStaysThereAndCanBeUnmounted) {
+TEST_F(KernelMounts, AVolumeMountedBySomeoneElseStaysThereAndCanBeUnmounted) {
   makeExt4();
   const std::string device = attach();
   fs::create_directory(folder_ / "own place");
@@ -122,7 +122,7 @@ TEST_F(KernelMounts, AVolumeThatSomeoneElseMountedStaysThereAndCanBeUnmounted) {
   EXPECT_EQ(found->bsdName(), device.substr(5));
   EXPECT_TRUE(granted(unmountNow(ports_, device)));
   EXPECT_EQ(mounted(device), "");
-  EXPECT_TRUE(fs::exists(folder_ / "own place")) << "the folder is not ours to remove";
+  EXPECT_TRUE(fs::exists(folder_ / "own place")) << "the library did not create the folder, so it must stay";
 }
 
 TEST_F(KernelMounts, AVolumeMountedInTwoPlacesIsUnmountedFromBoth) {
@@ -132,7 +132,7 @@ TEST_F(KernelMounts, AVolumeMountedInTwoPlacesIsUnmountedFromBoth) {
   shell("mount " + device + " '" + (folder_ / "own place") + "'");
   fs::create_directory(folder_ / "second");
   shell("mount --bind '" + (folder_ / "own place/lost+found") + "' '" + (folder_ / "second") + "'");
-  EXPECT_EQ(mounted(device), folder_ / "own place") << "a folder of the volume does not stand for it";
+  EXPECT_EQ(mounted(device), folder_ / "own place") << "a bind mount of a folder is not the volume's mount point";
   EXPECT_TRUE(granted(unmountNow(ports_, device)));
   bool ok = true;
   runCommand("findmnt " + device, ok);
@@ -150,7 +150,7 @@ TEST_F(KernelMounts, AnImageMountedBySomeoneElseIsFound) {
   expectNoLoopDeviceLeft();
 }
 
-TEST_F(KernelMounts, SlicesOfAnImageAreMountedByWayOfLoopDevices) {
+TEST_F(KernelMounts, SlicesOfAnImageAreMountedThroughLoopDevices) {
   const std::string missing = missingTool({"sgdisk"});
   if (!missing.empty()) GTEST_SKIP() << missing;
   writeImage(image_, {}, 40 << 20);
@@ -174,7 +174,7 @@ TEST_F(KernelMounts, SlicesOfAnImageAreMountedByWayOfLoopDevices) {
   EXPECT_EQ(shell("debugfs -R 'cat /new.txt' '" + image_ + "?offset=17825792' 2>/dev/null"), "new");
 }
 
-TEST_F(KernelMounts, ADeviceThatCannotBeWrittenIsMountedForReadingOnly) {
+TEST_F(KernelMounts, AReadOnlyDeviceIsMountedForReadingOnly) {
   makeExt4();
   const std::string device = attach("--read-only");
   EXPECT_TRUE(refused(mountNow(ports_, device, {"rw"}), kDissentNotWritable));
@@ -186,25 +186,25 @@ TEST_F(KernelMounts, ADeviceThatCannotBeWrittenIsMountedForReadingOnly) {
   EXPECT_TRUE(granted(unmountNow(ports_, device)));
 }
 
-TEST_F(KernelMounts, NobrowseIsWhatDesktopsKnow) {
+TEST_F(KernelMounts, NobrowseIsTheDesktopsHideOption) {
   makeExt4();
   const std::string device = attach();
   ASSERT_TRUE(granted(mountNow(ports_, device, {"nobrowse"})));
-  // The kernel does not keep this option; libmount has a table of its own for those of its kind.
+  // The kernel does not keep this option. libmount stores such options in its own table.
   std::string options;
   std::ifstream table("/run/mount/utab");
   for (std::string line; std::getline(table, line);) {
     if (line.find(device) != std::string::npos) options = line;
   }
   EXPECT_TRUE(granted(unmountNow(ports_, device)));
-  if (!table.is_open()) GTEST_SKIP() << "libmount keeps no table of such options on this machine";
+  if (!table.is_open()) GTEST_SKIP() << "libmount has no table of such options on this machine";
   EXPECT_NE(options.find("x-gvfs-hide"), std::string::npos) << options;
 }
 
 TEST_F(KernelMounts, ADamagedFileSystemIsRefusedAndLeavesNothingBehind) {
   makeExt4();
   std::fstream image(image_, std::ios::in | std::ios::out | std::ios::binary);
-  image.seekp(1024 + 24);  // log2 of the block size, less 10
+  image.seekp(1024 + 24);  // log2 of the block size minus 10
   image.write("\x30\x00\x00\x00", 4);
   image.close();
   const std::string device = attach();
@@ -235,7 +235,7 @@ TEST_F(KernelMounts, NTFSIsMountedByItsHelper) {
   EXPECT_EQ(shell("ntfscat '" + image_ + "' new.txt"), "new");
 }
 
-TEST_F(KernelMounts, AHibernatedNTFSIsNotMountedForWritingAndSaysSo) {
+TEST_F(KernelMounts, AHibernatedNTFSIsNotMountedForWritingAndTheReasonIsReported) {
   const std::string missing = missingTool({"mkntfs", "ntfs-3g"});
   if (!missing.empty()) GTEST_SKIP() << missing;
   if (!fs::exists("/dev/fuse")) GTEST_SKIP() << "no /dev/fuse on this machine";
@@ -250,7 +250,7 @@ TEST_F(KernelMounts, AHibernatedNTFSIsNotMountedForWritingAndSaysSo) {
   EXPECT_TRUE(refused(mountNow(ports_, device, {"rw"}), kDissentNotWritable, "hibernated"));
   EXPECT_EQ(mounted(device), "");
   EXPECT_FALSE(fs::exists(folder()));
-  ASSERT_TRUE(granted(mountNow(ports_, device))) << "for reading it is as good as any";
+  ASSERT_TRUE(granted(mountNow(ports_, device))) << "it can still be mounted for reading";
   EXPECT_FALSE(std::ofstream(mounted(device) + "/new.txt").is_open());
   EXPECT_TRUE(granted(unmountNow(ports_, device)));
 }
@@ -259,7 +259,7 @@ TEST_F(KernelMounts, TheRootFileSystemIsFoundByItsPath) {
   const std::string source = shell("findmnt --noheadings --output SOURCE /");
   const auto session = ports_.diskArbitration->createSession();
   const auto disk = session->diskFromVolumePath(URL::fileURLWithPath("/"));
-  if (!disk) GTEST_SKIP() << source << " is no block device";
+  if (!disk) GTEST_SKIP() << source << " is not a block device";
   const std::string name = *disk->bsdName();
   EXPECT_EQ(mounted(name), "/");
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Loop devices of this machine in the registry, with and without slices that the kernel knows. Needs the right to set
-// them up.
+// Loop devices of this machine in the registry, with slices that the kernel knows and slices that it does not. Needs
+// the right to set up loop devices.
 #include <unistd.h>
 
 #include "CapturedTree.h"
@@ -54,7 +54,7 @@ class LoopRegistryTest : public testing::Test {
   LinuxIORegistry registry_;
 };
 
-TEST_F(LoopRegistryTest, TheWholeDiskIsAsTheKernelSeesIt) {
+TEST_F(LoopRegistryTest, TheWholeDiskMatchesTheKernelsValues) {
   const Dictionary disk = propertiesNamed(name_);
   EXPECT_EQ(disk.integer("Size"), std::stoll(run("blockdev --getsize64 " + node_)));
   EXPECT_EQ(disk.integer("Preferred Block Size"), std::stoll(run("blockdev --getss " + node_)));
@@ -71,8 +71,8 @@ TEST_F(LoopRegistryTest, TheWholeDiskIsAsTheKernelSeesIt) {
   EXPECT_EQ(disk.text("Content"), "GUID_partition_scheme");
 }
 
-TEST_F(LoopRegistryTest, SlicesThatTheKernelDoesNotKnowAreThere) {
-  if (kernelKnowsSlices()) GTEST_SKIP() << "the kernel looked for slices by itself";
+TEST_F(LoopRegistryTest, SlicesThatTheKernelDoesNotKnowAreFound) {
+  if (kernelKnowsSlices()) GTEST_SKIP() << "the kernel has scanned the device for slices";
   const Dictionary slice = propertiesNamed(name_ + "s3");
   EXPECT_EQ(slice.text("BSD Name"), name_ + "s3");
   EXPECT_EQ(slice.text("UUID"), "00112233-4455-6677-8899-AABBCCDDEEFF");
@@ -82,11 +82,11 @@ TEST_F(LoopRegistryTest, SlicesThatTheKernelDoesNotKnowAreThere) {
               testing::IsSupersetOf({name_, name_ + "s1", name_ + "s3"}));
 }
 
-TEST_F(LoopRegistryTest, SlicesThatTheKernelKnowsKeepItsNames) {
+TEST_F(LoopRegistryTest, SlicesThatTheKernelKnowsKeepTheirKernelNames) {
   try {
     if (!kernelKnowsSlices()) run("partx -a '" + node_ + "' 2>&1");
   } catch (const std::runtime_error& error) {
-    GTEST_SKIP() << "the kernel takes no slices: " << error.what();
+    GTEST_SKIP() << "the kernel accepts no slices: " << error.what();
   }
   ASSERT_TRUE(kernelKnowsSlices());
   const Dictionary slice = propertiesNamed(name_ + "p3");
@@ -98,13 +98,13 @@ TEST_F(LoopRegistryTest, SlicesThatTheKernelKnowsKeepItsNames) {
   EXPECT_THAT(bsdNamesOf(walked(registry_, kServicePlane)), testing::Not(testing::Contains(name_ + "s3")));
 }
 
-TEST_F(LoopRegistryTest, ASliceOfAnOlderTableIsNotTakenForANewOne) {
+TEST_F(LoopRegistryTest, ASliceOfAnOldTableIsNotMistakenForANewOne) {
   try {
     if (!kernelKnowsSlices()) run("partx -a '" + node_ + "' 2>&1");
   } catch (const std::runtime_error& error) {
-    GTEST_SKIP() << "the kernel takes no slices: " << error.what();
+    GTEST_SKIP() << "the kernel accepts no slices: " << error.what();
   }
-  // Through the file, so that the kernel does not come to know.
+  // Change the file, so that the kernel does not notice.
   run("sgdisk -a 1 -d 3 -n 3:61480:65575 -t 3:0700 '" + image() + "' >/dev/null");
   run("blockdev --flushbufs " + node_);
   const Dictionary slice = propertiesNamed(name_ + "p3");
@@ -112,7 +112,7 @@ TEST_F(LoopRegistryTest, ASliceOfAnOlderTableIsNotTakenForANewOne) {
   EXPECT_FALSE(slice.contains("UUID"));
 }
 
-TEST_F(LoopRegistryTest, AGPTOf4096ByteBlocksOnADeviceAndInItsFile) {
+TEST_F(LoopRegistryTest, AGPTOf4096ByteBlocksIsReadFromADeviceAndFromItsFile) {
   detach();
   run("rm '" + image() + "'; truncate -s 64M '" + image() + "'");
   attach("--sector-size 4096");

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A FAT volume of an image file, mounted by an ordinary user as a mirror.
+// A FAT volume in an image file, mounted as a mirror by an ordinary user.
 #pragma once
 
 #include "tests/contract/Volumes.h"
@@ -16,7 +16,7 @@ class MirroredVolume : public testing::Test {
     before_ = readText(image_);
   }
 
-  /// As the user who mounts.
+  /// Runs `body` as the user who mounts.
   template <typename Body>
   void asUser(Body body) const {
     asOrdinaryUser(folder_, body);
@@ -29,13 +29,13 @@ class MirroredVolume : public testing::Test {
   std::optional<Dissenter> unmountIt() const { return unmountNow(ports_, volume_); }
   std::string mirrors() const { return folder_ / "state/vorlix/volumes"; }
 
-  /// Nothing is left in the state folder but the folders themselves.
+  /// Expects that the state folder contains nothing except its folders.
   void expectNothingLeft() const {
     EXPECT_EQ(shell("find '" + (folder_ / "state/vorlix") + "' -mindepth 1 -printf '%P\\n' | sort"),
               "journals\nvolumes\nvolumes/.mirrors");
   }
 
-  /// Puts a program in place of one of mtools, for this process alone.
+  /// Replaces one of the mtools programs by a script, for this process only.
   void replaceTool(const std::string& program, const std::string& script) const {
     const std::string tools = folder_ / "tools";
     std::filesystem::create_directory(tools);
@@ -48,7 +48,7 @@ class MirroredVolume : public testing::Test {
     std::filesystem::remove_all(folder_ / "tools");
   }
 
-  /// Unmounts in a process that ends where a new folder would be made on the copy, in the midst of writing back.
+  /// Unmounts in a process that is killed during the write-back, when it creates a new folder on the copy.
   void unmountAndCutOff() const {
     replaceTool("mmd", "kill -9 $PPID");
     std::filesystem::create_directory(mounted() + "/new folder");
@@ -63,13 +63,13 @@ class MirroredVolume : public testing::Test {
     ASSERT_TRUE(WIFSIGNALED(status));
   }
 
-  /// A file with that content, to be copied onto the volume.
+  /// Creates a file with that content and name, which tests copy onto the volume. @return its path.
   std::string volumeFile(const std::string& content) const {
     writeText(folder_ / content, content);
     return folder_ / content;
   }
 
-  /// Everything outside the volume is as it was.
+  /// Expects that everything outside the volume is unchanged.
   void expectRestOfDiskUntouched() const {
     const std::string now = readText(image_);
     ASSERT_EQ(now.size(), before_.size());

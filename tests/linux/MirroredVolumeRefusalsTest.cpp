@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What is not mirrored, and what is not written back: the reason is told, and all is kept.
+// Volumes that are not mirrored and changes that are not written back: the reason is reported and nothing is lost.
 #include <sys/file.h>
 #include <sys/mman.h>
 
@@ -15,7 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST_F(MirroredVolume, AnOpenFileAMappedOneAndACurrentFolderKeepItBusy) {
+TEST_F(MirroredVolume, AnOpenFileAMappedFileOrACurrentFolderKeepsItBusy) {
   asUser([&] {
     const std::string path = mountIt();
     writeText(path + "/new.txt", "new");
@@ -39,7 +39,7 @@ TEST_F(MirroredVolume, AnOpenFileAMappedOneAndACurrentFolderKeepItBusy) {
   EXPECT_EQ(fileOn(image_, "/new.txt"), "new");
 }
 
-TEST_F(MirroredVolume, AVolumeThatSomeoneElseChangedIsNotWrittenTo) {
+TEST_F(MirroredVolume, AVolumeChangedBySomeoneElseIsNotWritten) {
   std::string changed;
   asUser([&] {
     const std::string path = mountIt();
@@ -51,7 +51,7 @@ TEST_F(MirroredVolume, AVolumeThatSomeoneElseChangedIsNotWrittenTo) {
     EXPECT_EQ(mounted(), path);
     EXPECT_EQ(readText(path + "/mine.txt"), "mine");
     EXPECT_TRUE(readText(image_) == changed);
-    // Without changes of one's own there is nothing to write, and nothing to lose.
+    // Without changes in the mirror there is nothing to write and nothing to lose.
     fs::remove(path + "/mine.txt");
     EXPECT_TRUE(granted(unmountIt()));
     EXPECT_TRUE(readText(image_) == changed);
@@ -59,7 +59,7 @@ TEST_F(MirroredVolume, AVolumeThatSomeoneElseChangedIsNotWrittenTo) {
   EXPECT_EQ(fileOn(image_, "/theirs.txt"), "theirs");
 }
 
-TEST_F(MirroredVolume, WhatIsChangedWhileItIsWrittenBackIsNotLost) {
+TEST_F(MirroredVolume, AChangeDuringTheWriteBackIsNotLost) {
   asUser([&] {
     const std::string path = mountIt();
     replaceTool("mcopy", "echo late >'" + path + "/late.txt'\nexec " + shell("command -v mcopy") + " \"$@\"");
@@ -67,7 +67,7 @@ TEST_F(MirroredVolume, WhatIsChangedWhileItIsWrittenBackIsNotLost) {
     EXPECT_TRUE(refused(unmountIt(), kDissentBusy, "was changed while"));
     EXPECT_TRUE(readText(image_) == before_);
     restoreTools();
-    EXPECT_EQ(mounted(), path) << "under its own name again";
+    EXPECT_EQ(mounted(), path) << "the mirror must have its name again";
     EXPECT_TRUE(granted(unmountIt()));
     expectNothingLeft();
   });
@@ -75,7 +75,7 @@ TEST_F(MirroredVolume, WhatIsChangedWhileItIsWrittenBackIsNotLost) {
   EXPECT_EQ(fileOn(image_, "/late.txt"), "late");
 }
 
-TEST_F(MirroredVolume, AVolumeThatIsFullKeepsItsMirrorAndTakesTheRestLater) {
+TEST_F(MirroredVolume, AFullVolumeKeepsItsMirrorAndIsWrittenLater) {
   asUser([&] {
     const std::string path = mountIt();
     writeText(path + "/a small.txt", "small");
@@ -94,7 +94,7 @@ TEST_F(MirroredVolume, AVolumeThatIsFullKeepsItsMirrorAndTakesTheRestLater) {
   checkFAT(image_, folder_);
 }
 
-TEST_F(MirroredVolume, ADiskThatAnotherProcessLocksIsNotWrittenTo) {
+TEST_F(MirroredVolume, ADiskLockedByAnotherProcessIsNotWritten) {
   asUser([&] {
     const std::string path = mountIt();
     writeText(path + "/new.txt", "new");
@@ -110,7 +110,7 @@ TEST_F(MirroredVolume, ADiskThatAnotherProcessLocksIsNotWrittenTo) {
   EXPECT_EQ(fileOn(image_, "/new.txt"), "new");
 }
 
-TEST_F(MirroredVolume, WhatAFATVolumeCannotHoldIsRefusedBeforeAnythingIsWritten) {
+TEST_F(MirroredVolume, ContentThatFATCannotStoreIsRefusedBeforeAnythingIsWritten) {
   asUser([&] {
     const std::string path = mountIt();
     writeText(path + "/a first.txt", "first");
@@ -139,7 +139,7 @@ TEST_F(MirroredVolume, WhatAFATVolumeCannotHoldIsRefusedBeforeAnythingIsWritten)
   EXPECT_EQ(fileOn(image_, "/a first.txt"), "first");
 }
 
-TEST_F(MirroredVolume, AnImageThatCannotBeWrittenIsMountedForReadingOnly) {
+TEST_F(MirroredVolume, AReadOnlyImageIsMountedForReadingOnly) {
   fs::permissions(image_, fs::perms::owner_read);
   asUser([&] {
     EXPECT_TRUE(refused(mountNow(ports_, volume_, {"nobrowse", "rw"}), kDissentNotWritable));
@@ -161,7 +161,7 @@ TEST_F(MirroredVolume, AnImageThatCannotBeWrittenIsMountedForReadingOnly) {
   EXPECT_TRUE(readText(image_) == before_);
 }
 
-TEST_F(MirroredVolume, AMirrorWhoseFolderWasRemovedIsNotMountedAndItsVolumeNotEmptied) {
+TEST_F(MirroredVolume, AMirrorWhoseFolderWasRemovedIsNotMountedAndItsVolumeIsNotEmptied) {
   asUser([&] {
     const std::string path = mountIt();
     fs::remove_all(path);
@@ -173,7 +173,7 @@ TEST_F(MirroredVolume, AMirrorWhoseFolderWasRemovedIsNotMountedAndItsVolumeNotEm
   EXPECT_TRUE(readText(image_) == before_);
 }
 
-TEST_F(MirroredVolume, AnotherFolderInTheMirrorsPlaceIsNotWrittenBack) {
+TEST_F(MirroredVolume, AnotherFolderInPlaceOfTheMirrorIsNotWrittenBack) {
   asUser([&] {
     const std::string path = mountIt();
     fs::rename(path, folder_ / "moved");
@@ -194,7 +194,7 @@ TEST_F(MirroredVolume, AnotherFolderInTheMirrorsPlaceIsNotWrittenBack) {
   EXPECT_EQ(fileOn(image_, "/readme.txt"), "read me");
 }
 
-TEST_F(MirroredVolume, AMirrorWithoutAnyOfItsFilesIsNotWrittenBack) {
+TEST_F(MirroredVolume, AMirrorThatLostAllItsFilesIsNotWrittenBack) {
   asUser([&] {
     const std::string path = mountIt();
     fs::rename(path + "/readme.txt", folder_ / "away.txt");
@@ -213,12 +213,12 @@ TEST_F(MirroredVolume, AMirrorWithoutAnyOfItsFilesIsNotWrittenBack) {
   checkFAT(image_, folder_);
 }
 
-TEST_F(MirroredVolume, AMirrorThatAnUnmountHasSetAsideIsNoMountPoint) {
+TEST_F(MirroredVolume, AMirrorThatAnUnmountHasRenamedIsNotAMountPoint) {
   asUser([&] {
     const std::string path = mountIt();
     const std::string place = shell("echo '" + mirrors() + "'/.mirrors/*");
-    // An unmount at work: it holds the lock, and puts the mirror back in the end, or takes it away.
-    for (const bool isPutBack : {true, false}) {
+    // Simulates a running unmount: it holds the lock, and in the end moves the mirror to its place again or deletes it.
+    for (const bool isRestored : {true, false}) {
       const int lock = open(place.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
       ASSERT_EQ(flock(lock, LOCK_EX), 0);
       fs::rename(path, place + "/leaving");
@@ -230,17 +230,17 @@ TEST_F(MirroredVolume, AMirrorThatAnUnmountHasSetAsideIsNoMountPoint) {
       });
       std::this_thread::sleep_for(std::chrono::milliseconds(300));
       EXPECT_FALSE(answered) << answer;
-      if (isPutBack) {
+      if (isRestored) {
         fs::rename(place + "/leaving", path);
       } else {
         fs::remove_all(place + "/leaving");
       }
       close(lock);
       look.join();
-      EXPECT_EQ(answer, isPutBack ? path : "");
+      EXPECT_EQ(answer, isRestored ? path : "");
     }
     EXPECT_TRUE(fs::is_empty(mirrors() + "/.mirrors"));
-    // One that was ended there holds no lock.
+    // An unmount that was killed at this point holds no lock.
     EXPECT_EQ(mountIt(), path);
     fs::rename(path, shell("echo '" + mirrors() + "'/.mirrors/*") + "/leaving");
     EXPECT_EQ(mountIt(), path);
@@ -249,12 +249,12 @@ TEST_F(MirroredVolume, AMirrorThatAnUnmountHasSetAsideIsNoMountPoint) {
   EXPECT_TRUE(readText(image_) == before_);
 }
 
-TEST_F(MirroredVolume, AFolderMadeWhereAnUnmountWasCutOffDoesNotTakeTheMirrorsPlace) {
+TEST_F(MirroredVolume, AFolderMadeAfterAnInterruptedUnmountDoesNotReplaceTheMirror) {
   asUser([&] {
     const std::string path = mountIt();
     writeText(path + "/new.txt", "new");
     const std::string place = shell("echo '" + mirrors() + "'/.mirrors/*");
-    fs::rename(path, place + "/leaving");  // as an unmount leaves it that ends before the mirror is gone
+    fs::rename(path, place + "/leaving");  // the state after an unmount that ended before it deleted the mirror
     fs::create_directory(path);
     writeText(path + "/other.txt", "other");
     EXPECT_TRUE(granted(unmountIt()));
@@ -265,14 +265,14 @@ TEST_F(MirroredVolume, AFolderMadeWhereAnUnmountWasCutOffDoesNotTakeTheMirrorsPl
   EXPECT_EQ(mtools(image_, "mdir", "-b ::/").find("other"), std::string::npos);
 }
 
-TEST_F(MirroredVolume, AWriteBackThatWasCutOffIsTakenUpAgain) {
+TEST_F(MirroredVolume, AnInterruptedWriteBackIsContinued) {
   asUser([&] {
     const std::string path = mountIt();
     writeText(path + "/a.txt", "one");
     writeText(path + "/readme.txt", "changed");
     fs::remove_all(path + "/EFI");
     unmountAndCutOff();
-    EXPECT_TRUE(readText(image_) == before_) << "mtools has changed the disk";
+    EXPECT_TRUE(readText(image_) == before_) << "mtools must not change the disk";
     EXPECT_EQ(mounted(), path);
     EXPECT_TRUE(granted(unmountIt()));
     EXPECT_EQ(mounted(), "");
@@ -283,7 +283,7 @@ TEST_F(MirroredVolume, AWriteBackThatWasCutOffIsTakenUpAgain) {
   checkFAT(image_, folder_);
 }
 
-TEST_F(MirroredVolume, AnotherVolumeInThePlaceOfOneWhoseWriteBackWasCutOffIsNotTouched) {
+TEST_F(MirroredVolume, AnotherVolumeInTheImageAfterAnInterruptedWriteBackIsNotTouched) {
   const std::string other = folder_ / "other.img";
   makeFATImage(other, 16, 16, "OTHER");
   shell("mkfs.vfat -F 16 -n OTHER -i 56789ABC --offset 2048 '" + other + "' 16384");
@@ -292,7 +292,7 @@ TEST_F(MirroredVolume, AnotherVolumeInThePlaceOfOneWhoseWriteBackWasCutOffIsNotT
     const std::string path = mountIt();
     writeText(path + "/a.txt", "one");
     unmountAndCutOff();
-    shell("cat '" + other + "' >'" + image_ + "'");  // the same file, with another volume in it
+    shell("cat '" + other + "' >'" + image_ + "'");  // the same file with another volume
     EXPECT_EQ(mounted(), "");
     EXPECT_TRUE(refused(unmountIt(), kDissentNotMounted, "another image, whose files are kept in " + path));
     EXPECT_EQ(readText(path + "/a.txt"), "one");
@@ -300,7 +300,7 @@ TEST_F(MirroredVolume, AnotherVolumeInThePlaceOfOneWhoseWriteBackWasCutOffIsNotT
   EXPECT_TRUE(readText(image_) == content);
 }
 
-TEST_F(MirroredVolume, AProgramThatFailsOrAnswersNonsenseIsARefusalThatLosesNothing) {
+TEST_F(MirroredVolume, AProgramThatFailsOrMisbehavesCausesARefusalAndNothingIsLost) {
   asUser([&] {
     const std::string path = mountIt();
     writeText(path + "/readme.txt", "changed");
@@ -324,13 +324,14 @@ TEST_F(MirroredVolume, AProgramThatFailsOrAnswersNonsenseIsARefusalThatLosesNoth
     expectRefused(kDissentError, "did not end normally");
     replaceTool("mcopy", "kill -9 $$");
     expectRefused(kDissentError, "did not end normally");
-    replaceTool("mmd", "exit 0");  // says that all went well, and does nothing
+    replaceTool("mmd", "exit 0");  // reports success without doing anything
     expectRefused(kDissentError, "/folder did not become");
-    // Called as "mcopy -i COPY -o -m FILE ::PATH", it shortens what it is to copy.
+    // Called as "mcopy -i COPY -o -m FILE ::PATH", it truncates the file to copy.
     const std::string cut = folder_ / "cut";
     replaceTool("mcopy", "head -c 3 \"$5\" >'" + cut + "'; exec " + mcopy + " -i \"$2\" -o '" + cut + "' \"$6\"");
     expectRefused(kDissentError, "/readme.txt did not become");
-    // A value for a cluster that no file has: in the first table alone, then, by what comes later, in both.
+    // Writes a value for a cluster that no file has: first only into the first table, then, through the later steps,
+    // into both.
     const std::string spoil = "printf xy | dd of=\"$2\" bs=1 seek=2148 conv=notrunc 2>/dev/null; ";
     replaceTool("mdel", shell("command -v mdel") + " \"$@\"; " + spoil);
     expectRefused(kDissentUnsupported, "allocation tables differ");
@@ -391,7 +392,7 @@ TEST_F(MirroredVolume, AStateFolderThatOthersCanReadIsNotUsed) {
 
 TEST_F(MirroredVolume, AFileSystemLargerThanItsPartitionIsRefused) {
   std::fstream image(image_, std::ios::in | std::ios::out | std::ios::binary);
-  image.seekp(kVolumeOffset + 19);  // the number of sectors, in 16 bits; then the one in 32
+  image.seekp(kVolumeOffset + 19);  // the 16-bit number of sectors; the 32-bit one follows
   image.write("\x00\x00", 2);
   image.seekp(kVolumeOffset + 32);
   image.write("\x01\x80\x00\x00", 4);  // 32769 sectors in a partition of 32768
@@ -403,7 +404,7 @@ TEST_F(MirroredVolume, AFileSystemLargerThanItsPartitionIsRefused) {
 }
 
 TEST_F(MirroredVolume, AFolderThatContainsItselfIsRefusedAtOnce) {
-  // The entry of EFI/Boot is made to lead to EFI: its first cluster is that of the "." entry in EFI.
+  // Change the entry of EFI/Boot to lead to EFI: use the first cluster of the "." entry in EFI.
   std::string bytes = before_;
   const size_t boot = bytes.find("BOOT       \x10", kVolumeOffset);
   ASSERT_NE(boot, std::string::npos);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// FAT volumes of image files, mounted by an ordinary user as mirrors. What is on the volumes afterwards is read by
-// mtools and checked by fsck.vfat.
+// FAT volumes of image files, mounted as mirrors by an ordinary user. Afterwards, mtools reads the volumes and
+// fsck.vfat checks them.
 #include "MirroredVolumeFixture.h"
 
 namespace vorlix::contract {
@@ -9,7 +9,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST_F(MirroredVolume, StandsInAPrivateFolderNamedAfterTheLabel) {
+TEST_F(MirroredVolume, IsInAPrivateFolderNamedAfterTheLabel) {
   asUser([&] {
     EXPECT_EQ(mountIt(), mirrors() + "/MAC EFI");
     EXPECT_EQ(fs::status(mirrors()).permissions(), fs::perms::owner_all);
@@ -20,7 +20,7 @@ TEST_F(MirroredVolume, StandsInAPrivateFolderNamedAfterTheLabel) {
   });
 }
 
-TEST_F(MirroredVolume, WithoutChangesEveryByteAndTheTimeOfTheImageStay) {
+TEST_F(MirroredVolume, WithoutChangesTheImageKeepsEveryByteAndItsTime) {
   const auto time = fs::last_write_time(image_);
   asUser([&] {
     const std::string path = mountIt({"rw"});
@@ -31,7 +31,7 @@ TEST_F(MirroredVolume, WithoutChangesEveryByteAndTheTimeOfTheImageStay) {
   EXPECT_EQ(fs::last_write_time(image_), time);
 }
 
-TEST_F(MirroredVolume, AFileThatWasTouchedButNotChangedIsNotWritten) {
+TEST_F(MirroredVolume, AFileWithChangedPermissionsButTheSameContentIsNotWritten) {
   asUser([&] {
     const std::string path = mountIt();
     fs::permissions(path + "/readme.txt", fs::perms::owner_read);
@@ -81,7 +81,7 @@ TEST_F(MirroredVolume, AllKindsOfChangesAreWrittenBack) {
     checkFAT(image_, folder_);
     const std::string now = readText(image_);
     EXPECT_EQ(now.substr(now.size() - (1 << 20), 64 * 1024), std::string(64 * 1024, '\xA5'))
-        << "bytes behind the slice";
+        << "the bytes after the slice must not change";
   }
 }
 
@@ -94,7 +94,7 @@ TEST_F(MirroredVolume, NothingOutsideTheVolumeIsTouched) {
   expectRestOfDiskUntouched();
 }
 
-TEST_F(MirroredVolume, TimesGoBothWays) {
+TEST_F(MirroredVolume, TimesAreCopiedInBothDirections) {
   shell("touch -d '2020-02-02 02:02:02' '" + (folder_ / "dated") + "'");
   mtools(image_, "mcopy", "-m '" + (folder_ / "dated") + "' ::/");
   asUser([&] {
@@ -120,26 +120,26 @@ TEST_F(MirroredVolume, AttributesOfChangedFilesAreKept) {
   for (const char letter : {'R', 'H', 'S'}) EXPECT_NE(attributes.find(letter), std::string::npos) << attributes;
 }
 
-TEST_F(MirroredVolume, TheProgramsThatCopyGetNoneOfTheHostsFiles) {
+TEST_F(MirroredVolume, TheCopyingProgramsInheritNoneOfTheHostsFiles) {
   asUser([&] {
     const std::string secret = folder_ / "secret";
     const std::string seen = folder_ / "seen";
     writeText(secret, "the host's");
     replaceTool("mcopy", "ls -l /proc/self/fd >>'" + seen + "'\nexec " + shell("command -v mcopy") + " \"$@\"");
-    const int low = ::open(secret.c_str(), O_RDONLY);  // passed on, but for what the library does about it
+    const int low = ::open(secret.c_str(), O_RDONLY);  // inheritable, unless the library prevents it
     const int high = fcntl(low, F_DUPFD, 100);
     ASSERT_GE(high, 100);
     writeText(mountIt() + "/readme.txt", "changed");
     EXPECT_TRUE(granted(unmountIt()));
     close(low);
     close(high);
-    EXPECT_NE(readText(seen).find("/copy"), std::string::npos) << "what it is there for";
-    EXPECT_EQ(readText(seen).find("mac.img"), std::string::npos) << "the disk: " << readText(seen);
+    EXPECT_NE(readText(seen).find("/copy"), std::string::npos) << "it must have the copy of the volume";
+    EXPECT_EQ(readText(seen).find("mac.img"), std::string::npos) << "it must not have the disk: " << readText(seen);
     EXPECT_EQ(readText(seen).find("secret"), std::string::npos) << readText(seen);
   });
 }
 
-TEST_F(MirroredVolume, ASecondMountStaysWhereTheFirstOneIs) {
+TEST_F(MirroredVolume, ASecondMountReturnsTheFirstPlace) {
   asUser([&] {
     const std::string path = mountIt();
     writeText(path + "/new.txt", "new");
@@ -162,7 +162,7 @@ TEST_F(MirroredVolume, AnotherNameOfTheImageIsTheSameVolume) {
   });
 }
 
-TEST_F(MirroredVolume, ANewImageOfTheSameNameIsNotMounted) {
+TEST_F(MirroredVolume, ANewImageWithTheSameNameIsNotMounted) {
   asUser([&] {
     mountIt();
     fs::rename(image_, folder_ / "first.img");
@@ -185,7 +185,7 @@ TEST_F(MirroredVolume, AnotherProcessFindsAndUnmountsIt) {
   EXPECT_EQ(fileOn(image_, "/new.txt"), "new");
 }
 
-TEST_F(MirroredVolume, TwoVolumesOfOneNameHaveFoldersOfTheirOwn) {
+TEST_F(MirroredVolume, TwoVolumesWithTheSameNameHaveSeparateFolders) {
   const std::string other = folder_ / "other.img";
   makeFATImage(other, 16, 16);
   asUser([&] {
@@ -201,7 +201,7 @@ TEST_F(MirroredVolume, TwoVolumesOfOneNameHaveFoldersOfTheirOwn) {
   EXPECT_TRUE(readText(image_) == before_);
 }
 
-TEST_F(MirroredVolume, ALabelCannotLeadOutOfTheFolder) {
+TEST_F(MirroredVolume, ALabelCannotLeaveTheFolder) {
   mtools(image_, "mlabel", "::../../X");
   asUser([&] {
     const std::string path = mountIt();
@@ -210,7 +210,7 @@ TEST_F(MirroredVolume, ALabelCannotLeadOutOfTheFolder) {
   });
 }
 
-TEST_F(MirroredVolume, AnEmptyVolumeWithoutALabelIsMountedUnderTheNameOfItsDevice) {
+TEST_F(MirroredVolume, AnEmptyVolumeWithoutALabelIsNamedAfterItsDevice) {
   shell("mkfs.vfat -F 16 --offset 2048 '" + image_ + "' 16384");
   asUser([&] {
     const std::string path = mountIt();
@@ -223,7 +223,7 @@ TEST_F(MirroredVolume, AnEmptyVolumeWithoutALabelIsMountedUnderTheNameOfItsDevic
   checkFAT(image_, folder_);
 }
 
-TEST_F(MirroredVolume, AllFilesButOneCanBeDeleted) {
+TEST_F(MirroredVolume, AllFilesExceptOneCanBeDeleted) {
   asUser([&] {
     const std::string path = mountIt();
     fs::remove_all(path + "/EFI");
@@ -235,7 +235,7 @@ TEST_F(MirroredVolume, AllFilesButOneCanBeDeleted) {
   checkFAT(image_, folder_);
 }
 
-TEST_F(MirroredVolume, AVolumeThatHoldsFoldersAloneIsListedAndWrittenTo) {
+TEST_F(MirroredVolume, AVolumeThatContainsOnlyFoldersIsListedAndWritten) {
   shell("mkfs.vfat -F 16 --offset 2048 '" + image_ + "' 16384");
   asUser([&] {
     const std::string path = mountIt({"rw"});
@@ -247,7 +247,7 @@ TEST_F(MirroredVolume, AVolumeThatHoldsFoldersAloneIsListedAndWrittenTo) {
   EXPECT_EQ(fileOn(image_, "/EFI/Microsoft/Boot/BCD"), "store");
 }
 
-TEST_F(MirroredVolume, AFileInThePlaceOfAFolderAndTheOtherWayRound) {
+TEST_F(MirroredVolume, AFileMayReplaceAFolderAndAFolderAFile) {
   asUser([&] {
     const std::string path = mountIt();
     fs::remove_all(path + "/EFI");
@@ -262,7 +262,7 @@ TEST_F(MirroredVolume, AFileInThePlaceOfAFolderAndTheOtherWayRound) {
   checkFAT(image_, folder_);
 }
 
-TEST_F(MirroredVolume, ANameThatChangesInCaseOnlyIsRenamed) {
+TEST_F(MirroredVolume, ANameThatChangesOnlyInCaseIsRenamed) {
   asUser([&] {
     const std::string path = mountIt();
     fs::rename(path + "/readme.txt", path + "/ReadMe.txt");

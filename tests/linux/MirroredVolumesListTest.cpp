@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Mirrored FAT volumes in the list of mounted volumes. Their sizes are compared with what fsck.vfat and mtools count.
+// Mirrored FAT volumes in the list of mounted volumes. Their sizes are compared with the counts of fsck.vfat and
+// mtools.
 #include <Vorlix/platform/MountedVolumes.h>
 
 #include <regex>
@@ -19,7 +20,7 @@ class MirroredVolumesInTheList : public testing::Test {
     if (!missing.empty()) GTEST_SKIP() << missing;
   }
 
-  /// The volumes whose source lies in the test's folder.
+  /// Returns the volumes whose source is in the test's folder.
   std::vector<MountedVolume> mirrors() const {
     std::vector<MountedVolume> list = ports_.mountedVolumes->volumes();
     std::erase_if(list, [&](const MountedVolume& volume) {
@@ -33,7 +34,7 @@ class MirroredVolumesInTheList : public testing::Test {
     uint64_t free = 0;
   };
 
-  /// As fsck.vfat counts the clusters of slice 1, and minfo tells their size.
+  /// Returns the sizes of slice 1: the clusters as counted by fsck.vfat, times the cluster size reported by minfo.
   Sizes sizesOn(const std::string& image) const {
     const std::string volume = folder_ / "volume to check";
     std::ifstream from(image, std::ios::binary);
@@ -55,8 +56,8 @@ class MirroredVolumesInTheList : public testing::Test {
   const Platform ports_ = nativePlatform();
 };
 
-TEST_F(MirroredVolumesInTheList, HaveTheLabelTheFolderAndTheSizesOfTheVolume) {
-  // The last one's allocation table is longer than what is read of it at once.
+TEST_F(MirroredVolumesInTheList, HaveTheVolumesLabelFolderAndSizes) {
+  // The allocation table of the last volume is longer than one read.
   for (const auto& [bits, megabytes] : {std::pair(12, 4), std::pair(16, 16), std::pair(32, 40), std::pair(32, 160)}) {
     SCOPED_TRACE(testing::Message() << bits << " bits, " << megabytes << " MiB");
     const std::string image = folder_ / ("my disk " + std::to_string(megabytes) + ".img");
@@ -77,7 +78,7 @@ TEST_F(MirroredVolumesInTheList, HaveTheLabelTheFolderAndTheSizesOfTheVolume) {
   }
 }
 
-TEST_F(MirroredVolumesInTheList, AreFoundByDiskArbitrationUnderTheirSource) {
+TEST_F(MirroredVolumesInTheList, AreFoundByDiskArbitrationBySource) {
   const std::string image = folder_ / "disk.img";
   makeFATImage(image, 16, 16);
   asOrdinaryUser(folder_, [&] {
@@ -91,7 +92,7 @@ TEST_F(MirroredVolumesInTheList, AreFoundByDiskArbitrationUnderTheirSource) {
   });
 }
 
-TEST_F(MirroredVolumesInTheList, ComeInTheOrderOfMounting) {
+TEST_F(MirroredVolumesInTheList, AreInMountOrder) {
   const std::vector<std::string> images = {folder_ / "c.img", folder_ / "a.img", folder_ / "b.img"};
   for (const std::string& image : images) makeFATImage(image, 12, 4);
   asOrdinaryUser(folder_, [&] {
@@ -103,7 +104,7 @@ TEST_F(MirroredVolumesInTheList, ComeInTheOrderOfMounting) {
   });
 }
 
-TEST_F(MirroredVolumesInTheList, HaveTheNameOfTheirFolderWithoutALabel) {
+TEST_F(MirroredVolumesInTheList, WithoutALabelAreNamedAfterTheirFolder) {
   const std::string image = folder_ / "plain.img";
   makeFATImage(image, 16, 16);
   shell("mkfs.vfat -F 16 --offset 2048 '" + image + "' 16384");
@@ -114,7 +115,7 @@ TEST_F(MirroredVolumesInTheList, HaveTheNameOfTheirFolderWithoutALabel) {
   });
 }
 
-TEST_F(MirroredVolumesInTheList, ChangesShowWhenTheyHaveBeenWrittenBack) {
+TEST_F(MirroredVolumesInTheList, ChangesShowOnceTheyAreWrittenBack) {
   const std::string image = folder_ / "disk.img";
   makeFATImage(image, 16, 16);
   asOrdinaryUser(folder_, [&] {
@@ -129,20 +130,20 @@ TEST_F(MirroredVolumesInTheList, ChangesShowWhenTheyHaveBeenWrittenBack) {
   });
 }
 
-TEST_F(MirroredVolumesInTheList, ANewImageUnderTheOldNameIsNotTheVolume) {
+TEST_F(MirroredVolumesInTheList, ANewImageWithTheOldNameIsNotTheVolume) {
   const std::string image = folder_ / "disk.img";
   makeFATImage(image, 16, 16);
   asOrdinaryUser(folder_, [&] {
     ASSERT_TRUE(granted(mountNow(ports_, image + "s1")));
     fs::rename(image, folder_ / "renamed.img");
-    EXPECT_TRUE(mirrors().empty()) << "no name leads to it";
+    EXPECT_TRUE(mirrors().empty()) << "the image has another name now";
     fs::copy_file(folder_ / "renamed.img", image);
-    EXPECT_TRUE(mirrors().empty()) << "another volume is under its name";
+    EXPECT_TRUE(mirrors().empty()) << "another volume has its name now";
     EXPECT_TRUE(granted(unmountNow(ports_, folder_ / "renamed.imgs1")));
   });
 }
 
-TEST_F(MirroredVolumesInTheList, OfALoopDeviceHaveANameThatDiskArbitrationKnows) {
+TEST_F(MirroredVolumesInTheList, OfALoopDeviceHaveANameThatDiskArbitrationFinds) {
   const std::string reason = LoopWorld::unavailable();
   if (!reason.empty()) GTEST_SKIP() << reason;
   const std::string image = folder_ / "disk.img";
@@ -159,7 +160,7 @@ TEST_F(MirroredVolumesInTheList, OfALoopDeviceHaveANameThatDiskArbitrationKnows)
   shell("losetup --detach " + device);
   EXPECT_TRUE(granted(refusal));
   EXPECT_TRUE(granted(stuck));
-  EXPECT_NE(source, "") << "not listed";
+  EXPECT_NE(source, "") << "the volume must be listed";
   EXPECT_EQ(whole, device.substr(5));
 }
 

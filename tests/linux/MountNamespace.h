@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Mounts that belong to one test alone.
+// Mounts that only one test sees.
 #pragma once
 
 #include <sched.h>
@@ -12,15 +12,15 @@
 
 namespace vorlix::contract {
 
-/// Why there can be none here; empty when there can.
+/// Returns why mount namespaces are unavailable here, or an empty string if they are available.
 inline std::string noMountNamespace() {
   bool ok = false;
   const std::string text = runCommand("unshare --mount true 2>&1", ok);
   return ok ? "" : "no mount namespaces: " + text;
 }
 
-/// Runs `body` where mounts are seen by nobody else and go with its end, and the volumes that other tests mount at the
-/// same time are not seen either.
+/// Runs `body` in a private mount namespace. Its mounts are invisible elsewhere and end with it. It does not see the
+/// volumes that other tests mount at the same time.
 template <typename Body>
 void inOwnNamespace(Body body) {
   inAnotherProcess([&] {

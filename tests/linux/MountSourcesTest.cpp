@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Volumes of the kernel's mounts under all the names that their bytes have: images, loop devices over them, partitions
-// of these, loop devices over loop devices.
+// Mounted volumes under all names that lead to their bytes: images, loop devices over images, partitions of loop
+// devices, and loop devices over loop devices.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 
@@ -53,7 +53,7 @@ TEST_F(MountSources, AMountedPartitionOfALoopDeviceIsTheSliceOfTheImage) {
   const std::string device = attach(image_);
   bool ok = false;
   const std::string text = runCommand("partx --add " + device + " 2>&1", ok);
-  if (!fs::exists(device + "p1")) GTEST_SKIP() << "this kernel gives the slices of a loop device no nodes: " << text;
+  if (!fs::exists(device + "p1")) GTEST_SKIP() << "this kernel makes no nodes for slices of a loop device: " << text;
   inOwnNamespace([&] {
     mountOver(device + "p1");
     for (const std::string& name : {image_ + "s1", device + "p1", device + "s1"}) {
@@ -76,13 +76,13 @@ TEST_F(MountSources, ALoopDeviceOverASliceIsTheSlice) {
     EXPECT_EQ(mounted(device), place_);
     EXPECT_EQ(mounted(image_), "");
     const std::string other = attach(image_);
-    EXPECT_EQ(mounted(other + "s1"), place_) << "another loop device over the same image";
+    EXPECT_EQ(mounted(other + "s1"), place_) << "this is another loop device over the same image";
     EXPECT_EQ(mounted(other), "");
     shell("losetup --detach " + other);
   });
 }
 
-TEST_F(MountSources, ALoopDeviceOverALoopDeviceIsWhatItShows) {
+TEST_F(MountSources, ALoopDeviceOverALoopDeviceIsResolved) {
   const std::string whole = attach(image_);
   const std::string slice = attach(whole, std::string("--offset ") + kSliceStart);
   inOwnNamespace([&] {
@@ -94,7 +94,7 @@ TEST_F(MountSources, ALoopDeviceOverALoopDeviceIsWhatItShows) {
   });
 }
 
-TEST_F(MountSources, AnImageInThePlaceOfTheMountedOneIsAnother) {
+TEST_F(MountSources, AnImageThatReplacesTheMountedOneIsAnother) {
   const std::string device = attach(image_, std::string("--offset ") + kSliceStart);
   inOwnNamespace([&] {
     mountOver(device);
@@ -120,7 +120,7 @@ TEST_F(MountSources, AHardLinkIsTheSameImage) {
   });
 }
 
-TEST_F(MountSources, AMountThatIsCoveredIsNotTakenForUnmounted) {
+TEST_F(MountSources, ACoveredMountIsNotReportedAsUnmounted) {
   const std::string device = attach(image_, std::string("--offset ") + kSliceStart);
   inOwnNamespace([&] {
     mountOver(device);
@@ -132,7 +132,7 @@ TEST_F(MountSources, AMountThatIsCoveredIsNotTakenForUnmounted) {
   });
 }
 
-TEST_F(MountSources, LongPlacesAreTakenWhole) {
+TEST_F(MountSources, LongPathsAreUsedInFull) {
   const std::string device = attach(image_, std::string("--offset ") + kSliceStart);
   inOwnNamespace([&] {
     std::string path = place_;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The list of mounted volumes with real mounts, each in a mount namespace of its own, compared with what findmnt,
-// lsblk and df say. Mirrored volumes are in MirroredVolumesListTest.cpp.
+// The list of mounted volumes with real mounts, each in a private mount namespace, compared with findmnt, lsblk and df.
+// MirroredVolumesListTest.cpp tests mirrored volumes.
 #include <Vorlix/platform/MountedVolumes.h>
 #include <sys/sysmacros.h>
 
@@ -31,7 +31,7 @@ class LinuxMountedVolumesTest : public testing::Test {
     for (const std::string& device : devices_) runCommand("losetup --detach " + device + " 2>&1", ok);
   }
 
-  /// A loop device with an ext4 file system of that label.
+  /// Creates a loop device with an ext4 file system of that label.
   std::string makeDevice(const std::string& label, const std::string& options = "") {
     const std::string image = folder_ / ("disk " + std::to_string(devices_.size()) + ".img");
     writeImage(image, {}, 16 << 20);
@@ -57,7 +57,7 @@ class LinuxMountedVolumesTest : public testing::Test {
 
   std::vector<MountedVolume> volumes() const { return ports_.mountedVolumes->volumes(); }
 
-  /// The volume from that source, which must be listed once.
+  /// Returns the volume from that source. @throws std::runtime_error unless it is listed exactly once.
   MountedVolume volumeFrom(const std::string& source) const {
     std::vector<MountedVolume> list = volumes();
     std::erase_if(list, [&](const MountedVolume& volume) { return volume.mountedFrom != source; });
@@ -92,7 +92,7 @@ TEST_F(LinuxMountedVolumesTest, AVolumeHasItsLabelPathSourceAndSizes) {
   });
 }
 
-TEST_F(LinuxMountedVolumesTest, TheListIsThatOfFindmnt) {
+TEST_F(LinuxMountedVolumesTest, TheListMatchesFindmnt) {
   const std::string first = makeDevice("first");
   const std::string second = makeDevice("second");
   const std::string third = makeDevice("third");
@@ -113,7 +113,7 @@ TEST_F(LinuxMountedVolumesTest, TheListIsThatOfFindmnt) {
       if (number.rfind("0:", 0) == 0 || !seen.insert(number).second) continue;
       expected.push_back(entry["source"].get<std::string>() + " at " + entry["target"].get<std::string>());
       const bool isOurs = std::find(devices_.begin(), devices_.end(), entry["source"]) != devices_.end();
-      if (!isOurs) continue;  // others write to theirs
+      if (!isOurs) continue;  // other programs write to theirs
       const MountedVolume volume = volumeFrom(entry["source"]);
       EXPECT_EQ(volume.totalSize, entry["size"].get<uint64_t>());
       EXPECT_EQ(volume.freeSpace, entry["avail"].get<uint64_t>());
@@ -127,7 +127,7 @@ TEST_F(LinuxMountedVolumesTest, TheListIsThatOfFindmnt) {
   });
 }
 
-TEST_F(LinuxMountedVolumesTest, LabelsAreThoseOfLsblk) {
+TEST_F(LinuxMountedVolumesTest, LabelsMatchLsblk) {
   const std::string missing = missingTool({"lsblk"});
   if (!missing.empty()) GTEST_SKIP() << missing;
   const std::string device = makeDevice("Two  words");
@@ -140,7 +140,7 @@ TEST_F(LinuxMountedVolumesTest, LabelsAreThoseOfLsblk) {
   });
 }
 
-TEST_F(LinuxMountedVolumesTest, PlacesAreThoseOfLsblk) {
+TEST_F(LinuxMountedVolumesTest, PlacesMatchLsblk) {
   const std::string missing = missingTool({"lsblk"});
   if (!missing.empty()) GTEST_SKIP() << missing;
   const std::string device = makeDevice("label");
@@ -152,7 +152,7 @@ TEST_F(LinuxMountedVolumesTest, PlacesAreThoseOfLsblk) {
   });
 }
 
-TEST_F(LinuxMountedVolumesTest, LabelBytesThatAreNoUTF8AreReplaced) {
+TEST_F(LinuxMountedVolumesTest, LabelBytesThatAreNotUTF8AreReplaced) {
   const std::string device = makeDevice("caf\xE9 \xFF!");
   inOwnNamespace([&] {
     mountAt(device, "place");
@@ -160,12 +160,12 @@ TEST_F(LinuxMountedVolumesTest, LabelBytesThatAreNoUTF8AreReplaced) {
   });
 }
 
-TEST_F(LinuxMountedVolumesTest, WithoutALabelAVolumeHasTheNameOfItsFolder) {
+TEST_F(LinuxMountedVolumesTest, WithoutALabelAVolumeIsNamedAfterItsFolder) {
   const std::string device = makeDevice("");
   inOwnNamespace([&] {
     const std::string path = mountAt(device, "a \\040\ttab\n line \xC3\xBC \xFF");
     const MountedVolume volume = volumeFrom(device);
-    EXPECT_EQ(volume.mountPath, path) << "byte for byte";
+    EXPECT_EQ(volume.mountPath, path) << "the path must match byte for byte";
     EXPECT_EQ(volume.name, "a \\040\ttab\n line \xC3\xBC \xEF\xBF\xBD");
     EXPECT_TRUE(volume.totalSize);
   });
@@ -201,7 +201,7 @@ TEST_F(LinuxMountedVolumesTest, ADeviceThatIsMountedTwiceIsListedAtItsFirstPlace
   });
 }
 
-TEST_F(LinuxMountedVolumesTest, AFolderThatIsMountedByItselfDoesNotStandForItsVolume) {
+TEST_F(LinuxMountedVolumesTest, ABindMountOfAFolderIsNotTheVolumesMountPoint) {
   const std::string device = makeDevice("label");
   inOwnNamespace([&] {
     const std::string hidden = mountAt(device, "hidden");
@@ -219,7 +219,7 @@ TEST_F(LinuxMountedVolumesTest, AFolderThatIsMountedByItselfDoesNotStandForItsVo
   });
 }
 
-TEST_F(LinuxMountedVolumesTest, ACoveredMountIsNoPlaceOfItsVolume) {
+TEST_F(LinuxMountedVolumesTest, ACoveredMountIsNotTheVolumesMountPoint) {
   const std::string covered = makeDevice("covered");
   const std::string above = makeDevice("above");
   inOwnNamespace([&] {
@@ -227,16 +227,16 @@ TEST_F(LinuxMountedVolumesTest, ACoveredMountIsNoPlaceOfItsVolume) {
     mountOver(above, path);
     EXPECT_EQ(volumeFrom(above).mountPath, path);
     EXPECT_FALSE(volumeFrom(covered).mountPath);
-    EXPECT_FALSE(volumeFrom(covered).totalSize) << "those of the volume above it";
+    EXPECT_FALSE(volumeFrom(covered).totalSize) << "these would be the sizes of the volume above it";
     EXPECT_EQ(volumeFrom(covered).name, "covered");
     const std::string other = mountAt(covered, "elsewhere");
     EXPECT_EQ(volumeFrom(covered).mountPath, other);
     shell("mount -t tmpfs none '" + makeFolder("folder") + "'");
-    EXPECT_FALSE(volumeFrom(above).mountPath) << "the folder of its place is covered";
+    EXPECT_FALSE(volumeFrom(above).mountPath) << "a parent folder is covered";
   });
 }
 
-TEST_F(LinuxMountedVolumesTest, WhatNoBlockDeviceIsUnderIsNotListed) {
+TEST_F(LinuxMountedVolumesTest, MountsWithoutABlockDeviceAreNotListed) {
   const std::string device = makeDevice("label");
   inOwnNamespace([&] {
     const size_t before = volumes().size();
@@ -255,7 +255,7 @@ TEST_F(LinuxMountedVolumesTest, WhatNoBlockDeviceIsUnderIsNotListed) {
   });
 }
 
-TEST_F(LinuxMountedVolumesTest, AVolumeThatIsUnmountedIsGone) {
+TEST_F(LinuxMountedVolumesTest, AnUnmountedVolumeIsNotListed) {
   const std::string device = makeDevice("label");
   inOwnNamespace([&] {
     const std::string path = mountAt(device, "place");
@@ -265,7 +265,7 @@ TEST_F(LinuxMountedVolumesTest, AVolumeThatIsUnmountedIsGone) {
   });
 }
 
-TEST_F(LinuxMountedVolumesTest, AnOrdinaryUserHasTheLabelFromUdevsDatabase) {
+TEST_F(LinuxMountedVolumesTest, AnOrdinaryUserGetsTheLabelFromUdevsDatabase) {
   const std::string device = makeDevice("on the disk");
   struct stat status = {};
   ASSERT_EQ(stat(device.c_str(), &status), 0);
@@ -287,7 +287,7 @@ TEST_F(LinuxMountedVolumesTest, AnOrdinaryUserHasTheLabelFromUdevsDatabase) {
 
 TEST_F(LinuxMountedVolumesTest, APlaceThatTheUserCannotReachIsListedWithoutSizes) {
   const std::string device = makeDevice("label");
-  const TemporaryFolder closed;  // belongs to the super-user, and to nobody else
+  const TemporaryFolder closed;  // accessible only to the super-user
   fs::create_directory(closed / "place");
   inOwnNamespace([&] {
     mountOver(device, closed / "place");
@@ -324,7 +324,7 @@ TEST_F(LinuxMountedVolumesTest, SlicesOfAnImageMountedThroughLoopDevicesAreListe
   const std::string missing = missingTool({"sgdisk"});
   if (!missing.empty()) GTEST_SKIP() << missing;
   const std::string image = folder_ / "my disk.img";
-  const std::string one = "one " + std::to_string(getpid());  // tests may run side by side
+  const std::string one = "one " + std::to_string(getpid());  // tests may run in parallel
   const std::string two = "two " + std::to_string(getpid());
   writeImage(image, {}, 40 << 20);
   shell("sgdisk --clear --new=1:2048:+16M --new=2:+0:+16M '" + image + "'");
@@ -342,7 +342,7 @@ TEST_F(LinuxMountedVolumesTest, SlicesOfAnImageMountedThroughLoopDevicesAreListe
       EXPECT_EQ(session->diskFromVolumePath(URL::fileURLWithPath(*volume.mountPath))->bsdName(), slice);
       EXPECT_EQ(describe(ports_, volume.mountedFrom)->text(kDescriptionVolumeName), label);
     }
-    EXPECT_EQ(volumes().back().name, one) << "the order of mounting";
+    EXPECT_EQ(volumes().back().name, one) << "the list must be in mount order";
     EXPECT_TRUE(granted(unmountNow(ports_, image + "s1")));
     EXPECT_TRUE(granted(unmountNow(ports_, image + "s2")));
     EXPECT_FALSE(isListed(image + "s1"));
@@ -359,8 +359,8 @@ TEST_F(LinuxMountedVolumesTest, APartitionOfALoopDeviceIsListedByItsNode) {
   devices_.push_back(shell("losetup --show --find '" + image + "'"));
   const std::string device = devices_.back();
   bool ok = false;
-  const std::string text = runCommand("partx --add " + device + " 2>&1", ok);  // kernels differ in whether they look
-  if (!fs::exists(device + "p1")) GTEST_SKIP() << "this kernel gives the slices of a loop device no nodes: " << text;
+  const std::string text = runCommand("partx --add " + device + " 2>&1", ok);  // some kernels scan by themselves
+  if (!fs::exists(device + "p1")) GTEST_SKIP() << "this kernel makes no nodes for slices of a loop device: " << text;
   inOwnNamespace([&] {
     mountAt(device + "p1", "place");
     EXPECT_EQ(volumeFrom(device + "p1").name, "slice");
@@ -370,7 +370,7 @@ TEST_F(LinuxMountedVolumesTest, APartitionOfALoopDeviceIsListedByItsNode) {
   runCommand("partx --delete " + device + " 2>&1", ok);
 }
 
-TEST_F(LinuxMountedVolumesTest, MirroredVolumesComeAfterThoseOfTheKernel) {
+TEST_F(LinuxMountedVolumesTest, MirroredVolumesFollowThoseOfTheKernel) {
   const std::string missing = missingTool({"sfdisk", "mkfs.vfat", "mcopy"});
   if (!missing.empty()) GTEST_SKIP() << missing;
   const std::string image = folder_ / "fat.img";
@@ -387,7 +387,7 @@ TEST_F(LinuxMountedVolumesTest, MirroredVolumesComeAfterThoseOfTheKernel) {
       return source != first && source != second && source != image + "s1";
     });
     sources.erase(end, sources.end());
-    bool byKernel = false;  // which knows FAT on most machines
+    bool byKernel = false;  // most kernels support FAT
     runCommand("findmnt --mountpoint '" + mountPath(ports_, image + "s1") + "'", byKernel);
     using Sources = std::vector<std::string>;
     EXPECT_EQ(sources, byKernel ? Sources({first, image + "s1", second}) : Sources({first, second, image + "s1"}));
@@ -397,7 +397,7 @@ TEST_F(LinuxMountedVolumesTest, MirroredVolumesComeAfterThoseOfTheKernel) {
 
 // -------------------------------------------------------------------------------------------------- drivers and others
 
-TEST_F(LinuxMountedVolumesTest, AForeignNTFSDriversVolumeStandsUnderItsOwnName) {
+TEST_F(LinuxMountedVolumesTest, AForeignNTFSDriversVolumeIsListedUnderItsOwnName) {
   if (const std::string reason = FuseDriver::unavailable(); !reason.empty()) GTEST_SKIP() << reason;
   inOwnNamespace([&] {
     const FuseDriver driver("ntfs://disk4s1/My Data", makeFolder("Data"), FuseDriver::Sizes{1000, 200, 1024});
@@ -415,7 +415,7 @@ TEST_F(LinuxMountedVolumesTest, OtherDriversWithoutADeviceAreNotListed) {
     const size_t before = volumes().size();
     const FuseDriver driver("user@server:/share", makeFolder("share"), FuseDriver::Sizes{1000, 200, 1024});
     EXPECT_EQ(volumes().size(), before);
-    EXPECT_TRUE(driver.asked().empty()) << "it may be slow";
+    EXPECT_TRUE(driver.asked().empty()) << "the driver may be slow, so it must not be asked";
   });
 }
 
@@ -429,7 +429,7 @@ TEST_F(LinuxMountedVolumesTest, ADriverThatNamesItsDeviceIsListedAsTheDevice) {
   });
 }
 
-TEST_F(LinuxMountedVolumesTest, SizesThatAreNotToldAreAbsent) {
+TEST_F(LinuxMountedVolumesTest, UnknownSizesAreAbsent) {
   if (const std::string reason = FuseDriver::unavailable(); !reason.empty()) GTEST_SKIP() << reason;
   inOwnNamespace([&] {
     const FuseDriver failing("ntfs://disk4s1/A", makeFolder("A"), std::nullopt);
@@ -441,7 +441,7 @@ TEST_F(LinuxMountedVolumesTest, SizesThatAreNotToldAreAbsent) {
   });
 }
 
-TEST_F(LinuxMountedVolumesTest, ASlowFileSystemIsAskedOnceForItsSizesAndNothingElse) {
+TEST_F(LinuxMountedVolumesTest, ASlowFileSystemIsAskedOnceForItsSizesAndForNothingElse) {
   if (const std::string reason = FuseDriver::unavailable(); !reason.empty()) GTEST_SKIP() << reason;
   inOwnNamespace([&] {
     const std::string path = makeFolder("slow");
@@ -460,7 +460,7 @@ TEST_F(LinuxMountedVolumesTest, ASlowFileSystemIsAskedOnceForItsSizesAndNothingE
   });
 }
 
-TEST_F(LinuxMountedVolumesTest, ASubvolumeIsAPlaceOfItsVolumeAndAFolderOfItIsNot) {
+TEST_F(LinuxMountedVolumesTest, ASubvolumeIsAMountPointOfItsVolumeAndAFolderInItIsNot) {
   const std::string missing = missingTool({"mkfs.btrfs", "btrfs"});
   if (!missing.empty()) GTEST_SKIP() << missing;
   if (readText("/proc/filesystems").find("\tbtrfs\n") == std::string::npos) {
@@ -486,7 +486,7 @@ TEST_F(LinuxMountedVolumesTest, ASubvolumeIsAPlaceOfItsVolumeAndAFolderOfItIsNot
   });
 }
 
-TEST_F(LinuxMountedVolumesTest, ThousandsOfMountsTakeNoLongerThanTheirNumber) {
+TEST_F(LinuxMountedVolumesTest, TheTimeForThousandsOfMountsIsLinear) {
   const std::string device = makeDevice("label");
   inOwnNamespace([&] {
     const std::string path = mountAt(device, "place");
@@ -495,7 +495,7 @@ TEST_F(LinuxMountedVolumesTest, ThousandsOfMountsTakeNoLongerThanTheirNumber) {
         const std::string folder = makeFolder("many/" + std::to_string(number));
         if (mount(path.c_str(), folder.c_str(), nullptr, MS_BIND, nullptr) != 0) throw std::runtime_error(folder);
       }
-      const std::clock_t start = std::clock();  // of this process alone: other tests run beside it
+      const std::clock_t start = std::clock();  // only this process, because other tests run in parallel
       EXPECT_EQ(volumeFrom(device).mountPath, path);
       return static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
     };

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Descriptors as sources of the run loop.
+// File descriptors as sources of the run loop.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -41,7 +41,7 @@ class Pipe {
   std::array<int, 2> ends_ = {-1, -1};
 };
 
-// Notes each byte that is read, and '.' for the end.
+// Appends each byte that is read to the log, and '.' at the end of the stream.
 std::shared_ptr<RunLoopSource> readerOf(const Pipe& pipe, std::string& log) {
   return std::make_shared<ReadableDescriptor>(pipe.readEnd(), [&pipe, &log] {
     char byte = '.';
@@ -58,7 +58,7 @@ class RunLoopSources : public testing::Test {
   std::shared_ptr<LinuxRunLoop> loop_ = std::make_shared<LinuxRunLoop>();
 };
 
-TEST_F(RunLoopSources, ADescriptorThatCanBeReadIsHandled) {
+TEST_F(RunLoopSources, AReadableDescriptorIsHandled) {
   loop_->add(kMode, readerOf(one_, log_));
   EXPECT_EQ(loop_->run(kMode, milliseconds(20)), RunLoopResult::timedOut);
   one_.put('a');
@@ -67,7 +67,7 @@ TEST_F(RunLoopSources, ADescriptorThatCanBeReadIsHandled) {
   EXPECT_EQ(loop_->run(kMode, milliseconds(20)), RunLoopResult::timedOut);
 }
 
-TEST_F(RunLoopSources, ADescriptorAtItsEndIsHandled) {
+TEST_F(RunLoopSources, ADescriptorAtEndOfFileIsHandled) {
   loop_->add(kMode, readerOf(one_, log_));
   one_.closeWriteEnd();
   EXPECT_EQ(loop_->run(kMode, kLong), RunLoopResult::handledSource);
@@ -87,7 +87,7 @@ TEST_F(RunLoopSources, AWriteEndsTheWait) {
   EXPECT_EQ(log_, "a");
 }
 
-TEST_F(RunLoopSources, ASourceThatIsAlwaysReadyLeavesTheOthersTheirTurn) {
+TEST_F(RunLoopSources, ASourceThatIsAlwaysReadyDoesNotStarveTheOthers) {
   loop_->add(kMode, readerOf(one_, log_));
   loop_->add(kMode, readerOf(other_, log_));
   one_.closeWriteEnd();
@@ -97,7 +97,7 @@ TEST_F(RunLoopSources, ASourceThatIsAlwaysReadyLeavesTheOthersTheirTurn) {
   EXPECT_NE(log_.find('b'), std::string::npos) << log_;
 }
 
-TEST_F(RunLoopSources, ASourceAddedTwiceIsThereOnce) {
+TEST_F(RunLoopSources, ASourceAddedTwiceExistsOnce) {
   const auto source = readerOf(one_, log_);
   loop_->add(kMode, source);
   loop_->add(kMode, source);
@@ -105,7 +105,7 @@ TEST_F(RunLoopSources, ASourceAddedTwiceIsThereOnce) {
   EXPECT_EQ(loop_->run(kMode, kLong), RunLoopResult::noSources);
 }
 
-TEST_F(RunLoopSources, AHandlerMayRemoveItsSourceAndLetItGo) {
+TEST_F(RunLoopSources, AHandlerMayRemoveAndReleaseItsSource) {
   std::shared_ptr<RunLoopSource> source;
   source = std::make_shared<ReadableDescriptor>(one_.readEnd(), [&] {
     loop_->remove(kMode, source);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Messages for the system's log, as syslog(3) repeats them on standard error when it is asked to.
+// Messages for the system's log, which syslog(3) also prints on standard error on request.
 #include <gtest/gtest.h>
 #include <syslog.h>
 
@@ -25,7 +25,7 @@ class SystemLogTest : public testing::Test {
   }
 };
 
-TEST_F(SystemLogTest, ATextHasTheLibrarysNameBeforeIt) {
+TEST_F(SystemLogTest, TheLibrarysNameComesBeforeTheText) {
   EXPECT_EQ(written("Checking if bootable", LOG_UPTO(LOG_DEBUG)), "client: Vorlix: Checking if bootable\n");
 }
 
@@ -34,7 +34,7 @@ TEST_F(SystemLogTest, TheLevelIsWarning) {
   EXPECT_EQ(written("text", ~LOG_MASK(LOG_WARNING)), "");
 }
 
-TEST_F(SystemLogTest, PlaceholdersAreText) {
+TEST_F(SystemLogTest, PlaceholdersAreNotExpanded) {
   EXPECT_EQ(written("%s %n 100%", LOG_UPTO(LOG_DEBUG)), "client: Vorlix: %s %n 100%\n");
 }
 

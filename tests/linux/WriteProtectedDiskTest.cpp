@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A write-protected block device: a loop device set up for reading. Needs the right to set one up.
+// A write-protected block device: a read-only loop device. Needs the right to set one up.
 #include <Vorlix/platform/DeviceFile.h>
 #include <Vorlix/platform/Platform.h>
 #include <gtest/gtest.h>

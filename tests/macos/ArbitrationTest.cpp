@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Disk arbitration as its client library behaves, and the adapter over it.
+// The stand-in of disk arbitration, and the adapter over it.
 #include <DiskArbitration/DiskArbitration.h>
 
 #include "platform/macos/CFOwned.h"
@@ -11,8 +11,8 @@
 namespace vorlix::contract {
 namespace {
 
-constexpr std::chrono::milliseconds kShort{50};
-constexpr std::chrono::seconds kLong{20};
+constexpr std::chrono::milliseconds kInVain{50};
+constexpr std::chrono::seconds kAtMost{20};
 
 class Arbitration : public testing::Test {
  protected:
@@ -94,10 +94,10 @@ TEST_F(Arbitration, AnAnswerThatComesAtOnceIsToldOnTheLoop) {
   disk->mount({}, note("mount"));
   disk->unmount(note("unmount"));
   EXPECT_TRUE(told_.empty());
-  EXPECT_EQ(loop_->run("another mode", kShort), RunLoopResult::noSources);
+  EXPECT_EQ(loop_->run("another mode", kInVain), RunLoopResult::noSources);
   EXPECT_TRUE(told_.empty());
-  EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kLong), RunLoopResult::handledSource);
-  EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kLong), RunLoopResult::handledSource);
+  EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kAtMost), RunLoopResult::handledSource);
+  EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kAtMost), RunLoopResult::handledSource);
   const std::string status = std::to_string(kDissentNotPrivileged);
   EXPECT_EQ(told_, (std::vector<std::string>{"mount " + status, "unmount " + status}));
 }
@@ -117,7 +117,7 @@ TEST_F(Arbitration, ARefusalAtOnceAfterTheSessionsEndIsToldToNobody) {
   session.reset();
   standin::system().requestRefusal = kDissentNotPrivileged;
   disk->mount({}, note("mount"));
-  EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kShort), RunLoopResult::noSources);
+  EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kInVain), RunLoopResult::noSources);
   EXPECT_TRUE(told_.empty());
 }
 
@@ -128,7 +128,7 @@ TEST_F(Arbitration, WhatIsDoneBeforeTheLoopRunsIsToldOnTheLoop) {
   session->diskFromBSDName("disk0s1")->mount({"nobrowse", "rw"}, note("mount"));
   EXPECT_TRUE(machine_.isMounted("disk0s1"));
   EXPECT_TRUE(told_.empty());
-  EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kLong), RunLoopResult::handledSource);
+  EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kAtMost), RunLoopResult::handledSource);
   EXPECT_EQ(told_, std::vector<std::string>{"mount 0"});
 }
 
@@ -153,7 +153,7 @@ TEST_F(Arbitration, ACompletionMayEndItsSession) {
     session.reset();
     told_.emplace_back("ended");
   });
-  EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kLong), RunLoopResult::handledSource);
+  EXPECT_EQ(loop_->run(kDefaultRunLoopMode, kAtMost), RunLoopResult::handledSource);
   EXPECT_EQ(told_, std::vector<std::string>{"ended"});
 }
 
@@ -161,7 +161,7 @@ TEST_F(Arbitration, AModeWithoutUTF8IsNoMode) {
   const auto session = ports_.diskArbitration->createSession();
   session->schedule(*loop_, "\xFF");
   session->unschedule(*loop_, "\xFF");
-  EXPECT_EQ(loop_->run("\xFF", kLong), RunLoopResult::noSources);
+  EXPECT_EQ(loop_->run("\xFF", kAtMost), RunLoopResult::noSources);
 }
 
 TEST_F(Arbitration, WhatIsDescribedOfADisk) {
@@ -190,7 +190,7 @@ TEST_F(Arbitration, ADiskWithoutAWholeDiskHasNone) {
 
 // ------------------------------------------------------------------------------------------------------------ names
 
-// Volumes of user-space drivers are mounted from names of their own (DADiskCreateFromBSDName knows them).
+// User-space drivers mount volumes from names of their own, which DADiskCreateFromBSDName() parses.
 TEST_F(Arbitration, AVolumeOfADriverOfItsOwnIsFoundByTheNameItIsMountedFrom) {
   const auto session = ports_.diskArbitration->createSession();
   for (const char* name :

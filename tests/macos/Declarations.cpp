@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the stand-ins declare, said once more. Compiled against them by macos-run and against the published headers by
-// check-macos, so that neither can drift from the other.
+// Checks the declarations of the stand-ins. macos-run compiles this file against them and check-macos against the
+// published headers, so both must declare the same.
 #include <CoreFoundation/CoreFoundation.h>
 #include <DiskArbitration/DiskArbitration.h>
 #include <IOKit/IOBSD.h>

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The worlds of the device ports' contracts under the adapters of macOS: nodes, block and raw, and image files.
+// The machines on which the device ports' contracts run over the macOS adapters: block nodes, raw nodes and image
+// files.
 #include "tests/contract/DeviceWorlds.h"
 #include "tests/macos/standin/System.h"
 
@@ -13,6 +14,7 @@ class NodeWorld final : public DeviceWorld {
     machine_.addDisk("disk0", diskSize(), blockSize);
     machine_.addSlice("disk0", 1, sliceFirst(1), kSliceBlocks);
     machine_.addSlice("disk0", 3, sliceFirst(3), kSliceBlocks);
+    machine_.setBytes("disk0", 0, gptOf(blockSize, kDiskBlocks, usualSlices()));
     machine_.setBytes("disk0", kPatternFirst * blockSize,
                       pattern(kPatternFirst * blockSize, kPatternBlocks * blockSize));
     standin::show(machine_);
@@ -29,6 +31,7 @@ class NodeWorld final : public DeviceWorld {
   }
   void unlockElsewhere() override { standin::system().openedElsewhere.clear(); }
   bool locksAreAccess() const override { return true; }
+  bool slicesStayBesideWriter() const override { return prefix_ == "/dev/"; }
 
  private:
   std::string prefix_;

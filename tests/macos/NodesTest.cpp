@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Disks' nodes as the kernel of macOS has them, and the adapter over them.
+// The stand-in of the kernel's disk nodes, and the adapter over them.
 #include <Vorlix/platform/Descriptor.h>
 #include <sys/disk.h>
 #include <sys/ioctl.h>
@@ -116,6 +116,61 @@ TEST_F(Nodes, BesideOnesOwnReadersLockThereIsNoWriter) {
   ASSERT_TRUE(locked);
   EXPECT_FALSE(open("disk0s1", DeviceAccess::readWrite));
   EXPECT_EQ(errno, EBUSY);
+}
+
+// A command that changes the MBR and a volume's boot sector opens the disk first, then the slice, and writes to both.
+TEST_F(Nodes, BesideItsOwnWriterOfTheDiskAProcessReachesTheSlices) {
+  machine_.setBytes("disk0", 0, gptOf(512, 2048, {{1, 40, 103}, {3, 200, 263}}));
+  machine_.setBytes("disk0", 40 * 512, Buffer(512, 0x11));
+  for (const DeviceLock lock : {DeviceLock::exclusive, DeviceLock::none}) {
+    const auto disk = open("disk0", DeviceAccess::readWrite, DeviceLock::exclusive);
+    ASSERT_TRUE(disk);
+    EXPECT_EQ(::open("/dev/disk0s1", O_RDWR), -1) << "the node is gone";
+    const auto slice = open("disk0s1", DeviceAccess::readWrite, lock);
+    ASSERT_TRUE(slice) << std::strerror(errno);
+    EXPECT_EQ(slice->size(), uint64_t{64 * 512});
+    EXPECT_EQ(slice->identity()->disk, disk->identity()->disk);
+    EXPECT_EQ(slice->identity()->offset, uint64_t{40 * 512});
+    const Buffer bytes = {1, 2, 3, 4};
+    EXPECT_EQ(slice->writeAt(bytes.data(), bytes.size(), 28), 4);
+    EXPECT_EQ(slice->writeAt(bytes.data(), bytes.size(), 64 * 512), -1) << "past the slice's end";
+    EXPECT_EQ(slice->sync(), 0);
+    EXPECT_EQ(machine_.bytes("disk0", 40 * 512 + 28, 4), bytes);
+    EXPECT_EQ(machine_.bytes("disk0", 104 * 512, 4), Buffer(4));
+  }
+  EXPECT_EQ(machine_.openCount(), 0U);
+}
+
+TEST_F(Nodes, BesideItsOwnReaderWithAnExclusiveLockSlicesAreReadOnly) {
+  machine_.setBytes("disk0", 0, gptOf(512, 2048, {{1, 40, 103}}));
+  const auto disk = open("disk0", DeviceAccess::readOnly, DeviceLock::exclusive);
+  ASSERT_TRUE(disk);
+  EXPECT_TRUE(open("disk0s1", DeviceAccess::readOnly, DeviceLock::shared));
+  EXPECT_FALSE(open("disk0s1", DeviceAccess::readWrite));
+  EXPECT_EQ(errno, EBUSY);
+}
+
+TEST_F(Nodes, BesideASharedLockOfTheDiskASliceIsOpenedAtItsNode) {
+  const auto disk = open("disk0", DeviceAccess::readWrite, DeviceLock::shared);
+  ASSERT_TRUE(disk);
+  EXPECT_TRUE(open("disk0s1", DeviceAccess::readWrite, DeviceLock::exclusive)) << "this disk has no GPT to go by";
+}
+
+TEST_F(Nodes, BesideItsSliceADiskIsWrittenToWithASharedLockOnly) {
+  const auto slice = open("disk0s1", DeviceAccess::readWrite, DeviceLock::exclusive);
+  ASSERT_TRUE(slice);
+  EXPECT_FALSE(open("disk0", DeviceAccess::readWrite, DeviceLock::exclusive));
+  EXPECT_EQ(errno, EBUSY);
+  EXPECT_TRUE(open("disk0", DeviceAccess::readWrite, DeviceLock::shared));
+}
+
+TEST_F(Nodes, ASliceThatTheDiskDoesNotHaveIsNotThere) {
+  machine_.setBytes("disk0", 0, gptOf(512, 2048, {{1, 40, 103}}));
+  const auto disk = open("disk0", DeviceAccess::readWrite, DeviceLock::exclusive);
+  for (const char* name : {"disk0s2", "disk0s129", "disk1s1", "/dev/rdisk0s1"}) {
+    EXPECT_FALSE(open(name)) << name;
+    EXPECT_EQ(errno, ENOENT) << name;
+  }
 }
 
 TEST_F(Nodes, WhatTheSystemRefusesIsRefusedWithItsReason) {

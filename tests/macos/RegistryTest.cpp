@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The I/O registry as I/O Kit's user side hands it out, and the adapter over it.
+// The stand-in of I/O Kit's registry, and the adapter over it.
 #include <IOKit/IOKitLib.h>
 #include <Vorlix/platform/Platform.h>
 #include <gtest/gtest-spi.h>

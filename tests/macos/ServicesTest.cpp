@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Values, code signatures, the log, and what else the adapters ask of macOS.
+// Values, code signatures, the log and other services of macOS.
 #include <Vorlix/platform/CodeSigning.h>
 #include <Vorlix/platform/FilesInPlace.h>
 #include <Vorlix/platform/Platform.h>

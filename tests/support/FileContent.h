@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Files as the tests read them.
+// Reading files in tests.
 #pragma once
 
 #include <fstream>
@@ -10,7 +10,8 @@
 
 namespace vorlix::test {
 
-/// The bytes of a file, none where it cannot be read. Disk images take long if they are read byte by byte.
+/// Returns the bytes of a file, or an empty string if it cannot be read. Reads in blocks, because reading disk images
+/// byte by byte is slow.
 inline std::string contentOf(const std::string& path) {
   std::ostringstream content;
   content << std::ifstream(path, std::ios::binary).rdbuf();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The fields of a volume record by name, and a record that has them all.
+// The fields of a volume record by name, and a record in which all of them are set.
 #pragma once
 
 #include <Vorlix/QDVolume.h>
@@ -74,7 +74,7 @@ inline const auto& uuids() {
   return kFields;
 }
 
-/// Every field set, each text to its own name, every flag true.
+/// Returns a record with every field set: each string to its own name, every flag to true.
 inline std::shared_ptr<QDVolume> filled() {
   const auto volume = QDVolume::init();
   for (const auto& field : texts()) (*volume.*field.set)(std::string(field.name));

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Tests of running programs: the test child, the host's own ports, a log of one's own, and what is left behind.
+// Support for tests that run programs: the test child, the host's own ports, a private log, and checks that nothing is
+// left behind.
 #pragma once
 
 #include <Vorlix/LogCapture.h>
@@ -37,16 +38,16 @@ using Texts = std::vector<std::string>;
 /// Path of the test child.
 inline constexpr const char* kChild = VORLIX_TEST_CHILD;
 
-/// Longer than anything here takes on a busy machine; a test that waits so long has failed.
+/// Longer than any operation here takes on a busy machine. A test that reaches this limit has failed.
 inline constexpr std::chrono::seconds kPatience{60};
 
-/// The test child's arguments.
+/// Returns the test child's arguments.
 inline Texts behaviour(int number, Texts arguments = {}) {
   arguments.insert(arguments.begin(), std::to_string(number));
   return arguments;
 }
 
-/// The same after its path, as one list.
+/// Returns the same arguments with the child's path before them.
 inline Texts childCommand(int number, Texts arguments = {}) {
   arguments = behaviour(number, std::move(arguments));
   arguments.insert(arguments.begin(), kChild);
@@ -57,26 +58,26 @@ inline std::string textOf(const Data& chunk) {
   return {chunk.begin(), chunk.end()};
 }
 
-/// Reads an output to its end.
+/// Reads an output until it ends.
 inline std::string everythingFrom(ChildOutput& output) {
   std::string all;
   for (Data chunk = output.read(); !chunk.empty(); chunk = output.read()) all += textOf(chunk);
   return all;
 }
 
-/// Whether the system still keeps a child of this process, ended or not. Nothing is collected by looking.
+/// Returns whether this process has a child, running or ended. Does not collect any.
 inline bool hasChildren() {
   siginfo_t info = {};
   return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 || errno != ECHILD;
 }
 
-/// Whether one of them has ended and waits for being collected.
+/// Returns whether an ended child waits to be collected.
 inline bool hasZombie() {
   siginfo_t info = {};
   return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
 }
 
-/// Waits for a condition that another process brings about.
+/// Waits until another process makes a condition true.
 inline bool comesTrue(const std::function<bool()>& condition) {
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   while (!condition()) {
@@ -86,13 +87,14 @@ inline bool comesTrue(const std::function<bool()>& condition) {
   return true;
 }
 
-/// The same after a handle has gone, which collects those that ended when their own handles had gone already.
+/// Returns whether no ended child is left. Destroying a handle collects those that ended after their own handles were
+/// destroyed.
 inline bool nothingIsLeftToCollect() {
   platform().childProcess->create(ChildOutputs::shared, ChildInput::inherited);
   return !hasZombie();
 }
 
-/// The numbers of the descriptors that are open.
+/// Returns the numbers of the open descriptors.
 inline std::vector<int> numbersOfOpenDescriptors() {
   constexpr int kHighest = 255;
   std::vector<int> open;
@@ -102,7 +104,7 @@ inline std::vector<int> numbersOfOpenDescriptors() {
   return open;
 }
 
-/// Runs the calling thread's loop in the default mode until a condition holds. @return whether it came to that.
+/// Runs the calling thread's loop in the default mode until a condition holds. @return whether it does.
 inline bool runUntil(const std::function<bool()>& condition) {
   const auto loop = platform().runLoops->current();
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
@@ -113,7 +115,7 @@ inline bool runUntil(const std::function<bool()>& condition) {
   return true;
 }
 
-/// Runs it for a time. @return how many sources it handled.
+/// Runs the loop for a time. @return how many sources it handled.
 inline int runFor(std::chrono::milliseconds time) {
   const auto loop = platform().runLoops->current();
   const auto deadline = std::chrono::steady_clock::now() + time;
@@ -127,12 +129,12 @@ inline int runFor(std::chrono::milliseconds time) {
   }
 }
 
-/// What the loop's default mode says at once.
+/// Runs the loop's default mode once without waiting.
 inline RunLoopResult lookAtLoop() {
   return platform().runLoops->current()->run(kDefaultRunLoopMode, std::chrono::milliseconds(0));
 }
 
-/// This system's own ports, whose children must have been collected and whose pipes closed when the test is over.
+/// Uses this system's own ports. At the end of a test, its children must be collected and its pipes closed.
 class NativeProcessTest : public testing::Test {
  protected:
   NativeProcessTest() : folder_(testing::TempDir() + "vorlixXXXXXX"), scope_(nativePlatform()) {
@@ -150,7 +152,7 @@ class NativeProcessTest : public testing::Test {
 
   void TearDown() override {
     EXPECT_EQ(numbersOfOpenDescriptors(), descriptors_) << "a descriptor was left open";
-    // A child that was just asked to end may take a moment.
+    // A child that was just asked to end may take a moment to do so.
     EXPECT_TRUE(comesTrue([] { return nothingIsLeftToCollect() && !hasChildren(); })) << "a child was left behind";
   }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Tests of the task wrapper: one with what its callbacks were given, and a pause that does not wait.
+// Support for tests of the task wrapper: a wrapper that records its callbacks, and a pause that does not wait.
 #pragma once
 
 #include <Vorlix/QDTaskWrapperWithBlocks.h>
@@ -26,7 +26,7 @@ inline std::string joined(const Pieces& pieces) {
   return all;
 }
 
-/// A wrapper and what its callbacks were given.
+/// A wrapper and a record of its callbacks.
 struct Recorded {
   explicit Recorded(Texts command) : Recorded(listOf(std::move(command))) {}
   explicit Recorded(std::shared_ptr<const std::vector<std::string>> command) {
@@ -62,7 +62,7 @@ struct Recorded {
   Pieces error;
 };
 
-/// Notes what it is asked for, and does something else meanwhile.
+/// Records the requested pauses instead of waiting, and calls a function during each.
 class NotedPauses : public Pauses {
  public:
   void pause(std::chrono::milliseconds time) override {
@@ -82,7 +82,7 @@ class TaskWrapperTest : public NativeProcessTest {
     setPlatform(std::move(ports));
   }
 
-  /// The status of a child that is about to end.
+  /// Returns the status of a child that is about to end.
   static int32_t statusAtTheEnd(Recorded& run) {
     int32_t status = -999;
     comesTrue([&] { return (status = run.wrapper->terminationStatus()) != -999; });

@@ -6,9 +6,8 @@
 //     archive_probe encode-info FILE     a disk record from JSON on standard input
 //     archive_probe decode FILE          JSON of the volume record on standard output; status 1 if there is none
 //
-// JSON: an absent field is left out; bytes are {"hex": "..."}; styled text is a list of
-// {"text": ..., "attributes": {name: text | number | truth value | {"hex": ...} | {"uuid": ...} | {"path": ...} |
-// {...}}}.
+// JSON: an absent field is omitted; bytes are {"hex": "..."}; styled text is a list of {"text": ..., "attributes":
+// {name: text | number | boolean | {"hex": ...} | {"uuid": ...} | {"path": ...} | {...}}}.
 #include <Vorlix/QDDiskInfo.h>
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/platform/DiskArbitration.h>

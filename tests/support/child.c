@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /*
- * A child for tests of running programs: child BEHAVIOUR ARGUMENTS..., see ChildBehaviour.h. It exits with 99 when it
- * cannot do what it is told.
+ * A child for tests that run programs: child BEHAVIOUR ARGUMENTS..., see ChildBehaviour.h. It exits with 99 if it
+ * cannot do what was requested.
  */
 #if defined(__APPLE__)
 #define _DARWIN_C_SOURCE
@@ -47,7 +47,7 @@ static void wait_for(const char* milliseconds) {
 static void wait_until_read(int stream) {
   int unread = 1;
 #if defined(__APPLE__)
-  wait_for("300"); /* there, the end that is written to does not know what is unread */
+  wait_for("300"); /* here, the writing end does not report the unread bytes */
 #endif
   while (unread > 0) {
     if (ioctl(stream, FIONREAD, &unread) != 0) _exit(FAILED);
@@ -100,7 +100,7 @@ static void look_at_input(const char* milliseconds) {
 
 int main(int count, char** arguments) {
   const int behaviour = count < 2 ? 0 : atoi(arguments[1]);
-  /* Behaviours that are given too few find empty texts. */
+  /* Missing arguments are empty strings. */
   const char* first = count > 2 ? arguments[2] : "";
   const char* second = count > 3 ? arguments[3] : "";
   const char* third = count > 4 ? arguments[4] : "";

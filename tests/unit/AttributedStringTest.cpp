@@ -47,7 +47,7 @@ TEST(AttributedStringTest, RunsFollowEachOther) {
   EXPECT_EQ(styled.length(), 5U);
 }
 
-TEST(AttributedStringTest, TheSameAttributesContinueARun) {
+TEST(AttributedStringTest, EqualAttributesExtendTheRun) {
   AttributedString styled("ab", font("A"));
   styled.append("c", font("A"));
   ASSERT_EQ(styled.runs().size(), 1U);
@@ -61,7 +61,7 @@ TEST(AttributedStringTest, LengthsCountUTF16CodeUnits) {
   EXPECT_EQ(AttributedString("\xF0\x9F\x98\x80").length(), 2U);
 }
 
-TEST(AttributedStringTest, BytesThatAreNoTextAreReplaced) {
+TEST(AttributedStringTest, InvalidBytesAreReplaced) {
   const AttributedString styled("a\xFFz");
   EXPECT_EQ(styled.string(), "a\xEF\xBF\xBDz");
   EXPECT_EQ(styled.length(), 3U);
@@ -81,7 +81,7 @@ TEST(AttributedStringTest, GivenRunsMustCoverTheText) {
   EXPECT_NE(styled->runs()[1].attributes, nullptr);
 }
 
-TEST(AttributedStringTest, EqualIsTheSameTextWithTheSameAttributesOnTheSameStretches) {
+TEST(AttributedStringTest, EqualityComparesTextAndTheAttributesOfEachRange) {
   AttributedString styled("ab", font("A"));
   styled.append("c", font("B"));
   AttributedString same("ab", font("A"));
@@ -102,7 +102,7 @@ TEST(NumberTest, RemembersItsKind) {
   EXPECT_TRUE(Number::numberWithLongLong(7) == Number::numberWithLongLong(7));
 }
 
-TEST(NumberTest, CanBeAskedForAsEachKind) {
+TEST(NumberTest, ConvertsToEachKind) {
   EXPECT_EQ(Number::numberWithBool(true).longLongValue(), 1);
   EXPECT_EQ(Number::numberWithBool(true).doubleValue(), 1.0);
   EXPECT_EQ(Number::numberWithLongLong(-5).doubleValue(), -5.0);
@@ -112,29 +112,29 @@ TEST(NumberTest, CanBeAskedForAsEachKind) {
   EXPECT_EQ(Number::numberWithDouble(-2.9).longLongValue(), -2);
 }
 
-TEST(NumberTest, AFloatingPointNumberBeyondTheWholeOnesGivesTheirEnd) {
+TEST(NumberTest, AFloatingPointNumberOutOfRangeIsClamped) {
   EXPECT_EQ(Number::numberWithDouble(1e300).longLongValue(), std::numeric_limits<int64_t>::max());
   EXPECT_EQ(Number::numberWithDouble(-1e300).longLongValue(), std::numeric_limits<int64_t>::min());
   EXPECT_EQ(Number::numberWithDouble(std::nan("")).longLongValue(), 0);
 }
 
-TEST(Utf8Test, WellFormedTextStays) {
+TEST(Utf8Test, ValidTextIsUnchanged) {
   const std::string text = "a\xC3\xA9\xE2\x98\x83\xF0\x9F\x98\x80\xED\x9F\xBF\xEE\x80\x80\xF4\x8F\xBF\xBF";
   EXPECT_TRUE(vorlix::isUtf8(text));
   EXPECT_EQ(vorlix::repairedUtf8(text), text);
 }
 
-TEST(Utf8Test, WhatIsNotWellFormedIsTold) {
+TEST(Utf8Test, InvalidTextIsReportedAndRepaired) {
   const char* const wrong[] = {
-      "\x80",              // continues nothing
+      "\x80",              // continuation byte without a start
       "\xC0\x80",          // NUL, overlong
       "\xC1\xBF",          // overlong
-      "\xC3",              // cut short
+      "\xC3",              // truncated
       "\xE0\x9F\xBF",      // overlong
-      "\xE2\x98",          // cut short
+      "\xE2\x98",          // truncated
       "\xED\xA0\x80",      // a surrogate
       "\xF0\x8F\xBF\xBF",  // overlong
-      "\xF0\x9F\x98",      // cut short
+      "\xF0\x9F\x98",      // truncated
       "\xF4\x90\x80\x80",  // beyond U+10FFFF
       "\xF5\x80\x80\x80",
       "\xFF",
@@ -164,7 +164,7 @@ TEST(Base64Test, EncodesAndDecodesThePublishedVectors) {
   EXPECT_EQ(vorlix::decodeBase64("+//+"), "\xFB\xFF\xFE");
 }
 
-TEST(Base64Test, RefusesAnythingElse) {
+TEST(Base64Test, RefusesInvalidText) {
   for (const char* text : {"Z", "Zg", "Zg=", "Zg==Zg==", "Z===", "====", "Zm9v\n", "Zm 9v", "Zm9-", "Z=9v"}) {
     EXPECT_FALSE(vorlix::decodeBase64(text)) << text;
   }

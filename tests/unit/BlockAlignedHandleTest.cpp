@@ -17,7 +17,7 @@ constexpr uint32_t kBlockSize = 512;
 constexpr uint64_t kBlockCount = 8;
 constexpr uint64_t kSize = kBlockSize * kBlockCount;
 
-// Refuses what a raw disk node refuses.
+// Refuses transfers that are not in whole blocks, as a raw disk node does.
 class RawNode final : public DeviceHandle {
  public:
   RawNode(std::unique_ptr<DeviceHandle> device, uint32_t blockSize)
@@ -44,7 +44,7 @@ class RawNode final : public DeviceHandle {
   uint32_t blockSize_;
 };
 
-// Byte i of the disk, different from its neighbours and from the same place of the next blocks.
+// Byte i of the disk. It differs from its neighbours and from the byte at the same place of the next block.
 uint8_t byteAt(uint64_t offset) {
   return static_cast<uint8_t>(offset * 7 + offset / kBlockSize);
 }
@@ -74,7 +74,7 @@ class BlockAlignedHandleTest : public testing::Test {
     return bytes;
   }
 
-  // What the disk holds when nothing but [offset, offset + count) was set to 0xEE.
+  // Returns what the disk must hold if only [offset, offset + count) was set to 0xEE.
   static std::vector<uint8_t> patternWithHole(uint64_t offset, size_t count) {
     std::vector<uint8_t> bytes = pattern(0, kSize);
     for (size_t i = 0; i < count; ++i) bytes[offset + i] = 0xEE;
@@ -119,14 +119,14 @@ TEST_F(BlockAlignedHandleTest, WritesPartOfABlockAsThatWholeBlock) {
   EXPECT_THAT(machine_.journal(), ElementsAre("read disk0 512+512", "write disk0 512+512"));
 }
 
-TEST_F(BlockAlignedHandleTest, TakesTheEndsOfARunApartFromItsWholeBlocks) {
+TEST_F(BlockAlignedHandleTest, TransfersTheEndsOfARunSeparatelyFromItsWholeBlocks) {
   const std::vector<uint8_t> bytes(1 + 2 * kBlockSize + 1, 0xEE);
   EXPECT_EQ(device_->writeAt(bytes.data(), bytes.size(), kBlockSize - 1), static_cast<ssize_t>(bytes.size()));
   EXPECT_THAT(machine_.journal(), ElementsAre("read disk0 0+512", "write disk0 0+512", "write disk0 512+1024",
                                               "read disk0 1536+512", "write disk0 1536+512"));
 }
 
-TEST_F(BlockAlignedHandleTest, ReadsFewerBytesWhereTheDeviceEnds) {
+TEST_F(BlockAlignedHandleTest, ReadsFewerBytesAtTheEndOfTheDevice) {
   EXPECT_EQ(read(100, kSize - 10), pattern(kSize - 10, 10));
   EXPECT_EQ(read(3 * kBlockSize, kSize - kBlockSize), pattern(kSize - kBlockSize, kBlockSize));
   EXPECT_TRUE(read(10, kSize).empty());
@@ -134,13 +134,13 @@ TEST_F(BlockAlignedHandleTest, ReadsFewerBytesWhereTheDeviceEnds) {
   EXPECT_TRUE(read(10, std::numeric_limits<uint64_t>::max() - 3).empty());
 }
 
-TEST_F(BlockAlignedHandleTest, WritesFewerBytesWhereTheDeviceEnds) {
+TEST_F(BlockAlignedHandleTest, WritesFewerBytesAtTheEndOfTheDevice) {
   const std::vector<uint8_t> bytes(100, 0xEE);
   EXPECT_EQ(device_->writeAt(bytes.data(), bytes.size(), kSize - 10), 10);
   EXPECT_EQ(machine_.bytes("disk0", 0, kSize), patternWithHole(kSize - 10, 10));
 }
 
-TEST_F(BlockAlignedHandleTest, RefusesToWriteBehindTheEnd) {
+TEST_F(BlockAlignedHandleTest, RefusesToWriteBeyondTheEnd) {
   const std::vector<uint8_t> bytes(kBlockSize, 0xEE);
   for (const uint64_t offset : {kSize, kSize + 28, std::numeric_limits<uint64_t>::max() - 3}) {
     errno = 0;
@@ -162,14 +162,14 @@ TEST_F(BlockAlignedHandleTest, WritesNothingOfABlockThatCannotBeRead) {
   EXPECT_TRUE(machine_.writes().empty());
 }
 
-TEST_F(BlockAlignedHandleTest, CountsWhatWasTransferredBeforeAFailure) {
+TEST_F(BlockAlignedHandleTest, CountsTheBytesTransferredBeforeAFailure) {
   machine_.fail("disk0", Operation::write, EIO, 1);
   const std::vector<uint8_t> bytes(10 + kBlockSize, 0xEE);
   EXPECT_EQ(device_->writeAt(bytes.data(), bytes.size(), kBlockSize - 10), 10);
   EXPECT_EQ(machine_.bytes("disk0", 0, kSize), patternWithHole(kBlockSize - 10, 10));
 }
 
-TEST_F(BlockAlignedHandleTest, CountsOnlyTheCallersBytesOfABlockWrittenInPart) {
+TEST_F(BlockAlignedHandleTest, CountsOnlyTheCallersBytesOfAPartlyWrittenBlock) {
   machine_.shortenWrites("disk0", 30);
   const std::vector<uint8_t> bytes(8, 0xEE);
   EXPECT_EQ(device_->writeAt(bytes.data(), bytes.size(), 28), 2);
@@ -183,7 +183,7 @@ TEST_F(BlockAlignedHandleTest, TransfersNothingForACountOfZero) {
   EXPECT_TRUE(machine_.journal().empty());
 }
 
-TEST_F(BlockAlignedHandleTest, HandsSizeSyncAndCloseToTheDevice) {
+TEST_F(BlockAlignedHandleTest, ForwardsSizeSyncAndCloseToTheDevice) {
   EXPECT_EQ(device_->size(), kSize);
   EXPECT_EQ(device_->sync(), 0);
   EXPECT_EQ(device_->close(), 0);
@@ -194,7 +194,7 @@ TEST_F(BlockAlignedHandleTest, HandsSizeSyncAndCloseToTheDevice) {
   EXPECT_EQ(errno, EBADF);
 }
 
-TEST_F(BlockAlignedHandleTest, ClosesTheDeviceAtTheEndOfItsLife) {
+TEST_F(BlockAlignedHandleTest, DestructorClosesTheDevice) {
   device_.reset();
   EXPECT_EQ(machine_.openCount(), 0U);
 }

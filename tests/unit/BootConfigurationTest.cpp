@@ -52,7 +52,7 @@ const Mode kMDT = {1,
 const Mode kSCCM = {
     2, "Modifying BCD for SCCM.\n", {{8424, P}, {8448, D}, {9872, P}, {9896, D}, {11660, D}, {19284, D}}, 19300};
 
-// A store as it should become: the template, grown with zeros where a slot lies past its end, with the slots filled.
+// The expected store: the template, extended with zeros if a slot lies beyond its end, with the slots filled in.
 ByteVector expectedStore(ByteVector store, const Mode& mode, const ByteVector& partition = kPartitionBytes,
                          const ByteVector& disk = kDiskBytes) {
   if (store.size() < mode.end) store.resize(mode.end, 0);
@@ -63,7 +63,7 @@ ByteVector expectedStore(ByteVector store, const Mode& mode, const ByteVector& p
   return store;
 }
 
-// What the pause before the unmount found.
+// The state during the pause before the unmount.
 struct AtPause {
   std::chrono::milliseconds time{0};
   ByteVector store;
@@ -86,7 +86,7 @@ class BootConfigurationTest : public DiskTest {
     });
   }
 
-  /// Gives the registry both identifiers.
+  /// Adds both identifiers to the registry.
   void addIdentifiers() {
     const auto disk = addService("disk", dictionaryOf({{"UUID", textValue(kDiskText)}}));
     addService("partition",
@@ -121,7 +121,7 @@ class BootConfigurationTest : public DiskTest {
   AtPause atPause;
 };
 
-// ---------------------------------------------------------------------------------------------------- all goes well
+// ------------------------------------------------------------------------------------------------------------- success
 
 TEST_F(BootConfigurationTest, EveryModeFillsItsSlotsAndNothingElse) {
   addIdentifiers();
@@ -142,7 +142,7 @@ TEST_F(BootConfigurationTest, EveryModeFillsItsSlotsAndNothingElse) {
   EXPECT_EQ(keptOpenCount(), 0U);
 }
 
-TEST_F(BootConfigurationTest, AnyOtherModeIsTheStandardOne) {
+TEST_F(BootConfigurationTest, AnyOtherModeMeansStandard) {
   addIdentifiers();
   for (const int32_t mode : {3, -1}) {
     forgetLog();
@@ -166,7 +166,7 @@ TEST_F(BootConfigurationTest, StandardModeKeepsTheBytesBetweenTheSlotsOfAPair) {
   }
 }
 
-TEST_F(BootConfigurationTest, PrefixedDiskNameDoesAsWell) {
+TEST_F(BootConfigurationTest, PrefixedDiskNameWorksAsWell) {
   addIdentifiers();
   EXPECT_EQ(update_bcd(source.c_str(), "/dev/disk0", "disk0s3", 0), 0);
   EXPECT_EQ(bytesOf(store), expectedStore(templateBytes, kStandard));
@@ -185,22 +185,22 @@ TEST_F(BootConfigurationTest, TemplateShorterThanTheSlotsIsExtended) {
   }
 }
 
-TEST_F(BootConfigurationTest, EmptyTemplateGivesZerosAroundTheSlots) {
+TEST_F(BootConfigurationTest, EmptyTemplateLeavesZerosAroundTheSlots) {
   addIdentifiers();
   source = makeFile("template", {});
   EXPECT_EQ(update(2), 0);
   EXPECT_EQ(bytesOf(store), expectedStore({}, kSCCM));
 }
 
-TEST_F(BootConfigurationTest, StoreThatIsThereIsReplaced) {
+TEST_F(BootConfigurationTest, ExistingStoreIsReplaced) {
   addIdentifiers();
   makeFile("EFI partition/EFI/Microsoft/Boot/BCD", patternBytes(60000, 9));
   EXPECT_EQ(update(0), 0);
   EXPECT_EQ(bytesOf(store), expectedStore(templateBytes, kStandard));
 }
 
-// The firmware does not tell case apart; a store beside the one that is there would change nothing.
-TEST_F(BootConfigurationTest, StoreInAnotherSpellingIsReplacedAndNoneMadeBesideIt) {
+// The firmware ignores case, so a second store beside the existing one would have no effect.
+TEST_F(BootConfigurationTest, StoreInAnotherSpellingIsReplacedAndNotDuplicated) {
   addIdentifiers();
   for (const std::string spelled : {"EFI/MICROSOFT/BOOT/BCD", "EFI/Microsoft/Boot/bcd", "efi/microsoft/Boot/Bcd"}) {
     std::filesystem::remove_all(mountPoint + "/EFI");
@@ -219,7 +219,7 @@ TEST_F(BootConfigurationTest, StoreInAnotherSpellingIsReplacedAndNoneMadeBesideI
   }
 }
 
-TEST_F(BootConfigurationTest, NewStoreGoesToTheFoldersThatAreThere) {
+TEST_F(BootConfigurationTest, NewStoreGoesIntoTheExistingFolders) {
   addIdentifiers();
   std::filesystem::remove_all(mountPoint + "/EFI");
   makeFolder("EFI partition/EFI/MICROSOFT/BOOT");
@@ -228,7 +228,7 @@ TEST_F(BootConfigurationTest, NewStoreGoesToTheFoldersThatAreThere) {
   EXPECT_EQ(bytesOf(mountPoint + "/EFI/MICROSOFT/BOOT/BCD"), expectedStore(templateBytes, kStandard));
 }
 
-TEST_F(BootConfigurationTest, VolumesThatTellCaseApartKeepTheUsualName) {
+TEST_F(BootConfigurationTest, CaseSensitiveVolumesGetTheUsualName) {
   addIdentifiers();
   SimulatedVolume other;
   other.kind = "ext4";
@@ -241,10 +241,10 @@ TEST_F(BootConfigurationTest, VolumesThatTellCaseApartKeepTheUsualName) {
   EXPECT_EQ(contentOf(mountPoint + "/EFI/Microsoft/Boot/bcd"), "old");
 }
 
-TEST_F(BootConfigurationTest, PipeInTheStoresPlaceIsRefusedAtOnce) {
+TEST_F(BootConfigurationTest, PipeAsTheStoreIsRefusedAtOnce) {
   addIdentifiers();
   ASSERT_EQ(mkfifo(store.c_str(), 0600), 0);
-  EXPECT_EQ(update(0), -1);  // a writer would wait for a reader
+  EXPECT_EQ(update(0), -1);  // a writer would otherwise wait for a reader
   const int reader = open(store.c_str(), O_RDONLY | O_NONBLOCK);
   EXPECT_EQ(update(0), -1);
   char byte = 0;
@@ -252,7 +252,7 @@ TEST_F(BootConfigurationTest, PipeInTheStoresPlaceIsRefusedAtOnce) {
   close(reader);
 }
 
-TEST_F(BootConfigurationTest, EFIPartitionThatIsMountedAlreadyIsUsedAndUnmounted) {
+TEST_F(BootConfigurationTest, EFIPartitionThatIsAlreadyMountedIsUsedAndUnmounted) {
   addIdentifiers();
   addVolume("disk0s1", mountPoint, true);
   EXPECT_EQ(update(0), 0);
@@ -260,7 +260,7 @@ TEST_F(BootConfigurationTest, EFIPartitionThatIsMountedAlreadyIsUsedAndUnmounted
   EXPECT_FALSE(machine.isMounted("disk0s1"));
 }
 
-TEST_F(BootConfigurationTest, StoreIsClosedASecondBeforeTheUnmount) {
+TEST_F(BootConfigurationTest, StoreIsClosedOneSecondBeforeTheUnmount) {
   addIdentifiers();
   const int before = openDescriptors();
   EXPECT_EQ(update(0), 0);
@@ -271,7 +271,7 @@ TEST_F(BootConfigurationTest, StoreIsClosedASecondBeforeTheUnmount) {
   EXPECT_FALSE(machine.isMounted("disk0s1"));
 }
 
-TEST_F(BootConfigurationTest, RefusedUnmountDoesNotShow) {
+TEST_F(BootConfigurationTest, RefusedUnmountIsNotReported) {
   addIdentifiers();
   machine.refuseUnmount("disk0s1", kDissentBusy);
   EXPECT_EQ(update(0), 0);
@@ -279,7 +279,7 @@ TEST_F(BootConfigurationTest, RefusedUnmountDoesNotShow) {
   EXPECT_EQ(log(), logUpToCopy() + logOfCopy() + logOfIdentifiers() + kStandard.message + logOfEnd());
 }
 
-TEST_F(BootConfigurationTest, CompletionsMayTakeTheirTime) {
+TEST_F(BootConfigurationTest, CompletionsMayArriveLate) {
   addIdentifiers();
   machine.delayCompletions(3);
   EXPECT_EQ(update(0), 0);
@@ -287,7 +287,7 @@ TEST_F(BootConfigurationTest, CompletionsMayTakeTheirTime) {
   EXPECT_FALSE(machine.isMounted("disk0s1"));
 }
 
-TEST_F(BootConfigurationTest, StoreThatCannotTakeTheBytesFails) {
+TEST_F(BootConfigurationTest, FailsIfTheStoreCannotHoldTheBytes) {
   if (!std::filesystem::exists("/dev/full")) GTEST_SKIP() << "no /dev/full on this system";
   addIdentifiers();
   std::filesystem::create_symlink("/dev/full", store);
@@ -299,10 +299,9 @@ TEST_F(BootConfigurationTest, StoreThatCannotTakeTheBytesFails) {
   EXPECT_EQ(openDescriptors(), before);
 }
 
-// -------------------------------------------------------------------------------------------- identifiers from
-// elsewhere
+// --------------------------------------------------------------------------------- identifiers from other sources
 
-TEST_F(BootConfigurationTest, DiskGUIDComesFromTheGPTWhereTheRegistryHasNone) {
+TEST_F(BootConfigurationTest, DiskGUIDComesFromTheGPTIfTheRegistryHasNone) {
   addService(
       "partition",
       dictionaryOf(
@@ -315,7 +314,8 @@ TEST_F(BootConfigurationTest, DiskGUIDComesFromTheGPTWhereTheRegistryHasNone) {
   EXPECT_EQ(machine.openCount(), 0U);
 }
 
-// What the slots hold that nothing filled is not defined; it is the same 16 bytes in each, and all else is.
+// The content of slots that nothing filled is undefined, but it is the same 16 bytes in each slot. All other bytes are
+// defined.
 TEST_F(BootConfigurationTest, UnreadableGPTStillSucceeds) {
   addService(
       "partition",
@@ -341,7 +341,7 @@ TEST_F(BootConfigurationTest, PartitionNameThatMatchesNoDeviceStillSucceeds) {
 
 // ------------------------------------------------------------------------------------------------------------ failures
 
-TEST_F(BootConfigurationTest, EFIPartitionThatDoesNotMountIsMinusOne) {
+TEST_F(BootConfigurationTest, FailedMountOfTheEFIPartitionReturnsMinusOne) {
   addIdentifiers();
   machine.refuseMount("disk0s1", kDissentUnsupported);
   EXPECT_EQ(update(0), -1);
@@ -354,7 +354,7 @@ TEST_F(BootConfigurationTest, EFIPartitionThatDoesNotMountIsMinusOne) {
   EXPECT_EQ(log(), "Mounting EFI partition on disk7\nproblem mounting efi point s\n");
 }
 
-TEST_F(BootConfigurationTest, TheStoreIsNoTemplateForItself) {
+TEST_F(BootConfigurationTest, TheStoreIsRefusedAsItsOwnTemplate) {
   addIdentifiers();
   ASSERT_EQ(update(), 0);
   const ByteVector before = bytesOf(store);
@@ -365,7 +365,7 @@ TEST_F(BootConfigurationTest, TheStoreIsNoTemplateForItself) {
   EXPECT_EQ(bytesOf(store), before);
 }
 
-TEST_F(BootConfigurationTest, ALinkInTheStoresPlaceIsNotFollowed) {
+TEST_F(BootConfigurationTest, ALinkAsTheStoreIsNotFollowed) {
   addIdentifiers();
   const std::string file = folder / "the host's";
   makeFile("the host's", {'k', 'e', 'p', 't'});
@@ -375,7 +375,7 @@ TEST_F(BootConfigurationTest, ALinkInTheStoresPlaceIsNotFollowed) {
   EXPECT_EQ(contentOf(file), "kept");
 }
 
-TEST_F(BootConfigurationTest, NorIsOneInThePlaceOfAFolder) {
+TEST_F(BootConfigurationTest, ALinkAsAFolderIsNotFollowed) {
   addIdentifiers();
   makeFolder("host");
   const std::string boot = mountPoint + "/EFI/Microsoft/Boot";
@@ -385,7 +385,7 @@ TEST_F(BootConfigurationTest, NorIsOneInThePlaceOfAFolder) {
   EXPECT_TRUE(std::filesystem::is_empty(folder / "host"));
 }
 
-TEST_F(BootConfigurationTest, MissingTemplateKeepsTheStoreAndTheMount) {
+TEST_F(BootConfigurationTest, MissingTemplateLeavesTheStoreAndTheMount) {
   addIdentifiers();
   makeFile("EFI partition/EFI/Microsoft/Boot/BCD", {'o', 'l', 'd'});
   const std::string missing = folder / "no template";
@@ -396,7 +396,7 @@ TEST_F(BootConfigurationTest, MissingTemplateKeepsTheStoreAndTheMount) {
   EXPECT_THAT(mountsAndUnmounts(), ElementsAre("mount disk0s1"));
 }
 
-TEST_F(BootConfigurationTest, MissingFolderIsToldByItsReasonAndNotCreated) {
+TEST_F(BootConfigurationTest, MissingFolderIsReportedWithItsReasonAndNotCreated) {
   addIdentifiers();
   std::filesystem::remove_all(mountPoint + "/EFI/Microsoft");
   const int before = openDescriptors();
@@ -417,7 +417,7 @@ TEST_F(BootConfigurationTest, MissingFolderIsToldByItsReasonAndNotCreated) {
   EXPECT_EQ(keptOpenCount(), 0U);
 }
 
-TEST_F(BootConfigurationTest, FolderInTheStoresPlaceIsToldByItsReason) {
+TEST_F(BootConfigurationTest, FolderAsTheStoreIsReportedWithItsReason) {
   addIdentifiers();
   makeFolder("EFI partition/EFI/Microsoft/Boot/BCD");
   OutputCapture output(STDOUT_FILENO);
@@ -428,7 +428,7 @@ TEST_F(BootConfigurationTest, FolderInTheStoresPlaceIsToldByItsReason) {
   EXPECT_EQ(result, -1);
 }
 
-TEST_F(BootConfigurationTest, MissingIdentifiersKeepTheCopyOpenAndTheMount) {
+TEST_F(BootConfigurationTest, MissingIdentifiersLeaveTheCopyOpenAndTheVolumeMounted) {
   addService("partition", dictionaryOf({{"BSD Name", textValue("disk0s3")}}));
   const int before = openDescriptors();
   EXPECT_EQ(update(0), -1);
@@ -443,7 +443,7 @@ TEST_F(BootConfigurationTest, MissingIdentifiersKeepTheCopyOpenAndTheMount) {
   EXPECT_EQ(bytesOf(store), templateBytes);
 }
 
-TEST_F(BootConfigurationTest, PartitionWithoutWholeDiskIsAMissingIdentifier) {
+TEST_F(BootConfigurationTest, PartitionWithoutWholeDiskCountsAsAMissingIdentifier) {
   addService("partition", dictionaryOf({{"BSD Name", textValue("disk0s3")}, {"UUID", textValue(kPartitionText)}}));
   machine.hideWholeDisk("disk0s3");
   EXPECT_EQ(update(1), -1);
@@ -456,14 +456,15 @@ TEST_F(BootConfigurationTest, PartitionWithoutWholeDiskIsAMissingIdentifier) {
 
 // ------------------------------------------------------------------------------------------- length of the mount point
 
-// "/EFI/Microsoft/Boot/BCD" has 23 characters; with it a mount point of 231 makes 254, which with its NUL fills 255.
+// "/EFI/Microsoft/Boot/BCD" has 23 characters. With a mount point of 231 characters the path has 254, and its NUL fills
+// a buffer of 255.
 std::string pathOfLength(const std::string& start, size_t length) {
   return start + "/" + std::string(length - start.size() - 1, 'm');
 }
 
 using BootConfigurationDeathTest = BootConfigurationTest;
 
-TEST_F(BootConfigurationTest, LongestMountPointIsUsed) {
+TEST_F(BootConfigurationTest, LongestMountPointWorks) {
   addIdentifiers();
   const std::string base = std::filesystem::path(folder / "x").parent_path();
   const std::string longest = pathOfLength(base, 231);
@@ -473,7 +474,7 @@ TEST_F(BootConfigurationTest, LongestMountPointIsUsed) {
   EXPECT_EQ(bytesOf(longest + "/EFI/Microsoft/Boot/BCD"), expectedStore(templateBytes, kStandard));
 }
 
-TEST_F(BootConfigurationDeathTest, LongerMountPointIsFatal) {
+TEST_F(BootConfigurationDeathTest, LongerMountPointAborts) {
   addIdentifiers();
   const std::string base = std::filesystem::path(folder / "x").parent_path();
   for (const size_t length : {232U, 1000U, 1023U, 1024U, 3000U}) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Saved boot code put back on a volume, and the owner of a saved file.
+// Restores saved boot code to a volume, and sets the owner of a saved file.
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -31,7 +31,7 @@ class RestoreVBRTest : public BootRecordsTest {
   const std::string unmounting = "Unmounting disk /dev/disk0s3\n";
 };
 
-TEST_F(RestoreVBRTest, BytesLandBehindTheParameterBlockAndNowhereElse) {
+TEST_F(RestoreVBRTest, BytesGoAfterTheParameterBlockAndNowhereElse) {
   const int before = openDescriptors();
   EXPECT_EQ(restore_vbr_to_device(file.c_str(), "/dev/disk0s3"), 0);
   expectDisk(200 * 512 + 84, saved);
@@ -44,7 +44,7 @@ TEST_F(RestoreVBRTest, BytesLandBehindTheParameterBlockAndNowhereElse) {
   EXPECT_EQ(bytesOf(file), saved);
 }
 
-TEST_F(RestoreVBRTest, SavedRecordComesBackOnAVolumeOfAnotherSize) {
+TEST_F(RestoreVBRTest, SavedRecordIsRestoredToAVolumeOfAnotherSize) {
   machine.addSlice("disk0", 4, 400, 16);  // just the boot area
   const std::string copy = folder / "copy";
   EXPECT_EQ(write_vbr_to_file("disk0s3", copy.c_str()), 0);
@@ -52,20 +52,20 @@ TEST_F(RestoreVBRTest, SavedRecordComesBackOnAVolumeOfAnotherSize) {
   expectDisk(400 * 512 + 84, vbr);
 }
 
-TEST_F(RestoreVBRTest, UnmountComesBeforeTheDeviceIsOpened) {
+TEST_F(RestoreVBRTest, UnmountsBeforeOpeningTheDevice) {
   EXPECT_EQ(restore_vbr_to_device(file.c_str(), "/dev/disk0s3"), 0);
   const Lines lines = journalOf({"unmount ", "open "});
   EXPECT_THAT(lines, ElementsAre("unmount disk0s3", "open disk0s3 write"));
 }
 
-TEST_F(RestoreVBRTest, RefusedUnmountDoesNotStopIt) {
+TEST_F(RestoreVBRTest, RefusedUnmountIsIgnored) {
   machine.refuseUnmount("disk0s3", kDissentBusy);
   EXPECT_EQ(restore_vbr_to_device(file.c_str(), "/dev/disk0s3"), 0);
   expectDisk(200 * 512 + 84, saved);
   EXPECT_TRUE(machine.isMounted("disk0s3"));
 }
 
-TEST_F(RestoreVBRTest, LongerFileIsReadAsFarAsNeeded) {
+TEST_F(RestoreVBRTest, OnlyTheNeededPartOfALongerFileIsRead) {
   ByteVector longer = saved;
   longer.resize(20000, 0xEE);
   makeFile("saved", longer);
@@ -82,8 +82,8 @@ TEST_F(RestoreVBRTest, MissingFileStillUnmountsFirst) {
   EXPECT_THAT(deviceLines(), IsEmpty());
 }
 
-TEST_F(RestoreVBRTest, FileThatCannotBeOpenedIsMinusTwo) {
-  const std::string path = folder / "socket";  // there, but nothing that open() takes
+TEST_F(RestoreVBRTest, FileThatCannotBeOpenedReturnsMinusTwo) {
+  const std::string path = folder / "socket";  // exists, but open() fails on it
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   ASSERT_LT(path.size(), sizeof address.sun_path);
@@ -96,7 +96,7 @@ TEST_F(RestoreVBRTest, FileThatCannotBeOpenedIsMinusTwo) {
   EXPECT_THAT(deviceLines(), IsEmpty());
 }
 
-TEST_F(RestoreVBRTest, ShortFileIsMinusThreeAndStaysOpen) {
+TEST_F(RestoreVBRTest, ShortFileReturnsMinusThreeAndStaysOpen) {
   size_t kept = 0;
   for (const size_t size : {size_t{0}, size_t{1}, kVBRSize - 1}) {
     makeFile("saved", patternBytes(size));
@@ -109,7 +109,7 @@ TEST_F(RestoreVBRTest, ShortFileIsMinusThreeAndStaysOpen) {
   expectDisk();
 }
 
-TEST_F(RestoreVBRTest, DeviceThatCannotBeOpenedIsMinusFiveWithItsReason) {
+TEST_F(RestoreVBRTest, DeviceThatCannotBeOpenedReturnsMinusFiveAndPrintsTheReason) {
   const struct {
     const char* device;
     int error;
@@ -128,7 +128,7 @@ TEST_F(RestoreVBRTest, DeviceThatCannotBeOpenedIsMinusFiveWithItsReason) {
   expectDisk();
 }
 
-TEST_F(RestoreVBRTest, DeviceThatCannotBePositionedIsMinusSix) {
+TEST_F(RestoreVBRTest, FailedSeekReturnsMinusSix) {
   machine.fail("disk0s3", Operation::write, ESPIPE);
   EXPECT_EQ(restore_vbr_to_device(file.c_str(), "/dev/disk0s3"), -6);
   EXPECT_EQ(log(), unmounting + "could not seek /dev/disk0s3\n");
@@ -136,7 +136,7 @@ TEST_F(RestoreVBRTest, DeviceThatCannotBePositionedIsMinusSix) {
   EXPECT_EQ(keptOpenCount(), 1U);
 }
 
-TEST_F(RestoreVBRTest, DeviceThatCannotTakeAllIsMinusSevenAndStaysOpen) {
+TEST_F(RestoreVBRTest, FailedWriteReturnsMinusSevenAndLeavesTheDeviceOpen) {
   machine.fail("disk0s3", Operation::write, EIO);
   EXPECT_EQ(restore_vbr_to_device(file.c_str(), "/dev/disk0s3"), -7);
   EXPECT_EQ(log(), unmounting + "could not write VBR to device");
@@ -145,25 +145,25 @@ TEST_F(RestoreVBRTest, DeviceThatCannotTakeAllIsMinusSevenAndStaysOpen) {
   EXPECT_EQ(machine.openCount(), 1U);
 }
 
-TEST_F(RestoreVBRTest, BytesThatDoNotReachTheMediumAreMinusSeven) {
+TEST_F(RestoreVBRTest, FailedSyncReturnsMinusSeven) {
   machine.fail("disk0s3", Operation::sync, EIO);
   EXPECT_EQ(restore_vbr_to_device(file.c_str(), "/dev/disk0s3"), -7);
   EXPECT_EQ(log(), unmounting + "could not write VBR to device");
 }
 
-TEST_F(RestoreVBRTest, FailureOfClosingTheDeviceDoesNotShow) {
+TEST_F(RestoreVBRTest, FailedCloseOfTheDeviceIsIgnored) {
   machine.fail("disk0s3", Operation::close, EIO);
   EXPECT_EQ(restore_vbr_to_device(file.c_str(), "/dev/disk0s3"), 0);
   expectDisk(200 * 512 + 84, saved);
 }
 
-TEST_F(RestoreVBRTest, ShortWriteIsMinusSeven) {
+TEST_F(RestoreVBRTest, ShortWriteReturnsMinusSeven) {
   machine.shortenWrites("disk0s3", 1000);
   EXPECT_EQ(restore_vbr_to_device(file.c_str(), "/dev/disk0s3"), -7);
   EXPECT_EQ(log(), unmounting + "could not write VBR to device");
 }
 
-TEST_F(RestoreVBRTest, ShortDeviceIsMinusSevenAndNothingBeyondItIsWritten) {
+TEST_F(RestoreVBRTest, ShortDeviceReturnsMinusSevenAndNothingBeyondItIsWritten) {
   EXPECT_EQ(restore_vbr_to_device(file.c_str(), "disk0s1"), -7);
   EXPECT_EQ(log(), "Unmounting disk disk0s1\ncould not write VBR to device");
   const size_t start = 40 * 512;
@@ -183,7 +183,7 @@ struct stat statusOf(const std::string& path) {
   return status;
 }
 
-TEST_F(ChangeOwnershipTest, OwnFileGetsItsModeWhateverItWas) {
+TEST_F(ChangeOwnershipTest, OwnFileGetsTheModeWhateverItWas) {
   makeFile("saved", {1});
   for (const mode_t mode : {0600U, 0777U, 04755U, 0400U}) {
     ASSERT_EQ(chmod(file.c_str(), mode), 0);
@@ -206,7 +206,7 @@ TEST_F(ChangeOwnershipTest, OwnerAndGroupAreChanged) {
   EXPECT_EQ(status.st_mode & 07777, 0644U);
 }
 
-TEST_F(ChangeOwnershipTest, MissingPathIsTheOwnerChangesFailure) {
+TEST_F(ChangeOwnershipTest, MissingPathFailsAtTheOwnerChange) {
   makeFile("other", {1});
   ASSERT_EQ(chmod((folder / "other").c_str(), 0600), 0);
   EXPECT_EQ(change_ownership(file.c_str(), getuid(), getgid()), -1);
@@ -215,7 +215,7 @@ TEST_F(ChangeOwnershipTest, MissingPathIsTheOwnerChangesFailure) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(ChangeOwnershipTest, RefusedOwnerChangeLeavesTheMode) {
+TEST_F(ChangeOwnershipTest, RefusedOwnerChangeLeavesTheModeUnchanged) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to become somebody else";
   makeFile("saved", {1});
   ASSERT_EQ(chmod(file.c_str(), 0600), 0);

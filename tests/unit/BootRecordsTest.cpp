@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Boot code of volumes and disks, saved in files.
+// Boot code of volumes and disks, saved to files.
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -21,7 +21,7 @@ using testing::ElementsAre;
 using testing::ExitedWithCode;
 using testing::IsEmpty;
 
-/// Lets this process's files grow to `size` bytes only; a write beyond fails instead of ending the process.
+/// Limits this process's files to `size` bytes. A write beyond the limit fails instead of ending the process.
 class FileSizeLimit {
  public:
   explicit FileSizeLimit(rlim_t size) {
@@ -43,11 +43,11 @@ class FileSizeLimit {
   void (*handler_)(int) = SIG_DFL;
 };
 
-// ------------------------------------------------------------------------------------------------ saving a volume's
+// --------------------------------------------------------------------------------------------- a volume's boot record
 
 using SaveVBRTest = BootRecordsTest;
 
-TEST_F(SaveVBRTest, FileHoldsTheBytesBehindTheParameterBlock) {
+TEST_F(SaveVBRTest, FileHoldsTheBytesAfterTheParameterBlock) {
   const int before = openDescriptors();
   EXPECT_EQ(write_vbr_to_file("/dev/disk0s3", file.c_str()), 0);
   EXPECT_EQ(bytesOf(file), vbr);
@@ -71,10 +71,10 @@ TEST_F(SaveVBRTest, FileGetsTheProcessesDefaultPermissions) {
   umask(before);
   struct stat status = {};
   ASSERT_EQ(stat(file.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0640U);  // 0666 less 027
+  EXPECT_EQ(status.st_mode & 07777, 0640U);  // 0666 without 027
 }
 
-TEST_F(SaveVBRTest, FileThatExistsIsLeftAndTheDeviceToo) {
+TEST_F(SaveVBRTest, ExistingFileAndTheDeviceStayUntouched) {
   makeFile("saved", {'o', 'l', 'd'});
   EXPECT_EQ(write_vbr_to_file("disk0s3", file.c_str()), -1);
   EXPECT_EQ(contentOf(file), "old");
@@ -82,7 +82,7 @@ TEST_F(SaveVBRTest, FileThatExistsIsLeftAndTheDeviceToo) {
   EXPECT_THAT(deviceLines(), IsEmpty());
 
   forgetLog();
-  EXPECT_EQ(write_vbr_to_file("disk9", file.c_str()), -1);  // the file is looked at first
+  EXPECT_EQ(write_vbr_to_file("disk9", file.c_str()), -1);  // the file is checked first
   EXPECT_EQ(log(), "writing vbr from volume disk9 to " + file + "\n" + exists());
 }
 
@@ -92,13 +92,13 @@ TEST_F(SaveVBRTest, SecondSaveIsRefused) {
   EXPECT_EQ(bytesOf(file), vbr);
 }
 
-TEST_F(SaveVBRTest, FailureOfClosingTheDeviceDoesNotShow) {
+TEST_F(SaveVBRTest, FailedCloseOfTheDeviceIsIgnored) {
   machine.fail("disk0s3", Operation::close, EIO);
   EXPECT_EQ(write_vbr_to_file("disk0s3", file.c_str()), 0);
   EXPECT_EQ(bytesOf(file), vbr);
 }
 
-TEST_F(SaveVBRTest, DeviceThatCannotBeOpenedIsMinusOne) {
+TEST_F(SaveVBRTest, DeviceThatCannotBeOpenedReturnsMinusOne) {
   EXPECT_EQ(write_vbr_to_file("disk9", file.c_str()), -1);
   EXPECT_EQ(log(), "writing vbr from volume disk9 to " + file + "\ncould not open disk9\n");
   forgetLog();
@@ -108,7 +108,7 @@ TEST_F(SaveVBRTest, DeviceThatCannotBeOpenedIsMinusOne) {
   EXPECT_FALSE(std::filesystem::exists(file));
 }
 
-TEST_F(SaveVBRTest, DeviceThatCannotBePositionedIsMinusTwo) {
+TEST_F(SaveVBRTest, FailedSeekReturnsMinusTwo) {
   machine.fail("disk0s3", Operation::read, ESPIPE);
   OutputCapture errors(STDERR_FILENO);
   const int32_t result = write_vbr_to_file("disk0s3", file.c_str());
@@ -120,9 +120,9 @@ TEST_F(SaveVBRTest, DeviceThatCannotBePositionedIsMinusTwo) {
   EXPECT_EQ(machine.openCount(), 1U);
 }
 
-TEST_F(SaveVBRTest, ShortDeviceIsMinusThreeWithoutAFile) {
+TEST_F(SaveVBRTest, ShortDeviceReturnsMinusThreeWithoutAFile) {
   OutputCapture errors(STDERR_FILENO);
-  errno = ENOENT;  // of something older
+  errno = ENOENT;  // a stale error, which must not be reported
   const int32_t result = write_vbr_to_file("disk0s1", file.c_str());
   EXPECT_EQ(errors.text(), std::string("error reading VBR data\n: ") + std::strerror(EIO) + "\n");
   EXPECT_EQ(result, -3);
@@ -134,7 +134,7 @@ TEST_F(SaveVBRTest, ShortDeviceIsMinusThreeWithoutAFile) {
   EXPECT_EQ(machine.openCount(), 0U);
 }
 
-TEST_F(SaveVBRTest, FailedReadIsMinusThreeWithItsReason) {
+TEST_F(SaveVBRTest, FailedReadReturnsMinusThreeAndPrintsTheReason) {
   machine.fail("disk0s3", Operation::read, EIO);
   OutputCapture errors(STDERR_FILENO);
   const int32_t result = write_vbr_to_file("disk0s3", file.c_str());
@@ -144,7 +144,7 @@ TEST_F(SaveVBRTest, FailedReadIsMinusThreeWithItsReason) {
   EXPECT_EQ(machine.openCount(), 1U);
 }
 
-TEST_F(SaveVBRTest, FileThatCannotBeOpenedIsMinusFourWithTheDeviceClosed) {
+TEST_F(SaveVBRTest, FileThatCannotBeOpenedReturnsMinusFourAndTheDeviceIsClosed) {
   const std::string elsewhere = folder / "no folder/saved";
   EXPECT_EQ(write_vbr_to_file("disk0s3", elsewhere.c_str()), -4);
   EXPECT_EQ(log(), "writing vbr from volume disk0s3 to " + elsewhere + "\ncould not open " + elsewhere + "\n");
@@ -152,7 +152,7 @@ TEST_F(SaveVBRTest, FileThatCannotBeOpenedIsMinusFourWithTheDeviceClosed) {
   EXPECT_EQ(keptOpenCount(), 0U);
 }
 
-TEST_F(SaveVBRTest, FileThatCannotTakeAllIsMinusFive) {
+TEST_F(SaveVBRTest, FailedWriteOfTheFileReturnsMinusFive) {
   int32_t result = 0;
   {
     const FileSizeLimit limit(4000);
@@ -166,7 +166,7 @@ TEST_F(SaveVBRTest, FileThatCannotTakeAllIsMinusFive) {
   expectDisk();
 }
 
-// --------------------------------------------------------------------------------------------------- saving a disk's
+// ----------------------------------------------------------------------------------------------- a disk's boot record
 
 using SaveMBRTest = BootRecordsTest;
 using SaveMBRDeathTest = BootRecordsTest;
@@ -182,18 +182,18 @@ TEST_F(SaveMBRTest, FileHoldsTheBootCodeOnly) {
   EXPECT_EQ(keptOpenCount(), 0U);
 }
 
-TEST_F(SaveMBRTest, AnotherProcessesSharedLockIsNoHindrance) {
+TEST_F(SaveMBRTest, AnotherProcessesSharedLockIsNoObstacle) {
   machine.lockElsewhere("disk0", DeviceLock::shared);
   EXPECT_EQ(write_mbr_to_file("disk0", file.c_str()), 0);
   EXPECT_EQ(bytesOf(file), slice(diskBytes, 0, kMBRSize));
 }
 
-TEST_F(SaveMBRTest, FileThatExistsIsLeftAndTheDeviceToo) {
+TEST_F(SaveMBRTest, ExistingFileAndTheDeviceStayUntouched) {
   makeFile("saved", {'o', 'l', 'd'});
   EXPECT_EQ(write_mbr_to_file("disk0", file.c_str()), -1);
   EXPECT_EQ(contentOf(file), "old");
   EXPECT_EQ(log(), exists());
-  EXPECT_EQ(write_mbr_to_file("disk9", file.c_str()), -1);  // the file is looked at first, so the process goes on
+  EXPECT_EQ(write_mbr_to_file("disk9", file.c_str()), -1);  // the file is checked first, so the process continues
   EXPECT_THAT(deviceLines(), IsEmpty());
 }
 
@@ -213,13 +213,13 @@ TEST_F(SaveMBRDeathTest, DeviceThatCannotBeOpenedEndsTheProcess) {
   }
 }
 
-TEST_F(SaveMBRTest, ShortOrUnreadableDeviceIsMinusOneAndStaysOpen) {
+TEST_F(SaveMBRTest, ShortOrUnreadableDeviceReturnsMinusOneAndStaysOpen) {
   machine.addDisk("disk1", 400, 512);
   machine.fail("disk0", Operation::read, EIO);
   size_t kept = 0;
   for (const char* device : {"disk1", "disk0"}) {
     OutputCapture errors(STDERR_FILENO);
-    errno = ENOENT;  // of something older
+    errno = ENOENT;  // a stale error, which must not be reported
     const int32_t result = write_mbr_to_file(device, file.c_str());
     EXPECT_EQ(errors.text(), std::string("error reading MBR data:: ") + std::strerror(EIO) + "\n") << device;
     EXPECT_EQ(result, -1) << device;
@@ -230,14 +230,14 @@ TEST_F(SaveMBRTest, ShortOrUnreadableDeviceIsMinusOneAndStaysOpen) {
   EXPECT_FALSE(std::filesystem::exists(file));
 }
 
-TEST_F(SaveMBRTest, FailedReadGivesItsReason) {
+TEST_F(SaveMBRTest, FailedReadPrintsTheReason) {
   machine.fail("disk0", Operation::read, EIO);
   OutputCapture errors(STDERR_FILENO);
   EXPECT_EQ(write_mbr_to_file("disk0", file.c_str()), -1);
   EXPECT_EQ(errors.text(), std::string("error reading MBR data:: ") + std::strerror(EIO) + "\n");
 }
 
-TEST_F(SaveMBRTest, FileThatCannotBeOpenedIsMinusOneWithTheDeviceClosed) {
+TEST_F(SaveMBRTest, FileThatCannotBeOpenedReturnsMinusOneAndTheDeviceIsClosed) {
   const std::string elsewhere = folder / "no folder/saved";
   EXPECT_EQ(write_mbr_to_file("disk0", elsewhere.c_str()), -1);
   EXPECT_EQ(log(), "could not open " + elsewhere + "\n");
@@ -245,7 +245,7 @@ TEST_F(SaveMBRTest, FileThatCannotBeOpenedIsMinusOneWithTheDeviceClosed) {
   EXPECT_EQ(keptOpenCount(), 0U);
 }
 
-TEST_F(SaveMBRTest, FileThatCannotTakeAllIsMinusOne) {
+TEST_F(SaveMBRTest, FailedWriteOfTheFileReturnsMinusOne) {
   int32_t result = 0;
   {
     const FileSizeLimit limit(100);  // more than the message, less than the boot code

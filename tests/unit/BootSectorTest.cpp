@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// update_start_sector(): the two fields of a boot sector that change, and what is asked, logged and reported.
+// update_start_sector(): the two fields of a boot sector that change, and the questions, log messages and results.
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -62,7 +62,7 @@ class BootSector : public FlatTest {
 
   ByteVector serial() const { return machine.bytes("disk0s3", 72, 8); }
 
-  // The whole disk, but for the eight bytes of the serial, which are what they were.
+  // The whole disk with the old value in the eight bytes of the serial number.
   ByteVector diskWithOldSerial() const {
     ByteVector disk = machine.bytes("disk0", 0, kDisk);
     put(disk, kFirst * 512 + 72, ByteVector(8, 0x3C));
@@ -96,7 +96,7 @@ TEST_F(BootSector, BytesAt28And72ChangeAndNoOthers) {
   EXPECT_EQ(keptOpenCount(), 0U);
 }
 
-TEST_F(BootSector, StartSectorIsWrittenAndLoggedFromItsLeastSignificantByte) {
+TEST_F(BootSector, StartSectorIsWrittenAndLoggedLeastSignificantByteFirst) {
   struct Case {
     uint32_t start;
     ByteVector bytes;
@@ -132,7 +132,7 @@ TEST_F(BootSector, SerialIsFreshOnEveryRun) {
 }
 
 TEST_F(BootSector, FileSystemIsNotExamined) {
-  // A FAT32 boot sector's name at 82, and none at all: the same two fields are written.
+  // A FAT32 boot sector, and one without a file system: the same two fields are written.
   ByteVector fat(512);
   put(fat, 0, {0xEB, 0x58, 0x90, 'M', 'S', 'D', 'O', 'S', '5', '.', '0'});
   put(fat, 71, {'N', 'O', ' ', 'N', 'A', 'M', 'E', ' ', ' ', ' ', ' ', 'F', 'A', 'T', '3', '2', ' ', ' ', ' '});
@@ -146,7 +146,7 @@ TEST_F(BootSector, FileSystemIsNotExamined) {
   }
 }
 
-TEST_F(BootSector, LongDevicePathWorksWhole) {
+TEST_F(BootSector, LongDevicePathIsUsedInFull) {
   const std::string name = "/dev/disk" + std::string(60, '7');
   machine.addDisk(name.substr(5), 4096, 512);
   EXPECT_EQ(update_start_sector(1, 0, 0x04030201, 0, name.c_str()), 0);
@@ -169,7 +169,7 @@ TEST_F(BootSector, FallsBackToASharedLockWithoutAskingOrLogging) {
                           "write disk0s3 28+4", "write disk0s3 72+8", "sync disk0s3", "close disk0s3"));
 }
 
-TEST_F(BootSector, FailsWhenTheSharedLockFailsToo) {
+TEST_F(BootSector, FailsIfTheSharedLockFailsToo) {
   machine.lockElsewhere("disk0", DeviceLock::exclusive);
   EXPECT_EQ(patch(), -1);
   EXPECT_EQ(log(), "error writing disk0s3\nerror while opening file to write line:632");
@@ -185,14 +185,14 @@ TEST_F(BootSector, UnknownDeviceFails) {
 
 // ---------------------------------------------------------------------------------------------------------- asking
 
-TEST_F(BootSector, InteractiveAsksNothingWhileTheExclusiveLockCanBeHad) {
+TEST_F(BootSector, InteractiveAsksNothingIfTheExclusiveLockIsAvailable) {
   const Asked asked = ask("n\n");
   EXPECT_EQ(asked.printed, "");
   EXPECT_EQ(asked.result, 0);
   EXPECT_EQ(diskWithOldSerial(), patchedDisk());
 }
 
-TEST_F(BootSector, InteractiveGoesOnWithASharedLockAfterALowerCaseY) {
+TEST_F(BootSector, InteractiveContinuesWithASharedLockAfterALowerCaseY) {
   machine.lockElsewhere("disk0", DeviceLock::shared);
   for (const char* answer : {"y\n", "yes\n"}) {
     machine.setBytes("disk0s3", 0, ByteVector(512, 0x3C));
@@ -205,7 +205,7 @@ TEST_F(BootSector, InteractiveGoesOnWithASharedLockAfterALowerCaseY) {
   }
 }
 
-TEST_F(BootSector, InteractiveStopsOnAnyOtherAnswerWithBothLines) {
+TEST_F(BootSector, InteractiveStopsOnAnyOtherAnswerAndLogsBothLines) {
   machine.lockElsewhere("disk0", DeviceLock::shared);
   for (const char* answer : {"Y\n", "n\n", "\n", ""}) {
     forgetLog();
@@ -219,7 +219,7 @@ TEST_F(BootSector, InteractiveStopsOnAnyOtherAnswerWithBothLines) {
   }
 }
 
-TEST_F(BootSector, InteractiveFailsWhenTheSharedLockFailsAfterAYes) {
+TEST_F(BootSector, InteractiveFailsIfTheSharedLockFailsAfterAYes) {
   machine.lockElsewhere("disk0", DeviceLock::exclusive);
   const Asked asked = ask("y\n");
   EXPECT_EQ(asked.printed, kAskShared);
@@ -234,7 +234,7 @@ constexpr const char* kBeforeTheFirstWrite =
     "writing out 28 40 06 00"
     "Updating start sector offset on disk0s3\n";
 
-TEST_F(BootSector, FailingFirstWriteIsReportedAndNothingElseIsTried) {
+TEST_F(BootSector, FailedFirstWriteIsReportedAndNothingElseIsTried) {
   machine.fail("disk0s3", Operation::write, EIO);
   OutputCapture errors(STDERR_FILENO);
   const int result = patch();
@@ -247,14 +247,14 @@ TEST_F(BootSector, FailingFirstWriteIsReportedAndNothingElseIsTried) {
   EXPECT_EQ(keptOpenCount(), 0U);
 }
 
-TEST_F(BootSector, FailingSecondWriteIsReported) {
+TEST_F(BootSector, FailedSecondWriteIsReported) {
   machine.fail("disk0s3", Operation::write, EIO, 1);
   OutputCapture errors(STDERR_FILENO);
   const int result = patch();
   EXPECT_EQ(errors.text(), systemError("Failed to write 8 byte uuid", EIO));
   EXPECT_EQ(result, -1);
   EXPECT_EQ(log(), kPatchLog);
-  EXPECT_EQ(machine.bytes("disk0", 0, kDisk), patchedDisk());  // the start sector is there, the serial is the old one
+  EXPECT_EQ(machine.bytes("disk0", 0, kDisk), patchedDisk());  // the start sector is new, the serial is old
   EXPECT_EQ(machine.openCount(), 0U);
 }
 
@@ -262,7 +262,7 @@ TEST_F(BootSector, ShortFirstWriteIsReported) {
   for (const size_t count : {size_t{0}, size_t{1}, size_t{3}}) {
     machine.shortenWrites("disk0s3", count);
     OutputCapture errors(STDERR_FILENO);
-    errno = ENOENT;  // of something older
+    errno = ENOENT;  // a stale error, which must not be reported
     const int result = patch();
     EXPECT_EQ(errors.text(), systemError("Failed to write 4 byte start sector", ENOSPC)) << count;
     EXPECT_EQ(result, -1) << count;
@@ -275,7 +275,7 @@ TEST_F(BootSector, ShortSecondWriteIsReported) {
   for (const size_t count : {size_t{4}, size_t{7}}) {
     machine.shortenWrites("disk0s3", count);
     OutputCapture errors(STDERR_FILENO);
-    errno = ENOENT;  // of something older
+    errno = ENOENT;  // a stale error, which must not be reported
     const int result = patch();
     EXPECT_EQ(errors.text(), systemError("Failed to write 8 byte uuid", ENOSPC)) << count;
     EXPECT_EQ(result, -1) << count;
@@ -283,7 +283,7 @@ TEST_F(BootSector, ShortSecondWriteIsReported) {
   }
 }
 
-TEST_F(BootSector, DataThatDoesNotReachTheDeviceIsAFailure) {
+TEST_F(BootSector, FailedSyncIsReported) {
   machine.fail("disk0s3", Operation::sync, EIO);
   OutputCapture errors(STDERR_FILENO);
   const int result = patch();
@@ -293,7 +293,7 @@ TEST_F(BootSector, DataThatDoesNotReachTheDeviceIsAFailure) {
   EXPECT_EQ(machine.openCount(), 0U);
 }
 
-TEST_F(BootSector, FailingCloseChangesNothing) {
+TEST_F(BootSector, FailedCloseIsIgnored) {
   machine.fail("disk0s3", Operation::close, EIO);
   EXPECT_EQ(patch(), 0);
   EXPECT_EQ(machine.openCount(), 0U);

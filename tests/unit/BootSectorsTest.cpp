@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Sector 0 and boot sectors as bytes. Places of fields: NTFS and FAT as mkntfs and mkfs.vfat write them.
+// Sector 0 and boot sectors as bytes. The offsets of fields are those that mkntfs and mkfs.vfat write.
 #include <Vorlix/BootSectors.h>
 #include <gmock/gmock.h>
 
@@ -30,7 +30,7 @@ Sector filled(uint8_t byte) {
   return sector;
 }
 
-// 512 bytes a sector; the volume ends one sector before its partition, which has 0x2000.
+// 512 bytes per sector. The volume ends one sector before its partition, which has 0x2000 sectors.
 Sector ntfs() {
   Sector sector = filled(0x3C);
   set(sector, 0, {0xEB, 0x52, 0x90});
@@ -57,7 +57,7 @@ Sector fat16() {
   return sector;
 }
 
-// What differs between two sectors, as (offset, new byte).
+// Returns the differences between two sectors as pairs of an offset and the new byte.
 std::vector<std::pair<size_t, int>> changes(const Sector& before, const Sector& after) {
   std::vector<std::pair<size_t, int>> result;
   for (size_t i = 0; i < before.size(); ++i) {
@@ -83,7 +83,7 @@ TEST(Sector0, HasBootCodeSlotsAndSignature) {
   EXPECT_EQ(sector[511], 0xAA);
 }
 
-TEST(Sector0, BootCodeIsCutAndFilled) {
+TEST(Sector0, BootCodeIsTruncatedOrPadded) {
   const PartitionTable table = {};
   const Sector cut = makeSector0(ByteVector(512, 0x90), table.parts);
   EXPECT_EQ(cut[445], 0x90);
@@ -93,7 +93,7 @@ TEST(Sector0, BootCodeIsCutAndFilled) {
   EXPECT_EQ(short_[440], 0);
 }
 
-TEST(Sector0, DifferencesAreNamed) {
+TEST(Sector0, DifferencesAreReported) {
   const Sector now = filled(0x10);
   EXPECT_FALSE(compareSector0(now, now).any());
   Sector wanted = now;
@@ -106,7 +106,7 @@ TEST(Sector0, DifferencesAreNamed) {
   EXPECT_EQ(compareSector0(now, wanted).pastText(), "slot 1, 4 and boot code differed");
   Sector other = now;
   other[440] ^= 1;
-  EXPECT_FALSE(compareSector0(now, other).any());  // the disk signature
+  EXPECT_FALSE(compareSector0(now, other).any());  // only the disk signature differs
   other[0] ^= 1;
   EXPECT_EQ(compareSector0(now, other).text(), "boot code differs");
   Sector unsignedOne = now;
@@ -114,7 +114,7 @@ TEST(Sector0, DifferencesAreNamed) {
   EXPECT_EQ(compareSector0(unsignedOne, now).text(), "the 55 AA signature differs");
 }
 
-TEST(Sector0, KeepsTheDiskSignatureWhereTheSlotsAreRight) {
+TEST(Sector0, KeepsTheDiskSignatureIfTheSlotsAreUnchanged) {
   const Sector now = filled(0x10);
   Sector wanted = filled(0x20);
   EXPECT_EQ(renewedSector0(now, wanted), wanted);
@@ -165,7 +165,7 @@ TEST(BootSectors, PatchOfFATLeavesLabelAndBootCodeAlone) {
               ElementsAre(At{28, 0x78}, At{29, 0x56}, At{30, 0x34}, At{31, 0x12}, At{39, 0xA0}, At{40, 0xA1},
                           At{41, 0xA2}, At{42, 0xA3}));
   Sector old = fat16();
-  old[38] = 0;  // before DOS 4 there was no serial
+  old[38] = 0;  // before DOS 4 there was no serial number
   EXPECT_EQ(changes(old, patchedBootSector(old, 0x12345678, kSerial)).size(), 4U);
 }
 
@@ -174,7 +174,7 @@ TEST(BootSectors, OtherVolumesAreNotPatched) {
   EXPECT_EQ(patchedBootSector(other, 1, kSerial), other);
 }
 
-TEST(BootSectors, ACopyMayDifferInThePatchedFieldsAlone) {
+TEST(BootSectors, ACopyMayDifferOnlyInThePatchedFields) {
   Sector copy = patchedBootSector(ntfs(), 77, kSerial);
   EXPECT_TRUE(isCopyButForPatch(ntfs(), copy));
   copy[80] ^= 1;
@@ -200,9 +200,9 @@ TEST(BootSectors, BootCode) {
   EXPECT_FALSE(lacksBootCode(small));
 }
 
-TEST(BootSectors, SecondOfNTFSIsTheLastSector) {
+TEST(BootSectors, NTFSKeepsItsSecondOneInTheLastSector) {
   EXPECT_THAT(secondBootSectorPlaces(ntfs(), 0x2000 * 512), ElementsAre(0x1FFFU * 512));
-  // A volume that ends before its partition has one behind itself as well.
+  // A volume that ends before its partition also has one after its own last sector.
   EXPECT_THAT(secondBootSectorPlaces(ntfs(), 0x3000 * 512), ElementsAre(0x2FFFU * 512, 0x1FFFU * 512));
   // Nothing outside the slice, and never the first sector.
   EXPECT_THAT(secondBootSectorPlaces(ntfs(), 0x1000 * 512), ElementsAre(0xFFFU * 512));
@@ -219,7 +219,7 @@ TEST(BootSectors, SecondOfNTFSIsTheLastSector) {
   EXPECT_THAT(secondBootSectorPlaces(huge, 0x2000 * 512), ElementsAre(0x1FFFU * 512));
 }
 
-TEST(BootSectors, SecondOfFAT32IsTheOneItNames) {
+TEST(BootSectors, FAT32NamesTheSectorOfItsSecondOne) {
   EXPECT_THAT(secondBootSectorPlaces(fat32(), 1 << 20), ElementsAre(6U * 512));
   EXPECT_THAT(secondBootSectorPlaces(fat32(), 6 * 512), IsEmpty());
   for (const ByteVector& none : {ByteVector{0, 0}, ByteVector{0xFF, 0xFF}}) {
@@ -230,7 +230,7 @@ TEST(BootSectors, SecondOfFAT32IsTheOneItNames) {
   EXPECT_THAT(secondBootSectorPlaces(fat16(), 1 << 20), IsEmpty());
 }
 
-TEST(BootSectors, SerialsAreDrawn) {
+TEST(BootSectors, SerialsAreRandom) {
   Serial one = {};
   Serial other = {};
   EXPECT_TRUE(drawSerial(one) && drawSerial(other));

@@ -17,7 +17,7 @@ class CallerCheckTest : public FlatTest {
   }
 };
 
-TEST_F(CallerCheckTest, AProcessOfTheTeamIsLetInAndNothingIsLogged) {
+TEST_F(CallerCheckTest, AProcessOfTheTeamIsAcceptedAndNothingIsLogged) {
   EXPECT_TRUE(checkWith(CodeCheck::valid));
   EXPECT_EQ(log(), "");
 }
@@ -28,22 +28,22 @@ TEST_F(CallerCheckTest, TheRequirementNamesTheAnchorAndTheTeam) {
             Lines{"check code 4711 anchor apple generic and certificate leaf[subject.OU] = K7M2QZ4RNA"});
 }
 
-TEST_F(CallerCheckTest, ANumberThatCannotBeMadeIsARefusal) {
+TEST_F(CallerCheckTest, ARefusalIfTheNumberCannotBeCreated) {
   EXPECT_FALSE(checkWith(CodeCheck::numberFailed));
   EXPECT_EQ(log(), "Error creating number");
 }
 
-TEST_F(CallerCheckTest, AttributesThatCannotBeMadeAreARefusal) {
+TEST_F(CallerCheckTest, ARefusalIfTheAttributesCannotBeCreated) {
   EXPECT_FALSE(checkWith(CodeCheck::attributesFailed));
   EXPECT_EQ(log(), "Error creating attributes");
 }
 
-TEST_F(CallerCheckTest, AProcessThatIsNotFoundIsRefused) {
+TEST_F(CallerCheckTest, AMissingProcessIsRefused) {
   EXPECT_FALSE(checkWith(CodeCheck::guestFailed));
   EXPECT_EQ(log(), "Error creating SecCodeCopyGuestWithAttributes");
 }
 
-TEST_F(CallerCheckTest, ARequirementThatCannotBeReadIsARefusal) {
+TEST_F(CallerCheckTest, ARefusalIfTheRequirementCannotBeRead) {
   EXPECT_FALSE(checkWith(CodeCheck::requirementFailed));
   EXPECT_EQ(log(), "Error creating SecRequirementCreateWithStringAndErrors");
 }
@@ -53,7 +53,7 @@ TEST_F(CallerCheckTest, AProcessThatDoesNotSatisfyTheRequirementIsRefused) {
   EXPECT_EQ(log(), "Request from invalid client. Refusing");
 }
 
-TEST_F(CallerCheckTest, TheIdentifierOfAnExitedProcessIsRefused) {
+TEST_F(CallerCheckTest, TheIdentifierOfAnEndedProcessIsRefused) {
   EXPECT_FALSE(QDSUtilities::isCorrectlySignedClientWithPID(4712));
   EXPECT_EQ(log(), "Error creating SecCodeCopyGuestWithAttributes");
 }
@@ -67,7 +67,7 @@ TEST_F(CallerCheckTest, TheIdentifierIsASigned32BitNumber) {
   }
 }
 
-TEST_F(CallerCheckTest, NothingIsRememberedBetweenCalls) {
+TEST_F(CallerCheckTest, NothingIsCachedBetweenCalls) {
   EXPECT_TRUE(checkWith(CodeCheck::valid));
   EXPECT_FALSE(checkWith(CodeCheck::invalid));
   EXPECT_TRUE(checkWith(CodeCheck::valid));

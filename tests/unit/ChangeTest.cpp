@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Changes to disks: made whole or not at all, and what becomes of one that was cut off.
+// Changes to disks: they are made completely or not at all, and interrupted ones are settled.
 #include <Vorlix/platform/DiskChange.h>
 #include <Vorlix/platform/KeptChange.h>
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
@@ -34,7 +34,7 @@ constexpr uint64_t kDisk = 4 << 20;
 constexpr uint8_t kOld = 0x11;
 constexpr uint8_t kNew = 0x22;
 
-// Another handle with calls in the way of its own.
+// Wraps another handle and calls functions before its writes and syncs.
 class HookedHandle : public DeviceHandle {
  public:
   explicit HookedHandle(std::unique_ptr<DeviceHandle> inner) : inner_(std::move(inner)) {}
@@ -59,7 +59,7 @@ class HookedHandle : public DeviceHandle {
   std::unique_ptr<DeviceHandle> inner_;
 };
 
-// Fails the call of that number with EIO, or all from it on.
+// Fails the call of that number with EIO, or that call and all later ones.
 std::function<int()> failing(int number, bool andLater = false) {
   return [=, calls = 0]() mutable {
     ++calls;
@@ -67,7 +67,8 @@ std::function<int()> failing(int number, bool andLater = false) {
   };
 }
 
-// A folder for the state of a user of the test's own: the super-user's is one for the whole machine.
+// Runs as an ordinary user with a private state folder, because the super-user's state folder belongs to the whole
+// machine.
 class ChangeTest : public testing::Test {
  protected:
   ChangeTest() : folder_(testing::TempDir() + "vorlixXXXXXX") {
@@ -123,7 +124,7 @@ class ChangeTest : public testing::Test {
     return names;
   }
 
-  /// A journal of the same two writes as a process leaves it that is ended behind commit().
+  /// Returns the journal of the same two writes as left by a process that ends after commit().
   std::unique_ptr<Journal> committed(const DiskChange& change) const {
     std::unique_ptr<JournalWriter> writer;
     std::unique_ptr<Journal> journal;
@@ -159,7 +160,7 @@ class ChangeTest : public testing::Test {
 
 // -------------------------------------------------------------------------------------------------------- application
 
-TEST_F(ChangeTest, IsWrittenInOrderAndSyncedAndLeavesNoJournal) {
+TEST_F(ChangeTest, WritesInOrderSyncsAndLeavesNoJournal) {
   EXPECT_FALSE(applyChange(twoWrites()));
   EXPECT_THAT(machine.writes(), ElementsAre("write disk0 0+512", "write disk0s3 28+4", "sync disk0", "sync disk0s3"));
   EXPECT_EQ(wholeDisk(), expectedDisk(true, true));
@@ -179,10 +180,10 @@ TEST_F(ChangeTest, IsJournalledBeforeTheFirstWrite) {
   };
   EXPECT_FALSE(applyChange(change));
   EXPECT_EQ(seen.size(), 1U);
-  EXPECT_TRUE(sameAsItself) << "complete, and locked by its writer";
+  EXPECT_TRUE(sameAsItself) << "must be complete and locked by its writer";
 }
 
-TEST_F(ChangeTest, NothingToChangeIsNothingDone) {
+TEST_F(ChangeTest, AnEmptyChangeDoesNothing) {
   DiskChange change = twoWrites();
   EXPECT_FALSE(change.empty());
   for (DeviceChange& device : change.devices) device.bytes.front().after = device.bytes.front().before;
@@ -192,7 +193,7 @@ TEST_F(ChangeTest, NothingToChangeIsNothingDone) {
   EXPECT_FALSE(fs::exists(stateFolder() + "/vorlix"));
 }
 
-TEST_F(ChangeTest, WhatSomebodyElseChangedRefusesAll) {
+TEST_F(ChangeTest, BytesThatSomebodyElseChangedPreventAllWrites) {
   const DiskChange change = twoWrites();
   machine.setBytes("disk0", kSlice + 31, {0x99});
   const Bytes before = wholeDisk();
@@ -206,7 +207,7 @@ TEST_F(ChangeTest, WhatSomebodyElseChangedRefusesAll) {
   EXPECT_THAT(journals(), IsEmpty());
 }
 
-TEST_F(ChangeTest, AFailedWriteIsPutBack) {
+TEST_F(ChangeTest, AFailedWriteIsRestored) {
   const DiskChange change = twoWrites();
   slice->beforeWrite = failing(1);
   const auto failure = applyChange(change);
@@ -217,8 +218,8 @@ TEST_F(ChangeTest, AFailedWriteIsPutBack) {
   EXPECT_THAT(journals(), IsEmpty());
 }
 
-// A bad sector fails again when it is to be put back, and holds what it held before.
-TEST_F(ChangeTest, AWriteThatAlwaysFailsIsPutBackAndDoesNotBlockTheDisk) {
+// A bad sector also fails when the old bytes are written again, and still holds them.
+TEST_F(ChangeTest, AWriteThatAlwaysFailsIsRestoredAndDoesNotBlockTheDisk) {
   const DiskChange change = twoWrites();
   slice->beforeWrite = failing(1, true);
   const auto failure = applyChange(change);
@@ -228,7 +229,7 @@ TEST_F(ChangeTest, AWriteThatAlwaysFailsIsPutBackAndDoesNotBlockTheDisk) {
   EXPECT_THAT(journals(), IsEmpty());
 }
 
-TEST_F(ChangeTest, PuttingBackLeavesAloneWhatSomebodyElseWroteMeanwhile) {
+TEST_F(ChangeTest, RestoringSkipsBytesThatSomebodyElseWroteMeanwhile) {
   const DiskChange change = twoWrites();
   slice->beforeWrite = [&] {
     machine.setBytes("disk0", 100, {0x99});
@@ -243,13 +244,13 @@ TEST_F(ChangeTest, PuttingBackLeavesAloneWhatSomebodyElseWroteMeanwhile) {
   EXPECT_EQ(journals().size(), 1U);
 }
 
-TEST_F(ChangeTest, AShortWriteIsPutBackOrLeftToTheNext) {
+TEST_F(ChangeTest, AShortWriteIsRestoredNowOrByTheNextCommand) {
   const DiskChange change = twoWrites();
   machine.shortenWrites("disk0s3", 3);
   const auto failure = applyChange(change);
   ASSERT_TRUE(failure);
   EXPECT_EQ(failure->reason, "start sector: only a part of it could be written");
-  // Putting back is cut short as well, so the journal stays until a medium takes all of it.
+  // Writing the old bytes is cut short too, so the journal stays until the medium accepts all of them.
   EXPECT_THAT(failure->state, HasSubstr("the next command on this disk finishes the change"));
   EXPECT_EQ(journals().size(), 1U);
   machine.shortenWrites("disk0s3", 512);
@@ -258,7 +259,7 @@ TEST_F(ChangeTest, AShortWriteIsPutBackOrLeftToTheNext) {
   EXPECT_THAT(journals(), IsEmpty());
 }
 
-TEST_F(ChangeTest, AFailedSyncIsPutBack) {
+TEST_F(ChangeTest, AFailedSyncIsRestored) {
   const DiskChange change = twoWrites();
   disk->beforeSync = failing(1);
   const auto failure = applyChange(change);
@@ -270,9 +271,9 @@ TEST_F(ChangeTest, AFailedSyncIsPutBack) {
   EXPECT_THAT(journals(), IsEmpty());
 }
 
-TEST_F(ChangeTest, WhatCannotBePutBackStaysInTheJournalAndIsFinishedByTheNext) {
+TEST_F(ChangeTest, BytesThatCannotBeRestoredStayInTheJournalAndTheNextCommandFinishes) {
   const DiskChange change = twoWrites();
-  disk->beforeWrite = failing(2, true);  // the first goes through
+  disk->beforeWrite = failing(2, true);  // the first write succeeds
   slice->beforeWrite = failing(1, true);
   const auto failure = applyChange(change);
   ASSERT_TRUE(failure);
@@ -293,7 +294,7 @@ TEST_F(ChangeTest, WhatCannotBePutBackStaysInTheJournalAndIsFinishedByTheNext) {
   EXPECT_THAT(journals(), IsEmpty());
 }
 
-TEST_F(ChangeTest, ALongRunIsMadeInPieces) {
+TEST_F(ChangeTest, ALongRunIsWrittenInPieces) {
   disk = open("disk0");
   const size_t count = (5 * kLongestRun) / 2;
   EXPECT_FALSE(applyChange({"long", {{"disk0", disk, {run(512, count, "long")}}}}));
@@ -305,7 +306,7 @@ TEST_F(ChangeTest, ALongRunIsMadeInPieces) {
 
 // ------------------------------------------------------------------------------------------------------- interruption
 
-TEST_F(ChangeTest, WhatWasNotBegunIsDropped) {
+TEST_F(ChangeTest, AChangeThatWroteNothingIsDropped) {
   committed(twoWrites()).reset();
   EXPECT_EQ(interruptedChanges(*open("disk0s3")).size(), 1U);
   EXPECT_FALSE(settle());
@@ -313,10 +314,10 @@ TEST_F(ChangeTest, WhatWasNotBegunIsDropped) {
   EXPECT_EQ(wholeDisk(), expectedDisk(false, false));
   EXPECT_THAT(journals(), IsEmpty());
   EXPECT_FALSE(settle());
-  EXPECT_THAT(machine.writes(), IsEmpty()) << "once";
+  EXPECT_THAT(machine.writes(), IsEmpty()) << "the second call must find nothing";
 }
 
-TEST_F(ChangeTest, WhatWasBegunIsFinished) {
+TEST_F(ChangeTest, AChangeThatWroteSomethingIsFinished) {
   committed(twoWrites()).reset();
   machine.setBytes("disk0", 0, Bytes(512, kNew));
   EXPECT_FALSE(settle());
@@ -325,8 +326,8 @@ TEST_F(ChangeTest, WhatWasBegunIsFinished) {
   EXPECT_THAT(journals(), IsEmpty());
 }
 
-// What stands there may stand in memory alone.
-TEST_F(ChangeTest, WhatWasWrittenWholeIsWrittenAndSyncedOnceMore) {
+// The new bytes may be in the cache only.
+TEST_F(ChangeTest, ACompletelyWrittenChangeIsWrittenAndSyncedAgain) {
   committed(twoWrites()).reset();
   machine.setBytes("disk0", 0, Bytes(512, kNew));
   machine.setBytes("disk0", kSlice + 28, Bytes(4, kNew));
@@ -335,8 +336,8 @@ TEST_F(ChangeTest, WhatWasWrittenWholeIsWrittenAndSyncedOnceMore) {
   EXPECT_THAT(finished, ElementsAre("hybrid MBR of disk0"));
 }
 
-// A medium writes sectors whole. The bytes of a run from 84 on are torn where a sector ends, and nowhere else.
-TEST_F(ChangeTest, ARunIsTornWhereASectorEnds) {
+// A medium writes whole sectors. A run that starts at byte 84 can be torn only at the end of a sector.
+TEST_F(ChangeTest, ARunIsTornAtTheEndOfASector) {
   disk = open("disk0");
   committed({"boot record", {{"disk0", disk, {run(84, 8108, "boot record")}}}}).reset();
   machine.setBytes("disk0", 84, Bytes(1024 - 84, kNew));
@@ -347,7 +348,7 @@ TEST_F(ChangeTest, ARunIsTornWhereASectorEnds) {
   EXPECT_EQ(wholeDisk(), expected);
 }
 
-TEST_F(ChangeTest, WhatSomebodyElseWroteMeanwhileIsLeftAlone) {
+TEST_F(ChangeTest, BytesThatSomebodyElseWroteMeanwhileAreKept) {
   const auto folder = committed(twoWrites())->folder();
   machine.setBytes("disk0", 0, Bytes(512, kNew));
   machine.setBytes("disk0", kSlice + 29, {0x99});
@@ -362,7 +363,7 @@ TEST_F(ChangeTest, WhatSomebodyElseWroteMeanwhileIsLeftAlone) {
   EXPECT_EQ(journals().size(), 1U);
 }
 
-TEST_F(ChangeTest, AChangeThatIsBeingMadeIsNotTouched) {
+TEST_F(ChangeTest, AChangeInProgressIsNotTouched) {
   const auto running = committed(twoWrites());
   machine.setBytes("disk0", 0, Bytes(512, kNew));
   const auto failure = settle();
@@ -372,7 +373,7 @@ TEST_F(ChangeTest, AChangeThatIsBeingMadeIsNotTouched) {
   EXPECT_EQ(journals().size(), 1U);
 }
 
-TEST_F(ChangeTest, ADamagedJournalIsToldAndNothingWritten) {
+TEST_F(ChangeTest, ADamagedJournalIsReportedAndNothingIsWritten) {
   for (const char* file : {"before.bin", "after.bin"}) {
     auto journal = committed(twoWrites());
     const std::string folder = journal->folder();
@@ -393,7 +394,7 @@ TEST_F(ChangeTest, ADamagedJournalIsToldAndNothingWritten) {
   }
 }
 
-TEST_F(ChangeTest, AJournalThatCannotBeReadStopsEveryWriter) {
+TEST_F(ChangeTest, AnUnreadableJournalStopsAllWriters) {
   const std::string folder = committed(twoWrites())->folder();
   fs::resize_file(folder + "/manifest.json", 20);
   machine.addDisk("disk1", 1 << 20, 512);
@@ -408,8 +409,8 @@ TEST_F(ChangeTest, AJournalThatCannotBeReadStopsEveryWriter) {
   EXPECT_FALSE(settle("disk1"));
 }
 
-// Numbers of disks change with each attachment, and an image may be copied back.
-TEST_F(ChangeTest, AHalfWrittenDiskIsKnownUnderAnotherName) {
+// The number of a disk changes with each attachment, and an image may be copied back.
+TEST_F(ChangeTest, AHalfWrittenDiskIsRecognizedUnderAnotherName) {
   committed(twoWrites()).reset();
   machine.setBytes("disk0", 0, Bytes(512, kNew));
   machine.addDisk("disk7", kDisk, 512);
@@ -417,14 +418,14 @@ TEST_F(ChangeTest, AHalfWrittenDiskIsKnownUnderAnotherName) {
   EXPECT_FALSE(settle("disk7"));
   EXPECT_THAT(finished, ElementsAre("hybrid MBR of disk0"));
   EXPECT_EQ(machine.bytes("disk7", 0, kDisk), expectedDisk(true, true));
-  EXPECT_EQ(wholeDisk(), expectedDisk(true, false)) << "another disk";
+  EXPECT_EQ(wholeDisk(), expectedDisk(true, false)) << "this is another disk";
   EXPECT_EQ(journals().size(), 1U) << "disk0 still needs it";
   EXPECT_FALSE(settle());
   EXPECT_EQ(wholeDisk(), expectedDisk(true, true));
   EXPECT_THAT(journals(), IsEmpty());
 }
 
-TEST_F(ChangeTest, ADiskThatIsAsBeforeIsNotTakenForAnotherOne) {
+TEST_F(ChangeTest, ADiskWithTheOldBytesIsNotMistakenForAnotherOne) {
   committed(twoWrites()).reset();
   machine.setBytes("disk0", 0, Bytes(512, kNew));
   machine.addDisk("disk7", kDisk, 512);
@@ -435,7 +436,7 @@ TEST_F(ChangeTest, ADiskThatIsAsBeforeIsNotTakenForAnotherOne) {
   EXPECT_EQ(journals().size(), 1U);
 }
 
-TEST_F(ChangeTest, AnotherDisksJournalIsNoneOfThis) {
+TEST_F(ChangeTest, AnotherDisksJournalIsIgnored) {
   machine.addDisk("disk1", 1 << 20, 512);
   committed(twoWrites()).reset();
   EXPECT_THAT(interruptedChanges(*open("disk1")), IsEmpty());
@@ -444,7 +445,7 @@ TEST_F(ChangeTest, AnotherDisksJournalIsNoneOfThis) {
   EXPECT_EQ(journals().size(), 1U);
 }
 
-TEST_F(ChangeTest, ASliceWhoseNameIsGoneIsReachedThroughTheDisk) {
+TEST_F(ChangeTest, AMissingSliceIsReachedThroughItsDisk) {
   DiskChange change = twoWrites();
   change.devices[1].device = "no such slice";
   committed(change).reset();
@@ -454,7 +455,7 @@ TEST_F(ChangeTest, ASliceWhoseNameIsGoneIsReachedThroughTheDisk) {
   EXPECT_THAT(journals(), IsEmpty());
 }
 
-TEST_F(ChangeTest, AFinishingThatFailsSaysWhatStands) {
+TEST_F(ChangeTest, AFailureToFinishReportsTheState) {
   committed(twoWrites()).reset();
   machine.fail("disk0", Operation::sync, EIO);
   const auto failure = settle();
@@ -599,7 +600,7 @@ TEST_F(ChangeTest, APathOutOfTheVolumeIsADamagedBackup) {
 
 // ------------------------------------------------------------------------------------------------------------ writers
 
-TEST_F(ChangeTest, AJournalThatIsNotCommittedLeavesNothing) {
+TEST_F(ChangeTest, AnUncommittedJournalIsRemoved) {
   std::unique_ptr<JournalWriter> writer;
   ASSERT_FALSE(JournalWriter::begin("dropped", {}, writer));
   EXPECT_EQ(journals().size(), 1U);
@@ -609,7 +610,7 @@ TEST_F(ChangeTest, AJournalThatIsNotCommittedLeavesNothing) {
 }
 
 // A real image, and a process that ends at each of its writes.
-TEST_F(ChangeTest, AProcessThatEndsAtAnyWriteIsFinishedOrForgotten) {
+TEST_F(ChangeTest, AChangeInterruptedAtAnyWriteIsFinishedOrDropped) {
   const ScopedPlatform native(nativePlatform());
   const std::string image = stateFolder() + "/disk.img";
   for (int last = 1; last <= 3; ++last) {

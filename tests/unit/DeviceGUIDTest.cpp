@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Raw GUIDs of partitions and disks, and the whole disk of a slice.
+// GUIDs of partitions and disks as bytes, and the whole disk of a slice.
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -25,7 +25,7 @@ using DiskGUIDTest = DiskTest;
 
 const ByteVector kUntouched(16, 0x5A);
 
-// ------------------------------------------------------------------------------------------------- GUID text to bytes
+// -------------------------------------------------------------------------------------------------- GUID text to bytes
 
 TEST_F(UUIDStringTest, TextBecomesMixedEndianBytesAndLosesItsDashes) {
   const struct {
@@ -52,7 +52,7 @@ TEST_F(UUIDStringTest, TextBecomesMixedEndianBytesAndLosesItsDashes) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(UUIDStringTest, ConversionBackGivesTheText) {
+TEST_F(UUIDStringTest, ConvertingBackGivesTheText) {
   char text[64] = {};
   std::strcpy(text, kDiskText);
   uint8_t bytes[16];
@@ -62,11 +62,11 @@ TEST_F(UUIDStringTest, ConversionBackGivesTheText) {
   EXPECT_STREQ(back, kDiskText);
 }
 
-TEST_F(UUIDStringTest, PairsWithoutDigitsAreZeroAndAPairEndsAtItsFirstNonDigit) {
+TEST_F(UUIDStringTest, InvalidPairsAreZeroAndAPairEndsAtItsFirstNonDigit) {
   char text[64] = "GG1GF0xy-0000-0000-0000-0000000000FF";
   uint8_t bytes[16];
   EXPECT_EQ(convert_uuid_string_to_bytes(text, bytes), 0);
-  // Pairs "GG", "1G", "F0", "xy" stand in bytes 3, 2, 1, 0.
+  // The pairs "GG", "1G", "F0" and "xy" go to bytes 3, 2, 1 and 0.
   EXPECT_THAT(bytes, ElementsAre(0, 0xF0, 0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF));
 }
 
@@ -114,7 +114,7 @@ TEST_F(WholeDiskTest, SliceAndDiskAndPrefixedNamesGiveTheWholeDisk) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(WholeDiskTest, UnknownNameIsPrintedAndAnswersSuccessWithTheBufferUntouched) {
+TEST_F(WholeDiskTest, UnknownNameIsPrintedAndReturnsSuccessWithTheBufferUntouched) {
   for (const int32_t prefix : {0, 1}) {
     machine.clearJournal();
     NameBuffer buffer;
@@ -128,7 +128,7 @@ TEST_F(WholeDiskTest, UnknownNameIsPrintedAndAnswersSuccessWithTheBufferUntouche
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(WholeDiskTest, MissingSessionIsPrintedAndAnswersSuccessWithTheBufferUntouched) {
+TEST_F(WholeDiskTest, MissingSessionIsPrintedAndReturnsSuccessWithTheBufferUntouched) {
   machine.addDisk("disk2", 1000 * 512, 512);
   machine.refuseSessions();
   NameBuffer buffer;
@@ -140,7 +140,7 @@ TEST_F(WholeDiskTest, MissingSessionIsPrintedAndAnswersSuccessWithTheBufferUntou
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(WholeDiskTest, NoWholeDiskIsMinusOneWithTheBufferUntouched) {
+TEST_F(WholeDiskTest, MissingWholeDiskReturnsMinusOneWithTheBufferUntouched) {
   machine.addDisk("disk2", 1000 * 512, 512);
   machine.addSlice("disk2", 3, 40, 100);
   machine.hideWholeDisk("disk2s3");
@@ -153,7 +153,7 @@ TEST_F(WholeDiskTest, NoWholeDiskIsMinusOneWithTheBufferUntouched) {
   EXPECT_THAT(machine.journal(), ElementsAre("session open", "session close"));
 }
 
-TEST_F(WholeDiskTest, LongNameStaysInsideTheBuffer) {
+TEST_F(WholeDiskTest, LongNameStaysWithinTheBuffer) {
   const std::string longName(1500, 'd');
   machine.addDisk(longName, 1000 * 512, 512);
   for (const int32_t prefix : {0, 1}) {
@@ -174,7 +174,7 @@ std::string noBlockSizeMessages(const std::string& device) {
          "Error getting number. Unknown volume size line:215Found blockSize: 0";
 }
 
-TEST_F(DiskGUIDTest, HeaderStandsInTheSecondBlock) {
+TEST_F(DiskGUIDTest, HeaderIsInTheSecondBlock) {
   for (const uint32_t blockSize : {512U, 4096U}) {
     const std::string name = "disk" + std::to_string(blockSize);
     machine.addDisk(name, uint64_t{1000} * blockSize, blockSize);
@@ -192,7 +192,7 @@ TEST_F(DiskGUIDTest, HeaderStandsInTheSecondBlock) {
   EXPECT_EQ(keptOpenCount(), 0U);
 }
 
-TEST_F(DiskGUIDTest, AnyOtherSignatureLeavesTheOutput) {
+TEST_F(DiskGUIDTest, AnyOtherSignatureLeavesTheOutputUntouched) {
   machine.addDisk("disk0", 1000 * 512, 512);
   for (size_t place = 0; place < 8; ++place) {
     ByteVector header = headerWithDiskGUID();
@@ -205,7 +205,7 @@ TEST_F(DiskGUIDTest, AnyOtherSignatureLeavesTheOutput) {
   EXPECT_EQ(machine.openCount(), 0U);
 }
 
-TEST_F(DiskGUIDTest, UnknownBlockSizeLooksAtByteZero) {
+TEST_F(DiskGUIDTest, UnknownBlockSizeMeansThatByteZeroIsRead) {
   machine.addDisk("disk0", 1000 * 512, 512);
   machine.hideBlockSize("disk0");
   machine.setBytes("disk0", 0, headerWithDiskGUID());
@@ -215,7 +215,7 @@ TEST_F(DiskGUIDTest, UnknownBlockSizeLooksAtByteZero) {
   EXPECT_EQ(log(), noBlockSizeMessages("/dev/disk0"));
 }
 
-TEST_F(DiskGUIDTest, DeviceThatCannotBeOpenedIsLoggedAndItsBlockSizeStillAskedFor) {
+TEST_F(DiskGUIDTest, DeviceThatCannotBeOpenedIsLoggedAndItsBlockSizeIsStillQueried) {
   ByteVector guid = kUntouched;
   EXPECT_EQ(disk_guid("/dev/disk9", guid.data()), -1);
   EXPECT_EQ(log(), "Error opening /dev/disk9\n" + noBlockSizeMessages("/dev/disk9"));
@@ -230,7 +230,7 @@ TEST_F(DiskGUIDTest, DeviceThatCannotBeOpenedIsLoggedAndItsBlockSizeStillAskedFo
   EXPECT_EQ(guid, kUntouched);
 }
 
-TEST_F(DiskGUIDTest, FailedReadLeavesTheOutputAndDoesNotShow) {
+TEST_F(DiskGUIDTest, FailedReadLeavesTheOutputUntouchedAndIsNotReported) {
   machine.addDisk("disk0", 1000 * 512, 512);
   machine.setBytes("disk0", 512, headerWithDiskGUID());
   machine.fail("disk0", Operation::read, EIO);
@@ -241,14 +241,14 @@ TEST_F(DiskGUIDTest, FailedReadLeavesTheOutputAndDoesNotShow) {
   EXPECT_EQ(machine.openCount(), 0U);
 }
 
-TEST_F(DiskGUIDTest, DeviceThatEndsBeforeTheHeaderLeavesTheOutput) {
+TEST_F(DiskGUIDTest, DeviceThatEndsBeforeTheHeaderLeavesTheOutputUntouched) {
   machine.addDisk("disk0", 512, 512);
   ByteVector guid = kUntouched;
   EXPECT_EQ(disk_guid("/dev/disk0", guid.data()), 0);
   EXPECT_EQ(guid, kUntouched);
 }
 
-TEST_F(DiskGUIDTest, FailureOfClosingIsTheResult) {
+TEST_F(DiskGUIDTest, FailedCloseIsTheResult) {
   machine.addDisk("disk0", 1000 * 512, 512);
   machine.setBytes("disk0", 512, headerWithDiskGUID());
   machine.fail("disk0", Operation::close, EIO);

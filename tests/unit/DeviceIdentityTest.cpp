@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the registry tells of a device: its path and its partition number.
+// Facts about a device from the registry: its path and its partition number.
 #include <Vorlix/QDSDiskRegistry.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
@@ -41,7 +41,7 @@ TEST_F(EjectableMediaTest, NothingIsFoundOnANormalSystem) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(EjectableMediaTest, TheClassAskedForIsIterated) {
+TEST_F(EjectableMediaTest, TheRequestedClassIsIterated) {
   addService("Client", dictionaryOf({{"Mark", textValue("this one")}}), {}, "IOUserClientClass");
   std::shared_ptr<RegistryIterator> iterator;
   EXPECT_EQ(MyFindEjectableMedia(&iterator), 0);
@@ -52,7 +52,7 @@ TEST_F(EjectableMediaTest, TheClassAskedForIsIterated) {
   EXPECT_EQ(iterator->next(), nullptr);
 }
 
-TEST_F(EjectableMediaTest, MissingMasterPortIsToldOnStandardOutputAndEndsTheSearch) {
+TEST_F(EjectableMediaTest, MissingMasterPortIsPrintedAndEndsTheSearch) {
   for (const KernReturn code : {5, -536870206}) {
     machine.clearJournal();
     machine.failRegistry(RegistryCall::masterPort, code);
@@ -67,7 +67,7 @@ TEST_F(EjectableMediaTest, MissingMasterPortIsToldOnStandardOutputAndEndsTheSear
   }
 }
 
-TEST_F(EjectableMediaTest, FailedSearchIsToldOnStandardOutput) {
+TEST_F(EjectableMediaTest, FailedSearchIsPrinted) {
   machine.failRegistry(RegistryCall::matchingServices, 5);
   std::shared_ptr<RegistryIterator> iterator;
   OutputCapture output(STDOUT_FILENO);
@@ -77,7 +77,7 @@ TEST_F(EjectableMediaTest, FailedSearchIsToldOnStandardOutput) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(EjectableMediaTest, NullOutPointerIsToldWithSuccessAsItsCode) {
+TEST_F(EjectableMediaTest, NullOutPointerIsPrintedAndReturnsSuccess) {
   OutputCapture output(STDOUT_FILENO);
   const int32_t result = MyFindEjectableMedia(nullptr);
   EXPECT_EQ(output.text(), "No ejectable CD media found.\n kernResult = 0\n");
@@ -105,7 +105,7 @@ std::shared_ptr<RegistryEntry> entryNamed(const char* name) {
   return std::make_shared<FakeEntry>(dictionaryOf({{"BSD Name", textValue(name)}}));
 }
 
-TEST_F(DeviceFilePathTest, NameGetsThePrefix) {
+TEST_F(DeviceFilePathTest, PrefixIsPrependedToTheName) {
   char path[1024];
   std::memset(path, 'x', sizeof path);
   EXPECT_EQ(MyGetDeviceFilePath(entryNamed("disk0s3"), path, sizeof path), 0);
@@ -113,7 +113,7 @@ TEST_F(DeviceFilePathTest, NameGetsThePrefix) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(DeviceFilePathTest, ResultFitsUpToTheLastByteAndNoFurther) {
+TEST_F(DeviceFilePathTest, ResultMayFillTheBufferToTheLastByteAndNoFurther) {
   const auto entry = entryNamed("disk0s3");  // "/dev/disk0s3" and its NUL are 13 bytes
   for (size_t size = 0; size <= 16; ++size) {
     std::array<char, 32> buffer;
@@ -133,7 +133,7 @@ TEST_F(DeviceFilePathTest, EntryWithoutNameGivesAnEmptyPath) {
   EXPECT_STREQ(path, "");
 }
 
-TEST_F(DeviceFilePathTest, NoEntryGivesAnEmptyPath) {
+TEST_F(DeviceFilePathTest, NullEntryGivesAnEmptyPath) {
   char path[16] = "untouched";
   EXPECT_EQ(MyGetDeviceFilePath(nullptr, path, sizeof path), 5);
   EXPECT_STREQ(path, "");
@@ -144,7 +144,7 @@ TEST_F(DeviceFilePathTest, NameOutsideASCIIIsRefused) {
   EXPECT_EQ(MyGetDeviceFilePath(entryNamed("disk\xC3\xBC"), path, sizeof path), 5);
 }
 
-TEST_F(DeviceFilePathTest, NameThatIsNoTextIsRefused) {
+TEST_F(DeviceFilePathTest, NameThatIsNotAStringIsRefused) {
   char path[64] = "untouched";
   const auto entry = std::make_shared<FakeEntry>(dictionaryOf({{"BSD Name", Value(int64_t{3})}}));
   EXPECT_EQ(MyGetDeviceFilePath(entry, path, sizeof path), 5);
@@ -163,7 +163,7 @@ Dictionary partition(const char* name, int64_t number) {
   return dictionaryOf({{"BSD Name", textValue(name)}, {"Partition ID", Value(number)}});
 }
 
-TEST_F(PartitionNumberTest, DeviceTreeIsAskedFirst) {
+TEST_F(PartitionNumberTest, DeviceTreeIsSearchedFirst) {
   machine.addRegistryEntry("three", "IOMedia", partition("disk0s3", 3), {{kDeviceTreePlane, root()}});
   addService("other", partition("disk0s3", 7));
   EXPECT_EQ(partitionForDeviceIdentifier("disk0s3"), 3);
@@ -172,7 +172,7 @@ TEST_F(PartitionNumberTest, DeviceTreeIsAskedFirst) {
   EXPECT_EQ(machine.heldRegistryEntries(), 0U);
 }
 
-TEST_F(PartitionNumberTest, ServicePlaneIsAskedWhenTheDeviceTreeHasNone) {
+TEST_F(PartitionNumberTest, ServicePlaneIsSearchedIfTheDeviceTreeHasNoMatch) {
   addService("three", partition("disk0s3", 3));
   EXPECT_EQ(partitionForDeviceIdentifier("disk0s3"), 3);
   EXPECT_EQ(log(), std::string(kGetting) + kGetting + "Found partition number: 3");
@@ -187,14 +187,14 @@ TEST_F(PartitionNumberTest, NumberZeroInTheDeviceTreeCountsAsNotFound) {
   EXPECT_EQ(log(), std::string(kGetting) + "Found partition number: 0" + kGetting + "Found partition number: 4");
 }
 
-TEST_F(PartitionNumberTest, AnyOtherNumberInTheDeviceTreeIsTheAnswer) {
+TEST_F(PartitionNumberTest, AnyOtherNumberInTheDeviceTreeIsReturned) {
   machine.addRegistryEntry("odd", "IOMedia", partition("disk0s3", -1), {{kDeviceTreePlane, root()}});
   addService("four", partition("disk0s3", 4));
   EXPECT_EQ(partitionForDeviceIdentifier("disk0s3"), -1);
   EXPECT_EQ(log(), std::string(kGetting) + "Found partition number: -1");
 }
 
-TEST_F(PartitionNumberTest, UnknownNameIsZeroAfterBothPlanes) {
+TEST_F(PartitionNumberTest, UnknownNameReturnsZeroAfterBothPlanes) {
   addService("three", partition("disk0s3", 3));
   EXPECT_EQ(partitionForDeviceIdentifier("disk0s4"), 0);
   EXPECT_EQ(log(), std::string(kGetting) + kGetting);
@@ -217,7 +217,7 @@ TEST_F(PartitionNumberTest, DeepEntriesAreFound) {
   EXPECT_EQ(partitionForDeviceIdentifierOnGivenPlane("disk0s3", kServicePlane), 3);
 }
 
-TEST_F(PartitionNumberTest, NamesAreComparedWithoutCaseAndWhole) {
+TEST_F(PartitionNumberTest, NamesAreComparedWholeAndWithoutRegardToCase) {
   addService("three", partition("disk0s3", 3));
   addService("thirty-two", partition("Disk0S32", 32));
   EXPECT_EQ(partitionForDeviceIdentifierOnGivenPlane("DISK0s3", kServicePlane), 3);
@@ -227,7 +227,7 @@ TEST_F(PartitionNumberTest, NamesAreComparedWithoutCaseAndWhole) {
   EXPECT_EQ(partitionForDeviceIdentifierOnGivenPlane("", kServicePlane), 0);
 }
 
-TEST_F(PartitionNumberTest, EntryWithoutPartitionNumberIsPassedOver) {
+TEST_F(PartitionNumberTest, EntryWithoutPartitionNumberIsSkipped) {
   addService("nameOnly", dictionaryOf({{"BSD Name", textValue("disk0s3")}}));
   addService("numberOnly", dictionaryOf({{"Partition ID", Value(int64_t{9})}}));
   addService("three", partition("disk0s3", 3));
@@ -254,7 +254,7 @@ TEST_F(PartitionNumberTest, NumberThatDoesNotFitIsLoggedWithAFixedNumber) {
                        "Found partition number: " + std::to_string(result));
 }
 
-TEST_F(PartitionNumberTest, PartitionNumberThatIsNoNumberLeavesZero) {
+TEST_F(PartitionNumberTest, PartitionNumberStoredAsTextReturnsZero) {
   addService("text", dictionaryOf({{"BSD Name", textValue("disk0s3")}, {"Partition ID", textValue("3")}}));
   EXPECT_EQ(partitionForDeviceIdentifierOnGivenPlane("disk0s3", kServicePlane), 0);
   EXPECT_EQ(log(), std::string(kGetting) + "Could not get number from CFNumber 170Found partition number: 0");
@@ -274,7 +274,7 @@ TEST_F(PartitionNumberTest, MissingIteratorIsLoggedAndFindsNothing) {
   EXPECT_EQ(log(), kGetting + "IORegistryCreateIterator() failed with error %{errno}d");
 }
 
-TEST_F(PartitionNumberTest, EntryWhosePropertiesCannotBeReadIsLoggedAndPassedOver) {
+TEST_F(PartitionNumberTest, EntryWhosePropertiesCannotBeReadIsLoggedAndSkipped) {
   const RegistryEntryID broken = addService("broken", partition("disk0s3", 7));
   addService("three", partition("disk0s3", 3));
   machine.failRegistry(RegistryCall::copyProperties, 5, broken);
@@ -284,10 +284,10 @@ TEST_F(PartitionNumberTest, EntryWhosePropertiesCannotBeReadIsLoggedAndPassedOve
   EXPECT_EQ(machine.heldRegistryEntries(), 0U);
 }
 
-TEST_F(PartitionNumberTest, EntryWithoutAnyPropertiesIsLoggedAndPassedOver) {
+TEST_F(PartitionNumberTest, EntryWithoutAnyPropertiesIsLoggedAndSkipped) {
   const RegistryEntryID bare = addService("bare", partition("disk0s3", 7));
   addService("three", partition("disk0s3", 3));
-  machine.failRegistry(RegistryCall::copyProperties, 0, bare);  // success, but nothing is given
+  machine.failRegistry(RegistryCall::copyProperties, 0, bare);  // success, but without properties
   EXPECT_EQ(partitionForDeviceIdentifierOnGivenPlane("disk0s3", kServicePlane), 3);
   EXPECT_EQ(log(),
             kGetting + "IORegistryEntryCreateCFProperties failed with error %{errno}d" + "Found partition number: 3");

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The device manager itself: the shared instance, its properties, and the way of its messages.
+// The device manager itself: the shared instance, its properties, and the delivery of its messages.
 #include <array>
 #include <atomic>
 #include <thread>
@@ -17,7 +17,7 @@ using testing::IsEmpty;
 
 void require(bool condition, const char* what) {
   if (condition) return;
-  std::fprintf(stderr, "not so: %s\n", what);
+  std::fprintf(stderr, "does not hold: %s\n", what);
   std::_Exit(1);
 }
 
@@ -34,9 +34,9 @@ void require(bool condition, const char* what) {
   }
   go = true;
   for (auto& thread : threads) thread.join();
-  require(found[0] != nullptr, "an instance");
-  for (const auto& one : found) require(one == found[0], "one instance for all threads");
-  require(myObj == found[0], "myObj is it");
+  require(found[0] != nullptr, "an instance exists");
+  for (const auto& one : found) require(one == found[0], "all threads get the same instance");
+  require(myObj == found[0], "myObj is the instance");
   require(found[0]->fileManager() == FileManager::defaultManager(), "it has the default file manager");
   require(found[0]->delegate() == nullptr && found[0]->log() == nullptr, "it has neither delegate nor log");
   require(found[0]->mountStatus() == 0 && found[0]->unmountStatus() == 0, "its statuses are 0");
@@ -44,19 +44,19 @@ void require(bool condition, const char* what) {
   std::_Exit(0);
 }
 
-TEST(DeviceManagerDeathTest, ThreadsThatAskFirstGetOneFreshInstance) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process in which nobody has asked yet
+TEST(DeviceManagerDeathTest, ConcurrentFirstCallsGetOneFreshInstance) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process that has not created the instance yet
   EXPECT_EXIT(makeSharedInstanceOnManyThreads(), testing::ExitedWithCode(0), "");
 }
 
 using DeviceManagerCoreTest = DeviceManagerTest;
 
-TEST_F(DeviceManagerCoreTest, EveryCallGivesTheSameInstanceWhichPlainFunctionsHaveToo) {
+TEST_F(DeviceManagerCoreTest, EveryCallAndTheGlobalGiveTheSameInstance) {
   EXPECT_EQ(QDDeviceManager::sharedDeviceManager(), manager);
   EXPECT_EQ(myObj, manager);
 }
 
-TEST_F(DeviceManagerCoreTest, AnotherInstanceIsFresh) {
+TEST_F(DeviceManagerCoreTest, AnotherInstanceHasDefaultValues) {
   manager->setDidMount(true);
   manager->setMountStatus(1);
   const auto other = QDDeviceManager::init();
@@ -89,11 +89,11 @@ TEST_F(DeviceManagerCoreTest, EveryPropertyCanBeSet) {
   EXPECT_EQ(other->fileManager(), files);
   EXPECT_EQ(other->log(), log);
   EXPECT_EQ(other->delegate(), delegate);
-  EXPECT_FALSE(manager->didMount());  // each has its own
+  EXPECT_FALSE(manager->didMount());  // each instance has its own state
   EXPECT_EQ(manager->log(), nullptr);
 }
 
-TEST_F(DeviceManagerCoreTest, FileManagerAndLogAreHeldAndTheDelegateIsNot) {
+TEST_F(DeviceManagerCoreTest, FileManagerAndLogAreRetainedAndTheDelegateIsNot) {
   const auto other = QDDeviceManager::init();
   auto log = std::make_shared<LineCollector>();
   auto files = std::make_shared<FileManager>();
@@ -109,7 +109,7 @@ TEST_F(DeviceManagerCoreTest, FileManagerAndLogAreHeldAndTheDelegateIsNot) {
   EXPECT_EQ(delegate.use_count(), 1);
 }
 
-TEST_F(DeviceManagerCoreTest, TheLogObjectIsToldNothing) {
+TEST_F(DeviceManagerCoreTest, TheLogObjectGetsNoLines) {
   const auto log = std::make_shared<LineCollector>();
   manager->setLog(log);
   manager->logString("line");
@@ -150,7 +150,7 @@ TEST_F(DeviceManagerCoreTest, WithoutADelegateALineIsDropped) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerCoreTest, ADelegateThatTakesNoLinesIsKeptAndToldNothing) {
+TEST_F(DeviceManagerCoreTest, ADelegateThatTakesNoLinesIsKeptAndGetsNone) {
   const auto deaf = std::make_shared<DeafDelegate>();
   manager->setDelegate(deaf);
   manager->logString("line");
@@ -159,7 +159,7 @@ TEST_F(DeviceManagerCoreTest, ADelegateThatTakesNoLinesIsKeptAndToldNothing) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerCoreTest, ADelegateThatHasGoneIsNone) {
+TEST_F(DeviceManagerCoreTest, ADestroyedDelegateCountsAsAbsent) {
   auto shortLived = std::make_shared<LineCollector>();
   manager->setDelegate(shortLived);
   manager->logString("line");
@@ -170,7 +170,7 @@ TEST_F(DeviceManagerCoreTest, ADelegateThatHasGoneIsNone) {
   EXPECT_FALSE(manager->mountDiskAtDevicePath("disk9s1", true));
 }
 
-TEST_F(DeviceManagerCoreTest, EveryLineGoesToTheDelegateOfItsTime) {
+TEST_F(DeviceManagerCoreTest, EveryLineGoesToTheCurrentDelegate) {
   const auto second = std::make_shared<LineCollector>();
   manager->logString("one");
   manager->setDelegate(second);
@@ -183,7 +183,7 @@ TEST_F(DeviceManagerCoreTest, EveryLineGoesToTheDelegateOfItsTime) {
   EXPECT_THAT(second->lines, ElementsAre("two"));
 }
 
-TEST_F(DeviceManagerCoreTest, ADelegateMayTakeItselfAwayInTheMiddleOfAnOperation) {
+TEST_F(DeviceManagerCoreTest, ADelegateMayRemoveItselfDuringAnOperation) {
   delegate->onLine = [this](const std::string&) { manager->setDelegate(nullptr); };
   EXPECT_FALSE(manager->mountDiskAtDevicePath("disk9s1", false));
   EXPECT_THAT(lines(), ElementsAre("Mounting disk9s1"));
@@ -198,7 +198,7 @@ TEST_F(DeviceManagerCoreTest, ADelegateMayLogAgain) {
 }
 
 TEST_F(DeviceManagerCoreTest, ADelegateMayBeReplacedByAnotherThreadAtAnyTime) {
-  constexpr int kEnough = 100;  // lines that were delivered; by then either thread has met the other
+  constexpr int kEnough = 100;  // delivered lines; by then the threads have run concurrently
   std::atomic<bool> done = false;
   std::atomic<int> told = 0;
   std::thread replacer([&] {
@@ -212,12 +212,12 @@ TEST_F(DeviceManagerCoreTest, ADelegateMayBeReplacedByAnotherThreadAtAnyTime) {
   int logged = 0;
   for (; !done; ++logged) manager->logString("line");
   replacer.join();
-  EXPECT_EQ(manager->delegate(), nullptr);  // the last one has gone, too
+  EXPECT_EQ(manager->delegate(), nullptr);  // the last one is destroyed too
   EXPECT_GE(told, kEnough);
   EXPECT_LE(told, logged);
 }
 
-TEST_F(DeviceManagerCoreTest, ALineGivenToAnotherInstanceGoesToItsOwnDelegate) {
+TEST_F(DeviceManagerCoreTest, ALineLoggedThroughAnotherInstanceGoesToItsOwnDelegate) {
   const auto other = QDDeviceManager::init();
   const auto own = std::make_shared<LineCollector>();
   other->setDelegate(own);
@@ -236,11 +236,11 @@ TEST_F(DeviceManagerCoreTest, MessagesOfAnotherInstanceGoToTheSharedOnesDelegate
   EXPECT_THAT(own->lines, IsEmpty());
 }
 
-TEST_F(DeviceManagerCoreTest, WhatAnotherInstanceTellsOfStartupDisksGoesToTheSharedOnesDelegate) {
+TEST_F(DeviceManagerCoreTest, StartupDiskMessagesOfAnotherInstanceGoToTheSharedOnesDelegate) {
   const auto other = QDDeviceManager::init();
   const auto own = std::make_shared<LineCollector>();
   other->setDelegate(own);
-  OutputCapture output(STDOUT_FILENO);  // of the disk that is not there
+  OutputCapture output(STDOUT_FILENO);  // for the missing disk's message
   static_cast<void>(other->bootTypeForDisk(makeVolume("/dev/disk9s1", "/Volumes/Mac", "hfs")));
   static_cast<void>(other->selectStartupDisk(makeVolume("/dev/disk9s1"), 6, true));
   EXPECT_THAT(lines(), ElementsAre("Found HFS or APFS disk", "Setting startup disk to device /dev/disk9s1",
@@ -258,7 +258,7 @@ TEST_F(DeviceManagerCoreTest, OnlyTheMountsSecondMessageGoesToTheReceiversOwnDel
   EXPECT_THAT(own->lines, ElementsAre("More than 1 partition found!"));
 }
 
-TEST_F(DeviceManagerCoreTest, MessagesOfAnotherInstanceAreDroppedWithoutADelegateOfTheSharedOne) {
+TEST_F(DeviceManagerCoreTest, MessagesOfAnotherInstanceAreDroppedIfTheSharedOneHasNoDelegate) {
   const auto other = QDDeviceManager::init();
   other->setDelegate(delegate);
   manager->setDelegate(nullptr);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whether the machine can start Windows by EFI, by the host's list of models that cannot.
+// Whether the machine can start Windows by EFI, according to the host's list of models that cannot.
 #include "tests/unit/support/DeviceManagerFixture.h"
 
 namespace vorlix::test {
@@ -27,26 +27,26 @@ class DeviceManagerEFIBootTest : public DeviceManagerTest {
 class DeviceManagerEFIBootListTest : public DeviceManagerEFIBootTest,
                                      public testing::WithParamInterface<const char*> {};
 
-TEST_P(DeviceManagerEFIBootListTest, AModelInTheListCannot) {
+TEST_P(DeviceManagerEFIBootListTest, AModelInTheListCannotBoot) {
   shipSample(GetParam());
   setModel("MacBookPro5,5");
   EXPECT_FALSE(manager->isEFIWindowsBootable());
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_P(DeviceManagerEFIBootListTest, AModelThatIsNotInTheListCan) {
+TEST_P(DeviceManagerEFIBootListTest, AModelOutsideTheListCanBoot) {
   shipSample(GetParam());
   setModel("MacBookPro14,3");
   EXPECT_TRUE(manager->isEFIWindowsBootable());
 }
 
-TEST_P(DeviceManagerEFIBootListTest, OnlyTheWholeNameInItsCaseCounts) {
+TEST_P(DeviceManagerEFIBootListTest, CaseMatters) {
   shipSample(GetParam());
   setModel("macbookpro5,5");
   EXPECT_TRUE(manager->isEFIWindowsBootable());
 }
 
-TEST_P(DeviceManagerEFIBootListTest, APartOfANameDoesNotCount) {
+TEST_P(DeviceManagerEFIBootListTest, APartOfANameDoesNotMatch) {
   shipSample(GetParam());
   setModel("MacBookPro5");
   EXPECT_TRUE(manager->isEFIWindowsBootable());
@@ -61,13 +61,13 @@ INSTANTIATE_TEST_SUITE_P(Lists, DeviceManagerEFIBootListTest,
                            return name.replace(name.find('-'), 1, "_");
                          });
 
-TEST_F(DeviceManagerEFIBootTest, BlanksInTheMachinesModelDoNotMatter) {
+TEST_F(DeviceManagerEFIBootTest, BlanksInTheMachinesModelAreIgnored) {
   shipSample("models-xml.plist");
   setModel("Mac Pro5,1 ");
   EXPECT_FALSE(manager->isEFIWindowsBootable());
 }
 
-TEST_F(DeviceManagerEFIBootTest, WithoutAListItCan) {
+TEST_F(DeviceManagerEFIBootTest, WithoutAListItCanBoot) {
   setModel("MacBookPro5,5");
   EXPECT_TRUE(manager->isEFIWindowsBootable());
   shipList(mounts / "nowhere.plist");
@@ -75,7 +75,7 @@ TEST_F(DeviceManagerEFIBootTest, WithoutAListItCan) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerEFIBootTest, AListElsewhereAmongTheResourcesIsNotTaken) {
+TEST_F(DeviceManagerEFIBootTest, AListElsewhereAmongTheResourcesIsIgnored) {
   setModel("MacBookPro5,5");
   const std::string path = placeSample("models-xml.plist");
   machine.addResource("BeforeEFI", "xml", path);
@@ -84,7 +84,7 @@ TEST_F(DeviceManagerEFIBootTest, AListElsewhereAmongTheResourcesIsNotTaken) {
   EXPECT_TRUE(manager->isEFIWindowsBootable());
 }
 
-TEST_F(DeviceManagerEFIBootTest, AnythingButAnArrayNamesNoModel) {
+TEST_F(DeviceManagerEFIBootTest, AnythingButAnArrayListsNoModel) {
   setModel("MacBookPro5,5");
   for (const char* name :
        {"dictionary-xml.plist", "dictionary-binary.plist", "text-xml.plist", "text-binary.plist", "empty-xml.plist"}) {
@@ -93,7 +93,7 @@ TEST_F(DeviceManagerEFIBootTest, AnythingButAnArrayNamesNoModel) {
   }
 }
 
-TEST_F(DeviceManagerEFIBootTest, ABrokenListNamesNoModel) {
+TEST_F(DeviceManagerEFIBootTest, ADamagedListListsNoModel) {
   setModel("MacBookPro5,5");
   for (const char* sample : {"models-xml.plist", "models-binary.plist"}) {
     const std::string whole = contentOf(std::string(VORLIX_TEST_DATA) + "/plists/" + sample);
@@ -109,7 +109,7 @@ TEST_F(DeviceManagerEFIBootTest, ABrokenListNamesNoModel) {
   EXPECT_TRUE(manager->isEFIWindowsBootable());
 }
 
-TEST_F(DeviceManagerEFIBootTest, AListOfMoreThanAMebibyteNamesNoModel) {
+TEST_F(DeviceManagerEFIBootTest, AListLargerThanAMebibyteListsNoModel) {
   setModel("MacBookPro5,5");
   const std::string list = contentOf(std::string(VORLIX_TEST_DATA) + "/plists/models-xml.plist");
   shipList(placeFile("large.plist", list + std::string((1 << 20) - list.size(), '\n')));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Finding a volume in the list again, counting Windows-type partitions, and the built-in one.
+// Finding a listed volume, counting Windows-type partitions, and finding the built-in one.
 #include "tests/unit/support/DeviceManagerFixture.h"
 
 namespace vorlix::test {
@@ -9,7 +9,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// Passes everything on and keeps the names that disks are asked for by.
+/// Forwards all calls and records the names by which disks are requested.
 class RecordingArbitration : public DiskArbitration {
  public:
   explicit RecordingArbitration(std::shared_ptr<DiskArbitration> real) : real_(std::move(real)) {}
@@ -55,7 +55,7 @@ class DeviceManagerListingLookupsTest : public DeviceManagerTest {
   const UUID medium = *UUID::fromText(kPartitionText);
 };
 
-// --------------------------------------------------------------------------------------------------------- one volume
+// ---------------------------------------------------------------------------------------------------------- one volume
 
 TEST_F(DeviceManagerListingLookupsTest, TheFirstVolumeOfAMediumIsFound) {
   mountVolume("disk2s1", "Other", "ntfs");
@@ -69,7 +69,7 @@ TEST_F(DeviceManagerListingLookupsTest, TheFirstVolumeOfAMediumIsFound) {
   EXPECT_EQ(manager->volumeWithMediaUUID(UUID()), nullptr);
 }
 
-TEST_F(DeviceManagerListingLookupsTest, OfSeveralVolumesOfAMediumTheNodeDecides) {
+TEST_F(DeviceManagerListingLookupsTest, TheNodeSelectsAmongSeveralVolumesOfAMedium) {
   mountVolume("disk2s2", "First", "ntfs");
   mountVolume("disk2s3", "Second", "ntfs");
   setMediaUUID("disk2s2", kPartitionText);
@@ -81,13 +81,13 @@ TEST_F(DeviceManagerListingLookupsTest, OfSeveralVolumesOfAMediumTheNodeDecides)
   EXPECT_EQ(manager->volumeWithMediaUUID(*UUID::fromText(kDiskText), node("/dev/disk2s3")), nullptr);
 }
 
-TEST_F(DeviceManagerListingLookupsTest, AVolumeOfNoKnownMediumIsNotFoundByIt) {
+TEST_F(DeviceManagerListingLookupsTest, AVolumeWithoutAMediumUUIDIsNotFound) {
   mountVolume("disk2s2", "Data", "ntfs");
   EXPECT_EQ(manager->volumeWithMediaUUID(UUID()), nullptr);
   EXPECT_EQ(manager->volumeWithMediaUUID(UUID(), node("/dev/disk2s2")), nullptr);
 }
 
-TEST_F(DeviceManagerListingLookupsTest, TheFirstVolumeOfAnExactNameIsFound) {
+TEST_F(DeviceManagerListingLookupsTest, TheFirstVolumeWithTheExactNameIsFound) {
   mountVolume("disk2s1", "data", "ntfs");
   mountVolume("disk2s2", "Data", "ntfs");
   machine.addMountedVolume({"Data", mounts / "Data", "/dev/disk2s1", 1, 1});
@@ -99,7 +99,7 @@ TEST_F(DeviceManagerListingLookupsTest, TheFirstVolumeOfAnExactNameIsFound) {
   EXPECT_EQ(manager->volumeForLabel(""), nullptr);
 }
 
-TEST_F(DeviceManagerListingLookupsTest, AVolumeIsFoundByItsDeviceAsItIsListed) {
+TEST_F(DeviceManagerListingLookupsTest, AVolumeIsFoundByItsListedDevice) {
   mountVolume("disk2s1", "One", "ntfs");
   mountVolume("disk2s10", "Ten", "ntfs");
   mountVolumeFrom("ntfs://disk4s1/Data", "disk4s1", "Driver", "ntfs");
@@ -121,7 +121,7 @@ TEST_F(DeviceManagerListingLookupsTest, MacVolumesAreNeverFound) {
   EXPECT_EQ(manager->pathForDevice("/dev/disk2s1"), std::nullopt);
 }
 
-TEST_F(DeviceManagerListingLookupsTest, VolumesAreFoundWithWindowsOrWithout) {
+TEST_F(DeviceManagerListingLookupsTest, VolumesAreFoundWithAndWithoutWindows) {
   mountVolume("disk2s1", "Empty", "exfat");
   mountVolume("disk2s2", "BOOTCAMP", "ntfs");
   installWindows("BOOTCAMP");
@@ -129,7 +129,7 @@ TEST_F(DeviceManagerListingLookupsTest, VolumesAreFoundWithWindowsOrWithout) {
   EXPECT_TRUE(manager->volumeForLabel("BOOTCAMP")->hasWindows());
 }
 
-TEST_F(DeviceManagerListingLookupsTest, EveryLookUpListsAnewAndOnce) {
+TEST_F(DeviceManagerListingLookupsTest, EveryLookUpListsAfreshAndOnce) {
   mountVolume("disk2s1", "Data", "ntfs");
   const std::vector<std::function<void()>> lookUps = {
       [this] { static_cast<void>(manager->volumeForLabel("Data")); },
@@ -148,8 +148,7 @@ TEST_F(DeviceManagerListingLookupsTest, EveryLookUpListsAnewAndOnce) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-// ----------------------------------------------------------------------------------------------------------- mount
-// path
+// ---------------------------------------------------------------------------------------------------------- mount path
 
 TEST_F(DeviceManagerListingLookupsTest, TheMountPathOfAListedDeviceIsFound) {
   mountVolume("disk2s1", "One", "ntfs");
@@ -158,7 +157,7 @@ TEST_F(DeviceManagerListingLookupsTest, TheMountPathOfAListedDeviceIsFound) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerListingLookupsTest, AMountPathThatIsNotFoundIsSaid) {
+TEST_F(DeviceManagerListingLookupsTest, AMissingMountPathIsLogged) {
   mountVolume("disk2s1", "One", "ntfs");
   for (const char* device : {"disk2s1", "/dev/disk2s2", ""}) {
     EXPECT_EQ(manager->pathForDevice(device), std::nullopt) << device;
@@ -166,7 +165,7 @@ TEST_F(DeviceManagerListingLookupsTest, AMountPathThatIsNotFoundIsSaid) {
   EXPECT_EQ(lines(), Lines(3, "COULD NOT FIND MOUNT!"));
 }
 
-TEST_F(DeviceManagerListingLookupsTest, TheMountPathIsLookedUpByAnInstanceOfItsOwn) {
+TEST_F(DeviceManagerListingLookupsTest, TheMountPathIsLookedUpByASeparateInstance) {
   mountVolume("disk2s1", "One", "ntfs");
   manager->setUnmountStatus(7);
   const auto other = QDDeviceManager::init();
@@ -179,7 +178,7 @@ TEST_F(DeviceManagerListingLookupsTest, TheMountPathIsLookedUpByAnInstanceOfItsO
 
 // ------------------------------------------------------------------------------------------------------------ counting
 
-TEST_F(DeviceManagerListingLookupsTest, WithoutVolumesThereAreNoMicrosoftPartitions) {
+TEST_F(DeviceManagerListingLookupsTest, WithoutVolumesTheCountIsZero) {
   EXPECT_EQ(manager->numberOfMSPartitions(), 0);
   mountVolume("disk0s1", "Plus", "hfs");
   setInternal("disk0s1");
@@ -212,16 +211,15 @@ TEST_F(DeviceManagerListingLookupsTest, OnlyTheExactTypeCounts) {
   machine.setDescription("disk0s2", "DAVolumeType", textValue("msdos2"));
   machine.removeDescription("disk0s3", "DAVolumeType");
   EXPECT_EQ(manager->numberOfMSPartitions(), 0);
-  // The kind is what passes the list's filter, the type is what is counted.
+  // The kind passes the list's filter, and the type is counted.
   machine.setDescription("disk0s3", "DAVolumeKind", textValue("exfat"));
   machine.setDescription("disk0s3", "DAVolumeType", textValue("ntfs"));
   EXPECT_EQ(manager->numberOfMSPartitions(), 1);
 }
 
-// ----------------------------------------------------------------------------------------------- the built-in
-// partition
+// ---------------------------------------------------------------------------------------------- the built-in partition
 
-TEST_F(DeviceManagerListingLookupsTest, TheOneInternalWindowsPartitionIsFound) {
+TEST_F(DeviceManagerListingLookupsTest, TheOnlyInternalWindowsPartitionIsFound) {
   mountVolume("disk2s1", "External", "ntfs");
   setInternal("disk2s1", false);
   mountVolume("disk0s3", "BOOTCAMP", "ntfs");
@@ -234,7 +232,7 @@ TEST_F(DeviceManagerListingLookupsTest, TheOneInternalWindowsPartitionIsFound) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerListingLookupsTest, WithoutAnInternalWindowsPartitionThereIsNone) {
+TEST_F(DeviceManagerListingLookupsTest, NullWithoutAnInternalWindowsPartition) {
   EXPECT_EQ(manager->builtInBootcampPartition(), nullptr);
   mountVolume("disk2s1", "External", "ntfs");
   EXPECT_EQ(manager->builtInBootcampPartition(), nullptr);
@@ -274,7 +272,7 @@ TEST_F(DeviceManagerListingLookupsTest, AVolumeWithoutADescribedNameIsCounted) {
   EXPECT_EQ(nameOf(manager->builtInBootcampPartition()), "EFI");
 }
 
-TEST_F(DeviceManagerListingLookupsTest, NTFSIsLookedForInTheKindInAnyCaseAndFATExactly) {
+TEST_F(DeviceManagerListingLookupsTest, NTFSMatchesTheKindInAnyCaseAndFATMatchesExactly) {
   mountVolume("disk0s3", "Upper", "Fuse-NTFS");
   setInternal("disk0s3");
   EXPECT_EQ(nameOf(manager->builtInBootcampPartition()), "Upper");
@@ -292,10 +290,10 @@ TEST_F(DeviceManagerListingLookupsTest, AnInternalVolumeWithoutAKindIsNotCounted
   setInternal("disk0s3");
   machine.removeDescription("disk0s3", "DAVolumeKind");
   EXPECT_EQ(manager->builtInBootcampPartition(), nullptr);
-  EXPECT_EQ(manager->numberOfMSPartitions(), 1);  // by its type
+  EXPECT_EQ(manager->numberOfMSPartitions(), 1);  // counted by its type
 }
 
-TEST_F(DeviceManagerListingLookupsTest, TheDeviceIsAskedForWithItsFolderTwice) {
+TEST_F(DeviceManagerListingLookupsTest, TheDeviceIsRequestedWithTheFolderPrefixTwice) {
   mountVolume("disk0s3", "BOOTCAMP", "ntfs");
   setInternal("disk0s3");
   Platform ports = machine.platform();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The list of mounted volumes: which are in it, in what order, and with what fields.
+// The list of mounted volumes: its members, their order, and their fields.
 #include <limits>
 
 #include "tests/unit/support/DeviceManagerFixture.h"
@@ -16,7 +16,7 @@ class DeviceManagerListingTest : public DeviceManagerTest {
   Volumes all() { return manager->attachedDisks(); }
   Volumes windowsKinds() { return manager->attachedDisksShowingWindowsOnly(false); }
 
-  /// The only volume there is.
+  /// The only listed volume.
   std::shared_ptr<QDVolume> one() {
     const Volumes volumes = all();
     if (volumes.size() != 1) throw std::runtime_error(std::to_string(volumes.size()) + " volumes");
@@ -24,8 +24,7 @@ class DeviceManagerListingTest : public DeviceManagerTest {
   }
 };
 
-// -------------------------------------------------------------------------------------------------- which and in what
-// order
+// --------------------------------------------------------------------------------------------------- members and order
 
 TEST_F(DeviceManagerListingTest, WithoutMountedVolumesTheListIsEmpty) {
   EXPECT_THAT(all(), IsEmpty());
@@ -43,7 +42,7 @@ TEST_F(DeviceManagerListingTest, VolumesComeInMountOrder) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerListingTest, MacVolumesAreListedOnlyIfAllDisksAreAskedFor) {
+TEST_F(DeviceManagerListingTest, MacVolumesAreListedOnlyIfAllDisksAreRequested) {
   mountVolume("disk0s1", "Plus", "hfs");
   mountVolume("disk0s2", "Container", "apfs");
   mountVolume("disk0s3", "Card", "exfat");
@@ -55,7 +54,7 @@ TEST_F(DeviceManagerListingTest, MacVolumesAreListedOnlyIfAllDisksAreAskedFor) {
   EXPECT_THAT(namesOf(manager->attachedDisksShowingWindowsOnly(false, false)), ElementsAre("Card"));
 }
 
-TEST_F(DeviceManagerListingTest, TheKindIsLookedIntoWithoutRegardToItsCase) {
+TEST_F(DeviceManagerListingTest, TheKindIsSearchedWithoutRegardToCase) {
   mountVolume("disk0s1", "Upper", "NTFS");
   mountVolume("disk0s2", "Within", "fuse-NTFS-3g");
   mountVolume("disk0s3", "Dos", "MsDos");
@@ -64,7 +63,7 @@ TEST_F(DeviceManagerListingTest, TheKindIsLookedIntoWithoutRegardToItsCase) {
   EXPECT_THAT(namesOf(windowsKinds()), ElementsAre("Upper", "Within", "Dos", "Ex"));
 }
 
-TEST_F(DeviceManagerListingTest, TheKindWithAHyphenIsNeverFound) {
+TEST_F(DeviceManagerListingTest, TheKindWithAHyphenNeverMatches) {
   mountVolume("disk0s1", "Upper", "MS-DOS");
   mountVolume("disk0s2", "Lower", "ms-dos");
   EXPECT_THAT(windowsKinds(), IsEmpty());
@@ -82,7 +81,7 @@ TEST_F(DeviceManagerListingTest, AnEmptyKindDoesNotPassTheFilter) {
   EXPECT_THAT(windowsKinds(), IsEmpty());
 }
 
-TEST_F(DeviceManagerListingTest, AVolumeThatIsNotDescribedIsListedWithWhatIsKnown) {
+TEST_F(DeviceManagerListingTest, AVolumeWithoutADescriptionIsListedWithTheKnownFields) {
   const std::string path = mountVolume("disk0s1", "Silent", "ntfs");
   machine.hideDescription("disk0s1");
   const Volumes volumes = windowsKinds();
@@ -98,7 +97,7 @@ TEST_F(DeviceManagerListingTest, AVolumeThatIsNotDescribedIsListedWithWhatIsKnow
   EXPECT_TRUE(volumes[0]->volumeUUID());
 }
 
-TEST_F(DeviceManagerListingTest, AVolumeWithoutAMountPathIsLeftOutAndNotAskedAbout) {
+TEST_F(DeviceManagerListingTest, AVolumeWithoutAMountPathIsOmittedAndNotQueried) {
   addDevice("disk0s1");
   machine.addMountedVolume({"Pathless", std::nullopt, "/dev/disk0s1", 1, 1});
   EXPECT_THAT(all(), IsEmpty());
@@ -107,14 +106,14 @@ TEST_F(DeviceManagerListingTest, AVolumeWithoutAMountPathIsLeftOutAndNotAskedAbo
   EXPECT_THAT(namesOf(all()), ElementsAre("After"));
 }
 
-TEST_F(DeviceManagerListingTest, AVolumeWithoutAWholeDiskIsLeftOut) {
+TEST_F(DeviceManagerListingTest, AVolumeWithoutAWholeDiskIsOmitted) {
   machine.addMountedVolume({"Share", mounts / "share", "//user@server/share", 1, 1});
   mountVolume("disk0s1", "Hidden", "ntfs");
   machine.hideWholeDisk("disk0s1");
   mountVolume("disk0s2", "After", "ntfs");
   OutputCapture output(STDOUT_FILENO);
   const Volumes volumes = all();
-  EXPECT_EQ(output.text(), "disk NULL");  // the share's
+  EXPECT_EQ(output.text(), "disk NULL");  // for the share
   EXPECT_THAT(namesOf(volumes), ElementsAre("After"));
 }
 
@@ -129,7 +128,7 @@ TEST_F(DeviceManagerListingTest, WithoutASessionNothingIsListed) {
 
 // -------------------------------------------------------------------------------------------------------------- fields
 
-TEST_F(DeviceManagerListingTest, NamesAndPathsAreTheVolumes) {
+TEST_F(DeviceManagerListingTest, NamesAndPathsAreThoseOfTheVolume) {
   const std::string path = mountVolume("disk2s3", "Daten \xC3\xA4", "msdos");
   const auto volume = one();
   EXPECT_EQ(volume->diskName(), "Daten \xC3\xA4");
@@ -140,19 +139,19 @@ TEST_F(DeviceManagerListingTest, NamesAndPathsAreTheVolumes) {
   EXPECT_EQ(volume->volumeType(), "disk");
 }
 
-TEST_F(DeviceManagerListingTest, TheNameIsThatOfTheMountAndNotOfTheDescription) {
+TEST_F(DeviceManagerListingTest, TheNameComesFromTheMountAndNotFromTheDescription) {
   mountVolume("disk2s3", "Mounted", "msdos");
   machine.setDescription("disk2s3", "DAVolumeName", textValue("Described"));
   EXPECT_EQ(one()->diskName(), "Mounted");
 }
 
-TEST_F(DeviceManagerListingTest, TheTypeIsThatOfTheVolumeMountedThere) {
+TEST_F(DeviceManagerListingTest, TheTypeComesFromTheVolumeMountedThere) {
   mountVolume("disk2s3", "Data", "msdos");
   machine.setDescription("disk2s3", "DAVolumeType", textValue("MS-DOS (FAT32)"));
   EXPECT_EQ(one()->fileSystemType(), "MS-DOS (FAT32)");
 }
 
-TEST_F(DeviceManagerListingTest, SizesAreDecimalTextAndForPeoplesEyes) {
+TEST_F(DeviceManagerListingTest, SizesAreDecimalAndHumanReadable) {
   addDevice("disk2s3");
   machine.addMountedVolume({"Data", mounts / "", "/dev/disk2s3", 500107862016, 8589934592});
   const auto volume = one();
@@ -161,7 +160,7 @@ TEST_F(DeviceManagerListingTest, SizesAreDecimalTextAndForPeoplesEyes) {
   EXPECT_EQ(volume->humanSize(), "500.11 GB");
 }
 
-TEST_F(DeviceManagerListingTest, AnEmptyFileSystemHasNoSizeForPeoplesEyes) {
+TEST_F(DeviceManagerListingTest, AnEmptyFileSystemHasAnEmptyHumanReadableSize) {
   addDevice("disk2s3");
   machine.addMountedVolume({"Data", mounts / "", "/dev/disk2s3", 0, 0});
   const auto volume = one();
@@ -170,7 +169,7 @@ TEST_F(DeviceManagerListingTest, AnEmptyFileSystemHasNoSizeForPeoplesEyes) {
   EXPECT_EQ(volume->humanSize(), "");
 }
 
-TEST_F(DeviceManagerListingTest, SizesThatTheFileSystemDidNotTellAreZeroAndNoneForPeoplesEyes) {
+TEST_F(DeviceManagerListingTest, UnknownSizesAreZeroAndAbsentInHumanReadableForm) {
   addDevice("disk2s3");
   machine.addMountedVolume({"Data", mounts / "", "/dev/disk2s3", std::nullopt, std::nullopt});
   const auto volume = one();
@@ -179,7 +178,7 @@ TEST_F(DeviceManagerListingTest, SizesThatTheFileSystemDidNotTellAreZeroAndNoneF
   EXPECT_EQ(volume->humanSize(), std::nullopt);
 }
 
-TEST_F(DeviceManagerListingTest, LargeSizesKeepTheirDigits) {
+TEST_F(DeviceManagerListingTest, LargeSizesKeepAllDigits) {
   addDevice("disk2s3");
   machine.addMountedVolume({"Data", mounts / "", "/dev/disk2s3", 9223372036854775807, 1});
   const auto volume = one();
@@ -187,7 +186,7 @@ TEST_F(DeviceManagerListingTest, LargeSizesKeepTheirDigits) {
   EXPECT_EQ(volume->freeSpace(), "1");
 }
 
-TEST_F(DeviceManagerListingTest, TheMediumsSizesAreThoseOfTheDescription) {
+TEST_F(DeviceManagerListingTest, TheMediumsSizesComeFromTheDescription) {
   mountVolume("disk2s3", "Data", "msdos");
   machine.setDescription("disk2s3", "DAMediaSize", Value(int64_t{120034123776}));
   machine.setDescription("disk2s3", "DAMediaBlockSize", Value(int64_t{4096}));
@@ -197,7 +196,7 @@ TEST_F(DeviceManagerListingTest, TheMediumsSizesAreThoseOfTheDescription) {
   EXPECT_EQ(volume->mediaBlockSize(), Number::numberWithLongLong(4096));
 }
 
-TEST_F(DeviceManagerListingTest, MediumSizesThatAreNotDescribedAreAbsent) {
+TEST_F(DeviceManagerListingTest, MissingMediumSizesAreAbsent) {
   mountVolume("disk2s3", "Data", "msdos");
   machine.removeDescription("disk2s3", "DAMediaSize");
   machine.removeDescription("disk2s3", "DAMediaBlockSize");
@@ -207,7 +206,7 @@ TEST_F(DeviceManagerListingTest, MediumSizesThatAreNotDescribedAreAbsent) {
   EXPECT_EQ(volume->mediaBlockSize(), std::nullopt);
 }
 
-TEST_F(DeviceManagerListingTest, IdentifiersAreThoseOfTheDescription) {
+TEST_F(DeviceManagerListingTest, IdentifiersComeFromTheDescription) {
   const UUID medium = *UUID::fromText(kPartitionText);
   const UUID own = *UUID::fromText("0B1E2D3C-4B5A-4978-8695-A4B3C2D1E0F1");
   mountVolume("disk2s1", "EFI", "msdos");
@@ -221,7 +220,7 @@ TEST_F(DeviceManagerListingTest, IdentifiersAreThoseOfTheDescription) {
   EXPECT_EQ(one()->volumeUUID(), own);
 }
 
-TEST_F(DeviceManagerListingTest, ContentThatIsNoIdentifierIsAbsent) {
+TEST_F(DeviceManagerListingTest, ContentThatIsNotAnIdentifierIsAbsent) {
   mountVolume("disk2s1", "Data", "ntfs");
   for (const char* content : {"Windows_NTFS", "", "C12A7328-F81F-11D2-BA4B-00A0C93EC93", "0x07"}) {
     machine.setDescription("disk2s1", "DAMediaContent", textValue(content));
@@ -229,14 +228,14 @@ TEST_F(DeviceManagerListingTest, ContentThatIsNoIdentifierIsAbsent) {
   }
 }
 
-TEST_F(DeviceManagerListingTest, IdentifiersOfTheMediumThatAreNotDescribedAreAbsent) {
+TEST_F(DeviceManagerListingTest, MissingIdentifiersOfTheMediumAreAbsent) {
   mountVolume("disk2s1", "Data", "ntfs");
   const auto volume = one();
   EXPECT_EQ(volume->mediaUUID(), std::nullopt);
   EXPECT_EQ(volume->mediaContentUUID(), std::nullopt);
 }
 
-TEST_F(DeviceManagerListingTest, AVolumeWithoutAnIdentifierGetsAnotherRandomOneEachTime) {
+TEST_F(DeviceManagerListingTest, AVolumeWithoutAnIdentifierGetsANewRandomOneEachTime) {
   mountVolume("disk2s1", "One", "ntfs");
   mountVolume("disk2s2", "Two", "ntfs");
   std::vector<UUID> seen;
@@ -245,7 +244,7 @@ TEST_F(DeviceManagerListingTest, AVolumeWithoutAnIdentifierGetsAnotherRandomOneE
       ASSERT_TRUE(volume->volumeUUID());
       const UUID uuid = *volume->volumeUUID();
       EXPECT_EQ(std::count(seen.begin(), seen.end(), uuid), 0);
-      EXPECT_EQ(uuid.bytes()[6] >> 4, 4);  // RFC 9562: a random one
+      EXPECT_EQ(uuid.bytes()[6] >> 4, 4);  // RFC 9562: a random UUID
       EXPECT_EQ(uuid.bytes()[8] >> 6, 0b10);
       seen.push_back(uuid);
     }
@@ -253,7 +252,7 @@ TEST_F(DeviceManagerListingTest, AVolumeWithoutAnIdentifierGetsAnotherRandomOneE
   EXPECT_EQ(seen.size(), 40U);
 }
 
-TEST_F(DeviceManagerListingTest, FieldsThatAreNotTheListsKeepTheirDefaults) {
+TEST_F(DeviceManagerListingTest, FieldsThatTheListDoesNotSetKeepTheirDefaults) {
   mountVolume("disk2s1", "Data", "ntfs");
   machine.setDescription("disk2s1", "DAMediaRemovable", Value(true));
   machine.setDescription("disk2s1", "DAMediaWritable", Value(true));
@@ -272,7 +271,7 @@ TEST_F(DeviceManagerListingTest, FieldsThatAreNotTheListsKeepTheirDefaults) {
   EXPECT_EQ(volume->bootMgrPath(), std::nullopt);
 }
 
-TEST_F(DeviceManagerListingTest, EveryListHasRecordsOfItsOwn) {
+TEST_F(DeviceManagerListingTest, EveryListHasNewRecords) {
   mountVolume("disk2s1", "Data", "ntfs");
   const auto first = one();
   first->setDiskName("changed");
@@ -281,8 +280,7 @@ TEST_F(DeviceManagerListingTest, EveryListHasRecordsOfItsOwn) {
   EXPECT_EQ(second->diskName(), "Data");
 }
 
-// ------------------------------------------------------------------------------------------------ names of other
-// drivers
+// ---------------------------------------------------------------------------------------------- names of other drivers
 
 TEST_F(DeviceManagerListingTest, ADriversNameOfAnNTFSVolumeIsReplacedByItsDevice) {
   mountVolumeFrom("ntfs://disk4s1/Data", "disk4s1", "Data", "ntfs");
@@ -293,19 +291,19 @@ TEST_F(DeviceManagerListingTest, ADriversNameOfAnNTFSVolumeIsReplacedByItsDevice
   EXPECT_EQ(volume->fileSystemType(), "ntfs");
 }
 
-TEST_F(DeviceManagerListingTest, ADriversNameNeedsNoVolumeNameInIt) {
+TEST_F(DeviceManagerListingTest, ADriversNameNeedsNoVolumeName) {
   mountVolumeFrom("ntfs://disk4s1", "disk4s1", "Data", "ntfs");
   EXPECT_EQ(one()->device(), "/dev/disk4s1");
 }
 
-TEST_F(DeviceManagerListingTest, TheThirdPieceOfADriversNameIsTheDevice) {
+TEST_F(DeviceManagerListingTest, TheThirdComponentOfADriversNameIsTheDevice) {
   mountVolumeFrom("ntfs:/disk4s1/disk5s2/x", "disk5s2", "Data", "ntfs");
   const auto volume = one();
   EXPECT_EQ(volume->device(), "/dev/disk5s2");
   EXPECT_EQ(volume->fileSystemType(), "ntfs");
 }
 
-TEST_F(DeviceManagerListingTest, ADriversNameWithTooFewPiecesStaysAsItIs) {
+TEST_F(DeviceManagerListingTest, ADriversNameWithTooFewComponentsIsUnchanged) {
   machine.addDisk("ntfs:/disk7", 1 << 20, 512);
   machine.addMountedVolume({"Short", mounts / "", "ntfs:/disk7", 1, 1});
   const auto volume = one();
@@ -313,7 +311,7 @@ TEST_F(DeviceManagerListingTest, ADriversNameWithTooFewPiecesStaysAsItIs) {
   EXPECT_EQ(volume->fileSystemType(), std::nullopt);
 }
 
-TEST_F(DeviceManagerListingTest, ADriversNameInOtherCaseIsNone) {
+TEST_F(DeviceManagerListingTest, ADriversNameInOtherCaseIsNotRecognized) {
   mountVolumeFrom("NTFS://disk4s1/Data", "disk4s1", "Data", "ntfs");
   OutputCapture output(STDOUT_FILENO);
   const Volumes volumes = all();
@@ -321,10 +319,9 @@ TEST_F(DeviceManagerListingTest, ADriversNameInOtherCaseIsNone) {
   EXPECT_THAT(volumes, IsEmpty());
 }
 
-// --------------------------------------------------------------------------------------------------------- side
-// effects
+// -------------------------------------------------------------------------------------------------------- side effects
 
-TEST_F(DeviceManagerListingTest, OfTheManagersStateOnlyTheUnmountStatusIsWritten) {
+TEST_F(DeviceManagerListingTest, OnlyTheManagersUnmountStatusIsChanged) {
   mountVolume("disk2s1", "Data", "ntfs");
   manager->setMountStatus(1);
   manager->setDidMount(true);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The list of mounted volumes: Windows on them, where its boot files are, and what listing many of them costs.
+// The list of mounted volumes: Windows detection, the paths of boot files, and the cost of listing many volumes.
 #include "tests/unit/support/DeviceManagerFixture.h"
 
 namespace vorlix::test {
@@ -24,7 +24,7 @@ class DeviceManagerListingWindowsTest : public DeviceManagerTest {
 
 // ------------------------------------------------------------------------------------------------------------ presence
 
-TEST_F(DeviceManagerListingWindowsTest, AnInstalledWindowsIsSeen) {
+TEST_F(DeviceManagerListingWindowsTest, AnInstalledWindowsIsDetected) {
   mountVolume("disk0s3", "BOOTCAMP", "ntfs");
   mountVolume("disk0s4", "Data", "ntfs");
   installWindows("BOOTCAMP");
@@ -35,20 +35,20 @@ TEST_F(DeviceManagerListingWindowsTest, AnInstalledWindowsIsSeen) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerListingWindowsTest, FolderNamesAreMatchedWithoutRegardToTheirCase) {
+TEST_F(DeviceManagerListingWindowsTest, FolderNamesMatchInAnyCase) {
   mountVolume("disk0s3", "Upper", "ntfs");
   makeFolder("Upper/WINDOWS/system32");
   EXPECT_TRUE(named("Upper")->hasWindows());
 }
 
-TEST_F(DeviceManagerListingWindowsTest, AWindowsFolderAloneIsNone) {
+TEST_F(DeviceManagerListingWindowsTest, AWindowsFolderAloneIsNotEnough) {
   mountVolume("disk0s3", "Half", "ntfs");
   makeFolder("Half/Windows");
   EXPECT_FALSE(named("Half")->hasWindows());
   EXPECT_THAT(withWindows(), IsEmpty());
 }
 
-TEST_F(DeviceManagerListingWindowsTest, FilesInTheFoldersPlaceAreNone) {
+TEST_F(DeviceManagerListingWindowsTest, FilesInPlaceOfTheFoldersDoNotCount) {
   mountVolume("disk0s3", "One", "ntfs");
   mountVolume("disk0s4", "Two", "ntfs");
   placeFile("One/Windows");
@@ -56,21 +56,21 @@ TEST_F(DeviceManagerListingWindowsTest, FilesInTheFoldersPlaceAreNone) {
   EXPECT_THAT(withWindows(), IsEmpty());
 }
 
-TEST_F(DeviceManagerListingWindowsTest, AnInstallersImageIsSeen) {
+TEST_F(DeviceManagerListingWindowsTest, AnInstallersImageIsDetected) {
   mountVolume("disk0s3", "Installer", "msdos");
   placeFile("Installer/sources/boot.wim");
   EXPECT_TRUE(named("Installer")->hasWindows());
   EXPECT_THAT(namesOf(withWindows()), ElementsAre("Installer"));
 }
 
-TEST_F(DeviceManagerListingWindowsTest, AnInstallersImageIsSeenInAnyCaseAndBesideHalfAWindows) {
+TEST_F(DeviceManagerListingWindowsTest, AnInstallersImageIsDetectedInAnyCaseAndBesideAnIncompleteWindows) {
   mountVolume("disk0s3", "Installer", "msdos");
   placeFile("Installer/SOURCES/BOOT.WIM");
   makeFolder("Installer/Windows");
   EXPECT_TRUE(named("Installer")->hasWindows());
 }
 
-TEST_F(DeviceManagerListingWindowsTest, AFolderInTheImagesPlaceIsNone) {
+TEST_F(DeviceManagerListingWindowsTest, AFolderInPlaceOfTheImageDoesNotCount) {
   mountVolume("disk0s3", "Installer", "msdos");
   makeFolder("Installer/sources/boot.wim");
   mountVolume("disk0s4", "Sources", "msdos");
@@ -78,7 +78,7 @@ TEST_F(DeviceManagerListingWindowsTest, AFolderInTheImagesPlaceIsNone) {
   EXPECT_THAT(withWindows(), IsEmpty());
 }
 
-TEST_F(DeviceManagerListingWindowsTest, WindowsOnOtherFileSystemsIsShownOnlyAmongAllDisks) {
+TEST_F(DeviceManagerListingWindowsTest, WindowsOnOtherFileSystemsIsListedOnlyAmongAllDisks) {
   mountVolume("disk0s3", "Plus", "hfs");
   installWindows("Plus");
   mountVolume("disk0s4", "Data", "hfs");
@@ -86,7 +86,7 @@ TEST_F(DeviceManagerListingWindowsTest, WindowsOnOtherFileSystemsIsShownOnlyAmon
   EXPECT_THAT(namesOf(manager->attachedDisksShowingWindowsOnly(true, true)), ElementsAre("Plus"));
 }
 
-TEST_F(DeviceManagerListingWindowsTest, AVolumeWhoseFolderHasGoneIsListedWithoutWindows) {
+TEST_F(DeviceManagerListingWindowsTest, AVolumeWhoseFolderIsMissingIsListedWithoutWindows) {
   const std::string path = mountVolume("disk0s3", "Gone", "ntfs");
   installWindows("Gone");
   machine.removeItem(path);
@@ -97,7 +97,7 @@ TEST_F(DeviceManagerListingWindowsTest, AVolumeWhoseFolderHasGoneIsListedWithout
   EXPECT_THAT(withWindows(), IsEmpty());
 }
 
-TEST_F(DeviceManagerListingWindowsTest, TheInstancesFileManagerIsNotAsked) {
+TEST_F(DeviceManagerListingWindowsTest, TheInstancesFileManagerIsNotUsed) {
   class Blind : public FileManager {
    public:
     bool fileExistsAtPath(const std::string&) override { return false; }
@@ -121,7 +121,7 @@ class DeviceManagerBootFilesTest : public DeviceManagerListingWindowsTest {
     installWindows("BOOTCAMP");
   }
 
-  /// A partition with boot files.
+  /// Adds a partition with boot files.
   std::string addReserved(const std::string& device, const std::string& folderName, const std::string& kind = "ntfs") {
     addDevice(device);
     makeFolder(folderName + "/BOOT");
@@ -139,7 +139,7 @@ class DeviceManagerBootFilesTest : public DeviceManagerListingWindowsTest {
   std::string windows;
 };
 
-TEST_F(DeviceManagerBootFilesTest, TheyAreThoseOfTheReservedPartitionOfTheSameDisk) {
+TEST_F(DeviceManagerBootFilesTest, PathsAreOnTheReservedPartitionOfTheSameDisk) {
   mountVolume("disk0s4", "Data", "ntfs");
   const std::string reserved = addReserved("disk0s2", "reserved");
   mountVolume("disk0s5", "Last", "ntfs");
@@ -150,7 +150,7 @@ TEST_F(DeviceManagerBootFilesTest, TheyAreThoseOfTheReservedPartitionOfTheSameDi
   }
 }
 
-TEST_F(DeviceManagerBootFilesTest, OnlyVolumesWithWindowsGetThem) {
+TEST_F(DeviceManagerBootFilesTest, OnlyVolumesWithWindowsGetPaths) {
   addReserved("disk0s2", "reserved");
   mountVolume("disk0s4", "Data", "ntfs");
   EXPECT_EQ(named("Data")->bootResourcePath(), std::nullopt);
@@ -158,14 +158,14 @@ TEST_F(DeviceManagerBootFilesTest, OnlyVolumesWithWindowsGetThem) {
   EXPECT_EQ(named("System Reserved")->bootResourcePath(), std::nullopt);
 }
 
-TEST_F(DeviceManagerBootFilesTest, AVolumeWithABootItemOfItsOwnKeepsTheDefaults) {
+TEST_F(DeviceManagerBootFilesTest, AVolumeWithItsOwnBootFolderKeepsTheDefaults) {
   addReserved("disk0s2", "reserved");
   makeFolder("BOOTCAMP/BOOT");
   EXPECT_EQ(named("BOOTCAMP")->bootResourcePath(), std::nullopt);
   EXPECT_EQ(named("BOOTCAMP")->bootMgrPath(), std::nullopt);
 }
 
-TEST_F(DeviceManagerBootFilesTest, AFileIsABootItemToo) {
+TEST_F(DeviceManagerBootFilesTest, AFileCountsAsABootItemToo) {
   addReserved("disk0s2", "reserved");
   placeFile("BOOTCAMP/BOOT");
   EXPECT_EQ(named("BOOTCAMP")->bootResourcePath(), std::nullopt);
@@ -178,18 +178,18 @@ TEST_F(DeviceManagerBootFilesTest, AnInstallerIsTreatedLikeAnInstallation) {
   EXPECT_EQ(named("Installer")->bootResourcePath(), reserved + "/BOOT");
 }
 
-TEST_F(DeviceManagerBootFilesTest, TheReservedPartitionIsFoundOnlyAmongTheKindsAskedFor) {
+TEST_F(DeviceManagerBootFilesTest, TheReservedPartitionIsFoundOnlyAmongTheRequestedKinds) {
   const std::string reserved = addReserved("disk0s2", "reserved", "hfs");
   mountVolume("disk0s4", "Last", "ntfs");
   EXPECT_EQ(named("BOOTCAMP", manager->attachedDisksShowingWindowsOnly(true, true))->bootResourcePath(),
             reserved + "/BOOT");
-  // Without it the paths are those of the list's last volume.
+  // Without the reserved partition, the paths are those of the last listed volume.
   const auto volume = named("BOOTCAMP", manager->attachedDisksShowingWindowsOnly(true, false));
   EXPECT_EQ(volume->bootResourcePath(), mounts / "Last/BOOT");
   EXPECT_EQ(volume->bootMgrPath(), mounts / "Last/bootmgr");
 }
 
-TEST_F(DeviceManagerBootFilesTest, WithoutAReservedPartitionTheyAreThoseOfTheLastVolumeWithoutWindowsToo) {
+TEST_F(DeviceManagerBootFilesTest, WithoutAReservedPartitionPathsAreOnTheLastVolumeEvenWithoutWindows) {
   mountVolume("disk5s1", "Last", "msdos");
   for (const bool windowsOnly : {false, true}) {
     const auto volume = named("BOOTCAMP", manager->attachedDisksShowingWindowsOnly(windowsOnly));
@@ -198,26 +198,26 @@ TEST_F(DeviceManagerBootFilesTest, WithoutAReservedPartitionTheyAreThoseOfTheLas
   }
 }
 
-TEST_F(DeviceManagerBootFilesTest, AloneItGetsThePathsOfItsOwn) {
+TEST_F(DeviceManagerBootFilesTest, TheOnlyVolumeGetsItsOwnPaths) {
   EXPECT_EQ(named("BOOTCAMP")->bootResourcePath(), windows + "/BOOT");
   EXPECT_EQ(named("BOOTCAMP")->bootMgrPath(), windows + "/bootmgr");
 }
 
-TEST_F(DeviceManagerBootFilesTest, OfSeveralReservedPartitionsTheFirstInTheListIsTaken) {
+TEST_F(DeviceManagerBootFilesTest, TheFirstListedOfSeveralReservedPartitionsIsUsed) {
   const std::string first = addReserved("disk0s5", "first");
   addReserved("disk0s2", "second");
   EXPECT_EQ(named("BOOTCAMP")->bootResourcePath(), first + "/BOOT");
   EXPECT_EQ(named("BOOTCAMP")->bootMgrPath(), first + "/bootmgr");
 }
 
-TEST_F(DeviceManagerBootFilesTest, AReservedPartitionWithWindowsIsNotTaken) {
+TEST_F(DeviceManagerBootFilesTest, AReservedPartitionWithWindowsIsNotUsed) {
   addReserved("disk0s2", "reserved");
   makeFolder("reserved/Windows/System32");
   mountVolume("disk0s4", "Last", "ntfs");
   EXPECT_EQ(named("BOOTCAMP")->bootResourcePath(), mounts / "Last/BOOT");
 }
 
-TEST_F(DeviceManagerBootFilesTest, OnNTFSAnySpellingIsABootItem) {
+TEST_F(DeviceManagerBootFilesTest, OnNTFSABootItemCountsInAnySpelling) {
   addReserved("disk0s2", "reserved");
   makeFolder("BOOTCAMP/Boot");
   EXPECT_EQ(named("BOOTCAMP")->bootResourcePath(), std::nullopt);
@@ -234,7 +234,7 @@ TEST_F(DeviceManagerBootFilesTest, EachDiskHasItsOwnReservedPartition) {
 
 // ---------------------------------------------------------------------------------------------------------------- cost
 
-TEST_F(DeviceManagerListingWindowsTest, WhatAVolumeCostsDoesNotDependOnTheirNumber) {
+TEST_F(DeviceManagerListingWindowsTest, TheCostPerVolumeDoesNotDependOnTheirNumber) {
   int mounted = 0;
   size_t calls[2] = {};
   const int counts[2] = {10, 200};
@@ -242,7 +242,7 @@ TEST_F(DeviceManagerListingWindowsTest, WhatAVolumeCostsDoesNotDependOnTheirNumb
     for (; mounted < counts[round]; ++mounted) {
       const std::string number = std::to_string(mounted);
       mountVolume("disk" + number + "s1", "Volume" + number, "ntfs");
-      if (mounted % 2 == 0) installWindows("Volume" + number);  // its boot files are looked for, too
+      if (mounted % 2 == 0) installWindows("Volume" + number);  // its boot files are searched for, too
     }
     machine.clearJournal();
     ASSERT_EQ(manager->attachedDisks().size(), static_cast<size_t>(mounted));

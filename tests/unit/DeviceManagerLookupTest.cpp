@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the device manager knows of one device: its whole disk, descriptions, type; and the machine's model.
+// What the device manager reports of one device: its whole disk, descriptions and type; also the machine's model.
 #include "tests/unit/support/DeviceManagerFixture.h"
 
 namespace vorlix::test {
@@ -23,10 +23,9 @@ class DeviceManagerLookupTest : public DeviceManagerTest {
   std::string path;
 };
 
-// ------------------------------------------------------------------------------------------------ whole disk of a
-// slice
+// ----------------------------------------------------------------------------------------------- whole disk of a slice
 
-TEST_F(DeviceManagerLookupTest, TheWholeDiskOfASliceStandsUnderDev) {
+TEST_F(DeviceManagerLookupTest, TheWholeDiskOfASliceIsUnderDev) {
   OutputCapture output(STDOUT_FILENO);
   EXPECT_EQ(manager->diskFromSlice("disk3s2"), "/dev/disk3");
   EXPECT_EQ(manager->diskFromSlice("/dev/disk3s2"), "/dev/disk3");
@@ -35,12 +34,12 @@ TEST_F(DeviceManagerLookupTest, TheWholeDiskOfASliceStandsUnderDev) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerLookupTest, AWholeDiskIsItsOwn) {
+TEST_F(DeviceManagerLookupTest, AWholeDiskReturnsItself) {
   EXPECT_EQ(manager->diskFromSlice("disk3"), "/dev/disk3");
   EXPECT_EQ(manager->diskFromSlice("/dev/disk3"), "/dev/disk3");
 }
 
-TEST_F(DeviceManagerLookupTest, TheWholeDiskOfAnUnknownDeviceIsAbsentAndToldOnStandardOutput) {
+TEST_F(DeviceManagerLookupTest, TheWholeDiskOfAnUnknownDeviceIsAbsentAndAMessageIsPrinted) {
   OutputCapture output(STDOUT_FILENO);
   const auto result = manager->diskFromSlice("disk9s1");
   EXPECT_EQ(output.text(), "disk NULL");
@@ -49,7 +48,7 @@ TEST_F(DeviceManagerLookupTest, TheWholeDiskOfAnUnknownDeviceIsAbsentAndToldOnSt
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerLookupTest, TheWholeDiskWithoutASessionIsAbsentAndToldOnStandardOutput) {
+TEST_F(DeviceManagerLookupTest, TheWholeDiskWithoutASessionIsAbsentAndAMessageIsPrinted) {
   machine.refuseSessions();
   OutputCapture output(STDOUT_FILENO);
   const auto result = manager->diskFromSlice("disk3s2");
@@ -66,7 +65,7 @@ TEST_F(DeviceManagerLookupTest, ADeviceWithoutAWholeDiskIsSilentlyAbsent) {
   EXPECT_THAT(machine.journal(), ElementsAre("session open", "session close"));
 }
 
-TEST_F(DeviceManagerLookupTest, TheLookUpOfTheWholeDiskLeavesTheStatuses) {
+TEST_F(DeviceManagerLookupTest, TheLookUpOfTheWholeDiskLeavesTheStatusesUnchanged) {
   manager->setUnmountStatus(1);
   manager->setMountStatus(1);
   static_cast<void>(manager->diskFromSlice("disk3s2"));
@@ -76,7 +75,7 @@ TEST_F(DeviceManagerLookupTest, TheLookUpOfTheWholeDiskLeavesTheStatuses) {
 
 // -------------------------------------------------------------------------------------------------------- descriptions
 
-TEST_F(DeviceManagerLookupTest, ADevicesDescriptionComesAsTheSystemHasIt) {
+TEST_F(DeviceManagerLookupTest, ADevicesDescriptionIsTheSystemsDescription) {
   machine.setDescription("disk3s2", "DADeviceInternal", Value(true));
   machine.setDescription("disk3s2", "DADevicePath", textValue("IOService:/x"));
   machine.setDescription("disk3s2", "Something", Value(int64_t{-5}));
@@ -93,7 +92,7 @@ TEST_F(DeviceManagerLookupTest, ADevicesDescriptionComesAsTheSystemHasIt) {
   }
 }
 
-TEST_F(DeviceManagerLookupTest, ADeviceIsDescribedByPathAndByURLAlike) {
+TEST_F(DeviceManagerLookupTest, DescriptionsByPathAndByURLAreEqual) {
   const auto byPath = manager->diskInfo("/dev/disk3s2");
   const auto byURL = manager->diskInfoForDeviceNodeAtURL(URL::fileURLWithPath("/dev/disk3s2"));
   ASSERT_TRUE(byPath && byURL);
@@ -110,12 +109,12 @@ TEST_F(DeviceManagerLookupTest, AVolumeIsDescribedByItsMountPath) {
                                              "describe disk2s1", "session close"));
 }
 
-TEST_F(DeviceManagerLookupTest, ADeviceIsNoMountPathAndTheOtherWayRound) {
+TEST_F(DeviceManagerLookupTest, ADeviceIsNotAMountPathAndAMountPathIsNotADevice) {
   EXPECT_FALSE(manager->diskInfo(path));
   EXPECT_FALSE(manager->diskInfoFromMountedPath("/dev/disk2s1"));
 }
 
-TEST_F(DeviceManagerLookupTest, WhatIsUnknownHasNoDescriptionAndNothingIsPrinted) {
+TEST_F(DeviceManagerLookupTest, UnknownNamesHaveNoDescriptionAndNothingIsPrinted) {
   OutputCapture output(STDOUT_FILENO);
   EXPECT_FALSE(manager->diskInfo("/dev/disk9s1"));
   EXPECT_FALSE(manager->diskInfo(""));
@@ -127,7 +126,7 @@ TEST_F(DeviceManagerLookupTest, WhatIsUnknownHasNoDescriptionAndNothingIsPrinted
   EXPECT_EQ(countOf("session close"), 5);
 }
 
-TEST_F(DeviceManagerLookupTest, ADiskThatIsNotDescribedHasNoDescription) {
+TEST_F(DeviceManagerLookupTest, ADiskWithAHiddenDescriptionHasNone) {
   machine.hideDescription("disk3s2");
   machine.hideDescription("disk2s1");
   EXPECT_FALSE(manager->diskInfo("/dev/disk3s2"));
@@ -141,7 +140,7 @@ TEST_F(DeviceManagerLookupTest, WithoutASessionNothingIsDescribed) {
   EXPECT_FALSE(manager->fileSystemTypeAtPath(path));
 }
 
-TEST_F(DeviceManagerLookupTest, EveryDescriptionSetsTheUnmountStatusAndStartsNoUnmount) {
+TEST_F(DeviceManagerLookupTest, EveryDescriptionSetsTheUnmountStatusWithoutAnUnmount) {
   const std::vector<std::function<void()>> lookUps = {
       [this] { static_cast<void>(manager->diskInfo("/dev/disk3s2")); },
       [this] { static_cast<void>(manager->diskInfo("/dev/disk9s9")); },
@@ -163,7 +162,7 @@ TEST_F(DeviceManagerLookupTest, EveryDescriptionSetsTheUnmountStatusAndStartsNoU
   EXPECT_EQ(mountsAndUnmounts(), Lines());
 }
 
-TEST_F(DeviceManagerLookupTest, TheUnmountStatusIsSetBeforeAnythingIsAsked) {
+TEST_F(DeviceManagerLookupTest, TheUnmountStatusIsSetBeforeAnyQuery) {
   machine.refuseSessions();
   manager->setUnmountStatus(0);
   static_cast<void>(manager->diskInfo("/dev/disk3s2"));
@@ -188,7 +187,7 @@ TEST_F(DeviceManagerLookupTest, TheFileSystemTypeIsTheMountedVolumesType) {
   EXPECT_EQ(manager->fileSystemTypeAtPath(path), "NTFS (Other)");
 }
 
-TEST_F(DeviceManagerLookupTest, TheFileSystemTypeIsAbsentWhereThereIsNone) {
+TEST_F(DeviceManagerLookupTest, AMissingFileSystemTypeIsAbsent) {
   machine.removeDescription("disk2s1", "DAVolumeType");
   EXPECT_EQ(manager->fileSystemTypeAtPath(path), std::nullopt);
   EXPECT_EQ(manager->fileSystemTypeAtPath("/nowhere"), std::nullopt);
@@ -215,7 +214,7 @@ class DeviceManagerModelTest : public DeviceManagerTest {
   }
 };
 
-TEST_F(DeviceManagerModelTest, TheModelIsThatOfThePlatformExpertWithoutItsZeroByte) {
+TEST_F(DeviceManagerModelTest, TheModelIsThePlatformExpertsWithoutItsZeroByte) {
   addService("Other", dictionaryOf({{"model", Value(Data{'n', 'o'})}}), {}, "IOMedia");
   addModel(std::string("MacBookPro14,3\0", 15));
   EXPECT_EQ(manager->currentModelIdentifier(), "MacBookPro14,3");
@@ -223,12 +222,12 @@ TEST_F(DeviceManagerModelTest, TheModelIsThatOfThePlatformExpertWithoutItsZeroBy
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerModelTest, BlanksAndZeroBytesAreTakenOutEverywhereAndNothingElse) {
+TEST_F(DeviceManagerModelTest, BlanksAndZeroBytesAreRemovedEverywhereAndNothingElse) {
   addModel(std::string(" Mac Book\0Pro\t14,3 \n\0\0", 22));
   EXPECT_EQ(manager->currentModelIdentifier(), "MacBookPro\t14,3\n");
 }
 
-TEST_F(DeviceManagerModelTest, LettersBeyondASCIIStay) {
+TEST_F(DeviceManagerModelTest, LettersBeyondASCIIAreKept) {
   addModel(
       "M\xC3\xA4"
       "c1,1");
@@ -248,7 +247,7 @@ TEST_F(DeviceManagerModelTest, AModelThatIsNotTextIsEmpty) {
   EXPECT_EQ(manager->currentModelIdentifier(), "");
 }
 
-TEST_F(DeviceManagerModelTest, ARegistryThatDoesNotAnswerLeavesItEmpty) {
+TEST_F(DeviceManagerModelTest, AFailedRegistrySearchLeavesItEmpty) {
   addModel("MacBookPro14,3");
   machine.failRegistry(RegistryCall::matchingServices, 5);
   EXPECT_EQ(manager->currentModelIdentifier(), "");

@@ -33,9 +33,9 @@ class DeviceManagerMountingTest : public DeviceManagerTest {
   const std::shared_ptr<QDDeviceManager> other = QDDeviceManager::init();
 };
 
-// ------------------------------------------------------------------------------------------------ mount without a wait
+// ----------------------------------------------------------------------------------------------- mount without waiting
 
-TEST_F(DeviceManagerMountingTest, MountWithoutAWaitIsAskedForAndNotWaitedFor) {
+TEST_F(DeviceManagerMountingTest, MountWithoutWaitingOnlySendsTheRequest) {
   for (const char* device : {"disk2s1", "/dev/disk2s1"}) {
     addVolume("disk2s1", "/Volumes/EFI");
     machine.clearJournal();
@@ -46,7 +46,7 @@ TEST_F(DeviceManagerMountingTest, MountWithoutAWaitIsAskedForAndNotWaitedFor) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerMountingTest, MountWithoutAWaitTellsNoOutcome) {
+TEST_F(DeviceManagerMountingTest, MountWithoutWaitingReportsNoOutcome) {
   manager->setMountStatus(5);
   manager->mountDiskAtDevicePath("disk2s1");
   machine.refuseMount("disk2s3", kDissentBusy);
@@ -55,23 +55,22 @@ TEST_F(DeviceManagerMountingTest, MountWithoutAWaitTellsNoOutcome) {
   EXPECT_FALSE(manager->didMount());
 }
 
-TEST_F(DeviceManagerMountingTest, MountWithoutAWaitOfAnUnknownDeviceAsksForNothing) {
+TEST_F(DeviceManagerMountingTest, MountWithoutWaitingOfAnUnknownDeviceRequestsNothing) {
   manager->mountDiskAtDevicePath("disk9s1");
   manager->mountDiskAtDevicePath("");
   EXPECT_THAT(machine.journal(), ElementsAre("session open", "session close", "session open", "session close"));
 }
 
-TEST_F(DeviceManagerMountingTest, MountWithoutAWaitNeedsASession) {
+TEST_F(DeviceManagerMountingTest, MountWithoutWaitingNeedsASession) {
   machine.refuseSessions();
   manager->mountDiskAtDevicePath("disk2s1");
   EXPECT_FALSE(machine.isMounted("disk2s1"));
   EXPECT_EQ(machine.journal(), Lines());
 }
 
-// ---------------------------------------------------------------------------------------------------- mount with a
-// wait
+// ------------------------------------------------------------------------------------------------------ mount and wait
 
-TEST_F(DeviceManagerMountingTest, MountForReadingPassesNoArguments) {
+TEST_F(DeviceManagerMountingTest, ReadOnlyMountPassesNoArguments) {
   EXPECT_TRUE(manager->mountDiskAtDevicePath("disk2s1", false));
   EXPECT_TRUE(machine.isMounted("disk2s1"));
   EXPECT_THAT(machine.journal(), ElementsAre("session open", "mount disk2s1", kSchedule, kMountRun, kRun,
@@ -81,7 +80,7 @@ TEST_F(DeviceManagerMountingTest, MountForReadingPassesNoArguments) {
   EXPECT_TRUE(manager->didMount());
 }
 
-TEST_F(DeviceManagerMountingTest, MountForReadingAndWritingIsHiddenAndSaysSo) {
+TEST_F(DeviceManagerMountingTest, ReadWriteMountIsHiddenAndLogged) {
   EXPECT_TRUE(manager->mountDiskAtDevicePath("/dev/disk2s1", true));
   EXPECT_TRUE(machine.isMounted("disk2s1"));
   EXPECT_THAT(machine.journal(), ElementsAre("session open", "mount disk2s1 nobrowse rw", kSchedule, kMountRun, kRun,
@@ -90,7 +89,7 @@ TEST_F(DeviceManagerMountingTest, MountForReadingAndWritingIsHiddenAndSaysSo) {
                                    "Attempting to mount read/write", "Mounting /dev/disk2s1 Finished"));
 }
 
-TEST_F(DeviceManagerMountingTest, MountLeavesTheUnmountsOutcome) {
+TEST_F(DeviceManagerMountingTest, MountLeavesTheUnmountsOutcomeUnchanged) {
   manager->setUnmountStatus(1);
   manager->setDidUnmount(true);
   manager->mountDiskAtDevicePath("disk2s1", true);
@@ -98,7 +97,7 @@ TEST_F(DeviceManagerMountingTest, MountLeavesTheUnmountsOutcome) {
   EXPECT_TRUE(manager->didUnmount());
 }
 
-TEST_F(DeviceManagerMountingTest, MountIsPendingUntilItIsDone) {
+TEST_F(DeviceManagerMountingTest, MountIsPendingUntilItCompletes) {
   std::vector<int32_t> statuses;
   delegate->onLine = [&](const std::string&) { statuses.push_back(manager->mountStatus()); };
   manager->setMountStatus(1);
@@ -110,14 +109,14 @@ TEST_F(DeviceManagerMountingTest, MountIsPendingUntilItIsDone) {
   EXPECT_EQ(statuses[3], 0);
 }
 
-TEST_F(DeviceManagerMountingTest, MountWaitsUntilItIsToldTheOutcome) {
+TEST_F(DeviceManagerMountingTest, MountWaitsForTheOutcome) {
   machine.delayCompletions(300);  // half a minute: there is no time-out
   EXPECT_TRUE(manager->mountDiskAtDevicePath("disk2s1", false));
   EXPECT_EQ(countOf(kMountRun), 1);
   EXPECT_EQ(countOf(kRun), 301);
 }
 
-TEST_F(DeviceManagerMountingTest, RefusedMountIsFalseWhateverTheDissentersStatus) {
+TEST_F(DeviceManagerMountingTest, RefusedMountReturnsFalseWhateverTheDissentersStatus) {
   for (const int32_t status : {kDissentBusy, kDissentNotMounted, 0, 16}) {
     machine.refuseMount("disk2s1", status, "no");
     manager->setMountStatus(0);
@@ -129,7 +128,7 @@ TEST_F(DeviceManagerMountingTest, RefusedMountIsFalseWhateverTheDissentersStatus
   EXPECT_EQ(machine.journal().back(), "session close");
 }
 
-TEST_F(DeviceManagerMountingTest, AfterOneMountEveryLaterOneIsTrue) {
+TEST_F(DeviceManagerMountingTest, AfterOneMountEveryLaterOneReturnsTrue) {
   EXPECT_TRUE(manager->mountDiskAtDevicePath("disk2s1", false));
   machine.refuseMount("disk2s3", kDissentUnsupported);
   EXPECT_TRUE(manager->mountDiskAtDevicePath("disk2s3", false));
@@ -146,7 +145,7 @@ TEST_F(DeviceManagerMountingTest, MountOfAnUnknownDeviceRunsNoLoop) {
   EXPECT_EQ(manager->mountStatus(), -1);
 }
 
-TEST_F(DeviceManagerMountingTest, MountWithoutASessionEndsAtOnce) {
+TEST_F(DeviceManagerMountingTest, MountWithoutASessionReturnsAtOnce) {
   machine.refuseSessions();
   EXPECT_FALSE(manager->mountDiskAtDevicePath("disk2s1", true));
   EXPECT_EQ(machine.journal(), Lines());
@@ -168,7 +167,7 @@ TEST_F(DeviceManagerMountingTest, MountRunsTheLoopOfTheCallingThread) {
   EXPECT_TRUE(machine.isMounted("disk2s1"));
 }
 
-TEST_F(DeviceManagerMountingTest, ALongNameIsNotTakenForItsBeginning) {
+TEST_F(DeviceManagerMountingTest, ALongNameIsNotTruncated) {
   for (const size_t length : {1023U, 1024U}) {
     const std::string beginning(length, 'd');
     machine.addDisk(beginning, 1000 * 512, 512);
@@ -197,7 +196,7 @@ TEST_F(DeviceManagerMountingTest, RecordedMountIsASuccessIfTheLowByteIsOne) {
   }
 }
 
-TEST_F(DeviceManagerMountingTest, RecordedFailureOfAMountLeavesTheEarlierSuccess) {
+TEST_F(DeviceManagerMountingTest, RecordedFailureOfAMountKeepsTheEarlierSuccess) {
   other->diskMountStatus(1);
   other->diskMountStatus(0);
   EXPECT_TRUE(other->didMount());
@@ -207,7 +206,7 @@ TEST_F(DeviceManagerMountingTest, RecordedFailureOfAMountLeavesTheEarlierSuccess
 
 // ------------------------------------------------------------------------------------------------------------- unmount
 
-TEST_F(DeviceManagerMountingTest, UnmountOfAMountedVolumeIsTrue) {
+TEST_F(DeviceManagerMountingTest, UnmountOfAMountedVolumeReturnsTrue) {
   for (const char* device : {"disk2s1", "/dev/disk2s1"}) {
     mounted("disk2s1");
     machine.clearJournal();
@@ -223,13 +222,13 @@ TEST_F(DeviceManagerMountingTest, UnmountOfAMountedVolumeIsTrue) {
   EXPECT_FALSE(manager->didMount());
 }
 
-TEST_F(DeviceManagerMountingTest, UnmountOfAVolumeThatIsNotMountedIsTrue) {
+TEST_F(DeviceManagerMountingTest, UnmountOfAVolumeThatIsNotMountedReturnsTrue) {
   EXPECT_TRUE(manager->unmountDiskAtDevice("disk2s1"));
   EXPECT_TRUE(manager->didUnmount());
   EXPECT_EQ(manager->unmountStatus(), 0);
 }
 
-TEST_F(DeviceManagerMountingTest, OnlyTheDissentOfNotBeingMountedIsASuccess) {
+TEST_F(DeviceManagerMountingTest, OnlyTheNotMountedDissentIsASuccess) {
   mounted("disk2s1");
   for (const int32_t status : {kDissentBusy, kDissentNotFound, kDissentNotPrivileged, 0, 1, 7, 0x0007}) {
     machine.refuseUnmount("disk2s1", status, "no");
@@ -244,7 +243,7 @@ TEST_F(DeviceManagerMountingTest, OnlyTheDissentOfNotBeingMountedIsASuccess) {
   EXPECT_TRUE(machine.isMounted("disk2s1"));
 }
 
-TEST_F(DeviceManagerMountingTest, UnmountWaitsUntilItIsToldTheOutcome) {
+TEST_F(DeviceManagerMountingTest, UnmountWaitsForTheOutcome) {
   mounted("disk2s1");
   machine.delayCompletions(300);
   EXPECT_TRUE(manager->unmountDiskAtDevice("disk2s1"));
@@ -252,7 +251,7 @@ TEST_F(DeviceManagerMountingTest, UnmountWaitsUntilItIsToldTheOutcome) {
   EXPECT_EQ(countOf(kRun), 301);
 }
 
-TEST_F(DeviceManagerMountingTest, UnmountOfAnUnknownDeviceEndsAtOnceWithWhatTheLastOneLeft) {
+TEST_F(DeviceManagerMountingTest, UnmountOfAnUnknownDeviceReturnsTheLastOutcomeAtOnce) {
   EXPECT_FALSE(manager->unmountDiskAtDevice("disk9s1"));
   EXPECT_THAT(machine.journal(), ElementsAre("session open", kUnmountUnschedule, "session close"));
   EXPECT_EQ(manager->unmountStatus(), -1);
@@ -263,7 +262,7 @@ TEST_F(DeviceManagerMountingTest, UnmountOfAnUnknownDeviceEndsAtOnceWithWhatTheL
   EXPECT_EQ(manager->unmountStatus(), -1);
 }
 
-TEST_F(DeviceManagerMountingTest, UnmountWithoutASessionEndsAtOnce) {
+TEST_F(DeviceManagerMountingTest, UnmountWithoutASessionReturnsAtOnce) {
   mounted("disk2s1");
   machine.refuseSessions();
   EXPECT_FALSE(manager->unmountDiskAtDevice("disk2s1"));
@@ -272,7 +271,7 @@ TEST_F(DeviceManagerMountingTest, UnmountWithoutASessionEndsAtOnce) {
   EXPECT_TRUE(machine.isMounted("disk2s1"));
 }
 
-TEST_F(DeviceManagerMountingTest, RecordedUnmountIsTheLowByte) {
+TEST_F(DeviceManagerMountingTest, RecordedUnmountUsesTheLowByte) {
   const struct {
     int32_t flag;
     bool didUnmount;
@@ -289,7 +288,7 @@ TEST_F(DeviceManagerMountingTest, RecordedUnmountIsTheLowByte) {
   EXPECT_EQ(other->mountStatus(), 0);
 }
 
-TEST_F(DeviceManagerMountingTest, LoopWithoutSourcesIsNotRunForEver) {
+TEST_F(DeviceManagerMountingTest, LoopWithoutSourcesIsNotRunForever) {
   const auto loop = std::make_shared<EmptyLoop>();
   const ScopedPlatform scope(withLostSession(machine.platform(), loop));
   EXPECT_NO_THROW(manager->mountDiskAtDevicePath("disk2s1", false));
@@ -301,7 +300,7 @@ TEST_F(DeviceManagerMountingTest, LoopWithoutSourcesIsNotRunForEver) {
   EXPECT_GT(loop->runs, 0);
 }
 
-TEST_F(DeviceManagerMountingTest, MountAndUnmountFollowEachOther) {
+TEST_F(DeviceManagerMountingTest, MountAndUnmountCanAlternate) {
   for (int round = 0; round < 3; ++round) {
     EXPECT_TRUE(manager->mountDiskAtDevicePath("disk2s1", true));
     EXPECT_TRUE(machine.isMounted("disk2s1"));

@@ -13,7 +13,7 @@ constexpr const char* kAssertion = "KERN_SUCCESS == kr";
 
 class DeviceManagerRegistryScansTest : public DeviceManagerTest {
  protected:
-  /// A service of the class that removable media are looked for by.
+  /// Adds a service of the class by which removable media are searched.
   void addClient(const std::optional<std::string>& name) {
     Dictionary properties;
     if (name) properties.set("BSD Name", *name);
@@ -33,14 +33,14 @@ class DeviceManagerRegistryScansTest : public DeviceManagerTest {
 
 // ----------------------------------------------------------------------------------------------------- removable media
 
-TEST_F(DeviceManagerRegistryScansTest, OnANormalMachineThereAreNoRemovableMedia) {
+TEST_F(DeviceManagerRegistryScansTest, ANormalMachineHasNoRemovableMedia) {
   addService("Disc", dictionaryOf({{"BSD Name", textValue("disk1")}, {"Ejectable", Value(true)}}), {}, "IOCDMedia");
   EXPECT_THAT(manager->ejectableMedia(), IsEmpty());
   EXPECT_THAT(machine.journal(), ElementsAre("registry port", "registry match class IOUserClientClass"));
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerRegistryScansTest, DevicePathsOfMediaComeInTheScansOrder) {
+TEST_F(DeviceManagerRegistryScansTest, DevicePathsOfMediaAreInTheScansOrder) {
   addClient("disk9");
   addClient("disk2s1");
   addClient("disk4");
@@ -49,7 +49,7 @@ TEST_F(DeviceManagerRegistryScansTest, DevicePathsOfMediaComeInTheScansOrder) {
   EXPECT_EQ(machine.heldRegistryEntries(), 0U);
 }
 
-TEST_F(DeviceManagerRegistryScansTest, MediaWithoutADevicePathAreSaidAndPassedOver) {
+TEST_F(DeviceManagerRegistryScansTest, MediaWithoutADevicePathAreLoggedAndSkipped) {
   addClient(std::nullopt);
   addClient("disk2");
   addClient(std::string(1200, 'd'));
@@ -67,7 +67,7 @@ TEST_F(DeviceManagerRegistryScansTest, TheLongestDevicePathHas1023Characters) {
   EXPECT_THAT(lines(), ElementsAre("Error finding removiable media"));
 }
 
-TEST_F(DeviceManagerRegistryScansTest, MediaThatCannotBeLookedForAreNone) {
+TEST_F(DeviceManagerRegistryScansTest, AFailedSearchFindsNoMedia) {
   addClient("disk2");
   machine.failRegistry(RegistryCall::matchingServices, 5);
   OutputCapture output(STDOUT_FILENO);
@@ -76,7 +76,7 @@ TEST_F(DeviceManagerRegistryScansTest, MediaThatCannotBeLookedForAreNone) {
   EXPECT_THAT(media, IsEmpty());
 }
 
-TEST_F(DeviceManagerRegistryScansTest, ARegistryWithoutAPortHasNoMedia) {
+TEST_F(DeviceManagerRegistryScansTest, WithoutARegistryPortThereAreNoMedia) {
   addClient("disk2");
   machine.failRegistry(RegistryCall::masterPort, 26);
   OutputCapture output(STDOUT_FILENO);
@@ -98,7 +98,7 @@ TEST_F(DeviceManagerRegistryScansTest, EFIPartitionsAreLoggedAndTheResultIsAbsen
   EXPECT_EQ(machine.heldRegistryEntries(), 0U);
 }
 
-TEST_F(DeviceManagerRegistryScansTest, TheNameThatAPartitionWasMatchedOnIsLogged) {
+TEST_F(DeviceManagerRegistryScansTest, TheNameByWhichAPartitionMatchedIsLogged) {
   addMedia("EFI1", kDiskText, "efi,slot");
   addMedia("EFI2");
   EXPECT_EQ(manager->attachedDisksFromIORegistry(), std::nullopt);
@@ -115,7 +115,7 @@ TEST_F(DeviceManagerRegistryScansTest, OnlyMediaOfTheExactContentAreEFIPartition
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerRegistryScansTest, AFailedScanForEFIPartitionsIsToldOnStandardOutput) {
+TEST_F(DeviceManagerRegistryScansTest, AFailedScanForEFIPartitionsIsPrinted) {
   addMedia("EFI1");
   machine.failRegistry(RegistryCall::matchingServices, static_cast<KernReturn>(0xE00002C7));
   OutputCapture output(STDOUT_FILENO);
@@ -134,7 +134,7 @@ TEST_F(DeviceManagerRegistryScansTest, TheCodeOfAFailedScanHasEightDigits) {
             "IOServiceGetMatchingServices returned 0x00000005\nIOServiceGetMatchingServices returned 0x00000005\n");
 }
 
-TEST_F(DeviceManagerRegistryScansTest, TheScansLeaveTheStatuses) {
+TEST_F(DeviceManagerRegistryScansTest, TheScansLeaveTheStatusesUnchanged) {
   addMedia("EFI1");
   addAPFS("Macintosh HD");
   addClient("disk2");
@@ -145,10 +145,9 @@ TEST_F(DeviceManagerRegistryScansTest, TheScansLeaveTheStatuses) {
   EXPECT_EQ(manager->unmountStatus(), 1);
 }
 
-// --------------------------------------------------------------------------------------------------------- APFS
-// volumes
+// -------------------------------------------------------------------------------------------------------- APFS volumes
 
-TEST_F(DeviceManagerRegistryScansTest, PropertiesOfAPFSVolumesComeInTheScansOrder) {
+TEST_F(DeviceManagerRegistryScansTest, PropertiesOfAPFSVolumesAreInTheScansOrder) {
   addAPFS("Macintosh HD");
   addMedia("EFI1");
   addAPFS("Data");
@@ -169,13 +168,13 @@ TEST_F(DeviceManagerRegistryScansTest, WithoutAPFSVolumesTheArrayIsEmpty) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerRegistryScansTest, TheNameThatAnAPFSVolumeWasMatchedOnIsNotLogged) {
+TEST_F(DeviceManagerRegistryScansTest, TheNameByWhichAnAPFSVolumeMatchedIsNotLogged) {
   addService("Data", dictionaryOf({{"IONameMatched", textValue("x")}}), {}, "AppleAPFSVolume");
   EXPECT_EQ(manager->attachedAPFSVolumesFromIORegistry().size(), 1U);
   EXPECT_EQ(lines().size(), 1U);
 }
 
-TEST_F(DeviceManagerRegistryScansTest, AFailedScanForAPFSVolumesIsToldOnStandardOutput) {
+TEST_F(DeviceManagerRegistryScansTest, AFailedScanForAPFSVolumesIsPrinted) {
   addAPFS("Data");
   machine.failRegistry(RegistryCall::matchingServices, static_cast<KernReturn>(0xE00002BC));
   OutputCapture output(STDOUT_FILENO);
@@ -184,8 +183,7 @@ TEST_F(DeviceManagerRegistryScansTest, AFailedScanForAPFSVolumesIsToldOnStandard
   EXPECT_THAT(volumes, IsEmpty());
 }
 
-// -------------------------------------------------------------------------------------------------- ends of the
-// process
+// --------------------------------------------------------------------------------------- failures that end the process
 
 class DeviceManagerScansDeathTest : public DeviceManagerRegistryScansTest {
  protected:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whether System Integrity Protection stands in the way, as the device manager sees it.
+// Whether System Integrity Protection is enabled, as the device manager determines it.
 #include <system_error>
 
 #include "tests/unit/support/DeviceManagerFixture.h"
@@ -11,7 +11,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr const char* kStatusTool = "/usr/bin/csrutil";  // spelled out: hosts rely on it
+constexpr const char* kStatusTool = "/usr/bin/csrutil";  // spelled out because hosts rely on it
 constexpr const char* kEnabled = "System Integrity Protection status: enabled.\n";
 constexpr const char* kDisabled = "System Integrity Protection status: disabled.\n";
 constexpr const char* kCustom =
@@ -19,7 +19,7 @@ constexpr const char* kCustom =
     "Configuration:\n\tApple Internal: disabled\n\tKext Signing: enabled\n\tFilesystem Protections: enabled\n"
     "\tDebugging Restrictions: enabled\n\tDTrace Restrictions: enabled\n\tNVRAM Protections: disabled\n";
 
-/// Sees the files of a set and no other.
+/// Sees only the given files.
 class ChosenFiles : public FileManager {
  public:
   explicit ChosenFiles(std::set<std::string> files) : files_(std::move(files)) {}
@@ -50,10 +50,9 @@ class DeviceManagerSIPTest : public DeviceManagerTest {
   }
 };
 
-// ------------------------------------------------------------------------------------------------------ the tool's
-// words
+// --------------------------------------------------------------------------------------------------- the tool's output
 
-TEST_F(DeviceManagerSIPTest, TheWordsOfTheToolDecide) {
+TEST_F(DeviceManagerSIPTest, TheToolsOutputDecides) {
   const struct {
     const char* output;
     bool enabled;
@@ -82,12 +81,12 @@ TEST_F(DeviceManagerSIPTest, TheWordsOfTheToolDecide) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerSIPTest, NoOutputIsNotEnabled) {
+TEST_F(DeviceManagerSIPTest, MissingOutputMeansNotEnabled) {
   EXPECT_FALSE(manager->isSIPEnabledFromStandardOutput(std::nullopt));
   EXPECT_FALSE(enabledAfter(printing("System Integrity Protection status: enabled.\xFF")));
 }
 
-TEST_F(DeviceManagerSIPTest, TheToolIsRunWithTheArgumentStatus) {
+TEST_F(DeviceManagerSIPTest, TheToolIsRunWithStatusAsItsArgument) {
   machine.addProgram(kStatusTool, printing(kEnabled));
   EXPECT_TRUE(manager->isSIPEnabled());
   EXPECT_THAT(machine.journal(), ElementsAre("launch /usr/bin/csrutil status"));
@@ -95,7 +94,7 @@ TEST_F(DeviceManagerSIPTest, TheToolIsRunWithTheArgumentStatus) {
   EXPECT_EQ(machine.journal().size(), 2U);
 }
 
-TEST_F(DeviceManagerSIPTest, WithoutTheToolItIsNotEnabledAndNothingIsRun) {
+TEST_F(DeviceManagerSIPTest, WithoutTheToolItIsNotEnabledAndNothingRuns) {
   machine.addProgram(kStatusTool, printing(kEnabled));
   manager->setFileManager(std::make_shared<ChosenFiles>(std::set<std::string>{"/usr/sbin/csrutil"}));
   EXPECT_FALSE(manager->isSIPEnabled());
@@ -106,7 +105,7 @@ TEST_F(DeviceManagerSIPTest, WithoutTheToolItIsNotEnabledAndNothingIsRun) {
   EXPECT_EQ(machine.journal(), Lines());
 }
 
-TEST_F(DeviceManagerSIPTest, StandardErrorAndTheExitStatusAreNotLookedAt) {
+TEST_F(DeviceManagerSIPTest, StandardErrorAndTheExitStatusAreIgnored) {
   SimulatedRun run;
   run.pieces = {{SimulatedRun::Stream::error, kDisabled}, {SimulatedRun::Stream::output, kEnabled}};
   run.status = 1;
@@ -115,12 +114,12 @@ TEST_F(DeviceManagerSIPTest, StandardErrorAndTheExitStatusAreNotLookedAt) {
   EXPECT_FALSE(enabledAfter(run));
 }
 
-TEST_F(DeviceManagerSIPTest, AToolThatCannotBeLaunchedIsTheCallersError) {
+TEST_F(DeviceManagerSIPTest, AToolThatCannotBeLaunchedThrows) {
   EXPECT_THROW(manager->isSIPEnabled(), std::system_error);
   EXPECT_THROW(manager->checkForSIP(), std::system_error);
 }
 
-TEST_F(DeviceManagerSIPTest, ShowingTheProtectionDoesNothing) {
+TEST_F(DeviceManagerSIPTest, ShowSIPInfoDoesNothing) {
   OutputCapture output(STDOUT_FILENO);
   manager->showSIPInfo();
   EXPECT_EQ(output.text(), "");
@@ -128,10 +127,9 @@ TEST_F(DeviceManagerSIPTest, ShowingTheProtectionDoesNothing) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-// ----------------------------------------------------------------------------------------------------- a program's
-// output
+// -------------------------------------------------------------------------------------------------- a program's output
 
-TEST_F(DeviceManagerSIPTest, AProgramsStandardOutputIsReadToItsEndAsItIs) {
+TEST_F(DeviceManagerSIPTest, AProgramsStandardOutputIsReturnedCompleteAndUnchanged) {
   SimulatedRun run;
   run.pieces = {{SimulatedRun::Stream::output, "one\r\n"},
                 {SimulatedRun::Stream::error, "no"},
@@ -155,12 +153,11 @@ TEST_F(DeviceManagerSIPTest, OutputThatIsNotUTF8IsAbsent) {
   EXPECT_EQ(manager->standardOutputForTask({"/tool", {}}), std::nullopt);
 }
 
-TEST_F(DeviceManagerSIPTest, AProgramThatCannotBeLaunchedIsTheCallersError) {
+TEST_F(DeviceManagerSIPTest, AProgramThatCannotBeLaunchedThrows) {
   EXPECT_THROW(manager->standardOutputForTask({"/nowhere", {}}), std::system_error);
 }
 
-// ------------------------------------------------------------------------------------------------ the running system's
-// disk
+// ------------------------------------------------------------------------------------------- the running system's disk
 
 class DeviceManagerStartupSystemTest : public DeviceManagerTest {
  protected:
@@ -199,7 +196,7 @@ TEST_F(DeviceManagerStartupSystemTest, PhysicalDevicesAreComparedWithTheirCase) 
   EXPECT_FALSE(manager->isOnStartupDisk("/dev/disk0s2"));
 }
 
-TEST_F(DeviceManagerStartupSystemTest, ADeviceWithoutAPhysicalDeviceIsNot) {
+TEST_F(DeviceManagerStartupSystemTest, ADeviceWithoutAPhysicalDeviceIsNotOnTheStartupDisk) {
   EXPECT_FALSE(manager->isOnStartupDisk("/dev/disk0s2"));
   EXPECT_FALSE(manager->isOnStartupDisk("/dev/disk9s1"));
   EXPECT_FALSE(manager->isOnStartupDisk(""));
@@ -207,7 +204,7 @@ TEST_F(DeviceManagerStartupSystemTest, ADeviceWithoutAPhysicalDeviceIsNot) {
   EXPECT_FALSE(manager->isOnStartupDisk("/dev/disk0s2"));
 }
 
-TEST_F(DeviceManagerStartupSystemTest, AStartupDiskWithoutAPhysicalDeviceHasNoDeviceOnIt) {
+TEST_F(DeviceManagerStartupSystemTest, AStartupDiskWithoutAPhysicalDeviceMatchesNoDevice) {
   setPath("disk0s2", "IOService:/a/b");
   machine.removeDescription("disk1s1", "DADevicePath");
   EXPECT_FALSE(manager->isOnStartupDisk("/dev/disk0s2"));
@@ -219,7 +216,7 @@ TEST_F(DeviceManagerStartupSystemTest, TheLookUpSetsTheUnmountStatus) {
   EXPECT_EQ(manager->unmountStatus(), -1);
 }
 
-TEST_F(DeviceManagerStartupSystemTest, TheProtectionConcernsDevicesOfTheStartupDisk) {
+TEST_F(DeviceManagerStartupSystemTest, TheProtectionAppliesToDevicesOfTheStartupDisk) {
   setPath("disk0s2", "IOService:/a/b");
   setPath("disk2s1", "IOService:/a/c");
   EXPECT_TRUE(manager->checkForSIPForDevice("/dev/disk0s2"));
@@ -227,7 +224,7 @@ TEST_F(DeviceManagerStartupSystemTest, TheProtectionConcernsDevicesOfTheStartupD
   EXPECT_FALSE(manager->checkForSIPForDevice("/dev/disk9s1"));
 }
 
-TEST_F(DeviceManagerStartupSystemTest, AProtectionThatIsOffConcernsNoDevice) {
+TEST_F(DeviceManagerStartupSystemTest, ADisabledProtectionAppliesToNoDevice) {
   setPath("disk0s2", "IOService:/a/b");
   machine.addProgram(tool, printing(kDisabled));
   EXPECT_FALSE(manager->checkForSIPForDevice("/dev/disk0s2"));
@@ -235,10 +232,10 @@ TEST_F(DeviceManagerStartupSystemTest, AProtectionThatIsOffConcernsNoDevice) {
   EXPECT_FALSE(manager->checkForSIPForDevice("/dev/disk0s2"));
 }
 
-TEST_F(DeviceManagerStartupSystemTest, ForADeviceItIsTheUtilitiesWhoDecide) {
+TEST_F(DeviceManagerStartupSystemTest, ForADeviceTheUtilitiesDecide) {
   setPath("disk0s2", "IOService:/a/b");
   manager->setFileManager(nullptr);             // this instance sees no tool
-  machine.addProgram(tool, printing(kCustom));  // which it would take for disabled
+  machine.addProgram(tool, printing(kCustom));  // which this instance would read as disabled
   EXPECT_TRUE(manager->checkForSIPForDevice("/dev/disk0s2"));
 }
 

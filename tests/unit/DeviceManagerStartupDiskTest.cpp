@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How a volume starts, and setting the startup disk.
+// A volume's way of starting, and the selection of the startup disk.
 #include <cerrno>
 #include <ostream>
 
@@ -34,10 +34,9 @@ class DeviceManagerStartupDiskTest : public DeviceManagerTest {
   const std::shared_ptr<QDVolume> windows = volumeOf("ntfs");
 };
 
-// ------------------------------------------------------------------------------------------------------- way of
-// starting
+// ----------------------------------------------------------------------------------------------------- way of starting
 
-TEST_F(DeviceManagerStartupDiskTest, AVolumeOfALegacyDiskStartsAsLegacy) {
+TEST_F(DeviceManagerStartupDiskTest, AVolumeOfALegacyDiskStartsByLegacyBoot) {
   makeLegacy();
   for (const char* type : {"ntfs", "msdos", "exfat"}) EXPECT_EQ(manager->bootTypeForDisk(volumeOf(type)), 0U) << type;
   EXPECT_EQ(systemLog(), Lines(3, "system log Vorlix: WE HAVE LEGACY BOOT"));
@@ -50,7 +49,7 @@ TEST_F(DeviceManagerStartupDiskTest, AVolumeOfAnEFIDiskStartsByEFI) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerStartupDiskTest, AVolumeOfADiskThatCannotBeReadIsUnknown) {
+TEST_F(DeviceManagerStartupDiskTest, AVolumeOfAnUnreadableDiskIsUnknown) {
   machine.fail("disk0", Operation::open, EACCES);
   EXPECT_EQ(manager->bootTypeForDisk(windows), 4U);
   EXPECT_THAT(lines(), ElementsAre("Could not detect disk startup type"));
@@ -79,7 +78,7 @@ TEST_F(DeviceManagerStartupDiskTest, OnlyTheExactTypesAreMacVolumes) {
   EXPECT_EQ(manager->bootTypeForDisk(makeVolume("/dev/disk0s3", "/Volumes/X")), 1U);
 }
 
-TEST_F(DeviceManagerStartupDiskTest, TheRunningSystemsVolumeIsNothingElse) {
+TEST_F(DeviceManagerStartupDiskTest, TheRunningSystemsVolumeTakesPrecedence) {
   for (const char* type : {"apfs", "hfs", "ntfs"}) EXPECT_EQ(manager->bootTypeForDisk(volumeOf(type, "/")), 3U) << type;
   EXPECT_THAT(lines(), IsEmpty());
   EXPECT_EQ(systemLog(), Lines());
@@ -87,7 +86,7 @@ TEST_F(DeviceManagerStartupDiskTest, TheRunningSystemsVolumeIsNothingElse) {
   EXPECT_EQ(manager->bootTypeForDisk(makeVolume("/dev/disk0s3", std::nullopt, "ntfs")), 1U);
 }
 
-TEST_F(DeviceManagerStartupDiskTest, TheWholeDiskIsLookedAtInEveryCase) {
+TEST_F(DeviceManagerStartupDiskTest, TheWholeDiskIsReadInEveryCase) {
   static_cast<void>(manager->bootTypeForDisk(volumeOf("ntfs")));
   static_cast<void>(manager->bootTypeForDisk(volumeOf("hfs")));
   static_cast<void>(manager->bootTypeForDisk(volumeOf("apfs", "/")));
@@ -95,14 +94,13 @@ TEST_F(DeviceManagerStartupDiskTest, TheWholeDiskIsLookedAtInEveryCase) {
   EXPECT_EQ(machine.writes(), Lines());
 }
 
-// -------------------------------------------------------------------------------------------------------------
-// commands
+// ------------------------------------------------------------------------------------------------------------ commands
 
 struct Selection {
   uint32_t code;
-  const char* device;  ///< what is blessed
-  Lines messages;      ///< after the first
-  int flags;           ///< "-nextonly" with next-only wanted
+  const char* device;  ///< the device to bless
+  Lines messages;      ///< after the first message
+  int flags;           ///< number of "-nextonly" flags if next-only is requested
 };
 
 void PrintTo(const Selection& selection, std::ostream* stream) {
@@ -116,8 +114,8 @@ class DeviceManagerSelectionTest : public DeviceManagerStartupDiskTest, public t
     while (flags-- > 0) text += " -nextonly";
     return text;
   }
-  /// One flag fewer for good.
-  static int flagsForGood() { return GetParam().flags - 1; }
+  /// For a permanent choice there is one flag fewer.
+  static int permanentFlags() { return GetParam().flags - 1; }
 
   static Lines messages(const std::string& last) {
     Lines expected = {"Setting startup disk to device /dev/disk0s3"};
@@ -135,10 +133,10 @@ TEST_P(DeviceManagerSelectionTest, RootRunsTheCommandForTheNextStart) {
   EXPECT_EQ(lines(), messages("Running command \"" + expected + "\""));
 }
 
-TEST_P(DeviceManagerSelectionTest, RootRunsTheCommandForGood) {
+TEST_P(DeviceManagerSelectionTest, RootRunsTheCommandForAPermanentChoice) {
   machine.setRealUserID(0);
   EXPECT_TRUE(manager->selectStartupDisk(windows, GetParam().code, false));
-  const std::string expected = command(flagsForGood());
+  const std::string expected = command(permanentFlags());
   EXPECT_EQ(shell(), Lines{"shell " + expected});
   EXPECT_EQ(lines(), messages("Running command \"" + expected + "\""));
 }
@@ -149,32 +147,32 @@ TEST_P(DeviceManagerSelectionTest, TheShortFormIsForTheNextStart) {
   EXPECT_EQ(shell(), Lines{"shell " + command(GetParam().flags)});
 }
 
-TEST_P(DeviceManagerSelectionTest, ARemovableVolumeIsChosenForGood) {
+TEST_P(DeviceManagerSelectionTest, ARemovableVolumeIsChosenPermanently) {
   machine.setRealUserID(0);
   windows->setIsRemovable(true);
   EXPECT_TRUE(manager->selectStartupDisk(windows, GetParam().code, true));
   EXPECT_TRUE(manager->selectStartupDisk(windows, GetParam().code));
-  EXPECT_EQ(shell(), Lines(2, "shell " + command(flagsForGood())));
+  EXPECT_EQ(shell(), Lines(2, "shell " + command(permanentFlags())));
 }
 
-TEST_P(DeviceManagerSelectionTest, AnOrdinaryUserRunsNothingAndIsToldSo) {
+TEST_P(DeviceManagerSelectionTest, AnOrdinaryUserRunsNothingAndGetsAMessage) {
   EXPECT_TRUE(manager->selectStartupDisk(windows, GetParam().code, true));
   EXPECT_EQ(shell(), Lines());
   EXPECT_EQ(lines(), messages(kNotRoot));
 }
 
-TEST_P(DeviceManagerSelectionTest, TheToolsFailureDoesNotShow) {
+TEST_P(DeviceManagerSelectionTest, TheToolsFailureIsNotReported) {
   machine.setRealUserID(0);
   machine.setShellStatus(256);
   EXPECT_TRUE(manager->selectStartupDisk(windows, GetParam().code, true));
   EXPECT_EQ(shell().size(), 1U);
 }
 
-TEST_P(DeviceManagerSelectionTest, OnlyTheVolumesOwnEFIStartUsesTheSystemsLog) {
+TEST_P(DeviceManagerSelectionTest, OnlyTheVolumeEFICodeUsesTheSystemsLog) {
   static_cast<void>(manager->selectStartupDisk(windows, GetParam().code, true));
   Lines expected;
   if (GetParam().code == 5) {
-    // Before the flag that every choice for the next start adds.
+    // Logged before the flag that every choice for the next start adds.
     expected = {"system log Vorlix: Selecting type Volume EFI",
                 "system log Vorlix: Command is /usr/sbin/bless -device /dev/disk0s3 -setBoot -nextonly"};
   }
@@ -193,10 +191,9 @@ INSTANTIATE_TEST_SUITE_P(Codes, DeviceManagerSelectionTest,
                                          Selection{5, "/dev/disk0s3", {}, 2}),
                          [](const auto& tested) { return "Code" + std::to_string(tested.param.code); });
 
-// ------------------------------------------------------------------------------------------------------ refused
-// choices
+// ----------------------------------------------------------------------------------------------------- refused choices
 
-TEST_F(DeviceManagerStartupDiskTest, TheRunningSystemsVolumeIsNotSet) {
+TEST_F(DeviceManagerStartupDiskTest, TheRunningSystemsVolumeIsNotSelected) {
   machine.setRealUserID(0);
   EXPECT_FALSE(manager->selectStartupDisk(windows, 3, true));
   EXPECT_THAT(lines(), ElementsAre("Setting startup disk to device /dev/disk0s3"));
@@ -215,7 +212,7 @@ TEST_F(DeviceManagerStartupDiskTest, OtherCodesAreRefused) {
   EXPECT_EQ(shell(), Lines());
 }
 
-TEST_F(DeviceManagerStartupDiskTest, AnotherUserIDThanZeroIsNotRoot) {
+TEST_F(DeviceManagerStartupDiskTest, OnlyUserIDZeroIsRoot) {
   for (const uint32_t user : {1U, 501U, 0xFFFFFFFFU}) {
     machine.setRealUserID(user);
     EXPECT_TRUE(manager->selectStartupDisk(windows, 1, true));
@@ -224,7 +221,7 @@ TEST_F(DeviceManagerStartupDiskTest, AnotherUserIDThanZeroIsNotRoot) {
   EXPECT_EQ(shell(), Lines());
 }
 
-TEST_F(DeviceManagerStartupDiskTest, ADeviceThatIsNoPlainWordIsNotGivenToTheShell) {
+TEST_F(DeviceManagerStartupDiskTest, ADeviceNameWithSpecialCharactersIsNotPassedToTheShell) {
   machine.setRealUserID(0);
   for (const char* name : {"disk7; reboot #s1", "$(reboot)s1", "`reboot`s1", "a b", "x|ys1", "x&s1", "x>ys1", "x<ys1",
                            "x\ny", "x'y", "x\"y", "x\\y", "x*", "x?", "[x]", "{x,y}", "~x\t", "(null)", "$HOME"}) {
@@ -238,23 +235,23 @@ TEST_F(DeviceManagerStartupDiskTest, ADeviceThatIsNoPlainWordIsNotGivenToTheShel
   EXPECT_EQ(shell(), Lines());
 }
 
-TEST_F(DeviceManagerStartupDiskTest, ADeviceWithAnEmptyNameIsNotGivenToTheShell) {
+TEST_F(DeviceManagerStartupDiskTest, AnEmptyDeviceNameIsNotPassedToTheShell) {
   machine.setRealUserID(0);
   OutputCapture output(STDOUT_FILENO);
   for (const uint32_t code : {0U, 1U, 2U, 4U, 5U}) {
     EXPECT_FALSE(manager->selectStartupDisk(makeVolume(""), code, true)) << code;
   }
-  EXPECT_EQ(shell(), Lines());  // the tool would take its next option for the device
+  EXPECT_EQ(shell(), Lines());  // the tool would use its next option as the device
 }
 
-TEST_F(DeviceManagerStartupDiskTest, WhateverTheDevicesNameAnOrdinaryUserRunsNothing) {
+TEST_F(DeviceManagerStartupDiskTest, AnOrdinaryUserRunsNothingWhateverTheDevicesName) {
   machine.addDisk("disk7; reboot", 1 << 20, 512);
   EXPECT_TRUE(manager->selectStartupDisk(makeVolume("/dev/disk7; reboot"), 0, true));
   EXPECT_EQ(lastLine(), kNotRoot);
   EXPECT_EQ(shell(), Lines());
 }
 
-TEST_F(DeviceManagerStartupDiskTest, ADeviceNameThatIsAPlainWordIsGivenToTheShell) {
+TEST_F(DeviceManagerStartupDiskTest, APlainDeviceNameIsPassedToTheShell) {
   machine.setRealUserID(0);
   for (const char* name : {"nvme0n1p3", "disk12s34", "mapper/vg-root_1"}) {
     machine.addDisk(name, 1 << 20, 512);
@@ -264,7 +261,7 @@ TEST_F(DeviceManagerStartupDiskTest, ADeviceNameThatIsAPlainWordIsGivenToTheShel
   }
 }
 
-TEST_F(DeviceManagerStartupDiskTest, AnAbsentDeviceIsNullInTheMessageAndNotRun) {
+TEST_F(DeviceManagerStartupDiskTest, AnAbsentDeviceIsNullInTheMessageAndNothingRuns) {
   machine.setRealUserID(0);
   for (const uint32_t code : {0U, 1U, 2U, 4U, 5U}) {
     delegate->lines.clear();
@@ -274,7 +271,7 @@ TEST_F(DeviceManagerStartupDiskTest, AnAbsentDeviceIsNullInTheMessageAndNotRun) 
   EXPECT_EQ(shell(), Lines());
 }
 
-TEST_F(DeviceManagerStartupDiskTest, ADeviceWithoutAWholeDiskHasNoEFISliceToRun) {
+TEST_F(DeviceManagerStartupDiskTest, WithoutAWholeDiskThereIsNoEFISliceToBless) {
   OutputCapture output(STDOUT_FILENO);
   machine.setRealUserID(0);
   EXPECT_FALSE(manager->selectStartupDisk(makeVolume("/dev/disk9s3"), 1, true));
@@ -283,10 +280,9 @@ TEST_F(DeviceManagerStartupDiskTest, ADeviceWithoutAWholeDiskHasNoEFISliceToRun)
   EXPECT_THAT(shell(), ElementsAre("shell /usr/sbin/bless -device /dev/disk9s3 -setBoot -nextonly"));
 }
 
-// --------------------------------------------------------------------------------------------- the next start,
-// detected
+// -------------------------------------------------------------------------------------------- the next start, detected
 
-TEST_F(DeviceManagerStartupDiskTest, TheNextStartTakesTheCodeOfTheVolume) {
+TEST_F(DeviceManagerStartupDiskTest, TheNextStartUsesTheVolumesBootType) {
   machine.setRealUserID(0);
   makeLegacy();
   EXPECT_TRUE(manager->selectNextOnlyStartupDisk(windows));
@@ -296,7 +292,7 @@ TEST_F(DeviceManagerStartupDiskTest, TheNextStartTakesTheCodeOfTheVolume) {
                                    "Running command \"/usr/sbin/bless -device /dev/disk0s3 -setBoot -nextonly\""));
 }
 
-TEST_F(DeviceManagerStartupDiskTest, TheNextStartOfAMacVolumeIsFromItself) {
+TEST_F(DeviceManagerStartupDiskTest, TheNextStartOfAMacVolumeUsesTheVolumeItself) {
   machine.setRealUserID(0);
   EXPECT_TRUE(manager->selectNextOnlyStartupDisk(volumeOf("apfs")));
   EXPECT_THAT(shell(), ElementsAre("shell /usr/sbin/bless -device /dev/disk0s3 -setBoot -nextonly"));
@@ -305,7 +301,7 @@ TEST_F(DeviceManagerStartupDiskTest, TheNextStartOfAMacVolumeIsFromItself) {
                                    "Running command \"/usr/sbin/bless -device /dev/disk0s3 -setBoot -nextonly\""));
 }
 
-TEST_F(DeviceManagerStartupDiskTest, TheNextStartOfAnUnknownDiskIsByItsFirstSlice) {
+TEST_F(DeviceManagerStartupDiskTest, TheNextStartOfAnUnknownDiskUsesItsFirstSlice) {
   machine.setRealUserID(0);
   machine.fail("disk0", Operation::open, EACCES);
   for (const char* type : {"exfat", "msdos"}) {
@@ -315,14 +311,14 @@ TEST_F(DeviceManagerStartupDiskTest, TheNextStartOfAnUnknownDiskIsByItsFirstSlic
   }
 }
 
-TEST_F(DeviceManagerStartupDiskTest, TheNextStartOfTheRunningSystemsVolumeIsNotSet) {
+TEST_F(DeviceManagerStartupDiskTest, TheRunningSystemsVolumeIsNotSelectedForTheNextStart) {
   machine.setRealUserID(0);
   EXPECT_FALSE(manager->selectNextOnlyStartupDisk(volumeOf("apfs", "/")));
   EXPECT_THAT(lines(), ElementsAre("Setting startup disk to device /dev/disk0s3"));
   EXPECT_EQ(shell(), Lines());
 }
 
-TEST_F(DeviceManagerStartupDiskTest, TheNextStartOfARemovableVolumeIsForGood) {
+TEST_F(DeviceManagerStartupDiskTest, TheNextStartOfARemovableVolumeIsPermanent) {
   machine.setRealUserID(0);
   windows->setIsRemovable(true);
   EXPECT_TRUE(manager->selectNextOnlyStartupDisk(windows));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Windows' folders on a volume, and the partition that its boot files stand on.
+// The Windows folders on a volume, and the partition that holds its boot files.
 #include "tests/unit/support/DeviceManagerFixture.h"
 
 namespace vorlix::test {
@@ -15,7 +15,7 @@ class DeviceManagerWindowsFoldersTest : public DeviceManagerTest {
   const std::string root = mounts / "volume";
 };
 
-TEST_F(DeviceManagerWindowsFoldersTest, FoldersAndFilesAreFoundAsTheyAreSpelled) {
+TEST_F(DeviceManagerWindowsFoldersTest, FoldersAndFilesAreFound) {
   installWindows("volume");
   placeFile("volume/sources/boot.wim");
   EXPECT_EQ(QDDeviceManager::windowsFolderFromVolume(root), root + "/Windows");
@@ -26,7 +26,7 @@ TEST_F(DeviceManagerWindowsFoldersTest, FoldersAndFilesAreFoundAsTheyAreSpelled)
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerWindowsFoldersTest, UpperCaseIsFoundAndKept) {
+TEST_F(DeviceManagerWindowsFoldersTest, UpperCaseIsFoundAndPreserved) {
   makeFolder("volume/WINDOWS/SYSTEM32");
   placeFile("volume/SOURCES/BOOT.WIM");
   EXPECT_EQ(QDDeviceManager::windowsFolderFromVolume(root), root + "/WINDOWS");
@@ -35,20 +35,20 @@ TEST_F(DeviceManagerWindowsFoldersTest, UpperCaseIsFoundAndKept) {
   EXPECT_EQ(QDDeviceManager::bootWIMFileFromVolume(root), root + "/SOURCES/BOOT.WIM");
 }
 
-TEST_F(DeviceManagerWindowsFoldersTest, OnAVolumeThatIgnoresCaseTheSpellingOfItsEntriesIsKept) {
+TEST_F(DeviceManagerWindowsFoldersTest, OnAVolumeThatIgnoresCaseTheSpellingOfItsEntriesIsPreserved) {
   machine.ignoreCase(root);
   makeFolder("volume/WINDOWS/system32");
   EXPECT_EQ(QDDeviceManager::system32FolderFromVolume(root), root + "/WINDOWS/system32");
 }
 
-TEST_F(DeviceManagerWindowsFoldersTest, AFinalSlashOfTheVolumeIsNotDoubled) {
+TEST_F(DeviceManagerWindowsFoldersTest, ATrailingSlashOfTheVolumeIsNotDoubled) {
   installWindows("volume");
   placeFile("volume/sources/boot.wim");
   EXPECT_EQ(QDDeviceManager::windowsFolderFromVolume(root + "/"), root + "/Windows");
   EXPECT_EQ(QDDeviceManager::bootWIMFileFromVolume(root + "/"), root + "/sources/boot.wim");
 }
 
-TEST_F(DeviceManagerWindowsFoldersTest, OnlyTheWholeNameCounts) {
+TEST_F(DeviceManagerWindowsFoldersTest, OnlyWholeNamesMatch) {
   for (const char* name : {"Windows.old", "MyWindows", "Windows ", "System32", "sources2"}) {
     makeFolder(std::string("volume/") + name);
   }
@@ -58,7 +58,7 @@ TEST_F(DeviceManagerWindowsFoldersTest, OnlyTheWholeNameCounts) {
   EXPECT_EQ(QDDeviceManager::bootWIMFileFromVolume(root), std::nullopt);
 }
 
-TEST_F(DeviceManagerWindowsFoldersTest, OnlyOneLevelIsLookedAt) {
+TEST_F(DeviceManagerWindowsFoldersTest, OnlyOneLevelIsSearched) {
   makeFolder("volume/sub/Windows/System32");
   makeFolder("volume/Windows/sub/System32");
   placeFile("volume/sources/sub/boot.wim");
@@ -67,7 +67,7 @@ TEST_F(DeviceManagerWindowsFoldersTest, OnlyOneLevelIsLookedAt) {
   EXPECT_EQ(QDDeviceManager::bootWIMFileFromVolume(root), std::nullopt);
 }
 
-TEST_F(DeviceManagerWindowsFoldersTest, OnlyNamesAreLookedAt) {
+TEST_F(DeviceManagerWindowsFoldersTest, OnlyNamesAreChecked) {
   placeFile("volume/Windows");
   makeFolder("volume/sources/boot.wim");
   EXPECT_EQ(QDDeviceManager::windowsFolderFromVolume(root), root + "/Windows");
@@ -75,7 +75,7 @@ TEST_F(DeviceManagerWindowsFoldersTest, OnlyNamesAreLookedAt) {
   EXPECT_EQ(QDDeviceManager::bootWIMFileFromVolume(root), root + "/sources/boot.wim");
 }
 
-TEST_F(DeviceManagerWindowsFoldersTest, OfSeveralSpellingsTheFirstEntryIsTaken) {
+TEST_F(DeviceManagerWindowsFoldersTest, TheFirstEntryOfSeveralSpellingsIsUsed) {
   for (const char* name : {"windows", "Windows", "WINDOWS", "wINDOWS", "a", "z"}) {
     makeFolder(std::string("volume/") + name);
   }
@@ -86,7 +86,7 @@ TEST_F(DeviceManagerWindowsFoldersTest, OfSeveralSpellingsTheFirstEntryIsTaken) 
   EXPECT_EQ(QDDeviceManager::windowsFolderFromVolume(root), std::nullopt);
 }
 
-TEST_F(DeviceManagerWindowsFoldersTest, WhereNothingCanBeListedNothingIsFound) {
+TEST_F(DeviceManagerWindowsFoldersTest, NothingIsFoundWithoutAListing) {
   placeFile("file");
   for (const std::optional<std::string>& path :
        {std::optional<std::string>(), std::optional<std::string>(""), std::optional<std::string>(mounts / "nowhere"),
@@ -98,13 +98,13 @@ TEST_F(DeviceManagerWindowsFoldersTest, WhereNothingCanBeListedNothingIsFound) {
   }
 }
 
-TEST_F(DeviceManagerWindowsFoldersTest, NamesThatAreNotUTF8DoNotStandInTheWay) {
+TEST_F(DeviceManagerWindowsFoldersTest, NamesThatAreNotUTF8AreIgnored) {
   makeFolder("volume/\xFF\xFEwindows");
   installWindows("volume");
   EXPECT_EQ(QDDeviceManager::system32FolderFromVolume(root), root + "/Windows/System32");
 }
 
-// ------------------------------------------------------------------------------------------ where the boot files are
+// -------------------------------------------------------------------------------------------- where the boot files are
 
 class DeviceManagerSplitBootTest : public DeviceManagerTest {
  protected:
@@ -112,7 +112,7 @@ class DeviceManagerSplitBootTest : public DeviceManagerTest {
     for (const char* device : {"disk0s1", "disk0s2", "disk0s3", "disk1s1"}) addDevice(device);
   }
 
-  /// A volume with a BOOT folder.
+  /// Creates a volume with a BOOT folder.
   std::shared_ptr<QDVolume> withBoot(const std::string& device, const std::string& folderName,
                                      const std::string& name = "System Reserved") {
     makeFolder(folderName + "/BOOT");
@@ -128,7 +128,7 @@ class DeviceManagerSplitBootTest : public DeviceManagerTest {
     return volume;
   }
 
-  /// Expects the paths of the volume in that folder for Windows on disk0s3.
+  /// Expects that the boot files of the Windows on disk0s3 are on the volume in that folder.
   void expectPathsOf(const std::string& folderName, const Volumes& list) {
     const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", list);
     EXPECT_EQ(answer.text("bootFolderPath"), mounts / (folderName + "/BOOT"));
@@ -137,38 +137,38 @@ class DeviceManagerSplitBootTest : public DeviceManagerTest {
   }
 };
 
-TEST_F(DeviceManagerSplitBootTest, TheReservedPartitionOfTheSameDiskIsTaken) {
+TEST_F(DeviceManagerSplitBootTest, TheReservedPartitionOfTheSameDiskIsUsed) {
   expectPathsOf("reserved", {plain("/dev/disk0s3", "windows"), withBoot("/dev/disk0s2", "reserved"),
                              plain("/dev/disk0s1", "last")});
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(DeviceManagerSplitBootTest, TheFirstReservedPartitionIsTaken) {
+TEST_F(DeviceManagerSplitBootTest, TheFirstReservedPartitionIsUsed) {
   expectPathsOf("first", {withBoot("/dev/disk0s2", "first"), withBoot("/dev/disk0s1", "second")});
 }
 
-TEST_F(DeviceManagerSplitBootTest, TheDeviceMayStandWithoutItsFolder) {
+TEST_F(DeviceManagerSplitBootTest, TheDevicePrefixIsOptional) {
   const Volumes list = {withBoot("disk0s2", "reserved"), plain("/dev/disk0s1", "last")};
   expectPathsOf("reserved", list);
   EXPECT_EQ(manager->splitBootInfo("disk0s3", list).text("bootFolderPath"), mounts / "reserved/BOOT");
 }
 
-TEST_F(DeviceManagerSplitBootTest, AReservedPartitionOfAnotherDiskIsNot) {
+TEST_F(DeviceManagerSplitBootTest, AReservedPartitionOfAnotherDiskIsNotUsed) {
   expectPathsOf("last", {withBoot("/dev/disk1s1", "reserved"), plain("/dev/disk0s1", "last")});
 }
 
-TEST_F(DeviceManagerSplitBootTest, AReservedPartitionWithWindowsIsNot) {
+TEST_F(DeviceManagerSplitBootTest, AReservedPartitionWithWindowsIsNotUsed) {
   const auto volume = withBoot("/dev/disk0s2", "reserved");
   volume->setHasWindows(true);
   expectPathsOf("last", {volume, plain("/dev/disk0s1", "last")});
 }
 
-TEST_F(DeviceManagerSplitBootTest, APartitionOfAnotherNameIsNot) {
+TEST_F(DeviceManagerSplitBootTest, APartitionWithAnotherNameIsNotUsed) {
   expectPathsOf("last", {withBoot("/dev/disk0s2", "lower", "system reserved"),
                          withBoot("/dev/disk0s1", "longer", "System Reserved 1"), plain("/dev/disk0s3", "last")});
 }
 
-TEST_F(DeviceManagerSplitBootTest, APartitionWithoutABootFolderIsNot) {
+TEST_F(DeviceManagerSplitBootTest, APartitionWithoutABootFolderIsNotUsed) {
   const auto bare = plain("/dev/disk0s2", "bare");
   bare->setDiskName("System Reserved");
   const auto withFile = plain("/dev/disk0s1", "file");
@@ -177,7 +177,7 @@ TEST_F(DeviceManagerSplitBootTest, APartitionWithoutABootFolderIsNot) {
   expectPathsOf("last", {bare, withFile, plain("/dev/disk0s3", "last")});
 }
 
-TEST_F(DeviceManagerSplitBootTest, DevicesWithoutAWholeDiskAreNotOnTheSameOne) {
+TEST_F(DeviceManagerSplitBootTest, DevicesWithoutAWholeDiskAreNotOnTheSameDisk) {
   OutputCapture output(STDOUT_FILENO);
   const Dictionary answer = manager->splitBootInfo(
       "/dev/disk9s3", {withBoot("/dev/disk8s2", "reserved"), withBoot("/dev/disk0s1", "last", "last")});
@@ -185,14 +185,14 @@ TEST_F(DeviceManagerSplitBootTest, DevicesWithoutAWholeDiskAreNotOnTheSameOne) {
   EXPECT_EQ(answer.text("bootFolderPath"), mounts / "last/BOOT");
 }
 
-TEST_F(DeviceManagerSplitBootTest, WithABootManagersFileTheAnswerIsTheSame) {
+TEST_F(DeviceManagerSplitBootTest, ABootManagerFileDoesNotChangeTheResult) {
   const Volumes list = {withBoot("/dev/disk0s2", "reserved"), plain("/dev/disk0s1", "last")};
   expectPathsOf("reserved", list);
   placeFile("reserved/bootmgr");
   expectPathsOf("reserved", list);
 }
 
-TEST_F(DeviceManagerSplitBootTest, OnFATAndExFATTheNamesAreTakenAsTheVolumeSpellsThem) {
+TEST_F(DeviceManagerSplitBootTest, OnFATAndExFATTheVolumesSpellingIsReturned) {
   makeFolder("reserved/Boot");
   for (const char* type : {"msdos", "exfat"}) {
     const auto reserved = makeVolume("/dev/disk0s2", mounts / "reserved", type);
@@ -202,7 +202,7 @@ TEST_F(DeviceManagerSplitBootTest, OnFATAndExFATTheNamesAreTakenAsTheVolumeSpell
   }
 }
 
-TEST_F(DeviceManagerSplitBootTest, OnNTFSTheNamesAreTakenAsTheVolumeSpellsThem) {
+TEST_F(DeviceManagerSplitBootTest, OnNTFSTheVolumesSpellingIsReturned) {
   makeFolder("reserved/Boot");
   placeFile("reserved/BootMgr");
   const auto reserved = makeVolume("/dev/disk0s2", mounts / "reserved", "ntfs");
@@ -211,41 +211,41 @@ TEST_F(DeviceManagerSplitBootTest, OnNTFSTheNamesAreTakenAsTheVolumeSpellsThem) 
   const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", list);
   EXPECT_EQ(answer.text("bootFolderPath"), mounts / "reserved/Boot");
   EXPECT_EQ(answer.text("bootmgrPath"), mounts / "reserved/BootMgr");
-  makeFolder("reserved/BOOT");  // the name itself goes before any other spelling
+  makeFolder("reserved/BOOT");  // the exact name takes precedence over other spellings
   EXPECT_EQ(manager->splitBootInfo("/dev/disk0s3", list).text("bootFolderPath"), mounts / "reserved/BOOT");
 }
 
-TEST_F(DeviceManagerSplitBootTest, OnOtherFileSystemsTheNamesAreTakenAsTheyStand) {
+TEST_F(DeviceManagerSplitBootTest, OnOtherFileSystemsOnlyTheExactNamesMatch) {
   makeFolder("reserved/Boot");
   const auto reserved = makeVolume("/dev/disk0s2", mounts / "reserved", "ext4");
   reserved->setDiskName("System Reserved");
   expectPathsOf("last", {reserved, plain("/dev/disk0s1", "last")});
 }
 
-TEST_F(DeviceManagerSplitBootTest, WithoutAReservedPartitionThePathsAreTheLastVolumes) {
+TEST_F(DeviceManagerSplitBootTest, WithoutAReservedPartitionThePathsAreOnTheLastVolume) {
   expectPathsOf("last", {plain("/dev/disk0s3", "windows"), plain("/dev/disk1s1", "last")});
 }
 
-TEST_F(DeviceManagerSplitBootTest, OfAnEmptyListBothPathsAreEmpty) {
+TEST_F(DeviceManagerSplitBootTest, AnEmptyListGivesEmptyPaths) {
   const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", {});
   EXPECT_EQ(answer.text("bootFolderPath"), "");
   EXPECT_EQ(answer.text("bootmgrPath"), "");
 }
 
-TEST_F(DeviceManagerSplitBootTest, OfAVolumeWithoutAPathTheBootManagersPathIsEmpty) {
+TEST_F(DeviceManagerSplitBootTest, AVolumeWithoutAPathGivesEmptyPaths) {
   const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", {makeVolume("/dev/disk0s2")});
   EXPECT_EQ(answer.text("bootFolderPath"), "");
   EXPECT_EQ(answer.text("bootmgrPath"), "");
 }
 
-TEST_F(DeviceManagerSplitBootTest, AFinalSlashOfAPathIsNotDoubled) {
+TEST_F(DeviceManagerSplitBootTest, ATrailingSlashOfAPathIsNotDoubled) {
   makeFolder("last");
   const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", {makeVolume("/dev/disk0s2", mounts / "last/")});
   EXPECT_EQ(answer.text("bootFolderPath"), mounts / "last/BOOT");
   EXPECT_EQ(answer.text("bootmgrPath"), mounts / "last/bootmgr");
 }
 
-TEST_F(DeviceManagerSplitBootTest, AtTheRootOfTheSystemThereIsOneSlash) {
+TEST_F(DeviceManagerSplitBootTest, TheRootVolumesPathsHaveOneSlash) {
   const Dictionary answer = manager->splitBootInfo("/dev/disk0s3", {makeVolume("/dev/disk0s2", "/")});
   EXPECT_EQ(answer.text("bootFolderPath"), "/BOOT");
   EXPECT_EQ(answer.text("bootmgrPath"), "/bootmgr");

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Which Windows a volume holds, as the host's registry tool and the setup log tell.
+// Which Windows version a volume holds, according to the host's registry tool and the setup log.
 #include <Vorlix/platform/simulated/SimulatedHostBundle.h>
 
 #include <map>
@@ -31,13 +31,13 @@ class DeviceManagerWindowsVersionTest : public DeviceManagerTest {
 
   Dictionary version() { return manager->versionOfWindowsFromVolume(volume); }
 
-  /// The product of a volume whose registry has that name.
+  /// Returns the product of a volume whose registry has that product name.
   std::string product(const std::string& name) {
     values["ProductName"] = name;
     return version().text("product").value_or("(none)");
   }
 
-  /// Gives the volume a setup log in which grep finds `output`.
+  /// Adds a setup log to the volume, in which grep finds `output`.
   std::string setupLog(const std::string& output) {
     machine.addProgram(kGrep, [this, output](const Lines& arguments) {
       grepped.push_back(arguments);
@@ -73,13 +73,13 @@ TEST_F(DeviceManagerWindowsVersionTest, FourValuesAreLookedUpInTheVolumesHive) {
   EXPECT_THAT(lines(), ElementsAre("Product: Windows 10 Pro, Edition: Professional", "Found Windows 10"));
 }
 
-TEST_F(DeviceManagerWindowsVersionTest, NothingElseIsRun) {
+TEST_F(DeviceManagerWindowsVersionTest, NothingElseRuns) {
   static_cast<void>(version());
   EXPECT_EQ(machine.journal().size(), 4U);
   EXPECT_EQ(journalOf({"launch "}).size(), 4U);
 }
 
-TEST_F(DeviceManagerWindowsVersionTest, TheHiveIsInTheFolderAsItIsSpelled) {
+TEST_F(DeviceManagerWindowsVersionTest, TheHivesPathUsesTheVolumesSpelling) {
   machine.removeItem(root);
   makeFolder("volume/WINDOWS/SYSTEM32");
   static_cast<void>(version());
@@ -96,7 +96,7 @@ TEST_F(DeviceManagerWindowsVersionTest, ValuesKeepTheirBlanks) {
   EXPECT_THAT(lines(), ElementsAre("Product:  Windows Vista \t, Edition:  Business "));
 }
 
-TEST_F(DeviceManagerWindowsVersionTest, SeveralLinesRunTogether) {
+TEST_F(DeviceManagerWindowsVersionTest, LinesAreJoined) {
   values = {{"ProductName", "Windows\n 10\r\n Pro\n"}, {"EditionID", "Pro\n"}};
   const Dictionary answer = version();
   EXPECT_EQ(answer.text("product"), "Windows 10");
@@ -104,7 +104,7 @@ TEST_F(DeviceManagerWindowsVersionTest, SeveralLinesRunTogether) {
   EXPECT_EQ(line(0), "Product: Windows 10\r Pro, Edition: Pro");
 }
 
-TEST_F(DeviceManagerWindowsVersionTest, AToolThatPrintsNothingLeavesAllEmpty) {
+TEST_F(DeviceManagerWindowsVersionTest, AToolWithoutOutputLeavesAllEmpty) {
   const Dictionary answer = version();
   for (const char* key : {"product", "edition", "buildLabEx", "currentBuildNumber"}) {
     EXPECT_EQ(answer.text(key), "") << key;
@@ -134,7 +134,7 @@ TEST_F(DeviceManagerWindowsVersionTest, AHostWithoutTheToolLeavesAllEmpty) {
   EXPECT_THAT(lines(), ElementsAre("Could not determine product name", "Product: , Edition: "));
 }
 
-TEST_F(DeviceManagerWindowsVersionTest, AToolElsewhereAmongTheResourcesIsNotTaken) {
+TEST_F(DeviceManagerWindowsVersionTest, AToolElsewhereAmongTheResourcesIsIgnored) {
   const auto bundle = std::make_shared<SimulatedHostBundle>();
   bundle->addResource("registry_lookup", "", kTool);
   bundle->addResource("registry_lookup", "sh", kTool, "tools/bin");
@@ -151,7 +151,7 @@ TEST_F(DeviceManagerWindowsVersionTest, AToolThatCannotBeLaunchedLeavesAllEmpty)
   EXPECT_THAT(lines(), ElementsAre("Could not determine product name", "Product: , Edition: "));
 }
 
-TEST_F(DeviceManagerWindowsVersionTest, WithoutSystem32FourTextsAreEmptyAndNothingIsLogged) {
+TEST_F(DeviceManagerWindowsVersionTest, WithoutSystem32FourValuesAreEmptyAndNothingIsLogged) {
   machine.removeItem(root);
   placeFile("volume/sources/BOOT.WIM");
   const Dictionary answer = version();
@@ -172,18 +172,18 @@ TEST_F(DeviceManagerWindowsVersionTest, AVolumeWithoutAPathHasNoSystem32) {
 
 // ----------------------------------------------------------------------------------------------------------- setup log
 
-TEST_F(DeviceManagerWindowsVersionTest, TheBootEnvironmentIsWhatFollowsThePhraseInTheSetupLog) {
+TEST_F(DeviceManagerWindowsVersionTest, TheBootEnvironmentFollowsThePhraseInTheSetupLog) {
   const std::string found =
       "2019-05-01 10:00:00, Info  IBS  Callback_BootEnvironmentDetect: Detected boot environment: ";
   const std::string path = setupLog(found + "EFI\r\n");
   EXPECT_EQ(version().text("bootenv"), "EFI");
   EXPECT_EQ(path, root + "/Windows/Panther/setupact.log");
   EXPECT_THAT(grepped, ElementsAre(Lines{"boot environment", path}));
-  // The output's line feed is gone already, its carriage return is not yet.
+  // The output's line feed has been removed already, but not its carriage return.
   EXPECT_THAT(lines(), ElementsAre(found + "EFI\r", "Product: , Edition: "));
 }
 
-TEST_F(DeviceManagerWindowsVersionTest, WhatIsNoFileIsNoSetupLog) {
+TEST_F(DeviceManagerWindowsVersionTest, OnlyARegularFileIsASetupLog) {
   const std::string path = setupLog("Detected boot environment: EFI");
   machine.addPipe(path);
   EXPECT_FALSE(version().contains("bootenv"));
@@ -205,14 +205,14 @@ TEST_F(DeviceManagerWindowsVersionTest, EverythingAfterTheFirstPhraseIsTheBootEn
   EXPECT_EQ(version().text("bootenv"), "BIOSb Detected boot environment: EFIc boot environment");
 }
 
-TEST_F(DeviceManagerWindowsVersionTest, LinesWithoutThePhraseAreNoBootEnvironment) {
+TEST_F(DeviceManagerWindowsVersionTest, LinesWithoutTheExactPhraseGiveNoBootEnvironment) {
   setupLog("Checking boot environment\r\ndetected boot environment: EFI\r\nDetected boot environment:EFI\r\n");
   const Dictionary answer = version();
   EXPECT_EQ(answer.text("bootenv"), "");
   EXPECT_EQ(answer.values().size(), 5U);
 }
 
-TEST_F(DeviceManagerWindowsVersionTest, ACarriageReturnInThePhraseDoesNotHideIt) {
+TEST_F(DeviceManagerWindowsVersionTest, ACarriageReturnInThePhraseIsIgnored) {
   setupLog("Detected boot\r environment: EFI");
   EXPECT_EQ(version().text("bootenv"), "EFI");
 }
@@ -228,7 +228,7 @@ TEST_F(DeviceManagerWindowsVersionTest, ASetupLogWithAPhraseAtItsEndHasAnEmptyBo
   EXPECT_EQ(version().text("bootenv"), "");
 }
 
-TEST_F(DeviceManagerWindowsVersionTest, TheSetupLogsPathIsNotSearchedInOtherCase) {
+TEST_F(DeviceManagerWindowsVersionTest, TheSetupLogIsNotSearchedInOtherSpellings) {
   setupLog("Detected boot environment: EFI\r\n");
   machine.removeItem(root);
   makeFolder("volume/WINDOWS/System32");
@@ -237,7 +237,7 @@ TEST_F(DeviceManagerWindowsVersionTest, TheSetupLogsPathIsNotSearchedInOtherCase
   EXPECT_THAT(grepped, IsEmpty());
 }
 
-TEST_F(DeviceManagerWindowsVersionTest, OnNTFSHiveAndSetupLogAreFoundAsTheVolumeSpellsThem) {
+TEST_F(DeviceManagerWindowsVersionTest, OnNTFSHiveAndSetupLogAreFoundInTheVolumesSpelling) {
   setupLog("Detected boot environment: EFI\r\n");
   machine.removeItem(root);
   const std::string hive = placeFile("volume/WINDOWS/system32/CONFIG/software");
@@ -251,11 +251,11 @@ TEST_F(DeviceManagerWindowsVersionTest, OnNTFSHiveAndSetupLogAreFoundAsTheVolume
 
 // ------------------------------------------------------------------------------------------------------------- product
 
-TEST_F(DeviceManagerWindowsVersionTest, ProductsAreMappedByTheirName) {
+TEST_F(DeviceManagerWindowsVersionTest, ProductsAreMappedByName) {
   const struct {
     const char* name;
     const char* product;
-    const char* message;  ///< null for none
+    const char* message;  ///< null if there is none
   } cases[] = {
       {"Windows 10 Pro", "Windows 10", "Found Windows 10"},
       {"WINDOWS 10", "Windows 10", "Found Windows 10"},
@@ -287,7 +287,7 @@ TEST_F(DeviceManagerWindowsVersionTest, ProductsAreMappedByTheirName) {
   }
 }
 
-TEST_F(DeviceManagerWindowsVersionTest, PlaceholdersInAProductsNameAreText) {
+TEST_F(DeviceManagerWindowsVersionTest, PlaceholdersInAProductNameAreNotExpanded) {
   EXPECT_EQ(product("100%s %@ %n"), "100%s %@ %n");
   EXPECT_THAT(lines(), ElementsAre("Product: 100%s %@ %n, Edition: "));
 }
@@ -310,13 +310,13 @@ TEST_F(DeviceManagerWindowsVersionTest, WindowsEightAndTenAreEightOrLater) {
   }
 }
 
-TEST_F(DeviceManagerWindowsVersionTest, NoVolumeIsNotAndNothingIsLogged) {
+TEST_F(DeviceManagerWindowsVersionTest, ANullVolumeReturnsFalseAndLogsNothing) {
   EXPECT_FALSE(manager->hasWindows8OrLaterFromVolume(nullptr));
   EXPECT_THAT(lines(), IsEmpty());
   EXPECT_EQ(machine.journal(), Lines());
 }
 
-TEST_F(DeviceManagerWindowsVersionTest, AVolumeWithoutSystem32IsNot) {
+TEST_F(DeviceManagerWindowsVersionTest, AVolumeWithoutSystem32ReturnsFalse) {
   machine.removeItem(root);
   EXPECT_FALSE(manager->hasWindows8OrLaterFromVolume(volume));
   EXPECT_THAT(lines(), ElementsAre("Detecting Version of Windows"));

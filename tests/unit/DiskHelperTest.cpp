@@ -4,7 +4,7 @@
 #include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/SystemLog.h>
 #include <unistd.h>
-#include "library/QDSDiskFunctions/SystemLog.h"
+#include "library/QDSDiskFunctions/Log.h"
 
 #include "tests/unit/support/DiskBytes.h"
 #include "tests/unit/support/DiskFixture.h"
@@ -50,7 +50,7 @@ TEST_F(BootTypeTest, OnlyTheStartHeadOfTheSecondSlotCounts) {
   EXPECT_EQ(bootType(), 0);
 }
 
-TEST_F(BootTypeTest, WithoutASignatureTheAnswerIsTheSame) {
+TEST_F(BootTypeTest, TheSignatureIsIgnored) {
   machine.setBytes("disk0", 510, {0, 0});
   EXPECT_EQ(bootType(), 1);
   machine.setBytes("disk0", kSecondSlot + kStartHead, {0x20});
@@ -65,19 +65,19 @@ TEST_F(BootTypeTest, ADeviceThatEndsBeforeTheByteIsEFI) {
   EXPECT_EQ(bootType("/dev/disk2"), 1);
 }
 
-TEST_F(BootTypeTest, ADeviceThatEndsAfterTheByteIsJudgedByIt) {
+TEST_F(BootTypeTest, ADeviceThatEndsAfterTheByteIsClassifiedByIt) {
   machine.addDisk("disk1", kSecondSlot + 2, 512);
   machine.setBytes("disk1", 0, ByteVector(kSecondSlot + 2, 0xFF));
   EXPECT_EQ(bootType("/dev/disk1"), 0);
 }
 
-TEST_F(BootTypeTest, AnUnreadableDeviceIsJudgedByNothingRead) {
+TEST_F(BootTypeTest, AFailedReadMeansEFI) {
   machine.setBytes("disk0", 0, ByteVector(512, 0xFF));
   machine.fail("disk0", Operation::read, EIO);
   EXPECT_EQ(bootType(), 1);
 }
 
-TEST_F(BootTypeTest, ADeviceThatCannotBeOpenedIsFour) {
+TEST_F(BootTypeTest, ADeviceThatCannotBeOpenedReturnsFour) {
   machine.fail("disk0", Operation::open, EACCES);
   EXPECT_EQ(bootType(), 4);
   EXPECT_EQ(bootType("/dev/disk9"), 4);
@@ -85,7 +85,7 @@ TEST_F(BootTypeTest, ADeviceThatCannotBeOpenedIsFour) {
   EXPECT_EQ(keptOpenCount(), 0U);
 }
 
-TEST_F(BootTypeTest, ItIsOpenedForReadingWithoutALockAndNothingIsWritten) {
+TEST_F(BootTypeTest, TheDeviceIsOpenedForReadingWithoutALockAndNothingIsWritten) {
   bootType();
   EXPECT_EQ(journalOf({"open "}), Lines{"open disk0 read"});
   EXPECT_EQ(machine.writes(), Lines());
@@ -100,7 +100,7 @@ TEST_F(BootTypeTest, EachCallLeavesTheDeviceOpen) {
   EXPECT_EQ(journalOf({"close "}), Lines());
 }
 
-/// Notes what it is asked for; there is none of it.
+/// Records the requested paths. No file exists.
 class AskedFiles : public Files {
  public:
   std::optional<FileKind> kindOf(const std::string& path) override {
@@ -118,7 +118,7 @@ class BootableTest : public DiskTest {
  protected:
   BootableTest() { machine.addFolder("/Volumes"); }
 
-  // What is looked for on a volume that has nothing.
+  // Returns the paths that are checked on an empty volume.
   Lines pathsUnder(const std::string& root) {
     const auto files = std::make_shared<AskedFiles>();
     Platform ports = machine.platform();
@@ -139,25 +139,25 @@ class BootableTest : public DiskTest {
   }
 };
 
-TEST_F(BootableTest, TheLookIsNotedInTheSystemsLog) {
+TEST_F(BootableTest, TheCheckIsLoggedInTheSystemsLog) {
   bootable("/Volumes/volume");
   EXPECT_EQ(machine.journal(), Lines{"system log Vorlix: Checking if bootable"});
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(BootableTest, TheFilesAreLookedForInThisOrder) {
+TEST_F(BootableTest, TheFilesAreCheckedInThisOrder) {
   const Lines expected = {"/v/System/Library", "/v/com.apple.recovery.boot/boot.efi", "/v/Windows/System32",
                           "/v/ntldr"};
   EXPECT_EQ(pathsUnder("/v"), expected);
   EXPECT_EQ(pathsUnder("/v/"), expected);
 }
 
-TEST_F(BootableTest, AtTheRootOfTheSystemThereIsOneSlash) {
+TEST_F(BootableTest, TheRootVolumesPathsHaveOneSlash) {
   const Lines expected = {"/System/Library", "/com.apple.recovery.boot/boot.efi", "/Windows/System32", "/ntldr"};
   EXPECT_EQ(pathsUnder("/"), expected);
 }
 
-TEST_F(BootableTest, OnAVolumeOfWindowsAnySpellingIsTheName) {
+TEST_F(BootableTest, OnAWindowsVolumeAnySpellingMatches) {
   machine.addFolder("/Volumes/volume/WINDOWS/system32");
   for (const char* type : {"ntfs", "NTFS", "msdos", "MS-DOS (FAT32)", "exfat", "ExFAT"}) {
     EXPECT_TRUE(bootable("/Volumes/volume", type)) << type;
@@ -165,36 +165,36 @@ TEST_F(BootableTest, OnAVolumeOfWindowsAnySpellingIsTheName) {
   for (const char* type : {"", "apfs", "ext4"}) EXPECT_FALSE(bootable("/Volumes/volume", type)) << type;
 }
 
-TEST_F(BootableTest, AnEmptyVolumeIsNot) {
+TEST_F(BootableTest, AnEmptyVolumeIsNotBootable) {
   machine.addFolder("/Volumes/volume");
   EXPECT_FALSE(bootable("/Volumes/volume"));
 }
 
-TEST_F(BootableTest, AVolumeThatIsNotThereIsNot) {
+TEST_F(BootableTest, AMissingVolumeIsNotBootable) {
   EXPECT_FALSE(bootable("/Volumes/nowhere"));
 }
 
-TEST_F(BootableTest, TheSystemLibraryFolderWillDo) {
+TEST_F(BootableTest, TheSystemLibraryFolderIsEnough) {
   EXPECT_TRUE(bootableWith("System/Library/x"));
 }
 
-TEST_F(BootableTest, TheRecoveryBootLoaderWillDo) {
+TEST_F(BootableTest, TheRecoveryBootLoaderIsEnough) {
   EXPECT_TRUE(bootableWith("com.apple.recovery.boot/boot.efi"));
 }
 
-TEST_F(BootableTest, TheWindowsSystemFolderWillDo) {
+TEST_F(BootableTest, TheWindowsSystemFolderIsEnough) {
   EXPECT_TRUE(bootableWith("Windows/System32/x"));
 }
 
-TEST_F(BootableTest, TheLegacyLoaderWillDo) {
+TEST_F(BootableTest, TheLegacyLoaderIsEnough) {
   EXPECT_TRUE(bootableWith("ntldr"));
 }
 
-TEST_F(BootableTest, AFileWillDoWhereAFolderIsUsual) {
+TEST_F(BootableTest, AFileInPlaceOfAFolderIsEnough) {
   EXPECT_TRUE(bootableWith("Windows/System32"));
 }
 
-TEST_F(BootableTest, AlmostIsNotEnough) {
+TEST_F(BootableTest, SimilarPathsAreNotEnough) {
   EXPECT_FALSE(bootableWith("bootmgr"));
   EXPECT_FALSE(bootableWith("System/x"));
   EXPECT_FALSE(bootableWith("com.apple.recovery.boot/x"));
@@ -202,7 +202,7 @@ TEST_F(BootableTest, AlmostIsNotEnough) {
   EXPECT_FALSE(bootableWith("boot.efi"));
 }
 
-TEST_F(BootableTest, WithoutAPathTheWorkingFolderIsLookedAt) {
+TEST_F(BootableTest, WithoutAPathTheWorkingFolderIsChecked) {
   EXPECT_FALSE(QDDiskHelper::init()->isBootable(QDVolume::init()));
   EXPECT_FALSE(QDDiskHelper::init()->isBootable(nullptr));
   machine.addFile("/ntldr");
@@ -217,7 +217,7 @@ TEST_F(SystemLogLineTest, EachLineFeedIsFollowedByTheName) {
   EXPECT_EQ(machine.journal(), Lines{"system log Vorlix: one\nVorlixtwo\nVorlix\nVorlixthree\nVorlix"});
 }
 
-TEST_F(SystemLogLineTest, PlaceholdersAreText) {
+TEST_F(SystemLogLineTest, PlaceholdersAreNotExpanded) {
   logToSystem("100 %s %n");
   EXPECT_EQ(machine.journal(), Lines{"system log Vorlix: 100 %s %n"});
 }

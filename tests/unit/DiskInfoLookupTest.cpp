@@ -45,7 +45,7 @@ class DiskInfoLookupTest : public DiskTest {
     EXPECT_EQ(offset, -77);
   }
 
-  ByteVector diskGUID = ByteVector(18, 0x5A);  // two bytes more than are filled
+  ByteVector diskGUID = ByteVector(18, 0x5A);  // the functions fill 16 bytes; two more must stay
   ByteVector partitionGUID = ByteVector(18, 0x5A);
   int64_t offset = -77;
 };
@@ -55,20 +55,20 @@ ByteVector withGuard(ByteVector bytes) {
   return bytes;
 }
 
-TEST_F(DiskInfoLookupTest, RegistryTellsAllThree) {
+TEST_F(DiskInfoLookupTest, RegistryGivesAllThree) {
   addService("partition", partition(), addService("disk", disk()));
   EXPECT_EQ(lookUp(), 0);
   EXPECT_EQ(partitionGUID, withGuard(kPartitionBytes));
   EXPECT_EQ(diskGUID, withGuard(kDiskBytes));
   EXPECT_EQ(offset, kOffset);
   EXPECT_EQ(log(), std::string(kPartitionMessage) + kDiskMessage);
-  // The disk itself is not touched.
+  // The disk itself is not opened.
   EXPECT_THAT(machine.journal(),
               ElementsAre("registry port", "registry iterate IOService", "registry match BSD disk0s3"));
   EXPECT_EQ(machine.heldRegistryEntries(), 0U);
 }
 
-TEST_F(DiskInfoLookupTest, LowerCaseConvertsTheSameAndIsLoggedAsItIs) {
+TEST_F(DiskInfoLookupTest, LowerCaseConvertsTheSameAndIsLoggedUnchanged) {
   addService("partition", partition("00112233-4455-6677-8899-aabbccddeeff"),
              addService("disk", disk("c12a7328-f81f-11d2-ba4b-00a0c93ec93b")));
   EXPECT_EQ(lookUp(), 0);
@@ -90,7 +90,7 @@ TEST_F(DiskInfoLookupTest, OffsetsHave64Bits) {
   }
 }
 
-TEST_F(DiskInfoLookupTest, NameThatMatchesNothingSucceedsAndLeavesEverything) {
+TEST_F(DiskInfoLookupTest, NameThatMatchesNothingSucceedsAndChangesNothing) {
   addService("partition", partition(), addService("disk", disk()));
   EXPECT_EQ(lookUp("disk0s4"), 0);
   expectUntouched();
@@ -98,7 +98,7 @@ TEST_F(DiskInfoLookupTest, NameThatMatchesNothingSucceedsAndLeavesEverything) {
   EXPECT_THAT(deviceLines(), IsEmpty());
 }
 
-TEST_F(DiskInfoLookupTest, PartitionWithoutUUIDIsMinusOne) {
+TEST_F(DiskInfoLookupTest, PartitionWithoutUUIDReturnsMinusOne) {
   addService("partition", dictionaryOf({{"BSD Name", textValue("disk0s3")}, {"Base", Value(kOffset)}}),
              addService("disk", disk()));
   EXPECT_EQ(lookUp(), -1);
@@ -115,7 +115,7 @@ TEST_F(DiskInfoLookupTest, PartitionWhosePropertiesCannotBeReadHasNoUUID) {
   EXPECT_EQ(log(), "error getting uuid");
 }
 
-TEST_F(DiskInfoLookupTest, FailedSearchLeavesEverything) {
+TEST_F(DiskInfoLookupTest, FailedSearchChangesNothing) {
   addService("partition", partition(), addService("disk", disk()));
   machine.failRegistry(RegistryCall::matchingServices, 5);
   static_cast<void>(lookUp());
@@ -123,7 +123,7 @@ TEST_F(DiskInfoLookupTest, FailedSearchLeavesEverything) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(DiskInfoLookupTest, LastOfSeveralServicesStays) {
+TEST_F(DiskInfoLookupTest, LastOfSeveralServicesWins) {
   addService("first", partition("FFFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF", 1),
              addService("disk", disk("EEEEEEEE-EEEE-EEEE-EEEE-EEEEEEEEEEEE")));
   addService("second", partition(), addService("disk", disk()));
@@ -137,7 +137,7 @@ TEST_F(DiskInfoLookupTest, LastOfSeveralServicesStays) {
                 std::string(kPartitionMessage) + kDiskMessage);
 }
 
-TEST_F(DiskInfoLookupTest, LaterServiceWithoutUUIDFailsWithTheFirstOnesValuesInPlace) {
+TEST_F(DiskInfoLookupTest, LaterServiceWithoutUUIDFailsAndTheFirstOnesValuesStay) {
   const auto parent = addService("disk", disk());
   addService("first", partition(), parent);
   addService("second", dictionaryOf({{"BSD Name", textValue("disk0s3")}}), parent);
@@ -146,7 +146,7 @@ TEST_F(DiskInfoLookupTest, LaterServiceWithoutUUIDFailsWithTheFirstOnesValuesInP
   EXPECT_EQ(log(), std::string(kPartitionMessage) + kDiskMessage + "error getting uuid");
 }
 
-TEST_F(DiskInfoLookupTest, MissingMasterPortAndIteratorAreLoggedAndDoNotStopIt) {
+TEST_F(DiskInfoLookupTest, MissingMasterPortAndIteratorAreLoggedAndIgnored) {
   addService("partition", partition(), addService("disk", disk()));
   machine.failRegistry(RegistryCall::masterPort, 5);
   machine.failRegistry(RegistryCall::createIterator, static_cast<KernReturn>(0xE00002BC));
@@ -158,7 +158,7 @@ TEST_F(DiskInfoLookupTest, MissingMasterPortAndIteratorAreLoggedAndDoNotStopIt) 
 
 // ------------------------------------------------------------------------------- disk GUID from the disk's own header
 
-TEST_F(DiskInfoLookupTest, ParentWithoutUUIDSendsToTheGPTOfTheWholeDisk) {
+TEST_F(DiskInfoLookupTest, ParentWithoutUUIDFallsBackToTheGPTOfTheWholeDisk) {
   addService("partition", partition(), addService("scheme", {}));
   machine.setBytes("disk0", 512, headerWithDiskGUID());
   EXPECT_EQ(lookUp(), 0);
@@ -171,7 +171,7 @@ TEST_F(DiskInfoLookupTest, ParentWithoutUUIDSendsToTheGPTOfTheWholeDisk) {
   EXPECT_EQ(machine.heldRegistryEntries(), 0U);
 }
 
-TEST_F(DiskInfoLookupTest, NoParentOrUnreadableOnesSendToTheGPTAsWell) {
+TEST_F(DiskInfoLookupTest, MissingOrUnreadableParentFallsBackToTheGPTAsWell) {
   const auto parent = addService("disk", disk());
   const auto entry = addService("partition", partition(), parent);
   machine.setBytes("disk0", 512, headerWithDiskGUID());
@@ -186,7 +186,7 @@ TEST_F(DiskInfoLookupTest, NoParentOrUnreadableOnesSendToTheGPTAsWell) {
   EXPECT_EQ(log(), std::string(kPartitionMessage) + kBlockSizeMessages + kPartitionMessage + kBlockSizeMessages);
 }
 
-TEST_F(DiskInfoLookupTest, DiskWithoutGPTLeavesTheDiskGUIDAndStillSucceeds) {
+TEST_F(DiskInfoLookupTest, DiskWithoutGPTLeavesTheDiskGUIDUntouchedAndSucceeds) {
   addService("partition", partition(), addService("scheme", {}));
   EXPECT_EQ(lookUp(), 0);
   EXPECT_EQ(diskGUID, ByteVector(18, 0x5A));
@@ -202,7 +202,7 @@ TEST_F(DiskInfoLookupTest, DiskThatCannotBeOpenedStillSucceeds) {
   EXPECT_EQ(log(), std::string(kPartitionMessage) + "Error opening /dev/disk0\n" + kBlockSizeMessages);
 }
 
-TEST_F(DiskInfoLookupTest, PartitionWithoutWholeDiskIsMinusOne) {
+TEST_F(DiskInfoLookupTest, PartitionWithoutWholeDiskReturnsMinusOne) {
   addService("partition", partition(), addService("scheme", {}));
   machine.hideWholeDisk("disk0s3");
   EXPECT_EQ(lookUp(), -1);
@@ -212,7 +212,7 @@ TEST_F(DiskInfoLookupTest, PartitionWithoutWholeDiskIsMinusOne) {
   EXPECT_EQ(machine.heldRegistryEntries(), 0U);
 }
 
-TEST_F(DiskInfoLookupTest, UnreachableDiskArbitrationLeavesTheDigitsInTheWorkingBufferAsDevice) {
+TEST_F(DiskInfoLookupTest, UnreachableDiskArbitrationUsesTheDigitsInTheWorkingBufferAsDevice) {
   addService("partition", partition(), addService("scheme", {}));
   machine.refuseSessions();
   OutputCapture output(STDOUT_FILENO);
@@ -226,7 +226,7 @@ TEST_F(DiskInfoLookupTest, UnreachableDiskArbitrationLeavesTheDigitsInTheWorking
                        "Error getting number. Unknown volume size line:215Found blockSize: 0");
 }
 
-TEST_F(DiskInfoLookupTest, NullDiskGUIDIsMinusOneOnlyWhereTheGPTWouldBeRead) {
+TEST_F(DiskInfoLookupTest, NullDiskGUIDReturnsMinusOneOnlyIfTheGPTWouldBeRead) {
   const auto scheme = addService("scheme", {});
   addService("partition", partition(), scheme);
   machine.setBytes("disk0", 512, headerWithDiskGUID());
@@ -242,7 +242,7 @@ TEST_F(DiskInfoLookupTest, NullNameMatchesNothing) {
   expectUntouched();
 }
 
-TEST_F(DiskInfoLookupTest, HostileUUIDTextsStayInsideTheBuffers) {
+TEST_F(DiskInfoLookupTest, HostileUUIDTextsStayWithinTheBuffers) {
   int number = 10;
   for (const std::string& text :
        {std::string(), std::string("1"), std::string(63, 'A'), std::string(5000, 'A'), std::string(5000, '-')}) {

@@ -79,7 +79,7 @@ TEST(DiskInfoKeysTest, EachKeyIsItsFieldsName) {
   EXPECT_STREQ(MediaPathKey, "mediaPath");
 }
 
-TEST(DiskInfoTest, EachFieldIsTheDescriptionsValue) {
+TEST(DiskInfoTest, EachFieldHasTheDescriptionsValue) {
   const auto info = QDDiskInfo::initWithDiskArbitrationInfo(description());
   expectVolumeFields(*info);
   EXPECT_EQ(info->devicePath(), "IOService:/device");
@@ -95,7 +95,7 @@ TEST(DiskInfoTest, AnEmptyDescriptionLeavesEverythingAbsentOrFalse) {
   expectNothing(*QDDiskInfo::initWithDiskArbitrationInfo(Dictionary()));
 }
 
-TEST(DiskInfoTest, EachKeyIsMissedByItsOwnFieldOnly) {
+TEST(DiskInfoTest, AMissingKeyAffectsOnlyItsOwnField) {
   EXPECT_FALSE(without(kDescriptionVolumeKind)->volumeKind());
   EXPECT_FALSE(without(kDescriptionVolumeName)->volumeName());
   EXPECT_FALSE(without(kDescriptionVolumePath)->volumePath());
@@ -110,21 +110,21 @@ TEST(DiskInfoTest, EachKeyIsMissedByItsOwnFieldOnly) {
   expectVolumeFields(*without(kDescriptionMediaPath));
 }
 
-TEST(DiskInfoTest, AFlagWithoutItsKeyIsFalse) {
+TEST(DiskInfoTest, AFlagWithoutAKeyIsFalse) {
   EXPECT_FALSE(without(kDescriptionVolumeMountable)->volumeMountable());
   EXPECT_TRUE(without(kDescriptionVolumeMountable)->mediaEjectable());
   EXPECT_FALSE(without(kDescriptionMediaEjectable)->mediaEjectable());
   EXPECT_TRUE(without(kDescriptionMediaEjectable)->volumeMountable());
 }
 
-TEST(DiskInfoTest, AFlagIsItsKeysValue) {
+TEST(DiskInfoTest, AFlagHasItsKeysValue) {
   const auto info = QDDiskInfo::initWithDiskArbitrationInfo(
       dictionaryOf({{kDescriptionVolumeMountable, false}, {kDescriptionMediaEjectable, true}}));
   EXPECT_FALSE(info->volumeMountable());
   EXPECT_TRUE(info->mediaEjectable());
 }
 
-TEST(DiskInfoTest, ADescriptionOfOtherTypesIsAccepted) {
+TEST(DiskInfoTest, ValuesOfOtherTypesAreIgnored) {
   const Dictionary all = description();
   Dictionary odd;
   for (const auto& [key, value] : all.values()) odd.set(key, std::make_shared<const Dictionary>());
@@ -141,21 +141,21 @@ class DiskInfoItemTypeTest : public DiskTest {
   static URL at(const char* path) { return URL::fileURLWithPath(path); }
 };
 
-TEST_F(DiskInfoItemTypeTest, TypeZeroIsAVolumeByItsMountPoint) {
+TEST_F(DiskInfoItemTypeTest, TypeZeroFindsAVolumeByItsMountPoint) {
   const auto disk = QDDiskInfo::diskForItemType(0, at("/Volumes/EFI"));
   ASSERT_TRUE(disk);
   EXPECT_EQ(disk->bsdName(), "disk2s1");
   EXPECT_FALSE(QDDiskInfo::diskForItemType(0, at("/dev/disk2s1")));
 }
 
-TEST_F(DiskInfoItemTypeTest, TypeOneIsADeviceByItsNode) {
+TEST_F(DiskInfoItemTypeTest, TypeOneFindsADeviceByItsNode) {
   const auto disk = QDDiskInfo::diskForItemType(1, at("/dev/disk2"));
   ASSERT_TRUE(disk);
   EXPECT_EQ(disk->bsdName(), "disk2");
   EXPECT_FALSE(QDDiskInfo::diskForItemType(1, at("/Volumes/EFI")));
 }
 
-TEST_F(DiskInfoItemTypeTest, AnyOtherTypeGivesNothing) {
+TEST_F(DiskInfoItemTypeTest, AnyOtherTypeFindsNothing) {
   for (const int64_t type : {int64_t{2}, int64_t{-1}, int64_t{1} << 32, (int64_t{1} << 32) + 1}) {
     EXPECT_FALSE(QDDiskInfo::diskForItemType(type, at("/dev/disk2"))) << type;
     EXPECT_FALSE(QDDiskInfo::diskForItemType(type, at("/Volumes/EFI"))) << type;
@@ -168,14 +168,14 @@ TEST_F(DiskInfoItemTypeTest, EachLookupOpensAndClosesItsOwnConnection) {
   EXPECT_EQ(machine.journal(), (Lines{"session open", "session close", "session open", "session close"}));
 }
 
-TEST_F(DiskInfoItemTypeTest, ADiskIsOfUseAfterItsConnectionWasClosed) {
+TEST_F(DiskInfoItemTypeTest, ADiskStaysUsableAfterItsConnectionIsClosed) {
   const auto info = QDDiskInfo::infoForDeviceAtURL(at("/dev/disk2"));
   ASSERT_TRUE(info);
   EXPECT_EQ(machine.journal(), (Lines{"session open", "session close", "describe disk2"}));
   EXPECT_EQ(info->mediaBlockSize(), Number::numberWithLongLong(512));
 }
 
-TEST_F(DiskInfoItemTypeTest, AVolumesRecordHasWhatIsKnownOfIt) {
+TEST_F(DiskInfoItemTypeTest, AVolumesRecordHasItsDescription) {
   const auto info = QDDiskInfo::infoForVolumeAtURL(at("/Volumes/EFI"));
   ASSERT_TRUE(info);
   EXPECT_EQ(info->volumeKind(), "msdos");
@@ -189,7 +189,7 @@ TEST_F(DiskInfoItemTypeTest, WithoutADiskThereIsNoRecord) {
   EXPECT_FALSE(QDDiskInfo::infoForVolumeAtURL(at("/dev/disk2s1")));
 }
 
-TEST_F(DiskInfoItemTypeTest, WithoutAConnectionThereIsNoDiskNorRecord) {
+TEST_F(DiskInfoItemTypeTest, WithoutAConnectionThereIsNeitherDiskNorRecord) {
   machine.refuseSessions();
   EXPECT_FALSE(QDDiskInfo::diskForItemType(1, at("/dev/disk2")));
   EXPECT_FALSE(QDDiskInfo::infoForDeviceAtURL(at("/dev/disk2")));
@@ -225,10 +225,10 @@ TEST(DiskInfoArchiveTest, AnEmptyRecordStaysEmpty) {
   expectNothing(*info);
 }
 
-TEST(DiskInfoArchiveTest, SixEntriesAreWrittenInTheirOrderTheFlagInline) {
+TEST(DiskInfoArchiveTest, SixEntriesAreWrittenInOrderAndTheFlagIsInline) {
   const auto info = QDDiskInfo::initWithDiskArbitrationInfo(description());
   const std::string xml = xmlOf(KeyedArchiver::archivedDataWithRootObject(info));
-  // The six references follow each other as their objects were met; a URL and a UUID bring their classes along.
+  // References are numbered in the order in which the objects were encoded. A URL and a UUID also add their classes.
   const std::string record = "<dict>" + entry("volumeKind", uid(2)) + entry("volumeMountable", "<true/>") +
                              entry("volumeName", uid(3)) + entry("volumePath", uid(4)) + entry("volumeType", uid(7)) +
                              entry("volumeUUID", uid(8)) + "<key>$class</key>";
@@ -240,7 +240,7 @@ TEST(DiskInfoArchiveTest, SixEntriesAreWrittenInTheirOrderTheFlagInline) {
   }
 }
 
-// An archive of a record whose entries refer to objects from 3 on; 2 is its class.
+// Decodes an archive of a record whose entries refer to objects from 3 on. Object 2 is the record's class.
 std::shared_ptr<QDDiskInfo> decoded(const std::string& entries, const std::string& objects) {
   return KeyedUnarchiver::unarchivedObject<QDDiskInfo>(
       archiveOf("<dict>" + entries + entry("$class", uid(2)) + "</dict>" + classNamed("QDDiskInfo") + objects));
@@ -255,13 +255,13 @@ TEST(DiskInfoArchiveTest, TheIdentifierIsReadAsAUUID) {
   EXPECT_EQ(info->volumeUUID(), kVolume);
 }
 
-TEST(DiskInfoArchiveTest, AnIdentifierAsTextIsNotTaken) {
+TEST(DiskInfoArchiveTest, AnIdentifierAsAStringIsIgnored) {
   const auto info = decoded(entry("volumeUUID", uid(3)), std::string("<string>") + kPartitionText + "</string>");
   ASSERT_TRUE(info);
   EXPECT_FALSE(info->volumeUUID());
 }
 
-TEST(DiskInfoArchiveTest, TextsOfAnotherClassAreNotTaken) {
+TEST(DiskInfoArchiveTest, StringsOfAnotherClassAreIgnored) {
   const auto info = decoded(entry("volumeKind", uid(3)) + entry("volumeName", uid(3)) + entry("volumeType", uid(3)) +
                                 entry("volumePath", uid(3)),
                             kUUIDObjects);
@@ -269,7 +269,7 @@ TEST(DiskInfoArchiveTest, TextsOfAnotherClassAreNotTaken) {
   expectNothing(*info);
 }
 
-TEST(DiskInfoArchiveTest, APathAsTextIsNotTaken) {
+TEST(DiskInfoArchiveTest, APathAsAStringIsIgnored) {
   const auto info = decoded(entry("volumePath", uid(3)), "<string>file:///Volumes/EFI</string>");
   ASSERT_TRUE(info);
   EXPECT_FALSE(info->volumePath());
@@ -283,7 +283,7 @@ TEST(DiskInfoArchiveTest, DeviceAndMediaEntriesAreNotRead) {
   expectNothing(*info);
 }
 
-TEST(DiskInfoArchiveTest, AnotherClassesArchiveIsNoRecord) {
+TEST(DiskInfoArchiveTest, AnotherClassesArchiveGivesNoRecord) {
   EXPECT_FALSE(KeyedUnarchiver::unarchivedObject<QDDiskInfo>(
       archiveOf("<dict>" + entry("$class", uid(2)) + "</dict>" + classNamed("QDVolume"))));
   EXPECT_FALSE(KeyedUnarchiver::unarchivedObject<QDDiskInfo>(Data{1, 2, 3}));

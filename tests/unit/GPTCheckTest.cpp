@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What is said of damaged GPTs. The disk is put together byte by byte, its checksums are computed one bit at a time.
+// The findings about damaged GPTs. The tests assemble the disk byte by byte and compute its checksums one bit at a
+// time.
 #include <Vorlix/GPTCheck.h>
 #include <gmock/gmock.h>
 #include "foundation/GUIDPartitionTable.h"
@@ -18,7 +19,7 @@ constexpr uint64_t kBlocks = 256;
 constexpr uint64_t kLast = kBlocks - 1;
 constexpr uint64_t kBackupEntries = kLast - 32;
 
-// One bit at a time, as the polynomial is written: another way than the library's table.
+// Computes the CRC one bit at a time from the polynomial, which is independent of the library's table.
 uint32_t slowCRC(const ByteVector& bytes) {
   uint32_t value = 0xFFFFFFFF;
   for (const uint8_t byte : bytes) {
@@ -36,7 +37,7 @@ class GPTCheck : public testing::Test {
     setEntries({entryBytes(kEFISystemType, 40, 99), entryBytes(kBasicDataType, 100, 149)});
   }
 
-  // Both copies of the table, right in every way.
+  // Writes both copies of the table without any error.
   void setEntries(const std::vector<ByteVector>& entries) {
     ByteVector table = joined(entries);
     table.resize(128 * 128);
@@ -46,7 +47,7 @@ class GPTCheck : public testing::Test {
     seal(kLast);
   }
 
-  // A header whose checksums are right, but for what `change` puts into it.
+  // Writes a header with correct checksums after `change` has modified it.
   template <typename Change>
   void seal(uint64_t lba, Change change, uint32_t count = 128) {
     const uint64_t entryLBA = lba == 1 ? 2 : kBackupEntries;
@@ -89,8 +90,8 @@ class GPTCheck : public testing::Test {
   ByteVector bytes;
 };
 
-TEST(CRC32, IsTheOneOfTheCheckValue) {
-  // "123456789" is the message that catalogues of checksums give each one's value for.
+TEST(CRC32, MatchesThePublishedCheckValue) {
+  // Catalogues of checksums give the value of each algorithm for the message "123456789".
   const ByteVector message = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
   EXPECT_EQ(crc32(message), 0xCBF43926U);
   EXPECT_EQ(crc32({}), 0U);
@@ -106,7 +107,7 @@ TEST_F(GPTCheck, ASoundTableHasNoFindings) {
   EXPECT_EQ(found.entries[1].first_lba, 100U);
 }
 
-TEST_F(GPTCheck, ADiskThatPromisesNoGPTMissesNone) {
+TEST_F(GPTCheck, ADiskWithoutAProtectiveMBRNeedsNoGPT) {
   bytes.assign(kBlocks * 512, 0);
   EXPECT_THAT(codes(), IsEmpty());
   EXPECT_FALSE(report().headerLBA);
@@ -114,14 +115,14 @@ TEST_F(GPTCheck, ADiskThatPromisesNoGPTMissesNone) {
   EXPECT_THAT(codes(), IsEmpty());
 }
 
-TEST_F(GPTCheck, BothHeadersGone) {
+TEST_F(GPTCheck, BothHeadersMissing) {
   erase(1);
   erase(kLast);
   EXPECT_THAT(codes(), ElementsAre("gpt-missing"));
   EXPECT_FALSE(report().headerLBA);
 }
 
-TEST_F(GPTCheck, OnlyTheSecondHeaderLeft) {
+TEST_F(GPTCheck, OnlyTheBackupHeaderRemains) {
   erase(1);
   EXPECT_THAT(codes(), ElementsAre("primary-missing"));
   EXPECT_EQ(report().headerLBA, kLast);
@@ -130,17 +131,17 @@ TEST_F(GPTCheck, OnlyTheSecondHeaderLeft) {
   EXPECT_THAT(codes(), ElementsAre("primary-missing", "entries-checksum"));
 }
 
-TEST_F(GPTCheck, ASecondHeaderThatIsDamagedOrLeftOverTellsNothing) {
+TEST_F(GPTCheck, ADamagedOrStaleBackupHeaderIsIgnored) {
   erase(1);
   put(bytes, 446, {0x80, 0x20, 0x21, 0x00, 0x07, 0xFE, 0xFF, 0xFF, 40, 0, 0, 0, 60, 0, 0, 0});
-  EXPECT_FALSE(report().headerLBA);  // an MBR of its own
+  EXPECT_FALSE(report().headerLBA);  // the disk has another MBR
   put(bytes, 446, ByteVector(66));
-  EXPECT_EQ(report().headerLBA, kLast);  // no MBR at all
+  EXPECT_EQ(report().headerLBA, kLast);  // there is no MBR
   bytes[kLast * 512 + 40] ^= 1;
   EXPECT_FALSE(report().headerLBA);
 }
 
-TEST_F(GPTCheck, HeaderChecksumPlaceAndSize) {
+TEST_F(GPTCheck, HeaderChecksumLocationAndSize) {
   bytes[512 + 57] ^= 1;  // the disk GUID
   EXPECT_THAT(codes(), UnorderedElementsAre("header-checksum", "backup-differs"));
   seal(1, [](ByteVector& header) { putLittleEndian(header, 24, 8, 2); });
@@ -153,14 +154,14 @@ TEST_F(GPTCheck, HeaderChecksumPlaceAndSize) {
 }
 
 TEST_F(GPTCheck, EntriesChecksum) {
-  bytes[1024 + 57] ^= 1;  // in the name of entry 1
+  bytes[1024 + 57] ^= 1;  // in the name of the first entry
   EXPECT_THAT(codes(), ElementsAre("entries-checksum"));
   bytes[1024 + 57] ^= 1;
   bytes[kBackupEntries * 512 + 57] ^= 1;
   EXPECT_THAT(codes(), ElementsAre("backup-entries"));
 }
 
-TEST_F(GPTCheck, TheSecondHeader) {
+TEST_F(GPTCheck, TheBackupHeader) {
   erase(kLast);
   EXPECT_THAT(codes(), ElementsAre("backup-missing"));
   seal(kLast);
@@ -168,14 +169,14 @@ TEST_F(GPTCheck, TheSecondHeader) {
   EXPECT_THAT(codes(), ElementsAre("backup-damaged"));
   seal(kLast, [](ByteVector& header) { putLittleEndian(header, 24, 8, kLast - 1); });
   EXPECT_THAT(codes(), ElementsAre("backup-damaged"));
-  const size_t kFields[] = {32, 40, 48, 56, 84};  // the other header, usable LBAs, disk GUID, entry size
+  const size_t kFields[] = {32, 40, 48, 56, 84};  // the other header, the usable LBAs, the disk GUID, the entry size
   for (const size_t field : kFields) {
     seal(kLast, [&](ByteVector& header) { header[field] ^= 1; });
     EXPECT_THAT(codes(), ElementsAre("backup-differs")) << field;
   }
 }
 
-TEST_F(GPTCheck, ASecondHeaderThatIsNotInTheLastBlockWillDo) {
+TEST_F(GPTCheck, ABackupHeaderBeforeTheLastBlockIsAccepted) {
   bytes.resize(bytes.size() + 512 * 100);
   EXPECT_THAT(codes(), IsEmpty());
 }
@@ -242,12 +243,12 @@ TEST_F(GPTCheck, Overlap) {
   EXPECT_THAT(codes(), ElementsAre("overlap"));
   EXPECT_EQ(found.findings.front().text, "entries 2 and 3 overlap");
   EXPECT_THAT(overlappingEntries(found.entries), ElementsAre(std::pair{2U, 3U}));
-  // One that holds two others meets both, wherever it stands in the table.
+  // An entry that contains two others overlaps both, wherever it is in the table.
   setEntries({entryBytes(kHFSType, 40, 50), entryBytes(kHFSType, 60, 70), entryBytes(kHFSType, 34, 100)});
   EXPECT_THAT(overlappingEntries(report().entries), UnorderedElementsAre(std::pair{1U, 3U}, std::pair{2U, 3U}));
 }
 
-TEST_F(GPTCheck, FindingsOfEntriesAreCut) {
+TEST_F(GPTCheck, FindingsAboutEntriesAreLimited) {
   setEntries(std::vector<ByteVector>(128, entryBytes(kHFSType, 150, 149)));
   const auto found = codes();
   EXPECT_EQ(found.size(), 17U);

@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The flat face from C11: every record, every exported datum and every function, with C linkage. The object is linked
-   into a test program, which proves the names; nothing calls it. */
+/* The flat face from C11: every record, every exported variable and every function, with C linkage. The object is
+   linked into a test program, which proves that the names exist. Nothing calls it. */
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/Vorlix_vers.h>
 
-_Static_assert(sizeof(GPTHeader) == 512, "the header is its sector");
+_Static_assert(sizeof(GPTHeader) == 512, "the header fills its sector");
 _Static_assert(sizeof(GPTEntry) == 168, "128 bytes on disk and 40 of text");
 _Static_assert(sizeof(PartitionTypeMap) == 44, "type and text");
 _Static_assert(sizeof(((PartitionTable*)0)->boot_code) == 446, "boot code");

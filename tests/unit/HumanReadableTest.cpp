@@ -22,7 +22,7 @@ std::string ofReal(double value) {
   return stringWithHumanReadableInt(Number::numberWithDouble(value));
 }
 
-// The user's locale for the object's life.
+// Sets the user's locale for the life of the object.
 class UserLocale {
  public:
   explicit UserLocale(const std::string& name, const std::string& folder = "") {
@@ -42,14 +42,14 @@ class HumanReadableTest : public testing::Test {
   UserLocale plain{"C"};
 };
 
-TEST_F(HumanReadableTest, ZeroIsTheEmptyText) {
+TEST_F(HumanReadableTest, ZeroIsTheEmptyString) {
   EXPECT_EQ(ofWhole(0), "");
   EXPECT_EQ(ofReal(0.0), "");
   EXPECT_EQ(ofReal(-0.0), "");
   EXPECT_EQ(stringWithHumanReadableInt(Number::numberWithBool(false)), "");
 }
 
-TEST_F(HumanReadableTest, BelowAThousandItIsBytes) {
+TEST_F(HumanReadableTest, NumbersBelowAThousandAreBytes) {
   EXPECT_EQ(ofWhole(1), "1.00 Bytes");
   EXPECT_EQ(ofWhole(999), "999.00 Bytes");
   EXPECT_EQ(ofReal(0.5), "0.50 Bytes");
@@ -68,7 +68,7 @@ TEST_F(HumanReadableTest, UnitsArePowersOfAThousand) {
   EXPECT_EQ(ofWhole(2500000000000000), "2500.00 TB");
 }
 
-TEST_F(HumanReadableTest, ANegativeNumberIsItsOwnValueInBytes) {
+TEST_F(HumanReadableTest, ANegativeNumberIsInBytes) {
   EXPECT_EQ(ofWhole(-1), "-1.00 Bytes");
   EXPECT_EQ(ofWhole(-5000000000), "-5000000000.00 Bytes");
 }
@@ -77,8 +77,8 @@ TEST_F(HumanReadableTest, TheLargestWholeNumberIsTerabytes) {
   EXPECT_EQ(ofWhole(std::numeric_limits<int64_t>::max()), "9223372.04 TB");
 }
 
-TEST_F(HumanReadableTest, AQuotientThatFitsNoSigned64BitNumberFailsItsTest) {
-  // 9.2e18 TB still fit; of 9.3e30 no unit's quotient does.
+TEST_F(HumanReadableTest, ANumberTooLargeForEveryUnitIsInBytes) {
+  // 9.2e18 TB fit a signed 64-bit number. For 9.3e30 bytes, no unit's quotient does.
   EXPECT_EQ(ofReal(9.2e30), "9200000000000000000.00 TB");
   const std::string beyond = ofReal(9.3e30);
   EXPECT_EQ(beyond.substr(0, 16), "9300000000000000");
@@ -92,12 +92,12 @@ TEST_F(HumanReadableTest, TheLargestFloatingPointNumberIsWrittenOutInFull) {
   EXPECT_EQ(text.size(), 309 + 9U);
 }
 
-TEST_F(HumanReadableTest, WhatIsNoNumberIsBytes) {
+TEST_F(HumanReadableTest, InfinityAndNaNAreBytes) {
   EXPECT_EQ(ofReal(std::numeric_limits<double>::infinity()), "inf Bytes");
   EXPECT_EQ(ofReal(std::nan("")), "nan Bytes");
 }
 
-TEST_F(HumanReadableTest, AnUnknownLocaleGivesAPoint) {
+TEST_F(HumanReadableTest, AnUnknownLocaleUsesAPoint) {
   const UserLocale unknown("xx_XX.nowhere");
   EXPECT_EQ(ofWhole(1500000000), "1.50 GB");
 }
@@ -113,7 +113,7 @@ TEST_F(HumanReadableTest, DigitsAreNotGrouped) {
   std::locale::global(before);
 }
 
-// Locales that the system may not have are made with its own tool into a private folder.
+// Compiles locales that the system may lack into a private folder, with the system's own tool.
 class LocalisedTest : public testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -122,7 +122,7 @@ class LocalisedTest : public testing::Test {
     for (const char* name : {"de_DE", "ps_AF"}) {
       const std::string made = folder + "/" + name + ".UTF-8";
       const std::string command = "localedef -i " + std::string(name) + " -f UTF-8 '" + made + "' >/dev/null 2>&1";
-      (void)!std::system(command.c_str());  // ends with 1 for mere warnings, so the outcome is looked at
+      (void)!std::system(command.c_str());  // exits with 1 even for warnings, so check for the file instead
       if (!std::filesystem::exists(made + "/LC_NUMERIC")) missing += std::string(" ") + name;
     }
   }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// update_mbr_and_partition() on devices that fail, locks that cannot be had, and disks that are not what they claim.
+// update_mbr_and_partition() with failing devices, unavailable locks, and disks with inconsistent headers.
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -29,7 +29,7 @@ const std::string kInvalid =
 
 class HybridUpdateFaults : public HybridUpdate {
  protected:
-  // Moves header and entries of the disk to where other block sizes and entry LBAs want them.
+  // Moves the header and entries to match another block size or entry LBA.
   void place(uint64_t blockSize, uint32_t entryCount, uint64_t entryLBA, uint64_t entriesAt) {
     const ByteVector entries = machine.bytes("disk0", 1024, 512);
     machine.setBytes("disk0", 512, ByteVector(1024, 0x3C));
@@ -42,14 +42,14 @@ class HybridUpdateFaults : public HybridUpdate {
 
 // --------------------------------------------------------------------------------------------------- no GPT, no disk
 
-TEST_F(HybridUpdateFaults, DeviceThatCannotBeOpenedIsTold) {
+TEST_F(HybridUpdateFaults, DeviceThatCannotBeOpenedIsReported) {
   machine.fail("disk0", Operation::open, EACCES);
   EXPECT_EQ(update(), -1);
   EXPECT_EQ(log(), kArguments + "Opening device disk0\nError opening device file.");
   EXPECT_THAT(machine.journal(), ElementsAre("open disk0 read: EACCES"));
 }
 
-TEST_F(HybridUpdateFaults, DiskWithoutEFIPARTIsRefusedWithTheValueRead) {
+TEST_F(HybridUpdateFaults, DiskWithoutEFIPARTIsRefusedAndTheSignatureIsLogged) {
   struct Case {
     ByteVector bytes;
     const char* text;
@@ -81,7 +81,7 @@ TEST_F(HybridUpdateFaults, TinyDiskHasNoGPT) {
   }
 }
 
-TEST_F(HybridUpdateFaults, UnknownBlockSizeTakesTheHeaderFromByteZeroAndIsRefused) {
+TEST_F(HybridUpdateFaults, UnknownBlockSizeReadsTheHeaderFromByteZeroAndIsRefused) {
   machine.hideBlockSize("disk0");
   machine.setBytes("disk0", 0, {1, 2, 3, 4, 5, 6, 7, 8});
   EXPECT_EQ(update(), -1);
@@ -97,7 +97,7 @@ TEST_F(HybridUpdateFaults, UnknownBlockSizeTakesTheHeaderFromByteZeroAndIsRefuse
   EXPECT_THAT(machine.writes(), IsEmpty());
 }
 
-TEST_F(HybridUpdateFaults, UnknownBlockSizeOfADiskThatBeginsWithEFIPARTLeavesSectorZeroAlone) {
+TEST_F(HybridUpdateFaults, UnknownBlockSizeWithEFIPARTAtByteZeroLeavesSectorZeroUntouched) {
   machine.hideBlockSize("disk0");
   ByteVector bytes = headerBytes(4, 2);
   bytes.resize(446);
@@ -108,9 +108,9 @@ TEST_F(HybridUpdateFaults, UnknownBlockSizeOfADiskThatBeginsWithEFIPARTLeavesSec
   EXPECT_THAT(log(), EndsWith(kRefused));
 }
 
-// -------------------------------------------------------------------------------------------------- places on the disk
+// ----------------------------------------------------------------------------------------------- locations on the disk
 
-TEST_F(HybridUpdateFaults, HeaderAndEntriesStandWhereTheBlockSizeSays) {
+TEST_F(HybridUpdateFaults, BlockSizeLocatesHeaderAndEntries) {
   const ByteVector disk = machine.bytes("disk0", 0, 16384);
   machine.addDisk("disk0", uint64_t{2097152} * 512, 4096);
   machine.setBytes("disk0", 0, disk);
@@ -120,34 +120,34 @@ TEST_F(HybridUpdateFaults, HeaderAndEntriesStandWhereTheBlockSizeSays) {
   EXPECT_THAT(log(), HasSubstr("Found blockSize: 4096Blocksize is 4096\n"));
 }
 
-TEST_F(HybridUpdateFaults, EntriesStandWhereTheHeaderSays) {
+TEST_F(HybridUpdateFaults, HeaderLocatesTheEntries) {
   place(512, 4, 2000001, uint64_t{2000001} * 512);
   EXPECT_EQ(update(), 0);
   EXPECT_EQ(slots(), joined({kEFISlot, kHFSSlot, active(kDataSlot), kNoSlot}));
 }
 
-TEST_F(HybridUpdateFaults, EntriesBeyondTheCountAreNotLookedAt) {
+TEST_F(HybridUpdateFaults, EntriesBeyondTheCountAreIgnored) {
   place(512, 2, 2, 1024);
   EXPECT_EQ(update(), 0);
   EXPECT_EQ(slots(), joined({kEFISlot, kHFSSlot, kNoSlot, kNoSlot}));
 }
 
-TEST_F(HybridUpdateFaults, HeaderThatClaimsAllEntriesIsReadAsFarAsTheDiskGoes) {
+TEST_F(HybridUpdateFaults, HugeEntryCountIsReadUpToTheEndOfTheDisk) {
   place(512, 0xFFFFFFFF, 2, 1024);
   EXPECT_EQ(update(), 0);
   EXPECT_EQ(slots(), joined({kEFISlot, kHFSSlot, active(kDataSlot), kNoSlot}));
   EXPECT_TRUE(nothingLeftOpen());
 }
 
-TEST_F(HybridUpdateFaults, HeaderWithoutEntriesLeavesSectorZeroAlone) {
+TEST_F(HybridUpdateFaults, HeaderWithoutEntriesLeavesSectorZeroUntouched) {
   place(512, 0, 2, 1024);
   EXPECT_EQ(update(), 0);
   EXPECT_TRUE(sectorUntouched());
   EXPECT_THAT(log(), HasSubstr(kRefused));
 }
 
-TEST_F(HybridUpdateFaults, EntriesPastTheEndOfTheDiskLeaveSectorZeroAlone) {
-  // The last product is 2^64 + 1024: one that wraps around would find the entries at byte 1024.
+TEST_F(HybridUpdateFaults, EntriesPastTheEndOfTheDiskLeaveSectorZeroUntouched) {
+  // The last LBA's product is 2^64 + 1024. If it wrapped around, the entries at byte 1024 would be found.
   constexpr uint64_t kLBAs[] = {2097152, 0xFFFFFFFF, 0x003FFFFFFFFFFFFF, 0xFFFFFFFFFFFFFFFF, 0x0080000000000002};
   for (const uint64_t lba : kLBAs) {
     machine.setBytes("disk0", 512, headerBytes(128, lba));
@@ -159,7 +159,7 @@ TEST_F(HybridUpdateFaults, EntriesPastTheEndOfTheDiskLeaveSectorZeroAlone) {
   }
 }
 
-TEST_F(HybridUpdateFaults, PartitionPastTheEndOfTheDiskIsMirroredAsItStands) {
+TEST_F(HybridUpdateFaults, PartitionPastTheEndOfTheDiskIsMirroredUnchanged) {
   setEntries({entryBytes(kEFISystemType, 40, 409639), entryBytes(kHFSType, 0xFFFFFFFFFFFFFFFF, 0)});
   EXPECT_EQ(update(0), 0);
   EXPECT_EQ(machine.bytes("disk0", 462, 16),
@@ -169,7 +169,7 @@ TEST_F(HybridUpdateFaults, PartitionPastTheEndOfTheDiskIsMirroredAsItStands) {
 
 // ----------------------------------------------------------------------------------------------------------- locks
 
-TEST_F(HybridUpdateFaults, DiskInUseIsWrittenUnderASharedLockWithoutAsking) {
+TEST_F(HybridUpdateFaults, DiskInUseIsWrittenUnderASharedLockWithoutAQuestion) {
   machine.lockElsewhere("disk0", DeviceLock::shared);
   OutputCapture output(STDOUT_FILENO);
   const int result = update();
@@ -182,7 +182,7 @@ TEST_F(HybridUpdateFaults, DiskInUseIsWrittenUnderASharedLockWithoutAsking) {
 
 TEST_F(HybridUpdateFaults, LockedDiskIsReadButNotWritten) {
   machine.lockElsewhere("disk0", DeviceLock::exclusive);
-  EXPECT_EQ(update(), -1);  // for the boot sector
+  EXPECT_EQ(update(), -1);  // because of the boot sector
   EXPECT_TRUE(sectorUntouched());
   EXPECT_TRUE(bootSectorUntouched());
   EXPECT_THAT(machine.writes(), IsEmpty());
@@ -198,14 +198,14 @@ TEST_F(HybridUpdateFaults, LockedDiskIsReadButNotWritten) {
 
 // ---------------------------------------------------------------------------------------------------------- faults
 
-TEST_F(HybridUpdateFaults, SectorZeroThatCannotBeOpenedForWritingDoesNotShowInTheResult) {
-  machine.fail("disk0", Operation::open, EACCES, 1);  // the opening for reading goes through
+TEST_F(HybridUpdateFaults, FailedOpenOfSectorZeroIsNotInTheResult) {
+  machine.fail("disk0", Operation::open, EACCES, 1);  // the open for reading succeeds
   EXPECT_EQ(update(), 0);
   EXPECT_EQ(machine.writes(), bootSectorWritten);
   EXPECT_THAT(log(), HasSubstr("Error trying to open device %{errono}d. Aborting." + kPatch));
 }
 
-TEST_F(HybridUpdateFaults, SectorZeroThatCannotBeWrittenDoesNotShowInTheResult) {
+TEST_F(HybridUpdateFaults, FailedWriteOfSectorZeroIsNotInTheResult) {
   machine.fail("disk0", Operation::write, EIO);
   OutputCapture errors(STDERR_FILENO);
   const int result = update();
@@ -217,14 +217,14 @@ TEST_F(HybridUpdateFaults, SectorZeroThatCannotBeWrittenDoesNotShowInTheResult) 
   EXPECT_TRUE(nothingLeftOpen());
 }
 
-TEST_F(HybridUpdateFaults, SectorZeroThatCannotBeSyncedDoesNotShowInTheResult) {
+TEST_F(HybridUpdateFaults, FailedSyncOfSectorZeroIsNotInTheResult) {
   machine.fail("disk0", Operation::sync, EIO);
   EXPECT_EQ(update(), 0);
   EXPECT_TRUE(bootSectorPatched());
   EXPECT_THAT(log(), EndsWith(fileLog() + kPatch));
 }
 
-TEST_F(HybridUpdateFaults, BootSectorThatCannotBeOpenedIsAFailureAfterSectorZeroIsWritten) {
+TEST_F(HybridUpdateFaults, FailedOpenOfTheBootSectorIsAFailureAfterSectorZeroIsWritten) {
   machine.fail("disk0s3", Operation::open, EACCES);
   EXPECT_EQ(update(), -1);
   EXPECT_EQ(machine.writes(), sectorWritten);
@@ -234,7 +234,7 @@ TEST_F(HybridUpdateFaults, BootSectorThatCannotBeOpenedIsAFailureAfterSectorZero
                                              "could not update start sector.\n"));
 }
 
-TEST_F(HybridUpdateFaults, BootSectorThatCannotBeWrittenIsAFailure) {
+TEST_F(HybridUpdateFaults, FailedWriteOfTheBootSectorIsAFailure) {
   struct Case {
     Operation operation;
     unsigned successes;
@@ -264,8 +264,8 @@ TEST_F(HybridUpdateFaults, UnreadableDiskIsRefused) {
   EXPECT_TRUE(nothingLeftOpen());
 }
 
-TEST_F(HybridUpdateFaults, ReadThatFailsOnTheWayNeverPutsAWrongMBROnTheDisk) {
-  place(512, 4, 2000001, uint64_t{2000001} * 512);  // far from the header, so that they take a read of their own
+TEST_F(HybridUpdateFaults, FailedReadNeverPutsAWrongMBROnTheDisk) {
+  place(512, 4, 2000001, uint64_t{2000001} * 512);  // far from the header, so the entries need a separate read
   const ByteVector right = joined({kEFISlot, kHFSSlot, active(kDataSlot), kNoSlot});
   const ByteVector before = slots();
   std::vector<std::string> outcomes;

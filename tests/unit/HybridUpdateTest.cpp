@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// update_mbr_and_partition() in its branches, with the whole of what it logs and all that it does to the disk.
+// update_mbr_and_partition(): all branches, with the complete log and all changes to the disk.
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -37,14 +37,14 @@ TEST_F(HybridUpdate, WritesTheHybridMBRAndPatchesTheBootSector) {
 TEST_F(HybridUpdate, FourUsedEntriesFillFourSlots) {
   setEntries({entryBytes(kEFISystemType, 40, 409639), entryBytes(kHFSType, 409640, 1606499),
               entryBytes(kBasicDataType, 1606500, 2008124), entryBytes(kAPFSType, 2008125, 2088449),
-              entryBytes(kHFSType, 2088450, 2097118)});  // the fifth has no slot
+              entryBytes(kHFSType, 2088450, 2097118)});  // the fifth entry has no slot
   EXPECT_EQ(update(4), 0);
   const ByteVector apfs = {0x80, 0x00, 0x01, 0x7D, 0xFF, 0xFE, 0x3F, 0x81,   // 125/0/1 to 129/254/63
                            0x3D, 0xA4, 0x1E, 0x00, 0xC5, 0x39, 0x01, 0x00};  // 0x1EA43D = 2008125, 0x139C5 = 80325
   EXPECT_EQ(slots(), joined({kEFISlot, kHFSSlot, kDataSlot, apfs}));
 }
 
-TEST_F(HybridUpdate, ReadsClosesAndOnlyThenWrites) {
+TEST_F(HybridUpdate, ReadsAndClosesBeforeItWrites) {
   EXPECT_EQ(update(), 0);
   EXPECT_THAT(journalButReads(),
               ElementsAre("open disk0 read", "session open", "describe disk0", "session close", "close disk0",  //
@@ -71,7 +71,7 @@ TEST_F(HybridUpdate, SecondRunFindsNothingToWriteInSectorZero) {
   EXPECT_EQ(machine.writes(), bootSectorWritten);
 }
 
-TEST_F(HybridUpdate, OnlySlotsAreComparedNotBootCodeOrSignature) {
+TEST_F(HybridUpdate, OnlySlotsAreComparedAndNotBootCodeOrSignature) {
   setSlots({kEFISlot, kHFSSlot, active(kDataSlot), kNoSlot});
   machine.setBytes("disk0", 510, {0x00, 0x00});
   EXPECT_EQ(update(), 0);
@@ -83,7 +83,7 @@ TEST_F(HybridUpdate, VerboseFlagIsClearedOnEntry) {
   EXPECT_EQ(update(), 0);
   EXPECT_EQ(verbose_flag, 0);
   verbose_flag = 1;
-  EXPECT_EQ(update(0, 7), -1);  // a refused argument comes later
+  EXPECT_EQ(update(0, 7), -1);  // arguments are checked after the flag is cleared
   EXPECT_EQ(verbose_flag, 0);
 }
 
@@ -93,7 +93,7 @@ TEST_F(HybridUpdate, StartSectorIsWrittenAsGivenAndLoggedAsSigned) {
   EXPECT_THAT(log(), HasSubstr("start sector is -2\nwriting out FE FF FF FF"));
 }
 
-TEST_F(HybridUpdate, LongDevicePathWorksWhole) {
+TEST_F(HybridUpdate, LongDevicePathIsUsedInFull) {
   const std::string name = "/dev/disk" + std::string(60, '7');
   machine.addDisk(name.substr(5), 1 << 20, 512);
   machine.setBytes(name, 512, headerBytes());
@@ -106,7 +106,7 @@ TEST_F(HybridUpdate, LongDevicePathWorksWhole) {
 // -------------------------------------------------------------------------------------------- partition number and ID
 
 TEST_F(HybridUpdate, IDWithoutPartitionNumberIsRefusedBeforeTheDeviceIsOpened) {
-  for (const uint32_t id : {0x07U, 0x100U}) {  // the missing number is told first
+  for (const uint32_t id : {0x07U, 0x100U}) {  // the missing number is reported first
     forgetLog();
     EXPECT_EQ(update(0, id), -1);
     EXPECT_EQ(log(), kArguments + "Can't change parition ID: no partition number specified.");
@@ -132,13 +132,13 @@ TEST_F(HybridUpdate, IDBecomesTheTypeOfTheNamedSlot) {
   }
 }
 
-TEST_F(HybridUpdate, IDIsGivenToAnEmptySlotToo) {
+TEST_F(HybridUpdate, IDIsAlsoSetInAnEmptySlot) {
   EXPECT_EQ(update(4, 0x0C), 0);
   EXPECT_EQ(slots(), joined({kEFISlot, kHFSSlot, kDataSlot, ofType(kNoSlot, 0x0C)}));
   EXPECT_TRUE(bootSectorPatched());
 }
 
-TEST_F(HybridUpdate, IDThatTakesTheProtectiveTypeFromSlotOneKeepsSectorZeroAsItWas) {
+TEST_F(HybridUpdate, IDThatReplacesTheProtectiveTypeOfSlotOneLeavesSectorZeroUntouched) {
   EXPECT_EQ(update(1, 0x07), 0);
   EXPECT_TRUE(sectorUntouched());
   EXPECT_THAT(log(), HasSubstr("Aborting. line:590" + kPatchStarts));
@@ -152,8 +152,8 @@ TEST_F(HybridUpdate, PartitionNumberMovesTheActiveFlag) {
   EXPECT_THAT(log(), HasSubstr("Comparing partition index 1flag is different: 0 - 128\nMBR needs to be updated.\n"));
 }
 
-TEST_F(HybridUpdate, WithoutPartitionNumberTheActiveSlotOfTheDiskStaysActiveAndNothingIsPatched) {
-  setSlots({active(kProtectiveSlot), active(kNoSlot), kNoSlot, kNoSlot});  // the last active one counts
+TEST_F(HybridUpdate, WithoutPartitionNumberTheActiveSlotStaysActiveAndNothingIsPatched) {
+  setSlots({active(kProtectiveSlot), active(kNoSlot), kNoSlot, kNoSlot});  // the last active slot counts
   EXPECT_EQ(update(0), 0);
   EXPECT_EQ(slots(), joined({kEFISlot, active(kHFSSlot), kDataSlot, kNoSlot}));
   EXPECT_TRUE(bootSectorUntouched());
@@ -161,14 +161,14 @@ TEST_F(HybridUpdate, WithoutPartitionNumberTheActiveSlotOfTheDiskStaysActiveAndN
   EXPECT_THAT(log(), EndsWith(fileLog()));
 }
 
-TEST_F(HybridUpdate, WithoutPartitionNumberAndActiveSlotNoneIsMarked) {
+TEST_F(HybridUpdate, WithoutPartitionNumberOrActiveSlotNoneIsMarked) {
   EXPECT_EQ(update(0), 0);
   EXPECT_EQ(slots(), joined({kEFISlot, kHFSSlot, kDataSlot, kNoSlot}));
 }
 
 TEST_F(HybridUpdate, PartitionNumberAboveFourMarksAndPatchesNothing) {
   for (const uint32_t partition : {5U, 0xFFFFFFFFU}) {
-    setSlots({kProtectiveSlot, active(kNoSlot), kNoSlot, kNoSlot});  // the argument replaces the disk's choice
+    setSlots({kProtectiveSlot, active(kNoSlot), kNoSlot, kNoSlot});  // the argument overrides the disk's active slot
     machine.clearJournal();
     EXPECT_EQ(update(partition), 0);
     EXPECT_EQ(slots(), joined({kEFISlot, kHFSSlot, kDataSlot, kNoSlot}));
@@ -204,14 +204,14 @@ TEST_F(HybridUpdate, GuardSwitchWritesAGuardMBRWithoutTypeChangeOrPatch) {
                        kOpening + fileLog());
 }
 
-TEST_F(HybridUpdate, EqualGuardMBRWritesNothingAtAll) {
+TEST_F(HybridUpdate, EqualGuardMBRWritesNothing) {
   setSlots({kGuardSlot, kNoSlot, kNoSlot, kNoSlot});
   EXPECT_EQ(update(1, 0x07, 1), 0);
   EXPECT_THAT(machine.writes(), IsEmpty());
   EXPECT_EQ(log(), kArguments + kReading + kBuilding + "Changing to standard guard MBR line:419" + kChecking + kEqual);
 }
 
-TEST_F(HybridUpdate, AnyOtherSwitchValueBuildsTheHybridWithoutTypeChangeOrPatch) {
+TEST_F(HybridUpdate, AnyOtherSwitchValueWritesTheHybridMBRWithoutTypeChangeOrPatch) {
   for (const int guard : {2, -1}) {
     setSlots({kProtectiveSlot, kNoSlot, kNoSlot, kNoSlot});
     machine.clearJournal();
@@ -234,11 +234,11 @@ TEST_F(HybridUpdate, FirstEntryThatIsNotTheEFISystemPartitionIsRefused) {
                                kPatch));
 }
 
-TEST_F(HybridUpdate, WithoutBootCodePathSectorZeroStaysAndTheBootSectorIsPatched) {
+TEST_F(HybridUpdate, WithoutBootCodePathSectorZeroIsUntouchedAndTheBootSectorIsPatched) {
   EXPECT_EQ(update_mbr_and_partition("disk0", nullptr, 3, 0, "disk0s3", 0, 1606500), 0);
   EXPECT_TRUE(sectorUntouched());
   EXPECT_EQ(machine.writes(), bootSectorWritten);
-  EXPECT_EQ(keptOpenCount(), 1U);  // the whole disk
+  EXPECT_EQ(keptOpenCount(), 1U);  // the whole disk stays open
   EXPECT_EQ(log(), kArguments + kReading + kBuilding + kChecking + kProtectiveDiffers + kUpdating + kTable + kOpening +
                        "Device openedNo MBR file. Aborting" + kPatch);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// kbhit() on what standard input can be.
+// kbhit() on each kind of standard input.
 #include <Vorlix/QDSDiskFunctions.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -11,7 +11,7 @@
 
 namespace {
 
-// Standard input is descriptor 0, whatever stdio holds.
+// Replaces descriptor 0, because kbhit() ignores what stdio has buffered.
 class KbhitTest : public testing::Test {
  protected:
   KbhitTest() : saved_(dup(STDIN_FILENO)) {}
@@ -46,14 +46,14 @@ class KbhitTest : public testing::Test {
   int saved_;
 };
 
-TEST_F(KbhitTest, EmptyPipeIsZeroAtOnce) {
+TEST_F(KbhitTest, EmptyPipeReturnsZeroAtOnce) {
   usePipe();
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(kbhit(), 0);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 }
 
-TEST_F(KbhitTest, WaitingByteIsOneAndStaysWaiting) {
+TEST_F(KbhitTest, WaitingByteReturnsOneAndIsNotConsumed) {
   usePipe();
   ASSERT_EQ(write(writer_, "k", 1), 1);
   EXPECT_EQ(kbhit(), 1);
@@ -64,13 +64,13 @@ TEST_F(KbhitTest, WaitingByteIsOneAndStaysWaiting) {
   EXPECT_EQ(kbhit(), 0);
 }
 
-TEST_F(KbhitTest, EndOfAPipeCanBeReadWithoutWaiting) {
+TEST_F(KbhitTest, EndOfAPipeCountsAsReadable) {
   usePipe();
   closeWriter();
   EXPECT_EQ(kbhit(), 1);
 }
 
-TEST_F(KbhitTest, LastBytesOfAClosedPipeAreOne) {
+TEST_F(KbhitTest, LastBytesOfAClosedPipeCountAsReadable) {
   usePipe();
   ASSERT_EQ(write(writer_, "k", 1), 1);
   closeWriter();
@@ -82,7 +82,7 @@ TEST_F(KbhitTest, FileIsAlwaysReadable) {
   EXPECT_EQ(kbhit(), 1);
 }
 
-TEST_F(KbhitTest, ProcessThatMayOpenNothingMoreStillHearsTheTerminal) {
+TEST_F(KbhitTest, WorksWithoutFreeDescriptors) {
   usePipe();
   ASSERT_EQ(write(writer_, "k", 1), 1);
   rlimit before = {};
@@ -94,7 +94,7 @@ TEST_F(KbhitTest, ProcessThatMayOpenNothingMoreStillHearsTheTerminal) {
   EXPECT_EQ(waiting, 1);
 }
 
-TEST_F(KbhitTest, ClosedInputIsZero) {
+TEST_F(KbhitTest, ClosedInputReturnsZero) {
   close(STDIN_FILENO);
   EXPECT_EQ(kbhit(), 0);
 }

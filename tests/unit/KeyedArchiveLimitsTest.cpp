@@ -14,7 +14,7 @@ using namespace archive_test;
 using vorlix::AttributedString;
 using vorlix::UUID;
 
-TEST(KeyedArchiveLimitsTest, WhatIsNoArchiveIsRefused) {
+TEST(KeyedArchiveLimitsTest, DataThatIsNotAnArchiveIsRefused) {
   EXPECT_FALSE(readBack({}, nullptr));
   EXPECT_FALSE(readBack(Data(4096, 0), nullptr));
   const std::string text = "<plist><dict></dict></plist>";
@@ -24,7 +24,7 @@ TEST(KeyedArchiveLimitsTest, WhatIsNoArchiveIsRefused) {
   EXPECT_FALSE(readBack(binaryOf("<string>x</string>"), nullptr));
 }
 
-TEST(KeyedArchiveLimitsTest, AnotherMakerOrVersionIsRefused) {
+TEST(KeyedArchiveLimitsTest, AnotherArchiverOrVersionIsRefused) {
   const auto container = [](const std::string& archiver, const std::string& version, const std::string& null) {
     return binaryOf("<dict>" + entry("$archiver", archiver) + entry("$version", version) +
                     entry("$top", object(entry("root", uid(1)))) +
@@ -40,7 +40,7 @@ TEST(KeyedArchiveLimitsTest, AnotherMakerOrVersionIsRefused) {
   EXPECT_FALSE(readBack(container(archiver, version, "<string>null</string>"), nullptr));
 }
 
-TEST(KeyedArchiveLimitsTest, AnArchiveCutShortAnywhereIsRefused) {
+TEST(KeyedArchiveLimitsTest, AnArchiveTruncatedAnywhereIsRefused) {
   const Data archive = written([](KeyedArchiver& coder) { coder.encodeText("text", "key"); });
   for (size_t size = 0; size < archive.size(); ++size) {
     EXPECT_FALSE(readBack(Data(archive.begin(), archive.begin() + static_cast<std::ptrdiff_t>(size)), nullptr)) << size;
@@ -75,7 +75,7 @@ void appendBigEndian(Data& data, uint64_t value, size_t size) {
   for (size_t i = size; i-- > 0;) data.push_back(static_cast<uint8_t>(value >> 8 * i));
 }
 
-// A binary property list of these values, each as its bytes; the last one is the root.
+// Builds a binary property list of these values, each given as its bytes. The last one is the root.
 Data listOf(const std::vector<Data>& values) {
   const std::string magic = "bplist00";
   Data file(magic.begin(), magic.end());
@@ -95,7 +95,7 @@ Data listOf(const std::vector<Data>& values) {
   return file;
 }
 
-// An archive of a Sample whose entry "text" refers to value `last` of these, which stands in "$objects" at 3.
+// Builds an archive of a Sample whose entry "text" refers to value `last` of these, which is object 3 of "$objects".
 Data archiveAround(std::vector<Data> values, uint8_t last) {
   const auto text = [](const std::string& characters) {
     Data value{0x5F, 0x10, static_cast<uint8_t>(characters.size())};
@@ -116,7 +116,7 @@ Data archiveAround(std::vector<Data> values, uint8_t last) {
   values.push_back({0x80, 2});  // UID 2
   // The record: two keys, then the references to its class and its text.
   values.push_back({0xD2, place(7), place(11), static_cast<uint8_t>(version + 3), static_cast<uint8_t>(version + 8)});
-  values.push_back({0xA1, place(10)});  // its class's names
+  values.push_back({0xA1, place(10)});  // the names of its class
   values.push_back({0xD2, place(8), place(9), place(10), static_cast<uint8_t>(version + 5)});
   values.push_back({0xA4, place(6), static_cast<uint8_t>(version + 4), static_cast<uint8_t>(version + 6), last});
   values.push_back({0xD4, place(0), place(2), place(3), place(5), place(1), version, static_cast<uint8_t>(version + 2),
@@ -129,7 +129,7 @@ TEST(KeyedArchiveLimitsTest, AHandMadeContainerIsRead) {
   EXPECT_TRUE(readBack(archiveAround({{0x09}}, 0), nullptr));
 }
 
-TEST(KeyedArchiveLimitsTest, ValuesThatUnfoldToMoreThanAMachineHoldsAreRefused) {
+TEST(KeyedArchiveLimitsTest, ValuesThatExpandBeyondMemoryAreRefused) {
   // Each of 12 arrays refers to the one before it 14 times: 14^12 values from some 200 bytes.
   std::vector<Data> values{{0x09}};
   for (uint8_t i = 0; i < 12; ++i) {
@@ -142,7 +142,7 @@ TEST(KeyedArchiveLimitsTest, ValuesThatUnfoldToMoreThanAMachineHoldsAreRefused) 
   EXPECT_TRUE(readBack(archiveAround(values, 2), nullptr));
 }
 
-TEST(KeyedArchiveLimitsTest, TextThatUnfoldsToMoreThanTheLimitIsRefused) {
+TEST(KeyedArchiveLimitsTest, TextThatExpandsBeyondTheLimitIsRefused) {
   constexpr size_t kSize = size_t{1} << 20;
   Data text{0x5F, 0x12};
   appendBigEndian(text, kSize, 4);
@@ -155,18 +155,18 @@ TEST(KeyedArchiveLimitsTest, TextThatUnfoldsToMoreThanTheLimitIsRefused) {
   EXPECT_TRUE(readBack(archiveAround({text, many}, 1), nullptr));
 }
 
-TEST(KeyedArchiveLimitsTest, ValuesWithinThemselvesAreRefused) {
+TEST(KeyedArchiveLimitsTest, ValuesThatContainThemselvesAreRefused) {
   EXPECT_FALSE(readBack(archiveAround({{0xA1, 0}}, 0), nullptr));
   EXPECT_FALSE(readBack(archiveAround({{0xA1, 1}, {0xA1, 0}}, 1), nullptr));
 }
 
-TEST(KeyedArchiveLimitsTest, ArraysTooDeepInOneAnotherAreRefused) {
+TEST(KeyedArchiveLimitsTest, ArraysNestedTooDeeplyAreRefused) {
   std::vector<Data> values{{0x09}};
   for (uint8_t i = 0; i < 40; ++i) values.push_back({0xA1, i});
   EXPECT_FALSE(readBack(archiveAround(values, 40), nullptr));
 }
 
-TEST(KeyedArchiveLimitsTest, ValuesThatTheFormatDoesNotHaveAreRefused) {
+TEST(KeyedArchiveLimitsTest, UnknownTypesOfValuesAreRefused) {
   for (const Data& value : std::vector<Data>{{0x01},
                                              {0x0A},
                                              {0x70},
@@ -183,8 +183,8 @@ TEST(KeyedArchiveLimitsTest, ValuesThatTheFormatDoesNotHaveAreRefused) {
   }
 }
 
-// Whole numbers of sixteen bytes, and what is read of them. The record that refers to one is read in any case.
-TEST(KeyedArchiveLimitsTest, AWholeNumberBeyondSigned64BitsIsAbsentAlone) {
+// 16-byte integers and the numbers that are decoded. The record that refers to one is decoded in any case.
+TEST(KeyedArchiveLimitsTest, OnlyAnIntegerBeyondSigned64BitsIsAbsent) {
   using vorlix::Number;
   constexpr uint64_t kSign = uint64_t{1} << 63;
   struct Case {
@@ -210,15 +210,15 @@ TEST(KeyedArchiveLimitsTest, AWholeNumberBeyondSigned64BitsIsAbsentAlone) {
   }
 }
 
-// A value within such a number, which is another one once the number is replaced.
-TEST(KeyedArchiveLimitsTest, WhatOverlapsAWholeNumberBeyondSigned64BitsIsReadOrRefused) {
+// The second value overlaps the integer, so it changes when the reader replaces the integer.
+TEST(KeyedArchiveLimitsTest, AValueThatOverlapsAnIntegerBeyondSigned64BitsIsReadOrRefused) {
   Data number{0x14};
   for (size_t i = 0; i < 16; ++i) number.push_back(0x14);
   const Data archive = archiveAround({number, {0xA1, 0}}, 1);
   for (size_t shift = 0; shift < 17; ++shift) {
     Data moved = archive;
     const size_t table = size_t{moved[moved.size() - 2]} << 8 | moved.back();
-    moved[table + 7] = static_cast<uint8_t>(8 + shift);  // of the second value
+    moved[table + 7] = static_cast<uint8_t>(8 + shift);  // the offset of the second value
     readBack(moved, [](KeyedUnarchiver& coder) { (void)coder.decodeNumber("text"); });
   }
 }
@@ -226,7 +226,7 @@ TEST(KeyedArchiveLimitsTest, WhatOverlapsAWholeNumberBeyondSigned64BitsIsReadOrR
 TEST(KeyedArchiveLimitsTest, CountsAndOffsetsBeyondTheFileAreRefused) {
   EXPECT_FALSE(readBack(archiveAround({{0x4F, 0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}}, 0), nullptr));
   EXPECT_FALSE(readBack(archiveAround({{0xAF, 0x13, 0x80, 0, 0, 0, 0, 0, 0, 0}}, 0), nullptr));
-  EXPECT_FALSE(readBack(archiveAround({{0x4F, 0x09}}, 0), nullptr));  // the count is no number
+  EXPECT_FALSE(readBack(archiveAround({{0x4F, 0x09}}, 0), nullptr));  // the count is not a number
   const Data good = archiveAround({{0x09}}, 0);
   for (const size_t field : {8U, 16U, 24U}) {
     Data wrong = good;
@@ -243,29 +243,29 @@ TEST(KeyedArchiveLimitsTest, CountsAndOffsetsBeyondTheFileAreRefused) {
 }
 
 TEST(KeyedArchiveLimitsTest, ANULInTextIsReplaced) {
-  // "a", NUL, "b" in UTF-16, and in ASCII, where the parser ends at the NUL.
+  // "a", NUL, "b" in UTF-16; then in ASCII, where the parser stops at the NUL.
   EXPECT_EQ(decoded(archiveAround({{0x63, 0, 'a', 0, 0, 0, 'b'}}, 0), &KeyedUnarchiver::decodeText, "text"),
             "a\xEF\xBF\xBD"
             "b");
   EXPECT_EQ(decoded(archiveAround({{0x53, 'a', 0, 'b'}}, 0), &KeyedUnarchiver::decodeText, "text"), "a");
 }
 
-TEST(KeyedArchiveLimitsTest, BytesThatAreNoTextAreReplaced) {
+TEST(KeyedArchiveLimitsTest, InvalidTextIsReplaced) {
   EXPECT_EQ(decoded(archiveAround({{0x52, 'a', 0xFF}}, 0), &KeyedUnarchiver::decodeText, "text"), "a\xEF\xBF\xBD");
-  // A surrogate alone.
+  // A lone surrogate.
   const auto text = decoded(archiveAround({{0x61, 0xD8, 0x00}}, 0), &KeyedUnarchiver::decodeText, "text");
   ASSERT_TRUE(text);
   EXPECT_TRUE(vorlix::isUtf8(*text));
 }
 
-TEST(KeyedArchiveLimitsTest, MoreThanTheLargestArchiveIsRefused) {
+TEST(KeyedArchiveLimitsTest, AnArchiveAboveTheLimitIsRefused) {
   Data archive = written([](KeyedArchiver&) {});
   EXPECT_TRUE(readBack(archive, nullptr));
   archive.insert(archive.begin() + 8, KeyedUnarchiver::kLargestArchive, 0);
   EXPECT_FALSE(readBack(archive, nullptr));
 }
 
-TEST(KeyedArchiveLimitsTest, WhatComesAfterTheLimitOnBytesReadIsAbsent) {
+TEST(KeyedArchiveLimitsTest, EntriesAfterTheLimitOnDecodedBytesAreAbsent) {
   const Data archive = written([](KeyedArchiver& coder) {
     coder.encodeData(Data(KeyedUnarchiver::kLargestArchive / 3), "large");
     coder.encodeText("after", "key");

@@ -16,9 +16,9 @@ using vorlix::Number;
 using vorlix::URL;
 using vorlix::UUID;
 
-// The order of a dictionary's keys is that of their setting.
+// The keys of a dictionary keep the order in which they were set.
 
-TEST(KeyedArchiverTest, TheContainerNamesItsMakerItsVersionAndItsRoot) {
+TEST(KeyedArchiverTest, TheContainerHasArchiverVersionAndRoot) {
   EXPECT_EQ(xmlOf(written([](KeyedArchiver&) {})),
             "<dict><key>$version</key><integer>100000</integer><key>$archiver</key><string>NSKeyedArchiver</string>"
             "<key>$top</key><dict><key>root</key>" +
@@ -37,7 +37,7 @@ std::string objectsOf(const std::function<void(KeyedArchiver&)>& write) {
   return xml.substr(from, xml.rfind("</array>") - from);
 }
 
-TEST(KeyedArchiverTest, AbsentIsTheReferenceToTheNullObject) {
+TEST(KeyedArchiverTest, AbsentValuesReferToTheNullObject) {
   EXPECT_EQ(
       objectsOf([](KeyedArchiver& coder) {
         coder.encodeText(std::nullopt, "a");
@@ -56,7 +56,7 @@ TEST(KeyedArchiverTest, AbsentIsTheReferenceToTheNullObject) {
           kSampleClass);
 }
 
-TEST(KeyedArchiverTest, ImmutableTextNumbersAndBytesStandBare) {
+TEST(KeyedArchiverTest, ImmutableTextNumbersAndBytesAreStoredWithoutAClass) {
   EXPECT_EQ(objectsOf([](KeyedArchiver& coder) {
               coder.encodeText("text", "a");
               coder.encodeNumber(Number::numberWithBool(true), "b");
@@ -67,7 +67,7 @@ TEST(KeyedArchiverTest, ImmutableTextNumbersAndBytesStandBare) {
                 "<string>text</string><true/><integer>42</integer><data>3q0=</data>" + kSampleClass);
 }
 
-TEST(KeyedArchiverTest, APlainTruthValueStandsInline) {
+TEST(KeyedArchiverTest, APlainBooleanIsStoredInline) {
   EXPECT_EQ(objectsOf([](KeyedArchiver& coder) {
               coder.encodeBool(true, "a");
               coder.encodeBool(false, "b");
@@ -75,7 +75,7 @@ TEST(KeyedArchiverTest, APlainTruthValueStandsInline) {
             record(entry("a", "<true/>") + entry("b", "<false/>"), 2) + kSampleClass);
 }
 
-TEST(KeyedArchiverTest, GrowableTextAndBytesAreObjectsOfTheirClass) {
+TEST(KeyedArchiverTest, MutableTextAndBytesAreStoredWithTheirClass) {
   const auto text = std::make_shared<const std::string>("grow");
   const auto bytes = std::make_shared<const Data>(Data{0xDE, 0xAD});
   EXPECT_EQ(objectsOf([&](KeyedArchiver& coder) {
@@ -89,7 +89,7 @@ TEST(KeyedArchiverTest, GrowableTextAndBytesAreObjectsOfTheirClass) {
                 classNamed("NSMutableData", "<string>NSData</string>") + kSampleClass);
 }
 
-TEST(KeyedArchiverTest, AUUIDsBytesAreInTheOrderOfItsText) {
+TEST(KeyedArchiverTest, AUUIDsBytesAreInTextOrder) {
   const auto uuid = UUID::fromText("00112233-4455-6677-8899-AABBCCDDEEFF");
   EXPECT_EQ(objectsOf([&](KeyedArchiver& coder) { coder.encodeUUID(uuid, "a"); }),
             record(entry("a", uid(2)), 4) +
@@ -139,7 +139,7 @@ TEST(KeyedArchiverTest, EqualImmutableValuesAreStoredOnce) {
           "<string>same</string><true/><integer>1</integer>" + kSampleClass);
 }
 
-TEST(KeyedArchiverTest, ANumberThatIsNoneIsNotTakenForAnother) {
+TEST(KeyedArchiverTest, NaNIsNotMistakenForAnotherNumber) {
   const auto archive = objectsOf([](KeyedArchiver& coder) {
     coder.encodeNumber(Number::numberWithDouble(1.5), "a");
     coder.encodeNumber(Number::numberWithDouble(std::numeric_limits<double>::quiet_NaN()), "b");
@@ -153,7 +153,7 @@ TEST(KeyedArchiverTest, ANumberThatIsNoneIsNotTakenForAnother) {
   }
 }
 
-TEST(KeyedArchiverTest, TheSameGrowableTextIsStoredOnceAndAnEqualOneAgain) {
+TEST(KeyedArchiverTest, TheSameMutableTextIsStoredOnceAndAnEqualOneAgain) {
   const auto text = std::make_shared<const std::string>("x");
   const auto equal = std::make_shared<const std::string>("x");
   const std::string grown = object(entry("NS.string", "<string>x</string>") + entry("$class", uid(3)));
@@ -174,7 +174,7 @@ TEST(KeyedArchiverTest, ARecordThatRefersToItselfIsStoredOnce) {
   sample->encode = nullptr;
 }
 
-TEST(KeyedArchiverTest, StyledTextOfOneRunHasItsDictionaryAlone) {
+TEST(KeyedArchiverTest, StyledTextOfOneRunHasOnlyItsDictionary) {
   Dictionary attributes;
   attributes.set("Size", int64_t{12});
   EXPECT_EQ(
@@ -188,14 +188,14 @@ TEST(KeyedArchiverTest, StyledTextOfOneRunHasItsDictionaryAlone) {
           kSampleClass);
 }
 
-TEST(KeyedArchiverTest, StyledTextOfSeveralRunsHasPairsOfLengthAndPlace) {
+TEST(KeyedArchiverTest, StyledTextOfSeveralRunsHasPairsOfLengthAndIndex) {
   Dictionary attributes;
   attributes.set("Size", int64_t{12});
   AttributedString styled(std::string(300, 'x'), attributes);
   styled.append("y");
   styled.append("zz", attributes);
   const std::string xml = objectsOf([&](KeyedArchiver& coder) { coder.encodeAttributedText(styled, "a"); });
-  // 300 is 0b10'0101100: groups AC 02; place 0; 1 and place 1; 2 and place 0.
+  // 300 is 0b10'0101100, which is encoded as AC 02. The pairs are 300 and index 0, 1 and index 1, 2 and index 0.
   EXPECT_NE(xml.find("<key>NS.data</key><data>rAIAAQECAA==</data>"), std::string::npos) << xml;
   EXPECT_NE(xml.find(classNamed("NSMutableArray", "<string>NSArray</string>")), std::string::npos);
 }
@@ -206,7 +206,7 @@ TEST(KeyedArchiverTest, EmptyStyledTextHasNeitherAttributesNorPairs) {
                 "<string></string>" + classNamed("NSAttributedString") + kSampleClass);
 }
 
-TEST(KeyedArchiverTest, AKeyThatStartsWithADollarGainsAnother) {
+TEST(KeyedArchiverTest, AKeyThatStartsWithADollarGetsAnotherDollar) {
   const Data archive = written([](KeyedArchiver& coder) {
     coder.encodeText("mine", "$class");
     coder.encodeBool(true, "a$b");
@@ -215,7 +215,7 @@ TEST(KeyedArchiverTest, AKeyThatStartsWithADollarGainsAnother) {
   EXPECT_EQ(decoded(archive, &KeyedUnarchiver::decodeText, "$class"), "mine");
 }
 
-TEST(KeyedArchiverTest, ALaterEntryOfTheSameKeyTakesTheEarlierOnesPlace) {
+TEST(KeyedArchiverTest, ALaterEntryWithTheSameKeyReplacesTheEarlierOne) {
   const Data archive = written([](KeyedArchiver& coder) {
     coder.encodeText("first", "key");
     coder.encodeText("second", "key");
@@ -223,7 +223,7 @@ TEST(KeyedArchiverTest, ALaterEntryOfTheSameKeyTakesTheEarlierOnesPlace) {
   EXPECT_EQ(decoded(archive, &KeyedUnarchiver::decodeText), "second");
 }
 
-TEST(KeyedArchiverTest, TextThatNoPropertyListHoldsIsMadeFit) {
+TEST(KeyedArchiverTest, TextThatAPropertyListCannotHoldIsRepaired) {
   const auto there = [](const std::string& text) {
     return decoded(written([&](KeyedArchiver& coder) { coder.encodeText(text, "key"); }), &KeyedUnarchiver::decodeText);
   };
@@ -235,19 +235,19 @@ TEST(KeyedArchiverTest, TextThatNoPropertyListHoldsIsMadeFit) {
   EXPECT_EQ(there(""), "");
 }
 
-TEST(KeyedArchiverTest, AnArchiveOfMoreValuesThanReadersTakeIsNotMade) {
+TEST(KeyedArchiverTest, AnArchiveWithMoreValuesThanReadersAcceptIsNotWritten) {
   const auto write = [](size_t count) {
     return written([&](KeyedArchiver& coder) {
       for (size_t i = 0; i < count; ++i) coder.encodeText(std::to_string(i), "key" + std::to_string(i));
     });
   };
-  EXPECT_THROW(write(KeyedUnarchiver::kMostValues / 2), std::length_error);  // each has a key, a reference and a text
+  EXPECT_THROW(write(KeyedUnarchiver::kMostValues / 2), std::length_error);  // each has a key, a reference and a string
   const auto archive = write(KeyedUnarchiver::kMostValues / 4);
   EXPECT_GT(archive.size(), KeyedUnarchiver::kMostValues);
   EXPECT_TRUE(readBack(archive, [](KeyedUnarchiver& coder) { EXPECT_EQ(coder.decodeText("key7"), "7"); }));
 }
 
-TEST(KeyedArchiverTest, AnArchiveThatCouldNotBeReadIsNotMade) {
+TEST(KeyedArchiverTest, AnArchiveTooLargeForReadersIsNotWritten) {
   const Data large(KeyedUnarchiver::kLargestArchive);
   EXPECT_THROW(written([&](KeyedArchiver& coder) { coder.encodeData(large, "key"); }), std::length_error);
 }

@@ -17,7 +17,7 @@ using vorlix::URL;
 using vorlix::UUID;
 using vorlix::Value;
 
-TEST(KeyedUnarchiverTest, EachKindComesBack) {
+TEST(KeyedUnarchiverTest, EachKindSurvivesARoundTrip) {
   Dictionary attributes;
   attributes.set("bool", true);
   attributes.set("int", int64_t{-7});
@@ -64,18 +64,18 @@ TEST(KeyedUnarchiverTest, EachKindComesBack) {
     EXPECT_TRUE(coder.decodeAttributedText("styled") == styled);
     EXPECT_TRUE(coder.decodeAttributedText("unstyled") == AttributedString());
     EXPECT_NE(coder.decodeObject<Sample>("object"), nullptr);
-    EXPECT_EQ(coder.decodeText("text"), "text \xE2\x98\x83\xF0\x9F\x98\x80");  // the outer record again
+    EXPECT_EQ(coder.decodeText("text"), "text \xE2\x98\x83\xF0\x9F\x98\x80");  // decoding continues in the outer record
   }));
   EXPECT_TRUE(nested);
 }
 
-TEST(KeyedUnarchiverTest, APlainTruthValueIsItsNumberWhenAskedForAsAnObject) {
+TEST(KeyedUnarchiverTest, APlainBooleanIsANumberWhenRequestedAsAnObject) {
   const Data archive = written([](KeyedArchiver& coder) { coder.encodeBool(true, "key"); });
   EXPECT_EQ(decoded(archive, &KeyedUnarchiver::decodeNumber), Number::numberWithBool(true));
   EXPECT_TRUE(decoded(archive, &KeyedUnarchiver::decodeBool));
 }
 
-TEST(KeyedUnarchiverTest, ANumberObjectIsNoPlainTruthValue) {
+TEST(KeyedUnarchiverTest, ANumberObjectIsNotAPlainBoolean) {
   const Data archive = written([](KeyedArchiver& coder) { coder.encodeNumber(Number::numberWithBool(true), "key"); });
   EXPECT_FALSE(decoded(archive, &KeyedUnarchiver::decodeBool));
 }
@@ -127,11 +127,11 @@ TEST(KeyedUnarchiverTest, ARootOfAnotherClassIsRefused) {
   EXPECT_FALSE(readBack(archiveOf(record("", 2) + classNamed("Other")), nullptr));
 }
 
-TEST(KeyedUnarchiverTest, AClassBelowTheOneAskedForIsTaken) {
+TEST(KeyedUnarchiverTest, ASubclassIsAccepted) {
   EXPECT_TRUE(readBack(archiveOf(record("", 2) + classNamed("Special", "<string>Sample</string>")), nullptr));
 }
 
-TEST(KeyedUnarchiverTest, ARecordWithoutAProperClassIsRefused) {
+TEST(KeyedUnarchiverTest, ARecordWithoutAValidClassIsRefused) {
   EXPECT_FALSE(readBack(archiveOf("<dict></dict>"), nullptr));
   EXPECT_FALSE(readBack(archiveOf(record("", 1)), nullptr));
   EXPECT_FALSE(readBack(archiveOf(record("", 99)), nullptr));
@@ -142,27 +142,27 @@ TEST(KeyedUnarchiverTest, ARecordWithoutAProperClassIsRefused) {
                         nullptr));
 }
 
-TEST(KeyedUnarchiverTest, AReferenceToNothingIsAbsent) {
+TEST(KeyedUnarchiverTest, AReferenceToAMissingObjectIsAbsent) {
   EXPECT_FALSE(readBack(archiveOf("", uid(99)), nullptr));
   EXPECT_FALSE(decoded(archiveWithEntry(""), &KeyedUnarchiver::decodeText));
   EXPECT_FALSE(
       decoded(archiveOf(record(entry("key", uid(4294967295)), 2) + kSampleClass), &KeyedUnarchiver::decodeText));
 }
 
-TEST(KeyedUnarchiverTest, AnInlineValueIsNoObject) {
+TEST(KeyedUnarchiverTest, AnInlineValueIsNotDecodedAsAnObject) {
   const Data archive = archiveOf(record(entry("key", "<string>bare</string>"), 2) + kSampleClass);
   EXPECT_FALSE(decoded(archive, &KeyedUnarchiver::decodeText));
 }
 
-TEST(KeyedUnarchiverTest, ARecordWithinItselfIsAbsent) {
+TEST(KeyedUnarchiverTest, ARecordThatContainsItselfIsAbsent) {
   std::vector<bool> found;
   EXPECT_TRUE(readBack(archiveOf(record(entry("key", uid(1)), 2) + kSampleClass),
                        [&](KeyedUnarchiver& coder) { found.push_back(coder.decodeObject<Sample>("key") != nullptr); }));
   EXPECT_EQ(found, std::vector<bool>{false});
 }
 
-TEST(KeyedUnarchiverTest, RecordsTooDeepInOneAnotherAreAbsent) {
-  // Object 1 is the class; each record refers to the next.
+TEST(KeyedUnarchiverTest, RecordsNestedTooDeeplyAreAbsent) {
+  // Object 1 is the class. Each record refers to the next one.
   std::string objects = kSampleClass;
   constexpr size_t kCount = 40;
   for (size_t i = 0; i < kCount; ++i) objects += record(entry("key", uid(i + 3)), 1);
@@ -179,7 +179,7 @@ struct Failing {
   static std::shared_ptr<Failing> initWithCoder(KeyedUnarchiver&) { throw std::runtime_error("no"); }
 };
 
-TEST(KeyedUnarchiverTest, ARecordThatFailsToDecodeIsLeft) {
+TEST(KeyedUnarchiverTest, DecodingContinuesAfterARecordThatFails) {
   const Data archive = archiveOf(record(entry("key", uid(3)) + entry("text", uid(4)), 2) + kSampleClass +
                                  record("", 2) + "<string>outer</string>");
   EXPECT_TRUE(readBack(archive, [](KeyedUnarchiver& coder) {
@@ -197,7 +197,7 @@ TEST(KeyedUnarchiverTest, AUUIDOfAnotherSizeIsAbsent) {
   }
 }
 
-// Object 3 has a base in object 6, of the text in object 7.
+// Object 3 has its base in object 6, whose string is object 7.
 std::optional<URL> urlFrom(const std::string& relative, const std::string& base = "") {
   return decoded(
       archiveWithEntry(
@@ -216,12 +216,12 @@ TEST(KeyedUnarchiverTest, FileURLsBecomePaths) {
   EXPECT_EQ(urlFrom("file:///a?query#fragment")->path(), "/a");
 }
 
-TEST(KeyedUnarchiverTest, ASlashAtTheEndIsAFolders) {
+TEST(KeyedUnarchiverTest, ATrailingSlashMarksAFolder) {
   EXPECT_TRUE(urlFrom("file:///Volumes/Disk/")->hasDirectoryPath());
   EXPECT_TRUE(urlFrom("file:///")->hasDirectoryPath());
   EXPECT_TRUE(urlFrom("a/", "file:///Volumes/")->hasDirectoryPath());
   EXPECT_FALSE(urlFrom("file:///Volumes/Disk")->hasDirectoryPath());
-  EXPECT_EQ(*urlFrom("file:///Volumes/Disk/"), *urlFrom("file:///Volumes/Disk")) << "the place is the same";
+  EXPECT_EQ(*urlFrom("file:///Volumes/Disk/"), *urlFrom("file:///Volumes/Disk")) << "both refer to the same path";
 }
 
 TEST(KeyedUnarchiverTest, ARelativeURLIsResolved) {
@@ -239,14 +239,14 @@ TEST(KeyedUnarchiverTest, OtherURLsAreAbsent) {
   }
 }
 
-TEST(KeyedUnarchiverTest, URLsThatAreEachOthersBaseAreAbsent) {
+TEST(KeyedUnarchiverTest, AURLThatIsItsOwnBaseIsAbsent) {
   const Data archive =
       archiveWithEntry(object(entry("NS.base", uid(3)) + entry("NS.relative", uid(4)) + entry("$class", uid(5))) +
                        "<string>relative</string>" + classNamed("NSURL"));
   EXPECT_FALSE(decoded(archive, &KeyedUnarchiver::decodeURL));
 }
 
-// Styled text "abc" in object 3 with these further members; objects from 6 on follow.
+// Decodes styled text "abc" in object 3 with these additional members. `objects` start at number 6.
 std::optional<AttributedString> styledFrom(const std::string& members, const std::string& objects) {
   return decoded(archiveWithEntry(object(entry("NSString", uid(4)) + members + entry("$class", uid(5))) +
                                   "<string>abc</string>" + classNamed("NSAttributedString") + objects),
@@ -264,7 +264,7 @@ TEST(KeyedUnarchiverTest, StyledTextWithoutAttributesIsOnePlainRun) {
   EXPECT_TRUE(*styled == AttributedString("abc"));
 }
 
-// Objects 6 to 9: pairs, an array of one dictionary, the dictionary and its class.
+// Objects 6 to 10: the pairs, an array of one dictionary, the dictionary, and both classes.
 std::optional<AttributedString> styledWithPairs(const std::string& base64) {
   return styledFrom(entry("NSAttributes", uid(7)) + entry("NSAttributeInfo", uid(6)),
                     "<data>" + base64 + "</data>" +
@@ -275,17 +275,17 @@ std::optional<AttributedString> styledWithPairs(const std::string& base64) {
 TEST(KeyedUnarchiverTest, PairsThatDoNotFitTheTextAreRefused) {
   EXPECT_TRUE(styledWithPairs("AwA="));           // 3, 0
   EXPECT_TRUE(styledWithPairs("AQACAA=="));       // 1, 0, 2, 0
-  EXPECT_FALSE(styledWithPairs(""));              // nothing
+  EXPECT_FALSE(styledWithPairs(""));              // no pairs
   EXPECT_FALSE(styledWithPairs("AgA="));          // 2, 0: too short
   EXPECT_FALSE(styledWithPairs("BAA="));          // 4, 0: too long
   EXPECT_FALSE(styledWithPairs("AwE="));          // 3, 1: no such dictionary
-  EXPECT_FALSE(styledWithPairs("Aw=="));          // 3 and no place
-  EXPECT_FALSE(styledWithPairs("AwAA"));          // 3, 0, and half a pair
+  EXPECT_FALSE(styledWithPairs("Aw=="));          // 3 without an index
+  EXPECT_FALSE(styledWithPairs("AwAA"));          // 3, 0, and an incomplete pair
   EXPECT_FALSE(styledWithPairs("AAADAA=="));      // 0, 0, 3, 0: an empty run
-  EXPECT_FALSE(styledWithPairs("/////////w8A"));  // a number without end
+  EXPECT_FALSE(styledWithPairs("/////////w8A"));  // an unterminated number
 }
 
-TEST(KeyedUnarchiverTest, AttributesOfUnknownKindsAreLeftOut) {
+TEST(KeyedUnarchiverTest, AttributesOfUnknownTypesAreOmitted) {
   const auto styled =
       styledFrom(entry("NSAttributes", uid(6)),
                  dictionaryObject(uid(8) + uid(9) + uid(10), uid(11) + uid(12) + uid(13), 7) +
@@ -297,7 +297,7 @@ TEST(KeyedUnarchiverTest, AttributesOfUnknownKindsAreLeftOut) {
   EXPECT_EQ(styled->runs()[0].attributes->integer("Size"), 12);
 }
 
-TEST(KeyedUnarchiverTest, AListKeepsItsOrderAndLeavesOutWhatIsUnknown) {
+TEST(KeyedUnarchiverTest, AListKeepsItsOrderWithoutUnknownValues) {
   const auto styled =
       styledFrom(entry("NSAttributes", uid(6)),
                  dictionaryObject(uid(8), uid(9), 7) + classNamed("NSDictionary") + "<string>List</string>" +
@@ -306,11 +306,11 @@ TEST(KeyedUnarchiverTest, AListKeepsItsOrderAndLeavesOutWhatIsUnknown) {
                      classNamed("NSArray") + "<real>0.5</real><date>2026-01-01T00:00:00Z</date>");
   ASSERT_TRUE(styled);
   const auto list = styled->runs()[0].attributes->array("List");
-  ASSERT_NE(list, nullptr);  // without the date, and without itself
+  ASSERT_NE(list, nullptr);  // without the date and without itself
   EXPECT_EQ(list->values, (std::vector<Value>{0.5, std::string("List"), 0.5}));
 }
 
-TEST(KeyedUnarchiverTest, ListsTooDeepInOneAnotherAreLeftOut) {
+TEST(KeyedUnarchiverTest, ListsNestedTooDeeplyAreOmitted) {
   std::string objects = dictionaryObject(uid(8), uid(10), 7) + classNamed("NSDictionary") + "<string>down</string>" +
                         classNamed("NSArray");  // 6 to 9
   for (size_t i = 10; i < 50; ++i) {
@@ -329,7 +329,7 @@ TEST(KeyedUnarchiverTest, ListsTooDeepInOneAnotherAreLeftOut) {
   EXPECT_EQ(depth, KeyedUnarchiver::kDeepestNesting);
 }
 
-TEST(KeyedUnarchiverTest, ADictionaryWithinItselfIsLeftOut) {
+TEST(KeyedUnarchiverTest, ADictionaryThatContainsItselfIsOmitted) {
   const auto styled = styledFrom(entry("NSAttributes", uid(6)), dictionaryObject(uid(8) + uid(9), uid(6) + uid(8), 7) +
                                                                     classNamed("NSDictionary") +
                                                                     "<string>Self</string><string>Text</string>");
@@ -338,7 +338,7 @@ TEST(KeyedUnarchiverTest, ADictionaryWithinItselfIsLeftOut) {
   EXPECT_EQ(styled->runs()[0].attributes->text("Text"), "Self");
 }
 
-TEST(KeyedUnarchiverTest, DictionariesTooDeepInOneAnotherAreLeftOut) {
+TEST(KeyedUnarchiverTest, DictionariesNestedTooDeeplyAreOmitted) {
   std::string objects = classNamed("NSDictionary") + "<string>down</string>";  // 6 and 7
   for (size_t i = 8; i < 48; ++i) objects += dictionaryObject(uid(7), uid(i + 1), 6);
   const auto styled = styledFrom(entry("NSAttributes", uid(8)), objects);

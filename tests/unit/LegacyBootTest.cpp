@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The files for legacy booting at the root of a volume of the simulated machine.
+// The files for legacy booting, set up at the root of a simulated volume.
 #include <Vorlix/QDSUtilities.h>
 #include <Vorlix/foundation/URL.h>
 #include <Vorlix/platform/FileCopy.h>
@@ -22,7 +22,7 @@ using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
-/// Copies, but for one source.
+/// Copies all items except one.
 class FailingCopies : public FileCopy {
  public:
   FailingCopies(std::shared_ptr<FileCopy> copies, std::string refused)
@@ -48,7 +48,7 @@ class LegacyBootTest : public DiskTest {
     makeFile("my store", {'s', 't', 'o', 'r', 'e'});
   }
 
-  // Below the folder of volumes.
+  // Paths are relative to /Volumes.
   void makeFolder(const std::string& name) { machine.addFolder("/Volumes/" + name); }
   void makeFile(const std::string& name, const ByteVector& bytes) {
     machine.addFile("/Volumes/" + name, std::string(bytes.begin(), bytes.end()));
@@ -84,7 +84,7 @@ class LegacyBootTest : public DiskTest {
     return names && names->empty();
   }
 
-  // Sources, destinations and messages in the order of the layout.
+  // Sources, destinations and messages in the order of the steps.
   std::string start() const { return "Setting up legacy booting to " + volume + "\n"; }
   std::string sourceOf(int row) const {
     if (row == 3) return bcd;
@@ -105,7 +105,7 @@ class LegacyBootTest : public DiskTest {
   std::string bcd = "/Volumes/my store";
 };
 
-// ----------------------------------------------------------------------------------------------------- all is there
+// --------------------------------------------------------------------------------------------------- all sources exist
 
 TEST_F(LegacyBootTest, FoldersAndFilesAreCopiedInOrder) {
   addAll();
@@ -118,12 +118,12 @@ TEST_F(LegacyBootTest, FoldersAndFilesAreCopiedInOrder) {
   EXPECT_EQ(content("boot/Fonts/wgl4_boot.ttf"), "ttf");
   EXPECT_EQ(content("boot/BCD"), "store");
   EXPECT_EQ(content("bootmgr"), "mgr");
-  // The sources stay.
+  // The sources still exist.
   EXPECT_EQ(content("Windows/Boot/PCAT/bootmgr"), "mgr");
   EXPECT_EQ(machine.contentsOf(bcd), "store");
 }
 
-TEST_F(LegacyBootTest, NothingIsCopiedThroughALinkInTheFoldersPlace) {
+TEST_F(LegacyBootTest, NothingIsCopiedThroughALinkInPlaceOfTheFolder) {
   addAll();
   makeFolder("host");
   machine.addLink(volume + "/boot", "/Volumes/host");
@@ -133,7 +133,7 @@ TEST_F(LegacyBootTest, NothingIsCopiedThroughALinkInTheFoldersPlace) {
   EXPECT_FALSE(exists("bootmgr"));
 }
 
-TEST_F(LegacyBootTest, NorThroughOneThatWasCopied) {
+TEST_F(LegacyBootTest, NothingIsCopiedThroughACopiedLink) {
   addAll();
   makeFolder("host");
   machine.addLink(volume + "/Windows/Boot/PCAT", "/Volumes/host");
@@ -153,7 +153,7 @@ TEST_F(LegacyBootTest, SecondRunFindsEverythingAndCopiesNothing) {
   EXPECT_EQ(content("boot/BCD"), "store");
 }
 
-TEST_F(LegacyBootTest, ItemNamedBOOTMeansThatTheVolumeIsSetUp) {
+TEST_F(LegacyBootTest, ItemNamedBOOTMeansThatTheVolumeIsAlreadySetUp) {
   addAll();
   for (const bool asFolder : {true, false}) {
     forgetLog();
@@ -170,7 +170,7 @@ TEST_F(LegacyBootTest, ItemNamedBOOTMeansThatTheVolumeIsSetUp) {
   }
 }
 
-TEST_F(LegacyBootTest, DestinationsThatAreThereAreLeftSilently) {
+TEST_F(LegacyBootTest, ExistingDestinationsAreKeptSilently) {
   addAll();
   makeFolder("volume/boot");
   makeFile("volume/boot/BCD", {'o', 'l', 'd'});
@@ -181,8 +181,8 @@ TEST_F(LegacyBootTest, DestinationsThatAreThereAreLeftSilently) {
   EXPECT_FALSE(exists("boot/memtest.exe"));
 }
 
-// What Windows takes for one name. The folder of a mirrored FAT volume, and some drivers for NTFS, tell it apart.
-TEST_F(LegacyBootTest, AnySpellingOfTheFolderCountsOnVolumesOfWindows) {
+// Windows ignores case. The folder of a mirrored FAT volume and some drivers for NTFS do not.
+TEST_F(LegacyBootTest, OnWindowsVolumesTheFolderCountsInAnySpelling) {
   addAll();
   machine.addDisk("disk0", 100 * 512, 512);
   addVolume("disk0", volume, true);  // FAT
@@ -198,7 +198,7 @@ TEST_F(LegacyBootTest, AnySpellingOfTheFolderCountsOnVolumesOfWindows) {
   }
 }
 
-TEST_F(LegacyBootTest, OnAVolumeThatIgnoresCaseItsOwnBootFolderEndsASecondRun) {
+TEST_F(LegacyBootTest, OnAVolumeThatIgnoresCaseTheOwnBootFolderEndsASecondRun) {
   machine.ignoreCase(volume);
   addAll();
   EXPECT_EQ(setUp(), 0);
@@ -209,7 +209,7 @@ TEST_F(LegacyBootTest, OnAVolumeThatIgnoresCaseItsOwnBootFolderEndsASecondRun) {
   EXPECT_EQ(log(), start());
 }
 
-TEST_F(LegacyBootTest, NamesOnVolumesOfWindowsAreTakenInTheirSpelling) {
+TEST_F(LegacyBootTest, OnWindowsVolumesNamesKeepTheVolumesSpelling) {
   makeFolder("volume/WINDOWS/BOOT/PCAT");
   makeFile("volume/WINDOWS/BOOT/PCAT/BOOTMGR", {'m', 'g', 'r'});
   makeFile("volume/BOOTMGR", {'o', 'l', 'd'});
@@ -222,7 +222,7 @@ TEST_F(LegacyBootTest, NamesOnVolumesOfWindowsAreTakenInTheirSpelling) {
   EXPECT_FALSE(exists("bootmgr"));
 }
 
-TEST_F(LegacyBootTest, ElsewhereNamesAreTakenAsTheyStand) {
+TEST_F(LegacyBootTest, OnOtherVolumesOnlyExactNamesMatch) {
   addAll();
   makeFolder("volume/Boot");
   machine.addDisk("disk0", 100 * 512, 512);
@@ -235,7 +235,7 @@ TEST_F(LegacyBootTest, ElsewhereNamesAreTakenAsTheyStand) {
   EXPECT_EQ(log(), start() + copying(1) + copying(2) + copying(3) + copying(4));
 }
 
-TEST_F(LegacyBootTest, FontsInsideThePCATFolderComeWithIt) {
+TEST_F(LegacyBootTest, FontsInsideThePCATFolderAreCopiedWithIt) {
   addAll();
   makeFolder("volume/Windows/Boot/PCAT/Fonts");
   makeFile("volume/Windows/Boot/PCAT/Fonts/inner.ttf", {'i'});
@@ -245,8 +245,7 @@ TEST_F(LegacyBootTest, FontsInsideThePCATFolderComeWithIt) {
   EXPECT_FALSE(exists("boot/Fonts/wgl4_boot.ttf"));
 }
 
-// ------------------------------------------------------------------------------------ missing sources and the folder
-// flag
+// --------------------------------------------------------------------------------- missing sources and the folder flag
 
 TEST_F(LegacyBootTest, MissingFontsAfterTheFolderAreSkipped) {
   addPCAT();
@@ -282,13 +281,13 @@ TEST_F(LegacyBootTest, EverythingMissingAfterTheFolderIsSkipped) {
   EXPECT_FALSE(exists("bootmgr"));
 }
 
-TEST_F(LegacyBootTest, MissingFileAfterAFileIsTriedAndFails) {
+TEST_F(LegacyBootTest, MissingFileAfterAFileIsCopiedAndFails) {
   addPCAT();
   addFonts();
   machine.failCopy(sourceOf(4), "There is no such file.");
   EXPECT_EQ(setUp(), -1);
   EXPECT_EQ(log(), start() + copying(1) + copying(2) + copying(3) + copying(4) + failed(4, "There is no such file."));
-  EXPECT_EQ(content("boot/BCD"), "store");  // what was copied stays
+  EXPECT_EQ(content("boot/BCD"), "store");  // earlier copies stay
   EXPECT_FALSE(exists("bootmgr"));
 }
 
@@ -301,7 +300,7 @@ TEST_F(LegacyBootTest, CopyOfAMissingFileFailsWithTheCopysReason) {
   EXPECT_THAT(log().substr(before.size()), MatchesRegex("Error copying [^\n]+ with error [^\n]+\n"));
 }
 
-TEST_F(LegacyBootTest, MissingFileAfterAFolderInTheStoresPlaceIsSkipped) {
+TEST_F(LegacyBootTest, MissingFileAfterAStoreThatIsAFolderIsSkipped) {
   addPCAT();
   addFonts();
   bcd = "/Volumes/store folder";
@@ -312,7 +311,7 @@ TEST_F(LegacyBootTest, MissingFileAfterAFolderInTheStoresPlaceIsSkipped) {
   EXPECT_EQ(content("boot/BCD/inside"), "i");
 }
 
-TEST_F(LegacyBootTest, MissingFileAfterAFileIsPassedOverSilentlyWhereItsDestinationIsThere) {
+TEST_F(LegacyBootTest, MissingFileAfterAFileIsIgnoredIfItsDestinationExists) {
   addPCAT();
   addFonts();
   makeFile("volume/bootmgr", {'o', 'l', 'd'});
@@ -321,16 +320,16 @@ TEST_F(LegacyBootTest, MissingFileAfterAFileIsPassedOverSilentlyWhereItsDestinat
   EXPECT_EQ(content("bootmgr"), "old");
 }
 
-TEST_F(LegacyBootTest, SkippingComesBeforeLookingAtTheDestination) {
+TEST_F(LegacyBootTest, SourceIsCheckedBeforeTheDestination) {
   addPCAT();
-  makeFolder("volume/Windows/Boot/PCAT/Fonts");  // so that boot/Fonts is there when the fonts' turn comes
+  makeFolder("volume/Windows/Boot/PCAT/Fonts");  // so that boot/Fonts exists when the fonts are checked
   addBootmgr();
   EXPECT_EQ(setUp(), 0);
   EXPECT_EQ(log(), start() + copying(1) + skipping(2) + copying(3) + copying(4));
 }
 
-TEST_F(LegacyBootTest, FlagFollowsASourceWhoseDestinationIsThereAsWell) {
-  // The store exists, as does its destination: nothing is copied, but the source before bootmgr was a file.
+TEST_F(LegacyBootTest, FlagIsSetByASourceWhoseDestinationExistsToo) {
+  // The store and its destination exist, so nothing is copied. But the source before bootmgr was a file.
   addPCAT();
   makeFile("volume/Windows/Boot/PCAT/BCD", {'p'});
   addFonts();
@@ -340,7 +339,7 @@ TEST_F(LegacyBootTest, FlagFollowsASourceWhoseDestinationIsThereAsWell) {
   EXPECT_EQ(content("boot/BCD"), "p");
 }
 
-TEST_F(LegacyBootTest, FileInTheFirstFoldersPlaceMakesAMissingOneFail) {
+TEST_F(LegacyBootTest, FileInPlaceOfTheFirstFolderMakesAMissingOneFail) {
   makeFolder("volume/Windows/Boot");
   makeFile("volume/Windows/Boot/PCAT", {'f'});
   machine.failCopy(sourceOf(2), "gone");
@@ -349,7 +348,7 @@ TEST_F(LegacyBootTest, FileInTheFirstFoldersPlaceMakesAMissingOneFail) {
   EXPECT_EQ(content("boot"), "f");
 }
 
-TEST_F(LegacyBootTest, FirstSourceMissingIsTriedBecauseNoFolderWasSeenYet) {
+TEST_F(LegacyBootTest, MissingFirstSourceIsCopiedBecauseNoFolderPrecedesIt) {
   addFonts();
   machine.failCopy(sourceOf(1), "gone");
   EXPECT_EQ(setUp(), -1);
@@ -359,7 +358,7 @@ TEST_F(LegacyBootTest, FirstSourceMissingIsTriedBecauseNoFolderWasSeenYet) {
 
 // ------------------------------------------------------------------------------------------------------- failed copies
 
-TEST_F(LegacyBootTest, FailedCopyEndsItAtOnceAndASecondRunCopiesTheRest) {
+TEST_F(LegacyBootTest, FailedCopyStopsAtOnceAndASecondRunCopiesTheRest) {
   for (int row = 1; row <= 4; ++row) {
     machine.removeItem(volume);
     addAll();
@@ -389,9 +388,9 @@ TEST_F(LegacyBootTest, FailedCopyEndsItAtOnceAndASecondRunCopiesTheRest) {
 
 // ---------------------------------------------------------------------------------------------------- without a volume
 
-TEST_F(LegacyBootTest, NoVolumeIsLoggedAndNothingIsDone) {
+TEST_F(LegacyBootTest, AbsentVolumeIsLoggedAndNothingIsDone) {
   EXPECT_EQ(QDSUtilities::setupMBRBootFilesForDevice(std::nullopt, bcd), 0);
-  // What stands for a path that is not there is the formatter's affair.
+  // The formatter decides how an absent path looks.
   EXPECT_THAT(log(), MatchesRegex("The volume must mounted and writable\nSetting up legacy booting to [^\n]*\n"));
   EXPECT_THAT(machine.journal(), IsEmpty());
 }

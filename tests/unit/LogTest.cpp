@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// logLine(), the way messages are formatted, and what may stand in the log file's place.
+// logLine(), the formatting of messages, and log paths that are not regular files.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -22,19 +22,19 @@ using LogTest = FlatTest;
 
 constexpr const char* kDefaultLog = "/tmp/quandrel.log";
 
-// What logLine() says on standard error.
+// Returns what logLine() prints on standard error.
 std::string errorsOfLogging(const char* message) {
   OutputCapture errors(STDERR_FILENO);
   logLine(message);
   return errors.text();
 }
 
-TEST_F(LogTest, MessageIsWrittenExactlyAsItStands) {
+TEST_F(LogTest, MessageIsWrittenUnchanged) {
   EXPECT_EQ(logLine("one %s %n 100% \t\xC3\xBC"), 0);
   EXPECT_EQ(log(), "one %s %n 100% \t\xC3\xBC");
 }
 
-TEST_F(LogTest, MessagesWithoutLineFeedRunOn) {
+TEST_F(LogTest, MessagesWithoutLineFeedAreJoined) {
   logLine("first");
   logLine("second\n");
   logLine("third");
@@ -46,7 +46,7 @@ TEST_F(LogTest, EmptyMessageWritesNothing) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(LogTest, NullIsAnEmptyMessage) {
+TEST_F(LogTest, NullCountsAsAnEmptyMessage) {
   logLine("before");
   EXPECT_EQ(logLine(nullptr), 0);
   LogCapture capture;
@@ -55,7 +55,7 @@ TEST_F(LogTest, NullIsAnEmptyMessage) {
   EXPECT_EQ(log(), "before");
 }
 
-TEST_F(LogTest, WhatTheFileHeldBeforeIsKept) {
+TEST_F(LogTest, EarlierContentIsKept) {
   makeFile("log", {'o', 'l', 'd'});
   logLine("new");
   EXPECT_EQ(log(), "oldnew");
@@ -71,7 +71,7 @@ TEST_F(LogTest, AtMost1024BytesAreWritten) {
   }
 }
 
-TEST_F(LogTest, FormattedMessageIsCutAt1023Characters) {
+TEST_F(LogTest, FormattedMessageIsTruncatedTo1023Characters) {
   logMessage("%s", std::string(1023, 'a').c_str());
   EXPECT_EQ(log(), std::string(1023, 'a'));
   forgetLog();
@@ -79,15 +79,15 @@ TEST_F(LogTest, FormattedMessageIsCutAt1023Characters) {
   EXPECT_EQ(log(), std::string(1023, 'a'));
 }
 
-TEST_F(LogTest, LongMessageOfALibraryFunctionIsCutAt1023Characters) {
+TEST_F(LogTest, LongMessageOfALibraryFunctionIsTruncatedTo1023Characters) {
   const std::string volume = "/dev/" + std::string(1500, 'v');
-  // A wrong argument ends the call after the message that names the volume; "NTFS Partition: " has 16 characters.
+  // An invalid argument ends the call after the message that names the volume. "NTFS Partition: " has 16 characters.
   EXPECT_EQ(update_mbr_and_partition("disk0", nullptr, 0, 7, volume.c_str(), 0, 0), -1);
   EXPECT_EQ(log(), "Updating MBR and PartitionNTFS Partition: " + volume.substr(0, 1023 - 16) +
                        "Can't change parition ID: no partition number specified.");
 }
 
-TEST_F(LogTest, FileIsOpenedAnewOnEveryCall) {
+TEST_F(LogTest, FileIsReopenedOnEveryCall) {
   logLine("before");
   std::filesystem::rename(logPath(), folder / "rotated");
   logLine("after");
@@ -101,7 +101,7 @@ TEST_F(LogTest, FileIsCreatedWithTheProcessesDefaultPermissions) {
   umask(before);
   struct stat status = {};
   ASSERT_EQ(stat(logPath().c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0640U);  // 0666 less 027
+  EXPECT_EQ(status.st_mode & 07777, 0640U);  // 0666 without 027
 }
 
 TEST_F(LogTest, NothingIsPrintedWhateverTheVerboseFlag) {
@@ -138,21 +138,21 @@ TEST_F(LogTest, ThreadsAppendWholeMessages) {
   EXPECT_EQ(seen, std::vector<int>(kThreads, kMessages));
 }
 
-// ------------------------------------------------------------------------------------------- files that are no log
+// --------------------------------------------------------------------------------------------- files that are not logs
 
-TEST_F(LogTest, FileThatCannotBeOpenedCostsTheMessageAndIsToldOnStandardError) {
+TEST_F(LogTest, UnopenableFileLosesTheMessageAndIsReportedOnStandardError) {
   machine.setLogFile(folder / "no-such-folder/log");
   EXPECT_EQ(errorsOfLogging("lost"), "error opening log file");
   EXPECT_FALSE(std::filesystem::exists(folder / "no-such-folder"));
   EXPECT_EQ(logLine("lost too"), 0);
 }
 
-TEST_F(LogTest, FolderInItsPlaceIsRefused) {
+TEST_F(LogTest, FolderAsTheLogIsRefused) {
   std::filesystem::create_directory(logPath());
   EXPECT_EQ(errorsOfLogging("lost"), "error opening log file");
 }
 
-TEST_F(LogTest, SymbolicLinkInItsPlaceIsNotFollowed) {
+TEST_F(LogTest, SymbolicLinkAsTheLogIsNotFollowed) {
   const std::string target = makeFile("target", {'k', 'e', 'e', 'p'});
   std::filesystem::create_symlink(target, logPath());
   EXPECT_EQ(errorsOfLogging("lost"), "error opening log file");
@@ -160,13 +160,13 @@ TEST_F(LogTest, SymbolicLinkInItsPlaceIsNotFollowed) {
   EXPECT_TRUE(std::filesystem::is_symlink(logPath()));
 }
 
-TEST_F(LogTest, DanglingSymbolicLinkInItsPlaceCreatesNothing) {
+TEST_F(LogTest, DanglingSymbolicLinkAsTheLogCreatesNothing) {
   std::filesystem::create_symlink(folder / "target", logPath());
   EXPECT_EQ(errorsOfLogging("lost"), "error opening log file");
   EXPECT_FALSE(std::filesystem::exists(folder / "target"));
 }
 
-TEST_F(LogTest, HardLinkToAnotherFileInItsPlaceGetsNothing) {
+TEST_F(LogTest, HardLinkToAnotherFileAsTheLogIsNotWritten) {
   const std::string target = makeFile("target", {'k', 'e', 'e', 'p'});
   std::filesystem::create_hard_link(target, logPath());
   EXPECT_EQ(errorsOfLogging("lost"), "error opening log file");
@@ -177,12 +177,12 @@ TEST_F(LogTest, HardLinkToAnotherFileInItsPlaceGetsNothing) {
   EXPECT_EQ(log(), "keeptold");
 }
 
-TEST_F(LogTest, FIFOWithoutReaderInItsPlaceDoesNotBlock) {
+TEST_F(LogTest, FIFOWithoutReaderAsTheLogDoesNotBlock) {
   ASSERT_EQ(mkfifo(logPath().c_str(), 0600), 0);
   EXPECT_EQ(errorsOfLogging("lost"), "error opening log file");
 }
 
-TEST_F(LogTest, FIFOWithReaderInItsPlaceGetsNothing) {
+TEST_F(LogTest, FIFOWithReaderAsTheLogIsNotWritten) {
   ASSERT_EQ(mkfifo(logPath().c_str(), 0600), 0);
   const int reader = open(logPath().c_str(), O_RDONLY | O_NONBLOCK);
   ASSERT_GE(reader, 0);
@@ -192,18 +192,18 @@ TEST_F(LogTest, FIFOWithReaderInItsPlaceGetsNothing) {
   close(reader);
 }
 
-TEST_F(LogTest, LogThatCannotBeOpenedDoesNotFailTheCaller) {
+TEST_F(LogTest, UnopenableLogDoesNotMakeTheCallerFail) {
   machine.setLogFile(folder / "no-such-folder/log");
   machine.addDisk("disk0", 1024, 512);
   OutputCapture errors(STDERR_FILENO);
   const uint64_t size = getblocksize("disk0");
-  EXPECT_EQ(errors.text(), "error opening log fileerror opening log file");  // for each of two messages
+  EXPECT_EQ(errors.text(), "error opening log fileerror opening log file");  // once per message
   EXPECT_EQ(size, 512U);
 }
 
 // ------------------------------------------------------------------------------------------------ the default file
 
-TEST_F(LogTest, DefaultFileGetsTheMessageAppended) {
+TEST_F(LogTest, MessagesAreAppendedToTheDefaultFile) {
   const ScopedPlatform native(nativePlatform());
   EXPECT_EQ(logFilePath(), kDefaultLog);
   std::error_code absent;
@@ -212,7 +212,7 @@ TEST_F(LogTest, DefaultFileGetsTheMessageAppended) {
   OutputCapture errors(STDERR_FILENO);
   logLine(message.c_str());
   EXPECT_EQ(errors.text(), "");
-  // Other processes may log meanwhile, so the message is looked for in all that came after.
+  // Other processes may log at the same time, so search everything after the old content.
   const std::string content = contentOf(kDefaultLog);
   const size_t from = absent ? 0 : static_cast<size_t>(sizeBefore);
   ASSERT_GE(content.size(), from + message.size());
@@ -221,7 +221,7 @@ TEST_F(LogTest, DefaultFileGetsTheMessageAppended) {
 
 // ------------------------------------------------------------------------------------------------------- captures
 
-TEST_F(LogTest, CaptureCollectsWhatIsLoggedDuringItsLifeAndTheFileGetsItToo) {
+TEST_F(LogTest, CaptureCollectsMessagesWhichAlsoGoToTheFile) {
   logLine("before ");
   {
     LogCapture capture;
@@ -244,7 +244,7 @@ TEST_F(LogTest, InnermostCaptureCollects) {
   EXPECT_EQ(outer.text(), "ac");
 }
 
-TEST_F(LogTest, CaptureLeavesOtherThreadsOut) {
+TEST_F(LogTest, CaptureIgnoresOtherThreads) {
   LogCapture capture;
   std::thread([] { logLine("elsewhere"); }).join();
   EXPECT_EQ(capture.text(), "");

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// media_type(): what an ancestor in the registry says of the medium.
+// media_type(): the type of medium that an ancestor in the registry reports.
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -35,7 +35,7 @@ struct MediumText {
   }
 };
 
-TEST_F(MediaTypeTest, AncestorTellsIt) {
+TEST_F(MediaTypeTest, AncestorGivesTheType) {
   const auto device = addService("device", medium("Solid State"));
   const auto driver = addService("driver", {}, device);
   addService("media", named("disk0"), driver);
@@ -49,7 +49,7 @@ TEST_F(MediaTypeTest, AncestorTellsIt) {
   EXPECT_EQ(machine.heldRegistryEntries(), 0U);
 }
 
-TEST_F(MediaTypeTest, FartherAncestorOverwritesANearerOne) {
+TEST_F(MediaTypeTest, FartherAncestorOverridesANearerOne) {
   const auto far = addService("far", medium("Rotational"));
   const auto between = addService("between", {}, far);
   const auto near = addService("near", medium("Solid State"), between);
@@ -59,7 +59,7 @@ TEST_F(MediaTypeTest, FartherAncestorOverwritesANearerOne) {
   EXPECT_STREQ(text.bytes.data(), "Rotational");
 }
 
-TEST_F(MediaTypeTest, NineLevelsAreClimbedAndNoMore) {
+TEST_F(MediaTypeTest, NineLevelsAreSearchedAndNoMore) {
   for (const int levels : {1, 8, 9, 10, 11}) {
     const std::string name = "disk" + std::to_string(levels);
     RegistryEntryID above = addService("device", medium("Solid State"));
@@ -71,8 +71,8 @@ TEST_F(MediaTypeTest, NineLevelsAreClimbedAndNoMore) {
   }
 }
 
-TEST_F(MediaTypeTest, EachServiceIsClimbedForItself) {
-  // The first service has nothing within its nine levels, which leaves the second one all of its own.
+TEST_F(MediaTypeTest, EachServiceIsSearchedSeparately) {
+  // The first service finds nothing within its nine levels. The second one starts with nine levels again.
   RegistryEntryID above = root();
   for (int level = 0; level < 12; ++level) above = addService("level", {}, above);
   addService("bare", named("disk0"), above);
@@ -84,7 +84,7 @@ TEST_F(MediaTypeTest, EachServiceIsClimbedForItself) {
   EXPECT_STREQ(text.bytes.data(), "Solid State");
 }
 
-TEST_F(MediaTypeTest, ClimbThatEndsEarlyLetsTheNextServiceFollow) {
+TEST_F(MediaTypeTest, SearchThatEndsEarlyContinuesWithTheNextService) {
   const auto orphan = addService("orphan", named("disk0"));
   machine.failRegistry(RegistryCall::parent, 5, orphan);
   const auto device = addService("device", medium("Rotational"));
@@ -94,7 +94,7 @@ TEST_F(MediaTypeTest, ClimbThatEndsEarlyLetsTheNextServiceFollow) {
   EXPECT_STREQ(text.bytes.data(), "Rotational");
 }
 
-TEST_F(MediaTypeTest, ClimbThatFailsBelowTheDeviceFindsNothing) {
+TEST_F(MediaTypeTest, SearchThatFailsBelowTheDeviceFindsNothing) {
   const auto device = addService("device", medium("Rotational"));
   const auto driver = addService("driver", {}, device);
   addService("media", named("disk0"), driver);
@@ -105,7 +105,7 @@ TEST_F(MediaTypeTest, ClimbThatFailsBelowTheDeviceFindsNothing) {
   EXPECT_EQ(machine.heldRegistryEntries(), 0U);
 }
 
-TEST_F(MediaTypeTest, NameThatMatchesNothingLeavesTheBuffer) {
+TEST_F(MediaTypeTest, NameThatMatchesNothingLeavesTheBufferUntouched) {
   addService("media", named("disk0"), addService("device", medium("Solid State")));
   MediumText text;
   EXPECT_EQ(media_type("disk1", text.bytes.data()), -1);
@@ -113,7 +113,7 @@ TEST_F(MediaTypeTest, NameThatMatchesNothingLeavesTheBuffer) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(MediaTypeTest, CharacteristicsWithoutAMediumTypeAreNone) {
+TEST_F(MediaTypeTest, CharacteristicsWithoutAMediumTypeAreIgnored) {
   const auto device = addService(
       "device",
       dictionaryOf({{"Device Characteristics",
@@ -128,7 +128,7 @@ TEST_F(MediaTypeTest, CharacteristicsWithoutAMediumTypeAreNone) {
   }
 }
 
-TEST_F(MediaTypeTest, FailedSearchIsMinusOne) {
+TEST_F(MediaTypeTest, FailedSearchReturnsMinusOne) {
   addService("media", named("disk0"), addService("device", medium("Solid State")));
   machine.failRegistry(RegistryCall::matchingServices, 5);
   MediumText text;
@@ -136,7 +136,7 @@ TEST_F(MediaTypeTest, FailedSearchIsMinusOne) {
   EXPECT_TRUE(text.untouchedFrom(0));
 }
 
-TEST_F(MediaTypeTest, MissingMasterPortAndIteratorAreLoggedInHexadecimalAndDoNotStopIt) {
+TEST_F(MediaTypeTest, MissingMasterPortAndIteratorAreLoggedInHexadecimalAndIgnored) {
   addService("media", named("disk0"), addService("device", medium("Solid State")));
   machine.failRegistry(RegistryCall::masterPort, 26);
   machine.failRegistry(RegistryCall::createIterator, static_cast<KernReturn>(0xE00002C7));
@@ -146,7 +146,7 @@ TEST_F(MediaTypeTest, MissingMasterPortAndIteratorAreLoggedInHexadecimalAndDoNot
   EXPECT_EQ(log(), "IOMasterPort() failed: 1a\nIORegistryCreateIterator() failed: e00002c7\n");
 }
 
-TEST_F(MediaTypeTest, LongTextStaysInsideTheBuffer) {
+TEST_F(MediaTypeTest, LongTextStaysWithinTheBuffer) {
   addService("media", named("disk0"), addService("device", medium(std::string(5000, 'm').c_str())));
   MediumText text;
   static_cast<void>(media_type("disk0", text.bytes.data()));

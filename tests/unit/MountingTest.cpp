@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Mounting, unmounting and mount points, driven by the calling thread's run loop; the small text and file helpers.
+// Mounting, unmounting and mount points, which use the calling thread's run loop, and small helpers for text and files.
 #include <Vorlix/platform/RunLoop.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
@@ -35,7 +35,7 @@ class MountingTest : public DiskTest {
     addVolume("disk2s1", "/Volumes/EFI");
   }
 
-  /// The journal but for looking at descriptions.
+  /// The journal without the lines for descriptions.
   Lines calls() const {
     Lines lines = machine.journal();
     lines.erase(std::remove_if(lines.begin(), lines.end(),
@@ -56,7 +56,7 @@ std::string textOf(const char* text) {
 
 // -------------------------------------------------------------------------------------------------------- mount point
 
-TEST_F(MountingTest, MountPointIsThatOfTheMountedVolume) {
+TEST_F(MountingTest, MountPointOfAMountedVolume) {
   addVolume("disk2s3", "/Volumes/Windows", true);
   EXPECT_EQ(textOf(mounted_path("disk2s3")), "/Volumes/Windows");
   EXPECT_THAT(calls(), ElementsAre("session open", "session close"));
@@ -64,12 +64,12 @@ TEST_F(MountingTest, MountPointIsThatOfTheMountedVolume) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(MountingTest, NoMountPointWithoutName) {
+TEST_F(MountingTest, NoMountPointWithoutAName) {
   EXPECT_EQ(mounted_path(nullptr), nullptr);
   EXPECT_THAT(machine.journal(), IsEmpty());
 }
 
-TEST_F(MountingTest, NoMountPointOfUnknownOrUnmountedOrUndescribedDisks) {
+TEST_F(MountingTest, NoMountPointOfUnknownUnmountedOrUndescribedDisks) {
   EXPECT_EQ(mounted_path("disk9"), nullptr);
   EXPECT_EQ(mounted_path(""), nullptr);
   EXPECT_EQ(mounted_path("disk2s1"), nullptr);
@@ -80,13 +80,13 @@ TEST_F(MountingTest, NoMountPointOfUnknownOrUnmountedOrUndescribedDisks) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(MountingTest, NoMountPointWithoutSession) {
+TEST_F(MountingTest, NoMountPointWithoutASession) {
   addVolume("disk2s3", "/Volumes/Windows", true);
   machine.refuseSessions();
   EXPECT_EQ(mounted_path("disk2s3"), nullptr);
 }
 
-TEST_F(MountingTest, MountPointStaysValidWhateverAnotherThreadAsks) {
+TEST_F(MountingTest, MountPointStaysValidWhenAnotherThreadAsks) {
   addVolume("disk2s1", "/Volumes/EFI", true);
   addVolume("disk2s3", "/Volumes/Windows", true);
   const char* path = mounted_path("disk2s1");
@@ -114,7 +114,7 @@ TEST_F(MountingTest, MountWithFlagIsHiddenAndReadWrite) {
   }
 }
 
-TEST_F(MountingTest, LoopIsRunUntilTheMountIsDone) {
+TEST_F(MountingTest, LoopRunsUntilTheMountCompletes) {
   machine.delayCompletions(5);
   EXPECT_EQ(mount_disk("disk2s1", 0), 0);
   EXPECT_TRUE(machine.isMounted("disk2s1"));
@@ -123,7 +123,7 @@ TEST_F(MountingTest, LoopIsRunUntilTheMountIsDone) {
                                    kUnschedule, "session close"));
 }
 
-TEST_F(MountingTest, EveryMountWaitsForItself) {
+TEST_F(MountingTest, EveryMountWaitsForItsOwnCompletion) {
   EXPECT_EQ(mount_disk("disk2s1", 0), 0);
   addVolume("disk2s3", "/Volumes/Windows");
   machine.delayCompletions(3);
@@ -133,7 +133,7 @@ TEST_F(MountingTest, EveryMountWaitsForItself) {
   EXPECT_TRUE(machine.isMounted("disk2s3"));
 }
 
-TEST_F(MountingTest, RefusedMountDoesNotShowInTheResult) {
+TEST_F(MountingTest, RefusedMountIsNotReported) {
   for (const int32_t status : {kDissentBusy, 0, 16}) {
     machine.refuseMount("disk2s1", status, "no");
     machine.clearJournal();
@@ -152,7 +152,7 @@ TEST_F(MountingTest, MountOfAnUnknownNameRunsNothing) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(MountingTest, MountWithoutSessionRunsNothing) {
+TEST_F(MountingTest, MountWithoutASessionRunsNothing) {
   machine.refuseSessions();
   EXPECT_EQ(mount_disk("disk2s1", 0), 0);
   EXPECT_FALSE(machine.isMounted("disk2s1"));
@@ -160,7 +160,7 @@ TEST_F(MountingTest, MountWithoutSessionRunsNothing) {
   EXPECT_EQ(runs(), 0);
 }
 
-TEST_F(MountingTest, LongNameIsMountedWhole) {
+TEST_F(MountingTest, LongNameIsNotTruncatedForMounting) {
   const std::string longName(1500, 'd');
   machine.addDisk(longName, 1000 * 512, 512);
   addVolume(longName, "/Volumes/Long");
@@ -168,7 +168,7 @@ TEST_F(MountingTest, LongNameIsMountedWhole) {
   EXPECT_TRUE(machine.isMounted(longName));
 }
 
-TEST_F(MountingTest, NullIsANameThatNothingHas) {
+TEST_F(MountingTest, NullMatchesNoDisk) {
   EXPECT_EQ(mount_disk(nullptr, 1), 0);
   EXPECT_EQ(mount_efi(nullptr), nullptr);
   EXPECT_EQ(unmount_disk(nullptr), -1);
@@ -178,7 +178,7 @@ TEST_F(MountingTest, NullIsANameThatNothingHas) {
 
 // ------------------------------------------------------------------------------------------------- the EFI partition
 
-TEST_F(MountingTest, EFIPartitionIsSliceOneMountedBrowsable) {
+TEST_F(MountingTest, EFIPartitionIsSliceOneAndVisible) {
   EXPECT_EQ(textOf(mount_efi("disk2")), "/Volumes/EFI");
   EXPECT_THAT(mountsAndUnmounts(), ElementsAre("mount disk2s1"));
   EXPECT_THAT(calls(), ElementsAre("session open", kSchedule, "mount disk2s1", kRun, kUnschedule, "session close",
@@ -186,25 +186,25 @@ TEST_F(MountingTest, EFIPartitionIsSliceOneMountedBrowsable) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(MountingTest, EFIPartitionIsFoundFromAPrefixedName) {
+TEST_F(MountingTest, EFIPartitionIsFoundByAPrefixedName) {
   EXPECT_EQ(textOf(mount_efi("/dev/disk2")), "/Volumes/EFI");
   EXPECT_THAT(mountsAndUnmounts(), ElementsAre("mount disk2s1"));
 }
 
-TEST_F(MountingTest, EFIPartitionThatIsMountedAlreadyHasItsMountPoint) {
+TEST_F(MountingTest, EFIPartitionThatIsAlreadyMountedHasAMountPoint) {
   addVolume("disk2s1", "/Volumes/EFI", true);
   EXPECT_EQ(textOf(mount_efi("disk2")), "/Volumes/EFI");
   EXPECT_TRUE(machine.isMounted("disk2s1"));
 }
 
-TEST_F(MountingTest, EFIPartitionThatDoesNotMountHasNoMountPoint) {
+TEST_F(MountingTest, EFIPartitionThatCannotBeMountedHasNoMountPoint) {
   EXPECT_EQ(mount_efi("disk9"), nullptr);
   machine.refuseMount("disk2s1", kDissentUnsupported);
   EXPECT_EQ(mount_efi("disk2"), nullptr);
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(MountingTest, EFIPartitionOfALongNameIsMountedWhole) {
+TEST_F(MountingTest, LongNameOfAnEFIPartitionIsNotTruncated) {
   const std::string longName(300, 'd');
   machine.addDisk(longName, 1000 * 512, 512);
   machine.addSlice(longName, 1, 40, 100);
@@ -212,12 +212,12 @@ TEST_F(MountingTest, EFIPartitionOfALongNameIsMountedWhole) {
   EXPECT_EQ(textOf(mount_efi(longName.c_str())), "/Volumes/Long");
 }
 
-TEST_F(MountingTest, EFIPartitionIsUnmountedAfterASecond) {
+TEST_F(MountingTest, EFIPartitionIsUnmountedAfterOneSecond) {
   addVolume("disk2s1", "/Volumes/EFI", true);
   std::vector<std::chrono::milliseconds> pauses;
   machine.duringPauses([&](std::chrono::milliseconds time) {
     pauses.push_back(time);
-    EXPECT_THAT(calls(), IsEmpty()) << "the pause comes first";
+    EXPECT_THAT(calls(), IsEmpty()) << "the pause must come first";
   });
   EXPECT_EQ(unmount_efi("/dev/disk2"), 0);
   EXPECT_THAT(pauses, ElementsAre(std::chrono::seconds(1)));
@@ -226,7 +226,7 @@ TEST_F(MountingTest, EFIPartitionIsUnmountedAfterASecond) {
   EXPECT_THAT(calls(), ElementsAre("session open", kSchedule, "unmount disk2s1", kRun, kUnschedule, "session close"));
 }
 
-TEST_F(MountingTest, FailedUnmountOfTheEFIPartitionDoesNotShow) {
+TEST_F(MountingTest, FailedUnmountOfTheEFIPartitionIsNotReported) {
   addVolume("disk2s1", "/Volumes/EFI", true);
   machine.refuseUnmount("disk2s1", kDissentBusy);
   EXPECT_EQ(unmount_efi("disk2"), 0);
@@ -237,7 +237,7 @@ TEST_F(MountingTest, FailedUnmountOfTheEFIPartitionDoesNotShow) {
 
 // ---------------------------------------------------------------------------------------------------------- unmounting
 
-TEST_F(MountingTest, UnmountOfAMountedVolumeIsZero) {
+TEST_F(MountingTest, UnmountOfAMountedVolumeReturnsZero) {
   addVolume("disk2s1", "/Volumes/EFI", true);
   EXPECT_EQ(unmount_disk("disk2s1"), 0);
   EXPECT_FALSE(machine.isMounted("disk2s1"));
@@ -245,7 +245,7 @@ TEST_F(MountingTest, UnmountOfAMountedVolumeIsZero) {
   EXPECT_EQ(log(), "Unmounting disk disk2s1\n");
 }
 
-TEST_F(MountingTest, LoopIsRunUntilTheUnmountIsDone) {
+TEST_F(MountingTest, LoopRunsUntilTheUnmountCompletes) {
   addVolume("disk2s1", "/Volumes/EFI", true);
   machine.delayCompletions(4);
   EXPECT_EQ(unmount_disk("/dev/disk2s1"), 0);
@@ -286,13 +286,13 @@ TEST_F(MountingTest, UnmountOfAVolumeThatIsNotMountedIsRefused) {
   EXPECT_EQ(unmount_disk("disk2s1"), -3);
 }
 
-TEST_F(MountingTest, UnmountOfAnUnknownNameStaysPending) {
+TEST_F(MountingTest, UnmountOfAnUnknownNameReturnsMinusOne) {
   EXPECT_EQ(unmount_disk("disk9s1"), -1);
   EXPECT_THAT(calls(), ElementsAre("session open", kUnschedule, "session close"));
   EXPECT_EQ(log(), "Unmounting disk disk9s1\n");
 }
 
-TEST_F(MountingTest, UnmountWithoutSessionStaysPending) {
+TEST_F(MountingTest, UnmountWithoutASessionReturnsMinusOne) {
   addVolume("disk2s1", "/Volumes/EFI", true);
   machine.refuseSessions();
   EXPECT_EQ(unmount_disk("disk2s1"), -1);
@@ -301,7 +301,7 @@ TEST_F(MountingTest, UnmountWithoutSessionStaysPending) {
   EXPECT_EQ(log(), "Unmounting disk disk2s1\n");
 }
 
-TEST_F(MountingTest, NamesAroundTheOldBufferSizeAreUnmountedWhole) {
+TEST_F(MountingTest, LongNamesAreNotTruncatedForUnmounting) {
   for (const size_t length : {1023U, 1024U, 1025U, 1500U}) {
     const std::string name(length, 'd');
     machine.addDisk(name, 1000 * 512, 512);
@@ -313,7 +313,7 @@ TEST_F(MountingTest, NamesAroundTheOldBufferSizeAreUnmountedWhole) {
 
 // ---------------------------------------------------------------------------------------------- a loop without sources
 
-TEST_F(MountingTest, LoopWithoutSourcesIsNotRunForEver) {
+TEST_F(MountingTest, LoopWithoutSourcesIsNotRunForever) {
   const auto loop = std::make_shared<EmptyLoop>();
   const ScopedPlatform scope(withLostSession(machine.platform(), loop));
   EXPECT_NO_THROW(EXPECT_EQ(mount_disk("disk2s1", 0), 0));
@@ -323,7 +323,7 @@ TEST_F(MountingTest, LoopWithoutSourcesIsNotRunForEver) {
 
 // ------------------------------------------------------------------------------------------------------- small helpers
 
-TEST(RemoveAllCharsTest, EveryOccurrenceGoesAndTheOrderStays) {
+TEST(RemoveAllCharsTest, EveryOccurrenceIsRemovedAndTheOrderIsKept) {
   const struct {
     const char* before;
     char character;
@@ -352,7 +352,7 @@ TEST_F(FileExistTest, FilesAndFoldersExist) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(FileExistTest, MissingThingsDoNot) {
+TEST_F(FileExistTest, MissingItemsDoNotExist) {
   makeFile("file", {1});
   std::filesystem::create_symlink(folder / "none", folder / "dangling");
   for (const char* name : {"none", "none/none", "file/none", "dangling", "FILE"}) {

@@ -26,7 +26,7 @@ class NotificationCenterTest : public testing::Test {
   std::shared_ptr<Thing> other = std::make_shared<Thing>();
 };
 
-TEST_F(NotificationCenterTest, ObserversAreCalledInTheOrderOfTheirAdding) {
+TEST_F(NotificationCenterTest, ObserversAreCalledInTheOrderInWhichTheyWereAdded) {
   centre.addObserver("Changed", nullptr, note("a"));
   centre.addObserver("Changed", nullptr, note("b"));
   centre.addObserver("Changed", nullptr, note("c"));
@@ -49,20 +49,20 @@ TEST_F(NotificationCenterTest, PostingReturnsAfterTheObserversOnTheSameThread) {
   EXPECT_EQ(thread, std::this_thread::get_id());
 }
 
-TEST_F(NotificationCenterTest, AnotherNameIsNotHeard) {
+TEST_F(NotificationCenterTest, NotificationsOfAnotherNameAreNotDelivered) {
   centre.addObserver("Changed", nullptr, note("a"));
   centre.post({"Gone", one});
   EXPECT_TRUE(seen.empty());
 }
 
-TEST_F(NotificationCenterTest, AnAbsentNameHearsAll) {
+TEST_F(NotificationCenterTest, AnAbsentNameObservesAllNotifications) {
   centre.addObserver(std::nullopt, nullptr, note("a"));
   centre.post({"Changed", one});
   centre.post({"Gone", nullptr});
   EXPECT_EQ(seen, (std::vector<std::string>{"a:Changed", "a:Gone"}));
 }
 
-TEST_F(NotificationCenterTest, AnObserverOfOneObjectDoesNotHearOfAnother) {
+TEST_F(NotificationCenterTest, AnObserverOfOneObjectIgnoresAnother) {
   centre.addObserver("Changed", one.get(), note("a"));
   centre.post({"Changed", other});
   centre.post({"Changed", nullptr});
@@ -80,7 +80,7 @@ TEST_F(NotificationCenterTest, ARemovedObserverIsNotCalled) {
   EXPECT_EQ(seen, (std::vector<std::string>{"b:Changed"}));
 }
 
-TEST_F(NotificationCenterTest, AnObserverRemovedWhilePostingIsNotCalledAnyMore) {
+TEST_F(NotificationCenterTest, AnObserverRemovedDuringPostingIsNotCalled) {
   NotificationCenter::Token second = 0;
   centre.addObserver("Changed", nullptr, [&](const Notification&) { centre.removeObserver(second); });
   second = centre.addObserver("Changed", nullptr, note("b"));
@@ -93,7 +93,7 @@ TEST_F(NotificationCenterTest, AnObserverMayRemoveItself) {
   const auto kept = std::make_shared<int>(7);
   own = centre.addObserver("Changed", nullptr, [this, &own, kept](const Notification&) {
     centre.removeObserver(own);
-    seen.push_back(std::to_string(*kept));  // still there after its removal
+    seen.push_back(std::to_string(*kept));  // still valid after the removal
   });
   centre.post({"Changed", one});
   centre.post({"Changed", one});
@@ -101,7 +101,7 @@ TEST_F(NotificationCenterTest, AnObserverMayRemoveItself) {
   EXPECT_EQ(kept.use_count(), 1);
 }
 
-TEST_F(NotificationCenterTest, AnObserverAddedWhilePostingWaitsForTheNext) {
+TEST_F(NotificationCenterTest, AnObserverAddedDuringPostingIsCalledFromTheNextPostOn) {
   centre.addObserver("Changed", nullptr,
                      [&](const Notification&) { centre.addObserver("Changed", nullptr, note("b")); });
   centre.post({"Changed", one});
@@ -117,7 +117,7 @@ TEST_F(NotificationCenterTest, AnObserverMayPost) {
   EXPECT_EQ(seen, (std::vector<std::string>{"b:Gone"}));
 }
 
-TEST_F(NotificationCenterTest, WhatAnObserverThrowsPassesThrough) {
+TEST_F(NotificationCenterTest, AnObserversExceptionPropagates) {
   centre.addObserver("Changed", nullptr, [](const Notification&) { throw std::runtime_error("no"); });
   centre.addObserver("Changed", nullptr, note("b"));
   EXPECT_THROW(centre.post({"Changed", one}), std::runtime_error);
@@ -129,7 +129,7 @@ TEST_F(NotificationCenterTest, TheObjectIsNotKeptAlive) {
   EXPECT_EQ(one.use_count(), 1);
 }
 
-TEST_F(NotificationCenterTest, TheDefaultCentreIsOne) {
+TEST_F(NotificationCenterTest, ThereIsOneDefaultCentre) {
   EXPECT_EQ(&NotificationCenter::defaultCenter(), &NotificationCenter::defaultCenter());
 }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The flat functions with null for every name and text, and with a platform that throws: what they answer and log, and
-// that nothing is written or left open.
+// The flat functions with null for every name and string, and with a platform that throws. The tests check results and
+// log messages, and that nothing is written or left open.
 #include <Vorlix/QDSDiskRegistry.h>
 #include <Vorlix/platform/DiskArbitration.h>
 #include <Vorlix/platform/RunLoop.h>
@@ -33,7 +33,7 @@ struct Function {
   std::function<int64_t()> withNull;
   int64_t answer;
   const char* log;
-  std::function<int64_t()> withNames;  ///< not set for what asks no port and allocates nothing
+  std::function<int64_t()> withNames;  ///< empty for a function that uses no port and allocates nothing
   int64_t answerToException = -1;
 };
 
@@ -135,7 +135,7 @@ std::vector<Function> functions() {
   };
 }
 
-// Each port in a way of its own.
+// These ports throw exceptions of several types.
 class ThrowingDevices : public DeviceFile {
  public:
   std::unique_ptr<DeviceHandle> open(const std::string& path, DeviceAccess, DeviceLock) override {
@@ -174,7 +174,7 @@ class FlatFunctionTest : public DiskTest, public testing::WithParamInterface<Fun
   }
 };
 
-TEST_P(FlatFunctionTest, NullIsANameThatNothingHas) {
+TEST_P(FlatFunctionTest, NullMatchesNoDevice) {
   const int descriptors = openDescriptors();
   {
     OutputCapture output(STDOUT_FILENO);
@@ -187,15 +187,15 @@ TEST_P(FlatFunctionTest, NullIsANameThatNothingHas) {
   EXPECT_EQ(openDescriptors(), descriptors);
 }
 
-TEST_P(FlatFunctionTest, NoDeviceOfTheRealMachineHasNullForAName) {
+TEST_P(FlatFunctionTest, NullMatchesNoDeviceOfTheRealMachine) {
   const ScopedPlatform native(nativePortsWithLog());
   OutputCapture output(STDOUT_FILENO);
   EXPECT_EQ(GetParam().withNull(), GetParam().answer);
   EXPECT_THAT(log(), testing::StartsWith(GetParam().log));  // a real registry refuses a plane without a name
 }
 
-TEST_P(FlatFunctionTest, ExceptionOfThePlatformIsLoggedAndGoesNoFurther) {
-  if (!GetParam().withNames) return;  // asks no platform
+TEST_P(FlatFunctionTest, ExceptionOfThePlatformIsLoggedAndDoesNotPropagate) {
+  if (!GetParam().withNames) return;  // uses no platform
   Platform throwing = machine.platform();
   throwing.deviceFile = std::make_shared<ThrowingDevices>();
   throwing.diskArbitration = std::make_shared<ThrowingArbitration>();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Shapes of the records, exported data, and the two computations that stand by themselves.
+// Layouts of the records, exported data, and the two standalone computations.
 #include <Vorlix/Vorlix_vers.h>
 #include <gmock/gmock.h>
 
@@ -108,12 +108,12 @@ TEST(ExportedData, LookupsStopAfterNineRows) {
   EXPECT_EQ(number_of_partition_maps, 9);
 }
 
-TEST(ExportedData, VerboseFlagIsZeroAtTheStart) {
+TEST(ExportedData, VerboseFlagIsZeroInitially) {
   EXPECT_EQ(verbose_flag, 0);
   EXPECT_EQ(sizeof verbose_flag, 4U);
 }
 
-TEST(ExportedData, ToolPathBuffersHaveTheirSizesAreZeroAndCanBeFilled) {
+TEST(ExportedData, ToolPathBuffersHaveTheirSizesAndCanBeFilled) {
   struct Buffer {
     const char* name;
     char* bytes;
@@ -133,7 +133,7 @@ TEST(ExportedData, ToolPathBuffersHaveTheirSizesAreZeroAndCanBeFilled) {
     EXPECT_EQ(buffer.size, buffer.expected) << buffer.name;
     EXPECT_THAT(std::vector<char>(buffer.bytes, buffer.bytes + buffer.size), Each('\0')) << buffer.name;
   }
-  // Filled one after the other: none reaches into a neighbour.
+  // Fill all buffers, then check that none overlaps another.
   for (const Buffer& buffer : buffers) std::memset(buffer.bytes, buffer.name[4], buffer.size);
   for (const Buffer& buffer : buffers) {
     EXPECT_THAT(std::vector<char>(buffer.bytes, buffer.bytes + buffer.size), Each(buffer.name[4])) << buffer.name;
@@ -165,7 +165,7 @@ constexpr uint32_t minus(uint32_t value) {
   return 0 - value;
 }
 
-// 255 heads of 63 sectors: 16065 sectors a cylinder; sectors count from 1.
+// The geometry has 255 heads of 63 sectors, so a cylinder has 16065 sectors. Sectors count from 1.
 INSTANTIATE_TEST_SUITE_P(Worked, CalculateCHS,
                          testing::Values(CHSCase{0, 0, 0, 1}, CHSCase{1, 0, 0, 2}, CHSCase{40, 0, 0, 41},
                                          CHSCase{62, 0, 0, 63}, CHSCase{63, 0, 1, 1},
@@ -175,7 +175,7 @@ INSTANTIATE_TEST_SUITE_P(Worked, CalculateCHS,
                                          CHSCase{409639, 25, 127, 14},  // 25 * 16065 + 8014, 8014 = 127 * 63 + 13
                                          CHSCase{409640, 25, 127, 15},  //
                                          CHSCase{16450559, 1023, 254, 63}));
-// From 1024 * 16065 on the cylinder stays at 1023 while head and sector go on.
+// From LBA 1024 * 16065 on, the cylinder stays 1023 and head and sector continue.
 INSTANTIATE_TEST_SUITE_P(Clamped, CalculateCHS,
                          testing::Values(CHSCase{16450560, 1023, 0, 1}, CHSCase{16450561, 1023, 0, 2},
                                          CHSCase{16450560 + 63, 1023, 1, 1}, CHSCase{16466624, 1023, 254, 63},
@@ -203,13 +203,13 @@ TEST(ConvertToGUID, PrintsMixedEndianBytesAsUpperCaseGroups) {
   EXPECT_EQ(std::string(text + 37, 3), "###");  // 36 characters and a NUL
 }
 
-TEST(ConvertToGUID, OfTheEFISystemType) {
+TEST(ConvertToGUID, FormatsTheEFISystemType) {
   char text[37];
   EXPECT_EQ(ConvertToGUID(kEFISystemType.data(), text), 36);
   EXPECT_STREQ(text, "C12A7328-F81F-11D2-BA4B-00A0C93EC93B");
 }
 
-TEST(ConvertToGUID, OfZeroBytesIsTheUnusedType) {
+TEST(ConvertToGUID, FormatsZeroBytesAsTheUnusedType) {
   char text[37];
   EXPECT_EQ(ConvertToGUID(kUnusedType.data(), text), 36);
   EXPECT_STREQ(text, "00000000-0000-0000-0000-000000000000");

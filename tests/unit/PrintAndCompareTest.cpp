@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Tables as they are printed, logged and compared, and the guard MBR told from the hybrid one.
+// Printing, logging and comparing tables, and telling a guard MBR from a hybrid one.
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -57,11 +57,11 @@ TEST_F(PrintGPT, PrintsUsedEntriesWithTheLastLBAUnderSize) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(PrintGPT, PrintsTheHeadingAloneWhenNothingIsUsed) {
+TEST_F(PrintGPT, PrintsOnlyTheHeadingIfNoEntryIsUsed) {
   EXPECT_EQ(printed(unusedEntries(128)), heading);
 }
 
-TEST_F(PrintGPT, LooksAtExactly128Entries) {
+TEST_F(PrintGPT, PrintsExactly128Entries) {
   std::vector<GPTEntry> entries = unusedEntries(130);
   setEntry(entries[127], kDataText, 1, 2);
   setEntry(entries[128], kEFIText, 3, 4);
@@ -115,7 +115,7 @@ TEST_F(PrintMBR, MarksEveryFlagWithItsTopBit) {
                        "* 4: 00    0   0   0 -    0   0   0 [         0 -          0]\n");
 }
 
-TEST_F(PrintMBR, ShowsLBAAndSizeAsSignedAndTracksAsUnsigned) {
+TEST_F(PrintMBR, PrintsLBAAndSizeAsSignedAndTracksAsUnsigned) {
   PartitionTable table = {};
   table.parts[0] = {0xFF, 255, 255, 65535, 0xFF, 255, 255, 62934, 0x80000000, 0xFFFFFFFF};
   print_bios_partition_table(&table);
@@ -143,7 +143,7 @@ class Compare : public FlatTest {
   MBRPartitionEntry disk[4];
 };
 
-TEST_F(Compare, EqualTablesAreZeroAndAllFourSlotsAreLookedAt) {
+TEST_F(Compare, EqualTablesReturnZeroAfterAllFourSlots) {
   EXPECT_EQ(compare(), 0);
   EXPECT_EQ(log(),
             "Comparing partition tables. line:228"
@@ -151,7 +151,7 @@ TEST_F(Compare, EqualTablesAreZeroAndAllFourSlotsAreLookedAt) {
             "Comparing partition index 2Comparing partition index 3");
 }
 
-TEST_F(Compare, DifferenceInSlotThreeEndsTheComparisonThere) {
+TEST_F(Compare, DifferenceInSlotThreeEndsTheComparison) {
   disk[2].type = 0xAF;
   EXPECT_EQ(compare(), -1);
   EXPECT_EQ(log(),
@@ -285,7 +285,7 @@ TEST_F(HasGuardMBR, DeviceThatCannotBeReadCountsAsGuard) {
   EXPECT_THAT(machine.writes(), IsEmpty());
 }
 
-TEST_F(HasGuardMBR, LongPathWorksWhole) {
+TEST_F(HasGuardMBR, LongPathIsUsedInFull) {
   const std::string name = "/dev/disk" + std::string(60, '7');
   machine.addDisk(name.substr(5), 1024, 512);
   machine.setBytes(name, 462 + 4, {0x07});

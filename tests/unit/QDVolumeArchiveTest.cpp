@@ -20,7 +20,7 @@ std::shared_ptr<QDVolume> roundTrip(const std::shared_ptr<QDVolume>& volume) {
   return volumeIn(KeyedArchiver::archivedDataWithRootObject(volume));
 }
 
-// The members of "$objects" after "$null".
+// Returns the elements of "$objects" after "$null".
 std::string objectsOf(const std::shared_ptr<QDVolume>& volume) {
   const std::string xml = xmlOf(KeyedArchiver::archivedDataWithRootObject(volume));
   const std::string start = "<array><string>$null</string>";
@@ -28,12 +28,12 @@ std::string objectsOf(const std::shared_ptr<QDVolume>& volume) {
   return xml.substr(from, xml.rfind("</array>") - from);
 }
 
-// A record with these entries; the objects that they refer to start at 3.
+// Builds an archive of a record with these entries. The objects that they refer to start at 3.
 Data archiveWith(const std::string& entries, const std::string& objects = "") {
   return archiveOf("<dict>" + entries + entry("$class", uid(2)) + "</dict>" + classNamed("QDVolume") + objects);
 }
 
-TEST(QDVolumeArchiveTest, ANewRecordHasEveryEntryInTheirOrder) {
+TEST(QDVolumeArchiveTest, ANewRecordHasAllEntriesInOrder) {
   EXPECT_EQ(objectsOf(QDVolume::init()),
             "<dict>" + entry("mbr", uid(2)) + entry("partitionID", uid(0)) + entry("filePath", uid(0)) +
                 entry("device", uid(0)) + entry("drivePath", uid(0)) + entry("info", uid(0)) +
@@ -69,7 +69,7 @@ TEST(QDVolumeArchiveTest, ThePasswordIsWrittenAsUTF8InBase64) {
       << objectsOf(volume);
 }
 
-TEST(QDVolumeArchiveTest, ABufferAndTextsThatGrowAreArchivedAsGrowable) {
+TEST(QDVolumeArchiveTest, BufferPartitionIDAndInfoAreArchivedAsMutable) {
   const std::string objects = objectsOf(volume_test::filled());
   EXPECT_NE(objects.find(entry("NS.data", "<data>Vao=</data>")), std::string::npos);
   EXPECT_NE(objects.find(entry("NS.string", "<string>partitionID</string>")), std::string::npos);
@@ -83,7 +83,7 @@ TEST(QDVolumeArchiveTest, ACopysBufferAndPartitionIDAreArchivedAsImmutable) {
   EXPECT_NE(objects.find(entry("NS.string", "<string>info</string>")), std::string::npos);
 }
 
-TEST(QDVolumeArchiveTest, WhatWasArchivedComesBackAndNothingElse) {
+TEST(QDVolumeArchiveTest, ArchivedFieldsSurviveAndNoOthers) {
   const auto volume = volume_test::filled();
   const auto back = roundTrip(volume);
   ASSERT_NE(back, nullptr);
@@ -108,7 +108,7 @@ TEST(QDVolumeArchiveTest, WhatWasArchivedComesBackAndNothingElse) {
   EXPECT_EQ(back->wrapperArray(), nullptr);
 }
 
-TEST(QDVolumeArchiveTest, EachFlagComesBackAlone) {
+TEST(QDVolumeArchiveTest, EachFlagSurvivesAlone) {
   for (const char* name : {"isBootable", "isRemovable", "isVM"}) {
     const auto volume = QDVolume::init();
     for (const auto& field : volume_test::flags()) (*volume.*field.set)(std::string(field.name) == name);
@@ -118,7 +118,7 @@ TEST(QDVolumeArchiveTest, EachFlagComesBackAlone) {
   }
 }
 
-TEST(QDVolumeArchiveTest, EveryCombinationOfAbsentFieldsComesBack) {
+TEST(QDVolumeArchiveTest, EveryCombinationOfAbsentFieldsSurvives) {
   const auto full = volume_test::filled();
   std::vector<volume_test::Field<volume_test::Text>> texts;
   for (const auto& field : volume_test::texts()) {
@@ -156,7 +156,7 @@ TEST(QDVolumeArchiveTest, EveryCombinationOfAbsentFieldsComesBack) {
   }
 }
 
-TEST(QDVolumeArchiveTest, DecodedBuffersAndTextsGrow) {
+TEST(QDVolumeArchiveTest, DecodedBuffersAndTextsAreMutable) {
   const auto back = roundTrip(volume_test::filled()->copyWithZone());
   back->appendMBRData({1});
   back->appendpartitionIDData("+");
@@ -209,7 +209,7 @@ TEST(QDVolumeArchiveTest, ThePasswordsEntryIsNotRead) {
   EXPECT_FALSE(volumeIn(archiveWith(entry("vmPassword", uid(3)), "<string>c2VjcmV0</string>"))->vmPassword());
 }
 
-// A class below that starts with a password, which is then the key that is looked up.
+// A subclass whose password is set before decoding. That password is the key under which the entry is looked up.
 struct Remembering : QDVolume {
   static std::shared_ptr<Remembering> initWithCoder(KeyedUnarchiver& coder) {
     auto volume = std::make_shared<Remembering>();
@@ -226,7 +226,7 @@ TEST(QDVolumeArchiveTest, ThePasswordIsLookedUpUnderTheRecordsOwnPassword) {
   EXPECT_EQ(password(entry("vmPassword", uid(3)), "<string>c2VjcmV0</string>"), "secret");
   EXPECT_EQ(password("", ""), "vmPassword");
   EXPECT_EQ(password(entry("vmPassword", uid(3)), "<string>not base64</string>"), std::nullopt);
-  EXPECT_EQ(password(entry("vmPassword", uid(3)), "<string>/w==</string>"), std::nullopt);  // FF is no UTF-8
+  EXPECT_EQ(password(entry("vmPassword", uid(3)), "<string>/w==</string>"), std::nullopt);  // FF is invalid UTF-8
 }
 
 TEST(QDVolumeArchiveTest, EntriesOfAnotherClassAreAbsent) {
@@ -244,7 +244,7 @@ TEST(QDVolumeArchiveTest, EntriesOfAnotherClassAreAbsent) {
   EXPECT_FALSE(back->mediaContentUUID());
 }
 
-TEST(QDVolumeArchiveTest, ARecordOfAnotherClassIsNone) {
+TEST(QDVolumeArchiveTest, ARecordOfAnotherClassIsNotDecoded) {
   EXPECT_EQ(volumeIn(archiveOf("<dict>" + entry("$class", uid(2)) + "</dict>" + classNamed("QDDiskInfo"))), nullptr);
 }
 

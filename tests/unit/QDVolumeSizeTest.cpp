@@ -25,7 +25,7 @@ using testing::ElementsAre;
 using vorlix::Notification;
 using vorlix::NotificationCenter;
 
-TEST(PathExtensionTest, IsWhatFollowsTheLastDotOfTheLastComponent) {
+TEST(PathExtensionTest, FollowsTheLastDotOfTheLastComponent) {
   EXPECT_EQ(vorlix::pathExtension("/images/win.gz"), "gz");
   EXPECT_EQ(vorlix::pathExtension("win.tar.gz"), "gz");
   EXPECT_EQ(vorlix::pathExtension("win..gz"), "gz");
@@ -67,7 +67,7 @@ class QDVolumeSizeTest : public testing::Test {
     return (folder / name).string();
   }
 
-  // Packs by the system's own program.
+  // Compresses with the system's own program.
   std::string addPacked(const std::string& name, size_t size) const {
     const std::string plain = addFile(name, std::string(size, 'x'));
     EXPECT_EQ(std::system(("gzip -n '" + plain + "'").c_str()), 0);
@@ -80,11 +80,11 @@ class QDVolumeSizeTest : public testing::Test {
     return volume;
   }
 
-  // Runs the loop until no runner is left.
+  // Runs the loop until all runners have ended.
   static void waitFor(const std::shared_ptr<QDVolume>& volume) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!volume->wrapperArray()->empty()) {
-      ASSERT_LT(std::chrono::steady_clock::now(), end) << "the measurement does not end";
+      ASSERT_LT(std::chrono::steady_clock::now(), end) << "the measurement did not end";
       vorlix::platform().runLoops->current()->run(vorlix::kDefaultRunLoopMode, std::chrono::milliseconds(100));
     }
   }
@@ -112,16 +112,16 @@ class QDVolumeSizeTest : public testing::Test {
   std::vector<std::thread::id> threads;
 };
 
-// What "wc -c" prints, without the blanks that some systems put before it.
+// Removes the spaces that some systems' "wc -c" prints before the number.
 std::string trimmed(const std::string& text) {
   return text.substr(text.find_first_not_of(' '));
 }
 
-TEST_F(QDVolumeSizeTest, TheNotificationsNameIsWhatHostsListenTo) {
+TEST_F(QDVolumeSizeTest, TheNotificationHasTheNameThatHostsObserve) {
   EXPECT_STREQ(vorlix::kDisksChangedNotification, "QDSDisksChanged");
 }
 
-// The sizes that are posted when the shell prints such pieces.
+// The posted sizes if the shell prints these pieces.
 class QDVolumeSizePiecesTest : public QDVolumeSizeTest {
  protected:
   std::vector<std::string> postedFor(const std::vector<std::string>& pieces) {
@@ -140,18 +140,18 @@ class QDVolumeSizePiecesTest : public QDVolumeSizeTest {
   std::shared_ptr<QDVolume> volume;
 };
 
-TEST_F(QDVolumeSizePiecesTest, EachPieceReplacesTheOneBeforeAndIsPosted) {
+TEST_F(QDVolumeSizePiecesTest, EachPieceReplacesThePreviousOneAndIsPosted) {
   EXPECT_THAT(postedFor({"12", "34\n"}), ElementsAre("-1", "12", "34\n"));
   EXPECT_EQ(log(), "12\n34\n\n");
 }
 
-TEST_F(QDVolumeSizePiecesTest, APieceThatIsNoTextLeavesNoSizeAndIsPosted) {
+TEST_F(QDVolumeSizePiecesTest, APieceThatIsNotUTF8GivesNoSizeAndIsPosted) {
   EXPECT_THAT(postedFor({"12", "\xFF"}), ElementsAre("-1", "12", "absent"));
   EXPECT_EQ(volume->totalSize(), std::nullopt);
   EXPECT_EQ(log(), "12\n(null)\n");
 }
 
-TEST_F(QDVolumeSizeTest, TheCommandLinesHaveTwoBlanksBeforeTheQuotedPath) {
+TEST_F(QDVolumeSizeTest, TheCommandLinesHaveTwoSpacesBeforeTheQuotedPath) {
   bundle->addResource("unzip", "", "/Applications/Host.app/Contents/Resources/unzip");
   EXPECT_EQ(vorlix::measuringCommand("gz", "/a b/win.gz"), "/usr/bin/gunzip -d -c  \"/a b/win.gz\" | /usr/bin/wc -c");
   EXPECT_EQ(vorlix::measuringCommand("zip", "/a b/win.zip"),
@@ -162,7 +162,7 @@ TEST_F(QDVolumeSizeTest, ThePathInTheCommandLineIsNotEscaped) {
   EXPECT_EQ(vorlix::measuringCommand("gz", "a\"$b.gz"), "/usr/bin/gunzip -d -c  \"a\"$b.gz\" | /usr/bin/wc -c");
 }
 
-TEST_F(QDVolumeSizeTest, AMissingUnzipIsThePlaceholderForAnAbsentObject) {
+TEST_F(QDVolumeSizeTest, AMissingUnzipIsPrintedAsNull) {
   EXPECT_EQ(vorlix::measuringCommand("zip", "win.zip"), "\"(null)\" -p  \"win.zip\" | /usr/bin/wc -c");
 }
 
@@ -207,14 +207,14 @@ TEST_F(QDVolumeSizeTest, TheSizeIsMinusOneWhileItIsMeasuredAndEachChangeIsPosted
   for (const auto& thread : threads) EXPECT_EQ(thread, std::this_thread::get_id());
 }
 
-TEST_F(QDVolumeSizeTest, TheOutputIsLoggedWithALineFeed) {
+TEST_F(QDVolumeSizeTest, TheOutputIsLoggedWithAnAddedLineFeed) {
   const auto volume = volumeAt(addPacked("win", 10));
   volume->updateSize();
   waitFor(volume);
   EXPECT_EQ(log(), *volume->totalSize() + "\n");
 }
 
-TEST_F(QDVolumeSizeTest, AMissingFileMeasuresNothingAndItsComplaintIsLogged) {
+TEST_F(QDVolumeSizeTest, AMissingFileMeasuresZeroAndTheErrorIsLogged) {
   const auto volume = volumeAt((folder / "missing.gz").string());
   volume->updateSize();
   waitFor(volume);
@@ -222,7 +222,7 @@ TEST_F(QDVolumeSizeTest, AMissingFileMeasuresNothingAndItsComplaintIsLogged) {
   EXPECT_NE(log().find("missing.gz"), std::string::npos) << log();
 }
 
-TEST_F(QDVolumeSizeTest, AMissingUnzipMeasuresNothingAndIsLogged) {
+TEST_F(QDVolumeSizeTest, AMissingUnzipMeasuresZeroAndIsLogged) {
   const auto volume = volumeAt(addFile("win.zip", "anything"));
   volume->updateSize();
   waitFor(volume);
@@ -230,7 +230,7 @@ TEST_F(QDVolumeSizeTest, AMissingUnzipMeasuresNothingAndIsLogged) {
   EXPECT_NE(log().find("(null)"), std::string::npos) << log();
 }
 
-TEST_F(QDVolumeSizeTest, TheHostsUnzipIsAskedToPrintTheFile) {
+TEST_F(QDVolumeSizeTest, TheHostsUnzipIsRunToPrintTheFile) {
   const std::string unzip = addFile("unzip", "#!/bin/sh\nprintf '%s,' \"$@\" >\"$0.arguments\"\nprintf 12345\n");
   fs::permissions(unzip, fs::perms::owner_all);
   bundle->addResource("unzip", "", unzip);
@@ -243,7 +243,7 @@ TEST_F(QDVolumeSizeTest, TheHostsUnzipIsAskedToPrintTheFile) {
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(arguments), {}), "-p," + path + ",");
 }
 
-TEST_F(QDVolumeSizeTest, TheRunnerIsListedUntilItsEnd) {
+TEST_F(QDVolumeSizeTest, TheRunnerIsListedUntilItEnds) {
   const auto volume = volumeAt(addPacked("win", 10));
   const auto runners = std::make_shared<std::vector<std::shared_ptr<QDTaskWrapperWithBlocks>>>();
   volume->setWrapperArray(runners);
@@ -254,7 +254,7 @@ TEST_F(QDVolumeSizeTest, TheRunnerIsListedUntilItsEnd) {
   EXPECT_TRUE(runners->empty());
 }
 
-TEST_F(QDVolumeSizeTest, AnotherMeasurementStartsWhileOneRuns) {
+TEST_F(QDVolumeSizeTest, ASecondMeasurementMayStartWhileOneRuns) {
   const auto volume = volumeAt(addPacked("win", 10));
   volume->updateSize();
   volume->updateSize();

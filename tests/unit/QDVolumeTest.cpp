@@ -15,7 +15,7 @@ using vorlix::Number;
 using vorlix::UUID;
 using Bytes = std::vector<uint8_t>;
 
-// Whether every text, number, identifier and list is absent; `mbr` is left to the caller.
+// Expects that every string, number, identifier and list is absent. Callers check `mbr`.
 void expectObjectsAbsent(const QDVolume& volume) {
   for (const auto& field : volume_test::texts()) EXPECT_FALSE((volume.*field.get)()) << field.name;
   for (const auto& field : volume_test::numbers()) EXPECT_FALSE((volume.*field.get)()) << field.name;
@@ -26,7 +26,7 @@ void expectObjectsAbsent(const QDVolume& volume) {
   EXPECT_EQ(volume.wrapperArray(), nullptr);
 }
 
-TEST(QDVolumeTest, InitHasAnEmptyBufferAndNothingElse) {
+TEST(QDVolumeTest, InitCreatesAnEmptyBufferAndNothingElse) {
   const auto volume = QDVolume::init();
   ASSERT_NE(volume->mbr(), nullptr);
   EXPECT_TRUE(volume->mbr()->empty());
@@ -45,7 +45,7 @@ TEST(QDVolumeTest, SupportsSecureCoding) {
   EXPECT_TRUE(QDVolume::supportsSecureCoding());
 }
 
-TEST(QDVolumeTest, EveryFieldIsSetAloneAndCanBeMadeAbsent) {
+TEST(QDVolumeTest, EveryFieldIsSetAloneAndCanBeReset) {
   const auto volume = QDVolume::init();
   for (const auto& field : volume_test::texts()) {
     (*volume.*field.set)(std::string(field.name));
@@ -77,7 +77,7 @@ TEST(QDVolumeTest, EveryFieldIsSetAloneAndCanBeMadeAbsent) {
   EXPECT_EQ(volume->mbr(), nullptr);
 }
 
-TEST(QDVolumeTest, BuffersTextsAndListsThatGrowAreShared) {
+TEST(QDVolumeTest, MutableBuffersTextsAndListsAreShared) {
   const auto volume = QDVolume::init();
   const auto bytes = std::make_shared<Bytes>(Bytes{1});
   const auto identifier = std::make_shared<std::string>("a");
@@ -93,7 +93,7 @@ TEST(QDVolumeTest, BuffersTextsAndListsThatGrowAreShared) {
   EXPECT_EQ(volume->wrapperArray(), runners);
 }
 
-TEST(QDVolumeTest, AppendingGrowsTheBufferThatWasSet) {
+TEST(QDVolumeTest, AppendingExtendsTheBufferThatWasSet) {
   const auto volume = QDVolume::init();
   const auto bytes = std::make_shared<Bytes>(Bytes{1});
   volume->setMbr(bytes);
@@ -116,7 +116,7 @@ TEST(QDVolumeTest, AppendingToAnAbsentBufferDoesNothing) {
   EXPECT_EQ(volume->mbr(), nullptr);
 }
 
-TEST(QDVolumeTest, AppendingMakesAnAbsentPartitionID) {
+TEST(QDVolumeTest, AppendingCreatesAnAbsentPartitionID) {
   const auto volume = QDVolume::init();
   volume->appendpartitionIDData("ab");
   const auto made = volume->partitionID();
@@ -125,7 +125,7 @@ TEST(QDVolumeTest, AppendingMakesAnAbsentPartitionID) {
   EXPECT_EQ(*made, "abc");
 }
 
-TEST(QDVolumeTest, AppendingMakesAnAbsentInfo) {
+TEST(QDVolumeTest, AppendingCreatesAnAbsentInfo) {
   const auto volume = QDVolume::init();
   volume->appendInfo("");
   const auto made = volume->info();
@@ -135,7 +135,7 @@ TEST(QDVolumeTest, AppendingMakesAnAbsentInfo) {
   EXPECT_EQ(*made, "note");
 }
 
-TEST(QDVolumeTest, ACopyHasTheFieldsThatCopyingKeeps) {
+TEST(QDVolumeTest, ACopyHasOnlyTheFieldsThatCopyingKeeps) {
   const auto volume = volume_test::filled();
   const auto copy = volume->copyWithZone();
   ASSERT_NE(copy, volume);
@@ -158,7 +158,7 @@ TEST(QDVolumeTest, ACopyHasTheFieldsThatCopyingKeeps) {
   EXPECT_EQ(*copy->partitionID(), *volume->partitionID());
 }
 
-TEST(QDVolumeTest, ACopyOfANewRecordIsLikeIt) {
+TEST(QDVolumeTest, ACopyOfANewRecordIsEqualToIt) {
   const auto copy = QDVolume::init()->copyWithZone();
   ASSERT_NE(copy->mbr(), nullptr);
   EXPECT_TRUE(copy->mbr()->empty());
@@ -193,7 +193,7 @@ TEST(QDVolumeTest, AppendingToACopysBufferOrPartitionIDChangesNeitherRecord) {
   EXPECT_EQ(*volume->partitionID(), "a");
 }
 
-TEST(QDVolumeTest, AppendingToTheSourceLeavesItsCopyAlone) {
+TEST(QDVolumeTest, AppendingToTheSourceLeavesItsCopyUnchanged) {
   const auto volume = QDVolume::init();
   volume->appendMBRData({1});
   volume->appendpartitionIDData("a");
@@ -204,21 +204,21 @@ TEST(QDVolumeTest, AppendingToTheSourceLeavesItsCopyAlone) {
   EXPECT_EQ(*copy->partitionID(), "a");
 }
 
-TEST(QDVolumeTest, ACopyWithoutPartitionIDMakesItWhenAppending) {
+TEST(QDVolumeTest, AppendingToACopyCreatesAnAbsentPartitionID) {
   const auto copy = QDVolume::init()->copyWithZone();
   copy->appendpartitionIDData("a");
   copy->appendpartitionIDData("b");
   EXPECT_EQ(*copy->partitionID(), "ab");
 }
 
-TEST(QDVolumeTest, ABufferThatIsSetOnACopyGrows) {
+TEST(QDVolumeTest, ABufferThatIsSetOnACopyCanGrow) {
   const auto copy = QDVolume::init()->copyWithZone();
   copy->setMbr(std::make_shared<Bytes>());
   copy->appendMBRData({1});
   EXPECT_EQ(*copy->mbr(), Bytes{1});
 }
 
-TEST(QDVolumeTest, ACopyIsOfTheSourcesClass) {
+TEST(QDVolumeTest, ACopyHasTheSourcesClass) {
   struct Special : QDVolume {
     std::shared_ptr<QDVolume> newRecord() const override { return std::make_shared<Special>(); }
   };
@@ -229,11 +229,11 @@ TEST(QDVolumeTest, ACopyIsOfTheSourcesClass) {
   EXPECT_EQ(copy->diskName(), "WIN");
 }
 
-TEST(QDVolumeTest, ANewRecordsDumpIsTheBufferAndTheFileSystemSize) {
+TEST(QDVolumeTest, ANewRecordsDumpHasTheBufferAndTheFileSystemSize) {
   EXPECT_EQ(QDVolume::init()->description(), "     MBR: <>\n     File System Size:0\n");
 }
 
-TEST(QDVolumeTest, ADumpWithoutABufferIsTheFileSystemSize) {
+TEST(QDVolumeTest, ADumpWithoutABufferHasTheFileSystemSize) {
   const auto volume = QDVolume::init();
   volume->setMbr(nullptr);
   volume->setFilesystemSize(-9223372036854775807 - 1);
@@ -259,7 +259,7 @@ TEST(QDVolumeTest, AFullDumpHasItsLinesInOrder) {
   volume->setFileSystemType("ntfs");
   volume->setFreeSpace("1000");
   volume->setTotalSize("1500000000");
-  // None of these has a line.
+  // These fields have no line.
   volume->setVmUsername("user");
   volume->setVmPassword("secret");
   volume->setVolumeType("disk");
@@ -281,7 +281,7 @@ TEST(QDVolumeTest, AFullDumpHasItsLinesInOrder) {
             "     Total Size: 1500000000\n");
 }
 
-TEST(QDVolumeTest, EmptyTextIsPresentInTheDump) {
+TEST(QDVolumeTest, EmptyTextHasALineInTheDump) {
   const auto volume = QDVolume::init();
   volume->setMbr(nullptr);
   volume->setFilePath("");
@@ -299,8 +299,8 @@ TEST(QDVolumeTest, TheLabelOfAbsentFieldsHasPlaceholders) {
   EXPECT_EQ(QDVolume::init()->diskLabelWithSize(), "(null) ((null) bytes)");
 }
 
-// Readers must see one of the two values whole while writers replace them. ThreadSanitizer sees the rest.
-TEST(QDVolumeAtomicityTest, AGetterGivesAWholeValueWhileAnotherThreadReplacesIt) {
+// Readers must see one of the two values complete while writers replace them. ThreadSanitizer detects further races.
+TEST(QDVolumeAtomicityTest, AGetterReturnsACompleteValueWhileAnotherThreadReplacesIt) {
   const auto volume = volume_test::filled();
   const std::string values[] = {std::string(100, 'a'), std::string(3000, 'b')};
   const AttributedString styled[] = {AttributedString(values[0]), AttributedString(values[1])};
@@ -339,7 +339,7 @@ TEST(QDVolumeAtomicityTest, AGetterGivesAWholeValueWhileAnotherThreadReplacesIt)
       ++passes;
     }
   };
-  write(0);  // so that readers never see the values from before
+  write(0);  // so that readers never see the initial values
   std::vector<std::thread> readers;
   for (int i = 0; i < 2; ++i) readers.emplace_back(read);
   while (passes == 0) std::this_thread::yield();

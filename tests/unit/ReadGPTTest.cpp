@@ -18,10 +18,10 @@ using testing::ElementsAre;
 constexpr uint8_t kFiller = 0xA5;
 constexpr const char* kReadingGPT = "Reading GPT. line:327Setting signature to aa55";
 
-// What a call makes of a record full of old bytes.
+// The result of a call on records that were filled with old bytes.
 struct Result {
   PartitionTable table;
-  std::vector<GPTEntry> entries;  // one more than asked for, to see that it stays as it was
+  std::vector<GPTEntry> entries;  // one more than requested, which must stay unchanged
   long position = 0;
 };
 
@@ -42,13 +42,13 @@ class ReadGPT : public FlatTest {
     return result;
   }
 
-  // The slot that mirrors a single entry.
+  // Returns the slot that mirrors a single entry.
   std::vector<uint32_t> slotOf(const GUIDBytes& type, uint64_t first, uint64_t last, uint32_t active = 0) {
     return fields(read(entryBytes(type, first, last), 1, active).table.parts[0]);
   }
 };
 
-bool isOld(const void* bytes, size_t count) {
+bool isUnchanged(const void* bytes, size_t count) {
   const auto* const from = static_cast<const uint8_t*>(bytes);
   return std::all_of(from, from + count, [](uint8_t byte) { return byte == kFiller; });
 }
@@ -77,7 +77,7 @@ TEST_F(ReadGPT, TakesEveryFieldOfAnEntry) {
   EXPECT_EQ(log(), kReadingGPT);
 }
 
-TEST_F(ReadGPT, ReadsAsManyEntriesAsTheHeaderSaysAndOnlyFourReachTheMBR) {
+TEST_F(ReadGPT, ReadsTheHeadersNumberOfEntriesAndPutsOnlyFourIntoTheMBR) {
   for (const uint32_t count : {1U, 4U, 5U, 128U, 129U, 16384U}) {
     ByteVector bytes;
     for (uint32_t i = 0; i < count; ++i) put(bytes, bytes.size(), entryBytes(kAPFSType, 1000 + i, 2000 + i));
@@ -89,50 +89,50 @@ TEST_F(ReadGPT, ReadsAsManyEntriesAsTheHeaderSaysAndOnlyFourReachTheMBR) {
       ASSERT_THAT(result.entries[i].name, Each('n'));
       ASSERT_STREQ(result.entries[i].guid_text, "7C3457EF-0000-11AA-AA11-00306543ECAC");
     }
-    EXPECT_TRUE(isOld(&result.entries[count], sizeof(GPTEntry))) << count;
+    EXPECT_TRUE(isUnchanged(&result.entries[count], sizeof(GPTEntry))) << count;
     EXPECT_EQ(result.position, 128L * count);
     for (uint32_t i = 0; i < 4; ++i) {
-      // A slot without an entry is not looked at.
+      // A slot without an entry stays unchanged.
       EXPECT_EQ(result.table.parts[i].lba, i < count ? 1000 + i : kOldSlot.back()) << count;
       EXPECT_EQ(fields(result.table.parts[i]) == kOldSlot, i >= count) << count;
     }
   }
 }
 
-TEST_F(ReadGPT, HeaderWithoutEntriesSetsTheSignatureOnly) {
+TEST_F(ReadGPT, HeaderWithoutEntriesSetsOnlyTheSignature) {
   const Result result = read(fourEntries(), 0);
   EXPECT_EQ(result.table.signature, 0xAA55);
   for (const MBRPartitionEntry& slot : result.table.parts) EXPECT_EQ(fields(slot), kOldSlot);
-  EXPECT_TRUE(isOld(result.entries.data(), sizeof(GPTEntry)));
+  EXPECT_TRUE(isUnchanged(result.entries.data(), sizeof(GPTEntry)));
   EXPECT_EQ(log(), kReadingGPT);
 }
 
-TEST_F(ReadGPT, LeavesBootCodeAndLeadingWordAlone) {
+TEST_F(ReadGPT, LeavesBootCodeAndLeadingWordUnchanged) {
   const Result result = read(fourEntries(), 4);
   EXPECT_THAT(result.table.boot_code, Each(kFiller));
   EXPECT_EQ(static_cast<uint32_t>(result.table.reserved), 0xA5A5A5A5);
   EXPECT_EQ(result.table.signature, 0xAA55);
 }
 
-TEST_F(ReadGPT, UnusedEntryIsSkippedButForItsGUIDs) {
+TEST_F(ReadGPT, OnlyTheGUIDsOfAnUnusedEntryAreSet) {
   const Result result = read(joined({unusedEntryBytes(), entryBytes(kHFSType, 409640, 1606499)}), 2);
   const GPTEntry& unused = result.entries[0];
   EXPECT_THAT(unused.type_guid, Each(0));
   EXPECT_THAT(unused.unique_guid, Each(0));
   EXPECT_STREQ(unused.guid_text, "00000000-0000-0000-0000-000000000000");
-  EXPECT_TRUE(isOld(&unused.first_lba, 8 + 8 + 8 + 72));  // first and last LBA, attributes, name
-  EXPECT_EQ(result.entries[1].first_lba, 409640U);        // the next entry is found in its place
+  EXPECT_TRUE(isUnchanged(&unused.first_lba, 8 + 8 + 8 + 72));  // first and last LBA, attributes, name
+  EXPECT_EQ(result.entries[1].first_lba, 409640U);              // the next entry is at its own offset
   EXPECT_EQ(result.position, 256);
 }
 
 TEST_F(ReadGPT, UnusedEntryPastTheFourthIsSkippedToo) {
   const Result result = read(joined({fourEntries(), unusedEntryBytes(), entryBytes(kHFSType, 7, 8)}), 6);
   EXPECT_THAT(result.entries[4].unique_guid, Each(0));
-  EXPECT_TRUE(isOld(&result.entries[4].first_lba, 8 + 8 + 8 + 72));
+  EXPECT_TRUE(isUnchanged(&result.entries[4].first_lba, 8 + 8 + 8 + 72));
   EXPECT_EQ(result.entries[5].first_lba, 7U);
 }
 
-TEST_F(ReadGPT, ShortStreamLeavesTheFieldsItDoesNotReachAsTheyWere) {
+TEST_F(ReadGPT, ShortStreamLeavesTheRemainingFieldsUnchanged) {
   const ByteVector whole = entryBytes(kBasicDataType, 1606500, 2008124);
   constexpr size_t kEnds[] = {16, 32, 40, 48, 56, 128};  // type, own GUID, first, last, attributes, name
   for (size_t length = 0; length <= 128; ++length) {
@@ -141,8 +141,8 @@ TEST_F(ReadGPT, ShortStreamLeavesTheFieldsItDoesNotReachAsTheyWere) {
     for (const size_t end : kEnds) taken = end <= length ? end : taken;
     const auto* const entry = reinterpret_cast<const uint8_t*>(&result.entries[0]);
     ASSERT_TRUE(std::equal(entry, entry + taken, whole.begin())) << length;
-    ASSERT_TRUE(isOld(entry + taken, 128 - taken)) << length;
-    // The text follows from the type that the record has now.
+    ASSERT_TRUE(isUnchanged(entry + taken, 128 - taken)) << length;
+    // The text is made from the type that the record then has.
     ASSERT_STREQ(result.entries[0].guid_text,
                  length < 16 ? "A5A5A5A5-A5A5-A5A5-A5A5-A5A5A5A5A5A5" : "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7");
   }
@@ -176,7 +176,7 @@ TEST_F(ReadGPT, SlotsMirrorTheFirstFourEntriesByPosition) {
   EXPECT_THAT(fields(result.table.parts[3]), ElementsAre(0x00, 0, 1, 125, 0xFF, 254, 63, 129, 2008125, 80325));
 }
 
-TEST_F(ReadGPT, UnusedEntryLeavesItsSlotAllZeroWithoutCompaction) {
+TEST_F(ReadGPT, UnusedEntryLeavesItsSlotZeroWithoutCompaction) {
   const ByteVector used = fourEntries();
   for (size_t unused = 0; unused < 4; ++unused) {
     ByteVector bytes = used;
@@ -229,7 +229,7 @@ TEST_F(ReadGPT, TypeComesFromTheMap) {
 
 TEST_F(ReadGPT, UnknownTypeStaysZeroButTheSlotIsFilled) {
   EXPECT_THAT(slotOf(kUnknownType, 2048, 2048), ElementsAre(0, 32, 33, 0, 0x00, 32, 33, 0, 2048, 1));
-  // Microsoft basic data but for its last byte.
+  // Microsoft basic data except for its last byte.
   GUIDBytes close = kBasicDataType;
   close[15] = 0xC6;
   EXPECT_EQ(slotOf(close, 40, 47)[4], 0U);
@@ -280,11 +280,11 @@ INSTANTIATE_TEST_SUITE_P(Worked, ReadGPTAddresses,
                                          AddressCase{2048, 32, 33, 0}, AddressCase{409639, 127, 14, 25},
                                          AddressCase{409640, 127, 15, 25}, AddressCase{16450559, 254, 63, 1023},
                                          AddressCase{16450560, 0, 1, 1023},
-                                         // 16450560 + 409640: the cylinder stays, head and sector go on
+                                         // 16450560 + 409640: the cylinder stays, head and sector continue
                                          AddressCase{16860200, 127, 15, 1023},
                                          // 2^31 - 1 = 133674 * 16065 + 172 * 63 + 1
                                          AddressCase{2147483647, 172, 2, 1023}));
-// From 2^31 on the number counts as negative, and what comes out is cut to 8, 8 and 16 bits.
+// From 2^31 on, the number counts as negative and the results are truncated to 8, 8 and 16 bits.
 INSTANTIATE_TEST_SUITE_P(
     Negative, ReadGPTAddresses,
     testing::Values(
@@ -307,7 +307,7 @@ TEST_F(ReadGPT, SizeIsCountedIn32Bits) {
   EXPECT_EQ(slotOf(kHFSType, 100, 99)[9], 0U);                    // ends before it starts
   EXPECT_EQ(slotOf(kHFSType, 100, 50)[9], 0xFFFFFFCFU);           // 50 - 100 + 1 = -49
   EXPECT_EQ(slotOf(kHFSType, 0, 0xFFFFFFFFFFFFFFFF)[9], 0U);      // 0xFFFFFFFF - 0 + 1
-  EXPECT_EQ(slotOf(kEFISystemType, 40, 0x200000123)[9], 0x123U);  // the end's low 32 bits alone
+  EXPECT_EQ(slotOf(kEFISystemType, 40, 0x200000123)[9], 0x123U);  // only the low 32 bits of the end
   EXPECT_EQ(slotOf(kEFISystemType, 0xFFFFFFFF00000028, 409639)[8], 1U);
 }
 
@@ -318,14 +318,14 @@ constexpr const char* kReadingGuard =
     "Setting signature to aa55"
     "Changing to standard guard MBR line:419";
 
-TEST_F(ReadGPT, GuardCoversTheDiskFromSlotOneAlone) {
+TEST_F(ReadGPT, GuardUsesOnlySlotOneAndCoversTheDisk) {
   const Result result = read(fourEntries(), 4, 3, 1);
   EXPECT_THAT(fields(result.table.parts[0]),
               ElementsAre(0x00, 254, 63, 1023, 0xEE, 254, 63, 1023, 1, 2097151));  // 2097118 + 33
   for (size_t i = 1; i < 4; ++i) EXPECT_EQ(fields(result.table.parts[i]), kEmptySlot);
   EXPECT_EQ(result.table.signature, 0xAA55);
   EXPECT_EQ(log(), kReadingGuard);
-  EXPECT_EQ(result.entries[3].first_lba, 2008125U);  // the entries are all read
+  EXPECT_EQ(result.entries[3].first_lba, 2008125U);  // all entries are read
 }
 
 TEST_F(ReadGPT, GuardClearsTheActiveFlag) {
@@ -349,7 +349,7 @@ TEST_F(ReadGPT, GuardClearsSlotsWithoutAnEntryToo) {
   for (size_t i = 1; i < 4; ++i) EXPECT_EQ(fields(result.table.parts[i]), kEmptySlot);
 }
 
-TEST_F(ReadGPT, OnlyOneTurnsTheGuardOn) {
+TEST_F(ReadGPT, OnlyTheValueOneTurnsTheGuardOn) {
   for (const int guard : {0, 2, -1, 257}) {
     forgetLog();
     EXPECT_EQ(read(fourEntries(), 4, 0, guard).table.parts[1].type, 0xAF) << guard;

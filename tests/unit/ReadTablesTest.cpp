@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Block size, sector 0 and GPT header as they are read from a device or a stream.
+// Reading the block size, sector 0 and the GPT header from a device or a stream.
 #include <gmock/gmock.h>
 
 #include <array>
@@ -22,7 +22,7 @@ using testing::IsEmpty;
 
 using GetBlockSize = FlatTest;
 
-TEST_F(GetBlockSize, IsWhatDiskArbitrationSays) {
+TEST_F(GetBlockSize, ComesFromDiskArbitration) {
   for (const uint32_t size : {512U, 2048U, 4096U}) {
     forgetLog();
     machine.addDisk("disk0", 1 << 20, size);
@@ -31,7 +31,7 @@ TEST_F(GetBlockSize, IsWhatDiskArbitrationSays) {
   }
 }
 
-TEST_F(GetBlockSize, TakesADevicePathAndLooksAtNothingElse) {
+TEST_F(GetBlockSize, AcceptsADevicePathAndReadsNothingElse) {
   machine.addDisk("disk0", 1 << 20, 4096);
   EXPECT_EQ(getblocksize("/dev/disk0"), 4096U);
   EXPECT_EQ(log(), "Getting block size for device /dev/disk0Found blockSize: 4096");
@@ -43,7 +43,7 @@ constexpr const char* kUnknownSize =
     "Error getting number. Unknown volume size line:215"
     "Found blockSize: 0";
 
-TEST_F(GetBlockSize, IsZeroWhenTheDescriptionLacksIt) {
+TEST_F(GetBlockSize, IsZeroIfTheDescriptionLacksIt) {
   machine.addDisk("disk0", 1 << 20, 512);
   machine.hideBlockSize("disk0");
   EXPECT_EQ(getblocksize("disk0"), 0U);
@@ -55,7 +55,7 @@ TEST_F(GetBlockSize, IsZeroForAnUnknownDisk) {
   EXPECT_EQ(log(), kUnknownSize);
 }
 
-TEST_F(GetBlockSize, IsZeroWhenDiskArbitrationCannotBeReached) {
+TEST_F(GetBlockSize, IsZeroIfDiskArbitrationIsUnreachable) {
   machine.addDisk("disk0", 1 << 20, 512);
   machine.refuseSessions();
   EXPECT_EQ(getblocksize("disk0"), 0U);
@@ -114,7 +114,7 @@ TEST_F(ReadMBR, DecodesBootCodeSlotsAndSignature) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(ReadMBR, LeavesTheLeadingWordAlone) {
+TEST_F(ReadMBR, LeavesTheLeadingWordUnchanged) {
   const Stream stream = streamOf(sectorZero());
   PartitionTable table = oldTable();
   uint32_t active = 0;
@@ -122,7 +122,7 @@ TEST_F(ReadMBR, LeavesTheLeadingWordAlone) {
   EXPECT_EQ(static_cast<uint32_t>(table.reserved), 0xA5A5A5A5);
 }
 
-TEST_F(ReadMBR, ReadsFromWhereTheStreamStandsAndNoFurtherThanTheSector) {
+TEST_F(ReadMBR, ReadsFromTheStreamsPositionAndOnlyTheSector) {
   const Stream stream = streamOf(joined({ByteVector(100, 0x11), sectorZero(), ByteVector(700, 0x22)}));
   ASSERT_EQ(std::fseek(stream.get(), 100, SEEK_SET), 0);
   PartitionTable table = oldTable();
@@ -133,7 +133,7 @@ TEST_F(ReadMBR, ReadsFromWhereTheStreamStandsAndNoFurtherThanTheSector) {
   EXPECT_EQ(std::ftell(stream.get()), 612);
 }
 
-TEST_F(ReadMBR, SignatureIsWhatTheDiskHolds) {
+TEST_F(ReadMBR, SignatureComesFromTheDisk) {
   ByteVector sector = sectorZero();
   put(sector, 510, {0x34, 0x12});
   const Stream stream = streamOf(sector);
@@ -143,10 +143,10 @@ TEST_F(ReadMBR, SignatureIsWhatTheDiskHolds) {
   EXPECT_EQ(table.signature, 0x1234);
 }
 
-TEST_F(ReadMBR, ActiveSlotIsTheLastWhoseFlagIsExactly0x80) {
+TEST_F(ReadMBR, ActiveSlotIsTheLastOneWhoseFlagIsExactly0x80) {
   struct Case {
     std::array<uint8_t, 4> flags;
-    uint32_t active;  // 77 is what the caller put there
+    uint32_t active;  // 77 is the caller's initial value
   };
   constexpr Case kCases[] = {
       {{0x00, 0x00, 0x00, 0x00}, 77}, {{0x80, 0x00, 0x00, 0x00}, 1}, {{0x00, 0x80, 0x00, 0x00}, 2},
@@ -165,7 +165,7 @@ TEST_F(ReadMBR, ActiveSlotIsTheLastWhoseFlagIsExactly0x80) {
   }
 }
 
-// A field of sector 0: the bytes it needs, and the value it has.
+// A field of sector 0: the offset of its end, and its value.
 struct SectorField {
   size_t end;
   std::function<uint32_t(const PartitionTable&)> value;
@@ -176,8 +176,8 @@ std::vector<SectorField> sectorFields() {
   for (const size_t i : {size_t{0}, size_t{445}}) {
     result.push_back({446, [i](const PartitionTable& table) { return uint32_t{table.boot_code[i]}; }});
   }
-  // Ends of flag, start head, start sector, start track, type, end head, end sector, end track, lba, size in a slot. A
-  // sector and a track share two bytes and come together.
+  // The ends of flag, start head, start sector, start track, type, end head, end sector, end track, lba and size in a
+  // slot. A sector and a track share two bytes, so they end together.
   constexpr std::array<size_t, 10> kEnds = {1, 2, 4, 4, 5, 6, 8, 8, 12, 16};
   for (size_t slot = 0; slot < 4; ++slot) {
     for (size_t field = 0; field < kEnds.size(); ++field) {
@@ -188,12 +188,12 @@ std::vector<SectorField> sectorFields() {
   return result;
 }
 
-TEST_F(ReadMBR, ShortStreamLeavesTheFieldsItDoesNotReachAsTheyWere) {
+TEST_F(ReadMBR, ShortStreamLeavesTheRemainingFieldsUnchanged) {
   const ByteVector sector = sectorZero();
   const PartitionTable old = oldTable();
   PartitionTable whole = old;
   uint32_t active = 0;
-  read_bios_partition_table(streamOf(sector).get(), &whole, &active);  // checked by the tests above
+  read_bios_partition_table(streamOf(sector).get(), &whole, &active);  // the tests above check this call
   const std::vector<SectorField> all = sectorFields();
   for (size_t length = 0; length <= sector.size(); ++length) {
     PartitionTable table = old;
@@ -203,12 +203,12 @@ TEST_F(ReadMBR, ShortStreamLeavesTheFieldsItDoesNotReachAsTheyWere) {
     for (const SectorField& field : all) {
       ASSERT_EQ(field.value(table), field.value(length >= field.end ? whole : old)) << length << " " << field.end;
     }
-    ASSERT_EQ(table.signature, 0xAA55) << length;  // preset, then what the disk holds
+    ASSERT_EQ(table.signature, 0xAA55) << length;  // the preset value, or the equal one of the disk
     ASSERT_EQ(active, length >= 447 ? 1U : 77U) << length;
   }
 }
 
-TEST_F(ReadMBR, SignatureOfAShortStreamIsThePreset) {
+TEST_F(ReadMBR, SignatureOfAShortStreamIsThePresetValue) {
   ByteVector sector = sectorZero();
   put(sector, 510, {0x34, 0x12});
   for (const size_t length : {size_t{0}, size_t{100}, size_t{510}, size_t{511}}) {
@@ -220,15 +220,15 @@ TEST_F(ReadMBR, SignatureOfAShortStreamIsThePreset) {
   }
 }
 
-TEST_F(ReadMBR, FlagThatTheStreamDoesNotReachMakesNoSlotActive) {
+TEST_F(ReadMBR, FlagBeyondTheStreamMakesNoSlotActive) {
   PartitionTable table = {};
-  for (MBRPartitionEntry& slot : table.parts) slot.flag = 0x80;  // left from another disk
+  for (MBRPartitionEntry& slot : table.parts) slot.flag = 0x80;  // left over from another disk
   uint32_t active = 77;
   read_bios_partition_table(streamOf(ByteVector(446)).get(), &table, &active);
   EXPECT_EQ(active, 77U);
 }
 
-TEST_F(ReadMBR, FailingDeviceLeavesTheFieldsAsTheyWere) {
+TEST_F(ReadMBR, FailedReadLeavesTheFieldsUnchanged) {
   machine.addDisk("disk0", 4096, 512);
   machine.setBytes("disk0", 0, sectorZero());
   machine.fail("disk0", Operation::read, EIO);
@@ -246,7 +246,7 @@ TEST_F(ReadMBR, FailingDeviceLeavesTheFieldsAsTheyWere) {
 
 // ------------------------------------------------------------------------------------------------------ GPT header
 
-// The header sector that counts up in every byte but those of the signature, so that each field shows its place.
+// A header sector whose bytes after the signature count up, so that each field shows its offset.
 ByteVector countingHeader() {
   ByteVector sector(512);
   for (size_t i = 0; i < sector.size(); ++i) sector[i] = static_cast<uint8_t>(i);
@@ -260,7 +260,7 @@ TEST_F(ReadGPTHeader, TakesEveryFieldLittleEndianInOnDiskOrder) {
   const Stream stream = streamOf(countingHeader());
   GPTHeader header = {};
   read_gpt_header(stream.get(), &header);
-  EXPECT_EQ(header.signature, 0x5452415020494645U);  // "EFI PART", its first byte lowest
+  EXPECT_EQ(header.signature, 0x5452415020494645U);  // "EFI PART", first byte lowest
   EXPECT_EQ(header.revision, 0x0B0A0908U);           // bytes 8 to 11
   EXPECT_EQ(header.header_size, 0x0F0E0D0CU);
   EXPECT_EQ(header.header_crc32, 0x13121110U);
@@ -280,7 +280,7 @@ TEST_F(ReadGPTHeader, TakesEveryFieldLittleEndianInOnDiskOrder) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(ReadGPTHeader, ReadsFromWhereTheStreamStandsAndNoFurtherThan512Bytes) {
+TEST_F(ReadGPTHeader, ReadsFromTheStreamsPositionAndOnly512Bytes) {
   const Stream stream = streamOf(joined({ByteVector(4096), countingHeader(), ByteVector(4096)}));
   ASSERT_EQ(std::fseek(stream.get(), 4096, SEEK_SET), 0);
   GPTHeader header = {};
@@ -289,7 +289,7 @@ TEST_F(ReadGPTHeader, ReadsFromWhereTheStreamStandsAndNoFurtherThan512Bytes) {
   EXPECT_EQ(std::ftell(stream.get()), 4608);
 }
 
-TEST_F(ReadGPTHeader, JudgesNothing) {
+TEST_F(ReadGPTHeader, ValidatesNothing) {
   const Stream stream = streamOf(ByteVector(512, 0x5A));
   GPTHeader header = {};
   read_gpt_header(stream.get(), &header);
@@ -298,9 +298,9 @@ TEST_F(ReadGPTHeader, JudgesNothing) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(ReadGPTHeader, ShortStreamLeavesTheFieldsItDoesNotReachAsTheyWere) {
+TEST_F(ReadGPTHeader, ShortStreamLeavesTheRemainingFieldsUnchanged) {
   const ByteVector sector = countingHeader();
-  // Where each field ends, and so where it begins. The record has the same layout in memory as on disk.
+  // The end of each field, which is the start of the next one. The record has the same layout in memory as on disk.
   constexpr std::array<size_t, 15> kEnds = {8, 12, 16, 20, 24, 32, 40, 48, 56, 72, 80, 84, 88, 92, 512};
   GPTHeader whole = {};
   read_gpt_header(streamOf(sector).get(), &whole);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The state of System Integrity Protection as a status tool reports it, simulated and, where pipes matter, for real.
+// The state of System Integrity Protection as a status tool reports it. The tool is simulated, except where pipes
+// matter.
 #include <Vorlix/QDSUtilities.h>
 #include <Vorlix/platform/SystemPaths.h>
 #include <signal.h>
@@ -31,7 +32,7 @@ class SIPTest : public FlatTest {
   const std::string tool = "/tools/csrutil";
 };
 
-TEST_F(SIPTest, TheToolOfTheSystemIsAskedAndNoOther) {
+TEST_F(SIPTest, OnlyTheSystemsToolIsRun) {
   EXPECT_EQ(nativePlatform().systemPaths->statusTool(), "/usr/bin/csrutil");
   SimulatedMachine usual;
   const ScopedPlatform scope(usual.platform());
@@ -44,39 +45,39 @@ TEST_F(SIPTest, TheToolOfTheSystemIsAskedAndNoOther) {
   EXPECT_EQ(usual.journal(), Lines{"launch /usr/bin/csrutil status"});
 }
 
-TEST_F(SIPTest, TheToolIsRunOnceWithTheArgumentStatus) {
+TEST_F(SIPTest, TheToolIsRunOnceWithStatusAsItsArgument) {
   enabledAfter("System Integrity Protection status: enabled.\n");
   EXPECT_EQ(machine.journal(), Lines{"launch " + tool + " status"});
 }
 
-TEST_F(SIPTest, EnabledIsTrue) {
+TEST_F(SIPTest, EnabledReturnsTrue) {
   EXPECT_TRUE(enabledAfter("System Integrity Protection status: enabled.\n"));
 }
 
-TEST_F(SIPTest, DisabledWithAFullStopIsFalse) {
+TEST_F(SIPTest, DisabledWithAFullStopReturnsFalse) {
   EXPECT_FALSE(enabledAfter("System Integrity Protection status: disabled.\n"));
 }
 
-TEST_F(SIPTest, DisabledWithoutAFullStopIsFalse) {
+TEST_F(SIPTest, DisabledWithoutAFullStopReturnsFalse) {
   EXPECT_FALSE(enabledAfter("System Integrity Protection status: disabled"));
 }
 
-TEST_F(SIPTest, DisabledAnywhereInTheTextIsFalse) {
+TEST_F(SIPTest, DisabledAnywhereInTheTextReturnsFalse) {
   EXPECT_FALSE(enabledAfter("warning: beta\nxSystem Integrity Protection status: disabledx (Custom)\nmore\n"));
 }
 
-TEST_F(SIPTest, CaseIsToldApart) {
+TEST_F(SIPTest, CaseMatters) {
   EXPECT_TRUE(enabledAfter("System Integrity Protection status: Disabled.\n"));
   EXPECT_TRUE(enabledAfter("system integrity protection status: disabled.\n"));
 }
 
-TEST_F(SIPTest, UnknownOrCustomOrAnErrorIsTrue) {
+TEST_F(SIPTest, UnknownCustomOrAnErrorReturnsTrue) {
   EXPECT_TRUE(enabledAfter("System Integrity Protection status: unknown (Custom Configuration).\n"));
   EXPECT_TRUE(enabledAfter("csrutil: failed\n"));
   EXPECT_TRUE(enabledAfter(""));
 }
 
-TEST_F(SIPTest, TheTextIsPutTogetherFromItsPieces) {
+TEST_F(SIPTest, TheTextIsAssembledFromItsPieces) {
   SimulatedRun run;
   run.pieces = {{SimulatedRun::Stream::output, "System Integrity Prot"},
                 {SimulatedRun::Stream::output, "ection status: dis"},
@@ -85,7 +86,7 @@ TEST_F(SIPTest, TheTextIsPutTogetherFromItsPieces) {
   EXPECT_FALSE(QDSUtilities::isSIPEnabled());
 }
 
-TEST_F(SIPTest, StandardErrorIsNotLookedAt) {
+TEST_F(SIPTest, StandardErrorIsIgnored) {
   SimulatedRun run;
   run.pieces = {{SimulatedRun::Stream::error, "System Integrity Protection status: disabled."},
                 {SimulatedRun::Stream::output, "enabled"}};
@@ -93,7 +94,7 @@ TEST_F(SIPTest, StandardErrorIsNotLookedAt) {
   EXPECT_TRUE(QDSUtilities::isSIPEnabled());
 }
 
-TEST_F(SIPTest, TheExitStatusIsNotLookedAt) {
+TEST_F(SIPTest, TheExitStatusIsIgnored) {
   SimulatedRun run;
   run.pieces = {{SimulatedRun::Stream::output, "System Integrity Protection status: enabled."}};
   run.status = 1;
@@ -101,31 +102,31 @@ TEST_F(SIPTest, TheExitStatusIsNotLookedAt) {
   EXPECT_TRUE(QDSUtilities::isSIPEnabled());
 }
 
-TEST_F(SIPTest, OutputThatIsNotUTF8IsFalse) {
+TEST_F(SIPTest, OutputThatIsNotUTF8ReturnsFalse) {
   EXPECT_FALSE(enabledAfter("System Integrity Protection status: enabled.\xFF"));
 }
 
-TEST_F(SIPTest, ACharacterCutByAPieceIsStillUTF8) {
+TEST_F(SIPTest, ACharacterSplitAcrossPiecesIsValid) {
   SimulatedRun run;
   run.pieces = {{SimulatedRun::Stream::output, "\xC3"}, {SimulatedRun::Stream::output, "\xA4"}};
   machine.addProgram(tool, run);
   EXPECT_TRUE(QDSUtilities::isSIPEnabled());
 }
 
-TEST_F(SIPTest, WithoutTheToolItIsFalseAndNothingIsStarted) {
+TEST_F(SIPTest, WithoutTheToolTheResultIsFalseAndNothingRuns) {
   machine.addProgram(tool, SimulatedRun{});
   machine.removeItem(tool);
   EXPECT_FALSE(QDSUtilities::isSIPEnabled());
   EXPECT_EQ(machine.journal(), Lines());
 }
 
-TEST_F(SIPTest, AFolderInTheToolsPlaceCountsAsThere) {
+TEST_F(SIPTest, AFolderInPlaceOfTheToolCountsAsExisting) {
   machine.addFolder(tool);
   EXPECT_TRUE(enabledAfter("enabled"));
   EXPECT_EQ(machine.journal(), Lines{"launch " + tool + " status"});
 }
 
-TEST_F(SIPTest, AToolThatCannotBeLaunchedIsTheCallersError) {
+TEST_F(SIPTest, AToolThatCannotBeLaunchedThrows) {
   EXPECT_THROW(QDSUtilities::isSIPEnabled(), std::system_error);
 }
 
@@ -134,7 +135,7 @@ TEST_F(SIPTest, NothingIsLogged) {
   EXPECT_EQ(log(), "");
 }
 
-/// A shell script in the tool's place, run by this system's own adapter.
+/// A shell script as the tool, run by this system's own adapter.
 class SIPProcessTest : public FlatTest {
  protected:
   SIPProcessTest()
@@ -165,20 +166,20 @@ TEST_F(SIPProcessTest, TheOnlyArgumentIsStatus) {
 }
 
 TEST_F(SIPProcessTest, OutputIsReadToItsEnd) {
-  // 1 MiB goes through the pipe before the words that matter.
+  // 1 MiB goes through the pipe before the line that decides.
   EXPECT_FALSE(
       enabledAfterScript("head -c 1048576 /dev/zero | tr '\\0' x; "
                          "echo 'System Integrity Protection status: disabled.'"));
 }
 
-TEST_F(SIPProcessTest, AFullStandardErrorDoesNotHoldTheToolUp) {
-  // 1 MiB is more than any pipe holds here. Without SIGPIPE and without waiting the tool goes on to its answer.
+TEST_F(SIPProcessTest, AFullStandardErrorDoesNotBlockTheTool) {
+  // 1 MiB is more than a pipe holds. The tool must continue to its report without SIGPIPE and without blocking.
   EXPECT_FALSE(
       enabledAfterScript("head -c 1048576 /dev/zero >&2; "
                          "echo 'System Integrity Protection status: disabled.'"));
 }
 
-TEST_F(SIPProcessTest, AToolThatWritesNothingIsTrue) {
+TEST_F(SIPProcessTest, AToolWithoutOutputReturnsTrue) {
   EXPECT_TRUE(enabledAfterScript("exit 1"));
 }
 
@@ -189,7 +190,7 @@ TEST_F(SIPProcessTest, NoDescriptorStaysOpen) {
   EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(SIPProcessTest, AFileThatIsNotExecutableIsTheCallersError) {
+TEST_F(SIPProcessTest, AFileThatIsNotExecutableThrows) {
   makeFile("csrutil", {'x'});
   chmod(tool.c_str(), 0600);
   EXPECT_THROW(QDSUtilities::isSIPEnabled(), std::system_error);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Expected values: the examples published with FIPS 180-4 and, for each length around the ends of blocks, sha256sum(1).
+// Expected values: the examples published with FIPS 180-4 and, for each length up to three blocks, sha256sum(1).
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -26,7 +26,7 @@ TEST(Sha256, PublishedExamples) {
   EXPECT_EQ(hashOf(std::string(1000000, 'a')), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
 }
 
-TEST(Sha256, EveryLengthUpToThreeBlocksAsTheSystemsTool) {
+TEST(Sha256, EveryLengthUpToThreeBlocksMatchesTheSystemsTool) {
   if (std::system("command -v sha256sum >/dev/null") != 0) GTEST_SKIP() << "sha256sum is not installed";
   const std::string path = testing::TempDir() + "sha256-test.bin";
   std::string bytes;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Boot configuration stores as bytes: what is taken for one, and the identifiers in it. The hive is made by hand: a
-// base block and one bin, as the Windows registry file format specification (Suhanov) lays them out.
+// Boot configuration stores as bytes: the check that a file is a hive, and the identifiers in it. The tests build the
+// hive by hand: a base block and one bin, as in the Windows registry file format specification (Suhanov).
 #include <Vorlix/StoreSlots.h>
 #include <gmock/gmock.h>
 
@@ -29,7 +29,7 @@ void putText(Bytes& bytes, size_t offset, const std::string& text) {
   std::copy(text.begin(), text.end(), bytes.begin() + static_cast<std::ptrdiff_t>(offset));
 }
 
-// All other words are zero, so that the checksum can be told by eye: "regf" is 66 67 65 72, the size 00 20 00 00.
+// All other words are zero, so the checksum can be checked by eye: "regf" is 66 67 65 72, the size 00 20 00 00.
 Bytes hive() {
   Bytes bytes(4096 + 8192);
   putText(bytes, 0, "regf");
@@ -39,14 +39,14 @@ Bytes hive() {
   return bytes;
 }
 
-TEST(StoreTemplateTest, AHiveIsTakenForOne) {
+TEST(StoreTemplateTest, AHiveIsAccepted) {
   EXPECT_EQ(whyNoHive(hive()), std::nullopt);
   Bytes longer = hive();
-  longer.resize(longer.size() + 100);  // files may be longer than their bins
+  longer.resize(longer.size() + 100);  // a file may be longer than its bins
   EXPECT_EQ(whyNoHive(longer), std::nullopt);
 }
 
-TEST(StoreTemplateTest, WhatIsNoneIsTold) {
+TEST(StoreTemplateTest, OtherFilesAreRefusedWithTheReason) {
   EXPECT_THAT(whyNoHive({}), Optional(HasSubstr("empty")));
   EXPECT_THAT(whyNoHive(Bytes{'r', 'e', 'g'}), Optional(HasSubstr("no registry hive")));
   EXPECT_THAT(whyNoHive(Bytes(20000)), Optional(HasSubstr("no registry hive")));
@@ -76,7 +76,7 @@ TEST(StoreTemplateTest, WhatIsNoneIsTold) {
   EXPECT_THAT(whyNoHive(noBin), Optional(HasSubstr("without data")));
 }
 
-TEST(StoreTemplateTest, ChecksumsThatStandForNoneAreReplaced) {
+TEST(StoreTemplateTest, ReservedChecksumsAreReplaced) {
   Bytes zero = hive();
   putWord(zero, 4, 0x66676572 ^ 0x2000);  // the sum is 0
   putWord(zero, 0x1FC, 1);
@@ -103,7 +103,7 @@ TEST(StoreTemplateTest, IdentifiersGoToTheirSlotsAndNowhereElse) {
   EXPECT_EQ(grown, expected);
 }
 
-TEST(StoreTemplateTest, SlotsOutsideDeviceElementsAreNamed) {
+TEST(StoreTemplateTest, SlotsOutsideDeviceElementsAreListed) {
   Bytes store(20000);
   const auto addElement = [&](size_t partitionGUID) {
     putWord(store, partitionGUID - 0x10, 6);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Running a program to the end of its output, with real children.
+// Running a program until its output ends, with real children.
 #include <Vorlix/QDTaskHelper.h>
 #include <gmock/gmock.h>
 
@@ -21,12 +21,12 @@ class TaskHelperTest : public NativeProcessTest {
   QDTaskHelper helper;
 };
 
-TEST_F(TaskHelperTest, RunsTheLinesTogetherAndLogsEachOne) {
+TEST_F(TaskHelperTest, JoinsTheLinesAndLogsEachOne) {
   EXPECT_EQ(shell("echo a; echo b"), "ab");
   EXPECT_EQ(log(), "     a\n     b\n     \n");
 }
 
-TEST_F(TaskHelperTest, OutputWithoutALastLineFeedHasNoEmptyLastLine) {
+TEST_F(TaskHelperTest, OutputWithoutAFinalLineFeedHasNoEmptyLastLine) {
   EXPECT_EQ(child(CHILD_PRINT, {"a\nb"}), "ab");
   EXPECT_EQ(log(), "     a\n     b\n");
 }
@@ -46,71 +46,71 @@ TEST_F(TaskHelperTest, StandardErrorIsPartOfTheResult) {
   EXPECT_EQ(log(), "     only errors\n     \n");
 }
 
-TEST_F(TaskHelperTest, BothOutputsComeInTheOrderInWhichTheyWereWritten) {
+TEST_F(TaskHelperTest, BothOutputsAreInTheOrderInWhichTheyWereWritten) {
   EXPECT_EQ(shell("echo a; echo b >&2; echo c; echo d >&2"), "abcd");
   EXPECT_EQ(log(), "     a\n     b\n     c\n     d\n     \n");
 }
 
-TEST_F(TaskHelperTest, CarriageReturnsStay) {
+TEST_F(TaskHelperTest, CarriageReturnsAreKept) {
   EXPECT_EQ(child(CHILD_PRINT, {"a\r\nb\r\n"}), "a\rb\r");
   EXPECT_EQ(log(), "     a\r\n     b\r\n     \n");
 }
 
-TEST_F(TaskHelperTest, PercentSignsAreLoggedAsTheyAre) {
+TEST_F(TaskHelperTest, PercentSignsAreLoggedUnchanged) {
   EXPECT_EQ(child(CHILD_PRINT, {"100%s %n\n"}), "100%s %n");
   EXPECT_EQ(log(), "     100%s %n\n     \n");
 }
 
-TEST_F(TaskHelperTest, ALineThatJustFitsIsLoggedWhole) {
-  const std::string line(1017, 'x');  // five blanks, the line and its end make 1023
+TEST_F(TaskHelperTest, ALineThatJustFitsIsLoggedCompletely) {
+  const std::string line(1017, 'x');  // five spaces, the line and its line feed make 1023
   EXPECT_EQ(child(CHILD_PRINT, {line}), line);
   EXPECT_EQ(log(), "     " + line + "\n");
 }
 
-TEST_F(TaskHelperTest, ALongerLineIsCutInTheLogOnly) {
+TEST_F(TaskHelperTest, ALongerLineIsTruncatedOnlyInTheLog) {
   const std::string line(1018, 'x');
   EXPECT_EQ(child(CHILD_PRINT, {line + "\nnext"}), line + "next");
-  EXPECT_EQ(log(), "     " + line + "     next\n") << "there is no room for the line's end";
+  EXPECT_EQ(log(), "     " + line + "     next\n") << "the line feed does not fit";
 }
 
-TEST_F(TaskHelperTest, AVeryLongLineIsCutAtTheBuffer) {
+TEST_F(TaskHelperTest, AVeryLongLineIsTruncatedToTheBuffer) {
   const std::string line(5000, 'y');
   EXPECT_EQ(child(CHILD_PRINT, {line}), line);
   EXPECT_EQ(log(), "     " + line.substr(0, 1018));
 }
 
-TEST_F(TaskHelperTest, AZeroByteEndsTheLoggedLineOnly) {
+TEST_F(TaskHelperTest, AZeroByteEndsOnlyTheLoggedLine) {
   EXPECT_EQ(shell("printf 'a\\000b\\nc'"), std::string("a\0bc", 4));
   EXPECT_EQ(log(), "     a\n     c\n");
 }
 
-TEST_F(TaskHelperTest, OutputThatIsNotUtf8GivesNothingAndLogsNothing) {
+TEST_F(TaskHelperTest, OutputThatIsNotUtf8ReturnsNothingAndLogsNothing) {
   EXPECT_EQ(child(CHILD_PRINT, {"good line\nbad \xFF byte\n"}), "");
   EXPECT_EQ(child(CHILD_PRINT, {"cut short \xE2\x82"}), "");
   EXPECT_EQ(child(CHILD_PRINT, {"good", "\xC0\x80"}), "");
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(TaskHelperTest, CharactersThatArriveInTwoPiecesArePutTogether) {
+TEST_F(TaskHelperTest, CharactersThatArriveInTwoPiecesAreJoined) {
   EXPECT_EQ(child(CHILD_SPLIT, {"1", "gr\xC3", "\xBC\xC3\x9F\n"}), "gr\xC3\xBC\xC3\x9F");
   EXPECT_EQ(log(), "     gr\xC3\xBC\xC3\x9F\n     \n");
 }
 
-TEST_F(TaskHelperTest, ArgumentsReachTheProgramAsTheyAre) {
+TEST_F(TaskHelperTest, ArgumentsReachTheProgramUnchanged) {
   EXPECT_EQ(child(CHILD_ARGUMENTS, {"a b", "", "$HOME", "*", "'\"", "gr\xC3\xBC\xC3\x9F"}),
             "[a b][][$HOME][*]['\"][gr\xC3\xBC\xC3\x9F]");
   EXPECT_EQ(child(CHILD_ARGUMENTS, {}), "");
 }
 
-TEST_F(TaskHelperTest, TheExitStatusIsNotLookedAt) {
+TEST_F(TaskHelperTest, TheExitStatusIsIgnored) {
   EXPECT_EQ(child(CHILD_PRINT, {"said", "", "3"}), "said");
   EXPECT_EQ(shell("echo before; kill -KILL $$"), "before");
 }
 
-TEST_F(TaskHelperTest, AProgramThatIsNotThereRaises) {
+TEST_F(TaskHelperTest, AMissingProgramThrows) {
   try {
     run("/nonexistent/program", {"x"});
-    FAIL() << "was launched";
+    FAIL() << "the program was launched";
   } catch (const std::system_error& error) {
     EXPECT_EQ(error.code(), std::errc::no_such_file_or_directory);
   }
@@ -118,7 +118,7 @@ TEST_F(TaskHelperTest, AProgramThatIsNotThereRaises) {
   EXPECT_FALSE(hasChildren());
 }
 
-TEST_F(TaskHelperTest, AFileThatIsNotExecutableRaises) {
+TEST_F(TaskHelperTest, AFileThatIsNotExecutableThrows) {
   std::ofstream(inFolder("data")) << "no program";
   EXPECT_THROW(run(inFolder("data"), {}), std::system_error);
   EXPECT_THROW(run(inFolder(""), {}), std::system_error) << "a folder";
@@ -126,7 +126,7 @@ TEST_F(TaskHelperTest, AFileThatIsNotExecutableRaises) {
   EXPECT_EQ(log(), "");
 }
 
-TEST_F(TaskHelperTest, ANameWithoutAFolderIsNotLookedForAlongThePath) {
+TEST_F(TaskHelperTest, ANameWithoutAFolderIsNotSearchedInPath) {
   EXPECT_THROW(run("sh", {"-c", "echo found"}), std::system_error);
 }
 
@@ -139,21 +139,21 @@ TEST_F(TaskHelperTest, ReadsWhileTheProgramWritesMoreThanAPipeHolds) {
   EXPECT_EQ(log().size(), 1023u);
 }
 
-TEST_F(TaskHelperTest, WaitsForEveryoneWhoHoldsTheOutput) {
+TEST_F(TaskHelperTest, WaitsForEveryProcessThatHoldsTheOutput) {
   EXPECT_EQ(child(CHILD_GRANDCHILD, {"late", "200"}), "late");
 }
 
-TEST_F(TaskHelperTest, DoesNotWaitForTheProgramAfterTheEndOfItsOutput) {
+TEST_F(TaskHelperTest, DoesNotWaitForTheProgramOnceItsOutputHasEnded) {
   EXPECT_EQ(child(CHILD_SLOW_EXIT, {"3000", "0"}), "");
-  EXPECT_TRUE(hasChildren() && !hasZombie()) << "it has ended already";
+  EXPECT_TRUE(hasChildren() && !hasZombie()) << "the program must still run";
   ASSERT_TRUE(comesTrue(hasZombie));
   EXPECT_TRUE(nothingIsLeftToCollect());
 }
 
-TEST_F(TaskHelperTest, StandardInputIsTheHostsOwn) {
+TEST_F(TaskHelperTest, StandardInputIsTheHosts) {
   std::ofstream(inFolder("input")) << "from the host";
   const int before = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
-  ASSERT_GE(before, 0) << "this test needs a standard input to put back";
+  ASSERT_GE(before, 0) << "this test needs a standard input that it can restore";
   const int input = open(inFolder("input").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(dup2(input, STDIN_FILENO), STDIN_FILENO);
   close(input);
@@ -167,7 +167,7 @@ TEST_F(TaskHelperTest, ManyRunsLeaveNoProcessBehind) {
   EXPECT_TRUE(comesTrue([] { return nothingIsLeftToCollect() && !hasChildren(); }));
 }
 
-TEST_F(TaskHelperTest, AnyThreadMayRunOne) {
+TEST_F(TaskHelperTest, AnyThreadMayRunAProgram) {
   std::vector<std::string> results(4);
   std::vector<std::thread> threads;
   for (size_t i = 0; i < results.size(); ++i) {
@@ -193,7 +193,7 @@ TEST_F(TaskHelperTest, TheSharedInstanceIsTheSameEachTime) {
 
 // ------------------------------------------------------------------------------------------------- simulated machine
 
-TEST(TaskHelperOnASimulatedMachine, RunsWhatTheMachineHas) {
+TEST(TaskHelperOnASimulatedMachine, RunsTheMachinesPrograms) {
   SimulatedMachine machine;
   SimulatedRun run;
   run.pieces = {{SimulatedRun::Stream::output, "a\n"}, {SimulatedRun::Stream::error, "b\n"}};

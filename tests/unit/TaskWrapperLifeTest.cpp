@@ -16,7 +16,7 @@ using testing::IsEmpty;
 
 // ----------------------------------------------------------------------------------------------------------- stopping
 
-TEST_F(TaskWrapperTest, StoppingEndsTheListeningAndTheProcess) {
+TEST_F(TaskWrapperTest, StoppingEndsTheReadsAndTheProcess) {
   Recorded run(childCommand(CHILD_STAY, {"ready", "60000"}));
   run.wrapper->startProcess();
   ASSERT_TRUE(runUntil([&] { return run.count("output") == 1; }));
@@ -27,7 +27,7 @@ TEST_F(TaskWrapperTest, StoppingEndsTheListeningAndTheProcess) {
   EXPECT_EQ(run.count("end"), 1);
 }
 
-TEST_F(TaskWrapperTest, OutputThatIsWaitingWhenARunIsStoppedIsDropped) {
+TEST_F(TaskWrapperTest, PendingOutputIsDroppedWhenARunIsStopped) {
   Recorded run(childCommand(CHILD_STAY, {"waiting", "60000"}));
   run.wrapper->startProcess();
   std::this_thread::sleep_for(milliseconds(200));
@@ -41,7 +41,7 @@ TEST_F(TaskWrapperTest, StoppingFromTheOutputCallbackEndsOnce) {
   run.onOutput = [&] { run.wrapper->stopProcess(); };
   run.wrapper->startProcess();
   ASSERT_TRUE(run.runToEnd());
-  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources) << "no further read was begun";
+  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources) << "no further read must have started";
   EXPECT_EQ(run.count("output"), 1);
   EXPECT_EQ(run.count("end"), 1);
 }
@@ -55,7 +55,7 @@ TEST_F(TaskWrapperTest, StoppingFromTheErrorCallbackEndsOnce) {
   EXPECT_THAT(run.events, ElementsAre("start", "error", "end"));
 }
 
-TEST_F(TaskWrapperTest, StoppingIsPoliteAndDoesNotWait) {
+TEST_F(TaskWrapperTest, StoppingSendsSIGTERMAndDoesNotWait) {
   Recorded run(childCommand(CHILD_STUBBORN, {"ready", "400", "7"}));
   run.wrapper->startProcess();
   ASSERT_TRUE(runUntil([&] { return run.count("output") == 1; }));
@@ -66,7 +66,7 @@ TEST_F(TaskWrapperTest, StoppingIsPoliteAndDoesNotWait) {
 
 TEST_F(TaskWrapperTest, EveryStopCallsTheEndCallback) {
   Recorded run(childCommand(CHILD_PRINT, {"x"}));
-  run.wrapper->stopProcess();  // before there is a process
+  run.wrapper->stopProcess();  // before a process exists
   EXPECT_THAT(run.events, ElementsAre("end"));
   run.wrapper->startProcess();
   ASSERT_TRUE(runUntil([&] { return run.count("end") == 2; }));
@@ -75,13 +75,13 @@ TEST_F(TaskWrapperTest, EveryStopCallsTheEndCallback) {
   EXPECT_EQ(statusAtTheEnd(run), 0);
 }
 
-TEST_F(TaskWrapperTest, LettingGoBeforeTheEndLeavesTheProcessToItself) {
+TEST_F(TaskWrapperTest, DestroyingTheWrapperLeavesTheProcessRunning) {
   const std::string file = inFolder("written");
   Recorded run({"/bin/sh", "-c", "sleep 0.2; echo done > " + file});
   run.wrapper->startProcess();
   run.wrapper.reset();
   EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources);
-  EXPECT_TRUE(comesTrue([&] { return contentOf(file) == "done\n"; })) << "it was not asked to end";
+  EXPECT_TRUE(comesTrue([&] { return contentOf(file) == "done\n"; })) << "the process must not be stopped";
   EXPECT_THAT(run.events, ElementsAre("start"));
   ASSERT_TRUE(comesTrue([] { return nothingIsLeftToCollect() && !hasChildren(); }));
 }
@@ -107,14 +107,14 @@ TEST_F(TaskWrapperTest, AnEarlierRunsOutputStillArrivesAndItsEndStopsTheNewRun) 
   EXPECT_THAT(run.output, testing::UnorderedElementsAre("first", "second"));
   EXPECT_EQ(run.count("end"), 0);
   ASSERT_TRUE(run.runToEnd());
-  EXPECT_EQ(statusAtTheEnd(run), SIGTERM) << "the new process";
-  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources) << "both runs' outputs are let be";
+  EXPECT_EQ(statusAtTheEnd(run), SIGTERM) << "status of the new process";
+  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources) << "neither run's outputs may be read any more";
   EXPECT_EQ(run.count("start"), 2);
   EXPECT_EQ(run.count("end"), 1);
   ASSERT_TRUE(comesTrue([] { return nothingIsLeftToCollect() && !hasChildren(); }));
 }
 
-TEST_F(TaskWrapperTest, TheListIsSharedAndReadAtTheStart) {
+TEST_F(TaskWrapperTest, TheArgumentListIsSharedAndReadAtTheStart) {
   const auto command = listOf(childCommand(CHILD_PRINT, {"old"}));
   Recorded run(command);
   EXPECT_EQ(command.use_count(), 2);
@@ -126,16 +126,16 @@ TEST_F(TaskWrapperTest, TheListIsSharedAndReadAtTheStart) {
 
 // ------------------------------------------------------------------------------------------------------------- failure
 
-TEST_F(TaskWrapperTest, AFailedLaunchRaisesAfterTheStartCallbackAndWithTheReadsBegun) {
+TEST_F(TaskWrapperTest, AFailedLaunchThrowsAfterTheStartCallbackAndTheStartOfTheReads) {
   Recorded run({"/nonexistent/program"});
   try {
     run.wrapper->startProcess();
-    FAIL() << "was launched";
+    FAIL() << "the program was launched";
   } catch (const std::system_error& error) {
     EXPECT_EQ(error.code(), std::errc::no_such_file_or_directory);
   }
   EXPECT_THAT(run.events, ElementsAre("start"));
-  EXPECT_EQ(lookAtLoop(), RunLoopResult::timedOut) << "the loop has sources";
+  EXPECT_EQ(lookAtLoop(), RunLoopResult::timedOut) << "the loop must have sources";
   EXPECT_EQ(run.wrapper->terminationStatus(), 0);
   EXPECT_FALSE(hasChildren());
   run.wrapper->stopProcess();
@@ -143,14 +143,14 @@ TEST_F(TaskWrapperTest, AFailedLaunchRaisesAfterTheStartCallbackAndWithTheReadsB
   EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources);
 }
 
-TEST_F(TaskWrapperTest, AProgramThatMayNotBeExecutedRaises) {
+TEST_F(TaskWrapperTest, AProgramThatIsNotExecutableThrows) {
   std::ofstream(inFolder("data")) << "no program";
   Recorded run({inFolder("data")});
   EXPECT_THROW(run.wrapper->startProcess(), std::system_error);
   run.wrapper->stopProcess();
 }
 
-TEST_F(TaskWrapperTest, AStartAfterAFailedOneRunsToItsOwnEnd) {
+TEST_F(TaskWrapperTest, AStartAfterAFailedOneRunsToTheEnd) {
   const auto command = listOf({"/nonexistent/program"});
   Recorded run(command);
   EXPECT_THROW(run.wrapper->startProcess(), std::system_error);
@@ -160,7 +160,7 @@ TEST_F(TaskWrapperTest, AStartAfterAFailedOneRunsToItsOwnEnd) {
   EXPECT_THAT(run.events, ElementsAre("start", "start", "output", "end"));
 }
 
-TEST_F(TaskWrapperTest, AnEmptyListRaisesAfterTheStartCallback) {
+TEST_F(TaskWrapperTest, AnEmptyListThrowsAfterTheStartCallback) {
   Recorded run(Texts{});
   EXPECT_THROW(run.wrapper->startProcess(), std::out_of_range);
   EXPECT_THAT(run.events, ElementsAre("start"));
@@ -170,7 +170,7 @@ TEST_F(TaskWrapperTest, AnEmptyListRaisesAfterTheStartCallback) {
   EXPECT_THAT(listless.events, ElementsAre("start"));
 }
 
-TEST_F(TaskWrapperTest, AMissingCallbackRaises) {
+TEST_F(TaskWrapperTest, AMissingCallbackThrows) {
   const auto wrapper = QDTaskWrapperWithBlocks::initWithStartBlock(nullptr, nullptr, nullptr, nullptr,
                                                                    listOf(childCommand(CHILD_PRINT, {"x"})));
   EXPECT_THROW(wrapper->startProcess(), std::bad_function_call);
@@ -187,18 +187,18 @@ TEST_F(TaskWrapperTest, TheExitStatusIsTheProgramsOwn) {
   EXPECT_EQ(statusAtTheEnd(run), 3);
   EXPECT_FALSE(hasChildren());
   pauses.clear();
-  EXPECT_EQ(run.wrapper->terminationStatus(), 3) << "it can be asked for again";
-  EXPECT_THAT(pauses, IsEmpty()) << "a process that has ended is not waited for";
+  EXPECT_EQ(run.wrapper->terminationStatus(), 3) << "a second call must return the same status";
+  EXPECT_THAT(pauses, IsEmpty()) << "there must be no wait for an ended process";
 }
 
-TEST_F(TaskWrapperTest, AProgramThatEndedByASignalHasItsNumber) {
+TEST_F(TaskWrapperTest, AProgramKilledByASignalHasTheSignalsNumber) {
   Recorded run(childCommand(CHILD_SIGNAL, {std::to_string(SIGKILL)}));
   run.wrapper->startProcess();
   ASSERT_TRUE(run.runToEnd());
   EXPECT_EQ(statusAtTheEnd(run), SIGKILL);
 }
 
-TEST_F(TaskWrapperTest, AProcessThatKeepsRunningHasNoStatusAfterFiveSeconds) {
+TEST_F(TaskWrapperTest, ARunningProcessHasNoStatusAfterFiveSeconds) {
   Recorded run(childCommand(CHILD_STAY, {"", "60000"}));
   run.wrapper->startProcess();
   EXPECT_EQ(run.wrapper->terminationStatus(), -999);
@@ -207,7 +207,7 @@ TEST_F(TaskWrapperTest, AProcessThatKeepsRunningHasNoStatusAfterFiveSeconds) {
   EXPECT_EQ(statusAtTheEnd(run), SIGTERM);
 }
 
-TEST_F(TaskWrapperTest, AProcessThatEndsDuringThePauseHasItsStatus) {
+TEST_F(TaskWrapperTest, AProcessThatEndsDuringThePauseHasAStatus) {
   Recorded run({"/bin/sh", "-c", "while [ ! -e " + inFolder("go") + " ]; do sleep 0.02; done; exit 5"});
   run.wrapper->startProcess();
   inThePause = [this] {

@@ -15,9 +15,9 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// -------------------------------------------------------------------------------------------------------------- a run
+// ------------------------------------------------------------------------------------------------------------- one run
 
-TEST_F(TaskWrapperTest, DeliversAShortLineInOneCallAndThenEndsOnce) {
+TEST_F(TaskWrapperTest, DeliversAShortLineInOneCallAndEndsOnce) {
   Recorded run({"/bin/sh", "-c", "echo hello"});
   run.wrapper->startProcess();
   ASSERT_TRUE(run.runToEnd());
@@ -29,15 +29,15 @@ TEST_F(TaskWrapperTest, DeliversAShortLineInOneCallAndThenEndsOnce) {
   EXPECT_EQ(statusAtTheEnd(run), 0);
 }
 
-TEST_F(TaskWrapperTest, MakingOneStartsNothing) {
+TEST_F(TaskWrapperTest, CreatingAWrapperStartsNothing) {
   const Recorded run({"/bin/sh", "-c", "echo hello"});
   EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources);
   EXPECT_THAT(run.events, IsEmpty());
   EXPECT_FALSE(hasChildren());
 }
 
-TEST_F(TaskWrapperTest, TheShellIsGivenExactlyTwoArguments) {
-  Recorded run({"/bin/sh", "-c", "echo $0 $#"});  // the shell's own name, and what is left after the command line
+TEST_F(TaskWrapperTest, TheShellGetsExactlyTwoArguments) {
+  Recorded run({"/bin/sh", "-c", "echo $0 $#"});  // the shell's name and its number of arguments
   run.wrapper->startProcess();
   ASSERT_TRUE(run.runToEnd());
   EXPECT_EQ(joined(run.output), "/bin/sh 0\n");
@@ -57,7 +57,7 @@ TEST_F(TaskWrapperTest, AListOfOneElementGivesNoArguments) {
   EXPECT_EQ(joined(run.output), std::filesystem::current_path().string() + "\n");
 }
 
-TEST_F(TaskWrapperTest, TheStartCallbackRunsBeforeThereIsAProcess) {
+TEST_F(TaskWrapperTest, TheStartCallbackRunsBeforeTheProcessExists) {
   Recorded run(childCommand(CHILD_PRINT, {"x"}));
   bool hadChildren = true;
   run.onStart = [&] { hadChildren = hasChildren(); };
@@ -68,7 +68,7 @@ TEST_F(TaskWrapperTest, TheStartCallbackRunsBeforeThereIsAProcess) {
   ASSERT_TRUE(run.runToEnd());
 }
 
-TEST_F(TaskWrapperTest, NothingArrivesUnlessTheLoopRunsInTheDefaultMode) {
+TEST_F(TaskWrapperTest, NothingIsDeliveredUnlessTheLoopRunsInTheDefaultMode) {
   Recorded run(childCommand(CHILD_PRINT, {"x"}));
   run.wrapper->startProcess();
   std::this_thread::sleep_for(milliseconds(100));
@@ -91,7 +91,7 @@ TEST_F(TaskWrapperTest, EverythingArrivesOnTheThreadThatStartedTheRun) {
   }).join();
   EXPECT_GE(threads.size(), 3u);
   EXPECT_THAT(threads, Each(started));
-  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources) << "another thread's loop has nothing to do with it";
+  EXPECT_EQ(lookAtLoop(), RunLoopResult::noSources) << "this thread's loop must not be involved";
 }
 
 TEST_F(TaskWrapperTest, PiecesOfAStreamArriveInOrderAndComplete) {
@@ -111,7 +111,7 @@ TEST_F(TaskWrapperTest, PiecesOfAStreamArriveInOrderAndComplete) {
   EXPECT_EQ(joined(counting.output), expected);
 }
 
-TEST_F(TaskWrapperTest, EachReadingOfTheLoopDeliversAtMostOnePiece) {
+TEST_F(TaskWrapperTest, EachRunOfTheLoopDeliversAtMostOnePiece) {
   Recorded run(childCommand(CHILD_FLOOD, {"1000000"}));
   run.wrapper->startProcess();
   const auto loop = platform().runLoops->current();
@@ -140,10 +140,10 @@ TEST_F(TaskWrapperTest, AProgramThatWritesOnlyErrorsEndsWithItsOutput) {
   EXPECT_THAT(run.output, IsEmpty());
 }
 
-TEST_F(TaskWrapperTest, WhatStandardErrorHoldsWhenTheOutputEndsIsDelivered) {
+TEST_F(TaskWrapperTest, PendingErrorsAreDeliveredWhenTheOutputEnds) {
   Recorded run(childCommand(CHILD_PRINT, {"", "wrong"}));
   run.wrapper->startProcess();
-  ASSERT_TRUE(comesTrue(hasZombie)) << "the error and both ends are there to be read";
+  ASSERT_TRUE(comesTrue(hasZombie)) << "the error and both ends of file must be ready";
   ASSERT_TRUE(run.runToEnd());
   EXPECT_THAT(run.events, ElementsAre("start", "error", "end"));
   EXPECT_THAT(run.error, ElementsAre("wrong"));
@@ -191,7 +191,7 @@ TEST_F(TaskWrapperTest, AProgramThatClosesItsOutputJustBeforeItExitsKeepsItsStat
   run.wrapper->startProcess();
   ASSERT_TRUE(run.runToEnd());
   EXPECT_EQ(run.wrapper->terminationStatus(), 3);
-  EXPECT_THAT(pauses, IsEmpty()) << "it has ended";
+  EXPECT_THAT(pauses, IsEmpty()) << "the process has ended";
 }
 
 TEST_F(TaskWrapperTest, TheEndOfStandardErrorDoesNotEndTheRun) {
@@ -204,21 +204,21 @@ TEST_F(TaskWrapperTest, TheEndOfStandardErrorDoesNotEndTheRun) {
   EXPECT_EQ(joined(run.output), "still there");
 }
 
-TEST_F(TaskWrapperTest, AnEndedStandardErrorKeepsTheLoopAsleep) {
+TEST_F(TaskWrapperTest, AnEndedStandardErrorDoesNotKeepTheLoopBusy) {
   Recorded run(childCommand(CHILD_CLOSE_ERROR, {"x", "60000"}));
   run.wrapper->startProcess();
   const std::clock_t before = std::clock();
   const int handled = runFor(milliseconds(550));
   const double used = static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC;
-  EXPECT_GE(handled, 2) << "empty reads go on completing";
-  EXPECT_LE(handled, 7) << "but not more than ten a second";
+  EXPECT_GE(handled, 2) << "empty reads must still complete";
+  EXPECT_LE(handled, 7) << "at most about ten a second";
   EXPECT_LT(used, 0.25);
   EXPECT_THAT(run.events, ElementsAre("start"));
   run.wrapper->stopProcess();
   EXPECT_EQ(statusAtTheEnd(run), SIGTERM);
 }
 
-TEST_F(TaskWrapperTest, TheEndOfOutputStopsAProgramThatGoesOn) {
+TEST_F(TaskWrapperTest, TheEndOfOutputStopsAProgramThatKeepsRunning) {
   Recorded run({"/bin/sh", "-c", "echo x; exec /bin/sleep 60 >&- 2>&-"});
   run.wrapper->startProcess();
   ASSERT_TRUE(run.runToEnd());
@@ -243,10 +243,10 @@ TEST_F(TaskWrapperTest, TheEndCallbackMayStartTheNextRun) {
   run.wrapper->startProcess();
   ASSERT_TRUE(runUntil([&] { return run.count("end") == 2; }));
   EXPECT_EQ(joined(run.output), "xx");
-  EXPECT_EQ(statusAtTheEnd(run), 0);  // not ended by the first run's stop
+  EXPECT_EQ(statusAtTheEnd(run), 0);  // the first run's stop did not end it
 }
 
-TEST_F(TaskWrapperTest, TheEndCallbackMayLetGoOfTheWrapper) {
+TEST_F(TaskWrapperTest, TheEndCallbackMayReleaseTheWrapper) {
   Recorded run(childCommand(CHILD_PRINT, {"x"}));
   const std::weak_ptr<QDTaskWrapperWithBlocks> watched = run.wrapper;
   bool aliveInside = false;
@@ -299,7 +299,7 @@ class TaskWrapperOnASimulatedMachine : public testing::Test {
   ScopedPlatform scope{machine.platform()};
 };
 
-TEST_F(TaskWrapperOnASimulatedMachine, RunsWhatTheMachineHas) {
+TEST_F(TaskWrapperOnASimulatedMachine, RunsTheMachinesPrograms) {
   SimulatedRun program;
   program.pieces = {{SimulatedRun::Stream::error, "e"}, {SimulatedRun::Stream::output, "12\n"}};
   program.status = 4;
@@ -316,7 +316,7 @@ TEST_F(TaskWrapperOnASimulatedMachine, RunsWhatTheMachineHas) {
   EXPECT_THAT(calls, ElementsAre("launch /bin/sh -c wc -c", "terminate /bin/sh"));
 }
 
-TEST_F(TaskWrapperOnASimulatedMachine, PiecesArriveInTheOrderGivenAcrossBothStreams) {
+TEST_F(TaskWrapperOnASimulatedMachine, PiecesArriveInTheGivenOrderAcrossBothStreams) {
   using Stream = SimulatedRun::Stream;
   const std::vector<std::vector<Stream>> orders = {
       {Stream::output, Stream::output, Stream::error, Stream::output},
@@ -339,7 +339,7 @@ TEST_F(TaskWrapperOnASimulatedMachine, PiecesArriveInTheOrderGivenAcrossBothStre
   }
 }
 
-TEST_F(TaskWrapperOnASimulatedMachine, HandlersTakeCompletedReads) {
+TEST_F(TaskWrapperOnASimulatedMachine, HandlersAcceptCompletedReads) {
   SimulatedRun program;
   program.staysOn = true;
   machine.addProgram("/bin/cat", program);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Values in dictionaries, and locations.
+// Values in dictionaries, and URLs.
 #include <Vorlix/foundation/URL.h>
 #include <Vorlix/foundation/Value.h>
 #include <gmock/gmock.h>
@@ -17,7 +17,7 @@ using testing::ElementsAre;
 
 const UUID kUUID(UUID::Bytes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16});
 
-// One value of each type, its key naming it.
+// Returns a dictionary with one value of each type. Each key names the type.
 Dictionary everyType() {
   Dictionary inner;
   inner.set("Medium Type", std::string("Solid State"));
@@ -34,7 +34,7 @@ Dictionary everyType() {
   return dictionary;
 }
 
-TEST(ValueTest, ValueIsFoundUnderItsKeyWithItsType) {
+TEST(ValueTest, ValueIsFoundByItsKeyAndType) {
   const Dictionary dictionary = everyType();
   EXPECT_EQ(dictionary.boolean("boolean"), true);
   EXPECT_EQ(dictionary.integer("integer"), -7);
@@ -51,7 +51,7 @@ TEST(ValueTest, ValueIsFoundUnderItsKeyWithItsType) {
   EXPECT_THAT(list->values, ElementsAre(Value(int64_t{16}), Value(std::string("Preboot"))));
 }
 
-TEST(ValueTest, ValueOfAnotherTypeIsAbsentToTheTypedGetters) {
+TEST(ValueTest, TypedGettersIgnoreValuesOfOtherTypes) {
   const Dictionary dictionary = everyType();
   for (const auto& [key, value] : dictionary.values()) {
     EXPECT_EQ(dictionary.boolean(key).has_value(), key == "boolean") << key;
@@ -68,7 +68,7 @@ TEST(ValueTest, ValueOfAnotherTypeIsAbsentToTheTypedGetters) {
   }
 }
 
-TEST(ValueTest, KeyThatIsNotThereIsAbsentToAll) {
+TEST(ValueTest, MissingKeyIsAbsent) {
   for (const Dictionary& dictionary : {Dictionary(), everyType()}) {
     EXPECT_FALSE(dictionary.contains("none"));
     EXPECT_EQ(dictionary.value("none"), std::nullopt);
@@ -107,7 +107,7 @@ TEST(ValueTest, IntegersKeepAllTheirBits) {
   }
 }
 
-TEST(ValueTest, FalseAndZeroAndEmptyAreNotAbsent) {
+TEST(ValueTest, FalseZeroAndEmptyAreNotAbsent) {
   Dictionary dictionary;
   dictionary.set("false", false);
   dictionary.set("zero", int64_t{0});
@@ -117,7 +117,7 @@ TEST(ValueTest, FalseAndZeroAndEmptyAreNotAbsent) {
   EXPECT_EQ(dictionary.text("empty"), "");
 }
 
-TEST(ValueTest, CopyIsIndependentOfItsOriginal) {
+TEST(ValueTest, CopyIsIndependentOfTheOriginal) {
   Dictionary original = everyType();
   const Dictionary copy = original;
   original.set("text", std::string("changed"));
@@ -126,14 +126,14 @@ TEST(ValueTest, CopyIsIndependentOfItsOriginal) {
   EXPECT_FALSE(copy.contains("more"));
 }
 
-TEST(ValueTest, ValuesAreListedInTheOrderOfTheirKeys) {
+TEST(ValueTest, ValuesAreListedInKeyOrder) {
   const Dictionary dictionary = everyType();
   std::vector<std::string> keys;
   for (const auto& [key, value] : dictionary.values()) keys.push_back(key);
   EXPECT_THAT(keys, ElementsAre("array", "boolean", "data", "dictionary", "integer", "real", "text", "url", "uuid"));
 }
 
-TEST(ValueTest, LocationNamesItsPath) {
+TEST(ValueTest, URLHasItsPath) {
   EXPECT_EQ(URL().path(), "");
   EXPECT_EQ(URL::fileURLWithPath("/Volumes/A b%20\xC3\xBC").path(), "/Volumes/A b%20\xC3\xBC");
   EXPECT_EQ(URL::fileURLWithPath("/a"), URL::fileURLWithPath("/a"));

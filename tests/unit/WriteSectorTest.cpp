@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// write_new_gpt(): what reaches sector 0, when nothing does, what is asked and what is logged.
+// write_new_gpt(): what is written to sector 0 and when nothing is, and the questions and log messages.
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -30,7 +30,7 @@ class WriteSector : public FlatTest {
     for (size_t i = 0; i < bootCode.size(); ++i) bootCode[i] = static_cast<uint8_t>(i * 7 + 1);
     bootCodePath = makeFile("boot-code", bootCode);
 
-    std::memset(table.boot_code, 0x99, sizeof table.boot_code);  // not used
+    std::memset(table.boot_code, 0x99, sizeof table.boot_code);  // unused
     // flag, start head, sector, track, type, end head, sector, track, lba, size
     table.parts[0] = {0x00, 0, 2, 0, 0xEE, 127, 14, 25, 1, 409639};
     table.parts[1] = {0x80, 127, 15, 25, 0x07, 254, 63, 1023, 409640, 16040920};
@@ -38,7 +38,7 @@ class WriteSector : public FlatTest {
     table.signature = 0xAA55;
   }
 
-  // The whole sector that belongs to `table` and `bootCode`.
+  // Returns the sector that must result from `table` and `bootCode`.
   ByteVector expectedSector() const {
     ByteVector sector = bootCode;
     sector.resize(512);
@@ -61,7 +61,7 @@ class WriteSector : public FlatTest {
 
   void write(int nonInteractive = 1) { write_new_gpt(nonInteractive, "disk0", bootCodePath.c_str(), &table); }
 
-  // What an interactive call prints, given the answers on standard input.
+  // Returns the output of an interactive call with these answers on standard input.
   std::string ask(const std::string& answers) {
     const StandardInput input(makeFile("answers", {answers.begin(), answers.end()}));
     OutputCapture output(STDOUT_FILENO);
@@ -108,7 +108,7 @@ TEST_F(WriteSector, DiskSignatureComesFromTheBootCodeFile) {
   EXPECT_THAT(machine.bytes("disk0", 440, 6), ElementsAre(0xDE, 0xAD, 0xBE, 0xEF, 0x12, 0x34));
 }
 
-TEST_F(WriteSector, OnlyThe446FirstBytesOfALongerFileAreTaken) {
+TEST_F(WriteSector, OnlyTheFirst446BytesOfALongerFileAreUsed) {
   ByteVector longer = bootCode;
   longer.resize(1024, 0x77);
   makeFile("boot-code", longer);
@@ -116,7 +116,7 @@ TEST_F(WriteSector, OnlyThe446FirstBytesOfALongerFileAreTaken) {
   EXPECT_TRUE(written());
 }
 
-TEST_F(WriteSector, WhatAShorterFileLacksIsZero) {
+TEST_F(WriteSector, AShorterFileIsPaddedWithZeros) {
   for (const size_t length : {size_t{440}, size_t{1}, size_t{0}}) {
     bootCode.resize(length);
     makeFile("boot-code", bootCode);
@@ -127,23 +127,23 @@ TEST_F(WriteSector, WhatAShorterFileLacksIsZero) {
 }
 
 TEST_F(WriteSector, SectorIsNotMaskedOnEncoding) {
-  // What an LBA of 2^31 gives: head 84, sector 255, cylinder 62934 = 0xF5D6.
+  // The result for an LBA of 2^31: head 84, sector 255, cylinder 62934 = 0xF5D6.
   table.parts[3] = {0, 84, 255, 62934, 0x07, 84, 0x41, 0, 0x80000000, 1};
   write();
   EXPECT_THAT(machine.bytes("disk0", 494, 16), ElementsAre(0x00, 0x54, 0xFF, 0xD6,    // 255 | 0x40, 0xD6
-                                                           0x07, 0x54, 0x41, 0x00,    // 65 spills into the cylinder
+                                                           0x07, 0x54, 0x41, 0x00,    // 65 overflows into the cylinder
                                                            0x00, 0x00, 0x00, 0x80,    //
                                                            0x01, 0x00, 0x00, 0x00));  //
 }
 
-TEST_F(WriteSector, OnADiskOf4096ByteBlocksIsStill512Bytes) {
+TEST_F(WriteSector, OnADiskOf4096ByteBlocksStill512BytesAreWritten) {
   machine.addDisk("disk0", 1 << 20, 4096);
   write();
   EXPECT_TRUE(written());
   EXPECT_THAT(machine.writes(), ElementsAre("write disk0 0+512", "sync disk0"));
 }
 
-// --------------------------------------------------------------------------------------------------- what holds back
+// ------------------------------------------------------------------------------------------------------------ refusals
 
 TEST_F(WriteSector, WithoutBootCodePathNothingIsWrittenAndTheDeviceStaysOpen) {
   write_new_gpt(1, "disk0", nullptr, &table);
@@ -172,17 +172,17 @@ TEST_F(WriteSector, WrongSignatureIsRefusedAndTheDeviceStaysOpen) {
   }
 }
 
-TEST_F(WriteSector, WrongSignatureIsToldBeforeTheWrongType) {
+TEST_F(WriteSector, WrongSignatureIsReportedBeforeTheWrongType) {
   table.signature = 0;
   table.parts[0].type = 0x07;
   write();
   EXPECT_THAT(log(), testing::EndsWith("line:569"));
 }
 
-TEST_F(WriteSector, SlotOneThatIsNotProtectiveIsRefusedAndTheDeviceClosed) {
+TEST_F(WriteSector, SlotOneThatIsNotProtectiveIsRefusedAndTheDeviceIsClosed) {
   for (const uint8_t type : {uint8_t{0x00}, uint8_t{0x07}, uint8_t{0xEF}, uint8_t{0xFF}}) {
     table.parts[0].type = type;
-    table.parts[1].type = 0xEE;  // does not count
+    table.parts[1].type = 0xEE;  // irrelevant
     forgetLog();
     machine.clearJournal();
     write();
@@ -196,11 +196,11 @@ TEST_F(WriteSector, SlotOneThatIsNotProtectiveIsRefusedAndTheDeviceClosed) {
   }
 }
 
-// ----------------------------------------------------------------------------------- boot-code file that is missing
+// ---------------------------------------------------------------------------------------------- missing boot-code file
 
 using WriteSectorDeathTest = WriteSector;
 
-// On a real file, since what a child does to a simulated machine ends with it.
+// Uses a real file, because changes that a child makes to a simulated machine are lost.
 TEST_F(WriteSectorDeathTest, MissingBootCodeFileEndsTheProcessWithStatus255BeforeAnythingIsWritten) {
   const ByteVector disk(8192, 0x3C);
   const std::string image = makeFile("disk.img", disk);
@@ -217,7 +217,7 @@ TEST_F(WriteSectorDeathTest, MissingBootCodeFileEndsTheProcessWithStatus255Befor
                        "Error opening MBR file. Aborting");
 }
 
-TEST_F(WriteSectorDeathTest, EmptyBootCodePathIsAFileThatIsMissing) {
+TEST_F(WriteSectorDeathTest, EmptyBootCodePathCountsAsAMissingFile) {
   EXPECT_EXIT(write_new_gpt(1, "disk0", "", &table), testing::ExitedWithCode(255), "^$");
   EXPECT_EQ(log(), openingExclusive + "Device openedOpening MBR file at path Error opening MBR file. Aborting");
 }
@@ -227,7 +227,7 @@ TEST_F(WriteSectorDeathTest, FolderAsBootCodeFileEndsTheProcessToo) {
   EXPECT_THAT(log(), testing::EndsWith("Error opening MBR file. Aborting"));
 }
 
-TEST_F(WriteSectorDeathTest, MissingBootCodeFileEndsTheProcessBeforeSignatureAndTypeAreLookedAt) {
+TEST_F(WriteSectorDeathTest, MissingBootCodeFileEndsTheProcessBeforeSignatureAndTypeAreChecked) {
   table.signature = 0;
   table.parts[0].type = 0;
   EXPECT_EXIT(write_new_gpt(1, "disk0", (folder / "missing").c_str(), &table), testing::ExitedWithCode(255), "^$");
@@ -246,7 +246,7 @@ TEST_F(WriteSector, FallsBackToASharedLockWithoutAsking) {
   EXPECT_EQ(log(), openingExclusive + fallingBack + loggedUpToTheFile() + "Writing signature of aa55");
 }
 
-TEST_F(WriteSector, GivesUpWhenTheSharedLockFailsToo) {
+TEST_F(WriteSector, GivesUpIfTheSharedLockFailsToo) {
   machine.lockElsewhere("disk0", DeviceLock::exclusive);
   write();
   EXPECT_EQ(log(), openingExclusive + fallingBack + "Error trying to open device %{errono}d. Aborting.");
@@ -257,7 +257,7 @@ TEST_F(WriteSector, GivesUpWhenTheSharedLockFailsToo) {
   EXPECT_EQ(keptOpenCount(), 0U);
 }
 
-TEST_F(WriteSector, UnknownDeviceIsTriedWithBothLocks) {
+TEST_F(WriteSector, UnknownDeviceIsOpenedWithBothLocks) {
   write_new_gpt(1, "disk9", bootCodePath.c_str(), &table);
   EXPECT_THAT(machine.journal(), ElementsAre("open disk9 write exclusive: ENOENT", "open disk9 write shared: ENOENT"));
   EXPECT_THAT(log(), testing::EndsWith("Error trying to open device %{errono}d. Aborting."));
@@ -283,7 +283,7 @@ TEST_F(WriteSector, InteractiveDoesNotWriteOnAnyOtherAnswer) {
   }
 }
 
-TEST_F(WriteSector, EveryOtherSwitchValueAsksNothing) {
+TEST_F(WriteSector, EveryOtherSwitchValueSuppressesTheQuestion) {
   for (const int nonInteractive : {1, 2, -1}) {
     machine.setBytes("disk0", 0, ByteVector(512, 0x3C));
     OutputCapture output(STDOUT_FILENO);
@@ -302,7 +302,7 @@ TEST_F(WriteSector, InteractiveAsksBeforeItFallsBackToASharedLock) {
 
 TEST_F(WriteSector, InteractiveDoesNotFallBackOnAnyOtherAnswer) {
   machine.lockElsewhere("disk0", DeviceLock::shared);
-  // Each question takes one character, so that the "e" of a "yes" is the answer to the second one.
+  // Each question reads one character, so the "e" of "yes" answers the second question.
   for (const char* answers : {"y\nn\n", "y\nY\n", "y\n", "yes\nyes\n"}) {
     forgetLog();
     machine.clearJournal();
@@ -315,7 +315,7 @@ TEST_F(WriteSector, InteractiveDoesNotFallBackOnAnyOtherAnswer) {
 
 // ---------------------------------------------------------------------------------------------------------- faults
 
-TEST_F(WriteSector, ResultOfTheWriteIsNotTold) {
+TEST_F(WriteSector, FailedWriteIsNotReported) {
   machine.fail("disk0", Operation::write, EIO);
   OutputCapture errors(STDERR_FILENO);
   write();
@@ -325,14 +325,14 @@ TEST_F(WriteSector, ResultOfTheWriteIsNotTold) {
   EXPECT_EQ(machine.openCount(), 0U);
 }
 
-TEST_F(WriteSector, ShortWriteIsNotTriedAgain) {
+TEST_F(WriteSector, ShortWriteIsNotRetried) {
   machine.shortenWrites("disk0", 100);
   write();
   EXPECT_THAT(journalButReads(), ElementsAre("open disk0 write exclusive", "write disk0 0+512", "close disk0"));
   EXPECT_EQ(machine.openCount(), 0U);
 }
 
-TEST_F(WriteSector, FailingSyncOrCloseChangesNothing) {
+TEST_F(WriteSector, FailedSyncOrCloseIsIgnored) {
   for (const Operation operation : {Operation::sync, Operation::close}) {
     machine.setBytes("disk0", 0, ByteVector(512, 0x3C));
     machine.fail("disk0", operation, EIO);

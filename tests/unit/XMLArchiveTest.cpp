@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Archives in XML, as people and other programs make them of binary ones, and what hostile ones come to.
+// Archives in XML, as people and other programs make them from binary ones, and hostile ones.
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -26,7 +26,7 @@ std::string containerOf(const std::string& objects) {
                 entry("$objects", "<array><string>$null</string>" + objects + "</array>"));
 }
 
-// Entries of a record of the class at place 2, and the objects from place 3 on.
+// Builds an archive of a record with these entries. Its class is object 2, and `objects` start at 3.
 Data xmlArchive(const std::string& entries, const std::string& objects = "") {
   return bytesOf(kHead + containerOf(record(entries, 2) + kSampleClass + objects) + "\n</plist>\n");
 }
@@ -51,12 +51,12 @@ TEST(XMLArchiveTest, IsReadLikeABinaryOne) {
     EXPECT_FALSE(coder.decodeText("absent"));
     EXPECT_FALSE(coder.decodeText("nowhere"));
     EXPECT_TRUE(coder.decodeBool("flag"));
-    EXPECT_FALSE(coder.decodeBool("number")) << "an object, no plain value";
+    EXPECT_FALSE(coder.decodeBool("number")) << "an object is no plain value";
     EXPECT_EQ(coder.decodeNumber("flag"), Number::numberWithBool(true));
   }));
 }
 
-TEST(XMLArchiveTest, ANumberBeyondSixtyFourBitsWithASignIsAbsentAndNothingElse) {
+TEST(XMLArchiveTest, AnIntegerBeyondSigned64BitsIsAbsentAndNothingElse) {
   for (const char* number : {"9223372036854775808", "18446744073709551615", "99999999999999999999999999",
                              "-9223372036854775809", "0xFFFFFFFFFFFFFFFF", "12x", "", "&#49;"}) {
     const Data archive = xmlArchive(entry("key", uid(3)) + entry("text", uid(4)),
@@ -78,13 +78,13 @@ TEST(XMLArchiveTest, NumbersThatFitAreRead) {
   }
 }
 
-TEST(XMLArchiveTest, CommentsAndBlanksBetweenElementsAreNothing) {
+TEST(XMLArchiveTest, CommentsAndBlanksBetweenElementsAreIgnored) {
   const std::string container = containerOf(record("", 2) + kSampleClass);
   EXPECT_TRUE(isRead("<plist>" + container + "</plist>"));
   EXPECT_TRUE(isRead(" \n<!-- < --><plist version='1.0'>\t<!-- </plist> -->" + container + "\r\n</plist> <!-- -->\n"));
 }
 
-TEST(XMLArchiveTest, WhatWritersOfPropertyListsDoNotMakeIsRefused) {
+TEST(XMLArchiveTest, InputThatNoPropertyListWriterProducesIsRefused) {
   const std::string container = containerOf(record("", 2) + kSampleClass);
   ASSERT_TRUE(isRead("<plist>" + container + "</plist>"));
   for (const std::string& file : {
@@ -112,9 +112,9 @@ TEST(XMLArchiveTest, WhatWritersOfPropertyListsDoNotMakeIsRefused) {
   }
 }
 
-TEST(XMLArchiveTest, AnArchiveCutShortAnywhereIsRefused) {
+TEST(XMLArchiveTest, AnArchiveTruncatedAnywhereIsRefused) {
   const Data archive = xmlArchive(entry("key", uid(3)), "<string>text</string>");
-  for (size_t size = 0; size + 1 < archive.size(); ++size) {  // the last line feed is not missed
+  for (size_t size = 0; size + 1 < archive.size(); ++size) {  // the final line feed is optional
     EXPECT_FALSE(readBack(Data(archive.begin(), archive.begin() + static_cast<std::ptrdiff_t>(size)), nullptr)) << size;
   }
 }

@@ -111,6 +111,14 @@ std::string deviceMountedAt(const std::string& folder) {
   return {};
 }
 
+DevicePlace placeOf(const std::string& device) {
+  const SessionAndDisk opened = openDisk(device);
+  DevicePlace place;
+  place.name = ownName(device, *opened.disk);
+  if (const std::optional<URL> path = opened.disk->volumePath()) place.mountPoint = path->path();
+  return place;
+}
+
 std::string folderOfVolume(const std::string& volume, const std::optional<std::string>& state) {
   std::error_code unreadable;
   if (std::filesystem::is_directory(volume, unreadable)) return volume;

@@ -43,6 +43,14 @@ std::optional<std::string> mountPointOf(const std::string& device);
 /// Returns the device of the volume that is mounted at a folder; empty if none is.
 std::string deviceMountedAt(const std::string& folder);
 
+/// Returns the name of a device and the folder where its volume is mounted, by one look-up. Throws Failure for an
+/// unknown device.
+struct DevicePlace {
+  std::string name;
+  std::optional<std::string> mountPoint;
+};
+DevicePlace placeOf(const std::string& device);
+
 /// Returns the folder of a volume that the user named by that folder or by a device whose volume is mounted. Otherwise
 /// throws Failure with `state`.
 std::string folderOfVolume(const std::string& volume, const std::optional<std::string>& state = std::nullopt);

@@ -19,7 +19,7 @@ std::shared_ptr<BackupChoice> addBackupOptions(Command& command) {
   return choice;
 }
 
-ChangeBackup placeOf(const BackupChoice& choice) {
+ChangeBackup changeBackup(const BackupChoice& choice) {
   if (choice.isOff) return {};
   if (choice.folder.empty()) return {ChangeBackup::Place::stateFolder, ""};
   return {ChangeBackup::Place::folder, choice.folder};
@@ -36,7 +36,7 @@ void printUndo(const std::string& kept) {
 }
 
 FileBackup::FileBackup(const std::string& title, const std::vector<FileChange>& files, const BackupChoice& choice) {
-  if (const auto failure = keepFileChanges(title, files, placeOf(choice), kept_)) fail(*failure);
+  if (const auto failure = keepFileChanges(title, files, changeBackup(choice), kept_)) fail(*failure);
 }
 
 FileBackup::~FileBackup() {

@@ -22,7 +22,7 @@ struct BackupChoice {
 /// Adds the two options to a command. The choice outlives the command line's parsing.
 std::shared_ptr<BackupChoice> addBackupOptions(Command& command);
 
-ChangeBackup placeOf(const BackupChoice& choice);
+ChangeBackup changeBackup(const BackupChoice& choice);
 
 /// Returns what people give to `vorlix undo` for a backup: its name if it is in the state folder, else its path.
 std::string undoArgument(const std::string& kept);

@@ -167,7 +167,7 @@ void restoreVBR(const RestoreOptions& options, const ByteVector& saved) {
   const DiskChange change = planRestore(options, handle, saved);
   const ByteVector area = bootAreaOf(*handle, options.device);
   const bool hadCopy = hasSecondCopy(*handle, area);
-  const std::string kept = applyOrFail(change, placeOf(*options.backup));
+  const std::string kept = applyOrFail(change, changeBackup(*options.backup));
   std::printf("Restored   bytes 84 to 8191 of %s, read back; bytes 0 to 83 are its own\n",
               printable(options.device).c_str());
   const size_t inFirstSector = kSectorSize - kBootCodeOffset;

@@ -138,7 +138,7 @@ struct StoreResult {
 StoreResult putStore(const StoreOptions& options, const StorePlan& plan, UnmountedFile& file) {
   if (file.old() == plan.store) return {};
   checkRoom(file.room(), plan, file.old());
-  return {true, file.replaceBy(plan.store, placeOf(*options.backup))};
+  return {true, file.replaceBy(plan.store, changeBackup(*options.backup))};
 }
 
 StoreResult putStore(const StoreOptions& options, const StorePlan& plan, const MountedSlice& efi) {

@@ -46,6 +46,11 @@ Option& Option::showDefault() {
   return *this;
 }
 
+Option& Option::valueText(const std::string& text) {
+  inner_->option_text(text);
+  return *this;
+}
+
 bool Option::isGiven() const {
   return !inner_->empty();
 }
@@ -68,6 +73,12 @@ Option Command::addOption(const std::string& name, int32_t& target, const std::s
 
 Option Command::addOption(const std::string& name, std::optional<uint64_t>& target, const std::string& description) {
   return Option(inner_->add_option(name, target, description));
+}
+
+Option Command::addChoice(const std::string& name, std::function<void(int32_t)> set,
+                          const std::map<std::string, int32_t>& numbers, const std::string& description) {
+  CLI::Option* const option = inner_->add_option_function<int32_t>(name, std::move(set), description);
+  return Option(option->transform(CLI::CheckedTransformer(numbers))->type_name("ENUM"));
 }
 
 Option Command::addFlag(const std::string& name, bool& target, const std::string& description) {

@@ -45,6 +45,9 @@ class Option {
   /// Shows the target's present value in the help text.
   Option& showDefault();
 
+  /// Shows this in the help text in place of the kind of value.
+  Option& valueText(const std::string& text);
+
   /// Whether the user gave the option.
   bool isGiven() const;
 
@@ -66,6 +69,16 @@ class Command {
   Option addOption(const std::string& name, int32_t& target, const std::string& description);
   Option addOption(const std::string& name, std::optional<uint64_t>& target, const std::string& description);
 
+  /// Adds an option whose value is one of the names of an enumeration's values, or a value's number.
+  template <typename Enumeration>
+  Option addChoice(const std::string& name, Enumeration& target, const std::map<std::string, Enumeration>& values,
+                   const std::string& description) {
+    std::map<std::string, int32_t> numbers;
+    for (const auto& [text, value] : values) numbers[text] = static_cast<int32_t>(value);
+    return addChoice(
+        name, [&target](int32_t number) { target = static_cast<Enumeration>(number); }, numbers, description);
+  }
+
   /// Adds an option without a value, which sets the target to true.
   Option addFlag(const std::string& name, bool& target, const std::string& description);
 
@@ -83,6 +96,9 @@ class Command {
   void setAction(std::function<void()> action);
 
  private:
+  Option addChoice(const std::string& name, std::function<void(int32_t)> set,
+                   const std::map<std::string, int32_t>& numbers, const std::string& description);
+
   CLI::App* inner_;
 };
 

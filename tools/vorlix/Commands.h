@@ -10,6 +10,7 @@ namespace vorlix::tool {
 
 void addShowCommand(Command& top, int& status);
 void addHybridCommand(Command& top, int& status);
+void addBackupCommand(Command& top, int& status);
 void addCheckCommand(Command& top, int& status);
 void addIdentifyCommand(Command& top, int& status);
 void addMountCommands(Command& top, int& status);
@@ -17,6 +18,7 @@ void addBootStoreCommand(Command& top, int& status);
 void addBootRecordCommands(Command& top, int& status);
 void addLegacyBootCommand(Command& top, int& status);
 void addUndoCommand(Command& top, int& status);
+void addRestoreCommand(Command& top, int& status);
 void addRunCommand(Command& top, int& status);
 void addImageSizeCommand(Command& top, int& status);
 void addArchiveCommand(Command& top, int& status);

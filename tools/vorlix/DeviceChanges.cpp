@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <vector>
 
 #include "Complaint.h"
@@ -32,19 +33,23 @@ std::shared_ptr<DeviceHandle> openToLook(const std::string& device, DeviceLock l
   if (!handle) failToOpen(device, errno);
   mentionLostHeader(device, *handle, around);
   for (const InterruptedChange& change : interruptedChanges(*handle)) {
-    complain(device + ": a change was cut off (" + change.title + "); the next command that writes here finishes it");
+    const std::string name = std::filesystem::path(change.journal).filename().string();
+    complain(device + ": a change was cut off (" + change.title + "); " +
+             (change.isLong ? "vorlix restore --resume " + name : "the next command that writes here") +
+             " finishes it");
   }
   return handle;
 }
 
-std::shared_ptr<DeviceHandle> openToChange(const std::string& device, const DiskTables* around) {
+std::shared_ptr<DeviceHandle> openToChange(const std::string& device, const DiskTables* around,
+                                           const std::string& ownJournal) {
   DeviceFile& files = *platform().deviceFile;
   std::shared_ptr<DeviceHandle> handle = files.open(device, DeviceAccess::readWrite, DeviceLock::exclusive);
   if (!handle) handle = files.open(device, DeviceAccess::readWrite, DeviceLock::shared);
   if (!handle) failToOpen(device, errno);
   mentionLostHeader(device, *handle, around);
   std::vector<std::string> finished;
-  const auto failure = settleInterruptedChanges(device, *handle, finished);
+  const auto failure = settleInterruptedChanges(device, *handle, finished, ownJournal);
   for (const std::string& title : finished) {
     finishedOne = true;
     std::printf("Finished   %s, which was cut off earlier\n", printable(title).c_str());

@@ -22,7 +22,9 @@ std::shared_ptr<DeviceHandle> openToLook(const std::string& device, DeviceLock l
 /// Opens a device for reading and writing, locked against other processes: exclusively, or with a shared lock where the
 /// running system uses the disk. First finishes what an earlier command began on the disk and did not finish, and
 /// says so on standard output. Throws Failure.
-std::shared_ptr<DeviceHandle> openToChange(const std::string& device, const DiskTables* around = nullptr);
+/// @param ownJournal  folder of the journal of the change that this command goes on with
+std::shared_ptr<DeviceHandle> openToChange(const std::string& device, const DiskTables* around = nullptr,
+                                           const std::string& ownJournal = "");
 
 /// Whether openToChange() has finished an earlier change in this process: then nothing of this command's own may be on
 /// the disk, and yet something was written.

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/OwnBootCode.h>
 #include <Vorlix/QDSDiskFunctions.h>
 
 #include <algorithm>
@@ -47,6 +48,21 @@ void printDifference(const std::string& title, const Sector& before, const Secto
   }
 }
 
+// Says whose boot code will start the active slot, where no file was named.
+template <typename Note>
+void noteBootCode(const HybridPlan& plan, const Note& note) {
+  if (plan.bootCode == BootCodeOrigin::own) {
+    note("sector 0 had no boot code and gets our own, which starts the active slot");
+  } else if (plan.bootCode == BootCodeOrigin::disk && plan.volume) {
+    const bool isOwn = std::ranges::equal(ownBootCode(), Bytes(plan.disk.sector0).first(kPureBootCodeSize));
+    const bool isMissing = lacksDiskBootCode(plan.disk.sector0);
+    if (!isOwn) {
+      note(isMissing ? "sector 0 has no boot code, so the disk starts nothing"
+                     : "sector 0 keeps its boot code; --boot-code replaces it if it does not start the active slot");
+    }
+  }
+}
+
 // What a reader would not expect of a run.
 void printNotes(const HybridPlan& plan) {
   const auto note = [](const std::string& text) { std::printf("Note       %s\n", printable(text).c_str()); };
@@ -54,6 +70,7 @@ void printNotes(const HybridPlan& plan) {
   if (!std::equal(before.begin() + 440, before.begin() + 444, plan.newSector0.begin() + 440)) {
     note("the disk signature at byte 440 now is that of the boot-code file");
   }
+  noteBootCode(plan, note);
   if (!plan.volume) return;
   const VolumePlan& volume = *plan.volume;
   if (volume.isElsewhere) note(volume.name + " is not on " + plan.disk.device);
@@ -118,7 +135,7 @@ std::string apply(const HybridPlan& plan, const BackupChoice& choice) {
   const std::string& disk = plan.disk.device;
   const std::string volume = plan.volume ? plan.volume->name : "no volume";
   logLine(("Writing the hybrid MBR of " + disk + " and the boot sector of " + volume + "\n").c_str());
-  const std::string kept = applyOrFail(plan.change(), placeOf(choice));
+  const std::string kept = applyOrFail(plan.change(), changeBackup(choice));
   logLine(("The hybrid MBR of " + disk + " is on the medium\n").c_str());
   return kept;
 }
@@ -131,8 +148,11 @@ void addHybridCommand(Command& top, int& status) {
   Command command =
       top.addCommand("hybrid", "Write the hybrid MBR that a disk's GPT asks for and patch a moved Windows volume");
   command.addOption("DISK", request.disk, "Whole disk or disk-image file").required();
-  command.addOption("--boot-code", request.bootCode, "File with the MBR boot code (440 to 446 bytes are used)")
-      .required();
+  const Option bootCode = command.addOption(
+      "--boot-code", request.bootCode,
+      "File with MBR boot code, 440 to 446 bytes (default: the disk's own; vorlix's where it has none)");
+  command.addFlag("--keep-boot-code", request.keepsBootCode, "Write no boot code even where the disk has none")
+      .excludes(bootCode);
   const Option partition =
       command.addOption("--partition", request.partition, "GPT entry and MBR slot of the Windows volume").within(1, 4);
   command.addOption("--type", options->type, "MBR type for that slot, hexadecimal (default: as the GPT asks)");
@@ -142,9 +162,9 @@ void addHybridCommand(Command& top, int& status) {
   command.addFlag("--force", request.force, "Go on with a damaged GPT, or a volume or boot code that looks wrong");
   command.addFlag("--dry-run", options->dryRun, "Show the bytes that would change; open nothing for writing");
   const auto backup = addBackupOptions(command);
-  command.setAction([options, backup, partition, &status] {
+  command.setAction([options, backup, partition, bootCode, &status] {
     if (!partition.isGiven() && !options->request.guard) refuseWithout("--partition");
-    if (options->request.bootCode.empty()) refuseValue("--boot-code", "names no file");
+    if (bootCode.isGiven() && options->request.bootCode.empty()) refuseValue("--boot-code", "names no file");
     options->request.type = parseMBRType(options->type);
     options->request.writes = !options->dryRun;
     const HybridPlan plan = planHybrid(options->request);

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "HybridPlan.h"
 
+#include <Vorlix/OwnBootCode.h>
+#include <Vorlix/StartCheck.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -42,6 +45,26 @@ std::vector<uint8_t> readBootCode(const std::string& path, bool force) {
   const bool isEmpty = std::all_of(bytes.begin(), end, [](uint8_t byte) { return byte == 0; });
   if (isEmpty && !force) throw Failure(path, std::string("is no boot code, its bytes are all zero") + kForce);
   return bytes;
+}
+
+// The file's, or else the disk's. A disk without any gets our own, but for a guard MBR, which is to start nothing.
+std::vector<uint8_t> chooseBootCode(const HybridRequest& request, const std::vector<uint8_t>& file, HybridPlan& plan) {
+  if (!file.empty()) {
+    plan.bootCode = BootCodeOrigin::file;
+    return file;
+  }
+  const Sector& sector0 = plan.disk.sector0;
+  std::vector<uint8_t> code(sector0.begin(), sector0.begin() + static_cast<std::ptrdiff_t>(kBootCodeSize));
+  if (mbrKindOf(sector0) == MBRKind::volume) {
+    throw Failure(request.disk,
+                  "sector 0 is the boot sector of a volume, whose code starts no slot; name MBR boot "
+                  "code with --boot-code");
+  }
+  if (request.guard || request.keepsBootCode || !lacksDiskBootCode(sector0)) return code;
+  plan.bootCode = BootCodeOrigin::own;
+  const DiskBootCode own = ownBootCode();
+  std::copy(own.begin(), own.end(), code.begin());
+  return code;
 }
 
 std::shared_ptr<DeviceHandle> openFor(const HybridRequest& request, const std::string& device,
@@ -132,15 +155,13 @@ void planVolume(const HybridRequest& request, HybridPlan& plan) {
   VolumePlan volume;
   volume.name = request.volume.empty() ? sliceNameOf(request.disk, request.partition) : request.volume;
   volume.start = startOf(request, plan.disk, entry, volume.name);
-  if (!request.isLook()) {
-    if (const auto reason = whyNoHybrid(plan.disk)) throw Failure(request.disk, *reason);
-    requireSoundGPT(plan.disk, request.force);  // after what no --force changes
-  }
+  if (const auto obstacle = slotObstacle(plan.disk.entries)) throw Failure(request.disk, obstacle->text);
+  requireSoundGPT(plan.disk, request.force);  // after what no --force changes
   volume.handle = openFor(request, volume.name, &plan.disk);
   requirePlace(request, plan, volume, entry);
   volume.before = readBootSector(*volume.handle, volume.name);
   volume.oddity = whyOdd(volume, entry);
-  if (volume.oddity && !request.force && !request.isLook()) throw Failure(volume.name, *volume.oddity + kForce);
+  if (volume.oddity && !request.force) throw Failure(volume.name, *volume.oddity + kForce);
   const BootSectorKind kind = kindOf(volume.before);
   // The fields lie elsewhere in other file systems; writing there would damage them.
   volume.isPatched = kind == BootSectorKind::ntfs || kind == BootSectorKind::fat;
@@ -190,26 +211,22 @@ DiskChange HybridPlan::change() const {
   return change;
 }
 
-std::optional<std::string> whyNoHybrid(const DiskTables& disk) {
-  constexpr uint64_t kLargest = std::numeric_limits<uint32_t>::max();
-  for (uint32_t i = 0; i < kSlotCount; ++i) {
-    const GPTEntry& entry = disk.entries[i];
-    if (!isUsed(entry) || (entry.first_lba <= kLargest && entry.last_lba <= kLargest)) continue;
-    return "GPT entry " + std::to_string(i + 1) + ", sectors " + std::to_string(entry.first_lba) + " to " +
-           std::to_string(entry.last_lba) +
-           ", lies beyond the 32 bits of an MBR slot, which would show a place in another partition";
+void planSector0(const HybridRequest& request, HybridPlan& plan) {
+  if (plan.table.parts[0].type != kProtectiveType) {
+    throw Failure(request.disk, "slot 1 would be of type " + std::to_string(plan.table.parts[0].type) +
+                                    " instead of EE: GPT entry 1 must be the EFI System Partition");
   }
-  for (const auto& pair : overlappingEntries(disk.entries)) {
-    if (pair.first > kSlotCount) continue;  // the lower number; neither has a slot
-    return "GPT entries " + std::to_string(pair.first) + " and " + std::to_string(pair.second) + " overlap";
-  }
-  return std::nullopt;
+  std::vector<uint8_t> file;
+  if (!request.bootCode.empty()) file = readBootCode(request.bootCode, request.force);
+  const std::vector<uint8_t> code = chooseBootCode(request, file, plan);
+  const Sector wanted = makeSector0(code, plan.table.parts);
+  plan.difference = compareSector0(plan.disk.sector0, wanted);
+  plan.newSector0 = renewedSector0(plan.disk.sector0, wanted);
 }
 
 HybridPlan planHybrid(const HybridRequest& request) {
   HybridPlan plan;
-  std::vector<uint8_t> bootCode;
-  if (!request.isLook()) bootCode = readBootCode(request.bootCode, request.force);
+  if (!request.bootCode.empty()) readBootCode(request.bootCode, request.force);  // before the disk is opened
   plan.handle = openFor(request, request.disk);
   plan.disk = readTables(*plan.handle, request.disk);
   if (!plan.disk.header) {
@@ -224,14 +241,7 @@ HybridPlan planHybrid(const HybridRequest& request) {
     planVolume(request, plan);
     if (request.type != 0) plan.table.parts[request.partition - 1].type = request.type;
   }
-  if (plan.table.parts[0].type != kProtectiveType) {
-    throw Failure(request.disk, "slot 1 would be of type " + std::to_string(plan.table.parts[0].type) +
-                                    " instead of EE: GPT entry 1 must be the EFI System Partition");
-  }
-  const Bytes code = request.isLook() ? Bytes(plan.disk.sector0).first(kBootCodeSize) : Bytes(bootCode);
-  const Sector wanted = makeSector0(code, plan.table.parts);
-  plan.difference = compareSector0(plan.disk.sector0, wanted);
-  plan.newSector0 = renewedSector0(plan.disk.sector0, wanted);
+  planSector0(request, plan);
   if (request.writes && plan.volume) requireUnmounted(*plan.volume);
   return plan;
 }

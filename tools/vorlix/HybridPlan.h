@@ -17,18 +17,19 @@ namespace vorlix::tool {
 
 struct HybridRequest {
   std::string disk;
-  std::string bootCode;           ///< path; empty for a look that nothing will be written after
+  std::string bootCode;           ///< path; empty to keep the disk's, or to write our own where it has none
   uint32_t partition = 0;         ///< 0 to 4
   uint8_t type = 0;               ///< 0 leaves the type that the GPT asks for
   std::string volume;             ///< empty for slice `partition` of the disk
   std::optional<uint64_t> start;  ///< absent for the partition's first LBA
   bool guard = false;
-  bool force = false;   ///< go on where the content, the type or the GPT is odd
-  bool writes = false;  ///< open for writing; else nothing is
-
-  /// A look goes on whatever it finds, and tells.
-  bool isLook() const { return bootCode.empty(); }
+  bool keepsBootCode = false;  ///< write no boot code of our own
+  bool force = false;          ///< go on where the content, the type or the GPT is odd
+  bool writes = false;         ///< open for writing; else nothing is
 };
+
+/// Whose boot code sector 0 will have.
+enum class BootCodeOrigin { file, disk, own };
 
 /// A second boot sector of the volume, in one of the places where one may stand.
 struct SecondBootSector {
@@ -58,6 +59,7 @@ struct HybridPlan {
   std::shared_ptr<DeviceHandle> handle;
   PartitionTable table = {};  ///< the MBR that the disk should have
   Sector newSector0 = {};
+  BootCodeOrigin bootCode = BootCodeOrigin::disk;
   Sector0Difference difference;  ///< of sector 0
   std::optional<VolumePlan> volume;
   Serial serial = {};
@@ -70,12 +72,11 @@ struct HybridPlan {
   DiskChange change() const;
 };
 
+/// Works out sector 0 for `plan.table`, and chooses the boot code. Throws Failure.
+void planSector0(const HybridRequest& request, HybridPlan& plan);
+
 /// Reads everything and checks everything that can be checked; writes nothing. Throws Failure.
 HybridPlan planHybrid(const HybridRequest& request);
-
-/// What keeps entries of the GPT from being mirrored in MBR slots: numbers of more than 32 bits, entries that overlap.
-/// Each would put a slot into another partition. Absent where there is no such thing.
-std::optional<std::string> whyNoHybrid(const DiskTables& disk);
 
 /// An MBR type, "7" or "0x07"; 0 for an empty text. Throws Failure.
 uint8_t parseMBRType(const std::string& text);

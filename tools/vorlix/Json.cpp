@@ -40,4 +40,9 @@ void Json::print() const {
   std::puts(libraryValue(*this).dump(kIndent, ' ', false, Library::error_handler_t::replace).c_str());
 }
 
+void Json::printLine() const {
+  constexpr int kNoIndent = -1;
+  std::puts(libraryValue(*this).dump(kNoIndent, ' ', false, Library::error_handler_t::replace).c_str());
+}
+
 }  // namespace vorlix::tool

@@ -15,14 +15,14 @@
 
 namespace vorlix::tool {
 
-/// A value of JSON: null, boolean, whole number, text, array or object. Objects keep the order in which members were
+/// A value of JSON: null, boolean, number, text, array or object. Objects keep the order in which members were
 /// added.
 class Json {
  public:
   using Member = std::pair<std::string, Json>;
   using Members = std::vector<Member>;
   using Elements = std::vector<Json>;
-  using Value = std::variant<std::monostate, bool, int64_t, uint64_t, std::string, Elements, Members>;
+  using Value = std::variant<std::monostate, bool, int64_t, uint64_t, double, std::string, Elements, Members>;
 
   Json() = default;  ///< null
   Json(std::string text) : value_(std::move(text)) {}
@@ -40,6 +40,9 @@ class Json {
       value_ = static_cast<uint64_t>(number);
     }
   }
+
+  template <std::floating_point Number>
+  Json(Number number) : value_(static_cast<double>(number)) {}
 
   /// Null if the value is absent.
   template <typename Held>
@@ -71,6 +74,9 @@ class Json {
   /// Prints the value on standard output with an indent of two spaces, and a line feed. Text need not be UTF-8, because
   /// it may come from a disk; what is not becomes U+FFFD.
   void print() const;
+
+  /// Prints the value likewise, but on one line.
+  void printLine() const;
 
  private:
   explicit Json(Members members) : value_(std::move(members)) {}

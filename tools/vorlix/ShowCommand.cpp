@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/PartitionRecords.h>
 #include <Vorlix/QDSDiskFunctions.h>
+#include <Vorlix/foundation/LittleEndian.h>
 
 #include <cstdio>
 #include <memory>
@@ -47,9 +48,7 @@ std::string mbrKind(const DiskTables& disk) {
 }
 
 std::string diskSignature(const DiskTables& disk) {
-  uint32_t value = 0;
-  for (size_t i = 4; i > 0; --i) value = value << 8 | disk.sector0[440 + i - 1];
-  return hexDigits(value, 8);
+  return hexDigits(littleEndian(disk.sector0, 440, 4), 8);
 }
 
 class Comparison {

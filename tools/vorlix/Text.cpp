@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Text.h"
 
+#include <Vorlix/foundation/LittleEndian.h>
+#include <Vorlix/foundation/Utf8.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -58,25 +61,6 @@ constexpr NamedMBRType kMBRTypes[] = {
     {0xEF, "EFI System"},
     {0xFF, "Apple APFS"},
 };
-
-void appendUTF8(std::string& text, uint32_t point) {
-  const auto put = [&text](uint32_t byte) { text.push_back(static_cast<char>(byte)); };
-  if (point < 0x80) {
-    put(point);
-  } else if (point < 0x800) {
-    put(0xC0 | point >> 6);
-    put(0x80 | (point & 0x3F));
-  } else if (point < 0x10000) {
-    put(0xE0 | point >> 12);
-    put(0x80 | (point >> 6 & 0x3F));
-    put(0x80 | (point & 0x3F));
-  } else {
-    put(0xF0 | point >> 18);
-    put(0x80 | (point >> 12 & 0x3F));
-    put(0x80 | (point >> 6 & 0x3F));
-    put(0x80 | (point & 0x3F));
-  }
-}
 
 // Counts characters, not bytes: continuation bytes of UTF-8 take no column.
 size_t width(const std::string& text) {
@@ -137,17 +121,17 @@ std::string partitionName(const GPTEntry& entry) {
   constexpr uint32_t kReplacement = 0xFFFD;
   constexpr size_t kUnits = sizeof entry.name / 2;
   const auto unitAt = [&entry](size_t i) {
-    return i < kUnits ? static_cast<uint32_t>(entry.name[2 * i] | entry.name[2 * i + 1] << 8) : 0;
+    return i < kUnits ? uint32_t{vorlix::littleEndian16(entry.name + 2 * i)} : 0;
   };
   std::string text;
   for (size_t i = 0; i < kUnits && unitAt(i) != 0; ++i) {
     const uint32_t unit = unitAt(i);
     const uint32_t next = unitAt(i + 1);
     if (unit >= 0xD800 && unit < 0xDC00 && next >= 0xDC00 && next < 0xE000) {
-      appendUTF8(text, 0x10000 + ((unit - 0xD800) << 10) + (next - 0xDC00));
+      appendUtf8(text, 0x10000 + ((unit - 0xD800) << 10) + (next - 0xDC00));
       ++i;
     } else {
-      appendUTF8(text, unit >= 0xD800 && unit < 0xE000 ? kReplacement : unit);
+      appendUtf8(text, unit >= 0xD800 && unit < 0xE000 ? kReplacement : unit);
     }
   }
   return text;

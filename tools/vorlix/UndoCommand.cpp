@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/Restore.h>
 #include <Vorlix/platform/KeptChange.h>
+#include <Vorlix/platform/LongChange.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -32,7 +35,13 @@ struct UndoOptions {
   bool dryRun = false;
 };
 
-// Finds a backup by the path of its folder, or in the state folder by the beginning of its name.
+bool isJournalOfRestore(const std::string& folder) {
+  const std::vector<std::string> all = interruptedLongChanges();
+  return std::find(all.begin(), all.end(), folder) != all.end();
+}
+
+// Finds a backup by the path of its folder, or in the state folder by the beginning of its name. An interrupted restore
+// counts as well.
 std::string folderOfBackup(const std::string& name) {
   if (name.find('/') != std::string::npos) {
     const fs::path path(name);
@@ -43,6 +52,9 @@ std::string folderOfBackup(const std::string& name) {
   }
   std::vector<std::string> found;
   for (const std::string& folder : keptChanges()) {
+    if (fs::path(folder).filename().string().starts_with(name)) found.push_back(folder);
+  }
+  for (const std::string& folder : interruptedLongChanges()) {
     if (fs::path(folder).filename().string().starts_with(name)) found.push_back(folder);
   }
   if (found.empty()) throw Failure(name, "no backup of that name; `vorlix undo --list` shows all");
@@ -128,10 +140,44 @@ void printRestored(const DeviceUndo& devices, const FileUndo& files) {
   }
 }
 
+void printLost(const std::string& device) {
+  if (!device.empty()) std::printf("Lost       what the restore overwrote on %s\n", printable(device).c_str());
+}
+
+// Gives an interrupted restore up.
+void abandon(const UndoOptions& options, const std::string& folder) {
+  std::optional<ChangeFailure> failure;
+  auto journal = openLongChange(folder, failure);
+  if (failure) fail(*failure);
+  const DiskChange structures = journal->structures();
+  const std::string volume = structures.devices[journal->origin().device].device;
+  const bool isContentLost = !journal->pieces().empty();
+  if (options.dryRun) {
+    std::printf("Dry run: %s would be given up, and its boot sectors and sector 0 restored.\n",
+                printable(structures.title).c_str());
+    printLost(volume);
+    return;
+  }
+  std::vector<std::shared_ptr<DeviceHandle>> handles;
+  for (const DeviceChange& device : structures.devices) handles.push_back(openToChange(device.device, nullptr, folder));
+  if ((failure = abandonRestore(std::move(journal), handles))) fail(*failure);
+  for (const DeviceChange& device : structures.devices) {
+    for (const ByteChange& run : device.bytes) {
+      std::printf("Restored   %s: %s\n", printable(device.device).c_str(), printable(run.reason).c_str());
+    }
+  }
+  if (isContentLost) printLost(volume);
+}
+
 // @return whether there was, or in a dry run would be, anything to undo.
 bool undo(const UndoOptions& options, const BackupChoice& choice) {
-  const KeptChange kept = readBackup(folderOfBackup(options.journal));
   const LibraryLog log;  // look-ups write to it
+  const std::string folder = folderOfBackup(options.journal);
+  if (isJournalOfRestore(folder)) {
+    abandon(options, folder);
+    return true;
+  }
+  const KeptChange kept = readBackup(folder);
   DeviceUndo devices(kept, options.on, !options.dryRun);
   FileUndo files(kept, options.on);
   const bool isNeeded = !devices.change().empty() || !files.steps().empty();
@@ -140,11 +186,13 @@ bool undo(const UndoOptions& options, const BackupChoice& choice) {
   } else if (options.dryRun) {
     printDryRun(devices, files);
   } else {
-    const std::string redo = applyOrFail(devices.change(), placeOf(choice));
+    const std::string redo = applyOrFail(devices.change(), changeBackup(choice));
     const std::vector<std::string> left = files.run();
     printRestored(devices, files);
-    for (const std::string& folder : left)
-      std::printf("Left       %s, which has other files\n", printable(folder).c_str());
+    for (const std::string& path : left) {
+      std::printf("Left       %s, which has other files\n", printable(path).c_str());
+    }
+    printLost(kept.lost);
     printUndo(redo);
   }
   if (!options.dryRun && undoArgument(kept.folder) != kept.folder) dropKeptChange(kept.folder);

@@ -38,6 +38,7 @@ struct Commands {
 const std::vector<Commands>& allCommands() {
   using namespace vorlix::tool;
   static const std::vector<Commands> all = {
+      {addBackupCommand, {"backup"}},
       {addShowCommand, {"show"}},
       {addHybridCommand, {"hybrid"}},
       {addCheckCommand, {"check"}},
@@ -47,6 +48,7 @@ const std::vector<Commands>& allCommands() {
       {addBootRecordCommands, {"vbr", "boot-code"}},
       {addLegacyBootCommand, {"legacy-boot"}},
       {addUndoCommand, {"undo"}},
+      {addRestoreCommand, {"restore"}},
       {addRunCommand, {"run"}},
       {addImageSizeCommand, {"image-size"}},
       {addArchiveCommand, {"archive"}},

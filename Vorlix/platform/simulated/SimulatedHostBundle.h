@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// A host's resources as a test names them.
+/// Resources of a host, chosen by a test.
 #pragma once
 
 #include <Vorlix/platform/HostBundle.h>
@@ -13,7 +13,7 @@
 
 namespace vorlix {
 
-/// Ships what addResource() says and nothing else.
+/// Has the resources that addResource() added and no others.
 class SimulatedHostBundle : public HostBundle {
  public:
   void addResource(const std::string& name, const std::string& type, std::string path,

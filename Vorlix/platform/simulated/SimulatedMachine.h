@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// A machine of one's own making, for tests: disks with bytes, other processes' locks, faults, and a journal of what
-/// was asked of it.
+/// A simulated machine for tests: disks with bytes, locks of other processes, faults, and a journal of all calls.
 ///
 ///     SimulatedMachine machine;
 ///     machine.addDisk("disk0", 1000 * 512, 512);
@@ -29,7 +28,7 @@
 
 namespace vorlix {
 
-/// Puts a set of ports in force for the object's life.
+/// Replaces the ports of this process as long as the object exists.
 class ScopedPlatform {
  public:
   explicit ScopedPlatform(Platform replacement) : before_(setPlatform(std::move(replacement))) {}
@@ -41,7 +40,7 @@ class ScopedPlatform {
   Platform before_;
 };
 
-/// What can be made to fail, and what the journal calls it.
+/// The operations that can be made to fail, with their names in the journal.
 enum class Operation { open, read, write, sync, close };
 
 /// A volume on a simulated device.
@@ -49,60 +48,60 @@ struct SimulatedVolume {
   std::string kind;          ///< "msdos", "ntfs", "exfat", "hfs", "apfs"
   std::string name;          ///< label
   std::optional<UUID> uuid;  ///< volume identifier
-  std::string mountPath;     ///< where a mount puts it; what the library finds there is what addFile() and the like say
+  std::string mountPath;     ///< the mount point; addFile() and similar functions set what the library finds there
   bool mounted = false;
 };
 
 /// Registry calls that can be made to fail.
 enum class RegistryCall { masterPort, createIterator, matchingServices, copyProperties, parent, path };
 
-/// Names an entry of the simulated registry.
+/// Identifies an entry of the simulated registry.
 using RegistryEntryID = size_t;
 
-/// What a simulated program does when it is run. It ends by itself when all that it writes has been read.
+/// What a simulated program does when it runs. It ends by itself when everything that it writes has been read.
 struct SimulatedRun {
   enum class Stream { output, error };
 
-  /// Read as one chunk; not empty.
+  /// What is read as one chunk; not empty.
   struct Piece {
     Stream stream = Stream::output;
     std::string bytes;
   };
 
-  /// What it writes. A run loop delivers it in this order, across both streams as long as both are being read.
+  /// What the program writes. A run loop delivers it in this order, across both streams while both are being read.
   std::vector<Piece> pieces;
   int32_t status = 0;               ///< exit status
-  bool staysOn = false;             ///< after that keeps its streams open and runs until it is asked to end
-  bool ignoresTermination = false;  ///< goes on when it is asked to end
+  bool staysOn = false;             ///< keeps its streams open afterwards and runs until it is terminated
+  bool ignoresTermination = false;  ///< continues when it is terminated
 };
 
-/// Gives what a program does by its arguments.
+/// Returns what a program does with these arguments.
 using SimulatedProgram = std::function<SimulatedRun(const std::vector<std::string>& arguments)>;
 
 struct SimulatedState;
 
-/// A device is named with or without "/dev/"; the journal and this class use the bare name.
+/// Devices can be named with or without "/dev/". The journal uses names without it.
 ///
 /// Journal lines: "open disk0 read", "open disk0 write exclusive", "read disk0 512+512" (offset+count), "write disk0
-/// 0+512", "sync disk0", "close disk0", "describe disk0"; a refused one ends in ": " and the reason, as in "open disk0
-/// write exclusive: EWOULDBLOCK".
+/// 0+512", "sync disk0", "close disk0", "describe disk0". The line of a call that fails ends with ": " and the reason,
+/// as in "open disk0 write exclusive: EWOULDBLOCK".
 ///
 /// Disk arbitration: "session open", "session close", "schedule kCFRunLoopDefaultMode", "unschedule
 /// kCFRunLoopDefaultMode", "run kCFRunLoopDefaultMode 100" (milliseconds), "mount disk0s1", "mount disk0s1 nobrowse
 /// rw", "unmount disk0s1". Registry: "registry port", "registry iterate IOService", "registry match BSD disk0s1",
 /// "registry match class IOMedia". File copies: "copy <source> <destination>". Children: "launch /bin/sh -c ls" (path
 /// and arguments), "terminate /bin/sh". Others: "check code 100 <requirement>", "system log Vorlix: <text>", "shell
-/// <command>", "list mounted volumes". These say what was asked, whether or not it was
-/// refused; a session that could not be opened and the ports' other calls leave no line.
+/// <command>", "list mounted volumes". These lines are written whether or not the call is refused. Sessions that could
+/// not be opened and all other calls leave no line.
 ///
-/// A machine that was given a file, a folder or a link holds those and no other; copies stay within it. One that was
-/// given none looks at the files of the system that it runs on and copies those, for tests with folders of their own.
-/// The log file, and what the flat functions read and write at paths that they are given, are always real files.
+/// If files, folders or links were added, the machine has these and no others, and copies stay within it. If none was
+/// added, it uses the real files of the system, for tests with their own folders. The log file and the files that the
+/// flat functions read and write at given paths are always real.
 ///
-/// Time does not pass in the run loop: a run returns at once, whatever its limit is. A pause takes its time, unless
-/// duringPauses() has replaced it. A request is carried out in the run of the loop that handles it, or, without one,
-/// when its session is closed. A run of the loop that carries out no request completes one read of a child's output, if
-/// there is something to read or the output has just ended; since no time passes, reads after the end do not complete.
+/// No time passes in the run loop: a run returns at once, whatever its limit is. A pause takes its time, unless
+/// duringPauses() has replaced it. A request is carried out in the run of the loop that handles it, or else when its
+/// session is closed. A run that carries out no request completes one read of a child's output, if something can be
+/// read or the output has just ended. Since no time passes, reads after the end do not complete.
 class SimulatedMachine {
  public:
   SimulatedMachine();
@@ -110,131 +109,134 @@ class SimulatedMachine {
   SimulatedMachine(const SimulatedMachine&) = delete;
   SimulatedMachine& operator=(const SimulatedMachine&) = delete;
 
-  /// The ports of this machine. They share its state and stay valid after it.
+  /// Returns the ports of this machine. They share its state and remain valid after it is destroyed.
   Platform platform() const;
 
-  /// Adds a whole disk, all bytes zero. Unwritten parts take no memory.
+  /// Adds a whole disk whose bytes are zero. Parts that are not written take no memory.
   void addDisk(const std::string& name, uint64_t size, uint32_t blockSize);
 
   /// Adds slice `number` of `disk` under the name `<disk>s<number>`: `count` blocks from block `first`.
   void addSlice(const std::string& disk, uint32_t number, uint64_t first, uint64_t count);
 
-  /// Makes disk arbitration know the disk but not its block size.
+  /// Makes disk arbitration report no block size for the disk.
   void hideBlockSize(const std::string& disk);
 
   /// Makes disk arbitration unreachable: no session can be opened.
   void refuseSessions();
 
-  /// Disk arbitration's view of a device: a volume on it, one key of its description set or taken away, no description
-  /// at all, no whole disk. Block size, size and names are described from the start, a volume's keys from setVolume()
-  /// on, its path while it is mounted.
+  /// Set what disk arbitration reports for a device: a volume on it, one key of its description set or removed, no
+  /// description at all, no whole disk. A description has block size, size and names from the start, the keys of a
+  /// volume after setVolume(), and its path while it is mounted.
   void setVolume(const std::string& device, SimulatedVolume volume);
   void setDescription(const std::string& device, const std::string& key, Value value);
   void removeDescription(const std::string& device, const std::string& key);
   void hideDescription(const std::string& device);
   void hideWholeDisk(const std::string& device);
 
-  /// Answers mounts or unmounts of a device with a dissenter, from then on. Without this, a device without a volume
-  /// refuses as unsupported, a second mount as busy and an unmount of what is not mounted as such.
+  /// Refuse all further mounts or unmounts of a device with a dissenter. Otherwise a mount without a volume is refused
+  /// as unsupported, a second mount as busy, and an unmount of a volume that is not mounted as not mounted.
   void refuseMount(const std::string& device, int32_t status, const std::string& text = "");
   void refuseUnmount(const std::string& device, int32_t status, const std::string& text = "");
 
-  /// Lets a completion arrive only in the run of the loop after `runs` runs that handled nothing.
+  /// Delays each completion by `runs` runs of the loop that handle nothing.
   void delayCompletions(unsigned runs);
 
   bool isMounted(const std::string& device) const;
 
-  /// Adds a registry entry. `parents` names, for each plane that the entry is in, the entry above it; a plane without
-  /// an entry of that number has it as a root. An entry has the properties as given, "BSD Name" included. Iterators
-  /// hand out an entry before those below it, and these in the order they were added; only entries of the service
-  /// plane are services that can be matched. A path lists the names from the root's down.
+  /// Adds a registry entry. `parents` has, for each plane that the entry is in, the entry above it; an absent one makes
+  /// it a root of that plane. The entry has exactly the given properties, including "BSD Name". Iterators return an
+  /// entry before those below it, and these in the order in which they were added. Only entries in the service plane
+  /// can be matched as services. A path consists of the names from the root to the entry.
   RegistryEntryID addRegistryEntry(const std::string& name, const std::string& className, Dictionary properties,
                                    std::map<std::string, std::optional<RegistryEntryID>> parents);
 
-  /// Makes a registry call answer `code` and give nothing; a call on an entry only for `entry`, if that is given. A
-  /// code of 0 is a success that gives nothing.
+  /// Makes a registry call return `code` and no result; a call on an entry only for `entry`, if that is given. The code
+  /// 0 is success without a result.
   void failRegistry(RegistryCall call, KernReturn code, std::optional<RegistryEntryID> entry = std::nullopt);
 
-  /// Registry entries that are held now.
+  /// Returns the number of registry entries that are held now.
   size_t heldRegistryEntries() const;
 
-  /// Lets the host ship a resource, which stands at `path`; it ships no other.
+  /// Adds a resource of the host, at `path`. The host has no others.
   void addResource(const std::string& name, const std::string& type, const std::string& path,
                    const std::string& directory = "");
 
-  /// Puts a volume at the end of the list of mounted ones. Disk arbitration is told by setVolume() what is on a device;
-  /// neither follows from the other, as in a real machine for a moment.
+  /// Appends a volume to the list of mounted volumes. This does not change what disk arbitration reports (setVolume()):
+  /// on a real machine, too, the two can differ for a moment.
   void addMountedVolume(MountedVolume volume);
 
-  /// Whom the process runs for; 501, an ordinary user, at first.
+  /// Sets the user of the process. It is 501 at first, an ordinary user.
   void setRealUserID(uint32_t user);
 
-  /// What the command interpreter answers, whatever it is given; 0 at first. It runs nothing.
+  /// Sets the status that the command interpreter returns for every command; 0 at first. It runs nothing.
   void setShellStatus(int status);
 
-  /// Adds a folder, a file, a symbolic link or a pipe in place of what stands there, and the folders above it. Entries
-  /// are listed in the order in which they were added. The working folder is the root.
+  /// Add a folder, a file, a symbolic link or a pipe, and the folders above it. An item at that path is replaced.
+  /// Entries are listed in the order in which they were added. The working folder is the root.
   void addFolder(const std::string& path);
   void addFile(const std::string& path, const std::string& contents = "");
   void addLink(const std::string& path, const std::string& target);
   void addPipe(const std::string& path);
 
-  /// Takes names in a folder, and in those that are added below it from then on, for the same in any case, as the
-  /// volumes of some systems do. The folder is added if need be.
+  /// Makes a folder, and the folders that are added below it later, ignore the case of names, like the volumes of some
+  /// systems. Adds the folder if it does not exist.
   void ignoreCase(const std::string& folder);
 
-  /// Removes an item with all that is below it.
+  /// Removes an item and everything below it.
   void removeItem(const std::string& path);
 
-  /// Returns whether something stands at a path, be it a link that leads nowhere; the contents of a file.
+  /// Returns whether there is an item at a path, even a link that leads nowhere.
   bool holdsItem(const std::string& path) const;
+
+  /// Returns the contents of a file. Absent if there is no file at that path.
   std::optional<std::string> contentsOf(const std::string& path) const;
 
-  /// Where the library logs (a real file), and the tool that reports System Integrity Protection; the usual paths at
-  /// first.
+  /// Set the path of the log, a real file, and of the tool that reports System Integrity Protection. Both have the
+  /// usual paths at first.
   void setLogFile(const std::string& path);
   void setStatusTool(const std::string& path);
 
   /// Sets the decimal separator; until then it is the user's.
   void setDecimalSeparator(const std::string& separator);
 
-  /// Replaces pauses: they call `action` with their length and do not sleep. A test can do there what another process
-  /// would do meanwhile.
+  /// Makes pauses call `action` with their length instead of sleeping. A test can do there what another process would
+  /// do meanwhile.
   void duringPauses(std::function<void(std::chrono::milliseconds)> action);
 
-  /// Lets a copy of `source` fail with `reason`.
+  /// Makes copying `source` fail with `reason`.
   void failCopy(const std::string& source, const std::string& reason);
 
-  /// Puts a program at a path. A path without one cannot be launched (ENOENT). A program that was asked to end has the
-  /// number of SIGTERM as its status, and what it would have written later is lost.
+  /// Adds a program at a path. Launching another path fails with ENOENT. A program that is terminated has the number of
+  /// SIGTERM as its status, and the rest of its output is lost.
   void addProgram(const std::string& path, SimulatedProgram program);
   void addProgram(const std::string& path, SimulatedRun run);
 
-  /// What a check of that process's code comes to, whatever is required of it. Other processes do not run.
+  /// Sets the result of checking the code of that process against any requirement. No other process is running.
   void setCodeCheck(int32_t process, CodeCheck outcome);
 
-  /// Bytes of a device, without a journal line. Reading past the end gives fewer; writing there is an error.
+  /// Return and set bytes of a device, without a line in the journal. Reading past the end returns fewer bytes.
+  /// @throws std::out_of_range if setBytes() would write past the end.
   std::vector<uint8_t> bytes(const std::string& device, uint64_t offset, size_t count) const;
   void setBytes(const std::string& device, uint64_t offset, const std::vector<uint8_t>& bytes);
 
-  /// Fails an operation on a device with `error` after `successes` of its kind have gone through, from then on.
+  /// Makes an operation on a device fail with `error` after it has succeeded `successes` times.
   void fail(const std::string& device, Operation operation, int error, unsigned successes = 0);
 
-  /// Lets writes to a device stop after `count` bytes each, as a medium that is full does.
+  /// Makes each write to a device stop after `count` bytes, as on a full medium.
   void shortenWrites(const std::string& device, size_t count);
 
-  /// Another process's lock on the whole disk.
+  /// Sets the lock that another process has on the whole disk.
   void lockElsewhere(const std::string& disk, DeviceLock lock);
 
-  /// Everything asked so far, in order.
+  /// Returns all lines so far, in order.
   std::vector<std::string> journal() const;
 
-  /// The journal's lines about writing: "write" and "sync".
+  /// Returns the lines of the journal that begin with "write" or "sync".
   std::vector<std::string> writes() const;
 
   void clearJournal();
 
-  /// Devices that are open now.
+  /// Returns the number of devices that are open now.
   size_t openCount() const;
 
  private:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /// @file
-/// Paths as a test chooses them.
+/// Paths chosen by a test.
 #pragma once
 
 #include <Vorlix/platform/SystemPaths.h>
@@ -10,7 +10,7 @@
 
 namespace vorlix {
 
-/// The usual paths until a test sets others. Not while another thread may log.
+/// Has the usual paths until a test sets others. Set none while another thread may log.
 class SimulatedSystemPaths : public SystemPaths {
  public:
   void setLogFile(std::string path) { logFile_ = std::move(path); }

@@ -1,16 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <syslog.h>
+
 #include <cerrno>
 
 #include "Module.h"
 #include "platform/linux/MountCall.h"
-#include "platform/linux/modules/Modules.h"
+#include "platform/linux/modules/ModuleLoader.h"
 
 namespace vorlix {
 namespace {
 
+MountCallEntry* loadMounting() {
+  const LoadedEntry module = loadModule("mounting.so", kMountCallEntry);
+  if (module.entry != nullptr) return reinterpret_cast<MountCallEntry*>(module.entry);
+  syslog(LOG_ERR, "Vorlix: nothing can be mounted without %s: %s", module.name.c_str(), module.reason.c_str());
+  return nullptr;
+}
+
 MountOutcome callModule(const PlainMountCall& call) {
-  static auto* const entry =
-      reinterpret_cast<MountCallEntry*>(entryOfModule("mounting.so", kMountCallEntry, "nothing can be mounted"));
+  static MountCallEntry* const entry = loadMounting();
   if (entry == nullptr)
     return {ELIBACC, false, "the module mounting.so cannot be loaded; the system's log has the reason"};
   PlainMountOutcome outcome;

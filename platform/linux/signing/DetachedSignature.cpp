@@ -18,7 +18,7 @@ namespace {
 constexpr off_t kLargestSignature = off_t{1} << 20;
 constexpr int kSmallestDigest = 32;  // bytes
 
-// The signature's only signer, or null.
+// Returns the only signer of a signature, or null.
 CMS_SignerInfo* onlySigner(CMS_ContentInfo* cms) {
   STACK_OF(CMS_SignerInfo)* const signers = CMS_get0_SignerInfos(cms);
   return signers != nullptr && sk_CMS_SignerInfo_num(signers) == 1 ? sk_CMS_SignerInfo_value(signers, 0) : nullptr;
@@ -78,7 +78,7 @@ std::optional<std::string> DetachedSignature::signersUnit(int file, const OwnedS
 
   const OwnedBIO content(BIO_new_fd(file, BIO_NOCLOSE));
   if (!content || lseek(file, 0, SEEK_SET) != 0) return std::nullopt;
-  // Certificates in the signature may be links of the chain; trusted are the anchors only.
+  // Certificates in the signature may be part of the chain, but only the anchors are trusted.
   if (CMS_verify(cms_.get(), nullptr, anchors.get(), content.get(), nullptr, CMS_BINARY) != 1) return std::nullopt;
 
   X509* certificate = nullptr;

@@ -7,7 +7,7 @@
 
 #include "platform/linux/SignersUnit.h"
 
-// No exception crosses from one binary to the other.
+// Exceptions must not pass from one binary to another.
 extern "C" __attribute__((visibility("default"))) long vorlix_signers_unit(const char* signature, int file,
                                                                            const char* anchors, char* unit,
                                                                            size_t size) try {

@@ -29,12 +29,12 @@ using OwnedCMS = std::unique_ptr<CMS_ContentInfo, OpenSSLReleaser<CMS_ContentInf
 using OwnedCertificate = std::unique_ptr<X509, OpenSSLReleaser<X509_free>>;
 using OwnedStore = std::unique_ptr<X509_STORE, OpenSSLReleaser<X509_STORE_free>>;
 
-/// Given to the readers of PEM, which otherwise ask a person for the password of what claims to be encrypted.
+/// For readers of PEM, which would otherwise ask the user for the password of an encrypted file.
 inline int noPassword(char*, int, int, void*) {
   return -1;
 }
 
-/// Leaves the calling thread's queue of OpenSSL errors as it was; failures here are answers, not the host's business.
+/// Restores the calling thread's queue of OpenSSL errors: failures here are results and do not concern the host.
 class OpenSSLErrors {
  public:
   OpenSSLErrors() { ERR_set_mark(); }

@@ -29,7 +29,7 @@ bool isTrustedFolder(const fs::path& folder) {
   if (stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return false;
   if (geteuid() != 0) return true;
   if (!belongsToRoot(status, false)) return false;
-  // Whoever can move a folder above can put another in its place.
+  // A user who can move a folder above could replace it.
   for (fs::path above = folder; above.has_relative_path();) {
     above = above.parent_path();
     if (stat(above.c_str(), &status) != 0 || !belongsToRoot(status, true)) return false;
@@ -81,7 +81,7 @@ std::optional<OwnedStore> trustAnchors(const fs::path& folder) {
   X509_VERIFY_PARAM* const rules = X509_STORE_get0_param(store.get());
   X509_VERIFY_PARAM_set_depth(rules, kMostIntermediates);
   X509_VERIFY_PARAM_set_auth_level(rules, kSecurityLevel);
-  // Signing code is asked of the leaf by itself; the purposes that the verifier knows are those of mail and of servers.
+  // The purpose of the leaf is checked separately, because the verifier only knows purposes such as mail and servers.
   if (X509_VERIFY_PARAM_set_purpose(rules, X509_PURPOSE_ANY) != 1) return std::nullopt;
   return store;
 }

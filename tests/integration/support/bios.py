@@ -79,14 +79,18 @@ def make_system(path, name):
     samples.write(path, CODE, code.ljust(CODE_END - CODE, b"\0"))
 
 
-def start(disk, folder):
-    """Starts the disk, with the emulator's files in `folder`. Returns the serial output and QEMU's status."""
+def start(disk, folder, drive="ide", order="c"):
+    """
+    Starts the disk, with the emulator's files in `folder`. Returns the serial output and QEMU's status.
+
+    `drive` is the kind of drive, `order` its letter in QEMU's boot order: "floppy" goes with "a".
+    """
     serial = os.path.join(folder, "serial")
     command = [
         QEMU, "-accel", "tcg", "-m", "32", "-nodefaults", "-nographic",  # the BIOS then prints on COM1 too
         "-serial", f"file:{serial}",
-        "-drive", f"file={disk},format=raw,if=ide,snapshot=on",
-        "-boot", "order=c,reboot-timeout=1", "-no-reboot",  # milliseconds from "No bootable device" to the end
+        "-drive", f"file={disk},format=raw,if={drive},snapshot=on",
+        "-boot", f"order={order},reboot-timeout=1", "-no-reboot",  # milliseconds from "No bootable device" to the end
         "-device", "isa-debug-exit,iobase=0xf4,iosize=1",
     ]
     try:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Copies of files and folders with all that belongs to them.
+// Copies of files and folders with their metadata.
 #pragma once
 
 #include <stdint.h>

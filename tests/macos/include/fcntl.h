@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What open() and fcntl() take on macOS besides.
+// Flags and requests that only macOS has.
 #pragma once
 
 #include_next <fcntl.h>

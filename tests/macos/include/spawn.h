@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Programs that get no descriptors but those they are given.
+// Programs that inherit only the descriptors they are given.
 #pragma once
 
 #include_next <spawn.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Streams over functions, positions that are numbers, and renaming to a name that is free.
+// Streams over functions, positions that are numbers, and renaming without replacing.
 #pragma once
 
 #include_next <stdio.h>

@@ -27,7 +27,7 @@ struct DissenterState {
 };
 using DissenterObject = RuntimeObject<DADissenterRef, DissenterState>;
 
-/// A request that the daemon has, and whom it answers.
+/// A request to the daemon, and the callback for its answer.
 struct Asked {
   std::string device;
   MountAction action = MountAction::mount;
@@ -46,7 +46,7 @@ struct SessionState {
   unsigned scheduled = 0;
   std::deque<Asked> asked;
 
-  // The daemon does what it was asked for, also where nobody waits for the answer any more.
+  // The daemon carries out a request even if nobody waits for its answer.
   ~SessionState() {
     for (Asked& request : asked) carryOut(request);
   }
@@ -63,15 +63,16 @@ struct DiskState {
   static constexpr const char* kName = "DADisk";
   DASessionRef session = nullptr;
   std::string id;  // a path in the devices' folder
+  bool isDescribed = false;
   ~DiskState() { CFRelease(session); }
   std::string name() const { return id.substr(std::strlen("/dev/")); }
 };
 using DiskObject = RuntimeObject<DADiskRef, DiskState>;
 
-// A disk object is made of any name (DADisk.c); it holds its session.
-DADiskRef createDisk(DASessionRef session, std::string id) {
+// A disk object can be made from any name (DADisk.c). It retains its session.
+DADiskRef createDisk(DASessionRef session, std::string id, bool isDescribed = false) {
   CFRetain(session);
-  return DiskObject::create(new DiskState{session, std::move(id)});
+  return DiskObject::create(new DiskState{session, std::move(id), isDescribed});
 }
 
 DADissenterRef createDissenter(const Dissenter& dissenter) {
@@ -113,7 +114,7 @@ void queueRequest(DADiskRef disk, Asked request) {
   SessionState& session = SessionObject::of(target.session);
   request.device = target.name();
   if (system().requestRefusal != 0) {
-    // Where the request cannot be queued, whoever asked is called back before the call returns (DiskArbitration.c).
+    // If the request cannot be queued, the framework calls back before the call returns (DiskArbitration.c).
     request.answer = Dissenter{system().requestRefusal, ""};
     callBack(request, target.session);
     return;
@@ -157,8 +158,8 @@ DASessionRef DASessionCreate(CFAllocatorRef) {
   return SessionObject::create(new SessionState{state, std::move(lookUps), nullptr, 0, {}});
 }
 
-// The first scheduling makes the session's source, which holds the session; the last unscheduling ends it
-// (DASession.c). A session that stays scheduled is therefore never gone.
+// The first scheduling makes the session's source, which retains the session; the last unscheduling ends it
+// (DASession.c). So a session that stays scheduled is never freed.
 void DASessionScheduleWithRunLoop(DASessionRef session, CFRunLoopRef runLoop, CFStringRef runLoopMode) {
   SessionState& state = SessionObject::of(session);
   if (++state.scheduled == 1) {
@@ -194,7 +195,7 @@ DADiskRef DADiskCreateFromBSDName(CFAllocatorRef, DASessionRef session, const ch
   return createDisk(session, given.starts_with("/dev/") ? given : "/dev/" + given);
 }
 
-// Only a mount point itself is found, not what lies below it.
+// Finds a volume by its mount point only, not by a path below it.
 DADiskRef DADiskCreateFromVolumePath(CFAllocatorRef, DASessionRef session, CFURLRef path) {
   char bytes[PATH_MAX] = {};
   if (path == nullptr || !CFURLGetFileSystemRepresentation(path, true, reinterpret_cast<UInt8*>(bytes), PATH_MAX)) {
@@ -210,9 +211,13 @@ const char* DADiskGetBSDName(DADiskRef disk) {
 }
 
 CFDictionaryRef DADiskCopyDescription(DADiskRef disk) {
-  const DiskState& state = DiskObject::of(disk);
-  const auto known = SessionObject::of(state.session).lookUps->diskFromBSDName(state.name());
+  DiskState& state = DiskObject::of(disk);
+  const SessionState& session = SessionObject::of(state.session);
+  const size_t noted = session.state->journal.size();
+  const auto known = session.lookUps->diskFromBSDName(state.name());
   const auto description = known ? known->copyDescription() : std::nullopt;
+  const bool isFirstLook = !std::exchange(state.isDescribed, true);
+  if (isFirstLook && system().isSimulation) session.state->journal.resize(noted);
   return description ? createDictionary(*description) : nullptr;
 }
 
@@ -220,7 +225,7 @@ DADiskRef DADiskCopyWholeDisk(DADiskRef disk) {
   const DiskState& state = DiskObject::of(disk);
   const auto known = SessionObject::of(state.session).lookUps->diskFromBSDName(state.name());
   const auto whole = known ? known->wholeDisk() : nullptr;
-  return whole ? createDisk(state.session, "/dev/" + *whole->bsdName()) : nullptr;
+  return whole ? createDisk(state.session, "/dev/" + *whole->bsdName(), true) : nullptr;
 }
 
 void DADiskMountWithArguments(DADiskRef disk, CFURLRef, DADiskMountOptions, DADiskMountCallback callback, void* context,
@@ -238,7 +243,7 @@ DAReturn DADissenterGetStatus(DADissenterRef dissenter) {
   return DissenterObject::of(dissenter).status;
 }
 
-// Not the caller's; null where there is none.
+// The caller does not own the text. Null if there is none.
 CFStringRef DADissenterGetStatusString(DADissenterRef dissenter) {
   return DissenterObject::of(dissenter).text;
 }

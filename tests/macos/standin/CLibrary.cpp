@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Smaller things that the C library of macOS has.
+// Functions that only the C library of macOS has.
 #include <asl.h>
 #include <crt_externs.h>
 #include <fcntl.h>
@@ -16,6 +16,7 @@
 #include <set>
 
 #include "System.h"
+#include "platform/simulated/SimulatedState.h"
 
 extern "C" {
 int __real_posix_spawnattr_setflags(posix_spawnattr_t* attributes, short flags);
@@ -58,7 +59,7 @@ int closeStream(void* stream) {
   return self->close(self->cookie);
 }
 
-// What is asked of a program's start that this system's posix_spawn() does not know.
+// Spawn options that this system's posix_spawn() does not have.
 struct SpawnRequests {
   std::mutex mutex;
   std::set<const posix_spawnattr_t*> closeOthers;
@@ -103,6 +104,7 @@ int asl_log(asl_object_t, asl_object_t, int level, const char* format, ...) {
   vsnprintf(text.data(), text.size(), format, list);
   va_end(list);
   vorlix::standin::system().logged.push_back(std::to_string(level) + " " + text.data());
+  vorlix::standin::system().state->journal.push_back(std::string("system log ") + text.data());
   return 0;
 }
 

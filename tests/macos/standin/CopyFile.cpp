@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// copyfile(): a tree is gone through entry by entry, and who asked is told of each that starts, ends or fails.
+// copyfile(): walks a tree entry by entry, and calls back when an entry starts, ends or fails.
 #include <copyfile.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -93,7 +93,7 @@ class Told {
   bool isFailureQuit(int what, int error, const fs::path& from, const fs::path& to) const {
     errno = error;
     const bool quits = isQuit(what, COPYFILE_ERR, from, to);
-    // Who calls a copy off is only told that it was.
+    // After the callback cancels the copy, copyfile() reports only that it was cancelled.
     errno = state_ != nullptr && state_->callback != nullptr ? ECANCELED : error;
     return quits;
   }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// CFFileDescriptor. A source of the run loop has a counter for its port, which Core Foundation reads here by itself; a
-// thread counts up when the descriptor can be read.
+// CFFileDescriptor. The port of its run-loop source is a counter (eventfd), which Core Foundation reads. A thread
+// increments the counter when the descriptor becomes readable.
 #include <CoreFoundation/CFFileDescriptor.h>
 #include <poll.h>
 #include <signal.h>
@@ -62,7 +62,7 @@ void* portOf(void* info) {
   return reinterpret_cast<void*>(static_cast<intptr_t>(WatchObject::of(info).port));
 }
 
-// Calls once for each time that callbacks were enabled.
+// Calls back once each time callbacks are enabled.
 void perform(void* info) {
   WatchState& state = WatchObject::of(info);
   if (!state.isValid || (state.enabled & kCFFileDescriptorReadCallBack) == 0) return;
@@ -104,7 +104,7 @@ void CFFileDescriptorInvalidate(CFFileDescriptorRef watched) {
   state.isValid = false;
 }
 
-// The source holds what is watched.
+// The source retains the file descriptor object.
 CFRunLoopSourceRef CFFileDescriptorCreateRunLoopSource(CFAllocatorRef, CFFileDescriptorRef watched, CFIndex order) {
   CFRunLoopSourceContext1 context = {};
   context.version = 1;

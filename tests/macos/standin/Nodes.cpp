@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The kernel's files: disks' nodes, which are not on this machine, and the locks that open() takes on other files. The
-// linker leads the calls of these names here (--wrap); what is no node goes on to the C library.
+// The kernel's files: disk nodes, which this machine does not have, and the locks that open() takes on other files. The
+// linker redirects these calls to this file (--wrap). Calls on other files go on to the C library.
 #include <fcntl.h>
 #include <sys/disk.h>
 #include <sys/file.h>
@@ -85,8 +85,8 @@ std::string wholeOf(const std::string& name) {
   return device == system().state->devices.end() ? name : device->second.disk;
 }
 
-// A writer that does not share keeps a whole disk to itself: the partition scheme above it is torn down, and with it go
-// the slices and their nodes until the writer has closed (IOMedia::handleOpen).
+// While a writer without a shared lock has a whole disk open, the kernel terminates the partition scheme, and with it
+// the slices and their nodes (IOMedia::handleOpen).
 bool isTornDown(const std::string& name) {
   const std::string whole = wholeOf(name);
   if (whole == name) return false;
@@ -107,7 +107,7 @@ std::optional<Node> nodeAt(const char* path) {
   return node;
 }
 
-// Names of the devices' folder that only this machine has.
+// Whether a path names a disk node, which must not reach this system's own devices.
 bool isDiskName(const char* path) {
   const std::string_view name = path;
   return name.starts_with("/dev/disk") || name.starts_with("/dev/rdisk");
@@ -120,19 +120,27 @@ bool isSliceInUse(const std::string& whole) {
   return false;
 }
 
-// What the storage family grants (dkopen in IOMediaBSDClient.cpp, IOMedia::handleOpen): an exclusive lock is for one
-// who is alone on the node, block and raw together, and keeps all others out; a writer of a whole disk that does not
-// share needs its slices unused.
+bool isLockedExclusively(const std::string& name) {
+  for (const auto& open : openOn(name)) {
+    if (open->lock == DeviceLock::exclusive) return true;
+  }
+  return false;
+}
+
+// What the storage family grants (dkopen in IOMediaBSDClient.cpp, IOMedia::handleOpen and its table of accesses): an
+// exclusive lock needs a node (block and raw together) that nobody else has open, and keeps all others out. The
+// partition scheme has a whole disk open, with a shared lock, while a slice of it is open
+// (IOPartitionScheme::handleOpen). So an exclusive lock on the disk, or a writer of it that does not share, needs its
+// slices unused, and a slice cannot be opened beside an exclusive lock on its disk.
 int refusalOf(const Node& node, bool writes, DeviceLock lock) {
   const auto others = openOn(node.name);
   const auto elsewhere = system().openedElsewhere.find(node.name);
   const bool isOpenElsewhere = elsewhere != system().openedElsewhere.end();
   if (lock == DeviceLock::exclusive && (!others.empty() || isOpenElsewhere || isMounted(node.name))) return EBUSY;
   if (isOpenElsewhere && elsewhere->second == DeviceLock::exclusive) return EBUSY;
-  for (const auto& other : others) {
-    if (other->lock == DeviceLock::exclusive) return EBUSY;
-  }
-  if (writes && lock != DeviceLock::shared && wholeOf(node.name) == node.name && isSliceInUse(node.name)) return EBUSY;
+  if (isLockedExclusively(node.name) || isLockedExclusively(wholeOf(node.name))) return EBUSY;
+  const bool sharesWithSlices = lock == DeviceLock::shared || (!writes && lock == DeviceLock::none);
+  if (!sharesWithSlices && wholeOf(node.name) == node.name && isSliceInUse(node.name)) return EBUSY;
   return 0;
 }
 
@@ -154,8 +162,13 @@ int openNode(const Node& node, int flags) {
   const SimulatedWindow& window = open->state->device(node.name);
   open->blockSize = open->state->disks.at(window.disk).blockSize.value_or(512);
   open->size = window.size;
-  open->handle = makeSimulatedDeviceFile(open->state)
-                     ->open(node.name, writes ? DeviceAccess::readWrite : DeviceAccess::readOnly, lock);
+  const auto devices = makeSimulatedDeviceFile(open->state);
+  const DeviceAccess access = writes ? DeviceAccess::readWrite : DeviceAccess::readOnly;
+  open->handle = devices->open(node.name, access, lock);
+  // A simulated lock is on the whole disk, the kernel's on the node.
+  const bool isFree = open->state->disks.at(window.disk).lockedElsewhere == DeviceLock::none;
+  if (!open->handle && errno == EWOULDBLOCK && isFree)
+    open->handle = devices->open(node.name, access, DeviceLock::none);
   if (!open->handle) return -1;
   const int descriptor = __real_open("/dev/null", O_RDWR | (flags & O_CLOEXEC));
   if (descriptor < 0) return -1;
@@ -180,7 +193,7 @@ int openFile(const char* path, int flags, mode_t mode) {
   return refuse(reason);
 }
 
-// A node's driver is asked, and knows these requests only; no file system answers for it.
+// fcntl() on a node asks the disk's driver, which supports these requests only.
 int controlNode(OpenNode& open, int descriptor, int command, long argument) {
   switch (command) {
     case F_DUPFD:
@@ -223,7 +236,7 @@ int askNode(OpenNode& open, unsigned long request, void* answer) {
   }
 }
 
-// Raw nodes take whole blocks. A read at the end gives nothing, a write there fails (dkreadwrite).
+// Raw nodes transfer whole blocks only. A read at the end returns 0, a write there fails (dkreadwrite).
 int transferRefusal(const OpenNode& open, size_t count, off_t offset, bool isWrite) {
   if (offset < 0) return EINVAL;
   if (isWrite && !open.writes) return EBADF;

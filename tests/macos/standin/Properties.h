@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A simulated machine's values as the frameworks hand them out. Written apart from the adapters' own conversions, which
-// are what is tested.
+// A simulated machine's values as Core Foundation objects. Independent of the adapters' own conversions, which are
+// under test.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
@@ -12,18 +12,18 @@
 
 namespace vorlix::standin {
 
-/// The caller's. Null for a value that has no such form.
+/// The caller owns the object. Null for a value that has no such form.
 CFTypeRef createObject(const Value& value);
 
-/// The caller's.
+/// The caller owns the dictionary.
 CFMutableDictionaryRef createDictionary(const Dictionary& values);
 
-/// The caller's; `text` is UTF-8.
+/// The caller owns the string. `text` is UTF-8.
 CFStringRef createText(const std::string& text);
 
 std::string textOf(CFStringRef text);
 
-/// What a matching dictionary may hold: strings, whole numbers and booleans. Absent for anything else.
+/// Converts the values that a matching dictionary may hold: strings, whole numbers and booleans. Absent for others.
 std::optional<Value> plainValue(CFTypeRef object);
 
 }  // namespace vorlix::standin

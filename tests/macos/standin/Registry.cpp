@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// I/O Kit's user side: names of kernel objects, which are counted, and the registry that they stand for.
+// I/O Kit's user side: names of kernel objects, which are counted, and the registry behind them.
 #include <IOKit/IOBSD.h>
 #include <IOKit/IOKitKeys.h>
 #include <IOKit/IOKitLib.h>
@@ -97,7 +97,7 @@ kern_return_t IOObjectRelease(io_object_t object) {
   return KERN_SUCCESS;
 }
 
-// Gives nothing at the end, and nothing from an iterator that a change of the registry has made invalid
+// Returns nothing at the end, nor after a change of the registry has made the iterator invalid
 // (IORegistryIterator::getNextObject).
 io_object_t IOIteratorNext(io_iterator_t iterator) {
   KernelObject* const object = objectOf(iterator);
@@ -138,8 +138,8 @@ CFMutableDictionaryRef IOServiceMatching(const char* name) {
   return made;
 }
 
-// One reference to the dictionary is consumed, whatever comes of it. Nothing found is success and no iterator at all
-// (IOKitLib.c gives IO_OBJECT_NULL) or one without entries.
+// Always consumes one reference to the dictionary. If nothing matches, it succeeds with no iterator (IOKitLib.c returns
+// IO_OBJECT_NULL) or with one without entries.
 kern_return_t IOServiceGetMatchingServices(mach_port_t mainPort, CFDictionaryRef matching, io_iterator_t* existing) {
   if (matching == nullptr) return kBadArgument;
   const RegistryMatching conditions = conditionsOf(matching);
@@ -167,13 +167,18 @@ kern_return_t IORegistryCreateIterator(mach_port_t mainPort, const io_name_t pla
   return KERN_SUCCESS;
 }
 
-// Numbers of entries start behind 2^32 and stay with the entry.
+// The numbers start at 2^32, and an entry keeps its number. A simulated entry is identified by its path and BSD name.
 kern_return_t IORegistryEntryGetRegistryEntryID(io_registry_entry_t entry, uint64_t* entryID) {
   RegistryEntry* const known = entryOf(entry);
   if (known == nullptr) return kBadArgument;
   static auto* const numbers = new std::map<std::string, uint64_t>;
   std::string path;
-  if (known->path(kServicePlane, path) != kKernSuccess) known->path(kDeviceTreePlane, path);
+  if (known->path(kServicePlane, path) != kKernSuccess && known->path(kDeviceTreePlane, path) != kKernSuccess) {
+    path = "unknown " + std::to_string(numbers->size());
+  }
+  const std::optional<Value> device = known->property(kIOBSDNameKey);
+  const auto* const name = device ? std::get_if<std::string>(&*device) : nullptr;
+  if (name != nullptr) path += " " + *name;
   *entryID = numbers->try_emplace(path, 0x100000000 + numbers->size()).first->second;
   return KERN_SUCCESS;
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Objects of kinds of our own that Core Foundation retains and releases.
+// Core Foundation objects of our own types.
 #pragma once
 
 #include <CoreFoundation/CFRuntime.h>
@@ -12,7 +12,7 @@
 
 namespace vorlix::standin {
 
-/// Gives `State`, which has a constant kName, a Core Foundation object. `Reference` is the type that callers see.
+/// Wraps `State`, which has a constant kName, in a Core Foundation object. `Reference` is the type that callers see.
 template <typename Reference, typename State>
 class RuntimeObject {
  public:
@@ -21,7 +21,7 @@ class RuntimeObject {
     return id;
   }
 
-  /// Takes over `state`. @return with one reference, which is the caller's.
+  /// Takes over `state`. @return an object with one reference, which the caller owns.
   static Reference create(State* state) {
     auto* const made = reinterpret_cast<Instance*>(const_cast<void*>(
         _CFRuntimeCreateInstance(kCFAllocatorDefault, typeID(), sizeof(Instance) - sizeof(CFRuntimeBase), nullptr)));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Code of other processes, and what is required of it.
+// Code signatures of other processes, and requirements on them.
 #include <Security/Security.h>
 
 #include <algorithm>
@@ -14,6 +14,7 @@ namespace {
 
 struct CodeState {
   static constexpr const char* kName = "SecCode";
+  int32_t process = 0;
   CodeCheck outcome = CodeCheck::invalid;
 };
 using CodeObject = RuntimeObject<SecCodeRef, CodeState>;
@@ -24,7 +25,7 @@ struct RequirementState {
 };
 using RequirementObject = RuntimeObject<SecRequirementRef, RequirementState>;
 
-// A text that is no requirement in any version of that language.
+// Rejects texts that no version of the requirement language accepts.
 bool isRequirement(const std::string& text) {
   return !text.empty() && std::count(text.begin(), text.end(), '(') == std::count(text.begin(), text.end(), ')');
 }
@@ -39,7 +40,7 @@ extern "C" {
 
 const CFStringRef kSecGuestAttributePid = CFSTR("pid");
 
-// Stores nothing where it fails.
+// Stores nothing if it fails.
 OSStatus SecCodeCopyGuestWithAttributes(SecCodeRef, CFDictionaryRef attributes, SecCSFlags, SecCodeRef* guest) {
   int32_t process = 0;
   const auto* const number = static_cast<CFNumberRef>(CFDictionaryGetValue(attributes, kSecGuestAttributePid));
@@ -47,11 +48,11 @@ OSStatus SecCodeCopyGuestWithAttributes(SecCodeRef, CFDictionaryRef attributes, 
   const auto& known = standin::system().state->codeChecks;
   const auto found = known.find(process);
   if (found == known.end() || found->second <= CodeCheck::guestFailed) return errSecCSNoSuchCode;
-  *guest = CodeObject::create(new CodeState{found->second});
+  *guest = CodeObject::create(new CodeState{process, found->second});
   return errSecSuccess;
 }
 
-// The errors of a text that is no requirement are the caller's to release.
+// If the text is not a requirement, the caller releases the error.
 OSStatus SecRequirementCreateWithStringAndErrors(CFStringRef text, SecCSFlags, CFErrorRef* errors,
                                                  SecRequirementRef* requirement) {
   const std::string rule = textOf(text);
@@ -64,8 +65,10 @@ OSStatus SecRequirementCreateWithStringAndErrors(CFStringRef text, SecCSFlags, C
 }
 
 OSStatus SecCodeCheckValidity(SecCodeRef code, SecCSFlags, SecRequirementRef requirement) {
-  static_cast<void>(RequirementObject::of(requirement));
-  return CodeObject::of(code).outcome == CodeCheck::valid ? errSecSuccess : errSecCSReqFailed;
+  const CodeState& checked = CodeObject::of(code);
+  standin::system().state->journal.push_back("check code " + std::to_string(checked.process) + " " +
+                                             RequirementObject::of(requirement).text);
+  return checked.outcome == CodeCheck::valid ? errSecSuccess : errSecCSReqFailed;
 }
 
 }  // extern "C"

@@ -5,7 +5,7 @@
 
 #include "platform/simulated/SimulatedState.h"
 
-// What an over-released or a released object is read as is garbage, so that Core Foundation stumbles over it.
+// Fills released memory with garbage, so that Core Foundation fails on an object that is used after its release.
 extern "C" const char* __asan_default_options() {
   return "detect_leaks=1:max_malloc_fill_size=4096:malloc_fill_byte=0:max_free_fill_size=4096:free_fill_byte=190:"
          "detect_stack_use_after_return=1";
@@ -14,7 +14,7 @@ extern "C" const char* __asan_default_options() {
 namespace vorlix::standin {
 namespace {
 
-// An explicit instantiation may name what is private: the public face of the machine stays as it is.
+// Reaches the private state of a machine: an explicit instantiation may name private members.
 struct StateOf {
   friend std::shared_ptr<SimulatedState> memberOf(StateOf, const SimulatedMachine& machine);
 };
@@ -44,7 +44,7 @@ const SimulatedMachine& usualMachine() {
   return *machine;
 }
 
-// Each test gives back what it was handed, and no object is left to the next one.
+// Fails a test that leaves objects behind.
 class Account final : public testing::EmptyTestEventListener {
  public:
   void OnTestStart(const testing::TestInfo&) override { before_ = live(); }

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The Mac that the stand-ins show: a simulated machine, what the kernel and its services add to one, and an account of
-// the objects that were handed out.
+// The Mac behind the stand-ins: a simulated machine, the state that the kernel and its services add to it, and a count
+// of the objects that callers hold.
 //
-// What is said of the system here was read in its published sources: xnu (open, fcntl, special files), IOStorageFamily
-// (disks' nodes), DiskArbitration, IOKitUser, copyfile. None of their code is here.
+// The stand-ins follow the published sources of xnu (open, fcntl, special files), IOStorageFamily (disk nodes),
+// DiskArbitration, IOKitUser and copyfile. None of their code is copied.
 #pragma once
 
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
@@ -28,44 +28,45 @@ struct System {
   /// Another process's open file on a node, by bare name.
   std::map<std::string, DeviceLock> openedElsewhere;
 
-  /// What asks disk arbitration to mount or unmount is told at once, and nothing is queued: 0 for what is usual.
+  /// If not 0, disk arbitration answers every mount and unmount with this status before the call returns.
   int32_t requestRefusal = 0;
 
-  /// Disk arbitration has done what it was asked for before the asker's loop runs.
+  /// Disk arbitration carries out requests at once instead of when the loop runs.
   bool arbitrationIsQuick = false;
 
-  /// What is free of a volume in the list at hand, by mount path, where that is stale.
+  /// Stale free space in the list of mounts, by mount path.
   std::map<std::string, uint64_t> staleFree;
 
-  /// Nodes whose driver has no request for flushing.
+  /// The disks' driver does not support flushing.
   bool cannotFlush = false;
 
   /// Grows when the registry changes; iterators of an older one are invalid.
   uint64_t registryGeneration = 0;
-  /// Entries that an iterator still hands out before the registry changes under it.
+  /// How many entries an iterator returns before the registry changes.
   std::optional<unsigned> entriesUntilChange;
 
   /// The lines of the system's log.
   std::vector<std::string> logged;
 
-  /// A run of a loop does not wait.
-  bool noTimePasses = false;
+  /// The journal and the time are those of a simulated machine: a run of a loop is journalled and does not wait. The
+  /// adapter's first look at a disk's description, which only tells whether the disk exists, is not journalled.
+  bool isSimulation = false;
 
-  /// Descriptors that asked the system not to keep what they read or write (F_NOCACHE).
+  /// How many descriptors turned the system's cache off (F_NOCACHE).
   unsigned uncachedDescriptors = 0;
 };
 
-/// The system as it is now. Without a machine of a test's own it is a Mac with a disk of two slices, its root volume,
-/// a USB stick and a network share.
+/// The system that the stand-ins show. By default a Mac with a disk of two slices, its root volume, a USB stick and a
+/// network share.
 System& system();
 
-/// Shows another machine, with nothing else changed from a fresh system.
+/// Shows another machine and resets everything else.
 void show(const SimulatedMachine& machine);
 
 /// Shows the Mac of system() again.
 void showUsual();
 
-/// A machine that is shown for the object's life.
+/// Shows a machine until the object is destroyed.
 class Shown {
  public:
   explicit Shown(const SimulatedMachine& machine) { show(machine); }
@@ -74,14 +75,17 @@ class Shown {
   Shown& operator=(const Shown&) = delete;
 };
 
-/// What belongs to a machine that is not public: its state.
+/// Returns the private state of a machine.
 std::shared_ptr<SimulatedState> stateOf(const SimulatedMachine& machine);
 
-/// Whether a mount keeps a device.
+/// Whether a device is mounted.
 bool isMounted(const std::string& bareName);
 
-/// Objects that are held now, by kind: what Create, Copy and the kernel have handed out and nobody has released.
+/// Counts the objects from Create and Copy functions and from the kernel that nobody has released yet, by kind.
 std::map<std::string, int>& live();
+
+/// The tests that the program runs (--gtest_filter) unless the command line or the environment names others.
+std::string& usualFilter();
 
 /// Fails the test that runs.
 void report(const std::string& misuse);

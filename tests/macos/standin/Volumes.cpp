@@ -22,7 +22,7 @@ void setText(char (&to)[kSize], const std::string& text) {
   std::memcpy(to, text.data(), std::min(text.size(), kSize - 1));
 }
 
-// A volume whose sizes nobody knows claims more than there can be.
+// A volume of unknown size claims the largest number of blocks.
 struct standin_statfs entryOf(const MountedVolume& volume, bool isFresh) {
   struct standin_statfs entry = {};
   const bool isCounted =
@@ -60,7 +60,7 @@ using namespace vorlix::standin;  // NOLINT: the system's names are global
 
 extern "C" {
 
-// Without a list it counts; with one it gives no more than fit.
+// Without a list, counts the mounts; with one, fills in as many as fit.
 int getfsstat(struct standin_statfs* list, int size, int mode) {
   auto& state = *vorlix::standin::system().state;
   if (list == nullptr) {
@@ -83,7 +83,7 @@ int standin_statfs(const char* path, struct standin_statfs* status) {
   return 0;
 }
 
-// Of the attributes only a volume's name; the length counts the zero byte at its end.
+// Supports a volume's name only. The length includes the terminating zero byte.
 int getattrlist(const char* path, void* wanted, void* answer, size_t size, unsigned int) {
   const auto* const list = static_cast<const attrlist*>(wanted);
   const vorlix::MountedVolume* const volume = volumeAt(path);

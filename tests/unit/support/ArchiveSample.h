@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A record for tests of archives, and archives around it.
+// A record for tests of archives, and functions that build archives around it.
 #pragma once
 
 #include <Vorlix/foundation/KeyedArchive.h>
@@ -20,7 +20,7 @@ using vorlix::Data;
 using vorlix::KeyedArchiver;
 using vorlix::KeyedUnarchiver;
 
-// A record whose entries each test names.
+// A record whose entries are defined by each test.
 struct Sample : vorlix::Coding {
   static constexpr const char* kArchiveClass = "Sample";
 
@@ -41,7 +41,7 @@ inline Data written(std::function<void(KeyedArchiver&)> write) {
   return KeyedArchiver::archivedDataWithRootObject(std::make_shared<Sample>(std::move(write)));
 }
 
-// Whether there was a record; its entries are read by `read`.
+// Decodes the record and passes its entries to `read`. Returns whether there was a record.
 inline bool readBack(const Data& archive, std::function<void(KeyedUnarchiver&)> read) {
   Sample::read = std::move(read);
   const bool found = KeyedUnarchiver::unarchivedObject<Sample>(archive) != nullptr;
@@ -59,7 +59,7 @@ inline std::string object(const std::string& xml) {
 
 inline const std::string kSampleClass = classNamed("Sample");
 
-// One entry "key" that refers to object 3; object 2 is the record's class.
+// Builds an archive with the entry "key", which refers to object 3. Object 2 is the record's class.
 inline Data archiveWithEntry(const std::string& objects) {
   return archiveOf(record(entry("key", uid(3)), 2) + kSampleClass + objects);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A disk with boot records to save and to restore.
+// A disk with boot records to save and restore.
 #pragma once
 
 #include <algorithm>
@@ -23,14 +23,14 @@ class BootRecordsTest : public DiskTest {
     machine.setBytes("disk0", 0, diskBytes);
   }
 
-  /// Expects that the whole disk holds its bytes but for those given.
+  /// Expects that the whole disk is unchanged except for the given bytes.
   void expectDisk(size_t offset = 0, const ByteVector& changed = {}) const {
     ByteVector expected = diskBytes;
     std::copy(changed.begin(), changed.end(), expected.begin() + static_cast<std::ptrdiff_t>(offset));
     EXPECT_TRUE(machine.bytes("disk0", 0, diskBytes.size()) == expected);
   }
 
-  /// Opened and closed devices.
+  /// Returns the journal's lines about opening and closing devices.
   Lines openAndClose() const { return journalOf({"open ", "close "}); }
 
   std::string exists() const { return file + " already exists\n"; }

@@ -20,7 +20,7 @@
 
 namespace vorlix::test {
 
-/// Keeps the lines that it is told.
+/// Keeps the lines that it receives.
 class LineCollector : public Object, public LogReceiver {
  public:
   void log(const std::string& line) override {
@@ -29,10 +29,10 @@ class LineCollector : public Object, public LogReceiver {
   }
 
   Lines lines;
-  std::function<void(const std::string&)> onLine;  ///< called after a line has been kept
+  std::function<void(const std::string&)> onLine;  ///< called after a line has been stored
 };
 
-/// A delegate that takes no lines.
+/// A delegate that cannot receive lines.
 class DeafDelegate : public Object {};
 
 using Volumes = std::vector<std::shared_ptr<QDVolume>>;
@@ -43,14 +43,14 @@ inline Lines namesOf(const Volumes& volumes) {
   return names;
 }
 
-/// A program that prints a text and ends.
+/// A program that prints a string and ends.
 inline SimulatedRun printing(const std::string& output) {
   SimulatedRun run;
   if (!output.empty()) run.pieces = {{SimulatedRun::Stream::output, output}};
   return run;
 }
 
-/// A record as a host may make one.
+/// A record as a host may create it.
 inline std::shared_ptr<QDVolume> makeVolume(const std::optional<std::string>& device,
                                             const std::optional<std::string>& path = std::nullopt,
                                             const std::optional<std::string>& type = std::nullopt) {
@@ -61,7 +61,7 @@ inline std::shared_ptr<QDVolume> makeVolume(const std::optional<std::string>& de
   return volume;
 }
 
-/// Where the simulated machine mounts volumes: names alone, no folder of this system.
+/// The folder in which the simulated machine mounts volumes. These are only names, not folders of this system.
 struct VolumesFolder {
   std::string operator/(const std::string& name) const { return "/Volumes/" + name; }
 };
@@ -86,11 +86,11 @@ class DeviceManagerTest : public DiskTest {
 
   const Lines& lines() const { return delegate->lines; }
 
-  /// One of them, or a word that no test expects.
+  /// Returns one of the lines, or a text that no test expects.
   std::string line(size_t index) const { return index < lines().size() ? lines()[index] : "(no such line)"; }
   std::string lastLine() const { return line(lines().size() - 1); }
 
-  /// A slice such as "disk2s3", with its disk if that is not there yet.
+  /// Adds a slice such as "disk2s3", and its disk if the machine has none of that name.
   void addDevice(const std::string& slice) {
     const size_t split = slice.rfind('s');
     const std::string disk = slice.substr(0, split);
@@ -98,12 +98,12 @@ class DeviceManagerTest : public DiskTest {
     machine.addSlice(disk, static_cast<uint32_t>(std::stoul(slice.substr(split + 1))), 40, 100);
   }
 
-  /// A mounted volume with an empty folder of its name. @return its mount path.
+  /// Mounts a volume and creates an empty folder with its name. @return its mount path.
   std::string mountVolume(const std::string& device, const std::string& name, const std::string& kind) {
     return mountVolumeFrom("/dev/" + device, device, name, kind);
   }
 
-  /// The same, mounted under a name of a driver's own.
+  /// The same, with a source name that only its driver uses.
   std::string mountVolumeFrom(const std::string& source, const std::string& device, const std::string& name,
                               const std::string& kind) {
     addDevice(device);
@@ -119,13 +119,13 @@ class DeviceManagerTest : public DiskTest {
     return path;
   }
 
-  /// What a Windows installation is known by, on the volume of that name.
+  /// Creates the folders by which Windows is detected, on the volume of that name.
   void installWindows(const std::string& name) { makeFolder(name + "/Windows/System32"); }
 
-  /// A folder of the machine among the volumes, with those above it.
+  /// Creates a folder below the volumes' folder, with its parents.
   void makeFolder(const std::string& name) { machine.addFolder(mounts / name); }
 
-  /// A file with some content, its folder included.
+  /// Creates a file with its parent folders. @return its path.
   std::string placeFile(const std::string& name, const std::string& content = "x") {
     machine.addFile(mounts / name, content);
     return mounts / name;

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Disk structures put together byte by byte, without any of the library's own coding.
+// Disk structures, assembled byte by byte without the library's own encoders.
 #pragma once
 
 #include <Vorlix/QDSDiskFunctions.h>
-#include "library/QDSDiskFunctions/DeviceStreams.h"
+#include "library/QDSDiskFunctions/OpenDevices.h"
 
 #include <algorithm>
 #include <array>
@@ -18,8 +18,8 @@ namespace vorlix::test {
 using ByteVector = std::vector<uint8_t>;
 using GUIDBytes = std::array<uint8_t, 16>;
 
-// Type GUIDs as they stand on disk: the first group of the text read backwards as four bytes, the next two as two bytes
-// each, the rest in text order.
+// Type GUIDs as stored on disk: the first group of the text as four bytes in reverse, the next two groups as two bytes
+// each in reverse, the rest in text order.
 constexpr GUIDBytes kUnusedType = {};
 constexpr GUIDBytes kBasicDataType = {0xA2, 0xA0, 0xD0, 0xEB, 0xE5, 0xB9, 0x33, 0x44,     // EBD0A0A2-B9E5-4433-
                                       0x87, 0xC0, 0x68, 0xB6, 0xB7, 0x26, 0x99, 0xC7};    // 87C0-68B6B72699C7
@@ -39,7 +39,7 @@ constexpr GUIDBytes kCoreStorageType = {0x72, 0x6F, 0x74, 0x53, 0x67, 0x61, 0xAA
                                         0xAA, 0x11, 0x00, 0x30, 0x65, 0x43, 0xEC, 0xAC};  // AA11-00306543ECAC
 constexpr GUIDBytes kAppleUFSType = {0x00, 0x53, 0x46, 0x55, 0x00, 0x00, 0xAA, 0x11,      // 55465300-0000-11AA-
                                      0xAA, 0x11, 0x00, 0x30, 0x65, 0x43, 0xEC, 0xAC};     // AA11-00306543ECAC
-/// A type that no table knows: 33221100-5544-7766-8899-AABBCCDDEEFF.
+/// A type that is in no table: 33221100-5544-7766-8899-AABBCCDDEEFF.
 constexpr GUIDBytes kUnknownType = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,
                                     0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF};
 
@@ -59,8 +59,8 @@ inline ByteVector joined(const std::vector<ByteVector>& parts) {
   return result;
 }
 
-/// 128 bytes of a GPT entry. Its own GUID is 16 times 0xD1, its attributes are 0x8877665544332211, its name 72 times
-/// 'n'.
+/// Returns the 128 bytes of a GPT entry. Its unique GUID is 16 times 0xD1, its attributes are 0x8877665544332211, its
+/// name is 72 times 'n'.
 inline ByteVector entryBytes(const GUIDBytes& type, uint64_t first, uint64_t last) {
   ByteVector entry(type.begin(), type.end());
   entry.resize(32, 0xD1);
@@ -71,12 +71,12 @@ inline ByteVector entryBytes(const GUIDBytes& type, uint64_t first, uint64_t las
   return entry;
 }
 
-/// 128 bytes of an entry that is unused by its type but has something in every other field.
+/// Returns the 128 bytes of an entry whose type says unused but whose other fields are not empty.
 inline ByteVector unusedEntryBytes() {
   return entryBytes(kUnusedType, 5000, 6000);
 }
 
-/// 512 bytes of a GPT header with the fields that matter here.
+/// Returns the 512 bytes of a GPT header with the fields that the tests need.
 inline ByteVector headerBytes(uint32_t entryCount = 128, uint64_t entryLBA = 2, uint64_t lastUsableLBA = 2097118) {
   ByteVector header = {'E', 'F', 'I', ' ', 'P', 'A', 'R', 'T', 0x00, 0x00, 0x01, 0x00, 92, 0, 0, 0};
   header.resize(512);
@@ -89,7 +89,7 @@ inline ByteVector headerBytes(uint32_t entryCount = 128, uint64_t entryLBA = 2, 
   return header;
 }
 
-/// A stream positioned at the first of `bytes`.
+/// Returns a stream that is positioned at the first byte.
 inline Stream streamOf(const ByteVector& bytes) {
   Stream stream(std::tmpfile());
   if (!stream || std::fwrite(bytes.data(), 1, bytes.size(), stream.get()) != bytes.size()) {
@@ -99,7 +99,7 @@ inline Stream streamOf(const ByteVector& bytes) {
   return stream;
 }
 
-/// The ten fields of a slot in the order of the record.
+/// Returns the ten fields of a slot in the order of the record.
 inline std::vector<uint32_t> fields(const MBRPartitionEntry& slot) {
   return {slot.flag,     slot.start_head, slot.start_sector, slot.start_track, slot.type,
           slot.end_head, slot.end_sector, slot.end_track,    slot.lba,         slot.size};

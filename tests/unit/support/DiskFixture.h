@@ -21,7 +21,7 @@ namespace vorlix::test {
 using ByteVector = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 
-// Two identifiers as text and, written out by hand, in the mixed-endian order of GPT disks and Windows stores.
+// Two identifiers as text and as bytes, written out by hand in the mixed-endian order of GPT disks and Windows stores.
 inline constexpr const char* kPartitionText = "00112233-4455-6677-8899-AABBCCDDEEFF";
 inline const ByteVector kPartitionBytes = {0x33, 0x22, 0x11, 0x00, 0x55, 0x44, 0x77, 0x66,
                                            0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF};
@@ -29,11 +29,11 @@ inline constexpr const char* kDiskText = "C12A7328-F81F-11D2-BA4B-00A0C93EC93B";
 inline const ByteVector kDiskBytes = {0x28, 0x73, 0x2A, 0xC1, 0x1F, 0xF8, 0xD2, 0x11,
                                       0xBA, 0x4B, 0x00, 0xA0, 0xC9, 0x3E, 0xC9, 0x3B};
 
-// The journal of what waits for an answer of the disk arbitration.
+// Journal lines of a wait for disk arbitration.
 inline constexpr const char* kSchedule = "schedule kCFRunLoopDefaultMode";
 inline constexpr const char* kRun = "run kCFRunLoopDefaultMode 100";
 
-/// The start of a GPT header, its disk GUID being kDiskBytes: 56 bytes, then the GUID.
+/// Returns the start of a GPT header whose disk GUID is kDiskBytes: 56 bytes, then the GUID.
 inline ByteVector headerWithDiskGUID() {
   ByteVector header = {'E', 'F', 'I', ' ', 'P', 'A', 'R', 'T'};
   header.resize(56, 0xA5);
@@ -41,7 +41,7 @@ inline ByteVector headerWithDiskGUID() {
   return header;
 }
 
-/// Bytes without a pattern that a misplaced piece could hide in; the same at every call.
+/// Returns pseudo-random bytes in which a misplaced piece would show. Each call returns the same bytes.
 inline ByteVector patternBytes(size_t count, uint32_t seed = 1) {
   ByteVector bytes(count);
   uint32_t state = seed;
@@ -62,7 +62,7 @@ inline ByteVector slice(const ByteVector& bytes, size_t offset, size_t count) {
   return {from, from + static_cast<std::ptrdiff_t>(count)};
 }
 
-/// How many descriptors of this process are open.
+/// Returns the number of open descriptors of this process.
 inline int openDescriptors() {
   int count = 0;
   for (int descriptor = 0; descriptor < 1024; ++descriptor) {
@@ -83,14 +83,14 @@ inline Value textValue(const char* text) {
 
 class DiskTest : public FlatTest {
  protected:
-  /// A registry entry below `parent`, or below the root, in the service plane.
+  /// Adds a registry entry below `parent`, or below the root, in the service plane.
   RegistryEntryID addService(const std::string& name, const Dictionary& properties,
                              std::optional<RegistryEntryID> parent = std::nullopt,
                              const std::string& className = "IOMedia") {
     return machine.addRegistryEntry(name, className, properties, {{kServicePlane, parent ? *parent : root()}});
   }
 
-  /// The entry at the top of both planes.
+  /// Returns the entry at the top of both planes.
   RegistryEntryID root() {
     if (!root_) {
       root_ = machine.addRegistryEntry("Root", "IORegistryEntry", {},
@@ -99,7 +99,7 @@ class DiskTest : public FlatTest {
     return *root_;
   }
 
-  /// A volume that is not mounted yet, for whatever `device` is.
+  /// Adds a volume to `device`, by default not mounted.
   void addVolume(const std::string& device, const std::string& mountPath, bool mounted = false) {
     SimulatedVolume volume;
     volume.kind = "msdos";
@@ -109,7 +109,7 @@ class DiskTest : public FlatTest {
     machine.setVolume(device, volume);
   }
 
-  /// The journal's lines that begin with one of `beginnings`.
+  /// Returns the journal's lines that begin with one of `beginnings`.
   Lines journalOf(const std::vector<std::string_view>& beginnings) const {
     Lines result;
     for (const std::string& line : machine.journal()) {
@@ -125,7 +125,7 @@ class DiskTest : public FlatTest {
 
   Lines mountsAndUnmounts() const { return journalOf({"mount ", "unmount "}); }
 
-  /// Opened, read, written or closed devices.
+  /// Returns the lines about opening, reading, writing, syncing and closing devices.
   Lines deviceLines() const { return journalOf({"open ", "read ", "write ", "sync ", "close "}); }
 
   void makeFolder(const std::string& name) const { std::filesystem::create_directories(folder / name); }

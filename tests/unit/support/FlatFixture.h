@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A simulated machine, a folder and a log file of its own for each test of the flat functions.
+// A simulated machine, a folder and a private log file for each test of the flat functions.
 #pragma once
 
 #include <Vorlix/LogCapture.h>
@@ -8,7 +8,7 @@
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include "library/QDSDiskFunctions/DeviceStreams.h"
+#include "library/QDSDiskFunctions/OpenDevices.h"
 
 #include <algorithm>
 #include <chrono>
@@ -23,7 +23,7 @@
 
 namespace vorlix::test {
 
-/// A fresh folder, removed with all that is in it.
+/// A new folder, which is removed with its content.
 class TemporaryFolder {
  public:
   TemporaryFolder() : path_(testing::TempDir() + "vorlixXXXXXX") {
@@ -57,11 +57,11 @@ class FlatTest : public testing::Test {
 
   std::string logPath() const { return folder / "log"; }
 
-  /// All that was logged since the test began or since forgetLog().
+  /// Returns everything logged since the test began or since forgetLog().
   std::string log() const { return contentOf(logPath()); }
   void forgetLog() const { std::filesystem::remove(logPath()); }
 
-  /// This system's own ports, with the log of the test.
+  /// Returns this system's own ports with the test's log.
   Platform nativePortsWithLog() const {
     Platform ports = nativePlatform();
     ports.systemPaths = machine.platform().systemPaths;
@@ -76,7 +76,7 @@ class FlatTest : public testing::Test {
     return folder / name;
   }
 
-  /// The machine's journal but for reading, whose pieces are the stream's business.
+  /// Returns the machine's journal without reads, because the stream decides how to split those.
   std::vector<std::string> journalButReads() const {
     std::vector<std::string> lines = machine.journal();
     const auto isRead = [](const std::string& line) { return line.rfind("read ", 0) == 0; };

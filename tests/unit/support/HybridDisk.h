@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A GPT disk whose hybrid MBR is worked out by hand, and what update_mbr_and_partition() logs about it.
+// A GPT disk whose hybrid MBR is calculated by hand, and the log of update_mbr_and_partition() for it.
 #pragma once
 
 #include <string>
@@ -24,7 +24,7 @@ inline const ByteVector kDataSlot = {
 inline const ByteVector kGuardSlot = {
     0x00, 0xFE, 0xFF, 0xFF, 0xEE, 0xFE, 0xFF, 0xFF,   // 1023/254/63 twice
     0x01, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0x1F, 0x00};  // from 1, 0x1FFFFF = 2097151 sectors
-/// What partitioning tools put beside a new GPT: 0/0/2 to 1023/254/63, LBA 1, the rest of the disk.
+/// The slot that partitioning tools write for a new GPT: 0/0/2 to 1023/254/63, LBA 1, the rest of the disk.
 inline const ByteVector kProtectiveSlot = {0x00, 0x00, 0x02, 0x00, 0xEE, 0xFE, 0xFF, 0xFF,
                                            0x01, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0x1F, 0x00};
 inline const ByteVector kNoSlot(16, 0);
@@ -38,7 +38,7 @@ inline ByteVector ofType(ByteVector slot, uint8_t type) {
   return slot;
 }
 
-/// The log of a call on the disk below, in pieces.
+/// The log of a call on the disk below, in parts.
 inline const std::string kArguments = "Updating MBR and PartitionNTFS Partition: disk0s3";
 inline const std::string kReading =
     "Opening device disk0\n"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Disk arbitration whose requests are lost, and a loop that has no sources: nothing can ever complete.
+// Disk arbitration that never completes a request, and a loop without sources.
 #pragma once
 
 #include <Vorlix/platform/DiskArbitration.h>
@@ -41,7 +41,7 @@ class LostArbitration : public DiskArbitration {
 class EmptyLoop : public RunLoop, public RunLoops, public std::enable_shared_from_this<EmptyLoop> {
  public:
   RunLoopResult run(const std::string&, std::chrono::milliseconds) override {
-    if (++runs > 1000) throw std::runtime_error("the loop is run again and again without a source");
+    if (++runs > 1000) throw std::runtime_error("the loop runs again and again without a source");
     return RunLoopResult::noSources;
   }
   std::shared_ptr<RunLoop> current() override { return shared_from_this(); }

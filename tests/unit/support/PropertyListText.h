@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Archives as text that a reader can check: property lists in XML, where a reference is {"CF$UID": place}.
+// Archives as XML text that a reader can check. A reference is {"CF$UID": place}.
 #pragma once
 
 #include <Vorlix/foundation/Value.h>
@@ -11,23 +11,23 @@
 #include <string>
 #include <vector>
 
-/// Reference to the object at a place of "$objects".
+/// Returns a reference to the object at `place` in "$objects".
 inline std::string uid(size_t place) {
   return "<dict><key>CF$UID</key><integer>" + std::to_string(place) + "</integer></dict>";
 }
 
-/// A class description.
+/// Returns a class description.
 inline std::string classNamed(const std::string& name, const std::string& above = "") {
   return "<dict><key>$classname</key><string>" + name + "</string><key>$classes</key><array><string>" + name +
          "</string>" + above + "<string>NSObject</string></array></dict>";
 }
 
-/// An entry of a dictionary.
+/// Returns an entry of a dictionary.
 inline std::string entry(const std::string& key, const std::string& value) {
   return "<key>" + key + "</key>" + value;
 }
 
-/// The reference that a dictionary in XML stands for, or null. The parser leaves such dictionaries as they are.
+/// Returns the reference that a dictionary in XML represents, or null. The parser does not convert such dictionaries.
 inline plist_t referenceOf(plist_t node) {
   const plist_t place = plist_get_node_type(node) == PLIST_DICT ? plist_dict_get_item(node, "CF$UID") : nullptr;
   if (place == nullptr) return nullptr;
@@ -36,7 +36,7 @@ inline plist_t referenceOf(plist_t node) {
   return plist_new_uid(number);
 }
 
-/// Puts references in place of such dictionaries below a node.
+/// Replaces these dictionaries by references, in a node and below it.
 inline void makeReferences(plist_t node) {
   if (plist_get_node_type(node) == PLIST_ARRAY) {
     for (uint32_t i = 0; i < plist_array_get_size(node); ++i) {
@@ -70,7 +70,7 @@ inline void makeReferences(plist_t node) {
   }
 }
 
-/// A binary property list made from XML.
+/// Converts XML to a binary property list.
 inline vorlix::Data binaryOf(const std::string& xml) {
   const std::string whole = "<plist version=\"1.0\">" + xml + "</plist>";
   plist_t root = nullptr;
@@ -86,7 +86,7 @@ inline vorlix::Data binaryOf(const std::string& xml) {
   return data;
 }
 
-/// An archive whose root is object 1; `objects` are those after "$null".
+/// Returns an archive whose root is object 1. `objects` are those after "$null".
 inline vorlix::Data archiveOf(const std::string& objects, const std::string& root = uid(1)) {
   return binaryOf("<dict>" + entry("$archiver", "<string>NSKeyedArchiver</string>") +
                   entry("$version", "<integer>100000</integer>") +
@@ -94,7 +94,7 @@ inline vorlix::Data archiveOf(const std::string& objects, const std::string& roo
                   entry("$objects", "<array><string>$null</string>" + objects + "</array>") + "</dict>");
 }
 
-/// The XML of a binary property list's value, without white space between elements.
+/// Returns the XML of a binary property list's value, without white space between elements.
 inline std::string xmlOf(const vorlix::Data& binary) {
   plist_t root = nullptr;
   plist_from_bin(reinterpret_cast<const char*>(binary.data()), static_cast<uint32_t>(binary.size()), &root);

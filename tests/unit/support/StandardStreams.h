@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The process's standard streams in the hands of a test.
+// Control of the process's standard streams.
 #pragma once
 
 #include <unistd.h>
@@ -12,7 +12,7 @@
 
 namespace vorlix::test {
 
-/// Takes what the process writes to standard output or standard error, through stdio or past it, until text() is
+/// Captures the process's standard output or standard error, whether written through stdio or directly, until text() is
 /// called.
 class OutputCapture {
  public:
@@ -53,7 +53,8 @@ class OutputCapture {
   FILE* file_;
 };
 
-/// Gives the process a file as its standard input; afterwards that is /dev/null, with nothing left in stdio's buffer.
+/// Replaces the process's standard input by a file. Afterwards, standard input is /dev/null and stdio's buffer is
+/// empty.
 class StandardInput {
  public:
   explicit StandardInput(const std::string& path) { reopen(path.c_str()); }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Core Foundation as it was built, and its file descriptors, which it leaves out on this system.
+// Core Foundation as it was built, and CFFileDescriptor, which it does not have on Linux.
 #pragma once
 
 #include_next <CoreFoundation/CoreFoundation.h>

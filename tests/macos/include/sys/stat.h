@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// <sys/stat.h> as macOS has it where it differs: times with other names, a time of birth, nodes with names.
+// What differs in <sys/stat.h> of macOS: the names of the times, a time of birth, the names of nodes.
 #pragma once
 
 #include_next <sys/stat.h>

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+/// @file
+/// Restores a volume from a source: its content first, then the small structures that a start needs. A restore is
+/// journalled; an interrupted one goes on from the last piece that is on the medium, and its structures can be undone.
+///
+/// Order on the medium: the journal; zeros over the volume's first sector, so that no half-written volume looks like a
+/// whole one; the content; the structures in the order that the plan has, usually the boot sectors and then sector 0.
+/// The content is read back and compared before the structures are written.
+#pragma once
+
+#include <Vorlix/ImageSource.h>
+#include <Vorlix/foundation/Export.h>
+#include <Vorlix/platform/LongChange.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace vorlix {
+
+/// What a restore writes.
+struct RestorePlan {
+  std::string source;     ///< what the user named; for a file its absolute path, so that a resumed restore finds it
+  DiskChange structures;  ///< `before` is what the devices have now; the first device is the volume, and has a run at 0
+  uint64_t volumeSize = 0;  ///< bytes of the slice
+  ChangeBackup backup;
+};
+
+struct RestoreProgress {
+  enum class Phase { writing, comparing };
+  Phase phase = Phase::writing;
+  uint64_t done = 0;   ///< bytes of the volume
+  uint64_t total = 0;  ///< 0 if the source does not tell
+};
+
+/// Called between pieces. Returns whether to go on.
+using RestoreObserver = std::function<bool(const RestoreProgress&)>;
+
+struct RestoreResult {
+  enum class End {
+    done,       ///< everything is on the medium
+    cancelled,  ///< the observer has said so; the journal is there
+    failed
+  };
+  End end = End::failed;
+  ChangeFailure failure;  ///< of a failed one
+  std::string journal;  ///< folder of the journal from which it can go on; empty if nothing was written, or at the end
+  std::string kept;     ///< folder of the backup of the structures; empty if there is none
+  uint64_t size = 0;    ///< bytes of the volume that are on the medium
+};
+
+/// Restores a volume. `source` is at its beginning.
+/// @param compare  whether the content is read back. The structures always are.
+VORLIX_EXPORT RestoreResult restoreVolume(ImageSource& source, const RestorePlan& plan, bool compare,
+                                          const RestoreObserver& observer);
+
+/// Goes on with an interrupted restore. `source` is at its beginning, and must be the one of the journal.
+/// @param journal  opened by openLongChange()
+/// @param handles  one for each device of its structures, open for writing
+VORLIX_EXPORT RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& source,
+                                          const std::vector<std::shared_ptr<DeviceHandle>>& handles, bool compare,
+                                          const RestoreObserver& observer);
+
+/// Gives an interrupted restore up: restores the structures. What was overwritten of the volume's content is lost.
+/// @param handles  as for resumeRestore()
+/// @return absent if the structures are on the medium as they were; the journal is removed.
+VORLIX_EXPORT std::optional<ChangeFailure> abandonRestore(std::unique_ptr<LongChange> journal,
+                                                          const std::vector<std::shared_ptr<DeviceHandle>>& handles);
+
+}  // namespace vorlix

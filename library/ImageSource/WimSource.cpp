@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "WimSource.h"
+
+#include <Vorlix/foundation/LittleEndian.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace vorlix {
+namespace {
+
+constexpr std::string_view kWimMagic("MSWIM\0\0\0", 8);
+constexpr std::string_view kPipableMagic("WLPWM\0\0\0", 8);  // the same header, for files that were written to a pipe
+constexpr size_t kWimHeader = 208;
+constexpr size_t kListOffset = 72;  // resource: size and flags, 8 bytes; offset, 8; unpacked size, 8
+constexpr uint64_t kLargestList = uint64_t{1} << 20;
+constexpr uint32_t kMostImages = 4096;
+
+bool hasMagic(std::span<const uint8_t> start, std::string_view magic) {
+  return start.size() >= magic.size() && std::memcmp(start.data(), magic.data(), magic.size()) == 0;
+}
+
+void appendUtf8(std::string& text, uint32_t point) {
+  const auto add = [&](uint32_t byte) { text += static_cast<char>(byte); };
+  if (point < 0x80) {
+    add(point);
+  } else if (point < 0x800) {
+    add(0xC0 | point >> 6);
+    add(0x80 | (point & 0x3F));
+  } else if (point < 0x10000) {
+    add(0xE0 | point >> 12);
+    add(0x80 | (point >> 6 & 0x3F));
+    add(0x80 | (point & 0x3F));
+  } else {
+    add(0xF0 | point >> 18);
+    add(0x80 | (point >> 12 & 0x3F));
+    add(0x80 | (point >> 6 & 0x3F));
+    add(0x80 | (point & 0x3F));
+  }
+}
+
+std::string utf8Of(std::span<const uint8_t> utf16) {
+  constexpr uint32_t kReplacement = 0xFFFD;
+  std::string text;
+  for (size_t i = 0; i + 1 < utf16.size(); i += 2) {
+    uint32_t unit = littleEndian16(&utf16[i]);
+    if (unit == 0xFEFF) continue;  // the mark of byte order
+    if (unit >= 0xD800 && unit < 0xE000) {
+      const uint32_t next = i + 3 < utf16.size() ? littleEndian16(&utf16[i + 2]) : 0;
+      const bool isPair = unit < 0xDC00 && next >= 0xDC00 && next < 0xE000;
+      if (isPair) i += 2;
+      unit = isPair ? 0x10000 + ((unit - 0xD800) << 10) + (next - 0xDC00) : kReplacement;
+    }
+    appendUtf8(text, unit);
+  }
+  return text;
+}
+
+// What is between two texts, the first of them at or behind `from`.
+std::string_view between(std::string_view text, std::string_view first, std::string_view last, size_t from = 0) {
+  const size_t start = text.find(first, from);
+  if (start == std::string_view::npos) return {};
+  const size_t end = text.find(last, start + first.size());
+  if (end == std::string_view::npos) return {};
+  return text.substr(start + first.size(), end - start - first.size());
+}
+
+uint64_t numberOf(std::string_view digits) {
+  uint64_t number = 0;
+  std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  return number;
+}
+
+std::string withoutEntities(std::string_view escaped) {
+  constexpr std::pair<std::string_view, char> kEntities[] = {
+      {"&lt;", '<'}, {"&gt;", '>'}, {"&quot;", '"'}, {"&apos;", '\''}, {"&amp;", '&'}};
+  std::string text;
+  while (!escaped.empty()) {
+    const auto* const found = std::find_if(std::begin(kEntities), std::end(kEntities),
+                                           [&](const auto& entity) { return escaped.starts_with(entity.first); });
+    const bool isEntity = found != std::end(kEntities);
+    text += isEntity ? found->second : escaped.front();
+    escaped.remove_prefix(isEntity ? found->first.size() : 1);
+  }
+  return text;
+}
+
+}  // namespace
+
+bool isWim(std::span<const uint8_t> start) {
+  return hasMagic(start, kWimMagic) || hasMagic(start, kPipableMagic);
+}
+
+std::optional<WimFacts> parseWimHeader(std::span<const uint8_t> start, std::string& reason) {
+  constexpr uint64_t kSolidVersion = 0xE00;
+  if (start.size() < kWimHeader || littleEndian32(&start[8]) < kWimHeader) {
+    reason = "truncated WIM";
+    return std::nullopt;
+  }
+  WimFacts facts;
+  facts.isSolid = littleEndian32(&start[12]) == kSolidVersion;
+  facts.part = littleEndian16(&start[40]);
+  facts.parts = littleEndian16(&start[42]);
+  facts.imageCount = littleEndian32(&start[44]);
+  if (facts.part != 0 && facts.part <= facts.parts) return facts;
+  reason = "damaged WIM: part " + std::to_string(facts.part) + " of " + std::to_string(facts.parts);
+  return std::nullopt;
+}
+
+std::vector<WimFacts::Image> readWimImages(std::span<const uint8_t> start, SourceFile& file, uint32_t count) {
+  constexpr uint8_t kPacked = 4;
+  const uint64_t size = littleEndian(&start[kListOffset], 7);
+  const uint64_t offset = littleEndian(&start[kListOffset + 8], 8);
+  const uint64_t end = file.size().value_or(0);
+  if ((start[kListOffset + 7] & kPacked) != 0 || size > kLargestList || offset > end || size > end - offset) return {};
+  std::vector<uint8_t> list(size);
+  if (!file.seek(offset)) return {};
+  for (size_t done = 0; done < list.size();) {
+    const ssize_t step = file.read(list.data() + done, list.size() - done);
+    if (step <= 0) return {};
+    done += static_cast<size_t>(step);
+  }
+  const std::string text = utf8Of(list);
+  std::vector<WimFacts::Image> images;
+  for (uint32_t index = 1; index <= std::min(count, kMostImages); ++index) {
+    const std::string tag = "<IMAGE INDEX=\"" + std::to_string(index) + "\"";
+    const std::string_view entry = between(text, tag, "</IMAGE>");
+    if (entry.empty()) return {};
+    images.push_back({index, withoutEntities(between(entry, "<NAME>", "</NAME>")),
+                      numberOf(between(entry, "<TOTALBYTES>", "</TOTALBYTES>"))});
+  }
+  return images;
+}
+
+}  // namespace vorlix

@@ -1,0 +1,287 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/Restore.h>
+
+#include <Vorlix/foundation/Sha256.h>
+#include <Vorlix/platform/SystemError.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "Pieces.h"
+
+namespace vorlix {
+namespace {
+
+constexpr size_t kBlank = kSectorSize;                 // of the volume, zero until its structures are written
+constexpr uint64_t kCheckpoint = uint64_t{256} << 20;  // written between two syncs of the medium
+constexpr size_t kZeros = size_t{1} << 20;
+
+bool isZero(const uint8_t* bytes, size_t count) {
+  return count == 0 || (bytes[0] == 0 && std::memcmp(bytes, bytes + 1, count - 1) == 0);
+}
+
+std::string hashOfStart(const ImageSource& source) {
+  return sha256(source.facts().start);
+}
+
+std::optional<uint64_t> sizeOf(const ImageSource& source) {
+  const ImageFacts& facts = source.facts();
+  if (facts.size) return facts.size;
+  return facts.volume ? std::optional(facts.volume->size()) : std::nullopt;
+}
+
+class Run {
+ public:
+  Run(LongChange& journal, ImageSource& source, std::vector<std::shared_ptr<DeviceHandle>> handles,
+      const RestoreObserver& observer)
+      : journal_(journal),
+        source_(source),
+        handles_(std::move(handles)),
+        volume_(*handles_[journal.origin().device]),
+        name_(journal.structures().devices[journal.origin().device].device),
+        observer_(observer),
+        total_(sizeOf(source).value_or(0)) {
+    for (const ByteChange& run : journal.structures().devices[journal.origin().device].bytes) {
+      places_.push_back({run.offset, run.after.size()});
+    }
+  }
+
+  RestoreResult run(bool compare, std::string& kept) {
+    RestoreResult result;
+    if (auto failure = write(); !failure && !isCancelled_) {
+      if (compare) failure = this->compare();
+      if (!failure && !isCancelled_) failure = writeStructures();
+      if (!failure && !isCancelled_) failure = journal_.finish(kept);
+      if (failure) result.failure = *failure;
+      result.end = failure ? RestoreResult::End::failed : RestoreResult::End::done;
+    } else if (failure) {
+      result.failure = *failure;
+    }
+    if (isCancelled_) result.end = RestoreResult::End::cancelled;
+    result.size = position_;
+    return result;
+  }
+
+ private:
+  ChangeFailure failureAt(uint64_t offset, const std::string& reason) const {
+    return {name_, "at byte " + std::to_string(offset) + ": " + reason, ""};
+  }
+
+  ChangeFailure errorAt(uint64_t offset, ssize_t done) const {
+    return failureAt(offset, done < 0 ? SystemError{errno}.reason() : "the volume ends too early");
+  }
+
+  bool mayGoOn(RestoreProgress::Phase phase, uint64_t done) {
+    isCancelled_ = isCancelled_ || !observer_({phase, done, std::max(total_, done)});
+    return !isCancelled_;
+  }
+
+  std::optional<ChangeFailure> write() {
+    if (!journal_.pieces().empty()) {
+      position_ = journal_.pieces().back().offset + journal_.pieces().back().length;
+    }
+    if (position_ == 0) {
+      if (auto failure = blank()) return failure;
+    } else if (const auto failure = source_.moveTo(position_)) {
+      return ChangeFailure{failure->subject, failure->reason, ""};
+    }
+    PieceReader reader(source_, places_);
+    while (mayGoOn(RestoreProgress::Phase::writing, position_)) {
+      HashedPiece read = reader.next();
+      if (read.piece.kind == ImagePiece::Kind::end) return checkpoint();
+      if (read.piece.kind == ImagePiece::Kind::failure) {
+        const auto unsynced = checkpoint();
+        return unsynced ? unsynced : ChangeFailure{read.piece.failure.subject, read.piece.failure.reason, ""};
+      }
+      if (auto failure = put(read)) return failure;
+      reader.recycle(std::move(read.bytes));
+      if (unsynced_ >= kCheckpoint) {
+        if (auto failure = checkpoint()) return failure;
+      }
+    }
+    return checkpoint();
+  }
+
+  // Until the end, the volume has no boot sector, so that nothing takes it for whole.
+  std::optional<ChangeFailure> blank() {
+    const std::vector<uint8_t> zeros(kBlank);
+    const ssize_t done = volume_.writeAt(zeros.data(), zeros.size(), 0);
+    if (done != static_cast<ssize_t>(zeros.size())) return errorAt(0, done);
+    return volume_.sync() == 0 ? std::nullopt : std::optional(errorAt(0, -1));
+  }
+
+  std::optional<ChangeFailure> put(const HashedPiece& read) {
+    const ImagePiece& piece = read.piece;
+    ContentPiece written = {ContentPiece::Kind::data, piece.offset, piece.length, read.hash};
+    if (piece.kind == ImagePiece::Kind::data) {
+      const auto length = static_cast<size_t>(piece.length);
+      const ssize_t done = volume_.writeAt(read.bytes.data(), length, piece.offset);
+      if (done != static_cast<ssize_t>(length)) return errorAt(piece.offset, done);
+      unsynced_ += piece.length;
+    } else if (piece.kind == ImagePiece::Kind::zeros) {
+      written.kind = ContentPiece::Kind::zeros;
+      if (auto failure = putZeros(piece)) return failure;
+    } else {
+      written.kind = ContentPiece::Kind::unused;
+    }
+    fresh_.push_back(std::move(written));
+    position_ = piece.offset + piece.length;
+    return std::nullopt;
+  }
+
+  // Writes only where there is something else, so that a sparse image file stays sparse.
+  std::optional<ChangeFailure> putZeros(const ImagePiece& piece) {
+    std::vector<uint8_t> bytes(kZeros);
+    const std::vector<uint8_t> zeros(kZeros);
+    for (uint64_t at = piece.offset; at < piece.offset + piece.length;) {
+      if (const auto data = volume_.dataFrom(at)) {
+        at = std::max(at, data->size == 0 ? piece.offset + piece.length : data->offset);
+        if (at >= piece.offset + piece.length) break;
+      }
+      const auto length = static_cast<size_t>(std::min<uint64_t>(kZeros, piece.offset + piece.length - at));
+      const ssize_t got = volume_.readAt(bytes.data(), length, at);
+      if (got != static_cast<ssize_t>(length)) return errorAt(at, got);
+      if (!isZero(bytes.data(), length)) {
+        const ssize_t done = volume_.writeAt(zeros.data(), length, at);
+        if (done != static_cast<ssize_t>(length)) return errorAt(at, done);
+        unsynced_ += length;
+      }
+      at += length;
+    }
+    return std::nullopt;
+  }
+
+  // What was written so far is on the medium, and the journal says so.
+  std::optional<ChangeFailure> checkpoint() {
+    if (fresh_.empty()) return std::nullopt;
+    if (volume_.sync() != 0) return errorAt(position_, -1);
+    auto failure = journal_.record(fresh_);
+    if (failure) {
+      failure->state = "";
+      return failure;
+    }
+    fresh_.clear();
+    unsynced_ = 0;
+    return std::nullopt;
+  }
+
+  std::optional<ChangeFailure> compare() {
+    std::vector<uint8_t> bytes(kLargestPiece);
+    PieceHash hash;
+    for (const ContentPiece& piece : journal_.pieces()) {
+      if (piece.kind == ContentPiece::Kind::unused) continue;
+      for (uint64_t at = piece.offset; at < piece.offset + piece.length;) {
+        if (!mayGoOn(RestoreProgress::Phase::comparing, at)) return std::nullopt;
+        const auto length = static_cast<size_t>(std::min<uint64_t>(kLargestPiece, piece.offset + piece.length - at));
+        const ssize_t got = volume_.readMediumAt(bytes.data(), length, at);
+        if (got != static_cast<ssize_t>(length)) return errorAt(at, got);
+        const std::span<uint8_t> read(bytes.data(), length);
+        blankOut(read, at, places_);  // an interrupted run may have written a structure there already
+        const bool isRight =
+            piece.kind == ContentPiece::Kind::zeros ? isZero(bytes.data(), length) : hash.of(read) == piece.hash;
+        if (!isRight) return failureAt(at, "reads back differently from what was written");
+        at += length;
+      }
+    }
+    return std::nullopt;
+  }
+
+  // The structures of the plan, over whatever is there now.
+  std::optional<ChangeFailure> writeStructures() {
+    DiskChange change = journal_.structures();
+    for (size_t i = 0; i < change.devices.size(); ++i) {
+      DeviceChange& device = change.devices[i];
+      device.handle = handles_[i];
+      for (ByteChange& run : device.bytes) {
+        const ssize_t got = device.handle->readAt(run.before.data(), run.before.size(), run.offset);
+        if (got != static_cast<ssize_t>(run.before.size())) return errorAt(run.offset, got);
+      }
+    }
+    return applyChange(change);
+  }
+
+  LongChange& journal_;
+  ImageSource& source_;
+  std::vector<std::shared_ptr<DeviceHandle>> handles_;
+  DeviceHandle& volume_;
+  std::string name_;
+  const RestoreObserver& observer_;
+  uint64_t total_;
+  uint64_t position_ = 0;
+  uint64_t unsynced_ = 0;
+  std::vector<ImageRange> places_;   // of the structures on the volume, which the content leaves blank
+  std::vector<ContentPiece> fresh_;  // written, but not recorded
+  bool isCancelled_ = false;
+};
+
+RestoreResult runOver(LongChange& journal, ImageSource& source, std::vector<std::shared_ptr<DeviceHandle>> handles,
+                      bool compare, const RestoreObserver& observer) {
+  const std::string folder = journal.folder();
+  std::string kept;
+  RestoreResult result = Run(journal, source, std::move(handles), observer).run(compare, kept);
+  if (result.end == RestoreResult::End::done) {
+    result.kept = kept;
+  } else {
+    result.journal = folder;
+  }
+  return result;
+}
+
+RestoreResult failed(ChangeFailure failure) {
+  RestoreResult result;
+  result.failure = std::move(failure);
+  return result;
+}
+
+}  // namespace
+
+RestoreResult restoreVolume(ImageSource& source, const RestorePlan& plan, bool compare,
+                            const RestoreObserver& observer) {
+  std::unique_ptr<LongChange> journal;
+  const ContentOrigin origin = {plan.source, hashOfStart(source), 0};
+  if (auto failure = beginLongChange(plan.structures, origin, plan.backup, journal)) return failed(*std::move(failure));
+  std::vector<std::shared_ptr<DeviceHandle>> handles;
+  for (const DeviceChange& device : plan.structures.devices) handles.push_back(device.handle);
+  return runOver(*journal, source, std::move(handles), compare, observer);
+}
+
+RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& source,
+                            const std::vector<std::shared_ptr<DeviceHandle>>& handles, bool compare,
+                            const RestoreObserver& observer) {
+  if (journal->origin().start != hashOfStart(source)) {
+    RestoreResult result = failed({journal->origin().source, "is not the source that the restore began with", ""});
+    result.journal = journal->folder();
+    return result;
+  }
+  return runOver(*journal, source, handles, compare, observer);
+}
+
+std::optional<ChangeFailure> abandonRestore(std::unique_ptr<LongChange> journal,
+                                            const std::vector<std::shared_ptr<DeviceHandle>>& handles) {
+  DiskChange change = journal->structures();
+  change.title = "undo of " + change.title;
+  for (size_t i = 0; i < change.devices.size(); ++i) {
+    DeviceChange& device = change.devices[i];
+    device.handle = handles[i];
+    for (ByteChange& run : device.bytes) {
+      std::vector<uint8_t> now(run.before.size());
+      const ssize_t got = device.handle->readAt(now.data(), now.size(), run.offset);
+      if (got != static_cast<ssize_t>(now.size())) {
+        return ChangeFailure{device.device, got < 0 ? SystemError{errno}.reason() : "the device ends too early",
+                             kNothingWritten};
+      }
+      // The volume's places have whatever the restore had come to. Others have one of the two contents.
+      if (i != journal->origin().device && now != run.before && now != run.after) {
+        return ChangeFailure{device.device, run.reason + " was changed since", kNothingWritten};
+      }
+      run.after = std::exchange(run.before, std::move(now));
+    }
+  }
+  auto failure = applyChange(change);
+  if (!failure) journal->remove();
+  return failure;
+}
+
+}  // namespace vorlix

@@ -1,0 +1,221 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Whether a disk can start, judged from facts. The disks of tests/integration/test_start_check.py are made by other
+// tools; here are the facts that they cannot have.
+#include <Vorlix/OwnBootCode.h>
+#include <Vorlix/StartCheck.h>
+#include <gmock/gmock.h>
+
+#include <cstring>
+
+#include "tests/unit/support/DiskBytes.h"
+
+namespace vorlix::test {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+using Sight = FileFact::Sight;
+using State = StartFinding::State;
+
+constexpr uint32_t kFirst = 4096;
+
+void putText(Sector& sector, size_t offset, const char* text) {
+  std::memcpy(sector.data() + offset, text, std::strlen(text));
+}
+
+// An NTFS boot sector with code, of a volume that starts at kFirst.
+Sector ntfsAtFirst() {
+  Sector sector = {};
+  sector.fill(0x90);
+  putText(sector, 3, "NTFS    ");
+  sector[11] = 0;
+  sector[12] = 2;
+  const uint8_t hidden[] = {0x00, 0x10, 0x00, 0x00};
+  std::copy(std::begin(hidden), std::end(hidden), sector.begin() + 28);
+  sector[510] = 0x55;
+  sector[511] = 0xAA;
+  return sector;
+}
+
+GPTEntry entryOfType(const char* type, uint64_t first, uint64_t last) {
+  GPTEntry entry = {};
+  std::snprintf(entry.guid_text, sizeof entry.guid_text, "%s", type);
+  entry.type_guid[0] = 1;
+  entry.first_lba = first;
+  entry.last_lba = last;
+  return entry;
+}
+
+// A disk with an EFI System Partition and Windows in entry 2, right in every way.
+StartFacts soundFacts() {
+  StartFacts facts;
+  facts.disk = "mac.img";
+  facts.blocks = 65536;
+  facts.blockSize = 512;
+  facts.partition = 2;
+  facts.gpt.headerLBA = 1;
+  facts.gpt.entries = {entryOfType(kEFISystemGUID, 40, kFirst - 1),
+                       entryOfType("EBD0A0A2-B9E5-4433-87C0-68B6B72699C7", kFirst, 60000),
+                       entryOfType(kUnusedGUID, 0, 0), entryOfType(kUnusedGUID, 0, 0)};
+  facts.sector0 = makeSector0(ownBootCode(), hybridTable(facts.gpt.entries, 2).parts);
+  StartVolume volume;
+  volume.name = "mac.imgs2";
+  volume.bootSector = ntfsAtFirst();
+  volume.seconds = {{1024, ntfsAtFirst()}};
+  volume.dirty = false;
+  volume.hibernated = false;
+  volume.bootManager.sight = Sight::there;
+  volume.legacyStore.reason = "not mounted";
+  facts.volume = volume;
+  return facts;
+}
+
+std::vector<std::string> faultsOf(const StartFacts& facts, StartWay way = StartWay::legacy) {
+  std::vector<std::string> codes;
+  for (const StartFinding& finding : checkStart(facts, way).findings) {
+    if (finding.state != State::fault) continue;
+    codes.push_back(finding.code);
+    EXPECT_FALSE(finding.text.empty() || finding.why.empty() || finding.command.empty()) << finding.code;
+  }
+  return codes;
+}
+
+std::vector<std::string> areasIn(const StartFacts& facts, State state) {
+  std::vector<std::string> areas;
+  for (const StartFinding& finding : checkStart(facts, StartWay::legacy).findings) {
+    if (finding.state == state) areas.push_back(finding.area);
+  }
+  return areas;
+}
+
+TEST(StartCheck, ASoundDiskHasNoFault) {
+  const StartFacts facts = soundFacts();
+  EXPECT_THAT(faultsOf(facts), IsEmpty());
+  EXPECT_TRUE(checkStart(facts, StartWay::legacy).starts());
+  EXPECT_THAT(areasIn(facts, State::ok),
+              ElementsAre("gpt", "mbr", "active-slot", "boot-code", "boot-sector", "second-boot-sector", "volume-code",
+                          "boot-files", "volume-state"));
+}
+
+TEST(StartCheck, ADirtyVolumeAndAHibernatedOneAreFaults) {
+  StartFacts facts = soundFacts();
+  facts.volume->dirty = true;
+  EXPECT_THAT(faultsOf(facts), ElementsAre("volume-dirty"));
+  EXPECT_FALSE(checkStart(facts, StartWay::legacy).starts());
+  facts.volume->hibernated = true;
+  EXPECT_THAT(faultsOf(facts), ElementsAre("volume-dirty", "volume-hibernated"));
+  facts.volume->dirty = false;
+  EXPECT_THAT(faultsOf(facts), ElementsAre("volume-hibernated"));
+}
+
+TEST(StartCheck, AReaderMayTellNoMoreThanADoubt) {
+  StartFacts facts = soundFacts();
+  facts.volume->dirty.reset();
+  facts.volume->hibernated.reset();
+  facts.volume->doubt = "";
+  EXPECT_THAT(faultsOf(facts), IsEmpty());
+  EXPECT_THAT(areasIn(facts, State::ok), Contains("volume-state"));
+  facts.volume->doubt = "its journal is not empty";
+  EXPECT_THAT(faultsOf(facts), ElementsAre("volume-unclean"));
+  EXPECT_THAT(areasIn(facts, State::ok), Not(Contains("volume-state")));
+  EXPECT_THAT(areasIn(facts, State::unseen), Not(Contains("volume-state")));
+  facts.volume->hibernated = true;  // what is known exactly is told instead
+  EXPECT_THAT(faultsOf(facts), ElementsAre("volume-hibernated"));
+}
+
+TEST(StartCheck, WhatWasNotLookedAtIsNotOk) {
+  StartFacts facts = soundFacts();
+  facts.volume->dirty.reset();
+  facts.volume->stateReason = "not mounted";
+  facts.volume->bootManager = {Sight::unseen, "not mounted", {}};
+  EXPECT_THAT(faultsOf(facts), IsEmpty());
+  EXPECT_THAT(areasIn(facts, State::unseen), ElementsAre("boot-files", "volume-state"));
+  EXPECT_THAT(areasIn(facts, State::ok), Not(Contains("volume-state")));
+  EXPECT_THAT(areasIn(facts, State::ok), Not(Contains("boot-files")));
+}
+
+TEST(StartCheck, AnUnseenPartIsToldBesideAFault) {
+  StartFacts facts = soundFacts();
+  facts.volume->dirty = true;
+  facts.volume->hibernated.reset();
+  facts.volume->stateReason = "not mounted";
+  EXPECT_THAT(faultsOf(facts), ElementsAre("volume-dirty"));
+  EXPECT_THAT(areasIn(facts, State::unseen), Contains("volume-state"));
+}
+
+TEST(StartCheck, CommandsAreWordsForAShell) {
+  StartFacts facts = soundFacts();
+  facts.disk = "/media/my disk/it's.img";
+  facts.sector0 = {};
+  facts.type = 0x0C;
+  for (const StartFinding& finding : checkStart(facts, StartWay::legacy).findings) {
+    if (finding.code != "boot-code-missing") continue;
+    EXPECT_EQ(finding.command, "vorlix hybrid '/media/my disk/it'\\''s.img' --partition 2 --type 0C");
+    return;
+  }
+  FAIL() << "no finding about boot code";
+}
+
+TEST(StartCheck, OtherTypesOfTheSlotAreTakenFromTheCaller) {
+  StartFacts facts = soundFacts();
+  facts.type = 0x0C;
+  EXPECT_THAT(faultsOf(facts), ElementsAre("mbr-differs"));
+  facts.sector0[446 + 16 + 4] = 0x0C;
+  EXPECT_THAT(faultsOf(facts), IsEmpty());
+}
+
+TEST(StartCheck, TheWaysThatAreJudged) {
+  StartFacts facts = soundFacts();
+  const auto judged = [&](StartWay way) {
+    const StartReport report = checkStart(facts, way);
+    return std::make_pair(report.legacy, report.efi);
+  };
+  EXPECT_EQ(judged(StartWay::automatic), std::make_pair(true, false));
+  EXPECT_EQ(judged(StartWay::both), std::make_pair(true, true));
+  EXPECT_EQ(judged(StartWay::efi), std::make_pair(false, true));
+  facts.efi.store.sight = Sight::there;
+  EXPECT_EQ(judged(StartWay::automatic), std::make_pair(true, true));
+  PartitionTable guard = hybridTable(facts.gpt.entries, 0);
+  makeGuard(guard, 65000);
+  facts.sector0 = makeSector0({}, guard.parts);
+  EXPECT_EQ(judged(StartWay::automatic), std::make_pair(false, true));
+  EXPECT_EQ(judged(StartWay::legacy), std::make_pair(true, false));
+}
+
+TEST(StartCheck, AStoreOfAnySizeIsSearchedInsideItsBytes) {
+  for (size_t size = 0; size < 200; ++size) {
+    EXPECT_THAT(storeDevices(ByteVector(size)), IsEmpty());
+  }
+  // Type 6 at 0x10, length 0x48 at 0x18, identifiers at 0x20 and 0x38: 88 bytes, cut off at each place.
+  ByteVector element(88);
+  element[0x10] = 6;
+  element[0x18] = 0x48;
+  element[0x20] = 0xAB;
+  element[0x34] = 1;
+  element[0x38] = 0xCD;
+  const std::vector<StoreDevice> devices = storeDevices(element);
+  ASSERT_EQ(devices.size(), 1U);
+  EXPECT_EQ(devices[0].offset, 0x20U);
+  EXPECT_TRUE(devices[0].isMBR);
+  EXPECT_EQ(devices[0].partition[0], 0xAB);
+  EXPECT_EQ(devices[0].disk[0], 0xCD);
+  element.resize(0x38 + 15);
+  EXPECT_THAT(storeDevices(element), IsEmpty());
+}
+
+TEST(OwnBootCode, IsCodeForSectorZero) {
+  Sector sector = {};
+  EXPECT_TRUE(lacksDiskBootCode(sector));
+  sector[440] = 1;  // the disk signature
+  EXPECT_TRUE(lacksDiskBootCode(sector));
+  sector[439] = 1;
+  EXPECT_FALSE(lacksDiskBootCode(sector));
+  EXPECT_EQ(ownBootCode()[0], 0xFA);  // cli
+}
+
+}  // namespace
+}  // namespace vorlix::test

@@ -1,0 +1,288 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/Restore.h>
+#include <Vorlix/StartCheck.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Arbitration.h"
+#include "Backup.h"
+#include "Commands.h"
+#include "DeviceChanges.h"
+#include "Failure.h"
+#include "LibraryLog.h"
+#include "Progress.h"
+#include "RestorePreparation.h"
+#include "StartFacts.h"
+#include "Text.h"
+
+namespace vorlix::tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct RestoreOptions {
+  RestoreRequest request;
+  std::string start = "legacy";
+  std::string resume;
+  bool yes = false;
+  bool dryRun = false;
+  bool noVerify = false;
+  ProgressForm progress = ProgressForm::people;
+};
+
+std::string nameOfJournal(const std::string& folder) {
+  return fs::path(folder).filename().string();
+}
+
+std::string slotText(const MBRPartitionEntry& slot) {
+  if (slot.type == 0) return "unused";
+  return std::string((slot.flag & kActiveFlag) != 0 ? "active, " : "") + mbrTypeName(slot.type) + ", sectors " +
+         std::to_string(slot.lba) + " to " + std::to_string(uint64_t{slot.lba} + slot.size - 1);
+}
+
+void printPlan(const RestoreOptions& options, const RestorePreparation& prepared) {
+  const ImageFacts& facts = prepared.source->facts();
+  const std::string format = facts.volume ? std::string(", ") + nameOf(facts.volume->format) : "";
+  const std::string size = facts.size ? ", " + shortSizeText(*facts.size) : "";
+  std::printf("From       %s (%s%s%s)\n", printable(options.request.source).c_str(),
+              printable(facts.description).c_str(), format.c_str(), size.c_str());
+  std::printf("To         %s, GPT entry %u \"%s\", %s\n", printable(prepared.volume).c_str(), options.request.partition,
+              printable(prepared.entryName).c_str(), shortSizeText(prepared.volumeSize).c_str());
+  std::printf("Lost       what is there now: %s\n", printable(prepared.present).c_str());
+  if (!facts.isVerified) {
+    std::printf("Note       the source has no block map, so damage that its format does not notice is restored, too\n");
+  }
+  if (!options.request.isLegacy) {
+    std::printf("MBR        stays as it is\n");
+    return;
+  }
+  if (!prepared.changesMBR) std::printf("MBR        right already\n");
+  for (size_t slot = 0; prepared.changesMBR && slot < kSlotCount; ++slot) {
+    const std::string now = slotText(prepared.mbr.disk.mbr.parts[slot]);
+    const std::string then = slotText(prepared.mbr.table.parts[slot]);
+    if (now == then) continue;
+    std::printf("MBR slot %zu %s\n           becomes %s\n", slot + 1, now.c_str(), then.c_str());
+  }
+  if (prepared.mbr.bootCode == BootCodeOrigin::own) {
+    std::printf("Boot code  sector 0 has none and gets our own, which starts the active slot\n");
+  }
+}
+
+// Asks on the terminal. Without one, only --yes answers.
+void requireConsent(const RestoreOptions& options, const std::string& question) {
+  if (options.yes) return;
+  if (isatty(STDIN_FILENO) != 1 || options.request.source == kStandardInput) {
+    throw Failure(options.request.disk.empty() ? options.resume : options.request.disk,
+                  "nobody can be asked here; --yes answers in advance");
+  }
+  std::printf("%s [y/N] ", question.c_str());
+  std::fflush(stdout);
+  char answer[16] = {};
+  const bool isYes = std::fgets(answer, sizeof answer, stdin) != nullptr && (answer[0] == 'y' || answer[0] == 'Y');
+  if (!isYes) throw Failure(options.request.disk.empty() ? options.resume : options.request.disk, "not confirmed");
+}
+
+// Shows both phases of a run, and ends it at a safe place when a signal has come.
+class ShownProgress {
+ public:
+  explicit ShownProgress(ProgressForm form) : form_(form), phase_(RestoreProgress::Phase::writing) {
+    shown_ = std::make_unique<Progress>(form_, "restoring");
+  }
+
+  bool operator()(const RestoreProgress& progress) {
+    if (progress.phase != phase_) {
+      phase_ = progress.phase;
+      shown_->finish();
+      shown_ = std::make_unique<Progress>(form_, "comparing");
+    }
+    shown_->show(progress.done, progress.total);
+    return !Interruption::hasCome();
+  }
+
+  void finish() { shown_->finish(); }
+
+ private:
+  ProgressForm form_;
+  RestoreProgress::Phase phase_;
+  std::unique_ptr<Progress> shown_;
+};
+
+std::string howToGoOn(const RestoreResult& result) {
+  const std::string name = nameOfJournal(result.journal);
+  return sizeText(result.size) +
+         " of the volume are written, and it has no boot sector yet; `vorlix restore --resume " + name +
+         "` goes on, `vorlix undo " + name + "` gives it up";
+}
+
+// Throws Failure unless the restore is complete.
+void requireDone(const RestoreResult& result, const std::string& volume) {
+  if (result.end == RestoreResult::End::done) return;
+  if (result.end == RestoreResult::End::cancelled) throw Failure(volume, "stopped", howToGoOn(result));
+  const ChangeFailure& failure = result.failure;
+  if (result.journal.empty()) fail(failure);
+  throw Failure(failure.subject, failure.reason,
+                (failure.state.empty() ? "" : failure.state + "; ") + howToGoOn(result));
+}
+
+// Says what a start still needs. @return whether the disk starts as far as can be told.
+bool printStart(const std::string& disk, uint32_t partition, StartWay way) {
+  const StartReport report = checkStart(collectStartFacts(disk, partition, 0), way);
+  for (const StartFinding& finding : report.findings) {
+    if (finding.state != StartFinding::State::fault) continue;
+    std::printf("Missing    %s\n           because %s\n           to mend: %s\n", printable(finding.text).c_str(),
+                printable(finding.why).c_str(), printable(finding.command).c_str());
+  }
+  if (report.starts()) std::printf("Start      the disk starts as far as can be told (vorlix check)\n");
+  return report.starts();
+}
+
+std::string folderOfInterrupted(const std::string& name) {
+  if (name.find('/') != std::string::npos) return name;
+  std::vector<std::string> found;
+  for (const std::string& folder : interruptedLongChanges()) {
+    if (nameOfJournal(folder).starts_with(name)) found.push_back(folder);
+  }
+  if (found.empty()) throw Failure(name, "no interrupted restore of that name");
+  if (found.size() > 1) throw Failure(name, "several interrupted restores begin with that name");
+  return found.front();
+}
+
+std::unique_ptr<LongChange> openJournal(const std::string& folder) {
+  std::optional<ChangeFailure> failure;
+  auto journal = openLongChange(folder, failure);
+  if (failure) fail(*failure);
+  return journal;
+}
+
+// @return the disk that was restored to.
+std::string resume(const RestoreOptions& options, const std::string& folder) {
+  auto journal = openJournal(folder);
+  const DiskChange& structures = journal->structures();
+  const std::string volume = structures.devices[journal->origin().device].device;
+  std::vector<std::shared_ptr<DeviceHandle>> handles;
+  for (const DeviceChange& device : structures.devices) handles.push_back(openToChange(device.device, nullptr, folder));
+  ImageFailure unreadable;
+  const std::string path = options.request.source.empty() ? journal->origin().source : options.request.source;
+  const auto source = openImageSource(path, {}, unreadable);
+  if (!source) throw Failure(unreadable.subject, unreadable.reason, "the restore can go on once the source is there");
+  std::printf("Going on   %s\n", printable(structures.title).c_str());
+  std::fflush(stdout);
+  const Interruption interruption;
+  ShownProgress progress(options.progress);
+  const RestoreResult result =
+      resumeRestore(std::move(journal), *source, handles, !options.noVerify, std::ref(progress));
+  progress.finish();
+  requireDone(result, volume);
+  std::printf("Restored   %s to %s%s\n", sizeText(result.size).c_str(), printable(volume).c_str(),
+              options.noVerify ? "" : ", read back and compared");
+  printUndo(result.kept);
+  return volume;
+}
+
+// The interrupted restore of the same slice. Throws Failure if that has another source.
+std::optional<std::string> interruptedRestoreOf(const RestoreRequest& request, const std::string& volume) {
+  for (const std::string& folder : interruptedLongChanges()) {
+    const auto journal = openJournal(folder);
+    const std::string& device = journal->structures().devices[journal->origin().device].device;
+    if (absoluteSource(device) != absoluteSource(volume) && device != volume) continue;
+    if (journal->origin().source == absoluteSource(request.source)) return folder;
+    const std::string name = nameOfJournal(folder);
+    throw Failure(volume, "a restore of " + journal->origin().source + " was interrupted; `vorlix restore --resume " +
+                              name + "` goes on, `vorlix undo " + name + "` gives it up");
+  }
+  return std::nullopt;
+}
+
+int restore(RestoreOptions options, const BackupChoice& choice) {
+  const LibraryLog log;  // look-ups write to it
+  RestoreRequest& request = options.request;
+  const std::string volume = sliceNameOf(bsdNameOf(request.disk), request.partition);
+  const StartWay way = request.isLegacy ? StartWay::legacy : StartWay::automatic;
+  if (const auto folder = interruptedRestoreOf(request, volume)) {
+    if (options.dryRun) {
+      std::printf("Dry run: `vorlix restore --resume %s` goes on with this restore.\n", nameOfJournal(*folder).c_str());
+      return kChangeNeeded;
+    }
+    requireConsent(options, "This restore was interrupted. Go on?");
+    resume(options, *folder);
+    return !request.isLegacy || printStart(request.disk, request.partition, way) ? kDone : kChangeNeeded;
+  }
+  // Standard input can be read once only, so the disk is opened for writing at once.
+  const bool isStream = request.source == kStandardInput;
+  if (isStream && !options.dryRun) requireConsent(options, "");
+  request.writes = isStream && !options.dryRun;
+  RestorePreparation prepared = prepareRestore(request);
+  printPlan(options, prepared);
+  if (options.dryRun) {
+    std::printf("Dry run: nothing is written.\n");
+    return kChangeNeeded;
+  }
+  std::fflush(stdout);
+  if (!isStream) {
+    prepared = {};  // closes the disk while the user thinks
+    requireConsent(options, "Overwrite " + printable(volume) + "?");
+    request.writes = true;
+    prepared = prepareRestore(request);
+  }
+  prepared.plan.backup = changeBackup(choice);
+  const Interruption interruption;
+  ShownProgress progress(options.progress);
+  const RestoreResult result = restoreVolume(*prepared.source, prepared.plan, !options.noVerify, std::ref(progress));
+  progress.finish();
+  requireDone(result, prepared.volume);
+  std::printf("Restored   %s to %s%s\n", sizeText(result.size).c_str(), printable(prepared.volume).c_str(),
+              options.noVerify ? "" : ", read back and compared");
+  printUndo(result.kept);
+  prepared = {};  // closes the disk, which is looked at anew
+  return !request.isLegacy || printStart(request.disk, request.partition, way) ? kDone : kChangeNeeded;
+}
+
+}  // namespace
+
+void addRestoreCommand(Command& top, int& status) {
+  const auto options = std::make_shared<RestoreOptions>();
+  RestoreRequest& request = options->request;
+  Command command = top.addCommand("restore", "Restore a volume from an image or a backup, and make the disk start it");
+  command.addOption("SOURCE", request.source,
+                    "Image file, plain or packed (gz, xz, zst, bz2, zip), ntfsclone image, folder of a backup, slice, "
+                    "or - for standard input");
+  command.addOption("DISK", request.disk, "Whole disk or disk-image file");
+  command.addOption("--partition", request.partition, "GPT entry of the volume to overwrite").within(1, 128);
+  command.addOption("--start", options->start, "legacy: write the MBR for a start by a BIOS (default); none: do not")
+      .oneOf({"legacy", "none"});
+  command.addOption("--boot-code", request.bootCode, "File with MBR boot code (default: the disk's, or our own)");
+  const Option resuming =
+      command.addOption("--resume", options->resume, "Go on with an interrupted restore; SOURCE if it has moved");
+  command.addFlag("--yes", options->yes, "Do not ask");
+  command.addFlag("--dry-run", options->dryRun, "Check everything and show the plan; write nothing");
+  command.addFlag("--no-verify", options->noVerify, "Do not read the content back");
+  command.addFlag("--force", request.force, "Go on with a damaged GPT, another type of partition or an odd source");
+  addProgressOption(command, options->progress);
+  const auto backup = addBackupOptions(command);
+  command.setFooter(
+      "Exit status: 0 the disk starts as far as can be told (with --start none: the volume is restored),\n"
+      "1 restored, but something that a start needs is missing, 2 error.");
+  command.setAction([options, backup, resuming, &status] {
+    RestoreRequest& wanted = options->request;
+    wanted.isLegacy = options->start == "legacy";
+    if (resuming.isGiven()) {
+      const LibraryLog log;
+      resume(*options, folderOfInterrupted(options->resume));
+      status = kDone;
+      return;
+    }
+    if (wanted.source.empty()) refuseWithout("SOURCE");
+    if (wanted.disk.empty()) refuseWithout("DISK");
+    if (wanted.partition == 0) refuseWithout("--partition");
+    status = restore(*options, *backup);
+  });
+}
+
+}  // namespace vorlix::tool

@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "VolumeLook.h"
+
+#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/VolumeNames.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <utility>
+
+#include "Arbitration.h"
+#include "Failure.h"
+#include "Text.h"
+
+namespace vorlix::tool {
+namespace {
+
+using Sight = FileFact::Sight;
+
+FileFact unseen(std::string reason) {
+  return {Sight::unseen, std::move(reason), {}};
+}
+
+FileFact missing() {
+  return {Sight::missing, "", {}};
+}
+
+}  // namespace
+
+VolumeLook::VolumeLook(const std::string& slice) {
+  std::optional<Dissenter> refusal;
+  try {
+    const DevicePlace place = placeOf(slice);
+    if (place.mountPoint) {
+      root_.emplace(*place.mountPoint, isCaseBlindDevice(slice));
+      return;
+    }
+    volume_ = platform().volumeMirrors->openToRead(place.name, refusal);
+  } catch (const Failure& failure) {
+    reason_ = failure.what();
+    return;
+  }
+  if (!volume_) reason_ = slice + " cannot be looked into: " + (refusal ? reasonText(*refusal) : "it is not mounted");
+}
+
+FileFact VolumeLook::look(const std::vector<std::string>& names, bool withContent, size_t limit) const {
+  if (!root_ && !volume_) return unseen(reason_);
+  try {
+    return root_ ? lookInFolder(names, withContent, limit) : lookInBytes(names, withContent, limit);
+  } catch (const Failure& failure) {
+    return unseen(failure.what());
+  }
+}
+
+FileFact VolumeLook::lookInFolder(const std::vector<std::string>& names, bool withContent, size_t limit) const {
+  std::optional<VolumeFolder> below;
+  const VolumeFolder* folder = &*root_;
+  for (size_t i = 0; i + 1 < names.size(); ++i) {
+    const auto spelled = folder->find(names[i]);
+    const auto status = spelled ? folder->statusOf(*spelled) : std::nullopt;
+    if (!status || !S_ISDIR(status->st_mode)) return missing();
+    VolumeFolder next = folder->folder(names[i]);
+    below.emplace(std::move(next));
+    folder = &*below;
+  }
+  const auto spelled = folder->find(names.back());
+  const auto status = spelled ? folder->statusOf(*spelled) : std::nullopt;
+  if (!status || !S_ISREG(status->st_mode)) return missing();
+  FileFact fact = {Sight::there, "", {}};
+  if (withContent) fact.bytes = folder->content(*spelled, limit);
+  return fact;
+}
+
+FileFact VolumeLook::lookInBytes(const std::vector<std::string>& names, bool withContent, size_t limit) const {
+  std::string path;
+  for (size_t i = 0; i < names.size(); ++i) {
+    const std::vector<UnmountedVolume::Item> items = volume_->itemsIn(path);
+    const auto found = std::find_if(items.begin(), items.end(), [&](const UnmountedVolume::Item& item) {
+      return !spellingsOf({item.name}, names[i]).empty();
+    });
+    const bool isLast = i + 1 == names.size();
+    if (found == items.end() || found->isFolder == isLast) return missing();
+    path += "/" + found->name;
+    if (isLast && withContent && found->size > limit) return unseen(path + " is larger than " + sizeText(limit));
+  }
+  FileFact fact = {Sight::there, "", {}};
+  if (!withContent) return fact;
+  if (const auto refusal = volume_->read(path, fact.bytes)) return unseen(reasonText(*refusal));
+  return fact;
+}
+
+std::optional<bool> VolumeLook::isHibernated() const {
+  if (!root_) return std::nullopt;
+  try {
+    const auto spelled = root_->find("hiberfil.sys");
+    const auto status = spelled ? root_->statusOf(*spelled) : std::nullopt;
+    if (!status || !S_ISREG(status->st_mode)) return false;
+    const Descriptor file(
+        openat(root_->descriptor(), spelled->c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    std::array<char, 4> mark = {};
+    if (!file || read(file.get(), mark.data(), mark.size()) < 0) return std::nullopt;
+    for (char& letter : mark) letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+    return mark == std::array<char, 4>{'h', 'i', 'b', 'r'};
+  } catch (const Failure&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace vorlix::tool
