@@ -22,3 +22,13 @@ endfunction()
 function(vorlix_alone)
   set_property(SOURCE ${ARGN} PROPERTY SKIP_UNITY_BUILD_INCLUSION ON)
 endfunction()
+
+# Most of a small file's compilation is the C++ library's headers. A compiler cache cannot use what was compiled with
+# precompiled ones, so that only the preset for a single build has them.
+function(vorlix_precompiled target)
+  if(VORLIX_PRECOMPILED)
+    target_precompile_headers(${target} PRIVATE
+        <algorithm> <array> <charconv> <chrono> <filesystem> <fstream> <functional> <map> <memory> <mutex> <optional>
+        <set> <span> <sstream> <stdexcept> <string> <string_view> <system_error> <utility> <vector>)
+  endif()
+endfunction()

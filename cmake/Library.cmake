@@ -17,7 +17,7 @@ if(APPLE)
   set(VORLIX_SYSTEM_LIBRARIES "-framework DiskArbitration" "-framework IOKit" "-framework CoreFoundation")
 else()
   find_package(PkgConfig REQUIRED)
-  set(VORLIX_MODULES blkid mount)
+  set(VORLIX_MODULES blkid)
   set(VORLIX_SYSTEM_LIBRARIES)
   foreach(module ${VORLIX_MODULES})
     pkg_check_modules(${module} REQUIRED ${module})
@@ -45,6 +45,7 @@ vorlix_batch(vorlix_objects saving "^library/(Allocation|Backup)/")
 vorlix_batch(vorlix_objects parts "^library/(QDSUtilities.cpp|.*/)")
 vorlix_batch(vorlix_objects faces "^library/")
 vorlix_alone(foundation/Base64.cpp foundation/NotificationCenter.cpp)
+vorlix_precompiled(vorlix_objects)
 target_link_libraries(vorlix_objects PUBLIC vorlix_headers ${VORLIX_SYSTEM_LIBRARIES})
 target_include_directories(vorlix_objects SYSTEM PRIVATE ${VORLIX_SYSTEM_INCLUDES})
 target_compile_definitions(vorlix_objects PRIVATE
@@ -126,10 +127,6 @@ endif()
 
 # Signatures. The folder of the trusted certificates for callers' signatures is fixed in the build, so that nobody can
 # make a privileged host use another one.
-#
-# On Linux, OpenSSL checks the signatures. Loading OpenSSL takes longer than the rest of a command, so the code that
-# needs it is a module in the library's own folder. The shared library and the program load it at the first check. The
-# static library contains it, because a host that links statically wants no further files.
 if(APPLE)
   foreach(kind objects shared static)
     target_link_libraries(vorlix_${kind} PRIVATE "-framework Security")
@@ -138,45 +135,54 @@ if(APPLE)
   target_link_libraries(vorlix_shared PRIVATE PkgConfig::ARCHIVE ZLIB::ZLIB)
 else()
   pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET GLOBAL libcrypto)
-  set(VORLIX_PC_SIGNING ", libcrypto")
+  pkg_check_modules(MOUNT REQUIRED IMPORTED_TARGET GLOBAL mount)
+  set(VORLIX_PC_MODULES ", libcrypto, mount")
   set(VORLIX_ANCHOR_FOLDER "/etc/vorlix/anchors" CACHE PATH "Trusted certificates of callers' signatures")
   target_compile_definitions(vorlix_objects PRIVATE VORLIX_ANCHOR_FOLDER="${VORLIX_ANCHOR_FOLDER}")
 
-  file(GLOB signing CONFIGURE_DEPENDS platform/linux/signing/*.cpp)
-  set(signing_module ${PROJECT_SOURCE_DIR}/platform/linux/signing/Module.cpp)
-  set(signing_loader ${PROJECT_SOURCE_DIR}/platform/linux/signing/Loader.cpp)
-  list(REMOVE_ITEM signing ${signing_module} ${signing_loader})
-  add_library(vorlix_signing_objects OBJECT ${signing})
-  target_link_libraries(vorlix_signing_objects PRIVATE vorlix_headers PkgConfig::CRYPTO)
-  target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_signing_objects>)
-  target_link_libraries(vorlix_static PRIVATE PkgConfig::CRYPTO)
-
   # The folder's name contains the version, so the modules of two library versions can coexist.
   set(VORLIX_MODULE_FOLDER vorlix-${PROJECT_VERSION_MAJOR})
-  add_library(vorlix_signing MODULE ${signing_module} $<TARGET_OBJECTS:vorlix_signing_objects>)
-  target_link_libraries(vorlix_signing PRIVATE vorlix_headers PkgConfig::CRYPTO)
-  set_target_properties(vorlix_signing PROPERTIES PREFIX "" OUTPUT_NAME signing LINKER_LANGUAGE CXX
-                                                  LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${VORLIX_MODULE_FOLDER})
 
-  set(unpacking_module ${PROJECT_SOURCE_DIR}/platform/linux/unpacking/Module.cpp)
-  set(unpacking_loader ${PROJECT_SOURCE_DIR}/platform/linux/unpacking/Loader.cpp)
-  add_library(vorlix_unpacking MODULE ${unpacking_module} platform/SystemError.cpp
-              $<TARGET_OBJECTS:vorlix_unpacking_objects>)
-  target_link_libraries(vorlix_unpacking PRIVATE vorlix_headers PkgConfig::ARCHIVE ZLIB::ZLIB)
-  set_target_properties(vorlix_unpacking PROPERTIES PREFIX "" OUTPUT_NAME unpacking LINKER_LANGUAGE CXX
-                                                    LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${VORLIX_MODULE_FOLDER})
-
-    target_link_libraries(vorlix_blockcoding_objects PRIVATE PkgConfig::CRYPTO)
-  set(blockcoding_module ${PROJECT_SOURCE_DIR}/platform/linux/blockcoding/Module.cpp)
-  set(blockcoding_loader ${PROJECT_SOURCE_DIR}/platform/linux/blockcoding/Loader.cpp)
-  add_library(vorlix_blockcoding MODULE ${blockcoding_module} $<TARGET_OBJECTS:vorlix_blockcoding_objects>)
-  target_link_libraries(vorlix_blockcoding PRIVATE vorlix_headers PkgConfig::ZSTD PkgConfig::CRYPTO)
-  set_target_properties(vorlix_blockcoding PROPERTIES PREFIX "" OUTPUT_NAME blockcoding LINKER_LANGUAGE CXX
-                                                      LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${VORLIX_MODULE_FOLDER})
-
+  # Few calls need OpenSSL (signatures, backups), libmount, libarchive or libzstd, and loading them costs more than the
+  # rest of a command. The code that needs them is in modules in the library's own folder. The shared library and the
+  # program load a module at the first call. The static library contains the code, because a host that links statically
+  # wants no further files.
+  #
+  # platform/linux/<name>/ has Module.cpp for the module alone and Loader.cpp for those that load it. It has the code too,
+  # unless macOS shares the code: then vorlix_<name>_objects exist already.
   file(GLOB module_loader CONFIGURE_DEPENDS platform/linux/modules/*.cpp)
-  add_library(vorlix_loader OBJECT ${signing_loader} ${unpacking_loader} ${blockcoding_loader} ${module_loader})
+  add_library(vorlix_loader OBJECT ${module_loader})
   target_link_libraries(vorlix_loader PRIVATE vorlix_headers)
+  function(vorlix_module name)  # and its libraries
+    set(folder ${PROJECT_SOURCE_DIR}/platform/linux/${name})
+    if(NOT TARGET vorlix_${name}_objects)
+      file(GLOB sources CONFIGURE_DEPENDS platform/linux/${name}/*.cpp)
+      list(REMOVE_ITEM sources ${folder}/Module.cpp ${folder}/Loader.cpp)
+      add_library(vorlix_${name}_objects OBJECT ${sources})
+      vorlix_batch(vorlix_${name}_objects ${name} ".")
+      target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_${name}_objects>)
+    endif()
+    target_link_libraries(vorlix_${name}_objects PRIVATE vorlix_headers ${ARGN})
+    target_link_libraries(vorlix_static PRIVATE ${ARGN})
+
+    # A module finds nothing in the program that loads it, so it has the texts of errors itself.
+    add_library(vorlix_${name} MODULE ${folder}/Module.cpp ${PROJECT_SOURCE_DIR}/platform/SystemError.cpp
+                $<TARGET_OBJECTS:vorlix_${name}_objects>)
+    target_link_libraries(vorlix_${name} PRIVATE vorlix_headers ${ARGN})
+    if(NOT VORLIX_SANITIZE)  # whose runtime is the program's
+      target_link_options(vorlix_${name} PRIVATE LINKER:-z,defs)
+    endif()
+    set_target_properties(vorlix_${name} PROPERTIES PREFIX "" OUTPUT_NAME ${name} LINKER_LANGUAGE CXX
+                          LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${VORLIX_MODULE_FOLDER})
+    target_sources(vorlix_loader PRIVATE ${folder}/Loader.cpp)
+    add_dependencies(vorlix_shared vorlix_${name})
+  endfunction()
+  vorlix_module(signing PkgConfig::CRYPTO)
+  vorlix_module(mounting PkgConfig::MOUNT)
+  vorlix_module(unpacking PkgConfig::ARCHIVE ZLIB::ZLIB)
+  vorlix_module(blockcoding PkgConfig::ZSTD PkgConfig::CRYPTO)
+  vorlix_batch(vorlix_loader loaders ".")
+
   set(libraries_from_programs "")
   if(NOT IS_ABSOLUTE "${CMAKE_INSTALL_BINDIR}" AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
     file(RELATIVE_PATH libraries_from_programs "/prefix/${CMAKE_INSTALL_BINDIR}" "/prefix/${CMAKE_INSTALL_LIBDIR}")
@@ -187,5 +193,4 @@ else()
                              VORLIX_LIBRARIES_FROM_BINDIR="${libraries_from_programs}")
   target_sources(vorlix_shared PRIVATE $<TARGET_OBJECTS:vorlix_loader>)
   target_link_libraries(vorlix_shared PRIVATE ${CMAKE_DL_LIBS})
-  add_dependencies(vorlix_shared vorlix_signing vorlix_unpacking vorlix_blockcoding)
 endif()

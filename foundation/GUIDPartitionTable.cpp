@@ -22,15 +22,21 @@ constexpr size_t kSlotSize = 16;
 constexpr size_t kTypeOffset = 4;
 constexpr size_t kMBRSignatureOffset = 510;
 
-constexpr std::array<uint32_t, 256> makeTable() {
+// Table k has the effect of a byte that k more bytes follow, so that a word of four bytes takes one step.
+using ChecksumTables = std::array<std::array<uint32_t, 256>, 4>;
+
+constexpr ChecksumTables makeTables() {
   constexpr uint32_t kReflectedPolynomial = 0xEDB88320;  // 0x04C11DB7 with its bits reversed
-  std::array<uint32_t, 256> table = {};
-  for (uint32_t i = 0; i < table.size(); ++i) {
+  ChecksumTables tables = {};
+  for (uint32_t i = 0; i < 256; ++i) {
     uint32_t value = i;
     for (int bit = 0; bit < 8; ++bit) value = (value & 1) != 0 ? value >> 1 ^ kReflectedPolynomial : value >> 1;
-    table[i] = value;
+    tables[0][i] = value;
   }
-  return table;
+  for (size_t k = 1; k < tables.size(); ++k) {
+    for (size_t i = 0; i < 256; ++i) tables[k][i] = tables[k - 1][i] >> 8 ^ tables[0][tables[k - 1][i] & 0xFF];
+  }
+  return tables;
 }
 
 bool hasMBRSignature(std::span<const uint8_t> sector0) {
@@ -40,9 +46,14 @@ bool hasMBRSignature(std::span<const uint8_t> sector0) {
 }  // namespace
 
 uint32_t crc32(std::span<const uint8_t> bytes, uint32_t before) {
-  static constexpr std::array<uint32_t, 256> kTable = makeTable();
+  static constexpr ChecksumTables kTables = makeTables();
   uint32_t value = ~before;
-  for (const uint8_t byte : bytes) value = value >> 8 ^ kTable[(value ^ byte) & 0xFF];
+  for (; bytes.size() >= 4; bytes = bytes.subspan(4)) {
+    value ^= bytes[0] | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
+    value = kTables[3][value & 0xFF] ^ kTables[2][value >> 8 & 0xFF] ^ kTables[1][value >> 16 & 0xFF] ^
+            kTables[0][value >> 24];
+  }
+  for (const uint8_t byte : bytes) value = value >> 8 ^ kTables[0][(value ^ byte) & 0xFF];
   return ~value;
 }
 

@@ -1,28 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "KernelMount.h"
 
-#include <libmount/libmount.h>
-
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <memory>
 #include <thread>
 #include <vector>
 
 #include "Command.h"
+#include "MountCall.h"
 #include "MountSources.h"
 
 namespace vorlix {
 namespace {
-
-struct ContextDeleter {
-  void operator()(libmnt_context* context) const { mnt_free_context(context); }
-};
-using Context = std::unique_ptr<libmnt_context, ContextDeleter>;
 
 // Exit statuses of ntfs-3g, as ntfs-3g.probe(8) lists them.
 constexpr int kNTFSHibernated = 14;
@@ -56,50 +49,7 @@ std::string optionsFor(const KernelMountRequest& request) {
   return options;
 }
 
-int errorOfLibrary(int code) {
-  switch (code) {
-    case MNT_ERR_NOFSTYPE:
-    case MNT_ERR_AMBIFS:
-      return ENODEV;
-    case MNT_ERR_LOOPOVERLAP:
-    case MNT_ERR_LOCK:
-      return EBUSY;
-    case MNT_ERR_MOUNTOPT:
-      return EINVAL;
-    case MNT_ERR_LOOPDEV:
-      return errno != 0 ? errno : ENXIO;
-    default:
-      return code;
-  }
-}
-
-// The result of an attempt: an error number, or the exit status of the helper that libmount ran.
-struct Outcome {
-  int error = 0;
-  bool byHelper = false;
-  std::string text;
-};
-
-Outcome outcomeOf(libmnt_context* context, int result) {
-  Outcome outcome;
-  if (result == 0) return outcome;
-  const int reason = errno;
-  char text[1024] = "";
-  mnt_context_get_excode(context, result, text, sizeof text);
-  outcome.text = text;
-  if (mnt_context_helper_executed(context) == 1) {
-    outcome.byHelper = true;
-    outcome.error = mnt_context_get_helper_status(context);
-  } else if (mnt_context_syscall_called(context) == 1) {
-    outcome.error = mnt_context_get_syscall_errno(context);
-  } else {
-    errno = reason;
-    outcome.error = errorOfLibrary(result < 0 ? -result : result);
-  }
-  return outcome;
-}
-
-Dissenter helperDissenter(const KernelMountRequest& request, const Outcome& outcome) {
+Dissenter helperDissenter(const KernelMountRequest& request, const MountOutcome& outcome) {
   if (request.kind == "ntfs") {
     switch (outcome.error) {
       case kNTFSHibernated:
@@ -118,7 +68,7 @@ Dissenter helperDissenter(const KernelMountRequest& request, const Outcome& outc
                              std::to_string(outcome.error)};
 }
 
-Dissenter mountDissenter(const KernelMountRequest& request, const Outcome& outcome) {
+Dissenter mountDissenter(const KernelMountRequest& request, const MountOutcome& outcome) {
   if (outcome.byHelper) return helperDissenter(request, outcome);
   // mount(2) fails with EINVAL for a superblock that the driver refuses.
   Dissenter dissenter = dissenterFor(outcome.error == EINVAL ? EUCLEAN : outcome.error, request.source);
@@ -126,19 +76,6 @@ Dissenter mountDissenter(const KernelMountRequest& request, const Outcome& outco
   if (request.kind == "ntfs" && outcome.error == EINVAL)
     dissenter.text += " (perhaps " + std::string(kUncleanNTFS) + ")";
   return dissenter;
-}
-
-Outcome mountAs(const KernelMountRequest& request, const std::string& driver) {
-  const Context context(mnt_new_context());
-  if (!context) return {ENOMEM, false, ""};
-  mnt_context_set_optsmode(context.get(), MNT_OMODE_NOTAB);
-  mnt_context_set_fstype(context.get(), driver.c_str());
-  mnt_context_set_source(context.get(), request.source.c_str());
-  mnt_context_set_target(context.get(), request.folder.c_str());
-  mnt_context_set_options(context.get(), optionsFor(request).c_str());
-  if (request.readWrite) mnt_context_enable_rwonly_mount(context.get(), 1);
-  errno = 0;
-  return outcomeOf(context.get(), mnt_context_mount(context.get()));
 }
 
 bool isMounted(int id) {
@@ -202,7 +139,8 @@ Refusal mountByKernel(const KernelMountRequest& request) {
   if (request.readOnly && request.readWrite) return dissenterFor(EROFS, request.source);
   Refusal refusal;
   for (const std::string& driver : driversFor(request.kind)) {
-    const Outcome outcome = mountAs(request, driver);
+    const MountOutcome outcome =
+        callMount({driver, request.source, request.folder, optionsFor(request), request.readWrite});
     if (outcome.error == 0) {
       refusal.reset();
       break;
@@ -224,11 +162,7 @@ Refusal mountByKernel(const KernelMountRequest& request) {
 }
 
 Refusal unmountByKernel(const std::string& path) {
-  const Context context(mnt_new_context());
-  if (!context) return dissenterFor(ENOMEM, path);
-  mnt_context_set_target(context.get(), path.c_str());
-  errno = 0;
-  const Outcome outcome = outcomeOf(context.get(), mnt_context_umount(context.get()));
+  const MountOutcome outcome = callUnmount(path);
   if (outcome.error == 0) return std::nullopt;
   if (outcome.byHelper) {
     return Dissenter{kDissentError, path + ": the unmount helper failed with status " + std::to_string(outcome.error)};

@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MountTable.h"
 
-#include <libmount/libmount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <charconv>
 #include <filesystem>
-#include <memory>
 #include <system_error>
+
+#include "MountLines.h"
+#include "Sysfs.h"
 
 namespace vorlix {
 namespace {
@@ -18,75 +19,64 @@ namespace fs = std::filesystem;
 
 constexpr const char* kMountTable = "/proc/self/mountinfo";
 
-struct TableDeleter {
-  void operator()(libmnt_table* table) const { mnt_unref_table(table); }
+constexpr const char* kFileSystems = "/proc/filesystems";
+
+bool isDriverInUserSpace(const MountLine& line) {
+  return line.fileSystem.starts_with("fuse");
+}
+
+// A file system without a device may have the name of one.
+class Naming {
+ public:
+  bool mayNameSource(const MountLine& line) {
+    return isDriverInUserSpace(line) || (line.source.starts_with('/') && isOnDevices(line.fileSystem));
+  }
+
+ private:
+  bool isOnDevices(const std::string& fileSystem) {
+    if (!known_) known_ = deviceFileSystems(readText(kFileSystems).value_or(""));
+    return std::find(known_->begin(), known_->end(), fileSystem) != known_->end();
+  }
+
+  std::optional<std::vector<std::string>> known_;
 };
-struct IteratorDeleter {
-  void operator()(libmnt_iter* iterator) const { mnt_free_iter(iterator); }
-};
-
-std::string orEmpty(const char* text) {
-  return text == nullptr ? std::string() : std::string(text);
-}
-
-bool isDriverInUserSpace(libmnt_fs* entry) {
-  return orEmpty(mnt_fs_get_fstype(entry)).rfind("fuse", 0) == 0;
-}
-
-// A file system without a device may have the name of one. libmount counts drivers in user space as pseudo file
-// systems.
-bool mayNameSource(libmnt_fs* entry) {
-  return isDriverInUserSpace(entry) || (mnt_fs_is_pseudofs(entry) != 1 && mnt_fs_is_netfs(entry) != 1);
-}
 
 // Returns the number of the mounted device. Some of the kernel's file systems have their own number instead; their
 // device is the node that they name.
-dev_t deviceOf(libmnt_fs* entry, const std::string& source) {
-  const dev_t number = mnt_fs_get_devno(entry);
-  const bool namesDevice = source.rfind("/dev/", 0) == 0 && !isDriverInUserSpace(entry) && mayNameSource(entry);
-  if (major(number) != 0 || !namesDevice) return number;
+dev_t deviceOf(const MountLine& line, bool mayNameSource) {
+  const bool namesDevice = line.source.starts_with("/dev/") && !isDriverInUserSpace(line) && mayNameSource;
+  if (major(line.number) != 0 || !namesDevice) return line.number;
   struct stat status = {};
-  const bool isDevice = stat(source.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
-  return isDevice ? status.st_rdev : number;
+  const bool isDevice = stat(line.source.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
+  return isDevice ? status.st_rdev : line.number;
 }
 
 // Returns the user of a driver in user space. The kernel's own drivers count as the super-user's.
-uid_t userOf(libmnt_fs* entry) {
-  char* value = nullptr;
-  size_t length = 0;
-  const char* const options = mnt_fs_get_fs_options(entry);
-  if (options == nullptr || mnt_optstr_get_option(options, "user_id", &value, &length) != 0) return 0;
+uid_t userOf(const MountLine& line) {
+  const std::string value = mountOption(line.volumeOptions, "user_id").value_or("");
   uid_t user = 0;
-  std::from_chars(value, value + length, user);
+  std::from_chars(value.data(), value.data() + value.size(), user);
   return user;
 }
 
 // Subvolumes of btrfs count as volumes; the options of a mount name its subvolume.
-bool isVolumeRoot(libmnt_fs* entry) {
-  const std::string root = orEmpty(mnt_fs_get_root(entry));
-  if (root == "/") return true;
-  if (orEmpty(mnt_fs_get_fstype(entry)) != "btrfs") return false;
-  char* value = nullptr;
-  size_t length = 0;
-  return mnt_fs_get_option(entry, "subvol", &value, &length) == 0 && root == std::string(value, length);
+bool isVolumeRoot(const MountLine& line) {
+  return line.root == "/" || (line.fileSystem == "btrfs" && mountOption(line.volumeOptions, "subvol") == line.root);
 }
 
-MountPoint mountPointOf(libmnt_fs* entry) {
+MountPoint mountPointOf(const MountLine& line, Naming& naming) {
   MountPoint mount;
-  mount.id = mnt_fs_get_id(entry);
-  mount.path = orEmpty(mnt_fs_get_target(entry));
-  mount.fileSystem = orEmpty(mnt_fs_get_fstype(entry));
-  mount.source = orEmpty(mnt_fs_get_srcpath(entry));
-  mount.number = mnt_fs_get_devno(entry);
-  mount.device = deviceOf(entry, mount.source);
-  mount.isByDriver = isDriverInUserSpace(entry);
-  mount.mayNameSource = mayNameSource(entry);
-  mount.user = mount.isByDriver ? userOf(entry) : 0;
-  mount.isWhole = isVolumeRoot(entry);
-  const auto readOnly = [](const char* options) {
-    return options != nullptr && mnt_optstr_get_option(options, "ro", nullptr, nullptr) == 0;
-  };
-  mount.isReadOnly = readOnly(mnt_fs_get_vfs_options(entry)) || readOnly(mnt_fs_get_fs_options(entry));
+  mount.id = line.id;
+  mount.path = line.path;
+  mount.fileSystem = line.fileSystem;
+  mount.source = line.source;
+  mount.number = line.number;
+  mount.mayNameSource = naming.mayNameSource(line);
+  mount.device = deviceOf(line, mount.mayNameSource);
+  mount.isByDriver = isDriverInUserSpace(line);
+  mount.user = mount.isByDriver ? userOf(line) : 0;
+  mount.isWhole = isVolumeRoot(line);
+  mount.isReadOnly = mountOption(line.mountOptions, "ro") || mountOption(line.volumeOptions, "ro");
   return mount;
 }
 
@@ -94,11 +84,10 @@ MountPoint mountPointOf(libmnt_fs* entry) {
 
 std::vector<MountPoint> mountTable() {
   std::vector<MountPoint> mounts;
-  const std::unique_ptr<libmnt_table, TableDeleter> table(mnt_new_table());
-  const std::unique_ptr<libmnt_iter, IteratorDeleter> iterator(mnt_new_iter(MNT_ITER_FORWARD));
-  if (!table || !iterator || mnt_table_parse_file(table.get(), kMountTable) != 0) return mounts;
-  libmnt_fs* entry = nullptr;
-  while (mnt_table_next_fs(table.get(), iterator.get(), &entry) == 0) mounts.push_back(mountPointOf(entry));
+  Naming naming;
+  for (const MountLine& line : mountLines(readText(kMountTable).value_or(""))) {
+    mounts.push_back(mountPointOf(line, naming));
+  }
   return mounts;
 }
 

@@ -197,15 +197,16 @@ class InstalledLibrary(unittest.TestCase):
     def test_the_command_line_is_installed_and_starts(self):
         self.assertIn("--help", run(self.prefix / "bin" / "vorlix", "--help"))
 
-    def test_openssl_is_needed_by_the_module_alone_which_stands_beside_the_library(self):
+    def test_what_few_calls_need_is_needed_by_modules_alone_which_stand_beside_the_library(self):
         def needed(file):
             return re.findall(r"NEEDED.*\[(.*)\]", run("readelf", "-d", file))
 
         major = re.search(r"\d+", self.library.name.split(".so.")[1]).group()
-        module = self.library.parent / f"vorlix-{major}" / "signing.so"
-        self.assertTrue([name for name in needed(module) if name.startswith("libcrypto.")], needed(module))
-        for file in (self.library, self.prefix / "bin" / "vorlix"):
-            self.assertFalse([name for name in needed(file) if name.startswith("libcrypto.")], file)
+        for name, library in (("signing.so", "libcrypto."), ("mounting.so", "libmount.")):
+            module = self.library.parent / f"vorlix-{major}" / name
+            self.assertTrue([needs for needs in needed(module) if needs.startswith(library)], needed(module))
+            for file in (self.library, self.prefix / "bin" / "vorlix"):
+                self.assertFalse([needs for needs in needed(file) if needs.startswith(library)], file)
 
     @unittest.skipIf(shutil.which("strace") is None, "not installed: strace")
     def test_a_moved_installation_loads_its_own_module(self):

@@ -92,14 +92,40 @@ class LookOnce(macs.ImageTest):
             messages += 1
         self.assertGreater(messages, 1)
 
+    def opened(self, name, *arguments, expect=0):
+        """Whether the command opened a file with that in its name."""
+        calls = self.trace("trace=open,openat", *arguments, expect=expect)
+        return bool([call for call in calls if name in call and " = -1 " not in call])
+
     def test_openssl_is_loaded_for_the_check_of_a_caller_alone(self):
         image = self.mac_image()
         for arguments in (["show", image], self.hybrid_words(image)):
-            calls = self.trace("trace=openat", *arguments)
-            self.assertFalse([call for call in calls if "libcrypto" in call or "libarchive" in call], arguments)
-        checked = self.trace("trace=openat", "check-caller", str(os.getpid()), expect=1)
+            for library in ("libcrypto", "libarchive"):
+                self.assertFalse(self.opened(library, *arguments), (arguments, library))
         for name in ("vorlix-1/signing.so", "libcrypto"):
-            self.assertTrue([call for call in checked if name in call and " = -1 " not in call], name)
+            self.assertTrue(self.opened(name, "check-caller", str(os.getpid()), expect=1), name)
+
+    def test_libmount_is_not_loaded_to_look(self):
+        """Nor what it needs: libraries of security that read files of their own when they are loaded."""
+        image = self.mac_image()
+        for arguments in (["--version"], ["show", image], self.hybrid_words(image), ["list", "--all"]):
+            for name in ("libmount", "libselinux", "libpcre", "mounting.so"):
+                self.assertFalse(self.opened(name, *arguments), (arguments, name))
+
+    def test_libmount_is_loaded_to_mount(self):
+        """A kernel may refuse the mount, or lack loop devices; the module was asked. Without -f, because strace would wait
+        for a driver in user space."""
+        if os.geteuid() != 0:
+            self.skipTest("only root asks the kernel to mount")
+        image = self.mac_image()
+        volume = f"{image}s{macs.WINDOWS}"
+        log = self.path("calls")
+        result = self.vorlix_run("mount", volume, prefix=volumes.strace("-o", log, "-e", "trace=openat"))
+        self.vorlix_run("unmount", volume)
+        with open(log, encoding="utf-8", errors="replace") as lines:
+            opened = [line for line in lines if " = -1 " not in line]
+        for name in ("vorlix-1/mounting.so", "libmount"):
+            self.assertTrue([line for line in opened if name in line], (name, result))
 
 
 if __name__ == "__main__":

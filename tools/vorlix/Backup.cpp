@@ -10,12 +10,12 @@
 
 namespace vorlix::tool {
 
-std::shared_ptr<BackupChoice> addBackupOptions(CLI::App& command) {
+std::shared_ptr<BackupChoice> addBackupOptions(Command& command) {
   const auto choice = std::make_shared<BackupChoice>();
-  CLI::Option* const folder = command.add_option("--backup", choice->folder,
-                                                 "Folder for the backup that `vorlix undo` needs (default: in the "
-                                                 "user's state folder)");
-  command.add_flag("--no-backup", choice->isOff, "Keep no backup; the change cannot be undone")->excludes(folder);
+  const Option folder = command.addOption("--backup", choice->folder,
+                                          "Folder for the backup that `vorlix undo` needs (default: in the "
+                                          "user's state folder)");
+  command.addFlag("--no-backup", choice->isOff, "Keep no backup; the change cannot be undone").excludes(folder);
   return choice;
 }
 

@@ -5,11 +5,12 @@
 
 #include <Vorlix/platform/KeptChange.h>
 
-#include <CLI/App.hpp>
 #include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "CommandLine.h"
 
 namespace vorlix::tool {
 
@@ -20,7 +21,7 @@ struct BackupChoice {
 };
 
 /// Adds the two options to a command. The choice outlives the command line's parsing.
-std::shared_ptr<BackupChoice> addBackupOptions(CLI::App& command);
+std::shared_ptr<BackupChoice> addBackupOptions(Command& command);
 
 ChangeBackup changeBackup(const BackupChoice& choice);
 

@@ -3,21 +3,20 @@
 
 #include <cstdio>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Commands.h"
 #include "Complaint.h"
 #include "Failure.h"
+#include "Json.h"
 #include "LibraryLog.h"
 #include "Progress.h"
 #include "Text.h"
 
 namespace vorlix::tool {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 struct BackupOptions {
   BackupRequest request;
@@ -49,20 +48,19 @@ void printPlan(const BackupPlan& plan) {
 void printPlanJson(const BackupPlan& plan) {
   Json missing = Json::object();
   for (const BackupPart& part : plan.parts) {
-    if (!part.missing.empty()) missing[part.key] = part.missing;
+    if (!part.missing.empty()) missing.add(part.key, part.missing);
   }
   const Allocation& allocation = plan.allocation;
-  const Json document = {{"phase", "plan"},
-                         {"volume", plan.name},
-                         {"size", plan.size},
-                         {"fileSystem", allocation.fileSystem.empty() ? Json() : Json(allocation.fileSystem)},
-                         {"everything", !allocation.doubt.empty()},
-                         {"reason", allocation.doubt.empty() ? Json() : Json(allocation.doubt)},
-                         {"bytes", allocation.usedBytes()},
-                         {"ranges", allocation.used.size()},
-                         {"missing", missing}};
-  std::puts(document.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
-  std::fflush(stdout);
+  Json::object({{"phase", "plan"},
+                {"volume", plan.name},
+                {"size", plan.size},
+                {"fileSystem", allocation.fileSystem.empty() ? Json() : Json(allocation.fileSystem)},
+                {"everything", !allocation.doubt.empty()},
+                {"reason", allocation.doubt.empty() ? Json() : Json(allocation.doubt)},
+                {"bytes", allocation.usedBytes()},
+                {"ranges", allocation.used.size()},
+                {"missing", std::move(missing)}})
+      .printLine();
 }
 
 [[noreturn]] void fail(const BackupFailure& failure, const std::string& state) {
@@ -91,9 +89,8 @@ int save(const BackupOptions& options) {
   if (!failure) progress.finish();
   if (failure) fail(*failure, "nothing was saved");
   if (isJson) {
-    std::puts(Json({{"phase", "saved"}, {"folder", options.request.folder}, {"packedSize", result.packedSize}})
-                  .dump(-1, ' ', false, Json::error_handler_t::replace)
-                  .c_str());
+    Json::object({{"phase", "saved"}, {"folder", options.request.folder}, {"packedSize", result.packedSize}})
+        .printLine();
   } else {
     std::printf("Saved      %s, %s packed\n", printable(options.request.folder).c_str(),
                 sizeText(result.packedSize).c_str());
@@ -117,10 +114,10 @@ int verify(const BackupOptions& options) {
   const std::string folder = printable(options.verified);
   if (options.progress == ProgressForm::json) {
     Json list = Json::array();
-    for (const BackupFinding& finding : findings) list.push_back({{"file", finding.file}, {"text", finding.text}});
-    std::puts(Json({{"phase", "verified"}, {"whole", findings.empty()}, {"findings", list}})
-                  .dump(-1, ' ', false, Json::error_handler_t::replace)
-                  .c_str());
+    for (const BackupFinding& finding : findings) {
+      list.append(Json::object({{"file", finding.file}, {"text", finding.text}}));
+    }
+    Json::object({{"phase", "verified"}, {"whole", findings.empty()}, {"findings", std::move(list)}}).printLine();
   } else if (findings.empty()) {
     std::printf("Whole      %s: every file and every range is as it was saved\n", folder.c_str());
   }
@@ -134,29 +131,29 @@ int verify(const BackupOptions& options) {
 
 }  // namespace
 
-void addBackupCommand(CLI::App& app, int& status) {
+void addBackupCommand(Command& top, int& status) {
   const auto options = std::make_shared<BackupOptions>();
-  CLI::App* const command = app.add_subcommand("backup", "Save a volume and what its start needs in a new folder");
-  CLI::Option* const volume = command->add_option("VOLUME", options->request.volume, "Slice of a disk or disk image");
-  CLI::Option* const folder =
-      command->add_option("FOLDER", options->request.folder, "Folder to make; one that exists is refused");
-  CLI::Option* const verified = command->add_option("--verify", options->verified, "Read a backup back and compare");
-  verified->option_text("FOLDER")->excludes(volume)->excludes(folder);
-  command->add_flag("--dry-run", options->dryRun, "Show what would be saved; write nothing")->excludes(verified);
+  Command command = top.addCommand("backup", "Save a volume and what its start needs in a new folder");
+  const Option volume = command.addOption("VOLUME", options->request.volume, "Slice of a disk or disk image");
+  const Option folder =
+      command.addOption("FOLDER", options->request.folder, "Folder to make; one that exists is refused");
+  Option verified = command.addOption("--verify", options->verified, "Read a backup back and compare");
+  verified.valueText("FOLDER").excludes(volume).excludes(folder);
+  command.addFlag("--dry-run", options->dryRun, "Show what would be saved; write nothing").excludes(verified);
   command
-      ->add_flag("--force", options->request.force,
-                 "Save a volume that is mounted for writing, or on which a change was cut off")
-      ->excludes(verified);
-  addProgressOption(*command, options->progress);
-  command->footer(
+      .addFlag("--force", options->request.force,
+               "Save a volume that is mounted for writing, or on which a change was cut off")
+      .excludes(verified);
+  addProgressOption(command, options->progress);
+  command.setFooter(
       "The folder holds volume.img.zst (zstd), volume.bmap (for bmaptool), manifest.json and the small structures.\n"
       "Exit status: 0 saved, or verified and whole; 1 verified and damaged; 2 error.");
-  command->callback([options, &status] {
+  command.setAction([options, &status] {
     if (!options->verified.empty()) {
       status = verify(*options);
       return;
     }
-    if (options->request.folder.empty()) throw CLI::RequiredError("VOLUME and FOLDER, or --verify FOLDER,");
+    if (options->request.folder.empty()) refuseWithout("VOLUME and FOLDER, or --verify FOLDER,");
     status = save(*options);
   });
 }

@@ -179,29 +179,28 @@ void restoreVBR(const RestoreOptions& options, const ByteVector& saved) {
 
 }  // namespace
 
-void addBootRecordCommands(CLI::App& app, int& status) {
-  CLI::App* const vbr = app.add_subcommand("vbr", "Save or restore the boot record of a volume");
-  vbr->require_subcommand(1);
+void addBootRecordCommands(Command& top, int& status) {
+  Command vbr = top.addCommand("vbr", "Save or restore the boot record of a volume");
+  vbr.requireCommand();
 
   const auto saving = std::make_shared<SaveOptions>();
-  CLI::App* const save = vbr->add_subcommand("save", "Save bytes 84 to 8191 of a volume");
-  save->add_option("DEVICE", saving->device, "The volume")->required();
-  save->add_option("FILE", saving->file, "File to make; one that exists is refused")->required();
-  save->add_flag("--force", saving->force, "Save of a disk with a partition table, too");
-  save->callback([saving, &status] {
+  Command save = vbr.addCommand("save", "Save bytes 84 to 8191 of a volume");
+  save.addOption("DEVICE", saving->device, "The volume").required();
+  save.addOption("FILE", saving->file, "File to make; one that exists is refused").required();
+  save.addFlag("--force", saving->force, "Save of a disk with a partition table, too");
+  save.setAction([saving, &status] {
     saveVBR(*saving);
     status = kDone;
   });
 
   const auto restoring = std::make_shared<RestoreOptions>();
-  CLI::App* const restore = vbr->add_subcommand("restore", "Put a saved boot record on an NTFS volume");
-  restore->add_option("FILE", restoring->file, "The saved boot record, 8108 bytes")->required();
-  restore->add_option("DEVICE", restoring->device, "The volume; it is unmounted first")->required();
-  restore->add_flag("--dry-run", restoring->dryRun, "Show the bytes that would change; open nothing for writing");
-  restoring->backup = addBackupOptions(*restore);
-  restore->add_flag("--force", restoring->force,
-                    "Take a file that does not look like a boot record, and a damaged GPT");
-  restore->callback([restoring, &status] {
+  Command restore = vbr.addCommand("restore", "Put a saved boot record on an NTFS volume");
+  restore.addOption("FILE", restoring->file, "The saved boot record, 8108 bytes").required();
+  restore.addOption("DEVICE", restoring->device, "The volume; it is unmounted first").required();
+  restore.addFlag("--dry-run", restoring->dryRun, "Show the bytes that would change; open nothing for writing");
+  restoring->backup = addBackupOptions(restore);
+  restore.addFlag("--force", restoring->force, "Take a file that does not look like a boot record, and a damaged GPT");
+  restore.setAction([restoring, &status] {
     const ByteVector saved = readFile(restoring->file, kBootArea);
     checkSaved(*restoring, saved);
     status = kDone;
@@ -214,14 +213,14 @@ void addBootRecordCommands(CLI::App& app, int& status) {
     if (!change.empty()) status = kChangeNeeded;
   });
 
-  CLI::App* const bootCode = app.add_subcommand("boot-code", "Save the MBR boot code of a disk");
-  bootCode->require_subcommand(1);
+  Command bootCode = top.addCommand("boot-code", "Save the MBR boot code of a disk");
+  bootCode.requireCommand();
   const auto savingCode = std::make_shared<SaveOptions>();
-  CLI::App* const saveCode = bootCode->add_subcommand("save", "Save bytes 0 to 445 of sector 0");
-  saveCode->add_option("DISK", savingCode->device, "The whole disk")->required();
-  saveCode->add_option("FILE", savingCode->file, "File to make; one that exists is refused")->required();
-  saveCode->add_flag("--force", savingCode->force, "Save of a slice, too");
-  saveCode->callback([savingCode, &status] {
+  Command saveCode = bootCode.addCommand("save", "Save bytes 0 to 445 of sector 0");
+  saveCode.addOption("DISK", savingCode->device, "The whole disk").required();
+  saveCode.addOption("FILE", savingCode->file, "File to make; one that exists is refused").required();
+  saveCode.addFlag("--force", savingCode->force, "Save of a slice, too");
+  saveCode.setAction([savingCode, &status] {
     saveBootCode(*savingCode);
     status = kDone;
   });

@@ -192,23 +192,19 @@ void writeStore(const StoreOptions& options, const StorePlan& plan) {
 
 }  // namespace
 
-void addBootStoreCommand(CLI::App& app, int& status) {
+void addBootStoreCommand(Command& top, int& status) {
   const auto options = std::make_shared<StoreOptions>();
-  CLI::App* const command =
-      app.add_subcommand("bcd", "Put a prepared Windows boot configuration store on the EFI System Partition");
-  command->add_option("DISK", options->disk, "Whole disk or disk-image file")->required();
-  command->add_option("--partition", options->partition, "GPT entry of the Windows volume")
-      ->required()
-      ->check(CLI::Range(1, 128));
-  command->add_option("--template", options->templateFile, "The prepared store")->required();
-  command->add_option("--mode", options->mode, "Layout of the template: standard, mdt or sccm")
-      ->required()
-      ->transform(CLI::CheckedTransformer(kModes));
-  command->add_flag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
-  options->backup = addBackupOptions(*command);
-  command->add_flag("--force", options->force,
-                    "Take a template that does not look like one for the mode, and a damaged GPT");
-  command->callback([options, &status] {
+  Command command =
+      top.addCommand("bcd", "Put a prepared Windows boot configuration store on the EFI System Partition");
+  command.addOption("DISK", options->disk, "Whole disk or disk-image file").required();
+  command.addOption("--partition", options->partition, "GPT entry of the Windows volume").required().within(1, 128);
+  command.addOption("--template", options->templateFile, "The prepared store").required();
+  command.addOption("--mode", options->mode, "Layout of the template: standard, mdt or sccm").required().named(kModes);
+  command.addFlag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
+  options->backup = addBackupOptions(command);
+  command.addFlag("--force", options->force,
+                  "Take a template that does not look like one for the mode, and a damaged GPT");
+  command.setAction([options, &status] {
     const LibraryLog log;  // look-ups write to it
     const StorePlan plan = planStore(*options);
     if (options->dryRun) {

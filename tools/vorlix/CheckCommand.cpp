@@ -4,19 +4,19 @@
 #include <cstdio>
 #include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 
 #include "Commands.h"
 #include "Failure.h"
 #include "HybridPlan.h"
+#include "Json.h"
 #include "StartFacts.h"
 #include "Text.h"
 
 namespace vorlix::tool {
 namespace {
 
-using CheckJson = nlohmann::ordered_json;
 using State = StartFinding::State;
 
 constexpr int kCheckVersion = 1;
@@ -80,49 +80,45 @@ const char* stateName(State state) {
 }
 
 void printReportJson(const StartFacts& facts, const StartReport& report) {
-  CheckJson findings = CheckJson::array();
+  Json findings = Json::array();
   for (const StartFinding& finding : report.findings) {
-    CheckJson item = {{"area", finding.area}, {"state", stateName(finding.state)}};
-    if (!finding.code.empty()) item["code"] = finding.code;
-    item["text"] = finding.text;
+    Json item = Json::object({{"area", finding.area}, {"state", stateName(finding.state)}});
+    if (!finding.code.empty()) item.add("code", finding.code);
+    item.add("text", finding.text);
     if (finding.state == State::fault) {
-      item["why"] = finding.why;
-      item["command"] = finding.command;
+      item.add("why", finding.why);
+      item.add("command", finding.command);
     }
-    findings.push_back(std::move(item));
+    findings.append(std::move(item));
   }
-  const CheckJson document = {
-      {"version", kCheckVersion},
-      {"disk", facts.disk},
-      {"partition", facts.partition == 0 ? CheckJson() : CheckJson(facts.partition)},
-      {"judged", {{"legacy", report.legacy}, {"efi", report.efi}}},
-      {"starts", report.starts()},
-      {"findings", std::move(findings)},
-  };
-  std::puts(document.dump(2, ' ', false, CheckJson::error_handler_t::replace).c_str());
+  Json::object({{"version", kCheckVersion},
+                {"disk", facts.disk},
+                {"partition", facts.partition == 0 ? Json() : Json(facts.partition)},
+                {"judged", Json::object({{"legacy", report.legacy}, {"efi", report.efi}})},
+                {"starts", report.starts()},
+                {"findings", std::move(findings)}})
+      .print();
 }
 
 }  // namespace
 
-void addCheckCommand(CLI::App& app, int& status) {
+void addCheckCommand(Command& top, int& status) {
   const auto options = std::make_shared<CheckOptions>();
-  CLI::App* const command = app.add_subcommand(
-      "check", "Tell, without writing, whether a disk can start its Windows, and what mends it if not");
-  command->add_option("DISK", options->disk, "Disk or disk-image file")->required();
+  Command command =
+      top.addCommand("check", "Tell, without writing, whether a disk can start its Windows, and what mends it if not");
+  command.addOption("DISK", options->disk, "Disk or disk-image file").required();
   command
-      ->add_option("--partition", options->partition,
-                   "GPT entry of the Windows volume (default: the active slot's, or the only possible one)")
-      ->check(CLI::Range(1, 128));
-  command->add_option("--type", options->type, "MBR type of that slot, hexadecimal, where `hybrid` was given one");
-  command
-      ->add_option("--start", options->way,
-                   "What to judge: auto, legacy, efi or both (default: what the disk is set up for)")
-      ->transform(CLI::CheckedTransformer(kStartWays));
-  command->add_flag("--json", options->json, "Print JSON (version 1)");
-  command->footer(
+      .addOption("--partition", options->partition,
+                 "GPT entry of the Windows volume (default: the active slot's, or the only possible one)")
+      .within(1, 128);
+  command.addOption("--type", options->type, "MBR type of that slot, hexadecimal, where `hybrid` was given one");
+  command.addChoice("--start", options->way, kStartWays,
+                    "What to judge: auto, legacy, efi or both (default: what the disk is set up for)");
+  command.addFlag("--json", options->json, "Print JSON (version 1)");
+  command.setFooter(
       "Exit status: 0 the disk starts as far as can be told, 1 something must change first, 2 error.\n"
       "docs/start-check.md lists the codes of the findings.");
-  command->callback([options, &status] {
+  command.setAction([options, &status] {
     const StartFacts facts = collectStartFacts(options->disk, options->partition, parseMBRType(options->type));
     const StartReport report = checkStart(facts, options->way);
     if (options->json) {

@@ -142,31 +142,29 @@ std::string apply(const HybridPlan& plan, const BackupChoice& choice) {
 
 }  // namespace
 
-void addHybridCommand(CLI::App& app, int& status) {
+void addHybridCommand(Command& top, int& status) {
   const auto options = std::make_shared<HybridOptions>();
   HybridRequest& request = options->request;
-  CLI::App* const command =
-      app.add_subcommand("hybrid", "Write the hybrid MBR that a disk's GPT asks for and patch a moved Windows volume");
-  command->add_option("DISK", request.disk, "Whole disk or disk-image file")->required();
-  CLI::Option* const bootCode = command->add_option(
+  Command command =
+      top.addCommand("hybrid", "Write the hybrid MBR that a disk's GPT asks for and patch a moved Windows volume");
+  command.addOption("DISK", request.disk, "Whole disk or disk-image file").required();
+  const Option bootCode = command.addOption(
       "--boot-code", request.bootCode,
       "File with MBR boot code, 440 to 446 bytes (default: the disk's own; vorlix's where it has none)");
-  command->add_flag("--keep-boot-code", request.keepsBootCode, "Write no boot code even where the disk has none")
-      ->excludes(bootCode);
-  CLI::Option* const partition =
-      command->add_option("--partition", request.partition, "GPT entry and MBR slot of the Windows volume")
-          ->check(CLI::Range(1, 4));
-  command->add_option("--type", options->type, "MBR type for that slot, hexadecimal (default: as the GPT asks)");
-  command->add_option("--volume", request.volume, "Device of the Windows volume (default: slice N of DISK)");
-  command->add_option("--start", request.start, "Sector for the hidden-sectors field (default: the first LBA)");
-  command->add_flag("--guard", request.guard, "Write a standard guard (protective) MBR; leave the volume alone");
-  command->add_flag("--force", request.force, "Go on with a damaged GPT, or a volume or boot code that looks wrong");
-  command->add_flag("--dry-run", options->dryRun, "Show the bytes that would change; open nothing for writing");
-  const auto backup = addBackupOptions(*command);
-  command->callback([options, backup, partition, bootCode, &status] {
-    if (partition->empty() && !options->request.guard) throw CLI::RequiredError("--partition");
-    if (!bootCode->empty() && options->request.bootCode.empty())
-      throw CLI::ValidationError("--boot-code", "names no file");
+  command.addFlag("--keep-boot-code", request.keepsBootCode, "Write no boot code even where the disk has none")
+      .excludes(bootCode);
+  const Option partition =
+      command.addOption("--partition", request.partition, "GPT entry and MBR slot of the Windows volume").within(1, 4);
+  command.addOption("--type", options->type, "MBR type for that slot, hexadecimal (default: as the GPT asks)");
+  command.addOption("--volume", request.volume, "Device of the Windows volume (default: slice N of DISK)");
+  command.addOption("--start", request.start, "Sector for the hidden-sectors field (default: the first LBA)");
+  command.addFlag("--guard", request.guard, "Write a standard guard (protective) MBR; leave the volume alone");
+  command.addFlag("--force", request.force, "Go on with a damaged GPT, or a volume or boot code that looks wrong");
+  command.addFlag("--dry-run", options->dryRun, "Show the bytes that would change; open nothing for writing");
+  const auto backup = addBackupOptions(command);
+  command.setAction([options, backup, partition, bootCode, &status] {
+    if (!partition.isGiven() && !options->request.guard) refuseWithout("--partition");
+    if (bootCode.isGiven() && options->request.bootCode.empty()) refuseValue("--boot-code", "names no file");
     options->request.type = parseMBRType(options->type);
     options->request.writes = !options->dryRun;
     const HybridPlan plan = planHybrid(options->request);

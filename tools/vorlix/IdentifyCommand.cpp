@@ -1,41 +1,39 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <cstdio>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 
 #include "Commands.h"
 #include "Complaint.h"
 #include "Failure.h"
 #include "Identity.h"
+#include "Json.h"
 #include "LibraryLog.h"
 #include "Text.h"
 
 namespace vorlix::tool {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 constexpr int kSchema = 1;
 
 Json guidJson(const std::optional<std::array<uint8_t, 16>>& guid) {
   if (!guid) return Json();
-  return {{"text", guidText(guid->data())}, {"raw", rawText(*guid)}};
+  return Json::object({{"text", guidText(guid->data())}, {"raw", rawText(*guid)}});
 }
 
 void printJson(const std::string& device, const Identity& identity) {
-  const Json document = {
+  const Json document = Json::object({
       {"schema", kSchema},
       {"device", device},
       {"name", identity.name},
       {"wholeDisk", identity.wholeDisk},
       {"partition", identity.partition},
-      {"mediumType", identity.mediumType ? Json(*identity.mediumType) : Json()},
+      {"mediumType", identity.mediumType},
       {"diskGUID", guidJson(identity.diskGUID)},
       {"partitionGUID", guidJson(identity.partitionGUID)},
-      {"offset", identity.offset ? Json(*identity.offset) : Json()},
-  };
-  std::puts(document.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+      {"offset", identity.offset},
+  });
+  document.print();
 }
 
 void printGUID(const char* label, const std::optional<std::array<uint8_t, 16>>& guid) {
@@ -65,13 +63,12 @@ struct IdentifyOptions {
 
 }  // namespace
 
-void addIdentifyCommand(CLI::App& app, int& status) {
+void addIdentifyCommand(Command& top, int& status) {
   const auto options = std::make_shared<IdentifyOptions>();
-  CLI::App* const command =
-      app.add_subcommand("identify", "Show what identifies a device to boot code and boot stores");
-  command->add_option("DEVICE", options->device, "Disk, slice or disk-image file")->required();
-  command->add_flag("--json", options->json, "Print JSON (schema version 1)");
-  command->callback([options, &status] {
+  Command command = top.addCommand("identify", "Show what identifies a device to boot code and boot stores");
+  command.addOption("DEVICE", options->device, "Disk, slice or disk-image file").required();
+  command.addFlag("--json", options->json, "Print JSON (schema version 1)");
+  command.setAction([options, &status] {
     const LibraryLog log;
     const Identity identity = identify(options->device);
     options->json ? printJson(options->device, identity) : printText(identity);

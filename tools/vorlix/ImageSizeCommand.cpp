@@ -189,17 +189,17 @@ void measureImage(const std::string& file) {
 
 }  // namespace
 
-void addImageSizeCommand(CLI::App& app, int& status) {
+void addImageSizeCommand(Command& top, int& status) {
   const auto file = std::make_shared<std::string>();
-  CLI::App* const size = app.add_subcommand("image-size", "Measure the unpacked size of a .gz or .zip disk image");
-  size->add_option("FILE", *file, "The image; its name must end in .gz or .zip")->required();
-  size->footer(
+  Command size = top.addCommand("image-size", "Measure the unpacked size of a .gz or .zip disk image");
+  size.addOption("FILE", *file, "The image; its name must end in .gz or .zip").required();
+  size.setFooter(
       "The image is unpacked by gunzip, or by unzip from vorlix's resources or from /usr/bin. The unpacked bytes are\n"
       "counted and not written anywhere. On a terminal, a moving bar shows the activity.\n"
       "Paths that contain \", $, ` or \\, and names of .zip images that contain *, ? or [, are refused.\n"
       "Exit status: 0 success; 2 error, also if the unpacking program reports one, which is shown.\n"
       "The library's log is /tmp/quandrel.log.");
-  size->callback([file, &status] {
+  size.setAction([file, &status] {
     measureImage(*file);
     status = kDone;
   });

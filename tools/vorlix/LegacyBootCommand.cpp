@@ -85,15 +85,15 @@ bool setUp(const LegacyBootOptions& options, const BackupChoice& choice) {
 
 }  // namespace
 
-void addLegacyBootCommand(CLI::App& app, int& status) {
+void addLegacyBootCommand(Command& top, int& status) {
   const auto options = std::make_shared<LegacyBootOptions>();
-  CLI::App* const command =
-      app.add_subcommand("legacy-boot", "Copy the files that a legacy start of Windows needs into place on its volume");
-  command->add_option("VOLUME", options->volume, "Folder where the volume is mounted, or its device")->required();
-  command->add_option("--bcd", options->store, "Boot configuration store to copy to boot/BCD")->required();
-  command->add_flag("--dry-run", options->dryRun, "Show what would be copied; copy nothing");
-  const auto backup = addBackupOptions(*command);
-  command->callback([options, backup, &status] {
+  Command command =
+      top.addCommand("legacy-boot", "Copy the files that a legacy start of Windows needs into place on its volume");
+  command.addOption("VOLUME", options->volume, "Folder where the volume is mounted, or its device").required();
+  command.addOption("--bcd", options->store, "Boot configuration store to copy to boot/BCD").required();
+  command.addFlag("--dry-run", options->dryRun, "Show what would be copied; copy nothing");
+  const auto backup = addBackupOptions(command);
+  command.setAction([options, backup, &status] {
     const bool changes = setUp(*options, *backup);
     status = options->dryRun && changes ? kChangeNeeded : kDone;
   });

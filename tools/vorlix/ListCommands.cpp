@@ -35,11 +35,6 @@ struct FindOptions {
   bool json = false;
 };
 
-void print(const nlohmann::ordered_json& json) {
-  constexpr int kIndent = 2;
-  std::printf("%s\n", json.dump(kIndent, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
-}
-
 const char* nothingText(const ListOptions& options) {
   if (options.windowsOnly && options.all) return "no volume with Windows or its installer is mounted";
   if (options.windowsOnly) return "no FAT, exFAT or NTFS volume with Windows or its installer is mounted";
@@ -65,9 +60,9 @@ void listVolumes(const ListOptions& options) {
   }
   const Volumes shown = chosen(all, options);
   if (options.json) {
-    auto array = nlohmann::ordered_json::array();
-    for (const auto& volume : shown) array.push_back(volumeJson(*volume, all));
-    print(array);
+    Json array = Json::array();
+    for (const auto& volume : shown) array.append(volumeJson(*volume, all));
+    array.print();
   } else if (shown.empty()) {
     std::printf("%s\n", nothingText(options));
   } else {
@@ -77,7 +72,7 @@ void listVolumes(const ListOptions& options) {
 
 int showFound(const std::shared_ptr<QDVolume>& volume, bool json) {
   if (!volume) {
-    if (json) print(nullptr);
+    if (json) Json().print();
     return kChangeNeeded;
   }
   Volumes all;
@@ -86,7 +81,7 @@ int showFound(const std::shared_ptr<QDVolume>& volume, bool json) {
     all = QDDeviceManager::sharedDeviceManager()->attachedDisks();
   }
   if (json) {
-    print(volumeJson(*volume, all));
+    volumeJson(*volume, all).print();
   } else {
     std::fputs(volumeTable({volume}, all).c_str(), stdout);
   }
@@ -159,36 +154,36 @@ int showBootCamp(bool json) {
 
 }  // namespace
 
-void addListCommands(CLI::App& app, int& status) {
+void addListCommands(Command& top, int& status) {
   const auto listing = std::make_shared<ListOptions>();
-  CLI::App* const list = app.add_subcommand("list", "List the mounted FAT, exFAT and NTFS volumes");
-  list->add_flag("--windows", listing->windowsOnly, "Only those with Windows or its installer");
-  list->add_flag("--all", listing->all, "Volumes of every kind");
-  list->add_flag("--json", listing->json, "As JSON");
-  list->callback([listing, &status] {
+  Command list = top.addCommand("list", "List the mounted FAT, exFAT and NTFS volumes");
+  list.addFlag("--windows", listing->windowsOnly, "Only those with Windows or its installer");
+  list.addFlag("--all", listing->all, "Volumes of every kind");
+  list.addFlag("--json", listing->json, "As JSON");
+  list.setAction([listing, &status] {
     complainOfLeftMirrors();
     listVolumes(*listing);
     status = kDone;
   });
 
   const auto finding = std::make_shared<FindOptions>();
-  CLI::App* const find = app.add_subcommand("find", "Find a mounted FAT, exFAT or NTFS volume");
-  auto* const label = find->add_option("--label", finding->label, "By its name");
-  auto* const uuid = find->add_option("--media-uuid", finding->mediaUUID, "By its partition's identifier");
-  auto* const node = find->add_option("--node", finding->node, "By its device; also beside --media-uuid");
-  label->excludes(uuid)->excludes(node);
-  find->add_flag("--json", finding->json, "As JSON");
-  find->callback([finding, &status] {
+  Command find = top.addCommand("find", "Find a mounted FAT, exFAT or NTFS volume");
+  Option label = find.addOption("--label", finding->label, "By its name");
+  const Option uuid = find.addOption("--media-uuid", finding->mediaUUID, "By its partition's identifier");
+  const Option node = find.addOption("--node", finding->node, "By its device; also beside --media-uuid");
+  label.excludes(uuid).excludes(node);
+  find.addFlag("--json", finding->json, "As JSON");
+  find.setAction([finding, &status] {
     if (finding->label.empty() && finding->mediaUUID.empty() && finding->node.empty()) {
-      throw CLI::RequiredError("--label, --media-uuid or --node");
+      refuseWithout("--label, --media-uuid or --node");
     }
     status = findVolume(*finding);
   });
 
   const auto json = std::make_shared<bool>(false);
-  CLI::App* const bootCamp = app.add_subcommand("boot-camp", "Show the one Windows volume of this machine's own disks");
-  bootCamp->add_flag("--json", *json, "As JSON");
-  bootCamp->callback([json, &status] { status = showBootCamp(*json); });
+  Command bootCamp = top.addCommand("boot-camp", "Show the one Windows volume of this machine's own disks");
+  bootCamp.addFlag("--json", *json, "As JSON");
+  bootCamp.setAction([json, &status] { status = showBootCamp(*json); });
 }
 
 }  // namespace vorlix::tool

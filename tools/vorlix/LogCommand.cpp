@@ -162,12 +162,12 @@ void showLog(const LogOptions& options) {
 
 }  // namespace
 
-void addLogCommand(CLI::App& app, int& status) {
+void addLogCommand(Command& top, int& status) {
   const auto options = std::make_shared<LogOptions>();
-  CLI::App* const log = app.add_subcommand("log", "Show the end of the library's log and follow it");
-  log->add_option("--lines", options->lines, "Number of existing lines to show first")->capture_default_str();
-  log->add_flag("--once", options->once, "Show the lines and exit; do not follow the log");
-  log->callback([options, &status] {
+  Command log = top.addCommand("log", "Show the end of the library's log and follow it");
+  log.addOption("--lines", options->lines, "Number of existing lines to show first").showDefault();
+  log.addFlag("--once", options->once, "Show the lines and exit; do not follow the log");
+  log.setAction([options, &status] {
     showLog(*options);
     status = kDone;
   });

@@ -51,25 +51,24 @@ std::string efiSlice(const std::string& disk) {
 
 }  // namespace
 
-void addMountCommands(CLI::App& app, int& status) {
+void addMountCommands(Command& top, int& status) {
   const auto mounting = std::make_shared<MountOptions>();
-  CLI::App* const mount = app.add_subcommand("mount", "Mount a volume and print where");
-  mount->add_option("DEVICE", mounting->device, "Slice, device or disk-image file")->required();
-  mount->add_flag("--read-write", mounting->readWrite, "For reading and writing, hidden from the desktop");
-  mount->callback([mounting, &status] {
+  Command mount = top.addCommand("mount", "Mount a volume and print where");
+  mount.addOption("DEVICE", mounting->device, "Slice, device or disk-image file").required();
+  mount.addFlag("--read-write", mounting->readWrite, "For reading and writing, hidden from the desktop");
+  mount.setAction([mounting, &status] {
     mountAndTell(mounting->device, mounting->readWrite);
     status = kDone;
   });
 
   const auto unmounting = std::make_shared<MountOptions>();
-  CLI::App* const unmount = app.add_subcommand("unmount", "Unmount a volume");
-  unmount->add_option("DEVICE", unmounting->device, "Slice, device or disk-image file")->required();
+  Command unmount = top.addCommand("unmount", "Unmount a volume");
+  unmount.addOption("DEVICE", unmounting->device, "Slice, device or disk-image file").required();
   const auto discards = std::make_shared<bool>(false);
-  unmount->add_flag(
-      "--discard", *discards,
-      "Throw away what was changed in the folder that stands for a FAT volume, and the folder; DEVICE may "
-      "be that folder or its name");
-  unmount->callback([unmounting, discards, &status] {
+  unmount.addFlag("--discard", *discards,
+                  "Throw away what was changed in the folder that stands for a FAT volume, and the folder; DEVICE may "
+                  "be that folder or its name");
+  unmount.setAction([unmounting, discards, &status] {
     if (*discards) {
       discardMirror(unmounting->device);
     } else {
@@ -78,18 +77,18 @@ void addMountCommands(CLI::App& app, int& status) {
     status = kDone;
   });
 
-  CLI::App* const efi = app.add_subcommand("efi", "Mount or unmount the EFI System Partition of a disk (slice 1)");
-  efi->require_subcommand(1);
+  Command efi = top.addCommand("efi", "Mount or unmount the EFI System Partition of a disk (slice 1)");
+  efi.requireCommand();
   const auto disk = std::make_shared<std::string>();
-  CLI::App* const efiMount = efi->add_subcommand("mount", "Mount it and print where");
-  efiMount->add_option("DISK", *disk, "Whole disk or disk-image file")->required();
-  efiMount->callback([disk, &status] {
+  Command efiMount = efi.addCommand("mount", "Mount it and print where");
+  efiMount.addOption("DISK", *disk, "Whole disk or disk-image file").required();
+  efiMount.setAction([disk, &status] {
     mountAndTell(efiSlice(*disk), false);
     status = kDone;
   });
-  CLI::App* const efiUnmount = efi->add_subcommand("unmount", "Unmount it");
-  efiUnmount->add_option("DISK", *disk, "Whole disk or disk-image file")->required();
-  efiUnmount->callback([disk, &status] {
+  Command efiUnmount = efi.addCommand("unmount", "Unmount it");
+  efiUnmount.addOption("DISK", *disk, "Whole disk or disk-image file").required();
+  efiUnmount.setAction([disk, &status] {
     unmountOrFail(efiSlice(*disk));
     status = kDone;
   });

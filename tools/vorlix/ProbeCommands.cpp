@@ -97,47 +97,45 @@ bool showCaller(int process) {
 
 }  // namespace
 
-void addProbeCommands(CLI::App& app, int& status) {
+void addProbeCommands(Command& top, int& status) {
   const auto disk = std::make_shared<std::string>();
-  CLI::App* const bootType = app.add_subcommand("boot-type", "Report from the MBR how a disk starts");
-  bootType->add_option("DISK", *disk, "Whole disk or disk-image file")->required();
-  bootType->footer(
+  Command bootType = top.addCommand("boot-type", "Report from the MBR how a disk starts");
+  bootType.addOption("DISK", *disk, "Whole disk or disk-image file").required();
+  bootType.setFooter(
       "Prints \"EFI\" if the second slot of the MBR starts at head 0, as in a plain protective MBR, and \"legacy\"\n"
       "otherwise. Nothing is written.\n"
       "Exit status: 0 success, 2 error, such as a disk without an MBR.");
-  bootType->callback([disk, &status] {
+  bootType.setAction([disk, &status] {
     showBootType(*disk);
     status = kDone;
   });
 
   const auto volume = std::make_shared<std::string>();
-  CLI::App* const bootable = app.add_subcommand("bootable", "Report whether a volume holds an operating system");
-  bootable->add_option("VOLUME", *volume, "Folder where the volume is mounted, or its device")->required();
-  bootable->footer(
+  Command bootable = top.addCommand("bootable", "Report whether a volume holds an operating system");
+  bootable.addOption("VOLUME", *volume, "Folder where the volume is mounted, or its device").required();
+  bootable.setFooter(
       "A volume counts if it holds System/Library, com.apple.recovery.boot/boot.efi, Windows/System32 or ntldr.\n"
       "Exit status: 0 yes, 1 no, 2 error.");
-  bootable->callback([volume, &status] { status = showBootable(*volume) ? kDone : kChangeNeeded; });
+  bootable.setAction([volume, &status] { status = showBootable(*volume) ? kDone : kChangeNeeded; });
 
-  CLI::App* const sip = app.add_subcommand("sip", "Report whether System Integrity Protection is on");
-  sip->footer(
+  Command sip = top.addCommand("sip", "Report whether System Integrity Protection is on");
+  sip.setFooter(
       "Runs /usr/bin/csrutil. Output without the word \"disabled\" counts as enabled; a system without that program\n"
       "counts as disabled.\n"
       "Exit status: 0 success, 2 error.");
-  sip->callback([&status] {
+  sip.setAction([&status] {
     showSystemIntegrity();
     status = kDone;
   });
 
   const auto process = std::make_shared<int>();
-  CLI::App* const caller = app.add_subcommand("check-caller", "Check whether a process is signed by the team");
-  caller->add_option("PID", *process, "Process identifier")
-      ->required()
-      ->check(CLI::Range(1, std::numeric_limits<int>::max()));
-  caller->footer(
+  Command caller = top.addCommand("check-caller", "Check whether a process is signed by the team");
+  caller.addOption("PID", *process, "Process identifier").required().within(1, std::numeric_limits<int>::max());
+  caller.setFooter(
       "docs/caller-check.md describes what is checked and how to sign a program.\n"
       "Exit status: 0 signed by the team, 1 not, 2 the process could not be checked.\n"
       "The library's log is /tmp/quandrel.log.");
-  caller->callback([process, &status] { status = showCaller(*process) ? kDone : kChangeNeeded; });
+  caller.setAction([process, &status] { status = showCaller(*process) ? kDone : kChangeNeeded; });
 }
 
 }  // namespace vorlix::tool

@@ -7,10 +7,9 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
-#include <map>
-#include <nlohmann/json.hpp>
 #include <utility>
 
+#include "Json.h"
 #include "Text.h"
 
 namespace vorlix::tool {
@@ -41,14 +40,12 @@ std::string timeText(double seconds) {
 
 }  // namespace
 
-void addProgressOption(CLI::App& command, ProgressForm& form) {
-  static const std::map<std::string, ProgressForm> kForms = {
-      {"auto", ProgressForm::people}, {"json", ProgressForm::json}, {"none", ProgressForm::none}};
+void addProgressOption(Command& command, ProgressForm& form) {
   command
-      .add_option("--progress", form,
-                  "auto: a bar on a terminal, else a line every few seconds; json: one object a line; none")
-      ->transform(CLI::CheckedTransformer(kForms))
-      ->option_text("FORM");
+      .addChoice("--progress", form,
+                 {{"auto", ProgressForm::people}, {"json", ProgressForm::json}, {"none", ProgressForm::none}},
+                 "auto: a bar on a terminal, else a line every few seconds; json: one object a line; none")
+      .valueText("FORM");
 }
 
 Progress::Progress(ProgressForm form, std::string phase)
@@ -105,13 +102,12 @@ void Progress::tellPeople(double rate, double secondsLeft) {
 }
 
 void Progress::tellJson(double rate, double secondsLeft) const {
-  const nlohmann::ordered_json object = {
-      {"phase", phase_},
-      {"done", done_},
-      {"total", total_},
-      {"bytesPerSecond", static_cast<uint64_t>(rate)},
-      {"secondsLeft", secondsLeft < 0 ? nlohmann::ordered_json() : nlohmann::ordered_json(std::ceil(secondsLeft))}};
-  std::puts(object.dump().c_str());
+  Json::object({{"phase", phase_},
+                {"done", done_},
+                {"total", total_},
+                {"bytesPerSecond", static_cast<uint64_t>(rate)},
+                {"secondsLeft", secondsLeft < 0 ? Json() : Json(std::ceil(secondsLeft))}})
+      .printLine();
   std::fflush(stdout);
 }
 

@@ -3,11 +3,12 @@
 // How far a long command is: a bar on a terminal, a line every few seconds elsewhere, or one JSON object a line.
 #pragma once
 
-#include <CLI/App.hpp>
 #include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
+
+#include "CommandLine.h"
 
 namespace vorlix::tool {
 
@@ -18,7 +19,7 @@ enum class ProgressForm {
 };
 
 /// Adds the option --progress.
-void addProgressOption(CLI::App& command, ProgressForm& form);
+void addProgressOption(Command& command, ProgressForm& form);
 
 class Progress {
  public:

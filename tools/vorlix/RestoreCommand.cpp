@@ -258,44 +258,41 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
 
 }  // namespace
 
-void addRestoreCommand(CLI::App& app, int& status) {
+void addRestoreCommand(Command& top, int& status) {
   const auto options = std::make_shared<RestoreOptions>();
   RestoreRequest& request = options->request;
-  CLI::App* const command =
-      app.add_subcommand("restore", "Restore a volume from an image or a backup, and make the disk start it");
-  command->add_option(
-      "SOURCE", request.source,
-      "Image file, plain or packed (gz, xz, zst, bz2, zip), ntfsclone image, folder of a backup, slice, "
-      "or - for standard input");
-  command->add_option("DISK", request.disk, "Whole disk or disk-image file");
-  command->add_option("--partition", request.partition, "GPT entry of the volume to overwrite")
-      ->check(CLI::Range(1, 128));
-  command->add_option("--start", options->start, "legacy: write the MBR for a start by a BIOS (default); none: do not")
-      ->check(CLI::IsMember({"legacy", "none"}));
-  command->add_option("--boot-code", request.bootCode, "File with MBR boot code (default: the disk's, or our own)");
-  CLI::Option* const resuming =
-      command->add_option("--resume", options->resume, "Go on with an interrupted restore; SOURCE if it has moved");
-  command->add_flag("--yes", options->yes, "Do not ask");
-  command->add_flag("--dry-run", options->dryRun, "Check everything and show the plan; write nothing");
-  command->add_flag("--no-verify", options->noVerify, "Do not read the content back");
-  command->add_flag("--force", request.force, "Go on with a damaged GPT, another type of partition or an odd source");
-  addProgressOption(*command, options->progress);
-  const auto backup = addBackupOptions(*command);
-  command->footer(
+  Command command = top.addCommand("restore", "Restore a volume from an image or a backup, and make the disk start it");
+  command.addOption("SOURCE", request.source,
+                    "Image file, plain or packed (gz, xz, zst, bz2, zip), ntfsclone image, folder of a backup, slice, "
+                    "or - for standard input");
+  command.addOption("DISK", request.disk, "Whole disk or disk-image file");
+  command.addOption("--partition", request.partition, "GPT entry of the volume to overwrite").within(1, 128);
+  command.addOption("--start", options->start, "legacy: write the MBR for a start by a BIOS (default); none: do not")
+      .oneOf({"legacy", "none"});
+  command.addOption("--boot-code", request.bootCode, "File with MBR boot code (default: the disk's, or our own)");
+  const Option resuming =
+      command.addOption("--resume", options->resume, "Go on with an interrupted restore; SOURCE if it has moved");
+  command.addFlag("--yes", options->yes, "Do not ask");
+  command.addFlag("--dry-run", options->dryRun, "Check everything and show the plan; write nothing");
+  command.addFlag("--no-verify", options->noVerify, "Do not read the content back");
+  command.addFlag("--force", request.force, "Go on with a damaged GPT, another type of partition or an odd source");
+  addProgressOption(command, options->progress);
+  const auto backup = addBackupOptions(command);
+  command.setFooter(
       "Exit status: 0 the disk starts as far as can be told (with --start none: the volume is restored),\n"
       "1 restored, but something that a start needs is missing, 2 error.");
-  command->callback([options, backup, resuming, &status] {
+  command.setAction([options, backup, resuming, &status] {
     RestoreRequest& wanted = options->request;
     wanted.isLegacy = options->start == "legacy";
-    if (!resuming->empty()) {
+    if (resuming.isGiven()) {
       const LibraryLog log;
       resume(*options, folderOfInterrupted(options->resume));
       status = kDone;
       return;
     }
-    if (wanted.source.empty()) throw CLI::RequiredError("SOURCE");
-    if (wanted.disk.empty()) throw CLI::RequiredError("DISK");
-    if (wanted.partition == 0) throw CLI::RequiredError("--partition");
+    if (wanted.source.empty()) refuseWithout("SOURCE");
+    if (wanted.disk.empty()) refuseWithout("DISK");
+    if (wanted.partition == 0) refuseWithout("--partition");
     status = restore(*options, *backup);
   });
 }

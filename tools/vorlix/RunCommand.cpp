@@ -70,13 +70,13 @@ int32_t runProgram(const std::vector<std::string>& arguments) {
 
 }  // namespace
 
-void addRunCommand(CLI::App& app, int& status) {
+void addRunCommand(Command& top, int& status) {
   const auto program = std::make_shared<std::string>();
-  CLI::App* const run =
-      app.add_subcommand("run", "Run a program and show the events and output that the library's runner delivers");
-  run->add_option("PROGRAM", *program, "Full path of the program; its arguments follow")->required();
-  run->prefix_command();  // the remaining arguments belong to the program; after "--", even if they look like options
-  run->footer(
+  Command run =
+      top.addCommand("run", "Run a program and show the events and output that the library's runner delivers");
+  run.addOption("PROGRAM", *program, "Full path of the program; its arguments follow").required();
+  run.takeRest();  // the remaining arguments belong to the program; after "--", even if they look like options
+  run.setFooter(
       "vorlix run -- PROGRAM [ARGUMENT...]\n"
       "The program is started without a shell and without a search in PATH. Its standard input is an open pipe\n"
       "without data. Its output is shown in the pieces that arrive; control characters become \"?\". The run ends\n"
@@ -84,8 +84,8 @@ void addRunCommand(CLI::App& app, int& status) {
       "running then gets SIGTERM. The status shown is the program's exit status, or the number of the signal that\n"
       "ended it.\n"
       "Exit status: 0 the program's status is 0, 1 it is another one, 2 the program could not be started.");
-  run->callback([run, program, &status] {
-    std::vector<std::string> command = run->remaining();
+  run.setAction([run, program, &status] {
+    std::vector<std::string> command = run.rest();
     if (!command.empty() && command.front() == "--") command.erase(command.begin());
     command.insert(command.begin(), *program);
     status = runProgram(command) == 0 ? kDone : kChangeNeeded;

@@ -5,19 +5,17 @@
 
 #include <cstdio>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "Commands.h"
 #include "DiskTables.h"
 #include "Failure.h"
+#include "Json.h"
 #include "Text.h"
 
 namespace vorlix::tool {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr int kSchema = 1;
 
@@ -67,33 +65,40 @@ class Comparison {
   PartitionTable hybrid_;
 };
 
+Json placeJson(unsigned cylinder, unsigned head, unsigned sector) {
+  return Json::object({{"cylinder", cylinder}, {"head", head}, {"sector", sector}});
+}
+
 Json slotJson(const MBRPartitionEntry& slot) {
-  return {
+  return Json::object({
       {"active", slot.flag == 0x80},
       {"type", hexByte(slot.type)},
       {"typeName", mbrTypeName(slot.type)},
       {"firstLBA", slot.lba},
       {"sectors", slot.size},
-      {"start", {{"cylinder", slot.start_track}, {"head", slot.start_head}, {"sector", slot.start_sector}}},
-      {"end", {{"cylinder", slot.end_track}, {"head", slot.end_head}, {"sector", slot.end_sector}}},
-  };
+      {"start", placeJson(slot.start_track, slot.start_head, slot.start_sector)},
+      {"end", placeJson(slot.end_track, slot.end_head, slot.end_sector)},
+  });
 }
 
 Json mbrJson(const DiskTables& disk) {
   const Comparison comparison(disk);
   Json slots = Json::array();
   for (size_t i = 0; i < 4; ++i) {
-    Json slot = {{"slot", i + 1}};
-    slot.update(slotJson(disk.mbr.parts[i]));
-    slot["equalsHybrid"] = comparison.equal(i);
-    slot["hybrid"] = disk.header ? slotJson(comparison.hybrid(i)) : Json();
-    slots.push_back(std::move(slot));
+    Json slot = Json::object({{"slot", i + 1}});
+    slot.addMembers(slotJson(disk.mbr.parts[i]));
+    slot.add("equalsHybrid", comparison.equal(i));
+    slot.add("hybrid", disk.header ? slotJson(comparison.hybrid(i)) : Json());
+    slots.append(std::move(slot));
   }
-  return {
-      {"signatureValid", disk.hasMBR()},       {"kind", mbrKind(disk)},
-      {"activeSlot", disk.activeSlot},         {"diskSignature", diskSignature(disk)},
-      {"equalsHybrid", comparison.allEqual()}, {"slots", std::move(slots)},
-  };
+  return Json::object({
+      {"signatureValid", disk.hasMBR()},
+      {"kind", mbrKind(disk)},
+      {"activeSlot", disk.activeSlot},
+      {"diskSignature", diskSignature(disk)},
+      {"equalsHybrid", comparison.allEqual()},
+      {"slots", std::move(slots)},
+  });
 }
 
 uint64_t sizeOf(const GPTEntry& entry, uint64_t blockSize) {
@@ -106,7 +111,7 @@ Json gptJson(const DiskTables& disk) {
   for (size_t i = 0; i < disk.entries.size(); ++i) {
     const GPTEntry& entry = disk.entries[i];
     if (!isUsed(entry)) continue;
-    entries.push_back({
+    entries.append(Json::object({
         {"number", i + 1},
         {"typeGUID", entry.guid_text},
         {"typeName", gptTypeName(entry.guid_text)},
@@ -116,9 +121,9 @@ Json gptJson(const DiskTables& disk) {
         {"size", sizeOf(entry, disk.blockSize)},
         {"attributes", hexDigits(entry.attributes, 16)},
         {"name", partitionName(entry)},
-    });
+    }));
   }
-  return {
+  return Json::object({
       {"diskGUID", guidText(disk.header->disk_guid)},
       {"firstUsableLBA", disk.header->first_usable_lba},
       {"lastUsableLBA", disk.header->last_usable_lba},
@@ -126,17 +131,18 @@ Json gptJson(const DiskTables& disk) {
       {"entryLBA", disk.header->partition_entry_lba},
       {"entryCount", disk.header->number_of_entries},
       {"entries", std::move(entries)},
-  };
+  });
 }
 
 Json damageJson(const DiskTables& disk) {
   Json findings = Json::array();
-  for (const GPTFinding& finding : disk.damage) findings.push_back({{"code", finding.code}, {"text", finding.text}});
+  for (const GPTFinding& finding : disk.damage)
+    findings.append(Json::object({{"code", finding.code}, {"text", finding.text}}));
   return findings;
 }
 
 void printJson(const DiskTables& disk) {
-  const Json document = {
+  const Json document = Json::object({
       {"schema", kSchema},
       {"disk", disk.device},
       {"size", disk.size},
@@ -144,9 +150,8 @@ void printJson(const DiskTables& disk) {
       {"mbr", mbrJson(disk)},
       {"gpt", gptJson(disk)},
       {"gptDamage", damageJson(disk)},
-  };
-  // A path need not be UTF-8; what is not becomes U+FFFD.
-  std::puts(document.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+  });
+  document.print();
 }
 
 std::string comparisonText(const DiskTables& disk, const Comparison& comparison, size_t index) {
@@ -228,12 +233,12 @@ struct ShowOptions {
 
 }  // namespace
 
-void addShowCommand(CLI::App& app, int& status) {
+void addShowCommand(Command& top, int& status) {
   const auto options = std::make_shared<ShowOptions>();
-  CLI::App* const command = app.add_subcommand("show", "Show a disk's MBR and GPT and how the two agree");
-  command->add_option("DISK", options->disk, "Disk or disk-image file")->required();
-  command->add_flag("--json", options->json, "Print JSON (schema version 1)");
-  command->callback([options, &status] {
+  Command command = top.addCommand("show", "Show a disk's MBR and GPT and how the two agree");
+  command.addOption("DISK", options->disk, "Disk or disk-image file").required();
+  command.addFlag("--json", options->json, "Print JSON (schema version 1)");
+  command.setAction([options, &status] {
     const DiskTables disk = readTables(options->disk);
     options->json ? printJson(disk) : printText(disk);
     status = kDone;

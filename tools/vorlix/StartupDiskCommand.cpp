@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Arbitration.h"
 #include "Commands.h"
@@ -135,18 +136,23 @@ void selectStartupDisk(const StartupOptions& options) {
   std::printf("startup disk set: %s\n", shell->command()->c_str());
 }
 
+std::vector<std::string> typeNames() {
+  std::vector<std::string> names;
+  for (const auto& [name, type] : kTypes) names.push_back(name);
+  return names;
+}
+
 }  // namespace
 
-void addStartupDiskCommand(CLI::App& app, int& status) {
+void addStartupDiskCommand(Command& top, int& status) {
   const auto options = std::make_shared<StartupOptions>();
-  CLI::App* const startup =
-      app.add_subcommand("startup-disk", "Select the volume that the computer starts from next time");
-  startup->add_option("DEVICE", options->device, "Device of the volume, or the folder where it is mounted")->required();
-  startup->add_option("--type", options->type, "legacy, efi, mac or volume-efi; default: detected from the disk")
-      ->check(CLI::IsMember(kTypes));
-  startup->add_flag("--permanent", options->permanent, "For every start, not only the next one");
-  startup->add_flag("--dry-run", options->dryRun, "Show the command that would be run; run nothing");
-  startup->callback([options, &status] {
+  Command startup = top.addCommand("startup-disk", "Select the volume that the computer starts from next time");
+  startup.addOption("DEVICE", options->device, "Device of the volume, or the folder where it is mounted").required();
+  startup.addOption("--type", options->type, "legacy, efi, mac or volume-efi; default: detected from the disk")
+      .oneOf(typeNames());
+  startup.addFlag("--permanent", options->permanent, "For every start, not only the next one");
+  startup.addFlag("--dry-run", options->dryRun, "Show the command that would be run; run nothing");
+  startup.setAction([options, &status] {
     selectStartupDisk(*options);
     status = kDone;
   });

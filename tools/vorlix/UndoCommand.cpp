@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -18,6 +17,7 @@
 #include "DeviceChanges.h"
 #include "Failure.h"
 #include "Files.h"
+#include "Json.h"
 #include "LibraryLog.h"
 #include "Text.h"
 #include "UndoPlan.h"
@@ -88,7 +88,7 @@ StateNames namesOfState(UndoState state) {
 }
 
 void printList(bool json) {
-  nlohmann::ordered_json changes = nlohmann::ordered_json::array();
+  Json changes = Json::array();
   std::vector<std::vector<std::string>> rows = {{"BACKUP", "CHANGE", "STATE"}};
   for (const std::string& folder : keptChanges()) {
     const std::string name = fs::path(folder).filename().string();
@@ -99,12 +99,11 @@ void printList(bool json) {
     }
     const StateNames state = namesOfState(stateOf(kept));
     rows.push_back({name, printable(kept.title), state.text});
-    changes.push_back(
-        {{"name", name}, {"folder", folder}, {"title", kept.title}, {"begun", kept.begun}, {"state", state.code}});
+    changes.append(Json::object(
+        {{"name", name}, {"folder", folder}, {"title", kept.title}, {"begun", kept.begun}, {"state", state.code}}));
   }
   if (json) {
-    const nlohmann::ordered_json all = {{"version", 1}, {"changes", std::move(changes)}};
-    std::printf("%s\n", all.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace).c_str());
+    Json::object({{"version", 1}, {"changes", std::move(changes)}}).print();
   } else if (rows.size() == 1) {
     std::printf("There are no backups.\n");
   } else {
@@ -202,27 +201,27 @@ bool undo(const UndoOptions& options, const BackupChoice& choice) {
 
 }  // namespace
 
-void addUndoCommand(CLI::App& app, int& status) {
+void addUndoCommand(Command& top, int& status) {
   const auto options = std::make_shared<UndoOptions>();
-  CLI::App* const command =
-      app.add_subcommand("undo", "Restore what hybrid, bcd, vbr restore or legacy-boot replaced, from the backup");
-  CLI::Option* const journal = command->add_option(
-      "BACKUP", options->journal, "Name of a backup, or the beginning of it, or the path of its folder");
-  command->add_option("--on", options->on,
-                      "The whole disk, or for files the volume, that was changed (default: the name that it had then)");
-  command->add_flag("--dry-run", options->dryRun, "Show what would be restored; open no disk for writing");
-  CLI::Option* const list = command->add_flag("--list", options->list, "List the backups in the user's state folder");
-  command->add_flag("--json", options->json, "List them as JSON")->needs(list);
-  journal->excludes(list);
-  const auto backup = addBackupOptions(*command);
-  command->callback([options, backup, &status] {
+  Command command =
+      top.addCommand("undo", "Restore what hybrid, bcd, vbr restore or legacy-boot replaced, from the backup");
+  Option journal = command.addOption("BACKUP", options->journal,
+                                     "Name of a backup, or the beginning of it, or the path of its folder");
+  command.addOption("--on", options->on,
+                    "The whole disk, or for files the volume, that was changed (default: the name that it had then)");
+  command.addFlag("--dry-run", options->dryRun, "Show what would be restored; open no disk for writing");
+  const Option list = command.addFlag("--list", options->list, "List the backups in the user's state folder");
+  command.addFlag("--json", options->json, "List them as JSON").needs(list);
+  journal.excludes(list);
+  const auto backup = addBackupOptions(command);
+  command.setAction([options, backup, &status] {
     if (options->list) {
       const LibraryLog log;
       printList(options->json);
       status = kDone;
       return;
     }
-    if (options->journal.empty()) throw CLI::RequiredError("BACKUP");
+    if (options->journal.empty()) refuseWithout("BACKUP");
     const bool isNeeded = undo(*options, *backup);
     status = options->dryRun && isNeeded ? kChangeNeeded : kDone;
   });

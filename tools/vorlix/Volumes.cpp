@@ -20,11 +20,6 @@ namespace vorlix::tool {
 namespace {
 
 namespace fs = std::filesystem;
-using Json = nlohmann::ordered_json;
-
-Json textJson(const std::optional<std::string>& text) {
-  return text ? Json(*text) : Json();
-}
 
 Json uuidJson(const std::optional<UUID>& uuid) {
   return uuid ? Json(uuid->text()) : Json();
@@ -106,12 +101,12 @@ std::string volumeTable(const Volumes& volumes, const Volumes& all) {
 }
 
 Json volumeJson(const QDVolume& volume, const Volumes& all) {
-  return Json({
-      {"name", textJson(volume.diskName())},
-      {"device", textJson(volume.device())},
-      {"disk", textJson(diskText(volume))},
-      {"mountPath", textJson(volume.filePath())},
-      {"kind", textJson(volume.fileSystemType())},
+  return Json::object({
+      {"name", volume.diskName()},
+      {"device", volume.device()},
+      {"disk", diskText(volume)},
+      {"mountPath", volume.filePath()},
+      {"kind", volume.fileSystemType()},
       {"totalSize", bytesJson(volume.totalSize())},
       {"freeSize", bytesJson(volume.freeSpace())},
       {"mediaSize", numberJson(volume.mediaSizeRaw())},

@@ -6,9 +6,10 @@
 #include <Vorlix/QDVolume.h>
 
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
+
+#include "Json.h"
 
 namespace vorlix::tool {
 
@@ -37,7 +38,8 @@ std::string windowsText(const QDVolume& volume);
 /// A table with one row a volume.
 std::string volumeTable(const Volumes& volumes, const Volumes& all);
 
-nlohmann::ordered_json volumeJson(const QDVolume& volume, const Volumes& all);
+/// Everything about a volume, as an object.
+Json volumeJson(const QDVolume& volume, const Volumes& all);
 
 /// The mounted volume of a device, by its path, its name or the folder where it is mounted. Null if there is none.
 std::shared_ptr<QDVolume> mountedVolume(const std::string& deviceOrFolder, const Volumes& all);

@@ -11,7 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -20,6 +19,7 @@
 #include "Commands.h"
 #include "Complaint.h"
 #include "Failure.h"
+#include "Json.h"
 #include "LibraryLog.h"
 #include "Text.h"
 
@@ -82,13 +82,9 @@ int showWindows(const std::string& volume, bool json) {
     version = manager->versionOfWindowsFromVolume(record);
   }
   if (json) {
-    auto object = nlohmann::ordered_json::object();
-    for (const Row& row : kRows) {
-      const auto value = version.text(row.key);
-      object[row.key] = value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json();
-    }
-    constexpr int kIndent = 2;
-    std::printf("%s\n", object.dump(kIndent, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+    Json object = Json::object();
+    for (const Row& row : kRows) object.add(row.key, version.text(row.key));
+    object.print();
   } else {
     for (const Row& row : kRows) {
       std::string value = version.text(row.key).value_or("");
@@ -105,13 +101,13 @@ int showWindows(const std::string& volume, bool json) {
 
 }  // namespace
 
-void addWindowsCommand(CLI::App& app, int& status) {
+void addWindowsCommand(Command& top, int& status) {
   const auto volume = std::make_shared<std::string>();
   const auto json = std::make_shared<bool>(false);
-  CLI::App* const windows = app.add_subcommand("windows", "Report which Windows a mounted volume holds");
-  windows->add_option("VOLUME", *volume, "Folder where the volume is mounted, or its device")->required();
-  windows->add_flag("--json", *json, "Print JSON");
-  windows->callback([volume, json, &status] { status = showWindows(*volume, *json); });
+  Command windows = top.addCommand("windows", "Report which Windows a mounted volume holds");
+  windows.addOption("VOLUME", *volume, "Folder where the volume is mounted, or its device").required();
+  windows.addFlag("--json", *json, "Print JSON");
+  windows.setAction([volume, json, &status] { status = showWindows(*volume, *json); });
 }
 
 }  // namespace vorlix::tool

@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <CLI/App.hpp>
-#include <CLI/Config.hpp>
-#include <CLI/Formatter.hpp>
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <functional>
-#include <set>
+#include <iterator>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,18 +19,18 @@
 namespace {
 
 // Whether the command that was chosen never writes to a disk or a volume.
-bool onlyLooks(const CLI::App& app) {
-  static const std::set<std::string, std::less<>> kLooking = {
-      "show",    "check", "identify",   "list",      "find",     "boot-camp", "windows",
-      "archive", "log",   "image-size", "boot-type", "bootable", "sip",       "check-caller"};
-  for (const CLI::App* const command : app.get_subcommands()) {
-    if (!kLooking.contains(command->get_name())) return false;
-  }
-  return true;
+bool onlyLooks(const vorlix::tool::CommandLine& line) {
+  constexpr std::string_view kLooking[] = {"show",      "check",    "identify", "list",        "find",
+                                           "boot-camp", "windows",  "archive",  "log",         "image-size",
+                                           "boot-type", "bootable", "sip",      "check-caller"};
+  const std::vector<std::string> chosen = line.chosen();
+  return std::all_of(chosen.begin(), chosen.end(), [&](const std::string& name) {
+    return std::find(std::begin(kLooking), std::end(kLooking), name) != std::end(kLooking);
+  });
 }
 
 struct Commands {
-  void (*add)(CLI::App& app, int& status);
+  void (*add)(vorlix::tool::Command& top, int& status);
   std::vector<std::string_view> names;
 };
 
@@ -66,7 +63,7 @@ const std::vector<Commands>& allCommands() {
 
 // Describing all commands takes longer than most of them run, so that one which is named first is the only one. Help,
 // and what is no command, need them all.
-void addCommands(CLI::App& app, int& status, const std::vector<std::string_view>& arguments) {
+void addCommands(vorlix::tool::Command top, int& status, const std::vector<std::string_view>& arguments) {
   if (arguments.size() == 1 && arguments.front() == "--version") return;
   const auto isNamed = [&](const Commands& commands) {
     return !arguments.empty() &&
@@ -75,7 +72,7 @@ void addCommands(CLI::App& app, int& status, const std::vector<std::string_view>
   const auto& all = allCommands();
   const auto named = std::find_if(all.begin(), all.end(), isNamed);
   for (auto commands = all.begin(); commands != all.end(); ++commands) {
-    if (named == all.end() || commands == named) commands->add(app, status);
+    if (named == all.end() || commands == named) commands->add(top, status);
   }
 }
 
@@ -85,26 +82,19 @@ int main(int argc, char** argv) {
   using namespace vorlix::tool;
   vorlix::fillStandardDescriptors();
   std::signal(SIGXFSZ, SIG_IGN);  // a log that may not grow must not end a command between two writes
-  CLI::App app("Partition tables and boot records of disks that hold Windows beside macOS.", "vorlix");
-  app.set_version_flag("--version", "vorlix " VORLIX_VERSION);
-  app.require_subcommand(1);
-  app.failure_message([](const CLI::App*, const CLI::Error& error) {
-    return "vorlix: " + printable(error.what()) + "\nRun with --help for more information.\n";
-  });
-  app.footer(
+  CommandLine line(
+      "Partition tables and boot records of disks that hold Windows beside macOS.", "vorlix", "vorlix " VORLIX_VERSION,
       "DISK is a block device (/dev/sda, sda), a disk-image file, or slice N of either as DISKsN (mac.imgs3).\n"
       "Exit status: 0 nothing wrong or done, 1 a change is needed or the answer is no, 2 error.\n"
       "The library's log is /tmp/quandrel.log.");
 
   int status = kDone;
-  addCommands(app, status, std::vector<std::string_view>(argv + std::min(argc, 1), argv + argc));
+  addCommands(line.top(), status, std::vector<std::string_view>(argv + std::min(argc, 1), argv + argc));
   try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kDone : kError;
+    if (const std::optional<int> ended = line.run(argc, argv)) return *ended;
   } catch (const Failure& failure) {
     complain(
-        failure.text(onlyLooks(app), finishedEarlierChange() ? "nothing else was written" : vorlix::kNothingWritten));
+        failure.text(onlyLooks(line), finishedEarlierChange() ? "nothing else was written" : vorlix::kNothingWritten));
     return kError;
   } catch (const std::exception& error) {
     complain(error.what());

@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "CommandLine.h"
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <utility>
+
+#include "Failure.h"
+#include "Text.h"
+
+namespace vorlix::tool {
+
+Option& Option::required() {
+  inner_->required();
+  return *this;
+}
+
+Option& Option::within(int lowest, int highest) {
+  inner_->check(CLI::Range(lowest, highest));
+  return *this;
+}
+
+Option& Option::oneOf(std::vector<std::string> texts) {
+  inner_->check(CLI::IsMember(std::move(texts)));
+  return *this;
+}
+
+Option& Option::named(const std::map<std::string, int32_t>& numbers) {
+  inner_->transform(CLI::CheckedTransformer(numbers));
+  return *this;
+}
+
+Option& Option::excludes(const Option& other) {
+  inner_->excludes(other.inner_);
+  return *this;
+}
+
+Option& Option::needs(const Option& other) {
+  inner_->needs(other.inner_);
+  return *this;
+}
+
+Option& Option::showDefault() {
+  inner_->capture_default_str();
+  return *this;
+}
+
+Option& Option::valueText(const std::string& text) {
+  inner_->option_text(text);
+  return *this;
+}
+
+bool Option::isGiven() const {
+  return !inner_->empty();
+}
+
+Command Command::addCommand(const std::string& name, const std::string& description) {
+  return Command(inner_->add_subcommand(name, description));
+}
+
+Option Command::addOption(const std::string& name, std::string& target, const std::string& description) {
+  return Option(inner_->add_option(name, target, description));
+}
+
+Option Command::addOption(const std::string& name, uint32_t& target, const std::string& description) {
+  return Option(inner_->add_option(name, target, description));
+}
+
+Option Command::addOption(const std::string& name, int32_t& target, const std::string& description) {
+  return Option(inner_->add_option(name, target, description));
+}
+
+Option Command::addOption(const std::string& name, std::optional<uint64_t>& target, const std::string& description) {
+  return Option(inner_->add_option(name, target, description));
+}
+
+Option Command::addChoice(const std::string& name, std::function<void(int32_t)> set,
+                          const std::map<std::string, int32_t>& numbers, const std::string& description) {
+  CLI::Option* const option = inner_->add_option_function<int32_t>(name, std::move(set), description);
+  return Option(option->transform(CLI::CheckedTransformer(numbers))->type_name("ENUM"));
+}
+
+Option Command::addFlag(const std::string& name, bool& target, const std::string& description) {
+  return Option(inner_->add_flag(name, target, description));
+}
+
+void Command::requireCommand() {
+  inner_->require_subcommand(1);
+}
+
+void Command::takeRest() {
+  inner_->prefix_command();
+}
+
+std::vector<std::string> Command::rest() const {
+  return inner_->remaining();
+}
+
+void Command::setFooter(const std::string& text) {
+  inner_->footer(text);
+}
+
+void Command::setAction(std::function<void()> action) {
+  inner_->callback(std::move(action));
+}
+
+void refuseWithout(const std::string& option) {
+  throw CLI::RequiredError(option);
+}
+
+void refuseValue(const std::string& option, const std::string& reason) {
+  throw CLI::ValidationError(option, reason);
+}
+
+CommandLine::CommandLine(const std::string& description, const std::string& program, const std::string& version,
+                         const std::string& footer)
+    : app_(std::make_unique<CLI::App>(description, program)) {
+  app_->set_version_flag("--version", version);
+  app_->require_subcommand(1);
+  app_->failure_message([](const CLI::App*, const CLI::Error& error) {
+    return "vorlix: " + printable(error.what()) + "\nRun with --help for more information.\n";
+  });
+  app_->footer(footer);
+}
+
+CommandLine::~CommandLine() = default;
+
+Command CommandLine::top() {
+  return Command(app_.get());
+}
+
+std::optional<int> CommandLine::run(int argc, const char* const* argv) {
+  try {
+    app_->parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app_->exit(error) == 0 ? kDone : kError;
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string> CommandLine::chosen() const {
+  std::vector<std::string> names;
+  for (const CLI::App* const command : app_->get_subcommands()) names.push_back(command->get_name());
+  return names;
+}
+
+}  // namespace vorlix::tool
