@@ -92,9 +92,9 @@ std::optional<uint64_t> nextCluster(const VolumeBytes& volume, const ExFATGeomet
 BitmapPlace findBitmap(const VolumeBytes& volume, const ExFATGeometry& exfat) {
   std::optional<uint64_t> cluster = exfat.root;
   for (uint64_t count = 0; cluster && count < kMostRootClusters; ++count) {
-    for (uint64_t start = 0; start < exfat.clusterSize; start += kLargestPiece) {
+    for (uint64_t start = 0; start < exfat.clusterSize; start += kLargestRead) {
       const std::vector<uint8_t> records = volume.read(
-          exfat.offsetOf(*cluster) + start, static_cast<size_t>(std::min<uint64_t>(exfat.clusterSize, kLargestPiece)));
+          exfat.offsetOf(*cluster) + start, static_cast<size_t>(std::min<uint64_t>(exfat.clusterSize, kLargestRead)));
       for (size_t at = 0; at < records.size(); at += kRecordSize) {
         if (records[at] == 0) throw AllocationDoubt("it has no allocation bitmap");
         if (records[at] != kBitmapEntry) continue;
@@ -122,8 +122,8 @@ class ExFATBitmap {
     while (done < exfat_.clusters) {
       if (!cluster) throw AllocationDoubt("its allocation bitmap is damaged");
       own_.push_back(*cluster);
-      for (uint64_t start = 0; start < exfat_.clusterSize && done < exfat_.clusters; start += kLargestPiece) {
-        readPiece(exfat_.offsetOf(*cluster) + start, std::min<uint64_t>(exfat_.clusterSize, kLargestPiece), done);
+      for (uint64_t start = 0; start < exfat_.clusterSize && done < exfat_.clusters; start += kLargestRead) {
+        readPiece(exfat_.offsetOf(*cluster) + start, std::min<uint64_t>(exfat_.clusterSize, kLargestRead), done);
       }
       if (done < exfat_.clusters) cluster = nextCluster(volume_, exfat_, *cluster);
     }

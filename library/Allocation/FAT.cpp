@@ -95,7 +95,7 @@ void checkCopies(const VolumeBytes& volume, const FATGeometry& fat, uint64_t off
 }
 
 // Whole entries of any width.
-constexpr uint64_t kPieceSize = kLargestPiece / 12 * 12;
+constexpr uint64_t kPieceSize = kLargestRead / 12 * 12;
 
 }  // namespace
 

@@ -220,8 +220,8 @@ class NTFSReader {
       throw AllocationDoubt("its $Bitmap is damaged or scattered over several records");
     }
     UsedRanges used;
-    for (uint64_t offset = 0; offset < needed; offset += kLargestPiece) {
-      std::vector<uint8_t> bits(static_cast<size_t>(std::min<uint64_t>(kLargestPiece, needed - offset)));
+    for (uint64_t offset = 0; offset < needed; offset += kLargestRead) {
+      std::vector<uint8_t> bits(static_cast<size_t>(std::min<uint64_t>(kLargestRead, needed - offset)));
       if (bitmap->isResident) {
         std::copy_n(bitmap->value.begin() + static_cast<std::ptrdiff_t>(offset), bits.size(), bits.begin());
       } else {

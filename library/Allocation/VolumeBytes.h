@@ -36,7 +36,7 @@ class VolumeBytes {
 };
 
 /// The largest piece that is read at a time.
-inline constexpr size_t kLargestPiece = size_t{1} << 20;
+inline constexpr size_t kLargestRead = size_t{1} << 20;
 
 /// Collects ranges that come in ascending order.
 class UsedRanges {

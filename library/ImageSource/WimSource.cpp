@@ -61,7 +61,7 @@ std::string utf8Of(std::span<const uint8_t> utf16) {
 }
 
 // What is between two texts, the first of them at or behind `from`.
-std::string_view between(std::string_view text, std::string_view first, std::string_view last, size_t from = 0) {
+std::string_view textBetween(std::string_view text, std::string_view first, std::string_view last, size_t from = 0) {
   const size_t start = text.find(first, from);
   if (start == std::string_view::npos) return {};
   const size_t end = text.find(last, start + first.size());
@@ -128,10 +128,10 @@ std::vector<WimFacts::Image> readWimImages(std::span<const uint8_t> start, Sourc
   std::vector<WimFacts::Image> images;
   for (uint32_t index = 1; index <= std::min(count, kMostImages); ++index) {
     const std::string tag = "<IMAGE INDEX=\"" + std::to_string(index) + "\"";
-    const std::string_view entry = between(text, tag, "</IMAGE>");
+    const std::string_view entry = textBetween(text, tag, "</IMAGE>");
     if (entry.empty()) return {};
-    images.push_back({index, withoutEntities(between(entry, "<NAME>", "</NAME>")),
-                      numberOf(between(entry, "<TOTALBYTES>", "</TOTALBYTES>"))});
+    images.push_back({index, withoutEntities(textBetween(entry, "<NAME>", "</NAME>")),
+                      numberOf(textBetween(entry, "<TOTALBYTES>", "</TOTALBYTES>"))});
   }
   return images;
 }

@@ -13,12 +13,12 @@
 namespace vorlix {
 namespace {
 
-constexpr size_t kInput = size_t{256} << 10;
+constexpr size_t kPackedInput = size_t{256} << 10;
 constexpr int kGzipOnly = 16;  // added to the window's bits: a gzip header, and no zlib header
 
 class GzipUnpacker final : public Unpacker {
  public:
-  explicit GzipUnpacker(const PackedFile& file) : file_(file), input_(kInput) {}
+  explicit GzipUnpacker(const PackedFile& file) : file_(file), input_(kPackedInput) {}
   ~GzipUnpacker() override {
     if (isOpen_) inflateEnd(&stream_);
   }

@@ -17,7 +17,7 @@ constexpr size_t kLongEndSize = 56;
 constexpr uint64_t kLocatorMark = 0x07064B50;
 constexpr size_t kLocatorSize = 20;
 constexpr uint64_t kEntryMark = 0x02014B50;
-constexpr size_t kEntrySize = 46;
+constexpr size_t kDirectoryEntrySize = 46;
 constexpr size_t kLongestComment = 65535;
 constexpr uint64_t kLargestDirectory = uint64_t{1} << 20;
 constexpr uint64_t kIsLong = 0xFFFFFFFF;  // the number is in an extra field
@@ -58,13 +58,14 @@ std::optional<Directory> findDirectory(const PackedFile& file) {
 class Entry {
  public:
   static std::optional<Entry> at(const std::vector<uint8_t>& directory, size_t place) {
-    if (directory.size() - place < kEntrySize || littleEndian(directory, place, 4) != kEntryMark) return std::nullopt;
+    if (directory.size() - place < kDirectoryEntrySize || littleEndian(directory, place, 4) != kEntryMark)
+      return std::nullopt;
     const Entry entry(directory.data() + place);
     if (entry.length() > directory.size() - place) return std::nullopt;
     return entry;
   }
 
-  size_t length() const { return kEntrySize + nameLength() + extraLength() + number(32, 2); }
+  size_t length() const { return kDirectoryEntrySize + nameLength() + extraLength() + number(32, 2); }
 
   bool isFile() const {
     constexpr uint64_t kUnix = 3;
@@ -80,8 +81,8 @@ class Entry {
   ZippedFile file() const {
     uint64_t packedSize = number(20, 4);
     ZippedFile file = {number(42, 4), number(24, 4)};
-    const size_t end = kEntrySize + nameLength() + extraLength();
-    for (size_t place = kEntrySize + nameLength(); end - place >= 4;) {
+    const size_t end = kDirectoryEntrySize + nameLength() + extraLength();
+    for (size_t place = kDirectoryEntrySize + nameLength(); end - place >= 4;) {
       const size_t next = place + 4 + number(place + 2, 2);
       if (next > end) break;
       constexpr uint64_t kLongNumbers = 1;
@@ -104,7 +105,7 @@ class Entry {
   size_t number(size_t offset, size_t count) const { return littleEndian(bytes_ + offset, count); }
   size_t nameLength() const { return number(28, 2); }
   size_t extraLength() const { return number(30, 2); }
-  std::string_view name() const { return {reinterpret_cast<const char*>(bytes_) + kEntrySize, nameLength()}; }
+  std::string_view name() const { return {reinterpret_cast<const char*>(bytes_) + kDirectoryEntrySize, nameLength()}; }
 
   const uint8_t* bytes_;
 };
