@@ -215,7 +215,7 @@ TEST_F(MappedSourceTest, DamagedMaps) {
   };
   for (const auto& [change, reason] : wrong) {
     makeMap();
-    editMap([&](const std::string& text) { return replaced(text, change.first, change.second); });
+    editMap([&edit = change](const std::string& text) { return replaced(text, edit.first, edit.second); });
     const ReadImage image = readImage(at("win.img"));
     EXPECT_FALSE(image.isOpen);
     EXPECT_THAT(image.failure.reason, HasSubstr(reason)) << change.second;
