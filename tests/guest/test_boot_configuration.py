@@ -106,14 +106,16 @@ class BootConfigurationTest(GuestTest):
         self.assertEqual(digest(node(SECOND)), before)
         self.assertEqual(mounts_of(node(EFI)), [])
 
-    def test_the_store_of_before_is_saved(self):
+    def test_the_store_of_before_is_saved_and_undo_restores_it(self):
         backup = self.path("backup")
         self.bcd("mdt", "--backup", backup)
-        saved = []
-        for name in os.listdir(backup):
-            with open(os.path.join(backup, name), "rb") as file:
-                saved.append(file.read())
-        self.assertEqual(saved, [b"the store of before"])
+        self.assertNotEqual(store_on_volume(), b"the store of before")
+        (name,) = os.listdir(backup)
+        with open(os.path.join(backup, name, "before.bin"), "rb") as file:
+            self.assertEqual(file.read(), b"the store of before")
+        self.vorlix("undo", os.path.join(backup, name))
+        self.assertEqual(store_on_volume(), b"the store of before")
+        self.assertEqual(mounts_of(node(EFI)), [])
 
     def test_without_its_folder_no_store_is_made(self):
         with mounted(EFI) as point:

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """`vorlix restore`: volumes from images of every kind, checked by cmp and fdisk; what is refused; kills, resuming, undo."""
 
+import fcntl
 import gzip
 import json
 import os
@@ -350,6 +351,19 @@ class Interrupted(RestoreTest):
         samples.make_ntfs(other, WINDOWS.sectors // 2, "OTHER")
         self.restore(other, expect=2, saying=["was interrupted", name])
         self.vorlix_refuses("restore", other, "--resume", name, saying=["is not the source"])
+
+    def test_a_restore_to_another_disk_is_no_obstacle(self):
+        name, _ = self.interrupted_one()
+        other = self.path("other.disk")
+        images.sparse_copy(self.untouched, other)
+        self.give(other)
+        journal = os.open(os.path.join(self.state, "vorlix", "journals", name), os.O_RDONLY)
+        fcntl.flock(journal, fcntl.LOCK_EX)  # as a process that is still at work has it
+        self.addCleanup(os.close, journal)
+        self.restore(self.image, disk=other)
+        self.assert_restored(disk=other)
+        self.assertEqual(self.journals(), [name])
+        self.restore(self.image, expect=2, saying=["nothing was written"])
 
     def test_other_commands_do_not_write_to_the_disk_meanwhile(self):
         name, _ = self.interrupted_one()

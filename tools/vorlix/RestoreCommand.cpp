@@ -200,7 +200,9 @@ std::string resume(const RestoreOptions& options, const std::string& folder) {
 // The interrupted restore of the same slice. Throws Failure if that has another source.
 std::optional<std::string> interruptedRestoreOf(const RestoreRequest& request, const std::string& volume) {
   for (const std::string& folder : interruptedLongChanges()) {
-    const auto journal = openJournal(folder);
+    std::optional<ChangeFailure> failure;
+    const auto journal = openLongChange(folder, failure);
+    if (!journal) continue;  // of a restore that is running; if it is on this disk, opening the disk says so
     const std::string& device = journal->structures().devices[journal->origin().device].device;
     if (absoluteSource(device) != absoluteSource(volume) && device != volume) continue;
     if (journal->origin().source == absoluteSource(request.source)) return folder;
