@@ -16,7 +16,7 @@ constexpr uint16_t kVolumeIsDirty = 0x02;
 constexpr uint16_t kMediumHasFailed = 0x04;
 constexpr uint8_t kBitmapEntry = 0x81;
 constexpr size_t kRecordSize = 32;
-constexpr uint64_t kMostRootClusters = 65536;  // the specification's 256 MiB in clusters of 4 KiB
+constexpr uint64_t kMostRootClusters = 65536;  // 256 MiB, the largest folder of exFAT, in clusters of 4 KiB
 
 struct ExFATGeometry {
   uint64_t sector = 0;
