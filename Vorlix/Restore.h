@@ -24,7 +24,6 @@ namespace vorlix {
 struct RestorePlan {
   std::string source;     ///< what the user named; for a file its absolute path, so that a resumed restore finds it
   DiskChange structures;  ///< `before` is what the devices have now; the first device is the volume, and has a run at 0
-  uint64_t volumeSize = 0;  ///< bytes of the slice
   ChangeBackup backup;
 };
 

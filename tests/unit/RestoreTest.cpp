@@ -132,7 +132,6 @@ class RestoreTest : public testing::Test {
   RestorePlan plan() const {
     RestorePlan plan;
     plan.source = "numbers";
-    plan.volumeSize = kVolume;
     const Content old(512, 0xEE);
     const Content boot(512, 0xB0);
     plan.structures = {"restore of numbers",

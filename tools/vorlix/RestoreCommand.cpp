@@ -172,8 +172,7 @@ std::unique_ptr<LongChange> openJournal(const std::string& folder) {
   return journal;
 }
 
-// @return the disk that was restored to.
-std::string resume(const RestoreOptions& options, const std::string& folder) {
+void resume(const RestoreOptions& options, const std::string& folder) {
   auto journal = openJournal(folder);
   const DiskChange& structures = journal->structures();
   const std::string volume = structures.devices[journal->origin().device].device;
@@ -194,7 +193,6 @@ std::string resume(const RestoreOptions& options, const std::string& folder) {
   std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
                printable(volume).c_str(), options.noVerify ? "" : ", read back and compared");
   printUndo(result.kept, textOutput(options.progress));
-  return volume;
 }
 
 // The interrupted restore of the same slice. Throws Failure if that has another source.

@@ -198,7 +198,6 @@ RestorePreparation prepareRestore(const RestoreRequest& request) {
   prepared.present = contentText(readDevice(*volume, prepared.volume, 0, kSectorBytes), prepared.volumeSize);
   if (request.isLegacy) planLegacyStart(request, prepared);
   prepared.plan.source = absoluteSource(request.source);
-  prepared.plan.volumeSize = prepared.volumeSize;
   prepared.plan.structures.title = "restore of " + request.source + " to " + prepared.volume;
   prepared.plan.structures.devices.push_back(volumeStructures(prepared, volume, entry));
   if (prepared.changesMBR) {
