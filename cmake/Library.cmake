@@ -61,6 +61,8 @@ foreach(from BINDIR LIBDIR)
                COMPILE_DEFINITIONS VORLIX_RESOURCES_FROM_${from}="${relative}")
 endforeach()
 
+vorlix_companion_folders()
+
 foreach(kind SHARED STATIC)
   string(TOLOWER ${kind} suffix)
   add_library(vorlix_${suffix} ${kind} $<TARGET_OBJECTS:vorlix_objects>)

@@ -16,6 +16,7 @@ SOURCE = pathlib.Path(os.environ["VORLIX_SOURCE"]).resolve()
 os.environ["PATH"] += ":/usr/sbin:/sbin"  # folders of the disk tools, which need no rights on an image
 TOOLS = ["cmake", "pkg-config", "sgdisk", "sfdisk", "nm", "readelf", "ldd"]
 MISSING = [tool for tool in TOOLS if shutil.which(tool) is None]
+COMPANION = "libexec/vorlix-1/registry_lookup"
 C_HEADERS = ["Export.h", "QDSDiskFunctions.h", "Vorlix_vers.h"]
 
 
@@ -222,8 +223,8 @@ class InstalledLibrary(unittest.TestCase):
             self.assertEqual([pathlib.Path(path) for path in opened], [expected / "vorlix-1" / "signing.so"])
 
     def test_the_registry_program_is_installed_where_hosts_look_for_it(self):
-        program = self.prefix / "share" / "vorlix" / "tools" / "bin" / "registry_lookup"
-        self.assertIn("registry_lookup", run(program, "--version"))
+        self.assertIn("registry_lookup", run(self.prefix / COMPANION, "--version"))
+        self.assertEqual(self.installed("**/registry_lookup"), [pathlib.Path(COMPANION)])
 
     def resource_host(self, name, library):
         """A host outside the prefix that prints the path of the registry program."""
@@ -233,32 +234,33 @@ class InstalledLibrary(unittest.TestCase):
             "cmake_minimum_required(VERSION 3.25)\nproject(Host LANGUAGES CXX)\nfind_package(Vorlix REQUIRED)\n"
             f"add_executable(host host.cpp)\ntarget_link_libraries(host PRIVATE {library})\n")
         (project / "host.cpp").write_text(
-            "#include <Vorlix/platform/HostBundle.h>\n#include <Vorlix/platform/Platform.h>\n#include <cstdio>\n"
-            "int main() {\n  const auto path = vorlix::platform().hostBundle->pathForResource(\"registry_lookup\", \"\", "
-            "\"tools/bin\");\n  std::printf(\"%s\\n\", path ? path->c_str() : \"absent\");\n}\n")
+            "#include <Vorlix/platform/CompanionProgram.h>\n#include <cstdio>\n"
+            "int main() {\n  const auto path = vorlix::companionProgram(\"registry_lookup\");\n  std::printf(\"%s\\n\", path ? path->c_str() : \"absent\");\n}\n")
         return self.cmake_project(name, project) / "host"
 
     def test_the_registry_program_is_found_under_the_prefix_chosen_at_install(self):
         volume = self.work / "volume"
         (volume / "Windows/System32/config").mkdir(parents=True)
         (volume / "Windows/System32/config/SOFTWARE").write_bytes(b"no hive")
-        # A link to the folder and another working folder make no difference.
+        # A link to the folder, another working folder and a later move make no difference.
         link = self.work / "link"
         link.symlink_to(self.prefix)
-        for command in (self.prefix / "bin/vorlix", link / "bin/vorlix"):
+        shutil.copytree(self.prefix, self.work / "moved-program", symlinks=True)
+        for command in (self.prefix / "bin/vorlix", link / "bin/vorlix", self.work / "moved-program/bin/vorlix"):
             result = subprocess.run([command, "windows", volume], cwd="/", text=True, capture_output=True)
             self.assertEqual(result.returncode, 2, result.stderr)
             self.assertIn("its registry has no product name", result.stderr)
-        if pathlib.Path(cached("CMAKE_INSTALL_PREFIX"), "share/vorlix").exists():
+        if pathlib.Path(cached("CMAKE_INSTALL_PREFIX"), COMPANION).exists():
+            print(f"\nskipped: without the companion: {COMPANION} is installed")
             return  # the library also looks in the prefix that it was built for
         shutil.copytree(self.prefix, self.work / "without", symlinks=True)
-        shutil.rmtree(self.work / "without/share/vorlix")
+        (self.work / "without" / COMPANION).unlink()
         result = subprocess.run([self.work / "without/bin/vorlix", "windows", volume], text=True, capture_output=True)
         self.assertIn("registry_lookup is not installed", result.stderr)
 
     def test_a_host_elsewhere_finds_the_registry_program_of_the_shared_library(self):
         host = self.resource_host("resources", "Vorlix::Vorlix")
-        self.assertEqual(run(host, cwd="/").strip(), str(self.prefix.resolve() / "share/vorlix/tools/bin/registry_lookup"))
+        self.assertEqual(run(host, cwd="/").strip(), str(self.prefix.resolve() / COMPANION))
         beside = host.parent / "tools/bin"
         beside.mkdir(parents=True)
         (beside / "registry_lookup").write_text("")
