@@ -57,3 +57,13 @@ install(FILES ${PROJECT_BINARY_DIR}/vorlix.pc DESTINATION ${CMAKE_INSTALL_LIBDIR
 add_custom_target(uninstall
     COMMAND ${CMAKE_COMMAND} -D LIST=${PROJECT_BINARY_DIR}/install_manifest.txt -P ${PROJECT_SOURCE_DIR}/cmake/Uninstall.cmake
     COMMENT "Removing the installed files" VERBATIM)
+
+# The sources of the commit as a tarball.
+find_package(Git QUIET)
+find_program(VORLIX_GZIP gzip)
+if(GIT_FOUND AND VORLIX_GZIP)
+  add_custom_target(dist
+      COMMAND ${CMAKE_COMMAND} -D SOURCE=${PROJECT_SOURCE_DIR} -D GIT=${GIT_EXECUTABLE} -D GZIP=${VORLIX_GZIP}
+              -D VERSION=${PROJECT_VERSION} -D OUT=${PROJECT_BINARY_DIR}/dist -P ${PROJECT_SOURCE_DIR}/cmake/Dist.cmake
+      COMMENT "Packing the sources of the commit" VERBATIM)
+endif()

@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The installed library from a host's view: CMake and pkg-config find it, headers are complete, no stray symbols."""
 
+import hashlib
 import os
 import pathlib
 import re
@@ -261,6 +262,68 @@ class InstalledLibrary(unittest.TestCase):
         for words in (["show", self.image], ["show", "--json", self.image], ["--help"]):
             self.assertEqual(run(program, *words), run(BUILD / "vorlix", *words))
         self.assertEqual(run(program, "--version"), f"vorlix {cached('CMAKE_PROJECT_VERSION')}\n", "no git, no commit")
+
+    @unittest.skipIf(shutil.which("git") is None, "not installed: git")
+    def test_the_tarball_has_the_commits_files_and_the_same_bytes_twice(self):
+        """Of a small project of its own, whose commit a later change does not get into the tarball of."""
+        source = self.work / "project"
+        (source / "packaging/homebrew").mkdir(parents=True)
+        shutil.copy(SOURCE / "packaging/homebrew/vorlix.rb", source / "packaging/homebrew")
+        git = ["git", "-C", source, "-c", "user.name=n", "-c", "user.email=e@example.com"]
+        run("git", "init", "-q", source)
+        run(*git, "add", ".")
+        run(*git, "commit", "-q", "-m", "first")
+        sums = []
+        for out in (self.work / "dist1", self.work / "dist2"):
+            text = run("cmake", "-D", f"SOURCE={source}", "-D", "GIT=git", "-D", "GZIP=gzip", "-D", "VERSION=9.8.7", "-D",
+                       f"OUT={out}", "-P", SOURCE / "cmake/Dist.cmake")
+            tarball = out / "vorlix-9.8.7.tar.gz"
+            sums.append(hashlib.sha256(tarball.read_bytes()).hexdigest())
+            self.assertIn(sums[-1], text)
+            formula = (out / "vorlix.rb").read_text()
+            self.assertIn(f'sha256 "{sums[-1]}"', formula)
+            self.assertIn(f'url "file://{tarball}"', formula)
+            self.assertNotIn("VORLIX_", formula)
+            (source / "packaging/homebrew/vorlix.rb").touch()
+            (source / "new").write_text("not committed")
+        self.assertEqual(sums[0], sums[1])
+        names = run("tar", "-tzf", self.work / "dist2/vorlix-9.8.7.tar.gz").split()
+        self.assertIn("vorlix-9.8.7/packaging/homebrew/vorlix.rb", names)
+        self.assertNotIn("vorlix-9.8.7/new", names)
+        (source / "packaging/homebrew/vorlix.rb").write_text("changed")
+        self.assertIn("not in the tarball", run(
+            "cmake", "-D", f"SOURCE={source}", "-D", "GIT=git", "-D", "GZIP=gzip", "-D", "VERSION=9.8.7", "-D",
+            f"OUT={self.work}/dist3", "-P", SOURCE / "cmake/Dist.cmake"))
+
+    def version_text(self, source):
+        """What a build of a folder calls itself, and whether the look-up of the same commit leaves the file alone."""
+        out = self.work / "version.txt"
+        (self.work / "version.in").write_text("@VERSION@@COMMIT@")
+        command = ["cmake", "-D", f"SOURCE={source}", "-D", "GIT=git", "-D", "VERSION=9.8.7", "-D",
+                   f"TEMPLATE={self.work}/version.in", "-D", f"OUT={out}", "-P", SOURCE / "cmake/Commit.cmake"]
+        run(*command)
+        os.utime(out, (1, 1))
+        run(*command)
+        self.assertEqual(out.stat().st_mtime, 1, "written although nothing changed")
+        return out.read_text().strip()
+
+    @unittest.skipIf(shutil.which("git") is None, "not installed: git")
+    def test_the_version_has_the_commit_of_a_build_from_git(self):
+        source = self.work / "versioned"
+        (source / "inner").mkdir(parents=True)
+        self.assertEqual(self.version_text(source), "9.8.7")
+        git = ["git", "-C", source, "-c", "user.name=n", "-c", "user.email=e@example.com"]
+        run("git", "init", "-q", source)
+        (source / "file").write_text("1")
+        self.assertEqual(self.version_text(source), "9.8.7", "no commit yet")
+        run(*git, "add", ".")
+        run(*git, "commit", "-q", "-m", "first")
+        commit = run(*git, "rev-parse", "--short=12", "HEAD").strip()
+        self.assertEqual(self.version_text(source), f"9.8.7 (commit {commit})")
+        run(*git, "tag", "v9.8.7")
+        (source / "file").write_text("2")
+        self.assertEqual(self.version_text(source), f"9.8.7 (commit {commit}, changed)")
+        self.assertEqual(self.version_text(source / "inner"), "9.8.7", "unpacked within another project")
 
     def test_uninstalling_removes_what_was_installed_and_nothing_else(self):
         prefix, manifest = self.work / "twice", self.work / "twice.txt"
