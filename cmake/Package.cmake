@@ -4,7 +4,8 @@
 if(APPLE)
   return()  # there it is Homebrew: packaging/homebrew/vorlix.rb
 endif()
-set(VORLIX_PACKAGE_CONTACT "Vorlix maintainers <maintainers@users.noreply.github.com>" CACHE STRING
+# The project has no address for mail; whoever publishes packages gives theirs.
+set(VORLIX_PACKAGE_CONTACT "Vorlix maintainers <maintainers@vorlix.invalid>" CACHE STRING
     "Maintainer of the packages, as in Debian's control files")
 set(VORLIX_DEBIAN_REVISION 1 CACHE STRING "Revision of the packages")
 set(VORLIX_DEBIAN_VERSION ${PROJECT_VERSION}-${VORLIX_DEBIAN_REVISION})

@@ -415,6 +415,10 @@ class InstalledLibrary(unittest.TestCase):
         (beside / "registry_lookup").write_text("")
         self.assertEqual(run(host).strip(), str(beside.resolve() / "registry_lookup"), "the host's file has priority")
 
+    def test_the_change_log_has_the_version_that_is_built(self):
+        versions = re.findall(r"^## \[(\S+)\]", (SOURCE / "CHANGELOG.md").read_text(), re.MULTILINE)
+        self.assertEqual(versions[0], cached("CMAKE_PROJECT_VERSION"))
+
     def test_man_pages_are_installed(self):
         pages = [str(path) for path in self.installed("share/man/**/*")]
         self.assertEqual(pages, ["share/man/man1/registry_lookup.1", "share/man/man1/vorlix.1"])
