@@ -219,7 +219,7 @@ class Folders(WindowsTest):
 
     def test_without_the_companion(self):
         for prefix in ("/usr/local", "/usr"):
-            installed = os.path.join(prefix, "share/vorlix/tools/bin/registry_lookup")
+            installed = os.path.join(prefix, "libexec/vorlix-1/registry_lookup")
             if os.path.exists(installed):
                 self.skipTest(f"{installed} is installed")
         root = self.put("root", {HIVE: self.hive_bytes("Windows 10"), SETUP_LOG: b"Detected boot environment: EFI\r\n"})

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDVolume.h>
-#include <Vorlix/platform/HostBundle.h>
-#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/CompanionProgram.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -94,7 +93,7 @@ int showWindows(const std::string& volume, bool json) {
     if (isWindows11(version)) std::printf("%-10s Windows 11, by its build number; the registry says 10\n", "Release");
   }
   if (!version.text("product").value_or("").empty()) return kDone;
-  const bool hasTool = platform().hostBundle->pathForResource("registry_lookup", "", "tools/bin").has_value();
+  const bool hasTool = companionProgram("registry_lookup").has_value();
   throw Failure(volume, hasTool ? "its registry has no product name" : "registry_lookup is not installed",
                 "nothing was changed");
 }
