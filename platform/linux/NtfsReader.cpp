@@ -78,8 +78,8 @@ pid_t startProgram(const std::string& path, const OpenedDevice& device, const De
 std::unique_ptr<NtfsReader> NtfsReader::start(const OpenedDevice& device, Refusal& refusal) {
   const std::optional<std::string> path = companionProgram(kProgram);
   if (!path) {
-    refusal = Dissenter{kDissentUnsupported, std::string("it is NTFS, and ") + kProgram +
-                                                 ", which reads that without mounting it, is not installed"};
+    refusal = Dissenter{kDissentUnsupported, std::string("not mounted, and ") + kProgram +
+                                                 ", which reads NTFS without that, is not installed"};
     return nullptr;
   }
   std::unique_ptr<NtfsReader> reader;

@@ -92,8 +92,8 @@ std::unique_ptr<UnmountedVolume> LinuxVolumeMirrors::openToRead(const std::strin
   const std::optional<ProbedVolume> facts = probeVolume(opened->descriptor.get(), opened->window);
   if (facts && facts->kind == "msdos") return fatToRead(*std::move(opened), refusal);
   if (facts && facts->kind == "ntfs") return ntfsToRead(*std::move(opened), refusal);
-  refusal = Dissenter{kDissentUnsupported, facts ? "it is not mounted, and it is " + facts->kind + ", not FAT or NTFS"
-                                                 : "it is not mounted, and no file system is recognised on it"};
+  refusal = Dissenter{kDissentUnsupported, facts ? "not mounted, and it is " + facts->kind + ", not FAT or NTFS"
+                                                 : "not mounted, and no file system is recognised on it"};
   return nullptr;
 }
 

@@ -24,7 +24,8 @@ START = WINDOWS.first * 512
 SIZE = WINDOWS.sectors * 512
 LAST = START + SIZE - 512  # the second boot sector
 DISK_END = volumes.DISK_SECTORS * 512
-BOOT_CODE = b"\x90" * 440 + b"\xC0\xFF\xEE\x01\0\0"
+SIGNATURE = b"\xC0\xFF\xEE\x01"
+BOOT_CODE = b"\x90" * 440 + SIGNATURE + b"\0\0"
 LEGACY_TREE = {"bootmgr": b"loader" * 99, "Boot": None}
 
 
@@ -40,7 +41,12 @@ def store_for(*devices, mbr=False):
 
 @functools.lru_cache(maxsize=None)
 def ntfs():
-    return tools.ntfs_volume(os.path.join(volumes.template_folder(), "start.ntfs"), SIZE, start=WINDOWS.first)
+    """The volume of a Windows that sound() starts, with its boot manager and a store that names the volume."""
+    store = store_for((struct.pack("<Q", START).ljust(16, b"\0"), SIGNATURE.ljust(16, b"\0")), mbr=True)
+    path = volumes.make_ntfs(os.path.join(volumes.template_folder(), "start.ntfs"), SIZE,
+                             {"BOOTMGR": b"loader", "Boot/BCD": store}, start=WINDOWS.first)
+    with open(path, "rb") as file:
+        return file.read()
 
 
 @functools.lru_cache(maxsize=None)
@@ -332,7 +338,7 @@ class State(StartTest):
         self.assert_each(path, [(["volume-unclean"], [(flags, b"\x01")])])
 
     def test_a_hibernated_windows(self):
-        for number, (mark, expected) in enumerate(((b"HIBR", ["volume-unclean"]), (b"wake", []))):
+        for number, (mark, expected) in enumerate(((b"HIBR", ["volume-hibernated"]), (b"wake", []))):
             volume, content = self.path(f"volume{number}"), self.path(f"content{number}")
             with open(volume, "wb") as file:
                 file.write(ntfs())

@@ -75,7 +75,6 @@ class UnmountedNtfs : public testing::Test {
     content_["bootmgr"] = std::string(50'001, '\x7f');
     content_["empty"] = "";
     content_["HiberFil.SYS"] = "HIBR" + std::string(9'000, '\0');
-    for (int i = 0; i < 300; ++i) content_["many/" + std::to_string(i) + "-of-a-folder-with-a-large-index"] = "x";
   }
 
   void useCompanion(std::optional<std::string> path) {
@@ -92,6 +91,7 @@ class UnmountedNtfs : public testing::Test {
         "'; mkntfs -q -F -f -p 20520 -H 255 -S 63 " + options + " '" + volume_ + "' 2>&1");
     std::string folders;
     std::string copies;
+    for (int i = 0; i < 300; ++i) folders += " 'many/" + std::to_string(i) + " of a folder with a large index'";
     for (const auto& [path, content] : content_) {
       const size_t slash = path.rfind('/');
       if (slash != std::string::npos && folders.find("'" + path.substr(0, slash) + "'") == std::string::npos) {
@@ -126,7 +126,6 @@ class UnmountedNtfs : public testing::Test {
     const auto volume = openSlice();
     ASSERT_TRUE(volume) << text_;
     for (const auto& [path, content] : content_) {
-      if (path.starts_with("many/") && path.find("7-") == std::string::npos) continue;
       EXPECT_TRUE(contentOf(*volume, path) == content) << path;
     }
     std::vector<UnmountedVolume::Item> items;
@@ -205,7 +204,7 @@ TEST_F(UnmountedNtfs, WithoutTheCompanionTheReasonIsGiven) {
   makeVolume();
   useCompanion(std::nullopt);
   EXPECT_FALSE(openSlice());
-  EXPECT_EQ(text_, "it is NTFS, and ntfs_reader, which reads that without mounting it, is not installed");
+  EXPECT_EQ(text_, "not mounted, and ntfs_reader, which reads NTFS without that, is not installed");
   EXPECT_EQ(status_, vorlix::kDissentUnsupported);
 }
 
@@ -289,7 +288,7 @@ TEST_F(UnmountedNtfs, DamagedVolumesAreReadOrRefused) {
         if (const auto refusal = volume->list(folder, items)) text_ = refusal->text;
       }
       for (const auto& [path, content] : content_) {
-        if (!path.starts_with("many/")) text_ += contentOf(*volume, path).substr(0, 200);
+        text_ += contentOf(*volume, path).substr(0, 200);
       }
     }
     EXPECT_EQ(text_.find("crashed"), std::string::npos) << number << ": " << text_;
