@@ -131,7 +131,7 @@ std::vector<Volume::Entry> Volume::entriesOn(const std::string& path) const {
   const int result = libfsntfs_volume_get_root_directory(volume_, &root, error.place());
   std::vector<Entry> entries;
   entries.emplace_back(root);
-  if (result != 1 || root == nullptr) damaged("its root folder");
+  if (result != 1 || root == nullptr || !isFolder(root)) damaged("its root folder");
   for (std::string_view rest = path; !rest.empty();) {
     rest.remove_prefix(1);  // "/"
     const std::string_view name = rest.substr(0, rest.find('/'));
