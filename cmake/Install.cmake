@@ -5,7 +5,8 @@ include(CMakePackageConfigHelpers)
 install(TARGETS vorlix_headers vorlix_shared vorlix_static vorlix_simulated EXPORT VorlixTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 if(TARGET vorlix_signing)
-  install(TARGETS vorlix_signing vorlix_mounting vorlix_unpacking vorlix_blockcoding
+  get_property(modules GLOBAL PROPERTY VORLIX_MODULE_TARGETS)
+  install(TARGETS ${modules}
           LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/${VORLIX_MODULE_FOLDER})
 endif()
 install(DIRECTORY Vorlix DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")

@@ -17,13 +17,33 @@ namespace {
 constexpr size_t kBlank = kSectorSize;                 // of the volume, zero until its structures are written
 constexpr uint64_t kCheckpoint = uint64_t{256} << 20;  // written between two syncs of the medium
 constexpr size_t kZeros = size_t{1} << 20;
+constexpr size_t kSerialNumber = 72;  // of NTFS
+constexpr size_t kSerialNumberSize = 8;
 
 bool isZero(const uint8_t* bytes, size_t count) {
   return count == 0 || (bytes[0] == 0 && std::memcmp(bytes, bytes + 1, count - 1) == 0);
 }
 
 std::string hashOfStart(const ImageSource& source) {
-  return sha256(source.facts().start);
+  const ImageFacts& facts = source.facts();
+  return sha256(facts.key.empty() ? facts.start : facts.key);
+}
+
+// A volume that is made anew has another serial number, and the journal's boot sector the earlier one. Nothing else
+// may differ, for the rest of the boot sector says where things are.
+bool fitsBootSector(const LongChange& journal, const std::vector<uint8_t>& start) {
+  const auto& runs = journal.structures().devices[journal.origin().device].bytes;
+  const auto first = std::find_if(runs.begin(), runs.end(), [](const ByteChange& run) { return run.offset == 0; });
+  if (first == runs.end() || start.size() < first->after.size()) return false;
+  std::vector<uint8_t> expected = first->after;
+  for (size_t i = kSerialNumber; i < kSerialNumber + kSerialNumberSize; ++i) expected.at(i) = start[i];
+  return std::equal(expected.begin(), expected.end(), start.begin());
+}
+
+// What was written came from a volume that is gone.
+std::optional<ChangeFailure> startAgain(LongChange& journal, const ImageSource& source) {
+  if (fitsBootSector(journal, source.facts().start)) return journal.restart();
+  return ChangeFailure{journal.origin().source, "becomes another volume than when the restore began", ""};
 }
 
 std::optional<uint64_t> sizeOf(const ImageSource& source) {
@@ -240,7 +260,7 @@ RestoreResult failed(ChangeFailure failure) {
 RestoreResult restoreVolume(ImageSource& source, const RestorePlan& plan, bool compare,
                             const RestoreObserver& observer) {
   std::unique_ptr<LongChange> journal;
-  const ContentOrigin origin = {plan.source, hashOfStart(source), 0};
+  const ContentOrigin origin = {plan.source, hashOfStart(source), 0, plan.image};
   if (auto failure = beginLongChange(plan.structures, origin, plan.backup, journal)) return failed(*std::move(failure));
   std::vector<std::shared_ptr<DeviceHandle>> handles;
   for (const DeviceChange& device : plan.structures.devices) handles.push_back(device.handle);
@@ -250,8 +270,14 @@ RestoreResult restoreVolume(ImageSource& source, const RestorePlan& plan, bool c
 RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& source,
                             const std::vector<std::shared_ptr<DeviceHandle>>& handles, bool compare,
                             const RestoreObserver& observer) {
+  std::optional<ChangeFailure> unusable;
   if (journal->origin().start != hashOfStart(source)) {
-    RestoreResult result = failed({journal->origin().source, "is not the source that the restore began with", ""});
+    unusable = ChangeFailure{journal->origin().source, "is not the source that the restore began with", ""};
+  } else if (source.facts().isMadeAnew) {
+    unusable = startAgain(*journal, source);
+  }
+  if (unusable) {
+    RestoreResult result = failed(*std::move(unusable));
     result.journal = journal->folder();
     return result;
   }
