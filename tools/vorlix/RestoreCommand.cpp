@@ -179,16 +179,25 @@ void requireDone(const RestoreResult& result, const std::string& volume, const I
 }
 
 // Says what a start still needs. @return whether the disk starts as far as can be told.
-bool printStart(const RestoreOptions& options, const std::string& disk, uint32_t partition, StartWay way) {
-  const StartReport report = checkStart(collectStartFacts(disk, partition, 0), way);
+bool printStart(const RestoreOptions& options, StartWay way, bool isFromWim) {
+  const RestoreRequest& request = options.request;
+  const StartReport report = checkStart(collectStartFacts(request.disk, request.partition, 0), way);
+  if (isFromWim) {  // there is some boot code, so that the check finds nothing to say
+    std::fprintf(textOutput(options.progress),
+                 "Missing    boot code of Windows in the boot sector\n"
+                 "           because a WIM has none, and that of mkntfs only says that the disk does not start\n"
+                 "           to mend: vorlix vbr restore FILE %s\n",
+                 printable(sliceNameOf(request.disk, request.partition)).c_str());
+  }
   for (const StartFinding& finding : report.findings) {
     if (finding.state != StartFinding::State::fault) continue;
     std::fprintf(textOutput(options.progress), "Missing    %s\n           because %s\n           to mend: %s\n",
                  printable(finding.text).c_str(), printable(finding.why).c_str(), printable(finding.command).c_str());
   }
-  if (report.starts())
+  const bool starts = report.starts() && !isFromWim;
+  if (starts)
     std::fprintf(textOutput(options.progress), "Start      the disk starts as far as can be told (vorlix check)\n");
-  return report.starts();
+  return starts;
 }
 
 std::string folderOfInterrupted(const std::string& name) {
@@ -209,7 +218,8 @@ std::unique_ptr<LongChange> openJournal(const std::string& folder) {
   return journal;
 }
 
-void resume(const RestoreOptions& options, const std::string& folder) {
+// @return whether the volume was made of a WIM
+bool resume(const RestoreOptions& options, const std::string& folder) {
   auto journal = openJournal(folder);
   const DiskChange& structures = journal->structures();
   const std::string volume = structures.devices[journal->origin().device].device;
@@ -234,6 +244,7 @@ void resume(const RestoreOptions& options, const std::string& folder) {
   std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
                printable(volume).c_str(), options.noVerify ? "" : ", read back and compared");
   printUndo(result.kept, textOutput(options.progress));
+  return source->facts().isMadeAnew;
 }
 
 // The interrupted restore of the same slice. Throws Failure if that has another source.
@@ -285,8 +296,8 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
       return kChangeNeeded;
     }
     requireConsent(options, "This restore was interrupted. Go on?");
-    resume(options, *folder);
-    return !request.isLegacy || printStart(options, request.disk, request.partition, way) ? kDone : kChangeNeeded;
+    const bool isFromWim = resume(options, *folder);
+    return !request.isLegacy || printStart(options, way, isFromWim) ? kDone : kChangeNeeded;
   }
   // Standard input can be read once only, so the disk is opened for writing at once.
   const bool isStream = request.source == kStandardInput;
@@ -316,7 +327,7 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
                printable(prepared.volume).c_str(), options.noVerify ? "" : ", read back and compared");
   printUndo(result.kept, textOutput(options.progress));
   prepared = {};  // closes the disk, which is looked at anew
-  return !request.isLegacy || printStart(options, request.disk, request.partition, way) ? kDone : kChangeNeeded;
+  return !request.isLegacy || printStart(options, way, shown.image.has_value()) ? kDone : kChangeNeeded;
 }
 
 }  // namespace
