@@ -168,7 +168,7 @@ class Images(WimTest):
             self.assertEqual(found.stdout, expected)
         one, two = (subprocess.run([images.tool("ntfsinfo"), "-f", "-q", "-F", name, path], capture_output=True,
                                    text=True, timeout=60, check=True).stdout for name in ("two", "Windows/System32/one"))
-        self.assertEqual(*(re.search(r"inode number (\d+)", text, re.I)[1] for text in (one, two)))
+        self.assertEqual(*(re.search(r"Dumping Inode (\d+)", text)[1] for text in (one, two)))
         self.assertEqual(self.journals(), [])
 
     def test_each_compression(self):
@@ -290,7 +290,7 @@ class Refusals(WimTest):
         tree = self.path("tree")
         os.mkdir(tree)
         with open(os.path.join(tree, "large"), "wb") as file:
-            for _ in range(70):
+            for _ in range(86):
                 file.write(b"x" * MIB)
         wim = self.path("large.wim")
         images.run_tool("wimcapture", tree, wim, "Large", "--compress=XPRESS")
@@ -300,17 +300,10 @@ class Refusals(WimTest):
             self.skipTest(mounted.stderr)
         self.addCleanup(images.run_tool, "umount", self.scratch)
         self.refuse(wim, saying=["room", "--scratch", self.scratch])
-        images.run_tool("mount", "-o", "remount,size=97m", self.scratch)
-        with open(os.path.join(self.scratch, "other"), "wb"):
-            pass
-        os.remove(os.path.join(self.scratch, "other"))
-        # Others take the room meanwhile: a limit of the process for files stands in for them.
-        limited = [*self.prefix(), "prlimit", f"--fsize={50 * MIB}", self.vorlix, "restore", wim, self.disk, "--partition",
-                   "3", "--yes", "--scratch", self.scratch]
-        result = subprocess.run(limited, capture_output=True, text=True, timeout=60, check=False)
-        self.assertNotEqual(result.returncode, 0)
-        self.assert_untouched()
-        self.assertEqual(os.listdir(self.scratch), [])
+        # A list that tells of less than there is passes the first look.
+        replace_xml(wim, re.sub(r"<TOTALBYTES>\d+", "<TOTALBYTES>1", xml_of(wim)[0].lstrip("\ufeff")))
+        images.run_tool("mount", "-o", "remount,size=83m", self.scratch)
+        self.refuse(wim, saying=[self.scratch + ": No space left on device"])
 
     def test_folders_that_are_none(self):
         wim = self.wim()
@@ -330,7 +323,7 @@ class Refusals(WimTest):
         for cut in (0, 7, 100, 208, 5000, size // 2, size - 1):
             with self.subTest(cut=cut):
                 self.refuse(self.file("cut.wim", good[:cut]), "--index", 1)
-        for _ in range(25):
+        for _ in range(16):
             damaged = bytearray(good)
             at = chance.randrange(208, size) if chance.random() < 0.7 else chance.randrange(0, 208)
             damaged[at] ^= 1 << chance.randrange(8)
@@ -377,7 +370,7 @@ class Interrupted(WimTest):
         takes = time.monotonic() - started
         chance = random.Random(19)
         before_the_disk = interrupted = 0
-        for _ in range(14):
+        for _ in range(10):
             images.sparse_copy(self.untouched, self.disk)
             self.killed(wim, chance.random() * takes)
             if not self.journals():

@@ -3,11 +3,9 @@
 
 #include <Vorlix/platform/SystemError.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -64,18 +62,25 @@ struct WimCloser {
   void operator()(WIMStruct* wim) const { wimlib_free(wim); }
 };
 
-wimlib_progress_status goOn(wimlib_progress_msg message, wimlib_progress_info* info, void* context) {
-  const auto& progress = *static_cast<const WimProgress*>(context);
+// How far the content is. Other steps tell of themselves before and after it.
+struct ContentProgress {
+  const WimProgress& told;
   uint64_t done = 0;
   uint64_t total = 0;
+};
+
+wimlib_progress_status goOn(wimlib_progress_msg message, wimlib_progress_info* info, void* context) {
+  auto& content = *static_cast<ContentProgress*>(context);
   if (message == WIMLIB_PROGRESS_MSG_EXTRACT_STREAMS) {
-    done = info->extract.completed_bytes;
-    total = info->extract.total_bytes;
+    content.done = info->extract.completed_bytes;
+    content.total = info->extract.total_bytes;
   }
-  return progress.go(progress.context, done, total) ? WIMLIB_PROGRESS_STATUS_CONTINUE : WIMLIB_PROGRESS_STATUS_ABORT;
+  const WimProgress& told = content.told;
+  return told.go(told.context, content.done, content.total) ? WIMLIB_PROGRESS_STATUS_CONTINUE
+                                                            : WIMLIB_PROGRESS_STATUS_ABORT;
 }
 
-std::string reasonOf(int error, int systemError, const std::string& complaint) {
+std::string reasonOf(int error, const std::string& complaint) {
   switch (error) {
     case WIMLIB_ERR_UNSUPPORTED:
       return "the installed libwim cannot write NTFS: it was built without libntfs-3g";
@@ -85,9 +90,8 @@ std::string reasonOf(int error, int systemError, const std::string& complaint) {
       return "is one part of a split WIM; `wimjoin` makes one file of them";
     case WIMLIB_ERR_WIM_IS_ENCRYPTED:
       return "is encrypted";
-    case WIMLIB_ERR_WRITE:
-    case WIMLIB_ERR_NTFS_3G:
-      if (systemError == ENOSPC) return SystemError{ENOSPC}.reason();
+    case WIMLIB_ERR_NTFS_3G:  // errno is another by now
+      if (complaint.find(SystemError{ENOSPC}.reason()) != std::string::npos) return SystemError{ENOSPC}.reason();
       break;
     default:
       break;
@@ -100,17 +104,15 @@ std::string reasonOf(int error, int systemError, const std::string& complaint) {
 WimEnd applyImage(const char* path, int index, const char* volume, const WimProgress* progress, char* reason,
                   size_t room) try {
   WimComplaints complaints;
-  auto* const context = const_cast<WimProgress*>(progress);
+  ContentProgress content = {*progress};
   WIMStruct* opened = nullptr;
   int error = wimlib_open_wim_with_progress(path, WIMLIB_OPEN_FLAG_CHECK_INTEGRITY | WIMLIB_OPEN_FLAG_ERROR_IF_SPLIT,
-                                            &opened, goOn, context);
+                                            &opened, goOn, &content);
   const std::unique_ptr<WIMStruct, WimCloser> wim(opened);
-  errno = 0;
   if (error == 0) error = wimlib_extract_image(opened, index, volume, WIMLIB_EXTRACT_FLAG_NTFS);
-  const int systemError = errno;
   if (error == 0) return WimEnd::done;
   if (error == WIMLIB_ERR_ABORTED_BY_PROGRESS) return WimEnd::stopped;
-  std::snprintf(reason, room, "%s", reasonOf(error, systemError, complaints.first()).c_str());
+  std::snprintf(reason, room, "%s", reasonOf(error, complaints.first()).c_str());
   return WimEnd::failed;
 } catch (const std::exception& failure) {
   std::snprintf(reason, room, "%s", failure.what());
