@@ -17,7 +17,8 @@ namespace {
 constexpr size_t kBlank = kSectorSize;                 // of the volume, zero until its structures are written
 constexpr uint64_t kCheckpoint = uint64_t{256} << 20;  // written between two syncs of the medium
 constexpr size_t kZeros = size_t{1} << 20;
-constexpr size_t kSerialNumber = 72;  // of NTFS
+constexpr uint64_t kUninterrupted = uint64_t{64} << 20;  // of zeros or of what is skipped, between two looks for a stop
+constexpr size_t kSerialNumber = 72;                     // of NTFS
 constexpr size_t kSerialNumberSize = 8;
 
 bool isZero(const uint8_t* bytes, size_t count) {
@@ -104,8 +105,8 @@ class Run {
     }
     if (position_ == 0) {
       if (auto failure = blank()) return failure;
-    } else if (const auto failure = source_.moveTo(position_)) {
-      return ChangeFailure{failure->subject, failure->reason, ""};
+    } else if (auto failure = skip()) {
+      return failure;
     }
     PieceReader reader(source_, places_);
     while (mayGoOn(RestoreProgress::Phase::writing, position_)) {
@@ -115,13 +116,22 @@ class Run {
         const auto unsynced = checkpoint();
         return unsynced ? unsynced : ChangeFailure{read.piece.failure.subject, read.piece.failure.reason, ""};
       }
-      if (auto failure = put(read)) return failure;
+      if (auto failure = read.piece.kind == ImagePiece::Kind::zeros ? putLongZeros(read) : put(read)) return failure;
       reader.recycle(std::move(read.bytes));
       if (unsynced_ >= kCheckpoint) {
         if (auto failure = checkpoint()) return failure;
       }
     }
     return checkpoint();
+  }
+
+  // Goes to the position in the source, which may have to be unpacked up to there.
+  std::optional<ChangeFailure> skip() {
+    for (uint64_t at = 0; at < position_ && mayGoOn(RestoreProgress::Phase::writing, at);) {
+      at += std::min(position_ - at, kUninterrupted);
+      if (const auto failure = source_.moveTo(at)) return ChangeFailure{failure->subject, failure->reason, ""};
+    }
+    return std::nullopt;
   }
 
   // Until the end, the volume has no boot sector, so that nothing takes it for whole.
@@ -151,15 +161,26 @@ class Run {
     return std::nullopt;
   }
 
+  // A hole of a sparse source can be as long as the disk, and the disk has to be read there.
+  std::optional<ChangeFailure> putLongZeros(const HashedPiece& read) {
+    const uint64_t end = read.piece.offset + read.piece.length;
+    HashedPiece part = {read.piece, {}, ""};
+    while (part.piece.offset < end) {
+      part.piece.length = std::min(kUninterrupted, end - part.piece.offset);
+      if (auto failure = put(part)) return failure;
+      part.piece.offset += part.piece.length;
+      if (part.piece.offset < end && !mayGoOn(RestoreProgress::Phase::writing, position_)) break;
+    }
+    return std::nullopt;
+  }
+
   // Writes only where there is something else, so that a sparse image file stays sparse.
   std::optional<ChangeFailure> putZeros(const ImagePiece& piece) {
     std::vector<uint8_t> bytes(kZeros);
     const std::vector<uint8_t> zeros(kZeros);
     for (uint64_t at = piece.offset; at < piece.offset + piece.length;) {
-      if (const auto data = volume_.dataFrom(at)) {
-        at = std::max(at, data->size == 0 ? piece.offset + piece.length : data->offset);
-        if (at >= piece.offset + piece.length) break;
-      }
+      at = dataOrEnd(at, piece.offset + piece.length);
+      if (at == piece.offset + piece.length) break;
       const auto length = static_cast<size_t>(std::min<uint64_t>(kZeros, piece.offset + piece.length - at));
       const ssize_t got = volume_.readAt(bytes.data(), length, at);
       if (got != static_cast<ssize_t>(length)) return errorAt(at, got);
@@ -171,6 +192,13 @@ class Run {
       at += length;
     }
     return std::nullopt;
+  }
+
+  // Where the target stores something, at or behind `at`, or `end`. What lies between is zeros.
+  uint64_t dataOrEnd(uint64_t at, uint64_t end) {
+    const auto data = volume_.dataFrom(at);
+    if (!data) return at;
+    return data->size == 0 ? end : std::clamp(data->offset, at, end);
   }
 
   // What was written so far is on the medium, and the journal says so.
@@ -194,6 +222,10 @@ class Run {
       if (piece.kind == ContentPiece::Kind::unused) continue;
       for (uint64_t at = piece.offset; at < piece.offset + piece.length;) {
         if (!mayGoOn(RestoreProgress::Phase::comparing, at)) return std::nullopt;
+        if (piece.kind == ContentPiece::Kind::zeros) {
+          at = dataOrEnd(at, piece.offset + piece.length);
+          if (at == piece.offset + piece.length) break;
+        }
         const auto length = static_cast<size_t>(std::min<uint64_t>(kLargestPiece, piece.offset + piece.length - at));
         const ssize_t got = volume_.readMediumAt(bytes.data(), length, at);
         if (got != static_cast<ssize_t>(length)) return errorAt(at, got);
