@@ -166,7 +166,8 @@ class Run {
     const uint64_t end = read.piece.offset + read.piece.length;
     HashedPiece part = {read.piece, {}, ""};
     while (part.piece.offset < end) {
-      part.piece.length = std::min(kUninterrupted, end - part.piece.offset);
+      const uint64_t hole = dataOrEnd(part.piece.offset, end) - part.piece.offset;  // is zeros already
+      part.piece.length = hole != 0 ? hole : std::min(kUninterrupted, end - part.piece.offset);
       if (auto failure = put(part)) return failure;
       part.piece.offset += part.piece.length;
       if (part.piece.offset < end && !mayGoOn(RestoreProgress::Phase::writing, position_)) break;
@@ -176,15 +177,17 @@ class Run {
 
   // Writes only where there is something else, so that a sparse image file stays sparse.
   std::optional<ChangeFailure> putZeros(const ImagePiece& piece) {
-    std::vector<uint8_t> bytes(kZeros);
-    const std::vector<uint8_t> zeros(kZeros);
+    std::vector<uint8_t> bytes;
+    std::vector<uint8_t> zeros;
     for (uint64_t at = piece.offset; at < piece.offset + piece.length;) {
       at = dataOrEnd(at, piece.offset + piece.length);
       if (at == piece.offset + piece.length) break;
+      bytes.resize(kZeros);
       const auto length = static_cast<size_t>(std::min<uint64_t>(kZeros, piece.offset + piece.length - at));
       const ssize_t got = volume_.readAt(bytes.data(), length, at);
       if (got != static_cast<ssize_t>(length)) return errorAt(at, got);
       if (!isZero(bytes.data(), length)) {
+        zeros.resize(kZeros);
         const ssize_t done = volume_.writeAt(zeros.data(), length, at);
         if (done != static_cast<ssize_t>(length)) return errorAt(at, done);
         unsynced_ += length;
