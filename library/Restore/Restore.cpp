@@ -48,18 +48,20 @@ class Run {
     }
   }
 
-  RestoreResult run(bool compare, std::string& kept) {
+  RestoreResult run(bool compare) {
     RestoreResult result;
-    if (auto failure = write(); !failure && !isCancelled_) {
-      if (compare) failure = this->compare();
-      if (!failure && !isCancelled_) failure = writeStructures();
-      if (!failure && !isCancelled_) failure = journal_.finish(kept);
-      if (failure) result.failure = *failure;
-      result.end = failure ? RestoreResult::End::failed : RestoreResult::End::done;
-    } else if (failure) {
-      result.failure = *failure;
+    const std::string folder = journal_.folder();
+    std::optional<ChangeFailure> failure = write();
+    if (!failure && !isCancelled_ && compare) failure = this->compare();
+    if (!failure && !isCancelled_) failure = writeStructures();
+    if (!failure && !isCancelled_) {
+      isJournalGone_ = true;  // also if its backup cannot be kept
+      failure = journal_.finish(result.kept);
     }
-    if (isCancelled_) result.end = RestoreResult::End::cancelled;
+    if (failure) result.failure = *failure;
+    if (!failure) result.end = isCancelled_ ? RestoreResult::End::cancelled : RestoreResult::End::done;
+    if (!isJournalGone_) result.journal = folder;
+    if (result.end != RestoreResult::End::done) result.isBlank = isBlank();
     result.size = position_;
     return result;
   }
@@ -108,8 +110,30 @@ class Run {
   std::optional<ChangeFailure> blank() {
     const std::vector<uint8_t> zeros(kBlank);
     const ssize_t done = volume_.writeAt(zeros.data(), zeros.size(), 0);
-    if (done != static_cast<ssize_t>(zeros.size())) return errorAt(0, done);
-    return volume_.sync() == 0 ? std::nullopt : std::optional(errorAt(0, -1));
+    if (done == static_cast<ssize_t>(zeros.size())) {
+      return volume_.sync() == 0 ? std::nullopt : std::optional(errorAt(0, -1));
+    }
+    ChangeFailure failure = errorAt(0, done);
+    if (isAsBefore()) {  // nothing was written, so that there is nothing to go on with
+      journal_.remove();
+      isJournalGone_ = true;
+      failure.state = kNothingWritten;
+    }
+    return failure;
+  }
+
+  bool isAsBefore() {
+    const std::vector<ByteChange>& runs = journal_.structures().devices[journal_.origin().device].bytes;
+    const auto first = std::find_if(runs.begin(), runs.end(), [](const ByteChange& run) { return run.offset == 0; });
+    if (first == runs.end() || first->before.size() < kBlank) return false;
+    std::vector<uint8_t> now(kBlank);
+    return volume_.readMediumAt(now.data(), now.size(), 0) == static_cast<ssize_t>(now.size()) &&
+           std::equal(now.begin(), now.end(), first->before.begin());
+  }
+
+  bool isBlank() {
+    std::vector<uint8_t> now(kBlank);
+    return volume_.readAt(now.data(), now.size(), 0) == static_cast<ssize_t>(now.size()) && isZero(now.data(), kBlank);
   }
 
   std::optional<ChangeFailure> put(const HashedPiece& read) {
@@ -199,7 +223,10 @@ class Run {
         if (got != static_cast<ssize_t>(run.before.size())) return errorAt(run.offset, got);
       }
     }
-    return applyChange(change);
+    auto failure = applyChange(change);
+    // "Nothing was written" is true of the structures, but not of the volume.
+    if (failure && failure->state == kNothingWritten) failure->state = "";
+    return failure;
   }
 
   LongChange& journal_;
@@ -214,20 +241,8 @@ class Run {
   std::vector<ImageRange> places_;   // of the structures on the volume, which the content leaves blank
   std::vector<ContentPiece> fresh_;  // written, but not recorded
   bool isCancelled_ = false;
+  bool isJournalGone_ = false;
 };
-
-RestoreResult runOver(LongChange& journal, ImageSource& source, std::vector<std::shared_ptr<DeviceHandle>> handles,
-                      bool compare, const RestoreObserver& observer) {
-  const std::string folder = journal.folder();
-  std::string kept;
-  RestoreResult result = Run(journal, source, std::move(handles), observer).run(compare, kept);
-  if (result.end == RestoreResult::End::done) {
-    result.kept = kept;
-  } else {
-    result.journal = folder;
-  }
-  return result;
-}
 
 RestoreResult failed(ChangeFailure failure) {
   RestoreResult result;
@@ -244,7 +259,7 @@ RestoreResult restoreVolume(ImageSource& source, const RestorePlan& plan, bool c
   if (auto failure = beginLongChange(plan.structures, origin, plan.backup, journal)) return failed(*std::move(failure));
   std::vector<std::shared_ptr<DeviceHandle>> handles;
   for (const DeviceChange& device : plan.structures.devices) handles.push_back(device.handle);
-  return runOver(*journal, source, std::move(handles), compare, observer);
+  return Run(*journal, source, std::move(handles), observer).run(compare);
 }
 
 RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& source,
@@ -255,7 +270,7 @@ RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& so
     result.journal = journal->folder();
     return result;
   }
-  return runOver(*journal, source, handles, compare, observer);
+  return Run(*journal, source, handles, observer).run(compare);
 }
 
 std::optional<ChangeFailure> abandonRestore(std::unique_ptr<LongChange> journal,

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -126,8 +127,8 @@ class ShownProgress {
 
 std::string howToGoOn(const RestoreResult& result) {
   const std::string name = nameOfJournal(result.journal);
-  return sizeText(result.size) +
-         " of the volume are written, and it has no boot sector yet; `vorlix restore --resume " + name +
+  return sizeText(result.size) + " of the volume are written" +
+         (result.isBlank ? ", and it has no boot sector yet" : "") + "; `vorlix restore --resume " + name +
          "` goes on, `vorlix undo " + name + "` gives it up";
 }
 
@@ -143,7 +144,12 @@ void requireDone(const RestoreResult& result, const std::string& volume) {
 
 // Says what a start still needs. @return whether the disk starts as far as can be told.
 bool printStart(const RestoreOptions& options, const std::string& disk, uint32_t partition, StartWay way) {
-  const StartReport report = checkStart(collectStartFacts(disk, partition, 0), way);
+  StartReport report;
+  try {
+    report = checkStart(collectStartFacts(disk, partition, 0), way);
+  } catch (const std::exception& error) {
+    throw Failure(disk, std::string("whether it starts cannot be told: ") + error.what(), "the volume is restored");
+  }
   for (const StartFinding& finding : report.findings) {
     if (finding.state != StartFinding::State::fault) continue;
     std::fprintf(textOutput(options.progress), "Missing    %s\n           because %s\n           to mend: %s\n",
