@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Reads a source ahead of the writing, on a thread of its own.
+// Reads a source ahead of the writing, and hashes it, each on a thread of its own.
 #pragma once
 
 #include <Vorlix/ImageSource.h>
@@ -42,6 +42,7 @@ class PieceHash {
 class PieceReader {
  public:
   /// @param blank  these ranges of the volume are taken as zeros
+  /// Throws std::system_error if there can be no thread.
   PieceReader(ImageSource& source, std::vector<ImageRange> blank);
   ~PieceReader();
   PieceReader(const PieceReader&) = delete;
@@ -54,19 +55,22 @@ class PieceReader {
   void recycle(std::vector<uint8_t> bytes);
 
  private:
-  static constexpr size_t kReadAhead = 4;
+  static constexpr size_t kReadAhead = 6;
 
-  void run();
+  void read();
+  void hash();
+  void stop();
 
   ImageSource& source_;
   std::vector<ImageRange> blank_;
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::deque<HashedPiece> ready_;
+  std::deque<HashedPiece> read_;   // not hashed yet
+  std::deque<HashedPiece> ready_;  // hashed
   std::vector<std::vector<uint8_t>> free_;
   bool isStopped_ = false;
-  PieceHash hash_;
-  std::thread thread_;  // last: it uses the others
+  std::thread reading_;
+  std::thread hashing_;
 };
 
 }  // namespace vorlix

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <utility>
 
 #include "Pieces.h"
@@ -51,12 +52,11 @@ class Run {
   RestoreResult run(bool compare) {
     RestoreResult result;
     const std::string folder = journal_.folder();
-    std::optional<ChangeFailure> failure = write();
-    if (!failure && !isCancelled_ && compare) failure = this->compare();
-    if (!failure && !isCancelled_) failure = writeStructures();
-    if (!failure && !isCancelled_) {
-      isJournalGone_ = true;  // also if its backup cannot be kept
-      failure = journal_.finish(result.kept);
+    std::optional<ChangeFailure> failure;
+    try {
+      failure = runSteps(compare, result.kept);
+    } catch (const std::exception& error) {  // no memory, or no thread
+      failure = {name_, error.what(), ""};
     }
     if (failure) result.failure = *failure;
     if (!failure) result.end = isCancelled_ ? RestoreResult::End::cancelled : RestoreResult::End::done;
@@ -67,6 +67,15 @@ class Run {
   }
 
  private:
+  std::optional<ChangeFailure> runSteps(bool compare, std::string& kept) {
+    std::optional<ChangeFailure> failure = write();
+    if (!failure && !isCancelled_ && compare) failure = this->compare();
+    if (!failure && !isCancelled_) failure = writeStructures();
+    if (failure || isCancelled_) return failure;
+    isJournalGone_ = true;  // also if its backup cannot be kept
+    return journal_.finish(kept);
+  }
+
   ChangeFailure failureAt(uint64_t offset, const std::string& reason) const {
     return {name_, "at byte " + std::to_string(offset) + ": " + reason, ""};
   }
