@@ -49,6 +49,7 @@ struct RestoreResult {
   std::string kept;      ///< folder of the backup of the structures; empty if there is none
   uint64_t size = 0;     ///< bytes of the volume that are on the medium
   bool isBlank = false;  ///< of one that is not done: the volume has no boot sector, so nothing takes it for whole
+  bool isCompared = false;  ///< of one that is done: all of its content was read back and compared
 };
 
 /// Restores a volume. `source` is at its beginning.

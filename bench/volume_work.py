@@ -69,7 +69,10 @@ def restoring(vorlix, folder, runs, size):
         print(f"\nRestoring a volume: not timed, there is no {missing}")
         return
     volume, disk = folder / "volume.ntfs", folder / "disk.img"
-    make_volume(volume, size, size * 3 // 4)
+    sparse = folder / "sparse.ntfs"
+    make_volume(sparse, size, size * 3 // 4)
+    subprocess.run(["cp", "--sparse=never", str(sparse), str(volume)], check=True)  # dd would write holes, vorlix not
+    sparse.unlink()
     subprocess.run(["gzip", "-1", "-k", str(volume)], check=True)
     with open(disk, "wb") as file:
         file.truncate(FIRST * 512 + size + MIB)

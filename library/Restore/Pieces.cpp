@@ -36,8 +36,8 @@ std::string PieceHash::of(std::span<const uint8_t> bytes) {
   return fast_->finish();
 }
 
-PieceReader::PieceReader(ImageSource& source, std::vector<ImageRange> blank)
-    : source_(source), blank_(std::move(blank)), free_(kReadAhead) {
+PieceReader::PieceReader(ImageSource& source, std::vector<ImageRange> blank, bool withHashes)
+    : source_(source), blank_(std::move(blank)), withHashes_(withHashes), free_(kReadAhead) {
   reading_ = std::thread([this] { read(); });
   try {
     hashing_ = std::thread([this] { hash(); });
@@ -112,7 +112,7 @@ void PieceReader::hash() {
     if (read.piece.kind == ImagePiece::Kind::data) {
       const std::span<uint8_t> bytes(read.bytes.data(), static_cast<size_t>(read.piece.length));
       blankOut(bytes, read.piece.offset, blank_);
-      read.hash = hash.of(bytes);
+      if (withHashes_) read.hash = hash.of(bytes);
     }
     isLast = isLastOne(read.piece);
     {

@@ -22,7 +22,7 @@ namespace vorlix {
 struct HashedPiece {
   ImagePiece piece;
   std::vector<uint8_t> bytes;  ///< of data
-  std::string hash;            ///< of data: SHA-256
+  std::string hash;            ///< of data: SHA-256, if it was asked for
 };
 
 /// Fills those parts of `bytes`, which are at `offset` of the volume, with zeros that are in the ranges.
@@ -42,8 +42,9 @@ class PieceHash {
 class PieceReader {
  public:
   /// @param blank  these ranges of the volume are taken as zeros
+  /// @param withHashes  whether the data is hashed, which takes most of the processor's time
   /// Throws std::system_error if there can be no thread.
-  PieceReader(ImageSource& source, std::vector<ImageRange> blank);
+  PieceReader(ImageSource& source, std::vector<ImageRange> blank, bool withHashes);
   ~PieceReader();
   PieceReader(const PieceReader&) = delete;
   PieceReader& operator=(const PieceReader&) = delete;
@@ -63,6 +64,7 @@ class PieceReader {
 
   ImageSource& source_;
   std::vector<ImageRange> blank_;
+  bool withHashes_;
   std::mutex mutex_;
   std::condition_variable changed_;
   std::deque<HashedPiece> read_;   // not hashed yet

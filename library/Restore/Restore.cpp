@@ -63,12 +63,13 @@ class Run {
     if (!isJournalGone_) result.journal = folder;
     if (result.end != RestoreResult::End::done) result.isBlank = isBlank();
     result.size = position_;
+    result.isCompared = isCompared_ && result.end == RestoreResult::End::done;
     return result;
   }
 
  private:
   std::optional<ChangeFailure> runSteps(bool compare, std::string& kept) {
-    std::optional<ChangeFailure> failure = write();
+    std::optional<ChangeFailure> failure = write(compare);
     if (!failure && !isCancelled_ && compare) failure = this->compare();
     if (!failure && !isCancelled_) failure = writeStructures();
     if (failure || isCancelled_) return failure;
@@ -89,7 +90,7 @@ class Run {
     return !isCancelled_;
   }
 
-  std::optional<ChangeFailure> write() {
+  std::optional<ChangeFailure> write(bool withHashes) {
     if (!journal_.pieces().empty()) {
       position_ = journal_.pieces().back().offset + journal_.pieces().back().length;
     }
@@ -98,7 +99,7 @@ class Run {
     } else if (const auto failure = source_.moveTo(position_)) {
       return ChangeFailure{failure->subject, failure->reason, ""};
     }
-    PieceReader reader(source_, places_);
+    PieceReader reader(source_, places_, withHashes);
     while (mayGoOn(RestoreProgress::Phase::writing, position_)) {
       HashedPiece read = reader.next();
       if (read.piece.kind == ImagePiece::Kind::end) return checkpoint();
@@ -200,11 +201,17 @@ class Run {
     return std::nullopt;
   }
 
+  // Pieces of an earlier run that did not compare have no hashes.
   std::optional<ChangeFailure> compare() {
     std::vector<uint8_t> bytes(kLargestPiece);
     PieceHash hash;
+    isCompared_ = true;
     for (const ContentPiece& piece : journal_.pieces()) {
       if (piece.kind == ContentPiece::Kind::unused) continue;
+      if (piece.kind == ContentPiece::Kind::data && piece.hash.empty()) {
+        isCompared_ = false;
+        continue;
+      }
       for (uint64_t at = piece.offset; at < piece.offset + piece.length;) {
         if (!mayGoOn(RestoreProgress::Phase::comparing, at)) return std::nullopt;
         const auto length = static_cast<size_t>(std::min<uint64_t>(kLargestPiece, piece.offset + piece.length - at));
@@ -251,6 +258,7 @@ class Run {
   std::vector<ContentPiece> fresh_;  // written, but not recorded
   bool isCancelled_ = false;
   bool isJournalGone_ = false;
+  bool isCompared_ = false;
 };
 
 RestoreResult failed(ChangeFailure failure) {

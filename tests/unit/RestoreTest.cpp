@@ -240,6 +240,18 @@ TEST_F(RestoreTest, WithoutComparingOnlyTheStructuresAreReadBack) {
   EXPECT_EQ(restore(source, false).end, RestoreResult::End::done);
 }
 
+TEST_F(RestoreTest, WhatWasWrittenWithoutHashesIsNotSaidToBeCompared) {
+  NumberedSource source;
+  source.failingPiece = 6;
+  restore(source, false);
+  const RestoreResult resumed = resume();
+  EXPECT_EQ(resumed.end, RestoreResult::End::done) << resumed.failure.reason;
+  EXPECT_FALSE(resumed.isCompared);
+  EXPECT_EQ(volume->bytes, restoredVolume());
+  NumberedSource another;
+  EXPECT_TRUE(restore(another).isCompared);
+}
+
 TEST_F(RestoreTest, AFailedWriteSaysWhereAndKeepsTheJournal) {
   volume->failingWrite = 4;  // the third piece
   NumberedSource source;

@@ -171,6 +171,12 @@ std::string folderOfInterrupted(const std::string& name) {
   return found.front();
 }
 
+const char* comparisonText(const RestoreOptions& options, const RestoreResult& result) {
+  if (options.noVerify) return "";
+  return result.isCompared ? ", read back and compared"
+                           : ", read back and compared but for what was written with --no-verify";
+}
+
 std::unique_ptr<LongChange> openJournal(const std::string& folder) {
   std::optional<ChangeFailure> failure;
   auto journal = openLongChange(folder, failure);
@@ -197,7 +203,7 @@ void resume(const RestoreOptions& options, const std::string& folder) {
   progress.finish();
   requireDone(result, volume);
   std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
-               printable(volume).c_str(), options.noVerify ? "" : ", read back and compared");
+               printable(volume).c_str(), comparisonText(options, result));
   printUndo(result.kept, textOutput(options.progress));
 }
 
@@ -256,7 +262,7 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
   progress.finish();
   requireDone(result, prepared.volume);
   std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
-               printable(prepared.volume).c_str(), options.noVerify ? "" : ", read back and compared");
+               printable(prepared.volume).c_str(), comparisonText(options, result));
   printUndo(result.kept, textOutput(options.progress));
   prepared = {};  // closes the disk, which is looked at anew
   return !request.isLegacy || printStart(options, request.disk, request.partition, way) ? kDone : kChangeNeeded;
