@@ -5,9 +5,11 @@
 #include <Vorlix/platform/SystemError.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <future>
 #include <utility>
 
 #include "Pieces.h"
@@ -201,10 +203,17 @@ class Run {
     return std::nullopt;
   }
 
-  // Pieces of an earlier run that did not compare have no hashes.
+  // One piece is hashed while the next is read. Pieces of an earlier run that did not compare have no hashes.
   std::optional<ChangeFailure> compare() {
-    std::vector<uint8_t> bytes(kLargestPiece);
+    std::array<std::vector<uint8_t>, 2> buffers = {std::vector<uint8_t>(kLargestPiece),
+                                                   std::vector<uint8_t>(kLargestPiece)};
     PieceHash hash;
+    uint64_t checkedPlace = 0;
+    std::future<bool> check;
+    const auto finishCheck = [&]() -> std::optional<ChangeFailure> {
+      if (!check.valid() || check.get()) return std::nullopt;
+      return failureAt(checkedPlace, "reads back differently from what was written");
+    };
     isCompared_ = true;
     for (const ContentPiece& piece : journal_.pieces()) {
       if (piece.kind == ContentPiece::Kind::unused) continue;
@@ -214,18 +223,23 @@ class Run {
       }
       for (uint64_t at = piece.offset; at < piece.offset + piece.length;) {
         if (!mayGoOn(RestoreProgress::Phase::comparing, at)) return std::nullopt;
+        std::swap(buffers[0], buffers[1]);  // the check has a span of the other one
         const auto length = static_cast<size_t>(std::min<uint64_t>(kLargestPiece, piece.offset + piece.length - at));
+        const std::span<uint8_t> bytes(buffers[0].data(), length);
         const ssize_t got = volume_.readMediumAt(bytes.data(), length, at);
-        if (got != static_cast<ssize_t>(length)) return errorAt(at, got);
-        const std::span<uint8_t> read(bytes.data(), length);
-        blankOut(read, at, places_);  // an interrupted run may have written a structure there already
-        const bool isRight =
-            piece.kind == ContentPiece::Kind::zeros ? isZero(bytes.data(), length) : hash.of(read) == piece.hash;
-        if (!isRight) return failureAt(at, "reads back differently from what was written");
+        const auto unreadable = got != static_cast<ssize_t>(length) ? std::optional(errorAt(at, got)) : std::nullopt;
+        if (auto failure = finishCheck()) return failure;
+        if (unreadable) return unreadable;
+        checkedPlace = at;
+        check = std::async(std::launch::async, [this, bytes, at, &piece, &hash] {
+          blankOut(bytes, at, places_);  // an interrupted run may have written a structure there already
+          return piece.kind == ContentPiece::Kind::zeros ? isZero(bytes.data(), bytes.size())
+                                                         : hash.of(bytes) == piece.hash;
+        });
         at += length;
       }
     }
-    return std::nullopt;
+    return finishCheck();
   }
 
   // The structures of the plan, over whatever is there now.
