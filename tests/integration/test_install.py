@@ -352,7 +352,7 @@ class InstalledLibrary(unittest.TestCase):
             return re.findall(r"NEEDED.*\[(.*)\]", run("readelf", "-d", file))
 
         major = re.search(r"\d+", self.library.name.split(".so.")[1]).group()
-        for name, library in (("signing.so", "libcrypto."), ("mounting.so", "libmount.")):
+        for name, library in (("signing.so", "libcrypto."), ("mounting.so", "libmount."), ("applying.so", "libwim.")):
             module = self.library.parent / f"vorlix-{major}" / name
             self.assertTrue([needs for needs in needed(module) if needs.startswith(library)], needed(module))
             for file in (self.library, self.prefix / "bin" / "vorlix"):
