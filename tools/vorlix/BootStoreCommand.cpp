@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/BootStore.h>
 #include <Vorlix/StoreSlots.h>
+#include <Vorlix/foundation/LittleEndian.h>
 #include <Vorlix/foundation/Sha256.h>
 #include <Vorlix/platform/DeviceFile.h>
 #include <Vorlix/platform/DiskChange.h>
@@ -10,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -39,7 +42,11 @@ constexpr const char* kStorePath = "/EFI/Microsoft/Boot/BCD";
 constexpr const char* kStoreFolder = "EFI/Microsoft/Boot";
 constexpr const char* kStoreName = "BCD";
 
-const std::map<std::string, int32_t> kModes = {{"standard", 0}, {"mdt", kStoreModeMDT}, {"sccm", kStoreModeSCCM}};
+// The store itself says where its device elements are. No number that the library knows as a mode.
+constexpr int32_t kModeAuto = std::numeric_limits<int32_t>::min();
+
+const std::map<std::string, int32_t> kModes = {
+    {"auto", kModeAuto}, {"standard", 0}, {"mdt", kStoreModeMDT}, {"sccm", kStoreModeSCCM}};
 
 struct StoreOptions {
   std::string disk;
@@ -58,6 +65,7 @@ struct StorePlan {
   Identity identity;
   ByteVector store;  // the template with the identifiers in place
   ByteVector original;
+  std::vector<StoreDeviceChange> devices;  // of kModeAuto
 };
 
 // What is wrong with a template; absent for a store with identifiers in the places of the mode.
@@ -72,10 +80,28 @@ std::optional<std::string> whyNoTemplate(const StoreOptions& options, const Byte
 }
 
 void checkTemplate(const StoreOptions& options, const ByteVector& store) {
-  const std::optional<std::string> reason = whyNoTemplate(options, store);
+  const bool isAuto = options.mode == kModeAuto;
+  const std::optional<std::string> reason = isAuto ? whyNoHive(store) : whyNoTemplate(options, store);
   if (!reason) return;
   if (!options.force) throw Failure(options.templateFile, *reason + " (--force takes it all the same)");
   complain(options.templateFile + ": warning: " + *reason);
+}
+
+// Sets the identifiers in every device element that names a partition, wherever it is.
+void planDevices(const StoreOptions& options, StorePlan& plan) {
+  const Identity efi = identify(plan.efi);
+  if (!efi.partitionGUID || !efi.diskGUID) throw Failure(plan.efi, "its partition and disk GUIDs are not known");
+  StoreTargets targets;
+  targets.system = {false, *efi.partitionGUID, *efi.diskGUID};
+  targets.windows = {false, *plan.identity.partitionGUID, *plan.identity.diskGUID};
+  std::vector<StoreObject> objects;
+  if (const auto reason = readStoreObjects(plan.original, objects)) throw Failure(options.templateFile, *reason);
+  StoreWithPartitions result;
+  if (const auto reason = setStorePartitions(plan.original, objects, targets, result)) {
+    throw Failure(options.templateFile, *reason);
+  }
+  plan.store = std::move(result.store);
+  plan.devices = std::move(result.devices);
 }
 
 StorePlan planStore(const StoreOptions& options) {
@@ -90,9 +116,39 @@ StorePlan planStore(const StoreOptions& options) {
   if (!plan.identity.partitionGUID || !plan.identity.diskGUID) {
     throw Failure(plan.partition, "its partition and disk GUIDs are not known");
   }
-  plan.store =
-      storeWithIdentifiers(plan.original, options.mode, {*plan.identity.partitionGUID, *plan.identity.diskGUID});
+  if (options.mode == kModeAuto) {
+    planDevices(options, plan);
+  } else {
+    plan.store =
+        storeWithIdentifiers(plan.original, options.mode, {*plan.identity.partitionGUID, *plan.identity.diskGUID});
+  }
   return plan;
+}
+
+// The partitions that an element names, each in the form that its table has for them.
+std::string partitionText(const std::vector<StorePartition>& partitions) {
+  std::string text;
+  for (const StorePartition& partition : partitions) {
+    if (!text.empty()) text += ", ";
+    if (partition.isMBR) {
+      text += "byte " + std::to_string(littleEndian(partition.partition, 0, 8)) + " of disk " +
+              hexDigits(littleEndian(partition.disk, 0, 4), 8);
+    } else {
+      text += guidText(partition.partition.data());
+    }
+  }
+  return text;
+}
+
+void printDevices(const std::vector<StoreDeviceChange>& devices) {
+  if (devices.empty()) return;
+  std::vector<std::vector<std::string>> rows = {{"OBJECT", "ELEMENT", "NAMED", "WILL NAME"}};
+  for (const StoreDeviceChange& device : devices) {
+    const bool isSystem = device.place == StorePlace::systemPartition;
+    rows.push_back({printable(device.object) + " " + storeObjectKind(device.objectType), hexDigits(device.element, 8),
+                    partitionText(device.before), isSystem ? "the EFI System Partition" : "the Windows volume"});
+  }
+  std::printf("%s\n", tableText(rows, "llll").c_str());
 }
 
 void printDryRun(const StoreOptions& options, const StorePlan& plan) {
@@ -101,6 +157,7 @@ void printDryRun(const StoreOptions& options, const StorePlan& plan) {
               printable(options.disk).c_str());
   std::printf("  partition GUID  %s\n  disk GUID       %s\n", guidText(plan.identity.partitionGUID->data()).c_str(),
               guidText(plan.identity.diskGUID->data()).c_str());
+  printDevices(plan.devices);
   std::printf("in these places:\n%s", differenceText(plan.original, plan.store, 0).c_str());
 }
 
@@ -199,7 +256,12 @@ void addBootStoreCommand(Command& top, int& status) {
   command.addOption("DISK", options->disk, "Whole disk or disk-image file").required();
   command.addOption("--partition", options->partition, "GPT entry of the Windows volume").required().within(1, 128);
   command.addOption("--template", options->templateFile, "The prepared store").required();
-  command.addOption("--mode", options->mode, "Layout of the template: standard, mdt or sccm").required().named(kModes);
+  command
+      .addOption("--mode", options->mode,
+                 "What to set in the template: auto, every device; standard, mdt or sccm, the places of a "
+                 "prepared template")
+      .required()
+      .named(kModes);
   command.addFlag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
   options->backup = addBackupOptions(command);
   command.addFlag("--force", options->force,
