@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/BootStore.h>
 #include <Vorlix/StoreSlots.h>
-#include <Vorlix/foundation/LittleEndian.h>
 #include <Vorlix/foundation/Sha256.h>
 #include <Vorlix/platform/DeviceFile.h>
 #include <Vorlix/platform/DiskChange.h>
@@ -30,9 +29,11 @@
 #include "Identity.h"
 #include "LibraryLog.h"
 #include "MountedSlice.h"
+#include "StoreText.h"
 #include "Text.h"
 #include "UnmountedFile.h"
 #include "VolumeFolder.h"
+#include "WindowsStart.h"
 
 namespace vorlix::tool {
 namespace {
@@ -125,21 +126,6 @@ StorePlan planStore(const StoreOptions& options) {
   return plan;
 }
 
-// The partitions that an element names, each in the form that its table has for them.
-std::string partitionText(const std::vector<StorePartition>& partitions) {
-  std::string text;
-  for (const StorePartition& partition : partitions) {
-    if (!text.empty()) text += ", ";
-    if (partition.isMBR) {
-      text += "byte " + std::to_string(littleEndian(partition.partition, 0, 8)) + " of disk " +
-              hexDigits(littleEndian(partition.disk, 0, 4), 8);
-    } else {
-      text += guidText(partition.partition.data());
-    }
-  }
-  return text;
-}
-
 void printDevices(const std::vector<StoreDeviceChange>& devices) {
   if (devices.empty()) return;
   std::vector<std::vector<std::string>> rows = {{"OBJECT", "ELEMENT", "NAMED", "WILL NAME"}};
@@ -159,13 +145,6 @@ void printDryRun(const StoreOptions& options, const StorePlan& plan) {
               guidText(plan.identity.diskGUID->data()).c_str());
   printDevices(plan.devices);
   std::printf("in these places:\n%s", differenceText(plan.original, plan.store, 0).c_str());
-}
-
-// A change to this disk that was cut off comes first: what is mounted here must be whole.
-void finishInterruptedChanges(const std::string& slice) {
-  const auto handle = platform().deviceFile->open(slice, DeviceAccess::readOnly, DeviceLock::none);
-  if (!handle) throw Failure::ofErrno(slice, errno);
-  if (!interruptedChanges(*handle).empty()) openToChange(slice);
 }
 
 bool isSameFile(const struct stat& item, const std::string& path) {
@@ -251,23 +230,42 @@ void writeStore(const StoreOptions& options, const StorePlan& plan) {
 
 void addBootStoreCommand(Command& top, int& status) {
   const auto options = std::make_shared<StoreOptions>();
-  Command command =
-      top.addCommand("bcd", "Put a prepared Windows boot configuration store on the EFI System Partition");
+  const auto start = std::make_shared<WindowsStartOptions>();
+  const auto fromWindows = std::make_shared<bool>(false);
+  Command command = top.addCommand(
+      "bcd", "Put a Windows boot configuration store, or all boot files of a Windows, on the EFI System Partition");
   command.addOption("DISK", options->disk, "Whole disk or disk-image file").required();
   command.addOption("--partition", options->partition, "GPT entry of the Windows volume").required().within(1, 128);
-  command.addOption("--template", options->templateFile, "The prepared store").required();
+  Option templateFile = command.addOption("--template", options->templateFile, "The prepared store");
+  Option mode = command.addOption("--mode", options->mode,
+                                  "What to set in the template: auto, every device; standard, mdt or sccm, the "
+                                  "places of a prepared template");
+  mode.named(kModes).needs(templateFile);
+  Option source = command.addFlag("--from-windows", *fromWindows,
+                                  "Make the store from the Windows volume's own template, and copy its boot files");
+  source.excludes(templateFile).excludes(mode);
   command
-      .addOption("--mode", options->mode,
-                 "What to set in the template: auto, every device; standard, mdt or sccm, the places of a "
-                 "prepared template")
-      .required()
-      .named(kModes);
+      .addChoice("--firmware", start->firmware, {{"efi", StartFirmware::efi}, {"bios", StartFirmware::bios}},
+                 "What the files are for: efi, on the EFI System Partition; bios, on the Windows volume")
+      .needs(source);
+  command.addOption("--description", start->description, "Of Windows in the boot menu").showDefault().needs(source);
   command.addFlag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
   options->backup = addBackupOptions(command);
   command.addFlag("--force", options->force,
                   "Take a template that does not look like one for the mode, and a damaged GPT");
-  command.setAction([options, &status] {
+  command.setAction([options, start, fromWindows, templateFile, mode, &status] {
+    if (!*fromWindows && !templateFile.isGiven()) refuseWithout("--template or --from-windows");
+    if (!*fromWindows && !mode.isGiven()) refuseWithout("--mode");
     const LibraryLog log;  // look-ups write to it
+    if (*fromWindows) {
+      start->disk = options->disk;
+      start->partition = options->partition;
+      start->dryRun = options->dryRun;
+      start->force = options->force;
+      start->backup = options->backup;
+      status = putWindowsStart(*start);
+      return;
+    }
     const StorePlan plan = planStore(*options);
     if (options->dryRun) {
       printDryRun(*options, plan);
