@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """`vorlix bcd --from-windows`: the boot files of a Windows, from its own volume, and a store made from its template."""
 
+import contextlib
 import os
 import struct
 import unittest
@@ -148,6 +149,16 @@ def boot_tree(tree, kind):
         found["bootmgr"] = found.pop("Boot/bootmgr")
         found["BOOTNXT"] = found.pop("Boot/bootnxt")
     return found
+
+
+@contextlib.contextmanager
+def slice_device(disk, part):
+    """A loop device over a slice of an image."""
+    with tools.loop_device(disk, 512) as device:
+        images.run_tool("losetup", "--detach", device)
+        images.run_tool("losetup", "--offset", str(part.first * samples.SECTOR), "--sizelimit",
+                        str(part.sectors * samples.SECTOR), device, disk)
+        yield device
 
 
 def files_of(tree):
@@ -423,19 +434,20 @@ class FromWindows(volumes.VolumeTest):
 class FromWindowsAsRoot(FromWindows):
     AS_ROOT = True
 
-    NO_NTFS = volumes.missing("mkntfs", "ntfs-3g", "umount")
+    NO_NTFS = volumes.missing("mkntfs", "ntfs-3g", "umount", "losetup")
 
     @unittest.skipIf(NO_NTFS, f"not installed: {NO_NTFS}")
     def test_a_windows_on_ntfs_that_a_driver_has_mounted(self):
         disk = self.disk()
-        with tools.loop_device(disk, 512) as device:
-            slice_name = f"{device}p{WINDOWS}"
-            if not os.path.exists(slice_name):
-                self.skipTest("the kernel shows no partitions of loop devices")
-            images.run_tool("mkntfs", "-F", "-Q", "-q", slice_name)
+        volume = self.path("ntfs.img")
+        with open(volume, "wb") as file:
+            file.truncate(volumes.WINDOWS.sectors * samples.SECTOR)
+        images.run_tool("mkntfs", "-F", "-Q", "-q", "-p", str(volumes.WINDOWS.first), "-s", "512", volume)
+        samples.place(disk, volume, volumes.WINDOWS.first)
+        with slice_device(disk, volumes.WINDOWS) as device:
             folder = self.path("ntfs")
             os.mkdir(folder)
-            images.run_tool("ntfs-3g", slice_name, folder)
+            images.run_tool("ntfs-3g", device, folder)
             try:
                 for path, content in self.tree.items():
                     if content is None:
@@ -443,10 +455,10 @@ class FromWindowsAsRoot(FromWindows):
                     else:
                         with open(os.path.join(folder, path), "wb") as file:
                             file.write(content)
-                result = self.vorlix_ok("bcd", device, "--partition", WINDOWS, "--from-windows")
+                result = self.vorlix_ok(*self.command(disk))
                 self.assertIn("written", result.stdout)
             finally:
-                images.run_tool("umount", folder)
+                tools.unmount(folder)
         self.assert_efi_start(disk)
 
 
