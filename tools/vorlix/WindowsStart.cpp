@@ -19,7 +19,7 @@
 #include "MountedSlice.h"
 #include "StoreText.h"
 #include "Text.h"
-#include "VolumeView.h"
+#include "StartVolumeFiles.h"
 
 namespace vorlix::tool {
 namespace {

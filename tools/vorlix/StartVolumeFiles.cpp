@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "VolumeView.h"
+#include "StartVolumeFiles.h"
 
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/VolumeNames.h>
