@@ -4,7 +4,7 @@
 #include <Vorlix/BootStore.h>
 #include <Vorlix/foundation/CaseFolding.h>
 #include <Vorlix/platform/ChildProcess.h>
-#include <Vorlix/platform/HostBundle.h>
+#include <Vorlix/platform/CompanionProgram.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/SystemError.h>
 
@@ -67,7 +67,7 @@ std::string reasonIn(std::string message, const std::string& file) {
 // Runs the program with the store as its first file. What it prints ends with kEnd after success.
 std::optional<std::string> run(const PrivateFolder& folder, const std::vector<std::string>& arguments,
                                std::string& output) {
-  const auto program = platform().hostBundle->pathForResource(kProgram, "", "tools/bin");
+  const auto program = companionProgram(kProgram);
   if (!program) return std::string(kProgram) + " is not installed";
   try {
     const auto child = platform().childProcess->create(ChildOutputs::separate, ChildInput::pipe);

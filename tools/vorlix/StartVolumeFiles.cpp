@@ -20,9 +20,11 @@ class UnmountedFiles final : public FilesOfVolume {
   explicit UnmountedFiles(std::unique_ptr<UnmountedVolume> volume) : volume_(std::move(volume)) {}
 
   std::vector<Item> itemsIn(const std::string& folder, std::optional<std::string>& reason) const override {
-    reason.reset();
+    std::vector<UnmountedVolume::Item> found;
+    const auto refusal = volume_->list(folder, found);
+    reason = refusal ? std::optional(folder + ": " + reasonText(*refusal)) : std::nullopt;
     std::vector<Item> items;
-    for (const UnmountedVolume::Item& item : volume_->itemsIn(folder)) {
+    for (const UnmountedVolume::Item& item : found) {
       items.push_back({item.name, item.isFolder ? Item::Kind::folder : Item::Kind::file, item.size});
     }
     return items;
