@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <utility>
 
 #include "Arbitration.h"
 #include "DeviceChanges.h"
@@ -17,9 +19,9 @@
 #include "FileReplacement.h"
 #include "Identity.h"
 #include "MountedSlice.h"
+#include "StartVolumeFiles.h"
 #include "StoreText.h"
 #include "Text.h"
-#include "StartVolumeFiles.h"
 
 namespace vorlix::tool {
 namespace {
