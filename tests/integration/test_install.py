@@ -434,7 +434,7 @@ class InstalledLibrary(unittest.TestCase):
 
     def test_man_pages_are_installed(self):
         pages = [str(path) for path in self.installed("share/man/**/*")]
-        self.assertEqual(pages, ["share/man/man1/registry_lookup.1", "share/man/man1/vorlix.1"])
+        self.assertEqual(pages, ["share/man/man1/boot_store.1", "share/man/man1/registry_lookup.1", "share/man/man1/vorlix.1"])
 
     def test_each_public_header_compiles_alone(self):
         headers = self.installed("include/**/*.h")
