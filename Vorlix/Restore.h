@@ -25,6 +25,7 @@ struct RestorePlan {
   std::string source;     ///< what the user named; for a file its absolute path, so that a resumed restore finds it
   DiskChange structures;  ///< `before` is what the devices have now; the first device is the volume, and has a run at 0
   ChangeBackup backup;
+  uint32_t image = 0;  ///< the image of a WIM, so that a resumed restore applies the same; 0 for other sources
 };
 
 struct RestoreProgress {
@@ -57,7 +58,8 @@ struct RestoreResult {
 VORLIX_EXPORT RestoreResult restoreVolume(ImageSource& source, const RestorePlan& plan, bool compare,
                                           const RestoreObserver& observer);
 
-/// Goes on with an interrupted restore. `source` is at its beginning, and must be the one of the journal.
+/// Goes on with an interrupted restore. `source` is at its beginning, and must be the one of the journal. One that is
+/// made anew (ImageFacts::isMadeAnew) is written from its first byte again.
 /// @param journal  opened by openLongChange()
 /// @param handles  one for each device of its structures, open for writing
 VORLIX_EXPORT RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& source,

@@ -20,13 +20,34 @@ namespace {
 constexpr size_t kBlank = kSectorSize;                 // of the volume, zero until its structures are written
 constexpr uint64_t kCheckpoint = uint64_t{256} << 20;  // written between two syncs of the medium
 constexpr size_t kZeros = size_t{1} << 20;
+constexpr uint64_t kUninterrupted = uint64_t{64} << 20;  // of zeros or of what is skipped, between two looks for a stop
+constexpr size_t kSerialNumber = 72;                     // of NTFS
+constexpr size_t kSerialNumberSize = 8;
 
 bool isZero(const uint8_t* bytes, size_t count) {
   return count == 0 || (bytes[0] == 0 && std::memcmp(bytes, bytes + 1, count - 1) == 0);
 }
 
 std::string hashOfStart(const ImageSource& source) {
-  return sha256(source.facts().start);
+  const ImageFacts& facts = source.facts();
+  return sha256(facts.key.empty() ? facts.start : facts.key);
+}
+
+// A volume that is made anew has another serial number, and the journal's boot sector the earlier one. Nothing else
+// may differ, for the rest of the boot sector says where things are.
+bool fitsBootSector(const LongChange& journal, const std::vector<uint8_t>& start) {
+  const auto& runs = journal.structures().devices[journal.origin().device].bytes;
+  const auto first = std::find_if(runs.begin(), runs.end(), [](const ByteChange& run) { return run.offset == 0; });
+  if (first == runs.end() || start.size() < first->after.size()) return false;
+  std::vector<uint8_t> expected = first->after;
+  for (size_t i = kSerialNumber; i < kSerialNumber + kSerialNumberSize; ++i) expected.at(i) = start[i];
+  return std::equal(expected.begin(), expected.end(), start.begin());
+}
+
+// What was written came from a volume that is gone.
+std::optional<ChangeFailure> startAgain(LongChange& journal, const ImageSource& source) {
+  if (fitsBootSector(journal, source.facts().start)) return journal.restart();
+  return ChangeFailure{journal.origin().source, "becomes another volume than when the restore began", ""};
 }
 
 std::optional<uint64_t> sizeOf(const ImageSource& source) {
@@ -98,8 +119,8 @@ class Run {
     }
     if (position_ == 0) {
       if (auto failure = blank()) return failure;
-    } else if (const auto failure = source_.moveTo(position_)) {
-      return ChangeFailure{failure->subject, failure->reason, ""};
+    } else if (auto failure = skip()) {
+      return failure;
     }
     PieceReader reader(source_, places_, withHashes);
     while (mayGoOn(RestoreProgress::Phase::writing, position_)) {
@@ -109,13 +130,22 @@ class Run {
         const auto unsynced = checkpoint();
         return unsynced ? unsynced : ChangeFailure{read.piece.failure.subject, read.piece.failure.reason, ""};
       }
-      if (auto failure = put(read)) return failure;
+      if (auto failure = read.piece.kind == ImagePiece::Kind::zeros ? putLongZeros(read) : put(read)) return failure;
       reader.recycle(std::move(read.bytes));
       if (unsynced_ >= kCheckpoint) {
         if (auto failure = checkpoint()) return failure;
       }
     }
     return checkpoint();
+  }
+
+  // Goes to the position in the source, which may have to be unpacked up to there.
+  std::optional<ChangeFailure> skip() {
+    for (uint64_t at = 0; at < position_ && mayGoOn(RestoreProgress::Phase::writing, at);) {
+      at += std::min(position_ - at, kUninterrupted);
+      if (const auto failure = source_.moveTo(at)) return ChangeFailure{failure->subject, failure->reason, ""};
+    }
+    return std::nullopt;
   }
 
   // Until the end, the volume has no boot sector, so that nothing takes it for whole.
@@ -167,19 +197,33 @@ class Run {
     return std::nullopt;
   }
 
+  // A hole of a sparse source can be as long as the disk, and the disk has to be read there.
+  std::optional<ChangeFailure> putLongZeros(const HashedPiece& read) {
+    const uint64_t end = read.piece.offset + read.piece.length;
+    HashedPiece part = {read.piece, {}, ""};
+    while (part.piece.offset < end) {
+      const uint64_t hole = dataOrEnd(part.piece.offset, end) - part.piece.offset;  // is zeros already
+      part.piece.length = hole != 0 ? hole : std::min(kUninterrupted, end - part.piece.offset);
+      if (auto failure = put(part)) return failure;
+      part.piece.offset += part.piece.length;
+      if (part.piece.offset < end && !mayGoOn(RestoreProgress::Phase::writing, position_)) break;
+    }
+    return std::nullopt;
+  }
+
   // Writes only where there is something else, so that a sparse image file stays sparse.
   std::optional<ChangeFailure> putZeros(const ImagePiece& piece) {
-    std::vector<uint8_t> bytes(kZeros);
-    const std::vector<uint8_t> zeros(kZeros);
+    std::vector<uint8_t> bytes;
+    std::vector<uint8_t> zeros;
     for (uint64_t at = piece.offset; at < piece.offset + piece.length;) {
-      if (const auto data = volume_.dataFrom(at)) {
-        at = std::max(at, data->size == 0 ? piece.offset + piece.length : data->offset);
-        if (at >= piece.offset + piece.length) break;
-      }
+      at = dataOrEnd(at, piece.offset + piece.length);
+      if (at == piece.offset + piece.length) break;
+      bytes.resize(kZeros);
       const auto length = static_cast<size_t>(std::min<uint64_t>(kZeros, piece.offset + piece.length - at));
       const ssize_t got = volume_.readAt(bytes.data(), length, at);
       if (got != static_cast<ssize_t>(length)) return errorAt(at, got);
       if (!isZero(bytes.data(), length)) {
+        zeros.resize(kZeros);
         const ssize_t done = volume_.writeAt(zeros.data(), length, at);
         if (done != static_cast<ssize_t>(length)) return errorAt(at, done);
         unsynced_ += length;
@@ -187,6 +231,13 @@ class Run {
       at += length;
     }
     return std::nullopt;
+  }
+
+  // Where the target stores something, at or behind `at`, or `end`. What lies between is zeros.
+  uint64_t dataOrEnd(uint64_t at, uint64_t end) {
+    const auto data = volume_.dataFrom(at);
+    if (!data) return at;
+    return data->size == 0 ? end : std::clamp(data->offset, at, end);
   }
 
   // What was written so far is on the medium, and the journal says so.
@@ -223,6 +274,10 @@ class Run {
       }
       for (uint64_t at = piece.offset; at < piece.offset + piece.length;) {
         if (!mayGoOn(RestoreProgress::Phase::comparing, at)) return std::nullopt;
+        if (piece.kind == ContentPiece::Kind::zeros) {
+          at = dataOrEnd(at, piece.offset + piece.length);
+          if (at == piece.offset + piece.length) break;
+        }
         std::swap(buffers[0], buffers[1]);  // the check has a span of the other one
         const auto length = static_cast<size_t>(std::min<uint64_t>(kLargestPiece, piece.offset + piece.length - at));
         const std::span<uint8_t> bytes(buffers[0].data(), length);
@@ -286,7 +341,7 @@ RestoreResult failed(ChangeFailure failure) {
 RestoreResult restoreVolume(ImageSource& source, const RestorePlan& plan, bool compare,
                             const RestoreObserver& observer) {
   std::unique_ptr<LongChange> journal;
-  const ContentOrigin origin = {plan.source, hashOfStart(source), 0};
+  const ContentOrigin origin = {plan.source, hashOfStart(source), 0, plan.image};
   if (auto failure = beginLongChange(plan.structures, origin, plan.backup, journal)) return failed(*std::move(failure));
   std::vector<std::shared_ptr<DeviceHandle>> handles;
   for (const DeviceChange& device : plan.structures.devices) handles.push_back(device.handle);
@@ -296,8 +351,14 @@ RestoreResult restoreVolume(ImageSource& source, const RestorePlan& plan, bool c
 RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& source,
                             const std::vector<std::shared_ptr<DeviceHandle>>& handles, bool compare,
                             const RestoreObserver& observer) {
+  std::optional<ChangeFailure> unusable;
   if (journal->origin().start != hashOfStart(source)) {
-    RestoreResult result = failed({journal->origin().source, "is not the source that the restore began with", ""});
+    unusable = ChangeFailure{journal->origin().source, "is not the source that the restore began with", ""};
+  } else if (source.facts().isMadeAnew) {
+    unusable = startAgain(*journal, source);
+  }
+  if (unusable) {
+    RestoreResult result = failed(*std::move(unusable));
     result.journal = journal->folder();
     return result;
   }
