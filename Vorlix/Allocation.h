@@ -21,8 +21,8 @@ struct ByteRange {
   uint64_t offset = 0;  ///< from the start of the volume
   uint64_t size = 0;    ///< never 0 in a list
 
-  uint64_t end() const { return offset + size; }
-  friend bool operator==(const ByteRange&, const ByteRange&) = default;
+  uint64_t end() const { return offset + size; }                         ///< the byte behind it
+  friend bool operator==(const ByteRange&, const ByteRange&) = default;  ///< compares all fields
 };
 
 /// What is in use.
@@ -39,6 +39,7 @@ struct VORLIX_EXPORT Allocation {
   /// was not unmounted cleanly".
   std::string doubt;
 
+  /// Returns the sum of the sizes in `used`.
   uint64_t usedBytes() const;
 };
 

@@ -21,6 +21,7 @@
 
 namespace vorlix {
 
+/// What the user asks for.
 struct BackupRequest {
   std::string volume;  ///< a slice of a disk or disk image, or an image of one volume
   std::string folder;  ///< to be made; its parent exists
@@ -30,8 +31,8 @@ struct BackupRequest {
 
 /// Why a backup was not made, or could not be examined.
 struct BackupFailure {
-  std::string subject;  ///< the device, file or folder
-  std::string reason;
+  std::string subject;       ///< the device, file or folder
+  std::string reason;        ///< for people, without a full stop
   bool isCancelled = false;  ///< the host asked for it
   bool isThere = false;      ///< the backup is complete under its name, but a power failure may take the name away
 };
@@ -42,27 +43,28 @@ struct BackupPart {
   std::string file;                      ///< "BCD"
   std::optional<uint64_t> diskOffset;    ///< where the bytes stand on the whole disk, of those that are a run of it
   std::optional<uint64_t> volumeOffset;  ///< likewise on the volume
-  std::vector<uint8_t> bytes;
-  std::string missing;  ///< why there is none; empty where there is
+  std::vector<uint8_t> bytes;            ///< the content of the file
+  std::string missing;                   ///< why there is none; empty where there is
 };
 
 /// What will be saved. Holds the volume open, with a shared lock.
 struct BackupPlan {
-  BackupRequest request;
-  std::string name;       ///< of the volume, as disk arbitration has it
-  std::string wholeDisk;  ///< of its disk; equals `name` for an image of one volume
-  uint64_t size = 0;      ///< of the volume in bytes
-  uint32_t sectorSize = 0;
-  Allocation allocation;  ///< ranges are whole sectors of 512 bytes, but for the volume's end
-  std::vector<BackupPart> parts;
-  std::vector<std::string> warnings;  ///< what `force` has let pass
-  std::shared_ptr<DeviceHandle> volume;
+  BackupRequest request;                 ///< what was asked for
+  std::string name;                      ///< of the volume, as disk arbitration has it
+  std::string wholeDisk;                 ///< of its disk; equals `name` for an image of one volume
+  uint64_t size = 0;                     ///< of the volume in bytes
+  uint32_t sectorSize = 0;               ///< bytes of a logical block of the disk
+  Allocation allocation;                 ///< ranges are whole sectors of 512 bytes, but for the volume's end
+  std::vector<BackupPart> parts;         ///< the small files beside the volume
+  std::vector<std::string> warnings;     ///< what `force` has let pass
+  std::shared_ptr<DeviceHandle> volume;  ///< open for reading; runBackup() reads through it
 };
 
 /// Looks at a volume. Refuses a folder that exists, a whole disk with a partition table, a volume that is locked, and,
 /// without `force`, one that is mounted for writing. @return why not; absent for success.
 VORLIX_EXPORT std::optional<BackupFailure> planBackup(const BackupRequest& request, BackupPlan& plan);
 
+/// How far a backup or its verification is.
 struct BackupProgress {
   uint64_t done = 0;   ///< bytes of what is in use that were read
   uint64_t total = 0;  ///< all of them
@@ -71,6 +73,7 @@ struct BackupProgress {
 /// Called on the calling thread, some times a second while there is progress. Returning false cancels.
 using BackupProgressCallback = std::function<bool(const BackupProgress&)>;
 
+/// What became of a backup.
 struct BackupResult {
   uint64_t packedSize = 0;  ///< bytes of the packed volume
 };
@@ -87,8 +90,8 @@ VORLIX_EXPORT std::optional<BackupFailure> runBackup(const BackupPlan& plan, con
 
 /// One thing that is wrong with a backup.
 struct BackupFinding {
-  std::string file;
-  std::string text;
+  std::string file;  ///< its name in the folder
+  std::string text;  ///< for people: what is wrong with it
 };
 
 /// Reads a backup and compares everything with its manifest and block map: sizes and SHA-256 of all files, each frame's

@@ -21,13 +21,14 @@
 
 namespace vorlix {
 
+/// Sector 0, or the first sector of a volume.
 using Sector = std::array<uint8_t, kSectorSize>;
 
 /// Size of the MBR boot code without the disk signature, which is the following six bytes, up to kBootCodeSize.
 constexpr size_t kPureBootCodeSize = 440;
 
-constexpr size_t kHiddenSectorsOffset = 28;  // of a FAT or NTFS boot sector, 4 bytes
-constexpr size_t kNTFSSerialOffset = 72;     // of an NTFS boot sector, 8 bytes
+constexpr size_t kHiddenSectorsOffset = 28;  ///< of a FAT or NTFS boot sector, 4 bytes
+constexpr size_t kNTFSSerialOffset = 72;     ///< of an NTFS boot sector, 8 bytes
 
 /// A serial number of an NTFS volume: eight random bytes. FAT uses only the first four.
 using Serial = std::array<uint8_t, 8>;
@@ -46,7 +47,7 @@ struct VORLIX_EXPORT Sector0Difference {
   bool bootCode = false;        ///< the boot code differs; the disk signature is not compared
   bool signature = false;       ///< the signature 55 AA differs
 
-  bool any() const { return !slots.empty() || bootCode || signature; }
+  bool any() const { return !slots.empty() || bootCode || signature; }  ///< anything differs
   /// Returns a text for users: "slot 1, 3 and boot code differ".
   std::string text() const;
   /// Returns the same text for a sector that has been written: "slot 1, 3 and boot code differed".
@@ -55,6 +56,7 @@ struct VORLIX_EXPORT Sector0Difference {
  private:
   std::string names() const;
 };
+/// Compares boot code, slots and signature.
 VORLIX_EXPORT Sector0Difference compareSector0(const Sector& now, const Sector& wanted);
 
 /// Returns the sector 0 to write over `now`. If the slots differ, it is `wanted`, with the disk signature of the
@@ -64,6 +66,7 @@ VORLIX_EXPORT Sector renewedSector0(const Sector& now, const Sector& wanted);
 
 /// The file system of a volume, according to its boot sector.
 enum class BootSectorKind { ntfs, fat, empty, other };
+/// Returns the file system, by the name that NTFS and FAT boot sectors have in them. exFAT is `other`.
 VORLIX_EXPORT BootSectorKind kindOf(const Sector& bootSector);
 
 /// The kind of MBR in sector 0.
@@ -74,6 +77,7 @@ enum class MBRKind {
   protectsOnly,  ///< one slot of type EE and no other slot in use
   hybrid,        ///< a slot of type EE and other slots in use
 };
+/// Tells an MBR from a boot sector, and which kind of MBR it is.
 VORLIX_EXPORT MBRKind mbrKindOf(const Sector& sector0);
 
 /// Returns the little-endian hidden-sectors field of a FAT or NTFS boot sector.
@@ -84,8 +88,8 @@ VORLIX_EXPORT std::array<uint8_t, 4> hiddenSectorsBytes(uint32_t start);
 
 /// A run of bytes in a boot sector.
 struct Field {
-  size_t offset = 0;
-  size_t size = 0;
+  size_t offset = 0;  ///< bytes from the start of the sector
+  size_t size = 0;    ///< bytes; 0 if the boot sector has no such field
 };
 
 /// Returns the field of the volume's serial: 8 bytes on NTFS, 4 bytes on FAT. Empty if the boot sector has no serial,

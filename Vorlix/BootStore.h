@@ -21,29 +21,30 @@
 
 namespace vorlix {
 
-/// Types of objects: the value Description\Type.
-inline constexpr uint32_t kStoreFirmwareManager = 0x10100001;
-inline constexpr uint32_t kStoreBootManager = 0x10100002;
-inline constexpr uint32_t kStoreLoader = 0x10200003;
-inline constexpr uint32_t kStoreResume = 0x10200004;
-inline constexpr uint32_t kStoreMemoryTester = 0x10200005;
-inline constexpr uint32_t kStoreOldLoader = 0x10300006;   ///< of systems before the store
-inline constexpr uint32_t kStoreBootSector = 0x10400008;  ///< started as a BIOS would
+// Types of objects: the value Description\Type.
+inline constexpr uint32_t kStoreFirmwareManager = 0x10100001;  ///< the boot menu of the firmware
+inline constexpr uint32_t kStoreBootManager = 0x10100002;      ///< the boot manager of Windows
+inline constexpr uint32_t kStoreLoader = 0x10200003;           ///< loads an installed Windows
+inline constexpr uint32_t kStoreResume = 0x10200004;           ///< goes on with a hibernated Windows
+inline constexpr uint32_t kStoreMemoryTester = 0x10200005;     ///< the memory diagnosis
+inline constexpr uint32_t kStoreOldLoader = 0x10300006;        ///< of systems before the store
+inline constexpr uint32_t kStoreBootSector = 0x10400008;       ///< started as a BIOS would
 
-/// An element of an object: the value Objects\{GUID}\Elements\<type>\Element.
+/// An element of an object: the value `Objects\{GUID}\Elements\<type>\Element`.
 struct StoreElement {
-  uint32_t type = 0;       ///< 0x11000001 is the device; bits 24 to 27 are the form, 1 a device
-  uint32_t valueType = 0;  ///< the registry's type; 3 is REG_BINARY
-  uint64_t offset = 0;     ///< of the data, in bytes from the start of the store's file; 0 for at most four bytes
-  std::vector<uint8_t> data;
+  uint32_t type = 0;          ///< 0x11000001 is the device; bits 24 to 27 are the form, 1 a device
+  uint32_t valueType = 0;     ///< the registry's type; 3 is REG_BINARY
+  uint64_t offset = 0;        ///< of the data, in bytes from the start of the store's file; 0 for at most four bytes
+  std::vector<uint8_t> data;  ///< as the registry has it
 
-  bool isDevice() const { return (type >> 24U & 0xFU) == 1 && valueType == 3; }
+  bool isDevice() const { return (type >> 24U & 0xFU) == 1 && valueType == 3; }  ///< whether the data is a device
 };
 
+/// An object of a store.
 struct StoreObject {
-  std::string identifier;  ///< "{9dea862c-5cdd-4e70-acc1-f32b344d4795}", in the store's letter case
-  uint32_t type = 0;       ///< 0 if the object does not say
-  std::vector<StoreElement> elements;
+  std::string identifier;              ///< "{9dea862c-5cdd-4e70-acc1-f32b344d4795}", in the store's letter case
+  uint32_t type = 0;                   ///< 0 if the object does not say
+  std::vector<StoreElement> elements;  ///< in the order of the store
 };
 
 /// Reads what `boot_store list` prints. Absent for any other text, and for one that is cut off.
@@ -56,6 +57,7 @@ VORLIX_EXPORT std::optional<std::string> readStoreObjects(std::span<const uint8_
 
 /// A change to the objects of a store.
 struct StoreEdit {
+  /// What an edit does.
   enum class Kind {
     removeObject,  ///< with all its elements
     setObject,     ///< makes the object if it is missing, and sets its type
@@ -63,11 +65,11 @@ struct StoreEdit {
     removeElement,
   };
 
-  Kind kind = Kind::setElement;
-  std::string object;
-  uint32_t type = 0;       ///< of the object or of the element
-  uint32_t valueType = 0;  ///< the registry's type, for setElement
-  std::vector<uint8_t> data;
+  Kind kind = Kind::setElement;  ///< says which of the other members count
+  std::string object;            ///< its identifier, as in StoreObject
+  uint32_t type = 0;             ///< of the object or of the element
+  uint32_t valueType = 0;        ///< the registry's type, for setElement
+  std::vector<uint8_t> data;     ///< of the element, for setElement
 };
 
 /// Returns the edits as `boot_store edit` reads them.
@@ -80,11 +82,11 @@ VORLIX_EXPORT std::optional<std::string> editStore(std::span<const uint8_t> stor
 
 /// How a store identifies a partition.
 struct StorePartition {
-  bool isMBR = false;
+  bool isMBR = false;                      ///< the disk has an MBR, not a GPT
   std::array<uint8_t, 16> partition = {};  ///< GUID in on-disk order; MBR: offset on its disk in bytes, then zeros
   std::array<uint8_t, 16> disk = {};       ///< GUID in on-disk order; MBR: disk signature, then zeros
 
-  bool operator==(const StorePartition&) const = default;
+  bool operator==(const StorePartition&) const = default;  ///< compares all fields
 };
 
 /// The identification of a partition of an MBR.
@@ -117,22 +119,25 @@ VORLIX_EXPORT StorePlace storePlaceOf(uint32_t objectType);
 /// Returns what an object is: "boot manager", "loader", ...; "object" for a type without a name.
 VORLIX_EXPORT std::string storeObjectKind(uint32_t objectType);
 
+/// The partitions that a store is to name.
 struct StoreTargets {
-  StorePartition system;
-  StorePartition windows;
+  StorePartition system;   ///< where the boot manager is
+  StorePartition windows;  ///< where Windows is
 
+  /// Returns the partition of a place.
   const StorePartition& at(StorePlace place) const { return place == StorePlace::systemPartition ? system : windows; }
 };
 
 /// A device element that names a partition, before and after.
 struct StoreDeviceChange {
-  std::string object;
-  uint32_t objectType = 0;
-  uint32_t element = 0;
-  StorePlace place = StorePlace::windowsVolume;
-  std::vector<StorePartition> before;  ///< one for each partition that the element names
+  std::string object;                            ///< its identifier, as in StoreObject
+  uint32_t objectType = 0;                       ///< as in StoreObject::type
+  uint32_t element = 0;                          ///< as in StoreElement::type
+  StorePlace place = StorePlace::windowsVolume;  ///< of the partition that it gets
+  std::vector<StorePartition> before;            ///< one for each partition that the element names
 };
 
+/// A store in which the partitions were set.
 struct StoreWithPartitions {
   std::vector<StoreDeviceChange> devices;  ///< in the store's order; those that stay the same, too
   std::vector<uint8_t> store;              ///< of the same length

@@ -55,7 +55,7 @@ struct GPTReport {
   std::optional<uint64_t> headerLBA;
   GPTHeader header = {};          ///< that header; all zero without one
   std::vector<GPTEntry> entries;  ///< the entries that the disk holds, at least four records (zero ones if necessary)
-  std::vector<GPTFinding> findings;
+  std::vector<GPTFinding> findings;  ///< what is wrong, in the order in which it was found; empty for a sound table
 };
 
 /// Reads and checks a disk's GPT. At most kMaximumEntries entries of each copy are read and at most 16 findings about

@@ -35,10 +35,12 @@ inline constexpr size_t kLargestPiece = size_t{4} << 20;
 /// A block map with more ranges is refused, so that memory stays bounded.
 inline constexpr size_t kMostBlockMapRanges = size_t{3} << 17;
 
-/// The files of a backup folder that a restore reads: the volume in zstd frames, and its block map.
+/// The file of a backup folder with the volume, in zstd frames.
 inline constexpr const char* kBackupVolume = "volume.img.zst";
+/// The file of a backup folder with the block map of the volume.
 inline constexpr const char* kBackupBlockMap = "volume.bmap";
 
+/// What kind of image a source is.
 enum class ImageKind {
   raw,        ///< the bytes of the volume, in a file, a device or a slice
   ntfsclone,  ///< ntfsclone --save-image
@@ -60,14 +62,15 @@ struct ImageFailure {
 
 /// A run of bytes of the volume.
 struct ImageRange {
-  uint64_t offset = 0;
+  uint64_t offset = 0;  ///< bytes from the start of the volume
   uint64_t length = 0;  ///< not 0
 
-  friend bool operator==(const ImageRange&, const ImageRange&) = default;
+  friend bool operator==(const ImageRange&, const ImageRange&) = default;  ///< compares all fields
 };
 
 /// What the header of a WIM says, and its list of images where that could be read.
 struct WimFacts {
+  /// One of the images in the file.
   struct Image {
     uint32_t index = 0;       ///< from 1
     std::string name;         ///< UTF-8; empty without one
@@ -76,9 +79,9 @@ struct WimFacts {
     uint64_t files = 0;       ///< files and folders
   };
 
-  uint32_t imageCount = 0;
-  uint16_t part = 1;  ///< of `parts`, for split files
-  uint16_t parts = 1;
+  uint32_t imageCount = 0;    ///< as the header says
+  uint16_t part = 1;          ///< of `parts`, for split files
+  uint16_t parts = 1;         ///< how many files a split one has; else 1
   bool isSolid = false;       ///< an ESD: resources are packed together
   std::vector<Image> images;  ///< empty where the source cannot be sought in, or the list is damaged
   bool isEncrypted = false;   ///< the list says so
@@ -87,7 +90,7 @@ struct WimFacts {
 
 /// What is known of a source before its content is read.
 struct ImageFacts {
-  ImageKind kind = ImageKind::raw;
+  ImageKind kind = ImageKind::raw;      ///< by the first bytes of the source
   std::optional<PackedFormat> packing;  ///< absent for a file that is not packed; zstd for a backup
   std::string description;              ///< for people: "raw image packed with gzip"
 
@@ -134,6 +137,7 @@ struct ImageFacts {
 /// One step of reading. Pieces come in rising order without gaps or overlaps from the first byte of the volume (or
 /// where moveTo() went) to its end.
 struct ImagePiece {
+  /// What the step has found.
   enum class Kind {
     data,    ///< `length` bytes are in the caller's buffer
     zeros,   ///< `length` bytes are zero; a target that holds something else there has to be overwritten
@@ -142,10 +146,10 @@ struct ImagePiece {
     failure  ///< the source cannot be read on
   };
 
-  Kind kind = Kind::end;
-  uint64_t offset = 0;  ///< from the start of the volume
-  uint64_t length = 0;  ///< of data, zeros and unused pieces; those that are not data have any length
-  ImageFailure failure;
+  Kind kind = Kind::end;  ///< says which of the other members count
+  uint64_t offset = 0;    ///< from the start of the volume
+  uint64_t length = 0;    ///< of data, zeros and unused pieces; those that are not data have any length
+  ImageFailure failure;   ///< of a failure
 };
 
 /// An open source. One thread at a time uses it, which need not be the one that opened it. It opens what it reads once
@@ -154,6 +158,7 @@ class VORLIX_EXPORT ImageSource {
  public:
   virtual ~ImageSource();
 
+  /// Returns what was known when the source was opened. It does not change while the source is read.
   const ImageFacts& facts() const { return facts_; }
 
   /// Reads the next piece. Data fills the buffer, or kLargestPiece bytes of it, unless something else than data follows
@@ -175,9 +180,10 @@ class VORLIX_EXPORT ImageSource {
   ImageSource(const ImageSource&) = delete;
   ImageSource& operator=(const ImageSource&) = delete;
 
-  ImageFacts facts_;
+  ImageFacts facts_;  ///< for derived classes, which fill it before they return the source
 };
 
+/// How a source is opened.
 struct ImageSourceOptions {
   /// A volume that turns out larger is a failure when it passes this size, whatever it unpacks from.
   uint64_t largestSize = std::numeric_limits<uint64_t>::max();

@@ -23,11 +23,13 @@ class VORLIX_EXPORT LogCapture {
   /// Whether the messages go to the log file as well.
   enum class File { written, leftAlone };
 
+  /// Begins to collect. @param file  whether the lines go to the log file as well.
   explicit LogCapture(File file = File::written);
   ~LogCapture();
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
+  /// Returns what was logged since the object was made, unchanged.
   const std::string& text() const { return text_; }
 
   /// Adds a message to the calling thread's innermost capture, if there is one. @return whether it goes to the log

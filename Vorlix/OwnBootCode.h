@@ -13,6 +13,7 @@
 
 namespace vorlix {
 
+/// Boot code for sector 0, without disk signature, slots and signature.
 using DiskBootCode = std::array<uint8_t, kPureBootCodeSize>;
 
 /// Returns the boot code. Zeros follow its last byte. It leaves out the disk signature and the slots, which belong to

@@ -17,28 +17,32 @@
 
 namespace vorlix {
 
+/// Bytes of a disk, as far as they were read.
 using Bytes = std::span<const uint8_t>;
 
-constexpr size_t kSectorSize = 512;  // bytes of sector 0 and of a GPT header that are used, for any block size
-constexpr size_t kBootCodeSize = 446;
-constexpr size_t kSlotSize = 16;
-constexpr size_t kSlotCount = 4;
-constexpr size_t kGPTEntrySize = 128;
-constexpr uint16_t kMBRSignature = 0xAA55;
-constexpr uint64_t kGPTSignature = 0x5452415020494645;  // "EFI PART"
+constexpr size_t kSectorSize = 512;         ///< bytes of sector 0 and of a GPT header that are used, for any block size
+constexpr size_t kBootCodeSize = 446;       ///< bytes before the first slot: boot code, disk signature, two more
+constexpr size_t kSlotSize = 16;            ///< bytes of a slot on disk
+constexpr size_t kSlotCount = 4;            ///< slots of an MBR
+constexpr size_t kGPTEntrySize = 128;       ///< bytes of a GPT entry, whatever the header claims
+constexpr uint16_t kMBRSignature = 0xAA55;  ///< 55 AA in bytes 510 and 511 of sector 0
+constexpr uint64_t kGPTSignature = 0x5452415020494645;  ///< "EFI PART"
 /// The largest number of entries that is read from a disk, whatever a damaged header claims: 512 times the usual 128.
 constexpr uint32_t kMaximumEntries = 65536;
 
-constexpr uint8_t kActiveFlag = 0x80;
-constexpr uint8_t kProtectiveType = 0xEE;
+constexpr uint8_t kActiveFlag = 0x80;      ///< of the slot that boot code starts
+constexpr uint8_t kProtectiveType = 0xEE;  ///< of the slot that covers the GPT
 
+/// Type GUID of an unused entry, as text.
 constexpr const char* kUnusedGUID = "00000000-0000-0000-0000-000000000000";
+/// Type GUID of an EFI System Partition, as text.
 constexpr const char* kEFISystemGUID = "C12A7328-F81F-11D2-BA4B-00A0C93EC93B";
 
+/// Cylinder, head and sector of an LBA. All are at or below zero (the sector at or below 1) for a negative one.
 struct CHS {
-  int32_t cylinder;
-  int32_t head;
-  int32_t sector;
+  int32_t cylinder;  ///< limited to 1023
+  int32_t head;      ///< 0 to 254
+  int32_t sector;    ///< 1 to 63
 };
 
 /// Returns the values of calculate_chs() with their signs.

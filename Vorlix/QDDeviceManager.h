@@ -57,33 +57,33 @@ class VORLIX_EXPORT QDDeviceManager : public vorlix::Object {
 
   /// Outcome of the last unmount: true if the volume was unmounted, or was not mounted before.
   bool didUnmount() const;
-  void setDidUnmount(bool value);
+  void setDidUnmount(bool value);  ///< @copydoc didUnmount()
 
   /// Whether any mount has succeeded. No operation sets it back to false.
   bool didMount() const;
-  void setDidMount(bool value);
+  void setDidMount(bool value);  ///< @copydoc didMount()
 
   /// Status of the last mount that was waited for: -1 while it is pending, 0 after success, 1 after failure. It is 0 at
   /// first, and stays -1 if the device is unknown.
   int32_t mountStatus() const;
-  void setMountStatus(int32_t value);
+  void setMountStatus(int32_t value);  ///< @copydoc mountStatus()
 
   /// Status of the last unmount, with the same values. Every lookup of a description sets it to -1.
   int32_t unmountStatus() const;
-  void setUnmountStatus(int32_t value);
+  void setUnmountStatus(int32_t value);  ///< @copydoc unmountStatus()
 
   /// The file manager that isSIPEnabled() looks for its tool with.
   std::shared_ptr<vorlix::FileManager> fileManager() const;
-  void setFileManager(std::shared_ptr<vorlix::FileManager> value);
+  void setFileManager(std::shared_ptr<vorlix::FileManager> value);  ///< @copydoc fileManager()
 
   /// An object that is kept for the host. The library does not use it.
   std::shared_ptr<vorlix::Object> log() const;
-  void setLog(std::shared_ptr<vorlix::Object> value);
+  void setLog(std::shared_ptr<vorlix::Object> value);  ///< @copydoc log()
 
   /// The object that receives the messages, if it is a vorlix::LogReceiver. The manager does not own it; it is null
   /// after its last owner has released it.
   std::shared_ptr<vorlix::Object> delegate() const;
-  void setDelegate(const std::shared_ptr<vorlix::Object>& value);
+  void setDelegate(const std::shared_ptr<vorlix::Object>& value);  ///< @copydoc delegate()
 
   /// Passes a line unchanged to the delegate of this instance. Keyword form: `logString:`.
   void logString(const std::string& line);

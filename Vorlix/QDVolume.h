@@ -122,142 +122,143 @@ class VORLIX_EXPORT QDVolume : public vorlix::Object, public vorlix::Coding {
 
   /// Whether the item is bootable.
   bool isBootable() const;
-  void setIsBootable(bool value);
+  void setIsBootable(bool value);  ///< @copydoc isBootable()
 
   /// Whether the item is a removable medium.
   bool isRemovable() const;
-  void setIsRemovable(bool value);
+  void setIsRemovable(bool value);  ///< @copydoc isRemovable()
 
   /// Whether the item is a virtual-machine target.
   bool isVM() const;
-  void setIsVM(bool value);
+  void setIsVM(bool value);  ///< @copydoc isVM()
 
   /// A flag for the host's list. The library copies it but never sets it to true.
   bool showLine() const;
-  void setShowLine(bool value);
+  void setShowLine(bool value);  ///< @copydoc showLine()
 
   /// Whether the volume holds an installed Windows or its installer.
   bool hasWindows() const;
-  void setHasWindows(bool value);
+  void setHasWindows(bool value);  ///< @copydoc hasWindows()
 
   /// Whether that Windows is Windows 8 or later.
   bool hasWindows8orGreater() const;
-  void setHasWindows8orGreater(bool value);
+  void setHasWindows8orGreater(bool value);  ///< @copydoc hasWindows8orGreater()
 
   /// Whether the volume can be written.
   bool isWritable() const;
-  void setIsWritable(bool value);
+  void setIsWritable(bool value);  ///< @copydoc isWritable()
 
   /// Bytes of a Master Boot Record, collected by appendMBRData().
   std::shared_ptr<std::vector<uint8_t>> mbr() const;
-  void setMbr(std::shared_ptr<std::vector<uint8_t>> value);
+  void setMbr(std::shared_ptr<std::vector<uint8_t>> value);  ///< @copydoc mbr()
 
   /// Text of a partition identifier, collected by appendpartitionIDData().
   std::shared_ptr<std::string> partitionID() const;
-  void setPartitionID(std::shared_ptr<std::string> value);
+  void setPartitionID(std::shared_ptr<std::string> value);  ///< @copydoc partitionID()
 
   /// Size of the file system in bytes.
   int64_t filesystemSize() const;
-  void setFilesystemSize(int64_t value);
+  void setFilesystemSize(int64_t value);  ///< @copydoc filesystemSize()
 
   /// Path of the item: the mount point of a volume, or an image file.
   std::optional<std::string> filePath() const;
-  void setFilePath(std::optional<std::string> value);
+  void setFilePath(std::optional<std::string> value);  ///< @copydoc filePath()
 
   /// Device node of the whole disk that holds the volume.
   std::optional<std::string> drivePath() const;
-  void setDrivePath(std::optional<std::string> value);
+  void setDrivePath(std::optional<std::string> value);  ///< @copydoc drivePath()
 
   /// Device node under "/dev/" that the volume is mounted from.
   std::optional<std::string> device() const;
-  void setDevice(std::optional<std::string> value);
+  void setDevice(std::optional<std::string> value);  ///< @copydoc device()
 
   /// Free-form notes about the item, collected by appendInfo().
   std::shared_ptr<std::string> info() const;
-  void setInfo(std::shared_ptr<std::string> value);
+  void setInfo(std::shared_ptr<std::string> value);  ///< @copydoc info()
 
   /// Name of the volume as shown to the user.
   std::optional<std::string> diskName() const;
-  void setDiskName(std::optional<std::string> value);
+  void setDiskName(std::optional<std::string> value);  ///< @copydoc diskName()
 
   /// Description of what the item is used for, as styled text.
   std::optional<vorlix::AttributedString> usageDescription() const;
-  void setUsageDescription(std::optional<vorlix::AttributedString> value);
+  void setUsageDescription(std::optional<vorlix::AttributedString> value);  ///< @copydoc usageDescription()
 
   /// User name for the virtual-machine target.
   std::optional<std::string> vmUsername() const;
-  void setVmUsername(std::optional<std::string> value);
+  void setVmUsername(std::optional<std::string> value);  ///< @copydoc vmUsername()
 
   /// Password for the virtual-machine target.
   std::optional<std::string> vmPassword() const;
-  void setVmPassword(std::optional<std::string> value);
+  void setVmPassword(std::optional<std::string> value);  ///< @copydoc vmPassword()
 
   /// Size for display, in the form of stringWithHumanReadableInt().
   std::optional<std::string> humanSize() const;
-  void setHumanSize(std::optional<std::string> value);
+  void setHumanSize(std::optional<std::string> value);  ///< @copydoc humanSize()
 
   /// Type of the file system, such as "ntfs", "msdos" or "exfat".
   std::optional<std::string> fileSystemType() const;
-  void setFileSystemType(std::optional<std::string> value);
+  void setFileSystemType(std::optional<std::string> value);  ///< @copydoc fileSystemType()
 
   /// Free space in bytes, as decimal text.
   std::optional<std::string> freeSpace() const;
-  void setFreeSpace(std::optional<std::string> value);
+  void setFreeSpace(std::optional<std::string> value);  ///< @copydoc freeSpace()
 
   /// Total size in bytes, as decimal text. It is "-1" while updateSize() measures, then the output of "wc -c".
   std::optional<std::string> totalSize() const;
-  void setTotalSize(std::optional<std::string> value);
+  void setTotalSize(std::optional<std::string> value);  ///< @copydoc totalSize()
 
   /// Kind of item. The list of attached disks sets "disk".
   std::optional<std::string> volumeType() const;
-  void setVolumeType(std::optional<std::string> value);
+  void setVolumeType(std::optional<std::string> value);  ///< @copydoc volumeType()
 
   /// Size of the whole medium for display.
   std::optional<std::string> mediaSize() const;
-  void setMediaSize(std::optional<std::string> value);
+  void setMediaSize(std::optional<std::string> value);  ///< @copydoc mediaSize()
 
   /// Version of the Windows that was found on the volume.
   std::optional<vorlix::Number> foundWindowsVersion() const;
-  void setFoundWindowsVersion(std::optional<vorlix::Number> value);
+  void setFoundWindowsVersion(std::optional<vorlix::Number> value);  ///< @copydoc foundWindowsVersion()
 
   /// Size of the whole medium in bytes.
   std::optional<vorlix::Number> mediaSizeRaw() const;
-  void setMediaSizeRaw(std::optional<vorlix::Number> value);
+  void setMediaSizeRaw(std::optional<vorlix::Number> value);  ///< @copydoc mediaSizeRaw()
 
   /// Block size of the medium in bytes.
   std::optional<vorlix::Number> mediaBlockSize() const;
-  void setMediaBlockSize(std::optional<vorlix::Number> value);
+  void setMediaBlockSize(std::optional<vorlix::Number> value);  ///< @copydoc mediaBlockSize()
 
   /// Identifier of the volume.
   std::optional<vorlix::UUID> volumeUUID() const;
-  void setVolumeUUID(std::optional<vorlix::UUID> value);
+  void setVolumeUUID(std::optional<vorlix::UUID> value);  ///< @copydoc volumeUUID()
 
   /// Identifier of the medium.
   std::optional<vorlix::UUID> mediaUUID() const;
-  void setMediaUUID(std::optional<vorlix::UUID> value);
+  void setMediaUUID(std::optional<vorlix::UUID> value);  ///< @copydoc mediaUUID()
 
   /// Identifier of the medium's content: the partition type.
   std::optional<vorlix::UUID> mediaContentUUID() const;
-  void setMediaContentUUID(std::optional<vorlix::UUID> value);
+  void setMediaContentUUID(std::optional<vorlix::UUID> value);  ///< @copydoc mediaContentUUID()
 
   /// Name of the installed operating system.
   std::optional<std::string> installedOS() const;
-  void setInstalledOS(std::optional<std::string> value);
+  void setInstalledOS(std::optional<std::string> value);  ///< @copydoc installedOS()
 
   /// Network share that holds the item.
   std::optional<std::string> networkShare() const;
-  void setNetworkShare(std::optional<std::string> value);
+  void setNetworkShare(std::optional<std::string> value);  ///< @copydoc networkShare()
 
   /// Path of the folder with the boot files.
   std::optional<std::string> bootResourcePath() const;
-  void setBootResourcePath(std::optional<std::string> value);
+  void setBootResourcePath(std::optional<std::string> value);  ///< @copydoc bootResourcePath()
 
   /// Path of the Windows boot manager.
   std::optional<std::string> bootMgrPath() const;
-  void setBootMgrPath(std::optional<std::string> value);
+  void setBootMgrPath(std::optional<std::string> value);  ///< @copydoc bootMgrPath()
 
   /// Runners of the processes that are measuring this record's size.
   std::shared_ptr<std::vector<std::shared_ptr<QDTaskWrapperWithBlocks>>> wrapperArray() const;
+  /// @copydoc wrapperArray()
   void setWrapperArray(std::shared_ptr<std::vector<std::shared_ptr<QDTaskWrapperWithBlocks>>> value);
 
  protected:

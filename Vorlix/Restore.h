@@ -24,27 +24,31 @@ namespace vorlix {
 struct RestorePlan {
   std::string source;     ///< what the user named; for a file its absolute path, so that a resumed restore finds it
   DiskChange structures;  ///< `before` is what the devices have now; the first device is the volume, and has a run at 0
-  ChangeBackup backup;
-  uint32_t image = 0;  ///< the image of a WIM, so that a resumed restore applies the same; 0 for other sources
+  ChangeBackup backup;    ///< where the old structures are kept
+  uint32_t image = 0;     ///< the image of a WIM, so that a resumed restore applies the same; 0 for other sources
 };
 
+/// How far a restore is.
 struct RestoreProgress {
+  /// What is being done with the content. Comparing begins at byte 0 again.
   enum class Phase { writing, comparing };
-  Phase phase = Phase::writing;
-  uint64_t done = 0;   ///< bytes of the volume
-  uint64_t total = 0;  ///< 0 if the source does not tell
+  Phase phase = Phase::writing;  ///< comparing follows writing, where it was asked for
+  uint64_t done = 0;             ///< bytes of the volume
+  uint64_t total = 0;            ///< 0 if the source does not tell
 };
 
 /// Called between pieces. Returns whether to go on.
 using RestoreObserver = std::function<bool(const RestoreProgress&)>;
 
+/// What became of a restore.
 struct RestoreResult {
+  /// How it ended.
   enum class End {
     done,       ///< everything is on the medium
     cancelled,  ///< the observer has said so; the journal is there
     failed
   };
-  End end = End::failed;
+  End end = End::failed;  ///< says which of the other members count
   ChangeFailure failure;  ///< of a failed one
   std::string journal;   ///< folder of the journal from which it can go on; empty if nothing was written, or at the end
   std::string kept;      ///< folder of the backup of the structures; empty if there is none

@@ -19,18 +19,20 @@ namespace vorlix {
 
 /// A file as far as it was looked at.
 struct FileFact {
+  /// Whether the file was seen.
   enum class Sight { unseen, missing, there };
 
-  Sight sight = Sight::unseen;
-  std::string reason;          ///< why it is unseen: "not mounted"
-  std::vector<uint8_t> bytes;  ///< the content of a store that is there; empty for other files
+  Sight sight = Sight::unseen;  ///< unseen where nobody could look
+  std::string reason;           ///< why it is unseen: "not mounted"
+  std::vector<uint8_t> bytes;   ///< the content of a store that is there; empty for other files
 };
 
 /// The volume that is to start.
 struct StartVolume {
+  /// A second boot sector.
   struct Second {
     uint64_t offset = 0;  ///< bytes from the start of the volume
-    Sector sector = {};
+    Sector sector = {};   ///< its bytes
   };
 
   std::string name;             ///< for texts and commands: "mac.imgs3"
@@ -40,8 +42,8 @@ struct StartVolume {
   /// Whether the file system is marked as not cleanly unmounted, and whether a hibernated Windows is on it. Absent for
   /// what was not looked at; `stateReason` says why.
   std::optional<bool> dirty;
-  std::optional<bool> hibernated;
-  std::string stateReason;
+  std::optional<bool> hibernated;  ///< absent where it could not be found out
+  std::string stateReason;         ///< why `dirty` or `hibernated` is absent
 
   /// The same from a reader of the file system that does not tell the two apart: why the volume is not in a clean
   /// state, empty if it is. Absent if no such reader looked.
@@ -62,23 +64,25 @@ struct EFIVolume {
 
 /// What is known of a disk.
 struct StartFacts {
-  std::string disk;         ///< for texts and commands
-  uint64_t blocks = 0;      ///< number of blocks
-  uint64_t blockSize = 0;   ///< bytes
-  Sector sector0 = {};      ///< its first 512 bytes
-  GPTReport gpt;            ///< as checkGPT() returns it
-  uint32_t partition = 0;   ///< GPT entry of the volume, from 1; 0 if it is not known
-  uint8_t type = 0;         ///< MBR type that its slot must have; 0 for the one that follows from the GPT
-  std::string whyNoVolume;  ///< why `volume` is absent
-  std::optional<StartVolume> volume;
-  EFIVolume efi;
+  std::string disk;                   ///< for texts and commands
+  uint64_t blocks = 0;                ///< number of blocks
+  uint64_t blockSize = 0;             ///< bytes
+  Sector sector0 = {};                ///< its first 512 bytes
+  GPTReport gpt;                      ///< as checkGPT() returns it
+  uint32_t partition = 0;             ///< GPT entry of the volume, from 1; 0 if it is not known
+  uint8_t type = 0;                   ///< MBR type that its slot must have; 0 for the one that follows from the GPT
+  std::string whyNoVolume;            ///< why `volume` is absent
+  std::optional<StartVolume> volume;  ///< the volume that a start by BIOS uses
+  EFIVolume efi;                      ///< the EFI System Partition
 };
 
 /// Ways to start. `automatic` judges EFI if the EFI System Partition has a store, and a legacy start if it has none, or
 /// if the MBR has more than a protective slot.
 enum class StartWay { automatic, legacy, efi, both };
 
+/// What was found in one area.
 struct StartFinding {
+  /// What a finding means for the start.
   enum class State {
     ok,
     note,    ///< may be wrong, and may be intended
@@ -86,18 +90,19 @@ struct StartFinding {
     fault,   ///< keeps the disk from starting, or puts the start at risk
   };
 
-  std::string area;  ///< a fixed word for what was looked at: "active-slot"
-  State state = State::ok;
-  std::string code;     ///< a fixed word for a note or a fault: "active-none"; empty otherwise
-  std::string text;     ///< what was found; for `unseen`, why it was not looked at
-  std::string why;      ///< of a fault: why it keeps the disk from starting
-  std::string command;  ///< of a fault: the command line that mends it
+  std::string area;         ///< a fixed word for what was looked at: "active-slot"
+  State state = State::ok;  ///< the judgement
+  std::string code;         ///< a fixed word for a note or a fault: "active-none"; empty otherwise
+  std::string text;         ///< what was found; for `unseen`, why it was not looked at
+  std::string why;          ///< of a fault: why it keeps the disk from starting
+  std::string command;      ///< of a fault: the command line that mends it
 };
 
+/// Everything that was found.
 struct VORLIX_EXPORT StartReport {
-  bool legacy = false;  ///< a legacy start was judged
-  bool efi = false;     ///< a start by EFI was judged
-  std::vector<StartFinding> findings;
+  bool legacy = false;                 ///< a legacy start was judged
+  bool efi = false;                    ///< a start by EFI was judged
+  std::vector<StartFinding> findings;  ///< in the order in which a start meets the areas
 
   /// Returns whether the disk starts as far as can be told: there is no fault.
   bool starts() const;
@@ -109,7 +114,7 @@ VORLIX_EXPORT StartReport checkStart(const StartFacts& facts, StartWay way);
 /// Why the slots of an MBR cannot mirror GPT entries 1 to 4.
 struct SlotObstacle {
   std::string code;  ///< "phantom-slot" or "slots-overlap"
-  std::string text;
+  std::string text;  ///< for people
 };
 
 /// Returns what keeps the entries from being mirrored: a number of more than 32 bits, whose low half would make a slot

@@ -16,6 +16,7 @@
 
 namespace vorlix {
 
+/// How a Windows is to start.
 enum class StartFirmware {
   efi,  ///< the files go to the EFI System Partition
   bios  ///< the files go to the Windows volume itself
@@ -24,12 +25,14 @@ enum class StartFirmware {
 /// The files of a volume, for reading. Paths begin with "/", have the volume's spelling, and are empty for the root.
 class FilesOfVolume {
  public:
+  /// An entry of a folder.
   struct Item {
+    /// What the entry is; other: a link, for instance.
     enum class Kind { file, folder, other };
 
-    std::string name;  ///< UTF-8
-    Kind kind = Kind::file;
-    uint64_t size = 0;  ///< of a file, in bytes
+    std::string name;        ///< UTF-8
+    Kind kind = Kind::file;  ///< as the volume says
+    uint64_t size = 0;       ///< of a file, in bytes
   };
 
   virtual ~FilesOfVolume() = default;
@@ -41,12 +44,13 @@ class FilesOfVolume {
   virtual std::optional<std::string> read(const std::string& file, std::vector<uint8_t>& bytes) const = 0;
 };
 
+/// What is to start, and from where.
 struct StartFilesRequest {
-  StartFirmware firmware = StartFirmware::efi;
-  const FilesOfVolume* windows = nullptr;
-  const FilesOfVolume* system = nullptr;  ///< the volume that gets the files; for bios the same as `windows`
-  StoreTargets partitions;                ///< as the store will identify the two volumes
-  std::string description;                ///< of the loader, in the boot menu: "Windows"
+  StartFirmware firmware = StartFirmware::efi;  ///< selects the boot files
+  const FilesOfVolume* windows = nullptr;       ///< the volume with Windows; not owned
+  const FilesOfVolume* system = nullptr;        ///< the volume that gets the files; for bios the same as `windows`
+  StoreTargets partitions;                      ///< as the store will identify the two volumes
+  std::string description;                      ///< of the loader, in the boot menu: "Windows"
 };
 
 /// A file that is missing on the system partition or has other content there.
@@ -57,6 +61,7 @@ struct StartFile {
   std::optional<std::vector<uint8_t>> before;  ///< what it has now; absent for a new file
 };
 
+/// What has to be written.
 struct StartFilesPlan {
   std::vector<std::string> folders;  ///< to be made, a folder before those in it
   std::vector<StartFile> files;      ///< to be written in this order: the store is the last
@@ -65,7 +70,7 @@ struct StartFilesPlan {
   std::vector<StoreObject> objects;  ///< of the new store
   std::string store;                 ///< path of the store
 
-  bool isEmpty() const { return folders.empty() && files.empty(); }
+  bool isEmpty() const { return folders.empty() && files.empty(); }  ///< nothing has to be written
 };
 
 /// Plans what a start of the Windows on a volume needs. Running the plan and planning again gives an empty plan.
@@ -74,11 +79,11 @@ VORLIX_EXPORT std::optional<std::string> planStartFiles(const StartFilesRequest&
 
 /// What the store of one installed Windows has.
 struct WindowsStart {
-  StartFirmware firmware = StartFirmware::efi;
-  StoreTargets partitions;
-  std::string description;
-  std::string windowsFolder = "Windows";  ///< in the volume's spelling
-  bool hasMemoryTester = true;            ///< among the files
+  StartFirmware firmware = StartFirmware::efi;  ///< selects the loader
+  StoreTargets partitions;                      ///< as the store will identify them
+  std::string description;                      ///< of the loader, in the boot menu
+  std::string windowsFolder = "Windows";        ///< in the volume's spelling
+  bool hasMemoryTester = true;                  ///< among the files
 };
 
 /// Returns the changes that make the store of an installed Windows from the objects of its template: the boot manager,

@@ -14,25 +14,27 @@
 
 namespace vorlix {
 
+/// Which identifier a slot holds.
 enum class StoreIdentifier { partition, disk };
 
 /// Sixteen bytes of a store that hold one identifier in on-disk (mixed-endian) order.
 struct StoreSlot {
-  uint32_t offset;  ///< bytes from the start of the file
-  StoreIdentifier identifier;
+  uint32_t offset;             ///< bytes from the start of the file
+  StoreIdentifier identifier;  ///< what belongs there
 };
 
-constexpr int32_t kStoreModeMDT = 1;
-constexpr int32_t kStoreModeSCCM = 2;
+constexpr int32_t kStoreModeMDT = 1;   ///< the mode of an MDT template
+constexpr int32_t kStoreModeSCCM = 2;  ///< the mode of an SCCM template
 
 /// Returns the slots of a mode in the order in which they are written. Any other mode is the standard EFI boot.
 VORLIX_EXPORT std::span<const StoreSlot> storeSlots(int32_t mode);
 
 /// The identifiers of the partition that a store starts and of its disk, in on-disk (mixed-endian) order.
 struct StoreIdentifiers {
-  std::array<uint8_t, 16> partition = {};
-  std::array<uint8_t, 16> disk = {};
+  std::array<uint8_t, 16> partition = {};  ///< unique GUID of the GPT entry
+  std::array<uint8_t, 16> disk = {};       ///< disk GUID of the GPT header
 
+  /// Returns the one that belongs in a slot.
   const std::array<uint8_t, 16>& of(StoreIdentifier identifier) const {
     return identifier == StoreIdentifier::partition ? partition : disk;
   }

@@ -35,7 +35,7 @@ VORLIX_EXPORT std::optional<std::string> scratchObstacle(const std::string& fold
 struct WimVolume {
   std::unique_ptr<ImageSource> source;  ///< of kind ImageKind::wim; clusters that are free come as unused pieces
   bool isStopped = false;               ///< the observer has said so
-  ImageFailure failure;
+  ImageFailure failure;                 ///< of a volume that was neither made nor stopped
 };
 
 /// Applies an image to a scratch file (WimApplying) and opens that. The same image gives another volume each time

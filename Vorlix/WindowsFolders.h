@@ -22,10 +22,11 @@ VORLIX_EXPORT std::string pathOnVolume(const QDVolume& volume, std::string folde
 
 /// Where boot files are on a volume, if it has any. Both are empty for a volume without a mount path.
 struct BootFiles {
-  std::string folder;
-  std::string manager;
+  std::string folder;   ///< path of the folder; empty if there is none
+  std::string manager;  ///< path of the boot manager; empty if there is none
 };
 
+/// Looks for them on a mounted volume.
 VORLIX_EXPORT BootFiles bootFilesOf(const QDVolume& volume);
 
 /// Whether a volume looks like the partition that Windows sets aside for its boot files, on whatever disk it is.

@@ -21,9 +21,10 @@ namespace vorlix {
 /// that are not UTF-8.
 class VORLIX_EXPORT AttributedString {
  public:
+  /// A part of the text with one set of attributes.
   struct Run {
-    size_t location = 0;
-    size_t length = 0;
+    size_t location = 0;                           ///< UTF-16 code units from the start of the text
+    size_t length = 0;                             ///< UTF-16 code units
     std::shared_ptr<const Dictionary> attributes;  ///< never null; shared and immutable
   };
 
@@ -45,6 +46,7 @@ class VORLIX_EXPORT AttributedString {
   /// Returns the length of the text in UTF-16 code units.
   size_t length() const;
 
+  /// Returns the runs in order. They cover the text without gaps; an empty text has none.
   const std::vector<Run>& runs() const { return runs_; }
 
   /// Compares the text, the runs and their attributes. Dictionaries inside attributes are compared by identity.

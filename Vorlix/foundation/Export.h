@@ -7,6 +7,7 @@
 #ifndef VORLIX_FOUNDATION_EXPORT_H
 #define VORLIX_FOUNDATION_EXPORT_H
 
+/// Marks what the shared library exports.
 #define VORLIX_EXPORT __attribute__((visibility("default")))
 
 #endif

@@ -77,6 +77,9 @@ class VORLIX_EXPORT KeyedArchiver {
   /// values, than KeyedUnarchiver accepts.
   static Data archivedDataWithRootObject(const std::shared_ptr<const Coding>& root);
 
+  /// @{
+  /// Stores a value as an object and a reference to it under `key`. An absent value is stored as a reference to
+  /// nothing.
   void encodeText(const std::optional<std::string>& text, const std::string& key);
   void encodeMutableText(const std::shared_ptr<const std::string>& text, const std::string& key);
   void encodeData(const std::optional<Data>& data, const std::string& key);
@@ -86,6 +89,7 @@ class VORLIX_EXPORT KeyedArchiver {
   void encodeURL(const std::optional<URL>& url, const std::string& key);
   void encodeAttributedText(const std::optional<AttributedString>& text, const std::string& key);
   void encodeObject(const std::shared_ptr<const Coding>& object, const std::string& key);
+  /// @}
 
   /// Stores a plain boolean, inline under its key.
   void encodeBool(bool value, const std::string& key);
@@ -124,10 +128,13 @@ class VORLIX_EXPORT KeyedUnarchiver {
   /// Returns whether there is an entry with that key, even if it refers to an absent object.
   bool containsValueForKey(const std::string& key) const;
 
+  /// Returns text, growable or not.
   std::optional<std::string> decodeText(const std::string& key);
+  /// Returns bytes, growable or not.
   std::optional<Data> decodeData(const std::string& key);
   /// Returns a number object, or a plain boolean, integer or floating-point number.
   std::optional<Number> decodeNumber(const std::string& key);
+  /// Returns a UUID.
   std::optional<UUID> decodeUUID(const std::string& key);
   /// Returns a file URL. A relative URL is resolved.
   std::optional<URL> decodeURL(const std::string& key);

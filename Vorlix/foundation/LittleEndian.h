@@ -22,10 +22,12 @@ constexpr uint64_t littleEndian(const Bytes& bytes, size_t offset, size_t count)
   return littleEndian(std::data(bytes) + offset, count);
 }
 
+/// Returns the number in two bytes.
 constexpr uint16_t littleEndian16(const uint8_t* bytes) {
   return static_cast<uint16_t>(littleEndian(bytes, 2));
 }
 
+/// Returns the number in four bytes.
 constexpr uint32_t littleEndian32(const uint8_t* bytes) {
   return static_cast<uint32_t>(littleEndian(bytes, 4));
 }

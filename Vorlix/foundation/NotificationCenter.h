@@ -16,8 +16,8 @@ namespace vorlix {
 
 /// An event, and the object that it is about, which may be null.
 struct Notification {
-  std::string name;
-  std::shared_ptr<Object> object;
+  std::string name;                ///< what has happened, such as vorlix::kDisksChangedNotification
+  std::shared_ptr<Object> object;  ///< what it has happened to
 };
 
 /// A list of observers. Any thread may use it.
@@ -28,6 +28,7 @@ struct Notification {
 ///     NotificationCenter::defaultCenter().removeObserver(token);
 class VORLIX_EXPORT NotificationCenter {
  public:
+  /// Called for each notification, on the thread that posts it.
   using Observer = std::function<void(const Notification&)>;
 
   /// Identifies one observation. It is never reused in the same centre.

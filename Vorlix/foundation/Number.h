@@ -14,12 +14,15 @@ namespace vorlix {
 /// them. Two numbers are equal if their kinds and values are.
 class Number {
  public:
+  /// @{
+  /// Returns a number of this kind. Numbers of different kinds are never equal.
   static Number numberWithBool(bool value) { return Number(value); }
   static Number numberWithLongLong(int64_t value) { return Number(value); }
   static Number numberWithDouble(double value) { return Number(value); }
+  /// @}
 
-  bool isBool() const { return std::holds_alternative<bool>(value_); }
-  bool isDouble() const { return std::holds_alternative<double>(value_); }
+  bool isBool() const { return std::holds_alternative<bool>(value_); }      ///< made of a boolean
+  bool isDouble() const { return std::holds_alternative<double>(value_); }  ///< made of a floating-point number
 
   /// Returns false for zero and false, true for everything else.
   bool boolValue() const {
@@ -38,11 +41,12 @@ class Number {
     return static_cast<int64_t>(*real);
   }
 
+  /// Returns the value as a floating-point number; a boolean is 0 or 1.
   double doubleValue() const {
     return std::visit([](auto value) { return static_cast<double>(value); }, value_);
   }
 
-  friend bool operator==(const Number&, const Number&) = default;
+  friend bool operator==(const Number&, const Number&) = default;  ///< compares kind and value
   /// An order for containers: by kind, then by value. Floating-point numbers are compared by their bits, so that NaN
   /// has a place as well.
   friend bool operator<(const Number& left, const Number& right) {

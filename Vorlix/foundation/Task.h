@@ -8,6 +8,7 @@
 
 namespace vorlix {
 
+/// A program to run.
 struct Task {
   std::string launchPath;              ///< the full path of the executable; there is no search path
   std::vector<std::string> arguments;  ///< without the program's own name

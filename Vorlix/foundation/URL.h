@@ -22,9 +22,11 @@ class URL {
     return url;
   }
 
+  /// Returns the path, decoded, without a slash at its end (but for "/").
   const std::string& path() const { return path_; }
-  bool hasDirectoryPath() const { return isDirectory_; }
+  bool hasDirectoryPath() const { return isDirectory_; }  ///< whether it was made for a folder
 
+  /// Compares the paths.
   friend bool operator==(const URL& left, const URL& right) { return left.path_ == right.path_; }
 
  private:

@@ -16,10 +16,11 @@ namespace vorlix {
 /// Sixteen bytes in the order of the text form (RFC 9562), not in the mixed-endian order of GPT and Windows.
 class VORLIX_EXPORT UUID {
  public:
+  /// The bytes in the order of the text form.
   using Bytes = std::array<uint8_t, 16>;
 
   UUID() = default;
-  explicit UUID(const Bytes& bytes) : bytes_(bytes) {}
+  explicit UUID(const Bytes& bytes) : bytes_(bytes) {}  ///< from bytes in that order
 
   /// Returns a new identifier of version 4: 122 random bits.
   static UUID random();
@@ -27,12 +28,12 @@ class VORLIX_EXPORT UUID {
   /// Parses 8-4-4-4-12 hexadecimal digits of either case. Absent for any other text.
   static std::optional<UUID> fromText(std::string_view text);
 
-  const Bytes& bytes() const { return bytes_; }
+  const Bytes& bytes() const { return bytes_; }  ///< in the order of the text form
 
   /// Returns the groups 8-4-4-4-12 in upper case.
   std::string text() const;
 
-  friend bool operator==(const UUID&, const UUID&) = default;
+  friend bool operator==(const UUID&, const UUID&) = default;  ///< compares the bytes
 
  private:
   Bytes bytes_ = {};

@@ -30,7 +30,7 @@ using Value = std::variant<bool, int64_t, double, std::string, Data, UUID, URL, 
 
 /// A list that owns its values.
 struct Array {
-  std::vector<Value> values;
+  std::vector<Value> values;  ///< in order
 };
 
 /// A dictionary that owns its values.
@@ -39,6 +39,7 @@ class Dictionary {
   /// Sets a value and replaces one with the same key.
   void set(std::string key, Value value) { values_.insert_or_assign(std::move(key), std::move(value)); }
 
+  /// Returns whether there is an entry with that key.
   bool contains(const std::string& key) const { return values_.contains(key); }
 
   /// Returns the value of any type. Absent if there is none.
@@ -47,6 +48,7 @@ class Dictionary {
     return found == values_.end() ? std::nullopt : std::optional<Value>(found->second);
   }
 
+  /// @{
   /// Return the value if it has that type. Absent if it has another type or there is none.
   std::optional<bool> boolean(const std::string& key) const { return as<bool>(key); }
   std::optional<int64_t> integer(const std::string& key) const { return as<int64_t>(key); }
@@ -55,6 +57,7 @@ class Dictionary {
   std::optional<Data> data(const std::string& key) const { return as<Data>(key); }
   std::optional<UUID> uuid(const std::string& key) const { return as<UUID>(key); }
   std::optional<URL> url(const std::string& key) const { return as<URL>(key); }
+  /// @}
 
   /// Returns the dictionary with that key, or null.
   std::shared_ptr<const Dictionary> dictionary(const std::string& key) const {

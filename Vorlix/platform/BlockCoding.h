@@ -18,6 +18,7 @@ class BlockHash {
  public:
   virtual ~BlockHash() = default;
 
+  /// Appends bytes to what is hashed.
   virtual void add(std::span<const uint8_t> bytes) = 0;
 
   /// The digest of all that was added, as 64 hexadecimal digits in lower case. The object then begins anew.
@@ -40,12 +41,14 @@ class BlockCoder {
   virtual bool unpack(std::span<const uint8_t> frame, std::span<uint8_t> block) = 0;
 };
 
+/// Port: packing and hashing of blocks.
 class BlockCoding {
  public:
   virtual ~BlockCoding() = default;
 
   /// Null with a `reason` for people where the system lacks what is needed. Any thread may ask.
   virtual std::unique_ptr<BlockCoder> newCoder(std::string& reason) = 0;
+  /// Returns a hash of no bytes yet; null with the reason if there is none on this system.
   virtual std::unique_ptr<BlockHash> newHash(std::string& reason) = 0;
 };
 

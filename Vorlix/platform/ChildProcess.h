@@ -20,6 +20,7 @@ inline constexpr std::chrono::milliseconds kEndedReadInterval{100};
 /// The read end of a pipe that a child writes to. Only one thread uses it.
 class ChildOutput {
  public:
+  /// Receives what was read; an empty chunk is the end of the stream.
   using Completion = std::function<void(const Data& chunk)>;
 
   virtual ~ChildOutput() = default;
@@ -95,6 +96,7 @@ enum class ChildInput {
   inherited,  ///< the host's own input
 };
 
+/// Port: launches programs.
 class ChildProcess {
  public:
   virtual ~ChildProcess() = default;

@@ -18,6 +18,7 @@ enum class CodeCheck {
   valid,              ///< the code satisfies the requirement
 };
 
+/// Port: checks the code of a running process against a requirement.
 class CodeSigning {
  public:
   virtual ~CodeSigning() = default;

@@ -15,9 +15,11 @@ namespace vorlix {
 class Descriptor {
  public:
   Descriptor() = default;
-  explicit Descriptor(int number) : number_(number) {}
+  explicit Descriptor(int number) : number_(number) {}  ///< takes it over; negative: none
   ~Descriptor() { reset(); }
+  /// Leaves `other` without one.
   Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+  /// Closes its own one first, and leaves `other` without one.
   Descriptor& operator=(Descriptor&& other) noexcept {
     if (this != &other) {
       reset();
@@ -26,10 +28,11 @@ class Descriptor {
     return *this;
   }
 
-  explicit operator bool() const { return number_ >= 0; }
-  int get() const { return number_; }
-  int release() { return std::exchange(number_, -1); }
+  explicit operator bool() const { return number_ >= 0; }  ///< whether there is one
+  int get() const { return number_; }                      ///< the number, which stays owned; -1 without one
+  int release() { return std::exchange(number_, -1); }     ///< gives the number away; it is not closed any more
 
+  /// Closes it.
   void reset() {
     if (number_ < 0) return;
     const int reason = errno;

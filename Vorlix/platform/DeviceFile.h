@@ -13,6 +13,7 @@
 
 namespace vorlix {
 
+/// What a device is opened for.
 enum class DeviceAccess { readOnly, readWrite };
 
 /// Advisory lock against other processes. It covers the whole disk, even if a slice is opened, except on macOS, which
@@ -27,13 +28,13 @@ struct DeviceIdentity {
   /// Bytes from the start of that disk to what was opened. Absent if the system does not know.
   std::optional<uint64_t> offset;
 
-  friend bool operator==(const DeviceIdentity&, const DeviceIdentity&) = default;
+  friend bool operator==(const DeviceIdentity&, const DeviceIdentity&) = default;  ///< compares all fields
 };
 
 /// A run of bytes of an open device.
 struct DataRun {
-  uint64_t offset = 0;
-  uint64_t size = 0;
+  uint64_t offset = 0;  ///< bytes from the start of what was opened
+  uint64_t size = 0;    ///< bytes; 0 at the end of the device
 };
 
 /// An open device. Offsets count from the start of what was opened, the disk or the slice.
@@ -80,6 +81,7 @@ class DeviceHandle {
   virtual int close() = 0;
 };
 
+/// Opens devices.
 class DeviceFile {
  public:
   virtual ~DeviceFile() = default;

@@ -10,6 +10,7 @@
 
 namespace vorlix {
 
+/// Makes streams over open devices.
 class DeviceStreams {
  public:
   virtual ~DeviceStreams() = default;

@@ -41,23 +41,23 @@ inline constexpr const char* kDescriptionVolumeUUID = "DAVolumeUUID";  ///< UUID
 
 /// Why a request was refused: one of Disk Arbitration's published codes, and a text for people, which may be empty.
 struct Dissenter {
-  int32_t status = 0;
-  std::string text;
+  int32_t status = 0;  ///< a code such as kDissentBusy
+  std::string text;    ///< for people; may be empty
 };
 
 // Published dissenter codes. All are negative as signed numbers.
-inline constexpr int32_t kDissentError = static_cast<int32_t>(0xF8DA0001);
-inline constexpr int32_t kDissentBusy = static_cast<int32_t>(0xF8DA0002);
-inline constexpr int32_t kDissentBadArgument = static_cast<int32_t>(0xF8DA0003);
-inline constexpr int32_t kDissentExclusiveAccess = static_cast<int32_t>(0xF8DA0004);
-inline constexpr int32_t kDissentNoResources = static_cast<int32_t>(0xF8DA0005);
-inline constexpr int32_t kDissentNotFound = static_cast<int32_t>(0xF8DA0006);
-inline constexpr int32_t kDissentNotMounted = static_cast<int32_t>(0xF8DA0007);
-inline constexpr int32_t kDissentNotPermitted = static_cast<int32_t>(0xF8DA0008);
-inline constexpr int32_t kDissentNotPrivileged = static_cast<int32_t>(0xF8DA0009);
-inline constexpr int32_t kDissentNotReady = static_cast<int32_t>(0xF8DA000A);
-inline constexpr int32_t kDissentNotWritable = static_cast<int32_t>(0xF8DA000B);
-inline constexpr int32_t kDissentUnsupported = static_cast<int32_t>(0xF8DA000C);
+inline constexpr int32_t kDissentError = static_cast<int32_t>(0xF8DA0001);            ///< any other reason
+inline constexpr int32_t kDissentBusy = static_cast<int32_t>(0xF8DA0002);             ///< in use, or mounted already
+inline constexpr int32_t kDissentBadArgument = static_cast<int32_t>(0xF8DA0003);      ///< wrong argument
+inline constexpr int32_t kDissentExclusiveAccess = static_cast<int32_t>(0xF8DA0004);  ///< another process has it
+inline constexpr int32_t kDissentNoResources = static_cast<int32_t>(0xF8DA0005);      ///< out of memory or descriptors
+inline constexpr int32_t kDissentNotFound = static_cast<int32_t>(0xF8DA0006);         ///< no such device
+inline constexpr int32_t kDissentNotMounted = static_cast<int32_t>(0xF8DA0007);       ///< not mounted
+inline constexpr int32_t kDissentNotPermitted = static_cast<int32_t>(0xF8DA0008);     ///< refused by a policy
+inline constexpr int32_t kDissentNotPrivileged = static_cast<int32_t>(0xF8DA0009);    ///< needs an administrator
+inline constexpr int32_t kDissentNotReady = static_cast<int32_t>(0xF8DA000A);         ///< not ready yet
+inline constexpr int32_t kDissentNotWritable = static_cast<int32_t>(0xF8DA000B);      ///< write-protected
+inline constexpr int32_t kDissentUnsupported = static_cast<int32_t>(0xF8DA000C);      ///< no driver for it
 
 /// Called once with the result of a mount or unmount. No dissenter means success.
 using DiskCompletion = std::function<void(const std::optional<Dissenter>&)>;
@@ -82,14 +82,17 @@ class Disk {
     const std::optional<Dictionary> description = copyDescription();
     return description ? description->text(kDescriptionVolumeType) : std::nullopt;
   }
+  /// Returns the identifier of the volume from the description.
   virtual std::optional<UUID> volumeUUID() {
     const std::optional<Dictionary> description = copyDescription();
     return description ? description->uuid(kDescriptionVolumeUUID) : std::nullopt;
   }
+  /// Returns the bytes of a logical block from the description.
   virtual std::optional<int64_t> blockSize() {
     const std::optional<Dictionary> description = copyDescription();
     return description ? description->integer(kDescriptionMediaBlockSize) : std::nullopt;
   }
+  /// Returns where the volume is mounted, from the description.
   virtual std::optional<URL> volumePath() {
     const std::optional<Dictionary> description = copyDescription();
     return description ? description->url(kDescriptionVolumePath) : std::nullopt;
@@ -129,6 +132,7 @@ class DiskArbitrationSession {
   virtual void unschedule(RunLoop& loop, const std::string& mode) = 0;
 };
 
+/// Opens connections to disk arbitration.
 class DiskArbitration {
  public:
   virtual ~DiskArbitration() = default;

@@ -18,23 +18,23 @@ namespace vorlix {
 
 /// A run of bytes that changes. `before` and `after` have the same length.
 struct ByteChange {
-  uint64_t offset = 0;  ///< bytes from the start of the device it belongs to
-  std::vector<uint8_t> before;
-  std::vector<uint8_t> after;
-  std::string reason;  ///< for people: "hybrid MBR in sector 0"
+  uint64_t offset = 0;          ///< bytes from the start of the device it belongs to
+  std::vector<uint8_t> before;  ///< what the device has now
+  std::vector<uint8_t> after;   ///< what it will have
+  std::string reason;           ///< for people: "hybrid MBR in sector 0"
 };
 
 /// What changes on one device, in the order in which it is written.
 struct DeviceChange {
   std::string device;                    ///< the name by which people know it
   std::shared_ptr<DeviceHandle> handle;  ///< the handle it was looked at through, open for reading and writing
-  std::vector<ByteChange> bytes;
+  std::vector<ByteChange> bytes;         ///< runs that do not overlap
 };
 
 /// What one command does, in the order in which it is written.
 struct VORLIX_EXPORT DiskChange {
-  std::string title;  ///< for people, who may meet it in a journal: "hybrid MBR of mac.img"
-  std::vector<DeviceChange> devices;
+  std::string title;                  ///< for people, who may meet it in a journal: "hybrid MBR of mac.img"
+  std::vector<DeviceChange> devices;  ///< in the order in which they are written
 
   /// No byte would change.
   bool empty() const;
@@ -46,19 +46,20 @@ inline constexpr const char* kNothingWritten = "nothing was written";
 /// Why a change was not made.
 struct ChangeFailure {
   std::string subject;  ///< the device or file
-  std::string reason;
-  std::string state;  ///< what was and what was not written, kNothingWritten included
+  std::string reason;   ///< for people, without a full stop
+  std::string state;    ///< what was and what was not written, kNothingWritten included
 };
 
 /// Where the journal of a change is kept after the change.
 struct ChangeBackup {
+  /// A place for the journal.
   enum class Place {
     none,         ///< nowhere: the change cannot be undone
     stateFolder,  ///< beside the journals in the user's state folder
     folder        ///< in `folder`, which is created if it is missing
   };
-  Place place = Place::none;
-  std::string folder;
+  Place place = Place::none;  ///< where
+  std::string folder;         ///< path, of Place::folder alone
 };
 
 /// Makes a change, or leaves the devices as they were.
@@ -80,7 +81,7 @@ VORLIX_EXPORT std::optional<ChangeFailure> applyChange(const DiskChange& change)
 
 /// A change that a process began and did not finish.
 struct InterruptedChange {
-  std::string title;
+  std::string title;    ///< of the change, for people
   std::string journal;  ///< folder of its journal
   bool isLong = false;  ///< only its own command finishes it, LongChange.h
 };

@@ -8,6 +8,7 @@
 
 namespace vorlix {
 
+/// Port: copies files and folders.
 class FileCopy {
  public:
   virtual ~FileCopy() = default;

@@ -15,15 +15,15 @@ namespace vorlix {
 
 /// A kernel return code: 0 is success.
 using KernReturn = int32_t;
-inline constexpr KernReturn kKernSuccess = 0;
-inline constexpr KernReturn kKernFailure = 5;
+inline constexpr KernReturn kKernSuccess = 0;  ///< success
+inline constexpr KernReturn kKernFailure = 5;  ///< any failure
 
 /// A token for calls to the registry.
 using MasterPort = uint32_t;
 
 // Planes.
-inline constexpr const char* kServicePlane = "IOService";
-inline constexpr const char* kDeviceTreePlane = "IODeviceTree";
+inline constexpr const char* kServicePlane = "IOService";        ///< where services are below what provides them
+inline constexpr const char* kDeviceTreePlane = "IODeviceTree";  ///< the hardware as the firmware describes it
 
 /// One device or driver. It is valid as long as somebody holds it.
 class RegistryEntry {
@@ -59,6 +59,7 @@ struct RegistryMatching {
   Dictionary properties;                 ///< properties with equal values
 };
 
+/// Port: walks and matches the entries of the registry.
 class IORegistry {
  public:
   virtual ~IORegistry() = default;

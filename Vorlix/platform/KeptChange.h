@@ -16,9 +16,9 @@ namespace vorlix {
 
 /// A file or folder on a mounted volume that a command replaced or made.
 struct FileChange {
-  std::string volume;  ///< name of the volume's device; empty if the system has none for it
-  std::string path;    ///< from the root of the volume: "/EFI/Microsoft/Boot/BCD"; absolute if there is no device
-  bool isFolder = false;
+  std::string volume;     ///< name of the volume's device; empty if the system has none for it
+  std::string path;       ///< from the root of the volume: "/EFI/Microsoft/Boot/BCD"; absolute if there is no device
+  bool isFolder = false;  ///< a folder that was made
   std::optional<std::vector<uint8_t>> before;  ///< content of the file that was replaced; absent if there was none
   std::string after;                           ///< SHA-256 of the new content, hexadecimal; empty for a folder
 };

@@ -18,16 +18,17 @@ namespace vorlix {
 
 /// A run of bytes of the content that is on the medium.
 struct ContentPiece {
+  /// How the bytes got there.
   enum class Kind {
     data,
     zeros,
     unused  ///< was not written: the file system does not use it
   };
 
-  Kind kind = Kind::data;
-  uint64_t offset = 0;  ///< bytes from the start of the device
-  uint64_t length = 0;
-  std::string hash;  ///< of data: SHA-256, hexadecimal; empty if it is not to be compared
+  Kind kind = Kind::data;  ///< data has a hash
+  uint64_t offset = 0;     ///< bytes from the start of the device
+  uint64_t length = 0;     ///< bytes
+  std::string hash;        ///< of data: SHA-256, hexadecimal; empty if it is not to be compared
 };
 
 /// Where the content comes from, and which device it overwrites.
@@ -43,8 +44,8 @@ class VORLIX_EXPORT LongChange {
  public:
   virtual ~LongChange();
 
-  virtual const std::string& folder() const = 0;
-  virtual const ContentOrigin& origin() const = 0;
+  virtual const std::string& folder() const = 0;    ///< path of the journal
+  virtual const ContentOrigin& origin() const = 0;  ///< as the journal has it
 
   /// The structures, in the order in which they are written when the content is complete. A journal that was read has
   /// no handles in it.

@@ -10,6 +10,7 @@
 
 namespace vorlix {
 
+/// A volume in the list of the system.
 struct MountedVolume {
   std::string name;                      ///< label, else the mount folder's name; UTF-8
   std::optional<std::string> mountPath;  ///< absent if the system knows no path of the volume's root
@@ -18,6 +19,7 @@ struct MountedVolume {
   std::optional<uint64_t> freeSpace;     ///< bytes that an ordinary user can write; absent likewise
 };
 
+/// Port: lists the mounted volumes.
 class MountedVolumes {
  public:
   virtual ~MountedVolumes() = default;

@@ -7,6 +7,7 @@
 
 namespace vorlix {
 
+/// Port: pauses of the calling thread.
 class Pauses {
  public:
   virtual ~Pauses() = default;

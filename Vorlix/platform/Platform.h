@@ -37,28 +37,28 @@ class WimApplying;
 
 /// One object for each port. In the set in use none is null.
 struct Platform {
-  std::shared_ptr<DeviceFile> deviceFile;
-  std::shared_ptr<DiskArbitration> diskArbitration;
-  std::shared_ptr<RunLoops> runLoops;
-  std::shared_ptr<IORegistry> ioRegistry;
-  std::shared_ptr<FileCopy> fileCopy;
-  std::shared_ptr<HostBundle> hostBundle;
-  std::shared_ptr<ChildProcess> childProcess;
-  std::shared_ptr<CodeSigning> codeSigning;
-  std::shared_ptr<SystemLog> systemLog;
-  std::shared_ptr<MountedVolumes> mountedVolumes;
-  std::shared_ptr<UserIdentity> userIdentity;
-  std::shared_ptr<Shell> shell;
-  std::shared_ptr<VolumeMirrors> volumeMirrors;
-  std::shared_ptr<DeviceStreams> deviceStreams;
-  std::shared_ptr<Files> files;
-  std::shared_ptr<FilesInPlace> filesInPlace;
-  std::shared_ptr<Pauses> pauses;
-  std::shared_ptr<SystemPaths> systemPaths;
-  std::shared_ptr<UserLocale> userLocale;
-  std::shared_ptr<Unpacking> unpacking;
-  std::shared_ptr<BlockCoding> blockCoding;
-  std::shared_ptr<WimApplying> wimApplying;
+  std::shared_ptr<DeviceFile> deviceFile;            ///< devices, slices and image files as bytes
+  std::shared_ptr<DiskArbitration> diskArbitration;  ///< descriptions, mounting and unmounting
+  std::shared_ptr<RunLoops> runLoops;                ///< the calling thread's run loop
+  std::shared_ptr<IORegistry> ioRegistry;            ///< the tree of devices
+  std::shared_ptr<FileCopy> fileCopy;                ///< copies of files and folders
+  std::shared_ptr<HostBundle> hostBundle;            ///< the resources that a host ships
+  std::shared_ptr<ChildProcess> childProcess;        ///< programs to run
+  std::shared_ptr<CodeSigning> codeSigning;          ///< the check of callers
+  std::shared_ptr<SystemLog> systemLog;              ///< the log of the system
+  std::shared_ptr<MountedVolumes> mountedVolumes;    ///< the list of mounted volumes
+  std::shared_ptr<UserIdentity> userIdentity;        ///< the user of the process
+  std::shared_ptr<Shell> shell;                      ///< commands by the shell
+  std::shared_ptr<VolumeMirrors> volumeMirrors;      ///< FAT volumes that no kernel mounts
+  std::shared_ptr<DeviceStreams> deviceStreams;      ///< devices as streams of C
+  std::shared_ptr<Files> files;                      ///< looking at files and folders
+  std::shared_ptr<FilesInPlace> filesInPlace;        ///< syncing and renaming
+  std::shared_ptr<Pauses> pauses;                    ///< pauses of a thread
+  std::shared_ptr<SystemPaths> systemPaths;          ///< where the log and the status tool are
+  std::shared_ptr<UserLocale> userLocale;            ///< the decimal separator
+  std::shared_ptr<Unpacking> unpacking;              ///< packed files
+  std::shared_ptr<BlockCoding> blockCoding;          ///< packing and hashing of blocks
+  std::shared_ptr<WimApplying> wimApplying;          ///< volumes made of WIMs
 };
 
 /// Returns the ports of the operating system that this library was built for.

@@ -12,6 +12,7 @@ namespace vorlix {
 /// The default mode of a run loop.
 inline constexpr const char* kDefaultRunLoopMode = "kCFRunLoopDefaultMode";
 
+/// Why a run of the loop has ended.
 enum class RunLoopResult {
   noSources,      ///< the mode has no source; the call returned at once
   timedOut,       ///< nothing happened within the time limit
@@ -31,6 +32,7 @@ class RunLoop {
   virtual RunLoopResult run(const std::string& mode, std::chrono::milliseconds limit) = 0;
 };
 
+/// Port: the run loops of threads.
 class RunLoops {
  public:
   virtual ~RunLoops() = default;

@@ -7,6 +7,7 @@
 
 namespace vorlix {
 
+/// Port: runs commands by the system's command interpreter.
 class Shell {
  public:
   virtual ~Shell() = default;

@@ -10,9 +10,10 @@
 
 namespace vorlix {
 
+/// A name `<whole>s<N>` in its parts.
 struct SliceName {
-  std::string whole;
-  uint32_t number;
+  std::string whole;  ///< the name of the whole disk
+  uint32_t number;    ///< of the slice, from 1
 };
 
 /// Splits "mac.imgs3" into "mac.img" and 3. Absent for a name of another form and for the number 0.

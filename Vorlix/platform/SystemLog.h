@@ -10,6 +10,7 @@ namespace vorlix {
 /// The format of a message in the system's log, on every system.
 inline constexpr const char* kSystemLogFormat = "Vorlix: %s";
 
+/// Port: writes to the system's log.
 class SystemLog {
  public:
   virtual ~SystemLog() = default;

@@ -53,6 +53,7 @@ class UnpackedBytes {
   virtual std::optional<uint64_t> size() const = 0;
 };
 
+/// Port: unpacks streams and looks into packed files.
 class Unpacking {
  public:
   virtual ~Unpacking() = default;

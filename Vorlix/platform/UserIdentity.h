@@ -7,6 +7,7 @@
 
 namespace vorlix {
 
+/// Port: the user of the process.
 class UserIdentity {
  public:
   virtual ~UserIdentity() = default;

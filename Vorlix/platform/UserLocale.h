@@ -7,6 +7,7 @@
 
 namespace vorlix {
 
+/// Port: the user's number format.
 class UserLocale {
  public:
   virtual ~UserLocale() = default;

@@ -18,15 +18,16 @@ namespace vorlix {
 
 /// A folder with copies of a volume's files. Changes to them are written back when the volume is unmounted.
 struct VolumeMirror {
+  /// What became of the volume behind a mirror.
   enum class Volume {
     there,    ///< it is mounted: unmounting writes the changes back
     gone,     ///< there is no device with its name
     replaced  ///< the device with its name holds another volume
   };
 
-  std::string device;  ///< the name of the device it was mounted from
-  std::string folder;
-  Volume volume = Volume::there;
+  std::string device;                ///< the name of the device it was mounted from
+  std::string folder;                ///< where the mirror is
+  Volume volume = Volume::there;     ///< as far as the system tells
   std::vector<std::string> changes;  ///< not yet on the volume: "new /a", "changed /b", "removed /c"
 };
 
@@ -34,10 +35,11 @@ struct VolumeMirror {
 /// and no process of this user can mount the volume; a caller that wants to mount it destroys the object first.
 class UnmountedVolume {
  public:
+  /// An entry of a folder.
   struct Item {
-    std::string name;  ///< in the spelling of the volume; UTF-8
-    bool isFolder = false;
-    uint64_t size = 0;  ///< of a file, in bytes
+    std::string name;       ///< in the spelling of the volume; UTF-8
+    bool isFolder = false;  ///< false for files
+    uint64_t size = 0;      ///< of a file, in bytes
   };
 
   virtual ~UnmountedVolume() = default;
@@ -76,6 +78,7 @@ class UnmountedVolume {
                                          const ChangeBackup& backup, std::string& kept, std::string& state) = 0;
 };
 
+/// Port: volumes that are used without a mount.
 class VolumeMirrors {
  public:
   virtual ~VolumeMirrors() = default;

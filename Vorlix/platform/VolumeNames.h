@@ -18,9 +18,11 @@ namespace vorlix {
 /// Returns whether a kind or type of volume, as in descriptions and listings, is NTFS, FAT or exFAT.
 VORLIX_EXPORT bool isCaseBlind(std::string_view fileSystem);
 
+/// @{
 /// The same for the volume on a device and for the volume that is mounted at a path. False if its kind is unknown.
 VORLIX_EXPORT bool isCaseBlindDevice(const std::string& device);
 VORLIX_EXPORT bool isCaseBlindMount(const std::string& mountPath);
+/// @}
 
 /// Returns the path of an item below a folder. If a folder does not have a name in this spelling, its own spelling is
 /// used, the first in sorting order if there are several. A name that it has in no spelling is used as it is.

@@ -18,20 +18,21 @@ struct NTFSPlace {
   uint32_t sectorSize = 512;  ///< bytes of the disk's logical sector
   uint64_t firstSector = 0;   ///< where the slice begins on the disk
 
-  friend bool operator==(const NTFSPlace&, const NTFSPlace&) = default;
+  friend bool operator==(const NTFSPlace&, const NTFSPlace&) = default;  ///< compares all fields
 };
 
 /// One image of a WIM, and the volume that is to be made of it.
 struct WimApplication {
-  std::string wim;     ///< path of the file
-  uint32_t index = 0;  ///< of the image, from 1
-  NTFSPlace place;
+  std::string wim;      ///< path of the file
+  uint32_t index = 0;   ///< of the image, from 1
+  NTFSPlace place;      ///< where the volume will stand
   std::string scratch;  ///< folder for the scratch file
 };
 
 /// Called from time to time. `total` is 0 where it is not known yet. Returns whether to go on.
 using WimObserver = std::function<bool(uint64_t done, uint64_t total)>;
 
+/// The volume that was made, or why there is none.
 struct AppliedWim {
   std::unique_ptr<DeviceHandle> volume;  ///< null if it was not made
   bool isStopped = false;                ///< the observer has said so
@@ -39,6 +40,7 @@ struct AppliedWim {
   std::string reason;                    ///< for people, without a full stop
 };
 
+/// Port: makes a volume of an image of a WIM.
 class WimApplying {
  public:
   virtual ~WimApplying() = default;

@@ -16,6 +16,7 @@ namespace vorlix {
 /// Has the resources that addResource() added and no others.
 class SimulatedHostBundle : public HostBundle {
  public:
+  /// Adds a resource at `path`; the host has no others.
   void addResource(const std::string& name, const std::string& type, std::string path,
                    const std::string& directory = "") {
     paths_.insert_or_assign({name, type, directory}, std::move(path));

@@ -31,6 +31,7 @@ namespace vorlix {
 /// Replaces the ports of this process as long as the object exists.
 class ScopedPlatform {
  public:
+  /// Puts `replacement` in force.
   explicit ScopedPlatform(Platform replacement) : before_(setPlatform(std::move(replacement))) {}
   ~ScopedPlatform() { setPlatform(std::move(before_)); }
   ScopedPlatform(const ScopedPlatform&) = delete;
@@ -49,7 +50,7 @@ struct SimulatedVolume {
   std::string name;          ///< label
   std::optional<UUID> uuid;  ///< volume identifier
   std::string mountPath;     ///< the mount point; addFile() and similar functions set what the library finds there
-  bool mounted = false;
+  bool mounted = false;      ///< whether it is mounted at the start
 };
 
 /// Registry calls that can be made to fail.
@@ -60,12 +61,13 @@ using RegistryEntryID = size_t;
 
 /// What a simulated program does when it runs. It ends by itself when everything that it writes has been read.
 struct SimulatedRun {
+  /// Which of its streams a program writes to.
   enum class Stream { output, error };
 
   /// What is read as one chunk; not empty.
   struct Piece {
-    Stream stream = Stream::output;
-    std::string bytes;
+    Stream stream = Stream::output;  ///< where it is written
+    std::string bytes;               ///< what is read
   };
 
   /// What the program writes. A run loop delivers it in this order, across both streams while both are being read.
@@ -124,6 +126,7 @@ class SimulatedMachine {
   /// Makes disk arbitration unreachable: no session can be opened.
   void refuseSessions();
 
+  /// @{
   /// Set what disk arbitration reports for a device: a volume on it, one key of its description set or removed, no
   /// description at all, no whole disk. A description has block size, size and names from the start, the keys of a
   /// volume after setVolume(), and its path while it is mounted.
@@ -132,15 +135,19 @@ class SimulatedMachine {
   void removeDescription(const std::string& device, const std::string& key);
   void hideDescription(const std::string& device);
   void hideWholeDisk(const std::string& device);
+  /// @}
 
+  /// @{
   /// Refuse all further mounts or unmounts of a device with a dissenter. Otherwise a mount without a volume is refused
   /// as unsupported, a second mount as busy, and an unmount of a volume that is not mounted as not mounted.
   void refuseMount(const std::string& device, int32_t status, const std::string& text = "");
   void refuseUnmount(const std::string& device, int32_t status, const std::string& text = "");
+  /// @}
 
   /// Delays each completion by `runs` runs of the loop that handle nothing.
   void delayCompletions(unsigned runs);
 
+  /// Returns whether disk arbitration has a volume of that device mounted.
   bool isMounted(const std::string& device) const;
 
   /// Adds a registry entry. `parents` has, for each plane that the entry is in, the entry above it; an absent one makes
@@ -171,12 +178,14 @@ class SimulatedMachine {
   /// Sets the status that the command interpreter returns for every command; 0 at first. It runs nothing.
   void setShellStatus(int status);
 
+  /// @{
   /// Add a folder, a file, a symbolic link or a pipe, and the folders above it. An item at that path is replaced.
   /// Entries are listed in the order in which they were added. The working folder is the root.
   void addFolder(const std::string& path);
   void addFile(const std::string& path, const std::string& contents = "");
   void addLink(const std::string& path, const std::string& target);
   void addPipe(const std::string& path);
+  /// @}
 
   /// Makes a folder, and the folders that are added below it later, ignore the case of names, like the volumes of some
   /// systems. Adds the folder if it does not exist.
@@ -191,10 +200,12 @@ class SimulatedMachine {
   /// Returns the contents of a file. Absent if there is no file at that path.
   std::optional<std::string> contentsOf(const std::string& path) const;
 
+  /// @{
   /// Set the path of the log, a real file, and of the tool that reports System Integrity Protection. Both have the
   /// usual paths at first.
   void setLogFile(const std::string& path);
   void setStatusTool(const std::string& path);
+  /// @}
 
   /// Sets the decimal separator; until then it is the user's.
   void setDecimalSeparator(const std::string& separator);
@@ -206,18 +217,22 @@ class SimulatedMachine {
   /// Makes copying `source` fail with `reason`.
   void failCopy(const std::string& source, const std::string& reason);
 
+  /// @{
   /// Adds a program at a path. Launching another path fails with ENOENT. A program that is terminated has the number of
   /// SIGTERM as its status, and the rest of its output is lost.
   void addProgram(const std::string& path, SimulatedProgram program);
   void addProgram(const std::string& path, SimulatedRun run);
+  /// @}
 
   /// Sets the result of checking the code of that process against any requirement. No other process is running.
   void setCodeCheck(int32_t process, CodeCheck outcome);
 
+  /// @{
   /// Return and set bytes of a device, without a line in the journal. Reading past the end returns fewer bytes.
   /// @throws std::out_of_range if setBytes() would write past the end.
   std::vector<uint8_t> bytes(const std::string& device, uint64_t offset, size_t count) const;
   void setBytes(const std::string& device, uint64_t offset, const std::vector<uint8_t>& bytes);
+  /// @}
 
   /// Makes an operation on a device fail with `error` after it has succeeded `successes` times.
   void fail(const std::string& device, Operation operation, int error, unsigned successes = 0);
@@ -234,6 +249,7 @@ class SimulatedMachine {
   /// Returns the lines of the journal that begin with "write" or "sync".
   std::vector<std::string> writes() const;
 
+  /// Forgets the lines so far.
   void clearJournal();
 
   /// Returns the number of devices that are open now.

@@ -13,8 +13,8 @@ namespace vorlix {
 /// Has the usual paths until a test sets others. Set none while another thread may log.
 class SimulatedSystemPaths : public SystemPaths {
  public:
-  void setLogFile(std::string path) { logFile_ = std::move(path); }
-  void setStatusTool(std::string path) { statusTool_ = std::move(path); }
+  void setLogFile(std::string path) { logFile_ = std::move(path); }        ///< a real file
+  void setStatusTool(std::string path) { statusTool_ = std::move(path); }  ///< a path of the simulated machine
 
   std::string logFile() override { return logFile_; }
   std::string statusTool() override { return statusTool_; }
