@@ -169,12 +169,12 @@ class InstalledLibrary(unittest.TestCase):
 
     def test_cmake_finds_it_and_the_example_prints_what_sgdisk_prints(self):
         build = self.cmake_project("by-cmake", SOURCE / "examples")
-        self.check_example(build / "print_tables")
+        self.check_example(build / "show_disk")
 
     def test_pkg_config_finds_it_and_the_example_prints_what_sgdisk_prints(self):
         program = self.work / "by-pkg-config"
         run(self.cc, "-std=gnu11", "-Wall", "-Wextra", "-Werror", *self.flags, "-o", program,
-            SOURCE / "examples" / "print_tables.c", *self.pkg_config("--cflags", "--libs"), *self.link_flags)
+            SOURCE / "examples" / "show_disk.c", *self.pkg_config("--cflags", "--libs"), *self.link_flags)
         self.check_example(program, env=dict(os.environ, LD_LIBRARY_PATH=str(self.library.parent)))
 
     def test_the_archive_alone_serves_a_host_in_c(self):
@@ -184,7 +184,7 @@ class InstalledLibrary(unittest.TestCase):
         program = self.work / "by-archive"
         libraries = [option for option in self.pkg_config("--static", "--libs") if not option.startswith("-L")]
         run(self.cc, "-std=gnu11", *self.flags, *self.pkg_config("--cflags"), "-o", program,
-            SOURCE / "examples" / "print_tables.c", f"-L{archive_only}", *libraries)
+            SOURCE / "examples" / "show_disk.c", f"-L{archive_only}", *libraries)
         self.assertNotIn("libvorlix", run("ldd", program))
         self.check_example(program)
 

@@ -2,7 +2,7 @@
 /*
  * Prints the MBR and the GPT of a disk or of a disk-image file:
  *
- *     print_tables mac.img
+ *     show_disk mac.img
  *
  * It only reads the disk. The library's messages go to its log file.
  */
@@ -68,7 +68,7 @@ static int print_gpt_of(FILE* disk, const char* path) {
 
 int main(int argc, char** argv) {
   if (argc != 2) {
-    fprintf(stderr, "usage: print_tables DISK\n");
+    fprintf(stderr, "usage: show_disk DISK\n");
     return 2;
   }
   FILE* disk = fopen(argv[1], "rb");
