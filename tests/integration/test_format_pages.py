@@ -6,17 +6,18 @@ import json
 import os
 import pathlib
 import plistlib
+import random
 import re
 import subprocess
 import unittest
 import uuid
 
-from support import samples, volumes
+from support import hive, samples, volumes
 
 PAGES = pathlib.Path(os.environ["VORLIX_SOURCE"]) / "docs" / "formats"
 PROBE = os.environ["VORLIX_ARCHIVE_PROBE"]
 MISSING = volumes.missing("sgdisk", "sfdisk", "mkntfs", "ntfsinfo", "mkfs.vfat", "fsck.vfat", "blkid", "mkfs.exfat",
-                          "dump.exfat", "plistutil")
+                          "dump.exfat", "plistutil", "mtype")
 START = 300032  # the LBA where a volume is said to begin
 SERIAL = 0x12345678
 
@@ -229,6 +230,22 @@ class FormatPages(volumes.VolumeTest):
             self.assertEqual(pathlib.Path(saved).read_bytes(), pathlib.Path(source).read_bytes()[first:first + count])
         record = Layout("boot-records.md", "Boot record of a volume")
         self.assertEqual(record.bytes(pathlib.Path(self.path("vbr")).read_bytes(), "signature"), b"\x55\xaa")
+
+    def test_store_slots_are_where_the_guids_stand_that_sgdisk_prints(self):
+        modes = {row[0]: row[2:] for row in rows("store-slots.md", "Offsets")}
+        self.assertEqual(list(modes), list(hive.ELEMENTS))
+        for mode, offsets in modes.items():
+            disk = self.give(volumes.make_mac(self.path(f"{mode}.img"), {}))
+            template = self.file(f"{mode}.template", hive.prepared_store(random.Random(1).randbytes(24576), mode))
+            result = self.vorlix_run("bcd", disk, "--partition", volumes.WINDOWS.number, "--template", template, "--mode", mode,
+                                     "--no-backup")
+            self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+            store = volumes.mtools("mtype", disk, "::/EFI/Microsoft/Boot/BCD", offset=volumes.EFI_OFFSET)
+            info = samples.run("sgdisk", "--print", f"--info={volumes.WINDOWS.number}", disk)
+            for pattern, places in zip((r"unique GUID: (\S+)", r"Disk identifier \(GUID\): (\S+)"), offsets):
+                guid = uuid.UUID(found(pattern, info)).bytes_le
+                at = [match.start() for match in re.finditer(re.escape(guid), store)]
+                self.assertEqual(at, sorted(map(int, places.split(", "))), f"{mode}, {pattern}")
 
     def archive(self, command, record):
         path = self.path("record.archive")
