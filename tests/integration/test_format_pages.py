@@ -232,10 +232,11 @@ class FormatPages(volumes.VolumeTest):
         self.assertEqual(record.bytes(pathlib.Path(self.path("vbr")).read_bytes(), "signature"), b"\x55\xaa")
 
     def test_store_slots_are_where_the_guids_stand_that_sgdisk_prints(self):
+        folders = {"EFI": None, "EFI/Microsoft": None, "EFI/Microsoft/Boot": None}
         modes = {row[0]: row[2:] for row in rows("store-slots.md", "Offsets")}
         self.assertEqual(list(modes), list(hive.ELEMENTS))
         for mode, offsets in modes.items():
-            disk = self.give(volumes.make_mac(self.path(f"{mode}.img"), {}))
+            disk = self.give(volumes.make_mac(self.path(f"{mode}.img"), folders))
             template = self.file(f"{mode}.template", hive.prepared_store(random.Random(1).randbytes(24576), mode))
             result = self.vorlix_run("bcd", disk, "--partition", volumes.WINDOWS.number, "--template", template, "--mode", mode,
                                      "--no-backup")
