@@ -185,8 +185,8 @@ std::vector<FileChange> changesOf(const std::string& slice, const StartFilesPlan
 std::string write(const WindowsStartOptions& options, const std::string& slice, const VolumeFolder& root,
                   const StartFilesPlan& plan) {
   constexpr const char* kPartly = "some of the files are in place; run the command again for the rest, or undo it";
-  const char* const firmware = options.firmware == StartFirmware::efi ? "EFI" : "BIOS";
-  FileBackup backup(std::string("files for an ") + firmware + " start on " + slice, changesOf(slice, plan),
+  const char* const firmware = options.firmware == StartFirmware::efi ? "an EFI" : "a BIOS";
+  FileBackup backup(std::string("files for ") + firmware + " start on " + slice, changesOf(slice, plan),
                     *options.backup);
   const auto split = [](const std::string& path) {
     const size_t slash = path.rfind('/');
