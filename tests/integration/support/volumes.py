@@ -3,6 +3,7 @@
 
 import atexit
 import functools
+import glob
 import hashlib
 import os
 import shutil
@@ -63,10 +64,10 @@ def command_for_user(command):
 
 
 def copy_command(command, folder):
-    """Copies the command line and the folder tools/bin beside it. Returns the copy's path."""
-    companions = os.path.join(os.path.dirname(command), "tools")
-    if os.path.isdir(companions):
-        shutil.copytree(companions, os.path.join(folder, "tools"))
+    """Copies the command line, its modules and the folder tools/bin beside it. Returns the copy's path."""
+    for companions in (os.path.join(os.path.dirname(command), "tools"), *glob.glob(os.path.dirname(command) + "/vorlix-[0-9]*")):
+        if os.path.isdir(companions):
+            shutil.copytree(companions, os.path.join(folder, os.path.basename(companions)))
     return shutil.copy(command, folder)
 
 
