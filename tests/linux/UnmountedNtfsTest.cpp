@@ -31,8 +31,7 @@ using vorlix::test::run;
 using vorlix::test::TemporaryFolder;
 using Bytes = std::vector<uint8_t>;
 
-constexpr uint64_t kStart = uint64_t{20520} * 512;  // of slice 3 of makeMacImage()
-constexpr uint64_t kSize = uint64_t{40960} * 512;
+constexpr uint64_t kSize = uint64_t{40960} * 512;  // of slice 3 of makeMacImage()
 
 /// The companion program of the build, or another in its place.
 class OneCompanion final : public vorlix::HostBundle {
@@ -300,7 +299,7 @@ TEST_F(UnmountedNtfs, DamagedVolumesAreReadOrRefused) {
   for (int number = 0; number < 400; ++number) {
     std::string bytes = sound;
     if (number % 8 == 0) bytes.resize(random() % bytes.size() / 512 * 512 + 512);
-    for (size_t i = 0; number % 8 != 0 && i < 1U + number % 40; ++i) {
+    for (size_t i = 0; number % 8 != 0 && i < size_t{1} + static_cast<size_t>(number) % 40; ++i) {
       const size_t at = number % 8 == 1 ? random() % 90 : places[random() % places.size()] + random() % 1024;
       bytes[at] = number % 2 == 0 ? static_cast<char>(random()) : static_cast<char>(bytes[at] ^ (1 << random() % 8));
     }
