@@ -46,9 +46,11 @@ struct RestoreResult {
   };
   End end = End::failed;
   ChangeFailure failure;  ///< of a failed one
-  std::string journal;  ///< folder of the journal from which it can go on; empty if nothing was written, or at the end
-  std::string kept;     ///< folder of the backup of the structures; empty if there is none
-  uint64_t size = 0;    ///< bytes of the volume that are on the medium
+  std::string journal;   ///< folder of the journal from which it can go on; empty if nothing was written, or at the end
+  std::string kept;      ///< folder of the backup of the structures; empty if there is none
+  uint64_t size = 0;     ///< bytes of the volume that are on the medium
+  bool isBlank = false;  ///< of one that is not done: the volume has no boot sector, so nothing takes it for whole
+  bool isCompared = false;  ///< of one that is done: all of its content was read back and compared
 };
 
 /// Restores a volume. `source` is at its beginning.

@@ -14,6 +14,7 @@ separate_arguments(flags UNIX_COMMAND "${flags}")
 
 file(GLOB checked CONFIGURE_DEPENDS platform/macos/*.cpp platform/posix/*.cpp platform/posix/*/*.cpp platform/changes/*.cpp platform/*.cpp foundation/*.cpp foundation/*/*.cpp
      library/*.cpp library/*/*.cpp platform/simulated/*.cpp tests/macos/Declarations.cpp)
+list(TRANSFORM VORLIX_COMPANION_DEFINITIONS PREPEND -D OUTPUT_VARIABLE companion_definitions)
 set(stamps)
 file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/check-macos/include)
 
@@ -55,7 +56,7 @@ foreach(source ${checked})
     OUTPUT ${stamp}
     COMMAND ${VORLIX_CLANGXX} ${flags} -std=c++20 -fsyntax-only -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
             -I${PROJECT_SOURCE_DIR} -isystem ${PROJECT_BINARY_DIR}/check-macos/include
-            -DVORLIX_VERSION="${PROJECT_VERSION}" -MMD -MT ${stamp} -MF ${stamp}.d ${source}
+            -DVORLIX_VERSION="${PROJECT_VERSION}" ${companion_definitions} -MMD -MT ${stamp} -MF ${stamp}.d ${source}
     COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
     DEPENDS ${source}
     DEPFILE ${stamp}.d

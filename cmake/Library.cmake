@@ -61,6 +61,8 @@ foreach(from BINDIR LIBDIR)
                COMPILE_DEFINITIONS VORLIX_RESOURCES_FROM_${from}="${relative}")
 endforeach()
 
+vorlix_companion_folders()
+
 foreach(kind SHARED STATIC)
   string(TOLOWER ${kind} suffix)
   add_library(vorlix_${suffix} ${kind} $<TARGET_OBJECTS:vorlix_objects>)
@@ -70,6 +72,11 @@ endforeach()
 set_target_properties(vorlix_shared PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
                                                EXPORT_NAME Vorlix)
 set_target_properties(vorlix_static PROPERTIES EXPORT_NAME VorlixStatic)
+if(NOT APPLE AND NOT VORLIX_SANITIZE)  # with sanitizers, their runtime has to see more
+  set(script ${PROJECT_SOURCE_DIR}/cmake/exports-linux.map)
+  target_link_options(vorlix_shared PRIVATE LINKER:--version-script=${script})
+  set_target_properties(vorlix_shared PROPERTIES LINK_DEPENDS ${script})
+endif()
 add_library(Vorlix::Vorlix ALIAS vorlix_shared)
 add_library(Vorlix::VorlixStatic ALIAS vorlix_static)
 
@@ -136,7 +143,6 @@ if(APPLE)
 else()
   pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET GLOBAL libcrypto)
   pkg_check_modules(MOUNT REQUIRED IMPORTED_TARGET GLOBAL mount)
-  set(VORLIX_PC_MODULES ", libcrypto, mount")
   set(VORLIX_ANCHOR_FOLDER "/etc/vorlix/anchors" CACHE PATH "Trusted certificates of callers' signatures")
   target_compile_definitions(vorlix_objects PRIVATE VORLIX_ANCHOR_FOLDER="${VORLIX_ANCHOR_FOLDER}")
 
@@ -181,7 +187,9 @@ else()
                 $<TARGET_OBJECTS:vorlix_${name}_objects>)
     target_link_libraries(vorlix_${name} PRIVATE vorlix_headers ${libraries})
     if(NOT VORLIX_SANITIZE)  # whose runtime is the program's
-      target_link_options(vorlix_${name} PRIVATE LINKER:-z,defs)
+      set(script ${PROJECT_SOURCE_DIR}/cmake/exports-module.map)
+      target_link_options(vorlix_${name} PRIVATE LINKER:-z,defs LINKER:--version-script=${script})
+      set_target_properties(vorlix_${name} PROPERTIES LINK_DEPENDS ${script})
     endif()
     set_target_properties(vorlix_${name} PROPERTIES PREFIX "" OUTPUT_NAME ${name} LINKER_LANGUAGE CXX
                           LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${VORLIX_MODULE_FOLDER})

@@ -3,6 +3,8 @@
 /// A universally unique identifier as a value.
 #pragma once
 
+#include <Vorlix/foundation/Export.h>
+
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -12,7 +14,7 @@
 namespace vorlix {
 
 /// Sixteen bytes in the order of the text form (RFC 9562), not in the mixed-endian order of GPT and Windows.
-class UUID {
+class VORLIX_EXPORT UUID {
  public:
   using Bytes = std::array<uint8_t, 16>;
 

@@ -99,7 +99,7 @@ class Disk {
   virtual std::shared_ptr<Disk> wholeDisk() = 0;
 
   /// Mounts the disk's volume at a place that the system chooses. Known arguments: "nobrowse" hides the volume from the
-  /// desktop's lists, "rw" requests reading and writing.
+  /// desktop's lists, "rw" requests reading and writing, "rdonly" reading only: no byte of the disk changes.
   ///
   /// The completion runs only on the run loop that the session is scheduled on, in that mode. A request without a
   /// completion is carried out at the latest when the session ends.

@@ -27,7 +27,7 @@ struct ContentPiece {
   Kind kind = Kind::data;
   uint64_t offset = 0;  ///< bytes from the start of the device
   uint64_t length = 0;
-  std::string hash;  ///< of data: SHA-256, hexadecimal
+  std::string hash;  ///< of data: SHA-256, hexadecimal; empty if it is not to be compared
 };
 
 /// Where the content comes from, and which device it overwrites.

@@ -7,6 +7,7 @@
 #include <Vorlix/platform/DiskArbitration.h>
 #include <Vorlix/platform/DiskChange.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -29,8 +30,8 @@ struct VolumeMirror {
   std::vector<std::string> changes;  ///< not yet on the volume: "new /a", "changed /b", "removed /c"
 };
 
-/// Access to the files of a volume that is not mounted. While the object exists, the disk is locked and no process of
-/// this user can mount the volume; a caller that wants to mount it destroys the object first.
+/// Access to the files of a volume that is not mounted. While an object of openUnmounted() exists, the disk is locked
+/// and no process of this user can mount the volume; a caller that wants to mount it destroys the object first.
 class UnmountedVolume {
  public:
   struct Item {
@@ -44,8 +45,22 @@ class UnmountedVolume {
   /// Returns the items of a folder. @param folder  "" for the root, else like "/EFI/Boot" in the volume's spelling.
   virtual std::vector<Item> itemsIn(const std::string& folder) const = 0;
 
+  /// Returns the items of a folder as itemsIn() does, and also says if the folder cannot be read.
+  /// @return why it cannot be read; absent for success.
+  virtual std::optional<Dissenter> list(const std::string& folder, std::vector<Item>& items) const {
+    items = itemsIn(folder);
+    return std::nullopt;
+  }
+
   /// Reads a whole file. @return why it cannot be read; absent for success.
   virtual std::optional<Dissenter> read(const std::string& file, std::vector<uint8_t>& bytes) const = 0;
+
+  /// Reads the first `count` bytes of a file, fewer if the file is smaller. Unlike read(), it may be of any size.
+  virtual std::optional<Dissenter> readStart(const std::string& file, size_t count, std::vector<uint8_t>& bytes) const {
+    std::optional<Dissenter> refusal = read(file, bytes);
+    if (bytes.size() > count) bytes.resize(count);
+    return refusal;
+  }
 
   /// Returns how many bytes a file at that path can have, including those of the file that is there now.
   virtual uint64_t roomFor(const std::string& file) const = 0;
@@ -84,14 +99,19 @@ class VolumeMirrors {
   /// Removes a mirror with all changes in it. @return why it was refused; absent for success.
   virtual std::optional<Dissenter> discard(const VolumeMirror& mirror) = 0;
 
-  /// Opens a volume that is not mounted, to look at its files only: nothing is locked, and write() of the result always
-  /// refuses. Returns null without a `refusal` if the volume is mounted or the system has no such way, and null with
-  /// one if the volume cannot be read.
+  /// Opens a volume that is not mounted, to look at its files only: nothing is locked or changed, and write() of the
+  /// result always refuses. On Linux the volume may be FAT or NTFS, and a file of NTFS at most 512 MiB. Returns null
+  /// without a `refusal` if the volume is mounted or the system has no such way, and null with one if the volume cannot
+  /// be read.
   virtual std::unique_ptr<UnmountedVolume> openToRead(const std::string& device, std::optional<Dissenter>& refusal) {
     static_cast<void>(device);
     refusal.reset();
     return nullptr;
   }
+
+  /// Says that all files of a mirror may be removed from its volume when this process unmounts it. Otherwise that is
+  /// refused, because a mirror that was emptied by mistake looks the same. @param folder  of the mirror
+  virtual void allowEmpty(const std::string& folder) { static_cast<void>(folder); }
 };
 
 /// For systems without mirrors.

@@ -86,10 +86,11 @@ void readMountedStore(const std::string& folder, BackupPart& part) {
   if (!content) part.missing = "the EFI System Partition has none that can be read";
 }
 
-// Finds an item of an unmounted volume in any spelling.
+// Finds an item of an unmounted volume in any spelling. Absent with a refusal if the folder cannot be read.
 std::optional<UnmountedVolume::Item> findItem(const UnmountedVolume& volume, const std::string& folder,
-                                              const char* name) {
-  const std::vector<UnmountedVolume::Item> items = volume.itemsIn(folder);
+                                              const char* name, std::optional<Dissenter>& refusal) {
+  std::vector<UnmountedVolume::Item> items;
+  if ((refusal = volume.list(folder, items))) return std::nullopt;
   for (const UnmountedVolume::Item& item : items) {
     if (!spellingsOf({item.name}, name).empty()) return item;
   }
@@ -107,7 +108,11 @@ void readUnmountedStore(const std::string& slice, BackupPart& part) {
   std::string path;
   uint64_t size = 0;
   for (const char* const name : {"EFI", "Microsoft", "Boot", kStore}) {
-    const auto item = findItem(*volume, path, name);
+    const auto item = findItem(*volume, path, name, refusal);
+    if (refusal) {
+      part.missing = slice + ": " + refusal->text;
+      return;
+    }
     if (!item || item->isFolder != (std::string_view(name) != kStore)) {
       part.missing = "the EFI System Partition has none";
       return;

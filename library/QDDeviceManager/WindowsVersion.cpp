@@ -5,8 +5,8 @@
 #include <Vorlix/QDTaskHelper.h>
 #include <Vorlix/QDVolume.h>
 #include <Vorlix/foundation/CaseFolding.h>
+#include <Vorlix/platform/CompanionProgram.h>
 #include <Vorlix/platform/Files.h>
-#include <Vorlix/platform/HostBundle.h>
 #include <Vorlix/platform/Platform.h>
 
 #include <array>
@@ -79,7 +79,7 @@ vorlix::Dictionary QDDeviceManager::versionOfWindowsFromVolume(const std::shared
     for (const char* key : {"product", "currentBuildNumber", "buildLabEx", "bootenv"}) version.set(key, std::string());
     return version;
   }
-  const auto tool = vorlix::platform().hostBundle->pathForResource("registry_lookup", "", "tools/bin");
+  const auto tool = vorlix::companionProgram("registry_lookup");
   const std::string hive = vorlix::pathOnVolume(*volume, *system32, {"config", "SOFTWARE"});
   const auto productName = registryValue(tool, hive, "ProductName");
   const std::string edition = registryValue(tool, hive, "EditionID").value_or("");

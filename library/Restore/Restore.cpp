@@ -5,8 +5,11 @@
 #include <Vorlix/platform/SystemError.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <exception>
+#include <future>
 #include <utility>
 
 #include "Pieces.h"
@@ -69,23 +72,34 @@ class Run {
     }
   }
 
-  RestoreResult run(bool compare, std::string& kept) {
+  RestoreResult run(bool compare) {
     RestoreResult result;
-    if (auto failure = write(); !failure && !isCancelled_) {
-      if (compare) failure = this->compare();
-      if (!failure && !isCancelled_) failure = writeStructures();
-      if (!failure && !isCancelled_) failure = journal_.finish(kept);
-      if (failure) result.failure = *failure;
-      result.end = failure ? RestoreResult::End::failed : RestoreResult::End::done;
-    } else if (failure) {
-      result.failure = *failure;
+    const std::string folder = journal_.folder();
+    std::optional<ChangeFailure> failure;
+    try {
+      failure = runSteps(compare, result.kept);
+    } catch (const std::exception& error) {  // no memory, or no thread
+      failure = {name_, error.what(), ""};
     }
-    if (isCancelled_) result.end = RestoreResult::End::cancelled;
+    if (failure) result.failure = *failure;
+    if (!failure) result.end = isCancelled_ ? RestoreResult::End::cancelled : RestoreResult::End::done;
+    if (!isJournalGone_) result.journal = folder;
+    if (result.end != RestoreResult::End::done) result.isBlank = isBlank();
     result.size = position_;
+    result.isCompared = isCompared_ && result.end == RestoreResult::End::done;
     return result;
   }
 
  private:
+  std::optional<ChangeFailure> runSteps(bool compare, std::string& kept) {
+    std::optional<ChangeFailure> failure = write(compare);
+    if (!failure && !isCancelled_ && compare) failure = this->compare();
+    if (!failure && !isCancelled_) failure = writeStructures();
+    if (failure || isCancelled_) return failure;
+    isJournalGone_ = true;  // also if its backup cannot be kept
+    return journal_.finish(kept);
+  }
+
   ChangeFailure failureAt(uint64_t offset, const std::string& reason) const {
     return {name_, "at byte " + std::to_string(offset) + ": " + reason, ""};
   }
@@ -99,7 +113,7 @@ class Run {
     return !isCancelled_;
   }
 
-  std::optional<ChangeFailure> write() {
+  std::optional<ChangeFailure> write(bool withHashes) {
     if (!journal_.pieces().empty()) {
       position_ = journal_.pieces().back().offset + journal_.pieces().back().length;
     }
@@ -108,7 +122,7 @@ class Run {
     } else if (auto failure = skip()) {
       return failure;
     }
-    PieceReader reader(source_, places_);
+    PieceReader reader(source_, places_, withHashes);
     while (mayGoOn(RestoreProgress::Phase::writing, position_)) {
       HashedPiece read = reader.next();
       if (read.piece.kind == ImagePiece::Kind::end) return checkpoint();
@@ -138,8 +152,30 @@ class Run {
   std::optional<ChangeFailure> blank() {
     const std::vector<uint8_t> zeros(kBlank);
     const ssize_t done = volume_.writeAt(zeros.data(), zeros.size(), 0);
-    if (done != static_cast<ssize_t>(zeros.size())) return errorAt(0, done);
-    return volume_.sync() == 0 ? std::nullopt : std::optional(errorAt(0, -1));
+    if (done == static_cast<ssize_t>(zeros.size())) {
+      return volume_.sync() == 0 ? std::nullopt : std::optional(errorAt(0, -1));
+    }
+    ChangeFailure failure = errorAt(0, done);
+    if (isAsBefore()) {  // nothing was written, so that there is nothing to go on with
+      journal_.remove();
+      isJournalGone_ = true;
+      failure.state = kNothingWritten;
+    }
+    return failure;
+  }
+
+  bool isAsBefore() {
+    const std::vector<ByteChange>& runs = journal_.structures().devices[journal_.origin().device].bytes;
+    const auto first = std::find_if(runs.begin(), runs.end(), [](const ByteChange& run) { return run.offset == 0; });
+    if (first == runs.end() || first->before.size() < kBlank) return false;
+    std::vector<uint8_t> now(kBlank);
+    return volume_.readMediumAt(now.data(), now.size(), 0) == static_cast<ssize_t>(now.size()) &&
+           std::equal(now.begin(), now.end(), first->before.begin());
+  }
+
+  bool isBlank() {
+    std::vector<uint8_t> now(kBlank);
+    return volume_.readAt(now.data(), now.size(), 0) == static_cast<ssize_t>(now.size()) && isZero(now.data(), kBlank);
   }
 
   std::optional<ChangeFailure> put(const HashedPiece& read) {
@@ -218,29 +254,47 @@ class Run {
     return std::nullopt;
   }
 
+  // One piece is hashed while the next is read. Pieces of an earlier run that did not compare have no hashes.
   std::optional<ChangeFailure> compare() {
-    std::vector<uint8_t> bytes(kLargestPiece);
+    std::array<std::vector<uint8_t>, 2> buffers = {std::vector<uint8_t>(kLargestPiece),
+                                                   std::vector<uint8_t>(kLargestPiece)};
     PieceHash hash;
+    uint64_t checkedPlace = 0;
+    std::future<bool> check;
+    const auto finishCheck = [&]() -> std::optional<ChangeFailure> {
+      if (!check.valid() || check.get()) return std::nullopt;
+      return failureAt(checkedPlace, "reads back differently from what was written");
+    };
+    isCompared_ = true;
     for (const ContentPiece& piece : journal_.pieces()) {
       if (piece.kind == ContentPiece::Kind::unused) continue;
+      if (piece.kind == ContentPiece::Kind::data && piece.hash.empty()) {
+        isCompared_ = false;
+        continue;
+      }
       for (uint64_t at = piece.offset; at < piece.offset + piece.length;) {
         if (!mayGoOn(RestoreProgress::Phase::comparing, at)) return std::nullopt;
         if (piece.kind == ContentPiece::Kind::zeros) {
           at = dataOrEnd(at, piece.offset + piece.length);
           if (at == piece.offset + piece.length) break;
         }
+        std::swap(buffers[0], buffers[1]);  // the check has a span of the other one
         const auto length = static_cast<size_t>(std::min<uint64_t>(kLargestPiece, piece.offset + piece.length - at));
+        const std::span<uint8_t> bytes(buffers[0].data(), length);
         const ssize_t got = volume_.readMediumAt(bytes.data(), length, at);
-        if (got != static_cast<ssize_t>(length)) return errorAt(at, got);
-        const std::span<uint8_t> read(bytes.data(), length);
-        blankOut(read, at, places_);  // an interrupted run may have written a structure there already
-        const bool isRight =
-            piece.kind == ContentPiece::Kind::zeros ? isZero(bytes.data(), length) : hash.of(read) == piece.hash;
-        if (!isRight) return failureAt(at, "reads back differently from what was written");
+        const auto unreadable = got != static_cast<ssize_t>(length) ? std::optional(errorAt(at, got)) : std::nullopt;
+        if (auto failure = finishCheck()) return failure;
+        if (unreadable) return unreadable;
+        checkedPlace = at;
+        check = std::async(std::launch::async, [this, bytes, at, &piece, &hash] {
+          blankOut(bytes, at, places_);  // an interrupted run may have written a structure there already
+          return piece.kind == ContentPiece::Kind::zeros ? isZero(bytes.data(), bytes.size())
+                                                         : hash.of(bytes) == piece.hash;
+        });
         at += length;
       }
     }
-    return std::nullopt;
+    return finishCheck();
   }
 
   // The structures of the plan, over whatever is there now.
@@ -254,7 +308,10 @@ class Run {
         if (got != static_cast<ssize_t>(run.before.size())) return errorAt(run.offset, got);
       }
     }
-    return applyChange(change);
+    auto failure = applyChange(change);
+    // "Nothing was written" is true of the structures, but not of the volume.
+    if (failure && failure->state == kNothingWritten) failure->state = "";
+    return failure;
   }
 
   LongChange& journal_;
@@ -269,20 +326,9 @@ class Run {
   std::vector<ImageRange> places_;   // of the structures on the volume, which the content leaves blank
   std::vector<ContentPiece> fresh_;  // written, but not recorded
   bool isCancelled_ = false;
+  bool isJournalGone_ = false;
+  bool isCompared_ = false;
 };
-
-RestoreResult runOver(LongChange& journal, ImageSource& source, std::vector<std::shared_ptr<DeviceHandle>> handles,
-                      bool compare, const RestoreObserver& observer) {
-  const std::string folder = journal.folder();
-  std::string kept;
-  RestoreResult result = Run(journal, source, std::move(handles), observer).run(compare, kept);
-  if (result.end == RestoreResult::End::done) {
-    result.kept = kept;
-  } else {
-    result.journal = folder;
-  }
-  return result;
-}
 
 RestoreResult failed(ChangeFailure failure) {
   RestoreResult result;
@@ -299,7 +345,7 @@ RestoreResult restoreVolume(ImageSource& source, const RestorePlan& plan, bool c
   if (auto failure = beginLongChange(plan.structures, origin, plan.backup, journal)) return failed(*std::move(failure));
   std::vector<std::shared_ptr<DeviceHandle>> handles;
   for (const DeviceChange& device : plan.structures.devices) handles.push_back(device.handle);
-  return runOver(*journal, source, std::move(handles), compare, observer);
+  return Run(*journal, source, std::move(handles), observer).run(compare);
 }
 
 RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& source,
@@ -316,7 +362,7 @@ RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& so
     result.journal = journal->folder();
     return result;
   }
-  return runOver(*journal, source, handles, compare, observer);
+  return Run(*journal, source, handles, observer).run(compare);
 }
 
 std::optional<ChangeFailure> abandonRestore(std::unique_ptr<LongChange> journal,

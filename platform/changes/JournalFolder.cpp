@@ -28,10 +28,13 @@ namespace fs = std::filesystem;
 
 constexpr const char* kJournals = "/journals";
 constexpr const char* kBackups = "/backups";
+constexpr std::ptrdiff_t kMostBackups = 150;
+constexpr size_t kBackupsLeft = 100;
 
 std::optional<ChangeFailure> makeFolder(const char* name, std::string& folder) {
   std::string reason;
-  const std::optional<std::string> state = makeStateFolder(reason);
+  std::optional<std::string> state = existingStateFolder();
+  if (!state) state = makeStateFolder(reason);
   if (!state) return ChangeFailure{"no folder for the journal", reason, kNothingWritten};
   folder = *state + name;
   if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) return journalFailure(folder, errno);
@@ -101,6 +104,19 @@ std::vector<std::string> journalsInStateFolder() {
 
 std::vector<std::string> backupsInStateFolder() {
   return completeJournalsIn(kBackups);
+}
+
+void removeOldBackups() {
+  const std::optional<std::string> state = existingStateFolder();
+  if (!state) return;
+  std::error_code error;
+  const auto entries = fs::directory_iterator(*state + kBackups, error);
+  // Every change comes here, so that most find nothing to do.
+  if (std::distance(begin(entries), end(entries)) <= kMostBackups) return;
+  std::vector<std::string> folders = backupsInStateFolder();
+  if (folders.size() <= kBackupsLeft) return;
+  folders.resize(folders.size() - kBackupsLeft);
+  for (const std::string& folder : folders) removeJournal(folder);
 }
 
 bool isCompleteJournal(const std::string& folder) {

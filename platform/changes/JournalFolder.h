@@ -38,7 +38,7 @@ std::optional<ChangeFailure> makeBackupsFolder(std::string& folder);
 std::vector<std::string> journalsInStateFolder();
 std::vector<std::string> backupsInStateFolder();
 
-/// Removes the oldest backups in the state folder if there are too many.
+/// Removes the oldest backups in the state folder if there are more than 150, so that 100 are left.
 void removeOldBackups();
 
 /// Returns whether a folder is a journal that is neither being written nor being removed.

@@ -10,7 +10,6 @@ namespace vorlix {
 namespace {
 
 constexpr uint64_t kLargestBackup = uint64_t{1} << 30;  // what readKeptChange() takes into memory
-constexpr size_t kBackupsInStateFolder = 100;
 
 using Image = Journal::Image;
 
@@ -74,13 +73,6 @@ std::optional<ChangeFailure> readKeptChange(const std::string& folder, KeptChang
 
 void dropKeptChange(const std::string& folder) {
   removeJournal(folder);
-}
-
-void removeOldBackups() {
-  std::vector<std::string> folders = backupsInStateFolder();
-  if (folders.size() <= kBackupsInStateFolder) return;
-  folders.resize(folders.size() - kBackupsInStateFolder);
-  for (const std::string& folder : folders) removeJournal(folder);
 }
 
 }  // namespace vorlix

@@ -36,8 +36,9 @@ bool readLine(const std::string& line, uint64_t expectedOffset, ContentPiece& pi
   const auto* const found = std::find(std::begin(kKindWords), std::end(kKindWords), kind);
   if (found == std::end(kKindWords) || piece.length == 0 || piece.offset != expectedOffset) return false;
   piece.kind = static_cast<ContentPiece::Kind>(found - std::begin(kKindWords));
+  if (piece.kind != ContentPiece::Kind::data || !(words >> piece.hash)) return true;
   constexpr size_t kHashDigits = 64;
-  return piece.kind != ContentPiece::Kind::data || ((words >> piece.hash) && piece.hash.size() == kHashDigits);
+  return piece.hash.size() == kHashDigits;
 }
 
 class JournalledLongChange final : public LongChange {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "CodePlace.h"
+#include "platform/posix/CompanionFolders.h"
 
 namespace vorlix {
 
@@ -32,6 +33,12 @@ std::vector<fs::path> nativeFolders() {
   return folders;
 }
 
+std::optional<std::string> fileIn(const fs::path& folder, const std::string& file) {
+  std::error_code unreadable;
+  const fs::path path = folder / file;
+  return fs::is_regular_file(path, unreadable) ? std::optional(path.string()) : std::nullopt;
+}
+
 }  // namespace
 
 LinuxHostBundle::LinuxHostBundle() = default;
@@ -49,9 +56,11 @@ std::optional<std::string> LinuxHostBundle::pathForResource(const std::string& n
   // A resource is a file in the folder itself.
   if (name.empty() || file == "." || file == ".." || file.find('/') != std::string::npos) return std::nullopt;
   for (const fs::path& folder : folders()) {
-    std::error_code unreadable;
-    const fs::path path = folder / fs::path(directory).relative_path() / file;
-    if (fs::is_regular_file(path, unreadable)) return path.string();
+    if (auto path = fileIn(folder / fs::path(directory).relative_path(), file)) return path;
+  }
+  if (directory != "tools/bin" || folders_) return std::nullopt;
+  for (const fs::path& folder : companionFolders(fileOfThisCode())) {
+    if (auto path = fileIn(folder, file)) return path;
   }
   return std::nullopt;
 }

@@ -16,7 +16,7 @@ class LinuxHostBundle : public HostBundle {
  public:
   /// Searches the folder of the running executable, then the data folder of the prefix that the executable or the
   /// library was installed under (both paths come from the kernel), then the data folder of the prefix that was chosen
-  /// when the library was built.
+  /// when the library was built. Programs of "tools/bin" are looked for among the companion programs last.
   LinuxHostBundle();
 
   explicit LinuxHostBundle(std::vector<std::filesystem::path> folders) : folders_(std::move(folders)) {}

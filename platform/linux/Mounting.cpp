@@ -22,6 +22,7 @@ namespace {
 constexpr mode_t kFolderMode = 0755;
 
 struct MountOptions {
+  bool readOnly = false;
   bool readWrite = false;
   bool noBrowse = false;
 };
@@ -30,11 +31,25 @@ Refusal parseArguments(const std::vector<std::string>& arguments, MountOptions& 
   for (const std::string& argument : arguments) {
     if (argument == "rw") {
       options.readWrite = true;
+    } else if (argument == "rdonly") {
+      options.readOnly = true;
     } else if (argument == "nobrowse") {
       options.noBrowse = true;
     } else {
       return Dissenter{kDissentBadArgument, "unknown mount argument \"" + argument + "\""};
     }
+  }
+  if (options.readOnly && options.readWrite) return Dissenter{kDissentBadArgument, "a mount is either rdonly or rw"};
+  return std::nullopt;
+}
+
+// Whether what is mounted already is what is asked for.
+Refusal checkMounted(const std::string& device, bool isReadOnly, const MountOptions& options) {
+  if (options.readWrite && isReadOnly) {
+    return Dissenter{kDissentNotWritable, device + " is mounted already, and read-only"};
+  }
+  if (options.readOnly && !isReadOnly) {
+    return Dissenter{kDissentNotPermitted, device + " is mounted already, and for writing"};
   }
   return std::nullopt;
 }
@@ -54,7 +69,7 @@ Refusal mountWithKernel(const DeviceLocation& location, const OpenedDevice& devi
   request.source = location.node;
   if (location.isImage || !location.hasOwnNode()) request.loop = device.window;
   request.kind = facts.kind;
-  request.readOnly = isReadOnlyMedium(location);
+  request.readOnly = options.readOnly || isReadOnlyMedium(location);
   request.readWrite = options.readWrite;
   request.noBrowse = options.noBrowse;
   if (Refusal refusal = makeMountFolder(folderNameFor(location, facts), kFolderMode, request.folder)) return refusal;
@@ -63,9 +78,16 @@ Refusal mountWithKernel(const DeviceLocation& location, const OpenedDevice& devi
   return refusal;
 }
 
+// For a mount that must not change the disk.
+Refusal requireSettled(const DeviceLocation& location) {
+  VolumeDevice device;
+  if (Refusal refusal = device.open(location, false)) return refusal;
+  return device.settle();
+}
+
 Refusal mountUnmounted(const DeviceLocation& location, const OpenedDevice& device, const MountOptions& options) {
   // An interrupted change must be finished before the volume is examined.
-  if (Refusal refusal = settleVolume(location)) return refusal;
+  if (Refusal refusal = options.readOnly ? requireSettled(location) : settleVolume(location)) return refusal;
   const std::optional<ProbedVolume> facts = probeVolume(device.descriptor.get(), device.window);
   if (!facts) return Dissenter{kDissentUnsupported, "the volume has no file system that is known here"};
   if (options.readWrite && isReadOnlyMedium(location)) return dissenterFor(EROFS, location.whole);
@@ -82,7 +104,7 @@ Refusal mountUnmounted(const DeviceLocation& location, const OpenedDevice& devic
   if (options.readWrite && readOnly) {
     return Dissenter{kDissentNotWritable, location.node + " cannot be written by this user"};
   }
-  return mountMirror(location, device, folderNameFor(location, *facts), readOnly);
+  return mountMirror(location, device, folderNameFor(location, *facts), options.readOnly || readOnly);
 }
 
 // The mounts of a volume.
@@ -129,13 +151,9 @@ Refusal mountVolume(const std::string& device, const std::vector<std::string>& a
   const int reason = errno;
   const Mounted mounted = findMounts(*location, opened);
   if (const MountPoint* const mount = mainMount(mounted.byKernel)) {
-    if (!options.readWrite || !mount->isReadOnly) return std::nullopt;
-    return Dissenter{kDissentNotWritable, device + " is mounted already, and read-only"};
+    return checkMounted(device, mount->isReadOnly, options);
   }
-  if (mounted.mirror) {
-    if (!options.readWrite || !mounted.mirror->readOnly) return std::nullopt;
-    return Dissenter{kDissentNotWritable, device + " is mounted already, and read-only"};
-  }
+  if (mounted.mirror) return checkMounted(device, mounted.mirror->readOnly, options);
   if (!opened) return dissenterFor(reason, device);
   return mountUnmounted(*location, *opened, options);
 }

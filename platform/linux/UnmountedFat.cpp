@@ -50,6 +50,20 @@ class FatFiles : public UnmountedVolume {
     });
   }
 
+  std::optional<Dissenter> readStart(const std::string& file, size_t count,
+                                     std::vector<uint8_t>& bytes) const override {
+    const FatEntry* const entry = at(file);
+    bytes.clear();
+    if (entry == nullptr) return dissenterFor(ENOENT, file);
+    const size_t wanted = static_cast<size_t>(std::min<uint64_t>(count, entry->size));
+    const Refusal refusal =
+        volume_.readFile(source(), *entry, [&](uint64_t, const uint8_t* piece, size_t size) -> Refusal {
+          bytes.insert(bytes.end(), piece, piece + std::min(size, wanted - bytes.size()));
+          return bytes.size() < wanted ? Refusal() : Dissenter{kDissentError, "the rest is not wanted"};
+        });
+    return bytes.size() < wanted ? refusal : std::nullopt;
+  }
+
   uint64_t roomFor(const std::string& file) const override {
     uint64_t clusters = volume_.freeClusters();
     if (const FatEntry* const entry = at(file)) {
@@ -207,22 +221,10 @@ std::unique_ptr<UnmountedVolume> openUnmountedFat(const DeviceLocation& location
   return std::make_unique<UnmountedFat>(*std::move(place), std::move(device), std::move(volume));
 }
 
-std::unique_ptr<UnmountedVolume> openFatToRead(const DeviceLocation& location, Refusal& refusal) {
-  std::optional<OpenedDevice> opened = openLocation(location, O_RDONLY);
-  if (!opened) {
-    refusal = dissenterFor(errno, location.node);
-    return nullptr;
-  }
-  if (volumePlaceOf(location, opened)) return nullptr;
-  const std::optional<ProbedVolume> facts = probeVolume(opened->descriptor.get(), opened->window);
-  if (!facts || facts->kind != "msdos") {
-    refusal = Dissenter{kDissentUnsupported, facts ? "it is not mounted, and it is " + facts->kind + ", not FAT"
-                                                   : "it is not mounted, and no file system is recognised on it"};
-    return nullptr;
-  }
+std::unique_ptr<UnmountedVolume> fatToRead(OpenedDevice device, Refusal& refusal) {
   FatVolume volume;
-  if ((refusal = volume.read(opened->descriptor.get(), opened->window))) return nullptr;
-  return std::make_unique<FatToRead>(*std::move(opened), std::move(volume));
+  if ((refusal = volume.read(device.descriptor.get(), device.window))) return nullptr;
+  return std::make_unique<FatToRead>(std::move(device), std::move(volume));
 }
 
 }  // namespace vorlix

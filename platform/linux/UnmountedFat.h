@@ -9,6 +9,7 @@
 
 #include "DeviceNames.h"
 #include "Dissenters.h"
+#include "OpenedDevice.h"
 
 namespace vorlix {
 
@@ -16,7 +17,7 @@ namespace vorlix {
 /// is not an undamaged, writable FAT volume: mounting it then reports why.
 std::unique_ptr<UnmountedVolume> openUnmountedFat(const DeviceLocation& location, Refusal& refusal);
 
-/// Opens a FAT volume to look at its files. Null without a refusal if the volume is mounted.
-std::unique_ptr<UnmountedVolume> openFatToRead(const DeviceLocation& location, Refusal& refusal);
+/// Looks at the files of a FAT volume, which nobody has mounted. Null with a refusal if it is damaged.
+std::unique_ptr<UnmountedVolume> fatToRead(OpenedDevice device, Refusal& refusal);
 
 }  // namespace vorlix

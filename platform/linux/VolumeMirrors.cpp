@@ -10,9 +10,12 @@
 #include "MirrorLookup.h"
 #include "MirrorTree.h"
 #include "MirroredVolume.h"
+#include "Mounting.h"
 #include "OpenedDevice.h"
 #include "UnmountedFat.h"
+#include "UnmountedNtfs.h"
 #include "VolumeDevice.h"
+#include "VolumeProbe.h"
 
 namespace vorlix {
 namespace {
@@ -76,8 +79,22 @@ std::unique_ptr<UnmountedVolume> LinuxVolumeMirrors::openToRead(const std::strin
                                                                 std::optional<Dissenter>& refusal) {
   const std::optional<DeviceLocation> location = locationOf(device);
   refusal.reset();
-  if (!location) refusal = dissenterFor(errno, device);
-  return location ? openFatToRead(*location, refusal) : nullptr;
+  if (!location) {
+    refusal = dissenterFor(errno, device);
+    return nullptr;
+  }
+  std::optional<OpenedDevice> opened = openLocation(*location, O_RDONLY);
+  if (!opened) {
+    refusal = dissenterFor(errno, location->node);
+    return nullptr;
+  }
+  if (volumePlaceOf(*location, opened)) return nullptr;
+  const std::optional<ProbedVolume> facts = probeVolume(opened->descriptor.get(), opened->window);
+  if (facts && facts->kind == "msdos") return fatToRead(*std::move(opened), refusal);
+  if (facts && facts->kind == "ntfs") return ntfsToRead(*std::move(opened), refusal);
+  refusal = Dissenter{kDissentUnsupported, facts ? "not mounted, and it is " + facts->kind + ", not FAT or NTFS"
+                                                 : "not mounted, and no file system is recognised on it"};
+  return nullptr;
 }
 
 std::vector<VolumeMirror> LinuxVolumeMirrors::mirrors() {
@@ -102,6 +119,10 @@ std::optional<Dissenter> LinuxVolumeMirrors::discard(const VolumeMirror& mirror)
     return discardMirror(found.mirror.key, found.mirror.state.identity);
   }
   return Dissenter{kDissentNotMounted, mirror.folder + " does not exist any more"};
+}
+
+void LinuxVolumeMirrors::allowEmpty(const std::string& folder) {
+  allowEmptyMirror(folder);
 }
 
 }  // namespace vorlix

@@ -24,7 +24,8 @@ START = WINDOWS.first * 512
 SIZE = WINDOWS.sectors * 512
 LAST = START + SIZE - 512  # the second boot sector
 DISK_END = volumes.DISK_SECTORS * 512
-BOOT_CODE = b"\x90" * 440 + b"\xC0\xFF\xEE\x01\0\0"
+SIGNATURE = b"\xC0\xFF\xEE\x01"
+BOOT_CODE = b"\x90" * 440 + SIGNATURE + b"\0\0"
 LEGACY_TREE = {"bootmgr": b"loader" * 99, "Boot": None}
 
 
@@ -40,7 +41,30 @@ def store_for(*devices, mbr=False):
 
 @functools.lru_cache(maxsize=None)
 def ntfs():
-    return tools.ntfs_volume(os.path.join(volumes.template_folder(), "start.ntfs"), SIZE, start=WINDOWS.first)
+    """
+    The volume of a Windows that sound() starts, with its boot manager and a store.
+
+    The store names the volume twice, so that it still does after a test has changed the MBR or the GPT's identifiers.
+    """
+    guids = identifiers(volumes.partitioned_disk())
+    store = bytearray(store_for((guids["P"], guids["D"]), (guids["P"], guids["D"])))
+    second = hive.device_element(struct.pack("<Q", START).ljust(16, b"\0"), SIGNATURE.ljust(16, b"\0"), True)
+    at = store.rfind(hive.device_element(guids["P"], guids["D"], False))
+    store[at:at + len(second)] = second
+    path = volumes.make_ntfs(os.path.join(volumes.template_folder(), "start.ntfs"), SIZE,
+                             {"BOOTMGR": b"loader", "Boot/BCD": bytes(store)}, start=WINDOWS.first)
+    with open(path, "rb") as file:
+        return file.read()
+
+
+def bare_ntfs(*options):
+    """A volume without files."""
+    path = os.path.join(volumes.template_folder(), "bare.ntfs")
+    with open(path, "wb") as file:
+        file.truncate(SIZE)
+    images.run_tool("mkntfs", "-F", "-f", "-q", "-p", WINDOWS.first, "-H", "255", "-S", "63", *options, path)
+    with open(path, "rb") as file:
+        return file.read()
 
 
 @functools.lru_cache(maxsize=None)
@@ -264,11 +288,19 @@ class Legacy(StartTest):
                     self.assert_sound(path)
 
     def test_what_cannot_be_seen_is_not_called_right(self):
-        document = self.assert_sound(self.sound())
+        document = self.assert_sound(self.sound(volume=bare_ntfs("-c", 512)))
         unseen = {item["area"]: item["text"] for item in document["findings"] if item["state"] == "unseen"}
-        self.assertIn("ntfs", unseen["boot-files"])
+        self.assertIn("its clusters have 512 bytes", unseen["boot-files"])
         self.assertNotIn("volume-state", unseen)  # the file system's records tell
         self.assertEqual([item for item in document["findings"] if item["area"] == "boot-files" and item["state"] == "ok"], [])
+
+    def test_boot_files_of_a_volume_that_is_not_mounted(self):
+        path = self.sound(volume=bare_ntfs())
+        self.assert_faults(path, ["boot-manager-missing", "legacy-store-missing"])
+        document = self.assert_sound(self.sound("full.img"))
+        texts = {item["area"]: item["text"] for item in document["findings"] if item["state"] == "ok"}
+        self.assertIn("bootmgr is on", texts["boot-files"])
+        self.assertIn("names this disk", texts["legacy-store"])
 
     def test_without_a_partition(self):
         path = self.sound()
@@ -332,7 +364,7 @@ class State(StartTest):
         self.assert_each(path, [(["volume-unclean"], [(flags, b"\x01")])])
 
     def test_a_hibernated_windows(self):
-        for number, (mark, expected) in enumerate(((b"HIBR", ["volume-unclean"]), (b"wake", []))):
+        for number, (mark, expected) in enumerate(((b"HIBR", ["volume-hibernated"]), (b"wake", []))):
             volume, content = self.path(f"volume{number}"), self.path(f"content{number}")
             with open(volume, "wb") as file:
                 file.write(ntfs())
@@ -453,7 +485,7 @@ class Mounted(StartTest):
         """Its boot files are seen, and whether it holds a hibernated Windows."""
         if not os.path.exists("/dev/fuse"):
             self.skipTest("no /dev/fuse on this machine")
-        path = self.sound()
+        path = self.sound(volume=bare_ntfs())
         place = self.path("mounted")
         os.mkdir(place)
         device = images.run_tool("losetup", "--find", "--show", "--offset", START, "--sizelimit", SIZE, path).strip()

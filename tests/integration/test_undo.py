@@ -196,19 +196,21 @@ class StateFolder(RecordTest):
         self.vorlix_ok("undo", first, "--no-backup")
         self.assertEqual(images.content_hash(target), original)
 
-    def test_the_newest_hundred_are_kept(self):
+    def test_the_newest_hundred_are_kept_when_there_are_more_than_150(self):
         parent = os.path.join(self.state, "vorlix", "backups")
         target = self.target()
         self.vorlix_ok("vbr", "restore", self.saved(), target)
         (folder,) = self.kept()
-        for number in range(104):
+        for number in range(148):
             copy = os.path.join(parent, f"20010101T000000.{number:09d}-1")
             shutil.copytree(folder, copy)
             self.give(copy, *(os.path.join(copy, name) for name in os.listdir(copy)))
         self.vorlix_ok("vbr", "restore", self.saved(boot_code(9)), target)
+        self.assertEqual(len(self.kept()), 150)
+        self.vorlix_ok("vbr", "restore", self.saved(boot_code(10)), target)
         names = [os.path.basename(path) for path in self.kept()]
         self.assertEqual(len(names), 100)
-        self.assertEqual(names[0], "20010101T000000.000000006-1")
+        self.assertEqual(names[0], "20010101T000000.000000051-1")
         self.assertIn(os.path.basename(folder), names)
 
 

@@ -219,7 +219,7 @@ class Folders(WindowsTest):
 
     def test_without_the_companion(self):
         for prefix in ("/usr/local", "/usr"):
-            installed = os.path.join(prefix, "share/vorlix/tools/bin/registry_lookup")
+            installed = os.path.join(prefix, "libexec/vorlix-1/registry_lookup")
             if os.path.exists(installed):
                 self.skipTest(f"{installed} is installed")
         root = self.put("root", {HIVE: self.hive_bytes("Windows 10"), SETUP_LOG: b"Detected boot environment: EFI\r\n"})
@@ -266,12 +266,13 @@ class Folders(WindowsTest):
 
 @unittest.skipIf(MISSING or MISSING_FOR_VOLUMES, f"not installed: {MISSING} {MISSING_FOR_VOLUMES}")
 class Volumes(WindowsTest):
-    def test_a_mounted_volume_by_its_device_and_its_folder(self):
+    def test_a_volume_by_its_device_and_its_folder_mounted_or_not(self):
         tree = {"Windows": None, "Windows/System32": None, "Windows/System32/config": None,
                 HIVE: self.hive_bytes("Windows 11"), "Windows/Panther": None,
                 SETUP_LOG: b"Detected boot environment: EFI\r\n"}
         device = self.give(volumes.make_mac(self.path("mac.img"), tree)) + "s1"
-        self.vorlix_refuses("windows", device, saying=[device, "not mounted"])
+        self.assertEqual(self.windows(device), answer("Windows 11", "EFI"))
+        self.assert_nothing_mounted()
         folder = self.mount(device, "--read-write")
         for name in (device, folder, "/dev/" + device, os.path.relpath(device)):
             with self.subTest(name=name):

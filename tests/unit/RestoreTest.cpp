@@ -197,6 +197,22 @@ class RestoreTest : public testing::Test {
     return restoreVolume(source, plan(), compare, goOn);
   }
 
+  // Restores while nothing can be added to a folder of the state folder once the content is written.
+  RestoreResult restoreWithLocked(const std::string& name) const {
+    const fs::path folder = fs::path(folder_) / "vorlix" / name;
+    NumberedSource source;
+    const RestoreResult result = restoreVolume(source, plan(), true, [&](const RestoreProgress& progress) {
+      if (progress.phase == RestoreProgress::Phase::comparing) permit(folder, fs::perms::owner_write, false);
+      return true;
+    });
+    permit(folder, fs::perms::owner_write, true);
+    return result;
+  }
+
+  static void permit(const fs::path& folder, fs::perms rights, bool isAllowed) {
+    fs::permissions(folder, rights, isAllowed ? fs::perm_options::add : fs::perm_options::remove);
+  }
+
   RestoreResult resume() const {
     std::optional<ChangeFailure> failure;
     auto journal = openLongChange(interruptedLongChanges().at(0), failure);
@@ -332,6 +348,18 @@ TEST_F(RestoreTest, WithoutComparingOnlyTheStructuresAreReadBack) {
   EXPECT_EQ(restore(source, false).end, RestoreResult::End::done);
 }
 
+TEST_F(RestoreTest, WhatWasWrittenWithoutHashesIsNotSaidToBeCompared) {
+  NumberedSource source;
+  source.failingPiece = 6;
+  restore(source, false);
+  const RestoreResult resumed = resume();
+  EXPECT_EQ(resumed.end, RestoreResult::End::done) << resumed.failure.reason;
+  EXPECT_FALSE(resumed.isCompared);
+  EXPECT_EQ(volume->bytes, restoredVolume());
+  NumberedSource another;
+  EXPECT_TRUE(restore(another).isCompared);
+}
+
 TEST_F(RestoreTest, AFailedWriteSaysWhereAndKeepsTheJournal) {
   volume->failingWrite = 4;  // the third piece
   NumberedSource source;
@@ -397,6 +425,39 @@ TEST_F(RestoreTest, ASectorThatSomebodyChangedOnTheDiskIsNotTakenBack) {
   ASSERT_TRUE(failure);
   EXPECT_EQ(failure->reason, "sector 0 was changed since");
   EXPECT_EQ(interruptedLongChanges().size(), 1U);
+}
+
+TEST_F(RestoreTest, IfTheFirstWriteFailsNothingIsWrittenAndNothingIsLeft) {
+  volume->failingWrite = 1;
+  NumberedSource source;
+  const RestoreResult result = restore(source);
+  EXPECT_EQ(result.end, RestoreResult::End::failed);
+  EXPECT_EQ(result.failure.state, kNothingWritten);
+  EXPECT_EQ(result.journal, "");
+  EXPECT_FALSE(result.isBlank);
+  EXPECT_EQ(volume->bytes, Content(kVolume, 0xEE));
+  EXPECT_THAT(interruptedLongChanges(), IsEmpty());
+  EXPECT_THAT(keptChanges(), IsEmpty());
+}
+
+TEST_F(RestoreTest, WithoutAJournalForTheStructuresTheContentIsStillWritten) {
+  const RestoreResult result = restoreWithLocked("journals");
+  EXPECT_EQ(result.end, RestoreResult::End::failed);
+  EXPECT_EQ(result.failure.state, "");  // not "nothing was written"
+  EXPECT_TRUE(result.isBlank);
+  EXPECT_THAT(interruptedLongChanges(), ElementsAre(result.journal));
+  EXPECT_EQ(resume().end, RestoreResult::End::done);
+  EXPECT_EQ(volume->bytes, restoredVolume());
+}
+
+TEST_F(RestoreTest, IfTheBackupCannotBeKeptThereIsNothingToGoOnWith) {
+  const RestoreResult result = restoreWithLocked("backups");
+  EXPECT_EQ(result.end, RestoreResult::End::failed);
+  EXPECT_THAT(result.failure.state, HasSubstr("the change is made"));
+  EXPECT_EQ(result.journal, "");
+  EXPECT_FALSE(result.isBlank);
+  EXPECT_EQ(volume->bytes, restoredVolume());
+  EXPECT_THAT(interruptedLongChanges(), IsEmpty());
 }
 
 }  // namespace

@@ -2,11 +2,9 @@
 #include "Confinement.h"
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -17,6 +15,7 @@
 #include <system_error>
 
 #include "Failure.h"
+#include "tools/ResourceLimits.h"
 
 namespace vorlix::registry {
 namespace {
@@ -29,20 +28,9 @@ constexpr rlim_t kProcessorSeconds = 10;
 // The statuses are unlike those with which libraries and sanitizers end a process.
 enum ChildStatus : int { kDone = 100, kFailed = 101, kUnsent = 102 };
 
-// Lowers the limit on a resource to `most`; a limit that is already lower stays. The hard limit is `margin` higher, so
-// that the process first gets the signal of the soft limit.
-template <typename Resource>
-void limit(Resource resource, rlim_t most, rlim_t margin = 0) {
-  struct rlimit limits = {};
-  if (getrlimit(resource, &limits) != 0) return;
-  limits.rlim_max = std::min(limits.rlim_max, most + margin);
-  limits.rlim_cur = std::min({limits.rlim_cur, limits.rlim_max, most});
-  setrlimit(resource, &limits);
-}
-
 void confine(uint64_t addressSpace) {
-  limit(RLIMIT_CORE, 0);
-  limit(RLIMIT_CPU, kProcessorSeconds, 1);
+  limitResource(RLIMIT_CORE, 0);
+  limitResource(RLIMIT_CPU, kProcessorSeconds, 1);
   // The host may have ignored or blocked SIGXCPU, and the child inherits that.
   std::signal(SIGXCPU, SIG_DFL);
   sigset_t none;
@@ -50,7 +38,7 @@ void confine(uint64_t addressSpace) {
   sigprocmask(SIG_SETMASK, &none, nullptr);
   unsetenv("HIVEX_DEBUG");
   if constexpr (!kSanitized) {
-    limit(RLIMIT_AS, addressSpace);
+    limitResource(RLIMIT_AS, addressSpace);
     // Users must not see what a library prints before it aborts.
     const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
     dup2(nowhere, STDOUT_FILENO);

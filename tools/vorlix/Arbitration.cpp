@@ -98,6 +98,11 @@ std::string mediaContentOf(const std::string& device) {
   return description ? description->text(kDescriptionMediaContent).value_or("") : "";
 }
 
+std::optional<std::string> volumeKindOf(const std::string& device) {
+  const std::optional<Dictionary> description = openDisk(device).disk->copyDescription();
+  return description ? description->text(kDescriptionVolumeKind) : std::nullopt;
+}
+
 std::optional<std::string> mountPointOf(const std::string& device) {
   const SessionAndDisk opened = openDisk(device);
   const std::optional<URL> path = opened.disk->volumePath();
@@ -127,9 +132,10 @@ std::string folderOfVolume(const std::string& volume, const std::optional<std::s
   return *path;
 }
 
-std::optional<Dissenter> tryMount(const std::string& device, bool readWrite) {
+std::optional<Dissenter> tryMount(const std::string& device, MountFor purpose) {
   std::vector<std::string> arguments;
-  if (readWrite) arguments = {"nobrowse", "rw"};
+  if (purpose == MountFor::writing) arguments = {"nobrowse", "rw"};
+  if (purpose == MountFor::reading) arguments = {"rdonly"};
   return waitFor(device, [&](Disk& disk, DiskCompletion done) { disk.mount(arguments, std::move(done)); });
 }
 

@@ -37,6 +37,9 @@ std::string sliceNameOf(const std::string& disk, uint32_t number);
 /// "FDisk_partition_scheme"), for a slice the partition type. Empty if unknown.
 std::string mediaContentOf(const std::string& device);
 
+/// Returns the kind of a device's file system: "ntfs", "msdos", ... Absent if it has none that is known.
+std::optional<std::string> volumeKindOf(const std::string& device);
+
 /// Returns the folder where the device's volume is mounted; absent if it is not mounted.
 std::optional<std::string> mountPointOf(const std::string& device);
 
@@ -55,8 +58,12 @@ DevicePlace placeOf(const std::string& device);
 /// throws Failure with `state`.
 std::string folderOfVolume(const std::string& volume, const std::optional<std::string>& state = std::nullopt);
 
+/// What a volume is mounted for: what the system chooses, reading only, or reading and writing without being shown on
+/// the desktop.
+enum class MountFor { any, reading, writing };
+
 /// Mounts or unmounts a volume and waits for the reply. @return the reason for a refusal; absent for success.
-std::optional<Dissenter> tryMount(const std::string& device, bool readWrite);
+std::optional<Dissenter> tryMount(const std::string& device, MountFor purpose);
 std::optional<Dissenter> tryUnmount(const std::string& device);
 
 /// Returns a dissenter's reason: the system's text, or if there is none, the meaning of the status.

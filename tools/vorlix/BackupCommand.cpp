@@ -87,6 +87,9 @@ int save(const BackupOptions& options) {
       },
       result);
   if (!failure) progress.finish();
+  if (failure && failure->isThere) {
+    fail(*failure, options.request.folder + " is there and whole, but may not be on the medium");
+  }
   if (failure) fail(*failure, "nothing was saved");
   if (isJson) {
     Json::object({{"phase", "saved"}, {"folder", options.request.folder}, {"packedSize", result.packedSize}})

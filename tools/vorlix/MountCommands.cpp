@@ -16,20 +16,21 @@ namespace {
 
 struct MountOptions {
   std::string device;
+  bool readOnly = false;
   bool readWrite = false;
 };
 
-void mountAndTell(const std::string& device, bool readWrite) {
+void mountAndTell(const std::string& device, MountFor purpose) {
   complainOfLeftMirrors();
   const std::string name = bsdNameOf(device);
-  const std::optional<Dissenter> refusal = tryMount(name, readWrite);
+  const std::optional<Dissenter> refusal = tryMount(name, purpose);
   const std::optional<std::string> path = mountPointOf(name);
   // Some systems refuse to mount what is mounted.
   if (refusal && !(path && refusal->status == kDissentBusy)) {
     throw Failure(device, reasonText(*refusal), path ? "nothing was changed" : "not mounted");
   }
   if (!path) throw Failure(device, "its volume has no mount point", "not mounted");
-  if (readWrite && access(path->c_str(), W_OK) != 0) {
+  if (purpose == MountFor::writing && access(path->c_str(), W_OK) != 0) {
     throw Failure(device, "mounted read-only, or writable only for others, at " + *path, "nothing was changed");
   }
   std::printf("%s\n", path->c_str());
@@ -55,9 +56,12 @@ void addMountCommands(Command& top, int& status) {
   const auto mounting = std::make_shared<MountOptions>();
   Command mount = top.addCommand("mount", "Mount a volume and print where");
   mount.addOption("DEVICE", mounting->device, "Slice, device or disk-image file").required();
-  mount.addFlag("--read-write", mounting->readWrite, "For reading and writing, hidden from the desktop");
+  const Option reading = mount.addFlag("--read-only", mounting->readOnly, "For reading; no byte of the disk changes");
+  mount.addFlag("--read-write", mounting->readWrite, "For reading and writing, hidden from the desktop")
+      .excludes(reading);
   mount.setAction([mounting, &status] {
-    mountAndTell(mounting->device, mounting->readWrite);
+    const MountFor otherwise = mounting->readWrite ? MountFor::writing : MountFor::any;
+    mountAndTell(mounting->device, mounting->readOnly ? MountFor::reading : otherwise);
     status = kDone;
   });
 
@@ -83,7 +87,7 @@ void addMountCommands(Command& top, int& status) {
   Command efiMount = efi.addCommand("mount", "Mount it and print where");
   efiMount.addOption("DISK", *disk, "Whole disk or disk-image file").required();
   efiMount.setAction([disk, &status] {
-    mountAndTell(efiSlice(*disk), false);
+    mountAndTell(efiSlice(*disk), MountFor::any);
     status = kDone;
   });
   Command efiUnmount = efi.addCommand("unmount", "Unmount it");

@@ -27,7 +27,7 @@ bool isMountPoint(const std::string& path) {
 MountedSlice::MountedSlice(std::string slice)
     : slice_(std::move(slice)), wasMounted_(mountPointOf(slice_).has_value()) {
   if (!wasMounted_) {
-    if (const auto refusal = tryMount(slice_, true)) throw Failure(slice_, reasonText(*refusal));
+    if (const auto refusal = tryMount(slice_, MountFor::writing)) throw Failure(slice_, reasonText(*refusal));
   }
   const std::optional<std::string> path = mountPointOf(slice_);
   if (!path) throw Failure(slice_, "it was mounted, but not at any place that can be seen");

@@ -21,6 +21,7 @@
 #include "Failure.h"
 #include "LibraryLog.h"
 #include "Text.h"
+#include "VolumeView.h"
 #include "Volumes.h"
 
 namespace vorlix::tool {
@@ -54,14 +55,16 @@ void showBootType(const std::string& disk) {
 }
 
 bool showBootable(const std::string& volume) {
-  const std::string folder = folderOfVolume(volume);
+  VolumeView view(volume);
+  const std::string& folder = view.folder();
   if (access(folder.c_str(), X_OK) != 0) throw Failure::ofErrno(folder, errno);
   const auto record = QDVolume::init();
   record->setFilePath(folder);
-  {
-    const QuietLibrary quiet;
-    record->setFileSystemType(QDDeviceManager::sharedDeviceManager()->fileSystemTypeAtPath(folder));
-  }
+  record->setFileSystemType(view.fileSystem());
+  view.needName({"System", "Library"});
+  view.needName({"com.apple.recovery.boot", "boot.efi"});
+  view.needName({"Windows", "System32"});
+  view.needName({"ntldr"});
   const bool bootable = QDDiskHelper::init()->isBootable(record);
   std::printf("%s\n", bootable ? "holds an operating system that can be started" : "holds nothing that can be started");
   return bootable;
@@ -115,6 +118,7 @@ void addProbeCommands(Command& top, int& status) {
   bootable.addOption("VOLUME", *volume, "Folder where the volume is mounted, or its device").required();
   bootable.setFooter(
       "A volume counts if it holds System/Library, com.apple.recovery.boot/boot.efi, Windows/System32 or ntldr.\n"
+      "A FAT or NTFS volume need not be mounted (Linux). Nothing is written.\n"
       "Exit status: 0 yes, 1 no, 2 error.");
   bootable.setAction([volume, &status] { status = showBootable(*volume) ? kDone : kChangeNeeded; });
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -132,9 +133,9 @@ class ShownProgress {
 
 std::string howToGoOn(const RestoreResult& result, bool isMadeAnew) {
   const std::string name = nameOfJournal(result.journal);
-  return sizeText(result.size) +
-         " of the volume are written, and it has no boot sector yet; `vorlix restore --resume " + name +
-         (isMadeAnew ? "` applies the image anew and begins again, `vorlix undo " : "` goes on, `vorlix undo ") + name +
+  return sizeText(result.size) + " of the volume are written" +
+         (result.isBlank ? ", and it has no boot sector yet" : "") + "; `vorlix restore --resume " + name +
+         (isMadeAnew ? "` applies the image anew and begins again" : "` goes on") + ", `vorlix undo " + name +
          "` gives it up";
 }
 
@@ -179,15 +180,20 @@ void requireDone(const RestoreResult& result, const std::string& volume, const I
 }
 
 // Says what a start still needs. @return whether the disk starts as far as can be told.
-bool printStart(const RestoreOptions& options, StartWay way, bool isFromWim) {
-  const RestoreRequest& request = options.request;
-  const StartReport report = checkStart(collectStartFacts(request.disk, request.partition, 0), way);
+bool printStart(const RestoreOptions& options, const std::string& disk, uint32_t partition, StartWay way,
+                bool isFromWim) {
+  StartReport report;
+  try {
+    report = checkStart(collectStartFacts(disk, partition, 0), way);
+  } catch (const std::exception& error) {
+    throw Failure(disk, std::string("whether it starts cannot be told: ") + error.what(), "the volume is restored");
+  }
   if (isFromWim) {  // there is some boot code, so that the check finds nothing to say
     std::fprintf(textOutput(options.progress),
                  "Missing    boot code of Windows in the boot sector\n"
                  "           because a WIM has none, and that of mkntfs only says that the disk does not start\n"
                  "           to mend: vorlix vbr restore FILE %s\n",
-                 printable(sliceNameOf(request.disk, request.partition)).c_str());
+                 printable(sliceNameOf(disk, partition)).c_str());
   }
   for (const StartFinding& finding : report.findings) {
     if (finding.state != StartFinding::State::fault) continue;
@@ -195,8 +201,9 @@ bool printStart(const RestoreOptions& options, StartWay way, bool isFromWim) {
                  printable(finding.text).c_str(), printable(finding.why).c_str(), printable(finding.command).c_str());
   }
   const bool starts = report.starts() && !isFromWim;
-  if (starts)
+  if (starts) {
     std::fprintf(textOutput(options.progress), "Start      the disk starts as far as can be told (vorlix check)\n");
+  }
   return starts;
 }
 
@@ -209,6 +216,12 @@ std::string folderOfInterrupted(const std::string& name) {
   if (found.empty()) throw Failure(name, "no interrupted restore of that name");
   if (found.size() > 1) throw Failure(name, "several interrupted restores begin with that name");
   return found.front();
+}
+
+const char* comparisonText(const RestoreOptions& options, const RestoreResult& result) {
+  if (options.noVerify) return "";
+  return result.isCompared ? ", read back and compared"
+                           : ", read back and compared but for what was written with --no-verify";
 }
 
 std::unique_ptr<LongChange> openJournal(const std::string& folder) {
@@ -242,7 +255,7 @@ bool resume(const RestoreOptions& options, const std::string& folder) {
   progress.finish();
   requireDone(result, volume, *source);
   std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
-               printable(volume).c_str(), options.noVerify ? "" : ", read back and compared");
+               printable(volume).c_str(), comparisonText(options, result));
   printUndo(result.kept, textOutput(options.progress));
   return source->facts().isMadeAnew;
 }
@@ -297,7 +310,8 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
     }
     requireConsent(options, "This restore was interrupted. Go on?");
     const bool isFromWim = resume(options, *folder);
-    return !request.isLegacy || printStart(options, way, isFromWim) ? kDone : kChangeNeeded;
+    return !request.isLegacy || printStart(options, request.disk, request.partition, way, isFromWim) ? kDone
+                                                                                                     : kChangeNeeded;
   }
   // Standard input can be read once only, so the disk is opened for writing at once.
   const bool isStream = request.source == kStandardInput;
@@ -324,10 +338,12 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
   progress.finish();
   requireDone(result, prepared.volume, *prepared.source);
   std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
-               printable(prepared.volume).c_str(), options.noVerify ? "" : ", read back and compared");
+               printable(prepared.volume).c_str(), comparisonText(options, result));
   printUndo(result.kept, textOutput(options.progress));
   prepared = {};  // closes the disk, which is looked at anew
-  return !request.isLegacy || printStart(options, way, shown.image.has_value()) ? kDone : kChangeNeeded;
+  return !request.isLegacy || printStart(options, request.disk, request.partition, way, shown.image.has_value())
+             ? kDone
+             : kChangeNeeded;
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <string_view>
 #include <utility>
 
 #include "Arbitration.h"
@@ -20,6 +21,14 @@ namespace vorlix::tool {
 namespace {
 
 using Sight = FileFact::Sight;
+
+constexpr const char* kHibernationFile = "hiberfil.sys";
+constexpr std::string_view kHibernationMark = "hibr";  // in any case
+
+bool isHibernationMark(std::string start) {
+  for (char& letter : start) letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+  return start == kHibernationMark;
+}
 
 FileFact unseen(std::string reason) {
   return {Sight::unseen, std::move(reason), {}};
@@ -78,7 +87,8 @@ FileFact VolumeLook::lookInFolder(const std::vector<std::string>& names, bool wi
 FileFact VolumeLook::lookInBytes(const std::vector<std::string>& names, bool withContent, size_t limit) const {
   std::string path;
   for (size_t i = 0; i < names.size(); ++i) {
-    const std::vector<UnmountedVolume::Item> items = volume_->itemsIn(path);
+    std::vector<UnmountedVolume::Item> items;
+    if (const auto refusal = volume_->list(path, items)) return unseen(reasonText(*refusal));
     const auto found = std::find_if(items.begin(), items.end(), [&](const UnmountedVolume::Item& item) {
       return !spellingsOf({item.name}, names[i]).empty();
     });
@@ -94,20 +104,33 @@ FileFact VolumeLook::lookInBytes(const std::vector<std::string>& names, bool wit
 }
 
 std::optional<bool> VolumeLook::isHibernated() const {
-  if (!root_) return std::nullopt;
   try {
-    const auto spelled = root_->find("hiberfil.sys");
-    const auto status = spelled ? root_->statusOf(*spelled) : std::nullopt;
-    if (!status || !S_ISREG(status->st_mode)) return false;
-    const Descriptor file(
-        openat(root_->descriptor(), spelled->c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    std::array<char, 4> mark = {};
-    if (!file || read(file.get(), mark.data(), mark.size()) < 0) return std::nullopt;
-    for (char& letter : mark) letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
-    return mark == std::array<char, 4>{'h', 'i', 'b', 'r'};
+    return root_ ? hibernationInFolder() : hibernationInBytes();
   } catch (const Failure&) {
     return std::nullopt;
   }
+}
+
+std::optional<bool> VolumeLook::hibernationInFolder() const {
+  const auto spelled = root_->find(kHibernationFile);
+  const auto status = spelled ? root_->statusOf(*spelled) : std::nullopt;
+  if (!status || !S_ISREG(status->st_mode)) return false;
+  const Descriptor file(openat(root_->descriptor(), spelled->c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  std::array<char, kHibernationMark.size()> mark = {};
+  if (!file || read(file.get(), mark.data(), mark.size()) < 0) return std::nullopt;
+  return isHibernationMark(std::string(mark.begin(), mark.end()));
+}
+
+std::optional<bool> VolumeLook::hibernationInBytes() const {
+  std::vector<UnmountedVolume::Item> items;
+  if (!volume_ || volume_->list("", items)) return std::nullopt;
+  const auto found = std::find_if(items.begin(), items.end(), [](const UnmountedVolume::Item& item) {
+    return !spellingsOf({item.name}, kHibernationFile).empty();
+  });
+  if (found == items.end() || found->isFolder) return false;
+  std::vector<uint8_t> start;
+  if (volume_->readStart("/" + found->name, kHibernationMark.size(), start)) return std::nullopt;
+  return isHibernationMark(std::string(start.begin(), start.end()));
 }
 
 }  // namespace vorlix::tool

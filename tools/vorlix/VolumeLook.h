@@ -15,7 +15,7 @@
 namespace vorlix::tool {
 
 /// Looks at files of a volume without changing or mounting anything: in the folder where the volume is mounted, or in
-/// the bytes of a FAT volume that is not mounted. Names are found in any spelling that Windows would find.
+/// the bytes of a FAT or NTFS volume that is not mounted. Names are found in any spelling that Windows would find.
 class VolumeLook {
  public:
   explicit VolumeLook(const std::string& slice);
@@ -26,8 +26,8 @@ class VolumeLook {
   /// The same with the file's content. A file of more than `limit` bytes counts as unseen.
   FileFact content(const std::vector<std::string>& names, size_t limit) const { return look(names, true, limit); }
 
-  /// Returns whether the volume is mounted and its root has a hibernated Windows (hiberfil.sys that begins with
-  /// "hibr"). Absent if that cannot be seen.
+  /// Returns whether the volume's root has a hibernated Windows (hiberfil.sys that begins with "hibr"). Absent if that
+  /// cannot be seen.
   std::optional<bool> isHibernated() const;
 
   bool isMounted() const { return root_.has_value(); }
@@ -36,6 +36,9 @@ class VolumeLook {
   FileFact look(const std::vector<std::string>& names, bool withContent, size_t limit) const;
   FileFact lookInFolder(const std::vector<std::string>& names, bool withContent, size_t limit) const;
   FileFact lookInBytes(const std::vector<std::string>& names, bool withContent, size_t limit) const;
+
+  std::optional<bool> hibernationInFolder() const;
+  std::optional<bool> hibernationInBytes() const;
 
   std::string reason_;
   std::optional<VolumeFolder> root_;

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/QDVolume.h>
-#include <Vorlix/platform/HostBundle.h>
-#include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/CompanionProgram.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,16 +14,20 @@
 #include <string_view>
 #include <system_error>
 
-#include "Arbitration.h"
 #include "Commands.h"
 #include "Complaint.h"
 #include "Failure.h"
 #include "Json.h"
 #include "LibraryLog.h"
 #include "Text.h"
+#include "VolumeView.h"
 
 namespace vorlix::tool {
 namespace {
+
+// Of a volume that is not mounted: files that are larger are not what their names say.
+constexpr size_t kLargestHive = size_t{512} << 20;
+constexpr size_t kLargestLog = size_t{256} << 20;
 
 struct Row {
   const char* key;
@@ -63,8 +66,13 @@ void requireReadable(const std::string& folder) {
 }
 
 int showWindows(const std::string& volume, bool json) {
-  const std::string folder = folderOfVolume(volume, "nothing was read");
+  VolumeView view(volume, "nothing was read");
+  const std::string& folder = view.folder();
   requireReadable(folder);
+  view.needName({"Windows", "System32"});
+  view.needName({"sources", "boot.wim"});
+  view.needContent({"Windows", "System32", "config", "SOFTWARE"}, kLargestHive);
+  view.needContent({"Windows", "Panther", "setupact.log"}, kLargestLog);
   if (const auto windows = QDDeviceManager::windowsFolderFromVolume(folder)) requireReadable(*windows);
   if (!QDDeviceManager::system32FolderFromVolume(folder)) {
     const bool isInstaller = QDDeviceManager::bootWIMFileFromVolume(folder).has_value();
@@ -74,12 +82,11 @@ int showWindows(const std::string& volume, bool json) {
   }
   const auto record = QDVolume::init();
   record->setFilePath(folder);
+  record->setFileSystemType(view.fileSystem());
   Dictionary version;
   {
     const LibraryLog log;
-    const auto manager = QDDeviceManager::sharedDeviceManager();
-    record->setFileSystemType(manager->fileSystemTypeAtPath(folder));
-    version = manager->versionOfWindowsFromVolume(record);
+    version = QDDeviceManager::sharedDeviceManager()->versionOfWindowsFromVolume(record);
   }
   if (json) {
     Json object = Json::object();
@@ -94,7 +101,7 @@ int showWindows(const std::string& volume, bool json) {
     if (isWindows11(version)) std::printf("%-10s Windows 11, by its build number; the registry says 10\n", "Release");
   }
   if (!version.text("product").value_or("").empty()) return kDone;
-  const bool hasTool = platform().hostBundle->pathForResource("registry_lookup", "", "tools/bin").has_value();
+  const bool hasTool = companionProgram("registry_lookup").has_value();
   throw Failure(volume, hasTool ? "its registry has no product name" : "registry_lookup is not installed",
                 "nothing was changed");
 }
@@ -104,9 +111,12 @@ int showWindows(const std::string& volume, bool json) {
 void addWindowsCommand(Command& top, int& status) {
   const auto volume = std::make_shared<std::string>();
   const auto json = std::make_shared<bool>(false);
-  Command windows = top.addCommand("windows", "Report which Windows a mounted volume holds");
+  Command windows = top.addCommand("windows", "Report which Windows a volume holds");
   windows.addOption("VOLUME", *volume, "Folder where the volume is mounted, or its device").required();
   windows.addFlag("--json", *json, "Print JSON");
+  windows.setFooter(
+      "A FAT or NTFS volume need not be mounted (Linux): its files are read from its bytes. Nothing is written.\n"
+      "Exit status: 0 success, 1 no Windows, 2 error.");
   windows.setAction([volume, json, &status] { status = showWindows(*volume, *json); });
 }
 

@@ -14,6 +14,7 @@
 #include "DeviceChanges.h"
 #include "Failure.h"
 #include "Text.h"
+#include "Version.h"
 #include "tools/StandardDescriptors.h"
 
 namespace {
@@ -83,7 +84,8 @@ int main(int argc, char** argv) {
   vorlix::fillStandardDescriptors();
   std::signal(SIGXFSZ, SIG_IGN);  // a log that may not grow must not end a command between two writes
   CommandLine line(
-      "Partition tables and boot records of disks that hold Windows beside macOS.", "vorlix", "vorlix " VORLIX_VERSION,
+      "Partition tables and boot records of disks that hold Windows beside macOS.", "vorlix",
+      std::string("vorlix ") + versionText(),
       "DISK is a block device (/dev/sda, sda), a disk-image file, or slice N of either as DISKsN (mac.imgs3).\n"
       "Exit status: 0 nothing wrong or done, 1 a change is needed or the answer is no, 2 error.\n"
       "The library's log is /tmp/quandrel.log.");

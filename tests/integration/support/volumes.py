@@ -3,10 +3,12 @@
 
 import atexit
 import functools
+import glob
 import hashlib
 import os
 import shutil
 import subprocess
+import sys
 import tempfile
 import time
 
@@ -62,10 +64,10 @@ def command_for_user(command):
 
 
 def copy_command(command, folder):
-    """Copies the command line and the folder tools/bin beside it. Returns the copy's path."""
-    companions = os.path.join(os.path.dirname(command), "tools")
-    if os.path.isdir(companions):
-        shutil.copytree(companions, os.path.join(folder, "tools"))
+    """Copies the command line, its modules and the folder tools/bin beside it. Returns the copy's path."""
+    for companions in (os.path.join(os.path.dirname(command), "tools"), *glob.glob(os.path.dirname(command) + "/vorlix-[0-9]*")):
+        if os.path.isdir(companions):
+            shutil.copytree(companions, os.path.join(folder, os.path.basename(companions)))
     return shutil.copy(command, folder)
 
 
@@ -150,6 +152,28 @@ def folder_tree(folder):
             with open(os.path.join(place, name), "rb") as file:
                 tree[os.path.normpath(os.path.join(relative, name))] = file.read()
     return tree
+
+
+def make_ntfs(path, size, tree, start=2048, sector_size=512):
+    """Makes a file with an NTFS volume by mkntfs, ntfs_mkdir and ntfscp, filled with a tree in the form of put_tree()."""
+    with open(path, "wb") as volume:
+        volume.truncate(size)
+    images.run_tool("mkntfs", "-F", "-f", "-q", "-s", sector_size, "-p", start, "-H", "255", "-S", "63", path)
+    folders = {name for name, content in tree.items() if content is None}
+    folders |= {os.path.dirname(name) for name, content in tree.items() if content is not None} - {""}
+    environment = {**os.environ, "LC_ALL": "C.UTF-8"}
+    if folders:
+        script = os.path.join(os.environ["VORLIX_SOURCE"], "tools/dev/ntfs_mkdir")
+        subprocess.run([sys.executable, script, path, *sorted(folders)], env=environment, check=True, timeout=60)
+    for name, content in tree.items():
+        if content is None:
+            continue
+        with tempfile.NamedTemporaryFile(prefix="vorlix-tree-") as source:
+            source.write(content)
+            source.flush()
+            subprocess.run([images.tool("ntfscp"), "-q", "-f", path, source.name, name], env=environment, check=True,
+                           capture_output=True, timeout=60)
+    return path
 
 
 def check_fat(image, offset=0, size=None):
