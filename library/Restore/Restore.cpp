@@ -96,8 +96,10 @@ class Run {
     if (!failure && !isCancelled_ && compare) failure = this->compare();
     if (!failure && !isCancelled_) failure = writeStructures();
     if (failure || isCancelled_) return failure;
-    isJournalGone_ = true;  // also if its backup cannot be kept
-    return journal_.finish(kept);
+    const std::string folder = journal_.folder();
+    failure = journal_.finish(kept);
+    isJournalGone_ = !failure || journal_.folder() != folder;
+    return failure;
   }
 
   ChangeFailure failureAt(uint64_t offset, const std::string& reason) const {

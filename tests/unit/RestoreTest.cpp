@@ -450,14 +450,18 @@ TEST_F(RestoreTest, WithoutAJournalForTheStructuresTheContentIsStillWritten) {
   EXPECT_EQ(volume->bytes, restoredVolume());
 }
 
-TEST_F(RestoreTest, IfTheBackupCannotBeKeptThereIsNothingToGoOnWith) {
+TEST_F(RestoreTest, IfTheBackupCannotBeKeptTheJournalStays) {
   const RestoreResult result = restoreWithLocked("backups");
   EXPECT_EQ(result.end, RestoreResult::End::failed);
-  EXPECT_THAT(result.failure.state, HasSubstr("the change is made"));
-  EXPECT_EQ(result.journal, "");
+  EXPECT_THAT(result.failure.state, HasSubstr("everything is written"));
   EXPECT_FALSE(result.isBlank);
   EXPECT_EQ(volume->bytes, restoredVolume());
+  EXPECT_THAT(keptChanges(), IsEmpty());
+  EXPECT_THAT(interruptedLongChanges(), ElementsAre(result.journal));
+  EXPECT_EQ(resume().end, RestoreResult::End::done);
   EXPECT_THAT(interruptedLongChanges(), IsEmpty());
+  EXPECT_EQ(keptChanges().size(), 1U);
+  EXPECT_EQ(volume->bytes, restoredVolume());
 }
 
 }  // namespace
