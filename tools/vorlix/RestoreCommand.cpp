@@ -203,148 +203,148 @@ bool printStart(const RestoreOptions& options, const std::string& disk, uint32_t
   const bool starts = report.starts() && !isFromWim;
   if (starts) {
     std::fprintf(textOutput(options.progress), "Start      the disk starts as far as can be told (vorlix check)\n");
-    return starts;
   }
+  return starts;
+}
 
-  std::string folderOfInterrupted(const std::string& name) {
-    if (name.find('/') != std::string::npos) return name;
-    std::vector<std::string> found;
-    for (const std::string& folder : interruptedLongChanges()) {
-      if (nameOfJournal(folder).starts_with(name)) found.push_back(folder);
-    }
-    if (found.empty()) throw Failure(name, "no interrupted restore of that name");
-    if (found.size() > 1) throw Failure(name, "several interrupted restores begin with that name");
-    return found.front();
+std::string folderOfInterrupted(const std::string& name) {
+  if (name.find('/') != std::string::npos) return name;
+  std::vector<std::string> found;
+  for (const std::string& folder : interruptedLongChanges()) {
+    if (nameOfJournal(folder).starts_with(name)) found.push_back(folder);
   }
+  if (found.empty()) throw Failure(name, "no interrupted restore of that name");
+  if (found.size() > 1) throw Failure(name, "several interrupted restores begin with that name");
+  return found.front();
+}
 
-  const char* comparisonText(const RestoreOptions& options, const RestoreResult& result) {
-    if (options.noVerify) return "";
-    return result.isCompared ? ", read back and compared"
-                             : ", read back and compared but for what was written with --no-verify";
+const char* comparisonText(const RestoreOptions& options, const RestoreResult& result) {
+  if (options.noVerify) return "";
+  return result.isCompared ? ", read back and compared"
+                           : ", read back and compared but for what was written with --no-verify";
+}
+
+std::unique_ptr<LongChange> openJournal(const std::string& folder) {
+  std::optional<ChangeFailure> failure;
+  auto journal = openLongChange(folder, failure);
+  if (failure) fail(*failure);
+  return journal;
+}
+
+// @return whether the volume was made of a WIM
+bool resume(const RestoreOptions& options, const std::string& folder) {
+  auto journal = openJournal(folder);
+  const DiskChange& structures = journal->structures();
+  const std::string volume = structures.devices[journal->origin().device].device;
+  std::vector<std::shared_ptr<DeviceHandle>> handles;
+  for (const DeviceChange& device : structures.devices) handles.push_back(openToChange(device.device, nullptr, folder));
+  ImageFailure unreadable;
+  const std::string path = options.request.source.empty() ? journal->origin().source : options.request.source;
+  auto source = openImageSource(path, {}, unreadable);
+  if (!source) throw Failure(unreadable.subject, unreadable.reason, "the restore can go on once the source is there");
+  std::fprintf(textOutput(options.progress), "Going on   %s\n", printable(structures.title).c_str());
+  std::fflush(stdout);
+  const Interruption interruption;
+  const uint32_t image = journal->origin().image;
+  if (image != 0 && source->facts().kind == ImageKind::wim) {
+    source = applyAgain(options, path, source->facts(), image, *handles[journal->origin().device]);
   }
+  ShownProgress progress(options.progress);
+  const RestoreResult result =
+      resumeRestore(std::move(journal), *source, handles, !options.noVerify, std::ref(progress));
+  progress.finish();
+  requireDone(result, volume, *source);
+  std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
+               printable(volume).c_str(), comparisonText(options, result));
+  printUndo(result.kept, textOutput(options.progress));
+  return source->facts().isMadeAnew;
+}
 
-  std::unique_ptr<LongChange> openJournal(const std::string& folder) {
+// The interrupted restore of the same slice. Throws Failure if that has another source.
+std::optional<std::string> interruptedRestoreOf(const RestoreRequest& request, const std::string& volume) {
+  for (const std::string& folder : interruptedLongChanges()) {
     std::optional<ChangeFailure> failure;
-    auto journal = openLongChange(folder, failure);
-    if (failure) fail(*failure);
-    return journal;
-  }
-
-  // @return whether the volume was made of a WIM
-  bool resume(const RestoreOptions& options, const std::string& folder) {
-    auto journal = openJournal(folder);
-    const DiskChange& structures = journal->structures();
-    const std::string volume = structures.devices[journal->origin().device].device;
-    std::vector<std::shared_ptr<DeviceHandle>> handles;
-    for (const DeviceChange& device : structures.devices)
-      handles.push_back(openToChange(device.device, nullptr, folder));
-    ImageFailure unreadable;
-    const std::string path = options.request.source.empty() ? journal->origin().source : options.request.source;
-    auto source = openImageSource(path, {}, unreadable);
-    if (!source) throw Failure(unreadable.subject, unreadable.reason, "the restore can go on once the source is there");
-    std::fprintf(textOutput(options.progress), "Going on   %s\n", printable(structures.title).c_str());
-    std::fflush(stdout);
-    const Interruption interruption;
+    const auto journal = openLongChange(folder, failure);
+    if (!journal) continue;  // of a restore that is running; if it is on this disk, opening the disk says so
+    const std::string& device = journal->structures().devices[journal->origin().device].device;
+    if (absoluteSource(device) != absoluteSource(volume) && device != volume) continue;
     const uint32_t image = journal->origin().image;
-    if (image != 0 && source->facts().kind == ImageKind::wim) {
-      source = applyAgain(options, path, source->facts(), image, *handles[journal->origin().device]);
-    }
-    ShownProgress progress(options.progress);
-    const RestoreResult result =
-        resumeRestore(std::move(journal), *source, handles, !options.noVerify, std::ref(progress));
-    progress.finish();
-    requireDone(result, volume, *source);
-    std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
-                 printable(volume).c_str(), comparisonText(options, result));
-    printUndo(result.kept, textOutput(options.progress));
-    return source->facts().isMadeAnew;
+    const bool isSameImage = request.index == 0 || request.index == image;
+    if (isSameImage && journal->origin().source == absoluteSource(request.source)) return folder;
+    const std::string name = nameOfJournal(folder);
+    const std::string what = journal->origin().source + (image == 0 ? "" : ", image " + std::to_string(image) + ",");
+    throw Failure(volume, "a restore of " + what + " was interrupted; `vorlix restore --resume " + name +
+                              "` goes on, `vorlix undo " + name + "` gives it up");
   }
+  return std::nullopt;
+}
 
-  // The interrupted restore of the same slice. Throws Failure if that has another source.
-  std::optional<std::string> interruptedRestoreOf(const RestoreRequest& request, const std::string& volume) {
-    for (const std::string& folder : interruptedLongChanges()) {
-      std::optional<ChangeFailure> failure;
-      const auto journal = openLongChange(folder, failure);
-      if (!journal) continue;  // of a restore that is running; if it is on this disk, opening the disk says so
-      const std::string& device = journal->structures().devices[journal->origin().device].device;
-      if (absoluteSource(device) != absoluteSource(volume) && device != volume) continue;
-      const uint32_t image = journal->origin().image;
-      const bool isSameImage = request.index == 0 || request.index == image;
-      if (isSameImage && journal->origin().source == absoluteSource(request.source)) return folder;
-      const std::string name = nameOfJournal(folder);
-      const std::string what = journal->origin().source + (image == 0 ? "" : ", image " + std::to_string(image) + ",");
-      throw Failure(volume, "a restore of " + what + " was interrupted; `vorlix restore --resume " + name +
-                                "` goes on, `vorlix undo " + name + "` gives it up");
-    }
-    return std::nullopt;
-  }
+// What the plan has shown.
+struct ShownSource {
+  ImageFacts facts;
+  std::optional<WimFacts::Image> image;
+  NTFSPlace place;
+};
 
-  // What the plan has shown.
-  struct ShownSource {
-    ImageFacts facts;
-    std::optional<WimFacts::Image> image;
-    NTFSPlace place;
-  };
+// Opens the disk for writing. A WIM is applied before, while the disk is free for others.
+RestorePreparation prepareToWrite(RestoreOptions& options, const ShownSource& shown) {
+  RestoreRequest& request = options.request;
+  request.writes = true;
+  if (!shown.image) return prepareRestore(request);
+  auto applied = applyImage(options, shown.facts, {request.source, shown.image->index, shown.place, request.scratch});
+  RestorePreparation prepared = prepareRestore(request, std::move(applied));
+  if (prepared.place != shown.place) throw Failure(prepared.volume, "was changed while the image was applied");
+  return prepared;
+}
 
-  // Opens the disk for writing. A WIM is applied before, while the disk is free for others.
-  RestorePreparation prepareToWrite(RestoreOptions & options, const ShownSource& shown) {
-    RestoreRequest& request = options.request;
-    request.writes = true;
-    if (!shown.image) return prepareRestore(request);
-    auto applied = applyImage(options, shown.facts, {request.source, shown.image->index, shown.place, request.scratch});
-    RestorePreparation prepared = prepareRestore(request, std::move(applied));
-    if (prepared.place != shown.place) throw Failure(prepared.volume, "was changed while the image was applied");
-    return prepared;
-  }
-
-  int restore(RestoreOptions options, const BackupChoice& choice) {
-    const LibraryLog log;  // look-ups write to it
-    RestoreRequest& request = options.request;
-    const std::string volume = sliceNameOf(bsdNameOf(request.disk), request.partition);
-    const StartWay way = request.isLegacy ? StartWay::legacy : StartWay::automatic;
-    if (const auto folder = interruptedRestoreOf(request, volume)) {
-      if (options.dryRun) {
-        std::fprintf(textOutput(options.progress), "Dry run: `vorlix restore --resume %s` goes on with this restore.\n",
-                     nameOfJournal(*folder).c_str());
-        return kChangeNeeded;
-      }
-      requireConsent(options, "This restore was interrupted. Go on?");
-      const bool isFromWim = resume(options, *folder);
-      return !request.isLegacy || printStart(options, request.disk, request.partition, way, isFromWim) ? kDone
-                                                                                                       : kChangeNeeded;
-    }
-    // Standard input can be read once only, so the disk is opened for writing at once.
-    const bool isStream = request.source == kStandardInput;
-    if (isStream && !options.dryRun) requireConsent(options, "");
-    request.writes = isStream && !options.dryRun;
-    RestorePreparation prepared = prepareRestore(request);
-    if (prepared.image) request.scratch = scratchFor(request, *prepared.image, prepared.volumeSize);
-    printPlan(options, prepared);
+int restore(RestoreOptions options, const BackupChoice& choice) {
+  const LibraryLog log;  // look-ups write to it
+  RestoreRequest& request = options.request;
+  const std::string volume = sliceNameOf(bsdNameOf(request.disk), request.partition);
+  const StartWay way = request.isLegacy ? StartWay::legacy : StartWay::automatic;
+  if (const auto folder = interruptedRestoreOf(request, volume)) {
     if (options.dryRun) {
-      std::fprintf(textOutput(options.progress), "Dry run: nothing is written.\n");
+      std::fprintf(textOutput(options.progress), "Dry run: `vorlix restore --resume %s` goes on with this restore.\n",
+                   nameOfJournal(*folder).c_str());
       return kChangeNeeded;
     }
-    std::fflush(stdout);
-    const ShownSource shown = {prepared.source->facts(), prepared.image, prepared.place};
-    if (!isStream) {
-      prepared = {};  // closes the disk while the user thinks
-      requireConsent(options, "Overwrite " + printable(volume) + "?");
-    }
-    const Interruption interruption;
-    if (!isStream) prepared = prepareToWrite(options, shown);
-    prepared.plan.backup = changeBackup(choice);
-    ShownProgress progress(options.progress);
-    const RestoreResult result = restoreVolume(*prepared.source, prepared.plan, !options.noVerify, std::ref(progress));
-    progress.finish();
-    requireDone(result, prepared.volume, *prepared.source);
-    std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
-                 printable(prepared.volume).c_str(), comparisonText(options, result));
-    printUndo(result.kept, textOutput(options.progress));
-    prepared = {};  // closes the disk, which is looked at anew
-    return !request.isLegacy || printStart(options, request.disk, request.partition, way, shown.image.has_value())
-               ? kDone
-               : kChangeNeeded;
+    requireConsent(options, "This restore was interrupted. Go on?");
+    const bool isFromWim = resume(options, *folder);
+    return !request.isLegacy || printStart(options, request.disk, request.partition, way, isFromWim) ? kDone
+                                                                                                     : kChangeNeeded;
   }
+  // Standard input can be read once only, so the disk is opened for writing at once.
+  const bool isStream = request.source == kStandardInput;
+  if (isStream && !options.dryRun) requireConsent(options, "");
+  request.writes = isStream && !options.dryRun;
+  RestorePreparation prepared = prepareRestore(request);
+  if (prepared.image) request.scratch = scratchFor(request, *prepared.image, prepared.volumeSize);
+  printPlan(options, prepared);
+  if (options.dryRun) {
+    std::fprintf(textOutput(options.progress), "Dry run: nothing is written.\n");
+    return kChangeNeeded;
+  }
+  std::fflush(stdout);
+  const ShownSource shown = {prepared.source->facts(), prepared.image, prepared.place};
+  if (!isStream) {
+    prepared = {};  // closes the disk while the user thinks
+    requireConsent(options, "Overwrite " + printable(volume) + "?");
+  }
+  const Interruption interruption;
+  if (!isStream) prepared = prepareToWrite(options, shown);
+  prepared.plan.backup = changeBackup(choice);
+  ShownProgress progress(options.progress);
+  const RestoreResult result = restoreVolume(*prepared.source, prepared.plan, !options.noVerify, std::ref(progress));
+  progress.finish();
+  requireDone(result, prepared.volume, *prepared.source);
+  std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
+               printable(prepared.volume).c_str(), comparisonText(options, result));
+  printUndo(result.kept, textOutput(options.progress));
+  prepared = {};  // closes the disk, which is looked at anew
+  return !request.isLegacy || printStart(options, request.disk, request.partition, way, shown.image.has_value())
+             ? kDone
+             : kChangeNeeded;
+}
 
 }  // namespace
 
