@@ -60,7 +60,8 @@ class VORLIX_EXPORT LongChange {
   /// Forgets all pieces: the content is written anew.
   virtual std::optional<ChangeFailure> restart() = 0;
 
-  /// The change is complete and on the medium: the journal becomes a backup, or is removed.
+  /// The change is complete and on the medium: the journal becomes a backup, or is removed. If it cannot become one, it
+  /// stays as it was.
   /// @param kept  receives the folder of the backup; empty if there is none.
   virtual std::optional<ChangeFailure> finish(std::string& kept) = 0;
 
