@@ -2,8 +2,8 @@
 //
 // An EFI program for tests: it does with a boot configuration store what a boot manager has to do first. It reads
 // \EFI\Microsoft\Boot\BCD from the volume that it was started from, finds the device elements that name a partition,
-// looks for each among the firmware's block devices, and prints on the first serial port what it found. Then it ends the
-// emulator.
+// looks for each among the firmware's block devices, and prints on the first serial port what it found. Then it ends
+// the emulator.
 //
 // It knows nothing of where identifiers stand in prepared stores: it goes through the hive's cells. Formats: the UEFI
 // specification 2.10 (tables, protocols, device paths), the Windows registry file format specification (Suhanov), and
@@ -223,8 +223,8 @@ static void readStore(const Byte* store, Qword size) {
       const Qword cellSize = (Qword)(signedSize < 0 ? -(long long)signedSize : signedSize);
       if (cellSize < 8 || cellSize > bin + binSize - cell) fail("a damaged cell");
       const Byte* value = store + cell + 4;
-      if (signedSize < 0 && areEqual(value, (const Byte*)"vk\7\0", 4) && areEqual(value + 20, (const Byte*)"Element", 7) &&
-          dwordAt(value + 4) == kElement) {
+      if (signedSize < 0 && areEqual(value, (const Byte*)"vk\7\0", 4) &&
+          areEqual(value + 20, (const Byte*)"Element", 7) && dwordAt(value + 4) == kElement) {
         const Qword data = kPage + (Qword)dwordAt(value + 8) + 4;
         if (data + kElement > size) fail("data outside of the store");
         const Byte* element = store + data;
