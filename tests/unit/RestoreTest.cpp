@@ -201,7 +201,7 @@ class RestoreTest : public testing::Test {
   RestoreResult restoreWithLocked(const std::string& name) const {
     const fs::path folder = fs::path(folder_) / "vorlix" / name;
     NumberedSource source;
-    const RestoreResult result = restoreVolume(source, plan(), true, [&](const RestoreProgress& progress) {
+    RestoreResult result = restoreVolume(source, plan(), true, [&](const RestoreProgress& progress) {
       if (progress.phase == RestoreProgress::Phase::comparing) permit(folder, fs::perms::owner_write, false);
       return true;
     });
