@@ -1,0 +1,127 @@
+# SPDX-License-Identifier: Apache-2.0
+"""`vorlix restore --start`: the restored volume's boot files and a store on the EFI System Partition, before sector 0."""
+
+import os
+
+import test_boot_files
+from support import backups, images, samples, tools, volumes
+
+WINDOWS = volumes.WINDOWS
+
+
+class RestoredStart(test_boot_files.BootFilesTest):
+    """A disk whose slice 3 is blank, and an image of a volume with a Windows."""
+
+    def setUp(self):
+        super().setUp()
+        whole = self.disk(name="whole.img")
+        self.image = self.path("volume.img")
+        with open(self.image, "wb") as file:
+            file.write(samples.read(whole, self.OFFSET, WINDOWS.sectors * samples.SECTOR))
+        os.remove(whole)
+        self.give(self.image)
+        self.target = self.give(volumes.make_mac(self.path("mac.img"), {}))
+        self.untouched = self.path("untouched.img")
+        images.sparse_copy(self.target, self.untouched)
+
+    def restore(self, *options, expect=0, saying=()):
+        result = self.vorlix_run("restore", self.image, self.target, "--partition", WINDOWS.number, "--yes", *options)
+        self.assertEqual(result.returncode, expect, result.stdout + result.stderr)
+        for words in saying:
+            self.assertIn(words, result.stdout + result.stderr)
+        return result
+
+    def sector_0(self, disk=None):
+        return samples.read(disk or self.target, 0, samples.SECTOR)
+
+    def journals(self):
+        folder = os.path.join(self.state, "vorlix", "journals")
+        return os.listdir(folder) if os.path.isdir(folder) else []
+
+    def test_efi_puts_the_start_files_and_leaves_sector_0(self):
+        result = self.restore("--start", "efi", saying=["Files ", "Start      the disk starts as far as can be told"])
+        self.assert_efi_start(self.target)
+        self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
+        self.assertEqual(self.journals(), [])
+        self.assertEqual(result.stdout.count("vorlix undo"), 2)  # of the boot sectors, and of the files
+
+    def test_both_is_what_a_volume_with_boot_files_gets(self):
+        # A FAT volume has no bootmgr in its root here, which a BIOS start needs.
+        for options in ([], ["--start", "both"]):
+            with self.subTest(options=options):
+                images.sparse_copy(self.untouched, self.target)
+                self.restore(*options, expect=1, saying=["Missing", "--firmware bios"])
+                self.assert_efi_start(self.target)
+                self.assertEqual(tools.fdisk_slots(self.target)[WINDOWS.number][:3],
+                                 (True, WINDOWS.first, WINDOWS.sectors))
+
+    def test_legacy_and_none_leave_the_system_partition(self):
+        for way, status in (("legacy", 1), ("none", 0)):
+            with self.subTest(way=way):
+                images.sparse_copy(self.untouched, self.target)
+                self.restore("--start", way, expect=status)
+                self.assertEqual(self.efi_files(self.target), {})
+
+    def test_a_volume_without_boot_files_says_what_is_missing(self):
+        tree = {path: content for path, content in self.tree.items() if "BCD-Template" not in path}
+        whole = self.disk(tree=tree, name="other.img")
+        with open(self.image, "wb") as file:
+            file.write(samples.read(whole, self.OFFSET, WINDOWS.sectors * samples.SECTOR))
+        self.restore("--start", "efi", expect=1, saying=["Missing", "vorlix bcd"])
+        self.assertEqual(self.efi_files(self.target), {})
+        self.assertEqual(self.journals(), [])
+
+    def test_without_a_system_partition_nothing_is_written(self):
+        images.run_tool("sgdisk", "-t", "1:0700", self.target)
+        images.sparse_copy(self.target, self.untouched)
+        self.restore("--start", "efi", expect=2, saying=["is no EFI System Partition", "nothing was written"])
+        self.assertEqual(images.content_hash(self.target), images.content_hash(self.untouched))
+
+    def test_a_dry_run_says_where_the_files_go(self):
+        self.restore("--start", "both", "--dry-run", expect=1, saying=["EFI        boot files", "s1"])
+        self.assertEqual(images.content_hash(self.target), images.content_hash(self.untouched))
+
+    def test_when_the_files_have_no_room_the_restore_stops_before_sector_0_and_goes_on_later(self):
+        volumes.put_tree(self.target, {"filler": b"x" * (volumes.EFI_SIZE - (200 << 10))}, volumes.EFI_OFFSET)
+        result = self.restore("--start", "both", expect=2, saying=["no room", "vorlix restore --resume", "vorlix undo"])
+        self.assertNotIn("nothing was written", result.stderr)
+        self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
+        (name,) = self.journals()
+        self.vorlix_refuses("hybrid", self.target, "--partition", WINDOWS.number, "--force", saying=[name])
+        images.run_tool("mdel", "-i", f"{self.target}@@{volumes.EFI_OFFSET}", "::filler")
+        resumed = self.vorlix_run("restore", "--resume", name)
+        self.assertEqual(resumed.returncode, 1, resumed.stdout + resumed.stderr)
+        self.assertIn("--firmware bios", resumed.stdout)
+        self.assert_efi_start(self.target)
+        self.assertTrue(tools.fdisk_slots(self.target)[WINDOWS.number][0])
+        self.assertEqual(self.journals(), [])
+
+    def test_a_stopped_one_can_go_on_without_the_files(self):
+        volumes.put_tree(self.target, {"filler": b"x" * (volumes.EFI_SIZE - (200 << 10))}, volumes.EFI_OFFSET)
+        self.restore("--start", "both", expect=2)
+        (name,) = self.journals()
+        self.vorlix_run("restore", "--resume", name, "--start", "legacy")
+        self.assertEqual(sorted(self.efi_files(self.target)), ["filler"])
+        self.assertTrue(tools.fdisk_slots(self.target)[WINDOWS.number][0])
+        self.assertEqual(self.journals(), [])
+
+    def test_undo_gives_a_stopped_one_up(self):
+        volumes.put_tree(self.target, {"filler": b"x" * (volumes.EFI_SIZE - (200 << 10))}, volumes.EFI_OFFSET)
+        first = samples.read(self.target, self.OFFSET, samples.SECTOR)
+        self.restore("--start", "both", expect=2)
+        (name,) = self.journals()
+        self.assertNotEqual(samples.read(self.target, self.OFFSET, samples.SECTOR), first)
+        self.vorlix_ok("undo", name)
+        self.assertEqual(samples.read(self.target, self.OFFSET, samples.SECTOR), first)
+        self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
+
+    def test_everything_but_the_content_can_be_undone(self):
+        self.restore("--start", "both", expect=1)
+        for folder in reversed(backups.folders(os.path.join(self.state, "vorlix", "backups"))):
+            self.vorlix_ok("undo", os.path.basename(folder), "--no-backup")
+        self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
+        self.assertEqual(self.efi_files(self.target), {})
+
+
+if __name__ == "__main__":
+    images.main()
