@@ -47,6 +47,7 @@ struct StoreOptions {
   std::string templateFile;
   int32_t mode = 0;
   bool dryRun = false;
+  bool json = false;
   bool force = false;
   std::shared_ptr<BackupChoice> backup;
 };
@@ -93,6 +94,18 @@ StorePlan planStore(const StoreOptions& options) {
   plan.store =
       storeWithIdentifiers(plan.original, options.mode, {*plan.identity.partitionGUID, *plan.identity.diskGUID});
   return plan;
+}
+
+void printDryRunJson(const StoreOptions& options, const StorePlan& plan) {
+  Json::object({{"version", kJsonVersion},
+                {"disk", options.disk},
+                {"template", options.templateFile},
+                {"slice", 1},
+                {"path", kStorePath + 1},
+                {"partitionGUID", guidText(plan.identity.partitionGUID->data())},
+                {"diskGUID", guidText(plan.identity.diskGUID->data())},
+                {"changes", differenceJson(plan.original, plan.store, 0)}})
+      .print();
 }
 
 void printDryRun(const StoreOptions& options, const StorePlan& plan) {
@@ -200,15 +213,17 @@ void addBootStoreCommand(Command& top, int& status) {
   command.addOption("--partition", options->partition, "GPT entry of the Windows volume").required().within(1, 128);
   command.addOption("--template", options->templateFile, "The prepared store").required();
   command.addOption("--mode", options->mode, "Layout of the template: standard, mdt or sccm").required().named(kModes);
-  command.addFlag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
+  const Option dryRun = command.addFlag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
+  command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun);
   options->backup = addBackupOptions(command);
   command.addFlag("--force", options->force,
                   "Take a template that does not look like one for the mode, and a damaged GPT");
+  command.setExamples({"vorlix bcd mac.img --partition 3 --template BCD --mode standard --dry-run"});
   command.setAction([options, &status] {
     const LibraryLog log;  // look-ups write to it
     const StorePlan plan = planStore(*options);
     if (options->dryRun) {
-      printDryRun(*options, plan);
+      options->json ? printDryRunJson(*options, plan) : printDryRun(*options, plan);
       status = kChangeNeeded;
       return;
     }

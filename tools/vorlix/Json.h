@@ -15,6 +15,10 @@
 
 namespace vorlix::tool {
 
+/// The version of the shape of every object that a command prints, its member "version". Members may be added within a
+/// version; docs/json/ has a schema for each command.
+constexpr int kJsonVersion = 1;
+
 /// A value of JSON: null, boolean, number, text, array or object. Objects keep the order in which members were
 /// added.
 class Json {

@@ -16,9 +16,11 @@
 #include "Commands.h"
 #include "DeviceChanges.h"
 #include "Failure.h"
+#include "Json.h"
 #include "LibraryLog.h"
 #include "Progress.h"
 #include "RestorePreparation.h"
+#include "RestoreView.h"
 #include "StartFacts.h"
 #include "Text.h"
 
@@ -34,6 +36,7 @@ struct RestoreOptions {
   bool yes = false;
   bool dryRun = false;
   bool noVerify = false;
+  bool json = false;
   ProgressForm progress = ProgressForm::people;
 };
 
@@ -217,6 +220,10 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
   const std::string volume = sliceNameOf(bsdNameOf(request.disk), request.partition);
   const StartWay way = request.isLegacy ? StartWay::legacy : StartWay::automatic;
   if (const auto folder = interruptedRestoreOf(request, volume)) {
+    if (options.json) {
+      Json::object({{"version", kJsonVersion}, {"resumes", nameOfJournal(*folder)}}).print();
+      return kChangeNeeded;
+    }
     if (options.dryRun) {
       std::fprintf(textOutput(options.progress), "Dry run: `vorlix restore --resume %s` goes on with this restore.\n",
                    nameOfJournal(*folder).c_str());
@@ -231,6 +238,10 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
   if (isStream && !options.dryRun) requireConsent(options, "");
   request.writes = isStream && !options.dryRun;
   RestorePreparation prepared = prepareRestore(request);
+  if (options.json) {
+    printRestorePlanJson(request, prepared);
+    return kChangeNeeded;
+  }
   printPlan(options, prepared);
   if (options.dryRun) {
     std::fprintf(textOutput(options.progress), "Dry run: nothing is written.\n");
@@ -273,7 +284,9 @@ void addRestoreCommand(Command& top, int& status) {
   const Option resuming =
       command.addOption("--resume", options->resume, "Go on with an interrupted restore; SOURCE if it has moved");
   command.addFlag("--yes", options->yes, "Do not ask");
-  command.addFlag("--dry-run", options->dryRun, "Check everything and show the plan; write nothing");
+  const Option dryRun =
+      command.addFlag("--dry-run", options->dryRun, "Check everything and show the plan; write nothing");
+  command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun).excludes(resuming);
   command.addFlag("--no-verify", options->noVerify, "Do not read the content back");
   command.addFlag("--force", request.force, "Go on with a damaged GPT, another type of partition or an odd source");
   addProgressOption(command, options->progress);
@@ -281,6 +294,8 @@ void addRestoreCommand(Command& top, int& status) {
   command.setFooter(
       "Exit status: 0 the disk starts as far as can be told (with --start none: the volume is restored),\n"
       "1 restored, but something that a start needs is missing, 2 error.");
+  command.setExamples({"vorlix restore windows.img.xz mac.img --partition 3 --dry-run",
+                       "vorlix restore saved /dev/sda --partition 4 --yes"});
   command.setAction([options, backup, resuming, &status] {
     RestoreRequest& wanted = options->request;
     wanted.isLegacy = options->start == "legacy";
