@@ -33,6 +33,7 @@ struct BackupFailure {
   std::string subject;  ///< the device, file or folder
   std::string reason;
   bool isCancelled = false;  ///< the host asked for it
+  bool isThere = false;      ///< the backup is complete under its name, but a power failure may take the name away
 };
 
 /// A small structure that is saved beside the volume's content.

@@ -43,7 +43,7 @@ enum class ImageKind {
   raw,        ///< the bytes of the volume, in a file, a device or a slice
   ntfsclone,  ///< ntfsclone --save-image
   backup,     ///< a folder with kBackupVolume and kBackupBlockMap
-  wim         ///< files in a WIM or ESD: recognised, but its bytes are not a volume's, so next() fails
+  wim         ///< files in a WIM or ESD: its bytes are not a volume's, so next() fails; applyWim() makes one of them
 };
 
 /// Returns the fixed word for programs: "raw", "ntfsclone", "backup" or "wim".
@@ -69,9 +69,11 @@ struct ImageRange {
 /// What the header of a WIM says, and its list of images where that could be read.
 struct WimFacts {
   struct Image {
-    uint32_t index = 0;  ///< from 1
-    std::string name;    ///< UTF-8; empty without one
-    uint64_t size = 0;   ///< bytes of its files, unpacked; 0 where the list does not tell
+    uint32_t index = 0;       ///< from 1
+    std::string name;         ///< UTF-8; empty without one
+    uint64_t size = 0;        ///< bytes of its files, unpacked; 0 where the list does not tell
+    uint64_t linkedSize = 0;  ///< of these, what further names of a file count again
+    uint64_t files = 0;       ///< files and folders
   };
 
   uint32_t imageCount = 0;
@@ -79,6 +81,8 @@ struct WimFacts {
   uint16_t parts = 1;
   bool isSolid = false;       ///< an ESD: resources are packed together
   std::vector<Image> images;  ///< empty where the source cannot be sought in, or the list is damaged
+  bool isEncrypted = false;   ///< the list says so
+  bool isIncomplete = false;  ///< has only contents or only metadata, for use with another file
 };
 
 /// What is known of a source before its content is read.
@@ -92,10 +96,11 @@ struct ImageFacts {
   std::optional<uint64_t> size;
 
   /// What the volume's own boot sector says. Absent for other file systems, for the image of a whole disk, and for a
-  /// WIM.
+  /// WIM that is not applied.
   std::optional<VolumeFacts> volume;
 
-  /// The first bytes of the volume, at most 4096; fewer only where the volume is smaller. Empty for a WIM.
+  /// The first bytes of the volume, at most 4096; fewer only where the volume is smaller. Empty for a
+  /// WIM that is not applied.
   std::vector<uint8_t> start;
 
   /// What is in use, rising, not adjacent; from a block map. Everything else comes as unused pieces.
@@ -118,6 +123,12 @@ struct ImageFacts {
   std::optional<DeviceIdentity> identity;
 
   std::optional<WimFacts> wim;  ///< present for a WIM only
+
+  /// Bytes by which the source is known again when a restore goes on. Empty for all but WIMs: then `start` tells.
+  std::vector<uint8_t> key;
+
+  /// Opened again, the source has other bytes: a restore that goes on begins with the first byte again.
+  bool isMadeAnew = false;
 };
 
 /// One step of reading. Pieces come in rising order without gaps or overlaps from the first byte of the volume (or

@@ -25,6 +25,7 @@ struct RestorePlan {
   std::string source;     ///< what the user named; for a file its absolute path, so that a resumed restore finds it
   DiskChange structures;  ///< `before` is what the devices have now; the first device is the volume, and has a run at 0
   ChangeBackup backup;
+  uint32_t image = 0;  ///< the image of a WIM, so that a resumed restore applies the same; 0 for other sources
 };
 
 struct RestoreProgress {
@@ -45,9 +46,11 @@ struct RestoreResult {
   };
   End end = End::failed;
   ChangeFailure failure;  ///< of a failed one
-  std::string journal;  ///< folder of the journal from which it can go on; empty if nothing was written, or at the end
-  std::string kept;     ///< folder of the backup of the structures; empty if there is none
-  uint64_t size = 0;    ///< bytes of the volume that are on the medium
+  std::string journal;   ///< folder of the journal from which it can go on; empty if nothing was written, or at the end
+  std::string kept;      ///< folder of the backup of the structures; empty if there is none
+  uint64_t size = 0;     ///< bytes of the volume that are on the medium
+  bool isBlank = false;  ///< of one that is not done: the volume has no boot sector, so nothing takes it for whole
+  bool isCompared = false;  ///< of one that is done: all of its content was read back and compared
 };
 
 /// Restores a volume. `source` is at its beginning.
@@ -55,7 +58,8 @@ struct RestoreResult {
 VORLIX_EXPORT RestoreResult restoreVolume(ImageSource& source, const RestorePlan& plan, bool compare,
                                           const RestoreObserver& observer);
 
-/// Goes on with an interrupted restore. `source` is at its beginning, and must be the one of the journal.
+/// Goes on with an interrupted restore. `source` is at its beginning, and must be the one of the journal. One that is
+/// made anew (ImageFacts::isMadeAnew) is written from its first byte again.
 /// @param journal  opened by openLongChange()
 /// @param handles  one for each device of its structures, open for writing
 VORLIX_EXPORT RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& source,

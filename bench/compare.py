@@ -11,7 +11,6 @@ import pathlib
 import plistlib
 import re
 import shutil
-import statistics
 import subprocess
 import sys
 import tempfile
@@ -20,47 +19,11 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tests" / "integration"))
 from support import hives  # noqa: E402  (the path to it is set above)
+from timing import Program, fresh_copy, take_turns  # noqa: E402
+from volume_work import restoring, saving  # noqa: E402
 
 IMAGE_SIZE = 256 << 20
 ESP_FIRST, HFS_FIRST, WINDOWS_FIRST, WINDOWS_LAST = 40, 20520, 204800, 401407
-
-
-class Program:
-    """A command. Its word "IMAGE" stands for the path of the program's copy of the image."""
-
-    def __init__(self, label, command, statuses=(0,)):
-        self.label = label
-        self.command = command
-        self.statuses = statuses
-        self.wall = []
-        self.cpu = []
-
-    def arguments(self, image):
-        return [str(image) if word == "IMAGE" else word for word in self.command]
-
-    def run(self, image):
-        """Runs the command once and discards its output. Measures from before the start until the end is known."""
-        arguments = self.arguments(image)
-        silence = [(os.POSIX_SPAWN_OPEN, 1, os.devnull, os.O_WRONLY, 0),
-                   (os.POSIX_SPAWN_OPEN, 2, os.devnull, os.O_WRONLY, 0)]
-        start = time.perf_counter()
-        process = os.posix_spawnp(arguments[0], arguments, os.environ, file_actions=silence)
-        _, status, usage = os.wait4(process, 0)
-        self.wall.append(time.perf_counter() - start)
-        self.cpu.append(usage.ru_utime + usage.ru_stime)
-        if os.waitstatus_to_exitcode(status) not in self.statuses:
-            subprocess.run(arguments, check=False)  # again, to show its messages
-            sys.exit(f"{' '.join(arguments)}: ended with {os.waitstatus_to_exitcode(status)}")
-
-    def forget(self):
-        self.wall.clear()
-        self.cpu.clear()
-
-    def median(self):
-        return statistics.median(self.wall)
-
-    def cpu_median(self):
-        return statistics.median(self.cpu)
 
 
 def make_image(path):
@@ -73,41 +36,6 @@ def make_image(path):
     subprocess.run(["sgdisk", *options, str(path)], check=True, stdout=subprocess.DEVNULL)
     subprocess.run(["mformat", "-i", f"{path}@@{WINDOWS_FIRST * 512}", "-T", str(WINDOWS_LAST - WINDOWS_FIRST + 1),
                     "-h", "255", "-s", "63", "-H", "0", "::"], check=True)
-
-
-def fresh_copy(original, copy):
-    """Makes a synced copy, so that no later sync has to write it."""
-    subprocess.run(["cp", "--sparse=always", str(original), str(copy)], check=True)
-    descriptor = os.open(copy, os.O_RDWR)
-    os.fsync(descriptor)
-    os.close(descriptor)
-
-
-def take_turns(title, programs, original, folder, runs, renew=False, ratios=True, bar=None):
-    """Runs each program `runs` times, after one run that is not counted. With `renew`, each run gets a fresh copy. `bar` is
-    the largest allowed ratio of the first program's CPU time to the second one's."""
-    copies = [folder / f"copy{i}.img" for i in range(len(programs))]
-    for copy in copies:
-        fresh_copy(original, copy)
-    for turn in range(runs + 1):
-        if turn == 1:
-            for program in programs:
-                program.forget()
-        for program, copy in zip(programs, copies):
-            if renew and turn > 0:
-                fresh_copy(original, copy)
-            program.run(copy)
-    print(f"\n{title}: {runs} runs each, alternating")
-    print(f"  {'':28} {'median':>10} {'fastest':>10} {'CPU':>10}")
-    for program in programs:
-        times = [program.median(), min(program.wall), program.cpu_median()]
-        print(f"  {program.label:28} " + " ".join(f"{seconds * 1e3:7.2f} ms" for seconds in times))
-    for program in programs[1:] if ratios else []:
-        cpu = programs[0].cpu_median() / program.cpu_median()
-        print(f"  {programs[0].label} : {program.label} = {programs[0].median() / program.median():.3f}, CPU {cpu:.3f}")
-    if bar is not None:
-        cpu = programs[0].cpu_median() / programs[1].cpu_median()
-        print(f"  bar: CPU at most {bar} of {programs[1].label}: {'kept' if cpu <= bar else 'MISSED'}")
 
 
 def listing(vorlix, original, folder, runs):
@@ -136,29 +64,6 @@ def windows(vorlix, original, folder, runs):
                 Program("hivexregedit --export", ["hivexregedit", "--export", str(hive),
                                                   hives.CURRENT_VERSION.replace("/", "\\")])],
                original, folder, runs)
-
-
-def saving(vorlix, original, folder, runs):
-    """Saves an NTFS volume of 1 GiB that is filled to a fifth with this system's programs. vorlix also hashes what is in
-    use, writes the block map and brings all of it to the medium. Each program has the page cache warm."""
-    missing = [tool for tool in ("mkntfs", "ntfscp", "ntfsclone", "zstd") if shutil.which(tool) is None]
-    if missing:
-        print(f"\nSaving a volume: not timed, there is no {', '.join(missing)}")
-        return
-    volume, content, target = folder / "volume.ntfs", folder / "content", folder / "saved"
-    with open(volume, "wb") as file:
-        file.truncate(1 << 30)
-    subprocess.run(["mkntfs", "-F", "-Q", "-q", str(volume)], check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    subprocess.run(["sh", "-c", f"tar -cf - /usr/bin /usr/lib 2>/dev/null | head -c {(1 << 30) // 5} > {content}"], check=True)
-    subprocess.run(["ntfscp", "-f", "-q", str(volume), str(content), "content"], check=True, stdout=subprocess.DEVNULL)
-    content.unlink()
-    take_turns("Saving an NTFS volume of 1 GiB, filled to a fifth",
-               [Program("vorlix backup", ["sh", "-c", f"rm -rf {target}; {vorlix} backup --progress none {volume} {target}"]),
-                Program("ntfsclone | zstd -3 -T2",
-                        ["sh", "-c", f"ntfsclone -q -f --save-image -o - {volume} | zstd -q -3 -T2 -f -o {target}.zst"])],
-               original, folder, runs)
-    packed = (target / "volume.img.zst").stat().st_size / pathlib.Path(f"{target}.zst").stat().st_size
-    print(f"  size of the packed volume : size of the other file = {packed:.3f}")
 
 
 def archives(program, fixture, records):
@@ -211,6 +116,9 @@ def main():
     parser.add_argument("--vorlix", required=True, help="the built command line")
     parser.add_argument("--runs", type=int, default=15, help="runs of each program (default 15)")
     parser.add_argument("--folder", help="where the images are made (default: the system's temporary folder)")
+    parser.add_argument("--volume", type=int, default=4096, metavar="MIB",
+                        help="size of the volume that is saved; a quarter of it is restored (default 4096)")
+    parser.add_argument("--only-volumes", action="store_true", help="time saving and restoring volumes only")
     options = parser.parse_args()
     vorlix = str(pathlib.Path(options.vorlix).resolve())
     os.environ["PATH"] += ":/usr/sbin:/sbin"  # folders of the disk tools, which need no rights on an image
@@ -226,6 +134,11 @@ def main():
         boot_code.write_bytes(b"\xEB\xFE" + bytes(438))
         kind = subprocess.run(["stat", "-f", "-c", "%T", name], check=True, stdout=subprocess.PIPE, text=True).stdout
         print(f"Images on {kind.strip()}, {os.cpu_count()} processors")
+
+        if options.only_volumes:
+            saving(vorlix, folder, options.runs, options.volume << 20)
+            restoring(vorlix, folder, options.runs, options.volume << 18)
+            return
 
         hybrid = Program("vorlix hybrid",
                          [vorlix, "hybrid", "IMAGE", "--boot-code", str(boot_code), "--partition", "3"])
@@ -246,7 +159,8 @@ def main():
 
         listing(vorlix, original, folder, options.runs)
         windows(vorlix, original, folder, options.runs)
-        saving(vorlix, original, folder, min(options.runs, 5))
+        saving(vorlix, folder, min(options.runs, 5), options.volume << 20)
+        restoring(vorlix, folder, min(options.runs, 5), options.volume << 18)
         archives(pathlib.Path(vorlix).parent / "bench" / "ArchiveBench",
                  ROOT / "tests" / "data" / "archives" / "QDVolume-full-1.archive", 10000)
 

@@ -9,7 +9,8 @@ install(TARGETS vorlix_headers vorlix_shared vorlix_simulated EXPORT VorlixTarge
 install(TARGETS vorlix_static EXPORT VorlixStaticTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 if(TARGET vorlix_signing)
-  install(TARGETS vorlix_signing vorlix_mounting vorlix_unpacking vorlix_blockcoding
+  get_property(modules GLOBAL PROPERTY VORLIX_MODULE_TARGETS)
+  install(TARGETS ${modules}
           LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/${VORLIX_MODULE_FOLDER} COMPONENT library)
 endif()
 install(DIRECTORY Vorlix DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development FILES_MATCHING PATTERN "*.h")

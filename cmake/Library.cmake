@@ -149,32 +149,43 @@ else()
   # The folder's name contains the version, so the modules of two library versions can coexist.
   set(VORLIX_MODULE_FOLDER vorlix-${PROJECT_VERSION_MAJOR})
 
-  # Few calls need OpenSSL (signatures, backups), libmount, libarchive or libzstd, and loading them costs more than the
-  # rest of a command. The code that needs them is in modules in the library's own folder. The shared library and the
+  # Few calls need OpenSSL (signatures, backups), libmount, libarchive, libzstd or libwim, and loading them costs more than
+  # the rest of a command. The code that needs them is in modules in the library's own folder. The shared library and the
   # program load a module at the first call. The static library contains the code, because a host that links statically
   # wants no further files.
   #
   # platform/linux/<name>/ has Module.cpp for the module alone and Loader.cpp for those that load it. It has the code too,
-  # unless macOS shares the code: then vorlix_<name>_objects exist already.
+  # unless macOS shares the code: then vorlix_<name>_objects exist already. The code of a module APART is not in the
+  # static library, which loads the module like the others.
   file(GLOB module_loader CONFIGURE_DEPENDS platform/linux/modules/*.cpp)
-  add_library(vorlix_loader OBJECT ${module_loader})
-  target_link_libraries(vorlix_loader PRIVATE vorlix_headers)
+  foreach(loader vorlix_loader vorlix_static_loader)
+    add_library(${loader} OBJECT ${module_loader})
+    target_link_libraries(${loader} PRIVATE vorlix_headers)
+  endforeach()
   function(vorlix_module name)  # and its libraries
+    cmake_parse_arguments(PARSE_ARGV 1 module "APART" "" "")
+    set(libraries ${module_UNPARSED_ARGUMENTS})
     set(folder ${PROJECT_SOURCE_DIR}/platform/linux/${name})
     if(NOT TARGET vorlix_${name}_objects)
       file(GLOB sources CONFIGURE_DEPENDS platform/linux/${name}/*.cpp)
       list(REMOVE_ITEM sources ${folder}/Module.cpp ${folder}/Loader.cpp)
       add_library(vorlix_${name}_objects OBJECT ${sources})
       vorlix_batch(vorlix_${name}_objects ${name} ".")
-      target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_${name}_objects>)
+      if(NOT module_APART)
+        target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_${name}_objects>)
+      endif()
     endif()
-    target_link_libraries(vorlix_${name}_objects PRIVATE vorlix_headers ${ARGN})
-    target_link_libraries(vorlix_static PRIVATE ${ARGN})
+    target_link_libraries(vorlix_${name}_objects PRIVATE vorlix_headers ${libraries})
+    if(module_APART)
+      target_sources(vorlix_static_loader PRIVATE ${folder}/Loader.cpp)
+    else()
+      target_link_libraries(vorlix_static PRIVATE ${libraries})
+    endif()
 
     # A module finds nothing in the program that loads it, so it has the texts of errors itself.
     add_library(vorlix_${name} MODULE ${folder}/Module.cpp ${PROJECT_SOURCE_DIR}/platform/SystemError.cpp
                 $<TARGET_OBJECTS:vorlix_${name}_objects>)
-    target_link_libraries(vorlix_${name} PRIVATE vorlix_headers ${ARGN})
+    target_link_libraries(vorlix_${name} PRIVATE vorlix_headers ${libraries})
     if(NOT VORLIX_SANITIZE)  # whose runtime is the program's
       set(script ${PROJECT_SOURCE_DIR}/cmake/exports-module.map)
       target_link_options(vorlix_${name} PRIVATE LINKER:-z,defs LINKER:--version-script=${script})
@@ -184,21 +195,40 @@ else()
                           LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${VORLIX_MODULE_FOLDER})
     target_sources(vorlix_loader PRIVATE ${folder}/Loader.cpp)
     add_dependencies(vorlix_shared vorlix_${name})
+    set_property(GLOBAL APPEND PROPERTY VORLIX_MODULE_TARGETS vorlix_${name})
   endfunction()
   vorlix_module(signing PkgConfig::CRYPTO)
   vorlix_module(mounting PkgConfig::MOUNT)
   vorlix_module(unpacking PkgConfig::ARCHIVE ZLIB::ZLIB)
   vorlix_module(blockcoding PkgConfig::ZSTD PkgConfig::CRYPTO)
+
+  # Files of WIMs. Apart because of the licence: where libwim writes NTFS, it is under the GPL.
+  option(VORLIX_WIM "Build the module that applies WIMs, with libwim" ON)
+  if(VORLIX_WIM)
+    # Not by pkg-config, which wants libntfs-3g's and FUSE's own development files for it.
+    find_path(VORLIX_WIM_HEADERS wimlib.h REQUIRED)
+    find_library(VORLIX_WIM_LIBRARY wim REQUIRED)
+    vorlix_module(applying APART ${VORLIX_WIM_LIBRARY})
+    target_include_directories(vorlix_applying_objects SYSTEM PRIVATE ${VORLIX_WIM_HEADERS})
+  else()  # the module may come from another build
+    foreach(loader vorlix_loader vorlix_static_loader)
+      target_sources(${loader} PRIVATE platform/linux/applying/Loader.cpp)
+    endforeach()
+  endif()
   vorlix_batch(vorlix_loader loaders ".")
 
   set(libraries_from_programs "")
   if(NOT IS_ABSOLUTE "${CMAKE_INSTALL_BINDIR}" AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
     file(RELATIVE_PATH libraries_from_programs "/prefix/${CMAKE_INSTALL_BINDIR}" "/prefix/${CMAKE_INSTALL_LIBDIR}")
   endif()
-  target_compile_definitions(vorlix_loader PRIVATE
-                             VORLIX_MODULE_FOLDER="${VORLIX_MODULE_FOLDER}"
-                             VORLIX_LIBRARY_FOLDER="${CMAKE_INSTALL_FULL_LIBDIR}"
-                             VORLIX_LIBRARIES_FROM_BINDIR="${libraries_from_programs}")
+  foreach(loader vorlix_loader vorlix_static_loader)
+    target_compile_definitions(${loader} PRIVATE
+                               VORLIX_MODULE_FOLDER="${VORLIX_MODULE_FOLDER}"
+                               VORLIX_LIBRARY_FOLDER="${CMAKE_INSTALL_FULL_LIBDIR}"
+                               VORLIX_LIBRARIES_FROM_BINDIR="${libraries_from_programs}")
+  endforeach()
   target_sources(vorlix_shared PRIVATE $<TARGET_OBJECTS:vorlix_loader>)
+  target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_static_loader>)
+  target_link_libraries(vorlix_static PRIVATE ${CMAKE_DL_LIBS})
   target_link_libraries(vorlix_shared PRIVATE ${CMAKE_DL_LIBS})
 endif()

@@ -42,6 +42,7 @@ void fillIn(Platform& set) {
   fill(&Platform::userLocale);
   fill(&Platform::unpacking);
   fill(&Platform::blockCoding);
+  fill(&Platform::wimApplying);
 }
 
 }  // namespace

@@ -27,14 +27,15 @@ struct ContentPiece {
   Kind kind = Kind::data;
   uint64_t offset = 0;  ///< bytes from the start of the device
   uint64_t length = 0;
-  std::string hash;  ///< of data: SHA-256, hexadecimal
+  std::string hash;  ///< of data: SHA-256, hexadecimal; empty if it is not to be compared
 };
 
 /// Where the content comes from, and which device it overwrites.
 struct ContentOrigin {
   std::string source;  ///< what the user named; absolute path of a file
-  std::string start;   ///< SHA-256 of the first bytes of the volume, to recognise the source
+  std::string start;   ///< SHA-256 of the first bytes of the volume, or of a WIM, to recognise the source
   size_t device = 0;   ///< index of the device among those of the change
+  uint32_t image = 0;  ///< which image of a WIM; 0 for other sources
 };
 
 /// The journal of such a change, locked for this process while the object lives.
@@ -54,6 +55,9 @@ class VORLIX_EXPORT LongChange {
 
   /// Records pieces that follow. They must be on the medium, and are synced here.
   virtual std::optional<ChangeFailure> record(const std::vector<ContentPiece>& pieces) = 0;
+
+  /// Forgets all pieces: the content is written anew.
+  virtual std::optional<ChangeFailure> restart() = 0;
 
   /// The change is complete and on the medium: the journal becomes a backup, or is removed.
   /// @param kept  receives the folder of the backup; empty if there is none.

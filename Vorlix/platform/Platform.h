@@ -33,6 +33,7 @@ class Unpacking;
 class UserIdentity;
 class UserLocale;
 class VolumeMirrors;
+class WimApplying;
 
 /// One object for each port. In the set in use none is null.
 struct Platform {
@@ -57,6 +58,7 @@ struct Platform {
   std::shared_ptr<UserLocale> userLocale;
   std::shared_ptr<Unpacking> unpacking;
   std::shared_ptr<BlockCoding> blockCoding;
+  std::shared_ptr<WimApplying> wimApplying;
 };
 
 /// Returns the ports of the operating system that this library was built for.

@@ -127,7 +127,12 @@ void NewFolder::finish() {
     if (rename(temporary_.c_str(), folder_.c_str()) != 0) throw BackupError::ofErrno(folder_, errno);
   }
   isThere_ = false;
-  syncFolder(parentOf(folder_));
+  try {
+    syncFolder(parentOf(folder_));
+  } catch (BackupError& error) {
+    error.isBackupThere = true;
+    throw;
+  }
 }
 
 NewFile::NewFile(std::string path, bool lock) : path_(std::move(path)), hash_(newBackupHash()) {

@@ -25,6 +25,7 @@ class BackupError : public std::runtime_error {
 
   std::string subject;
   bool isCancelled;
+  bool isBackupThere = false;  ///< under its final name
 };
 
 std::unique_ptr<BlockHash> newBackupHash();

@@ -204,7 +204,7 @@ std::optional<BackupFailure> runBackup(const BackupPlan& plan, const BackupProgr
   try {
     save(plan, progress, result);
   } catch (const BackupError& error) {
-    return BackupFailure{error.subject, error.what(), error.isCancelled};
+    return BackupFailure{error.subject, error.what(), error.isCancelled, error.isBackupThere};
   } catch (const std::exception& error) {  // no memory, or no thread
     return BackupFailure{plan.request.folder, error.what(), false};
   }

@@ -146,7 +146,8 @@ class Opening {
     const auto start = parts_.content->start();
     auto wim = parseWimHeader(start, reason);
     if (!wim) return fail(reason);
-    if (!parts_.facts.packing && file_->size()) wim->images = readWimImages(start, *file_, wim->imageCount);
+    if (!parts_.facts.packing && file_->size()) readWimList(start, *file_, *wim);
+    parts_.facts.key = wimKey(start);
     parts_.facts.kind = ImageKind::wim;
     parts_.facts.wim = std::move(*wim);
     describe(parts_.facts.wim->isSolid ? "ESD" : "WIM");

@@ -42,6 +42,14 @@ std::shared_ptr<SourceFile> SourceFile::open(const std::string& path, std::strin
   return file;
 }
 
+std::shared_ptr<SourceFile> SourceFile::over(std::unique_ptr<DeviceHandle> handle, std::string& reason) {
+  std::shared_ptr<SourceFile> file(new SourceFile);
+  file->handle_ = std::move(handle);
+  if (file->readStart()) return file;
+  reason = SystemError{errno}.reason();
+  return nullptr;
+}
+
 SourceFile::~SourceFile() = default;
 
 bool SourceFile::readStart() {

@@ -19,6 +19,8 @@ class SourceFile final : public PackedBytes {
  public:
   /// Opens a path or standard input, and reads its first bytes. @return null with a `reason`.
   static std::shared_ptr<SourceFile> open(const std::string& path, std::string& reason);
+  /// Likewise of what is open. @return null with a `reason`.
+  static std::shared_ptr<SourceFile> over(std::unique_ptr<DeviceHandle> handle, std::string& reason);
   ~SourceFile() override;
 
   ssize_t read(void* buffer, size_t count) override;

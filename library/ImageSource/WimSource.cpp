@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <limits>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -75,6 +76,23 @@ uint64_t numberOf(std::string_view digits) {
   return number;
 }
 
+// The list of images, UTF-8; empty where it cannot be read.
+std::string readList(std::span<const uint8_t> start, SourceFile& file) {
+  constexpr uint8_t kPacked = 4;
+  const uint64_t size = littleEndian(&start[kListOffset], 7);
+  const uint64_t offset = littleEndian(&start[kListOffset + 8], 8);
+  const uint64_t end = file.size().value_or(0);
+  if ((start[kListOffset + 7] & kPacked) != 0 || size > kLargestList || offset > end || size > end - offset) return {};
+  std::vector<uint8_t> list(size);
+  if (!file.seek(offset)) return {};
+  for (size_t done = 0; done < list.size();) {
+    const ssize_t step = file.read(list.data() + done, list.size() - done);
+    if (step <= 0) return {};
+    done += static_cast<size_t>(step);
+  }
+  return utf8Of(list);
+}
+
 std::string withoutEntities(std::string_view escaped) {
   constexpr std::pair<std::string_view, char> kEntities[] = {
       {"&lt;", '<'}, {"&gt;", '>'}, {"&quot;", '"'}, {"&apos;", '\''}, {"&amp;", '&'}};
@@ -97,12 +115,15 @@ bool isWim(std::span<const uint8_t> start) {
 
 std::optional<WimFacts> parseWimHeader(std::span<const uint8_t> start, std::string& reason) {
   constexpr uint64_t kSolidVersion = 0xE00;
+  constexpr uint32_t kContentsOnly = 0x10;
+  constexpr uint32_t kMetadataOnly = 0x20;
   if (start.size() < kWimHeader || littleEndian32(&start[8]) < kWimHeader) {
     reason = "truncated WIM";
     return std::nullopt;
   }
   WimFacts facts;
   facts.isSolid = littleEndian32(&start[12]) == kSolidVersion;
+  facts.isIncomplete = (littleEndian32(&start[16]) & (kContentsOnly | kMetadataOnly)) != 0;
   facts.part = littleEndian16(&start[40]);
   facts.parts = littleEndian16(&start[42]);
   facts.imageCount = littleEndian32(&start[44]);
@@ -111,29 +132,32 @@ std::optional<WimFacts> parseWimHeader(std::span<const uint8_t> start, std::stri
   return std::nullopt;
 }
 
-std::vector<WimFacts::Image> readWimImages(std::span<const uint8_t> start, SourceFile& file, uint32_t count) {
-  constexpr uint8_t kPacked = 4;
-  const uint64_t size = littleEndian(&start[kListOffset], 7);
-  const uint64_t offset = littleEndian(&start[kListOffset + 8], 8);
-  const uint64_t end = file.size().value_or(0);
-  if ((start[kListOffset + 7] & kPacked) != 0 || size > kLargestList || offset > end || size > end - offset) return {};
-  std::vector<uint8_t> list(size);
-  if (!file.seek(offset)) return {};
-  for (size_t done = 0; done < list.size();) {
-    const ssize_t step = file.read(list.data() + done, list.size() - done);
-    if (step <= 0) return {};
-    done += static_cast<size_t>(step);
-  }
-  const std::string text = utf8Of(list);
-  std::vector<WimFacts::Image> images;
-  for (uint32_t index = 1; index <= std::min(count, kMostImages); ++index) {
+std::vector<uint8_t> wimKey(std::span<const uint8_t> start) {
+  return {start.begin(), start.begin() + kWimHeader};
+}
+
+void readWimList(std::span<const uint8_t> start, SourceFile& file, WimFacts& facts) {
+  const std::string text = readList(start, file);
+  facts.isEncrypted = textBetween(text, "<ESD>", "</ESD>").find("<ENCRYPTED") != std::string_view::npos;
+  for (uint32_t index = 1; index <= std::min(facts.imageCount, kMostImages); ++index) {
     const std::string tag = "<IMAGE INDEX=\"" + std::to_string(index) + "\"";
     const std::string_view entry = textBetween(text, tag, "</IMAGE>");
-    if (entry.empty()) return {};
-    images.push_back({index, withoutEntities(textBetween(entry, "<NAME>", "</NAME>")),
-                      numberOf(textBetween(entry, "<TOTALBYTES>", "</TOTALBYTES>"))});
+    if (entry.empty()) {
+      facts.images.clear();
+      return;
+    }
+    const auto number = [&](const std::string& name) {
+      return numberOf(textBetween(entry, "<" + name + ">", "</" + name + ">"));
+    };
+    WimFacts::Image image;
+    image.index = index;
+    image.name = withoutEntities(textBetween(entry, "<NAME>", "</NAME>"));
+    image.size = number("TOTALBYTES");
+    image.linkedSize = number("HARDLINKBYTES");
+    const uint64_t files = number("FILECOUNT");
+    image.files = files + std::min(number("DIRCOUNT"), std::numeric_limits<uint64_t>::max() - files);
+    facts.images.push_back(std::move(image));
   }
-  return images;
 }
 
 }  // namespace vorlix

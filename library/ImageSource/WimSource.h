@@ -16,9 +16,12 @@ bool isWim(std::span<const uint8_t> start);
 /// What the header says. Absent with a `reason` where it is damaged.
 std::optional<WimFacts> parseWimHeader(std::span<const uint8_t> start, std::string& reason);
 
-/// The images of the list that the header refers to, which is UTF-16 in XML; none where it cannot be read, is packed or
-/// is larger than 1 MiB.
-std::vector<WimFacts::Image> readWimImages(std::span<const uint8_t> start, SourceFile& file, uint32_t count);
+/// The bytes of the header, which no two WIMs share: an identifier is among them.
+std::vector<uint8_t> wimKey(std::span<const uint8_t> start);
+
+/// Adds what the list of images says that the header refers to, which is UTF-16 in XML. No images where it cannot be
+/// read, is packed or is larger than 1 MiB.
+void readWimList(std::span<const uint8_t> start, SourceFile& file, WimFacts& facts);
 
 /// Has no bytes of a volume.
 class WimSource final : public SteppedSource {

@@ -8,6 +8,13 @@
 #include <utility>
 
 namespace vorlix {
+namespace {
+
+bool isLastOne(const ImagePiece& piece) {
+  return piece.kind == ImagePiece::Kind::end || piece.kind == ImagePiece::Kind::failure;
+}
+
+}  // namespace
 
 void blankOut(std::span<uint8_t> bytes, uint64_t offset, const std::vector<ImageRange>& ranges) {
   for (const ImageRange& range : ranges) {
@@ -29,16 +36,29 @@ std::string PieceHash::of(std::span<const uint8_t> bytes) {
   return fast_->finish();
 }
 
-PieceReader::PieceReader(ImageSource& source, std::vector<ImageRange> blank)
-    : source_(source), blank_(std::move(blank)), free_(kReadAhead), thread_([this] { run(); }) {}
+PieceReader::PieceReader(ImageSource& source, std::vector<ImageRange> blank, bool withHashes)
+    : source_(source), blank_(std::move(blank)), withHashes_(withHashes), free_(kReadAhead) {
+  reading_ = std::thread([this] { read(); });
+  try {
+    hashing_ = std::thread([this] { hash(); });
+  } catch (...) {
+    stop();
+    throw;
+  }
+}
 
 PieceReader::~PieceReader() {
+  stop();
+}
+
+void PieceReader::stop() {
   {
     const std::lock_guard lock(mutex_);
     isStopped_ = true;
   }
   changed_.notify_all();
-  thread_.join();
+  reading_.join();
+  if (hashing_.joinable()) hashing_.join();
 }
 
 HashedPiece PieceReader::next() {
@@ -57,7 +77,7 @@ void PieceReader::recycle(std::vector<uint8_t> bytes) {
   changed_.notify_all();
 }
 
-void PieceReader::run() {
+void PieceReader::read() {
   for (bool isLast = false; !isLast;) {
     HashedPiece read;
     {
@@ -69,13 +89,32 @@ void PieceReader::run() {
     }
     read.bytes.resize(kLargestPiece);
     read.piece = source_.next(read.bytes);
-    if (read.piece.kind == ImagePiece::Kind::data) {
-      const auto length = static_cast<size_t>(read.piece.length);
-      const std::span<uint8_t> bytes(read.bytes.data(), length);
-      blankOut(bytes, read.piece.offset, blank_);
-      read.hash = hash_.of(bytes);
+    isLast = isLastOne(read.piece);
+    {
+      const std::lock_guard lock(mutex_);
+      read_.push_back(std::move(read));
     }
-    isLast = read.piece.kind == ImagePiece::Kind::end || read.piece.kind == ImagePiece::Kind::failure;
+    changed_.notify_all();
+  }
+}
+
+void PieceReader::hash() {
+  PieceHash hash;
+  for (bool isLast = false; !isLast;) {
+    HashedPiece read;
+    {
+      std::unique_lock lock(mutex_);
+      changed_.wait(lock, [this] { return isStopped_ || !read_.empty(); });
+      if (isStopped_) return;
+      read = std::move(read_.front());
+      read_.pop_front();
+    }
+    if (read.piece.kind == ImagePiece::Kind::data) {
+      const std::span<uint8_t> bytes(read.bytes.data(), static_cast<size_t>(read.piece.length));
+      blankOut(bytes, read.piece.offset, blank_);
+      if (withHashes_) read.hash = hash.of(bytes);
+    }
+    isLast = isLastOne(read.piece);
     {
       const std::lock_guard lock(mutex_);
       ready_.push_back(std::move(read));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Reads a source ahead of the writing, on a thread of its own.
+// Reads a source ahead of the writing, and hashes it, each on a thread of its own.
 #pragma once
 
 #include <Vorlix/ImageSource.h>
@@ -22,7 +22,7 @@ namespace vorlix {
 struct HashedPiece {
   ImagePiece piece;
   std::vector<uint8_t> bytes;  ///< of data
-  std::string hash;            ///< of data: SHA-256
+  std::string hash;            ///< of data: SHA-256, if it was asked for
 };
 
 /// Fills those parts of `bytes`, which are at `offset` of the volume, with zeros that are in the ranges.
@@ -42,7 +42,9 @@ class PieceHash {
 class PieceReader {
  public:
   /// @param blank  these ranges of the volume are taken as zeros
-  PieceReader(ImageSource& source, std::vector<ImageRange> blank);
+  /// @param withHashes  whether the data is hashed, which takes most of the processor's time
+  /// Throws std::system_error if there can be no thread.
+  PieceReader(ImageSource& source, std::vector<ImageRange> blank, bool withHashes);
   ~PieceReader();
   PieceReader(const PieceReader&) = delete;
   PieceReader& operator=(const PieceReader&) = delete;
@@ -54,19 +56,23 @@ class PieceReader {
   void recycle(std::vector<uint8_t> bytes);
 
  private:
-  static constexpr size_t kReadAhead = 4;
+  static constexpr size_t kReadAhead = 6;
 
-  void run();
+  void read();
+  void hash();
+  void stop();
 
   ImageSource& source_;
   std::vector<ImageRange> blank_;
+  bool withHashes_;
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::deque<HashedPiece> ready_;
+  std::deque<HashedPiece> read_;   // not hashed yet
+  std::deque<HashedPiece> ready_;  // hashed
   std::vector<std::vector<uint8_t>> free_;
   bool isStopped_ = false;
-  PieceHash hash_;
-  std::thread thread_;  // last: it uses the others
+  std::thread reading_;
+  std::thread hashing_;
 };
 
 }  // namespace vorlix

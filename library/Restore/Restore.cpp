@@ -5,8 +5,11 @@
 #include <Vorlix/platform/SystemError.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <exception>
+#include <future>
 #include <utility>
 
 #include "Pieces.h"
@@ -17,13 +20,34 @@ namespace {
 constexpr size_t kBlank = kSectorSize;                 // of the volume, zero until its structures are written
 constexpr uint64_t kCheckpoint = uint64_t{256} << 20;  // written between two syncs of the medium
 constexpr size_t kZeros = size_t{1} << 20;
+constexpr uint64_t kUninterrupted = uint64_t{64} << 20;  // of zeros or of what is skipped, between two looks for a stop
+constexpr size_t kSerialNumber = 72;                     // of NTFS
+constexpr size_t kSerialNumberSize = 8;
 
 bool isZero(const uint8_t* bytes, size_t count) {
   return count == 0 || (bytes[0] == 0 && std::memcmp(bytes, bytes + 1, count - 1) == 0);
 }
 
 std::string hashOfStart(const ImageSource& source) {
-  return sha256(source.facts().start);
+  const ImageFacts& facts = source.facts();
+  return sha256(facts.key.empty() ? facts.start : facts.key);
+}
+
+// A volume that is made anew has another serial number, and the journal's boot sector the earlier one. Nothing else
+// may differ, for the rest of the boot sector says where things are.
+bool fitsBootSector(const LongChange& journal, const std::vector<uint8_t>& start) {
+  const auto& runs = journal.structures().devices[journal.origin().device].bytes;
+  const auto first = std::find_if(runs.begin(), runs.end(), [](const ByteChange& run) { return run.offset == 0; });
+  if (first == runs.end() || start.size() < first->after.size()) return false;
+  std::vector<uint8_t> expected = first->after;
+  for (size_t i = kSerialNumber; i < kSerialNumber + kSerialNumberSize; ++i) expected.at(i) = start[i];
+  return std::equal(expected.begin(), expected.end(), start.begin());
+}
+
+// What was written came from a volume that is gone.
+std::optional<ChangeFailure> startAgain(LongChange& journal, const ImageSource& source) {
+  if (fitsBootSector(journal, source.facts().start)) return journal.restart();
+  return ChangeFailure{journal.origin().source, "becomes another volume than when the restore began", ""};
 }
 
 std::optional<uint64_t> sizeOf(const ImageSource& source) {
@@ -48,23 +72,34 @@ class Run {
     }
   }
 
-  RestoreResult run(bool compare, std::string& kept) {
+  RestoreResult run(bool compare) {
     RestoreResult result;
-    if (auto failure = write(); !failure && !isCancelled_) {
-      if (compare) failure = this->compare();
-      if (!failure && !isCancelled_) failure = writeStructures();
-      if (!failure && !isCancelled_) failure = journal_.finish(kept);
-      if (failure) result.failure = *failure;
-      result.end = failure ? RestoreResult::End::failed : RestoreResult::End::done;
-    } else if (failure) {
-      result.failure = *failure;
+    const std::string folder = journal_.folder();
+    std::optional<ChangeFailure> failure;
+    try {
+      failure = runSteps(compare, result.kept);
+    } catch (const std::exception& error) {  // no memory, or no thread
+      failure = {name_, error.what(), ""};
     }
-    if (isCancelled_) result.end = RestoreResult::End::cancelled;
+    if (failure) result.failure = *failure;
+    if (!failure) result.end = isCancelled_ ? RestoreResult::End::cancelled : RestoreResult::End::done;
+    if (!isJournalGone_) result.journal = folder;
+    if (result.end != RestoreResult::End::done) result.isBlank = isBlank();
     result.size = position_;
+    result.isCompared = isCompared_ && result.end == RestoreResult::End::done;
     return result;
   }
 
  private:
+  std::optional<ChangeFailure> runSteps(bool compare, std::string& kept) {
+    std::optional<ChangeFailure> failure = write(compare);
+    if (!failure && !isCancelled_ && compare) failure = this->compare();
+    if (!failure && !isCancelled_) failure = writeStructures();
+    if (failure || isCancelled_) return failure;
+    isJournalGone_ = true;  // also if its backup cannot be kept
+    return journal_.finish(kept);
+  }
+
   ChangeFailure failureAt(uint64_t offset, const std::string& reason) const {
     return {name_, "at byte " + std::to_string(offset) + ": " + reason, ""};
   }
@@ -78,16 +113,16 @@ class Run {
     return !isCancelled_;
   }
 
-  std::optional<ChangeFailure> write() {
+  std::optional<ChangeFailure> write(bool withHashes) {
     if (!journal_.pieces().empty()) {
       position_ = journal_.pieces().back().offset + journal_.pieces().back().length;
     }
     if (position_ == 0) {
       if (auto failure = blank()) return failure;
-    } else if (const auto failure = source_.moveTo(position_)) {
-      return ChangeFailure{failure->subject, failure->reason, ""};
+    } else if (auto failure = skip()) {
+      return failure;
     }
-    PieceReader reader(source_, places_);
+    PieceReader reader(source_, places_, withHashes);
     while (mayGoOn(RestoreProgress::Phase::writing, position_)) {
       HashedPiece read = reader.next();
       if (read.piece.kind == ImagePiece::Kind::end) return checkpoint();
@@ -95,7 +130,7 @@ class Run {
         const auto unsynced = checkpoint();
         return unsynced ? unsynced : ChangeFailure{read.piece.failure.subject, read.piece.failure.reason, ""};
       }
-      if (auto failure = put(read)) return failure;
+      if (auto failure = read.piece.kind == ImagePiece::Kind::zeros ? putLongZeros(read) : put(read)) return failure;
       reader.recycle(std::move(read.bytes));
       if (unsynced_ >= kCheckpoint) {
         if (auto failure = checkpoint()) return failure;
@@ -104,12 +139,43 @@ class Run {
     return checkpoint();
   }
 
+  // Goes to the position in the source, which may have to be unpacked up to there.
+  std::optional<ChangeFailure> skip() {
+    for (uint64_t at = 0; at < position_ && mayGoOn(RestoreProgress::Phase::writing, at);) {
+      at += std::min(position_ - at, kUninterrupted);
+      if (const auto failure = source_.moveTo(at)) return ChangeFailure{failure->subject, failure->reason, ""};
+    }
+    return std::nullopt;
+  }
+
   // Until the end, the volume has no boot sector, so that nothing takes it for whole.
   std::optional<ChangeFailure> blank() {
     const std::vector<uint8_t> zeros(kBlank);
     const ssize_t done = volume_.writeAt(zeros.data(), zeros.size(), 0);
-    if (done != static_cast<ssize_t>(zeros.size())) return errorAt(0, done);
-    return volume_.sync() == 0 ? std::nullopt : std::optional(errorAt(0, -1));
+    if (done == static_cast<ssize_t>(zeros.size())) {
+      return volume_.sync() == 0 ? std::nullopt : std::optional(errorAt(0, -1));
+    }
+    ChangeFailure failure = errorAt(0, done);
+    if (isAsBefore()) {  // nothing was written, so that there is nothing to go on with
+      journal_.remove();
+      isJournalGone_ = true;
+      failure.state = kNothingWritten;
+    }
+    return failure;
+  }
+
+  bool isAsBefore() {
+    const std::vector<ByteChange>& runs = journal_.structures().devices[journal_.origin().device].bytes;
+    const auto first = std::find_if(runs.begin(), runs.end(), [](const ByteChange& run) { return run.offset == 0; });
+    if (first == runs.end() || first->before.size() < kBlank) return false;
+    std::vector<uint8_t> now(kBlank);
+    return volume_.readMediumAt(now.data(), now.size(), 0) == static_cast<ssize_t>(now.size()) &&
+           std::equal(now.begin(), now.end(), first->before.begin());
+  }
+
+  bool isBlank() {
+    std::vector<uint8_t> now(kBlank);
+    return volume_.readAt(now.data(), now.size(), 0) == static_cast<ssize_t>(now.size()) && isZero(now.data(), kBlank);
   }
 
   std::optional<ChangeFailure> put(const HashedPiece& read) {
@@ -131,19 +197,33 @@ class Run {
     return std::nullopt;
   }
 
+  // A hole of a sparse source can be as long as the disk, and the disk has to be read there.
+  std::optional<ChangeFailure> putLongZeros(const HashedPiece& read) {
+    const uint64_t end = read.piece.offset + read.piece.length;
+    HashedPiece part = {read.piece, {}, ""};
+    while (part.piece.offset < end) {
+      const uint64_t hole = dataOrEnd(part.piece.offset, end) - part.piece.offset;  // is zeros already
+      part.piece.length = hole != 0 ? hole : std::min(kUninterrupted, end - part.piece.offset);
+      if (auto failure = put(part)) return failure;
+      part.piece.offset += part.piece.length;
+      if (part.piece.offset < end && !mayGoOn(RestoreProgress::Phase::writing, position_)) break;
+    }
+    return std::nullopt;
+  }
+
   // Writes only where there is something else, so that a sparse image file stays sparse.
   std::optional<ChangeFailure> putZeros(const ImagePiece& piece) {
-    std::vector<uint8_t> bytes(kZeros);
-    const std::vector<uint8_t> zeros(kZeros);
+    std::vector<uint8_t> bytes;
+    std::vector<uint8_t> zeros;
     for (uint64_t at = piece.offset; at < piece.offset + piece.length;) {
-      if (const auto data = volume_.dataFrom(at)) {
-        at = std::max(at, data->size == 0 ? piece.offset + piece.length : data->offset);
-        if (at >= piece.offset + piece.length) break;
-      }
+      at = dataOrEnd(at, piece.offset + piece.length);
+      if (at == piece.offset + piece.length) break;
+      bytes.resize(kZeros);
       const auto length = static_cast<size_t>(std::min<uint64_t>(kZeros, piece.offset + piece.length - at));
       const ssize_t got = volume_.readAt(bytes.data(), length, at);
       if (got != static_cast<ssize_t>(length)) return errorAt(at, got);
       if (!isZero(bytes.data(), length)) {
+        zeros.resize(kZeros);
         const ssize_t done = volume_.writeAt(zeros.data(), length, at);
         if (done != static_cast<ssize_t>(length)) return errorAt(at, done);
         unsynced_ += length;
@@ -151,6 +231,13 @@ class Run {
       at += length;
     }
     return std::nullopt;
+  }
+
+  // Where the target stores something, at or behind `at`, or `end`. What lies between is zeros.
+  uint64_t dataOrEnd(uint64_t at, uint64_t end) {
+    const auto data = volume_.dataFrom(at);
+    if (!data) return at;
+    return data->size == 0 ? end : std::clamp(data->offset, at, end);
   }
 
   // What was written so far is on the medium, and the journal says so.
@@ -167,25 +254,47 @@ class Run {
     return std::nullopt;
   }
 
+  // One piece is hashed while the next is read. Pieces of an earlier run that did not compare have no hashes.
   std::optional<ChangeFailure> compare() {
-    std::vector<uint8_t> bytes(kLargestPiece);
+    std::array<std::vector<uint8_t>, 2> buffers = {std::vector<uint8_t>(kLargestPiece),
+                                                   std::vector<uint8_t>(kLargestPiece)};
     PieceHash hash;
+    uint64_t checkedPlace = 0;
+    std::future<bool> check;
+    const auto finishCheck = [&]() -> std::optional<ChangeFailure> {
+      if (!check.valid() || check.get()) return std::nullopt;
+      return failureAt(checkedPlace, "reads back differently from what was written");
+    };
+    isCompared_ = true;
     for (const ContentPiece& piece : journal_.pieces()) {
       if (piece.kind == ContentPiece::Kind::unused) continue;
+      if (piece.kind == ContentPiece::Kind::data && piece.hash.empty()) {
+        isCompared_ = false;
+        continue;
+      }
       for (uint64_t at = piece.offset; at < piece.offset + piece.length;) {
         if (!mayGoOn(RestoreProgress::Phase::comparing, at)) return std::nullopt;
+        if (piece.kind == ContentPiece::Kind::zeros) {
+          at = dataOrEnd(at, piece.offset + piece.length);
+          if (at == piece.offset + piece.length) break;
+        }
+        std::swap(buffers[0], buffers[1]);  // the check has a span of the other one
         const auto length = static_cast<size_t>(std::min<uint64_t>(kLargestPiece, piece.offset + piece.length - at));
+        const std::span<uint8_t> bytes(buffers[0].data(), length);
         const ssize_t got = volume_.readMediumAt(bytes.data(), length, at);
-        if (got != static_cast<ssize_t>(length)) return errorAt(at, got);
-        const std::span<uint8_t> read(bytes.data(), length);
-        blankOut(read, at, places_);  // an interrupted run may have written a structure there already
-        const bool isRight =
-            piece.kind == ContentPiece::Kind::zeros ? isZero(bytes.data(), length) : hash.of(read) == piece.hash;
-        if (!isRight) return failureAt(at, "reads back differently from what was written");
+        const auto unreadable = got != static_cast<ssize_t>(length) ? std::optional(errorAt(at, got)) : std::nullopt;
+        if (auto failure = finishCheck()) return failure;
+        if (unreadable) return unreadable;
+        checkedPlace = at;
+        check = std::async(std::launch::async, [this, bytes, at, &piece, &hash] {
+          blankOut(bytes, at, places_);  // an interrupted run may have written a structure there already
+          return piece.kind == ContentPiece::Kind::zeros ? isZero(bytes.data(), bytes.size())
+                                                         : hash.of(bytes) == piece.hash;
+        });
         at += length;
       }
     }
-    return std::nullopt;
+    return finishCheck();
   }
 
   // The structures of the plan, over whatever is there now.
@@ -199,7 +308,10 @@ class Run {
         if (got != static_cast<ssize_t>(run.before.size())) return errorAt(run.offset, got);
       }
     }
-    return applyChange(change);
+    auto failure = applyChange(change);
+    // "Nothing was written" is true of the structures, but not of the volume.
+    if (failure && failure->state == kNothingWritten) failure->state = "";
+    return failure;
   }
 
   LongChange& journal_;
@@ -214,20 +326,9 @@ class Run {
   std::vector<ImageRange> places_;   // of the structures on the volume, which the content leaves blank
   std::vector<ContentPiece> fresh_;  // written, but not recorded
   bool isCancelled_ = false;
+  bool isJournalGone_ = false;
+  bool isCompared_ = false;
 };
-
-RestoreResult runOver(LongChange& journal, ImageSource& source, std::vector<std::shared_ptr<DeviceHandle>> handles,
-                      bool compare, const RestoreObserver& observer) {
-  const std::string folder = journal.folder();
-  std::string kept;
-  RestoreResult result = Run(journal, source, std::move(handles), observer).run(compare, kept);
-  if (result.end == RestoreResult::End::done) {
-    result.kept = kept;
-  } else {
-    result.journal = folder;
-  }
-  return result;
-}
 
 RestoreResult failed(ChangeFailure failure) {
   RestoreResult result;
@@ -240,22 +341,28 @@ RestoreResult failed(ChangeFailure failure) {
 RestoreResult restoreVolume(ImageSource& source, const RestorePlan& plan, bool compare,
                             const RestoreObserver& observer) {
   std::unique_ptr<LongChange> journal;
-  const ContentOrigin origin = {plan.source, hashOfStart(source), 0};
+  const ContentOrigin origin = {plan.source, hashOfStart(source), 0, plan.image};
   if (auto failure = beginLongChange(plan.structures, origin, plan.backup, journal)) return failed(*std::move(failure));
   std::vector<std::shared_ptr<DeviceHandle>> handles;
   for (const DeviceChange& device : plan.structures.devices) handles.push_back(device.handle);
-  return runOver(*journal, source, std::move(handles), compare, observer);
+  return Run(*journal, source, std::move(handles), observer).run(compare);
 }
 
 RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& source,
                             const std::vector<std::shared_ptr<DeviceHandle>>& handles, bool compare,
                             const RestoreObserver& observer) {
+  std::optional<ChangeFailure> unusable;
   if (journal->origin().start != hashOfStart(source)) {
-    RestoreResult result = failed({journal->origin().source, "is not the source that the restore began with", ""});
+    unusable = ChangeFailure{journal->origin().source, "is not the source that the restore began with", ""};
+  } else if (source.facts().isMadeAnew) {
+    unusable = startAgain(*journal, source);
+  }
+  if (unusable) {
+    RestoreResult result = failed(*std::move(unusable));
     result.journal = journal->folder();
     return result;
   }
-  return runOver(*journal, source, handles, compare, observer);
+  return Run(*journal, source, handles, observer).run(compare);
 }
 
 std::optional<ChangeFailure> abandonRestore(std::unique_ptr<LongChange> journal,

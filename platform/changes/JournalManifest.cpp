@@ -43,7 +43,9 @@ Json jsonOf(const JournalFile& file) {
 
 Json jsonOf(const std::optional<JournalContent>& content) {
   if (!content) return {};
-  return {{"source", content->source}, {"start", content->start}, {"device", content->device}};
+  Json json = {{"source", content->source}, {"start", content->start}, {"device", content->device}};
+  if (content->image != 0) json["image"] = content->image;
+  return json;
 }
 
 template <class Item>
@@ -136,7 +138,7 @@ std::optional<JournalManifest> parseManifest(const std::string& text, uint64_t l
     }
     if (const Json& content = json.at("content"); !content.is_null()) {
       manifest.content = {content.at("source").get<std::string>(), content.at("start").get<std::string>(),
-                          content.at("device").get<size_t>()};
+                          content.at("device").get<size_t>(), content.value("image", uint32_t{0})};
       if (manifest.content->device >= manifest.devices.size()) return std::nullopt;
     }
   } catch (const nlohmann::json::exception&) {

@@ -41,8 +41,9 @@ struct JournalFile {
 /// Content that is written from a source and is not in the journal itself.
 struct JournalContent {
   std::string source;
-  std::string start;  ///< SHA-256 of the first bytes of the volume, hexadecimal
-  size_t device = 0;  ///< index into the journal's devices
+  std::string start;   ///< SHA-256 of the first bytes of the volume, hexadecimal
+  size_t device = 0;   ///< index into the journal's devices
+  uint32_t image = 0;  ///< of a WIM; 0 for other sources
 };
 
 struct JournalManifest {

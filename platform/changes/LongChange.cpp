@@ -36,8 +36,9 @@ bool readLine(const std::string& line, uint64_t expectedOffset, ContentPiece& pi
   const auto* const found = std::find(std::begin(kKindWords), std::end(kKindWords), kind);
   if (found == std::end(kKindWords) || piece.length == 0 || piece.offset != expectedOffset) return false;
   piece.kind = static_cast<ContentPiece::Kind>(found - std::begin(kKindWords));
+  if (piece.kind != ContentPiece::Kind::data || !(words >> piece.hash)) return true;
   constexpr size_t kHashDigits = 64;
-  return piece.kind != ContentPiece::Kind::data || ((words >> piece.hash) && piece.hash.size() == kHashDigits);
+  return piece.hash.size() == kHashDigits;
 }
 
 class JournalledLongChange final : public LongChange {
@@ -45,7 +46,7 @@ class JournalledLongChange final : public LongChange {
   JournalledLongChange(std::unique_ptr<Journal> journal, DiskChange structures)
       : journal_(std::move(journal)), structures_(std::move(structures)) {
     const JournalContent& content = *journal_->manifest().content;
-    origin_ = {content.source, content.start, content.device};
+    origin_ = {content.source, content.start, content.device, content.image};
   }
 
   const std::string& folder() const override { return journal_->folder(); }
@@ -80,6 +81,14 @@ class JournalledLongChange final : public LongChange {
                           platform().filesInPlace->sync(list_.get()) == 0;
     if (!isSynced) return journalFailure(folder(), errno);
     pieces_.insert(pieces_.end(), pieces.begin(), pieces.end());
+    return std::nullopt;
+  }
+
+  std::optional<ChangeFailure> restart() override {
+    const bool isEmpty = ftruncate(list_.get(), 0) == 0 && lseek(list_.get(), 0, SEEK_SET) == 0 &&
+                         platform().filesInPlace->sync(list_.get()) == 0;
+    if (!isEmpty) return journalFailure(folder(), errno);
+    pieces_.clear();
     return std::nullopt;
   }
 
@@ -124,7 +133,7 @@ std::optional<ChangeFailure> beginLongChange(const DiskChange& structures, const
       if (auto failure = writer->add(index, run.offset, run.before, run.after, run.reason)) return failure;
     }
   }
-  writer->setContent({origin.source, origin.start, origin.device});
+  writer->setContent({origin.source, origin.start, origin.device, origin.image});
   std::unique_ptr<Journal> journal;
   if (auto failure = writer->commit(journal)) return failure;
   auto begun = std::make_unique<JournalledLongChange>(std::move(journal), structures);

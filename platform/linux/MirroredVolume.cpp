@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <mutex>
+#include <set>
 
 #include "DeviceFacts.h"
 #include "FolderUsers.h"
@@ -108,6 +110,22 @@ Refusal removeUnused(MirrorPlace& place, Check isAsItWas) {
   return stuck ? stuck : refusal;
 }
 
+// Folders of mirrors that may be written back without files.
+struct EmptyMirrors {
+  std::mutex lock;
+  std::set<std::string> folders;
+};
+
+EmptyMirrors& emptyMirrors() {
+  static EmptyMirrors mirrors;
+  return mirrors;
+}
+
+bool mayBeEmpty(const std::string& folder) {
+  const std::lock_guard<std::mutex> guard(emptyMirrors().lock);
+  return emptyMirrors().folders.count(folder) != 0;
+}
+
 bool holdsFiles(const MirrorTree& tree) {
   return std::any_of(tree.begin(), tree.end(), [](const auto& entry) { return !entry.second.isFolder; });
 }
@@ -122,7 +140,7 @@ Refusal checkStillTheMirror(const MirrorState& state, const MirrorTree& tree) {
                                         "that one back, or throw this one away with " +
                                         discard};
   }
-  if (holdsFiles(tree) || !holdsFiles(state.baseline)) return std::nullopt;
+  if (holdsFiles(tree) || !holdsFiles(state.baseline) || mayBeEmpty(state.folder)) return std::nullopt;
   return Dissenter{kDissentError, "all files are gone from " + state.folder +
                                       "; put one back, or leave the volume as it is with " + discard};
 }
@@ -132,6 +150,11 @@ Dissenter notMounted(const std::string& name) {
 }
 
 }  // namespace
+
+void allowEmptyMirror(const std::string& folder) {
+  const std::lock_guard<std::mutex> guard(emptyMirrors().lock);
+  emptyMirrors().folders.insert(folder);
+}
 
 Refusal mountMirror(const DeviceLocation& location, const OpenedDevice& device, const std::string& name,
                     bool readOnly) {

@@ -14,6 +14,7 @@
 #include "SystemLog.h"
 #include "UserLocale.h"
 #include "VolumeMirrors.h"
+#include "WimApplying.h"
 #include "platform/posix/BlockCoding.h"
 #include "platform/posix/ChildProcess.h"
 #include "platform/posix/Files.h"
@@ -48,6 +49,7 @@ Platform nativePlatform() {
   native.userLocale = std::make_shared<LinuxUserLocale>();
   native.unpacking = std::make_shared<PosixUnpacking>();
   native.blockCoding = std::make_shared<PosixBlockCoding>();
+  native.wimApplying = std::make_shared<LinuxWimApplying>();
   return native;
 }
 

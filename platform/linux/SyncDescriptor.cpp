@@ -10,6 +10,12 @@ int syncDescriptor(int descriptor) {
   return fsync(descriptor);
 }
 
+void startWriting(int descriptor, uint64_t offset, uint64_t count) {
+  // With this flag alone, an error of the medium stays for fsync() to tell.
+  static_cast<void>(
+      sync_file_range(descriptor, static_cast<off_t>(offset), static_cast<off_t>(count), SYNC_FILE_RANGE_WRITE));
+}
+
 void forgetCached(int descriptor, uint64_t offset, uint64_t count) {
   // The kernel drops only clean data, so this must follow a sync. It drops only whole pages.
   constexpr uint64_t kPage = 64 * 1024;

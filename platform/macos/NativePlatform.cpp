@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/VolumeMirrors.h>
+#include <Vorlix/platform/WimApplying.h>
 
 #include "CodeSigning.h"
 #include "DeviceFile.h"
@@ -48,6 +49,7 @@ Platform nativePlatform() {
   native.userLocale = std::make_shared<MacUserLocale>();
   native.unpacking = std::make_shared<PosixUnpacking>();
   native.blockCoding = std::make_shared<PosixBlockCoding>();
+  native.wimApplying = std::make_shared<NoWimApplying>();
   return native;
 }
 

@@ -52,10 +52,13 @@ ssize_t FileHandle::writeAt(const void* buffer, size_t count, uint64_t offset) {
     errno = ENOSPC;
     return -1;
   }
-  return transferAll(inside, [&](size_t done, size_t rest) {
+  const ssize_t written = transferAll(inside, [&](size_t done, size_t rest) {
     return pwrite(descriptor_, static_cast<const char*>(buffer) + done, rest,
                   static_cast<off_t>(window_.offset + offset + done));
   });
+  constexpr ssize_t kMuch = ssize_t{1} << 20;
+  if (written >= kMuch) startWriting(descriptor_, window_.offset + offset, static_cast<uint64_t>(written));
+  return written;
 }
 
 ssize_t FileHandle::readMediumAt(void* buffer, size_t count, uint64_t offset) {

@@ -24,12 +24,13 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path[:0] = [HERE, os.path.join(os.path.dirname(HERE), "integration")]
 
 from support import images, volumes  # noqa: E402: after the path
-from sweep import judging, machine, points, scenarios, tracing  # noqa: E402
+from sweep import judging, machine, points, restoring, scenarios, tracing  # noqa: E402
 
 SKIPPED = 77
 INTERRUPTED = 130
 MEDIA = re.compile("/case/(disks|out)/")  # disks that commands change, and files that they create
 COLUMNS = (*judging.VERDICTS, "not hit", "left over")
+SCENARIOS = scenarios.SCENARIOS + restoring.SCENARIOS
 worker = {}
 
 
@@ -44,7 +45,7 @@ def parse():
     parser.add_argument("--only-call", type=int, metavar="N", help="only the points of this call")
     parser.add_argument("--vorlix", default=os.environ.get("VORLIX"), help="the command line to test ($VORLIX)")
     parser.add_argument("--tracer", default=os.environ.get("FAULT_TRACER"), help="the tracer ($FAULT_TRACER)")
-    known = [scenario.name for scenario in scenarios.SCENARIOS]
+    known = [scenario.name for scenario in SCENARIOS]
     parser.add_argument("scenarios", nargs="*", metavar="SCENARIO", help=", ".join(known))
     options = parser.parse_args()
     if unknown := set(options.scenarios) - set(known):
@@ -62,7 +63,7 @@ def skip(reason):
 def chosen_scenarios(options, folder):
     """Returns the scenarios that can run on this machine; prints the reason for each other one."""
     chosen = []
-    for scenario in scenarios.SCENARIOS:
+    for scenario in SCENARIOS:
         if options.scenarios and scenario.name not in options.scenarios:
             continue
         if lacking := volumes.missing(*scenario.TOOLS):

@@ -46,9 +46,9 @@ class Flaws(unittest.TestCase):
         self.runner = points.Runner(folder, subject, tracer)
         self.folder = folder
 
-    def sweep(self, behaviour, only=None):
+    def sweep(self, behaviour, only=None, kind=Replace):
         """The bad verdicts of all points as {(name of the call, fault): verdict}. only: tries only calls with this name."""
-        scenario = Replace(self.folder, behaviour)
+        scenario = kind(self.folder, behaviour)
         baseline = self.runner.baseline(scenario)
         self.assertTrue(baseline.is_steady)
         found = {}
@@ -87,6 +87,22 @@ class Flaws(unittest.TestCase):
         found = self.sweep("liar")
         self.assertEqual(found["fsync", "EIO"], judging.WRONG_WORD)
         self.assertEqual(found["write", "EIO"], judging.TORN)
+
+    def test_a_false_message_that_only_the_scenario_knows(self):
+        class Known(Replace):
+            def false_words(self, case, run):
+                return ["it says that, and it is not so"]
+
+        found = self.sweep("careful", only="fsync", kind=Known)
+        self.assertEqual(found["fsync", "EIO"], judging.WRONG_WORD)
+
+    def test_another_way_out_that_is_blocked(self):
+        class Blocked(Replace):
+            def other_way(self, case, vorlix):
+                return ["undo does not succeed"]
+
+        found = self.sweep("careful", only="rename", kind=Blocked)
+        self.assertEqual(found["rename", "kill-after"], judging.BLOCKED)
 
     def test_a_lock_that_is_left_behind(self):
         found = self.sweep("leaves-lock")

@@ -381,7 +381,7 @@ class Interrupted(BackupTest):
         volume = self.ntfs_with_files(size=32 * MIB)
         cases = [("mkdir", "EACCES", 1), *(("fsync", "EIO", number) for number in range(1, 14)),
                  *(("pwrite64", "ENOSPC", number) for number in (1, 2, 3, 5, 8, 9, 10, 11, 12)), ("renameat2", "EIO", 1)]
-        failed = 0
+        failed = named = 0
         for call, error, number in cases:
             with self.subTest(call=call, number=number):
                 command = volumes.strace("-f", "-o", "/dev/null", "-e", f"trace={call}", "-e",
@@ -394,10 +394,15 @@ class Interrupted(BackupTest):
                 failed += 1
                 self.assertEqual(result.returncode, ENDED_BY_ERROR, result.stderr)
                 if os.path.exists(self.path("backup")):  # it had its name already, and the sync of the folder above failed
+                    self.assertIn("is there and whole, but may not be on the medium", result.stderr)
                     self.assert_verified(self.path("backup"), 0)
                     shutil.rmtree(self.path("backup"))
+                    named += 1
+                else:
+                    self.assertIn("nothing was saved", result.stderr)
                 self.assert_nothing_left()
         self.assertGreater(failed, 15)
+        self.assertGreater(named, 0)
 
     @unittest.skipUnless(samples.tool("strace"), "needs strace")
     @unittest.skipIf(images.SANITIZED, "the leak detector does not work under strace")

@@ -128,7 +128,7 @@ class SecondBootSector(ImageTest):
         """A volume restored into a larger partition has its copy right after its end. The partition's last sector is unused."""
         path = tools.sgdisk_image(self.path("smaller.img"), MAC)
         size = WINDOWS_SIZE - (1 << 20)
-        tools.write_sparse(path, WINDOWS_FIRST * 512, tools.ntfs_volume(self.path("ntfs"), size))
+        tools.write_sparse(path, WINDOWS_FIRST * 512, tools.start_volume_for(path, WINDOWS, size))
         self.hybrid(path, WINDOWS)
         first = gpt.read_at(path, WINDOWS_FIRST * 512, 512)
         self.assertEqual(gpt.read_at(path, WINDOWS_FIRST * 512 + size - 512, 512), first)

@@ -132,7 +132,7 @@ class LargeDisks(ImageTest):
             tools.sgdisk_image(path, layout, size=size)
         except OSError as error:
             self.skipTest(f"the file system cannot hold a sparse file of {size} bytes: {error}")
-        tools.write_sparse(path, first * 512, tools.ntfs_volume(self.path("ntfs"), 4 << 20))
+        tools.write_sparse(path, first * 512, tools.start_volume_for(path, 3, 4 << 20))
         return path
 
     def test_first_lba_past_2_to_the_31(self):
@@ -353,7 +353,7 @@ class LoopDevices(ImageTest):
         offset = layout[3][0] * sector_size
         with tools.loop_device(path, sector_size) as device:
             tools.sgdisk(device, "-a", "1", *tools.partition_options(layout))
-            volume = tools.ntfs_volume(self.path("ntfs"), 4096 * sector_size, sector_size)
+            volume = tools.start_volume_for(device, 3, 4096 * sector_size, sector_size)
             tools.write_sparse(device, offset, volume)
             expected = self.expected_sector0(device, 3)
             self.hybrid(device, 3)

@@ -352,7 +352,7 @@ class InstalledLibrary(unittest.TestCase):
             return re.findall(r"NEEDED.*\[(.*)\]", run("readelf", "-d", file))
 
         major = re.search(r"\d+", self.library.name.split(".so.")[1]).group()
-        for name, library in (("signing.so", "libcrypto."), ("mounting.so", "libmount.")):
+        for name, library in (("signing.so", "libcrypto."), ("mounting.so", "libmount."), ("applying.so", "libwim.")):
             module = self.library.parent / f"vorlix-{major}" / name
             self.assertTrue([needs for needs in needed(module) if needs.startswith(library)], needed(module))
             for file in (self.library, self.prefix / "bin" / "vorlix"):
@@ -415,13 +415,26 @@ class InstalledLibrary(unittest.TestCase):
         (beside / "registry_lookup").write_text("")
         self.assertEqual(run(host).strip(), str(beside.resolve() / "registry_lookup"), "the host's file has priority")
 
+    def test_every_file_that_is_installed_belongs_to_a_package(self):
+        """An install() without COMPONENT would reach no package."""
+        parts = set()
+        for component in ("command", "library", "development", "Unspecified"):
+            prefix = self.work / component
+            run("cmake", "--install", BUILD, "--prefix", prefix, "--component", component)
+            (BUILD / f"install_manifest_{component}.txt").unlink(missing_ok=True)
+            files = {str(path.relative_to(prefix)) for path in prefix.rglob("*") if not path.is_dir()}
+            self.assertEqual(files & parts, set(), f"twice: {component}")
+            self.assertEqual(not files, component == "Unspecified", f"{component}: {sorted(files)}")
+            parts |= files
+        self.assertEqual(parts, {str(path) for path in self.installed("**/*")})
+
     def test_the_change_log_has_the_version_that_is_built(self):
         versions = re.findall(r"^## \[(\S+)\]", (SOURCE / "CHANGELOG.md").read_text(), re.MULTILINE)
         self.assertEqual(versions[0], cached("CMAKE_PROJECT_VERSION"))
 
     def test_man_pages_are_installed(self):
         pages = [str(path) for path in self.installed("share/man/**/*")]
-        self.assertEqual(pages, ["share/man/man1/registry_lookup.1", "share/man/man1/vorlix.1"])
+        self.assertEqual(pages, ["share/man/man1/boot_store.1", "share/man/man1/registry_lookup.1", "share/man/man1/vorlix.1"])
 
     def test_each_public_header_compiles_alone(self):
         headers = self.installed("include/**/*.h")

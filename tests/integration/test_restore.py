@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""`vorlix restore`: volumes from images of every kind, checked by cmp and fdisk; what is refused; kills, resuming, undo."""
+"""`vorlix restore`: volumes from images of every kind, checked by cmp and fdisk; what is refused; resuming, undo."""
 
 import fcntl
 import gzip
@@ -259,71 +259,6 @@ class Refusals(RestoreTest):
 
 
 class Interrupted(RestoreTest):
-    def killed(self, delay):
-        """Starts a restore and kills it. Returns whether it was still running."""
-        command = [*self.prefix(), self.vorlix, "restore", self.image, self.disk, "--partition", "3", "--yes"]
-        process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                   stderr=subprocess.DEVNULL)
-        time.sleep(delay)
-        process.send_signal(signal.SIGKILL)
-        return process.wait(timeout=60) == -signal.SIGKILL
-
-    def test_killed_at_random_moments_it_goes_on_to_the_same_bytes(self):
-        started = time.monotonic()
-        self.restore(self.image)
-        takes = time.monotonic() - started
-        chance = random.Random(11)
-        interrupted = 0
-        for _ in range(12):
-            images.sparse_copy(self.untouched, self.disk)
-            self.killed(chance.random() * takes)
-            if not self.journals():
-                continue
-            interrupted += 1
-            self.restore(self.image, saying=[""])  # finds the journal and goes on
-            self.assert_restored()
-            self.assert_rest_unchanged()
-            self.assertEqual(tools.fdisk_slots(self.disk)[3], (True, WINDOWS.first, WINDOWS.sectors, 0x07))
-            self.assertEqual(self.journals(), [])
-        self.assertGreater(interrupted, 0)
-
-    def test_undo_at_any_moment_gives_the_small_structures_back(self):
-        started = time.monotonic()
-        self.restore(self.image)
-        takes = time.monotonic() - started
-        chance = random.Random(13)
-        undone = 0
-        for _ in range(12):
-            images.sparse_copy(self.untouched, self.disk)
-            self.killed(chance.random() * takes)
-            for name in self.journals_of_restores():
-                result = self.vorlix_run("undo", name)
-                self.assertEqual(result.returncode, 0, result.stderr)
-                undone += 1
-            if not self.journals():
-                self.assert_structures_are_old_or_new()
-        self.assertGreater(undone, 0)
-
-    def journals_of_restores(self):
-        """At the end, a restore writes its structures by a change with a journal of its own, which is none of these."""
-        found = []
-        for name in self.journals():
-            manifest = os.path.join(self.state, "vorlix", "journals", name, "manifest.json")
-            if name.endswith((".new", ".done")) or not os.path.exists(manifest):
-                continue
-            with open(manifest, encoding="utf-8") as file:
-                if json.load(file)["content"]:
-                    found.append(name)
-        return found
-
-    def assert_structures_are_old_or_new(self):
-        """Sector 0 and the boot sector are both as before, or the restore was complete."""
-        places = (0, WINDOWS.first * 512)
-        now = [samples.read(self.disk, place, 512) for place in places]
-        old = [samples.read(self.untouched, place, 512) for place in places]
-        complete = now[1] == self.expected_volume()[:512] and now[0] != old[0]
-        self.assertTrue(now == old or complete)
-
     def interrupted_one(self):
         """A journal of a restore whose source cannot be read to its end."""
         self.packed = self.image + ".gz"

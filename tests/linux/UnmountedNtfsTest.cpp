@@ -259,6 +259,28 @@ TEST_F(UnmountedNtfs, ACompanionThatIsKilledEndsEveryFurtherQuestion) {
   }
 }
 
+TEST_F(UnmountedNtfs, TheCompanionHasNoRights) {
+  makeVolume();
+  const auto device = vorlix::locateDevice(image_ + "s3");
+  ASSERT_TRUE(device);
+  const auto opened = vorlix::openLocation(*device, O_RDONLY);
+  ASSERT_TRUE(opened);
+  std::optional<Dissenter> refusal;
+  const auto reader = vorlix::NtfsReader::start(*opened, refusal);
+  ASSERT_TRUE(reader) << refusal->text;
+  const std::string folder = "/proc/" + std::to_string(reader->process());
+  const std::string status = bytesOf(folder + "/status");
+  if (geteuid() == 0) {
+    EXPECT_NE(status.find("\nUid:\t65534\t65534\t65534\t65534\n"), std::string::npos) << status;
+    EXPECT_NE(status.find("\nCapEff:\t0000000000000000\n"), std::string::npos) << status;
+  }
+  EXPECT_NE(status.find("\nNoNewPrivs:\t1\n"), std::string::npos) << status;
+  EXPECT_NE(status.find("\nSeccomp:\t2\n"), std::string::npos) << status;
+  EXPECT_EQ(run("ls " + folder + "/fd | tr '\\n' ' '"), "0 1 2 3 ");
+  EXPECT_NE(bytesOf(folder + "/fdinfo/3").find("flags:\t0100000\n"), std::string::npos)
+      << bytesOf(folder + "/fdinfo/3");
+}
+
 // 400 volumes with wrong bytes in the boot sector, in records and in index blocks, or cut. What counts is that each
 // is read or refused, in bounded time, and that the parser's process never crashes.
 TEST_F(UnmountedNtfs, DamagedVolumesAreReadOrRefused) {

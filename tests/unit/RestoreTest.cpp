@@ -76,6 +76,13 @@ class NumberedSource final : public ImageSource {
 
   int failingPiece = -1;
 
+  // As a source that is another volume each time, with this boot sector.
+  void isMadeAnew(const Content& bootSector) {
+    facts_.start = bootSector;
+    facts_.key = Content(208, 7);
+    facts_.isMadeAnew = true;
+  }
+
   ImagePiece next(std::span<uint8_t> buffer) override {
     ImagePiece piece;
     piece.offset = position_;
@@ -100,6 +107,49 @@ class NumberedSource final : public ImageSource {
 
  private:
   uint64_t position_ = 0;
+};
+
+// A hole of a gigabyte.
+class HoleSource final : public ImageSource {
+ public:
+  static constexpr uint64_t kHole = uint64_t{1} << 30;
+
+  HoleSource() {
+    facts_.size = kHole;
+    facts_.start = Content(512, 0);
+  }
+  ImagePiece next(std::span<uint8_t>) override {
+    ImagePiece piece;
+    piece.offset = std::exchange(position_, kHole);
+    piece.length = kHole - piece.offset;
+    piece.kind = piece.length == 0 ? ImagePiece::Kind::end : ImagePiece::Kind::zeros;
+    return piece;
+  }
+  std::optional<ImageFailure> moveTo(uint64_t offset) override {
+    position_ = offset;
+    return std::nullopt;
+  }
+  uint64_t bytesRead() const override { return position_; }
+
+ private:
+  uint64_t position_ = 0;
+};
+
+// A device of zeros as large as the hole, which does not know what it stores.
+class BlankDevice final : public DeviceHandle {
+ public:
+  uint64_t read = 0;
+
+  ssize_t readAt(void* buffer, size_t count, uint64_t) override {
+    read += count;
+    std::memset(buffer, 0, count);
+    return static_cast<ssize_t>(count);
+  }
+  ssize_t writeAt(const void*, size_t count, uint64_t) override { return static_cast<ssize_t>(count); }
+  int sync() override { return 0; }
+  std::optional<DeviceIdentity> identity() override { return DeviceIdentity{"blank", 0}; }
+  std::optional<uint64_t> size() override { return HoleSource::kHole; }
+  int close() override { return 0; }
 };
 
 // The volume that the source has, with the structures of the plan.
@@ -147,6 +197,22 @@ class RestoreTest : public testing::Test {
     return restoreVolume(source, plan(), compare, goOn);
   }
 
+  // Restores while nothing can be added to a folder of the state folder once the content is written.
+  RestoreResult restoreWithLocked(const std::string& name) const {
+    const fs::path folder = fs::path(folder_) / "vorlix" / name;
+    NumberedSource source;
+    const RestoreResult result = restoreVolume(source, plan(), true, [&](const RestoreProgress& progress) {
+      if (progress.phase == RestoreProgress::Phase::comparing) permit(folder, fs::perms::owner_write, false);
+      return true;
+    });
+    permit(folder, fs::perms::owner_write, true);
+    return result;
+  }
+
+  static void permit(const fs::path& folder, fs::perms rights, bool isAllowed) {
+    fs::permissions(folder, rights, isAllowed ? fs::perm_options::add : fs::perm_options::remove);
+  }
+
   RestoreResult resume() const {
     std::optional<ChangeFailure> failure;
     auto journal = openLongChange(interruptedLongChanges().at(0), failure);
@@ -190,6 +256,64 @@ TEST_F(RestoreTest, UntilTheContentIsThereTheVolumeHasNoBootSector) {
   EXPECT_EQ(disk->bytes, Content(4096, 0xDD));
 }
 
+TEST_F(RestoreTest, ALongHoleCanBeStoppedOnTheWayAndGoesOnThere) {
+  constexpr uint64_t kSoon = uint64_t{300} << 20;
+  const auto blank = std::make_shared<BlankDevice>();
+  RestorePlan hole;
+  hole.source = "a hole";
+  hole.structures = {"restore of a hole",
+                     {{"blank", blank, {{0, Content(512, 0), Content(512, 0), "the boot sector"}}}}};
+  HoleSource source;
+  int calls = 0;
+  const RestoreResult stopped = restoreVolume(source, hole, false, [&](const RestoreProgress&) { return ++calls < 4; });
+  EXPECT_EQ(stopped.end, RestoreResult::End::cancelled);
+  EXPECT_GT(stopped.size, 0U);
+  EXPECT_LT(stopped.size, kSoon);
+  EXPECT_LE(blank->read, stopped.size);
+  std::optional<ChangeFailure> failure;
+  auto journal = openLongChange(stopped.journal, failure);
+  ASSERT_FALSE(failure);
+  EXPECT_EQ(journal->pieces().back().offset + journal->pieces().back().length, stopped.size);
+  blank->read = 0;
+  HoleSource again;
+  const RestoreResult result = resumeRestore(std::move(journal), again, {blank}, false, goOn);
+  EXPECT_EQ(result.end, RestoreResult::End::done) << result.failure.reason;
+  EXPECT_EQ(result.size, HoleSource::kHole);
+  EXPECT_LE(blank->read, HoleSource::kHole - stopped.size + kSoon / 300);  // and the structures
+}
+
+TEST_F(RestoreTest, ASourceThatIsMadeAnewIsWrittenFromItsFirstByteAgain) {
+  constexpr size_t kSerial = 72;
+  Content bootSector(512, 0xB0);
+  NumberedSource source;
+  source.isMadeAnew(bootSector);
+  source.failingPiece = 6;
+  restore(source);
+  const auto resumeWith = [&](const Content& start) {
+    std::optional<ChangeFailure> failure;
+    auto journal = openLongChange(interruptedLongChanges().at(0), failure);
+    EXPECT_FALSE(failure);
+    NumberedSource again;
+    again.isMadeAnew(start);
+    volume->calls.clear();
+    return resumeRestore(std::move(journal), again, {volume, disk}, true, goOn);
+  };
+  Content elsewhere = bootSector;
+  elsewhere[48] = 0;  // where the file table begins
+  const RestoreResult refused = resumeWith(elsewhere);
+  EXPECT_EQ(refused.end, RestoreResult::End::failed);
+  EXPECT_THAT(refused.failure.reason, HasSubstr("another volume"));
+  EXPECT_THAT(volume->calls, IsEmpty());
+  EXPECT_THAT(interruptedLongChanges(), ElementsAre(refused.journal));
+  std::fill_n(bootSector.begin() + kSerial, 8, uint8_t{0x55});
+  const RestoreResult result = resumeWith(bootSector);
+  EXPECT_EQ(result.end, RestoreResult::End::done) << result.failure.reason;
+  EXPECT_EQ(volume->calls.at(0), "write 0+512");
+  EXPECT_EQ(volume->calls.at(2), "write 0+4096");
+  EXPECT_EQ(volume->bytes, restoredVolume());  // with the serial number of the first run
+  EXPECT_THAT(interruptedLongChanges(), IsEmpty());
+}
+
 TEST_F(RestoreTest, ItGoesOnBehindTheLastPieceOnTheMedium) {
   NumberedSource source;
   source.failingPiece = 6;
@@ -222,6 +346,18 @@ TEST_F(RestoreTest, WithoutComparingOnlyTheStructuresAreReadBack) {
   };
   NumberedSource source;
   EXPECT_EQ(restore(source, false).end, RestoreResult::End::done);
+}
+
+TEST_F(RestoreTest, WhatWasWrittenWithoutHashesIsNotSaidToBeCompared) {
+  NumberedSource source;
+  source.failingPiece = 6;
+  restore(source, false);
+  const RestoreResult resumed = resume();
+  EXPECT_EQ(resumed.end, RestoreResult::End::done) << resumed.failure.reason;
+  EXPECT_FALSE(resumed.isCompared);
+  EXPECT_EQ(volume->bytes, restoredVolume());
+  NumberedSource another;
+  EXPECT_TRUE(restore(another).isCompared);
 }
 
 TEST_F(RestoreTest, AFailedWriteSaysWhereAndKeepsTheJournal) {
@@ -289,6 +425,39 @@ TEST_F(RestoreTest, ASectorThatSomebodyChangedOnTheDiskIsNotTakenBack) {
   ASSERT_TRUE(failure);
   EXPECT_EQ(failure->reason, "sector 0 was changed since");
   EXPECT_EQ(interruptedLongChanges().size(), 1U);
+}
+
+TEST_F(RestoreTest, IfTheFirstWriteFailsNothingIsWrittenAndNothingIsLeft) {
+  volume->failingWrite = 1;
+  NumberedSource source;
+  const RestoreResult result = restore(source);
+  EXPECT_EQ(result.end, RestoreResult::End::failed);
+  EXPECT_EQ(result.failure.state, kNothingWritten);
+  EXPECT_EQ(result.journal, "");
+  EXPECT_FALSE(result.isBlank);
+  EXPECT_EQ(volume->bytes, Content(kVolume, 0xEE));
+  EXPECT_THAT(interruptedLongChanges(), IsEmpty());
+  EXPECT_THAT(keptChanges(), IsEmpty());
+}
+
+TEST_F(RestoreTest, WithoutAJournalForTheStructuresTheContentIsStillWritten) {
+  const RestoreResult result = restoreWithLocked("journals");
+  EXPECT_EQ(result.end, RestoreResult::End::failed);
+  EXPECT_EQ(result.failure.state, "");  // not "nothing was written"
+  EXPECT_TRUE(result.isBlank);
+  EXPECT_THAT(interruptedLongChanges(), ElementsAre(result.journal));
+  EXPECT_EQ(resume().end, RestoreResult::End::done);
+  EXPECT_EQ(volume->bytes, restoredVolume());
+}
+
+TEST_F(RestoreTest, IfTheBackupCannotBeKeptThereIsNothingToGoOnWith) {
+  const RestoreResult result = restoreWithLocked("backups");
+  EXPECT_EQ(result.end, RestoreResult::End::failed);
+  EXPECT_THAT(result.failure.state, HasSubstr("the change is made"));
+  EXPECT_EQ(result.journal, "");
+  EXPECT_FALSE(result.isBlank);
+  EXPECT_EQ(volume->bytes, restoredVolume());
+  EXPECT_THAT(interruptedLongChanges(), IsEmpty());
 }
 
 }  // namespace

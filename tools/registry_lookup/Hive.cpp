@@ -2,32 +2,23 @@
 #include "Hive.h"
 
 #include <Vorlix/foundation/Utf8.h>
-#include <hivex.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <new>
 #include <string_view>
 
 #include "Failure.h"
+#include "Hivex.h"
 #include "Names.h"
 
 namespace vorlix::registry {
 namespace {
 
-struct Free {
-  void operator()(void* memory) const { std::free(memory); }
-};
-using Text = std::unique_ptr<char, Free>;
-using Places = std::unique_ptr<size_t, Free>;  // handles of keys or values; a 0 ends the list
-
-struct Close {
-  void operator()(hive_h* hive) const { hivex_close(hive); }
-};
-using Handle = std::unique_ptr<hive_h, Close>;
+using Text = HiveText;
+using Places = HivePlaces;
+using Handle = HiveHandle;
 
 // Ends the search after a call of hivex failed; `what` names what the call was to read.
 [[noreturn]] void damaged(const std::string& what) {

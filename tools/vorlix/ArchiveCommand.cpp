@@ -87,7 +87,9 @@ void showArchive(const std::string& file, bool asJson) {
     throw Failure(file, "holds no archive of a volume or disk record");
   }
   if (asJson) {
-    Json::object({{"version", kJsonVersion}, {"schema", kJsonVersion}, {"class", recordClass}, {"fields", std::move(fields)}}).print();
+    Json::object(
+        {{"version", kJsonVersion}, {"schema", kJsonVersion}, {"class", recordClass}, {"fields", std::move(fields)}})
+        .print();
     return;
   }
   std::printf("%s\n", recordClass);

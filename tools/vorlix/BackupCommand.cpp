@@ -91,9 +91,15 @@ int save(const BackupOptions& options) {
       },
       result);
   if (!failure) progress.finish();
+  if (failure && failure->isThere) {
+    fail(*failure, options.request.folder + " is there and whole, but may not be on the medium");
+  }
   if (failure) fail(*failure, "nothing was saved");
   if (isJson) {
-    Json::object({{"version", kJsonVersion}, {"phase", "saved"}, {"folder", options.request.folder}, {"packedSize", result.packedSize}})
+    Json::object({{"version", kJsonVersion},
+                  {"phase", "saved"},
+                  {"folder", options.request.folder},
+                  {"packedSize", result.packedSize}})
         .printLine();
   } else {
     std::printf("Saved      %s, %s packed\n", printable(options.request.folder).c_str(),
@@ -121,7 +127,9 @@ int verify(const BackupOptions& options) {
     for (const BackupFinding& finding : findings) {
       list.append(Json::object({{"file", finding.file}, {"text", finding.text}}));
     }
-    Json::object({{"version", kJsonVersion}, {"phase", "verified"}, {"whole", findings.empty()}, {"findings", std::move(list)}}).printLine();
+    Json::object(
+        {{"version", kJsonVersion}, {"phase", "verified"}, {"whole", findings.empty()}, {"findings", std::move(list)}})
+        .printLine();
   } else if (findings.empty()) {
     std::printf("Whole      %s: every file and every range is as it was saved\n", folder.c_str());
   }

@@ -208,8 +208,8 @@ void addBootRecordCommands(Command& top, int& status) {
   Command restore = vbr.addCommand("restore", "Put a saved boot record on an NTFS volume");
   restore.addOption("FILE", restoring->file, "The saved boot record, 8108 bytes").required();
   restore.addOption("DEVICE", restoring->device, "The volume; it is unmounted first").required();
-  const Option dryRun = restore.addFlag("--dry-run", restoring->dryRun,
-                                        "Show the bytes that would change; open nothing for writing");
+  const Option dryRun =
+      restore.addFlag("--dry-run", restoring->dryRun, "Show the bytes that would change; open nothing for writing");
   restore.addFlag("--json", restoring->json, "Show them as JSON").needs(dryRun);
   restoring->backup = addBackupOptions(restore);
   restore.addFlag("--force", restoring->force, "Take a file that does not look like a boot record, and a damaged GPT");

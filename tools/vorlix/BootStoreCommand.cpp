@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/BootStore.h>
 #include <Vorlix/StoreSlots.h>
 #include <Vorlix/foundation/Sha256.h>
 #include <Vorlix/platform/DeviceFile.h>
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -27,9 +29,11 @@
 #include "Identity.h"
 #include "LibraryLog.h"
 #include "MountedSlice.h"
+#include "StoreText.h"
 #include "Text.h"
 #include "UnmountedFile.h"
 #include "VolumeFolder.h"
+#include "WindowsStart.h"
 
 namespace vorlix::tool {
 namespace {
@@ -39,7 +43,11 @@ constexpr const char* kStorePath = "/EFI/Microsoft/Boot/BCD";
 constexpr const char* kStoreFolder = "EFI/Microsoft/Boot";
 constexpr const char* kStoreName = "BCD";
 
-const std::map<std::string, int32_t> kModes = {{"standard", 0}, {"mdt", kStoreModeMDT}, {"sccm", kStoreModeSCCM}};
+// The store itself says where its device elements are. No number that the library knows as a mode.
+constexpr int32_t kModeAuto = std::numeric_limits<int32_t>::min();
+
+const std::map<std::string, int32_t> kModes = {
+    {"auto", kModeAuto}, {"standard", 0}, {"mdt", kStoreModeMDT}, {"sccm", kStoreModeSCCM}};
 
 struct StoreOptions {
   std::string disk;
@@ -59,6 +67,7 @@ struct StorePlan {
   Identity identity;
   ByteVector store;  // the template with the identifiers in place
   ByteVector original;
+  std::vector<StoreDeviceChange> devices;  // of kModeAuto
 };
 
 // What is wrong with a template; absent for a store with identifiers in the places of the mode.
@@ -73,10 +82,28 @@ std::optional<std::string> whyNoTemplate(const StoreOptions& options, const Byte
 }
 
 void checkTemplate(const StoreOptions& options, const ByteVector& store) {
-  const std::optional<std::string> reason = whyNoTemplate(options, store);
+  const bool isAuto = options.mode == kModeAuto;
+  const std::optional<std::string> reason = isAuto ? whyNoHive(store) : whyNoTemplate(options, store);
   if (!reason) return;
   if (!options.force) throw Failure(options.templateFile, *reason + " (--force takes it all the same)");
   complain(options.templateFile + ": warning: " + *reason);
+}
+
+// Sets the identifiers in every device element that names a partition, wherever it is.
+void planDevices(const StoreOptions& options, StorePlan& plan) {
+  const Identity efi = identify(plan.efi);
+  if (!efi.partitionGUID || !efi.diskGUID) throw Failure(plan.efi, "its partition and disk GUIDs are not known");
+  StoreTargets targets;
+  targets.system = {false, *efi.partitionGUID, *efi.diskGUID};
+  targets.windows = {false, *plan.identity.partitionGUID, *plan.identity.diskGUID};
+  std::vector<StoreObject> objects;
+  if (const auto reason = readStoreObjects(plan.original, objects)) throw Failure(options.templateFile, *reason);
+  StoreWithPartitions result;
+  if (const auto reason = setStorePartitions(plan.original, objects, targets, result)) {
+    throw Failure(options.templateFile, *reason);
+  }
+  plan.store = std::move(result.store);
+  plan.devices = std::move(result.devices);
 }
 
 StorePlan planStore(const StoreOptions& options) {
@@ -91,8 +118,12 @@ StorePlan planStore(const StoreOptions& options) {
   if (!plan.identity.partitionGUID || !plan.identity.diskGUID) {
     throw Failure(plan.partition, "its partition and disk GUIDs are not known");
   }
-  plan.store =
-      storeWithIdentifiers(plan.original, options.mode, {*plan.identity.partitionGUID, *plan.identity.diskGUID});
+  if (options.mode == kModeAuto) {
+    planDevices(options, plan);
+  } else {
+    plan.store =
+        storeWithIdentifiers(plan.original, options.mode, {*plan.identity.partitionGUID, *plan.identity.diskGUID});
+  }
   return plan;
 }
 
@@ -108,20 +139,25 @@ void printDryRunJson(const StoreOptions& options, const StorePlan& plan) {
       .print();
 }
 
+void printDevices(const std::vector<StoreDeviceChange>& devices) {
+  if (devices.empty()) return;
+  std::vector<std::vector<std::string>> rows = {{"OBJECT", "ELEMENT", "NAMED", "WILL NAME"}};
+  for (const StoreDeviceChange& device : devices) {
+    const bool isSystem = device.place == StorePlace::systemPartition;
+    rows.push_back({printable(device.object) + " " + storeObjectKind(device.objectType), hexDigits(device.element, 8),
+                    partitionText(device.before), isSystem ? "the EFI System Partition" : "the Windows volume"});
+  }
+  std::printf("%s\n", tableText(rows, "llll").c_str());
+}
+
 void printDryRun(const StoreOptions& options, const StorePlan& plan) {
   std::printf("Dry run: nothing is mounted or opened for writing.\n\n");
   std::printf("%s would become %s on slice 1 of %s, with\n", printable(options.templateFile).c_str(), kStorePath + 1,
               printable(options.disk).c_str());
   std::printf("  partition GUID  %s\n  disk GUID       %s\n", guidText(plan.identity.partitionGUID->data()).c_str(),
               guidText(plan.identity.diskGUID->data()).c_str());
+  printDevices(plan.devices);
   std::printf("in these places:\n%s", differenceText(plan.original, plan.store, 0).c_str());
-}
-
-// A change to this disk that was cut off comes first: what is mounted here must be whole.
-void finishInterruptedChanges(const std::string& slice) {
-  const auto handle = platform().deviceFile->open(slice, DeviceAccess::readOnly, DeviceLock::none);
-  if (!handle) throw Failure::ofErrno(slice, errno);
-  if (!interruptedChanges(*handle).empty()) openToChange(slice);
 }
 
 bool isSameFile(const struct stat& item, const std::string& path) {
@@ -207,20 +243,46 @@ void writeStore(const StoreOptions& options, const StorePlan& plan) {
 
 void addBootStoreCommand(Command& top, int& status) {
   const auto options = std::make_shared<StoreOptions>();
-  Command command =
-      top.addCommand("bcd", "Put a prepared Windows boot configuration store on the EFI System Partition");
+  const auto start = std::make_shared<WindowsStartOptions>();
+  const auto fromWindows = std::make_shared<bool>(false);
+  Command command = top.addCommand(
+      "bcd", "Put a Windows boot configuration store, or all boot files of a Windows, on the EFI System Partition");
   command.addOption("DISK", options->disk, "Whole disk or disk-image file").required();
   command.addOption("--partition", options->partition, "GPT entry of the Windows volume").required().within(1, 128);
-  command.addOption("--template", options->templateFile, "The prepared store").required();
-  command.addOption("--mode", options->mode, "Layout of the template: standard, mdt or sccm").required().named(kModes);
-  const Option dryRun = command.addFlag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
-  command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun);
+  Option templateFile = command.addOption("--template", options->templateFile, "The prepared store");
+  Option mode = command.addOption("--mode", options->mode,
+                                  "What to set in the template: auto, every device; standard, mdt or sccm, the "
+                                  "places of a prepared template");
+  mode.named(kModes).needs(templateFile);
+  Option source = command.addFlag("--from-windows", *fromWindows,
+                                  "Make the store from the Windows volume's own template, and copy its boot files");
+  source.excludes(templateFile).excludes(mode);
+  command
+      .addChoice("--firmware", start->firmware, {{"efi", StartFirmware::efi}, {"bios", StartFirmware::bios}},
+                 "What the files are for: efi, on the EFI System Partition; bios, on the Windows volume")
+      .needs(source);
+  command.addOption("--description", start->description, "Of Windows in the boot menu").showDefault().needs(source);
+  const Option dryRun =
+      command.addFlag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
+  command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun).excludes(source);
   options->backup = addBackupOptions(command);
   command.addFlag("--force", options->force,
                   "Take a template that does not look like one for the mode, and a damaged GPT");
-  command.setExamples({"vorlix bcd mac.img --partition 3 --template BCD --mode standard --dry-run"});
-  command.setAction([options, &status] {
+  command.setExamples({"vorlix bcd mac.img --partition 3 --template BCD --mode standard --dry-run",
+                       "vorlix bcd /dev/sda --partition 4 --from-windows"});
+  command.setAction([options, start, fromWindows, templateFile, mode, &status] {
+    if (!*fromWindows && !templateFile.isGiven()) refuseWithout("--template or --from-windows");
+    if (!*fromWindows && !mode.isGiven()) refuseWithout("--mode");
     const LibraryLog log;  // look-ups write to it
+    if (*fromWindows) {
+      start->disk = options->disk;
+      start->partition = options->partition;
+      start->dryRun = options->dryRun;
+      start->force = options->force;
+      start->backup = options->backup;
+      status = putWindowsStart(*start);
+      return;
+    }
     const StorePlan plan = planStore(*options);
     if (options->dryRun) {
       options->json ? printDryRunJson(*options, plan) : printDryRun(*options, plan);

@@ -59,6 +59,12 @@ std::shared_ptr<DeviceHandle> openToChange(const std::string& device, const Disk
   return handle;
 }
 
+void finishInterruptedChanges(const std::string& slice) {
+  const auto handle = platform().deviceFile->open(slice, DeviceAccess::readOnly, DeviceLock::none);
+  if (!handle) throw Failure::ofErrno(slice, errno);
+  if (!interruptedChanges(*handle).empty()) openToChange(slice);
+}
+
 bool finishedEarlierChange() {
   return finishedOne;
 }

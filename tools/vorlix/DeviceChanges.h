@@ -26,6 +26,9 @@ std::shared_ptr<DeviceHandle> openToLook(const std::string& device, DeviceLock l
 std::shared_ptr<DeviceHandle> openToChange(const std::string& device, const DiskTables* around = nullptr,
                                            const std::string& ownJournal = "");
 
+/// Finishes what an earlier command began on the disk of a slice that is about to be mounted. Throws Failure.
+void finishInterruptedChanges(const std::string& slice);
+
 /// Whether openToChange() has finished an earlier change in this process: then nothing of this command's own may be on
 /// the disk, and yet something was written.
 bool finishedEarlierChange();

@@ -116,9 +116,7 @@ Json differenceJson(const ByteVector& before, const ByteVector& after, uint64_t 
     const std::string from = rowText(before, offset);
     const std::string to = rowText(after, offset);
     if (from == to) continue;
-    rows.append(Json::object({{"offset", base + offset},
-                              {"before", from.empty() ? Json() : Json(from)},
-                              {"after", to.empty() ? Json() : Json(to)}}));
+    rows.append(Json::object({{"offset", base + offset}, {"before", knownText(from)}, {"after", knownText(to)}}));
   }
   return rows;
 }

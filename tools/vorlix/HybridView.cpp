@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <utility>
 
 #include "SlotJson.h"
@@ -144,11 +145,17 @@ Json volumePlanJson(const VolumePlan& volume) {
   for (const SecondBootSector& second : volume.seconds) {
     seconds.append(Json::object({{"offset", second.offset}, {"isCopy", second.isCopy}}));
   }
+  std::optional<uint32_t> now;
+  std::optional<uint32_t> then;
+  if (volume.isPatched) {
+    now = hiddenSectors(volume.before);
+    then = volume.start;
+  }
   return Json::object({
       {"name", volume.name},
       {"isPatched", volume.isPatched},
-      {"hiddenSectors", volume.isPatched ? Json(hiddenSectors(volume.before)) : Json()},
-      {"newHiddenSectors", volume.isPatched ? Json(volume.start) : Json()},
+      {"hiddenSectors", now},
+      {"newHiddenSectors", then},
       {"getsNewSerial", volume.isPatched && serialField(volume.before).size > 0},
       {"secondBootSectors", std::move(seconds)},
   });
@@ -211,6 +218,8 @@ void printHybridPlanJson(const HybridPlan& plan) {
                                {"now", slotJson(plan.disk.mbr.parts[i])},
                                {"then", slotJson(plan.table.parts[i])}}));
   }
+  Json volume;
+  if (plan.volume) volume = volumePlanJson(*plan.volume);
   Json notes = Json::array();
   for (const std::string& note : hybridNotes(plan)) notes.append(note);
   Json::object({{"version", kJsonVersion},
@@ -222,7 +231,7 @@ void printHybridPlanJson(const HybridPlan& plan) {
                                           {"bootCodeChanges", plan.difference.bootCode},
                                           {"diskSignature", signatureText(plan.disk.sector0)},
                                           {"newDiskSignature", signatureText(plan.newSector0)}})},
-                {"volume", plan.volume ? volumePlanJson(*plan.volume) : Json()},
+                {"volume", std::move(volume)},
                 {"notes", std::move(notes)}})
       .print();
 }

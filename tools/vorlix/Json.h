@@ -89,4 +89,9 @@ class Json {
   Value value_;
 };
 
+/// Null for an empty text, which stands for what is not known.
+inline Json knownText(const std::string& text) {
+  return text.empty() ? std::optional<std::string>() : std::optional<std::string>(text);
+}
+
 }  // namespace vorlix::tool

@@ -125,7 +125,7 @@ void printCaller(const ProbeOptions& options, bool isSigned, const std::string& 
     Json::object({{"version", kJsonVersion},
                   {"process", options.process},
                   {"signed", isSigned},
-                  {"reason", isSigned ? Json() : Json(text)}})
+                  {"reason", knownText(isSigned ? "" : text)}})
         .print();
   } else {
     std::printf("%d: %s\n", options.process, printable(text).c_str());

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -59,13 +60,19 @@ void printPlan(const RestoreOptions& options, const RestorePreparation& prepared
   const ImageFacts& facts = prepared.source->facts();
   const std::string format = facts.volume ? std::string(", ") + nameOf(facts.volume->format) : "";
   const std::string size = facts.size ? ", " + shortSizeText(*facts.size) : "";
-  std::fprintf(textOutput(options.progress), "From       %s (%s%s%s)\n", printable(options.request.source).c_str(),
-               printable(facts.description).c_str(), format.c_str(), size.c_str());
+  const std::string image = prepared.image ? ", " + imageText(*prepared.image) : "";
+  std::fprintf(textOutput(options.progress), "From       %s (%s%s%s%s)\n", printable(options.request.source).c_str(),
+               printable(facts.description).c_str(), format.c_str(), size.c_str(), printable(image).c_str());
+  if (prepared.image) {
+    std::fprintf(textOutput(options.progress),
+                 "Made in    %s, as an NTFS volume in a file that goes with this command\n",
+                 printable(options.request.scratch).c_str());
+  }
   std::fprintf(textOutput(options.progress), "To         %s, GPT entry %u \"%s\", %s\n",
                printable(prepared.volume).c_str(), options.request.partition, printable(prepared.entryName).c_str(),
                shortSizeText(prepared.volumeSize).c_str());
   std::fprintf(textOutput(options.progress), "Lost       what is there now: %s\n", printable(prepared.present).c_str());
-  if (!facts.isVerified) {
+  if (!facts.isVerified && !prepared.image) {
     std::fprintf(
         textOutput(options.progress),
         "Note       the source has no block map, so damage that its format does not notice is restored, too\n");
@@ -127,34 +134,80 @@ class ShownProgress {
   std::unique_ptr<Progress> shown_;
 };
 
-std::string howToGoOn(const RestoreResult& result) {
+std::string howToGoOn(const RestoreResult& result, bool isMadeAnew) {
   const std::string name = nameOfJournal(result.journal);
-  return sizeText(result.size) +
-         " of the volume are written, and it has no boot sector yet; `vorlix restore --resume " + name +
-         "` goes on, `vorlix undo " + name + "` gives it up";
+  return sizeText(result.size) + " of the volume are written" +
+         (result.isBlank ? ", and it has no boot sector yet" : "") + "; `vorlix restore --resume " + name +
+         (isMadeAnew ? "` applies the image anew and begins again" : "` goes on") + ", `vorlix undo " + name +
+         "` gives it up";
+}
+
+// Makes a volume of an image, and shows the progress. Nothing is written to a disk. Throws Failure.
+std::unique_ptr<ImageSource> applyImage(const RestoreOptions& options, const ImageFacts& facts,
+                                        const WimApplication& application) {
+  Progress shown(options.progress, "applying");
+  WimVolume applied = applyWim(facts, application, [&](uint64_t done, uint64_t total) {
+    shown.show(done, total);
+    return !Interruption::hasCome();
+  });
+  shown.finish();
+  if (applied.isStopped) throw Failure(application.wim, "stopped");
+  if (applied.source == nullptr) throw Failure(applied.failure.subject, applied.failure.reason);
+  return std::move(applied.source);
+}
+
+// The WIM of an interrupted restore as a volume for the same slice.
+std::unique_ptr<ImageSource> applyAgain(const RestoreOptions& options, const std::string& wim, const ImageFacts& facts,
+                                        uint32_t index, DeviceHandle& volume) {
+  const WimFacts::Image image = imageOf(wim, facts, index);
+  const auto size = volume.size();
+  const auto blockSize = volume.blockSize();
+  const auto identity = volume.identity();
+  if (!size || !blockSize || !identity || !identity->offset) throw Failure(wim, "nobody knows where the slice is");
+  const std::string scratch = scratchFor(options.request, image, *size);
+  std::fprintf(textOutput(options.progress),
+               "From       %s (%s), from the beginning: the image is applied anew, in %s\n", printable(wim).c_str(),
+               printable(imageText(image)).c_str(), printable(scratch).c_str());
+  std::fflush(stdout);
+  return applyImage(options, facts, {wim, index, {*size, *blockSize, *identity->offset / *blockSize}, scratch});
 }
 
 // Throws Failure unless the restore is complete.
-void requireDone(const RestoreResult& result, const std::string& volume) {
+void requireDone(const RestoreResult& result, const std::string& volume, const ImageSource& source) {
   if (result.end == RestoreResult::End::done) return;
-  if (result.end == RestoreResult::End::cancelled) throw Failure(volume, "stopped", howToGoOn(result));
+  const std::string goingOn = howToGoOn(result, source.facts().isMadeAnew);
+  if (result.end == RestoreResult::End::cancelled) throw Failure(volume, "stopped", goingOn);
   const ChangeFailure& failure = result.failure;
   if (result.journal.empty()) fail(failure);
-  throw Failure(failure.subject, failure.reason,
-                (failure.state.empty() ? "" : failure.state + "; ") + howToGoOn(result));
+  throw Failure(failure.subject, failure.reason, (failure.state.empty() ? "" : failure.state + "; ") + goingOn);
 }
 
 // Says what a start still needs. @return whether the disk starts as far as can be told.
-bool printStart(const RestoreOptions& options, const std::string& disk, uint32_t partition, StartWay way) {
-  const StartReport report = checkStart(collectStartFacts(disk, partition, 0), way);
+bool printStart(const RestoreOptions& options, const std::string& disk, uint32_t partition, StartWay way,
+                bool isFromWim) {
+  StartReport report;
+  try {
+    report = checkStart(collectStartFacts(disk, partition, 0), way);
+  } catch (const std::exception& error) {
+    throw Failure(disk, std::string("whether it starts cannot be told: ") + error.what(), "the volume is restored");
+  }
+  if (isFromWim) {  // there is some boot code, so that the check finds nothing to say
+    std::fprintf(textOutput(options.progress),
+                 "Missing    boot code of Windows in the boot sector\n"
+                 "           because a WIM has none, and that of mkntfs only says that the disk does not start\n"
+                 "           to mend: vorlix vbr restore FILE %s\n",
+                 printable(sliceNameOf(disk, partition)).c_str());
+  }
   for (const StartFinding& finding : report.findings) {
     if (finding.state != StartFinding::State::fault) continue;
     std::fprintf(textOutput(options.progress), "Missing    %s\n           because %s\n           to mend: %s\n",
                  printable(finding.text).c_str(), printable(finding.why).c_str(), printable(finding.command).c_str());
   }
-  if (report.starts())
+  const bool starts = report.starts() && !isFromWim;
+  if (starts) {
     std::fprintf(textOutput(options.progress), "Start      the disk starts as far as can be told (vorlix check)\n");
-  return report.starts();
+  }
+  return starts;
 }
 
 std::string folderOfInterrupted(const std::string& name) {
@@ -168,6 +221,12 @@ std::string folderOfInterrupted(const std::string& name) {
   return found.front();
 }
 
+const char* comparisonText(const RestoreOptions& options, const RestoreResult& result) {
+  if (options.noVerify) return "";
+  return result.isCompared ? ", read back and compared"
+                           : ", read back and compared but for what was written with --no-verify";
+}
+
 std::unique_ptr<LongChange> openJournal(const std::string& folder) {
   std::optional<ChangeFailure> failure;
   auto journal = openLongChange(folder, failure);
@@ -175,7 +234,8 @@ std::unique_ptr<LongChange> openJournal(const std::string& folder) {
   return journal;
 }
 
-void resume(const RestoreOptions& options, const std::string& folder) {
+// @return whether the volume was made of a WIM
+bool resume(const RestoreOptions& options, const std::string& folder) {
   auto journal = openJournal(folder);
   const DiskChange& structures = journal->structures();
   const std::string volume = structures.devices[journal->origin().device].device;
@@ -183,19 +243,24 @@ void resume(const RestoreOptions& options, const std::string& folder) {
   for (const DeviceChange& device : structures.devices) handles.push_back(openToChange(device.device, nullptr, folder));
   ImageFailure unreadable;
   const std::string path = options.request.source.empty() ? journal->origin().source : options.request.source;
-  const auto source = openImageSource(path, {}, unreadable);
+  auto source = openImageSource(path, {}, unreadable);
   if (!source) throw Failure(unreadable.subject, unreadable.reason, "the restore can go on once the source is there");
   std::fprintf(textOutput(options.progress), "Going on   %s\n", printable(structures.title).c_str());
   std::fflush(stdout);
   const Interruption interruption;
+  const uint32_t image = journal->origin().image;
+  if (image != 0 && source->facts().kind == ImageKind::wim) {
+    source = applyAgain(options, path, source->facts(), image, *handles[journal->origin().device]);
+  }
   ShownProgress progress(options.progress);
   const RestoreResult result =
       resumeRestore(std::move(journal), *source, handles, !options.noVerify, std::ref(progress));
   progress.finish();
-  requireDone(result, volume);
+  requireDone(result, volume, *source);
   std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
-               printable(volume).c_str(), options.noVerify ? "" : ", read back and compared");
+               printable(volume).c_str(), comparisonText(options, result));
   printUndo(result.kept, textOutput(options.progress));
+  return source->facts().isMadeAnew;
 }
 
 // The interrupted restore of the same slice. Throws Failure if that has another source.
@@ -206,12 +271,33 @@ std::optional<std::string> interruptedRestoreOf(const RestoreRequest& request, c
     if (!journal) continue;  // of a restore that is running; if it is on this disk, opening the disk says so
     const std::string& device = journal->structures().devices[journal->origin().device].device;
     if (absoluteSource(device) != absoluteSource(volume) && device != volume) continue;
-    if (journal->origin().source == absoluteSource(request.source)) return folder;
+    const uint32_t image = journal->origin().image;
+    const bool isSameImage = request.index == 0 || request.index == image;
+    if (isSameImage && journal->origin().source == absoluteSource(request.source)) return folder;
     const std::string name = nameOfJournal(folder);
-    throw Failure(volume, "a restore of " + journal->origin().source + " was interrupted; `vorlix restore --resume " +
-                              name + "` goes on, `vorlix undo " + name + "` gives it up");
+    const std::string what = journal->origin().source + (image == 0 ? "" : ", image " + std::to_string(image) + ",");
+    throw Failure(volume, "a restore of " + what + " was interrupted; `vorlix restore --resume " + name +
+                              "` goes on, `vorlix undo " + name + "` gives it up");
   }
   return std::nullopt;
+}
+
+// What the plan has shown.
+struct ShownSource {
+  ImageFacts facts;
+  std::optional<WimFacts::Image> image;
+  NTFSPlace place;
+};
+
+// Opens the disk for writing. A WIM is applied before, while the disk is free for others.
+RestorePreparation prepareToWrite(RestoreOptions& options, const ShownSource& shown) {
+  RestoreRequest& request = options.request;
+  request.writes = true;
+  if (!shown.image) return prepareRestore(request);
+  auto applied = applyImage(options, shown.facts, {request.source, shown.image->index, shown.place, request.scratch});
+  RestorePreparation prepared = prepareRestore(request, std::move(applied));
+  if (prepared.place != shown.place) throw Failure(prepared.volume, "was changed while the image was applied");
+  return prepared;
 }
 
 int restore(RestoreOptions options, const BackupChoice& choice) {
@@ -230,14 +316,16 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
       return kChangeNeeded;
     }
     requireConsent(options, "This restore was interrupted. Go on?");
-    resume(options, *folder);
-    return !request.isLegacy || printStart(options, request.disk, request.partition, way) ? kDone : kChangeNeeded;
+    const bool isFromWim = resume(options, *folder);
+    return !request.isLegacy || printStart(options, request.disk, request.partition, way, isFromWim) ? kDone
+                                                                                                     : kChangeNeeded;
   }
   // Standard input can be read once only, so the disk is opened for writing at once.
   const bool isStream = request.source == kStandardInput;
   if (isStream && !options.dryRun) requireConsent(options, "");
   request.writes = isStream && !options.dryRun;
   RestorePreparation prepared = prepareRestore(request);
+  if (prepared.image) request.scratch = scratchFor(request, *prepared.image, prepared.volumeSize);
   if (options.json) {
     printRestorePlanJson(request, prepared);
     return kChangeNeeded;
@@ -248,23 +336,25 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
     return kChangeNeeded;
   }
   std::fflush(stdout);
+  const ShownSource shown = {prepared.source->facts(), prepared.image, prepared.place};
   if (!isStream) {
     prepared = {};  // closes the disk while the user thinks
     requireConsent(options, "Overwrite " + printable(volume) + "?");
-    request.writes = true;
-    prepared = prepareRestore(request);
   }
-  prepared.plan.backup = changeBackup(choice);
   const Interruption interruption;
+  if (!isStream) prepared = prepareToWrite(options, shown);
+  prepared.plan.backup = changeBackup(choice);
   ShownProgress progress(options.progress);
   const RestoreResult result = restoreVolume(*prepared.source, prepared.plan, !options.noVerify, std::ref(progress));
   progress.finish();
-  requireDone(result, prepared.volume);
+  requireDone(result, prepared.volume, *prepared.source);
   std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
-               printable(prepared.volume).c_str(), options.noVerify ? "" : ", read back and compared");
+               printable(prepared.volume).c_str(), comparisonText(options, result));
   printUndo(result.kept, textOutput(options.progress));
   prepared = {};  // closes the disk, which is looked at anew
-  return !request.isLegacy || printStart(options, request.disk, request.partition, way) ? kDone : kChangeNeeded;
+  return !request.isLegacy || printStart(options, request.disk, request.partition, way, shown.image.has_value())
+             ? kDone
+             : kChangeNeeded;
 }
 
 }  // namespace
@@ -274,12 +364,15 @@ void addRestoreCommand(Command& top, int& status) {
   RestoreRequest& request = options->request;
   Command command = top.addCommand("restore", "Restore a volume from an image or a backup, and make the disk start it");
   command.addOption("SOURCE", request.source,
-                    "Image file, plain or packed (gz, xz, zst, bz2, zip), ntfsclone image, folder of a backup, slice, "
-                    "or - for standard input");
+                    "Image file, plain or packed (gz, xz, zst, bz2, zip), ntfsclone image, WIM or ESD, folder of a "
+                    "backup, slice, or - for standard input");
   command.addOption("DISK", request.disk, "Whole disk or disk-image file");
   command.addOption("--partition", request.partition, "GPT entry of the volume to overwrite").within(1, 128);
   command.addOption("--start", options->start, "legacy: write the MBR for a start by a BIOS (default); none: do not")
       .oneOf({"legacy", "none"});
+  command.addOption("--index", request.index, "Image of a WIM; needed if it has several").within(1, 65535);
+  command.addOption("--scratch", request.scratch,
+                    "Folder where the volume of a WIM is made first (default: $TMPDIR, else /var/tmp)");
   command.addOption("--boot-code", request.bootCode, "File with MBR boot code (default: the disk's, or our own)");
   const Option resuming =
       command.addOption("--resume", options->resume, "Go on with an interrupted restore; SOURCE if it has moved");

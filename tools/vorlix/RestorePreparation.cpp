@@ -7,6 +7,7 @@
 #include <Vorlix/platform/Platform.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <limits>
@@ -69,11 +70,15 @@ std::unique_ptr<ImageSource> openSource(const RestoreRequest& request, uint64_t 
   options.largestSize = volumeSize;
   auto source = openImageSource(request.source, options, failure);
   if (!source) throw Failure(failure.subject, failure.reason);
-  if (source->facts().kind == ImageKind::wim) {
-    throw Failure(request.source,
-                  "is a WIM, which has files and no volume; apply it with `wimapply` to a formatted volume");
-  }
   return source;
+}
+
+void requireRoomForImage(const RestoreRequest& request, const RestorePreparation& prepared) {
+  const uint64_t bytes = bytesOfFiles(*prepared.image);
+  if (bytes <= prepared.volumeSize) return;
+  objectTo(request, request.source,
+           imageText(*prepared.image) + ", does not fit " + prepared.volume + ", which has room for " +
+               sizeText(prepared.volumeSize));
 }
 
 void requireFit(const RestoreRequest& request, const RestorePreparation& prepared) {
@@ -179,7 +184,35 @@ std::string absoluteSource(const std::string& source) {
   return error ? source : path.string();
 }
 
-RestorePreparation prepareRestore(const RestoreRequest& request) {
+std::string imageText(const WimFacts::Image& image) {
+  return "image " + std::to_string(image.index) + (image.name.empty() ? "" : " \"" + image.name + "\"") + ", " +
+         shortSizeText(image.size);
+}
+
+WimFacts::Image imageOf(const std::string& source, const ImageFacts& facts, uint32_t index) {
+  if (const auto obstacle = wimObstacle(facts)) throw Failure(source, *obstacle);
+  const std::vector<WimFacts::Image>& images = facts.wim->images;
+  if (index == 0 && images.size() == 1) return images.front();
+  if (index != 0 && index <= images.size()) return images[index - 1];
+  std::string list =
+      index == 0 ? "it has several images, and --index selects one" : "it has no image " + std::to_string(index);
+  for (const WimFacts::Image& image : images) list += (image.index == 1 ? ": " : "; ") + imageText(image);
+  throw Failure(source, list);
+}
+
+std::string scratchFor(const RestoreRequest& request, const WimFacts::Image& image, uint64_t volumeSize) {
+  std::string folder = request.scratch;
+  if (folder.empty()) {
+    const char* const usual = std::getenv("TMPDIR");
+    folder = usual == nullptr || *usual == '\0' ? "/var/tmp" : usual;
+  }
+  if (const auto obstacle = scratchObstacle(folder, bytesOfScratch(image, volumeSize))) {
+    throw Failure(folder, *obstacle + "; --scratch names another folder");
+  }
+  return folder;
+}
+
+RestorePreparation prepareRestore(const RestoreRequest& request, std::unique_ptr<ImageSource> applied) {
   RestorePreparation prepared;
   const auto open = [&](const std::string& device, const DiskTables* around) {
     return request.writes ? openToChange(device, around) : openToLook(device, DeviceLock::none, around);
@@ -192,12 +225,20 @@ RestorePreparation prepareRestore(const RestoreRequest& request) {
   requireNothingMounted(request, prepared.volume);
   const std::shared_ptr<DeviceHandle> volume = open(prepared.volume, &prepared.mbr.disk);
   prepared.volumeSize = volume->size().value_or((entry.last_lba - entry.first_lba + 1) * prepared.mbr.disk.blockSize);
-  prepared.source = openSource(request, prepared.volumeSize);
+  prepared.place = {prepared.volumeSize, static_cast<uint32_t>(prepared.mbr.disk.blockSize), entry.first_lba};
+  const bool isApplied = applied != nullptr;
+  prepared.source = isApplied ? std::move(applied) : openSource(request, prepared.volumeSize);
   requireOtherDisk(request, prepared, *disk);
-  requireFit(request, prepared);
+  const bool isWim = prepared.source->facts().kind == ImageKind::wim;
+  if (!isWim && request.index != 0) throw Failure(request.source, "is no WIM, of which --index selects an image");
+  if (isWim) prepared.image = imageOf(request.source, prepared.source->facts(), request.index);
+  if (isWim) requireRoomForImage(request, prepared);
+  if (!isWim || isApplied) requireFit(request, prepared);
   prepared.present = contentText(readDevice(*volume, prepared.volume, 0, kSectorBytes), prepared.volumeSize);
   if (request.isLegacy) planLegacyStart(request, prepared);
   prepared.plan.source = absoluteSource(request.source);
+  if (isWim) prepared.plan.image = prepared.image->index;
+  if (isWim && !isApplied) return prepared;
   prepared.plan.structures.title = "restore of " + request.source + " to " + prepared.volume;
   prepared.plan.structures.devices.push_back(volumeStructures(prepared, volume, entry));
   if (prepared.changesMBR) {

@@ -37,7 +37,7 @@ void printRestorePlanJson(const RestoreRequest& request, const RestorePreparatio
   Json::object({{"version", kJsonVersion},
                 {"source", request.source},
                 {"kind", facts.description},
-                {"fileSystem", facts.volume ? Json(nameOf(facts.volume->format)) : Json()},
+                {"fileSystem", knownText(facts.volume ? nameOf(facts.volume->format) : "")},
                 {"sourceSize", facts.size},
                 {"isVerified", facts.isVerified},
                 {"image", imageJson(prepared)},

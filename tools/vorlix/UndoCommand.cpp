@@ -129,7 +129,7 @@ void printDryRunJson(const std::string& title, const std::string& lost, const Di
   Json::object({{"version", kJsonVersion},
                 {"title", title},
                 {"changeNeeded", !change.empty() || !steps.empty()},
-                {"lost", lost.empty() ? Json() : Json(lost)},
+                {"lost", knownText(lost)},
                 {"changes", std::move(bytes)},
                 {"files", std::move(files)}})
       .print();

@@ -5,6 +5,7 @@
 #include <Vorlix/platform/DeviceFile.h>
 #include <Vorlix/platform/MountedVolumes.h>
 #include <Vorlix/platform/Platform.h>
+#include <Vorlix/platform/VolumeMirrors.h>
 #include <Vorlix/platform/VolumeNames.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -160,7 +161,11 @@ std::vector<std::string> FileUndo::run() {
     state = "some of the files are undone; run the command again for the rest";
     folder->sync(state);
   }
-  if (mounted_) mounted_->finish("the old content");
+  if (mounted_) {
+    // The files may have been made on an empty volume.
+    if (!steps_.empty()) platform().volumeMirrors->allowEmpty(root_);
+    mounted_->finish("the old content");
+  }
   return left;
 }
 

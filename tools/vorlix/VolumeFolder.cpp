@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <sstream>
 #include <utility>
 
 #include "Failure.h"
@@ -53,7 +54,8 @@ std::vector<std::string> VolumeFolder::names() const {
     errno = 0;
     const dirent* const entry = readdir(stream.get());
     if (entry == nullptr) break;
-    names.emplace_back(entry->d_name);
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
   }
   if (errno != 0) throw Failure::ofErrno(path_, errno);
   return names;
@@ -82,6 +84,18 @@ VolumeFolder VolumeFolder::folder(const std::string& name) const {
   Descriptor opened(openat(descriptor_.get(), spelled->c_str(), kFolderFlags | O_NOFOLLOW));
   if (!opened) throw Failure::ofErrno(pathOf(*spelled), errno);
   return {pathOf(*spelled), caseBlind_, std::move(opened)};
+}
+
+VolumeFolder VolumeFolder::folderAt(const std::string& path) const {
+  VolumeFolder found(path_, caseBlind_, Descriptor(openat(descriptor_.get(), ".", kFolderFlags)));
+  if (!found.descriptor_) throw Failure::ofErrno(path_, errno);
+  std::istringstream names(path);
+  for (std::string name; std::getline(names, name, '/');) {
+    if (name.empty()) continue;
+    VolumeFolder next = found.folder(name);
+    found = std::move(next);
+  }
+  return found;
 }
 
 ByteVector VolumeFolder::content(const std::string& name, size_t limit) const {

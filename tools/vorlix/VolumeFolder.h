@@ -37,6 +37,12 @@ class VolumeFolder {
   /// A folder in this one; refused if it is missing or anything else.
   VolumeFolder folder(const std::string& name) const;
 
+  /// A folder below this one, by its path: "/EFI/Boot"; empty for this folder. Refused like folder().
+  VolumeFolder folderAt(const std::string& path) const;
+
+  /// The names of all items, in the folder's spelling.
+  std::vector<std::string> names() const;
+
   /// The whole of a regular file; what is anything else is refused without being opened.
   ByteVector content(const std::string& name, size_t limit) const;
 
@@ -45,8 +51,6 @@ class VolumeFolder {
 
  private:
   VolumeFolder(std::string path, bool caseBlind, Descriptor descriptor);
-  std::vector<std::string> names() const;
-
   std::string path_;
   bool caseBlind_;
   Descriptor descriptor_;

@@ -92,8 +92,7 @@ int showWindows(const std::string& volume, bool json) {
     Json object = Json::object();
     object.add("version", kJsonVersion);
     for (const Row& row : kRows) {
-      const std::string value = version.text(row.key).value_or("");
-      object.add(row.key, value.empty() ? Json() : Json(value));
+      object.add(row.key, knownText(version.text(row.key).value_or("")));
     }
     object.print();
   } else {

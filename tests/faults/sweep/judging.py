@@ -152,5 +152,10 @@ def judge(expected, run, after, again, after_again, is_honest):
         findings += judge_failure(expected, after, again, after_again)
         findings += judge_word(expected, run, after)
     findings += judge_again(expected, again, after_again, is_honest)
+    return in_order(findings)
+
+
+def in_order(findings):
+    """The most serious first."""
     order = (CRASH, HANG, SILENT, TORN, WRONG_WORD, BLOCKED)
     return sorted(findings, key=lambda finding: order.index(finding[0]))

@@ -76,11 +76,14 @@ class Runner:
         case = self.fresh(scenario)
         run = self.traced(scenario, case, place, fault)
         after = aftermath(scenario, case, run)
+        lies = [] if run.succeeded else [(judging.WRONG_WORD, text) for text in scenario.false_words(case, run)]
+        blocked = [(judging.BLOCKED, text) for text in scenario.other_way(case, self.vorlix)]
         again = tracing.run(scenario.command(case, self.vorlix), scenario.seconds, **case.options())
         after_again = aftermath(scenario, case, again)
         findings = judging.judge(expected, run, after, again, after_again, scenario.says_done(again))
         if again.succeeded:
             findings += [(judging.SILENT, text) for text in scenario.finish(case, self.vorlix)]
+        findings = judging.in_order([*findings, *lies, *blocked])
         call = str(run.chosen) if run.chosen else f"call {place}, which was not made"
         left_over = tuple(map(case.short, case.left_over())) if not findings else ()
         findings = tuple((verdict, case.short(text)) for verdict, text in findings)

@@ -58,6 +58,15 @@ class Scenario:
         """What is permanently lost, no matter how the command ended."""
         return []
 
+    def false_words(self, case, run):
+        """What the message of a failed command says and is not so."""
+        return []
+
+    def other_way(self, case, vorlix):
+        """Tries another way out than the same command again, and leaves everything as it was. Returns what goes wrong, as
+        texts."""
+        return []
+
     def says_done(self, run):
         """Returns whether a refusal says that the work is already done."""
         return False

@@ -11,9 +11,9 @@ WINDOWS_SIZE = (MAC[WINDOWS][1] - WINDOWS_FIRST + 1) * 512
 
 class ImageTest(images.CommandTest):
     def mac_image(self, name="mac.img", layout=None, **options):
-        """The image of a Mac with an NTFS volume at entry 3 whose hidden-sectors field is wrong."""
+        """The image of a Mac with an NTFS volume at entry 3 whose hidden-sectors field is wrong; its files are right."""
         path = tools.sgdisk_image(self.path(name), layout or MAC, **options)
-        tools.write_sparse(path, WINDOWS_FIRST * 512, tools.ntfs_volume(self.path("ntfs"), WINDOWS_SIZE))
+        tools.write_sparse(path, WINDOWS_FIRST * 512, tools.start_volume_for(path, WINDOWS, WINDOWS_SIZE))
         return path
 
     def expected_sector0(self, path, active, kind=None):

@@ -11,7 +11,7 @@ import tempfile
 import time
 import unittest
 
-from support import gpt, images
+from support import gpt, hive, images, volumes
 
 MAC_SIZE = 512 << 20
 # The layout of a Mac with a Windows partition, in blocks of 512 bytes: first, last and type of each entry.
@@ -95,6 +95,26 @@ def ntfs_volume(path, size, sector_size=512, start=63):
     images.run_tool("mkntfs", "-F", "-f", "-q", "-s", sector_size, "-p", start, "-H", "255", "-S", "63", path)
     with open(path, "rb") as file:
         return file.read()
+
+
+@functools.lru_cache(maxsize=None)
+def start_volume(size, sector_size, start, partition, disk):
+    """Bytes of an NTFS volume with a boot manager and a store that names the GUIDs (in on-disk byte order)."""
+    place = 8228  # of the element's data in the file
+    store = bytearray(hive.store_with_elements([place]))
+    element = hive.device_element(partition, disk)
+    store[place:place + len(element)] = element
+    path = os.path.join(templates().name, f"start{start_volume.cache_info().currsize}.ntfs")
+    volumes.make_ntfs(path, size, {"bootmgr": b"loader", "Boot/BCD": bytes(store)}, start=start, sector_size=sector_size)
+    with open(path, "rb") as file:
+        return file.read()
+
+
+def start_volume_for(disk, number, size, sector_size=512, start=63):
+    """The same for a GPT entry of a disk."""
+    header = gpt.read_at(disk, sector_size, 92)
+    entry = gpt.read_at(disk, int.from_bytes(header[72:80], "little") * sector_size + (number - 1) * 128, 128)
+    return start_volume(size, sector_size, start, entry[16:32], header[56:72])
 
 
 def fat_volume(path, size):

@@ -3,6 +3,7 @@
 
 import atexit
 import functools
+import glob
 import hashlib
 import os
 import shutil
@@ -63,10 +64,10 @@ def command_for_user(command):
 
 
 def copy_command(command, folder):
-    """Copies the command line and the folder tools/bin beside it. Returns the copy's path."""
-    companions = os.path.join(os.path.dirname(command), "tools")
-    if os.path.isdir(companions):
-        shutil.copytree(companions, os.path.join(folder, "tools"))
+    """Copies the command line, its modules and the folder tools/bin beside it. Returns the copy's path."""
+    for companions in (os.path.join(os.path.dirname(command), "tools"), *glob.glob(os.path.dirname(command) + "/vorlix-[0-9]*")):
+        if os.path.isdir(companions):
+            shutil.copytree(companions, os.path.join(folder, os.path.basename(companions)))
     return shutil.copy(command, folder)
 
 
@@ -153,11 +154,11 @@ def folder_tree(folder):
     return tree
 
 
-def make_ntfs(path, size, tree, start=2048):
+def make_ntfs(path, size, tree, start=2048, sector_size=512):
     """Makes a file with an NTFS volume by mkntfs, ntfs_mkdir and ntfscp, filled with a tree in the form of put_tree()."""
     with open(path, "wb") as volume:
         volume.truncate(size)
-    images.run_tool("mkntfs", "-F", "-f", "-q", "-p", start, "-H", "255", "-S", "63", path)
+    images.run_tool("mkntfs", "-F", "-f", "-q", "-s", sector_size, "-p", start, "-H", "255", "-S", "63", path)
     folders = {name for name, content in tree.items() if content is None}
     folders |= {os.path.dirname(name) for name, content in tree.items() if content is not None} - {""}
     environment = {**os.environ, "LC_ALL": "C.UTF-8"}
