@@ -21,13 +21,14 @@ PRODUCTS = {
 }
 HIVE = "Windows/System32/config/SOFTWARE"
 SETUP_LOG = "Windows/Panther/setupact.log"
-NOTHING = {"product": "", "edition": "", "currentBuildNumber": "", "buildLabEx": "", "bootenv": None}
+NOTHING = {"version": 1, "product": None, "edition": None, "currentBuildNumber": None, "buildLabEx": None, "bootenv": None}
 NO_LOG = "vorlix: the log /tmp/quandrel.log cannot be opened; continuing without it\n"
 
 
 def answer(release, bootenv=None):
     values = hives.RELEASES[release]
     return {
+        "version": 1,
         "product": PRODUCTS[release],
         "edition": values["EditionID"],
         "currentBuildNumber": values["CurrentBuildNumber"],

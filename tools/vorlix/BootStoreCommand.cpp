@@ -264,7 +264,7 @@ void addBootStoreCommand(Command& top, int& status) {
   command.addOption("--description", start->description, "Of Windows in the boot menu").showDefault().needs(source);
   const Option dryRun =
       command.addFlag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
-  command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun).excludes(source);
+  command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun);
   options->backup = addBackupOptions(command);
   command.addFlag("--force", options->force,
                   "Take a template that does not look like one for the mode, and a damaged GPT");
@@ -278,6 +278,7 @@ void addBootStoreCommand(Command& top, int& status) {
       start->disk = options->disk;
       start->partition = options->partition;
       start->dryRun = options->dryRun;
+      start->json = options->json;
       start->force = options->force;
       start->backup = options->backup;
       status = putWindowsStart(*start);

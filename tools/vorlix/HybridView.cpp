@@ -16,13 +16,13 @@
 namespace vorlix::tool {
 namespace {
 
-constexpr size_t kRowSize = 16;
+constexpr size_t kSectorRow = 16;
 constexpr size_t kDiskSignature = 440;
 constexpr size_t kHiddenSectors = 28;
 
-std::string rowText(const Sector& sector, size_t offset, const Field& unknown) {
+std::string sectorRowText(const Sector& sector, size_t offset, const Field& unknown) {
   std::string text;
-  for (size_t i = offset; i < offset + kRowSize; ++i) {
+  for (size_t i = offset; i < offset + kSectorRow; ++i) {
     const bool isUnknown = i >= unknown.offset && i < unknown.offset + unknown.size;
     if (i != offset) text += ' ';
     text += isUnknown ? "??" : hexByte(sector[i]);
@@ -33,9 +33,9 @@ std::string rowText(const Sector& sector, size_t offset, const Field& unknown) {
 // The rows of 16 bytes that differ, old above new. Bytes that will be random stand as "??".
 void printDifference(const std::string& title, const Sector& before, const Sector& after, const Field& unknown) {
   std::printf("\n%s\n", printable(title).c_str());
-  for (size_t offset = 0; offset < before.size(); offset += kRowSize) {
-    const std::string from = rowText(before, offset, {});
-    const std::string to = rowText(after, offset, unknown);
+  for (size_t offset = 0; offset < before.size(); offset += kSectorRow) {
+    const std::string from = sectorRowText(before, offset, {});
+    const std::string to = sectorRowText(after, offset, unknown);
     if (from == to) continue;
     std::printf("  %03zX  - %s\n       + %s\n", offset, from.c_str(), to.c_str());
   }

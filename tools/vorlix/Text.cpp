@@ -111,8 +111,8 @@ size_t fit(std::vector<size_t>& widths, const std::string& alignment) {
   return 1;
 }
 
-std::string rowText(const std::vector<std::string>& row, const std::vector<size_t>& widths,
-                    const std::string& alignment, size_t gap) {
+std::string tableRowText(const std::vector<std::string>& row, const std::vector<size_t>& widths,
+                         const std::string& alignment, size_t gap) {
   std::vector<std::vector<std::string>> cells;
   size_t height = 1;
   for (size_t i = 0; i < row.size(); ++i) {
@@ -232,7 +232,7 @@ std::string tableText(const std::vector<std::vector<std::string>>& rows, const s
   }
   const size_t gap = fit(widths, alignment);
   std::string text;
-  for (const auto& row : rows) text += rowText(row, widths, alignment, gap);
+  for (const auto& row : rows) text += tableRowText(row, widths, alignment, gap);
   return text;
 }
 
