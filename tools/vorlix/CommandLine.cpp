@@ -187,7 +187,8 @@ std::optional<int> CommandLine::run(int argc, const char* const* argv) {
     app_->parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     // A mistyped word is missing somewhere, too. Its own message says more.
-    const bool mayBeMistyped = error.get_name() == "ExtrasError" || error.get_name() == "RequiredError";
+    const auto kind = static_cast<CLI::ExitCodes>(error.get_exit_code());
+    const bool mayBeMistyped = kind == CLI::ExitCodes::ExtrasError || kind == CLI::ExitCodes::RequiredError;
     const std::string unknown = mayBeMistyped ? unknownWordText(*app_) : "";
     if (unknown.empty()) return app_->exit(error) == 0 ? kDone : kError;
     std::fputs(messageOf(unknown).c_str(), stderr);

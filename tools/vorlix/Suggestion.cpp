@@ -34,11 +34,13 @@ std::optional<std::string> suggestionFor(const std::string& typed, const std::ve
   if (letters < 2) return std::nullopt;
   const size_t limit = letters < 4 ? 1 : 2;
   std::optional<std::string> best;
-  size_t least = limit + 1;
+  size_t least = 2 * (limit + 1);
   for (const std::string& word : words) {
     const size_t steps = word.starts_with(typed) ? 1 : distance(typed, word);
-    if (steps >= least) continue;
-    least = steps;
+    // Of equally near words, people mean the one that begins like theirs.
+    const size_t penalty = 2 * steps + (word.front() == typed.front() ? 0 : 1);
+    if (penalty >= least) continue;
+    least = penalty;
     best = word;
   }
   return best;
