@@ -32,8 +32,10 @@ inline constexpr const char* kStandardInput = "-";
 /// A piece of data has at most so many bytes, however large the caller's buffer is.
 inline constexpr size_t kLargestPiece = size_t{4} << 20;
 
-/// A block map with more ranges is refused, so that memory stays bounded.
-inline constexpr size_t kMostBlockMapRanges = size_t{3} << 17;
+/// A block map with more ranges is refused, so that memory stays bounded: about 50 bytes for a range, which takes more
+/// in the file. A backup's has at least one for each 4 MiB in use, so these are enough for 16 TiB with two million
+/// gaps.
+inline constexpr size_t kMostBlockMapRanges = size_t{6} << 20;
 
 /// The files of a backup folder that a restore reads: the volume in zstd frames, and its block map.
 inline constexpr const char* kBackupVolume = "volume.img.zst";

@@ -8,16 +8,23 @@
 #include <exception>
 
 #include "BackupFiles.h"
-#include "BlockMap.h"
 #include "FramePipeline.h"
 #include "Layout.h"
 #include "Manifest.h"
+#include "library/ImageSource/BlockMap.h"
 
 namespace vorlix {
 namespace {
 
 constexpr uint64_t kLargestManifest = uint64_t{1} << 20;
 constexpr size_t kMostFindings = 16;
+
+std::string digitsOf(std::span<const uint8_t> bytes) {
+  constexpr const char* kLowerDigits = "0123456789abcdef";
+  std::string text;
+  for (const uint8_t byte : bytes) text += {kLowerDigits[byte >> 4], kLowerDigits[byte & 15]};
+  return text;
+}
 
 class Verification {
  public:
@@ -115,14 +122,13 @@ class Verification {
       compare(expected, image.size(), "");
       return;
     }
-    BackupMapReader map(pathOf(kMapFile));
-    if (!map.hasRightChecksum()) find(kMapFile, "has a wrong checksum");
-    if (map.imageSize() != manifest_.volumeSize) find(kMapFile, "is of a volume of another size");
-    if (map.imageSize() != manifest_.volumeSize) return;
+    if (!readMap()) {
+      compare(expected, image.size(), image.hash());
+      return;
+    }
     const std::vector<uint32_t> sizes = frameSizes(image);
     const auto hash = newBackupHash();
     uint64_t offset = 0;
-    pending_ = map.next();
     FramePipeline::run(
         sizes.size(),
         [&](FrameSlot& slot) {
@@ -134,7 +140,7 @@ class Verification {
           hash->add(frame);
           offset += slot.frameSize;
           slot.blockSize = static_cast<size_t>(std::min(kFrameSize, manifest_.volumeSize - slot.index * kFrameSize));
-          findRanges(map, slot);
+          findRanges(slot);
           report(slot);
         },
         [](FrameSlot& slot, BlockCoder& coder, BlockHash& blockHash) { checkFrame(slot, coder, blockHash); },
@@ -143,28 +149,41 @@ class Verification {
         });
     hash->add(table_);
     compare(expected, image.size(), hash->finish());
-    if (pending_ || ranges_ != manifest_.ranges || blocks_ != map.mappedBlocks() || bytes_ != manifest_.savedBytes) {
+    if (ranges_ != map_.ranges.size() || ranges_ != manifest_.ranges || bytes_ != manifest_.savedBytes) {
       find(kMapFile, "has other ranges than the manifest counts");
     }
   }
 
+  // @return false with a finding
+  bool readMap() {
+    ImageFailure failure;
+    auto map = readBlockMap(pathOf(kMapFile), failure);
+    if (!map) {
+      find(kMapFile, failure.reason);
+    } else if (map->hash != HashKind::sha256 || !map->isVerified()) {
+      find(kMapFile, "has ranges without SHA-256");
+    } else if (map->imageSize != manifest_.volumeSize) {
+      find(kMapFile, "is of a volume of another size");
+    } else {
+      map_ = *std::move(map);
+      return true;
+    }
+    return false;
+  }
+
   // The map's ranges of a frame; each lies within one.
-  void findRanges(BackupMapReader& map, FrameSlot& slot) {
+  void findRanges(FrameSlot& slot) {
     const uint64_t start = slot.index * kFrameSize;
     slot.ranges.clear();
     slot.hashes.clear();
-    while (pending_ && pending_->firstBlock * kMapBlock < start + slot.blockSize) {
-      const uint64_t first = pending_->firstBlock * kMapBlock;
-      const uint64_t end = std::min((pending_->lastBlock + 1) * kMapBlock, manifest_.volumeSize);
-      if (first < start || end > start + slot.blockSize) {
+    for (; ranges_ < map_.ranges.size() && map_.ranges[ranges_].offset < start + slot.blockSize; ++ranges_) {
+      const ImageRange& range = map_.ranges[ranges_];
+      if (range.offset < start || range.offset + range.length > start + slot.blockSize) {
         throw BackupError(pathOf(kMapFile), "has a range that is in two frames");
       }
-      slot.ranges.push_back({first - start, end - first});
-      slot.hashes.push_back(pending_->sha256);
-      ++ranges_;
-      blocks_ += pending_->lastBlock - pending_->firstBlock + 1;
-      bytes_ += end - first;
-      pending_ = map.next();
+      slot.ranges.push_back({range.offset - start, range.length});
+      slot.hashes.push_back(digitsOf(map_.hashOf(ranges_)));
+      bytes_ += range.length;
     }
   }
 
@@ -200,10 +219,9 @@ class Verification {
   std::vector<BackupFinding>& findings_;
   Manifest manifest_;
   std::vector<uint8_t> table_;
-  std::optional<MappedRange> pending_;
-  uint64_t ranges_ = 0;
-  uint64_t blocks_ = 0;
-  uint64_t bytes_ = 0;
+  BlockMap map_;
+  size_t ranges_ = 0;   // that were looked at
+  uint64_t bytes_ = 0;  // in them
 };
 
 }  // namespace

@@ -79,4 +79,7 @@ class BlockMapReader {
   std::vector<std::pair<HashKind, std::unique_ptr<RunningHash>>> running_;
 };
 
+/// Reads the block map in a file, plain. Absent with a `failure`.
+std::optional<BlockMap> readBlockMap(const std::string& path, ImageFailure& failure);
+
 }  // namespace vorlix

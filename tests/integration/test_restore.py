@@ -3,6 +3,7 @@
 
 import fcntl
 import gzip
+import hashlib
 import json
 import os
 import random
@@ -145,6 +146,24 @@ class Kinds(RestoreTest):
         samples.write(self.image, 600, b"damage")
         images.sparse_copy(self.untouched, self.disk)
         self.restore(self.image, expect=2, saying=["vorlix restore --resume"])
+
+    def test_a_block_map_of_more_ranges_than_a_large_volume_has_frames(self):
+        """Backups have a range for each frame of 4 MiB at least: 400 001 of them are 1.6 TiB."""
+        ranges = 400_001
+        large = self.path("large.img")
+        with open(large, "xb") as file:
+            file.truncate(ranges * 512)
+        lines = "".join(f"        <Range> {number} </Range>\n" for number in range(ranges))
+        text = (f'<?xml version="1.0" ?>\n<bmap version="2.0">\n    <ImageSize> {ranges * 512} </ImageSize>\n'
+                f"    <BlockSize> 512 </BlockSize>\n    <BlocksCount> {ranges} </BlocksCount>\n"
+                f"    <MappedBlocksCount> {ranges} </MappedBlocksCount>\n    <ChecksumType> sha256 </ChecksumType>\n"
+                f"    <BmapFileChecksum> {64 * '0'} </BmapFileChecksum>\n    <BlockMap>\n{lines}    </BlockMap>\n</bmap>\n")
+        text = text.replace(64 * "0", hashlib.sha256(text.encode()).hexdigest())
+        self.file("large.img.bmap", text.encode())
+        disk = self.path("large.disk")
+        samples.make_disk(disk, 40960 + 401_000 + 64, [EFI, Slice(3, 40960, 400_128, samples.BASIC_DATA, "BOOTCAMP")])
+        self.give(disk)
+        self.restore(large, "--dry-run", "--force", disk=disk, expect=1, saying=["Dry run", "204.80 MB"])
 
     def assert_restored_where_mapped(self):
         self.assertEqual(samples.read(self.disk, WINDOWS.first * 512, 512), self.expected_volume()[:512])
