@@ -167,10 +167,12 @@ void printLinesJson(const std::string& path, const std::string& text) {
 
 void showLog(const LogOptions& options) {
   const std::string path = logFilePath();
-  if (!canOpenLog()) complain(path + ": nothing that you run is logged here, because you may not write to it");
   std::string text;
   LogView view(options.json ? &text : nullptr);
   auto file = LogFile::open(path);
+  if (file && access(path.c_str(), W_OK) != 0) {
+    complain(path + ": nothing that you run is logged here, because you may not write to it");
+  }
   if (file) {
     file->seekLastLines(options.lines);
     file->showRest(view);
