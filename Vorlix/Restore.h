@@ -26,6 +26,10 @@ struct RestorePlan {
   DiskChange structures;  ///< `before` is what the devices have now; the first device is the volume, and has a run at 0
   ChangeBackup backup;
   uint32_t image = 0;  ///< the image of a WIM, so that a resumed restore applies the same; 0 for other sources
+
+  /// What the caller does once the volume is whole, before anything outside of it is written: it puts start files on
+  /// another volume. A word of the caller's, which the journal keeps for a resumed restore; empty for nothing.
+  std::string between;
 };
 
 struct RestoreProgress {
@@ -41,6 +45,7 @@ using RestoreObserver = std::function<bool(const RestoreProgress&)>;
 struct RestoreResult {
   enum class End {
     done,       ///< everything is on the medium
+    paused,     ///< the volume is on the medium; now is the time for what the plan has `between`, then finishRestore()
     cancelled,  ///< the observer has said so; the journal is there
     failed
   };
@@ -50,7 +55,8 @@ struct RestoreResult {
   std::string kept;      ///< folder of the backup of the structures; empty if there is none
   uint64_t size = 0;     ///< bytes of the volume that are on the medium
   bool isBlank = false;  ///< of one that is not done: the volume has no boot sector, so nothing takes it for whole
-  bool isCompared = false;  ///< of one that is done: all of its content was read back and compared
+  bool isCompared = false;           ///< of one that is done: all of its content was read back and compared
+  std::unique_ptr<LongChange> rest;  ///< of a paused one: its journal, for finishRestore()
 };
 
 /// Restores a volume. `source` is at its beginning.
@@ -65,6 +71,14 @@ VORLIX_EXPORT RestoreResult restoreVolume(ImageSource& source, const RestorePlan
 VORLIX_EXPORT RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& source,
                                           const std::vector<std::shared_ptr<DeviceHandle>>& handles, bool compare,
                                           const RestoreObserver& observer);
+
+/// Finishes a paused restore: writes the structures outside of the volume. Between the pause and this call, the handles
+/// may be closed. While the journal is open, this process may change other volumes of the disk, and no other process
+/// may.
+/// @param paused   the result of the pause
+/// @param handles  as for resumeRestore()
+VORLIX_EXPORT RestoreResult finishRestore(RestoreResult paused,
+                                          const std::vector<std::shared_ptr<DeviceHandle>>& handles);
 
 /// Gives an interrupted restore up: restores the structures. What was overwritten of the volume's content is lost.
 /// @param handles  as for resumeRestore()

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # Installs what a host needs: both libraries, the simulated machine, headers, a CMake package and a pkg-config file.
-# Components, as packages have them: command, library (what runs), development.
+# Components, as packages have them: command, library (what runs), wim (the module that is linked with libwim), development.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS vorlix_headers vorlix_shared vorlix_simulated EXPORT VorlixTargets
@@ -10,6 +10,10 @@ install(TARGETS vorlix_static EXPORT VorlixStaticTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 if(TARGET vorlix_signing)
   get_property(modules GLOBAL PROPERTY VORLIX_MODULE_TARGETS)
+  if(TARGET vorlix_applying)  # a package of its own, because of the licence of libwim (docs/architecture.md)
+    list(REMOVE_ITEM modules vorlix_applying)
+    install(TARGETS vorlix_applying LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/${VORLIX_MODULE_FOLDER} COMPONENT wim)
+  endif()
   install(TARGETS ${modules}
           LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/${VORLIX_MODULE_FOLDER} COMPONENT library)
 endif()

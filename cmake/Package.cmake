@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# Packages in Debian's form: `cpack` in a build folder of the preset "package" writes vorlix, libvorlix1 and libvorlix-dev.
+# Packages in Debian's form: `cpack` in a build folder of the preset "package" writes vorlix, libvorlix1, libvorlix1-wim and libvorlix-dev.
 # scripts/packages builds them with the distribution's compiler options, checks them and uses them in a bare system.
 if(APPLE)
   return()  # there it is Homebrew: packaging/homebrew/vorlix.rb
@@ -46,14 +46,27 @@ set(CPACK_DEBIAN_LIBRARY_DESCRIPTION "disk and boot library for Windows on Mac h
 ${about}
 This package has the shared library, its modules and its companion programs.")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_RECOMMENDS mtools)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_SUGGESTS ${library_package}-wim)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 # CPack writes scripts that call ldconfig for packages with libraries, unless they bring scripts of these names. Debian
 # wants the trigger alone; scripts that do not exist are left out.
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/triggers ${PROJECT_BINARY_DIR}/debian/postinst
-    ${PROJECT_BINARY_DIR}/debian/postrm)
+set(no_scripts ${PROJECT_BINARY_DIR}/debian/postinst ${PROJECT_BINARY_DIR}/debian/postrm)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/triggers ${no_scripts})
+set(CPACK_DEBIAN_WIM_PACKAGE_CONTROL_EXTRA ${no_scripts})
 configure_file(packaging/debian/libvorlix1.triggers ${PROJECT_BINARY_DIR}/debian/triggers COPYONLY)
+
+if(TARGET vorlix_applying)
+  list(APPEND CPACK_COMPONENTS_ALL wim)
+endif()
+set(CPACK_DEBIAN_WIM_PACKAGE_NAME ${library_package}-wim)
+set(CPACK_DEBIAN_WIM_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_WIM_DESCRIPTION "disk and boot library for Windows on Mac hardware (WIM files)
+${about}
+This package has the module that applies the images of WIM files. It is linked
+with libwim, so that the two together are under the GPL.")
+set(CPACK_DEBIAN_WIM_PACKAGE_DEPENDS "${library_package} (= ${VORLIX_DEBIAN_VERSION}), ntfs-3g")  # whose mkntfs it runs
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvorlix-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -68,7 +81,7 @@ string(CONCAT CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS  # to link the static li
 # What Debian wants in each package and other installations do not have.
 configure_file(packaging/debian/changelog.in ${PROJECT_BINARY_DIR}/debian/changelog @ONLY)
 find_program(VORLIX_GZIP gzip)
-foreach(name PROJECT_SOURCE_DIR PROJECT_BINARY_DIR VORLIX_GZIP library_package)
+foreach(name PROJECT_SOURCE_DIR PROJECT_BINARY_DIR VORLIX_GZIP)
   set(CPACK_${name} ${${name}})
 endforeach()
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/DebianFiles.cmake)

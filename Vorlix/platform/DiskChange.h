@@ -93,11 +93,10 @@ VORLIX_EXPORT std::vector<InterruptedChange> interruptedChanges(DeviceHandle& de
 /// name.
 ///
 /// Fails while the process that began a change still runs, and if the bytes on the disk are neither those before nor
-/// those after the change, because somebody else wrote there meanwhile.
+/// those after the change, because somebody else wrote there meanwhile. A long change that this process has open
+/// (LongChange.h) is left alone.
 /// @param finished  receives the titles of the changes that were finished.
-/// @param except    folder of a journal that is left alone: that of the change that the caller is about to go on with
 VORLIX_EXPORT std::optional<ChangeFailure> settleInterruptedChanges(const std::string& name, DeviceHandle& device,
-                                                                    std::vector<std::string>& finished,
-                                                                    const std::string& except = "");
+                                                                    std::vector<std::string>& finished);
 
 }  // namespace vorlix

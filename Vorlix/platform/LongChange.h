@@ -32,10 +32,11 @@ struct ContentPiece {
 
 /// Where the content comes from, and which device it overwrites.
 struct ContentOrigin {
-  std::string source;  ///< what the user named; absolute path of a file
-  std::string start;   ///< SHA-256 of the first bytes of the volume, or of a WIM, to recognise the source
-  size_t device = 0;   ///< index of the device among those of the change
-  uint32_t image = 0;  ///< which image of a WIM; 0 for other sources
+  std::string source;   ///< what the user named; absolute path of a file
+  std::string start;    ///< SHA-256 of the first bytes of the volume, or of a WIM, to recognise the source
+  size_t device = 0;    ///< index of the device among those of the change
+  uint32_t image = 0;   ///< which image of a WIM; 0 for other sources
+  std::string between;  ///< what is done when the content is complete, before the structures of other devices
 };
 
 /// The journal of such a change, locked for this process while the object lives.
@@ -59,7 +60,8 @@ class VORLIX_EXPORT LongChange {
   /// Forgets all pieces: the content is written anew.
   virtual std::optional<ChangeFailure> restart() = 0;
 
-  /// The change is complete and on the medium: the journal becomes a backup, or is removed.
+  /// The change is complete and on the medium: the journal becomes a backup, or is removed. If it cannot become one, it
+  /// stays as it was.
   /// @param kept  receives the folder of the backup; empty if there is none.
   virtual std::optional<ChangeFailure> finish(std::string& kept) = 0;
 
@@ -77,7 +79,8 @@ VORLIX_EXPORT std::optional<ChangeFailure> beginLongChange(const DiskChange& str
 VORLIX_EXPORT std::unique_ptr<LongChange> openLongChange(const std::string& folder,
                                                          std::optional<ChangeFailure>& failure);
 
-/// Returns the folders of this user's interrupted changes of this kind, oldest first.
+/// Returns the folders of this user's interrupted changes of this kind, oldest first. One that this process has open is
+/// not interrupted.
 VORLIX_EXPORT std::vector<std::string> interruptedLongChanges();
 
 }  // namespace vorlix

@@ -56,6 +56,37 @@ std::optional<uint64_t> sizeOf(const ImageSource& source) {
   return facts.volume ? std::optional(facts.volume->size()) : std::nullopt;
 }
 
+// Writes structures of the plan, over whatever is there now.
+// @param device  index of the only device that is written to; absent for all
+std::optional<ChangeFailure> writeStructures(const LongChange& journal,
+                                             const std::vector<std::shared_ptr<DeviceHandle>>& handles,
+                                             std::optional<size_t> only) {
+  DiskChange change = {journal.structures().title, {}};
+  for (size_t i = 0; i < handles.size(); ++i) {
+    if (only && *only != i) continue;
+    DeviceChange& device = change.devices.emplace_back(journal.structures().devices[i]);
+    device.handle = handles[i];
+    for (ByteChange& run : device.bytes) {
+      const ssize_t got = device.handle->readAt(run.before.data(), run.before.size(), run.offset);
+      if (got == static_cast<ssize_t>(run.before.size())) continue;
+      const std::string reason = got < 0 ? SystemError{errno}.reason() : "the device ends too early";
+      return ChangeFailure{device.device, "at byte " + std::to_string(run.offset) + ": " + reason, ""};
+    }
+  }
+  auto failure = applyChange(change);
+  // "Nothing was written" is true of the structures, but not of the volume.
+  if (failure && failure->state == kNothingWritten) failure->state = "";
+  return failure;
+}
+
+// The journal becomes a backup. If that fails, it may still be there.
+std::optional<ChangeFailure> finishJournal(LongChange& journal, RestoreResult& result) {
+  const std::string folder = journal.folder();
+  auto failure = journal.finish(result.kept);
+  result.journal = failure && journal.folder() == folder ? folder : "";
+  return failure;
+}
+
 class Run {
  public:
   Run(LongChange& journal, ImageSource& source, std::vector<std::shared_ptr<DeviceHandle>> handles,
@@ -74,30 +105,37 @@ class Run {
 
   RestoreResult run(bool compare) {
     RestoreResult result;
-    const std::string folder = journal_.folder();
+    result.journal = journal_.folder();
     std::optional<ChangeFailure> failure;
     try {
-      failure = runSteps(compare, result.kept);
+      failure = runSteps(compare, result);
     } catch (const std::exception& error) {  // no memory, or no thread
       failure = {name_, error.what(), ""};
     }
     if (failure) result.failure = *failure;
-    if (!failure) result.end = isCancelled_ ? RestoreResult::End::cancelled : RestoreResult::End::done;
-    if (!isJournalGone_) result.journal = folder;
-    if (result.end != RestoreResult::End::done) result.isBlank = isBlank();
+    if (!failure) result.end = endOfRun();
+    if (isJournalGone_) result.journal.clear();
+    const bool isWhole = result.end == RestoreResult::End::done || result.end == RestoreResult::End::paused;
+    if (!isWhole) result.isBlank = isBlank();
     result.size = position_;
-    result.isCompared = isCompared_ && result.end == RestoreResult::End::done;
+    result.isCompared = isCompared_ && isWhole;
     return result;
   }
 
  private:
-  std::optional<ChangeFailure> runSteps(bool compare, std::string& kept) {
+  RestoreResult::End endOfRun() const {
+    if (isCancelled_) return RestoreResult::End::cancelled;
+    return journal_.origin().between.empty() ? RestoreResult::End::done : RestoreResult::End::paused;
+  }
+
+  std::optional<ChangeFailure> runSteps(bool compare, RestoreResult& result) {
     std::optional<ChangeFailure> failure = write(compare);
     if (!failure && !isCancelled_ && compare) failure = this->compare();
-    if (!failure && !isCancelled_) failure = writeStructures();
     if (failure || isCancelled_) return failure;
-    isJournalGone_ = true;  // also if its backup cannot be kept
-    return journal_.finish(kept);
+    const ContentOrigin& origin = journal_.origin();
+    if (!origin.between.empty()) return writeStructures(journal_, handles_, origin.device);
+    failure = writeStructures(journal_, handles_, std::nullopt);
+    return failure ? failure : finishJournal(journal_, result);
   }
 
   ChangeFailure failureAt(uint64_t offset, const std::string& reason) const {
@@ -297,23 +335,6 @@ class Run {
     return finishCheck();
   }
 
-  // The structures of the plan, over whatever is there now.
-  std::optional<ChangeFailure> writeStructures() {
-    DiskChange change = journal_.structures();
-    for (size_t i = 0; i < change.devices.size(); ++i) {
-      DeviceChange& device = change.devices[i];
-      device.handle = handles_[i];
-      for (ByteChange& run : device.bytes) {
-        const ssize_t got = device.handle->readAt(run.before.data(), run.before.size(), run.offset);
-        if (got != static_cast<ssize_t>(run.before.size())) return errorAt(run.offset, got);
-      }
-    }
-    auto failure = applyChange(change);
-    // "Nothing was written" is true of the structures, but not of the volume.
-    if (failure && failure->state == kNothingWritten) failure->state = "";
-    return failure;
-  }
-
   LongChange& journal_;
   ImageSource& source_;
   std::vector<std::shared_ptr<DeviceHandle>> handles_;
@@ -336,16 +357,23 @@ RestoreResult failed(ChangeFailure failure) {
   return result;
 }
 
+RestoreResult runOf(std::unique_ptr<LongChange> journal, ImageSource& source,
+                    std::vector<std::shared_ptr<DeviceHandle>> handles, bool compare, const RestoreObserver& observer) {
+  RestoreResult result = Run(*journal, source, std::move(handles), observer).run(compare);
+  if (result.end == RestoreResult::End::paused) result.rest = std::move(journal);
+  return result;
+}
+
 }  // namespace
 
 RestoreResult restoreVolume(ImageSource& source, const RestorePlan& plan, bool compare,
                             const RestoreObserver& observer) {
   std::unique_ptr<LongChange> journal;
-  const ContentOrigin origin = {plan.source, hashOfStart(source), 0, plan.image};
+  const ContentOrigin origin = {plan.source, hashOfStart(source), 0, plan.image, plan.between};
   if (auto failure = beginLongChange(plan.structures, origin, plan.backup, journal)) return failed(*std::move(failure));
   std::vector<std::shared_ptr<DeviceHandle>> handles;
   for (const DeviceChange& device : plan.structures.devices) handles.push_back(device.handle);
-  return Run(*journal, source, std::move(handles), observer).run(compare);
+  return runOf(std::move(journal), source, std::move(handles), compare, observer);
 }
 
 RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& source,
@@ -362,7 +390,17 @@ RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& so
     result.journal = journal->folder();
     return result;
   }
-  return Run(*journal, source, handles, observer).run(compare);
+  return runOf(std::move(journal), source, handles, compare, observer);
+}
+
+RestoreResult finishRestore(RestoreResult paused, const std::vector<std::shared_ptr<DeviceHandle>>& handles) {
+  RestoreResult result = std::move(paused);
+  const std::unique_ptr<LongChange> journal = std::move(result.rest);
+  auto failure = writeStructures(*journal, handles, std::nullopt);
+  if (!failure) failure = finishJournal(*journal, result);
+  result.end = failure ? RestoreResult::End::failed : RestoreResult::End::done;
+  if (failure) result.failure = *std::move(failure);
+  return result;
 }
 
 std::optional<ChangeFailure> abandonRestore(std::unique_ptr<LongChange> journal,

@@ -388,6 +388,7 @@ std::vector<InterruptedChange> interruptedChanges(DeviceHandle& device) {
   const auto identity = device.identity();
   if (!identity) return found;
   for (const std::string& folder : journalsInStateFolder()) {
+    if (isOpenLongChange(folder)) continue;
     std::optional<ChangeFailure> failure;
     const auto journal = Journal::open(folder, failure);
     if (!journal && isStillThere(folder)) found.push_back({"of a journal that cannot be read", folder, false});
@@ -398,11 +399,11 @@ std::vector<InterruptedChange> interruptedChanges(DeviceHandle& device) {
 }
 
 std::optional<ChangeFailure> settleInterruptedChanges(const std::string& name, DeviceHandle& device,
-                                                      std::vector<std::string>& finished, const std::string& except) {
+                                                      std::vector<std::string>& finished) {
   const auto identity = device.identity();
   if (!identity) return ChangeFailure{name, SystemError{errno}.reason(), kNothingWritten};
   for (const std::string& folder : journalsInStateFolder()) {
-    if (folder == except) continue;
+    if (isOpenLongChange(folder)) continue;
     std::optional<ChangeFailure> damaged;
     const auto journal = Journal::open(folder, damaged);
     if (!journal && isStillThere(folder)) {

@@ -128,6 +128,10 @@ std::optional<ChangeFailure> Journal::finish() {
   auto failure = makeBackupsFolder(backups);
   const std::string kept = backups + "/" + fs::path(folder_).filename().string();
   if (!failure && rename(folder_.c_str(), kept.c_str()) != 0) failure = journalFailure(backups, errno);
+  if (failure && manifest_.content) {  // it stays what it was, from which the restore can still be given up
+    failure->state = "everything is written, but the journal could not become a backup";
+    return failure;
+  }
   if (failure) {
     remove();
     failure->state = "the change is made, but there is no backup to undo it with";

@@ -41,6 +41,9 @@ std::vector<std::string> backupsInStateFolder();
 /// Removes the oldest backups in the state folder if there are more than 150, so that 100 are left.
 void removeOldBackups();
 
+/// Returns whether this process has a long change with that journal open: it may then write to the disk besides.
+bool isOpenLongChange(const std::string& folder);
+
 /// Returns whether a folder is a journal that is neither being written nor being removed.
 bool isCompleteJournal(const std::string& folder);
 

@@ -45,6 +45,7 @@ Json jsonOf(const std::optional<JournalContent>& content) {
   if (!content) return {};
   Json json = {{"source", content->source}, {"start", content->start}, {"device", content->device}};
   if (content->image != 0) json["image"] = content->image;
+  if (!content->between.empty()) json["between"] = content->between;
   return json;
 }
 
@@ -138,7 +139,8 @@ std::optional<JournalManifest> parseManifest(const std::string& text, uint64_t l
     }
     if (const Json& content = json.at("content"); !content.is_null()) {
       manifest.content = {content.at("source").get<std::string>(), content.at("start").get<std::string>(),
-                          content.at("device").get<size_t>(), content.value("image", uint32_t{0})};
+                          content.at("device").get<size_t>(), content.value("image", uint32_t{0}),
+                          content.value("between", std::string())};
       if (manifest.content->device >= manifest.devices.size()) return std::nullopt;
     }
   } catch (const nlohmann::json::exception&) {

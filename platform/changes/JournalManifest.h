@@ -41,9 +41,10 @@ struct JournalFile {
 /// Content that is written from a source and is not in the journal itself.
 struct JournalContent {
   std::string source;
-  std::string start;   ///< SHA-256 of the first bytes of the volume, hexadecimal
-  size_t device = 0;   ///< index into the journal's devices
-  uint32_t image = 0;  ///< of a WIM; 0 for other sources
+  std::string start;    ///< SHA-256 of the first bytes of the volume, hexadecimal
+  size_t device = 0;    ///< index into the journal's devices
+  uint32_t image = 0;   ///< of a WIM; 0 for other sources
+  std::string between;  ///< a word of the program's; usually empty
 };
 
 struct JournalManifest {

@@ -15,6 +15,8 @@
 #include <charconv>
 #include <cstring>
 #include <fstream>
+#include <mutex>
+#include <set>
 #include <sstream>
 #include <utility>
 
@@ -41,13 +43,34 @@ bool readLine(const std::string& line, uint64_t expectedOffset, ContentPiece& pi
   return piece.hash.size() == kHashDigits;
 }
 
+// The folders of the changes that this process has open.
+struct OpenChanges {
+  std::mutex mutex;
+  std::multiset<std::string> folders;
+};
+
+OpenChanges& openChanges() {
+  static OpenChanges changes;
+  return changes;
+}
+
 class JournalledLongChange final : public LongChange {
  public:
   JournalledLongChange(std::unique_ptr<Journal> journal, DiskChange structures)
-      : journal_(std::move(journal)), structures_(std::move(structures)) {
+      : journal_(std::move(journal)), structures_(std::move(structures)), opened_(journal_->folder()) {
     const JournalContent& content = *journal_->manifest().content;
-    origin_ = {content.source, content.start, content.device, content.image};
+    origin_ = {content.source, content.start, content.device, content.image, content.between};
+    OpenChanges& changes = openChanges();
+    const std::lock_guard<std::mutex> guard(changes.mutex);
+    changes.folders.insert(opened_);
   }
+  ~JournalledLongChange() override {
+    OpenChanges& changes = openChanges();
+    const std::lock_guard<std::mutex> guard(changes.mutex);
+    changes.folders.erase(changes.folders.find(opened_));
+  }
+  JournalledLongChange(const JournalledLongChange&) = delete;
+  JournalledLongChange& operator=(const JournalledLongChange&) = delete;
 
   const std::string& folder() const override { return journal_->folder(); }
   const ContentOrigin& origin() const override { return origin_; }
@@ -111,6 +134,7 @@ class JournalledLongChange final : public LongChange {
  private:
   std::unique_ptr<Journal> journal_;
   DiskChange structures_;
+  std::string opened_;  // the folder under which it is known as open
   ContentOrigin origin_;
   std::vector<ContentPiece> pieces_;
   std::string copy_;
@@ -133,7 +157,7 @@ std::optional<ChangeFailure> beginLongChange(const DiskChange& structures, const
       if (auto failure = writer->add(index, run.offset, run.before, run.after, run.reason)) return failure;
     }
   }
-  writer->setContent({origin.source, origin.start, origin.device, origin.image});
+  writer->setContent({origin.source, origin.start, origin.device, origin.image, origin.between});
   std::unique_ptr<Journal> journal;
   if (auto failure = writer->commit(journal)) return failure;
   auto begun = std::make_unique<JournalledLongChange>(std::move(journal), structures);
@@ -172,12 +196,18 @@ std::unique_ptr<LongChange> openLongChange(const std::string& folder, std::optio
   return change;
 }
 
+bool isOpenLongChange(const std::string& folder) {
+  OpenChanges& changes = openChanges();
+  const std::lock_guard<std::mutex> guard(changes.mutex);
+  return changes.folders.contains(folder);
+}
+
 std::vector<std::string> interruptedLongChanges() {
   std::vector<std::string> found;
   for (const std::string& folder : journalsInStateFolder()) {
     std::optional<ChangeFailure> failure;
     const auto journal = Journal::open(folder, failure);
-    if (journal && journal->manifest().content) found.push_back(folder);
+    if (journal && journal->manifest().content && !isOpenLongChange(folder)) found.push_back(folder);
   }
   return found;
 }

@@ -7,7 +7,7 @@ import os
 import struct
 import unittest
 
-from support import boot_stores, hive, hives, images, samples, tools, volumes
+from support import boot_stores, firmware, gpt, hive, hives, images, samples, tools, volumes
 from test_boot_store import identifiers
 
 MISSING = volumes.missing("sgdisk", "sfdisk", "blkid", "mkfs.vfat", "fsck.vfat", "mmd", "mcopy", "mtype", "mdir",
@@ -166,8 +166,7 @@ def files_of(tree):
     return {path: content for path, content in tree.items() if content is not None}
 
 
-@unittest.skipIf(MISSING, f"not installed: {MISSING}")
-class FromWindows(volumes.VolumeTest):
+class BootFilesTest(volumes.VolumeTest):
     OFFSET = volumes.WINDOWS.first * samples.SECTOR
 
     def setUp(self):
@@ -305,6 +304,9 @@ class FromWindows(volumes.VolumeTest):
         self.assertEqual(objects, self.expected_store(objects, *self.gpt_devices(disk), "EFI"))
         self.assert_sound(disk)
 
+
+@unittest.skipIf(MISSING, f"not installed: {MISSING}")
+class FromWindows(BootFilesTest):
     def test_an_empty_system_partition_gets_everything(self):
         disk = self.disk()
         outside = volumes.hash_outside_efi(disk)
@@ -453,14 +455,34 @@ class FromWindows(volumes.VolumeTest):
         self.refuse(disk, "no disk signature", options=["--firmware", "bios"])
 
 
+@unittest.skipIf(MISSING or firmware.missing(), f"not installed: {MISSING} {firmware.missing()}")
+class ByFirmware(BootFilesTest):
+    """EFI firmware starts what was copied: here a program of our own in the place of the boot manager, which finds the
+    partitions that the devices of the store name."""
+
+    def test_the_store_leads_to_both_partitions(self):
+        self.tree["Windows/Boot/EFI/bootmgfw.efi"] = firmware.make_store_reader(self.folder)
+        disk = self.disk()
+        self.vorlix_ok(*self.command(disk))
+        lines = firmware.start(disk, self.folder)
+        expected = []
+        for part, count in ((volumes.EFI, 2), (volumes.WINDOWS, 4)):  # manager and tester; loader and resume object
+            guids = identifiers(disk, part.number)
+            names = gpt.guid_text(guids["P"]), gpt.guid_text(guids["D"])
+            line = f"store names partition {names[0]} of disk {names[1]}: found, {part.sectors} blocks from {part.first}"
+            expected += [line] * count
+        self.assertEqual(sorted(lines), sorted(expected))
+
+
 @unittest.skipUnless(volumes.IS_ROOT, "needs root")
 class FromWindowsAsRoot(FromWindows):
     AS_ROOT = True
 
+    # What needs root is the making of the NTFS volumes.
     NO_NTFS = volumes.missing("mkntfs", "ntfs-3g", "umount", "losetup")
 
-    @unittest.skipIf(NO_NTFS, f"not installed: {NO_NTFS}")
-    def test_a_windows_on_ntfs_that_a_driver_has_mounted(self):
+    def ntfs_disk(self, run=lambda disk: None):
+        """A disk whose Windows volume is NTFS. Calls `run` while a driver has the volume mounted."""
         disk = self.disk()
         volume = self.path("ntfs.img")
         with open(volume, "wb") as file:
@@ -478,11 +500,22 @@ class FromWindowsAsRoot(FromWindows):
                     else:
                         with open(os.path.join(folder, path), "wb") as file:
                             file.write(content)
-                result = self.vorlix_ok(*self.command(disk))
-                self.assertIn("written", result.stdout)
+                run(disk)
             finally:
                 tools.unmount(folder)
+        return disk
+
+    @unittest.skipIf(NO_NTFS, f"not installed: {NO_NTFS}")
+    def test_a_windows_on_ntfs_that_a_driver_has_mounted(self):
+        self.assert_efi_start(self.ntfs_disk(lambda disk: self.vorlix_ok(*self.command(disk))))
+
+    @unittest.skipIf(NO_NTFS, f"not installed: {NO_NTFS}")
+    def test_a_windows_on_ntfs_that_is_not_mounted(self):
+        disk = self.ntfs_disk()
+        outside = volumes.hash_outside_efi(disk)
+        self.vorlix_ok(*self.command(disk))
         self.assert_efi_start(disk)
+        self.assertEqual(volumes.hash_outside_efi(disk), outside)
 
 
 if __name__ == "__main__":

@@ -425,9 +425,8 @@ class Interrupted(WimTest):
         with open(os.path.join(tree, "more"), "wb") as file:
             file.write(random.Random(23).randbytes(24 * MIB))
         wim = self.path("more.wim")
-        images.run_tool("wimcapture", tree, wim, "One", "--solid")
-        images.run_tool("wimcapture", tree, self.path("second.wim"), "Two", "--solid")
-        images.run_tool("wimexport", self.path("second.wim"), "1", wim)
+        images.run_tool("wimcapture", tree, wim, "One", "--compress=XPRESS")
+        images.run_tool("wimappend", tree, wim, "Two")
         os.chmod(wim, 0o644)
         process = self.start(wim, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         while process.poll() is None and "scratch" not in "".join(self.open_files(process.pid)):

@@ -5,6 +5,7 @@
 #include <Vorlix/platform/HostBundle.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/VolumeMirrors.h>
+#include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include <gtest/gtest.h>
 
 #include <dirent.h>
@@ -13,9 +14,11 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <random>
+#include <sstream>
 
 #include "Commands.h"
 #include "platform/linux/NtfsReader.h"
@@ -28,8 +31,7 @@ using vorlix::test::run;
 using vorlix::test::TemporaryFolder;
 using Bytes = std::vector<uint8_t>;
 
-constexpr uint64_t kStart = uint64_t{20520} * 512;  // of slice 3 of makeMacImage()
-constexpr uint64_t kSize = uint64_t{40960} * 512;
+constexpr uint64_t kSize = uint64_t{40960} * 512;  // of slice 3 of makeMacImage()
 
 /// The companion program of the build, or another in its place.
 class OneCompanion final : public vorlix::HostBundle {
@@ -44,8 +46,9 @@ class OneCompanion final : public vorlix::HostBundle {
 };
 
 std::string bytesOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  std::ostringstream content;
+  content << std::ifstream(path, std::ios::binary).rdbuf();
+  return content.str();
 }
 
 void write(const std::string& path, const std::string& content) {
@@ -150,11 +153,11 @@ class UnmountedNtfs : public testing::Test {
 
 TEST_F(UnmountedNtfs, FilesAndFoldersOfASliceAreReadAndNothingIsWritten) {
   makeVolume();
-  const std::string before = bytesOf(image_);
+  const std::string before = run("sha256sum '" + image_ + "'");
   const size_t descriptors = openDescriptors();
   expectContent();
   EXPECT_EQ(openDescriptors(), descriptors);
-  EXPECT_TRUE(bytesOf(image_) == before);
+  EXPECT_EQ(run("sha256sum '" + image_ + "'"), before);
   for (const char* const path : {"bootmgr", "Windows/System32/config/SOFTWARE"}) {
     EXPECT_EQ(
         run("ntfscat '" + volume_ + "' " + path + " | sha256sum"),
@@ -296,7 +299,7 @@ TEST_F(UnmountedNtfs, DamagedVolumesAreReadOrRefused) {
   for (int number = 0; number < 400; ++number) {
     std::string bytes = sound;
     if (number % 8 == 0) bytes.resize(random() % bytes.size() / 512 * 512 + 512);
-    for (size_t i = 0; number % 8 != 0 && i < 1U + number % 40; ++i) {
+    for (size_t i = 0; number % 8 != 0 && i < size_t{1} + static_cast<size_t>(number) % 40; ++i) {
       const size_t at = number % 8 == 1 ? random() % 90 : places[random() % places.size()] + random() % 1024;
       bytes[at] = number % 2 == 0 ? static_cast<char>(random()) : static_cast<char>(bytes[at] ^ (1 << random() % 8));
     }

@@ -41,15 +41,14 @@ std::shared_ptr<DeviceHandle> openToLook(const std::string& device, DeviceLock l
   return handle;
 }
 
-std::shared_ptr<DeviceHandle> openToChange(const std::string& device, const DiskTables* around,
-                                           const std::string& ownJournal) {
+std::shared_ptr<DeviceHandle> openToChange(const std::string& device, const DiskTables* around) {
   DeviceFile& files = *platform().deviceFile;
   std::shared_ptr<DeviceHandle> handle = files.open(device, DeviceAccess::readWrite, DeviceLock::exclusive);
   if (!handle) handle = files.open(device, DeviceAccess::readWrite, DeviceLock::shared);
   if (!handle) failToOpen(device, errno);
   mentionLostHeader(device, *handle, around);
   std::vector<std::string> finished;
-  const auto failure = settleInterruptedChanges(device, *handle, finished, ownJournal);
+  const auto failure = settleInterruptedChanges(device, *handle, finished);
   for (const std::string& title : finished) {
     finishedOne = true;
     std::printf("Finished   %s, which was cut off earlier\n", printable(title).c_str());

@@ -22,9 +22,7 @@ std::shared_ptr<DeviceHandle> openToLook(const std::string& device, DeviceLock l
 /// Opens a device for reading and writing, locked against other processes: exclusively, or with a shared lock where the
 /// running system uses the disk. First finishes what an earlier command began on the disk and did not finish, and
 /// says so on standard output. Throws Failure.
-/// @param ownJournal  folder of the journal of the change that this command goes on with
-std::shared_ptr<DeviceHandle> openToChange(const std::string& device, const DiskTables* around = nullptr,
-                                           const std::string& ownJournal = "");
+std::shared_ptr<DeviceHandle> openToChange(const std::string& device, const DiskTables* around = nullptr);
 
 /// Finishes what an earlier command began on the disk of a slice that is about to be mounted. Throws Failure.
 void finishInterruptedChanges(const std::string& slice);

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/Restore.h>
-#include <Vorlix/StartCheck.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -17,12 +16,13 @@
 #include "Commands.h"
 #include "DeviceChanges.h"
 #include "Failure.h"
+#include "Identity.h"
 #include "Json.h"
 #include "LibraryLog.h"
 #include "Progress.h"
 #include "RestorePreparation.h"
+#include "RestoreStart.h"
 #include "RestoreView.h"
-#include "StartFacts.h"
 #include "Text.h"
 
 namespace vorlix::tool {
@@ -32,7 +32,7 @@ namespace fs = std::filesystem;
 
 struct RestoreOptions {
   RestoreRequest request;
-  std::string start = "legacy";
+  std::string start;  // empty: legacy, and EFI if the volume has boot files for it
   std::string resume;
   bool yes = false;
   bool dryRun = false;
@@ -76,6 +76,11 @@ void printPlan(const RestoreOptions& options, const RestorePreparation& prepared
     std::fprintf(
         textOutput(options.progress),
         "Note       the source has no block map, so damage that its format does not notice is restored, too\n");
+  }
+  if (!prepared.efiVolume.empty()) {
+    std::fprintf(textOutput(options.progress), "EFI        boot files of the volume and a store go to %s%s\n",
+                 printable(prepared.efiVolume).c_str(),
+                 options.request.efiFiles == EFIFiles::required ? "" : ", if the volume has boot files for EFI");
   }
   if (!options.request.isLegacy) {
     std::fprintf(textOutput(options.progress), "MBR        stays as it is\n");
@@ -172,42 +177,14 @@ std::unique_ptr<ImageSource> applyAgain(const RestoreOptions& options, const std
   return applyImage(options, facts, {wim, index, {*size, *blockSize, *identity->offset / *blockSize}, scratch});
 }
 
-// Throws Failure unless the restore is complete.
-void requireDone(const RestoreResult& result, const std::string& volume, const ImageSource& source) {
-  if (result.end == RestoreResult::End::done) return;
-  const std::string goingOn = howToGoOn(result, source.facts().isMadeAnew);
+// Throws Failure unless the restore is complete, or paused.
+void requireDone(const RestoreResult& result, const std::string& volume, bool isMadeAnew) {
+  if (result.end == RestoreResult::End::done || result.end == RestoreResult::End::paused) return;
+  const std::string goingOn = howToGoOn(result, isMadeAnew);
   if (result.end == RestoreResult::End::cancelled) throw Failure(volume, "stopped", goingOn);
   const ChangeFailure& failure = result.failure;
   if (result.journal.empty()) fail(failure);
   throw Failure(failure.subject, failure.reason, (failure.state.empty() ? "" : failure.state + "; ") + goingOn);
-}
-
-// Says what a start still needs. @return whether the disk starts as far as can be told.
-bool printStart(const RestoreOptions& options, const std::string& disk, uint32_t partition, StartWay way,
-                bool isFromWim) {
-  StartReport report;
-  try {
-    report = checkStart(collectStartFacts(disk, partition, 0), way);
-  } catch (const std::exception& error) {
-    throw Failure(disk, std::string("whether it starts cannot be told: ") + error.what(), "the volume is restored");
-  }
-  if (isFromWim) {  // there is some boot code, so that the check finds nothing to say
-    std::fprintf(textOutput(options.progress),
-                 "Missing    boot code of Windows in the boot sector\n"
-                 "           because a WIM has none, and that of mkntfs only says that the disk does not start\n"
-                 "           to mend: vorlix vbr restore FILE %s\n",
-                 printable(sliceNameOf(disk, partition)).c_str());
-  }
-  for (const StartFinding& finding : report.findings) {
-    if (finding.state != StartFinding::State::fault) continue;
-    std::fprintf(textOutput(options.progress), "Missing    %s\n           because %s\n           to mend: %s\n",
-                 printable(finding.text).c_str(), printable(finding.why).c_str(), printable(finding.command).c_str());
-  }
-  const bool starts = report.starts() && !isFromWim;
-  if (starts) {
-    std::fprintf(textOutput(options.progress), "Start      the disk starts as far as can be told (vorlix check)\n");
-  }
-  return starts;
 }
 
 std::string folderOfInterrupted(const std::string& name) {
@@ -234,13 +211,54 @@ std::unique_ptr<LongChange> openJournal(const std::string& folder) {
   return journal;
 }
 
-// @return whether the volume was made of a WIM
-bool resume(const RestoreOptions& options, const std::string& folder) {
+// Opens the devices of a journal, in their order.
+std::vector<std::shared_ptr<DeviceHandle>> openDevices(const LongChange& journal) {
+  std::vector<std::shared_ptr<DeviceHandle>> handles;
+  for (const DeviceChange& device : journal.structures().devices) handles.push_back(openToChange(device.device));
+  return handles;
+}
+
+// Does what comes after the content, says what was done, and what a start still needs. The disk must be closed.
+// @return the exit status.
+int complete(const RestoreOptions& options, RestoreResult result, const RestoredVolume& restored,
+             const BackupChoice& choice) {
+  std::FILE* const output = textOutput(options.progress);
+  const std::string volume = sliceNameOf(restored.disk, restored.partition);
+  bool hasEFIFiles = false;
+  if (result.end == RestoreResult::End::paused) {
+    try {
+      hasEFIFiles = restored.files != EFIFiles::none && putEFIFiles(restored, choice, output);
+    } catch (const Failure& failure) {
+      throw Failure(volume, std::string("no start files for EFI: ") + failure.what(), howToGoOn(result, false));
+    }
+    const auto handles = openDevices(*result.rest);
+    result = finishRestore(std::move(result), handles);
+    requireDone(result, volume, false);
+  }
+  std::fprintf(output, "Restored   %s to %s%s\n", sizeText(result.size).c_str(), printable(volume).c_str(),
+               comparisonText(options, result));
+  printUndo(result.kept, output);
+  const std::optional<StartWay> way = wayOf(restored, hasEFIFiles);
+  return !way || printStart(restored, *way, output) ? kDone : kChangeNeeded;
+}
+
+// What the journal says of the volume and its start. Without its command line, a legacy start is known by sector 0.
+RestoredVolume restoredVolumeOf(const LongChange& journal) {
+  const std::vector<DeviceChange>& devices = journal.structures().devices;
+  const Identity identity = identify(devices[journal.origin().device].device);
+  return {identity.wholeDisk, static_cast<uint32_t>(identity.partition), devices.size() > 1,
+          efiFilesOf(journal.origin().between), false};
+}
+
+// @param choice  what the command line says of backups of start files; the journal has its own
+int resume(const RestoreOptions& options, const std::string& folder, const BackupChoice& choice) {
   auto journal = openJournal(folder);
   const DiskChange& structures = journal->structures();
   const std::string volume = structures.devices[journal->origin().device].device;
-  std::vector<std::shared_ptr<DeviceHandle>> handles;
-  for (const DeviceChange& device : structures.devices) handles.push_back(openToChange(device.device, nullptr, folder));
+  RestoredVolume restored = restoredVolumeOf(*journal);
+  if (!options.start.empty() || !options.request.disk.empty()) restored.isLegacy = options.request.isLegacy;
+  if (options.request.efiFiles == EFIFiles::none) restored.files = EFIFiles::none;
+  auto handles = openDevices(*journal);
   ImageFailure unreadable;
   const std::string path = options.request.source.empty() ? journal->origin().source : options.request.source;
   auto source = openImageSource(path, {}, unreadable);
@@ -253,14 +271,12 @@ bool resume(const RestoreOptions& options, const std::string& folder) {
     source = applyAgain(options, path, source->facts(), image, *handles[journal->origin().device]);
   }
   ShownProgress progress(options.progress);
-  const RestoreResult result =
-      resumeRestore(std::move(journal), *source, handles, !options.noVerify, std::ref(progress));
+  RestoreResult result = resumeRestore(std::move(journal), *source, handles, !options.noVerify, std::ref(progress));
   progress.finish();
-  requireDone(result, volume, *source);
-  std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
-               printable(volume).c_str(), comparisonText(options, result));
-  printUndo(result.kept, textOutput(options.progress));
-  return source->facts().isMadeAnew;
+  restored.isFromWim = source->facts().isMadeAnew;
+  requireDone(result, volume, restored.isFromWim);
+  handles.clear();
+  return complete(options, std::move(result), restored, choice);
 }
 
 // The interrupted restore of the same slice. Throws Failure if that has another source.
@@ -304,7 +320,6 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
   const LibraryLog log;  // look-ups write to it
   RestoreRequest& request = options.request;
   const std::string volume = sliceNameOf(bsdNameOf(request.disk), request.partition);
-  const StartWay way = request.isLegacy ? StartWay::legacy : StartWay::automatic;
   if (const auto folder = interruptedRestoreOf(request, volume)) {
     if (options.json) {
       Json::object({{"version", kJsonVersion}, {"resumes", nameOfJournal(*folder)}}).print();
@@ -316,9 +331,7 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
       return kChangeNeeded;
     }
     requireConsent(options, "This restore was interrupted. Go on?");
-    const bool isFromWim = resume(options, *folder);
-    return !request.isLegacy || printStart(options, request.disk, request.partition, way, isFromWim) ? kDone
-                                                                                                     : kChangeNeeded;
+    return resume(options, *folder, choice);
   }
   // Standard input can be read once only, so the disk is opened for writing at once.
   const bool isStream = request.source == kStandardInput;
@@ -345,16 +358,13 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
   if (!isStream) prepared = prepareToWrite(options, shown);
   prepared.plan.backup = changeBackup(choice);
   ShownProgress progress(options.progress);
-  const RestoreResult result = restoreVolume(*prepared.source, prepared.plan, !options.noVerify, std::ref(progress));
+  RestoreResult result = restoreVolume(*prepared.source, prepared.plan, !options.noVerify, std::ref(progress));
   progress.finish();
-  requireDone(result, prepared.volume, *prepared.source);
-  std::fprintf(textOutput(options.progress), "Restored   %s to %s%s\n", sizeText(result.size).c_str(),
-               printable(prepared.volume).c_str(), comparisonText(options, result));
-  printUndo(result.kept, textOutput(options.progress));
+  requireDone(result, prepared.volume, prepared.source->facts().isMadeAnew);
   prepared = {};  // closes the disk, which is looked at anew
-  return !request.isLegacy || printStart(options, request.disk, request.partition, way, shown.image.has_value())
-             ? kDone
-             : kChangeNeeded;
+  const EFIFiles files = result.rest ? request.efiFiles : EFIFiles::none;
+  return complete(options, std::move(result),
+                  {request.disk, request.partition, request.isLegacy, files, shown.image.has_value()}, choice);
 }
 
 }  // namespace
@@ -368,8 +378,11 @@ void addRestoreCommand(Command& top, int& status) {
                     "backup, slice, or - for standard input");
   command.addOption("DISK", request.disk, "Whole disk or disk-image file");
   command.addOption("--partition", request.partition, "GPT entry of the volume to overwrite").within(1, 128);
-  command.addOption("--start", options->start, "legacy: write the MBR for a start by a BIOS (default); none: do not")
-      .oneOf({"legacy", "none"});
+  command
+      .addOption("--start", options->start,
+                 "legacy: write the MBR for a start by a BIOS; efi: put the volume's boot files and a store on the EFI "
+                 "System Partition; both; none (default: legacy, and efi if the volume has boot files for it)")
+      .oneOf({"legacy", "efi", "both", "none"});
   command.addOption("--index", request.index, "Image of a WIM; needed if it has several").within(1, 65535);
   command.addOption("--scratch", request.scratch,
                     "Folder where the volume of a WIM is made first (default: $TMPDIR, else /var/tmp)");
@@ -391,11 +404,14 @@ void addRestoreCommand(Command& top, int& status) {
                        "vorlix restore saved /dev/sda --partition 4 --yes"});
   command.setAction([options, backup, resuming, &status] {
     RestoreRequest& wanted = options->request;
-    wanted.isLegacy = options->start == "legacy";
+    const std::string& start = options->start;
+    wanted.isLegacy = start != "efi" && start != "none";
+    wanted.efiFiles = start == "efi" || start == "both" ? EFIFiles::required
+                      : start.empty()                   ? EFIFiles::ifThere
+                                                        : EFIFiles::none;
     if (resuming.isGiven()) {
       const LibraryLog log;
-      resume(*options, folderOfInterrupted(options->resume));
-      status = kDone;
+      status = resume(*options, folderOfInterrupted(options->resume), *backup);
       return;
     }
     if (wanted.source.empty()) refuseWithout("SOURCE");

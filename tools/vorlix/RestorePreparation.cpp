@@ -166,6 +166,20 @@ void planLegacyStart(const RestoreRequest& request, RestorePreparation& prepared
   prepared.changesMBR = prepared.mbr.newSector0 != prepared.mbr.disk.sector0;
 }
 
+void planEFIStart(const RestoreRequest& request, RestorePreparation& prepared) {
+  if (request.efiFiles == EFIFiles::none) return;
+  const GPTEntry& first = prepared.mbr.disk.entries.front();
+  const bool isThere = request.partition != 1 && isUsed(first) && std::strcmp(first.guid_text, kEFISystemGUID) == 0;
+  if (isThere) {
+    prepared.efiVolume = sliceNameOf(request.disk, 1);
+    prepared.plan.between = wordOf(request.efiFiles);
+  } else if (request.efiFiles == EFIFiles::required) {
+    throw Failure(request.disk,
+                  "GPT entry 1 is no EFI System Partition, where the start files go; --start legacy and --start none "
+                  "restore without");
+  }
+}
+
 void requireOtherDisk(const RestoreRequest& request, const RestorePreparation& prepared, DeviceHandle& disk) {
   const auto& source = prepared.source->facts().identity;
   const auto target = disk.identity();
@@ -236,6 +250,7 @@ RestorePreparation prepareRestore(const RestoreRequest& request, std::unique_ptr
   if (!isWim || isApplied) requireFit(request, prepared);
   prepared.present = contentText(readDevice(*volume, prepared.volume, 0, kSectorBytes), prepared.volumeSize);
   if (request.isLegacy) planLegacyStart(request, prepared);
+  planEFIStart(request, prepared);
   prepared.plan.source = absoluteSource(request.source);
   if (isWim) prepared.plan.image = prepared.image->index;
   if (isWim && !isApplied) return prepared;

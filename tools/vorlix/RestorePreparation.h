@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "HybridPlan.h"
+#include "RestoreStart.h"
 
 namespace vorlix::tool {
 
@@ -22,6 +23,7 @@ struct RestoreRequest {
   std::string disk;
   uint32_t partition = 0;
   bool isLegacy = true;  ///< write the MBR from which a BIOS starts the volume
+  EFIFiles efiFiles = EFIFiles::none;
   std::string bootCode;  ///< path; empty for the disk's, or our own where it has none
   bool force = false;
   bool writes = false;  ///< open the disk for writing
@@ -40,6 +42,7 @@ struct RestorePreparation {
   NTFSPlace place;                       ///< of the slice
   std::optional<WimFacts::Image> image;  ///< of a WIM
   bool changesMBR = false;
+  std::string efiVolume;  ///< slice that gets the start files for EFI; empty for none
   RestorePlan plan;
 };
 

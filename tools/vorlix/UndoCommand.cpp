@@ -187,7 +187,7 @@ void abandon(const UndoOptions& options, const std::string& folder) {
     return;
   }
   std::vector<std::shared_ptr<DeviceHandle>> handles;
-  for (const DeviceChange& device : structures.devices) handles.push_back(openToChange(device.device, nullptr, folder));
+  for (const DeviceChange& device : structures.devices) handles.push_back(openToChange(device.device));
   if ((failure = abandonRestore(std::move(journal), handles))) fail(*failure);
   for (const DeviceChange& device : structures.devices) {
     for (const ByteChange& run : device.bytes) {

@@ -96,9 +96,9 @@ StartFilesPlan planOf(const WindowsStartOptions& options, const StartVolumes& vo
   return planOf(options, volumes, *windows, *lookAtFiles(volumes.system));
 }
 
-void printKept(const StartFilesPlan& plan) {
+void printKept(const StartFilesPlan& plan, std::FILE* output) {
   for (const std::string& path : plan.kept) {
-    std::printf("Kept       %s, which is not Windows' own\n", printable(path.substr(1)).c_str());
+    std::fprintf(output, "Kept       %s, which is not Windows' own\n", printable(path.substr(1)).c_str());
   }
 }
 
@@ -132,7 +132,7 @@ void printDryRun(const StartVolumes& volumes, const StartFilesPlan& plan) {
     }
     std::printf("%zu files are there already.\n", plan.present);
   }
-  printKept(plan);
+  printKept(plan, stdout);
   std::printf("\n");
   printObjects(plan, volumes.targets);
 }
@@ -212,8 +212,8 @@ std::vector<FileChange> changesOf(const std::string& slice, const StartFilesPlan
 std::string write(const WindowsStartOptions& options, const std::string& slice, const VolumeFolder& root,
                   const StartFilesPlan& plan) {
   constexpr const char* kPartly = "some of the files are in place; run the command again for the rest, or undo it";
-  const char* const firmware = options.firmware == StartFirmware::efi ? "EFI" : "BIOS";
-  FileBackup backup(std::string("files for an ") + firmware + " start on " + slice, changesOf(slice, plan),
+  const char* const firmware = options.firmware == StartFirmware::efi ? "an EFI" : "a BIOS";
+  FileBackup backup(std::string("files for ") + firmware + " start on " + slice, changesOf(slice, plan),
                     *options.backup);
   const auto split = [](const std::string& path) {
     const size_t slash = path.rfind('/');
@@ -252,15 +252,15 @@ void printDone(const WindowsStartOptions& options, const StartVolumes& volumes, 
                const std::string& kept) {
   const std::string slice = printable(volumes.system);
   if (plan.isEmpty()) {
-    std::printf("Files      all %zu on %s already, none written\n", plan.present, slice.c_str());
+    std::fprintf(options.output, "Files      all %zu on %s already, none written\n", plan.present, slice.c_str());
   } else {
-    std::printf("Files      %zu written to %s and read back, %zu were there already\n", plan.files.size(),
-                slice.c_str(), plan.present);
+    std::fprintf(options.output, "Files      %zu written to %s and read back, %zu were there already\n",
+                 plan.files.size(), slice.c_str(), plan.present);
   }
-  printKept(plan);
-  std::printf("Store      %s: starts %s from %s\n", printable(plan.store.substr(1)).c_str(),
-              printable(options.description).c_str(), printable(volumes.windows).c_str());
-  printUndo(kept);
+  printKept(plan, options.output);
+  std::fprintf(options.output, "Store      %s: starts %s from %s\n", printable(plan.store.substr(1)).c_str(),
+               printable(options.description).c_str(), printable(volumes.windows).c_str());
+  printUndo(kept, options.output);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <Vorlix/StartFiles.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -22,6 +23,7 @@ struct WindowsStartOptions {
   bool json = false;  ///< of a dry run
   bool force = false;
   std::shared_ptr<BackupChoice> backup;
+  std::FILE* output = stdout;
 };
 
 /// Runs `bcd --from-windows`. @return the exit status. Throws Failure.

@@ -58,6 +58,10 @@ class Scenario:
         """What is permanently lost, no matter how the command ended."""
         return []
 
+    def counts_as_done(self, run):
+        """Returns whether another exit status than 0 says that all is done; it is then judged as a success."""
+        return False
+
     def false_words(self, case, run):
         """What the message of a failed command says and is not so."""
         return []
