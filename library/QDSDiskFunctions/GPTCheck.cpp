@@ -112,8 +112,8 @@ class Check {
     }
     const uint64_t end = std::max(header().alternate_lba, header().last_usable_lba);
     if (end >= blocks_) {
-      add("disk-truncated", "the table is for a disk of more than " + std::to_string(end) + " blocks, this one has " +
-                                std::to_string(blocks_) + ": truncated?");
+      add("disk-truncated", "the disk or image is truncated: its table is for more than " + std::to_string(end) +
+                                " blocks, and it has " + std::to_string(blocks_));
     }
     checkUsableRange();
   }

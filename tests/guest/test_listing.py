@@ -75,7 +75,7 @@ class VolumesTest(CommandTest):
 
     @classmethod
     def list_of(cls, *options):
-        return json.loads(cls().vorlix("list", *options, "--json").stdout)
+        return json.loads(cls().vorlix("list", *options, "--json").stdout)["volumes"]
 
     def volume(self, name):
         (found,) = [volume for volume in self.all if volume["device"] == node(name)]
@@ -154,11 +154,13 @@ class VolumesTest(CommandTest):
                         ("--node", PC_WINDOWS),
                         ("--media-uuid", guid.upper(), "--node", node(PC_WINDOWS))):
             with self.subTest(options=options):
-                self.assertEqual(json.loads(self.vorlix("find", *options, "--json").stdout), volume)
+                found = json.loads(self.vorlix("find", *options, "--json").stdout)
+                self.assertEqual(found, {**volume, "others": [], "version": 1})
 
     def test_of_two_volumes_with_one_label_the_first_mounted_is_found(self):
         found = json.loads(self.vorlix("find", "--label", disks.BOOT_PARTITION_LABEL, "--json").stdout)
         self.assertEqual(found["device"], node(OLD_BOOT))
+        self.assertEqual([volume["device"] for volume in found["others"]], [node(PC_BOOT)])
 
     def test_what_does_not_fit_is_not_found(self):
         guid = blkid(node(PC_WINDOWS))["PART_ENTRY_UUID"]
@@ -176,7 +178,7 @@ class ChangingMountsTest(GuestTest):
         return [(volume["device"], volume["mountPath"]) for volume in self.listed()]
 
     def listed(self):
-        return json.loads(self.vorlix("list", "--all", "--json").stdout)
+        return json.loads(self.vorlix("list", "--all", "--json").stdout)["volumes"]
 
     def unmount(self, point):
         samples.run("umount", point)
@@ -237,7 +239,7 @@ class DriverTest(GuestTest):
         return served
 
     def listed(self, served):
-        volumes = json.loads(self.vorlix("list", "--all", "--json").stdout)
+        volumes = json.loads(self.vorlix("list", "--all", "--json").stdout)["volumes"]
         self.assertIsNone(served.failure)
         return volumes
 
@@ -253,7 +255,7 @@ class DriverTest(GuestTest):
         self.assertEqual((volume["totalSize"], volume["freeSize"]), df(served.point))
         self.assertEqual(volume["mediaUUID"], blkid(node(SMALL_WINDOWS))["PART_ENTRY_UUID"].upper())
         found = json.loads(self.vorlix("find", "--node", node(SMALL_WINDOWS), "--json").stdout)
-        self.assertEqual(found, volume)
+        self.assertEqual(found, {**volume, "others": [], "version": 1})
 
     def test_another_drivers_volume_is_not_that_of_a_disk(self):
         served = self.serve("sshfs#someone@somewhere:/")
@@ -321,6 +323,6 @@ class BootCampTest(GuestTest):
         os.mkdir(place)
         samples.run("mount", loop, place)
         self.addCleanup(subprocess.run, ["umount", place], check=False)
-        listed = json.loads(self.vorlix("list", "--json").stdout)
+        listed = json.loads(self.vorlix("list", "--json").stdout)["volumes"]
         self.assertEqual([(volume["name"], volume["mountPath"]) for volume in listed], [("IMAGE", place)])
         self.vorlix("boot-camp", status=1)

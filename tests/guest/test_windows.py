@@ -47,7 +47,7 @@ class WindowsTest(GuestTest):
     def expected(self, release, product, started_by=None):
         """The product has the library's name for it; the rest comes from the hive."""
         values = hives.RELEASES[release]
-        return {"product": product, "edition": values["EditionID"], "currentBuildNumber": values["CurrentBuildNumber"],
+        return {"version": 1, "product": product, "edition": values["EditionID"], "currentBuildNumber": values["CurrentBuildNumber"],
                 "buildLabEx": values["BuildLabEx"], "bootenv": started_by}
 
     def test_folders_in_upper_case_on_ntfs(self):

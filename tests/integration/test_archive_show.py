@@ -78,7 +78,7 @@ class ArchiveShow(images.CommandTest):
         result = self.show_bounded(self.archive(content), "--json")
         self.assertEqual((result.returncode, result.stderr), (0, ""))
         document = json.loads(result.stdout)
-        self.assertEqual(list(document), ["schema", "class", "fields"])
+        self.assertEqual(list(document), ["version", "schema", "class", "fields"])
         self.assertEqual((document["schema"], document["class"]), (1, name))
         self.assertEqual(list(document["fields"]), VOLUME_FIELDS if name == "QDVolume" else INFO_FIELDS)
         return document["fields"]

@@ -132,7 +132,8 @@ class Saved(BackupTest):
         with open(os.path.join(folder, "BCD"), "rb") as file:
             self.assertEqual(file.read(), STORE)
         with open(os.path.join(folder, "identity.json"), encoding="utf-8") as file:
-            self.assertEqual(json.load(file), json.loads(self.vorlix_ok("identify", disk + "s3", "--json").stdout))
+            shown = json.loads(self.vorlix_ok("identify", disk + "s3", "--json").stdout)
+            self.assertEqual({"version": 1, **json.load(file)}, shown)
         with open(os.path.join(folder, "volume.archive"), "rb") as file:
             self.assertEqual(plistlib.load(file)["$archiver"], "NSKeyedArchiver")
         shown = json.loads(self.vorlix_ok("archive", "show", os.path.join(folder, "volume.archive"), "--json").stdout)["fields"]
@@ -233,7 +234,7 @@ class Saved(BackupTest):
         self.assertEqual((lines[-2]["phase"], lines[-2]["done"]), ("saving", lines[0]["bytes"]))
         self.assertEqual(lines[-2]["total"], lines[0]["bytes"])
         lines = self.vorlix_ok("backup", "--verify", folder, "--progress", "json").stdout.splitlines()
-        self.assertEqual(json.loads(lines[-1]), {"phase": "verified", "whole": True, "findings": []})
+        self.assertEqual(json.loads(lines[-1]), {"version": 1, "phase": "verified", "whole": True, "findings": []})
 
     @unittest.skipIf(images.SANITIZED, "sanitizers take memory of their own")
     def test_memory_stays_below_128_mib(self):

@@ -2,6 +2,7 @@
 """`vorlix bcd --from-windows`: the boot files of a Windows, from its own volume, and a store made from its template."""
 
 import contextlib
+import json
 import os
 import struct
 import unittest
@@ -186,6 +187,28 @@ class BootFilesTest(volumes.VolumeTest):
 
     def command(self, disk, *options):
         return ["bcd", disk, "--partition", WINDOWS, "--from-windows", *options]
+
+    def test_a_dry_run_as_json(self):
+        try:
+            import jsonschema
+        except ImportError:
+            self.skipTest("Python's jsonschema is not installed")
+        with open(os.path.join(os.environ["VORLIX_SOURCE"], "docs/json/bcd-dry-run.schema.json"), encoding="utf-8") as file:
+            validator = jsonschema.Draft202012Validator(json.load(file))
+        disk = self.disk()
+        before = images.snapshot(disk)
+        result = self.vorlix_run(*self.command(disk, "--dry-run", "--json"))
+        self.assertEqual(result.returncode, 1, result.stderr)
+        plan = json.loads(result.stdout)
+        validator.validate(plan)
+        self.assert_unchanged(disk, before)
+        self.vorlix_ok(*self.command(disk))
+        written = self.efi_files(disk)
+        self.assertEqual({item["path"].lower().strip("/"): item["size"] for item in plan["files"]},
+                         {path.lower(): len(content) for path, content in written.items()})
+        plan = json.loads(self.vorlix_ok(*self.command(disk, "--dry-run", "--json")).stdout)
+        validator.validate(plan)
+        self.assertEqual((plan["changeNeeded"], plan["files"], plan["present"]), (False, [], len(written)))
 
     def content(self, path):
         with open(path, "rb") as file:

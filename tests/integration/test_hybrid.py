@@ -286,7 +286,7 @@ class DryRun(ImageTest):
         expected = self.expected_sector0(path, WINDOWS)
         mbr, volume = gpt.read_at(path, 0, 512), gpt.read_at(path, WINDOWS_FIRST * 512, 512)
         before = images.snapshot(path)
-        result = self.hybrid(path, WINDOWS, "--dry-run", expect=1)
+        result = self.hybrid(path, WINDOWS, "--dry-run", "--bytes", expect=1)
         self.assert_unchanged(path, before)
         of_mbr, of_volume = result.stdout.split("boot sector (")
         self.assertEqual(self.applied(of_mbr, mbr), list(expected))

@@ -15,7 +15,7 @@ from support import gpt, images, tools, volumes
 MISSING = volumes.missing("sgdisk", "sfdisk", "blkid", "setpriv")
 
 MAC = tools.MAC_LAYOUT
-MEMBERS = ["schema", "device", "name", "wholeDisk", "partition", "mediumType", "diskGUID", "partitionGUID", "offset"]
+MEMBERS = ["version", "schema", "device", "name", "wholeDisk", "partition", "mediumType", "diskGUID", "partitionGUID", "offset"]
 
 
 def raw(text):

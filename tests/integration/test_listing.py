@@ -43,7 +43,14 @@ class ListTest(volumes.VolumeTest):
         """Returns a command's JSON, which must be its only output."""
         result = self.vorlix_run(*arguments, "--json")
         self.assertEqual(result.returncode, expect, f"{arguments}: {result.stdout}{result.stderr}")
-        return json.loads(result.stdout)
+        document = json.loads(result.stdout)
+        if document is None:
+            return None
+        self.assertEqual(document.pop("version"), 1)
+        if arguments[0] == "list":
+            return document["volumes"]
+        self.others = document.pop("others")
+        return document
 
     def listed(self, *options):
         """The listed volumes that belong to this test; the machine has others."""
@@ -255,7 +262,7 @@ class List(ListTest):
                 text = self.vorlix_ok("list", *options).stdout
                 self.assertIn(words, text)
                 self.assertEqual(len(text.splitlines()), 1)
-                self.assertEqual(self.vorlix_ok("list", *options, "--json").stdout, "[]\n")
+                self.assertEqual(json.loads(self.vorlix_ok("list", *options, "--json").stdout), {"version": 1, "volumes": []})
 
     def test_output_that_cannot_be_written_is_an_error(self):
         self.mount(self.fat())
@@ -291,10 +298,19 @@ class Find(ListTest):
         for label in ("two words", "TWO", "TWO WORDS ", "THREE"):
             self.assert_none("--label", label)
 
-    def test_the_first_of_two_with_one_label(self):
+    def test_two_with_one_label_are_both_said(self):
         for name in ("b.img", "a.img"):
             self.mount(self.fat(name, label="SAME"))
+        self.mount(self.fat("c.img", label="OTHER"))
         self.assertEqual(self.json("find", "--label", "SAME")["device"], self.path("b.img"))
+        self.assertEqual([volume["device"] for volume in self.others], [self.path("a.img")])
+        result = self.vorlix_ok("find", "--label", "SAME")
+        self.assertIn("2 volumes have this label", result.stderr)
+        rows = [line for line in result.stdout.splitlines() if self.folder in line]
+        self.assertEqual([re.split(r"  +", row)[1] for row in rows], [self.path("b.img"), self.path("a.img")])
+        self.assertEqual(self.vorlix_ok("find", "--label", "OTHER").stderr, "")
+        self.json("find", "--label", "OTHER")
+        self.assertEqual(self.others, [])
 
     def test_by_the_partition_s_identifier(self):
         disk = self.give(volumes.make_mac(self.path("mac.img")))

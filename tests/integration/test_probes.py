@@ -126,7 +126,7 @@ class BootType(Probe):
         for content in (b"", b"text\n", b"x" * 511):
             with open(self.path("short"), "wb") as file:
                 file.write(content)
-            self.assert_refused(self.path("short"), f"holds {len(content)} bytes, not even one sector")
+            self.assert_refused(self.path("short"), f"holds {len(content)} bytes, not even one sector: it is empty or truncated")
         self.assert_refused(self.path("missing"), "No such file or directory")
         self.assert_refused(self.folder, "Is a directory")
 

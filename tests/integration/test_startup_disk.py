@@ -107,7 +107,7 @@ class DryRun(StartupDiskTest):
                 self.assertIn(f"vorlix: {device}: no such device", result.stderr)
 
     def test_the_running_system_s_own_volume(self):
-        listed = json.loads(self.vorlix_ok("list", "--all", "--json").stdout)
+        listed = json.loads(self.vorlix_ok("list", "--all", "--json").stdout)["volumes"]
         root = [volume for volume in listed if volume["mountPath"] == "/"]
         if not root:
             self.skipTest("the root file system is not on a disk")

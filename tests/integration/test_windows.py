@@ -21,13 +21,14 @@ PRODUCTS = {
 }
 HIVE = "Windows/System32/config/SOFTWARE"
 SETUP_LOG = "Windows/Panther/setupact.log"
-NOTHING = {"product": "", "edition": "", "currentBuildNumber": "", "buildLabEx": "", "bootenv": None}
+NOTHING = {"version": 1, "product": None, "edition": None, "currentBuildNumber": None, "buildLabEx": None, "bootenv": None}
 NO_LOG = "vorlix: the log /tmp/quandrel.log cannot be opened; continuing without it\n"
 
 
 def answer(release, bootenv=None):
     values = hives.RELEASES[release]
     return {
+        "version": 1,
         "product": PRODUCTS[release],
         "edition": values["EditionID"],
         "currentBuildNumber": values["CurrentBuildNumber"],
@@ -156,7 +157,7 @@ class Folders(WindowsTest):
                 (b"", ""))):
             with self.subTest(log=log):
                 root = self.put(f"root{number}", {HIVE: self.hive_bytes("Windows 10"), SETUP_LOG: log})
-                self.assertEqual(self.windows(root), answer("Windows 10", expected))
+                self.assertEqual(self.windows(root), answer("Windows 10", expected or None))
 
     def test_hives_that_tell_nothing(self):
         good = self.hive_bytes("Windows 10")

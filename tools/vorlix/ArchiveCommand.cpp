@@ -17,8 +17,6 @@
 namespace vorlix::tool {
 namespace {
 
-constexpr int kArchiveSchema = 1;
-
 Json uuidJson(const std::optional<UUID>& uuid) {
   return uuid ? Json(uuid->text()) : Json();
 }
@@ -89,7 +87,9 @@ void showArchive(const std::string& file, bool asJson) {
     throw Failure(file, "holds no archive of a volume or disk record");
   }
   if (asJson) {
-    Json::object({{"schema", kArchiveSchema}, {"class", recordClass}, {"fields", std::move(fields)}}).print();
+    Json::object(
+        {{"version", kJsonVersion}, {"schema", kJsonVersion}, {"class", recordClass}, {"fields", std::move(fields)}})
+        .print();
     return;
   }
   std::printf("%s\n", recordClass);
@@ -108,15 +108,17 @@ struct ArchiveOptions {
 void addArchiveCommand(Command& top, int& status) {
   Command archive = top.addCommand("archive", "Inspect archives of volume and disk records");
   archive.requireCommand();
+  archive.setExamples({"vorlix archive show volume.archive"});
   const auto options = std::make_shared<ArchiveOptions>();
   Command show = archive.addCommand("show", "Show the record that an archive holds");
   show.addOption("FILE", options->file, "The archive").required();
-  show.addFlag("--json", options->json, "Print JSON (schema version 1)");
+  show.addFlag("--json", options->json, "Print JSON");
   show.setFooter(
       "An archive is a property list, binary or XML, in which programs exchange QDVolume and QDDiskInfo records.\n"
       "Only the fields of these records are read, even from a hostile archive. Passwords are never shown, because\n"
       "reading an archive skips them.\n"
       "Exit status: 0 success, 2 error.");
+  show.setExamples({"vorlix archive show volume.archive --json"});
   show.setAction([options, &status] {
     showArchive(options->file, options->json);
     status = kDone;

@@ -22,7 +22,10 @@ struct BackupOptions {
   BackupRequest request;
   std::string verified;  ///< the folder to be verified
   bool dryRun = false;
+  bool json = false;
   ProgressForm progress = ProgressForm::people;
+
+  bool printsJson() const { return json || progress == ProgressForm::json; }
 };
 
 void printPlan(const BackupPlan& plan) {
@@ -51,7 +54,8 @@ void printPlanJson(const BackupPlan& plan) {
     if (!part.missing.empty()) missing.add(part.key, part.missing);
   }
   const Allocation& allocation = plan.allocation;
-  Json::object({{"phase", "plan"},
+  Json::object({{"version", kJsonVersion},
+                {"phase", "plan"},
                 {"volume", plan.name},
                 {"size", plan.size},
                 {"fileSystem", allocation.fileSystem.empty() ? Json() : Json(allocation.fileSystem)},
@@ -69,7 +73,7 @@ void printPlanJson(const BackupPlan& plan) {
 
 int save(const BackupOptions& options) {
   const LibraryLog log;  // look-ups write to it
-  const bool isJson = options.progress == ProgressForm::json;
+  const bool isJson = options.printsJson();
   BackupPlan plan;
   if (const auto failure = planBackup(options.request, plan)) fail(*failure, "nothing was saved");
   for (const std::string& warning : plan.warnings) complain(options.request.volume + ": " + warning);
@@ -92,7 +96,10 @@ int save(const BackupOptions& options) {
   }
   if (failure) fail(*failure, "nothing was saved");
   if (isJson) {
-    Json::object({{"phase", "saved"}, {"folder", options.request.folder}, {"packedSize", result.packedSize}})
+    Json::object({{"version", kJsonVersion},
+                  {"phase", "saved"},
+                  {"folder", options.request.folder},
+                  {"packedSize", result.packedSize}})
         .printLine();
   } else {
     std::printf("Saved      %s, %s packed\n", printable(options.request.folder).c_str(),
@@ -115,16 +122,18 @@ int verify(const BackupOptions& options) {
   if (failure) fail(*failure, "not verified");
   progress.finish();
   const std::string folder = printable(options.verified);
-  if (options.progress == ProgressForm::json) {
+  if (options.printsJson()) {
     Json list = Json::array();
     for (const BackupFinding& finding : findings) {
       list.append(Json::object({{"file", finding.file}, {"text", finding.text}}));
     }
-    Json::object({{"phase", "verified"}, {"whole", findings.empty()}, {"findings", std::move(list)}}).printLine();
+    Json::object(
+        {{"version", kJsonVersion}, {"phase", "verified"}, {"whole", findings.empty()}, {"findings", std::move(list)}})
+        .printLine();
   } else if (findings.empty()) {
     std::printf("Whole      %s: every file and every range is as it was saved\n", folder.c_str());
   }
-  if (options.progress != ProgressForm::json) {
+  if (!options.printsJson()) {
     for (const BackupFinding& finding : findings) {
       std::printf("Damaged    %s %s\n", printable(finding.file).c_str(), printable(finding.text).c_str());
     }
@@ -147,10 +156,13 @@ void addBackupCommand(Command& top, int& status) {
       .addFlag("--force", options->request.force,
                "Save a volume that is mounted for writing, or on which a change was cut off")
       .excludes(verified);
+  command.addFlag("--json", options->json, "Print the plan and the result as JSON, one object a line");
   addProgressOption(command, options->progress);
   command.setFooter(
       "The folder holds volume.img.zst (zstd), volume.bmap (for bmaptool), manifest.json and the small structures.\n"
       "Exit status: 0 saved, or verified and whole; 1 verified and damaged; 2 error.");
+  command.setExamples(
+      {"vorlix backup /dev/sda3 saved", "vorlix backup mac.imgs3 saved --dry-run", "vorlix backup --verify saved"});
   command.setAction([options, &status] {
     if (!options->verified.empty()) {
       status = verify(*options);

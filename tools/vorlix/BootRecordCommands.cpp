@@ -99,6 +99,7 @@ struct RestoreOptions {
   std::string file;
   std::string device;
   bool dryRun = false;
+  bool json = false;
   bool force = false;
   std::shared_ptr<BackupChoice> backup;
 };
@@ -139,6 +140,14 @@ DiskChange planRestore(const RestoreOptions& options, const std::shared_ptr<Devi
 
 void printDryRun(const RestoreOptions& options, const DiskChange& change) {
   const ByteChange& run = change.devices.front().bytes.front();
+  if (options.json) {
+    Json::object({{"version", kJsonVersion},
+                  {"device", options.device},
+                  {"changeNeeded", !change.empty()},
+                  {"changes", differenceJson(run.before, run.after, run.offset)}})
+        .print();
+    return;
+  }
   std::printf("Dry run: nothing is opened for writing.\n\n%s, bytes 84 to 8191:\n%s", printable(options.device).c_str(),
               change.empty() ? "  no byte would change\n" : differenceText(run.before, run.after, 0).c_str());
 }
@@ -183,11 +192,13 @@ void addBootRecordCommands(Command& top, int& status) {
   Command vbr = top.addCommand("vbr", "Save or restore the boot record of a volume");
   vbr.requireCommand();
 
+  vbr.setExamples({"vorlix vbr save mac.imgs3 saved.vbr", "vorlix vbr restore saved.vbr mac.imgs3 --dry-run"});
   const auto saving = std::make_shared<SaveOptions>();
   Command save = vbr.addCommand("save", "Save bytes 84 to 8191 of a volume");
   save.addOption("DEVICE", saving->device, "The volume").required();
   save.addOption("FILE", saving->file, "File to make; one that exists is refused").required();
   save.addFlag("--force", saving->force, "Save of a disk with a partition table, too");
+  save.setExamples({"vorlix vbr save mac.imgs3 saved.vbr"});
   save.setAction([saving, &status] {
     saveVBR(*saving);
     status = kDone;
@@ -197,9 +208,12 @@ void addBootRecordCommands(Command& top, int& status) {
   Command restore = vbr.addCommand("restore", "Put a saved boot record on an NTFS volume");
   restore.addOption("FILE", restoring->file, "The saved boot record, 8108 bytes").required();
   restore.addOption("DEVICE", restoring->device, "The volume; it is unmounted first").required();
-  restore.addFlag("--dry-run", restoring->dryRun, "Show the bytes that would change; open nothing for writing");
+  const Option dryRun =
+      restore.addFlag("--dry-run", restoring->dryRun, "Show the bytes that would change; open nothing for writing");
+  restore.addFlag("--json", restoring->json, "Show them as JSON").needs(dryRun);
   restoring->backup = addBackupOptions(restore);
   restore.addFlag("--force", restoring->force, "Take a file that does not look like a boot record, and a damaged GPT");
+  restore.setExamples({"vorlix vbr restore saved.vbr mac.imgs3 --dry-run"});
   restore.setAction([restoring, &status] {
     const ByteVector saved = readFile(restoring->file, kBootArea);
     checkSaved(*restoring, saved);
@@ -215,11 +229,13 @@ void addBootRecordCommands(Command& top, int& status) {
 
   Command bootCode = top.addCommand("boot-code", "Save the MBR boot code of a disk");
   bootCode.requireCommand();
+  bootCode.setExamples({"vorlix boot-code save /dev/sda saved.mbr"});
   const auto savingCode = std::make_shared<SaveOptions>();
   Command saveCode = bootCode.addCommand("save", "Save bytes 0 to 445 of sector 0");
   saveCode.addOption("DISK", savingCode->device, "The whole disk").required();
   saveCode.addOption("FILE", savingCode->file, "File to make; one that exists is refused").required();
   saveCode.addFlag("--force", savingCode->force, "Save of a slice, too");
+  saveCode.setExamples({"vorlix boot-code save /dev/sda saved.mbr"});
   saveCode.setAction([savingCode, &status] {
     saveBootCode(*savingCode);
     status = kDone;

@@ -55,6 +55,7 @@ struct StoreOptions {
   std::string templateFile;
   int32_t mode = 0;
   bool dryRun = false;
+  bool json = false;
   bool force = false;
   std::shared_ptr<BackupChoice> backup;
 };
@@ -124,6 +125,18 @@ StorePlan planStore(const StoreOptions& options) {
         storeWithIdentifiers(plan.original, options.mode, {*plan.identity.partitionGUID, *plan.identity.diskGUID});
   }
   return plan;
+}
+
+void printDryRunJson(const StoreOptions& options, const StorePlan& plan) {
+  Json::object({{"version", kJsonVersion},
+                {"disk", options.disk},
+                {"template", options.templateFile},
+                {"slice", 1},
+                {"path", kStorePath + 1},
+                {"partitionGUID", guidText(plan.identity.partitionGUID->data())},
+                {"diskGUID", guidText(plan.identity.diskGUID->data())},
+                {"changes", differenceJson(plan.original, plan.store, 0)}})
+      .print();
 }
 
 void printDevices(const std::vector<StoreDeviceChange>& devices) {
@@ -249,10 +262,14 @@ void addBootStoreCommand(Command& top, int& status) {
                  "What the files are for: efi, on the EFI System Partition; bios, on the Windows volume")
       .needs(source);
   command.addOption("--description", start->description, "Of Windows in the boot menu").showDefault().needs(source);
-  command.addFlag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
+  const Option dryRun =
+      command.addFlag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
+  command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun);
   options->backup = addBackupOptions(command);
   command.addFlag("--force", options->force,
                   "Take a template that does not look like one for the mode, and a damaged GPT");
+  command.setExamples({"vorlix bcd mac.img --partition 3 --template BCD --mode standard --dry-run",
+                       "vorlix bcd /dev/sda --partition 4 --from-windows"});
   command.setAction([options, start, fromWindows, templateFile, mode, &status] {
     if (!*fromWindows && !templateFile.isGiven()) refuseWithout("--template or --from-windows");
     if (!*fromWindows && !mode.isGiven()) refuseWithout("--mode");
@@ -261,6 +278,7 @@ void addBootStoreCommand(Command& top, int& status) {
       start->disk = options->disk;
       start->partition = options->partition;
       start->dryRun = options->dryRun;
+      start->json = options->json;
       start->force = options->force;
       start->backup = options->backup;
       status = putWindowsStart(*start);
@@ -268,7 +286,7 @@ void addBootStoreCommand(Command& top, int& status) {
     }
     const StorePlan plan = planStore(*options);
     if (options->dryRun) {
-      printDryRun(*options, plan);
+      options->json ? printDryRunJson(*options, plan) : printDryRun(*options, plan);
       status = kChangeNeeded;
       return;
     }

@@ -12,14 +12,13 @@
 #include "HybridPlan.h"
 #include "Json.h"
 #include "StartFacts.h"
+#include "Terminal.h"
 #include "Text.h"
 
 namespace vorlix::tool {
 namespace {
 
 using State = StartFinding::State;
-
-constexpr int kCheckVersion = 1;
 
 const std::map<std::string, StartWay> kStartWays = {
     {"auto", StartWay::automatic}, {"legacy", StartWay::legacy}, {"efi", StartWay::efi}, {"both", StartWay::both}};
@@ -64,14 +63,33 @@ const char* stateWord(State state) {
   return "";
 }
 
+// Six columns wide.
+std::string stateCell(State state) {
+  std::string cell = stateWord(state);
+  cell.resize(6, ' ');
+  switch (state) {
+    case State::ok:
+      return colored(cell, Color::green);
+    case State::fault:
+      return colored(cell, Color::red);
+    case State::unseen:
+      return colored(cell, Color::yellow);
+    case State::note:
+      return cell;
+  }
+  return cell;
+}
+
 void printFindings(const StartReport& report) {
+  constexpr int kIndent = 21;
   for (const StartFinding& finding : report.findings) {
-    const char* const before = finding.state == State::unseen ? "not looked at: " : "";
-    std::printf("%-12s %-6s  %s%s\n", areaTitle(finding.area), stateWord(finding.state), before,
-                printable(finding.text).c_str());
+    const std::string before = finding.state == State::unseen ? "not looked at: " : "";
+    std::printf("%-12s %s  %s\n", areaTitle(finding.area), stateCell(finding.state).c_str(),
+                hangingText(before + printable(finding.text), kIndent).c_str());
     if (finding.state != State::fault) continue;
-    std::printf("%-21s%s\n%-21s%s\n", "", ("because " + printable(finding.why)).c_str(), "",
-                ("to mend: " + printable(finding.command)).c_str());
+    std::printf("%-*s%s\n", kIndent, "", hangingText("because " + printable(finding.why), kIndent).c_str());
+    // Whole, so that it can be copied.
+    std::printf("%-*s%s\n", kIndent, "", ("to mend: " + printable(finding.command)).c_str());
   }
 }
 
@@ -91,7 +109,7 @@ void printReportJson(const StartFacts& facts, const StartReport& report) {
     }
     findings.append(std::move(item));
   }
-  Json::object({{"version", kCheckVersion},
+  Json::object({{"version", kJsonVersion},
                 {"disk", facts.disk},
                 {"partition", facts.partition == 0 ? Json() : Json(facts.partition)},
                 {"judged", Json::object({{"legacy", report.legacy}, {"efi", report.efi}})},
@@ -114,10 +132,11 @@ void addCheckCommand(Command& top, int& status) {
   command.addOption("--type", options->type, "MBR type of that slot, hexadecimal, where `hybrid` was given one");
   command.addChoice("--start", options->way, kStartWays,
                     "What to judge: auto, legacy, efi or both (default: what the disk is set up for)");
-  command.addFlag("--json", options->json, "Print JSON (version 1)");
+  command.addFlag("--json", options->json, "Print JSON");
   command.setFooter(
       "Exit status: 0 the disk starts as far as can be told, 1 something must change first, 2 error.\n"
       "docs/start-check.md lists the codes of the findings.");
+  command.setExamples({"vorlix check /dev/sda", "vorlix check mac.img --partition 3 --start legacy"});
   command.setAction([options, &status] {
     const StartFacts facts = collectStartFacts(options->disk, options->partition, parseMBRType(options->type));
     const StartReport report = checkStart(facts, options->way);

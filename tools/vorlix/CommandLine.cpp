@@ -4,12 +4,58 @@
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <cstdio>
 #include <utility>
 
 #include "Failure.h"
+#include "Suggestion.h"
 #include "Text.h"
 
 namespace vorlix::tool {
+namespace {
+
+std::string messageOf(const std::string& error) {
+  return "vorlix: " + printable(error) + "\nRun with --help for more information.\n";
+}
+
+std::vector<std::string> optionNames(const CLI::App& command) {
+  std::vector<std::string> names;
+  for (const CLI::Option* const option : command.get_options()) {
+    if (option->get_group().empty()) continue;  // is not shown
+    for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+  }
+  return names;
+}
+
+// The names of the visible commands below a command, each after `before`.
+std::vector<std::string> commandNames(const CLI::App& command, const std::string& before) {
+  std::vector<std::string> names;
+  for (const CLI::App* const below : command.get_subcommands({})) {
+    if (!below->get_group().empty()) names.push_back(before + below->get_name());
+  }
+  return names;
+}
+
+// Says which word is no command or option, and which may have been meant. Empty if there is no such word.
+std::string unknownWordText(const CLI::App& top) {
+  const CLI::App* command = &top;
+  std::string path;
+  while (!command->get_subcommands().empty()) {
+    command = command->get_subcommands().back();
+    path += command->get_name() + " ";
+  }
+  std::vector<std::string> unknown = command->remaining();
+  if (unknown.empty()) unknown = top.remaining();
+  if (unknown.empty()) return "";
+  const bool isOption = unknown.front().starts_with("-") && unknown.front() != "--" && unknown.front() != "-";
+  if (!isOption && command->get_subcommands({}).empty()) return "";
+  const std::string word = isOption ? unknown.front().substr(0, unknown.front().find('=')) : path + unknown.front();
+  const auto meant = suggestionFor(word, isOption ? optionNames(*command) : commandNames(*command, path));
+  return std::string("no ") + (isOption ? "option" : "command") + " '" + word + "'" +
+         (meant ? "; did you mean '" + *meant + "'?" : "");
+}
+
+}  // namespace
 
 Option& Option::required() {
   inner_->required();
@@ -101,6 +147,14 @@ void Command::setFooter(const std::string& text) {
   inner_->footer(text);
 }
 
+void Command::setExamples(const std::vector<std::string>& lines) {
+  std::string text = inner_->get_footer();
+  if (!text.empty()) text += "\n\n";
+  text += "Examples:";
+  for (const std::string& line : lines) text += "\n  " + line;
+  inner_->footer(text);
+}
+
 void Command::setAction(std::function<void()> action) {
   inner_->callback(std::move(action));
 }
@@ -118,9 +172,7 @@ CommandLine::CommandLine(const std::string& description, const std::string& prog
     : app_(std::make_unique<CLI::App>(description, program)) {
   app_->set_version_flag("--version", version);
   app_->require_subcommand(1);
-  app_->failure_message([](const CLI::App*, const CLI::Error& error) {
-    return "vorlix: " + printable(error.what()) + "\nRun with --help for more information.\n";
-  });
+  app_->failure_message([](const CLI::App*, const CLI::Error& error) { return messageOf(error.what()); });
   app_->footer(footer);
 }
 
@@ -134,7 +186,13 @@ std::optional<int> CommandLine::run(int argc, const char* const* argv) {
   try {
     app_->parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app_->exit(error) == 0 ? kDone : kError;
+    // A mistyped word is missing somewhere, too. Its own message says more.
+    const auto kind = static_cast<CLI::ExitCodes>(error.get_exit_code());
+    const bool mayBeMistyped = kind == CLI::ExitCodes::ExtrasError || kind == CLI::ExitCodes::RequiredError;
+    const std::string unknown = mayBeMistyped ? unknownWordText(*app_) : "";
+    if (unknown.empty()) return app_->exit(error) == 0 ? kDone : kError;
+    std::fputs(messageOf(unknown).c_str(), stderr);
+    return kError;
   }
   return std::nullopt;
 }

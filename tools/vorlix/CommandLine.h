@@ -92,6 +92,9 @@ class Command {
   /// Text below the options in the help text.
   void setFooter(const std::string& text);
 
+  /// Adds command lines that show how the command is used to the help text. Call it after setFooter().
+  void setExamples(const std::vector<std::string>& lines);
+
   /// Runs when the user has chosen the command, after all options have their values.
   void setAction(std::function<void()> action);
 

@@ -12,4 +12,9 @@ void complain(const std::string& text) {
   std::fprintf(stderr, "vorlix: %s\n", printable(text).c_str());
 }
 
+bool& isVerbose() {
+  static bool isSet = false;
+  return isSet;
+}
+
 }  // namespace vorlix::tool

@@ -9,4 +9,7 @@ namespace vorlix::tool {
 /// earlier output appears first. Control characters, which a file name or a label may hold, become "?".
 void complain(const std::string& text);
 
+/// Whether the user asked for messages that seldom matter. The command line's flag --verbose sets it.
+bool& isVerbose();
+
 }  // namespace vorlix::tool

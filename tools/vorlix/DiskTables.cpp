@@ -102,7 +102,7 @@ DiskTables readTables(DeviceHandle& handle, const std::string& device) {
   disk.size = handle.size().value_or(0);
   const size_t count = readOrFail(handle, device, disk.sector0, 0);
   if (count < disk.sector0.size()) {
-    throw Failure(device, "holds " + std::to_string(count) + " bytes, not even one sector");
+    throw Failure(device, "holds " + std::to_string(count) + " bytes, not even one sector: it is empty or truncated");
   }
   decodeMBR(disk.sector0, disk.mbr, &disk.activeSlot);
   disk.blockSize = blockSizeOf(handle, device);
@@ -155,13 +155,13 @@ std::optional<std::string> whySliceIsCutOff(const std::string& device) {
 
 void readWhole(DeviceHandle& handle, const std::string& device, std::span<uint8_t> bytes, uint64_t offset) {
   if (readOrFail(handle, device, bytes, offset) == bytes.size()) return;
-  throw Failure(device, "ends before byte " + std::to_string(offset + bytes.size()));
+  throw Failure(device, "ends before byte " + std::to_string(offset + bytes.size()) + ": it is truncated");
 }
 
 Sector readBootSector(DeviceHandle& handle, const std::string& volume) {
   Sector sector;
   if (readOrFail(handle, volume, sector, 0) < sector.size()) {
-    throw Failure(volume, "too short to hold a boot sector");
+    throw Failure(volume, "too short to hold a boot sector: it is empty or truncated");
   }
   return sector;
 }

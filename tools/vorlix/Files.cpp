@@ -94,7 +94,7 @@ ByteVector readDevice(DeviceHandle& handle, const std::string& device, uint64_t 
   const ssize_t done = handle.readAt(bytes.data(), count, offset);
   if (done < 0) throw Failure::ofErrno(device, errno);
   if (static_cast<size_t>(done) < count) {
-    throw Failure(device, "ends before byte " + std::to_string(offset + count));
+    throw Failure(device, "ends before byte " + std::to_string(offset + count) + ": it is truncated or too small");
   }
   return bytes;
 }
@@ -108,6 +108,17 @@ std::string differenceText(const ByteVector& before, const ByteVector& after, ui
     text += "  " + hexDigits(base + offset, 4) + "  - " + from + "\n        + " + to + "\n";
   }
   return text;
+}
+
+Json differenceJson(const ByteVector& before, const ByteVector& after, uint64_t base) {
+  Json rows = Json::array();
+  for (size_t offset = 0; offset < std::max(before.size(), after.size()); offset += kRowSize) {
+    const std::string from = rowText(before, offset);
+    const std::string to = rowText(after, offset);
+    if (from == to) continue;
+    rows.append(Json::object({{"offset", base + offset}, {"before", knownText(from)}, {"after", knownText(to)}}));
+  }
+  return rows;
 }
 
 }  // namespace vorlix::tool

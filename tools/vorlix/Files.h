@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "Json.h"
+
 namespace vorlix::tool {
 
 using ByteVector = std::vector<uint8_t>;
@@ -30,5 +32,9 @@ ByteVector readDevice(DeviceHandle& handle, const std::string& device, uint64_t 
 /// Returns a hexadecimal dump of the rows of 16 bytes that differ between two byte vectors of the same length, the old
 /// row above the new one. `base` is added to the offsets.
 std::string differenceText(const ByteVector& before, const ByteVector& after, uint64_t base);
+
+/// The same as an array of {"offset", "before", "after"}: rows of at most 16 bytes, in hexadecimal. A side that has
+/// ended is null.
+Json differenceJson(const ByteVector& before, const ByteVector& after, uint64_t base);
 
 }  // namespace vorlix::tool

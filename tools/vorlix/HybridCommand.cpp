@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/OwnBootCode.h>
 #include <Vorlix/QDSDiskFunctions.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -13,101 +11,20 @@
 #include "DiskTables.h"
 #include "Failure.h"
 #include "HybridPlan.h"
+#include "HybridView.h"
 #include "LibraryLog.h"
 #include "Text.h"
 
 namespace vorlix::tool {
 namespace {
 
-constexpr size_t kRowSize = 16;
-
 struct HybridOptions {
   HybridRequest request;
   std::string type;
   bool dryRun = false;
+  bool bytes = false;
+  bool json = false;
 };
-
-std::string rowText(const Sector& sector, size_t offset, const Field& unknown) {
-  std::string text;
-  for (size_t i = offset; i < offset + kRowSize; ++i) {
-    const bool isUnknown = i >= unknown.offset && i < unknown.offset + unknown.size;
-    if (i != offset) text += ' ';
-    text += isUnknown ? "??" : hexByte(sector[i]);
-  }
-  return text;
-}
-
-// The rows of 16 bytes that differ, old above new. Bytes that will be random stand as "??".
-void printDifference(const std::string& title, const Sector& before, const Sector& after, const Field& unknown) {
-  std::printf("\n%s\n", printable(title).c_str());
-  for (size_t offset = 0; offset < before.size(); offset += kRowSize) {
-    const std::string from = rowText(before, offset, {});
-    const std::string to = rowText(after, offset, unknown);
-    if (from == to) continue;
-    std::printf("  %03zX  - %s\n       + %s\n", offset, from.c_str(), to.c_str());
-  }
-}
-
-// Says whose boot code will start the active slot, where no file was named.
-template <typename Note>
-void noteBootCode(const HybridPlan& plan, const Note& note) {
-  if (plan.bootCode == BootCodeOrigin::own) {
-    note("sector 0 had no boot code and gets our own, which starts the active slot");
-  } else if (plan.bootCode == BootCodeOrigin::disk && plan.volume) {
-    const bool isOwn = std::ranges::equal(ownBootCode(), Bytes(plan.disk.sector0).first(kPureBootCodeSize));
-    const bool isMissing = lacksDiskBootCode(plan.disk.sector0);
-    if (!isOwn) {
-      note(isMissing ? "sector 0 has no boot code, so the disk starts nothing"
-                     : "sector 0 keeps its boot code; --boot-code replaces it if it does not start the active slot");
-    }
-  }
-}
-
-// What a reader would not expect of a run.
-void printNotes(const HybridPlan& plan) {
-  const auto note = [](const std::string& text) { std::printf("Note       %s\n", printable(text).c_str()); };
-  const Sector& before = plan.disk.sector0;
-  if (!std::equal(before.begin() + 440, before.begin() + 444, plan.newSector0.begin() + 440)) {
-    note("the disk signature at byte 440 now is that of the boot-code file");
-  }
-  noteBootCode(plan, note);
-  if (!plan.volume) return;
-  const VolumePlan& volume = *plan.volume;
-  if (volume.isElsewhere) note(volume.name + " is not on " + plan.disk.device);
-  if (volume.oddity) note(volume.name + " " + *volume.oddity);
-  if (!volume.isPatched) note("the first sector of " + volume.name + " is left as it is");
-  if (volume.lostCopy()) note("the second boot sector is no copy of the first and is left as it is");
-}
-
-void printVolumeDifference(const VolumePlan& volume) {
-  const Field serial = serialField(volume.before);
-  char places[64] = "hidden sectors at 01C";
-  if (serial.size > 0) {
-    std::snprintf(places, sizeof places, "hidden sectors at 01C, serial at %03zX; ?? are random bytes", serial.offset);
-  }
-  printDifference(volume.name + ", boot sector (" + places + "):", volume.before, volume.after, serial);
-  for (const SecondBootSector& second : volume.seconds) {
-    if (!second.isCopy) continue;
-    printDifference(volume.name + ", second boot sector, at byte " + std::to_string(second.offset) + ":", second.now,
-                    volume.after, serial);
-  }
-}
-
-void printDryRun(const HybridPlan& plan) {
-  std::printf("Dry run: nothing is opened for writing.\n");
-  if (!plan.changesMBR() && plan.volume && !plan.changesVolume()) {
-    std::printf("No change is needed; a run would only give the volume a new serial.\n");
-  }
-  if (plan.changesMBR()) {
-    printDifference(plan.disk.device + ", sector 0 (boot code and MBR; " + plan.difference.text() + "):",
-                    plan.disk.sector0, plan.newSector0, {});
-  } else {
-    std::printf("\n%s, sector 0: its slots and boot code are right, it stays as it is.\n",
-                printable(plan.disk.device).c_str());
-  }
-  if (plan.volume && plan.volume->isPatched) printVolumeDifference(*plan.volume);
-  printNotes(plan);
-}
 
 void printDone(const HybridPlan& plan) {
   if (plan.changesMBR()) {
@@ -126,7 +43,7 @@ void printDone(const HybridPlan& plan) {
                   static_cast<unsigned long long>(second.offset));
     }
   }
-  printNotes(plan);
+  printHybridNotes(plan);
 }
 
 // Returns the folder of the backup.
@@ -160,8 +77,13 @@ void addHybridCommand(Command& top, int& status) {
   command.addOption("--start", request.start, "Sector for the hidden-sectors field (default: the first LBA)");
   command.addFlag("--guard", request.guard, "Write a standard guard (protective) MBR; leave the volume alone");
   command.addFlag("--force", request.force, "Go on with a damaged GPT, or a volume or boot code that looks wrong");
-  command.addFlag("--dry-run", options->dryRun, "Show the bytes that would change; open nothing for writing");
+  const Option dryRun =
+      command.addFlag("--dry-run", options->dryRun, "Show what would change; open nothing for writing");
+  command.addFlag("--bytes", options->bytes, "Show the bytes as well").needs(dryRun);
+  command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun);
   const auto backup = addBackupOptions(command);
+  command.setExamples({"vorlix hybrid mac.img --partition 3 --dry-run",
+                       "vorlix hybrid /dev/sda --partition 4 --backup saved", "vorlix hybrid /dev/sda --guard"});
   command.setAction([options, backup, partition, bootCode, &status] {
     if (!partition.isGiven() && !options->request.guard) refuseWithout("--partition");
     if (bootCode.isGiven() && options->request.bootCode.empty()) refuseValue("--boot-code", "names no file");
@@ -169,7 +91,7 @@ void addHybridCommand(Command& top, int& status) {
     options->request.writes = !options->dryRun;
     const HybridPlan plan = planHybrid(options->request);
     if (options->dryRun) {
-      printDryRun(plan);
+      options->json ? printHybridPlanJson(plan) : printHybridPlan(plan, options->bytes);
       status = plan.changesMBR() || plan.changesVolume() ? kChangeNeeded : kDone;
       return;
     }

@@ -14,8 +14,6 @@
 namespace vorlix::tool {
 namespace {
 
-constexpr int kSchema = 1;
-
 Json guidJson(const std::optional<std::array<uint8_t, 16>>& guid) {
   if (!guid) return Json();
   return Json::object({{"text", guidText(guid->data())}, {"raw", rawText(*guid)}});
@@ -23,7 +21,8 @@ Json guidJson(const std::optional<std::array<uint8_t, 16>>& guid) {
 
 void printJson(const std::string& device, const Identity& identity) {
   const Json document = Json::object({
-      {"schema", kSchema},
+      {"version", kJsonVersion},
+      {"schema", kJsonVersion},
       {"device", device},
       {"name", identity.name},
       {"wholeDisk", identity.wholeDisk},
@@ -67,7 +66,8 @@ void addIdentifyCommand(Command& top, int& status) {
   const auto options = std::make_shared<IdentifyOptions>();
   Command command = top.addCommand("identify", "Show what identifies a device to boot code and boot stores");
   command.addOption("DEVICE", options->device, "Disk, slice or disk-image file").required();
-  command.addFlag("--json", options->json, "Print JSON (schema version 1)");
+  command.addFlag("--json", options->json, "Print JSON");
+  command.setExamples({"vorlix identify /dev/sda3", "vorlix identify mac.imgs3 --json"});
   command.setAction([options, &status] {
     const LibraryLog log;
     const Identity identity = identify(options->device);

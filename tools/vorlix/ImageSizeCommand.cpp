@@ -25,6 +25,7 @@
 
 #include "Commands.h"
 #include "Failure.h"
+#include "Json.h"
 #include "LibraryLog.h"
 #include "Text.h"
 
@@ -143,7 +144,7 @@ std::string sizeInWords(long long size) {
   return bytes + " (" + stringWithHumanReadableInt(Number::numberWithLongLong(size)) + ")";
 }
 
-void measureImage(const std::string& file) {
+void measureImage(const std::string& file, bool json) {
   requireReadableFile(file);
   const std::string extension = std::filesystem::path(file).extension();
   if (extension != ".gz" && extension != ".zip") {
@@ -184,23 +185,30 @@ void measureImage(const std::string& file) {
     log.print();
     throw Failure(file, "unpacking reported errors", std::to_string(size) + " bytes were unpacked");
   }
-  std::printf("%s\n", sizeInWords(size).c_str());
+  if (json) {
+    Json::object({{"version", kJsonVersion}, {"file", file}, {"size", size}}).print();
+  } else {
+    std::printf("%s\n", sizeInWords(size).c_str());
+  }
 }
 
 }  // namespace
 
 void addImageSizeCommand(Command& top, int& status) {
   const auto file = std::make_shared<std::string>();
+  const auto json = std::make_shared<bool>(false);
   Command size = top.addCommand("image-size", "Measure the unpacked size of a .gz or .zip disk image");
   size.addOption("FILE", *file, "The image; its name must end in .gz or .zip").required();
+  size.addFlag("--json", *json, "Print JSON");
   size.setFooter(
       "The image is unpacked by gunzip, or by unzip from vorlix's resources or from /usr/bin. The unpacked bytes are\n"
       "counted and not written anywhere. On a terminal, a moving bar shows the activity.\n"
       "Paths that contain \", $, ` or \\, and names of .zip images that contain *, ? or [, are refused.\n"
       "Exit status: 0 success; 2 error, also if the unpacking program reports one, which is shown.\n"
       "The library's log is /tmp/quandrel.log.");
-  size.setAction([file, &status] {
-    measureImage(*file);
+  size.setExamples({"vorlix image-size windows.img.gz"});
+  size.setAction([file, json, &status] {
+    measureImage(*file, *json);
     status = kDone;
   });
 }

@@ -15,6 +15,10 @@
 
 namespace vorlix::tool {
 
+/// The version of the shape of every object that a command prints, its member "version". Members may be added within a
+/// version; docs/json/ has a schema for each command.
+constexpr int kJsonVersion = 1;
+
 /// A value of JSON: null, boolean, number, text, array or object. Objects keep the order in which members were
 /// added.
 class Json {
@@ -84,5 +88,10 @@ class Json {
 
   Value value_;
 };
+
+/// Null for an empty text, which stands for what is not known.
+inline Json knownText(const std::string& text) {
+  return text.empty() ? std::optional<std::string>() : std::optional<std::string>(text);
+}
 
 }  // namespace vorlix::tool

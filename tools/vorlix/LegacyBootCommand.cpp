@@ -12,6 +12,7 @@
 #include "Arbitration.h"
 #include "Commands.h"
 #include "Failure.h"
+#include "Json.h"
 #include "LegacyBootFiles.h"
 #include "Text.h"
 #include "VolumeFolder.h"
@@ -25,6 +26,7 @@ struct LegacyBootOptions {
   std::string volume;
   std::string store;
   bool dryRun = false;
+  bool json = false;
 };
 
 // Windows ignores case in names. On a volume that is not known to ignore case, the set-up would create "boot" beside an
@@ -51,6 +53,22 @@ std::optional<std::string> bootFolderOf(const VolumeFolder& root, bool caseBlind
   return std::nullopt;
 }
 
+void printPlanJson(const std::string& root, const LegacyBootPlan& plan, const std::optional<std::string>& bootFolder) {
+  Json skipped = Json::array();
+  for (const std::string& source : plan.skipped) skipped.append(source);
+  Json items = Json::array();
+  for (const LegacyBootItem& item : plan.items) {
+    items.append(Json::object({{"source", item.source}, {"destination", item.destination}}));
+  }
+  Json::object({{"version", kJsonVersion},
+                {"volume", root},
+                {"changeNeeded", !plan.items.empty()},
+                {"bootFolder", bootFolder},
+                {"missing", std::move(skipped)},
+                {"items", std::move(items)}})
+      .print();
+}
+
 // Returns whether anything was copied, or in a dry run would be copied.
 bool setUp(const LegacyBootOptions& options, const BackupChoice& choice) {
   std::error_code error;
@@ -65,11 +83,19 @@ bool setUp(const LegacyBootOptions& options, const BackupChoice& choice) {
   const bool caseBlind = isCaseBlindMount(path);
   const VolumeFolder root(path, caseBlind);
   if (!options.dryRun) removeLegacyBootLeftovers(root);
-  if (const auto boot = bootFolderOf(root, caseBlind)) {
+  const std::optional<std::string> boot = bootFolderOf(root, caseBlind);
+  if (options.json) {
+    const LegacyBootPlan plan =
+        boot ? LegacyBootPlan() : planLegacyBoot(root, std::filesystem::canonical(options.store).string());
+    printPlanJson(path, plan, boot);
+    return !plan.items.empty();
+  }
+  if (boot) {
     std::printf("%s is already set up (%s exists); nothing was copied\n", printable(path).c_str(),
                 printable(*boot).c_str());
     return false;
   }
+  if (options.dryRun) std::printf("Dry run: nothing is copied.\n");
   std::printf("Setting up legacy booting to %s\n", printable(path).c_str());
   const LegacyBootPlan plan = planLegacyBoot(root, std::filesystem::canonical(options.store).string());
   for (const std::string& source : plan.skipped) {
@@ -91,8 +117,10 @@ void addLegacyBootCommand(Command& top, int& status) {
       top.addCommand("legacy-boot", "Copy the files that a legacy start of Windows needs into place on its volume");
   command.addOption("VOLUME", options->volume, "Folder where the volume is mounted, or its device").required();
   command.addOption("--bcd", options->store, "Boot configuration store to copy to boot/BCD").required();
-  command.addFlag("--dry-run", options->dryRun, "Show what would be copied; copy nothing");
+  const Option dryRun = command.addFlag("--dry-run", options->dryRun, "Show what would be copied; copy nothing");
+  command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun);
   const auto backup = addBackupOptions(command);
+  command.setExamples({"vorlix legacy-boot /mnt/windows --bcd BCD --dry-run"});
   command.setAction([options, backup, &status] {
     const bool changes = setUp(*options, *backup);
     status = options->dryRun && changes ? kChangeNeeded : kDone;

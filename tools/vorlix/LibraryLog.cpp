@@ -11,7 +11,7 @@ namespace {
 
 LogCapture::File chooseFile() {
   if (canOpenLog()) return LogCapture::File::written;
-  complain("the log " + logFilePath() + " cannot be opened; continuing without it");
+  if (isVerbose()) complain("the log " + logFilePath() + " cannot be opened; continuing without it");
   return LogCapture::File::leftAlone;
 }
 

@@ -7,8 +7,8 @@
 
 namespace vorlix::tool {
 
-/// Captures what the library logs while a command calls it. If the log file cannot be opened, prints one warning on
-/// standard error instead of one per message.
+/// Captures what the library logs while a command calls it. If the log file cannot be opened, as when it is another
+/// user's, commands go on without it; only with --verbose is that said, once.
 class LibraryLog {
  public:
   LibraryLog();

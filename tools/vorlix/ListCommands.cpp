@@ -11,6 +11,7 @@
 #include <iterator>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "Commands.h"
 #include "Complaint.h"
@@ -62,7 +63,7 @@ void listVolumes(const ListOptions& options) {
   if (options.json) {
     Json array = Json::array();
     for (const auto& volume : shown) array.append(volumeJson(*volume, all));
-    array.print();
+    Json::object({{"version", kJsonVersion}, {"volumes", std::move(array)}}).print();
   } else if (shown.empty()) {
     std::printf("%s\n", nothingText(options));
   } else {
@@ -70,7 +71,16 @@ void listVolumes(const ListOptions& options) {
   }
 }
 
-int showFound(const std::shared_ptr<QDVolume>& volume, bool json) {
+// The volumes beside the first answer that have the same label. Labels need not be unique.
+Volumes namesakes(const QDVolume& found, const Volumes& all) {
+  Volumes others;
+  for (const auto& volume : chosen(all, {})) {
+    if (volume->diskName() == found.diskName() && volume->device() != found.device()) others.push_back(volume);
+  }
+  return others;
+}
+
+int showFound(const std::shared_ptr<QDVolume>& volume, bool json, bool byLabel = false) {
   if (!volume) {
     if (json) Json().print();
     return kChangeNeeded;
@@ -80,11 +90,20 @@ int showFound(const std::shared_ptr<QDVolume>& volume, bool json) {
     const QuietLibrary quiet;
     all = QDDeviceManager::sharedDeviceManager()->attachedDisks();
   }
+  Volumes others;
+  if (byLabel) others = namesakes(*volume, all);
   if (json) {
-    volumeJson(*volume, all).print();
-  } else {
-    std::fputs(volumeTable({volume}, all).c_str(), stdout);
+    Json object = volumeJson(*volume, all);
+    Json list = Json::array();
+    for (const auto& other : others) list.append(volumeJson(*other, all));
+    object.add("others", std::move(list));
+    object.add("version", kJsonVersion);
+    object.print();
+    return kDone;
   }
+  if (!others.empty()) complain(std::to_string(others.size() + 1) + " volumes have this label; --node names one");
+  others.insert(others.begin(), volume);
+  std::fputs(volumeTable(others, all).c_str(), stdout);
   return kDone;
 }
 
@@ -120,7 +139,7 @@ int findVolume(const FindOptions& options) {
     }
   }
   if (!volume) complain("no FAT, exFAT or NTFS volume with " + what + " is mounted");
-  return showFound(volume, options.json);
+  return showFound(volume, options.json, !options.label.empty());
 }
 
 // Hears why there is no answer: none, and more than one, are both no volume.
@@ -160,6 +179,7 @@ void addListCommands(Command& top, int& status) {
   list.addFlag("--windows", listing->windowsOnly, "Only those with Windows or its installer");
   list.addFlag("--all", listing->all, "Volumes of every kind");
   list.addFlag("--json", listing->json, "As JSON");
+  list.setExamples({"vorlix list --windows", "vorlix list --all --json"});
   list.setAction([listing, &status] {
     complainOfLeftMirrors();
     listVolumes(*listing);
@@ -173,6 +193,7 @@ void addListCommands(Command& top, int& status) {
   const Option node = find.addOption("--node", finding->node, "By its device; also beside --media-uuid");
   label.excludes(uuid).excludes(node);
   find.addFlag("--json", finding->json, "As JSON");
+  find.setExamples({"vorlix find --label BOOTCAMP", "vorlix find --node /dev/sda3"});
   find.setAction([finding, &status] {
     if (finding->label.empty() && finding->mediaUUID.empty() && finding->node.empty()) {
       refuseWithout("--label, --media-uuid or --node");
@@ -183,6 +204,7 @@ void addListCommands(Command& top, int& status) {
   const auto json = std::make_shared<bool>(false);
   Command bootCamp = top.addCommand("boot-camp", "Show the one Windows volume of this machine's own disks");
   bootCamp.addFlag("--json", *json, "As JSON");
+  bootCamp.setExamples({"vorlix boot-camp"});
   bootCamp.setAction([json, &status] { status = showBootCamp(*json); });
 }
 

@@ -20,6 +20,7 @@
 #include "Commands.h"
 #include "Complaint.h"
 #include "Failure.h"
+#include "Json.h"
 #include "Text.h"
 
 namespace vorlix::tool {
@@ -31,12 +32,20 @@ constexpr size_t kBlock = 64 * 1024;
 struct LogOptions {
   unsigned lines = 10;
   bool once = false;
+  bool json = false;
 };
 
 // Prints log text on standard output. Makes it printable first, because messages may contain names from a disk.
 class LogView {
  public:
+  /// @param collected  gets the text instead of standard output, as it is, unless it is null
+  explicit LogView(std::string* collected) : collected_(collected) {}
+
   void show(std::string_view added) {
+    if (collected_ != nullptr) {
+      collected_->append(added);
+      return;
+    }
     std::string text = std::move(held_);
     text += added;
     held_.clear();
@@ -51,6 +60,7 @@ class LogView {
   }
 
  private:
+  std::string* collected_;
   std::string held_;
 };
 
@@ -145,10 +155,24 @@ void follow(const std::string& path, std::unique_ptr<LogFile> file, LogView& vie
   }
 }
 
+void printLinesJson(const std::string& path, const std::string& text) {
+  Json lines = Json::array();
+  for (size_t start = 0; start < text.size();) {
+    const size_t end = std::min(text.find('\n', start), text.size());
+    lines.append(text.substr(start, end - start));
+    start = end + 1;
+  }
+  Json::object({{"version", kJsonVersion}, {"file", path}, {"lines", std::move(lines)}}).print();
+}
+
 void showLog(const LogOptions& options) {
   const std::string path = logFilePath();
-  LogView view;
+  std::string text;
+  LogView view(options.json ? &text : nullptr);
   auto file = LogFile::open(path);
+  if (file && access(path.c_str(), W_OK) != 0) {
+    complain(path + ": nothing that you run is logged here, because you may not write to it");
+  }
   if (file) {
     file->seekLastLines(options.lines);
     file->showRest(view);
@@ -157,6 +181,7 @@ void showLog(const LogOptions& options) {
   } else {
     complain(path + ": the log does not exist yet; waiting for it");
   }
+  if (options.json) printLinesJson(path, text);
   if (!options.once) follow(path, std::move(file), view);
 }
 
@@ -166,7 +191,9 @@ void addLogCommand(Command& top, int& status) {
   const auto options = std::make_shared<LogOptions>();
   Command log = top.addCommand("log", "Show the end of the library's log and follow it");
   log.addOption("--lines", options->lines, "Number of existing lines to show first").showDefault();
-  log.addFlag("--once", options->once, "Show the lines and exit; do not follow the log");
+  const Option once = log.addFlag("--once", options->once, "Show the lines and exit; do not follow the log");
+  log.addFlag("--json", options->json, "Show them as JSON").needs(once);
+  log.setExamples({"vorlix log --once", "vorlix log --lines 100"});
   log.setAction([options, &status] {
     showLog(*options);
     status = kDone;

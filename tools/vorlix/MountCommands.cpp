@@ -59,6 +59,7 @@ void addMountCommands(Command& top, int& status) {
   const Option reading = mount.addFlag("--read-only", mounting->readOnly, "For reading; no byte of the disk changes");
   mount.addFlag("--read-write", mounting->readWrite, "For reading and writing, hidden from the desktop")
       .excludes(reading);
+  mount.setExamples({"vorlix mount --read-only mac.imgs1", "vorlix mount /dev/sda1"});
   mount.setAction([mounting, &status] {
     const MountFor otherwise = mounting->readWrite ? MountFor::writing : MountFor::any;
     mountAndTell(mounting->device, mounting->readOnly ? MountFor::reading : otherwise);
@@ -72,6 +73,7 @@ void addMountCommands(Command& top, int& status) {
   unmount.addFlag("--discard", *discards,
                   "Throw away what was changed in the folder that stands for a FAT volume, and the folder; DEVICE may "
                   "be that folder or its name");
+  unmount.setExamples({"vorlix unmount mac.imgs1"});
   unmount.setAction([unmounting, discards, &status] {
     if (*discards) {
       discardMirror(unmounting->device);
@@ -83,15 +85,18 @@ void addMountCommands(Command& top, int& status) {
 
   Command efi = top.addCommand("efi", "Mount or unmount the EFI System Partition of a disk (slice 1)");
   efi.requireCommand();
+  efi.setExamples({"vorlix efi mount /dev/sda", "vorlix efi unmount /dev/sda"});
   const auto disk = std::make_shared<std::string>();
   Command efiMount = efi.addCommand("mount", "Mount it and print where");
   efiMount.addOption("DISK", *disk, "Whole disk or disk-image file").required();
+  efiMount.setExamples({"vorlix efi mount mac.img"});
   efiMount.setAction([disk, &status] {
     mountAndTell(efiSlice(*disk), MountFor::any);
     status = kDone;
   });
   Command efiUnmount = efi.addCommand("unmount", "Unmount it");
   efiUnmount.addOption("DISK", *disk, "Whole disk or disk-image file").required();
+  efiUnmount.setExamples({"vorlix efi unmount mac.img"});
   efiUnmount.setAction([disk, &status] {
     unmountOrFail(efiSlice(*disk));
     status = kDone;

@@ -102,7 +102,8 @@ void Progress::tellPeople(double rate, double secondsLeft) {
 }
 
 void Progress::tellJson(double rate, double secondsLeft) const {
-  Json::object({{"phase", phase_},
+  Json::object({{"version", kJsonVersion},
+                {"phase", phase_},
                 {"done", done_},
                 {"total", total_},
                 {"bytesPerSecond", static_cast<uint64_t>(rate)},

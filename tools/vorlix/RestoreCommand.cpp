@@ -17,10 +17,12 @@
 #include "DeviceChanges.h"
 #include "Failure.h"
 #include "Identity.h"
+#include "Json.h"
 #include "LibraryLog.h"
 #include "Progress.h"
 #include "RestorePreparation.h"
 #include "RestoreStart.h"
+#include "RestoreView.h"
 #include "Text.h"
 
 namespace vorlix::tool {
@@ -35,6 +37,7 @@ struct RestoreOptions {
   bool yes = false;
   bool dryRun = false;
   bool noVerify = false;
+  bool json = false;
   ProgressForm progress = ProgressForm::people;
 };
 
@@ -318,6 +321,10 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
   RestoreRequest& request = options.request;
   const std::string volume = sliceNameOf(bsdNameOf(request.disk), request.partition);
   if (const auto folder = interruptedRestoreOf(request, volume)) {
+    if (options.json) {
+      Json::object({{"version", kJsonVersion}, {"resumes", nameOfJournal(*folder)}}).print();
+      return kChangeNeeded;
+    }
     if (options.dryRun) {
       std::fprintf(textOutput(options.progress), "Dry run: `vorlix restore --resume %s` goes on with this restore.\n",
                    nameOfJournal(*folder).c_str());
@@ -332,6 +339,10 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
   request.writes = isStream && !options.dryRun;
   RestorePreparation prepared = prepareRestore(request);
   if (prepared.image) request.scratch = scratchFor(request, *prepared.image, prepared.volumeSize);
+  if (options.json) {
+    printRestorePlanJson(request, prepared);
+    return kChangeNeeded;
+  }
   printPlan(options, prepared);
   if (options.dryRun) {
     std::fprintf(textOutput(options.progress), "Dry run: nothing is written.\n");
@@ -379,7 +390,9 @@ void addRestoreCommand(Command& top, int& status) {
   const Option resuming =
       command.addOption("--resume", options->resume, "Go on with an interrupted restore; SOURCE if it has moved");
   command.addFlag("--yes", options->yes, "Do not ask");
-  command.addFlag("--dry-run", options->dryRun, "Check everything and show the plan; write nothing");
+  const Option dryRun =
+      command.addFlag("--dry-run", options->dryRun, "Check everything and show the plan; write nothing");
+  command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun).excludes(resuming);
   command.addFlag("--no-verify", options->noVerify, "Do not read the content back");
   command.addFlag("--force", request.force, "Go on with a damaged GPT, another type of partition or an odd source");
   addProgressOption(command, options->progress);
@@ -387,6 +400,8 @@ void addRestoreCommand(Command& top, int& status) {
   command.setFooter(
       "Exit status: 0 the disk starts as far as can be told (with --start none: the volume is restored),\n"
       "1 restored, but something that a start needs is missing, 2 error.");
+  command.setExamples({"vorlix restore windows.img.xz mac.img --partition 3 --dry-run",
+                       "vorlix restore saved /dev/sda --partition 4 --yes"});
   command.setAction([options, backup, resuming, &status] {
     RestoreRequest& wanted = options->request;
     const std::string& start = options->start;

@@ -84,6 +84,7 @@ void addRunCommand(Command& top, int& status) {
       "running then gets SIGTERM. The status shown is the program's exit status, or the number of the signal that\n"
       "ended it.\n"
       "Exit status: 0 the program's status is 0, 1 it is another one, 2 the program could not be started.");
+  run.setExamples({"vorlix run -- /bin/ls -l"});
   run.setAction([run, program, &status] {
     std::vector<std::string> command = run.rest();
     if (!command.empty() && command.front() == "--") command.erase(command.begin());

@@ -12,12 +12,11 @@
 #include "DiskTables.h"
 #include "Failure.h"
 #include "Json.h"
+#include "SlotJson.h"
 #include "Text.h"
 
 namespace vorlix::tool {
 namespace {
-
-constexpr int kSchema = 1;
 
 std::string chsText(unsigned cylinder, unsigned head, unsigned sector) {
   return std::to_string(cylinder) + "/" + std::to_string(head) + "/" + std::to_string(sector);
@@ -64,22 +63,6 @@ class Comparison {
   const DiskTables& disk_;
   PartitionTable hybrid_;
 };
-
-Json placeJson(unsigned cylinder, unsigned head, unsigned sector) {
-  return Json::object({{"cylinder", cylinder}, {"head", head}, {"sector", sector}});
-}
-
-Json slotJson(const MBRPartitionEntry& slot) {
-  return Json::object({
-      {"active", slot.flag == 0x80},
-      {"type", hexByte(slot.type)},
-      {"typeName", mbrTypeName(slot.type)},
-      {"firstLBA", slot.lba},
-      {"sectors", slot.size},
-      {"start", placeJson(slot.start_track, slot.start_head, slot.start_sector)},
-      {"end", placeJson(slot.end_track, slot.end_head, slot.end_sector)},
-  });
-}
 
 Json mbrJson(const DiskTables& disk) {
   const Comparison comparison(disk);
@@ -143,7 +126,8 @@ Json damageJson(const DiskTables& disk) {
 
 void printJson(const DiskTables& disk) {
   const Json document = Json::object({
-      {"schema", kSchema},
+      {"version", kJsonVersion},
+      {"schema", kJsonVersion},
       {"disk", disk.device},
       {"size", disk.size},
       {"blockSize", disk.blockSize},
@@ -237,7 +221,8 @@ void addShowCommand(Command& top, int& status) {
   const auto options = std::make_shared<ShowOptions>();
   Command command = top.addCommand("show", "Show a disk's MBR and GPT and how the two agree");
   command.addOption("DISK", options->disk, "Disk or disk-image file").required();
-  command.addFlag("--json", options->json, "Print JSON (schema version 1)");
+  command.addFlag("--json", options->json, "Print JSON");
+  command.setExamples({"vorlix show /dev/sda", "vorlix show mac.img --json"});
   command.setAction([options, &status] {
     const DiskTables disk = readTables(options->disk);
     options->json ? printJson(disk) : printText(disk);

@@ -18,6 +18,7 @@
 #include "Complaint.h"
 #include "DiskTables.h"
 #include "Failure.h"
+#include "Json.h"
 #include "Volumes.h"
 
 namespace vorlix::tool {
@@ -31,6 +32,7 @@ struct StartupOptions {
   std::string type;
   bool permanent = false;
   bool dryRun = false;
+  bool json = false;
 };
 
 const std::map<std::string, uint32_t> kTypes = {
@@ -128,6 +130,10 @@ void selectStartupDisk(const StartupOptions& options) {
   }
   if (!accepted) throw Failure(options.device, "its name contains characters that a shell would interpret", kUnchanged);
   if (!shell->command()) throw Failure(options.device, "only root as the real user can do this", kUnchanged);
+  if (options.dryRun && options.json) {
+    Json::object({{"version", kJsonVersion}, {"device", options.device}, {"command", *shell->command()}}).print();
+    return;
+  }
   if (options.dryRun) {
     std::printf("%s\n", shell->command()->c_str());
     return;
@@ -151,7 +157,10 @@ void addStartupDiskCommand(Command& top, int& status) {
   startup.addOption("--type", options->type, "legacy, efi, mac or volume-efi; default: detected from the disk")
       .oneOf(typeNames());
   startup.addFlag("--permanent", options->permanent, "For every start, not only the next one");
-  startup.addFlag("--dry-run", options->dryRun, "Show the command that would be run; run nothing");
+  const Option dryRun =
+      startup.addFlag("--dry-run", options->dryRun, "Show the command that would be run; run nothing");
+  startup.addFlag("--json", options->json, "Show it as JSON").needs(dryRun);
+  startup.setExamples({"vorlix startup-disk mac.imgs3 --type legacy --dry-run"});
   startup.setAction([options, &status] {
     selectStartupDisk(*options);
     status = kDone;

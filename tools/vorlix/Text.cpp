@@ -7,7 +7,10 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <optional>
 #include <utility>
+
+#include "Terminal.h"
 
 namespace vorlix::tool {
 namespace {
@@ -66,6 +69,68 @@ constexpr NamedMBRType kMBRTypes[] = {
 size_t width(const std::string& text) {
   return static_cast<size_t>(
       std::count_if(text.begin(), text.end(), [](char byte) { return (static_cast<uint8_t>(byte) & 0xC0) != 0x80; }));
+}
+
+constexpr size_t kNarrowestColumn = 10;
+
+// Divides text into lines of at most `limit` characters, at spaces where there are any.
+std::vector<std::string> wrapped(std::string text, size_t limit) {
+  std::vector<std::string> lines;
+  while (width(text) > limit) {
+    size_t end = 0;
+    for (size_t count = 0; count <= limit; ++end) {
+      if ((static_cast<uint8_t>(text[end]) & 0xC0) != 0x80 && ++count > limit) break;
+    }
+    const size_t space = text.rfind(' ', end);
+    const bool hasSpace = space != std::string::npos && space > 0;
+    lines.push_back(text.substr(0, hasSpace ? space : end));
+    text.erase(0, hasSpace ? space + 1 : end);
+  }
+  lines.push_back(std::move(text));
+  return lines;
+}
+
+// Narrows columns of text until the table fits the terminal, if there is one. @return the space between columns.
+size_t fit(std::vector<size_t>& widths, const std::string& alignment) {
+  constexpr size_t kGap = 2;
+  const std::optional<size_t> available = outputWidth();
+  size_t total = widths.empty() ? 0 : (widths.size() - 1) * kGap;
+  for (const size_t column : widths) total += column;
+  if (!available || total <= *available) return kGap;
+  total -= widths.size() - 1;
+  while (total > *available) {
+    size_t widest = widths.size();
+    for (size_t i = 0; i < widths.size(); ++i) {
+      const bool isNarrower = alignment[i] != 'l' || widths[i] <= kNarrowestColumn;
+      if (!isNarrower && (widest == widths.size() || widths[i] > widths[widest])) widest = i;
+    }
+    if (widest == widths.size()) break;
+    --widths[widest];
+    --total;
+  }
+  return 1;
+}
+
+std::string tableRowText(const std::vector<std::string>& row, const std::vector<size_t>& widths,
+                         const std::string& alignment, size_t gap) {
+  std::vector<std::vector<std::string>> cells;
+  size_t height = 1;
+  for (size_t i = 0; i < row.size(); ++i) {
+    cells.push_back(wrapped(row[i], std::max<size_t>(widths[i], 1)));
+    height = std::max(height, cells.back().size());
+  }
+  std::string text;
+  for (size_t number = 0; number < height; ++number) {
+    std::string line;
+    for (size_t i = 0; i < cells.size(); ++i) {
+      const std::string cell = number < cells[i].size() ? cells[i][number] : "";
+      const std::string padding(widths[i] - width(cell), ' ');
+      line += std::string(i == 0 ? 0 : gap, ' ') + (alignment[i] == 'r' ? padding + cell : cell + padding);
+    }
+    line.erase(line.find_last_not_of(' ') + 1);
+    text += line + "\n";
+  }
+  return text;
 }
 
 }  // namespace
@@ -165,17 +230,20 @@ std::string tableText(const std::vector<std::vector<std::string>>& rows, const s
   for (const auto& row : rows) {
     for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width(row[i]));
   }
+  const size_t gap = fit(widths, alignment);
   std::string text;
-  for (const auto& row : rows) {
-    std::string line;
-    for (size_t i = 0; i < row.size(); ++i) {
-      const std::string padding(widths[i] - width(row[i]), ' ');
-      line += (i == 0 ? "" : "  ") + (alignment[i] == 'r' ? padding + row[i] : row[i] + padding);
-    }
-    line.erase(line.find_last_not_of(' ') + 1);
-    text += line + "\n";
-  }
+  for (const auto& row : rows) text += tableRowText(row, widths, alignment, gap);
   return text;
+}
+
+std::string hangingText(const std::string& text, size_t indent) {
+  const std::optional<size_t> available = outputWidth();
+  if (!available || *available < indent + kNarrowestColumn) return text;
+  std::string result;
+  for (const std::string& line : wrapped(text, *available - indent)) {
+    result += (result.empty() ? "" : "\n" + std::string(indent, ' ')) + line;
+  }
+  return result;
 }
 
 }  // namespace vorlix::tool

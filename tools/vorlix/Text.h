@@ -42,8 +42,12 @@ std::string printable(const std::string& text);
 /// Does the same, but keeps line feeds and tabs.
 std::string printableLines(const std::string& text);
 
-/// Formats rows as a table. Each column is as wide as its widest cell. `alignment` has one character per column: 'r'
-/// for right, 'l' for left.
+/// Formats rows as a table for standard output. Each column is as wide as its widest cell. On a terminal with fewer
+/// columns, cells that are aligned to the left continue on further lines; nothing is left out. `alignment` has one
+/// character per column: 'r' for right, 'l' for left.
 std::string tableText(const std::vector<std::vector<std::string>>& rows, const std::string& alignment);
+
+/// Returns text that starts at column `indent` of a line. On a terminal, it continues there on further lines.
+std::string hangingText(const std::string& text, size_t indent);
 
 }  // namespace vorlix::tool

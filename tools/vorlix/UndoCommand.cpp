@@ -103,12 +103,36 @@ void printList(bool json) {
         {{"name", name}, {"folder", folder}, {"title", kept.title}, {"begun", kept.begun}, {"state", state.code}}));
   }
   if (json) {
-    Json::object({{"version", 1}, {"changes", std::move(changes)}}).print();
+    Json::object({{"version", kJsonVersion}, {"changes", std::move(changes)}}).print();
   } else if (rows.size() == 1) {
     std::printf("There are no backups.\n");
   } else {
     std::printf("%s", tableText(rows, "lll").c_str());
   }
+}
+
+void printDryRunJson(const std::string& title, const std::string& lost, const DiskChange& change,
+                     const std::vector<FileUndo::Step>& steps) {
+  Json bytes = Json::array();
+  for (const DeviceChange& device : change.devices) {
+    for (const ByteChange& run : device.bytes) {
+      bytes.append(Json::object({{"device", device.device},
+                                 {"reason", run.reason},
+                                 {"offset", run.offset},
+                                 {"rows", differenceJson(run.before, run.after, run.offset)}}));
+    }
+  }
+  Json files = Json::array();
+  for (const FileUndo::Step& step : steps) {
+    files.append(Json::object({{"path", step.path}, {"action", step.file->before ? "restore" : "remove"}}));
+  }
+  Json::object({{"version", kJsonVersion},
+                {"title", title},
+                {"changeNeeded", !change.empty() || !steps.empty()},
+                {"lost", knownText(lost)},
+                {"changes", std::move(bytes)},
+                {"files", std::move(files)}})
+      .print();
 }
 
 void printDryRun(const DeviceUndo& devices, const FileUndo& files) {
@@ -152,6 +176,10 @@ void abandon(const UndoOptions& options, const std::string& folder) {
   const DiskChange structures = journal->structures();
   const std::string volume = structures.devices[journal->origin().device].device;
   const bool isContentLost = !journal->pieces().empty();
+  if (options.dryRun && options.json) {
+    printDryRunJson(structures.title, isContentLost ? volume : "", structures, {});
+    return;
+  }
   if (options.dryRun) {
     std::printf("Dry run: %s would be given up, and its boot sectors and sector 0 restored.\n",
                 printable(structures.title).c_str());
@@ -181,7 +209,9 @@ bool undo(const UndoOptions& options, const BackupChoice& choice) {
   DeviceUndo devices(kept, options.on, !options.dryRun);
   FileUndo files(kept, options.on);
   const bool isNeeded = !devices.change().empty() || !files.steps().empty();
-  if (!isNeeded) {
+  if (options.dryRun && options.json) {
+    printDryRunJson(kept.title, kept.lost, devices.change(), files.steps());
+  } else if (!isNeeded) {
     std::printf("Nothing to undo: the old content of %s is there\n", printable(kept.title).c_str());
   } else if (options.dryRun) {
     printDryRun(devices, files);
@@ -211,10 +241,12 @@ void addUndoCommand(Command& top, int& status) {
                     "The whole disk, or for files the volume, that was changed (default: the name that it had then)");
   command.addFlag("--dry-run", options->dryRun, "Show what would be restored; open no disk for writing");
   const Option list = command.addFlag("--list", options->list, "List the backups in the user's state folder");
-  command.addFlag("--json", options->json, "List them as JSON").needs(list);
+  command.addFlag("--json", options->json, "With --list or --dry-run: print JSON");
   journal.excludes(list);
   const auto backup = addBackupOptions(command);
+  command.setExamples({"vorlix undo --list", "vorlix undo 2026 --dry-run"});
   command.setAction([options, backup, &status] {
+    if (options->json && !options->list && !options->dryRun) refuseWithout("--list or --dry-run");
     if (options->list) {
       const LibraryLog log;
       printList(options->json);

@@ -90,7 +90,10 @@ int showWindows(const std::string& volume, bool json) {
   }
   if (json) {
     Json object = Json::object();
-    for (const Row& row : kRows) object.add(row.key, version.text(row.key));
+    object.add("version", kJsonVersion);
+    for (const Row& row : kRows) {
+      object.add(row.key, knownText(version.text(row.key).value_or("")));
+    }
     object.print();
   } else {
     for (const Row& row : kRows) {
@@ -102,8 +105,7 @@ int showWindows(const std::string& volume, bool json) {
   }
   if (!version.text("product").value_or("").empty()) return kDone;
   const bool hasTool = companionProgram("registry_lookup").has_value();
-  throw Failure(volume, hasTool ? "its registry has no product name" : "registry_lookup is not installed",
-                "nothing was changed");
+  throw Failure(volume, hasTool ? "its registry has no product name" : "registry_lookup is not installed");
 }
 
 }  // namespace
@@ -117,6 +119,7 @@ void addWindowsCommand(Command& top, int& status) {
   windows.setFooter(
       "A FAT or NTFS volume need not be mounted (Linux): its files are read from its bytes. Nothing is written.\n"
       "Exit status: 0 success, 1 no Windows, 2 error.");
+  windows.setExamples({"vorlix windows mac.imgs3", "vorlix windows /mnt/windows --json"});
   windows.setAction([volume, json, &status] { status = showWindows(*volume, *json); });
 }
 

@@ -18,6 +18,7 @@
 #include "Failure.h"
 #include "FileReplacement.h"
 #include "Identity.h"
+#include "Json.h"
 #include "MountedSlice.h"
 #include "StartVolumeFiles.h"
 #include "StoreText.h"
@@ -136,6 +137,32 @@ void printDryRun(const StartVolumes& volumes, const StartFilesPlan& plan) {
   printObjects(plan, volumes.targets);
 }
 
+Json textsJson(const std::vector<std::string>& texts) {
+  Json array = Json::array();
+  for (const std::string& text : texts) array.append(text);
+  return array;
+}
+
+void printStartDryRunJson(const StartVolumes& volumes, const StartFilesPlan& plan) {
+  Json files = Json::array();
+  for (const StartFile& file : plan.files) {
+    files.append(Json::object({{"path", file.path},
+                               {"source", knownText(file.source)},
+                               {"size", file.bytes.size()},
+                               {"replaces", file.before.has_value()}}));
+  }
+  Json::object({{"version", kJsonVersion},
+                {"windows", volumes.windows},
+                {"system", volumes.system},
+                {"changeNeeded", !plan.isEmpty()},
+                {"folders", textsJson(plan.folders)},
+                {"files", std::move(files)},
+                {"present", plan.present},
+                {"kept", textsJson(plan.kept)},
+                {"store", plan.store}})
+      .print();
+}
+
 // Bytes that a volume gives to a file. NTFS and FAT have the two numbers in one place.
 uint64_t clusterSizeOf(const std::string& slice) {
   constexpr uint64_t kLargestCluster = 65536;
@@ -242,7 +269,7 @@ int putWindowsStart(const WindowsStartOptions& options) {
   const StartVolumes volumes = volumesOf(options);
   if (options.dryRun) {
     const StartFilesPlan plan = planOf(options, volumes);
-    printDryRun(volumes, plan);
+    options.json ? printStartDryRunJson(volumes, plan) : printDryRun(volumes, plan);
     return plan.isEmpty() ? kDone : kChangeNeeded;
   }
   finishInterruptedChanges(volumes.system);

@@ -20,6 +20,7 @@ struct WindowsStartOptions {
   StartFirmware firmware = StartFirmware::efi;
   std::string description = "Windows";
   bool dryRun = false;
+  bool json = false;  ///< of a dry run
   bool force = false;
   std::shared_ptr<BackupChoice> backup;
   std::FILE* output = stdout;

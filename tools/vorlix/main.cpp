@@ -91,6 +91,7 @@ int main(int argc, char** argv) {
       "The library's log is /tmp/quandrel.log.");
 
   int status = kDone;
+  line.top().addFlag("--verbose", isVerbose(), "Say also when the library's log cannot be written");
   addCommands(line.top(), status, std::vector<std::string_view>(argv + std::min(argc, 1), argv + argc));
   try {
     if (const std::optional<int> ended = line.run(argc, argv)) return *ended;

@@ -1,0 +1,196 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What the command line says to people: mistyped words, tables on terminals and in pipes, colours, examples, the log."""
+
+import contextlib
+import fcntl
+import os
+import pty
+import re
+import struct
+import subprocess
+import termios
+import unittest
+
+from support import gpt, images
+
+LOG = "/tmp/quandrel.log"
+ESCAPE = re.compile("\x1b\\[[0-9;]*m")
+
+
+class WordsTest(images.CommandTest):
+    def on_terminal(self, *arguments, columns=80, environment=None):
+        """Runs the command line on a terminal. Returns its output and its exit status."""
+        controller, terminal = pty.openpty()
+        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        settings = {**os.environ, "TERM": "xterm", **(environment or {})}
+        if "NO_COLOR" not in (environment or {}):
+            settings.pop("NO_COLOR", None)
+        with subprocess.Popen([self.vorlix, *map(str, arguments)], stdin=subprocess.DEVNULL, stdout=terminal,
+                              stderr=subprocess.DEVNULL, env=settings) as process:
+            os.close(terminal)
+            output = b""
+            with contextlib.suppress(OSError):  # the terminal is gone with its last process
+                while piece := os.read(controller, 65536):
+                    output += piece
+        os.close(controller)
+        return output.decode().replace("\r\n", "\n"), process.returncode
+
+    def mac(self, name="mac.img"):
+        """An image of 64 MiB with a GPT of three entries, made by sgdisk."""
+        path = self.path(name)
+        with open(path, "xb") as file:
+            file.truncate(64 << 20)
+        images.run_tool("sgdisk", "-n", "1:2048:+8M", "-t", "1:EF00", "-c", "1:EFI", "-n", "2:0:+8M", "-t", "2:AF0A",
+                        "-c", "2:A long name of thirty-six characters", "-n", "3:0:0", "-t", "3:0700", "-c", "3:BOOTCAMP", path)
+        return path
+
+
+class Mistyped(WordsTest):
+    def assert_said(self, arguments, text):
+        result = self.vorlix_run(*arguments)
+        self.assertEqual((result.returncode, result.stdout), (2, ""))
+        self.assertEqual(result.stderr, f"vorlix: {text}\nRun with --help for more information.\n")
+
+    def test_a_mistyped_command_is_named_with_the_one_that_was_meant(self):
+        for typed, meant in (("shwo", "show"), ("chekc", "check"), ("hybird", "hybrid"), ("ident", "identify"),
+                             ("umount", "unmount"), ("lst", "list")):
+            with self.subTest(typed=typed):
+                self.assert_said([typed], f"no command '{typed}'; did you mean '{meant}'?")
+        self.assert_said(["archive", "shwo", "x"], "no command 'archive shwo'; did you mean 'archive show'?")
+
+    def test_what_is_near_to_nothing_gets_no_suggestion(self):
+        for typed in ("frobnicate", "x", "\u0436\u0436\u0436\u0436\u0436\u0436\u0436\u0436"):
+            self.assert_said([typed], f"no command '{typed}'")
+        self.assert_said(["a\x1b[31m"], "no command 'a?[31m'")
+
+    def test_a_mistyped_option(self):
+        self.assert_said(["show", "disk", "--jsno"], "no option '--jsno'; did you mean '--json'?")
+        self.assert_said(["show", "--jsno"], "no option '--jsno'; did you mean '--json'?")
+        self.assert_said(["hybrid", "disk", "--partion=3"], "no option '--partion'; did you mean '--partition'?")
+        self.assert_said(["show", "disk", "--frobnicate"], "no option '--frobnicate'")
+        self.assert_said(["--vresion"], "no option '--vresion'; did you mean '--version'?")
+
+    def test_what_is_missing_is_said_as_before(self):
+        result = self.vorlix_run("show")
+        self.assertIn("DISK is required", result.stderr)
+        self.assertNotIn("did you mean", result.stderr)
+
+
+class Screens(WordsTest):
+    def test_tables_fit_the_terminal_and_lose_nothing(self):
+        path = self.mac()
+        whole = self.vorlix_ok("show", path).stdout
+        self.assertTrue(any(len(line) > 80 for line in whole.splitlines()), "the table is too narrow for this test")
+        for columns in (80, 100):
+            text, status = self.on_terminal("show", path, columns=columns)
+            self.assertEqual(status, 0)
+            tables = text[text.index("\n\n"):]
+            self.assertLessEqual(max(map(len, tables.splitlines())), columns)
+            letters = re.sub(r"\s", "", whole)
+            self.assertEqual(sorted(re.sub(r"\s", "", text)), sorted(letters))
+
+    def test_a_wide_terminal_shows_what_a_pipe_gets(self):
+        path = self.mac()
+        self.assertEqual(self.on_terminal("show", path, columns=300)[0], self.vorlix_ok("show", path).stdout)
+
+    def test_colours_only_on_a_terminal_and_not_with_no_color(self):
+        path = self.mac()
+        plain = self.vorlix_run("check", path, "--partition", "3").stdout
+        self.assertIn("change", plain)
+        self.assertNotIn("\x1b", plain)
+        text, status = self.on_terminal("check", path, "--partition", "3", columns=1000)
+        self.assertEqual(status, 1)
+        self.assertIn("\x1b[31mchange\x1b[0m", text)
+        self.assertEqual(ESCAPE.sub("", text), plain)
+        for environment in ({"NO_COLOR": "1"}, {"TERM": "dumb"}, {"TERM": ""}):
+            text, _ = self.on_terminal("check", path, "--partition", "3", columns=1000, environment=environment)
+            self.assertEqual(text, plain, environment)
+        self.assertIn("\x1b", self.on_terminal("check", path, "--partition", "3", environment={"NO_COLOR": ""})[0])
+
+    def test_findings_continue_below_their_text(self):
+        text, _ = self.on_terminal("check", self.mac(), "--partition", "3", columns=60)
+        lines = [line for line in ESCAPE.sub("", text).splitlines() if "to mend:" not in line]
+        self.assertLessEqual(max(map(len, lines)), 60)
+
+
+class Help(WordsTest):
+    def commands(self, *path):
+        """The commands that the help text of a command lists."""
+        text = self.vorlix_ok(*path, "--help").stdout
+        section = re.search(r"(?ms)^Subcommands:\n(.*?)(?:\n\n|\Z)", text)
+        names = re.findall(r"(?m)^  ([a-z][a-z-]*)", section.group(1)) if section else []
+        return [(*path, name) for name in names]
+
+    def test_every_command_has_examples(self):
+        commands = self.commands()
+        self.assertGreater(len(commands), 20)
+        for command in commands + [below for command in commands for below in self.commands(*command)]:
+            with self.subTest(command=command):
+                text = self.vorlix_ok(*command, "--help").stdout
+                self.assertRegex(text, rf"(?m)^Examples:\n  vorlix {' '.join(command)}\b")
+
+
+class Messages(WordsTest):
+    def test_looking_says_nothing_of_writing(self):
+        missing = self.path("missing.img")
+        for command in ("show", "check", "identify", "boot-type", "windows", "bootable", "image-size"):
+            with self.subTest(command=command):
+                result = self.vorlix_run(command, missing)
+                self.assertEqual(result.returncode, 2)
+                self.assertNotIn("written", result.stderr)
+        self.assertIn("; nothing was written", self.vorlix_run("hybrid", missing, "--partition", "3").stderr)
+
+    def test_a_truncated_image_is_called_truncated(self):
+        path = self.mac()
+        os.truncate(path, 32 << 20)
+        for command in ("show", "check"):
+            self.assertIn("truncated", self.vorlix_run(command, path).stdout)
+        os.truncate(path, 100)
+        for command in ("show", "check", "boot-type"):
+            self.assertIn("truncated", self.vorlix_run(command, path).stderr)
+
+    @unittest.skipUnless(os.geteuid() == 0, "only root can run commands as another user than the log's owner")
+    def test_a_log_of_another_user_is_mentioned_when_that_is_asked_for(self):
+        path = self.mac()
+        os.chmod(self.folder, 0o755)
+        with open(LOG, "a", encoding="utf-8"):
+            pass
+        status = os.stat(LOG)
+        if status.st_uid == images.NOBODY or status.st_mode & 0o002:
+            self.skipTest(f"{LOG} can be written by the other user")
+        user = ["setpriv", f"--reuid={images.NOBODY}", f"--regid={images.NOBODY}", "--clear-groups"]
+        if self.vorlix_run("--version", prefix=user).returncode != 0:
+            self.skipTest("the other user may not run the program")
+        self.assertEqual(self.vorlix_run("identify", path, prefix=user).stderr, "")
+        self.assertEqual(self.vorlix_run("--verbose", "identify", path, prefix=user).stderr,
+                         f"vorlix: the log {LOG} cannot be opened; continuing without it\n")
+        self.assertIn("you may not write to it", self.vorlix_run("log", "--once", prefix=user).stderr)
+
+
+class DryRuns(WordsTest):
+    def test_a_table_first_and_bytes_when_they_are_asked_for(self):
+        path = self.mac()
+        first = int(re.search(r"First sector: (\d+)", images.run_tool("sgdisk", "-i", "3", path)).group(1))
+        last = int(re.search(r"Last sector: (\d+)", images.run_tool("sgdisk", "-i", "3", path)).group(1))
+        size = last - first + 1
+        volume = self.path("volume")
+        with open(volume, "xb") as file:
+            file.truncate(size * 512)
+        images.run_tool("mkntfs", "-F", "-Q", "-q", "-p", "0", "-s", "512", "-S", "63", "-H", "255", volume)
+        with open(volume, "rb") as file:
+            gpt.write_at(path, first * 512, file.read())
+        before = images.snapshot(path)
+        text = self.hybrid(path, 3, "--dry-run", expect=1).stdout
+        self.assertRegex(text, rf"(?m)^ +then +\* +07 +NTFS or exFAT +{first} +{size}$")
+        self.assertRegex(text, rf"(?m)^Hidden sectors +0 becomes {first}$")
+        self.assertRegex(text, r"(?m)^Boot code +becomes the file's$")
+        self.assertNotRegex(text, r"(?m)^  [0-9A-F]{3}  - ")
+        both = self.hybrid(path, 3, "--dry-run", "--bytes", expect=1).stdout
+        self.assertRegex(both, r"(?m)^  1B0  - ")
+        self.assertLess(both.index("Hidden sectors"), both.index("  1B0  - "))
+        self.assertEqual(self.vorlix_run("hybrid", path, "--partition", "3", "--bytes").returncode, 2)
+        self.assert_unchanged(path, before)
+
+
+if __name__ == "__main__":
+    images.main()
