@@ -7,6 +7,7 @@
 #include <Vorlix/platform/CompanionProgram.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/SystemError.h>
+#include <unistd.h>  // mkdtemp() on macOS
 
 #include <algorithm>
 #include <cstdlib>
