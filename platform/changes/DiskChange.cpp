@@ -285,6 +285,14 @@ bool isDiskThere(const Journal& journal) {
   return handle && handle->identity() == device.identity;
 }
 
+// Whether a journal is of a change to this disk. Restores of one image to disks that are alike may run at one time: on
+// each of them, the bytes are those of all the journals. So a restore whose own disk is there concerns no other one.
+bool concerns(Journal& journal, DeviceHandle& disk, const DeviceIdentity& identity) {
+  if (isFor(journal, identity)) return true;
+  if (journal.manifest().content && isDiskThere(journal)) return false;
+  return holdsPartOf(journal, disk, identity);
+}
+
 bool isStillThere(const std::string& folder) {
   const std::vector<std::string> folders = journalsInStateFolder();
   return std::find(folders.begin(), folders.end(), folder) != folders.end();
@@ -392,7 +400,7 @@ std::vector<InterruptedChange> interruptedChanges(DeviceHandle& device) {
     std::optional<ChangeFailure> failure;
     const auto journal = Journal::open(folder, failure);
     if (!journal && isStillThere(folder)) found.push_back({"of a journal that cannot be read", folder, false});
-    if (!journal || !(isFor(*journal, *identity) || holdsPartOf(*journal, device, *identity))) continue;
+    if (!journal || !concerns(*journal, device, *identity)) continue;
     found.push_back({journal->title(), folder, journal->manifest().content.has_value()});
   }
   return found;
@@ -410,7 +418,7 @@ std::optional<ChangeFailure> settleInterruptedChanges(const std::string& name, D
       damaged->reason += ", and which disk it is for cannot be told; move it away once your disks are as you want them";
       return damaged;
     }
-    if (!journal || !(isFor(*journal, *identity) || holdsPartOf(*journal, device, *identity))) continue;
+    if (!journal || !concerns(*journal, device, *identity)) continue;
     if (!journal->lock()) {
       return ChangeFailure{name, "another process is changing this disk (" + journal->title() + ")", kNothingWritten};
     }

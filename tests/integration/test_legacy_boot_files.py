@@ -289,6 +289,7 @@ class InFolders(LegacyBootTest):
         counts = {}
         log = self.file("calls", b"")
         names = ("mkdir", "copy_file_range", "openat", "fsync", "renameat2", "syncfs", "unlinkat", "rmdir", "utimensat")
+        self.vorlix_ok("legacy-boot", self.volume(WINDOWS_TREE, "first"), "--bcd", self.store)  # makes the state folder
         folder = self.volume(WINDOWS_TREE, "counted")
         trace = volumes.strace("-o", log, "-e", "trace=" + ",".join(names))
         self.vorlix_run("legacy-boot", folder, "--bcd", self.store, prefix=(*self.prefix(), *trace))

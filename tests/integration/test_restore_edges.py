@@ -15,6 +15,9 @@ EFI = Slice(1, 40, 2048, samples.EFI_SYSTEM, "EFI System Partition")
 BACKUP_GPT = 33  # sectors at the end of a disk: the second copy of 128 entries, and its header
 
 
+NO_BOOT_FILES = 1  # the status: restored, but there are no boot files on the volume
+
+
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
 class EdgeTest(volumes.VolumeTest):
     def sparse(self, make, *arguments):
@@ -93,7 +96,7 @@ class LargeDisks(EdgeTest):
         first = TWO_TIB - SECTORS
         disk = self.disk_with(first, SECTORS, TWO_TIB + 4096)
         image = self.image()
-        self.restore(image, disk)
+        self.restore(image, disk, expect=NO_BOOT_FILES)
         self.assert_restored(disk, first * 512, image, first)
         self.assertEqual(gpt.read_at(disk, 446 + 2 * 16 + 8, 8), first.to_bytes(4, "little") + SECTORS.to_bytes(4, "little"))
 
@@ -122,7 +125,7 @@ class LargeSectors(EdgeTest):
 
     def test_a_volume_for_such_sectors(self):
         disk, image = self.disk(), self.image(sector_size=4096)
-        self.restore(image, disk)
+        self.restore(image, disk, expect=NO_BOOT_FILES)
         self.assert_restored(disk, self.FIRST * 4096, image, self.FIRST, sector_size=4096)
         slot = gpt.read_at(disk, 446 + 2 * 16, 16)
         self.assertEqual((slot[0], slot[4]), (0x80, 0x07))
@@ -135,7 +138,7 @@ class LargeSectors(EdgeTest):
         blocks = self.FIRST + SECTORS // 8 + 5  # 4 blocks of entries and the header
         disk, image = self.disk(blocks), self.image(sector_size=4096)
         copy = gpt.read_at(disk, (blocks - 5) * 4096, 5 * 4096)
-        self.restore(image, disk)
+        self.restore(image, disk, expect=NO_BOOT_FILES)
         self.assert_restored(disk, self.FIRST * 4096, image, self.FIRST, sector_size=4096)
         self.assertEqual(gpt.read_at(disk, (blocks - 5) * 4096, 5 * 4096), copy)
 
@@ -150,7 +153,7 @@ class Ends(EdgeTest):
         end = (self.FIRST + SECTORS) * 512
         copy = samples.read(disk, end, BACKUP_GPT * 512)
         self.assertEqual(copy[-512:-504], b"EFI PART")
-        self.restore(image, disk)
+        self.restore(image, disk, expect=NO_BOOT_FILES)
         self.assert_restored(disk, self.FIRST * 512, image, self.FIRST)
         self.assertEqual(samples.read(disk, end, BACKUP_GPT * 512), copy)
         self.assertIn("No problems found", tools.sgdisk(disk, "-v"))

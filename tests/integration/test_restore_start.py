@@ -2,9 +2,10 @@
 """`vorlix restore --start`: the restored volume's boot files and a store on the EFI System Partition, before sector 0."""
 
 import os
+import re
 
 import test_boot_files
-from support import backups, images, samples, tools, volumes
+from support import images, samples, tools, volumes
 
 WINDOWS = volumes.WINDOWS
 
@@ -38,6 +39,12 @@ class RestoredStart(test_boot_files.BootFilesTest):
         folder = os.path.join(self.state, "vorlix", "journals")
         return os.listdir(folder) if os.path.isdir(folder) else []
 
+    def fill_system_partition(self):
+        """Leaves less room than the files need."""
+        listing = volumes.mtools("mdir", self.target, "::/", offset=volumes.EFI_OFFSET).decode()
+        free = re.search(r"([0-9][0-9 ]*) bytes free", listing)
+        volumes.put_tree(self.target, {"filler": bytes(int(free.group(1).replace(" ", "")) - 8192)}, volumes.EFI_OFFSET)
+
     def test_efi_puts_the_start_files_and_leaves_sector_0(self):
         result = self.restore("--start", "efi", saying=["Files ", "Start      the disk starts as far as can be told"])
         self.assert_efi_start(self.target)
@@ -50,7 +57,7 @@ class RestoredStart(test_boot_files.BootFilesTest):
         for options in ([], ["--start", "both"]):
             with self.subTest(options=options):
                 images.sparse_copy(self.untouched, self.target)
-                self.restore(*options, expect=1, saying=["Missing", "--firmware bios"])
+                self.restore(*options, expect=1, saying=["Missing", "has no bootmgr in its root"])
                 self.assert_efi_start(self.target)
                 self.assertEqual(tools.fdisk_slots(self.target)[WINDOWS.number][:3],
                                  (True, WINDOWS.first, WINDOWS.sectors))
@@ -82,7 +89,7 @@ class RestoredStart(test_boot_files.BootFilesTest):
         self.assertEqual(images.content_hash(self.target), images.content_hash(self.untouched))
 
     def test_when_the_files_have_no_room_the_restore_stops_before_sector_0_and_goes_on_later(self):
-        volumes.put_tree(self.target, {"filler": b"x" * (volumes.EFI_SIZE - (200 << 10))}, volumes.EFI_OFFSET)
+        self.fill_system_partition()
         result = self.restore("--start", "both", expect=2, saying=["no room", "vorlix restore --resume", "vorlix undo"])
         self.assertNotIn("nothing was written", result.stderr)
         self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
@@ -91,13 +98,13 @@ class RestoredStart(test_boot_files.BootFilesTest):
         images.run_tool("mdel", "-i", f"{self.target}@@{volumes.EFI_OFFSET}", "::filler")
         resumed = self.vorlix_run("restore", "--resume", name)
         self.assertEqual(resumed.returncode, 1, resumed.stdout + resumed.stderr)
-        self.assertIn("--firmware bios", resumed.stdout)
+        self.assertIn("has no bootmgr in its root", resumed.stdout)
         self.assert_efi_start(self.target)
         self.assertTrue(tools.fdisk_slots(self.target)[WINDOWS.number][0])
         self.assertEqual(self.journals(), [])
 
     def test_a_stopped_one_can_go_on_without_the_files(self):
-        volumes.put_tree(self.target, {"filler": b"x" * (volumes.EFI_SIZE - (200 << 10))}, volumes.EFI_OFFSET)
+        self.fill_system_partition()
         self.restore("--start", "both", expect=2)
         (name,) = self.journals()
         self.vorlix_run("restore", "--resume", name, "--start", "legacy")
@@ -106,7 +113,7 @@ class RestoredStart(test_boot_files.BootFilesTest):
         self.assertEqual(self.journals(), [])
 
     def test_undo_gives_a_stopped_one_up(self):
-        volumes.put_tree(self.target, {"filler": b"x" * (volumes.EFI_SIZE - (200 << 10))}, volumes.EFI_OFFSET)
+        self.fill_system_partition()
         first = samples.read(self.target, self.OFFSET, samples.SECTOR)
         self.restore("--start", "both", expect=2)
         (name,) = self.journals()
@@ -117,8 +124,8 @@ class RestoredStart(test_boot_files.BootFilesTest):
 
     def test_everything_but_the_content_can_be_undone(self):
         self.restore("--start", "both", expect=1)
-        for folder in reversed(backups.folders(os.path.join(self.state, "vorlix", "backups"))):
-            self.vorlix_ok("undo", os.path.basename(folder), "--no-backup")
+        for name in sorted(os.listdir(os.path.join(self.state, "vorlix", "backups"))):
+            self.vorlix_ok("undo", name, "--no-backup")
         self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
         self.assertEqual(self.efi_files(self.target), {})
 

@@ -29,16 +29,6 @@ BOOT_CODE = b"\x90" * 440 + SIGNATURE + b"\0\0"
 LEGACY_TREE = {"bootmgr": b"loader" * 99, "Boot": None}
 
 
-def store_for(*devices, mbr=False):
-    """A store with device elements for these (partition, disk) identifiers."""
-    places = [8224 + 96 * number + 4 for number in range(len(devices))]
-    content = bytearray(hive.store_with_elements(places)) if devices else bytearray(hive.empty_hive())
-    for place, (partition, disk) in zip(places, devices):
-        element = hive.device_element(partition, disk, mbr)
-        content[place:place + len(element)] = element
-    return bytes(content)
-
-
 @functools.lru_cache(maxsize=None)
 def ntfs():
     """
@@ -47,7 +37,7 @@ def ntfs():
     The store names the volume twice, so that it still does after a test has changed the MBR or the GPT's identifiers.
     """
     guids = identifiers(volumes.partitioned_disk())
-    store = bytearray(store_for((guids["P"], guids["D"]), (guids["P"], guids["D"])))
+    store = bytearray(hive.store_naming((guids["P"], guids["D"]), (guids["P"], guids["D"])))
     second = hive.device_element(struct.pack("<Q", START).ljust(16, b"\0"), SIGNATURE.ljust(16, b"\0"), True)
     at = store.rfind(hive.device_element(guids["P"], guids["D"], False))
     store[at:at + len(second)] = second
@@ -265,19 +255,19 @@ class Legacy(StartTest):
         guids = identifiers(self.sound())
         place = struct.pack("<Q", START).ljust(16, b"\0")
         signature = BOOT_CODE[440:444].ljust(16, b"\0")
-        right = store_for((place, signature), mbr=True)
+        right = hive.store_naming((place, signature), mbr=True)
         damaged = right[:508] + bytes([right[508] ^ 1]) + right[509:]
         cases = [
             ([], {**LEGACY_TREE, "Boot/BCD": right}),
-            ([], {**LEGACY_TREE, "Boot/BCD": store_for((guids["P"], guids["D"]))}),
+            ([], {**LEGACY_TREE, "Boot/BCD": hive.store_naming((guids["P"], guids["D"]))}),
             (["boot-manager-missing"], {"BOOT": None, "BOOT/bcd": right}),
             (["boot-manager-missing"], {"bootmgr": None, "Boot": None, "Boot/BCD": right}),  # a folder is no boot manager
             (["legacy-store-missing"], {"bootmgr": b"loader"}),
             (["legacy-store-missing"], LEGACY_TREE),
             (["legacy-store-damaged"], {**LEGACY_TREE, "Boot/BCD": damaged}),
-            (["legacy-store-empty"], {**LEGACY_TREE, "Boot/BCD": store_for()}),
-            (["legacy-store-disk"], {**LEGACY_TREE, "Boot/BCD": store_for((place, b"\x11" * 16), mbr=True)}),
-            (["legacy-store-partition"], {**LEGACY_TREE, "Boot/BCD": store_for((bytes(16), signature), mbr=True)}),
+            (["legacy-store-empty"], {**LEGACY_TREE, "Boot/BCD": hive.store_naming()}),
+            (["legacy-store-disk"], {**LEGACY_TREE, "Boot/BCD": hive.store_naming((place, b"\x11" * 16), mbr=True)}),
+            (["legacy-store-partition"], {**LEGACY_TREE, "Boot/BCD": hive.store_naming((bytes(16), signature), mbr=True)}),
         ]
         for number, (expected, tree) in enumerate(cases):
             with self.subTest(expected=expected, number=number):
@@ -381,7 +371,7 @@ class State(StartTest):
 
     def test_a_dirty_fat_volume(self):
         """Bit 15 of the second entry of a FAT16 table is set if the volume was unmounted cleanly."""
-        content = fat(tuple({**LEGACY_TREE, "Boot/BCD": store_for((bytes(16), bytes(16)))}.items()))
+        content = fat(tuple({**LEGACY_TREE, "Boot/BCD": hive.store_naming((bytes(16), bytes(16)))}.items()))
         path = self.sound(volume=content)
         table = struct.unpack_from("<H", content, 14)[0] * 512
         self.assertEqual(content[table + 2:table + 4], b"\xFF\xFF")
@@ -407,7 +397,7 @@ class EFI(StartTest):
     def test_each_fault(self):
         guids = self.guids()
         other = b"\x77" * 16
-        right = store_for((guids["P"], guids["D"]), (other, guids["D"]))
+        right = hive.store_naming((guids["P"], guids["D"]), (other, guids["D"]))
         without = {path: content for path, content in BOOT_TREE.items() if path != "EFI/Microsoft/Boot/bootmgfw.efi"}
         cases = [
             ([], {**BOOT_TREE, STORE: right}),
@@ -417,9 +407,9 @@ class EFI(StartTest):
             (["efi-manager-missing", "store-missing"], {"EFI": None}),
             (["store-damaged"], {**BOOT_TREE, STORE: b"regf" + right[4:-4096]}),
             (["store-damaged"], {**BOOT_TREE, STORE: b"no hive"}),
-            (["store-empty"], {**BOOT_TREE, STORE: store_for()}),
-            (["store-disk"], {**BOOT_TREE, STORE: store_for((guids["P"], other))}),
-            (["store-partition"], {**BOOT_TREE, STORE: store_for((other, guids["D"]))}),
+            (["store-empty"], {**BOOT_TREE, STORE: hive.store_naming()}),
+            (["store-disk"], {**BOOT_TREE, STORE: hive.store_naming((guids["P"], other))}),
+            (["store-partition"], {**BOOT_TREE, STORE: hive.store_naming((other, guids["D"]))}),
         ]
         for number, (expected, tree) in enumerate(cases):
             with self.subTest(expected=expected, number=number):
@@ -431,7 +421,7 @@ class EFI(StartTest):
 
     def test_notes_are_no_faults(self):
         guids = self.guids()
-        tree = {**BOOT_TREE, STORE: store_for((guids["P"], guids["D"]), (b"\x77" * 16, b"\x66" * 16))}
+        tree = {**BOOT_TREE, STORE: hive.store_naming((guids["P"], guids["D"]), (b"\x77" * 16, b"\x66" * 16))}
         del tree["EFI/Boot/bootx64.efi"]
         document = self.assert_sound(self.disk(tree), *self.OPTIONS)
         notes = [item["code"] for item in document["findings"] if item["state"] == "note"]
@@ -453,13 +443,13 @@ class EFI(StartTest):
 
     def test_a_gpt_that_the_mbr_does_not_protect(self):
         guids = self.guids()
-        path = self.disk({**BOOT_TREE, STORE: store_for((guids["P"], guids["D"]))})
+        path = self.disk({**BOOT_TREE, STORE: hive.store_naming((guids["P"], guids["D"]))})
         self.assert_each(path, [(["mbr-unprotected"], [(446 + 4, b"\x07")]), (["mbr-unprotected"], [(510, bytes(2))])],
                          *self.OPTIONS)
 
     def test_what_is_judged_follows_from_the_disk(self):
         guids = self.guids()
-        tree = {**BOOT_TREE, STORE: store_for((guids["P"], guids["D"]))}
+        tree = {**BOOT_TREE, STORE: hive.store_naming((guids["P"], guids["D"]))}
         protective = self.disk(tree, "protective.img")
         self.assertEqual(self.assert_sound(protective)["judged"], {"legacy": False, "efi": True})
         hybrid = self.sound("hybrid.img", tree=tree)
@@ -502,7 +492,7 @@ class Mounted(StartTest):
         os.mkdir(os.path.join(place, "Boot"))
         signature = BOOT_CODE[440:444].ljust(16, b"\0")
         for name, content in (("BOOTMGR", b"loader"),
-                              ("Boot/BCD", store_for((struct.pack("<Q", START).ljust(16, b"\0"), signature), mbr=True)),
+                              ("Boot/BCD", hive.store_naming((struct.pack("<Q", START).ljust(16, b"\0"), signature), mbr=True)),
                               ("hiberfil.sys", b"wake")):
             with open(os.path.join(place, name), "wb") as file:
                 file.write(content)

@@ -226,14 +226,15 @@ int complete(const RestoreOptions& options, RestoreResult result, const Restored
   const std::string volume = sliceNameOf(restored.disk, restored.partition);
   bool hasEFIFiles = false;
   if (result.end == RestoreResult::End::paused) {
+    std::vector<std::shared_ptr<DeviceHandle>> handles;
     try {
       hasEFIFiles = restored.files != EFIFiles::none && putEFIFiles(restored, choice, output);
+      handles = openDevices(*result.rest);
     } catch (const Failure& failure) {
-      throw Failure(volume, std::string("no start files for EFI: ") + failure.what(), howToGoOn(result, false));
+      throw Failure(volume, std::string("not finished: ") + failure.what(), howToGoOn(result, restored.isFromWim));
     }
-    const auto handles = openDevices(*result.rest);
     result = finishRestore(std::move(result), handles);
-    requireDone(result, volume, false);
+    requireDone(result, volume, restored.isFromWim);
   }
   std::fprintf(output, "Restored   %s to %s%s\n", sizeText(result.size).c_str(), printable(volume).c_str(),
                comparisonText(options, result));

@@ -13,7 +13,7 @@ import re
 import shutil
 import subprocess
 
-from support import images, samples
+from support import images, samples, volumes
 from sweep import media
 from sweep.judging import Seen
 from sweep.scenarios import DISK, Scenario
@@ -81,6 +81,7 @@ class Restore(OfVolume):
         samples.write(self.template, FIRST + SIZE - MIB, EARLIER.randbytes(MIB))
         self.image = self.template + ".volume"
         make_volume(self.image)
+        volumes.add_start_files(self.image, self.template)
         self.make_source()
 
     def make_source(self):

@@ -147,3 +147,13 @@ def store_with_elements(places, size=5 * PAGE):
     boot_manager = "{9dea862c-5cdd-4e70-acc1-f32b344d4795}"
     objects = hive.key("Objects", [(boot_manager, hive.key(boot_manager, [("Elements", elements)]))])
     return hive.finish(hive.key("root", [("Objects", objects)], root=True))
+
+
+def store_naming(*devices, mbr=False):
+    """A store with device elements for these (partition, disk) identifiers."""
+    places = [8224 + 96 * number + 4 for number in range(len(devices))]
+    content = bytearray(store_with_elements(places)) if devices else bytearray(empty_hive())
+    for place, (partition, disk) in zip(places, devices):
+        element = device_element(partition, disk, mbr)
+        content[place:place + len(element)] = element
+    return bytes(content)

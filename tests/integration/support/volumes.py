@@ -12,7 +12,7 @@ import sys
 import tempfile
 import time
 
-from support import images, samples
+from support import hive, images, samples
 
 IS_ROOT = os.geteuid() == 0
 ROOT_MOUNTS = "/run/vorlix"
@@ -154,16 +154,13 @@ def folder_tree(folder):
     return tree
 
 
-def make_ntfs(path, size, tree, start=2048, sector_size=512):
-    """Makes a file with an NTFS volume by mkntfs, ntfs_mkdir and ntfscp, filled with a tree in the form of put_tree()."""
-    with open(path, "wb") as volume:
-        volume.truncate(size)
-    images.run_tool("mkntfs", "-F", "-f", "-q", "-s", sector_size, "-p", start, "-H", "255", "-S", "63", path)
+def add_to_ntfs(path, tree):
+    """Adds a tree in the form of put_tree() to an NTFS volume in a file, by ntfs_mkdir and ntfscp."""
     folders = {name for name, content in tree.items() if content is None}
     folders |= {os.path.dirname(name) for name, content in tree.items() if content is not None} - {""}
     environment = {**os.environ, "LC_ALL": "C.UTF-8"}
     if folders:
-        script = os.path.join(os.environ["VORLIX_SOURCE"], "tools/dev/ntfs_mkdir")
+        script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../../tools/dev/ntfs_mkdir")
         subprocess.run([sys.executable, script, path, *sorted(folders)], env=environment, check=True, timeout=60)
     for name, content in tree.items():
         if content is None:
@@ -173,6 +170,21 @@ def make_ntfs(path, size, tree, start=2048, sector_size=512):
             source.flush()
             subprocess.run([images.tool("ntfscp"), "-q", "-f", path, source.name, name], env=environment, check=True,
                            capture_output=True, timeout=60)
+
+
+def add_start_files(volume, disk, number=3):
+    """Gives an NTFS volume the files of a BIOS start: a boot manager, and a store that names slice `number` of the disk."""
+    entry = samples.read(disk, 2 * samples.SECTOR + 128 * (number - 1), 128)
+    store = hive.store_naming((entry[16:32], samples.read(disk, samples.SECTOR + 56, 16)))
+    add_to_ntfs(volume, {"bootmgr": b"loader", "Boot/BCD": store})
+
+
+def make_ntfs(path, size, tree, start=2048, sector_size=512):
+    """Makes a file with an NTFS volume by mkntfs, ntfs_mkdir and ntfscp, filled with a tree in the form of put_tree()."""
+    with open(path, "wb") as volume:
+        volume.truncate(size)
+    images.run_tool("mkntfs", "-F", "-f", "-q", "-s", sector_size, "-p", start, "-H", "255", "-S", "63", path)
+    add_to_ntfs(path, tree)
     return path
 
 
