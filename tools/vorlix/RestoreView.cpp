@@ -46,6 +46,7 @@ void printRestorePlanJson(const RestoreRequest& request, const RestorePreparatio
                 {"partitionName", prepared.entryName},
                 {"volumeSize", prepared.volumeSize},
                 {"lost", prepared.present},
+                {"efiVolume", knownText(prepared.efiVolume)},
                 {"mbr", std::move(mbr)}})
       .print();
 }
