@@ -19,7 +19,7 @@
 namespace vorlix {
 namespace {
 
-constexpr const char* kEnd = "end\n";
+constexpr const char* kListingEnd = "end\n";
 constexpr const char* kProgram = "boot_store";
 constexpr const char* kNoCopy = "a temporary copy cannot be written";
 
@@ -65,7 +65,7 @@ std::string reasonIn(std::string message, const std::string& file) {
   return message.empty() ? std::string(kProgram) + " ended without a result" : message;
 }
 
-// Runs the program with the store as its first file. What it prints ends with kEnd after success.
+// Runs the program with the store as its first file. What it prints ends with kListingEnd after success.
 std::optional<std::string> run(const PrivateFolder& folder, const std::vector<std::string>& arguments,
                                std::string& output) {
   const auto program = companionProgram(kProgram);
@@ -74,7 +74,7 @@ std::optional<std::string> run(const PrivateFolder& folder, const std::vector<st
     const auto child = platform().childProcess->create(ChildOutputs::separate, ChildInput::pipe);
     child->launch(*program, arguments);
     output = everythingOf(*child->standardOutput());
-    if (output.ends_with(kEnd)) return std::nullopt;
+    if (output.ends_with(kListingEnd)) return std::nullopt;
     return reasonIn(everythingOf(*child->standardError()), folder.fileOf("store"));
   } catch (const std::system_error& error) {
     return std::string(kProgram) + " cannot be started: " + SystemError{error.code().value()}.reason();

@@ -53,11 +53,11 @@ std::string eightDigits(uint32_t number) {
 }
 
 std::string hexText(const std::vector<uint8_t>& bytes) {
-  constexpr const char* kDigits = "0123456789abcdef";
+  constexpr const char* kHexDigits = "0123456789abcdef";
   std::string text;
   for (const uint8_t byte : bytes) {
-    text += kDigits[byte >> 4U];
-    text += kDigits[byte & 0xFU];
+    text += kHexDigits[byte >> 4U];
+    text += kHexDigits[byte & 0xFU];
   }
   return text;
 }

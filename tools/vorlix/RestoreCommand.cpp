@@ -211,25 +211,36 @@ std::unique_ptr<LongChange> openJournal(const std::string& folder) {
   return journal;
 }
 
+using Handles = std::vector<std::shared_ptr<DeviceHandle>>;
+using Identities = std::vector<std::optional<DeviceIdentity>>;
+
 // Opens the devices of a journal, in their order.
-std::vector<std::shared_ptr<DeviceHandle>> openDevices(const LongChange& journal) {
-  std::vector<std::shared_ptr<DeviceHandle>> handles;
+Handles openDevices(const LongChange& journal) {
+  Handles handles;
   for (const DeviceChange& device : journal.structures().devices) handles.push_back(openToChange(device.device));
   return handles;
 }
 
+Identities identitiesOf(const Handles& handles) {
+  Identities identities;
+  for (const auto& handle : handles) identities.push_back(handle->identity());
+  return identities;
+}
+
 // Does what comes after the content, says what was done, and what a start still needs. The disk must be closed.
+// @param disks  what the devices of the restore were: somebody may exchange a disk while it is closed
 // @return the exit status.
-int complete(const RestoreOptions& options, RestoreResult result, const RestoredVolume& restored,
-             const BackupChoice& choice) {
+int complete(const RestoreOptions& options, RestoreResult result, const Identities& disks,
+             const RestoredVolume& restored, const BackupChoice& choice) {
   std::FILE* const output = textOutput(options.progress);
   const std::string volume = sliceNameOf(restored.disk, restored.partition);
   bool hasEFIFiles = false;
   if (result.end == RestoreResult::End::paused) {
-    std::vector<std::shared_ptr<DeviceHandle>> handles;
+    Handles handles;
     try {
       hasEFIFiles = restored.files != EFIFiles::none && putEFIFiles(restored, choice, output);
       handles = openDevices(*result.rest);
+      if (identitiesOf(handles) != disks) throw Failure(restored.disk, "is another disk than before");
     } catch (const Failure& failure) {
       throw Failure(volume, std::string("not finished: ") + failure.what(), howToGoOn(result, restored.isFromWim));
     }
@@ -276,8 +287,9 @@ int resume(const RestoreOptions& options, const std::string& folder, const Backu
   progress.finish();
   restored.isFromWim = source->facts().isMadeAnew;
   requireDone(result, volume, restored.isFromWim);
+  const Identities disks = identitiesOf(handles);
   handles.clear();
-  return complete(options, std::move(result), restored, choice);
+  return complete(options, std::move(result), disks, restored, choice);
 }
 
 // The interrupted restore of the same slice. Throws Failure if that has another source.
@@ -362,9 +374,11 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
   RestoreResult result = restoreVolume(*prepared.source, prepared.plan, !options.noVerify, std::ref(progress));
   progress.finish();
   requireDone(result, prepared.volume, prepared.source->facts().isMadeAnew);
+  Identities disks;
+  for (const DeviceChange& device : prepared.plan.structures.devices) disks.push_back(device.handle->identity());
   prepared = {};  // closes the disk, which is looked at anew
   const EFIFiles files = result.rest ? request.efiFiles : EFIFiles::none;
-  return complete(options, std::move(result),
+  return complete(options, std::move(result), disks,
                   {request.disk, request.partition, request.isLegacy, files, shown.image.has_value()}, choice);
 }
 
