@@ -25,14 +25,14 @@ constexpr uint32_t kDiskKindHardDisk = 0;
 constexpr uint32_t kSchemeGPT = 0;
 constexpr uint32_t kSchemeMBR = 1;
 
-using Bytes = std::span<const uint8_t>;
+using StoreSpan = std::span<const uint8_t>;
 
-uint32_t wordOf(Bytes descriptor, size_t offset) {
+uint32_t wordOf(StoreSpan descriptor, size_t offset) {
   return littleEndian32(descriptor.data() + offset);
 }
 
 // A partition of a virtual disk has another kind of disk, and a greater length, since the disk's file follows.
-bool isPartition(Bytes descriptor) {
+bool isPartition(StoreSpan descriptor) {
   return wordOf(descriptor, kDescriptorKind) == kKindPartition &&
          wordOf(descriptor, kDescriptorLength) == kPartitionDescriptor &&
          wordOf(descriptor, kDescriptorDiskKind) == kDiskKindHardDisk &&
@@ -41,7 +41,7 @@ bool isPartition(Bytes descriptor) {
 
 // Returns the offsets of the descriptors. All fields before a nested descriptor are multiples of four bytes; the text
 // of a path comes behind it.
-std::vector<size_t> descriptorsIn(Bytes element) {
+std::vector<size_t> descriptorsIn(StoreSpan element) {
   std::vector<size_t> places;
   for (size_t at = kOptions; at + kPartitionDescriptor <= element.size();) {
     const bool isFound = isPartition(element.subspan(at, kPartitionDescriptor));
@@ -76,10 +76,10 @@ std::vector<uint8_t> partitionElement(const StorePartition& partition) {
   return element;
 }
 
-std::vector<StorePartition> partitionsOf(Bytes element) {
+std::vector<StorePartition> partitionsOf(StoreSpan element) {
   std::vector<StorePartition> partitions;
   for (const size_t at : descriptorsIn(element)) {
-    const Bytes descriptor = element.subspan(at, kPartitionDescriptor);
+    const StoreSpan descriptor = element.subspan(at, kPartitionDescriptor);
     StorePartition partition;
     partition.isMBR = wordOf(descriptor, kDescriptorScheme) == kSchemeMBR;
     std::copy_n(descriptor.begin() + kDescriptorPartition, partition.partition.size(), partition.partition.begin());
@@ -89,7 +89,7 @@ std::vector<StorePartition> partitionsOf(Bytes element) {
   return partitions;
 }
 
-std::vector<uint8_t> elementWithPartition(Bytes element, const StorePartition& partition) {
+std::vector<uint8_t> elementWithPartition(StoreSpan element, const StorePartition& partition) {
   std::vector<uint8_t> result(element.begin(), element.end());
   for (const size_t at : descriptorsIn(element)) putPartition(result, at, partition);
   return result;
@@ -129,7 +129,7 @@ std::string storeObjectKind(uint32_t objectType) {
   }
 }
 
-std::optional<std::string> setStorePartitions(Bytes store, const std::vector<StoreObject>& objects,
+std::optional<std::string> setStorePartitions(StoreSpan store, const std::vector<StoreObject>& objects,
                                               const StoreTargets& targets, StoreWithPartitions& result) {
   result.devices.clear();
   result.store.assign(store.begin(), store.end());
