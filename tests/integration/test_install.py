@@ -216,14 +216,12 @@ class InstalledLibrary(unittest.TestCase):
         self.assertIn("-lvorlix", run("pkg-config", "--cflags", "--libs", "vorlix", env=environment))
         project = self.work / "without-packages"
         project.mkdir()
-        (project / "host.c").write_text("#include <Vorlix/QDSDiskFunctions.h>\nint main(void) { return logLine(0) < 0; }\n")
+        (project / "host.cpp").write_text("#include <Vorlix/QDSDiskFunctions.h>\nint main() { return logLine(nullptr) < 0; }\n")
         (project / "CMakeLists.txt").write_text(
-            "cmake_minimum_required(VERSION 3.25)\nproject(Host LANGUAGES C CXX)\n"
+            "cmake_minimum_required(VERSION 3.25)\nproject(Host LANGUAGES CXX)\n"
             "find_package(Vorlix REQUIRED ${parts})\nif(TARGET Vorlix::VorlixStatic)\n  message(STATUS static)\nendif()\n"
-            "add_executable(host host.c)\ntarget_link_libraries(host PRIVATE Vorlix::Vorlix)\n"
-            "set_target_properties(host PROPERTIES LINKER_LANGUAGE CXX)\n")
-        common = ["cmake", "-S", project, f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_C_COMPILER={self.cc}",
-                  f"-DCMAKE_CXX_COMPILER={self.cxx}", f"-DCMAKE_C_FLAGS={' '.join(self.flags)}",
+            "add_executable(host host.cpp)\ntarget_link_libraries(host PRIVATE Vorlix::Vorlix)\n")
+        common = ["cmake", "-S", project, f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_COMPILER={self.cxx}",
                   f"-DCMAKE_CXX_FLAGS={' '.join(self.flags)}"]
         alone = ["-DCMAKE_DISABLE_FIND_PACKAGE_ZLIB=ON"]
         text = run(*common, *alone, "-B", self.work / "shared-alone", env=environment)
