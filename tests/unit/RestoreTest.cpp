@@ -340,6 +340,29 @@ TEST_F(RestoreTest, WhatReadsBackDifferentlyIsAFailureBeforeAnythingStarts) {
   EXPECT_EQ(volume->bytes[0], 0);
 }
 
+TEST_F(RestoreTest, APauseComesWhenTheVolumeIsWholeAndBeforeSectorZero) {
+  RestorePlan pausing = plan();
+  pausing.between = "files";
+  NumberedSource source;
+  RestoreResult paused = restoreVolume(source, pausing, true, goOn);
+  ASSERT_EQ(paused.end, RestoreResult::End::paused);
+  EXPECT_EQ(volume->bytes, restoredVolume());
+  EXPECT_EQ(disk->bytes, Content(4096, 0xDD));
+  EXPECT_TRUE(interruptedChanges(*disk).empty());  // this process has it open
+  paused.rest.reset();
+  EXPECT_EQ(interruptedChanges(*disk).size(), 1U);
+
+  RestoreResult again = resume();
+  ASSERT_EQ(again.end, RestoreResult::End::paused);
+  EXPECT_EQ(again.rest->origin().between, "files");
+  EXPECT_EQ(disk->bytes, Content(4096, 0xDD));
+  EXPECT_EQ(finishRestore(std::move(again), {volume, disk}).end, RestoreResult::End::done);
+  EXPECT_EQ(Content(disk->bytes.begin(), disk->bytes.begin() + 512), Content(512, 0xD0));
+  EXPECT_EQ(Content(disk->bytes.begin() + 512, disk->bytes.end()), Content(4096 - 512, 0xDD));
+  EXPECT_THAT(interruptedLongChanges(), IsEmpty());
+  EXPECT_EQ(keptChanges().size(), 1U);
+}
+
 TEST_F(RestoreTest, WithoutComparingOnlyTheStructuresAreReadBack) {
   volume->afterWrite = [](Content& bytes, uint64_t offset, size_t) {
     if (offset == 2 * kPiece) bytes[2 * kPiece + 77] ^= 1;
