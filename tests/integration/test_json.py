@@ -142,9 +142,12 @@ class Json(volumes.VolumeTest):
         self.answer("sip", "sip", "--json")
         shown = self.answer("check-caller", "check-caller", os.getpid(), "--json", status=1) if os.geteuid() != 0 else None
         if shown is None:  # as another user, the command may look at its own processes only
-            with subprocess.Popen([*self.prefix(), "sleep", "60"]) as process:
+            with subprocess.Popen([*self.prefix(), "cat"], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as process:
+                process.stdin.write(b"ready\n")  # an echo proves that the process has changed its user and is "cat" by now
+                process.stdin.flush()
+                self.assertEqual(process.stdout.readline(), b"ready\n")
                 shown = self.answer("check-caller", "check-caller", process.pid, "--json", status=1)
-                process.kill()
+                process.stdin.close()
         self.assertIs(shown["signed"], False)
         packed = self.file("image.gz", gzip.compress(bytes(5000)))
         self.assertEqual(self.answer("image-size", "image-size", packed, "--json")["size"], 5000)
