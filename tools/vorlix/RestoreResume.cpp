@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Arbitration.h"
+#include "DeviceChanges.h"
 #include "Failure.h"
 #include "Identity.h"
 #include "Text.h"
