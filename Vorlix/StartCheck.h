@@ -51,6 +51,10 @@ struct StartVolume {
 
   FileFact bootManager;  ///< "bootmgr" in the root, which the volume's boot code loads
   FileFact legacyStore;  ///< "boot/BCD"
+
+  /// Whether a Windows on the volume has the files from which `vorlix bcd --from-windows --firmware bios` makes the
+  /// two.
+  bool suppliesBootFiles = false;
 };
 
 /// The EFI System Partition.

@@ -72,10 +72,23 @@ void lookAtState(DeviceHandle& handle, const VolumeLook& look, StartVolume& volu
   }
 }
 
+// What planStartFiles() needs for a start by a BIOS.
+bool suppliesBootFiles(const VolumeLook& look) {
+  for (const std::vector<std::string>& names : {std::vector<std::string>{"Windows", "Boot", "PCAT", "bootmgr"},
+                                                {"Windows", "System32", "winload.exe"},
+                                                {"Windows", "System32", "config", "BCD-Template"}}) {
+    if (look.fact(names).sight != FileFact::Sight::there) return false;
+  }
+  return true;
+}
+
 void lookAtStartFiles(DeviceHandle& handle, StartVolume& volume) {
   const VolumeLook look(volume.name);
   volume.bootManager = look.fact({"bootmgr"});
   volume.legacyStore = look.content({"boot", "BCD"}, kLargestStartStore);
+  const auto isMissing = [](const FileFact& fact) { return fact.sight == FileFact::Sight::missing; };
+  volume.suppliesBootFiles =
+      (isMissing(volume.bootManager) || isMissing(volume.legacyStore)) && suppliesBootFiles(look);
   lookAtState(handle, look, volume);
 }
 

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Text.h"
 
-#include <Vorlix/foundation/LittleEndian.h>
-#include <Vorlix/foundation/Utf8.h>
+#include <Vorlix/foundation/Utf16.h>
 
 #include <algorithm>
 #include <array>
@@ -183,23 +182,8 @@ std::string mbrTypeName(uint8_t type) {
 }
 
 std::string partitionName(const GPTEntry& entry) {
-  constexpr uint32_t kReplacement = 0xFFFD;
-  constexpr size_t kUnits = sizeof entry.name / 2;
-  const auto unitAt = [&entry](size_t i) {
-    return i < kUnits ? uint32_t{vorlix::littleEndian16(entry.name + 2 * i)} : 0;
-  };
-  std::string text;
-  for (size_t i = 0; i < kUnits && unitAt(i) != 0; ++i) {
-    const uint32_t unit = unitAt(i);
-    const uint32_t next = unitAt(i + 1);
-    if (unit >= 0xD800 && unit < 0xDC00 && next >= 0xDC00 && next < 0xE000) {
-      appendUtf8(text, 0x10000 + ((unit - 0xD800) << 10) + (next - 0xDC00));
-      ++i;
-    } else {
-      appendUtf8(text, unit >= 0xD800 && unit < 0xE000 ? kReplacement : unit);
-    }
-  }
-  return text;
+  const std::u16string units = utf16Units(entry.name);
+  return utf8Of(std::u16string_view(units).substr(0, units.find(u'\0')));
 }
 
 std::string printable(const std::string& text) {

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "ViewFolder.h"
+
 namespace vorlix::tool {
 
 /// The folder of a volume: where it is mounted, or for a FAT or NTFS volume that is not, a folder in the folder for
@@ -21,10 +23,6 @@ class VolumeView {
   /// @param volume  what the user named: a folder, or a device.
   /// @param state   of the Failure.
   explicit VolumeView(const std::string& volume, const std::optional<std::string>& state = std::nullopt);
-  /// Removes the temporary folder.
-  ~VolumeView();
-  VolumeView(const VolumeView&) = delete;
-  VolumeView& operator=(const VolumeView&) = delete;
 
   const std::string& folder() const { return folder_; }
 
@@ -48,6 +46,7 @@ class VolumeView {
   std::string folder_;
   std::optional<std::string> kind_;  // of a volume that is not mounted
   std::unique_ptr<UnmountedVolume> unmounted_;
+  std::unique_ptr<ViewFolder> temporary_;
 };
 
 }  // namespace vorlix::tool

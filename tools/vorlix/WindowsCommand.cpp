@@ -62,7 +62,7 @@ void requireReadable(const std::string& folder) {
   std::error_code reason;
   if (!std::filesystem::is_directory(folder, reason) && !reason)
     return;  // not a folder; later checks find nothing in it
-  if (access(folder.c_str(), R_OK | X_OK) != 0) throw Failure(folder, std::strerror(errno), "nothing was read");
+  if (access(folder.c_str(), R_OK | X_OK) != 0) throw Failure::ofErrno(folder, errno, "nothing was read");
 }
 
 int showWindows(const std::string& volume, bool json) {
