@@ -73,7 +73,7 @@ bool checkKind(StartFindings& findings, const StartVolume& volume) {
 }
 
 std::string restoreCommand(const StartVolume& volume) {
-  return "vorlix vbr restore FILE " + StartFindings::word(volume.name);
+  return "vorlix vbr restore FILE " + commandWord(volume.name);
 }
 
 void checkBootSectorFields(StartFindings& findings, const StartVolume& volume) {
@@ -111,10 +111,9 @@ void checkSecondCopy(StartFindings& findings, const StartVolume& volume) {
                  "differs from the boot sector, at byte " + std::to_string(place) +
                      (isCopyButOld ? "" : ", in more than hidden sectors and serial"),
                  "repairs take the copy for the boot sector and bring back what it says",
-                 isCopyButOld
-                     ? findings.hybridCommand()
-                     : "dd if=" + StartFindings::word(volume.name) + " of=" + StartFindings::word(volume.name) +
-                           " bs=512 count=1 seek=" + std::to_string(place / kSectorSize) + " conv=notrunc");
+                 isCopyButOld ? findings.hybridCommand()
+                              : "dd if=" + commandWord(volume.name) + " of=" + commandWord(volume.name) +
+                                    " bs=512 count=1 seek=" + std::to_string(place / kSectorSize) + " conv=notrunc");
 }
 
 void checkVolumeCode(StartFindings& findings, const StartVolume& volume) {
@@ -138,7 +137,7 @@ const char* unseenState(const StartVolume& volume) {
 }
 
 void checkState(StartFindings& findings, const StartVolume& volume) {
-  const std::string name = StartFindings::word(volume.name);
+  const std::string name = commandWord(volume.name);
   const bool isDirty = volume.dirty.value_or(false);
   const bool isHibernated = volume.hibernated.value_or(false);
   if (isDirty) {
@@ -165,7 +164,7 @@ void checkState(StartFindings& findings, const StartVolume& volume) {
 }
 
 void checkBootFiles(StartFindings& findings, const StartVolume& volume) {
-  const std::string command = "vorlix legacy-boot " + StartFindings::word(volume.name) + " --bcd FILE";
+  const std::string command = "vorlix legacy-boot " + commandWord(volume.name) + " --bcd FILE";
   switch (volume.bootManager.sight) {
     case FileFact::Sight::unseen:
       findings.unseen("boot-files", "bootmgr and boot/BCD: " + volume.bootManager.reason);
