@@ -261,6 +261,18 @@ class Images(DisksTest):
             self.assertEqual(self.assert_verdict(path, disk["partitions"][2])["faults"],
                              ["gpt-header-checksum", "gpt-backup-differs"])
 
+    def test_a_table_with_very_many_entries(self):
+        """The time does not grow with what a table claims; the first entries have all that is known."""
+        path = self.path("many.img")
+        with open(path, "xb") as file:
+            file.truncate(64 << 20)
+        images.run_tool("sgdisk", "-S", "600", path)
+        images.run_tool("sfdisk", "-q", "--append", "--no-reread", path,
+                        stdin="".join(f"start={2048 + 8 * i}, size=8, type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7\n" for i in range(300)))
+        partitions = self.one(self.give(path))["partitions"]
+        self.assertEqual(len(partitions), 300)
+        self.assertEqual([part["number"] for part in partitions if part["whyUnseen"]], list(range(257, 301)))
+
     def test_no_permission(self):
         path = self.sound(volume=windows_volume())
         closed = self.sound("closed.img")
@@ -330,6 +342,22 @@ class Machine(DisksTest):
         self.assertEqual([name for name in found if re.match("z?ram", name)], [])
         self.assertEqual([name for name in found if name.startswith("loop") and found[name]["table"] == "none"], [])
 
+    def test_a_file_with_the_name_of_a_disk_is_no_disk(self):
+        names = [disk["name"] for disk in self.machine()]
+        if not names:
+            self.skipTest("this machine has no disk")
+        for name in names:
+            self.file(name, b"x" * 3000)
+        result = subprocess.run([*self.prefix(), self.vorlix, "disks", "--json"], cwd=self.folder, capture_output=True, text=True,
+                                timeout=images.TIME_LIMIT, check=False)
+        found = {disk["name"]: disk for disk in json.loads(result.stdout)["disks"]}
+        for name in names:
+            if name in found and not name.startswith("loop"):  # other tests detach theirs
+                self.assertEqual((found[name]["device"], found[name]["image"]), (f"/dev/{name}", False))
+                self.assertNotEqual(found[name]["size"], 3000)
+                for part in found[name]["partitions"]:
+                    self.assertTrue(part["device"].startswith("/dev/"), part)
+
     def as_user_can_read(self, path):
         return subprocess.run([*self.prefix(), "head", "-c", "1", path], capture_output=True, check=False).returncode == 0
 
@@ -353,7 +381,9 @@ class MachineAsRoot(Machine):
             name = os.path.basename(device)
             for shown in (self.machine(), self.survey(device), self.survey(name)):
                 (disk,) = [item for item in shown if item["name"] == name]
-                self.assertEqual((disk["table"], disk["image"], disk["error"]), ("hybrid MBR", False, None))
+                self.assertEqual((disk["device"], disk["table"], disk["image"], disk["error"]), (device, "hybrid MBR", False, None))
+                self.assertEqual([part["device"] for part in disk["partitions"]], [f"{device}s{number}" for number in (1, 2, 3)])
+                self.assertEqual(self.assert_verdict(device, disk["partitions"][2])["starts"], True)
                 self.assertEqual([(part["number"], part["size"]) for part in disk["partitions"]],
                                  [(1, volumes.EFI.sectors * 512), (2, volumes.APPLE.sectors * 512), (3, WINDOWS.sectors * 512)])
                 self.assertEqual((disk["partitions"][2]["product"], disk["partitions"][2]["start"]["starts"]), ("Windows 10", True))

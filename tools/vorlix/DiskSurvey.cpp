@@ -27,6 +27,9 @@ namespace {
 
 constexpr const char* kWindowsDataType = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
 
+constexpr const char* kDeviceFolder = "/dev/";
+constexpr size_t kMostVolumes = 256;  // of a disk; a table made to waste time has more
+
 // The reason alone: the row has the name.
 std::string reasonOf(const Failure& failure, const std::string& subject) {
   const std::string text = failure.what();
@@ -101,16 +104,16 @@ struct OpenDisk {
 
 void openAndRead(SurveyedDisk& disk, OpenDisk& open) {
   try {
-    open.handle = openToLook(disk.name);
+    open.handle = openToLook(disk.device);
   } catch (const Failure& failure) {
-    disk.error = reasonOf(failure, disk.name);
+    disk.error = reasonOf(failure, disk.device);
     disk.isClosed = true;
     return;
   }
   try {
-    open.tables = readTables(*open.handle, disk.name);
+    open.tables = readTables(*open.handle, disk.device);
   } catch (const Failure& failure) {
-    disk.error = reasonOf(failure, disk.name);
+    disk.error = reasonOf(failure, disk.device);
     return;
   }
   disk.size = open.tables->size;
@@ -119,12 +122,11 @@ void openAndRead(SurveyedDisk& disk, OpenDisk& open) {
 }
 
 void lookAtVolume(const SurveyedDisk& disk, OpenDisk& open, SurveyedPartition& partition) {
-  partition.device = partition.number == 0 ? disk.name : disk.name + "s" + std::to_string(partition.number);
   try {
-    VolumeOfSlice volume = volumeOfSlice(disk.name, partition.number);
+    VolumeOfSlice volume = volumeOfSlice(disk.device, partition.number);
     if (!volume.isThere) return;
     open.slices.push_back({partition.number, volume.name, volume.place});
-    if (!disk.isImage) partition.device = volume.place.name;
+    if (!disk.isImage) partition.device = kDeviceFolder + volume.place.name;
     partition.kind = std::move(volume.kind);
     partition.label = std::move(volume.label);
     partition.mountPoint = std::move(volume.place.mountPoint);
@@ -164,7 +166,15 @@ void judgeStart(const KnownSlice& slice, OpenDisk& open, SurveyedPartition& part
 }
 
 void lookAtPartitions(SurveyedDisk& disk, OpenDisk& open) {
-  for (SurveyedPartition& partition : disk.partitions) lookAtVolume(disk, open, partition);
+  for (size_t i = 0; i < disk.partitions.size(); ++i) {
+    SurveyedPartition& partition = disk.partitions[i];
+    partition.device = partition.number == 0 ? disk.device : disk.device + "s" + std::to_string(partition.number);
+    if (i < kMostVolumes) {
+      lookAtVolume(disk, open, partition);
+    } else {
+      partition.whyUnseen = "only " + std::to_string(kMostVolumes) + " volumes of a disk are looked at";
+    }
+  }
   for (SurveyedPartition& partition : disk.partitions) {
     const auto slice = std::find_if(open.slices.begin(), open.slices.end(),
                                     [&](const KnownSlice& item) { return item.number == partition.number; });
@@ -191,7 +201,7 @@ std::optional<bool> isExternalDisk(const std::string& name) {
 
 SurveyedDisk surveyImage(const std::string& name) {
   SurveyedDisk disk;
-  disk.name = name;
+  disk.name = disk.device = name;
   disk.isImage = true;
   struct stat status = {};
   if (stat(name.c_str(), &status) == 0) disk.size = static_cast<uint64_t>(status.st_size);
@@ -218,10 +228,11 @@ bool isImageFile(const std::string& name) {
 SurveyedDisk surveySystemDisk(const SystemDisk& known) {
   SurveyedDisk disk;
   disk.name = known.name;
+  disk.device = kDeviceFolder + known.name;
   disk.size = known.size;
   disk.model = known.model;
   if (known.isWritable) disk.isReadOnly = !*known.isWritable;
-  disk.isExternal = isExternalDisk(known.name);
+  disk.isExternal = isExternalDisk(disk.device);
   OpenDisk open;
   openAndRead(disk, open);
   if (!open.tables) disk.table = tableKind(known.content);
@@ -238,7 +249,7 @@ SurveyedDisk surveySystemDisk(const SystemDisk& known) {
 SurveyedDisk surveyNamedDisk(const std::string& name, const std::vector<SystemDisk>& all) {
   if (isImageFile(name)) return surveyImage(name);
   SurveyedDisk disk;
-  disk.name = name;
+  disk.name = disk.device = name;
   disk.isClosed = true;
   try {
     const DeviceNames names = namesOf(name);

@@ -20,7 +20,7 @@ namespace vorlix::tool {
 /// A partition, or the volume of a disk without a table.
 struct SurveyedPartition {
   uint32_t number = 0;                    ///< 0 for the volume of a whole disk
-  std::string device;                     ///< as every command takes it: "sda3", "mac.imgs3"
+  std::string device;                     ///< as every command takes it: "/dev/sda3", "mac.imgs3"
   uint64_t size = 0;                      ///< bytes
   std::string typeCode;                   ///< type GUID, or MBR type as in "07"; empty if unknown
   std::string type;                       ///< in words; empty if unknown
@@ -40,7 +40,8 @@ struct SurveyedPartition {
 };
 
 struct SurveyedDisk {
-  std::string name;  ///< as the user named it, or as disk arbitration does
+  std::string name;    ///< as the user named it; of a disk of the system, as disk arbitration has it: "sda"
+  std::string device;  ///< as every command takes it, whatever files there are: "/dev/sda", "mac.img"
   bool isImage = false;
   std::optional<uint64_t> size;  ///< bytes
   std::string table;             ///< "GPT", "hybrid MBR", "MBR" or "none"; empty if unknown

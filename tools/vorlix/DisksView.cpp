@@ -103,7 +103,7 @@ std::vector<std::string> partitionRow(const SurveyedPartition& partition, const 
 }
 
 std::string checkCommand(const SurveyedDisk& disk, const SurveyedPartition& partition) {
-  return "vorlix check " + commandWord(disk.name) + " --partition " + std::to_string(partition.number);
+  return "vorlix check " + commandWord(disk.device) + " --partition " + std::to_string(partition.number);
 }
 
 void printBelow(const std::vector<SurveyedDisk>& disks) {
@@ -178,6 +178,7 @@ Json diskJson(const SurveyedDisk& disk) {
   for (const SurveyedPartition& partition : disk.partitions) partitions.append(partitionJson(disk, partition));
   return Json::object({
       {"name", disk.name},
+      {"device", disk.device},
       {"image", disk.isImage},
       {"size", disk.size},
       {"table", knownText(disk.table)},
