@@ -42,7 +42,10 @@ bool mayHoldWindows(const SurveyedPartition& partition) {
   const std::string& type = partition.typeCode;
   const bool isPossibleType = partition.number == 0 || type == kWindowsDataType ||
                               std::find(std::begin(kMBRTypes), std::end(kMBRTypes), type) != std::end(kMBRTypes);
-  return isPossibleType && (partition.kind == "ntfs" || partition.kind == "msdos");
+  // exFAT is read by the system alone.
+  const bool isPossibleKind = partition.kind == "ntfs" || partition.kind == "msdos" ||
+                              (partition.kind == "exfat" && partition.mountPoint.has_value());
+  return isPossibleType && isPossibleKind;
 }
 
 std::string tableKind(const DiskTables& disk) {
