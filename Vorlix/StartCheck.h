@@ -112,6 +112,9 @@ struct VORLIX_EXPORT StartReport {
   bool starts() const;
 };
 
+/// Returns a name as one word of a command line for a shell, as in the commands of findings: quoted where it has to be.
+VORLIX_EXPORT std::string commandWord(const std::string& name);
+
 /// Judges a disk. The findings have the order in which a start needs things.
 VORLIX_EXPORT StartReport checkStart(const StartFacts& facts, StartWay way);
 

@@ -74,7 +74,7 @@ bool checkKind(StartFindings& findings, const StartVolume& volume) {
 }
 
 std::string restoreCommand(const StartVolume& volume) {
-  return "vorlix vbr restore FILE " + StartFindings::word(volume.name);
+  return "vorlix vbr restore FILE " + commandWord(volume.name);
 }
 
 void checkBootSectorFields(StartFindings& findings, const StartVolume& volume) {
@@ -112,10 +112,9 @@ void checkSecondCopy(StartFindings& findings, const StartVolume& volume) {
                  "differs from the boot sector, at byte " + std::to_string(place) +
                      (isCopyButOld ? "" : ", in more than hidden sectors and serial"),
                  "repairs take the copy for the boot sector and bring back what it says",
-                 isCopyButOld
-                     ? findings.hybridCommand()
-                     : "dd if=" + StartFindings::word(volume.name) + " of=" + StartFindings::word(volume.name) +
-                           " bs=512 count=1 seek=" + std::to_string(place / kSectorSize) + " conv=notrunc");
+                 isCopyButOld ? findings.hybridCommand()
+                              : "dd if=" + commandWord(volume.name) + " of=" + commandWord(volume.name) +
+                                    " bs=512 count=1 seek=" + std::to_string(place / kSectorSize) + " conv=notrunc");
 }
 
 void checkVolumeCode(StartFindings& findings, const StartVolume& volume) {
@@ -144,7 +143,7 @@ const char* unseenState(const StartVolume& volume) {
 }
 
 void checkState(StartFindings& findings, const StartVolume& volume) {
-  const std::string name = StartFindings::word(volume.name);
+  const std::string name = commandWord(volume.name);
   const bool isDirty = volume.dirty.value_or(false);
   const bool isHibernated = volume.hibernated.value_or(false);
   if (isDirty) {
@@ -175,7 +174,7 @@ std::string bootFilesCommand(const StartFindings& findings, const StartVolume& v
   const StartFacts& facts = findings.facts();
   const bool hasSignature = littleEndian(facts.sector0, kDiskSignature, 4) != 0;
   if (!volume.suppliesBootFiles || !hasSignature || facts.partition == 0) {
-    return "vorlix legacy-boot " + StartFindings::word(volume.name) + " --bcd FILE";
+    return "vorlix legacy-boot " + commandWord(volume.name) + " --bcd FILE";
   }
   return "vorlix bcd " + findings.diskWord() + " --partition " + std::to_string(facts.partition) +
          " --from-windows --firmware bios";

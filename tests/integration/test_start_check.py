@@ -30,9 +30,9 @@ LEGACY_TREE = {"bootmgr": b"loader" * 99, "Boot": None}
 
 
 @functools.lru_cache(maxsize=None)
-def ntfs():
+def ntfs(more=()):
     """
-    The volume of a Windows that sound() starts, with its boot manager and a store.
+    The volume of a Windows that sound() starts, with its boot manager and a store, and more files as pairs of path and bytes.
 
     The store names the volume twice, so that it still does after a test has changed the MBR or the GPT's identifiers.
     """
@@ -41,8 +41,8 @@ def ntfs():
     second = hive.device_element(struct.pack("<Q", START).ljust(16, b"\0"), SIGNATURE.ljust(16, b"\0"), True)
     at = store.rfind(hive.device_element(guids["P"], guids["D"], False))
     store[at:at + len(second)] = second
-    path = volumes.make_ntfs(os.path.join(volumes.template_folder(), "start.ntfs"), SIZE,
-                             {"BOOTMGR": b"loader", "Boot/BCD": bytes(store)}, start=WINDOWS.first)
+    path = volumes.make_ntfs(os.path.join(volumes.template_folder(), f"start{ntfs.cache_info().currsize}.ntfs"), SIZE,
+                             {"BOOTMGR": b"loader", "Boot/BCD": bytes(store), **dict(more)}, start=WINDOWS.first)
     with open(path, "rb") as file:
         return file.read()
 

@@ -249,6 +249,14 @@ TEST(StartCheck, AStoreOfAnySizeIsSearchedInsideItsBytes) {
   EXPECT_THAT(storeDevices(element), IsEmpty());
 }
 
+TEST(StartCheck, QuotesNamesForAShell) {
+  EXPECT_EQ(commandWord("/dev/sda3"), "/dev/sda3");
+  EXPECT_EQ(commandWord("a b.img"), "'a b.img'");
+  EXPECT_EQ(commandWord("it's $HOME"), "'it'\\''s $HOME'");
+  EXPECT_EQ(commandWord("-rf"), "./'-rf'");
+  EXPECT_EQ(commandWord(""), "''");
+}
+
 TEST(OwnBootCode, IsCodeForSectorZero) {
   Sector sector = {};
   EXPECT_TRUE(lacksDiskBootCode(sector));

@@ -9,8 +9,6 @@
 #include <optional>
 #include <utility>
 
-#include "Terminal.h"
-
 namespace vorlix::tool {
 namespace {
 
@@ -111,7 +109,7 @@ size_t fit(std::vector<size_t>& widths, const std::string& alignment) {
 }
 
 std::string tableRowText(const std::vector<std::string>& row, const std::vector<size_t>& widths,
-                         const std::string& alignment, size_t gap) {
+                         const std::string& alignment, size_t gap, std::optional<Color> color) {
   std::vector<std::vector<std::string>> cells;
   size_t height = 1;
   for (size_t i = 0; i < row.size(); ++i) {
@@ -124,7 +122,8 @@ std::string tableRowText(const std::vector<std::string>& row, const std::vector<
     for (size_t i = 0; i < cells.size(); ++i) {
       const std::string cell = number < cells[i].size() ? cells[i][number] : "";
       const std::string padding(widths[i] - width(cell), ' ');
-      line += std::string(i == 0 ? 0 : gap, ' ') + (alignment[i] == 'r' ? padding + cell : cell + padding);
+      const std::string shown = color && i + 1 == cells.size() && !cell.empty() ? colored(cell, *color) : cell;
+      line += std::string(i == 0 ? 0 : gap, ' ') + (alignment[i] == 'r' ? padding + shown : shown + padding);
     }
     line.erase(line.find_last_not_of(' ') + 1);
     text += line + "\n";
@@ -149,6 +148,24 @@ std::string shortSizeText(uint64_t bytes) {
 
 std::string sizeText(uint64_t bytes) {
   return shortSizeText(bytes) + " (" + std::to_string(bytes) + " bytes)";
+}
+
+std::string binarySizeText(uint64_t bytes) {
+  constexpr std::array<char, 7> kUnits = {'B', 'K', 'M', 'G', 'T', 'P', 'E'};
+  size_t unit = 0;
+  while (unit + 1 < kUnits.size() && bytes >> (10 * (unit + 1)) != 0) ++unit;
+  uint64_t whole = bytes >> (10 * unit);
+  const uint64_t rest = unit == 0 ? 0 : (bytes >> (10 * (unit - 1))) & 1023;
+  uint64_t tenths = (rest * 10 + 512) / 1024;
+  if (tenths == 10) {
+    ++whole;
+    tenths = 0;
+  }
+  if (whole == 1024 && unit + 1 < kUnits.size()) {
+    whole = 1;
+    ++unit;
+  }
+  return std::to_string(whole) + (tenths == 0 ? "" : "." + std::to_string(tenths)) + kUnits[unit];
 }
 
 std::string hexDigits(uint64_t value, int digits) {
@@ -209,14 +226,17 @@ std::string printableLines(const std::string& text) {
   return result;
 }
 
-std::string tableText(const std::vector<std::vector<std::string>>& rows, const std::string& alignment) {
+std::string tableText(const std::vector<std::vector<std::string>>& rows, const std::string& alignment,
+                      const std::vector<std::optional<Color>>& colors) {
   std::vector<size_t> widths(alignment.size());
   for (const auto& row : rows) {
     for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width(row[i]));
   }
   const size_t gap = fit(widths, alignment);
   std::string text;
-  for (const auto& row : rows) text += tableRowText(row, widths, alignment, gap);
+  for (size_t i = 0; i < rows.size(); ++i) {
+    text += tableRowText(rows[i], widths, alignment, gap, i < colors.size() ? colors[i] : std::nullopt);
+  }
   return text;
 }
 

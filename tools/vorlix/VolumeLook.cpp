@@ -11,7 +11,6 @@
 #include <string_view>
 #include <utility>
 
-#include "Arbitration.h"
 #include "Failure.h"
 #include "Text.h"
 #include "UnmountedPath.h"
@@ -40,18 +39,28 @@ FileFact missing() {
 }  // namespace
 
 VolumeLook::VolumeLook(const std::string& slice) {
-  std::optional<Dissenter> refusal;
   try {
-    const DevicePlace place = placeOf(slice);
-    if (place.mountPoint) {
-      root_.emplace(*place.mountPoint, isCaseBlindDevice(slice));
-      return;
-    }
-    volume_ = platform().volumeMirrors->openToRead(place.name, refusal);
+    open(slice, placeOf(slice));
   } catch (const Failure& failure) {
     reason_ = failure.what();
+  }
+}
+
+VolumeLook::VolumeLook(const std::string& slice, const DevicePlace& place) {
+  try {
+    open(slice, place);
+  } catch (const Failure& failure) {
+    reason_ = failure.what();
+  }
+}
+
+void VolumeLook::open(const std::string& slice, const DevicePlace& place) {
+  if (place.mountPoint) {
+    root_.emplace(*place.mountPoint, isCaseBlindDevice(slice));
     return;
   }
+  std::optional<Dissenter> refusal;
+  volume_ = platform().volumeMirrors->openToRead(place.name, refusal);
   if (!volume_) reason_ = slice + " cannot be looked into: " + (refusal ? reasonText(*refusal) : "it is not mounted");
 }
 

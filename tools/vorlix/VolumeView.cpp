@@ -32,10 +32,28 @@ VolumeView::VolumeView(const std::string& volume, const std::optional<std::strin
     folder_ = *place.mountPoint;
     return;
   }
-  std::optional<Dissenter> refusal;
-  unmounted_ = platform().volumeMirrors->openToRead(place.name, refusal);
-  if (!unmounted_) throw Failure(volume, refusal ? reasonText(*refusal) : "not mounted", state);
+  openUnmounted(place.name);
   kind_ = volumeKindOf(place.name);
+  makeFolder();
+}
+
+VolumeView::VolumeView(const DevicePlace& place, const std::optional<std::string>& kind) : volume_(place.name) {
+  if (place.mountPoint) {
+    folder_ = *place.mountPoint;
+    return;
+  }
+  openUnmounted(place.name);
+  kind_ = kind;
+  makeFolder();
+}
+
+void VolumeView::openUnmounted(const std::string& device) {
+  std::optional<Dissenter> refusal;
+  unmounted_ = platform().volumeMirrors->openToRead(device, refusal);
+  if (!unmounted_) throw Failure(volume_, refusal ? reasonText(*refusal) : "not mounted", state_);
+}
+
+void VolumeView::makeFolder() {
   temporary_ = std::make_unique<ViewFolder>();
   folder_ = temporary_->path();
 }
