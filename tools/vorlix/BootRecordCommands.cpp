@@ -195,8 +195,10 @@ void addBootRecordCommands(Command& top, int& status) {
   vbr.setExamples({"vorlix vbr save mac.imgs3 saved.vbr", "vorlix vbr restore saved.vbr mac.imgs3 --dry-run"});
   const auto saving = std::make_shared<SaveOptions>();
   Command save = vbr.addCommand("save", "Save bytes 84 to 8191 of a volume");
-  save.addOption("DEVICE", saving->device, "The volume").required();
-  save.addOption("FILE", saving->file, "File to make; one that exists is refused").required();
+  save.addOption("DEVICE", saving->device, "The volume").completes(ValueKind::device).required();
+  save.addOption("FILE", saving->file, "File to make; one that exists is refused")
+      .completes(ValueKind::file)
+      .required();
   save.addFlag("--force", saving->force, "Save of a disk with a partition table, too");
   save.setExamples({"vorlix vbr save mac.imgs3 saved.vbr"});
   save.setAction([saving, &status] {
@@ -206,8 +208,10 @@ void addBootRecordCommands(Command& top, int& status) {
 
   const auto restoring = std::make_shared<RestoreOptions>();
   Command restore = vbr.addCommand("restore", "Put a saved boot record on an NTFS volume");
-  restore.addOption("FILE", restoring->file, "The saved boot record, 8108 bytes").required();
-  restore.addOption("DEVICE", restoring->device, "The volume; it is unmounted first").required();
+  restore.addOption("FILE", restoring->file, "The saved boot record, 8108 bytes").completes(ValueKind::file).required();
+  restore.addOption("DEVICE", restoring->device, "The volume; it is unmounted first")
+      .completes(ValueKind::device)
+      .required();
   const Option dryRun =
       restore.addFlag("--dry-run", restoring->dryRun, "Show the bytes that would change; open nothing for writing");
   restore.addFlag("--json", restoring->json, "Show them as JSON").needs(dryRun);
@@ -232,8 +236,10 @@ void addBootRecordCommands(Command& top, int& status) {
   bootCode.setExamples({"vorlix boot-code save /dev/sda saved.mbr"});
   const auto savingCode = std::make_shared<SaveOptions>();
   Command saveCode = bootCode.addCommand("save", "Save bytes 0 to 445 of sector 0");
-  saveCode.addOption("DISK", savingCode->device, "The whole disk").required();
-  saveCode.addOption("FILE", savingCode->file, "File to make; one that exists is refused").required();
+  saveCode.addOption("DISK", savingCode->device, "The whole disk").completes(ValueKind::disk).required();
+  saveCode.addOption("FILE", savingCode->file, "File to make; one that exists is refused")
+      .completes(ValueKind::file)
+      .required();
   saveCode.addFlag("--force", savingCode->force, "Save of a slice, too");
   saveCode.setExamples({"vorlix boot-code save /dev/sda saved.mbr"});
   saveCode.setAction([savingCode, &status] {
