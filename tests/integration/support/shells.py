@@ -29,10 +29,11 @@ ZSH = r"""
 PS1='ready> '
 unsetopt beep
 setopt no_list_beep
+fpath=($INSTALLED $fpath)
 autoload -Uz compinit && compinit -u -D
 zstyle ':completion:*' list-prompt ''
 LISTMAX=10000
-source <(vorlix completion zsh)
+[[ -n $INSTALLED ]] || source <(vorlix completion zsh)
 compadd() {
   local -a hits
   if [[ " ${@[1,(i)(-|--)]} " != *\ -[OAD]* ]]; then

@@ -1,4 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
+# shellcheck shell=bash
 # Completion of vorlix for bash. The program itself says what may stand at a place, so this file never goes out of date.
 
 # Sets vorlix_text to what a word on the command line stands for, without its quotes. A quote may still be open.
@@ -25,12 +26,13 @@ _vorlix_unquote() {
 }
 
 _vorlix() {
-  local vorlix_text index piece blank typed word prefix path line kind=''
+  local vorlix_text index piece blank typed word prefix path kind=''
   local -a words=()
   COMPREPLY=()
 
   # Bash cuts words at colons and equal signs; pieces without a blank between them are one word.
-  local rest=${COMP_LINE:0:COMP_POINT}
+  local line=${COMP_LINE:-${COMP_WORDS[*]}}
+  local rest=${line:0:${COMP_POINT:-${#line}}}
   for ((index = 0; index <= COMP_CWORD; ++index)); do
     piece=${COMP_WORDS[index]}
     blank=${rest%%[![:space:]]*}
@@ -50,7 +52,7 @@ _vorlix() {
   word=${words[${#words[@]} - 1]}
 
   # Bash replaces only the last piece, so what comes before it must not be in the answers.
-  _vorlix_unquote "${2-}"
+  _vorlix_unquote "${2-$piece}"
   typed=$vorlix_text
   if [[ $typed == [:=] ]]; then typed=''; fi
   prefix=${word%"$typed"}

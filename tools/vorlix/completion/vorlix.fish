@@ -12,18 +12,15 @@ function __vorlix_complete
     if set -q answer[2]
         printf '%s\n' $answer[2..-1]
     end
-    set -l before ''
-    set -l path $typed
-    if string match -q -- '--*=*' $typed
-        set before (string replace -r '=.*' '=' -- $typed)
-        set path (string replace -r '^[^=]*=' '' -- $typed)
-    end
+    # Fish itself completes paths, as the user has begun to write them.
+    set -l before (string match -r -- '^--[^=]*=' "$token")
+    set -l path (string replace -r -- '^--[^=]*=' '' "$token")
     set -l found
     switch $answer[1]
         case '* files'
-            set found (__fish_complete_path "$path")
+            set found (complete -C "'' $path")
         case '* folders'
-            set found (__fish_complete_directories "$path")
+            set found (complete -C "'' $path" | string match -r '^[^\t]*/(?:\t.*)?$')
     end
     for line in $found
         printf '%s\n' "$before$line"
