@@ -234,6 +234,7 @@ class InShells(CompletionTest):
     def setUp(self):
         super().setUp()
         self.odd = self.copy_of_disk(ODD)
+        self.cut = self.copy_of_disk("k=v:w@x.img")
         os.makedirs(self.path("a folder/inner"))
         self.file("a file", b"")
         self.settings = self.path("shell")
@@ -252,7 +253,7 @@ class InShells(CompletionTest):
         return terminal
 
     def check(self, terminal, cases):
-        before = {path: images.snapshot(path) for path in (self.disk, self.odd)}
+        before = {path: images.snapshot(path) for path in (self.disk, self.odd, self.cut)}
         for line, expected, *after in cases:
             with self.subTest(line=line):
                 offers, then = terminal.press_tab(line)
@@ -281,6 +282,11 @@ class InShells(CompletionTest):
             ("vorlix mount my", [ODD, ODD + "s1", ODD + "s2", ODD + "s3"], f"vorlix mount {odd}"),
             ("vorlix mount my\\ disk:", [ODD[8:] + end for end in ("", "s1", "s2", "s3")], f"vorlix mount my\\ disk:{odd[10:]}"),
             ("vorlix mount \"my disk: ü", [ODD, ODD + "s1", ODD + "s2", ODD + "s3"], "vorlix mount \"my disk: ü \\\"x'.img"),
+            ("vorlix mount k=v", [f"v:w@x.img{end}" for end in ("", "s1", "s2", "s3")], "vorlix mount k=v\\:w\\@x.img"),
+            ("vorlix mount k=v:", [f"w@x.img{end}" for end in ("", "s1", "s2", "s3")], "vorlix mount k=v:w\\@x.img"),
+            ("vorlix mount k=v:w@", [f"@x.img{end}" for end in ("", "s1", "s2", "s3")], "vorlix mount k=v:w\\@x.img"),
+            ("vorlix hybrid k=v:w@x.img --partition=", ["1", "2", "3"]),
+            ("FOO=1 vorlix sho", ["show"], "FOO=1 vorlix show "),
             (f"vorlix hybrid {odd} --partition ", ["1", "2", "3"]),
             (f"vorlix hybrid \"my disk: ü \\\"x'.img\" --partition ", ["1", "2", "3"]),
         ])
@@ -305,6 +311,10 @@ class InShells(CompletionTest):
             ("vorlix mount my\\ disk:", [odd, odd + "s1", odd + "s2", odd + "s3"], f"vorlix mount {odd}"),
             ("vorlix mount \"my disk: ü", ["my disk: ü \\\"x'.img" + end for end in ("", "s1", "s2", "s3")],
              "vorlix mount \"my disk: ü \\\"x'.img"),
+            ("vorlix mount k=v", [f"k=v:w@x.img{end}" for end in ("", "s1", "s2", "s3")], "vorlix mount k=v:w@x.img"),
+            ("vorlix hybrid x --volume=k=v:", [f"k=v:w@x.img{end}" for end in ("", "s1", "s2", "s3")],
+             "vorlix hybrid x --volume=k=v:w@x.img"),
+            ("FOO=1 vorlix sho", ["show"], "FOO=1 vorlix show "),
             (f"vorlix hybrid {odd} --partition ", ["1", "2", "3"]),
         ])
 
@@ -328,6 +338,9 @@ class InShells(CompletionTest):
             ("vorlix mount my", [odd, odd + "s1", odd + "s2", odd + "s3"]),
             (f"vorlix hybrid {odd} --partition ", ["1", "2", "3"]),
             ("vorlix hybrid \"my disk: ü \\\"x'.img\" --partition ", ["1", "2", "3"]),
+            ("vorlix hybrid x --volume=k=v:w", [f"--volume=k=v:w@x.img{end}" for end in ("", "s1", "s2", "s3")]),
+            ("FOO=1 vorlix sho", ["show"]),
+            ("/no/such/vorlix sho", []),  # fish would say so on standard error, which the test refuses
         ])
         self.assertEqual(fish.press_tab("vorlix sho")[1]["show"], "Show a disk's MBR and GPT and how the two agree")
         self.assertTrue(fish.press_tab("vorlix hybrid mac.img --partition ")[1]["3"].startswith("BOOTCAMP, "))

@@ -59,9 +59,9 @@ void addCompletionCommand(Command& top, int& status) {
       "Packages and `cmake --install` put these scripts where the shells look for them. The script asks vorlix what\n"
       "may come next: commands, options and their values, devices, slices of disk images, partitions of the disk that\n"
       "was named, mounted volumes, backups. Nothing is written, and what the user may not read is left out.");
-  command.setExamples({"eval \"$(vorlix completion bash)\"       in ~/.bashrc",
+  command.setExamples({"vorlix completion fish | source        in ~/.config/fish/config.fish",
                        "source <(vorlix completion zsh)        in ~/.zshrc, after compinit",
-                       "vorlix completion fish | source        in ~/.config/fish/config.fish"});
+                       "eval \"$(vorlix completion bash)\"       in ~/.bashrc"});
   command.setAction([shell, &status] {
     const char* const zshOrFish = *shell == "zsh" ? kZshCompletion : kFishCompletion;
     std::fputs(*shell == "bash" ? kBashCompletion : zshOrFish, stdout);

@@ -7,6 +7,7 @@ function __vorlix_complete
     # A quote may still be open.
     set -l typed (string unescape -- "$token"; or string unescape -- "$token'"; or string unescape -- "$token\"")
     set -l program (string replace -r '^~/' "$HOME/" -- $words[1])
+    type -q -- "$program"; or return
     set -l answer ($program complete -- $words[2..-1] "$typed" 2>/dev/null </dev/null)
     set -q answer[1]; or return
     if set -q answer[2]
