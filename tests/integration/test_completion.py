@@ -128,6 +128,7 @@ class TheMachine(CompletionTest):
         self.assertIn(", 8.39 MB", descriptions[2])
         for word in (os.path.dirname(self.disk), os.path.dirname(self.disk) + "/", self.path("folder"), self.path("none")):
             self.assert_slices(self.offers("mount", word)[1], self.disk, [])
+        self.assert_slices(self.offers("restore", self.disk)[1], self.disk, [1, 2, 3])
         self.copy_of_disk("mac.img2")
         self.assert_slices(self.offers("mount", self.path("ma"))[1], self.disk, [])  # which of the two is not known
         self.assert_slices(self.offers("mount", self.disk)[1], self.disk, [1, 2, 3])
@@ -140,6 +141,7 @@ class TheMachine(CompletionTest):
             self.assertTrue(offered["3"].startswith("BOOTCAMP, "), offered)
         self.assertEqual(list(self.offers("hybrid", self.disk, "--partition=")[1]), [f"--partition={n}" for n in (1, 2, 3)])
         self.assertEqual(self.offers("hybrid", "--partition", ""), ("partition", {}))
+        self.assertEqual(self.offers("restore", self.disk, "--partition", ""), ("partition", {}), "that is the source")
 
     def test_a_disk_with_an_mbr_alone(self):
         disk = self.file("mbr.img", bytes(1 << 20))

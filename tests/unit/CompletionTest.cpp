@@ -145,6 +145,7 @@ TEST(CompletionTest, thePartitionIsOfTheDiskNamedBefore) {
                 .disk,
             "/dev/sda");
   EXPECT_EQ(wantedOf({"write", "--partition", ""}).disk, "");
+  EXPECT_EQ(wantedOf({"record", "save", "mac.imgs1", ""}).disk, "") << "a slice is no disk";
 }
 
 TEST(CompletionTest, whatIsExcludedIsNotOffered) {

@@ -72,7 +72,7 @@ class Reader {
 
   void take(const OptionShape& option, const std::string& word) {
     given_.insert(option.name);
-    if (option.kind == ValueKind::disk || option.kind == ValueKind::device) disk_ = word;
+    if (option.kind == ValueKind::disk) disk_ = word;
   }
 
   bool isExcluded(const OptionShape& option) const {

@@ -66,7 +66,7 @@ struct Wanted {
   ValueKind kind = ValueKind::undeclared;  ///< of a value
   std::string before;                      ///< the part of the last word before the value: "--start="
   std::string word;                        ///< the rest of the last word
-  std::string disk;                        ///< the disk or device that was named before; empty if none was
+  std::string disk;                        ///< the last one that was named before; empty if none was
 };
 
 /// @param words  of the command line without the program's name. The last one is being written and may be empty.

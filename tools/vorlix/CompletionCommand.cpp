@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <cstdio>
+#include <exception>
 #include <memory>
 #include <string>
 #include <vector>
@@ -71,7 +72,12 @@ void addCompletionCommand(Command& top, int& status) {
 
 void printCompletions(const CommandShape& shape, const std::vector<std::string>& words) {
   const Wanted wanted = wantedBy(shape, words);
-  const Offers offers = offersFor(wanted);
+  Offers offers{wanted.words, OfferedPaths::none};
+  try {
+    offers = offersFor(wanted);
+  } catch (const std::exception&) {
+    // Somebody is in the middle of a line: what cannot be looked up is not offered.
+  }
   std::printf("%s%s\n", placeText(wanted), pathsText(offers.paths));
   for (const Candidate& offer : offers.words) {
     // A name with a line feed or a tab has no line here.

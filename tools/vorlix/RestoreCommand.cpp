@@ -392,7 +392,7 @@ void addRestoreCommand(Command& top, int& status) {
       .addOption("SOURCE", request.source,
                  "Image file, plain or packed (gz, xz, zst, bz2, zip), ntfsclone image, WIM or ESD, folder of a "
                  "backup, slice, or - for standard input")
-      .completes(ValueKind::file);
+      .completes(ValueKind::device);
   command.addOption("DISK", request.disk, "Whole disk or disk-image file").completes(ValueKind::disk);
   command.addOption("--partition", request.partition, "GPT entry of the volume to overwrite")
       .completes(ValueKind::partition)
