@@ -54,7 +54,7 @@ std::optional<int64_t> numberFrom(std::string_view digits) {
 std::optional<std::string> bsdNameOf(const DeviceLocation& location) {
   std::string name;
   if (location.isImage) {
-    name = imageBSDName(location.whole);
+    name = location.imageName;
   } else {
     const std::optional<fs::path> folder = sysfsFolderOf(location.node);
     if (!folder) return std::nullopt;

@@ -38,27 +38,17 @@ std::optional<std::string> kernelSlice(dev_t whole, uint32_t number) {
 DeviceLocation locateBlockDevice(const std::string& path, dev_t device) {
   const std::optional<fs::path> folder = sysfsFolder(device);
   const std::optional<uint64_t> slice = folder ? readWholeNumber(*folder / "partition") : std::nullopt;
-  if (!slice || *slice > std::numeric_limits<uint32_t>::max()) return {path, path, 0, false};
-  return {nodeOf(folder->parent_path().filename()), path, static_cast<uint32_t>(*slice), false};
-}
-
-// Afterwards an image is known by its absolute path. If this user cannot follow that path, for example because a folder
-// above the working folder cannot be entered, nothing would find the image later.
-bool isReachedByAbsolutePath(const std::string& path, const struct stat& image) {
-  struct stat status = {};
-  if (path.starts_with('/')) return true;
-  if (stat(imageBSDName(path).c_str(), &status) != 0) return false;
-  if (status.st_dev == image.st_dev && status.st_ino == image.st_ino) return true;
-  errno = ESTALE;
-  return false;
+  if (!slice || *slice > std::numeric_limits<uint32_t>::max()) return {path, path, 0, false, ""};
+  return {nodeOf(folder->parent_path().filename()), path, static_cast<uint32_t>(*slice), false, ""};
 }
 
 std::optional<DeviceLocation> locateExisting(const std::string& path) {
   struct stat status = {};
   if (stat(path.c_str(), &status) != 0) return std::nullopt;
   if (S_ISREG(status.st_mode)) {
-    if (!isReachedByAbsolutePath(path, status)) return std::nullopt;
-    return DeviceLocation{path, path, 0, true};
+    std::optional<std::string> name = lastingImageName(path, status);
+    if (!name) return std::nullopt;
+    return DeviceLocation{path, path, 0, true, *std::move(name)};
   }
   if (S_ISBLK(status.st_mode)) return locateBlockDevice(path, status.st_rdev);
   errno = S_ISDIR(status.st_mode) ? EISDIR : ENOTBLK;
@@ -80,7 +70,7 @@ std::optional<DeviceLocation> sliceOf(const DeviceLocation& whole, uint32_t numb
 
 std::optional<DeviceLocation> locateDevice(const std::string& name) {
   std::optional<DeviceLocation> found = locateName(name, locateExisting, sliceOf);
-  if (found && found->isImage) noteImageFile(found->whole);
+  if (found && found->isImage) noteImageFile(found->imageName);
   return found;
 }
 

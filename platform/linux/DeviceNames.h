@@ -11,10 +11,11 @@ namespace vorlix {
 
 /// Where the bytes of a device are.
 struct DeviceLocation {
-  std::string whole;     ///< path of the whole disk: a block device node or a disk-image file
-  std::string node;      ///< path to open: `whole`, or the kernel's own node of the slice
-  uint32_t slice = 0;    ///< slice number, 0 for the whole disk
-  bool isImage = false;  ///< `whole` is a regular file
+  std::string whole;      ///< path of the whole disk: a block device node or a disk-image file
+  std::string node;       ///< path to open: `whole`, or the kernel's own node of the slice
+  uint32_t slice = 0;     ///< slice number, 0 for the whole disk
+  bool isImage = false;   ///< `whole` is a regular file
+  std::string imageName;  ///< BSD name of that file (ImageFiles.h); empty for a device
   bool hasOwnNode() const { return slice == 0 || node != whole; }
 };
 

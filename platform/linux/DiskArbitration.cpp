@@ -127,7 +127,7 @@ std::shared_ptr<LinuxDisk> LinuxDisk::named(const std::string& name, const std::
   // The name of an image is its absolute path, whatever name was given.
   if (!location->isImage) return std::make_shared<LinuxDisk>(name, *location, requests);
   DeviceLocation image = *location;
-  image.whole = image.node = imageBSDName(location->whole);
+  image.whole = image.node = location->imageName;
   std::string bsdName = *bsdNameOf(image);
   return std::make_shared<LinuxDisk>(std::move(bsdName), std::move(image), requests);
 }

@@ -33,7 +33,7 @@ int64_t asInteger(uint64_t number) {
 
 std::optional<DiskFacts> diskFactsOf(const DeviceLocation& location) {
   if (location.isImage) return imageDiskFacts("", location.whole);
-  const std::optional<std::string> name = bsdNameOf({location.whole, location.whole, 0, false});
+  const std::optional<std::string> name = bsdNameOf({location.whole, location.whole, 0, false, ""});
   return name ? kernelDiskOf("", *name) : std::nullopt;
 }
 
@@ -70,7 +70,7 @@ void describeMedium(const DeviceLocation& location, const std::optional<DiskFact
   description.set(kDescriptionMediaSize, asInteger(slice->extent.size));
   if (!slice->content.empty()) description.set(kDescriptionMediaContent, slice->content);
   setIfKnown(description, kDescriptionMediaUUID, slice->uuid);
-  const auto whole = openLocation({location.whole, location.whole, 0, location.isImage}, O_RDONLY);
+  const auto whole = openLocation({location.whole, location.whole, 0, location.isImage, location.imageName}, O_RDONLY);
   if (!whole) return;
   setIfKnown(description, kDescriptionMediaName,
              probePartitionName(whole->descriptor.get(), whole->blockSize, location.slice));

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <mutex>
 #include <system_error>
@@ -28,11 +29,12 @@ FileList& fileList() {
   return list;
 }
 
-bool isSameFile(const std::string& one, const std::string& other) {
-  struct stat first = {};
-  struct stat second = {};
-  return stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
-         first.st_ino == second.st_ino;
+// Otherwise `errno` is set.
+bool leadsTo(const std::string& path, const struct stat& file) {
+  struct stat found = {};
+  if (stat(path.c_str(), &found) != 0) return false;
+  errno = ESTALE;
+  return found.st_dev == file.st_dev && found.st_ino == file.st_ino;
 }
 
 std::string kernelPathOf(const std::string& path) {
@@ -54,15 +56,25 @@ std::string absoluteName(const std::string& path) {
 }  // namespace
 
 std::string imageBSDName(const std::string& path) {
-  const std::string name = absoluteName(path);
-  if (path.starts_with('/') || isSameFile(path, name)) return name;
-  // A link may lead out of a working folder that this user cannot reach by its path.
-  const std::string shorter = kernelPathOf(path);
-  return !shorter.empty() && isSameFile(path, shorter) ? shorter : name;
+  if (path.starts_with('/')) return absoluteName(path);
+  struct stat image = {};
+  std::optional<std::string> name;
+  if (stat(path.c_str(), &image) == 0) name = lastingImageName(path, image);
+  return name ? *name : absoluteName(path);
 }
 
-void noteImageFile(const std::string& path) {
-  const std::string name = imageBSDName(path);
+std::optional<std::string> lastingImageName(const std::string& path, const struct stat& image) {
+  std::string name = absoluteName(path);
+  if (path.starts_with('/') || leadsTo(name, image)) return name;
+  const int reason = errno;
+  // A link may lead out of a working folder that this user cannot reach by its path.
+  std::string shorter = kernelPathOf(path);
+  if (!shorter.empty() && leadsTo(shorter, image)) return shorter;
+  errno = reason;
+  return std::nullopt;
+}
+
+void noteImageFile(const std::string& name) {
   FileList& list = fileList();
   const std::lock_guard<std::mutex> guard(list.mutex);
   const auto found = std::find(list.names.begin(), list.names.end(), name);

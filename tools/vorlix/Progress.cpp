@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <utility>
@@ -29,8 +29,11 @@ extern "C" void noteSignal(int number) {
   std::signal(number, SIG_DFL);
 }
 
-std::string timeText(double seconds) {
-  const auto whole = static_cast<int64_t>(std::ceil(seconds));
+int64_t wholeSeconds(double seconds) {
+  return std::chrono::ceil<std::chrono::seconds>(std::chrono::duration<double>(seconds)).count();
+}
+
+std::string timeText(int64_t whole) {
   const std::string rest = std::to_string(whole % 60);
   const std::string minutes = std::to_string(whole / 60 % 60);
   const std::string tail = (rest.size() == 1 ? "0" : "") + rest;
@@ -87,7 +90,7 @@ void Progress::tell(Clock::time_point now) {
 
 void Progress::tellPeople(double rate, double secondsLeft) {
   const double part = total_ == 0 ? 1 : static_cast<double>(done_) / static_cast<double>(total_);
-  const std::string left = secondsLeft < 0 ? "" : ", " + timeText(secondsLeft) + " left";
+  const std::string left = secondsLeft < 0 ? "" : ", " + timeText(wholeSeconds(secondsLeft)) + " left";
   const std::string numbers = std::to_string(static_cast<int>(part * 100)) + " % of " + shortSizeText(total_) + ", " +
                               shortSizeText(static_cast<uint64_t>(rate)) + "/s" + left;
   if (!isTerminal_) {
@@ -107,7 +110,7 @@ void Progress::tellJson(double rate, double secondsLeft) const {
                 {"done", done_},
                 {"total", total_},
                 {"bytesPerSecond", static_cast<uint64_t>(rate)},
-                {"secondsLeft", secondsLeft < 0 ? Json() : Json(std::ceil(secondsLeft))}})
+                {"secondsLeft", secondsLeft < 0 ? Json() : Json(wholeSeconds(secondsLeft))}})
       .printLine();
   std::fflush(stdout);
 }

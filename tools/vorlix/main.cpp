@@ -83,7 +83,8 @@ int main(int argc, char** argv) {
   using namespace vorlix::tool;
   vorlix::fillStandardDescriptors();
   std::signal(SIGXFSZ, SIG_IGN);  // a log that may not grow must not end a command between two writes
-  CommandLine line(
+  // Never destroyed: taking the parser apart takes longer than reading a GPT.
+  static CommandLine& line = *new CommandLine(
       "Partition tables and boot records of disks that hold Windows beside macOS.", "vorlix",
       std::string("vorlix ") + versionText(),
       "DISK is a block device (/dev/sda, sda), a disk-image file, or slice N of either as DISKsN (mac.imgs3).\n"
