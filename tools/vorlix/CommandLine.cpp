@@ -109,6 +109,10 @@ Option Command::addOption(const std::string& name, std::string& target, const st
   return Option(inner_->add_option(name, target, description));
 }
 
+Option Command::addOption(const std::string& name, std::vector<std::string>& target, const std::string& description) {
+  return Option(inner_->add_option(name, target, description));
+}
+
 Option Command::addOption(const std::string& name, uint32_t& target, const std::string& description) {
   return Option(inner_->add_option(name, target, description));
 }
