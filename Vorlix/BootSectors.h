@@ -104,6 +104,10 @@ VORLIX_EXPORT Field bootCodeField(const Sector& bootSector);
 /// field.
 VORLIX_EXPORT bool lacksBootCode(const Sector& bootSector);
 
+/// Returns whether the volume's boot code is that of mkntfs and mkfs.fat, with whatever text: it prints the text, waits
+/// for a key and asks the BIOS for another disk. Nothing starts from it.
+VORLIX_EXPORT bool onlyPrintsMessage(const Sector& bootSector);
+
 /// Returns an NTFS or FAT boot sector with another hidden-sectors field and serial. Other sectors are returned
 /// unchanged.
 VORLIX_EXPORT Sector patchedBootSector(const Sector& bootSector, uint32_t start, const Serial& serial);

@@ -298,7 +298,8 @@ VORLIX_EXPORT void write_new_gpt(int non_interactive, const char* device, const 
  * @param volume           device of the volume.
  * @return 0, or -1 if the device could not be opened or written. A failed write is also reported on standard error; if
  *         the device ended too early, as ENOSPC.
- * @warning The file system is not examined. On FAT32, bytes 72 to 79 are part of the volume label.
+ * @warning The file system is not examined. On FAT32, bytes 72 to 79 are part of the volume label. On exFAT they are
+ * the number of the volume's sectors, so that the volume is destroyed.
  */
 VORLIX_EXPORT int update_start_sector(int non_interactive, uint64_t unused1, uint32_t start, uint64_t unused2,
                                       const char* volume);

@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace vorlix {
 
@@ -61,6 +62,9 @@ struct RestoreResult {
   bool isBlank = false;  ///< of one that is not done: the volume has no boot sector, so nothing takes it for whole
   bool isCompared = false;           ///< of one that is done: all of its content was read back and compared
   std::unique_ptr<LongChange> rest;  ///< of a paused one: its journal, for finishRestore()
+
+  /// Of a paused one: what its devices are, in the order of the structures, for finishRestore().
+  std::vector<std::optional<DeviceIdentity>> devices;
 };
 
 /// Restores a volume. `source` is at its beginning.
@@ -78,7 +82,8 @@ VORLIX_EXPORT RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, I
 
 /// Finishes a paused restore: writes the structures outside of the volume. Between the pause and this call, the handles
 /// may be closed. While the journal is open, this process may change other volumes of the disk, and no other process
-/// may.
+/// may. If a handle is of another disk than before the pause, nothing is written, and the journal stays: somebody
+/// exchanged the disk.
 /// @param paused   the result of the pause
 /// @param handles  as for resumeRestore()
 VORLIX_EXPORT RestoreResult finishRestore(RestoreResult paused,

@@ -51,6 +51,10 @@ struct StartVolume {
 
   FileFact bootManager;  ///< "bootmgr" in the root, which the volume's boot code loads
   FileFact legacyStore;  ///< "boot/BCD"
+
+  /// Whether a Windows on the volume has the files from which `vorlix bcd --from-windows --firmware bios` makes the
+  /// two.
+  bool suppliesBootFiles = false;
 };
 
 /// The EFI System Partition.
@@ -107,6 +111,9 @@ struct VORLIX_EXPORT StartReport {
   /// Returns whether the disk starts as far as can be told: there is no fault.
   bool starts() const;
 };
+
+/// Returns a name as one word of a command line for a shell, as in the commands of findings: quoted where it has to be.
+VORLIX_EXPORT std::string commandWord(const std::string& name);
 
 /// Judges a disk. The findings have the order in which a start needs things.
 VORLIX_EXPORT StartReport checkStart(const StartFacts& facts, StartWay way);

@@ -4,8 +4,15 @@
 # (Vorlix/platform/CompanionProgram.h).
 set(VORLIX_COMPANION_FOLDER ${CMAKE_INSTALL_LIBEXECDIR}/vorlix-${PROJECT_VERSION_MAJOR})
 
-# Makes a program a companion: built where the command line of the build folder looks, and installed.
+# Makes a program a companion: built where the command line of the build folder looks, and installed. AddressSanitizer
+# reserves terabytes of address space and opens files for its reports, so a companion with sanitizers is confined less.
 function(vorlix_companion target)
+  set(sanitized 0)
+  if(VORLIX_SANITIZE)
+    set(sanitized 1)
+  endif()
+  target_compile_definitions(${target} PRIVATE VORLIX_VERSION="${PROJECT_VERSION}" VORLIX_SANITIZED=${sanitized})
+  target_link_libraries(${target} PRIVATE vorlix_headers)
   set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tools/bin)
   install(TARGETS ${target} RUNTIME DESTINATION ${VORLIX_COMPANION_FOLDER} COMPONENT library)
 endfunction()

@@ -114,6 +114,7 @@ pkg_check_modules(ARCHIVE REQUIRED IMPORTED_TARGET GLOBAL libarchive)
 find_package(ZLIB REQUIRED)
 file(GLOB unpacking CONFIGURE_DEPENDS platform/posix/unpacking/*.cpp)
 add_library(vorlix_unpacking_objects OBJECT ${unpacking})
+vorlix_batch(vorlix_unpacking_objects unpacking ".")
 target_link_libraries(vorlix_unpacking_objects PRIVATE vorlix_headers PkgConfig::ARCHIVE ZLIB::ZLIB)
 target_sources(vorlix_static PRIVATE $<TARGET_OBJECTS:vorlix_unpacking_objects>)
 target_link_libraries(vorlix_static PRIVATE PkgConfig::ARCHIVE ZLIB::ZLIB)
@@ -162,6 +163,9 @@ else()
     add_library(${loader} OBJECT ${module_loader})
     target_link_libraries(${loader} PRIVATE vorlix_headers)
   endforeach()
+  # A module finds nothing in the program that loads it, so each has the texts of errors itself.
+  add_library(vorlix_error_texts OBJECT platform/SystemError.cpp)
+  target_link_libraries(vorlix_error_texts PRIVATE vorlix_headers)
   function(vorlix_module name)  # and its libraries
     cmake_parse_arguments(PARSE_ARGV 1 module "APART" "" "")
     set(libraries ${module_UNPARSED_ARGUMENTS})
@@ -182,8 +186,7 @@ else()
       target_link_libraries(vorlix_static PRIVATE ${libraries})
     endif()
 
-    # A module finds nothing in the program that loads it, so it has the texts of errors itself.
-    add_library(vorlix_${name} MODULE ${folder}/Module.cpp ${PROJECT_SOURCE_DIR}/platform/SystemError.cpp
+    add_library(vorlix_${name} MODULE ${folder}/Module.cpp $<TARGET_OBJECTS:vorlix_error_texts>
                 $<TARGET_OBJECTS:vorlix_${name}_objects>)
     target_link_libraries(vorlix_${name} PRIVATE vorlix_headers ${libraries})
     if(NOT VORLIX_SANITIZE)  # whose runtime is the program's

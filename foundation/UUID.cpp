@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <Vorlix/foundation/HexDigits.h>
 #include <Vorlix/foundation/UUID.h>
 
 #include <random>
-
-#include "HexDigits.h"
 
 namespace vorlix {
 namespace {
@@ -44,12 +43,10 @@ std::optional<UUID> UUID::fromText(std::string_view text) {
 }
 
 std::string UUID::text() const {
-  constexpr const char* kDigits = "0123456789ABCDEF";
   std::string result;
   for (const uint8_t byte : bytes_) {
     if (isDashPlace(result.size())) result += '-';
-    result += kDigits[byte >> 4];
-    result += kDigits[byte & 15];
+    appendUpperHex(result, byte);
   }
   return result;
 }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/QDVolume.h>
+#include <Vorlix/foundation/HexDigits.h>
 
 #include <string_view>
 
@@ -11,13 +12,11 @@ namespace {
 constexpr const char* kAbsent = "(null)";
 
 std::string hexadecimal(const std::vector<uint8_t>& bytes) {
-  constexpr const char* kDigits = "0123456789abcdef";
   constexpr size_t kGroup = 4;
   std::string text = "<";
   for (size_t i = 0; i < bytes.size(); ++i) {
     if (i > 0 && i % kGroup == 0) text += ' ';
-    text += kDigits[bytes[i] >> 4];
-    text += kDigits[bytes[i] & 15];
+    vorlix::appendHex(text, bytes[i]);
   }
   return text + ">";
 }

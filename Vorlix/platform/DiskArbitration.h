@@ -98,6 +98,15 @@ class Disk {
     return description ? description->url(kDescriptionVolumePath) : std::nullopt;
   }
 
+  /// Returns whether the disk is inside the machine, from the description. Absent if its bus does not report that.
+  virtual std::optional<bool> isInternal() {
+    const std::optional<Dictionary> description = copyDescription();
+    return description ? description->boolean(kDescriptionDeviceInternal) : std::nullopt;
+  }
+  /// Returns the entries of the description that are about the volume, whose keys begin with kDescriptionVolume, and
+  /// perhaps others.
+  virtual std::optional<Dictionary> copyVolumeDescription() { return copyDescription(); }
+
   /// Returns the whole disk that this one is a slice of, or the disk itself if it is whole. Null if there is none.
   virtual std::shared_ptr<Disk> wholeDisk() = 0;
 

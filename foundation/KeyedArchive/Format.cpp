@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Format.h"
 
+#include <Vorlix/foundation/HexDigits.h>
 #include <Vorlix/foundation/Utf8.h>
 
 #include <filesystem>
 #include <utility>
-
-#include "foundation/HexDigits.h"
 
 namespace vorlix::archive {
 namespace {
@@ -61,14 +60,14 @@ std::string wholeText(std::string_view text) {
 }
 
 std::string urlText(const URL& url) {
-  constexpr const char* kDigits = "0123456789ABCDEF";
   std::string text = "file://";
   for (const char unit : url.path()) {
     const auto byte = static_cast<uint8_t>(unit);
     if (kPlain.find(unit) != std::string_view::npos) {
       text += unit;
     } else {
-      text += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
+      text += '%';
+      appendUpperHex(text, byte);
     }
   }
   if (url.hasDirectoryPath() && !text.ends_with('/')) text += '/';

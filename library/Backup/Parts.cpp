@@ -4,6 +4,7 @@
 #include <Vorlix/NSNumber+HumanReadable.h>
 #include <Vorlix/QDSDiskFunctions.h>
 #include <Vorlix/QDVolume.h>
+#include <Vorlix/foundation/HexDigits.h>
 #include <Vorlix/foundation/KeyedArchive.h>
 #include <Vorlix/foundation/LittleEndian.h>
 #include <Vorlix/platform/SystemError.h>
@@ -58,7 +59,7 @@ Json identityGUID(const GUID& guid) {
   std::string raw;
   for (const uint8_t byte : guid) {
     raw += raw.empty() ? "" : " ";
-    raw += {"0123456789ABCDEF"[byte >> 4], "0123456789ABCDEF"[byte & 15]};
+    appendUpperHex(raw, byte);
   }
   return {{"text", textOfGUID(guid)}, {"raw", raw}};
 }

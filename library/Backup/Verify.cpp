@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/Backup.h>
+#include <Vorlix/foundation/HexDigits.h>
 #include <Vorlix/foundation/LittleEndian.h>
 #include <Vorlix/platform/Files.h>
 #include <Vorlix/platform/Platform.h>
@@ -18,13 +19,6 @@ namespace {
 
 constexpr uint64_t kLargestManifest = uint64_t{1} << 20;
 constexpr size_t kMostFindings = 16;
-
-std::string digitsOf(std::span<const uint8_t> bytes) {
-  constexpr const char* kLowerDigits = "0123456789abcdef";
-  std::string text;
-  for (const uint8_t byte : bytes) text += {kLowerDigits[byte >> 4], kLowerDigits[byte & 15]};
-  return text;
-}
 
 class Verification {
  public:
@@ -182,7 +176,7 @@ class Verification {
         throw BackupError(pathOf(kMapFile), "has a range that is in two frames");
       }
       slot.ranges.push_back({range.offset - start, range.length});
-      slot.hashes.push_back(digitsOf(map_.hashOf(ranges_)));
+      slot.hashes.push_back(hexText(map_.hashOf(ranges_)));
       bytes_ += range.length;
     }
   }

@@ -2,6 +2,7 @@
 //
 // The texts that go to and come from the companion program boot_store.
 #include <Vorlix/BootStore.h>
+#include <Vorlix/foundation/HexDigits.h>
 
 #include <algorithm>
 #include <array>
@@ -50,16 +51,6 @@ std::string eightDigits(uint32_t number) {
   std::array<char, 9> text = {};
   std::snprintf(text.data(), text.size(), "%08x", number);
   return text.data();
-}
-
-std::string hexText(const std::vector<uint8_t>& bytes) {
-  constexpr const char* kHexDigits = "0123456789abcdef";
-  std::string text;
-  for (const uint8_t byte : bytes) {
-    text += kHexDigits[byte >> 4U];
-    text += kHexDigits[byte & 0xFU];
-  }
-  return text;
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include "WimSource.h"
 
 #include <Vorlix/foundation/LittleEndian.h>
+#include <Vorlix/foundation/Utf16.h>
 
 #include <algorithm>
 #include <charconv>
@@ -20,45 +21,10 @@ constexpr size_t kWimHeader = 208;
 constexpr size_t kListOffset = 72;  // resource: size and flags, 8 bytes; offset, 8; unpacked size, 8
 constexpr uint64_t kLargestList = uint64_t{1} << 20;
 constexpr uint32_t kMostImages = 4096;
+constexpr char16_t kByteOrderMark = 0xFEFF;
 
 bool hasMagic(std::span<const uint8_t> start, std::string_view magic) {
   return start.size() >= magic.size() && std::memcmp(start.data(), magic.data(), magic.size()) == 0;
-}
-
-void appendUtf8(std::string& text, uint32_t point) {
-  const auto add = [&](uint32_t byte) { text += static_cast<char>(byte); };
-  if (point < 0x80) {
-    add(point);
-  } else if (point < 0x800) {
-    add(0xC0 | point >> 6);
-    add(0x80 | (point & 0x3F));
-  } else if (point < 0x10000) {
-    add(0xE0 | point >> 12);
-    add(0x80 | (point >> 6 & 0x3F));
-    add(0x80 | (point & 0x3F));
-  } else {
-    add(0xF0 | point >> 18);
-    add(0x80 | (point >> 12 & 0x3F));
-    add(0x80 | (point >> 6 & 0x3F));
-    add(0x80 | (point & 0x3F));
-  }
-}
-
-std::string utf8Of(std::span<const uint8_t> utf16) {
-  constexpr uint32_t kReplacement = 0xFFFD;
-  std::string text;
-  for (size_t i = 0; i + 1 < utf16.size(); i += 2) {
-    uint32_t unit = littleEndian16(&utf16[i]);
-    if (unit == 0xFEFF) continue;  // the mark of byte order
-    if (unit >= 0xD800 && unit < 0xE000) {
-      const uint32_t next = i + 3 < utf16.size() ? littleEndian16(&utf16[i + 2]) : 0;
-      const bool isPair = unit < 0xDC00 && next >= 0xDC00 && next < 0xE000;
-      if (isPair) i += 2;
-      unit = isPair ? 0x10000 + ((unit - 0xD800) << 10) + (next - 0xDC00) : kReplacement;
-    }
-    appendUtf8(text, unit);
-  }
-  return text;
 }
 
 // What is between two texts, the first of them at or behind `from`.
@@ -90,7 +56,8 @@ std::string readList(std::span<const uint8_t> start, SourceFile& file) {
     if (step <= 0) return {};
     done += static_cast<size_t>(step);
   }
-  return utf8Of(list);
+  const std::u16string units = utf16Units(list);
+  return utf8Of(std::u16string_view(units).substr(units.starts_with(kByteOrderMark) ? 1 : 0));
 }
 
 std::string withoutEntities(std::string_view escaped) {

@@ -78,6 +78,26 @@ bool writeSavedFile(Stream file, std::span<const uint8_t> bytes) {
   return std::fclose(file.release()) == 0;
 }
 
+// What a caller calls its bytes, and what it returns after a failure.
+struct SaveStatuses {
+  const char* bytes;
+  int32_t openFailed;
+  int32_t writeFailed;
+};
+
+int32_t saveTo(const char* file, std::span<const uint8_t> bytes, const SaveStatuses& statuses) {
+  Stream saved = openSavedFile(file);
+  if (!saved) {
+    logMessage("could not open %s\n", file);
+    return statuses.openFailed;
+  }
+  if (!writeSavedFile(std::move(saved), bytes)) {
+    logMessage("error writing %s data", statuses.bytes);
+    return statuses.writeFailed;
+  }
+  return 0;
+}
+
 }  // namespace
 
 int32_t file_exist(const char* path) {
@@ -112,16 +132,7 @@ int32_t write_vbr_to_file(const char* device, const char* file) try {
     return kSaveReadFailed;
   }
   static_cast<void>(volume->close());
-  Stream saved = openSavedFile(file);
-  if (!saved) {
-    logMessage("could not open %s\n", file);
-    return kSaveOpenFailed;
-  }
-  if (!writeSavedFile(std::move(saved), bytes)) {
-    logMessage("error writing VBR data%s", "");
-    return kSaveWriteFailed;
-  }
-  return 0;
+  return saveTo(file, bytes, {"VBR", kSaveOpenFailed, kSaveWriteFailed});
 } catch (const std::exception& error) {
   vorlix::logException(__func__, error);
   return kFailed;
@@ -148,16 +159,7 @@ int32_t write_mbr_to_file(const char* device, const char* file) try {
     return kFailed;
   }
   static_cast<void>(disk->close());
-  Stream saved = openSavedFile(file);
-  if (!saved) {
-    logMessage("could not open %s\n", file);
-    return kFailed;
-  }
-  if (!writeSavedFile(std::move(saved), bytes)) {
-    logMessage("error writing MBR data%s", "");
-    return kFailed;
-  }
-  return 0;
+  return saveTo(file, bytes, {"MBR", kFailed, kFailed});
 } catch (const std::exception& error) {
   vorlix::logException(__func__, error);
   return kFailed;

@@ -157,6 +157,27 @@ bool lacksBootCode(const Sector& bootSector) {
   return std::all_of(begin, begin + at(code.size), [](uint8_t byte) { return byte == 0; });
 }
 
+bool onlyPrintsMessage(const Sector& bootSector) {
+  constexpr uint8_t kShortJump = 0xEB;
+  constexpr size_t kTextPlace = 3;  // low half of the text's address, which lies behind the code
+  constexpr uint8_t kMessageCode[] = {
+      0x0E, 0x1F,                    // push cs; pop ds
+      0xBE, 0x00, 0x7C,              // mov si, text
+      0xAC, 0x22, 0xC0, 0x74, 0x0B,  // next: lodsb; and al, al; jz done
+      0x56, 0xB4, 0x0E,              // push si; mov ah, 0Eh
+      0xBB, 0x07, 0x00, 0xCD, 0x10,  // mov bx, 7; int 10h
+      0x5E, 0xEB, 0xF0,              // pop si; jmp next
+      0x32, 0xE4, 0xCD, 0x16,        // done: xor ah, ah; int 16h
+      0xCD, 0x19, 0xEB, 0xFE         // int 19h; jmp $
+  };
+  const size_t start = size_t{2} + bootSector[1];
+  if (bootSector[0] != kShortJump || start + sizeof kMessageCode > kSignatureOffset) return false;
+  for (size_t i = 0; i < sizeof kMessageCode; ++i) {
+    if (i != kTextPlace && bootSector[start + i] != kMessageCode[i]) return false;
+  }
+  return true;
+}
+
 Sector patchedBootSector(const Sector& bootSector, uint32_t start, const Serial& serial) {
   const BootSectorKind kind = kindOf(bootSector);
   if (kind != BootSectorKind::ntfs && kind != BootSectorKind::fat) return bootSector;

@@ -5,28 +5,17 @@
 #include <Vorlix/platform/SystemError.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstring>
 #include <exception>
-#include <future>
 #include <utility>
 
-#include "Pieces.h"
+#include "ContentWriter.h"
 
 namespace vorlix {
 namespace {
 
-constexpr size_t kBlank = kSectorSize;                 // of the volume, zero until its structures are written
-constexpr uint64_t kCheckpoint = uint64_t{256} << 20;  // written between two syncs of the medium
-constexpr size_t kZeros = size_t{1} << 20;
-constexpr uint64_t kUninterrupted = uint64_t{64} << 20;  // of zeros or of what is skipped, between two looks for a stop
-constexpr size_t kSerialNumber = 72;                     // of NTFS
+constexpr size_t kSerialNumber = 72;  // of NTFS
 constexpr size_t kSerialNumberSize = 8;
-
-bool isZero(const uint8_t* bytes, size_t count) {
-  return count == 0 || (bytes[0] == 0 && std::memcmp(bytes, bytes + 1, count - 1) == 0);
-}
 
 std::string hashOfStart(const ImageSource& source) {
   const ImageFacts& facts = source.facts();
@@ -48,12 +37,6 @@ bool fitsBootSector(const LongChange& journal, const std::vector<uint8_t>& start
 std::optional<ChangeFailure> startAgain(LongChange& journal, const ImageSource& source) {
   if (fitsBootSector(journal, source.facts().start)) return journal.restart();
   return ChangeFailure{journal.origin().source, "becomes another volume than when the restore began", ""};
-}
-
-std::optional<uint64_t> sizeOf(const ImageSource& source) {
-  const ImageFacts& facts = source.facts();
-  if (facts.size) return facts.size;
-  return facts.volume ? std::optional(facts.volume->size()) : std::nullopt;
 }
 
 // Writes structures of the plan, over whatever is there now.
@@ -87,269 +70,41 @@ std::optional<ChangeFailure> finishJournal(LongChange& journal, RestoreResult& r
   return failure;
 }
 
-class Run {
- public:
-  Run(LongChange& journal, ImageSource& source, std::vector<std::shared_ptr<DeviceHandle>> handles,
-      const RestoreObserver& observer)
-      : journal_(journal),
-        source_(source),
-        handles_(std::move(handles)),
-        volume_(*handles_[journal.origin().device]),
-        name_(journal.structures().devices[journal.origin().device].device),
-        observer_(observer),
-        total_(sizeOf(source).value_or(0)) {
-    for (const ByteChange& run : journal.structures().devices[journal.origin().device].bytes) {
-      places_.push_back({run.offset, run.after.size()});
-    }
-  }
+// What the devices are, so that they can be known again.
+std::vector<std::optional<DeviceIdentity>> identitiesOf(const std::vector<std::shared_ptr<DeviceHandle>>& handles) {
+  std::vector<std::optional<DeviceIdentity>> identities;
+  for (const auto& handle : handles) identities.push_back(handle->identity());
+  return identities;
+}
 
-  RestoreResult run(bool compare) {
-    RestoreResult result;
-    result.journal = journal_.folder();
-    std::optional<ChangeFailure> failure;
-    try {
-      failure = runSteps(compare, result);
-    } catch (const std::exception& error) {  // no memory, or no thread
-      failure = {name_, error.what(), ""};
-    }
-    if (failure) result.failure = *failure;
-    if (!failure) result.end = endOfRun();
-    if (isJournalGone_) result.journal.clear();
-    const bool isWhole = result.end == RestoreResult::End::done || result.end == RestoreResult::End::paused;
-    if (!isWhole) result.isBlank = isBlank();
-    result.size = position_;
-    result.isCompared = isCompared_ && isWhole;
-    return result;
-  }
+// The content, and the structures that come before a pause.
+std::optional<ChangeFailure> runSteps(LongChange& journal, ContentWriter& content,
+                                      const std::vector<std::shared_ptr<DeviceHandle>>& handles, bool compare,
+                                      RestoreResult& result) {
+  std::optional<ChangeFailure> failure = content.write(compare);
+  if (!failure && !content.isCancelled() && compare) failure = content.compare();
+  if (failure || content.isCancelled()) return failure;
+  const ContentOrigin& origin = journal.origin();
+  if (!origin.between.empty()) return writeStructures(journal, handles, origin.device);
+  failure = writeStructures(journal, handles, std::nullopt);
+  return failure ? failure : finishJournal(journal, result);
+}
 
- private:
-  RestoreResult::End endOfRun() const {
-    if (isCancelled_) return RestoreResult::End::cancelled;
-    return journal_.origin().between.empty() ? RestoreResult::End::done : RestoreResult::End::paused;
-  }
+RestoreResult::End endOf(const LongChange& journal, const ContentWriter& content) {
+  if (content.isCancelled()) return RestoreResult::End::cancelled;
+  return journal.origin().between.empty() ? RestoreResult::End::done : RestoreResult::End::paused;
+}
 
-  std::optional<ChangeFailure> runSteps(bool compare, RestoreResult& result) {
-    std::optional<ChangeFailure> failure = write(compare);
-    if (!failure && !isCancelled_ && compare) failure = this->compare();
-    if (failure || isCancelled_) return failure;
-    const ContentOrigin& origin = journal_.origin();
-    if (!origin.between.empty()) return writeStructures(journal_, handles_, origin.device);
-    failure = writeStructures(journal_, handles_, std::nullopt);
-    return failure ? failure : finishJournal(journal_, result);
+// Somebody may exchange a disk while it is closed.
+std::optional<ChangeFailure> requireSameDevices(const LongChange& journal, const RestoreResult& paused,
+                                                const std::vector<std::shared_ptr<DeviceHandle>>& handles) {
+  const auto now = identitiesOf(handles);
+  for (size_t i = 0; i < now.size(); ++i) {
+    if (now[i] == paused.devices.at(i)) continue;
+    return ChangeFailure{journal.structures().devices[i].device, "is another disk than before", ""};
   }
-
-  ChangeFailure failureAt(uint64_t offset, const std::string& reason) const {
-    return {name_, "at byte " + std::to_string(offset) + ": " + reason, ""};
-  }
-
-  ChangeFailure errorAt(uint64_t offset, ssize_t done) const {
-    return failureAt(offset, done < 0 ? SystemError{errno}.reason() : "the volume ends too early");
-  }
-
-  bool mayGoOn(RestoreProgress::Phase phase, uint64_t done) {
-    isCancelled_ = isCancelled_ || !observer_({phase, done, std::max(total_, done)});
-    return !isCancelled_;
-  }
-
-  std::optional<ChangeFailure> write(bool withHashes) {
-    if (!journal_.pieces().empty()) {
-      position_ = journal_.pieces().back().offset + journal_.pieces().back().length;
-    }
-    if (position_ == 0) {
-      if (auto failure = blank()) return failure;
-    } else if (auto failure = skip()) {
-      return failure;
-    }
-    PieceReader reader(source_, places_, withHashes);
-    while (mayGoOn(RestoreProgress::Phase::writing, position_)) {
-      HashedPiece read = reader.next();
-      if (read.piece.kind == ImagePiece::Kind::end) return checkpoint();
-      if (read.piece.kind == ImagePiece::Kind::failure) {
-        const auto unsynced = checkpoint();
-        return unsynced ? unsynced : ChangeFailure{read.piece.failure.subject, read.piece.failure.reason, ""};
-      }
-      if (auto failure = read.piece.kind == ImagePiece::Kind::zeros ? putLongZeros(read) : put(read)) return failure;
-      reader.recycle(std::move(read.bytes));
-      if (unsynced_ >= kCheckpoint) {
-        if (auto failure = checkpoint()) return failure;
-      }
-    }
-    return checkpoint();
-  }
-
-  // Goes to the position in the source, which may have to be unpacked up to there.
-  std::optional<ChangeFailure> skip() {
-    for (uint64_t at = 0; at < position_ && mayGoOn(RestoreProgress::Phase::writing, at);) {
-      at += std::min(position_ - at, kUninterrupted);
-      if (const auto failure = source_.moveTo(at)) return ChangeFailure{failure->subject, failure->reason, ""};
-    }
-    return std::nullopt;
-  }
-
-  // Until the end, the volume has no boot sector, so that nothing takes it for whole.
-  std::optional<ChangeFailure> blank() {
-    const std::vector<uint8_t> zeros(kBlank);
-    const ssize_t done = volume_.writeAt(zeros.data(), zeros.size(), 0);
-    if (done == static_cast<ssize_t>(zeros.size())) {
-      return volume_.sync() == 0 ? std::nullopt : std::optional(errorAt(0, -1));
-    }
-    ChangeFailure failure = errorAt(0, done);
-    if (isAsBefore()) {  // nothing was written, so that there is nothing to go on with
-      journal_.remove();
-      isJournalGone_ = true;
-      failure.state = kNothingWritten;
-    }
-    return failure;
-  }
-
-  bool isAsBefore() {
-    const std::vector<ByteChange>& runs = journal_.structures().devices[journal_.origin().device].bytes;
-    const auto first = std::find_if(runs.begin(), runs.end(), [](const ByteChange& run) { return run.offset == 0; });
-    if (first == runs.end() || first->before.size() < kBlank) return false;
-    std::vector<uint8_t> now(kBlank);
-    return volume_.readMediumAt(now.data(), now.size(), 0) == static_cast<ssize_t>(now.size()) &&
-           std::equal(now.begin(), now.end(), first->before.begin());
-  }
-
-  bool isBlank() {
-    std::vector<uint8_t> now(kBlank);
-    return volume_.readAt(now.data(), now.size(), 0) == static_cast<ssize_t>(now.size()) && isZero(now.data(), kBlank);
-  }
-
-  std::optional<ChangeFailure> put(const HashedPiece& read) {
-    const ImagePiece& piece = read.piece;
-    ContentPiece written = {ContentPiece::Kind::data, piece.offset, piece.length, read.hash};
-    if (piece.kind == ImagePiece::Kind::data) {
-      const auto length = static_cast<size_t>(piece.length);
-      const ssize_t done = volume_.writeAt(read.bytes.data(), length, piece.offset);
-      if (done != static_cast<ssize_t>(length)) return errorAt(piece.offset, done);
-      unsynced_ += piece.length;
-    } else if (piece.kind == ImagePiece::Kind::zeros) {
-      written.kind = ContentPiece::Kind::zeros;
-      if (auto failure = putZeros(piece)) return failure;
-    } else {
-      written.kind = ContentPiece::Kind::unused;
-    }
-    fresh_.push_back(std::move(written));
-    position_ = piece.offset + piece.length;
-    return std::nullopt;
-  }
-
-  // A hole of a sparse source can be as long as the disk, and the disk has to be read there.
-  std::optional<ChangeFailure> putLongZeros(const HashedPiece& read) {
-    const uint64_t end = read.piece.offset + read.piece.length;
-    HashedPiece part = {read.piece, {}, ""};
-    while (part.piece.offset < end) {
-      const uint64_t hole = dataOrEnd(part.piece.offset, end) - part.piece.offset;  // is zeros already
-      part.piece.length = hole != 0 ? hole : std::min(kUninterrupted, end - part.piece.offset);
-      if (auto failure = put(part)) return failure;
-      part.piece.offset += part.piece.length;
-      if (part.piece.offset < end && !mayGoOn(RestoreProgress::Phase::writing, position_)) break;
-    }
-    return std::nullopt;
-  }
-
-  // Writes only where there is something else, so that a sparse image file stays sparse.
-  std::optional<ChangeFailure> putZeros(const ImagePiece& piece) {
-    std::vector<uint8_t> bytes;
-    std::vector<uint8_t> zeros;
-    for (uint64_t at = piece.offset; at < piece.offset + piece.length;) {
-      at = dataOrEnd(at, piece.offset + piece.length);
-      if (at == piece.offset + piece.length) break;
-      bytes.resize(kZeros);
-      const auto length = static_cast<size_t>(std::min<uint64_t>(kZeros, piece.offset + piece.length - at));
-      const ssize_t got = volume_.readAt(bytes.data(), length, at);
-      if (got != static_cast<ssize_t>(length)) return errorAt(at, got);
-      if (!isZero(bytes.data(), length)) {
-        zeros.resize(kZeros);
-        const ssize_t done = volume_.writeAt(zeros.data(), length, at);
-        if (done != static_cast<ssize_t>(length)) return errorAt(at, done);
-        unsynced_ += length;
-      }
-      at += length;
-    }
-    return std::nullopt;
-  }
-
-  // Where the target stores something, at or behind `at`, or `end`. What lies between is zeros.
-  uint64_t dataOrEnd(uint64_t at, uint64_t end) {
-    const auto data = volume_.dataFrom(at);
-    if (!data) return at;
-    return data->size == 0 ? end : std::clamp(data->offset, at, end);
-  }
-
-  // What was written so far is on the medium, and the journal says so.
-  std::optional<ChangeFailure> checkpoint() {
-    if (fresh_.empty()) return std::nullopt;
-    if (volume_.sync() != 0) return errorAt(position_, -1);
-    auto failure = journal_.record(fresh_);
-    if (failure) {
-      failure->state = "";
-      return failure;
-    }
-    fresh_.clear();
-    unsynced_ = 0;
-    return std::nullopt;
-  }
-
-  // One piece is hashed while the next is read. Pieces of an earlier run that did not compare have no hashes.
-  std::optional<ChangeFailure> compare() {
-    std::array<std::vector<uint8_t>, 2> buffers = {std::vector<uint8_t>(kLargestPiece),
-                                                   std::vector<uint8_t>(kLargestPiece)};
-    PieceHash hash;
-    uint64_t checkedPlace = 0;
-    std::future<bool> check;
-    const auto finishCheck = [&]() -> std::optional<ChangeFailure> {
-      if (!check.valid() || check.get()) return std::nullopt;
-      return failureAt(checkedPlace, "reads back differently from what was written");
-    };
-    isCompared_ = true;
-    for (const ContentPiece& piece : journal_.pieces()) {
-      if (piece.kind == ContentPiece::Kind::unused) continue;
-      if (piece.kind == ContentPiece::Kind::data && piece.hash.empty()) {
-        isCompared_ = false;
-        continue;
-      }
-      for (uint64_t at = piece.offset; at < piece.offset + piece.length;) {
-        if (!mayGoOn(RestoreProgress::Phase::comparing, at)) return std::nullopt;
-        if (piece.kind == ContentPiece::Kind::zeros) {
-          at = dataOrEnd(at, piece.offset + piece.length);
-          if (at == piece.offset + piece.length) break;
-        }
-        std::swap(buffers[0], buffers[1]);  // the check has a span of the other one
-        const auto length = static_cast<size_t>(std::min<uint64_t>(kLargestPiece, piece.offset + piece.length - at));
-        const std::span<uint8_t> bytes(buffers[0].data(), length);
-        const ssize_t got = volume_.readMediumAt(bytes.data(), length, at);
-        const auto unreadable = got != static_cast<ssize_t>(length) ? std::optional(errorAt(at, got)) : std::nullopt;
-        if (auto failure = finishCheck()) return failure;
-        if (unreadable) return unreadable;
-        checkedPlace = at;
-        check = std::async(std::launch::async, [this, bytes, at, &piece, &hash] {
-          blankOut(bytes, at, places_);  // an interrupted run may have written a structure there already
-          return piece.kind == ContentPiece::Kind::zeros ? isZero(bytes.data(), bytes.size())
-                                                         : hash.of(bytes) == piece.hash;
-        });
-        at += length;
-      }
-    }
-    return finishCheck();
-  }
-
-  LongChange& journal_;
-  ImageSource& source_;
-  std::vector<std::shared_ptr<DeviceHandle>> handles_;
-  DeviceHandle& volume_;
-  std::string name_;
-  const RestoreObserver& observer_;
-  uint64_t total_;
-  uint64_t position_ = 0;
-  uint64_t unsynced_ = 0;
-  std::vector<ImageRange> places_;   // of the structures on the volume, which the content leaves blank
-  std::vector<ContentPiece> fresh_;  // written, but not recorded
-  bool isCancelled_ = false;
-  bool isJournalGone_ = false;
-  bool isCompared_ = false;
-};
+  return std::nullopt;
+}
 
 RestoreResult failed(ChangeFailure failure) {
   RestoreResult result;
@@ -358,9 +113,27 @@ RestoreResult failed(ChangeFailure failure) {
 }
 
 RestoreResult runOf(std::unique_ptr<LongChange> journal, ImageSource& source,
-                    std::vector<std::shared_ptr<DeviceHandle>> handles, bool compare, const RestoreObserver& observer) {
-  RestoreResult result = Run(*journal, source, std::move(handles), observer).run(compare);
-  if (result.end == RestoreResult::End::paused) result.rest = std::move(journal);
+                    const std::vector<std::shared_ptr<DeviceHandle>>& handles, bool compare,
+                    const RestoreObserver& observer) {
+  RestoreResult result;
+  result.journal = journal->folder();
+  ContentWriter content(*journal, source, *handles[journal->origin().device], observer);
+  std::optional<ChangeFailure> failure;
+  try {
+    failure = runSteps(*journal, content, handles, compare, result);
+  } catch (const std::exception& error) {  // no memory, or no thread
+    failure = {content.name(), error.what(), ""};
+  }
+  if (failure) result.failure = *failure;
+  if (!failure) result.end = endOf(*journal, content);
+  if (content.isJournalGone()) result.journal.clear();
+  const bool isWhole = result.end == RestoreResult::End::done || result.end == RestoreResult::End::paused;
+  if (!isWhole) result.isBlank = content.isBlank();
+  result.size = content.position();
+  result.isCompared = content.isCompared() && isWhole;
+  if (result.end != RestoreResult::End::paused) return result;
+  result.devices = identitiesOf(handles);
+  result.rest = std::move(journal);
   return result;
 }
 
@@ -373,7 +146,7 @@ RestoreResult restoreVolume(ImageSource& source, const RestorePlan& plan, bool c
   if (auto failure = beginLongChange(plan.structures, origin, plan.backup, journal)) return failed(*std::move(failure));
   std::vector<std::shared_ptr<DeviceHandle>> handles;
   for (const DeviceChange& device : plan.structures.devices) handles.push_back(device.handle);
-  return runOf(std::move(journal), source, std::move(handles), compare, observer);
+  return runOf(std::move(journal), source, handles, compare, observer);
 }
 
 RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& source,
@@ -396,7 +169,8 @@ RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& so
 RestoreResult finishRestore(RestoreResult paused, const std::vector<std::shared_ptr<DeviceHandle>>& handles) {
   RestoreResult result = std::move(paused);
   const std::unique_ptr<LongChange> journal = std::move(result.rest);
-  auto failure = writeStructures(*journal, handles, std::nullopt);
+  auto failure = requireSameDevices(*journal, result, handles);
+  if (!failure) failure = writeStructures(*journal, handles, std::nullopt);
   if (!failure) failure = finishJournal(*journal, result);
   result.end = failure ? RestoreResult::End::failed : RestoreResult::End::done;
   if (failure) result.failure = *std::move(failure);

@@ -29,10 +29,7 @@ class StartFindings {
 
   /// "vorlix hybrid DISK --partition N", which mends whatever is wrong in the MBR and with the hidden sectors.
   std::string hybridCommand() const;
-  std::string diskWord() const { return word(facts_.disk); }
-
-  /// Returns a name as a word of a command line for a shell.
-  static std::string word(const std::string& name);
+  std::string diskWord() const { return commandWord(facts_.disk); }
 
  private:
   void add(const char* area, StartFinding::State state, const std::string& code, std::string text) {

@@ -27,13 +27,6 @@ void chooseWays(const StartFacts& facts, StartWay way, StartReport& report) {
 
 }  // namespace
 
-std::string StartFindings::word(const std::string& name) {
-  if (!name.empty() && name.front() != '-' && std::all_of(name.begin(), name.end(), isPlainLetter)) return name;
-  std::string quoted = name.starts_with('-') ? "./'" : "'";
-  for (const char letter : name) quoted += letter == '\'' ? std::string("'\\''") : std::string(1, letter);
-  return quoted + "'";
-}
-
 std::string StartFindings::hybridCommand() const {
   std::string text = "vorlix hybrid " + diskWord() + " --partition ";
   text += facts_.partition >= 1 && facts_.partition <= kSlotCount ? std::to_string(facts_.partition) : "N";
@@ -46,6 +39,13 @@ std::string StartFindings::hybridCommand() const {
 bool StartReport::starts() const {
   return std::none_of(findings.begin(), findings.end(),
                       [](const StartFinding& finding) { return finding.state == StartFinding::State::fault; });
+}
+
+std::string commandWord(const std::string& name) {
+  if (!name.empty() && name.front() != '-' && std::all_of(name.begin(), name.end(), isPlainLetter)) return name;
+  std::string quoted = name.starts_with('-') ? "./'" : "'";
+  for (const char letter : name) quoted += letter == '\'' ? std::string("'\\''") : std::string(1, letter);
+  return quoted + "'";
 }
 
 StartReport checkStart(const StartFacts& facts, StartWay way) {

@@ -12,6 +12,7 @@ namespace {
 
 constexpr const char* kBasicData = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
 constexpr size_t kVolumeSignature = 510;
+constexpr size_t kDiskSignature = 440;  // in sector 0
 
 const GPTEntry* entryOf(const StartFacts& facts) {
   if (facts.partition == 0 || facts.partition > facts.gpt.entries.size()) return nullptr;
@@ -73,7 +74,7 @@ bool checkKind(StartFindings& findings, const StartVolume& volume) {
 }
 
 std::string restoreCommand(const StartVolume& volume) {
-  return "vorlix vbr restore FILE " + StartFindings::word(volume.name);
+  return "vorlix vbr restore FILE " + commandWord(volume.name);
 }
 
 void checkBootSectorFields(StartFindings& findings, const StartVolume& volume) {
@@ -111,10 +112,9 @@ void checkSecondCopy(StartFindings& findings, const StartVolume& volume) {
                  "differs from the boot sector, at byte " + std::to_string(place) +
                      (isCopyButOld ? "" : ", in more than hidden sectors and serial"),
                  "repairs take the copy for the boot sector and bring back what it says",
-                 isCopyButOld
-                     ? findings.hybridCommand()
-                     : "dd if=" + StartFindings::word(volume.name) + " of=" + StartFindings::word(volume.name) +
-                           " bs=512 count=1 seek=" + std::to_string(place / kSectorSize) + " conv=notrunc");
+                 isCopyButOld ? findings.hybridCommand()
+                              : "dd if=" + commandWord(volume.name) + " of=" + commandWord(volume.name) +
+                                    " bs=512 count=1 seek=" + std::to_string(place / kSectorSize) + " conv=notrunc");
 }
 
 void checkVolumeCode(StartFindings& findings, const StartVolume& volume) {
@@ -122,6 +122,11 @@ void checkVolumeCode(StartFindings& findings, const StartVolume& volume) {
   if (lacksBootCode(volume.bootSector)) {
     findings.fault("volume-code", "volume-code-missing", "nothing but zeros in " + where,
                    "the disk's boot code jumps to these bytes, which load the boot manager", restoreCommand(volume));
+  } else if (onlyPrintsMessage(volume.bootSector)) {
+    const std::string tool = "bootsect /nt60 C: in Windows' set-up";
+    findings.fault("volume-code", "volume-code-message", "the code in " + where + " only prints a message",
+                   "the tool that made the file system put it there, and it does not load the boot manager",
+                   kindOf(volume.bootSector) == BootSectorKind::ntfs ? restoreCommand(volume) + ", or " + tool : tool);
   } else {
     findings.ok("volume-code", "there is some in " + where);
   }
@@ -138,7 +143,7 @@ const char* unseenState(const StartVolume& volume) {
 }
 
 void checkState(StartFindings& findings, const StartVolume& volume) {
-  const std::string name = StartFindings::word(volume.name);
+  const std::string name = commandWord(volume.name);
   const bool isDirty = volume.dirty.value_or(false);
   const bool isHibernated = volume.hibernated.value_or(false);
   if (isDirty) {
@@ -164,8 +169,19 @@ void checkState(StartFindings& findings, const StartVolume& volume) {
   }
 }
 
+// The Windows on the volume has all files for it, but a store of its own needs a disk signature, too.
+std::string bootFilesCommand(const StartFindings& findings, const StartVolume& volume) {
+  const StartFacts& facts = findings.facts();
+  const bool hasSignature = littleEndian(facts.sector0, kDiskSignature, 4) != 0;
+  if (!volume.suppliesBootFiles || !hasSignature || facts.partition == 0) {
+    return "vorlix legacy-boot " + commandWord(volume.name) + " --bcd FILE";
+  }
+  return "vorlix bcd " + findings.diskWord() + " --partition " + std::to_string(facts.partition) +
+         " --from-windows --firmware bios";
+}
+
 void checkBootFiles(StartFindings& findings, const StartVolume& volume) {
-  const std::string command = "vorlix legacy-boot " + StartFindings::word(volume.name) + " --bcd FILE";
+  const std::string command = bootFilesCommand(findings, volume);
   switch (volume.bootManager.sight) {
     case FileFact::Sight::unseen:
       findings.unseen("boot-files", "bootmgr and boot/BCD: " + volume.bootManager.reason);

@@ -5,6 +5,7 @@
 #include <Vorlix/foundation/CaseFolding.h>
 #include <Vorlix/foundation/LittleEndian.h>
 #include <Vorlix/foundation/Sha256.h>
+#include <Vorlix/foundation/Utf16.h>
 
 #include <algorithm>
 #include <string_view>
@@ -68,42 +69,13 @@ struct ElementValue {
   StoreBytes data;
 };
 
-void addUnit(StoreBytes& bytes, uint32_t unit) {
-  bytes.push_back(static_cast<uint8_t>(unit & 0xFFU));
-  bytes.push_back(static_cast<uint8_t>(unit >> 8U));
-}
-
-// Appends well-formed UTF-8 as UTF-16 with a NUL.
-void addText(StoreBytes& bytes, std::string_view text) {
-  for (size_t i = 0; i < text.size();) {
-    const auto lead = static_cast<uint8_t>(text[i]);
-    const size_t size = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-    uint32_t character = size == 1 ? lead : lead & (0x7FU >> size);
-    for (size_t k = 1; k < size && i + k < text.size(); ++k) {
-      character = character << 6U | (static_cast<uint8_t>(text[i + k]) & 0x3FU);
-    }
-    i += size;
-    if (character < 0x10000) {
-      addUnit(bytes, character);
-    } else {
-      addUnit(bytes, 0xD800U | (character - 0x10000) >> 10U);
-      addUnit(bytes, 0xDC00U | ((character - 0x10000) & 0x3FFU));
-    }
-  }
-  addUnit(bytes, 0);
-}
-
+// Texts end with a NUL, lists of texts with two.
 ElementValue text(std::string_view value) {
-  ElementValue result = {kString, {}};
-  addText(result.data, value);
-  return result;
+  return {kString, utf16Bytes(std::string(value) + '\0')};
 }
 
 ElementValue list(std::string_view value) {
-  ElementValue result = {kStringList, {}};
-  addText(result.data, value);
-  addUnit(result.data, 0);
-  return result;
+  return {kStringList, utf16Bytes(std::string(value) + '\0' + '\0')};
 }
 
 ElementValue number(uint64_t value) {

@@ -254,6 +254,19 @@ std::optional<ChangeFailure> JournalWriter::add(size_t device, uint64_t offset, 
   return std::nullopt;
 }
 
+std::optional<ChangeFailure> JournalWriter::add(const DiskChange& change, bool withUnchanged) {
+  for (const DeviceChange& device : change.devices) {
+    const auto identity = device.handle->identity();
+    if (!identity) return ChangeFailure{device.device, SystemError{errno}.reason(), kNothingWritten};
+    const size_t index = addDevice(device.device, *identity);
+    for (const ByteChange& run : device.bytes) {
+      if (!withUnchanged && run.before == run.after) continue;
+      if (auto failure = add(index, run.offset, run.before, run.after, run.reason)) return failure;
+    }
+  }
+  return std::nullopt;
+}
+
 std::optional<ChangeFailure> JournalWriter::add(const FileChange& file) {
   JournalFile added;
   added.change = file;

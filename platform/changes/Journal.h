@@ -87,6 +87,10 @@ class JournalWriter {
   std::optional<ChangeFailure> add(size_t device, uint64_t offset, std::span<const uint8_t> before,
                                    std::span<const uint8_t> after, const std::string& reason);
 
+  /// Adds the devices of a change with their runs.
+  /// @param withUnchanged  whether runs are added that are the same before and after
+  std::optional<ChangeFailure> add(const DiskChange& change, bool withUnchanged);
+
   /// Adds a file of a mounted volume.
   std::optional<ChangeFailure> add(const FileChange& file);
 

@@ -102,6 +102,11 @@ std::vector<std::string> journalsInStateFolder() {
   return completeJournalsIn(kJournals);
 }
 
+bool isJournalThere(const std::string& folder) {
+  const std::vector<std::string> folders = journalsInStateFolder();
+  return std::find(folders.begin(), folders.end(), folder) != folders.end();
+}
+
 std::vector<std::string> backupsInStateFolder() {
   return completeJournalsIn(kBackups);
 }

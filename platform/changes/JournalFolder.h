@@ -38,6 +38,9 @@ std::optional<ChangeFailure> makeBackupsFolder(std::string& folder);
 std::vector<std::string> journalsInStateFolder();
 std::vector<std::string> backupsInStateFolder();
 
+/// Returns whether a folder is one of journalsInStateFolder() still.
+bool isJournalThere(const std::string& folder);
+
 /// Removes the oldest backups in the state folder if there are more than 150, so that 100 are left.
 void removeOldBackups();
 

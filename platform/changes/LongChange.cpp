@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/platform/LongChange.h>
-#include <Vorlix/platform/SystemError.h>
 
 #include <Vorlix/foundation/Sha256.h>
 #include <Vorlix/platform/FilesInPlace.h>
@@ -149,14 +148,7 @@ std::optional<ChangeFailure> beginLongChange(const DiskChange& structures, const
                                              const ChangeBackup& backup, std::unique_ptr<LongChange>& change) {
   std::unique_ptr<JournalWriter> writer;
   if (auto failure = JournalWriter::begin(structures.title, backup, writer)) return failure;
-  for (const DeviceChange& device : structures.devices) {
-    const auto identity = device.handle->identity();
-    if (!identity) return ChangeFailure{device.device, SystemError{errno}.reason(), kNothingWritten};
-    const size_t index = writer->addDevice(device.device, *identity);
-    for (const ByteChange& run : device.bytes) {
-      if (auto failure = writer->add(index, run.offset, run.before, run.after, run.reason)) return failure;
-    }
-  }
+  if (auto failure = writer->add(structures, true)) return failure;
   writer->setContent({origin.source, origin.start, origin.device, origin.image, origin.between});
   std::unique_ptr<Journal> journal;
   if (auto failure = writer->commit(journal)) return failure;

@@ -89,6 +89,17 @@ class LinuxDisk final : public Disk {
     return location ? volumePathOf(*location) : std::nullopt;
   }
 
+  std::optional<bool> isInternal() override {
+    const std::optional<DeviceLocation> location = locateDevice(name_);
+    return location ? isInternalDevice(*location) : std::nullopt;
+  }
+
+  std::optional<Dictionary> copyVolumeDescription() override {
+    const std::optional<DeviceLocation> location = locateDevice(name_);
+    if (!location) return std::nullopt;
+    return describeVolumeOf(*location);
+  }
+
   std::shared_ptr<Disk> wholeDisk() override { return named(location_.whole, requests_); }
 
   void mount(const std::vector<std::string>& arguments, DiskCompletion completion) override {

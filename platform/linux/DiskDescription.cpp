@@ -149,6 +149,12 @@ std::optional<URL> volumePathOf(const DeviceLocation& location) {
   return place ? std::optional<URL>(folderURL(*place)) : std::nullopt;
 }
 
+Dictionary describeVolumeOf(const DeviceLocation& location) {
+  Dictionary description;
+  describeVolume(location, openLocation(location, O_RDONLY), description);
+  return description;
+}
+
 Dictionary describeDisk(const DeviceLocation& location) {
   Dictionary description;
   setIfKnown(description, kDescriptionMediaBSDName, bsdNameOf(location));

@@ -15,6 +15,9 @@ namespace vorlix {
 /// libblkid. If the user cannot, the kind of a mounted volume comes from the mount table as well.
 Dictionary describeDisk(const DeviceLocation& location);
 
+/// Returns the entries of that description that are about the volume. The device is opened once.
+Dictionary describeVolumeOf(const DeviceLocation& location);
+
 /// Return single entries of that description.
 std::optional<std::string> volumeTypeOf(const DeviceLocation& location);
 std::optional<UUID> volumeUUIDOf(const DeviceLocation& location);

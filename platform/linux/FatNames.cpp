@@ -3,9 +3,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <span>
 
 #include <Vorlix/foundation/LittleEndian.h>
+#include <Vorlix/foundation/Utf16.h>
 #include <Vorlix/foundation/Utf8.h>
 
 namespace vorlix {
@@ -92,17 +92,13 @@ bool appendPart(std::string& name, const uint8_t* bytes, size_t count, bool lowe
   return true;
 }
 
-std::optional<std::string> utf8Of(std::span<const uint16_t> units) {
+// Absent for a name that no volume may have.
+std::optional<std::string> longNameOf(std::u16string_view units) {
   std::string text;
-  for (size_t i = 0; i < units.size(); ++i) {
-    uint32_t character = units[i];
-    if (isIn(character, 0xDC00, 0xDFFF)) return std::nullopt;
-    if (isIn(character, 0xD800, 0xDBFF)) {
-      if (i + 1 == units.size() || !isIn(units[i + 1], 0xDC00, 0xDFFF)) return std::nullopt;
-      character = 0x10000 + ((character & 0x3FFU) << 10) + (units[++i] & 0x3FFU);
-    }
-    if (isForbidden(character)) return std::nullopt;
-    appendUtf8(text, character);
+  while (!units.empty()) {
+    const auto character = takeCharacter(units);
+    if (!character || isForbidden(*character)) return std::nullopt;
+    appendUtf8(text, *character);
   }
   if (text == "." || text == "..") return std::nullopt;
   return text;
@@ -164,7 +160,7 @@ LongNameReader::Outcome LongNameReader::finish(const uint8_t* entry, std::string
   const auto end = units_.begin() + static_cast<std::ptrdiff_t>(count_ * kUnitsInEntry);
   const auto length = static_cast<size_t>(std::find(units_.begin(), end, 0) - units_.begin());
   if (length == 0) return Outcome::none;
-  const auto text = length > kLongestFatName ? std::nullopt : utf8Of(std::span(units_).first(length));
+  const auto text = length > kLongestFatName ? std::nullopt : longNameOf({units_.data(), length});
   if (!text) return Outcome::invalid;
   name = *text;
   return Outcome::found;

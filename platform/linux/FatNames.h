@@ -37,7 +37,7 @@ class LongNameReader {
   static constexpr size_t kUnitsInEntry = 13;
   static constexpr size_t kMostEntries = 20;
 
-  std::array<uint16_t, kUnitsInEntry* kMostEntries> units_ = {};
+  std::array<char16_t, kUnitsInEntry* kMostEntries> units_ = {};
   size_t count_ = 0;     // entries
   size_t next_ = kNone;  // number of entries that are missing
   uint8_t sum_ = 0;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "PartitionProbe.h"
 
+#include <Vorlix/foundation/HexDigits.h>
 #include <Vorlix/foundation/Utf8.h>
 
 #include <charconv>
@@ -18,8 +19,9 @@ std::optional<UUID> identifierOf(const char* text) {
 }
 
 std::string mbrContent(unsigned type) {
-  constexpr const char* kDigits = "0123456789ABCDEF";
-  return {'0', 'x', kDigits[type >> 4 & 15], kDigits[type & 15]};
+  std::string text = "0x";
+  appendUpperHex(text, static_cast<uint8_t>(type));
+  return text;
 }
 
 ProbedEntry probedEntryOf(blkid_partition partition) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "BlockCoding.h"
 
+#include <Vorlix/foundation/HexDigits.h>
+
 #include <array>
 
 #include "BlockCodingTable.h"
@@ -43,9 +45,7 @@ class TableHash final : public BlockHash {
   std::string finish() override {
     std::array<uint8_t, kDigestSize> digest = {};
     table_.finishHash(hash_, digest.data());
-    std::string text;
-    for (const uint8_t byte : digest) text += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]};
-    return text;
+    return hexText(digest);
   }
 
  private:

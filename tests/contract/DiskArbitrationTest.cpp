@@ -97,6 +97,23 @@ TEST_P(DiskArbitrationContract, AcceptsTheDevicesFolderBeforeAPathAnyNumberOfTim
   EXPECT_FALSE(isKnown(world_->ports(), "/dev//dev/"));
 }
 
+TEST_P(DiskArbitrationContract, PartsOfADescriptionAreThoseOfAllOfIt) {
+  const auto session = world_->ports().diskArbitration->createSession();
+  for (const std::string& name : {world_->disk(), world_->slice(1), world_->slice(3)}) {
+    const auto disk = session->diskFromBSDName(name);
+    ASSERT_TRUE(disk) << name;
+    const auto all = disk->copyDescription();
+    const auto ofVolume = disk->copyVolumeDescription();
+    ASSERT_TRUE(all && ofVolume) << name;
+    for (const auto& [key, value] : all->values()) {
+      const bool isOfVolume = key.starts_with("DAVolume");
+      EXPECT_TRUE(!isOfVolume || ofVolume->value(key) == value) << name << " " << key;
+    }
+    for (const auto& entry : ofVolume->values()) EXPECT_TRUE(all->contains(entry.first)) << name << " " << entry.first;
+    EXPECT_EQ(disk->isInternal(), all->boolean(kDescriptionDeviceInternal)) << name;
+  }
+}
+
 TEST_P(DiskArbitrationContract, ADiskMayOutliveItsSession) {
   auto session = world_->ports().diskArbitration->createSession();
   const auto slice = session->diskFromBSDName(world_->slice(3));

@@ -136,6 +136,25 @@ class VolumesTest(CommandTest):
         expected = [self.volume(name) for name in (PC_INSTALLER, PC_WINDOWS, OLD_WINDOWS)]
         self.assertEqual(self.list_of("--windows"), expected)
 
+    def test_every_disk_is_shown_with_its_partitions_mounted_or_not(self):
+        shown = {disk["name"]: disk for disk in json.loads(self.vorlix("disks", "--json").stdout)["disks"]}
+        expected = {name for name in os.listdir("/sys/block") if name.startswith(("vd", "sd", "nvme"))}
+        self.assertEqual(set(shown), {name for name in expected if int(read_text(f"/sys/block/{name}/size")) > 0})
+        for name, disk in shown.items():
+            kernel = {entry for entry in os.listdir(f"/sys/block/{name}") if entry.startswith(name)}
+            found = {part["device"].removeprefix("/dev/"): part for part in disk["partitions"] if part["number"]}
+            self.assertEqual(set(found), kernel)
+            self.assertEqual((disk["device"], disk["size"]), (f"/dev/{name}", int(read_text(f"/sys/block/{name}/size")) * 512))
+            for entry, part in found.items():
+                with self.subTest(entry=entry):
+                    self.assertEqual(part["size"], int(read_text(f"/sys/class/block/{entry}/size")) * 512)
+                    self.assertEqual(part["mountPath"], self.points.get(entry))
+        for name in self.order:
+            (part,) = [part for part in shown[name[:3]]["partitions"] if part["device"] == node(name)]
+            probed = blkid(node(name))
+            self.assertEqual(part["windows"] if part["windows"] != "none" else None, self.volume(name)["windows"], name)
+            self.assertEqual((part["kind"], part["label"] or ""), (KINDS.get(probed["TYPE"], probed["TYPE"]), blkid_label(node(name))))
+
     def test_the_table_has_a_row_for_each_volume(self):
         heading, *rows = self.vorlix("list", "--all").stdout.splitlines()
         self.assertEqual(re.split(" {2,}", heading.strip()),

@@ -43,6 +43,11 @@ class BadInput(images.CommandTest):
             print(f"no memory limit: {reason}", file=sys.stderr)
 
     def run_bounded(self, *arguments):
+        if arguments[:1] == ("show",) and len(arguments) > 1:  # what one command reads of a disk, the listing of disks reads as well
+            listing = self.vorlix_run("disks", arguments[1], "--json", timeout=TIME_LIMIT, memory_limit=self.memory_limit)
+            self.assertIn(listing.returncode, (0, 2), listing.stderr)
+            (disk,) = json.loads(listing.stdout)["disks"]
+            self.assertEqual(listing.returncode == 2, bool(disk["error"] or disk["gptDamage"]), disk)
         return self.vorlix_run(*arguments, timeout=TIME_LIMIT, memory_limit=self.memory_limit)
 
     def image(self, name="disk.img", **changes):

@@ -10,7 +10,7 @@ import re
 import subprocess
 import unittest
 
-from support import hive, hives, images, samples, volumes
+from support import hive, hives, images, samples, tools, volumes
 
 try:
     import jsonschema
@@ -100,6 +100,35 @@ class Json(volumes.VolumeTest):
         self.answer("identify", "identify", f"{disk}s{WINDOWS.number}", "--json")
         self.assertIsNone(self.answer("identify", "identify", blank, "--json", status=1)["diskGUID"])
         self.answer("boot-type", "boot-type", disk, "--json")
+
+    def test_disks_and_what_is_on_them(self):
+        disk = self.disk()
+        blank = self.file("blank.img", bytes(1 << 20))
+        (shown,) = self.answer("disks", "disks", disk, "--json")["disks"]
+        self.assertEqual([type(shown[key]) for key in ("size", "image")], [int, bool])
+        self.assertIsNone(shown["partitions"][1]["kind"])
+        self.assertEqual(self.answer("disks", "disks", blank, "--json")["disks"][0]["partitions"], [])
+        self.assertIsNotNone(self.answer("disks", "disks", self.path("absent"), "--json", status=2)["disks"][0]["error"])
+        os.truncate(disk, 1 << 20)
+        self.assertTrue(self.answer("disks", "disks", disk, "--json", status=2)["disks"][0]["gptDamage"])
+        result = self.vorlix_run("disks", "--json")  # status 2 where a disk of this machine is damaged
+        self.validated("disks", json.loads(result.stdout))
+
+    @unittest.skipIf(volumes.missing("hivexsh"), "not installed: hivexsh")
+    def test_a_windows_on_a_disk(self):
+        hives.companion(self.vorlix)
+        with open(hives.make_software_hive(self.path("hive"), hives.RELEASES["Windows 10"]), "rb") as file:
+            disk = self.disk(tree={"Windows/System32/config/SOFTWARE": file.read()})
+        windows = self.answer("disks", "disks", disk, "--json")["disks"][0]["partitions"][2]
+        self.assertEqual((windows["product"], windows["start"]["starts"]), ("Windows 10", False))
+
+    @unittest.skipUnless(volumes.IS_ROOT, "loop devices need root")
+    def test_a_disk_on_a_loop_device(self):
+        with tools.loop_device(self.disk(), 512) as device:
+            command = subprocess.run([self.vorlix, "disks", device, "--json"], stdin=subprocess.DEVNULL, capture_output=True,
+                                     text=True, timeout=images.TIME_LIMIT, check=True)
+            (shown,) = self.validated("disks", json.loads(command.stdout))["disks"]
+            self.assertEqual(len(shown["partitions"]), 3)
 
     def test_volumes(self):
         fat = self.give(volumes.make_fat(self.path("fat.img"), 16, "SAME"))

@@ -65,6 +65,16 @@ class LookOnce(macs.ImageTest):
         # The second process reads the NTFS volume.
         self.assert_opens(10, image, "check", image, "--partition", macs.WINDOWS, expect=1, processes=2)
 
+    def test_disks(self):
+        image = self.mac_image()
+        # Once for the table, twice for each of four partitions, and once for the one that may hold Windows, which the second
+        # process reads.
+        self.assert_opens(10, image, "disks", image, processes=2)
+        blank = self.path("blank.img")
+        with open(blank, "xb") as file:
+            file.truncate(1 << 20)
+        self.assert_opens(2, blank, "disks", blank)
+
     def test_vbr_restore(self):
         image = self.mac_image()
         volume = f"{image}s{macs.WINDOWS}"

@@ -112,6 +112,37 @@ class RestoredStart(test_boot_files.BootFilesTest):
         self.assertTrue(tools.fdisk_slots(self.target)[WINDOWS.number][0])
         self.assertEqual(self.journals(), [])
 
+    def test_a_disk_that_is_exchanged_in_the_pause_is_left_alone_and_the_right_one_can_go_on(self):
+        # The first mcopy of the pause puts a copy of the image in the image's place, under the same name.
+        right, folder = self.path("right.img"), self.path("exchanging")
+        os.mkdir(folder)
+        with open(os.path.join(folder, "mcopy"), "w", encoding="utf-8") as script:
+            script.write(f"""#!/bin/sh
+if [ ! -e '{right}' ]; then
+  ln '{self.target}' '{right}' && cp --sparse=always '{self.target}' '{right}.copy' && mv '{right}.copy' '{self.target}'
+fi || exit 1
+exec {images.tool("mcopy")} "$@"
+""")
+        os.chmod(script.name, 0o755)
+        result = self.vorlix_run("restore", self.image, self.target, "--partition", WINDOWS.number, "--yes", "--start",
+                                 "both", prefix=[*self.prefix(), "env", f"PATH={folder}:{images.SYSTEM_PATH}"])
+        self.assertEqual(result.returncode, 2, result.stdout + result.stderr)
+        for words in ("is another disk than before", "vorlix restore --resume"):
+            self.assertIn(words, result.stderr)
+        self.assertTrue(os.path.exists(right), "nothing was exchanged")
+        # The other disk is as it was copied: without the files, which had been begun, and with the old sector 0.
+        self.assertEqual(self.efi_files(self.target), {})
+        self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
+        self.assertEqual(self.sector_0(right), self.sector_0(self.untouched))
+        self.assert_efi_start(right)
+        (name,) = self.journals()
+        os.replace(right, self.target)
+        resumed = self.vorlix_run("restore", "--resume", name)
+        self.assertEqual(resumed.returncode, 1, resumed.stdout + resumed.stderr)  # no bootmgr in the root
+        self.assert_efi_start(self.target)
+        self.assertTrue(tools.fdisk_slots(self.target)[WINDOWS.number][0])
+        self.assertEqual(self.journals(), [])
+
     def test_undo_gives_a_stopped_one_up(self):
         self.fill_system_partition()
         first = samples.read(self.target, self.OFFSET, samples.SECTOR)

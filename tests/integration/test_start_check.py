@@ -30,9 +30,9 @@ LEGACY_TREE = {"bootmgr": b"loader" * 99, "Boot": None}
 
 
 @functools.lru_cache(maxsize=None)
-def ntfs():
+def ntfs(more=()):
     """
-    The volume of a Windows that sound() starts, with its boot manager and a store.
+    The volume of a Windows that sound() starts, with its boot manager and a store, and more files as pairs of path and bytes.
 
     The store names the volume twice, so that it still does after a test has changed the MBR or the GPT's identifiers.
     """
@@ -41,18 +41,20 @@ def ntfs():
     second = hive.device_element(struct.pack("<Q", START).ljust(16, b"\0"), SIGNATURE.ljust(16, b"\0"), True)
     at = store.rfind(hive.device_element(guids["P"], guids["D"], False))
     store[at:at + len(second)] = second
-    path = volumes.make_ntfs(os.path.join(volumes.template_folder(), "start.ntfs"), SIZE,
-                             {"BOOTMGR": b"loader", "Boot/BCD": bytes(store)}, start=WINDOWS.first)
+    path = volumes.make_ntfs(os.path.join(volumes.template_folder(), f"start{ntfs.cache_info().currsize}.ntfs"), SIZE,
+                             {"BOOTMGR": b"loader", "Boot/BCD": bytes(store), **dict(more)}, start=WINDOWS.first)
     with open(path, "rb") as file:
         return file.read()
 
 
-def bare_ntfs(*options):
-    """A volume without files."""
+def bare_ntfs(*options, boot_code=True):
+    """A volume without files. Without boot code of our own it has that of mkntfs."""
     path = os.path.join(volumes.template_folder(), "bare.ntfs")
     with open(path, "wb") as file:
         file.truncate(SIZE)
     images.run_tool("mkntfs", "-F", "-f", "-q", "-p", WINDOWS.first, "-H", "255", "-S", "63", *options, path)
+    if boot_code:
+        samples.put_boot_code(path)
     with open(path, "rb") as file:
         return file.read()
 
@@ -64,6 +66,7 @@ def fat(tree):
     with open(path, "wb") as file:
         file.truncate(SIZE)
     images.run_tool("mkfs.vfat", "-F", 16, "-s", 1, "-h", WINDOWS.first, path)
+    samples.put_boot_code(path)
     volumes.put_tree(path, dict(tree))
     with open(path, "rb") as file:
         return file.read()
@@ -161,6 +164,42 @@ class Legacy(StartTest):
             (["volume-blank"], [(START, bytes(512))]),
             (["volume-not-windows"], [(START, boot[:3] + b"EXFAT   " + boot[11:])]),
         ])
+
+    def test_boot_code_that_only_prints_a_message(self):
+        """As the tools that make file systems write it. Code with the same text that is not it counts as boot code."""
+        path = self.sound()
+        sound = gpt.read_at(path, START, 512)
+        made = bare_ntfs(boot_code=False)[:512]
+        self.assertIn(b"This is not a bootable disk", made)
+        with_message = sound[:84] + made[84:510] + sound[510:]
+        with self.changed(path, (START, with_message), (LAST, with_message)):
+            document = self.assert_faults(path, ["volume-code-message"])
+            (fault,) = [item for item in document["findings"] if item["state"] == "fault"]
+            self.assertEqual(fault["area"], "volume-code")
+            self.assertIn("vorlix vbr restore FILE", fault["command"])
+            efi = self.report(path, "--partition", WINDOWS.number, "--start", "efi", status=1)
+            self.assertNotIn("volume-code", [item["area"] for item in efi["findings"]])
+        text = made[made.index(b"This is"):510]
+        loader = sound[:84] + b"\xfa\x33\xc0\x8e\xd0\xbc\x00\x7c\xfb\x68\xc0\x07\x1f\x1e\x68\x66\x00\xcb".ljust(200, b"\x90") + text
+        loader = loader[:510].ljust(510, b"\0") + sound[510:]
+        with self.changed(path, (START, loader), (LAST, loader)):
+            self.assert_sound(path)
+
+    def test_boot_code_of_mkfs_fat(self):
+        for bits, options in ((16, ()), (32, ()), (16, ("text",))):
+            with self.subTest(bits=bits, options=options):
+                volume = self.path("volume.fat")
+                with open(volume, "wb") as file:
+                    file.truncate(SIZE)
+                message = self.path("message")
+                with open(message, "w", encoding="ascii") as file:
+                    file.write("Take this disk out.\n")
+                images.run_tool("mkfs.vfat", "-F", bits, "-s", 1, "-h", WINDOWS.first,
+                                *(("-m", message) if options else ()), volume)
+                with open(volume, "rb") as file:
+                    path = self.sound(name=f"{bits}{len(options)}.img", volume=file.read())
+                self.assertIn("volume-code-message", [item.get("code") for item in self.report(
+                    path, "--partition", WINDOWS.number, status=1)["findings"]])
 
     def test_type_of_the_partition(self):
         path = self.sound()
@@ -291,6 +330,23 @@ class Legacy(StartTest):
         texts = {item["area"]: item["text"] for item in document["findings"] if item["state"] == "ok"}
         self.assertIn("bootmgr is on", texts["boot-files"])
         self.assertIn("names this disk", texts["legacy-store"])
+
+    def test_a_windows_with_boot_files_of_its_own_mends_missing_ones(self):
+        """The command that check names is the one that makes them from these files."""
+        tree = {"Windows/Boot/PCAT/bootmgr": b"manager", "Windows/System32/winload.exe": b"loader",
+                "Windows/System32/config/BCD-Template": b"template"}
+        own = f"--partition {WINDOWS.number} --from-windows --firmware bios"
+        for number, (files, words) in enumerate(((tree, own), ({**tree, "BOOTMGR": b"loader"}, own),
+                                                 (dict(list(tree.items())[:2]), "vorlix legacy-boot "))):
+            with self.subTest(files=files):
+                volume = volumes.make_ntfs(self.path("volume.ntfs"), SIZE, files, start=WINDOWS.first)
+                with open(volume, "rb") as file:
+                    path = self.sound(f"{number}.img", volume=file.read())
+                expected = ["legacy-store-missing"] + ([] if "BOOTMGR" in files else ["boot-manager-missing"])
+                document = self.assert_faults(path, expected)
+                for fault in document["findings"]:
+                    if fault.get("code") in expected:
+                        self.assertIn(words, fault["command"])
 
     def test_without_a_partition(self):
         path = self.sound()

@@ -6,8 +6,11 @@ mkntfs, ntfscp and ntfs_mkdir make the volumes. No byte of an image changes, and
 
 import json
 import os
+import signal
 import struct
+import subprocess
 import tempfile
+import time
 import unittest
 
 from support import hives, images, samples, tools, volumes
@@ -112,6 +115,49 @@ class UnmountedNtfs(volumes.VolumeTest):
         result = self.run_unchanged("bootable", volume)
         self.assertEqual((result.returncode, result.stdout), (2, ""))
         self.assertIn("not mounted, and ntfs_reader, which reads NTFS without that, is not installed", result.stderr)
+
+    def test_what_a_killed_command_leaves_is_removed_by_the_next_one(self):
+        volume = self.disk({HIVE: self.hive(), "Windows/System32/ntoskrnl.exe": b"x"})
+        place = self.path("place")
+        os.mkdir(place)
+        whole, self.vorlix = self.vorlix, volumes.copy_command(self.vorlix, place)
+        # In the place of the companion that reads the hive: a program that goes on until it is killed.
+        started = os.path.join(self.temporary, "started")
+        companion = os.path.join(place, "tools/bin/registry_lookup")
+        with open(companion, "w", encoding="utf-8") as script:
+            script.write(f"#!/bin/sh\necho $$ >'{started}.new'\nmv '{started}.new' '{started}'\nexec sleep 60\n")
+        running = subprocess.Popen([*self.prefix(), self.vorlix, "windows", volume], stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        try:
+            self.wait_for(lambda: os.path.exists(started))
+            with open(started, encoding="ascii") as file:
+                lookup = int(file.read())
+            (left,) = [name for name in os.listdir(self.temporary) if name != "started"]
+            # A command beside it leaves the folder of one that runs, and removes only its own.
+            self.vorlix = whole
+            self.assertEqual(self.vorlix_run("bootable", volume).returncode, 0)
+            self.assertEqual(sorted(os.listdir(self.temporary)), sorted(["started", left]))
+        finally:
+            running.kill()
+            running.wait()
+        os.kill(lookup, signal.SIGKILL)
+        os.remove(started)
+        self.assertEqual(os.listdir(self.temporary), [left])  # SIGKILL leaves it
+        # Not what others have under such a name: a file, a link.
+        kept = os.path.join(self.temporary, "kept")
+        os.mkdir(kept)
+        self.give(kept)
+        os.symlink("kept", os.path.join(self.temporary, "vorlix-view-link"))
+        with open(os.path.join(self.temporary, "vorlix-view-file"), "wb"):
+            pass
+        self.assertEqual(self.vorlix_run("bootable", volume).returncode, 0)
+        self.assertEqual(sorted(os.listdir(self.temporary)), ["kept", "vorlix-view-file", "vorlix-view-link"])
+
+    def wait_for(self, condition):
+        end = time.monotonic() + images.TIME_LIMIT
+        while not condition():
+            self.assertLess(time.monotonic(), end, "never happened")
+            time.sleep(0.01)
 
     def test_a_backup_needs_no_mount(self):
         volume = self.disk({"Windows/System32": None, "hiberfil.sys": b"hibr".ljust(8192, b"\0")})

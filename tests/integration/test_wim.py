@@ -177,7 +177,9 @@ class Images(WimTest):
             with self.subTest(options=options):
                 wim = self.wim(f"{number}.{'esd' if '--solid' in options else 'wim'}", *options)
                 images.sparse_copy(self.untouched, self.disk)
-                self.restore(wim, "--index", 1, saying=["ESD" if "--solid" in options else "WIM"])
+                # By the version in the header, which wimcapture raises for LZMS, too.
+                is_esd = "--solid" in options or "--compress=LZMS" in options
+                self.restore(wim, "--index", 1, saying=["(ESD, " if is_esd else "(WIM, "])
                 self.assert_restored(wim, 1)
 
     def test_one_image_needs_no_index(self):
@@ -410,7 +412,7 @@ class Interrupted(WimTest):
         result = self.vorlix_run("restore", "--resume", name, "--scratch", self.scratch)
         self.assertEqual(result.returncode, 1, result.stderr)
         self.assertIn("applied anew", result.stdout)
-        self.assertIn("Missing    boot code of Windows", result.stdout)
+        self.assertRegex(result.stdout, "Missing    the code in the boot sector of .* only prints a message")
         self.assert_restored(wim, 2)
         self.assert_rest_unchanged()
         self.assertEqual(self.journals(), [])

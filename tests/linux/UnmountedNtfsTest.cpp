@@ -141,6 +141,18 @@ class UnmountedNtfs : public testing::Test {
     EXPECT_EQ(names, (std::vector<std::string>{"HiberFil.SYS 9004", "Windows/", "bootmgr 50001", "empty 0", "many/"}));
   }
 
+  /// Starts the companion for the volume in slice 3. Null after a failure of the test.
+  std::unique_ptr<vorlix::NtfsReader> startReader() {
+    const auto device = vorlix::locateDevice(image_ + "s3");
+    const auto opened = device ? vorlix::openLocation(*device, O_RDONLY) : std::nullopt;
+    EXPECT_TRUE(opened);
+    if (!opened) return nullptr;
+    std::optional<Dissenter> refusal;
+    auto reader = vorlix::NtfsReader::start(*opened, refusal);
+    EXPECT_TRUE(reader) << refusal->text;
+    return reader;
+  }
+
   const TemporaryFolder disk_;
   const std::string image_ = (disk_.path() / "mac.img").string();
   std::unique_ptr<TemporaryFolder> folder_;
@@ -246,17 +258,12 @@ TEST_F(UnmountedNtfs, ACompanionThatFailsIsARefusal) {
 
 TEST_F(UnmountedNtfs, ACompanionThatIsKilledEndsEveryFurtherQuestion) {
   makeVolume();
-  const auto device = vorlix::locateDevice(image_ + "s3");
-  ASSERT_TRUE(device);
-  const auto opened = vorlix::openLocation(*device, O_RDONLY);
-  ASSERT_TRUE(opened);
-  std::optional<Dissenter> refusal;
-  const auto reader = vorlix::NtfsReader::start(*opened, refusal);
-  ASSERT_TRUE(reader) << refusal->text;
+  const auto reader = startReader();
+  ASSERT_TRUE(reader);
   kill(reader->process(), SIGKILL);
   Bytes bytes;
   for (int i = 0; i < 2; ++i) {
-    refusal = reader->ask(vorlix::NtfsReader::What::content, "/bootmgr", 10, 10, bytes);
+    const auto refusal = reader->ask(vorlix::NtfsReader::What::content, "/bootmgr", 10, 10, bytes);
     ASSERT_TRUE(refusal);
     EXPECT_EQ(refusal->text, "the NTFS reader ended without an answer");
   }
@@ -271,13 +278,8 @@ constexpr bool kSanitizedNtfs = false;
 
 TEST_F(UnmountedNtfs, TheCompanionHasNoRights) {
   makeVolume();
-  const auto device = vorlix::locateDevice(image_ + "s3");
-  ASSERT_TRUE(device);
-  const auto opened = vorlix::openLocation(*device, O_RDONLY);
-  ASSERT_TRUE(opened);
-  std::optional<Dissenter> refusal;
-  const auto reader = vorlix::NtfsReader::start(*opened, refusal);
-  ASSERT_TRUE(reader) << refusal->text;
+  const auto reader = startReader();
+  ASSERT_TRUE(reader);
   const std::string folder = "/proc/" + std::to_string(reader->process());
   const std::string status = bytesOf(folder + "/status");
   if (geteuid() == 0) {

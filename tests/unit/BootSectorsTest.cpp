@@ -183,6 +183,61 @@ TEST(BootSectors, ACopyMayDifferOnlyInThePatchedFields) {
   EXPECT_FALSE(isCopyButForPatch(ntfs(), {}));
 }
 
+// The code that mkntfs and mkfs.fat write, as a disassembler shows it; the text follows it.
+constexpr uint8_t kMessageCode[] = {0x0E, 0x1F,                          // push cs; pop ds
+                                    0xBE, 0x71, 0x7C,                    // mov si, 7C71h
+                                    0xAC, 0x22, 0xC0, 0x74, 0x0B,        // lodsb; and al, al; jz +11
+                                    0x56, 0xB4, 0x0E, 0xBB, 0x07, 0x00,  // push si; mov ah, 14; mov bx, 7
+                                    0xCD, 0x10, 0x5E, 0xEB, 0xF0,        // int 10h; pop si; jmp -16
+                                    0x32, 0xE4, 0xCD, 0x16, 0xCD, 0x19,  // xor ah, ah; int 16h; int 19h
+                                    0xEB, 0xFE};                         // jmp $
+constexpr const char* kMessage = "This is not a bootable disk. Please insert a bootable floppy and\r\npress any key";
+
+Sector withMessageCode(Sector sector, size_t place) {
+  sector[0] = 0xEB;
+  sector[1] = static_cast<uint8_t>(place - 2);
+  sector[2] = 0x90;
+  std::fill(sector.begin() + static_cast<std::ptrdiff_t>(place), sector.begin() + 510, uint8_t{0});
+  std::copy(std::begin(kMessageCode), std::end(kMessageCode), sector.begin() + static_cast<std::ptrdiff_t>(place));
+  sector[place + 3] = static_cast<uint8_t>(place + sizeof kMessageCode);
+  std::memcpy(sector.data() + place + sizeof kMessageCode, kMessage, std::strlen(kMessage));
+  return sector;
+}
+
+TEST(BootSectors, CodeThatOnlyPrintsAMessage) {
+  EXPECT_TRUE(onlyPrintsMessage(withMessageCode(ntfs(), 84)));
+  EXPECT_TRUE(onlyPrintsMessage(withMessageCode(fat32(), 90)));
+  EXPECT_TRUE(onlyPrintsMessage(withMessageCode(fat16(), 62)));
+  Sector other = withMessageCode(ntfs(), 84);
+  std::fill(other.begin() + 84 + sizeof kMessageCode, other.begin() + 510, uint8_t{'x'});
+  EXPECT_TRUE(onlyPrintsMessage(other));  // mkfs.fat -m writes another text
+}
+
+TEST(BootSectors, OtherCodeDoesNotOnlyPrintAMessage) {
+  EXPECT_FALSE(onlyPrintsMessage(ntfs()));
+  EXPECT_FALSE(onlyPrintsMessage({}));
+  const Sector message = withMessageCode(ntfs(), 84);
+  for (size_t i = 0; i < sizeof kMessageCode; ++i) {
+    if (i == 3) continue;  // where the text is
+    Sector changed = message;
+    changed[84 + i] ^= 1;
+    EXPECT_FALSE(onlyPrintsMessage(changed)) << i;
+  }
+  Sector elsewhere = message;  // the code is there, but something else runs
+  elsewhere[1] = 0x60;
+  EXPECT_FALSE(onlyPrintsMessage(elsewhere));
+  elsewhere = message;
+  elsewhere[0] = 0xE9;
+  EXPECT_FALSE(onlyPrintsMessage(elsewhere));
+  elsewhere[0] = 0xEB;
+  elsewhere[1] = 0xFF;
+  EXPECT_FALSE(onlyPrintsMessage(elsewhere));
+  // Code of another kind with the same text, as a loader has it for the case that it finds nothing.
+  Sector loader = ntfs();
+  std::memcpy(loader.data() + 300, kMessage, std::strlen(kMessage));
+  EXPECT_FALSE(onlyPrintsMessage(loader));
+}
+
 TEST(BootSectors, BootCode) {
   Sector sector = ntfs();
   EXPECT_FALSE(lacksBootCode(sector));

@@ -50,8 +50,11 @@ CommandShape exampleShape() {
   CommandShape undo{"undo", "Undoes", {name, all}, {}, false};
   CommandShape save{"save", "Saves", {valueShape("DEVICE", ValueKind::device)}, {}, false};
   CommandShape record{"record", "Records", {flagShape("--help")}, {save}, false};
+  OptionShape disks = valueShape("DISK", ValueKind::disk);
+  disks.mayRepeat = true;
+  CommandShape list{"list", "Lists", {disks}, {}, false};
   CommandShape run{"run", "Runs", {valueShape("PROGRAM", ValueKind::file), flagShape("--fast")}, {}, true};
-  return {"vorlix", "", {flagShape("--verbose")}, {write, undo, record, run}, false};
+  return {"vorlix", "", {flagShape("--verbose")}, {write, undo, record, run, list}, false};
 }
 
 Wanted wantedOf(const std::vector<std::string>& words) {
@@ -69,8 +72,14 @@ TEST(CompletionTest, firstWordIsACommandWhateverHasBeenWritten) {
     const Wanted wanted = wantedOf({word});
     EXPECT_EQ(wanted.place, Wanted::Place::command);
     EXPECT_EQ(wanted.word, word);
-    EXPECT_THAT(textsOf(wanted), ElementsAre("write", "undo", "record", "run"));
+    EXPECT_THAT(textsOf(wanted), ElementsAre("write", "undo", "record", "run", "list"));
     EXPECT_EQ(wanted.words[0].description, "Writes");
+  }
+}
+
+TEST(CompletionTest, anArgumentThatMayRepeatIsWantedAgain) {
+  for (const auto& words : {std::vector<std::string>{"list", ""}, {"list", "one", ""}, {"list", "one", "two", ""}}) {
+    EXPECT_EQ(wantedOf(words).kind, ValueKind::disk);
   }
 }
 

@@ -363,6 +363,43 @@ TEST_F(RestoreTest, APauseComesWhenTheVolumeIsWholeAndBeforeSectorZero) {
   EXPECT_EQ(keptChanges().size(), 1U);
 }
 
+TEST_F(RestoreTest, ADiskThatWasExchangedInThePauseIsRefusedAndTheRightOneCanGoOn) {
+  RestorePlan pausing = plan();
+  pausing.between = "files";
+  // Alike to the last byte, but another disk.
+  const auto otherDisk = std::make_shared<MemoryDevice>("other disk", 4096, 0xDD);
+  const auto otherVolume = std::make_shared<MemoryDevice>("other volume", kVolume, 0xEE);
+  for (const bool isVolume : {false, true}) {
+    SCOPED_TRACE(isVolume ? "the volume" : "the disk");
+    NumberedSource source;
+    RestoreResult paused = restoreVolume(source, pausing, true, goOn);
+    ASSERT_EQ(paused.end, RestoreResult::End::paused) << paused.failure.reason;
+    otherVolume->bytes = volume->bytes;
+    volume->calls.clear();
+    const auto& wrongVolume = isVolume ? otherVolume : volume;
+    const RestoreResult refused = finishRestore(std::move(paused), {wrongVolume, isVolume ? disk : otherDisk});
+    EXPECT_EQ(refused.end, RestoreResult::End::failed);
+    EXPECT_EQ(refused.failure.subject, isVolume ? "volume" : "disk");
+    EXPECT_EQ(refused.failure.reason, "is another disk than before");
+    EXPECT_EQ(refused.size, kVolume);
+    for (const auto& device : {volume, disk, otherVolume, otherDisk}) EXPECT_THAT(device->calls, IsEmpty());
+    EXPECT_EQ(otherVolume->bytes, restoredVolume());
+    EXPECT_EQ(otherDisk->bytes, Content(4096, 0xDD));
+    EXPECT_EQ(disk->bytes, Content(4096, 0xDD));
+
+    EXPECT_THAT(interruptedLongChanges(), ElementsAre(refused.journal));
+    RestoreResult again = resume();
+    ASSERT_EQ(again.end, RestoreResult::End::paused) << again.failure.reason;
+    EXPECT_EQ(finishRestore(std::move(again), {volume, disk}).end, RestoreResult::End::done);
+    EXPECT_EQ(Content(disk->bytes.begin(), disk->bytes.begin() + 512), Content(512, 0xD0));
+    EXPECT_THAT(interruptedLongChanges(), IsEmpty());
+    std::fill_n(volume->bytes.begin(), 512, uint8_t{0xEE});
+    std::fill_n(volume->bytes.begin() + kLastSector, 512, uint8_t{0xEE});
+    disk->bytes.assign(4096, 0xDD);
+    disk->calls.clear();
+  }
+}
+
 TEST_F(RestoreTest, WithoutComparingOnlyTheStructuresAreReadBack) {
   volume->afterWrite = [](Content& bytes, uint64_t offset, size_t) {
     if (offset == 2 * kPiece) bytes[2 * kPiece + 77] ^= 1;

@@ -101,6 +101,48 @@ TEST(StartCheck, ASoundDiskHasNoFault) {
                           "boot-files", "volume-state"));
 }
 
+const StartFinding& faultWith(const StartReport& report, const std::string& code) {
+  static const StartFinding none;
+  for (const StartFinding& finding : report.findings) {
+    if (finding.code == code) return finding;
+  }
+  ADD_FAILURE() << "no " << code;
+  return none;
+}
+
+TEST(StartCheck, BootCodeThatOnlyPrintsAMessageStartsNothing) {
+  StartFacts facts = soundFacts();
+  // push cs; pop ds; mov si, 7C71h; ... int 10h ... int 16h; int 19h; jmp $
+  const uint8_t code[] = {0x0E, 0x1F, 0xBE, 0x71, 0x7C, 0xAC, 0x22, 0xC0, 0x74, 0x0B, 0x56, 0xB4, 0x0E, 0xBB, 0x07,
+                          0x00, 0xCD, 0x10, 0x5E, 0xEB, 0xF0, 0x32, 0xE4, 0xCD, 0x16, 0xCD, 0x19, 0xEB, 0xFE};
+  Sector& sector = facts.volume->bootSector;
+  sector[0] = 0xEB;
+  sector[1] = 0x52;
+  std::copy(std::begin(code), std::end(code), sector.begin() + 84);
+  facts.volume->seconds = {{1024, sector}};
+  EXPECT_THAT(faultsOf(facts), ElementsAre("volume-code-message"));
+  const StartReport report = checkStart(facts, StartWay::legacy);
+  EXPECT_FALSE(report.starts());
+  EXPECT_EQ(faultWith(report, "volume-code-message").command,
+            "vorlix vbr restore FILE mac.imgs2, or bootsect /nt60 C: in Windows' set-up");
+  EXPECT_THAT(faultsOf(facts, StartWay::efi), Not(Contains("volume-code-message")));  // which does not run it
+}
+
+TEST(StartCheck, TheVolumesOwnFilesMendAMissingStoreIfTheyCan) {
+  StartFacts facts = soundFacts();
+  facts.volume->legacyStore = {Sight::missing, "", {}};
+  const auto command = [&] { return faultWith(checkStart(facts, StartWay::legacy), "legacy-store-missing").command; };
+  EXPECT_EQ(command(), "vorlix legacy-boot mac.imgs2 --bcd FILE");
+  facts.volume->suppliesBootFiles = true;
+  EXPECT_EQ(command(), "vorlix legacy-boot mac.imgs2 --bcd FILE");  // a store needs a disk signature
+  facts.sector0[440] = 1;
+  EXPECT_EQ(command(), "vorlix bcd mac.img --partition 2 --from-windows --firmware bios");
+  facts.volume->bootManager.sight = Sight::missing;
+  EXPECT_EQ(faultWith(checkStart(facts, StartWay::legacy), "boot-manager-missing").command, command());
+  facts.volume->suppliesBootFiles = false;
+  EXPECT_EQ(command(), "vorlix legacy-boot mac.imgs2 --bcd FILE");
+}
+
 TEST(StartCheck, ADirtyVolumeAndAHibernatedOneAreFaults) {
   StartFacts facts = soundFacts();
   facts.volume->dirty = true;
@@ -205,6 +247,14 @@ TEST(StartCheck, AStoreOfAnySizeIsSearchedInsideItsBytes) {
   EXPECT_EQ(devices[0].disk[0], 0xCD);
   element.resize(0x38 + 15);
   EXPECT_THAT(storeDevices(element), IsEmpty());
+}
+
+TEST(StartCheck, QuotesNamesForAShell) {
+  EXPECT_EQ(commandWord("/dev/sda3"), "/dev/sda3");
+  EXPECT_EQ(commandWord("a b.img"), "'a b.img'");
+  EXPECT_EQ(commandWord("it's $HOME"), "'it'\\''s $HOME'");
+  EXPECT_EQ(commandWord("-rf"), "./'-rf'");
+  EXPECT_EQ(commandWord(""), "''");
 }
 
 TEST(OwnBootCode, IsCodeForSectorZero) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Listing.h"
 
+#include <Vorlix/foundation/HexDigits.h>
 #include <Vorlix/foundation/LittleEndian.h>
 
 #include <array>
@@ -36,21 +37,10 @@ Value valueOf(hive_h* store, hive_value_h value) {
   return result;
 }
 
-std::string hexText(const uint8_t* bytes, size_t count) {
-  constexpr const char* kDigits = "0123456789abcdef";
-  std::string text;
-  text.reserve(2 * count);
-  for (size_t i = 0; i < count; ++i) {
-    text += kDigits[bytes[i] >> 4U];
-    text += kDigits[bytes[i] & 0xFU];
-  }
-  return text;
-}
-
 std::string eightDigitText(uint32_t number) {
   std::array<uint8_t, 4> bytes = {};
   for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(number >> (24 - 8 * i));
-  return hexText(bytes.data(), bytes.size());
+  return hexText(bytes);
 }
 
 // Returns the type of an object; 0 if it does not say one.
@@ -75,8 +65,7 @@ void addElement(hive_h* store, hive_node_h key, std::string& lines) {
   static_assert(sizeof(valueType) == sizeof(value.type));
   std::memcpy(&valueType, &value.type, sizeof(valueType));
   lines += "element " + eightDigitText(*type) + " " + std::to_string(valueType) + " " +
-           std::to_string(cell == 0 ? 0 : cell + kCellSize) + " " + hexText(value.data.data(), value.data.size()) +
-           "\n";
+           std::to_string(cell == 0 ? 0 : cell + kCellSize) + " " + hexText(value.data) + "\n";
   if (lines.size() > kLongestListing) throw Failure("damaged hive: it has more elements than any store");
 }
 

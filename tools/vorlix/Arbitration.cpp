@@ -65,6 +65,23 @@ std::string wholeName(const std::string& device, Disk& disk) {
   return *name;
 }
 
+// `disk` of `opened` is null for a slice that the disk does not have.
+struct FoundSlice {
+  std::string name;
+  SessionAndDisk opened;
+};
+
+FoundSlice findSlice(const std::string& disk, uint32_t number) {
+  FoundSlice found = {disk + "s" + std::to_string(number), openDisk(disk)};
+  const auto own = found.opened.disk->wholeDisk();
+  found.opened.disk = found.opened.session->diskFromBSDName(found.name);
+  const auto whole = found.opened.disk ? found.opened.disk->wholeDisk() : nullptr;
+  if (own && whole && whole->bsdName() != own->bsdName()) {
+    throw Failure(found.name, "stands beside " + disk + " under the name of its slice " + std::to_string(number));
+  }
+  return found;
+}
+
 }  // namespace
 
 std::string bsdNameOf(const std::string& device) {
@@ -81,15 +98,27 @@ DeviceNames namesOf(const std::string& device) {
 }
 
 std::string sliceNameOf(const std::string& disk, uint32_t number) {
-  const std::string slice = disk + "s" + std::to_string(number);
-  const SessionAndDisk opened = openDisk(disk);
-  const auto own = opened.disk->wholeDisk();
-  const auto found = opened.session->diskFromBSDName(slice);
-  const auto whole = found ? found->wholeDisk() : nullptr;
-  if (own && whole && whole->bsdName() != own->bsdName()) {
-    throw Failure(slice, "stands beside " + disk + " under the name of its slice " + std::to_string(number));
+  return findSlice(disk, number).name;
+}
+
+VolumeOfSlice volumeOfSlice(const std::string& disk, uint32_t number) {
+  FoundSlice found;
+  if (number == 0) {
+    found = {disk, openDisk(disk)};
+  } else {
+    found = findSlice(disk, number);
   }
-  return slice;
+  VolumeOfSlice volume;
+  volume.name = std::move(found.name);
+  const std::shared_ptr<Disk>& slice = found.opened.disk;
+  const std::optional<Dictionary> description = slice ? slice->copyVolumeDescription() : std::nullopt;
+  if (!description) return volume;
+  volume.isThere = true;
+  volume.place.name = ownName(volume.name, *slice);
+  if (const auto path = description->url(kDescriptionVolumePath)) volume.place.mountPoint = path->path();
+  volume.kind = description->text(kDescriptionVolumeKind);
+  volume.label = description->text(kDescriptionVolumeName);
+  return volume;
 }
 
 std::string mediaContentOf(const std::string& device) {

@@ -33,6 +33,25 @@ DeviceNames namesOf(const std::string& device);
 /// look-up prefers an existing path to a slice, and a command must not write to what the user did not name.
 std::string sliceNameOf(const std::string& disk, uint32_t number);
 
+/// Returns the name of a device and the folder where its volume is mounted, by one look-up. Throws Failure for an
+/// unknown device.
+struct DevicePlace {
+  std::string name;
+  std::optional<std::string> mountPoint;
+};
+DevicePlace placeOf(const std::string& device);
+
+/// Returns what a listing shows of slice `number` of a disk, or of the whole disk for 0, by one look-up. A slice that
+/// the disk does not have has a name alone. Throws Failure like sliceNameOf().
+struct VolumeOfSlice {
+  std::string name;  ///< as sliceNameOf() returns it
+  DevicePlace place;
+  std::optional<std::string> kind;   ///< of the file system: "ntfs", "msdos", ...
+  std::optional<std::string> label;  ///< of the file system
+  bool isThere = false;              ///< the members above but the name are known
+};
+VolumeOfSlice volumeOfSlice(const std::string& disk, uint32_t number);
+
 /// Returns the content of a medium: for a whole disk the kind of partition table ("GUID_partition_scheme",
 /// "FDisk_partition_scheme"), for a slice the partition type. Empty if unknown.
 std::string mediaContentOf(const std::string& device);
@@ -45,14 +64,6 @@ std::optional<std::string> mountPointOf(const std::string& device);
 
 /// Returns the device of the volume that is mounted at a folder; empty if none is.
 std::string deviceMountedAt(const std::string& folder);
-
-/// Returns the name of a device and the folder where its volume is mounted, by one look-up. Throws Failure for an
-/// unknown device.
-struct DevicePlace {
-  std::string name;
-  std::optional<std::string> mountPoint;
-};
-DevicePlace placeOf(const std::string& device);
 
 /// Returns the folder of a volume that the user named by that folder or by a device whose volume is mounted. Otherwise
 /// throws Failure with `state`.

@@ -186,6 +186,28 @@ void restoreVBR(const RestoreOptions& options, const ByteVector& saved) {
   printUndo(kept);
 }
 
+// What the commands that save to a file differ in.
+struct Saving {
+  const char* device;
+  ValueKind kind;
+  const char* deviceHelp;
+  const char* forceHelp;
+  void (*save)(const SaveOptions& options);
+};
+
+void setUpSaving(Command& command, const Saving& saving, int& status) {
+  const auto options = std::make_shared<SaveOptions>();
+  command.addOption(saving.device, options->device, saving.deviceHelp).completes(saving.kind).required();
+  command.addOption("FILE", options->file, "File to make; one that exists is refused")
+      .completes(ValueKind::file)
+      .required();
+  command.addFlag("--force", options->force, saving.forceHelp);
+  command.setAction([options, save = saving.save, &status] {
+    save(*options);
+    status = kDone;
+  });
+}
+
 }  // namespace
 
 void addBootRecordCommands(Command& top, int& status) {
@@ -193,18 +215,10 @@ void addBootRecordCommands(Command& top, int& status) {
   vbr.requireCommand();
 
   vbr.setExamples({"vorlix vbr save mac.imgs3 saved.vbr", "vorlix vbr restore saved.vbr mac.imgs3 --dry-run"});
-  const auto saving = std::make_shared<SaveOptions>();
   Command save = vbr.addCommand("save", "Save bytes 84 to 8191 of a volume");
-  save.addOption("DEVICE", saving->device, "The volume").completes(ValueKind::device).required();
-  save.addOption("FILE", saving->file, "File to make; one that exists is refused")
-      .completes(ValueKind::file)
-      .required();
-  save.addFlag("--force", saving->force, "Save of a disk with a partition table, too");
+  setUpSaving(save, {"DEVICE", ValueKind::device, "The volume", "Save of a disk with a partition table, too", saveVBR},
+              status);
   save.setExamples({"vorlix vbr save mac.imgs3 saved.vbr"});
-  save.setAction([saving, &status] {
-    saveVBR(*saving);
-    status = kDone;
-  });
 
   const auto restoring = std::make_shared<RestoreOptions>();
   Command restore = vbr.addCommand("restore", "Put a saved boot record on an NTFS volume");
@@ -234,18 +248,9 @@ void addBootRecordCommands(Command& top, int& status) {
   Command bootCode = top.addCommand("boot-code", "Save the MBR boot code of a disk");
   bootCode.requireCommand();
   bootCode.setExamples({"vorlix boot-code save /dev/sda saved.mbr"});
-  const auto savingCode = std::make_shared<SaveOptions>();
   Command saveCode = bootCode.addCommand("save", "Save bytes 0 to 445 of sector 0");
-  saveCode.addOption("DISK", savingCode->device, "The whole disk").completes(ValueKind::disk).required();
-  saveCode.addOption("FILE", savingCode->file, "File to make; one that exists is refused")
-      .completes(ValueKind::file)
-      .required();
-  saveCode.addFlag("--force", savingCode->force, "Save of a slice, too");
+  setUpSaving(saveCode, {"DISK", ValueKind::disk, "The whole disk", "Save of a slice, too", saveBootCode}, status);
   saveCode.setExamples({"vorlix boot-code save /dev/sda saved.mbr"});
-  saveCode.setAction([savingCode, &status] {
-    saveBootCode(*savingCode);
-    status = kDone;
-  });
 }
 
 }  // namespace vorlix::tool

@@ -73,6 +73,7 @@ OptionShape shapeOf(const CLI::Option& option, const DeclaredValues& declared) {
   shape.description = option.get_description();
   shape.isPositional = option.get_positional();
   shape.takesValue = option.get_items_expected_max() > 0;
+  shape.mayRepeat = option.get_items_expected_max() > 1;
   if (const auto value = declared.find(&option); value != declared.end()) {
     shape.kind = value->second.kind;
     shape.choices = value->second.choices;
@@ -158,6 +159,10 @@ Command Command::addCommand(const std::string& name, const std::string& descript
 
 Option Command::addOption(const std::string& name, std::string& target, const std::string& description) {
   return Option(inner_->add_option(name, target, description), *declared_);
+}
+
+Option Command::addOption(const std::string& name, std::vector<std::string>& target, const std::string& description) {
+  return Option(inner_->add_option(name, target, description));
 }
 
 Option Command::addOption(const std::string& name, uint32_t& target, const std::string& description) {

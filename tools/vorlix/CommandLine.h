@@ -85,6 +85,9 @@ class Command {
   Option addOption(const std::string& name, int32_t& target, const std::string& description);
   Option addOption(const std::string& name, std::optional<uint64_t>& target, const std::string& description);
 
+  /// Adds positional arguments of any number ("NAME").
+  Option addOption(const std::string& name, std::vector<std::string>& target, const std::string& description);
+
   /// Adds an option whose value is one of the names of an enumeration's values, or a value's number.
   template <typename Enumeration>
   Option addChoice(const std::string& name, Enumeration& target, const std::map<std::string, Enumeration>& values,

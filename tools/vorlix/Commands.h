@@ -26,6 +26,7 @@ void addRunCommand(Command& top, int& status);
 void addImageSizeCommand(Command& top, int& status);
 void addArchiveCommand(Command& top, int& status);
 void addProbeCommands(Command& top, int& status);
+void addDisksCommand(Command& top, int& status);
 void addListCommands(Command& top, int& status);
 void addWindowsCommand(Command& top, int& status);
 void addStartupDiskCommand(Command& top, int& status);

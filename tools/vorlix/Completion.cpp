@@ -84,7 +84,10 @@ class Reader {
   const OptionShape* nextArgument() const {
     size_t place = 0;
     for (const OptionShape& option : command_->options) {
-      if (option.isPositional && place++ == arguments_) return isExcluded(option) ? nullptr : &option;
+      if (!option.isPositional) continue;
+      const bool isNext = place == arguments_ || (option.mayRepeat && place < arguments_);
+      if (isNext) return isExcluded(option) ? nullptr : &option;
+      ++place;
     }
     return nullptr;
   }

@@ -35,6 +35,7 @@ struct OptionShape {
   std::string description;
   bool isPositional = false;
   bool takesValue = false;
+  bool mayRepeat = false;                  ///< a positional argument that may be given more than once
   ValueKind kind = ValueKind::undeclared;  ///< of its value
   std::vector<std::string> choices;        ///< its fixed words
   std::vector<std::string> excluded;       ///< names of the options that cannot stand beside it

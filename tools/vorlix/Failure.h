@@ -20,7 +20,10 @@ class Failure : public std::runtime_error {
   Failure(const std::string& subject, const std::string& reason, std::optional<std::string> state = std::nullopt)
       : std::runtime_error(subject + ": " + reason), state_(std::move(state)) {}
 
-  static Failure ofErrno(const std::string& subject, int error) { return {subject, std::strerror(error)}; }
+  /// With the meaning of an `errno` as the reason.
+  static Failure ofErrno(const std::string& subject, int error, std::optional<std::string> state = std::nullopt) {
+    return {subject, std::strerror(error), std::move(state)};
+  }
 
   /// Returns the message. `unwritten` is the state of a command that wrote nothing.
   std::string text(bool onlyLooks, const std::string& unwritten) const {

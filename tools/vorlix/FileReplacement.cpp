@@ -41,19 +41,19 @@ void FileReplacement::replaceBy(const ByteVector& bytes, const std::function<voi
   constexpr mode_t kMode = 0666;  // less the process's umask
   const Descriptor file(
       openat(folder_.descriptor(), aside_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode));
-  if (!file) throw Failure(folder_.pathOf(name_), std::strerror(errno), state);
+  if (!file) throw Failure::ofErrno(folder_.pathOf(name_), errno, state);
   isAside_ = true;
   if (old) static_cast<void>(fchmod(file.get(), old->st_mode & 0777U));  // where the volume has modes
   writeAndReadBack(file.get(), folder_.pathOf(name_), bytes, state);
   if (renameat(folder_.descriptor(), aside_.c_str(), folder_.descriptor(), name_.c_str()) != 0) {
-    throw Failure(folder_.pathOf(name_), std::strerror(errno), state);
+    throw Failure::ofErrno(folder_.pathOf(name_), errno, state);
   }
   isAside_ = false;
   placed();
   const char* const kUnsure = "the new one stands there, but may not be on the medium";
   folder_.sync(kUnsure);
   if (platform().filesInPlace->syncFileSystem(folder_.descriptor()) != 0) {
-    throw Failure(folder_.pathOf(name_), std::strerror(errno), kUnsure);
+    throw Failure::ofErrno(folder_.pathOf(name_), errno, kUnsure);
   }
 }
 

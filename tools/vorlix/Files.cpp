@@ -68,7 +68,7 @@ void writeAndReadBack(int descriptor, const std::string& path, const ByteVector&
     if (put <= 0) throw Failure(path, std::strerror(put < 0 ? errno : ENOSPC), state);
     done += static_cast<size_t>(put);
   }
-  if (platform().filesInPlace->sync(descriptor) != 0) throw Failure(path, std::strerror(errno), state);
+  if (platform().filesInPlace->sync(descriptor) != 0) throw Failure::ofErrno(path, errno, state);
   platform().filesInPlace->forgetCached(descriptor, 0, bytes.size());
   ByteVector now(bytes.size() + 1);
   size_t done = 0;

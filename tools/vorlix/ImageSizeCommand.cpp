@@ -89,7 +89,7 @@ void requireReadableFile(const std::string& file) {
   const auto status = std::filesystem::status(file, error);
   if (error) throw Failure(file, error.message(), kUntouched);
   if (!std::filesystem::is_regular_file(status)) throw Failure(file, "not a regular file", kUntouched);
-  if (!std::ifstream(file)) throw Failure(file, std::strerror(errno), kUntouched);
+  if (!std::ifstream(file)) throw Failure::ofErrno(file, errno, kUntouched);
 }
 
 // The library passes paths to a shell in double quotes, where these characters keep their meaning. A file name could
@@ -122,7 +122,7 @@ std::string requiredUnzip() {
 void requireNoPassword(const std::string& unzip, const std::string& file) {
   const std::string command = "\"" + unzip + "\" -Z \"" + file + "\" 2>/dev/null";
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> list(popen(command.c_str(), "r"), pclose);
-  if (!list) throw Failure(unzip, std::strerror(errno), kUntouched);
+  if (!list) throw Failure::ofErrno(unzip, errno, kUntouched);
   constexpr size_t kLine = 1024;  // only a long member name makes a line longer; the type is in the line's first part
   std::array<char, kLine> line;
   const std::regex encrypted("^\\S+ +\\S+ \\S+ +[0-9]+ [BT]");

@@ -85,7 +85,7 @@ std::vector<Row> lookUp(const VolumeFolder& root, const std::string& store) {
   if (stat(store.c_str(), &status) == 0) {
     rows[2].status = status;
   } else if (errno != ENOENT) {
-    throw Failure(store, std::strerror(errno), kNothingCopied);
+    throw Failure::ofErrno(store, errno, kNothingCopied);
   }
   findSource(root, {"Windows", "Boot", "PCAT", "bootmgr"}, 0, rows[3]);
 
@@ -106,9 +106,9 @@ std::vector<Row> lookUp(const VolumeFolder& root, const std::string& store) {
 class TemporaryFolder {
  public:
   explicit TemporaryFolder(const VolumeFolder& root) : path_(root.pathOf(kTemporary)) {
-    if (mkdir(path_.c_str(), 0700) != 0) throw Failure(path_, std::strerror(errno), kNothingCopied);
+    if (mkdir(path_.c_str(), 0700) != 0) throw Failure::ofErrno(path_, errno, kNothingCopied);
     folder_ = Descriptor(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!folder_ || flock(folder_.get(), LOCK_EX | LOCK_NB) != 0) throw Failure(path_, std::strerror(errno));
+    if (!folder_ || flock(folder_.get(), LOCK_EX | LOCK_NB) != 0) throw Failure::ofErrno(path_, errno);
   }
   ~TemporaryFolder() {
     std::error_code error;
@@ -128,7 +128,7 @@ class TemporaryFolder {
 void syncItem(const fs::path& path, bool isFolder) {
   const Descriptor item(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!item || (isFolder ? syncFolder(item.get()) : platform().filesInPlace->sync(item.get())) != 0) {
-    throw Failure(path.string(), std::strerror(errno), kNothingCopied);
+    throw Failure::ofErrno(path.string(), errno, kNothingCopied);
   }
 }
 
@@ -192,7 +192,7 @@ LegacyBootPlan planLegacyBoot(const VolumeFolder& root, const std::string& store
       continue;
     }
     if (row.isThere) continue;
-    if (!row.status) throw Failure(row.source, std::strerror(ENOENT), kNothingCopied);
+    if (!row.status) throw Failure::ofErrno(row.source, ENOENT, kNothingCopied);
     if (row.destination.empty()) {
       throw Failure(plan.items.front().source,
                     "is a file, but must be a folder, which is copied to " + std::string(kBoot), kNothingCopied);
@@ -222,15 +222,15 @@ std::string copyLegacyBootFiles(const VolumeFolder& root, const LegacyBootPlan& 
   FileBackup backup("files for a legacy start on " + root.path(), changesOf(root, moves), choice);
   std::string state = kNothingCopied;
   for (const LegacyBootItem& move : moves) {
-    if (takeFreeName(move.source, move.destination) != 0) throw Failure(move.destination, std::strerror(errno), state);
+    if (takeFreeName(move.source, move.destination) != 0) throw Failure::ofErrno(move.destination, errno, state);
     state = "some of the files are in place; run the command again to copy the rest";
     backup.keep();
     const Descriptor parent(
         open(fs::path(move.destination).parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!parent || syncFolder(parent.get()) != 0) throw Failure(move.destination, std::strerror(errno), state);
+    if (!parent || syncFolder(parent.get()) != 0) throw Failure::ofErrno(move.destination, errno, state);
   }
   if (platform().filesInPlace->syncFileSystem(root.descriptor()) != 0) {
-    throw Failure(root.path(), std::strerror(errno), "all files are in place, but may be lost on a power failure");
+    throw Failure::ofErrno(root.path(), errno, "all files are in place, but may be lost on a power failure");
   }
   return backup.keep();
 }
@@ -241,7 +241,7 @@ void removeLegacyBootLeftovers(const VolumeFolder& root) {
   const std::string path = root.pathOf(kTemporary);
   if (S_ISDIR(status->st_mode)) {
     const Descriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!folder) throw Failure(path, std::strerror(errno), kNothingCopied);
+    if (!folder) throw Failure::ofErrno(path, errno, kNothingCopied);
     if (flock(folder.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
       throw Failure(root.path(), "another process is setting it up", kNothingCopied);
     }

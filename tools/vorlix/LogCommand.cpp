@@ -77,7 +77,7 @@ class LogFile {
   static std::unique_ptr<LogFile> open(const std::string& path) {
     const int descriptor = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0 && errno == ENOENT) return nullptr;
-    if (descriptor < 0) throw Failure(path, std::strerror(errno), kNothingShown);
+    if (descriptor < 0) throw Failure::ofErrno(path, errno, kNothingShown);
     auto file = std::make_unique<LogFile>(path, descriptor);
     if (fstat(descriptor, &file->status_) != 0) throw file->failure(errno);
     if (!S_ISREG(file->status_.st_mode)) throw Failure(path, "not a regular file", kNothingShown);

@@ -43,7 +43,7 @@ class TemporaryFile {
       removeLeftover();
       file_ = create();
     }
-    if (!file_) throw Failure(path_, std::strerror(errno), kNoFile);
+    if (!file_) throw Failure::ofErrno(path_, errno, kNoFile);
     isThere_ = true;
     if (flock(file_.get(), LOCK_EX | LOCK_NB) != 0 || !isSameFile(file_.get(), path_)) {
       isThere_ = false;  // another process took it for a leftover of an interrupted run
@@ -68,9 +68,9 @@ class TemporaryFile {
   // Removes the file of an interrupted process. Fails if a running process has it locked.
   void removeLeftover() const {
     const Descriptor old(open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!old) throw Failure(path_, std::strerror(errno), kNoFile);
+    if (!old) throw Failure::ofErrno(path_, errno, kNoFile);
     if (flock(old.get(), LOCK_EX | LOCK_NB) != 0) throw Failure(path_, "another process is creating it", kNoFile);
-    if (unlink(path_.c_str()) != 0) throw Failure(path_, std::strerror(errno), kNoFile);
+    if (unlink(path_.c_str()) != 0) throw Failure::ofErrno(path_, errno, kNoFile);
   }
 
   std::string path_;
@@ -111,12 +111,12 @@ void saveNewFile(const std::string& path, const ByteVector& bytes) {
   writeAndReadBack(file.descriptor(), path, bytes, kNoFile);
   if (takeFreeName(beside, path) != 0) {
     if (errno == EEXIST) refuseExisting(path);
-    throw Failure(path, std::strerror(errno), kNoFile);
+    throw Failure::ofErrno(path, errno, kNoFile);
   }
   file.hasMoved();
   const Descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!opened || syncFolder(opened.get()) != 0) {
-    throw Failure(path, std::strerror(errno), "the file was created, but may be lost on a power failure");
+    throw Failure::ofErrno(path, errno, "the file was created, but may be lost on a power failure");
   }
 }
 

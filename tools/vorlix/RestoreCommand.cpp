@@ -1,54 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/Restore.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <exception>
-#include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "Arbitration.h"
-#include "Backup.h"
 #include "Commands.h"
-#include "DeviceChanges.h"
 #include "Failure.h"
-#include "Identity.h"
 #include "Json.h"
 #include "LibraryLog.h"
-#include "Progress.h"
-#include "RestorePreparation.h"
-#include "RestoreStart.h"
+#include "RestoreResume.h"
+#include "RestoreRun.h"
 #include "RestoreView.h"
 #include "Text.h"
 
 namespace vorlix::tool {
 namespace {
-
-namespace fs = std::filesystem;
-
-struct RestoreOptions {
-  RestoreRequest request;
-  std::string start;  // empty: legacy, and EFI if the volume has boot files for it
-  std::string resume;
-  bool yes = false;
-  bool dryRun = false;
-  bool noVerify = false;
-  bool json = false;
-  ProgressForm progress = ProgressForm::people;
-};
-
-std::string nameOfJournal(const std::string& folder) {
-  return fs::path(folder).filename().string();
-}
-
-// Where people read. Programs that ask for objects have standard output for themselves.
-std::FILE* textOutput(ProgressForm form) {
-  return form == ProgressForm::json ? stderr : stdout;
-}
 
 std::string slotText(const MBRPartitionEntry& slot) {
   if (slot.type == 0) return "unused";
@@ -114,203 +85,6 @@ void requireConsent(const RestoreOptions& options, const std::string& question) 
   if (!isYes) throw Failure(options.request.disk.empty() ? options.resume : options.request.disk, "not confirmed");
 }
 
-// Shows both phases of a run, and ends it at a safe place when a signal has come.
-class ShownProgress {
- public:
-  explicit ShownProgress(ProgressForm form) : form_(form), phase_(RestoreProgress::Phase::writing) {
-    shown_ = std::make_unique<Progress>(form_, "restoring");
-  }
-
-  bool operator()(const RestoreProgress& progress) {
-    if (progress.phase != phase_) {
-      phase_ = progress.phase;
-      shown_->finish();
-      shown_ = std::make_unique<Progress>(form_, "comparing");
-    }
-    shown_->show(progress.done, progress.total);
-    return !Interruption::hasCome();
-  }
-
-  void finish() { shown_->finish(); }
-
- private:
-  ProgressForm form_;
-  RestoreProgress::Phase phase_;
-  std::unique_ptr<Progress> shown_;
-};
-
-std::string howToGoOn(const RestoreResult& result, bool isMadeAnew) {
-  const std::string name = nameOfJournal(result.journal);
-  return sizeText(result.size) + " of the volume are written" +
-         (result.isBlank ? ", and it has no boot sector yet" : "") + "; `vorlix restore --resume " + name +
-         (isMadeAnew ? "` applies the image anew and begins again" : "` goes on") + ", `vorlix undo " + name +
-         "` gives it up";
-}
-
-// Makes a volume of an image, and shows the progress. Nothing is written to a disk. Throws Failure.
-std::unique_ptr<ImageSource> applyImage(const RestoreOptions& options, const ImageFacts& facts,
-                                        const WimApplication& application) {
-  Progress shown(options.progress, "applying");
-  WimVolume applied = applyWim(facts, application, [&](uint64_t done, uint64_t total) {
-    shown.show(done, total);
-    return !Interruption::hasCome();
-  });
-  shown.finish();
-  if (applied.isStopped) throw Failure(application.wim, "stopped");
-  if (applied.source == nullptr) throw Failure(applied.failure.subject, applied.failure.reason);
-  return std::move(applied.source);
-}
-
-// The WIM of an interrupted restore as a volume for the same slice.
-std::unique_ptr<ImageSource> applyAgain(const RestoreOptions& options, const std::string& wim, const ImageFacts& facts,
-                                        uint32_t index, DeviceHandle& volume) {
-  const WimFacts::Image image = imageOf(wim, facts, index);
-  const auto size = volume.size();
-  const auto blockSize = volume.blockSize();
-  const auto identity = volume.identity();
-  if (!size || !blockSize || !identity || !identity->offset) throw Failure(wim, "nobody knows where the slice is");
-  const std::string scratch = scratchFor(options.request, image, *size);
-  std::fprintf(textOutput(options.progress),
-               "From       %s (%s), from the beginning: the image is applied anew, in %s\n", printable(wim).c_str(),
-               printable(imageText(image)).c_str(), printable(scratch).c_str());
-  std::fflush(stdout);
-  return applyImage(options, facts, {wim, index, {*size, *blockSize, *identity->offset / *blockSize}, scratch});
-}
-
-// Throws Failure unless the restore is complete, or paused.
-void requireDone(const RestoreResult& result, const std::string& volume, bool isMadeAnew) {
-  if (result.end == RestoreResult::End::done || result.end == RestoreResult::End::paused) return;
-  const std::string goingOn = howToGoOn(result, isMadeAnew);
-  if (result.end == RestoreResult::End::cancelled) throw Failure(volume, "stopped", goingOn);
-  const ChangeFailure& failure = result.failure;
-  if (result.journal.empty()) fail(failure);
-  throw Failure(failure.subject, failure.reason, (failure.state.empty() ? "" : failure.state + "; ") + goingOn);
-}
-
-std::string folderOfInterrupted(const std::string& name) {
-  if (name.find('/') != std::string::npos) return name;
-  std::vector<std::string> found;
-  for (const std::string& folder : interruptedLongChanges()) {
-    if (nameOfJournal(folder).starts_with(name)) found.push_back(folder);
-  }
-  if (found.empty()) throw Failure(name, "no interrupted restore of that name");
-  if (found.size() > 1) throw Failure(name, "several interrupted restores begin with that name");
-  return found.front();
-}
-
-const char* comparisonText(const RestoreOptions& options, const RestoreResult& result) {
-  if (options.noVerify) return "";
-  return result.isCompared ? ", read back and compared"
-                           : ", read back and compared but for what was written with --no-verify";
-}
-
-std::unique_ptr<LongChange> openJournal(const std::string& folder) {
-  std::optional<ChangeFailure> failure;
-  auto journal = openLongChange(folder, failure);
-  if (failure) fail(*failure);
-  return journal;
-}
-
-using Handles = std::vector<std::shared_ptr<DeviceHandle>>;
-using Identities = std::vector<std::optional<DeviceIdentity>>;
-
-// Opens the devices of a journal, in their order.
-Handles openDevices(const LongChange& journal) {
-  Handles handles;
-  for (const DeviceChange& device : journal.structures().devices) handles.push_back(openToChange(device.device));
-  return handles;
-}
-
-Identities identitiesOf(const Handles& handles) {
-  Identities identities;
-  for (const auto& handle : handles) identities.push_back(handle->identity());
-  return identities;
-}
-
-// Does what comes after the content, says what was done, and what a start still needs. The disk must be closed.
-// @param disks  what the devices of the restore were: somebody may exchange a disk while it is closed
-// @return the exit status.
-int complete(const RestoreOptions& options, RestoreResult result, const Identities& disks,
-             const RestoredVolume& restored, const BackupChoice& choice) {
-  std::FILE* const output = textOutput(options.progress);
-  const std::string volume = sliceNameOf(restored.disk, restored.partition);
-  bool hasEFIFiles = false;
-  if (result.end == RestoreResult::End::paused) {
-    Handles handles;
-    try {
-      hasEFIFiles = restored.files != EFIFiles::none && putEFIFiles(restored, choice, output);
-      handles = openDevices(*result.rest);
-      if (identitiesOf(handles) != disks) throw Failure(restored.disk, "is another disk than before");
-    } catch (const Failure& failure) {
-      throw Failure(volume, std::string("not finished: ") + failure.what(), howToGoOn(result, restored.isFromWim));
-    }
-    result = finishRestore(std::move(result), handles);
-    requireDone(result, volume, restored.isFromWim);
-  }
-  std::fprintf(output, "Restored   %s to %s%s\n", sizeText(result.size).c_str(), printable(volume).c_str(),
-               comparisonText(options, result));
-  printUndo(result.kept, output);
-  const std::optional<StartWay> way = wayOf(restored, hasEFIFiles);
-  return !way || printStart(restored, *way, output) ? kDone : kChangeNeeded;
-}
-
-// What the journal says of the volume and its start. Without its command line, a legacy start is known by sector 0.
-RestoredVolume restoredVolumeOf(const LongChange& journal) {
-  const std::vector<DeviceChange>& devices = journal.structures().devices;
-  const Identity identity = identify(devices[journal.origin().device].device);
-  return {identity.wholeDisk, static_cast<uint32_t>(identity.partition), devices.size() > 1,
-          efiFilesOf(journal.origin().between), false};
-}
-
-// @param choice  what the command line says of backups of start files; the journal has its own
-int resume(const RestoreOptions& options, const std::string& folder, const BackupChoice& choice) {
-  auto journal = openJournal(folder);
-  const DiskChange& structures = journal->structures();
-  const std::string volume = structures.devices[journal->origin().device].device;
-  RestoredVolume restored = restoredVolumeOf(*journal);
-  if (!options.start.empty() || !options.request.disk.empty()) restored.isLegacy = options.request.isLegacy;
-  if (options.request.efiFiles == EFIFiles::none) restored.files = EFIFiles::none;
-  auto handles = openDevices(*journal);
-  ImageFailure unreadable;
-  const std::string path = options.request.source.empty() ? journal->origin().source : options.request.source;
-  auto source = openImageSource(path, {}, unreadable);
-  if (!source) throw Failure(unreadable.subject, unreadable.reason, "the restore can go on once the source is there");
-  std::fprintf(textOutput(options.progress), "Going on   %s\n", printable(structures.title).c_str());
-  std::fflush(stdout);
-  const Interruption interruption;
-  const uint32_t image = journal->origin().image;
-  if (image != 0 && source->facts().kind == ImageKind::wim) {
-    source = applyAgain(options, path, source->facts(), image, *handles[journal->origin().device]);
-  }
-  ShownProgress progress(options.progress);
-  RestoreResult result = resumeRestore(std::move(journal), *source, handles, !options.noVerify, std::ref(progress));
-  progress.finish();
-  restored.isFromWim = source->facts().isMadeAnew;
-  requireDone(result, volume, restored.isFromWim);
-  const Identities disks = identitiesOf(handles);
-  handles.clear();
-  return complete(options, std::move(result), disks, restored, choice);
-}
-
-// The interrupted restore of the same slice. Throws Failure if that has another source.
-std::optional<std::string> interruptedRestoreOf(const RestoreRequest& request, const std::string& volume) {
-  for (const std::string& folder : interruptedLongChanges()) {
-    std::optional<ChangeFailure> failure;
-    const auto journal = openLongChange(folder, failure);
-    if (!journal) continue;  // of a restore that is running; if it is on this disk, opening the disk says so
-    const std::string& device = journal->structures().devices[journal->origin().device].device;
-    if (absoluteSource(device) != absoluteSource(volume) && device != volume) continue;
-    const uint32_t image = journal->origin().image;
-    const bool isSameImage = request.index == 0 || request.index == image;
-    if (isSameImage && journal->origin().source == absoluteSource(request.source)) return folder;
-    const std::string name = nameOfJournal(folder);
-    const std::string what = journal->origin().source + (image == 0 ? "" : ", image " + std::to_string(image) + ",");
-    throw Failure(volume, "a restore of " + what + " was interrupted; `vorlix restore --resume " + name +
-                              "` goes on, `vorlix undo " + name + "` gives it up");
-  }
-  return std::nullopt;
-}
-
 // What the plan has shown.
 struct ShownSource {
   ImageFacts facts;
@@ -344,7 +118,7 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
       return kChangeNeeded;
     }
     requireConsent(options, "This restore was interrupted. Go on?");
-    return resume(options, *folder, choice);
+    return resumeInterrupted(options, *folder, choice);
   }
   // Standard input can be read once only, so the disk is opened for writing at once.
   const bool isStream = request.source == kStandardInput;
@@ -374,11 +148,9 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
   RestoreResult result = restoreVolume(*prepared.source, prepared.plan, !options.noVerify, std::ref(progress));
   progress.finish();
   requireDone(result, prepared.volume, prepared.source->facts().isMadeAnew);
-  Identities disks;
-  for (const DeviceChange& device : prepared.plan.structures.devices) disks.push_back(device.handle->identity());
   prepared = {};  // closes the disk, which is looked at anew
   const EFIFiles files = result.rest ? request.efiFiles : EFIFiles::none;
-  return complete(options, std::move(result), disks,
+  return complete(options, std::move(result),
                   {request.disk, request.partition, request.isLegacy, files, shown.image.has_value()}, choice);
 }
 
@@ -436,7 +208,7 @@ void addRestoreCommand(Command& top, int& status) {
                                                         : EFIFiles::none;
     if (resuming.isGiven()) {
       const LibraryLog log;
-      status = resume(*options, folderOfInterrupted(options->resume), *backup);
+      status = resumeInterrupted(*options, folderOfInterrupted(options->resume), *backup);
       return;
     }
     if (wanted.source.empty()) refuseWithout("SOURCE");

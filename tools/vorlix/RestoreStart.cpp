@@ -71,20 +71,12 @@ bool printStart(const RestoredVolume& volume, StartWay way, std::FILE* output) {
     throw Failure(volume.disk, std::string("whether it starts cannot be told: ") + error.what(),
                   "the volume is restored");
   }
-  const bool lacksBootCode = volume.isFromWim && way != StartWay::efi;
-  if (lacksBootCode) {  // there is some boot code, so that the check finds nothing to say
-    std::fprintf(output,
-                 "Missing    boot code of Windows in the boot sector\n"
-                 "           because a WIM has none, and that of mkntfs only says that the disk does not start\n"
-                 "           to mend: vorlix vbr restore FILE %s\n",
-                 printable(sliceNameOf(volume.disk, volume.partition)).c_str());
-  }
   for (const StartFinding& finding : report.findings) {
     if (finding.state != StartFinding::State::fault) continue;
     std::fprintf(output, "Missing    %s\n           because %s\n           to mend: %s\n",
                  printable(finding.text).c_str(), printable(finding.why).c_str(), printable(finding.command).c_str());
   }
-  const bool starts = report.starts() && !lacksBootCode;
+  const bool starts = report.starts();
   if (starts) std::fprintf(output, "Start      the disk starts as far as can be told (vorlix check)\n");
   return starts;
 }

@@ -72,21 +72,37 @@ void lookAtState(DeviceHandle& handle, const VolumeLook& look, StartVolume& volu
   }
 }
 
-void lookAtStartFiles(DeviceHandle& handle, StartVolume& volume) {
-  const VolumeLook look(volume.name);
+// What planStartFiles() needs for a start by a BIOS.
+bool suppliesBootFiles(const VolumeLook& look) {
+  for (const std::vector<std::string>& names : {std::vector<std::string>{"Windows", "Boot", "PCAT", "bootmgr"},
+                                                {"Windows", "System32", "winload.exe"},
+                                                {"Windows", "System32", "config", "BCD-Template"}}) {
+    if (look.fact(names).sight != FileFact::Sight::there) return false;
+  }
+  return true;
+}
+
+void lookAtStartFiles(DeviceHandle& handle, const VolumeLook& look, StartVolume& volume) {
   volume.bootManager = look.fact({"bootmgr"});
   volume.legacyStore = look.content({"boot", "BCD"}, kLargestStartStore);
+  const auto isMissing = [](const FileFact& fact) { return fact.sight == FileFact::Sight::missing; };
+  volume.suppliesBootFiles =
+      (isMissing(volume.bootManager) || isMissing(volume.legacyStore)) && suppliesBootFiles(look);
   lookAtState(handle, look, volume);
 }
 
-void lookAtVolume(const DiskTables& disk, DeviceHandle& whole, StartFacts& facts) {
+VolumeLook lookInto(const std::string& name, const KnownSlice* known) {
+  return known != nullptr ? VolumeLook(name, known->place) : VolumeLook(name);
+}
+
+void lookAtVolume(const DiskTables& disk, DeviceHandle& whole, const KnownSlice* known, StartFacts& facts) {
   const GPTEntry& entry = disk.entries[facts.partition - 1];
   if (entry.first_lba >= facts.blocks) {
     facts.whyNoVolume = "it begins behind the end of the disk";
     return;
   }
   StartVolume volume;
-  volume.name = sliceNameOf(disk.device, facts.partition);
+  volume.name = known != nullptr ? known->name : sliceNameOf(disk.device, facts.partition);
   const auto handle = openToLook(volume.name, DeviceLock::none, &disk);
   requireSamePlace(disk, whole, *handle, volume.name, entry);
   volume.bootSector = readBootSector(*handle, volume.name);
@@ -96,47 +112,60 @@ void lookAtVolume(const DiskTables& disk, DeviceHandle& whole, StartFacts& facts
     readWhole(*handle, volume.name, second.sector, offset);
     volume.seconds.push_back(second);
   }
-  lookAtStartFiles(*handle, volume);
+  lookAtStartFiles(*handle, lookInto(volume.name, known), volume);
   facts.volume = std::move(volume);
 }
 
-void lookAtEFIVolume(const DiskTables& disk, StartFacts& facts) {
+}  // namespace
+
+StartFacts startFactsOf(const DiskTables& disk, uint8_t type) {
+  if (!disk.header) {
+    throw Failure(disk.device, "has no GPT (no \"EFI PART\" at byte " + std::to_string(disk.blockSize) + ")");
+  }
+  StartFacts facts;
+  facts.disk = disk.device;
+  facts.blocks = disk.size / disk.blockSize;
+  facts.blockSize = disk.blockSize;
+  facts.sector0 = disk.sector0;
+  facts.gpt.headerLBA = disk.headerLBA;
+  facts.gpt.header = *disk.header;
+  facts.gpt.entries = disk.entries;
+  facts.gpt.findings = disk.damage;
+  facts.type = type;
+  return facts;
+}
+
+void addEFIVolume(const DiskTables& disk, const std::vector<KnownSlice>& known, StartFacts& facts) {
   for (uint32_t i = 0; i < disk.entries.size() && facts.efi.partition == 0; ++i) {
     if (hasType(disk.entries[i], kEFISystemGUID)) facts.efi.partition = i + 1;
   }
   if (facts.efi.partition == 0) return;
-  facts.efi.name = sliceNameOf(disk.device, facts.efi.partition);
-  const VolumeLook look(facts.efi.name);
+  const auto slice = std::find_if(known.begin(), known.end(),
+                                  [&](const KnownSlice& item) { return item.number == facts.efi.partition; });
+  const bool isKnown = slice != known.end();
+  facts.efi.name = isKnown ? slice->name : sliceNameOf(disk.device, facts.efi.partition);
+  const VolumeLook look = lookInto(facts.efi.name, isKnown ? &*slice : nullptr);
   facts.efi.bootManager = look.fact({"EFI", "Microsoft", "Boot", "bootmgfw.efi"});
   facts.efi.fallback = look.fact({"EFI", "Boot", "bootx64.efi"});
   facts.efi.store = look.content({"EFI", "Microsoft", "Boot", "BCD"}, kLargestStartStore);
 }
 
-}  // namespace
+void addStartVolume(const DiskTables& disk, DeviceHandle& whole, const KnownSlice& slice, StartFacts& facts) {
+  facts.partition = slice.number;
+  lookAtVolume(disk, whole, &slice, facts);
+}
 
 StartFacts collectStartFacts(const std::string& disk, uint32_t partition, uint8_t type) {
   const auto handle = openToLook(disk);
   const DiskTables tables = readTables(*handle, disk);
-  if (!tables.header) {
-    throw Failure(disk, "has no GPT (no \"EFI PART\" at byte " + std::to_string(tables.blockSize) + ")");
-  }
-  StartFacts facts;
-  facts.disk = disk;
-  facts.blocks = tables.size / tables.blockSize;
-  facts.blockSize = tables.blockSize;
-  facts.sector0 = tables.sector0;
-  facts.gpt.headerLBA = tables.headerLBA;
-  facts.gpt.header = *tables.header;
-  facts.gpt.entries = tables.entries;
-  facts.gpt.findings = tables.damage;
-  facts.type = type;
+  StartFacts facts = startFactsOf(tables, type);
   facts.partition = partition != 0 ? partition : likelyPartition(tables, facts);
   if (facts.partition > tables.entries.size() ||
       (facts.partition != 0 && !isUsed(tables.entries[facts.partition - 1]))) {
     throw Failure(disk, "GPT entry " + std::to_string(facts.partition) + " is not in use");
   }
-  if (facts.partition != 0) lookAtVolume(tables, *handle, facts);
-  lookAtEFIVolume(tables, facts);
+  if (facts.partition != 0) lookAtVolume(tables, *handle, nullptr, facts);
+  addEFIVolume(tables, {}, facts);
   return facts;
 }
 

@@ -5,6 +5,10 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
+
+#include "Arbitration.h"
+#include "DiskTables.h"
 
 namespace vorlix::tool {
 
@@ -13,5 +17,18 @@ namespace vorlix::tool {
 /// @param partition  GPT entry of the volume; 0 to take the one that the MBR starts, or the only one that may hold
 /// Windows.
 StartFacts collectStartFacts(const std::string& disk, uint32_t partition, uint8_t type);
+
+/// A slice that was looked up already.
+struct KnownSlice {
+  uint32_t number = 0;
+  std::string name;  ///< DISKsN
+  DevicePlace place;
+};
+
+/// The same in steps, for callers that judge several volumes of a disk by one look at it: what the tables say, the EFI
+/// System Partition, and one volume, whose entry is in use. Each throws Failure as collectStartFacts() does.
+StartFacts startFactsOf(const DiskTables& disk, uint8_t type);
+void addEFIVolume(const DiskTables& disk, const std::vector<KnownSlice>& known, StartFacts& facts);
+void addStartVolume(const DiskTables& disk, DeviceHandle& whole, const KnownSlice& slice, StartFacts& facts);
 
 }  // namespace vorlix::tool

@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string_view>
 
@@ -38,6 +39,17 @@ std::optional<size_t> outputWidth() {
     return std::nullopt;
   }
   return size.ws_col;
+}
+
+bool showsUTF8() {
+  for (const char* const name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    const char* const value = std::getenv(name);
+    if (value == nullptr || *value == '\0') continue;
+    const std::string_view locale(value);
+    const std::string_view encoding = locale.substr(std::min(locale.find('.'), locale.size()));
+    return encoding.starts_with(".UTF-8") || encoding.starts_with(".utf8");
+  }
+  return false;
 }
 
 std::string colored(const std::string& text, Color color) {

@@ -13,6 +13,9 @@ namespace vorlix::tool {
 /// Returns the columns of the terminal that standard output is; absent if it is none, or one of unknown width.
 std::optional<size_t> outputWidth();
 
+/// Returns whether the user's locale has UTF-8, so that output may have letters beyond ASCII.
+bool showsUTF8();
+
 enum class Color { red, green, yellow };
 
 /// Returns the text in a colour. Standard output that is no terminal, a terminal that is "dumb", and the environment

@@ -1,16 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Text.h"
 
-#include <Vorlix/foundation/LittleEndian.h>
-#include <Vorlix/foundation/Utf8.h>
+#include <Vorlix/foundation/Utf16.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <optional>
 #include <utility>
-
-#include "Terminal.h"
 
 namespace vorlix::tool {
 namespace {
@@ -112,7 +109,7 @@ size_t fit(std::vector<size_t>& widths, const std::string& alignment) {
 }
 
 std::string tableRowText(const std::vector<std::string>& row, const std::vector<size_t>& widths,
-                         const std::string& alignment, size_t gap) {
+                         const std::string& alignment, size_t gap, std::optional<Color> color) {
   std::vector<std::vector<std::string>> cells;
   size_t height = 1;
   for (size_t i = 0; i < row.size(); ++i) {
@@ -125,7 +122,8 @@ std::string tableRowText(const std::vector<std::string>& row, const std::vector<
     for (size_t i = 0; i < cells.size(); ++i) {
       const std::string cell = number < cells[i].size() ? cells[i][number] : "";
       const std::string padding(widths[i] - width(cell), ' ');
-      line += std::string(i == 0 ? 0 : gap, ' ') + (alignment[i] == 'r' ? padding + cell : cell + padding);
+      const std::string shown = color && i + 1 == cells.size() && !cell.empty() ? colored(cell, *color) : cell;
+      line += std::string(i == 0 ? 0 : gap, ' ') + (alignment[i] == 'r' ? padding + shown : shown + padding);
     }
     line.erase(line.find_last_not_of(' ') + 1);
     text += line + "\n";
@@ -150,6 +148,24 @@ std::string shortSizeText(uint64_t bytes) {
 
 std::string sizeText(uint64_t bytes) {
   return shortSizeText(bytes) + " (" + std::to_string(bytes) + " bytes)";
+}
+
+std::string binarySizeText(uint64_t bytes) {
+  constexpr std::array<char, 7> kUnits = {'B', 'K', 'M', 'G', 'T', 'P', 'E'};
+  size_t unit = 0;
+  while (unit + 1 < kUnits.size() && bytes >> (10 * (unit + 1)) != 0) ++unit;
+  uint64_t whole = bytes >> (10 * unit);
+  const uint64_t rest = unit == 0 ? 0 : (bytes >> (10 * (unit - 1))) & 1023;
+  uint64_t tenths = (rest * 10 + 512) / 1024;
+  if (tenths == 10) {
+    ++whole;
+    tenths = 0;
+  }
+  if (whole == 1024 && unit + 1 < kUnits.size()) {
+    whole = 1;
+    ++unit;
+  }
+  return std::to_string(whole) + (tenths == 0 ? "" : "." + std::to_string(tenths)) + kUnits[unit];
 }
 
 std::string hexDigits(uint64_t value, int digits) {
@@ -183,23 +199,8 @@ std::string mbrTypeName(uint8_t type) {
 }
 
 std::string partitionName(const GPTEntry& entry) {
-  constexpr uint32_t kReplacement = 0xFFFD;
-  constexpr size_t kUnits = sizeof entry.name / 2;
-  const auto unitAt = [&entry](size_t i) {
-    return i < kUnits ? uint32_t{vorlix::littleEndian16(entry.name + 2 * i)} : 0;
-  };
-  std::string text;
-  for (size_t i = 0; i < kUnits && unitAt(i) != 0; ++i) {
-    const uint32_t unit = unitAt(i);
-    const uint32_t next = unitAt(i + 1);
-    if (unit >= 0xD800 && unit < 0xDC00 && next >= 0xDC00 && next < 0xE000) {
-      appendUtf8(text, 0x10000 + ((unit - 0xD800) << 10) + (next - 0xDC00));
-      ++i;
-    } else {
-      appendUtf8(text, unit >= 0xD800 && unit < 0xE000 ? kReplacement : unit);
-    }
-  }
-  return text;
+  const std::u16string units = utf16Units(entry.name);
+  return utf8Of(std::u16string_view(units).substr(0, units.find(u'\0')));
 }
 
 std::string printable(const std::string& text) {
@@ -225,14 +226,17 @@ std::string printableLines(const std::string& text) {
   return result;
 }
 
-std::string tableText(const std::vector<std::vector<std::string>>& rows, const std::string& alignment) {
+std::string tableText(const std::vector<std::vector<std::string>>& rows, const std::string& alignment,
+                      const std::vector<std::optional<Color>>& colors) {
   std::vector<size_t> widths(alignment.size());
   for (const auto& row : rows) {
     for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width(row[i]));
   }
   const size_t gap = fit(widths, alignment);
   std::string text;
-  for (const auto& row : rows) text += tableRowText(row, widths, alignment, gap);
+  for (size_t i = 0; i < rows.size(); ++i) {
+    text += tableRowText(rows[i], widths, alignment, gap, i < colors.size() ? colors[i] : std::nullopt);
+  }
   return text;
 }
 

@@ -6,8 +6,11 @@
 #include <Vorlix/QDSDiskFunctions.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "Terminal.h"
 
 namespace vorlix::tool {
 
@@ -16,6 +19,9 @@ std::string sizeText(uint64_t bytes);
 
 /// "512.00 MB", decimal units.
 std::string shortSizeText(uint64_t bytes);
+
+/// "146.5M": as lsblk shows sizes, in powers of 1024 with at most one decimal.
+std::string binarySizeText(uint64_t bytes);
 
 /// Returns two upper-case hexadecimal digits.
 std::string hexByte(uint8_t byte);
@@ -45,7 +51,9 @@ std::string printableLines(const std::string& text);
 /// Formats rows as a table for standard output. Each column is as wide as its widest cell. On a terminal with fewer
 /// columns, cells that are aligned to the left continue on further lines; nothing is left out. `alignment` has one
 /// character per column: 'r' for right, 'l' for left.
-std::string tableText(const std::vector<std::vector<std::string>>& rows, const std::string& alignment);
+/// @param colors  of each row's last cell
+std::string tableText(const std::vector<std::vector<std::string>>& rows, const std::string& alignment,
+                      const std::vector<std::optional<Color>>& colors = {});
 
 /// Returns text that starts at column `indent` of a line. On a terminal, it continues there on further lines.
 std::string hangingText(const std::string& text, size_t indent);

@@ -155,7 +155,7 @@ std::vector<std::string> FileUndo::run() {
       FileReplacement(*folder, *name).replaceBy(*file.before, [] {});
     } else if (unlinkat(folder->descriptor(), name->c_str(), file.isFolder ? AT_REMOVEDIR : 0) != 0) {
       const bool hasOtherFiles = file.isFolder && (errno == ENOTEMPTY || errno == EEXIST);
-      if (!hasOtherFiles) throw Failure(step->path, std::strerror(errno), state);
+      if (!hasOtherFiles) throw Failure::ofErrno(step->path, errno, state);
       left.push_back(step->path);
     }
     state = "some of the files are undone; run the command again for the rest";

@@ -76,6 +76,12 @@ std::optional<std::string> VolumeFolder::find(const std::string& name) const {
   throw Failure(path_, "holds " + found[0] + " and " + found[1] + ", of which Windows sees one only; remove the other");
 }
 
+std::optional<std::string> VolumeFolder::findFile(const std::string& name) const {
+  std::optional<std::string> spelled = find(name);
+  const auto status = spelled ? statusOf(*spelled) : std::nullopt;
+  return status && S_ISREG(status->st_mode) ? spelled : std::nullopt;
+}
+
 VolumeFolder VolumeFolder::folder(const std::string& name) const {
   const std::optional<std::string> spelled = find(name);
   if (!spelled) throw Failure(pathOf(name), "no such folder on the volume");
@@ -86,16 +92,29 @@ VolumeFolder VolumeFolder::folder(const std::string& name) const {
   return {pathOf(*spelled), caseBlind_, std::move(opened)};
 }
 
-VolumeFolder VolumeFolder::folderAt(const std::string& path) const {
+std::optional<VolumeFolder> VolumeFolder::walk(const std::string& path, bool mustExist) const {
   VolumeFolder found(path_, caseBlind_, Descriptor(openat(descriptor_.get(), ".", kFolderFlags)));
   if (!found.descriptor_) throw Failure::ofErrno(path_, errno);
   std::istringstream names(path);
   for (std::string name; std::getline(names, name, '/');) {
     if (name.empty()) continue;
+    if (!mustExist) {
+      const auto spelled = found.find(name);
+      const auto status = spelled ? found.statusOf(*spelled) : std::nullopt;
+      if (!status || !S_ISDIR(status->st_mode)) return std::nullopt;
+    }
     VolumeFolder next = found.folder(name);
     found = std::move(next);
   }
   return found;
+}
+
+VolumeFolder VolumeFolder::folderAt(const std::string& path) const {
+  return *walk(path, true);
+}
+
+std::optional<VolumeFolder> VolumeFolder::findFolderAt(const std::string& path) const {
+  return walk(path, false);
 }
 
 ByteVector VolumeFolder::content(const std::string& name, size_t limit) const {
@@ -108,7 +127,7 @@ ByteVector VolumeFolder::content(const std::string& name, size_t limit) const {
 }
 
 void VolumeFolder::sync(const std::string& state) const {
-  if (syncFolder(descriptor_.get()) != 0) throw Failure(path_, std::strerror(errno), state);
+  if (syncFolder(descriptor_.get()) != 0) throw Failure::ofErrno(path_, errno, state);
 }
 
 }  // namespace vorlix::tool

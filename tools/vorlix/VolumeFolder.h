@@ -31,6 +31,9 @@ class VolumeFolder {
   /// one only, are refused.
   std::optional<std::string> find(const std::string& name) const;
 
+  /// The same for a regular file; absent also for anything else of that name.
+  std::optional<std::string> findFile(const std::string& name) const;
+
   /// What an item is, itself and not what it links to. Absent where there is none.
   std::optional<struct stat> statusOf(const std::string& name) const;
 
@@ -39,6 +42,9 @@ class VolumeFolder {
 
   /// A folder below this one, by its path: "/EFI/Boot"; empty for this folder. Refused like folder().
   VolumeFolder folderAt(const std::string& path) const;
+
+  /// The same; absent if there is none, or if a step of the path is no folder.
+  std::optional<VolumeFolder> findFolderAt(const std::string& path) const;
 
   /// The names of all items, in the folder's spelling.
   std::vector<std::string> names() const;
@@ -51,6 +57,7 @@ class VolumeFolder {
 
  private:
   VolumeFolder(std::string path, bool caseBlind, Descriptor descriptor);
+  std::optional<VolumeFolder> walk(const std::string& path, bool mustExist) const;
   std::string path_;
   bool caseBlind_;
   Descriptor descriptor_;

@@ -4,18 +4,16 @@
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/VolumeNames.h>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cctype>
 #include <string_view>
 #include <utility>
 
-#include "Arbitration.h"
 #include "Failure.h"
 #include "Text.h"
+#include "UnmountedPath.h"
 
 namespace vorlix::tool {
 namespace {
@@ -41,18 +39,28 @@ FileFact missing() {
 }  // namespace
 
 VolumeLook::VolumeLook(const std::string& slice) {
-  std::optional<Dissenter> refusal;
   try {
-    const DevicePlace place = placeOf(slice);
-    if (place.mountPoint) {
-      root_.emplace(*place.mountPoint, isCaseBlindDevice(slice));
-      return;
-    }
-    volume_ = platform().volumeMirrors->openToRead(place.name, refusal);
+    open(slice, placeOf(slice));
   } catch (const Failure& failure) {
     reason_ = failure.what();
+  }
+}
+
+VolumeLook::VolumeLook(const std::string& slice, const DevicePlace& place) {
+  try {
+    open(slice, place);
+  } catch (const Failure& failure) {
+    reason_ = failure.what();
+  }
+}
+
+void VolumeLook::open(const std::string& slice, const DevicePlace& place) {
+  if (place.mountPoint) {
+    root_.emplace(*place.mountPoint, isCaseBlindDevice(slice));
     return;
   }
+  std::optional<Dissenter> refusal;
+  volume_ = platform().volumeMirrors->openToRead(place.name, refusal);
   if (!volume_) reason_ = slice + " cannot be looked into: " + (refusal ? reasonText(*refusal) : "it is not mounted");
 }
 
@@ -66,40 +74,25 @@ FileFact VolumeLook::look(const std::vector<std::string>& names, bool withConten
 }
 
 FileFact VolumeLook::lookInFolder(const std::vector<std::string>& names, bool withContent, size_t limit) const {
-  std::optional<VolumeFolder> below;
-  const VolumeFolder* folder = &*root_;
-  for (size_t i = 0; i + 1 < names.size(); ++i) {
-    const auto spelled = folder->find(names[i]);
-    const auto status = spelled ? folder->statusOf(*spelled) : std::nullopt;
-    if (!status || !S_ISDIR(status->st_mode)) return missing();
-    VolumeFolder next = folder->folder(names[i]);
-    below.emplace(std::move(next));
-    folder = &*below;
-  }
-  const auto spelled = folder->find(names.back());
-  const auto status = spelled ? folder->statusOf(*spelled) : std::nullopt;
-  if (!status || !S_ISREG(status->st_mode)) return missing();
+  std::string path;
+  for (size_t i = 0; i + 1 < names.size(); ++i) path += "/" + names[i];
+  const auto folder = root_->findFolderAt(path);
+  const auto spelled = folder ? folder->findFile(names.back()) : std::nullopt;
+  if (!spelled) return missing();
   FileFact fact = {Sight::there, "", {}};
   if (withContent) fact.bytes = folder->content(*spelled, limit);
   return fact;
 }
 
 FileFact VolumeLook::lookInBytes(const std::vector<std::string>& names, bool withContent, size_t limit) const {
-  std::string path;
-  for (size_t i = 0; i < names.size(); ++i) {
-    std::vector<UnmountedVolume::Item> items;
-    if (const auto refusal = volume_->list(path, items)) return unseen(reasonText(*refusal));
-    const auto found = std::find_if(items.begin(), items.end(), [&](const UnmountedVolume::Item& item) {
-      return !spellingsOf({item.name}, names[i]).empty();
-    });
-    const bool isLast = i + 1 == names.size();
-    if (found == items.end() || found->isFolder == isLast) return missing();
-    path += "/" + found->name;
-    if (isLast && withContent && found->size > limit) return unseen(path + " is larger than " + sizeText(limit));
-  }
+  UnmountedPath path;
+  if (const auto refusal = walkUnmounted(*volume_, names, path)) return unseen(reasonText(*refusal));
+  if (!path.isWhole || path.items.back().isFolder) return missing();
+  const std::string name = path.path();
+  if (withContent && path.items.back().size > limit) return unseen(name + " is larger than " + sizeText(limit));
   FileFact fact = {Sight::there, "", {}};
   if (!withContent) return fact;
-  if (const auto refusal = volume_->read(path, fact.bytes)) return unseen(reasonText(*refusal));
+  if (const auto refusal = volume_->read(name, fact.bytes)) return unseen(reasonText(*refusal));
   return fact;
 }
 
@@ -112,9 +105,8 @@ std::optional<bool> VolumeLook::isHibernated() const {
 }
 
 std::optional<bool> VolumeLook::hibernationInFolder() const {
-  const auto spelled = root_->find(kHibernationFile);
-  const auto status = spelled ? root_->statusOf(*spelled) : std::nullopt;
-  if (!status || !S_ISREG(status->st_mode)) return false;
+  const auto spelled = root_->findFile(kHibernationFile);
+  if (!spelled) return false;
   const Descriptor file(openat(root_->descriptor(), spelled->c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   std::array<char, kHibernationMark.size()> mark = {};
   if (!file || read(file.get(), mark.data(), mark.size()) < 0) return std::nullopt;
@@ -122,14 +114,11 @@ std::optional<bool> VolumeLook::hibernationInFolder() const {
 }
 
 std::optional<bool> VolumeLook::hibernationInBytes() const {
-  std::vector<UnmountedVolume::Item> items;
-  if (!volume_ || volume_->list("", items)) return std::nullopt;
-  const auto found = std::find_if(items.begin(), items.end(), [](const UnmountedVolume::Item& item) {
-    return !spellingsOf({item.name}, kHibernationFile).empty();
-  });
-  if (found == items.end() || found->isFolder) return false;
+  UnmountedPath path;
+  if (!volume_ || walkUnmounted(*volume_, {kHibernationFile}, path)) return std::nullopt;
+  if (!path.isWhole || path.items.back().isFolder) return false;
   std::vector<uint8_t> start;
-  if (volume_->readStart("/" + found->name, kHibernationMark.size(), start)) return std::nullopt;
+  if (volume_->readStart(path.path(), kHibernationMark.size(), start)) return std::nullopt;
   return isHibernationMark(std::string(start.begin(), start.end()));
 }
 

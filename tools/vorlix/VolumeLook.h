@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Arbitration.h"
 #include "VolumeFolder.h"
 
 namespace vorlix::tool {
@@ -19,6 +20,9 @@ namespace vorlix::tool {
 class VolumeLook {
  public:
   explicit VolumeLook(const std::string& slice);
+
+  /// The same for a slice whose place was looked up already.
+  VolumeLook(const std::string& slice, const DevicePlace& place);
 
   /// Looks for a file. @param names  the folders, then the file.
   FileFact fact(const std::vector<std::string>& names) const { return look(names, false, 0); }
@@ -33,6 +37,7 @@ class VolumeLook {
   bool isMounted() const { return root_.has_value(); }
 
  private:
+  void open(const std::string& slice, const DevicePlace& place);
   FileFact look(const std::vector<std::string>& names, bool withContent, size_t limit) const;
   FileFact lookInFolder(const std::vector<std::string>& names, bool withContent, size_t limit) const;
   FileFact lookInBytes(const std::vector<std::string>& names, bool withContent, size_t limit) const;

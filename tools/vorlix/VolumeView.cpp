@@ -4,34 +4,21 @@
 #include <Vorlix/QDDeviceManager.h>
 #include <Vorlix/platform/Descriptor.h>
 #include <Vorlix/platform/Platform.h>
-#include <Vorlix/platform/VolumeNames.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
 #include "Arbitration.h"
 #include "Failure.h"
 #include "Text.h"
+#include "UnmountedPath.h"
 #include "Volumes.h"
 
 namespace vorlix::tool {
-namespace {
-
-std::string makeTemporaryFolder() {
-  std::error_code none;
-  const std::filesystem::path parent = std::filesystem::temp_directory_path(none);
-  std::string folder = (none ? std::filesystem::path("/tmp") : parent) / "vorlix-view-XXXXXX";
-  if (mkdtemp(folder.data()) == nullptr) throw Failure::ofErrno(folder, errno);
-  return folder;
-}
-
-}  // namespace
 
 VolumeView::VolumeView(const std::string& volume, const std::optional<std::string>& state)
     : volume_(volume), state_(state) {
@@ -45,16 +32,30 @@ VolumeView::VolumeView(const std::string& volume, const std::optional<std::strin
     folder_ = *place.mountPoint;
     return;
   }
-  std::optional<Dissenter> refusal;
-  unmounted_ = platform().volumeMirrors->openToRead(place.name, refusal);
-  if (!unmounted_) throw Failure(volume, refusal ? reasonText(*refusal) : "not mounted", state);
+  openUnmounted(place.name);
   kind_ = volumeKindOf(place.name);
-  folder_ = makeTemporaryFolder();
+  makeFolder();
 }
 
-VolumeView::~VolumeView() {
-  std::error_code ignored;
-  if (unmounted_) std::filesystem::remove_all(folder_, ignored);
+VolumeView::VolumeView(const DevicePlace& place, const std::optional<std::string>& kind) : volume_(place.name) {
+  if (place.mountPoint) {
+    folder_ = *place.mountPoint;
+    return;
+  }
+  openUnmounted(place.name);
+  kind_ = kind;
+  makeFolder();
+}
+
+void VolumeView::openUnmounted(const std::string& device) {
+  std::optional<Dissenter> refusal;
+  unmounted_ = platform().volumeMirrors->openToRead(device, refusal);
+  if (!unmounted_) throw Failure(volume_, refusal ? reasonText(*refusal) : "not mounted", state_);
+}
+
+void VolumeView::makeFolder() {
+  temporary_ = std::make_unique<ViewFolder>();
+  folder_ = temporary_->path();
 }
 
 std::optional<std::string> VolumeView::fileSystem() const {
@@ -73,26 +74,21 @@ void VolumeView::needName(const std::vector<std::string>& names) {
 
 void VolumeView::need(const std::vector<std::string>& names, std::optional<size_t> limit) {
   if (!unmounted_) return;
+  UnmountedPath found;
+  if (const auto refusal = walkUnmounted(*unmounted_, names, found))
+    throw Failure(volume_, reasonText(*refusal), state_);
   std::string path;
-  for (size_t i = 0; i < names.size(); ++i) {
-    std::vector<UnmountedVolume::Item> items;
-    if (const auto refusal = unmounted_->list(path, items)) throw Failure(volume_, reasonText(*refusal), state_);
-    const auto found = std::find_if(items.begin(), items.end(), [&](const UnmountedVolume::Item& item) {
-      return !spellingsOf({item.name}, names[i]).empty();
-    });
-    if (found == items.end()) return;
-    path += "/" + found->name;
+  for (const UnmountedVolume::Item& item : found.items) {
+    path += "/" + item.name;
     const std::string place = folder_ + path;
-    if (found->isFolder) {
+    if (item.isFolder) {
       if (mkdir(place.c_str(), S_IRWXU) != 0 && errno != EEXIST) throw Failure::ofErrno(place, errno);
       continue;
     }
-    const bool isLast = i + 1 == names.size();
-    if (isLast && limit && found->size > *limit) {
+    if (found.isWhole && limit && item.size > *limit) {
       throw Failure(volume_, path + " is larger than " + sizeText(*limit), state_);
     }
-    write(path, isLast && limit ? *limit : 0);
-    return;
+    write(path, found.isWhole && limit ? *limit : 0);
   }
 }
 

@@ -11,7 +11,11 @@
 #include <string>
 #include <vector>
 
+#include "ViewFolder.h"
+
 namespace vorlix::tool {
+
+struct DevicePlace;
 
 /// The folder of a volume: where it is mounted, or for a FAT or NTFS volume that is not, a folder in the folder for
 /// temporary files with what was asked for. Nothing is mounted and no byte of the disk changes. Functions throw
@@ -21,10 +25,8 @@ class VolumeView {
   /// @param volume  what the user named: a folder, or a device.
   /// @param state   of the Failure.
   explicit VolumeView(const std::string& volume, const std::optional<std::string>& state = std::nullopt);
-  /// Removes the temporary folder.
-  ~VolumeView();
-  VolumeView(const VolumeView&) = delete;
-  VolumeView& operator=(const VolumeView&) = delete;
+  /// The same for a device whose place was looked up already. @param kind  of its file system
+  VolumeView(const DevicePlace& place, const std::optional<std::string>& kind);
 
   const std::string& folder() const { return folder_; }
 
@@ -40,6 +42,8 @@ class VolumeView {
   void needName(const std::vector<std::string>& names);
 
  private:
+  void openUnmounted(const std::string& device);
+  void makeFolder();
   void need(const std::vector<std::string>& names, std::optional<size_t> limit);
   void write(const std::string& path, size_t limit) const;
 
@@ -48,6 +52,7 @@ class VolumeView {
   std::string folder_;
   std::optional<std::string> kind_;  // of a volume that is not mounted
   std::unique_ptr<UnmountedVolume> unmounted_;
+  std::unique_ptr<ViewFolder> temporary_;
 };
 
 }  // namespace vorlix::tool

@@ -1,33 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <Vorlix/QDDeviceManager.h>
-#include <Vorlix/QDVolume.h>
 #include <Vorlix/platform/CompanionProgram.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <charconv>
 #include <cstdio>
-#include <cstring>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <system_error>
 
 #include "Commands.h"
 #include "Complaint.h"
 #include "Failure.h"
 #include "Json.h"
-#include "LibraryLog.h"
 #include "Text.h"
 #include "VolumeView.h"
+#include "WindowsOnVolume.h"
 
 namespace vorlix::tool {
 namespace {
-
-// Of a volume that is not mounted: files that are larger are not what their names say.
-constexpr size_t kLargestHive = size_t{512} << 20;
-constexpr size_t kLargestLog = size_t{256} << 20;
 
 struct Row {
   const char* key;
@@ -48,46 +36,16 @@ std::string environmentText(const std::string& found) {
   return found;
 }
 
-// Windows 11 has the product name "Windows 10" in its registry; the build number identifies it.
-bool isWindows11(const Dictionary& version) {
-  constexpr int kFirstBuild = 22000;
-  const std::string build = version.text("currentBuildNumber").value_or("");
-  int number = 0;
-  const auto parsed = std::from_chars(build.data(), build.data() + build.size(), number);
-  return version.text("product") == "Windows 10" && parsed.ec == std::errc() && number >= kFirstBuild;
-}
-
-// Refuses an unreadable folder, which the library would take for one without Windows.
-void requireReadable(const std::string& folder) {
-  std::error_code reason;
-  if (!std::filesystem::is_directory(folder, reason) && !reason)
-    return;  // not a folder; later checks find nothing in it
-  if (access(folder.c_str(), R_OK | X_OK) != 0) throw Failure(folder, std::strerror(errno), "nothing was read");
-}
-
 int showWindows(const std::string& volume, bool json) {
   VolumeView view(volume, "nothing was read");
-  const std::string& folder = view.folder();
-  requireReadable(folder);
-  view.needName({"Windows", "System32"});
-  view.needName({"sources", "boot.wim"});
-  view.needContent({"Windows", "System32", "config", "SOFTWARE"}, kLargestHive);
-  view.needContent({"Windows", "Panther", "setupact.log"}, kLargestLog);
-  if (const auto windows = QDDeviceManager::windowsFolderFromVolume(folder)) requireReadable(*windows);
-  if (!QDDeviceManager::system32FolderFromVolume(folder)) {
-    const bool isInstaller = QDDeviceManager::bootWIMFileFromVolume(folder).has_value();
+  const WindowsIs windows = findWindows(view);
+  if (windows != WindowsIs::installed) {
+    const bool isInstaller = windows == WindowsIs::installer;
     complain(volume + ": " + (isInstaller ? "no installed Windows, only its installer" : "no Windows"));
     if (json) std::printf("null\n");
     return kChangeNeeded;
   }
-  const auto record = QDVolume::init();
-  record->setFilePath(folder);
-  record->setFileSystemType(view.fileSystem());
-  Dictionary version;
-  {
-    const LibraryLog log;
-    version = QDDeviceManager::sharedDeviceManager()->versionOfWindowsFromVolume(record);
-  }
+  const Dictionary version = versionOfWindows(view, true);
   if (json) {
     Json object = Json::object();
     object.add("version", kJsonVersion);

@@ -225,7 +225,7 @@ std::string write(const WindowsStartOptions& options, const std::string& slice, 
     constexpr mode_t kMode = 0777;  // less the process's umask
     backup.keep();
     if (mkdirat(folder.descriptor(), name.c_str(), kMode) != 0) {
-      throw Failure(folder.pathOf(name), std::strerror(errno), kPartly);
+      throw Failure::ofErrno(folder.pathOf(name), errno, kPartly);
     }
     folder.sync(kPartly);
   }

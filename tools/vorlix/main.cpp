@@ -21,9 +21,9 @@ namespace {
 
 // Whether the command that was chosen never writes to a disk or a volume.
 bool onlyLooks(const vorlix::tool::CommandLine& line) {
-  constexpr std::string_view kLooking[] = {"show",      "check",    "identify", "list",         "find",
-                                           "boot-camp", "windows",  "archive",  "log",          "image-size",
-                                           "boot-type", "bootable", "sip",      "check-caller", "completion"};
+  constexpr std::string_view kLooking[] = {
+      "show",    "check", "identify",   "list",      "find",     "disks", "boot-camp",    "windows",
+      "archive", "log",   "image-size", "boot-type", "bootable", "sip",   "check-caller", "completion"};
   const std::vector<std::string> chosen = line.chosen();
   return std::all_of(chosen.begin(), chosen.end(), [&](const std::string& name) {
     return std::find(std::begin(kLooking), std::end(kLooking), name) != std::end(kLooking);
@@ -54,6 +54,7 @@ const std::vector<Commands>& allCommands() {
       {addImageSizeCommand, {"image-size"}},
       {addArchiveCommand, {"archive"}},
       {addProbeCommands, {"boot-type", "bootable", "sip", "check-caller"}},
+      {addDisksCommand, {"disks"}},
       {addListCommands, {"list", "find", "boot-camp"}},
       {addWindowsCommand, {"windows"}},
       {addStartupDiskCommand, {"startup-disk"}},

@@ -3,6 +3,7 @@
 
 import os
 import shutil
+import struct
 import subprocess
 from dataclasses import dataclass
 
@@ -58,13 +59,33 @@ def make_disk(path, sectors, slices):
     run("sgdisk", *arguments, path)
 
 
+def put_boot_code(path):
+    """
+    Puts code that halts into the boot sectors of a volume by mkntfs or mkfs.vfat, whose own code only prints a message:
+    `vorlix check` takes a volume with that for one that starts nothing.
+    """
+    with open(path, "r+b") as volume:
+        boot = bytearray(volume.read(SECTOR))
+        code = 2 + boot[1]  # where the jump at its beginning leads
+        boot[code:510] = b"\xfa\xf4\xeb\xfd".ljust(510 - code, b"\0")  # cli; hlt; jmp to the hlt
+        (sector,) = struct.unpack_from("<H", boot, 11)
+        if boot[3:7] == b"NTFS":
+            seconds = [volume.seek(0, os.SEEK_END) - sector]
+        else:
+            seconds = [6 * sector] if boot[82:87] == b"FAT32" else []
+        for place in (0, *seconds):
+            volume.seek(place)
+            volume.write(boot)
+
+
 def make_ntfs(path, sectors, label):
     """
-    Makes a file with an empty NTFS volume. mkntfs gets no start sector, so the hidden-sectors field is 0.
+    Makes a file with an empty NTFS volume with boot code. mkntfs gets no start sector, so the hidden-sectors field is 0.
     """
     with open(path, "xb") as volume:
         volume.truncate(sectors * SECTOR)
     run("mkntfs", "-F", "-Q", "-q", "-L", label, "-s", str(SECTOR), "-S", "63", "-H", "255", path)
+    put_boot_code(path)
 
 
 def place(image, volume, first):

@@ -11,7 +11,7 @@ import tempfile
 import time
 import unittest
 
-from support import gpt, hive, images, volumes
+from support import gpt, hive, images, samples, volumes
 
 MAC_SIZE = 512 << 20
 # The layout of a Mac with a Windows partition, in blocks of 512 bytes: first, last and type of each entry.
@@ -89,10 +89,11 @@ def fdisk_slots(path):
 
 
 def ntfs_volume(path, size, sector_size=512, start=63):
-    """Bytes of an NTFS volume by mkntfs, whose hidden-sectors field differs from the volume's later place."""
+    """Bytes of an NTFS volume by mkntfs with boot code, whose hidden-sectors field differs from the volume's later place."""
     with open(path, "wb") as file:
         file.truncate(size)
     images.run_tool("mkntfs", "-F", "-f", "-q", "-s", sector_size, "-p", start, "-H", "255", "-S", "63", path)
+    samples.put_boot_code(path)
     with open(path, "rb") as file:
         return file.read()
 

@@ -180,10 +180,14 @@ def add_start_files(volume, disk, number=3):
 
 
 def make_ntfs(path, size, tree, start=2048, sector_size=512):
-    """Makes a file with an NTFS volume by mkntfs, ntfs_mkdir and ntfscp, filled with a tree in the form of put_tree()."""
+    """
+    Makes a file with an NTFS volume by mkntfs, ntfs_mkdir and ntfscp, with boot code, filled with a tree in the form of
+    put_tree().
+    """
     with open(path, "wb") as volume:
         volume.truncate(size)
     images.run_tool("mkntfs", "-F", "-f", "-q", "-s", sector_size, "-p", start, "-H", "255", "-S", "63", path)
+    samples.put_boot_code(path)
     add_to_ntfs(path, tree)
     return path
 
