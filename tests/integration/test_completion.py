@@ -316,6 +316,11 @@ class InShells(CompletionTest):
             ("vorlix mount k=v", [f"k=v:w@x.img{end}" for end in ("", "s1", "s2", "s3")], "vorlix mount k=v:w@x.img"),
             ("vorlix hybrid x --volume=k=v:", [f"k=v:w@x.img{end}" for end in ("", "s1", "s2", "s3")],
              "vorlix hybrid x --volume=k=v:w@x.img"),
+            ("vorlix mount a\\ folder/../ma", [f"mac.img{end}" for end in ("", "s1", "s2", "s3")],
+             "vorlix mount a\\ folder/../mac.img"),
+            ("vorlix hybrid x --volume=./mac.im", ["mac.img"], "vorlix hybrid x --volume=./mac.img "),
+            ("vorlix hybrid x --volume=./mac.imgs", ["mac.imgs1", "mac.imgs2", "mac.imgs3"], "vorlix hybrid x --volume=./mac.imgs"),
+            ("vorlix mount \"./mac.im", ["mac.img"], "vorlix mount \"./mac.img\" "),
             ("FOO=1 vorlix sho", ["show"], "FOO=1 vorlix show "),
             (f"vorlix hybrid {odd} --partition ", ["1", "2", "3"]),
         ])
@@ -362,7 +367,11 @@ class InShells(CompletionTest):
                 if shell != "fish":
                     self.assertEqual(line.rstrip(), "vorlix find --label MY\\ DISK")
                 offers, line = terminal.press_tab(f"vorlix windows {folder[:-5]}")
-                self.assertIn(folder if shell == "bash" else quoted, [offer.rstrip("/") for offer in offers])
+                if shell == "fish":
+                    self.assertIn(quoted, [offer.rstrip("/") for offer in offers])
+                else:  # zsh shows the last part of a path
+                    self.assertIn(folder if shell == "bash" else "MY\\ DISK", offers)
+                    self.assertEqual(line.rstrip(" /"), f"vorlix windows {quoted}")
         self.vorlix_ok("unmount", fat)
 
     @unittest.skipIf(shells.missing("zsh"), shells.missing("zsh"))

@@ -162,7 +162,7 @@ Option Command::addOption(const std::string& name, std::string& target, const st
 }
 
 Option Command::addOption(const std::string& name, std::vector<std::string>& target, const std::string& description) {
-  return Option(inner_->add_option(name, target, description));
+  return Option(inner_->add_option(name, target, description), *declared_);
 }
 
 Option Command::addOption(const std::string& name, uint32_t& target, const std::string& description) {

@@ -97,7 +97,7 @@ std::optional<std::string> onlyFileLike(const std::string& word) {
 
 // The image file that a word names or begins to name: itself, that of a slice that is not written out, or the only file
 // of such a name.
-std::optional<std::string> imageOf(const std::string& word) {
+std::optional<std::string> imageMeantBy(const std::string& word) {
   if (isFile(lookedUp(word))) return word;
   if (const size_t last = word.find_last_not_of("0123456789"); last != std::string::npos && word[last] == 's') {
     if (const std::string whole = word.substr(0, last); isFile(lookedUp(whole))) return whole;
@@ -106,7 +106,7 @@ std::optional<std::string> imageOf(const std::string& word) {
 }
 
 void addSlicesOfImage(const std::string& word, Candidates& words) {
-  const auto image = imageOf(word);
+  const auto image = imageMeantBy(word);
   const auto disk = image ? tablesOf(lookedUp(*image)) : std::nullopt;
   if (!disk) return;
   for (const Candidate& slice : slicesIn(*disk, true)) words.push_back({*image + "s" + slice.text, slice.description});
