@@ -30,6 +30,9 @@ class Vorlix < Formula
 
   test do
     assert_match version.to_s, shell_output("#{bin}/vorlix --version")
+    assert_path_exists share/"bash-completion/completions/vorlix"
+    assert_path_exists zsh_completion/"_vorlix"
+    assert_path_exists fish_completion/"vorlix.fish"
     # An image without tables, which nothing writes to.
     (testpath/"blank.img").binwrite "\0" * 1048576
     assert_match(/GPT +none/, shell_output("#{bin}/vorlix show blank.img"))

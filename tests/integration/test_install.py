@@ -437,6 +437,14 @@ class InstalledLibrary(unittest.TestCase):
         pages = [str(path) for path in self.installed("share/man/**/*")]
         self.assertEqual(pages, ["share/man/man1/boot_store.1", "share/man/man1/registry_lookup.1", "share/man/man1/vorlix.1"])
 
+    def test_completions_are_installed_where_shells_look_for_them(self):
+        installed = {"share/bash-completion/completions/vorlix": "vorlix.bash", "share/zsh/site-functions/_vorlix": "_vorlix",
+                     "share/fish/vendor_completions.d/vorlix.fish": "vorlix.fish"}
+        for path, source in installed.items():
+            self.assertEqual((self.prefix / path).read_bytes(), (SOURCE / "tools/vorlix/completion" / source).read_bytes())
+        found = {str(path) for path in self.installed("share/**/*vorlix*") if "completion" in str(path) or "zsh" in str(path)}
+        self.assertEqual(found, set(installed))
+
     def test_each_public_header_compiles_alone(self):
         headers = self.installed("include/**/*.h")
         self.assertGreater(len(headers), len(C_HEADERS))

@@ -111,7 +111,7 @@ void addArchiveCommand(Command& top, int& status) {
   archive.setExamples({"vorlix archive show volume.archive"});
   const auto options = std::make_shared<ArchiveOptions>();
   Command show = archive.addCommand("show", "Show the record that an archive holds");
-  show.addOption("FILE", options->file, "The archive").required();
+  show.addOption("FILE", options->file, "The archive").completes(ValueKind::file).required().completes(ValueKind::file);
   show.addFlag("--json", options->json, "Print JSON");
   show.setFooter(
       "An archive is a property list, binary or XML, in which programs exchange QDVolume and QDDiskInfo records.\n"

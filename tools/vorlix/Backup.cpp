@@ -12,9 +12,12 @@ namespace vorlix::tool {
 
 std::shared_ptr<BackupChoice> addBackupOptions(Command& command) {
   const auto choice = std::make_shared<BackupChoice>();
-  const Option folder = command.addOption("--backup", choice->folder,
-                                          "Folder for the backup that `vorlix undo` needs (default: in the "
-                                          "user's state folder)");
+  const Option folder = command
+                            .addOption("--backup", choice->folder,
+                                       "Folder for the backup that `vorlix undo` needs (default: in the "
+                                       "user's state folder)")
+                            .completes(ValueKind::folder)
+                            .completes(ValueKind::folder);
   command.addFlag("--no-backup", choice->isOff, "Keep no backup; the change cannot be undone").excludes(folder);
   return choice;
 }

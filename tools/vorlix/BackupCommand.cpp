@@ -146,10 +146,13 @@ int verify(const BackupOptions& options) {
 void addBackupCommand(Command& top, int& status) {
   const auto options = std::make_shared<BackupOptions>();
   Command command = top.addCommand("backup", "Save a volume and what its start needs in a new folder");
-  const Option volume = command.addOption("VOLUME", options->request.volume, "Slice of a disk or disk image");
+  const Option volume = command.addOption("VOLUME", options->request.volume, "Slice of a disk or disk image")
+                            .completes(ValueKind::device);
   const Option folder =
-      command.addOption("FOLDER", options->request.folder, "Folder to make; one that exists is refused");
-  Option verified = command.addOption("--verify", options->verified, "Read a backup back and compare");
+      command.addOption("FOLDER", options->request.folder, "Folder to make; one that exists is refused")
+          .completes(ValueKind::folder);
+  Option verified =
+      command.addOption("--verify", options->verified, "Read a backup back and compare").completes(ValueKind::folder);
   verified.valueText("FOLDER").excludes(volume).excludes(folder);
   command.addFlag("--dry-run", options->dryRun, "Show what would be saved; write nothing").excludes(verified);
   command

@@ -189,6 +189,7 @@ void restoreVBR(const RestoreOptions& options, const ByteVector& saved) {
 // What the commands that save to a file differ in.
 struct Saving {
   const char* device;
+  ValueKind kind;
   const char* deviceHelp;
   const char* forceHelp;
   void (*save)(const SaveOptions& options);
@@ -196,8 +197,10 @@ struct Saving {
 
 void setUpSaving(Command& command, const Saving& saving, int& status) {
   const auto options = std::make_shared<SaveOptions>();
-  command.addOption(saving.device, options->device, saving.deviceHelp).required();
-  command.addOption("FILE", options->file, "File to make; one that exists is refused").required();
+  command.addOption(saving.device, options->device, saving.deviceHelp).completes(saving.kind).required();
+  command.addOption("FILE", options->file, "File to make; one that exists is refused")
+      .completes(ValueKind::file)
+      .required();
   command.addFlag("--force", options->force, saving.forceHelp);
   command.setAction([options, save = saving.save, &status] {
     save(*options);
@@ -213,13 +216,16 @@ void addBootRecordCommands(Command& top, int& status) {
 
   vbr.setExamples({"vorlix vbr save mac.imgs3 saved.vbr", "vorlix vbr restore saved.vbr mac.imgs3 --dry-run"});
   Command save = vbr.addCommand("save", "Save bytes 84 to 8191 of a volume");
-  setUpSaving(save, {"DEVICE", "The volume", "Save of a disk with a partition table, too", saveVBR}, status);
+  setUpSaving(save, {"DEVICE", ValueKind::device, "The volume", "Save of a disk with a partition table, too", saveVBR},
+              status);
   save.setExamples({"vorlix vbr save mac.imgs3 saved.vbr"});
 
   const auto restoring = std::make_shared<RestoreOptions>();
   Command restore = vbr.addCommand("restore", "Put a saved boot record on an NTFS volume");
-  restore.addOption("FILE", restoring->file, "The saved boot record, 8108 bytes").required();
-  restore.addOption("DEVICE", restoring->device, "The volume; it is unmounted first").required();
+  restore.addOption("FILE", restoring->file, "The saved boot record, 8108 bytes").completes(ValueKind::file).required();
+  restore.addOption("DEVICE", restoring->device, "The volume; it is unmounted first")
+      .completes(ValueKind::device)
+      .required();
   const Option dryRun =
       restore.addFlag("--dry-run", restoring->dryRun, "Show the bytes that would change; open nothing for writing");
   restore.addFlag("--json", restoring->json, "Show them as JSON").needs(dryRun);
@@ -243,7 +249,7 @@ void addBootRecordCommands(Command& top, int& status) {
   bootCode.requireCommand();
   bootCode.setExamples({"vorlix boot-code save /dev/sda saved.mbr"});
   Command saveCode = bootCode.addCommand("save", "Save bytes 0 to 445 of sector 0");
-  setUpSaving(saveCode, {"DISK", "The whole disk", "Save of a slice, too", saveBootCode}, status);
+  setUpSaving(saveCode, {"DISK", ValueKind::disk, "The whole disk", "Save of a slice, too", saveBootCode}, status);
   saveCode.setExamples({"vorlix boot-code save /dev/sda saved.mbr"});
 }
 

@@ -247,9 +247,13 @@ void addBootStoreCommand(Command& top, int& status) {
   const auto fromWindows = std::make_shared<bool>(false);
   Command command = top.addCommand(
       "bcd", "Put a Windows boot configuration store, or all boot files of a Windows, on the EFI System Partition");
-  command.addOption("DISK", options->disk, "Whole disk or disk-image file").required();
-  command.addOption("--partition", options->partition, "GPT entry of the Windows volume").required().within(1, 128);
-  Option templateFile = command.addOption("--template", options->templateFile, "The prepared store");
+  command.addOption("DISK", options->disk, "Whole disk or disk-image file").completes(ValueKind::disk).required();
+  command.addOption("--partition", options->partition, "GPT entry of the Windows volume")
+      .completes(ValueKind::partition)
+      .required()
+      .within(1, 128);
+  Option templateFile =
+      command.addOption("--template", options->templateFile, "The prepared store").completes(ValueKind::file);
   Option mode = command.addOption("--mode", options->mode,
                                   "What to set in the template: auto, every device; standard, mdt or sccm, the "
                                   "places of a prepared template");
@@ -261,7 +265,10 @@ void addBootStoreCommand(Command& top, int& status) {
       .addChoice("--firmware", start->firmware, {{"efi", StartFirmware::efi}, {"bios", StartFirmware::bios}},
                  "What the files are for: efi, on the EFI System Partition; bios, on the Windows volume")
       .needs(source);
-  command.addOption("--description", start->description, "Of Windows in the boot menu").showDefault().needs(source);
+  command.addOption("--description", start->description, "Of Windows in the boot menu")
+      .completes(ValueKind::text)
+      .showDefault()
+      .needs(source);
   const Option dryRun =
       command.addFlag("--dry-run", options->dryRun, "Show what would be written; mount and write nothing");
   command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun);

@@ -124,12 +124,14 @@ void addCheckCommand(Command& top, int& status) {
   const auto options = std::make_shared<CheckOptions>();
   Command command =
       top.addCommand("check", "Tell, without writing, whether a disk can start its Windows, and what mends it if not");
-  command.addOption("DISK", options->disk, "Disk or disk-image file").required();
+  command.addOption("DISK", options->disk, "Disk or disk-image file").completes(ValueKind::disk).required();
   command
       .addOption("--partition", options->partition,
                  "GPT entry of the Windows volume (default: the active slot's, or the only possible one)")
+      .completes(ValueKind::partition)
       .within(1, 128);
-  command.addOption("--type", options->type, "MBR type of that slot, hexadecimal, where `hybrid` was given one");
+  command.addOption("--type", options->type, "MBR type of that slot, hexadecimal, where `hybrid` was given one")
+      .completes(ValueKind::text);
   command.addChoice("--start", options->way, kStartWays,
                     "What to judge: auto, legacy, efi or both (default: what the disk is set up for)");
   command.addFlag("--json", options->json, "Print JSON");

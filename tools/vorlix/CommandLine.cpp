@@ -55,6 +55,47 @@ std::string unknownWordText(const CLI::App& top) {
          (meant ? "; did you mean '" + *meant + "'?" : "");
 }
 
+std::vector<std::string> namesIn(const std::map<std::string, int32_t>& numbers) {
+  std::vector<std::string> names;
+  for (const auto& number : numbers) names.push_back(number.first);
+  return names;
+}
+
+// As the command line has it: "--partition", "DISK". Options with a short name alone have none.
+std::string nameOf(const CLI::Option& option) {
+  if (option.get_positional()) return option.get_name(true);
+  return option.get_lnames().empty() ? "" : "--" + option.get_lnames().front();
+}
+
+OptionShape shapeOf(const CLI::Option& option, const DeclaredValues& declared) {
+  OptionShape shape;
+  shape.name = nameOf(option);
+  shape.description = option.get_description();
+  shape.isPositional = option.get_positional();
+  shape.takesValue = option.get_items_expected_max() > 0;
+  shape.mayRepeat = option.get_items_expected_max() > 1;
+  if (const auto value = declared.find(&option); value != declared.end()) {
+    shape.kind = value->second.kind;
+    shape.choices = value->second.choices;
+  }
+  for (const CLI::Option* const other : option.get_excludes()) shape.excluded.push_back(nameOf(*other));
+  return shape;
+}
+
+CommandShape shapeOf(const CLI::App& command, const DeclaredValues& declared) {
+  CommandShape shape;
+  shape.name = command.get_name();
+  shape.description = command.get_description();
+  shape.takesRest = command.get_prefix_command();
+  for (const CLI::Option* const option : command.get_options()) {
+    if (!option->get_group().empty() && !nameOf(*option).empty()) shape.options.push_back(shapeOf(*option, declared));
+  }
+  for (const CLI::App* const below : command.get_subcommands({})) {
+    if (!below->get_group().empty()) shape.commands.push_back(shapeOf(*below, declared));
+  }
+  return shape;
+}
+
 }  // namespace
 
 Option& Option::required() {
@@ -67,12 +108,23 @@ Option& Option::within(int lowest, int highest) {
   return *this;
 }
 
+Option& Option::completes(ValueKind kind) {
+  (*declared_)[inner_].kind = kind;
+  return *this;
+}
+
+void Option::declareChoices(std::vector<std::string> choices) {
+  (*declared_)[inner_] = {ValueKind::choice, std::move(choices)};
+}
+
 Option& Option::oneOf(std::vector<std::string> texts) {
+  declareChoices(texts);
   inner_->check(CLI::IsMember(std::move(texts)));
   return *this;
 }
 
 Option& Option::named(const std::map<std::string, int32_t>& numbers) {
+  declareChoices(namesIn(numbers));
   inner_->transform(CLI::CheckedTransformer(numbers));
   return *this;
 }
@@ -102,11 +154,11 @@ bool Option::isGiven() const {
 }
 
 Command Command::addCommand(const std::string& name, const std::string& description) {
-  return Command(inner_->add_subcommand(name, description));
+  return Command(inner_->add_subcommand(name, description), *declared_);
 }
 
 Option Command::addOption(const std::string& name, std::string& target, const std::string& description) {
-  return Option(inner_->add_option(name, target, description));
+  return Option(inner_->add_option(name, target, description), *declared_);
 }
 
 Option Command::addOption(const std::string& name, std::vector<std::string>& target, const std::string& description) {
@@ -114,25 +166,25 @@ Option Command::addOption(const std::string& name, std::vector<std::string>& tar
 }
 
 Option Command::addOption(const std::string& name, uint32_t& target, const std::string& description) {
-  return Option(inner_->add_option(name, target, description));
+  return Option(inner_->add_option(name, target, description), *declared_);
 }
 
 Option Command::addOption(const std::string& name, int32_t& target, const std::string& description) {
-  return Option(inner_->add_option(name, target, description));
+  return Option(inner_->add_option(name, target, description), *declared_);
 }
 
 Option Command::addOption(const std::string& name, std::optional<uint64_t>& target, const std::string& description) {
-  return Option(inner_->add_option(name, target, description));
+  return Option(inner_->add_option(name, target, description), *declared_);
 }
 
 Option Command::addChoice(const std::string& name, std::function<void(int32_t)> set,
                           const std::map<std::string, int32_t>& numbers, const std::string& description) {
   CLI::Option* const option = inner_->add_option_function<int32_t>(name, std::move(set), description);
-  return Option(option->transform(CLI::CheckedTransformer(numbers))->type_name("ENUM"));
+  return Option(option->type_name("ENUM"), *declared_).named(numbers);
 }
 
 Option Command::addFlag(const std::string& name, bool& target, const std::string& description) {
-  return Option(inner_->add_flag(name, target, description));
+  return Option(inner_->add_flag(name, target, description), *declared_);
 }
 
 void Command::requireCommand() {
@@ -163,6 +215,10 @@ void Command::setAction(std::function<void()> action) {
   inner_->callback(std::move(action));
 }
 
+CommandShape Command::shape() const {
+  return shapeOf(*inner_, *declared_);
+}
+
 void refuseWithout(const std::string& option) {
   throw CLI::RequiredError(option);
 }
@@ -183,7 +239,7 @@ CommandLine::CommandLine(const std::string& description, const std::string& prog
 CommandLine::~CommandLine() = default;
 
 Command CommandLine::top() {
-  return Command(app_.get());
+  return Command(app_.get(), declared_);
 }
 
 std::optional<int> CommandLine::run(int argc, const char* const* argv) {

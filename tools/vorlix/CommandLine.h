@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "Completion.h"
+
 namespace CLI {
 class App;
 class Option;
@@ -19,13 +21,24 @@ class Option;
 
 namespace vorlix::tool {
 
+/// What the parser does not keep of an option's value.
+struct DeclaredValue {
+  ValueKind kind = ValueKind::undeclared;
+  std::vector<std::string> choices;
+};
+using DeclaredValues = std::map<const CLI::Option*, DeclaredValue>;
+
 /// An option or a positional argument of a command. A handle: copies stand for the same option, which the CommandLine
 /// owns. The functions that change the option return the handle, so that calls can be chained.
 class Option {
  public:
-  explicit Option(CLI::Option* inner) : inner_(inner) {}
+  Option(CLI::Option* inner, DeclaredValues& declared) : inner_(inner), declared_(&declared) {}
 
   Option& required();
+
+  /// Says what the value stands for, so that shells can complete it. Every option with a value needs this, or fixed
+  /// words.
+  Option& completes(ValueKind kind);
 
   /// Accepts whole numbers from `lowest` to `highest` only.
   Option& within(int lowest, int highest);
@@ -52,14 +65,17 @@ class Option {
   bool isGiven() const;
 
  private:
+  void declareChoices(std::vector<std::string> choices);
+
   CLI::Option* inner_;
+  DeclaredValues* declared_;
 };
 
 /// A command with its options and subcommands. A handle, like Option. Targets of options must live until the command
 /// has run.
 class Command {
  public:
-  explicit Command(CLI::App* inner) : inner_(inner) {}
+  Command(CLI::App* inner, DeclaredValues& declared) : inner_(inner), declared_(&declared) {}
 
   Command addCommand(const std::string& name, const std::string& description);
 
@@ -101,11 +117,15 @@ class Command {
   /// Runs when the user has chosen the command, after all options have their values.
   void setAction(std::function<void()> action);
 
+  /// The definition as plain values: visible commands and options.
+  CommandShape shape() const;
+
  private:
   Option addChoice(const std::string& name, std::function<void(int32_t)> set,
                    const std::map<std::string, int32_t>& numbers, const std::string& description);
 
   CLI::App* inner_;
+  DeclaredValues* declared_;
 };
 
 /// Ends an action like the parser's own refusal: of an option that is missing, or of an option's value.
@@ -135,6 +155,7 @@ class CommandLine {
 
  private:
   std::unique_ptr<CLI::App> app_;
+  DeclaredValues declared_;
 };
 
 }  // namespace vorlix::tool

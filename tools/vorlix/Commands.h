@@ -4,6 +4,9 @@
 // callback sets `status` to the exit status or throws Failure.
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "CommandLine.h"
 
 namespace vorlix::tool {
@@ -28,5 +31,11 @@ void addListCommands(Command& top, int& status);
 void addWindowsCommand(Command& top, int& status);
 void addStartupDiskCommand(Command& top, int& status);
 void addLogCommand(Command& top, int& status);
+void addCompletionCommand(Command& top, int& status);
+
+/// Prints what may stand in the place of the last of the words, for the scripts of the command `completion`: a line
+/// with the kind of place and, after a blank, "files" or "folders" if the shell is to offer those, then the words, one
+/// a line, each with a description after a tab if there is one.
+void printCompletions(const CommandShape& shape, const std::vector<std::string>& words);
 
 }  // namespace vorlix::tool

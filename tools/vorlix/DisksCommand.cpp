@@ -46,7 +46,8 @@ int statusOf(const std::vector<SurveyedDisk>& disks, bool areNamed) {
 void addDisksCommand(Command& top, int& status) {
   const auto options = std::make_shared<DisksOptions>();
   Command command = top.addCommand("disks", "Show disks and what is on them, mounted or not, and whether it starts");
-  command.addOption("DISK", options->names, "Disks or disk-image files (default: the disks of this machine)");
+  command.addOption("DISK", options->names, "Disks or disk-image files (default: the disks of this machine)")
+      .completes(ValueKind::disk);
   command.addFlag("--json", options->json, "Print JSON");
   command.setFooter(
       "Nothing is mounted or written. The last column is the verdict of `vorlix check` on an installed Windows.\n"

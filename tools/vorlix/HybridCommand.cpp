@@ -64,17 +64,24 @@ void addHybridCommand(Command& top, int& status) {
   HybridRequest& request = options->request;
   Command command =
       top.addCommand("hybrid", "Write the hybrid MBR that a disk's GPT asks for and patch a moved Windows volume");
-  command.addOption("DISK", request.disk, "Whole disk or disk-image file").required();
-  const Option bootCode = command.addOption(
-      "--boot-code", request.bootCode,
-      "File with MBR boot code, 440 to 446 bytes (default: the disk's own; vorlix's where it has none)");
+  command.addOption("DISK", request.disk, "Whole disk or disk-image file").completes(ValueKind::disk).required();
+  const Option bootCode =
+      command
+          .addOption("--boot-code", request.bootCode,
+                     "File with MBR boot code, 440 to 446 bytes (default: the disk's own; vorlix's where it has none)")
+          .completes(ValueKind::file);
   command.addFlag("--keep-boot-code", request.keepsBootCode, "Write no boot code even where the disk has none")
       .excludes(bootCode);
   const Option partition =
-      command.addOption("--partition", request.partition, "GPT entry and MBR slot of the Windows volume").within(1, 4);
-  command.addOption("--type", options->type, "MBR type for that slot, hexadecimal (default: as the GPT asks)");
-  command.addOption("--volume", request.volume, "Device of the Windows volume (default: slice N of DISK)");
-  command.addOption("--start", request.start, "Sector for the hidden-sectors field (default: the first LBA)");
+      command.addOption("--partition", request.partition, "GPT entry and MBR slot of the Windows volume")
+          .completes(ValueKind::partition)
+          .within(1, 4);
+  command.addOption("--type", options->type, "MBR type for that slot, hexadecimal (default: as the GPT asks)")
+      .completes(ValueKind::text);
+  command.addOption("--volume", request.volume, "Device of the Windows volume (default: slice N of DISK)")
+      .completes(ValueKind::device);
+  command.addOption("--start", request.start, "Sector for the hidden-sectors field (default: the first LBA)")
+      .completes(ValueKind::text);
   command.addFlag("--guard", request.guard, "Write a standard guard (protective) MBR; leave the volume alone");
   command.addFlag("--force", request.force, "Go on with a damaged GPT, or a volume or boot code that looks wrong");
   const Option dryRun =

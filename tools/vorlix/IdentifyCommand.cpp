@@ -65,7 +65,9 @@ struct IdentifyOptions {
 void addIdentifyCommand(Command& top, int& status) {
   const auto options = std::make_shared<IdentifyOptions>();
   Command command = top.addCommand("identify", "Show what identifies a device to boot code and boot stores");
-  command.addOption("DEVICE", options->device, "Disk, slice or disk-image file").required();
+  command.addOption("DEVICE", options->device, "Disk, slice or disk-image file")
+      .completes(ValueKind::device)
+      .required();
   command.addFlag("--json", options->json, "Print JSON");
   command.setExamples({"vorlix identify /dev/sda3", "vorlix identify mac.imgs3 --json"});
   command.setAction([options, &status] {

@@ -198,7 +198,7 @@ void addImageSizeCommand(Command& top, int& status) {
   const auto file = std::make_shared<std::string>();
   const auto json = std::make_shared<bool>(false);
   Command size = top.addCommand("image-size", "Measure the unpacked size of a .gz or .zip disk image");
-  size.addOption("FILE", *file, "The image; its name must end in .gz or .zip").required();
+  size.addOption("FILE", *file, "The image; its name must end in .gz or .zip").completes(ValueKind::file).required();
   size.addFlag("--json", *json, "Print JSON");
   size.setFooter(
       "The image is unpacked by gunzip, or by unzip from vorlix's resources or from /usr/bin. The unpacked bytes are\n"

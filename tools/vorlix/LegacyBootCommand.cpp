@@ -115,8 +115,12 @@ void addLegacyBootCommand(Command& top, int& status) {
   const auto options = std::make_shared<LegacyBootOptions>();
   Command command =
       top.addCommand("legacy-boot", "Copy the files that a legacy start of Windows needs into place on its volume");
-  command.addOption("VOLUME", options->volume, "Folder where the volume is mounted, or its device").required();
-  command.addOption("--bcd", options->store, "Boot configuration store to copy to boot/BCD").required();
+  command.addOption("VOLUME", options->volume, "Folder where the volume is mounted, or its device")
+      .completes(ValueKind::volume)
+      .required();
+  command.addOption("--bcd", options->store, "Boot configuration store to copy to boot/BCD")
+      .completes(ValueKind::file)
+      .required();
   const Option dryRun = command.addFlag("--dry-run", options->dryRun, "Show what would be copied; copy nothing");
   command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun);
   const auto backup = addBackupOptions(command);

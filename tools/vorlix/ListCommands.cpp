@@ -188,9 +188,11 @@ void addListCommands(Command& top, int& status) {
 
   const auto finding = std::make_shared<FindOptions>();
   Command find = top.addCommand("find", "Find a mounted FAT, exFAT or NTFS volume");
-  Option label = find.addOption("--label", finding->label, "By its name");
-  const Option uuid = find.addOption("--media-uuid", finding->mediaUUID, "By its partition's identifier");
-  const Option node = find.addOption("--node", finding->node, "By its device; also beside --media-uuid");
+  Option label = find.addOption("--label", finding->label, "By its name").completes(ValueKind::label);
+  const Option uuid = find.addOption("--media-uuid", finding->mediaUUID, "By its partition's identifier")
+                          .completes(ValueKind::identifier);
+  const Option node =
+      find.addOption("--node", finding->node, "By its device; also beside --media-uuid").completes(ValueKind::mounted);
   label.excludes(uuid).excludes(node);
   find.addFlag("--json", finding->json, "As JSON");
   find.setExamples({"vorlix find --label BOOTCAMP", "vorlix find --node /dev/sda3"});

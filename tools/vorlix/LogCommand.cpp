@@ -190,7 +190,9 @@ void showLog(const LogOptions& options) {
 void addLogCommand(Command& top, int& status) {
   const auto options = std::make_shared<LogOptions>();
   Command log = top.addCommand("log", "Show the end of the library's log and follow it");
-  log.addOption("--lines", options->lines, "Number of existing lines to show first").showDefault();
+  log.addOption("--lines", options->lines, "Number of existing lines to show first")
+      .completes(ValueKind::text)
+      .showDefault();
   const Option once = log.addFlag("--once", options->once, "Show the lines and exit; do not follow the log");
   log.addFlag("--json", options->json, "Show them as JSON").needs(once);
   log.setExamples({"vorlix log --once", "vorlix log --lines 100"});

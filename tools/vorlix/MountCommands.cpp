@@ -55,7 +55,9 @@ std::string efiSlice(const std::string& disk) {
 void addMountCommands(Command& top, int& status) {
   const auto mounting = std::make_shared<MountOptions>();
   Command mount = top.addCommand("mount", "Mount a volume and print where");
-  mount.addOption("DEVICE", mounting->device, "Slice, device or disk-image file").required();
+  mount.addOption("DEVICE", mounting->device, "Slice, device or disk-image file")
+      .completes(ValueKind::device)
+      .required();
   const Option reading = mount.addFlag("--read-only", mounting->readOnly, "For reading; no byte of the disk changes");
   mount.addFlag("--read-write", mounting->readWrite, "For reading and writing, hidden from the desktop")
       .excludes(reading);
@@ -68,7 +70,9 @@ void addMountCommands(Command& top, int& status) {
 
   const auto unmounting = std::make_shared<MountOptions>();
   Command unmount = top.addCommand("unmount", "Unmount a volume");
-  unmount.addOption("DEVICE", unmounting->device, "Slice, device or disk-image file").required();
+  unmount.addOption("DEVICE", unmounting->device, "Slice, device or disk-image file")
+      .completes(ValueKind::mounted)
+      .required();
   const auto discards = std::make_shared<bool>(false);
   unmount.addFlag("--discard", *discards,
                   "Throw away what was changed in the folder that stands for a FAT volume, and the folder; DEVICE may "
@@ -88,14 +92,14 @@ void addMountCommands(Command& top, int& status) {
   efi.setExamples({"vorlix efi mount /dev/sda", "vorlix efi unmount /dev/sda"});
   const auto disk = std::make_shared<std::string>();
   Command efiMount = efi.addCommand("mount", "Mount it and print where");
-  efiMount.addOption("DISK", *disk, "Whole disk or disk-image file").required();
+  efiMount.addOption("DISK", *disk, "Whole disk or disk-image file").completes(ValueKind::disk).required();
   efiMount.setExamples({"vorlix efi mount mac.img"});
   efiMount.setAction([disk, &status] {
     mountAndTell(efiSlice(*disk), MountFor::any);
     status = kDone;
   });
   Command efiUnmount = efi.addCommand("unmount", "Unmount it");
-  efiUnmount.addOption("DISK", *disk, "Whole disk or disk-image file").required();
+  efiUnmount.addOption("DISK", *disk, "Whole disk or disk-image file").completes(ValueKind::disk).required();
   efiUnmount.setExamples({"vorlix efi unmount mac.img"});
   efiUnmount.setAction([disk, &status] {
     unmountOrFail(efiSlice(*disk));

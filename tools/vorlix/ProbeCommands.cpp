@@ -153,7 +153,7 @@ bool showCaller(const ProbeOptions& options) {
 void addProbeCommands(Command& top, int& status) {
   const auto disk = std::make_shared<ProbeOptions>();
   Command bootType = top.addCommand("boot-type", "Report from the MBR how a disk starts");
-  bootType.addOption("DISK", disk->name, "Whole disk or disk-image file").required();
+  bootType.addOption("DISK", disk->name, "Whole disk or disk-image file").completes(ValueKind::disk).required();
   addJson(bootType, *disk);
   bootType.setFooter(
       "Prints \"EFI\" if the second slot of the MBR starts at head 0, as in a plain protective MBR, and \"legacy\"\n"
@@ -167,7 +167,9 @@ void addProbeCommands(Command& top, int& status) {
 
   const auto volume = std::make_shared<ProbeOptions>();
   Command bootable = top.addCommand("bootable", "Report whether a volume holds an operating system");
-  bootable.addOption("VOLUME", volume->name, "Folder where the volume is mounted, or its device").required();
+  bootable.addOption("VOLUME", volume->name, "Folder where the volume is mounted, or its device")
+      .completes(ValueKind::volume)
+      .required();
   addJson(bootable, *volume);
   bootable.setFooter(
       "A volume counts if it holds System/Library, com.apple.recovery.boot/boot.efi, Windows/System32 or ntldr.\n"
@@ -191,7 +193,10 @@ void addProbeCommands(Command& top, int& status) {
 
   const auto process = std::make_shared<ProbeOptions>();
   Command caller = top.addCommand("check-caller", "Check whether a process is signed by the team");
-  caller.addOption("PID", process->process, "Process identifier").required().within(1, std::numeric_limits<int>::max());
+  caller.addOption("PID", process->process, "Process identifier")
+      .completes(ValueKind::text)
+      .required()
+      .within(1, std::numeric_limits<int>::max());
   addJson(caller, *process);
   caller.setFooter(
       "docs/caller-check.md describes what is checked and how to sign a program.\n"

@@ -160,22 +160,32 @@ void addRestoreCommand(Command& top, int& status) {
   const auto options = std::make_shared<RestoreOptions>();
   RestoreRequest& request = options->request;
   Command command = top.addCommand("restore", "Restore a volume from an image or a backup, and make the disk start it");
-  command.addOption("SOURCE", request.source,
-                    "Image file, plain or packed (gz, xz, zst, bz2, zip), ntfsclone image, WIM or ESD, folder of a "
-                    "backup, slice, or - for standard input");
-  command.addOption("DISK", request.disk, "Whole disk or disk-image file");
-  command.addOption("--partition", request.partition, "GPT entry of the volume to overwrite").within(1, 128);
+  command
+      .addOption("SOURCE", request.source,
+                 "Image file, plain or packed (gz, xz, zst, bz2, zip), ntfsclone image, WIM or ESD, folder of a "
+                 "backup, slice, or - for standard input")
+      .completes(ValueKind::device);
+  command.addOption("DISK", request.disk, "Whole disk or disk-image file").completes(ValueKind::disk);
+  command.addOption("--partition", request.partition, "GPT entry of the volume to overwrite")
+      .completes(ValueKind::partition)
+      .within(1, 128);
   command
       .addOption("--start", options->start,
                  "legacy: write the MBR for a start by a BIOS; efi: put the volume's boot files and a store on the EFI "
                  "System Partition; both; none (default: legacy, and efi if the volume has boot files for it)")
       .oneOf({"legacy", "efi", "both", "none"});
-  command.addOption("--index", request.index, "Image of a WIM; needed if it has several").within(1, 65535);
-  command.addOption("--scratch", request.scratch,
-                    "Folder where the volume of a WIM is made first (default: $TMPDIR, else /var/tmp)");
-  command.addOption("--boot-code", request.bootCode, "File with MBR boot code (default: the disk's, or our own)");
+  command.addOption("--index", request.index, "Image of a WIM; needed if it has several")
+      .completes(ValueKind::text)
+      .within(1, 65535);
+  command
+      .addOption("--scratch", request.scratch,
+                 "Folder where the volume of a WIM is made first (default: $TMPDIR, else /var/tmp)")
+      .completes(ValueKind::folder);
+  command.addOption("--boot-code", request.bootCode, "File with MBR boot code (default: the disk's, or our own)")
+      .completes(ValueKind::file);
   const Option resuming =
-      command.addOption("--resume", options->resume, "Go on with an interrupted restore; SOURCE if it has moved");
+      command.addOption("--resume", options->resume, "Go on with an interrupted restore; SOURCE if it has moved")
+          .completes(ValueKind::restore);
   command.addFlag("--yes", options->yes, "Do not ask");
   const Option dryRun =
       command.addFlag("--dry-run", options->dryRun, "Check everything and show the plan; write nothing");

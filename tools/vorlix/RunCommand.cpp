@@ -74,7 +74,9 @@ void addRunCommand(Command& top, int& status) {
   const auto program = std::make_shared<std::string>();
   Command run =
       top.addCommand("run", "Run a program and show the events and output that the library's runner delivers");
-  run.addOption("PROGRAM", *program, "Full path of the program; its arguments follow").required();
+  run.addOption("PROGRAM", *program, "Full path of the program; its arguments follow")
+      .completes(ValueKind::file)
+      .required();
   run.takeRest();  // the remaining arguments belong to the program; after "--", even if they look like options
   run.setFooter(
       "vorlix run -- PROGRAM [ARGUMENT...]\n"

@@ -220,7 +220,7 @@ struct ShowOptions {
 void addShowCommand(Command& top, int& status) {
   const auto options = std::make_shared<ShowOptions>();
   Command command = top.addCommand("show", "Show a disk's MBR and GPT and how the two agree");
-  command.addOption("DISK", options->disk, "Disk or disk-image file").required();
+  command.addOption("DISK", options->disk, "Disk or disk-image file").completes(ValueKind::disk).required();
   command.addFlag("--json", options->json, "Print JSON");
   command.setExamples({"vorlix show /dev/sda", "vorlix show mac.img --json"});
   command.setAction([options, &status] {

@@ -153,7 +153,9 @@ std::vector<std::string> typeNames() {
 void addStartupDiskCommand(Command& top, int& status) {
   const auto options = std::make_shared<StartupOptions>();
   Command startup = top.addCommand("startup-disk", "Select the volume that the computer starts from next time");
-  startup.addOption("DEVICE", options->device, "Device of the volume, or the folder where it is mounted").required();
+  startup.addOption("DEVICE", options->device, "Device of the volume, or the folder where it is mounted")
+      .completes(ValueKind::volume)
+      .required();
   startup.addOption("--type", options->type, "legacy, efi, mac or volume-efi; default: detected from the disk")
       .oneOf(typeNames());
   startup.addFlag("--permanent", options->permanent, "For every start, not only the next one");

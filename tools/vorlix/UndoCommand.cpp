@@ -235,10 +235,14 @@ void addUndoCommand(Command& top, int& status) {
   const auto options = std::make_shared<UndoOptions>();
   Command command =
       top.addCommand("undo", "Restore what hybrid, bcd, vbr restore or legacy-boot replaced, from the backup");
-  Option journal = command.addOption("BACKUP", options->journal,
-                                     "Name of a backup, or the beginning of it, or the path of its folder");
-  command.addOption("--on", options->on,
-                    "The whole disk, or for files the volume, that was changed (default: the name that it had then)");
+  Option journal =
+      command
+          .addOption("BACKUP", options->journal, "Name of a backup, or the beginning of it, or the path of its folder")
+          .completes(ValueKind::backup);
+  command
+      .addOption("--on", options->on,
+                 "The whole disk, or for files the volume, that was changed (default: the name that it had then)")
+      .completes(ValueKind::volume);
   command.addFlag("--dry-run", options->dryRun, "Show what would be restored; open no disk for writing");
   const Option list = command.addFlag("--list", options->list, "List the backups in the user's state folder");
   command.addFlag("--json", options->json, "With --list or --dry-run: print JSON");

@@ -72,7 +72,9 @@ void addWindowsCommand(Command& top, int& status) {
   const auto volume = std::make_shared<std::string>();
   const auto json = std::make_shared<bool>(false);
   Command windows = top.addCommand("windows", "Report which Windows a volume holds");
-  windows.addOption("VOLUME", *volume, "Folder where the volume is mounted, or its device").required();
+  windows.addOption("VOLUME", *volume, "Folder where the volume is mounted, or its device")
+      .completes(ValueKind::volume)
+      .required();
   windows.addFlag("--json", *json, "Print JSON");
   windows.setFooter(
       "A FAT or NTFS volume need not be mounted (Linux): its files are read from its bytes. Nothing is written.\n"

@@ -21,9 +21,9 @@ namespace {
 
 // Whether the command that was chosen never writes to a disk or a volume.
 bool onlyLooks(const vorlix::tool::CommandLine& line) {
-  constexpr std::string_view kLooking[] = {"show",       "check",     "identify", "list",    "find",
-                                           "disks",      "boot-camp", "windows",  "archive", "log",
-                                           "image-size", "boot-type", "bootable", "sip",     "check-caller"};
+  constexpr std::string_view kLooking[] = {
+      "show",    "check", "identify",   "list",      "find",     "disks", "boot-camp",    "windows",
+      "archive", "log",   "image-size", "boot-type", "bootable", "sip",   "check-caller", "completion"};
   const std::vector<std::string> chosen = line.chosen();
   return std::all_of(chosen.begin(), chosen.end(), [&](const std::string& name) {
     return std::find(std::begin(kLooking), std::end(kLooking), name) != std::end(kLooking);
@@ -59,6 +59,7 @@ const std::vector<Commands>& allCommands() {
       {addWindowsCommand, {"windows"}},
       {addStartupDiskCommand, {"startup-disk"}},
       {addLogCommand, {"log"}},
+      {addCompletionCommand, {"completion"}},
   };
   return all;
 }
@@ -78,6 +79,11 @@ void addCommands(vorlix::tool::Command top, int& status, const std::vector<std::
   }
 }
 
+// Whether a shell asks what may come next: "complete -- WORDS". It is no command that people give.
+bool isForCompletion(const std::vector<std::string_view>& arguments) {
+  return arguments.size() >= 2 && arguments[0] == "complete" && arguments[1] == "--";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -94,8 +100,16 @@ int main(int argc, char** argv) {
 
   int status = kDone;
   line.top().addFlag("--verbose", isVerbose(), "Say also when the library's log cannot be written");
-  addCommands(line.top(), status, std::vector<std::string_view>(argv + std::min(argc, 1), argv + argc));
+  std::vector<std::string_view> arguments(argv + std::min(argc, 1), argv + argc);
+  const bool completes = isForCompletion(arguments);
+  // The last word is not written out yet.
+  if (completes) arguments = {arguments.begin() + 2, arguments.end() - (arguments.size() > 2 ? 1 : 0)};
+  addCommands(line.top(), status, arguments);
   try {
+    if (completes) {
+      printCompletions(line.top().shape(), std::vector<std::string>(argv + 3, argv + argc));
+      return kDone;
+    }
     if (const std::optional<int> ended = line.run(argc, argv)) return *ended;
   } catch (const Failure& failure) {
     complain(
