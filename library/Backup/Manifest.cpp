@@ -15,7 +15,7 @@ using Json = nlohmann::ordered_json;
 
 constexpr const char* kFormat = "vorlix-backup";
 constexpr int kVersion = 1;
-constexpr size_t kDigits = 64;
+constexpr size_t kHashDigits = 64;
 constexpr const char* kImageKey = "image";
 constexpr const char* kMapKey = "blockMap";
 
@@ -78,7 +78,7 @@ std::string manifestText(const BackupPlan& plan, const std::vector<ManifestFile>
   const Json document = {
       {"format", kFormat},
       {"version", kVersion},
-      {"sha256", std::string(kDigits, '0')},
+      {"sha256", std::string(kHashDigits, '0')},
       {"volume",
        {{"name", plan.name},
         {"wholeDisk", plan.wholeDisk},
@@ -99,7 +99,7 @@ std::string manifestText(const BackupPlan& plan, const std::vector<ManifestFile>
   };
   std::string text = document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
   const std::string start = "\"sha256\": \"";
-  text.replace(text.find(start) + start.size(), kDigits, hashOf(text));
+  text.replace(text.find(start) + start.size(), kHashDigits, hashOf(text));
   return text;
 }
 
@@ -111,8 +111,8 @@ std::string readManifest(const std::vector<uint8_t>& bytes, Manifest& manifest) 
     std::string text(bytes.begin(), bytes.end());
     const std::string sum = json.at("sha256").get<std::string>();
     const size_t place = text.find("\"" + sum + "\"");
-    if (sum.size() != kDigits || place == std::string::npos) return "has no checksum";
-    text.replace(place + 1, kDigits, std::string(kDigits, '0'));
+    if (sum.size() != kHashDigits || place == std::string::npos) return "has no checksum";
+    text.replace(place + 1, kHashDigits, std::string(kHashDigits, '0'));
     if (hashOf(text) != sum) return "has a wrong checksum";
     readInto(json, manifest);
   } catch (const nlohmann::json::exception&) {
