@@ -73,7 +73,8 @@ VORLIX_EXPORT RestoreResult restoreVolume(ImageSource& source, const RestorePlan
                                           const RestoreObserver& observer);
 
 /// Goes on with an interrupted restore. `source` is at its beginning, and must be the one of the journal. One that is
-/// made anew (ImageFacts::isMadeAnew) is written from its first byte again.
+/// made anew (ImageFacts::isMadeAnew) is written from its first byte again. If a device is not as the restore left it,
+/// nothing is written: somebody changed it, or another disk has the name now.
 /// @param journal  opened by openLongChange()
 /// @param handles  one for each device of its structures, open for writing
 VORLIX_EXPORT RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& source,
@@ -91,7 +92,9 @@ VORLIX_EXPORT RestoreResult finishRestore(RestoreResult paused,
 
 /// Gives an interrupted restore up: restores the structures. What was overwritten of the volume's content is lost.
 /// @param handles  as for resumeRestore()
-/// @return absent if the structures are on the medium as they were; the journal is removed.
+/// @return absent if the structures are on the medium as they were; the journal is removed. Nothing is written to a
+/// device
+///         that is not as the restore left it.
 VORLIX_EXPORT std::optional<ChangeFailure> abandonRestore(std::unique_ptr<LongChange> journal,
                                                           const std::vector<std::shared_ptr<DeviceHandle>>& handles);
 

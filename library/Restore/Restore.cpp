@@ -106,6 +106,33 @@ std::optional<ChangeFailure> requireSameDevices(const LongChange& journal, const
   return std::nullopt;
 }
 
+// Another disk may have the name by now. Outside of the volume, an interrupted restore leaves each structure with one
+// of its two contents; it leaves the volume's first sector with one of them or blank, and the rest of the volume
+// anyhow.
+std::optional<ChangeFailure> requireAsLeft(const LongChange& journal,
+                                           const std::vector<std::shared_ptr<DeviceHandle>>& handles) {
+  for (size_t i = 0; i < handles.size(); ++i) {
+    const DeviceChange& device = journal.structures().devices[i];
+    const bool isVolume = i == journal.origin().device;
+    for (const ByteChange& run : device.bytes) {
+      if (isVolume && run.offset != 0) continue;
+      std::vector<uint8_t> now(isVolume ? std::min<size_t>(run.before.size(), kSectorSize) : run.before.size());
+      const ssize_t got = handles[i]->readAt(now.data(), now.size(), run.offset);
+      if (got != static_cast<ssize_t>(now.size())) {
+        return ChangeFailure{device.device, got < 0 ? SystemError{errno}.reason() : "the device ends too early",
+                             kNothingWritten};
+      }
+      const bool isBlank = isVolume && std::all_of(now.begin(), now.end(), [](uint8_t byte) { return byte == 0; });
+      if (isBlank || std::equal(now.begin(), now.end(), run.before.begin()) ||
+          std::equal(now.begin(), now.end(), run.after.begin())) {
+        continue;
+      }
+      return ChangeFailure{device.device, run.reason + " was changed since", kNothingWritten};
+    }
+  }
+  return std::nullopt;
+}
+
 RestoreResult failed(ChangeFailure failure) {
   RestoreResult result;
   result.failure = std::move(failure);
@@ -152,8 +179,10 @@ RestoreResult restoreVolume(ImageSource& source, const RestorePlan& plan, bool c
 RestoreResult resumeRestore(std::unique_ptr<LongChange> journal, ImageSource& source,
                             const std::vector<std::shared_ptr<DeviceHandle>>& handles, bool compare,
                             const RestoreObserver& observer) {
-  std::optional<ChangeFailure> unusable;
-  if (journal->origin().start != hashOfStart(source)) {
+  std::optional<ChangeFailure> unusable = requireAsLeft(*journal, handles);
+  if (unusable) {
+    unusable->reason += "; perhaps another disk has the name now";
+  } else if (journal->origin().start != hashOfStart(source)) {
     unusable = ChangeFailure{journal->origin().source, "is not the source that the restore began with", ""};
   } else if (source.facts().isMadeAnew) {
     unusable = startAgain(*journal, source);
@@ -179,6 +208,7 @@ RestoreResult finishRestore(RestoreResult paused, const std::vector<std::shared_
 
 std::optional<ChangeFailure> abandonRestore(std::unique_ptr<LongChange> journal,
                                             const std::vector<std::shared_ptr<DeviceHandle>>& handles) {
+  if (auto failure = requireAsLeft(*journal, handles)) return failure;
   DiskChange change = journal->structures();
   change.title = "undo of " + change.title;
   for (size_t i = 0; i < change.devices.size(); ++i) {
@@ -190,10 +220,6 @@ std::optional<ChangeFailure> abandonRestore(std::unique_ptr<LongChange> journal,
       if (got != static_cast<ssize_t>(now.size())) {
         return ChangeFailure{device.device, got < 0 ? SystemError{errno}.reason() : "the device ends too early",
                              kNothingWritten};
-      }
-      // The volume's places have whatever the restore had come to. Others have one of the two contents.
-      if (i != journal->origin().device && now != run.before && now != run.after) {
-        return ChangeFailure{device.device, run.reason + " was changed since", kNothingWritten};
       }
       run.after = std::exchange(run.before, std::move(now));
     }

@@ -299,6 +299,25 @@ class Interrupted(RestoreTest):
         self.assert_restored()
         self.assert_rest_unchanged()
 
+    def test_another_disk_of_that_name_is_left_alone(self):
+        name, whole = self.interrupted_one()
+        with open(self.packed, "wb") as file:
+            file.write(whole)
+        right = self.path("right.img")
+        os.rename(self.disk, right)
+        images.sparse_copy(self.untouched, self.disk)
+        self.give(self.disk)
+        samples.write(self.disk, WINDOWS.first * 512, b"\xEB\x52\x90NTFS    another volume in the same tables")
+        before = images.content_hash(self.disk)
+        for command in (["restore", "--resume", name], ["restore", "--resume", name, "--no-verify"], ["undo", name]):
+            self.vorlix_refuses(*command, saying=["the boot sector was changed since"])
+            self.assertEqual(images.content_hash(self.disk), before, command)
+            self.assertEqual(self.journals(), [name])
+        os.replace(right, self.disk)
+        self.vorlix_ok("restore", "--resume", name)
+        self.assert_restored()
+        self.assert_rest_unchanged()
+
     def test_another_source_is_refused(self):
         name, _ = self.interrupted_one()
         other = self.path("other.img")

@@ -327,6 +327,31 @@ TEST_F(RestoreTest, ItGoesOnBehindTheLastPieceOnTheMedium) {
   EXPECT_EQ(keptChanges().size(), 1U);
 }
 
+TEST_F(RestoreTest, ADiskThatIsNotAsTheRestoreLeftItIsNotWrittenTo) {
+  NumberedSource source;
+  source.failingPiece = 6;
+  restore(source);
+  struct Case {
+    std::shared_ptr<MemoryDevice> device;
+    const char* structure;
+  };
+  for (const Case& changed : {Case{volume, "the boot sector"}, Case{disk, "sector 0"}}) {
+    const uint8_t was = std::exchange(changed.device->bytes.at(100), uint8_t{0x77});
+    volume->calls.clear();
+    disk->calls.clear();
+    const RestoreResult refused = resume();
+    EXPECT_EQ(refused.end, RestoreResult::End::failed);
+    EXPECT_EQ(refused.failure.reason,
+              std::string(changed.structure) + " was changed since; perhaps another disk has the name now");
+    EXPECT_THAT(volume->calls, IsEmpty());
+    EXPECT_THAT(disk->calls, IsEmpty());
+    EXPECT_THAT(interruptedLongChanges(), ElementsAre(refused.journal));
+    changed.device->bytes.at(100) = was;
+  }
+  EXPECT_EQ(resume().end, RestoreResult::End::done);
+  EXPECT_EQ(volume->bytes, restoredVolume());
+}
+
 TEST_F(RestoreTest, WhatReadsBackDifferentlyIsAFailureBeforeAnythingStarts) {
   volume->afterWrite = [](Content& bytes, uint64_t offset, size_t) {
     if (offset == 2 * kPiece) bytes[2 * kPiece + 77] ^= 1;
