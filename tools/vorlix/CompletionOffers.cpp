@@ -2,7 +2,6 @@
 #include "CompletionOffers.h"
 
 #include <Vorlix/LogCapture.h>
-#include <Vorlix/platform/DeviceFile.h>
 #include <Vorlix/platform/IORegistry.h>
 #include <Vorlix/platform/KeptChange.h>
 #include <Vorlix/platform/LongChange.h>
@@ -18,7 +17,6 @@
 #include <system_error>
 
 #include "DiskTables.h"
-#include "Failure.h"
 #include "Text.h"
 
 namespace vorlix::tool {
@@ -43,13 +41,7 @@ std::optional<DiskTables> tablesOf(const std::string& device) {
   const fs::file_status status = fs::status(device, error);
   const bool isName = !fs::exists(status);  // of a kernel's device or a slice
   if (!isName && !fs::is_regular_file(status) && !fs::is_block_file(status)) return std::nullopt;
-  const auto handle = platform().deviceFile->open(device, DeviceAccess::readOnly, DeviceLock::none);
-  if (!handle) return std::nullopt;
-  try {
-    return readTables(*handle, device);
-  } catch (const Failure&) {
-    return std::nullopt;
-  }
+  return quietlyReadTables(device);
 }
 
 // The numbers of a disk's slices, as the texts of the candidates.

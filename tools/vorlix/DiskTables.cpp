@@ -49,17 +49,6 @@ void readGPT(DeviceHandle& handle, DiskTables& disk) {
   disk.entries = std::move(report.entries);
 }
 
-// Without the mention of changes that were cut off, for looks at a disk beside the one that a command is about.
-std::optional<DiskTables> quietlyReadTables(const std::string& device) {
-  const auto handle = platform().deviceFile->open(device, DeviceAccess::readOnly, DeviceLock::none);
-  if (!handle) return std::nullopt;
-  try {
-    return readTables(*handle, device);
-  } catch (const Failure&) {
-    return std::nullopt;
-  }
-}
-
 // Absent for a whole disk and for what is on no known disk.
 std::optional<std::string> diskOfSlice(const std::string& device) {
   try {
@@ -108,6 +97,16 @@ DiskTables readTables(DeviceHandle& handle, const std::string& device) {
   disk.blockSize = blockSizeOf(handle, device);
   readGPT(handle, disk);
   return disk;
+}
+
+std::optional<DiskTables> quietlyReadTables(const std::string& device) {
+  const auto handle = platform().deviceFile->open(device, DeviceAccess::readOnly, DeviceLock::none);
+  if (!handle) return std::nullopt;
+  try {
+    return readTables(*handle, device);
+  } catch (const Failure&) {
+    return std::nullopt;
+  }
 }
 
 void requireSoundGPT(const DiskTables& disk, bool force) {

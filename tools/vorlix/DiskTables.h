@@ -43,6 +43,10 @@ DiskTables readTables(const std::string& device);
 /// The same through an open handle; `device` is its name.
 DiskTables readTables(DeviceHandle& handle, const std::string& device);
 
+/// The same for looks at a disk beside the one that a command is about: absent if it cannot be read, and without a word
+/// on interrupted changes.
+std::optional<DiskTables> quietlyReadTables(const std::string& device);
+
 /// For commands that write to a disk: throws Failure if its GPT is damaged, unless `force`, which says on standard
 /// error what is written to all the same. A disk without a GPT passes.
 void requireSoundGPT(const DiskTables& disk, bool force);

@@ -3,7 +3,6 @@
 
 #include <filesystem>
 
-#include "Arbitration.h"
 #include "DeviceChanges.h"
 #include "Failure.h"
 #include "RestorePreparation.h"
@@ -80,7 +79,7 @@ std::vector<std::shared_ptr<DeviceHandle>> openDevices(const LongChange& journal
 int complete(const RestoreOptions& options, RestoreResult result, const RestoredVolume& restored,
              const BackupChoice& choice) {
   std::FILE* const output = textOutput(options.progress);
-  const std::string volume = sliceNameOf(restored.disk, restored.partition);
+  const std::string volume = restored.disk + "s" + std::to_string(restored.partition);
   bool hasEFIFiles = false;
   if (result.end == RestoreResult::End::paused) {
     std::vector<std::shared_ptr<DeviceHandle>> handles;
