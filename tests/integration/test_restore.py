@@ -310,7 +310,8 @@ class Interrupted(RestoreTest):
         samples.write(self.disk, WINDOWS.first * 512, b"\xEB\x52\x90NTFS    another volume in the same tables")
         before = images.content_hash(self.disk)
         for command in (["restore", "--resume", name], ["restore", "--resume", name, "--no-verify"], ["undo", name]):
-            self.vorlix_refuses(*command, saying=["the boot sector was changed since"])
+            way_out = ["forgets the restore"] if command[0] == "undo" else []
+            self.vorlix_refuses(*command, saying=["the boot sector was changed since", *way_out])
             self.assertEqual(images.content_hash(self.disk), before, command)
             self.assertEqual(self.journals(), [name])
         os.replace(right, self.disk)

@@ -188,7 +188,11 @@ void abandon(const UndoOptions& options, const std::string& folder) {
   }
   std::vector<std::shared_ptr<DeviceHandle>> handles;
   for (const DeviceChange& device : structures.devices) handles.push_back(openToChange(device.device));
-  if ((failure = abandonRestore(std::move(journal), handles))) fail(*failure);
+  if ((failure = abandonRestore(std::move(journal), handles))) {
+    // If something else was put on the disk on purpose, nothing but the journal is in the way.
+    if (failure->state == kNothingWritten) failure->state += "; removing " + folder + " forgets the restore";
+    fail(*failure);
+  }
   for (const DeviceChange& device : structures.devices) {
     for (const ByteChange& run : device.bytes) {
       std::printf("Restored   %s: %s\n", printable(device.device).c_str(), printable(run.reason).c_str());
