@@ -12,8 +12,6 @@ namespace {
 
 using Sight = FileFact::Sight;
 
-constexpr size_t kSignatureOfDisk = 440;  // in sector 0
-
 bool hasGUID(const std::array<uint8_t, 16>& found, const uint8_t* guid) {
   return std::equal(found.begin(), found.end(), guid);
 }
@@ -26,7 +24,7 @@ struct DeviceCounts {
 
 bool isOnDisk(const StartFacts& facts, const StoreDevice& device) {
   if (!device.isMBR) return hasGUID(device.disk, facts.gpt.header.disk_guid);
-  return std::equal(device.disk.begin(), device.disk.begin() + 4, facts.sector0.begin() + kSignatureOfDisk);
+  return std::equal(device.disk.begin(), device.disk.begin() + 4, facts.sector0.begin() + kDiskSignature);
 }
 
 bool isPartition(const StartFacts& facts, const StoreDevice& device) {

@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <Vorlix/BootSectors.h>
 #include <Vorlix/StartCheck.h>
 
 #include <string>
 #include <utility>
 
 namespace vorlix {
+
+/// Place of the disk signature in sector 0, four bytes behind the boot code.
+inline constexpr size_t kDiskSignature = kPureBootCodeSize;
 
 /// Collects the findings of one check.
 class StartFindings {

@@ -12,7 +12,6 @@ namespace {
 
 constexpr const char* kBasicData = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
 constexpr size_t kVolumeSignature = 510;
-constexpr size_t kDiskSignature = 440;  // in sector 0
 
 const GPTEntry* entryOf(const StartFacts& facts) {
   if (facts.partition == 0 || facts.partition > facts.gpt.entries.size()) return nullptr;
