@@ -55,6 +55,13 @@ class DeviceHandle {
   /// Syncs what was written to the medium. @return 0, or -1 with `errno` set.
   virtual int sync() = 0;
 
+  /// Returns whether a sync of `other` also syncs what was written through this handle. Only the system's own handles
+  /// know, for disk-image files: slices of one image are parts of one file.
+  virtual bool isSyncedWith(const DeviceHandle& other) const {
+    static_cast<void>(other);
+    return false;
+  }
+
   /// Reads like readAt(), but from the medium instead of the system's copy in memory, as far as programs can ask the
   /// system for that. Call sync() first.
   virtual ssize_t readMediumAt(void* buffer, size_t count, uint64_t offset) { return readAt(buffer, count, offset); }

@@ -45,6 +45,9 @@ VORLIX_EXPORT std::optional<ChangeFailure> keepFileChanges(const std::string& ti
 /// Returns the folders of this user's backups in the state folder, oldest first. The newest 100 are kept there.
 VORLIX_EXPORT std::vector<std::string> keptChanges();
 
+/// Returns whether a backup is one of keptChanges(), without listing them.
+VORLIX_EXPORT bool isKeptInStateFolder(const std::string& folder);
+
 /// Reads a backup, wherever its folder is. Fails if it is damaged or larger than 1 GiB.
 VORLIX_EXPORT std::optional<ChangeFailure> readKeptChange(const std::string& folder, KeptChange& kept);
 

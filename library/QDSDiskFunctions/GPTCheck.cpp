@@ -147,7 +147,7 @@ class Check {
 
   // Absent if the disk does not hold all entries. The callers limit `size` to kMaximumEntries entries.
   std::optional<uint32_t> checksumOfEntries(uint64_t offset, uint64_t size) const {
-    std::vector<uint8_t> piece(64 * 1024);
+    std::vector<uint8_t> piece(static_cast<size_t>(std::min<uint64_t>(size, 64 * 1024)));
     uint32_t checksum = 0;
     while (size > 0) {
       const std::span<uint8_t> part(piece.data(), static_cast<size_t>(std::min<uint64_t>(piece.size(), size)));

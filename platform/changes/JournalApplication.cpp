@@ -118,7 +118,7 @@ std::optional<ChangeFailure> JournalApplication::put(Image image) {
   }
   // Also after a failure: what was written so far may as well be there.
   for (size_t i = 0; i < handles_.size(); ++i) {
-    if (handles_[i]->sync() == 0 || failure) continue;
+    if (isSyncedBefore(i) || handles_[i]->sync() == 0 || failure) continue;
     failure = ChangeFailure{journal_.devices()[i].name,
                             "what was written is not on the medium: " + SystemError{errno}.reason(), ""};
   }
@@ -135,6 +135,13 @@ std::optional<ChangeFailure> JournalApplication::put(Image image) {
     }
   }
   return failure;
+}
+
+// Whether the sync of an earlier device was one of this device, too.
+bool JournalApplication::isSyncedBefore(size_t device) const {
+  const auto begin = handles_.begin();
+  return std::any_of(begin, begin + static_cast<std::ptrdiff_t>(device),
+                     [&](const DeviceHandle* earlier) { return handles_[device]->isSyncedWith(*earlier); });
 }
 
 bool JournalApplication::isOnMedium(const JournalRun& run, Image image) const {

@@ -45,6 +45,7 @@ class JournalApplication {
   ChangeFailure failureAt(const JournalRun& run, const std::string& reason) const;
   std::optional<ChangeFailure> checkBefore() const;
   std::optional<ChangeFailure> put(Image image);
+  bool isSyncedBefore(size_t device) const;
   bool isOnMedium(const JournalRun& run, Image image) const;
   std::optional<ChangeFailure> putRun(const JournalRun& run, Image image);
   std::string whatStands() const;

@@ -4,6 +4,7 @@
 #include <Vorlix/platform/FilesInPlace.h>
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/SystemError.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -16,6 +17,7 @@
 #include <cstring>
 #include <filesystem>
 #include <iterator>
+#include <memory>
 #include <string_view>
 #include <system_error>
 
@@ -52,6 +54,21 @@ std::vector<std::string> completeJournalsIn(const char* name) {
   }
   std::sort(folders.begin(), folders.end());
   return folders;
+}
+
+bool isCompleteJournalIn(const char* name, const std::string& folder) {
+  const std::optional<std::string> state = existingStateFolder();
+  const size_t slash = folder.rfind('/');
+  return state && slash != std::string::npos && folder.substr(0, slash) == *state + name && isCompleteJournal(folder);
+}
+
+// Counts the names in a folder without looking at what they name.
+std::ptrdiff_t namesIn(const std::string& folder) {
+  constexpr std::ptrdiff_t kItselfAndParent = 2;
+  const std::unique_ptr<DIR, int (*)(DIR*)> opened(opendir(folder.c_str()), closedir);
+  std::ptrdiff_t count = -kItselfAndParent;
+  while (opened && readdir(opened.get()) != nullptr) ++count;
+  return count;
 }
 
 // The form of journalTime().name, perhaps with the ending of a journal on its way.
@@ -103,8 +120,11 @@ std::vector<std::string> journalsInStateFolder() {
 }
 
 bool isJournalThere(const std::string& folder) {
-  const std::vector<std::string> folders = journalsInStateFolder();
-  return std::find(folders.begin(), folders.end(), folder) != folders.end();
+  return isCompleteJournalIn(kJournals, folder);
+}
+
+bool isBackupThere(const std::string& folder) {
+  return isCompleteJournalIn(kBackups, folder);
 }
 
 std::vector<std::string> backupsInStateFolder() {
@@ -114,10 +134,8 @@ std::vector<std::string> backupsInStateFolder() {
 void removeOldBackups() {
   const std::optional<std::string> state = existingStateFolder();
   if (!state) return;
-  std::error_code error;
-  const auto entries = fs::directory_iterator(*state + kBackups, error);
   // Every change comes here, so that most find nothing to do.
-  if (std::distance(begin(entries), end(entries)) <= kMostBackups) return;
+  if (namesIn(*state + kBackups) <= kMostBackups) return;
   std::vector<std::string> folders = backupsInStateFolder();
   if (folders.size() <= kBackupsLeft) return;
   folders.resize(folders.size() - kBackupsLeft);

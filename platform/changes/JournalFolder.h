@@ -38,8 +38,9 @@ std::optional<ChangeFailure> makeBackupsFolder(std::string& folder);
 std::vector<std::string> journalsInStateFolder();
 std::vector<std::string> backupsInStateFolder();
 
-/// Returns whether a folder is one of journalsInStateFolder() still.
+/// Returns whether a folder is still one of journalsInStateFolder(), or of backupsInStateFolder().
 bool isJournalThere(const std::string& folder);
+bool isBackupThere(const std::string& folder);
 
 /// Removes the oldest backups in the state folder if there are more than 150, so that 100 are left.
 void removeOldBackups();

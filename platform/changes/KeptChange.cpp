@@ -46,6 +46,10 @@ std::vector<std::string> keptChanges() {
   return backupsInStateFolder();
 }
 
+bool isKeptInStateFolder(const std::string& folder) {
+  return isBackupThere(folder);
+}
+
 std::optional<ChangeFailure> readKeptChange(const std::string& folder, KeptChange& kept) {
   std::optional<ChangeFailure> failure;
   const auto journal = Journal::open(folder, failure);

@@ -10,6 +10,10 @@ int syncDescriptor(int descriptor) {
   return fsync(descriptor);
 }
 
+int syncContent(int descriptor) {
+  return fdatasync(descriptor);
+}
+
 void startWriting(int descriptor, uint64_t offset, uint64_t count) {
   // With this flag alone, an error of the medium stays for fsync() to tell.
   static_cast<void>(

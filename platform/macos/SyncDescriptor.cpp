@@ -32,6 +32,10 @@ int syncDescriptor(int descriptor) {
   return -1;
 }
 
+int syncContent(int descriptor) {
+  return syncDescriptor(descriptor);
+}
+
 void startWriting(int, uint64_t, uint64_t) {}  // the system has no call for that
 
 void forgetCached(int descriptor, uint64_t, uint64_t) {

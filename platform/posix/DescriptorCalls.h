@@ -14,6 +14,9 @@ namespace vorlix {
 /// @return 0, or -1 with `errno` set.
 int syncDescriptor(int descriptor);
 
+/// Likewise for the content alone: without the file's times, for example.
+int syncContent(int descriptor);
+
 /// Has the system begin to bring what was written to the medium, as far as programs can ask for that, so that the next
 /// sync is short. Its result tells of failures, too.
 void startWriting(int descriptor, uint64_t offset, uint64_t count);

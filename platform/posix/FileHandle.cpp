@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "FileHandle.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -79,8 +80,18 @@ std::optional<DataRun> FileHandle::dataFrom(uint64_t offset) {
   return DataRun{begin, std::min(static_cast<uint64_t>(end) - window_.offset, window_.size) - begin};
 }
 
+// What is written here never changes a file's size, so that its content is all there is to sync.
 int FileHandle::sync() {
-  return syncDescriptor(descriptor_);
+  return syncContent(descriptor_);
+}
+
+bool FileHandle::isSyncedWith(const DeviceHandle& other) const {
+  const auto* const file = dynamic_cast<const FileHandle*>(&other);
+  struct stat own = {};
+  struct stat others = {};
+  if (file == nullptr || fstat(descriptor_, &own) != 0 || fstat(file->descriptor_, &others) != 0) return false;
+  // The nodes of a disk and of its partitions have caches of their own.
+  return S_ISREG(own.st_mode) && own.st_dev == others.st_dev && own.st_ino == others.st_ino;
 }
 
 int FileHandle::close() {

@@ -25,6 +25,7 @@ class FileHandle final : public DeviceHandle {
   ssize_t readAt(void* buffer, size_t count, uint64_t offset) override;
   ssize_t writeAt(const void* buffer, size_t count, uint64_t offset) override;
   int sync() override;
+  bool isSyncedWith(const DeviceHandle& other) const override;
   ssize_t readMediumAt(void* buffer, size_t count, uint64_t offset) override;
   std::optional<DeviceIdentity> identity() override { return identityOf(descriptor_, window_.offset); }
   std::optional<uint64_t> size() override { return window_.size; }

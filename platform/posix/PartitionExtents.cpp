@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <span>
+#include <utility>
 #include <vector>
 
 namespace vorlix {
@@ -17,6 +19,7 @@ namespace {
 // UEFI Specification 2.10, tables 5.1, 5.5 and 5.6.
 constexpr size_t kMBRSlots = 446;
 constexpr size_t kMBRSignature = 510;
+constexpr size_t kHeaderSize = 92;
 constexpr size_t kHeaderEntryLBA = 72;
 constexpr size_t kHeaderEntryCount = 80;
 constexpr size_t kEntrySize = 128;
@@ -50,10 +53,23 @@ bool hasSecondHeader(int descriptor, uint64_t diskSize, uint32_t blockSize) {
          leavesDiskToGPT(readBlock(descriptor, 0, 512));
 }
 
-std::optional<Extent> gptExtent(int descriptor, uint64_t headerLBA, uint64_t diskSize, uint32_t blockSize,
+struct HeaderBlock {
+  uint64_t lba = 0;
+  std::vector<uint8_t> bytes;
+};
+
+// Returns the header that counts: the first one, or where that is gone, an undamaged second one.
+std::optional<HeaderBlock> headerBlock(int descriptor, uint64_t diskSize, uint32_t blockSize) {
+  std::vector<uint8_t> first = readBlock(descriptor, 1, blockSize);
+  if (hasGPTSignature(first)) return HeaderBlock{1, std::move(first)};
+  if (!hasSecondHeader(descriptor, diskSize, blockSize)) return std::nullopt;
+  const uint64_t last = diskSize / blockSize - 1;
+  return HeaderBlock{last, readBlock(descriptor, last, blockSize)};
+}
+
+std::optional<Extent> gptExtent(int descriptor, std::span<const uint8_t> header, uint64_t diskSize, uint32_t blockSize,
                                 uint32_t number) {
-  std::array<uint8_t, 92> header;
-  if (!readWhole(descriptor, header, headerLBA * blockSize)) return std::nullopt;
+  if (header.size() < kHeaderSize) return std::nullopt;
   const uint64_t entryLBA = littleEndian(header, kHeaderEntryLBA, 8);
   const uint64_t count = littleEndian(header, kHeaderEntryCount, 4);
   if (number > count || entryLBA >= diskSize / blockSize) return std::nullopt;
@@ -92,15 +108,14 @@ uint32_t imageBlockSize(int descriptor) {
 }
 
 std::optional<uint64_t> gptHeaderLBA(int descriptor, uint64_t diskSize, uint32_t blockSize) {
-  if (hasGPTSignature(readBlock(descriptor, 1, blockSize))) return 1;
-  if (hasSecondHeader(descriptor, diskSize, blockSize)) return diskSize / blockSize - 1;
-  return std::nullopt;
+  const std::optional<HeaderBlock> header = headerBlock(descriptor, diskSize, blockSize);
+  return header ? std::optional(header->lba) : std::nullopt;
 }
 
 std::optional<Extent> partitionExtent(int descriptor, uint64_t diskSize, uint32_t blockSize, uint32_t number) {
   if (number == 0 || blockSize == 0) return std::nullopt;
-  if (const auto headerLBA = gptHeaderLBA(descriptor, diskSize, blockSize)) {
-    return gptExtent(descriptor, *headerLBA, diskSize, blockSize, number);
+  if (const auto header = headerBlock(descriptor, diskSize, blockSize)) {
+    return gptExtent(descriptor, header->bytes, diskSize, blockSize, number);
   }
   return mbrExtent(descriptor, diskSize, blockSize, number);
 }

@@ -94,6 +94,22 @@ TEST_F(NativeDeviceFile, AnExistingFileTakesPrecedenceOverASlice) {
   EXPECT_EQ(readFrom(*device, 0, 100), (Buffer{1, 2, 3}));
 }
 
+TEST_F(NativeDeviceFile, OneSyncIsEnoughForTheSlicesOfOneImage) {
+  const std::string path = usualImage();
+  const std::string other = folder_ / "other.img";
+  writeUsualImage(other, 512);
+  const auto disk = open(path, DeviceAccess::readWrite);
+  const auto slice = open(path + "s3", DeviceAccess::readWrite);
+  const auto elsewhere = open(other, DeviceAccess::readWrite);
+  ASSERT_TRUE(disk && slice && elsewhere);
+  EXPECT_FALSE(disk->isSyncedWith(*elsewhere));
+  EXPECT_FALSE(slice->isSyncedWith(*elsewhere));
+  EXPECT_TRUE(disk->isSyncedWith(*slice));
+  EXPECT_TRUE(slice->isSyncedWith(*disk));
+  ASSERT_EQ(slice->close(), 0);
+  EXPECT_FALSE(disk->isSyncedWith(*slice));
+}
+
 TEST_F(NativeDeviceFile, DescriptorsAreNotInherited) {
   const std::string path = usualImage();
   const std::set<int> before = openDescriptors();

@@ -24,10 +24,12 @@ WHY_NO_TRACE = why_no_trace()
 
 @unittest.skipIf(WHY_NO_TRACE, WHY_NO_TRACE)
 class LookOnce(macs.ImageTest):
-    def trace(self, what, *arguments, expect=0):
-        """The system calls of a command, a line each, without the process number before them."""
+    def trace(self, what, *arguments, expect=0, paths=False):
+        """The system calls of a command, a line each, without the process number before them; with the paths of
+        descriptors if wanted."""
         log = self.path("calls")
-        result = self.vorlix_run(*arguments, prefix=volumes.strace("-f", "-o", log, "-e", what))
+        options = ["-y"] if paths else []
+        result = self.vorlix_run(*arguments, prefix=volumes.strace("-f", *options, "-o", log, "-e", what))
         self.assertEqual(result.returncode, expect, f"{arguments}: {result.stdout}{result.stderr}")
         with open(log, encoding="utf-8", errors="replace") as lines:
             return [re.sub(r"^\d+ +", "", line.rstrip("\n")) for line in lines]
@@ -59,6 +61,51 @@ class LookOnce(macs.ImageTest):
         self.assert_opens(10, image, *self.hybrid_words(image, "--dry-run"), expect=1)
         self.assert_opens(10, image, *self.hybrid_words(image))
         self.assert_sector0(image, self.expected_sector0(image, macs.WINDOWS))
+
+    def test_hybrid_syncs_the_image_once(self):
+        """Between its last write and the end of the journal, and nothing is written before the journal is synced."""
+        image = self.mac_image()
+        calls = self.trace("trace=fsync,fdatasync,pwrite64,/^rename", *self.hybrid_words(image), paths=True)
+        steps = [self.step_of(call, image) for call in calls]
+        journal = ["sync manifest.json", "sync before.bin", "sync after.bin", "sync folder", "rename", "sync folder"]
+        self.assertEqual(steps[:6], journal)
+        written = [step for step in steps[6:] if step == "write image"]
+        self.assertGreater(len(written), 1)
+        self.assertEqual(steps[6:], [*written, "sync image", "rename", "sync folder", "sync folder"])
+
+    @staticmethod
+    def step_of(call, image):
+        """What a call of a trace does to the image or to a journal."""
+        if call.startswith("rename"):
+            return "rename"
+        path = re.match(r"\w+\(\d+<(.*?)>", call).group(1)
+        name = os.path.basename(path)
+        what = "image" if path == image else name if name.endswith((".json", ".bin")) else "folder"
+        return ("write " if call.startswith("pwrite64(") else "sync ") + what
+
+    def test_hybrid_looks_at_no_backup_that_it_did_not_make(self):
+        """Whatever number of them the state folder has, which is the user's own here."""
+        if missing := volumes.missing("setpriv"):
+            self.skipTest(f"not installed: {missing}")
+        image, state, log = self.mac_image(), self.path("state"), self.path("calls")
+        os.mkdir(state, 0o700)
+        if os.geteuid() == 0:
+            for path in (self.folder, state, image):
+                os.chown(path, images.NOBODY, images.NOBODY)
+        user = (*volumes.user_prefix(), "env", f"XDG_STATE_HOME={state}")
+        self.vorlix_ok(*self.hybrid_words(image), prefix=user)
+        (earlier,) = os.listdir(os.path.join(state, "vorlix", "backups"))
+        options = ["-f", "-y", "-o", log, "-e", "trace=%file,%desc"]
+        self.vorlix_ok(*self.hybrid_words(image), prefix=(*volumes.strace(*options), *user))
+        with open(log, encoding="utf-8", errors="replace") as lines:
+            calls = [line for line in lines if "/vorlix/backups" in line]
+        self.assertGreater(len(calls), 1, "the trace does not show what it counts")
+        self.assertEqual([call for call in calls if earlier in call], [])
+
+    def test_hybrid_reads_the_boot_code_once(self):
+        image = self.mac_image()
+        calls = self.trace("trace=openat", *self.hybrid_words(image))
+        self.assertEqual(len([call for call in calls if f'"{self.boot_code}"' in call]), 1)
 
     def test_check(self):
         image = self.mac_image()

@@ -41,6 +41,7 @@ class HookedHandle : public DeviceHandle {
 
   std::function<int()> beforeWrite = [] { return 0; };  // an error other than 0 fails the write
   std::function<int()> beforeSync = [] { return 0; };
+  const DeviceHandle* sameFile = nullptr;  // whose sync is one of this handle, too
 
   ssize_t readAt(void* buffer, size_t count, uint64_t offset) override { return inner_->readAt(buffer, count, offset); }
   ssize_t writeAt(const void* buffer, size_t count, uint64_t offset) override {
@@ -48,6 +49,7 @@ class HookedHandle : public DeviceHandle {
     return inner_->writeAt(buffer, count, offset);
   }
   int sync() override { return (errno = beforeSync()) != 0 ? -1 : inner_->sync(); }
+  bool isSyncedWith(const DeviceHandle& other) const override { return &other == sameFile; }
   ssize_t readMediumAt(void* buffer, size_t count, uint64_t offset) override {
     return inner_->readMediumAt(buffer, count, offset);
   }
@@ -164,6 +166,25 @@ TEST_F(ChangeTest, WritesInOrderSyncsAndLeavesNoJournal) {
   EXPECT_FALSE(applyChange(twoWrites()));
   EXPECT_THAT(machine.writes(), ElementsAre("write disk0 0+512", "write disk0s3 28+4", "sync disk0", "sync disk0s3"));
   EXPECT_EQ(wholeDisk(), expectedDisk(true, true));
+  EXPECT_THAT(journals(), IsEmpty());
+}
+
+TEST_F(ChangeTest, HandlesOfOneFileAreSyncedOnce) {
+  DiskChange change = twoWrites();
+  slice->sameFile = disk.get();
+  EXPECT_FALSE(applyChange(change));
+  EXPECT_THAT(machine.writes(), ElementsAre("write disk0 0+512", "write disk0s3 28+4", "sync disk0"));
+  EXPECT_EQ(wholeDisk(), expectedDisk(true, true));
+}
+
+TEST_F(ChangeTest, TheOneSyncOfAFileCountsForAllItsHandles) {
+  DiskChange change = twoWrites();
+  slice->sameFile = disk.get();
+  disk->beforeSync = failing(1);
+  const auto failure = applyChange(change);
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->subject, "disk0");
+  EXPECT_EQ(wholeDisk(), expectedDisk(false, false));
   EXPECT_THAT(journals(), IsEmpty());
 }
 
@@ -484,10 +505,12 @@ TEST_F(ChangeTest, TheJournalBecomesTheBackupFromWhichTheChangeIsUndone) {
   EXPECT_EQ(wholeDisk(), expectedDisk(true, true));
   EXPECT_THAT(journals(), IsEmpty());
   EXPECT_THAT(keptChanges(), ElementsAre(kept));
+  EXPECT_TRUE(isKeptInStateFolder(kept));
   EXPECT_FALSE(applyChange(undoOf(kept, {disk, slice})));
   EXPECT_EQ(wholeDisk(), expectedDisk(false, false));
   dropKeptChange(kept);
   EXPECT_THAT(keptChanges(), IsEmpty());
+  EXPECT_FALSE(isKeptInStateFolder(kept));
 }
 
 TEST_F(ChangeTest, ABackupSaysWhereItsDevicesAreOnTheirDisk) {
@@ -520,6 +543,7 @@ TEST_F(ChangeTest, ABackupInAFolderIsCompleteBeforeTheFirstWrite) {
   EXPECT_TRUE(isComplete);
   EXPECT_EQ(fs::path(kept).parent_path(), backup.folder);
   EXPECT_THAT(keptChanges(), IsEmpty());
+  EXPECT_FALSE(isKeptInStateFolder(kept));
 }
 
 TEST_F(ChangeTest, AChangeThatIsNotMadeLeavesNoBackup) {

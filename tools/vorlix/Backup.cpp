@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Backup.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 
@@ -29,9 +28,7 @@ ChangeBackup changeBackup(const BackupChoice& choice) {
 }
 
 std::string undoArgument(const std::string& kept) {
-  const std::vector<std::string> all = keptChanges();
-  const bool isInStateFolder = std::find(all.begin(), all.end(), kept) != all.end();
-  return isInStateFolder ? std::filesystem::path(kept).filename().string() : kept;
+  return isKeptInStateFolder(kept) ? std::filesystem::path(kept).filename().string() : kept;
 }
 
 void printUndo(const std::string& kept, std::FILE* output) {

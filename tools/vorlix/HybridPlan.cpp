@@ -47,11 +47,16 @@ std::vector<uint8_t> readBootCode(const std::string& path, bool force) {
   return bytes;
 }
 
+void readBootCodeOnce(const HybridRequest& request, HybridPlan& plan) {
+  if (request.bootCode.empty() || !plan.bootCodeFile.empty()) return;
+  plan.bootCodeFile = readBootCode(request.bootCode, request.force);
+}
+
 // The file's, or else the disk's. A disk without any gets our own, but for a guard MBR, which is to start nothing.
-std::vector<uint8_t> chooseBootCode(const HybridRequest& request, const std::vector<uint8_t>& file, HybridPlan& plan) {
-  if (!file.empty()) {
+std::vector<uint8_t> chooseBootCode(const HybridRequest& request, HybridPlan& plan) {
+  if (!plan.bootCodeFile.empty()) {
     plan.bootCode = BootCodeOrigin::file;
-    return file;
+    return plan.bootCodeFile;
   }
   const Sector& sector0 = plan.disk.sector0;
   std::vector<uint8_t> code(sector0.begin(), sector0.begin() + static_cast<std::ptrdiff_t>(kBootCodeSize));
@@ -216,9 +221,8 @@ void planSector0(const HybridRequest& request, HybridPlan& plan) {
     throw Failure(request.disk, "slot 1 would be of type " + std::to_string(plan.table.parts[0].type) +
                                     " instead of EE: GPT entry 1 must be the EFI System Partition");
   }
-  std::vector<uint8_t> file;
-  if (!request.bootCode.empty()) file = readBootCode(request.bootCode, request.force);
-  const std::vector<uint8_t> code = chooseBootCode(request, file, plan);
+  readBootCodeOnce(request, plan);
+  const std::vector<uint8_t> code = chooseBootCode(request, plan);
   const Sector wanted = makeSector0(code, plan.table.parts);
   plan.difference = compareSector0(plan.disk.sector0, wanted);
   plan.newSector0 = renewedSector0(plan.disk.sector0, wanted);
@@ -226,7 +230,7 @@ void planSector0(const HybridRequest& request, HybridPlan& plan) {
 
 HybridPlan planHybrid(const HybridRequest& request) {
   HybridPlan plan;
-  if (!request.bootCode.empty()) readBootCode(request.bootCode, request.force);  // before the disk is opened
+  readBootCodeOnce(request, plan);  // before the disk is opened
   plan.handle = openFor(request, request.disk);
   plan.disk = readTables(*plan.handle, request.disk);
   if (!plan.disk.header) {

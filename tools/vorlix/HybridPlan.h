@@ -60,7 +60,8 @@ struct HybridPlan {
   PartitionTable table = {};  ///< the MBR that the disk should have
   Sector newSector0 = {};
   BootCodeOrigin bootCode = BootCodeOrigin::disk;
-  Sector0Difference difference;  ///< of sector 0
+  std::vector<uint8_t> bootCodeFile;  ///< what was read of the file that the request names; empty before
+  Sector0Difference difference;       ///< of sector 0
   std::optional<VolumePlan> volume;
   Serial serial = {};
 

@@ -96,8 +96,7 @@ int showFound(const std::shared_ptr<QDVolume>& volume, bool json, bool byLabel =
     Json object = volumeJson(*volume, all);
     Json list = Json::array();
     for (const auto& other : others) list.append(volumeJson(*other, all));
-    object.add("others", std::move(list));
-    object.add("version", kJsonVersion);
+    object.addMembers(Json::object({{"others", std::move(list)}, {"version", kJsonVersion}}));
     object.print();
     return kDone;
   }
