@@ -25,7 +25,8 @@ namespace vorlix {
 struct BackupRequest {
   std::string volume;  ///< a slice of a disk or disk image, or an image of one volume
   std::string folder;  ///< to be made; its parent exists
-  /// Save a volume that is mounted for writing, or on which a change was cut off: what is saved may be torn.
+  /// Save a volume that is mounted for writing, or on which a change was cut off: what is saved may be torn. Also saves
+  /// the rest where a small structure cannot be read.
   bool force = false;
 };
 
@@ -45,6 +46,7 @@ struct BackupPart {
   std::optional<uint64_t> volumeOffset;  ///< likewise on the volume
   std::vector<uint8_t> bytes;            ///< the content of the file
   std::string missing;                   ///< why there is none; empty where there is
+  bool isUnread = false;                 ///< missing because reading failed: nobody knows whether there is one
 };
 
 /// What will be saved. Holds the volume open, with a shared lock.
@@ -61,7 +63,8 @@ struct BackupPlan {
 };
 
 /// Looks at a volume. Refuses a folder that exists, a whole disk with a partition table, a volume that is locked, and,
-/// without `force`, one that is mounted for writing. @return why not; absent for success.
+/// without `force`, one that is mounted for writing, or whose small structures cannot be read.
+/// @return why not; absent for success.
 VORLIX_EXPORT std::optional<BackupFailure> planBackup(const BackupRequest& request, BackupPlan& plan);
 
 /// How far a backup or its verification is.

@@ -31,6 +31,7 @@ void readRun(DeviceHandle& disk, uint64_t offset, uint64_t size, BackupPart& par
     part.diskOffset = offset;
     return;
   }
+  part.isUnread = got < 0;
   part.missing = got < 0 ? SystemError{errno}.reason() : "the disk ends before";
   part.bytes.clear();
 }
@@ -149,12 +150,14 @@ VolumesDisk lookAtDisk(const std::string& name) {
   facts.name = name;
   facts.handle = platform().deviceFile->open(name, DeviceAccess::readOnly, DeviceLock::none);
   if (!facts.handle) {
+    facts.isUnread = errno != EACCES && errno != EPERM;
     facts.reason = SystemError{errno}.reason();
     return facts;
   }
   facts.size = facts.handle->size().value_or(0);
   facts.blockSize = std::max<uint64_t>(facts.handle->blockSize().value_or(kSectorSize), kSectorSize);
   if (facts.handle->readAt(facts.sector0.data(), facts.sector0.size(), 0) != static_cast<ssize_t>(kSectorSize)) {
+    facts.isUnread = true;
     facts.reason = "its sector 0 cannot be read";
     facts.handle.reset();
     return facts;
@@ -176,7 +179,10 @@ void addDiskParts(const VolumesDisk& facts, bool isPartitioned, std::vector<Back
   if (!isPartitioned || !facts.handle) {
     const std::string reason =
         isPartitioned ? facts.name + ": " + facts.reason : "the volume is not on a partitioned disk";
-    for (BackupPart* const part : {&code, &table, &copy, &store}) part->missing = reason;
+    for (BackupPart* const part : {&code, &table, &copy, &store}) {
+      part->missing = reason;
+      part->isUnread = isPartitioned && facts.isUnread;
+    }
   } else {
     readRun(*facts.handle, 0, kBootCodeSize, code);
     readTable(*facts.handle, facts, table);

@@ -16,6 +16,7 @@ struct VolumesDisk {
   std::string name;
   std::shared_ptr<DeviceHandle> handle;  ///< null where it cannot be read, with a `reason`
   std::string reason;
+  bool isUnread = false;  ///< reading failed for another reason than missing rights
   uint64_t size = 0;
   uint64_t blockSize = 0;
   Sector sector0 = {};

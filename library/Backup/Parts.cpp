@@ -31,6 +31,7 @@ void readVolumeRun(DeviceHandle& volume, uint64_t offset, uint64_t size, BackupP
     part.volumeOffset = offset;
     return;
   }
+  part.isUnread = got < 0;
   part.missing = got < 0 ? SystemError{errno}.reason() : "the volume ends before";
   part.bytes.clear();
 }

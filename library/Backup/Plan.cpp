@@ -63,6 +63,13 @@ void roundToBlocks(std::vector<ByteRange>& ranges, uint64_t size) {
   ranges.resize(kept);
 }
 
+// A part that cannot be read is not a part that the disk does not have.
+void checkParts(BackupPlan& plan) {
+  for (const BackupPart& part : plan.parts) {
+    if (part.isUnread) object(plan, part.file + " cannot be saved: " + part.missing);
+  }
+}
+
 void readVolume(BackupPlan& plan) {
   plan.volume = openVolume(plan.request.volume);
   const std::optional<uint64_t> size = plan.volume->size();
@@ -86,7 +93,9 @@ void lookAt(BackupPlan& plan) {
   const auto disk = session ? session->diskFromBSDName(volume) : nullptr;
   if (!disk) throw BackupError(volume, errno == EACCES ? SystemError{errno}.reason() : "no such device or disk image");
   const Dictionary description = disk->copyDescription().value_or(Dictionary{});
+  errno = 0;
   const auto whole = disk->wholeDisk();
+  if (!whole && errno != 0 && errno != ENOENT) throw BackupError(volume, "its disk: " + SystemError{errno}.reason());
   plan.name = disk->bsdName().value_or(volume);
   plan.wholeDisk = (whole ? whole->bsdName() : std::nullopt).value_or(plan.name);
   checkMounts(plan, description);
@@ -105,6 +114,7 @@ void lookAt(BackupPlan& plan) {
   addVolumeParts(plan);
   plan.parts.insert(plan.parts.end(), std::make_move_iterator(ofDisk.begin()), std::make_move_iterator(ofDisk.end()));
   addIdentityParts(plan, facts, description);
+  checkParts(plan);
 }
 
 }  // namespace

@@ -157,7 +157,8 @@ void addBackupCommand(Command& top, int& status) {
   command.addFlag("--dry-run", options->dryRun, "Show what would be saved; write nothing").excludes(verified);
   command
       .addFlag("--force", options->request.force,
-               "Save a volume that is mounted for writing, or on which a change was cut off")
+               "Save a volume that is mounted for writing, on which a change was cut off, or of which a small "
+               "structure cannot be read")
       .excludes(verified);
   command.addFlag("--json", options->json, "Print the plan and the result as JSON, one object a line");
   addProgressOption(command, options->progress);
