@@ -11,7 +11,7 @@ import tempfile
 import time
 import unittest
 
-from support import gpt, hive, images, samples, volumes
+from support import gpt, hive, images, samples, sparse, volumes
 
 MAC_SIZE = 512 << 20
 # The layout of a Mac with a Windows partition, in blocks of 512 bytes: first, last and type of each entry.
@@ -129,10 +129,11 @@ def fat_volume(path, size):
 
 def write_sparse(path, offset, data):
     """Writes the parts of `data` that are not zero. The file must have a hole there."""
-    for at in range(0, len(data), images.PAGE):
-        page = data[at : at + images.PAGE]
-        if page.strip(b"\0"):
-            gpt.write_at(path, offset + at, page)
+    with open(path, "r+b") as file:
+        for at in range(0, len(data), images.PAGE):
+            page = data[at : at + images.PAGE]
+            if not sparse.is_zero(page):
+                os.pwrite(file.fileno(), page, offset + at)
 
 
 def blkid_probe(path, offset, size):

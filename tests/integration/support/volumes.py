@@ -4,7 +4,8 @@
 import atexit
 import functools
 import glob
-import hashlib
+import importlib.machinery
+import importlib.util
 import os
 import shutil
 import subprocess
@@ -12,7 +13,7 @@ import sys
 import tempfile
 import time
 
-from support import hive, images, samples
+from support import hive, images, samples, sparse
 
 IS_ROOT = os.geteuid() == 0
 ROOT_MOUNTS = "/run/vorlix"
@@ -73,16 +74,7 @@ def copy_command(command, folder):
 
 def region_hash(path, first, count):
     """Digest of `count` bytes from offset `first` on."""
-    digest = hashlib.sha256()
-    with open(path, "rb") as file:
-        file.seek(first)
-        while count > 0:
-            block = file.read(min(count, 1 << 20))
-            if not block:
-                break
-            digest.update(block)
-            count -= len(block)
-    return digest.hexdigest()
+    return sparse.digest(path, first, count)
 
 
 # --------------------------------------------------------------------------------------------------------- FAT volumes
@@ -154,14 +146,23 @@ def folder_tree(folder):
     return tree
 
 
+@functools.lru_cache(maxsize=None)
+def ntfs_mkdir():
+    """The script tools/dev/ntfs_mkdir as a module: a process of its own takes longer to start than to make the folders."""
+    script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../../tools/dev/ntfs_mkdir")
+    loader = importlib.machinery.SourceFileLoader("ntfs_mkdir", script)
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("ntfs_mkdir", loader))
+    loader.exec_module(module)
+    return module
+
+
 def add_to_ntfs(path, tree):
     """Adds a tree in the form of put_tree() to an NTFS volume in a file, by ntfs_mkdir and ntfscp."""
     folders = {name for name, content in tree.items() if content is None}
     folders |= {os.path.dirname(name) for name, content in tree.items() if content is not None} - {""}
     environment = {**os.environ, "LC_ALL": "C.UTF-8"}
-    if folders:
-        script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../../tools/dev/ntfs_mkdir")
-        subprocess.run([sys.executable, script, path, *sorted(folders)], env=environment, check=True, timeout=60)
+    if folders and (status := ntfs_mkdir().main([path, *sorted(folders)])) != 0:
+        raise AssertionError(f"ntfs_mkdir {path} ended with {status}")
     for name, content in tree.items():
         if content is None:
             continue
@@ -194,14 +195,8 @@ def make_ntfs(path, size, tree, start=2048, sector_size=512):
 
 def check_fat(image, offset=0, size=None):
     """fsck.vfat finds nothing wrong in a copy of the volume; it cannot read a volume inside a larger image."""
-    with tempfile.NamedTemporaryFile(prefix="vorlix-fsck-") as copy, open(image, "rb") as source:
-        size = size or os.path.getsize(image) - offset
-        source.seek(offset)
-        for at in range(0, size, 1 << 20):
-            block = source.read(min(1 << 20, size - at))
-            if block.strip(b"\0"):
-                os.pwrite(copy.fileno(), block, at)
-        os.truncate(copy.name, size)
+    with tempfile.NamedTemporaryFile(prefix="vorlix-fsck-") as copy:
+        sparse.copy(image, copy.name, offset, size)
         images.run_tool("fsck.vfat", "-n", copy.name)
 
 
