@@ -114,16 +114,30 @@ def make_fat(path, bits=16, label=None, size=None):
 
 
 def put_tree(image, tree, offset=0):
-    """Fills a FAT volume: {relative path: bytes, or None for a folder}; a folder precedes its content."""
-    with tempfile.TemporaryDirectory(prefix="vorlix-tree-") as folder:
-        for number, (path, content) in enumerate(tree.items()):
-            if content is None:
-                mtools("mmd", image, f"::/{path}", offset=offset)
-                continue
-            source = os.path.join(folder, str(number))
-            with open(source, "wb") as file:
-                file.write(content)
-            mtools("mcopy", image, source, f"::/{path}", offset=offset)
+    """
+    Fills a FAT volume: {relative path: bytes, or None for a folder}; a folder precedes its content.
+
+    One process makes the folders, and one more the files of each.
+    """
+    folders = [f"::/{path}" for path, content in tree.items() if content is None]
+    if folders:
+        mtools("mmd", image, *folders, offset=offset)
+    files = {}
+    for path, content in tree.items():
+        if content is not None:
+            files.setdefault(os.path.dirname(path), {})[os.path.basename(path)] = content
+    for place, contents in files.items():
+        with tempfile.TemporaryDirectory(prefix="vorlix-tree-") as work:
+            sources = []
+            for name, content in contents.items():
+                # FAT counts the letters of a name, this file system their bytes.
+                sources.append(os.path.join(work, name if len(os.fsencode(name)) < 256 else "long"))
+                with open(sources[-1], "wb") as file:
+                    file.write(content)
+                if os.path.basename(sources[-1]) != name:
+                    mtools("mcopy", image, sources.pop(), f"::/{place}/{name}", offset=offset)
+            if sources:
+                mtools("mcopy", image, *sources, f"::/{place}", offset=offset)
 
 
 def read_tree(image, offset=0):
