@@ -49,9 +49,9 @@ class Frames {
       coders_.push_back(newBackupCoder());
       hashes_.push_back(newBackupHash());
     }
-    for (FrameSlot& slot : slots_) {
-      slot.block.resize(kFrameSize);
-      slot.frame.resize(coders_.front()->largestFrame(kFrameSize));
+    for (size_t i = 0; i < std::min<uint64_t>(kSlots, count_); ++i) {
+      slots_[i].block.resize(kFrameSize);
+      slots_[i].frame.resize(coders_.front()->largestFrame(kFrameSize));
     }
   }
 

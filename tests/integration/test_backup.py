@@ -2,6 +2,7 @@
 """`vorlix backup`: what it saves, read by zstd and bmaptool; what it refuses; what is left of it after a failure."""
 
 import contextlib
+import dataclasses
 import fcntl
 import glob
 import hashlib
@@ -22,8 +23,8 @@ from support.allocation import MIB
 HAS_FUSE = os.geteuid() == 0 and os.path.exists("/dev/fuse")
 IS_ROOT = os.geteuid() == 0
 MISSING = volumes.missing("zstd", "bmaptool", "mkntfs", "mkfs.vfat", "mkfs.exfat", "sgdisk", "mcopy", "partclone.ntfs")
-WINDOWS = samples.Slice(3, 40960, 128 * 2048, samples.BASIC_DATA, "BOOTCAMP")
-DISK_SECTORS = 360448
+WINDOWS = samples.Slice(3, 40960, 32 * 2048, samples.BASIC_DATA, "BOOTCAMP")
+DISK_SECTORS = 110592
 STORE = b"regf" + bytes(range(256)) * 40
 LARGEST_MEMORY = 128 << 10  # KiB
 ENDED_BY_ERROR = 2
@@ -31,18 +32,19 @@ ENDED_BY_ERROR = 2
 
 @unittest.skipIf(MISSING, f"needs {MISSING}")
 class BackupTest(images.CommandTest):
-    def ntfs_with_files(self, name="windows", size=128 * MIB):
+    def ntfs_with_files(self, name="windows", size=32 * MIB, largest=9 * MIB):
         path = self.path(name)
         allocation.make("ntfs", path, size)
         with open(self.path("content"), "wb") as file:
-            file.write(random.Random(7).randbytes(9 * MIB) + bytes(MIB) + b"text " * 200_000)
+            file.write(random.Random(7).randbytes(largest) + bytes(MIB) + b"text " * 200_000)
         samples.run("ntfscp", "-f", path, self.path("content"), "file.bin")
         return path
 
     def mac(self, volume):
         """A disk image with an EFI System Partition that holds a store, and a volume as slice 3."""
         path = self.path("mac.img")
-        samples.make_disk(path, DISK_SECTORS, [volumes.EFI, volumes.APPLE, WINDOWS])
+        windows = dataclasses.replace(WINDOWS, sectors=os.path.getsize(volume) // 512)
+        samples.make_disk(path, DISK_SECTORS, [volumes.EFI, volumes.APPLE, windows])
         esp = self.path("esp")
         allocation.make("fat16", esp, volumes.EFI.sectors * 512)
         with open(self.path("BCD"), "wb") as file:
@@ -141,7 +143,7 @@ class Saved(BackupTest):
         self.assert_verified(folder, 0, "Whole")
 
     def test_independent_frames_with_sizes_and_checksums(self):
-        volume = self.ntfs_with_files()
+        volume = self.ntfs_with_files(size=128 * MIB)
         folder = self.backup(volume)
         listed = samples.run("zstd", "-lv", os.path.join(folder, "volume.img.zst"))
         self.assertIn("# Zstandard Frames: 32", listed)
@@ -164,12 +166,12 @@ class Saved(BackupTest):
 
     @unittest.skipUnless(HAS_FUSE, "mounting needs root and FUSE")
     def test_mounted_trees_are_equal(self):
-        for kind, size in (("ntfs", 128 * MIB), ("exfat", 128 * MIB)):
+        for kind, size in (("ntfs", 32 * MIB), ("exfat", 32 * MIB)):
             with self.subTest(kind):
                 volume = self.path(kind)
                 allocation.make(kind, volume, size)
                 with allocation.mounted(kind, volume, self.path("mount")) as mount:
-                    allocation.write_files(mount, 80, kind)
+                    allocation.write_files(mount, 40, kind)
                 folder = self.backup(volume, "backup-" + kind)
                 self.assertFalse(self.manifest(folder)["saved"]["everything"])
                 self.assertEqual(self.restored_by_bmaptool(folder), self.restored_by_zstd(folder))
@@ -198,7 +200,9 @@ class Saved(BackupTest):
     def test_everything_for_a_doubt(self):
         volume = self.ntfs_with_files()
         with open(volume, "r+b") as file:
-            file.seek(60 * MIB)
+            file.seek(10 * MIB)
+            self.assertEqual(file.read(MIB), bytes(MIB), "in use")
+            file.seek(10 * MIB)
             file.write(b"removed file's content")
         record = struct.unpack("<Q", samples.read(volume, 48, 8))[0] * 4096 + 3 * 1024
         flags = samples.read(volume, record, 1024).index(b"\x03\x01\x00\x00", 0x100) + 2
@@ -241,7 +245,7 @@ class Saved(BackupTest):
         volume = self.path("large")
         block = random.Random(1).randbytes(8 * MIB)
         with open(volume, "wb") as file:
-            for _ in range(40):
+            for _ in range(24):
                 file.write(block)
         process = subprocess.Popen([self.vorlix, "backup", volume, self.path("backup")], stdout=subprocess.DEVNULL,
                                    stderr=subprocess.DEVNULL)
@@ -346,9 +350,10 @@ class Interrupted(BackupTest):
 
     def test_ended_by_a_signal(self):
         volume = self.path("large")
+        block = random.Random(1).randbytes(8 * MIB)  # two frames, which know nothing of others
         with open(volume, "wb") as file:
-            for number in range(30):
-                file.write(random.Random(number).randbytes(8 * MIB))
+            for _ in range(30):
+                file.write(block)
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
             process = self.start(volume)
             while not glob.glob(self.path("backup") + ".new/volume.img.zst"):
@@ -421,7 +426,7 @@ class Interrupted(BackupTest):
 
 class Verified(BackupTest):
     def test_every_file_cut_changed_or_gone(self):
-        folder = self.backup(self.mac(self.ntfs_with_files()) + "s3")
+        folder = self.backup(self.mac(self.ntfs_with_files(size=12 * MIB, largest=MIB)) + "s3")  # three frames
         choice = random.Random(11)
         for name in sorted(os.listdir(folder)):
             path = os.path.join(folder, name)
@@ -448,12 +453,13 @@ class Verified(BackupTest):
         image = os.path.join(folder, "volume.img.zst")
         with open(image, "rb") as file:
             content = file.read()
-        first = struct.unpack("<I", content[-9 - 32 * 8 :][:4])[0]
+        table = 9 + 8 * os.path.getsize(self.path("windows")) // (4 * MIB)  # sizes of two words for each frame, and the end
+        first = struct.unpack("<I", content[-table:][:4])[0]
         block = bytearray(self.restored_by_zstd(folder)[: 4 * MIB])
         block[5000] ^= 1
         frame = subprocess.run(["zstd", "-3", "-c", "--check"], input=bytes(block), check=True, capture_output=True).stdout
         forged = bytearray(frame + content[first:])
-        struct.pack_into("<I", forged, len(forged) - 9 - 32 * 8, len(frame))
+        struct.pack_into("<I", forged, len(forged) - table, len(frame))
         with open(image, "wb") as file:
             file.write(forged)
         path = os.path.join(folder, "manifest.json")

@@ -134,7 +134,8 @@ class Case:
         return gpt.hybrid_slots(self.table.entries, self.partition, self.type)
 
     def used(self):
-        return {number: self.entry(number) for number in range(1, len(self.table.entries) + 1) if self.entry(number)}
+        return {number: entry for number, entry in enumerate(self.table.entries[: self.table.count], 1)
+                if entry and entry.type != gpt.UNUSED}
 
     def overlap(self, numbers):
         """Returns whether one of the entries with these numbers shares a sector with any other entry."""

@@ -21,8 +21,9 @@ WINDOWS = volumes.WINDOWS
 
 def identifiers(path):
     """The GUIDs of slice 3 and of the disk, by sgdisk."""
-    partition = tools.sgdisk_entry(path, WINDOWS.number)["Partition unique GUID"]
-    disk = re.search(r"Disk identifier \(GUID\): (\S+)", tools.sgdisk(path, "-p")).group(1)
+    printed = tools.sgdisk(path, "-p", "-i", WINDOWS.number)
+    partition = re.search(r"Partition unique GUID: (\S+)", printed).group(1)
+    disk = re.search(r"Disk identifier \(GUID\): (\S+)", printed).group(1)
     return uuid.UUID(partition), uuid.UUID(disk)
 
 

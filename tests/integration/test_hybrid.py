@@ -73,7 +73,7 @@ class Hybrid(ImageTest):
 
     def test_a_table_of_16384_entries(self):
         layout = {1: (5000, 409639, gpt.EFI_SYSTEM), 3: MAC[3], 16384: (630784, 640000, gpt.LINUX)}
-        path = self.mac_image(layout=layout, extra=["-S", "16384"])
+        path = self.mac_image(layout=layout, table_length=16384)
         expected = self.expected_sector0(path, WINDOWS)
         self.hybrid(path, WINDOWS)
         self.assert_sector0(path, expected)

@@ -153,7 +153,7 @@ class Images(IdentifyTest):
 
     def test_a_table_of_16384_entries(self):
         layout = {1: (5000, 6000, gpt.EFI_SYSTEM), 16384: (9000, 9999, gpt.LINUX)}
-        disk = self.mac(layout=layout, extra=["-S", "16384"])
+        disk = self.mac(layout=layout, table_length=16384)
         self.assert_slice(disk + "s16384", disk, disk, 16384)
 
     def test_blocks_of_4096_bytes(self):

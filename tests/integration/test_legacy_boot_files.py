@@ -308,7 +308,7 @@ class InFolders(LegacyBootTest):
         for number, (name, when) in enumerate(points):
             with self.subTest(call=name, number=when):
                 folder = self.volume(WINDOWS_TREE, f"volume{number}")
-                trace = volumes.strace("-o", "/dev/null", "-e", f"inject={name}:signal=SIGKILL:when={when}")
+                trace = volumes.strace("-o", "/dev/null", "-e", f"trace={name}", "-e", f"inject={name}:signal=SIGKILL:when={when}")
                 result = self.vorlix_run("legacy-boot", folder, "--bcd", self.store, prefix=(*self.prefix(), *trace))
                 self.assertNotEqual(result.returncode, 0)
                 found = volumes.folder_tree(folder)

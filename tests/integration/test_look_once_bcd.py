@@ -80,9 +80,10 @@ class Counted(StoreTest):
         tree = {**BOOT_TREE, **{f"EFI/Microsoft/Boot/F{number:03}.TXT": b"x" for number in range(80)}}
         disk = self.mac(tree=tree)
         template = self.file("template", template_bytes())
+        store = patched(template_bytes(), "standard", identifiers(disk))
         for number in range(80, 120):  # whatever the size of a cluster, one of these runs meets its end
             self.vorlix_ok(*self.bcd(disk, template))
-            self.assert_store(disk, patched(template_bytes(), "standard", identifiers(disk)), tree)
+            self.assert_store(disk, store, tree)
             volumes.mtools("mdel", disk, f"::/{STORE}", offset=volumes.EFI_OFFSET)
             if number % 8 == 0:
                 added = {f"EFI/Microsoft/Boot/F{more:03}.TXT": b"x" for more in range(number, number + 8)}

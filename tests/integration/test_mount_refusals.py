@@ -128,14 +128,14 @@ class Refused(MountTest):
         image = self.path("huge.img")
         with open(image, "wb") as file:
             file.truncate(1 << 40)
-        images.run_tool("mkfs.vfat", "-F", 32, "-s", 8, image)
+        images.run_tool("mkfs.vfat", "-F", 32, "-s", 64, image)  # its tables have 128 MiB each
         volumes.put_tree(image, {"a": b"1"})
         self.give(image)
         before = processor_time_of_children()
         folder = self.mount(image, "--read-write")
         self.write(folder, "b", b"2")
         self.unmount(image)
-        self.assertLess(processor_time_of_children() - before, 15)
+        self.assertLess(processor_time_of_children() - before, 15 if images.SANITIZED else 5)
         self.assertEqual(volumes.mtools("mtype", image, "::/b"), b"2")
 
     def test_patching_a_volume_that_is_mounted(self):

@@ -2,12 +2,14 @@
 """`vorlix restore`: volumes from images of every kind, checked by cmp and fdisk; what is refused; resuming, undo."""
 
 import fcntl
+import functools
 import gzip
 import hashlib
 import json
 import os
 import random
 import re
+import shutil
 import signal
 import subprocess
 import time
@@ -22,10 +24,31 @@ NO_BIOS = volumes.missing("qemu-system-x86_64")
 
 MIB = 1 << 20
 EFI = volumes.EFI
-WINDOWS = Slice(3, 40960, 32 * 2048, samples.BASIC_DATA, "BOOTCAMP")
-DISK_SECTORS = 40960 + 33 * 2048 + 64
+WINDOWS = Slice(3, 40960, 16 * 2048, samples.BASIC_DATA, "BOOTCAMP")
+DISK_SECTORS = 40960 + 17 * 2048 + 64
 SECOND = WINDOWS.sectors * 512 - 512  # offset of the second boot sector of an NTFS volume that fills the slice
-PACKERS = {"gz": ["gzip", "-k"], "xz": ["xz", "-k", "-1"], "zst": ["zstd", "-q"], "bz2": ["bzip2", "-k"]}
+PACKERS = {"gz": ["gzip", "-k"], "xz": ["xz", "-k", "-0"], "zst": ["zstd", "-q"], "bz2": ["bzip2", "-k", "-1"]}
+
+
+@functools.lru_cache(maxsize=None)
+def templates():
+    """The disk, the image and the content of its file that each test gets copies of."""
+    disk, image, content = (os.path.join(volumes.template_folder(), name) for name in ("restore.img", "win.img", "content"))
+    samples.make_disk(disk, DISK_SECTORS, [EFI, volumes.APPLE, WINDOWS])
+    samples.write(disk, WINDOWS.first * 512, random.Random(3).randbytes(2 * MIB))  # of an earlier volume
+    samples.make_ntfs(image, WINDOWS.sectors, "WINDOWS")
+    with open(content, "wb") as file:
+        file.write(random.Random(7).randbytes(2 * MIB) + bytes(MIB) + b"text " * 100_000)
+    samples.run("ntfscp", "-f", image, content, "file.bin")
+    volumes.add_start_files(image, disk)
+    return disk, image, content
+
+
+@functools.lru_cache(maxsize=None)
+def gzipped_template():
+    _, image, _ = templates()
+    images.run_tool("gzip", "-k", image)
+    return image + ".gz"
 
 
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
@@ -34,19 +57,16 @@ class RestoreTest(volumes.VolumeTest):
 
     def setUp(self):
         super().setUp()
-        self.disk = self.path("mac.img")
-        samples.make_disk(self.disk, DISK_SECTORS, [EFI, volumes.APPLE, WINDOWS])
-        samples.write(self.disk, WINDOWS.first * 512, random.Random(3).randbytes(2 * MIB))  # of an earlier volume
-        self.give(self.disk)
+        self.disk, self.image = self.path("mac.img"), self.path("win.img")
         self.untouched = self.path("untouched.img")
-        images.sparse_copy(self.disk, self.untouched)
-        self.image = self.path("win.img")
-        samples.make_ntfs(self.image, WINDOWS.sectors, "WINDOWS")
-        with open(self.path("content"), "wb") as file:
-            file.write(random.Random(7).randbytes(5 * MIB) + bytes(MIB) + b"text " * 100_000)
-        samples.run("ntfscp", "-f", self.image, self.path("content"), "file.bin")
-        volumes.add_start_files(self.image, self.disk)
-        self.give(self.image)
+        disk, image, content = templates()
+        for template, path in ((disk, self.disk), (disk, self.untouched), (image, self.image), (content, self.path("content"))):
+            images.sparse_copy(template, path)
+        self.give(self.disk, self.image)
+
+    def gzipped(self):
+        """Makes and returns the image packed, of a test that has not changed it."""
+        return self.give(shutil.copy(gzipped_template(), self.image + ".gz"))
 
     def restore(self, source, *options, disk=None, expect=0, saying=()):
         result = self.vorlix_run("restore", source, disk or self.disk, "--partition", 3, "--yes", *options)
@@ -68,8 +88,8 @@ class RestoreTest(volumes.VolumeTest):
         disk = disk or self.disk
         found = samples.read(disk, WINDOWS.first * 512, WINDOWS.sectors * 512)
         expected = expected or self.expected_volume()
-        different = [at for at in range(0, len(expected), 512) if found[at : at + 512] != expected[at : at + 512]]
-        self.assertEqual(different, [])
+        if found != expected:
+            self.assertEqual([at for at in range(0, len(expected), 512) if found[at : at + 512] != expected[at : at + 512]], [])
 
     def assert_rest_unchanged(self, but_sector_0=True):
         """Everything outside the slice is as before."""
@@ -265,8 +285,7 @@ class Refusals(RestoreTest):
         self.assert_untouched()
 
     def test_a_damaged_packed_image_leaves_a_volume_that_nothing_takes_for_whole(self):
-        images.run_tool("gzip", "-k", self.image)
-        size = os.path.getsize(self.image + ".gz")
+        size = os.path.getsize(self.gzipped())
         with open(self.image + ".gz", "r+b") as file:
             file.truncate(size // 2)
         result = self.restore(self.image + ".gz", expect=2, saying=["truncated", "no boot sector yet"])
@@ -280,8 +299,7 @@ class Refusals(RestoreTest):
 class Interrupted(RestoreTest):
     def interrupted_one(self):
         """A journal of a restore whose source cannot be read to its end."""
-        self.packed = self.image + ".gz"
-        images.run_tool("gzip", "-k", self.image)
+        self.packed = self.gzipped()
         with open(self.packed, "rb") as file:
             whole = file.read()
         with open(self.packed, "r+b") as file:
@@ -348,8 +366,7 @@ class Interrupted(RestoreTest):
         self.assert_unchanged(self.disk, before)
 
     def test_a_signal_ends_it_at_a_safe_place(self):
-        images.run_tool("gzip", "-k", self.image)
-        slow = self.path("win.img.gz")
+        slow = self.gzipped()
         command = [*self.prefix(), self.vorlix, "restore", slow, self.disk, "--partition", "3", "--yes"]
         process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                    text=True)

@@ -141,8 +141,7 @@ class Kills(test_restore.RestoreTest):
         self.sweep(self.image)
 
     def test_gz(self):
-        images.run_tool("gzip", "-k", self.image)
-        self.sweep(self.give(self.image + ".gz"))
+        self.sweep(self.gzipped())
 
     def test_zst(self):
         images.run_tool("zstd", "-q", self.image)
@@ -162,8 +161,7 @@ class Kills(test_restore.RestoreTest):
         self.sweep(self.path("backup"))
 
     def test_stdin(self):
-        images.run_tool("gzip", "-k", self.image)
-        self.sweep("-", stream=self.image + ".gz")
+        self.sweep("-", stream=self.gzipped())
 
 
 if __name__ == "__main__":

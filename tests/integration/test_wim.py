@@ -2,17 +2,20 @@
 """`vorlix restore` of images of WIMs: what wimcapture made is there again, as wimdir and the tools of ntfs-3g tell;
 what is refused before the disk is written; kills, resuming, undo."""
 
+import functools
 import json
 import os
 import random
 import re
+import shutil
 import signal
 import struct
 import subprocess
+import tempfile
 import time
 import unittest
 
-from support import gpt, images, samples, tools, volumes
+from support import gpt, images, samples, sparse, tools, volumes
 from support.samples import Slice
 
 MISSING = volumes.missing("sgdisk", "mkntfs", "ntfscat", "ntfscp", "ntfsfix", "ntfsinfo", "ntfsresize", "wimcapture",
@@ -52,50 +55,68 @@ def replace_xml(path, text):
     samples.write(path, 72, struct.pack("<Q", len(content))[:7] + b"\x02" + struct.pack("<QQ", at, len(content)))
 
 
+def make_tree(folder, large=6 * MIB):
+    """A tree with hard links, long names, equal, large, small and empty files."""
+    os.makedirs(os.path.join(folder, "Windows", "System32"))
+    os.makedirs(os.path.join(folder, "empty folder"))
+    chance = random.Random(5)
+    for path, content in (("Windows/System32/one", b"hello"), ("large", chance.randbytes(large)),
+                          ("text", b"some text " * 100_000), (LONG, b"long"), ("nothing", b""),
+                          ("Grüße 日本", b"names"), ("zeros", bytes(MIB))):
+        with open(os.path.join(folder, path), "wb") as file:
+            file.write(content)
+    os.link(os.path.join(folder, "Windows/System32/one"), os.path.join(folder, "two"))
+    with open(os.path.join(folder, "copy"), "wb") as file, open(os.path.join(folder, "large"), "rb") as source:
+        file.write(source.read())
+    os.symlink("Windows/System32/one", os.path.join(folder, "link"))
+    return folder
+
+
+@functools.lru_cache(maxsize=None)
+def disk_template():
+    path = os.path.join(volumes.template_folder(), "wim.img")
+    samples.make_disk(path, DISK_SECTORS, [volumes.EFI, volumes.APPLE, WINDOWS])
+    samples.write(path, WINDOWS.first * 512, random.Random(3).randbytes(2 * MIB))
+    return path
+
+
+@functools.lru_cache(maxsize=None)
+def two_images(options, large, number):
+    """A WIM with the images "First one" and "The <second>", of NTFS volumes whose file `text` has a second stream."""
+    place = tempfile.mkdtemp(prefix=f"wim{number}-", dir=volumes.template_folder())
+    path, volume, applied, stream = (os.path.join(place, name) for name in ("two.wim", "ntfs", "applied.wim", "stream"))
+    samples.make_ntfs(volume, 64 * 2048, "SOURCE")
+    images.run_tool("wimcapture", make_tree(os.path.join(place, "tree"), large), applied, "--norpfix", "--compress=none")
+    images.run_tool("wimapply", applied, "1", volume)
+    images.run_tool("wimcapture", volume, path, "First one", *options)
+    with open(stream, "wb") as file:
+        file.write(b"the second stream" * 1000)
+    images.run_tool("ntfscp", "-f", "-N", "second", volume, stream, "text")
+    images.run_tool("wimappend", volume, path, "The <second>", *(["--solid"] if "--solid" in options else []))
+    return path
+
+
 @unittest.skipIf(MISSING, f"not installed: {MISSING}")
 class WimTest(volumes.VolumeTest):
     """A disk with an earlier volume's bytes on slice 3, and a WIM with two images."""
 
     def setUp(self):
         super().setUp()
-        self.disk = self.path("mac.img")
-        samples.make_disk(self.disk, DISK_SECTORS, [volumes.EFI, volumes.APPLE, WINDOWS])
-        samples.write(self.disk, WINDOWS.first * 512, random.Random(3).randbytes(2 * MIB))
+        self.disk, self.untouched = self.path("mac.img"), self.path("untouched.img")
+        for path in (self.disk, self.untouched):
+            images.sparse_copy(disk_template(), path)
         self.give(self.disk)
-        self.untouched = self.path("untouched.img")
-        images.sparse_copy(self.disk, self.untouched)
         self.scratch = self.path("scratch")
         os.mkdir(self.scratch)
         self.give(self.scratch)
 
-    def tree(self, name="tree"):
-        """A tree with hard links, long names, equal, large, small and empty files."""
-        folder = self.path(name)
-        os.makedirs(os.path.join(folder, "Windows", "System32"))
-        os.makedirs(os.path.join(folder, "empty folder"))
-        chance = random.Random(5)
-        for path, content in (("Windows/System32/one", b"hello"), ("large", chance.randbytes(6 * MIB)),
-                              ("text", b"some text " * 100_000), (LONG, b"long"), ("nothing", b""),
-                              ("Grüße 日本", b"names"), ("zeros", bytes(MIB))):
-            with open(os.path.join(folder, path), "wb") as file:
-                file.write(content)
-        os.link(os.path.join(folder, "Windows/System32/one"), os.path.join(folder, "two"))
-        with open(os.path.join(folder, "copy"), "wb") as file, open(os.path.join(folder, "large"), "rb") as source:
-            file.write(source.read())
-        os.symlink("Windows/System32/one", os.path.join(folder, "link"))
-        return folder
+    def tree(self):
+        """A folder of its own with the files of make_tree()."""
+        return make_tree(self.path("tree"))
 
-    def wim(self, name="two.wim", *options):
-        """A WIM with the images "First one" and "The <second>", of NTFS volumes whose file `text` has a second stream."""
-        path = self.path(name)
-        volume = self.path(name + ".ntfs")
-        samples.make_ntfs(volume, 64 * 2048, "SOURCE")
-        images.run_tool("wimcapture", self.tree(name + ".tree"), volume + ".wim", "--norpfix", "--compress=none")
-        images.run_tool("wimapply", volume + ".wim", "1", volume)
-        images.run_tool("wimcapture", volume, path, "First one", *options)
-        stream = self.file("stream", b"the second stream" * 1000)
-        images.run_tool("ntfscp", "-f", "-N", "second", volume, stream, "text")
-        images.run_tool("wimappend", volume, path, "The <second>", *(["--solid"] if "--solid" in options else []))
+    def wim(self, name="two.wim", *options, large=6 * MIB, number=0):
+        """A copy of what two_images() makes. Those of different numbers have been captured one by one."""
+        path = shutil.copy(two_images(options, large, number), self.path(name))
         os.chmod(path, 0o644)
         return path
 
@@ -112,13 +133,7 @@ class WimTest(volumes.VolumeTest):
     def volume(self, disk=None, first=WINDOWS.first * 512, size=WINDOWS.sectors * 512):
         """The restored volume as a file, found sound by independent tools."""
         path = self.path("volume.img")
-        with open(disk or self.disk, "rb") as source, open(path, "wb") as file:
-            source.seek(first)
-            for at in range(0, size, MIB):
-                block = source.read(min(MIB, size - at))
-                if block.strip(b"\0"):
-                    os.pwrite(file.fileno(), block, at)
-            file.truncate(size)
+        sparse.copy(disk or self.disk, path, first, size)
         images.run_tool("ntfsfix", "-n", path)
         images.run_tool("ntfsresize", "-i", "-f", path)
         return path
@@ -175,7 +190,7 @@ class Images(WimTest):
         for number, options in enumerate((["--compress=XPRESS", "--check"], ["--compress=LZX", "--chunk-size=128K"],
                                           ["--compress=LZMS"], ["--solid", "--check"], ["--compress=none"])):
             with self.subTest(options=options):
-                wim = self.wim(f"{number}.{'esd' if '--solid' in options else 'wim'}", *options)
+                wim = self.wim(f"{number}.{'esd' if '--solid' in options else 'wim'}", *options, large=MIB)
                 images.sparse_copy(self.untouched, self.disk)
                 # By the version in the header, which wimcapture raises for LZMS, too.
                 is_esd = "--solid" in options or "--compress=LZMS" in options
@@ -252,7 +267,7 @@ class Refusals(WimTest):
         self.assertTrue(os.path.exists(self.path("part2.swm")))
         for part in ("part.swm", "part2.swm"):
             self.refuse(self.path(part), "--index", 1, saying=["split", "wimjoin"])
-        tree = self.path("two.wim.tree")
+        tree = self.tree()
         with open(os.path.join(tree, "added"), "wb") as file:
             file.write(b"added")
         delta = self.path("delta.wim")
@@ -407,7 +422,7 @@ class Interrupted(WimTest):
         with open(os.path.join(self.state, "vorlix", "journals", name, "manifest.json"), encoding="utf-8") as file:
             self.assertEqual(json.load(file)["content"]["image"], 2)
         self.restore(wim, "--index", 1, expect=2, saying=["image 2", "was interrupted", name])
-        other = self.wim("other.wim")
+        other = self.wim("other.wim", number=1)
         self.vorlix_refuses("restore", other, "--resume", name, "--scratch", self.scratch, saying=["is not the source"])
         result = self.vorlix_run("restore", "--resume", name, "--scratch", self.scratch)
         self.assertEqual(result.returncode, 1, result.stderr)

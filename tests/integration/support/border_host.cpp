@@ -73,17 +73,17 @@ class HostsMachine : public vorlix::SimulatedMachine {
 // The library's record, extended by the host.
 class HostsVolume : public QDVolume {};
 
-// A record of the host that calls itself what the library archives, with a given number of values.
+// A record of the host that calls itself what the library archives, with a text of a given length.
 class HostsRecord : public vorlix::Coding {
  public:
-  explicit HostsRecord(int values) : values_(values) {}
+  explicit HostsRecord(size_t length) : length_(length) {}
   std::vector<std::string> archiveClasses() const override { return {"HostsRecord", "NSObject"}; }
   void encodeWithCoder(vorlix::KeyedArchiver& coder) const override {
-    for (int i = 0; i < values_; ++i) coder.encodeText(std::to_string(i), std::to_string(i));
+    coder.encodeText(std::string(length_, 'x'), "text");
   }
 
  private:
-  int values_;
+  size_t length_;
 };
 
 }  // namespace
@@ -94,7 +94,10 @@ int main() {
   const auto wrapper = QDTaskWrapperWithBlocks::initWithStartBlock({}, {}, {}, {}, nullptr);
   expectThrow<std::bad_function_call>([&] { wrapper->startProcess(); }, "a block that is empty");
   expectThrow<std::length_error>(
-      [] { vorlix::KeyedArchiver::archivedDataWithRootObject(std::make_shared<HostsRecord>(140000)); },
+      [] {
+        constexpr size_t length = vorlix::KeyedUnarchiver::kLargestArchive;
+        vorlix::KeyedArchiver::archivedDataWithRootObject(std::make_shared<HostsRecord>(length));
+      },
       "an archive that is too large");
   expect(!vorlix::KeyedArchiver::archivedDataWithRootObject(std::make_shared<HostsRecord>(1)).empty(),
          "a record of the host is archived");

@@ -7,6 +7,7 @@ memory and on disk, because some rules concern numbers that do not fit.
 """
 
 import dataclasses
+import functools
 import os
 import struct
 import uuid
@@ -45,6 +46,7 @@ MBR_TYPES = {
 }
 
 
+@functools.lru_cache(maxsize=1 << 12)
 def guid_bytes(text):
     """The on-disk bytes of a GUID: three little-endian groups, then two big-endian ones."""
     return uuid.UUID(text).bytes_le
@@ -235,8 +237,8 @@ class Table:
     def last_usable(self):
         return self.blocks - 2 - self.table_blocks
 
-    def header(self, my_lba, alternate_lba, entry_lba):
-        checksum = zlib.crc32(self.table_bytes())
+    def header(self, my_lba, alternate_lba, entry_lba, table=None):
+        checksum = zlib.crc32(self.table_bytes() if table is None else table)
         count = self.count if self.claimed_count is None else self.claimed_count
 
         def with_checksum(value):
@@ -261,7 +263,8 @@ class Table:
         return with_checksum(zlib.crc32(with_checksum(0)))
 
     def table_bytes(self):
-        used = b"".join(entry.encode() if entry else bytes(ENTRY_SIZE) for entry in self.entries)
+        unused = bytes(ENTRY_SIZE)
+        used = b"".join([entry.encode() if entry else unused for entry in self.entries])
         assert len(used) <= self.count * ENTRY_SIZE
         return used.ljust(self.count * ENTRY_SIZE, b"\0")
 
@@ -274,12 +277,12 @@ class Table:
             file.truncate(self.blocks * self.block_size)
             file.write(mbr or protective_sector0(self.blocks))
             file.seek(self.block_size)
-            file.write(self.header(1, last, claimed))
+            file.write(self.header(1, last, claimed, table))
             for at in (self.entry_lba * self.block_size, (last - self.table_blocks) * self.block_size):
                 file.seek(at)
                 file.write(table.rstrip(b"\0"))
             file.seek(last * self.block_size)
-            file.write(self.header(last, 1, last - self.table_blocks))
+            file.write(self.header(last, 1, last - self.table_blocks, table))
         return path
 
 

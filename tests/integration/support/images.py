@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Shared code of the tests of the command line: running it, disk-image files, checks that nothing was written."""
 
-import hashlib
+import functools
 import json
 import os
 import resource
@@ -10,6 +10,8 @@ import subprocess
 import sys
 import tempfile
 import unittest
+
+from support import sparse
 
 PAGE = 4096
 MEMORY_LIMIT = 512 << 20
@@ -20,6 +22,7 @@ SANITIZED = bool(os.environ.get("VORLIX_SANITIZED"))
 TIME_LIMIT = 240 if SANITIZED else 60  # seconds; a command with sanitizers takes several times as long
 
 
+@functools.lru_cache(maxsize=None)
 def tool(name):
     """Path of a system tool. Skips the test if the tool is missing."""
     found = shutil.which(name, path=SYSTEM_PATH)
@@ -37,38 +40,18 @@ def run_tool(name, *arguments, stdin=""):
 
 
 def data_pages(descriptor):
-    """The pages of a file that are not all zeros, as (offset, bytes). Skips holes, so sparse files of terabytes are fast."""
-    size = os.fstat(descriptor).st_size
-    at = 0
-    while at < size:
-        try:
-            at = os.lseek(descriptor, at, os.SEEK_DATA) // PAGE * PAGE
-        except OSError:  # the rest is a hole
-            return
-        hole = os.lseek(descriptor, at, os.SEEK_HOLE)
-        while at < hole:
-            page = os.pread(descriptor, PAGE, at)
-            if page.strip(b"\0"):
-                yield at, page
-            at += PAGE
+    """The blocks of a file that are not all zeros, as (offset, bytes). Skips holes, so sparse files of terabytes are fast."""
+    return sparse.blocks(descriptor)
 
 
 def content_hash(path):
     """Digest of a file's bytes. Holes count as zeros."""
-    digest = hashlib.sha256()
-    with open(path, "rb") as file:
-        for at, page in data_pages(file.fileno()):
-            digest.update(at.to_bytes(8, "little") + page)
-        digest.update(os.fstat(file.fileno()).st_size.to_bytes(8, "little"))
-    return digest.hexdigest()
+    return sparse.digest(path)
 
 
 def sparse_copy(source, target):
     """Copies a file and keeps its holes."""
-    with open(source, "rb") as old, open(target, "wb") as new:
-        new.truncate(os.fstat(old.fileno()).st_size)
-        for at, page in data_pages(old.fileno()):
-            os.pwrite(new.fileno(), page, at)
+    sparse.copy(source, target)
 
 
 def snapshot(path):

@@ -7,6 +7,8 @@ import struct
 import subprocess
 from dataclasses import dataclass
 
+from support import sparse
+
 SECTOR = 512
 EFI_SYSTEM = "EF00"
 APPLE_APFS = "AF0A"
@@ -90,12 +92,7 @@ def make_ntfs(path, sectors, label):
 
 def place(image, volume, first):
     """Copies a volume's file into a disk image at a sector; zeros become holes."""
-    with open(volume, "rb") as source, open(image, "r+b") as disk:
-        while chunk := source.read(1 << 16):
-            if chunk.strip(b"\0"):
-                disk.seek(first * SECTOR)
-                disk.write(chunk)
-            first += len(chunk) // SECTOR
+    sparse.put(volume, image, first * SECTOR)
 
 
 def read(path, offset, count):

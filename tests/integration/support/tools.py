@@ -11,7 +11,7 @@ import tempfile
 import time
 import unittest
 
-from support import gpt, hive, images, samples, volumes
+from support import gpt, hive, images, samples, sparse, volumes
 
 MAC_SIZE = 512 << 20
 # The layout of a Mac with a Windows partition, in blocks of 512 bytes: first, last and type of each entry.
@@ -39,9 +39,19 @@ def template(layout, size, extra):
     return path
 
 
-def sgdisk_image(path, layout, size=MAC_SIZE, extra=()):
-    """Makes a sparse image with the partitions of `layout` (number: (first, last, type)). `extra` options come first."""
-    images.sparse_copy(template(tuple(layout.items()), size, tuple(extra)), path)
+def sgdisk_image(path, layout, size=MAC_SIZE, extra=(), table_length=None):
+    """
+    Makes a sparse image with the partitions of `layout` (number: (first, last, type)). `extra` options come first. One with
+    a table of another length is made by sfdisk: sgdisk works seconds on a large one.
+    """
+    if table_length:
+        parts = "".join(f"disk{number} : start={first}, size={last + 1 - first}, type={kind}\n"
+                        for number, (first, last, kind) in layout.items())
+        with open(path, "wb") as file:
+            file.truncate(size)
+        images.run_tool("sfdisk", "-q", path, stdin=f"label: gpt\ntable-length: {table_length}\n\n{parts}")
+    else:
+        images.sparse_copy(template(tuple(layout.items()), size, tuple(extra)), path)
     return path
 
 
@@ -58,8 +68,19 @@ def sgdisk(path, *options):
 
 def sgdisk_entry(path, number):
     """The lines of `sgdisk -i` about an entry, by their labels."""
-    lines = [line.split(":", 1) for line in sgdisk(path, "-i", number).splitlines() if ":" in line]
-    return {key.strip(): value.strip() for key, value in lines}
+    return sgdisk_entries(path, [number])[0]
+
+
+def sgdisk_entries(path, numbers):
+    """The same about several entries."""
+    printed = sgdisk(path, *(f"--info={number}" for number in numbers)).split("Partition GUID code:")[1:]
+    found = []
+    for text in printed:
+        lines = [line.split(":", 1) for line in ("Partition GUID code:" + text).splitlines() if ":" in line]
+        found.append({key.strip(): value.strip() for key, value in lines})
+    if len(found) != len(numbers):
+        raise AssertionError(f"{path}: {len(found)} of the entries {numbers} are in use")
+    return found
 
 
 def sfdisk_table(path):
@@ -129,10 +150,11 @@ def fat_volume(path, size):
 
 def write_sparse(path, offset, data):
     """Writes the parts of `data` that are not zero. The file must have a hole there."""
-    for at in range(0, len(data), images.PAGE):
-        page = data[at : at + images.PAGE]
-        if page.strip(b"\0"):
-            gpt.write_at(path, offset + at, page)
+    with open(path, "r+b") as file:
+        for at in range(0, len(data), images.PAGE):
+            page = data[at : at + images.PAGE]
+            if not sparse.is_zero(page):
+                os.pwrite(file.fileno(), page, offset + at)
 
 
 def blkid_probe(path, offset, size):

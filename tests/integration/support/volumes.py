@@ -4,7 +4,8 @@
 import atexit
 import functools
 import glob
-import hashlib
+import importlib.machinery
+import importlib.util
 import os
 import shutil
 import subprocess
@@ -12,7 +13,7 @@ import sys
 import tempfile
 import time
 
-from support import hive, images, samples
+from support import hive, images, samples, sparse
 
 IS_ROOT = os.geteuid() == 0
 ROOT_MOUNTS = "/run/vorlix"
@@ -73,16 +74,7 @@ def copy_command(command, folder):
 
 def region_hash(path, first, count):
     """Digest of `count` bytes from offset `first` on."""
-    digest = hashlib.sha256()
-    with open(path, "rb") as file:
-        file.seek(first)
-        while count > 0:
-            block = file.read(min(count, 1 << 20))
-            if not block:
-                break
-            digest.update(block)
-            count -= len(block)
-    return digest.hexdigest()
+    return sparse.digest(path, first, count)
 
 
 # --------------------------------------------------------------------------------------------------------- FAT volumes
@@ -122,16 +114,30 @@ def make_fat(path, bits=16, label=None, size=None):
 
 
 def put_tree(image, tree, offset=0):
-    """Fills a FAT volume: {relative path: bytes, or None for a folder}; a folder precedes its content."""
-    with tempfile.TemporaryDirectory(prefix="vorlix-tree-") as folder:
-        for number, (path, content) in enumerate(tree.items()):
-            if content is None:
-                mtools("mmd", image, f"::/{path}", offset=offset)
-                continue
-            source = os.path.join(folder, str(number))
-            with open(source, "wb") as file:
-                file.write(content)
-            mtools("mcopy", image, source, f"::/{path}", offset=offset)
+    """
+    Fills a FAT volume: {relative path: bytes, or None for a folder}; a folder precedes its content.
+
+    One process makes the folders, and one more the files of each.
+    """
+    folders = [f"::/{path}" for path, content in tree.items() if content is None]
+    if folders:
+        mtools("mmd", image, *folders, offset=offset)
+    files = {}
+    for path, content in tree.items():
+        if content is not None:
+            files.setdefault(os.path.dirname(path), {})[os.path.basename(path)] = content
+    for place, contents in files.items():
+        with tempfile.TemporaryDirectory(prefix="vorlix-tree-") as work:
+            sources = []
+            for name, content in contents.items():
+                # FAT counts the letters of a name, this file system their bytes.
+                sources.append(os.path.join(work, name if len(os.fsencode(name)) < 256 else "long"))
+                with open(sources[-1], "wb") as file:
+                    file.write(content)
+                if os.path.basename(sources[-1]) != name:
+                    mtools("mcopy", image, sources.pop(), f"::/{place}/{name}", offset=offset)
+            if sources:
+                mtools("mcopy", image, *sources, f"::/{place}", offset=offset)
 
 
 def read_tree(image, offset=0):
@@ -154,14 +160,23 @@ def folder_tree(folder):
     return tree
 
 
+@functools.lru_cache(maxsize=None)
+def ntfs_mkdir():
+    """The script tools/dev/ntfs_mkdir as a module: a process of its own takes longer to start than to make the folders."""
+    script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../../tools/dev/ntfs_mkdir")
+    loader = importlib.machinery.SourceFileLoader("ntfs_mkdir", script)
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("ntfs_mkdir", loader))
+    loader.exec_module(module)
+    return module
+
+
 def add_to_ntfs(path, tree):
     """Adds a tree in the form of put_tree() to an NTFS volume in a file, by ntfs_mkdir and ntfscp."""
     folders = {name for name, content in tree.items() if content is None}
     folders |= {os.path.dirname(name) for name, content in tree.items() if content is not None} - {""}
     environment = {**os.environ, "LC_ALL": "C.UTF-8"}
-    if folders:
-        script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../../tools/dev/ntfs_mkdir")
-        subprocess.run([sys.executable, script, path, *sorted(folders)], env=environment, check=True, timeout=60)
+    if folders and (status := ntfs_mkdir().main([path, *sorted(folders)])) != 0:
+        raise AssertionError(f"ntfs_mkdir {path} ended with {status}")
     for name, content in tree.items():
         if content is None:
             continue
@@ -194,14 +209,8 @@ def make_ntfs(path, size, tree, start=2048, sector_size=512):
 
 def check_fat(image, offset=0, size=None):
     """fsck.vfat finds nothing wrong in a copy of the volume; it cannot read a volume inside a larger image."""
-    with tempfile.NamedTemporaryFile(prefix="vorlix-fsck-") as copy, open(image, "rb") as source:
-        size = size or os.path.getsize(image) - offset
-        source.seek(offset)
-        for at in range(0, size, 1 << 20):
-            block = source.read(min(1 << 20, size - at))
-            if block.strip(b"\0"):
-                os.pwrite(copy.fileno(), block, at)
-        os.truncate(copy.name, size)
+    with tempfile.NamedTemporaryFile(prefix="vorlix-fsck-") as copy:
+        sparse.copy(image, copy.name, offset, size)
         images.run_tool("fsck.vfat", "-n", copy.name)
 
 
