@@ -24,11 +24,11 @@ function(vorlix_alone)
 endfunction()
 
 # Most of a small file's compilation is the C++ library's headers. A compiler cache cannot use what was compiled with
-# precompiled ones, so that only the preset for a single build has them.
-function(vorlix_precompiled target)
+# precompiled ones, so only the preset for a single build has them, and scripts/test where there is no cache.
+function(vorlix_precompiled target)  # and further headers
   if(VORLIX_PRECOMPILED)
     target_precompile_headers(${target} PRIVATE
         <algorithm> <array> <charconv> <chrono> <filesystem> <fstream> <functional> <map> <memory> <mutex> <optional>
-        <set> <span> <sstream> <stdexcept> <string> <string_view> <system_error> <utility> <vector>)
+        <set> <span> <sstream> <stdexcept> <string> <string_view> <system_error> <utility> <vector> ${ARGN})
   endif()
 endfunction()
