@@ -43,6 +43,9 @@ struct VORLIX_EXPORT DiskChange {
 /// The state of a failure before the first write.
 inline constexpr const char* kNothingWritten = "nothing was written";
 
+/// The state of a failure after which everything was put back.
+inline constexpr const char* kPutBack = "what was written was put back, so that nothing is changed";
+
 /// Why a change was not made.
 struct ChangeFailure {
   std::string subject;  ///< the device or file

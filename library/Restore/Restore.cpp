@@ -57,8 +57,9 @@ std::optional<ChangeFailure> writeStructures(const LongChange& journal,
     }
   }
   auto failure = applyChange(change);
-  // "Nothing was written" is true of the structures, but not of the volume.
+  // Both are true of the structures, but not of the volume.
   if (failure && failure->state == kNothingWritten) failure->state = "";
+  if (failure && failure->state == kPutBack) failure->state = "what was written there was put back";
   return failure;
 }
 
@@ -106,9 +107,29 @@ std::optional<ChangeFailure> requireSameDevices(const LongChange& journal, const
   return std::nullopt;
 }
 
+std::optional<ChangeFailure> readNow(const DeviceChange& device, DeviceHandle& handle, uint64_t offset,
+                                     std::vector<uint8_t>& now) {
+  const ssize_t got = handle.readAt(now.data(), now.size(), offset);
+  if (got == static_cast<ssize_t>(now.size())) return std::nullopt;
+  return ChangeFailure{device.device, got < 0 ? SystemError{errno}.reason() : "the device ends too early",
+                       kNothingWritten};
+}
+
 // Another disk may have the name by now. Outside of the volume, an interrupted restore leaves each structure with one
 // of its two contents; it leaves the volume's first sector with one of them or blank, and the rest of the volume
 // anyhow.
+bool isAsLeft(const ByteChange& run, const std::vector<uint8_t>& now, bool isOnVolume) {
+  if (isOnVolume && run.offset != 0) return true;
+  const size_t count = isOnVolume ? std::min<size_t>(now.size(), kSectorSize) : now.size();
+  const auto end = now.begin() + static_cast<std::ptrdiff_t>(count);
+  if (std::equal(now.begin(), end, run.before.begin()) || std::equal(now.begin(), end, run.after.begin())) return true;
+  return isOnVolume && std::all_of(now.begin(), end, [](uint8_t byte) { return byte == 0; });
+}
+
+ChangeFailure changedSince(const DeviceChange& device, const ByteChange& run) {
+  return {device.device, run.reason + " was changed since", kNothingWritten};
+}
+
 std::optional<ChangeFailure> requireAsLeft(const LongChange& journal,
                                            const std::vector<std::shared_ptr<DeviceHandle>>& handles) {
   for (size_t i = 0; i < handles.size(); ++i) {
@@ -116,18 +137,9 @@ std::optional<ChangeFailure> requireAsLeft(const LongChange& journal,
     const bool isVolume = i == journal.origin().device;
     for (const ByteChange& run : device.bytes) {
       if (isVolume && run.offset != 0) continue;
-      std::vector<uint8_t> now(isVolume ? std::min<size_t>(run.before.size(), kSectorSize) : run.before.size());
-      const ssize_t got = handles[i]->readAt(now.data(), now.size(), run.offset);
-      if (got != static_cast<ssize_t>(now.size())) {
-        return ChangeFailure{device.device, got < 0 ? SystemError{errno}.reason() : "the device ends too early",
-                             kNothingWritten};
-      }
-      const bool isBlank = isVolume && std::all_of(now.begin(), now.end(), [](uint8_t byte) { return byte == 0; });
-      if (isBlank || std::equal(now.begin(), now.end(), run.before.begin()) ||
-          std::equal(now.begin(), now.end(), run.after.begin())) {
-        continue;
-      }
-      return ChangeFailure{device.device, run.reason + " was changed since", kNothingWritten};
+      std::vector<uint8_t> now(run.before.size());
+      if (auto failure = readNow(device, *handles[i], run.offset, now)) return failure;
+      if (!isAsLeft(run, now, isVolume)) return changedSince(device, run);
     }
   }
   return std::nullopt;
@@ -208,7 +220,6 @@ RestoreResult finishRestore(RestoreResult paused, const std::vector<std::shared_
 
 std::optional<ChangeFailure> abandonRestore(std::unique_ptr<LongChange> journal,
                                             const std::vector<std::shared_ptr<DeviceHandle>>& handles) {
-  if (auto failure = requireAsLeft(*journal, handles)) return failure;
   DiskChange change = journal->structures();
   change.title = "undo of " + change.title;
   for (size_t i = 0; i < change.devices.size(); ++i) {
@@ -216,11 +227,8 @@ std::optional<ChangeFailure> abandonRestore(std::unique_ptr<LongChange> journal,
     device.handle = handles[i];
     for (ByteChange& run : device.bytes) {
       std::vector<uint8_t> now(run.before.size());
-      const ssize_t got = device.handle->readAt(now.data(), now.size(), run.offset);
-      if (got != static_cast<ssize_t>(now.size())) {
-        return ChangeFailure{device.device, got < 0 ? SystemError{errno}.reason() : "the device ends too early",
-                             kNothingWritten};
-      }
+      if (auto failure = readNow(device, *device.handle, run.offset, now)) return failure;
+      if (!isAsLeft(run, now, i == journal->origin().device)) return changedSince(device, run);
       run.after = std::exchange(run.before, std::move(now));
     }
   }

@@ -43,7 +43,7 @@ std::optional<ChangeFailure> JournalApplication::finish(bool stays) {
   const bool isForeign = !look(standing, 1) && standing == Standing::foreign;
   if (!isForeign && !put(Image::before)) {
     if (!stays) journal_.remove();
-    failure->state = "what was written was put back, so that nothing is changed";
+    failure->state = kPutBack;
     return failure;
   }
   failure->state = whatStands() + "; ";

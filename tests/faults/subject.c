@@ -98,6 +98,37 @@ static int thread(const char* path) {
   return result == path ? DONE : FAILED;
 }
 
+enum { THREADS = 8 };
+
+struct share {
+  const char* path;
+  size_t size;
+};
+
+static void* write_share(void* given) {
+  const struct share* share = given;
+  const int file = open_file(share->path, O_WRONLY | O_CREAT | O_APPEND);
+  const int is_done = file >= 0 && write(file, "threads!", share->size) == (ssize_t)share->size;
+  return is_done ? given : NULL;
+}
+
+/* Starts threads at once. The first writes one byte, the second two... */
+static int threads(const char* path) {
+  pthread_t started[THREADS];
+  struct share shares[THREADS];
+  int is_done = 1;
+  for (size_t i = 0; i < THREADS; ++i) {
+    shares[i] = (struct share){path, i + 1};
+    if (pthread_create(&started[i], NULL, write_share, &shares[i]) != 0) return MISUSED;
+  }
+  for (size_t i = 0; i < THREADS; ++i) {
+    void* result = NULL;
+    pthread_join(started[i], &result);
+    is_done = is_done && result != NULL;
+  }
+  return is_done ? DONE : FAILED;
+}
+
 /* The parent writes and then waits for a child that never ends. */
 static int endless(const char* path) {
   const pid_t child = fork();
@@ -200,6 +231,7 @@ static const struct behaviour behaviours[] = {
     {"one-read", one_read},
     {"children", children},
     {"thread", thread},
+    {"threads", threads},
     {"endless", endless},
     {"careful", careful},
     {"unchecked", unchecked},

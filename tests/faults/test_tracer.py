@@ -90,6 +90,11 @@ class Counting(TracerTest):
         (written,) = self.calls_on_file(run, "write")
         self.assertEqual((written.process, written.count), (2, 6))
 
+    def test_threads_are_numbered_as_they_are_started(self):
+        for _ in range(20):  # in which order they run is chance
+            run = self.subject("threads", calls="write")
+            self.assertEqual(sorted((call.process, call.count) for call in run.calls), [(2 + i, 1 + i) for i in range(8)])
+
     def test_only_the_requested_calls_count(self):
         run = self.subject("three-writes", calls="openat,close")
         self.assertEqual({call.name for call in run.calls}, {"openat", "close"})

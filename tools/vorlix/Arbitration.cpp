@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -86,6 +87,15 @@ FoundSlice findSlice(const std::string& disk, uint32_t number) {
 
 std::string bsdNameOf(const std::string& device) {
   return ownName(device, *openDisk(device).disk);
+}
+
+std::string ownNameOf(const std::string& device) {
+  try {
+    return bsdNameOf(device);
+  } catch (const Failure&) {
+    constexpr std::string_view kDevices = "/dev/";
+    return device.starts_with(kDevices) ? device.substr(kDevices.size()) : device;
+  }
 }
 
 std::string wholeDiskNameOf(const std::string& device) {

@@ -16,6 +16,9 @@ namespace vorlix::tool {
 /// its slice. Every look-up accepts that name. Throws Failure for an unknown device.
 std::string bsdNameOf(const std::string& device);
 
+/// The same for comparing names: that of a device that is not there is returned as it is, without "/dev/".
+std::string ownNameOf(const std::string& device);
+
 /// Returns the name of the whole disk that a device is a slice of, or the device's name if it is a whole disk. Throws
 /// Failure for an unknown device.
 std::string wholeDiskNameOf(const std::string& device);

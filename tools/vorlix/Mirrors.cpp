@@ -27,15 +27,6 @@ std::string withoutSlash(std::string path) {
   return path;
 }
 
-// The device's own name, of one that is not there the name as it is.
-std::string deviceName(const std::string& name) {
-  try {
-    return bsdNameOf(name);
-  } catch (const Failure&) {
-    return name.starts_with("/dev/") ? name.substr(5) : name;
-  }
-}
-
 std::vector<VolumeMirror> mirrorsCalled(const std::string& text) {
   const std::string wanted = withoutSlash(text);
   const std::vector<VolumeMirror> all = platform().volumeMirrors->mirrors();
@@ -47,7 +38,7 @@ std::vector<VolumeMirror> mirrorsCalled(const std::string& text) {
   auto found = those([&](const VolumeMirror& mirror) { return mirror.folder == wanted; });
   if (found.empty()) found = those([&](const VolumeMirror& mirror) { return nameOf(mirror) == wanted; });
   if (!found.empty()) return found;
-  const std::string device = deviceName(wanted);
+  const std::string device = ownNameOf(wanted);
   return those([&](const VolumeMirror& mirror) { return mirror.device == device; });
 }
 

@@ -64,7 +64,7 @@ std::optional<std::string> interruptedRestoreOf(const RestoreRequest& request, c
     const auto journal = openLongChange(folder, failure);
     if (!journal) continue;  // of a restore that is running; if it is on this disk, opening the disk says so
     const std::string& device = journal->structures().devices[journal->origin().device].device;
-    if (absoluteSource(device) != absoluteSource(volume) && device != volume) continue;
+    if (device != volume && ownNameOf(device) != ownNameOf(volume)) continue;
     const uint32_t image = journal->origin().image;
     const bool isSameImage = request.index == 0 || request.index == image;
     if (isSameImage && journal->origin().source == absoluteSource(request.source)) return folder;

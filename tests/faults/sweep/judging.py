@@ -15,13 +15,13 @@ TORN = "torn"  # a structure is neither as before nor as after, and no journal r
 BLOCKED = "blocked"  # the same command does not succeed afterwards
 HANG = "hang"
 CRASH = "crash"
-WRONG_WORD = "wrong word"  # the message says "nothing was written", but something was
+WRONG_WORD = "wrong word"  # the message says "nothing was written" or the like, but something was
 UNJUDGED = "unjudged"  # the sweep itself failed at this point
 VERDICTS = (OK, SILENT, TORN, BLOCKED, HANG, CRASH, WRONG_WORD, UNJUDGED)
 
 SUCCESS = 0
 REFUSALS = {2, 255}  # an error of the command line; the library ended the process because boot code was missing
-DENIALS = ("nothing was written", "nothing was copied", "nothing was saved", "nothing was changed")
+DENIALS = ("nothing was written", "nothing was copied", "nothing was saved", "nothing was changed", "nothing is changed")
 
 
 @dataclasses.dataclass(frozen=True)

@@ -4,6 +4,7 @@
 import ctypes
 import os
 import pwd
+import re
 import shutil
 import signal
 import subprocess
@@ -17,18 +18,29 @@ PR_SET_PDEATHSIG = 1
 HIDDEN = {"/var/lib": 0o755, "/run": 0o755, "/tmp": 0o1777}  # state and mounts of root, and the library's log
 PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 stand_ins = []  # the folders mounted over HIDDEN; none as long as this process sees the real ones
+first_processes = []  # those with number 1 of a new namespace
 libc = ctypes.CDLL(None, use_errno=True)
 
 
+def mounts_of_loops():
+    """The folders where loop devices are mounted."""
+    with open("/proc/self/mountinfo", encoding="utf-8", errors="surrogateescape") as file:
+        lines = [line.split(" - ") for line in file]
+    folders = [place.split()[4] for place, origin in lines if origin.split()[1].startswith("/dev/loop")]
+    return [re.sub(r"\\([0-7]{3})", lambda octal: chr(int(octal[1], 8)), folder) for folder in reversed(folders)]
+
+
 def stand_apart(folder):
-    """Isolates the children of this process: mounts empty folders over HIDDEN, and hides other processes in /proc.
-    Commands search /proc, so other processes would make the runs differ."""
+    """Isolates the children of this process: mounts empty folders over HIDDEN, and hides other processes in /proc and
+    mounted loop devices. Commands look at all of these, so they would make the runs differ when others change them."""
     if libc.unshare(CLONE_NEWNS | CLONE_NEWPID) != 0:
         raise OSError(ctypes.get_errno(), "unshare")
     # The first child is process 1 of the new namespace; without it, no other can start. It ignores SIGCHLD, so orphans
     # leave no zombies.
-    subprocess.Popen(["sh", "-c", "trap '' CHLD; exec sleep infinity"], preexec_fn=end_with_parent)
+    first_processes.append(subprocess.Popen(["sh", "-c", "trap '' CHLD; exec sleep infinity"], preexec_fn=end_with_parent))
     subprocess.run(["mount", "--make-rprivate", "/"], check=True)
+    for place in mounts_of_loops():
+        subprocess.run(["umount", "--lazy", place], check=False)  # fails for one that is hidden below another
     subprocess.run(["mount", "-t", "proc", "proc", "/proc"], check=True)
     for place, mode in HIDDEN.items():
         own = os.path.join(folder, place.strip("/").replace("/", "-"))

@@ -130,7 +130,11 @@ class Tracer {
       const bool isGroupStop = signal != SIGTRAP;
       ptrace(isGroupStop ? PTRACE_LISTEN : PTRACE_SYSCALL, id, nullptr, nullptr);
     } else if (event != 0) {
-      if (event == PTRACE_EVENT_EXEC) handleExec(id, traced);
+      if (event == PTRACE_EVENT_EXEC) {
+        handleExec(id, traced);
+      } else {
+        handleStart(id);
+      }
       resume(id, 0);
     } else if (signal == kCallStop) {
       handleCall(id, traced);
@@ -148,6 +152,12 @@ class Tracer {
     const auto [place, isNew] = traced_.try_emplace(id);
     if (isNew) place->second.process = ++processes_;  // its program has begun: dynamic loaders start no processes
     return place->second;
+  }
+
+  // Those that a process starts are numbered in that order. Their own first stops may come in another one.
+  void handleStart(pid_t parent) {
+    unsigned long started = 0;
+    if (ptrace(PTRACE_GETEVENTMSG, parent, nullptr, &started) == 0) known(static_cast<pid_t>(started));
   }
 
   void handleEnd(pid_t id, int status) {
