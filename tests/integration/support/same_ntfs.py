@@ -9,20 +9,21 @@ import os
 import re
 import time
 
-from support import images, samples
+from support import samples, sparse
 
 SECTOR = samples.SECTOR
 SERIAL_OFFSET = 72  # in both boot sectors
 SECOND = 10_000_000  # times count 100 ns
 FROM_1601_TO_1970 = 11_644_473_600 * SECOND
 A_DAY = 86_400 * SECOND
+PAGE = 4096  # of an index, by mkntfs; four records of the file table
 RECORD = 1024  # of the file table, by mkntfs
 HIGH_BYTES = 3  # of a time; a day has one value of them or two
 
 
 def now():
-    """The time as NTFS has it."""
-    return FROM_1601_TO_1970 + time.time_ns() // 100
+    """The time as NTFS has it, in whole seconds."""
+    return FROM_1601_TO_1970 + int(time.time()) * SECOND
 
 
 def number(content, offset, size):
@@ -60,10 +61,12 @@ def lasting_hash(path, first, sectors, since):
     serials = [sector * SECTOR + SERIAL_OFFSET for sector in (first, first + sectors - 1)]
     digest = hashlib.sha256(os.path.getsize(path).to_bytes(8, "little"))
     with open(path, "rb") as file:
-        for at, page in images.data_pages(file.fileno()):
-            page = without_times(page, since)
+        for at, block in sparse.blocks(file.fileno()):
+            content = bytearray()
+            for start in range(0, len(block), PAGE):
+                content += without_times(block[start : start + PAGE], since)
             for place in serials:
-                if at <= place < at + len(page):
-                    page[place - at : place - at + 8] = bytes(8)
-            digest.update(at.to_bytes(8, "little") + page)
+                if at <= place < at + len(content):
+                    content[place - at : place - at + 8] = bytes(8)
+            digest.update(at.to_bytes(8, "little") + content)
     return digest.hexdigest()
