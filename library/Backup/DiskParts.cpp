@@ -57,9 +57,14 @@ void readTableCopy(DeviceHandle& disk, const VolumesDisk& facts, BackupPart& par
   const uint64_t lba = *facts.gpt.headerLBA == 1 ? facts.gpt.header.alternate_lba : *facts.gpt.headerLBA;
   std::vector<uint8_t> block(kSectorSize);
   GPTHeader header = {};
-  const bool isInside = lba < facts.size / facts.blockSize;
-  if (isInside && disk.readAt(block.data(), block.size(), lba * facts.blockSize) == static_cast<ssize_t>(kSectorSize)) {
-    decodeGPTHeader(block, header);
+  if (lba < facts.size / facts.blockSize) {
+    const ssize_t got = disk.readAt(block.data(), block.size(), lba * facts.blockSize);
+    if (got < 0) {
+      part.isUnread = true;
+      part.missing = SystemError{errno}.reason();
+      return;
+    }
+    if (got == static_cast<ssize_t>(kSectorSize)) decodeGPTHeader(block, header);
   }
   const uint64_t start = entriesOffset(header, facts.blockSize);
   const uint64_t end = (lba + 1) * facts.blockSize;

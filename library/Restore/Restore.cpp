@@ -116,8 +116,8 @@ std::optional<ChangeFailure> readNow(const DeviceChange& device, DeviceHandle& h
 }
 
 // Another disk may have the name by now. Outside of the volume, an interrupted restore leaves each structure with one
-// of its two contents; it leaves the volume's first sector with one of them or blank, and the rest of the volume
-// anyhow.
+// of its two contents, and the volume's first sector with one of them or blank. The rest of the volume may hold
+// anything.
 bool isAsLeft(const ByteChange& run, const std::vector<uint8_t>& now, bool isOnVolume) {
   if (isOnVolume && run.offset != 0) return true;
   const size_t count = isOnVolume ? std::min<size_t>(now.size(), kSectorSize) : now.size();
