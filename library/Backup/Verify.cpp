@@ -12,6 +12,7 @@
 #include "FramePipeline.h"
 #include "Layout.h"
 #include "Manifest.h"
+#include "foundation/Zeros.h"
 #include "library/ImageSource/BlockMap.h"
 
 namespace vorlix {
@@ -194,18 +195,15 @@ class Verification {
       return;
     }
     uint64_t end = 0;
-    const auto isZero = [&](uint64_t from, uint64_t to) {
-      return std::all_of(block.begin() + static_cast<std::ptrdiff_t>(from),
-                         block.begin() + static_cast<std::ptrdiff_t>(to), [](uint8_t byte) { return byte == 0; });
-    };
     for (size_t i = 0; i < slot.ranges.size(); ++i) {
       const ByteRange& range = slot.ranges[i];
       hash.add(block.subspan(range.offset, range.size));
       if (hash.finish() != slot.hashes[i]) slot.finding = name + " has another content than the block map says";
-      if (!isZero(end, range.offset)) slot.finding = name + " has content outside the ranges of the block map";
+      const bool isZeroBefore = areZeros(block.subspan(end, range.offset - end));
+      if (!isZeroBefore) slot.finding = name + " has content outside the ranges of the block map";
       end = range.end();
     }
-    if (!isZero(end, block.size())) slot.finding = name + " has content outside the ranges of the block map";
+    if (!areZeros(block.subspan(end))) slot.finding = name + " has content outside the ranges of the block map";
   }
 
   std::string folder_;

@@ -5,12 +5,10 @@
 #include <cstring>
 #include <utility>
 
+#include "foundation/Zeros.h"
+
 namespace vorlix {
 namespace {
-
-bool isZero(std::span<const uint8_t> bytes) {
-  return bytes[0] == 0 && std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0;
-}
 
 std::string bytesText(uint64_t count) {
   return std::to_string(count) + (count == 1 ? " byte" : " bytes");
@@ -60,8 +58,8 @@ ImagePiece RawSource::stepThroughFile(std::span<uint8_t> buffer, uint64_t most) 
     return failed("it goes on behind the " + bytesText(*facts_.size) + " that it tells of");
   }
   // A plain file's zeros are holes, or somebody wanted them there; unpacked ones cost nothing to notice.
-  const bool areZeros = content().isSequential() && isZero(buffer.first(*read));
-  return piece(areZeros ? ImagePiece::Kind::zeros : ImagePiece::Kind::data, *read);
+  const bool hasZeros = content().isSequential() && areZeros(buffer.first(*read));
+  return piece(hasZeros ? ImagePiece::Kind::zeros : ImagePiece::Kind::data, *read);
 }
 
 ImagePiece RawSource::stepThroughMap(std::span<uint8_t> buffer, uint64_t most) {

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "foundation/Zeros.h"
+
 namespace vorlix {
 namespace {
 
@@ -105,8 +107,7 @@ BootSectorKind kindOf(const Sector& bootSector) {
   if (hasSignature(bootSector) && (isFAT32(bootSector) || holds(bootSector, kFAT16TypeOffset, "FAT"))) {
     return BootSectorKind::fat;
   }
-  const bool empty = std::all_of(bootSector.begin(), bootSector.end(), [](uint8_t byte) { return byte == 0; });
-  return empty ? BootSectorKind::empty : BootSectorKind::other;
+  return areZeros(bootSector) ? BootSectorKind::empty : BootSectorKind::other;
 }
 
 MBRKind mbrKindOf(const Sector& sector0) {
@@ -153,8 +154,7 @@ Field bootCodeField(const Sector& bootSector) {
 
 bool lacksBootCode(const Sector& bootSector) {
   const Field code = bootCodeField(bootSector);
-  const auto begin = bootSector.begin() + at(code.offset);
-  return std::all_of(begin, begin + at(code.size), [](uint8_t byte) { return byte == 0; });
+  return areZeros(std::span(bootSector).subspan(code.offset, code.size));
 }
 
 bool onlyPrintsMessage(const Sector& bootSector) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/OwnBootCode.h>
 
-#include <algorithm>
+#include "foundation/Zeros.h"
 
 namespace vorlix {
 
@@ -12,8 +12,7 @@ DiskBootCode ownBootCode() {
 }
 
 bool lacksDiskBootCode(const Sector& sector0) {
-  const auto end = sector0.begin() + static_cast<std::ptrdiff_t>(kPureBootCodeSize);
-  return std::all_of(sector0.begin(), end, [](uint8_t byte) { return byte == 0; });
+  return areZeros(std::span(sector0).first(kPureBootCodeSize));
 }
 
 }  // namespace vorlix

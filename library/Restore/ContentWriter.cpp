@@ -11,6 +11,8 @@
 #include <span>
 #include <utility>
 
+#include "foundation/Zeros.h"
+
 namespace vorlix {
 namespace {
 
@@ -18,10 +20,6 @@ constexpr size_t kBlank = kSectorSize;                 // of the volume, zero un
 constexpr uint64_t kCheckpoint = uint64_t{256} << 20;  // written between two syncs of the medium
 constexpr size_t kZeros = size_t{1} << 20;
 constexpr uint64_t kUninterrupted = uint64_t{64} << 20;  // of zeros or of what is skipped, between two looks for a stop
-
-bool isZero(const uint8_t* bytes, size_t count) {
-  return count == 0 || (bytes[0] == 0 && std::memcmp(bytes, bytes + 1, count - 1) == 0);
-}
 
 std::optional<uint64_t> sizeOf(const ImageSource& source) {
   const ImageFacts& facts = source.facts();
@@ -119,7 +117,7 @@ bool ContentWriter::isAsBefore() {
 
 bool ContentWriter::isBlank() {
   std::vector<uint8_t> now(kBlank);
-  return volume_.readAt(now.data(), now.size(), 0) == static_cast<ssize_t>(now.size()) && isZero(now.data(), kBlank);
+  return volume_.readAt(now.data(), now.size(), 0) == static_cast<ssize_t>(now.size()) && areZeros(now);
 }
 
 std::optional<ChangeFailure> ContentWriter::put(const HashedPiece& read) {
@@ -166,7 +164,7 @@ std::optional<ChangeFailure> ContentWriter::putZeros(const ImagePiece& piece) {
     const auto length = static_cast<size_t>(std::min<uint64_t>(kZeros, piece.offset + piece.length - at));
     const ssize_t got = volume_.readAt(bytes.data(), length, at);
     if (got != static_cast<ssize_t>(length)) return errorAt(at, got);
-    if (!isZero(bytes.data(), length)) {
+    if (!areZeros(std::span(bytes).first(length))) {
       zeros.resize(kZeros);
       const ssize_t done = volume_.writeAt(zeros.data(), length, at);
       if (done != static_cast<ssize_t>(length)) return errorAt(at, done);
@@ -232,8 +230,7 @@ std::optional<ChangeFailure> ContentWriter::compare() {
       checkedPlace = at;
       check = std::async(std::launch::async, [this, bytes, at, &piece, &hash] {
         blankOut(bytes, at, places_);  // an interrupted run may have written a structure there already
-        return piece.kind == ContentPiece::Kind::zeros ? isZero(bytes.data(), bytes.size())
-                                                       : hash.of(bytes) == piece.hash;
+        return piece.kind == ContentPiece::Kind::zeros ? areZeros(bytes) : hash.of(bytes) == piece.hash;
       });
       at += length;
     }

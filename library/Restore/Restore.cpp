@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "ContentWriter.h"
+#include "foundation/Zeros.h"
 
 namespace vorlix {
 namespace {
@@ -115,15 +116,18 @@ std::optional<ChangeFailure> readNow(const DeviceChange& device, DeviceHandle& h
                        kNothingWritten};
 }
 
+// An interrupted restore may leave anything on the volume after its first sector.
+bool isKnown(const ByteChange& run, bool isOnVolume) {
+  return !isOnVolume || run.offset == 0;
+}
+
 // Another disk may have the name by now. Outside of the volume, an interrupted restore leaves each structure with one
-// of its two contents, and the volume's first sector with one of them or blank. The rest of the volume may hold
-// anything.
+// of its two contents, and the volume's first sector with one of them or blank.
 bool isAsLeft(const ByteChange& run, const std::vector<uint8_t>& now, bool isOnVolume) {
-  if (isOnVolume && run.offset != 0) return true;
   const size_t count = isOnVolume ? std::min<size_t>(now.size(), kSectorSize) : now.size();
   const auto end = now.begin() + static_cast<std::ptrdiff_t>(count);
   if (std::equal(now.begin(), end, run.before.begin()) || std::equal(now.begin(), end, run.after.begin())) return true;
-  return isOnVolume && std::all_of(now.begin(), end, [](uint8_t byte) { return byte == 0; });
+  return isOnVolume && areZeros(std::span(now).first(count));
 }
 
 ChangeFailure changedSince(const DeviceChange& device, const ByteChange& run) {
@@ -136,7 +140,7 @@ std::optional<ChangeFailure> requireAsLeft(const LongChange& journal,
     const DeviceChange& device = journal.structures().devices[i];
     const bool isVolume = i == journal.origin().device;
     for (const ByteChange& run : device.bytes) {
-      if (isVolume && run.offset != 0) continue;
+      if (!isKnown(run, isVolume)) continue;
       std::vector<uint8_t> now(run.before.size());
       if (auto failure = readNow(device, *handles[i], run.offset, now)) return failure;
       if (!isAsLeft(run, now, isVolume)) return changedSince(device, run);
@@ -225,10 +229,11 @@ std::optional<ChangeFailure> abandonRestore(std::unique_ptr<LongChange> journal,
   for (size_t i = 0; i < change.devices.size(); ++i) {
     DeviceChange& device = change.devices[i];
     device.handle = handles[i];
+    const bool isVolume = i == journal->origin().device;
     for (ByteChange& run : device.bytes) {
       std::vector<uint8_t> now(run.before.size());
       if (auto failure = readNow(device, *device.handle, run.offset, now)) return failure;
-      if (!isAsLeft(run, now, i == journal->origin().device)) return changedSince(device, run);
+      if (isKnown(run, isVolume) && !isAsLeft(run, now, isVolume)) return changedSince(device, run);
       run.after = std::exchange(run.before, std::move(now));
     }
   }

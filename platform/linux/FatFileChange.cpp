@@ -10,6 +10,7 @@
 
 #include <Vorlix/foundation/LittleEndian.h>
 #include "FatNames.h"
+#include "foundation/Zeros.h"
 
 namespace vorlix {
 namespace {
@@ -341,10 +342,7 @@ Refusal compareFatFile(const FatSource& source, const FatVolume& volume, const F
   isEqual = entry.size == bytes.size();
   if (!isEqual) return std::nullopt;
   size_t done = 0;
-  const auto isZero = [&](size_t end) {
-    return std::all_of(bytes.begin() + static_cast<std::ptrdiff_t>(done),
-                       bytes.begin() + static_cast<std::ptrdiff_t>(end), [](uint8_t byte) { return byte == 0; });
-  };
+  const auto isZero = [&](size_t end) { return areZeros(bytes.subspan(done, end - done)); };
   const Refusal unread =
       volume.readFile(source, entry, [&](uint64_t offset, const uint8_t* piece, size_t count) -> Refusal {
         isEqual =

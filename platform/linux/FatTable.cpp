@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include <Vorlix/foundation/LittleEndian.h>
+#include "foundation/Zeros.h"
 
 namespace vorlix {
 namespace {
@@ -19,10 +20,6 @@ size_t entrySize(FatWidth width) {
 // Entries of 12 bits can begin inside a byte; two bytes contain every such entry.
 uint64_t entryOffset(uint64_t cluster, FatWidth width) {
   return width == FatWidth::bits12 ? cluster + cluster / 2 : cluster * entrySize(width);
-}
-
-bool isZero(const uint8_t* bytes, size_t count) {
-  return std::all_of(bytes, bytes + count, [](uint8_t byte) { return byte == 0; });
 }
 
 }  // namespace
@@ -66,7 +63,7 @@ Refusal FatTable::read(const FatSource& source, const FatLayout& layout, Copies 
 void FatTable::keep(uint64_t at, const uint8_t* bytes, size_t count) {
   for (size_t done = 0; done < count; done += kPage) {
     const size_t size = std::min(kPage, count - done);
-    if (isZero(bytes + done, size)) continue;
+    if (areZeros({bytes + done, size})) continue;
     auto page = std::make_unique<Page>();
     std::copy_n(bytes + done, size, page->begin());
     pages_[static_cast<size_t>((at + done) / kPage)] = std::move(page);

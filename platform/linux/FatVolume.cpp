@@ -9,6 +9,7 @@
 
 #include <Vorlix/foundation/LittleEndian.h>
 #include "FatNames.h"
+#include "foundation/Zeros.h"
 
 namespace vorlix {
 namespace {
@@ -76,7 +77,7 @@ class FatWalk {
     for (size_t done = 0; done < count; done += kPage) {
       const size_t size = std::min(kPage, count - done);
       const uint8_t* const page = bytes + done;
-      if (std::all_of(page, page + size, [](uint8_t byte) { return byte == 0; })) continue;
+      if (areZeros({page, size})) continue;
       volume_.digest_.addWord(at + done);
       volume_.digest_.add(page, size);
     }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <Vorlix/platform/Descriptor.h>
+#include "foundation/Zeros.h"
 
 namespace vorlix {
 namespace {
@@ -66,10 +67,7 @@ class ComparedFile {
       if (data >= 0) place_ = std::min(end, static_cast<uint64_t>(data));
       const auto count = static_cast<size_t>(std::min<uint64_t>(kFatPiece, end - place_));
       if (!readAt(place_, count)) return false;
-      if (!std::all_of(piece_.begin(), piece_.begin() + static_cast<std::ptrdiff_t>(count),
-                       [](uint8_t byte) { return byte == 0; })) {
-        return false;
-      }
+      if (!areZeros(std::span(piece_).first(count))) return false;
       place_ += count;
     }
     place_ = end;
