@@ -5,14 +5,18 @@
 #include <Vorlix/platform/simulated/SimulatedMachine.h>
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <set>
+
+#include "tests/unit/support/SoundGPT.h"
 
 namespace vorlix::test {
 namespace {
 
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::IsSupersetOf;
 
 class BackupPlanTest : public testing::Test {
  protected:
@@ -79,6 +83,47 @@ TEST_F(BackupPlanTest, ABootRecordThatCannotBeReadRefusesTheBackup) {
   const auto failure = planBackup(request_, plan_);
   ASSERT_TRUE(failure);
   EXPECT_THAT(failure->reason, HasSubstr("boot-record.bin cannot be saved: "));
+}
+
+TEST_F(BackupPlanTest, AVolumeWhoseWholeDiskIsNotKnownIsSavedByItself) {
+  machine_.hideWholeDisk("disk7s1");
+  EXPECT_FALSE(planBackup(request_, plan_));
+  EXPECT_EQ(plan_.wholeDisk, "disk7s1");
+  for (const std::string& key : kOfTheDisk) EXPECT_TRUE(missing().contains(key)) << key;
+}
+
+// The reads of the whole disk fail from one of them on. The backup is then refused, or it has the same bytes as without
+// the failure.
+TEST_F(BackupPlanTest, NoReadOfTheTablesFailsUnnoticed) {
+  const SoundGPT gpt;
+  machine_.addDisk("disk8", gpt.bytes.size(), 512);
+  machine_.setBytes("disk8", 0, gpt.bytes);
+  machine_.addSlice("disk8", 1, 100, 50);
+  request_.volume = "disk8s1";
+  ASSERT_FALSE(planBackup(request_, plan_));
+  const std::vector<BackupPart> sound = plan_.parts;
+
+  const auto readsOf = [this] {
+    const auto journal = machine_.journal();
+    return std::count_if(journal.begin(), journal.end(),
+                         [](const auto& line) { return line.starts_with("read disk8 "); });
+  };
+  const auto before = readsOf();
+  ASSERT_FALSE(planBackup(request_, plan_));
+  const auto reads = static_cast<unsigned>(readsOf() - before);
+  std::set<std::string> refused;
+  for (unsigned successes = 0; successes < reads; ++successes) {
+    machine_.fail("disk8", Operation::read, EIO, successes);
+    plan_ = {};
+    if (const auto failure = planBackup(request_, plan_)) {
+      refused.insert(failure->reason.substr(0, failure->reason.find(' ')));
+      continue;
+    }
+    for (size_t part = 0; part < sound.size(); ++part) {
+      EXPECT_EQ(plan_.parts[part].bytes, sound[part].bytes) << successes;
+    }
+  }
+  EXPECT_THAT(refused, IsSupersetOf({"boot-code.bin", "partition-table.bin", "partition-table-copy.bin"}));
 }
 
 }  // namespace

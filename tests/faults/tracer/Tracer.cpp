@@ -14,6 +14,7 @@
 #include <csignal>
 #include <cstring>
 #include <optional>
+#include <set>
 #include <utility>
 
 namespace {
@@ -119,6 +120,7 @@ class Tracer {
       return;
     }
     if (!WIFSTOPPED(status)) return;
+    if (traced_.count(id) == 0) seenEarly_.insert(id);
     Traced& traced = known(id);
     if (isEnding_) {
       kill(id, SIGKILL);
@@ -154,10 +156,13 @@ class Tracer {
     return place->second;
   }
 
-  // Those that a process starts are numbered in that order. Their own first stops may come in another one.
+  // Those that a process starts are numbered in that order. One that was seen before this event has its number, and may
+  // have ended already.
   void handleStart(pid_t parent) {
-    unsigned long started = 0;
-    if (ptrace(PTRACE_GETEVENTMSG, parent, nullptr, &started) == 0) known(static_cast<pid_t>(started));
+    unsigned long message = 0;
+    if (ptrace(PTRACE_GETEVENTMSG, parent, nullptr, &message) != 0) return;
+    const auto started = static_cast<pid_t>(message);
+    if (seenEarly_.erase(started) == 0) known(started);
   }
 
   void handleEnd(pid_t id, int status) {
@@ -303,6 +308,7 @@ class Tracer {
   Outcome outcome_;
   pid_t command_ = -1;
   std::map<pid_t, Traced> traced_;
+  std::set<pid_t> seenEarly_;  // before the event of their start
   size_t processes_ = 0;
   bool isEnding_ = false;
   bool isHanging_ = false;

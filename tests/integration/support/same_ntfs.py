@@ -38,8 +38,13 @@ def undo_fixup(page, start):
         page[end - 2 : end] = page[place + 2 * sector : place + 2 * sector + 2]
 
 
-def without_times(page, since):
-    """A page of a volume, with zeros for each time from `since` on until a day later."""
+def without_times(content, since):
+    """A piece of a volume in whole pages, with zeros for each time from `since` on until a day later."""
+    pages = (content[start : start + PAGE] for start in range(0, len(content), PAGE))
+    return bytearray().join(page_without_times(page, since) for page in pages)
+
+
+def page_without_times(page, since):
     page = bytearray(page)
     starts = [0] if page.startswith(b"INDX") else [at for at in range(0, len(page), RECORD) if page[at : at + 4] == b"FILE"]
     for start in starts:
@@ -62,9 +67,7 @@ def lasting_hash(path, first, sectors, since):
     digest = hashlib.sha256(os.path.getsize(path).to_bytes(8, "little"))
     with open(path, "rb") as file:
         for at, block in sparse.blocks(file.fileno()):
-            content = bytearray()
-            for start in range(0, len(block), PAGE):
-                content += without_times(block[start : start + PAGE], since)
+            content = without_times(block, since)
             for place in serials:
                 if at <= place < at + len(content):
                     content[place - at : place - at + 8] = bytes(8)
