@@ -107,7 +107,8 @@ class Disk {
   /// perhaps others.
   virtual std::optional<Dictionary> copyVolumeDescription() { return copyDescription(); }
 
-  /// Returns the whole disk that this one is a slice of, or the disk itself if it is whole. Null if there is none.
+  /// Returns the whole disk that this one is a slice of, or the disk itself if it is whole. Null with `errno` if there
+  /// is none (ENOENT), or if the system cannot tell.
   virtual std::shared_ptr<Disk> wholeDisk() = 0;
 
   /// Mounts the disk's volume at a place that the system chooses. Known arguments: "nobrowse" hides the volume from the

@@ -4,6 +4,7 @@
 #include <DiskArbitration/DiskArbitration.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "CFOwned.h"
@@ -90,7 +91,10 @@ class ArbitratedDisk final : public Disk {
 
   std::shared_ptr<Disk> wholeDisk() override {
     CFOwned<DADiskRef> whole(DADiskCopyWholeDisk(disk_.get()));
-    if (!whole) return nullptr;
+    if (!whole) {
+      errno = ENOENT;  // the framework does not tell more
+      return nullptr;
+    }
     return std::make_shared<ArbitratedDisk>(std::move(whole), connection_);
   }
 

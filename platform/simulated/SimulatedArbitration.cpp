@@ -2,6 +2,8 @@
 //
 // Disk arbitration of the simulated machine: descriptions, mounts and unmounts.
 
+#include <cerrno>
+
 #include "SimulatedState.h"
 
 namespace vorlix {
@@ -56,7 +58,10 @@ class SimulatedDisk final : public Disk {
   }
 
   std::shared_ptr<Disk> wholeDisk() override {
-    if (state_->view(name_).wholeDiskHidden) return nullptr;
+    if (state_->view(name_).wholeDiskHidden) {
+      errno = ENOENT;
+      return nullptr;
+    }
     return std::make_shared<SimulatedDisk>(state_, session_, state_->device(name_).disk);
   }
 

@@ -2,7 +2,6 @@
 #include "CompletionOffers.h"
 
 #include <Vorlix/LogCapture.h>
-#include <Vorlix/platform/IORegistry.h>
 #include <Vorlix/platform/KeptChange.h>
 #include <Vorlix/platform/LongChange.h>
 #include <Vorlix/platform/MountedVolumes.h>
@@ -12,11 +11,11 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <memory>
 #include <optional>
 #include <system_error>
 
 #include "DiskTables.h"
+#include "SystemDisks.h"
 #include "Text.h"
 
 namespace vorlix::tool {
@@ -104,26 +103,6 @@ void addSlicesOfImage(const std::string& word, Candidates& words) {
   for (const Candidate& slice : slicesIn(*disk, true)) words.push_back({*image + "s" + slice.text, slice.description});
 }
 
-std::vector<std::shared_ptr<RegistryEntry>> media() {
-  std::vector<std::shared_ptr<RegistryEntry>> found;
-  IORegistry& registry = *platform().ioRegistry;
-  MasterPort port = 0;
-  static_cast<void>(registry.masterPort(port));
-  RegistryMatching matching;
-  matching.className = "IOMedia";
-  std::shared_ptr<RegistryIterator> iterator;
-  if (registry.matchingServices(port, matching, iterator) != kKernSuccess || !iterator) return found;
-  while (auto entry = iterator->next()) found.push_back(std::move(entry));
-  return found;
-}
-
-template <typename Held>
-std::optional<Held> propertyOf(RegistryEntry& entry, const std::string& key) {
-  const std::optional<Value> value = entry.property(key);
-  const Held* const held = value ? std::get_if<Held>(&*value) : nullptr;
-  return held != nullptr ? std::optional<Held>(*held) : std::nullopt;
-}
-
 // The name that a word leads to: a kernel's name without a slash if that is how the word begins, else a path.
 std::string spelled(const std::string& bsdName, const std::string& word) {
   if (bsdName.starts_with("/") || (!word.empty() && bsdName.starts_with(word))) return bsdName;
@@ -131,21 +110,17 @@ std::string spelled(const std::string& bsdName, const std::string& word) {
 }
 
 void addDevices(const std::string& word, bool withSlices, Candidates& words) {
-  for (const auto& medium : media()) {
-    const auto name = propertyOf<std::string>(*medium, "BSD Name");
-    const bool isWhole = propertyOf<bool>(*medium, "Whole").value_or(false);
-    if (!name || (!isWhole && !withSlices)) continue;
-    const std::string content = isWhole ? "" : gptTypeName(propertyOf<std::string>(*medium, "Content").value_or(""));
-    const auto size = propertyOf<int64_t>(*medium, "Size");
-    const std::string kind = isWhole ? "disk" : content == "unknown" ? "slice" : content;
-    words.push_back({spelled(*name, word), joined(kind, size ? shortSizeText(static_cast<uint64_t>(*size)) : "")});
+  for (const SystemMedium& medium : systemMedia()) {
+    if (medium.name.empty() || (!medium.isWhole && !withSlices)) continue;
+    const std::string content = medium.isWhole ? "" : gptTypeName(medium.content);
+    const std::string kind = medium.isWhole ? "disk" : content == "unknown" ? "slice" : content;
+    words.push_back({spelled(medium.name, word), joined(kind, shortSizeText(medium.size))});
   }
 }
 
 void addIdentifiers(Candidates& words) {
-  for (const auto& medium : media()) {
-    const auto uuid = propertyOf<std::string>(*medium, "UUID");
-    if (uuid) words.push_back({*uuid, propertyOf<std::string>(*medium, "BSD Name").value_or("")});
+  for (const SystemMedium& medium : systemMedia()) {
+    if (const auto uuid = medium.uuid()) words.push_back({*uuid, medium.name});
   }
 }
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SystemDisks.h"
 
-#include <Vorlix/platform/IORegistry.h>
 #include <Vorlix/platform/Platform.h>
 
 #include <algorithm>
@@ -21,10 +20,6 @@ std::optional<Type> valueOf(RegistryEntry& entry, const char* key) {
   const std::optional<Value> value = entry.property(key);
   const Type* const found = value ? std::get_if<Type>(&*value) : nullptr;
   return found != nullptr ? std::optional<Type>(*found) : std::nullopt;
-}
-
-uint64_t mediumSize(RegistryEntry& entry) {
-  return static_cast<uint64_t>(std::max<int64_t>(valueOf<int64_t>(entry, "Size").value_or(0), 0));
 }
 
 std::shared_ptr<RegistryEntry> above(RegistryEntry& entry) {
@@ -53,14 +48,13 @@ std::string diskAround(RegistryEntry& slice) {
   return "";
 }
 
-void addSlice(RegistryEntry& entry, std::vector<SystemDisk>& disks) {
-  const std::string around = diskAround(entry);
+void addSlice(const SystemMedium& slice, std::vector<SystemDisk>& disks) {
+  const std::string around = diskAround(*slice.entry);
   const auto disk =
       std::find_if(disks.begin(), disks.end(), [&](const SystemDisk& item) { return item.name == around; });
-  const int64_t number = valueOf<int64_t>(entry, "Partition ID").value_or(0);
+  const int64_t number = valueOf<int64_t>(*slice.entry, "Partition ID").value_or(0);
   if (disk == disks.end() || number <= 0) return;
-  disk->slices.push_back(
-      {static_cast<uint32_t>(number), mediumSize(entry), valueOf<std::string>(entry, "Content").value_or("")});
+  disk->slices.push_back({static_cast<uint32_t>(number), slice.size, slice.content});
 }
 
 }  // namespace
@@ -71,30 +65,42 @@ bool SystemDisk::isListed() const {
   return hasTable || !startsWithOneOf(name, {"loop", "dm-", "md", "nbd"});
 }
 
-std::vector<SystemDisk> systemDisks() {
+std::optional<std::string> SystemMedium::uuid() const {
+  return valueOf<std::string>(*entry, "UUID");
+}
+
+std::vector<SystemMedium> systemMedia() {
   RegistryMatching matching;
   matching.className = "IOMedia";
   MasterPort port = 0;
   IORegistry& registry = *platform().ioRegistry;
   registry.masterPort(port);
-  std::shared_ptr<RegistryIterator> media;
-  if (registry.matchingServices(port, matching, media) != kKernSuccess || !media) return {};
-  std::vector<SystemDisk> disks;
-  std::vector<std::shared_ptr<RegistryEntry>> slices;
-  while (const auto entry = media->next()) {
-    if (valueOf<bool>(*entry, "Whole") != true) {
-      slices.push_back(entry);
-      continue;
-    }
-    SystemDisk disk;
-    disk.name = valueOf<std::string>(*entry, "BSD Name").value_or("");
-    disk.size = mediumSize(*entry);
-    disk.content = valueOf<std::string>(*entry, "Content").value_or("");
-    disk.model = modelOf(*entry);
-    disk.isWritable = valueOf<bool>(*entry, "Writable");
-    disks.push_back(std::move(disk));
+  std::shared_ptr<RegistryIterator> entries;
+  if (registry.matchingServices(port, matching, entries) != kKernSuccess || !entries) return {};
+  std::vector<SystemMedium> media;
+  while (auto entry = entries->next()) {
+    SystemMedium medium;
+    medium.name = valueOf<std::string>(*entry, "BSD Name").value_or("");
+    medium.isWhole = valueOf<bool>(*entry, "Whole").value_or(false);
+    medium.size = static_cast<uint64_t>(std::max<int64_t>(valueOf<int64_t>(*entry, "Size").value_or(0), 0));
+    medium.content = valueOf<std::string>(*entry, "Content").value_or("");
+    medium.entry = std::move(entry);
+    media.push_back(std::move(medium));
   }
-  for (const auto& slice : slices) addSlice(*slice, disks);
+  return media;
+}
+
+std::vector<SystemDisk> systemDisks() {
+  const std::vector<SystemMedium> media = systemMedia();
+  std::vector<SystemDisk> disks;
+  for (const SystemMedium& medium : media) {
+    if (!medium.isWhole) continue;
+    const auto isWritable = valueOf<bool>(*medium.entry, "Writable");
+    disks.push_back({medium.name, medium.size, medium.content, modelOf(*medium.entry), isWritable, {}});
+  }
+  for (const SystemMedium& medium : media) {
+    if (!medium.isWhole) addSlice(medium, disks);
+  }
   for (SystemDisk& disk : disks) {
     std::sort(disk.slices.begin(), disk.slices.end(),
               [](const SystemSlice& left, const SystemSlice& right) { return left.number < right.number; });

@@ -3,12 +3,29 @@
 // The disks that the system has, with what it knows of them without opening them.
 #pragma once
 
+#include <Vorlix/platform/IORegistry.h>
+
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace vorlix::tool {
+
+/// A whole disk or a slice.
+struct SystemMedium {
+  std::shared_ptr<RegistryEntry> entry;
+  std::string name;  ///< as disk arbitration has it: "sda1"
+  bool isWhole = false;
+  uint64_t size = 0;    ///< bytes
+  std::string content;  ///< GPT type, MBR type as in "0x07", the kind of a whole disk's table; empty if unknown
+
+  std::optional<std::string> uuid() const;
+};
+
+/// Returns all of them, in the order of the registry.
+std::vector<SystemMedium> systemMedia();
 
 struct SystemSlice {
   uint32_t number = 0;
