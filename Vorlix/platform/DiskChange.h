@@ -63,6 +63,7 @@ struct ChangeBackup {
   };
   Place place = Place::none;  ///< where
   std::string folder;         ///< path, of Place::folder alone
+  std::string partOf = {};    ///< name of the larger change's journal (its folder without the path); usually empty
 };
 
 /// Makes a change, or leaves the devices as they were.

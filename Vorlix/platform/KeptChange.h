@@ -33,6 +33,7 @@ struct KeptChange {
   std::vector<std::optional<uint64_t>> offsets;  ///< of each device: bytes from the start of its disk, if known
   std::string lost;  ///< the device whose content was overwritten, which cannot be restored; empty if none was
   std::vector<FileChange> files;  ///< in the order in which they were changed
+  std::string partOf;             ///< name of the journal of the change that this one is a part of; usually empty
 };
 
 /// Keeps changes to files of mounted volumes. Call it before the files change.
@@ -47,6 +48,11 @@ VORLIX_EXPORT std::vector<std::string> keptChanges();
 
 /// Returns whether a backup is one of keptChanges(), without listing them.
 VORLIX_EXPORT bool isKeptInStateFolder(const std::string& folder);
+
+/// Returns the backups of the changes that are parts of another one (ChangeBackup::partOf), oldest first: a restore
+/// puts start files on another volume.
+/// @param folder  of the other change's backup, or of its journal (LongChange.h)
+VORLIX_EXPORT std::vector<std::string> partsOfChange(const std::string& folder);
 
 /// Reads a backup, wherever its folder is. Fails if it is damaged or larger than 1 GiB.
 VORLIX_EXPORT std::optional<ChangeFailure> readKeptChange(const std::string& folder, KeptChange& kept);

@@ -55,6 +55,9 @@ class VORLIX_EXPORT LongChange {
   /// What is on the medium, in rising order without gaps from the first byte.
   virtual const std::vector<ContentPiece>& pieces() const = 0;
 
+  /// Returns where the backup of another change goes that is a part of this one: beside the backup of this one.
+  virtual ChangeBackup backupOfParts() const = 0;
+
   /// Records pieces that follow. They must be on the medium, and are synced here.
   virtual std::optional<ChangeFailure> record(const std::vector<ContentPiece>& pieces) = 0;
 

@@ -112,9 +112,14 @@ class VolumeMirrors {
     return nullptr;
   }
 
-  /// Says that all files of a mirror may be removed from its volume when this process unmounts it. Otherwise that is
-  /// refused, because a mirror that was emptied by mistake looks the same. @param folder  of the mirror
-  virtual void allowEmpty(const std::string& folder) { static_cast<void>(folder); }
+  /// Says that a mirror may be empty when this process unmounts it, if its volume had no other files than these.
+  /// Otherwise that is refused, because a mirror that was emptied by mistake looks the same.
+  /// @param folder  of the mirror
+  /// @param files   paths that start with "/" at the mirror; case does not count in ASCII
+  virtual void allowEmpty(const std::string& folder, const std::vector<std::string>& files) {
+    static_cast<void>(folder);
+    static_cast<void>(files);
+  }
 };
 
 /// For systems without mirrors.

@@ -194,6 +194,7 @@ std::optional<ChangeFailure> JournalWriter::begin(const std::string& title, cons
   if (auto failure = makeJournalsFolder(folder)) return failure;
   if (auto failure = beginIn(folder, title, writer)) return failure;
   writer->journal_->manifest_.isKept = backup.place == ChangeBackup::Place::stateFolder;
+  writer->journal_->manifest_.partOf = backup.partOf;
   return std::nullopt;
 }
 
@@ -202,7 +203,9 @@ std::optional<ChangeFailure> JournalWriter::beginBackup(const std::string& title
   std::string folder = backup.folder;
   const bool isNamed = backup.place == ChangeBackup::Place::folder;
   if (auto failure = isNamed ? makeNamedFolder(folder) : makeBackupsFolder(folder)) return failure;
-  return beginIn(folder, title, writer);
+  if (auto failure = beginIn(folder, title, writer)) return failure;
+  writer->journal_->manifest_.partOf = backup.partOf;
+  return std::nullopt;
 }
 
 std::optional<ChangeFailure> JournalWriter::beginIn(const std::string& parent, const std::string& title,

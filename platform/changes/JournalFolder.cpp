@@ -43,20 +43,12 @@ std::optional<ChangeFailure> makeFolder(const char* name, std::string& folder) {
   return std::nullopt;
 }
 
-std::vector<std::string> completeJournalsIn(const char* name) {
-  std::vector<std::string> folders;
+std::vector<std::string> completeJournalsOf(const char* name) {
   const std::optional<std::string> state = existingStateFolder();
-  if (!state) return folders;
-  std::error_code error;
-  for (const fs::directory_entry& entry : fs::directory_iterator(*state + name, error)) {
-    const std::string path = entry.path().string();
-    if (isCompleteJournal(path)) folders.push_back(path);
-  }
-  std::sort(folders.begin(), folders.end());
-  return folders;
+  return state ? completeJournalsIn(*state + name) : std::vector<std::string>();
 }
 
-bool isCompleteJournalIn(const char* name, const std::string& folder) {
+bool isCompleteJournalOf(const char* name, const std::string& folder) {
   const std::optional<std::string> state = existingStateFolder();
   const size_t slash = folder.rfind('/');
   return state && slash != std::string::npos && folder.substr(0, slash) == *state + name && isCompleteJournal(folder);
@@ -115,20 +107,31 @@ std::optional<ChangeFailure> makeBackupsFolder(std::string& folder) {
   return makeFolder(kBackups, folder);
 }
 
+std::vector<std::string> completeJournalsIn(const std::string& parent) {
+  std::vector<std::string> folders;
+  std::error_code error;
+  for (const fs::directory_entry& entry : fs::directory_iterator(parent, error)) {
+    const std::string path = entry.path().string();
+    if (isCompleteJournal(path)) folders.push_back(path);
+  }
+  std::sort(folders.begin(), folders.end());
+  return folders;
+}
+
 std::vector<std::string> journalsInStateFolder() {
-  return completeJournalsIn(kJournals);
+  return completeJournalsOf(kJournals);
 }
 
 bool isJournalThere(const std::string& folder) {
-  return isCompleteJournalIn(kJournals, folder);
+  return isCompleteJournalOf(kJournals, folder);
 }
 
 bool isBackupThere(const std::string& folder) {
-  return isCompleteJournalIn(kBackups, folder);
+  return isCompleteJournalOf(kBackups, folder);
 }
 
 std::vector<std::string> backupsInStateFolder() {
-  return completeJournalsIn(kBackups);
+  return completeJournalsOf(kBackups);
 }
 
 void removeOldBackups() {

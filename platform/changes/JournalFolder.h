@@ -34,7 +34,10 @@ JournalTime journalTime();
 std::optional<ChangeFailure> makeJournalsFolder(std::string& folder);
 std::optional<ChangeFailure> makeBackupsFolder(std::string& folder);
 
-/// Returns the complete journals in the state folder, oldest first, and likewise the backups.
+/// Returns the complete journals in a folder, oldest first.
+std::vector<std::string> completeJournalsIn(const std::string& parent);
+
+/// Returns those of journals in the state folder, and likewise those of backups.
 std::vector<std::string> journalsInStateFolder();
 std::vector<std::string> backupsInStateFolder();
 

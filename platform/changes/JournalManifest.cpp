@@ -46,6 +46,7 @@ Json jsonOf(const std::optional<JournalContent>& content) {
   Json json = {{"source", content->source}, {"start", content->start}, {"device", content->device}};
   if (content->image != 0) json["image"] = content->image;
   if (!content->between.empty()) json["between"] = content->between;
+  if (!content->backup.empty()) json["backup"] = content->backup;
   return json;
 }
 
@@ -106,15 +107,16 @@ bool isSound(const JournalFile& file) {
 }  // namespace
 
 std::string textOfManifest(const JournalManifest& manifest) {
-  const Json json = {{"format", kFormat},
-                     {"version", kVersion},
-                     {"title", manifest.title},
-                     {"begun", manifest.begun},
-                     {"kept", manifest.isKept},
-                     {"devices", jsonOf(manifest.devices)},
-                     {"runs", jsonOf(manifest.runs)},
-                     {"files", jsonOf(manifest.files)},
-                     {"content", jsonOf(manifest.content)}};
+  Json json = {{"format", kFormat},
+               {"version", kVersion},
+               {"title", manifest.title},
+               {"begun", manifest.begun},
+               {"kept", manifest.isKept},
+               {"devices", jsonOf(manifest.devices)},
+               {"runs", jsonOf(manifest.runs)},
+               {"files", jsonOf(manifest.files)},
+               {"content", jsonOf(manifest.content)}};
+  if (!manifest.partOf.empty()) json["partOf"] = manifest.partOf;
   return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
@@ -134,13 +136,14 @@ std::optional<JournalManifest> parseManifest(const std::string& text, uint64_t l
     if (version == kVersionWithoutFiles) return manifest;
     manifest.begun = json.at("begun").get<std::string>();
     manifest.isKept = json.at("kept").get<bool>();
+    manifest.partOf = json.value("partOf", std::string());
     for (const Json& item : json.at("files")) {
       if (!isSound(manifest.files.emplace_back(fileOf(item)))) return std::nullopt;
     }
     if (const Json& content = json.at("content"); !content.is_null()) {
       manifest.content = {content.at("source").get<std::string>(), content.at("start").get<std::string>(),
-                          content.at("device").get<size_t>(), content.value("image", uint32_t{0}),
-                          content.value("between", std::string())};
+                          content.at("device").get<size_t>(),      content.value("image", uint32_t{0}),
+                          content.value("between", std::string()), content.value("backup", std::string())};
       if (manifest.content->device >= manifest.devices.size()) return std::nullopt;
     }
   } catch (const nlohmann::json::exception&) {

@@ -45,12 +45,14 @@ struct JournalContent {
   size_t device = 0;    ///< index into the journal's devices
   uint32_t image = 0;   ///< of a WIM; 0 for other sources
   std::string between;  ///< a word of the program's; usually empty
+  std::string backup;   ///< absolute path of the folder with a copy of the journal; empty for none
 };
 
 struct JournalManifest {
   std::string title;
   std::string begun;    ///< "2026-11-22T01:02:03Z"
   bool isKept = false;  ///< the journal becomes a backup in the state folder
+  std::string partOf;   ///< name of another journal; empty for a change by itself
   std::vector<JournalDevice> devices;
   std::vector<JournalRun> runs;
   std::vector<JournalFile> files;

@@ -3,11 +3,14 @@
 #include "Journal.h"
 #include "JournalFolder.h"
 
+#include <filesystem>
 #include <memory>
 #include <utility>
 
 namespace vorlix {
 namespace {
+
+namespace fs = std::filesystem;
 
 constexpr uint64_t kLargestBackup = uint64_t{1} << 30;  // what readKeptChange() takes into memory
 
@@ -46,6 +49,28 @@ std::vector<std::string> keptChanges() {
   return backupsInStateFolder();
 }
 
+std::vector<std::string> partsOfChange(const std::string& folder) {
+  std::optional<ChangeFailure> failure;
+  const auto whole = Journal::open(folder, failure);
+  if (!whole) return {};
+  const fs::path path(folder);
+  const auto& content = whole->manifest().content;
+  std::vector<std::string> candidates;  // beside the backup that the change has, or will have
+  if (!isJournalThere(folder)) {
+    candidates = completeJournalsIn(path.parent_path().string());
+  } else if (content && !content->backup.empty()) {
+    candidates = completeJournalsIn(content->backup);
+  } else {
+    candidates = backupsInStateFolder();
+  }
+  std::vector<std::string> parts;
+  for (const std::string& candidate : candidates) {
+    const auto part = Journal::open(candidate, failure);
+    if (part && part->manifest().partOf == path.filename().string()) parts.push_back(candidate);
+  }
+  return parts;
+}
+
 bool isKeptInStateFolder(const std::string& folder) {
   return isBackupThere(folder);
 }
@@ -54,7 +79,12 @@ std::optional<ChangeFailure> readKeptChange(const std::string& folder, KeptChang
   std::optional<ChangeFailure> failure;
   const auto journal = Journal::open(folder, failure);
   if (!journal || (failure = checkSize(*journal))) return failure;
-  kept = {folder, journal->title(), journal->manifest().begun, {"undo of " + journal->title(), {}}, {}, "", {}};
+  kept = {};
+  kept.folder = folder;
+  kept.title = journal->title();
+  kept.begun = journal->manifest().begun;
+  kept.partOf = journal->manifest().partOf;
+  kept.undo.title = "undo of " + kept.title;
   if (const auto& content = journal->manifest().content) kept.lost = journal->devices()[content->device].name;
   for (const JournalDevice& device : journal->devices()) {
     kept.undo.devices.push_back({device.name, nullptr, {}});

@@ -13,10 +13,12 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <set>
 #include <sstream>
+#include <system_error>
 #include <utility>
 
 namespace vorlix {
@@ -59,6 +61,8 @@ class JournalledLongChange final : public LongChange {
       : journal_(std::move(journal)), structures_(std::move(structures)), opened_(journal_->folder()) {
     const JournalContent& content = *journal_->manifest().content;
     origin_ = {content.source, content.start, content.device, content.image, content.between};
+    const std::string copy = content.backup + "/" + std::filesystem::path(opened_).filename().string();
+    if (!content.backup.empty() && isCompleteJournal(copy)) copy_ = copy;
     OpenChanges& changes = openChanges();
     const std::lock_guard<std::mutex> guard(changes.mutex);
     changes.folders.insert(opened_);
@@ -122,6 +126,14 @@ class JournalledLongChange final : public LongChange {
     return failure;
   }
 
+  ChangeBackup backupOfParts() const override {
+    const std::string name = std::filesystem::path(folder()).filename().string();
+    const std::string& copies = journal_->manifest().content->backup;
+    if (!copies.empty()) return {ChangeBackup::Place::folder, copies, name};
+    if (journal_->manifest().isKept) return {ChangeBackup::Place::stateFolder, "", name};
+    return {};
+  }
+
   void remove() override {
     journal_->remove();
     if (!copy_.empty()) removeJournal(copy_);
@@ -149,12 +161,15 @@ std::optional<ChangeFailure> beginLongChange(const DiskChange& structures, const
   std::unique_ptr<JournalWriter> writer;
   if (auto failure = JournalWriter::begin(structures.title, backup, writer)) return failure;
   if (auto failure = writer->add(structures, true)) return failure;
-  writer->setContent({origin.source, origin.start, origin.device, origin.image, origin.between});
+  const bool isCopied = backup.place == ChangeBackup::Place::folder;
+  std::error_code error;
+  const std::string copies = isCopied ? std::filesystem::absolute(backup.folder, error).string() : "";
+  writer->setContent({origin.source, origin.start, origin.device, origin.image, origin.between, copies});
   std::unique_ptr<Journal> journal;
   if (auto failure = writer->commit(journal)) return failure;
   auto begun = std::make_unique<JournalledLongChange>(std::move(journal), structures);
   auto failure = begun->openPieces();
-  if (!failure && backup.place == ChangeBackup::Place::folder) failure = begun->copyTo(backup.folder);
+  if (!failure && isCopied) failure = begun->copyTo(backup.folder);
   if (failure) {
     begun->remove();
     return failure;

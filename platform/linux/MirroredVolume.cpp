@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MirroredVolume.h"
 
+#include <Vorlix/foundation/CaseFolding.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <map>
 #include <mutex>
 #include <set>
 
@@ -110,10 +112,10 @@ Refusal removeUnused(MirrorPlace& place, Check isAsItWas) {
   return stuck ? stuck : refusal;
 }
 
-// Folders of mirrors that may be written back without files.
+// Folders of mirrors that may be written back without files, and the files that their volumes may have.
 struct EmptyMirrors {
   std::mutex lock;
-  std::set<std::string> folders;
+  std::map<std::string, std::set<std::string>> folders;
 };
 
 EmptyMirrors& emptyMirrors() {
@@ -121,9 +123,13 @@ EmptyMirrors& emptyMirrors() {
   return mirrors;
 }
 
-bool mayBeEmpty(const std::string& folder) {
+bool mayBeEmpty(const MirrorState& state) {
   const std::lock_guard<std::mutex> guard(emptyMirrors().lock);
-  return emptyMirrors().folders.count(folder) != 0;
+  const auto found = emptyMirrors().folders.find(state.folder);
+  if (found == emptyMirrors().folders.end()) return false;
+  return std::all_of(state.baseline.begin(), state.baseline.end(), [&](const auto& entry) {
+    return entry.second.isFolder || found->second.contains(lowerCase(entry.first));
+  });
 }
 
 bool holdsFiles(const MirrorTree& tree) {
@@ -140,7 +146,7 @@ Refusal checkStillTheMirror(const MirrorState& state, const MirrorTree& tree) {
                                         "that one back, or throw this one away with " +
                                         discard};
   }
-  if (holdsFiles(tree) || !holdsFiles(state.baseline) || mayBeEmpty(state.folder)) return std::nullopt;
+  if (holdsFiles(tree) || !holdsFiles(state.baseline) || mayBeEmpty(state)) return std::nullopt;
   return Dissenter{kDissentError, "all files are gone from " + state.folder +
                                       "; put one back, or leave the volume as it is with " + discard};
 }
@@ -151,9 +157,10 @@ Dissenter notMounted(const std::string& name) {
 
 }  // namespace
 
-void allowEmptyMirror(const std::string& folder) {
+void allowEmptyMirror(const std::string& folder, const std::vector<std::string>& files) {
   const std::lock_guard<std::mutex> guard(emptyMirrors().lock);
-  emptyMirrors().folders.insert(folder);
+  std::set<std::string>& known = emptyMirrors().folders[folder];
+  for (const std::string& file : files) known.insert(lowerCase(file));
 }
 
 Refusal mountMirror(const DeviceLocation& location, const OpenedDevice& device, const std::string& name,

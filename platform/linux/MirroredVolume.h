@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "DeviceNames.h"
 #include "Dissenters.h"
@@ -26,8 +27,9 @@ Refusal mountMirror(const DeviceLocation& location, const OpenedDevice& device, 
 /// writing.
 Refusal unmountMirror(const DeviceLocation& location, const std::string& key, uint64_t identity);
 
-/// Lets unmountMirror() in this process remove all files of the volume whose mirror is `folder`.
-void allowEmptyMirror(const std::string& folder);
+/// Lets unmountMirror() in this process remove all files of the volume whose mirror is `folder`, if it has no others
+/// than `files`.
+void allowEmptyMirror(const std::string& folder, const std::vector<std::string>& files);
 
 /// Removes a mirror with all changes in it. Refused with kDissentBusy if a file of the mirror is open.
 Refusal discardMirror(const std::string& key, uint64_t identity);

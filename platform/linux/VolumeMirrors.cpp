@@ -121,8 +121,8 @@ std::optional<Dissenter> LinuxVolumeMirrors::discard(const VolumeMirror& mirror)
   return Dissenter{kDissentNotMounted, mirror.folder + " does not exist any more"};
 }
 
-void LinuxVolumeMirrors::allowEmpty(const std::string& folder) {
-  allowEmptyMirror(folder);
+void LinuxVolumeMirrors::allowEmpty(const std::string& folder, const std::vector<std::string>& files) {
+  allowEmptyMirror(folder, files);
 }
 
 }  // namespace vorlix

@@ -12,7 +12,7 @@ class LinuxVolumeMirrors final : public VolumeMirrors {
   std::optional<Dissenter> settle(const VolumeMirror& mirror) override;
   std::optional<Dissenter> discard(const VolumeMirror& mirror) override;
   std::unique_ptr<UnmountedVolume> openToRead(const std::string& device, std::optional<Dissenter>& refusal) override;
-  void allowEmpty(const std::string& folder) override;
+  void allowEmpty(const std::string& folder, const std::vector<std::string>& files) override;
 };
 
 }  // namespace vorlix

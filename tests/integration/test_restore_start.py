@@ -1,8 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """`vorlix restore --start`: the restored volume's boot files and a store on the EFI System Partition, before sector 0."""
 
+import json
 import os
 import re
+import shutil
 
 import test_boot_files
 from support import images, samples, tools, volumes
@@ -50,7 +52,7 @@ class RestoredStart(test_boot_files.BootFilesTest):
         self.assert_efi_start(self.target)
         self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
         self.assertEqual(self.journals(), [])
-        self.assertEqual(result.stdout.count("vorlix undo"), 2)  # of the boot sectors, and of the files
+        self.assertEqual(result.stdout.count("vorlix undo"), 1)  # of all
 
     def test_both_is_what_a_volume_with_boot_files_gets(self):
         # A FAT volume has no bootmgr in its root here, which a BIOS start needs.
@@ -112,8 +114,9 @@ class RestoredStart(test_boot_files.BootFilesTest):
         self.assertTrue(tools.fdisk_slots(self.target)[WINDOWS.number][0])
         self.assertEqual(self.journals(), [])
 
-    def test_a_disk_that_is_exchanged_in_the_pause_is_left_alone_and_the_right_one_can_go_on(self):
-        # The first mcopy of the pause puts a copy of the image in the image's place, under the same name.
+    def restore_onto_a_disk_exchanged_in_the_pause(self, *options):
+        """The first mcopy of the pause puts a copy of the image in the image's place, under the same name. The files are
+        then written to the first one, whose name is returned."""
         right, folder = self.path("right.img"), self.path("exchanging")
         os.mkdir(folder)
         with open(os.path.join(folder, "mcopy"), "w", encoding="utf-8") as script:
@@ -125,16 +128,20 @@ exec {images.tool("mcopy")} "$@"
 """)
         os.chmod(script.name, 0o755)
         result = self.vorlix_run("restore", self.image, self.target, "--partition", WINDOWS.number, "--yes", "--start",
-                                 "both", prefix=[*self.prefix(), "env", f"PATH={folder}:{images.SYSTEM_PATH}"])
+                                 "both", *options, prefix=[*self.prefix(), "env", f"PATH={folder}:{images.SYSTEM_PATH}"])
         self.assertEqual(result.returncode, 2, result.stdout + result.stderr)
         for words in ("is another disk than before", "vorlix restore --resume"):
             self.assertIn(words, result.stderr)
         self.assertTrue(os.path.exists(right), "nothing was exchanged")
+        self.assert_efi_start(right)
+        return right
+
+    def test_a_disk_that_is_exchanged_in_the_pause_is_left_alone_and_the_right_one_can_go_on(self):
+        right = self.restore_onto_a_disk_exchanged_in_the_pause()
         # The other disk is as it was copied: without the files, which had been begun, and with the old sector 0.
         self.assertEqual(self.efi_files(self.target), {})
         self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
         self.assertEqual(self.sector_0(right), self.sector_0(self.untouched))
-        self.assert_efi_start(right)
         (name,) = self.journals()
         os.replace(right, self.target)
         resumed = self.vorlix_run("restore", "--resume", name)
@@ -153,12 +160,134 @@ exec {images.tool("mcopy")} "$@"
         self.assertEqual(samples.read(self.target, self.OFFSET, samples.SECTOR), first)
         self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
 
-    def test_everything_but_the_content_can_be_undone(self):
-        self.restore("--start", "both", expect=1)
-        for name in sorted(os.listdir(os.path.join(self.state, "vorlix", "backups"))):
-            self.vorlix_ok("undo", name, "--no-backup")
+    def test_undo_gives_one_up_that_was_stopped_behind_the_files(self):
+        right = self.restore_onto_a_disk_exchanged_in_the_pause()
+        os.replace(right, self.target)
+        (name,) = self.journals()
+        shown = self.vorlix_run("undo", name, "--dry-run")
+        self.assertEqual(shown.returncode, 1, shown.stderr)
+        self.assertIn("EFI/Microsoft/Boot/BCD would be removed", shown.stdout)
+        self.assert_efi_start(self.target)
+        self.assertIn("EFI/Microsoft/Boot/BCD", self.vorlix_ok("undo", name).stdout)
+        self.assert_undone()
+        self.assertEqual((self.journals(), self.backups()), ([], []))
+
+    def test_giving_it_up_finds_the_backup_of_the_files_in_a_folder_of_ones_choice(self):
+        saved = self.path("saved")
+        os.mkdir(saved)
+        self.give(saved)
+        right = self.restore_onto_a_disk_exchanged_in_the_pause("--backup", saved)
+        os.replace(right, self.target)
+        self.vorlix_ok("undo", *self.journals())
+        self.assert_undone()
+        self.assertEqual(self.journals(), [])
+
+    def backups(self):
+        folder = os.path.join(self.state, "vorlix", "backups")
+        return sorted(os.listdir(folder)) if os.path.isdir(folder) else []
+
+    def name_to_undo(self, result):
+        (name,) = re.findall(r"^Undo +vorlix undo (.+)$", result.stdout, re.M)
+        return name
+
+    def assert_undone(self, disk=None):
+        disk = disk or self.target
+        self.assertEqual(self.sector_0(disk), self.sector_0(self.untouched))
+        for offset in (self.OFFSET, self.OFFSET + (WINDOWS.sectors - 1) * samples.SECTOR):
+            self.assertEqual(samples.read(disk, offset, samples.SECTOR), samples.read(self.untouched, offset, samples.SECTOR))
+        self.assertEqual(self.efi_files(disk), {})
+
+    def test_one_undo_takes_back_everything_but_the_content(self):
+        name = self.name_to_undo(self.restore("--start", "both", expect=1))
+        self.assertEqual(len(self.backups()), 2)
+        listed = self.vorlix_ok("undo", "--list").stdout
+        self.assertIn(f", part of {name}", listed)
+        changes = json.loads(self.vorlix_ok("undo", "--list", "--json").stdout)["changes"]
+        self.assertEqual([change["partOf"] for change in changes], [None, name])
+        shown = self.vorlix_run("undo", name, "--dry-run")
+        self.assertEqual(shown.returncode, 1, shown.stderr)
+        self.assertIn("sector 0", shown.stdout)
+        self.assertIn("EFI/Microsoft/Boot/BCD would be removed", shown.stdout)
+        self.assert_efi_start(self.target)
+        said = self.vorlix_ok("undo", name, "--no-backup").stdout
+        self.assertIn("Lost       what the restore overwrote", said)
+        self.assert_undone()
+        self.assertEqual(self.backups(), [])
+
+    def test_an_undo_that_is_killed_when_the_files_are_gone_from_the_mirror_goes_on(self):
+        name = self.name_to_undo(self.restore("--start", "both", expect=1))
+        folder = self.path("killing")
+        os.mkdir(folder)
+        for tool in ("mdel", "mrd", "mdeltree"):
+            with open(os.path.join(folder, tool), "w", encoding="utf-8") as script:
+                script.write("#!/bin/sh\nkill -9 $PPID\n")
+            os.chmod(script.name, 0o755)
+        killed = self.vorlix_run("undo", name, prefix=[*self.prefix(), "env", f"PATH={folder}:{images.SYSTEM_PATH}"])
+        self.assertEqual(killed.returncode, -9, killed.stdout + killed.stderr)
+        self.assertIn("EFI/Microsoft/Boot/BCD", self.efi_files(self.target))
+        self.vorlix_ok("undo", name, "--no-backup")
+        self.assert_undone()
+        self.assertEqual(self.backups(), [])
+
+    def test_a_mirror_that_was_emptied_by_mistake_is_refused_by_undo_too(self):
+        volumes.put_tree(self.target, {"letter.txt": b"dear reader"}, volumes.EFI_OFFSET)
+        name = self.name_to_undo(self.restore("--start", "both", expect=1))
+        mirror = self.vorlix_ok("mount", f"{self.target}s1").stdout.split()[-1]
+        for entry in os.listdir(mirror):
+            path = os.path.join(mirror, entry)
+            shutil.rmtree(path) if os.path.isdir(path) else os.remove(path)
+        self.vorlix_refuses("undo", name, saying=["all files are gone"])
+        self.assertEqual(self.efi_files(self.target)["letter.txt"], b"dear reader")
+
+    def test_one_undo_of_backups_in_a_folder_of_ones_choice(self):
+        saved = self.path("saved")
+        os.mkdir(saved)
+        self.give(saved)
+        name = self.name_to_undo(self.restore("--start", "both", "--backup", saved, expect=1))
+        self.assertTrue(name.startswith(saved), name)
+        self.assertEqual((len(os.listdir(saved)), self.backups()), (2, []))
+        self.vorlix_ok("undo", name, "--no-backup")
+        self.assert_undone()
+        self.assertEqual(len(os.listdir(saved)), 2)
+
+    def test_a_resumed_restore_keeps_its_backups_where_the_first_run_did(self):
+        saved = self.path("saved")
+        os.mkdir(saved)
+        self.give(saved)
+        self.fill_system_partition()
+        self.restore("--start", "both", "--backup", saved, expect=2)
+        images.run_tool("mdel", "-i", f"{self.target}@@{volumes.EFI_OFFSET}", "::filler")
+        name = self.name_to_undo(self.vorlix_run("restore", "--resume", *self.journals()))
+        self.assertTrue(name.startswith(saved), name)
+        self.vorlix_ok("undo", name, "--no-backup")
+        self.assert_undone()
+
+    def test_undo_of_a_disk_that_has_another_name_now(self):
+        name = self.name_to_undo(self.restore("--start", "both", expect=1))
+        moved = self.path("moved.img")
+        os.rename(self.target, moved)
+        self.vorlix_ok("undo", name, "--on", moved, "--no-backup")
+        self.assert_undone(moved)
+
+    def test_a_file_that_was_changed_since_refuses_the_undo_until_its_part_is_left_out(self):
+        name = self.name_to_undo(self.restore("--start", "both", expect=1))
+        restored = self.path("restored.img")
+        images.sparse_copy(self.target, restored)
+        images.run_tool("mdel", "-i", f"{self.target}@@{volumes.EFI_OFFSET}", "::EFI/Microsoft/Boot/BCD")
+        volumes.put_tree(self.target, {"EFI/Microsoft/Boot/BCD": b"written by a boot manager"}, volumes.EFI_OFFSET)
+        refused = self.vorlix_refuses("undo", name, saying=["was changed since", "nothing is undone", "leaves this part out"])
+        self.assertEqual(self.sector_0(), self.sector_0(restored))
+        (part,) = set(self.backups()) - {name}
+        self.assertIn(part, refused)
+        shutil.rmtree(os.path.join(self.state, "vorlix", "backups", part))
+        self.vorlix_ok("undo", name, "--no-backup")
         self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
-        self.assertEqual(self.efi_files(self.target), {})
+        self.assertEqual(self.efi_files(self.target)["EFI/Microsoft/Boot/BCD"], b"written by a boot manager")
+
+    def test_without_a_backup_there_is_nothing_to_undo_with(self):
+        result = self.restore("--start", "both", "--no-backup", expect=1)
+        self.assertNotIn("vorlix undo", result.stdout)
+        self.assertEqual(self.backups(), [])
 
 
 if __name__ == "__main__":

@@ -35,8 +35,8 @@ void printUndo(const std::string& kept, std::FILE* output) {
   if (!kept.empty()) std::fprintf(output, "Undo       vorlix undo %s\n", printable(undoArgument(kept)).c_str());
 }
 
-FileBackup::FileBackup(const std::string& title, const std::vector<FileChange>& files, const BackupChoice& choice) {
-  if (const auto failure = keepFileChanges(title, files, changeBackup(choice), kept_)) fail(*failure);
+FileBackup::FileBackup(const std::string& title, const std::vector<FileChange>& files, const ChangeBackup& backup) {
+  if (const auto failure = keepFileChanges(title, files, backup, kept_)) fail(*failure);
 }
 
 FileBackup::~FileBackup() {

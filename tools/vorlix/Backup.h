@@ -35,7 +35,7 @@ void printUndo(const std::string& kept, std::FILE* output = stdout);
 class FileBackup {
  public:
   /// Throws Failure.
-  FileBackup(const std::string& title, const std::vector<FileChange>& files, const BackupChoice& choice);
+  FileBackup(const std::string& title, const std::vector<FileChange>& files, const ChangeBackup& backup);
   ~FileBackup();
   FileBackup(const FileBackup&) = delete;
   FileBackup& operator=(const FileBackup&) = delete;

@@ -209,7 +209,7 @@ StoreResult putStore(const StoreOptions& options, const StorePlan& plan, const M
   change.path = folder.pathOf(name).substr(efi.path() == "/" ? 0 : efi.path().size());
   change.before = old;
   change.after = sha256(plan.store);
-  FileBackup backup("boot configuration store of " + plan.disk, {change}, *options.backup);
+  FileBackup backup("boot configuration store of " + plan.disk, {change}, changeBackup(*options.backup));
   // A failure behind this line may leave the new store.
   replacement.replaceBy(plan.store, [&] { backup.keep(); });
   return {true, backup.keep()};
@@ -287,7 +287,7 @@ void addBootStoreCommand(Command& top, int& status) {
       start->dryRun = options->dryRun;
       start->json = options->json;
       start->force = options->force;
-      start->backup = options->backup;
+      start->backup = changeBackup(*options->backup);
       status = putWindowsStart(*start);
       return;
     }

@@ -219,7 +219,7 @@ std::string copyLegacyBootFiles(const VolumeFolder& root, const LegacyBootPlan& 
   syncTree(temporary.path());
   std::stable_partition(moves.begin(), moves.end(),
                         [&](const LegacyBootItem& move) { return move.destination != boot; });
-  FileBackup backup("files for a legacy start on " + root.path(), changesOf(root, moves), choice);
+  FileBackup backup("files for a legacy start on " + root.path(), changesOf(root, moves), changeBackup(choice));
   std::string state = kNothingCopied;
   for (const LegacyBootItem& move : moves) {
     if (takeFreeName(move.source, move.destination) != 0) throw Failure::ofErrno(move.destination, errno, state);

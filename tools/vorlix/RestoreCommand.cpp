@@ -118,7 +118,7 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
       return kChangeNeeded;
     }
     requireConsent(options, "This restore was interrupted. Go on?");
-    return resumeInterrupted(options, *folder, choice);
+    return resumeInterrupted(options, *folder);
   }
   // Standard input can be read once only, so the disk is opened for writing at once.
   const bool isStream = request.source == kStandardInput;
@@ -151,7 +151,7 @@ int restore(RestoreOptions options, const BackupChoice& choice) {
   prepared = {};  // closes the disk, which is looked at anew
   const EFIFiles files = result.rest ? request.efiFiles : EFIFiles::none;
   return complete(options, std::move(result),
-                  {request.disk, request.partition, request.isLegacy, files, shown.image.has_value()}, choice);
+                  {request.disk, request.partition, request.isLegacy, files, shown.image.has_value()});
 }
 
 }  // namespace
@@ -208,7 +208,7 @@ void addRestoreCommand(Command& top, int& status) {
                                                         : EFIFiles::none;
     if (resuming.isGiven()) {
       const LibraryLog log;
-      status = resumeInterrupted(*options, folderOfInterrupted(options->resume), *backup);
+      status = resumeInterrupted(*options, folderOfInterrupted(options->resume));
       return;
     }
     if (wanted.source.empty()) refuseWithout("SOURCE");

@@ -76,7 +76,7 @@ std::optional<std::string> interruptedRestoreOf(const RestoreRequest& request, c
   return std::nullopt;
 }
 
-int resumeInterrupted(const RestoreOptions& options, const std::string& folder, const BackupChoice& choice) {
+int resumeInterrupted(const RestoreOptions& options, const std::string& folder) {
   auto journal = openJournal(folder);
   const DiskChange& structures = journal->structures();
   const std::string volume = structures.devices[journal->origin().device].device;
@@ -101,7 +101,7 @@ int resumeInterrupted(const RestoreOptions& options, const std::string& folder, 
   restored.isFromWim = source->facts().isMadeAnew;
   requireDone(result, volume, restored.isFromWim);
   handles.clear();
-  return complete(options, std::move(result), restored, choice);
+  return complete(options, std::move(result), restored);
 }
 
 }  // namespace vorlix::tool

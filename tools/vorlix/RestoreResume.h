@@ -18,9 +18,8 @@ std::string folderOfInterrupted(const std::string& name);
 /// source is refused.
 std::optional<std::string> interruptedRestoreOf(const RestoreRequest& request, const std::string& volume);
 
-/// Goes on with it, to the end.
-/// @param choice  what the command line says of backups of start files; the journal has its own
+/// Goes on with it, to the end. Backups go where they went before the interruption.
 /// @return the exit status.
-int resumeInterrupted(const RestoreOptions& options, const std::string& folder, const BackupChoice& choice);
+int resumeInterrupted(const RestoreOptions& options, const std::string& folder);
 
 }  // namespace vorlix::tool

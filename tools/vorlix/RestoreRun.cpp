@@ -76,15 +76,14 @@ std::vector<std::shared_ptr<DeviceHandle>> openDevices(const LongChange& journal
   return handles;
 }
 
-int complete(const RestoreOptions& options, RestoreResult result, const RestoredVolume& restored,
-             const BackupChoice& choice) {
+int complete(const RestoreOptions& options, RestoreResult result, const RestoredVolume& restored) {
   std::FILE* const output = textOutput(options.progress);
   const std::string volume = restored.disk + "s" + std::to_string(restored.partition);
   bool hasEFIFiles = false;
   if (result.end == RestoreResult::End::paused) {
     std::vector<std::shared_ptr<DeviceHandle>> handles;
     try {
-      hasEFIFiles = restored.files != EFIFiles::none && putEFIFiles(restored, choice, output);
+      hasEFIFiles = restored.files != EFIFiles::none && putEFIFiles(restored, result.rest->backupOfParts(), output);
       handles = openDevices(*result.rest);
     } catch (const Failure& failure) {
       throw Failure(volume, std::string("not finished: ") + failure.what(), howToGoOn(result, restored.isFromWim));

@@ -62,7 +62,6 @@ void requireDone(const RestoreResult& result, const std::string& volume, bool is
 /// Does what comes after the content, says what was done, and what a start still needs. The disk must be closed.
 /// Throws Failure.
 /// @return the exit status.
-int complete(const RestoreOptions& options, RestoreResult result, const RestoredVolume& restored,
-             const BackupChoice& choice);
+int complete(const RestoreOptions& options, RestoreResult result, const RestoredVolume& restored);
 
 }  // namespace vorlix::tool

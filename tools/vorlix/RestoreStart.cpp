@@ -2,7 +2,6 @@
 #include "RestoreStart.h"
 
 #include <exception>
-#include <memory>
 
 #include "Arbitration.h"
 #include "Failure.h"
@@ -40,7 +39,7 @@ EFIFiles efiFilesOf(const std::string& word) {
   return word == kIfThere ? EFIFiles::ifThere : EFIFiles::none;
 }
 
-bool putEFIFiles(const RestoredVolume& volume, const BackupChoice& choice, std::FILE* output) {
+bool putEFIFiles(const RestoredVolume& volume, const ChangeBackup& backup, std::FILE* output) {
   try {
     if (!hasBootFiles(sliceNameOf(volume.disk, volume.partition))) return false;
   } catch (const Failure& failure) {
@@ -51,7 +50,7 @@ bool putEFIFiles(const RestoredVolume& volume, const BackupChoice& choice, std::
   WindowsStartOptions options;
   options.disk = volume.disk;
   options.partition = volume.partition;
-  options.backup = std::make_shared<BackupChoice>(choice);
+  options.backup = backup;
   options.output = output;
   putWindowsStart(options);
   return true;

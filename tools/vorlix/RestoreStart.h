@@ -4,13 +4,12 @@
 #pragma once
 
 #include <Vorlix/StartCheck.h>
+#include <Vorlix/platform/DiskChange.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <string>
-
-#include "Backup.h"
 
 namespace vorlix::tool {
 
@@ -35,8 +34,9 @@ struct RestoredVolume {
 };
 
 /// Puts the start files for EFI in place. Throws Failure.
+/// @param backup  where what they replace is kept
 /// @return whether they are there now: false if the volume has no boot files for EFI.
-bool putEFIFiles(const RestoredVolume& volume, const BackupChoice& choice, std::FILE* output);
+bool putEFIFiles(const RestoredVolume& volume, const ChangeBackup& backup, std::FILE* output);
 
 /// Returns the way in which the volume is to start; absent if it is only restored.
 /// @param hasEFIFiles  what putEFIFiles() has returned

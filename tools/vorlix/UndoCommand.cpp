@@ -68,6 +68,20 @@ KeptChange readBackup(const std::string& folder) {
   return kept;
 }
 
+// The parts of a change, the last one first.
+std::vector<KeptChange> readParts(const std::string& folder) {
+  std::vector<KeptChange> parts;
+  for (const std::string& part : partsOfChange(folder)) parts.push_back(readBackup(part));
+  std::reverse(parts.begin(), parts.end());
+  return parts;
+}
+
+std::vector<KeptChange> readWithParts(const std::string& folder) {
+  std::vector<KeptChange> changes = readParts(folder);
+  changes.insert(changes.begin(), readBackup(folder));
+  return changes;
+}
+
 struct StateNames {
   const char* code;
   const char* text;
@@ -98,9 +112,14 @@ void printList(bool json) {
       continue;
     }
     const StateNames state = namesOfState(stateOf(kept));
-    rows.push_back({name, printable(kept.title), state.text});
-    changes.append(Json::object(
-        {{"name", name}, {"folder", folder}, {"title", kept.title}, {"begun", kept.begun}, {"state", state.code}}));
+    rows.push_back(
+        {name, printable(kept.title) + (kept.partOf.empty() ? "" : ", part of " + printable(kept.partOf)), state.text});
+    changes.append(Json::object({{"name", name},
+                                 {"folder", folder},
+                                 {"title", kept.title},
+                                 {"begun", kept.begun},
+                                 {"partOf", knownText(kept.partOf)},
+                                 {"state", state.code}}));
   }
   if (json) {
     Json::object({{"version", kJsonVersion}, {"changes", std::move(changes)}}).print();
@@ -135,32 +154,43 @@ void printDryRunJson(const std::string& title, const std::string& lost, const Di
       .print();
 }
 
-void printDryRun(const DeviceUndo& devices, const FileUndo& files) {
+void printFilesOfDryRun(const WholeUndo& undo) {
+  for (const FileUndo::Step& step : undo.steps()) {
+    std::printf("%s would be %s\n", printable(step.path).c_str(), step.file->before ? "restored" : "removed");
+  }
+}
+
+void printDryRun(const WholeUndo& undo) {
   std::printf("Dry run: no disk is opened for writing.\n");
-  for (const DeviceChange& device : devices.change().devices) {
+  for (const DeviceChange& device : undo.bytes().devices) {
     for (const ByteChange& run : device.bytes) {
       std::printf("\n%s, %s, at byte %llu:\n%s", printable(device.device).c_str(), printable(run.reason).c_str(),
                   static_cast<unsigned long long>(run.offset),
                   differenceText(run.before, run.after, run.offset).c_str());
     }
   }
-  for (const FileUndo::Step& step : files.steps()) {
-    std::printf("%s would be %s\n", printable(step.path).c_str(), step.file->before ? "restored" : "removed");
+  printFilesOfDryRun(undo);
+}
+
+void printFiles(const WholeUndo& undo, const WholeUndo::Done& done) {
+  const std::vector<FileUndo::Step> steps = undo.steps();
+  for (auto step = steps.rbegin(); step != steps.rend(); ++step) {
+    std::printf("%s   %s\n", step->file->before ? "Restored" : "Removed ", printable(step->path).c_str());
+  }
+  for (const std::string& path : done.left) {
+    std::printf("Left       %s, which has other files\n", printable(path).c_str());
   }
 }
 
 // Says once what was restored on each device.
-void printRestored(const DeviceUndo& devices, const FileUndo& files) {
+void printBytes(const DiskChange& change) {
   std::string previous;
-  for (const DeviceChange& device : devices.change().devices) {
+  for (const DeviceChange& device : change.devices) {
     for (const ByteChange& run : device.bytes) {
       const std::string line = printable(device.device + ": " + run.reason);
       if (line != previous) std::printf("Restored   %s\n", line.c_str());
       previous = line;
     }
-  }
-  for (auto step = files.steps().rbegin(); step != files.steps().rend(); ++step) {
-    std::printf("%s   %s\n", step->file->before ? "Restored" : "Removed ", printable(step->path).c_str());
   }
 }
 
@@ -176,23 +206,32 @@ void abandon(const UndoOptions& options, const std::string& folder) {
   const DiskChange structures = journal->structures();
   const std::string volume = structures.devices[journal->origin().device].device;
   const bool isContentLost = !journal->pieces().empty();
+  WholeUndo parts(readParts(folder), "", !options.dryRun);
   if (options.dryRun && options.json) {
-    printDryRunJson(structures.title, isContentLost ? volume : "", structures, {});
+    printDryRunJson(structures.title, isContentLost ? volume : "", structures, parts.steps());
     return;
   }
   if (options.dryRun) {
     std::printf("Dry run: %s would be given up, and its boot sectors and sector 0 restored.\n",
                 printable(structures.title).c_str());
+    printFilesOfDryRun(parts);
     printLost(volume);
     return;
   }
+  const WholeUndo::Done done = parts.run({});
+  printFiles(parts, done);
+  std::fflush(stdout);
   std::vector<std::shared_ptr<DeviceHandle>> handles;
   for (const DeviceChange& device : structures.devices) handles.push_back(openToChange(device.device));
   if ((failure = abandonRestore(std::move(journal), handles))) {
     // If something else was put on the disk on purpose, nothing but the journal is in the way.
-    if (failure->state == kNothingWritten) failure->state += "; removing " + folder + " forgets the restore";
+    if (failure->state == kNothingWritten) {
+      if (!parts.steps().empty()) failure->state = "only the files are restored";
+      failure->state += "; removing " + folder + " forgets the restore";
+    }
     fail(*failure);
   }
+  parts.forget();
   for (const DeviceChange& device : structures.devices) {
     for (const ByteChange& run : device.bytes) {
       std::printf("Restored   %s: %s\n", printable(device.device).c_str(), printable(run.reason).c_str());
@@ -209,27 +248,27 @@ bool undo(const UndoOptions& options, const BackupChoice& choice) {
     abandon(options, folder);
     return true;
   }
-  const KeptChange kept = readBackup(folder);
-  DeviceUndo devices(kept, options.on, !options.dryRun);
-  FileUndo files(kept, options.on);
-  const bool isNeeded = !devices.change().empty() || !files.steps().empty();
+  std::vector<KeptChange> changes = readWithParts(folder);
+  const std::string title = changes.front().title;
+  const std::string lost = changes.front().lost;
+  WholeUndo undo(std::move(changes), options.on, !options.dryRun);
+  const bool isNeeded = undo.isNeeded();
   if (options.dryRun && options.json) {
-    printDryRunJson(kept.title, kept.lost, devices.change(), files.steps());
+    printDryRunJson(title, lost, undo.bytes(), undo.steps());
   } else if (!isNeeded) {
-    std::printf("Nothing to undo: the old content of %s is there\n", printable(kept.title).c_str());
+    // An undo that was killed may have left a mirror that is to be written back.
+    if (!options.dryRun) undo.run(changeBackup(choice));
+    std::printf("Nothing to undo: the old content of %s is there\n", printable(title).c_str());
   } else if (options.dryRun) {
-    printDryRun(devices, files);
+    printDryRun(undo);
   } else {
-    const std::string redo = applyOrFail(devices.change(), changeBackup(choice));
-    const std::vector<std::string> left = files.run();
-    printRestored(devices, files);
-    for (const std::string& path : left) {
-      std::printf("Left       %s, which has other files\n", printable(path).c_str());
-    }
-    printLost(kept.lost);
-    printUndo(redo);
+    const WholeUndo::Done done = undo.run(changeBackup(choice));
+    printFiles(undo, done);
+    printBytes(undo.bytes());
+    printLost(lost);
+    printUndo(done.redo);
   }
-  if (!options.dryRun && undoArgument(kept.folder) != kept.folder) dropKeptChange(kept.folder);
+  if (!options.dryRun) undo.forget();
   return isNeeded;
 }
 
@@ -237,8 +276,8 @@ bool undo(const UndoOptions& options, const BackupChoice& choice) {
 
 void addUndoCommand(Command& top, int& status) {
   const auto options = std::make_shared<UndoOptions>();
-  Command command =
-      top.addCommand("undo", "Restore what hybrid, bcd, vbr restore or legacy-boot replaced, from the backup");
+  Command command = top.addCommand(
+      "undo", "Put back what restore, hybrid, bcd, vbr restore or legacy-boot replaced, from the backup");
   Option journal =
       command
           .addOption("BACKUP", options->journal, "Name of a backup, or the beginning of it, or the path of its folder")

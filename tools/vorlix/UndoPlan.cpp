@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <filesystem>
 #include <sstream>
 #include <utility>
@@ -33,7 +34,17 @@ Standing standingOf(const ByteVector& now, const ByteChange& run) {
 }
 
 [[noreturn]] void refuse(const std::string& subject, const std::string& what, const KeptChange& kept) {
-  throw Failure(subject, what + " was changed since, so nothing is undone; the old content is in " + kept.folder);
+  const std::string wayOut = kept.partOf.empty() ? "" : "; removing that folder leaves this part out";
+  throw Failure(subject,
+                what + " was changed since, so nothing is undone; the old content is in " + kept.folder + wayOut);
+}
+
+// Every form of a slice's name ends with its number: "mac.imgs1", "sda1", "nvme0n1p1".
+uint32_t numberOfSlice(const std::string& name) {
+  const size_t digits = name.find_last_not_of("0123456789") + 1;
+  uint32_t number = 0;
+  std::from_chars(name.data() + digits, name.data() + name.size(), number);
+  return number;
 }
 
 // A mounted volume's driver would not see that its sectors change.
@@ -57,24 +68,23 @@ void refuseMounted(const std::string& device, bool isWholeDisk) {
 
 }  // namespace
 
-DeviceUndo::DeviceUndo(const KeptChange& kept, const std::string& on, bool writes) {
-  change_.title = kept.undo.title;
-  std::shared_ptr<DeviceHandle> disk;
-  if (!on.empty() && !kept.undo.devices.empty()) {
-    refuseMounted(on, true);
-    disk = open(on, writes);
+void DeviceUndo::add(const KeptChange& kept) {
+  if (change_.title.empty()) change_.title = kept.undo.title;
+  if (!on_.empty() && !disk_ && !kept.undo.devices.empty()) {
+    refuseMounted(on_, true);
+    disk_ = open(on_);
   }
   for (size_t i = 0; i < kept.undo.devices.size(); ++i) {
     const DeviceChange& wanted = kept.undo.devices[i];
-    DeviceChange device = {on.empty() ? wanted.device : on, disk, {}};
-    if (!disk) {
+    DeviceChange device = {disk_ ? on_ : wanted.device, disk_, {}};
+    if (!disk_) {
       if (namesOf(wanted.device).isSlice()) refuseMounted(wanted.device, false);
-      device.handle = open(wanted.device, writes);
+      device.handle = open(wanted.device);
     } else if (!kept.offsets[i]) {
       throw Failure(wanted.device, "the backup does not say where it was on its disk");
     }
     for (ByteChange run : wanted.bytes) {
-      if (disk) run.offset += *kept.offsets[i];
+      if (disk_) run.offset += *kept.offsets[i];
       const ByteVector now = readDevice(*device.handle, device.device, run.offset, run.before.size());
       switch (tool::standingOf(now, run)) {
         case Standing::changed:
@@ -90,8 +100,13 @@ DeviceUndo::DeviceUndo(const KeptChange& kept, const std::string& on, bool write
   }
 }
 
-std::shared_ptr<DeviceHandle> DeviceUndo::open(const std::string& device, bool writes) {
-  return writes ? openToChange(device) : openToLook(device);
+void DeviceUndo::close() {
+  disk_.reset();
+  for (DeviceChange& device : change_.devices) device.handle.reset();
+}
+
+std::shared_ptr<DeviceHandle> DeviceUndo::open(const std::string& device) const {
+  return writes_ ? openToChange(device) : openToLook(device);
 }
 
 FileUndo::FileUndo(const KeptChange& kept, const std::string& on) {
@@ -106,6 +121,7 @@ FileUndo::FileUndo(const KeptChange& kept, const std::string& on) {
   }
   isCaseBlind_ = mounted_ ? isCaseBlindDevice(volume) : isCaseBlindMount(root_.empty() ? "/" : root_);
   for (const FileChange& file : kept.files) {
+    if (!file.before && !file.isFolder) made_.push_back(file.path);
     const std::string path = root_ + file.path;
     switch (standingOf(file)) {
       case Standing::changed:
@@ -162,11 +178,63 @@ std::vector<std::string> FileUndo::run() {
     folder->sync(state);
   }
   if (mounted_) {
-    // The files may have been made on an empty volume.
-    if (!steps_.empty()) platform().volumeMirrors->allowEmpty(root_);
+    // The files may have been made on an empty volume. An undo that was killed may have removed all of them.
+    platform().volumeMirrors->allowEmpty(root_, made_);
     mounted_->finish("the old content");
   }
   return left;
+}
+
+WholeUndo::WholeUndo(std::vector<KeptChange> changes, std::string on, bool writes)
+    : changes_(std::move(changes)), on_(std::move(on)), devices_(on_, writes) {
+  for (const KeptChange& kept : changes_) devices_.add(kept);
+  const bool hasFiles =
+      std::any_of(changes_.begin(), changes_.end(), [](const KeptChange& kept) { return !kept.files.empty(); });
+  if (hasFiles) devices_.close();  // a volume of the disk is mounted, which locks it
+  for (const KeptChange& kept : changes_) {
+    if (!kept.files.empty()) files_.push_back(std::make_unique<FileUndo>(kept, volumeWithFilesOf(kept)));
+  }
+}
+
+// A part of a change to a disk is on the same slice of the disk that the user named.
+std::string WholeUndo::volumeWithFilesOf(const KeptChange& kept) const {
+  if (on_.empty() || kept.partOf.empty()) return on_;
+  return sliceNameOf(on_, numberOfSlice(kept.files.front().volume));
+}
+
+std::vector<FileUndo::Step> WholeUndo::steps() const {
+  std::vector<FileUndo::Step> steps;
+  for (const auto& files : files_) steps.insert(steps.end(), files->steps().begin(), files->steps().end());
+  return steps;
+}
+
+WholeUndo::Done WholeUndo::run(const ChangeBackup& backup) {
+  Done done;
+  for (const auto& files : files_) {
+    const std::vector<std::string> left = files->run();
+    done.left.insert(done.left.end(), left.begin(), left.end());
+  }
+  if (bytes().empty()) return done;
+  if (files_.empty()) {
+    done.redo = applyOrFail(bytes(), backup);
+    return done;
+  }
+  try {
+    devices_ = DeviceUndo(on_, true);
+    for (const KeptChange& kept : changes_) devices_.add(kept);
+    done.redo = applyOrFail(bytes(), backup);
+  } catch (const Failure& failure) {
+    throw Failure(changes_.front().undo.title, failure.text(true, ""),
+                  "the files are restored; run the command again for the rest");
+  }
+  return done;
+}
+
+void WholeUndo::forget() {
+  // The change itself last, so that a process that ends before can be run again.
+  for (auto kept = changes_.rbegin(); kept != changes_.rend(); ++kept) {
+    if (isKeptInStateFolder(kept->folder)) dropKeptChange(kept->folder);
+  }
 }
 
 UndoState stateOf(const KeptChange& kept) {

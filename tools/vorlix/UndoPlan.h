@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "MountedSlice.h"
@@ -25,16 +26,25 @@ enum class Standing {
 /// The undo of changes to the bytes of devices.
 class DeviceUndo {
  public:
-  /// Opens the devices and compares all places. Throws Failure if a device cannot be opened, or if somebody has changed
-  /// a place since. @param on  the whole disk that has the bytes now; empty for the devices of the change
-  DeviceUndo(const KeptChange& kept, const std::string& on, bool writes);
+  /// @param on  the whole disk that has the bytes now; empty for the devices of the changes
+  DeviceUndo(std::string on, bool writes) : on_(std::move(on)), writes_(writes) {}
+
+  /// Opens the devices of a change and compares all places. Throws Failure if a device cannot be opened, or if somebody
+  /// has changed a place since.
+  void add(const KeptChange& kept);
 
   /// What is to be written.
   const DiskChange& change() const { return change_; }
 
- private:
-  std::shared_ptr<DeviceHandle> open(const std::string& device, bool writes);
+  /// Closes the devices; the change keeps their names.
+  void close();
 
+ private:
+  std::shared_ptr<DeviceHandle> open(const std::string& device) const;
+
+  std::string on_;
+  bool writes_;
+  std::shared_ptr<DeviceHandle> disk_;  // on_, once it is needed
   DiskChange change_;
 };
 
@@ -59,10 +69,45 @@ class FileUndo {
   std::optional<VolumeFolder> parentOf(const FileChange& file) const;
   Standing standingOf(const FileChange& file) const;
 
+  std::vector<std::string> made_;  // the change's new files
   std::unique_ptr<MountedSlice> mounted_;
   std::string root_;
   bool isCaseBlind_ = false;
   std::vector<Step> steps_;
+};
+
+/// The undo of a change and of its parts. Its bytes are restored as one change.
+class WholeUndo {
+ public:
+  /// Opens the devices, mounts the volumes and compares all places. Throws Failure like DeviceUndo.
+  /// @param changes  the change comes first, if its own bytes are to be restored
+  /// @param on       the whole disk of the change, or for a change to files the volume; empty for that of the change
+  WholeUndo(std::vector<KeptChange> changes, std::string on, bool writes);
+
+  const DiskChange& bytes() const { return devices_.change(); }
+  std::vector<FileUndo::Step> steps() const;  ///< with files, in the order of the changes
+  bool isNeeded() const { return !bytes().empty() || !steps().empty(); }
+
+  /// What was done.
+  struct Done {
+    std::string redo;               ///< folder of the backup of the bytes
+    std::vector<std::string> left;  ///< folders that stay because they have other files
+  };
+
+  /// Restores the files, then the bytes. Throws Failure.
+  /// @param backup  where the bytes that are there now are kept
+  Done run(const ChangeBackup& backup);
+
+  /// Removes the backups that are in the state folder: everything is as it was before the change.
+  void forget();
+
+ private:
+  std::string volumeWithFilesOf(const KeptChange& kept) const;
+
+  std::vector<KeptChange> changes_;
+  std::string on_;
+  DeviceUndo devices_;
+  std::vector<std::unique_ptr<FileUndo>> files_;  // point into changes_
 };
 
 /// What has become of a change, without changing anything.

@@ -214,7 +214,7 @@ std::string write(const WindowsStartOptions& options, const std::string& slice, 
   constexpr const char* kPartly = "some of the files are in place; run the command again for the rest, or undo it";
   const char* const firmware = options.firmware == StartFirmware::efi ? "an EFI" : "a BIOS";
   FileBackup backup(std::string("files for ") + firmware + " start on " + slice, changesOf(slice, plan),
-                    *options.backup);
+                    options.backup);
   const auto split = [](const std::string& path) {
     const size_t slash = path.rfind('/');
     return std::pair(path.substr(0, slash), path.substr(slash + 1));
@@ -260,7 +260,7 @@ void printDone(const WindowsStartOptions& options, const StartVolumes& volumes, 
   printKept(plan, options.output);
   std::fprintf(options.output, "Store      %s: starts %s from %s\n", printable(plan.store.substr(1)).c_str(),
                printable(options.description).c_str(), printable(volumes.windows).c_str());
-  printUndo(kept, options.output);
+  if (options.backup.partOf.empty()) printUndo(kept, options.output);
 }
 
 }  // namespace

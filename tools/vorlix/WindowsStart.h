@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <memory>
 #include <string>
 
 #include "Backup.h"
@@ -22,7 +21,7 @@ struct WindowsStartOptions {
   bool dryRun = false;
   bool json = false;  ///< of a dry run
   bool force = false;
-  std::shared_ptr<BackupChoice> backup;
+  ChangeBackup backup;
   std::FILE* output = stdout;
 };
 

@@ -12,8 +12,9 @@ import random
 import re
 import shutil
 import subprocess
+import time
 
-from support import images, samples, volumes
+from support import images, same_ntfs, samples, volumes
 from sweep import media
 from sweep.judging import Seen
 from sweep.scenarios import DISK, Scenario
@@ -197,6 +198,34 @@ class RestoreBackup(Restore):
             raise RuntimeError(f"no backup to restore: {saved.stderr}")
 
 
+class RestoreWim(Restore):
+    """A WIM of that volume. Each run formats the slice anew, so the serial number and some times differ."""
+
+    name = "restore-wim"
+    share = 0.5
+    TOOLS = (*RESTORE_TOOLS, "wimcapture")
+
+    def make_source(self):
+        self.original = self.image + ".wim"
+        images.run_tool("wimcapture", self.image, self.original, "--compress=fast")
+        time.sleep(1 - time.time() % 1)  # some times are whole seconds
+        self.began = same_ntfs.now()  # later than the times of all that is in the WIM
+
+    def command(self, case, vorlix):
+        # The checks at the end would say each time that a WIM has no boot code.
+        return [*super().command(case, vorlix), "--start", "none", "--scratch", case.path("tmp")]
+
+    def look(self, case):
+        found = super().look(case)
+        content = bytearray(samples.read(self.disk(case), FIRST, SIZE))
+        content[:SECTOR] = content[-SECTOR:] = bytes(SECTOR)
+        lasting = media.digest(same_ntfs.without_times(content, self.began))
+        found["content"] = Seen(found["content"].exact, lasting)
+        for name in ("boot sector", "second boot sector"):
+            found[name] = media.boot_sector(self.disk(case), SMALL[name][0])
+        return found
+
+
 class Resume(RestorePacked):
     """Goes on with a restore whose source could not be read to its end."""
 
@@ -303,4 +332,4 @@ class Backup(OfVolume):
         return files, [self.folder(case), *files]
 
 
-SCENARIOS = (Restore, RestorePacked, RestoreClone, RestoreBackup, Resume, GiveUp, Backup)
+SCENARIOS = (Restore, RestorePacked, RestoreClone, RestoreBackup, RestoreWim, Resume, GiveUp, Backup)
