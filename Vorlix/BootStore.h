@@ -47,6 +47,9 @@ struct StoreObject {
   std::vector<StoreElement> elements;  ///< in the order of the store
 };
 
+/// The name of the companion program that reads and changes stores (CompanionProgram.h).
+inline constexpr const char* kBootStoreProgram = "boot_store";
+
 /// Reads what `boot_store list` prints. Absent for any other text, and for one that is cut off.
 VORLIX_EXPORT std::optional<std::vector<StoreObject>> parseStoreListing(std::string_view listing);
 

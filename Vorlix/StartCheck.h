@@ -55,6 +55,9 @@ struct StartVolume {
   /// Whether a Windows on the volume has the files from which `vorlix bcd --from-windows --firmware bios` makes the
   /// two.
   bool suppliesBootFiles = false;
+
+  /// The same for `vorlix bcd --from-windows`, which puts boot manager and store on the EFI System Partition.
+  bool suppliesEFIFiles = false;
 };
 
 /// The EFI System Partition.

@@ -20,7 +20,6 @@ namespace vorlix {
 namespace {
 
 constexpr const char* kListingEnd = "end\n";
-constexpr const char* kProgram = "boot_store";
 constexpr const char* kNoCopy = "a temporary copy cannot be written";
 
 // A folder that other users cannot look into, removed with its content.
@@ -62,14 +61,14 @@ std::string reasonIn(std::string message, const std::string& file) {
   const size_t found = message.find(file + ": ");
   if (found != std::string::npos) message.erase(0, found + file.size() + 2);
   while (!message.empty() && message.back() == '\n') message.pop_back();
-  return message.empty() ? std::string(kProgram) + " ended without a result" : message;
+  return message.empty() ? std::string(kBootStoreProgram) + " ended without a result" : message;
 }
 
 // Runs the program with the store as its first file. What it prints ends with kListingEnd after success.
 std::optional<std::string> run(const PrivateFolder& folder, const std::vector<std::string>& arguments,
                                std::string& output) {
-  const auto program = companionProgram(kProgram);
-  if (!program) return std::string(kProgram) + " is not installed";
+  const auto program = companionProgram(kBootStoreProgram);
+  if (!program) return std::string(kBootStoreProgram) + " is not installed";
   try {
     const auto child = platform().childProcess->create(ChildOutputs::separate, ChildInput::pipe);
     child->launch(*program, arguments);
@@ -77,7 +76,7 @@ std::optional<std::string> run(const PrivateFolder& folder, const std::vector<st
     if (output.ends_with(kListingEnd)) return std::nullopt;
     return reasonIn(everythingOf(*child->standardError()), folder.fileOf("store"));
   } catch (const std::system_error& error) {
-    return std::string(kProgram) + " cannot be started: " + SystemError{error.code().value()}.reason();
+    return std::string(kBootStoreProgram) + " cannot be started: " + SystemError{error.code().value()}.reason();
   }
 }
 
@@ -113,7 +112,7 @@ std::optional<std::string> readStoreObjects(std::span<const uint8_t> store, std:
   std::string output;
   if (const auto reason = run(folder, {"list", folder.fileOf("store")}, output)) return reason;
   auto listed = parseStoreListing(output);
-  if (!listed) return std::string(kProgram) + " printed something else than a list";
+  if (!listed) return std::string(kBootStoreProgram) + " printed something else than a list";
   objects = std::move(*listed);
   return std::nullopt;
 }

@@ -51,6 +51,13 @@ std::string storeCommand(const StartFindings& findings) {
          " --template FILE --mode MODE";
 }
 
+// What is missing is made from the Windows on the volume, if it has all files for it.
+std::string efiFilesCommand(const StartFindings& findings, const std::string& otherwise) {
+  const StartFacts& facts = findings.facts();
+  if (!facts.volume || !facts.volume->suppliesEFIFiles || facts.efi.partition != 1) return otherwise;
+  return "vorlix bcd " + findings.diskWord() + " --partition " + std::to_string(facts.partition) + " --from-windows";
+}
+
 constexpr const char* kManager = "EFI/Microsoft/Boot/bootmgfw.efi";
 constexpr const char* kFallback = "EFI/Boot/bootx64.efi";
 
@@ -66,7 +73,7 @@ void checkEFIFiles(StartFindings& findings, bool judged) {
   } else if (judged) {
     findings.fault("efi-files", "efi-manager-missing", without + kManager,
                    "EFI firmware starts this program, which starts Windows",
-                   "bcdboot C:\\Windows /s S: /f UEFI in Windows");
+                   efiFilesCommand(findings, "bcdboot C:\\Windows /s S: /f UEFI in Windows"));
   }
   if (efi.fallback.sight == Sight::unseen) {
     findings.unseen("efi-files", std::string(kFallback) + ": " + efi.fallback.reason);
@@ -145,7 +152,7 @@ void checkEFIVolume(StartFindings& findings, bool judged) {
     findings.unseen("store", efi.store.reason);
   } else if (judged) {
     findings.fault("store", "store-missing", efi.name + " has no EFI/Microsoft/Boot/BCD",
-                   "the boot manager reads from it what to start", storeCommand(findings));
+                   "the boot manager reads from it what to start", efiFilesCommand(findings, storeCommand(findings)));
   }
 }
 

@@ -86,6 +86,46 @@ class RestoredStart(test_boot_files.BootFilesTest):
         self.restore("--start", "efi", expect=2, saying=["is no EFI System Partition", "nothing was written"])
         self.assertEqual(images.content_hash(self.target), images.content_hash(self.untouched))
 
+    def test_a_system_partition_that_cannot_be_read_is_found_before_anything_is_written(self):
+        samples.write(self.target, volumes.EFI_OFFSET, bytes(samples.SECTOR))
+        images.sparse_copy(self.target, self.untouched)
+        why = "no file system is recognised"
+        for way in ("efi", "both"):
+            self.restore("--start", way, expect=2, saying=[why, "--start legacy and --start none", "nothing was written"])
+            self.assertEqual(images.content_hash(self.target), images.content_hash(self.untouched))
+        self.assertEqual(self.journals(), [])
+        self.assert_restored_without_efi(why)
+
+    def assert_restored_without_efi(self, why):
+        """Without --start, the volume is restored, and what is missing is said before and afterwards."""
+        shown = self.restore("--dry-run", expect=1, saying=["EFI        no start files: ", why])
+        self.assertNotIn("boot files of the volume", shown.stdout)
+        said = self.restore(expect=1, saying=["Missing    the start files for EFI", why, "--from-windows"])
+        self.assertNotIn("as far as can be told", said.stdout)
+        self.assertTrue(tools.fdisk_slots(self.target)[WINDOWS.number][0])
+        self.assertEqual(self.journals(), [])
+
+    def test_without_the_program_for_stores_that_is_found_before_anything_is_written(self):
+        folder = self.path("copy")
+        os.mkdir(folder, 0o755)
+        self.vorlix = volumes.copy_command(self.vorlix, folder)
+        os.remove(os.path.join(folder, "tools", "bin", "boot_store"))
+        why = "boot_store is not installed"
+        self.restore("--start", "both", expect=2, saying=[why, "nothing was written"])
+        self.assertEqual(images.content_hash(self.target), images.content_hash(self.untouched))
+        self.assert_restored_without_efi(why)
+        self.assertEqual(self.efi_files(self.target), {})
+
+    def test_a_windows_that_does_not_start_by_efi_gets_no_files(self):
+        """A 32-bit one has the boot manager for EFI among its files, and no loader."""
+        tree = {path: content for path, content in self.tree.items() if not path.endswith("winload.efi")}
+        whole = self.disk(tree=tree, name="other.img")
+        with open(self.image, "wb") as file:
+            file.write(samples.read(whole, self.OFFSET, WINDOWS.sectors * samples.SECTOR))
+        self.restore(expect=1)
+        self.assertEqual(self.efi_files(self.target), {})
+        self.assertEqual(self.journals(), [])
+
     def test_a_dry_run_says_where_the_files_go(self):
         self.restore("--start", "both", "--dry-run", expect=1, saying=["EFI        boot files", "s1"])
         self.assertEqual(images.content_hash(self.target), images.content_hash(self.untouched))

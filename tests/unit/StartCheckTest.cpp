@@ -143,6 +143,21 @@ TEST(StartCheck, TheVolumesOwnFilesMendAMissingStoreIfTheyCan) {
   EXPECT_EQ(command(), "vorlix legacy-boot mac.imgs2 --bcd FILE");
 }
 
+TEST(StartCheck, TheVolumesOwnFilesMendAMissingStartByEFIIfTheyCan) {
+  StartFacts facts = soundFacts();
+  facts.efi.partition = 1;
+  facts.efi.name = "mac.imgs1";
+  facts.efi.bootManager.sight = facts.efi.fallback.sight = facts.efi.store.sight = Sight::missing;
+  const auto command = [&](const char* code) { return faultWith(checkStart(facts, StartWay::efi), code).command; };
+  EXPECT_EQ(command("efi-manager-missing"), "bcdboot C:\\Windows /s S: /f UEFI in Windows");
+  EXPECT_EQ(command("store-missing"), "vorlix bcd mac.img --partition 2 --template FILE --mode MODE");
+  facts.volume->suppliesEFIFiles = true;
+  EXPECT_EQ(command("efi-manager-missing"), "vorlix bcd mac.img --partition 2 --from-windows");
+  EXPECT_EQ(command("store-missing"), command("efi-manager-missing"));
+  facts.efi.partition = 3;  // which that command does not use
+  EXPECT_EQ(command("efi-manager-missing"), "bcdboot C:\\Windows /s S: /f UEFI in Windows");
+}
+
 TEST(StartCheck, ADirtyVolumeAndAHibernatedOneAreFaults) {
   StartFacts facts = soundFacts();
   facts.volume->dirty = true;

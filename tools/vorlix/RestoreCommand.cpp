@@ -48,7 +48,10 @@ void printPlan(const RestoreOptions& options, const RestorePreparation& prepared
         textOutput(options.progress),
         "Note       the source has no block map, so damage that its format does not notice is restored, too\n");
   }
-  if (!prepared.efiVolume.empty()) {
+  if (prepared.efiObstacle) {
+    std::fprintf(textOutput(options.progress), "EFI        no start files: %s\n",
+                 printable(*prepared.efiObstacle).c_str());
+  } else if (!prepared.efiVolume.empty()) {
     std::fprintf(textOutput(options.progress), "EFI        boot files of the volume and a store go to %s%s\n",
                  printable(prepared.efiVolume).c_str(),
                  options.request.efiFiles == EFIFiles::required ? "" : ", if the volume has boot files for EFI");

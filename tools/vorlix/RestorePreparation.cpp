@@ -170,14 +170,18 @@ void planEFIStart(const RestoreRequest& request, RestorePreparation& prepared) {
   if (request.efiFiles == EFIFiles::none) return;
   const GPTEntry& first = prepared.mbr.disk.entries.front();
   const bool isThere = request.partition != 1 && isUsed(first) && std::strcmp(first.guid_text, kEFISystemGUID) == 0;
-  if (isThere) {
-    prepared.efiVolume = sliceNameOf(request.disk, 1);
-    prepared.plan.between = wordOf(request.efiFiles);
-  } else if (request.efiFiles == EFIFiles::required) {
-    throw Failure(request.disk,
-                  "GPT entry 1 is no EFI System Partition, where the start files go; --start legacy and --start none "
-                  "restore without");
+  const auto refuseIfRequired = [&](const std::string& reason) {
+    if (request.efiFiles != EFIFiles::required) return;
+    throw Failure(request.disk, reason + "; --start legacy and --start none restore without");
+  };
+  if (!isThere) {
+    refuseIfRequired("GPT entry 1 is no EFI System Partition, where the start files go");
+    return;
   }
+  prepared.efiVolume = sliceNameOf(request.disk, 1);
+  prepared.efiObstacle = efiObstacle(prepared.efiVolume);
+  if (prepared.efiObstacle) refuseIfRequired("no start files for EFI can be put there: " + *prepared.efiObstacle);
+  prepared.plan.between = wordOf(request.efiFiles);
 }
 
 void requireOtherDisk(const RestoreRequest& request, const RestorePreparation& prepared, DeviceHandle& disk) {

@@ -42,7 +42,8 @@ struct RestorePreparation {
   NTFSPlace place;                       ///< of the slice
   std::optional<WimFacts::Image> image;  ///< of a WIM
   bool changesMBR = false;
-  std::string efiVolume;  ///< slice that gets the start files for EFI; empty for none
+  std::string efiVolume;                   ///< slice that gets the start files for EFI; empty for none
+  std::optional<std::string> efiObstacle;  ///< why it will not get them
   RestorePlan plan;
 };
 

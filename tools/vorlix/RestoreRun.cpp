@@ -79,11 +79,11 @@ std::vector<std::shared_ptr<DeviceHandle>> openDevices(const LongChange& journal
 int complete(const RestoreOptions& options, RestoreResult result, const RestoredVolume& restored) {
   std::FILE* const output = textOutput(options.progress);
   const std::string volume = restored.disk + "s" + std::to_string(restored.partition);
-  bool hasEFIFiles = false;
+  EFIResult files = EFIResult::unwanted;
   if (result.end == RestoreResult::End::paused) {
     std::vector<std::shared_ptr<DeviceHandle>> handles;
     try {
-      hasEFIFiles = restored.files != EFIFiles::none && putEFIFiles(restored, result.rest->backupOfParts(), output);
+      files = putEFIFiles(restored, result.rest->backupOfParts(), output);
       handles = openDevices(*result.rest);
     } catch (const Failure& failure) {
       throw Failure(volume, std::string("not finished: ") + failure.what(), howToGoOn(result, restored.isFromWim));
@@ -94,8 +94,7 @@ int complete(const RestoreOptions& options, RestoreResult result, const Restored
   std::fprintf(output, "Restored   %s to %s%s\n", sizeText(result.size).c_str(), printable(volume).c_str(),
                comparisonText(options, result));
   printUndo(result.kept, output);
-  const std::optional<StartWay> way = wayOf(restored, hasEFIFiles);
-  return !way || printStart(restored, *way, output) ? kDone : kChangeNeeded;
+  return printStart(restored, files, output) ? kDone : kChangeNeeded;
 }
 
 }  // namespace vorlix::tool

@@ -1,7 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "RestoreStart.h"
 
+#include <Vorlix/BootStore.h>
+#include <Vorlix/StartCheck.h>
+#include <Vorlix/platform/CompanionProgram.h>
+
 #include <exception>
+#include <optional>
 
 #include "Arbitration.h"
 #include "Failure.h"
@@ -18,13 +23,21 @@ constexpr const char* kRequired = "efi";
 
 // @return whether the volume has what the files and the store for EFI are made from. Throws Failure if nobody can tell.
 bool hasBootFiles(const std::string& slice) {
-  const VolumeLook look(slice);
-  for (const FileFact& fact : {look.fact({"Windows", "Boot", "EFI", "bootmgfw.efi"}),
-                               look.fact({"Windows", "System32", "config", "BCD-Template"})}) {
-    if (fact.sight == FileFact::Sight::unseen) throw Failure(slice, fact.reason);
-    if (fact.sight == FileFact::Sight::missing) return false;
-  }
-  return true;
+  const FileFact fact = filesForStart(VolumeLook(slice), StartFirmware::efi);
+  if (fact.sight == FileFact::Sight::unseen) throw Failure(slice, fact.reason);
+  return fact.sight == FileFact::Sight::there;
+}
+
+void printMissing(const std::string& what, const std::string& why, const std::string& command, std::FILE* output) {
+  std::fprintf(output, "Missing    %s\n           because %s\n           to mend: %s\n", printable(what).c_str(),
+               printable(why).c_str(), printable(command).c_str());
+}
+
+// The way in which the volume is to start; absent if it is only restored.
+std::optional<StartWay> wayOf(const RestoredVolume& volume, EFIResult files) {
+  const bool isEFI = files != EFIResult::unwanted || volume.files == EFIFiles::required;
+  if (!volume.isLegacy) return isEFI ? std::optional(StartWay::efi) : std::nullopt;
+  return isEFI ? StartWay::both : StartWay::legacy;
 }
 
 }  // namespace
@@ -39,13 +52,28 @@ EFIFiles efiFilesOf(const std::string& word) {
   return word == kIfThere ? EFIFiles::ifThere : EFIFiles::none;
 }
 
-bool putEFIFiles(const RestoredVolume& volume, const ChangeBackup& backup, std::FILE* output) {
+std::optional<std::string> efiObstacle(const std::string& systemPartition) {
+  if (!companionProgram(kBootStoreProgram)) return std::string(kBootStoreProgram) + " is not installed";
+  const FileFact store = VolumeLook(systemPartition).fact({"EFI", "Microsoft", "Boot", "BCD"});
+  return store.sight == FileFact::Sight::unseen ? std::optional(store.reason) : std::nullopt;
+}
+
+EFIResult putEFIFiles(const RestoredVolume& volume, const ChangeBackup& backup, std::FILE* output) {
+  if (volume.files == EFIFiles::none) return EFIResult::unwanted;
   try {
-    if (!hasBootFiles(sliceNameOf(volume.disk, volume.partition))) return false;
+    if (!hasBootFiles(sliceNameOf(volume.disk, volume.partition))) return EFIResult::unwanted;
   } catch (const Failure& failure) {
     if (volume.files == EFIFiles::required) throw;
     std::fprintf(output, "Note       no start files for EFI were looked for: %s\n", printable(failure.what()).c_str());
-    return false;
+    return EFIResult::unwanted;
+  }
+  const auto obstacle = efiObstacle(sliceNameOf(volume.disk, 1));
+  if (obstacle && volume.files == EFIFiles::ifThere) {
+    printMissing("the start files for EFI", *obstacle,
+                 "vorlix bcd " + commandWord(volume.disk) + " --partition " + std::to_string(volume.partition) +
+                     " --from-windows, once that is no longer so",
+                 output);
+    return EFIResult::missing;
   }
   WindowsStartOptions options;
   options.disk = volume.disk;
@@ -53,29 +81,24 @@ bool putEFIFiles(const RestoredVolume& volume, const ChangeBackup& backup, std::
   options.backup = backup;
   options.output = output;
   putWindowsStart(options);
-  return true;
+  return EFIResult::there;
 }
 
-std::optional<StartWay> wayOf(const RestoredVolume& volume, bool hasEFIFiles) {
-  const bool isEFI = hasEFIFiles || volume.files == EFIFiles::required;
-  if (!volume.isLegacy) return isEFI ? std::optional(StartWay::efi) : std::nullopt;
-  return isEFI ? StartWay::both : StartWay::legacy;
-}
-
-bool printStart(const RestoredVolume& volume, StartWay way, std::FILE* output) {
+bool printStart(const RestoredVolume& volume, EFIResult files, std::FILE* output) {
+  const std::optional<StartWay> way = wayOf(volume, files);
+  if (!way) return true;
   StartReport report;
   try {
-    report = checkStart(collectStartFacts(volume.disk, volume.partition, 0), way);
+    report = checkStart(collectStartFacts(volume.disk, volume.partition, 0), *way);
   } catch (const std::exception& error) {
     throw Failure(volume.disk, std::string("whether it starts cannot be told: ") + error.what(),
                   "the volume is restored");
   }
   for (const StartFinding& finding : report.findings) {
     if (finding.state != StartFinding::State::fault) continue;
-    std::fprintf(output, "Missing    %s\n           because %s\n           to mend: %s\n",
-                 printable(finding.text).c_str(), printable(finding.why).c_str(), printable(finding.command).c_str());
+    printMissing(finding.text, finding.why, finding.command, output);
   }
-  const bool starts = report.starts();
+  const bool starts = report.starts() && files != EFIResult::missing;
   if (starts) std::fprintf(output, "Start      the disk starts as far as can be told (vorlix check)\n");
   return starts;
 }

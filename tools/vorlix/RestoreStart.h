@@ -3,7 +3,6 @@
 // How a restored volume starts: its start files for EFI, and what is still missing.
 #pragma once
 
-#include <Vorlix/StartCheck.h>
 #include <Vorlix/platform/DiskChange.h>
 
 #include <cstdint>
@@ -16,7 +15,7 @@ namespace vorlix::tool {
 /// Whether the volume's own boot files and a store go to the EFI System Partition.
 enum class EFIFiles {
   none,
-  ifThere,  ///< if the volume has boot files for EFI
+  ifThere,  ///< if the volume has boot files for EFI, and they can be put there
   required
 };
 
@@ -33,17 +32,24 @@ struct RestoredVolume {
   bool isFromWim = false;
 };
 
+/// Returns why no start files for EFI can be put on a system partition, as far as that can be told before the volume is
+/// restored. Absent if nothing is known to be in the way.
+std::optional<std::string> efiObstacle(const std::string& systemPartition);
+
+/// What became of the start files for EFI.
+enum class EFIResult {
+  unwanted,  ///< or the volume has no boot files for EFI
+  there,
+  missing  ///< there is an obstacle, which was said
+};
+
 /// Puts the start files for EFI in place. Throws Failure.
 /// @param backup  where what they replace is kept
-/// @return whether they are there now: false if the volume has no boot files for EFI.
-bool putEFIFiles(const RestoredVolume& volume, const ChangeBackup& backup, std::FILE* output);
+EFIResult putEFIFiles(const RestoredVolume& volume, const ChangeBackup& backup, std::FILE* output);
 
-/// Returns the way in which the volume is to start; absent if it is only restored.
-/// @param hasEFIFiles  what putEFIFiles() has returned
-std::optional<StartWay> wayOf(const RestoredVolume& volume, bool hasEFIFiles);
-
-/// Says what a start still needs. Throws Failure if that cannot be told.
+/// Says what a start still needs, unless the volume is only restored. Throws Failure if that cannot be told.
+/// @param files  what putEFIFiles() has returned
 /// @return whether the disk starts as far as can be told
-bool printStart(const RestoredVolume& volume, StartWay way, std::FILE* output);
+bool printStart(const RestoredVolume& volume, EFIResult files, std::FILE* output);
 
 }  // namespace vorlix::tool

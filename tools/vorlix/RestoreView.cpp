@@ -47,6 +47,7 @@ void printRestorePlanJson(const RestoreRequest& request, const RestorePreparatio
                 {"volumeSize", prepared.volumeSize},
                 {"lost", prepared.present},
                 {"efiVolume", knownText(prepared.efiVolume)},
+                {"efiObstacle", knownText(prepared.efiObstacle.value_or(""))},
                 {"mbr", std::move(mbr)}})
       .print();
 }

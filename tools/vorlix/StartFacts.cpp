@@ -72,22 +72,13 @@ void lookAtState(DeviceHandle& handle, const VolumeLook& look, StartVolume& volu
   }
 }
 
-// What planStartFiles() needs for a start by a BIOS.
-bool suppliesBootFiles(const VolumeLook& look) {
-  for (const std::vector<std::string>& names : {std::vector<std::string>{"Windows", "Boot", "PCAT", "bootmgr"},
-                                                {"Windows", "System32", "winload.exe"},
-                                                {"Windows", "System32", "config", "BCD-Template"}}) {
-    if (look.fact(names).sight != FileFact::Sight::there) return false;
-  }
-  return true;
-}
-
 void lookAtStartFiles(DeviceHandle& handle, const VolumeLook& look, StartVolume& volume) {
   volume.bootManager = look.fact({"bootmgr"});
   volume.legacyStore = look.content({"boot", "BCD"}, kLargestStartStore);
   const auto isMissing = [](const FileFact& fact) { return fact.sight == FileFact::Sight::missing; };
-  volume.suppliesBootFiles =
-      (isMissing(volume.bootManager) || isMissing(volume.legacyStore)) && suppliesBootFiles(look);
+  volume.suppliesBootFiles = (isMissing(volume.bootManager) || isMissing(volume.legacyStore)) &&
+                             filesForStart(look, StartFirmware::bios).sight == FileFact::Sight::there;
+  volume.suppliesEFIFiles = filesForStart(look, StartFirmware::efi).sight == FileFact::Sight::there;
   lookAtState(handle, look, volume);
 }
 
@@ -117,6 +108,20 @@ void lookAtVolume(const DiskTables& disk, DeviceHandle& whole, const KnownSlice*
 }
 
 }  // namespace
+
+FileFact filesForStart(const VolumeLook& look, StartFirmware firmware) {
+  const bool isEFI = firmware == StartFirmware::efi;
+  const char* const folder = isEFI ? "EFI" : "PCAT";
+  const char* const manager = isEFI ? "bootmgfw.efi" : "bootmgr";
+  FileFact fact;
+  for (const std::vector<std::string>& names : {std::vector<std::string>{"Windows", "Boot", folder, manager},
+                                                {"Windows", "System32", isEFI ? "winload.efi" : "winload.exe"},
+                                                {"Windows", "System32", "config", "BCD-Template"}}) {
+    fact = look.fact(names);
+    if (fact.sight != FileFact::Sight::there) break;
+  }
+  return fact;
+}
 
 StartFacts startFactsOf(const DiskTables& disk, uint8_t type) {
   if (!disk.header) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Vorlix/StartCheck.h>
+#include <Vorlix/StartFiles.h>
 
 #include <cstdint>
 #include <string>
@@ -9,6 +10,7 @@
 
 #include "Arbitration.h"
 #include "DiskTables.h"
+#include "VolumeLook.h"
 
 namespace vorlix::tool {
 
@@ -17,6 +19,10 @@ namespace vorlix::tool {
 /// @param partition  GPT entry of the volume; 0 to take the one that the MBR starts, or the only one that may hold
 /// Windows.
 StartFacts collectStartFacts(const std::string& disk, uint32_t partition, uint8_t type);
+
+/// Returns what is known of the files from which planStartFiles() makes boot files and a store: that all are there, or
+/// the first that is missing or unseen.
+FileFact filesForStart(const VolumeLook& look, StartFirmware firmware);
 
 /// A slice that was looked up already.
 struct KnownSlice {
