@@ -49,10 +49,11 @@ VORLIX_EXPORT std::vector<std::string> keptChanges();
 /// Returns whether a backup is one of keptChanges(), without listing them.
 VORLIX_EXPORT bool isKeptInStateFolder(const std::string& folder);
 
-/// Returns the backups of the changes that are parts of another one (ChangeBackup::partOf), oldest first: a restore
-/// puts start files on another volume.
+/// Finds the backups of the changes that are parts of another one (ChangeBackup::partOf): a restore puts start files on
+/// another volume. Fails if it cannot be told whether there are more.
 /// @param folder  of the other change's backup, or of its journal (LongChange.h)
-VORLIX_EXPORT std::vector<std::string> partsOfChange(const std::string& folder);
+/// @param parts   receives their folders, oldest first
+VORLIX_EXPORT std::optional<ChangeFailure> partsOfChange(const std::string& folder, std::vector<std::string>& parts);
 
 /// Reads a backup, wherever its folder is. Fails if it is damaged or larger than 1 GiB.
 VORLIX_EXPORT std::optional<ChangeFailure> readKeptChange(const std::string& folder, KeptChange& kept);

@@ -43,9 +43,15 @@ std::optional<ChangeFailure> makeFolder(const char* name, std::string& folder) {
   return std::nullopt;
 }
 
+// A journal that is overlooked may be that of an interrupted change.
 std::vector<std::string> completeJournalsOf(const char* name) {
   const std::optional<std::string> state = existingStateFolder();
-  return state ? completeJournalsIn(*state + name) : std::vector<std::string>();
+  std::vector<std::string> folders;
+  if (!state) return folders;
+  if (const int error = listJournals(*state + name, folders)) {
+    throw std::system_error(error, std::generic_category(), *state + name);
+  }
+  return folders;
 }
 
 bool isCompleteJournalOf(const char* name, const std::string& folder) {
@@ -107,15 +113,22 @@ std::optional<ChangeFailure> makeBackupsFolder(std::string& folder) {
   return makeFolder(kBackups, folder);
 }
 
-std::vector<std::string> completeJournalsIn(const std::string& parent) {
-  std::vector<std::string> folders;
+std::string backupsFolderFor(const std::string& journals) {
+  if (!journals.ends_with(kJournals)) return "";
+  return journals.substr(0, journals.size() - std::strlen(kJournals)) + kBackups;
+}
+
+int listJournals(const std::string& parent, std::vector<std::string>& folders) {
+  std::vector<std::string> found;
   std::error_code error;
-  for (const fs::directory_entry& entry : fs::directory_iterator(parent, error)) {
-    const std::string path = entry.path().string();
-    if (isCompleteJournal(path)) folders.push_back(path);
+  for (fs::directory_iterator entry(parent, error); entry != fs::directory_iterator(); entry.increment(error)) {
+    const std::string path = entry->path().string();
+    if (isCompleteJournal(path)) found.push_back(path);
+    if (error) break;
   }
-  std::sort(folders.begin(), folders.end());
-  return folders;
+  std::sort(found.begin(), found.end());
+  folders.insert(folders.end(), found.begin(), found.end());
+  return error == std::errc::no_such_file_or_directory ? 0 : error.value();
 }
 
 std::vector<std::string> journalsInStateFolder() {
@@ -139,15 +152,16 @@ void removeOldBackups() {
   if (!state) return;
   // Every change comes here, so that most find nothing to do.
   if (namesIn(*state + kBackups) <= kMostBackups) return;
-  std::vector<std::string> folders = backupsInStateFolder();
-  if (folders.size() <= kBackupsLeft) return;
+  std::vector<std::string> folders;
+  if (listJournals(*state + kBackups, folders) != 0 || folders.size() <= kBackupsLeft) return;
   folders.resize(folders.size() - kBackupsLeft);
   for (const std::string& folder : folders) removeJournal(folder);
 }
 
 bool isCompleteJournal(const std::string& folder) {
   const bool isOnItsWay = folder.ends_with(kUnfinishedJournal) || folder.ends_with(kRemovedJournal);
-  return !isOnItsWay && access((folder + kJournalManifest).c_str(), F_OK) == 0;
+  if (isOnItsWay) return false;
+  return access((folder + kJournalManifest).c_str(), F_OK) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
 void removeLeftoversIn(const std::string& parent) {

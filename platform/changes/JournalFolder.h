@@ -34,10 +34,14 @@ JournalTime journalTime();
 std::optional<ChangeFailure> makeJournalsFolder(std::string& folder);
 std::optional<ChangeFailure> makeBackupsFolder(std::string& folder);
 
-/// Returns the complete journals in a folder, oldest first.
-std::vector<std::string> completeJournalsIn(const std::string& parent);
+/// Returns the folder of backups beside a folder of journals. Empty for any other folder.
+std::string backupsFolderFor(const std::string& journals);
 
-/// Returns those of journals in the state folder, and likewise those of backups.
+/// Adds the complete journals in a folder, oldest first. None if the folder does not exist.
+/// @return 0, or what `errno` has for the reason why there may be more
+int listJournals(const std::string& parent, std::vector<std::string>& folders);
+
+/// Returns those of journals in the state folder, and likewise those of backups. Throws std::system_error.
 std::vector<std::string> journalsInStateFolder();
 std::vector<std::string> backupsInStateFolder();
 
@@ -51,7 +55,8 @@ void removeOldBackups();
 /// Returns whether this process has a long change with that journal open: it may then write to the disk besides.
 bool isOpenLongChange(const std::string& folder);
 
-/// Returns whether a folder is a journal that is neither being written nor being removed.
+/// Returns whether a folder is a journal that is neither being written nor being removed. One that cannot be looked at
+/// counts, so that it is neither overlooked nor removed.
 bool isCompleteJournal(const std::string& folder);
 
 /// Removes what interrupted processes left: incomplete journals, and complete ones that were being removed. Leaves

@@ -5,6 +5,9 @@
 
 #include <filesystem>
 #include <memory>
+#include <set>
+#include <string>
+#include <system_error>
 #include <utility>
 
 namespace vorlix {
@@ -25,6 +28,18 @@ std::optional<ChangeFailure> checkSize(const Journal& journal) {
   }
   if (size <= kLargestBackup) return std::nullopt;
   return ChangeFailure{journal.folder(), "the backup is larger than 1 GiB", kNothingWritten};
+}
+
+// The parts of a change are beside the backup that it has, or will have once it is complete.
+std::set<std::string> foldersOfParts(const fs::path& folder, const std::string& backup) {
+  std::set<std::string> folders;
+  std::error_code error;
+  const fs::path parent = fs::absolute(folder, error).parent_path();
+  for (const std::string& place : {parent.string(), backup, backupsFolderFor(parent.string())}) {
+    const fs::path canonical = fs::weakly_canonical(place, error);
+    if (!place.empty()) folders.insert(error ? place : canonical.string());
+  }
+  return folders;
 }
 
 }  // namespace
@@ -49,26 +64,28 @@ std::vector<std::string> keptChanges() {
   return backupsInStateFolder();
 }
 
-std::vector<std::string> partsOfChange(const std::string& folder) {
+std::optional<ChangeFailure> partsOfChange(const std::string& folder, std::vector<std::string>& parts) {
+  parts.clear();
   std::optional<ChangeFailure> failure;
   const auto whole = Journal::open(folder, failure);
-  if (!whole) return {};
-  const fs::path path(folder);
+  if (!whole) return failure;
   const auto& content = whole->manifest().content;
-  std::vector<std::string> candidates;  // beside the backup that the change has, or will have
-  if (!isJournalThere(folder)) {
-    candidates = completeJournalsIn(path.parent_path().string());
-  } else if (content && !content->backup.empty()) {
-    candidates = completeJournalsIn(content->backup);
-  } else {
-    candidates = backupsInStateFolder();
+  if (!content) return std::nullopt;  // a short change has no parts
+  const fs::path path(folder);
+  const std::string name = path.filename().string();
+  std::vector<std::string> candidates;
+  for (const std::string& parent : foldersOfParts(path, content->backup)) {
+    if (const int error = listJournals(parent, candidates)) return journalFailure(parent, error);
   }
-  std::vector<std::string> parts;
   for (const std::string& candidate : candidates) {
     const auto part = Journal::open(candidate, failure);
-    if (part && part->manifest().partOf == path.filename().string()) parts.push_back(candidate);
+    if (part && part->manifest().partOf == name) parts.push_back(candidate);
+    const bool mayBePart = fs::path(candidate).filename().string() > name;  // it was begun later
+    if (!part && mayBePart && isCompleteJournal(candidate)) {
+      return ChangeFailure{candidate, failure->reason + ", and it may be a part of this change", kNothingWritten};
+    }
   }
-  return parts;
+  return std::nullopt;
 }
 
 bool isKeptInStateFolder(const std::string& folder) {

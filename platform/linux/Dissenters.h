@@ -22,9 +22,15 @@ inline Dissenter dissenterFor(int error, const std::string& subject) {
 }
 
 /// Returns the dissenter for a change to a disk that failed.
+// Of a volume that is written back. The command may have written elsewhere before.
 inline Dissenter dissenterFor(const ChangeFailure& failure) {
-  const std::string state = failure.state.empty() ? "" : "; " + failure.state;
-  return {kDissentError, failure.subject + ": " + failure.reason + state};
+  std::string text = failure.subject + ": " + failure.reason;
+  if (failure.state == kNothingWritten) {
+    text += "; the volume was not written to";
+  } else if (!failure.state.empty()) {
+    text += "; " + failure.state;
+  }
+  return {kDissentError, text};
 }
 
 }  // namespace vorlix

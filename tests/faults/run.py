@@ -24,13 +24,13 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path[:0] = [HERE, os.path.join(os.path.dirname(HERE), "integration")]
 
 from support import images, volumes  # noqa: E402: after the path
-from sweep import judging, machine, points, restoring, scenarios, tracing  # noqa: E402
+from sweep import judging, machine, points, restoring, scenarios, starting, tracing  # noqa: E402
 
 SKIPPED = 77
 INTERRUPTED = 130
 MEDIA = re.compile("/case/(disks|out)/")  # disks that commands change, and files that they create
 COLUMNS = (*judging.VERDICTS, "not hit", "left over")
-SCENARIOS = scenarios.SCENARIOS + restoring.SCENARIOS
+SCENARIOS = scenarios.SCENARIOS + restoring.SCENARIOS + starting.SCENARIOS
 worker = {}
 
 

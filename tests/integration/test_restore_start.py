@@ -145,6 +145,25 @@ class RestoredStart(test_boot_files.BootFilesTest):
         self.assertTrue(tools.fdisk_slots(self.target)[WINDOWS.number][0])
         self.assertEqual(self.journals(), [])
 
+    def test_files_that_stayed_in_a_mirror_are_on_the_disk_when_it_goes_on(self):
+        """Under their names they were there already, for a look at the mirror."""
+        folder = self.path("failing")
+        os.mkdir(folder)
+        with open(os.path.join(folder, "mcopy"), "w", encoding="utf-8") as script:
+            script.write("#!/bin/sh\nexit 1\n")
+        os.chmod(script.name, 0o755)
+        options = ["--partition", WINDOWS.number, "--yes", "--start", "both"]
+        cut = self.vorlix_run("restore", self.image, self.target, *options,
+                              prefix=[*self.prefix(), "env", f"PATH={folder}:{images.SYSTEM_PATH}"])
+        self.assertEqual(cut.returncode, 2, cut.stdout + cut.stderr)
+        for words in ("not finished", "the changes stay in", "vorlix restore --resume"):
+            self.assertIn(words, cut.stderr)
+        self.assertNotIn("nothing was written", cut.stderr)
+        self.assertEqual(self.efi_files(self.target), {})
+        self.restore("--start", "both", expect=1)
+        self.assert_efi_start(self.target)
+        self.assertEqual(self.journals(), [])
+
     def test_a_stopped_one_can_go_on_without_the_files(self):
         self.fill_system_partition()
         self.restore("--start", "both", expect=2)
@@ -323,6 +342,21 @@ exec {images.tool("mcopy")} "$@"
         self.vorlix_ok("undo", name, "--no-backup")
         self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
         self.assertEqual(self.efi_files(self.target)["EFI/Microsoft/Boot/BCD"], b"written by a boot manager")
+
+    def test_a_part_that_cannot_be_read_refuses_the_undo(self):
+        name = self.name_to_undo(self.restore("--start", "both", expect=1))
+        (part,) = set(self.backups()) - {name}
+        folder = os.path.join(self.state, "vorlix", "backups", part)
+        restored = images.content_hash(self.target)
+        for path in (folder, os.path.join(folder, "manifest.json")):
+            mode = os.stat(path).st_mode
+            os.chmod(path, 0)
+            message = self.vorlix_refuses("undo", name, saying=["may be a part of this change", "nothing was written"])
+            self.assertIn(part, message)
+            self.assertEqual(images.content_hash(self.target), restored)
+            os.chmod(path, mode)
+        self.vorlix_ok("undo", name, "--no-backup")
+        self.assert_undone()
 
     def test_without_a_backup_there_is_nothing_to_undo_with(self):
         result = self.restore("--start", "both", "--no-backup", expect=1)

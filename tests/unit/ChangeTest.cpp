@@ -415,6 +415,21 @@ TEST_F(ChangeTest, ADamagedJournalIsReportedAndNothingIsWritten) {
   }
 }
 
+TEST_F(ChangeTest, AJournalThatCannotBeLookedAtStopsAllWritersAndStays) {
+  const std::string folder = committed(twoWrites())->folder();
+  const std::string manifest = folder + "/manifest.json";
+  fs::remove(manifest);
+  fs::create_symlink("manifest.json", manifest);  // ELOOP, even for root
+  const auto failure = settle();
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->subject, folder);
+  EXPECT_THAT(failure->reason, HasSubstr("which disk it is for cannot be told"));
+  // The next journal is begun by removing those that nobody finished to write.
+  std::unique_ptr<JournalWriter> writer;
+  EXPECT_FALSE(JournalWriter::begin("another change", {}, writer));
+  EXPECT_TRUE(fs::is_symlink(manifest));
+}
+
 TEST_F(ChangeTest, AnUnreadableJournalStopsAllWriters) {
   const std::string folder = committed(twoWrites())->folder();
   fs::resize_file(folder + "/manifest.json", 20);

@@ -25,6 +25,13 @@ class Failure : public std::runtime_error {
     return {subject, std::strerror(error), std::move(state)};
   }
 
+  /// Returns the same failure with this state, unless it has one already.
+  Failure in(const std::string& state) const {
+    Failure failure = *this;
+    if (!failure.state_) failure.state_ = state;
+    return failure;
+  }
+
   /// Returns the message. `unwritten` is the state of a command that wrote nothing.
   std::string text(bool onlyLooks, const std::string& unwritten) const {
     if (!state_ && onlyLooks) return what();

@@ -1,16 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MountedSlice.h"
 
+#include <Vorlix/platform/FilesInPlace.h>
 #include <Vorlix/platform/MountedVolumes.h>
 #include <Vorlix/platform/Platform.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "Arbitration.h"
 #include "Complaint.h"
 #include "Failure.h"
+#include "VolumeFolder.h"
 
 namespace vorlix::tool {
 namespace {
@@ -58,7 +61,11 @@ std::optional<uint64_t> MountedSlice::freeSpace() const {
 
 void MountedSlice::finish(const std::string& change) {
   isDone_ = true;
-  if (wasMounted_ && !isMirror_) return;
+  if (wasMounted_ && !isMirror_) {
+    const VolumeFolder root(path_, false);
+    if (platform().filesInPlace->syncFileSystem(root.descriptor()) == 0) return;
+    throw Failure::ofErrno(path_, errno, change + " stands there, but may not be on the medium");
+  }
   const std::optional<Dissenter> refusal = tryUnmount(slice_);
   if (!refusal) return;
   std::string state = change + " is on the disk, which stays mounted at " + path_;

@@ -71,7 +71,9 @@ KeptChange readBackup(const std::string& folder) {
 // The parts of a change, the last one first.
 std::vector<KeptChange> readParts(const std::string& folder) {
   std::vector<KeptChange> parts;
-  for (const std::string& part : partsOfChange(folder)) parts.push_back(readBackup(part));
+  std::vector<std::string> folders;
+  if (const auto failure = partsOfChange(folder, folders)) fail(*failure);
+  for (const std::string& part : folders) parts.push_back(readBackup(part));
   std::reverse(parts.begin(), parts.end());
   return parts;
 }

@@ -159,23 +159,30 @@ Standing FileUndo::standingOf(const FileChange& file) const {
   return now == file.before ? Standing::restored : Standing::other;
 }
 
+// @param state  set once something is changed
+void FileUndo::undo(const Step& step, std::string& state, std::vector<std::string>& left) {
+  const FileChange& file = *step.file;
+  const std::optional<VolumeFolder> folder = parentOf(file);
+  const auto name = folder ? folder->find(std::filesystem::path(file.path).filename().string()) : std::nullopt;
+  if (!name) throw Failure(step.path, "it was removed meanwhile");
+  if (file.before) {
+    FileReplacement(*folder, *name).replaceBy(*file.before, [] {});
+  } else if (unlinkat(folder->descriptor(), name->c_str(), file.isFolder ? AT_REMOVEDIR : 0) != 0) {
+    const bool hasOtherFiles = file.isFolder && (errno == ENOTEMPTY || errno == EEXIST);
+    if (!hasOtherFiles) throw Failure::ofErrno(step.path, errno);
+    left.push_back(step.path);
+  }
+  state = "some of the files are undone; run the command again for the rest";
+  folder->sync(state);
+}
+
 std::vector<std::string> FileUndo::run() {
   std::vector<std::string> left;
   std::string state = kNothingWritten;
-  for (auto step = steps_.rbegin(); step != steps_.rend(); ++step) {
-    const FileChange& file = *step->file;
-    const std::optional<VolumeFolder> folder = parentOf(file);
-    const auto name = folder ? folder->find(std::filesystem::path(file.path).filename().string()) : std::nullopt;
-    if (!name) throw Failure(step->path, "it was removed meanwhile", state);
-    if (file.before) {
-      FileReplacement(*folder, *name).replaceBy(*file.before, [] {});
-    } else if (unlinkat(folder->descriptor(), name->c_str(), file.isFolder ? AT_REMOVEDIR : 0) != 0) {
-      const bool hasOtherFiles = file.isFolder && (errno == ENOTEMPTY || errno == EEXIST);
-      if (!hasOtherFiles) throw Failure::ofErrno(step->path, errno, state);
-      left.push_back(step->path);
-    }
-    state = "some of the files are undone; run the command again for the rest";
-    folder->sync(state);
+  try {
+    for (auto step = steps_.rbegin(); step != steps_.rend(); ++step) undo(*step, state, left);
+  } catch (const Failure& failure) {
+    throw failure.in(state);
   }
   if (mounted_) {
     // The files may have been made on an empty volume. An undo that was killed may have removed all of them.

@@ -68,6 +68,7 @@ class FileUndo {
  private:
   std::optional<VolumeFolder> parentOf(const FileChange& file) const;
   Standing standingOf(const FileChange& file) const;
+  void undo(const Step& step, std::string& state, std::vector<std::string>& left);
 
   std::vector<std::string> made_;  // the change's new files
   std::unique_ptr<MountedSlice> mounted_;

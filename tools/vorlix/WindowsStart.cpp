@@ -273,15 +273,14 @@ int putWindowsStart(const WindowsStartOptions& options) {
     return plan.isEmpty() ? kDone : kChangeNeeded;
   }
   finishInterruptedChanges(volumes.system);
-  const StartFilesPlan first = planOf(options, volumes);
-  if (first.isEmpty()) {
-    printDone(options, volumes, first, "");
-    return kDone;
+  StartFilesPlan plan = planOf(options, volumes);
+  std::string kept;
+  // On a mounted volume the files may be in memory or in a mirror alone, where an earlier run was cut off.
+  if (!plan.isEmpty() || mountPointOf(volumes.system)) {
+    MountedSlice system(volumes.system);
+    if (!plan.isEmpty()) kept = writeTo(options, volumes, system, plan);
+    system.finish("what was written");
   }
-  MountedSlice system(volumes.system);
-  StartFilesPlan plan;
-  const std::string kept = writeTo(options, volumes, system, plan);
-  system.finish("what was written");
   printDone(options, volumes, plan, kept);
   return kDone;
 }

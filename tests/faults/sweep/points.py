@@ -79,15 +79,21 @@ class Runner:
             run = dataclasses.replace(run, status=judging.SUCCESS)
         after = aftermath(scenario, case, run)
         lies = [] if run.succeeded else [(judging.WRONG_WORD, text) for text in scenario.false_words(case, run)]
-        blocked = [(judging.BLOCKED, text) for text in scenario.other_way(case, self.vorlix)]
+        if not scenario.is_other_way_apart:
+            lies += [(judging.BLOCKED, text) for text in scenario.other_way(case, self.vorlix)]
         again = tracing.run(scenario.command(case, self.vorlix), scenario.seconds, **case.options())
         after_again = aftermath(scenario, case, again)
         findings = judging.judge(expected, run, after, again, after_again, scenario.says_done(again))
         if again.succeeded:
             findings += [(judging.SILENT, text) for text in scenario.finish(case, self.vorlix)]
-        findings = judging.in_order([*findings, *lies, *blocked])
-        call = str(run.chosen) if run.chosen else f"call {place}, which was not made"
+        findings += lies
         left_over = tuple(map(case.short, case.left_over())) if not findings else ()
+        if scenario.is_other_way_apart:
+            case = self.fresh(scenario)
+            self.traced(scenario, case, place, fault)
+            findings += [(judging.BLOCKED, text) for text in scenario.other_way(case, self.vorlix)]
+        findings = judging.in_order(findings)
+        call = str(run.chosen) if run.chosen else f"call {place}, which was not made"
         findings = tuple((verdict, case.short(text)) for verdict, text in findings)
         return Result(scenario.name, case.short(call), str(fault), findings, case.short(str(run)), run.is_hit, left_over)
 

@@ -27,6 +27,7 @@ DISK_SECTORS = 4096 + 10 * 2048
 FIRST = WINDOWS.first * SECTOR
 SIZE = WINDOWS.sectors * SECTOR
 SMALL = {"sector 0": (0, SECTOR), "boot sector": (FIRST, SECTOR), "second boot sector": (FIRST + SIZE - SECTOR, SECTOR)}
+CONTENT = (FIRST + SECTOR, SIZE - 2 * SECTOR)  # all of the slice but the boot sectors
 EARLIER = random.Random(5)  # what the slice had before
 RESTORE_TOOLS = ("sgdisk", "mkntfs", "ntfscp", "ntfsclone", "gzip")
 
@@ -102,8 +103,7 @@ class Restore(OfVolume):
         return [vorlix, "restore", self.source(case), self.disk(case), "--partition", "3", "--yes"]
 
     def look(self, case):
-        content = {"content": (FIRST + SECTOR, SIZE - 2 * SECTOR)}  # all of the slice but the boot sectors
-        return media.ranges_of(self.disk(case), {**SMALL, **content})
+        return media.ranges_of(self.disk(case), {**SMALL, "content": CONTENT})
 
     def small_structures(self, path):
         return {name: samples.read(path, *place) for name, place in SMALL.items()}
@@ -124,27 +124,38 @@ class Restore(OfVolume):
         return found
 
     def other_way(self, case, vorlix):
-        """Undoes on the side: every small structure is as before the restore. The medium and the state then are again as
-        they were."""
-        restores = [folder for folder in kept_folders(case, "journals") if is_of_restore(folder)]
-        candidates = restores or kept_folders(case, "backups")
+        """The medium and the state then are again as they were."""
+        if not self.candidates(case):
+            return self.give_up(case, vorlix)
+        aside, state = case.path("home", "aside"), case.path("home", "state-aside")
+        images.sparse_copy(self.disk(case), aside)
+        shutil.copytree(case.state, state, copy_function=shutil.copy2)
+        found = self.give_up(case, vorlix)
+        self.put_back(case, aside, state)
+        return found
+
+    def give_up(self, case, vorlix):
+        """Undoes the restore: every small structure is as before it. Returns what goes wrong, as texts."""
+        candidates = self.candidates(case)
         before = self.small_structures(self.template)
         if not candidates:
             now = self.small_structures(self.disk(case))
             settled = self.is_interrupted_change(case)
-            return [f"nothing to undo, but changed: {name}" for name in before if now[name] != before[name] and not settled]
-        aside, state = case.path("home", "aside"), case.path("home", "state-aside")
-        images.sparse_copy(self.disk(case), aside)
-        shutil.copytree(case.state, state, copy_function=shutil.copy2)
+            return [f"nothing to undo, but changed: {name}" for name in now.keys() | before.keys()
+                    if now.get(name) != before.get(name) and not settled]
         run = self.run(case, vorlix, "undo", candidates[-1])
         now = self.small_structures(self.disk(case))
-        different = [name for name in before if now[name] != before[name]]
+        different = [name for name in now.keys() | before.keys() if now.get(name) != before.get(name)]
         said = f"exit status {run.returncode}: {run.stderr.strip()[:300]}"
         found = [f"undo ({said}) leaves changed: {', '.join(different)}"] if different else []
         if run.returncode != 0:
             found.append(f"undo: {said}")
-        self.put_back(case, aside, state)
         return found
+
+    def candidates(self, case):
+        """The folders that can be undone, the newest last."""
+        restores = [folder for folder in kept_folders(case, "journals") if is_of_restore(folder)]
+        return restores or kept_folders(case, "backups")
 
     def is_interrupted_change(self, case):
         """Whether a change of the structures can be finished from a journal."""
