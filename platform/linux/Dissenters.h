@@ -27,6 +27,8 @@ inline Dissenter dissenterFor(const ChangeFailure& failure) {
   std::string text = failure.subject + ": " + failure.reason;
   if (failure.state == kNothingWritten) {
     text += "; the volume was not written to";
+  } else if (failure.state == kPutBack) {
+    text += "; what was written to the volume was put back";
   } else if (!failure.state.empty()) {
     text += "; " + failure.state;
   }

@@ -136,6 +136,11 @@ class RestoredStart(test_boot_files.BootFilesTest):
         self.assertNotIn("nothing was written", result.stderr)
         self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
         (name,) = self.journals()
+        self.assertIn("interrupted; restore --resume goes on", self.vorlix_ok("undo", "--list").stdout)
+        (listed,) = json.loads(self.vorlix_ok("undo", "--list", "--json").stdout)["changes"]
+        self.assertEqual((listed["name"], listed["state"]), (name, "interrupted"))
+        for words in (("--backup", self.path("elsewhere")), ("--no-backup",)):
+            self.vorlix_refuses("restore", "--resume", name, *words, saying=["where it was begun to"])
         self.vorlix_refuses("hybrid", self.target, "--partition", WINDOWS.number, "--force", saying=[name])
         images.run_tool("mdel", "-i", f"{self.target}@@{volumes.EFI_OFFSET}", "::filler")
         resumed = self.vorlix_run("restore", "--resume", name)

@@ -15,7 +15,6 @@ std::shared_ptr<BackupChoice> addBackupOptions(Command& command) {
                             .addOption("--backup", choice->folder,
                                        "Folder for the backup that `vorlix undo` needs (default: in the "
                                        "user's state folder)")
-                            .completes(ValueKind::folder)
                             .completes(ValueKind::folder);
   command.addFlag("--no-backup", choice->isOff, "Keep no backup; the change cannot be undone").excludes(folder);
   return choice;

@@ -210,6 +210,9 @@ void addRestoreCommand(Command& top, int& status) {
                       : start.empty()                   ? EFIFiles::ifThere
                                                         : EFIFiles::none;
     if (resuming.isGiven()) {
+      const char* const kFixed = "a restore keeps its backups where it was begun to";
+      if (!backup->folder.empty()) refuseValue("--backup", kFixed);
+      if (backup->isOff) refuseValue("--no-backup", kFixed);
       const LibraryLog log;
       status = resumeInterrupted(*options, folderOfInterrupted(options->resume));
       return;

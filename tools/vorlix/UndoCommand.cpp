@@ -89,6 +89,8 @@ struct StateNames {
   const char* text;
 };
 
+constexpr StateNames kInterrupted = {"interrupted", "interrupted; restore --resume goes on"};
+
 StateNames namesOfState(UndoState state) {
   switch (state) {
     case UndoState::undoable:
@@ -103,17 +105,23 @@ StateNames namesOfState(UndoState state) {
   return {"unknown", "unknown"};
 }
 
+// An interrupted restore that no process works with.
+bool isIdleRestore(const std::string& folder) {
+  std::optional<ChangeFailure> failure;
+  return openLongChange(folder, failure) != nullptr;
+}
+
 void printList(bool json) {
   Json changes = Json::array();
   std::vector<std::vector<std::string>> rows = {{"BACKUP", "CHANGE", "STATE"}};
-  for (const std::string& folder : keptChanges()) {
+  const auto add = [&](const std::string& folder, bool isInterrupted) {
     const std::string name = fs::path(folder).filename().string();
     KeptChange kept;
     if (const auto failure = readKeptChange(folder, kept)) {
       complain(failure->subject + ": " + failure->reason);
-      continue;
+      return;
     }
-    const StateNames state = namesOfState(stateOf(kept));
+    const StateNames state = isInterrupted ? kInterrupted : namesOfState(stateOf(kept));
     rows.push_back(
         {name, printable(kept.title) + (kept.partOf.empty() ? "" : ", part of " + printable(kept.partOf)), state.text});
     changes.append(Json::object({{"name", name},
@@ -122,6 +130,10 @@ void printList(bool json) {
                                  {"begun", kept.begun},
                                  {"partOf", knownText(kept.partOf)},
                                  {"state", state.code}}));
+  };
+  for (const std::string& folder : keptChanges()) add(folder, false);
+  for (const std::string& folder : interruptedLongChanges()) {
+    if (isIdleRestore(folder)) add(folder, true);
   }
   if (json) {
     Json::object({{"version", kJsonVersion}, {"changes", std::move(changes)}}).print();
@@ -289,7 +301,7 @@ void addUndoCommand(Command& top, int& status) {
                  "The whole disk, or for files the volume, that was changed (default: the name that it had then)")
       .completes(ValueKind::volume);
   command.addFlag("--dry-run", options->dryRun, "Show what would be restored; open no disk for writing");
-  const Option list = command.addFlag("--list", options->list, "List the backups in the user's state folder");
+  const Option list = command.addFlag("--list", options->list, "List the backups in the user's state folder, and interrupted restores");
   command.addFlag("--json", options->json, "With --list or --dry-run: print JSON");
   journal.excludes(list);
   const auto backup = addBackupOptions(command);

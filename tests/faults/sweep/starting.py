@@ -11,6 +11,7 @@ import os
 
 from support import boot_stores, samples, volumes
 from sweep import media, restoring
+from sweep.judging import Seen
 from sweep.restoring import EFI, SECTOR
 
 EFI_PLACE = (EFI.first * SECTOR, EFI.sectors * SECTOR)
@@ -25,13 +26,12 @@ def windows_files(folder):
     """The least from which a start by EFI can be made."""
     with open(boot_stores.make_store(os.path.join(folder, "BCD-Template"), TEMPLATE), "rb") as file:
         template = file.read()
-    files = {
+    return {
         "Windows/Boot/EFI/bootmgfw.efi": b"boot manager" * 700,
         "Windows/Boot/EFI/en-US/bootmgfw.efi.mui": b"texts",
         "Windows/System32/winload.efi": b"loader",
         "Windows/System32/config/BCD-Template": template,
     }
-    return files
 
 
 def is_part(folder):
@@ -62,17 +62,17 @@ class RestoreStart(restoring.Restore):
         return [*super().command(case, vorlix), "--start", "both"]
 
     def look(self, case):
-        return self.with_files(case, super().look(case))
-
-    def with_files(self, case, found):
-        """The structures with the partition's files in the place of its bytes."""
+        """The EFI System Partition is looked at by its files."""
         disk = self.disk(case)
+        found = super().look(case) | {name: Seen(value) for name, value in self.efi_files(disk).items()}
         ranges = [*restoring.SMALL.values(), restoring.CONTENT, EFI_PLACE]
-        files = media.fat_disk(disk, *EFI_PLACE)
-        return found | files | {"the rest of the disk": media.Seen(media.rest_of(disk, ranges))}
+        return found | {"the rest of the disk": Seen(media.rest_of(disk, ranges))}
+
+    def efi_files(self, disk):
+        return media.read_fat(samples.read(disk, *EFI_PLACE))
 
     def small_structures(self, path):
-        return super().small_structures(path) | media.read_fat(samples.read(path, *EFI_PLACE))
+        return super().small_structures(path) | self.efi_files(path)
 
     def other_way(self, case, vorlix):
         return self.give_up(case, vorlix)
