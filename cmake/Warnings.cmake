@@ -11,4 +11,9 @@ endif()
 if(VORLIX_SANITIZE)
   add_compile_options(-fsanitize=${VORLIX_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${VORLIX_SANITIZE})
+  # Most of a sanitized program would be the texts and places of UBSan's messages, which each start of it reads. A trap
+  # has the place from the debug information. Two checks need the runtime library: types in modules are known by name.
+  if(VORLIX_SANITIZE MATCHES undefined)
+    add_compile_options(-fsanitize-trap=undefined -fno-sanitize-trap=function,vptr)
+  endif()
 endif()

@@ -301,7 +301,8 @@ void addUndoCommand(Command& top, int& status) {
                  "The whole disk, or for files the volume, that was changed (default: the name that it had then)")
       .completes(ValueKind::volume);
   command.addFlag("--dry-run", options->dryRun, "Show what would be restored; open no disk for writing");
-  const Option list = command.addFlag("--list", options->list, "List the backups in the user's state folder, and interrupted restores");
+  const Option list =
+      command.addFlag("--list", options->list, "List the backups in the user's state folder, and interrupted restores");
   command.addFlag("--json", options->json, "With --list or --dry-run: print JSON");
   journal.excludes(list);
   const auto backup = addBackupOptions(command);

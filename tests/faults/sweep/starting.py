@@ -42,7 +42,7 @@ def is_part(folder):
 
 class RestoreStart(restoring.Restore):
     name = "restore-start"
-    share = 0.4  # a run takes several times as long as others
+    share = 0.2  # a run takes several times as long as others, and each point has two
     is_other_way_apart = True  # a mirror is known by the inode of its folder
     TOOLS = (*restoring.RESTORE_TOOLS, "mkfs.vfat", "fsck.vfat", "mcopy", "mmd", *boot_stores.NEEDED)
 

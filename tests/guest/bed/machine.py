@@ -15,8 +15,9 @@ def _optional(condition, text):
 
 
 def command(kernel, initramfs, disks, serial_ports, shell):
-    """QEMU's command line. The guest gets the host's root folder read-only. Writes to the disks are not synced."""
-    line = ["qemu-system-x86_64", "-accel", "tcg", "-cpu", "max,la57=off", "-m", "1G", "-smp", "1", "-nodefaults",
+    """QEMU's command line. The guest gets the host's root folder read-only. Writes to the disks are not synced. A plain
+    processor is emulated in four fifths of the time that one with all extensions takes."""
+    line = ["qemu-system-x86_64", "-accel", "tcg", "-cpu", "qemu64", "-m", "1G", "-smp", "1", "-nodefaults",
             "-display", "none", "-no-reboot", "-nic", "none", "-device", "virtio-rng-pci",
             "-kernel", kernel.image, "-initrd", initramfs,
             "-append", f"console=ttyS0 panic=-1 mitigations=off loglevel={'4' if shell else '6'}",
