@@ -3,6 +3,7 @@
 #include "Journal.h"
 #include "JournalFolder.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <set>
@@ -85,6 +86,8 @@ std::optional<ChangeFailure> partsOfChange(const std::string& folder, std::vecto
       return ChangeFailure{candidate, failure->reason + ", and it may be a part of this change", kNothingWritten};
     }
   }
+  const auto nameOf = [](const std::string& part) { return fs::path(part).filename(); };
+  std::sort(parts.begin(), parts.end(), [&](const auto& a, const auto& b) { return nameOf(a) < nameOf(b); });
   return std::nullopt;
 }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <Vorlix/platform/DiskChange.h>
+
 #include <cstring>
 #include <optional>
 #include <stdexcept>
@@ -31,6 +33,9 @@ class Failure : public std::runtime_error {
     if (!failure.state_) failure.state_ = state;
     return failure;
   }
+
+  /// Returns whether the failed step left everything as it was. Steps before it may have changed something.
+  bool changedNothing() const { return !state_ || *state_ == kNothingWritten || *state_ == kPutBack; }
 
   /// Returns the message. `unwritten` is the state of a command that wrote nothing.
   std::string text(bool onlyLooks, const std::string& unwritten) const {

@@ -70,8 +70,8 @@ EFIResult putEFIFiles(const RestoredVolume& volume, const ChangeBackup& backup, 
   const auto obstacle = efiObstacle(sliceNameOf(volume.disk, 1));
   if (obstacle && volume.files == EFIFiles::ifThere) {
     printMissing("the start files for EFI", *obstacle,
-                 "vorlix bcd " + commandWord(volume.disk) + " --partition " + std::to_string(volume.partition) +
-                     " --from-windows, once that is no longer so",
+                 "first that, then vorlix bcd " + commandWord(volume.disk) + " --partition " +
+                     std::to_string(volume.partition) + " --from-windows",
                  output);
     return EFIResult::missing;
   }

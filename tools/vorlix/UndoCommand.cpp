@@ -239,7 +239,7 @@ void abandon(const UndoOptions& options, const std::string& folder) {
   for (const DeviceChange& device : structures.devices) handles.push_back(openToChange(device.device));
   if ((failure = abandonRestore(std::move(journal), handles))) {
     // If something else was put on the disk on purpose, nothing but the journal is in the way.
-    if (failure->state == kNothingWritten) {
+    if (failure->state == kNothingWritten || failure->state == kPutBack) {
       if (!parts.steps().empty()) failure->state = "only the files are restored";
       failure->state += "; removing " + folder + " forgets the restore";
     }

@@ -231,7 +231,7 @@ WholeUndo::Done WholeUndo::run(const ChangeBackup& backup) {
     for (const KeptChange& kept : changes_) devices_.add(kept);
     done.redo = applyOrFail(bytes(), backup);
   } catch (const Failure& failure) {
-    throw Failure(changes_.front().undo.title, failure.text(true, ""),
+    throw Failure(changes_.front().undo.title, failure.changedNothing() ? failure.what() : failure.text(true, ""),
                   "the files are restored; run the command again for the rest");
   }
   return done;
