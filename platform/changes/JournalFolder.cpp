@@ -124,7 +124,6 @@ int listJournals(const std::string& parent, std::vector<std::string>& folders) {
   for (fs::directory_iterator entry(parent, error); entry != fs::directory_iterator(); entry.increment(error)) {
     const std::string path = entry->path().string();
     if (isCompleteJournal(path)) found.push_back(path);
-    if (error) break;
   }
   std::sort(found.begin(), found.end());
   folders.insert(folders.end(), found.begin(), found.end());

@@ -348,6 +348,13 @@ exec {images.tool("mcopy")} "$@"
         self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
         self.assertEqual(self.efi_files(self.target)["EFI/Microsoft/Boot/BCD"], b"written by a boot manager")
 
+    def test_undo_removes_a_file_that_a_killed_run_had_not_renamed_yet(self):
+        name = self.name_to_undo(self.restore("--start", "both", expect=1))
+        images.run_tool("mdel", "-i", f"{self.target}@@{volumes.EFI_OFFSET}", "::EFI/Boot/bootx64.efi")
+        volumes.put_tree(self.target, {"EFI/Boot/bootx64.efi.vorlix-new": b"half of it"}, volumes.EFI_OFFSET)
+        self.vorlix_ok("undo", name, "--no-backup")
+        self.assert_undone()
+
     def test_a_part_that_cannot_be_read_refuses_the_undo(self):
         name = self.name_to_undo(self.restore("--start", "both", expect=1))
         (part,) = set(self.backups()) - {name}

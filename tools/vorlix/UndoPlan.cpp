@@ -109,7 +109,7 @@ std::shared_ptr<DeviceHandle> DeviceUndo::open(const std::string& device) const 
   return writes_ ? openToChange(device) : openToLook(device);
 }
 
-FileUndo::FileUndo(const KeptChange& kept, const std::string& on) {
+FileUndo::FileUndo(const KeptChange& kept, const std::string& on) : files_(&kept.files) {
   if (kept.files.empty()) return;
   const std::string volume = on.empty() ? kept.files.front().volume : on;
   std::error_code error;
@@ -121,7 +121,10 @@ FileUndo::FileUndo(const KeptChange& kept, const std::string& on) {
   }
   isCaseBlind_ = mounted_ ? isCaseBlindDevice(volume) : isCaseBlindMount(root_.empty() ? "/" : root_);
   for (const FileChange& file : kept.files) {
-    if (!file.before && !file.isFolder) made_.push_back(file.path);
+    if (!file.before && !file.isFolder) {
+      made_.push_back(file.path);
+      made_.push_back(FileReplacement::asideNameOf(file.path));
+    }
     const std::string path = root_ + file.path;
     switch (standingOf(file)) {
       case Standing::changed:
@@ -159,6 +162,14 @@ Standing FileUndo::standingOf(const FileChange& file) const {
   return now == file.before ? Standing::restored : Standing::other;
 }
 
+// A change that was killed may have left a file beside the one that it was to become.
+void FileUndo::removeLeftovers() const {
+  for (const FileChange& file : *files_) {
+    const std::optional<VolumeFolder> folder = file.isFolder ? std::nullopt : parentOf(file);
+    if (folder) FileReplacement(*folder, std::filesystem::path(file.path).filename().string());
+  }
+}
+
 // @param state  set once something is changed
 void FileUndo::undo(const Step& step, std::string& state, std::vector<std::string>& left) {
   const FileChange& file = *step.file;
@@ -180,6 +191,7 @@ std::vector<std::string> FileUndo::run() {
   std::vector<std::string> left;
   std::string state = kNothingWritten;
   try {
+    removeLeftovers();
     for (auto step = steps_.rbegin(); step != steps_.rend(); ++step) undo(*step, state, left);
   } catch (const Failure& failure) {
     throw failure.in(state);

@@ -68,9 +68,11 @@ class FileUndo {
  private:
   std::optional<VolumeFolder> parentOf(const FileChange& file) const;
   Standing standingOf(const FileChange& file) const;
+  void removeLeftovers() const;
   void undo(const Step& step, std::string& state, std::vector<std::string>& left);
 
-  std::vector<std::string> made_;  // the change's new files
+  const std::vector<FileChange>* files_;
+  std::vector<std::string> made_;  // the change's new files, and what they are called before they are complete
   std::unique_ptr<MountedSlice> mounted_;
   std::string root_;
   bool isCaseBlind_ = false;
