@@ -6,7 +6,7 @@ import hashlib
 import os
 import tempfile
 
-from support import images, samples, volumes
+from support import images, samples, sparse, volumes
 from sweep.judging import Seen
 
 BOOT_AREA = 8192
@@ -64,7 +64,7 @@ def rest_of(path, ranges):
                 start, end = max(offset, at), min(offset + count, at + len(page))
                 if start < end:
                     page[start - at : end - at] = bytes(end - start)
-            if page.strip(b"\0"):
+            if not sparse.is_zero(page):
                 whole.update(at.to_bytes(8, "little") + page)
     return whole.hexdigest()
 

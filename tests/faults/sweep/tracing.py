@@ -72,6 +72,8 @@ class NotAllowed(Exception):
 
 
 def unescape(text):
+    if "\\" not in text:
+        return text
     return re.sub(r"\\x([0-9a-f]{2})", lambda match: chr(int(match.group(1), 16)), text)
 
 
