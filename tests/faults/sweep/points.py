@@ -79,7 +79,8 @@ class Runner:
             run = dataclasses.replace(run, status=judging.SUCCESS)
         after = aftermath(scenario, case, run)
         lies = [] if run.succeeded else [(judging.WRONG_WORD, text) for text in scenario.false_words(case, run)]
-        if not scenario.is_other_way_apart:
+        is_apart = scenario.is_other_way_apart(case)
+        if not is_apart:
             lies += [(judging.BLOCKED, text) for text in scenario.other_way(case, self.vorlix)]
         again = tracing.run(scenario.command(case, self.vorlix), scenario.seconds, **case.options())
         after_again = aftermath(scenario, case, again)
@@ -88,7 +89,7 @@ class Runner:
             findings += [(judging.SILENT, text) for text in scenario.finish(case, self.vorlix)]
         findings += lies
         left_over = tuple(map(case.short, case.left_over())) if not findings else ()
-        if scenario.is_other_way_apart:
+        if is_apart:
             case = self.fresh(scenario)
             self.traced(scenario, case, place, fault)
             findings += [(judging.BLOCKED, text) for text in scenario.other_way(case, self.vorlix)]

@@ -30,7 +30,6 @@ class Scenario:
     name = ""
     as_root = False
     share = 1.0  # weight in a sweep that does not run all points
-    is_other_way_apart = False  # whether other_way() gets a run of its own, because nothing puts back what it changes
     seconds = 30  # time limit; a run without a fault takes far less than one second
     TOOLS = ("sgdisk", "mkfs.vfat", "fsck.vfat", "mkntfs", "mcopy", "mmd")
 
@@ -66,6 +65,10 @@ class Scenario:
     def false_words(self, case, run):
         """What the message of a failed command says and is not so."""
         return []
+
+    def is_other_way_apart(self, case):
+        """Whether other_way() gets a run of its own, because nothing puts back what it changes."""
+        return False
 
     def other_way(self, case, vorlix):
         """Tries another way out than the same command again, and leaves everything as it was, unless it has a run of its

@@ -42,8 +42,7 @@ def is_part(folder):
 
 class RestoreStart(restoring.Restore):
     name = "restore-start"
-    share = 0.2  # a run takes several times as long as others, and each point has two
-    is_other_way_apart = True  # a mirror is known by the inode of its folder
+    share = 0.2  # a run takes several times as long as others
     TOOLS = (*restoring.RESTORE_TOOLS, "mkfs.vfat", "fsck.vfat", "mcopy", "mmd", *boot_stores.NEEDED)
 
     def prepare(self):
@@ -74,8 +73,12 @@ class RestoreStart(restoring.Restore):
     def small_structures(self, path):
         return super().small_structures(path) | self.efi_files(path)
 
+    def is_other_way_apart(self, case):
+        """A mirror is known by the inode of its folder, so the state cannot be put back."""
+        return any(files for _, _, files in os.walk(os.path.join(case.state, "volumes")))
+
     def other_way(self, case, vorlix):
-        return self.give_up(case, vorlix)
+        return self.give_up(case, vorlix) if self.is_other_way_apart(case) else super().other_way(case, vorlix)
 
     def candidates(self, case):
         return [folder for folder in super().candidates(case) if not is_part(folder)]
@@ -103,6 +106,9 @@ class UndoStart(RestoreStart):
 
     def says_done(self, run):
         return "no backup of that name" in run.err
+
+    def is_other_way_apart(self, case):
+        return False
 
     def other_way(self, case, vorlix):
         return []

@@ -3,7 +3,10 @@
 
 #include <elf.h>
 #include <linux/audit.h>
+#include <linux/filter.h>
 #include <linux/limits.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/uio.h>
 #include <sys/user.h>
@@ -13,6 +16,9 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <vector>
+
+#include "Calls.h"
 
 namespace {
 
@@ -81,15 +87,41 @@ uint64_t entryOf(pid_t task) {
 
 }  // namespace
 
+bool stopAtCountedCalls() {
+  const auto load = [](size_t offset) {
+    return sock_filter(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<__u32>(offset)));
+  };
+  const sock_filter allow = BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW);
+  const sock_filter stop = BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRACE);
+  std::vector<sock_filter> program = {load(offsetof(seccomp_data, arch)),
+                                      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kArchitecture, 1, 0), allow,
+                                      load(offsetof(seccomp_data, nr))};
+  for (const Call& call : countedCalls()) {
+    const auto number = static_cast<__u32>(call.number);
+    if (call.isFile) {  // not with a negative descriptor, whose low half is the first on both architectures
+      const size_t descriptor = offsetof(seccomp_data, args) + sizeof(__u64) * static_cast<size_t>(call.descriptor);
+      program.insert(program.end(), {BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 4), load(descriptor),
+                                     BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, 0x80000000, 0, 1), allow, stop});
+    } else {
+      program.insert(program.end(), {BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1), stop});
+    }
+  }
+  program.push_back(allow);
+  const sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
+  // A filter must not give a set-user-ID program to an ordinary user, and tracing takes its privileges anyway.
+  return (geteuid() == 0 || prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0) &&
+         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
 std::optional<CallStop> lookAtCall(pid_t task) {
   __ptrace_syscall_info info = {};
   if (ptrace(PTRACE_GET_SYSCALL_INFO, task, sizeof info, &info) <= 0) return std::nullopt;
   if (info.arch != kArchitecture) return std::nullopt;
   CallStop stop;
-  if (info.op == PTRACE_SYSCALL_INFO_ENTRY) {
+  if (info.op == PTRACE_SYSCALL_INFO_SECCOMP) {
     stop.isEntry = true;
-    stop.number = info.entry.nr;
-    std::copy_n(info.entry.args, stop.arguments.size(), stop.arguments.begin());
+    stop.number = info.seccomp.nr;
+    std::copy_n(info.seccomp.args, stop.arguments.size(), stop.arguments.begin());
   } else if (info.op == PTRACE_SYSCALL_INFO_EXIT) {
     stop.isExit = true;
     stop.result = info.exit.rval;

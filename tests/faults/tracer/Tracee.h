@@ -20,6 +20,10 @@ struct CallStop {
   int64_t result = 0;                   ///< at the exit; a negative errno for a failed call
 };
 
+/// Makes the kernel stop this process, and those that it starts, at the entries of the counted calls alone: the tracer
+/// needs PTRACE_O_TRACESECCOMP. Stops cost most of a traced run. @return false if the kernel refuses; errno says why.
+bool stopAtCountedCalls();
+
 /// Returns the system call at which a task is stopped; absent if the kernel does not report it.
 std::optional<CallStop> lookAtCall(pid_t task);
 

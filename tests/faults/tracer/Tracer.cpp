@@ -65,7 +65,7 @@ class Tracer {
     if (command_ == 0) runCommand(gate[0], gate[1]);
     close(gate[0]);
     constexpr long kOptions = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK | PTRACE_O_TRACECLONE |
-                              PTRACE_O_TRACEEXEC | PTRACE_O_EXITKILL;
+                              PTRACE_O_TRACEEXEC | PTRACE_O_TRACESECCOMP | PTRACE_O_EXITKILL;
     if (ptrace(PTRACE_SEIZE, command_, nullptr, kOptions) != 0) {
       const int reason = errno;
       kill(command_, SIGKILL);
@@ -94,8 +94,12 @@ class Tracer {
     std::vector<char*> arguments;
     for (const std::string& argument : task_.command) arguments.push_back(const_cast<char*>(argument.c_str()));
     arguments.push_back(nullptr);
-    execvp(arguments[0], arguments.data());
-    const std::string message = task_.command[0] + ": " + std::strerror(errno) + "\n";
+    std::string failed = "fault_tracer: a filter of calls";
+    if (stopAtCountedCalls()) {
+      execvp(arguments[0], arguments.data());
+      failed = task_.command[0];
+    }
+    const std::string message = failed + ": " + std::strerror(errno) + "\n";
     static_cast<void>(!write(STDERR_FILENO, message.data(), message.size()));
     _exit(kCannotStart);
   }
@@ -130,25 +134,32 @@ class Tracer {
     const int signal = WSTOPSIG(status);
     if (event == PTRACE_EVENT_STOP) {
       const bool isGroupStop = signal != SIGTRAP;
-      ptrace(isGroupStop ? PTRACE_LISTEN : PTRACE_SYSCALL, id, nullptr, nullptr);
+      if (isGroupStop) {
+        ptrace(PTRACE_LISTEN, id, nullptr, nullptr);
+      } else {
+        resume(id, traced, 0);
+      }
+    } else if (event == PTRACE_EVENT_SECCOMP || signal == kCallStop) {
+      handleCall(id, traced);
     } else if (event != 0) {
       if (event == PTRACE_EVENT_EXEC) {
         handleExec(id, traced);
       } else {
         handleStart(id);
       }
-      resume(id, 0);
-    } else if (signal == kCallStop) {
-      handleCall(id, traced);
+      resume(id, traced, 0);
     } else if (signal == SIGTRAP && !traced.isCounted && traced.entry.hit(id)) {
       traced.isCounted = true;
-      resume(id, 0);
+      resume(id, traced, 0);
     } else {
-      resume(id, signal);
+      resume(id, traced, signal);
     }
   }
 
-  static void resume(pid_t id, int signal) { ptrace(PTRACE_SYSCALL, id, nullptr, static_cast<long>(signal)); }
+  // The task stops at the next counted call, and before that at the exit of the one that it is in.
+  static void resume(pid_t id, const Traced& traced, int signal) {
+    ptrace(traced.open ? PTRACE_SYSCALL : PTRACE_CONT, id, nullptr, static_cast<long>(signal));
+  }
 
   Traced& known(pid_t id) {
     const auto [place, isNew] = traced_.try_emplace(id);
@@ -199,7 +210,7 @@ class Tracer {
     const std::optional<CallStop> stop = lookAtCall(id);
     if (stop && stop->isEntry) handleEntry(id, traced, *stop);
     if (stop && stop->isExit) handleExit(id, traced, *stop);
-    if (!isEnding_) resume(id, 0);
+    if (!isEnding_) resume(id, traced, 0);
   }
 
   bool isWanted(const Call& call, const CallStop& stop) const {
