@@ -348,6 +348,18 @@ exec {images.tool("mcopy")} "$@"
         self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
         self.assertEqual(self.efi_files(self.target)["EFI/Microsoft/Boot/BCD"], b"written by a boot manager")
 
+    def test_a_system_partition_that_cannot_be_read_refuses_the_undo_until_its_part_is_left_out(self):
+        name = self.name_to_undo(self.restore("--start", "both", expect=1))
+        samples.write(self.target, volumes.EFI_OFFSET, bytes(samples.SECTOR))
+        restored = images.content_hash(self.target)
+        (part,) = set(self.backups()) - {name}
+        folder = os.path.join(self.state, "vorlix", "backups", part)
+        self.vorlix_refuses("undo", name, saying=[f"; removing {folder} leaves this part out; nothing was written"])
+        self.assertEqual(images.content_hash(self.target), restored)
+        shutil.rmtree(folder)
+        self.vorlix_ok("undo", name, "--no-backup")
+        self.assertEqual(self.sector_0(), self.sector_0(self.untouched))
+
     def test_undo_removes_a_file_that_a_killed_run_had_not_renamed_yet(self):
         name = self.name_to_undo(self.restore("--start", "both", expect=1))
         images.run_tool("mdel", "-i", f"{self.target}@@{volumes.EFI_OFFSET}", "::EFI/Boot/bootx64.efi")

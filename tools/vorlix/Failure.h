@@ -34,6 +34,13 @@ class Failure : public std::runtime_error {
     return failure;
   }
 
+  /// Returns the same failure with this added to its reason.
+  Failure with(const std::string& advice) const {
+    Failure failure(what() + ("; " + advice));
+    failure.state_ = state_;
+    return failure;
+  }
+
   /// Returns whether the failed step left everything as it was. Steps before it may have changed something.
   bool changedNothing() const { return !state_ || *state_ == kNothingWritten || *state_ == kPutBack; }
 
@@ -44,6 +51,8 @@ class Failure : public std::runtime_error {
   }
 
  private:
+  explicit Failure(const std::string& text) : std::runtime_error(text) {}
+
   std::optional<std::string> state_;
 };
 

@@ -34,9 +34,18 @@ Standing standingOf(const ByteVector& now, const ByteChange& run) {
 }
 
 [[noreturn]] void refuse(const std::string& subject, const std::string& what, const KeptChange& kept) {
-  const std::string wayOut = kept.partOf.empty() ? "" : "; removing that folder leaves this part out";
-  throw Failure(subject,
-                what + " was changed since, so nothing is undone; the old content is in " + kept.folder + wayOut);
+  throw Failure(subject, what + " was changed since, so nothing is undone; the old content is in " + kept.folder);
+}
+
+// Looks at what a change wrote. If that fails at a part of a change, the rest can still be undone.
+template <typename Look>
+void lookAt(const KeptChange& kept, const Look& look) {
+  try {
+    look();
+  } catch (const Failure& failure) {
+    if (kept.partOf.empty()) throw;
+    throw failure.with("removing " + kept.folder + " leaves this part out");
+  }
 }
 
 // Every form of a slice's name ends with its number: "mac.imgs1", "sda1", "nvme0n1p1".
@@ -206,12 +215,13 @@ std::vector<std::string> FileUndo::run() {
 
 WholeUndo::WholeUndo(std::vector<KeptChange> changes, std::string on, bool writes)
     : changes_(std::move(changes)), on_(std::move(on)), devices_(on_, writes) {
-  for (const KeptChange& kept : changes_) devices_.add(kept);
+  for (const KeptChange& kept : changes_) lookAt(kept, [&] { devices_.add(kept); });
   const bool hasFiles =
       std::any_of(changes_.begin(), changes_.end(), [](const KeptChange& kept) { return !kept.files.empty(); });
   if (hasFiles) devices_.close();  // a volume of the disk is mounted, which locks it
   for (const KeptChange& kept : changes_) {
-    if (!kept.files.empty()) files_.push_back(std::make_unique<FileUndo>(kept, volumeWithFilesOf(kept)));
+    if (kept.files.empty()) continue;
+    lookAt(kept, [&] { files_.push_back(std::make_unique<FileUndo>(kept, volumeWithFilesOf(kept))); });
   }
 }
 
