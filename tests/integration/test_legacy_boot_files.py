@@ -305,7 +305,8 @@ class InFolders(LegacyBootTest):
         self.assertGreater(len(points), 40)
         whole = set_up(WINDOWS_TREE)
         states = set()
-        for number, (name, when) in enumerate(points):
+        # A sanitized run is as long as five others, and a kill shows no more of it.
+        for number, (name, when) in enumerate(points[:: 4 if images.SANITIZED else 1]):
             with self.subTest(call=name, number=when):
                 folder = self.volume(WINDOWS_TREE, f"volume{number}")
                 trace = volumes.strace("-o", "/dev/null", "-e", f"trace={name}", "-e", f"inject={name}:signal=SIGKILL:when={when}")
