@@ -39,6 +39,9 @@ struct VORLIX_EXPORT Allocation {
   /// was not unmounted cleanly".
   std::string doubt;
 
+  /// The `doubt` is that the file system is larger than the volume: the disk or image was truncated.
+  bool isCutOff = false;
+
   /// Returns the sum of the sizes in `used`.
   uint64_t usedBytes() const;
 };

@@ -26,7 +26,7 @@ struct BackupRequest {
   std::string volume;  ///< a slice of a disk or disk image, or an image of one volume
   std::string folder;  ///< to be made; its parent exists
   /// Save a volume that is mounted for writing, or on which a change was cut off: what is saved may be torn. Also saves
-  /// the rest where a small structure cannot be read.
+  /// the rest where a small structure cannot be read, and what is there of a truncated volume.
   bool force = false;
 };
 

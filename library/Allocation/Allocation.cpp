@@ -42,12 +42,18 @@ uint64_t Allocation::usedBytes() const {
 
 Allocation readAllocation(const DiskReader& read, uint64_t size) {
   Allocation result;
-  try {
-    readInto(VolumeBytes(read, size), result);
-  } catch (const AllocationDoubt& doubt) {
+  const auto takeAll = [&](const AllocationDoubt& doubt) {
     result.doubt = doubt.what();
     result.used.clear();
     if (size > 0) result.used.push_back({0, size});
+  };
+  try {
+    readInto(VolumeBytes(read, size), result);
+  } catch (const CutOff& doubt) {
+    takeAll(doubt);
+    result.isCutOff = true;
+  } catch (const AllocationDoubt& doubt) {
+    takeAll(doubt);
   }
   return result;
 }

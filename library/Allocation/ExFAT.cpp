@@ -43,7 +43,7 @@ ExFATGeometry exFATGeometryOf(std::span<const uint8_t> boot, uint64_t volumeSize
   const uint64_t sectors = littleEndian(boot, 72, 8);
   const bool isSane = sectorShift >= 9 && sectorShift <= 12 && sectorShift + clusterShift <= 25;
   if (!isSane || boot[110] == 0 || boot[110] > 2) throw AllocationDoubt("its exFAT boot sector is damaged");
-  if (sectors > volumeSize >> sectorShift) throw AllocationDoubt("its exFAT file system is larger than the volume");
+  if (sectors > volumeSize >> sectorShift) throw CutOff("exFAT");
   ExFATGeometry exfat;
   exfat.sector = uint64_t{1} << sectorShift;
   exfat.clusterSize = exfat.sector << clusterShift;

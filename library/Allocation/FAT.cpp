@@ -56,7 +56,7 @@ FATGeometry geometryOf(std::span<const uint8_t> boot) {
 }
 
 void checkGeometry(const FATGeometry& fat, std::span<const uint8_t> boot, uint64_t volumeSize) {
-  if (fat.total > volumeSize) throw AllocationDoubt("its FAT file system is larger than the volume");
+  if (fat.total > volumeSize) throw CutOff("FAT");
   const bool fits = (fat.clusters + kFirstFATCluster) * fat.bits <= fat.tableSize * 8;
   const bool isSmallEnough = fat.clusters <= (fat.bits == 32 ? kMostFAT32Clusters : kMostFAT16Clusters);
   if (!fits || !isSmallEnough || fat.clusters == 0) throw AllocationDoubt("its FAT boot sector is damaged");

@@ -42,7 +42,7 @@ NTFSGeometry ntfsGeometryOf(std::span<const uint8_t> boot, uint64_t volumeSize) 
   if (!isSane) throw AllocationDoubt("its NTFS boot sector is damaged");
   const uint64_t sectorsPerCluster = perCluster >= 0xF4 ? uint64_t{1} << (256 - perCluster) : perCluster;
   ntfs.clusterSize = ntfs.sector * sectorsPerCluster;
-  if (sectors > volumeSize / ntfs.sector) throw AllocationDoubt("its NTFS file system is larger than the volume");
+  if (sectors > volumeSize / ntfs.sector) throw CutOff("NTFS");
   ntfs.clusters = sectors / sectorsPerCluster;
   ntfs.mft = littleEndian(boot, 48, 8);
   ntfs.mirror = littleEndian(boot, 56, 8);

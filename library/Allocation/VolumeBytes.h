@@ -21,6 +21,13 @@ class AllocationDoubt : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// The file system ends behind the volume's end.
+class CutOff : public AllocationDoubt {
+ public:
+  explicit CutOff(const std::string& fileSystem)
+      : AllocationDoubt("its " + fileSystem + " file system is larger than the volume") {}
+};
+
 /// The volume's bytes. Functions throw AllocationDoubt for what cannot be read or lies outside.
 class VolumeBytes {
  public:

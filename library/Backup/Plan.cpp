@@ -82,6 +82,7 @@ void readVolume(BackupPlan& plan) {
     return got < 0 ? size_t{0} : static_cast<size_t>(got);
   };
   plan.allocation = readAllocation(read, plan.size);
+  if (plan.allocation.isCutOff) object(plan, plan.allocation.doubt + ": it is truncated");
   roundToBlocks(plan.allocation.used, plan.size);
 }
 

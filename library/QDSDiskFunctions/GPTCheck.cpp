@@ -112,7 +112,7 @@ class Check {
     }
     const uint64_t end = std::max(header().alternate_lba, header().last_usable_lba);
     if (end >= blocks_) {
-      add("disk-truncated", "the disk or image is truncated: its table is for more than " + std::to_string(end) +
+      add("disk-truncated", "the disk or image is truncated: its table is for at least " + std::to_string(end + 1) +
                                 " blocks, and it has " + std::to_string(blocks_));
     }
     checkUsableRange();

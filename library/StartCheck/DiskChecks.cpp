@@ -2,6 +2,7 @@
 #include <Vorlix/OwnBootCode.h>
 #include <Vorlix/foundation/LittleEndian.h>
 
+#include <algorithm>
 #include <limits>
 
 #include "Findings.h"
@@ -20,6 +21,11 @@ std::string gptCommand(const std::string& code, const std::string& disk) {
   const bool isRepaired = code.starts_with("primary-") || code.starts_with("backup-") || code.starts_with("header-") ||
                           code == "entries-checksum";
   return (isRepaired ? "sgdisk -e " : "gdisk ") + disk;
+}
+
+bool hasFinding(const StartFacts& facts, const std::string& code) {
+  const auto& all = facts.gpt.findings;
+  return std::any_of(all.begin(), all.end(), [&](const GPTFinding& one) { return one.code == code; });
 }
 
 std::string gptCode(const std::string& code) {
@@ -105,8 +111,19 @@ void checkDiskBootCode(StartFindings& findings) {
 
 void checkStartGPT(StartFindings& findings) {
   const StartFacts& facts = findings.facts();
+  const bool isTruncated = hasFinding(facts, "disk-truncated");
+  const bool isCutOff = isTruncated && hasFinding(facts, "entry-beyond-disk");
   for (const GPTFinding& damage : facts.gpt.findings) {
-    findings.fault("gpt", gptCode(damage.code), damage.text, kWhyGPT, gptCommand(damage.code, findings.diskWord()));
+    const bool isAboutTheEnd =
+        damage.code == "disk-truncated" || damage.code == "backup-missing" || damage.code.ends_with("-beyond-disk");
+    if (isCutOff && isAboutTheEnd) {
+      findings.fault("gpt", gptCode(damage.code), damage.text, kWhyTruncated, kCopyAgain);
+      continue;
+    }
+    // sgdisk refuses some truncated disks; gdisk asks.
+    const std::string command =
+        isTruncated && isAboutTheEnd ? "gdisk " + findings.diskWord() : gptCommand(damage.code, findings.diskWord());
+    findings.fault("gpt", gptCode(damage.code), damage.text, kWhyGPT, command);
   }
   if (facts.gpt.findings.empty() && facts.gpt.headerLBA) findings.ok("gpt", "both copies are sound and equal");
 }

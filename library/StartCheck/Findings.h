@@ -12,6 +12,10 @@ namespace vorlix {
 /// Place of the disk signature in sector 0, four bytes behind the boot code.
 inline constexpr size_t kDiskSignature = kPureBootCodeSize;
 
+/// Why a truncated disk starts nothing, and what mends it: no tool can add what is missing.
+inline constexpr const char* kWhyTruncated = "a volume reaches into the part that is missing";
+inline constexpr const char* kCopyAgain = "copy the whole disk or image again, to one that is large enough";
+
 /// Collects the findings of one check.
 class StartFindings {
  public:

@@ -24,12 +24,14 @@ bool checkPlace(StartFindings& findings, bool legacy) {
   const StartFacts& facts = findings.facts();
   const GPTEntry* const entry = entryOf(facts);
   if (entry == nullptr) return true;
-  const std::string place =
-      "GPT entry " + std::to_string(facts.partition) + " starts at sector " + std::to_string(entry->first_lba);
-  if (facts.blocks != 0 && entry->first_lba >= facts.blocks) {
+  const std::string name = "GPT entry " + std::to_string(facts.partition);
+  const std::string place = name + " starts at sector " + std::to_string(entry->first_lba);
+  if (facts.blocks != 0 && entry->last_lba >= facts.blocks) {
+    const bool isGone = entry->first_lba >= facts.blocks;
     findings.fault("volume", "volume-beyond-disk",
-                   place + ", but " + facts.disk + " has only " + std::to_string(facts.blocks) + ": it is truncated",
-                   "the volume is not on the disk", "gdisk " + findings.diskWord());
+                   (isGone ? place : name + " ends at sector " + std::to_string(entry->last_lba)) + ", but " +
+                       facts.disk + " has only " + std::to_string(facts.blocks) + ": it is truncated",
+                   kWhyTruncated, kCopyAgain);
     return false;
   }
   if (legacy && facts.partition > kSlotCount) {

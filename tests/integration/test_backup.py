@@ -287,6 +287,15 @@ class Refused(BackupTest):
         self.assert_refused("required", volume)
         self.assert_nothing_left()
 
+    def test_truncated_volume(self):
+        """Half of a volume is no backup of it."""
+        volume = self.ntfs_with_files()
+        os.truncate(volume, 20 * MIB)
+        self.assert_refused("larger than the volume: it is truncated", volume, self.path("backup"))
+        self.assert_refused("it is truncated", volume, self.path("backup"), "--dry-run")
+        self.assert_nothing_left()
+        self.backup(volume, "backup", "--force")
+
     def test_leftovers(self):
         volume = self.ntfs_with_files()
         leftover = self.path("backup") + ".new"

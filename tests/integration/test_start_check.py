@@ -268,6 +268,21 @@ class Legacy(StartTest):
         os.truncate(path, START)
         self.assert_faults(path, ["gpt-disk-truncated", "gpt-backup-missing", "gpt-entry-beyond-disk", "volume-beyond-disk"])
 
+    def test_a_disk_that_was_cut_short_within_the_volume(self):
+        """Nothing else of the volume is looked at, and no command can mend it, least of all one that writes to it."""
+        path = self.sound()
+        os.truncate(path, START + 4096 * 512)
+        document = self.assert_faults(
+            path, ["gpt-disk-truncated", "gpt-backup-missing", "gpt-entry-beyond-disk", "volume-beyond-disk"])
+        self.assertEqual({item["command"] for item in document["findings"] if item["state"] == "fault"},
+                         {"copy the whole disk or image again, to one that is large enough"})
+
+    def test_a_disk_that_is_only_too_short_for_the_second_table(self):
+        path = self.sound()
+        os.truncate(path, DISK_END - 60 * 512)
+        document = self.assert_faults(path, ["gpt-disk-truncated", "gpt-backup-missing"])
+        self.assertEqual({item["command"] for item in document["findings"] if item["state"] == "fault"}, {f"gdisk {path}"})
+
     def test_no_slot_for_the_volume(self):
         path = self.path("five.img")
         with open(path, "wb") as file:

@@ -149,6 +149,28 @@ class Messages(WordsTest):
         for command in ("show", "check", "boot-type"):
             self.assertIn("truncated", self.vorlix_run(command, path).stderr)
 
+    def test_a_truncated_volume_is_called_truncated(self):
+        path = self.mac()
+        first = 34816
+        with open(self.path("volume"), "xb") as volume:
+            volume.truncate(46 << 20)
+        images.run_tool("mkntfs", "-F", "-Q", "-q", "-p", first, "-s", "512", "-S", "63", "-H", "255", self.path("volume"))
+        with open(self.path("volume"), "rb") as volume:
+            gpt.write_at(path, first * 512, volume.read())
+        commands = [("windows",), ("bootable",), ("identify",), ("backup", self.path("backup"), "--dry-run"),
+                    ("mount",), ("vbr", "save", self.path("vbr"))]
+        for size, words in ((40 << 20, "ends at sector 131038, but "), (16 << 20, f"starts at sector {first}, but ")):
+            os.truncate(path, size)
+            for name, *rest in commands[: 3 if size == 40 << 20 else None]:
+                with self.subTest(size=size, command=name):
+                    sub = [rest.pop(0)] if name == "vbr" else []
+                    said = self.vorlix_run(name, *sub, path + "s3", *rest)
+                    self.assertIn(words, said.stderr)
+                    self.assertIn(": it is truncated", said.stderr)
+                    if size == 16 << 20:
+                        self.assertEqual(said.returncode, 2)
+        self.assertFalse(os.path.exists(self.path("backup")) or os.path.exists(self.path("vbr")))
+
     @unittest.skipUnless(os.geteuid() == 0, "only root can run commands as another user than the log's owner")
     def test_a_log_of_another_user_is_mentioned_when_that_is_asked_for(self):
         path = self.mac()

@@ -14,6 +14,7 @@
 #include <system_error>
 #include <utility>
 
+#include "DiskTables.h"
 #include "Failure.h"
 #include "Text.h"
 
@@ -31,7 +32,8 @@ SessionAndDisk openDisk(const std::string& device) {
   if (!result.session) throw Failure(device, "disk arbitration cannot be reached");
   errno = 0;
   result.disk = result.session->diskFromBSDName(device);
-  if (!result.disk) throw Failure(device, errno == EACCES ? std::strerror(errno) : "no such device or disk image");
+  if (!result.disk && errno == EACCES) throw Failure::ofErrno(device, EACCES);
+  if (!result.disk) throw Failure(device, whySliceIsCutOff(device).value_or("no such device or disk image"));
   return result;
 }
 

@@ -9,6 +9,7 @@
 
 #include "Commands.h"
 #include "Complaint.h"
+#include "DiskTables.h"
 #include "Failure.h"
 #include "Json.h"
 #include "LibraryLog.h"
@@ -17,6 +18,8 @@
 
 namespace vorlix::tool {
 namespace {
+
+constexpr const char* kNothingSaved = "nothing was saved";
 
 struct BackupOptions {
   BackupRequest request;
@@ -75,7 +78,11 @@ int save(const BackupOptions& options) {
   const LibraryLog log;  // look-ups write to it
   const bool isJson = options.printsJson();
   BackupPlan plan;
-  if (const auto failure = planBackup(options.request, plan)) fail(*failure, "nothing was saved");
+  if (const auto failure = planBackup(options.request, plan)) {
+    if (const auto why = whySliceIsCutOff(options.request.volume))
+      throw Failure(options.request.volume, *why, kNothingSaved);
+    fail(*failure, kNothingSaved);
+  }
   for (const std::string& warning : plan.warnings) complain(options.request.volume + ": " + warning);
   isJson ? printPlanJson(plan) : printPlan(plan);
   if (options.dryRun) return kDone;
@@ -94,7 +101,7 @@ int save(const BackupOptions& options) {
   if (failure && failure->isThere) {
     fail(*failure, options.request.folder + " is there and whole, but may not be on the medium");
   }
-  if (failure) fail(*failure, "nothing was saved");
+  if (failure) fail(*failure, kNothingSaved);
   if (isJson) {
     Json::object({{"version", kJsonVersion},
                   {"phase", "saved"},
@@ -157,8 +164,8 @@ void addBackupCommand(Command& top, int& status) {
   command.addFlag("--dry-run", options->dryRun, "Show what would be saved; write nothing").excludes(verified);
   command
       .addFlag("--force", options->request.force,
-               "Save a volume that is mounted for writing, on which a change was cut off, or of which a small "
-               "structure cannot be read")
+               "Save a volume that is mounted for writing or truncated, on which a change was cut off, or of which a "
+               "small structure cannot be read")
       .excludes(verified);
   command.addFlag("--json", options->json, "Print the plan and the result as JSON, one object a line");
   addProgressOption(command, options->progress);

@@ -67,6 +67,28 @@ std::string damageText(const DiskTables& disk) {
   return text;
 }
 
+// A slice of a disk image that reaches past the end of the image.
+struct CutOffSlice {
+  GPTEntry entry;
+  std::string image;
+  uint64_t blocks;  // of the image
+
+  std::string limitText() const {
+    return ", but " + image + " has only " + std::to_string(blocks) + ": it is truncated";
+  }
+};
+
+std::optional<CutOffSlice> cutOffSliceOf(const std::string& device) {
+  const std::optional<SliceName> name = parseSliceName(device);
+  if (!name) return std::nullopt;
+  const auto disk = quietlyReadTables(name->whole);
+  if (!disk || !disk->header || name->number > disk->entries.size()) return std::nullopt;
+  const GPTEntry& entry = disk->entries[name->number - 1];
+  const uint64_t blocks = disk->size / disk->blockSize;
+  if (!isUsed(entry) || entry.last_lba < blocks) return std::nullopt;
+  return CutOffSlice{entry, name->whole, blocks};
+}
+
 }  // namespace
 
 std::optional<std::string> whyNoMBR(const DiskTables& disk) {
@@ -141,15 +163,14 @@ void mentionLostHeader(const std::string& device, DeviceHandle& handle, const Di
 }
 
 std::optional<std::string> whySliceIsCutOff(const std::string& device) {
-  const std::optional<SliceName> name = parseSliceName(device);
-  if (!name) return std::nullopt;
-  const auto disk = quietlyReadTables(name->whole);
-  if (!disk || !disk->header || name->number > disk->entries.size()) return std::nullopt;
-  const GPTEntry& entry = disk->entries[name->number - 1];
-  const uint64_t blocks = disk->size / disk->blockSize;
-  if (!isUsed(entry) || entry.first_lba < blocks) return std::nullopt;
-  return "starts at sector " + std::to_string(entry.first_lba) + ", but " + name->whole + " has only " +
-         std::to_string(blocks) + ": it is truncated";
+  const std::optional<CutOffSlice> slice = cutOffSliceOf(device);
+  if (!slice || slice->entry.first_lba < slice->blocks) return std::nullopt;
+  return "starts at sector " + std::to_string(slice->entry.first_lba) + slice->limitText();
+}
+
+void mentionTruncation(const std::string& device) {
+  const std::optional<CutOffSlice> slice = cutOffSliceOf(device);
+  if (slice) complain(device + ": ends at sector " + std::to_string(slice->entry.last_lba) + slice->limitText());
 }
 
 void readWhole(DeviceHandle& handle, const std::string& device, std::span<uint8_t> bytes, uint64_t offset) {

@@ -65,6 +65,9 @@ void mentionLostHeader(const std::string& device, DeviceHandle& handle, const Di
 /// where there is no such reason.
 std::optional<std::string> whySliceIsCutOff(const std::string& device);
 
+/// Says on standard error that a slice of a disk image ends past the end of the image, where it does.
+void mentionTruncation(const std::string& device);
+
 /// Reads bytes whole. Throws Failure.
 void readWhole(DeviceHandle& handle, const std::string& device, std::span<uint8_t> bytes, uint64_t offset);
 

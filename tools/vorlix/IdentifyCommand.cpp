@@ -5,6 +5,7 @@
 
 #include "Commands.h"
 #include "Complaint.h"
+#include "DiskTables.h"
 #include "Failure.h"
 #include "Identity.h"
 #include "Json.h"
@@ -73,6 +74,7 @@ void addIdentifyCommand(Command& top, int& status) {
   command.setAction([options, &status] {
     const LibraryLog log;
     const Identity identity = identify(options->device);
+    mentionTruncation(options->device);
     options->json ? printJson(options->device, identity) : printText(identity);
     if (!identity.nothing.empty()) complain(options->device + ": nothing identifies it: " + identity.nothing);
     status = identity.nothing.empty() ? kDone : kChangeNeeded;

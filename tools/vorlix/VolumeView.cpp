@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "Arbitration.h"
+#include "DiskTables.h"
 #include "Failure.h"
 #include "Text.h"
 #include "UnmountedPath.h"
@@ -32,6 +33,7 @@ VolumeView::VolumeView(const std::string& volume, const std::optional<std::strin
     folder_ = *place.mountPoint;
     return;
   }
+  mentionTruncation(place.name);
   openUnmounted(place.name);
   kind_ = volumeKindOf(place.name);
   makeFolder();
