@@ -55,8 +55,10 @@ foreach(folder ${CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES})
 endforeach()
 list(JOIN private_libraries " " private_libraries)
 string(APPEND VORLIX_PC_PRIVATE_LIBS " ${private_libraries}")
-configure_file(cmake/vorlix.pc.in ${PROJECT_BINARY_DIR}/vorlix.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/vorlix.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+foreach(name vorlix vorlix-simulated)
+  configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+endforeach()
 
 # Removes what the last installation from this build folder wrote, by its list.
 add_custom_target(uninstall

@@ -113,7 +113,8 @@ BootSectorKind kindOf(const Sector& bootSector) {
 MBRKind mbrKindOf(const Sector& sector0) {
   if (!hasSignature(sector0)) return MBRKind::none;
   const BootSectorKind kind = kindOf(sector0);
-  if (kind == BootSectorKind::ntfs || kind == BootSectorKind::fat) return MBRKind::volume;
+  if (kind == BootSectorKind::ntfs || kind == BootSectorKind::fat || holds(sector0, 3, "EXFAT   "))
+    return MBRKind::volume;
   size_t protective = 0;
   size_t used = 0;
   for (size_t i = 0; i < kSlotCount; ++i) {

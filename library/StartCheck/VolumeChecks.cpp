@@ -175,7 +175,8 @@ std::string bootFilesCommand(const StartFindings& findings, const StartVolume& v
   const StartFacts& facts = findings.facts();
   const bool hasSignature = littleEndian(facts.sector0, kDiskSignature, 4) != 0;
   if (!volume.suppliesBootFiles || !hasSignature || facts.partition == 0) {
-    return "vorlix legacy-boot " + commandWord(volume.name) + " --bcd FILE";
+    const std::string name = commandWord(volume.name);
+    return "vorlix mount " + name + " && vorlix legacy-boot " + name + " --bcd FILE";
   }
   return "vorlix bcd " + findings.diskWord() + " --partition " + std::to_string(facts.partition) +
          " --from-windows --firmware bios";

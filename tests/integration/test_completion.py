@@ -49,7 +49,7 @@ class CompletionTest(volumes.VolumeTest):
 
 def described(text, section):
     """The names that a section of a help text describes, each with whether it takes a value."""
-    found = re.search(rf"(?ms)^{section}:\n(.*?)(?:\n\n|\Z)", text)
+    found = re.search(rf"(?ms)^(?i:{section}):\n(.*?)(?:\n\n|\Z)", text)
     lines = re.findall(r"(?m)^  (\S.*)$", found.group(1)) if found else []
     return {re.search(r"--[a-z-]+|^\w[\w-]*", line).group(): re.match(r"\S+ (TEXT|U?INT|ENUM|FORM|FOLDER|\{)", line) is not None
             for line in lines}

@@ -163,9 +163,9 @@ class InstalledLibrary(unittest.TestCase):
         run("cmake", "--build", build)
         return build
 
-    def pkg_config(self, *options):
+    def pkg_config(self, *options, package="vorlix"):
         environment = dict(os.environ, PKG_CONFIG_PATH=str(self.library.parent / "pkgconfig"))
-        return run("pkg-config", *options, "vorlix", env=environment).split()
+        return run("pkg-config", *options, package, env=environment).split()
 
     def sgdisk_numbers(self):
         """(first, last, type GUID) of the used entries, by sgdisk."""
@@ -206,6 +206,12 @@ class InstalledLibrary(unittest.TestCase):
         run(self.cc, "-std=gnu11", "-Wall", "-Wextra", "-Werror", *self.flags, "-o", program,
             SOURCE / "examples" / "show_disk.c", *self.pkg_config("--cflags", "--libs"), *self.link_flags)
         self.check_example(program, env=dict(os.environ, LD_LIBRARY_PATH=str(self.library.parent)))
+
+    def test_pkg_config_finds_the_simulated_machine(self):
+        program = self.work / "simulated-by-pkg-config"
+        run(self.cxx, "-std=c++20", *self.flags, "-o", program, SOURCE / "examples" / "simulated_test.cpp",
+            *self.pkg_config("--cflags", "--libs", package="vorlix-simulated"), *self.link_flags)
+        self.assertEqual(run(program, env=dict(os.environ, LD_LIBRARY_PATH=str(self.library.parent))), "all tests passed\n")
 
     def test_the_archive_alone_serves_a_host_in_c(self):
         archive_only = self.work / "archive"

@@ -117,7 +117,7 @@ class Help(WordsTest):
     def commands(self, *path):
         """The commands that the help text of a command lists."""
         text = self.vorlix_ok(*path, "--help").stdout
-        section = re.search(r"(?ms)^Subcommands:\n(.*?)(?:\n\n|\Z)", text)
+        section = re.search(r"(?ms)^(?i:Subcommands):\n(.*?)(?:\n\n|\Z)", text)
         names = re.findall(r"(?m)^  ([a-z][a-z-]*)", section.group(1)) if section else []
         return [(*path, name) for name in names]
 
@@ -127,6 +127,7 @@ class Help(WordsTest):
         for command in commands + [below for command in commands for below in self.commands(*command)]:
             with self.subTest(command=command):
                 text = self.vorlix_ok(*command, "--help").stdout
+                self.assertEqual(text.count("Examples:"), 1)
                 self.assertRegex(text, rf"(?m)^Examples:\n  vorlix {' '.join(command)}\b")
 
 

@@ -137,6 +137,8 @@ TEST(Sector0, KindsOfMBR) {
   EXPECT_EQ(mbrKindOf(sector), MBRKind::protectsOnly);
   EXPECT_EQ(mbrKindOf(ntfs()), MBRKind::volume);
   EXPECT_EQ(mbrKindOf(fat32()), MBRKind::volume);
+  set(sector, 3, "EXFAT   ");  // has zeros where an MBR has slots
+  EXPECT_EQ(mbrKindOf(sector), MBRKind::volume);
 }
 
 // ------------------------------------------------------------------------------------------------------- boot sectors

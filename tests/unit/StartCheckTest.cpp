@@ -132,15 +132,16 @@ TEST(StartCheck, TheVolumesOwnFilesMendAMissingStoreIfTheyCan) {
   StartFacts facts = soundFacts();
   facts.volume->legacyStore = {Sight::missing, "", {}};
   const auto command = [&] { return faultWith(checkStart(facts, StartWay::legacy), "legacy-store-missing").command; };
-  EXPECT_EQ(command(), "vorlix legacy-boot mac.imgs2 --bcd FILE");
+  EXPECT_EQ(command(), "vorlix mount mac.imgs2 && vorlix legacy-boot mac.imgs2 --bcd FILE");
   facts.volume->suppliesBootFiles = true;
-  EXPECT_EQ(command(), "vorlix legacy-boot mac.imgs2 --bcd FILE");  // a store needs a disk signature
+  EXPECT_EQ(command(),
+            "vorlix mount mac.imgs2 && vorlix legacy-boot mac.imgs2 --bcd FILE");  // a store needs a disk signature
   facts.sector0[440] = 1;
   EXPECT_EQ(command(), "vorlix bcd mac.img --partition 2 --from-windows --firmware bios");
   facts.volume->bootManager.sight = Sight::missing;
   EXPECT_EQ(faultWith(checkStart(facts, StartWay::legacy), "boot-manager-missing").command, command());
   facts.volume->suppliesBootFiles = false;
-  EXPECT_EQ(command(), "vorlix legacy-boot mac.imgs2 --bcd FILE");
+  EXPECT_EQ(command(), "vorlix mount mac.imgs2 && vorlix legacy-boot mac.imgs2 --bcd FILE");
 }
 
 TEST(StartCheck, TheVolumesOwnFilesMendAMissingStartByEFIIfTheyCan) {

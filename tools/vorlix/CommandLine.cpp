@@ -205,6 +205,7 @@ void Command::setFooter(const std::string& text) {
 
 void Command::setExamples(const std::vector<std::string>& lines) {
   std::string text = inner_->get_footer();
+  if (const size_t inherited = text.find("\n\nExamples:"); inherited != std::string::npos) text.erase(inherited);
   if (!text.empty()) text += "\n\n";
   text += "Examples:";
   for (const std::string& line : lines) text += "\n  " + line;

@@ -145,7 +145,7 @@ void lookForWindows(const KnownSlice& slice, SurveyedPartition& partition) {
     if (partition.windows == WindowsIs::installed) partition.version = versionOfWindows(view, false);
   } catch (const Failure& failure) {
     // Of a Windows whose registry cannot be read it is still known that it is there.
-    if (!partition.windows) partition.whyUnseen = failure.what();
+    if (!partition.windows) partition.whyUnseen = reasonOf(failure, slice.place.name);
   }
 }
 
