@@ -35,9 +35,8 @@ def stand_apart(folder):
     mounted loop devices. Commands look at all of these, so they would make the runs differ when others change them."""
     if libc.unshare(CLONE_NEWNS | CLONE_NEWPID) != 0:
         raise OSError(ctypes.get_errno(), "unshare")
-    # The first child is process 1 of the new namespace; without it, no other can start. It ignores SIGCHLD, so orphans
-    # leave no zombies.
-    first_processes.append(subprocess.Popen(["sh", "-c", "trap '' CHLD; exec sleep infinity"], preexec_fn=end_with_parent))
+    # The first child is process 1 of the new namespace; without it, no other can start.
+    first_processes.append(subprocess.Popen(["sleep", "infinity"], preexec_fn=become_first))
     subprocess.run(["mount", "--make-rprivate", "/"], check=True)
     for place in mounts_of_loops():
         subprocess.run(["umount", "--lazy", place], check=False)  # fails for one that is hidden below another
@@ -57,6 +56,11 @@ def scratch_folder():
 
 def end_with_parent():
     libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+
+
+def become_first():
+    end_with_parent()
+    signal.signal(signal.SIGCHLD, signal.SIG_IGN)  # orphans leave no zombies, which commands would look at in /proc
 
 
 def empty(folder):
