@@ -73,10 +73,13 @@ std::string makeNTFS(int file, const NTFSPlace& place) {
     result = runCommand(command);
     if (result.launchError != ENOENT) break;
   }
-  if (result.succeeded()) return {};
+  // mkntfs succeeds even if it could not write the second boot sector.
+  const size_t unwritten = result.errors.find("Error writing");
+  if (result.succeeded() && unwritten == std::string::npos) return {};
   if (result.launchError == ENOENT) return "an NTFS volume cannot be made without mkntfs (ntfs-3g)";
   if (result.launchError != 0) return "mkntfs: " + SystemError{result.launchError}.reason();
-  const std::string line = lastLineOf(result.errors);
+  const std::string line = lastLineOf(
+      unwritten == std::string::npos ? result.errors : result.errors.substr(0, result.errors.find('\n', unwritten)));
   return "mkntfs failed" + (line.empty() ? "" : ": " + line);
 }
 

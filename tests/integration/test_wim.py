@@ -261,6 +261,21 @@ class Refusals(WimTest):
         samples.make_ntfs(raw, 8 * 2048, "RAW")
         self.refuse(self.give(raw), "--index", 1, saying=["is no WIM"])
 
+    def test_mkntfs_that_goes_on_after_a_failed_write(self):
+        """It exits with 0 if it could not write the second boot sector."""
+        programs = self.path("programs")
+        os.mkdir(programs)
+        program = os.path.join(programs, "mkntfs")
+        with open(program, "w", encoding="utf-8") as file:
+            file.write(f'#!/bin/sh\n{images.tool("mkntfs")} "$@"\necho "Error writing to x: No space" >&2\n'
+                       'echo "This is not a major problem" >&2\n')
+        os.chmod(program, 0o755)
+        result = self.vorlix_run("restore", self.wim(), self.disk, "--partition", 3, "--index", 1, "--yes", "--scratch", self.scratch,
+                                 prefix=(*self.prefix(), "env", f"PATH={programs}:/usr/bin:/bin"))
+        self.assertEqual(result.returncode, 2, result.stdout)
+        self.assertIn("mkntfs failed: Error writing to x: No space; nothing was written", result.stderr)
+        self.assert_untouched()
+
     def test_parts_of_wims(self):
         wim = self.wim()
         images.run_tool("wimsplit", wim, self.path("part.swm"), "5")
