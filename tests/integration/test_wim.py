@@ -276,6 +276,25 @@ class Refusals(WimTest):
         self.assertIn("mkntfs failed: Error writing to x: No space; nothing was written", result.stderr)
         self.assert_untouched()
 
+    @unittest.skipIf(volumes.missing("strace"), "strace is not installed")
+    def test_failed_writes_to_the_scratch_file(self):
+        """libntfs-3g goes on after some of them, such as those of copies of its structures."""
+        options = ("--partition", 3, "--index", 1, "--yes", "--scratch", self.scratch)
+        wim, other, log = self.wim(), self.path("other.img"), self.file("writes", b"")
+        images.sparse_copy(self.disk, other)
+        self.vorlix_run("restore", wim, self.give(other), *options, prefix=(*self.prefix(), *volumes.strace("-y", "-o", log, "-e", "trace=pwrite64")))
+        with open(log, encoding="utf-8", errors="replace") as file:
+            places = ["(deleted)" in line for line in file if line.startswith("pwrite64(")]
+        writes = places.index(False)
+        self.assertGreater(writes, 20)
+        for number in range(1, writes + 1, writes // (6 if images.SANITIZED else 20)):
+            with self.subTest(number=number):
+                trace = volumes.strace("-o", "/dev/null", "-e", "trace=pwrite64", "-e", f"inject=pwrite64:error=EIO:when={number}")
+                result = self.vorlix_run("restore", wim, self.disk, *options, prefix=(*self.prefix(), *trace))
+                self.assertEqual(result.returncode, 2, result.stdout)
+                self.assertIn("nothing was written", result.stderr)
+                self.assert_untouched()
+
     def test_parts_of_wims(self):
         wim = self.wim()
         images.run_tool("wimsplit", wim, self.path("part.swm"), "5")

@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <dlfcn.h>
 #include <wimlib.h>
 
 #include <Vorlix/platform/SystemError.h>
 
+#include <cctype>
 #include <cerrno>
+#include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -58,6 +62,50 @@ class WimComplaints {
   std::FILE* stream_ = nullptr;
 };
 
+// libntfs-3g, by which libwim writes the volume, goes on after some reads and writes that fail, such as those of copies
+// of its structures, and only logs them. The volume would be restored as if nothing had happened. Keeps the first one
+// that is logged while one of these lives. Handler and levels are those of the library's logging.h.
+class DriverComplaints {
+ public:
+  DriverComplaints() {
+    first_.clear();
+    setHandler(keepFirst);
+  }
+  ~DriverComplaints() { setHandler(reinterpret_cast<Handler*>(dlsym(RTLD_NEXT, "ntfs_log_handler_null"))); }
+  DriverComplaints(const DriverComplaints&) = delete;
+  DriverComplaints& operator=(const DriverComplaints&) = delete;
+
+  const std::string& first() const { return first_; }
+
+ private:
+  using Handler = int(const char* function, const char* file, int line, uint32_t level, void* data, const char* format,
+                      va_list arguments);
+  static constexpr uint32_t kWithErrno = 1 << 8;
+  static constexpr uint32_t kErrors = 1 << 7 | kWithErrno | 1 << 9;
+
+  // There is none where libwim is built without libntfs-3g.
+  static void setHandler(Handler* handler) {
+    const auto set = reinterpret_cast<void (*)(Handler*)>(dlsym(RTLD_NEXT, "ntfs_log_set_handler"));
+    if (set != nullptr && handler != nullptr) set(handler);
+  }
+
+  static int keepFirst(const char*, const char*, int, uint32_t level, void*, const char* format, va_list arguments) {
+    const int error = errno;
+    char text[256] = "";
+    if ((level & kErrors) == 0 || !first_.empty()) return 0;
+    const int length = std::vsnprintf(text, sizeof text, format, arguments);
+    first_ = text;
+    while (!first_.empty() && std::isspace(static_cast<unsigned char>(first_.back())) != 0) first_.pop_back();
+    if ((level & kWithErrno) != 0) first_ += ": " + SystemError{error}.reason();
+    errno = error;
+    return length;
+  }
+
+  static thread_local std::string first_;
+};
+
+thread_local std::string DriverComplaints::first_;
+
 struct WimCloser {
   void operator()(WIMStruct* wim) const { wimlib_free(wim); }
 };
@@ -104,13 +152,18 @@ std::string reasonOf(int error, const std::string& complaint) {
 WimEnd applyImage(const char* path, int index, const char* volume, const WimProgress* progress, char* reason,
                   size_t room) try {
   WimComplaints complaints;
+  const DriverComplaints ofDriver;
   ContentProgress content = {*progress};
   WIMStruct* opened = nullptr;
   int error = wimlib_open_wim_with_progress(path, WIMLIB_OPEN_FLAG_CHECK_INTEGRITY | WIMLIB_OPEN_FLAG_ERROR_IF_SPLIT,
                                             &opened, goOn, &content);
   const std::unique_ptr<WIMStruct, WimCloser> wim(opened);
   if (error == 0) error = wimlib_extract_image(opened, index, volume, WIMLIB_EXTRACT_FLAG_NTFS);
-  if (error == 0) return WimEnd::done;
+  if (error == 0 && ofDriver.first().empty()) return WimEnd::done;
+  if (error == 0) {
+    std::snprintf(reason, room, "the volume cannot be written: %s", ofDriver.first().c_str());
+    return WimEnd::failed;
+  }
   if (error == WIMLIB_ERR_ABORTED_BY_PROGRESS) return WimEnd::stopped;
   std::snprintf(reason, room, "%s", reasonOf(error, complaints.first()).c_str());
   return WimEnd::failed;
