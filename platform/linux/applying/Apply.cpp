@@ -63,8 +63,9 @@ class WimComplaints {
 };
 
 // libntfs-3g, by which libwim writes the volume, goes on after some reads and writes that fail, such as those of copies
-// of its structures, and only logs them. The volume would be restored as if nothing had happened. Keeps the first one
-// that is logged while one of these lives. Handler and levels are those of the library's logging.h.
+// of its structures, and only logs them. The volume would be restored as if nothing had happened. Keeps the first error
+// of the medium that is logged while one of these lives; what else is logged is libwim's to judge. Handler and levels
+// are those of the library's logging.h.
 class DriverComplaints {
  public:
   DriverComplaints() {
@@ -80,8 +81,11 @@ class DriverComplaints {
  private:
   using Handler = int(const char* function, const char* file, int line, uint32_t level, void* data, const char* format,
                       va_list arguments);
-  static constexpr uint32_t kWithErrno = 1 << 8;
-  static constexpr uint32_t kErrors = 1 << 7 | kWithErrno | 1 << 9;
+  static constexpr uint32_t kErrors = 1 << 7 | 1 << 8 | 1 << 9;  // plain ones, those with errno, critical ones
+
+  static bool isOfMedium(int error) {
+    return error == EIO || error == ENOSPC || error == EDQUOT || error == EFBIG || error == ENXIO || error == EROFS;
+  }
 
   // There is none where libwim is built without libntfs-3g.
   static void setHandler(Handler* handler) {
@@ -92,11 +96,11 @@ class DriverComplaints {
   static int keepFirst(const char*, const char*, int, uint32_t level, void*, const char* format, va_list arguments) {
     const int error = errno;
     char text[256] = "";
-    if ((level & kErrors) == 0 || !first_.empty()) return 0;
+    if ((level & kErrors) == 0 || !isOfMedium(error) || !first_.empty()) return 0;
     const int length = std::vsnprintf(text, sizeof text, format, arguments);
     first_ = text;
     while (!first_.empty() && std::isspace(static_cast<unsigned char>(first_.back())) != 0) first_.pop_back();
-    if ((level & kWithErrno) != 0) first_ += ": " + SystemError{error}.reason();
+    first_ += ": " + SystemError{error}.reason();
     errno = error;
     return length;
   }
