@@ -70,6 +70,21 @@ class Mistyped(WordsTest):
         self.assert_said(["show", "disk", "--frobnicate"], "no option '--frobnicate'")
         self.assert_said(["--vresion"], "no option '--vresion'; did you mean '--version'?")
 
+    def test_a_word_before_the_command(self):
+        self.assert_said(["blah", "show"], "no command 'blah'")
+        self.assert_said(["shwo", "--help"], "no command 'shwo'; did you mean 'show'?")
+
+    def test_a_command_that_has_commands_names_them(self):
+        self.assert_said(["efi"], "a command of 'efi' is required: mount, unmount")
+        self.assert_said(["vbr"], "a command of 'vbr' is required: save, restore")
+        self.assert_said([], "a command is required")
+
+    def test_what_people_try_first(self):
+        for words in (["show"], ["vbr", "save"], []):
+            self.assertEqual(self.vorlix_ok("help", *words).stdout, self.vorlix_ok(*words, "--help").stdout)
+        self.assert_said(["help", "shwo"], "no command 'shwo'; did you mean 'show'?")
+        self.assert_said(["version"], "no command 'version'; did you mean '--version'?")
+
     def test_what_is_missing_is_said_as_before(self):
         result = self.vorlix_run("show")
         self.assertIn("DISK is required", result.stderr)
@@ -88,6 +103,24 @@ class Screens(WordsTest):
             self.assertLessEqual(max(map(len, tables.splitlines())), columns)
             letters = re.sub(r"\s", "", whole)
             self.assertEqual(sorted(re.sub(r"\s", "", text)), sorted(letters))
+
+    def test_a_narrow_terminal_is_enough_for_the_widest_table(self):
+        path = self.mac()
+        whole = self.vorlix_ok("disks", path).stdout
+        for columns in (50, 72):
+            text, status = self.on_terminal("disks", path, columns=columns)
+            self.assertEqual(status, 0)
+            self.assertLessEqual(max(map(len, text.splitlines())), columns)
+            self.assertEqual(sorted(re.sub(r"\s", "", text)), sorted(re.sub(r"\s", "", whole)))
+
+    def test_descriptions_in_help_continue_below_themselves(self):
+        whole = self.vorlix_ok("restore", "--help").stdout
+        text, status = self.on_terminal("restore", "--help", columns=70)
+        self.assertEqual((status, text.split()), (0, whole.split()))
+        described = text[:text.index("Examples:")].splitlines()
+        self.assertLessEqual(max(len(line) for line in described if not re.match(r"  -.*Excludes|Usage", line)), 70)
+        self.assertIn("  --scratch TEXT              Folder where the volume of a WIM is made\n" + " " * 30 + "first", text)
+        self.assertEqual(text[text.index("Examples:"):], whole[whole.index("Examples:"):])
 
     def test_a_wide_terminal_shows_what_a_pipe_gets(self):
         path = self.mac()
@@ -173,7 +206,7 @@ class Messages(WordsTest):
         self.assertFalse(os.path.exists(self.path("backup")) or os.path.exists(self.path("vbr")))
 
     @unittest.skipUnless(os.geteuid() == 0, "only root can run commands as another user than the log's owner")
-    def test_a_log_of_another_user_is_mentioned_when_that_is_asked_for(self):
+    def test_a_log_of_another_user_is_mentioned_once_in_a_session_and_when_that_is_asked_for(self):
         path = self.mac()
         os.chmod(self.folder, 0o755)
         with open(LOG, "a", encoding="utf-8"):
@@ -184,9 +217,16 @@ class Messages(WordsTest):
         user = ["setpriv", f"--reuid={images.NOBODY}", f"--regid={images.NOBODY}", "--clear-groups"]
         if self.vorlix_run("--version", prefix=user).returncode != 0:
             self.skipTest("the other user may not run the program")
-        self.assertEqual(self.vorlix_run("identify", path, prefix=user).stderr, "")
-        self.assertEqual(self.vorlix_run("--verbose", "identify", path, prefix=user).stderr,
-                         f"vorlix: the log {LOG} cannot be opened; continuing without it\n")
+        line = f"vorlix: the log {LOG} cannot be opened; continuing without it\n"
+        session = self.path("session")
+        os.mkdir(session)
+        os.chown(session, images.NOBODY, images.NOBODY)
+        in_session = [*user, "env", f"XDG_RUNTIME_DIR={session}"]
+        without = [*user, "env", "-u", "XDG_RUNTIME_DIR"]
+        for prefix, said in ((in_session, line), (in_session, ""), (without, ""), (without, "")):
+            self.assertEqual(self.vorlix_run("identify", path, prefix=prefix).stderr, said)
+        for words in (("--verbose", "identify", path), ("identify", "--verbose", path), ("identify", path, "--verbose")):
+            self.assertEqual(self.vorlix_run(*words, prefix=in_session).stderr, line)
         self.assertIn("you may not write to it", self.vorlix_run("log", "--once", prefix=user).stderr)
 
 

@@ -33,7 +33,7 @@ SessionAndDisk openDisk(const std::string& device) {
   errno = 0;
   result.disk = result.session->diskFromBSDName(device);
   if (!result.disk && errno == EACCES) throw Failure::ofErrno(device, EACCES);
-  if (!result.disk) throw Failure(device, whySliceIsCutOff(device).value_or("no such device or disk image"));
+  if (!result.disk) throw Failure(device, whySliceIsMissing(device).value_or("no such device or disk image"));
   return result;
 }
 

@@ -79,7 +79,7 @@ int save(const BackupOptions& options) {
   const bool isJson = options.printsJson();
   BackupPlan plan;
   if (const auto failure = planBackup(options.request, plan)) {
-    if (const auto why = whySliceIsCutOff(options.request.volume))
+    if (const auto why = whySliceIsMissing(options.request.volume))
       throw Failure(options.request.volume, *why, kNothingSaved);
     fail(*failure, kNothingSaved);
   }

@@ -4,7 +4,9 @@
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <algorithm>
 #include <cstdio>
+#include <string_view>
 #include <utility>
 
 #include "Failure.h"
@@ -36,23 +38,66 @@ std::vector<std::string> commandNames(const CLI::App& command, const std::string
   return names;
 }
 
+// A command as the user reached it, with the names of the commands before it and a space after each.
+struct ReachedCommand {
+  const CLI::App* command;
+  std::string path;
+};
+
+ReachedCommand reachedCommand(const CLI::App& top) {
+  ReachedCommand reached = {&top, ""};
+  while (!reached.command->get_subcommands().empty()) {
+    reached.command = reached.command->get_subcommands().back();
+    reached.path += reached.command->get_name() + " ";
+  }
+  return reached;
+}
+
 // Says which word is no command or option, and which may have been meant. Empty if there is no such word.
 std::string unknownWordText(const CLI::App& top) {
-  const CLI::App* command = &top;
-  std::string path;
-  while (!command->get_subcommands().empty()) {
-    command = command->get_subcommands().back();
-    path += command->get_name() + " ";
+  ReachedCommand at = reachedCommand(top);
+  std::vector<std::string> unknown = at.command->remaining();
+  if (unknown.empty()) {  // it may stand before the command
+    at = {&top, ""};
+    unknown = top.remaining();
   }
-  std::vector<std::string> unknown = command->remaining();
-  if (unknown.empty()) unknown = top.remaining();
   if (unknown.empty()) return "";
   const bool isOption = unknown.front().starts_with("-") && unknown.front() != "--" && unknown.front() != "-";
-  if (!isOption && command->get_subcommands({}).empty()) return "";
-  const std::string word = isOption ? unknown.front().substr(0, unknown.front().find('=')) : path + unknown.front();
-  const auto meant = suggestionFor(word, isOption ? optionNames(*command) : commandNames(*command, path));
+  if (!isOption && at.command->get_subcommands({}).empty()) return "";
+  const std::string word = isOption ? unknown.front().substr(0, unknown.front().find('=')) : at.path + unknown.front();
+  std::vector<std::string> known = isOption ? optionNames(*at.command) : commandNames(*at.command, at.path);
+  if (word == "version") known.push_back("--version");
+  const auto meant = suggestionFor(word, known);
   return std::string("no ") + (isOption ? "option" : "command") + " '" + word + "'" +
          (meant ? "; did you mean '" + *meant + "'?" : "");
+}
+
+// Says that a command needs one of its own commands, and which there are. Empty if nothing is missing.
+std::string missingCommandText(const CLI::App& top) {
+  const ReachedCommand at = reachedCommand(top);
+  if (at.command->get_subcommands({}).empty()) return "";
+  if (at.command == &top) return "a command is required";
+  std::string names;
+  for (const std::string& name : commandNames(*at.command, "")) names += (names.empty() ? "" : ", ") + name;
+  return "a command of '" + at.command->get_name() + "' is required: " + names;
+}
+
+// Lets the lines of a help text continue below themselves on a terminal that is too narrow, but not those of examples,
+// which people copy.
+std::string helpForScreen(const std::string& help) {
+  constexpr size_t kDescriptions = 30;  // the column where the parser starts them
+  std::string result;
+  for (size_t start = 0; start < help.size();) {
+    const size_t end = std::min(help.find('\n', start), help.size());
+    const std::string line = help.substr(start, end - start);
+    const bool isDescribed = line.size() > kDescriptions && line.compare(kDescriptions - 2, 2, "  ") == 0;
+    const size_t indent = isDescribed && line.starts_with("  ") ? kDescriptions : 0;
+    result += line.substr(0, indent);
+    result += indent == 0 && line.starts_with(' ') ? line : hangingText(line.substr(indent), indent);
+    result += '\n';
+    start = end + 1;
+  }
+  return result;
 }
 
 std::vector<std::string> namesIn(const std::map<std::string, int32_t>& numbers) {
@@ -187,6 +232,13 @@ Option Command::addFlag(const std::string& name, bool& target, const std::string
   return Option(inner_->add_flag(name, target, description), *declared_);
 }
 
+void Command::addFlagBelow(const std::string& name, bool& target) {
+  for (CLI::App* const below : inner_->get_subcommands({})) {
+    below->add_flag(name, target)->group("");  // is not shown
+    Command(below, *declared_).addFlagBelow(name, target);
+  }
+}
+
 void Command::requireCommand() {
   inner_->require_subcommand(1);
 }
@@ -244,15 +296,27 @@ Command CommandLine::top() {
 }
 
 std::optional<int> CommandLine::run(int argc, const char* const* argv) {
+  std::vector<const char*> words(argv, argv + argc);
+  if (argc > 1 && std::string_view(argv[1]) == "help") {  // "help show" is "show --help"
+    words.erase(words.begin() + 1);
+    words.push_back("--help");
+  }
   try {
-    app_->parse(argc, argv);
+    app_->parse(static_cast<int>(words.size()), words.data());
   } catch (const CLI::ParseError& error) {
     // A mistyped word is missing somewhere, too. Its own message says more.
     const auto kind = static_cast<CLI::ExitCodes>(error.get_exit_code());
-    const bool mayBeMistyped = kind == CLI::ExitCodes::ExtrasError || kind == CLI::ExitCodes::RequiredError;
-    const std::string unknown = mayBeMistyped ? unknownWordText(*app_) : "";
-    if (unknown.empty()) return app_->exit(error) == 0 ? kDone : kError;
-    std::fputs(messageOf(unknown).c_str(), stderr);
+    const bool isMissing = kind == CLI::ExitCodes::RequiredError;
+    const bool isHelpOfUnknown = kind == CLI::ExitCodes::Success && !app_->remaining().empty();
+    const bool mayBeMistyped = isMissing || isHelpOfUnknown || kind == CLI::ExitCodes::ExtrasError;
+    std::string text = mayBeMistyped ? unknownWordText(*app_) : "";
+    if (text.empty() && isMissing) text = missingCommandText(*app_);
+    if (text.empty() && error.get_name() == "CallForHelp") {
+      std::fputs(helpForScreen(app_->help()).c_str(), stdout);
+      return kDone;
+    }
+    if (text.empty()) return app_->exit(error) == 0 ? kDone : kError;
+    std::fputs(messageOf(text).c_str(), stderr);
     return kError;
   }
   return std::nullopt;

@@ -101,6 +101,9 @@ class Command {
   /// Adds an option without a value, which sets the target to true.
   Option addFlag(const std::string& name, bool& target, const std::string& description);
 
+  /// Accepts the flag behind each of the present subcommands too, without a line in their help texts.
+  void addFlagBelow(const std::string& name, bool& target);
+
   /// Refuses a command line that names none or several of the subcommands.
   void requireCommand();
 
@@ -145,7 +148,8 @@ class CommandLine {
   /// To add commands to.
   Command top();
 
-  /// Parses the arguments and runs the action of the chosen command. Exceptions of the action pass through.
+  /// Parses the arguments and runs the action of the chosen command. "help" before a command is "--help" behind it.
+  /// Exceptions of the action pass through.
   /// @return the exit status if no action ran or an action refused its options: kDone after help and version, else
   ///         kError, with the message on standard error. Absent if the action ran.
   std::optional<int> run(int argc, const char* const* argv);

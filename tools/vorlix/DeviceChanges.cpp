@@ -21,7 +21,7 @@ bool finishedOne = false;
 [[noreturn]] void failToOpen(const std::string& device, int reason) {
   if (reason == EWOULDBLOCK) throw Failure(device, "locked by another process");
   if (reason == ENOENT) {
-    if (const auto why = whySliceIsCutOff(device)) throw Failure(device, *why);
+    if (const auto why = whySliceIsMissing(device)) throw Failure(device, *why);
   }
   throw Failure::ofErrno(device, reason);
 }

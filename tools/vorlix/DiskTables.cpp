@@ -78,15 +78,19 @@ struct CutOffSlice {
   }
 };
 
-std::optional<CutOffSlice> cutOffSliceOf(const std::string& device) {
-  const std::optional<SliceName> name = parseSliceName(device);
-  if (!name) return std::nullopt;
-  const auto disk = quietlyReadTables(name->whole);
-  if (!disk || !disk->header || name->number > disk->entries.size()) return std::nullopt;
-  const GPTEntry& entry = disk->entries[name->number - 1];
-  const uint64_t blocks = disk->size / disk->blockSize;
+std::optional<CutOffSlice> cutOffSliceOf(const SliceName& name, const DiskTables& disk) {
+  if (!disk.header || name.number > disk.entries.size()) return std::nullopt;
+  const GPTEntry& entry = disk.entries[name.number - 1];
+  const uint64_t blocks = disk.size / disk.blockSize;
   if (!isUsed(entry) || entry.last_lba < blocks) return std::nullopt;
-  return CutOffSlice{entry, name->whole, blocks};
+  return CutOffSlice{entry, name.whole, blocks};
+}
+
+// Whether the disk's table has the slice. Where there is no table, or where it may be in a table that is not read here,
+// nothing is missing.
+bool hasSlice(const DiskTables& disk, uint32_t number) {
+  if (disk.header) return number <= disk.entries.size() && isUsed(disk.entries[number - 1]);
+  return whyNoMBR(disk) || number > kSlotCount || disk.mbr.parts[number - 1].type != 0;
 }
 
 }  // namespace
@@ -162,14 +166,22 @@ void mentionLostHeader(const std::string& device, DeviceHandle& handle, const Di
            std::to_string(disk->headerLBA));
 }
 
-std::optional<std::string> whySliceIsCutOff(const std::string& device) {
-  const std::optional<CutOffSlice> slice = cutOffSliceOf(device);
-  if (!slice || slice->entry.first_lba < slice->blocks) return std::nullopt;
-  return "starts at sector " + std::to_string(slice->entry.first_lba) + slice->limitText();
+std::optional<std::string> whySliceIsMissing(const std::string& device) {
+  const std::optional<SliceName> name = parseSliceName(device);
+  const auto disk = name ? quietlyReadTables(name->whole) : std::nullopt;
+  if (!disk) return std::nullopt;
+  const std::optional<CutOffSlice> slice = cutOffSliceOf(*name, *disk);
+  if (slice && slice->entry.first_lba >= slice->blocks) {
+    return "starts at sector " + std::to_string(slice->entry.first_lba) + slice->limitText();
+  }
+  if (hasSlice(*disk, name->number)) return std::nullopt;
+  return name->whole + " has no slice " + std::to_string(name->number);
 }
 
 void mentionTruncation(const std::string& device) {
-  const std::optional<CutOffSlice> slice = cutOffSliceOf(device);
+  const std::optional<SliceName> name = parseSliceName(device);
+  const auto disk = name ? quietlyReadTables(name->whole) : std::nullopt;
+  const std::optional<CutOffSlice> slice = disk ? cutOffSliceOf(*name, *disk) : std::nullopt;
   if (slice) complain(device + ": ends at sector " + std::to_string(slice->entry.last_lba) + slice->limitText());
 }
 

@@ -61,9 +61,9 @@ void requireSoundGPTOf(const std::string& slice, bool force);
 /// second copy. @param known  tables that were read already; they are taken if they are of that disk.
 void mentionLostHeader(const std::string& device, DeviceHandle& handle, const DiskTables* known = nullptr);
 
-/// Why slice N of a disk, which was not found, is not there although its table has it: "the disk ends at ...". Absent
-/// where there is no such reason.
-std::optional<std::string> whySliceIsCutOff(const std::string& device);
+/// Why slice N of a disk was not found: the disk's table does not have it, or the disk ends before it. Absent where
+/// there is no such reason.
+std::optional<std::string> whySliceIsMissing(const std::string& device);
 
 /// Says on standard error that a slice of a disk image ends past the end of the image, where it does.
 void mentionTruncation(const std::string& device);

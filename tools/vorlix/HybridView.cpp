@@ -87,7 +87,7 @@ std::string slotTable(const HybridPlan& plan) {
     rows.push_back(slotRow(number, slotChanges(plan, i) ? "now" : "stays", now));
     if (slotChanges(plan, i)) rows.push_back(slotRow("", "then", plan.table.parts[i]));
   }
-  return tableText(rows, "rlllrrr");
+  return tableText(rows, "rllllrr");
 }
 
 const char* originName(BootCodeOrigin origin) {

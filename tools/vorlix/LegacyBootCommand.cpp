@@ -1,17 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <Vorlix/foundation/CaseFolding.h>
+#include <Vorlix/foundation/Sha256.h>
 #include <Vorlix/platform/VolumeNames.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "Arbitration.h"
 #include "Commands.h"
 #include "Failure.h"
+#include "Files.h"
 #include "Json.h"
 #include "LegacyBootFiles.h"
 #include "Text.h"
@@ -26,8 +30,11 @@ struct LegacyBootOptions {
   std::string volume;
   std::string store;
   bool dryRun = false;
+  bool bytes = false;
   bool json = false;
 };
+
+constexpr size_t kLargestFile = size_t{256} << 20;
 
 // Windows ignores case in names. On a volume that is not known to ignore case, the set-up would create "boot" beside an
 // existing "Boot", and Windows would see only one of the two.
@@ -69,6 +76,26 @@ void printPlanJson(const std::string& root, const LegacyBootPlan& plan, const st
       .print();
 }
 
+// What a file would hold. Whole files are copied, so that their bytes are shown by a digest.
+void printBytesOf(const std::string& source, const std::string& destination) {
+  const ByteVector bytes = readFile(source, kLargestFile);
+  std::printf("  %s: %zu bytes, SHA-256 %s\n", printable(destination).c_str(), bytes.size(), sha256(bytes).c_str());
+}
+
+void printBytes(const LegacyBootItem& item) {
+  namespace fs = std::filesystem;
+  if (!fs::is_directory(item.source)) return printBytesOf(item.source, item.destination);
+  std::vector<fs::path> files;
+  std::error_code error;
+  for (fs::recursive_directory_iterator entry(item.source, error), end; !error && entry != end;
+       entry.increment(error)) {
+    if (entry->is_regular_file(error)) files.push_back(entry->path());
+  }
+  if (error) throw Failure(item.source, error.message(), kNothingCopied);
+  std::sort(files.begin(), files.end());
+  for (const fs::path& file : files) printBytesOf(file, fs::path(item.destination) / fs::relative(file, item.source));
+}
+
 // Returns whether anything was copied, or in a dry run would be copied.
 bool setUp(const LegacyBootOptions& options, const BackupChoice& choice) {
   std::error_code error;
@@ -103,6 +130,7 @@ bool setUp(const LegacyBootOptions& options, const BackupChoice& choice) {
   }
   for (const LegacyBootItem& item : plan.items) {
     std::printf("copying %s to %s\n", printable(item.source).c_str(), printable(item.destination).c_str());
+    if (options.bytes) printBytes(item);
   }
   std::fflush(stdout);
   if (!options.dryRun && !plan.items.empty()) printUndo(copyLegacyBootFiles(root, plan, choice));
@@ -122,6 +150,7 @@ void addLegacyBootCommand(Command& top, int& status) {
       .completes(ValueKind::file)
       .required();
   const Option dryRun = command.addFlag("--dry-run", options->dryRun, "Show what would be copied; copy nothing");
+  command.addFlag("--bytes", options->bytes, "Show the size and the SHA-256 of each file as well").needs(dryRun);
   command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun);
   const auto backup = addBackupOptions(command);
   command.setExamples({"vorlix legacy-boot /mnt/windows --bcd BCD --dry-run"});

@@ -68,7 +68,7 @@ size_t width(const std::string& text) {
       std::count_if(text.begin(), text.end(), [](char byte) { return (static_cast<uint8_t>(byte) & 0xC0) != 0x80; }));
 }
 
-constexpr size_t kNarrowestColumn = 10;
+constexpr size_t kNarrowestColumn = 5;
 
 // Divides text into lines of at most `limit` characters, at spaces where there are any.
 std::vector<std::string> wrapped(std::string text, size_t limit) {

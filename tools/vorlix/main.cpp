@@ -99,12 +99,13 @@ int main(int argc, char** argv) {
       "The library's log is /tmp/quandrel.log.");
 
   int status = kDone;
-  line.top().addFlag("--verbose", isVerbose(), "Say also when the library's log cannot be written");
+  line.top().addFlag("--verbose", isVerbose(), "Say each time that the library's log cannot be written");
   std::vector<std::string_view> arguments(argv + std::min(argc, 1), argv + argc);
   const bool completes = isForCompletion(arguments);
   // The last word is not written out yet.
   if (completes) arguments = {arguments.begin() + 2, arguments.end() - (arguments.size() > 2 ? 1 : 0)};
   addCommands(line.top(), status, arguments);
+  line.top().addFlagBelow("--verbose", isVerbose());
   try {
     if (completes) {
       printCompletions(line.top().shape(), std::vector<std::string>(argv + 3, argv + argc));
