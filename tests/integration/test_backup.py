@@ -441,7 +441,7 @@ class Verified(BackupTest):
             path = os.path.join(folder, name)
             with open(path, "rb") as file:
                 intact = file.read()
-            places = {0, len(intact) - 1, *(choice.randrange(len(intact)) for _ in range(12))}
+            places = {0, len(intact) - 1, *(choice.randrange(len(intact)) for _ in range(3 if images.SANITIZED else 12))}
             changes = [intact[:place] + bytes([intact[place] ^ 1 << choice.randrange(8)]) + intact[place + 1 :]
                        for place in places]
             changes += [intact[:place] for place in (0, 1, len(intact) // 2, len(intact) - 1)] + [intact + b"\0"]

@@ -456,6 +456,7 @@ class FromWindows(BootFilesTest):
 
 
 @unittest.skipIf(MISSING or firmware.missing(), f"not installed: {MISSING} {firmware.missing()}")
+@unittest.skipIf(images.SANITIZED, "the firmware sees the disk alone, which is the same without sanitizers")
 class ByFirmware(BootFilesTest):
     """EFI firmware starts what was copied: here a program of our own in the place of the boot manager, which finds the
     partitions that the devices of the store name."""

@@ -13,7 +13,7 @@ import uuid
 from support import gpt, images
 
 SEED = int(os.environ.get("VORLIX_SEED", "20130521"))
-CASES = int(os.environ.get("VORLIX_CASES", "160" if images.SANITIZED else "320"))
+CASES = int(os.environ.get("VORLIX_CASES", "60" if images.SANITIZED else "320"))
 
 KNOWN_TYPES = list(gpt.MBR_TYPES) + [gpt.UFS]
 LARGEST_FILE = 15 << 40  # common file systems allow 16 TiB

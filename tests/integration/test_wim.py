@@ -407,12 +407,27 @@ class Interrupted(WimTest):
                    "--scratch", self.scratch, "--progress", "json"]
         return subprocess.Popen(command, stdin=subprocess.DEVNULL, text=True, **options)
 
-    def killed(self, wim, delay):
-        process = self.start(wim, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        time.sleep(delay)
+    def kill(self, process):
         process.send_signal(signal.SIGKILL)
         process.wait(timeout=60)
         self.assertEqual(os.listdir(self.scratch), [])
+
+    def killed_after(self, wim, delay):
+        process = self.start(wim, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        time.sleep(delay)
+        self.kill(process)
+
+    def applies(self, process):
+        """Waits until the restore makes the volume in its scratch file, before it touches the disk."""
+        while process.poll() is None and "scratch" not in "".join(self.open_files(process.pid)):
+            time.sleep(0.001)
+        self.assertIsNone(process.returncode)
+
+    def test_killed_while_the_volume_is_made_nothing_was_written(self):
+        process = self.start(self.wim(), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.applies(process)
+        self.kill(process)
+        self.assert_untouched()
 
     def test_killed_at_random_moments_it_begins_again_and_the_volume_is_whole(self):
         wim = self.wim()
@@ -420,21 +435,19 @@ class Interrupted(WimTest):
         self.restore(wim, "--index", 2)
         takes = time.monotonic() - started
         chance = random.Random(19)
-        before_the_disk = interrupted = 0
-        for _ in range(10):
+        for moment in (None, *(chance.random() for _ in range(9))):
             images.sparse_copy(self.untouched, self.disk)
-            self.killed(wim, chance.random() * takes)
-            if not self.journals():
-                before_the_disk += images.content_hash(self.disk) == images.content_hash(self.untouched)
+            if moment is None:
+                self.interrupted_one(wim)
+            else:
+                self.killed_after(wim, moment * takes)
+            if images.content_hash(self.disk) == images.content_hash(self.untouched) and not self.journals():
                 continue
-            interrupted += 1
             # The same command again. Where the journal of the structures was left, they are settled, too.
             self.restore(wim, "--index", 2)
             self.assert_restored(wim, 2)
             self.assert_rest_unchanged()
             self.assertEqual(self.journals(), [])
-        self.assertGreater(interrupted, 0)
-        self.assertGreater(before_the_disk, 0)
 
     def interrupted_one(self, wim):
         """Kills a restore whose journal is there. Returns the journal's name."""
@@ -443,8 +456,7 @@ class Interrupted(WimTest):
             process = self.start(wim, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             while process.poll() is None and not [name for name in self.journals() if not name.endswith(".new")]:
                 time.sleep(0.001)
-            process.send_signal(signal.SIGKILL)
-            process.wait(timeout=60)
+            self.kill(process)
             names = [name for name in self.journals() if re.fullmatch(r"[\dT.]+Z?\.?\d*-\d+", name)]
             if len(names) == 1:
                 return names[0]
@@ -482,8 +494,7 @@ class Interrupted(WimTest):
         images.run_tool("wimappend", tree, wim, "Two")
         os.chmod(wim, 0o644)
         process = self.start(wim, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        while process.poll() is None and "scratch" not in "".join(self.open_files(process.pid)):
-            time.sleep(0.001)
+        self.applies(process)
         process.send_signal(signal.SIGINT)
         _, errors = process.communicate(timeout=60)
         self.assertEqual(process.returncode, 2, errors)
