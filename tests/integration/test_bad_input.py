@@ -100,7 +100,7 @@ class WhatIsNoDisk(BadInput):
 
     def test_a_slice_that_is_not_there(self):
         path = self.image(entries=usual_entries()[:2] + [None] + usual_entries()[3:])
-        self.refuse_everywhere(path + "s3", "No such file or directory", unchanged=[path])
+        self.refuse_everywhere(path + "s3", f"{path} has no slice 3", unchanged=[path])
         self.assertEqual(sorted(os.listdir(self.folder)), ["boot.bin", "disk.img"])
 
     def test_a_folder(self):

@@ -250,7 +250,7 @@ class Refused(StoreTest):
     def test_partitions_and_disks_that_are_not_there(self):
         disk = self.mac()
         template = self.file("template", template_bytes())
-        self.refuse(disk, self.bcd(disk, template, partition=4), disk + "s4", "no such")
+        self.refuse(disk, self.bcd(disk, template, partition=4), f"{disk}s4: {disk} has no slice 4")
         for number in ("0", "129", "-1", "x", ""):
             self.refuse(disk, self.bcd(disk, template, partition=number), "--partition")
         missing = self.path("missing.img")

@@ -291,7 +291,7 @@ class LoopDevices(IdentifyTest):
                     self.assert_slice(f"{form}s{number}", device, name, number, block_size)
             for number in layout:  # the image is the same disk under another name
                 self.assert_slice(f"{image}s{number}", device, image, number, block_size)
-            self.vorlix_refuses("identify", device + "s2", saying=["no such"])
+            self.vorlix_refuses("identify", device + "s2", saying=[f"{device} has no slice 2"])
 
     def test_512_bytes_a_block(self):
         self.run_on_loop_device(512)

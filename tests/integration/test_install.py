@@ -7,6 +7,7 @@ import functools
 import hashlib
 import os
 import pathlib
+import platform
 import re
 import shutil
 import subprocess
@@ -553,6 +554,15 @@ class InstalledLibrary(unittest.TestCase):
         for stray in run(SOURCE / "tools/dev/list_symbols", self.library, "--stray").splitlines():
             self.assertRegex(stray, r"^W (vorlix::|QD|non-virtual thunk to )", "an inline member of an own class")
         self.assertNotIn("std::", "\n".join(line.split("(")[0] for line in listed.splitlines()))
+
+    @unittest.skipUnless(shutil.which("clang++") and platform.machine() == "x86_64", "the list is for x86-64 and made by clang")
+    def test_the_list_of_layouts_in_the_tree_is_current(self):
+        listed = (SOURCE / "cmake/layouts-linux.txt").read_text()
+        self.assertEqual(run(SOURCE / "tools/dev/list_layouts", self.include).splitlines(), listed.splitlines(),
+                         "if this is intended: tools/dev/list_layouts > cmake/layouts-linux.txt; a class or structure that "
+                         "hosts compile into their programs changes with a new major version only")
+        # As documented for C, with the compiler's alignment.
+        self.assertIn("MBRPartitionEntry: size 20, alignment 4\n     0 flag\n", listed)
 
     @unittest.skipIf(SANITIZED, "the modules have no version script with sanitizers")
     def test_modules_export_their_entry_alone(self):

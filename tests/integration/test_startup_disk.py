@@ -104,7 +104,8 @@ class DryRun(StartupDiskTest):
             with self.subTest(device=device):
                 result = self.vorlix_run("startup-disk", device, "--dry-run")
                 self.assertEqual((result.returncode, result.stdout), (2, ""))
-                self.assertIn(f"vorlix: {device}: no such device", result.stderr)
+                why = f"{disk} has no slice 9" if device == disk + "s9" else "no such device"
+                self.assertIn(f"vorlix: {device}: {why}", result.stderr)
 
     def test_the_running_system_s_own_volume(self):
         listed = json.loads(self.vorlix_ok("list", "--all", "--json").stdout)["volumes"]

@@ -183,6 +183,22 @@ class Messages(WordsTest):
         for command in ("show", "check", "boot-type"):
             self.assertIn("truncated", self.vorlix_run(command, path).stderr)
 
+    def test_a_slice_that_the_table_does_not_have_is_named(self):
+        gpt_disk, mbr_disk = self.mac(), self.path("mbr.img")
+        with open(mbr_disk, "xb") as file:
+            file.truncate(8 << 20)
+        images.run_tool("sfdisk", "-q", mbr_disk, stdin="label: dos\nstart=2048, size=4096, type=c\n")
+        for disk, number in ((gpt_disk, 4), (gpt_disk, 128), (gpt_disk, 129), (mbr_disk, 2)):
+            slice_name = f"{disk}s{number}"
+            for words in (["show"], ["windows"], ["mount"], ["vbr", "save"], ["backup"]):
+                with self.subTest(slice=slice_name, command=words):
+                    files = [self.path("saved")] if words[0] in ("vbr", "backup") else []
+                    result = self.vorlix_run(*words, slice_name, *files)
+                    self.assertEqual(result.returncode, 2)
+                    self.assertRegex(result.stderr, f"^vorlix: {slice_name}: {disk} has no slice {number}(;|$)")
+        self.assertNotIn("has no slice", self.vorlix_run("mount", self.path("others1")).stderr)
+        self.assertFalse(os.path.exists(self.path("saved")))
+
     def test_a_truncated_volume_is_called_truncated(self):
         path = self.mac()
         first = 34816

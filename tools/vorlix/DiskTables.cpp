@@ -78,7 +78,21 @@ struct CutOffSlice {
   }
 };
 
-std::optional<CutOffSlice> cutOffSliceOf(const SliceName& name, const DiskTables& disk) {
+// A slice by its name, which need not exist, and the tables of its disk.
+struct NamedSlice {
+  SliceName name;
+  DiskTables disk;
+};
+
+std::optional<NamedSlice> namedSlice(const std::string& device) {
+  const std::optional<SliceName> name = parseSliceName(device);
+  auto disk = name ? quietlyReadTables(name->whole) : std::nullopt;
+  if (!disk) return std::nullopt;
+  return NamedSlice{*name, std::move(*disk)};
+}
+
+std::optional<CutOffSlice> cutOffSliceOf(const NamedSlice& slice) {
+  const auto& [name, disk] = slice;
   if (!disk.header || name.number > disk.entries.size()) return std::nullopt;
   const GPTEntry& entry = disk.entries[name.number - 1];
   const uint64_t blocks = disk.size / disk.blockSize;
@@ -86,11 +100,12 @@ std::optional<CutOffSlice> cutOffSliceOf(const SliceName& name, const DiskTables
   return CutOffSlice{entry, name.whole, blocks};
 }
 
-// Whether the disk's table has the slice. Where there is no table, or where it may be in a table that is not read here,
-// nothing is missing.
-bool hasSlice(const DiskTables& disk, uint32_t number) {
-  if (disk.header) return number <= disk.entries.size() && isUsed(disk.entries[number - 1]);
-  return whyNoMBR(disk) || number > kSlotCount || disk.mbr.parts[number - 1].type != 0;
+// Whether the disk's table has the slice. Where there is no table, or where the slice may be in a table that is not
+// read here, nothing is missing.
+bool isInTable(const NamedSlice& slice) {
+  const auto& [name, disk] = slice;
+  if (disk.header) return name.number <= disk.entries.size() && isUsed(disk.entries[name.number - 1]);
+  return whyNoMBR(disk) || name.number > kSlotCount || disk.mbr.parts[name.number - 1].type != 0;
 }
 
 }  // namespace
@@ -167,22 +182,20 @@ void mentionLostHeader(const std::string& device, DeviceHandle& handle, const Di
 }
 
 std::optional<std::string> whySliceIsMissing(const std::string& device) {
-  const std::optional<SliceName> name = parseSliceName(device);
-  const auto disk = name ? quietlyReadTables(name->whole) : std::nullopt;
-  if (!disk) return std::nullopt;
-  const std::optional<CutOffSlice> slice = cutOffSliceOf(*name, *disk);
-  if (slice && slice->entry.first_lba >= slice->blocks) {
-    return "starts at sector " + std::to_string(slice->entry.first_lba) + slice->limitText();
+  const std::optional<NamedSlice> slice = namedSlice(device);
+  if (!slice) return std::nullopt;
+  const std::optional<CutOffSlice> cutOff = cutOffSliceOf(*slice);
+  if (cutOff && cutOff->entry.first_lba >= cutOff->blocks) {
+    return "starts at sector " + std::to_string(cutOff->entry.first_lba) + cutOff->limitText();
   }
-  if (hasSlice(*disk, name->number)) return std::nullopt;
-  return name->whole + " has no slice " + std::to_string(name->number);
+  if (isInTable(*slice)) return std::nullopt;
+  return slice->name.whole + " has no slice " + std::to_string(slice->name.number);
 }
 
 void mentionTruncation(const std::string& device) {
-  const std::optional<SliceName> name = parseSliceName(device);
-  const auto disk = name ? quietlyReadTables(name->whole) : std::nullopt;
-  const std::optional<CutOffSlice> slice = disk ? cutOffSliceOf(*name, *disk) : std::nullopt;
-  if (slice) complain(device + ": ends at sector " + std::to_string(slice->entry.last_lba) + slice->limitText());
+  const std::optional<NamedSlice> slice = namedSlice(device);
+  const std::optional<CutOffSlice> cutOff = slice ? cutOffSliceOf(*slice) : std::nullopt;
+  if (cutOff) complain(device + ": ends at sector " + std::to_string(cutOff->entry.last_lba) + cutOff->limitText());
 }
 
 void readWhole(DeviceHandle& handle, const std::string& device, std::span<uint8_t> bytes, uint64_t offset) {
