@@ -54,7 +54,7 @@ class KeyedArchiver;
 /// of its class, and `static std::shared_ptr<Record> initWithCoder(KeyedUnarchiver&)`.
 class VORLIX_EXPORT Coding {
  public:
-  virtual ~Coding() = default;
+  virtual ~Coding();
 
   /// Returns the record's class and its base classes. The last is "NSObject".
   virtual std::vector<std::string> archiveClasses() const = 0;

@@ -2,6 +2,7 @@
 #include <Vorlix/foundation/KeyedArchive.h>
 
 #include <bit>
+#include <cstdlib>
 #include <map>
 #include <new>
 #include <stdexcept>
@@ -76,6 +77,8 @@ bool isReadable(const Data& file) {
 }
 
 }  // namespace
+
+Coding::~Coding() = default;
 
 // The objects collected so far, and the dictionary of the record that is being encoded.
 class KeyedArchiver::State {
@@ -163,7 +166,8 @@ class KeyedArchiver::State {
     uint32_t size = 0;
     plist_to_bin(top.get(), &bytes, &size);
     if (bytes == nullptr) throw std::bad_alloc();
-    const std::unique_ptr<char, void (*)(char*)> owner(bytes, plist_to_bin_free);
+    // libplist's own function for this has another name in each version.
+    const std::unique_ptr<char, void (*)(void*)> owner(bytes, std::free);
     return Data(bytes, bytes + size);
   }
 
