@@ -424,9 +424,15 @@ class Interrupted(WimTest):
         self.assertIsNone(process.returncode)
 
     def test_killed_while_the_volume_is_made_nothing_was_written(self):
-        process = self.start(self.wim(), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.applies(process)
-        self.kill(process)
+        wim = self.wim()
+        for _ in range(20):  # a kill that comes late finds a journal
+            images.sparse_copy(self.untouched, self.disk)
+            process = self.start(wim, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            self.applies(process)
+            self.kill(process)
+            if not self.journals():
+                break
+            shutil.rmtree(os.path.join(self.state, "vorlix", "journals"))
         self.assert_untouched()
 
     def test_killed_at_random_moments_it_begins_again_and_the_volume_is_whole(self):

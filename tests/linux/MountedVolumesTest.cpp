@@ -151,7 +151,7 @@ TEST_F(LinuxMountedVolumesTest, LabelsMatchLsblk) {
   if (entry["label"].is_null()) GTEST_SKIP() << "lsblk knows no labels on this machine";
   inOwnNamespace([&] {
     mountAt(device, "place");
-    EXPECT_EQ(volumeFrom(entry["path"]).name, entry["label"]);
+    EXPECT_EQ(volumeFrom(entry["path"]).name, entry["label"].get<std::string>());
   });
 }
 
