@@ -34,6 +34,12 @@ class KernelMounts : public testing::Test {
     writeImage(image_, {}, 16 << 20);
     shell("mkfs.ext4 -q -L '" + label_ + "' -U 01234567-89ab-cdef-0123-456789abcdef '" + image_ + "'");
   }
+  void makeDamagedExt4() const {
+    makeExt4();
+    std::fstream image(image_, std::ios::in | std::ios::out | std::ios::binary);
+    image.seekp(1024 + 24);  // log2 of the block size minus 10
+    image.write("\x30\x00\x00\x00", 4);
+  }
   void makeNTFS() const {
     writeImage(image_, {}, 16 << 20);
     shell("mkntfs -F -q -L '" + label_ + "' '" + image_ + "'");
@@ -202,17 +208,22 @@ TEST_F(KernelMounts, NobrowseIsTheDesktopsHideOption) {
 }
 
 TEST_F(KernelMounts, ADamagedFileSystemIsRefusedAndLeavesNothingBehind) {
-  makeExt4();
-  std::fstream image(image_, std::ios::in | std::ios::out | std::ios::binary);
-  image.seekp(1024 + 24);  // log2 of the block size minus 10
-  image.write("\x30\x00\x00\x00", 4);
-  image.close();
+  makeDamagedExt4();
   const std::string device = attach();
   const auto answer = mountNow(ports_, device);
   EXPECT_TRUE(answer.has_value());
   EXPECT_EQ(statusOf(answer), kDissentUnsupported) << textOf(answer);
   EXPECT_EQ(mounted(device), "");
   EXPECT_FALSE(fs::exists(folder()));
+}
+
+TEST_F(KernelMounts, ADamagedFileSystemInAnImageIsNeitherAttachedNorOpenAfterwards) {
+  makeDamagedExt4();
+  const auto before = openDescriptors();
+  const auto answer = mountNow(ports_, image_);
+  EXPECT_EQ(statusOf(answer), kDissentUnsupported) << textOf(answer);
+  EXPECT_EQ(openDescriptors(), before);
+  expectNoLoopDeviceLeft();
 }
 
 TEST_F(KernelMounts, NTFSIsMountedByItsHelper) {

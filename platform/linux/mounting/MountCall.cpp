@@ -2,8 +2,11 @@
 #include "platform/linux/MountCall.h"
 
 #include <libmount/libmount.h>
+#include <linux/close_range.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <future>
 #include <memory>
 
 namespace vorlix {
@@ -50,9 +53,7 @@ MountOutcome outcomeOf(libmnt_context* context, int result) {
   return outcome;
 }
 
-}  // namespace
-
-MountOutcome callMount(const MountCall& call) {
+MountOutcome mountByLibrary(const MountCall& call) {
   const Context context(mnt_new_context());
   if (!context) return {ENOMEM, false, ""};
   mnt_context_set_optsmode(context.get(), MNT_OMODE_NOTAB);
@@ -63,6 +64,23 @@ MountOutcome callMount(const MountCall& call) {
   if (call.onlyWritable) mnt_context_enable_rwonly_mount(context.get(), 1);
   errno = 0;
   return outcomeOf(context.get(), mnt_context_mount(context.get()));
+}
+
+}  // namespace
+
+// After a failure, versions of libmount from 2.39 on leave the loop device open, and an open loop device stays attached
+// to its image. So libmount works in a thread with its own descriptors, and they are closed here. Kernels before 5.9
+// cannot do that; there the descriptor stays open.
+MountOutcome callMount(const MountCall& call) {
+  constexpr unsigned int kFirst = STDERR_FILENO + 1;
+  constexpr unsigned int kLast = ~0U;
+  const auto mountAndClose = [&call] {
+    const bool isSeparate = close_range(kFirst, kLast, CLOSE_RANGE_UNSHARE) == 0;
+    MountOutcome outcome = mountByLibrary(call);
+    if (isSeparate) close_range(kFirst, kLast, 0);
+    return outcome;
+  };
+  return std::async(std::launch::async, mountAndClose).get();
 }
 
 MountOutcome callUnmount(const std::string& folder) {
