@@ -212,10 +212,16 @@ class FormatPages(volumes.VolumeTest):
                               ("sectors per table", r"FAT Length\(sectors\):\s+(\d+)"),
                               ("heap sector", r"Cluster Heap Offset \(sector offset\):\s+(\d+)"),
                               ("cluster count", r"Cluster Count:\s+(\d+)"),
-                              ("root cluster", r"Root Cluster \(cluster offset\):\s+(\d+)"),
-                              ("sector shift", r"Sector Size Bits:\s+(\d+)"),
-                              ("cluster shift", r"Sector per Cluster bits:\s+(\d+)")]:
+                              ("root cluster", r"Root Cluster \(cluster offset\):\s+(\d+)")]:
             self.assertEqual(exfat.number(sector, name), int(found(pattern, printed)), name)
+        # Older versions of dump.exfat print the binary logarithms, newer ones the numbers.
+        for name, logarithm, number in [("sector shift", r"Sector Size Bits:\s+(\d+)", r"Bytes per Sector:\s+(\d+)"),
+                                        ("cluster shift", r"Sector per Cluster bits:\s+(\d+)",
+                                         r"Sectors per Cluster:\s+(\d+)")]:
+            if "Sector Size Bits" in printed:
+                self.assertEqual(exfat.number(sector, name), int(found(logarithm, printed)), name)
+            else:
+                self.assertEqual(1 << exfat.number(sector, name), int(found(number, printed)), name)
         self.assertEqual(exfat.number(sector, "serial"), int(found(r"Volume Serial:\s+(0x\w+)", printed), 16))
 
     def test_saved_records_are_the_bytes_that_the_page_names(self):

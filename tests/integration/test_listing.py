@@ -433,6 +433,8 @@ class RealMounts(ListTest):
         source = images.run_tool("findmnt", "-n", "-o", "SOURCE", "/").strip()
         if not source.startswith("/dev/"):
             self.skipTest("the root file system is not on a disk")
+        if "[" in source:
+            self.skipTest(f"the root is a folder of a disk's file system: {source}")
         listed = [volume for volume in self.json("list", "--all") if volume["mountPath"] == "/"]
         size = images.run_tool("df", "-B1", "--output=size", "/").splitlines()[1]
         self.assertEqual([volume["totalSize"] for volume in listed], [int(size)])

@@ -107,8 +107,10 @@ TEST_F(LinuxMountedVolumesTest, TheListMatchesFindmnt) {
   const std::string first = makeDevice("first");
   const std::string second = makeDevice("second");
   const std::string third = makeDevice("third");
+  // In a container the root can be a folder of a mounted volume, which is not where that volume is mounted.
+  const bool isRootAVolume = shell("findmnt --noheadings --output FSROOT /") == "/";
   const auto isExpected = [&](const std::string& source, const std::string& place) {
-    return place == "/" || isOurs(source);
+    return (place == "/" && isRootAVolume) || isOurs(source);
   };
   inOwnNamespace([&] {
     mountAt(third, "three");
