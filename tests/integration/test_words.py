@@ -268,6 +268,10 @@ class DryRuns(WordsTest):
         self.assertRegex(both, r"(?m)^  1B0  - ")
         self.assertLess(both.index("Hidden sectors"), both.index("  1B0  - "))
         self.assertEqual(self.vorlix_run("hybrid", path, "--partition", "3", "--bytes").returncode, 2)
+        for command in [("hybrid", path, "--partition", "3"), ("legacy-boot", path, "--bcd", path)]:
+            result = self.vorlix_run(*command, "--dry-run", "--bytes", "--json")
+            self.assertEqual((result.returncode, result.stdout), (2, ""), command)
+            self.assertIn("--bytes excludes --json", result.stderr)
         self.assert_unchanged(path, before)
 
 

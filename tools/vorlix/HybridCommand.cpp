@@ -86,8 +86,8 @@ void addHybridCommand(Command& top, int& status) {
   command.addFlag("--force", request.force, "Go on with a damaged GPT, or a volume or boot code that looks wrong");
   const Option dryRun =
       command.addFlag("--dry-run", options->dryRun, "Show what would change; open nothing for writing");
-  command.addFlag("--bytes", options->bytes, "Show the bytes as well").needs(dryRun);
-  command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun);
+  const Option bytes = command.addFlag("--bytes", options->bytes, "Show the bytes as well").needs(dryRun);
+  command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun).excludes(bytes);
   const auto backup = addBackupOptions(command);
   command.setExamples({"vorlix hybrid mac.img --partition 3 --dry-run",
                        "vorlix hybrid /dev/sda --partition 4 --backup saved", "vorlix hybrid /dev/sda --guard"});

@@ -150,8 +150,9 @@ void addLegacyBootCommand(Command& top, int& status) {
       .completes(ValueKind::file)
       .required();
   const Option dryRun = command.addFlag("--dry-run", options->dryRun, "Show what would be copied; copy nothing");
-  command.addFlag("--bytes", options->bytes, "Show the size and the SHA-256 of each file as well").needs(dryRun);
-  command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun);
+  const Option bytes =
+      command.addFlag("--bytes", options->bytes, "Show the size and the SHA-256 of each file as well").needs(dryRun);
+  command.addFlag("--json", options->json, "Show it as JSON").needs(dryRun).excludes(bytes);
   const auto backup = addBackupOptions(command);
   command.setExamples({"vorlix legacy-boot /mnt/windows --bcd BCD --dry-run"});
   command.setAction([options, backup, &status] {
