@@ -28,9 +28,13 @@ class MappedSourceTest : public testing::Test {
 
   // With hashes that only bmap-tools' module has a choice of.
   void makeMapWith(const std::string& type) const {
-    run("/usr/bin/python3 -c \"import sys; from bmaptools.BmapCreate import BmapCreate; "
-        "BmapCreate(sys.argv[1], sys.argv[2], '" +
-        type + "').generate()\" '" + at("win.img") + "' '" + at("win.bmap") + "'");
+    const std::string script =
+        "import importlib, sys\n"
+        "try: package = importlib.import_module('bmaptool.BmapCreate')\n"
+        "except ModuleNotFoundError: package = importlib.import_module('bmaptools.BmapCreate')  # before 3.8\n"
+        "package.BmapCreate(sys.argv[1], sys.argv[2], '" +
+        type + "').generate()";
+    run("/usr/bin/python3 -c \"" + script + "\" '" + at("win.img") + "' '" + at("win.bmap") + "'");
   }
 
   // Changes the text of the block map and gives it the hash that it then has.
