@@ -192,9 +192,6 @@ else()
     if(NOT VORLIX_SANITIZE)  # whose runtime is the program's
       set(script ${PROJECT_SOURCE_DIR}/cmake/exports-module.map)
       target_link_options(vorlix_${name} PRIVATE LINKER:-z,defs LINKER:--version-script=${script})
-      # blockcoding calls nothing of the C library's, and some distributions' linkers leave out what is not called. Their
-      # rules for packages want every library to name it.
-      target_link_libraries(vorlix_${name} PRIVATE -Wl,--push-state,--no-as-needed -lc -Wl,--pop-state)
       set_target_properties(vorlix_${name} PROPERTIES LINK_DEPENDS ${script})
     endif()
     set_target_properties(vorlix_${name} PROPERTIES PREFIX "" OUTPUT_NAME ${name} LINKER_LANGUAGE CXX
