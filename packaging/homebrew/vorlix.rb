@@ -17,6 +17,7 @@ class Vorlix < Formula
   depends_on "libarchive"
   depends_on "libmd"
   depends_on "libplist"
+  depends_on :macos # Linux has packages
   depends_on "mtools"
   depends_on "zstd"
 
