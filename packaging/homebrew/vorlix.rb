@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # A formula for Homebrew. The target `dist` makes the tarball and writes a copy of this file that names it, with its
-# checksum (build/dist/vorlix.rb). Nobody has run it on a Mac yet.
+# checksum (build/dist/vorlix.rb). Homebrew 4.4 has installed, tested and removed it on Linux, with the system's libraries in
+# place of its bottles. Nobody has run it on a Mac yet.
 class Vorlix < Formula
   desc "Disk and boot library for Windows installations on Mac hardware"
   homepage "file://VORLIX_PLACE"
