@@ -143,6 +143,12 @@ class TheMachine(CompletionTest):
         self.assertEqual(self.offers("hybrid", "--partition", ""), ("partition", {}))
         self.assertEqual(self.offers("restore", self.disk, "--partition", ""), ("partition", {}), "that is the source")
 
+    def test_an_mbr_has_four_slots(self):
+        disk = self.file("many.img", bytes(2 << 20))
+        images.run_tool("sgdisk", "-a", "1", *[f"--new={number}:{40 * number}:+10" for number in range(1, 7)], disk)
+        self.assertEqual(list(self.offers("hybrid", disk, "--partition", "")[1]), ["1", "2", "3", "4"])
+        self.assertEqual(list(self.offers("bcd", disk, "--partition", "")[1]), ["1", "2", "3", "4", "5", "6"])
+
     def test_a_disk_with_an_mbr_alone(self):
         disk = self.file("mbr.img", bytes(1 << 20))
         images.run_tool("sfdisk", "-q", disk, stdin="label: dos\nstart=64, size=64, type=7\nstart=128, size=64, type=c\n")

@@ -122,6 +122,7 @@ OptionShape shapeOf(const CLI::Option& option, const DeclaredValues& declared) {
   if (const auto value = declared.find(&option); value != declared.end()) {
     shape.kind = value->second.kind;
     shape.choices = value->second.choices;
+    shape.highest = value->second.highest;
   }
   for (const CLI::Option* const other : option.get_excludes()) shape.excluded.push_back(nameOf(*other));
   return shape;
@@ -150,6 +151,7 @@ Option& Option::required() {
 
 Option& Option::within(int lowest, int highest) {
   inner_->check(CLI::Range(lowest, highest));
+  (*declared_)[inner_].highest = highest;
   return *this;
 }
 

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -25,6 +26,7 @@ namespace vorlix::tool {
 struct DeclaredValue {
   ValueKind kind = ValueKind::undeclared;
   std::vector<std::string> choices;
+  int highest = std::numeric_limits<int>::max();
 };
 using DeclaredValues = std::map<const CLI::Option*, DeclaredValue>;
 

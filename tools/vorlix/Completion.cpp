@@ -123,6 +123,7 @@ class Reader {
 
   Wanted valueOf(const OptionShape& option, const std::string& before, const std::string& word) const {
     Wanted wanted = value(option.kind, before, word);
+    wanted.highest = option.highest;
     for (const std::string& choice : option.choices) wanted.words.push_back({choice, ""});
     return wanted;
   }

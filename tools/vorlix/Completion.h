@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -35,10 +36,11 @@ struct OptionShape {
   std::string description;
   bool isPositional = false;
   bool takesValue = false;
-  bool mayRepeat = false;                  ///< a positional argument that may be given more than once
-  ValueKind kind = ValueKind::undeclared;  ///< of its value
-  std::vector<std::string> choices;        ///< its fixed words
-  std::vector<std::string> excluded;       ///< names of the options that cannot stand beside it
+  bool mayRepeat = false;                         ///< a positional argument that may be given more than once
+  ValueKind kind = ValueKind::undeclared;         ///< of its value
+  std::vector<std::string> choices;               ///< its fixed words
+  int highest = std::numeric_limits<int>::max();  ///< of a number
+  std::vector<std::string> excluded;              ///< names of the options that cannot stand beside it
 };
 
 /// A command, or the whole command line.
@@ -63,11 +65,12 @@ struct Wanted {
   enum class Place : uint8_t { nothing, command, option, value };
 
   Place place = Place::nothing;
-  std::vector<Candidate> words;            ///< commands, options, fixed values
-  ValueKind kind = ValueKind::undeclared;  ///< of a value
-  std::string before;                      ///< the part of the last word before the value: "--start="
-  std::string word;                        ///< the rest of the last word
-  std::string disk;                        ///< the last one that was named before; empty if none was
+  std::vector<Candidate> words;                   ///< commands, options, fixed values
+  ValueKind kind = ValueKind::undeclared;         ///< of a value
+  int highest = std::numeric_limits<int>::max();  ///< of a number
+  std::string before;                             ///< the part of the last word before the value: "--start="
+  std::string word;                               ///< the rest of the last word
+  std::string disk;                               ///< the last one that was named before; empty if none was
 };
 
 /// @param words  of the command line without the program's name. The last one is being written and may be empty.

@@ -161,9 +161,10 @@ void addRestores(Candidates& words) {
   }
 }
 
-void addPartitions(const std::string& disk, Candidates& words) {
+void addPartitions(const std::string& disk, int highest, Candidates& words) {
   if (disk.empty()) return;
   if (const auto tables = tablesOf(lookedUp(disk))) words = slicesIn(*tables, false);
+  std::erase_if(words, [highest](const Candidate& word) { return std::stoi(word.text) > highest; });
 }
 
 OfferedPaths pathsFor(ValueKind kind) {
@@ -203,7 +204,7 @@ Offers offersFor(const Wanted& wanted) {
       addSlicesOfImage(wanted.word, words);
       break;
     case ValueKind::partition:
-      addPartitions(wanted.disk, words);
+      addPartitions(wanted.disk, wanted.highest, words);
       break;
     case ValueKind::backup:
       addBackups(words);
