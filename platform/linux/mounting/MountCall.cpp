@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <future>
 #include <memory>
+#include <system_error>
 
 namespace vorlix {
 namespace {
@@ -80,7 +81,11 @@ MountOutcome callMount(const MountCall& call) {
     if (isSeparate) close_range(kFirst, kLast, 0);
     return outcome;
   };
-  return std::async(std::launch::async, mountAndClose).get();
+  try {
+    return std::async(std::launch::async, mountAndClose).get();
+  } catch (const std::system_error& error) {  // no further thread
+    return {error.code().value(), false, ""};
+  }
 }
 
 MountOutcome callUnmount(const std::string& folder) {
