@@ -51,7 +51,7 @@ def described(text, section):
     """The names that a section of a help text describes, each with whether it takes a value."""
     found = re.search(rf"(?ms)^(?i:{section}):\n(.*?)(?:\n\n|\Z)", text)
     lines = re.findall(r"(?m)^  (\S.*)$", found.group(1)) if found else []
-    return {re.search(r"--[a-z-]+|^\w[\w-]*", line).group(): re.match(r"\S+ (TEXT|U?INT|ENUM|FORM|FOLDER|\{)", line) is not None
+    return {re.search(r"--[a-z-]+|^\w[\w-]*", line).group(): re.match(r"--[a-z-]+ \S", line) is not None
             for line in lines}
 
 
@@ -59,7 +59,7 @@ class TheDefinition(CompletionTest):
     def commands(self, path=()):
         """Every command that has no commands of its own, with its help text."""
         text = self.vorlix_ok(*path, "--help").stdout
-        below = described(text, "Subcommands")
+        below = described(text, "Commands")
         self.assertEqual(self.offers(*path, "")[0] == "command", bool(below), path)
         if below:
             self.assertEqual(list(self.offers(*path, "")[1]), list(below), path)
@@ -76,7 +76,7 @@ class TheDefinition(CompletionTest):
             place, offered = self.offers(*path, "-")
             self.assertEqual((place, list(offered)), ("option", list(options)), path)
             self.assertTrue(all(offered.values()), "each has a description")
-            arguments = described(text, "Positionals")
+            arguments = described(text, "Arguments")
             places = [(*path, *["x"] * number, "") for number in range(len(arguments))]
             places += [(*path, name, "") for name, takes_value in options.items() if takes_value]
             for words in places:

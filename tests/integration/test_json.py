@@ -263,7 +263,7 @@ class Json(volumes.VolumeTest):
         prints a script for a shell."""
         without = {"mount", "unmount", "efi", "vbr save", "boot-code", "run", "completion"}
         text = self.vorlix_ok("--help").stdout
-        section = re.search(r"(?ms)^(?i:Subcommands):\n(.*?)(?:\n\n|\Z)", text).group(1)
+        section = re.search(r"(?ms)^Commands:\n(.*?)(?:\n\n|\Z)", text).group(1)
         for name in re.findall(r"(?m)^  ([a-z][a-z-]*)", section):
             words = {"vbr": ["vbr", "restore"], "archive": ["archive", "show"]}.get(name, [name])
             has_json = "--json" in self.vorlix_ok(*words, "--help").stdout

@@ -46,15 +46,16 @@ CommandShape exampleShape() {
                      {flagShape("--help"), valueShape("DISK", ValueKind::disk), valueShape("FILE", ValueKind::file),
                       valueShape("--partition", ValueKind::partition), start},
                      {},
-                     false};
-  CommandShape undo{"undo", "Undoes", {name, all}, {}, false};
-  CommandShape save{"save", "Saves", {valueShape("DEVICE", ValueKind::device)}, {}, false};
-  CommandShape record{"record", "Records", {flagShape("--help")}, {save}, false};
+                     false,
+                     ""};
+  CommandShape undo{"undo", "Undoes", {name, all}, {}, false, ""};
+  CommandShape save{"save", "Saves", {valueShape("DEVICE", ValueKind::device)}, {}, false, ""};
+  CommandShape record{"record", "Records", {flagShape("--help")}, {save}, false, ""};
   OptionShape disks = valueShape("DISK", ValueKind::disk);
   disks.mayRepeat = true;
-  CommandShape list{"list", "Lists", {disks}, {}, false};
-  CommandShape run{"run", "Runs", {valueShape("PROGRAM", ValueKind::file), flagShape("--fast")}, {}, true};
-  return {"vorlix", "", {flagShape("--verbose")}, {write, undo, record, run, list}, false};
+  CommandShape list{"list", "Lists", {disks}, {}, false, ""};
+  CommandShape run{"run", "Runs", {valueShape("PROGRAM", ValueKind::file), flagShape("--fast")}, {}, true, ""};
+  return {"vorlix", "", {flagShape("--verbose")}, {write, undo, record, run, list}, false, ""};
 }
 
 Wanted wantedOf(const std::vector<std::string>& words) {

@@ -160,7 +160,7 @@ void addBackupCommand(Command& top, int& status) {
           .completes(ValueKind::folder);
   Option verified =
       command.addOption("--verify", options->verified, "Read a backup back and compare").completes(ValueKind::folder);
-  verified.valueText("FOLDER").excludes(volume).excludes(folder);
+  verified.excludes(volume).excludes(folder);
   command.addFlag("--dry-run", options->dryRun, "Show what would be saved; write nothing").excludes(verified);
   command
       .addFlag("--force", options->request.force,

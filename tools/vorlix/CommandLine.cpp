@@ -1,20 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "CommandLine.h"
 
-#include <CLI/App.hpp>
-#include <CLI/Config.hpp>
-#include <CLI/Formatter.hpp>
+#include <CLI/CLI.hpp>  // which of its headers has what changes with the version
 #include <algorithm>
 #include <cstdio>
 #include <string_view>
 #include <utility>
 
 #include "Failure.h"
+#include "HelpText.h"
 #include "Suggestion.h"
 #include "Text.h"
 
 namespace vorlix::tool {
 namespace {
+
+constexpr const char* kNumberName = "N";  // in help texts
 
 std::string messageOf(const std::string& error) {
   return "vorlix: " + printable(error) + "\nRun with --help for more information.\n";
@@ -82,24 +83,6 @@ std::string missingCommandText(const CLI::App& top) {
   return "a command of '" + at.command->get_name() + "' is required: " + names;
 }
 
-// Lets the lines of a help text continue below themselves on a terminal that is too narrow, but not those of examples,
-// which people copy.
-std::string helpForScreen(const std::string& help) {
-  constexpr size_t kDescriptions = 30;  // the column where the parser starts them
-  std::string result;
-  for (size_t start = 0; start < help.size();) {
-    const size_t end = std::min(help.find('\n', start), help.size());
-    const std::string line = help.substr(start, end - start);
-    const bool isDescribed = line.size() > kDescriptions && line.compare(kDescriptions - 2, 2, "  ") == 0;
-    const size_t indent = isDescribed && line.starts_with("  ") ? kDescriptions : 0;
-    result += line.substr(0, indent);
-    result += indent == 0 && line.starts_with(' ') ? line : hangingText(line.substr(indent), indent);
-    result += '\n';
-    start = end + 1;
-  }
-  return result;
-}
-
 std::vector<std::string> namesIn(const std::map<std::string, int32_t>& numbers) {
   std::vector<std::string> names;
   for (const auto& number : numbers) names.push_back(number.first);
@@ -112,6 +95,39 @@ std::string nameOf(const CLI::Option& option) {
   return option.get_lnames().empty() ? "" : "--" + option.get_lnames().front();
 }
 
+std::string valueNameOf(const OptionShape& option) {
+  switch (option.kind) {
+    case ValueKind::choice: {
+      std::string names;
+      for (const std::string& choice : option.choices) names += (names.empty() ? "" : "|") + choice;
+      return names;
+    }
+    case ValueKind::disk:
+      return "DISK";
+    case ValueKind::device:
+      return "DEVICE";
+    case ValueKind::volume:
+    case ValueKind::mounted:
+      return "VOLUME";
+    case ValueKind::file:
+      return "FILE";
+    case ValueKind::folder:
+      return "FOLDER";
+    case ValueKind::backup:
+    case ValueKind::restore:
+    case ValueKind::label:
+      return "NAME";
+    case ValueKind::identifier:
+      return "GUID";
+    case ValueKind::partition:
+      return kNumberName;
+    case ValueKind::text:
+    case ValueKind::undeclared:
+      break;
+  }
+  return "TEXT";
+}
+
 OptionShape shapeOf(const CLI::Option& option, const DeclaredValues& declared) {
   OptionShape shape;
   shape.name = nameOf(option);
@@ -119,12 +135,18 @@ OptionShape shapeOf(const CLI::Option& option, const DeclaredValues& declared) {
   shape.isPositional = option.get_positional();
   shape.takesValue = option.get_items_expected_max() > 0;
   shape.mayRepeat = option.get_items_expected_max() > 1;
+  shape.isRequired = option.get_required();
+  shape.defaultText = option.get_default_str();
+  if (!option.get_snames().empty()) shape.shortName = "-" + option.get_snames().front();
   if (const auto value = declared.find(&option); value != declared.end()) {
     shape.kind = value->second.kind;
     shape.choices = value->second.choices;
-    shape.highest = value->second.highest;
+    shape.range = value->second.range;
+    shape.valueName = value->second.name;
   }
+  if (shape.valueName.empty()) shape.valueName = valueNameOf(shape);
   for (const CLI::Option* const other : option.get_excludes()) shape.excluded.push_back(nameOf(*other));
+  for (const CLI::Option* const other : option.get_needs()) shape.needed.push_back(nameOf(*other));
   return shape;
 }
 
@@ -133,6 +155,7 @@ CommandShape shapeOf(const CLI::App& command, const DeclaredValues& declared) {
   shape.name = command.get_name();
   shape.description = command.get_description();
   shape.takesRest = command.get_prefix_command();
+  shape.footer = command.get_footer();
   for (const CLI::Option* const option : command.get_options()) {
     if (!option->get_group().empty() && !nameOf(*option).empty()) shape.options.push_back(shapeOf(*option, declared));
   }
@@ -151,7 +174,7 @@ Option& Option::required() {
 
 Option& Option::within(int lowest, int highest) {
   inner_->check(CLI::Range(lowest, highest));
-  (*declared_)[inner_].highest = highest;
+  (*declared_)[inner_].range = NumberRange{lowest, highest};
   return *this;
 }
 
@@ -161,7 +184,9 @@ Option& Option::completes(ValueKind kind) {
 }
 
 void Option::declareChoices(std::vector<std::string> choices) {
-  (*declared_)[inner_] = {ValueKind::choice, std::move(choices)};
+  (*declared_)[inner_].kind = ValueKind::choice;
+  (*declared_)[inner_].choices = std::move(choices);
+  (*declared_)[inner_].name.clear();
 }
 
 Option& Option::oneOf(std::vector<std::string> texts) {
@@ -192,7 +217,7 @@ Option& Option::showDefault() {
 }
 
 Option& Option::valueText(const std::string& text) {
-  inner_->option_text(text);
+  (*declared_)[inner_].name = text;
   return *this;
 }
 
@@ -213,21 +238,20 @@ Option Command::addOption(const std::string& name, std::vector<std::string>& tar
 }
 
 Option Command::addOption(const std::string& name, uint32_t& target, const std::string& description) {
-  return Option(inner_->add_option(name, target, description), *declared_);
+  return Option(inner_->add_option(name, target, description), *declared_).valueText(kNumberName);
 }
 
 Option Command::addOption(const std::string& name, int32_t& target, const std::string& description) {
-  return Option(inner_->add_option(name, target, description), *declared_);
+  return Option(inner_->add_option(name, target, description), *declared_).valueText(kNumberName);
 }
 
 Option Command::addOption(const std::string& name, std::optional<uint64_t>& target, const std::string& description) {
-  return Option(inner_->add_option(name, target, description), *declared_);
+  return Option(inner_->add_option(name, target, description), *declared_).valueText(kNumberName);
 }
 
 Option Command::addChoice(const std::string& name, std::function<void(int32_t)> set,
                           const std::map<std::string, int32_t>& numbers, const std::string& description) {
-  CLI::Option* const option = inner_->add_option_function<int32_t>(name, std::move(set), description);
-  return Option(option->type_name("ENUM"), *declared_).named(numbers);
+  return Option(inner_->add_option_function<int32_t>(name, std::move(set), description), *declared_).named(numbers);
 }
 
 Option Command::addFlag(const std::string& name, bool& target, const std::string& description) {
@@ -314,7 +338,10 @@ std::optional<int> CommandLine::run(int argc, const char* const* argv) {
     std::string text = mayBeMistyped ? unknownWordText(*app_) : "";
     if (text.empty() && isMissing) text = missingCommandText(*app_);
     if (text.empty() && error.get_name() == "CallForHelp") {
-      std::fputs(helpForScreen(app_->help()).c_str(), stdout);
+      const ReachedCommand at = reachedCommand(*app_);
+      std::string path = app_->get_name() + " " + at.path;
+      path.pop_back();
+      std::fputs(helpText(shapeOf(*at.command, declared_), path).c_str(), stdout);
       return kDone;
     }
     if (text.empty()) return app_->exit(error) == 0 ? kDone : kError;

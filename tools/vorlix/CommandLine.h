@@ -6,14 +6,13 @@
 
 #include <cstdint>
 #include <functional>
-#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "Completion.h"
+#include "CommandShape.h"
 
 namespace CLI {
 class App;
@@ -26,7 +25,8 @@ namespace vorlix::tool {
 struct DeclaredValue {
   ValueKind kind = ValueKind::undeclared;
   std::vector<std::string> choices;
-  int highest = std::numeric_limits<int>::max();
+  std::string name;  ///< for help texts; empty for one that fits the kind
+  std::optional<NumberRange> range;
 };
 using DeclaredValues = std::map<const CLI::Option*, DeclaredValue>;
 
@@ -60,7 +60,7 @@ class Option {
   /// Shows the target's present value in the help text.
   Option& showDefault();
 
-  /// Shows this in the help text in place of the kind of value.
+  /// Names the value in the help text, where its kind says too little.
   Option& valueText(const std::string& text);
 
   /// Whether the user gave the option.

@@ -123,7 +123,7 @@ class Reader {
 
   Wanted valueOf(const OptionShape& option, const std::string& before, const std::string& word) const {
     Wanted wanted = value(option.kind, before, word);
-    wanted.highest = option.highest;
+    wanted.range = option.range;
     for (const std::string& choice : option.choices) wanted.words.push_back({choice, ""});
     return wanted;
   }
@@ -149,40 +149,6 @@ Wanted wantedBy(const CommandShape& top, const std::vector<std::string>& words) 
 
 std::string withoutTilde(const std::string& name, const std::string& home) {
   return name.starts_with("~/") && !home.empty() ? home + name.substr(1) : name;
-}
-
-const char* nameOf(ValueKind kind) {
-  switch (kind) {
-    case ValueKind::undeclared:
-      return "undeclared";
-    case ValueKind::text:
-      return "text";
-    case ValueKind::choice:
-      return "choice";
-    case ValueKind::disk:
-      return "disk";
-    case ValueKind::device:
-      return "device";
-    case ValueKind::volume:
-      return "volume";
-    case ValueKind::mounted:
-      return "mounted";
-    case ValueKind::partition:
-      return "partition";
-    case ValueKind::file:
-      return "file";
-    case ValueKind::folder:
-      return "folder";
-    case ValueKind::backup:
-      return "backup";
-    case ValueKind::restore:
-      return "restore";
-    case ValueKind::label:
-      return "label";
-    case ValueKind::identifier:
-      return "identifier";
-  }
-  return "undeclared";
 }
 
 }  // namespace vorlix::tool

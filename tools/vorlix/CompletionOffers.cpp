@@ -161,10 +161,10 @@ void addRestores(Candidates& words) {
   }
 }
 
-void addPartitions(const std::string& disk, int highest, Candidates& words) {
+void addPartitions(const std::string& disk, const std::optional<NumberRange>& range, Candidates& words) {
   if (disk.empty()) return;
   if (const auto tables = tablesOf(lookedUp(disk))) words = slicesIn(*tables, false);
-  std::erase_if(words, [highest](const Candidate& word) { return std::stoi(word.text) > highest; });
+  if (range) std::erase_if(words, [&](const Candidate& word) { return std::stoi(word.text) > range->highest; });
 }
 
 OfferedPaths pathsFor(ValueKind kind) {
@@ -204,7 +204,7 @@ Offers offersFor(const Wanted& wanted) {
       addSlicesOfImage(wanted.word, words);
       break;
     case ValueKind::partition:
-      addPartitions(wanted.disk, wanted.highest, words);
+      addPartitions(wanted.disk, wanted.range, words);
       break;
     case ValueKind::backup:
       addBackups(words);

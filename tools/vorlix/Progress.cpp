@@ -44,11 +44,9 @@ std::string timeText(int64_t whole) {
 }  // namespace
 
 void addProgressOption(Command& command, ProgressForm& form) {
-  command
-      .addChoice("--progress", form,
-                 {{"auto", ProgressForm::people}, {"json", ProgressForm::json}, {"none", ProgressForm::none}},
-                 "auto: a bar on a terminal, else a line every few seconds; json: one object a line; none")
-      .valueText("FORM");
+  command.addChoice("--progress", form,
+                    {{"auto", ProgressForm::people}, {"json", ProgressForm::json}, {"none", ProgressForm::none}},
+                    "auto: a bar on a terminal, else a line every few seconds; json: one object a line; none");
 }
 
 Progress::Progress(ProgressForm form, std::string phase)

@@ -156,8 +156,7 @@ void addStartupDiskCommand(Command& top, int& status) {
   startup.addOption("DEVICE", options->device, "Device of the volume, or the folder where it is mounted")
       .completes(ValueKind::volume)
       .required();
-  startup.addOption("--type", options->type, "legacy, efi, mac or volume-efi; default: detected from the disk")
-      .oneOf(typeNames());
+  startup.addOption("--type", options->type, "How it starts (default: detected from the disk)").oneOf(typeNames());
   startup.addFlag("--permanent", options->permanent, "For every start, not only the next one");
   const Option dryRun =
       startup.addFlag("--dry-run", options->dryRun, "Show the command that would be run; run nothing");
