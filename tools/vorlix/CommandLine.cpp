@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>  // which of its headers has what changes with the version
 #include <algorithm>
 #include <cstdio>
+#include <set>
 #include <string_view>
 #include <utility>
 
@@ -95,40 +96,16 @@ std::string nameOf(const CLI::Option& option) {
   return option.get_lnames().empty() ? "" : "--" + option.get_lnames().front();
 }
 
-std::string valueNameOf(const OptionShape& option) {
-  switch (option.kind) {
-    case ValueKind::choice: {
-      std::string names;
-      for (const std::string& choice : option.choices) names += (names.empty() ? "" : "|") + choice;
-      return names;
-    }
-    case ValueKind::disk:
-      return "DISK";
-    case ValueKind::device:
-      return "DEVICE";
-    case ValueKind::volume:
-    case ValueKind::mounted:
-      return "VOLUME";
-    case ValueKind::file:
-      return "FILE";
-    case ValueKind::folder:
-      return "FOLDER";
-    case ValueKind::backup:
-    case ValueKind::restore:
-    case ValueKind::label:
-      return "NAME";
-    case ValueKind::identifier:
-      return "GUID";
-    case ValueKind::partition:
-      return kNumberName;
-    case ValueKind::text:
-    case ValueKind::undeclared:
-      break;
+// Of a set that the parser keeps in the order of addresses, the names in the order of the command's definition.
+std::vector<std::string> namesOf(const std::set<CLI::Option*>& options, const CLI::App& command) {
+  std::vector<std::string> names;
+  for (const CLI::Option* const option : command.get_options()) {
+    if (std::find(options.begin(), options.end(), option) != options.end()) names.push_back(nameOf(*option));
   }
-  return "TEXT";
+  return names;
 }
 
-OptionShape shapeOf(const CLI::Option& option, const DeclaredValues& declared) {
+OptionShape shapeOf(const CLI::Option& option, const CLI::App& command, const DeclaredValues& declared) {
   OptionShape shape;
   shape.name = nameOf(option);
   shape.description = option.get_description();
@@ -144,9 +121,8 @@ OptionShape shapeOf(const CLI::Option& option, const DeclaredValues& declared) {
     shape.range = value->second.range;
     shape.valueName = value->second.name;
   }
-  if (shape.valueName.empty()) shape.valueName = valueNameOf(shape);
-  for (const CLI::Option* const other : option.get_excludes()) shape.excluded.push_back(nameOf(*other));
-  for (const CLI::Option* const other : option.get_needs()) shape.needed.push_back(nameOf(*other));
+  shape.excluded = namesOf(option.get_excludes(), command);
+  shape.needed = namesOf(option.get_needs(), command);
   return shape;
 }
 
@@ -157,7 +133,8 @@ CommandShape shapeOf(const CLI::App& command, const DeclaredValues& declared) {
   shape.takesRest = command.get_prefix_command();
   shape.footer = command.get_footer();
   for (const CLI::Option* const option : command.get_options()) {
-    if (!option->get_group().empty() && !nameOf(*option).empty()) shape.options.push_back(shapeOf(*option, declared));
+    if (!option->get_group().empty() && !nameOf(*option).empty())
+      shape.options.push_back(shapeOf(*option, command, declared));
   }
   for (const CLI::App* const below : command.get_subcommands({})) {
     if (!below->get_group().empty()) shape.commands.push_back(shapeOf(*below, declared));

@@ -43,7 +43,7 @@ struct OptionShape {
   bool takesValue = false;
   bool mayRepeat = false;                  ///< a positional argument that may be given more than once
   ValueKind kind = ValueKind::undeclared;  ///< of its value
-  std::string valueName;                   ///< what stands for the value in help texts: "FILE"
+  std::string valueName;                   ///< for help texts; empty for one that fits the kind
   std::optional<NumberRange> range;        ///< of a number
   bool isRequired = false;
   std::string defaultText;            ///< empty if the description says enough

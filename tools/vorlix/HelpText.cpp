@@ -33,9 +33,40 @@ std::string usage(const CommandShape& command, const std::string& path) {
   return text + "\n";
 }
 
+std::string valueNameOf(const OptionShape& option) {
+  if (!option.valueName.empty()) return option.valueName;
+  switch (option.kind) {
+    case ValueKind::choice:
+      return joined(option.choices, "|");
+    case ValueKind::disk:
+      return "DISK";
+    case ValueKind::device:
+      return "DEVICE";
+    case ValueKind::volume:
+    case ValueKind::mounted:
+      return "VOLUME";
+    case ValueKind::partition:
+      return "N";
+    case ValueKind::file:
+      return "FILE";
+    case ValueKind::folder:
+      return "FOLDER";
+    case ValueKind::backup:
+    case ValueKind::restore:
+    case ValueKind::label:
+      return "NAME";
+    case ValueKind::identifier:
+      return "GUID";
+    case ValueKind::text:
+    case ValueKind::undeclared:
+      break;
+  }
+  return "TEXT";
+}
+
 std::string titleOf(const OptionShape& option) {
   std::string title = option.shortName.empty() ? option.name : option.shortName + ", " + option.name;
-  if (option.takesValue && !option.isPositional) title += " " + option.valueName;
+  if (option.takesValue && !option.isPositional) title += " " + valueNameOf(option);
   return title;
 }
 
