@@ -2,10 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """The command `image-size` on archives made by gzip and zip."""
 
-import contextlib
 import os
 import pathlib
-import pty
 import re
 import shutil
 import subprocess
@@ -13,7 +11,7 @@ import sys
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
-from support import images  # noqa: E402
+from support import images, terminals  # noqa: E402
 
 LARGE = 64 << 20  # many times the size of a pipe and of the packers' buffers
 # Names that a shell or a careless program could misread; the command must measure these files.
@@ -327,17 +325,9 @@ class NotMeasured(ImageSize):
 class Terminal(ImageSize):
     def on_terminal(self, path):
         """Runs the command with standard error on a terminal. Returns standard output and the terminal's input."""
-        ours, theirs = pty.openpty()
-        with subprocess.Popen([self.command, "image-size", path], cwd=self.work, stdin=subprocess.DEVNULL,
-                              stdout=subprocess.PIPE, stderr=theirs, env={**os.environ, "LC_ALL": "C"}) as process:
-            os.close(theirs)
-            sent = b""
-            with contextlib.suppress(OSError):  # some systems report the end of a terminal as an error
-                while chunk := os.read(ours, 4096):
-                    sent += chunk
-            output = process.stdout.read()
-        os.close(ours)
-        return process.returncode, output, sent
+        sent, output, status = terminals.run([self.command, "image-size", path], "stderr", cwd=self.work,
+                                             stdout=subprocess.PIPE, env={**os.environ, "LC_ALL": "C"})
+        return status, output, sent
 
     def test_a_bar_moves_and_is_wiped_away(self):
         with open(os.path.join(self.work, "big.gz"), "wb") as target, subprocess.Popen(

@@ -1,17 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """What the command line says to people: mistyped words, tables on terminals and in pipes, colours, examples, the log."""
 
-import contextlib
-import fcntl
 import os
-import pty
 import re
-import struct
 import subprocess
-import termios
 import unittest
 
-from support import gpt, images
+from support import gpt, images, terminals
 
 LOG = "/tmp/quandrel.log"
 ESCAPE = re.compile("\x1b\\[[0-9;]*m")
@@ -20,20 +15,12 @@ ESCAPE = re.compile("\x1b\\[[0-9;]*m")
 class WordsTest(images.CommandTest):
     def on_terminal(self, *arguments, columns=80, environment=None):
         """Runs the command line on a terminal. Returns its output and its exit status."""
-        controller, terminal = pty.openpty()
-        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
         settings = {**os.environ, "TERM": "xterm", **(environment or {})}
         if "NO_COLOR" not in (environment or {}):
             settings.pop("NO_COLOR", None)
-        with subprocess.Popen([self.vorlix, *map(str, arguments)], stdin=subprocess.DEVNULL, stdout=terminal,
-                              stderr=subprocess.DEVNULL, env=settings) as process:
-            os.close(terminal)
-            output = b""
-            with contextlib.suppress(OSError):  # the terminal is gone with its last process
-                while piece := os.read(controller, 65536):
-                    output += piece
-        os.close(controller)
-        return output.decode().replace("\r\n", "\n"), process.returncode
+        written, _, status = terminals.run([self.vorlix, *map(str, arguments)], "stdout", columns,
+                                           stderr=subprocess.DEVNULL, env=settings)
+        return written.decode().replace("\r\n", "\n"), status
 
     def mac(self, name="mac.img"):
         """An image of 64 MiB with a GPT of three entries, made by sgdisk."""
@@ -99,6 +86,7 @@ class Screens(WordsTest):
         for columns in (80, 100):
             text, status = self.on_terminal("show", path, columns=columns)
             self.assertEqual(status, 0)
+            self.assertIn("\n\n", text)
             tables = text[text.index("\n\n"):]
             self.assertLessEqual(max(map(len, tables.splitlines())), columns)
             letters = re.sub(r"\s", "", whole)
