@@ -5,9 +5,13 @@
 #include <Vorlix/platform/Platform.h>
 #include <Vorlix/platform/RunLoop.h>
 #include <gmock/gmock.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <string>
 #include <thread>
 
 #include "platform/posix/DescriptorSource.h"
@@ -25,6 +29,25 @@ TEST(MainThread, TheDefaultModeWaitsAndOthersReturnAtOnce) {
   EXPECT_EQ(otherResult, vorlix::RunLoopResult::noSources);
 }
 
+// Whether every other thread of the process waits in a system call.
+bool doOtherThreadsSleep() {
+  const std::string own = std::to_string(gettid());
+  std::error_code error;
+  for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task", error)) {
+    if (thread.path().filename() == own) continue;
+    std::string line;
+    std::getline(std::ifstream(thread.path() / "stat") >> std::ws, line);
+    if (line.compare(line.rfind(')') + 1, 2, " S") != 0) return false;
+  }
+  return !error;
+}
+
+// A forked child waits for ever for the sanitizer's allocator if another thread was allocating at that moment, as those
+// of libdispatch do now and then.
+void waitForOtherThreads() {
+  for (int i = 0; i < 1000 && !doOtherThreadsSleep(); ++i) usleep(1000);
+}
+
 }  // namespace
 
 // The child of a death test has only the thread that forked, so the other threads' objects would look like leaks.
@@ -40,6 +63,7 @@ std::string& vorlix::standin::usualFilter() {
 int main(int count, char** arguments) {
   if (GTEST_FLAG_GET(filter) == "*") GTEST_FLAG_SET(filter, vorlix::standin::usualFilter());
   testing::InitGoogleMock(&count, arguments);
+  pthread_atfork(waitForOtherThreads, nullptr, nullptr);
   const auto loop = vorlix::nativePlatform().runLoops->current();
   mainResult = loop->run(vorlix::kDefaultRunLoopMode, std::chrono::milliseconds(20));
   otherResult = loop->run("another mode", std::chrono::seconds(20));
