@@ -92,7 +92,7 @@ class Authorities {
     makeLeaf("team", "root", subject(kTeam), kCodeSigning);
     makeLeaf("other", "root", subject("AAAAAAAAAA"), kCodeSigning);
     makeLeaf("stranger", "unknown", subject(kTeam), kCodeSigning);
-    makeLeaf("expired", "root", subject(kTeam), kCodeSigning, 0);
+    makeLeaf("expired", "root", subject(kTeam), kCodeSigning, 0);  // ends as it begins
     makeLeaf("server", "root", subject(kTeam), "extendedKeyUsage=serverAuth");
     makeLeaf("plain", "root", subject(kTeam), "basicConstraints=CA:FALSE");
     makeLeaf("agreement", "root", subject(kTeam), "extendedKeyUsage=codeSigning\nkeyUsage=keyAgreement");

@@ -16,8 +16,6 @@
 namespace vorlix::tool {
 namespace {
 
-constexpr const char* kNumberName = "N";  // in help texts
-
 std::string messageOf(const std::string& error) {
   return "vorlix: " + printable(error) + "\nRun with --help for more information.\n";
 }
@@ -119,7 +117,7 @@ OptionShape shapeOf(const CLI::Option& option, const CLI::App& command, const De
     shape.kind = value->second.kind;
     shape.choices = value->second.choices;
     shape.range = value->second.range;
-    shape.valueName = value->second.name;
+    shape.isNumber = value->second.isNumber;
   }
   shape.excluded = namesOf(option.get_excludes(), command);
   shape.needed = namesOf(option.get_needs(), command);
@@ -163,7 +161,6 @@ Option& Option::completes(ValueKind kind) {
 void Option::declareChoices(std::vector<std::string> choices) {
   (*declared_)[inner_].kind = ValueKind::choice;
   (*declared_)[inner_].choices = std::move(choices);
-  (*declared_)[inner_].name.clear();
 }
 
 Option& Option::oneOf(std::vector<std::string> texts) {
@@ -193,11 +190,6 @@ Option& Option::showDefault() {
   return *this;
 }
 
-Option& Option::valueText(const std::string& text) {
-  (*declared_)[inner_].name = text;
-  return *this;
-}
-
 bool Option::isGiven() const {
   return !inner_->empty();
 }
@@ -215,15 +207,20 @@ Option Command::addOption(const std::string& name, std::vector<std::string>& tar
 }
 
 Option Command::addOption(const std::string& name, uint32_t& target, const std::string& description) {
-  return Option(inner_->add_option(name, target, description), *declared_).valueText(kNumberName);
+  return numberOption(inner_->add_option(name, target, description));
 }
 
 Option Command::addOption(const std::string& name, int32_t& target, const std::string& description) {
-  return Option(inner_->add_option(name, target, description), *declared_).valueText(kNumberName);
+  return numberOption(inner_->add_option(name, target, description));
 }
 
 Option Command::addOption(const std::string& name, std::optional<uint64_t>& target, const std::string& description) {
-  return Option(inner_->add_option(name, target, description), *declared_).valueText(kNumberName);
+  return numberOption(inner_->add_option(name, target, description));
+}
+
+Option Command::numberOption(CLI::Option* inner) {
+  (*declared_)[inner].isNumber = true;
+  return Option(inner, *declared_);
 }
 
 Option Command::addChoice(const std::string& name, std::function<void(int32_t)> set,

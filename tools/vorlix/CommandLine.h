@@ -25,7 +25,7 @@ namespace vorlix::tool {
 struct DeclaredValue {
   ValueKind kind = ValueKind::undeclared;
   std::vector<std::string> choices;
-  std::string name;  ///< for help texts; empty for one that fits the kind
+  bool isNumber = false;
   std::optional<NumberRange> range;
 };
 using DeclaredValues = std::map<const CLI::Option*, DeclaredValue>;
@@ -59,9 +59,6 @@ class Option {
 
   /// Shows the target's present value in the help text.
   Option& showDefault();
-
-  /// Names the value in the help text, where its kind says too little.
-  Option& valueText(const std::string& text);
 
   /// Whether the user gave the option.
   bool isGiven() const;
@@ -126,6 +123,7 @@ class Command {
   CommandShape shape() const;
 
  private:
+  Option numberOption(CLI::Option* inner);
   Option addChoice(const std::string& name, std::function<void(int32_t)> set,
                    const std::map<std::string, int32_t>& numbers, const std::string& description);
 

@@ -43,7 +43,7 @@ struct OptionShape {
   bool takesValue = false;
   bool mayRepeat = false;                  ///< a positional argument that may be given more than once
   ValueKind kind = ValueKind::undeclared;  ///< of its value
-  std::string valueName;                   ///< for help texts; empty for one that fits the kind
+  bool isNumber = false;                   ///< the value, unless it is one of fixed words
   std::optional<NumberRange> range;        ///< of a number
   bool isRequired = false;
   std::string defaultText;            ///< empty if the description says enough

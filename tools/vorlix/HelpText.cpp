@@ -34,7 +34,6 @@ std::string usage(const CommandShape& command, const std::string& path) {
 }
 
 std::string valueNameOf(const OptionShape& option) {
-  if (!option.valueName.empty()) return option.valueName;
   switch (option.kind) {
     case ValueKind::choice:
       return joined(option.choices, "|");
@@ -56,12 +55,12 @@ std::string valueNameOf(const OptionShape& option) {
     case ValueKind::label:
       return "NAME";
     case ValueKind::identifier:
-      return "GUID";
+      return "UUID";
     case ValueKind::text:
     case ValueKind::undeclared:
       break;
   }
-  return "TEXT";
+  return option.isNumber ? "N" : "TEXT";
 }
 
 std::string titleOf(const OptionShape& option) {
